@@ -1,0 +1,5 @@
+#pragma once
+
+/** The platform's log records. */
+
+#include "logging/Log.h"

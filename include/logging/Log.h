@@ -1,0 +1,58 @@
+#pragma once
+
+#include <ctime>
+
+#include "oswrap/Export.h"
+
+/**
+ * Log records. A record is formatted and emitted in two steps, LogMakeString and LogDispatch, which
+ * the macro REFLECTORB_LOG joins; it formats nothing when the level is above the threshold.
+ *
+ * Levels: 0 fatal, 2 and 3 errors, 4 warnings, 5 information, 6 notes.
+ */
+
+/** Formats the calling thread's next record. Long records are cut at 4,095 characters. No errors.
+ */
+REFLECTORB_API void LogMakeString(char const* format, ...) __attribute__((format(printf, 1, 2)));
+/** Emits the calling thread's record to the sink, if `level` passes the threshold. `source` is the
+ * source file's name without extension. */
+REFLECTORB_API void LogDispatch(int level, int line, char const* source);
+
+namespace Logging {
+
+/** One record as the sink sees it; the pointers are valid during the call only. */
+struct Record {
+    int level;
+    std::timespec time;  // clock of the day
+    char const* actor;
+    long thread;  // kernel's thread id
+    char const* source;
+    int line;
+    char const* text;
+};
+
+/** Receives each record, possibly from several threads at once, with no lock of the library held.
+ */
+using Sink = void (*)(Record const& record, void* context);
+
+/** Replaces the sink; null puts back the default, which writes a line per record to standard error.
+ * Returns when no record is on its way to the old sink, unless called from inside that sink. */
+REFLECTORB_API void setSink(Sink sink, void* context);
+/** Records with a level above `level` are dropped before they are formatted (default 5). */
+REFLECTORB_API void setThreshold(int level);
+REFLECTORB_API int threshold();
+/** The name that records carry (the default is the executable's name). */
+REFLECTORB_API void setActor(char const* name);
+/** Whether a record of this level would be emitted. */
+REFLECTORB_API bool enabled(int level);
+
+}  // namespace Logging
+
+/** Logs a printf-style record under `source`, at no cost when its level is filtered. */
+#define REFLECTORB_LOG(level, source, ...)            \
+    do {                                              \
+        if (::Logging::enabled(level)) {              \
+            ::LogMakeString(__VA_ARGS__);             \
+            ::LogDispatch((level), __LINE__, source); \
+        }                                             \
+    } while (false)

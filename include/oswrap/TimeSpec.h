@@ -1,0 +1,63 @@
+#pragma once
+
+#include <time.h>
+
+#include "oswrap/Export.h"
+
+namespace OSWrap {
+
+/**
+ * A length of time or a clock reading: whole seconds and nanoseconds (0 to 999,999,999).
+ * A value; all arithmetic keeps the nanoseconds in range. Differences may be negative: then the
+ * seconds are negative and the nanoseconds still positive.
+ */
+class REFLECTORB_API TimeSpec {
+public:
+    /** Waits without limit when given as a timeout; compares greater than every other value. */
+    static TimeSpec const INFINITETIME;
+
+    constexpr TimeSpec() = default;
+    /** `nanoseconds` may be any value; it is carried into the seconds. */
+    constexpr TimeSpec(long long seconds, long long nanoseconds)
+        : seconds_(seconds + floorDivide(nanoseconds)),
+          nanoseconds_(nanoseconds - floorDivide(nanoseconds) * kNanosecondsPerSecond) {}
+
+    constexpr long long seconds() const { return seconds_; }
+    constexpr long long nanoseconds() const { return nanoseconds_; }
+    /** The whole value in nanoseconds; saturates for INFINITETIME. */
+    long long totalNanoseconds() const;
+    bool isInfinite() const;
+    /** For calls of the operating system. */
+    timespec toTimespec() const;
+
+    friend constexpr TimeSpec operator+(TimeSpec const& a, TimeSpec const& b) {
+        return {a.seconds_ + b.seconds_, a.nanoseconds_ + b.nanoseconds_};
+    }
+    friend constexpr TimeSpec operator-(TimeSpec const& a, TimeSpec const& b) {
+        return {a.seconds_ - b.seconds_, a.nanoseconds_ - b.nanoseconds_};
+    }
+    TimeSpec& operator+=(TimeSpec const& other) { return *this = *this + other; }
+    TimeSpec& operator-=(TimeSpec const& other) { return *this = *this - other; }
+    friend constexpr bool operator==(TimeSpec const& a, TimeSpec const& b) {
+        return a.seconds_ == b.seconds_ && a.nanoseconds_ == b.nanoseconds_;
+    }
+    friend constexpr bool operator!=(TimeSpec const& a, TimeSpec const& b) { return !(a == b); }
+    friend constexpr bool operator<(TimeSpec const& a, TimeSpec const& b) {
+        return a.seconds_ != b.seconds_ ? a.seconds_ < b.seconds_ : a.nanoseconds_ < b.nanoseconds_;
+    }
+    friend constexpr bool operator>(TimeSpec const& a, TimeSpec const& b) { return b < a; }
+    friend constexpr bool operator<=(TimeSpec const& a, TimeSpec const& b) { return !(b < a); }
+    friend constexpr bool operator>=(TimeSpec const& a, TimeSpec const& b) { return !(a < b); }
+
+private:
+    static constexpr long long kNanosecondsPerSecond = 1'000'000'000;
+    static constexpr long long floorDivide(long long n) {
+        return n >= 0 ? n / kNanosecondsPerSecond
+                      : -((-n + kNanosecondsPerSecond - 1) / kNanosecondsPerSecond);
+    }
+
+    long long seconds_ = 0;
+    long long nanoseconds_ = 0;
+};
+
+}  // namespace OSWrap

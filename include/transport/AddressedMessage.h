@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <utility>
+
+#include "oswrap/Export.h"
+#include "transport/TerminationId.h"
+
+namespace Transport {
+
+/** The largest message in bytes; the allocation of a larger one fails. */
+constexpr std::size_t kLargestMessage = 16u * 1024u * 1024u;
+
+/**
+ * A handle on one message buffer with its two addresses. Copies share the buffer (reference
+ * counted, atomically), so a change made through one copy is seen by all. Buffers come from a pool
+ * and go back to it: a call costs no heap allocation once the pool is warm. An empty handle has no
+ * buffer and size 0.
+ */
+class REFLECTORB_API AddressedMessage {
+public:
+    AddressedMessage() = default;
+    AddressedMessage(AddressedMessage const& other);
+    AddressedMessage(AddressedMessage&& other) noexcept
+        : block_(std::exchange(other.block_, nullptr)) {}
+    AddressedMessage& operator=(AddressedMessage const& other);
+    AddressedMessage& operator=(AddressedMessage&& other) noexcept {
+        std::swap(block_, other.block_);
+        return *this;
+    }
+    ~AddressedMessage();
+
+    /**
+     * A zero-filled buffer of `size` bytes without addresses. `capacity` (when larger) reserves
+     * room behind it for `extend`. Empty when `size` exceeds kLargestMessage or memory has run out.
+     */
+    static AddressedMessage allocate(std::size_t size, std::size_t capacity = 0);
+
+    bool empty() const { return block_ == nullptr; }
+    unsigned char* buf();
+    unsigned char const* buf() const;
+    std::size_t size() const;
+    TerminationId originator() const;
+    TerminationId destination() const;
+    void originator(TerminationId id);
+    void destination(TerminationId id);
+
+    /**
+     * Makes the buffer `size` bytes long in place, new bytes zero. Only when this handle is the
+     * buffer's sole owner and the reserved room suffices; otherwise false and nothing changes.
+     */
+    bool extend(std::size_t size);
+
+private:
+    struct Block;
+    explicit AddressedMessage(Block* block) : block_(block) {}
+
+    Block* block_ = nullptr;  // counted reference, null when empty
+};
+
+}  // namespace Transport

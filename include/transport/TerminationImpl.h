@@ -1,0 +1,62 @@
+#pragma once
+
+#include <memory>
+
+#include "transport/Termination.h"
+
+namespace Transport {
+
+class LocalTermination;
+
+/**
+ * A termination of this process: the base of a broker. Has a receiving thread of its own from
+ * `start` to `stop`. Virtual operations stand in a prescribed slot order.
+ *
+ * Callbacks: `receive` and `receiveError` run on the receiving thread, one message at a time, and
+ * must not wait for a response. `appeared` and `disappeare` run on the process's arrivals thread
+ * and departures thread, never on a receiving thread. No lock of the transport is held in a
+ * callback.
+ */
+class REFLECTORB_API TerminationImpl : public Termination {
+public:
+    /** Takes an address in `group` with the slot of this process and a free name id (which is not
+     * reused soon). termId() is 0, with a log line, when the rendezvous folder refuses. `name` is
+     * for people (part of what a listing shows); may be empty. */
+    TerminationImpl(GroupId group, char const* name);
+    virtual ~TerminationImpl();
+    TerminationImpl(TerminationImpl const&) = delete;
+    TerminationImpl& operator=(TerminationImpl const&) = delete;
+
+    /** A message arrived. The result is of no account to the transport. */
+    virtual bool receive(AddressedMessage const& message) = 0;
+    /** Sends to this termination itself. */
+    virtual int issue(AddressedMessage& message);
+    /** A message of ours that was taken could not be delivered: a copy of our own. */
+    virtual bool receiveError(AddressedMessage const& message) = 0;
+    virtual int issueError(AddressedMessage const& message);
+    /** Makes the termination visible to all and starts the receiving thread; 1 on success, else 0.
+     */
+    virtual int start();
+    /** Called by `start` when the termination is visible. The default does nothing. */
+    virtual void started();
+    /**
+     * Withdraws the termination. Returns when no callback of it is running or will come, except the
+     * one that called it. Idempotent. Does nothing in a forked child.
+     */
+    virtual void stop();
+    /** Any termination of any group came up (our own too) or has gone. */
+    virtual void appeared(Termination& termination) = 0;
+    virtual void disappeare(Termination& termination) = 0;
+
+    /** A zero-filled buffer whose originator is this termination. `priority` is always 5 in this
+     * system, and of no effect on one machine. Empty when larger than kLargestMessage. `capacity`:
+     * see AddressedMessage::allocate. */
+    AddressedMessage allocateMessage(std::size_t size, int priority,
+                                     std::size_t capacity = 0) const;
+
+private:
+    std::unique_ptr<LocalTermination>
+        local_;  // the driver's half, from construction to destruction
+};
+
+}  // namespace Transport
