@@ -1,0 +1,33 @@
+# Language level, warnings and sanitizers of every target of this build.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "Type of the build" FORCE)
+endif()
+
+# Files and offsets above 2 GiB also where a long has 32 bits.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
+# GoogleTest is built with them as well: a sanitizer must see all code of a process.
+if(REFLECTORB_SANITIZE)
+    add_compile_options(-fsanitize=${REFLECTORB_SANITIZE} -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${REFLECTORB_SANITIZE})
+    if(REFLECTORB_SANITIZE MATCHES "undefined")
+        add_compile_options(-fno-sanitize-recover=all)
+    endif()
+endif()
+
+# Our own code only, so not added for the whole directory.
+add_library(reflectorb-warnings INTERFACE)
+target_compile_options(reflectorb-warnings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
+    -Wcast-qual -Wformat=2 -Wundef
+    # clang counts changes of sign as conversions, gcc does not; the wire is full of them.
+    $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
+    # The lock annotations of the platform's mutexes are only understood by clang.
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>
+    $<$<BOOL:${REFLECTORB_WERROR}>:-Werror>)

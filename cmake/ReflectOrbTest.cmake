@@ -1,0 +1,93 @@
+# Functions for the tests.
+#
+#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>]
+#                   [PLATFORM] [INTERNALS | ROOMS <room>...] [LIBRARIES <library>...])
+#
+# makes one GoogleTest program and registers each of its tests with ctest, which may run all of
+# them at the same time. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
+# emulation multiply it. Labels are the folder's name and LABELS.
+#
+#   reflectorb_test_program(<name> SOURCES <file>... [PLATFORM] [INTERNALS | ROOMS ...] [LIBRARIES ...])
+#
+# makes a program that tests start as a child with fork and exec. Tests find it with
+# testsupport::programCommand("<name>") of tests/support/TestPrograms.h.
+#
+# What both link: by default the shared library reflectorb, as a user would. PLATFORM takes only
+# reflectorb-platform. INTERNALS takes archives of the same object files, so that hidden symbols and
+# internal headers can be used. ROOMS takes the object files of the named rooms and nothing else:
+# the test of a lower floor then builds although a higher one does not.
+
+set(REFLECTORB_TEST_PROGRAM_DIR "${PROJECT_BINARY_DIR}/tests/programs")
+
+# Sanitizers and emulation slow down what tests wait for.
+set(REFLECTORB_TIMEOUT_FACTOR 1)
+if(REFLECTORB_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
+    set(REFLECTORB_TIMEOUT_FACTOR 4)
+endif()
+
+macro(_reflectorb_parse_test_arguments)
+    cmake_parse_arguments(PARSE_ARGV 1 arg
+        "PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
+    if(arg_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "${name}: unknown arguments ${arg_UNPARSED_ARGUMENTS}")
+    endif()
+endmacro()
+
+function(_reflectorb_link_library target platform internals rooms)
+    set(libraries)
+    if(rooms)
+        list(TRANSFORM rooms PREPEND "ro-" OUTPUT_VARIABLE libraries)
+    else()
+        set(libraries reflectorb)
+        if(platform OR NOT TARGET reflectorb)
+            set(libraries reflectorb-platform)
+        endif()
+        if(internals)
+            string(APPEND libraries "-internals")
+        endif()
+    endif()
+    if(rooms OR internals)
+        target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
+    endif()
+    # A room that has no sources yet has no target either.
+    foreach(library IN LISTS libraries)
+        if(TARGET ${library})
+            target_link_libraries(${target} PRIVATE ${library})
+        endif()
+    endforeach()
+    target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/include")
+    target_link_libraries(${target} PRIVATE
+        reflectorb-warnings reflectorb-test-support Boost::headers Threads::Threads)
+endfunction()
+
+function(reflectorb_test name)
+    _reflectorb_parse_test_arguments()
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 60)
+    endif()
+    math(EXPR timeout "${arg_TIMEOUT} * ${REFLECTORB_TIMEOUT_FACTOR}")
+    cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME folder)
+    set(labels ${folder} ${arg_LABELS})
+
+    add_executable(${name} ${arg_SOURCES})
+    _reflectorb_link_library(${name} "${arg_PLATFORM}" "${arg_INTERNALS}" "${arg_ROOMS}")
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} gtest_main gmock)
+    if(REFLECTORB_PCH)
+        target_precompile_headers(${name} REUSE_FROM reflectorb-test-pch)
+    endif()
+    add_dependencies(reflectorb-tests ${name})
+    gtest_discover_tests(${name}
+        DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${timeout} LABELS "${labels}")
+endfunction()
+
+function(reflectorb_test_program name)
+    _reflectorb_parse_test_arguments()
+    add_executable(${name} ${arg_SOURCES})
+    set_target_properties(${name} PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY "${REFLECTORB_TEST_PROGRAM_DIR}")
+    _reflectorb_link_library(${name} "${arg_PLATFORM}" "${arg_INTERNALS}" "${arg_ROOMS}")
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
+    add_dependencies(reflectorb-tests ${name})
+endfunction()
