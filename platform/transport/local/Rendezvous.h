@@ -1,0 +1,83 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "transport/TerminationId.h"
+
+namespace Transport {
+
+/**
+ * What a termination of this process is told about all terminations, its own included. No lock of
+ * the transport is held in a call. `arrived` runs on the arrivals thread and `departed` on the
+ * departures thread of the process.
+ */
+class PresenceListener {
+public:
+    virtual void arrived(TerminationId id) = 0;
+    virtual void departed(TerminationId id) = 0;
+
+protected:
+    ~PresenceListener() = default;
+};
+
+/**
+ * The folder in which the terminations of a machine find each other: takes addresses, shows and
+ * withdraws entries, connects to them, and watches who is there. One per process, never destroyed.
+ * All functions may be called on any thread, and none with a lock of the channels held. In a forked
+ * child none of them does anything.
+ */
+class Rendezvous {
+public:
+    /** Told when a termination is gone, before its departure is told to anyone. Must not block. */
+    using GoneHook = void (*)(TerminationId id);
+
+    static Rendezvous& instance();
+
+    /** Takes an address whose name id is unique in the whole folder and was not in use lately.
+     * `name` is shown in the entry's name. 0, with a log line, when the folder refuses (owner,
+     * mode, no name id left). The address is held until `withdraw`. */
+    TerminationId reserve(GroupId group, std::string const& name);
+    /** Binds, listens, locks and only then shows the entry, enters it in this process's tables and
+     * announces it. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
+     * to the caller; -1, with a log line, on failure. */
+    int publish(TerminationId own);
+    /** Takes a published entry out of view and of the tables, announces that, and frees the address
+     * (also of one only reserved). Idempotent. The caller closes the descriptor afterwards. */
+    void withdraw(TerminationId own);
+
+    /** A connected SOCK_SEQPACKET descriptor (non-blocking, close-on-exec), which belongs to the
+     * caller. -1 with errno: EAGAIN when the peer's backlog is full (try again later), anything
+     * else when nobody listens there. Never blocks. */
+    int connectTo(TerminationId peer);
+    /** Whether the entry of `id` is locked by the process `pid` (which may be this process). May
+     * read the folder: for the handshake, not for each message. */
+    bool ownedBy(TerminationId id, pid_t pid);
+
+    /** Whether `id` is there; answers from memory. */
+    bool exists(TerminationId id) const;
+    /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
+    void suspect(TerminationId id);
+
+    /** From now on `listener` is told: first the arrival of every termination that is there (its
+     * own included), then every change. */
+    void attach(PresenceListener& listener);
+    /** Returns when no call of `listener` is running or will come, except the one from inside
+     * which it is called. Idempotent. */
+    void detach(PresenceListener& listener);
+
+    /** Sets the one hook of the channels; set once, before the first `reserve`. */
+    void goneHook(GoneHook hook);
+
+private:
+    Rendezvous();
+    ~Rendezvous() = delete;
+    Rendezvous(Rendezvous const&) = delete;
+    Rendezvous& operator=(Rendezvous const&) = delete;
+
+    struct State;
+    State& state_;  // allocated once, never freed
+};
+
+}  // namespace Transport
