@@ -66,6 +66,7 @@ function(reflectorb_library target)
     add_library(${target}-internals STATIC EXCLUDE_FROM_ALL ${objects})
     set_target_properties(${target} ${target}-internals PROPERTIES LINKER_LANGUAGE CXX)
     set_target_properties(${target} PROPERTIES
+        LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
         VERSION ${PROJECT_VERSION}
         SOVERSION ${REFLECTORB_SOVERSION})
     foreach(library ${target} ${target}-internals)

@@ -67,7 +67,6 @@ function(reflectorb_test name)
     endif()
     math(EXPR timeout "${arg_TIMEOUT} * ${REFLECTORB_TIMEOUT_FACTOR}")
     cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME folder)
-    set(labels ${folder} ${arg_LABELS})
 
     add_executable(${name} ${arg_SOURCES})
     _reflectorb_link_library(${name} "${arg_PLATFORM}" "${arg_INTERNALS}" "${arg_ROOMS}")
@@ -79,7 +78,20 @@ function(reflectorb_test name)
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${timeout} LABELS "${labels}")
+        PROPERTIES TIMEOUT ${timeout})
+    _reflectorb_label_tests(${name} ${folder} ${arg_LABELS})
+endfunction()
+
+# The properties of gtest_discover_tests cannot hold lists, so labels are set when ctest has read
+# the names that were discovered.
+function(_reflectorb_label_tests name)
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake")
+    file(CONFIGURE OUTPUT "${script}" @ONLY CONTENT [[
+if(@name@_TESTS)
+    set_tests_properties(${@name@_TESTS} PROPERTIES LABELS "@ARGN@")
+endif()
+]])
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
 endfunction()
 
 function(reflectorb_test_program name)

@@ -8,10 +8,10 @@
 namespace testsupport {
 namespace {
 
-std::vector<std::string> splitAtSemicolons(std::string const& text) {
+std::vector<std::string> splitAtColons(std::string const& text) {
     std::vector<std::string> parts;
     std::istringstream input(text);
-    for (std::string part; std::getline(input, part, ';');) {
+    for (std::string part; std::getline(input, part, ':');) {
         parts.push_back(part);
     }
     return parts;
@@ -25,7 +25,7 @@ std::string peerDirectory() {
 }  // namespace
 
 std::vector<std::string> programCommand(std::string const& name) {
-    std::vector<std::string> command = splitAtSemicolons(TEST_EMULATOR);
+    std::vector<std::string> command = splitAtColons(TEST_EMULATOR);
     command.push_back(std::string(TEST_PROGRAM_DIR) + "/" + name);
     return command;
 }
