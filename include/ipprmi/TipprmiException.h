@@ -1,0 +1,52 @@
+#pragma once
+
+#include "ipprmi/TipprmiAny.h"
+
+/** The exception of the broker itself: a code. Wire form: the code as unsigned int. */
+class TipprmiGeneralException {
+public:
+    explicit TipprmiGeneralException(unsigned int code) : code_(code) {}
+    /** The type under which containers carry it. */
+    static constexpr unsigned int getExceptionClassType() { return 1; }
+    unsigned int code() const { return code_; }
+    void code(unsigned int value) { code_ = value; }
+
+private:
+    unsigned int code_;
+};
+
+/**
+ * Stands at the head of every response: type 0 says that the call succeeded, type 1 that it failed
+ * with a TipprmiGeneralException in the data.
+ *
+ * Wire form: the type as unsigned int, the data as TipprmiAny.
+ */
+class REFLECTORB_API TipprmiExceptionContainer {
+public:
+    unsigned int getExceptionType() const { return type_; }
+    void setExceptionType(unsigned int type) { type_ = type; }
+    template <class T>
+    void setExceptionData(T const& value) {
+        data_.insert(value);
+    }
+    template <class T>
+    void getExceptionData(T& value) {
+        data_.extract(value);
+    }
+
+    friend REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
+                                                    TipprmiExceptionContainer const& value);
+    friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream,
+                                                    TipprmiExceptionContainer& value);
+
+private:
+    unsigned int type_ = 0;
+    TipprmiAny data_;
+};
+
+REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
+                                         TipprmiGeneralException const& value);
+REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiGeneralException& value);
+
+/** Writes a container of type 1 with a TipprmiGeneralException of `code`. */
+REFLECTORB_API void writeGeneralException(TipprmiStream& stream, unsigned int code);

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <new>
+#include <string>
+
+#include "transport/AddressedMessage.h"
+
+class TreflectORB;
+
+/**
+ * The broker's view of a transport message. A value: copies share the buffer. The originator and
+ * the destination are the transport's and are not repeated in the header.
+ *
+ * Header at the start of the transport's buffer, each field unsigned, most significant byte first:
+ *
+ * | offset | width | field | meaning |
+ * |---|---|---|---|
+ * | 0 | 4 | transactionId | pairs a response with its request; 0 until the sender assigns one |
+ * | 4 | 4 | type | what the payload is (type_t) |
+ * | 8 | 4 | kind | the role in the exchange (kind_t) |
+ * | 12 | size - 12 | payload | depends on the type |
+ *
+ * A message without a buffer (allocation failed) has size 0, a null `buf` and reads as all zeros.
+ */
+class REFLECTORB_API TreflectMessage {
+public:
+    /** Bytes of the header. */
+    static constexpr unsigned int kHeaderSize = 12;
+
+    enum kind_t : unsigned int {
+        kUndef = 0,
+        kMsg = 1,
+        kRequest = 2,
+        kResponse = 3,
+        kNoDestination = 4,
+        kResponseFailure = 5
+    };
+
+    enum type_t : unsigned int {
+        tUndef = 0,
+        tResolve = 1,
+        tPayload = 2,
+        tOCN = 3,
+        tODN = 4,
+        tOCNSubscribe = 5,
+        tODNSubscribe = 6,
+        tOCNUnsubscribe = 7,
+        tODNUnsubscribe = 8,
+        tOrbAppeared = 9,
+        tPerfCounters = 10
+    };
+
+    /** Wraps a transport message, without copying its bytes. */
+    explicit TreflectMessage(Transport::AddressedMessage const& message);
+    /** A new message of `size` payload bytes with `transactionId`; kind and type are the caller's
+     * to set. A null broker gives a message without originator. */
+    TreflectMessage(TreflectORB const* orb, unsigned int const& transactionId, unsigned int size);
+    /** A new message of `size` payload bytes that starts with the header of `other` and as much of
+     * its payload as fits. Reserves room for further growth when it is larger than `other`. */
+    TreflectMessage(TreflectORB const* orb, TreflectMessage const& other, unsigned int size);
+
+    operator Transport::AddressedMessage() const { return message_; }
+
+    kind_t kind() const;
+    type_t type() const;
+    unsigned int transactionId() const;
+    void kind(kind_t value);
+    void type(type_t value);
+    void transactionId(unsigned int const& value);
+
+    /** Payload bytes and where they start. */
+    unsigned int size() const;
+    unsigned char* buf();
+    unsigned char const* buf() const;
+    bool empty() const { return message_.empty(); }
+    /** Makes the payload `size` bytes long in place; only for the buffer's sole owner, see
+     * Transport::AddressedMessage::extend. */
+    bool extend(unsigned int size);
+
+    Transport::TerminationId originator() const { return message_.originator(); }
+    Transport::TerminationId destination() const { return message_.destination(); }
+    /** The transport's handle, for sending. */
+    Transport::AddressedMessage& addressed() { return message_; }
+
+    /** Printable labels, always six characters. */
+    std::string kindToStr(kind_t const& kind) const;
+    std::string typeToStr(type_t const& type) const;
+
+    /**
+     * Whether the message may be processed: checks its addresses, type and kind (kUndef expects no
+     * kind in particular), logs the last failing check at level 3 or, with `output`, the sound
+     * message at level 5. `line` and `place` are printed. `unused` is ignored. A message without
+     * destination is reported and accepted.
+     */
+    bool testValidation(kind_t expected, int line, char const* place, bool output,
+                        int unused) const;
+
+    /** Single messages come from a pool, so that a response handed to its waiter costs no
+     * allocation. */
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, std::nothrow_t const&) noexcept;
+    static void operator delete(void* memory) noexcept;
+    static void operator delete(void* memory, std::nothrow_t const&) noexcept;
+
+private:
+    Transport::AddressedMessage message_;
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "ipprmi/TipprmiOID.h"
+#include "reflect/NamespaceId.h"
+#include "reflect/TreflectOrbId.h"
+
+class TipprmiObjectSkeleton;
+
+/**
+ * Where an object is. Locations are ordered by namespace (signed), internal id (unsigned), then,
+ * when the brokers are equal and both have an identifier, by identifier, else by broker. Two
+ * locations of the same namespace, internal id and broker are equivalent when either lacks an
+ * identifier.
+ *
+ * Marshalled form: identifier (TipprmiOID; without a name an empty one with the namespace),
+ * internal id (unsigned int), broker id value (unsigned int).
+ */
+class REFLECTORB_API TreflectObjectLocationIf {
+public:
+    TreflectObjectLocationIf() = default;
+    TreflectObjectLocationIf(TreflectObjectLocationIf const&) {}
+    TreflectObjectLocationIf& operator=(TreflectObjectLocationIf const&) { return *this; }
+    virtual ~TreflectObjectLocationIf();
+
+    /** Whether the object has a named identifier. */
+    virtual bool hasOID() const = 0;
+    virtual TipprmiOID getOID() const = 0;
+    /** The broker that serves the object. */
+    virtual TreflectOrbId orbId() const = 0;
+    /** Internal object id at that broker; 0 means none. */
+    virtual unsigned int getInternalOID() const = 0;
+    virtual NamespaceId getNamespaceId() const = 0;
+    /** The object itself when it is served in this process, else null. Not owned. */
+    virtual TipprmiObjectSkeleton* getServer() const = 0;
+
+    bool operator<(TreflectObjectLocationIf const& other) const;
+};
+
+class TipprmiStream;
+REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
+                                         TreflectObjectLocationIf const& location);
