@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+
+#include "handler_threads/Debugging.h"
+#include "oswrap/AdaptiveWait.h"
+#include "oswrap/Export.h"
+#include "oswrap/Mutex.h"
+
+/**
+ * Permission policy of HandlerThreads: a token that one thread at a time holds, as often as it
+ * likes, and that is given to those who ask for it strictly in the order in which they asked.
+ *
+ * Taking the free token and giving it back with nobody queued is one atomic operation each. A
+ * thread that finds the token taken queues an entry that lies on its stack. Whoever gives the token
+ * back hands it to the front entry, so it is never free while somebody is queued, and moves the
+ * next one up to the front, which wakes it. So a hand-over wakes at most two threads however many
+ * wait, and the thread whose turn comes next is on its feet, polling for a bounded time, while its
+ * predecessor still works.
+ *
+ * One object per process, made by HandlerThreads and never destroyed. Any thread may call anything.
+ */
+template <class Debugging>
+class REFLECTORB_API DebugPermission {
+public:
+    DebugPermission(DebugPermission const&) = delete;
+    DebugPermission& operator=(DebugPermission const&) = delete;
+
+    /** Logs which permission is in use (level 5). */
+    void init(Debugging) const;
+    /**
+     * Takes the token, or one more level of it, waiting for its turn. A cancellation point while it
+     * waits (the cancellation type is deferred meanwhile): a cancelled thread leaves the queue, and
+     * passes the token on if it has just been given. The thread at the front reports once per
+     * second that it waits (level 5). Taking a further level is reported with a backtrace (level
+     * 4). Call with no lock held that the holder of the token may want.
+     */
+    void get();
+    /** Gives back one level, with the last one the token. Reported and ignored when the caller does
+     * not hold it (level 3). No cancellation point. */
+    void release();
+    /** Clean-up of a cancelled `get`: takes the calling thread out of the queue of the
+     * DebugPermission `self`. No effect on a thread that is not queued, or when `self` is null. */
+    static void removeId(void* self);
+    /** Levels that the holder has; 0 when the token is free. */
+    unsigned long count() const { return count_.load(std::memory_order_relaxed); }
+    /** Thread id of the holder, 0 when the token is free. Exact when the caller asks about itself;
+     * about others it is a glimpse. */
+    unsigned long getOwner() const {
+        return word_.load(std::memory_order_relaxed) & ~kSomebodyQueued;
+    }
+
+private:
+    template <template <class> class, template <class> class, class>
+    friend class HandlerThreads;
+    struct Waiter;
+    DebugPermission() = default;
+
+    bool tryTake();
+    void waitForTurn();
+    bool enqueueUnlessFree(Waiter& waiter);
+    void awaitGrant(Waiter& waiter);
+    void handOver();
+    void leaveQueue(Waiter& waiter);
+    void grantFront() OSW_REQUIRES(queueMutex_);
+    void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
+
+    /// Top bit of `word_`; thread ids stay below it.
+    static constexpr unsigned long kSomebodyQueued = ~(~0ul >> 1);
+
+    /// The holder's thread id and the bit kSomebodyQueued. 0 <-> id without the lock; whatever sets
+    /// or clears the bit, or puts one id in another's place, under `queueMutex_`.
+    std::atomic<unsigned long> word_{0};
+    std::atomic<unsigned long> count_{0};  // changed by the holder only
+    std::atomic<long> ownerTid_{0};        // kernel's id of the holder, for log lines only
+    OSWrap::AdaptiveWait frontWait_;       // statistics of the waits at the front
+
+    /// Locked before the mutex of a waiter, after any other lock; never while waiting or logging.
+    OSWrap::Mutex queueMutex_;
+    Waiter* front_ OSW_GUARDED_BY(queueMutex_) = nullptr;
+    Waiter* back_ OSW_GUARDED_BY(queueMutex_) = nullptr;
+};
+
+extern template class DebugPermission<Debugging_t<1>>;

@@ -1,0 +1,6 @@
+#pragma once
+
+/** Chooses at compile time whether the handler-thread classes carry their diagnostics: 1 with, 0
+ * without. Only `Debugging_t<1>` is built. */
+template <int Level>
+struct Debugging_t {};
