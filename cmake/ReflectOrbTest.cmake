@@ -49,6 +49,8 @@ function(_reflectorb_link_library target platform internals rooms)
     if(rooms OR internals)
         target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
     endif()
+    # The support stands before the libraries, whose archives must resolve what it asks for.
+    target_link_libraries(${target} PRIVATE reflectorb-test-support)
     # A room that has no sources yet has no target either.
     foreach(library IN LISTS libraries)
         if(TARGET ${library})
@@ -57,7 +59,7 @@ function(_reflectorb_link_library target platform internals rooms)
     endforeach()
     target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}/include")
     target_link_libraries(${target} PRIVATE
-        reflectorb-warnings reflectorb-test-support Boost::headers Threads::Threads)
+        reflectorb-warnings Boost::headers Threads::Threads)
 endfunction()
 
 function(reflectorb_test name)

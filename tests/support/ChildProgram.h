@@ -1,0 +1,98 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Waiting.h"
+
+namespace testsupport {
+
+/**
+ * A program that a test has started (fork and exec) and that ends with this object at the latest.
+ * A thread of its own reads both outputs, so that the child never blocks on them.
+ *
+ * Start it on a thread that lives as long as the child shall: the kernel kills the child when that
+ * thread ends, so that a test that crashes leaves nobody behind.
+ */
+class ChildProgram {
+public:
+    using Environment = std::map<std::string, std::string>;
+
+    /** Starts a test program by its name (see TestPrograms.h). `environment` adds to the test's. */
+    explicit ChildProgram(std::string const& name, std::vector<std::string> const& arguments = {},
+                          Environment const& environment = {});
+    /** Starts a whole command, such as one of `peerProgramCommand`; throws std::system_error when
+     * the system has no process to give. A command that cannot be executed exits with 127. */
+    explicit ChildProgram(std::vector<std::string> command,
+                          std::vector<std::string> const& arguments = {},
+                          Environment const& environment = {});
+    /** Kills the child if it still runs, and waits for its end. */
+    ~ChildProgram();
+    ChildProgram(ChildProgram const&) = delete;
+    ChildProgram& operator=(ChildProgram const&) = delete;
+
+    pid_t pid() const { return pid_; }
+
+    /** Writes a line to the child's standard input; false when it no longer reads. */
+    bool writeLine(std::string const& line);
+    void closeInput();
+
+    /** Waits for the next line on standard output that contains `part`, beginning behind the one
+     * found last, and answers it; nothing when the child's output has ended or the time is up. */
+    std::optional<std::string> waitForLine(std::string const& part,
+                                           std::chrono::milliseconds limit = kPatience);
+    /** The same for standard error, where the child's log goes. */
+    std::optional<std::string> waitForErrorLine(std::string const& part,
+                                                std::chrono::milliseconds limit = kPatience);
+    /** All lines so far. */
+    std::vector<std::string> lines() const;
+    std::vector<std::string> errorLines() const;
+
+    /** Sends a signal: SIGKILL, SIGSTOP, SIGCONT, ... */
+    void signal(int number);
+    void kill();
+    /** Waits for the child's end and answers its status as waitpid gives it; nothing when the time
+     * is up. All output is in `lines` afterwards, unless a grandchild still holds it open. */
+    std::optional<int> waitForExit(std::chrono::milliseconds limit = kPatience);
+    /** As `waitForExit`, as a plain number: the exit code, or minus the number of the signal that
+     * ended the child; -1000 when the time is up. */
+    int exitCode(std::chrono::milliseconds limit = kPatience);
+
+private:
+    /** Lines of one output, in the order of arrival. */
+    struct Output {
+        int descriptor = -1;
+        std::string unfinished;
+        std::vector<std::string> lines;
+        std::size_t next = 0;  // first line that no wait has passed yet
+        bool ended = false;
+    };
+
+    void start(std::vector<std::string> const& command, Environment const& environment);
+    void readOutputs();
+    void readSome(Output& output);
+    std::optional<std::string> waitForLineIn(Output& output, std::string const& part,
+                                             std::chrono::milliseconds limit);
+    void waitForOutputEnd(std::chrono::milliseconds limit);
+
+    pid_t pid_ = -1;
+    int input_ = -1;
+    int stopReading_ = -1;       // write end of a pipe: closing it ends the reader
+    int readerStop_ = -1;        // its read end, closed by the reader
+    std::optional<int> status_;  // test's thread only
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    Output out_;    // guarded by mutex_, but for the descriptor
+    Output error_;  // guarded by mutex_, but for the descriptor
+    std::thread reader_;
+};
+
+}  // namespace testsupport
