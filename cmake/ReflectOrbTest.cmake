@@ -5,7 +5,8 @@
 #
 # makes one GoogleTest program and registers each of its tests with ctest, which may run all of
 # them at the same time. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
-# emulation multiply it. Labels are the folder's name and LABELS.
+# emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native"
+# does what an emulator cannot do, and is left out where there is one.
 #
 #   reflectorb_test_program(<name> SOURCES <file>... [PLATFORM] [INTERNALS | ROOMS ...] [LIBRARIES ...])
 #
@@ -77,6 +78,9 @@ function(reflectorb_test name)
         target_precompile_headers(${name} REUSE_FROM reflectorb-test-pch)
     endif()
     add_dependencies(reflectorb-tests ${name})
+    if(CMAKE_CROSSCOMPILING_EMULATOR AND "native" IN_LIST arg_LABELS)
+        return()
+    endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60

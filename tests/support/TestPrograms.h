@@ -13,7 +13,7 @@ std::vector<std::string> programCommand(std::string const& name);
 
 /// The same for the build of another word size that stands beside this one. Its build tree is
 /// named by the environment variable `REFLECTORB_PEER_DIR` or, failing that, by the CMake variable
-/// of that name. Empty if there is none, or if it lacks the program: a mixed test then skips itself.
+/// of that name. Empty if there is none, or if it lacks the program.
 std::vector<std::string> peerProgramCommand(std::string const& name);
 
 }  // namespace testsupport

@@ -1,0 +1,66 @@
+# Functions for programs that are no tests.
+#
+#   reflectorb_example(<name> SOURCES <file>...)
+#   reflectorb_benchmark(<name> SOURCES <file>... [INTERNALS] [LIBRARIES <library>...])
+#
+# make build/<preset>/examples/<name> and build/<preset>/bench/<name>. ./run demo and ./run bench
+# build the targets reflectorb-examples and reflectorb-benchmarks, then start examples/machine/demo.sh
+# and bench/bench.sh with the build tree as first argument.
+#
+#   reflectorb_fuzz_target(<name> SOURCES <file>...)
+#   reflectorb_fuzz_seeds(<name> SOURCES <file>...)
+#
+# make a libFuzzer program, and the program of the same name that writes its seed corpus into the
+# folder which is its only argument. Both reach hidden symbols. ./run fuzz finds them.
+
+function(_reflectorb_program target library)
+    target_link_libraries(${target} PRIVATE reflectorb-warnings)
+    if(TARGET ${library})
+        target_link_libraries(${target} PRIVATE ${library})
+    endif()
+    if(library MATCHES "-internals$")
+        target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
+    endif()
+endfunction()
+
+function(reflectorb_example name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
+    add_executable(${name} ${arg_SOURCES})
+    _reflectorb_program(${name} reflectorb)
+    set_target_properties(${name} PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/examples")
+    add_dependencies(reflectorb-examples ${name})
+endfunction()
+
+function(reflectorb_benchmark name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "INTERNALS" "" "SOURCES;LIBRARIES")
+    add_executable(${name} ${arg_SOURCES})
+    if(arg_INTERNALS)
+        _reflectorb_program(${name} reflectorb-internals)
+    else()
+        _reflectorb_program(${name} reflectorb)
+    endif()
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} Threads::Threads)
+    set_target_properties(${name} PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bench")
+    add_dependencies(reflectorb-benchmarks ${name})
+endfunction()
+
+function(reflectorb_fuzz_target name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
+    add_executable(fuzz-${name} ${arg_SOURCES})
+    _reflectorb_program(fuzz-${name} reflectorb-internals)
+    target_link_options(fuzz-${name} PRIVATE -fsanitize=fuzzer)
+    set_target_properties(fuzz-${name} PROPERTIES
+        OUTPUT_NAME ${name}
+        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz/targets")
+endfunction()
+
+function(reflectorb_fuzz_seeds name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
+    add_executable(fuzz-seeds-${name} ${arg_SOURCES})
+    _reflectorb_program(fuzz-seeds-${name} reflectorb-internals)
+    set_target_properties(fuzz-seeds-${name} PROPERTIES
+        OUTPUT_NAME ${name}
+        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz/seeds")
+endfunction()
