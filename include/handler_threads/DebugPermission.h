@@ -60,10 +60,10 @@ private:
     void waitForTurn();
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
-    void handOver();
     void leaveQueue(Waiter& waiter);
-    void grantFront() OSW_REQUIRES(queueMutex_);
+    void passOn() OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
+    void reportFurtherLevel(unsigned long levels) const;
 
     /// Top bit of `word_`; thread ids stay below it.
     static constexpr unsigned long kSomebodyQueued = ~(~0ul >> 1);

@@ -52,7 +52,7 @@ public:
      * is the HandlerThreads object. */
     static void releaseOnThreadTermination(void* instance);
     /** Whether the calling thread is in handler state. */
-    bool isHandler() const { return container_.exist(); }
+    bool isHandler() const;
     /** Whether the calling thread holds the permission. */
     bool hasPermission() const;
     /** Number of nested handler states of all threads together. */
