@@ -31,12 +31,21 @@ struct Record {
     char const* text;
 };
 
-/** Receives each record, possibly from several threads at once, with no lock of the library held.
- */
+/** Receives each record, possibly from several threads at once, with no lock of the library held
+ * and cancellation disabled. Runs in the thread that logs, so it must not block for long; it must
+ * not throw. What a sink logs itself is dropped. */
 using Sink = void (*)(Record const& record, void* context);
 
-/** Replaces the sink; null puts back the default, which writes a line per record to standard error.
- * Returns when no record is on its way to the old sink, unless called from inside that sink. */
+/**
+ * Replaces the sink; null puts back the default. Returns when no record is on its way to the old
+ * sink, unless called from inside that sink. Any thread.
+ *
+ * The default writes a line per record to standard error with one write:
+ * `2024-05-17T08:15:30.123456Z level actor[thread] source:line text`, in UTC, at most 4,096 bytes
+ * (which pipes do not tear apart; a longer text is cut and ends in "..."), control characters shown
+ * as blanks. It waits at most 20 ms for a reader that does not keep up; after that, records are
+ * dropped, and their number is told as soon as there is room again.
+ */
 REFLECTORB_API void setSink(Sink sink, void* context);
 /** Records with a level above `level` are dropped before they are formatted (default 5). */
 REFLECTORB_API void setThreshold(int level);

@@ -3,7 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "oswrap/ConditionVar.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Export.h"
 
 namespace OSWrap {
 
@@ -13,21 +14,52 @@ namespace OSWrap {
  * and again, giving the processor away between two questions (sched_yield), and sleeps only when
  * the answer does not come within about 20 us.
  *
- * Polling stops paying when others need the processors: a yield that takes longer than about 400 us
- * ends it, with a growing back-off. It also ends when it did not pay lately. Setup of the transport
- * can turn it off for the process, and a thread under a real-time policy never polls.
+ * Polling stops paying when the waits are long, and when others need the processors:
+ * - A place whose polls keep failing lets waits pass without polling, 8 at first, then twice as
+ * many each time up to 1,024, and then tries once. So calls at a slow pace cost next to nothing
+ * more. Short sleeps reported by `slept` bring the next try nearer.
+ * - A yield that takes longer than 400 us means that another thread had work for the processor. It
+ *   ends polling in the whole process for 10 ms, then for twice as long each time up to a second,
+ *   and for 10 ms again when there was none of these for long.
+ * - A thread under a real-time policy never polls: its yields would keep all others out.
+ * - The process can turn polling off (`enable`).
  *
  * Every wait in a call's way uses this class; nothing else in the system polls. An object belongs
- * to one waiting place; its state is statistics only, so several threads may share one (relaxed
- * atomics).
+ * to one waiting place (a receiving thread, a workers' queue, a caller's record), wherever its
+ * threads come from; its state is statistics only, so several threads may share one. The usual
+ * form:
+ *
+ *     place.poll([&] { return arrived.load(); });
+ *     Lock<ConditionVar> lock(condition);
+ *     if (!arrivedLocked()) {
+ *         AdaptiveWait::Sleep const sleep(place);
+ *         while (!arrivedLocked())
+ *             condition.wait(TimeSpec::INFINITETIME);
+ *     }
+ *
+ * The signaller stores what `ready` reads before it signals, and signals with the lock held; a
+ * signal that finds nobody asleep makes no system call.
  */
 class REFLECTORB_API AdaptiveWait {
 public:
+    /** Reports to `slept`, at its end, the time since it was made: the length of a sleep. */
+    class Sleep {
+    public:
+        explicit Sleep(AdaptiveWait& place) : place_(place), start_(Clock::nowNanoseconds()) {}
+        ~Sleep() { place_.slept(Clock::nowNanoseconds() - start_); }
+        Sleep(Sleep const&) = delete;
+        Sleep& operator=(Sleep const&) = delete;
+
+    private:
+        AdaptiveWait& place_;
+        long long const start_;
+    };
+
     /**
      * Polls until `ready()` answers true or polling does not pay. Call without any lock held;
      * `ready` reads atomics only and must not touch what its signaller may free. True when
      * `ready()` was seen true: the caller then takes its lock and looks for itself, as it does
-     * before it sleeps.
+     * before it sleeps. No cancellation point.
      */
     template <class Ready>
     bool poll(Ready&& ready) {
@@ -37,39 +69,47 @@ public:
             return false;
         Spell spell(*this);
         while (spell.goOn())
-            if (ready())
-                return spell.succeeded();
+            if (ready()) {
+                succeeded();
+                return true;
+            }
         return false;
     }
 
-    /** After a sleep: how long the thread slept in all, which tells whether polling would have
-     * paid. */
+    /** After a sleep: how long it lasted in all, until the thread ran again. Tells whether polling
+     * could have paid. Class Sleep does this. */
     void slept(long long nanoseconds);
 
-    /** Turns polling on or off for the whole process (on at start). */
+    /** Turns polling on or off for the whole process (on at start). Any thread, any time. */
     static void enable(bool on);
     static bool enabled();
 
 private:
-    /** One spell of polling: counts yields and watches the clock. */
+    /** One spell of polling: yields and watches the clock. */
     class REFLECTORB_API Spell {
     public:
-        explicit Spell(AdaptiveWait& place);
+        explicit Spell(AdaptiveWait& place)
+            : place_(place), start_(Clock::nowNanoseconds()), last_(start_) {}
         /** Yields the processor; false when the time is up or the yield was too long. */
         bool goOn();
-        bool succeeded();
 
     private:
         AdaptiveWait& place_;
         long long const start_;
-        long long last_;
+        long long last_;  // when the latest yield was over
     };
 
-    bool worthwhile();
+    static constexpr std::int32_t kMostCredit = 8;
+    static constexpr std::int32_t kLeastSkip = 8;
 
-    std::atomic<std::int32_t> credit_{
-        0};  // statistics: grows with short waits, shrinks with long ones
-    std::atomic<std::int32_t> backOff_{0};  // waits to let pass without polling
+    bool worthwhile();
+    void succeeded();
+    void failed(std::int32_t weight);
+
+    // Statistics: relaxed, and an update that gets lost in a race does not matter.
+    std::atomic<std::int32_t> credit_{kMostCredit};   // failures to bear until waits are skipped
+    std::atomic<std::int32_t> skip_{0};               // waits to let pass without polling
+    std::atomic<std::int32_t> nextSkip_{kLeastSkip};  // what skip_ becomes at the next failure
 };
 
 }  // namespace OSWrap

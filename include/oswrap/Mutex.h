@@ -9,10 +9,12 @@
 
 namespace OSWrap {
 
-/** A plain mutex, not recursive. `lock` is no cancellation point. */
+/** A plain mutex, not recursive. `lock` is no cancellation point. One of static storage can be used
+ * before and while other static objects are built; keep it out of reach of static destruction by
+ * never destroying what owns it. */
 class REFLECTORB_API OSW_CAPABILITY("mutex") Mutex {
 public:
-    Mutex();
+    constexpr Mutex() = default;
     ~Mutex();
     Mutex(Mutex const&) = delete;
     Mutex& operator=(Mutex const&) = delete;
@@ -25,7 +27,7 @@ public:
     pthread_mutex_t* native() { return &mutex_; }
 
 private:
-    pthread_mutex_t mutex_;
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
 /** A recursive mutex that knows how often its owner has locked it. */

@@ -31,9 +31,17 @@ private:
 
 /**
  * A thread whose body is the virtual `run`. A resource: neither copied nor moved. The owner starts
- * it once and joins it, unless it deletes itself at its end (deleteOnThreadTermination). A started
- * thread blocks all signals. A priority or policy that the process may not set is logged once at
- * level 5 and ignored.
+ * it once and joins it, unless it deletes itself at its end (deleteOnThreadTermination).
+ *
+ * A started thread bears `name` (its first 15 characters are what the kernel shows) and blocks all
+ * signals, except those that its own faults raise (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP,
+ * SIGSYS), so that a crash handler of the process sees them. `priority` counts in a real-time
+ * policy only; the kernel's other policies know a single one. A priority or policy that the process
+ * may not set is logged once per process at level 5 and ignored.
+ *
+ * A thread may be cancelled (pthread_cancel) while it is in `run`: it unwinds through it, objects
+ * on its stack are destroyed, and the object is deleted as after a return. Once `run` is over
+ * cancellation is disabled. Nothing that `run` throws may leave it.
  */
 class REFLECTORB_API Thread {
 public:
@@ -48,20 +56,24 @@ public:
     Thread(Thread const&) = delete;
     Thread& operator=(Thread const&) = delete;
 
-    /** Marks the object as heap allocated and deletes it when `run` has returned. Call before
-     * `start`; afterwards the starter does not touch the object again. */
+    /** Marks the object as heap allocated and deletes it when `run` has returned or was cancelled;
+     * nobody can join it. Call before `start`; when that has answered true, the starter does not
+     * touch the object again. */
     void deleteOnThreadTermination() { deleteAtEnd_ = true; }
     /** False, with a log line at level 3, when the operating system has no thread to give; the
      * object is then still the caller's. */
     bool start();
-    /** Waits for the end of `run`. No effect on a detached or never started thread. */
+    /** Waits for the end of `run`; no cancellation point. No effect on a detached, never started or
+     * already joined thread. The owner's thread only. */
     void join();
 
-    /** Numbers threads of this process from 1; never given twice, never 0. */
+    /** Numbers threads of this process from 1, in the order in which they ask first; never given
+     * twice, never 0, the same for as long as the thread lives, in its thread-specific destructors
+     * too. Costs a few instructions. Any thread, not only those of this class. */
     static unsigned long getCurrentId();
-    /** The kernel's thread id of the caller. */
+    /** The kernel's thread id of the caller, remembered, so that asking needs no system call. */
     static long getCurrentTid();
-    /** A cancellation point. Interrupted sleeps are resumed. */
+    /** A cancellation point. Interrupted sleeps are resumed. `nanoseconds` may exceed a second. */
     static void sleep(unsigned int seconds, unsigned long nanoseconds);
 
 protected:
@@ -69,7 +81,11 @@ protected:
     virtual int run() = 0;
 
 private:
+    struct EndOfThread;
+
     static void* enter(void* self);
+    bool joinableOnceStarted() const { return !detached_ && !deleteAtEnd_; }
+    int create(pthread_t& handle);
     void applyScheduling() const;
 
     std::string const name_;

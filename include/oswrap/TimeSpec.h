@@ -9,7 +9,8 @@ namespace OSWrap {
 /**
  * A length of time or a clock reading: whole seconds and nanoseconds (0 to 999,999,999).
  * A value; all arithmetic keeps the nanoseconds in range. Differences may be negative: then the
- * seconds are negative and the nanoseconds still positive.
+ * seconds are negative and the nanoseconds still positive. INFINITETIME stays what it is whatever
+ * finite value is added or taken away; other values stand for at most 2^62 seconds.
  */
 class REFLECTORB_API TimeSpec {
 public:
@@ -24,16 +25,21 @@ public:
 
     constexpr long long seconds() const { return seconds_; }
     constexpr long long nanoseconds() const { return nanoseconds_; }
-    /** The whole value in nanoseconds; saturates for INFINITETIME. */
+    /** The whole value in nanoseconds, kept within the range of the type. */
     long long totalNanoseconds() const;
-    bool isInfinite() const;
-    /** For calls of the operating system. */
+    constexpr bool isInfinite() const { return seconds_ == kInfiniteSeconds; }
+    /** For calls of the operating system; kept within the range of its time_t. */
     timespec toTimespec() const;
 
     friend constexpr TimeSpec operator+(TimeSpec const& a, TimeSpec const& b) {
+        if (a.isInfinite() || b.isInfinite())
+            return infinite();
         return {a.seconds_ + b.seconds_, a.nanoseconds_ + b.nanoseconds_};
     }
+    /** `b` is finite. */
     friend constexpr TimeSpec operator-(TimeSpec const& a, TimeSpec const& b) {
+        if (a.isInfinite())
+            return a;
         return {a.seconds_ - b.seconds_, a.nanoseconds_ - b.nanoseconds_};
     }
     TimeSpec& operator+=(TimeSpec const& other) { return *this = *this + other; }
@@ -51,10 +57,11 @@ public:
 
 private:
     static constexpr long long kNanosecondsPerSecond = 1'000'000'000;
+    static constexpr long long kInfiniteSeconds = 0x7FFF'FFFF'FFFF'FFFF;
     static constexpr long long floorDivide(long long n) {
-        return n >= 0 ? n / kNanosecondsPerSecond
-                      : -((-n + kNanosecondsPerSecond - 1) / kNanosecondsPerSecond);
+        return n / kNanosecondsPerSecond - (n % kNanosecondsPerSecond < 0 ? 1 : 0);
     }
+    static constexpr TimeSpec infinite() { return {kInfiniteSeconds, kNanosecondsPerSecond - 1}; }
 
     long long seconds_ = 0;
     long long nanoseconds_ = 0;

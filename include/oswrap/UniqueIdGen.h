@@ -6,7 +6,8 @@
 
 namespace OSWrap {
 
-/** Hands out numbers that are unique within the process until 2^32 of them have been used. */
+/** Hands out numbers that are unique within the process until 2^32 of them have been used. Where
+ * they begin differs from one start of a process to the next. */
 class REFLECTORB_API UniqueIdGen {
 public:
     static UniqueIdGen& instance();
@@ -14,7 +15,9 @@ public:
     unsigned int getId();
 
 private:
-    std::atomic<unsigned int> last_{0};
+    UniqueIdGen();
+
+    std::atomic<unsigned int> last_;
 };
 
 }  // namespace OSWrap

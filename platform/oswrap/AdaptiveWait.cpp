@@ -1,0 +1,134 @@
+#include "oswrap/AdaptiveWait.h"
+
+#include <sched.h>
+
+#include <algorithm>
+
+namespace OSWrap {
+namespace {
+
+// Measured between two processes on two processors: a hand-over to a polling thread takes about
+// one microsecond, to a sleeping one 10 to 50.
+constexpr long long kSpell = 20'000;        // ns; longer spells found little more
+constexpr long long kLongYield = 400'000;   // ns; a yield among our own threads takes far less
+constexpr long long kShortSleep = 150'000;  // ns; what a wait takes when all its peers sleep too
+constexpr std::int32_t kMostSkip = 1024;
+constexpr std::uint32_t kLeastPause = 10;   // ms
+constexpr std::uint32_t kMostPause = 1000;  // ms
+constexpr std::uint32_t kCalm = 8;          // pauses without a long yield until all is forgotten
+
+std::atomic<bool> allowed{true};
+
+/** Keeps the process from polling while others need the processors. Times are milliseconds of the
+ * monotonic clock modulo 2^32, so that all machines have atomics of their width. */
+class BusyPause {
+public:
+    /** After a yield that took long. */
+    void begin(long long now) {
+        std::uint32_t const start = milliseconds(now);
+        std::uint32_t const length = length_.load(std::memory_order_relaxed);
+        bool const calm = start - start_.load(std::memory_order_relaxed) > kCalm * length;
+        length_.store(calm || length == 0 ? kLeastPause : std::min(2 * length, kMostPause),
+                      std::memory_order_relaxed);
+        start_.store(start, std::memory_order_relaxed);
+        on_.store(true, std::memory_order_relaxed);
+    }
+    bool running() {
+        if (!on_.load(std::memory_order_relaxed))
+            return false;
+        std::uint32_t const passed =
+            milliseconds(Clock::nowNanoseconds()) - start_.load(std::memory_order_relaxed);
+        if (passed < length_.load(std::memory_order_relaxed))
+            return true;
+        on_.store(false, std::memory_order_relaxed);
+        return false;
+    }
+
+private:
+    static std::uint32_t milliseconds(long long now) {
+        return static_cast<std::uint32_t>(now / 1'000'000);
+    }
+
+    std::atomic<bool> on_{false};
+    std::atomic<std::uint32_t> start_{0};
+    std::atomic<std::uint32_t> length_{0};
+};
+
+BusyPause busyPause;
+
+/** Whether the calling thread has an ordinary scheduling policy. The answer is remembered and asked
+ * for again from time to time, since anybody may change a thread's policy. */
+bool runsUnderOrdinaryPolicy() {
+    constexpr int kAnswersPerQuestion = 256;
+    thread_local int left = 0;
+    thread_local bool ordinary = false;
+    if (--left < 0) {
+        int const policy = sched_getscheduler(0);
+        ordinary = policy == SCHED_OTHER || policy == SCHED_BATCH;
+        left = kAnswersPerQuestion;
+    }
+    return ordinary;
+}
+
+}  // namespace
+
+bool AdaptiveWait::worthwhile() {
+    std::int32_t const skip = skip_.load(std::memory_order_relaxed);
+    if (skip > 0) {
+        skip_.store(skip - 1, std::memory_order_relaxed);
+        return false;
+    }
+    return enabled() && !busyPause.running() && runsUnderOrdinaryPolicy();
+}
+
+bool AdaptiveWait::Spell::goOn() {
+    if (last_ - start_ >= kSpell) {
+        place_.failed(1);
+        return false;
+    }
+    sched_yield();
+    long long const now = Clock::nowNanoseconds();
+    if (now - last_ >= kLongYield)
+        busyPause.begin(now);
+    last_ = now;
+    return true;  // also after a long yield: the answer may have come meanwhile
+}
+
+void AdaptiveWait::succeeded() {
+    credit_.store(kMostCredit, std::memory_order_relaxed);
+    nextSkip_.store(kLeastSkip, std::memory_order_relaxed);
+}
+
+void AdaptiveWait::failed(std::int32_t weight) {
+    std::int32_t const credit = credit_.load(std::memory_order_relaxed) - weight;
+    if (credit > 0) {
+        credit_.store(credit, std::memory_order_relaxed);
+        return;
+    }
+    std::int32_t const skip = nextSkip_.load(std::memory_order_relaxed);
+    credit_.store(1, std::memory_order_relaxed);
+    skip_.store(skip, std::memory_order_relaxed);
+    nextSkip_.store(std::min(2 * skip, kMostSkip), std::memory_order_relaxed);
+}
+
+void AdaptiveWait::slept(long long nanoseconds) {
+    std::int32_t const skip = skip_.load(std::memory_order_relaxed);
+    if (nanoseconds > kShortSleep) {
+        if (skip == 0)
+            failed(2);
+    } else if (skip > 0) {
+        skip_.store(skip - skip / 16 - 1, std::memory_order_relaxed);
+        if (skip == 1)
+            credit_.store(kMostCredit, std::memory_order_relaxed);
+    }
+}
+
+void AdaptiveWait::enable(bool on) {
+    allowed.store(on, std::memory_order_relaxed);
+}
+
+bool AdaptiveWait::enabled() {
+    return allowed.load(std::memory_order_relaxed);
+}
+
+}  // namespace OSWrap
