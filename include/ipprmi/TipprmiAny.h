@@ -1,6 +1,6 @@
 #pragma once
 
-#include <memory>
+#include <optional>
 
 #include "ipprmi/TipprmiStream.h"
 
@@ -8,33 +8,30 @@
  * One encoded value in a stream of its own. Copies share the buffer; an any whose buffer is shared
  * gets a new one before it is written. Its stream (100 data bytes of room) is allocated when first
  * used. The value's type is not recorded: extracting another type than was inserted reads the bytes
- * as that type.
+ * as that type. A value without lock: one thread at a time, but copies in several threads are
+ * independent of each other.
  *
  * Wire form: int data length, data.
  */
 class REFLECTORB_API TipprmiAny {
 public:
-    TipprmiAny();
-    TipprmiAny(TipprmiAny const& other);
-    TipprmiAny& operator=(TipprmiAny const& other);
-    ~TipprmiAny();
-
     /** Replaces the content by `value`. */
     template <class T>
     TipprmiAny& insert(T const& value) {
         writable() << value;
         return *this;
     }
-    /** Reads the content from its start, as often as wanted. */
+    /** Reads the content from its start, as often as wanted. A read past its end fails for good:
+     * until the next insert every extraction yields zeros. */
     template <class T>
     TipprmiAny& extract(T& value) {
         TipprmiStream& stream = readable();
         stream >> value;
         return *this;
     }
-    bool empty() const;
-    /** Whether a read of this any has failed. */
-    bool hasUnmarshallingFailed() const;
+    bool empty() const { return !stream_ || stream_->empty(); }
+    /** Whether a read of this any has failed, or its value was too large. */
+    bool hasUnmarshallingFailed() const { return stream_ && stream_->hasUnmarshallingFailed(); }
 
     friend REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, TipprmiAny const& value);
     friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiAny& value);
@@ -44,6 +41,10 @@ private:
     TipprmiStream& writable();
     /** The stream, rewound. */
     TipprmiStream& readable();
+    /** Takes the next any of `stream` as content; none when its length is below 1. */
+    void read_(TipprmiStream& stream);
 
-    std::unique_ptr<TipprmiStream> stream_;  // null until first used
+    static constexpr int kInitialRoom = 100;  // data bytes; small values never grow it
+
+    std::optional<TipprmiStream> stream_;  // none until first used
 };

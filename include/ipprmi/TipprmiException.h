@@ -5,7 +5,7 @@
 /** The exception of the broker itself: a code. Wire form: the code as unsigned int. */
 class TipprmiGeneralException {
 public:
-    explicit TipprmiGeneralException(unsigned int code) : code_(code) {}
+    explicit TipprmiGeneralException(unsigned int code = 0) : code_(code) {}
     /** The type under which containers carry it. */
     static constexpr unsigned int getExceptionClassType() { return 1; }
     unsigned int code() const { return code_; }
@@ -17,7 +17,7 @@ private:
 
 /**
  * Stands at the head of every response: type 0 says that the call succeeded, type 1 that it failed
- * with a TipprmiGeneralException in the data.
+ * with a TipprmiGeneralException in the data. One of type 0 costs no allocation.
  *
  * Wire form: the type as unsigned int, the data as TipprmiAny.
  */
@@ -47,6 +47,14 @@ private:
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
                                          TipprmiGeneralException const& value);
 REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiGeneralException& value);
+
+// Instances that the library itself provides.
+extern template REFLECTORB_API TipprmiAny& TipprmiAny::insert(TipprmiGeneralException const& value);
+extern template REFLECTORB_API TipprmiAny& TipprmiAny::extract(TipprmiGeneralException& value);
+extern template REFLECTORB_API void TipprmiExceptionContainer::setExceptionData(
+    TipprmiGeneralException const& value);
+extern template REFLECTORB_API void TipprmiExceptionContainer::getExceptionData(
+    TipprmiGeneralException& value);
 
 /** Writes a container of type 1 with a TipprmiGeneralException of `code`. */
 REFLECTORB_API void writeGeneralException(TipprmiStream& stream, unsigned int code);

@@ -2,13 +2,15 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 
 #include "oswrap/Export.h"
 #include "reflect/NamespaceId.h"
 
 class TipprmiStream;
 
-/** Base of reference-counted values. Deletes itself when its last reference goes. */
+/** Base of reference-counted values. Deletes itself when its last reference goes. The count is
+ * atomic, so that holders in several threads may come and go. */
 class REFLECTORB_API TipprmiRCObject {
 public:
     TipprmiRCObject() = default;
@@ -25,6 +27,10 @@ public:
     bool isShareable() const { return shareable_; }
     int references() const { return references_.load(std::memory_order_relaxed); }
 
+protected:
+    /** For a derived class whose values must not be shared. A copy is shareable again. */
+    void setShareable(bool shareable) { shareable_ = shareable; }
+
 private:
     std::atomic<int> references_{0};
     bool shareable_ = true;
@@ -36,6 +42,7 @@ class TipprmiRCPtr {
 public:
     TipprmiRCPtr(T* value = nullptr) : value_(value) { init(); }
     TipprmiRCPtr(TipprmiRCPtr const& other) : value_(other.value_) { init(); }
+    TipprmiRCPtr(TipprmiRCPtr&& other) noexcept : value_(std::exchange(other.value_, nullptr)) {}
     TipprmiRCPtr& operator=(TipprmiRCPtr const& other) {
         if (value_ != other.value_) {
             T* const old = value_;
@@ -44,6 +51,10 @@ public:
             if (old)
                 old->removeReference();
         }
+        return *this;
+    }
+    TipprmiRCPtr& operator=(TipprmiRCPtr&& other) noexcept {
+        std::swap(value_, other.value_);
         return *this;
     }
     ~TipprmiRCPtr() {
@@ -85,6 +96,8 @@ public:
         StringValue(StringValue const& other);
         StringValue& operator=(StringValue const&) = delete;
         ~StringValue() override;
+        /** A value that takes over `text`, which is not empty and was made with new[]. */
+        static StringValue* adopt(char* text);
         char const* text() const { return text_; }
 
     private:
@@ -101,14 +114,17 @@ public:
     char const* getIdString() const { return value_.get() ? value_->text() : nullptr; }
     NamespaceId getNamespaceId() const { return namespaceId_; }
 
-    /** Same text and namespace; both must have a text. */
+    /** Same namespace and same text; one without text equals only another without. */
     bool isEqual(TipprmiOID const& other) const;
     bool operator<(TipprmiOID const& other) const;
-    /** This text followed by `suffix`, always in NSID_UNIT; without a text a copy of this one. */
+    /** This text followed by `suffix`, always in NSID_UNIT, where the parts of an object are named;
+     * without a text a copy of this one. */
     TipprmiOID operator+(char const* suffix) const;
     TipprmiOID operator+(std::string const& suffix) const;
 
 private:
+    friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiOID& value);
+
     TipprmiRCPtr<StringValue> value_;
     NamespaceId namespaceId_;
 };

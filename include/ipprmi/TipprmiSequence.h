@@ -1,17 +1,25 @@
 #pragma once
 
+#include <type_traits>
+#include <utility>
 #include <vector>
 
+#include "ipprmi/TipprmiAny.h"
 #include "ipprmi/TipprmiStream.h"
 
 /**
  * A sequence of any length. An index out of range yields element 0; an empty sequence must not be
  * indexed. `Bound` is part of the type's name and is not enforced.
  *
- * Wire form: unsigned int count, then the elements in order, each in its own encoding.
+ * Wire form: unsigned int count, then the elements in order, each in its own encoding. To send
+ * sequences of a type of one's own, that type needs operator<< and operator>> for TipprmiStream and
+ * a default constructor. An element's encoding has four bytes or more (see
+ * TipprmiStream::readCount).
  */
 template <class T, unsigned int Bound = 0u>
 class TipprmiSequence {
+    static_assert(!std::is_same_v<T, bool>, "elements are handed out by reference");
+
 public:
     unsigned int getLength() const { return static_cast<unsigned int>(elements_.size()); }
     /** New elements are default-constructed. */
@@ -25,3 +33,41 @@ public:
 private:
     std::vector<T> elements_;
 };
+
+template <class T, unsigned int Bound>
+TipprmiStream& operator<<(TipprmiStream& stream, TipprmiSequence<T, Bound> const& sequence) {
+    unsigned int const count = sequence.getLength();
+    stream << count;
+    for (unsigned int i = 0; i < count; ++i)
+        stream << sequence[i];
+    return stream;
+}
+
+/** Each element is read afresh, so that nothing of the sequence's former content shines through. */
+template <class T, unsigned int Bound>
+TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequence) {
+    unsigned int const count = stream.readCount();
+    sequence.setLength(count);
+    for (unsigned int i = 0; i < count; ++i) {
+        if constexpr (std::is_arithmetic_v<T>) {
+            stream >> sequence[i];
+        } else {
+            T element;
+            stream >> element;
+            sequence[i] = std::move(element);
+        }
+    }
+    return stream;
+}
+
+// Instances that the library itself provides.
+extern template class REFLECTORB_API TipprmiSequence<unsigned int, 0u>;
+extern template class REFLECTORB_API TipprmiSequence<TipprmiAny, 0u>;
+extern template REFLECTORB_API TipprmiStream& operator<<(
+    TipprmiStream& stream, TipprmiSequence<unsigned int, 0u> const& sequence);
+extern template REFLECTORB_API TipprmiStream& operator>>(
+    TipprmiStream& stream, TipprmiSequence<unsigned int, 0u>& sequence);
+extern template REFLECTORB_API TipprmiStream& operator<<(
+    TipprmiStream& stream, TipprmiSequence<TipprmiAny, 0u> const& sequence);
+extern template REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream,
+                                                         TipprmiSequence<TipprmiAny, 0u>& sequence);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "reflect/NamespaceId.h"
@@ -21,13 +22,19 @@
  *
  * A read past the data yields zeros and sets a flag; later reads then yield zeros silently, so a
  * caller may read a whole list and test hasUnmarshallingFailed() once. A write that finds no room
- * (the largest message is 16 MiB) is dropped and sets the same flag.
+ * (the largest message is 16 MiB) is dropped and sets the same flag; such a stream is not sent.
+ *
+ * An arrived iptr_ is not trusted: reads stop at the end of the buffer, whatever it claims. A
+ * stream without a buffer (memory has run out) is empty.
+ *
+ * Growing makes the capacity exactly what the write needs, as getDataLimit shows it; behind it the
+ * buffer keeps hidden room, so n small writes cost O(n).
  */
 class REFLECTORB_API TipprmiStream {
 public:
     /** An empty stream with room for max(size, 1) data bytes. */
     explicit TipprmiStream(int size);
-    /** A stream that holds the `n` bytes at `data`. */
+    /** A stream that holds the `n` bytes at `data` (null: zeros). */
     TipprmiStream(void const* data, int n);
     /** A stream over a message's buffer; `clear`: emptied for writing, else to read what it holds.
      */
@@ -36,11 +43,27 @@ public:
     TipprmiStream& operator=(TipprmiStream const& other);
     ~TipprmiStream() = default;
 
-    /** Appends `n` raw bytes. */
+    /** Appends `n` raw bytes, which may be the stream's own. Nothing when `n` is below 1. */
     TipprmiStream& marshall(void const* source, int n);
     /** Takes the next `n` raw bytes; a null destination skips them. */
     TipprmiStream& unmarshall(void* destination, int n);
-    /** Replaces the whole content by `n` bytes; the read position and the flag are reset. */
+    /**
+     * Reads the length of a text or a nested value; 0 when it is below 1. Any length up to
+     * kHonouredLength is taken as it is; a greater one than the bytes that remain fails the read.
+     */
+    int readLength();
+    /**
+     * Reads the number of elements of a list. Any count up to kHonouredCount is taken as it is; a
+     * greater one than the bytes that remain could hold, at four bytes each, fails the read and
+     * gives 0.
+     */
+    unsigned int readCount();
+    /** What a reader allocates on the word of a sender, before it looks at what has arrived: enough
+     * for every real value, too little to exhaust the memory. */
+    static constexpr int kHonouredLength = 1024 * 1024;
+    static constexpr unsigned int kHonouredCount = 65536;
+    /** Replaces the whole content by `n` bytes (null: zeros); the read position and the flag are
+     * reset. */
     void setData(void const* source, int n);
     /** Puts the read position back to the start; keeps data and flag. */
     void rewind() { optr_ = 0; }
@@ -50,10 +73,11 @@ public:
 
     TreflectMessage& msg() { return message_; }
     TreflectMessage const& msg() const { return message_; }
+    /** The data bytes; null when the buffer has no room for any stream. */
     unsigned char* getDataPtr();
     unsigned char const* getDataPtr() const;
-    /** Number of data bytes written. */
-    int getDataSize() const { return iptr_(); }
+    /** Number of data bytes written; not more than getDataLimit(). */
+    int getDataSize() const;
     /** Room for data bytes in the present buffer. */
     int getDataLimit() const;
 
@@ -64,13 +88,29 @@ public:
     void printUnmarshallError(unsigned int cc, unsigned int mc) const;
 
 private:
+    friend class TipprmiAny;
+    friend REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
+                                                    TipprmiStream const& value);
+    friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, std::string& value);
+    friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiStream& value);
+
+    /** As it stands in the payload, whatever that is; 0 without a buffer. */
     int iptr_() const;
     void iptr_(int const& value);
-    void allocate_(int n);
+    /** Makes room for `n` more bytes; whether there is room now. */
+    bool allocate_(int n);
+    void grow_(std::uint64_t payloadSize);
+    /** Logs when more bytes are claimed to be written than there is room for. */
+    void checkRange_() const;
+    /** The next `n` bytes, which count as read; null when the read has failed. */
+    unsigned char const* take_(int n);
+    void failRead_(int n);
+    void dropWrite_();
 
     int optr_ = 0;  // read position, from the first data byte
     TreflectMessage message_;
     bool failed_ = false;
+    bool writeDropped_ = false;  // then failed_ holds too; spreads to streams this one is nested in
 };
 
 /**
@@ -81,10 +121,13 @@ private:
  * | unsigned int, int | 4 bytes | 4 bytes |
  * | bool | int 1 or 0 | any int but 0 is true |
  * | NamespaceId | its value as unsigned int | consumed, the target stays as it is |
- * | char const* | int length, characters, no NUL | (char*&) new[] text with a NUL, the caller's to
- * delete[] | | std::string | int length, bytes | the bytes; cleared when the length is below 1 | |
- * TipprmiStream | int data size, data | contents replaced; untouched when the size is below 1 | |
- * Transport::TerminationId | 4 raw bytes in host order | the same |
+ * | char const* | int length, characters, no NUL (null: length 0) | see char*& |
+ * | char*& | see char const* | new[] text with a NUL, the caller's to delete[] |
+ * | std::string | int length, bytes | the bytes; cleared when the length is below 1 |
+ * | TipprmiStream | int data size, data | contents replaced; untouched when the size is below 1 |
+ * | Transport::TerminationId | 4 raw bytes in host order | the same |
+ *
+ * A text or nested value whose length is there but whose bytes are not reads as that many zeros.
  */
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, unsigned int value);
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, int value);

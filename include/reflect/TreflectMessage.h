@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <string>
 
@@ -21,9 +22,13 @@ class TreflectORB;
  * | 8 | 4 | kind | the role in the exchange (kind_t) |
  * | 12 | size - 12 | payload | depends on the type |
  *
- * A message without a buffer (allocation failed) has size 0, a null `buf` and reads as all zeros.
+ * A message without a buffer (allocation failed) has size 0, a null `buf`, reads as all zeros and
+ * ignores what is set. The fields of a header that is cut short read as zero as well.
+ *
+ * No lock: the handle is used by one thread at a time; whoever shares its buffer with another
+ * thread must order their accesses.
  */
-class REFLECTORB_API TreflectMessage {
+class REFLECTORB_API TreflectMessage final {
 public:
     /** Bytes of the header. */
     static constexpr unsigned int kHeaderSize = 12;
@@ -54,7 +59,8 @@ public:
     /** Wraps a transport message, without copying its bytes. */
     explicit TreflectMessage(Transport::AddressedMessage const& message);
     /** A new message of `size` payload bytes with `transactionId`; kind and type are the caller's
-     * to set. A null broker gives a message without originator. */
+     * to set. A null broker gives a message without originator. Without a buffer when it would
+     * exceed Transport::kLargestMessage. */
     TreflectMessage(TreflectORB const* orb, unsigned int const& transactionId, unsigned int size);
     /** A new message of `size` payload bytes that starts with the header of `other` and as much of
      * its payload as fits. Reserves room for further growth when it is larger than `other`. */
@@ -69,14 +75,26 @@ public:
     void type(type_t value);
     void transactionId(unsigned int const& value);
 
-    /** Payload bytes and where they start. */
-    unsigned int size() const;
-    unsigned char* buf();
-    unsigned char const* buf() const;
+    /** Payload bytes and where they start; 0 and null when the buffer is shorter than the header.
+     */
+    unsigned int size() const {
+        std::size_t const whole = message_.size();
+        return whole < kHeaderSize ? 0 : static_cast<unsigned int>(whole - kHeaderSize);
+    }
+    unsigned char* buf() {
+        return message_.size() < kHeaderSize ? nullptr : message_.buf() + kHeaderSize;
+    }
+    unsigned char const* buf() const {
+        return message_.size() < kHeaderSize ? nullptr : message_.buf() + kHeaderSize;
+    }
     bool empty() const { return message_.empty(); }
     /** Makes the payload `size` bytes long in place; only for the buffer's sole owner, see
      * Transport::AddressedMessage::extend. */
-    bool extend(unsigned int size);
+    bool extend(unsigned int size) {
+        return message_.extend(static_cast<std::size_t>(size) + kHeaderSize);
+    }
+    /** Whether no other handle shares the buffer; false without a buffer. */
+    bool isSoleOwner() { return message_.extend(message_.size()); }
 
     Transport::TerminationId originator() const { return message_.originator(); }
     Transport::TerminationId destination() const { return message_.destination(); }
@@ -104,5 +122,8 @@ public:
     static void operator delete(void* memory, std::nothrow_t const&) noexcept;
 
 private:
+    std::uint32_t field_(std::size_t offset) const;
+    void field_(std::size_t offset, std::uint32_t value);
+
     Transport::AddressedMessage message_;
 };

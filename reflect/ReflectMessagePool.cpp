@@ -1,0 +1,69 @@
+// The pool behind operator new and delete of TreflectMessage: a response is allocated by the
+// receiving thread and freed by the thread that waited for it, call after call.
+#include "oswrap/Lock.h"
+#include "reflect/TreflectMessage.h"
+
+namespace {
+
+/** Keeps freed cells in a chain, as many as calls are likely to be under way at once. */
+class MessagePool {
+public:
+    /** Never destroyed: messages are freed up to the very end of the process. */
+    static MessagePool& instance() {
+        static MessagePool& pool = *new MessagePool;
+        return pool;
+    }
+
+    /** A kept cell, or null. */
+    void* take() {
+        OSWrap::Lock<> const lock(mutex_);
+        Cell* const cell = free_;
+        if (cell) {
+            free_ = cell->next;
+            --kept_;
+        }
+        return cell;
+    }
+
+    /** Whether the cell is kept; else it stays the caller's. */
+    bool give(void* memory) {
+        OSWrap::Lock<> const lock(mutex_);
+        if (kept_ == kMostKept)
+            return false;
+        free_ = new (memory) Cell{free_};
+        ++kept_;
+        return true;
+    }
+
+private:
+    struct Cell {
+        Cell* next;
+    };
+    static_assert(sizeof(Cell) <= sizeof(TreflectMessage), "a cell must hold its link");
+    static constexpr unsigned int kMostKept = 512;
+
+    OSWrap::Mutex mutex_;  // a leaf: no other lock is taken while it is held
+    Cell* free_ OSW_GUARDED_BY(mutex_) = nullptr;
+    unsigned int kept_ OSW_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace
+
+void* TreflectMessage::operator new(std::size_t size) {
+    void* const cell = MessagePool::instance().take();
+    return cell ? cell : ::operator new(size);
+}
+
+void* TreflectMessage::operator new(std::size_t size, std::nothrow_t const& nothrow) noexcept {
+    void* const cell = MessagePool::instance().take();
+    return cell ? cell : ::operator new(size, nothrow);
+}
+
+void TreflectMessage::operator delete(void* memory) noexcept {
+    if (memory && !MessagePool::instance().give(memory))
+        ::operator delete(memory);
+}
+
+void TreflectMessage::operator delete(void* memory, std::nothrow_t const&) noexcept {
+    operator delete(memory);
+}
