@@ -8,41 +8,60 @@
 namespace Transport {
 
 /**
- * Who this process is: its slot, whether its unit is an auxiliary one, which controller is active,
- * its name. Slots 1 and 2 hold the two redundant controllers. Any thread.
+ * Who this process is: its slot, whether its unit is an auxiliary one (AXU), which controller is
+ * active, its name. Slots 1 and 2 hold the two redundant controllers. The values come from Setup
+ * or, failing that, from the environment; a value there that makes no sense is logged at level 3
+ * and counts as absent, and the process then gets no terminations. Any thread.
  */
 class REFLECTORB_API IdInfo {
 public:
     static IdInfo& instance();
 
-    /** The slot of this unit, 1 to 255. */
+    /** The slot of this unit, 1 to 255; 0 when the environment names none that makes sense. */
     unsigned char getSlot() const;
     /** Whether this unit is an auxiliary one. */
     bool isAxu() const;
-    /** The slot (1 or 2) of the active controller; may change while the program runs. */
+    /** The slot (1 or 2) of the active controller; may change while the program runs. 0 when the
+     * environment names none that makes sense. */
     unsigned char activeSlot() const;
     /** Whether the unit in `slot` is an auxiliary one. */
     bool axuInSlot(unsigned char slot) const;
-    /** The actor's name; the reference stays valid for the life of the process. */
+    /** The actor's name, empty when the environment's makes no sense; the reference stays valid,
+     * and its text unchanged, for the life of the process. */
     std::string const& getActor() const;
 };
 
 /**
- * Tells the platform layer who this process is, before the first broker. What the program does not
- * set comes from the environment: TRANSPORT_SLOT (default 1), TRANSPORT_ACTIVE_SLOT (1),
- * TRANSPORT_AXU_SLOTS (numbers with commas between, none), TRANSPORT_ACTOR (the executable's name),
- * TRANSPORT_DIR (a folder of the user's below the runtime directory).
+ * Tells the platform layer who this process is, before its first termination. What the program does
+ * not set comes from the environment, where an empty variable counts as not set:
+ *
+ * | variable | value | default |
+ * |---|---|---|
+ * | TRANSPORT_SLOT | 1 to 255 | 1 |
+ * | TRANSPORT_ACTIVE_SLOT | 1 or 2 | 1 |
+ * | TRANSPORT_AXU_SLOTS | numbers from 3 to 255 with commas between | none |
+ * | TRANSPORT_ACTOR | 1 to 255 characters without control characters | the executable's name |
+ * | TRANSPORT_DIR | an absolute path | a folder of the user's own, see below |
+ *
+ * The default folder is `reflectorb` below XDG_RUNTIME_DIR, or else below /run/user/<uid>, where
+ * such a folder exists and belongs to the user; else /tmp/reflectorb-<uid>.
+ *
  * Each setter answers false, with a log line at level 3, for a value that makes no sense or when it
- * comes too late, and changes nothing then.
+ * comes too late, and changes nothing then. Any thread.
  */
 class REFLECTORB_API Setup {
 public:
+    /** The slot of this unit, 1 to 255. */
     static bool slot(int value);
-    /** May be called at any time. */
+    /** The slot of the active controller, 1 or 2. May be called at any time. */
     static bool activeSlot(int value);
+    /** The slots of all auxiliary units, each from 3 to 255; replaces what was known. */
     static bool axuSlots(std::vector<int> const& values);
+    /** The name of this process, also in its log records. References that getActor gave out before
+     * keep the former name. */
     static bool actor(std::string const& name);
-    /** The rendezvous folder; made with mode 0700 when absent. */
+    /** The rendezvous folder, an absolute path. Made with mode 0700 when absent (its parent must be
+     * there); used only when it is the user's own, with mode 0700, and no symbolic link. */
     static bool directory(std::string const& path);
     /** Whether waiting threads may poll for a short time before they sleep (default true). May be
      * called at any time. */

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "transport/TerminationId.h"
 
@@ -24,7 +25,8 @@ protected:
 
 /**
  * The folder in which the terminations of a machine find each other: takes addresses, shows and
- * withdraws entries, connects to them, and watches who is there. One per process, never destroyed.
+ * withdraws entries, connects to them, and watches who is there. It knows of others from the first
+ * `publish` until the last `withdraw` of this process. One per process, never destroyed.
  * All functions may be called on any thread, and none with a lock of the channels held. In a forked
  * child none of them does anything.
  */
@@ -57,11 +59,15 @@ public:
 
     /** Whether `id` is there; answers from memory. */
     bool exists(TerminationId id) const;
+    /** Everybody who is there, in ascending order; from memory. */
+    std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
     void suspect(TerminationId id);
 
     /** From now on `listener` is told: first the arrival of every termination that is there (its
-     * own included), then every change. */
+     * own included), then every change: an arrival and a departure once each, also the departure of
+     * one whose arrival had not begun to be told. Detach it before the last `withdraw`; else it is
+     * told then that all have gone. */
     void attach(PresenceListener& listener);
     /** Returns when no call of `listener` is running or will come, except the one from inside
      * which it is called. Idempotent. */

@@ -1,0 +1,77 @@
+#include "platform/transport/local/NeighbourWatch.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434  // the same on all our architectures
+#endif
+
+namespace Transport {
+namespace {
+
+constexpr std::size_t kNeighbours = 3;
+/** How often a process is looked at that the kernel gives no handle for. */
+constexpr int kTimedLook = 50;  // milliseconds
+
+/** Handles are close-on-exec by themselves. */
+Descriptor openProcess(pid_t pid) {
+    return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+}
+
+}  // namespace
+
+NeighbourWatch::NeighbourWatch() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void NeighbourWatch::wake() const {
+    std::uint64_t const one = 1;
+    static_cast<void>(!::write(wakeUp_.get(), &one, sizeof one));
+}
+
+std::vector<pid_t> NeighbourWatch::wait() {
+    std::vector<pollfd> polled{{wakeUp_.get(), POLLIN, 0}};
+    bool timed = !wakeUp_.valid();
+    for (Watched const& watched : watched_) {
+        polled.push_back({watched.handle.get(), POLLIN, 0});  // negative ones are passed over
+        timed = timed || !watched.handle.valid();
+    }
+    ::poll(polled.data(), polled.size(), timed ? kTimedLook : -1);
+    std::uint64_t count = 0;
+    static_cast<void>(!::read(wakeUp_.get(), &count, sizeof count));
+    std::vector<pid_t> suspects;
+    for (std::size_t i = 0; i < watched_.size(); ++i) {
+        if (watched_[i].handle.valid() && polled[i + 1].revents == 0)
+            continue;
+        suspects.push_back(watched_[i].pid);
+        // A handle that has told its news would tell it for ever. If the locks say that a process
+        // of this id lives on, it is another one, or cannot be trusted: look at it by time.
+        watched_[i].handle = Descriptor();
+    }
+    return suspects;
+}
+
+std::vector<pid_t> NeighbourWatch::choose(std::vector<pid_t> const& processes) {
+    std::vector<Watched> chosen;
+    std::vector<pid_t> fresh;
+    auto next = std::upper_bound(processes.begin(), processes.end(), ::getpid());
+    for (std::size_t i = 0; i < std::min(kNeighbours, processes.size()); ++i, ++next) {
+        if (next == processes.end())
+            next = processes.begin();
+        pid_t const pid = *next;
+        auto const known = std::find_if(watched_.begin(), watched_.end(),
+                                        [&](Watched const& w) { return w.pid == pid; });
+        if (known == watched_.end())
+            fresh.push_back(pid);
+        chosen.push_back(
+            {pid, known == watched_.end() ? openProcess(pid) : std::move(known->handle)});
+    }
+    watched_ = std::move(chosen);
+    return fresh;
+}
+
+}  // namespace Transport

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <vector>
+
+#include "platform/transport/local/Descriptor.h"
+
+namespace Transport {
+
+/**
+ * Watches the processes that follow this one in the ring of all processes ordered by process id.
+ * Each watches three, so the cost per process stays the same as processes are added, and a stopped
+ * watcher hides nobody's death. Belongs to one thread.
+ */
+class NeighbourWatch {
+public:
+    NeighbourWatch();
+
+    /** Makes `wait` return; any thread. */
+    void wake() const;
+    /** Waits for the end of a watched process or for `wake`. The processes whose locks are to be
+     * looked at now. */
+    std::vector<pid_t> wait();
+    /** Watches the neighbours among `processes`, which are in ascending order without this one. The
+     * processes that are watched from now on: they may have died before, so their locks are to be
+     * looked at. */
+    std::vector<pid_t> choose(std::vector<pid_t> const& processes);
+    void clear() { watched_.clear(); }
+
+private:
+    struct Watched {
+        pid_t pid;
+        Descriptor handle;  // invalid: looked at from time to time
+    };
+
+    Descriptor const wakeUp_;  // an eventfd
+    std::vector<Watched> watched_;
+};
+
+}  // namespace Transport

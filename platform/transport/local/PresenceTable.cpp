@@ -1,0 +1,229 @@
+#include "platform/transport/local/PresenceTable.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+
+namespace Transport {
+namespace {
+
+/** Application code runs in the calls, so these threads have room for it. */
+constexpr std::size_t kLaneStack = 0x80000;
+/**
+ * A departure begins this long after its arrival's call at the earliest, unless that call is over:
+ * the arrivals thread may have been put aside just before it entered the listener.
+ */
+constexpr long long kArrivalHeadStart = 20'000'000;
+
+}  // namespace
+
+/**
+ * Empties one lane. Detached, and deletes itself: it ends by itself when the last listener has been
+ * detached, which may happen inside one of its own calls.
+ */
+class PresenceTable::LaneThread : public OSWrap::Thread {
+public:
+    LaneThread(PresenceTable& table, Lane& lane)
+        : Thread(lane.name, OSWrap::Priority(0), OSWrap::SchedulingPolicy(0), kLaneStack, true),
+          table_(table),
+          lane_(lane) {}
+
+protected:
+    int run() override {
+        table_.serve(lane_);
+        return 0;
+    }
+
+private:
+    PresenceTable& table_;
+    Lane& lane_;
+};
+
+// ---- What is known ------------------------------------------------------------------------------
+
+bool PresenceTable::exists(TerminationId id) const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    return entries_.count(id) != 0;
+}
+
+std::vector<TerminationId> PresenceTable::ids() const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    std::vector<TerminationId> result;
+    result.reserve(entries_.size());
+    for (auto const& [id, entry] : entries_)
+        result.push_back(id);
+    return result;
+}
+
+bool PresenceTable::find(TerminationId id, Entry& entry) const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    auto const found = entries_.find(id);
+    if (found == entries_.end())
+        return false;
+    entry = found->second;
+    return true;
+}
+
+std::vector<PresenceTable::Known> PresenceTable::all() const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    std::vector<Known> result;
+    result.reserve(entries_.size());
+    for (auto const& [id, entry] : entries_)
+        result.push_back({id, entry});
+    return result;
+}
+
+// ---- Changes ------------------------------------------------------------------------------------
+
+bool PresenceTable::admit(TerminationId id, Entry entry) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    if (!entries_.emplace(id, std::move(entry)).second)
+        return false;
+    for (auto const& [listener, attachment] : listeners_)
+        arrivals_.queue.push_back({listener, attachment, id});
+    wake(arrivals_);
+    return true;
+}
+
+void PresenceTable::drop(TerminationId id, Departures& departures) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    if (entries_.erase(id) == 0)
+        return;
+    auto& queue = arrivals_.queue;
+    queue.erase(std::remove_if(queue.begin(), queue.end(),
+                               [&](Notice const& notice) { return notice.id == id; }),
+                queue.end());
+    departures.ids_.push_back(id);
+    for (auto const& [listener, attachment] : listeners_)
+        departures.notices_.push_back({listener, attachment, id});
+}
+
+void PresenceTable::tell(Departures& departures) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    std::move(departures.notices_.begin(), departures.notices_.end(),
+              std::back_inserter(departures_.queue));
+    departures.notices_.clear();
+    departures.ids_.clear();
+    wake(departures_);
+}
+
+// ---- Listeners ----------------------------------------------------------------------------------
+
+void PresenceTable::attach(PresenceListener& listener) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    if (!listeners_.emplace(&listener, ++lastAttachment_).second)
+        return;
+    for (auto const& [id, entry] : entries_)
+        arrivals_.queue.push_back({&listener, lastAttachment_, id});
+    wake(arrivals_);
+}
+
+/**
+ * The first to detach waits for the calls that are going on. One that comes second from inside such
+ * a call must not wait for the other lane's call: that one may be the first, which waits for it.
+ */
+void PresenceTable::detach(PresenceListener& listener) {
+    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    bool const first = listeners_.erase(&listener) != 0;
+    if (!first && calledFromInside(listener))
+        return;
+    for (Lane* const lane : {&arrivals_, &departures_}) {
+        auto& queue = lane->queue;
+        queue.erase(
+            std::remove_if(queue.begin(), queue.end(),
+                           [&](Notice const& notice) { return notice.listener == &listener; }),
+            queue.end());
+    }
+    lock_.broadcast();  // without listeners the lanes' threads end
+    while (calledByOthers(listener))
+        lock_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+bool PresenceTable::calledFromInside(PresenceListener const& listener) const {
+    unsigned long const self = OSWrap::Thread::getCurrentId();
+    return (arrivals_.called == &listener && arrivals_.thread == self) ||
+           (departures_.called == &listener && departures_.thread == self);
+}
+
+bool PresenceTable::calledByOthers(PresenceListener const& listener) const {
+    unsigned long const self = OSWrap::Thread::getCurrentId();
+    return (arrivals_.called == &listener && arrivals_.thread != self) ||
+           (departures_.called == &listener && departures_.thread != self);
+}
+
+// ---- The lanes ----------------------------------------------------------------------------------
+
+/** Has the lane's thread look at its queue; starts one if there is none. */
+void PresenceTable::wake(Lane& lane) {
+    lock_.broadcast();
+    if (lane.threadLives || lane.queue.empty())
+        return;
+    auto* const thread = new (std::nothrow) LaneThread(*this, lane);
+    if (thread == nullptr)
+        return;
+    thread->deleteOnThreadTermination();
+    lane.threadLives = thread->start();
+    if (!lane.threadLives)
+        delete thread;
+}
+
+/** The body of a lane's thread. */
+void PresenceTable::serve(Lane& lane) {
+    Notice notice{};
+    while (next(lane, notice)) {
+        (notice.listener->*lane.call)(notice.id);
+        finish(lane);
+    }
+}
+
+bool PresenceTable::attached(Notice const& notice) const {
+    auto const found = listeners_.find(notice.listener);
+    return found != listeners_.end() && found->second == notice.attachment;
+}
+
+bool PresenceTable::arrivalJustBegun(Notice const& departure) const {
+    return arrivals_.called == departure.listener && arrivals_.about == departure.id &&
+           OSWrap::Clock::nowNanoseconds() - arrivals_.since < kArrivalHeadStart;
+}
+
+/** Waits for the next call to make and marks it as begun; false when the thread is to end. */
+bool PresenceTable::next(Lane& lane, Notice& notice) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    for (;;) {
+        if (listeners_.empty()) {
+            lane.queue.clear();
+            lane.threadLives = false;
+            return false;
+        }
+        if (lane.queue.empty()) {
+            lock_.wait(OSWrap::TimeSpec::INFINITETIME);
+        } else if (!attached(lane.queue.front())) {
+            lane.queue.pop_front();
+        } else if (&lane == &departures_ && arrivalJustBegun(lane.queue.front())) {
+            lock_.wait(OSWrap::TimeSpec(0, kArrivalHeadStart / 4));
+        } else {
+            break;
+        }
+    }
+    notice = lane.queue.front();
+    lane.queue.pop_front();
+    lane.called = notice.listener;
+    lane.about = notice.id;
+    lane.since = OSWrap::Clock::nowNanoseconds();
+    lane.thread = OSWrap::Thread::getCurrentId();
+    return true;
+}
+
+void PresenceTable::finish(Lane& lane) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    lane.called = nullptr;
+    lock_.broadcast();
+}
+
+}  // namespace Transport

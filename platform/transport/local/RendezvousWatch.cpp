@@ -1,0 +1,254 @@
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "logging/Log.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "platform/transport/local/RendezvousState.h"
+
+namespace Transport {
+namespace {
+
+constexpr char const* kSource = "TransportRendezvous";
+constexpr std::size_t kWatchStack = 0x20000;
+
+}  // namespace
+
+/** Runs one of the two bodies. Detached, and deletes itself: the bodies end by themselves. */
+class Rendezvous::State::WatchThread : public OSWrap::Thread {
+public:
+    WatchThread(State& state, void (State::*body)(), char const* name)
+        : Thread(name, OSWrap::Priority(0), OSWrap::SchedulingPolicy(0), kWatchStack, true),
+          state_(state),
+          body_(body) {}
+
+protected:
+    int run() override {
+        (state_.*body_)();
+        return 0;
+    }
+
+private:
+    State& state_;
+    void (State::*const body_)();
+};
+
+bool Rendezvous::State::startThread(void (State::*body)(), char const* name, bool State::*lives) {
+    if (this->*lives)
+        return true;
+    auto* const thread = new WatchThread(*this, body, name);
+    thread->deleteOnThreadTermination();
+    this->*lives = thread->start();
+    if (!(this->*lives))
+        delete thread;
+    return this->*lives;
+}
+
+bool Rendezvous::State::startThreads() {
+    return startThread(&State::watchProcesses, "TrPresence", &State::processThreadLives_) &&
+           startThread(&State::watchAnnouncements, "TrAnnounce", &State::announcementThreadLives_);
+}
+
+/** Whether the asking thread is to end; notes that in `lives`. */
+bool Rendezvous::State::mayEnd(bool State::*lives) {
+    OSWrap::Lock<> lock(mutex_);
+    if (published_ == 0)
+        this->*lives = false;
+    return published_ == 0;
+}
+
+/**
+ * The body of "TrAnnounce". Reads the word before it asks whether to end, and is woken by raising
+ * it after the last termination was counted out: so it cannot miss that. For the same reason a
+ * change after the reading is never waited past.
+ */
+void Rendezvous::State::watchAnnouncements() {
+    EntryFolder const& files = *folder;
+    for (;;) {
+        std::uint32_t const seen = files.announcements();
+        if (mayEnd(&State::announcementThreadLives_))
+            return;
+        scanWanted_ = true;
+        watch_.wake();
+        files.waitForAnnouncement(seen);
+    }
+}
+
+/** The body of "TrPresence". */
+void Rendezvous::State::watchProcesses() {
+    for (;;) {
+        std::vector<pid_t> toCheck = watch_.wait();
+        if (mayEnd(&State::processThreadLives_))
+            return;
+        if (scanWanted_.exchange(false))
+            scan();
+        checkSuspects();
+        // Whoever is watched anew may have died before: go on until the neighbours are alive.
+        do {
+            for (pid_t const pid : toCheck)
+                checkProcess(pid);
+            toCheck = watch_.choose(otherProcesses());
+        } while (!toCheck.empty());
+    }
+}
+
+/** Process ids in ascending order without our own. */
+std::vector<pid_t> Rendezvous::State::otherProcesses() const {
+    std::set<pid_t> processes;
+    for (PresenceTable::Known const& known : table.all())
+        processes.insert(known.entry.owner);
+    processes.erase(::getpid());
+    return {processes.begin(), processes.end()};
+}
+
+// ---- Who came and went --------------------------------------------------------------------------
+
+void Rendezvous::State::scan() {
+    PresenceTable::Departures gone;
+    bool removed = false;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        removed = scanLocked(gone);
+    }
+    tell(gone);
+    if (removed)
+        folder.load()->announce();
+}
+
+/** Makes the table what the folder says. True when entries of dead ones were removed. */
+bool Rendezvous::State::scanLocked(PresenceTable::Departures& gone) {
+    if (published_ == 0)
+        return false;
+    bool removed = false;
+    std::set<TerminationId> seen;
+    for (FolderEntry const& entry : folder.load()->list()) {
+        if (own_.count(entry.id) != 0 || !admitOrRemove(entry, gone))
+            seen.insert(entry.id);
+        else
+            removed = true;
+    }
+    dropMissing(seen, gone);
+    return removed;
+}
+
+/** Deals with an entry of another process; true when it was a dead one's and is no more. */
+bool Rendezvous::State::admitOrRemove(FolderEntry const& entry, PresenceTable::Departures& gone) {
+    EntryFolder& files = *folder;
+    PresenceTable::Entry known;
+    bool const isKnown = table.find(entry.id, known);
+    if (isKnown && known.file == entry.file)
+        return false;
+    pid_t const owner = files.ownerOf(entry.id.nameId());
+    if (owner == EntryFolder::kFree && !ownsName(entry.id.nameId())) {
+        bool const removed = files.remove(entry.file);
+        if (removed)
+            REFLECTORB_LOG(5, kSource, "Removed %s, which a process without an end had left",
+                           entry.file.c_str());
+        return removed;
+    }
+    if (entry.hidden)
+        return false;
+    if (isKnown)  // its successor under the same id
+        table.drop(entry.id, gone);
+    table.admit(entry.id, {entry.file, owner});
+    return false;
+}
+
+/** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
+void Rendezvous::State::dropMissing(std::set<TerminationId> const& seen,
+                                    PresenceTable::Departures& gone) {
+    for (PresenceTable::Known const& known : table.all()) {
+        if (seen.count(known.id) != 0 || folder.load()->contains(known.entry.file))
+            continue;
+        auto const own = own_.find(known.id);
+        if (own == own_.end()) {
+            table.drop(known.id, gone);
+        } else if (!own->second.missed) {
+            own->second.missed = true;
+            REFLECTORB_LOG(3, kSource,
+                           "Somebody has removed %s of this process from the rendezvous folder %s: "
+                           "others do not see it any more",
+                           known.entry.file.c_str(), folder.load()->path().c_str());
+        }
+    }
+}
+
+bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
+    OSWrap::Lock<> lock(mutex_);
+    if (auto const own = own_.find(id); own != own_.end())
+        return own->second.published && pid == ::getpid();
+    if (published_ == 0 || folder.load()->ownerOf(id.nameId()) != pid)
+        return false;
+    if (table.exists(id))
+        return true;
+    // Its announcement is still on the way to us.
+    for (FolderEntry const& entry : folder.load()->list())
+        if (entry.id == id && !entry.hidden)
+            return table.admit(id, {entry.file, pid});
+    return false;
+}
+
+// ---- Who died -----------------------------------------------------------------------------------
+
+void Rendezvous::State::suspect(TerminationId id) {
+    {
+        OSWrap::Lock<> lock(suspectsMutex_);
+        suspects_.insert(id);
+    }
+    watch_.wake();
+}
+
+/** Takes a dead one out of the table and its entry out of the folder; true for the latter. */
+bool Rendezvous::State::bury(PresenceTable::Known const& dead, PresenceTable::Departures& gone) {
+    table.drop(dead.id, gone);
+    return folder.load()->remove(dead.entry.file);
+}
+
+/**
+ * Looks at those whose channel has ended. Only who removes the entry announces it: all peers of a
+ * dead one come here at the same time. If that one dies before it has announced, its own death is
+ * announced by its watchers, and the scans that follow find both.
+ */
+void Rendezvous::State::checkSuspects() {
+    std::set<TerminationId> suspects;
+    {
+        OSWrap::Lock<> lock(suspectsMutex_);
+        suspects.swap(suspects_);
+    }
+    PresenceTable::Departures gone;
+    bool removed = false;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        for (TerminationId const id : suspects) {
+            PresenceTable::Known known{id, {}};
+            if (own_.count(id) == 0 && table.find(id, known.entry) &&
+                folder.load()->ownerOf(id.nameId()) == EntryFolder::kFree)
+                removed = bury(known, gone) || removed;
+        }
+    }
+    tell(gone);
+    if (removed)
+        folder.load()->announce();
+}
+
+/** Buries the terminations of a process that no longer holds their locks, and announces that even
+ * when its entries are gone already: it may have died between removing and announcing. */
+void Rendezvous::State::checkProcess(pid_t pid) {
+    PresenceTable::Departures gone;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        for (PresenceTable::Known const& known : table.all())
+            if (known.entry.owner == pid && own_.count(known.id) == 0 &&
+                folder.load()->ownerOf(known.id.nameId()) != pid)
+                bury(known, gone);
+    }
+    if (gone.ids().empty())
+        return;
+    REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
+                   static_cast<int>(pid));
+    tell(gone);
+    folder.load()->announce();
+}
+
+}  // namespace Transport
