@@ -67,6 +67,8 @@ function(reflectorb_library target)
     set_target_properties(${target} ${target}-internals PROPERTIES LINKER_LANGUAGE CXX)
     set_target_properties(${target} PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
+        # Installed, one library finds the other beside itself, whatever the prefix.
+        INSTALL_RPATH "\$ORIGIN"
         VERSION ${PROJECT_VERSION}
         SOVERSION ${REFLECTORB_SOVERSION})
     foreach(library ${target} ${target}-internals)

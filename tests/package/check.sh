@@ -1,9 +1,9 @@
 #!/bin/sh
-# check.sh cmake|pkgconfig <build tree> <work folder> <compiler>
+# check.sh cmake|pkgconfig <build tree> <work folder> <compiler> <library folder>
 # Installs the build tree into the work folder, moves the result, and builds and runs a program
 # against it from there.
 set -eu
-way=$1 build=$2 work=$3 compiler=$4
+way=$1 build=$2 work=$3 compiler=$4 lib=$5
 source=$(dirname "$0")/consumer
 
 rm -rf "$work"
@@ -19,12 +19,12 @@ cmake)
     "$work/build/consumer"
     ;;
 pkgconfig)
-    PKG_CONFIG_PATH=$work/prefix/lib/pkgconfig
+    PKG_CONFIG_PATH=$work/prefix/$lib/pkgconfig
     export PKG_CONFIG_PATH
     # Unquoted on purpose: these are lists of flags.
     # shellcheck disable=SC2046
     "$compiler" -std=c++17 "$source/main.cpp" -o "$work/consumer" \
         $(pkg-config --cflags --libs reflectorb)
-    LD_LIBRARY_PATH=$work/prefix/lib "$work/consumer"
+    LD_LIBRARY_PATH=$work/prefix/$lib "$work/consumer"
     ;;
 esac
