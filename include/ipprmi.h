@@ -9,5 +9,6 @@
 #include "ipprmi/TipprmiObjectBase.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
+#include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 #include "ipprmi/TipprmiStream.h"

@@ -8,4 +8,5 @@
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectObjectLocationIf.h"
 #include "reflect/TreflectObjectStub.h"
+#include "reflect/TreflectObjectStubContainer.h"
 #include "reflect/TreflectOrbId.h"

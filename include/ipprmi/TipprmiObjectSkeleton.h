@@ -1,8 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <tuple>
+#include <type_traits>
 
 #include "ipprmi/TipprmiObjectBase.h"
+#include "ipprmi/TipprmiResult.h"
 
 class TipprmiObjectClient;
 class TreflectORB;
@@ -11,7 +14,17 @@ class TreflectORB;
  * Server side of an object: registered with the broker of its identifier's namespace from
  * construction to destruction. Derived classes override `dispatch`, serve their own method codes
  * and pass the rest on. Build and destroy skeletons holding the run permission; `dispatch` is
- * called with it.
+ * called with it. A resource: neither copied nor moved.
+ *
+ *     bool Lamp::dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+ *                         TipprmiStream& out) {
+ *         switch (mc) {
+ *         case kSwitchOn: return serve(cc, mc, in, out, &Lamp::switchOn);
+ *         default: return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+ *         }
+ *     }
+ *
+ * Virtual operations after those of the base: connect, getClient.
  */
 class REFLECTORB_API TipprmiObjectSkeleton : public TipprmiObjectBase {
 public:
@@ -21,17 +34,20 @@ public:
     TipprmiObjectSkeleton(TreflectORB* orb, TipprmiOID const& oid);
     TipprmiObjectSkeleton(TipprmiObjectSkeleton const&) = delete;
     TipprmiObjectSkeleton& operator=(TipprmiObjectSkeleton const&) = delete;
+    /** Leaves the broker and makes every stub of this process that led here invalid: handles that
+     * are left answer with failures. */
     ~TipprmiObjectSkeleton() override;
 
-    /** Any thread. */
+    /** Any thread. 0 when the broker has gone. */
     TreflectOrbId orbId() const override;
-    /** Serves 2100 (set the exception container) and 2101 (get it). */
+    /** Serves 2100 (set the exception container) and 2101 (get it); logs any other at level 3. */
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override;
+    /** The container that starts every response of this object. */
     void setExceptionContainer(TipprmiExceptionContainer const& container) override;
     TipprmiExceptionContainer getExceptionContainer() const override;
     /** Joins `orb`, or the broker of the identifier's namespace when null, leaving the present one.
-     */
+     * The object's own client handle is made anew when next asked for. */
     virtual void connect(TreflectORB* orb, TipprmiOID const& oid);
     /** The object's own client handle, made when first asked for; owned by the skeleton. Any
      * thread. */
@@ -44,9 +60,66 @@ protected:
     /** Starts a response with the skeleton's exception container; every response begins so. */
     void prepareResponseStream_(TipprmiStream& out) const;
 
+    /**
+     * Serves a call by a member function: reads its parameters from `in`, in their order, calls it,
+     * and writes the response. Parameters are values or references to const of types that can be
+     * read from a stream; the result is void, a type that can be written, or a TipprmiResult, with
+     * which the function may refuse the call. False, with a log line, when the arguments cannot be
+     * read; the function is not called then.
+     */
+    template <class Server, class Result, class... Parameters>
+    bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
+               Result (Server::*method)(Parameters...)) {
+        return serveBy<Result, Parameters...>(cc, mc, in, out, [&](auto const&... arguments) {
+            return (static_cast<Server*>(this)->*method)(arguments...);
+        });
+    }
+    template <class Server, class Result, class... Parameters>
+    bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
+               Result (Server::*method)(Parameters...) const) {
+        return serveBy<Result, Parameters...>(cc, mc, in, out, [&](auto const&... arguments) {
+            return (static_cast<Server const*>(this)->*method)(arguments...);
+        });
+    }
+
     mutable std::unique_ptr<TipprmiObjectClient> client_;  // guarded by the run permission
 
 private:
+    template <class Result, class... Parameters, class Method>
+    bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
+                 Method const& method) const {
+        std::tuple<std::decay_t<Parameters>...> arguments;
+        std::apply([&](auto&... argument) { static_cast<void>((in >> ... >> argument)); },
+                   arguments);
+        if (in.hasUnmarshallingFailed()) {
+            in.printUnmarshallError(cc, mc);
+            return false;
+        }
+        if constexpr (std::is_void_v<Result>) {
+            std::apply(method, arguments);
+            prepareResponseStream_(out);
+        } else {
+            respond(out, std::apply(method, arguments));
+        }
+        return true;
+    }
+
+    template <class T>
+    void respond(TipprmiStream& out, T const& value) const {
+        prepareResponseStream_(out);
+        out << value;
+    }
+    template <class T>
+    void respond(TipprmiStream& out, TipprmiResult<T> const& result) const {
+        if (!result) {
+            writeGeneralException(out, result.code());
+            return;
+        }
+        prepareResponseStream_(out);
+        if constexpr (!std::is_void_v<T>)
+            out << result.value();
+    }
+
     TreflectORB* orb_ = nullptr;  // guarded by the run permission; null when its broker has gone
-    TipprmiExceptionContainer exceptionContainer_;
+    TipprmiExceptionContainer exceptionContainer_;  // guarded by the run permission
 };

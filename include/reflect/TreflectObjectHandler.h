@@ -1,31 +1,60 @@
 #pragma once
 
+#include <atomic>
+
 #include "reflect/TreflectObjectStub.h"
+#include "reflect/TreflectObjectStubContainer.h"
 
 /**
- * The process's table of stubs: gives every handle the stub of its object. All operations hold the
- * run permission for their whole length. Never destroyed.
+ * The process's table of stubs: gives every handle the stub of its object. Created on first use and
+ * never destroyed. Any thread: all operations hold the run permission for their whole length, but
+ * while they wait for the answer of another broker it is given up.
  */
 class REFLECTORB_API TreflectObjectHandler {
 public:
     /** The stub of no object, named "InvalidStub". */
-    class TreflectObjectInvalidStub : public TreflectObjectStub {
+    class REFLECTORB_API TreflectObjectInvalidStub : public TreflectObjectStub {
     public:
         TreflectObjectInvalidStub();
         ~TreflectObjectInvalidStub() override;
     };
 
+    TreflectObjectHandler(TreflectObjectHandler const&) = delete;
+    TreflectObjectHandler& operator=(TreflectObjectHandler const&) = delete;
+
+    /** Null only when there is no memory. */
     static TreflectObjectHandler* getInstance();
 
+    /** One more reference to a stub; null is passed through. */
     TreflectObjectStub* adoptStub(TreflectObjectStub* stub);
+    /** A reference to the stub of a location, which is made if there is no valid one. Null only
+     * when there is no memory. */
     TreflectObjectStub* adoptStub(TreflectObjectLocationIf const& location);
+    /** Looks for the object first, which may ask every broker of the group. Without identifier: the
+     * invalid stub. */
     TreflectObjectStub* adoptStub(TipprmiOID const& oid);
+    /** The same; `orb` is of no account. */
     TreflectObjectStub* adoptStub(TreflectORB const* orb, TipprmiOID const& oid);
+    /** Gives a reference back; the last one frees the stub. Null is ignored. */
     void releaseStub(TreflectObjectStub* stub);
+    /** Has a stub with an identifier that is not connected look for its object. */
+    void checkConnect(TreflectObjectStub* stub);
     /** Makes every stub of the broker's objects invalid. */
     void invalidateStubs(TreflectOrbId const& orb);
+    /** Makes every stub that leads to `server` invalid, if there are stubs at all. */
+    static void invalidateStubsOf(TipprmiObjectSkeleton const* server);
 
 private:
+    friend class TreflectObjectStub;
+
     TreflectObjectHandler();
-    void checkConnect(TreflectObjectStub* stub);
+    ~TreflectObjectHandler() = delete;
+    /** For a stub that changes: takes it out of the table and answers whether it was in. */
+    static bool takeOut(TreflectObjectStub* stub);
+    static void putBack(TreflectObjectStub* stub);
+
+    static std::atomic<TreflectObjectHandler*> instance_;
+
+    TreflectObjectStubContainer stubs_;      // guarded by the run permission
+    TreflectObjectInvalidStub invalidStub_;  // counted, never freed
 };

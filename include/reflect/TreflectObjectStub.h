@@ -7,17 +7,32 @@ class TreflectORB;
 
 /**
  * The one shared, reference-counted standing point through which all handles of a process reach an
- * object, wherever it lives. Made, counted and freed by TreflectObjectHandler only.
+ * object, wherever it lives. Handles get their stubs from TreflectObjectHandler, which makes,
+ * counts and frees them. Used under the run permission.
+ *
+ * | state | server | internal id | what a call does |
+ * |---|---|---|---|
+ * | local | the skeleton | any | calls the skeleton |
+ * | remote | null | not 0 | sends a request to the broker |
+ * | not connected | null | 0 | looks for the object once more, then fails |
+ * | invalid | INVALIDOBJECT | any | fails; the broker has gone, or the local object |
+ *
+ * Virtual operations after those of the location, in slot order: forwardMsg, dispatch, the three
+ * connect, isConnected, className, setExceptionContainer, getExceptionContainer.
  */
 class REFLECTORB_API TreflectObjectStub : public TreflectObjectLocationIf,
                                           public TipprmiObjectBase {
 public:
-    /** Marks a stub whose broker has gone: a pointer with every bit set. */
+    /** Marks a stub whose object has gone: a pointer with every bit set. */
     static TipprmiObjectSkeleton* const INVALIDOBJECT;
 
+    /** On nothing: no identifier (in NSID_UNIT), internal id 0, broker 0. */
     TreflectObjectStub();
+    /** What is at a location; logs at level 3 when it has neither identifier nor internal id. */
     explicit TreflectObjectStub(TreflectObjectLocationIf const& location);
+    /** An object of this process; logs at level 3 when its internal id is 0. */
     explicit TreflectObjectStub(TipprmiObjectSkeleton* skeleton);
+    /** Copies all but the count; logs at level 3 when the internal id is 0. */
     TreflectObjectStub(TreflectObjectStub const& other);
     TreflectObjectStub& operator=(TreflectObjectStub const& other);
     ~TreflectObjectStub() override;
@@ -27,43 +42,94 @@ public:
     TreflectOrbId orbId() const override;
     unsigned int getInternalOID() const override;
     NamespaceId getNamespaceId() const override;
+    /** The object itself when it is served in this process; null for an invalid stub. */
     TipprmiObjectSkeleton* getServer() const override;
 
     /** Has the broker of NSID_UNIT carry a request; 1 on success. */
     virtual int forwardMsg(TreflectOrbId const& to, bool withResponse, TipprmiStream& request,
                            TipprmiStream& response) const;
+
+// Clients are answered with a code; the skeletons' dispatch is hidden on purpose.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
     /** Calls the object; 1 on success, else a failure code, and `out` holds an exception container
-     * (but for a local object, whose own affair that is). */
+     * of type 1 (but for a local object, whose own affair that is). */
     virtual int dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                          TipprmiStream& out) const;
+#pragma GCC diagnostic pop
+
+    /** Looks for the object at the broker of the identifier's namespace and leads to it from now
+     * on. No effect on an invalid stub. `orb` is of no account. */
     virtual void connect(TreflectORB const* orb, TipprmiOID const& oid);
     virtual void connect(TipprmiOID const& oid);
+    /** Leads to an object of this process, also an invalid stub; null: to nothing. */
     virtual void connect(TipprmiObjectSkeleton* skeleton);
+    /** Not invalid, and the object has been found. */
     virtual bool isConnected() const;
     virtual char const* className() const;
+    /** Sets the container that starts every response of the object. No effect on an invalid stub.
+     */
     virtual void setExceptionContainer(TipprmiExceptionContainer const& container) const;
+    /** The object's container; from an invalid stub one with a TipprmiGeneralException of code 0.
+     */
     TipprmiExceptionContainer getExceptionContainer() const override;
-    /** Routes to the const operation of the same name. */
-    void setExceptionContainer(TipprmiExceptionContainer const& container) override;
 
-    bool isValid() const { return server_ != INVALIDOBJECT; }
-    void setInvalid() { server_ = INVALIDOBJECT; }
+    bool isValid() const {
+        return server_ != INVALIDOBJECT;
+    }
+    void setInvalid() {
+        server_ = INVALIDOBJECT;
+    }
 
-    /** Starts a request: the call header, or nothing for an object of this process. May look for an
-     * object that has not been found yet. */
+    /** Starts a request: the call header (internal id, whether a response is awaited, class code,
+     * method code), or nothing for an object of this process. Leaves the stream of an invalid stub
+     * as it is. Looks once for an object that has not been found yet. */
     TipprmiStream& prepareRequestStream(bool withResponse, unsigned int cc, unsigned int mc,
-                                        TipprmiStream& stream);
+                                        TipprmiStream& stream) const;
     /** Starts reading a response: its exception container; of type 1, every further read fails. */
     TipprmiStream& prepareResponseStream(bool withResponse, TipprmiStream& stream) const;
 
-    void incRefCount() { ++refCount_; }
+    void incRefCount() {
+        ++refCount_;
+    }
     /** True when the last handle has let go. */
-    bool decRefCount() { return --refCount_ < 1; }
+    bool decRefCount() {
+        return --refCount_ < 1;
+    }
+    int refCount() const {
+        return refCount_;
+    }
+
+    friend REFLECTORB_API bool operator==(TreflectObjectStub const& a, TreflectObjectStub const& b);
+
+protected:
+    /** On nothing, but with an identifier. */
+    explicit TreflectObjectStub(TipprmiOID const& oid);
 
 private:
+    friend class TreflectObjectStubContainer;
+
+    // The table of stubs is ordered by them: they change through `lead` only.
+    using TipprmiObjectBase::setInternalOID;
+    using TipprmiObjectBase::setOID;
+
+    TipprmiStream& prepareRequestStream_(bool withResponse, unsigned int cc, unsigned int mc,
+                                         TipprmiStream& stream) const;
+    TipprmiStream& prepareResponseStream_(bool withResponse, TipprmiStream& stream) const;
+    void reconnect(unsigned int cc, unsigned int mc) const;
+    int dispatchToServer(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                         TipprmiStream& out) const;
+    /** Leads to another object, in the table of stubs as well. */
+    void lead(TipprmiOID const& oid, unsigned int internalOid, TreflectOrbId orb,
+              TipprmiObjectSkeleton* server);
+    /** Routes to the public operation. The last slot, so that it displaces none of the others. */
+    void setExceptionContainer(TipprmiExceptionContainer const& container) override;
+
     TreflectOrbId orbId_;                      // guarded by the run permission
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned; guarded by the run permission
     int refCount_ = 0;                         // guarded by the run permission
+    // The server under which the table of stubs has this stub; null when not in the table.
+    TipprmiObjectSkeleton const* filedServer_ = nullptr;
 };
 
 /** Equal identifiers when both have one, else equal in internal id, broker, namespace and server.

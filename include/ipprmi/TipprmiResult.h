@@ -1,0 +1,55 @@
+#pragma once
+
+#include <utility>
+
+/** Why a call failed: the code of the general exception that came back, chosen by the server
+ * object, or one of those below. */
+struct TipprmiFailure {
+    /** Nothing came back: no such object, its process has gone, or the call was not accepted. */
+    static constexpr unsigned int kNotServed = 0;
+    /** An answer came and could not be read as what was expected. */
+    static constexpr unsigned int kUnreadable = 0xFFFFFFFF;
+
+    explicit constexpr TipprmiFailure(unsigned int failureCode = kNotServed) : code(failureCode) {}
+
+    unsigned int code;
+};
+
+/**
+ * What a call yields: a value, or the code of a failure. A client's method returns it to its
+ * caller; a server object's method returns it to refuse a call with a code of its own choice.
+ * A value; nothing is thrown.
+ */
+template <class T>
+class TipprmiResult {
+public:
+    TipprmiResult(T value) : succeeded_(true), value_(std::move(value)) {}
+    TipprmiResult(TipprmiFailure failure) : code_(failure.code) {}
+
+    explicit operator bool() const { return succeeded_; }
+    /** The value; a default one when the call failed. */
+    T const& value() const { return value_; }
+    T valueOr(T other) const { return succeeded_ ? value_ : std::move(other); }
+    /** The code of the failure; of no account when there is a value. */
+    unsigned int code() const { return code_; }
+
+private:
+    bool succeeded_ = false;
+    unsigned int code_ = TipprmiFailure::kNotServed;
+    T value_{};
+};
+
+/** The same for a call without a value. */
+template <>
+class TipprmiResult<void> {
+public:
+    TipprmiResult() : succeeded_(true) {}
+    TipprmiResult(TipprmiFailure failure) : code_(failure.code) {}
+
+    explicit operator bool() const { return succeeded_; }
+    unsigned int code() const { return code_; }
+
+private:
+    bool succeeded_ = false;
+    unsigned int code_ = TipprmiFailure::kNotServed;
+};

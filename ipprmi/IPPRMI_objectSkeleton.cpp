@@ -1,0 +1,90 @@
+#include "handler_threads/TreflectHandlerState.h"
+#include "ipprmi/TipprmiObjectClient.h"
+#include "ipprmi/TipprmiObjectSkeleton.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+// A server object joins and leaves its broker by itself, and the stubs that lead to it end with it.
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObjectHandler.h"
+
+namespace {
+
+constexpr char kSource[] = "IPPRMI_objectSkeleton";
+
+// Method codes that every skeleton serves.
+constexpr unsigned int kSetExceptionContainer = 2100;
+constexpr unsigned int kGetExceptionContainer = 2101;
+
+}  // namespace
+
+// The internal id is a placeholder until the broker gives the real one.
+TipprmiObjectSkeleton::TipprmiObjectSkeleton(TipprmiOID const& oid)
+    : TipprmiObjectBase(oid, static_cast<unsigned int>(oid.getNamespaceId())) {
+    TipprmiObjectSkeleton::connect(nullptr, oid);
+}
+
+TipprmiObjectSkeleton::TipprmiObjectSkeleton(TreflectORB*, TipprmiOID const& oid)
+    : TipprmiObjectSkeleton(oid) {}
+
+TipprmiObjectSkeleton::~TipprmiObjectSkeleton() {
+    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    TreflectHandlerState const handler(true);
+    if (orb_)
+        orb_->unregisterObject(this);
+    TreflectObjectHandler::invalidateStubsOf(this);
+    client_.reset();
+}
+
+TreflectOrbId TipprmiObjectSkeleton::orbId() const {
+    TreflectHandlerState const handler(true);
+    return orb_ ? orb_->orbId() : TreflectOrbId();
+}
+
+bool TipprmiObjectSkeleton::dispatch(bool, unsigned int, unsigned int mc, TipprmiStream& in,
+                                     TipprmiStream& out) {
+    switch (mc) {
+        case kSetExceptionContainer: {
+            TipprmiExceptionContainer container;
+            in >> container;
+            setExceptionContainer(container);
+            prepareResponseStream_(out);
+            return true;
+        }
+        case kGetExceptionContainer:
+            prepareResponseStream_(out);
+            out << getExceptionContainer();
+            return true;
+        default:
+            REFLECTORB_LOG(3, kSource, "Unknown method code %d", static_cast<int>(mc));
+            return false;
+    }
+}
+
+void TipprmiObjectSkeleton::setExceptionContainer(TipprmiExceptionContainer const& container) {
+    exceptionContainer_ = container;
+}
+
+TipprmiExceptionContainer TipprmiObjectSkeleton::getExceptionContainer() const {
+    return exceptionContainer_;
+}
+
+void TipprmiObjectSkeleton::connect(TreflectORB* orb, TipprmiOID const& oid) {
+    TreflectHandlerState const handler(true);
+    if (orb_)
+        orb_->unregisterObject(this);
+    setORB(orb ? orb : TreflectORB::getInstance(oid.getNamespaceId()));
+    if (orb_)
+        orb_->registerObject(this);
+    client_.reset();
+}
+
+TipprmiObjectClient* TipprmiObjectSkeleton::getClient() const {
+    TreflectHandlerState const handler(true);
+    if (!client_)
+        client_ = std::make_unique<TipprmiObjectClient>(this);
+    return client_.get();
+}
+
+void TipprmiObjectSkeleton::prepareResponseStream_(TipprmiStream& out) const {
+    out << exceptionContainer_;
+}

@@ -1,0 +1,102 @@
+#include <new>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObjectHandler.h"
+
+std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
+
+TreflectObjectHandler::TreflectObjectInvalidStub::TreflectObjectInvalidStub()
+    : TreflectObjectStub(TipprmiOID("InvalidStub", NSID_UNIT)) {}
+
+TreflectObjectHandler::TreflectObjectInvalidStub::~TreflectObjectInvalidStub() = default;
+
+// The invalid stub has a reference of the handler's own, and one as an adopted stub.
+TreflectObjectHandler::TreflectObjectHandler() {
+    invalidStub_.incRefCount();
+    stubs_.insert(&invalidStub_);
+    adoptStub(TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT));
+}
+
+TreflectObjectHandler* TreflectObjectHandler::getInstance() {
+    if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
+        return instance;
+    TreflectHandlerState const handler(true);
+    if (!instance_.load(std::memory_order_acquire))
+        instance_.store(new (std::nothrow) TreflectObjectHandler, std::memory_order_release);
+    return instance_.load(std::memory_order_acquire);
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectStub* stub) {
+    TreflectHandlerState const handler(true);
+    if (stub) {
+        stub->incRefCount();
+        checkConnect(stub);
+    }
+    return stub;
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf const& location) {
+    TreflectHandlerState const handler(true);
+    if (!location.hasOID() && location.getInternalOID() == 0) {
+        invalidStub_.incRefCount();
+        return &invalidStub_;
+    }
+    TreflectObjectStub* stub = stubs_.find(location);
+    if (!stub) {
+        stub = new (std::nothrow) TreflectObjectStub(location);
+        stubs_.insert(stub);
+    }
+    return adoptStub(stub);
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TipprmiOID const& oid) {
+    TreflectHandlerState const handler(true);
+    if (!oid.getIdString()) {
+        invalidStub_.incRefCount();
+        return &invalidStub_;
+    }
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    return adoptStub(orb ? orb->locateObject(oid) : TreflectORB::TreflectObjectLocation(oid));
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectORB const*, TipprmiOID const& oid) {
+    return adoptStub(oid);
+}
+
+void TreflectObjectHandler::releaseStub(TreflectObjectStub* stub) {
+    if (!stub)
+        return;
+    TreflectHandlerState const handler(true);
+    if (!stub->decRefCount())
+        return;
+    stubs_.erase(stub);
+    if (stub != &invalidStub_)
+        delete stub;
+}
+
+void TreflectObjectHandler::checkConnect(TreflectObjectStub* stub) {
+    TreflectHandlerState const handler(true);
+    if (stub != &invalidStub_ && !stub->isConnected() && stub->hasOID())
+        stub->connect(nullptr, stub->getOID());
+}
+
+void TreflectObjectHandler::invalidateStubs(TreflectOrbId const& orb) {
+    TreflectHandlerState const handler(true);
+    stubs_.invalidateStubs(orb);
+}
+
+void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* server) {
+    TreflectHandlerState const handler(true);
+    if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
+        instance->stubs_.invalidateStubs(server);
+}
+
+bool TreflectObjectHandler::takeOut(TreflectObjectStub* stub) {
+    TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
+    return instance && instance->stubs_.erase(stub);
+}
+
+void TreflectObjectHandler::putBack(TreflectObjectStub* stub) {
+    instance_.load(std::memory_order_acquire)->stubs_.insert(stub);
+}
