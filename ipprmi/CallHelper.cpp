@@ -52,5 +52,3 @@ void ClientCallHelper(ClientCallHookBaseV const& hook, InParamHook const& in,
     else
         callRemote(hook, in, out, stub, cc, mc, withResponse);
 }
-
-void generateParamSeq(TipprmiSequence<TipprmiAny, 0u>&) {}
