@@ -1,0 +1,135 @@
+// Who a process is: from the program, from the environment, and what is refused.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "PresenceActor.h"
+#include "RendezvousFolder.h"
+#include "platform/transport/IdentityValues.h"
+
+namespace {
+
+constexpr char const* kRefused = "00000000";
+
+class IdentityTest : public testing::Test {
+protected:
+    testsupport::RendezvousFolder folder_;
+};
+
+TEST_F(IdentityTest, defaultsAreSlotOneAndTheExecutablesName) {
+    PresenceActor actor;
+    EXPECT_EQ(actor.ask("identity", "identity"), "identity 1 1 presence_actor");
+    EXPECT_EQ(actor.start(3).substr(0, 4), "0301");
+}
+
+TEST_F(IdentityTest, environmentTellsWhoTheProcessIs) {
+    PresenceActor actor(PresenceActor::Environment{{"TRANSPORT_SLOT", "17"},
+                                                   {"TRANSPORT_ACTIVE_SLOT", "2"},
+                                                   {"TRANSPORT_AXU_SLOTS", "3,17,255"},
+                                                   {"TRANSPORT_ACTOR", "pump"}});
+    EXPECT_EQ(actor.ask("identity", "identity"), "identity 17 2 pump 3 17 255 axu");
+    EXPECT_EQ(actor.start(1).substr(0, 4), "0111");
+}
+
+TEST_F(IdentityTest, programWinsOverTheEnvironmentUntilTheFirstTermination) {
+    PresenceActor actor(
+        PresenceActor::Environment{{"TRANSPORT_SLOT", "nonsense"}, {"TRANSPORT_ACTOR", "pump"}});
+    EXPECT_TRUE(actor.set("slot 5"));
+    EXPECT_TRUE(actor.set("axu 4,5"));
+    EXPECT_TRUE(actor.set("actor valve"));
+    EXPECT_EQ(actor.ask("identity", "identity"), "identity 5 1 valve 4 5 axu");
+    EXPECT_EQ(actor.start(2).substr(0, 4), "0205");
+    EXPECT_FALSE(actor.set("slot 6"));
+    EXPECT_FALSE(actor.set("axu 6"));
+    EXPECT_FALSE(actor.set("actor other"));
+    EXPECT_FALSE(actor.set("directory /tmp"));
+    EXPECT_TRUE(actor.set("active 2")) << "changes while the program runs";
+    EXPECT_EQ(actor.ask("identity", "identity"), "identity 5 2 valve 4 5 axu");
+    EXPECT_TRUE(actor.child().waitForErrorLine("cannot be set any more"));
+}
+
+TEST_F(IdentityTest, settersRefuseNonsenseAndChangeNothing) {
+    PresenceActor actor;
+    for (char const* command : {"slot 0", "slot 256", "slot -1", "active 0", "active 3", "axu 2",
+                                "axu 3,256", "directory relative/path"})
+        EXPECT_FALSE(actor.set(command)) << command;
+    EXPECT_EQ(actor.ask("identity", "identity"), "identity 1 1 presence_actor");
+}
+
+TEST_F(IdentityTest, nonsenseInTheEnvironmentIsReportedAndGivesNoTerminations) {
+    PresenceActor::Environment const cases[] = {
+        {{"TRANSPORT_SLOT", "0"}},         {{"TRANSPORT_SLOT", "1x"}},
+        {{"TRANSPORT_SLOT", "256"}},       {{"TRANSPORT_ACTIVE_SLOT", "3"}},
+        {{"TRANSPORT_AXU_SLOTS", "3,,4"}}, {{"TRANSPORT_AXU_SLOTS", "1"}},
+        {{"TRANSPORT_ACTOR", "a\nb"}},     {{"TRANSPORT_DIR", "relative"}}};
+    for (auto const& environment : cases) {
+        std::string const text = environment.begin()->first + "=" + environment.begin()->second;
+        PresenceActor actor(environment);
+        EXPECT_EQ(actor.start(), kRefused) << text;
+        EXPECT_TRUE(actor.child().waitForErrorLine("gets no terminations")) << text;
+        EXPECT_EQ(actor.known(), 0u) << text;
+    }
+}
+
+TEST_F(IdentityTest, folderIsMadeForItsUserAlone) {
+    std::string const path = folder_.path() + "/fresh";
+    PresenceActor actor(PresenceActor::Environment{{"TRANSPORT_DIR", path}});
+    EXPECT_NE(actor.start(), kRefused);
+    struct stat status;
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777u, 0700u);
+    EXPECT_EQ(status.st_uid, geteuid());
+}
+
+TEST_F(IdentityTest, defaultFolderLiesBelowTheRuntimeDirectoryIfThatIsTheUsers) {
+    setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
+    EXPECT_EQ(Transport::defaultFolder(), folder_.path() + "/reflectorb");
+    setenv("XDG_RUNTIME_DIR", "/nowhere/at/all", 1);
+    std::string const fallback = Transport::defaultFolder();
+    std::string const user = std::to_string(geteuid());
+    EXPECT_TRUE(fallback == "/run/user/" + user + "/reflectorb" ||
+                fallback == "/tmp/reflectorb-" + user)
+        << fallback;
+}
+
+/** Starts an actor on `path` and expects it to be refused for `reason`. */
+void expectRefused(std::string const& path, std::string const& reason) {
+    PresenceActor actor(PresenceActor::Environment{{"TRANSPORT_DIR", path}});
+    EXPECT_EQ(actor.start(), kRefused);
+    EXPECT_TRUE(actor.child().waitForErrorLine(reason)) << reason;
+}
+
+TEST_F(IdentityTest, folderOfWrongModeIsRefused) {
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0750), 0);
+    expectRefused(folder_.path(), "mode 0750");
+}
+
+TEST_F(IdentityTest, symbolicLinkPlainFileAndMissingParentAreRefused) {
+    std::string const link = folder_.path() + "/link";
+    ASSERT_EQ(symlink(folder_.path().c_str(), link.c_str()), 0);
+    expectRefused(link, "symbolic link");
+    std::ofstream(folder_.path() + "/file") << "x";
+    expectRefused(folder_.path() + "/file", "no folder");
+    expectRefused(folder_.path() + "/a/b", "cannot make it");
+}
+
+TEST_F(IdentityTest, folderOfAnotherUserIsRefused) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a folder away";
+    ASSERT_EQ(chown(folder_.path().c_str(), 65534, 65534), 0);
+    expectRefused(folder_.path(), "owner 65534");
+}
+
+TEST_F(IdentityTest, processOfAnotherUserIsRefused) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    PresenceActor owner;
+    std::string const id = owner.start();
+    PresenceActor stranger;
+    ASSERT_EQ(stranger.ask("become 65534", ""), "became");
+    EXPECT_EQ(stranger.start(), kRefused);
+    EXPECT_TRUE(stranger.child().waitForErrorLine("is refused"));
+    EXPECT_EQ(owner.known(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,227 @@
+// Who is told of what, by which thread, and when a listener can be sure to be told no more.
+#include "platform/transport/local/PresenceTable.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "Waiting.h"
+
+namespace {
+
+using testsupport::eventually;
+using testsupport::Gate;
+using Transport::PresenceTable;
+using Transport::TerminationId;
+
+/** Writes down what it is told, then does what the test wants done inside the call. */
+class Listener final : public Transport::PresenceListener {
+public:
+    std::function<void(TerminationId)> onArrival = [](TerminationId) {};
+    std::function<void(TerminationId)> onDeparture = [](TerminationId) {};
+
+    std::vector<int> told() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return told_;
+    }
+    /** Arrivals are positive, departures negative. */
+    bool waitFor(std::vector<int> const& expected) const {
+        return eventually([&] { return told() == expected; });
+    }
+
+private:
+    void arrived(TerminationId id) override {
+        note(static_cast<int>(id.value()));
+        onArrival(id);
+    }
+    void departed(TerminationId id) override {
+        note(-static_cast<int>(id.value()));
+        onDeparture(id);
+    }
+    void note(int what) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        told_.push_back(what);
+    }
+
+    mutable std::mutex mutex_;
+    std::vector<int> told_;  // guarded by mutex_
+};
+
+/** Threads of the table that live in this process. */
+int laneThreads() {
+    int count = 0;
+    for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name == "TrArrivals" || name == "TrDepartures")
+            ++count;
+    }
+    return count;
+}
+
+class PresenceTableTest : public testing::Test {
+protected:
+    void come(unsigned id) { table_.admit(TerminationId(id), {"file", 1}); }
+    void go(unsigned id) {
+        PresenceTable::Departures gone;
+        table_.drop(TerminationId(id), gone);
+        table_.tell(gone);
+    }
+
+    // Never freed: a detached thread may look at it for a moment after the last detach.
+    PresenceTable& table_ = *keptTables().emplace_back(new PresenceTable);
+
+private:
+    static std::vector<PresenceTable*>& keptTables() {
+        static auto& tables = *new std::vector<PresenceTable*>;
+        return tables;
+    }
+};
+
+TEST_F(PresenceTableTest, listenerIsToldWhoIsThereAndEachChangeOnce) {
+    Listener listener;
+    come(1);
+    come(2);
+    table_.attach(listener);
+    come(3);
+    come(3);
+    EXPECT_TRUE(listener.waitFor({1, 2, 3}));
+    go(2);
+    go(2);
+    EXPECT_TRUE(listener.waitFor({1, 2, 3, -2}));
+    EXPECT_FALSE(table_.exists(TerminationId(2)));
+    EXPECT_EQ(table_.ids(), (std::vector<TerminationId>{1u, 3u}));
+    table_.detach(listener);
+}
+
+TEST_F(PresenceTableTest, departureDoesNotWaitBehindSlowArrivalAndDropsThoseNotBegun) {
+    Listener listener;
+    Gate inside;
+    Gate release;
+    listener.onArrival = [&](TerminationId) {
+        inside.open();
+        release.wait();
+    };
+    table_.attach(listener);
+    come(1);
+    ASSERT_TRUE(inside.wait());
+    come(2);
+    come(3);
+    go(2);
+    go(1);
+    EXPECT_TRUE(listener.waitFor({1, -2, -1})) << "arrival of 1 has begun, that of 2 never will";
+    release.open();
+    EXPECT_TRUE(listener.waitFor({1, -2, -1, 3}));
+    table_.detach(listener);
+}
+
+TEST_F(PresenceTableTest, arrivalBeginsBeforeItsDeparture) {
+    Listener listener;
+    table_.attach(listener);
+    for (unsigned id = 1; id <= 2000; ++id) {
+        come(id);
+        if (id % 2 == 0)
+            std::this_thread::yield();
+        go(id);
+    }
+    auto const departures = [&] {
+        int count = 0;
+        for (int const what : listener.told())
+            count += what < 0 ? 1 : 0;
+        return count;
+    };
+    EXPECT_TRUE(eventually([&] { return departures() == 2000; }));
+    std::vector<bool> gone(2001);
+    for (int const what : listener.told()) {
+        if (what < 0)
+            gone[static_cast<std::size_t>(-what)] = true;
+        else
+            EXPECT_FALSE(gone[static_cast<std::size_t>(what)]) << what;
+    }
+    table_.detach(listener);
+}
+
+TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
+    Listener listener;
+    Gate inside;
+    Gate release;
+    listener.onArrival = [&](TerminationId) {
+        inside.open();
+        release.wait();
+    };
+    table_.attach(listener);
+    come(1);
+    come(2);
+    ASSERT_TRUE(inside.wait());
+    Gate detached;
+    std::thread other([&] {
+        table_.detach(listener);
+        detached.open();
+    });
+    EXPECT_FALSE(detached.wait(std::chrono::milliseconds(30)));
+    release.open();
+    EXPECT_TRUE(detached.wait());
+    other.join();
+    come(3);
+    go(1);
+    EXPECT_EQ(listener.told(), std::vector<int>{1});
+    EXPECT_TRUE(eventually([] { return laneThreads() == 0; })) << "threads end with the last one";
+}
+
+TEST_F(PresenceTableTest, listenerDetachesItselfInsideACallAndAnotherOneGoesOn) {
+    Listener leaving;
+    Listener staying;
+    leaving.onArrival = [&](TerminationId) { table_.detach(leaving); };
+    table_.attach(leaving);
+    come(1);
+    EXPECT_TRUE(leaving.waitFor({1}));
+    table_.attach(staying);
+    come(2);
+    EXPECT_TRUE(staying.waitFor({1, 2}));
+    EXPECT_EQ(leaving.told(), std::vector<int>{1});
+    table_.detach(staying);
+}
+
+TEST_F(PresenceTableTest, bothCallsOfAListenerMayDetachItAtTheSameTime) {
+    Listener listener;
+    Gate arrivalInside;
+    Gate departureInside;
+    listener.onArrival = [&](TerminationId id) {
+        if (id.value() == 1)
+            return;
+        arrivalInside.open();
+        departureInside.wait();
+        table_.detach(listener);
+    };
+    listener.onDeparture = [&](TerminationId) {
+        departureInside.open();
+        arrivalInside.wait();
+        table_.detach(listener);
+    };
+    table_.attach(listener);
+    come(1);
+    ASSERT_TRUE(listener.waitFor({1}));
+    come(2);
+    go(1);
+    EXPECT_TRUE(eventually([] { return laneThreads() == 0; }));
+    table_.detach(listener);
+}
+
+TEST_F(PresenceTableTest, listenerAttachedAgainIsToldOnlyWhatIsThereThen) {
+    Listener listener;
+    table_.attach(listener);
+    come(1);
+    ASSERT_TRUE(listener.waitFor({1}));
+    table_.detach(listener);
+    go(1);
+    come(2);
+    table_.attach(listener);
+    EXPECT_TRUE(listener.waitFor({1, 2}));
+    table_.detach(listener);
+}
+
+}  // namespace

@@ -1,0 +1,243 @@
+// A process with terminations that tests of presence tell what to do, line by line.
+//
+//   slot N, active N, axu N,N, actor NAME, directory PATH     -> "set yes" or "set no"
+//   identity                                                  -> "identity SLOT ACTIVE ACTOR
+//   AXU..." become UID            gives up root start GROUP           a termination comes up ->
+//   "started ID", 0 when refused stop ID                                                   ->
+//   "stopped" churn KEEP ROUNDS     starts KEEP, then stops and starts  -> "churned" view what is
+//   known here, see `view`      -> "view COUNT HASH AGREE ERRORS" fork                  a child
+//   tries everything            -> "forked CODE" inheritable           descriptors that exec would
+//   pass on -> "inheritable N" quit                  ends without stopping anything
+//
+// Unless it churns, it prints "arrived" and "departed" with listener, termination and time.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <sstream>
+
+#include "oswrap/Clock.h"
+#include "platform/transport/IdentityValues.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "transport/IdInfo.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+using Transport::Rendezvous;
+using Transport::TerminationId;
+
+bool quiet = false;
+
+void say(std::string const& line) {
+    static std::mutex mutex;
+    std::lock_guard<std::mutex> const lock(mutex);
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+std::string hex(TerminationId id) {
+    char text[12];
+    std::snprintf(text, sizeof text, "%08x", id.value());
+    return text;
+}
+
+/** One termination; keeps the notices told to it and counts those that should not have been. */
+class Seat final : public Transport::PresenceListener {
+public:
+    explicit Seat(Transport::GroupId group) : id_(Rendezvous::instance().reserve(group, "seat")) {
+        Rendezvous::instance().attach(*this);
+        if (id_.value() != 0)
+            socket_ = Rendezvous::instance().publish(id_);
+    }
+    ~Seat() {
+        Rendezvous::instance().detach(*this);
+        Rendezvous::instance().withdraw(id_);
+        if (socket_ >= 0)
+            ::close(socket_);
+    }
+    Seat(Seat const&) = delete;
+    Seat& operator=(Seat const&) = delete;
+
+    TerminationId id() const { return id_; }
+    int errors() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return errors_;
+    }
+    /** Whether the notices add up to what the tables say. */
+    bool agrees(std::list<TerminationId> const& known) const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        std::list<TerminationId> told;
+        for (auto const& [id, present] : present_)
+            if (present)
+                told.push_back(id);
+        return told == known;
+    }
+
+private:
+    void arrived(TerminationId id) override { note("arrived ", id, true); }
+    void departed(TerminationId id) override { note("departed ", id, false); }
+
+    /** Each id arrives at most once, and departs once, also without having arrived. */
+    void note(char const* what, TerminationId id, bool present) {
+        {
+            std::lock_guard<std::mutex> const lock(mutex_);
+            auto const [entry, isNew] = present_.emplace(id, present);
+            if (!isNew && (present || !entry->second))
+                ++errors_;
+            entry->second = present;
+        }
+        if (!quiet)
+            say(what + hex(id_) + " " + hex(id) + " " +
+                std::to_string(OSWrap::Clock::nowNanoseconds()));
+    }
+
+    TerminationId const id_;
+    int socket_ = -1;
+    mutable std::mutex mutex_;
+    std::map<TerminationId, bool> present_;  // guarded by mutex_
+    int errors_ = 0;                         // guarded by mutex_
+};
+
+using Seats = std::vector<std::unique_ptr<Seat>>;
+
+/** Count and hash of the ids known here, whether all notices agree, wrong notices so far. */
+void view(Seats const& seats) {
+    auto const known = Transport::TransportLayer::instance().getTerminations();
+    unsigned long long hash = 14695981039346656037u;
+    for (TerminationId const id : known)
+        hash = (hash ^ id.value()) * 1099511628211u;
+    bool agree = true;
+    int errors = 0;
+    for (auto const& seat : seats) {
+        agree = agree && seat->agrees(known);
+        errors += seat->errors();
+    }
+    say("view " + std::to_string(known.size()) + " " + std::to_string(hash) +
+        (agree ? " agree " : " differ ") + std::to_string(errors));
+}
+
+void churn(Seats& seats, unsigned keep, unsigned rounds) {
+    quiet = true;
+    std::minstd_rand random(static_cast<unsigned>(::getpid()));
+    for (unsigned i = 0; i < keep; ++i)
+        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3)));
+    for (unsigned i = 0; i < rounds; ++i) {
+        auto& seat = seats[random() % seats.size()];
+        seat.reset();
+        seat = std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3));
+    }
+    say("churned");
+}
+
+/** Exit code 0 when nothing of the transport does anything in a forked child. */
+void forkChild(Seats const& seats) {
+    pid_t const child = ::fork();
+    if (child == 0) {
+        Rendezvous& rendezvous = Rendezvous::instance();
+        TerminationId const own = seats.front()->id();
+        bool const nothing = rendezvous.reserve(3, "child").value() == 0 &&
+                             rendezvous.publish(own) == -1 && !rendezvous.exists(own) &&
+                             rendezvous.terminations().empty() && rendezvous.connectTo(own) == -1 &&
+                             !rendezvous.ownedBy(own, ::getpid());
+        rendezvous.suspect(own);
+        rendezvous.withdraw(own);
+        ::_exit(nothing ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    say("forked " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1));
+}
+
+void countInheritable() {
+    int count = 0;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        int const number = std::atoi(entry.path().filename().c_str());
+        int const flags = ::fcntl(number, F_GETFD);
+        if (number > 2 && flags >= 0 && (flags & FD_CLOEXEC) == 0)
+            ++count;
+    }
+    say("inheritable " + std::to_string(count));
+}
+
+void showIdentity() {
+    auto const& info = Transport::IdInfo::instance();
+    std::string line = "identity " + std::to_string(info.getSlot()) + " " +
+                       std::to_string(info.activeSlot()) + " " + info.getActor();
+    for (int slot = 1; slot <= 255; ++slot)
+        if (info.axuInSlot(static_cast<unsigned char>(slot)))
+            line += " " + std::to_string(slot);
+    say(line + (info.isAxu() ? " axu" : ""));
+}
+
+bool configure(std::string const& what, std::string const& value) {
+    using Transport::Setup;
+    if (what == "slot")
+        return Setup::slot(std::atoi(value.c_str()));
+    if (what == "active")
+        return Setup::activeSlot(std::atoi(value.c_str()));
+    if (what == "actor")
+        return Setup::actor(value);
+    if (what == "directory")
+        return Setup::directory(value);
+    std::vector<int> slots;
+    std::istringstream numbers(value);
+    for (std::string number; std::getline(numbers, number, ',');)
+        slots.push_back(std::atoi(number.c_str()));
+    return Setup::axuSlots(slots);
+}
+
+void stop(Seats& seats, TerminationId id) {
+    for (auto seat = seats.begin(); seat != seats.end(); ++seat)
+        if ((*seat)->id() == id) {
+            seats.erase(seat);
+            break;
+        }
+    say("stopped");
+}
+
+void obey(std::string const& line, Seats& seats) {
+    std::istringstream words(line);
+    std::string command;
+    std::string value;
+    unsigned number = 0;
+    words >> command >> value >> number;
+    if (command == "start") {
+        seats.push_back(
+            std::make_unique<Seat>(static_cast<Transport::GroupId>(std::atoi(value.c_str()))));
+        say("started " + hex(seats.back()->id()));
+    } else if (command == "stop") {
+        stop(seats, TerminationId(static_cast<unsigned>(std::stoul(value, nullptr, 16))));
+    } else if (command == "churn") {
+        churn(seats, static_cast<unsigned>(std::atoi(value.c_str())), number);
+    } else if (command == "view") {
+        view(seats);
+    } else if (command == "fork") {
+        forkChild(seats);
+    } else if (command == "inheritable") {
+        countInheritable();
+    } else if (command == "identity") {
+        showIdentity();
+    } else if (command == "become") {
+        say(::setuid(static_cast<uid_t>(std::atoi(value.c_str()))) == 0 ? "became" : "failed");
+    } else {
+        say(configure(command, value) ? "set yes" : "set no");
+    }
+}
+
+}  // namespace
+
+int main() {
+    Seats& seats = *new Seats;  // those not stopped live until the process ends
+    for (std::string line; std::getline(std::cin, line) && line != "quit";)
+        obey(line, seats);
+    return 0;
+}
