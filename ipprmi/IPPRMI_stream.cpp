@@ -2,8 +2,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <functional>
-#include <vector>
 
 #include "ipprmi/BigEndian.h"
 #include "ipprmi/TipprmiStream.h"
@@ -16,13 +14,14 @@ namespace {
 constexpr char const* kSource = "IPPRMI_stream";
 /** Bytes of iptr_ ahead of the data. */
 constexpr unsigned int kPrefix = 4;
-constexpr std::uint64_t kLargestPayload = Transport::kLargestMessage - TreflectMessage::kHeaderSize;
+constexpr std::uint64_t kLargestData =
+    Transport::kLargestMessage - TreflectMessage::kHeaderSize - kPrefix;
 
 /** A request of the unit's broker; without a broker (the process ends) one without originator. */
-TreflectMessage newRequest(std::uint64_t payloadSize) {
-    if (payloadSize > kLargestPayload)
+TreflectMessage newRequest(std::uint64_t dataSize) {
+    if (dataSize > kLargestData)
         return TreflectMessage(Transport::AddressedMessage());
-    auto const size = static_cast<unsigned int>(payloadSize);
+    auto const size = static_cast<unsigned int>(dataSize) + kPrefix;
     if (TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT))
         return orb->allocateRequest(size);
     TreflectMessage request(nullptr, 0, size);
@@ -31,22 +30,23 @@ TreflectMessage newRequest(std::uint64_t payloadSize) {
 }
 
 /** A copy of `message` in a buffer of its own, or one without buffer when that cannot be had. */
-TreflectMessage reallocated(TreflectMessage const& message, std::uint64_t payloadSize) {
-    if (message.empty() || payloadSize > kLargestPayload)
-        return newRequest(payloadSize);
-    auto const size = static_cast<unsigned int>(payloadSize);
+TreflectMessage reallocated(TreflectMessage const& message, std::uint64_t dataSize) {
+    if (message.empty() || dataSize > kLargestData)
+        return newRequest(dataSize);
+    auto const size = static_cast<unsigned int>(dataSize) + kPrefix;
     if (TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT))
         return orb->reallocateMessage(message, size);
     return TreflectMessage(nullptr, message, size);
 }
 
-void copyOrZero(void* destination, void const* source, int n) {
-    if (n < 1)
+/** A null source stands for zeros. */
+void copyOrZero(void* destination, void const* source, std::size_t n) {
+    if (n == 0)
         return;
     if (source)
-        std::memcpy(destination, source, static_cast<std::size_t>(n));
+        std::memmove(destination, source, n);
     else
-        std::memset(destination, 0, static_cast<std::size_t>(n));
+        std::memset(destination, 0, n);
 }
 
 int toInt(std::size_t length) {
@@ -56,19 +56,20 @@ int toInt(std::size_t length) {
 }  // namespace
 
 TipprmiStream::TipprmiStream(int size)
-    : message_(newRequest(std::uint64_t{kPrefix} + static_cast<unsigned int>(std::max(size, 1)))) {
+    : message_(newRequest(static_cast<unsigned int>(std::max(size, 1)))) {
     iptr_(0);
     checkRange_();
 }
 
 TipprmiStream::TipprmiStream(void const* data, int n)
-    : message_(newRequest(std::uint64_t{kPrefix} + static_cast<unsigned int>(std::max(n, 0)))) {
+    : message_(newRequest(static_cast<unsigned int>(std::max(n, 0)))) {
     if (message_.empty()) {
         dropWrite_();
         return;
     }
-    iptr_(std::max(n, 0));
-    copyOrZero(getDataPtr(), data, n);
+    int const size = std::max(n, 0);
+    iptr_(size);
+    copyOrZero(getDataPtr(), data, static_cast<std::size_t>(size));
     checkRange_();
 }
 
@@ -97,41 +98,25 @@ TipprmiStream& TipprmiStream::operator=(TipprmiStream const& other) {
     return *this;
 }
 
-int TipprmiStream::iptr_() const {
-    if (message_.size() < kPrefix)
-        return 0;
-    return static_cast<int>(ipprmi::loadBigEndian(message_.buf()));
+TipprmiStream::View TipprmiStream::view_() const {
+    // The stream owns its handle, but not alone the buffer: const is the handle's.
+    auto& whole = const_cast<TreflectMessage&>(message_).addressed();
+    std::size_t const size = whole.size();
+    if (size < TreflectMessage::kHeaderSize + kPrefix)
+        return {nullptr, 0, 0};
+    unsigned char* const payload = whole.buf() + TreflectMessage::kHeaderSize;
+    return {payload + kPrefix, ipprmi::loadBigEndian(payload),
+            static_cast<unsigned int>(size - TreflectMessage::kHeaderSize - kPrefix)};
 }
 
 void TipprmiStream::iptr_(int const& value) {
-    if (message_.size() >= kPrefix)
-        ipprmi::storeBigEndian(message_.buf(), static_cast<std::uint32_t>(value));
+    if (unsigned char* const data = getDataPtr())
+        ipprmi::storeBigEndian(data - kPrefix, static_cast<std::uint32_t>(value));
 }
 
-unsigned char* TipprmiStream::getDataPtr() {
-    return message_.size() < kPrefix ? nullptr : message_.buf() + kPrefix;
-}
-
-unsigned char const* TipprmiStream::getDataPtr() const {
-    return message_.size() < kPrefix ? nullptr : message_.buf() + kPrefix;
-}
-
-int TipprmiStream::getDataLimit() const {
-    return static_cast<int>(std::max(message_.size(), kPrefix) - kPrefix);
-}
-
-int TipprmiStream::getDataSize() const {
-    auto const written = static_cast<unsigned int>(iptr_());
-    return static_cast<int>(std::min(written, static_cast<unsigned int>(getDataLimit())));
-}
-
-void TipprmiStream::checkRange_() const {
-    int const limit = getDataLimit();
-    int const written = iptr_();
-    // A value that does not fit an int is out of range as well.
-    if (static_cast<unsigned int>(written) > static_cast<unsigned int>(limit))
-        REFLECTORB_LOG(3, kSource, "iptr_(%d) out of range(%d);this=%p", written, limit,
-                       static_cast<void const*>(this));
+void TipprmiStream::logOutOfRange_(View const& view) const {
+    REFLECTORB_LOG(3, kSource, "iptr_(%d) out of range(%d);this=%p", static_cast<int>(view.written),
+                   static_cast<int>(view.limit), static_cast<void const*>(this));
 }
 
 void TipprmiStream::clear() {
@@ -146,72 +131,72 @@ void TipprmiStream::dropWrite_() {
     writeDropped_ = true;
 }
 
-bool TipprmiStream::allocate_(int n) {
-    if (n <= 0)
+bool TipprmiStream::allocate_(int n, View& view) {
+    std::uint64_t const needed = std::uint64_t{view.written} + static_cast<unsigned int>(n);
+    if (needed <= view.limit)
         return true;
-    std::uint64_t const needed =
-        std::uint64_t{static_cast<unsigned int>(iptr_())} + static_cast<unsigned int>(n);
-    if (static_cast<std::uint64_t>(getDataLimit()) >= needed)
-        return true;
-    grow_(needed + kPrefix);
-    if (static_cast<std::uint64_t>(getDataLimit()) >= needed)
-        return true;
-    REFLECTORB_LOG(3, kSource, "iptr_(%d) out of range(%d);this=%p", iptr_(), getDataLimit(),
-                   static_cast<void const*>(this));
+    if (needed <= kLargestData) {
+        // Mostly there is hidden room, and the bytes stay where they are.
+        if (message_.extend(static_cast<unsigned int>(needed) + kPrefix)) {
+            view.limit = static_cast<unsigned int>(needed);
+            return true;
+        }
+        if (reallocate_(needed)) {
+            view = view_();
+            return true;
+        }
+    }
+    logOutOfRange_(view);
     return false;
 }
 
-void TipprmiStream::grow_(std::uint64_t payloadSize) {
-    if (payloadSize <= kLargestPayload && message_.extend(static_cast<unsigned int>(payloadSize)))
-        return;
-    TreflectMessage grown = reallocated(message_, payloadSize);
-    if (!grown.empty())
-        message_ = std::move(grown);
+bool TipprmiStream::reallocate_(std::uint64_t dataSize) {
+    TreflectMessage grown = reallocated(message_, dataSize);
+    if (grown.empty())
+        return false;
+    message_ = std::move(grown);
+    return true;
 }
 
 TipprmiStream& TipprmiStream::marshall(void const* source, int n) {
-    checkRange_();
+    View view = view_();
+    checkRange_(view);
     if (n < 1)
         return *this;
-    // Growing may move the buffer, and with it a source that lies inside.
-    auto const* from = static_cast<unsigned char const*>(source);
-    unsigned char const* const data = getDataPtr();
-    std::less<> const before;
-    bool const own = data && !before(from, data) && before(from, data + getDataLimit());
-    std::size_t const offset = own ? static_cast<std::size_t>(from - data) : 0;
-
-    if (!allocate_(n)) {
+    View const before = view;
+    if (!allocate_(n, view)) {
         dropWrite_();
         return *this;
     }
-    unsigned char* const target = getDataPtr();
-    int const written = iptr_();
-    if (own)
-        std::memmove(target + written, target + offset, static_cast<std::size_t>(n));
-    else
-        copyOrZero(target + written, source, n);
-    iptr_(written + n);
+    // Growing may have moved the buffer, and with it a source that lies inside.
+    if (view.data != before.data && before.holds(source))
+        source = view.data + (static_cast<unsigned char const*>(source) - before.data);
+    copyOrZero(view.data + view.written, source, static_cast<unsigned int>(n));
+    ipprmi::storeBigEndian(view.data - kPrefix, view.written + static_cast<unsigned int>(n));
     return *this;
 }
 
 void TipprmiStream::failRead_(int n) {
+    View const view = view_();
     REFLECTORB_LOG(3, kSource,
                    "::unmarshall() request out of bounds: getDataSize(%d)-optr_(%d) < size(%d), "
                    "iptr_=%d, limit=%d",
-                   getDataSize(), optr_, n, iptr_(), getDataLimit());
+                   static_cast<int>(view.size()), optr_, n, static_cast<int>(view.written),
+                   static_cast<int>(view.limit));
     message_.testValidation(TreflectMessage::kUndef, 0, "", true, 0);
     stopUnmarshalling();
 }
 
 unsigned char const* TipprmiStream::take_(int n) {
-    checkRange_();
+    View const view = view_();
+    checkRange_(view);
     if (failed_)
         return nullptr;
-    if (getDataSize() - optr_ < n) {
+    if (static_cast<int>(view.size()) - optr_ < n) {
         failRead_(n);
         return nullptr;
     }
-    unsigned char const* const from = getDataPtr() + optr_;
+    unsigned char const* const from = view.data + optr_;
     optr_ += n;
     return from;
 }
@@ -223,7 +208,7 @@ TipprmiStream& TipprmiStream::unmarshall(void* destination, int n) {
     }
     unsigned char const* const from = take_(n);
     if (destination)
-        copyOrZero(destination, from, n);
+        copyOrZero(destination, from, static_cast<unsigned int>(n));
     return *this;
 }
 
@@ -254,8 +239,7 @@ void TipprmiStream::setData(void const* source, int n) {
     int const size = std::max(n, 0);
     // Kept until the bytes are copied, since they may be its own.
     TreflectMessage const former = message_;
-    TreflectMessage fresh =
-        reallocated(former, std::uint64_t{kPrefix} + static_cast<unsigned>(size));
+    TreflectMessage fresh = reallocated(former, static_cast<unsigned int>(size));
     if (fresh.empty()) {
         checkRange_();
         dropWrite_();
@@ -264,7 +248,7 @@ void TipprmiStream::setData(void const* source, int n) {
     message_ = std::move(fresh);
     clear();
     iptr_(size);
-    copyOrZero(getDataPtr(), source, size);
+    copyOrZero(getDataPtr(), source, static_cast<std::size_t>(size));
     checkRange_();
 }
 

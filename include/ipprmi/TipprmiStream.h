@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "reflect/NamespaceId.h"
@@ -74,12 +75,12 @@ public:
     TreflectMessage& msg() { return message_; }
     TreflectMessage const& msg() const { return message_; }
     /** The data bytes; null when the buffer has no room for any stream. */
-    unsigned char* getDataPtr();
-    unsigned char const* getDataPtr() const;
+    unsigned char* getDataPtr() { return view_().data; }
+    unsigned char const* getDataPtr() const { return view_().data; }
     /** Number of data bytes written; not more than getDataLimit(). */
-    int getDataSize() const;
+    int getDataSize() const { return static_cast<int>(view_().size()); }
     /** Room for data bytes in the present buffer. */
-    int getDataLimit() const;
+    int getDataLimit() const { return static_cast<int>(view_().limit); }
 
     /** Makes every further read fail. */
     void stopUnmarshalling() { failed_ = true; }
@@ -94,14 +95,33 @@ private:
     friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, std::string& value);
     friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiStream& value);
 
-    /** As it stands in the payload, whatever that is; 0 without a buffer. */
-    int iptr_() const;
+    /** One look at the payload, since asking the message for its parts costs a call each. */
+    struct View {
+        unsigned char* data;   // null when there is no room for any stream
+        unsigned int written;  // iptr_ as it stands there, whatever that is; 0 without data
+        unsigned int limit;    // room for data bytes
+
+        unsigned int size() const { return written < limit ? written : limit; }
+        bool holds(void const* byte) const {
+            std::less<> const before;
+            return data && !before(byte, data) && before(byte, data + limit);
+        }
+    };
+    View view_() const;
+
+    int iptr_() const { return static_cast<int>(view_().written); }
     void iptr_(int const& value);
-    /** Makes room for `n` more bytes; whether there is room now. */
-    bool allocate_(int n);
-    void grow_(std::uint64_t payloadSize);
+    /** Makes room for `n` more bytes and brings `view` up to date; whether there is room now. */
+    bool allocate_(int n, View& view);
+    /** Moves to a buffer with room for `dataSize` data bytes; whether there is one. */
+    bool reallocate_(std::uint64_t dataSize);
     /** Logs when more bytes are claimed to be written than there is room for. */
-    void checkRange_() const;
+    void checkRange_() const { checkRange_(view_()); }
+    void checkRange_(View const& view) const {
+        if (view.written > view.limit)
+            logOutOfRange_(view);
+    }
+    void logOutOfRange_(View const& view) const;
     /** The next `n` bytes, which count as read; null when the read has failed. */
     unsigned char const* take_(int n);
     void failRead_(int n);
