@@ -50,7 +50,7 @@ REFLECTORB_API void setSink(Sink sink, void* context);
 /** Records with a level above `level` are dropped before they are formatted (default 5). */
 REFLECTORB_API void setThreshold(int level);
 REFLECTORB_API int threshold();
-/** The name that records carry (the default is the executable's name). */
+/** The name that records carry; null puts back the default, the executable's name. */
 REFLECTORB_API void setActor(char const* name);
 /** Whether a record of this level would be emitted. */
 REFLECTORB_API bool enabled(int level);

@@ -67,6 +67,10 @@ bool enabled(int level) {
 
 void setActor(char const* name) {
     OSWrap::Lock<> const lock(actorMutex());
+    if (name == nullptr) {
+        actor.store(nullptr, std::memory_order_release);
+        return;
+    }
     ActorName* known = actorNames;
     while (known != nullptr && std::strcmp(known->name, name) != 0)
         known = known->next;

@@ -1,0 +1,132 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Waiting.h"
+#include "logging/Log.h"
+
+using testsupport::Gate;
+
+namespace {
+
+/** What a sink of these tests finds behind its context. */
+struct Context {
+    std::atomic<bool> alive{true};
+    std::atomic<int> records{0};
+    std::atomic<int> tooLate{0};
+
+    static void take(Logging::Record const&, void* self) {
+        auto& context = *static_cast<Context*>(self);
+        if (!context.alive)
+            ++context.tooLate;
+        ++context.records;
+    }
+};
+
+}  // namespace
+
+TEST(LogSink, isNotCalledOnceItsReplacementHasReturned) {
+    constexpr int kRounds = 300;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> loggers;
+    std::vector<Context> contexts(kRounds);
+    Logging::setSink(&Context::take, &contexts[0]);
+    for (int i = 0; i < 4; ++i)
+        loggers.emplace_back([&] {
+            while (!stop)
+                REFLECTORB_LOG(5, "Source", "record");
+        });
+    for (int i = 1; i < kRounds; ++i) {
+        Context& former = contexts[static_cast<std::size_t>(i - 1)];
+        testsupport::eventually([&] { return former.records > 0; });
+        Logging::setSink(&Context::take, &contexts[static_cast<std::size_t>(i)]);
+        former.alive = false;
+    }
+    stop = true;
+    for (std::thread& logger : loggers)
+        logger.join();
+    Logging::setSink(nullptr, nullptr);
+    for (Context const& context : contexts)
+        EXPECT_EQ(context.tooLate, 0);
+}
+
+TEST(LogSink, thatIsBusyHoldsUpItsReplacement) {
+    struct Busy {
+        Gate entered;
+        std::atomic<bool> finished{false};
+    } busy;
+    Logging::setSink(
+        [](Logging::Record const&, void* self) {
+            auto& shared = *static_cast<Busy*>(self);
+            shared.entered.open();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            shared.finished = true;
+        },
+        &busy);
+    std::thread logger([] { REFLECTORB_LOG(5, "Source", "record"); });
+    ASSERT_TRUE(busy.entered.wait());
+    Logging::setSink(nullptr, nullptr);
+    EXPECT_TRUE(busy.finished);
+    logger.join();
+}
+
+TEST(LogSink, canReplaceItselfFromInside) {
+    static int calls = 0;
+    calls = 0;
+    Logging::Sink const once = [](Logging::Record const&, void*) {
+        ++calls;
+        for (int i = 0; i < 3; ++i)
+            Logging::setSink([](Logging::Record const&, void*) { calls += 10; }, nullptr);
+    };
+    Logging::setSink(once, nullptr);
+    REFLECTORB_LOG(5, "Source", "first");
+    REFLECTORB_LOG(5, "Source", "second");
+    Logging::setSink(nullptr, nullptr);
+    EXPECT_EQ(calls, 11);
+}
+
+TEST(LogSink, doesNotGetWhatItLogsItself) {
+    static int calls = 0;
+    calls = 0;
+    static std::string text;
+    Logging::setSink(
+        [](Logging::Record const& record, void*) {
+            ++calls;
+            REFLECTORB_LOG(3, "Source", "about the sink");
+            text = record.text;
+        },
+        nullptr);
+    REFLECTORB_LOG(5, "Source", "the record");
+    Logging::setSink(nullptr, nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(text, "the record");
+}
+
+TEST(LogSink, isNoCancellationPoint) {
+    static std::atomic<bool> finished;
+    finished = false;
+    Logging::setSink(
+        [](Logging::Record const&, void*) {
+            pthread_testcancel();
+            finished = true;
+        },
+        nullptr);
+    pthread_t thread;
+    auto const body = [](void*) -> void* {
+        pthread_cancel(pthread_self());
+        REFLECTORB_LOG(5, "Source", "with a cancellation pending");
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    Logging::setSink(nullptr, nullptr);
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}

@@ -1,0 +1,125 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <thread>
+
+#include "Waiting.h"
+#include "oswrap/AdaptiveWait.h"
+#include "oswrap/Thread.h"
+
+using OSWrap::AdaptiveWait;
+
+namespace {
+
+/** Whether a wait of this place polls: asks more than once. */
+bool polls(AdaptiveWait& place) {
+    int questions = 0;
+    return place.poll([&] { return ++questions == 2; });
+}
+
+/** A wait that is not answered in time; answers whether it polled. */
+bool pollsInVain(AdaptiveWait& place) {
+    int questions = 0;
+    EXPECT_FALSE(place.poll([&] {
+        ++questions;
+        return false;
+    }));
+    return questions > 1;
+}
+
+/** Waits out a pause that a busy machine may have caused. */
+bool pollsBeforeLong(AdaptiveWait& place) {
+    return testsupport::eventually([&] { return polls(place); });
+}
+
+}  // namespace
+
+TEST(AdaptiveWait, asksOnceWhereTheAnswerIsThere) {
+    AdaptiveWait place;
+    int questions = 0;
+    EXPECT_TRUE(place.poll([&] { return ++questions == 1; }));
+    EXPECT_EQ(questions, 1);
+}
+
+TEST(AdaptiveWait, pollsWhereWaitsAreShort) {
+    AdaptiveWait place;
+    EXPECT_TRUE(pollsBeforeLong(place));
+}
+
+TEST(AdaptiveWait, triesRarelyWhereWaitsAreLong) {
+    AdaptiveWait place;
+    int spells = 0;
+    for (int wait = 0; wait < 5000; ++wait) {
+        spells += pollsInVain(place);
+        place.slept(1'000'000);
+    }
+    EXPECT_LE(spells, 20);
+}
+
+TEST(AdaptiveWait, triesRarelyWherePollsFailThoughSleepsAreShort) {
+    AdaptiveWait place;
+    int spells = 0;
+    for (int wait = 0; wait < 5000; ++wait) {
+        spells += pollsInVain(place);
+        place.slept(60'000);
+    }
+    EXPECT_LE(spells, 1500);
+}
+
+TEST(AdaptiveWait, takesUpPollingAgainWhenWaitsGetShort) {
+    AdaptiveWait place;
+    for (int wait = 0; wait < 5000; ++wait) {
+        pollsInVain(place);
+        place.slept(1'000'000);
+    }
+    int waits = 0;
+    auto const pollsNow = [&] {
+        ++waits;
+        place.slept(50'000);
+        return polls(place);
+    };
+    while (waits < 200 && !pollsNow())
+        continue;
+    EXPECT_TRUE(waits < 200 || pollsBeforeLong(place));
+}
+
+TEST(AdaptiveWait, stopsPollingInTheProcessWhenOthersNeedTheProcessors) {
+    AdaptiveWait place;
+    AdaptiveWait elsewhere;
+    ASSERT_TRUE(pollsBeforeLong(place));
+    // The time between two questions is what counts: here a sleep, else somebody else's turn.
+    int questions = 0;
+    bool const found = place.poll([&] {
+        if (++questions > 1)
+            OSWrap::Thread::sleep(0, 2'000'000);
+        return questions > 3;
+    });
+    EXPECT_FALSE(found);
+    EXPECT_FALSE(polls(elsewhere));
+    EXPECT_TRUE(pollsBeforeLong(elsewhere));
+}
+
+TEST(AdaptiveWait, canBeTurnedOff) {
+    AdaptiveWait place;
+    AdaptiveWait::enable(false);
+    EXPECT_FALSE(AdaptiveWait::enabled());
+    EXPECT_FALSE(polls(place));
+    AdaptiveWait::enable(true);
+    EXPECT_TRUE(pollsBeforeLong(place));
+}
+
+TEST(AdaptiveWait, neverPollsUnderARealTimePolicy) {
+    bool permitted = false;
+    int spells = 0;
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 1;
+        permitted = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0;
+        AdaptiveWait place;
+        for (int wait = 0; permitted && wait < 100; ++wait)
+            spells += pollsInVain(place);
+    }).join();
+    if (!permitted)
+        GTEST_SKIP() << "this process may not use real-time policies";
+    EXPECT_EQ(spells, 0);
+}

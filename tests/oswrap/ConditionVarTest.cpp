@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <thread>
+
+#include "IsFree.h"
+#include "Waiting.h"
+#include "oswrap/Clock.h"
+#include "oswrap/ConditionVar.h"
+#include "oswrap/Lock.h"
+
+using OSWrap::Clock;
+using OSWrap::ConditionVar;
+using OSWrap::Lock;
+using OSWrap::TimeSpec;
+
+namespace {
+
+/** A thread that waits until it is cancelled, under a scoped lock. */
+struct EndlessWaiter {
+    explicit EndlessWaiter(TimeSpec const& waitLimit) : limit(waitLimit) {}
+
+    TimeSpec const limit;
+    ConditionVar condition;
+    std::atomic<bool> waiting{false};
+    std::atomic<bool> unwound{false};
+
+    static void* run(void* self) {
+        auto& waiter = *static_cast<EndlessWaiter*>(self);
+        struct Mark {
+            EndlessWaiter& waiter;
+            ~Mark() { waiter.unwound = true; }
+        } const mark{waiter};
+        Lock<ConditionVar> const lock(waiter.condition);
+        waiter.waiting = true;
+        for (;;)
+            waiter.condition.wait(waiter.limit);
+    }
+};
+
+}  // namespace
+
+TEST(ConditionVar, cancelledWaitUnwindsAndLeavesTheMutexFree) {
+    for (TimeSpec const& limit : {TimeSpec::INFINITETIME, TimeSpec(20, 0), TimeSpec(0, 100'000)}) {
+        EndlessWaiter waiter(limit);
+        pthread_t thread;
+        ASSERT_EQ(pthread_create(&thread, nullptr, &EndlessWaiter::run, &waiter), 0);
+        ASSERT_TRUE(testsupport::eventually([&] { return waiter.waiting.load(); }));
+        // The mutex is free only while the thread is inside its wait.
+        { Lock<ConditionVar> const lock(waiter.condition); }
+        pthread_cancel(thread);
+        void* result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+        EXPECT_TRUE(waiter.unwound);
+        EXPECT_TRUE(isFree(waiter.condition));
+    }
+}
+
+TEST(ConditionVar, waitEndsWithItsLimit) {
+    for (bool const monotonic : {true, false}) {
+        ConditionVar condition(monotonic);
+        Lock<ConditionVar> const lock(condition);
+        long long const start = Clock::nowNanoseconds();
+        while (condition.wait(TimeSpec(0, 20'000'000)))
+            continue;
+        EXPECT_GE(Clock::nowNanoseconds() - start, monotonic ? 20'000'000 : 1'000'000);
+        while (condition.wait(TimeSpec(0, 0)))
+            continue;
+        while (condition.wait(TimeSpec(-5, 0)))
+            continue;
+    }
+}
+
+TEST(ConditionVar, wakesOneOrAll) {
+    ConditionVar condition;
+    int tokens = 0;  // guarded by condition
+    std::atomic<int> served{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            Lock<ConditionVar> const lock(condition);
+            while (tokens == 0)
+                condition.wait(TimeSpec::INFINITETIME);
+            --tokens;
+            ++served;
+        });
+    for (int i = 1; i <= 2; ++i) {
+        {
+            Lock<ConditionVar> const lock(condition);
+            ++tokens;
+            condition.signal();
+        }
+        EXPECT_TRUE(testsupport::eventually([&] { return served == i; }));
+    }
+    {
+        Lock<ConditionVar> const lock(condition);
+        tokens = 2;
+        condition.broadcast();
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(served, 4);
+}
+
+TEST(ConditionVar, tryLockDoesNotWait) {
+    ConditionVar condition;
+    EXPECT_TRUE(isFree(condition));
+    Lock<ConditionVar> const lock(condition);
+    EXPECT_FALSE(isFree(condition));
+}
