@@ -201,12 +201,18 @@ bool DebugPermission<Debugging>::enqueueUnlessFree(Waiter& waiter) {
             break;
         word = word_.load(std::memory_order_relaxed);
     }
+    append(waiter);
+    return true;
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::append(Waiter& waiter) {
     waiter.previous = back_;
     (back_ ? back_->next : front_) = &waiter;
     back_ = &waiter;
+    waiting_.fetch_add(1, std::memory_order_relaxed);
     if (front_ == &waiter)
         waiter.stage.store(Waiter::front, std::memory_order_relaxed);
-    return true;
 }
 
 /** Only the front polls and reports. The others sleep until they move up. */
@@ -269,6 +275,7 @@ template <class Debugging>
 void DebugPermission<Debugging>::unlink(Waiter& waiter) {
     (waiter.previous ? waiter.previous->next : front_) = waiter.next;
     (waiter.next ? waiter.next->previous : back_) = waiter.previous;
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
 }
 
 template <class Debugging>

@@ -50,6 +50,9 @@ public:
         return word_.load(std::memory_order_relaxed) & ~kSomebodyQueued;
     }
 
+    /** Number of threads that are queued; any thread may ask, for diagnostics. */
+    unsigned long waiting() const { return waiting_.load(std::memory_order_relaxed); }
+
 private:
     template <template <class> class, template <class> class, class>
     friend class HandlerThreads;
@@ -60,6 +63,7 @@ private:
     void waitForTurn();
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
+    void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void leaveQueue(Waiter& waiter);
     void passOn() OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
@@ -79,6 +83,7 @@ private:
     OSWrap::Mutex queueMutex_;
     Waiter* front_ OSW_GUARDED_BY(queueMutex_) = nullptr;
     Waiter* back_ OSW_GUARDED_BY(queueMutex_) = nullptr;
+    std::atomic<unsigned long> waiting_{0};  // changed under `queueMutex_`
 };
 
 extern template class DebugPermission<Debugging_t<1>>;

@@ -61,6 +61,8 @@ public:
     unsigned long getPermissionCount() const { return permission_.count(); }
     /** Thread id of the permission's holder, 0 when it is free. */
     unsigned long getPermissionOwner() const { return permission_.getOwner(); }
+    /** Number of threads that are queued for the permission, for diagnostics. */
+    unsigned long getPermissionWaiters() const { return permission_.waiting(); }
 
 private:
     friend class TreflectRunPermission;
