@@ -13,6 +13,7 @@
 #include "transport/IdInfo.h"
 
 using handlerthreads::currentThread;
+using handlerthreads::ParkingPlace;
 using handlerthreads::ThreadRecord;
 
 namespace {
@@ -99,8 +100,7 @@ private:
 
 /**
  * A thread's entry in the queue; lies on the waiting thread's stack. Others touch it only while it
- * is queued, under the queue's mutex, and the last to do so raises it to `granted` under the mutex
- * of `place`, which the waiter locks before it goes.
+ * is queued, under the queue's mutex; raising it to `granted` is the last they do with it.
  *
  *     queued --(all before it have gone)--> front --(token handed to it)--> granted
  */
@@ -108,35 +108,40 @@ template <class Debugging>
 struct DebugPermission<Debugging>::Waiter {
     enum Stage : int { queued, front, granted };
 
-    explicit Waiter(ThreadRecord const& thread) : id(thread.id), tid(thread.tid) {}
+    explicit Waiter(ThreadRecord& thread)
+        : id(thread.id), tid(thread.tid), place(thread.parkingPlace()) {}
 
-    void raise(Stage to) {
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(place);
+    /** The place to signal; this entry may be gone when it answers. */
+    ParkingPlace* raise(Stage to) {
+        ParkingPlace& sleeper = place;
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(sleeper.condition);
         stage.store(to, std::memory_order_release);
-        place.signal();
+        return &sleeper;
     }
     bool reached(Stage which) const { return stage.load(std::memory_order_acquire) >= which; }
     /** Sleeps once, unless the stage has been reached; whether it has. */
     bool sleep(Stage until, OSWrap::TimeSpec const& limit) {
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(place);
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(place.condition);
         if (!reached(until))
-            place.wait(limit);
+            place.condition.wait(limit);
         return reached(until);
-    }
-
-    /** Whether the token has come; then nobody touches the entry any more. */
-    bool settled() {
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(place);
-        return reached(granted);
     }
 
     unsigned long const id;
     long const tid;
-    Waiter* previous = nullptr;  // guarded by the queue's mutex
-    Waiter* next = nullptr;      // guarded by the queue's mutex
-    OSWrap::ConditionVar place;
+    ParkingPlace& place;
+    Waiter* previous = nullptr;      // guarded by the queue's mutex
+    Waiter* next = nullptr;          // guarded by the queue's mutex
     std::atomic<int> stage{queued};  // raised under the mutex of `place`, polled without
 };
+
+template <class Debugging>
+void DebugPermission<Debugging>::WakeUp::perform() const {
+    if (granted)
+        granted->condition.signal();
+    if (front)
+        front->condition.signal();
+}
 
 template <class Debugging>
 void DebugPermission<Debugging>::init(Debugging) const {
@@ -221,8 +226,7 @@ void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
     while (!waiter.sleep(Waiter::front, OSWrap::TimeSpec::INFINITETIME)) {
     }
     WaitReport report(getOwner(), ownerTid_);
-    frontWait_.poll([&waiter] { return waiter.reached(Waiter::granted); });
-    if (waiter.settled())
+    if (frontWait_.poll([&waiter] { return waiter.reached(Waiter::granted); }))
         return;
     while (!waiter.sleep(Waiter::granted, kReportInterval))
         report.stillWaiting();
@@ -248,27 +252,37 @@ void DebugPermission<Debugging>::release() {
     ownerTid_.store(0, std::memory_order_relaxed);
     unsigned long expected = me.id;
     if (!word_.compare_exchange_strong(expected, 0, std::memory_order_release,
-                                       std::memory_order_relaxed)) {
+                                       std::memory_order_relaxed))
+        handOver();
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::handOver() {
+    WakeUp wakeUp;
+    {
         OSWrap::Lock<> const lock(queueMutex_);
-        passOn();
+        wakeUp = passOn();
     }
+    wakeUp.perform();
 }
 
 /** Gives the token, which the caller holds, to the front of the queue, or sets it free. */
 template <class Debugging>
-void DebugPermission<Debugging>::passOn() {
+typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::passOn() {
+    WakeUp wakeUp;
     if (!front_) {
         ownerTid_.store(0, std::memory_order_relaxed);
         word_.store(0, std::memory_order_release);
-        return;
+        return wakeUp;
     }
     Waiter& successor = *front_;
     unlink(successor);
     ownerTid_.store(successor.tid, std::memory_order_relaxed);
     word_.store(successor.id | (front_ ? kSomebodyQueued : 0), std::memory_order_release);
-    successor.raise(Waiter::granted);
+    wakeUp.granted = successor.raise(Waiter::granted);
     if (front_)
-        front_->raise(Waiter::front);
+        wakeUp.front = front_->raise(Waiter::front);
+    return wakeUp;
 }
 
 template <class Debugging>
@@ -289,17 +303,27 @@ void DebugPermission<Debugging>::removeId(void* self) {
 
 template <class Debugging>
 void DebugPermission<Debugging>::leaveQueue(Waiter& waiter) {
-    OSWrap::Lock<> const lock(queueMutex_);
-    if (waiter.reached(Waiter::granted)) {
-        passOn();
-        return;
+    WakeUp wakeUp;
+    {
+        OSWrap::Lock<> const lock(queueMutex_);
+        wakeUp = leaveQueueLocked(waiter);
     }
+    wakeUp.perform();
+}
+
+template <class Debugging>
+typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::leaveQueueLocked(
+    Waiter& waiter) {
+    if (waiter.reached(Waiter::granted))
+        return passOn();
     bool const wasFront = front_ == &waiter;
     unlink(waiter);
+    WakeUp wakeUp;
     if (!front_)
         word_.fetch_and(~kSomebodyQueued, std::memory_order_relaxed);
     else if (wasFront)
-        front_->raise(Waiter::front);
+        wakeUp.front = front_->raise(Waiter::front);
+    return wakeUp;
 }
 
 template class DebugPermission<Debugging_t<1>>;

@@ -139,9 +139,12 @@ bool HandlerThreads<Container, Permission, Debugging>::hasPermission() const {
 template <template <class> class Container, template <class> class Permission, class Debugging>
 void HandlerThreads<Container, Permission, Debugging>::releaseOnThreadTermination(void* instance) {
     HandlerThreads* const self = static_cast<HandlerThreads*>(instance);
-    if (!self || !self->isHandler())
+    if (!self)
         return;
     OSWrap::DisableCancelStateGuard const noCancel;
+    currentThread().giveUpParkingPlace();
+    if (!self->isHandler())
+        return;
     while (self->hasPermission())
         self->permission_.release();
     while (self->isHandler())

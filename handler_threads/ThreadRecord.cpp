@@ -1,6 +1,24 @@
 #include "handler_threads/ThreadRecord.h"
 
+#include <pthread.h>
+
 namespace handlerthreads {
+namespace {
+
+// Not an object with a destructor: threads may end while the process exits.
+pthread_mutex_t freePlacesMutex = PTHREAD_MUTEX_INITIALIZER;
+ParkingPlace* freePlaces = nullptr;  // guarded by freePlacesMutex
+
+ParkingPlace* takeFreePlace() {
+    pthread_mutex_lock(&freePlacesMutex);
+    ParkingPlace* const place = freePlaces;
+    if (place)
+        freePlaces = place->nextFree;
+    pthread_mutex_unlock(&freePlacesMutex);
+    return place;
+}
+
+}  // namespace
 
 __thread ThreadRecord threadRecord HANDLERTHREADS_TLS = {};
 
@@ -17,6 +35,24 @@ bool ThreadRecord::reportDue(Misuse kind) {
     misused = true;
     misuse = (misuse & ~(3u << shift)) | (counter << shift);
     return counter <= 2;
+}
+
+ParkingPlace& ThreadRecord::parkingPlace() {
+    if (!place)
+        place = takeFreePlace();
+    if (!place)
+        place = new ParkingPlace;
+    return *place;
+}
+
+void ThreadRecord::giveUpParkingPlace() {
+    if (!place)
+        return;
+    pthread_mutex_lock(&freePlacesMutex);
+    place->nextFree = freePlaces;
+    freePlaces = place;
+    pthread_mutex_unlock(&freePlacesMutex);
+    place = nullptr;
 }
 
 }  // namespace handlerthreads

@@ -1,9 +1,18 @@
 // What this folder keeps for each thread, in the thread's own storage.
 #pragma once
 
+#include "oswrap/ConditionVar.h"
 #include "oswrap/Thread.h"
 
 namespace handlerthreads {
+
+/** Where a thread sleeps while it is queued for the permission. Never freed, only passed on from
+ * ended threads to new ones, so that it can be signalled without any lock: a signal that comes late
+ * wakes somebody for nothing, who looks and sleeps again. */
+struct ParkingPlace {
+    OSWrap::ConditionVar condition;
+    ParkingPlace* nextFree = nullptr;  // guarded by the mutex of the list of free places
+};
 
 /** The reports that a thread gets at most three times in its life; the value is the position of
  * the report's counter in ThreadRecord::misuse. */
@@ -20,12 +29,17 @@ struct ThreadRecord {
     long tid;                     // kernel's number, for log lines
     unsigned long handlerStates;  // nested handler states
     void* waiter;                 // entry in the permission's queue while the thread waits there
+    ParkingPlace* place;          // the thread's own, from its first wait on
     unsigned misuse;              // counters of two bits each, see Misuse
     bool misused;                 // a report has been due before
 
     /** Counts a misuse; whether it is to be reported. The first misuse of either kind leaves its
      * counter at 0, each further one adds 1, and 3 is silence. */
     bool reportDue(Misuse kind);
+    /** The place of the calling thread, whose record this is. */
+    ParkingPlace& parkingPlace();
+    /** Leaves the place to other threads; the thread ends. */
+    void giveUpParkingPlace();
 };
 
 #if defined(__GNUC__)

@@ -7,6 +7,10 @@
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
 
+namespace handlerthreads {
+struct ParkingPlace;
+}
+
 /**
  * Permission policy of HandlerThreads: a token that one thread at a time holds, as often as it
  * likes, and that is given to those who ask for it strictly in the order in which they asked.
@@ -57,15 +61,23 @@ private:
     template <template <class> class, template <class> class, class>
     friend class HandlerThreads;
     struct Waiter;
+    /** Whom to wake when the queue has changed and its mutex is unlocked again. */
+    struct WakeUp {
+        handlerthreads::ParkingPlace* granted = nullptr;
+        handlerthreads::ParkingPlace* front = nullptr;
+        void perform() const;
+    };
     DebugPermission() = default;
 
     bool tryTake();
     void waitForTurn();
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
+    void handOver();
     void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void leaveQueue(Waiter& waiter);
-    void passOn() OSW_REQUIRES(queueMutex_);
+    WakeUp passOn() OSW_REQUIRES(queueMutex_);
+    WakeUp leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void reportFurtherLevel(unsigned long levels) const;
 
@@ -79,7 +91,8 @@ private:
     std::atomic<long> ownerTid_{0};        // kernel's id of the holder, for log lines only
     OSWrap::AdaptiveWait frontWait_;       // statistics of the waits at the front
 
-    /// Locked before the mutex of a waiter, after any other lock; never while waiting or logging.
+    /// Locked before the mutex of a waiter, after any other lock; never while waiting, waking or
+    /// logging.
     OSWrap::Mutex queueMutex_;
     Waiter* front_ OSW_GUARDED_BY(queueMutex_) = nullptr;
     Waiter* back_ OSW_GUARDED_BY(queueMutex_) = nullptr;
