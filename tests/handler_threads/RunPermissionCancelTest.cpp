@@ -1,0 +1,176 @@
+// Cancellation of threads that queue for the permission, have just got it, or are inside guards.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "LogCapture.h"
+#include "PermissionThreads.h"
+#include "oswrap.h"
+
+using namespace permissiontest;
+using testsupport::Gate;
+using testsupport::kPatience;
+
+namespace {
+
+class RunPermissionCancel : public testing::Test {
+protected:
+    ~RunPermissionCancel() override { EXPECT_TRUE(nothingLeft()); }
+
+    std::unique_ptr<TestThread> queuedThread() {
+        unsigned long const before = Run::handlerThreads().getPermissionWaiters();
+        auto thread = std::make_unique<TestThread>([this] {
+            Run::enterHandlerState(true);
+            ++turns_;
+            Run::leaveHandlerState(true);
+        });
+        EXPECT_TRUE(queueGrowsTo(before + 1));
+        return thread;
+    }
+
+    std::atomic<int> turns_{0};
+};
+
+TEST_F(RunPermissionCancel, QueuedThreadLeavesTheQueueFromAnyPlace) {
+    for (int place = 0; place < 3; ++place) {
+        Run::enterHandlerState(true);
+        std::vector<std::unique_ptr<TestThread>> threads;
+        for (int i = 0; i < 3; ++i)
+            threads.push_back(queuedThread());
+        threads[place]->cancel();
+        EXPECT_TRUE(threads[place]->join());
+        EXPECT_TRUE(queueGrowsTo(2));
+        EXPECT_EQ(Run::handlerThreads().size(), 3u) << "its handler state ended with it";
+        turns_ = 0;
+        Run::leaveHandlerState(true);
+        threads.clear();
+        EXPECT_EQ(turns_, 2);
+    }
+}
+
+TEST_F(RunPermissionCancel, LastOneInTheQueueLeavesItEmpty) {
+    Run::enterHandlerState(true);
+    auto const thread = queuedThread();
+    thread->cancel();
+    EXPECT_TRUE(thread->join());
+    EXPECT_TRUE(queueGrowsTo(0));
+    EXPECT_TRUE(Run::hasRunPermission());
+    Run::leaveHandlerState(true);
+}
+
+// Cancellation and hand-over meet in either order: the turn always goes on to the next.
+TEST_F(RunPermissionCancel, TurnPassesOnWhenItMeetsTheCancellation) {
+    int ended = 0;
+    for (int round = 0; round < 200; ++round) {
+        Run::enterHandlerState(true);
+        auto const first = queuedThread();
+        auto const second = queuedThread();
+        if (round % 2) {
+            first->cancel();
+            Run::leaveHandlerState(true);
+        } else {
+            Run::leaveHandlerState(true);
+            first->cancel();
+        }
+        ended += first->join() ? 0 : 1;
+        EXPECT_FALSE(second->join());
+        ++ended;
+        ASSERT_EQ(turns_, ended);
+        ASSERT_TRUE(nothingLeft());
+    }
+}
+
+TEST_F(RunPermissionCancel, GuardIsNotInterruptedWhileItQueues) {
+    Run::enterHandlerState(true);
+    std::atomic<bool> hadIt{false};
+    TestThread thread([&hadIt] {
+        TreflectHandlerState const state(true);
+        hadIt = Run::hasRunPermission();
+        for (;;)
+            OSWrap::Thread::sleep(1, 0);
+    });
+    ASSERT_TRUE(queueGrowsTo(1));
+    thread.cancel();
+    Run::leaveHandlerState(true);
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(hadIt);
+}
+
+TEST_F(RunPermissionCancel, HolderThatIsCancelledGivesEverythingBack) {
+    testsupport::LogCapture log;
+    Gate inside;
+    TestThread thread([&inside] {
+        TreflectHandlerState const state(true);
+        Run::getRunPermission();
+        TreflectRestoreHandlerState const restored;
+        TreflectReleaseHandlerState const released;
+        inside.open();
+        for (;;)
+            OSWrap::Thread::sleep(1, 0);
+    });
+    ASSERT_TRUE(inside.wait());
+    thread.cancel();
+    EXPECT_TRUE(thread.join());
+}
+
+TEST_F(RunPermissionCancel, CancelledConditionWaitTakesThePermissionBackAndUnlocks) {
+    TreflectConditionVar condition;
+    std::atomic<bool> hadItOnTheWay{false};
+    struct Probe {
+        std::atomic<bool>& result;
+        ~Probe() { result = Run::hasRunPermission(); }
+    };
+    TestThread thread([&] {
+        TreflectHandlerState const state(true);
+        Probe const probe{hadItOnTheWay};
+        OSWrap::Lock<TreflectConditionVar> const lock(condition);
+        for (;;)
+            condition.wait(OSWrap::TimeSpec::INFINITETIME);
+    });
+    ASSERT_TRUE(testsupport::eventually(
+        [] { return Run::handlerThreads().size() == 1 && Run::getRunPermissionOwner() == 0; }));
+    thread.cancel();
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(hadItOnTheWay);
+    ASSERT_TRUE(condition.trylock());
+    condition.unlock();
+}
+
+TEST_F(RunPermissionCancel, RemoveIdOfAThreadThatIsNotQueuedChangesNothing) {
+    TreflectHandlerState const state(true);
+    DebugPermission<Debugging_t<1>>::removeId(nullptr);
+    EXPECT_TRUE(Run::hasRunPermission());
+}
+
+// Many threads queue, hold and are cancelled at random moments: afterwards nothing is stuck.
+TEST_F(RunPermissionCancel, ManyCancellationsAmongManyThreadsLoseNothing) {
+    constexpr int kThreads = 12;
+    long protectedSum = 0;  // guarded by the run permission
+    std::atomic<long> sum{0};
+    for (int round = 0; round < 25; ++round) {
+        std::vector<std::unique_ptr<TestThread>> threads;
+        for (int i = 0; i < kThreads; ++i)
+            threads.push_back(std::make_unique<TestThread>([&, i] {
+                for (;;) {
+                    Run::enterHandlerState(i % 2 == 0);
+                    if (Run::hasRunPermission()) {
+                        ++protectedSum;
+                        ++sum;
+                    }
+                    Run::leaveHandlerState(true);
+                    pthread_testcancel();
+                }
+            }));
+        long const before = sum;
+        ASSERT_TRUE(testsupport::eventually([&] { return sum > before + 100; }));
+        for (auto& thread : threads)
+            thread->cancel();
+        threads.clear();
+        ASSERT_TRUE(nothingLeft());
+    }
+    EXPECT_EQ(protectedSum, sum);
+}
+
+}  // namespace

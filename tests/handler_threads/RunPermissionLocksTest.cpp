@@ -1,0 +1,267 @@
+// The guards, and the locks that give the permission back while they block.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "PermissionThreads.h"
+#include "oswrap.h"
+
+using namespace permissiontest;
+using testsupport::Gate;
+using testsupport::LogCapture;
+
+namespace {
+
+class RunPermissionGuards : public testing::Test {
+protected:
+    ~RunPermissionGuards() override { EXPECT_TRUE(nothingLeft()); }
+};
+
+enum State { none, handler, holder };
+
+State stateNow() {
+    return Run::hasRunPermission() ? holder : Run::isHandlerThread() ? handler : none;
+}
+
+void bringInto(State state) {
+    while (Run::isHandlerThread())
+        Run::leaveHandlerState(true);
+    if (state != none)
+        Run::enterHandlerState(state == holder);
+}
+
+TEST_F(RunPermissionGuards, HandlerStateGivesWhatIsMissingAndTakesNoMore) {
+    LogCapture log;
+    for (State before : {none, handler, holder})
+        for (bool permission : {false, true}) {
+            bringInto(before);
+            {
+                TreflectHandlerState const guard(permission);
+                EXPECT_EQ(stateNow(), permission ? holder : std::max(before, handler));
+                EXPECT_EQ(Run::getRunPermissionCount(), stateNow() == holder ? 1u : 0u);
+            }
+            EXPECT_EQ(stateNow(), before);
+        }
+    TreflectHandlerState::cleanupHandlerState(nullptr);
+    bringInto(none);
+    EXPECT_TRUE(log.records().empty());
+}
+
+TEST_F(RunPermissionGuards, HandlerStateUndoesAPermissionTakenInside) {
+    {
+        TreflectHandlerState const guard(false);
+        Run::getRunPermission();
+    }
+    EXPECT_EQ(stateNow(), none);
+}
+
+TEST_F(RunPermissionGuards, RestorePutsBackAnyStateFromAnyOther) {
+    for (State before : {none, handler, holder})
+        for (State inside : {none, handler, holder}) {
+            bringInto(before);
+            {
+                TreflectRestoreHandlerState const guard;
+                bringInto(inside);
+            }
+            EXPECT_EQ(stateNow(), before) << "from " << inside;
+        }
+    bringInto(none);
+}
+
+TEST_F(RunPermissionGuards, RestoreUndoesNestedStatesAndLevels) {
+    {
+        TreflectRestoreHandlerState const guard;
+        Run::enterHandlerState(true);
+        Run::enterHandlerState(false);
+        Run::getRunPermission();
+    }
+    EXPECT_EQ(stateNow(), none);
+}
+
+TEST_F(RunPermissionGuards, ReleaseGivesOneLevelBackForAScope) {
+    for (State before : {none, handler, holder}) {
+        bringInto(before);
+        {
+            TreflectReleaseHandlerState const guard;
+            EXPECT_EQ(stateNow(), std::min(before, handler));
+        }
+        EXPECT_EQ(stateNow(), before);
+    }
+    LogCapture log;
+    Run::getRunPermission();
+    {
+        TreflectReleaseHandlerState const guard;
+        EXPECT_EQ(stateNow(), holder) << "the second level keeps it";
+    }
+    EXPECT_EQ(Run::getRunPermissionCount(), 1u) << "it holds the permission, so none is added";
+    bringInto(holder);
+    {
+        TreflectReleaseHandlerState const guard;
+        bringInto(none);
+    }
+    EXPECT_EQ(stateNow(), holder);
+    bringInto(none);
+}
+
+template <class Lockable>
+class RunPermissionLocks : public testing::Test {
+protected:
+    ~RunPermissionLocks() override { EXPECT_TRUE(nothingLeft()); }
+
+    static constexpr bool kAlwaysReleases = std::is_same_v<Lockable, OSWrap::RunPermMutex> ||
+                                            std::is_same_v<Lockable, OSWrap::RunPermConditionVar>;
+    Lockable lockable_;
+};
+
+using Lockables = testing::Types<TreflectMutex, TreflectCountedMutex, TreflectConditionVar,
+                                 OSWrap::RunPermMutex, OSWrap::RunPermConditionVar>;
+TYPED_TEST_SUITE(RunPermissionLocks, Lockables);
+
+TYPED_TEST(RunPermissionLocks, BlockedHolderLetsOthersRunAndHasThePermissionAgainAfterwards) {
+    Gate locked;
+    Gate unlock;
+    TestThread blocker([&] {
+        OSWrap::Lock<TypeParam> const lock(this->lockable_);
+        locked.open();
+        EXPECT_TRUE(unlock.wait());
+    });
+    ASSERT_TRUE(locked.wait());
+    TreflectHandlerState const state(true);
+    TestThread helper([&] {
+        TreflectHandlerState const inner(true);
+        unlock.open();
+    });
+    ASSERT_TRUE(queueGrowsTo(1));
+    this->lockable_.lock();
+    EXPECT_TRUE(Run::hasRunPermission());
+    EXPECT_TRUE(unlock.isOpen());
+    this->lockable_.unlock();
+}
+
+TYPED_TEST(RunPermissionLocks, FreeLockKeepsThePermissionUnlessItAlwaysGivesItBack) {
+    std::atomic<bool> otherHadIt{false};
+    TreflectHandlerState const state(true);
+    TestThread other([&otherHadIt] {
+        TreflectHandlerState const inner(true);
+        otherHadIt = true;
+    });
+    ASSERT_TRUE(queueGrowsTo(1));
+    this->lockable_.lock();
+    EXPECT_EQ(otherHadIt, this->kAlwaysReleases);
+    EXPECT_TRUE(Run::hasRunPermission());
+    TestThread([this] { EXPECT_FALSE(this->lockable_.trylock()); });
+    this->lockable_.unlock();
+    ASSERT_TRUE(this->lockable_.trylock());
+    EXPECT_EQ(otherHadIt, this->kAlwaysReleases);
+    this->lockable_.unlock();
+    TreflectReleaseHandlerState const released;
+    other.join();
+}
+
+TYPED_TEST(RunPermissionLocks, SecondLevelKeepsThePermissionWhileBlocked) {
+    Gate locked;
+    std::atomic<bool> unlock{false};
+    TestThread blocker([&] {
+        OSWrap::Lock<TypeParam> const lock(this->lockable_);
+        locked.open();
+        EXPECT_TRUE(testsupport::eventually([&] { return unlock.load(); }));
+    });
+    ASSERT_TRUE(locked.wait());
+    LogCapture log;
+    TreflectHandlerState const state(true);
+    Run::getRunPermission();
+    TestThread observer([&] {
+        EXPECT_TRUE(testsupport::eventually([] { return Run::getRunPermissionCount() == 1; }));
+        EXPECT_NE(Run::getRunPermissionOwner(), 0u);
+        unlock = true;
+    });
+    this->lockable_.lock();
+    EXPECT_EQ(Run::getRunPermissionCount(), 1u);
+    this->lockable_.unlock();
+}
+
+TEST_F(RunPermissionGuards, CountedMutexCounts) {
+    TreflectCountedMutex mutex;
+    mutex.lock();
+    ASSERT_TRUE(mutex.trylock());
+    EXPECT_EQ(mutex.count(), 2u);
+    mutex.unlock();
+    mutex.unlock();
+    EXPECT_EQ(mutex.count(), 0u);
+}
+
+template <class Condition>
+class RunPermissionConditions : public testing::Test {
+protected:
+    ~RunPermissionConditions() override { EXPECT_TRUE(nothingLeft()); }
+    Condition condition_;
+};
+
+using Conditions = testing::Types<TreflectConditionVar, OSWrap::RunPermConditionVar>;
+TYPED_TEST_SUITE(RunPermissionConditions, Conditions);
+
+TYPED_TEST(RunPermissionConditions, WaitLetsAnotherHolderSignal) {
+    bool ready = false;  // guarded by the condition's mutex
+    TreflectHandlerState const state(true);
+    TestThread signaller([&] {
+        TreflectHandlerState const inner(true);
+        OSWrap::Lock<TypeParam> const lock(this->condition_);
+        ready = true;
+        this->condition_.broadcast();
+    });
+    OSWrap::Lock<TypeParam> const lock(this->condition_);
+    while (!ready)
+        ASSERT_TRUE(this->condition_.wait(OSWrap::TimeSpec(30, 0)));
+    EXPECT_TRUE(Run::hasRunPermission());
+}
+
+TYPED_TEST(RunPermissionConditions, WaitTellsThatTheTimeRanOut) {
+    TreflectHandlerState const state(true);
+    OSWrap::Lock<TypeParam> const lock(this->condition_);
+    EXPECT_FALSE(this->condition_.wait(OSWrap::TimeSpec(0, 1'000'000)));
+    EXPECT_TRUE(Run::hasRunPermission());
+}
+
+// All ways to take, give back and block at once, over data that only the permission or one lock
+// guards.
+TEST_F(RunPermissionGuards, ManyThreadsKeepTheirDataWhole) {
+    constexpr int kThreads = 16;
+    constexpr int kRounds = 300;
+    long underPermission = 0;  // guarded by the run permission
+    long underMutex = 0;       // guarded by `mutex`
+    long underCondition = 0;   // guarded by `condition`
+    TreflectMutex mutex;
+    TreflectConditionVar condition;
+    {
+        std::vector<std::unique_ptr<TestThread>> threads;
+        for (int i = 0; i < kThreads; ++i)
+            threads.push_back(std::make_unique<TestThread>([&] {
+                for (int round = 0; round < kRounds; ++round) {
+                    TreflectHandlerState const state(true);
+                    ++underPermission;
+                    {
+                        OSWrap::Lock<TreflectMutex> const lock(mutex);
+                        ++underMutex;
+                    }
+                    {
+                        OSWrap::Lock<TreflectConditionVar> const lock(condition);
+                        ++underCondition;
+                        condition.broadcast();
+                        if (round % 16 == 0)
+                            condition.wait(OSWrap::TimeSpec(0, 100'000));
+                    }
+                    ++underPermission;
+                    TreflectReleaseHandlerState const released;
+                }
+            }));
+    }
+    EXPECT_EQ(underPermission, 2l * kThreads * kRounds);
+    EXPECT_EQ(underMutex, 1l * kThreads * kRounds);
+    EXPECT_EQ(underCondition, 1l * kThreads * kRounds);
+}
+
+}  // namespace
