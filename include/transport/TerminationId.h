@@ -13,7 +13,7 @@ constexpr GroupId GRPID_UNDEF = 0;
 constexpr GroupId TRSPCTRL = 4;
 
 /**
- * Address of a termination: 32 bits. The value 0 is no termination.
+ * Address of a termination: 32 bits, ordered by value. The value 0 is no termination. A value.
  *
  * | bits | field |
  * |---|---|
@@ -49,6 +49,7 @@ public:
 private:
     std::uint32_t value_ = 0;
 };
+static_assert(sizeof(TerminationId) == 4, "travels as its 4 bytes");
 
 }  // namespace Transport
 

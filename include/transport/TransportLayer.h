@@ -17,7 +17,10 @@ private:
     GroupId id_;
 };
 
-/** What the transport knows of all terminations. Answers from memory, without traffic. Any thread.
+/**
+ * What the transport knows of all terminations. Answers from memory, without traffic. A process
+ * knows of others from the start of its first termination until the stop of its last; when `start`
+ * has returned, everybody who was there before is known. Any thread. In a forked child: nobody.
  */
 class REFLECTORB_API TransportLayer {
 public:

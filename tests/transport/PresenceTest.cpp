@@ -123,6 +123,71 @@ TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
     }
 }
 
+TEST_F(PresenceTest, withoutProcessHandlesDeathsAreSeenByLookingFromTimeToTime) {
+    for (int i = 0; i < 3; ++i) {
+        actors_.push_back(std::make_unique<PresenceActor>());
+        if (actors_.back()->ask("withoutHandles", "without") != "without yes")
+            GTEST_SKIP() << "the kernel or the emulator cannot filter system calls";
+        ids_.push_back(actors_.back()->start());
+    }
+    for (auto& actor : actors_)
+        ASSERT_TRUE(eventually([&] { return actor->known() == 3; }));
+    killAndExpectAllToBeTold({1});
+}
+
+TEST_F(PresenceTest, processThatBecomesAnotherProgramIsSeenOnceAChannelHasEnded) {
+    startActors(4);
+    actors_[1]->child().writeLine("exec");
+    std::string const name = "/proc/" + std::to_string(actors_[1]->child().pid()) + "/comm";
+    ASSERT_TRUE(eventually([&] {
+        std::string comm;
+        std::getline(std::ifstream(name), comm);
+        return comm == "sleep";
+    }));
+    actors_[0]->ask("suspect " + ids_[2], "suspected");  // is well
+    actors_[0]->ask("suspect " + ids_[1], "suspected");
+    for (std::size_t const i : {0u, 2u, 3u})
+        EXPECT_TRUE(actors_[i]->waitUntilTold("departed", ids_[1]));
+    EXPECT_EQ(actors_[0]->known(), 3u);
+    EXPECT_EQ(fileOf(ids_[1]), "");
+}
+
+TEST_F(PresenceTest, eachProcessWatchesThreeOthersHoweverManyThereAre) {
+    startActors(8);
+    auto const handles = [](PresenceActor& actor) {
+        std::string const folder = "/proc/" + std::to_string(actor.child().pid()) + "/fd";
+        int count = 0;
+        for (auto const& entry : std::filesystem::directory_iterator(folder)) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(entry, gone).string().find("pidfd") !=
+                std::string::npos)
+                ++count;
+        }
+        return count;
+    };
+    for (auto& actor : actors_)
+        EXPECT_TRUE(eventually([&] { return handles(*actor) == 3; }));
+}
+
+TEST_F(PresenceTest, entriesTellTheirOwnerAndTakeConnectionsWhileHeLives) {
+    startActors(2);
+    auto const owned = [&](std::string const& id, pid_t pid) {
+        return actors_[0]->ask("owned " + id + " " + std::to_string(pid), "owned") == "owned yes";
+    };
+    pid_t const self = actors_[0]->child().pid();
+    pid_t const other = actors_[1]->child().pid();
+    EXPECT_TRUE(owned(ids_[0], self));
+    EXPECT_TRUE(owned(ids_[1], other));
+    EXPECT_FALSE(owned(ids_[0], other));
+    EXPECT_FALSE(owned(ids_[1], self));
+    EXPECT_FALSE(owned("0301fff0", other));
+    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "connect yes");
+    EXPECT_EQ(actors_[0]->ask("connect 0301fff0", "connect"), "connect no");
+    killAndExpectAllToBeTold({1});
+    EXPECT_FALSE(owned(ids_[1], other));
+    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "connect no");
+}
+
 TEST_F(PresenceTest, deathsAtTheSameTimeAreAllSeenAlsoOfAWholeNeighbourhood) {
     startActors(10);
     killAndExpectAllToBeTold({2, 3, 4, 5, 6, 7});

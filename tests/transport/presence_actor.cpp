@@ -11,9 +11,14 @@
 //
 // Unless it churns, it prints "arrived" and "departed" with listener, termination and time.
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -22,7 +27,9 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <set>
 #include <sstream>
+#include <thread>
 
 #include "oswrap/Clock.h"
 #include "platform/transport/IdentityValues.h"
@@ -36,6 +43,29 @@ using Transport::Rendezvous;
 using Transport::TerminationId;
 
 bool quiet = false;
+
+/** Those that the channels have been told of: that comes before the departures. */
+class GoneOnes {
+public:
+    static void note(TerminationId id) {
+        std::lock_guard<std::mutex> const lock(mutex());
+        ids().insert(id);
+    }
+    static bool contains(TerminationId id) {
+        std::lock_guard<std::mutex> const lock(mutex());
+        return ids().count(id) != 0;
+    }
+
+private:
+    static std::mutex& mutex() {
+        static auto& mutex = *new std::mutex;
+        return mutex;
+    }
+    static std::set<TerminationId>& ids() {
+        static auto& ids = *new std::set<TerminationId>;
+        return ids;
+    }
+};
 
 void say(std::string const& line) {
     static std::mutex mutex;
@@ -93,6 +123,8 @@ private:
             auto const [entry, isNew] = present_.emplace(id, present);
             if (!isNew && (present || !entry->second))
                 ++errors_;
+            if (!present && (!GoneOnes::contains(id) || Rendezvous::instance().exists(id)))
+                ++errors_;
             entry->second = present;
         }
         if (!quiet)
@@ -125,17 +157,62 @@ void view(Seats const& seats) {
         (agree ? " agree " : " differ ") + std::to_string(errors));
 }
 
-void churn(Seats& seats, unsigned keep, unsigned rounds) {
-    quiet = true;
+void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
     std::minstd_rand random(static_cast<unsigned>(::getpid()));
-    for (unsigned i = 0; i < keep; ++i)
-        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3)));
     for (unsigned i = 0; i < rounds; ++i) {
-        auto& seat = seats[random() % seats.size()];
+        auto& seat = seats[begin + random() % (end - begin)];
         seat.reset();
         seat = std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3));
     }
+}
+
+/** Two threads at the same time, each with its half of the seats. */
+void churn(Seats& seats, unsigned keep, unsigned rounds) {
+    quiet = true;
+    for (unsigned i = 0; i < keep; ++i)
+        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3)));
+    std::thread other([&] { churn(seats, 0, keep / 2, rounds / 2); });
+    churn(seats, keep / 2, keep, rounds - rounds / 2);
+    other.join();
     say("churned");
+}
+
+/** Has the kernel refuse process handles to this process, as an old one would. */
+bool refuseProcessHandles() {
+    constexpr unsigned openHandle = 434;
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, openHandle, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog const filter{sizeof program / sizeof program[0], program};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+bool connects(TerminationId id) {
+    int const socket = Rendezvous::instance().connectTo(id);
+    if (socket >= 0)
+        ::close(socket);
+    return socket >= 0;
+}
+
+/** Of those commands that concern one termination, by its id. */
+bool obeyAbout(std::string const& command, std::string const& value, unsigned number) {
+    TerminationId const id(static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 16)));
+    if (command == "suspect") {
+        Rendezvous::instance().suspect(id);
+        say("suspected");
+    } else if (command == "owned") {
+        bool const owned = Rendezvous::instance().ownedBy(id, static_cast<pid_t>(number));
+        say(owned ? "owned yes" : "owned no");
+    } else if (command == "connect") {
+        say(connects(id) ? "connect yes" : "connect no");
+    } else {
+        return false;
+    }
+    return true;
 }
 
 /** Exit code 0 when nothing of the transport does anything in a forked child. */
@@ -210,6 +287,8 @@ void obey(std::string const& line, Seats& seats) {
     std::string value;
     unsigned number = 0;
     words >> command >> value >> number;
+    if (obeyAbout(command, value, number))
+        return;
     if (command == "start") {
         seats.push_back(
             std::make_unique<Seat>(static_cast<Transport::GroupId>(std::atoi(value.c_str()))));
@@ -220,6 +299,10 @@ void obey(std::string const& line, Seats& seats) {
         churn(seats, static_cast<unsigned>(std::atoi(value.c_str())), number);
     } else if (command == "view") {
         view(seats);
+    } else if (command == "withoutHandles") {
+        say(refuseProcessHandles() ? "without yes" : "without no");
+    } else if (command == "exec") {
+        ::execl("/bin/sleep", "sleep", "1000", nullptr);
     } else if (command == "fork") {
         forkChild(seats);
     } else if (command == "inheritable") {
@@ -236,6 +319,7 @@ void obey(std::string const& line, Seats& seats) {
 }  // namespace
 
 int main() {
+    Rendezvous::instance().goneHook(&GoneOnes::note);
     // Those not stopped live until the process ends; static, so that no leak is suspected.
     static Seats& seats = *new Seats;
     for (std::string line; std::getline(std::cin, line) && line != "quit";)

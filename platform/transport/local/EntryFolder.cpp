@@ -17,8 +17,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "logging/Log.h"
 #include "oswrap/Thread.h"
+#include "platform/transport/DelayedLog.h"
 
 namespace Transport {
 namespace {
@@ -73,8 +73,8 @@ bool isPrivate(struct stat const& status) {
 }
 
 Descriptor refuse(std::string const& path, std::string const& reason) {
-    REFLECTORB_LOG(3, kSource, "The rendezvous folder %s is refused: %s", path.c_str(),
-                   reason.c_str());
+    TRANSPORT_LOG(3, kSource, "The rendezvous folder %s is refused: %s", path.c_str(),
+                  reason.c_str());
     return Descriptor();
 }
 
@@ -184,8 +184,8 @@ unsigned short EntryFolder::nextNameId() {
         last = 0;
     std::uint32_t const next = last % 0xFFFF + 1;
     if (::pwrite(shared_.get(), &next, sizeof next, kCounterOffset) != sizeof next)
-        REFLECTORB_LOG(3, kSource, "Cannot write %s/%s: %s", path_.c_str(), kSharedFile,
-                       std::strerror(errno));
+        TRANSPORT_LOG(3, kSource, "Cannot write %s/%s: %s", path_.c_str(), kSharedFile,
+                      std::strerror(errno));
     if (locked)
         lockByte(F_UNLCK, kCounterLock);
     return static_cast<unsigned short>(next);
@@ -232,8 +232,8 @@ std::vector<FolderEntry> EntryFolder::list() const {
         ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     DIR* const folder = descriptor >= 0 ? ::fdopendir(descriptor) : nullptr;
     if (folder == nullptr) {
-        REFLECTORB_LOG(3, kSource, "Cannot read the rendezvous folder %s: %s", path_.c_str(),
-                       std::strerror(errno));
+        TRANSPORT_LOG(3, kSource, "Cannot read the rendezvous folder %s: %s", path_.c_str(),
+                      std::strerror(errno));
         if (descriptor >= 0)
             ::close(descriptor);
         return entries;
@@ -282,8 +282,8 @@ Descriptor EntryFolder::listenHidden(std::string const& file) const {
         ::fchmodat(folder_.get(), hidden.c_str(), 0600, 0) == 0 &&
         ::listen(socket.get(), SOMAXCONN) == 0)
         return socket;
-    REFLECTORB_LOG(3, kSource, "Cannot make the socket %s in %s: %s", file.c_str(), path_.c_str(),
-                   std::strerror(errno));
+    TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", file.c_str(), path_.c_str(),
+                  std::strerror(errno));
     remove(hidden);
     return Descriptor();
 }
@@ -292,8 +292,8 @@ bool EntryFolder::show(std::string const& file) const {
     std::string const hidden = kHiddenPrefix + file;
     if (::renameat(folder_.get(), hidden.c_str(), folder_.get(), file.c_str()) == 0)
         return true;
-    REFLECTORB_LOG(3, kSource, "Cannot show the socket %s in %s: %s", file.c_str(), path_.c_str(),
-                   std::strerror(errno));
+    TRANSPORT_LOG(3, kSource, "Cannot show the socket %s in %s: %s", file.c_str(), path_.c_str(),
+                  std::strerror(errno));
     remove(hidden);
     return false;
 }
@@ -321,8 +321,8 @@ void EntryFolder::repair() const {
     struct stat status;
     if (::fstat(shared_.get(), &status) == 0 && status.st_size < kSharedSize &&
         ::ftruncate(shared_.get(), kSharedSize) == 0)
-        REFLECTORB_LOG(3, kSource, "%s/%s had been cut short and was mended", path_.c_str(),
-                       kSharedFile);
+        TRANSPORT_LOG(3, kSource, "%s/%s had been cut short and was mended", path_.c_str(),
+                      kSharedFile);
 }
 
 void EntryFolder::announce() const {
@@ -336,8 +336,8 @@ void EntryFolder::announce() const {
         else if (errno != EAGAIN && errno != EINTR)
             break;
     }
-    REFLECTORB_LOG(3, kSource, "Cannot announce a change in %s: %s", path_.c_str(),
-                   std::strerror(errno));
+    TRANSPORT_LOG(3, kSource, "Cannot announce a change in %s: %s", path_.c_str(),
+                  std::strerror(errno));
 }
 
 std::uint32_t EntryFolder::announcements() const {

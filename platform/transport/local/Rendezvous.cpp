@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Lock.h"
+#include "platform/transport/DelayedLog.h"
 #include "platform/transport/Identity.h"
 #include "platform/transport/local/RendezvousState.h"
 
@@ -18,7 +18,8 @@ namespace {
 constexpr char const* kSource = "TransportRendezvous";
 constexpr int kNameIds = 0xFFFF;
 
-/** Set in a child that was forked after the first use: it has none of the threads and locks. */
+/** Set in a child that was forked after the first address was given: it has none of the threads and
+ * locks. */
 std::atomic<bool> forked{false};
 
 }  // namespace
@@ -26,8 +27,11 @@ std::atomic<bool> forked{false};
 // ---- Own terminations ---------------------------------------------------------------------------
 
 bool Rendezvous::State::openFolder(std::string const& path) {
-    if (folder == nullptr)
+    if (folder == nullptr) {
         folder = EntryFolder::open(path).release();
+        if (folder != nullptr)
+            ::pthread_atfork(nullptr, nullptr, [] { forked = true; });
+    }
     return folder != nullptr;
 }
 
@@ -56,14 +60,15 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
     auto const identity = Identity::instance().snapshot();
     if (!identity)
         return {};
+    DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
     if (!openFolder(identity->directory))
         return {};
     Identity::instance().freeze();
     unsigned short const nameId = takeName();
     if (nameId == 0) {
-        REFLECTORB_LOG(3, kSource, "No name id is left in the rendezvous folder %s",
-                       folder.load()->path().c_str());
+        TRANSPORT_LOG(3, kSource, "No name id is left in the rendezvous folder %s",
+                      folder.load()->path().c_str());
         return {};
     }
     TerminationId const id(nameId, identity->slot, group);
@@ -94,11 +99,12 @@ int Rendezvous::State::publish(TerminationId id) {
     PresenceTable::Departures gone;
     Descriptor socket;
     {
+        DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
         auto const own = own_.find(id);
         if (own == own_.end() || own->second.published) {
-            REFLECTORB_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
-                           own == own_.end() ? "has no address" : "has been started already");
+            TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
+                          own == own_.end() ? "has no address" : "has been started already");
             return -1;
         }
         socket = publishLocked(own->second, id, gone);
@@ -128,6 +134,7 @@ void Rendezvous::State::withdraw(TerminationId id) {
         if (published_ == 0)
             for (TerminationId const other : table.ids())
                 table.drop(other, forgotten);
+        // Last, so that nobody sees an entry without its lock.
         folder.load()->unlockName(id.nameId());
         own_.erase(own);
     }
@@ -151,9 +158,7 @@ void Rendezvous::State::tell(PresenceTable::Departures& gone) {
 
 // ---- The public face ----------------------------------------------------------------------------
 
-Rendezvous::Rendezvous() : state_(*new State) {
-    ::pthread_atfork(nullptr, nullptr, [] { forked = true; });
-}
+Rendezvous::Rendezvous() : state_(*new State) {}
 
 Rendezvous& Rendezvous::instance() {
     static Rendezvous& rendezvous = *new Rendezvous;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "logging/Log.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
+#include "platform/transport/DelayedLog.h"
 #include "platform/transport/local/RendezvousState.h"
 
 namespace Transport {
@@ -108,6 +108,7 @@ void Rendezvous::State::scan() {
     PresenceTable::Departures gone;
     bool removed = false;
     {
+        DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
         removed = scanLocked(gone);
     }
@@ -143,8 +144,8 @@ bool Rendezvous::State::admitOrRemove(FolderEntry const& entry, PresenceTable::D
     if (owner == EntryFolder::kFree && !ownsName(entry.id.nameId())) {
         bool const removed = files.remove(entry.file);
         if (removed)
-            REFLECTORB_LOG(5, kSource, "Removed %s, which a process without an end had left",
-                           entry.file.c_str());
+            TRANSPORT_LOG(5, kSource, "Removed %s, which a process without an end had left",
+                          entry.file.c_str());
         return removed;
     }
     if (entry.hidden)
@@ -166,15 +167,16 @@ void Rendezvous::State::dropMissing(std::set<TerminationId> const& seen,
             table.drop(known.id, gone);
         } else if (!own->second.missed) {
             own->second.missed = true;
-            REFLECTORB_LOG(3, kSource,
-                           "Somebody has removed %s of this process from the rendezvous folder %s: "
-                           "others do not see it any more",
-                           known.entry.file.c_str(), folder.load()->path().c_str());
+            TRANSPORT_LOG(3, kSource,
+                          "Somebody has removed %s of this process from the rendezvous folder %s: "
+                          "others do not see it any more",
+                          known.entry.file.c_str(), folder.load()->path().c_str());
         }
     }
 }
 
 bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
+    DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
     if (auto const own = own_.find(id); own != own_.end())
         return own->second.published && pid == ::getpid();
@@ -236,17 +238,19 @@ void Rendezvous::State::checkSuspects() {
  * when its entries are gone already: it may have died between removing and announcing. */
 void Rendezvous::State::checkProcess(pid_t pid) {
     PresenceTable::Departures gone;
+    bool removed = false;
     {
         OSWrap::Lock<> lock(mutex_);
         for (PresenceTable::Known const& known : table.all())
             if (known.entry.owner == pid && own_.count(known.id) == 0 &&
                 folder.load()->ownerOf(known.id.nameId()) != pid)
-                bury(known, gone);
+                removed = bury(known, gone) || removed;
     }
     if (gone.ids().empty())
         return;
-    REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
-                   static_cast<int>(pid));
+    if (removed)
+        REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
+                       static_cast<int>(pid));
     tell(gone);
     folder.load()->announce();
 }
