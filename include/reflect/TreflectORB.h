@@ -1,5 +1,10 @@
 #pragma once
 
+#include <array>
+#include <atomic>
+#include <memory>
+
+#include "handler_threads/TreflectRunPermission.h"
 #include "ipprmi/TipprmiOID.h"
 #include "ipprmi/TipprmiStream.h"
 #include "reflect/NamespaceId.h"
@@ -15,10 +20,15 @@ class TipprmiObjectSkeleton;
  * requests of others with a pool of worker threads, keeps the server objects of its namespace and
  * finds those of others. Brokers are made on first use and live until prepareOrbForDeletion or
  * process exit.
+ *
+ * Threads: any thread may call (see each operation). Object code runs under the process-wide run
+ * permission only, which is given up while a caller waits for a response. A pointer to a broker is
+ * good until prepareOrbForDeletion; a broker that is being deleted fails all calls.
  */
 class REFLECTORB_API TreflectORB : public Transport::TerminationImpl {
 public:
     class TreflectObjectLocation;
+    struct InternalPerfCnts;
 
     /**
      * The broker of a namespace, made and started on first use (which takes 100 ms). Null when it
@@ -26,41 +36,70 @@ public:
      * are being deleted or the process is exiting. Any thread.
      */
     static TreflectORB* getInstance(NamespaceId ns);
-    /** Stops and deletes all brokers, in the order of their namespaces. */
+    /**
+     * Stops and deletes all brokers, in the order of their namespaces; afterwards they can be made
+     * anew. Calls that are outstanding fail at once, requests that wait to be served are dropped,
+     * and those being served are waited for. Any thread, also one that serves a request (which is
+     * not waited for); the run permission is given up meanwhile. Returns at once while another
+     * thread does the same, and in a forked child.
+     */
     static void prepareForDeletion();
 
     ~TreflectORB() override;
 
+    /** A message for this broker: a response goes to its caller, all else to the workers. Called by
+     * the transport on the receiving thread; true. */
     bool receive(Transport::AddressedMessage const& message) override;
+    /** A message of this broker could not be delivered: its caller is told. */
     bool receiveError(Transport::AddressedMessage const& message) override;
+    /** A broker came up. Nothing depends on it yet: whoever looks for an object asks the brokers
+     * that are there. */
     void appeared(Transport::Termination& termination) override;
+    /** A broker has gone: handles on its objects become invalid, and calls to it end at once. */
     void disappeare(Transport::Termination& termination) override;
 
-    /** Finds an object by identifier: here, else at every other broker of the group in turn. */
+    /**
+     * Finds an object by identifier: here, else at every other broker of the group in turn, each
+     * of which is waited for. A location with internal id 0 when there is none. An identifier of
+     * another namespace is left to that namespace's broker. Any thread.
+     */
     virtual TreflectObjectLocation locateObject(TipprmiOID const& oid) const;
+    /** Enters a server object, which stays the caller's, and gives it its internal id; true. Any
+     * thread; waits for the run permission. */
     virtual bool registerObject(TipprmiObjectSkeleton* object);
+    /** Takes a server object out, whoever it is; true. */
     virtual bool unregisterObject(TipprmiObjectSkeleton const* object);
-    /** Sends a call's request and, when a response is awaited, waits for it and puts it into
-     * `response`. True on success; else `response` holds an exception container. */
+    /**
+     * Sends a call's request and, when a response is awaited, waits for it and puts it into
+     * `response`. True on success; else `response` holds an exception container (but on the
+     * receiving thread, which does not wait). The run permission is given up for the whole call.
+     *
+     * A caller whose target lives but does not answer ends the process after 60 seconds, see
+     * resetUnit. A cancellation point while it waits.
+     */
     virtual bool forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,
                             TipprmiStream& response);
-    /** Asks one broker for an object; its internal id there, or 0. */
+    /** Asks one broker for an object; its internal id there, or 0 (also when it did not answer). */
     virtual unsigned int resolve(Transport::TerminationId const& target, TipprmiOID oid) const;
 
-    TreflectOrbId orbId() const;
+    TreflectOrbId orbId() const { return orbId_; }
+    /** The transport's group of a namespace, by this unit's slot; 0 when it has none. */
     Transport::GroupId getMyGroup(NamespaceId const& ns) const;
     NamespaceId getNamespaceFromGroup(Transport::GroupId const& group) const;
+    /** Broker ids and transport addresses into each other. Not each other's inverse: slot 0 of
+     * NSID_UNIT stands for the unit's current slot. */
     TreflectOrbId convertId(Transport::TerminationId const& id) const;
     Transport::TerminationId convertId(TreflectOrbId const& id) const;
 
-    /** A request of `size` payload bytes: kind 2, transaction id 0. */
+    /** A request of `size` payload bytes: kind 2, transaction id 0. Any thread. */
     TreflectMessage allocateRequest(unsigned int size) const;
-    /** A response of `size` payload bytes to `request`. */
+    /** A response of `size` payload bytes to `request`. Any thread. */
     TreflectMessage allocateResponse(TreflectMessage const& request, unsigned int size) const;
-    /** A copy of `message` with `size` payload bytes. */
+    /** A copy of `message` with `size` payload bytes. Any thread. */
     TreflectMessage reallocateMessage(TreflectMessage const& message, unsigned int size) const;
 
-    /** The process-wide run permission, see TreflectRunPermission. */
+    /** The process-wide run permission; each forwards to TreflectRunPermission. */
+    static TreflectHandlerThreads& handlerThreads();
     static void enterHandlerState(bool getPermission);
     static void leaveHandlerState(bool releasePermission);
     static void checkHandlerState();
@@ -71,11 +110,52 @@ public:
     static unsigned long getRunPermissionCount();
     static unsigned long getRunPermissionOwner();
 
-    /** Logs the event, runs the log-collection script and aborts the process. */
+    /** Logs the event, runs the log-collection script and aborts the process. Any thread. */
     [[noreturn]] void resetUnit() const;
 
+    /** The inside of the operations above, for the library's own use. */
+
+    /** Sends a message whose type is set to `target`; the engine of forwardMsg. */
+    bool forwardMsg_(Transport::TerminationId target, bool withResponse, TreflectMessage& message,
+                     TipprmiStream& response) const;
+    TreflectObjectLocation locateLocalObject_(TipprmiOID const& oid) const;
+    TreflectObjectLocation locateRemoteObject_(TipprmiOID const& oid) const;
+    /** A registered object has been given another identifier. With the run permission. */
+    void identifierChanged_(TipprmiObjectSkeleton const& object);
+    /** Starts one more worker, which the message queue has asked for. */
+    void startReflectWorker();
+    /** Body of a worker: serves messages until the pool has enough idle workers. */
+    void dispatchEntry();
+    /** Checks a message and, with `output`, logs what it is about. */
+    void testInfoAboutMessage(Transport::TerminationId const& target,
+                              TreflectMessage const& message, bool output) const;
+    /** Tells the target of `request` that its answer did not come in time, and resets the unit. */
+    [[noreturn]] void waitingTooLongFor(Transport::TerminationId const& target,
+                                        TreflectMessage request, int minutes) const;
+
 private:
+    friend class forwardMsgCleanup;
+    friend class BrokerLifecycle;
+    friend class ReflectWorker;
+    struct Parts;
+    struct OngoingRequestId;
+    class OutgoingCall;
+    class IncomingMessage;
+
     explicit TreflectORB(NamespaceId const& ns);
+    void deliverResponse_(TreflectMessage const& response);
+    void enqueue_(Transport::AddressedMessage const& message);
+    /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
+    int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
+    void closeCalls_();
+
+    /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
+    /// written under the mutex of BrokerLifecycle, read without it.
+    static std::array<std::atomic<TreflectORB*>, 256> singletonInstances_;
+
+    NamespaceId const namespace_;
+    TreflectOrbId const orbId_;
+    std::unique_ptr<Parts> const parts_;
 };
 
 /** The answer to a search: where an object is. A value. */
@@ -93,7 +173,10 @@ public:
     unsigned int getInternalOID() const override;
     NamespaceId getNamespaceId() const override;
     TipprmiObjectSkeleton* getServer() const override;
+    void setServer(TipprmiObjectSkeleton* server) { server_ = server; }
 
+    /** Reads what operator<< wrote; the namespace of the identifier and the server stay as they
+     * are. */
     friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream,
                                                     TreflectObjectLocation& location);
 
@@ -104,7 +187,7 @@ private:
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned
 };
 
-/** Makes the broker of NSID_UNIT ahead of its first use. */
+/** Makes the broker of NSID_UNIT ahead of its first use. Any thread. */
 REFLECTORB_API void preCreateReflectOrb();
-/** Stops and deletes all brokers of the process; they can be made anew afterwards. */
+/** Stops and deletes all brokers of the process, see TreflectORB::prepareForDeletion. */
 REFLECTORB_API void prepareOrbForDeletion();

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+
+#include "oswrap/Mutex.h"
+#include "reflect/TreflectORB.h"
+
+/**
+ * How the brokers of the process are made and deleted. One object, never destroyed.
+ *
+ * A broker is shared by this object and by its workers, so it is there as long as anybody is
+ * inside. One that has been deleted is kept until the next deletion: a thread that fetched it just
+ * before, and does not hold the run permission, may still look at it, and finds it closed.
+ *
+ * Deletion of a broker, in phases:
+ *  1. Close its calls: nothing is sent any more, and whoever waits for a response is woken with a
+ *     failure.
+ *  2. The deleting thread gives up the run permission, all levels of it, until the end.
+ *  3. Stop the termination.
+ *  4. Close and empty the message queue, wait for the workers (but for oneself).
+ *  5. Wait until nobody is inside a call.
+ *  6. Under the run permission, tell the server objects that they have no broker any more, and take
+ *     the broker out of the table.
+ */
+class BrokerLifecycle {
+public:
+    static BrokerLifecycle& instance();
+
+    /** See TreflectORB::getInstance; `ns` is in range. */
+    TreflectORB* getOrCreate(NamespaceId ns);
+    /** See TreflectORB::prepareForDeletion. */
+    void deleteAll();
+    /** The same at the end of the process: makes an end of brokers for ever, and waits for no more
+     * than a second in each phase. */
+    void deleteAllAtExit();
+
+    /** Whether the process is ending and its brokers could not be deleted in time. Somebody may
+     * then hold the run permission for ever, and destructors must not wait for it. */
+    bool isAbandoned() const { return abandoned_.load(std::memory_order_acquire); }
+
+private:
+    class Pace;
+    class DeletionAtExit;
+
+    BrokerLifecycle();
+
+    TreflectORB* create(NamespaceId ns) OSW_REQUIRES(creation_);
+    std::shared_ptr<TreflectORB> brokerOf(std::size_t index);
+    bool isForkedChild() const;
+    /** `served`: the broker whose worker asks for the deletion, or null. */
+    void deleteEach(TreflectORB const* served, Pace& pace);
+    void deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served, Pace& pace);
+    void retire(std::size_t index, TreflectORB& orb);
+
+    /// Held while a broker is made, 100 ms and more; the maker needs no other lock of ours. Taken
+    /// with or without the run permission.
+    OSWrap::Mutex creation_;
+    std::array<std::shared_ptr<TreflectORB>, 256> brokers_ OSW_GUARDED_BY(creation_);
+    std::array<std::shared_ptr<TreflectORB>, 256> retired_ OSW_GUARDED_BY(creation_);
+    std::atomic<bool> deleting_{false};
+    std::atomic<bool> exiting_{false};
+    std::atomic<bool> abandoned_{false};
+    std::atomic<pid_t> process_{0};  // that the brokers belong to; a forked child has none of them
+};

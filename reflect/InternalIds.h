@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+
+/**
+ * The internal object ids in use in this process, for machines whose addresses are wider than an
+ * id. An object asks for the low 32 bits of its address; if that is 0 or taken it gets the next
+ * free number above (beyond the highest, the lowest). An id that was given back stays taken for the
+ * next 65,536 registrations, so that a stale handle finds nobody rather than a stranger.
+ *
+ * The taken ids are kept as intervals: objects that come and go at the same address, the usual
+ * case, cost a few of them. Guarded by the run permission.
+ */
+class InternalIds {
+public:
+    static constexpr std::uint64_t kRest = 65536;  // registrations
+
+    /** Never destroyed. */
+    static InternalIds& instance();
+
+    /** Takes an id, `wanted` if possible. */
+    std::uint32_t take(std::uint32_t wanted);
+    /** Gives an id back. */
+    void giveBack(std::uint32_t id);
+
+private:
+    struct Resting {
+        std::uint32_t id;
+        std::uint64_t until;  // number of the registration that may have it again
+    };
+
+    void endRests();
+    std::uint32_t nextFree(std::uint32_t wanted) const;
+    void insert(std::uint32_t id);
+    void erase(std::uint32_t id);
+
+    std::uint64_t registrations_ = 0;
+    std::map<std::uint32_t, std::uint32_t> taken_;  // first and last of each interval; none adjoin
+    std::deque<Resting> resting_;                   // oldest first; also in taken_
+};

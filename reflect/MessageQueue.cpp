@@ -1,0 +1,137 @@
+#include "reflect/MessageQueue.h"
+
+#include <utility>
+
+#include "oswrap/Lock.h"
+
+using QueueLock = OSWrap::Lock<OSWrap::ConditionVar>;
+
+void MessageQueue::Ring::push(Transport::AddressedMessage const& message) {
+    if (size_ == cells_.size())
+        grow();
+    cells_[(first_ + size_) & (cells_.size() - 1)] = message;
+    ++size_;
+}
+
+Transport::AddressedMessage MessageQueue::Ring::pop() {
+    Transport::AddressedMessage message = std::move(cells_[first_]);
+    first_ = (first_ + 1) & (cells_.size() - 1);
+    --size_;
+    return message;
+}
+
+void MessageQueue::Ring::clear() {
+    cells_.clear();
+    first_ = 0;
+    size_ = 0;
+}
+
+void MessageQueue::Ring::grow() {
+    constexpr std::size_t kLeast = 64;
+    std::vector<Transport::AddressedMessage> larger(cells_.empty() ? kLeast : 2 * cells_.size());
+    for (std::size_t i = 0; i < size_; ++i)
+        larger[i] = std::move(cells_[(first_ + i) & (cells_.size() - 1)]);
+    cells_.swap(larger);
+    first_ = 0;
+}
+
+MessageQueue::Need MessageQueue::push(Transport::AddressedMessage const& message) {
+    QueueLock const lock(changed_);
+    if (closed_)
+        return Need::nothing;
+    bool const wasEmpty = messages_.empty();
+    messages_.push(message);
+    ready_.store(true, std::memory_order_release);
+    if (idle_ == 0)
+        return addWorker();
+    if (wasEmpty)
+        wakeOne();
+    return Need::nothing;
+}
+
+MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessage& message,
+                                      Need& need) {
+    QueueLock const lock(changed_);
+    need = Need::nothing;
+    if (!firstPass)
+        ++idle_;
+    bool const tooMany = idle_ > kMostIdle;
+    if (!tooMany)
+        awaitMessage();
+    --idle_;
+    if (tooMany || closed_)
+        return Turn::end;
+    message = messages_.pop();
+    ready_.store(!messages_.empty(), std::memory_order_relaxed);
+    if (messages_.empty())
+        return Turn::serve;
+    if (idle_ > 0)
+        wakeOne();
+    else
+        need = addWorker();
+    return Turn::serve;
+}
+
+void MessageQueue::awaitMessage() {
+    if (mayGoOn())
+        return;
+    if (!polled_)
+        pollOnce();
+    if (mayGoOn())
+        return;
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!mayGoOn())
+        changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+bool MessageQueue::mayGoOn() {
+    return closed_ || !messages_.empty();
+}
+
+/** One worker at a time: a second one would only take the processor from those who have work. */
+void MessageQueue::pollOnce() {
+    polled_ = true;
+    changed_.unlock();
+    waiting_.poll([this] { return ready_.load(std::memory_order_acquire); });
+    changed_.lock();
+    polled_ = false;
+}
+
+void MessageQueue::wakeOne() {
+    if (!polled_)
+        changed_.signal();
+}
+
+MessageQueue::Need MessageQueue::addWorker() {
+    ++idle_;
+    ++workers_;
+    return Need::worker;
+}
+
+void MessageQueue::workerNotStarted() {
+    QueueLock const lock(changed_);
+    --idle_;
+    --workers_;
+    changed_.broadcast();
+}
+
+void MessageQueue::workerEnded() {
+    QueueLock const lock(changed_);
+    --workers_;
+    if (closed_)
+        changed_.broadcast();
+}
+
+void MessageQueue::close() {
+    QueueLock const lock(changed_);
+    closed_ = true;
+    messages_.clear();
+    ready_.store(true, std::memory_order_release);
+    changed_.broadcast();
+}
+
+void MessageQueue::waitForWorkers(unsigned int remaining) {
+    QueueLock const lock(changed_);
+    while (workers_ > remaining)
+        changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <vector>
+
+#include "oswrap/AdaptiveWait.h"
+#include "oswrap/ConditionVar.h"
+#include "transport/AddressedMessage.h"
+
+/**
+ * The messages that wait for a broker's workers, first come, first served, and the rule by which
+ * the pool of workers grows and shrinks:
+ *
+ * - A message that finds nobody idle asks for a new worker. One that finds the queue empty wakes an
+ *   idle worker; one that finds others waiting wakes nobody, since each taker sees to the next.
+ * - A worker that takes a message and leaves others behind wakes an idle worker or, if there is
+ *   none, asks for one more.
+ * - A worker that comes back and finds three others idle ends.
+ *
+ * The worker count keeps track of all workers, so that a broker that is being deleted can wait for
+ * them.
+ */
+class MessageQueue {
+public:
+    enum class Need { nothing, worker };
+    enum class Turn { serve, end };
+
+    MessageQueue() = default;
+    MessageQueue(MessageQueue const&) = delete;
+    MessageQueue& operator=(MessageQueue const&) = delete;
+
+    /** Adds a message. When a worker is needed, it counts already: start it, or call
+     * `workerNotStarted`. A closed queue drops the message. */
+    Need push(Transport::AddressedMessage const& message);
+
+    /**
+     * A worker's wait for its next message. `firstPass`: the worker has just been started, and was
+     * counted as idle by whoever started it. `need` tells whether to start one more worker. When
+     * the answer is `end` the worker is to end. Not a cancellation point for a thread that has
+     * disabled cancellation.
+     */
+    Turn next(bool firstPass, Transport::AddressedMessage& message, Need& need);
+
+    /** A worker that `push` or `next` asked for could not be started. */
+    void workerNotStarted();
+    /** The last thing a worker does. */
+    void workerEnded();
+
+    /** Drops all messages and sends all workers to their end. */
+    void close();
+    /** After `close`: returns when no more than `remaining` workers are left. */
+    void waitForWorkers(unsigned int remaining);
+
+private:
+    /** A ring that grows by doubling and keeps its room. */
+    class Ring {
+    public:
+        bool empty() const { return size_ == 0; }
+        void push(Transport::AddressedMessage const& message);
+        Transport::AddressedMessage pop();
+        void clear();
+
+    private:
+        void grow();
+
+        std::vector<Transport::AddressedMessage> cells_;  // its size is a power of two, or 0
+        std::size_t first_ = 0;
+        std::size_t size_ = 0;
+    };
+
+    /** At most so many workers stay idle. */
+    static constexpr unsigned int kMostIdle = 3;
+
+    bool mayGoOn() OSW_REQUIRES(changed_);
+    void awaitMessage() OSW_REQUIRES(changed_);
+    void pollOnce() OSW_REQUIRES(changed_);
+    void wakeOne() OSW_REQUIRES(changed_);
+    Need addWorker() OSW_REQUIRES(changed_);
+
+    /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.
+    OSWrap::ConditionVar changed_;
+    Ring messages_ OSW_GUARDED_BY(changed_);
+    unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
+    unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
+    bool closed_ OSW_GUARDED_BY(changed_) = false;
+    /// Whether an idle worker polls. It looks at the queue before it sleeps, so it need not be
+    /// signalled.
+    bool polled_ OSW_GUARDED_BY(changed_) = false;
+    /// Whether there is something to look at; written under the mutex, polled without it.
+    std::atomic<bool> ready_{false};
+    OSWrap::AdaptiveWait waiting_;  // statistics of the workers' waits
+};

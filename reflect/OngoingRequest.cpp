@@ -1,0 +1,151 @@
+#include "reflect/OngoingRequest.h"
+
+#include <cstdint>
+
+#include "logging/Log.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Lock.h"
+#include "reflect/TreflectMessage.h"
+#include "reflect/TreflectORB.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+using RecordLock = OSWrap::Lock<OSWrap::ConditionVar>;
+
+int const waitPeriodSeconds = 30;
+OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
+/** The wait is given up after the period that completes so many minutes. */
+constexpr int kMostMinutes = 1;
+
+void deleteResponse(TreflectMessage* response) {
+    if (response != OngoingRequest::disconnected())
+        delete response;
+}
+
+}  // namespace
+
+pthread_key_t OngoingRequest::tsv_key_;
+
+TreflectMessage* OngoingRequest::disconnected() {
+    return reinterpret_cast<TreflectMessage*>(~std::uintptr_t{0});
+}
+
+OngoingRequest::~OngoingRequest() {
+    deleteResponse(response_.load(std::memory_order_relaxed));
+}
+
+void OngoingRequest::initonce() {
+    pthread_key_create(&tsv_key_, &OngoingRequest::destroyThreadInstance);
+}
+
+void OngoingRequest::destroyThreadInstance(void* record) {
+    delete static_cast<OngoingRequest*>(record);
+}
+
+OngoingRequest& OngoingRequest::getThreadInstance() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, &OngoingRequest::initonce);
+    auto* record = static_cast<OngoingRequest*>(pthread_getspecific(tsv_key_));
+    if (!record) {
+        record = new OngoingRequest;
+        pthread_setspecific(tsv_key_, record);
+    }
+    return *record;
+}
+
+void OngoingRequest::setTransactionAndTerminationId(unsigned int id,
+                                                    Transport::TerminationId const& target) {
+    RecordLock const lock(condition_);
+    active_ = true;
+    transactionId_ = id;
+    target_ = target;
+    clearResponse();
+}
+
+void OngoingRequest::clearResponse() {
+    deleteResponse(response_.exchange(nullptr, std::memory_order_relaxed));
+}
+
+TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
+                                      TreflectMessage& request, TreflectORB const* orb) {
+    targetExists = true;
+    if (!active_)
+        return nullptr;
+    if (waiting_.poll([this] { return delivered(); }))
+        return response_.load(std::memory_order_acquire);
+    return waitForever ? sleepUntilDelivered() : sleepInPeriods(output, targetExists, request, orb);
+}
+
+TreflectMessage* OngoingRequest::sleepUntilDelivered() {
+    RecordLock const lock(condition_);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!delivered())
+        condition_.wait(OSWrap::TimeSpec::INFINITETIME);
+    return response_.load(std::memory_order_relaxed);
+}
+
+TreflectMessage* OngoingRequest::sleepInPeriods(bool output, bool& targetExists,
+                                                TreflectMessage& request, TreflectORB const* orb) {
+    for (int periods = 1;; ++periods) {
+        if (TreflectMessage* const response = sleepOnePeriod())
+            return response;
+        Transport::TerminationId const target = toTerminationId();
+        targetExists = Transport::TransportLayer::instance().exists(target);
+        if (!targetExists)
+            return response_.load(std::memory_order_acquire);
+        int const seconds = periods * waitPeriodSeconds;
+        REFLECTORB_LOG(4, "REFLECT_orb",
+                       "ORB 0x%08X waits now %3d seconds for response from 0x%08X",
+                       orb->termId().value(), seconds, target.value());
+        orb->testInfoAboutMessage(target, request, output);
+        int const minutes = seconds / 60;
+        if (minutes >= kMostMinutes)
+            orb->waitingTooLongFor(target, request, minutes);
+    }
+}
+
+/** Null when the whole period has passed without a delivery. */
+TreflectMessage* OngoingRequest::sleepOnePeriod() {
+    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + waitPeriod;
+    RecordLock const lock(condition_);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!delivered()) {
+        OSWrap::TimeSpec const rest = end - OSWrap::Clock::getObsTime();
+        if (rest <= OSWrap::TimeSpec())
+            return nullptr;
+        condition_.wait(rest);
+    }
+    return response_.load(std::memory_order_relaxed);
+}
+
+void OngoingRequest::reset(TreflectMessage* response, bool deliver) {
+    if (!deliver) {
+        deleteResponse(response);
+        return;
+    }
+    deleteResponse(response_.exchange(response, std::memory_order_release));
+    if (response)
+        condition_.signal();
+}
+
+void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
+    RecordLock const lock(condition_);
+    reset(response, transactionId_ == transactionId);
+}
+
+void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
+    RecordLock const lock(condition_);
+    reset(response, target_ == target);
+}
+
+void OngoingRequest::free() {
+    RecordLock const lock(condition_);
+    clearResponse();
+    active_ = false;
+}
+
+Transport::TerminationId OngoingRequest::toTerminationId() {
+    RecordLock const lock(condition_);
+    return target_;
+}

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "oswrap/AdaptiveWait.h"
+#include "oswrap/ConditionVar.h"
+#include "transport/TerminationId.h"
+
+class TreflectMessage;
+class TreflectORB;
+
+/**
+ * The request that a thread is waiting on. One per calling thread, made on its first call, reused
+ * for every further one and deleted when the thread ends.
+ *
+ * Others reach a record only through a broker's table of outstanding requests: whoever takes it out
+ * of there delivers exactly once, and the owner waits for that delivery before it ends its call. So
+ * nobody else knows the record between two calls.
+ *
+ *     inactive --setTransactionAndTerminationId--> active --free--> inactive
+ */
+class OngoingRequest {
+public:
+    /** In place of a response: the target has gone, or the broker is being deleted. A pointer with
+     * every bit set. */
+    static TreflectMessage* disconnected();
+
+    OngoingRequest() = default;
+    ~OngoingRequest();
+    OngoingRequest(OngoingRequest const&) = delete;
+    OngoingRequest& operator=(OngoingRequest const&) = delete;
+
+    /** The calling thread's record. */
+    static OngoingRequest& getThreadInstance();
+
+    void setTransactionAndTerminationId(unsigned int id, Transport::TerminationId const& target);
+    /**
+     * Waits for the delivery; its result stays the record's. Null at once for an inactive record.
+     *
+     * Without `waitForever` the wait goes in periods of 30 seconds. After each of them it ends with
+     * null and `targetExists` false when the target has gone; else it is reported, with a dump of
+     * `request` if `output`, and after the second one `orb` gives up, which does not return. A
+     * cancellation point. Owner's thread only.
+     */
+    TreflectMessage* wait(bool waitForever, bool output, bool& targetExists,
+                          TreflectMessage& request, TreflectORB const* orb);
+    /** Whether something has been delivered. Owner's thread. */
+    bool delivered() const { return response_.load(std::memory_order_acquire) != nullptr; }
+
+    /** Delivers `response`, which the record then owns, or deletes it. */
+    void reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
+    /** Delivers it if the record still waits for that transaction, else deletes it. */
+    void reset(TreflectMessage* response, unsigned int transactionId);
+    /** The same if the record's request went to `target`. */
+    void reset(TreflectMessage* response, Transport::TerminationId const& target);
+    /** Ends the request: deletes the response and makes the record inactive. */
+    void free();
+    Transport::TerminationId toTerminationId();
+
+private:
+    static void initonce();
+    static void destroyThreadInstance(void* record);
+
+    TreflectMessage* sleepUntilDelivered();
+    TreflectMessage* sleepInPeriods(bool output, bool& targetExists, TreflectMessage& request,
+                                    TreflectORB const* orb);
+    TreflectMessage* sleepOnePeriod();
+    void clearResponse() OSW_REQUIRES(condition_);
+
+    static pthread_key_t tsv_key_;
+
+    /// Taken after a broker's request mutex; nothing is locked, and nothing logged, under it.
+    OSWrap::ConditionVar condition_{true};
+    unsigned int transactionId_ OSW_GUARDED_BY(condition_) = 0;
+    Transport::TerminationId target_ OSW_GUARDED_BY(condition_);
+    /// Null: nothing yet; disconnected(); else an owned message. Written under condition_, polled
+    /// by the owner without it.
+    std::atomic<TreflectMessage*> response_{nullptr};
+    bool active_ = false;           // owner's thread only
+    OSWrap::AdaptiveWait waiting_;  // statistics of this thread's waits
+};

@@ -1,0 +1,262 @@
+// Arriving messages: responses go to their callers, all else to the workers, which serve it.
+#include <exception>
+#include <new>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/TreflectReleaseHandlerState.h"
+#include "handler_threads/TreflectRestoreHandlerState.h"
+#include "ipprmi/TipprmiException.h"
+#include "ipprmi/TipprmiObjectSkeleton.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Thread.h"
+#include "reflect/OngoingRequest.h"
+#include "reflect/ReflectWorker.h"
+#include "reflect/TreflectOrbParts.h"
+
+namespace {
+
+/** Our header and the length of a stream: what every message of a broker has. */
+constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + 4;
+/** Payload bytes that a response starts with. */
+constexpr unsigned int kResponseSize = 104;
+
+char const* trueOrFalse(bool value) {
+    return value ? "true" : "false";
+}
+
+/** Lets cancellation in for a scope: workers run with it disabled but for the application's code.
+ */
+class EnableCancelState {
+public:
+    EnableCancelState() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous_); }
+    ~EnableCancelState() { pthread_setcancelstate(previous_, nullptr); }
+    EnableCancelState(EnableCancelState const&) = delete;
+    EnableCancelState& operator=(EnableCancelState const&) = delete;
+
+private:
+    int previous_ = PTHREAD_CANCEL_DISABLE;
+};
+
+/** Gives back what the application's code took of the run permission beyond the one level that a
+ * worker has. */
+void giveBackFurtherLevels() {
+    while (TreflectORB::hasRunPermission() && TreflectORB::getRunPermissionCount() > 1)
+        TreflectORB::releaseRunPermission();
+}
+
+/** Results appear in log lines as 1 or 0. */
+int asFlag(int result) {
+    return result != 0 ? 1 : 0;
+}
+
+}  // namespace
+
+bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
+    unsigned long const thread = OSWrap::Thread::getCurrentId();
+    if (parts_->receivingThreadId.load(std::memory_order_relaxed) != thread)
+        parts_->receivingThreadId.store(thread, std::memory_order_relaxed);
+    if (addressed.size() < kShortestMessage) {
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X drops message of %lu bytes from 0x%08X",
+                       termId().value(), static_cast<unsigned long>(addressed.size()),
+                       addressed.originator().value());
+        return true;
+    }
+    TreflectMessage const message(addressed);
+    switch (message.kind()) {
+        case TreflectMessage::kResponseFailure:
+            REFLECTORB_LOG(0, "REFLECT_orb",
+                           "ORB 0x%08X received response failure message from 0x%08X",
+                           termId().value(), message.originator().value());
+            message.testValidation(TreflectMessage::kResponseFailure, 0, "", true, 0);
+            resetUnit();
+        case TreflectMessage::kResponse:
+        case TreflectMessage::kNoDestination:
+            deliverResponse_(message);
+            return true;
+        default:
+            enqueue_(addressed);
+            return true;
+    }
+}
+
+bool TreflectORB::receiveError(Transport::AddressedMessage const& addressed) {
+    if (addressed.size() >= kShortestMessage)
+        TreflectMessage(addressed).kind(TreflectMessage::kNoDestination);
+    return receive(addressed);
+}
+
+void TreflectORB::deliverResponse_(TreflectMessage const& response) {
+    unsigned int const id = response.transactionId();
+    OngoingRequest* const record = parts_->ongoingRequests_.take(id);
+    if (!record) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X receives unexpected response (org=0x%08X, TransactionId=%X)",
+                       termId().value(), response.originator().value(), id);
+        testInfoAboutMessage(termId(), response, true);
+        return;
+    }
+    auto* const copy = new (std::nothrow) TreflectMessage(response);
+    record->reset(copy ? copy : OngoingRequest::disconnected(), id);
+}
+
+void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
+    if (parts_->messageQueue.push(message) == MessageQueue::Need::worker)
+        startReflectWorker();
+}
+
+void TreflectORB::startReflectWorker() {
+    auto* const worker = new (std::nothrow) ReflectWorker(parts_->self.lock());
+    if (worker) {
+        worker->deleteOnThreadTermination();
+        if (worker->start())
+            return;
+        delete worker;
+    }
+    parts_->messageQueue.workerNotStarted();
+    REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not start a ReflectWorker",
+                   termId().value());
+}
+
+void TreflectORB::dispatchEntry() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    TreflectHandlerState const handlerState(true);
+    for (bool firstPass = true;; firstPass = false) {
+        Transport::AddressedMessage message;
+        {
+            TreflectReleaseHandlerState const released;
+            MessageQueue::Need need = MessageQueue::Need::nothing;
+            if (parts_->messageQueue.next(firstPass, message, need) == MessageQueue::Turn::end)
+                return;
+            if (need == MessageQueue::Need::worker)
+                startReflectWorker();
+        }
+        IncomingMessage(*this, TreflectMessage(message)).serve();
+    }
+}
+
+/** A message that a worker serves, holding the run permission. */
+class TreflectORB::IncomingMessage {
+public:
+    IncomingMessage(TreflectORB& orb, TreflectMessage const& message)
+        : orb_(orb), message_(message), request_(message, false) {}
+
+    void serve();
+
+private:
+    void serveResolve();
+    void serveCall();
+    int callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
+    int callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
+    void answerCall(TipprmiStream& response, int result);
+    int send(TipprmiStream& response);
+    void reportUnknownObject() const;
+
+    TreflectORB& orb_;
+    TreflectMessage const message_;
+    TipprmiStream request_;
+
+    // Header of a call
+    unsigned int ioid_ = 0;
+    bool transaction_ = false;  // a response is awaited
+    unsigned int cc_ = 0;
+    int mc_ = 0;
+};
+
+void TreflectORB::IncomingMessage::serve() {
+    switch (message_.type()) {
+        case TreflectMessage::tResolve:
+            serveResolve();
+            break;
+        case TreflectMessage::tPayload:
+            serveCall();
+            break;
+        default:
+            REFLECTORB_LOG(3, "REFLECT_orb",
+                           "ORB 0x%08X received request of unknown type (rorg=%X, rdes=%X)",
+                           orb_.termId().value(), message_.originator().value(),
+                           message_.destination().value());
+    }
+}
+
+void TreflectORB::IncomingMessage::serveResolve() {
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiOID oid(static_cast<char const*>(nullptr), orb_.namespace_);
+    request_ >> oid;
+    response << orb_.locateLocalObject_(oid).getInternalOID();
+    if (int const sent = send(response); sent != 1)
+        REFLECTORB_LOG(3, "REFLECT_orb", "Sending resolve response message failed rc=%d",
+                       asFlag(sent));
+}
+
+void TreflectORB::IncomingMessage::serveCall() {
+    request_ >> ioid_ >> transaction_ >> cc_ >> mc_;
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    int result = 0;
+    if (TipprmiObjectSkeleton* const object = orb_.parts_->objects.find(ioid_))
+        result = callObject(*object, response);
+    else
+        reportUnknownObject();
+    answerCall(response, result);
+}
+
+/** Calls the object and puts this thread's state right again, whatever the call did to it. */
+int TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
+                                             TipprmiStream& response) {
+    int result = 0;
+    try {
+        TreflectRestoreHandlerState const restore;
+        result = callUnguarded(object, response);
+    } catch (...) {
+        // Only the end of this thread comes through here; its caller must not wait for ever.
+        answerCall(response, 0);
+        throw;
+    }
+    giveBackFurtherLevels();
+    // A response that did not get all that was written to it is of no use.
+    return response.hasUnmarshallingFailed() ? 0 : result;
+}
+
+/** The application's errors end here; the cancellation of the thread passes on. */
+int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
+                                                TipprmiStream& response) {
+    EnableCancelState const cancellable;
+    try {
+        auto const mc = static_cast<unsigned int>(mc_);
+        return object.dispatch(transaction_, cc_, mc, request_, response) ? 1 : 0;
+    } catch (std::exception const& error) {
+        OSWrap::DisableCancelStateGuard const noCancel;
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw %s",
+                       orb_.termId().value(), ioid_, cc_, mc_, error.what());
+    } catch (...) {
+        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
+            throw;
+        OSWrap::DisableCancelStateGuard const noCancel;
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw",
+                       orb_.termId().value(), ioid_, cc_, mc_);
+    }
+    return 0;
+}
+
+void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int result) {
+    if (result != 1) {
+        REFLECTORB_LOG(3, "REFLECT_orb", "Handling request message failed rc=%d", asFlag(result));
+        response.clear();
+        writeGeneralException(response, static_cast<unsigned int>(result));
+    }
+    if (!transaction_)
+        return;
+    if (int const sent = send(response); sent != 1)
+        REFLECTORB_LOG(3, "REFLECT_orb", "Sending response message failed rc=%d", asFlag(sent));
+}
+
+int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
+    return orb_.issueTo_(message_.originator(), response.msg());
+}
+
+void TreflectORB::IncomingMessage::reportUnknownObject() const {
+    REFLECTORB_LOG(3, "REFLECT_orb", "ioid=0x%X,transaction=%s,classCode=0x%X,methodCode=%d", ioid_,
+                   trueOrFalse(transaction_), cc_, mc_);
+}

@@ -1,0 +1,235 @@
+// How brokers are made, stopped and deleted.
+#include <unistd.h>
+
+#include <new>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/ConditionVar.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "reflect/BrokerLifecycle.h"
+#include "reflect/ReflectWorker.h"
+#include "reflect/TreflectOrbParts.h"
+
+namespace {
+
+constexpr unsigned long kStartPause = 100'000'000;  // ns, until the others know of a new broker
+constexpr OSWrap::TimeSpec kPatienceAtExit{1, 0};
+constexpr std::size_t kStackSize = 65536;
+
+/** Gives up the run permission, all levels of it, for a scope. */
+class AllLevelsReleased {
+public:
+    AllLevelsReleased()
+        : levels_(TreflectORB::hasRunPermission() ? TreflectORB::getRunPermissionCount() : 0) {
+        for (unsigned long i = 0; i < levels_; ++i)
+            TreflectORB::releaseRunPermission();
+    }
+    ~AllLevelsReleased() {
+        for (unsigned long i = 0; i < levels_; ++i)
+            TreflectORB::getRunPermission();
+    }
+    AllLevelsReleased(AllLevelsReleased const&) = delete;
+    AllLevelsReleased& operator=(AllLevelsReleased const&) = delete;
+
+private:
+    unsigned long const levels_;
+};
+
+/** Deletes the brokers when the process ends by return from main or by exit. */
+struct SingletonInstancesRemover {
+    ~SingletonInstancesRemover() { BrokerLifecycle::instance().deleteAllAtExit(); }
+};
+
+}  // namespace
+
+/**
+ * Lets one thread go through the phases of a deletion and another one watch it. The watcher loses
+ * patience when nothing has happened for a while; from then on the deleting thread must not touch
+ * anything. A deletion that nobody watches takes its time.
+ */
+class BrokerLifecycle::Pace {
+public:
+    /** A wait is over. False when the watcher has gone. */
+    bool goOn() {
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(changed_);
+        ++steps_;
+        return !givenUp_;
+    }
+    void finish() {
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(changed_);
+        finished_ = true;
+        changed_.broadcast();
+    }
+    /** The watcher's wait; false when a phase took longer than `patience`. */
+    bool watch(OSWrap::TimeSpec const& patience) {
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(changed_);
+        while (!finished_) {
+            unsigned int const before = steps_;
+            if (!changed_.wait(patience) && !finished_ && steps_ == before) {
+                givenUp_ = true;
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    OSWrap::ConditionVar changed_;  // a leaf lock
+    unsigned int steps_ OSW_GUARDED_BY(changed_) = 0;
+    bool finished_ OSW_GUARDED_BY(changed_) = false;
+    bool givenUp_ OSW_GUARDED_BY(changed_) = false;
+};
+
+/** Deletes all brokers on behalf of the thread that ends the process, which therefore need not wait
+ * for ever. */
+class BrokerLifecycle::DeletionAtExit : public OSWrap::Thread {
+public:
+    DeletionAtExit(TreflectORB const* served, std::shared_ptr<Pace> pace)
+        : Thread("ReflectExit", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), kStackSize, true),
+          served_(served),
+          pace_(std::move(pace)) {}
+
+protected:
+    int run() override {
+        OSWrap::DisableCancelStateGuard const noCancel;
+        BrokerLifecycle::instance().deleteEach(served_, *pace_);
+        pace_->finish();
+        return 0;
+    }
+
+private:
+    TreflectORB const* const served_;
+    std::shared_ptr<Pace> const pace_;
+};
+
+std::array<std::atomic<TreflectORB*>, 256> TreflectORB::singletonInstances_{};
+
+TreflectORB* TreflectORB::getInstance(NamespaceId ns) {
+    auto const index = static_cast<unsigned int>(ns);
+    if (index >= singletonInstances_.size()) {
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB can not handle namespace id %d", static_cast<int>(ns));
+        return nullptr;
+    }
+    if (TreflectORB* const present = singletonInstances_[index].load(std::memory_order_acquire))
+        return present;
+    return BrokerLifecycle::instance().getOrCreate(ns);
+}
+
+void TreflectORB::prepareForDeletion() {
+    BrokerLifecycle::instance().deleteAll();
+}
+
+void preCreateReflectOrb() {
+    TreflectHandlerState const handlerState(true);
+    TreflectORB::getInstance(NSID_UNIT);
+}
+
+BrokerLifecycle& BrokerLifecycle::instance() {
+    static BrokerLifecycle& lifecycle = *new BrokerLifecycle;
+    return lifecycle;
+}
+
+BrokerLifecycle::BrokerLifecycle() = default;
+
+TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    OSWrap::Lock<> const lock(creation_);
+    auto& present = TreflectORB::singletonInstances_[static_cast<std::size_t>(ns)];
+    if (!present.load(std::memory_order_relaxed) && !deleting_ && !exiting_)
+        present.store(create(ns), std::memory_order_release);
+    return present.load(std::memory_order_relaxed);
+}
+
+TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
+    static SingletonInstancesRemover const remover;
+    std::shared_ptr<TreflectORB> orb(new (std::nothrow) TreflectORB(ns));
+    if (!orb)
+        return nullptr;
+    process_ = getpid();
+    orb->parts_->self = orb;
+    if (orb->start() != 1)
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
+    OSWrap::Thread::sleep(0, kStartPause);
+    brokers_[static_cast<std::size_t>(ns)] = orb;
+    return orb.get();
+}
+
+std::shared_ptr<TreflectORB> BrokerLifecycle::brokerOf(std::size_t index) {
+    OSWrap::Lock<> const lock(creation_);
+    return brokers_[index];
+}
+
+bool BrokerLifecycle::isForkedChild() const {
+    pid_t const process = process_;
+    return process != 0 && process != getpid();
+}
+
+void BrokerLifecycle::deleteAll() {
+    if (isForkedChild() || deleting_.exchange(true))
+        return;
+    OSWrap::DisableCancelStateGuard const noCancel;
+    {
+        AllLevelsReleased const permission;
+        Pace unwatched;
+        deleteEach(ReflectWorker::servedBroker(), unwatched);
+    }
+    deleting_ = false;
+}
+
+void BrokerLifecycle::deleteAllAtExit() {
+    exiting_ = true;
+    if (isForkedChild() || deleting_.exchange(true))
+        return;
+    OSWrap::DisableCancelStateGuard const noCancel;
+    while (TreflectORB::hasRunPermission())
+        TreflectORB::releaseRunPermission();
+    auto const pace = std::make_shared<Pace>();
+    auto* const deletion = new (std::nothrow) DeletionAtExit(ReflectWorker::servedBroker(), pace);
+    if (deletion) {
+        deletion->deleteOnThreadTermination();
+        if (deletion->start() && pace->watch(kPatienceAtExit))
+            return;
+    }
+    abandoned_ = true;
+}
+
+void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
+    for (std::size_t index = 0; index < TreflectORB::singletonInstances_.size(); ++index) {
+        std::shared_ptr<TreflectORB> const orb = brokerOf(index);
+        if (!pace.goOn())
+            return;
+        if (orb)
+            deleteOne(index, *orb, served, pace);
+    }
+}
+
+void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served,
+                                Pace& pace) {
+    orb.closeCalls_();
+    orb.stop();
+    if (!pace.goOn())
+        return;
+    orb.parts_->messageQueue.close();
+    orb.parts_->messageQueue.waitForWorkers(&orb == served ? 1 : 0);
+    if (!pace.goOn())
+        return;
+    orb.parts_->calls.waitUntilEmpty();
+    if (!pace.goOn())
+        return;
+    TreflectHandlerState const handlerState(true);
+    if (pace.goOn())
+        retire(index, orb);
+}
+
+/** The last phase, under the run permission. */
+void BrokerLifecycle::retire(std::size_t index, TreflectORB& orb) {
+    orb.parts_->objects.disown();
+    TreflectORB::singletonInstances_[index].store(nullptr, std::memory_order_release);
+    std::shared_ptr<TreflectORB> formerlyRetired;  // freed when the lock has been given up
+    OSWrap::Lock<> const lock(creation_);
+    formerlyRetired = std::move(retired_[index]);
+    retired_[index] = std::move(brokers_[index]);
+}

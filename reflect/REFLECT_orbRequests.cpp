@@ -1,0 +1,225 @@
+// Sending requests and waiting for their responses.
+#include <utility>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/TreflectReleaseHandlerState.h"
+#include "ipprmi/TipprmiException.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Thread.h"
+#include "oswrap/UniqueIdGen.h"
+#include "reflect/OngoingRequest.h"
+#include "reflect/TreflectOrbParts.h"
+#include "reflect/forwardMsgCleanup.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+/** What the header of a call's payload takes: internal object id, response wanted, class code,
+ * method code. */
+constexpr int kCallHeaderSize = 16;
+
+char const* trueOrFalse(bool value) {
+    return value ? "true" : "false";
+}
+
+}  // namespace
+
+/** One call on its way out, from the choice of its transaction id to its result. Lives on the
+ * caller's stack. */
+class TreflectORB::OutgoingCall {
+public:
+    OutgoingCall(TreflectORB const& orb, Transport::TerminationId target, bool withResponse,
+                 TreflectMessage& message, TipprmiStream& response)
+        : orb_(orb),
+          target_(target),
+          withResponse_(withResponse),
+          message_(message),
+          response_(response),
+          record_(OngoingRequest::getThreadInstance()) {}
+
+    /** True on success; else the response holds an exception container. */
+    bool perform();
+
+private:
+    bool chooseId();
+    void reportReceivingThread() const;
+    int send();
+    bool awaitResponse();
+    bool failed(int code);
+
+    TreflectORB const& orb_;
+    Transport::TerminationId const target_;
+    bool const withResponse_;
+    TreflectMessage& message_;
+    TipprmiStream& response_;
+    OngoingRequest& record_;
+    OngoingRequestId id_;
+};
+
+bool TreflectORB::OutgoingCall::perform() {
+    forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
+    if (!chooseId())
+        return failed(0);
+    message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
+    int const issued = id_.chosen ? send() : 0;
+    if (issued != 1) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
+                       orb_.termId().value(), target_.value(), message_.transactionId());
+        return failed(issued);
+    }
+    if (id_.entered)
+        return awaitResponse();
+    if (withResponse_)
+        REFLECTORB_LOG(3, "REFLECT_orb", "receivingThread called forwardMessage");
+    return true;
+}
+
+/** False when all ids are outstanding. A broker that is being deleted gives no id and is sent
+ * nothing. */
+bool TreflectORB::OutgoingCall::chooseId() {
+    bool const receiving = orb_.parts_->receivingThreadId.load(std::memory_order_relaxed) ==
+                           OSWrap::Thread::getCurrentId();
+    bool const enter = withResponse_ && !receiving;
+    RequestTable::Ticket const ticket = orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
+    switch (ticket.beginning) {
+        case RequestTable::Beginning::exhausted:
+            REFLECTORB_LOG(3, "REFLECT_orb", "ORB could NOT generate unique request id 0x%08X",
+                           ticket.id);
+            return false;
+        case RequestTable::Beginning::closed:
+            return true;
+        case RequestTable::Beginning::begun:
+            break;
+    }
+    id_ = {ticket.id, true, enter};
+    message_.transactionId(ticket.id);
+    if (receiving)
+        reportReceivingThread();
+    return true;
+}
+
+void TreflectORB::OutgoingCall::reportReceivingThread() const {
+    if (withResponse_)
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB did NOT add tID %X transaction to ongoingRequests_", id_.value);
+    else
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB receiving thread = %lu found in forwardMsg()",
+                       OSWrap::Thread::getCurrentId());
+}
+
+int TreflectORB::OutgoingCall::send() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    return orb_.issueTo_(target_, message_);
+}
+
+bool TreflectORB::OutgoingCall::awaitResponse() {
+    bool targetExists = true;
+    TreflectMessage* const answer =
+        record_.wait(false, withResponse_, targetExists, message_, &orb_);
+    bool const disconnected = answer == OngoingRequest::disconnected();
+    if (!answer || disconnected) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
+                       "TargetGone=%s)",
+                       orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
+                       trueOrFalse(!targetExists));
+        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        return failed(0);
+    }
+    if (answer->kind() == TreflectMessage::kNoDestination) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
+                       orb_.termId().value(), target_.value());
+        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        return failed(0);
+    }
+    response_ = TipprmiStream(*answer, false);
+    return true;
+}
+
+bool TreflectORB::OutgoingCall::failed(int code) {
+    writeGeneralException(response_, static_cast<unsigned int>(code));
+    TreflectHandlerState const handlerState(true);
+    ++orb_.parts_->counters.of(target_).failed;
+    return false;
+}
+
+bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,
+                             TipprmiStream& response) {
+    if (request.getDataSize() < kCallHeaderSize)
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X forwardMsg message too short (iptr_=%d,size=%d)",
+                       termId().value(), request.getDataSize(), request.getDataLimit());
+    if (request.hasUnmarshallingFailed()) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X forwardMsg message incomplete, not sent (iptr_=%d,size=%d)",
+                       termId().value(), request.getDataSize(), request.getDataLimit());
+        writeGeneralException(response, 0);
+        return false;
+    }
+    request.msg().type(TreflectMessage::tPayload);
+    return forwardMsg_(convertId(target), withResponse, request.msg(), response);
+}
+
+bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse,
+                              TreflectMessage& message, TipprmiStream& response) const {
+    OSWrap::DeferredCancelTypeGuard const deferred;
+    {
+        TreflectHandlerState const handlerState(true);
+        ++parts_->counters.of(target).sent;
+    }
+    TreflectReleaseHandlerState const released;
+    CallGate::Visit const visit(parts_->calls);
+    return OutgoingCall(*this, target, withResponse, message, response).perform();
+}
+
+int TreflectORB::issueTo_(Transport::TerminationId target, TreflectMessage& message) const {
+    // A message that grew may have been allocated by another broker of this process.
+    message.addressed().originator(termId());
+    return Transport::TransportLayer::instance().getTermination(target).issue(message.addressed());
+}
+
+void TreflectORB::waitingTooLongFor(Transport::TerminationId const& target, TreflectMessage request,
+                                    int minutes) const {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    request.transactionId(OSWrap::UniqueIdGen::instance().getId());
+    request.kind(TreflectMessage::kResponseFailure);
+    bool const sent = issueTo_(target, request) == 1;
+    REFLECTORB_LOG(3, "REFLECT_orb",
+                   "ORB Ox%08X is waiting since %d minutes for 0x%08X, now sending response "
+                   "failure message %s",
+                   termId().value(), minutes, target.value(), sent ? "succeeded" : "failed");
+    OSWrap::Thread::sleep(0, 200'000'000);
+    REFLECTORB_LOG(0, "REFLECT_orb",
+                   "ORB Ox%08X is waiting since %d minutes for 0x%08X, now triggering an abort()",
+                   termId().value(), minutes, target.value());
+    resetUnit();
+}
+
+/** First phase of the broker's deletion: nothing more is sent, and nobody waits any longer. */
+void TreflectORB::closeCalls_() {
+    parts_->calls.close();
+    for (RequestTable::Entry const& entry : parts_->ongoingRequests_.close())
+        entry.record->reset(OngoingRequest::disconnected(), entry.target);
+}
+
+forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool responseAwaited,
+                                     TreflectMessage& request, OngoingRequest* record,
+                                     TreflectORB const* orb)
+    : id_(id),
+      responseAwaited_(responseAwaited),
+      request_(request),
+      record_(record),
+      orb_(orb) {}
+
+forwardMsgCleanup::~forwardMsgCleanup() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    // What has been delivered was taken out of the table before.
+    if (id_.entered && !record_->delivered() && !orb_->parts_->ongoingRequests_.take(id_.value)) {
+        bool targetExists = true;
+        record_->wait(true, responseAwaited_, targetExists, request_, orb_);
+    }
+    record_->free();
+}

@@ -1,0 +1,60 @@
+#include "reflect/RequestTable.h"
+
+#include "oswrap/Lock.h"
+#include "reflect/OngoingRequest.h"
+
+RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::TerminationId target,
+                                         bool enter) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (closed_)
+        return {Beginning::closed, lastId_};
+    unsigned int id = lastId_;
+    for (unsigned int tries = 0; tries < kCapacity; ++tries) {
+        id = successor(id);
+        Entry& slot = slots_[slotOf(id)];
+        if (slot.record)
+            continue;
+        lastId_ = id;
+        // Before the record can be found: a departure that takes it out must know its target.
+        record.setTransactionAndTerminationId(id, target);
+        if (enter)
+            slot = {&record, target};
+        return {Beginning::begun, id};
+    }
+    return {Beginning::exhausted, lastId_};
+}
+
+OngoingRequest* RequestTable::take(unsigned int id) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id))
+        return nullptr;
+    Entry& slot = slots_[slotOf(id)];
+    OngoingRequest* const record = slot.record;
+    slot = {};
+    return record;
+}
+
+std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
+    std::vector<OngoingRequest*> records;
+    OSWrap::Lock<> const lock(mutex_);
+    for (Entry& slot : slots_) {
+        if (!slot.record || slot.target != target)
+            continue;
+        records.push_back(slot.record);
+        slot = {};
+    }
+    return records;
+}
+
+std::vector<RequestTable::Entry> RequestTable::close() {
+    std::vector<Entry> entries;
+    OSWrap::Lock<> const lock(mutex_);
+    closed_ = true;
+    for (Entry& slot : slots_) {
+        if (!slot.record)
+            continue;
+        entries.push_back(slot);
+        slot = {};
+    }
+    return entries;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "oswrap/Mutex.h"
+#include "transport/TerminationId.h"
+
+class OngoingRequest;
+
+/**
+ * A broker's outstanding requests (`ongoingRequests_`) by transaction id, and the choice of new
+ * ids. All ids of a broker share their low 20 bits, which tell its name and slot; the top 12 bits
+ * count and are the index of the table. The records are not owned.
+ */
+class RequestTable {
+public:
+    static constexpr unsigned int kCapacity = 4096;
+
+    enum class Beginning { begun, exhausted, closed };
+    struct Ticket {
+        Beginning beginning;
+        unsigned int id;  // the new id; the last one given when there is none
+    };
+    struct Entry {
+        OngoingRequest* record = nullptr;
+        Transport::TerminationId target;
+    };
+
+    /** `seed`: the last transaction id, of which the low 20 bits stay. */
+    explicit RequestTable(unsigned int seed) : lastId_(seed) {}
+
+    /** Begins a request of `record` to `target` under a fresh id. With `enter` a response to it
+     * will find the record. The record and the table know the target from the same moment. */
+    Ticket begin(OngoingRequest& record, Transport::TerminationId target, bool enter);
+    /** Takes a record out, to deliver to it; null when nobody waits under that id. */
+    OngoingRequest* take(unsigned int id);
+    /** Takes the records out whose requests went to `target`. */
+    std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
+    /** Takes everything out; from now on `begin` answers closed. */
+    std::vector<Entry> close();
+
+private:
+    static constexpr unsigned int kShift = 20;
+
+    static unsigned int slotOf(unsigned int id) { return id >> kShift; }
+    /** The id with its top 12 bits raised by one; they wrap. */
+    static unsigned int successor(unsigned int id) { return id + (1u << kShift); }
+    bool isOurs(unsigned int id) const OSW_REQUIRES(mutex_) {
+        return (id ^ lastId_) << (32 - kShift) == 0;
+    }
+
+    /// The broker's request mutex. A record's own lock may be taken under it. Nothing is logged,
+    /// sent or waited for under it.
+    OSWrap::Mutex mutex_;
+    unsigned int lastId_ OSW_GUARDED_BY(mutex_);
+    bool closed_ OSW_GUARDED_BY(mutex_) = false;
+    std::array<Entry, kCapacity> slots_ OSW_GUARDED_BY(mutex_);
+};
