@@ -2,8 +2,6 @@
 
 #include <atomic>
 
-
-
 /**
  * Counts the threads that are inside a broker's calls, and shuts them out for good. Visiting costs
  * two atomic operations. Whoever closed the gate waits until the last visitor has left; that wait

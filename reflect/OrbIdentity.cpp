@@ -84,8 +84,8 @@ Transport::TerminationId OrbIdentity::toTerminationId(TreflectOrbId id) const {
                                self_.value());
             break;
         case NSID_UNDEF:
-            REFLECTORB_LOG(3, "REFLECT_orb",
-                           "ORB (orbId=0x%X) can not handle namespace NSID_UNDEF", self_.value());
+            REFLECTORB_LOG(3, "REFLECT_orb", "ORB (orbId=0x%X) can not handle namespace NSID_UNDEF",
+                           self_.value());
             break;
     }
     return {id.nameId(), slot, group};

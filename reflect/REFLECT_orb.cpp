@@ -21,10 +21,9 @@ TreflectORB::TreflectORB(NamespaceId const& ns)
       namespace_(ns),
       orbId_(OrbIdentity(TreflectOrbId()).toOrbId(termId())),
       parts_(std::make_unique<Parts>(firstTransactionSeed(orbId_))) {
-    REFLECTORB_LOG(5, "REFLECT_orb",
-                   "ORB created for actor %s with OrbId 0x%X, TerminationId 0x%08X",
-                   Transport::IdInfo::instance().getActor().c_str(), orbId_.value(),
-                   termId().value());
+    REFLECTORB_LOG(
+        5, "REFLECT_orb", "ORB created for actor %s with OrbId 0x%X, TerminationId 0x%08X",
+        Transport::IdInfo::instance().getActor().c_str(), orbId_.value(), termId().value());
 }
 
 TreflectORB::~TreflectORB() = default;

@@ -22,9 +22,8 @@ void describeCall(TipprmiStream& data) {
     unsigned int cc = 0;
     int mc = 0;
     data >> ioid >> transaction >> cc >> mc;
-    REFLECTORB_LOG(5, "REFLECT_orb",
-                   "    Message data: ioid=0x%X,transaction=%s,cc=0x%X,mc=%d", ioid,
-                   trueOrFalse(transaction), cc, mc);
+    REFLECTORB_LOG(5, "REFLECT_orb", "    Message data: ioid=0x%X,transaction=%s,cc=0x%X,mc=%d",
+                   ioid, trueOrFalse(transaction), cc, mc);
 }
 
 void describeResolve(TipprmiStream& data) {

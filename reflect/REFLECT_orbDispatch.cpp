@@ -45,6 +45,18 @@ void giveBackFurtherLevels() {
         TreflectORB::releaseRunPermission();
 }
 
+/** Tells the queue at the end of a worker, by return or by cancellation. */
+class EndOfWorker {
+public:
+    explicit EndOfWorker(MessageQueue& queue) : queue_(queue) {}
+    ~EndOfWorker() { queue_.workerEnded(); }
+    EndOfWorker(EndOfWorker const&) = delete;
+    EndOfWorker& operator=(EndOfWorker const&) = delete;
+
+private:
+    MessageQueue& queue_;
+};
+
 /** Results appear in log lines as 1 or 0. */
 int asFlag(int result) {
     return result != 0 ? 1 : 0;
@@ -116,23 +128,6 @@ void TreflectORB::startReflectWorker() {
     parts_->messageQueue.workerNotStarted();
     REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not start a ReflectWorker",
                    termId().value());
-}
-
-void TreflectORB::dispatchEntry() {
-    OSWrap::DisableCancelStateGuard const noCancel;
-    TreflectHandlerState const handlerState(true);
-    for (bool firstPass = true;; firstPass = false) {
-        Transport::AddressedMessage message;
-        {
-            TreflectReleaseHandlerState const released;
-            MessageQueue::Need need = MessageQueue::Need::nothing;
-            if (parts_->messageQueue.next(firstPass, message, need) == MessageQueue::Turn::end)
-                return;
-            if (need == MessageQueue::Need::worker)
-                startReflectWorker();
-        }
-        IncomingMessage(*this, TreflectMessage(message)).serve();
-    }
 }
 
 /** A message that a worker serves, holding the run permission. */
@@ -233,8 +228,7 @@ int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
         if (!std::current_exception())  // not a C++ exception: the thread is being unwound
             throw;
         OSWrap::DisableCancelStateGuard const noCancel;
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw",
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw",
                        orb_.termId().value(), ioid_, cc_, mc_);
     }
     return 0;
@@ -259,4 +253,22 @@ int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
 void TreflectORB::IncomingMessage::reportUnknownObject() const {
     REFLECTORB_LOG(3, "REFLECT_orb", "ioid=0x%X,transaction=%s,classCode=0x%X,methodCode=%d", ioid_,
                    trueOrFalse(transaction_), cc_, mc_);
+}
+
+void TreflectORB::dispatchEntry() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    EndOfWorker const end(parts_->messageQueue);
+    TreflectHandlerState const handlerState(true);
+    for (bool firstPass = true;; firstPass = false) {
+        Transport::AddressedMessage message;
+        {
+            TreflectReleaseHandlerState const released;
+            MessageQueue::Need need = MessageQueue::Need::nothing;
+            if (parts_->messageQueue.next(firstPass, message, need) == MessageQueue::Turn::end)
+                return;
+            if (need == MessageQueue::Need::worker)
+                startReflectWorker();
+        }
+        IncomingMessage(*this, TreflectMessage(message)).serve();
+    }
 }

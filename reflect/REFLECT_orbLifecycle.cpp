@@ -110,7 +110,8 @@ std::array<std::atomic<TreflectORB*>, 256> TreflectORB::singletonInstances_{};
 TreflectORB* TreflectORB::getInstance(NamespaceId ns) {
     auto const index = static_cast<unsigned int>(ns);
     if (index >= singletonInstances_.size()) {
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB can not handle namespace id %d", static_cast<int>(ns));
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB can not handle namespace id %d",
+                       static_cast<int>(ns));
         return nullptr;
     }
     if (TreflectORB* const present = singletonInstances_[index].load(std::memory_order_acquire))

@@ -82,7 +82,8 @@ bool TreflectORB::OutgoingCall::chooseId() {
     bool const receiving = orb_.parts_->receivingThreadId.load(std::memory_order_relaxed) ==
                            OSWrap::Thread::getCurrentId();
     bool const enter = withResponse_ && !receiving;
-    RequestTable::Ticket const ticket = orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
+    RequestTable::Ticket const ticket =
+        orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
     switch (ticket.beginning) {
         case RequestTable::Beginning::exhausted:
             REFLECTORB_LOG(3, "REFLECT_orb", "ORB could NOT generate unique request id 0x%08X",
@@ -102,8 +103,8 @@ bool TreflectORB::OutgoingCall::chooseId() {
 
 void TreflectORB::OutgoingCall::reportReceivingThread() const {
     if (withResponse_)
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB did NOT add tID %X transaction to ongoingRequests_", id_.value);
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB did NOT add tID %X transaction to ongoingRequests_",
+                       id_.value);
     else
         REFLECTORB_LOG(3, "REFLECT_orb", "ORB receiving thread = %lu found in forwardMsg()",
                        OSWrap::Thread::getCurrentId());
@@ -208,11 +209,7 @@ void TreflectORB::closeCalls_() {
 forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool responseAwaited,
                                      TreflectMessage& request, OngoingRequest* record,
                                      TreflectORB const* orb)
-    : id_(id),
-      responseAwaited_(responseAwaited),
-      request_(request),
-      record_(record),
-      orb_(orb) {}
+    : id_(id), responseAwaited_(responseAwaited), request_(request), record_(record), orb_(orb) {}
 
 forwardMsgCleanup::~forwardMsgCleanup() {
     OSWrap::DisableCancelStateGuard const noCancel;

@@ -136,7 +136,6 @@ public:
 private:
     friend class forwardMsgCleanup;
     friend class BrokerLifecycle;
-    friend class ReflectWorker;
     struct Parts;
     struct OngoingRequestId;
     class OutgoingCall;
