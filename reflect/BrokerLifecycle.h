@@ -64,5 +64,5 @@ private:
     std::atomic<bool> deleting_{false};
     std::atomic<bool> exiting_{false};
     std::atomic<bool> abandoned_{false};
-    std::atomic<pid_t> process_{0};  // that the brokers belong to; a forked child has none of them
+    std::atomic<pid_t> process_{0};  // that the brokers belong to; a forked child gets none
 };

@@ -145,11 +145,13 @@ TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
 }
 
 TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
+    if (isForkedChild())
+        return nullptr;
+    process_ = getpid();
     static SingletonInstancesRemover const remover;
     std::shared_ptr<TreflectORB> orb(new (std::nothrow) TreflectORB(ns));
     if (!orb)
         return nullptr;
-    process_ = getpid();
     orb->parts_->self = orb;
     if (orb->start() != 1)
         REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
