@@ -4,6 +4,7 @@
 
 #include "ipprmi/CallHelper.h"
 #include "ipprmi/TipprmiAny.h"
+#include "ipprmi/TipprmiCall.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiOID.h"
 #include "ipprmi/TipprmiObjectBase.h"

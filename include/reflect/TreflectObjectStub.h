@@ -102,6 +102,10 @@ public:
 
     friend REFLECTORB_API bool operator==(TreflectObjectStub const& a, TreflectObjectStub const& b);
 
+    /** Routes to the const operation. Stays behind all other virtual operations, so that it
+     * displaces none of them from its slot. */
+    void setExceptionContainer(TipprmiExceptionContainer const& container) override;
+
 protected:
     /** On nothing, but with an identifier. */
     explicit TreflectObjectStub(TipprmiOID const& oid);
@@ -122,8 +126,6 @@ private:
     /** Leads to another object, in the table of stubs as well. */
     void lead(TipprmiOID const& oid, unsigned int internalOid, TreflectOrbId orb,
               TipprmiObjectSkeleton* server);
-    /** Routes to the public operation. The last slot, so that it displaces none of the others. */
-    void setExceptionContainer(TipprmiExceptionContainer const& container) override;
 
     TreflectOrbId orbId_;                      // guarded by the run permission
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned; guarded by the run permission

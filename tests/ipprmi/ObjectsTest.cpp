@@ -1,0 +1,346 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "handler_threads.h"
+#include "ipprmi.h"
+#include "reflect.h"
+
+namespace {
+
+using testsupport::LogCapture;
+
+constexpr unsigned int kClass = 0xC1A55;
+enum Method : unsigned int { kJoin = 1, kRefuse = 2, kNothing = 3, kGiveUp = 4 };
+
+TipprmiOID named(char const* text) {
+    return TipprmiOID(text, NSID_UNIT);
+}
+
+TipprmiExceptionContainer containerOfType(unsigned int type) {
+    TipprmiExceptionContainer container;
+    container.setExceptionType(type);
+    return container;
+}
+
+class Server : public TipprmiObjectSkeleton {
+public:
+    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        switch (mc) {
+            case kJoin:
+                return serve(cc, mc, in, out, &Server::join);
+            case kRefuse:
+                return serve(cc, mc, in, out, &Server::refuse);
+            case kNothing:
+                return serve(cc, mc, in, out, &Server::nothing);
+            default:
+                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        }
+    }
+    std::string join(std::string const& text, unsigned int number, bool flag) const {
+        return text + std::to_string(number) + (flag ? "!" : "?");
+    }
+    TipprmiResult<unsigned int> refuse(unsigned int code) {
+        ++calls;
+        if (code != 0)
+            return TipprmiFailure(code);
+        return 7u;
+    }
+    void nothing() { ++calls; }
+
+    int calls = 0;
+};
+
+class Base : public TipprmiObjectBase {
+public:
+    using TipprmiObjectBase::TipprmiObjectBase;
+    TreflectOrbId orbId() const override { return TreflectOrbId(0x1A); }
+};
+
+class ObjectsTest : public ::testing::Test {
+protected:
+    TreflectHandlerState const inside{true};
+};
+
+TEST_F(ObjectsTest, AnObjectWithoutIdentifierMakesOneUp) {
+    Base const unnamed(named(""), 3);
+    EXPECT_FALSE(unnamed.hasOID());
+    EXPECT_STREQ(unnamed.getOID().getIdString(), "rmi_1A_3");
+    EXPECT_EQ(unnamed.getOID().getNamespaceId(), NSID_UNIT);
+    Base const onNode(TipprmiOID("base.named", NSID_NODE), 3);
+    EXPECT_STREQ(onNode.getOID().getIdString(), "base.named");
+    EXPECT_EQ(onNode.getNamespaceId(), NSID_NODE);
+}
+
+TEST_F(ObjectsTest, TheBaseServesNothing) {
+    Base base(named("base"), 3);
+    TipprmiStream in(8), out(8);
+    EXPECT_FALSE(base.dispatch(true, kClass, 1, in, out));
+    LogCapture const log;
+    base.setExceptionContainer(containerOfType(1));
+    EXPECT_EQ(log.count(2, "setExceptionContainer should never be called"), 1u);
+    EXPECT_EQ(base.getExceptionContainer().getExceptionType(), 0u);
+    EXPECT_EQ(log.count(2, "getExceptionContainer should never be called"), 1u);
+    EXPECT_EQ(log.find("getExceptionContainer")->source, "IPPRMI_objectBase");
+}
+
+TEST_F(ObjectsTest, EverySkeletonServesItsExceptionContainer) {
+    Server server(named("skeleton.container"));
+    TipprmiStream in(100), out(100);
+    in << containerOfType(5);
+    EXPECT_TRUE(server.dispatch(true, 0, 2100, in, out));
+    EXPECT_EQ(server.getExceptionContainer().getExceptionType(), 5u);
+    TipprmiExceptionContainer own, asked;
+    out >> own;
+    EXPECT_EQ(own.getExceptionType(), 5u) << "the answer begins with the new one";
+    EXPECT_EQ(out.getDataSize(), 8);
+
+    out.clear();
+    EXPECT_TRUE(server.dispatch(true, 0, 2101, in, out));
+    out >> own >> asked;
+    EXPECT_EQ(own.getExceptionType(), 5u);
+    EXPECT_EQ(asked.getExceptionType(), 5u);
+    EXPECT_EQ(out.getDataSize(), 16);
+}
+
+TEST_F(ObjectsTest, UnknownMethodsAreLoggedAndNotHandled) {
+    Server server(named("skeleton.unknown"));
+    TipprmiStream in(8), out(8);
+    LogCapture const log;
+    EXPECT_FALSE(server.dispatch(true, kClass, 77, in, out));
+    EXPECT_EQ(log.count(3, "Unknown method code 77"), 1u);
+    EXPECT_EQ(log.find("Unknown method")->source, "IPPRMI_objectSkeleton");
+}
+
+TEST_F(ObjectsTest, ASkeletonIsServedByTheBrokerOfItsNamespaceFromBirthToDeath) {
+    TreflectORB* const unit = TreflectORB::getInstance(NSID_UNIT);
+    TreflectORB* const node = TreflectORB::getInstance(NSID_NODE);
+    {
+        Server server(unit, TipprmiOID("skeleton.node", NSID_NODE));
+        EXPECT_EQ(server.getORB(), node) << "the broker that is passed is of no account";
+        EXPECT_EQ(server.orbId(), node->orbId());
+        EXPECT_EQ(unit->locateObject(server.getOID()).getServer(), &server);
+        EXPECT_EQ(node->locateObject(server.getOID()).getInternalOID(), server.getInternalOID());
+    }
+    EXPECT_EQ(node->locateObject(TipprmiOID("skeleton.node", NSID_NODE)).getInternalOID(), 0u);
+}
+
+TEST_F(ObjectsTest, AReconnectedSkeletonMovesAndGetsAFreshHandle) {
+    Server server(named("skeleton.moved"));
+    TipprmiObjectClient const before(*server.getClient());
+    EXPECT_EQ(server.getClient(), server.getClient());
+    server.connect(TreflectORB::getInstance(NSID_NODE), server.getOID());
+    EXPECT_EQ(TreflectORB::getInstance(NSID_UNIT)->locateObject(server.getOID()).getServer(),
+              nullptr);
+    EXPECT_EQ(server.getClient()->getStub_()->orbId(),
+              TreflectORB::getInstance(NSID_NODE)->orbId());
+    EXPECT_EQ(before.getServer(), &server) << "old handles still lead to the object";
+}
+
+TEST_F(ObjectsTest, AClientWithoutObjectFailsAndComparesEqual) {
+    TipprmiObjectClient const nothing, nothingElse(static_cast<TipprmiObjectSkeleton*>(nullptr));
+    EXPECT_TRUE(nothing == nothingElse);
+    EXPECT_FALSE(nothing.isConnected());
+    EXPECT_EQ(nothing.getServer(), nullptr);
+    TipprmiResult<unsigned int> const result = tipprmiCall<unsigned int>(nothing, kClass, kRefuse);
+    EXPECT_FALSE(result);
+    EXPECT_EQ(result.code(), TipprmiFailure::kNotServed);
+}
+
+TEST_F(ObjectsTest, HandlesShareTheirStubAndLetGoOfIt) {
+    Server server(named("client.shared"));
+    TipprmiObjectClient const byName(named("client.shared"));
+    TreflectObjectStub const* const stub = byName.getStub_();
+    EXPECT_EQ(stub->refCount(), 1);
+    {
+        TipprmiObjectClient const copy(byName);
+        TipprmiObjectClient assigned;
+        assigned = copy;
+        assigned = byName;
+        EXPECT_EQ(assigned.getStub_(), stub);
+        EXPECT_EQ(stub->refCount(), 3);
+        assigned = *&assigned;
+        EXPECT_EQ(stub->refCount(), 3);
+        assigned.connect(nullptr, named(""));
+        EXPECT_EQ(stub->refCount(), 2);
+        assigned.connect(&server);
+        EXPECT_TRUE(assigned == byName);
+        EXPECT_EQ(stub->refCount(), 3);
+    }
+    EXPECT_EQ(stub->refCount(), 1);
+}
+
+TEST_F(ObjectsTest, AHandleTravelsAsTheLocationOfItsObject) {
+    TreflectORB::TreflectObjectLocation const location(0x0A0B0C0D, TreflectOrbId(0x01020304),
+                                                       nullptr, named("ab"));
+    TreflectObjectHandler& handler = *TreflectObjectHandler::getInstance();
+    TipprmiObjectClient sent;
+    handler.releaseStub(sent.getStub_());
+    sent.setStub_(handler.adoptStub(location));
+    TipprmiStream stream(100);
+    stream << sent;
+    unsigned char const expected[] = {0, 0,   0,   2,   'a', 'b', 0, 0, 0,
+                                      1, 0xA, 0xB, 0xC, 0xD, 1,   2, 3, 4};
+    ASSERT_EQ(stream.getDataSize(), static_cast<int>(sizeof expected));
+    EXPECT_EQ(std::memcmp(stream.getDataPtr(), expected, sizeof expected), 0);
+
+    TipprmiObjectClient read;
+    stream >> read;
+    EXPECT_EQ(read.getStub_(), sent.getStub_());
+    EXPECT_EQ(read.getStub_()->refCount(), 2);
+    stream >> read;
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+    EXPECT_TRUE(read == TipprmiObjectClient()) << "nothing could be read";
+    EXPECT_EQ(sent.getStub_()->refCount(), 1);
+}
+
+TEST_F(ObjectsTest, AnUnnamedObjectTravelsWithAnEmptyNameAndIsFoundAgain) {
+    Server server(named(""));
+    TipprmiObjectClient const sent(*server.getClient());
+    TipprmiStream stream(100);
+    stream << sent;
+    EXPECT_EQ(stream.getDataSize(), 16);
+    TipprmiObjectClient read;
+    stream >> read;
+    EXPECT_EQ(read.getServer(), &server);
+    TipprmiObjectClient const byMadeUpName(server.getOID());
+    EXPECT_EQ(byMadeUpName.getServer(), &server);
+}
+
+// ---- ClientCallHelper --------------------------------------------------------------------------
+
+/** Records in which order the hooks of a call run. */
+struct Steps {
+    mutable std::vector<std::string> done;
+};
+
+class Hook : public ClientCallHookBaseV {
+public:
+    explicit Hook(Steps const& steps) : steps_(steps) {}
+    void callServer(TreflectServerObject&) const override { steps_.done.push_back("local"); }
+    void fillParams(TipprmiSequence<TipprmiAny, 0u>&) const override {}
+    char const* operationName() const override { return "refuse"; }
+    void evaluateResponse(TipprmiStream& response) const override {
+        steps_.done.push_back("evaluate");
+        ClientCallHookBaseV::evaluateResponse(response);
+    }
+
+private:
+    Steps const& steps_;
+};
+
+class In : public InParamHook {
+public:
+    In(Steps const& steps, unsigned int value) : steps_(steps), value_(value) {}
+    void marshall(TipprmiStream& request) const override {
+        steps_.done.push_back("in");
+        request << value_;
+    }
+
+private:
+    Steps const& steps_;
+    unsigned int const value_;
+};
+
+class Out : public OutParamHook {
+public:
+    explicit Out(Steps const& steps) : steps_(steps) {}
+    void unmarshall(TipprmiStream& response) const override {
+        steps_.done.push_back("out");
+        response >> value;
+    }
+    mutable unsigned int value = 99;
+
+private:
+    Steps const& steps_;
+};
+
+using ::testing::ElementsAre;
+
+TEST_F(ObjectsTest, ACallMarshalsEvaluatesAndReadsInThisOrder) {
+    Server server(named("helper.order"));
+    Steps const steps;
+    Hook const hook(steps);
+    Out const out(steps);
+    ClientCallHelper(hook, In(steps, 0), out, *server.getClient()->getStub_(), nullptr, kClass,
+                     kRefuse, true);
+    EXPECT_THAT(steps.done, ElementsAre("in", "evaluate", "out"));
+    EXPECT_EQ(out.value, 7u) << "evaluation leaves the read position where it was";
+    EXPECT_EQ(hook.exception().getExceptionType(), 0u);
+}
+
+TEST_F(ObjectsTest, AFailedCallYieldsZerosItsExceptionAndALogLine) {
+    Server server(named("helper.failed"));
+    Steps const steps;
+    Hook const hook(steps);
+    Out const out(steps);
+    LogCapture const log;
+    ClientCallHelper(hook, In(steps, 42), out, *server.getClient()->getStub_(), nullptr, kClass,
+                     kRefuse, true);
+    EXPECT_EQ(out.value, 0u);
+    TipprmiExceptionContainer exception = hook.exception();
+    TipprmiGeneralException general(0);
+    exception.getExceptionData(general);
+    EXPECT_EQ(exception.getExceptionType(), 1u);
+    EXPECT_EQ(general.code(), 42u);
+    EXPECT_EQ(log.count(4, "Unmarshall error on cc=0xC1A55, mc=2"), 1u);
+    EXPECT_EQ(log.find("Unmarshall")->source, "CallHelper");
+
+    ClientCallHelper(hook, In(steps, 0), out, *server.getClient()->getStub_(), nullptr, kClass,
+                     kRefuse, true);
+    EXPECT_EQ(hook.exception().getExceptionType(), 0u) << "each call tells of itself alone";
+}
+
+TEST_F(ObjectsTest, ACallWithoutTheRunPermissionIsReported) {
+    Server server(named("helper.permission"));
+    TipprmiObjectClient const client(&server);
+    LogCapture const log;
+    TreflectReleaseHandlerState const outside;
+    EXPECT_TRUE(tipprmiCall<void>(client, kClass, kNothing));
+    EXPECT_TRUE(log.contains("doing RMI, but has no RunPermission"));
+    EXPECT_EQ(server.calls, 1) << "and performed";
+}
+
+// ---- Calls in one line -------------------------------------------------------------------------
+
+TEST_F(ObjectsTest, ArgumentsAndResultsPassInTheirOrder) {
+    Server server(named("call.order"));
+    TipprmiObjectClient const client(&server);
+    auto const text = tipprmiCall<std::string>(client, kClass, kJoin, "abc", 12u, true);
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text.value(), "abc12!");
+    EXPECT_TRUE(tipprmiSend(client, kClass, kNothing));
+    EXPECT_EQ(server.calls, 1);
+}
+
+TEST_F(ObjectsTest, AServerMayRefuseWithACodeOfItsOwn) {
+    Server server(named("call.refused"));
+    TipprmiObjectClient const client(&server);
+    auto const refused = tipprmiCall<unsigned int>(client, kClass, kRefuse, 42u);
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(refused.code(), 42u);
+    EXPECT_EQ(refused.value(), 0u);
+    EXPECT_EQ(refused.valueOr(5), 5u);
+    EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kRefuse, 0u).valueOr(5), 7u);
+}
+
+TEST_F(ObjectsTest, ArgumentsAndResultsThatCannotBeReadAreFailures) {
+    Server server(named("call.unreadable"));
+    TipprmiObjectClient const client(&server);
+    LogCapture const log;
+    EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kRefuse).code(),
+              TipprmiFailure::kNotServed);
+    EXPECT_EQ(server.calls, 0) << "a function is not called with half its arguments";
+    EXPECT_TRUE(log.contains("Unmarshall error on cc=0xC1A55, mc=2"));
+    EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kNothing).code(),
+              TipprmiFailure::kUnreadable);
+    EXPECT_EQ(tipprmiCall<void>(client, kClass, 99).code(), TipprmiFailure::kNotServed);
+}
+
+}  // namespace
