@@ -4,6 +4,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 // A server object joins and leaves its broker by itself, and the stubs that lead to it end with it.
+#include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 
@@ -27,6 +28,9 @@ TipprmiObjectSkeleton::TipprmiObjectSkeleton(TreflectORB*, TipprmiOID const& oid
     : TipprmiObjectSkeleton(oid) {}
 
 TipprmiObjectSkeleton::~TipprmiObjectSkeleton() {
+    // The process is ending, and somebody may keep the permission for ever.
+    if (BrokerLifecycle::instance().isAbandoned())
+        return;
     OSWrap::DisableCancelStateGuard const notCancelled(true);
     TreflectHandlerState const handler(true);
     if (orb_)

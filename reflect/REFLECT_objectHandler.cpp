@@ -1,6 +1,7 @@
 #include <new>
 
 #include "handler_threads/TreflectHandlerState.h"
+#include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 
@@ -65,7 +66,8 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectORB const*, Tipprmi
 }
 
 void TreflectObjectHandler::releaseStub(TreflectObjectStub* stub) {
-    if (!stub)
+    // The process is ending, and somebody may keep the permission for ever.
+    if (!stub || BrokerLifecycle::instance().isAbandoned())
         return;
     TreflectHandlerState const handler(true);
     if (!stub->decRefCount())
