@@ -136,13 +136,12 @@ bool TipprmiStream::allocate_(int n, View& view) {
     if (needed <= view.limit)
         return true;
     if (needed <= kLargestData) {
-        // Mostly there is hidden room, and the bytes stay where they are.
-        if (message_.extend(static_cast<unsigned int>(needed) + kPrefix)) {
-            view.limit = static_cast<unsigned int>(needed);
-            return true;
-        }
-        if (reallocate_(needed)) {
-            view = view_();
+        // Mostly there is hidden room, and the bytes stay where they are. A payload too short for
+        // iptr_ has no bytes yet, but may have part of one.
+        bool const inPlace = message_.extend(static_cast<unsigned int>(needed) + kPrefix);
+        if (inPlace || reallocate_(needed)) {
+            unsigned char* const data = inPlace && view.data ? view.data : getDataPtr();
+            view = {data, view.written, static_cast<unsigned int>(needed)};
             return true;
         }
     }

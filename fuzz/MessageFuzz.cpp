@@ -1,0 +1,79 @@
+// Takes a buffer of unknown origin as an arrived message: checks and reports its header, then reads
+// its payload as its type tells.
+#include <cstdint>
+#include <cstring>
+
+#include "FuzzProcess.h"
+#include "ipprmi/TipprmiException.h"
+#include "ipprmi/TipprmiOID.h"
+#include "reflect/TreflectMessage.h"
+
+namespace {
+
+constexpr std::size_t kAddressBytes = 8;
+
+TreflectMessage arrived(std::uint8_t const* data, std::size_t size) {
+    auto whole = Transport::AddressedMessage::allocate(size - kAddressBytes);
+    if (size > kAddressBytes)
+        std::memcpy(whole.buf(), data + kAddressBytes, size - kAddressBytes);
+    std::uint32_t addresses[2];
+    std::memcpy(addresses, data, kAddressBytes);
+    whole.originator(addresses[0]);
+    whole.destination(addresses[1]);
+    return TreflectMessage(whole);
+}
+
+void readPayload(TreflectMessage const& message) {
+    TipprmiStream stream(message, false);
+    unsigned int ioid = 0;
+    bool transaction = false;
+    unsigned int cc = 0;
+    int mc = 0;
+    TipprmiOID oid("", NSID_UNIT);
+    TipprmiExceptionContainer container;
+    TipprmiGeneralException exception;
+    switch (message.type()) {
+        case TreflectMessage::tResolve:
+            stream >> oid;
+            break;
+        case TreflectMessage::tPayload:
+            if (message.kind() == TreflectMessage::kResponse) {
+                stream >> container;
+                container.getExceptionData(exception);
+                break;
+            }
+            stream >> ioid >> transaction >> cc >> mc;
+            break;
+        default:
+            stream >> cc >> transaction;
+            break;
+    }
+    if (stream.hasUnmarshallingFailed())
+        stream.printUnmarshallError(cc, static_cast<unsigned int>(mc));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    fuzz::startProcess();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    if (size < kAddressBytes)
+        return 0;
+    TreflectMessage const message = arrived(data, size);
+    message.testValidation(TreflectMessage::kUndef, 0, "", true, 0);
+    message.testValidation(message.kind(), 0, "", true, 0);
+    message.testValidation(TreflectMessage::kResponse, 0, "", false, 0);
+    readPayload(message);
+
+    TreflectMessage const grown(nullptr, message, message.size() + 100);
+    TreflectMessage const cut(nullptr, message, message.size() / 2);
+    if (grown.transactionId() != message.transactionId() || cut.type() != message.type())
+        std::abort();
+    readPayload(cut);
+    TipprmiStream answer(message, true);
+    answer << TipprmiExceptionContainer() << "answer";
+    return 0;
+}

@@ -1,0 +1,351 @@
+#include "ipprmi/TipprmiStream.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "LogCapture.h"
+#include "WireBytes.h"
+
+using testsupport::LogCapture;
+
+namespace {
+
+constexpr int kLargestData = static_cast<int>(Transport::kLargestMessage) - 12 - 4;
+
+TEST(Stream, WritesEveryTypeByTheTable) {
+    EXPECT_EQ("00000001", wireForm(1u));
+    EXPECT_EQ("FEDCBA98", wireForm(0xFEDCBA98u));
+    EXPECT_EQ("FFFFFFFE", wireForm(-2));
+    EXPECT_EQ("00000001", wireForm(true));
+    EXPECT_EQ("00000000", wireForm(false));
+    EXPECT_EQ("00000002", wireForm(NSID_NODE));
+    EXPECT_EQ("00000003616263", wireForm("abc"));
+    EXPECT_EQ("00000000", wireForm(static_cast<char const*>(nullptr)));
+    EXPECT_EQ("00000003610062", wireForm(std::string("a\0b", 3)));
+    EXPECT_EQ("00000000", wireForm(std::string()));
+    EXPECT_EQ("00000000", wireForm(TipprmiStream(10)));
+    EXPECT_EQ("00000002AABB", wireForm(TipprmiStream("\xAA\xBB", 2)));
+    unsigned int const inHostOrder = 0x01020304;
+    EXPECT_EQ(hex(TipprmiStream(&inHostOrder, 4)), wireForm(Transport::TerminationId(inHostOrder)));
+}
+
+TEST(Stream, ReadsBackWhatItWrote) {
+    TipprmiStream stream(1);
+    stream << 0x80000001u << INT_MIN << true << false << NSID_NODE << "text"
+           << std::string("a\0b", 3) << TipprmiStream("\x01\x02\x03", 3)
+           << Transport::TerminationId(0x04010203u) << "end";
+    unsigned int number = 0;
+    int negative = 0;
+    bool yes = false;
+    bool no = true;
+    NamespaceId ns = NSID_UNIT;
+    char* text = nullptr;
+    std::string string;
+    TipprmiStream nested(1);
+    Transport::TerminationId id;
+    std::string end;
+    stream >> number >> negative >> yes >> no >> ns >> text >> string >> nested >> id >> end;
+    std::unique_ptr<char[]> const owned(text);
+    EXPECT_EQ(0x80000001u, number);
+    EXPECT_EQ(INT_MIN, negative);
+    EXPECT_TRUE(yes);
+    EXPECT_FALSE(no);
+    EXPECT_EQ(NSID_UNIT, ns) << "a namespace is consumed, not taken";
+    EXPECT_STREQ("text", text);
+    EXPECT_EQ(std::string("a\0b", 3), string);
+    EXPECT_EQ("010203", hex(nested));
+    EXPECT_EQ(0x04010203u, id.value());
+    EXPECT_EQ("end", end);
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+}
+
+TEST(Stream, IsARequestWhosePayloadBeginsWithTheDataSize) {
+    TipprmiStream stream(0);
+    EXPECT_EQ(1, stream.getDataLimit());
+    EXPECT_TRUE(stream.empty());
+    EXPECT_EQ(TreflectMessage::kRequest, stream.msg().kind());
+    EXPECT_EQ(0u, stream.msg().transactionId());
+    stream << 5u;
+    unsigned char const expected[] = {0, 0, 0, 4, 0, 0, 0, 5};
+    ASSERT_EQ(sizeof expected, stream.msg().size());
+    EXPECT_EQ(0, std::memcmp(expected, stream.msg().buf(), sizeof expected));
+}
+
+TEST(Stream, WrapsAMessageToReadItOrToFillItAnew) {
+    TipprmiStream const source("\x00\x00\x00\x09", 4);
+    TipprmiStream reader(source.msg(), false);
+    unsigned int value = 0;
+    reader >> value;
+    EXPECT_EQ(9u, value);
+    TipprmiStream const writer(source.msg(), true);
+    EXPECT_TRUE(writer.empty());
+    EXPECT_EQ(4, writer.getDataLimit());
+    EXPECT_TRUE(source.empty()) << "the buffer is shared";
+}
+
+TEST(Stream, ReadPastTheDataIsToldOnceAndYieldsZeros) {
+    TipprmiStream stream("\x01\x02\x03", 3);
+    stream.msg().type(TreflectMessage::tPayload);
+    LogCapture log;
+    unsigned int number = 42;
+    std::string text = "x";
+    bool truth = true;
+    char* characters = nullptr;
+    unsigned char raw[2] = {1, 1};
+    stream >> number >> text >> truth >> characters;
+    stream.unmarshall(raw, 2);
+    std::unique_ptr<char[]> const owned(characters);
+
+    EXPECT_EQ(0u, number);
+    EXPECT_EQ("", text);
+    EXPECT_FALSE(truth);
+    EXPECT_STREQ("", characters);
+    EXPECT_EQ(0, raw[0] + raw[1]);
+    auto const records = log.records();
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ(
+        "::unmarshall() request out of bounds: getDataSize(3)-optr_(0) < size(4), iptr_=3, limit=3",
+        records[0].text);
+    EXPECT_EQ(3, records[0].level);
+    EXPECT_EQ("IPPRMI_stream", records[0].source);
+    EXPECT_EQ(0u, records[1].text.find("    ReflMsg ")) << records[1].text;
+
+    stream.rewind();
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+    stream.clear();
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+}
+
+TEST(Stream, FailedReadLeavesTheReadPosition) {
+    TipprmiStream stream("\x00\x00\x00\x07\x01", 5);
+    unsigned int number = 0;
+    stream >> number >> number;
+    EXPECT_EQ(0u, number);
+    TipprmiStream copy(stream);
+    copy.setData("\x00\x00\x00\x08", 4);
+    copy >> number;
+    EXPECT_EQ(8u, number) << "setData resets position and flag";
+}
+
+TEST(Stream, NullDestinationSkips) {
+    TipprmiStream stream("\xAA\xBB\x00\x00\x00\x05", 6);
+    unsigned int number = 0;
+    stream.unmarshall(nullptr, 2) >> number;
+    EXPECT_EQ(5u, number);
+    stream.unmarshall(nullptr, 1);
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+}
+
+TEST(Stream, NegativeLengthIsAnEmptyValueOfFourBytes) {
+    TipprmiStream stream(100);
+    stream << -5 << INT_MIN << -1 << 77u;
+    std::string text = "old";
+    char* characters = nullptr;
+    TipprmiStream nested("\x01", 1);
+    unsigned int after = 0;
+    stream >> text >> characters >> nested >> after;
+    std::unique_ptr<char[]> const owned(characters);
+    EXPECT_EQ("", text);
+    EXPECT_STREQ("", characters);
+    EXPECT_EQ("01", hex(nested)) << "an empty nested stream leaves the target alone";
+    EXPECT_EQ(77u, after);
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+}
+
+TEST(Stream, MissingBytesOfAKnownLengthReadAsZeros) {
+    TipprmiStream stream(
+        "\x00\x00\x00\x05"
+        "ab",
+        6);
+    std::string text;
+    stream >> text;
+    EXPECT_EQ(std::string(5, '\0'), text);
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+
+    TipprmiStream again(
+        "\x00\x00\x00\x03"
+        "ab",
+        6);
+    TipprmiStream nested("\x01", 1);
+    again >> nested;
+    EXPECT_EQ("000000", hex(nested));
+}
+
+TEST(Stream, AbsurdLengthIsNotAllocated) {
+    for (int const length : {TipprmiStream::kHonouredLength + 1, INT_MAX}) {
+        TipprmiStream stream(100);
+        stream << length << 1u;
+        std::string text = "old";
+        LogCapture const log;
+        stream >> text;
+        EXPECT_EQ("", text);
+        EXPECT_TRUE(stream.hasUnmarshallingFailed());
+        EXPECT_EQ(1u, log.count(3, "out of bounds"));
+
+        stream.clear();
+        stream << length;
+        TipprmiStream nested("\x01", 1);
+        stream >> nested;
+        EXPECT_EQ("01", hex(nested));
+        EXPECT_TRUE(stream.hasUnmarshallingFailed());
+    }
+    TipprmiStream honoured(100);
+    honoured << TipprmiStream::kHonouredLength;
+    std::string text;
+    honoured >> text;
+    EXPECT_EQ(static_cast<std::size_t>(TipprmiStream::kHonouredLength), text.size());
+
+    TipprmiStream large(100);
+    std::string const three(3 * 1024 * 1024, 'x');
+    large << three;
+    large >> text;
+    EXPECT_EQ(three, text) << "a great length is taken when its bytes are there";
+}
+
+TEST(Stream, ClaimedSizeBeyondTheBufferIsNotBelieved) {
+    for (unsigned int const claimed : {9u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
+        LogCapture const log;
+        TipprmiStream stream = arrived(claimed, 8);
+        EXPECT_TRUE(log.contains("iptr_(" + std::to_string(static_cast<int>(claimed)) +
+                                 ") out of range(8);this="));
+        EXPECT_EQ(8, stream.getDataSize());
+        unsigned int number = 0;
+        stream >> number >> number;
+        EXPECT_FALSE(stream.hasUnmarshallingFailed());
+        EXPECT_EQ(16u, wireForm(stream).size() - 8) << "nested, it is as long as its buffer";
+        stream >> number;
+        EXPECT_TRUE(stream.hasUnmarshallingFailed());
+        stream << 1u;
+        EXPECT_EQ(claimed == 9u ? 13 : 8, stream.getDataSize());
+    }
+}
+
+TEST(Stream, PayloadTooShortForASizeIsEmpty) {
+    for (unsigned int payload = 0; payload < 8; ++payload) {
+        TreflectMessage message(nullptr, 0, payload % 4);
+        std::memset(message.buf(), 0xFF, payload % 4);
+        TipprmiStream stream(message, true);
+        if (payload < 4)  // else the buffer is shared, and must move to grow
+            message = TreflectMessage(Transport::AddressedMessage());
+        EXPECT_EQ(0, stream.getDataLimit());
+        EXPECT_EQ(nullptr, stream.getDataPtr());
+        EXPECT_TRUE(stream.empty());
+        stream << 3u;
+        EXPECT_EQ("00000003", hex(stream));
+    }
+}
+
+TEST(Stream, WithoutABufferIsEmptyUntilWritten) {
+    TipprmiStream stream(TreflectMessage(Transport::AddressedMessage()), false);
+    unsigned int number = 1;
+    stream >> number;
+    EXPECT_EQ(0u, number);
+    stream << 4u;
+    EXPECT_EQ("00000004", hex(stream));
+    EXPECT_EQ(TreflectMessage::kRequest, stream.msg().kind());
+}
+
+TEST(Stream, CapacityGrowsToExactlyWhatAWriteNeeds) {
+    TipprmiStream stream(6);
+    stream.msg().transactionId(0x1234);
+    stream << 1u;
+    EXPECT_EQ(6, stream.getDataLimit());
+    stream << 2u;
+    EXPECT_EQ(8, stream.getDataLimit());
+    stream << std::string(1000, 'x');
+    EXPECT_EQ(1012, stream.getDataLimit());
+    EXPECT_EQ(0x1234u, stream.msg().transactionId()) << "the header moves along";
+    EXPECT_EQ("0000000100000002000003E878", hex(stream).substr(0, 26));
+    stream.setData("ab", 2);
+    EXPECT_EQ(2, stream.getDataLimit());
+    EXPECT_EQ("6162", hex(stream));
+}
+
+TEST(Stream, ManySmallWritesMoveTheBufferRarely) {
+    TipprmiStream stream(1);
+    std::set<unsigned char const*> places;
+    for (unsigned int i = 0; i < 100000; ++i) {
+        stream << i;
+        places.insert(stream.getDataPtr());
+    }
+    EXPECT_LE(places.size(), 20u);
+    EXPECT_EQ(400000, stream.getDataLimit());
+    for (unsigned int i = 0; i < 100000; ++i) {
+        unsigned int value = 0;
+        stream >> value;
+        ASSERT_EQ(i, value);
+    }
+}
+
+TEST(Stream, GrowthPartsCopiesThatShareABuffer) {
+    TipprmiStream first(4);
+    first << 1u;
+    TipprmiStream second(first);
+    second << 2u;
+    EXPECT_EQ("00000001", hex(first));
+    first << 3u;
+    EXPECT_EQ("0000000100000003", hex(first));
+    EXPECT_EQ("0000000100000002", hex(second));
+}
+
+TEST(Stream, ItsOwnBytesMayBeWrittenIntoIt) {
+    for (int round = 0; round < 12; ++round) {
+        TipprmiStream stream(1);
+        stream << std::string(static_cast<std::size_t>(1) << round, 'q');
+        std::string const before = hex(stream);
+        TipprmiStream const sharing(stream);  // keeps the old buffer's sole ownership away
+        stream.marshall(stream.getDataPtr(), stream.getDataSize());
+        EXPECT_EQ(before + before, hex(stream));
+        stream.setData(stream.getDataPtr() + 4, 1);
+        EXPECT_EQ("71", hex(stream));
+        stream << stream;
+        EXPECT_EQ("710000000171", hex(stream));
+    }
+}
+
+TEST(Stream, WriteThatFindsNoRoomIsDropped) {
+    std::string const most(static_cast<std::size_t>(kLargestData) - 4, 'm');
+    TipprmiStream stream(1);
+    stream << most;
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+    LogCapture const log;
+    stream << true;
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+    EXPECT_EQ(kLargestData, stream.getDataSize());
+    EXPECT_TRUE(log.contains("out of range(" + std::to_string(kLargestData) + ");this="));
+
+    TipprmiStream outer(100);
+    outer << stream;
+    EXPECT_TRUE(outer.hasUnmarshallingFailed());
+
+    TipprmiStream incomplete(100);
+    incomplete << std::string(Transport::kLargestMessage, 'x');
+    TipprmiStream around(100);
+    around << incomplete;
+    EXPECT_TRUE(around.hasUnmarshallingFailed()) << "a gap inside is a gap outside";
+
+    TipprmiStream kept("abc", 3);
+    kept.setData(most.data(), INT_MAX);
+    EXPECT_TRUE(kept.hasUnmarshallingFailed());
+    EXPECT_EQ("616263", hex(kept));
+    EXPECT_TRUE(TipprmiStream(most.data(), INT_MAX).hasUnmarshallingFailed());
+    TipprmiStream huge(INT_MAX);
+    huge << 1u;
+    EXPECT_EQ("00000001", hex(huge)) << "what fits is taken";
+}
+
+TEST(Stream, UnmarshallErrorIsFiledUnderTheCallHelper) {
+    LogCapture const log;
+    TipprmiStream(1).printUnmarshallError(0xAB12, 1001);
+    auto const record = log.find("Unmarshall");
+    ASSERT_TRUE(record);
+    EXPECT_EQ("Unmarshall error on cc=0xAB12, mc=1001", record->text);
+    EXPECT_EQ(4, record->level);
+    EXPECT_EQ("CallHelper", record->source);
+}
+
+}  // namespace

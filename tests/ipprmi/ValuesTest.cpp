@@ -1,0 +1,182 @@
+#include <gtest/gtest.h>
+
+#include "WireBytes.h"
+#include "ipprmi/CallHelper.h"
+#include "ipprmi/TipprmiException.h"
+#include "ipprmi/TipprmiOID.h"
+#include "ipprmi/TipprmiSequence.h"
+
+namespace {
+
+template <class T>
+T extracted(TipprmiAny& any) {
+    T value{};
+    any.extract(value);
+    return value;
+}
+
+TEST(Any, HoldsTheLastValueAndGivesItAsOftenAsAsked) {
+    TipprmiAny any;
+    EXPECT_TRUE(any.empty());
+    EXPECT_EQ("00000000", wireForm(any));
+    any.insert(std::string(200, 'l')).insert(7u);
+    EXPECT_EQ("0000000400000007", wireForm(any));
+    EXPECT_EQ(7u, extracted<unsigned int>(any));
+    EXPECT_EQ(7u, extracted<unsigned int>(any));
+    EXPECT_EQ(7, extracted<int>(any)) << "the bytes are read as the type asked for";
+    EXPECT_EQ(7u, extracted<std::string>(any).size());
+    EXPECT_TRUE(any.hasUnmarshallingFailed());
+    EXPECT_EQ(0u, extracted<unsigned int>(any)) << "a failure stays";
+    any.insert(8u);
+    EXPECT_EQ(8u, extracted<unsigned int>(any));
+}
+
+TEST(Any, CopiesPartWhenOneIsWritten) {
+    TipprmiAny first;
+    first.insert(1u);
+    TipprmiAny second(first);
+    TipprmiAny third;
+    third = second;
+    second.insert(2u);
+    EXPECT_EQ(1u, extracted<unsigned int>(first));
+    EXPECT_EQ(2u, extracted<unsigned int>(second));
+    TipprmiStream stream(100);
+    stream << second;
+    stream >> third;
+    EXPECT_EQ(1u, extracted<unsigned int>(first));
+    EXPECT_EQ(2u, extracted<unsigned int>(third));
+    third = TipprmiAny();
+    EXPECT_TRUE(third.empty());
+}
+
+TEST(Any, ReadingEmptiesItFirst) {
+    TipprmiStream stream(100);
+    stream << 0 << -3 << 5;
+    for (int i = 0; i < 2; ++i) {
+        TipprmiAny any;
+        any.insert(1u);
+        stream >> any;
+        EXPECT_TRUE(any.empty());
+    }
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+    TipprmiAny cut;
+    stream >> cut;
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+    EXPECT_EQ("000000050000000000", wireForm(cut)) << "missing bytes are zeros";
+}
+
+TEST(Any, ValueTooLargeSpoilsTheMessageItIsWrittenTo) {
+    TipprmiAny any;
+    any.insert(std::string(Transport::kLargestMessage, 'x'));
+    EXPECT_TRUE(any.hasUnmarshallingFailed());
+    TipprmiStream stream(100);
+    stream << any;
+    EXPECT_TRUE(stream.hasUnmarshallingFailed());
+}
+
+TEST(Sequence, IsACountAndItsElements) {
+    TipprmiSequence<unsigned int, 0u> numbers;
+    numbers.push_back(7);
+    numbers.push_back(9);
+    EXPECT_EQ("000000020000000700000009", wireForm(numbers));
+    EXPECT_EQ(7u, numbers[5]) << "an index out of range yields the first";
+    numbers.setLength(3);
+    EXPECT_EQ(0u, numbers[2]);
+
+    TipprmiSequence<TipprmiAny, 0u> anys;
+    anys.setLength(2);
+    anys[1].insert(true);
+    EXPECT_EQ("00000002000000000000000400000001", wireForm(anys));
+    generateParamSeq(anys);
+    EXPECT_EQ(2u, anys.getLength());
+}
+
+struct Point {
+    int x = 1;
+    std::string name;
+};
+
+TipprmiStream& operator<<(TipprmiStream& stream, Point const& point) {
+    return stream << point.x << point.name;
+}
+
+TipprmiStream& operator>>(TipprmiStream& stream, Point& point) {
+    return stream >> point.x >> point.name;
+}
+
+TEST(Sequence, CarriesTypesOfItsUser) {
+    TipprmiSequence<Point> points;
+    points.setLength(2);
+    points[0].x = -4;
+    points[1].name = "p";
+    TipprmiStream stream(1);
+    stream << points << points;
+    TipprmiSequence<Point> read;
+    stream >> read >> read;
+    ASSERT_EQ(2u, read.getLength());
+    EXPECT_EQ(-4, read[0].x);
+    EXPECT_EQ("p", read[1].name);
+}
+
+TEST(Sequence, ElementsOfAFormerReadDoNotShineThrough) {
+    TipprmiStream stream(100);
+    TipprmiSequence<TipprmiStream*> unused;
+    stream << 1u << 0;
+    TipprmiSequence<TipprmiAny, 0u> anys;
+    anys.setLength(1);
+    anys[0].insert(5u);
+    stream >> anys;
+    EXPECT_TRUE(anys[0].empty());
+    EXPECT_EQ(0u, unused.getLength());
+}
+
+TEST(Sequence, CountIsBoundedByWhatCouldHaveArrived) {
+    struct {
+        unsigned int count;
+        bool honoured;
+    } const cases[] = {{65536, true}, {65537, false}, {0x80000000u, false}, {0xFFFFFFFFu, false}};
+    for (auto const& [count, honoured] : cases) {
+        TipprmiStream stream(100);
+        stream << count << 3u;
+        TipprmiSequence<unsigned int, 0u> numbers;
+        numbers.setLength(2);
+        stream >> numbers;
+        EXPECT_TRUE(stream.hasUnmarshallingFailed()) << count;
+        EXPECT_EQ(honoured ? count : 0, numbers.getLength());
+        EXPECT_EQ(honoured ? 3u : 0u, numbers.getLength() ? numbers[0] : 0);
+    }
+    TipprmiSequence<unsigned int, 0u> many;
+    many.setLength(70000);
+    many[69999] = 5;
+    TipprmiStream stream(1);
+    stream << many;
+    TipprmiSequence<unsigned int, 0u> read;
+    stream >> read;
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+    ASSERT_EQ(70000u, read.getLength());
+    EXPECT_EQ(5u, read[69999]);
+}
+
+TEST(ExceptionContainer, IsATypeAndAnAny) {
+    TipprmiExceptionContainer container;
+    EXPECT_EQ("0000000000000000", wireForm(container));
+    container.setExceptionType(TipprmiGeneralException::getExceptionClassType());
+    container.setExceptionData(TipprmiGeneralException(5));
+    EXPECT_EQ("000000010000000400000005", wireForm(container));
+
+    TipprmiStream stream(100);
+    writeGeneralException(stream, 6);
+    stream << TipprmiExceptionContainer();
+    EXPECT_EQ("0000000100000004000000060000000000000000", hex(stream));
+    stream >> container;
+    TipprmiGeneralException exception;
+    container.getExceptionData(exception);
+    EXPECT_EQ(1u, container.getExceptionType());
+    EXPECT_EQ(6u, exception.code());
+    stream >> container;
+    EXPECT_EQ(0u, container.getExceptionType());
+    EXPECT_EQ("0000000000000000", wireForm(container)) << "the former data are gone";
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+}
+
+}  // namespace
