@@ -55,14 +55,23 @@ std::vector<pid_t> NeighbourWatch::wait() {
     return suspects;
 }
 
-std::vector<pid_t> NeighbourWatch::choose(std::vector<pid_t> const& processes) {
-    std::vector<Watched> chosen;
-    std::vector<pid_t> fresh;
-    auto next = std::upper_bound(processes.begin(), processes.end(), ::getpid());
-    for (std::size_t i = 0; i < std::min(kNeighbours, processes.size()); ++i, ++next) {
+std::vector<pid_t> NeighbourWatch::neighboursAmong(std::vector<pid_t> const& processes) {
+    std::vector<pid_t> neighbours;
+    pid_t const self = ::getpid();
+    auto next = std::upper_bound(processes.begin(), processes.end(), self);
+    for (std::size_t i = 0; i < processes.size() && neighbours.size() < kNeighbours; ++i, ++next) {
         if (next == processes.end())
             next = processes.begin();
-        pid_t const pid = *next;
+        if (*next != self)
+            neighbours.push_back(*next);
+    }
+    return neighbours;
+}
+
+std::vector<pid_t> NeighbourWatch::choose(std::vector<pid_t> const& neighbours) {
+    std::vector<Watched> chosen;
+    std::vector<pid_t> fresh;
+    for (pid_t const pid : neighbours) {
         auto const known = std::find_if(watched_.begin(), watched_.end(),
                                         [&](Watched const& w) { return w.pid == pid; });
         if (known == watched_.end())

@@ -22,10 +22,11 @@ public:
     /** Waits for the end of a watched process or for `wake`. The processes whose locks are to be
      * looked at now. */
     std::vector<pid_t> wait();
-    /** Watches the neighbours among `processes`, which are in ascending order without this one. The
-     * processes that are watched from now on: they may have died before, so their locks are to be
-     * looked at. */
-    std::vector<pid_t> choose(std::vector<pid_t> const& processes);
+    /** Those among `processes`, which are in ascending order, that this process is to watch. */
+    static std::vector<pid_t> neighboursAmong(std::vector<pid_t> const& processes);
+    /** Watches `neighbours` and nobody else. Answers those who were not watched before: they may
+     * have died already, so their locks are to be looked at. */
+    std::vector<pid_t> choose(std::vector<pid_t> const& neighbours);
     void clear() { watched_.clear(); }
 
 private:

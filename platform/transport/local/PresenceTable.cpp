@@ -69,12 +69,41 @@ bool PresenceTable::find(TerminationId id, Entry& entry) const {
     return true;
 }
 
-std::vector<PresenceTable::Known> PresenceTable::all() const {
+bool PresenceTable::contains(TerminationId id, std::string const& file) const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    auto const found = entries_.find(id);
+    return found != entries_.end() && found->second.file == file;
+}
+
+std::vector<PresenceTable::Known> PresenceTable::ownedBy(pid_t process) const {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     std::vector<Known> result;
-    result.reserve(entries_.size());
     for (auto const& [id, entry] : entries_)
-        result.push_back({id, entry});
+        if (entry.owner == process)
+            result.push_back({id, entry});
+    return result;
+}
+
+std::vector<PresenceTable::Known> PresenceTable::notAmong(
+    std::vector<TerminationId> const& seen) const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    std::vector<Known> result;
+    for (auto const& [id, entry] : entries_)
+        if (!std::binary_search(seen.begin(), seen.end(), id))
+            result.push_back({id, entry});
+    return result;
+}
+
+std::vector<pid_t> PresenceTable::owners() const {
+    std::vector<pid_t> result;
+    {
+        OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+        result.reserve(entries_.size());
+        for (auto const& [id, entry] : entries_)
+            result.push_back(entry.owner);
+    }
+    std::sort(result.begin(), result.end());
+    result.erase(std::unique(result.begin(), result.end()), result.end());
     return result;
 }
 

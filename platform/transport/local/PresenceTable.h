@@ -50,7 +50,14 @@ public:
     /** Ids in ascending order. */
     std::vector<TerminationId> ids() const;
     bool find(TerminationId id, Entry& entry) const;
-    std::vector<Known> all() const;
+    /** Whether `id` is known by this very file. */
+    bool contains(TerminationId id, std::string const& file) const;
+    /** Those that a process owns. */
+    std::vector<Known> ownedBy(pid_t process) const;
+    /** Those that are not among `seen`, which is in ascending order. */
+    std::vector<Known> notAmong(std::vector<TerminationId> const& seen) const;
+    /** All owners, in ascending order. */
+    std::vector<pid_t> owners() const;
 
     // ---- Changes ----
 

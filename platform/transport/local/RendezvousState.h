@@ -19,8 +19,8 @@ namespace Transport {
  * The inside of the rendezvous. While this process has a published termination, two threads keep
  * the table true:
  *
- * - "TrAnnounce" waits for the folder's word to be raised and has the other one scan;
- * - "TrPresence" scans the folder, waits for the end of neighbours, and checks who is suspected.
+ * - "TrAnnounce" waits for the folder's word to be raised and scans the folder;
+ * - "TrPresence" waits for the end of neighbours, and checks who is suspected.
  *
  * Both end by themselves after the last termination has been withdrawn. Truth is the folder for
  * who came and went, and the lock for who lives. Whoever finds a dead one removes its entry and
@@ -68,13 +68,13 @@ private:
     bool scanLocked(PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
     bool admitOrRemove(FolderEntry const& entry, PresenceTable::Departures& gone)
         OSW_REQUIRES(mutex_);
-    void dropMissing(std::set<TerminationId> const& seen, PresenceTable::Departures& gone)
+    void dropMissing(std::vector<TerminationId> const& seen, PresenceTable::Departures& gone)
         OSW_REQUIRES(mutex_);
     void checkSuspects();
     void checkProcess(pid_t pid);
     bool bury(PresenceTable::Known const& dead, PresenceTable::Departures& gone)
         OSW_REQUIRES(mutex_);
-    std::vector<pid_t> otherProcesses() const;
+    std::vector<pid_t> neighbours() const;
 
     // Lock order: mutex_, then that of the table. Neither is held in a call of the hook or of a
     // listener.
@@ -83,7 +83,6 @@ private:
     int published_ OSW_GUARDED_BY(mutex_) = 0;
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     bool processThreadLives_ OSW_GUARDED_BY(mutex_) = false;
-    std::atomic<bool> scanWanted_{false};
     NeighbourWatch watch_;  // belongs to TrPresence, but for `wake`
 
     OSWrap::Mutex suspectsMutex_;  // a leaf

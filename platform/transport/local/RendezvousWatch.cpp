@@ -65,12 +65,16 @@ bool Rendezvous::State::mayEnd(bool State::*lives) {
  */
 void Rendezvous::State::watchAnnouncements() {
     EntryFolder const& files = *folder;
+    std::vector<pid_t> watched;
     for (;;) {
         std::uint32_t const seen = files.announcements();
         if (mayEnd(&State::announcementThreadLives_))
             return;
-        scanWanted_ = true;
-        watch_.wake();
+        scan();
+        if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
+            watched = std::move(toWatch);
+            watch_.wake();
+        }
         files.waitForAnnouncement(seen);
     }
 }
@@ -81,25 +85,18 @@ void Rendezvous::State::watchProcesses() {
         std::vector<pid_t> toCheck = watch_.wait();
         if (mayEnd(&State::processThreadLives_))
             return;
-        if (scanWanted_.exchange(false))
-            scan();
         checkSuspects();
         // Whoever is watched anew may have died before: go on until the neighbours are alive.
         do {
             for (pid_t const pid : toCheck)
                 checkProcess(pid);
-            toCheck = watch_.choose(otherProcesses());
+            toCheck = watch_.choose(neighbours());
         } while (!toCheck.empty());
     }
 }
 
-/** Process ids in ascending order without our own. */
-std::vector<pid_t> Rendezvous::State::otherProcesses() const {
-    std::set<pid_t> processes;
-    for (PresenceTable::Known const& known : table.all())
-        processes.insert(known.entry.owner);
-    processes.erase(::getpid());
-    return {processes.begin(), processes.end()};
+std::vector<pid_t> Rendezvous::State::neighbours() const {
+    return NeighbourWatch::neighboursAmong(table.owners());
 }
 
 // ---- Who came and went --------------------------------------------------------------------------
@@ -122,24 +119,21 @@ bool Rendezvous::State::scanLocked(PresenceTable::Departures& gone) {
     if (published_ == 0)
         return false;
     bool removed = false;
-    std::set<TerminationId> seen;
+    std::vector<TerminationId> seen;
     for (FolderEntry const& entry : folder.load()->list()) {
-        if (own_.count(entry.id) != 0 || !admitOrRemove(entry, gone))
-            seen.insert(entry.id);
+        if (table.contains(entry.id, entry.file) || !admitOrRemove(entry, gone))
+            seen.push_back(entry.id);
         else
             removed = true;
     }
+    std::sort(seen.begin(), seen.end());
     dropMissing(seen, gone);
     return removed;
 }
 
-/** Deals with an entry of another process; true when it was a dead one's and is no more. */
+/** Deals with an entry that is not in the table; true when it was a dead one's and is no more. */
 bool Rendezvous::State::admitOrRemove(FolderEntry const& entry, PresenceTable::Departures& gone) {
     EntryFolder& files = *folder;
-    PresenceTable::Entry known;
-    bool const isKnown = table.find(entry.id, known);
-    if (isKnown && known.file == entry.file)
-        return false;
     pid_t const owner = files.ownerOf(entry.id.nameId());
     if (owner == EntryFolder::kFree && !ownsName(entry.id.nameId())) {
         bool const removed = files.remove(entry.file);
@@ -148,19 +142,18 @@ bool Rendezvous::State::admitOrRemove(FolderEntry const& entry, PresenceTable::D
                           entry.file.c_str());
         return removed;
     }
-    if (entry.hidden)
+    if (entry.hidden || own_.count(entry.id) != 0)
         return false;
-    if (isKnown)  // its successor under the same id
-        table.drop(entry.id, gone);
+    table.drop(entry.id, gone);  // whose successor, under the same id, this one is
     table.admit(entry.id, {entry.file, owner});
     return false;
 }
 
 /** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
-void Rendezvous::State::dropMissing(std::set<TerminationId> const& seen,
+void Rendezvous::State::dropMissing(std::vector<TerminationId> const& seen,
                                     PresenceTable::Departures& gone) {
-    for (PresenceTable::Known const& known : table.all()) {
-        if (seen.count(known.id) != 0 || folder.load()->contains(known.entry.file))
+    for (PresenceTable::Known const& known : table.notAmong(seen)) {
+        if (folder.load()->contains(known.entry.file))
             continue;
         auto const own = own_.find(known.id);
         if (own == own_.end()) {
@@ -234,16 +227,20 @@ void Rendezvous::State::checkSuspects() {
         folder.load()->announce();
 }
 
-/** Buries the terminations of a process that no longer holds their locks, and announces that even
- * when its entries are gone already: it may have died between removing and announcing. */
+/**
+ * Buries the terminations of a process that no longer holds their locks. When its entries are gone
+ * already, a fellow watcher has removed them, and announces it, or the dead one did that itself and
+ * may have died before it announced: then it is announced here, unless everybody scans anyway
+ * because something was announced after the death.
+ */
 void Rendezvous::State::checkProcess(pid_t pid) {
+    std::uint32_t const before = folder.load()->announcements();
     PresenceTable::Departures gone;
     bool removed = false;
     {
         OSWrap::Lock<> lock(mutex_);
-        for (PresenceTable::Known const& known : table.all())
-            if (known.entry.owner == pid && own_.count(known.id) == 0 &&
-                folder.load()->ownerOf(known.id.nameId()) != pid)
+        for (PresenceTable::Known const& known : table.ownedBy(pid))
+            if (own_.count(known.id) == 0 && folder.load()->ownerOf(known.id.nameId()) != pid)
                 removed = bury(known, gone) || removed;
     }
     if (gone.ids().empty())
@@ -252,7 +249,8 @@ void Rendezvous::State::checkProcess(pid_t pid) {
         REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
                        static_cast<int>(pid));
     tell(gone);
-    folder.load()->announce();
+    if (removed || folder.load()->announcements() == before)
+        folder.load()->announce();
 }
 
 }  // namespace Transport
