@@ -29,7 +29,8 @@ public:
     UserOfPermissionAtEnd() { pthread_key_create(&key_, use); }
     ~UserOfPermissionAtEnd() { pthread_key_delete(key_); }
     void armForThisThread() { pthread_setspecific(key_, this); }
-    int used() const { return used_; }
+    /** How often since the last question. */
+    int used() { return used_.exchange(0); }
 
 private:
     static void use(void* self) {
@@ -306,11 +307,14 @@ TEST(HandlerThreadsUtilities, AnswerAsInABuildThatTolerates) {
 }
 
 TEST(HandlerThreadsUtilities, FlagsAreToldOnce) {
+    static std::vector<LogRecord> told;  // the process may run this test again
     LogCapture log;
     EXPECT_EQ(HandlerThreadsTypeOutput(1, 2, 3), 1);
     EXPECT_EQ(HandlerThreadsTypeOutput(4, 5, 6), 1);
-    ASSERT_EQ(log.records().size(), 1u);
-    EXPECT_EQ(describe(log.records()[0]),
+    for (LogRecord const& record : log.records())
+        told.push_back(record);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(describe(told[0]),
               "5 HandlerThreadsType: HandlerThreadsType compiled with flags: cnt=1, prm=2, dbg=3");
 }
 
