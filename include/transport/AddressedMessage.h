@@ -8,6 +8,8 @@
 
 namespace Transport {
 
+struct MessageBlock;
+
 /** The largest message in bytes; the allocation of a larger one fails. */
 constexpr std::size_t kLargestMessage = 16u * 1024u * 1024u;
 
@@ -52,10 +54,11 @@ public:
     bool extend(std::size_t size);
 
 private:
-    struct Block;
-    explicit AddressedMessage(Block* block) : block_(block) {}
+    friend class MessageQueue;
+    friend AddressedMessage allocateUninitialized(std::size_t size);
+    explicit AddressedMessage(MessageBlock* block) : block_(block) {}
 
-    Block* block_ = nullptr;  // counted reference, null when empty
+    MessageBlock* block_ = nullptr;  // counted reference, null when empty
 };
 
 }  // namespace Transport

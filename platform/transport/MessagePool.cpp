@@ -1,0 +1,234 @@
+#include "platform/transport/MessagePool.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include "oswrap/Lock.h"
+#include "oswrap/Mutex.h"
+#include "platform/transport/local/Fork.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TRANSPORT_POOL_POISON 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TRANSPORT_POOL_POISON 1
+#endif
+#endif
+
+#ifdef TRANSPORT_POOL_POISON
+#include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
+#endif
+
+namespace Transport {
+namespace {
+
+constexpr std::uint32_t kSmallestShift = 7;  // 128 bytes, head included
+constexpr std::uint32_t kClasses = 13;       // up to 512 KiB
+constexpr std::uint32_t kFromHeap = kClasses;
+constexpr std::size_t kThreadBytesPerClass = 64 * 1024;
+constexpr std::size_t kCommonBytesPerClass = 2 * 1024 * 1024;
+
+constexpr std::size_t blockBytes(std::uint32_t sizeClass) {
+    return std::size_t{1} << (kSmallestShift + sizeClass);
+}
+
+/** How many blocks of a class move between a thread and the common store at a time. */
+constexpr std::uint32_t handful(std::uint32_t sizeClass) {
+    std::size_t const fitting = kThreadBytesPerClass / 2 / blockBytes(sizeClass);
+    return static_cast<std::uint32_t>(std::min<std::size_t>(32, std::max<std::size_t>(1, fitting)));
+}
+
+std::uint32_t classFor(std::size_t bytes) {
+    std::uint32_t sizeClass = 0;
+    while (sizeClass < kClasses && blockBytes(sizeClass) < bytes)
+        ++sizeClass;
+    return sizeClass;
+}
+
+struct FreeList {
+    MessageBlock* first;
+    std::uint32_t count;
+};
+
+void push(FreeList& list, MessageBlock* block) {
+    block->next = list.first;
+    list.first = block;
+    ++list.count;
+}
+
+MessageBlock* pop(FreeList& list) {
+    MessageBlock* block = list.first;
+    if (block != nullptr) {
+        list.first = block->next;
+        --list.count;
+    }
+    return block;
+}
+
+std::atomic<unsigned long> heapAllocationCount{0};
+
+MessageBlock* fromHeap(std::size_t bytes, std::uint32_t sizeClass) {
+    void* memory = std::malloc(bytes);
+    if (memory == nullptr)
+        return nullptr;
+    heapAllocationCount.fetch_add(1, std::memory_order_relaxed);
+    auto* block = new (memory) MessageBlock;
+    block->capacity = static_cast<std::uint32_t>(bytes - sizeof(MessageBlock));
+    block->sizeClass = sizeClass;
+    return block;
+}
+
+void toHeap(MessageBlock* block) {
+    ASAN_UNPOISON_MEMORY_REGION(block->data(), block->capacity);
+    block->~MessageBlock();
+    std::free(block);
+}
+
+/** What threads have too many of. */
+class CommonStore {
+public:
+    /** Moves up to a handful of blocks to `list`. */
+    void refill(FreeList& list, std::uint32_t sizeClass) {
+        OSWrap::Lock<> lock(mutex_);
+        FreeList& common = lists_[sizeClass];
+        for (std::uint32_t n = handful(sizeClass); n > 0 && common.count > 0; --n)
+            push(list, pop(common));
+    }
+
+    /** Takes `count` blocks of `list`; what exceeds the bound goes back to the heap. */
+    void accept(FreeList& list, std::uint32_t sizeClass, std::uint32_t count) {
+        FreeList surplus{nullptr, 0};
+        {
+            OSWrap::Lock<> lock(mutex_);
+            FreeList& common = lists_[sizeClass];
+            std::uint32_t const bound =
+                static_cast<std::uint32_t>(kCommonBytesPerClass / blockBytes(sizeClass));
+            for (; count > 0 && list.count > 0; --count)
+                push(common.count < bound ? common : surplus, pop(list));
+        }
+        while (MessageBlock* block = pop(surplus))
+            toHeap(block);
+    }
+
+    std::size_t bytes() {
+        OSWrap::Lock<> lock(mutex_);
+        std::size_t sum = 0;
+        for (std::uint32_t i = 0; i < kClasses; ++i)
+            sum += lists_[i].count * blockBytes(i);
+        return sum;
+    }
+
+private:
+    OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
+    FreeList lists_[kClasses] OSW_GUARDED_BY(mutex_) = {};
+};
+
+/** Never destroyed: messages may be freed late in the process's end. */
+CommonStore& commonStore() {
+    static CommonStore& store = *new CommonStore;
+    return store;
+}
+
+/** Plain data, so that it can be used until the thread's very end, whichever destructor of
+ * thread-specific data runs first. */
+struct ThreadCache {
+    enum class State { Fresh, InUse, Ended };
+    FreeList lists[kClasses];
+    State state;
+};
+
+thread_local ThreadCache threadCache{};
+
+void giveBackThreadCache(void* cachePointer) {
+    auto& cache = *static_cast<ThreadCache*>(cachePointer);
+    cache.state = ThreadCache::State::Ended;
+    if (inForkedChild())
+        return;
+    for (std::uint32_t i = 0; i < kClasses; ++i)
+        commonStore().accept(cache.lists[i], i, cache.lists[i].count);
+}
+
+pthread_key_t threadEndKey() {
+    static pthread_key_t const key = [] {
+        pthread_key_t made{};
+        pthread_key_create(&made, giveBackThreadCache);
+        return made;
+    }();
+    return key;
+}
+
+/** The calling thread's cache; null when the thread is ending. */
+ThreadCache* cacheOfThread() {
+    ThreadCache& cache = threadCache;
+    if (cache.state == ThreadCache::State::InUse)
+        return &cache;
+    if (cache.state == ThreadCache::State::Ended)
+        return nullptr;
+    cache.state = ThreadCache::State::InUse;
+    pthread_setspecific(threadEndKey(), &cache);
+    return &cache;
+}
+
+MessageBlock* takePooled(std::uint32_t sizeClass) {
+    ThreadCache* cache = cacheOfThread();
+    FreeList none{nullptr, 0};
+    FreeList& list = cache != nullptr ? cache->lists[sizeClass] : none;
+    if (cache != nullptr && list.count == 0)
+        commonStore().refill(list, sizeClass);
+    return pop(list);
+}
+
+}  // namespace
+
+MessageBlock* MessagePool::take(std::size_t capacity) {
+    std::size_t const bytes = capacity + sizeof(MessageBlock);
+    std::uint32_t const sizeClass = classFor(bytes);
+    if (sizeClass == kFromHeap)
+        return fromHeap(bytes, kFromHeap);
+    MessageBlock* block = takePooled(sizeClass);
+    if (block == nullptr)
+        return fromHeap(blockBytes(sizeClass), sizeClass);
+    ASAN_UNPOISON_MEMORY_REGION(block->data(), block->capacity);
+    block->next = nullptr;
+    block->references.store(1, std::memory_order_relaxed);
+    block->size = 0;
+    block->originator = 0;
+    block->destination = 0;
+    return block;
+}
+
+void MessagePool::give(MessageBlock* block) {
+    std::uint32_t const sizeClass = block->sizeClass;
+    if (sizeClass == kFromHeap) {
+        toHeap(block);
+        return;
+    }
+    ASAN_POISON_MEMORY_REGION(block->data(), block->capacity);
+    ThreadCache* cache = cacheOfThread();
+    if (cache == nullptr) {
+        FreeList one{nullptr, 0};
+        push(one, block);
+        commonStore().accept(one, sizeClass, 1);
+        return;
+    }
+    FreeList& list = cache->lists[sizeClass];
+    push(list, block);
+    if (list.count > 2 * handful(sizeClass))
+        commonStore().accept(list, sizeClass, handful(sizeClass));
+}
+
+unsigned long MessagePool::heapAllocations() {
+    return heapAllocationCount.load(std::memory_order_relaxed);
+}
+
+std::size_t MessagePool::commonBytes() {
+    return commonStore().bytes();
+}
+
+}  // namespace Transport

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace Transport {
+
+/**
+ * Head of a message buffer; the bytes follow it. A block belongs to its counted references, or to
+ * the pool while it has none.
+ */
+struct alignas(16) MessageBlock {
+    MessageBlock* next = nullptr;  // link of the one list (queue or pool) that the block is in
+    std::atomic<std::uint32_t> references{1};
+    std::uint32_t size = 0;
+    std::uint32_t capacity = 0;  // bytes of room behind the head
+    std::uint32_t originator = 0;
+    std::uint32_t destination = 0;
+    std::uint32_t sizeClass = 0;
+
+    unsigned char* data() { return reinterpret_cast<unsigned char*>(this + 1); }
+    unsigned char const* data() const { return reinterpret_cast<unsigned char const*>(this + 1); }
+};
+
+/**
+ * Where message blocks come from and go back to. Blocks have sizes by class (powers of two). Each
+ * thread keeps a few of each class for itself; what one thread has too many of goes, a handful at a
+ * time, to a common store from which threads that run short take a handful. So a thread that only
+ * allocates and one that only frees feed each other without the heap. Threads give everything back
+ * when they end; the common store is bounded, and blocks beyond the largest class come straight
+ * from the heap. Any thread, also while its thread-specific data are being destroyed.
+ */
+class MessagePool {
+public:
+    /** A block with one reference, size 0 and room for at least `capacity` bytes of unknown
+     * content; null when memory has run out. */
+    static MessageBlock* take(std::size_t capacity);
+    /** Takes back a block without references. */
+    static void give(MessageBlock* block);
+
+    /** Blocks that were taken from the heap since the start of the process. */
+    static unsigned long heapAllocations();
+    /** Bytes that the common store holds now. */
+    static std::size_t commonBytes();
+};
+
+}  // namespace Transport

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstddef>
+#include <utility>
+
+#include "platform/transport/MessagePool.h"
+#include "transport/AddressedMessage.h"
+
+namespace Transport {
+
+/** As AddressedMessage::allocate, for bytes that are overwritten at once: of unknown content. */
+AddressedMessage allocateUninitialized(std::size_t size);
+/** A message of the same bytes and addresses in a buffer of its own; empty when memory has run out.
+ */
+AddressedMessage copyOf(AddressedMessage const& message);
+
+/**
+ * First in, first out, linked through the blocks: needs no memory of its own. Holds messages that
+ * have no other owner, since a block can be in one queue only. A resource without a lock.
+ */
+class MessageQueue {
+public:
+    MessageQueue() = default;
+    ~MessageQueue() { clear(); }
+    MessageQueue(MessageQueue const&) = delete;
+    MessageQueue& operator=(MessageQueue const&) = delete;
+
+    bool empty() const { return first_ == nullptr; }
+    /** What the queue weighs against a byte limit: the messages and their heads. */
+    std::size_t bytes() const { return bytes_; }
+    std::size_t count() const { return count_; }
+    static std::size_t weight(std::size_t messageSize) {
+        return messageSize + sizeof(MessageBlock);
+    }
+
+    void push(AddressedMessage message) {
+        MessageBlock* block = std::exchange(message.block_, nullptr);
+        block->next = nullptr;
+        (first_ == nullptr ? first_ : last_->next) = block;
+        last_ = block;
+        bytes_ += weight(block->size);
+        ++count_;
+    }
+    /** The oldest message, or an empty handle. */
+    AddressedMessage pop() {
+        MessageBlock* block = first_;
+        if (block == nullptr)
+            return {};
+        first_ = block->next;
+        block->next = nullptr;
+        bytes_ -= weight(block->size);
+        --count_;
+        return AddressedMessage(block);
+    }
+    /** The oldest message, which stays in the queue; null when there is none. */
+    MessageBlock const* front() const { return first_; }
+    /** Takes over all messages of `other`, behind those that are here. */
+    void append(MessageQueue& other) {
+        while (!other.empty())
+            push(other.pop());
+    }
+    void swap(MessageQueue& other) {
+        std::swap(first_, other.first_);
+        std::swap(last_, other.last_);
+        std::swap(bytes_, other.bytes_);
+        std::swap(count_, other.count_);
+    }
+    void clear() {
+        while (!empty())
+            pop();
+    }
+
+private:
+    MessageBlock* first_ = nullptr;
+    MessageBlock* last_ = nullptr;  // valid while first_ is not null
+    std::size_t bytes_ = 0;
+    std::size_t count_ = 0;
+};
+
+}  // namespace Transport

@@ -1,0 +1,183 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+
+#include "oswrap/Mutex.h"
+#include "platform/transport/MessageQueue.h"
+#include "platform/transport/local/Packet.h"
+#include "platform/transport/local/Ring.h"
+#include "transport/TerminationId.h"
+
+namespace Transport {
+
+class Receiver;
+
+/** What waits in the sender for one destination may weigh this much; beyond it `issue` refuses. */
+constexpr std::size_t kMostQueuedBytes = std::size_t{64} * 1024 * 1024;
+
+/** What one side of a channel makes for the other before they connect. */
+struct OwnSide {
+    Descriptor file;  // handed to the peer, then closed
+    Descriptor bell;
+    Mapping control;
+    RingArea ring;
+
+    bool valid() const { return bell.valid() && control.valid() && ring.mapping.valid(); }
+    ControlPage& page() const { return *reinterpret_cast<ControlPage*>(control.data()); }
+    static OwnSide make();
+};
+
+/** What one side of a channel got from the other. */
+struct PeerSide {
+    Descriptor bell;
+    Mapping control;
+    RingArea ring;
+
+    bool valid() const { return bell.valid() && control.valid() && ring.mapping.valid(); }
+    ControlPage const& page() const {
+        return *reinterpret_cast<ControlPage const*>(control.data());
+    }
+    /** Checks and maps what came with a Hello or a Welcome; invalid when it makes no sense. */
+    static PeerSide of(ReceivedPacket& received);
+};
+
+/**
+ * One termination's side of its traffic with one termination of another process. Lives from the
+ * first message until the peer is gone or the own termination stops, and has a connection while
+ * there is something to say.
+ *
+ * | state | meaning | a message |
+ * |---|---|---|
+ * | Idle | no connection | is queued, if the peer exists; state Wanted |
+ * | Wanted | the receiving thread is to connect | is queued |
+ * | Connecting | we have said Hello | is queued |
+ * | Open | rings in both directions | goes into the ring, or is queued when that is full |
+ * | Leaving | we have said Bye, or are answering one | is queued |
+ * | Gone | the peer has gone or we stop | is refused |
+ *
+ * When both sides say Hello at once, the Hello of the lower id is answered by Welcome and the other
+ * one by Crossed. Nothing goes into a ring before Welcome.
+ *
+ * Sending runs on any thread, under the channel's mutex; everything else on the receiving thread of
+ * the own termination.
+ */
+class Channel : public std::enable_shared_from_this<Channel> {
+public:
+    enum class Sent { Refused, Taken, AskPresence };
+
+    Channel(std::shared_ptr<Receiver> receiver, TerminationId peer);
+    ~Channel();
+    Channel(Channel const&) = delete;
+    Channel& operator=(Channel const&) = delete;
+
+    // ---- Any thread ----
+    TerminationId peer() const { return peer_; }
+    std::uint32_t token() const { return token_; }
+    /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,
+     * so find out and ask again. */
+    Sent send(AddressedMessage const& message, bool peerExists);
+    /** Refuses everything from now on and has the receiving thread clear up. */
+    void peerGone();
+    /** True for the first caller until `service` runs. */
+    bool markRequested() { return !requested_.exchange(true); }
+
+    // ---- Receiving thread ----
+    /** Does what another thread has asked for. */
+    void service();
+    /** Someone who is proved to be the peer has said Hello on `socket`. */
+    void answerHello(Descriptor socket, ReceivedPacket hello);
+    void onSocket();
+    void onBell();
+    /** A bounded number of messages; false when there was nothing. */
+    bool receiveBatch();
+    bool hasData() const { return reader_.has_value() && reader_->hasData(); }
+    void fallAsleep();
+    void wakeUp();
+    /** When to call `service` again by itself; 0: not at all. */
+    long long retryAt() const { return retryAt_; }
+    /** Called now and then: gives the connection back after two calls without traffic between. */
+    void giveBackIfIdle();
+    bool connected() const { return own_.control.valid(); }
+    /** The own termination ends: sends on what fits, closes, and answers how many messages are
+     * lost. */
+    std::size_t shutDown();
+
+private:
+    enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
+    /** What becomes of messages in our ring that the peer has not taken when we close. */
+    enum class Unread { GiveBack, LeaveToPeer };
+    enum class Batch { Empty, More, Garbage };
+
+    bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
+    Sent enqueueLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
+    void drainLocked() OSW_REQUIRES(mutex_);
+    bool sendFrontLocked() OSW_REQUIRES(mutex_);
+    bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
+    void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
+    void popFrontLocked() OSW_REQUIRES(mutex_);
+
+    State state();
+    int socket();
+    void connect();
+    bool sayHello(Descriptor socket);
+    void retryLater(long long nanoseconds);
+    void giveUp(char const* reason);
+    bool peerIsGenuine(int socket);
+    bool mayAnswer(int socket);
+    void dropAttempt();
+    void open(PeerSide peer);
+    Packet packet(Packet::Kind kind, std::uint32_t ringCapacity = 0) const;
+
+    void readPackets();
+    bool takePacket(ReceivedPacket& received);
+    bool takeWelcome(ReceivedPacket& received);
+    bool takeNextRing(ReceivedPacket& received);
+    void react();
+    void answerBye();
+    void resumeSending();
+
+    Batch readBatch();
+    bool switchRing();
+    void readAll();
+    void closeForGarbage(char const* what);
+    void close(Unread unread);
+    void clearUpGone();
+
+    std::shared_ptr<Receiver> const receiver_;
+    TerminationId const own_id_;
+    TerminationId const peer_;
+    std::uint32_t const token_;
+    std::atomic<bool> requested_{false};
+
+    // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
+    // receiver's own mutex may be taken.
+    OSWrap::Mutex mutex_;
+    State state_ OSW_GUARDED_BY(mutex_) = State::Idle;
+    MessageQueue queue_ OSW_GUARDED_BY(mutex_);
+    std::uint32_t frontDone_ OSW_GUARDED_BY(mutex_) = 0;  // bytes of the front one already sent
+    std::optional<RingWriter> writer_ OSW_GUARDED_BY(mutex_);
+    Descriptor socket_ OSW_GUARDED_BY(mutex_);
+    int peerBell_ OSW_GUARDED_BY(mutex_) = -1;          // peerSide_.bell
+    bool spaceAsked_ OSW_GUARDED_BY(mutex_) = false;    // and the peer's bell not yet handled
+    bool growthFailed_ OSW_GUARDED_BY(mutex_) = false;  // do not try again before the next bell
+
+    // Receiving thread only.
+    OwnSide own_;
+    PeerSide peerSide_;
+    std::optional<RingReader> reader_;
+    std::deque<RingArea> nextRings_;  // announced by the peer, oldest first
+    bool ended_ = false;              // end of file seen
+    bool leftSeen_ = false;
+    bool byeSeen_ = false;
+    bool garbageSeen_ = false;
+    long long retryAt_ = 0;
+    std::uint32_t lastSent_ = 0;
+    std::uint32_t lastReceived_ = 0;
+    int idleLooks_ = 0;
+};
+
+}  // namespace Transport

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "oswrap/Mutex.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "transport/TerminationId.h"
+
+namespace Transport {
+
+class Receiver;
+class TerminationImpl;
+
+/** The driver's half of a termination of this process: its address, from construction to
+ * destruction, and its receiving thread, from `start` to `stop`. Any thread. */
+class LocalTermination final : public PresenceListener {
+public:
+    LocalTermination(TerminationImpl& owner, GroupId group, std::string const& name);
+    /** The termination has been stopped. */
+    ~LocalTermination();
+    LocalTermination(LocalTermination const&) = delete;
+    LocalTermination& operator=(LocalTermination const&) = delete;
+
+    TerminationId id() const { return id_; }
+    /** Shows the termination and starts its thread; false, with a log line, on failure, when it has
+     * been started before, or when it has no address. */
+    bool start();
+    void stop();
+
+    void arrived(TerminationId id) override;
+    void departed(TerminationId id) override;
+
+private:
+    bool goVisible(std::shared_ptr<Receiver> const& receiver);
+    std::shared_ptr<Receiver> makeReceiver();
+    std::shared_ptr<Receiver> receiver();
+
+    TerminationImpl& owner_;
+    TerminationId const id_;
+    OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
+    std::shared_ptr<Receiver> receiver_ OSW_GUARDED_BY(mutex_);
+};
+
+}  // namespace Transport

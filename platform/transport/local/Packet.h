@@ -1,0 +1,89 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <type_traits>
+
+#include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/Ring.h"
+
+namespace Transport {
+
+/**
+ * What the two sides of a channel tell each other over their socket, one packet at a time. The
+ * messages themselves go through the rings.
+ *
+ * | kind | sent by | with it go | meaning |
+ * |---|---|---|---|
+ * | Hello | who connects | memory file, bell | introduces itself and asks for a channel |
+ * | Welcome | who accepts | memory file, bell | the channel stands |
+ * | Crossed | who accepts | | use the channel that I am asking you for |
+ * | NextRing | either | memory file | my ring goes on in this file where it says so |
+ * | Bye | either | | nothing has happened for long; I send no more unless you say Stay |
+ * | Stay | answer to Bye | | I have something to send |
+ * | Left | answer to Bye | | I have read all of yours, read all of mine and close |
+ *
+ * | offset | width | field |
+ * |---|---|---|
+ * | 0 | 4 | kMagic |
+ * | 4 | 2 | kProtocolVersion |
+ * | 6 | 2 | kind |
+ * | 8 | 4 | the sender's termination id |
+ * | 12 | 4 | the receiver's termination id |
+ * | 16 | 4 | kLayoutCheck |
+ * | 20 | 4 | capacity of the ring in the file that goes with it, else 0 |
+ *
+ * All in the machine's byte order: a channel never leaves it.
+ */
+struct Packet {
+    enum Kind : std::uint16_t { Hello = 1, Welcome, Crossed, NextRing, Bye, Stay, Left };
+
+    std::uint32_t magic;
+    std::uint16_t version;
+    std::uint16_t kind;
+    std::uint32_t from;
+    std::uint32_t to;
+    std::uint32_t layoutCheck;
+    std::uint32_t ringCapacity;
+};
+static_assert(sizeof(Packet) == 24 && std::is_trivially_copyable_v<Packet>,
+              "exchanged by processes of any word size");
+
+constexpr std::uint32_t kMagic = 0x52'4F'43'48;
+constexpr std::uint16_t kProtocolVersion = 1;
+/** Tells builds apart that would not understand each other's rings. */
+constexpr std::uint32_t kLayoutCheck =
+    static_cast<std::uint32_t>(offsetof(ControlPage, head)) << 24 |
+    static_cast<std::uint32_t>(offsetof(ControlPage, asleep)) << 16 |
+    static_cast<std::uint32_t>(sizeof(FrameHead)) << 12 |
+    static_cast<std::uint32_t>(kRingOffset >> 10);
+
+/** A packet with the descriptors that came with it, those absent invalid. */
+struct ReceivedPacket {
+    Packet packet;
+    Descriptor file;
+    Descriptor bell;
+};
+
+enum class Transfer { Done, Later, Closed, Garbage };
+
+/** Sends one packet and up to two descriptors (-1: none). Never blocks and raises no signal. */
+Transfer sendPacket(int socket, Packet const& packet, int file = -1, int bell = -1);
+/** Receives one packet of right size, magic, version and layout. Never blocks. */
+Transfer receivePacket(int socket, ReceivedPacket& received);
+
+/** The process at the other end of a unix socket, as the kernel knows it. */
+struct PeerIdentity {
+    pid_t process;
+    uid_t user;
+};
+/** False when the kernel does not tell. */
+bool peerIdentity(int socket, PeerIdentity& identity);
+/** Whether `fd` is an event counter; makes writing to it non-blocking. */
+bool isBell(int fd);
+/** A new event counter; invalid, with errno, on failure. */
+Descriptor makeBell();
+void ringBell(int fd);
+
+}  // namespace Transport

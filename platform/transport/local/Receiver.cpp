@@ -1,0 +1,576 @@
+#include "platform/transport/local/Receiver.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include "logging/Log.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "platform/transport/local/Switchboard.h"
+#include "transport/TerminationImpl.h"
+
+namespace Transport {
+namespace {
+
+constexpr char const* kSource = "Receiver";
+constexpr int kMessagesPerTurn = 64;
+/** So often, at least, a busy thread looks at its descriptors. */
+constexpr int kTurnsBetweenEvents = 8;
+constexpr int kEventsAtOnce = 32;
+constexpr int kAcceptsAtOnce = 16;
+constexpr std::size_t kMostStrangers = 64;
+constexpr long long kIntroductionLimit = 10'000'000'000;  // nanoseconds
+constexpr long long kAcceptPause = 100'000'000;
+constexpr long long kNever = LLONG_MAX;
+
+std::atomic<std::uint32_t> lastToken{0};
+/** Channels without traffic in two of these are given back. */
+std::atomic<long long> idleLookIntervalNow{30'000'000'000};
+
+std::uint64_t eventData(std::uint32_t token, Receiver::Source source) {
+    return static_cast<std::uint64_t>(token) << 2 | static_cast<std::uint32_t>(source);
+}
+
+}  // namespace
+
+/** Ends when the receiver is told to stop; deletes itself. */
+class Receiver::ReceivingThread : public OSWrap::Thread {
+public:
+    explicit ReceivingThread(std::shared_ptr<Receiver> receiver)
+        : Thread("Receiver", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), 128 * 1024, true),
+          receiver_(std::move(receiver)) {
+        deleteOnThreadTermination();
+    }
+
+protected:
+    int run() override {
+        receiver_->run();
+        return 0;
+    }
+
+private:
+    std::shared_ptr<Receiver> const receiver_;
+};
+
+Receiver::Receiver(TerminationId id, TerminationImpl& owner)
+    : id_(id), owner_(&owner), nextTimer_(kNever), nextIdleLook_(kNever) {}
+
+Receiver::~Receiver() = default;
+
+std::uint32_t Receiver::newToken() {
+    return ++lastToken;
+}
+
+void Receiver::idleLookInterval(long long nanoseconds) {
+    idleLookIntervalNow.store(nanoseconds);
+}
+
+// ---- Start and stop ----------------------------------------------------------------------------
+
+bool Receiver::prepare() {
+    auto make = [this] {
+        epoll_ = Descriptor(::epoll_create1(EPOLL_CLOEXEC));
+        wakeBell_ = makeBell();
+        return epoll_.valid() && wakeBell_.valid();
+    };
+    bool const made = make() || (errno == EMFILE && raiseDescriptorLimit() && make());
+    if (made && watch(wakeBell_.get(), 0, Source::WakeUp))
+        return true;
+    REFLECTORB_LOG(3, kSource, "termination 0x%08X cannot wait for messages: errno %d", id_.value(),
+                   errno);
+    return false;
+}
+
+bool Receiver::start(Descriptor listening) {
+    listening_ = std::move(listening);
+    if (!watch(listening_.get(), 0, Source::Listening))
+        return false;
+    {
+        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+        started_ = true;
+    }
+    auto* thread = new ReceivingThread(shared_from_this());
+    if (thread->start())
+        return true;
+    delete thread;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    started_ = false;
+    return false;
+}
+
+void Receiver::stop() {
+    stopping_.store(true);
+    wake();
+    if (onReceivingThread())
+        return;
+    {
+        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+        while (started_ && !finished_)
+            change_.wait(OSWrap::TimeSpec::INFINITETIME);
+        if (finished_)
+            return;
+        finished_ = true;
+    }
+    finish();  // there never was a thread
+}
+
+bool Receiver::onReceivingThread() const {
+    return threadId_.load() == OSWrap::Thread::getCurrentId();
+}
+
+void Receiver::waitUntilSent(long long nanoseconds) {
+    if (onReceivingThread())
+        return;
+    long long const end = OSWrap::Clock::nowNanoseconds() + nanoseconds;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    while (started_ && !finished_ && unsent_.load() != 0) {
+        long long const left = end - OSWrap::Clock::nowNanoseconds();
+        if (left <= 0)
+            return;
+        change_.wait(OSWrap::TimeSpec(0, left));
+    }
+}
+
+void Receiver::unsentLess(std::size_t count) {
+    if (count == 0 || unsent_.fetch_sub(count) != count || sending())
+        return;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    change_.broadcast();
+}
+
+// ---- The thread --------------------------------------------------------------------------------
+
+/** The thread's body: looks at everything, as long as there is something to do; polls for a while;
+ * sleeps. Ends after `stop`. */
+void Receiver::run() {
+    threadId_.store(OSWrap::Thread::getCurrentId());
+    nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
+    int turns = 0;
+    while (!stopping()) {
+        bool const requests = serveRequests();
+        bool const messages = serveInbox();
+        bool const rings = serveChannels();
+        if (requests || messages || rings) {
+            if (++turns % kTurnsBetweenEvents == 0)
+                serveEvents(0);
+        } else if (!waiting_.poll([this] { return ready(); })) {
+            sleep();
+        }
+    }
+    finish();
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    finished_ = true;
+    change_.broadcast();
+}
+
+bool Receiver::ready() const {
+    if (attention_.load())
+        return true;
+    for (auto const& channel : hot_)
+        if (channel->hasData())
+            return true;
+    return false;
+}
+
+/** From here on each hot channel's peer, and everyone in this process, must ring; so look once more
+ * at what they may have done just before. */
+void Receiver::sleep() {
+    for (auto const& channel : hot_)
+        channel->fallAsleep();
+    asleep_.store(true);
+    if (ready()) {
+        asleep_.store(false);
+        for (auto const& channel : hot_)
+            channel->wakeUp();
+        return;
+    }
+    hot_.clear();
+    long long const start = OSWrap::Clock::nowNanoseconds();
+    serveEvents(timeout());
+    waiting_.slept(OSWrap::Clock::nowNanoseconds() - start);
+}
+
+void Receiver::wake() {
+    attention_.store(true);
+    if (asleep_.load() && asleep_.exchange(false))
+        ringBell(wakeBell_.get());
+}
+
+void Receiver::request(Channel& channel) {
+    if (!channel.markRequested())
+        return;
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        if (closed_)
+            return;
+        requests_.push_back(channel.shared_from_this());
+    }
+    wake();
+}
+
+/** What others have asked for. Clears the sign that they set, so it comes first in each turn. */
+bool Receiver::serveRequests() {
+    if (!attention_.load())
+        return false;
+    attention_.store(false);
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        serving_.swap(requests_);
+    }
+    for (auto const& channel : serving_)
+        channel->service();
+    bool const served = !serving_.empty();
+    serving_.clear();
+    OSWrap::Lock<> lock(inboxMutex_);
+    return served || !inbox_.empty() || !errors_.empty();
+}
+
+bool Receiver::serveInbox() {
+    bool served = serveErrors();
+    for (int count = 0; count < kMessagesPerTurn && !stopping(); ++count) {
+        AddressedMessage message;
+        {
+            OSWrap::Lock<> lock(inboxMutex_);
+            message = inbox_.pop();
+        }
+        if (message.empty())
+            return served;
+        served = true;
+        deliver(message);
+    }
+    return served;
+}
+
+bool Receiver::serveErrors() {
+    bool served = false;
+    for (int count = 0; count < kMessagesPerTurn && !stopping(); ++count) {
+        AddressedMessage message;
+        {
+            OSWrap::Lock<> lock(inboxMutex_);
+            message = errors_.pop();
+        }
+        if (message.empty())
+            break;
+        served = true;
+        owner_->receiveError(message);
+    }
+    return served;
+}
+
+/** A bounded number of messages of each hot channel. A callback may change the list only through
+ * this thread's own work on its channels, which is why it is read anew each time. */
+bool Receiver::serveChannels() {
+    bool served = false;
+    for (std::size_t i = 0; i < hot_.size() && !stopping(); ++i) {
+        std::shared_ptr<Channel> const channel = hot_[i];
+        served |= channel->receiveBatch();
+    }
+    return served;
+}
+
+void Receiver::deliver(AddressedMessage const& message) {
+    if (!stopping())
+        owner_->receive(message);
+}
+
+// ---- Messages within the process ---------------------------------------------------------------
+
+int Receiver::deliverCopy(AddressedMessage const& message) {
+    AddressedMessage copy = copyOf(message);
+    if (copy.empty())
+        return 0;
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        if (closed_ || inbox_.bytes() + MessageQueue::weight(message.size()) > kMostQueuedBytes)
+            return 0;
+        inbox_.push(std::move(copy));
+    }
+    wake();
+    return 1;
+}
+
+int Receiver::giveBack(AddressedMessage message) {
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        if (closed_)
+            return 0;
+        errors_.push(std::move(message));
+    }
+    wake();
+    return 1;
+}
+
+void Receiver::giveBack(MessageQueue& messages) {
+    if (messages.empty())
+        return;
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        if (closed_)
+            return;
+        errors_.append(messages);
+    }
+    wake();
+}
+
+// ---- Descriptors and timers --------------------------------------------------------------------
+
+bool Receiver::watch(int fd, std::uint32_t token, Source source) {
+    epoll_event event{};
+    // Bells are never read: each ring is an event of its own.
+    bool const bell = source == Source::Bell || source == Source::WakeUp;
+    event.events = bell ? EPOLLIN | EPOLLET : EPOLLIN;
+    event.data.u64 = eventData(token, source);
+    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
+        return true;
+    REFLECTORB_LOG(3, kSource, "termination 0x%08X cannot watch a descriptor: errno %d",
+                   id_.value(), errno);
+    return false;
+}
+
+void Receiver::unwatch(int fd) {
+    if (fd >= 0)
+        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void Receiver::serveEvents(int timeoutMilliseconds) {
+    epoll_event events[kEventsAtOnce];
+    int const count = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, timeoutMilliseconds);
+    asleep_.store(false);
+    for (int i = 0; i < count && !stopping(); ++i)
+        serveEvent(events[i].data.u64);
+    if (nextTimer_ != kNever || !channels_.empty())
+        serveTimers();
+}
+
+void Receiver::serveEvent(std::uint64_t data) {
+    auto const source = static_cast<Source>(data & 3);
+    auto const token = static_cast<std::uint32_t>(data >> 2);
+    if (source == Source::Listening) {
+        acceptStrangers();
+        return;
+    }
+    if (strangers_.count(token) != 0) {
+        hearStranger(token);
+        return;
+    }
+    auto const found = channels_.find(token);
+    if (found == channels_.end())
+        return;
+    std::shared_ptr<Channel> const channel = found->second;
+    if (source == Source::Bell)
+        channel->onBell();
+    else
+        channel->onSocket();
+}
+
+void Receiver::wakeAt(long long time) {
+    nextTimer_ = std::min(nextTimer_, time);
+}
+
+/** Milliseconds until something is due; -1: nothing ever is. */
+int Receiver::timeout() const {
+    long long const due = channels_.empty() ? nextTimer_ : std::min(nextTimer_, nextIdleLook_);
+    if (due == kNever)
+        return -1;
+    long long const left = due - OSWrap::Clock::nowNanoseconds();
+    return left <= 0 ? 0 : static_cast<int>(std::min(left / 1'000'000 + 1, 60'000LL));
+}
+
+void Receiver::serveTimers() {
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    bool const idleLook = now >= nextIdleLook_;
+    if (now < nextTimer_ && !idleLook)
+        return;
+    nextTimer_ = kNever;
+    if (!accepting_ && watch(listening_.get(), 0, Source::Listening))
+        accepting_ = true;
+    std::vector<std::uint32_t> late;
+    for (auto const& [token, stranger] : strangers_) {
+        if (stranger.deadline <= now)
+            late.push_back(token);
+        else
+            wakeAt(stranger.deadline);
+    }
+    for (std::uint32_t token : late)
+        dropStranger(token);
+    for (auto const& [token, channel] : channels_)
+        serving_.push_back(channel);
+    for (auto const& channel : serving_) {
+        if (idleLook)
+            channel->giveBackIfIdle();
+        if (channel->retryAt() != 0 && channel->retryAt() <= now)
+            channel->service();
+        else if (channel->retryAt() != 0)
+            wakeAt(channel->retryAt());
+    }
+    serving_.clear();
+    if (idleLook)
+        nextIdleLook_ = now + idleLookIntervalNow.load();
+}
+
+// ---- Channels ----------------------------------------------------------------------------------
+
+void Receiver::enrol(Channel& channel) {
+    if (channels_.empty())
+        nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
+    channels_.emplace(channel.token(), channel.shared_from_this());
+}
+
+void Receiver::dismiss(Channel& channel) {
+    makeCold(channel);
+    channels_.erase(channel.token());
+}
+
+void Receiver::makeHot(Channel& channel) {
+    channel.wakeUp();
+    for (auto const& hot : hot_)
+        if (hot.get() == &channel)
+            return;
+    hot_.push_back(channel.shared_from_this());
+}
+
+void Receiver::makeCold(Channel& channel) {
+    hot_.erase(std::remove_if(hot_.begin(), hot_.end(),
+                              [&channel](auto const& hot) { return hot.get() == &channel; }),
+               hot_.end());
+}
+
+// ---- Those who connect -------------------------------------------------------------------------
+
+void Receiver::acceptStrangers() {
+    for (int count = 0; count < kAcceptsAtOnce; ++count) {
+        Descriptor socket(
+            ::accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (socket.valid()) {
+            receiveStranger(std::move(socket));
+            continue;
+        }
+        bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+        if (exhausted && !raiseDescriptorLimit())
+            pauseAccepting();
+        if (!exhausted && errno != ECONNABORTED && errno != EINTR)
+            return;
+    }
+}
+
+/** There is no descriptor to be had now: those who connect wait a little. */
+void Receiver::pauseAccepting() {
+    if (!accepting_)
+        return;
+    REFLECTORB_LOG(3, kSource, "termination 0x%08X has no descriptor left to accept a connection",
+                   id_.value());
+    unwatch(listening_.get());
+    accepting_ = false;
+    wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
+}
+
+void Receiver::receiveStranger(Descriptor socket) {
+    PeerIdentity identity{};
+    if (!peerIdentity(socket.get(), identity) || identity.user != ::geteuid()) {
+        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d of user %u", id_.value(),
+                       static_cast<int>(identity.process), static_cast<unsigned>(identity.user));
+        return;
+    }
+    if (strangers_.size() >= kMostStrangers)
+        dropStranger(strangers_.begin()->first);
+    std::uint32_t const token = newToken();
+    if (!watch(socket.get(), token, Source::Socket))
+        return;
+    long long const deadline = OSWrap::Clock::nowNanoseconds() + kIntroductionLimit;
+    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
+    wakeAt(deadline);
+    hearStranger(token);
+}
+
+void Receiver::dropStranger(std::uint32_t token) {
+    auto const found = strangers_.find(token);
+    REFLECTORB_LOG(4, kSource, "termination 0x%08X dropped process %d: it never said Hello",
+                   id_.value(), static_cast<int>(found->second.identity.process));
+    unwatch(found->second.socket.get());
+    strangers_.erase(found);
+}
+
+void Receiver::hearStranger(std::uint32_t token) {
+    auto const found = strangers_.find(token);
+    ReceivedPacket received{};
+    Transfer const transfer = receivePacket(found->second.socket.get(), received);
+    if (transfer == Transfer::Later)
+        return;
+    Stranger stranger = std::move(found->second);
+    strangers_.erase(found);
+    unwatch(stranger.socket.get());
+    if (transfer == Transfer::Done && received.packet.kind == Packet::Hello &&
+        received.packet.to == id_.value()) {
+        introduce(std::move(stranger), std::move(received));
+        return;
+    }
+    if (transfer != Transfer::Closed)
+        REFLECTORB_LOG(3, kSource, "termination 0x%08X dropped process %d: it sent nonsense",
+                       id_.value(), static_cast<int>(stranger.identity.process));
+}
+
+/** A process may speak only for the terminations that are its own. */
+void Receiver::introduce(Stranger stranger, ReceivedPacket hello) {
+    TerminationId const peer(hello.packet.from);
+    if (!Rendezvous::instance().ownedBy(peer, stranger.identity.process)) {
+        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d: it is not 0x%08X",
+                       id_.value(), static_cast<int>(stranger.identity.process), peer.value());
+        return;
+    }
+    std::shared_ptr<Channel> const channel =
+        Switchboard::instance().channel(shared_from_this(), peer);
+    if (channel != nullptr)
+        channel->answerHello(std::move(stranger.socket), std::move(hello));
+}
+
+// ---- The end -----------------------------------------------------------------------------------
+
+/** In phases: (1) nobody reaches us any more, (2) close the channels, (3) what nobody will read
+ * goes back. */
+void Receiver::finish() {
+    std::size_t lost = 0;
+    hot_.clear();
+    for (auto const& channel : Switchboard::instance().remove(id_)) {
+        channels_.erase(channel->token());
+        lost += channel->shutDown();
+    }
+    shutDownChannels();
+    if (lost > 0)
+        REFLECTORB_LOG(4, kSource, "termination 0x%08X stopped with %lu messages not sent",
+                       id_.value(), static_cast<unsigned long>(lost));
+    closeInbox();
+    strangers_.clear();
+    listening_.reset();
+}
+
+/** Channels whose peers have gone, but which have not been cleared up yet. */
+void Receiver::shutDownChannels() {
+    std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels;
+    channels.swap(channels_);
+    for (auto const& [token, channel] : channels)
+        channel->shutDown();
+}
+
+void Receiver::closeInbox() {
+    MessageQueue unread;
+    std::vector<std::shared_ptr<Channel>> requests;
+    {
+        OSWrap::Lock<> lock(inboxMutex_);
+        closed_ = true;
+        unread.swap(inbox_);
+        errors_.clear();
+        requests.swap(requests_);
+    }
+    while (!unread.empty()) {
+        AddressedMessage const message = unread.pop();
+        Switchboard::instance().giveBack(message, message.originator());
+    }
+}
+
+}  // namespace Transport

@@ -1,0 +1,253 @@
+#include "platform/transport/local/Ring.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Transport {
+namespace {
+
+void copyIn(RingArea const& area, std::uint32_t position, void const* from, std::size_t length) {
+    if (length == 0)
+        return;
+    std::uint32_t const at = position & (area.capacity - 1);
+    std::size_t const first = std::min<std::size_t>(length, area.capacity - at);
+    std::memcpy(area.mapping.data() + at, from, first);
+    std::memcpy(area.mapping.data(), static_cast<unsigned char const*>(from) + first,
+                length - first);
+}
+
+void copyFrom(RingArea const& area, std::uint32_t position, void* to, std::size_t length) {
+    if (length == 0)
+        return;
+    std::uint32_t const at = position & (area.capacity - 1);
+    std::size_t const first = std::min<std::size_t>(length, area.capacity - at);
+    std::memcpy(to, area.mapping.data() + at, first);
+    std::memcpy(static_cast<unsigned char*>(to) + first, area.mapping.data(), length - first);
+}
+
+/** Whether position `a` comes before `b`; they are never 2^31 bytes apart. */
+bool before(std::uint32_t a, std::uint32_t b) {
+    return static_cast<std::int32_t>(a - b) < 0;
+}
+
+}  // namespace
+
+// ---- Sending end ---------------------------------------------------------------------------
+
+RingWriter::RingWriter(ControlPage& own, ControlPage const& peer, RingArea area)
+    : own_(own), peer_(peer), area_(std::move(area)) {}
+
+void RingWriter::refreshHead() {
+    std::uint32_t const head = peer_.head.load();
+    // The head can only move forward, up to what we have put in.
+    if (tail_ - head > tail_ - head_ || head % 8 != 0) {
+        broken_ = true;
+        return;
+    }
+    head_ = head;
+}
+
+/** Room for frames; a frame that tells of the next ring always fits besides. */
+std::uint32_t RingWriter::room() {
+    std::uint32_t const used = tail_ - head_ + static_cast<std::uint32_t>(sizeof(FrameHead));
+    return used < area_.capacity ? area_.capacity - used : 0;
+}
+
+bool RingWriter::hasRoomFor(std::size_t length) {
+    if (length > area_.capacity)
+        return false;
+    if (room() >= frameBytes(length))
+        return !broken_;
+    refreshHead();
+    return !broken_ && room() >= frameBytes(length);
+}
+
+bool RingWriter::isLarge(std::size_t size) const {
+    return size + sizeof(FrameHead) > area_.capacity / 2;
+}
+
+void RingWriter::writeFrame(unsigned char const* bytes, std::uint32_t length, std::uint32_t total) {
+    FrameHead const head{length, total};
+    copyIn(area_, tail_, &head, sizeof head);
+    copyIn(area_, tail_ + static_cast<std::uint32_t>(sizeof head), bytes, length);
+    tail_ += frameBytes(length);
+    own_.tail.store(tail_);
+}
+
+bool RingWriter::put(unsigned char const* bytes, std::size_t size) {
+    if (!hasRoomFor(size))
+        return false;
+    auto const total = static_cast<std::uint32_t>(size);
+    writeFrame(bytes, total, total);
+    return true;
+}
+
+std::uint32_t RingWriter::putPiece(unsigned char const* bytes, std::uint32_t size,
+                                   std::uint32_t done) {
+    std::uint32_t const worthwhile = std::min(size - done, area_.capacity / 8);
+    if (!hasRoomFor(worthwhile))
+        return 0;
+    std::uint32_t const fitting = (room() - static_cast<std::uint32_t>(sizeof(FrameHead))) & ~7u;
+    std::uint32_t const length = std::min(size - done, fitting);
+    writeFrame(bytes + done, length, size);
+    return length;
+}
+
+void RingWriter::keepUntilTaken(AddressedMessage message) {
+    forgetTaken();
+    kept_.push_back({std::move(message), tail_});
+}
+
+void RingWriter::goOnIn(RingArea area) {
+    writeFrame(nullptr, 0, kNextRing);
+    forgetTaken();
+    former_.push_back({std::move(area_), tail_});
+    area_ = std::move(area);
+}
+
+bool RingWriter::mustRing() {
+    std::uint32_t const asleep = peer_.asleep.load();
+    if (asleep == 0 || asleep == lastRung_)
+        return false;
+    lastRung_ = asleep;
+    return true;
+}
+
+void RingWriter::wantSpace() {
+    forgetTaken();
+    own_.wantsSpace.store(own_.wantsSpace.load(std::memory_order_relaxed) + 1);
+}
+
+bool RingWriter::allTaken() {
+    refreshHead();
+    forgetTaken();
+    return head_ == tail_;
+}
+
+void RingWriter::forgetTaken() {
+    while (!kept_.empty() && !before(head_, kept_.front().end))
+        kept_.pop_front();
+    while (!former_.empty() && !before(head_, former_.front().end))
+        former_.pop_front();
+}
+
+RingArea const& RingWriter::areaAt(std::uint32_t position) const {
+    for (Former const& former : former_)
+        if (before(position, former.end))
+            return former.area;
+    return area_;
+}
+
+bool RingWriter::recoverFrame(std::uint32_t& position, MessageQueue& queue,
+                              std::uint32_t originator, std::uint32_t destination) const {
+    RingArea const& area = areaAt(position);
+    FrameHead head{};
+    copyFrom(area, position, &head, sizeof head);
+    std::uint32_t const left = tail_ - position;
+    if (head.length > left || frameBytes(head.length) > left)
+        return false;  // the peer's head stood in the middle of a frame
+    if (head.total == head.length) {
+        AddressedMessage message = allocateUninitialized(head.length);
+        if (!message.empty()) {
+            copyFrom(area, position + static_cast<std::uint32_t>(sizeof head), message.buf(),
+                     head.length);
+            message.originator(originator);
+            message.destination(destination);
+            queue.push(std::move(message));
+        }
+    }
+    position += frameBytes(head.length);
+    return true;
+}
+
+void RingWriter::recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination) {
+    refreshHead();
+    forgetTaken();
+    std::uint32_t position = head_;
+    while (position != tail_ && recoverFrame(position, queue, originator, destination)) {
+    }
+    for (Kept& kept : kept_)
+        queue.push(std::move(kept.message));
+    kept_.clear();
+}
+
+// ---- Receiving end ---------------------------------------------------------------------------
+
+RingReader::RingReader(ControlPage& own, ControlPage const& peer, RingArea area)
+    : own_(own), peer_(peer), area_(std::move(area)) {}
+
+RingReader::Result RingReader::next(AddressedMessage& message) {
+    if (head_ == tail_)
+        tail_ = peer_.tail.load();
+    if (head_ == tail_)
+        return Result::Nothing;
+    return nextFrame(message);
+}
+
+RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
+    std::uint32_t const filled = tail_ - head_;
+    if (filled > kLargestRing || filled % 8 != 0)
+        return Result::Garbage;
+    FrameHead head{};
+    copyFrom(area_, head_, &head, sizeof head);
+    if (head.total == kNextRing) {
+        if (head.length != 0 || partTotal_ != 0)
+            return Result::Garbage;
+        head_ += static_cast<std::uint32_t>(sizeof head);
+        own_.head.store(head_, std::memory_order_release);
+        return Result::NextRing;
+    }
+    if (head.total > kLargestMessage || head.length > head.total ||
+        (head.length == 0 && head.total != 0) || frameBytes(head.length) > filled ||
+        frameBytes(head.length) > area_.capacity)
+        return Result::Garbage;
+    if (partTotal_ == 0)
+        return firstFrame(head, message);
+    if (head.total != partTotal_ || head.length > partTotal_ - partDone_)
+        return Result::Garbage;
+    return endFrame(head, message);
+}
+
+RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessage& message) {
+    partial_ = allocateUninitialized(head.total);
+    partTotal_ = head.total;
+    partDone_ = 0;
+    return endFrame(head, message);
+}
+
+/** Copies the frame's bytes into the message that is being put together. */
+RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage& message) {
+    if (!partial_.empty())
+        copyOut(partial_.buf() + partDone_, head_ + static_cast<std::uint32_t>(sizeof head),
+                head.length);
+    partDone_ += head.length;
+    head_ += frameBytes(head.length);
+    own_.head.store(head_, std::memory_order_release);
+    if (partDone_ < partTotal_)
+        return Result::Piece;
+    partTotal_ = 0;
+    message = std::exchange(partial_, AddressedMessage());
+    return Result::Message;
+}
+
+void RingReader::copyOut(unsigned char* to, std::uint32_t position, std::uint32_t length) const {
+    copyFrom(area_, position, to, length);
+}
+
+void RingReader::fallAsleep() {
+    if (++sleepCount_ == 0)
+        ++sleepCount_;
+    own_.asleep.store(sleepCount_);
+}
+
+void RingReader::wakeUp() {
+    own_.asleep.store(0, std::memory_order_relaxed);
+}
+
+bool RingReader::finishBatch() {
+    own_.head.store(head_);
+    std::uint32_t const want = peer_.wantsSpace.load();
+    return std::exchange(lastWant_, want) != want;
+}
+
+}  // namespace Transport

@@ -1,0 +1,189 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+
+#include "platform/transport/MessageQueue.h"
+#include "platform/transport/local/SharedMemory.h"
+#include "transport/AddressedMessage.h"
+
+namespace Transport {
+
+/**
+ * Everything that one side of a channel tells the other in shared memory. Lies at the start of the
+ * memory file of that side, which only that side can write. Each word has a cache line of its own.
+ *
+ * | offset | width | word | meaning |
+ * |---|---|---|---|
+ * | 0 | 4 | tail | bytes that the owner has put into its ring since the start, modulo 2^32 |
+ * | 64 | 4 | head | bytes that the owner has taken out of the peer's ring, likewise |
+ * | 128 | 4 | asleep | 0: the owner looks at the ring by itself; else ring its bell once after each
+ * change of this word |
+ * | 192 | 4 | wantsSpace | changes when the owner wants its bell rung after `head` has moved |
+ *
+ * All words are written and read with sequentially consistent operations wherever the two sides
+ * could otherwise miss each other: "store tail, then read asleep" against "store asleep, then read
+ * tail", and the same with head and wantsSpace.
+ */
+struct ControlPage {
+    alignas(64) std::atomic<std::uint32_t> tail;
+    alignas(64) std::atomic<std::uint32_t> head;
+    alignas(64) std::atomic<std::uint32_t> asleep;
+    alignas(64) std::atomic<std::uint32_t> wantsSpace;
+};
+static_assert(sizeof(ControlPage) == 256 && offsetof(ControlPage, head) == 64 &&
+                  offsetof(ControlPage, asleep) == 128 && offsetof(ControlPage, wantsSpace) == 192,
+              "shared by processes of any word size");
+static_assert(sizeof(std::atomic<std::uint32_t>) == 4 &&
+                  std::atomic<std::uint32_t>::is_always_lock_free,
+              "lies in memory that two processes share");
+
+/** Where the ring begins in the first file of a side: a multiple of every page size in use. Pages
+ * that nobody touches take no memory. */
+constexpr std::size_t kRingOffset = 64 * 1024;
+constexpr std::uint32_t kSmallestRing = 16 * 1024;
+constexpr std::uint32_t kUsualRing = 256 * 1024;     // grown to for many small messages
+constexpr std::uint32_t kLargestRing = 1024 * 1024;  // grown to for large ones
+
+/** A power of two within the bounds. */
+constexpr bool isRingCapacity(std::uint32_t capacity) {
+    return capacity >= kSmallestRing && capacity <= kLargestRing &&
+           (capacity & (capacity - 1)) == 0;
+}
+
+/**
+ * Head of each frame in a ring; `length` bytes follow, padded to a multiple of 8. A message is one
+ * frame (length equals total) or several one behind the other, each with the same total.
+ */
+struct FrameHead {
+    std::uint32_t length;  // bytes in this frame
+    std::uint32_t total;  // bytes of the whole message; kNextRing: what follows is in the next ring
+};
+static_assert(sizeof(FrameHead) == 8, "shared by processes of any word size");
+
+constexpr std::uint32_t kNextRing = 0xFFFFFFFF;
+
+constexpr std::uint32_t frameBytes(std::size_t length) {
+    return static_cast<std::uint32_t>(sizeof(FrameHead) + ((length + 7) & ~std::size_t{7}));
+}
+
+/** The bytes of one ring, mapped. */
+struct RingArea {
+    Mapping mapping;
+    std::uint32_t capacity = 0;
+};
+
+/**
+ * The sending end of a ring. Positions count bytes since the start and go on when a larger ring
+ * takes the place of a smaller one. Not synchronized; the channel's mutex guards it.
+ */
+class RingWriter {
+public:
+    RingWriter(ControlPage& own, ControlPage const& peer, RingArea area);
+
+    /** Puts a message of `size` bytes in, if it fits as one frame. */
+    bool put(unsigned char const* bytes, std::size_t size);
+    /** Puts in as much of a message from its byte `done` on as fits in a piece worth its while;
+     * answers how many bytes. */
+    std::uint32_t putPiece(unsigned char const* bytes, std::uint32_t size, std::uint32_t done);
+    /** Keeps a message that was put in by pieces until the peer has taken it, to be able to give
+     * it back whole. */
+    void keepUntilTaken(AddressedMessage message);
+    /** Goes on in a larger ring, which the peer has been sent already. Needs no room. */
+    void goOnIn(RingArea area);
+
+    /** Whether the peer must be rung because it sleeps; true once for each time it fell asleep. */
+    bool mustRing();
+    /** Asks the peer to ring when it has taken something. Look for room once more afterwards. */
+    void wantSpace();
+    bool hasRoomFor(std::size_t length);
+    /** Whether a message should go in by pieces, rather than wait for room for the whole. */
+    bool isLarge(std::size_t size) const;
+
+    std::uint32_t capacity() const { return area_.capacity; }
+    std::uint32_t position() const { return tail_; }
+    /** Whether the peer has taken everything. */
+    bool allTaken();
+    /** The peer's words made no sense: the channel must be closed. */
+    bool broken() const { return broken_; }
+    /** Copies all messages that the peer has not taken, completely, to `queue`. */
+    void recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination);
+
+private:
+    struct Former {
+        RingArea area;
+        std::uint32_t end;  // position behind its last frame
+    };
+    struct Kept {
+        AddressedMessage message;
+        std::uint32_t end;  // position behind its last piece
+    };
+
+    std::uint32_t room();
+    void refreshHead();
+    void forgetTaken();
+    void writeFrame(unsigned char const* bytes, std::uint32_t length, std::uint32_t total);
+    RingArea const& areaAt(std::uint32_t position) const;
+    bool recoverFrame(std::uint32_t& position, MessageQueue& queue, std::uint32_t originator,
+                      std::uint32_t destination) const;
+
+    ControlPage& own_;
+    ControlPage const& peer_;
+    RingArea area_;
+    std::deque<Former> former_;  // rings that the peer has not emptied yet, oldest first
+    std::deque<Kept> kept_;
+    std::uint32_t tail_ = 0;
+    std::uint32_t head_ = 0;  // as last read from the peer
+    std::uint32_t lastRung_ = 0;
+    bool broken_ = false;
+};
+
+/**
+ * The receiving end of a ring. Trusts nothing that it reads there. Used by the receiving thread
+ * alone.
+ */
+class RingReader {
+public:
+    enum class Result {
+        Nothing,
+        Piece,     // of a message that is not complete yet
+        Message,   // complete; an empty handle when there was no memory for it
+        NextRing,  // continue with `goOnIn`
+        Garbage,
+    };
+
+    RingReader(ControlPage& own, ControlPage const& peer, RingArea area);
+
+    Result next(AddressedMessage& message);
+    void goOnIn(RingArea area) { area_ = std::move(area); }
+
+    bool hasData() const { return peer_.tail.load() != head_; }
+    /** Tells the peer that it must ring from now on. Look for data once more afterwards. */
+    void fallAsleep();
+    void wakeUp();
+    /** Shows the peer what has been taken; true when it must be rung because it wants space. */
+    bool finishBatch();
+    /** Bytes taken since the start. */
+    std::uint32_t position() const { return head_; }
+
+private:
+    Result nextFrame(AddressedMessage& message);
+    Result firstFrame(FrameHead const& head, AddressedMessage& message);
+    void copyOut(unsigned char* to, std::uint32_t position, std::uint32_t length) const;
+    Result endFrame(FrameHead const& head, AddressedMessage& message);
+
+    ControlPage& own_;
+    ControlPage const& peer_;
+    RingArea area_;
+    std::uint32_t head_ = 0;
+    std::uint32_t tail_ = 0;  // as last read from the peer
+    std::uint32_t sleepCount_ = 0;
+    std::uint32_t lastWant_ = 0;
+    AddressedMessage partial_;     // being put together; empty when there was no memory
+    std::uint32_t partTotal_ = 0;  // its size; 0 when none is being put together
+    std::uint32_t partDone_ = 0;
+};
+
+}  // namespace Transport

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "oswrap/Mutex.h"
+#include "transport/AddressedMessage.h"
+#include "transport/TerminationId.h"
+
+namespace Transport {
+
+class Channel;
+class Receiver;
+
+/** Finds the way of a message: the started terminations of this process and their channels. One per
+ * process, never destroyed. Any thread. */
+class Switchboard {
+public:
+    static Switchboard& instance();
+
+    /** Sends `message` in the name of its originator; 1 when taken, else 0. */
+    int issue(AddressedMessage const& message, TerminationId destination);
+    /** Has a termination of this process get a copy of `message` through receiveError; 1 when
+     * taken, else 0. */
+    int giveBack(AddressedMessage const& message, TerminationId to);
+
+    void add(std::shared_ptr<Receiver> receiver);
+    /** Forgets a termination of this process; answers the channels that it had. */
+    std::vector<std::shared_ptr<Channel>> remove(TerminationId id);
+    /** The channel of `receiver` to `peer`, made when there is none; null when the termination
+     * sends no more, or when the peer is one of this process. */
+    std::shared_ptr<Channel> channel(std::shared_ptr<Receiver> const& receiver, TerminationId peer);
+    /** Forgets one channel. */
+    void remove(Channel& channel, TerminationId own);
+
+private:
+    Switchboard();
+
+    static void onGone(TerminationId id);
+    int issueSlowly(AddressedMessage const& message, TerminationId destination);
+    std::shared_ptr<Receiver> receiver(TerminationId id);
+
+    OSWrap::Mutex mutex_;  // nothing of the transport is locked under it
+    std::unordered_map<std::uint32_t, std::shared_ptr<Receiver>> receivers_ OSW_GUARDED_BY(mutex_);
+    // By pairs of own id (high half) and peer's id.
+    std::unordered_map<std::uint64_t, std::shared_ptr<Channel>> channels_ OSW_GUARDED_BY(mutex_);
+};
+
+}  // namespace Transport

@@ -1,0 +1,236 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "ChildProgram.h"
+#include "LogCapture.h"
+#include "RendezvousFolder.h"
+#include "TestTermination.h"
+#include "Waiting.h"
+
+namespace transporttest {
+namespace {
+
+using testsupport::ChildProgram;
+using Transport::kLargestMessage;
+
+/** A child program with its termination. */
+class Peer {
+public:
+    Peer() : program_("transport_peer") {
+        std::istringstream line(program_.waitForLine("ready ").value_or("ready 0"));
+        std::string word;
+        unsigned int id = 0;
+        line >> word >> std::hex >> id;
+        id_ = id;
+    }
+
+    Transport::TerminationId id() const { return id_; }
+    ChildProgram& program() { return program_; }
+
+    void tell(std::string const& order) { program_.writeLine(order); }
+    void tell(std::string const& verb, Transport::TerminationId to, std::string const& rest) {
+        std::ostringstream line;
+        line << verb << ' ' << std::hex << to.value() << ' ' << rest;
+        tell(line.str());
+    }
+    TestTermination::Tally report() {
+        tell("report");
+        std::istringstream line(program_.waitForLine("report ").value_or(""));
+        std::string word;
+        TestTermination::Tally tally;
+        line >> word >> tally.received >> tally.faults >> tally.returned >> tally.returnedFaults;
+        return tally;
+    }
+    bool waitForReceived(std::uint32_t count) {
+        return testsupport::eventually([&] { return report().received >= count; });
+    }
+
+private:
+    ChildProgram program_;
+    Transport::TerminationId id_;
+};
+
+class ChannelTest : public testing::Test {
+protected:
+    void startOwn() {
+        ASSERT_EQ(own_.start(), 1);
+    }
+    bool meet(Peer& peer) { return peer.id().value() != 0 && own_.waitUntilKnown(peer.id()); }
+
+    testsupport::RendezvousFolder folder_;
+    TestTermination own_;
+};
+
+TEST_F(ChannelTest, MessagesOfEverySizeComeBackAsTheyWereSent) {
+    startOwn();
+    Peer peer;
+    ASSERT_TRUE(meet(peer));
+    std::uint32_t number = 0;
+    for (std::size_t const size : {8u, 9u, 100u, 4096u, 16'375u, 16'376u, 16'384u, 65'536u,
+                                   300'000u, 1'048'576u, 5'000'001u})
+        EXPECT_TRUE(own_.ping(peer.id(), ++number, size)) << size;
+    EXPECT_TRUE(own_.ping(peer.id(), ++number, kLargestMessage));
+    EXPECT_TRUE(own_.allocateMessage(kLargestMessage + 1, 5).empty());
+    EXPECT_TRUE(own_.ping(peer.id(), ++number));
+}
+
+TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
+    startOwn();
+    Peer peer;
+    ASSERT_TRUE(meet(peer));
+    peer.program().signal(SIGSTOP);
+    std::uint32_t number = 0;
+    // Queued before the channel stands, then by pieces and in rings of every capacity.
+    for (int round = 0; round < 200; ++round)
+        for (std::size_t const size : {8u, 40u, 3000u, 20'000u, 200'000u})
+            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, number++, size), 1) << number;
+    peer.program().signal(SIGCONT);
+    ASSERT_TRUE(peer.waitForReceived(number));
+    for (int i = 0; i < 50'000; ++i)
+        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, number++, 8 + i % 500), 1) << number;
+    EXPECT_TRUE(peer.waitForReceived(number));
+    EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, BothSidesMayConnectAtOnce) {
+    startOwn();
+    for (int round = 0; round < 5; ++round) {
+        Peer peer;
+        ASSERT_TRUE(meet(peer));
+        peer.tell("flood", own_.termId(), "1000 64");
+        for (std::uint32_t i = 0; i < 1000; ++i)
+            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 64), 1);
+        EXPECT_TRUE(peer.waitForReceived(1000));
+        EXPECT_TRUE(own_.waitForReceived(1000u * static_cast<unsigned>(round + 1)));
+        EXPECT_EQ(peer.report().faults, 0u);
+    }
+    EXPECT_EQ(own_.tally().faults, 0u);
+    EXPECT_EQ(own_.tally().returned, 0u);
+}
+
+TEST_F(ChannelTest, PeersThatFloodEachOtherLoseNothing) {
+    startOwn();
+    Peer first;
+    Peer second;
+    ASSERT_TRUE(meet(first));
+    first.tell("flood", second.id(), "100000 200");
+    second.tell("flood", first.id(), "100000 200");
+    EXPECT_TRUE(first.program().waitForLine("flooded 100000"));
+    EXPECT_TRUE(second.program().waitForLine("flooded 100000"));
+    EXPECT_TRUE(first.waitForReceived(100'000));
+    EXPECT_TRUE(second.waitForReceived(100'000));
+    EXPECT_EQ(first.report().faults + second.report().faults, 0u);
+    EXPECT_EQ(first.report().returned + second.report().returned, 0u);
+}
+
+TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {
+    startOwn();
+    Peer peer;
+    ASSERT_TRUE(meet(peer));
+    ASSERT_TRUE(own_.ping(peer.id(), 1));
+    peer.program().signal(SIGSTOP);
+    std::uint32_t taken = 0;
+    constexpr std::size_t kSize = 256 * 1024;
+    while (own_.send(peer.id(), TestHead::Numbered, taken, kSize) == 1)
+        ASSERT_LT(++taken, 400u) << "no limit";
+    EXPECT_GE(taken, 64u * 1024 * 1024 / kSize - 1);
+    EXPECT_EQ(own_.tally().returned, 0u);
+    Peer other;
+    ASSERT_TRUE(meet(other));
+    EXPECT_TRUE(own_.ping(other.id(), 2)) << "a full queue disturbs another destination";
+    peer.program().signal(SIGCONT);
+    EXPECT_TRUE(peer.waitForReceived(taken));
+    EXPECT_EQ(peer.report().faults, 0u);
+    EXPECT_EQ(own_.send(peer.id(), TestHead::Numbered, taken), 1);
+}
+
+TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
+    startOwn();
+    Peer peer;
+    ASSERT_TRUE(meet(peer));
+    ASSERT_TRUE(own_.ping(peer.id(), 1));
+    peer.program().signal(SIGSTOP);
+    // In the ring, in larger ones, in pieces and in the queue.
+    std::uint32_t taken = 0;
+    for (std::size_t const size : {100u, 100u, 10'000u, 100'000u, 900'000u, 2'000'000u, 100u})
+        taken += own_.send(peer.id(), TestHead::Numbered, taken, size) == 1;
+    ASSERT_EQ(taken, 7u);
+    peer.program().kill();
+    EXPECT_TRUE(own_.waitForReturned(taken));
+    EXPECT_TRUE(own_.waitUntilGone(peer.id()));
+    EXPECT_EQ(own_.tally().returned, taken);
+    EXPECT_EQ(own_.tally().returnedFaults, 0u);
+    EXPECT_EQ(own_.send(peer.id(), TestHead::Numbered, 0), 0);
+}
+
+TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
+    startOwn();
+    Peer steady;
+    ASSERT_TRUE(meet(steady));
+    for (std::size_t const size : {24u, 3000u, 700'000u}) {
+        auto peer = std::make_unique<Peer>();
+        ASSERT_TRUE(meet(*peer));
+        std::uint32_t const before = own_.tally().received;
+        peer->tell("blast", own_.termId(), std::to_string(size));
+        ASSERT_TRUE(own_.waitForReceived(before + 20));
+        peer->program().kill();
+        EXPECT_TRUE(own_.waitUntilGone(peer->id()));
+        EXPECT_TRUE(own_.ping(steady.id(), static_cast<std::uint32_t>(size)));
+    }
+    EXPECT_EQ(own_.tally().faults, 0u) << "half a message, or a gap";
+}
+
+TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
+    startOwn();
+    for (std::uint32_t round = 1; round <= 3; ++round) {
+        Peer peer;
+        ASSERT_TRUE(meet(peer));
+        peer.tell("flood", own_.termId(), "300 5000");
+        peer.program().closeInput();
+        EXPECT_EQ(peer.program().exitCode(), 0);
+        EXPECT_TRUE(own_.waitForReceived(300 * round));
+        EXPECT_TRUE(own_.waitUntilGone(peer.id()));
+    }
+    EXPECT_EQ(own_.tally().faults, 0u);
+}
+
+TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
+    startOwn();
+    Peer peer;
+    ASSERT_TRUE(meet(peer));
+    ASSERT_TRUE(own_.ping(peer.id(), 1));
+    pid_t const child = ::fork();
+    if (child == 0) {
+        bool const refused = own_.send(peer.id(), TestHead::Numbered, 0) == 0;
+        own_.stop();
+        ::_exit(refused ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(own_.ping(peer.id(), 2));
+}
+
+TEST_F(ChannelTest, OneCannotSendInAnotherName) {
+    startOwn();
+    Peer peer;
+    Peer other;
+    ASSERT_TRUE(meet(peer));
+    ASSERT_TRUE(meet(other));
+    Transport::AddressedMessage message = own_.allocateMessage(64, 5);
+    message.originator(other.id());
+    EXPECT_EQ(Transport::Termination(peer.id()).issue(message), 0);
+    message.originator(Transport::TerminationId());
+    EXPECT_EQ(Transport::Termination(peer.id()).issue(message), 0);
+    Transport::AddressedMessage none;
+    EXPECT_EQ(Transport::Termination(peer.id()).issue(none), 0);
+}
+
+}  // namespace
+}  // namespace transporttest
