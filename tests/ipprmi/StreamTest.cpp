@@ -105,14 +105,16 @@ TEST(Stream, ReadPastTheDataIsToldOnceAndYieldsZeros) {
     EXPECT_FALSE(truth);
     EXPECT_STREQ("", characters);
     EXPECT_EQ(0, raw[0] + raw[1]);
-    auto const records = log.records();
-    ASSERT_EQ(2u, records.size());
+    // The broker, which has just started, may log on threads of its own.
+    EXPECT_EQ(1u, log.count("out of bounds"));
+    EXPECT_EQ(1u, log.count("    ReflMsg "));
+    auto const record = log.find("out of bounds");
+    ASSERT_TRUE(record);
     EXPECT_EQ(
         "::unmarshall() request out of bounds: getDataSize(3)-optr_(0) < size(4), iptr_=3, limit=3",
-        records[0].text);
-    EXPECT_EQ(3, records[0].level);
-    EXPECT_EQ("IPPRMI_stream", records[0].source);
-    EXPECT_EQ(0u, records[1].text.find("    ReflMsg ")) << records[1].text;
+        record->text);
+    EXPECT_EQ(3, record->level);
+    EXPECT_EQ("IPPRMI_stream", record->source);
 
     stream.rewind();
     EXPECT_TRUE(stream.hasUnmarshallingFailed());
