@@ -3,8 +3,8 @@
 #   reflectorb_example(<name> SOURCES <file>...)
 #   reflectorb_benchmark(<name> SOURCES <file>... [INTERNALS] [LIBRARIES <library>...])
 #
-# make build/<preset>/examples/<name> and build/<preset>/bench/<name>. ./run demo and ./run bench
-# build the targets reflectorb-examples and reflectorb-benchmarks, then start examples/machine/demo.sh
+# make programs, which lie in the build tree where their sources lie in this one
+# (build/<preset>/examples/machine/panel). ./run demo and ./run bench build the targets reflectorb-examples and reflectorb-benchmarks, then start examples/machine/demo.sh
 # and bench/bench.sh with the build tree as first argument.
 #
 #   reflectorb_fuzz_target(<name> SOURCES <file>...)
@@ -27,8 +27,6 @@ function(reflectorb_example name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
     add_executable(${name} ${arg_SOURCES})
     _reflectorb_program(${name} reflectorb)
-    set_target_properties(${name} PROPERTIES
-        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/examples")
     add_dependencies(reflectorb-examples ${name})
 endfunction()
 
@@ -41,8 +39,6 @@ function(reflectorb_benchmark name)
         _reflectorb_program(${name} reflectorb)
     endif()
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} Threads::Threads)
-    set_target_properties(${name} PROPERTIES
-        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bench")
     add_dependencies(reflectorb-benchmarks ${name})
 endfunction()
 
