@@ -1,0 +1,176 @@
+#include <atomic>
+#include <cstdio>
+#include <string>
+
+#include "Subject.h"
+#include "handler_threads.h"
+#include "ipprmi.h"
+#include "logging.h"
+#include "reflect.h"
+#include "transport.h"
+
+namespace bench {
+
+namespace {
+
+constexpr unsigned int kClass = 0xBE4C4001;
+
+enum Method : unsigned int { kExchange = 1, kBody = 2, kNotice = 3, kCount = 4 };
+
+TipprmiOID targetOid() {
+    return {"bench/target", NSID_UNIT};
+}
+
+/** The object whose operations are measured. */
+class TargetSkeleton : public TipprmiObjectSkeleton {
+public:
+    TargetSkeleton() : TipprmiObjectSkeleton(targetOid()) {}
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        if (cc != kClass)
+            return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        switch (mc) {
+            case kExchange:
+                exchange(in, out);
+                return true;
+            case kBody:
+                echoBody(in, out);
+                return true;
+            case kNotice:
+                ++notices_;
+                return true;
+            case kCount:
+                prepareResponseStream_(out);
+                out << notices_;
+                return true;
+            default:
+                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        }
+    }
+
+private:
+    void exchange(TipprmiStream& in, TipprmiStream& out) {
+        unsigned int number = 0;
+        in >> number >> text_;
+        prepareResponseStream_(out);
+        out << number + 1 << text_;
+    }
+
+    void echoBody(TipprmiStream& in, TipprmiStream& out) {
+        in >> text_;
+        prepareResponseStream_(out);
+        out << text_;
+    }
+
+    unsigned int notices_ = 0;  // guarded by the run permission, as all server objects are
+    std::string text_;          // the same; kept to save its allocation per call
+};
+
+/** One operation as ClientCallHelper sees it, the argument lists given as functions. */
+template <class Write, class Read>
+class Call final : public ClientCallHookBaseV, public InParamHook, public OutParamHook {
+public:
+    Call(Write write, Read read) : write_(write), read_(read) {}
+
+    void callServer(TreflectServerObject&) const override {}
+    void fillParams(TipprmiSequence<TipprmiAny, 0u>&) const override {}
+    char const* operationName() const override { return "bench"; }
+    void evaluateResponse(TipprmiStream& response) const override {
+        failed_ = response.hasUnmarshallingFailed();
+    }
+    void marshall(TipprmiStream& request) const override { write_(request); }
+    void unmarshall(TipprmiStream& response) const override { read_(response); }
+
+    bool perform(TipprmiObjectClient const& target, unsigned int method, bool withResponse) {
+        ClientCallHelper(*this, *this, *this, *target.getStub_(), nullptr, kClass, method,
+                         withResponse);
+        return !failed_;
+    }
+
+private:
+    Write write_;
+    Read read_;
+    mutable bool failed_ = true;
+};
+
+class OrbClient : public Client {
+public:
+    explicit OrbClient(TipprmiObjectClient const& target) : target_(target) {}
+
+    void enterThread() override { TreflectORB::enterHandlerState(true); }
+    void leaveThread() override { TreflectORB::leaveHandlerState(true); }
+
+    bool call() override {
+        static std::string const text(32, 'x');
+        static thread_local std::string answer;
+        unsigned int number = 0;
+        Call exchange([&](TipprmiStream& in) { in << 7u << text; },
+                      [&](TipprmiStream& out) { out >> number >> answer; });
+        return exchange.perform(target_, kExchange, true) && number == 8 && answer == text;
+    }
+
+    bool callBody(std::size_t bytes) override {
+        static thread_local std::string answer;
+        if (body_.size() != bytes)
+            body_.assign(bytes, 'b');
+        Call echo([&](TipprmiStream& in) { in << body_; },
+                  [&](TipprmiStream& out) { out >> answer; });
+        return echo.perform(target_, kBody, true) && answer.size() == bytes;
+    }
+
+    bool sendOneWay() override {
+        Call notice([](TipprmiStream&) {}, [](TipprmiStream&) {});
+        return notice.perform(target_, kNotice, false);
+    }
+
+    std::uint32_t servedOneWays() override {
+        unsigned int count = 0;
+        Call ask([](TipprmiStream&) {}, [&](TipprmiStream& out) { out >> count; });
+        return ask.perform(target_, kCount, true) ? count : 0;
+    }
+
+private:
+    TipprmiObjectClient const target_;
+    std::string body_;
+};
+
+class Orb : public Subject {
+public:
+    char const* name() const override { return "orb"; }
+
+    void serve(std::string const& folder) override {
+        configure(folder, "bench-server");
+        TreflectORB::enterHandlerState(true);
+        TargetSkeleton target;
+        TreflectORB::releaseRunPermission();
+        announceAndWait();
+        TreflectORB::getRunPermission();
+    }
+
+    std::unique_ptr<Client> connect(std::string const& folder) override {
+        configure(folder, "bench-client");
+        TreflectHandlerState const permission(true);
+        TipprmiObjectClient const target(targetOid());
+        if (!target.isConnected()) {
+            std::fputs("the server object was not found\n", stderr);
+            return nullptr;
+        }
+        return std::make_unique<OrbClient>(target);
+    }
+
+private:
+    static void configure(std::string const& folder, std::string const& actor) {
+        Logging::setThreshold(3);
+        Transport::Setup::directory(folder);
+        Transport::Setup::actor(actor);
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<Subject> makeOrb() {
+    return std::make_unique<Orb>();
+}
+
+}  // namespace bench

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Runs the benchmarks of a build tree: bench.sh <build tree> [<part of a scenario's title>]
+set -euo pipefail
+tree=$1
+shift
+"$tree/bench/reflectorb-bench" "$@"
+if [[ $# -eq 0 ]]; then
+    printf '\n'
+    "$tree/bench/reflectorb-bench-library" --benchmark_min_time=0.2
+fi

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+/** What travels on a floor: 64 bytes of a call, or a header with a body behind it. */
+struct FloorMessage {
+    enum Kind : std::uint32_t { kRequest, kAnswer, kOneWay, kCount, kStop };
+
+    std::uint32_t kind = kRequest;
+    std::uint32_t caller = 0;  // index of the calling thread
+    std::uint32_t number = 0;
+    std::uint32_t bodySize = 0;
+    char text[48] = {};
+};
+static_assert(sizeof(FloorMessage) == 64, "the floors' message has 64 bytes");
+
+/** Two-way message channel between two processes. `send` may be called by any thread, `receive` by
+ * one. */
+class Link {
+public:
+    virtual ~Link() = default;
+    virtual void send(FloorMessage const& head, unsigned char const* body) = 0;
+    /** Waits for the next message; false when the other side has gone. */
+    virtual bool receive(FloorMessage& head, std::vector<unsigned char>& body) = 0;
+    /** Makes a waiting `receive` answer false. */
+    virtual void close() = 0;
+};
+
+std::unique_ptr<Link> acceptSocketLink(std::string const& folder);
+std::unique_ptr<Link> connectSocketLink(std::string const& folder);
+std::unique_ptr<Link> acceptRingLink(std::string const& folder);
+std::unique_ptr<Link> connectRingLink(std::string const& folder);
+
+}  // namespace bench
