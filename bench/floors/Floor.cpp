@@ -269,8 +269,8 @@ public:
     Floor(char const* name, MakeLink makeServer, MakeLink makeClient, Waiting waiting,
           bool withToken)
         : name_(name),
-          accept_(accept),
-          connect_(connect),
+          makeServer_(makeServer),
+          makeClient_(makeClient),
           waiting_(waiting),
           withToken_(withToken) {}
 
