@@ -1,12 +1,10 @@
-// Takes a buffer of unknown origin as an arrived message: checks and reports its header, then reads
-// its payload as its type tells.
+// Takes a buffer of unknown origin as an arrived message: checks and reports it, then reads it.
 #include <cstdint>
 #include <cstring>
 
 #include "FuzzProcess.h"
 #include "ipprmi/TipprmiException.h"
-#include "ipprmi/TipprmiOID.h"
-#include "reflect/TreflectMessage.h"
+#include "reflect/TreflectORB.h"
 
 namespace {
 
@@ -23,33 +21,17 @@ TreflectMessage arrived(std::uint8_t const* data, std::size_t size) {
     return TreflectMessage(whole);
 }
 
+/** Reports the message by its type, and reads it as a response. */
 void readPayload(TreflectMessage const& message) {
+    if (TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT))
+        orb->testInfoAboutMessage(message.originator(), message, true);
     TipprmiStream stream(message, false);
-    unsigned int ioid = 0;
-    bool transaction = false;
-    unsigned int cc = 0;
-    int mc = 0;
-    TipprmiOID oid("", NSID_UNIT);
     TipprmiExceptionContainer container;
     TipprmiGeneralException exception;
-    switch (message.type()) {
-        case TreflectMessage::tResolve:
-            stream >> oid;
-            break;
-        case TreflectMessage::tPayload:
-            if (message.kind() == TreflectMessage::kResponse) {
-                stream >> container;
-                container.getExceptionData(exception);
-                break;
-            }
-            stream >> ioid >> transaction >> cc >> mc;
-            break;
-        default:
-            stream >> cc >> transaction;
-            break;
-    }
+    stream >> container;
+    container.getExceptionData(exception);
     if (stream.hasUnmarshallingFailed())
-        stream.printUnmarshallError(cc, static_cast<unsigned int>(mc));
+        stream.printUnmarshallError(0, exception.code());
 }
 
 }  // namespace

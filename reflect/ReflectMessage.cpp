@@ -65,18 +65,18 @@ TreflectMessage::TreflectMessage(TreflectORB const* orb, TreflectMessage const& 
     // Whoever needs more room once needs it again: twice as much is kept ready.
     : message_(allocate(orb, size, size > other.size() ? std::uint64_t{size} * 2 : 0)) {
     std::size_t const bytes = std::min(message_.size(), other.message_.size());
-    if (bytes > 0)
+    if (bytes >= kHeaderSize)
         std::memcpy(message_.buf(), other.message_.buf(), bytes);
 }
 
 std::uint32_t TreflectMessage::field_(std::size_t offset) const {
-    if (message_.size() < offset + sizeof(std::uint32_t))
+    if (message_.size() < kHeaderSize)
         return 0;
     return ipprmi::loadBigEndian(message_.buf() + offset);
 }
 
 void TreflectMessage::field_(std::size_t offset, std::uint32_t value) {
-    if (message_.size() >= offset + sizeof(std::uint32_t))
+    if (message_.size() >= kHeaderSize)
         ipprmi::storeBigEndian(message_.buf() + offset, value);
 }
 

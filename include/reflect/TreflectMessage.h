@@ -22,8 +22,8 @@ class TreflectORB;
  * | 8 | 4 | kind | the role in the exchange (kind_t) |
  * | 12 | size - 12 | payload | depends on the type |
  *
- * A message without a buffer (allocation failed) has size 0, a null `buf`, reads as all zeros and
- * ignores what is set. The fields of a header that is cut short read as zero as well.
+ * A message without a buffer (allocation failed), or with one that is too short for the header, has
+ * size 0, a null `buf`, reads as all zeros and ignores what is set.
  *
  * No lock: the handle is used by one thread at a time; whoever shares its buffer with another
  * thread must order their accesses.
