@@ -1,0 +1,151 @@
+// A server object and its client, with operations that tests need. Used by tests and by the program
+// broker_actor.
+#pragma once
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include "Waiting.h"
+#include "ipprmi.h"
+#include "oswrap/Thread.h"
+#include "reflect.h"
+
+enum ProbeMethod : unsigned int {
+    kEcho = 1,           // (unsigned, string) -> the same
+    kThrowError = 2,     // std::runtime_error
+    kThrowNumber = 3,    // an int
+    kEndThread = 4,      // ends the worker that serves the call
+    kHold = 5,           // blocks until release(), without the permission
+    kTakeTwice = 6,      // leaves with a second level of the permission
+    kReleaseAll = 7,     // leaves without the permission
+    kDeleteBrokers = 8,  // deletes all brokers of its process
+    kExit = 9,           // ends its process
+    kCallBack = 10,      // (string name, unsigned) -> what echo of the object `name` answers
+    kRefuse = 11,        // not handled
+    kNote = 12,          // one-way: raises noted()
+    kHoldPermission = 13  // blocks until release(), with the permission
+};
+
+constexpr unsigned int kProbeClass = 0xC1A55;
+
+/** A raw client: every call is written out, so that tests see what comes back. */
+class ProbeClient : public TipprmiObjectClient {
+public:
+    using TipprmiObjectClient::TipprmiObjectClient;
+
+    struct Answer {
+        bool succeeded = false;            // what the broker answered
+        unsigned int exceptionType = 99;   // of the container in the response
+        unsigned int exceptionCode = 99;   // of its general exception
+        unsigned int number = 0;
+        std::string text;
+    };
+
+    Answer call(unsigned int mc, unsigned int number = 0, std::string const& text = "") {
+        TipprmiStream request(100);
+        TipprmiStream response(100);
+        prepareRequestStream_(true, kProbeClass, mc, request);
+        request << number << text;
+        Answer answer;
+        answer.succeeded = dispatch(true, kProbeClass, mc, request, response);
+        TipprmiExceptionContainer container;
+        response >> container;
+        answer.exceptionType = container.getExceptionType();
+        TipprmiGeneralException exception(99);
+        if (answer.exceptionType == 1)
+            container.getExceptionData(exception);
+        answer.exceptionCode = exception.code();
+        if (answer.exceptionType == 0)
+            response >> answer.number >> answer.text;
+        return answer;
+    }
+    bool send(unsigned int mc, unsigned int number = 0, std::string const& text = "") {
+        TipprmiStream request(100);
+        TipprmiStream response(100);
+        prepareRequestStream_(false, kProbeClass, mc, request);
+        request << number << text;
+        return dispatch(false, kProbeClass, mc, request, response);
+    }
+};
+
+class Probe : public TipprmiObjectSkeleton {
+public:
+    explicit Probe(std::string const& name, NamespaceId ns = NSID_UNIT)
+        : TipprmiObjectSkeleton(TipprmiOID(name, ns)) {}
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        unsigned int number = 0;
+        std::string text;
+        in >> number >> text;
+        switch (mc) {
+            case kEcho:
+                break;
+            case kThrowError:
+                prepareResponseStream_(out);
+                throw std::runtime_error("on purpose");
+            case kThrowNumber:
+                throw 7;
+            case kEndThread:
+                pthread_exit(nullptr);
+            case kHold:
+                hold();
+                break;
+            case kHoldPermission:
+                entered_.open();
+                released_.wait();
+                break;
+            case kTakeTwice:
+                TreflectORB::getRunPermission();
+                break;
+            case kReleaseAll:
+                TreflectORB::leaveHandlerState(true);
+                break;
+            case kDeleteBrokers:
+                prepareOrbForDeletion();
+                break;
+            case kExit:
+                std::exit(static_cast<int>(number));
+            case kCallBack: {
+                ProbeClient other{TipprmiOID(text, NSID_UNIT)};
+                number = other.call(kEcho, number + 1).number;
+                break;
+            }
+            case kNote:
+                ++noted_;
+                return true;
+            case kRefuse:
+                return false;
+            default:
+                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        }
+        prepareResponseStream_(out);
+        out << number << text;
+        return true;
+    }
+
+    testsupport::Gate& entered() { return entered_; }
+    void release() { released_.open(); }
+    unsigned int noted() const { return noted_; }
+    /** Number of calls that are held now. */
+    unsigned int held() const { return held_; }
+
+private:
+    void hold() {
+        TreflectReleaseHandlerState const released;
+        ++held_;
+        entered_.open();
+        released_.wait();
+        --held_;
+    }
+
+    testsupport::Gate entered_;
+    testsupport::Gate released_;
+    std::atomic<unsigned int> noted_{0};
+    std::atomic<unsigned int> held_{0};
+};

@@ -1,0 +1,135 @@
+// A process with brokers, driven by lines on standard input:
+//
+//   publish NAME [NS]     makes a probe; answers "published IOID"
+//   unpublish NAME        destroys it; answers "unpublished"
+//   release               lets go all held calls; answers "released"
+//   call NAME NUMBER      calls echo of an object; answers "called 1 NUMBER" or "called 0 CODE"
+//   callforever NAME N    N threads call echo until a call fails; then "ended" per thread
+//   hold NAME             calls hold of an object on a thread of its own; "held CODE" at its end
+//   delete                deletes all brokers; answers "deleted"
+//   noted NAME            answers "noted COUNT"
+//   script CODE           makes the log-collection script end with that code; answers "script"
+//   exit CODE             exit on a thread of its own
+//   return CODE           return from main
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include "Probe.h"
+#include "reflect/ScriptRunner.h"
+
+namespace {
+
+int scriptResult = 0;
+
+int instead(char const* path) {
+    std::printf("script %s\n", path);
+    std::fflush(stdout);
+    return scriptResult << 8;
+}
+
+template <class... Parts>
+void answer(char const* format, Parts... parts) {
+    std::printf(format, parts...);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+ProbeClient::Answer callOnce(std::string const& name, unsigned int method, unsigned int number) {
+    TreflectHandlerState const handlerState(true);
+    ProbeClient client{TipprmiOID(name, NSID_UNIT)};
+    return client.call(method, number);
+}
+
+class Actor {
+public:
+    void handle(std::string const& verb, std::istringstream& words);
+
+private:
+    void callForever(std::string const& name, int threads);
+
+    std::map<std::string, std::unique_ptr<Probe>> probes_;
+};
+
+void Actor::handle(std::string const& verb, std::istringstream& words) {
+    std::string name;
+    unsigned int number = 0;
+    if (verb == "publish") {
+        int ns = NSID_UNIT;
+        words >> name >> ns;
+        TreflectHandlerState const handlerState(true);
+        auto& probe = probes_[name];
+        probe = std::make_unique<Probe>(name, static_cast<NamespaceId>(ns));
+        answer("published %X %X", probe->getInternalOID(), probe->orbId().value());
+    } else if (verb == "unpublish") {
+        words >> name;
+        TreflectHandlerState const handlerState(true);
+        probes_.erase(name);
+        answer("unpublished");
+    } else if (verb == "release") {
+        for (auto const& entry : probes_)
+            entry.second->release();
+        answer("released");
+    } else if (verb == "call") {
+        words >> name >> number;
+        ProbeClient::Answer const result = callOnce(name, kEcho, number);
+        answer("called %d %u", result.exceptionType == 0 ? 1 : 0,
+               result.exceptionType == 0 ? result.number : result.exceptionCode);
+    } else if (verb == "callforever") {
+        words >> name >> number;
+        callForever(name, static_cast<int>(number));
+    } else if (verb == "hold") {
+        words >> name;
+        std::thread([name] {
+            answer("held %u", callOnce(name, kHold, 0).exceptionCode);
+        }).detach();
+    } else if (verb == "noted") {
+        words >> name;
+        answer("noted %u", probes_.at(name)->noted());
+    } else if (verb == "delete") {
+        prepareOrbForDeletion();
+        answer("deleted");
+    } else if (verb == "script") {
+        words >> scriptResult;
+        setScriptRunner(&instead);
+        answer("script");
+    }
+}
+
+void Actor::callForever(std::string const& name, int threads) {
+    for (int i = 0; i < threads; ++i)
+        std::thread([name] {
+            TreflectORB::enterHandlerState(true);
+            {
+                ProbeClient client{TipprmiOID(name, NSID_UNIT)};
+                for (unsigned int n = 0; client.call(kEcho, n).exceptionType == 0; ++n)
+                    if (n == 0)
+                        answer("calling");
+            }
+            TreflectORB::leaveHandlerState(true);
+            answer("ended");
+        }).detach();
+}
+
+}  // namespace
+
+int main() {
+    auto& actor = *new Actor;  // its probes outlive exit
+    answer("ready");
+    for (std::string line; std::getline(std::cin, line);) {
+        std::istringstream words(line);
+        std::string verb;
+        int code = 0;
+        words >> verb;
+        if (verb == "return" || verb == "exit") {
+            words >> code;
+            if (verb == "return")
+                return code;
+            std::thread([code] { std::exit(code); }).join();
+        }
+        actor.handle(verb, words);
+    }
+}
