@@ -31,13 +31,13 @@ TEST(InternalIds, agreesWithAPlainSetUnderRandomUse) {
     std::set<std::uint32_t> taken;
     std::vector<std::uint32_t> live;
     std::mt19937 random(4711);
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 4000; ++i) {
         if (!live.empty() && random() % 3 == 0) {
             std::size_t const which = random() % live.size();
             ids.giveBack(live[which]);  // stays taken: fewer registrations follow than it rests
             live.erase(live.begin() + static_cast<std::ptrdiff_t>(which));
         } else {
-            std::uint32_t expected = 1 + random() % 5000;
+            auto expected = static_cast<std::uint32_t>(1 + random() % 5000);
             std::uint32_t const wanted = expected;
             while (taken.count(expected) != 0)
                 ++expected;

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Waiting.h"
+#include "handler_threads.h"
 #include "ipprmi.h"
 #include "oswrap/Thread.h"
 #include "reflect.h"

@@ -25,17 +25,18 @@ namespace {
 
 int scriptResult = 0;
 
-int instead(char const* path) {
-    std::printf("script %s\n", path);
+/** Writes one line of words in one go, since several threads answer. */
+template <class... Words>
+void answer(Words const&... words) {
+    std::ostringstream line;
+    (line << ... << words) << "\n";
+    std::fputs(line.str().c_str(), stdout);
     std::fflush(stdout);
-    return scriptResult << 8;
 }
 
-template <class... Parts>
-void answer(char const* format, Parts... parts) {
-    std::printf(format, parts...);
-    std::printf("\n");
-    std::fflush(stdout);
+int instead(char const* path) {
+    answer("script ", path);
+    return scriptResult << 8;
 }
 
 ProbeClient::Answer callOnce(std::string const& name, unsigned int method, unsigned int number) {
@@ -63,7 +64,7 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
         TreflectHandlerState const handlerState(true);
         auto& probe = probes_[name];
         probe = std::make_unique<Probe>(name, static_cast<NamespaceId>(ns));
-        answer("published %X %X", probe->getInternalOID(), probe->orbId().value());
+        answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
     } else if (verb == "unpublish") {
         words >> name;
         TreflectHandlerState const handlerState(true);
@@ -76,19 +77,19 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
     } else if (verb == "call") {
         words >> name >> number;
         ProbeClient::Answer const result = callOnce(name, kEcho, number);
-        answer("called %d %u", result.exceptionType == 0 ? 1 : 0,
-               result.exceptionType == 0 ? result.number : result.exceptionCode);
+        bool const succeeded = result.exceptionType == 0;
+        answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
     } else if (verb == "callforever") {
         words >> name >> number;
         callForever(name, static_cast<int>(number));
     } else if (verb == "hold") {
         words >> name;
         std::thread([name] {
-            answer("held %u", callOnce(name, kHold, 0).exceptionCode);
+            answer("held ", callOnce(name, kHold, 0).exceptionCode);
         }).detach();
     } else if (verb == "noted") {
         words >> name;
-        answer("noted %u", probes_.at(name)->noted());
+        answer("noted ", probes_.at(name)->noted());
     } else if (verb == "delete") {
         prepareOrbForDeletion();
         answer("deleted");

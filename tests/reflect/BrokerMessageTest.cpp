@@ -1,0 +1,275 @@
+// Requests and responses as they go over the wire, against a peer that writes them by hand.
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "BrokerTest.h"
+#include "Probe.h"
+#include "RawPeer.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class BrokerMessageTest : public BrokerTest {
+public:
+    /** A call from the test's thread to an object of `target`, answered or not. */
+    struct Outcome {
+        bool succeeded;
+        unsigned int type;
+        unsigned int code;
+        unsigned int number;
+    };
+    Outcome call(Transport::TerminationId target, bool withResponse = true) {
+        TipprmiStream request(100);
+        TipprmiStream response(100);
+        request << 0xABCDu << withResponse << 0x77u << 5;
+        Outcome outcome{};
+        outcome.succeeded =
+            orb().forwardMsg(orb().convertId(target), withResponse, request, response);
+        TipprmiExceptionContainer container;
+        response >> container;
+        outcome.type = container.getExceptionType();
+        TipprmiGeneralException exception(99);
+        if (outcome.type == 1)
+            container.getExceptionData(exception);
+        outcome.code = exception.code();
+        response >> outcome.number;
+        return outcome;
+    }
+    static void answerWith(RawPeer& peer, TreflectMessage const& request, unsigned int number) {
+        peer.answer(request, [number](TipprmiStream& response) {
+            response << TipprmiExceptionContainer() << number;
+        });
+    }
+};
+
+TEST_F(BrokerMessageTest, requestAndResponseMatchTheTables) {
+    RawPeer peer(group(), [](RawPeer& self, TreflectMessage& request) {
+        answerWith(self, request, 42);
+    });
+    Outcome const outcome = call(peer.termId());
+    EXPECT_TRUE(outcome.succeeded);
+    EXPECT_EQ(outcome.number, 42u);
+
+    TreflectMessage const request = peer.await(0);
+    unsigned int const seed = orb().orbId().nameId() | (orb().orbId().slotId() & 0xFu) << 16;
+    EXPECT_EQ(request.transactionId(), seed + 0x00100000);
+    EXPECT_EQ(request.kind(), TreflectMessage::kRequest);
+    EXPECT_EQ(request.type(), TreflectMessage::tPayload);
+    EXPECT_EQ(request.originator(), orb().termId());
+    unsigned char const expected[] = {0, 0, 0, 16, 0, 0, 0xAB, 0xCD, 0, 0,
+                                      0, 1, 0, 0,  0, 0x77, 0, 0,    0, 5};
+    ASSERT_GE(request.size(), sizeof expected);
+    EXPECT_EQ(std::memcmp(request.buf(), expected, sizeof expected), 0);
+}
+
+TEST_F(BrokerMessageTest, oneWayMessageWaitsForNothing) {
+    RawPeer peer(group());
+    Outcome const outcome = call(peer.termId(), false);
+    EXPECT_TRUE(outcome.succeeded);
+    EXPECT_EQ(peer.await(0).kind(), TreflectMessage::kMsg);
+    answerWith(peer, peer.await(0), 1);
+    EXPECT_TRUE(log_.waitFor("receives unexpected response")) << "no record was entered";
+}
+
+TEST_F(BrokerMessageTest, onlyTheResponseWithTheRightIdWakesItsCaller) {
+    RawPeer peer(group(), [](RawPeer& self, TreflectMessage& request) {
+        TreflectMessage wrong = self.make(request.transactionId() + 0x00100000, request.type(),
+                                          TreflectMessage::kResponse);
+        self.send(request.originator(), wrong);
+        answerWith(self, request, 7);
+    });
+    EXPECT_EQ(call(peer.termId()).number, 7u);
+    EXPECT_EQ(log_.count(3, "receives unexpected response (org=0x"), 1u);
+    EXPECT_EQ(log_.count(5, "    Message data: ioid=0x0,transaction=false,cc=0x0,mc=0"), 1u);
+    EXPECT_EQ(call(peer.termId()).number, 7u);
+}
+
+TEST_F(BrokerMessageTest, lateResponseIsDropped) {
+    RawPeer peer(group(), [](RawPeer& self, TreflectMessage& request) {
+        answerWith(self, request, 1);
+        answerWith(self, request, 2);
+    });
+    EXPECT_EQ(call(peer.termId()).number, 1u);
+    EXPECT_TRUE(log_.waitFor("receives unexpected response"));
+    EXPECT_EQ(call(peer.termId()).number, 1u) << "not the late one of the first call";
+}
+
+TEST_F(BrokerMessageTest, unknownTargetFailsAtOnce) {
+    Outcome const outcome = call(Transport::TerminationId(0x7FFE, 1, group()));
+    EXPECT_FALSE(outcome.succeeded);
+    EXPECT_EQ(outcome.type, 1u);
+    EXPECT_EQ(outcome.code, 0u);
+    EXPECT_EQ(log_.count(3, "could not find destination termId=0x01017FFE for transactionId "), 1u);
+}
+
+TEST_F(BrokerMessageTest, returnedRequestEndsTheCall) {
+    Transport::Termination const broker(orb().termId());
+    RawPeer peer(group(), [broker](RawPeer&, TreflectMessage& request) {
+        broker.issueError(request.addressed());
+    });
+    Outcome const outcome = call(peer.termId());
+    EXPECT_FALSE(outcome.succeeded);
+    EXPECT_EQ(outcome.code, 0u);
+    EXPECT_EQ(log_.count(3, "receives TRANSPORT_ERROR message of termId 0x"), 1u);
+}
+
+TEST_F(BrokerMessageTest, departedTargetEndsTheCallAtOnce) {
+    auto peer = std::make_unique<RawPeer>(group());
+    std::thread caller([&] { EXPECT_FALSE(call(peer->termId()).succeeded); });
+    peer->await(0);
+    auto const start = std::chrono::steady_clock::now();
+    peer->stop();
+    caller.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), 1u);
+}
+
+TEST_F(BrokerMessageTest, tooShortRequestIsReportedAndSent) {
+    RawPeer peer(group());
+    TipprmiStream request(100);
+    TipprmiStream response(100);
+    request << 1u;
+    EXPECT_TRUE(orb().forwardMsg(orb().convertId(peer.termId()), false, request, response));
+    EXPECT_EQ(log_.count(3, "forwardMsg message too short (iptr_=4,size=100)"), 1u);
+    EXPECT_EQ(peer.await(0).kind(), TreflectMessage::kMsg);
+}
+
+TEST_F(BrokerMessageTest, messagesThatMakeNoSenseAreLogged) {
+    RawPeer peer(group());
+    TreflectMessage tiny = peer.make(1, TreflectMessage::tPayload, TreflectMessage::kRequest, 3);
+    peer.send(orb().termId(), tiny);
+    EXPECT_TRUE(log_.waitFor("drops message of 15 bytes from 0x"));
+    for (unsigned int type : {3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 0u}) {
+        log_.clear();
+        TreflectMessage odd = peer.make(1, static_cast<TreflectMessage::type_t>(type),
+                                        TreflectMessage::kRequest);
+        peer.send(orb().termId(), odd);
+        EXPECT_TRUE(log_.waitFor("received request of unknown type (rorg=")) << type;
+    }
+    EXPECT_EQ(peer.count(), 0u) << "no reply";
+}
+
+TEST_F(BrokerMessageTest, callOfAnUnknownObjectIsAnsweredIfAnAnswerIsAwaited) {
+    RawPeer peer(group());
+    peer.sendCall(orb().termId(), 0x1234, 0xBAD, true, 0xC, 3);
+    TreflectMessage const response = peer.await(0);
+    EXPECT_EQ(response.kind(), TreflectMessage::kResponse);
+    EXPECT_EQ(response.type(), TreflectMessage::tPayload);
+    EXPECT_EQ(response.transactionId(), 0x1234u);
+    EXPECT_EQ(log_.count(3, "ioid=0xBAD,transaction=true,classCode=0xC,methodCode=3"), 1u);
+    EXPECT_EQ(log_.count(3, "Handling request message failed rc=0"), 1u);
+    TipprmiStream stream(response, false);
+    TipprmiExceptionContainer container;
+    stream >> container;
+    EXPECT_EQ(container.getExceptionType(), 1u);
+
+    log_.clear();
+    peer.sendCall(orb().termId(), 0x1235, 0xBAD, false, 0xC, 4);
+    EXPECT_TRUE(log_.waitFor("Handling request message failed rc=0"));
+    peer.sendCall(orb().termId(), 0x1236, 0xBAD, true, 0xC, 5);
+    EXPECT_EQ(peer.await(1).transactionId(), 0x1236u) << "none for the one in between";
+}
+
+TEST_F(BrokerMessageTest, objectThatThrowsAnswersWithAFailureAndNothingElse) {
+    RawPeer peer(group());
+    std::unique_ptr<Probe> probe;
+    {
+        TreflectHandlerState const handlerState(true);
+        probe = std::make_unique<Probe>("thrower");
+    }
+    unsigned int const ioid = probe->getInternalOID();
+    unsigned int id = 1;
+    for (int method : {kThrowError, kThrowNumber, kRefuse, kEndThread}) {
+        peer.sendCall(orb().termId(), id, ioid, true, kProbeClass, method);
+        TipprmiStream response(peer.await(id - 1), false);
+        EXPECT_EQ(response.getDataSize(), 12) << "the container alone, method " << method;
+        TipprmiExceptionContainer container;
+        response >> container;
+        EXPECT_EQ(container.getExceptionType(), 1u);
+        ++id;
+    }
+    EXPECT_EQ(log_.count(3, "threw on purpose"), 1u);
+    TreflectHandlerState const handlerState(true);
+    probe.reset();
+}
+
+/** Makes a call from inside the log sink, which runs on the thread that logs. */
+class CallOnReceivingThread {
+public:
+    CallOnReceivingThread(TreflectORB& orb, Transport::TerminationId target)
+        : orb_(orb), target_(target) {
+        Logging::setSink(&CallOnReceivingThread::take, this);
+    }
+    ~CallOnReceivingThread() { Logging::setSink(nullptr, nullptr); }
+
+    testsupport::Gate done;
+    std::vector<std::string> texts;  // read when done
+
+private:
+    static void take(Logging::Record const& record, void* context) {
+        auto& self = *static_cast<CallOnReceivingThread*>(context);
+        if (self.calling_)
+            self.texts.emplace_back(record.text);
+        if (std::string(record.text).find("drops message") == std::string::npos)
+            return;
+        self.calling_ = true;
+        for (bool withResponse : {true, false}) {
+            TipprmiStream request(100);
+            TipprmiStream response(100);
+            request << 1u << withResponse << 2u << 3;
+            self.orb_.forwardMsg(self.orb_.convertId(self.target_), withResponse, request, response);
+        }
+        self.done.open();
+    }
+
+    TreflectORB& orb_;
+    Transport::TerminationId const target_;
+    bool calling_ = false;  // receiving thread only
+};
+
+TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {
+    RawPeer peer(group());
+    {
+        CallOnReceivingThread call(orb(), peer.termId());
+        TreflectMessage tiny =
+            peer.make(1, TreflectMessage::tPayload, TreflectMessage::kRequest, 0);
+        peer.send(orb().termId(), tiny);
+        ASSERT_TRUE(call.done.wait());
+        ASSERT_EQ(call.texts.size(), 3u);
+        EXPECT_THAT(call.texts[0], HasSubstr("ORB did NOT add tID "));
+        EXPECT_THAT(call.texts[0], HasSubstr(" transaction to ongoingRequests_"));
+        EXPECT_EQ(call.texts[1], "receivingThread called forwardMessage");
+        EXPECT_THAT(call.texts[2], HasSubstr("ORB receiving thread = "));
+        EXPECT_THAT(call.texts[2], HasSubstr(" found in forwardMsg()"));
+    }
+    EXPECT_EQ(peer.await(0).kind(), TreflectMessage::kRequest);
+    EXPECT_EQ(peer.await(1).kind(), TreflectMessage::kMsg);
+}
+
+TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
+    RawPeer peer(group());
+    struct Caller {
+        BrokerMessageTest& test;
+        Transport::TerminationId target;
+        static void* run(void* self) {
+            auto& caller = *static_cast<Caller*>(self);
+            TreflectHandlerState const handlerState(true);
+            caller.test.call(caller.target);
+            return nullptr;
+        }
+    } caller{*this, peer.termId()};
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, nullptr, &Caller::run, &caller), 0);
+    TreflectMessage const request = peer.await(0);
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(TreflectORB::getRunPermissionOwner(), 0u);
+    answerWith(peer, request, 1);
+    EXPECT_TRUE(log_.waitFor("receives unexpected response"));
+}
+
+}  // namespace

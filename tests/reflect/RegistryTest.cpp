@@ -1,0 +1,128 @@
+// The registry of server objects, and finding objects at several brokers.
+#include <cstdio>
+
+#include "BrokerTest.h"
+#include "Probe.h"
+#include "RawPeer.h"
+
+namespace {
+
+using Location = TreflectORB::TreflectObjectLocation;
+
+TipprmiOID unit(std::string const& name) {
+    return TipprmiOID(name, NSID_UNIT);
+}
+
+class RegistryTest : public BrokerTest {
+protected:
+    /** A peer that knows one object. */
+    std::unique_ptr<RawPeer> peerWith(unsigned int ioid) {
+        return std::make_unique<RawPeer>(group(), [ioid](RawPeer& self, TreflectMessage& request) {
+            self.answer(request, [ioid](TipprmiStream& response) { response << ioid; });
+        });
+    }
+
+    TreflectHandlerState const handlerState_{true};
+};
+
+TEST_F(RegistryTest, objectIsFoundFromItsConstructionToItsDestruction) {
+    auto probe = std::make_unique<Probe>("lamp");
+    Location const found = orb().locateObject(unit("lamp"));
+    EXPECT_EQ(found.getInternalOID(), probe->getInternalOID());
+    EXPECT_EQ(found.orbId(), orb().orbId());
+    EXPECT_EQ(found.getServer(), probe.get());
+    probe.reset();
+    Location const gone = orb().locateObject(unit("lamp"));
+    EXPECT_EQ(gone.getInternalOID(), 0u);
+    EXPECT_EQ(gone.orbId().value(), 0u);
+    EXPECT_EQ(gone.getServer(), nullptr);
+}
+
+TEST_F(RegistryTest, ofEqualNamesTheLowestIdAnswers) {
+    std::vector<std::unique_ptr<Probe>> probes;
+    for (int i = 0; i < 20; ++i)
+        probes.push_back(std::make_unique<Probe>("twin"));
+    while (!probes.empty()) {
+        auto const lowest = std::min_element(
+            probes.begin(), probes.end(),
+            [](auto const& a, auto const& b) { return a->getInternalOID() < b->getInternalOID(); });
+        EXPECT_EQ(orb().locateObject(unit("twin")).getServer(), lowest->get());
+        probes.erase(lowest);
+    }
+    EXPECT_EQ(orb().locateObject(unit("twin")).getServer(), nullptr);
+}
+
+TEST_F(RegistryTest, renamedObjectIsFoundUnderItsNewNameOnly) {
+    Probe probe("before");
+    static_cast<TipprmiObjectBase&>(probe).setOID(unit("after"));
+    EXPECT_EQ(orb().locateObject(unit("before")).getServer(), nullptr);
+    EXPECT_EQ(orb().locateObject(unit("after")).getServer(), &probe);
+}
+
+TEST_F(RegistryTest, madeUpNameTellsBrokerAndIdWithoutAnyMessage) {
+    RawPeer peer(group());
+    Location const location = orb().locateObject(unit("rmi_1020304_ABCD"));
+    EXPECT_EQ(location.orbId().value(), 0x01020304u);
+    EXPECT_EQ(location.getInternalOID(), 0xABCDu);
+    EXPECT_FALSE(location.hasOID());
+    EXPECT_EQ(location.getServer(), nullptr);
+    EXPECT_EQ(peer.count(), 0u);
+
+    Probe probe("");
+    char name[32];
+    std::snprintf(name, sizeof name, "rmi_%X_%X", orb().orbId().value(), probe.getInternalOID());
+    EXPECT_EQ(orb().locateObject(unit(name)).getServer(), &probe);
+}
+
+TEST_F(RegistryTest, ofSeveralBrokersTheLastOfTheGroupWins) {
+    auto const first = peerWith(0x11);
+    auto const second = peerWith(0x22);
+    auto const third = peerWith(0);
+    Location const found = orb().locateObject(unit("elsewhere"));
+    EXPECT_EQ(found.getInternalOID(), 0x22u);
+    EXPECT_EQ(found.orbId(), orb().convertId(second->termId()));
+    EXPECT_EQ(found.getServer(), nullptr);
+    EXPECT_EQ(third->count(), 1u) << "asked first";
+    EXPECT_EQ(first->count(), 0u) << "not asked any more";
+    TreflectMessage const request = third->await(0);
+    EXPECT_EQ(request.type(), TreflectMessage::tResolve);
+    EXPECT_EQ(request.kind(), TreflectMessage::kRequest);
+}
+
+TEST_F(RegistryTest, resolveIsAnsweredForOwnObjectsOnly) {
+    Probe probe("here");
+    auto const sender = peerWith(0);
+    for (auto const& [name, ioid] : std::vector<std::pair<std::string, unsigned int>>{
+             {"here", probe.getInternalOID()}, {"nowhere", 0}}) {
+        TipprmiStream request(sender->make(5, TreflectMessage::tResolve, TreflectMessage::kRequest),
+                              true);
+        request << unit(name);
+        std::size_t const before = sender->count();
+        sender->send(orb().termId(), request.msg());
+        TreflectReleaseHandlerState const released;
+        TipprmiStream response(sender->await(before), false);
+        unsigned int answer = 99;
+        response >> answer;
+        EXPECT_EQ(answer, ioid) << name;
+    }
+}
+
+TEST_F(RegistryTest, identifierOfAnotherNamespaceIsLeftToItsBroker) {
+    Probe probe("node", NSID_NODE);
+    Location const found = orb(NSID_UNIT).locateObject(TipprmiOID("node", NSID_NODE));
+    EXPECT_EQ(found.getServer(), &probe);
+    EXPECT_EQ(found.orbId(), orb(NSID_NODE).orbId());
+}
+
+TEST_F(RegistryTest, locationSurvivesTheStream) {
+    TipprmiStream stream(100);
+    stream << static_cast<TreflectObjectLocationIf const&>(
+        Location(0x55u, TreflectOrbId(0x01020304u), nullptr, unit("lamp")));
+    Location read(0u, TreflectOrbId(), nullptr, unit(""));
+    stream >> read;
+    EXPECT_EQ(read.getInternalOID(), 0x55u);
+    EXPECT_EQ(read.orbId().value(), 0x01020304u);
+    EXPECT_EQ(read.getOID(), unit("lamp"));
+}
+
+}  // namespace
