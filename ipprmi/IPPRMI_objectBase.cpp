@@ -1,7 +1,10 @@
 #include <cstdio>
 
 #include "ipprmi/TipprmiObjectBase.h"
+#include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
+// The broker finds its objects by identifier, and must hear of a new one.
+#include "reflect/TreflectORB.h"
 
 namespace {
 
@@ -47,4 +50,11 @@ TipprmiExceptionContainer TipprmiObjectBase::getExceptionContainer() const {
 
 bool TipprmiObjectBase::hasOID() const {
     return oid_.getIdString() != nullptr;
+}
+
+void TipprmiObjectBase::setOID(TipprmiOID const& oid) {
+    oid_ = oid;
+    auto const* const server = dynamic_cast<TipprmiObjectSkeleton const*>(this);
+    if (server && server->getORB())
+        server->getORB()->identifierChanged_(*server);
 }

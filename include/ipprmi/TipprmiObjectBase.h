@@ -46,9 +46,8 @@ public:
     /** Whether the identifier has a text. */
     virtual bool hasOID() const;
 
-    void setOID(TipprmiOID const& oid) {
-        oid_ = oid;
-    }
+    /** A server object is found under its new identifier from now on. */
+    void setOID(TipprmiOID const& oid);
     void setInternalOID(unsigned int internalOid) {
         internalOid_ = internalOid;
     }

@@ -44,8 +44,7 @@ TEST_F(OrbIdentityTest, namespacesWithoutAGroupGiveZero) {
     EXPECT_EQ(identity_.groupOf(static_cast<NamespaceId>(77)), 0);
     EXPECT_TRUE(log_.records().empty());
     EXPECT_EQ(identity_.groupOf(NSID_UNDEF), 0);
-    EXPECT_EQ(
-        log_.count(3, "ORB (orbId=0x1020304) can not handle namespace id NSID_UNDEF"), 1u);
+    EXPECT_EQ(log_.count(3, "ORB (orbId=0x1020304) can not handle namespace id NSID_UNDEF"), 1u);
 }
 
 TEST_F(OrbIdentityTest, namespaceOfAGroup) {

@@ -17,18 +17,18 @@
 #include "reflect.h"
 
 enum ProbeMethod : unsigned int {
-    kEcho = 1,           // (unsigned, string) -> the same
-    kThrowError = 2,     // std::runtime_error
-    kThrowNumber = 3,    // an int
-    kEndThread = 4,      // ends the worker that serves the call
-    kHold = 5,           // blocks until release(), without the permission
-    kTakeTwice = 6,      // leaves with a second level of the permission
-    kReleaseAll = 7,     // leaves without the permission
-    kDeleteBrokers = 8,  // deletes all brokers of its process
-    kExit = 9,           // ends its process
-    kCallBack = 10,      // (string name, unsigned) -> what echo of the object `name` answers
-    kRefuse = 11,        // not handled
-    kNote = 12,          // one-way: raises noted()
+    kEcho = 1,            // (unsigned, string) -> the same
+    kThrowError = 2,      // std::runtime_error
+    kThrowNumber = 3,     // an int
+    kEndThread = 4,       // ends the worker that serves the call
+    kHold = 5,            // blocks until release(), without the permission
+    kTakeTwice = 6,       // leaves with a second level of the permission
+    kReleaseAll = 7,      // leaves without the permission
+    kDeleteBrokers = 8,   // deletes all brokers of its process
+    kExit = 9,            // ends its process
+    kCallBack = 10,       // (string name, unsigned) -> what echo of the object `name` answers
+    kRefuse = 11,         // not handled
+    kNote = 12,           // one-way: raises noted()
     kHoldPermission = 13  // blocks until release(), with the permission
 };
 
@@ -40,9 +40,9 @@ public:
     using TipprmiObjectClient::TipprmiObjectClient;
 
     struct Answer {
-        bool succeeded = false;            // what the broker answered
-        unsigned int exceptionType = 99;   // of the container in the response
-        unsigned int exceptionCode = 99;   // of its general exception
+        bool succeeded = false;           // what the broker answered
+        unsigned int exceptionType = 99;  // of the container in the response
+        unsigned int exceptionCode = 99;  // of its general exception
         unsigned int number = 0;
         std::string text;
     };

@@ -1,4 +1,5 @@
-// A termination that speaks the brokers' wire format by hand, so that tests see and send every byte.
+// A termination that speaks the brokers' wire format by hand, so that tests see and send every
+// byte.
 #pragma once
 
 #include <condition_variable>
@@ -59,18 +60,16 @@ public:
         return Transport::Termination(to).issue(message.addressed());
     }
     /** Answers `request` with what `write` puts into the response. */
-    void answer(TreflectMessage const& request,
-                std::function<void(TipprmiStream&)> const& write) {
+    void answer(TreflectMessage const& request, std::function<void(TipprmiStream&)> const& write) {
         TipprmiStream response(
             make(request.transactionId(), request.type(), TreflectMessage::kResponse), true);
         write(response);
         send(request.originator(), response.msg());
     }
     /** A request for a call of an object. */
-    void sendCall(Transport::TerminationId to, unsigned int id, unsigned int ioid,
-                  bool transaction, unsigned int cc, int mc) {
-        TipprmiStream request(
-            make(id, TreflectMessage::tPayload, TreflectMessage::kRequest), true);
+    void sendCall(Transport::TerminationId to, unsigned int id, unsigned int ioid, bool transaction,
+                  unsigned int cc, int mc) {
+        TipprmiStream request(make(id, TreflectMessage::tPayload, TreflectMessage::kRequest), true);
         request << ioid << transaction << cc << mc;
         send(to, request.msg());
     }

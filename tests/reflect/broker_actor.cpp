@@ -84,9 +84,7 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
         callForever(name, static_cast<int>(number));
     } else if (verb == "hold") {
         words >> name;
-        std::thread([name] {
-            answer("held ", callOnce(name, kHold, 0).exceptionCode);
-        }).detach();
+        std::thread([name] { answer("held ", callOnce(name, kHold, 0).exceptionCode); }).detach();
     } else if (verb == "noted") {
         words >> name;
         answer("noted ", probes_.at(name)->noted());

@@ -1,0 +1,238 @@
+// How brokers are made, deleted and made anew, and how processes with brokers end.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "BrokerActor.h"
+#include "BrokerTest.h"
+#include "Probe.h"
+#include "RawPeer.h"
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+class LifecycleTest : public BrokerTest {};
+
+TEST_F(LifecycleTest, oneBrokerPerNamespaceHoweverManyAsk) {
+    std::vector<TreflectORB*> units(8);
+    std::vector<TreflectORB*> nodes(8);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < units.size(); ++i)
+        threads.emplace_back([&, i] {
+            units[i] = TreflectORB::getInstance(NSID_UNIT);
+            nodes[i] = TreflectORB::getInstance(NSID_NODE);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(std::set<TreflectORB*>(units.begin(), units.end()).size(), 1u);
+    EXPECT_EQ(std::set<TreflectORB*>(nodes.begin(), nodes.end()).size(), 1u);
+    EXPECT_NE(units[0], nullptr);
+    EXPECT_NE(units[0], nodes[0]);
+    EXPECT_EQ(log_.count(5, "ORB created for actor "), 2u);
+    EXPECT_EQ(units[0]->orbId().namespaceId(), NSID_UNIT);
+    EXPECT_EQ(nodes[0]->orbId().namespaceId(), NSID_NODE);
+}
+
+TEST_F(LifecycleTest, namespacesWithoutABroker) {
+    EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(-1)), nullptr);
+    EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(256)), nullptr);
+    EXPECT_EQ(log_.count(3, "can not handle namespace id "), 2u);
+    TreflectORB* const undefined = TreflectORB::getInstance(NSID_UNDEF);
+    ASSERT_NE(undefined, nullptr);
+    EXPECT_EQ(undefined->termId().groupId(), 0);
+    EXPECT_TRUE(log_.contains("can not handle namespace id NSID_UNDEF"));
+    TipprmiOID const oid("lamp", static_cast<NamespaceId>(7));
+    EXPECT_EQ(orb().locateObject(oid).getInternalOID(), 0u) << "by a broker without a group";
+}
+
+TEST_F(LifecycleTest, deletionWithoutABrokerOnlyLogs) {
+    TreflectORB::prepareForDeletion();
+    log_.clear();
+    prepareOrbForDeletion();
+    EXPECT_EQ(log_.texts(), (std::vector<std::string>{"prepareOrbForDeletion() called",
+                                                      "prepareOrbForDeletion() returns"}));
+    EXPECT_EQ(log_.records()[0].source, "PrepareOrbForDeletion");
+}
+
+TEST_F(LifecycleTest, deletionEndsOutstandingCallsAndKeepsThePermission) {
+    RawPeer peer(group());
+    orb(NSID_NODE);
+    constexpr std::size_t kCallers = 5;
+    std::vector<std::thread> callers;
+    for (std::size_t i = 0; i < kCallers; ++i)
+        callers.emplace_back([&] {
+            TipprmiStream request(100);
+            TipprmiStream response(100);
+            request << 1u << true << 2u << 3;
+            TreflectHandlerState const handlerState(true);
+            TreflectOrbId const target = orb().convertId(peer.termId());
+            EXPECT_FALSE(orb().forwardMsg(target, true, request, response));
+        });
+    peer.await(kCallers - 1);
+    {
+        TreflectHandlerState const handlerState(true);
+        prepareOrbForDeletion();
+        EXPECT_TRUE(TreflectORB::hasRunPermission());
+        EXPECT_EQ(TreflectORB::getRunPermissionCount(), 1u);
+    }
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), kCallers);
+}
+
+TEST_F(LifecycleTest, objectsOutliveTheirBrokerAndCanJoinTheNext) {
+    TreflectHandlerState const handlerState(true);
+    Probe probe("lamp");
+    TreflectORB* const before = probe.getORB();
+    EXPECT_EQ(before, &orb());
+    prepareOrbForDeletion();
+    EXPECT_EQ(probe.getORB(), nullptr);
+    EXPECT_EQ(probe.orbId().value(), 0u);
+    probe.connect(nullptr, TipprmiOID("lamp", NSID_UNIT));
+    EXPECT_EQ(probe.getORB(), &orb());
+    EXPECT_EQ(orb().locateObject(TipprmiOID("lamp", NSID_UNIT)).getServer(), &probe);
+}
+
+TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; ++i)
+        callers.emplace_back([&] {
+            while (!stop) {
+                TreflectHandlerState const handlerState(true);
+                ProbeClient client{TipprmiOID("nobody", NSID_UNIT)};
+                client.call(kEcho, 1);
+            }
+        });
+    for (int i = 0; i < 5; ++i) {
+        orb();
+        std::thread other([] { TreflectORB::prepareForDeletion(); });
+        TreflectORB::prepareForDeletion();
+        other.join();
+    }
+    stop = true;
+    for (std::thread& caller : callers)
+        caller.join();
+}
+
+TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
+    RawPeer peer(group());
+    std::unique_ptr<Probe> probe;
+    {
+        TreflectHandlerState const handlerState(true);
+        probe = std::make_unique<Probe>("slow");
+    }
+    peer.sendCall(orb().termId(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
+    ASSERT_TRUE(probe->entered().wait());
+    Transport::TerminationId const broker = orb().termId();
+    testsupport::Gate deleted;
+    std::thread deleter([&] {
+        prepareOrbForDeletion();
+        deleted.open();
+    });
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return !Transport::TransportLayer::instance().exists(broker); }));
+    EXPECT_FALSE(deleted.isOpen());
+    EXPECT_EQ(TreflectORB::getInstance(NSID_NODE), nullptr) << "none is made meanwhile";
+    probe->release();
+    deleter.join();
+    TreflectHandlerState const handlerState(true);
+    probe.reset();
+}
+
+TEST_F(LifecycleTest, forkedChildLeavesTheBrokersAlone) {
+    orb();
+    pid_t const child = fork();
+    if (child == 0) {
+        TreflectORB::prepareForDeletion();
+        bool const same = TreflectORB::getInstance(NSID_NODE) == nullptr;
+        _exit(same ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    RawPeer peer(group());
+    peer.sendCall(orb().termId(), 1, 2, true, 3, 4);
+    EXPECT_EQ(peer.await(0).transactionId(), 1u) << "the parent's broker still answers";
+}
+
+/** Ways to end a process with brokers. */
+class ProcessEndTest : public BrokerTest {
+protected:
+    /** How the actor ended; it must not take long. */
+    int endOf(BrokerActor& actor) {
+        auto const start = steady_clock::now();
+        int const code = actor.child().exitCode();
+        EXPECT_LT(steady_clock::now() - start, seconds(15));
+        return code;
+    }
+    /** Starts a call to the actor that nobody waits for. */
+    void send(unsigned int method, unsigned int number) {
+        TreflectHandlerState const handlerState(true);
+        ProbeClient(TipprmiOID("far", NSID_UNIT)).send(method, number);
+    }
+};
+
+TEST_F(ProcessEndTest, byReturnFromMain) {
+    BrokerActor actor;
+    actor.publish("far");
+    actor.ask("publish node 2", "published");
+    actor.tell("return 3");
+    EXPECT_EQ(endOf(actor), 3);
+}
+
+TEST_F(ProcessEndTest, byExitInAnotherThread) {
+    BrokerActor actor;
+    actor.publish("far");
+    actor.tell("exit 4");
+    EXPECT_EQ(endOf(actor), 4);
+}
+
+TEST_F(ProcessEndTest, byExitInAWorker) {
+    BrokerActor actor;
+    actor.publish("far");
+    send(kExit, 5);
+    EXPECT_EQ(endOf(actor), 5);
+}
+
+TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
+    BrokerActor server;
+    server.publish("far");
+    BrokerActor caller;
+    caller.publish("other");
+    caller.tell("callforever far 4");
+    server.tell("callforever other 4");
+    caller.await("calling");
+    server.await("calling");
+    caller.tell("return 6");
+    EXPECT_EQ(endOf(caller), 6);
+    server.tell("return 7");
+    EXPECT_EQ(endOf(server), 7);
+}
+
+TEST_F(ProcessEndTest, whileACallIsHeldForEver) {
+    BrokerActor actor;
+    actor.publish("far");
+    send(kHold, 0);
+    actor.tell("call far 1");
+    actor.await("called");
+    actor.tell("return 8");
+    EXPECT_EQ(endOf(actor), 8);
+}
+
+TEST_F(ProcessEndTest, whileSomebodyKeepsThePermissionForEver) {
+    BrokerActor actor;
+    actor.publish("far");
+    TipprmiOID const oid("far", NSID_UNIT);
+    send(kHoldPermission, 0);
+    actor.tell("return 9");
+    EXPECT_EQ(endOf(actor), 9);
+}
+
+}  // namespace

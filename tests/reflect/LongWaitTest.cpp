@@ -1,0 +1,56 @@
+// A target that lives and does not answer: the prescribed times, for real.
+#include <signal.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "BrokerActor.h"
+#include "RendezvousFolder.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+/** A line that must come about `when` after `start`. */
+void expectAt(BrokerActor& actor, steady_clock::time_point start, seconds when,
+              std::string const& part) {
+    EXPECT_TRUE(actor.child().waitForErrorLine(part, when + seconds(25))) << part;
+    auto const passed = steady_clock::now() - start;
+    EXPECT_GE(passed, when - milliseconds(500)) << part;
+    EXPECT_LT(passed, when + seconds(20)) << part;
+}
+
+TEST(LongWait, callerGivesUpAfterAMinuteAndBothSidesReset) {
+    testsupport::RendezvousFolder const folder;
+    BrokerActor target;
+    BrokerActor caller;
+    target.publish("mute");
+    target.ask("script 0", "script");
+    caller.ask("script 3", "script");
+    caller.publish("own");
+    auto const start = steady_clock::now();
+    caller.tell("hold mute");
+
+    expectAt(caller, start, seconds(30), " waits now  30 seconds for response from 0x");
+    expectAt(caller, start, seconds(30), "    ReflMsg output: tPayld, kRequ.(kUndef), des=");
+    expectAt(caller, start, seconds(30), "    Message data: ioid=0x");
+    expectAt(caller, start, seconds(60), " waits now  60 seconds for response from 0x");
+    expectAt(caller, start, seconds(60), " is waiting since 1 minutes for 0x");
+    expectAt(target, start, seconds(60), " received response failure message from 0x");
+    expectAt(target, start, seconds(60), "    ReflMsg output: tPayld, kReFai(kReFai), des=");
+    expectAt(caller, start, seconds(60), ", now triggering an abort()");
+    for (BrokerActor* const actor : {&caller, &target}) {
+        EXPECT_TRUE(actor->child().waitForErrorLine(" requests UNIT RESET"));
+        EXPECT_EQ(actor->await("script"), "/opt/vdk/bin/QMB_FCT_logs.sh");
+        EXPECT_EQ(actor->child().exitCode(), -SIGABRT);
+    }
+    EXPECT_TRUE(caller.child().waitForErrorLine("QMB_FCT log collection failed with status:3"));
+    EXPECT_TRUE(
+        target.child().waitForErrorLine("QMB_FCT log collection script executed successfully"));
+}
+
+}  // namespace
