@@ -295,6 +295,18 @@ TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
     EXPECT_EQ(actors_[1]->timesTold("departed", ids_[0]), 0u);
 }
 
+TEST_F(PresenceTest, programThatForksBeforeItsFirstTerminationIsLikeAnyOther) {
+    startActors(1);
+    PresenceActor daemon;
+    EXPECT_EQ(daemon.ask("identity", "identity"), "identity 1 1 presence_actor");
+    daemon.ask("daemonize", "daemonized");
+    std::string const id = daemon.start();
+    EXPECT_TRUE(actors_[0]->waitUntilTold("arrived", id));
+    EXPECT_EQ(daemon.known(), 2u);
+    daemon.child().writeLine("quit");
+    EXPECT_TRUE(actors_[0]->waitUntilTold("departed", id));
+}
+
 TEST_F(PresenceTest, descriptorsAreNotPassedOnToPrograms) {
     PresenceActor before;
     std::string const without = before.ask("inheritable", "inheritable");

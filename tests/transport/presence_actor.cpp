@@ -301,6 +301,10 @@ void obey(std::string const& line, Seats& seats) {
         view(seats);
     } else if (command == "withoutHandles") {
         say(refuseProcessHandles() ? "without yes" : "without no");
+    } else if (command == "daemonize") {
+        if (::fork() != 0)
+            ::_exit(0);
+        say("daemonized " + std::to_string(::getpid()));
     } else if (command == "exec") {
         ::execl("/bin/sleep", "sleep", "1000", nullptr);
     } else if (command == "fork") {

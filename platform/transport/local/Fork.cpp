@@ -13,13 +13,14 @@ void noteFork() {
     forked.store(true, std::memory_order_relaxed);
 }
 
-/** Registers the handler once, when the library is loaded. */
-int const registered = pthread_atfork(nullptr, nullptr, noteFork);
-
 }  // namespace
 
+void watchForForks() {
+    static int const registered = pthread_atfork(nullptr, nullptr, noteFork);
+    static_cast<void>(registered);
+}
+
 bool inForkedChild() {
-    (void)registered;
     return forked.load(std::memory_order_relaxed);
 }
 

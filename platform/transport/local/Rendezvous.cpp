@@ -1,6 +1,5 @@
 #include "platform/transport/local/Rendezvous.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/Identity.h"
+#include "platform/transport/local/Fork.h"
 #include "platform/transport/local/RendezvousState.h"
 
 namespace Transport {
@@ -17,10 +17,6 @@ namespace {
 
 constexpr char const* kSource = "TransportRendezvous";
 constexpr int kNameIds = 0xFFFF;
-
-/** Set in a child that was forked after the first address was given: it has none of the threads and
- * locks. */
-std::atomic<bool> forked{false};
 
 }  // namespace
 
@@ -30,7 +26,7 @@ bool Rendezvous::State::openFolder(std::string const& path) {
     if (folder == nullptr) {
         folder = EntryFolder::open(path).release();
         if (folder != nullptr)
-            ::pthread_atfork(nullptr, nullptr, [] { forked = true; });
+            watchForForks();
     }
     return folder != nullptr;
 }
@@ -167,24 +163,24 @@ Rendezvous& Rendezvous::instance() {
 
 TerminationId Rendezvous::reserve(GroupId group, std::string const& name) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    return forked ? TerminationId() : state_.reserve(group, name);
+    return inForkedChild() ? TerminationId() : state_.reserve(group, name);
 }
 
 int Rendezvous::publish(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    return forked ? -1 : state_.publish(own);
+    return inForkedChild() ? -1 : state_.publish(own);
 }
 
 void Rendezvous::withdraw(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    if (!forked)
+    if (!inForkedChild())
         state_.withdraw(own);
 }
 
 int Rendezvous::connectTo(TerminationId peer) {
     OSWrap::DisableCancelStateGuard const uncancelled;
     PresenceTable::Entry entry;
-    if (!forked && state_.table.find(peer, entry))
+    if (!inForkedChild() && state_.table.find(peer, entry))
         return state_.folder.load()->connect(entry.file).release();
     errno = ENOENT;
     return -1;
@@ -192,30 +188,30 @@ int Rendezvous::connectTo(TerminationId peer) {
 
 bool Rendezvous::ownedBy(TerminationId id, pid_t pid) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    return !forked && state_.ownedBy(id, pid);
+    return !inForkedChild() && state_.ownedBy(id, pid);
 }
 
 bool Rendezvous::exists(TerminationId id) const {
-    return !forked && state_.table.exists(id);
+    return !inForkedChild() && state_.table.exists(id);
 }
 
 std::vector<TerminationId> Rendezvous::terminations() const {
-    return forked ? std::vector<TerminationId>() : state_.table.ids();
+    return inForkedChild() ? std::vector<TerminationId>() : state_.table.ids();
 }
 
 void Rendezvous::suspect(TerminationId id) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    if (!forked)
+    if (!inForkedChild())
         state_.suspect(id);
 }
 
 void Rendezvous::attach(PresenceListener& listener) {
-    if (!forked)
+    if (!inForkedChild())
         state_.table.attach(listener);
 }
 
 void Rendezvous::detach(PresenceListener& listener) {
-    if (!forked)
+    if (!inForkedChild())
         state_.table.detach(listener);
 }
 
