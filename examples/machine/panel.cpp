@@ -21,9 +21,9 @@ namespace {
 
 struct Options {
     unsigned int refreshes = 10;
-    unsigned int interval = 1000;  // milliseconds between two refreshes
-    unsigned int patience = 30;    // seconds to look for a machine that is not there
-    unsigned int alarmLimit = 0;   // percent to set as the alarm limit of all processors; 0: none
+    unsigned int interval = 1000;              // milliseconds between two refreshes
+    unsigned int patience = 30;                // seconds to look for a machine that is not there
+    unsigned int alarmLimit = 0;               // percent, for all processors; 0: leave theirs
     bool redraw = isatty(STDOUT_FILENO) == 1;  // paint each table over the last one
 };
 
@@ -122,12 +122,12 @@ void pause(unsigned int milliseconds) {
     OSWrap::Thread::sleep(milliseconds / 1000, milliseconds % 1000 * 1000000ul);
 }
 
-/** False when the machine stays away. */
-bool waitForMachine(Options const& options) {
+/** Looks for the machine and sets its limits; false when it stays away, or refuses them. */
+bool findMachine(Options const& options) {
     constexpr unsigned int kStep = 100;
     for (unsigned int waited = 0; waited < options.patience * 1000; waited += kStep) {
         if (InventoryClient(inventory::id()).isConnected())
-            return true;
+            return options.alarmLimit == 0 || setAlarmLimits(options.alarmLimit);
         pause(kStep);
     }
     std::puts("panel: the machine stays away, giving up");
@@ -137,7 +137,7 @@ bool waitForMachine(Options const& options) {
 bool run(Options const& options) {
     if (options.redraw)
         std::printf("\033[2J");
-    if (!waitForMachine(options) || (options.alarmLimit && !setAlarmLimits(options.alarmLimit)))
+    if (!findMachine(options))
         return false;
     for (unsigned int number = 1; number <= options.refreshes;) {
         if (showMachine(number, options)) {
@@ -146,7 +146,7 @@ bool run(Options const& options) {
             continue;
         }
         std::puts("panel: the machine is gone, looking for it");
-        if (!waitForMachine(options))
+        if (!findMachine(options))
             return false;
         std::puts("panel: the machine is back");
     }
