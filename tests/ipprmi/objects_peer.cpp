@@ -1,4 +1,4 @@
-// Child program of RemoteCallTest: serves objects until its input ends.
+// Child program of ObjectCallTest: serves objects until its input ends.
 #include <cstdio>
 
 #include "PeerObjects.h"

@@ -46,9 +46,9 @@ using testsupport::ChildProgram;
 using testsupport::eventually;
 using testsupport::LogCapture;
 
-class RemoteCallTest : public ::testing::Test {
+class ObjectCallTest : public ::testing::Test {
 protected:
-    RemoteCallTest() { startPeer(); }
+    ObjectCallTest() { startPeer(); }
     void startPeer() {
         child = std::make_unique<ChildProgram>("objects_peer");
         ASSERT_TRUE(child->waitForLine("serving"));
@@ -71,7 +71,7 @@ protected:
     TreflectHandlerState const inside{true};
 };
 
-TEST_F(RemoteCallTest, AnObjectIsFoundByIdentifierAndCalled) {
+TEST_F(ObjectCallTest, AnObjectIsFoundByIdentifierAndCalled) {
     TipprmiObjectClient const object(peer::id());
     ASSERT_TRUE(object.isConnected());
     EXPECT_EQ(object.getServer(), nullptr);
@@ -82,7 +82,7 @@ TEST_F(RemoteCallTest, AnObjectIsFoundByIdentifierAndCalled) {
     EXPECT_EQ(child->exitCode(std::chrono::milliseconds(0)), -1000) << "and lives on";
 }
 
-TEST_F(RemoteCallTest, AOneWayCallArrives) {
+TEST_F(ObjectCallTest, AOneWayCallArrives) {
     TipprmiObjectClient const object(peer::id());
     for (int i = 0; i < 10; ++i)
         EXPECT_TRUE(tipprmiSend(object, peer::kClass, peer::kCount));
@@ -91,7 +91,7 @@ TEST_F(RemoteCallTest, AOneWayCallArrives) {
     }));
 }
 
-TEST_F(RemoteCallTest, AHandleThatIsPassedLeadsBackToItsObject) {
+TEST_F(ObjectCallTest, AHandleThatIsPassedLeadsBackToItsObject) {
     peer::Server mine(TipprmiOID("", NSID_UNIT));
     TipprmiObjectClient const object(peer::id());
     auto const text =
@@ -100,7 +100,7 @@ TEST_F(RemoteCallTest, AHandleThatIsPassedLeadsBackToItsObject) {
     EXPECT_EQ(text.value(), "back1");
 }
 
-TEST_F(RemoteCallTest, AKilledPeerMakesItsStubInvalidAndItsSuccessorIsFound) {
+TEST_F(ObjectCallTest, AKilledPeerMakesItsStubInvalidAndItsSuccessorIsFound) {
     TipprmiObjectClient const object(peer::id());
     ASSERT_TRUE(join(object));
     child->kill();
@@ -117,7 +117,7 @@ TEST_F(RemoteCallTest, AKilledPeerMakesItsStubInvalidAndItsSuccessorIsFound) {
     EXPECT_EQ(join(TipprmiObjectClient(peer::id())).value(), "number 17");
 }
 
-TEST_F(RemoteCallTest, AHandleOnAnAbsentNameConnectsWhenItIsUsed) {
+TEST_F(ObjectCallTest, AHandleOnAnAbsentNameConnectsWhenItIsUsed) {
     child->closeInput();
     ASSERT_EQ(child->exitCode(), 0);
     TipprmiObjectClient const object(peer::id());
@@ -131,7 +131,7 @@ TEST_F(RemoteCallTest, AHandleOnAnAbsentNameConnectsWhenItIsUsed) {
     EXPECT_EQ(TipprmiObjectClient(peer::id()).getStub_(), object.getStub_());
 }
 
-TEST_F(RemoteCallTest, TheExceptionContainerPairWorksRemotely) {
+TEST_F(ObjectCallTest, TheExceptionContainerPairWorksRemotely) {
     TipprmiObjectClient const object(peer::id());
     TreflectObjectStub const& stub = *object.getStub_();
     EXPECT_EQ(stub.getExceptionContainer().getExceptionType(), 0u);
@@ -142,7 +142,7 @@ TEST_F(RemoteCallTest, TheExceptionContainerPairWorksRemotely) {
     EXPECT_FALSE(join(object)) << "it stands at the head of every response from now on";
 }
 
-TEST_F(RemoteCallTest, ABrokenAnswerToTheExceptionContainerPairIsReported) {
+TEST_F(ObjectCallTest, ABrokenAnswerToTheExceptionContainerPairIsReported) {
     TipprmiObjectClient const object(peer::truncatingId());
     LogCapture const log;
     object.getStub_()->setExceptionContainer(TipprmiExceptionContainer());
@@ -153,7 +153,7 @@ TEST_F(RemoteCallTest, ABrokenAnswerToTheExceptionContainerPairIsReported) {
 }
 
 #ifndef SANITIZED
-TEST_F(RemoteCallTest, ACallAllocatesNothingOnceItIsWarm) {
+TEST_F(ObjectCallTest, ACallAllocatesNothingOnceItIsWarm) {
     TipprmiObjectClient const object(peer::id());
     auto const counted = [&] {
         return tipprmiCall<unsigned int>(object, peer::kClass, peer::kCounted);
