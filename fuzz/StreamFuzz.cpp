@@ -136,7 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (size == 0)
         return 0;
     // Few steps: each may double what there is.
-    std::size_t const steps = std::min<std::size_t>(std::min<std::size_t>(data[0], 24), size - 1);
+    std::size_t const steps = std::min<std::size_t>(std::min<std::size_t>(data[0], 14), size - 1);
     std::uint8_t const* const payload = data + 1 + steps;
     auto const bytes = static_cast<unsigned int>(size - 1 - steps);
     TreflectMessage message(nullptr, 0, bytes);
