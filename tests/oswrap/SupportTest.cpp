@@ -33,7 +33,8 @@ TEST(ChildProgram, canBeKilledAndIsNotWaitedForInVain) {
     EXPECT_EQ(child.exitCode(std::chrono::milliseconds(1)), -1000);
     child.kill();
     EXPECT_EQ(child.exitCode(), -SIGKILL);
-    EXPECT_EQ(ChildProgram(Command{"/no/such/program"}).exitCode(), 127);
+    ChildProgram missing(Command{"/no/such/program"});
+    EXPECT_EQ(missing.exitCode(), 127) << ::testing::PrintToString(missing.errorLines());
 }
 
 TEST(ChildProgram, isNotStuckOnMuchOutput) {
