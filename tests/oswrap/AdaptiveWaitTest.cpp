@@ -8,6 +8,7 @@
 #include "oswrap/Thread.h"
 
 using OSWrap::AdaptiveWait;
+using OSWrap::Clock;
 
 namespace {
 
@@ -84,18 +85,26 @@ TEST(AdaptiveWait, takesUpPollingAgainWhenWaitsGetShort) {
 }
 
 TEST(AdaptiveWait, stopsPollingInTheProcessWhenOthersNeedTheProcessors) {
-    AdaptiveWait place;
+    constexpr long long kSurelyPaused = 8'000'000;  // the shortest pause is 10 ms
     AdaptiveWait elsewhere;
-    ASSERT_TRUE(pollsBeforeLong(place));
-    // The time between two questions is what counts: here a sleep, else somebody else's turn.
-    int questions = 0;
-    bool const found = place.poll([&] {
-        if (++questions > 1)
-            OSWrap::Thread::sleep(0, 2'000'000);
-        return questions > 3;
-    });
-    EXPECT_FALSE(found);
-    EXPECT_FALSE(polls(elsewhere));
+    bool pausedElsewhere = false;
+    auto const looksInTime = [&] {
+        AdaptiveWait place;
+        EXPECT_TRUE(pollsBeforeLong(place));
+        // The time between two yields is what counts: here the second question's sleep, else
+        // somebody else's turn. A third question shows that there were two yields.
+        long long const start = Clock::nowNanoseconds();
+        int questions = 0;
+        place.poll([&] {
+            if (++questions > 1)
+                OSWrap::Thread::sleep(0, 1'000'000);
+            return false;
+        });
+        pausedElsewhere = !polls(elsewhere);
+        return questions > 2 && Clock::nowNanoseconds() - start < kSurelyPaused;
+    };
+    ASSERT_TRUE(testsupport::eventually(looksInTime));
+    EXPECT_TRUE(pausedElsewhere);
     EXPECT_TRUE(pollsBeforeLong(elsewhere));
 }
 
