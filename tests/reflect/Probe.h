@@ -99,7 +99,7 @@ public:
                 break;
             case kHoldPermission:
                 entered_.open();
-                released_.wait();
+                released_.wait(std::chrono::hours(1));
                 break;
             case kTakeTwice:
                 TreflectORB::getRunPermission();
@@ -141,7 +141,7 @@ private:
         TreflectReleaseHandlerState const released;
         ++held_;
         entered_.open();
-        released_.wait();
+        released_.wait(std::chrono::hours(1));
         --held_;
     }
 

@@ -116,7 +116,7 @@ void Actor::callForever(std::string const& name, int threads) {
 }  // namespace
 
 int main() {
-    auto& actor = *new Actor;  // its probes outlive exit
+    static auto& actor = *new Actor;  // its probes outlive exit
     answer("ready");
     for (std::string line; std::getline(std::cin, line);) {
         std::istringstream words(line);
