@@ -4,6 +4,7 @@
 #include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "transport/TransportLayer.h"
 
 std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
 
@@ -57,8 +58,21 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TipprmiOID const& oid) {
         invalidStub_.incRefCount();
         return &invalidStub_;
     }
-    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
-    return adoptStub(orb ? orb->locateObject(oid) : TreflectORB::TreflectObjectLocation(oid));
+    return adoptStub(search(oid, NSID_UNIT));
+}
+
+// A broker that goes while the thread queues for the permission has had its stubs made invalid
+// already; whatever is put into the table now must not lead there.
+TreflectORB::TreflectObjectLocation TreflectObjectHandler::search(TipprmiOID const& oid,
+                                                                  NamespaceId asked) {
+    TreflectORB const* const orb = TreflectORB::getInstance(asked);
+    if (!orb)
+        return TreflectORB::TreflectObjectLocation(oid);
+    TreflectORB::TreflectObjectLocation const found = orb->locateObject(oid);
+    bool const answered = found.hasOID() && found.getInternalOID() != 0 && !found.getServer();
+    if (answered && !Transport::TransportLayer::instance().exists(orb->convertId(found.orbId())))
+        return TreflectORB::TreflectObjectLocation(oid);
+    return found;
 }
 
 TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectORB const*, TipprmiOID const& oid) {

@@ -158,9 +158,8 @@ void TreflectObjectStub::connect(TreflectORB const*, TipprmiOID const& oid) {
         return;
     TipprmiOID const sought = oid;
     bool const wasConnected = isConnected();
-    TreflectORB const* const orb = TreflectORB::getInstance(sought.getNamespaceId());
     TreflectORB::TreflectObjectLocation const found =
-        orb ? orb->locateObject(sought) : TreflectORB::TreflectObjectLocation(sought);
+        TreflectObjectHandler::search(sought, sought.getNamespaceId());
     if (!isValid() || (found.getInternalOID() == 0 && !wasConnected && isConnected()))
         return;
     lead(sought, found.getInternalOID(), found.orbId(), found.getServer());

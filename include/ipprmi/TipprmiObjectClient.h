@@ -11,7 +11,8 @@ class TreflectObjectStub;
 /**
  * A light handle on an object anywhere. All handles on one object share a stub, which the stub
  * handler owns. A value; use it under the run permission (making, copying and destroying it take
- * the permission by themselves), and keep it as it is while a call through it is under way.
+ * the permission by themselves). A call gives the permission up while it waits: another thread may
+ * then assign the handle or destroy it, without harm to calls of ClientCallHelper.
  *
  * What it costs: a handle on a name that nobody serves asks every broker of the group when it is
  * made, when it is copied and when it is called. A handle on an object of a broker that has gone

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
 
@@ -49,6 +50,9 @@ private:
 
     TreflectObjectHandler();
     ~TreflectObjectHandler() = delete;
+    /** Where the broker of a namespace finds an object; nowhere when that place has gone since. The
+     * caller has the run permission and keeps it until the answer is in the table. */
+    static TreflectORB::TreflectObjectLocation search(TipprmiOID const& oid, NamespaceId asked);
     /** For a stub that changes: takes it out of the table and answers whether it was in. */
     static bool takeOut(TreflectObjectStub* stub);
     static void putBack(TreflectObjectStub* stub);

@@ -100,6 +100,30 @@ TEST_F(ObjectCallTest, AHandleThatIsPassedLeadsBackToItsObject) {
     EXPECT_EQ(text.value(), "back1");
 }
 
+/** Lets go of a handle when it is called. */
+class LettingGo : public peer::Server {
+public:
+    explicit LettingGo(TipprmiObjectClient& handle)
+        : Server(TipprmiOID("", NSID_UNIT)), handle_(handle) {}
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        handle_ = TipprmiObjectClient();
+        return Server::dispatch(withResponse, cc, mc, in, out);
+    }
+
+private:
+    TipprmiObjectClient& handle_;
+};
+
+TEST_F(ObjectCallTest, AHandleMayBeLetGoWhileACallThroughItWaits) {
+    TipprmiObjectClient object(peer::id());
+    LettingGo lettingGo(object);
+    auto const text =
+        tipprmiCall<std::string>(object, peer::kClass, peer::kCallBack, *lettingGo.getClient());
+    EXPECT_EQ(text.value(), "back1");
+    EXPECT_FALSE(object.isConnected());
+}
+
 TEST_F(ObjectCallTest, AKilledPeerMakesItsStubInvalidAndItsSuccessorIsFound) {
     TipprmiObjectClient const object(peer::id());
     ASSERT_TRUE(join(object));
