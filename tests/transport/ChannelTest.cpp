@@ -58,9 +58,7 @@ private:
 
 class ChannelTest : public testing::Test {
 protected:
-    void startOwn() {
-        ASSERT_EQ(own_.start(), 1);
-    }
+    void startOwn() { ASSERT_EQ(own_.start(), 1); }
     bool meet(Peer& peer) { return peer.id().value() != 0 && own_.waitUntilKnown(peer.id()); }
 
     testsupport::RendezvousFolder folder_;

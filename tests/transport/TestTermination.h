@@ -12,7 +12,8 @@ namespace transporttest {
 
 constexpr Transport::GroupId kGroup = 3;
 
-/** Head of the messages that the tests send; pattern bytes that depend on `number` fill the rest. */
+/** Head of the messages that the tests send; pattern bytes that depend on `number` fill the rest.
+ */
 struct TestHead {
     enum Kind : std::uint32_t { Numbered = 1, Echo = 2, Answer = 3 };
     std::uint32_t kind;
@@ -61,11 +62,11 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    Tally tally_;                                  // guarded by mutex_
-    std::map<unsigned int, std::uint32_t> next_;   // guarded by mutex_; expected of each originator
-    std::set<unsigned int> known_;                 // guarded by mutex_
-    std::set<unsigned int> gone_;                  // guarded by mutex_
-    std::uint32_t lastAnswer_ = 0;                 // guarded by mutex_
+    Tally tally_;                                 // guarded by mutex_
+    std::map<unsigned int, std::uint32_t> next_;  // guarded by mutex_; expected of each originator
+    std::set<unsigned int> known_;                // guarded by mutex_
+    std::set<unsigned int> gone_;                 // guarded by mutex_
+    std::uint32_t lastAnswer_ = 0;                // guarded by mutex_
 };
 
 }  // namespace transporttest

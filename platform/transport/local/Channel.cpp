@@ -241,15 +241,15 @@ void Channel::connect() {
         if (errno == EAGAIN)
             retryLater(kBacklogFullRetry);
         else
-            giveUp("nobody listens there");
+            giveUp(6, "nobody listens there");
         return;
     }
     if (!peerIsGenuine(socket.get())) {
-        giveUp("another process listens in its name");
+        giveUp(4, "who listens there is not its owner");
         return;
     }
     if (!sayHello(std::move(socket)))
-        giveUp("the connection could not be made");
+        giveUp(3, "the connection could not be made");
 }
 
 bool Channel::sayHello(Descriptor socket) {
@@ -277,8 +277,8 @@ bool Channel::peerIsGenuine(int socket) {
            Rendezvous::instance().ownedBy(peer_, identity.process);
 }
 
-void Channel::giveUp(char const* reason) {
-    REFLECTORB_LOG(6, kSource, "no connection from 0x%08X to 0x%08X: %s", own_id_.value(),
+void Channel::giveUp(int level, char const* reason) {
+    REFLECTORB_LOG(level, kSource, "no connection from 0x%08X to 0x%08X: %s", own_id_.value(),
                    peer_.value(), reason);
     close(Unread::GiveBack);
     if (Rendezvous::instance().exists(peer_)) {

@@ -125,7 +125,7 @@ private:
     void connect();
     bool sayHello(Descriptor socket);
     void retryLater(long long nanoseconds);
-    void giveUp(char const* reason);
+    void giveUp(int level, char const* reason);
     bool peerIsGenuine(int socket);
     bool mayAnswer(int socket);
     void dropAttempt();

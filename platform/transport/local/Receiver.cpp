@@ -150,13 +150,12 @@ void Receiver::unsentLess(std::size_t count) {
  * sleeps. Ends after `stop`. */
 void Receiver::run() {
     threadId_.store(OSWrap::Thread::getCurrentId());
-    nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
     int turns = 0;
     while (!stopping()) {
-        bool const requests = serveRequests();
-        bool const messages = serveInbox();
-        bool const rings = serveChannels();
-        if (requests || messages || rings) {
+        bool const asked = serveRequests();
+        bool const local = serveInbox();
+        bool const remote = serveChannels();
+        if (asked || local || remote) {
             if (++turns % kTurnsBetweenEvents == 0)
                 serveEvents(0);
         } else if (!waiting_.poll([this] { return ready(); })) {
@@ -219,6 +218,7 @@ bool Receiver::serveRequests() {
     if (!attention_.load())
         return false;
     attention_.store(false);
+    inboxFilled_ = true;
     {
         OSWrap::Lock<> lock(inboxMutex_);
         serving_.swap(requests_);
@@ -227,40 +227,29 @@ bool Receiver::serveRequests() {
         channel->service();
     bool const served = !serving_.empty();
     serving_.clear();
-    OSWrap::Lock<> lock(inboxMutex_);
-    return served || !inbox_.empty() || !errors_.empty();
+    return served;
 }
 
+/** A bounded number of messages of this process, those that come back first. */
 bool Receiver::serveInbox() {
-    bool served = serveErrors();
-    for (int count = 0; count < kMessagesPerTurn && !stopping(); ++count) {
+    for (int count = 0; count < kMessagesPerTurn && inboxFilled_ && !stopping(); ++count) {
         AddressedMessage message;
+        bool comesBack = false;
         {
             OSWrap::Lock<> lock(inboxMutex_);
-            message = inbox_.pop();
+            comesBack = !errors_.empty();
+            message = comesBack ? errors_.pop() : inbox_.pop();
         }
-        if (message.empty())
-            return served;
-        served = true;
-        deliver(message);
-    }
-    return served;
-}
-
-bool Receiver::serveErrors() {
-    bool served = false;
-    for (int count = 0; count < kMessagesPerTurn && !stopping(); ++count) {
-        AddressedMessage message;
-        {
-            OSWrap::Lock<> lock(inboxMutex_);
-            message = errors_.pop();
+        if (message.empty()) {
+            inboxFilled_ = false;
+            return count > 0;
         }
-        if (message.empty())
-            break;
-        served = true;
-        owner_->receiveError(message);
+        if (comesBack)
+            owner_->receiveError(message);
+        else
+            owner_->receive(message);
     }
-    return served;
+    return inboxFilled_;
 }
 
 /** A bounded number of messages of each hot channel. A callback may change the list only through
@@ -287,12 +276,17 @@ int Receiver::deliverCopy(AddressedMessage const& message) {
         return 0;
     {
         OSWrap::Lock<> lock(inboxMutex_);
-        if (closed_ || inbox_.bytes() + MessageQueue::weight(message.size()) > kMostQueuedBytes)
+        if (refusing_ || inbox_.bytes() + MessageQueue::weight(message.size()) > kMostQueuedBytes)
             return 0;
         inbox_.push(std::move(copy));
     }
     wake();
     return 1;
+}
+
+void Receiver::refuseReceiving() {
+    OSWrap::Lock<> lock(inboxMutex_);
+    refusing_ = true;
 }
 
 int Receiver::giveBack(AddressedMessage message) {
@@ -344,7 +338,7 @@ void Receiver::serveEvents(int timeoutMilliseconds) {
     asleep_.store(false);
     for (int i = 0; i < count && !stopping(); ++i)
         serveEvent(events[i].data.u64);
-    if (nextTimer_ != kNever || !channels_.empty())
+    if (nextTimer_ != kNever || nextIdleLook_ != kNever)
         serveTimers();
 }
 
@@ -375,7 +369,7 @@ void Receiver::wakeAt(long long time) {
 
 /** Milliseconds until something is due; -1: nothing ever is. */
 int Receiver::timeout() const {
-    long long const due = channels_.empty() ? nextTimer_ : std::min(nextTimer_, nextIdleLook_);
+    long long const due = std::min(nextTimer_, nextIdleLook_);
     if (due == kNever)
         return -1;
     long long const left = due - OSWrap::Clock::nowNanoseconds();
@@ -388,6 +382,8 @@ void Receiver::serveTimers() {
     if (now < nextTimer_ && !idleLook)
         return;
     nextTimer_ = kNever;
+    if (idleLook)
+        nextIdleLook_ = kNever;
     if (!accepting_ && watch(listening_.get(), 0, Source::Listening))
         accepting_ = true;
     std::vector<std::uint32_t> late;
@@ -401,24 +397,25 @@ void Receiver::serveTimers() {
         dropStranger(token);
     for (auto const& [token, channel] : channels_)
         serving_.push_back(channel);
-    for (auto const& channel : serving_) {
-        if (idleLook)
-            channel->giveBackIfIdle();
-        if (channel->retryAt() != 0 && channel->retryAt() <= now)
-            channel->service();
-        else if (channel->retryAt() != 0)
-            wakeAt(channel->retryAt());
-    }
+    for (auto const& channel : serving_)
+        serveTimers(*channel, now, idleLook);
     serving_.clear();
-    if (idleLook)
+}
+
+void Receiver::serveTimers(Channel& channel, long long now, bool idleLook) {
+    if (idleLook && channel.connected()) {
+        channel.giveBackIfIdle();
         nextIdleLook_ = now + idleLookIntervalNow.load();
+    }
+    if (channel.retryAt() != 0 && channel.retryAt() <= now)
+        channel.service();
+    else if (channel.retryAt() != 0)
+        wakeAt(channel.retryAt());
 }
 
 // ---- Channels ----------------------------------------------------------------------------------
 
 void Receiver::enrol(Channel& channel) {
-    if (channels_.empty())
-        nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
     channels_.emplace(channel.token(), channel.shared_from_this());
 }
 
@@ -429,6 +426,8 @@ void Receiver::dismiss(Channel& channel) {
 
 void Receiver::makeHot(Channel& channel) {
     channel.wakeUp();
+    if (nextIdleLook_ == kNever)
+        nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
     for (auto const& hot : hot_)
         if (hot.get() == &channel)
             return;
@@ -562,7 +561,7 @@ void Receiver::closeInbox() {
     std::vector<std::shared_ptr<Channel>> requests;
     {
         OSWrap::Lock<> lock(inboxMutex_);
-        closed_ = true;
+        refusing_ = closed_ = true;
         unread.swap(inbox_);
         errors_.clear();
         requests.swap(requests_);

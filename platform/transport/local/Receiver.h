@@ -48,6 +48,8 @@ public:
     TerminationId id() const { return id_; }
     /** Takes a copy of a message from a termination of this process; 1 when taken. */
     int deliverCopy(AddressedMessage const& message);
+    /** From now on no message of this process is taken: the termination is out of sight. */
+    void refuseReceiving();
     /** Takes messages, each without other owners, that are to go through receiveError. */
     int giveBack(AddressedMessage message);
     void giveBack(MessageQueue& messages);
@@ -97,7 +99,6 @@ private:
     void run();
     bool serveRequests();
     bool serveInbox();
-    bool serveErrors();
     bool serveChannels();
     bool ready() const;
     void sleep();
@@ -105,6 +106,7 @@ private:
     void serveEvents(int timeoutMilliseconds);
     void serveEvent(std::uint64_t data);
     void serveTimers();
+    void serveTimers(Channel& channel, long long now, bool idleLook);
     int timeout() const;
     void acceptStrangers();
     void receiveStranger(Descriptor socket);
@@ -132,6 +134,7 @@ private:
     MessageQueue inbox_ OSW_GUARDED_BY(inboxMutex_);
     MessageQueue errors_ OSW_GUARDED_BY(inboxMutex_);
     std::vector<std::shared_ptr<Channel>> requests_ OSW_GUARDED_BY(inboxMutex_);
+    bool refusing_ OSW_GUARDED_BY(inboxMutex_) = false;  // messages, but not those that come back
     bool closed_ OSW_GUARDED_BY(inboxMutex_) = false;
 
     OSWrap::ConditionVar change_;  // a leaf: told when finished_ is set or unsent_ falls to 0
@@ -139,14 +142,15 @@ private:
     bool started_ OSW_GUARDED_BY(change_) = false;
 
     // Receiving thread only.
+    bool inboxFilled_ = false;  // inbox_ or errors_ may hold something
     Descriptor listening_;
     bool accepting_ = true;
     std::unordered_map<std::uint32_t, Stranger> strangers_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
     std::vector<std::shared_ptr<Channel>> serving_;
-    long long nextTimer_;  // when serveTimers has something to do
-    long long nextIdleLook_;
+    long long nextTimer_;     // when serveTimers has something to do
+    long long nextIdleLook_;  // never, while no channel is connected
     OSWrap::AdaptiveWait waiting_;
 };
 

@@ -134,6 +134,8 @@ void Switchboard::onGone(TerminationId id) {
             it = self.channels_.erase(it);
         }
     }
+    if (std::shared_ptr<Receiver> const own = self.receiver(id))
+        own->refuseReceiving();
     for (auto const& channel : channels)
         channel->peerGone();
 }

@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+
+#include "ChildProgram.h"
+#include "LogCapture.h"
+#include "RendezvousFolder.h"
+#include "TestTermination.h"
+#include "Waiting.h"
+#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Receiver.h"
+#include "platform/transport/local/Rendezvous.h"
+
+namespace transporttest {
+namespace {
+
+using namespace Transport;
+
+bool waitReadable(int fd) {
+    pollfd poll{fd, POLLIN, 0};
+    return ::poll(&poll, 1, 30'000) == 1;
+}
+
+/** Waits for the next packet; Closed at the end. */
+Transfer waitForPacket(int fd, ReceivedPacket& received) {
+    return waitReadable(fd) ? receivePacket(fd, received) : Transfer::Later;
+}
+
+/** Bells, of which each channel has its own. */
+std::size_t openBells() {
+    std::size_t count = 0;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry.path(), gone) == "anon_inode:[eventfd]")
+            ++count;
+    }
+    return count;
+}
+
+/**
+ * A peer that speaks the protocol by hand, and badly if told to. It owns a real entry of the
+ * rendezvous folder, so the termination under test takes it for one of its kind.
+ */
+class HandMadePeer {
+public:
+    HandMadePeer()
+        : id_(Rendezvous::instance().reserve(kGroup, "hand-made")),
+          listening_(Rendezvous::instance().publish(id_)) {}
+    ~HandMadePeer() { Rendezvous::instance().withdraw(id_); }
+
+    TerminationId id() const { return id_; }
+    int listening() const { return listening_.get(); }
+    int socket() const { return socket_.get(); }
+    ControlPage& page() { return own_.page(); }
+    unsigned char* ring() { return own_.ring.mapping.data(); }
+
+    bool connect(TerminationId to) {
+        to_ = to;
+        socket_ = Descriptor(Rendezvous::instance().connectTo(to));
+        return socket_.valid();
+    }
+    void accept() {
+        waitReadable(listening_.get());
+        socket_ = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
+    Packet packet(Packet::Kind kind, std::uint32_t capacity = 0) const {
+        return {kMagic, kProtocolVersion, kind, id_.value(), to_.value(), kLayoutCheck, capacity};
+    }
+    void sayHello() {
+        own_ = OwnSide::make();
+        sendPacket(socket_.get(), packet(Packet::Hello, kSmallestRing), own_.file.get(),
+                   own_.bell.get());
+    }
+    bool isWelcome() {
+        ReceivedPacket received;
+        if (waitForPacket(socket_.get(), received) != Transfer::Done ||
+            received.packet.kind != Packet::Welcome)
+            return false;
+        peer_ = PeerSide::of(received);
+        return peer_.valid();
+    }
+    bool open(TerminationId to) {
+        if (!connect(to))
+            return false;
+        sayHello();
+        return isWelcome();
+    }
+    bool isDropped() {
+        ReceivedPacket received;
+        return waitForPacket(socket_.get(), received) == Transfer::Closed;
+    }
+    void ring(FrameHead const& head, std::uint32_t tail) {
+        std::memcpy(ring(), &head, sizeof head);
+        page().tail.store(tail);
+        ringBell(peer_.bell.get());
+    }
+
+private:
+    TerminationId id_;
+    TerminationId to_;
+    Descriptor listening_;
+    Descriptor socket_;
+    OwnSide own_;
+    PeerSide peer_;
+};
+
+class HandshakeTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(own_.start(), 1); }
+
+    testsupport::RendezvousFolder folder_;
+    testsupport::LogCapture log_;
+    TestTermination own_;
+};
+
+TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
+    HandMadePeer peer;
+    std::vector<std::function<void()>> const nonsense = {
+        [&] { ::send(peer.socket(), "hello", 5, 0); },
+        [&] {
+            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
+            packet.version = 77;
+            sendPacket(peer.socket(), packet);
+        },
+        [&] {
+            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
+            packet.to ^= 1;
+            sendPacket(peer.socket(), packet);
+        },
+        [&] { sendPacket(peer.socket(), peer.packet(Packet::Bye)); },
+    };
+    for (auto const& send : nonsense) {
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        send();
+        EXPECT_TRUE(peer.isDropped());
+    }
+    EXPECT_TRUE(log_.waitFor("it sent nonsense", nonsense.size()));
+    HandMadePeer good;
+    EXPECT_TRUE(good.open(own_.termId()));
+}
+
+TEST_F(HandshakeTest, AProcessCannotClaimATerminationOfAnother) {
+    testsupport::ChildProgram child("transport_peer");
+    std::string const ready = child.waitForLine("ready ").value_or("ready 0");
+    Packet claim{kMagic,       kProtocolVersion, Packet::Hello, 0, own_.termId().value(),
+                 kLayoutCheck, kSmallestRing};
+    HandMadePeer peer;
+    for (unsigned long const id : {std::stoul(ready.substr(6), nullptr, 16), 0x03010ABCul}) {
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        claim.from = static_cast<std::uint32_t>(id);
+        sendPacket(peer.socket(), claim);
+        EXPECT_TRUE(peer.isDropped());
+    }
+    EXPECT_TRUE(log_.waitFor("refused process", 2));
+}
+
+TEST_F(HandshakeTest, MemoryThatIsNotSealedOrTheBellOfAnotherKindIsRefused) {
+    HandMadePeer peer;
+    OwnSide good = OwnSide::make();
+    Descriptor small = makeSealedFile(kRingOffset);
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    Descriptor readEnd(pipe[0]);
+    Descriptor writeEnd(pipe[1]);
+    struct Case {
+        int file;
+        int bell;
+        std::uint32_t capacity;
+    };
+    Case const cases[] = {
+        {small.get(), good.bell.get(), kSmallestRing},
+        {writeEnd.get(), good.bell.get(), kSmallestRing},
+        {good.file.get(), writeEnd.get(), kSmallestRing},
+        {good.file.get(), good.bell.get(), kSmallestRing + 8},
+        {good.file.get(), -1, kSmallestRing},
+        {-1, -1, kSmallestRing},
+    };
+    for (Case const& bad : cases) {
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        sendPacket(peer.socket(), peer.packet(Packet::Hello, bad.capacity), bad.file, bad.bell);
+        EXPECT_TRUE(peer.isDropped());
+    }
+    EXPECT_TRUE(log_.waitFor("its shared memory makes no sense", std::size(cases)));
+}
+
+TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndNoOther) {
+    HandMadePeer good;
+    ASSERT_TRUE(good.open(own_.termId()));
+    std::vector<std::function<void(HandMadePeer&)>> const nonsense = {
+        [](HandMadePeer& peer) {
+            peer.ring({100, 8}, 112);
+        },
+        [](HandMadePeer& peer) {
+            peer.ring({0, kNextRing}, 8);
+        },
+        [](HandMadePeer& peer) { sendPacket(peer.socket(), peer.packet(Packet::Hello)); },
+        [](HandMadePeer& peer) { sendPacket(peer.socket(), peer.packet(Packet::NextRing)); },
+        [](HandMadePeer& peer) { ::send(peer.socket(), "x", 1, 0); },
+        [this](HandMadePeer& peer) {
+            peer.page().head.store(0x80000000);
+            for (std::uint32_t i = 0; i < 100; ++i)
+                own_.send(peer.id(), TestHead::Numbered, i, 1000);
+        },
+    };
+    for (auto const& spoil : nonsense) {
+        HandMadePeer peer;
+        ASSERT_TRUE(peer.open(own_.termId()));
+        spoil(peer);
+        ReceivedPacket received;
+        Transfer transfer = waitForPacket(peer.socket(), received);
+        while (transfer == Transfer::Done)
+            transfer = waitForPacket(peer.socket(), received);
+        EXPECT_EQ(transfer, Transfer::Closed);
+    }
+    EXPECT_TRUE(log_.waitFor("closing the channel", nonsense.size()));
+    good.ring({0, 0}, 8);
+    EXPECT_TRUE(own_.waitForReceived(1)) << "the good one has suffered";
+}
+
+TEST_F(HandshakeTest, WhatABrokenChannelHeldComesBackAndTheNextMessageMakesANewOne) {
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.open(own_.termId()));
+    ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
+    peer.ring({100, 8}, 112);
+    EXPECT_TRUE(own_.waitForReturned(1));
+    ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
+    peer.accept();
+    ReceivedPacket hello;
+    ASSERT_EQ(waitForPacket(peer.socket(), hello), Transfer::Done);
+    EXPECT_EQ(hello.packet.kind, Packet::Hello);
+}
+
+TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {
+    HandMadePeer higher;
+    ASSERT_LT(own_.termId(), higher.id());
+    ASSERT_EQ(own_.send(higher.id(), TestHead::Numbered, 0, 100), 1);
+    higher.accept();
+    ReceivedPacket hello;
+    ASSERT_EQ(waitForPacket(higher.socket(), hello), Transfer::Done);
+    ASSERT_EQ(hello.packet.kind, Packet::Hello);
+    HandMadePeer* const peer = &higher;
+    Descriptor second(Rendezvous::instance().connectTo(own_.termId()));
+    OwnSide side = OwnSide::make();
+    Packet crossing = peer->packet(Packet::Hello, kSmallestRing);
+    crossing.to = own_.termId().value();
+    sendPacket(second.get(), crossing, side.file.get(), side.bell.get());
+    ReceivedPacket answer;
+    ASSERT_EQ(waitForPacket(second.get(), answer), Transfer::Done);
+    EXPECT_EQ(answer.packet.kind, Packet::Crossed);
+}
+
+TEST_F(HandshakeTest, APeerThatNeverAnswersHoldsNothingUp) {
+    HandMadePeer silent;
+    for (std::uint32_t i = 0; i < 100; ++i)
+        ASSERT_EQ(own_.send(silent.id(), TestHead::Numbered, i), 1);
+    silent.accept();
+    EXPECT_TRUE(own_.ping(own_.termId(), 1));
+    HandMadePeer good;
+    EXPECT_TRUE(good.open(own_.termId()));
+}
+
+TEST_F(HandshakeTest, IdleChannelsAreGivenBackAndMadeAgain) {
+    Receiver::idleLookInterval(2'000'000);
+    testsupport::ChildProgram child("transport_peer");
+    std::string const ready = child.waitForLine("ready ").value_or("ready 0");
+    TerminationId const peer(static_cast<unsigned>(std::stoul(ready.substr(6), nullptr, 16)));
+    ASSERT_TRUE(own_.waitUntilKnown(peer));
+    std::size_t const before = openBells();
+    std::uint32_t number = 0;
+    for (std::uint32_t round = 1; round <= 20; ++round) {
+        ASSERT_TRUE(own_.ping(peer, round));
+        // Some rounds meet the channel while it is being given back.
+        if (round % 4 == 0)
+            EXPECT_TRUE(testsupport::eventually([&] { return openBells() <= before; }));
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(1500 * round));
+        for (int i = 0; i < 20; ++i)
+            ASSERT_EQ(own_.send(peer, TestHead::Numbered, number++, 200), 1);
+    }
+    EXPECT_TRUE(own_.ping(peer, 1000)) << "the answer comes after all that was sent before";
+    child.writeLine("report");
+    EXPECT_EQ(child.waitForLine("report "), "report 400 0 0 0");
+    EXPECT_EQ(own_.tally().returned, 0u);
+}
+
+}  // namespace
+}  // namespace transporttest

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "RendezvousFolder.h"
+#include "TestTermination.h"
+#include "Waiting.h"
+
+namespace transporttest {
+namespace {
+
+using Transport::AddressedMessage;
+using Transport::Termination;
+
+/** Terminations that live in one process. */
+class LocalTest : public testing::Test {
+protected:
+    testsupport::RendezvousFolder folder_;
+};
+
+/** Calls a function on its receiving thread. */
+class CallingTermination : public TestTermination {
+public:
+    ~CallingTermination() override { stop(); }
+    bool receive(AddressedMessage const& message) override {
+        ++calls_;
+        std::function<void()> const action = action_;
+        bool const result = TestTermination::receive(message);
+        if (action)
+            action();
+        return result;
+    }
+    void onReceive(std::function<void()> action) { action_ = std::move(action); }
+    int calls() const { return calls_; }
+
+private:
+    std::function<void()> action_;  // set before messages come
+    std::atomic<int> calls_{0};
+};
+
+TEST_F(LocalTest, ATerminationSendsToItselfAndToOthersOfItsProcess) {
+    TestTermination first;
+    TestTermination second;
+    ASSERT_EQ(first.start(), 1);
+    ASSERT_EQ(second.start(), 1);
+    EXPECT_NE(first.termId(), second.termId());
+    for (std::uint32_t i = 0; i < 1000; ++i) {
+        ASSERT_EQ(first.send(first.termId(), TestHead::Numbered, i, 8 + i), 1);
+        ASSERT_EQ(second.send(first.termId(), TestHead::Numbered, i, 8 + i), 1);
+    }
+    EXPECT_TRUE(first.waitForReceived(2000));
+    EXPECT_EQ(first.tally().faults, 0u);
+    EXPECT_TRUE(second.ping(first.termId(), 1));
+}
+
+TEST_F(LocalTest, TheBufferMayBeChangedWhenIssueHasReturned) {
+    TestTermination own;
+    ASSERT_EQ(own.start(), 1);
+    AddressedMessage message = own.allocateMessage(sizeof(TestHead), 5);
+    EXPECT_EQ(message.originator(), own.termId());
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        TestHead const head{TestHead::Numbered, i};
+        std::memcpy(message.buf(), &head, sizeof head);
+        ASSERT_EQ(own.issue(message), 1);
+    }
+    EXPECT_EQ(message.destination(), own.termId());
+    EXPECT_TRUE(own.waitForReceived(100));
+    EXPECT_EQ(own.tally().faults, 0u);
+}
+
+TEST_F(LocalTest, AMessageGivenBackByHandComesThroughReceiveErrorAsACopy) {
+    TestTermination own;
+    ASSERT_EQ(own.start(), 1);
+    AddressedMessage message = own.allocateMessage(100, 5);
+    EXPECT_EQ(own.issueError(message), 1);
+    message.buf()[0] = 77;
+    EXPECT_TRUE(own.waitForReturned(1));
+    EXPECT_EQ(Termination(Transport::TerminationId(0x03010FFFu)).issueError(message), 0);
+}
+
+TEST_F(LocalTest, NothingGoesFromOrToATerminationThatIsNotStarted) {
+    TestTermination started;
+    TestTermination fresh;
+    ASSERT_EQ(started.start(), 1);
+    EXPECT_EQ(fresh.send(started.termId(), TestHead::Numbered, 0), 0);
+    EXPECT_EQ(started.send(fresh.termId(), TestHead::Numbered, 0), 0);
+    ASSERT_EQ(fresh.start(), 1);
+    EXPECT_EQ(fresh.start(), 0) << "started twice";
+    EXPECT_TRUE(fresh.ping(started.termId(), 1));
+    fresh.stop();
+    fresh.stop();
+    EXPECT_EQ(fresh.send(started.termId(), TestHead::Numbered, 0), 0);
+    EXPECT_EQ(started.send(fresh.termId(), TestHead::Numbered, 0), 0);
+    EXPECT_EQ(fresh.start(), 0) << "started again";
+    EXPECT_TRUE(started.waitUntilGone(fresh.termId()));
+}
+
+TEST_F(LocalTest, StopReturnsOnlyWhenTheRunningCallbackHasEnded) {
+    CallingTermination own;
+    testsupport::Gate inside;
+    testsupport::Gate goOn;
+    std::atomic<bool> ended{false};
+    own.onReceive([&] {
+        inside.open();
+        goOn.wait();
+        ended = true;
+    });
+    ASSERT_EQ(own.start(), 1);
+    ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 0), 1);
+    ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 1), 1);
+    ASSERT_TRUE(inside.wait());
+    std::thread opener([&] {
+        testsupport::eventually([&] { return own.send(own.termId(), TestHead::Numbered, 2) == 0; });
+        goOn.open();
+    });
+    own.stop();
+    EXPECT_TRUE(ended);
+    int const calls = own.calls();
+    opener.join();
+    EXPECT_EQ(own.calls(), calls);
+}
+
+TEST_F(LocalTest, ATerminationMayBeStoppedAndDeletedInItsOwnCallback) {
+    TestTermination other;
+    ASSERT_EQ(other.start(), 1);
+    for (bool const deleting : {false, true}) {
+        auto* own = new CallingTermination;
+        testsupport::Gate done;
+        own->onReceive([&] {
+            if (deleting)
+                delete own;
+            else
+                own->stop();
+            done.open();
+        });
+        ASSERT_EQ(own->start(), 1);
+        Transport::TerminationId const id = own->termId();
+        ASSERT_EQ(other.send(id, TestHead::Numbered, 0), 1);
+        ASSERT_TRUE(done.wait());
+        EXPECT_TRUE(other.waitUntilGone(id));
+        EXPECT_EQ(other.send(id, TestHead::Numbered, 1), 0);
+        if (!deleting)
+            delete own;
+    }
+}
+
+TEST_F(LocalTest, WhatAStoppedTerminationHasNotReadComesBack) {
+    TestTermination sender;
+    auto receiver = std::make_unique<CallingTermination>();
+    testsupport::Gate inside;
+    testsupport::Gate goOn;
+    receiver->onReceive([&] {
+        inside.open();
+        goOn.wait();
+    });
+    ASSERT_EQ(sender.start(), 1);
+    ASSERT_EQ(receiver->start(), 1);
+    for (std::uint32_t i = 0; i < 10; ++i)
+        ASSERT_EQ(sender.send(receiver->termId(), TestHead::Numbered, i, 500), 1);
+    ASSERT_TRUE(inside.wait());
+    std::thread stopper([&] { receiver->stop(); });
+    EXPECT_TRUE(sender.waitUntilGone(receiver->termId()));
+    testsupport::eventually(
+        [&] { return receiver->send(sender.termId(), TestHead::Numbered, 0) == 0; });
+    goOn.open();
+    stopper.join();
+    std::uint32_t const read = static_cast<std::uint32_t>(receiver->calls());
+    EXPECT_TRUE(sender.waitForReturned(10 - read));
+    EXPECT_EQ(sender.tally().returned, 10 - read);
+    EXPECT_EQ(sender.tally().returnedFaults, 0u);
+}
+
+TEST_F(LocalTest, StoppingWhileOthersSendIsSafe) {
+    TestTermination sender;
+    ASSERT_EQ(sender.start(), 1);
+    for (int round = 0; round < 20; ++round) {
+        TestTermination receiver;
+        ASSERT_EQ(receiver.start(), 1);
+        std::atomic<bool> go{true};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i)
+            threads.emplace_back([&] {
+                for (int n = 0; n < 2000 && go; ++n) {
+                    sender.send(receiver.termId(), TestHead::Echo, 1, 64);
+                    receiver.send(sender.termId(), TestHead::Echo, 1, 64);
+                }
+            });
+        EXPECT_TRUE(receiver.ping(sender.termId(), 1));
+        receiver.stop();
+        go = false;
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+}
+
+TEST_F(LocalTest, AFullInboxRefusesAndTakesAgainWhenItIsRead) {
+    CallingTermination own;
+    testsupport::Gate goOn;
+    own.onReceive([&] { goOn.wait(); });
+    ASSERT_EQ(own.start(), 1);
+    std::uint32_t taken = 0;
+    while (own.send(own.termId(), TestHead::Numbered, taken, 4 * 1024 * 1024) == 1)
+        ASSERT_LT(++taken, 100u) << "no limit";
+    EXPECT_GE(taken, 15u);
+    goOn.open();
+    EXPECT_TRUE(own.waitForReceived(taken));
+    EXPECT_EQ(own.send(own.termId(), TestHead::Numbered, taken), 1);
+}
+
+}  // namespace
+}  // namespace transporttest

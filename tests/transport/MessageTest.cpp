@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "platform/transport/MessagePool.h"
+#include "platform/transport/MessageQueue.h"
+#include "transport/AddressedMessage.h"
+
+namespace transporttest {
+namespace {
+
+using Transport::AddressedMessage;
+using Transport::kLargestMessage;
+using Transport::MessagePool;
+using Transport::MessageQueue;
+
+bool isZero(AddressedMessage const& message) {
+    return std::all_of(message.buf(), message.buf() + message.size(),
+                       [](unsigned char byte) { return byte == 0; });
+}
+
+TEST(MessageTest, BuffersAreZeroAlsoWhenTheyWereUsedBefore) {
+    for (std::size_t const size : {0u, 1u, 95u, 96u, 97u, 5000u, 70'000u, 600'000u}) {
+        for (int round = 0; round < 2; ++round) {
+            AddressedMessage message = AddressedMessage::allocate(size);
+            ASSERT_FALSE(message.empty());
+            ASSERT_EQ(message.size(), size);
+            EXPECT_TRUE(isZero(message));
+            EXPECT_EQ(message.originator().value(), 0u);
+            EXPECT_EQ(message.destination().value(), 0u);
+            std::fill(message.buf(), message.buf() + size, static_cast<unsigned char>(0xA5));
+            message.originator(1u);
+            message.destination(2u);
+        }
+    }
+}
+
+TEST(MessageTest, TheLargestSizeIsAllocatedAndOneByteMoreIsNot) {
+    EXPECT_EQ(AddressedMessage::allocate(kLargestMessage).size(), kLargestMessage);
+    EXPECT_TRUE(AddressedMessage::allocate(kLargestMessage + 1).empty());
+    EXPECT_TRUE(AddressedMessage::allocate(static_cast<std::size_t>(-1)).empty());
+}
+
+TEST(MessageTest, CopiesShareTheBufferUntilTheLastIsGone) {
+    AddressedMessage first = AddressedMessage::allocate(16);
+    AddressedMessage second = first;
+    AddressedMessage third;
+    EXPECT_TRUE(third.empty());
+    EXPECT_EQ(third.size(), 0u);
+    third = second;
+    third.buf()[3] = 7;
+    third.originator(0x03010001u);
+    EXPECT_EQ(first.buf()[3], 7);
+    EXPECT_EQ(second.originator().value(), 0x03010001u);
+    first = AddressedMessage();
+    second = std::move(third);
+    EXPECT_EQ(second.buf()[3], 7);
+}
+
+TEST(MessageTest, ASoleOwnerExtendsInPlaceWithinTheReservedRoom) {
+    AddressedMessage message = AddressedMessage::allocate(10, 1000);
+    unsigned char const* const place = message.buf();
+    message.buf()[9] = 1;
+    ASSERT_TRUE(message.extend(1000));
+    EXPECT_EQ(message.buf(), place);
+    EXPECT_EQ(message.size(), 1000u);
+    EXPECT_EQ(message.buf()[9], 1);
+    message.buf()[9] = 0;
+    EXPECT_TRUE(isZero(message));
+
+    message.buf()[500] = 1;
+    EXPECT_TRUE(message.extend(20));
+    EXPECT_TRUE(message.extend(600));
+    EXPECT_TRUE(isZero(message)) << "bytes of a former, longer content came back";
+
+    AddressedMessage const other = message;
+    EXPECT_FALSE(message.extend(700)) << "somebody else sees the buffer";
+    EXPECT_EQ(message.size(), 600u);
+    EXPECT_FALSE(AddressedMessage::allocate(10).extend(100'000));
+    EXPECT_FALSE(AddressedMessage().extend(0));
+}
+
+TEST(MessageTest, QueuesKeepOrderAndKnowTheirWeight) {
+    MessageQueue queue;
+    for (unsigned char i = 0; i < 5; ++i) {
+        AddressedMessage message = AddressedMessage::allocate(100u + i);
+        message.buf()[0] = i;
+        queue.push(std::move(message));
+    }
+    EXPECT_EQ(queue.count(), 5u);
+    EXPECT_EQ(queue.bytes(), 5 * MessageQueue::weight(0) + 510);
+    MessageQueue other;
+    other.push(AddressedMessage::allocate(1));
+    other.append(queue);
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(other.pop().size(), 1u);
+    for (unsigned char i = 0; i < 5; ++i)
+        EXPECT_EQ(other.pop().buf()[0], i);
+    EXPECT_TRUE(other.pop().empty());
+    EXPECT_EQ(other.bytes(), 0u);
+}
+
+/** One thread allocates, another one frees, `rounds` times. */
+void passMessages(int rounds) {
+    constexpr std::size_t kSizes[] = {50, 300, 2000, 60'000};
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<AddressedMessage> batch;
+        for (int i = 0; i < 64; ++i)
+            batch.push_back(AddressedMessage::allocate(kSizes[i % 4]));
+        std::thread([&batch] { batch.clear(); }).join();
+    }
+}
+
+TEST(MessagePoolTest, OneThreadThatAllocatesAndOthersThatFreeNeedNoHeap) {
+    passMessages(4);
+    unsigned long const warm = MessagePool::heapAllocations();
+    passMessages(50);
+    EXPECT_EQ(MessagePool::heapAllocations(), warm);
+}
+
+TEST(MessagePoolTest, WhatAThreadKeptIsThereForOthersAfterItsEnd) {
+    auto allocateSome = [] {
+        std::vector<AddressedMessage> some;
+        for (int i = 0; i < 20; ++i)
+            some.push_back(AddressedMessage::allocate(1000));
+    };
+    std::thread(allocateSome).join();
+    unsigned long const before = MessagePool::heapAllocations();
+    for (int i = 0; i < 10; ++i)
+        std::thread(allocateSome).join();
+    EXPECT_EQ(MessagePool::heapAllocations(), before);
+}
+
+TEST(MessagePoolTest, ABurstIsNotKeptForEver) {
+    {
+        std::vector<AddressedMessage> burst;
+        for (int i = 0; i < 20'000; ++i)
+            burst.push_back(AddressedMessage::allocate(1000));
+        for (int i = 0; i < 200; ++i)
+            burst.push_back(AddressedMessage::allocate(200'000));
+    }
+    EXPECT_LE(MessagePool::commonBytes(), 5u * 1024 * 1024);
+}
+
+}  // namespace
+}  // namespace transporttest
