@@ -4,8 +4,9 @@
 #   reflectorb_benchmark(<name> SOURCES <file>... [INTERNALS] [LIBRARIES <library>...])
 #
 # make programs, which lie in the build tree where their sources lie in this one
-# (build/<preset>/examples/machine/panel). ./run demo and ./run bench build the targets reflectorb-examples and reflectorb-benchmarks, then start examples/machine/demo.sh
-# and bench/bench.sh with the build tree as first argument.
+# (build/<preset>/examples/machine/panel). ./run demo and ./run bench build the targets
+# reflectorb-examples and reflectorb-benchmarks, then start examples/machine/demo.sh and
+# bench/bench.sh with the build tree as first argument.
 #
 #   reflectorb_fuzz_target(<name> SOURCES <file>...)
 #   reflectorb_fuzz_seeds(<name> SOURCES <file>...)
