@@ -33,7 +33,8 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectStub* stub) {
     TreflectHandlerState const handler(true);
     if (stub) {
         stub->incRefCount();
-        checkConnect(stub);
+        if (!stub->isConnected())
+            checkConnect(stub);
     }
     return stub;
 }
