@@ -1,0 +1,108 @@
+// Brokers of a unit and of the node in one process, and units on one machine told apart by slot.
+#include <map>
+#include <memory>
+
+#include "Slowness.h"
+#include "StationActor.h"
+
+namespace {
+
+class NamespacesTest : public StationTest {
+protected:
+    /** Slots 1 and 2 are controllers, 3 and 4 auxiliary units. */
+    static StationActor::Environment inSlot(int slot) {
+        return {{"TRANSPORT_SLOT", std::to_string(slot)},
+                {"TRANSPORT_ACTIVE_SLOT", "1"},
+                {"TRANSPORT_AXU_SLOTS", "3,4"}};
+    }
+    /** A process with an object of its unit and one of the node. */
+    std::unique_ptr<StationActor> start(int slot, std::string const& name) {
+        auto actor = std::make_unique<StationActor>(inSlot(slot));
+        actor->publishStation("unit." + name, "1");
+        actor->publishStation("node." + name, "2");
+        return actor;
+    }
+    static std::string called(StationActor& actor, std::string const& name, std::string const& ns) {
+        if (actor.ask("keep " + name + " " + ns, "kept") == "0")
+            return "not found";
+        return actor.ask("use " + name, "used");
+    }
+    static void setActive(std::vector<StationActor*> const& actors, int slot) {
+        for (StationActor* const actor : actors)
+            actor->ask("active " + std::to_string(slot), "active");
+    }
+};
+
+TEST_F(NamespacesTest, oneProcessServesItsUnitAndTheNodeAtTheSameTime) {
+    StationActor server(inSlot(1));
+    auto const unit = server.publishStation("both", "1");
+    auto const node = server.publishStation("both", "2");
+    EXPECT_EQ(unit.termination >> 16, 0x0101u);
+    EXPECT_EQ(node.termination >> 16, 0x0301u);
+    EXPECT_EQ(unit.broker >> 16, 0x0101u);
+    EXPECT_EQ(node.broker >> 16, 0x0201u);
+    server.publishStation("unit", "1");
+    server.publishStation("node", "2");
+    StationActor client(inSlot(1));
+    for (std::string const name : {"unit 1", "node 2"})
+        EXPECT_EQ(client.ask("keep " + name, "kept"), "1");
+    std::string const count = std::to_string(testsupport::scaled(1000));
+    client.tell("useoften unit " + count);
+    client.tell("useoften node " + count);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(client.await("failed"), "0");
+    EXPECT_EQ(called(client, "unit", "2"), "not found");
+    EXPECT_EQ(called(client, "node", "1"), "not found");
+    server.finish();
+    client.finish();
+}
+
+TEST_F(NamespacesTest, objectsOfTheNodeAreFoundEverywhereThoseOfAUnitInItsGroup) {
+    std::map<std::string, std::unique_ptr<StationActor>> actors;
+    std::map<std::string, int> const slots{{"one", 1}, {"two", 2}, {"three", 3}, {"mate", 3}};
+    for (auto const& [name, slot] : slots)
+        actors[name] = start(slot, name);
+    auto const isAuxiliary = [&](std::string const& name) { return slots.at(name) > 2; };
+    for (auto const& [from, fromSlot] : slots)
+        for (auto const& [to, toSlot] : slots) {
+            EXPECT_EQ(called(*actors[from], "node." + to, "2"), "1") << from << " to " << to;
+            EXPECT_EQ(called(*actors[from], "unit." + to, "1"),
+                      isAuxiliary(from) == isAuxiliary(to) ? "1" : "not found")
+                << from << " to " << to;
+        }
+    for (auto& entry : actors)
+        entry.second->finish();
+}
+
+TEST_F(NamespacesTest, unitFollowsTheActiveControllerWhileItRuns) {
+    auto const one = start(1, "one");
+    auto const two = start(2, "two");
+    auto const three = start(3, "three");
+    auto const mate = start(3, "mate");
+    std::vector<StationActor*> const all{one.get(), two.get(), three.get(), mate.get()};
+    EXPECT_EQ(called(*one, "unit.two", "1"), "1");
+    EXPECT_EQ(called(*three, "unit.mate", "1"), "1");
+    EXPECT_EQ(called(*three, "node.two", "2"), "1");
+
+    // Addresses of a unit are worked out at each call.
+    setActive(all, 2);
+    EXPECT_EQ(one->ask("use unit.two", "used"), "0 0") << "no such termination in group 2";
+    EXPECT_EQ(three->ask("use unit.mate", "used"), "1") << "an auxiliary unit is its own";
+    EXPECT_EQ(three->ask("use node.two", "used"), "1") << "as is the node";
+    setActive(all, 1);
+    EXPECT_EQ(one->ask("use unit.two", "used"), "1") << "the handle was not at fault";
+
+    // A broker that is made anew joins the group of that moment.
+    setActive(all, 2);
+    EXPECT_EQ(called(*three, "unit.two", "1"), "not found");
+    two->ask("unpublish unit.two", "unpublished");
+    two->ask("unpublish node.two", "unpublished");
+    two->ask("renew", "renewed");
+    EXPECT_EQ(two->publishStation("unit.two").termination >> 16, 0x0202u);
+    EXPECT_EQ(called(*three, "unit.two", "1"), "1");
+    EXPECT_EQ(called(*one, "unit.two", "1"), "not found");
+    for (StationActor* const actor : all)
+        actor->finish();
+}
+
+}  // namespace

@@ -1,0 +1,168 @@
+// The object that the processes of these tests serve, and its client.
+#pragma once
+
+#include <algorithm>
+#include <string>
+
+#include "handler_threads.h"
+#include "ipprmi.h"
+#include "reflect.h"
+#include "transport.h"
+
+namespace station {
+
+constexpr unsigned int kClass = 0x57A710;
+enum Method : unsigned int {
+    kRotate = 1,  // (unsigned, string) -> string
+    kAdd = 2,     // (unsigned) one-way
+    kTotal = 3,   // () -> unsigned
+    kRefuse = 4,  // (unsigned code)
+    kRelay = 5,   // (unsigned, string path) -> unsigned
+    kFlip = 6,    // (string) -> string
+    kExtend = 7,  // (identifier) -> identifier
+    kSame = 8,    // (termination id) -> termination id
+    kSum = 9,     // (sequence) -> int
+    kVisit = 10   // (handle, string) -> string
+};
+
+/** An identifier as argument and result. */
+struct Identifier {
+    TipprmiOID oid{static_cast<char const*>(nullptr), NSID_UNIT};
+};
+inline TipprmiStream& operator<<(TipprmiStream& stream, Identifier const& value) {
+    return stream << value.oid;
+}
+inline TipprmiStream& operator>>(TipprmiStream& stream, Identifier& value) {
+    return stream >> value.oid;
+}
+
+/** `text` turned left by `count` places: differs from both arguments, and allocates nothing for a
+ * short text. */
+inline std::string rotated(unsigned int count, std::string text) {
+    if (!text.empty())
+        std::rotate(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(count % text.size()),
+                    text.end());
+    return text;
+}
+inline std::string flipped(std::string text) {
+    for (char& character : text)
+        character = static_cast<char>(character ^ 0x5A);
+    return text;
+}
+inline std::string body(std::size_t size) {
+    std::string text(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>(i * 7 + i / 256);
+    return text;
+}
+
+class Client : public TipprmiObjectClient {
+public:
+    using TipprmiObjectClient::TipprmiObjectClient;
+    explicit Client(std::string const& name, NamespaceId ns = NSID_UNIT)
+        : Client(TipprmiOID(name, ns)) {}
+
+    TipprmiResult<std::string> rotate(unsigned int count, std::string const& text) const {
+        return tipprmiCall<std::string>(*this, kClass, kRotate, count, text);
+    }
+    /** Whether a call came back with the right answer. */
+    bool answers(unsigned int count = 3) const {
+        std::string const text("seven7");
+        return rotate(count, text).value() == rotated(count, text);
+    }
+    TipprmiResult<void> add(unsigned int number) const {
+        return tipprmiSend(*this, kClass, kAdd, number);
+    }
+    TipprmiResult<unsigned int> total() const {
+        return tipprmiCall<unsigned int>(*this, kClass, kTotal);
+    }
+    TipprmiResult<void> refuse(unsigned int code) const {
+        return tipprmiCall<void>(*this, kClass, kRefuse, code);
+    }
+    /** `path`: names with dots between, of the stations to call one inside the other; each adds 1
+     * to the number. */
+    TipprmiResult<unsigned int> relay(unsigned int number, std::string const& path) const {
+        return tipprmiCall<unsigned int>(*this, kClass, kRelay, number, path);
+    }
+    TipprmiResult<std::string> flip(std::string const& text) const {
+        return tipprmiCall<std::string>(*this, kClass, kFlip, text);
+    }
+    TipprmiResult<Identifier> extend(Identifier const& identifier) const {
+        return tipprmiCall<Identifier>(*this, kClass, kExtend, identifier);
+    }
+    TipprmiResult<Transport::TerminationId> same(Transport::TerminationId id) const {
+        return tipprmiCall<Transport::TerminationId>(*this, kClass, kSame, id);
+    }
+    TipprmiResult<int> sum(TipprmiSequence<unsigned int> const& numbers) const {
+        return tipprmiCall<int>(*this, kClass, kSum, numbers);
+    }
+    /** Has the station call `rotate` of the object. */
+    TipprmiResult<std::string> visit(TipprmiObjectClient const& object,
+                                     std::string const& text) const {
+        return tipprmiCall<std::string>(*this, kClass, kVisit, object, text);
+    }
+};
+
+class Server : public TipprmiObjectSkeleton {
+public:
+    explicit Server(std::string const& name, NamespaceId ns = NSID_UNIT)
+        : TipprmiObjectSkeleton(TipprmiOID(name, ns)) {}
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        switch (mc) {
+            case kRotate:
+                return serve(cc, mc, in, out, &Server::rotate);
+            case kAdd:
+                return serve(cc, mc, in, out, &Server::add);
+            case kTotal:
+                return serve(cc, mc, in, out, &Server::total);
+            case kRefuse:
+                return serve(cc, mc, in, out, &Server::refuse);
+            case kRelay:
+                return serve(cc, mc, in, out, &Server::relay);
+            case kFlip:
+                return serve(cc, mc, in, out, &Server::flip);
+            case kExtend:
+                return serve(cc, mc, in, out, &Server::extend);
+            case kSame:
+                return serve(cc, mc, in, out, &Server::same);
+            case kSum:
+                return serve(cc, mc, in, out, &Server::sum);
+            case kVisit:
+                return serve(cc, mc, in, out, &Server::visit);
+            default:
+                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        }
+    }
+
+    unsigned int total() const { return total_; }
+
+private:
+    std::string rotate(unsigned int count, std::string const& text) { return rotated(count, text); }
+    void add(unsigned int number) { total_ += number; }
+    TipprmiResult<void> refuse(unsigned int code) { return TipprmiFailure(code); }
+    TipprmiResult<unsigned int> relay(unsigned int number, std::string const& path) {
+        if (path.empty())
+            return number + 1;
+        std::size_t const end = std::min(path.find('.'), path.size());
+        std::string const rest = end == path.size() ? "" : path.substr(end + 1);
+        return Client(path.substr(0, end)).relay(number + 1, rest);
+    }
+    std::string flip(std::string const& text) { return flipped(text); }
+    Identifier extend(Identifier const& identifier) { return {identifier.oid + ".more"}; }
+    Transport::TerminationId same(Transport::TerminationId id) { return id; }
+    int sum(TipprmiSequence<unsigned int> const& numbers) {
+        unsigned int sum = 0;
+        for (unsigned int i = 0; i < numbers.getLength(); ++i)
+            sum += numbers[i];
+        return -static_cast<int>(sum);
+    }
+    TipprmiResult<std::string> visit(TipprmiObjectClient const& object, std::string const& text) {
+        return tipprmiCall<std::string>(object, kClass, kRotate, 1u, text);
+    }
+
+    unsigned int total_ = 0;  // guarded by the run permission
+};
+
+}  // namespace station

@@ -1,0 +1,72 @@
+// What calls cost once they are under way, and what a process costs that makes none.
+#include <time.h>
+
+#include <chrono>
+#include <optional>
+#include <thread>
+
+#include "StationActor.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+class SteadyStateTest : public StationTest {
+protected:
+    SteadyStateTest() {
+        server_.publishStation("lamp");
+        client_.publishStation("own");
+        EXPECT_EQ(client_.ask("keep lamp", "kept"), "1");
+    }
+    ~SteadyStateTest() override {
+        client_.finish();
+        server_.finish();
+    }
+    void callOften(unsigned int count) {
+        client_.tell("useoften lamp " + std::to_string(count));
+        EXPECT_EQ(client_.await("failed"), "0");
+    }
+    /** Processor time of a whole process, asked without waking it. */
+    static nanoseconds processorTime(StationActor& actor) {
+        clockid_t clock{};
+        timespec time{};
+        if (clock_getcpuclockid(actor.child().pid(), &clock) != 0 ||
+            clock_gettime(clock, &time) != 0)
+            ADD_FAILURE() << "no clock of process " << actor.child().pid();
+        return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+    }
+
+    StationActor server_;
+    StationActor client_;
+};
+
+TEST_F(SteadyStateTest, callsAllocateNothing) {
+    constexpr unsigned long kCalls = 10'000;
+    // The commands themselves, a thread that makes the calls, a further worker: not the calls.
+    constexpr unsigned long kBeside = 300;
+    callOften(2000);
+    StationActor* const actors[]{&client_, &server_};
+    unsigned long before[2];
+    for (int i = 0; i < 2; ++i)
+        before[i] = actors[i]->number("allocations", "allocations");
+    ASSERT_GT(before[0], 0u) << "they are counted";
+    callOften(kCalls);
+    for (int i = 0; i < 2; ++i) {
+        unsigned long const made = actors[i]->number("allocations", "allocations") - before[i];
+        EXPECT_LT(made, kBeside) << (i == 0 ? "client" : "server") << ", in " << kCalls << " calls";
+        RecordProperty(i == 0 ? "client" : "server", std::to_string(made));
+    }
+}
+
+TEST_F(SteadyStateTest, idleProcessUsesNoProcessorTime) {
+    callOften(2000);
+    std::this_thread::sleep_for(milliseconds(2000));
+    nanoseconds const client = processorTime(client_);
+    nanoseconds const server = processorTime(server_);
+    std::this_thread::sleep_for(milliseconds(3000));
+    EXPECT_LT(processorTime(client_) - client, milliseconds(2));
+    EXPECT_LT(processorTime(server_) - server, milliseconds(2));
+}
+
+}  // namespace

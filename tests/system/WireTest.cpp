@@ -1,0 +1,304 @@
+// Every byte that a broker sends to, and takes from, another process: the test plays the other side
+// with messages that it writes and reads by hand, and has no broker itself.
+#include <cstring>
+
+#include "Station.h"
+#include "StationActor.h"
+#include "tests/reflect/RawPeer.h"
+
+namespace {
+
+/** Digits of bytes, with a blank behind every fourth byte. */
+std::string hex(unsigned char const* bytes, std::size_t size) {
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, i > 0 && i % 4 == 0 ? " %02X" : "%02X", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
+std::string hex(unsigned int number) {
+    char digits[9];
+    std::snprintf(digits, sizeof digits, "%08X", number);
+    return digits;
+}
+/** A text as it is encoded, without blanks. */
+std::string hex(std::string const& text) {
+    std::string digits = hex(static_cast<unsigned int>(text.size()));
+    for (unsigned char const byte : text) {
+        char two[3];
+        std::snprintf(two, sizeof two, "%02X", byte);
+        digits += two;
+    }
+    return digits;
+}
+
+std::vector<unsigned char> bytes(std::string const& digits) {
+    std::vector<unsigned char> result;
+    std::string pair;
+    for (char const digit : digits) {
+        if (digit == ' ')
+            continue;
+        pair += digit;
+        if (pair.size() == 2) {
+            result.push_back(static_cast<unsigned char>(std::strtoul(pair.c_str(), nullptr, 16)));
+            pair.clear();
+        }
+    }
+    return result;
+}
+/** `digits` with their blanks where `hex` puts them. */
+std::string spaced(std::string const& digits) {
+    auto const raw = bytes(digits);
+    return hex(raw.data(), raw.size());
+}
+/** Data with its length in front: what follows the header of a message. */
+std::string stream(std::string const& digits) {
+    return hex(static_cast<unsigned int>(bytes(digits).size())) + digits;
+}
+
+std::string const kEmptyContainer = "00000000 00000000";
+std::string const kFailure = "00000001 00000004 00000000";
+std::string const kAddress = "00C0FFEE";
+std::string const kClass = "0057A710";
+
+class WireTest : public testing::Test {
+protected:
+    /** One transport for the whole program, as a process has no other. */
+    static testsupport::RendezvousFolder& folder() {
+        static auto& folder = *new testsupport::RendezvousFolder;
+        return folder;
+    }
+    WireTest() {
+        folder();
+        peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
+        actor_ = std::make_unique<StationActor>();
+        lamp_ = actor_->publishStation("lamp");
+    }
+    ~WireTest() override { actor_->finish(); }
+
+    Transport::TerminationId broker() const { return lamp_.termination; }
+    unsigned int name() const { return broker().nameId(); }
+    /** The transaction id of the broker's request number `count`, counted from 1. */
+    std::string transaction(unsigned int count) const {
+        return hex(count << 20 | (broker().slotId() & 0xFu) << 16 | name());
+    }
+    void send(std::string const& digits) {
+        auto const raw = bytes(digits);
+        Transport::AddressedMessage message = peer_->allocateMessage(raw.size(), 5);
+        std::memcpy(message.buf(), raw.data(), raw.size());
+        ASSERT_EQ(Transport::Termination(broker()).issue(message), 1);
+    }
+    /** The next message, header and data; what is behind the data is of no account. */
+    std::string receive() {
+        TreflectMessage message = peer_->await(received_++);
+        if (message.empty())
+            return "nothing came";
+        EXPECT_EQ(message.originator(), broker());
+        Transport::AddressedMessage const& raw = message.addressed();
+        std::size_t const used = raw.size() < 16 ? raw.size() : 16 + dataSize(raw.buf() + 12);
+        return used > raw.size() ? "claims more than came" : hex(raw.buf(), used);
+    }
+    static std::size_t dataSize(unsigned char const* field) {
+        return std::size_t{field[0]} << 24 | std::size_t{field[1]} << 16 |
+               std::size_t{field[2]} << 8 | field[3];
+    }
+    /** Answers the search for "far" as if this side had it. */
+    void beFound(unsigned int count) {
+        EXPECT_EQ(receive(), spaced(transaction(count) + "00000001 00000002" +
+                                    stream("00000003 666172 00000001")));
+        send(transaction(count) + "00000001 00000003" + stream(kAddress));
+    }
+    std::string request(std::string const& id, std::string const& type, std::string const& data) {
+        return id + type + "00000002" + stream(data);
+    }
+    std::string call(std::string const& id, std::string const& method,
+                     std::string const& arguments = "") {
+        return request(id, "00000002", hex(lamp_.ioid) + "00000001" + kClass + method + arguments);
+    }
+    /** A good call, answered: the broker is there, and has answered nothing that came before. */
+    void expectNoAnswerToWhatWasSent() {
+        send(call("0000A11E", "00000003"));
+        EXPECT_EQ(receive(),
+                  spaced("0000A11E 00000002 00000003" + stream(kEmptyContainer + "00000000")));
+    }
+
+    std::unique_ptr<RawPeer> peer_;
+    std::unique_ptr<StationActor> actor_;
+    StationActor::Published lamp_;
+    std::size_t received_ = 0;
+};
+
+TEST_F(WireTest, searchIsTheIdentifierAndItsAnswerTheInternalId) {
+    actor_->tell("find switch");
+    EXPECT_EQ(receive(), spaced(transaction(1) + "00000001 00000002" +
+                                stream("00000006 737769746368 00000001")));
+    send(transaction(1) + "00000001 00000003" + stream("0000ABCD"));
+    EXPECT_EQ(actor_->await("found").substr(0, 5), "abcd ");
+    EXPECT_EQ(peer_->await(0).size(), 100u) << "the room that a search starts with";
+
+    actor_->tell("find switch");
+    EXPECT_EQ(receive().substr(0, 8), transaction(2));
+    send(transaction(2) + "00000001 00000003" + stream("00000000"));
+    EXPECT_EQ(actor_->await("found"), "0 0");
+}
+
+TEST_F(WireTest, callAndItsAnswer) {
+    actor_->tell("rotate far 258 hello");
+    beFound(1);
+    EXPECT_EQ(receive(), spaced(transaction(2) + "00000002 00000002" +
+                                stream(kAddress + "00000001" + kClass + "00000001" + "00000102" +
+                                       "00000005 68656C6C6F")));
+    send(transaction(2) + "00000002 00000003" + stream(kEmptyContainer + "00000002 6F6B"));
+    EXPECT_EQ(actor_->await("rotated"), "1 ok");
+    EXPECT_EQ(peer_->count(), received_) << "nothing else was sent";
+}
+
+TEST_F(WireTest, oneWayCallIsAMessageThatNobodyWaitsFor) {
+    actor_->tell("keep far");
+    beFound(1);
+    actor_->await("kept");
+    EXPECT_EQ(actor_->ask("add far 1", "added"), "1");
+    EXPECT_EQ(receive(), spaced(transaction(2) + "00000002 00000001" +
+                                stream(kAddress + "00000000" + kClass + "00000002" + "00000001")));
+}
+
+TEST_F(WireTest, transactionIdsRunInTheTopTwelveBits) {
+    actor_->tell("keep far");
+    beFound(1);
+    actor_->await("kept");
+    constexpr unsigned int kCalls = 5000;
+    EXPECT_EQ(actor_->ask("add far " + std::to_string(kCalls), "added"), std::to_string(kCalls));
+    peer_->await(kCalls);
+    for (unsigned int i = 0; i < kCalls; ++i)
+        ASSERT_EQ(hex(peer_->await(i + 1).transactionId()), transaction(i + 2));
+}
+
+TEST_F(WireTest, answersThatMakeNoSenseFailTheCallOnly) {
+    actor_->tell("keep far");
+    beFound(1);
+    actor_->await("kept");
+    std::string const unreadable = std::to_string(TipprmiFailure::kUnreadable);
+    struct {
+        std::string payload, outcome;
+    } const cases[]{
+        {stream("00000001 00000004 0000002A"), "0 42"},
+        {stream("00000001 00000004 FFFFFFFE"), "0 4294967294"},
+        {stream("00000007 00000000"), "0 " + unreadable},  // not the broker's exception
+        {stream(kEmptyContainer), "0 " + unreadable},      // no result
+        {stream(kEmptyContainer + "00000009 6263"), "0 " + unreadable},  // half of a result
+        {stream(kEmptyContainer + "7FFFFFFF 6263"), "0 " + unreadable},
+        {stream(kEmptyContainer + "80000000 6263"), "0"},             // an empty text
+        {"FFFFFFFF" + kEmptyContainer + "00000003 626361", "1"},      // reads what is there
+        {stream(kEmptyContainer + "00000003 626361 DEADBEEF"), "1"},  // more than was asked for
+        {stream(""), "0 0"},
+        {"00000000", "0 0"},
+    };
+    unsigned int count = 1;
+    for (auto const& [payload, outcome] : cases) {
+        actor_->tell("use far");
+        EXPECT_EQ(receive().substr(0, 8), transaction(++count));
+        send(transaction(count) + "00000002 00000003");                // too short: dropped
+        send(transaction(count + 7) + "00000002 00000003" + payload);  // not ours: dropped
+        send(transaction(count) + "00000002 00000003" + payload);
+        EXPECT_EQ(actor_->await("used"), outcome) << payload;
+        EXPECT_TRUE(actor_->child().waitForErrorLine("drops message of 12 bytes from 0x"));
+        EXPECT_TRUE(actor_->child().waitForErrorLine("receives unexpected response (org=0x"));
+    }
+}
+
+TEST_F(WireTest, searchesAreAnswered) {
+    send(request("12345678", "00000001", hex("lamp") + "00000001"));
+    EXPECT_EQ(receive(), spaced("12345678 00000001 00000003" + stream(hex(lamp_.ioid))));
+    EXPECT_EQ(peer_->await(0).size(), 104u) << "the room that an answer starts with";
+    std::string const unknown[]{hex("lam") + "00000001",  // another name
+                                hex("lamp") + "",         // no namespace: the broker has its own
+                                "00000000 00000001",      // no name
+                                "7FFFFFFF 6C616D70",      // a name longer than all messages
+                                "FFFFFFFB 6C616D70",      // of negative length
+                                ""};
+    for (std::string const& data : unknown) {
+        send(request("00000001", "00000001", data));
+        std::string const expected = data.substr(0, 8) == "00000004" ? hex(lamp_.ioid) : "00000000";
+        EXPECT_EQ(receive(), spaced("00000001 00000001 00000003" + stream(expected))) << data;
+    }
+}
+
+TEST_F(WireTest, callsAreAnswered) {
+    send(call("CAFE0001", "00000001", "00000001" + hex("abc")));
+    EXPECT_EQ(receive(),
+              spaced("CAFE0001 00000002 00000003" + stream(kEmptyContainer + hex("bca"))));
+    EXPECT_EQ(peer_->await(0).size(), 104u);
+    send(call("CAFE0002", "00000004", "0000002A"));
+    EXPECT_EQ(receive(),
+              spaced("CAFE0002 00000002 00000003" + stream("00000001 00000004 0000002A")));
+    // Any kind that is no answer is a request, and any transaction flag but 0 is set.
+    send("00000000 00000002 00000001" + stream(hex(lamp_.ioid) + "80000000" + kClass + "00000003"));
+    EXPECT_EQ(receive(),
+              spaced("00000000 00000002 00000003" + stream(kEmptyContainer + "00000000")));
+    // What an object puts at the head of its responses, set and got.
+    send(call("CAFE0003", "00000834", "00000007 00000002 ABCD"));
+    EXPECT_EQ(receive(), spaced("CAFE0003 00000002 00000003" + stream("00000007 00000002 ABCD")));
+    send(call("CAFE0004", "00000835"));
+    EXPECT_EQ(receive(), spaced("CAFE0004 00000002 00000003" +
+                                stream("00000007 00000002 ABCD 00000007 00000002 ABCD")));
+    send(call("CAFE0005", "00000834", kEmptyContainer));
+    EXPECT_EQ(receive(), spaced("CAFE0005 00000002 00000003" + stream(kEmptyContainer)));
+    expectNoAnswerToWhatWasSent();
+}
+
+TEST_F(WireTest, largeBodiesAreAsExactAsSmallOnes) {
+    std::string const text = station::body(300'000);
+    send(call("CAFE0001", "00000006", hex(text)));
+    EXPECT_TRUE(receive() == spaced("CAFE0001 00000002 00000003" +
+                                    stream(kEmptyContainer + hex(station::flipped(text)))));
+}
+
+TEST_F(WireTest, callsThatCannotBeServedAreAnsweredWithAFailure) {
+    std::string const refused[]{
+        request("0BAD0000", "00000002", "0BADF00D 00000001" + kClass + "00000001"),  // no object
+        call("0BAD0000", "00000063"),                                                // no method
+        call("0BAD0000", "FFFFFFFF"), call("0BAD0000", "00000001"),                  // no arguments
+        call("0BAD0000", "00000001", "00000001 00000004 6162"),                      // half of one
+        call("0BAD0000", "00000001", "00000001 7FFFFFFF 6162"),  // one beyond the message
+        call("0BAD0000", "00000009", "7FFFFFFF 00000001"),       // absurd count
+        call("0BAD0000", "00000009", "00010001 00000001"),       // the least that is absurd
+        call("0BAD0000", "00000009", "00000003 00000001"),       // count of what is not there
+        request("0BAD0000", "00000002", hex(lamp_.ioid) + "00000001"),  // header breaks off
+        // Data longer than the message: what is there counts.
+        "0BAD0000 00000002 00000002 FFFFFFFF" + hex(lamp_.ioid) + "00000001" + kClass + "00000001"};
+    for (std::string const& digits : refused) {
+        send(digits);
+        EXPECT_EQ(receive(), spaced("0BAD0000 00000002 00000003" + stream(kFailure))) << digits;
+    }
+    expectNoAnswerToWhatWasSent();
+}
+
+TEST_F(WireTest, whatIsNoRequestIsNotAnswered) {
+    for (unsigned int size : {0u, 1u, 4u, 11u, 12u, 15u}) {
+        send(std::string(2 * size, '0'));
+        EXPECT_TRUE(actor_->child().waitForErrorLine("drops message of " + std::to_string(size)));
+    }
+    for (unsigned int type : {0u, 9u, 11u, 0xFFFFFFFFu}) {
+        send(request("00000001", hex(type), "00000000 00000001"));
+        EXPECT_TRUE(actor_->child().waitForErrorLine("received request of unknown type (rorg="));
+    }
+    send("00000001 00000002 00000003 00000000");  // an answer that nobody awaits
+    send("00000001 00000002 00000004 00000000");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(actor_->child().waitForErrorLine("receives unexpected response (org=0x"));
+    // One-way: to an object, to none, without arguments, without any header.
+    std::string const head = "00000001 00000002 00000002";
+    send(head + stream(hex(lamp_.ioid) + "00000000" + kClass + "00000001 00000001 00000000"));
+    send(head + stream("0BADF00D 00000000" + kClass + "00000001"));
+    send(head + stream(hex(lamp_.ioid) + "00000000" + kClass + "00000001"));
+    send(head + "00000000");
+    send(head + "FFFFFFFF");
+    send(head + "80000000");
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(actor_->child().waitForErrorLine("Handling request message failed rc=0"));
+    expectNoAnswerToWhatWasSent();
+}
+
+}  // namespace

@@ -1,0 +1,372 @@
+// A process that serves stations and calls those of others, driven by lines on standard input. An
+// answer that comes from a thread of its own may stand behind those of later lines.
+//
+//   publish NAME [NS]       makes a station; answers "published IOID BROKER TERMINATION"
+//   unpublish NAME          destroys it; answers "unpublished"
+//   total NAME              answers "total SUM" of the numbers added to a station of this process
+//   find NAME [NS]          answers "found IOID BROKER"
+//   keep NAME [NS]          makes a handle and keeps it; answers "kept CONNECTED"
+//   use NAME                calls rotate through the kept handle; answers "used 1" or "used 0 CODE"
+//   useoften NAME COUNT     the same on a thread of its own; answers "calling", then "failed COUNT"
+//   add NAME COUNT          adds 1 so often, one-way, through the kept handle; answers "added
+//   COUNT" rotate NAME N TEXT      as `use`, through a new handle; answers "rotated 1 TEXT" or "...
+//   0 CODE" refuse NAME CODE        answers "refused CODE" check NAME              calls with every
+//   type there and back; answers "checked" and the faults storm SEED ROUNDS THREADS NAME...  calls
+//   all of them at once on threads of its own; answers
+//                           "stormed FAULTS ADDED"
+//   churn NAME ROUNDS       makes and destroys stations on a thread of its own; answers "churned"
+//   allocations             answers "allocations COUNT"
+//   active SLOT             answers "active"
+//   renew                   deletes all brokers; answers "renewed"
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "AllocationCount.h"
+#include "Slowness.h"
+#include "Station.h"
+
+namespace {
+
+using station::Client;
+using station::Server;
+
+/** Writes one line of words in one go, since several threads answer. */
+template <class... Words>
+void answer(Words const&... words) {
+    std::ostringstream line;
+    (line << ... << words) << "\n";
+    std::fputs(line.str().c_str(), stdout);
+    std::fflush(stdout);
+}
+
+// ---- Every type there and back ------------------------------------------------------------------
+
+class Check {
+public:
+    explicit Check(std::string const& name) : far_(name) {}
+
+    std::string faults() {
+        numbersAndTexts();
+        bodies();
+        identifiers();
+        failures();
+        handles();
+        return faults_;
+    }
+
+private:
+    void expect(bool holds, std::string const& what) {
+        if (!holds)
+            faults_ += " " + what;
+    }
+    void numbersAndTexts() {
+        for (unsigned int n : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
+            expect(far_.answers(n), "rotate:" + std::to_string(n));
+        TipprmiSequence<unsigned int> numbers;
+        expect(far_.sum(numbers).valueOr(1) == 0, "empty-sequence");
+        for (unsigned int n = 0; n < 1000; ++n)
+            numbers.push_back(n);
+        expect(far_.sum(numbers).value() == -499500, "sequence");
+    }
+    void bodies() {
+        for (std::size_t size :
+             {0u, 1u, 87u, 88u, 89u, 4096u, 16384u, 65537u, 1u << 20, 12u << 20}) {
+            std::string const text = station::body(size);
+            auto const back = far_.flip(text);
+            expect(back && back.value() == station::flipped(text), "body:" + std::to_string(size));
+        }
+        expect(!far_.flip(std::string(16u << 20, 'x')), "body-beyond-the-limit");
+        expect(far_.answers(), "after-large-bodies");
+    }
+    void identifiers() {
+        auto const more = far_.extend({TipprmiOID("name", NSID_UNIT)});
+        expect(more && more.value().oid == TipprmiOID("name.more", NSID_UNIT), "identifier");
+        auto const none = far_.extend({});
+        expect(none && none.value().oid.getIdString() == nullptr, "no-identifier");
+        for (unsigned int id : {0u, 0x01020304u, 0xFFFFFFFFu})
+            expect(far_.same(id).valueOr(77u) == Transport::TerminationId(id),
+                   "termination:" + std::to_string(id));
+    }
+    void failures() {
+        for (unsigned int code : {0u, 42u, 0x80000000u, 0xFFFFFFFFu}) {
+            auto const refused = far_.refuse(code);
+            expect(!refused && refused.code() == code, "refuse:" + std::to_string(code));
+        }
+        expect(!tipprmiCall<void>(far_, station::kClass, 99), "unknown-method");
+        TipprmiExceptionContainer container;
+        container.setExceptionType(7);  // one of type 1 would hide the answer to its own query
+        container.setExceptionData(TipprmiGeneralException(5));
+        far_.getStub_()->setExceptionContainer(container);
+        TipprmiGeneralException code;
+        TipprmiExceptionContainer back = far_.getStub_()->getExceptionContainer();
+        back.getExceptionData(code);
+        expect(back.getExceptionType() == 7 && code.code() == 5, "container");
+        expect(!far_.total(), "container-at-the-head-of-a-response");
+        far_.getStub_()->setExceptionContainer(TipprmiExceptionContainer());
+        expect(bool(far_.total()), "container-taken-back");
+    }
+    /** A handle on an object of this process, without an identifier, leads back here. */
+    void handles() {
+        Server near("");
+        expect(far_.visit(*near.getClient(), "abc").value() == "bca", "handle");
+        expect(!far_.visit(Client(), "abc"), "handle-on-nothing");
+    }
+
+    Client const far_;
+    std::string faults_;
+};
+
+// ---- Many calls at once -------------------------------------------------------------------------
+
+struct Storm {
+    unsigned int seed;
+    unsigned int rounds;
+    std::vector<std::string> names;
+    std::atomic<unsigned int> faults{0};
+    std::atomic<unsigned int> added{0};
+
+    void run();
+    void call(unsigned int number, std::vector<std::unique_ptr<Client>> const& handles);
+};
+
+void Storm::run() {
+    std::vector<std::unique_ptr<Client>> handles;
+    for (std::string const& name : names) {
+        TreflectHandlerState const inside(true);
+        handles.push_back(std::make_unique<Client>(name));
+    }
+    for (unsigned int round = 0; round < rounds; ++round) {
+        TreflectHandlerState const inside(true);
+        call(seed + round, handles);
+    }
+    TreflectHandlerState const inside(true);
+    handles.clear();
+}
+
+void Storm::call(unsigned int number, std::vector<std::unique_ptr<Client>> const& handles) {
+    auto const count = static_cast<unsigned int>(handles.size());
+    Client const& far = *handles[number % count];
+    switch (number / count % 4) {
+        case 0:
+            faults += !far.answers(number);
+            break;
+        case 1: {
+            std::string const path = names[(number + 1) % count] + "." + names[number % count];
+            faults += far.relay(number, path).valueOr(0) != number + 3;
+            break;
+        }
+        case 2:
+            if (far.add(1))
+                ++added;
+            else
+                ++faults;
+            break;
+        default: {
+            // It comes and goes: a call is answered rightly, or refused.
+            auto const text = Client(names[number % count] + ".brief").rotate(1, "abc");
+            faults += text ? text.value() != "bca" : text.code() != TipprmiFailure::kNotServed;
+        }
+    }
+}
+
+void storm(std::istringstream& words) {
+    auto const shared = std::make_shared<Storm>();
+    unsigned int threads = 0;
+    words >> shared->seed >> shared->rounds >> threads;
+    for (std::string name; words >> name;)
+        shared->names.push_back(name);
+    std::thread([shared, threads] {
+        std::vector<std::thread> callers;
+        for (unsigned int i = 0; i < threads; ++i)
+            callers.emplace_back([shared] { shared->run(); });
+        for (std::thread& caller : callers)
+            caller.join();
+        answer("stormed ", shared->faults, " ", shared->added);
+    }).detach();
+}
+
+void churn(std::string const& name, unsigned int rounds) {
+    std::thread([name, rounds] {
+        for (unsigned int round = 0; round < rounds; ++round) {
+            std::unique_ptr<Server> one;
+            std::unique_ptr<Server> two;
+            {
+                TreflectHandlerState const inside(true);
+                one = std::make_unique<Server>(name);
+                two = std::make_unique<Server>(name);
+            }
+            std::this_thread::yield();
+            TreflectHandlerState const inside(true);
+            one.reset();
+            two.reset();
+        }
+        answer("churned");
+    }).detach();
+}
+
+// ---- The commands -------------------------------------------------------------------------------
+
+class Actor {
+public:
+    bool handle(std::string const& verb, std::istringstream& words);
+
+private:
+    using Command = void (Actor::*)(std::string const& name, std::istringstream& words);
+
+    void publish(std::string const& name, std::istringstream& words);
+    void unpublish(std::string const& name, std::istringstream&);
+    void total(std::string const& name, std::istringstream&);
+    void find(std::string const& name, std::istringstream& words);
+    void keep(std::string const& name, std::istringstream& words);
+    void use(std::string const& name, std::istringstream&);
+    void useOften(std::string const& name, std::istringstream& words);
+    void add(std::string const& name, std::istringstream& words);
+    void rotate(std::string const& name, std::istringstream& words);
+    void refuse(std::string const& name, std::istringstream& words);
+    void check(std::string const& name, std::istringstream&);
+
+    static NamespaceId namespaceIn(std::istringstream& words) {
+        int ns = NSID_UNIT;
+        return words >> ns ? static_cast<NamespaceId>(ns) : NSID_UNIT;
+    }
+
+    std::map<std::string, std::unique_ptr<Server>> stations_;
+    std::map<std::string, std::unique_ptr<Client>> handles_;
+};
+
+void Actor::publish(std::string const& name, std::istringstream& words) {
+    NamespaceId const ns = namespaceIn(words);
+    auto& made = stations_[name];
+    made = std::make_unique<Server>(name, ns);
+    TreflectORB const& orb = *TreflectORB::getInstance(ns);
+    answer(std::hex, "published ", made->getInternalOID(), " ", orb.orbId().value(), " ",
+           orb.termId().value());
+}
+
+void Actor::unpublish(std::string const& name, std::istringstream&) {
+    stations_.erase(name);
+    answer("unpublished");
+}
+
+void Actor::total(std::string const& name, std::istringstream&) {
+    answer("total ", stations_.at(name)->total());
+}
+
+void Actor::find(std::string const& name, std::istringstream& words) {
+    TipprmiOID const oid(name, namespaceIn(words));
+    auto const location = TreflectORB::getInstance(NSID_UNIT)->locateObject(oid);
+    answer(std::hex, "found ", location.getInternalOID(), " ", location.orbId().value());
+}
+
+void Actor::keep(std::string const& name, std::istringstream& words) {
+    auto& handle = handles_[name];
+    handle = std::make_unique<Client>(name, namespaceIn(words));
+    answer("kept ", handle->isConnected());
+}
+
+void Actor::use(std::string const& name, std::istringstream&) {
+    auto const text = handles_.at(name)->rotate(1, "abc");
+    answer("used ", text.value() == "bca", text ? "" : " " + std::to_string(text.code()));
+}
+
+void Actor::useOften(std::string const& name, std::istringstream& words) {
+    unsigned int count = 0;
+    words >> count;
+    Client const& far = *handles_.at(name);
+    std::thread([&far, count] {
+        unsigned int failed = 0;
+        answer("calling");
+        for (unsigned int i = 0; i < count; ++i) {
+            TreflectHandlerState const inside(true);
+            failed += !far.answers(i);
+        }
+        answer("failed ", failed);
+    }).detach();
+}
+
+void Actor::add(std::string const& name, std::istringstream& words) {
+    unsigned int count = 0;
+    unsigned int added = 0;
+    words >> count;
+    for (unsigned int i = 0; i < count; ++i)
+        added += bool(handles_.at(name)->add(1));
+    answer("added ", added);
+}
+
+void Actor::rotate(std::string const& name, std::istringstream& words) {
+    unsigned int number = 0;
+    std::string text;
+    words >> number >> text;
+    auto const back = Client(name).rotate(number, text);
+    answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
+}
+
+void Actor::refuse(std::string const& name, std::istringstream& words) {
+    unsigned int code = 0;
+    words >> code;
+    answer("refused ", Client(name).refuse(code).code());
+}
+
+void Actor::check(std::string const& name, std::istringstream&) {
+    answer("checked", Check(name).faults());
+}
+
+bool Actor::handle(std::string const& verb, std::istringstream& words) {
+    static std::map<std::string, Command> const commands{
+        {"publish", &Actor::publish},   {"unpublish", &Actor::unpublish},
+        {"total", &Actor::total},       {"find", &Actor::find},
+        {"keep", &Actor::keep},         {"use", &Actor::use},
+        {"useoften", &Actor::useOften}, {"add", &Actor::add},
+        {"rotate", &Actor::rotate},     {"refuse", &Actor::refuse},
+        {"check", &Actor::check}};
+    auto const command = commands.find(verb);
+    if (command == commands.end())
+        return false;
+    std::string name;
+    words >> name;
+    TreflectHandlerState const inside(true);
+    (this->*command->second)(name, words);
+    return true;
+}
+
+/** What concerns the process rather than its stations. */
+void handleForProcess(std::string const& verb, std::istringstream& words) {
+    std::string name;
+    unsigned int number = 0;
+    if (verb == "storm") {
+        storm(words);
+    } else if (verb == "churn") {
+        words >> name >> number;
+        churn(name, number);
+    } else if (verb == "allocations") {
+        answer("allocations ", allocationCount());
+    } else if (verb == "active") {
+        words >> number;
+        Transport::Setup::activeSlot(static_cast<int>(number));
+        answer("active");
+    } else if (verb == "renew") {
+        prepareOrbForDeletion();
+        answer("renewed");
+    }
+}
+
+}  // namespace
+
+int main() {
+    static Actor& actor = *new Actor;  // its stations outlive exit
+    answer("ready");
+    for (std::string line; std::getline(std::cin, line);) {
+        std::istringstream words(line);
+        std::string verb;
+        words >> verb;
+        if (!actor.handle(verb, words))
+            handleForProcess(verb, words);
+    }
+}
