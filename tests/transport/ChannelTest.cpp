@@ -13,6 +13,7 @@
 #include "ChildProgram.h"
 #include "LogCapture.h"
 #include "RendezvousFolder.h"
+#include "TestPrograms.h"
 #include "TestTermination.h"
 #include "Waiting.h"
 
@@ -25,7 +26,8 @@ using Transport::kLargestMessage;
 /** A child program with its termination. */
 class Peer {
 public:
-    Peer() : program_("transport_peer") {
+    Peer() : Peer(testsupport::programCommand("transport_peer")) {}
+    explicit Peer(std::vector<std::string> const& command) : program_(command) {
         std::istringstream line(program_.waitForLine("ready ").value_or("ready 0"));
         std::string word;
         unsigned int id = 0;
@@ -145,6 +147,24 @@ TEST_F(ChannelTest, PeersThatFloodEachOtherLoseNothing) {
     EXPECT_TRUE(second.waitForReceived(100'000));
     EXPECT_EQ(first.report().faults + second.report().faults, 0u);
     EXPECT_EQ(first.report().returned + second.report().returned, 0u);
+}
+
+TEST_F(ChannelTest, ProcessesOfDifferentWordSizeShareAChannel) {
+    std::vector<std::string> const command = testsupport::peerProgramCommand("transport_peer");
+    if (command.empty())
+        GTEST_SKIP() << "no build of another word size beside this one";
+    startOwn();
+    Peer peer(command);
+    ASSERT_TRUE(meet(peer));
+    std::uint32_t number = 0;
+    for (std::size_t const size : {8u, 1000u, 100'000u, 3'000'000u})
+        EXPECT_TRUE(own_.ping(peer.id(), ++number, size)) << size;
+    peer.tell("flood", own_.termId(), "20000 300");
+    for (std::uint32_t i = 0; i < 20'000; ++i)
+        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 300), 1);
+    EXPECT_TRUE(own_.waitForReceived(20'000));
+    EXPECT_TRUE(peer.waitForReceived(20'000));
+    EXPECT_EQ(own_.tally().faults + peer.report().faults, 0u);
 }
 
 TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {
