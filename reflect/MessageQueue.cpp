@@ -75,8 +75,7 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessag
 void MessageQueue::awaitMessage() {
     if (mayGoOn())
         return;
-    if (!polled_)
-        pollOnce();
+    pollOnce();
     if (mayGoOn())
         return;
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
@@ -88,17 +87,16 @@ bool MessageQueue::mayGoOn() {
     return closed_ || !messages_.empty();
 }
 
-/** One worker at a time: a second one would only take the processor from those who have work. */
 void MessageQueue::pollOnce() {
-    polled_ = true;
+    ++polling_;
     changed_.unlock();
     waiting_.poll([this] { return ready_.load(std::memory_order_acquire); });
     changed_.lock();
-    polled_ = false;
+    --polling_;
 }
 
 void MessageQueue::wakeOne() {
-    if (!polled_)
+    if (polling_ == 0)
         changed_.signal();
 }
 

@@ -84,9 +84,9 @@ private:
     unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
     unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
     bool closed_ OSW_GUARDED_BY(changed_) = false;
-    /// Whether an idle worker polls. It looks at the queue before it sleeps, so it need not be
-    /// signalled.
-    bool polled_ OSW_GUARDED_BY(changed_) = false;
+    /// Idle workers that poll. They look at the queue before they sleep, so while there is one
+    /// nobody needs to be signalled.
+    unsigned int polling_ OSW_GUARDED_BY(changed_) = 0;
     /// Whether there is something to look at; written under the mutex, polled without it.
     std::atomic<bool> ready_{false};
     OSWrap::AdaptiveWait waiting_;  // statistics of the workers' waits
