@@ -149,6 +149,7 @@ TEST_F(RemoteCallTest, deletionOfTheTargetsBrokerEndsItsCalls) {
     actor.publish("far");
     EXPECT_EQ(call("far", kDeleteBrokers).exceptionType, 1u)
         << "the worker that deletes its broker cannot answer any more";
+    EXPECT_TRUE(actor.child().waitForErrorLine("prepareOrbForDeletion() returns"));
     EXPECT_EQ(actor.ask("call nobody 1", "called"), "0 0") << "made anew";
     actor.publish("again");
     EXPECT_EQ(call("again", kEcho, 5).number, 5u);
