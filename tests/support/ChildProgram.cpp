@@ -8,8 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "TestPrograms.h"
@@ -87,6 +90,15 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
             giveUp();
     execvpe(arguments[0], arguments, environment);
     giveUp();
+}
+
+/** Whether the thread of a status file of /proc has stopped. */
+bool isStopped(std::filesystem::path const& file) {
+    std::ifstream status(file);
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("State:\tT", 0) == 0)
+            return true;
+    return false;
 }
 
 }  // namespace
@@ -247,6 +259,18 @@ void ChildProgram::signal(int number) {
 
 void ChildProgram::kill() {
     signal(SIGKILL);
+}
+
+bool ChildProgram::stopWholly(std::chrono::milliseconds limit) {
+    signal(SIGSTOP);
+    std::string const tasks = "/proc/" + std::to_string(pid_) + "/task";
+    return eventually(
+        [&] {
+            std::filesystem::directory_iterator const all(tasks);
+            return std::all_of(begin(all), end(all),
+                               [](auto const& task) { return isStopped(task.path() / "status"); });
+        },
+        limit);
 }
 
 std::optional<int> ChildProgram::waitForExit(std::chrono::milliseconds limit) {

@@ -59,6 +59,9 @@ public:
     /** Sends a signal: SIGKILL, SIGSTOP, SIGCONT, ... */
     void signal(int number);
     void kill();
+    /** Sends SIGSTOP and waits until none of the child's threads runs any more; SIGCONT lets them
+     * go on. False when the time is up. */
+    bool stopWholly(std::chrono::milliseconds limit = kPatience);
     /** Waits for the child's end and answers its status as waitpid gives it; nothing when the time
      * is up. All output is in `lines` afterwards, unless a grandchild still holds it open. */
     std::optional<int> waitForExit(std::chrono::milliseconds limit = kPatience);

@@ -44,7 +44,7 @@ protected:
 TEST_F(SteadyStateTest, callsAllocateNothing) {
     constexpr unsigned long kCalls = 10'000;
     // The commands themselves, a thread that makes the calls, a further worker: not the calls.
-    constexpr unsigned long kBeside = 300;
+    constexpr unsigned long kBeside = 100;
     callOften(2000);
     StationActor* const actors[]{&client_, &server_};
     unsigned long before[2];
@@ -55,7 +55,6 @@ TEST_F(SteadyStateTest, callsAllocateNothing) {
     for (int i = 0; i < 2; ++i) {
         unsigned long const made = actors[i]->number("allocations", "allocations") - before[i];
         EXPECT_LT(made, kBeside) << (i == 0 ? "client" : "server") << ", in " << kCalls << " calls";
-        RecordProperty(i == 0 ? "client" : "server", std::to_string(made));
     }
 }
 
@@ -64,6 +63,8 @@ TEST_F(SteadyStateTest, idleProcessUsesNoProcessorTime) {
     std::this_thread::sleep_for(milliseconds(2000));
     nanoseconds const client = processorTime(client_);
     nanoseconds const server = processorTime(server_);
+    EXPECT_GT(client, milliseconds(1)) << "the clock runs";
+    EXPECT_GT(server, milliseconds(1));
     std::this_thread::sleep_for(milliseconds(3000));
     EXPECT_LT(processorTime(client_) - client, milliseconds(2));
     EXPECT_LT(processorTime(server_) - server, milliseconds(2));

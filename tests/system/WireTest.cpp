@@ -1,6 +1,6 @@
 // Every byte that a broker sends to, and takes from, another process: the test plays the other side
 // with messages that it writes and reads by hand, and has no broker itself.
-#include <cstring>
+#include <algorithm>
 
 #include "Station.h"
 #include "StationActor.h"
@@ -87,7 +87,7 @@ protected:
     void send(std::string const& digits) {
         auto const raw = bytes(digits);
         Transport::AddressedMessage message = peer_->allocateMessage(raw.size(), 5);
-        std::memcpy(message.buf(), raw.data(), raw.size());
+        std::copy(raw.begin(), raw.end(), message.buf());
         ASSERT_EQ(Transport::Termination(broker()).issue(message), 1);
     }
     /** The next message, header and data; what is behind the data is of no account. */

@@ -15,6 +15,10 @@
 //   all of them at once on threads of its own; answers
 //                           "stormed FAULTS ADDED"
 //   churn NAME ROUNDS       makes and destroys stations on a thread of its own; answers "churned"
+//   follow NAME             calls it on a thread of its own, through a new handle after each
+//   failure;
+//                           "following" when the first call succeeded, and so again after a failure
+//   rest                    ends that; answers "followed WRONG", the answers that were not right
 //   allocations             answers "allocations COUNT"
 //   active SLOT             answers "active"
 //   renew                   deletes all brokers; answers "renewed"
@@ -24,6 +28,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -211,6 +216,46 @@ void churn(std::string const& name, unsigned int rounds) {
     }).detach();
 }
 
+/** Calls an object for as long as it is told to, and finds it again when a call has failed. */
+class Follower {
+public:
+    void follow(std::string const& name) {
+        thread_ = std::thread([this, name] {
+            while (!rest_)
+                callUntilItFails(name);
+            answer("followed ", wrong_);
+        });
+    }
+    void rest() {
+        rest_ = true;
+        thread_.join();
+    }
+
+private:
+    void callUntilItFails(std::string const& name) {
+        std::optional<Client> far;
+        inside([&] { far.emplace(name); });
+        TipprmiResult<std::string> text = TipprmiFailure();
+        for (unsigned int number = 0; number == 0 || (text && !rest_); ++number) {
+            inside([&] { text = far->rotate(number, "abcde"); });
+            if (text && number == 0)
+                answer("following");
+            wrong_ += text ? text.value() != station::rotated(number, "abcde")
+                           : text.code() != TipprmiFailure::kNotServed;
+        }
+        inside([&] { far.reset(); });
+    }
+    template <class Action>
+    static void inside(Action const& action) {
+        TreflectHandlerState const state(true);
+        action();
+    }
+
+    std::thread thread_;
+    std::atomic<bool> rest_{false};
+    unsigned int wrong_ = 0;  // the thread's, until it has ended
+};
+
 // ---- The commands -------------------------------------------------------------------------------
 
 class Actor {
@@ -338,6 +383,7 @@ bool Actor::handle(std::string const& verb, std::istringstream& words) {
 
 /** What concerns the process rather than its stations. */
 void handleForProcess(std::string const& verb, std::istringstream& words) {
+    static Follower& follower = *new Follower;
     std::string name;
     unsigned int number = 0;
     if (verb == "storm") {
@@ -345,6 +391,11 @@ void handleForProcess(std::string const& verb, std::istringstream& words) {
     } else if (verb == "churn") {
         words >> name >> number;
         churn(name, number);
+    } else if (verb == "follow") {
+        words >> name;
+        follower.follow(name);
+    } else if (verb == "rest") {
+        follower.rest();
     } else if (verb == "allocations") {
         answer("allocations ", allocationCount());
     } else if (verb == "active") {

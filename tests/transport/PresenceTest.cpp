@@ -65,23 +65,6 @@ protected:
         RecordProperty("slowest_notice_us", std::to_string(slowest / 1000));
     }
 
-    /** Stops a process and waits until none of its threads runs any more. */
-    static void stopWholly(PresenceActor& actor) {
-        actor.child().signal(SIGSTOP);
-        std::string const tasks = "/proc/" + std::to_string(actor.child().pid()) + "/task";
-        EXPECT_TRUE(eventually([&] {
-            for (auto const& task : std::filesystem::directory_iterator(tasks)) {
-                std::ifstream status(task.path() / "status");
-                bool stopped = false;
-                for (std::string line; std::getline(status, line);)
-                    stopped = stopped || line.rfind("State:\tT", 0) == 0;
-                if (!stopped)
-                    return false;
-            }
-            return true;
-        }));
-    }
-
     std::string fileOf(std::string const& id) const {
         for (auto const& entry : std::filesystem::directory_iterator(folder_.path()))
             if (entry.path().filename().string().rfind(id, 0) == 0)
@@ -132,7 +115,7 @@ TEST_F(PresenceTest, processThatEndsWithoutStoppingIsSeenByAllOthers) {
 TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
     startActors(6);
     for (std::size_t const stopped : {2u, 3u})
-        stopWholly(*actors_[stopped]);
+        EXPECT_TRUE(actors_[stopped]->child().stopWholly());
     killAndExpectAllToBeTold({4}, {2, 3});
     for (std::size_t const stopped : {2u, 3u}) {
         actors_[stopped]->child().signal(SIGCONT);
@@ -213,7 +196,7 @@ TEST_F(PresenceTest, deathsAtTheSameTimeAreAllSeenAlsoOfAWholeNeighbourhood) {
 TEST_F(PresenceTest, whatACrashHasLeftIsRemovedAndNeverTold) {
     startActors(2);
     for (auto& actor : actors_)
-        stopWholly(*actor);  // so that neither cleans up behind the other
+        EXPECT_TRUE(actor->child().stopWholly());  // so that neither cleans up behind the other
     for (auto& actor : actors_)
         actor->child().kill();
     for (auto& actor : actors_)
