@@ -1,5 +1,6 @@
 #include "Runner.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -55,7 +56,7 @@ public:
     Child(std::vector<std::string> const& arguments, int processor = -1) {
         std::array<int, 2> in{};
         std::array<int, 2> out{};
-        if (pipe(in.data()) < 0 || pipe(out.data()) < 0)
+        if (pipe2(in.data(), O_CLOEXEC) < 0 || pipe2(out.data(), O_CLOEXEC) < 0)
             return;
         pid_ = fork();
         if (pid_ == 0)
@@ -105,8 +106,6 @@ private:
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(in[0], 0);
         dup2(out[1], 1);
-        for (int descriptor : {in[0], in[1], out[0], out[1]})
-            close(descriptor);
         if (processor >= 0) {
             cpu_set_t set;
             CPU_ZERO(&set);
