@@ -5,6 +5,7 @@
 
 #include "handler_threads/HTUtil.h"
 #include "handler_threads/ThreadRecord.h"
+#include "handler_threads/TurnExchange.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
@@ -103,21 +104,23 @@ private:
  * is queued, under the queue's mutex; raising it to `granted` is the last they do with it.
  *
  *     queued --(all before it have gone)--> front --(token handed to it)--> granted
+ *        ^-------(work exchanged)-------------'
  */
 template <class Debugging>
 struct DebugPermission<Debugging>::Waiter {
     enum Stage : int { queued, front, granted };
 
-    explicit Waiter(ThreadRecord& thread)
-        : id(thread.id), tid(thread.tid), place(thread.parkingPlace()) {}
+    Waiter(ThreadRecord& thread, TurnExchange* work)
+        : id(thread.id), tid(thread.tid), place(thread.parkingPlace()), turn(work) {}
 
     /** The place to signal; this entry may be gone when it answers. */
-    ParkingPlace* raise(Stage to) {
+    ParkingPlace* change(Stage to) {
         ParkingPlace& sleeper = place;
         OSWrap::Lock<OSWrap::ConditionVar> const lock(sleeper.condition);
         stage.store(to, std::memory_order_release);
         return &sleeper;
     }
+    bool exchangesWith(TurnExchange const& other) const { return turn && turn->samePool(other); }
     bool reached(Stage which) const { return stage.load(std::memory_order_acquire) >= which; }
     /** Sleeps once, unless the stage has been reached; whether it has. */
     bool sleep(Stage until, OSWrap::TimeSpec const& limit) {
@@ -130,6 +133,7 @@ struct DebugPermission<Debugging>::Waiter {
     unsigned long const id;
     long const tid;
     ParkingPlace& place;
+    TurnExchange* const turn;  // what it does next, exchanged under the queue's mutex; may be null
     Waiter* previous = nullptr;      // guarded by the queue's mutex
     Waiter* next = nullptr;          // guarded by the queue's mutex
     std::atomic<int> stage{queued};  // raised under the mutex of `place`, polled without
@@ -150,9 +154,19 @@ void DebugPermission<Debugging>::init(Debugging) const {
 
 template <class Debugging>
 void DebugPermission<Debugging>::get() {
+    take(nullptr);
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::get(TurnExchange& turn) {
+    take(&turn);
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::take(TurnExchange* turn) {
     OSWrap::DeferredCancelTypeGuard const deferred;
     if (getOwner() != currentThread().id && !tryTake())
-        waitForTurn();
+        waitForTurn(turn);
     // From here on there is no cancellation point: token and count are taken together.
     unsigned long const levels = count() + 1;
     count_.store(levels, std::memory_order_relaxed);
@@ -182,8 +196,8 @@ bool DebugPermission<Debugging>::tryTake() {
 }
 
 template <class Debugging>
-void DebugPermission<Debugging>::waitForTurn() {
-    Waiter waiter(currentThread());
+void DebugPermission<Debugging>::waitForTurn(TurnExchange* turn) {
+    Waiter waiter(currentThread(), turn);
     if (!enqueueUnlessFree(waiter))
         return;
     currentThread().waiter = &waiter;
@@ -220,16 +234,28 @@ void DebugPermission<Debugging>::append(Waiter& waiter) {
         waiter.stage.store(Waiter::front, std::memory_order_relaxed);
 }
 
-/** Only the front polls and reports. The others sleep until they move up. */
+/** Only the front polls and reports. The others sleep until they move up, and look now and then
+ * whether they have done so without being woken. */
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
-    while (!waiter.sleep(Waiter::front, OSWrap::TimeSpec::INFINITETIME)) {
+    while (!waiter.reached(Waiter::granted)) {
+        while (!waiter.sleep(Waiter::front, kReportInterval)) {
+        }
+        awaitGrantAtFront(waiter);
     }
+}
+
+/** Returns when the token has been granted, or when the thread is not at the front any longer. */
+template <class Debugging>
+void DebugPermission<Debugging>::awaitGrantAtFront(Waiter& waiter) {
     WaitReport report(getOwner(), ownerTid_);
-    if (frontWait_.poll([&waiter] { return waiter.reached(Waiter::granted); }))
+    if (frontWait_.poll([&waiter] { return waiter.stage != Waiter::front; }))
         return;
-    while (!waiter.sleep(Waiter::granted, kReportInterval))
+    while (!waiter.sleep(Waiter::granted, kReportInterval)) {
+        if (!waiter.reached(Waiter::front))
+            return;
         report.stillWaiting();
+    }
     frontWait_.slept(report.granted());
 }
 
@@ -257,6 +283,40 @@ void DebugPermission<Debugging>::release() {
 }
 
 template <class Debugging>
+bool DebugPermission<Debugging>::exchangeTurn(TurnExchange& mine) {
+    if (getOwner() != currentThread().id || count() != 1)
+        return false;
+    WakeUp wakeUp;
+    {
+        OSWrap::Lock<> const lock(queueMutex_);
+        if (!front_)
+            return true;
+        if (!front_->exchangesWith(mine))
+            return false;
+        Waiter& partner = *front_;
+        mine.swap(*partner.turn);
+        wakeUp = moveToBack(partner);
+    }
+    wakeUp.perform();
+    return true;
+}
+
+/** The new front is woken to poll for its turn, unless it would only exchange that for another. */
+template <class Debugging>
+typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::moveToBack(Waiter& waiter) {
+    WakeUp wakeUp;
+    if (!waiter.next)
+        return wakeUp;
+    unlink(waiter);
+    waiter.change(Waiter::queued);
+    append(waiter);
+    ParkingPlace* const sleeper = front_->change(Waiter::front);
+    if (!front_->exchangesWith(*waiter.turn))
+        wakeUp.front = sleeper;
+    return wakeUp;
+}
+
+template <class Debugging>
 void DebugPermission<Debugging>::handOver() {
     WakeUp wakeUp;
     {
@@ -279,9 +339,9 @@ typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::passOn()
     unlink(successor);
     ownerTid_.store(successor.tid, std::memory_order_relaxed);
     word_.store(successor.id | (front_ ? kSomebodyQueued : 0), std::memory_order_release);
-    wakeUp.granted = successor.raise(Waiter::granted);
+    wakeUp.granted = successor.change(Waiter::granted);
     if (front_)
-        wakeUp.front = front_->raise(Waiter::front);
+        wakeUp.front = front_->change(Waiter::front);
     return wakeUp;
 }
 
@@ -322,7 +382,7 @@ typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::leaveQue
     if (!front_)
         word_.fetch_and(~kSomebodyQueued, std::memory_order_relaxed);
     else if (wasFront)
-        wakeUp.front = front_->raise(Waiter::front);
+        wakeUp.front = front_->change(Waiter::front);
     return wakeUp;
 }
 

@@ -113,6 +113,16 @@ void HandlerThreads<Container, Permission, Debugging>::getPermission(Debugging) 
 }
 
 template <template <class> class Container, template <class> class Permission, class Debugging>
+void HandlerThreads<Container, Permission, Debugging>::getPermission(TurnExchange& turn) {
+    permission_.get(turn);
+}
+
+template <template <class> class Container, template <class> class Permission, class Debugging>
+bool HandlerThreads<Container, Permission, Debugging>::exchangeTurn(TurnExchange& mine) {
+    return permission_.exchangeTurn(mine);
+}
+
+template <template <class> class Container, template <class> class Permission, class Debugging>
 bool HandlerThreads<Container, Permission, Debugging>::retrievePermission() {
     if (!isHandler())
         return false;

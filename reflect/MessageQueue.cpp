@@ -61,15 +61,30 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessag
     --idle_;
     if (tooMany || closed_)
         return Turn::end;
+    need = takeFront(message);
+    return Turn::serve;
+}
+
+bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) {
+    if (!ready_.load(std::memory_order_acquire))
+        return false;
+    QueueLock const lock(changed_);
+    if (closed_ || messages_.empty() || idle_ >= kMostIdle)
+        return false;
+    need = takeFront(message);
+    return true;
+}
+
+/** The taker sees to those who are left behind. */
+MessageQueue::Need MessageQueue::takeFront(Transport::AddressedMessage& message) {
     message = messages_.pop();
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
-        return Turn::serve;
-    if (idle_ > 0)
-        wakeOne();
-    else
-        need = addWorker();
-    return Turn::serve;
+        return Need::nothing;
+    if (idle_ == 0)
+        return addWorker();
+    wakeOne();
+    return Need::nothing;
 }
 
 void MessageQueue::awaitMessage() {

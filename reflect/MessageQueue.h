@@ -42,6 +42,10 @@ public:
      */
     Turn next(bool firstPass, Transport::AddressedMessage& message, Need& need);
 
+    /** A worker that has served its message takes the next one if there is one, as with `next`;
+     * else false, and nothing has changed. */
+    bool nextAtOnce(Transport::AddressedMessage& message, Need& need);
+
     /** A worker that `push` or `next` asked for could not be started. */
     void workerNotStarted();
     /** The last thing a worker does. */
@@ -73,6 +77,7 @@ private:
     static constexpr unsigned int kMostIdle = 3;
 
     bool mayGoOn() OSW_REQUIRES(changed_);
+    Need takeFront(Transport::AddressedMessage& message) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
     void wakeOne() OSW_REQUIRES(changed_);

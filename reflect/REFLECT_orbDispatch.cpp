@@ -5,6 +5,7 @@
 #include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/TreflectRestoreHandlerState.h"
+#include "handler_threads/TurnExchange.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
@@ -44,6 +45,17 @@ void giveBackFurtherLevels() {
     while (TreflectORB::hasRunPermission() && TreflectORB::getRunPermissionCount() > 1)
         TreflectORB::releaseRunPermission();
 }
+
+/** The message that a worker serves next, once it holds the run permission. */
+class WorkerTurn final : public TurnExchange {
+public:
+    explicit WorkerTurn(void const* pool) : TurnExchange(pool) {}
+    void swap(TurnExchange& other) override {
+        std::swap(message, static_cast<WorkerTurn&>(other).message);
+    }
+
+    Transport::AddressedMessage message;
+};
 
 /** Tells the queue at the end of a worker, by return or by cancellation. */
 class EndOfWorker {
@@ -255,20 +267,57 @@ void TreflectORB::IncomingMessage::reportUnknownObject() const {
                    trueOrFalse(transaction_), cc_, mc_);
 }
 
+/** A worker's way from message to message. */
+class TreflectORB::WorkLoop {
+public:
+    explicit WorkLoop(TreflectORB& orb) : orb_(orb), turn_(orb.parts_.get()) {}
+
+    void run() {
+        for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false))
+            IncomingMessage(orb_, TreflectMessage(turn_.message)).serve();
+    }
+
+private:
+    bool awaitTurn(bool firstPass);
+    bool goOnAtOnce();
+    void startWorker(MessageQueue::Need need) {
+        if (need == MessageQueue::Need::worker)
+            orb_.startReflectWorker();
+    }
+
+    TreflectORB& orb_;
+    WorkerTurn turn_;
+};
+
+/** Gives up the run permission until there is a message; false when the worker is to end. */
+bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
+    turn_.message = {};
+    releaseRunPermission();
+    MessageQueue::Need need = MessageQueue::Need::nothing;
+    if (orb_.parts_->messageQueue.next(firstPass, turn_.message, need) == MessageQueue::Turn::end)
+        return false;
+    startWorker(need);
+    handlerThreads().getPermission(turn_);
+    return true;
+}
+
+/** Serves on without a change of threads while messages wait and only workers are queued for the
+ * permission. */
+bool TreflectORB::WorkLoop::goOnAtOnce() {
+    MessageQueue::Need need = MessageQueue::Need::nothing;
+    if (!orb_.parts_->messageQueue.nextAtOnce(turn_.message, need))
+        return false;
+    startWorker(need);
+    if (handlerThreads().exchangeTurn(turn_))
+        return true;
+    releaseRunPermission();
+    handlerThreads().getPermission(turn_);
+    return true;
+}
+
 void TreflectORB::dispatchEntry() {
     OSWrap::DisableCancelStateGuard const noCancel;
     EndOfWorker const end(parts_->messageQueue);
     TreflectHandlerState const handlerState(true);
-    for (bool firstPass = true;; firstPass = false) {
-        Transport::AddressedMessage message;
-        {
-            TreflectReleaseHandlerState const released;
-            MessageQueue::Need need = MessageQueue::Need::nothing;
-            if (parts_->messageQueue.next(firstPass, message, need) == MessageQueue::Turn::end)
-                return;
-            if (need == MessageQueue::Need::worker)
-                startReflectWorker();
-        }
-        IncomingMessage(*this, TreflectMessage(message)).serve();
-    }
+    WorkLoop(*this).run();
 }

@@ -7,6 +7,8 @@
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
 
+class TurnExchange;
+
 namespace handlerthreads {
 struct ParkingPlace;
 }
@@ -40,6 +42,17 @@ public:
      * 4). Call with no lock held that the holder of the token may want.
      */
     void get();
+    /** The same for a thread of a pool: while it is queued, another one may exchange work with it.
+     */
+    void get(TurnExchange& turn);
+    /**
+     * Instead of `release` followed by `get(mine)`, when that would change nothing but the thread
+     * that goes on: true when nobody is queued, or when the front of the queue belongs to the same
+     * pool, which then gets the caller's work and place in exchange for its own. The caller keeps
+     * the token and goes on with what `mine` now holds. False without effect otherwise, or when the
+     * caller does not hold exactly one level.
+     */
+    bool exchangeTurn(TurnExchange& mine);
     /** Gives back one level, with the last one the token. Reported and ignored when the caller does
      * not hold it (level 3). No cancellation point. */
     void release();
@@ -70,13 +83,16 @@ private:
     DebugPermission() = default;
 
     bool tryTake();
-    void waitForTurn();
+    void take(TurnExchange* turn);
+    void waitForTurn(TurnExchange* turn);
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
+    void awaitGrantAtFront(Waiter& waiter);
     void handOver();
     void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void leaveQueue(Waiter& waiter);
     WakeUp passOn() OSW_REQUIRES(queueMutex_);
+    WakeUp moveToBack(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     WakeUp leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void reportFurtherLevel(unsigned long levels) const;

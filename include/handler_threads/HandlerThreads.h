@@ -44,6 +44,12 @@ public:
      * has to wait. */
     void getPermission();
     void getPermission(Debugging);
+    /** Takes the permission for a thread of a pool, which must be in handler state; see
+     * DebugPermission::get. */
+    void getPermission(TurnExchange& turn);
+    /** Goes on with the next turn of the pool without giving the permission away, where that makes
+     * no difference; see DebugPermission::exchangeTurn. */
+    bool exchangeTurn(TurnExchange& mine);
     /** Gives back one level of the permission; no effect on a thread outside handler state. */
     void releasePermission();
     /** Takes the permission if the thread is in handler state; false, without effect, if not. */

@@ -140,6 +140,7 @@ private:
     struct OngoingRequestId;
     class OutgoingCall;
     class IncomingMessage;
+    class WorkLoop;
 
     explicit TreflectORB(NamespaceId const& ns);
     void deliverResponse_(TreflectMessage const& response);
