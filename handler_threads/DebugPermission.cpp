@@ -227,6 +227,7 @@ bool DebugPermission<Debugging>::enqueueUnlessFree(Waiter& waiter) {
 template <class Debugging>
 void DebugPermission<Debugging>::append(Waiter& waiter) {
     waiter.previous = back_;
+    waiter.next = nullptr;
     (back_ ? back_->next : front_) = &waiter;
     back_ = &waiter;
     waiting_.fetch_add(1, std::memory_order_relaxed);
