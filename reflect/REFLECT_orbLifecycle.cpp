@@ -197,6 +197,7 @@ void BrokerLifecycle::deleteAllAtExit() {
             return;
     }
     abandoned_ = true;
+    REFLECTORB_LOG(4, "REFLECT_orb", "ORB deletion at process exit gave up waiting for a thread");
 }
 
 void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
