@@ -36,55 +36,70 @@ void MessageQueue::Ring::grow() {
 }
 
 MessageQueue::Need MessageQueue::push(Transport::AddressedMessage const& message) {
-    QueueLock const lock(changed_);
-    if (closed_)
-        return Need::nothing;
-    bool const wasEmpty = messages_.empty();
-    messages_.push(message);
-    ready_.store(true, std::memory_order_release);
-    if (idle_ == 0)
-        return addWorker();
-    if (wasEmpty)
-        wakeOne();
+    {
+        QueueLock const lock(changed_);
+        if (closed_)
+            return Need::nothing;
+        bool const wasEmpty = messages_.empty();
+        messages_.push(message);
+        ready_.store(true, std::memory_order_release);
+        if (idle_ == 0)
+            return addWorker();
+        if (!wasEmpty || polling_ > 0)
+            return Need::nothing;
+    }
+    changed_.signal();
     return Need::nothing;
 }
 
 MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessage& message,
                                       Need& need) {
-    QueueLock const lock(changed_);
-    need = Need::nothing;
-    if (!firstPass)
-        ++idle_;
-    bool const tooMany = idle_ > kMostIdle;
-    if (!tooMany)
-        awaitMessage();
-    --idle_;
-    if (tooMany || closed_)
-        return Turn::end;
-    need = takeFront(message);
+    bool wake = false;
+    {
+        QueueLock const lock(changed_);
+        need = Need::nothing;
+        if (!firstPass)
+            ++idle_;
+        bool const tooMany = idle_ > kMostIdle;
+        if (!tooMany)
+            awaitMessage();
+        --idle_;
+        if (tooMany || closed_)
+            return Turn::end;
+        wake = takeFront(message, need);
+    }
+    if (wake)
+        changed_.signal();
     return Turn::serve;
 }
 
 bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) {
     if (!ready_.load(std::memory_order_acquire))
         return false;
-    QueueLock const lock(changed_);
-    if (closed_ || messages_.empty() || idle_ >= kMostIdle)
-        return false;
-    need = takeFront(message);
+    bool wake = false;
+    {
+        QueueLock const lock(changed_);
+        if (closed_ || messages_.empty() || idle_ >= kMostIdle)
+            return false;
+        wake = takeFront(message, need);
+    }
+    if (wake)
+        changed_.signal();
     return true;
 }
 
-/** The taker sees to those who are left behind. */
-MessageQueue::Need MessageQueue::takeFront(Transport::AddressedMessage& message) {
+/** The taker sees to those who are left behind: `need` tells whether they take one more worker, the
+ * result whether to signal an idle one after unlocking. */
+bool MessageQueue::takeFront(Transport::AddressedMessage& message, Need& need) {
     message = messages_.pop();
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
-        return Need::nothing;
-    if (idle_ == 0)
-        return addWorker();
-    wakeOne();
-    return Need::nothing;
+        return false;
+    if (idle_ == 0) {
+        need = addWorker();
+        return false;
+    }
+    return polling_ == 0;
 }
 
 void MessageQueue::awaitMessage() {
@@ -108,11 +123,6 @@ void MessageQueue::pollOnce() {
     waiting_.poll([this] { return ready_.load(std::memory_order_acquire); });
     changed_.lock();
     --polling_;
-}
-
-void MessageQueue::wakeOne() {
-    if (polling_ == 0)
-        changed_.signal();
 }
 
 MessageQueue::Need MessageQueue::addWorker() {

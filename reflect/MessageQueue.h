@@ -77,10 +77,9 @@ private:
     static constexpr unsigned int kMostIdle = 3;
 
     bool mayGoOn() OSW_REQUIRES(changed_);
-    Need takeFront(Transport::AddressedMessage& message) OSW_REQUIRES(changed_);
+    bool takeFront(Transport::AddressedMessage& message, Need& need) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
-    void wakeOne() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);
 
     /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.

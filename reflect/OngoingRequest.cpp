@@ -18,6 +18,10 @@ OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
 /** The wait is given up after the period that completes so many minutes. */
 constexpr int kMostMinutes = 1;
 
+// Records of ended threads, for new ones. A leaf lock.
+OSWrap::Mutex freeMutex;
+OngoingRequest* firstFree OSW_GUARDED_BY(freeMutex) = nullptr;
+
 void deleteResponse(TreflectMessage* response) {
     if (response != OngoingRequest::disconnected())
         delete response;
@@ -39,8 +43,20 @@ void OngoingRequest::initonce() {
     pthread_key_create(&tsv_key_, &OngoingRequest::destroyThreadInstance);
 }
 
-void OngoingRequest::destroyThreadInstance(void* record) {
-    delete static_cast<OngoingRequest*>(record);
+void OngoingRequest::destroyThreadInstance(void* instance) {
+    auto* const record = static_cast<OngoingRequest*>(instance);
+    record->free();
+    OSWrap::Lock<> const lock(freeMutex);
+    record->nextFree_ = firstFree;
+    firstFree = record;
+}
+
+OngoingRequest* OngoingRequest::takeFree() {
+    OSWrap::Lock<> const lock(freeMutex);
+    OngoingRequest* const record = firstFree;
+    if (record)
+        firstFree = record->nextFree_;
+    return record;
 }
 
 OngoingRequest& OngoingRequest::getThreadInstance() {
@@ -48,7 +64,9 @@ OngoingRequest& OngoingRequest::getThreadInstance() {
     pthread_once(&once, &OngoingRequest::initonce);
     auto* record = static_cast<OngoingRequest*>(pthread_getspecific(tsv_key_));
     if (!record) {
-        record = new OngoingRequest;
+        record = takeFree();
+        if (!record)
+            record = new OngoingRequest;
         pthread_setspecific(tsv_key_, record);
     }
     return *record;
@@ -119,24 +137,33 @@ TreflectMessage* OngoingRequest::sleepOnePeriod() {
     return response_.load(std::memory_order_relaxed);
 }
 
-void OngoingRequest::reset(TreflectMessage* response, bool deliver) {
+bool OngoingRequest::reset(TreflectMessage* response, bool deliver) {
     if (!deliver) {
         deleteResponse(response);
-        return;
+        return false;
     }
     deleteResponse(response_.exchange(response, std::memory_order_release));
-    if (response)
-        condition_.signal();
+    return response != nullptr;
 }
 
 void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
-    RecordLock const lock(condition_);
-    reset(response, transactionId_ == transactionId);
+    bool wake = false;
+    {
+        RecordLock const lock(condition_);
+        wake = reset(response, transactionId_ == transactionId);
+    }
+    if (wake)
+        condition_.signal();
 }
 
 void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
-    RecordLock const lock(condition_);
-    reset(response, target_ == target);
+    bool wake = false;
+    {
+        RecordLock const lock(condition_);
+        wake = reset(response, target_ == target);
+    }
+    if (wake)
+        condition_.signal();
 }
 
 void OngoingRequest::free() {

@@ -13,7 +13,9 @@ class TreflectORB;
 
 /**
  * The request that a thread is waiting on. One per calling thread, made on its first call, reused
- * for every further one and deleted when the thread ends.
+ * for every further one, and passed on to another thread when this one ends: a record is never
+ * freed, so that its owner can be woken without any lock held. A signal that comes late wakes the
+ * next owner for nothing, who looks and sleeps again.
  *
  * Others reach a record only through a broker's table of outstanding requests: whoever takes it out
  * of there delivers exactly once, and the owner waits for that delivery before it ends its call. So
@@ -49,8 +51,9 @@ public:
     /** Whether something has been delivered. Owner's thread. */
     bool delivered() const { return response_.load(std::memory_order_acquire) != nullptr; }
 
-    /** Delivers `response`, which the record then owns, or deletes it. */
-    void reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
+    /** Delivers `response`, which the record then owns, or deletes it. True when the owner is to be
+     * signalled after unlocking. */
+    bool reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
     /** Delivers it if the record still waits for that transaction, else deletes it. */
     void reset(TreflectMessage* response, unsigned int transactionId);
     /** The same if the record's request went to `target`. */
@@ -61,6 +64,7 @@ public:
 
 private:
     static void initonce();
+    static OngoingRequest* takeFree();
     static void destroyThreadInstance(void* record);
 
     TreflectMessage* sleepUntilDelivered();
@@ -78,6 +82,7 @@ private:
     /// Null: nothing yet; disconnected(); else an owned message. Written under condition_, polled
     /// by the owner without it.
     std::atomic<TreflectMessage*> response_{nullptr};
-    bool active_ = false;           // owner's thread only
-    OSWrap::AdaptiveWait waiting_;  // statistics of this thread's waits
+    bool active_ = false;                 // owner's thread only
+    OngoingRequest* nextFree_ = nullptr;  // guarded by the mutex of the list of free records
+    OSWrap::AdaptiveWait waiting_;        // statistics of this thread's waits
 };

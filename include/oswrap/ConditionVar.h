@@ -29,7 +29,8 @@ public:
      */
     bool wait(TimeSpec const& limit) OSW_REQUIRES(this);
     /** Wakes one waiter, or all. Call with the mutex locked, so that nobody signals a variable that
-     * its waiter has already freed. */
+     * its waiter has already freed; or without, which spares the woken thread a wait for the mutex,
+     * where the variable is sure to live on. */
     void signal();
     void broadcast();
 
