@@ -26,6 +26,8 @@ function(reflectorb_room name)
         POSITION_INDEPENDENT_CODE ON
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON)
+    # Nobody replaces our functions by others of the same name, so calls among them may be direct.
+    target_compile_options(ro-${name} PRIVATE -fno-semantic-interposition)
     target_include_directories(ro-${name}
         PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
         PRIVATE "${PROJECT_SOURCE_DIR}")
@@ -65,6 +67,7 @@ function(reflectorb_library target)
     add_library(${target} SHARED ${objects})
     add_library(${target}-internals STATIC EXCLUDE_FROM_ALL ${objects})
     set_target_properties(${target} ${target}-internals PROPERTIES LINKER_LANGUAGE CXX)
+    target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions)
     set_target_properties(${target} PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
         # Installed, one library finds the other beside itself, whatever the prefix.
