@@ -65,13 +65,7 @@ std::string const kClass = "0057A710";
 
 class WireTest : public testing::Test {
 protected:
-    /** One transport for the whole program, as a process has no other. */
-    static testsupport::RendezvousFolder& folder() {
-        static auto& folder = *new testsupport::RendezvousFolder;
-        return folder;
-    }
     WireTest() {
-        folder();
         peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
         actor_ = std::make_unique<StationActor>();
         lamp_ = actor_->publishStation("lamp");
