@@ -92,7 +92,8 @@ TEST(RCPtr, CountsItsHoldersAndCopiesWhatIsNotShareable) {
         TipprmiRCPtr<Counted> second(first);
         EXPECT_EQ(first.get(), second.get());
         EXPECT_EQ(2, first->references());
-        second = second;
+        TipprmiRCPtr<Counted> const& itself = second;
+        second = itself;
         EXPECT_EQ(2, first->references());
         first->keepPrivate();
         TipprmiRCPtr<Counted> const own(first);
