@@ -27,9 +27,10 @@ TipprmiStream& operator<<(TipprmiStream& stream, TipprmiAny const& value) {
 
 void TipprmiAny::read_(TipprmiStream& stream) {
     int const length = stream.readLength();
-    // A null pointer, when the bytes are missing, stands for zeros.
+    // Made before the former content goes, since `stream` may be that. A null pointer, when the
+    // bytes are missing, stands for zeros.
     if (length > 0)
-        stream_.emplace(stream.take_(length), length);
+        stream_.emplace(TipprmiStream(stream.take_(length), length));
     else
         stream_.reset();
 }

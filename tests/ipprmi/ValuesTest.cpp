@@ -65,6 +65,15 @@ TEST(Any, ReadingEmptiesItFirst) {
     EXPECT_EQ("000000050000000000", wireForm(cut)) << "missing bytes are zeros";
 }
 
+TEST(Any, MayBeReplacedByTheAnyInsideIt) {
+    TipprmiAny inside;
+    inside.insert(std::string(80, 'i'));
+    TipprmiAny any;
+    any.insert(inside);
+    any.extract(any);
+    EXPECT_EQ(wireForm(inside), wireForm(any));
+}
+
 TEST(Any, ValueTooLargeSpoilsTheMessageItIsWrittenTo) {
     TipprmiAny any;
     any.insert(std::string(Transport::kLargestMessage, 'x'));
