@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -107,7 +108,11 @@ public:
         gethostname(name, sizeof name - 1);
         return name;
     }
-    Names parts(std::string const& kind) override { return parts_[kind]; }
+    // Callers may ask for anything: what they ask for must leave nothing behind.
+    Names parts(std::string const& kind) override {
+        auto const found = parts_.find(kind);
+        return found == parts_.end() ? Names() : found->second;
+    }
 
 private:
     std::map<std::string, Names> parts_;
