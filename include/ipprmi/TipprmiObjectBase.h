@@ -62,6 +62,6 @@ protected:
     }
 
 private:
-    unsigned int internalOid_;
-    TipprmiOID oid_;
+    unsigned int internalOid_;  // guarded by the run permission
+    TipprmiOID oid_;            // guarded by the run permission
 };

@@ -70,7 +70,8 @@ private:
     /** Keeps an adopted stub in place of the present one, which is released. */
     void replaceStub(TreflectObjectStub* adopted);
 
-    TreflectObjectStub* stub_ = nullptr;  // one counted reference; null only without memory
+    // One counted reference; null only without memory. Guarded by the run permission.
+    TreflectObjectStub* stub_ = nullptr;
 };
 
 /** Equal when the stubs are equal (see TreflectObjectStub). */

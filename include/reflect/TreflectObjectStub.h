@@ -130,7 +130,8 @@ private:
     TreflectOrbId orbId_;                      // guarded by the run permission
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned; guarded by the run permission
     int refCount_ = 0;                         // guarded by the run permission
-    // The server under which the table of stubs has this stub; null when not in the table.
+    // The server under which the table of stubs has this stub; null when it has it under none.
+    // Guarded by the run permission.
     TipprmiObjectSkeleton const* filedServer_ = nullptr;
 };
 

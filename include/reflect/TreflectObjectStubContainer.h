@@ -53,6 +53,7 @@ private:
     TreflectObjectStub* firstValid(Stubs::const_iterator from, Stubs::const_iterator to) const;
     Stubs::iterator position(TreflectObjectStub* stub);
 
+    // Both guarded by the run permission.
     Stubs stubs_;
     // Those of local objects once more, so that the end of an object finds them at once.
     std::set<std::pair<TipprmiObjectSkeleton const*, TreflectObjectStub*>> local_;
