@@ -38,7 +38,7 @@ public:
 };
 
 std::unique_ptr<Subject> makeOrb();
-/** The prescribed thread path over a seqpacket socket, every wait sleeping. */
+/** The thread path of a call over a seqpacket socket, every wait sleeping. */
 std::unique_ptr<Subject> makeSleepingFloor();
 /** The same path over shared-memory rings, every wait polling for a bounded time first. */
 std::unique_ptr<Subject> makePollingFloor();

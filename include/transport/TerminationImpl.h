@@ -10,7 +10,7 @@ class LocalTermination;
 
 /**
  * A termination of this process: the base of a broker. Has a receiving thread of its own from
- * `start` to `stop`. Virtual operations stand in a prescribed slot order.
+ * `start` to `stop`. Virtual operations stand in a fixed order of slots.
  *
  * Callbacks: `receive` and `receiveError` run on the receiving thread, one message at a time, and
  * must not wait for a response. `appeared` and `disappeare` run on the process's arrivals thread

@@ -1,4 +1,4 @@
-// A target that lives and does not answer: the prescribed times, for real.
+// A target that lives and does not answer: the real times, waited for.
 #include <signal.h>
 
 #include <chrono>
