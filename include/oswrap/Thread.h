@@ -34,8 +34,10 @@ private:
  * it once and joins it, unless it deletes itself at its end (deleteOnThreadTermination).
  *
  * A started thread bears `name` (its first 15 characters are what the kernel shows) and blocks all
- * signals, except those that its own faults raise (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP,
- * SIGSYS), so that a crash handler of the process sees them. `priority` counts in a real-time
+ * signals, so that the process's handlers run on threads of the program. Open are only those that
+ * its own faults raise (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS): a fault whose signal is
+ * blocked ends the process without its handler being asked, and application code runs on these
+ * threads, whose crashes the program's crash handler must see. `priority` counts in a real-time
  * policy only; the kernel's other policies know a single one. A priority or policy that the process
  * may not set is logged once per process at level 5 and ignored.
  *
@@ -63,6 +65,9 @@ public:
     /** False, with a log line at level 3, when the operating system has no thread to give; the
      * object is then still the caller's. */
     bool start();
+    /** As `start`, but logs nothing, for those who hold a lock: 0, or the operating system's error
+     * number. */
+    int startQuietly();
     /** Waits for the end of `run`; no cancellation point. No effect on a detached, never started or
      * already joined thread. The owner's thread only. */
     void join();

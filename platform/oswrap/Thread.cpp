@@ -117,20 +117,25 @@ Thread::~Thread() {
 bool Thread::start() {
     if (joinable_)
         return false;
+    int const failure = startQuietly();
+    if (failure != 0)
+        REFLECTORB_LOG(3, kSource, "Thread %s could not be started: %s", name_.c_str(),
+                       std::strerror(failure));
+    return failure == 0;
+}
+
+int Thread::startQuietly() {
+    if (joinable_)
+        return EBUSY;
     // The object may be gone as soon as the thread runs.
     bool const joinable = joinableOnceStarted();
     pthread_t handle{};
     int const failure = create(handle);
-    if (failure != 0) {
-        REFLECTORB_LOG(3, kSource, "Thread %s could not be started: %s", name_.c_str(),
-                       std::strerror(failure));
-        return false;
-    }
-    if (joinable) {
+    if (failure == 0 && joinable) {
         handle_ = handle;
         joinable_ = true;
     }
-    return true;
+    return failure;
 }
 
 int Thread::create(pthread_t& handle) {

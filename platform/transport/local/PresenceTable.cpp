@@ -1,6 +1,7 @@
 #include "platform/transport/local/PresenceTable.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <new>
 
@@ -8,9 +9,12 @@
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
+#include "platform/transport/DelayedLog.h"
 
 namespace Transport {
 namespace {
+
+constexpr char const* kSource = "TransportPresence";
 
 /** Application code runs in the calls, so these threads have room for it. */
 constexpr std::size_t kLaneStack = 0x80000;
@@ -110,6 +114,7 @@ std::vector<pid_t> PresenceTable::owners() const {
 // ---- Changes ------------------------------------------------------------------------------------
 
 bool PresenceTable::admit(TerminationId id, Entry entry) {
+    DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     if (!entries_.emplace(id, std::move(entry)).second)
         return false;
@@ -133,6 +138,7 @@ void PresenceTable::drop(TerminationId id, Departures& departures) {
 }
 
 void PresenceTable::tell(Departures& departures) {
+    DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     std::move(departures.notices_.begin(), departures.notices_.end(),
               std::back_inserter(departures_.queue));
@@ -144,6 +150,7 @@ void PresenceTable::tell(Departures& departures) {
 // ---- Listeners ----------------------------------------------------------------------------------
 
 void PresenceTable::attach(PresenceListener& listener) {
+    DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     if (!listeners_.emplace(&listener, ++lastAttachment_).second)
         return;
@@ -188,7 +195,8 @@ bool PresenceTable::calledByOthers(PresenceListener const& listener) const {
 
 // ---- The lanes ----------------------------------------------------------------------------------
 
-/** Has the lane's thread look at its queue; starts one if there is none. */
+/** Has the lane's thread look at its queue; starts one if there is none. One that cannot be started
+ * now is tried again at the next change. */
 void PresenceTable::wake(Lane& lane) {
     lock_.broadcast();
     if (lane.threadLives || lane.queue.empty())
@@ -197,9 +205,13 @@ void PresenceTable::wake(Lane& lane) {
     if (thread == nullptr)
         return;
     thread->deleteOnThreadTermination();
-    lane.threadLives = thread->start();
-    if (!lane.threadLives)
-        delete thread;
+    int const failure = thread->startQuietly();
+    lane.threadLives = failure == 0;
+    if (lane.threadLives)
+        return;
+    delete thread;
+    TRANSPORT_LOG(3, kSource, "Thread %s could not be started: %s", lane.name,
+                  std::strerror(failure));
 }
 
 /** The body of a lane's thread. */

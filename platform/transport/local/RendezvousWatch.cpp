@@ -1,7 +1,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
+#include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
@@ -39,10 +41,14 @@ bool Rendezvous::State::startThread(void (State::*body)(), char const* name, boo
         return true;
     auto* const thread = new WatchThread(*this, body, name);
     thread->deleteOnThreadTermination();
-    this->*lives = thread->start();
-    if (!(this->*lives))
+    int const failure = thread->startQuietly();
+    this->*lives = failure == 0;
+    if (failure != 0) {
         delete thread;
-    return this->*lives;
+        TRANSPORT_LOG(3, kSource, "Thread %s could not be started: %s", name,
+                      std::strerror(failure));
+    }
+    return failure == 0;
 }
 
 bool Rendezvous::State::startThreads() {

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "logging/Log.h"
+#include "platform/transport/DelayedLog.h"
 
 namespace Transport {
 namespace {
@@ -72,9 +72,8 @@ bool raiseDescriptorLimit() {
     rlim_t const before = std::exchange(limit.rlim_cur, wanted);
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
         return false;
-    REFLECTORB_LOG(5, kSource, "limit of open descriptors raised from %llu to %llu",
-                   static_cast<unsigned long long>(before),
-                   static_cast<unsigned long long>(wanted));
+    TRANSPORT_LOG(5, kSource, "limit of open descriptors raised from %llu to %llu",
+                  static_cast<unsigned long long>(before), static_cast<unsigned long long>(wanted));
     return true;
 }
 
