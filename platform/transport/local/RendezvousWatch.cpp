@@ -14,6 +14,16 @@ namespace {
 
 constexpr char const* kSource = "TransportRendezvous";
 constexpr std::size_t kWatchStack = 0x20000;
+/** Between two scans, so that many changes at once cost each process a few scans and not one for
+ * each change. The first change after a pause is seen at once. */
+constexpr long long kScanPause = 10'000'000;  // nanoseconds
+
+/** Sleeps until the pause after a scan that ended at `scanned` is over. */
+void rest(long long scanned) {
+    long long const left = scanned + kScanPause - OSWrap::Clock::nowNanoseconds();
+    if (left > 0)
+        OSWrap::Thread::sleep(0, static_cast<unsigned long>(left));
+}
 
 }  // namespace
 
@@ -77,11 +87,13 @@ void Rendezvous::State::watchAnnouncements() {
         if (mayEnd(&State::announcementThreadLives_))
             return;
         scan();
+        long long const scanned = OSWrap::Clock::nowNanoseconds();
         if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
             watched = std::move(toWatch);
             watch_.wake();
         }
         files.waitForAnnouncement(seen);
+        rest(scanned);
     }
 }
 
