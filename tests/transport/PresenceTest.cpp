@@ -9,24 +9,13 @@
 
 #include "PresenceActor.h"
 #include "RendezvousFolder.h"
+#include "Slowness.h"
 #include "oswrap/Clock.h"
 
 namespace {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PRESENCE_TEST_SANITIZED
-#endif
-#endif
-
-#if defined(PRESENCE_TEST_SANITIZED) || defined(__SANITIZE_ADDRESS__) || \
-    defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr bool kSlow = true;  // ARM: mostly under emulation
-#else
-constexpr bool kSlow = false;
-#endif
-
 using testsupport::eventually;
+using testsupport::kSlow;
 using Actors = std::vector<std::unique_ptr<PresenceActor>>;
 
 class PresenceTest : public testing::Test {
@@ -167,6 +156,9 @@ TEST_F(PresenceTest, eachProcessWatchesThreeOthersHoweverManyThereAre) {
     };
     for (auto& actor : actors_)
         EXPECT_TRUE(eventually([&] { return handles(*actor) == 3; }));
+    actors_[0]->stop(ids_[0]);
+    EXPECT_TRUE(eventually([&] { return handles(*actors_[0]) == 0; }))
+        << "nobody without a termination watches";
 }
 
 TEST_F(PresenceTest, entriesTellTheirOwnerAndTakeConnectionsWhileHeLives) {

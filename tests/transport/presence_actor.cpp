@@ -1,13 +1,21 @@
 // A process with terminations that tests of presence tell what to do, line by line.
 //
-//   slot N, active N, axu N,N, actor NAME, directory PATH     -> "set yes" or "set no"
-//   identity                                                  -> "identity SLOT ACTIVE ACTOR
-//   AXU..." become UID            gives up root start GROUP           a termination comes up ->
-//   "started ID", 0 when refused stop ID                                                   ->
-//   "stopped" churn KEEP ROUNDS     starts KEEP, then stops and starts  -> "churned" view what is
-//   known here, see `view`      -> "view COUNT HASH AGREE ERRORS" fork                  a child
-//   tries everything            -> "forked CODE" inheritable           descriptors that exec would
-//   pass on -> "inheritable N" quit                  ends without stopping anything
+//   slot N, active N, axu N,N, actor NAME, directory PATH: answers "set yes" or "set no"
+//   identity         answers "identity SLOT ACTIVE ACTOR AXU..."
+//   become UID       gives up root; answers "became"
+//   start GROUP      a termination comes up; answers "started ID", 0 when refused
+//   stop ID          answers "stopped"
+//   churn KEEP N     starts KEEP, then stops and starts N times; answers "churned"
+//   view             answers "view COUNT HASH AGREE ERRORS", see `view`
+//   suspect ID       as if a channel to it had ended; answers "suspected"
+//   owned ID PID     whether that process owns it; answers "owned yes" or "owned no"
+//   connect ID       answers "connect yes" or "connect no"
+//   withoutHandles   the kernel refuses process handles from now on; answers "without yes"
+//   daemonize        goes on in a forked child; answers "daemonized PID"
+//   fork             a forked child tries everything; answers "forked CODE"
+//   exec             becomes another program
+//   inheritable      descriptors that exec would pass on; answers "inheritable N"
+//   quit             ends without stopping anything
 //
 // Unless it churns, it prints "arrived" and "departed" with listener, termination and time.
 #include <fcntl.h>

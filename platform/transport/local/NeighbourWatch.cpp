@@ -26,7 +26,9 @@ Descriptor openProcess(pid_t pid) {
 
 }  // namespace
 
-NeighbourWatch::NeighbourWatch() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+void NeighbourWatch::prepare() {
+    wakeUp_ = Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+}
 
 void NeighbourWatch::wake() const {
     std::uint64_t const one = 1;

@@ -15,8 +15,9 @@ namespace Transport {
  */
 class NeighbourWatch {
 public:
-    NeighbourWatch();
-
+    /** Makes what `wake` needs. Called once, before anything else and after the last fork that goes
+     * on with the transport in the child: parent and child would take each other's wake-ups. */
+    void prepare();
     /** Makes `wait` return; any thread. */
     void wake() const;
     /** Waits for the end of a watched process or for `wake`. The processes whose locks are to be
@@ -27,6 +28,7 @@ public:
     /** Watches `neighbours` and nobody else. Answers those who were not watched before: they may
      * have died already, so their locks are to be looked at. */
     std::vector<pid_t> choose(std::vector<pid_t> const& neighbours);
+    /** Watches nobody. */
     void clear() { watched_.clear(); }
 
 private:
@@ -35,7 +37,7 @@ private:
         Descriptor handle;  // invalid: looked at from time to time
     };
 
-    Descriptor const wakeUp_;  // an eventfd
+    Descriptor wakeUp_;  // an eventfd; constant once prepared
     std::vector<Watched> watched_;
 };
 

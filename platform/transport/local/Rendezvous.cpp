@@ -25,8 +25,10 @@ constexpr int kNameIds = 0xFFFF;
 bool Rendezvous::State::openFolder(std::string const& path) {
     if (folder == nullptr) {
         folder = EntryFolder::open(path).release();
-        if (folder != nullptr)
+        if (folder != nullptr) {
             watchForForks();
+            watch_.prepare();
+        }
     }
     return folder != nullptr;
 }

@@ -69,9 +69,12 @@ bool Rendezvous::State::startThreads() {
 /** Whether the asking thread is to end; notes that in `lives`. */
 bool Rendezvous::State::mayEnd(bool State::*lives) {
     OSWrap::Lock<> lock(mutex_);
-    if (published_ == 0)
-        this->*lives = false;
-    return published_ == 0;
+    if (published_ != 0)
+        return false;
+    this->*lives = false;
+    if (lives == &State::processThreadLives_)
+        watch_.clear();
+    return true;
 }
 
 /**
