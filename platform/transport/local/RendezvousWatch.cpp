@@ -194,7 +194,8 @@ bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
     OSWrap::Lock<> lock(mutex_);
     if (auto const own = own_.find(id); own != own_.end())
         return own->second.published && pid == ::getpid();
-    if (published_ == 0 || folder.load()->ownerOf(id.nameId()) != pid)
+    // A process that the kernel does not name to us, as one of another pid namespace, owns nothing.
+    if (published_ == 0 || pid <= 0 || folder.load()->ownerOf(id.nameId()) != pid)
         return false;
     if (table.exists(id))
         return true;
