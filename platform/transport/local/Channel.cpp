@@ -19,6 +19,7 @@ namespace {
 constexpr char const* kSource = "Channel";
 constexpr int kMessagesPerBatch = 64;
 constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
+constexpr int kPacketsAtOnce = 64;  // far more than a peer of our kind ever has on the way
 constexpr long long kBacklogFullRetry = 20'000'000;  // nanoseconds
 /** After Crossed the other side's Hello is on its way; should it be lost, we say ours again. */
 constexpr long long kCrossedRetry = 200'000'000;
@@ -235,11 +236,11 @@ void Channel::retryLater(long long nanoseconds) {
 
 void Channel::connect() {
     Descriptor socket(Rendezvous::instance().connectTo(peer_));
-    if (!socket.valid() && errno == EMFILE && raiseDescriptorLimit())
-        socket = Descriptor(Rendezvous::instance().connectTo(peer_));
     if (!socket.valid()) {
         if (errno == EAGAIN)
             retryLater(kBacklogFullRetry);
+        else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
+            giveUp(3, "no descriptor or no memory is left");
         else
             giveUp(6, "nobody listens there");
         return;
@@ -384,11 +385,14 @@ void Channel::onSocket() {
     react();
 }
 
-/** Takes all packets that are there; what needs the ring to be read first is only noted. */
+/** Takes the packets that are there; what needs the ring to be read first is only noted. A bounded
+ * number, for a peer that sends them without end; the socket stays readable for the rest. */
 void Channel::readPackets() {
     ReceivedPacket received;
+    int left = kPacketsAtOnce;
     // A packet may close the socket.
-    for (int fd = socket(); fd >= 0 && !ended_ && !garbageSeen_; fd = socket()) {
+    for (int fd = socket(); fd >= 0 && left > 0 && !ended_ && !garbageSeen_; fd = socket()) {
+        --left;
         Transfer const transfer = receivePacket(fd, received);
         if (transfer == Transfer::Later)
             return;

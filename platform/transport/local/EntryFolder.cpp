@@ -115,6 +115,13 @@ Descriptor openShared(Descriptor const& folder, std::string const& path) {
     return shared;
 }
 
+/** What `make` answers, asked once more when there were too few descriptors and more may be had. */
+template <class Make>
+int withEnoughDescriptors(Make make) {
+    int const made = make();
+    return made < 0 && errno == EMFILE && raiseDescriptorLimit() ? make() : made;
+}
+
 long futex(void* word, int operation, std::uint32_t value, std::uintptr_t value2, void* word2,
            std::uint32_t value3) {
     return ::syscall(SYS_futex, word, operation, value, value2, word2, value3);
@@ -228,8 +235,9 @@ std::string EntryFolder::fileName(TerminationId id, std::string const& actor,
 std::vector<FolderEntry> EntryFolder::list() const {
     std::vector<FolderEntry> entries;
     // A descriptor of its own: those that are duplicated share their place in the folder.
-    int const descriptor =
-        ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    int const descriptor = withEnoughDescriptors([this] {
+        return ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    });
     DIR* const folder = descriptor >= 0 ? ::fdopendir(descriptor) : nullptr;
     if (folder == nullptr) {
         TRANSPORT_LOG(3, kSource, "Cannot read the rendezvous folder %s: %s", path_.c_str(),
@@ -268,7 +276,8 @@ sockaddr_un addressOf(std::string const& path) {
 }
 
 Descriptor makeSocket() {
-    return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return Descriptor(withEnoughDescriptors(
+        [] { return ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }));
 }
 
 }  // namespace
