@@ -90,11 +90,14 @@ void toHeap(MessageBlock* block) {
     std::free(block);
 }
 
-/** What threads have too many of. */
+/** What threads have too many of. A forked child passes it by, since its mutex may be held there by
+ * nobody. */
 class CommonStore {
 public:
     /** Moves up to a handful of blocks to `list`. */
     void refill(FreeList& list, std::uint32_t sizeClass) {
+        if (inForkedChild())
+            return;
         OSWrap::Lock<> lock(mutex_);
         FreeList& common = lists_[sizeClass];
         for (std::uint32_t n = handful(sizeClass); n > 0 && common.count > 0; --n)
@@ -104,7 +107,10 @@ public:
     /** Takes `count` blocks of `list`; what exceeds the bound goes back to the heap. */
     void accept(FreeList& list, std::uint32_t sizeClass, std::uint32_t count) {
         FreeList surplus{nullptr, 0};
-        {
+        if (inForkedChild()) {
+            for (; count > 0 && list.count > 0; --count)
+                push(surplus, pop(list));
+        } else {
             OSWrap::Lock<> lock(mutex_);
             FreeList& common = lists_[sizeClass];
             std::uint32_t const bound =
