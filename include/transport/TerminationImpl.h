@@ -23,6 +23,8 @@ public:
      * reused soon). termId() is 0, with a log line, when the rendezvous folder refuses. `name` is
      * for people (part of what a listing shows); may be empty. */
     TerminationImpl(GroupId group, char const* name);
+    /** Frees the address. A class derived from this one calls `stop` in its own destructor, or is
+     * stopped before: here its operations have gone, and none of them may be called any more. */
     virtual ~TerminationImpl();
     TerminationImpl(TerminationImpl const&) = delete;
     TerminationImpl& operator=(TerminationImpl const&) = delete;
@@ -41,7 +43,9 @@ public:
     virtual void started();
     /**
      * Withdraws the termination. Returns when no callback of it is running or will come, except the
-     * one that called it. Idempotent. Does nothing in a forked child.
+     * one that called it. Idempotent. Does nothing in a forked child. A callback that does not
+     * return keeps it waiting: whoever may not wait for ever, such as a process that exits, has it
+     * called by a thread that can be left behind.
      */
     virtual void stop();
     /** Any termination of any group came up (our own too) or has gone. */

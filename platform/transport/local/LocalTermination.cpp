@@ -55,6 +55,9 @@ bool LocalTermination::start() {
         return false;
     }
     Rendezvous::instance().attach(*this);
+    // A message that has come already may have stopped the termination, before it was attached.
+    if (!receiver->sending())
+        Rendezvous::instance().detach(*this);
     return true;
 }
 
