@@ -3,9 +3,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <thread>
@@ -52,28 +49,11 @@ public:
         line >> word >> tally.received >> tally.faults >> tally.returned >> tally.returnedFaults;
         return tally;
     }
-    /** Returns when none of its threads runs any more. */
-    bool stop() {
-        program_.signal(SIGSTOP);
-        return testsupport::eventually([this] { return isStopped(); });
-    }
     bool waitForReceived(std::uint32_t count) {
         return testsupport::eventually([&] { return report().received >= count; });
     }
 
 private:
-    bool isStopped() const {
-        std::string const tasks = "/proc/" + std::to_string(program_.pid()) + "/task";
-        for (auto const& task : std::filesystem::directory_iterator(tasks)) {
-            std::ifstream file(task.path() / "stat");
-            std::string const text{std::istreambuf_iterator<char>(file), {}};
-            std::size_t const state = text.rfind(") ");  // behind the name, which may hold blanks
-            if (state == std::string::npos || text[state + 2] != 'T')
-                return false;
-        }
-        return true;
-    }
-
     ChildProgram program_;
     Transport::TerminationId id_;
 };
@@ -104,7 +84,7 @@ TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
     startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
-    ASSERT_TRUE(peer.stop());
+    ASSERT_TRUE(peer.program().stopWholly());
     std::uint32_t number = 0;
     // Queued before the channel stands, then by pieces and in rings of every capacity.
     for (int round = 0; round < 200; ++round)
@@ -172,7 +152,7 @@ TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimi
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.stop());
+    ASSERT_TRUE(peer.program().stopWholly());
     std::uint32_t taken = 0;
     constexpr std::size_t kSize = 256 * 1024;
     while (own_.send(peer.id(), TestHead::Numbered, taken, kSize) == 1)
@@ -193,7 +173,7 @@ TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.stop());
+    ASSERT_TRUE(peer.program().stopWholly());
     // In the ring, in larger ones, in pieces and in the queue.
     std::uint32_t taken = 0;
     for (std::size_t const size : {100u, 100u, 10'000u, 100'000u, 900'000u, 2'000'000u, 100u})

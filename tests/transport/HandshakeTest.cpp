@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <vector>
 
 #include "ChildProgram.h"
 #include "LogCapture.h"
@@ -112,6 +114,13 @@ private:
 class HandshakeTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(own_.start(), 1); }
+    /** The termination's socket in the rendezvous folder. */
+    std::string socketFile() const {
+        for (auto const& entry : std::filesystem::directory_iterator(folder_.path()))
+            if (entry.is_socket())
+                return entry.path().string();
+        return {};
+    }
 
     testsupport::RendezvousFolder folder_;
     testsupport::LogCapture log_;
@@ -142,6 +151,46 @@ TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
     EXPECT_TRUE(log_.waitFor("it sent nonsense", nonsense.size()));
     HandMadePeer good;
     EXPECT_TRUE(good.open(own_.termId()));
+}
+
+TEST_F(HandshakeTest, AProcessOfAnotherUserIsRefused) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can start a process of another user";
+    // As if somebody had opened the folder, whose mode keeps others away by itself.
+    std::string const file = socketFile();
+    ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+    ASSERT_EQ(::chmod(file.c_str(), 0666), 0);
+    testsupport::ChildProgram stranger("stranger", {file, "65534"});
+    EXPECT_TRUE(stranger.waitForLine("connected"));
+    EXPECT_TRUE(stranger.waitForLine("dropped"));
+    EXPECT_TRUE(
+        log_.waitFor("refused process " + std::to_string(stranger.pid()) + " of user 65534"));
+    HandMadePeer good;
+    EXPECT_TRUE(good.open(own_.termId()));
+}
+
+TEST_F(HandshakeTest, WhoeverNeverSaysHelloIsDropped) {
+    Receiver::introductionLimit(20'000'000);
+    HandMadePeer silent;
+    ASSERT_TRUE(silent.connect(own_.termId()));
+    EXPECT_TRUE(silent.isDropped());
+    EXPECT_TRUE(log_.waitFor("it never said Hello"));
+}
+
+TEST_F(HandshakeTest, ManyWhoSayNothingMakeRoomForOthersTheOldestFirst) {
+    constexpr std::size_t kMost = 64;
+    std::vector<Descriptor> silent;
+    for (std::size_t i = 0; i < kMost + 5; ++i) {
+        silent.emplace_back(Rendezvous::instance().connectTo(own_.termId()));
+        ASSERT_TRUE(silent.back().valid());
+    }
+    HandMadePeer good;
+    EXPECT_TRUE(good.open(own_.termId()));
+    ReceivedPacket received;
+    for (std::size_t i = 0; i < silent.size(); ++i)
+        EXPECT_EQ(receivePacket(silent[i].get(), received),
+                  i < 6 ? Transfer::Closed : Transfer::Later)
+            << i;
 }
 
 TEST_F(HandshakeTest, AProcessCannotClaimATerminationOfAnother) {

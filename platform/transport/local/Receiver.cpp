@@ -25,13 +25,13 @@ constexpr int kTurnsBetweenEvents = 8;
 constexpr int kEventsAtOnce = 32;
 constexpr int kAcceptsAtOnce = 16;
 constexpr std::size_t kMostStrangers = 64;
-constexpr long long kIntroductionLimit = 10'000'000'000;  // nanoseconds
-constexpr long long kAcceptPause = 100'000'000;
+constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
 constexpr long long kNever = LLONG_MAX;
 
 std::atomic<std::uint32_t> lastToken{0};
 /** Channels without traffic in two of these are given back. */
 std::atomic<long long> idleLookIntervalNow{30'000'000'000};
+std::atomic<long long> introductionLimitNow{10'000'000'000};
 
 std::uint64_t eventData(std::uint32_t token, Receiver::Source source) {
     return static_cast<std::uint64_t>(token) << 2 | static_cast<std::uint32_t>(source);
@@ -69,6 +69,10 @@ std::uint32_t Receiver::newToken() {
 
 void Receiver::idleLookInterval(long long nanoseconds) {
     idleLookIntervalNow.store(nanoseconds);
+}
+
+void Receiver::introductionLimit(long long nanoseconds) {
+    introductionLimitNow.store(nanoseconds);
 }
 
 // ---- Start and stop ----------------------------------------------------------------------------
@@ -481,7 +485,7 @@ void Receiver::receiveStranger(Descriptor socket) {
     std::uint32_t const token = newToken();
     if (!watch(socket.get(), token, Source::Socket))
         return;
-    long long const deadline = OSWrap::Clock::nowNanoseconds() + kIntroductionLimit;
+    long long const deadline = OSWrap::Clock::nowNanoseconds() + introductionLimitNow.load();
     strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
     wakeAt(deadline);
     hearStranger(token);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -72,6 +73,8 @@ public:
 
     /** For tests: time between two looks for idle channels, in nanoseconds. */
     static void idleLookInterval(long long nanoseconds);
+    /** For tests: how long those who connect may take to introduce themselves, in nanoseconds. */
+    static void introductionLimit(long long nanoseconds);
 
     // ---- Receiving thread ----
     bool stopping() const { return stopping_.load(); }
@@ -145,7 +148,7 @@ private:
     bool inboxFilled_ = false;  // inbox_ or errors_ may hold something
     Descriptor listening_;
     bool accepting_ = true;
-    std::unordered_map<std::uint32_t, Stranger> strangers_;
+    std::map<std::uint32_t, Stranger> strangers_;  // in the order in which they connected
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
     std::vector<std::shared_ptr<Channel>> serving_;
