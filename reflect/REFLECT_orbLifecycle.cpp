@@ -184,8 +184,12 @@ void BrokerLifecycle::deleteAll() {
 
 void BrokerLifecycle::deleteAllAtExit() {
     exiting_ = true;
-    if (isForkedChild() || deleting_.exchange(true))
+    if (isForkedChild())
         return;
+    if (deleting_.exchange(true)) {
+        abandoned_ = true;  // by another thread, whose deletion may wait for ever
+        return;
+    }
     OSWrap::DisableCancelStateGuard const noCancel;
     while (TreflectORB::hasRunPermission())
         TreflectORB::releaseRunPermission();
