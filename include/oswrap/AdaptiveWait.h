@@ -37,8 +37,9 @@ namespace OSWrap {
  *             condition.wait(TimeSpec::INFINITETIME);
  *     }
  *
- * The signaller stores what `ready` reads before it signals, and signals with the lock held; a
- * signal that finds nobody asleep makes no system call.
+ * The signaller stores what `ready` reads before it signals, and signals with the lock held, or
+ * after unlocking where the condition variable is never freed; a signal that finds nobody asleep
+ * makes no system call.
  */
 class REFLECTORB_API AdaptiveWait {
 public:
