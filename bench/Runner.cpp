@@ -19,6 +19,9 @@ namespace bench {
 
 namespace {
 
+/** Milliseconds between a broker's start and its first use. */
+constexpr double kPauseOfNewBroker = 100;
+
 std::unique_ptr<Subject> makeSubject(std::string const& name) {
     if (name == "orb")
         return makeOrb();
@@ -163,7 +166,8 @@ Figures runPair(std::string const& subject, std::string const& scenario, Load lo
         if (client.readLine(line) && line == "first")
             figures["start_ms"] =
                 std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                    .count();
+                    .count() -
+                kPauseOfNewBroker;
     } else {
         figures = collect(client);
     }
