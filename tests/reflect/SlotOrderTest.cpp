@@ -1,0 +1,101 @@
+// Virtual operations stand in a fixed order of slots: programs that were built against an earlier
+// library call them by their number.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "ipprmi.h"
+#include "reflect.h"
+
+namespace {
+
+/** The slot that a pointer to a virtual operation calls, as the C++ ABI writes it down. */
+template <class Operation>
+std::size_t slot(Operation operation) {
+    struct {
+        std::uintptr_t function;
+        std::ptrdiff_t adjustment;
+    } raw{};
+    static_assert(sizeof raw == sizeof operation);
+    std::memcpy(&raw, &operation, sizeof raw);
+#if defined(__arm__) || defined(__aarch64__)  // there the mark of a virtual operation is elsewhere
+    std::uintptr_t const offset = raw.function;
+#else
+    std::uintptr_t const offset = raw.function - 1;
+#endif
+    return offset / sizeof(void*);
+}
+
+using Slots = std::vector<std::size_t>;
+
+/** `count` slots in a row; the two of the destructor come first in each table. */
+Slots from(std::size_t first, std::size_t count) {
+    Slots slots;
+    for (std::size_t i = 0; i < count; ++i)
+        slots.push_back(first + i);
+    return slots;
+}
+constexpr std::size_t kBehindDestructor = 2;
+
+using Skeleton = TipprmiObjectSkeleton;
+using Client = TipprmiObjectClient;
+using Stub = TreflectObjectStub;
+
+TEST(SlotOrder, OfObjectsAndSkeletons) {
+    using Base = TipprmiObjectBase;
+    EXPECT_EQ((Slots{slot(&Base::getOID), slot(&Base::getInternalOID), slot(&Base::getNamespaceId),
+                     slot(&Base::orbId), slot(&Base::dispatch), slot(&Base::setExceptionContainer),
+                     slot(&Base::getExceptionContainer), slot(&Base::hasOID),
+                     slot(&Skeleton::connect), slot(&Skeleton::getClient)}),
+              from(kBehindDestructor, 10));
+}
+
+TEST(SlotOrder, OfHandles) {
+    EXPECT_EQ(
+        (Slots{slot(&Client::forwardMsg), slot(&Client::dispatch),
+               slot<void (Client::*)(Skeleton*)>(&Client::connect),
+               slot<void (Client::*)(TreflectORB const*, TipprmiOID const&)>(&Client::connect),
+               slot(&Client::getServer)}),
+        from(kBehindDestructor, 5));
+}
+
+TEST(SlotOrder, OfLocationsAndStubs) {
+    using At = TreflectObjectLocationIf;
+    EXPECT_EQ((Slots{slot(&At::hasOID), slot(&At::getOID), slot(&At::orbId),
+                     slot(&At::getInternalOID), slot(&At::getNamespaceId), slot(&At::getServer)}),
+              from(kBehindDestructor, 6));
+    EXPECT_EQ((Slots{slot(&Stub::hasOID), slot(&Stub::getOID), slot(&Stub::orbId),
+                     slot(&Stub::getInternalOID), slot(&Stub::getNamespaceId),
+                     slot(&Stub::getServer), slot(&Stub::forwardMsg),
+                     slot<int (Stub::*)(bool, unsigned int, unsigned int, TipprmiStream&,
+                                        TipprmiStream&) const>(&Stub::dispatch),
+                     slot<void (Stub::*)(TreflectORB const*, TipprmiOID const&)>(&Stub::connect),
+                     slot<void (Stub::*)(TipprmiOID const&)>(&Stub::connect),
+                     slot<void (Stub::*)(Skeleton*)>(&Stub::connect), slot(&Stub::isConnected),
+                     slot(&Stub::className),
+                     slot<void (Stub::*)(TipprmiExceptionContainer const&) const>(
+                         &Stub::setExceptionContainer),
+                     slot(&Stub::getExceptionContainer)}),
+              from(kBehindDestructor, 15));
+}
+
+TEST(SlotOrder, OfCallHooks) {
+    using Hook = ClientCallHookBaseV;
+    EXPECT_EQ((Slots{slot(&Hook::callServer), slot(&Hook::fillParams), slot(&Hook::insertResult),
+                     slot(&Hook::operationName), slot(&Hook::evaluateResponse)}),
+              from(kBehindDestructor, 5));
+}
+
+TEST(SlotOrder, OfBrokers) {
+    using Orb = TreflectORB;
+    EXPECT_EQ((Slots{slot(&Orb::receive), slot(&Orb::issue), slot(&Orb::receiveError),
+                     slot(&Orb::issueError), slot(&Orb::start), slot(&Orb::started),
+                     slot(&Orb::stop), slot(&Orb::appeared), slot(&Orb::disappeare),
+                     slot(&Orb::locateObject), slot(&Orb::registerObject),
+                     slot(&Orb::unregisterObject), slot(&Orb::forwardMsg), slot(&Orb::resolve)}),
+              from(kBehindDestructor, 14));
+}
+
+}  // namespace
