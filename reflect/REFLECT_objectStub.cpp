@@ -261,10 +261,12 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
 
 int TreflectObjectStub::dispatchToServer(bool withResponse, unsigned int cc, unsigned int mc,
                                          TipprmiStream& in, TipprmiStream& out) const {
+    // The object may let go of the last handle that keeps this stub.
+    TreflectOrbId const orb = orbId_;
     int const result = getServer()->dispatch(withResponse, cc, mc, in, out) ? 1 : 0;
     if (result != 1)
         REFLECTORB_LOG(3, kSource, "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to object failed",
-                       static_cast<void const*>(this), cc, static_cast<int>(mc), orbId_.value());
+                       static_cast<void const*>(this), cc, static_cast<int>(mc), orb.value());
     return result;
 }
 

@@ -167,6 +167,30 @@ TEST_F(ObjectStubTest, AssignmentRefilesAStub) {
     release({stub, stub, old});
 }
 
+/** Lets go of the handle through which it is called, and then fails. */
+class LettingGo : public TipprmiObjectSkeleton {
+public:
+    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
+    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
+        *handle = TipprmiObjectClient();
+        return false;
+    }
+    TipprmiObjectClient* handle = nullptr;
+};
+
+TEST_F(ObjectStubTest, AnObjectMayLetGoOfTheHandleThatCallsIt) {
+    LettingGo server(named("stub.letting.go"));
+    TipprmiObjectClient handle(&server);
+    server.handle = &handle;
+    TipprmiStream in(8), out(8);
+    LogCapture const log;
+    EXPECT_FALSE(handle.dispatch(true, 0xAB, 7, in, out));
+    char orb[20];
+    std::snprintf(orb, sizeof orb, "orbId=%X)", server.orbId().value());
+    EXPECT_EQ(log.count(3, std::string("cc=0xAB,mc=7,") + orb + " to object failed"), 1u);
+    EXPECT_EQ(handle.getServer(), nullptr);
+}
+
 TEST_F(ObjectStubTest, TheEndOfAnObjectMakesEveryStubOfItInvalid) {
     auto server = std::make_unique<Server>(named("stub.short"));
     auto other = std::make_unique<Server>(named("stub.long"));
