@@ -199,8 +199,8 @@ TEST_F(LocalTest, StoppingWhileOthersSendIsSafe) {
 }
 
 TEST_F(LocalTest, AFullInboxRefusesAndTakesAgainWhenItIsRead) {
+    testsupport::Gate goOn;  // outlives the termination, which may be receiving until its end
     CallingTermination own;
-    testsupport::Gate goOn;
     own.onReceive([&] { goOn.wait(); });
     ASSERT_EQ(own.start(), 1);
     std::uint32_t taken = 0;
