@@ -18,9 +18,17 @@ OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
 /** The wait is given up after the period that completes so many minutes. */
 constexpr int kMostMinutes = 1;
 
-// Records of ended threads, for new ones. A leaf lock.
-OSWrap::Mutex freeMutex;
-OngoingRequest* firstFree OSW_GUARDED_BY(freeMutex) = nullptr;
+/** Records of ended threads, for new ones. */
+struct FreeRecords {
+    OSWrap::Mutex mutex;  // a leaf lock
+    OngoingRequest* first OSW_GUARDED_BY(mutex) = nullptr;
+};
+
+/** Never destroyed: threads may end later than everything else. */
+FreeRecords& freeRecords() {
+    static FreeRecords& list = *new FreeRecords;
+    return list;
+}
 
 void deleteResponse(TreflectMessage* response) {
     if (response != OngoingRequest::disconnected())
@@ -46,16 +54,18 @@ void OngoingRequest::initonce() {
 void OngoingRequest::destroyThreadInstance(void* instance) {
     auto* const record = static_cast<OngoingRequest*>(instance);
     record->free();
-    OSWrap::Lock<> const lock(freeMutex);
-    record->nextFree_ = firstFree;
-    firstFree = record;
+    FreeRecords& list = freeRecords();
+    OSWrap::Lock<> const lock(list.mutex);
+    record->nextFree_ = list.first;
+    list.first = record;
 }
 
 OngoingRequest* OngoingRequest::takeFree() {
-    OSWrap::Lock<> const lock(freeMutex);
-    OngoingRequest* const record = firstFree;
+    FreeRecords& list = freeRecords();
+    OSWrap::Lock<> const lock(list.mutex);
+    OngoingRequest* const record = list.first;
     if (record)
-        firstFree = record->nextFree_;
+        list.first = record->nextFree_;
     return record;
 }
 
