@@ -106,7 +106,7 @@ TipprmiStream& TipprmiObjectClient::prepareResponseStream_(bool withResponse,
 }
 
 void TipprmiObjectClient::replaceStub(TreflectObjectStub* adopted) {
-    // Stored first: releasing can destroy the object that the old stub led to.
+    // Stored first: releasing may wait for the permission, and others may use the handle meanwhile.
     TreflectObjectStub* const old = stub_;
     stub_ = adopted;
     release(old);

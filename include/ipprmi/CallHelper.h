@@ -48,9 +48,10 @@ public:
 };
 
 /**
- * Performs a call: directly when `local` is given, else through the stub as a request with class
- * code `cc` and method code `mc`, waiting for the response when `withResponse`. Call it with the
- * run permission; it is given up while the caller waits.
+ * Performs a call: directly when `local` is given, else through the stub with class code `cc` and
+ * method code `mc`, as a request whose response is awaited when `withResponse`, or into the
+ * skeleton of an object of this process. A failure stands in what the hooks see of the response.
+ * Call it with the run permission; it is given up while the caller waits.
  */
 REFLECTORB_API void ClientCallHelper(ClientCallHookBaseV const& hook, InParamHook const& in,
                                      OutParamHook const& out, TreflectObjectStub& stub,

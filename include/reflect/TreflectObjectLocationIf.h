@@ -24,6 +24,7 @@ public:
 
     /** Whether the object has a named identifier. */
     virtual bool hasOID() const = 0;
+    /** The identifier; without a named one an empty or a made-up one. */
     virtual TipprmiOID getOID() const = 0;
     /** The broker that serves the object. */
     virtual TreflectOrbId orbId() const = 0;
