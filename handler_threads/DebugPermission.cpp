@@ -28,7 +28,8 @@ char const* actor() {
 }
 
 /** The log lines of one wait at the front of the queue. The one waited for is the holder at the
- * wait's beginning: nobody else gets the token before the front. */
+ * wait's beginning: nobody else gets the token before the front. When the waiting thread's work is
+ * exchanged, that wait is over and another one begins. */
 class WaitReport {
 public:
     WaitReport(unsigned long holder, std::atomic<long> const& holderTid)
@@ -134,9 +135,10 @@ struct DebugPermission<Debugging>::Waiter {
     long const tid;
     ParkingPlace& place;
     TurnExchange* const turn;  // what it does next, exchanged under the queue's mutex; may be null
-    Waiter* previous = nullptr;      // guarded by the queue's mutex
-    Waiter* next = nullptr;          // guarded by the queue's mutex
-    std::atomic<int> stage{queued};  // raised under the mutex of `place`, polled without
+    Waiter* previous = nullptr;          // guarded by the queue's mutex
+    Waiter* next = nullptr;              // guarded by the queue's mutex
+    std::atomic<int> stage{queued};      // changed under the mutex of `place`, polled without
+    std::atomic<unsigned> exchanges{0};  // of its work; counted under the queue's mutex
 };
 
 template <class Debugging>
@@ -246,18 +248,24 @@ void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
     }
 }
 
-/** Returns when the token has been granted, or when the thread is not at the front any longer. */
+/** Returns when the token has been granted, or when the thread's work has been exchanged: it then
+ * waits for something else, and perhaps not at the front. */
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrantAtFront(Waiter& waiter) {
+    unsigned const exchanges = waiter.exchanges.load(std::memory_order_relaxed);
     WaitReport report(getOwner(), ownerTid_);
     if (frontWait_.poll([&waiter] { return waiter.stage != Waiter::front; }))
         return;
+    auto const exchanged = [&waiter, exchanges] {
+        return waiter.exchanges.load(std::memory_order_relaxed) != exchanges;
+    };
     while (!waiter.sleep(Waiter::granted, kReportInterval)) {
-        if (!waiter.reached(Waiter::front))
+        if (exchanged())
             return;
         report.stillWaiting();
     }
-    frontWait_.slept(report.granted());
+    if (!exchanged())
+        frontWait_.slept(report.granted());
 }
 
 template <class Debugging>
@@ -296,6 +304,7 @@ bool DebugPermission<Debugging>::exchangeTurn(TurnExchange& mine) {
             return false;
         Waiter& partner = *front_;
         mine.swap(*partner.turn);
+        partner.exchanges.fetch_add(1, std::memory_order_relaxed);
         wakeUp = moveToBack(partner);
     }
     wakeUp.perform();

@@ -16,3 +16,4 @@
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/TreflectRestoreHandlerState.h"
 #include "handler_threads/TreflectRunPermission.h"
+#include "handler_threads/TurnExchange.h"

@@ -1,0 +1,275 @@
+// Threads of a pool that exchange their work instead of handing the permission round.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "LogCapture.h"
+#include "PermissionThreads.h"
+#include "oswrap.h"
+
+using namespace permissiontest;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testsupport::LogCapture;
+
+namespace {
+
+char const poolA = 'A';
+char const poolB = 'B';
+
+class Turn final : public TurnExchange {
+public:
+    explicit Turn(char const& pool, int number = 0) : TurnExchange(&pool), work(number) {}
+    void swap(TurnExchange& other) override { std::swap(work, static_cast<Turn&>(other).work); }
+
+    int work;
+};
+
+class TurnExchangeTest : public testing::Test {
+protected:
+    ~TurnExchangeTest() override { EXPECT_TRUE(nothingLeft()); }
+
+    /** Takes the permission, as the tests' thread does most of the time. */
+    struct Holder {
+        Holder() { Run::enterHandlerState(true); }
+        ~Holder() { Run::leaveHandlerState(true); }
+    };
+
+    /** The next thread in the queue; notes the work that it has when its turn comes. */
+    TestThread& park(char const& pool, int work) {
+        return queueUp([this, &pool, work] {
+            Turn turn(pool, work);
+            Run::handlerThreads().getPermission(turn);
+            served_.push_back(turn.work);
+        });
+    }
+    /** The same for a thread of no pool. */
+    TestThread& queueCaller(int number) {
+        return queueUp([this, number] {
+            Run::getRunPermission();
+            served_.push_back(number);
+        });
+    }
+    TestThread& queueUp(std::function<void()> body) {
+        unsigned long const before = Run::handlerThreads().getPermissionWaiters();
+        queued_.push_back(std::make_unique<TestThread>([body] {
+            TreflectHandlerState const state(false);
+            body();
+        }));
+        EXPECT_TRUE(queueGrowsTo(before + 1));
+        return *queued_.back();
+    }
+    void joinAll() { queued_.clear(); }
+
+    static bool exchange(Turn& mine) { return Run::handlerThreads().exchangeTurn(mine); }
+    /** What a thread of a pool does when it cannot exchange. */
+    static void handRound(Turn& mine) {
+        Run::releaseRunPermission();
+        Run::handlerThreads().getPermission(mine);
+    }
+
+    std::vector<int> served_;  // guarded by the run permission
+    std::vector<std::unique_ptr<TestThread>> queued_;
+};
+
+TEST_F(TurnExchangeTest, workIsDoneInTheOrderOfAHandOver) {
+    {
+        Holder const holder;
+        for (int work : {1, 2, 3})
+            park(poolA, work);
+        Turn mine(poolA);
+        for (int work : {4, 5, 6, 7, 8}) {
+            mine.work = work;
+            ASSERT_TRUE(exchange(mine));
+            EXPECT_EQ(mine.work, work - 3) << "the one whose turn it is";
+            EXPECT_TRUE(Run::hasRunPermission());
+            EXPECT_EQ(Run::handlerThreads().getPermissionWaiters(), 3u);
+        }
+    }
+    joinAll();
+    EXPECT_THAT(served_, ElementsAre(6, 7, 8));
+}
+
+TEST_F(TurnExchangeTest, onlyOneInTheQueueKeepsItsPlaceAndGetsTheWork) {
+    {
+        Holder const holder;
+        park(poolA, 1);
+        Turn mine(poolA, 2);
+        ASSERT_TRUE(exchange(mine));
+        EXPECT_EQ(mine.work, 1);
+        queueCaller(100);
+    }
+    joinAll();
+    EXPECT_THAT(served_, ElementsAre(2, 100));
+}
+
+TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {
+    {
+        Holder const holder;
+        park(poolA, 1);
+        queueCaller(100);
+        park(poolA, 2);
+        queueCaller(101);
+        Turn mine(poolA, 3);
+        ASSERT_TRUE(exchange(mine));
+        EXPECT_EQ(mine.work, 1);
+        mine.work = 4;
+        EXPECT_FALSE(exchange(mine)) << "a caller is at the front";
+        EXPECT_EQ(mine.work, 4);
+        EXPECT_THAT(served_, ElementsAre());
+        handRound(mine);
+        EXPECT_THAT(served_, ElementsAre(100, 2, 101, 3));
+        EXPECT_EQ(mine.work, 4);
+        EXPECT_TRUE(exchange(mine)) << "nobody is left";
+        EXPECT_EQ(mine.work, 4);
+    }
+    joinAll();
+}
+
+TEST_F(TurnExchangeTest, nothingIsExchangedWithAnotherPoolOrWithoutExactlyOneLevel) {
+    {
+        Holder const holder;
+        park(poolB, 1);
+        Turn mine(poolA, 2);
+        EXPECT_FALSE(exchange(mine));
+        Turn other(poolB, 3);
+        {
+            LogCapture log;
+            Run::getRunPermission();
+            EXPECT_FALSE(exchange(other)) << "the second level would be lost in a hand-over";
+            Run::releaseRunPermission();
+        }
+        TestThread([&other] {
+            TreflectHandlerState const state(false);
+            EXPECT_FALSE(exchange(other)) << "it is not its permission";
+        });
+        EXPECT_EQ(other.work, 3);
+        EXPECT_EQ(Run::getRunPermissionCount(), 1u);
+        EXPECT_TRUE(exchange(other));
+    }
+    joinAll();
+    EXPECT_THAT(served_, ElementsAre(3));
+}
+
+TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange) {
+    {
+        Holder const holder;
+        TestThread& first = park(poolA, 1);
+        park(poolA, 2);
+        park(poolA, 3);
+        Turn mine(poolA, 4);
+        ASSERT_TRUE(exchange(mine));
+        first.cancel();  // with work 4, at the back
+        EXPECT_TRUE(first.join());
+        EXPECT_TRUE(queueGrowsTo(2));
+        mine.work = 5;
+        ASSERT_TRUE(exchange(mine));
+        EXPECT_EQ(mine.work, 2);
+    }
+    joinAll();
+    EXPECT_THAT(served_, ElementsAre(3, 5));
+}
+
+// Somebody whose work goes on being done does not wait.
+TEST_F(TurnExchangeTest, waitIsReportedFromTheLastExchangeOn) {
+    LogCapture log;
+    {
+        Holder const holder;
+        park(poolA, 1);
+        Turn mine(poolA);
+        auto const start = steady_clock::now();
+        auto latest = start;
+        steady_clock::duration longestGap{};
+        while (latest - start < milliseconds(2500)) {
+            std::this_thread::sleep_for(milliseconds(5));
+            EXPECT_TRUE(exchange(mine));
+            auto const now = steady_clock::now();
+            longestGap = std::max(longestGap, now - latest);
+            latest = now;
+        }
+        if (longestGap < milliseconds(900)) {  // else there was something to report
+            EXPECT_EQ(log.count("::getRunPermission(thread="), 0u);
+        }
+        EXPECT_TRUE(log.waitFor(" since 1s"));
+    }
+    joinAll();
+    EXPECT_TRUE(log.contains(" got mutex from thread "));
+}
+
+TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
+    LogCapture log;
+    long const self = OSWrap::Thread::getCurrentTid();
+    auto const awaited = [](long tid) {
+        return " waiting for thread " + std::to_string(tid) + " ";
+    };
+    std::atomic<long> callersTid{0};
+    {
+        Holder const holder;
+        park(poolA, 1);
+        ASSERT_TRUE(log.waitFor(awaited(self) + " since 1s")) << "it sleeps at the front";
+        queueUp([&] {
+            Run::getRunPermission();
+            callersTid = OSWrap::Thread::getCurrentTid();
+            EXPECT_TRUE(log.waitFor(awaited(callersTid) + " since 1s"));
+        });
+        Turn mine(poolA, 2);
+        ASSERT_TRUE(exchange(mine));
+    }
+    joinAll();
+    EXPECT_THAT(served_, ElementsAre(2));
+    EXPECT_EQ(log.count(" got mutex from thread " + std::to_string(self) + " "), 0u);
+    EXPECT_TRUE(log.contains(" got mutex from thread " + std::to_string(callersTid) + " "));
+}
+
+// Two pools and callers, some of them cancelled: each piece of work is done once, and by one thread
+// at a time.
+TEST_F(TurnExchangeTest, nothingIsLostAmongManyThreads) {
+    constexpr int kWork = 4000;
+    constexpr int kThreadsOfAPool = 3;
+    std::atomic<int> next{0};
+    std::vector<int> timesDone(kWork, 0);  // guarded by the run permission
+    long turnsOfCallers = 0;               // guarded by the run permission
+    std::atomic<bool> over{false};
+    auto const work = [&](char const& pool) {
+        TreflectHandlerState const state(true);
+        Turn mine(pool);
+        while ((mine.work = next++) < kWork) {
+            if (!exchange(mine))
+                handRound(mine);
+            ++timesDone[static_cast<std::size_t>(mine.work)];
+            if (mine.work % 8 == 0)
+                TreflectReleaseHandlerState const blocked;
+        }
+    };
+    {
+        std::vector<std::unique_ptr<TestThread>> workers;
+        std::vector<std::unique_ptr<TestThread>> callers;
+        for (int i = 0; i < 3; ++i)
+            callers.push_back(std::make_unique<TestThread>([&] {
+                while (!over) {
+                    Run::enterHandlerState(true);
+                    ++turnsOfCallers;
+                    Run::leaveHandlerState(true);
+                    pthread_testcancel();
+                }
+            }));
+        for (char const* const pool : {&poolA, &poolB})
+            for (int i = 0; i < kThreadsOfAPool; ++i)
+                workers.push_back(std::make_unique<TestThread>([&work, pool] { work(*pool); }));
+        callers.front()->cancel();
+        workers.clear();
+        over = true;
+    }
+    EXPECT_EQ(std::count(timesDone.begin(), timesDone.end(), 1), kWork);
+    EXPECT_GT(turnsOfCallers, 0);
+}
+
+}  // namespace
