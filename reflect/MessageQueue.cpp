@@ -79,6 +79,7 @@ bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) 
     bool wake = false;
     {
         QueueLock const lock(changed_);
+        need = Need::nothing;
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
         wake = takeFront(message, need);

@@ -273,8 +273,10 @@ public:
     explicit WorkLoop(TreflectORB& orb) : orb_(orb), turn_(orb.parts_.get()) {}
 
     void run() {
-        for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false))
+        for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false)) {
             IncomingMessage(orb_, TreflectMessage(turn_.message)).serve();
+            turn_.message = {};
+        }
     }
 
 private:
@@ -291,7 +293,6 @@ private:
 
 /** Gives up the run permission until there is a message; false when the worker is to end. */
 bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
-    turn_.message = {};
     releaseRunPermission();
     MessageQueue::Need need = MessageQueue::Need::nothing;
     if (orb_.parts_->messageQueue.next(firstPass, turn_.message, need) == MessageQueue::Turn::end)

@@ -85,6 +85,30 @@ TEST(MessageQueue, atMostThreeIdleWorkersStay) {
     queue.waitForWorkers(0);
 }
 
+TEST(MessageQueue, nextAtOnceTakesWhatIsThereByTheSameRule) {
+    MessageQueue queue;
+    Worker a(queue);
+    EXPECT_FALSE(queue.nextAtOnce(a.taken, a.need)) << "nothing has come yet";
+    for (std::size_t size : {20, 21, 22, 23})
+        queue.push(message(size));
+    ASSERT_EQ(a.next(), Turn::serve);
+    ASSERT_EQ(a.need, Need::worker);
+    ASSERT_TRUE(queue.nextAtOnce(a.taken, a.need));
+    EXPECT_EQ(a.taken.size(), 21u);
+    EXPECT_EQ(a.need, Need::nothing) << "the worker asked for before counts as idle";
+    Worker b(queue);
+    ASSERT_EQ(b.next(), Turn::serve);
+    EXPECT_EQ(b.taken.size(), 22u);
+    EXPECT_EQ(b.need, Need::worker);
+    ASSERT_TRUE(queue.nextAtOnce(a.taken, a.need));
+    EXPECT_EQ(a.taken.size(), 23u);
+    EXPECT_EQ(a.need, Need::nothing);
+    EXPECT_FALSE(queue.nextAtOnce(a.taken, a.need)) << "all are taken";
+    queue.push(message(24));
+    queue.close();
+    EXPECT_FALSE(queue.nextAtOnce(a.taken, a.need));
+}
+
 TEST(MessageQueue, keepsOrderWhileItsRingGrowsAndWraps) {
     MessageQueue queue;
     Worker worker(queue);
@@ -129,7 +153,10 @@ TEST(MessageQueue, nothingIsLostBetweenManyThreads) {
         std::lock_guard<std::mutex> const lock(mutex);
         workers.emplace_back([&, self] {
             Worker worker(queue);
-            while (worker.next() == Turn::serve) {
+            auto const goOn = [&] {
+                return queue.nextAtOnce(worker.taken, worker.need) || worker.next() == Turn::serve;
+            };
+            for (bool found = worker.next() == Turn::serve; found; found = goOn()) {
                 if (worker.need == Need::worker)
                     self(self);
                 ++served;
