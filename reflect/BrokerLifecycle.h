@@ -6,6 +6,7 @@
 #include <atomic>
 #include <memory>
 
+#include "oswrap/ConditionVar.h"
 #include "oswrap/Mutex.h"
 #include "reflect/TreflectORB.h"
 
@@ -16,10 +17,11 @@
  * inside. One that has been deleted is kept until the next deletion: a thread that fetched it just
  * before, and does not hold the run permission, may still look at it, and finds it closed.
  *
- * Deletion of a broker, in phases:
- *  1. Close its calls: nothing is sent any more, and whoever waits for a response is woken with a
+ * Deletion of the brokers, in phases. Two for all of them:
+ *  1. Close their calls: nothing is sent any more, and whoever waits for a response is woken with a
  *     failure.
  *  2. The deleting thread gives up the run permission, all levels of it, until the end.
+ * Then for one after the other:
  *  3. Stop the termination.
  *  4. Close and empty the message queue, wait for the workers (but for oneself).
  *  5. Wait until nobody is inside a call.
@@ -35,7 +37,8 @@ public:
     /** See TreflectORB::prepareForDeletion. */
     void deleteAll();
     /** The same at the end of the process: makes an end of brokers for ever, and waits for no more
-     * than a second in each phase. */
+     * than a second in each phase. A deletion that another thread has begun is waited for, as long.
+     */
     void deleteAllAtExit();
 
     /** Whether the process is ending and its brokers could not be deleted in time. Somebody may
@@ -51,6 +54,9 @@ private:
     TreflectORB* create(NamespaceId ns) OSW_REQUIRES(creation_);
     std::shared_ptr<TreflectORB> brokerOf(std::size_t index);
     bool isForkedChild() const;
+    bool awaitOtherDeletion();
+    bool deleteAllWatched();
+    void closeAllCalls();
     /** `served`: the broker whose worker asks for the deletion, or null. */
     void deleteEach(TreflectORB const* served, Pace& pace);
     void deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served, Pace& pace);
@@ -61,7 +67,8 @@ private:
     OSWrap::Mutex creation_;
     std::array<std::shared_ptr<TreflectORB>, 256> brokers_ OSW_GUARDED_BY(creation_);
     std::array<std::shared_ptr<TreflectORB>, 256> retired_ OSW_GUARDED_BY(creation_);
-    std::atomic<bool> deleting_{false};
+    OSWrap::ConditionVar deletionOver_;  // a leaf lock
+    std::atomic<bool> deleting_{false};  // cleared under deletionOver_
     std::atomic<bool> exiting_{false};
     std::atomic<bool> abandoned_{false};
     std::atomic<pid_t> process_{0};  // that the brokers belong to; a forked child gets none

@@ -95,6 +95,7 @@ public:
 protected:
     int run() override {
         OSWrap::DisableCancelStateGuard const noCancel;
+        BrokerLifecycle::instance().closeAllCalls();
         BrokerLifecycle::instance().deleteEach(served_, *pace_);
         pace_->finish();
         return 0;
@@ -174,34 +175,55 @@ void BrokerLifecycle::deleteAll() {
     if (isForkedChild() || deleting_.exchange(true))
         return;
     OSWrap::DisableCancelStateGuard const noCancel;
+    closeAllCalls();
     {
         AllLevelsReleased const permission;
         Pace unwatched;
         deleteEach(ReflectWorker::servedBroker(), unwatched);
     }
+    OSWrap::Lock<OSWrap::ConditionVar> const lock(deletionOver_);
     deleting_ = false;
+    deletionOver_.broadcast();
 }
 
 void BrokerLifecycle::deleteAllAtExit() {
     exiting_ = true;
     if (isForkedChild())
         return;
-    if (deleting_.exchange(true)) {
-        abandoned_ = true;  // by another thread, whose deletion may wait for ever
-        return;
-    }
     OSWrap::DisableCancelStateGuard const noCancel;
     while (TreflectORB::hasRunPermission())
         TreflectORB::releaseRunPermission();
-    auto const pace = std::make_shared<Pace>();
-    auto* const deletion = new (std::nothrow) DeletionAtExit(ReflectWorker::servedBroker(), pace);
-    if (deletion) {
-        deletion->deleteOnThreadTermination();
-        if (deletion->start() && pace->watch(kPatienceAtExit))
-            return;
-    }
+    if (deleting_.exchange(true) ? awaitOtherDeletion() : deleteAllWatched())
+        return;
     abandoned_ = true;
     REFLECTORB_LOG(4, "REFLECT_orb", "ORB deletion at process exit gave up waiting for a thread");
+}
+
+/** What the program destroys next may be in use until the deletion is over that another thread has
+ * begun. False when it takes too long. */
+bool BrokerLifecycle::awaitOtherDeletion() {
+    OSWrap::Lock<OSWrap::ConditionVar> const lock(deletionOver_);
+    while (deleting_)
+        if (!deletionOver_.wait(kPatienceAtExit))
+            return !deleting_;
+    return true;
+}
+
+bool BrokerLifecycle::deleteAllWatched() {
+    auto const pace = std::make_shared<Pace>();
+    auto* const deletion = new (std::nothrow) DeletionAtExit(ReflectWorker::servedBroker(), pace);
+    if (!deletion)
+        return false;
+    deletion->deleteOnThreadTermination();
+    return deletion->start() && pace->watch(kPatienceAtExit);
+}
+
+/** Of all brokers before any of them is waited for: a worker of one may wait for a response through
+ * another. */
+void BrokerLifecycle::closeAllCalls() {
+    for (std::size_t index = 0; index < TreflectORB::singletonInstances_.size(); ++index)
+        if (std::shared_ptr<TreflectORB> const orb = brokerOf(index))
+            orb->closeCalls_();
 }
 
 void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
@@ -216,7 +238,6 @@ void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
 
 void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served,
                                 Pace& pace) {
-    orb.closeCalls_();
     orb.stop();
     if (!pace.goOn())
         return;

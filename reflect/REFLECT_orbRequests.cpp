@@ -167,12 +167,12 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
 bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse,
                               TreflectMessage& message, TipprmiStream& response) const {
     OSWrap::DeferredCancelTypeGuard const deferred;
+    CallGate::Visit const visit(parts_->calls);
     {
         TreflectHandlerState const handlerState(true);
         ++parts_->counters.of(target).sent;
     }
     TreflectReleaseHandlerState const released;
-    CallGate::Visit const visit(parts_->calls);
     return OutgoingCall(*this, target, withResponse, message, response).perform();
 }
 

@@ -146,6 +146,42 @@ TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     probe.reset();
 }
 
+/** An object whose call goes on to a broker of another namespace. */
+class GoBetween : public TipprmiObjectSkeleton {
+public:
+    explicit GoBetween(Transport::TerminationId next)
+        : TipprmiObjectSkeleton(TipprmiOID("between", NSID_UNIT)), next_(next) {}
+
+    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
+        TreflectORB& node = *TreflectORB::getInstance(NSID_NODE);
+        TipprmiStream request(100);
+        TipprmiStream response(100);
+        request << 1u << true << 2u << 3;
+        return node.forwardMsg(node.convertId(next_), true, request, response);
+    }
+
+private:
+    Transport::TerminationId const next_;
+};
+
+TEST_F(LifecycleTest, deletionOfOneBrokerDoesNotWaitForAResponseThroughAnother) {
+    RawPeer caller(group());
+    RawPeer silent(group(NSID_NODE));
+    std::unique_ptr<GoBetween> between;
+    {
+        TreflectHandlerState const handlerState(true);
+        between = std::make_unique<GoBetween>(silent.termId());
+    }
+    caller.sendCall(orb().termId(), 1, between->getInternalOID(), true, 2, 3);
+    silent.await(0);
+    auto const start = steady_clock::now();
+    prepareOrbForDeletion();
+    EXPECT_LT(steady_clock::now() - start, seconds(20)) << "it took the end of the wait";
+    EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), 1u);
+    TreflectHandlerState const handlerState(true);
+    between.reset();
+}
+
 TEST_F(LifecycleTest, forkedChildLeavesTheBrokersAlone) {
     orb();
     pid_t const child = fork();
@@ -224,6 +260,18 @@ TEST_F(ProcessEndTest, whileACallIsHeldForEver) {
     actor.await("called");
     actor.tell("return 8");
     EXPECT_EQ(endOf(actor), 8);
+}
+
+TEST_F(ProcessEndTest, whileAnotherThreadDeletesTheBrokers) {
+    BrokerActor actor;
+    actor.publish("far");
+    send(kHold, 0);
+    actor.tell("call far 1");
+    actor.await("called");
+    actor.ask("deleteaside", "deleting");
+    actor.tell("return 10");
+    EXPECT_EQ(endOf(actor), 10);
+    EXPECT_TRUE(actor.child().waitForErrorLine("gave up waiting for a thread"));
 }
 
 TEST_F(ProcessEndTest, whileSomebodyKeepsThePermissionForEver) {

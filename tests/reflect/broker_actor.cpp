@@ -7,6 +7,7 @@
 //   callforever NAME N    N threads call echo until a call fails; then "ended" per thread
 //   hold NAME             calls hold of an object on a thread of its own; "held CODE" at its end
 //   delete                deletes all brokers; answers "deleted"
+//   deleteaside           the same on a thread of its own; "deleting" once it has begun
 //   noted NAME            answers "noted COUNT"
 //   script CODE           makes the log-collection script end with that code; answers "script"
 //   exit CODE             exit on a thread of its own
@@ -20,6 +21,7 @@
 
 #include "Probe.h"
 #include "reflect/ScriptRunner.h"
+#include "transport.h"
 
 namespace {
 
@@ -91,6 +93,12 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
     } else if (verb == "delete") {
         prepareOrbForDeletion();
         answer("deleted");
+    } else if (verb == "deleteaside") {
+        Transport::TerminationId const broker = TreflectORB::getInstance(NSID_UNIT)->termId();
+        std::thread(prepareOrbForDeletion).detach();
+        testsupport::eventually(
+            [&] { return !Transport::TransportLayer::instance().exists(broker); });
+        answer("deleting");
     } else if (verb == "script") {
         words >> scriptResult;
         setScriptRunner(&instead);
