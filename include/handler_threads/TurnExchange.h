@@ -9,6 +9,9 @@
  * one's work and place, and leaves its own next work and its place at the end of the queue in
  * exchange. Everything is done in the same order as if the permission had been handed round,
  * without a change of threads.
+ *
+ * A thread that is cancelled while it is queued takes the work with it that it has then: disable
+ * cancellation where no work may be lost.
  */
 class REFLECTORB_API TurnExchange {
 public:
