@@ -30,6 +30,8 @@ bool parseMadeUpName(char const* name, unsigned int& orbId, unsigned int& ioid) 
 }  // namespace
 
 bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
+    if (!object)
+        return false;
     TreflectHandlerState const handlerState(true);
     parts_->objects.add(*object);
     return true;

@@ -64,8 +64,8 @@ public:
      * another namespace is left to that namespace's broker. Any thread.
      */
     virtual TreflectObjectLocation locateObject(TipprmiOID const& oid) const;
-    /** Enters a server object, which stays the caller's, and gives it its internal id; true. Any
-     * thread; waits for the run permission. */
+    /** Enters a server object, which stays the caller's, and gives it its internal id; true. False
+     * for null. Any thread; waits for the run permission. */
     virtual bool registerObject(TipprmiObjectSkeleton* object);
     /** Takes a server object out, whoever it is; true. */
     virtual bool unregisterObject(TipprmiObjectSkeleton const* object);

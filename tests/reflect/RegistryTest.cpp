@@ -36,6 +36,8 @@ TEST_F(RegistryTest, objectIsFoundFromItsConstructionToItsDestruction) {
     EXPECT_EQ(gone.getInternalOID(), 0u);
     EXPECT_EQ(gone.orbId().value(), 0u);
     EXPECT_EQ(gone.getServer(), nullptr);
+    EXPECT_FALSE(orb().registerObject(nullptr));
+    EXPECT_TRUE(orb().unregisterObject(nullptr));
 }
 
 TEST_F(RegistryTest, ofEqualNamesTheLowestIdAnswers) {
