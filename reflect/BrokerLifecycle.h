@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "oswrap/ConditionVar.h"
-#include "oswrap/Mutex.h"
 #include "reflect/TreflectORB.h"
 
 /**
@@ -48,10 +47,13 @@ public:
 private:
     class Pace;
     class DeletionAtExit;
+    class Creation;
 
     BrokerLifecycle();
 
-    TreflectORB* create(NamespaceId ns) OSW_REQUIRES(creation_);
+    bool mayCreate(NamespaceId ns);
+    std::shared_ptr<TreflectORB> create(NamespaceId ns);
+    void awaitCreation() OSW_REQUIRES(changed_);
     std::shared_ptr<TreflectORB> brokerOf(std::size_t index);
     bool isForkedChild() const;
     bool awaitOtherDeletion();
@@ -62,11 +64,15 @@ private:
     void deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served, Pace& pace);
     void retire(std::size_t index, TreflectORB& orb);
 
-    /// Held while a broker is made, 100 ms and more; the maker needs no other lock of ours. Taken
-    /// with or without the run permission.
-    OSWrap::Mutex creation_;
-    std::array<std::shared_ptr<TreflectORB>, 256> brokers_ OSW_GUARDED_BY(creation_);
-    std::array<std::shared_ptr<TreflectORB>, 256> retired_ OSW_GUARDED_BY(creation_);
+    /// A leaf lock, taken with or without the run permission; told when a creation is over. Not
+    /// held while a broker is made, which takes 100 ms and more and logs: a log sink may come back
+    /// here.
+    OSWrap::ConditionVar changed_;
+    /// The thread that makes a broker, one at a time; 0: nobody. It needs no lock of ours that
+    /// those who wait for it may hold.
+    unsigned long creator_ OSW_GUARDED_BY(changed_) = 0;
+    std::array<std::shared_ptr<TreflectORB>, 256> brokers_ OSW_GUARDED_BY(changed_);
+    std::array<std::shared_ptr<TreflectORB>, 256> retired_ OSW_GUARDED_BY(changed_);
     OSWrap::ConditionVar deletionOver_;  // a leaf lock
     std::atomic<bool> deleting_{false};  // cleared under deletionOver_
     std::atomic<bool> exiting_{false};

@@ -15,6 +15,8 @@
 
 namespace {
 
+using LifecycleLock = OSWrap::Lock<OSWrap::ConditionVar>;
+
 constexpr unsigned long kStartPause = 100'000'000;  // ns, until the others know of a new broker
 constexpr OSWrap::TimeSpec kPatienceAtExit{1, 0};
 constexpr std::size_t kStackSize = 65536;
@@ -83,6 +85,22 @@ private:
     bool givenUp_ OSW_GUARDED_BY(changed_) = false;
 };
 
+/** Ends the calling thread's time as the creator. */
+class BrokerLifecycle::Creation {
+public:
+    explicit Creation(BrokerLifecycle& lifecycle) : lifecycle_(lifecycle) {}
+    ~Creation() {
+        LifecycleLock const lock(lifecycle_.changed_);
+        lifecycle_.creator_ = 0;
+        lifecycle_.changed_.broadcast();
+    }
+    Creation(Creation const&) = delete;
+    Creation& operator=(Creation const&) = delete;
+
+private:
+    BrokerLifecycle& lifecycle_;
+};
+
 /** Deletes all brokers on behalf of the thread that ends the process, which therefore need not wait
  * for ever. */
 class BrokerLifecycle::DeletionAtExit : public OSWrap::Thread {
@@ -138,16 +156,37 @@ BrokerLifecycle::BrokerLifecycle() = default;
 
 TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
     OSWrap::DisableCancelStateGuard const noCancel;
-    OSWrap::Lock<> const lock(creation_);
-    auto& present = TreflectORB::singletonInstances_[static_cast<std::size_t>(ns)];
-    if (!present.load(std::memory_order_relaxed) && !deleting_ && !exiting_)
-        present.store(create(ns), std::memory_order_release);
-    return present.load(std::memory_order_relaxed);
+    auto const index = static_cast<std::size_t>(ns);
+    auto& present = TreflectORB::singletonInstances_[index];
+    if (!isForkedChild() && mayCreate(ns)) {
+        Creation const creation(*this);
+        std::shared_ptr<TreflectORB> const orb = create(ns);
+        LifecycleLock const lock(changed_);
+        brokers_[index] = orb;
+        present.store(orb.get(), std::memory_order_release);
+    }
+    return present.load(std::memory_order_acquire);
 }
 
-TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
-    if (isForkedChild())
-        return nullptr;
+/** True when the calling thread is to make the broker, as the creator. */
+bool BrokerLifecycle::mayCreate(NamespaceId ns) {
+    LifecycleLock const lock(changed_);
+    unsigned long const self = OSWrap::Thread::getCurrentId();
+    if (creator_ == self)
+        return false;  // a log sink asks, inside a creation
+    awaitCreation();
+    if (TreflectORB::singletonInstances_[static_cast<std::size_t>(ns)] || deleting_ || exiting_)
+        return false;
+    creator_ = self;
+    return true;
+}
+
+void BrokerLifecycle::awaitCreation() {
+    while (creator_ != 0 && creator_ != OSWrap::Thread::getCurrentId())
+        changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+std::shared_ptr<TreflectORB> BrokerLifecycle::create(NamespaceId ns) {
     process_ = getpid();
     static SingletonInstancesRemover const remover;
     std::shared_ptr<TreflectORB> orb(new (std::nothrow) TreflectORB(ns));
@@ -157,12 +196,13 @@ TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
     if (orb->start() != 1)
         REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
     OSWrap::Thread::sleep(0, kStartPause);
-    brokers_[static_cast<std::size_t>(ns)] = orb;
-    return orb.get();
+    return orb;
 }
 
+/** One that is being made is waited for: it must not be born behind the back of a deletion. */
 std::shared_ptr<TreflectORB> BrokerLifecycle::brokerOf(std::size_t index) {
-    OSWrap::Lock<> const lock(creation_);
+    LifecycleLock const lock(changed_);
+    awaitCreation();
     return brokers_[index];
 }
 
@@ -258,7 +298,7 @@ void BrokerLifecycle::retire(std::size_t index, TreflectORB& orb) {
     orb.parts_->objects.disown();
     TreflectORB::singletonInstances_[index].store(nullptr, std::memory_order_release);
     std::shared_ptr<TreflectORB> formerlyRetired;  // freed when the lock has been given up
-    OSWrap::Lock<> const lock(creation_);
+    LifecycleLock const lock(changed_);
     formerlyRetired = std::move(retired_[index]);
     retired_[index] = std::move(brokers_[index]);
 }

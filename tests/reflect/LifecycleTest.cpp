@@ -39,6 +39,25 @@ TEST_F(LifecycleTest, oneBrokerPerNamespaceHoweverManyAsk) {
     EXPECT_EQ(nodes[0]->orbId().namespaceId(), NSID_NODE);
 }
 
+TEST_F(LifecycleTest, logSinkMayAskForTheBrokerThatIsBeingMade) {
+    struct Asker {
+        std::thread::id maker = std::this_thread::get_id();
+        std::vector<TreflectORB*> answers;  // maker's thread only
+    } asker;
+    Logging::setSink(
+        [](Logging::Record const&, void* context) {
+            auto& asking = *static_cast<Asker*>(context);
+            if (std::this_thread::get_id() == asking.maker)
+                asking.answers.push_back(TreflectORB::getInstance(NSID_NODE));
+        },
+        &asker);
+    TreflectORB* const node = TreflectORB::getInstance(NSID_NODE);
+    Logging::setSink(nullptr, nullptr);
+    EXPECT_NE(node, nullptr);
+    ASSERT_FALSE(asker.answers.empty());
+    EXPECT_EQ(asker.answers.front(), nullptr) << "it is not there yet";
+}
+
 TEST_F(LifecycleTest, namespacesWithoutABroker) {
     EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(-1)), nullptr);
     EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(256)), nullptr);
