@@ -80,7 +80,7 @@ TEST_F(RemoteCallTest, brokersCallEachOtherNestedAndAtOnce) {
     delete near;
 }
 
-TEST_F(RemoteCallTest, oneWayCallsArriveInOrderAndAreNotAnswered) {
+TEST_F(RemoteCallTest, oneWayCallsAllArriveAndAreNotAnswered) {
     BrokerActor actor;
     actor.publish("far");
     TreflectHandlerState const handlerState(true);

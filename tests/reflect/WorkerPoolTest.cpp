@@ -144,8 +144,11 @@ TEST_F(WorkerPoolTest, deletionServesThoseThatQueueForThePermissionAndEndsAllWor
         EXPECT_EQ(TreflectORB::handlerThreads().getPermissionWaiters(), 0u);
     }
     EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers().empty(); }));
-    std::vector<int> const served = recorder_->numbers();
+    std::vector<int> served = recorder_->numbers();
     ASSERT_GE(served.size(), 3u);
+    // The last two were taken by two workers, which may have queued either way round.
+    if (served.size() == 6)
+        std::sort(served.begin() + 4, served.end());
     for (std::size_t i = 0; i < served.size(); ++i)
         EXPECT_EQ(served[i], static_cast<int>(i + 1));
 }
