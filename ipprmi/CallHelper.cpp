@@ -1,36 +1,14 @@
 #include "ipprmi/CallHelper.h"
-// Whether the caller has the run permission is asked of the broker, and calls leave through stubs.
+// Whether the caller has the run permission is asked of the broker, calls leave through stubs, and
+// observers stand with the server object.
+#include "reflect/StubInUse.h"
 #include "reflect/TreflectORB.h"
-#include "reflect/TreflectObjectHandler.h"
-#include "reflect/TreflectObjectStub.h"
+#include "reflect/TreflectServerObject.h"
 
 namespace {
 
 // Room for the arguments and results of most calls; streams grow beyond it.
 constexpr int kUsualSize = 100;
-
-/**
- * Keeps a stub for the length of a call: while the call waits, other threads run, and may let go of
- * the handle through which it was made. Without the permission, which is misuse, counts must not be
- * touched; and a stub that nobody has counted is not the handler's.
- */
-class StubInUse {
-public:
-    explicit StubInUse(TreflectObjectStub& stub)
-        : stub_(TreflectORB::hasRunPermission() && stub.refCount() > 0 ? &stub : nullptr) {
-        if (stub_)
-            stub_->incRefCount();
-    }
-    ~StubInUse() {
-        if (stub_)
-            TreflectObjectHandler::getInstance()->releaseStub(stub_);
-    }
-    StubInUse(StubInUse const&) = delete;
-    StubInUse& operator=(StubInUse const&) = delete;
-
-private:
-    TreflectObjectStub* const stub_;
-};
 
 void callRemote(ClientCallHookBaseV const& hook, InParamHook const& in, OutParamHook const& out,
                 TreflectObjectStub& stub, unsigned int cc, unsigned int mc, bool withResponse) {
@@ -46,6 +24,26 @@ void callRemote(ClientCallHookBaseV const& hook, InParamHook const& in, OutParam
     out.unmarshall(response);
     if (response.hasUnmarshallingFailed())
         response.printUnmarshallError(cc, mc);
+}
+
+bool isObserved(TreflectServerObject const& server, unsigned int cc, unsigned int mc) {
+    return server.preObserverAvailable(cc, mc) || server.postObserverAvailable(cc, mc);
+}
+
+/** Observers may be waited for, so the object may be gone after each step. */
+void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server, unsigned int cc,
+                  unsigned int mc) {
+    TreflectObservable::Life const life(server);
+    TipprmiSequence<TipprmiAny, 0u> values;
+    values.setLength(1);
+    hook.fillParams(values);
+    if (!server.notifyObservers(TreflectObservable::kBeforeCalls, cc, mc, values))
+        return;
+    values.setLength(0);
+    hook.callServer(server);
+    hook.insertResult(values);
+    if (!life.ended())
+        server.notifyObservers(TreflectObservable::kAfterCalls, cc, mc, values);
 }
 
 }  // namespace
@@ -72,7 +70,9 @@ void ClientCallHelper(ClientCallHookBaseV const& hook, InParamHook const& in,
                       TreflectServerObject* local, unsigned int cc, unsigned int mc,
                       bool withResponse) {
     TreflectORB::checkHandlerState();
-    if (local)
+    if (local && isObserved(*local, cc, mc))
+        callObserved(hook, *local, cc, mc);
+    else if (local)
         hook.callServer(*local);
     else
         callRemote(hook, in, out, stub, cc, mc, withResponse);

@@ -1,3 +1,4 @@
+#include "handler_threads/TreflectHandlerState.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
@@ -103,6 +104,13 @@ TipprmiStream& TipprmiObjectClient::prepareRequestStream_(bool withResponse, uns
 TipprmiStream& TipprmiObjectClient::prepareResponseStream_(bool withResponse,
                                                            TipprmiStream& stream) const {
     return stub_ ? stub_->prepareResponseStream(withResponse, stream) : stream;
+}
+
+void TipprmiObjectClient::share_(TipprmiObjectClient const& other) {
+    TreflectHandlerState const handler(true);
+    if (other.stub_)
+        other.stub_->incRefCount();
+    replaceStub(other.stub_);
 }
 
 void TipprmiObjectClient::replaceStub(TreflectObjectStub* adopted) {

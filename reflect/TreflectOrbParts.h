@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <map>
 #include <memory>
 
 #include "reflect/CallGate.h"
+#include "reflect/ClassRecord.h"
 #include "reflect/MessageQueue.h"
 #include "reflect/ObjectRegistry.h"
 #include "reflect/PerformanceCounters.h"
@@ -19,6 +21,8 @@ struct TreflectORB::Parts {
     MessageQueue messageQueue;
     ObjectRegistry objects;        // guarded by the run permission
     PerformanceCounters counters;  // guarded by the run permission
+    /// By class id. Guarded by the run permission.
+    std::map<unsigned int, ClassRecord> classes;
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};
     /** For the workers, which keep their broker alive. Set before the first of them. */

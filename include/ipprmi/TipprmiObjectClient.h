@@ -56,6 +56,9 @@ public:
     TreflectObjectStub* getStub_() const { return stub_; }
     /** Takes over a reference that the caller has adopted, and gives back none. */
     void setStub_(TreflectObjectStub* stub) { stub_ = stub; }
+    /** As an assignment, but never looks for an object that is not connected, so that the run
+     * permission is kept. */
+    void share_(TipprmiObjectClient const& other);
 
 protected:
     /** Empties `stream` and starts a request. */

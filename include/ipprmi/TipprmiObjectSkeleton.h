@@ -9,6 +9,7 @@
 
 class TipprmiObjectClient;
 class TreflectORB;
+class TreflectServerObject;
 
 /**
  * Server side of an object: registered with the broker of its identifier's namespace from
@@ -55,6 +56,8 @@ public:
 
     TreflectORB* getORB() const { return orb_; }
     void setORB(TreflectORB* orb) { orb_ = orb; }
+    /** This object, if it is a reflective one; else null. */
+    TreflectServerObject* reflective() const { return reflective_; }
 
 protected:
     /** Starts a response with the skeleton's exception container; every response begins so. */
@@ -82,28 +85,18 @@ protected:
         });
     }
 
-    mutable std::unique_ptr<TipprmiObjectClient> client_;  // guarded by the run permission
-
-private:
-    template <class Result, class... Parameters, class Method>
-    bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
-                 Method const& method) const {
-        std::tuple<std::decay_t<Parameters>...> arguments;
+    /** Reads the arguments of a call; false, with a log line, when they cannot be read. */
+    template <class... Arguments>
+    static bool readArguments(unsigned int cc, unsigned int mc, TipprmiStream& in,
+                              std::tuple<Arguments...>& arguments) {
         std::apply([&](auto&... argument) { static_cast<void>((in >> ... >> argument)); },
                    arguments);
-        if (in.hasUnmarshallingFailed()) {
+        if (in.hasUnmarshallingFailed())
             in.printUnmarshallError(cc, mc);
-            return false;
-        }
-        if constexpr (std::is_void_v<Result>) {
-            std::apply(method, arguments);
-            prepareResponseStream_(out);
-        } else {
-            respond(out, std::apply(method, arguments));
-        }
-        return true;
+        return !in.hasUnmarshallingFailed();
     }
 
+    /** Writes a whole response: the result of a call, or its refusal. */
     template <class T>
     void respond(TipprmiStream& out, T const& value) const {
         prepareResponseStream_(out);
@@ -120,6 +113,28 @@ private:
             out << result.value();
     }
 
+    /** Says that this is the reflective object `object`. */
+    void setReflective(TreflectServerObject* object) { reflective_ = object; }
+
+    mutable std::unique_ptr<TipprmiObjectClient> client_;  // guarded by the run permission
+
+private:
+    template <class Result, class... Parameters, class Method>
+    bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
+                 Method const& method) const {
+        std::tuple<std::decay_t<Parameters>...> arguments;
+        if (!readArguments(cc, mc, in, arguments))
+            return false;
+        if constexpr (std::is_void_v<Result>) {
+            std::apply(method, arguments);
+            prepareResponseStream_(out);
+        } else {
+            respond(out, std::apply(method, arguments));
+        }
+        return true;
+    }
+
+    TreflectServerObject* reflective_ = nullptr;  // guarded by the run permission
     TreflectORB* orb_ = nullptr;  // guarded by the run permission; null when its broker has gone
     TipprmiExceptionContainer exceptionContainer_;  // guarded by the run permission
 };

@@ -9,6 +9,8 @@ struct TipprmiFailure {
     static constexpr unsigned int kNotServed = 0;
     /** An answer came and could not be read as what was expected. */
     static constexpr unsigned int kUnreadable = 0xFFFFFFFF;
+    /** An observer of the object has forbidden the call. */
+    static constexpr unsigned int kVetoed = 0xFFFFFFFE;
 
     explicit constexpr TipprmiFailure(unsigned int failureCode = kNotServed) : code(failureCode) {}
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <vector>
 
 #include "handler_threads/TreflectRunPermission.h"
 #include "ipprmi/TipprmiOID.h"
@@ -14,6 +15,9 @@
 #include "transport/TerminationImpl.h"
 
 class TipprmiObjectSkeleton;
+class TreflectObject;
+class TreflectObserver;
+class TreflectServerObject;
 
 /**
  * The broker of one namespace in this process. Sends requests and waits for their responses, serves
@@ -82,6 +86,21 @@ public:
     /** Asks one broker for an object; its internal id there, or 0 (also when it did not answer). */
     virtual unsigned int resolve(Transport::TerminationId const& target, TipprmiOID oid) const;
 
+    /**
+     * Has `observer` told, by setSource and update, whenever an object of a class is created (or
+     * deleted); `plusExisting`: and now of each that exists. True. One that is registered several
+     * times is told once per event. Not owned: it leaves the lists when it is destroyed. Under the
+     * run permission.
+     */
+    bool observeCreations(unsigned int const& classId, TreflectObserver& observer,
+                          bool plusExisting);
+    bool observeDeletions(unsigned int const& classId, TreflectObserver& observer);
+    /** Ends all registrations of the observer for the class, of both kinds. */
+    void removeObserver(unsigned int const& classId, TreflectObserver& observer);
+    /** Tells the observers of the class that an object of it is there, or is about to go; true. */
+    bool notifyCreation(unsigned int classId, TreflectServerObject const& object);
+    bool notifyDeletion(unsigned int classId, TreflectServerObject const& object);
+
     TreflectOrbId orbId() const { return orbId_; }
     /** The transport's group of a namespace, by this unit's slot; 0 when it has none. */
     Transport::GroupId getMyGroup(NamespaceId const& ns) const;
@@ -122,6 +141,13 @@ public:
     TreflectObjectLocation locateRemoteObject_(TipprmiOID const& oid) const;
     /** A registered object has been given another identifier. With the run permission. */
     void identifierChanged_(TipprmiObjectSkeleton const& object);
+    /** Tell the observers of this process, each once. */
+    void gotCreation(unsigned int const& classId, TreflectObject const& object);
+    void gotDeletion(unsigned int const& classId, TreflectObject const& object);
+    /** A server object, or an observer, is being destroyed: it leaves the records of the classes,
+     * and nobody is told. With the run permission. */
+    void forgetObject_(TreflectServerObject const& object);
+    static void forgetObserver_(TreflectObserver const& observer);
     /** Starts one more worker, which the message queue has asked for. */
     void startReflectWorker();
     /** Body of a worker: serves messages until the pool has enough idle workers. */
@@ -148,6 +174,10 @@ private:
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
     void closeCalls_();
+    struct ClassRecord;
+    using Observers = std::vector<TreflectObserver*>;
+    void tell_(unsigned int classId, Observers ClassRecord::*observers,
+               TreflectObject const& object);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

@@ -3,7 +3,14 @@
 #include "ipprmi/TipprmiObjectBase.h"
 #include "reflect/TreflectObjectLocationIf.h"
 
+class TreflectMetaObject;
+class TreflectMetaOperation;
 class TreflectORB;
+class TreflectObject;
+class TreflectObserver;
+class TreflectServerObject;
+template <class T, unsigned int Bound>
+class TipprmiSequence;
 
 /**
  * The one shared, reference-counted standing point through which all handles of a process reach an
@@ -17,8 +24,13 @@ class TreflectORB;
  * | not connected | null | 0 | looks for the object once more, then fails |
  * | invalid | INVALIDOBJECT | any | fails; the broker has gone, or the local object |
  *
- * Virtual operations after those of the location, in slot order: forwardMsg, dispatch, the three
- * connect, isConnected, className, setExceptionContainer, getExceptionContainer.
+ * The questions that every reflective object answers are asked of an object of this process
+ * directly; a question that fails yields a default value, and a log line.
+ *
+ * Virtual operations after those of the location, in slot order: forwardMsg, dispatch, meta,
+ * getAbsName, getRelName, getParent, getChild, getChilds, registerChild, unregisterChild, the three
+ * connect, isConnected, className, setExceptionContainer, getExceptionContainer, registerObserver,
+ * removeObserver.
  */
 class REFLECTORB_API TreflectObjectStub : public TreflectObjectLocationIf,
                                           public TipprmiObjectBase {
@@ -58,6 +70,16 @@ public:
                          TipprmiStream& out) const;
 #pragma GCC diagnostic pop
 
+    // See TreflectObject on each of these.
+    virtual TreflectMetaObject const* meta() const;
+    virtual std::string getAbsName() const;
+    virtual std::string getRelName() const;
+    virtual TreflectObject getParent() const;
+    virtual TreflectObject getChild(std::string const& name) const;
+    virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
+    virtual void registerChild(std::string const& name, TreflectObject const& child) const;
+    virtual void unregisterChild(std::string const& name) const;
+
     /** Looks for the object at the broker of the identifier's namespace and leads to it from now
      * on. No effect on an invalid stub. `orb` is of no account. */
     virtual void connect(TreflectORB const* orb, TipprmiOID const& oid);
@@ -73,6 +95,10 @@ public:
     /** The object's container; from an invalid stub one with a TipprmiGeneralException of code 0.
      */
     TipprmiExceptionContainer getExceptionContainer() const override;
+    virtual void registerObserver(unsigned int kind, TreflectMetaOperation const* operation,
+                                  TreflectObserver* observer) const;
+    virtual void removeObserver(TreflectMetaOperation const* operation,
+                                TreflectObserver* observer) const;
 
     bool isValid() const {
         return server_ != INVALIDOBJECT;
@@ -127,9 +153,15 @@ private:
     void lead(TipprmiOID const& oid, unsigned int internalOid, TreflectOrbId orb,
               TipprmiObjectSkeleton* server);
 
+    class Question;
+    /** The object itself when it is a reflective one of this process. */
+    TreflectServerObject* reflectiveServer() const;
+
     TreflectOrbId orbId_;                      // guarded by the run permission
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned; guarded by the run permission
     int refCount_ = 0;                         // guarded by the run permission
+    // The class that the object was last found to have. Guarded by the run permission.
+    mutable TreflectMetaObject const* metaCache_ = nullptr;
     // The server under which the table of stubs has this stub; null when it has it under none.
     // Guarded by the run permission.
     TipprmiObjectSkeleton const* filedServer_ = nullptr;

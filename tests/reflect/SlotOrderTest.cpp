@@ -66,19 +66,34 @@ TEST(SlotOrder, OfLocationsAndStubs) {
     EXPECT_EQ((Slots{slot(&At::hasOID), slot(&At::getOID), slot(&At::orbId),
                      slot(&At::getInternalOID), slot(&At::getNamespaceId), slot(&At::getServer)}),
               from(kBehindDestructor, 6));
-    EXPECT_EQ((Slots{slot(&Stub::hasOID), slot(&Stub::getOID), slot(&Stub::orbId),
-                     slot(&Stub::getInternalOID), slot(&Stub::getNamespaceId),
-                     slot(&Stub::getServer), slot(&Stub::forwardMsg),
+    EXPECT_EQ((Slots{slot(&Stub::hasOID),
+                     slot(&Stub::getOID),
+                     slot(&Stub::orbId),
+                     slot(&Stub::getInternalOID),
+                     slot(&Stub::getNamespaceId),
+                     slot(&Stub::getServer),
+                     slot(&Stub::forwardMsg),
                      slot<int (Stub::*)(bool, unsigned int, unsigned int, TipprmiStream&,
                                         TipprmiStream&) const>(&Stub::dispatch),
+                     slot(&Stub::meta),
+                     slot(&Stub::getAbsName),
+                     slot(&Stub::getRelName),
+                     slot(&Stub::getParent),
+                     slot(&Stub::getChild),
+                     slot(&Stub::getChilds),
+                     slot(&Stub::registerChild),
+                     slot(&Stub::unregisterChild),
                      slot<void (Stub::*)(TreflectORB const*, TipprmiOID const&)>(&Stub::connect),
                      slot<void (Stub::*)(TipprmiOID const&)>(&Stub::connect),
-                     slot<void (Stub::*)(Skeleton*)>(&Stub::connect), slot(&Stub::isConnected),
+                     slot<void (Stub::*)(Skeleton*)>(&Stub::connect),
+                     slot(&Stub::isConnected),
                      slot(&Stub::className),
                      slot<void (Stub::*)(TipprmiExceptionContainer const&) const>(
                          &Stub::setExceptionContainer),
-                     slot(&Stub::getExceptionContainer)}),
-              from(kBehindDestructor, 15));
+                     slot(&Stub::getExceptionContainer),
+                     slot(&Stub::registerObserver),
+                     slot(&Stub::removeObserver)}),
+              from(kBehindDestructor, 25));
 }
 
 TEST(SlotOrder, OfCallHooks) {

@@ -1,0 +1,216 @@
+#pragma once
+
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "ipprmi/TipprmiResult.h"
+#include "ipprmi/TipprmiSequence.h"
+#include "reflect/TreflectMetaAttribute.h"
+#include "reflect/TreflectObject.h"
+#include "reflect/TreflectOperation.h"
+
+/**
+ * An attribute of one object, found by name: a meta attribute bound to a handle. Handles hand it
+ * out and own it. Reading and writing it are calls of its get and its set operation; they work for
+ * every type that has stream operators:
+ *
+ *     unsigned int level = 0;
+ *     if (lamp.attribute("Level").get(level) == 0) ...
+ *
+ * Used under the run permission, which is given up while a call waits.
+ *
+ * Virtual operations in slot order: destructor, operation, attribute.
+ */
+class REFLECTORB_API TreflectAttribute {
+public:
+    /** How the value is made up of elements. */
+    enum TreflectAttributeType { kPlain = 0, kSequence = 1, kArray = 2 };
+
+    TreflectAttribute(TreflectMetaAttribute const* meta, TreflectObject const* object);
+    virtual ~TreflectAttribute();
+    TreflectAttribute(TreflectAttribute const&) = delete;
+    TreflectAttribute& operator=(TreflectAttribute const&) = delete;
+
+    /** What every call of the null attribute answers, and of others one that failed. */
+    static int error;
+    /** The null objects that navigation ends at. */
+    static TreflectErrorAttribute errorAttribute;
+    static TreflectErrorOperation errorOperation;
+
+    /** An operation of the object that is the attribute's value; the null operation when the
+     * attribute holds no reflective object or its class has no such operation. */
+    virtual TreflectOperation& operation(std::string const& name);
+    /** An attribute of the object that is the attribute's value, so that paths can be followed:
+     * attribute("a").attribute("b"). The null attribute as above. */
+    virtual TreflectAttribute& attribute(std::string const& name);
+
+    /** Null for the null attribute. */
+    TreflectMetaAttribute const* meta() const { return meta_; }
+    bool isError() const { return error_; }
+    /** Number of elements; 0 for the null attribute. */
+    int constLength() const;
+    TreflectAttributeType containerType() const { return containerType_; }
+    void setContainerType(TreflectAttributeType type);
+    /** Has element `i` of an array or a sequence read from now on; answers the attribute itself. */
+    TreflectAttribute& operator[](int i);
+    /** Has the whole value read again. */
+    void clearIndex();
+
+    /** The operations that read and write the value, bound to the same handle: for observing them.
+     * The null operation when there is none. */
+    TreflectOperation& operGet();
+    TreflectOperation& operSet();
+
+    /**
+     * Reads the value: 0, or `error` for the null attribute. An element outside the array or the
+     * sequence leaves `value` as it is. A call that failed leaves a handle unconnected and answers
+     * 0 (ask it whether it is connected); a value of any other type it leaves as it is and answers
+     * `error`.
+     */
+    template <class T>
+    int get(T& value) const;
+    /** The same, with the code of the failure; a default value for an element that is not there. */
+    template <class T>
+    TipprmiResult<T> fetch() const;
+    /** Writes the whole value: 0, or `error` for the null attribute, one that is read-only, one of
+     * which an element is selected, and when the object has refused the value or is not there. */
+    template <class T>
+    int set(T const& value) const {
+        return store(value) ? 0 : error;
+    }
+    /** The same, with the code of the failure. */
+    template <class T>
+    TipprmiResult<void> store(T const& value) const;
+
+    /**
+     * For an attribute whose value is a reflective object: fetches the object on which `attribute`
+     * and `operation` work, the first time and, when an element is selected, every time. True when
+     * there is one, that is, when the class of the value is known.
+     */
+    bool updateContainedObject();
+
+protected:
+    void markAsError() { error_ = true; }
+
+private:
+    static constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
+
+    bool hasIndex_() const { return index_ != kNoIndex; }
+    /** Calls the get operation; `response` is then about to yield the value. */
+    void callGet_(TipprmiStream& response) const;
+    /** Whether there is a set operation that takes the value as a whole. */
+    bool canSet_() const;
+    void startSet_(TipprmiStream& request) const;
+    /** Sends what startSet_ began. */
+    TipprmiResult<void> finishSet_(TipprmiStream& request) const;
+    /** Why the call that was answered by `response` failed. */
+    static TipprmiFailure failureOf_(TipprmiStream const& response);
+    template <class T>
+    void decode_(TipprmiStream& response, T& value) const;
+    template <class T>
+    void decodeSequence_(TipprmiStream& response, T& value) const;
+    template <class T>
+    void decodeArray_(TipprmiStream& response, T& value) const;
+
+    static constexpr int kNoIndex = -1;
+
+    TreflectMetaAttribute const* const meta_;
+    TreflectObject const* const object_;
+    bool error_ = false;  // set by the null attribute's constructor only
+    // All guarded by the run permission.
+    TreflectObject* containedObject_ = nullptr;  // owned
+    TreflectOperation* operGet_ = nullptr;       // tied to object_, as the next
+    TreflectOperation* operSet_ = nullptr;
+    TreflectAttributeType containerType_ = kPlain;
+    int index_ = kNoIndex;
+};
+
+/** The null attribute: reading it answers `error`, and all that it leads to is null as well. */
+class REFLECTORB_API TreflectErrorAttribute : public TreflectAttribute {
+public:
+    TreflectErrorAttribute(TreflectMetaAttribute const* meta, TreflectObject const* object);
+    ~TreflectErrorAttribute() override;
+
+    TreflectOperation& operation(std::string const& name) override;
+    TreflectAttribute& attribute(std::string const& name) override;
+};
+
+template <class T>
+int TreflectAttribute::get(T& value) const {
+    if (error_)
+        return error;
+    TipprmiStream response(kUsualSize);
+    callGet_(response);
+    if constexpr (std::is_base_of_v<TreflectObject, T>) {
+        decode_(response, value);
+        return 0;
+    } else {
+        T decoded = value;
+        decode_(response, decoded);
+        if (response.hasUnmarshallingFailed())
+            return error;
+        value = std::move(decoded);
+        return 0;
+    }
+}
+
+template <class T>
+TipprmiResult<T> TreflectAttribute::fetch() const {
+    if (error_)
+        return TipprmiFailure();
+    TipprmiStream response(kUsualSize);
+    callGet_(response);
+    T value{};
+    decode_(response, value);
+    if (response.hasUnmarshallingFailed())
+        return failureOf_(response);
+    return value;
+}
+
+template <class T>
+TipprmiResult<void> TreflectAttribute::store(T const& value) const {
+    if (!canSet_())
+        return TipprmiFailure();
+    TipprmiStream request(kUsualSize);
+    startSet_(request);
+    request << value;
+    return finishSet_(request);
+}
+
+template <class T>
+void TreflectAttribute::decode_(TipprmiStream& response, T& value) const {
+    if (hasIndex_() && containerType_ == kSequence)
+        decodeSequence_(response, value);
+    else if (hasIndex_() && containerType_ == kArray)
+        decodeArray_(response, value);
+    else
+        response >> value;
+}
+
+template <class T>
+void TreflectAttribute::decodeSequence_(TipprmiStream& response, T& value) const {
+    // Sequences of bool do not exist; a bool travels as a number.
+    TipprmiSequence<std::conditional_t<std::is_same_v<T, bool>, int, T>, 0u> elements;
+    response >> elements;
+    auto const at = static_cast<unsigned int>(index_);
+    if (index_ < 0 || at >= elements.getLength())
+        return;
+    if constexpr (std::is_same_v<T, bool>)
+        value = elements[at] != 0;
+    else
+        value = elements[at];
+}
+
+template <class T>
+void TreflectAttribute::decodeArray_(TipprmiStream& response, T& value) const {
+    if (index_ < 0 || index_ >= constLength())
+        return;
+    for (int i = 0; i < index_; ++i) {
+        T skipped{};
+        response >> skipped;
+    }
+    response >> value;
+}
+
+extern template REFLECTORB_API int TreflectAttribute::get(TreflectObject& value) const;

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "ipprmi/TipprmiCall.h"
+#include "reflect/TreflectObject.h"
+#include "reflect/TreflectParameters.h"
+#include "reflect/TreflectServerObject.h"
+
+/** What a server object's function yields to a caller: T of a TipprmiResult<T>, else T itself. */
+template <class Result>
+struct TreflectValueOf {
+    using Type = Result;
+};
+template <class T>
+struct TreflectValueOf<TipprmiResult<T>> {
+    using Type = T;
+};
+
+/** The server object that a client class's call leads to when it lives in this process and is of
+ * the right class; null otherwise. */
+template <class Server>
+Server* treflectLocal(TreflectObject const& object) {
+    TipprmiObjectSkeleton* const skeleton = object.getServer();
+    return skeleton ? dynamic_cast<Server*>(skeleton->reflective()) : nullptr;
+}
+
+/** Calls a function of a server object of this process, with its observers told. */
+template <class Server, class Method, class Result, class... Arguments>
+class TreflectLocalCall final : public ClientCallHookBaseV {
+public:
+    TreflectLocalCall(Server& server, Method method, Arguments const&... arguments)
+        : server_(server), method_(method), arguments_(arguments...) {}
+
+    void callServer(TreflectServerObject&) const override {
+        std::apply(
+            [&](auto const&... argument) {
+                if constexpr (std::is_void_v<Result>)
+                    (server_.*method_)(argument...);
+                else
+                    result_ = (server_.*method_)(argument...);
+            },
+            arguments_);
+        called_ = true;
+    }
+    void fillParams(TipprmiSequence<TipprmiAny, 0u>& params) const override {
+        std::apply([&](auto const&... argument) { TreflectParameters::fill(params, argument...); },
+                   arguments_);
+    }
+    void insertResult(TipprmiSequence<TipprmiAny, 0u>& params) const override {
+        if constexpr (!std::is_void_v<Value>) {
+            if (result_)
+                TreflectParameters::append(params, result_.value());
+        }
+    }
+    char const* operationName() const override { return "treflectCall"; }
+
+    using Value = typename TreflectValueOf<Result>::Type;
+    TipprmiResult<Value> result() const {
+        if (!called_)
+            return TipprmiFailure(TipprmiFailure::kVetoed);
+        if constexpr (std::is_void_v<Result>)
+            return {};
+        else
+            return std::move(result_);
+    }
+
+private:
+    Server& server_;
+    Method const method_;
+    std::tuple<Arguments const&...> const arguments_;
+    mutable bool called_ = false;
+    mutable TipprmiResult<Value> result_{TipprmiFailure()};
+};
+
+/** Performs a call on a server object of this process. */
+REFLECTORB_API void treflectPerformLocally(ClientCallHookBaseV const& hook,
+                                           TreflectObject const& object,
+                                           TreflectServerObject& server, unsigned int cc,
+                                           unsigned int mc);
+
+/**
+ * Calls an operation of a reflective object, wherever it lives, and waits for the result: what the
+ * methods of a client class are made of. As tipprmiCall, but an object of this process is called
+ * directly, by `method`, the function that serves the operation in its skeleton class:
+ *
+ *     TipprmiResult<unsigned int> Lamp::getLevel() const {
+ *         return treflectCall(*this, lamp::kClass, lamp::kGetLevel, &LampSkeleton::getLevel);
+ *     }
+ *
+ * The arguments are those of `method`. Refused with TipprmiFailure::kVetoed when an observer
+ * forbids the call.
+ */
+template <class Server, class Result, class... Parameters>
+TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
+    TreflectObject const& object, unsigned int cc, unsigned int mc,
+    Result (Server::*method)(Parameters...), std::decay_t<Parameters> const&... arguments) {
+    using Value = typename TreflectValueOf<Result>::Type;
+    Server* const server = treflectLocal<Server>(object);
+    if (!server)
+        return tipprmiCall<Value>(object, cc, mc, arguments...);
+    TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
+        *server, method, arguments...);
+    treflectPerformLocally(hook, object, *server, cc, mc);
+    return hook.result();
+}
+template <class Server, class Result, class... Parameters>
+TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
+    TreflectObject const& object, unsigned int cc, unsigned int mc,
+    Result (Server::*method)(Parameters...) const, std::decay_t<Parameters> const&... arguments) {
+    using Value = typename TreflectValueOf<Result>::Type;
+    Server* const server = treflectLocal<Server>(object);
+    if (!server)
+        return tipprmiCall<Value>(object, cc, mc, arguments...);
+    TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
+        *server, method, arguments...);
+    treflectPerformLocally(hook, object, *server, cc, mc);
+    return hook.result();
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "reflect/TreflectMemberFactory.h"
+#include "reflect/TreflectMetaMember.h"
+
+class TreflectMetaOperation;
+
+/** An attribute of a class: a pair of operations, one that reads its value and one that writes it.
+ */
+class REFLECTORB_API TreflectMetaAttribute : public TreflectMetaMember,
+                                             public TreflectMemberFactory<TreflectAttribute> {
+public:
+    /** The operations are not owned; without `set` the attribute is read-only. */
+    TreflectMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
+                          TreflectMetaOperation const* get, TreflectMetaOperation const* set);
+    ~TreflectMetaAttribute() override;
+
+    /** Number of elements: 1, but for array and sequence attributes. */
+    int constLength() const { return constLength_; }
+    /** Null only if made without. */
+    TreflectMetaOperation const* metaOperGet() const { return get_; }
+    /** Null when the attribute is read-only. */
+    TreflectMetaOperation const* metaOperSet() const { return set_; }
+    /** The class of the value, when that is itself a reflective object; else null. */
+    TreflectMetaObject* typeMeta() const { return typeMeta_; }
+    /** The name of that class; empty without one. */
+    std::string const& typeName() const { return typeName_; }
+    /** Says that the value is a reflective object of this class, which is not owned. */
+    void registerType(TreflectMetaObject* typeMeta);
+
+protected:
+    TreflectMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
+                          TreflectMetaOperation const* get, TreflectMetaOperation const* set,
+                          int constLength);
+
+private:
+    int const constLength_;
+    std::string typeName_;  // fixed once the class is complete, as is typeMeta_
+    TreflectMetaOperation const* const get_;
+    TreflectMetaOperation const* const set_;
+    TreflectMetaObject* typeMeta_ = nullptr;
+};
+
+/**
+ * An attribute of a fixed number of values. Only attributes made by its own `getTied` can be read
+ * element by element; those found by name through a handle read a single value.
+ */
+class REFLECTORB_API TreflectArrayMetaAttribute : public TreflectMetaAttribute {
+public:
+    TreflectArrayMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
+                               TreflectMetaOperation const* get, TreflectMetaOperation const* set,
+                               int length);
+    virtual TreflectAttribute* getTied(TreflectObject const* object) const;
+};
+
+/** The same for an attribute whose value is a TipprmiSequence. */
+class REFLECTORB_API TreflectSequenceMetaAttribute : public TreflectMetaAttribute {
+public:
+    TreflectSequenceMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
+                                  TreflectMetaOperation const* get,
+                                  TreflectMetaOperation const* set, int length);
+    virtual TreflectAttribute* getTied(TreflectObject const* object) const;
+};

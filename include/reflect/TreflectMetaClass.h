@@ -1,0 +1,67 @@
+#pragma once
+
+#include <vector>
+
+#include "ipprmi/TipprmiSequence.h"
+#include "reflect/TreflectMetaObject.h"
+
+/**
+ * A meta object made from tables: the way to describe a class in a few lines. Write it as an inline
+ * variable in the header in which the class has its codes, behind those of its bases:
+ *
+ *     inline TreflectMetaClass const deviceMeta("Device", device::kClass, {},
+ *         {{"getName", device::kGetName, {}, {"string"}}},
+ *         {"Name"});
+ *
+ *     inline TreflectMetaClass const lampMeta("Lamp", lamp::kClass, {&deviceMeta},
+ *         {{"getLevel", lamp::kGetLevel, {}, {"unsigned"}},
+ *          {"setLevel", lamp::kSetLevel, {"unsigned"}, {}},
+ *          {"blink",    lamp::kBlink,    {"unsigned", "unsigned"}, {}}},
+ *         {"Level"});
+ *
+ * Method codes are unique in a class and its bases, and none of those that every object has: 1000
+ * to 1108, 2100 and 2101.
+ */
+class REFLECTORB_API TreflectMetaClass : public TreflectMetaObject {
+public:
+    struct Operation {
+        char const* name;
+        unsigned int id;                    // method code
+        std::vector<char const*> in = {};   // types of the arguments
+        std::vector<char const*> out = {};  // types of the results
+    };
+    struct Attribute {
+        /** A value that is no reflective object. */
+        Attribute(char const* attributeName) : name(attributeName) {}
+        /** A value that is a handle on an object of the class `valueClass`, not owned. */
+        Attribute(char const* attributeName, TreflectMetaClass const& valueClass)
+            : name(attributeName), type(&valueClass) {}
+
+        char const* name;
+        TreflectMetaClass const* type = nullptr;
+    };
+
+    /** Names are literals, or live as long as the meta object. Bases are not owned; they come most
+     * important first. */
+    TreflectMetaClass(std::string const& name, unsigned int classId,
+                      std::vector<TreflectMetaClass const*> bases,
+                      std::vector<Operation> operations, std::vector<Attribute> attributes = {});
+    ~TreflectMetaClass() override;
+
+    /** The class's own id, then those of its bases, each once: what a server object of the class
+     * answers to the question for its class ids. */
+    TipprmiSequence<unsigned int, 0u> classIds() const;
+
+protected:
+    void completeMetaInformation() override;
+
+private:
+    void describeParameters();
+    void describeTypes();
+    void appendIds(TipprmiSequence<unsigned int, 0u>& ids) const;
+
+    std::vector<TreflectMetaClass const*> const bases_;
+    std::vector<Operation> const operations_;
+    std::vector<Attribute> const attributes_;
+    bool completed_ = false;  // guarded by the run permission
+};

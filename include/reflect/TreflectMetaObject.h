@@ -1,0 +1,115 @@
+#pragma once
+
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+
+#include "oswrap/Export.h"
+#include "transport/TerminationId.h"
+
+class InterfaceRepository;
+class TreflectMetaAttribute;
+class TreflectMetaOperation;
+class TreflectObserver;
+class TreflectServerObject;
+
+/**
+ * Describes a class at run time: its name and class id, its bases, and its attributes and
+ * operations by name. There is one per class and process, normally a static object, known to the
+ * InterfaceRepository from construction to destruction. TreflectMetaClass makes one from tables.
+ *
+ * Its members are filled in when the class is first found in the repository. No lock: complete,
+ * change and look up meta objects under the run permission, or before the program's work begins.
+ *
+ * Virtual operations in slot order: destructor, name, completeMetaInformation.
+ */
+class REFLECTORB_API TreflectMetaObject {
+public:
+    /** An operation of a class as generated tables have it. */
+    struct MetaOpData {
+        char const* name;
+        int id;  // method code
+    };
+    /** An attribute of a class: its operations are "get" and "set" followed by this name. */
+    struct MetaAttrData {
+        char const* name;
+    };
+
+    /** Enters the repository. */
+    TreflectMetaObject(std::string const& name, unsigned int classId);
+    /** Leaves the repository and deletes its members; bases and derived classes stay. */
+    virtual ~TreflectMetaObject();
+    TreflectMetaObject(TreflectMetaObject const&) = delete;
+    TreflectMetaObject& operator=(TreflectMetaObject const&) = delete;
+
+    virtual std::string const& name() const;
+    unsigned int getClassId() const { return classId_; }
+    /** Whether this is `other` or derived from it, over any number of generations. */
+    bool isA(TreflectMetaObject const* other) const;
+
+    /** A member of the class or of one of its bases; null, and a line at level 3, when there is
+     * none. */
+    TreflectMetaOperation const* metaOperation(std::string const& name) const;
+    /** The same in silence. */
+    TreflectMetaOperation const* metaOperation_(std::string const& name) const;
+    /** Likewise; logs for each class that was searched, bases first. */
+    TreflectMetaAttribute const* metaAttribute(std::string const& name) const;
+    /** Append all members: the class's own in the order of their names, then those of its bases.
+     * One that can be reached in several ways stands there several times. */
+    void operationList(std::list<TreflectMetaOperation*>& out) const;
+    void attributeList(std::list<TreflectMetaAttribute*>& out) const;
+
+    /** Direct bases and direct derived classes. */
+    std::set<TreflectMetaObject*> const& parents() const { return parents_; }
+    std::set<TreflectMetaObject*> const& children() const { return children_; }
+    /** Makes `base` a base of this class; true. Not owned. */
+    bool registerParent(TreflectMetaObject* base);
+    /** The other half of registerParent, which calls it; true. */
+    bool registerChild(TreflectMetaObject* derived);
+    /** Take over a member under its name. One that had this name before is forgotten, not deleted.
+     */
+    void registerOperation(TreflectMetaOperation* operation);
+    void registerAttribute(TreflectMetaAttribute* attribute);
+
+    /**
+     * Has `observer` told whenever an object of this class is created (or deleted) in any process
+     * of the group, see TreflectORB::observeCreations; `plusExisting`: and at once of those that
+     * exist. False for null. Under the run permission.
+     */
+    bool observeCreations(TreflectObserver* observer, bool plusExisting);
+    bool observeDeletions(TreflectObserver* observer);
+    /** Ends both. Null is ignored. */
+    void removeObserver(TreflectObserver* observer);
+
+protected:
+    /** Fills in the members with the helper below. Called at every search in the repository: does
+     * its work once and returns at once later. */
+    virtual void completeMetaInformation() = 0;
+    /**
+     * Registers the operations of a table, then its attributes. An attribute needs its get
+     * operation here or in a base, which must therefore be complete already; without it the rest of
+     * the attributes is left out. Without a set operation it is read-only. Neither table may be
+     * null (empty will do): nothing is registered then. Both cases are logged at level 3.
+     */
+    void completeMetaInformationHelper(MetaOpData const* operations, unsigned int operationCount,
+                                       MetaAttrData const* attributes, unsigned int attributeCount);
+    /** Completes another meta object, such as a base. */
+    static void complete(TreflectMetaObject& other) { other.completeMetaInformation(); }
+
+private:
+    friend class InterfaceRepository;
+
+    std::string const name_;
+    unsigned int const classId_;
+    std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
+    std::map<std::string, TreflectMetaOperation*> operations_;  // owned
+    std::set<TreflectMetaObject*> parents_;                     // not owned
+    std::set<TreflectMetaObject*> children_;                    // not owned
+    // Kept with the class for those who generate classes; the broker has records of its own.
+    std::set<Transport::TerminationId> creationSubscribers_;
+    std::set<Transport::TerminationId> deletionSubscribers_;
+    std::list<TreflectObserver*> creationObservers_;
+    std::list<TreflectObserver*> deletionObservers_;
+    std::set<TreflectServerObject const*> instances_;
+};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <map>
+
+#include "reflect/TreflectMemberFactory.h"
+#include "reflect/TreflectMetaMember.h"
+
+/** An operation of a class, told by the method code under which server objects answer it. */
+class REFLECTORB_API TreflectMetaOperation : public TreflectMetaMember,
+                                             public TreflectMemberFactory<TreflectOperation> {
+public:
+    TreflectMetaOperation(std::string const& name, TreflectMetaObject const* owner, int id);
+    ~TreflectMetaOperation() override;
+
+    /** The method code. */
+    int id() const { return id_; }
+    /** Describes a parameter, for programs that know nothing of the class; a second value for a key
+     * replaces the first. Keys are "in0", "in1", ... and "out0", ...; values are names of types. */
+    void registerParameter(std::string key, std::string value);
+    std::map<std::string, std::string> const& parameters() const { return parameters_; }
+
+private:
+    int const id_;
+    std::map<std::string, std::string> parameters_;  // fixed once the class is complete
+};

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "reflect/TreflectObserverClient.h"
+
+/**
+ * The observers of an object, by operation: part of every server object. Used under the run
+ * permission; an observer in another process is waited for, with the permission given up.
+ *
+ * An operation is told by the id of the class that declares it and its method code.
+ *
+ * Virtual operations in slot order: destructor, registerObserver, unRegisterObserver,
+ * notifyObservers.
+ */
+class REFLECTORB_API TreflectObservable {
+public:
+    /** Whether an observable that may have been destroyed during a wait is still there. */
+    class Life {
+    public:
+        explicit Life(TreflectObservable const& observable);
+        bool ended() const { return !*living_; }
+
+    private:
+        std::shared_ptr<bool const> const living_;  // guarded by the run permission
+    };
+
+    /** The kinds of registrations; any kind but the first is of the second. */
+    static constexpr unsigned int kBeforeCalls = 0;
+    static constexpr unsigned int kAfterCalls = 1;
+
+    TreflectObservable();
+    virtual ~TreflectObservable();
+    TreflectObservable(TreflectObservable const&) = delete;
+    TreflectObservable& operator=(TreflectObservable const&) = delete;
+
+    /** One more registration of an observer, which is told as often as it is registered. */
+    virtual void registerObserver(unsigned int kind, unsigned int const& cc, unsigned int const& mc,
+                                  TreflectObserverClient const& client);
+    /** Ends the observer's first registration before calls and its first after calls, in the order
+     * of classes and operations. */
+    virtual void unRegisterObserver(TreflectObserverClient const& client);
+    /**
+     * Tells the observers of one kind of a call on `source`, in the order of their registration;
+     * all of them, whatever they answer. False when one that was reached answered false, or when
+     * this object was destroyed meanwhile. One that was not reached has a registration ended.
+     * Observers may be registered and removed meanwhile, which changes nothing for this call.
+     */
+    virtual bool notifyObservers(TreflectObject const& source, unsigned int kind,
+                                 unsigned int const& cc, unsigned int const& mc,
+                                 TipprmiSequence<TipprmiAny, 0u> const& arguments);
+
+    /** Whether anybody would be told of a call, before it or after it. */
+    bool preObserverAvailable(unsigned int const& cc, unsigned int const& mc) const {
+        return available(preObservers_, cc, mc);
+    }
+    bool postObserverAvailable(unsigned int const& cc, unsigned int const& mc) const {
+        return available(postObservers_, cc, mc);
+    }
+
+private:
+    using Key = std::pair<unsigned int, unsigned int>;  // class id, method code
+    using Observers = std::multimap<Key, TreflectObserverClient>;
+    class Told;
+
+    static bool available(std::unique_ptr<Observers> const& observers, unsigned int cc,
+                          unsigned int mc) {
+        return observers && observers->count({cc, mc}) != 0;
+    }
+    static void removeFirst(Observers* observers, TreflectObserverClient const& client);
+
+    // All guarded by the run permission; the maps are made with the first registration.
+    std::unique_ptr<Observers> preObservers_;
+    std::unique_ptr<Observers> postObservers_;
+    mutable std::shared_ptr<bool> living_;  // made when first asked for; false after destruction
+};

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "reflect/TreflectObserverSkeleton.h"
+
+/**
+ * Watches calls on other objects (TreflectOperation::preObserve, postObserve) and the creation and
+ * deletion of objects of a class (TreflectMetaObject::observeCreations): derive from it and say in
+ * `update` what to do. It may live in another process than what it watches.
+ *
+ * Build and destroy observers holding the run permission. An observer that is destroyed, or whose
+ * process ends, is forgotten by those that it watches when they next want to tell it something.
+ *
+ * Virtual operations after those of the skeleton, in slot order: update, getSource, setSource.
+ */
+class REFLECTORB_API TreflectObserver : public TreflectObserverSkeleton {
+public:
+    TreflectObserver(TipprmiOID const& oid, TreflectObject const* parent, std::string const& name);
+    ~TreflectObserver() override;
+
+    bool notify(TreflectObject const& source, unsigned int const& cc, unsigned int const& mc,
+                TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& alive) override;
+    /**
+     * The reaction to a notification. Before a call, false forbids it; otherwise the answer is of
+     * no account. May register and remove observers, make calls, and destroy this observer. Called
+     * with the run permission; while it gives that up, the next notification may come in and
+     * replace what the observer was told.
+     */
+    virtual bool update() = 0;
+    /** The object that the notification is about: for `update` only, the handle ends with it. */
+    virtual TreflectObject const* getSource() const;
+    virtual void setSource(TreflectObject const* source);
+
+    /** What the call was given (before it) or gave (after it). */
+    TipprmiSequence<TipprmiAny, 0u> const& arguments() const { return arguments_; }
+    /** Whether there has been a notification of a call at all. */
+    bool notified() const { return notified_; }
+
+private:
+    // All guarded by the run permission.
+    TipprmiSequence<TipprmiAny, 0u> arguments_;
+    bool notified_ = false;
+    TreflectObject const* source_ = nullptr;
+};

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "ipprmi/TipprmiAny.h"
+#include "ipprmi/TipprmiResult.h"
+#include "ipprmi/TipprmiSequence.h"
+
+/** What observers are told of a call: its arguments before, its results after, each in an any. */
+class TreflectParameters {
+public:
+    template <class... Values>
+    void set(Values const&... values) {
+        fill(sequence_, values...);
+    }
+    /** The result of a call, which may be a refusal: then there is none. */
+    template <class T>
+    void setResult(T const& result) {
+        set(result);
+    }
+    template <class T>
+    void setResult(TipprmiResult<T> const& result) {
+        set();
+        if constexpr (!std::is_void_v<T>) {
+            if (result)
+                set(result.value());
+        }
+    }
+    TipprmiSequence<TipprmiAny, 0u> const& sequence() const { return sequence_; }
+
+    /** Makes `sequence` hold these values and nothing else. */
+    template <class... Values>
+    static void fill(TipprmiSequence<TipprmiAny, 0u>& sequence, Values const&... values) {
+        sequence.setLength(0);
+        (append(sequence, values), ...);
+    }
+    template <class T>
+    static void append(TipprmiSequence<TipprmiAny, 0u>& sequence, T const& value) {
+        TipprmiAny any;
+        any.insert(value);
+        sequence.push_back(any);
+    }
+
+private:
+    TipprmiSequence<TipprmiAny, 0u> sequence_;
+};

@@ -1,0 +1,193 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "ipprmi/TipprmiObjectSkeleton.h"
+#include "reflect/TreflectObject.h"
+#include "reflect/TreflectObservable.h"
+#include "reflect/TreflectParameters.h"
+
+/**
+ * Server side of a reflective object: a skeleton that has a name and a place in a tree of names,
+ * which may reach over processes, tells its classes, and lets its calls be observed. Derived
+ * classes serve their own method codes and pass the rest on:
+ *
+ *     class LampSkeleton : public TreflectServerObject {
+ *     public:
+ *         using TreflectServerObject::TreflectServerObject;
+ *
+ *         virtual unsigned int getLevel() = 0;
+ *         virtual void setLevel(unsigned int level) = 0;
+ *
+ *         unsigned int getServerClassId() const override { return lamp::kClass; }
+ *         TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+ *             return lampMeta.classIds();
+ *         }
+ *         bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+ *                       TipprmiStream& out) override {
+ *             switch (mc) {
+ *             case lamp::kGetLevel:
+ *                 return serve(lamp::kClass, cc, mc, in, out, &LampSkeleton::getLevel);
+ *             case lamp::kSetLevel:
+ *                 return serve(lamp::kClass, cc, mc, in, out, &LampSkeleton::setLevel);
+ *             default:
+ *                 return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
+ *             }
+ *         }
+ *     };
+ *
+ * Build and destroy server objects holding the run permission; everything here runs under it.
+ * A derived class calls `sendCreationEvent` when it is built and `sendDeletionEvent` first thing in
+ * its destructor, if anybody is to hear of its objects.
+ *
+ * Virtual operations after those of the skeleton: getClient (its override), getParent, getChild,
+ * getChilds, registerChild, unregisterChild, getServerClassId, getServerClassIdSeq, getAbsName,
+ * getRelName, sendCreationEvent, sendDeletionEvent, notifyObservers.
+ */
+class REFLECTORB_API TreflectServerObject : public TipprmiObjectSkeleton,
+                                            public TreflectObservable {
+public:
+    /** Joins the broker of `oid`'s namespace and, when there is a parent, enters the object among
+     * its children; `name` has no "/". The parent is waited for if it lives in another process. */
+    TreflectServerObject(TipprmiOID const& oid, TreflectObject const* parent,
+                         std::string const& name);
+    /** Leaves broker and parent. */
+    ~TreflectServerObject() override;
+
+    /** Serves what every reflective object answers, by method code alone, see
+     * docs/wire-format.md; leaves any other to the skeleton. */
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override;
+
+    /** The object's own handle, made when first asked for; owned by the object. */
+    TreflectObject* getClient() const override;
+    /** Unconnected when there is none. */
+    virtual TreflectObject getParent() const;
+    /** Unconnected when there is none of this name. */
+    virtual TreflectObject getChild(std::string const& name) const;
+    /** In the order of their names. */
+    virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
+    /** Enters a child, in place of one that has this name. */
+    virtual void registerChild(std::string const& name, TreflectObject const& child);
+    virtual void unregisterChild(std::string const& name);
+    /** The id of the object's own class. */
+    virtual unsigned int getServerClassId() const = 0;
+    /** The ids of its own class and of its bases, the most special first. */
+    virtual TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const = 0;
+    /** "/" and the names of all parents and of the object, with "/" between them. Asks the parent,
+     * wherever it is. */
+    virtual std::string getAbsName() const;
+    virtual std::string getRelName() const;
+    /** Tells the observers of the class in all processes that the object is there (or is about to
+     * go); `metaObject` is its class, by default the one that its handle tells. Waits for those in
+     * other processes. */
+    virtual void sendCreationEvent(TreflectMetaObject const* metaObject = nullptr) const;
+    virtual void sendDeletionEvent(TreflectMetaObject const* metaObject = nullptr) const;
+    /** Tells the observers of one kind of a call on this object. */
+    virtual bool notifyObservers(unsigned int kind, unsigned int const& cc, unsigned int const& mc,
+                                 TipprmiSequence<TipprmiAny, 0u> const& arguments);
+    using TreflectObservable::notifyObservers;
+
+    /** The class ids that the object answers; none while it is being built or destroyed. */
+    TipprmiSequence<unsigned int, 0u> getClassIds() const;
+    char const* objectName() const { return longName_ ? longName_.get() : shortName_; }
+
+protected:
+    /**
+     * Serves a call by a member function, as TipprmiObjectSkeleton::serve does, and lets the call
+     * be observed. `declaring` is the class that has the operation in its tables; a call whose
+     * class code is neither that nor another class of this object is not served. Before the
+     * function is called its observers are told the arguments, and if one forbids the call it is
+     * refused with TipprmiFailure::kVetoed; afterwards they are told the result, if there is one.
+     */
+    template <class Server, class Result, class... Parameters>
+    bool serve(unsigned int declaring, unsigned int cc, unsigned int mc, TipprmiStream& in,
+               TipprmiStream& out, Result (Server::*method)(Parameters...));
+    template <class Server, class Result, class... Parameters>
+    bool serve(unsigned int declaring, unsigned int cc, unsigned int mc, TipprmiStream& in,
+               TipprmiStream& out, Result (Server::*method)(Parameters...) const);
+
+private:
+    static constexpr std::size_t kShortNameSize = 16;  // with its NUL
+
+    bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
+    void serveObserverRegistration(TipprmiStream& in, TipprmiStream& out);
+    void serveObserverRemoval(TipprmiStream& in, TipprmiStream& out);
+    void serveChildRegistration(TipprmiStream& in, TipprmiStream& out);
+    void keepName(std::string const& name);
+    /** Whether a call with class code `cc` may mean an operation that `declaring` declares. */
+    bool concerns(unsigned int cc, unsigned int declaring) const;
+    bool refuseForeignCall(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
+    template <class Result, class... Parameters, class Method>
+    bool serveObserved(unsigned int declaring, unsigned int mc, TipprmiStream& in,
+                       TipprmiStream& out, Method const& method);
+
+    // All guarded by the run permission; the names never change.
+    char shortName_[kShortNameSize] = {};
+    std::unique_ptr<char[]> longName_;  // only for a name that does not fit above
+    TreflectObject parent_;
+    mutable std::unique_ptr<std::map<std::string, TreflectObject>> children_;  // made when needed
+};
+
+template <class Server, class Result, class... Parameters>
+bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsigned int mc,
+                                 TipprmiStream& in, TipprmiStream& out,
+                                 Result (Server::*method)(Parameters...)) {
+    if (!concerns(cc, declaring))
+        return refuseForeignCall(mc, in, out);
+    if (!preObserverAvailable(declaring, mc) && !postObserverAvailable(declaring, mc))
+        return TipprmiObjectSkeleton::serve(cc, mc, in, out, method);
+    return serveObserved<Result, Parameters...>(
+        declaring, mc, in, out, [&](auto const&... arguments) {
+            return (static_cast<Server*>(this)->*method)(arguments...);
+        });
+}
+
+template <class Server, class Result, class... Parameters>
+bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsigned int mc,
+                                 TipprmiStream& in, TipprmiStream& out,
+                                 Result (Server::*method)(Parameters...) const) {
+    if (!concerns(cc, declaring))
+        return refuseForeignCall(mc, in, out);
+    if (!preObserverAvailable(declaring, mc) && !postObserverAvailable(declaring, mc))
+        return TipprmiObjectSkeleton::serve(cc, mc, in, out, method);
+    return serveObserved<Result, Parameters...>(
+        declaring, mc, in, out, [&](auto const&... arguments) {
+            return (static_cast<Server const*>(this)->*method)(arguments...);
+        });
+}
+
+template <class Result, class... Parameters, class Method>
+bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc, TipprmiStream& in,
+                                         TipprmiStream& out, Method const& method) {
+    std::tuple<std::decay_t<Parameters>...> arguments;
+    if (!readArguments(declaring, mc, in, arguments))
+        return false;
+    Life const life(*this);
+    TreflectParameters values;
+    std::apply([&](auto const&... argument) { values.set(argument...); }, arguments);
+    if (!notifyObservers(kBeforeCalls, declaring, mc, values.sequence())) {
+        writeGeneralException(out, TipprmiFailure::kVetoed);
+        return true;
+    }
+    if constexpr (std::is_void_v<Result>) {
+        std::apply(method, arguments);
+        if (life.ended())
+            return false;
+        prepareResponseStream_(out);
+        values.set();
+    } else {
+        auto const result = std::apply(method, arguments);
+        if (life.ended())
+            return false;
+        respond(out, result);
+        values.setResult(result);
+    }
+    notifyObservers(kAfterCalls, declaring, mc, values.sequence());
+    return true;
+}

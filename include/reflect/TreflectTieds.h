@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <map>
+
+#include "oswrap/Mutex.h"
+#include "oswrap/SmartPointer.h"
+
+class TreflectObject;
+
+/**
+ * The process's owner of bound members: what a handle hands out by name lives here until the handle
+ * is destroyed. Made on first use and never destroyed. Any thread.
+ */
+class REFLECTORB_API TreflectTieds {
+public:
+    /** What is tied to a handle. */
+    class REFLECTORB_API TiedBase {
+    public:
+        virtual ~TiedBase() = 0;
+    };
+
+    static TreflectTieds* instance();
+
+    TreflectTieds() = default;
+    ~TreflectTieds();
+    TreflectTieds(TreflectTieds const&) = delete;
+    TreflectTieds& operator=(TreflectTieds const&) = delete;
+
+    /** Ties one more thing to a handle, of which only the address counts. */
+    void adoptTied(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied);
+    /** Lets go of all that is tied to a handle. */
+    void destroyTieds(TreflectObject const* object);
+    /** Logs at level 5 how many things are tied to handles. */
+    void print();
+
+private:
+    using Tieds = std::multimap<TreflectObject const*, OSWrap::SmartPointer<TiedBase>>;
+
+    OSWrap::Mutex mutex_;
+    Tieds tieds_ OSW_GUARDED_BY(mutex_);
+    /** Size of tieds_, changed under mutex_. Read without: a handle that nothing is tied to is
+     * destroyed without the lock, and only the thread that uses a handle ties things to it. */
+    std::atomic<std::size_t> count_{0};
+};

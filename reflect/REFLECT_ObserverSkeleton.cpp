@@ -1,0 +1,100 @@
+#include "handler_threads/TreflectHandlerState.h"
+#include "logging/Log.h"
+#include "reflect/BrokerLifecycle.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObserver.h"
+
+namespace {
+
+constexpr unsigned int kNotify = 0;
+
+}  // namespace
+
+TreflectObserverSkeleton::TreflectObserverSkeleton(TipprmiOID const& oid,
+                                                   TreflectObject const* parent,
+                                                   std::string const& name)
+    : TreflectServerObject(oid, parent, name) {
+    client_.reset();
+}
+
+TreflectObserverSkeleton::~TreflectObserverSkeleton() = default;
+
+unsigned int TreflectObserverSkeleton::getServerClassId() const {
+    return kClassId;
+}
+
+TipprmiSequence<unsigned int, 0u> TreflectObserverSkeleton::getServerClassIdSeq() const {
+    TipprmiSequence<unsigned int, 0u> ids;
+    ids.push_back(kClassId);
+    return ids;
+}
+
+TreflectObserverClient* TreflectObserverSkeleton::getClient() const {
+    TreflectHandlerState const handler(true);
+    if (!client_)
+        client_ = std::make_unique<TreflectObserverClient>(this);
+    return static_cast<TreflectObserverClient*>(client_.get());
+}
+
+bool TreflectObserverSkeleton::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
+                                        TipprmiStream& in, TipprmiStream& out) {
+    if (cc == kClassId && mc == kNotify) {
+        serveNotification(in, out);
+        return true;
+    }
+    if (TreflectServerObject::dispatch(withResponse, cc, mc, in, out))
+        return true;
+    REFLECTORB_LOG(
+        3, "REFLECT_ObserverSkeleton",
+        "TreflectObserverSkeleton[oid=%s]::dispatch(cc=0x%08X, mc=%u) - METHOD NOT FOUND",
+        getOID().getIdString(), cc, mc);
+    return false;
+}
+
+void TreflectObserverSkeleton::serveNotification(TipprmiStream& in, TipprmiStream& out) {
+    TreflectObject source;
+    unsigned int cc = 0;
+    unsigned int mc = 0;
+    TipprmiSequence<TipprmiAny, 0u> arguments;
+    in >> source >> cc >> mc >> arguments;
+    bool alive = false;
+    Life const life(*this);
+    bool const answer = getClient()->notify(source, cc, mc, arguments, alive);
+    if (life.ended())
+        out << TipprmiExceptionContainer();
+    else
+        prepareResponseStream_(out);
+    out << answer << alive;
+}
+
+// ---- TreflectObserver --------------------------------------------------------------------------
+
+TreflectObserver::TreflectObserver(TipprmiOID const& oid, TreflectObject const* parent,
+                                   std::string const& name)
+    : TreflectObserverSkeleton(oid, parent, name) {}
+
+// Brokers have it in their lists until it is told otherwise.
+TreflectObserver::~TreflectObserver() {
+    if (BrokerLifecycle::instance().isAbandoned())
+        return;
+    TreflectHandlerState const handler(true);
+    TreflectORB::forgetObserver_(*this);
+}
+
+bool TreflectObserver::notify(TreflectObject const& source, unsigned int const&,
+                              unsigned int const&, TipprmiSequence<TipprmiAny, 0u> const& arguments,
+                              bool& alive) {
+    alive = true;
+    setSource(&source);
+    notified_ = true;
+    arguments_ = arguments;
+    return update();
+}
+
+TreflectObject const* TreflectObserver::getSource() const {
+    return source_;
+}
+
+void TreflectObserver::setSource(TreflectObject const* source) {
+    source_ = source;
+}

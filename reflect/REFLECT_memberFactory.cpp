@@ -1,0 +1,160 @@
+#include <vector>
+
+#include "logging/Log.h"
+#include "oswrap/Lock.h"
+#include "reflect/TreflectAttribute.h"
+#include "reflect/TreflectMetaAttribute.h"
+#include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectMetaOperation.h"
+#include "reflect/TreflectOperation.h"
+#include "reflect/TreflectTieds.h"
+
+// ---- Meta members ------------------------------------------------------------------------------
+
+TreflectMetaMember::TreflectMetaMember(std::string const& name, TreflectMetaObject const* owner)
+    : name_(name), owner_(owner) {}
+
+TreflectMetaMember::~TreflectMetaMember() = default;
+
+TreflectMetaOperation::TreflectMetaOperation(std::string const& name,
+                                             TreflectMetaObject const* owner, int id)
+    : TreflectMetaMember(name, owner), id_(id) {}
+
+TreflectMetaOperation::~TreflectMetaOperation() = default;
+
+void TreflectMetaOperation::registerParameter(std::string key, std::string value) {
+    parameters_[std::move(key)] = std::move(value);
+}
+
+TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
+                                             TreflectMetaObject const* owner,
+                                             TreflectMetaOperation const* get,
+                                             TreflectMetaOperation const* set)
+    : TreflectMetaAttribute(name, owner, get, set, 1) {}
+
+TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
+                                             TreflectMetaObject const* owner,
+                                             TreflectMetaOperation const* get,
+                                             TreflectMetaOperation const* set, int constLength)
+    : TreflectMetaMember(name, owner), constLength_(constLength), get_(get), set_(set) {}
+
+TreflectMetaAttribute::~TreflectMetaAttribute() = default;
+
+void TreflectMetaAttribute::registerType(TreflectMetaObject* typeMeta) {
+    typeMeta_ = typeMeta;
+    typeName_ = typeMeta->name();
+}
+
+TreflectArrayMetaAttribute::TreflectArrayMetaAttribute(std::string const& name,
+                                                       TreflectMetaObject const* owner,
+                                                       TreflectMetaOperation const* get,
+                                                       TreflectMetaOperation const* set, int length)
+    : TreflectMetaAttribute(name, owner, get, set, length) {}
+
+TreflectAttribute* TreflectArrayMetaAttribute::getTied(TreflectObject const* object) const {
+    TreflectAttribute* const attribute = TreflectMetaAttribute::getTied(object);
+    attribute->setContainerType(TreflectAttribute::kArray);
+    return attribute;
+}
+
+TreflectSequenceMetaAttribute::TreflectSequenceMetaAttribute(std::string const& name,
+                                                             TreflectMetaObject const* owner,
+                                                             TreflectMetaOperation const* get,
+                                                             TreflectMetaOperation const* set,
+                                                             int length)
+    : TreflectMetaAttribute(name, owner, get, set, length) {}
+
+TreflectAttribute* TreflectSequenceMetaAttribute::getTied(TreflectObject const* object) const {
+    TreflectAttribute* const attribute = TreflectMetaAttribute::getTied(object);
+    attribute->setContainerType(TreflectAttribute::kSequence);
+    return attribute;
+}
+
+// ---- Bound members -----------------------------------------------------------------------------
+
+namespace {
+
+template <class T>
+struct MetaOf;
+template <>
+struct MetaOf<TreflectAttribute> {
+    using Type = TreflectMetaAttribute;
+};
+template <>
+struct MetaOf<TreflectOperation> {
+    using Type = TreflectMetaOperation;
+};
+
+}  // namespace
+
+/** A bound member that is tied to a handle. */
+template <class T>
+class TreflectMemberFactory<T>::Tied : public TreflectTieds::TiedBase {
+public:
+    Tied(typename MetaOf<T>::Type const* meta, TreflectObject const* object)
+        : member_(meta, object) {}
+
+    T* member() { return &member_; }
+
+private:
+    T member_;
+};
+
+template <class T>
+TreflectMemberFactory<T>::~TreflectMemberFactory() = default;
+
+template <class T>
+T* TreflectMemberFactory<T>::getTied(TreflectObject const* object) const {
+    auto const* const meta = static_cast<typename MetaOf<T>::Type const*>(this);
+    auto* const tied = new Tied(meta, object);
+    OSWrap::SmartPointer<TreflectTieds::TiedBase> const owner(tied);
+    TreflectTieds::instance()->adoptTied(object, owner);
+    return tied->member();
+}
+
+template class TreflectMemberFactory<TreflectAttribute>;
+template class TreflectMemberFactory<TreflectOperation>;
+
+// ---- Their owner -------------------------------------------------------------------------------
+
+TreflectTieds::TiedBase::~TiedBase() = default;
+
+TreflectTieds* TreflectTieds::instance() {
+    static TreflectTieds* const tieds = new TreflectTieds;
+    return tieds;
+}
+
+TreflectTieds::~TreflectTieds() {
+    OSWrap::Lock<> const lock(mutex_);
+    tieds_.clear();
+}
+
+void TreflectTieds::adoptTied(TreflectObject const* object,
+                              OSWrap::SmartPointer<TiedBase> const& tied) {
+    OSWrap::Lock<> const lock(mutex_);
+    tieds_.emplace(object, tied);
+    count_.store(tieds_.size(), std::memory_order_relaxed);
+}
+
+// Destroyed after unlocking, since the end of an attribute may be that of another handle.
+void TreflectTieds::destroyTieds(TreflectObject const* object) {
+    if (count_.load(std::memory_order_relaxed) == 0)
+        return;
+    std::vector<OSWrap::SmartPointer<TiedBase>> ending;
+    OSWrap::Lock<> const lock(mutex_);
+    auto const range = tieds_.equal_range(object);
+    for (auto tied = range.first; tied != range.second; ++tied)
+        ending.push_back(tied->second);
+    tieds_.erase(range.first, range.second);
+    count_.store(tieds_.size(), std::memory_order_relaxed);
+}
+
+void TreflectTieds::print() {
+    std::size_t count = 0;
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        count = tieds_.size();
+    }
+    REFLECTORB_LOG(5, "REFLECT_memberFactory", "%lu tieds are registered",
+                   static_cast<unsigned long>(count));
+}

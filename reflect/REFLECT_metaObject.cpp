@@ -1,0 +1,144 @@
+#include "logging/Log.h"
+#include "reflect/InterfaceRepository.h"
+#include "reflect/TreflectMetaAttribute.h"
+#include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectMetaOperation.h"
+#include "reflect/TreflectORB.h"
+
+namespace {
+
+constexpr char kSource[] = "REFLECT_metaObject";
+
+}  // namespace
+
+TreflectMetaObject::TreflectMetaObject(std::string const& name, unsigned int classId)
+    : name_(name), classId_(classId) {
+    InterfaceRepository::instance()->registerInterface(this);
+}
+
+TreflectMetaObject::~TreflectMetaObject() {
+    InterfaceRepository::instance()->unregisterInterface(this);
+    for (auto const& attribute : attributes_)
+        delete attribute.second;
+    for (auto const& operation : operations_)
+        delete operation.second;
+}
+
+std::string const& TreflectMetaObject::name() const {
+    return name_;
+}
+
+bool TreflectMetaObject::isA(TreflectMetaObject const* other) const {
+    if (this == other)
+        return true;
+    for (TreflectMetaObject const* const parent : parents_) {
+        if (parent->isA(other))
+            return true;
+    }
+    return false;
+}
+
+TreflectMetaOperation const* TreflectMetaObject::metaOperation(std::string const& name) const {
+    TreflectMetaOperation const* const found = metaOperation_(name);
+    if (!found)
+        REFLECTORB_LOG(3, kSource,
+                       "TreflectMetaObject(%s)::metaOperation(%s) NOT found, returning 0",
+                       this->name().c_str(), name.c_str());
+    return found;
+}
+
+TreflectMetaOperation const* TreflectMetaObject::metaOperation_(std::string const& name) const {
+    if (auto const own = operations_.find(name); own != operations_.end())
+        return own->second;
+    for (TreflectMetaObject const* const parent : parents_) {
+        if (TreflectMetaOperation const* const found = parent->metaOperation_(name))
+            return found;
+    }
+    return nullptr;
+}
+
+// Asks the bases aloud: each class that was searched leaves its line.
+TreflectMetaAttribute const* TreflectMetaObject::metaAttribute(std::string const& name) const {
+    if (auto const own = attributes_.find(name); own != attributes_.end())
+        return own->second;
+    for (TreflectMetaObject const* const parent : parents_) {
+        if (TreflectMetaAttribute const* const found = parent->metaAttribute(name))
+            return found;
+    }
+    REFLECTORB_LOG(3, kSource, "TreflectMetaObject::metaAttribute(%s) NOT found, returning 0",
+                   name.c_str());
+    return nullptr;
+}
+
+void TreflectMetaObject::operationList(std::list<TreflectMetaOperation*>& out) const {
+    for (auto const& own : operations_)
+        out.push_back(own.second);
+    for (TreflectMetaObject const* const parent : parents_)
+        parent->operationList(out);
+}
+
+void TreflectMetaObject::attributeList(std::list<TreflectMetaAttribute*>& out) const {
+    for (auto const& own : attributes_)
+        out.push_back(own.second);
+    for (TreflectMetaObject const* const parent : parents_)
+        parent->attributeList(out);
+}
+
+bool TreflectMetaObject::registerParent(TreflectMetaObject* base) {
+    parents_.insert(base);
+    base->registerChild(this);
+    return true;
+}
+
+bool TreflectMetaObject::registerChild(TreflectMetaObject* derived) {
+    children_.insert(derived);
+    return true;
+}
+
+void TreflectMetaObject::registerOperation(TreflectMetaOperation* operation) {
+    operations_[operation->name()] = operation;
+}
+
+void TreflectMetaObject::registerAttribute(TreflectMetaAttribute* attribute) {
+    attributes_[attribute->name()] = attribute;
+}
+
+void TreflectMetaObject::completeMetaInformationHelper(MetaOpData const* operations,
+                                                       unsigned int operationCount,
+                                                       MetaAttrData const* attributes,
+                                                       unsigned int attributeCount) {
+    if (!operations || !attributes) {
+        REFLECTORB_LOG(3, kSource, "Invalid meta information for meta object \"%s\"",
+                       name().c_str());
+        return;
+    }
+    for (unsigned int i = 0; i < operationCount; ++i)
+        registerOperation(new TreflectMetaOperation(operations[i].name, this, operations[i].id));
+    for (unsigned int i = 0; i < attributeCount; ++i) {
+        std::string const attribute = attributes[i].name;
+        TreflectMetaOperation const* const get = metaOperation_("get" + attribute);
+        if (!get) {
+            REFLECTORB_LOG(3, kSource,
+                           "no get operation registered for attribute \"%s\" of class \"%s\"",
+                           attribute.c_str(), name().c_str());
+            return;
+        }
+        registerAttribute(
+            new TreflectMetaAttribute(attribute, this, get, metaOperation_("set" + attribute)));
+    }
+}
+
+bool TreflectMetaObject::observeCreations(TreflectObserver* observer, bool plusExisting) {
+    TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr;
+    return orb && orb->observeCreations(getClassId(), *observer, plusExisting);
+}
+
+bool TreflectMetaObject::observeDeletions(TreflectObserver* observer) {
+    TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr;
+    return orb && orb->observeDeletions(getClassId(), *observer);
+}
+
+void TreflectMetaObject::removeObserver(TreflectObserver* observer) {
+    if (TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr)
+        orb->removeObserver(getClassId(), *observer);
+}

@@ -1,0 +1,86 @@
+#include <vector>
+
+#include "reflect/TreflectObservable.h"
+
+/** The observers that a notification goes through: shares of their stubs, so that no registration
+ * that changes meanwhile, and no search for an observer, gets in between. */
+class TreflectObservable::Told {
+public:
+    Told(Observers const& observers, Key const& key) {
+        auto const range = observers.equal_range(key);
+        for (auto at = range.first; at != range.second; ++at) {
+            clients_.emplace_back(std::make_unique<TreflectObserverClient>());
+            clients_.back()->share_(at->second);
+        }
+    }
+
+    std::vector<std::unique_ptr<TreflectObserverClient>> const& clients() const { return clients_; }
+
+private:
+    std::vector<std::unique_ptr<TreflectObserverClient>> clients_;
+};
+
+TreflectObservable::Life::Life(TreflectObservable const& observable)
+    : living_([&] {
+          if (!observable.living_)
+              observable.living_ = std::make_shared<bool>(true);
+          return observable.living_;
+      }()) {}
+
+TreflectObservable::TreflectObservable() = default;
+
+TreflectObservable::~TreflectObservable() {
+    if (living_)
+        *living_ = false;
+}
+
+void TreflectObservable::registerObserver(unsigned int kind, unsigned int const& cc,
+                                          unsigned int const& mc,
+                                          TreflectObserverClient const& client) {
+    std::unique_ptr<Observers>& observers = kind == kBeforeCalls ? preObservers_ : postObservers_;
+    if (!observers)
+        observers = std::make_unique<Observers>();
+    observers->emplace(Key(cc, mc), TreflectObserverClient())->second.share_(client);
+}
+
+void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClient const& client) {
+    if (!observers)
+        return;
+    for (auto at = observers->begin(); at != observers->end(); ++at) {
+        if (at->second == client) {
+            observers->erase(at);
+            return;
+        }
+    }
+}
+
+void TreflectObservable::unRegisterObserver(TreflectObserverClient const& client) {
+    removeFirst(preObservers_.get(), client);
+    removeFirst(postObservers_.get(), client);
+}
+
+bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned int kind,
+                                         unsigned int const& cc, unsigned int const& mc,
+                                         TipprmiSequence<TipprmiAny, 0u> const& arguments) {
+    Observers const* const observers =
+        (kind == kBeforeCalls ? preObservers_ : postObservers_).get();
+    if (!observers)
+        return true;
+    Life const life(*this);
+    Told const told(*observers, {cc, mc});
+    bool agreed = true;
+    std::vector<TreflectObserverClient const*> unreached;
+    for (auto const& client : told.clients()) {
+        bool alive = false;
+        bool const answer = client->notify(source, cc, mc, arguments, alive);
+        if (!alive)
+            unreached.push_back(client.get());
+        else if (!answer)
+            agreed = false;
+    }
+    if (life.ended())
+        return false;
+    for (TreflectObserverClient const* const client : unreached)
+        unRegisterObserver(*client);
+    return agreed;
+}

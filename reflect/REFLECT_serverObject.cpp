@@ -1,0 +1,246 @@
+#include <cstring>
+#include <typeinfo>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+#include "reflect/BrokerLifecycle.h"
+#include "reflect/StandardMethods.h"
+#include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObjectHandler.h"
+#include "reflect/TreflectServerObject.h"
+
+TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject const* parent,
+                                           std::string const& name)
+    : TipprmiObjectSkeleton(nullptr, oid) {
+    TreflectHandlerState const handler(true);
+    keepName(name);
+    setReflective(this);
+    client_.reset();
+    if (parent) {
+        parent_ = *parent;
+        parent_.registerChild(name, *getClient());
+    }
+}
+
+// Out of the broker first, and handles of this process end: nobody is to call it while it waits for
+// its parent. The base's destructor does the same for the second time, which has no effect.
+TreflectServerObject::~TreflectServerObject() {
+    if (BrokerLifecycle::instance().isAbandoned())
+        return;
+    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    TreflectHandlerState const handler(true);
+    if (TreflectORB* const orb = getORB()) {
+        orb->unregisterObject(this);
+        orb->forgetObject_(*this);
+    }
+    TreflectObjectHandler::invalidateStubsOf(this);
+    if (parent_.isConnected())
+        parent_.unregisterChild(objectName());
+}
+
+void TreflectServerObject::keepName(std::string const& name) {
+    char* place = shortName_;
+    if (name.size() >= kShortNameSize) {
+        longName_ = std::make_unique<char[]>(name.size() + 1);
+        place = longName_.get();
+    }
+    std::memcpy(place, name.c_str(), name.size());
+}
+
+// ---- What every reflective object answers ------------------------------------------------------
+
+TreflectObject* TreflectServerObject::getClient() const {
+    TreflectHandlerState const handler(true);
+    if (!client_)
+        client_ = std::make_unique<TreflectObject>(this);
+    return static_cast<TreflectObject*>(client_.get());
+}
+
+TreflectObject TreflectServerObject::getParent() const {
+    return parent_;
+}
+
+// Copies that look for nothing: the permission is kept, so the children stay what they are.
+TreflectObject TreflectServerObject::getChild(std::string const& name) const {
+    TreflectObject found;
+    if (children_) {
+        if (auto const child = children_->find(name); child != children_->end())
+            found.share_(child->second);
+    }
+    return found;
+}
+
+TipprmiSequence<TreflectObject, 0u> TreflectServerObject::getChilds() const {
+    TipprmiSequence<TreflectObject, 0u> all;
+    if (!children_)
+        return all;
+    all.setLength(static_cast<unsigned int>(children_->size()));
+    unsigned int at = 0;
+    for (auto const& child : *children_)
+        all[at++].share_(child.second);
+    return all;
+}
+
+void TreflectServerObject::registerChild(std::string const& name, TreflectObject const& child) {
+    if (!children_)
+        children_ = std::make_unique<std::map<std::string, TreflectObject>>();
+    (*children_)[name].share_(child);
+}
+
+void TreflectServerObject::unregisterChild(std::string const& name) {
+    if (children_)
+        children_->erase(name);
+}
+
+std::string TreflectServerObject::getAbsName() const {
+    std::string const ofParent = parent_.isConnected() ? parent_.getAbsName() : std::string();
+    return ofParent + "/" + getRelName();
+}
+
+std::string TreflectServerObject::getRelName() const {
+    return objectName();
+}
+
+// A derived class answers for its ids, and none has been built or is left while this class's
+// constructor or destructor waits for the parent.
+TipprmiSequence<unsigned int, 0u> TreflectServerObject::getClassIds() const {
+    if (typeid(*this) == typeid(TreflectServerObject))
+        return {};
+    return getServerClassIdSeq();
+}
+
+// ---- Calls from other processes ----------------------------------------------------------------
+
+bool TreflectServerObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
+                                    TipprmiStream& in, TipprmiStream& out) {
+    return serveStandard(mc, in, out) ||
+           TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+}
+
+bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out) {
+    switch (mc) {
+        case standard::kRegisterObserver:
+            serveObserverRegistration(in, out);
+            return true;
+        case standard::kRemoveObserver:
+            serveObserverRemoval(in, out);
+            return true;
+        case standard::kGetAbsName:
+            prepareResponseStream_(out);
+            out << getAbsName();
+            return true;
+        case standard::kGetRelName:
+            prepareResponseStream_(out);
+            out << getRelName();
+            return true;
+        case standard::kGetParent:
+            prepareResponseStream_(out);
+            out << getParent();
+            return true;
+        case standard::kGetChild: {
+            std::string name;
+            in >> name;
+            TreflectObject const child = getChild(name);
+            prepareResponseStream_(out);
+            out << child;
+            return true;
+        }
+        case standard::kGetChilds:
+            prepareResponseStream_(out);
+            out << getChilds();
+            return true;
+        case standard::kRegisterChild:
+            serveChildRegistration(in, out);
+            return true;
+        case standard::kUnregisterChild: {
+            std::string name;
+            in >> name;
+            unregisterChild(name);
+            prepareResponseStream_(out);
+            return true;
+        }
+        case standard::kGetClassIds:
+            prepareResponseStream_(out);
+            out << getClassIds();
+            return true;
+        default:
+            return false;
+    }
+}
+
+void TreflectServerObject::serveObserverRegistration(TipprmiStream& in, TipprmiStream& out) {
+    unsigned int kind = 0;
+    unsigned int cc = 0;
+    unsigned int mc = 0;
+    TreflectObserverClient observer;
+    in >> kind >> cc >> mc >> observer;
+    registerObserver(kind, cc, mc, observer);
+    prepareResponseStream_(out);
+}
+
+void TreflectServerObject::serveObserverRemoval(TipprmiStream& in, TipprmiStream& out) {
+    TreflectObserverClient observer;
+    in >> observer;
+    unRegisterObserver(observer);
+    prepareResponseStream_(out);
+}
+
+void TreflectServerObject::serveChildRegistration(TipprmiStream& in, TipprmiStream& out) {
+    std::string name;
+    TreflectObject child;
+    in >> name >> child;
+    registerChild(name, child);
+    prepareResponseStream_(out);
+}
+
+bool TreflectServerObject::concerns(unsigned int cc, unsigned int declaring) const {
+    if (cc == declaring)
+        return true;
+    TipprmiSequence<unsigned int, 0u> const ids = getClassIds();
+    for (unsigned int i = 0; i < ids.getLength(); ++i) {
+        if (ids[i] == cc)
+            return true;
+    }
+    return false;
+}
+
+bool TreflectServerObject::refuseForeignCall(unsigned int mc, TipprmiStream& in,
+                                             TipprmiStream& out) {
+    return TipprmiObjectSkeleton::dispatch(true, 0, mc, in, out);
+}
+
+// ---- Observers ---------------------------------------------------------------------------------
+
+// The observers get a handle of the call's own: this object may be destroyed while one is waited
+// for.
+bool TreflectServerObject::notifyObservers(unsigned int kind, unsigned int const& cc,
+                                           unsigned int const& mc,
+                                           TipprmiSequence<TipprmiAny, 0u> const& arguments) {
+    TreflectObject const source(*getClient());
+    return TreflectObservable::notifyObservers(source, kind, cc, mc, arguments);
+}
+
+void TreflectServerObject::sendCreationEvent(TreflectMetaObject const* metaObject) const {
+    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    TreflectHandlerState const handler(true);
+    TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
+    if (!mo)
+        REFLECTORB_LOG(3, "REFLECT_serverObject",
+                       "TreflectServerObject::sendCreationEvent(): no meta object");
+    else if (TreflectORB* const orb = getORB())
+        orb->notifyCreation(mo->getClassId(), *this);
+}
+
+// The line of its counterpart, which is what those who search logs for it expect.
+void TreflectServerObject::sendDeletionEvent(TreflectMetaObject const* metaObject) const {
+    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    TreflectHandlerState const handler(true);
+    TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
+    if (!mo)
+        REFLECTORB_LOG(3, "REFLECT_serverObject",
+                       "TreflectServerObject::sendCreationEvent(): no meta object");
+    else if (TreflectORB* const orb = getORB())
+        orb->notifyDeletion(mo->getClassId(), *this);
+}

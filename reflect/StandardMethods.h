@@ -1,0 +1,18 @@
+#pragma once
+
+/** Method codes that every reflective object serves; their class code is 0. */
+namespace standard {
+
+constexpr unsigned int kClass = 0;
+constexpr unsigned int kRegisterObserver = 1000;
+constexpr unsigned int kRemoveObserver = 1001;
+constexpr unsigned int kGetAbsName = 1100;
+constexpr unsigned int kGetRelName = 1101;
+constexpr unsigned int kGetParent = 1103;
+constexpr unsigned int kGetChild = 1104;
+constexpr unsigned int kGetChilds = 1105;
+constexpr unsigned int kRegisterChild = 1106;
+constexpr unsigned int kUnregisterChild = 1107;
+constexpr unsigned int kGetClassIds = 1108;
+
+}  // namespace standard
