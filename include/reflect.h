@@ -24,6 +24,7 @@
 #include "reflect/TreflectObserverSkeleton.h"
 #include "reflect/TreflectOperation.h"
 #include "reflect/TreflectOrbId.h"
+#include "reflect/TreflectOrbObserverIf.h"
 #include "reflect/TreflectParameters.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/TreflectTieds.h"

@@ -22,7 +22,8 @@
  *  2. The deleting thread gives up the run permission, all levels of it, until the end.
  * Then for one after the other:
  *  3. Stop the termination.
- *  4. Close and empty the message queue, wait for the workers (but for oneself).
+ *  4. Close and empty the message queue, wait for the workers (but for oneself); end the thread
+ *     that tells of other brokers (but not from within it).
  *  5. Wait until nobody is inside a call.
  *  6. Under the run permission, tell the server objects that they have no broker any more, and take
  *     the broker out of the table.

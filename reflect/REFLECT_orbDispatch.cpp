@@ -11,6 +11,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Thread.h"
+#include "reflect/InterfaceRepository.h"
 #include "reflect/OngoingRequest.h"
 #include "reflect/ReflectWorker.h"
 #include "reflect/TreflectOrbParts.h"
@@ -68,6 +69,14 @@ public:
 private:
     MessageQueue& queue_;
 };
+
+/** All classes that this process knows, whether it has objects of them or not. */
+TipprmiSequence<unsigned int, 0u> knownClasses() {
+    TipprmiSequence<unsigned int, 0u> ids;
+    for (unsigned int const id : InterfaceRepository::instance()->getIfIds())
+        ids.push_back(id);
+    return ids;
+}
 
 /** Results appear in log lines as 1 or 0. */
 int asFlag(int result) {
@@ -153,6 +162,12 @@ public:
 private:
     void serveResolve();
     void serveCall();
+    void serveNotice();
+    void serveCreationSubscription();
+    void serveDeletionSubscription();
+    void serveCancellation();
+    bool isReadable(unsigned int classId) const;
+    void answer(TipprmiStream& response);
     int callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
     int callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
     void answerCall(TipprmiStream& response, int result);
@@ -178,6 +193,20 @@ void TreflectORB::IncomingMessage::serve() {
         case TreflectMessage::tPayload:
             serveCall();
             break;
+        case TreflectMessage::tOCN:
+        case TreflectMessage::tODN:
+            serveNotice();
+            break;
+        case TreflectMessage::tOCNSubscribe:
+            serveCreationSubscription();
+            break;
+        case TreflectMessage::tODNSubscribe:
+            serveDeletionSubscription();
+            break;
+        case TreflectMessage::tOCNUnsubscribe:
+        case TreflectMessage::tODNUnsubscribe:
+            serveCancellation();
+            break;
         default:
             REFLECTORB_LOG(3, "REFLECT_orb",
                            "ORB 0x%08X received request of unknown type (rorg=%X, rdes=%X)",
@@ -194,6 +223,65 @@ void TreflectORB::IncomingMessage::serveResolve() {
     if (int const sent = send(response); sent != 1)
         REFLECTORB_LOG(3, "REFLECT_orb", "Sending resolve response message failed rc=%d",
                        asFlag(sent));
+}
+
+void TreflectORB::IncomingMessage::serveNotice() {
+    unsigned int classId = 0;
+    TreflectObject object;
+    request_ >> classId >> object;
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    if (isReadable(classId)) {
+        if (message_.type() == TreflectMessage::tOCN)
+            orb_.gotCreation(classId, object);
+        else
+            orb_.gotDeletion(classId, object);
+    }
+    giveBackFurtherLevels();
+    answer(response);
+}
+
+void TreflectORB::IncomingMessage::serveCreationSubscription() {
+    unsigned int classId = 0;
+    bool plusExisting = false;
+    request_ >> classId >> plusExisting;
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiSequence<TreflectObject, 0u> existing;
+    if (isReadable(classId))
+        orb_.addRemoteCreationObserver(classId, orb_.convertId(message_.originator()),
+                                       plusExisting ? &existing : nullptr);
+    response << existing << knownClasses();
+    answer(response);
+}
+
+void TreflectORB::IncomingMessage::serveDeletionSubscription() {
+    unsigned int classId = 0;
+    request_ >> classId;
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    if (isReadable(classId))
+        orb_.addRemoteDeletionObserver(classId, orb_.convertId(message_.originator()));
+    response << knownClasses();
+    answer(response);
+}
+
+void TreflectORB::IncomingMessage::serveCancellation() {
+    unsigned int classId = 0;
+    request_ >> classId;
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    if (isReadable(classId))
+        orb_.removeRemoteObserver(classId, orb_.convertId(message_.originator()));
+    answer(response);
+}
+
+/** Whether a message about a class was complete; one that was not is answered and ignored. */
+bool TreflectORB::IncomingMessage::isReadable(unsigned int classId) const {
+    if (request_.hasUnmarshallingFailed())
+        request_.printUnmarshallError(classId, message_.type());
+    return !request_.hasUnmarshallingFailed();
+}
+
+void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {
+    if (int const sent = send(response); sent != 1)
+        REFLECTORB_LOG(3, "REFLECT_orb", "Sending response message failed rc=%d", asFlag(sent));
 }
 
 void TreflectORB::IncomingMessage::serveCall() {
@@ -254,8 +342,7 @@ void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int resul
     }
     if (!transaction_)
         return;
-    if (int const sent = send(response); sent != 1)
-        REFLECTORB_LOG(3, "REFLECT_orb", "Sending response message failed rc=%d", asFlag(sent));
+    answer(response);
 }
 
 int TreflectORB::IncomingMessage::send(TipprmiStream& response) {

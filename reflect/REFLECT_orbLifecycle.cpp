@@ -9,6 +9,7 @@
 #include "oswrap/ConditionVar.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
+#include "reflect/AllLevelsReleased.h"
 #include "reflect/BrokerLifecycle.h"
 #include "reflect/ReflectWorker.h"
 #include "reflect/TreflectOrbParts.h"
@@ -20,25 +21,6 @@ using LifecycleLock = OSWrap::Lock<OSWrap::ConditionVar>;
 constexpr unsigned long kStartPause = 100'000'000;  // ns, until the others know of a new broker
 constexpr OSWrap::TimeSpec kPatienceAtExit{1, 0};
 constexpr std::size_t kStackSize = 65536;
-
-/** Gives up the run permission, all levels of it, for a scope. */
-class AllLevelsReleased {
-public:
-    AllLevelsReleased()
-        : levels_(TreflectORB::hasRunPermission() ? TreflectORB::getRunPermissionCount() : 0) {
-        for (unsigned long i = 0; i < levels_; ++i)
-            TreflectORB::releaseRunPermission();
-    }
-    ~AllLevelsReleased() {
-        for (unsigned long i = 0; i < levels_; ++i)
-            TreflectORB::getRunPermission();
-    }
-    AllLevelsReleased(AllLevelsReleased const&) = delete;
-    AllLevelsReleased& operator=(AllLevelsReleased const&) = delete;
-
-private:
-    unsigned long const levels_;
-};
 
 /** Deletes the brokers when the process ends by return from main or by exit. */
 struct SingletonInstancesRemover {
@@ -193,6 +175,7 @@ std::shared_ptr<TreflectORB> BrokerLifecycle::create(NamespaceId ns) {
     if (!orb)
         return nullptr;
     orb->parts_->self = orb;
+    TreflectOrbObserver::startWorker(orb->parts_->presence);
     if (orb->start() != 1)
         REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
     OSWrap::Thread::sleep(0, kStartPause);
@@ -283,6 +266,9 @@ void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB
         return;
     orb.parts_->messageQueue.close();
     orb.parts_->messageQueue.waitForWorkers(&orb == served ? 1 : 0);
+    if (!pace.goOn())
+        return;
+    orb.parts_->presence->stopWorker();
     if (!pace.goOn())
         return;
     orb.parts_->calls.waitUntilEmpty();

@@ -1,115 +1,310 @@
-// Who is told when objects of a class are created and deleted.
+// The subscriber's side: observers of this process, and the brokers they are subscribed at.
 #include <algorithm>
 #include <set>
 
 #include "handler_threads/TreflectHandlerState.h"
-#include "handler_threads/TreflectRestoreHandlerState.h"
+#include "logging/Log.h"
+#include "oswrap/Lock.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/TreflectOrbParts.h"
+#include "transport/TransportLayer.h"
 
 namespace {
 
-void tellOne(TreflectObserver& observer, TreflectObject const& object) {
-    observer.setSource(&object);
-    TreflectRestoreHandlerState const restored;
-    observer.update();
+constexpr unsigned int kRequestSize = 100;
+constexpr unsigned int kResponseSize = 104;
+
+void erase(std::vector<TreflectObserver*>& observers, TreflectObserver const& observer) {
+    observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
 }
 
-void erase(std::vector<TreflectObserver*>& observers, TreflectObserver const* observer) {
-    observers.erase(std::remove(observers.begin(), observers.end(), observer), observers.end());
+bool contains(std::vector<unsigned int> const& ids, unsigned int id) {
+    return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
 }  // namespace
 
-// ---- Observers of this process -----------------------------------------------------------------
+TreflectORB::MetaData& TreflectORB::getMetaData(unsigned int classId) const {
+    return parts_->classes[classId];
+}
 
-// A callback may change the lists, so each walk begins anew after one.
-void TreflectORB::tell_(unsigned int classId, Observers ClassRecord::*observers,
+// ---- Telling observers of this process ---------------------------------------------------------
+
+/** The first observer of a class that is not among those told already, or null. */
+TreflectObserver* TreflectORB::nextObserver_(unsigned int classId, Observers MetaData::*observers,
+                                             std::set<TreflectObserver*> const& told) const {
+    auto const record = parts_->classes.find(classId);
+    if (record == parts_->classes.end())
+        return nullptr;
+    for (TreflectObserver* const observer : record->second.*observers) {
+        if (told.count(observer) == 0)
+            return observer;
+    }
+    return nullptr;
+}
+
+// A callback may change the list, so it is walked anew after each.
+void TreflectORB::tell_(unsigned int classId, Observers MetaData::*observers,
                         TreflectObject const& object) {
-    TreflectHandlerState const handlerState(true);
     std::set<TreflectObserver*> told;
-    for (;;) {
-        Observers const& list = parts_->classes[classId].*observers;
-        auto const next = std::find_if(list.begin(), list.end(), [&](TreflectObserver* observer) {
-            return told.count(observer) == 0;
-        });
-        if (next == list.end())
-            return;
-        TreflectObserver& observer = **next;
-        told.insert(&observer);
-        tellOne(observer, object);
+    while (TreflectObserver* const observer = nextObserver_(classId, observers, told)) {
+        told.insert(observer);
+        tellOne_(*observer, object);
     }
 }
 
 void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const& object) {
-    tell_(classId, &ClassRecord::creationObservers, object);
+    TreflectHandlerState const handlerState(true);
+    if (auto const record = parts_->classes.find(classId); record != parts_->classes.end()) {
+        for (Registration* const registration : record->second.creationRegistrations)
+            registration->keep(object);
+    }
+    tell_(classId, &MetaData::creationObservers, object);
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
-    tell_(classId, &ClassRecord::deletionObservers, object);
+    TreflectHandlerState const handlerState(true);
+    if (auto const record = parts_->classes.find(classId); record != parts_->classes.end()) {
+        for (Registration* const registration : record->second.creationRegistrations)
+            registration->dropKept(object);
+        for (Registration* const registration : record->second.deletionRegistrations)
+            registration->keep(object);
+    }
+    tell_(classId, &MetaData::deletionObservers, object);
 }
+
+// ---- Observers come and go ---------------------------------------------------------------------
 
 bool TreflectORB::observeCreations(unsigned int const& classId, TreflectObserver& observer,
                                    bool plusExisting) {
     TreflectHandlerState const handlerState(true);
-    std::set<TreflectServerObject const*> told;
-    for (bool more = plusExisting; more;) {
-        std::set<TreflectServerObject const*> const& objects = parts_->classes[classId].objects;
-        auto const next = std::find_if(
-            objects.begin(), objects.end(),
-            [&](TreflectServerObject const* object) { return told.count(object) == 0; });
-        more = next != objects.end();
-        if (more) {
-            told.insert(*next);
-            TreflectObject const object(*(*next)->getClient());
-            tellOne(observer, object);
-        }
+    MetaData& record = getMetaData(classId);
+    Registration registration(record.creationRegistrations, observer);
+    if (plusExisting)
+        tellExisting_(record, registration);
+    std::vector<TreflectObject> remoteExisting;
+    if (record.creationObservers.empty() || plusExisting) {
+        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        registerForOCN(classId, plusExisting ? &remoteExisting : nullptr, nullptr);
     }
-    parts_->classes[classId].creationObservers.push_back(&observer);
+    for (TreflectObject const& object : remoteExisting)
+        registration.tell(object);
+    registration.enter(record.creationObservers);
+    if (!registration.ended() && !parts_->missedCreations.empty())
+        parts_->missedCreations.notify(classId, observer, plusExisting);
     return true;
+}
+
+/** Goes on behind the last object it told of: others that are created meanwhile are kept for the
+ * observer, wherever they stand. */
+void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
+    TreflectServerObject const* last = nullptr;
+    for (;;) {
+        auto const next = record.objects.upper_bound(last);
+        if (next == record.objects.end() || registration.ended())
+            return;
+        last = *next;
+        TreflectObject object;
+        object.share_(*last->getClient());
+        registration.tell(object);
+    }
 }
 
 bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
     TreflectHandlerState const handlerState(true);
-    parts_->classes[classId].deletionObservers.push_back(&observer);
+    MetaData& record = getMetaData(classId);
+    Registration registration(record.deletionRegistrations, observer);
+    if (record.deletionObservers.empty()) {
+        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        registerForODN(classId, nullptr);
+    }
+    registration.enter(record.deletionObservers);
+    if (!registration.ended() && !parts_->missedDeletions.empty())
+        parts_->missedDeletions.notify(classId, observer, false);
     return true;
 }
 
 void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& observer) {
     TreflectHandlerState const handlerState(true);
-    ClassRecord& record = parts_->classes[classId];
-    erase(record.creationObservers, &observer);
-    erase(record.deletionObservers, &observer);
+    MetaData& record = getMetaData(classId);
+    erase(record.creationObservers, observer);
+    for (Registration* const registration : record.creationRegistrations) {
+        if (registration->isOf(observer))
+            registration->end();
+    }
+    if (isUnobserved_(record.creationObservers, record.creationRegistrations)) {
+        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        if (isUnobserved_(record.creationObservers, record.creationRegistrations))
+            unregisterFromOCN(classId);
+    }
+    erase(record.deletionObservers, observer);
+    for (Registration* const registration : record.deletionRegistrations) {
+        if (registration->isOf(observer))
+            registration->end();
+    }
+    if (isUnobserved_(record.deletionObservers, record.deletionRegistrations)) {
+        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        if (isUnobserved_(record.deletionObservers, record.deletionRegistrations))
+            unregisterFromODN(classId);
+    }
 }
 
-// ---- Objects of this process -------------------------------------------------------------------
-
-bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
-    checkHandlerState();
-    parts_->classes[classId].objects.insert(&object);
-    gotCreation(classId, *object.getClient());
-    return true;
-}
-
-bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
-    gotDeletion(classId, *object.getClient());
-    parts_->classes[classId].objects.erase(&object);
-    return true;
-}
-
-void TreflectORB::forgetObject_(TreflectServerObject const& object) {
-    for (auto& entry : parts_->classes)
-        entry.second.objects.erase(&object);
+bool TreflectORB::isUnobserved_(Observers const& observers,
+                                std::list<Registration*> const& underWay) {
+    return observers.empty() &&
+           std::all_of(underWay.begin(), underWay.end(),
+                       [](Registration const* registration) { return registration->ended(); });
 }
 
 void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
     for (auto const& instance : singletonInstances_) {
-        TreflectORB* const orb = instance.load(std::memory_order_acquire);
+        TreflectORB const* const orb = instance.load(std::memory_order_acquire);
         if (!orb)
             continue;
         for (auto& entry : orb->parts_->classes) {
-            erase(entry.second.creationObservers, &observer);
-            erase(entry.second.deletionObservers, &observer);
+            MetaData& record = entry.second;
+            erase(record.creationObservers, observer);
+            erase(record.deletionObservers, observer);
+            for (auto* const underWay :
+                 {&record.creationRegistrations, &record.deletionRegistrations}) {
+                for (Registration* const registration : *underWay) {
+                    if (registration->isOf(observer))
+                        registration->end();
+                }
+            }
         }
     }
+}
+
+// ---- Subscriptions at other brokers ------------------------------------------------------------
+
+/** Whom a message about a class goes to, oneself included. */
+std::list<Transport::TerminationId> TreflectORB::group_() const {
+    return Transport::TransportLayer::instance().getGroup(termId().groupId()).contains();
+}
+
+bool TreflectORB::mayServe_(Transport::TerminationId const& target, unsigned int classId) const {
+    auto const known = parts_->knownOrbClasses.find(target);
+    return known == parts_->knownOrbClasses.end() || contains(known->second, classId);
+}
+
+void TreflectORB::learnClasses_(Transport::TerminationId const& target, TipprmiStream& response) {
+    if (parts_->knownOrbClasses.count(target) != 0)
+        return;
+    TipprmiSequence<unsigned int, 0u> ids;
+    response >> ids;
+    // One that has gone while it answered has been forgotten already.
+    if (response.hasUnmarshallingFailed() || !Transport::TransportLayer::instance().exists(target))
+        return;
+    std::vector<unsigned int>& known = parts_->knownOrbClasses[target];
+    for (unsigned int i = 0; i < ids.getLength(); ++i)
+        known.push_back(ids[i]);
+}
+
+void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObject>* existing,
+                                 TreflectOrbId const* only) {
+    if (existing)
+        existing->clear();
+    std::list<Transport::TerminationId> targets;
+    if (only)
+        targets.push_back(convertId(*only));
+    else
+        parts_->missedCreations.start(targets = group_());
+    for (Transport::TerminationId const& target : targets) {
+        if (target == termId() || !mayServe_(target, classId))
+            continue;
+        TipprmiStream request(allocateRequest(kRequestSize), true);
+        request.msg().type(TreflectMessage::tOCNSubscribe);
+        request << classId << (existing != nullptr);
+        TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
+        if (!forwardMsg_(target, true, request.msg(), response))
+            continue;
+        TipprmiSequence<TreflectObject, 0u> objects;
+        response >> objects;
+        for (unsigned int i = 0; existing && i < objects.getLength(); ++i)
+            existing->push_back(objects[i]);
+        learnClasses_(target, response);
+    }
+}
+
+void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only) {
+    std::list<Transport::TerminationId> targets;
+    if (only)
+        targets.push_back(convertId(*only));
+    else
+        parts_->missedDeletions.start(targets = group_());
+    for (Transport::TerminationId const& target : targets) {
+        if (target == termId() || !mayServe_(target, classId))
+            continue;
+        TipprmiStream response(allocateResponse(allocateRequest(0), kResponseSize), true);
+        if (sendClassId_(TreflectMessage::tODNSubscribe, classId, target, response))
+            learnClasses_(target, response);
+    }
+}
+
+void TreflectORB::unregisterFromOCN(unsigned int classId) {
+    cancel_(TreflectMessage::tOCNUnsubscribe, classId);
+}
+
+void TreflectORB::unregisterFromODN(unsigned int classId) {
+    cancel_(TreflectMessage::tODNUnsubscribe, classId);
+}
+
+void TreflectORB::cancel_(TreflectMessage::type_t type, unsigned int classId) {
+    for (Transport::TerminationId const& member : group_()) {
+        if (member == termId())
+            continue;
+        TipprmiStream response(allocateResponse(allocateRequest(0), kResponseSize), true);
+        if (!sendClassId_(type, classId, member, response))
+            REFLECTORB_LOG(3, "REFLECT_orb", "could not unregister from 0x%X", member.value());
+    }
+}
+
+bool TreflectORB::sendClassId_(TreflectMessage::type_t type, unsigned int classId,
+                               Transport::TerminationId const& target, TipprmiStream& response) {
+    TipprmiStream request(allocateRequest(kRequestSize), true);
+    request.msg().type(type);
+    request << classId;
+    return forwardMsg_(target, true, request.msg(), response);
+}
+
+// ---- Brokers come up ---------------------------------------------------------------------------
+
+void TreflectORB::catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
+                           TreflectOrbId const& id) {
+    Registration registration(getMetaData(classId).creationRegistrations, observer);
+    registration.stopKeeping();
+    std::vector<TreflectObject> existing;
+    registerForOCN(classId, plusExisting ? &existing : nullptr, &id);
+    for (TreflectObject const& object : existing)
+        registration.tell(object);
+}
+
+// Records are made at any time and never go, so the walk goes on behind the last id.
+void TreflectORB::orbAppeared(TreflectOrbId const& id) {
+    TreflectHandlerState const handlerState(true);
+    parts_->missedCreations.add(id);
+    parts_->missedDeletions.add(id);
+    std::set<unsigned int> handled;
+    for (;;) {
+        auto const next =
+            std::find_if(parts_->classes.begin(), parts_->classes.end(),
+                         [&](auto const& entry) { return handled.count(entry.first) == 0; });
+        if (next == parts_->classes.end())
+            return;
+        handled.insert(next->first);
+        catchUpClass_(next->first, id);
+    }
+}
+
+void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
+    MetaData const& record = getMetaData(classId);
+    if (!record.creationObservers.empty()) {
+        std::vector<TreflectObject> existing;
+        registerForOCN(classId, &existing, &id);
+        for (TreflectObject const& object : existing)
+            gotCreation(classId, object);
+    }
+    if (!record.deletionObservers.empty())
+        registerForODN(classId, &id);
 }

@@ -1,17 +1,50 @@
 // What a broker does when other brokers come and go.
 #include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/TreflectReleaseHandlerState.h"
 #include "reflect/OngoingRequest.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectOrbParts.h"
 
-void TreflectORB::appeared(Transport::Termination&) {}
+void TreflectORB::appeared(Transport::Termination& termination) {
+    TreflectOrbId const id = convertId(termination.termId());
+    if (id.namespaceId() == orbId_.namespaceId() && id != orbId_) {
+        TreflectHandlerState const handlerState(true);
+        orbAppeared(id);
+    }
+    TreflectReleaseHandlerState const released;
+    parts_->presence->notify(termination.termId(), TreflectOrbObserverIf::kAppear);
+}
 
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
     {
         TreflectHandlerState const handlerState(true);
-        TreflectObjectHandler::getInstance()->invalidateStubs(convertId(gone));
+        TreflectOrbId const id = convertId(gone);
+        TreflectObjectHandler::getInstance()->invalidateStubs(id);
+        parts_->knownOrbClasses.erase(gone);
+        parts_->missedCreations.forget(id);
+        parts_->missedDeletions.forget(id);
+        forgetSubscriber_(id);
+    }
+    {
+        TreflectReleaseHandlerState const released;
+        parts_->presence->notify(gone, TreflectOrbObserverIf::kDisappear);
     }
     for (OngoingRequest* const record : parts_->ongoingRequests_.takeAllOf(gone))
         record->reset(OngoingRequest::disconnected(), gone);
+}
+
+bool TreflectORB::registerOrbCreation(TreflectOrbObserverIf* observer, bool notifyExisting) {
+    TreflectReleaseHandlerState const released;
+    return parts_->presence->subscribe(observer, TreflectOrbObserverIf::kAppear, notifyExisting);
+}
+
+bool TreflectORB::registerOrbDeletion(TreflectOrbObserverIf* observer) {
+    TreflectReleaseHandlerState const released;
+    return parts_->presence->subscribe(observer, TreflectOrbObserverIf::kDisappear, false);
+}
+
+void TreflectORB::unregisterOrbNotifications(TreflectOrbObserverIf* observer) {
+    TreflectReleaseHandlerState const released;
+    parts_->presence->unsubscribe(observer);
 }

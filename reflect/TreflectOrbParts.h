@@ -5,12 +5,14 @@
 #include <memory>
 
 #include "reflect/CallGate.h"
-#include "reflect/ClassRecord.h"
 #include "reflect/MessageQueue.h"
+#include "reflect/MetaData.h"
 #include "reflect/ObjectRegistry.h"
 #include "reflect/PerformanceCounters.h"
 #include "reflect/RequestTable.h"
+#include "reflect/TreflectMissedOrbs.h"
 #include "reflect/TreflectORB.h"
+#include "reflect/TreflectOrbObserver.h"
 
 /** What a broker is made of. Each part guards itself, or is guarded by the run permission. */
 struct TreflectORB::Parts {
@@ -22,7 +24,12 @@ struct TreflectORB::Parts {
     ObjectRegistry objects;        // guarded by the run permission
     PerformanceCounters counters;  // guarded by the run permission
     /// By class id. Guarded by the run permission.
-    std::map<unsigned int, ClassRecord> classes;
+    std::map<unsigned int, MetaData> classes;
+    /// The classes that other brokers have told they know. Guarded by the run permission.
+    std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses;
+    TreflectMissedOrbs missedCreations{true};
+    TreflectMissedOrbs missedDeletions{false};
+    std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};
     /** For the workers, which keep their broker alive. Set before the first of them. */

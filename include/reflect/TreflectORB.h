@@ -2,11 +2,14 @@
 
 #include <array>
 #include <atomic>
+#include <list>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "handler_threads/TreflectRunPermission.h"
 #include "ipprmi/TipprmiOID.h"
+#include "ipprmi/TipprmiSequence.h"
 #include "ipprmi/TipprmiStream.h"
 #include "reflect/NamespaceId.h"
 #include "reflect/TreflectMessage.h"
@@ -17,6 +20,7 @@
 class TipprmiObjectSkeleton;
 class TreflectObject;
 class TreflectObserver;
+class TreflectOrbObserverIf;
 class TreflectServerObject;
 
 /**
@@ -56,8 +60,8 @@ public:
     bool receive(Transport::AddressedMessage const& message) override;
     /** A message of this broker could not be delivered: its caller is told. */
     bool receiveError(Transport::AddressedMessage const& message) override;
-    /** A broker came up. Nothing depends on it yet: whoever looks for an object asks the brokers
-     * that are there. */
+    /** A broker came up: what is observed here is observed there too. Called on a thread of the
+     * transport that may wait for the newcomer. */
     void appeared(Transport::Termination& termination) override;
     /** A broker has gone: handles on its objects become invalid, and calls to it end at once. */
     void disappeare(Transport::Termination& termination) override;
@@ -100,6 +104,17 @@ public:
     /** Tells the observers of the class that an object of it is there, or is about to go; true. */
     bool notifyCreation(unsigned int classId, TreflectServerObject const& object);
     bool notifyDeletion(unsigned int classId, TreflectServerObject const& object);
+
+    /**
+     * Has `observer` told of brokers of all namespaces that come up, or go away; registered for
+     * both it hears of both. `notifyExisting`: and now, on the calling thread, of those that are
+     * there. False for null. Not owned. Any thread; the run permission is given up meanwhile.
+     */
+    bool registerOrbCreation(TreflectOrbObserverIf* observer, bool notifyExisting);
+    bool registerOrbDeletion(TreflectOrbObserverIf* observer);
+    /** Ends both. When it returns the observer is not called any more; a notice that is being told
+     * is waited for, unless called from inside it. */
+    void unregisterOrbNotifications(TreflectOrbObserverIf* observer);
 
     TreflectOrbId orbId() const { return orbId_; }
     /** The transport's group of a namespace, by this unit's slot; 0 when it has none. */
@@ -144,9 +159,28 @@ public:
     /** Tell the observers of this process, each once. */
     void gotCreation(unsigned int const& classId, TreflectObject const& object);
     void gotDeletion(unsigned int const& classId, TreflectObject const& object);
-    /** A server object, or an observer, is being destroyed: it leaves the records of the classes,
-     * and nobody is told. With the run permission. */
-    void forgetObject_(TreflectServerObject const& object);
+    /** Subscribe at one broker, or at all of the group when `only` is null, but for those that are
+     * known not to have the class; `existing`, if given, becomes the objects that exist there. */
+    void registerForOCN(unsigned int classId, std::vector<TreflectObject>* existing,
+                        TreflectOrbId const* only);
+    void registerForODN(unsigned int classId, TreflectOrbId const* only);
+    /** Cancel at all brokers of the group. */
+    void unregisterFromOCN(unsigned int classId);
+    void unregisterFromODN(unsigned int classId);
+    /** What subscriptions and cancellations of other brokers do; `existing`, if given, becomes the
+     * objects that exist here. */
+    void addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,
+                                   TipprmiSequence<TreflectObject, 0u>* existing);
+    void addRemoteDeletionObserver(unsigned int const& classId, TreflectOrbId const& orb);
+    void removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb);
+    /** Subscribes at a broker that came up for all classes that are observed here. */
+    void orbAppeared(TreflectOrbId const& id);
+    /** Subscribes one observer at a broker that it has missed. */
+    void catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
+                  TreflectOrbId const& id);
+    /** A server object, or an observer, is being destroyed: it leaves the records of the classes
+     * in all brokers of this process, and nobody is told. With the run permission. */
+    static void forgetObject_(TreflectServerObject const& object);
     static void forgetObserver_(TreflectObserver const& observer);
     /** Starts one more worker, which the message queue has asked for. */
     void startReflectWorker();
@@ -174,10 +208,28 @@ private:
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
     void closeCalls_();
-    struct ClassRecord;
+
+    struct MetaData;
+    class Registration;
     using Observers = std::vector<TreflectObserver*>;
-    void tell_(unsigned int classId, Observers ClassRecord::*observers,
-               TreflectObject const& object);
+    /** The record of a class, made when first asked for. With the run permission, as the next. */
+    MetaData& getMetaData(unsigned int classId) const;
+    TreflectObserver* nextObserver_(unsigned int classId, Observers MetaData::*observers,
+                                    std::set<TreflectObserver*> const& told) const;
+    void tell_(unsigned int classId, Observers MetaData::*observers, TreflectObject const& object);
+    static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
+    static void tellExisting_(MetaData& record, Registration& registration);
+    static bool isUnobserved_(Observers const& observers, std::list<Registration*> const& underWay);
+    std::list<Transport::TerminationId> group_() const;
+    bool mayServe_(Transport::TerminationId const& target, unsigned int classId) const;
+    void learnClasses_(Transport::TerminationId const& target, TipprmiStream& response);
+    bool sendClassId_(TreflectMessage::type_t type, unsigned int classId,
+                      Transport::TerminationId const& target, TipprmiStream& response);
+    void cancel_(TreflectMessage::type_t type, unsigned int classId);
+    void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
+    void publish_(TreflectMessage::type_t type, unsigned int classId, TreflectObject const& object,
+                  std::set<TreflectOrbId>& subscribers);
+    void forgetSubscriber_(TreflectOrbId const& orb);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

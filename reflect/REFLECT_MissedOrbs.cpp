@@ -1,0 +1,53 @@
+#include <algorithm>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "oswrap/Lock.h"
+#include "reflect/TreflectMissedOrbs.h"
+#include "reflect/TreflectObject.h"
+
+void TreflectMissedOrbs::start(std::list<Transport::TerminationId>& members) {
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    OSWrap::Lock<> const lock(mutex_);
+    missed_.clear();
+    addressed_.clear();
+    for (Transport::TerminationId const& member : members)
+        addressed_.insert(orb ? orb->convertId(member) : TreflectOrbId());
+}
+
+void TreflectMissedOrbs::add(TreflectOrbId const& id) {
+    OSWrap::Lock<> const lock(mutex_);
+    bool const known =
+        addressed_.count(id) != 0 || std::find(missed_.begin(), missed_.end(), id) != missed_.end();
+    if (!known)
+        missed_.push_back(id);
+}
+
+void TreflectMissedOrbs::forget(TreflectOrbId const& id) {
+    OSWrap::Lock<> const lock(mutex_);
+    missed_.erase(std::remove(missed_.begin(), missed_.end(), id), missed_.end());
+    addressed_.erase(id);
+}
+
+bool TreflectMissedOrbs::empty() {
+    OSWrap::Lock<> const lock(mutex_);
+    return missed_.empty();
+}
+
+void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer,
+                                bool plusExisting) {
+    std::vector<TreflectOrbId> missed;
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        missed = missed_;
+    }
+    TreflectHandlerState const handlerState(true);
+    TreflectORB* const orb = TreflectORB::getInstance(NSID_UNIT);
+    if (!orb)
+        return;
+    for (TreflectOrbId const& id : missed) {
+        if (forCreations_)
+            orb->catchUp_(classId, observer, plusExisting, id);
+        else
+            orb->registerForODN(classId, &id);
+    }
+}

@@ -1,0 +1,217 @@
+#include <algorithm>
+#include <exception>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "logging/Log.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "reflect/AllLevelsReleased.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectOrbObserver.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+using Guard = OSWrap::Lock<OSWrap::ConditionVar>;
+
+constexpr char kSource[] = "REFLECT_OrbObserver";
+constexpr std::size_t kStackSize = 0x80000;
+
+}  // namespace
+
+TreflectOrbObserverIf::~TreflectOrbObserverIf() = default;
+
+// ---- The thread --------------------------------------------------------------------------------
+
+class TreflectOrbObserver::Worker : public OSWrap::Thread {
+public:
+    explicit Worker(std::shared_ptr<TreflectOrbObserver> shared)
+        : Thread("OrbObsWorker", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), kStackSize,
+                 true),
+          shared_(std::move(shared)) {}
+
+protected:
+    int run() override {
+        OSWrap::DisableCancelStateGuard const notCancelled(true);
+        shared_->handler();
+        return 0;
+    }
+
+private:
+    std::shared_ptr<TreflectOrbObserver> const shared_;
+};
+
+void TreflectOrbObserver::startWorker(std::shared_ptr<TreflectOrbObserver> const& self) {
+    auto* const worker = new Worker(self);
+    worker->deleteOnThreadTermination();
+    Guard const lock(self->observersMutex_);
+    if (worker->startQuietly() == 0) {
+        // Its own number is known to the thread alone, which needs this lock to tell.
+        while (self->worker_ == 0)
+            self->observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
+        return;
+    }
+    delete worker;
+}
+
+void TreflectOrbObserver::stopWorker() {
+    notify(Transport::TerminationId(), TreflectOrbObserverIf::kStop);
+    Guard const lock(observersMutex_);
+    while (worker_ != 0 && worker_ != OSWrap::Thread::getCurrentId())
+        observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+void TreflectOrbObserver::handler() {
+    {
+        Guard const lock(observersMutex_);
+        worker_ = OSWrap::Thread::getCurrentId();
+        observersMutex_.broadcast();
+    }
+    for (;;) {
+        OrbAppear_t next{};
+        do
+            appeared();
+        while (!getAppearance(next));
+        if (next.what == TreflectOrbObserverIf::kStop)
+            break;
+        tellAll(next);
+    }
+    Guard const lock(observersMutex_);
+    worker_ = 0;
+    observersMutex_.broadcast();
+}
+
+void TreflectOrbObserver::notify(Transport::TerminationId const& broker, Appear_t const& what) {
+    Guard const lock(appearanceSignal_);
+    appearances_.push_back({broker, what});
+    appearanceSignal_.signal();
+}
+
+void TreflectOrbObserver::appeared() {
+    Guard const lock(appearanceSignal_);
+    while (appearances_.empty())
+        appearanceSignal_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+bool TreflectOrbObserver::getAppearance(OrbAppear_t& next) {
+    Guard const lock(appearanceSignal_);
+    if (appearances_.empty())
+        return false;
+    next = appearances_.front();
+    appearances_.pop_front();
+    return true;
+}
+
+void TreflectOrbObserver::tellAll(OrbAppear_t const& appearance) {
+    Observers copy;
+    {
+        Guard const lock(observersMutex_);
+        copy = observers_;
+    }
+    for (OrbObserver_t const& record : copy) {
+        if (record.mask == appearance.what || record.mask == TreflectOrbObserverIf::kAll)
+            tell(record, appearance);
+    }
+}
+
+// What an observer throws ends here: the others are to hear of the broker too.
+void TreflectOrbObserver::tell(OrbObserver_t const& record, OrbAppear_t const& appearance) {
+    TreflectHandlerState const handlerState(true);
+    if (!begin(record))
+        return;
+    try {
+        record.observer->notify(appearance.broker, appearance.what);
+    } catch (std::exception const& error) {
+        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw %s", static_cast<void*>(record.observer),
+                       error.what());
+    } catch (...) {
+        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
+            throw;
+        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw", static_cast<void*>(record.observer));
+    }
+    end();
+}
+
+/** False when the observer has gone since the list was copied. */
+bool TreflectOrbObserver::begin(OrbObserver_t const& record) {
+    Guard const lock(observersMutex_);
+    if (obsFind(record.observer) == observers_.end())
+        return false;
+    running_ = record.observer;
+    return true;
+}
+
+void TreflectOrbObserver::end() {
+    Guard const lock(observersMutex_);
+    running_ = nullptr;
+    observersMutex_.broadcast();
+}
+
+// ---- The observers -----------------------------------------------------------------------------
+
+TreflectOrbObserver::Observers::iterator TreflectOrbObserver::obsFind(
+    TreflectOrbObserverIf const* observer) {
+    return std::find_if(observers_.begin(), observers_.end(),
+                        [&](OrbObserver_t const& record) { return record.observer == observer; });
+}
+
+bool TreflectOrbObserver::subscribe(TreflectOrbObserverIf* observer, Appear_t const& what,
+                                    bool notifyExisting) {
+    if (!observer)
+        return false;
+    {
+        Guard const lock(observersMutex_);
+        if (auto const listed = obsFind(observer); listed != observers_.end())
+            listed->mask = static_cast<Appear_t>(listed->mask | what);
+        else
+            observers_.push_back({observer, what});
+    }
+    if (notifyExisting && what == TreflectOrbObserverIf::kAppear)
+        notifyExistingOrbs(observer);
+    return true;
+}
+
+void TreflectOrbObserver::notifyExistingOrbs(TreflectOrbObserverIf* observer) {
+    TreflectHandlerState const handlerState(true);
+    for (Transport::TerminationId const& broker :
+         Transport::TransportLayer::instance().getTerminations())
+        observer->notify(broker, TreflectOrbObserverIf::kAppear);
+}
+
+void TreflectOrbObserver::unsubscribe(TreflectOrbObserverIf const* observer) {
+    AllLevelsReleased const permission;
+    Guard const lock(observersMutex_);
+    if (auto const listed = obsFind(observer); listed != observers_.end())
+        observers_.erase(listed);
+    while (running_ == observer && worker_ != OSWrap::Thread::getCurrentId())
+        observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+std::string TreflectOrbObserver::typeStr(Appear_t const& what) {
+    switch (what) {
+        case TreflectOrbObserverIf::kAppear:
+            return "Appear";
+        case TreflectOrbObserverIf::kDisappear:
+            return "Disappear";
+        case TreflectOrbObserverIf::kAll:
+            return "All";
+        default:
+            return "ERROR";
+    }
+}
+
+// Logged when the list is unlocked: a log sink may come back here.
+void TreflectOrbObserver::display() {
+    Observers copy;
+    {
+        Guard const lock(observersMutex_);
+        copy = observers_;
+    }
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    REFLECTORB_LOG(5, kSource, "ORB (termId=0x%X) has %lu observer registered:",
+                   orb ? orb->termId().value() : 0, static_cast<unsigned long>(copy.size()));
+    for (OrbObserver_t const& record : copy)
+        REFLECTORB_LOG(5, kSource, "   Observer 0x%p registered for %s",
+                       static_cast<void*>(record.observer), typeStr(record.mask).c_str());
+}

@@ -1,0 +1,90 @@
+// The publisher's side: objects of this process, and the brokers that subscribed here.
+#include "handler_threads/TreflectHandlerState.h"
+#include "reflect/TreflectOrbParts.h"
+#include "reflect/TreflectServerObject.h"
+
+namespace {
+
+constexpr unsigned int kRequestSize = 100;
+constexpr unsigned int kResponseSize = 104;
+
+}  // namespace
+
+bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
+    checkHandlerState();
+    // A handle of our own: the object may be destroyed while somebody is waited for.
+    TreflectObject handle;
+    handle.share_(*object.getClient());
+    MetaData& record = getMetaData(classId);
+    record.objects.insert(&object);
+    gotCreation(classId, handle);
+    publish_(TreflectMessage::tOCN, classId, handle, record.remoteCreationObservers);
+    return true;
+}
+
+bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
+    TreflectObject handle;
+    handle.share_(*object.getClient());
+    MetaData& record = getMetaData(classId);
+    gotDeletion(classId, handle);
+    publish_(TreflectMessage::tODN, classId, handle, record.remoteDeletionObservers);
+    record.objects.erase(&object);
+    return true;
+}
+
+/** Tells the subscribers one after the other. One that is not reached has to subscribe again. */
+void TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
+                           TreflectObject const& object, std::set<TreflectOrbId>& subscribers) {
+    std::set<TreflectOrbId> const told = subscribers;
+    std::vector<TreflectOrbId> unreached;
+    for (TreflectOrbId const& subscriber : told) {
+        TipprmiStream request(allocateRequest(kRequestSize), true);
+        request.msg().type(type);
+        request << classId << static_cast<TipprmiObjectClient const&>(object);
+        TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
+        if (!forwardMsg_(convertId(subscriber), true, request.msg(), response))
+            unreached.push_back(subscriber);
+    }
+    for (TreflectOrbId const& subscriber : unreached)
+        subscribers.erase(subscriber);
+}
+
+void TreflectORB::addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,
+                                            TipprmiSequence<TreflectObject, 0u>* existing) {
+    MetaData& record = getMetaData(classId);
+    record.remoteCreationObservers.insert(orb);
+    if (!existing)
+        return;
+    existing->setLength(static_cast<unsigned int>(record.objects.size()));
+    unsigned int at = 0;
+    for (TreflectServerObject const* const object : record.objects)
+        (*existing)[at++].share_(*object->getClient());
+}
+
+void TreflectORB::addRemoteDeletionObserver(unsigned int const& classId, TreflectOrbId const& orb) {
+    getMetaData(classId).remoteDeletionObservers.insert(orb);
+}
+
+// A cancellation of one kind ends both.
+void TreflectORB::removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb) {
+    MetaData& record = getMetaData(classId);
+    record.remoteCreationObservers.erase(orb);
+    record.remoteDeletionObservers.erase(orb);
+}
+
+void TreflectORB::forgetSubscriber_(TreflectOrbId const& orb) {
+    for (auto& entry : parts_->classes) {
+        entry.second.remoteCreationObservers.erase(orb);
+        entry.second.remoteDeletionObservers.erase(orb);
+    }
+}
+
+void TreflectORB::forgetObject_(TreflectServerObject const& object) {
+    for (auto const& instance : singletonInstances_) {
+        TreflectORB const* const orb = instance.load(std::memory_order_acquire);
+        if (!orb)
+            continue;
+        for (auto& entry : orb->parts_->classes)
+            entry.second.objects.erase(&object);
+    }
+}
