@@ -1,19 +1,14 @@
 #include "Runner.h"
 
-#include <fcntl.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <vector>
+
+#include "Child.h"
 
 namespace bench {
 
@@ -31,103 +26,6 @@ std::unique_ptr<Subject> makeSubject(std::string const& name) {
         return makePollingFloor();
     return makePermissionFloor();
 }
-
-/** A folder of its own for one measurement. */
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = std::filesystem::temp_directory_path() / "reflectorb-bench-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        path_ = pattern;
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::string const& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-/** A copy of this program with other arguments; dies with its parent. */
-class Child {
-public:
-    Child(std::vector<std::string> const& arguments, int processor = -1) {
-        std::array<int, 2> in{};
-        std::array<int, 2> out{};
-        if (pipe2(in.data(), O_CLOEXEC) < 0 || pipe2(out.data(), O_CLOEXEC) < 0)
-            return;
-        pid_ = fork();
-        if (pid_ == 0)
-            become(arguments, processor, in, out);
-        close(in[0]);
-        close(out[1]);
-        input_ = in[1];
-        output_ = fdopen(out[0], "r");
-    }
-    ~Child() {
-        closeInput();
-        if (!waited_ && pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (output_ != nullptr)
-            std::fclose(output_);
-    }
-    Child(Child const&) = delete;
-    Child& operator=(Child const&) = delete;
-
-    pid_t pid() const { return pid_; }
-    bool readLine(std::string& line) {
-        std::array<char, 256> buffer{};
-        if (output_ == nullptr || std::fgets(buffer.data(), buffer.size(), output_) == nullptr)
-            return false;
-        line = buffer.data();
-        while (!line.empty() && line.back() == '\n')
-            line.pop_back();
-        return true;
-    }
-    /** Ends the child's input, which asks it to end. */
-    void closeInput() {
-        if (input_ >= 0)
-            close(input_);
-        input_ = -1;
-    }
-    bool waitForEnd() {
-        int status = 0;
-        waited_ = waitpid(pid_, &status, 0) == pid_;
-        return waited_ && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-
-private:
-    [[noreturn]] static void become(std::vector<std::string> const& arguments, int processor,
-                                    std::array<int, 2> const& in, std::array<int, 2> const& out) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        if (processor >= 0) {
-            cpu_set_t set;
-            CPU_ZERO(&set);
-            CPU_SET(static_cast<unsigned>(processor), &set);
-            sched_setaffinity(0, sizeof set, &set);
-        }
-        std::vector<char*> argv{const_cast<char*>("reflectorb-bench")};
-        for (std::string const& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        execv("/proc/self/exe", argv.data());
-        _exit(127);
-    }
-
-    pid_t pid_ = -1;
-    int input_ = -1;
-    std::FILE* output_ = nullptr;
-    bool waited_ = false;
-};
 
 std::vector<std::unique_ptr<Child>> startBusyProcesses(Load load) {
     std::vector<std::unique_ptr<Child>> busy;

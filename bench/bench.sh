@@ -7,4 +7,5 @@ shift
 if [[ $# -eq 0 ]]; then
     printf '\n'
     "$tree/bench/reflectorb-bench-library" --benchmark_min_time=0.2
+    "$tree/bench/reflectorb-bench-scale"
 fi
