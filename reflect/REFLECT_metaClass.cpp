@@ -44,16 +44,37 @@ void TreflectMetaClass::completeMetaInformation() {
     for (Operation const& operation : operations_)
         operations.push_back({operation.name, static_cast<int>(operation.id)});
     std::vector<MetaAttrData> attributes;
-    for (Attribute const& attribute : attributes_)
-        attributes.push_back({attribute.name});
+    for (Attribute const& attribute : attributes_) {
+        if (attribute.kind == Attribute::kPlain)
+            attributes.push_back({attribute.name});
+    }
     MetaOpData const noOperation{};
     MetaAttrData const noAttribute{};
     completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
                                   static_cast<unsigned int>(operations.size()),
                                   attributes.empty() ? &noAttribute : attributes.data(),
                                   static_cast<unsigned int>(attributes.size()));
+    registerContainers();
     describeParameters();
     describeTypes();
+}
+
+void TreflectMetaClass::registerContainers() {
+    for (Attribute const& described : attributes_) {
+        if (described.kind == Attribute::kPlain)
+            continue;
+        std::string const name = described.name;
+        TreflectMetaOperation const* const get = getOperationOf(name);
+        if (!get)
+            return;
+        TreflectMetaOperation const* const set = metaOperation_("set" + name);
+        if (described.kind == Attribute::kArray)
+            registerAttribute(
+                new TreflectArrayMetaAttribute(name, this, get, set, described.length));
+        else
+            registerAttribute(
+                new TreflectSequenceMetaAttribute(name, this, get, set, described.length));
+    }
 }
 
 // The members are this object's own, and handed out as constants only.

@@ -116,16 +116,22 @@ void TreflectMetaObject::completeMetaInformationHelper(MetaOpData const* operati
         registerOperation(new TreflectMetaOperation(operations[i].name, this, operations[i].id));
     for (unsigned int i = 0; i < attributeCount; ++i) {
         std::string const attribute = attributes[i].name;
-        TreflectMetaOperation const* const get = metaOperation_("get" + attribute);
-        if (!get) {
-            REFLECTORB_LOG(3, kSource,
-                           "no get operation registered for attribute \"%s\" of class \"%s\"",
-                           attribute.c_str(), name().c_str());
+        TreflectMetaOperation const* const get = getOperationOf(attribute);
+        if (!get)
             return;
-        }
         registerAttribute(
             new TreflectMetaAttribute(attribute, this, get, metaOperation_("set" + attribute)));
     }
+}
+
+TreflectMetaOperation const* TreflectMetaObject::getOperationOf(
+    std::string const& attribute) const {
+    TreflectMetaOperation const* const get = metaOperation_("get" + attribute);
+    if (!get)
+        REFLECTORB_LOG(3, kSource,
+                       "no get operation registered for attribute \"%s\" of class \"%s\"",
+                       attribute.c_str(), name().c_str());
+    return get;
 }
 
 bool TreflectMetaObject::observeCreations(TreflectObserver* observer, bool plusExisting) {

@@ -30,15 +30,23 @@ public:
         std::vector<char const*> in = {};   // types of the arguments
         std::vector<char const*> out = {};  // types of the results
     };
+    /** Converts from the name of an attribute with a single value. */
     struct Attribute {
-        /** A value that is no reflective object. */
+        enum Kind { kPlain, kSequence, kArray };
+
         Attribute(char const* attributeName) : name(attributeName) {}
         /** A value that is a handle on an object of the class `valueClass`, not owned. */
         Attribute(char const* attributeName, TreflectMetaClass const& valueClass)
             : name(attributeName), type(&valueClass) {}
+        /** A value of `count` elements, written one after the other (kArray) or as a
+         * TipprmiSequence of at most so many (kSequence). */
+        Attribute(char const* attributeName, Kind valueKind, int count)
+            : name(attributeName), kind(valueKind), length(count) {}
 
         char const* name;
         TreflectMetaClass const* type = nullptr;
+        Kind kind = kPlain;
+        int length = 1;
     };
 
     /** Names are literals, or live as long as the meta object. Bases are not owned; they come most
@@ -56,6 +64,7 @@ protected:
     void completeMetaInformation() override;
 
 private:
+    void registerContainers();
     void describeParameters();
     void describeTypes();
     void appendIds(TipprmiSequence<unsigned int, 0u>& ids) const;

@@ -94,6 +94,8 @@ protected:
      */
     void completeMetaInformationHelper(MetaOpData const* operations, unsigned int operationCount,
                                        MetaAttrData const* attributes, unsigned int attributeCount);
+    /** The operation that reads an attribute; null, and a line at level 3, when there is none. */
+    TreflectMetaOperation const* getOperationOf(std::string const& attribute) const;
     /** Completes another meta object, such as a base. */
     static void complete(TreflectMetaObject& other) { other.completeMetaInformation(); }
 
