@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "ipprmi/TipprmiSequence.h"
 #include "reflect/TreflectORB.h"
 #include "transport/TerminationId.h"
 
@@ -11,19 +12,35 @@ struct TreflectORB::InternalPerfCnts {
     unsigned int failed = 0;  // those of them that did not complete successfully
 };
 
-/** A broker's counters by destination. Guarded by the run permission. */
+/** A broker's counters by destination, since they were last taken. Guarded by the run permission.
+ */
 class PerformanceCounters {
 public:
     using Counters = TreflectORB::InternalPerfCnts;
+    using Records = TipprmiSequence<TreflectORB::PerfCnts, 0u>;
 
     /** The counters of a destination, made on first use. Threads mostly call the same one again,
-     * so the last answer is kept at hand. */
+     * so the last answer is kept at hand. Good until the next `take`. */
     Counters& of(Transport::TerminationId target) {
         if (!last_ || lastTarget_ != target) {
             last_ = &counters_[target];
             lastTarget_ = target;
         }
         return *last_;
+    }
+    /** All of them, in the order of their destinations. */
+    Records all() const {
+        Records records;
+        for (auto const& [target, counters] : counters_)
+            records.push_back({target, counters.sent, counters.failed});
+        return records;
+    }
+    /** All of them; what is counted from now on starts afresh. */
+    Records take() {
+        Records const records = all();
+        counters_.clear();
+        last_ = nullptr;
+        return records;
     }
 
 private:

@@ -1,16 +1,23 @@
-// What a broker tells about messages, and the reset of the unit.
+// What a broker tells about messages, its traffic and its state, and the reset of the unit.
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <utility>
 
+#include "handler_threads/HandlerThreads.h"
+#include "handler_threads/TreflectHandlerState.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
+#include "oswrap/Memory.h"
 #include "reflect/ScriptRunner.h"
-#include "reflect/TreflectORB.h"
+#include "reflect/TreflectOrbParts.h"
+#include "transport/IdInfo.h"
 
 namespace {
 
 constexpr char const* kLogCollectionScript = "/opt/vdk/bin/QMB_FCT_logs.sh";
+constexpr unsigned int kQuerySize = 100;
+constexpr unsigned int kAnswerSize = 104;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -79,6 +86,127 @@ void TreflectORB::testInfoAboutMessage(Transport::TerminationId const&,
         default:
             REFLECTORB_LOG(5, "REFLECT_orb", "    Message data: unknown message");
     }
+}
+
+// ---- Counters -----------------------------------------------------------------------------------
+
+TipprmiStream& operator<<(TipprmiStream& stream, TreflectORB::PerfCnts const& counters) {
+    return stream << counters.termination << counters.sent << counters.failed;
+}
+
+TipprmiStream& operator>>(TipprmiStream& stream, TreflectORB::PerfCnts& counters) {
+    return stream >> counters.termination >> counters.sent >> counters.failed;
+}
+
+TreflectORB::PerfCntInfo TreflectORB::takePerfCnts_() const {
+    return {Transport::IdInfo::instance().getActor(), parts_->counters.take()};
+}
+
+bool TreflectORB::queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const {
+    info = {};
+    TipprmiStream request(allocateRequest(kQuerySize), true);
+    request.msg().type(TreflectMessage::tPerfCounters);
+    TipprmiStream response(allocateResponse(request.msg(), kAnswerSize), true);
+    if (!forwardMsg_(target, true, request.msg(), response))
+        return false;
+    PerfCntInfo answer;
+    response >> answer.actor >> answer.counters;
+    if (response.hasUnmarshallingFailed())
+        return false;
+    info = std::move(answer);
+    return true;
+}
+
+TreflectORB::PerfCntInfo TreflectORB::getPerfCnts(Transport::TerminationId const& target) const {
+    PerfCntInfo info;
+    queryPerfCnts_(target, info);
+    return info;
+}
+
+std::list<TreflectORB::PerfCntMultInfo> TreflectORB::getPerfCnts() const {
+    // The broker is not freed between two queries.
+    CallGate::Visit const visit(parts_->calls);
+    std::list<PerfCntMultInfo> infos;
+    for (Transport::TerminationId const& member : group_()) {
+        if (member != termId())
+            infos.emplace_back(member, getPerfCnts(member));
+    }
+    return infos;
+}
+
+std::list<TreflectORB::BrokerInfo> TreflectORB::getBrokers() const {
+    CallGate::Visit const visit(parts_->calls);
+    BrokerInfo own{termId(), orbId_, true, {}};
+    {
+        TreflectHandlerState const handlerState(true);
+        own.info = takePerfCnts_();
+    }
+    std::list<BrokerInfo> brokers;
+    for (Transport::TerminationId const& member : group_()) {
+        if (member == termId()) {
+            brokers.push_back(own);
+            continue;
+        }
+        brokers.push_back({member, convertId(member), false, {}});
+        brokers.back().answered = queryPerfCnts_(member, brokers.back().info);
+    }
+    return brokers;
+}
+
+// ---- The broker's state -------------------------------------------------------------------------
+
+std::atomic<bool> TreflectORB::debug_{false};
+
+/** What the records of all classes together hold. */
+struct TreflectORB::ClassTotals {
+    unsigned long records;
+    int creationObservers, deletionObservers, objects;
+    int remoteCreationObservers, remoteDeletionObservers;
+};
+
+TreflectORB::ClassTotals TreflectORB::classTotals_() const {
+    TreflectHandlerState const handlerState(true);
+    auto const total = [&](auto MetaData::*member) {
+        std::size_t sum = 0;
+        for (auto const& entry : parts_->classes)
+            sum += (entry.second.*member).size();
+        return static_cast<int>(sum);
+    };
+    return {parts_->classes.size(),
+            total(&MetaData::creationObservers),
+            total(&MetaData::deletionObservers),
+            total(&MetaData::objects),
+            total(&MetaData::remoteCreationObservers),
+            total(&MetaData::remoteDeletionObservers)};
+}
+
+// What needs no permission comes first: it is told even when somebody keeps the permission.
+void TreflectORB::display(int) const {
+    REFLECTORB_LOG(5, "REFLECT_orb", "ORB display: actor %s, OrbId 0x%X, TermId 0x%08X",
+                   Transport::IdInfo::instance().getActor().c_str(), orbId_.value(),
+                   termId().value());
+    REFLECTORB_LOG(5, "REFLECT_orb", "  number of handler threads: %d",
+                   static_cast<int>(handlerThreads().size()));
+    ClassTotals const totals = classTotals_();
+    REFLECTORB_LOG(5, "REFLECT_orb", "  metaData: size=%lu, co=%d, do=%d, oi=%d, rco=%d, rdo=%d",
+                   totals.records, totals.creationObservers, totals.deletionObservers,
+                   totals.objects, totals.remoteCreationObservers, totals.remoteDeletionObservers);
+    REFLECTORB_LOG(5, "REFLECT_orb", "  actor size: %ld", oscwGetActorSize());
+    REFLECTORB_LOG(5, "REFLECT_orb", "  unit free: %ld", oscwGetUnitFreeMem());
+    if (debug_)
+        displayMore_();
+}
+
+void TreflectORB::displayMore_() const {
+    PerformanceCounters::Records counters;
+    {
+        TreflectHandlerState const handlerState(true);
+        counters = parts_->counters.all();
+    }
+    for (unsigned int i = 0; i < counters.getLength(); ++i)
+        REFLECTORB_LOG(5, "REFLECT_orb", "  destination 0x%08X: sent=%u, failed=%u",
+                       counters[i].termination.value(), counters[i].sent, counters[i].failed);
+    parts_->presence->display();
 }
 
 void TreflectORB::resetUnit() const {

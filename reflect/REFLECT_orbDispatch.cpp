@@ -166,6 +166,7 @@ private:
     void serveCreationSubscription();
     void serveDeletionSubscription();
     void serveCancellation();
+    void serveCounterQuery();
     bool isReadable(unsigned int classId) const;
     void answer(TipprmiStream& response);
     int callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
@@ -206,6 +207,9 @@ void TreflectORB::IncomingMessage::serve() {
         case TreflectMessage::tOCNUnsubscribe:
         case TreflectMessage::tODNUnsubscribe:
             serveCancellation();
+            break;
+        case TreflectMessage::tPerfCounters:
+            serveCounterQuery();
             break;
         default:
             REFLECTORB_LOG(3, "REFLECT_orb",
@@ -269,6 +273,13 @@ void TreflectORB::IncomingMessage::serveCancellation() {
     TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
     if (isReadable(classId))
         orb_.removeRemoteObserver(classId, orb_.convertId(message_.originator()));
+    answer(response);
+}
+
+void TreflectORB::IncomingMessage::serveCounterQuery() {
+    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    PerfCntInfo const info = orb_.takePerfCnts_();
+    response << info.actor << info.counters;
     answer(response);
 }
 

@@ -5,6 +5,8 @@
 #include <list>
 #include <memory>
 #include <set>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "handler_threads/TreflectRunPermission.h"
@@ -37,6 +39,10 @@ class REFLECTORB_API TreflectORB : public Transport::TerminationImpl {
 public:
     class TreflectObjectLocation;
     struct InternalPerfCnts;
+    struct PerfCnts;
+    struct PerfCntInfo;
+    struct PerfCntMultInfo;
+    struct BrokerInfo;
 
     /**
      * The broker of a namespace, made and started on first use (which takes 100 ms). Null when it
@@ -144,7 +150,29 @@ public:
     static unsigned long getRunPermissionCount();
     static unsigned long getRunPermissionOwner();
 
-    /** Logs the event, runs the log-collection script and aborts the process. Any thread. */
+    /**
+     * Asks a broker, which may be this one, for its counters: what it has sent to each destination
+     * since it was last asked by anybody; the answer starts them afresh. A request that was under
+     * way then counts as sent before, and as failed after it. Empty when the broker did not answer,
+     * or not readably. Waits as forwardMsg does. Any thread.
+     */
+    PerfCntInfo getPerfCnts(Transport::TerminationId const& target) const;
+    /** Asks all other brokers of the group in turn, in ascending order of their terminations; one
+     * that did not answer is there with an empty info. Any thread. */
+    std::list<PerfCntMultInfo> getPerfCnts() const;
+    /** The same, told in full and with this broker among them, for tools that show the group. Its
+     * own counters are those before it asks the others, and start afresh like theirs. */
+    std::list<BrokerInfo> getBrokers() const;
+    /** Logs this broker's state at level 5; `debug_` adds its counters and who observes brokers.
+     * The argument has no meaning. Any thread; waits for the run permission after two lines. */
+    void display(int) const;
+    /** Has diagnostics of all brokers tell more, see display. False at start. Any thread. */
+    static std::atomic<bool> debug_;
+    /**
+     * Logs the event, runs the platform's log-collection script, whose result is logged, and aborts
+     * the process whatever that was. For a unit that cannot go on; the broker itself calls it when
+     * a request has waited for 60 seconds, here or, as its sender tells, there. Any thread.
+     */
     [[noreturn]] void resetUnit() const;
 
     /** The inside of the operations above, for the library's own use. */
@@ -208,6 +236,13 @@ private:
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
     void closeCalls_();
+    /** This broker's answer to a query; its counters start afresh. With the run permission. */
+    PerfCntInfo takePerfCnts_() const;
+    /** False, and an empty info, when the broker did not answer readably. */
+    bool queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const;
+    struct ClassTotals;
+    ClassTotals classTotals_() const;
+    void displayMore_() const;
 
     struct MetaData;
     class Registration;
@@ -267,6 +302,51 @@ private:
     TreflectOrbId orbId_;
     TipprmiOID oid_;
     TipprmiObjectSkeleton* server_ = nullptr;  // not owned
+};
+
+/**
+ * What a broker has sent to one destination. A value.
+ *
+ * Wire form: the three fields in their order, 4 bytes each; the termination in the byte order of
+ * the sender, as everywhere.
+ */
+struct REFLECTORB_API TreflectORB::PerfCnts {
+    PerfCnts() = default;
+    PerfCnts(Transport::TerminationId destination, unsigned int requestsSent,
+             unsigned int requestsFailed)
+        : termination(destination), sent(requestsSent), failed(requestsFailed) {}
+
+    Transport::TerminationId termination;  ///< the destination
+    unsigned int sent = 0;                 ///< requests and one-way messages sent there
+    unsigned int failed = 0;               ///< those that could not be sent or were not answered
+
+    friend REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
+                                                    PerfCnts const& counters);
+    friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, PerfCnts& counters);
+};
+
+/** What one broker tells of its traffic. A value. */
+struct TreflectORB::PerfCntInfo {
+    std::string actor;                                    ///< name of its process
+    TipprmiSequence<TreflectORB::PerfCnts, 0u> counters;  ///< ascending by destination
+};
+
+/** The answer of one of several brokers. A value. */
+struct TreflectORB::PerfCntMultInfo {
+    PerfCntMultInfo() = default;
+    PerfCntMultInfo(Transport::TerminationId broker, PerfCntInfo answer)
+        : termination(broker), info(std::move(answer)) {}
+
+    Transport::TerminationId termination;  ///< who answered
+    PerfCntInfo info;                      ///< empty when it did not
+};
+
+/** One broker of a group, as getBrokers found it. A value. */
+struct TreflectORB::BrokerInfo {
+    Transport::TerminationId termination;
+    TreflectOrbId orbId;
+    bool answered = false;
+    PerfCntInfo info;  ///< empty when it did not answer
 };
 
 /** Makes the broker of NSID_UNIT ahead of its first use. Any thread. */

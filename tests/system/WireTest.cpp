@@ -1,6 +1,8 @@
 // Every byte that a broker sends to, and takes from, another process: the test plays the other side
 // with messages that it writes and reads by hand, and has no broker itself.
 #include <algorithm>
+#include <cstring>
+#include <sstream>
 
 #include "Station.h"
 #include "StationActor.h"
@@ -34,6 +36,14 @@ std::string hex(std::string const& text) {
     return digits;
 }
 
+/** A termination as it is encoded: in the byte order of the machine. */
+std::string hex(Transport::TerminationId id) {
+    unsigned int const value = id.value();
+    unsigned char raw[4];
+    std::memcpy(raw, &value, sizeof raw);
+    return hex(raw, sizeof raw);
+}
+
 std::vector<unsigned char> bytes(std::string const& digits) {
     std::vector<unsigned char> result;
     std::string pair;
@@ -62,12 +72,14 @@ std::string const kEmptyContainer = "00000000 00000000";
 std::string const kFailure = "00000001 00000004 00000000";
 std::string const kAddress = "00C0FFEE";
 std::string const kClass = "0057A710";
+std::string const kActorName = "the station";
 
 class WireTest : public testing::Test {
 protected:
     WireTest() {
         peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
-        actor_ = std::make_unique<StationActor>();
+        actor_ = std::make_unique<StationActor>(
+            StationActor::Environment{{"TRANSPORT_ACTOR", kActorName}});
         lamp_ = actor_->publishStation("lamp");
     }
     ~WireTest() override { actor_->finish(); }
@@ -267,6 +279,58 @@ TEST_F(WireTest, callsThatCannotBeServedAreAnsweredWithAFailure) {
         EXPECT_EQ(receive(), spaced("0BAD0000 00000002 00000003" + stream(kFailure))) << digits;
     }
     expectNoAnswerToWhatWasSent();
+}
+
+TEST_F(WireTest, queryOfTheCountersIsEmptyAndItsAnswerAreNameAndCounters) {
+    std::string const peer = hex(peer_->termId().value());
+    actor_->tell("counters " + peer);
+    EXPECT_EQ(receive(), spaced(transaction(1) + "0000000A 00000002" + stream("")));
+    EXPECT_EQ(peer_->await(0).size(), 100u);
+    std::string const answer = "00000005 70616E656C 00000002" + hex(broker()) +
+                               "00000007 00000002" + hex(Transport::TerminationId(0x01020304)) +
+                               "FFFFFFFF 00000000";
+    send(transaction(1) + "0000000A 00000003" + stream(answer));
+    std::ostringstream expected;
+    expected << "panel " << std::hex << broker().value() << ":7:2 1020304:4294967295:0";
+    EXPECT_EQ(actor_->await("counters"), expected.str());
+
+    std::string const unreadable[]{"",
+                                   "00000005 70616E",
+                                   "00000005 70616E656C",
+                                   "00000005 70616E656C 00000001",
+                                   "00000005 70616E656C 00000001 04030201 00000001",
+                                   "00000005 70616E656C FFFFFFFF 04030201"};
+    unsigned int count = 1;
+    for (std::string const& data : unreadable) {
+        actor_->tell("counters " + peer);
+        EXPECT_EQ(receive().substr(0, 8), transaction(++count));
+        send(transaction(count) + "0000000A 00000003" + stream(data));
+        EXPECT_EQ(actor_->await("counters"), "") << data;
+    }
+}
+
+TEST_F(WireTest, queriesOfTheCountersAreAnsweredAndStartThemAfresh) {
+    std::string const query = request("CAFE0001", "0000000A", "");
+    std::string const head = "CAFE0001 0000000A 00000003";
+    std::string const none = hex(kActorName) + "00000000";
+    send(query);
+    EXPECT_EQ(receive(), spaced(head + stream(none)));
+    EXPECT_EQ(peer_->await(0).size(), 104u) << "the room that an answer starts with";
+
+    std::string const outcomes[]{"00000003", "00000003", "00000004"};  // kinds of answers
+    unsigned int count = 0;
+    for (std::string const& kind : outcomes) {
+        actor_->tell("find switch");
+        EXPECT_EQ(receive().substr(0, 8), transaction(++count));
+        send(transaction(count) + "00000001" + kind + stream("00000000"));
+        actor_->await("found");
+    }
+    send(query);
+    EXPECT_EQ(receive(), spaced(head + stream(hex(kActorName) + "00000001" + hex(peer_->termId()) +
+                                              "00000003 00000001")));
+    // Any kind that is no answer is a request, and whatever comes with it is of no account.
+    send("CAFE0001 0000000A 00000001" + stream("DEADBEEF"));
+    EXPECT_EQ(receive(), spaced(head + stream(none)));
 }
 
 TEST_F(WireTest, whatIsNoRequestIsNotAnswered) {

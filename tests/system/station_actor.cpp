@@ -20,6 +20,8 @@
 //                           "following" when the first call succeeded, and so again after a failure
 //   rest                    ends that; answers "followed WRONG", the answers that were not right
 //   allocations             answers "allocations COUNT"
+//   counters TERMINATION    asks a broker for its counters; answers "counters ACTOR
+//                           DESTINATION:SENT:FAILED..."
 //   active SLOT             answers "active"
 //   renew                   deletes all brokers; answers "renewed"
 #include <atomic>
@@ -381,6 +383,15 @@ bool Actor::handle(std::string const& verb, std::istringstream& words) {
     return true;
 }
 
+void counters(Transport::TerminationId broker) {
+    auto const info = TreflectORB::getInstance(NSID_UNIT)->getPerfCnts(broker);
+    std::ostringstream words;
+    for (unsigned int i = 0; i < info.counters.getLength(); ++i)
+        words << " " << std::hex << info.counters[i].termination.value() << std::dec << ":"
+              << info.counters[i].sent << ":" << info.counters[i].failed;
+    answer("counters ", info.actor, words.str());
+}
+
 /** What concerns the process rather than its stations. */
 void handleForProcess(std::string const& verb, std::istringstream& words) {
     static Follower& follower = *new Follower;
@@ -398,6 +409,9 @@ void handleForProcess(std::string const& verb, std::istringstream& words) {
         follower.rest();
     } else if (verb == "allocations") {
         answer("allocations ", allocationCount());
+    } else if (verb == "counters") {
+        words >> std::hex >> number;
+        counters(number);
     } else if (verb == "active") {
         words >> number;
         Transport::Setup::activeSlot(static_cast<int>(number));

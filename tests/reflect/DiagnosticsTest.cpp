@@ -1,0 +1,341 @@
+// What brokers tell of their traffic and their state, to each other and in the log.
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <list>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "BrokerActor.h"
+#include "BrokerTest.h"
+#include "Probe.h"
+#include "RawPeer.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/** At least `digits` hexadecimal digits. */
+std::string hex(unsigned int value, int digits = 1) {
+    char text[9];
+    std::snprintf(text, sizeof text, "%0*X", digits, value);
+    return text;
+}
+
+/** A process with a broker, by its actor's name. */
+struct Member {
+    explicit Member(std::string const& actorName)
+        : name(actorName),
+          actor(std::make_unique<BrokerActor>(
+              BrokerActor::Environment{{"TRANSPORT_ACTOR", actorName}})) {
+        std::istringstream words(actor->ask("publish " + name, "published"));
+        unsigned int ioid = 0;
+        unsigned int broker = 0;
+        words >> std::hex >> ioid >> broker;
+        orbId = TreflectOrbId(broker);
+    }
+
+    std::string name;
+    std::unique_ptr<BrokerActor> actor;
+    TreflectOrbId orbId;
+};
+
+class DiagnosticsTest : public BrokerTest {
+protected:
+    ~DiagnosticsTest() override { TreflectORB::debug_ = false; }
+
+    Transport::TerminationId own() { return orb().termId(); }
+    Transport::TerminationId termination(Member const& member) {
+        return orb().convertId(member.orbId);
+    }
+    /** Processes with brokers, in ascending order of their terminations. */
+    std::vector<Member> startMembers(std::size_t count) {
+        std::vector<Member> members;
+        for (std::size_t i = 0; i < count; ++i)
+            members.emplace_back("member" + std::to_string(i));
+        std::sort(members.begin(), members.end(),
+                  [](Member const& a, Member const& b) { return a.orbId < b.orbId; });
+        EXPECT_TRUE(testsupport::eventually([&] {
+            return std::all_of(members.begin(), members.end(), [&](Member const& member) {
+                return Transport::TransportLayer::instance().exists(termination(member));
+            });
+        }));
+        return members;
+    }
+    /** Counters as text: "DESTINATION:SENT:FAILED ...". */
+    static std::string text(TreflectORB::PerfCntInfo const& info) {
+        std::ostringstream words;
+        for (unsigned int i = 0; i < info.counters.getLength(); ++i) {
+            TreflectORB::PerfCnts const& counters = info.counters[i];
+            words << (i > 0 ? " " : "") << std::hex << counters.termination.value() << std::dec
+                  << ":" << counters.sent << ":" << counters.failed;
+        }
+        return words.str();
+    }
+    static std::string entry(Transport::TerminationId destination, unsigned int sent,
+                             unsigned int failed) {
+        TreflectORB::PerfCntInfo info;
+        info.counters.push_back({destination, sent, failed});
+        return text(info);
+    }
+    /** What display writes, with the two figures of memory as "N". */
+    Lines displayed(int argument) {
+        log_.clear();
+        orb().display(argument);
+        Lines lines;
+        for (testsupport::LogRecord const& record : log_.records()) {
+            EXPECT_EQ(record.level, 5);
+            lines.push_back(
+                record.source + ":" +
+                std::regex_replace(record.text, std::regex("(size|free): [1-9][0-9]+$"), "$1: N"));
+        }
+        return lines;
+    }
+};
+
+// ---- Counters -----------------------------------------------------------------------------------
+
+TEST_F(DiagnosticsTest, everyQueryTellsTheTrafficSinceTheLastOne) {
+    Member const far("far-side");
+    std::unique_ptr<Probe> near;
+    {
+        TreflectHandlerState const handlerState(true);
+        near = std::make_unique<Probe>("near");
+    }
+    orb().getPerfCnts(termination(far));
+    for (unsigned int calls : {1u, 3u}) {
+        for (unsigned int i = 0; i < calls; ++i)
+            EXPECT_EQ(far.actor->ask("call near 7", "called"), "1 7");
+        auto const info = orb().getPerfCnts(termination(far));
+        EXPECT_EQ(info.actor, "far-side");
+        EXPECT_EQ(text(info), entry(own(), 2 * calls, 0)) << "a search and a call each time";
+    }
+    auto const info = orb().getPerfCnts(termination(far));
+    EXPECT_EQ(info.actor, "far-side");
+    EXPECT_EQ(text(info), "");
+    std::string const toOwn = entry(own(), 1, 0);
+    std::string const toFar = entry(termination(far), 4, 0);
+    EXPECT_EQ(text(orb().getPerfCnts(own())),
+              own() < termination(far) ? toOwn + " " + toFar : toFar + " " + toOwn)
+        << "its own queries count as well";
+    TreflectHandlerState const handlerState(true);
+    near.reset();
+}
+
+TEST_F(DiagnosticsTest, brokerAloneHasAnEmptyGroup) {
+    EXPECT_TRUE(orb().getPerfCnts().empty());
+    auto const brokers = orb().getBrokers();
+    ASSERT_EQ(brokers.size(), 1u);
+    EXPECT_EQ(brokers.front().termination, own());
+    EXPECT_EQ(brokers.front().orbId, orb().orbId());
+    EXPECT_TRUE(brokers.front().answered);
+    EXPECT_EQ(brokers.front().info.actor, Transport::IdInfo::instance().getActor());
+}
+
+TEST_F(DiagnosticsTest, targetThatIsNotThereLeavesAnEmptyInfoAndAFailure) {
+    Transport::TerminationId const absent(0x01010000u | 0xFFFEu);
+    auto const info = orb().getPerfCnts(absent);
+    EXPECT_EQ(info.actor, "");
+    EXPECT_EQ(info.counters.getLength(), 0u);
+    EXPECT_EQ(text(orb().getBrokers().front().info), entry(absent, 1, 1));
+    EXPECT_EQ(text(orb().getBrokers().front().info), "") << "started afresh";
+}
+
+TEST_F(DiagnosticsTest, groupIsAskedInOrderAndWithoutOneself) {
+    std::vector<Member> const members = startMembers(3);
+    auto const infos = orb().getPerfCnts();
+    ASSERT_EQ(infos.size(), members.size());
+    auto member = members.begin();
+    for (TreflectORB::PerfCntMultInfo const& answer : infos) {
+        EXPECT_EQ(answer.termination, termination(*member));
+        EXPECT_EQ(answer.info.actor, member->name);
+        ++member;
+    }
+    std::map<std::string, TreflectORB::BrokerInfo> byActor;
+    Transport::TerminationId former;
+    for (TreflectORB::BrokerInfo const& broker : orb().getBrokers()) {
+        EXPECT_LT(former, broker.termination);
+        former = broker.termination;
+        EXPECT_TRUE(broker.answered);
+        byActor[broker.info.actor] = broker;
+    }
+    EXPECT_EQ(byActor.size(), members.size() + 1);
+    for (Member const& one : members)
+        EXPECT_EQ(byActor[one.name].orbId, one.orbId);
+    EXPECT_EQ(byActor[Transport::IdInfo::instance().getActor()].info.counters.getLength(),
+              members.size())
+        << "the queries of getPerfCnts, and not yet those of getBrokers";
+}
+
+TEST_F(DiagnosticsTest, peerThatIsKilledDuringTheQueryIsEmptyAndTheOthersAnswer) {
+    std::vector<Member> const members = startMembers(3);
+    testsupport::ChildProgram& victim = members[1].actor->child();
+    Transport::TerminationId const gone = termination(members[1]);
+    ASSERT_TRUE(victim.stopWholly());
+    std::list<TreflectORB::PerfCntMultInfo> infos;
+    std::thread query([&] { infos = orb().getPerfCnts(); });
+    TreflectORB::debug_ = true;
+    std::string const asked = "destination 0x" + hex(gone.value(), 8) + ": sent=1, failed=0";
+    EXPECT_TRUE(testsupport::eventually([&] {
+        orb().display(0);
+        return log_.contains(asked);
+    }));
+    auto const killed = std::chrono::steady_clock::now();
+    victim.kill();
+    query.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(20))
+        << "ended by the departure, not by the end of the first period of waiting";
+    ASSERT_EQ(infos.size(), 3u);
+    auto answer = infos.begin();
+    for (std::string const& actor : {members[0].name, std::string(), members[2].name})
+        EXPECT_EQ((answer++)->info.actor, actor);
+
+    // Counters outlive the brokers that they are about.
+    std::string const counters = text(orb().getPerfCnts(own()));
+    EXPECT_NE(counters.find(entry(gone, 1, 1)), std::string::npos) << counters;
+    EXPECT_NE(counters.find(entry(termination(members[2]), 1, 0)), std::string::npos) << counters;
+    EXPECT_EQ(orb().getPerfCnts().size(), 2u);
+}
+
+TEST_F(DiagnosticsTest, brokerThatAnswersNonsenseIsThereWithoutAnAnswer) {
+    RawPeer peer(group(), [](RawPeer& self, TreflectMessage& request) {
+        self.answer(request, [](TipprmiStream& response) { response << "half" << 3u << 1u; });
+    });
+    auto const brokers = orb().getBrokers();
+    auto const found = std::find_if(brokers.begin(), brokers.end(), [&](auto const& broker) {
+        return broker.termination == peer.termId();
+    });
+    ASSERT_NE(found, brokers.end());
+    EXPECT_FALSE(found->answered);
+    EXPECT_EQ(found->orbId, orb().convertId(peer.termId()));
+    EXPECT_EQ(found->info.actor, "");
+    EXPECT_EQ(found->info.counters.getLength(), 0u);
+}
+
+TEST_F(DiagnosticsTest, queriesDuringTrafficLoseAndDoubleNothing) {
+    Member const far("far");
+    Transport::TerminationId const target = termination(far);
+    constexpr unsigned int kThreads = 4;
+    constexpr unsigned int kSearches = 200;
+    TipprmiOID const oid("far", NSID_UNIT);
+    unsigned int told = 0;
+    auto const collect = [&] {
+        auto const info = orb().getPerfCnts(own());
+        for (unsigned int i = 0; i < info.counters.getLength(); ++i)
+            told += info.counters[i].termination == target ? info.counters[i].sent : 0;
+    };
+    collect();
+    told = 0;
+    std::atomic<unsigned int> running{kThreads};
+    std::vector<std::thread> callers;
+    for (unsigned int i = 0; i < kThreads; ++i)
+        callers.emplace_back([&] {
+            for (unsigned int n = 0; n < kSearches; ++n)
+                EXPECT_NE(orb().resolve(target, oid), 0u);
+            --running;
+        });
+    while (running > 0)
+        collect();
+    for (std::thread& caller : callers)
+        caller.join();
+    collect();
+    EXPECT_EQ(told, kThreads * kSearches);
+}
+
+// ---- The state in the log -----------------------------------------------------------------------
+
+class Silent : public TreflectObserver {
+public:
+    Silent() : TreflectObserver(TipprmiOID("silent", NSID_UNIT), nullptr, "silent") {}
+    bool update() override { return true; }
+};
+
+class Thing : public TreflectServerObject {
+public:
+    Thing() : TreflectServerObject(TipprmiOID("thing", NSID_UNIT), nullptr, "thing") {}
+    unsigned int getServerClassId() const override { return 2; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override { return {}; }
+};
+
+TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
+    orb();
+    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::handlerThreads().size() == 0; }));
+    Lines expected{"REFLECT_orb:ORB display: actor " + Transport::IdInfo::instance().getActor() +
+                       ", OrbId 0x" + hex(orb().orbId().value()) + ", TermId 0x" +
+                       hex(own().value(), 8),
+                   "REFLECT_orb:  number of handler threads: 0",
+                   "REFLECT_orb:  metaData: size=0, co=0, do=0, oi=0, rco=0, rdo=0",
+                   "REFLECT_orb:  actor size: N", "REFLECT_orb:  unit free: N"};
+    EXPECT_EQ(displayed(0), expected);
+
+    TreflectHandlerState const handlerState(true);
+    {
+        Silent observer;
+        Thing thing;
+        EXPECT_TRUE(orb().notifyCreation(2, thing));
+        for (unsigned int classId : {1u, 1u, 3u})
+            EXPECT_TRUE(orb().observeCreations(classId, observer, false));
+        for (unsigned int classId : {1u, 2u})
+            EXPECT_TRUE(orb().observeDeletions(classId, observer));
+        for (unsigned int broker : {1u, 2u, 3u, 4u, 4u})
+            orb().addRemoteCreationObserver(1 + broker % 2, TreflectOrbId(0x01010000 | broker),
+                                            nullptr);
+        for (unsigned int broker : {1u, 2u, 3u, 4u, 5u})
+            orb().addRemoteDeletionObserver(3, TreflectOrbId(0x01010000 | broker));
+        expected[1] = "REFLECT_orb:  number of handler threads: 1";
+        expected[2] = "REFLECT_orb:  metaData: size=3, co=3, do=2, oi=1, rco=4, rdo=5";
+        EXPECT_EQ(displayed(0), expected);
+        EXPECT_EQ(displayed(7), expected);
+    }
+    expected[2] = "REFLECT_orb:  metaData: size=3, co=0, do=0, oi=0, rco=4, rdo=5";
+    EXPECT_EQ(displayed(-1), expected);
+
+    Transport::TerminationId const absent(0x0101FFFEu);
+    orb().getPerfCnts(absent);
+    orb().getPerfCnts(absent);
+    EXPECT_EQ(displayed(0), expected);
+    TreflectORB::debug_ = true;
+    expected.push_back("REFLECT_orb:  destination 0x0101FFFE: sent=2, failed=2");
+    expected.push_back("REFLECT_OrbObserver:ORB (termId=0x" + hex(own().value()) +
+                       ") has 0 observer registered:");
+    EXPECT_EQ(displayed(0), expected);
+    EXPECT_EQ(displayed(0), expected) << "showing the counters does not reset them";
+}
+
+// ---- The reset of the unit ----------------------------------------------------------------------
+
+TEST_F(DiagnosticsTest, resetCollectsLogsAndAbortsWhateverComesOfIt) {
+    for (int code : {0, 3}) {
+        Member const member("member");
+        EXPECT_EQ(member.actor->ask("script " + std::to_string(code), "script"), "");
+        RawPeer peer(group());
+        TreflectMessage failure =
+            peer.make(1, TreflectMessage::tPayload, TreflectMessage::kResponseFailure);
+        EXPECT_TRUE(
+            testsupport::eventually([&] { return peer.send(termination(member), failure) == 1; }));
+        testsupport::ChildProgram& child = member.actor->child();
+        EXPECT_EQ(child.exitCode(), -SIGABRT);
+        EXPECT_EQ(member.actor->await("script"), "/opt/vdk/bin/QMB_FCT_logs.sh");
+        Lines const lines = child.errorLines();
+        auto const isAt = [&](std::size_t index, std::string const& part) {
+            return index < lines.size() && lines[index].find(part) != std::string::npos;
+        };
+        std::size_t index = 0;
+        while (index < lines.size() && !isAt(index, "UNIT RESET"))
+            ++index;
+        EXPECT_TRUE(
+            isAt(index, " ORB 0x" + hex(termination(member).value(), 8) + " requests UNIT RESET"));
+        EXPECT_TRUE(isAt(index + 1, code == 0
+                                        ? " QMB_FCT log collection script executed successfully"
+                                        : " QMB_FCT log collection failed with status:3"));
+        EXPECT_EQ(lines.size(), index + 2);
+    }
+}
+
+}  // namespace
