@@ -25,6 +25,7 @@
 #include "reflect/TreflectOperation.h"
 #include "reflect/TreflectOrbId.h"
 #include "reflect/TreflectOrbObserverIf.h"
+#include "reflect/TreflectParameterType.h"
 #include "reflect/TreflectParameters.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/TreflectTieds.h"

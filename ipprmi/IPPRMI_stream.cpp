@@ -114,6 +114,10 @@ void TipprmiStream::iptr_(int const& value) {
         ipprmi::storeBigEndian(data - kPrefix, static_cast<std::uint32_t>(value));
 }
 
+int TipprmiStream::getUnreadSize() const {
+    return failed_ ? 0 : std::max(getDataSize() - optr_, 0);
+}
+
 void TipprmiStream::logOutOfRange_(View const& view) const {
     REFLECTORB_LOG(3, kSource, "iptr_(%d) out of range(%d);this=%p", static_cast<int>(view.written),
                    static_cast<int>(view.limit), static_cast<void const*>(this));

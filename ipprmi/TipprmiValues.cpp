@@ -35,6 +35,39 @@ void TipprmiAny::read_(TipprmiStream& stream) {
         stream_.reset();
 }
 
+TipprmiStream& TipprmiAny::writeBare(TipprmiStream& stream) const {
+    if (!stream_)
+        return stream;
+    bool const incomplete = stream_->writeDropped_;
+    stream.marshall(stream_->getDataPtr(), stream_->getDataSize());
+    if (incomplete)
+        stream.dropWrite_();
+    return stream;
+}
+
+bool TipprmiAny::takeBare(TipprmiStream& stream, int n) {
+    if (stream.hasUnmarshallingFailed() || n > stream.getUnreadSize())
+        return false;
+    int const before = stream.optr_;
+    bool const taken = setData(n < 1 ? nullptr : stream.take_(n), n);
+    if (!taken)
+        stream.optr_ = before;
+    return taken;
+}
+
+bool TipprmiAny::setData(void const* source, int n) {
+    if (n < 1) {
+        stream_.reset();
+        return true;
+    }
+    // Made before the former content goes, since `source` may point into that.
+    TipprmiStream content(source, n);
+    if (content.hasUnmarshallingFailed())
+        return false;
+    stream_ = content;
+    return true;
+}
+
 TipprmiStream& operator>>(TipprmiStream& stream, TipprmiAny& value) {
     value.read_(stream);
     return stream;

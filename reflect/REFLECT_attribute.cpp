@@ -1,10 +1,12 @@
 // Attributes and operations that are bound to a handle.
+#include "reflect/CallOutcome.h"
 #include "reflect/StubInUse.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectObservable.h"
+#include "reflect/TreflectParameterType.h"
 
 // ---- Attributes --------------------------------------------------------------------------------
 
@@ -75,6 +77,7 @@ bool TreflectAttribute::canSet_() const {
 }
 
 void TreflectAttribute::startSet_(TipprmiStream& request) const {
+    StubInUse const inUse(*object_->getStub_());
     object_->prepareRequestStream_(true, meta_->containingMetaObject()->getClassId(),
                                    static_cast<unsigned int>(meta_->metaOperSet()->id()), request);
 }
@@ -92,15 +95,10 @@ TipprmiResult<void> TreflectAttribute::finishSet_(TipprmiStream& request) const 
 }
 
 TipprmiFailure TreflectAttribute::failureOf_(TipprmiStream const& response) {
-    if (response.empty())
-        return TipprmiFailure(TipprmiFailure::kNotServed);
     TipprmiStream fromStart(response.msg(), false);
-    TipprmiExceptionContainer container;
-    fromStart >> container;
-    TipprmiGeneralException general(TipprmiFailure::kUnreadable);
-    if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType())
-        container.getExceptionData(general);
-    return TipprmiFailure(general.code());
+    TipprmiResult<void> const outcome = readOutcome(fromStart);
+    // When the call itself went well, it is the value that could not be read.
+    return TipprmiFailure(outcome ? TipprmiFailure::kUnreadable : outcome.code());
 }
 
 template int TreflectAttribute::get(TreflectObject& value) const;
@@ -154,23 +152,86 @@ TreflectAttribute& TreflectErrorAttribute::attribute(std::string const&) {
 
 int TreflectOperation::error = 5;
 
+namespace {
+
+constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
+
+/** The values that are left in `response`, as the operation describes them. */
+TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> splitResults(TreflectMetaOperation const& meta,
+                                                            TipprmiStream& response) {
+    TipprmiSequence<TipprmiAny, 0u> results;
+    TipprmiAny value;
+    std::vector<TreflectParameterType> const types = meta.resultTypes();
+    bool known = !types.empty();
+    for (std::size_t i = 0; known && i < types.size(); ++i) {
+        known = types[i].isValid();
+        if (known && !types[i].take(response, value))
+            return TipprmiFailure(TipprmiFailure::kUnreadable);
+        if (known)
+            results.push_back(value);
+    }
+    if (response.getUnreadSize() == 0)
+        return results;
+    // Where the types end that the operation tells, there is nothing more.
+    if (known || !value.takeRest(response))
+        return TipprmiFailure(TipprmiFailure::kUnreadable);
+    results.push_back(value);
+    return results;
+}
+
+}  // namespace
+
 TreflectOperation::TreflectOperation(TreflectMetaOperation const* meta,
                                      TreflectObject const* object)
     : meta_(meta), object_(object) {}
 
 TreflectOperation::~TreflectOperation() = default;
 
+// While the call waits, other threads may end the handle and with it this operation.
+bool TreflectOperation::perform_(TipprmiSequence<TipprmiAny, 0u> const& in,
+                                 TipprmiStream& response) const {
+    TreflectObjectStub* const stub = object_->getStub_();
+    if (!stub)
+        return false;
+    StubInUse const inUse(*stub);
+    unsigned int const cc = meta_->containingMetaObject()->getClassId();
+    auto const mc = static_cast<unsigned int>(meta_->id());
+    TipprmiStream request(kUsualSize);
+    object_->prepareRequestStream_(true, cc, mc, request);
+    for (unsigned int i = 0; i < in.getLength(); ++i)
+        in[i].writeBare(request);
+    // A request that is too large is not sent.
+    return !request.hasUnmarshallingFailed() && object_->dispatch(true, cc, mc, request, response);
+}
+
 int TreflectOperation::call() {
     if (error_)
         return error;
-    constexpr int kUsualSize = 100;
-    TipprmiStream request(kUsualSize);
     TipprmiStream response(kUsualSize);
-    unsigned int const cc = meta_->containingMetaObject()->getClassId();
-    auto const mc = static_cast<unsigned int>(meta_->id());
-    object_->prepareRequestStream_(true, cc, mc, request);
-    object_->dispatch(true, cc, mc, request, response);
+    perform_({}, response);
     return 0;
+}
+
+int TreflectOperation::call(TipprmiSequence<TipprmiAny, 0u> const& in,
+                            TipprmiSequence<TipprmiAny, 0u>& out) {
+    TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> const results = invoke(in);
+    if (!results)
+        return error;
+    out = results.value();
+    return 0;
+}
+
+TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> TreflectOperation::invoke(
+    TipprmiSequence<TipprmiAny, 0u> const& in) {
+    if (error_)
+        return TipprmiFailure();
+    TreflectMetaOperation const& meta = *meta_;  // outlasts this operation
+    TipprmiStream response(kUsualSize);
+    bool const served = perform_(in, response);
+    TipprmiResult<void> const outcome = readOutcome(response);
+    if (!served || !outcome)
+        return TipprmiFailure(outcome ? TipprmiFailure::kNotServed : outcome.code());
+    return splitResults(meta, response);
 }
 
 bool TreflectOperation::preObserve(TreflectObserver* observer) {

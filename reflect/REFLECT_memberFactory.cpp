@@ -26,6 +26,24 @@ void TreflectMetaOperation::registerParameter(std::string key, std::string value
     parameters_[std::move(key)] = std::move(value);
 }
 
+std::vector<TreflectParameterType> TreflectMetaOperation::typesOf(char const* direction) const {
+    std::vector<TreflectParameterType> types;
+    for (;;) {
+        auto const described = parameters_.find(direction + std::to_string(types.size()));
+        if (described == parameters_.end())
+            return types;
+        types.emplace_back(described->second);
+    }
+}
+
+std::vector<TreflectParameterType> TreflectMetaOperation::argumentTypes() const {
+    return typesOf("in");
+}
+
+std::vector<TreflectParameterType> TreflectMetaOperation::resultTypes() const {
+    return typesOf("out");
+}
+
 TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
                                              TreflectMetaObject const* owner,
                                              TreflectMetaOperation const* get,

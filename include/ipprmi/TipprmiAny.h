@@ -11,7 +11,9 @@
  * as that type. A value without lock: one thread at a time, but copies in several threads are
  * independent of each other.
  *
- * Wire form: int data length, data.
+ * Wire form: int data length, data. The data alone, without the length, is what a receiver reads as
+ * the value itself: writeBare, takeBare and takeRest turn arguments and results of calls into anys
+ * and back, for programs that do not know their types.
  */
 class REFLECTORB_API TipprmiAny {
 public:
@@ -30,6 +32,22 @@ public:
         return *this;
     }
     bool empty() const { return !stream_ || stream_->empty(); }
+
+    /** Appends the content to `stream`, without a length. */
+    TipprmiStream& writeBare(TipprmiStream& stream) const;
+    /** Takes the next `n` bytes of `stream` as content. False, in silence and with any and stream
+     * as they were, when it has not that many left. */
+    bool takeBare(TipprmiStream& stream, int n);
+    /** Takes all bytes that `stream` has left as content; false without memory for them. */
+    bool takeRest(TipprmiStream& stream) { return takeBare(stream, stream.getUnreadSize()); }
+    /** Replaces the content by `n` bytes, which may be its own. False, with the content as it was,
+     * when there is no memory for them or they are more than a message holds. */
+    bool setData(void const* source, int n);
+    /** The content; null when there has been none yet. */
+    unsigned char const* getDataPtr() const { return stream_ ? stream_->getDataPtr() : nullptr; }
+    /** Number of bytes of the content. */
+    int getDataSize() const { return stream_ ? stream_->getDataSize() : 0; }
+
     /** Whether a read of this any has failed, or its value was too large. */
     bool hasUnmarshallingFailed() const { return stream_ && stream_->hasUnmarshallingFailed(); }
 

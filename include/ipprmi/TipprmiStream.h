@@ -79,6 +79,9 @@ public:
     unsigned char const* getDataPtr() const { return view_().data; }
     /** Number of data bytes written; not more than getDataLimit(). */
     int getDataSize() const { return static_cast<int>(view_().size()); }
+    /** Number of data bytes that are still to be read: the last ones there are; 0 when a read has
+     * failed. */
+    int getUnreadSize() const;
     /** Room for data bytes in the present buffer. */
     int getDataLimit() const { return static_cast<int>(view_().limit); }
 

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <map>
+#include <string>
+#include <vector>
 
 #include "reflect/TreflectMemberFactory.h"
 #include "reflect/TreflectMetaMember.h"
+#include "reflect/TreflectParameterType.h"
 
 /** An operation of a class, told by the method code under which server objects answer it. */
 class REFLECTORB_API TreflectMetaOperation : public TreflectMetaMember,
@@ -15,11 +18,18 @@ public:
     /** The method code. */
     int id() const { return id_; }
     /** Describes a parameter, for programs that know nothing of the class; a second value for a key
-     * replaces the first. Keys are "in0", "in1", ... and "out0", ...; values are names of types. */
+     * replaces the first. Keys are "in0", "in1", ... and "out0", ...; values are names of types,
+     * see TreflectParameterType. */
     void registerParameter(std::string key, std::string value);
     std::map<std::string, std::string> const& parameters() const { return parameters_; }
+    /** The types of the arguments and of the results in their order, as far as they are described
+     * without a gap. */
+    std::vector<TreflectParameterType> argumentTypes() const;
+    std::vector<TreflectParameterType> resultTypes() const;
 
 private:
+    std::vector<TreflectParameterType> typesOf(char const* direction) const;
+
     int const id_;
     std::map<std::string, std::string> parameters_;  // fixed once the class is complete
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ipprmi/TipprmiResult.h"
+#include "ipprmi/TipprmiSequence.h"
 #include "oswrap/Export.h"
 
 class TreflectMetaOperation;
@@ -25,6 +27,22 @@ public:
     /** Calls the operation without arguments, waits until it has run, and leaves its results
      * unread; 0, whatever came back. */
     int call();
+    /**
+     * Calls the operation with arguments and waits for its results: 0, or `error` for the null
+     * operation and a call that has failed, which leaves `out` as it was. Each any of `in` holds
+     * the encoding of one argument, as TipprmiAny::insert or TreflectParameterType::parse make it.
+     * Observers are told as of every call.
+     *
+     * `out` has the results one by one when the operation describes them (see
+     * TreflectMetaOperation::registerParameter); a result of a type that TreflectParameterType does
+     * not know is the last one, with all bytes that are left. Without descriptions it is one any of
+     * all bytes, or none when there are none.
+     */
+    int call(TipprmiSequence<TipprmiAny, 0u> const& in, TipprmiSequence<TipprmiAny, 0u>& out);
+    /** The same, with the code of the failure; TipprmiFailure::kUnreadable when what came back is
+     * not what the operation describes. */
+    TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> invoke(
+        TipprmiSequence<TipprmiAny, 0u> const& in);
     /** Has an observer told before each call, which it can veto; false for the null operation. */
     bool preObserve(TreflectObserver* observer);
     /** Has an observer told after each call; false for the null operation. */
@@ -37,6 +55,9 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
+    /** Calls with these arguments; whether the object has served the call. */
+    bool perform_(TipprmiSequence<TipprmiAny, 0u> const& in, TipprmiStream& response) const;
+
     TreflectMetaOperation const* const meta_;
     TreflectObject const* const object_;
     bool error_ = false;  // set by the null operation's constructor only

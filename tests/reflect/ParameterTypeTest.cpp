@@ -1,0 +1,347 @@
+// Types of arguments and results by name: text to encoded value, and back.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "handler_threads.h"
+#include "reflect.h"
+
+namespace {
+
+using Type = TreflectParameterType;
+
+std::string hexadecimal(TipprmiAny const& any) {
+    std::string text;
+    for (int i = 0; i < any.getDataSize(); ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02X", any.getDataPtr()[i]);
+        text += digits;
+    }
+    return text;
+}
+
+/** An any with these bytes. */
+TipprmiAny content(std::string const& bytes) {
+    TipprmiAny any;
+    EXPECT_TRUE(any.setData(bytes.data(), static_cast<int>(bytes.size())));
+    return any;
+}
+
+std::string repeated(std::string const& text, int times) {
+    std::string all;
+    for (int i = 0; i < times; ++i)
+        all += text;
+    return all;
+}
+
+std::string deep(int sequences) {
+    return repeated("sequence<", sequences) + "int" + repeated(">", sequences);
+}
+
+TEST(ParameterTypeName, IsToldFromOtherText) {
+    for (char const* name :
+         {"int", " unsigned ", "sequence<int>", "sequence < { string , sequence<any> } >", "{oid}",
+          "{int,bool,\tobject}", "{{{int}},int}"})
+        EXPECT_TRUE(Type(name).isValid()) << name;
+    for (char const* name :
+         {"", " ", "Int", "integer", "int int", "int,", "{}", "{int,}", "{int", "int}", "sequence",
+          "sequence<>", "sequence<int", "sequence<int>>", "sequence<int,int>", "<int>", "int<int>"})
+        EXPECT_FALSE(Type(name).isValid()) << name;
+    EXPECT_FALSE(Type(std::string("int\0", 4)).isValid());
+    EXPECT_EQ(Type(" {int , bool} ").name(), " {int , bool} ");
+}
+
+TEST(ParameterTypeName, MayBeNestedToABound) {
+    EXPECT_TRUE(Type(deep(Type::kMaxDepth - 1)).isValid());
+    EXPECT_FALSE(Type(deep(Type::kMaxDepth)).isValid());
+    for (char const* opening : {"{", "sequence<", "{int,"})
+        EXPECT_FALSE(Type(repeated(opening, 200000)).isValid());
+}
+
+struct Value {
+    char const* type;
+    char const* text;
+    char const* encoding;
+    char const* printed;
+};
+
+Value const kValues[] = {
+    {"int", "42", "0000002A", "42"},
+    {"int", " -1 ", "FFFFFFFF", "-1"},
+    {"int", "0x10", "00000010", "16"},
+    {"int", "-0X10", "FFFFFFF0", "-16"},
+    {"int", "2147483647", "7FFFFFFF", "2147483647"},
+    {"int", "-2147483648", "80000000", "-2147483648"},
+    {"int", "007", "00000007", "7"},
+    {"unsigned", "4294967295", "FFFFFFFF", "4294967295"},
+    {"unsigned", "0xfFfFfFfF", "FFFFFFFF", "4294967295"},
+    {"bool", "true", "00000001", "true"},
+    {"bool", "0", "00000000", "false"},
+    {"string", "\"text with \\\"quotes\\\"\"",
+     "0000001274657874207769746820"
+     "2271756F74657322",
+     "\"text with \\\"quotes\\\"\""},
+    {"string", " bare, and [whole] ",
+     "00000011"
+     "626172652C20616E64205B77686F6C655D",
+     "\"bare, and [whole]\""},
+    {"string", "", "00000000", "\"\""},
+    {"string", "\"\\n\\t\\r\\\\\\x00\\x7f\\xC3\\xA4\"",
+     "00000008"
+     "0A090D5C007FC3A4",
+     "\"\\n\\t\\r\\\\\\x00\\x7F\xC3\xA4\""},
+    {"oid", "lamp",
+     "00000004"
+     "6C616D70"
+     "00000001",
+     "\"lamp\""},
+    {"oid", "lamp@node",
+     "00000004"
+     "6C616D70"
+     "00000002",
+     "\"lamp\"@node"},
+    {"oid", "\"lamp\" @ 7",
+     "00000004"
+     "6C616D70"
+     "00000007",
+     "\"lamp\"@7"},
+    {"oid", "\"l@node\"@unit",
+     "00000006"
+     "6C406E6F6465"
+     "00000001",
+     "\"l@node\""},
+    {"oid", "a@b@-1",
+     "00000003"
+     "614062"
+     "FFFFFFFF",
+     "\"a@b\"@-1"},
+    {"oid", "a@b",
+     "00000003"
+     "614062"
+     "00000001",
+     "\"a@b\""},
+    {"oid", "",
+     "00000000"
+     "00000001",
+     "\"\""},
+    {"object", "",
+     "0000000B"
+     "496E76616C696453747562"
+     "00000001"
+     "00000000"
+     "00000000",
+     "\"\""},
+    {"any", "0x", "00000000", "0x"},
+    {"any", "0x0a0B",
+     "00000002"
+     "0A0B",
+     "0x0A0B"},
+    {"any", "unsigned(42)",
+     "00000004"
+     "0000002A",
+     "0x0000002A"},
+    {"any", "{int, string}({1, go on})",
+     "0000000D"
+     "00000001"
+     "00000005"
+     "676F206F6E",
+     "0x0000000100000005676F206F6E"},
+    {"any", "any(any(0x01))",
+     "00000009"
+     "00000005"
+     "00000001"
+     "01",
+     "0x000000050000000101"},
+    {"sequence<int>", "[1,2 , 3]",
+     "00000003"
+     "00000001"
+     "00000002"
+     "00000003",
+     "[1, 2, 3]"},
+    {"sequence<int>", "[ ]", "00000000", "[]"},
+    {"sequence<string>", "[a b , \",\"]",
+     "00000002"
+     "00000003"
+     "612062"
+     "00000001"
+     "2C",
+     "[\"a b\", \",\"]"},
+    {"{int,bool}", "{1, true}",
+     "00000001"
+     "00000001",
+     "{1, true}"},
+    {"sequence<{oid,sequence<bool>}>", "[{x@node,[1]},{y,[]}]",
+     "00000002"
+     "00000001"
+     "78"
+     "00000002"
+     "00000001"
+     "00000001"
+     "00000001"
+     "79"
+     "00000001"
+     "00000000",
+     "[{\"x\"@node, [true]}, {\"y\", []}]"},
+};
+
+TEST(ParameterTypeText, IsEncodedAndPrintedAndTheSameAgain) {
+    TreflectHandlerState const inside(true);
+    for (Value const& value : kValues) {
+        SCOPED_TRACE(std::string(value.type) + ": " + value.text);
+        Type const type(value.type);
+        TipprmiAny any;
+        ASSERT_TRUE(type.parse(value.text, any));
+        EXPECT_EQ(hexadecimal(any), value.encoding);
+        auto const printed = type.print(any);
+        ASSERT_TRUE(printed);
+        EXPECT_EQ(printed.value(), value.printed);
+        TipprmiAny again;
+        ASSERT_TRUE(type.parse(printed.value(), again));
+        EXPECT_EQ(type.print(again).value(), value.printed);
+    }
+}
+
+TEST(ParameterTypeText, IsWhatTheStreamOperatorsRead) {
+    TipprmiAny any;
+    int number = 0;
+    ASSERT_TRUE(Type("int").parse("-5", any));
+    EXPECT_EQ((any.extract(number), number), -5);
+    std::string text;
+    ASSERT_TRUE(Type("string").parse("bare word", any));
+    EXPECT_EQ((any.extract(text), text), "bare word");
+    TipprmiSequence<std::string, 0u> texts;
+    ASSERT_TRUE(Type("sequence<string>").parse("[one, two]", any));
+    any.extract(texts);
+    EXPECT_EQ(texts[1], "two");
+    EXPECT_EQ(Type("any").print(TipprmiAny().insert(TipprmiAny().insert(1u))).value(),
+              "0x00000001");
+    EXPECT_EQ(Type("oid").print(TipprmiAny().insert(TipprmiOID("n", NSID_NODE))).value(),
+              "\"n\"@node");
+    EXPECT_EQ(Type("bool").print(TipprmiAny().insert(-7)).value(), "true") << "any but 0 is";
+}
+
+TEST(ParameterTypeText, ThatIsNoValueIsRefused) {
+    struct {
+        char const* type;
+        std::vector<std::string> texts;
+    } const refused[] = {
+        {"int",
+         {"", "-", "x", "1 2", "1.5", "2147483648", "-2147483649", "0x80000000", "+1", "0x", "--1",
+          "99999999999999999999999", "0x1FFFFFFFFFFFFFFFF", "-0x-1", "[1]"}},
+        {"unsigned", {"-1", "4294967296", "0x100000000"}},
+        {"bool", {"", "yes", "2", "TRUE"}},
+        {"string", {"\"open", "\"a\" b", "\"\\", "\"\\q\"", "\"\\x\"", "\"\\x4\"", "\"\\x-1\""}},
+        {"oid", {"\"a\"@", "\"a\"@elsewhere", "\"a\\x00b\"", std::string("a\0b", 3)}},
+        {"object", {"nobody.has.this.name"}},
+        {"any", {"", "0x1", "0xGG", "42", "int", "int()", "int(1", "nothing(1)"}},
+        {"sequence<int>", {"", "[", "[1", "[1,]", "[,1]", "1", "[1]]", "[1}", "{1}"}},
+        {"sequence<string>", {"[a,]", "[,]"}},
+        {"{int,bool}", {"{}", "{1}", "{1,}", "{1,true,1}", "{1 true}", "[1,true]", "{1,true"}},
+        {"no type", {"", "1"}},
+    };
+    TreflectHandlerState const inside(true);
+    for (auto const& [name, texts] : refused) {
+        for (std::string const& text : texts) {
+            TipprmiAny any = content("kept");
+            EXPECT_FALSE(Type(name).parse(text, any)) << name << ": " << text;
+            EXPECT_EQ(hexadecimal(any), "6B657074") << name << ": " << text;
+        }
+    }
+}
+
+TEST(ParameterTypeText, IsOfBoundedDepth) {
+    TipprmiAny any;
+    EXPECT_FALSE(Type("any").parse(repeated("any(", 100000) + "0x" + repeated(")", 100000), any));
+    EXPECT_FALSE(Type(deep(Type::kMaxDepth - 1)).parse(repeated("[", 100000), any));
+    EXPECT_TRUE(Type(deep(Type::kMaxDepth - 1)).parse(repeated("[", 15) + repeated("]", 15), any));
+    EXPECT_FALSE(Type("string").parse(std::string(17u << 20, 'a'), any)) << "no message holds it";
+}
+
+TEST(ParameterTypeText, OfAnObjectLeadsToIt) {
+    class Quiet : public TipprmiObjectSkeleton {
+        using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
+    };
+    TreflectHandlerState const inside(true);
+    for (TipprmiOID const& oid : {TipprmiOID("a.name", NSID_UNIT), TipprmiOID("", NSID_UNIT)}) {
+        Quiet const object{oid};
+        std::string const text =
+            Type("object").print(TipprmiAny().insert(*object.getClient())).value();
+        EXPECT_EQ(text, '"' + std::string(object.getOID().getIdString()) + '"');
+        TipprmiAny found;
+        ASSERT_TRUE(Type("object").parse(text, found));
+        TreflectObject handle;
+        found.extract(handle);
+        EXPECT_EQ(handle.getServer(), &object);
+    }
+}
+
+TEST(ParameterTypeBytes, AreTakenUpToTheEndOfAValue) {
+    TreflectHandlerState const inside(true);
+    for (Value const& value : kValues) {
+        SCOPED_TRACE(std::string(value.type) + ": " + value.text);
+        Type const type(value.type);
+        TipprmiAny whole;
+        ASSERT_TRUE(type.parse(value.text, whole));
+        TipprmiStream stream(100);
+        whole.writeBare(stream << "ahead") << 77u;
+        std::string ahead;
+        stream >> ahead;
+        TipprmiAny taken;
+        ASSERT_TRUE(type.take(stream, taken));
+        EXPECT_EQ(hexadecimal(taken), value.encoding);
+        unsigned int behind = 0;
+        stream >> behind;
+        EXPECT_EQ(behind, 77u);
+    }
+}
+
+TEST(ParameterTypeBytes, ThatBreakOffAreNotTaken) {
+    TreflectHandlerState const inside(true);
+    for (Value const& value : kValues) {
+        Type const type(value.type);
+        TipprmiAny whole;
+        ASSERT_TRUE(type.parse(value.text, whole));
+        for (int size = 0; size < whole.getDataSize(); ++size) {
+            SCOPED_TRACE(std::string(value.type) + ": " + value.text + ", " + std::to_string(size));
+            TipprmiStream stream(whole.getDataPtr(), size);
+            TipprmiAny kept = content("kept");
+            EXPECT_FALSE(type.take(stream, kept));
+            EXPECT_EQ(hexadecimal(kept), "6B657074");
+            EXPECT_EQ(stream.getUnreadSize(), size);
+            EXPECT_FALSE(stream.hasUnmarshallingFailed());
+            TipprmiAny cut;
+            ASSERT_TRUE(cut.takeRest(stream));
+            EXPECT_EQ(type.print(cut).code(), TipprmiFailure::kUnreadable);
+        }
+    }
+}
+
+TEST(ParameterTypeBytes, OfAnotherMakeAreNoValue) {
+    std::string const huge =
+        "\x7F\xFF\xFF\xFF"
+        "1234";
+    std::string const most =
+        "\xFF\xFF\xFF\xFF"
+        "1234";
+    for (char const* name : {"string", "oid", "object", "any", "sequence<int>", "sequence<any>"})
+        EXPECT_FALSE(Type(name).print(content(huge))) << name;
+    EXPECT_FALSE(Type("sequence<sequence<{int,int}>>").print(content(most)));
+    EXPECT_FALSE(Type("int").print(content("12345"))) << "more than a value";
+    EXPECT_FALSE(Type("int").print(TipprmiAny()));
+    EXPECT_FALSE(Type("no type").print(content("1234")));
+    EXPECT_EQ(
+        Type("{string,int}").print(content(std::string("\xFF\xFF\xFF\xFF\0\0\0\1", 8))).value(),
+        "{\"\", 1}")
+        << "a negative length is none, as streams read it";
+}
+
+TEST(ParameterTypeBytes, OfAStreamThatHasFailedAreNotTaken) {
+    TipprmiStream stream("1234", 4);
+    stream.stopUnmarshalling();
+    TipprmiAny any;
+    EXPECT_FALSE(Type("int").take(stream, any));
+    EXPECT_FALSE(any.takeBare(stream, 1));
+}
+
+}  // namespace
