@@ -1,5 +1,3 @@
-#include <vector>
-
 #include "logging/Log.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectAttribute.h"
@@ -143,8 +141,9 @@ TreflectTieds* TreflectTieds::instance() {
 }
 
 TreflectTieds::~TreflectTieds() {
+    Tieds ending;
     OSWrap::Lock<> const lock(mutex_);
-    tieds_.clear();
+    ending.swap(tieds_);
 }
 
 void TreflectTieds::adoptTied(TreflectObject const* object,
@@ -158,12 +157,11 @@ void TreflectTieds::adoptTied(TreflectObject const* object,
 void TreflectTieds::destroyTieds(TreflectObject const* object) {
     if (count_.load(std::memory_order_relaxed) == 0)
         return;
-    std::vector<OSWrap::SmartPointer<TiedBase>> ending;
+    Tieds ending;
     OSWrap::Lock<> const lock(mutex_);
     auto const range = tieds_.equal_range(object);
-    for (auto tied = range.first; tied != range.second; ++tied)
-        ending.push_back(tied->second);
-    tieds_.erase(range.first, range.second);
+    for (auto tied = range.first; tied != range.second;)
+        ending.insert(ending.end(), tieds_.extract(tied++));
     count_.store(tieds_.size(), std::memory_order_relaxed);
 }
 
