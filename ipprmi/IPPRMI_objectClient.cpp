@@ -57,7 +57,7 @@ TipprmiObjectClient& TipprmiObjectClient::operator=(TipprmiObjectClient const& o
 }
 
 TipprmiObjectClient::~TipprmiObjectClient() {
-    release(stub_);
+    releaseStub_();
 }
 
 bool TipprmiObjectClient::forwardMsg(TreflectOrbId const& to, bool withResponse, TipprmiStream& in,
@@ -111,6 +111,10 @@ void TipprmiObjectClient::share_(TipprmiObjectClient const& other) {
     if (other.stub_)
         other.stub_->incRefCount();
     replaceStub(other.stub_);
+}
+
+void TipprmiObjectClient::releaseStub_() {
+    replaceStub(nullptr);
 }
 
 void TipprmiObjectClient::replaceStub(TreflectObjectStub* adopted) {

@@ -33,6 +33,7 @@ TreflectErrorAttribute TreflectObject::errorAttribute(nullptr, nullptr);
 TreflectErrorOperation TreflectObject::errorOperation(nullptr, nullptr);
 
 TreflectObject::~TreflectObject() {
+    releaseStub_();
     TreflectTieds::instance()->destroyTieds(this);
 }
 

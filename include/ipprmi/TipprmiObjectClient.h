@@ -66,6 +66,8 @@ protected:
                                          TipprmiStream& stream) const;
     /** Starts reading a response. */
     TipprmiStream& prepareResponseStream_(bool withResponse, TipprmiStream& stream) const;
+    /** Lets go of the stub for good: for destructors. */
+    void releaseStub_();
 
 private:
     friend REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream,
