@@ -8,6 +8,52 @@
 #include "reflect/TreflectObservable.h"
 #include "reflect/TreflectParameterType.h"
 
+namespace {
+
+constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
+
+/**
+ * Calls an operation through a handle; whether the object has served the call. Other threads may
+ * assign or destroy the handle whenever the call waits, so it is the stub that is held on to. A
+ * stub that must look for its object first waits even before the call is sent: the handle is not
+ * asked afterwards.
+ */
+bool callMember(TreflectObject const& object, TreflectMetaObject const* declaring,
+                TreflectMetaOperation const& operation, InParamHook const& arguments,
+                TipprmiStream& response) {
+    TreflectObjectStub* const stub = object.getStub_();
+    if (!stub)
+        return false;
+    StubInUse const inUse(*stub);
+    bool const searches = !stub->isConnected();
+    unsigned int const cc = declaring->getClassId();
+    auto const mc = static_cast<unsigned int>(operation.id());
+    TipprmiStream request(kUsualSize);
+    stub->prepareRequestStream(true, cc, mc, request);
+    arguments.marshall(request);
+    // A request that is too large is not sent.
+    if (request.hasUnmarshallingFailed())
+        return false;
+    return searches ? stub->dispatch(true, cc, mc, request, response) == 1
+                    : object.dispatch(true, cc, mc, request, response);
+}
+
+/** The same for an operation of an attribute: `response` is then about to yield the value, or every
+ * read of it fails. */
+void callForValue(TreflectObject const& object, TreflectMetaObject const* declaring,
+                  TreflectMetaOperation const& operation, InParamHook const& arguments,
+                  TipprmiStream& response) {
+    bool const served = callMember(object, declaring, operation, arguments, response);
+    bool const succeeded = static_cast<bool>(readOutcome(response));
+    if (served && succeeded)
+        return;
+    if (succeeded)
+        response.clear();
+    response.stopUnmarshalling();
+}
+
+}  // namespace
+
 // ---- Attributes --------------------------------------------------------------------------------
 
 int TreflectAttribute::error = 4;
@@ -57,38 +103,19 @@ TreflectOperation& TreflectAttribute::operSet() {
 // The class code is that of the class which has the attribute in its tables, even if the operation
 // comes from a base. A response that says nothing, or of a failure, makes every read of it fail.
 void TreflectAttribute::callGet_(TipprmiStream& response) const {
-    TreflectObjectStub* const stub = object_->getStub_();
-    if (!stub || !meta_->metaOperGet()) {
+    if (meta_->metaOperGet())
+        callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperGet(),
+                     TipprmiArguments<>(), response);
+    else
         response.stopUnmarshalling();
-        return;
-    }
-    StubInUse const inUse(*stub);
-    unsigned int const cc = meta_->containingMetaObject()->getClassId();
-    auto const mc = static_cast<unsigned int>(meta_->metaOperGet()->id());
-    TipprmiStream request(kUsualSize);
-    object_->prepareRequestStream_(true, cc, mc, request);
-    object_->dispatch(true, cc, mc, request, response);
-    stub->prepareResponseStream(true, response);
 }
 
-bool TreflectAttribute::canSet_() const {
+TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const {
     bool const ofElement = hasIndex_() && containerType_ != kPlain;
-    return !error_ && meta_->metaOperSet() && object_->getStub_() && !ofElement;
-}
-
-void TreflectAttribute::startSet_(TipprmiStream& request) const {
-    StubInUse const inUse(*object_->getStub_());
-    object_->prepareRequestStream_(true, meta_->containingMetaObject()->getClassId(),
-                                   static_cast<unsigned int>(meta_->metaOperSet()->id()), request);
-}
-
-TipprmiResult<void> TreflectAttribute::finishSet_(TipprmiStream& request) const {
-    TreflectObjectStub& stub = *object_->getStub_();
-    StubInUse const inUse(stub);
+    if (error_ || !meta_->metaOperSet() || ofElement)
+        return TipprmiFailure();
     TipprmiStream response(kUsualSize);
-    object_->dispatch(true, meta_->containingMetaObject()->getClassId(),
-                      static_cast<unsigned int>(meta_->metaOperSet()->id()), request, response);
-    stub.prepareResponseStream(true, response);
+    callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value, response);
     if (response.hasUnmarshallingFailed())
         return failureOf_(response);
     return {};
@@ -108,6 +135,8 @@ template int TreflectAttribute::get(TreflectObject& value) const;
 bool TreflectAttribute::updateContainedObject() {
     if (!meta_ || !meta_->typeMeta())
         return false;
+    // Its class may be one that nobody has looked for yet.
+    meta_->typeMeta()->completeMetaInformation();
     bool const isNew = !containedObject_;
     if (isNew)
         containedObject_ = new TreflectObject;
@@ -154,7 +183,18 @@ int TreflectOperation::error = 5;
 
 namespace {
 
-constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
+/** The arguments of a call, as values without types. */
+class AnyArguments final : public InParamHook {
+public:
+    explicit AnyArguments(TipprmiSequence<TipprmiAny, 0u> const& values) : values_(values) {}
+    void marshall(TipprmiStream& request) const override {
+        for (unsigned int i = 0; i < values_.getLength(); ++i)
+            values_[i].writeBare(request);
+    }
+
+private:
+    TipprmiSequence<TipprmiAny, 0u> const& values_;
+};
 
 /** The values that are left in `response`, as the operation describes them. */
 TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> splitResults(TreflectMetaOperation const& meta,
@@ -187,28 +227,11 @@ TreflectOperation::TreflectOperation(TreflectMetaOperation const* meta,
 
 TreflectOperation::~TreflectOperation() = default;
 
-// While the call waits, other threads may end the handle and with it this operation.
-bool TreflectOperation::perform_(TipprmiSequence<TipprmiAny, 0u> const& in,
-                                 TipprmiStream& response) const {
-    TreflectObjectStub* const stub = object_->getStub_();
-    if (!stub)
-        return false;
-    StubInUse const inUse(*stub);
-    unsigned int const cc = meta_->containingMetaObject()->getClassId();
-    auto const mc = static_cast<unsigned int>(meta_->id());
-    TipprmiStream request(kUsualSize);
-    object_->prepareRequestStream_(true, cc, mc, request);
-    for (unsigned int i = 0; i < in.getLength(); ++i)
-        in[i].writeBare(request);
-    // A request that is too large is not sent.
-    return !request.hasUnmarshallingFailed() && object_->dispatch(true, cc, mc, request, response);
-}
-
 int TreflectOperation::call() {
     if (error_)
         return error;
     TipprmiStream response(kUsualSize);
-    perform_({}, response);
+    callMember(*object_, meta_->containingMetaObject(), *meta_, TipprmiArguments<>(), response);
     return 0;
 }
 
@@ -227,7 +250,8 @@ TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> TreflectOperation::invoke(
         return TipprmiFailure();
     TreflectMetaOperation const& meta = *meta_;  // outlasts this operation
     TipprmiStream response(kUsualSize);
-    bool const served = perform_(in, response);
+    bool const served =
+        callMember(*object_, meta.containingMetaObject(), meta, AnyArguments(in), response);
     TipprmiResult<void> const outcome = readOutcome(response);
     if (!served || !outcome)
         return TipprmiFailure(outcome ? TipprmiFailure::kNotServed : outcome.code());

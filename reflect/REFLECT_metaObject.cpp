@@ -22,6 +22,12 @@ TreflectMetaObject::~TreflectMetaObject() {
         delete attribute.second;
     for (auto const& operation : operations_)
         delete operation.second;
+    // Static objects of several files are destroyed in no fixed order: nobody is left with a
+    // pointer to this one.
+    for (TreflectMetaObject* const parent : parents_)
+        parent->children_.erase(this);
+    for (TreflectMetaObject* const child : children_)
+        child->parents_.erase(this);
 }
 
 std::string const& TreflectMetaObject::name() const {

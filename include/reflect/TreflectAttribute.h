@@ -4,6 +4,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "ipprmi/TipprmiCall.h"
 #include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 #include "reflect/TreflectMetaAttribute.h"
@@ -96,22 +97,28 @@ protected:
 private:
     static constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
 
+    /** What of the value is to be read: taken before a call, since the attribute may be destroyed
+     * while the call waits. */
+    struct Selection {
+        TreflectAttributeType containerType;
+        int index;  // kNoIndex for the whole value
+        int length;
+    };
+
     bool hasIndex_() const { return index_ != kNoIndex; }
+    Selection selection_() const { return {containerType_, index_, constLength()}; }
     /** Calls the get operation; `response` is then about to yield the value. */
     void callGet_(TipprmiStream& response) const;
-    /** Whether there is a set operation that takes the value as a whole. */
-    bool canSet_() const;
-    void startSet_(TipprmiStream& request) const;
-    /** Sends what startSet_ began. */
-    TipprmiResult<void> finishSet_(TipprmiStream& request) const;
+    /** Calls the set operation, if there is one that takes the value as a whole. */
+    TipprmiResult<void> callSet_(InParamHook const& value) const;
     /** Why the call that was answered by `response` failed. */
     static TipprmiFailure failureOf_(TipprmiStream const& response);
     template <class T>
-    void decode_(TipprmiStream& response, T& value) const;
+    static void decode_(Selection const& selected, TipprmiStream& response, T& value);
     template <class T>
-    void decodeSequence_(TipprmiStream& response, T& value) const;
+    static void decodeSequence_(int index, TipprmiStream& response, T& value);
     template <class T>
-    void decodeArray_(TipprmiStream& response, T& value) const;
+    static void decodeArray_(Selection const& selected, TipprmiStream& response, T& value);
 
     static constexpr int kNoIndex = -1;
 
@@ -140,14 +147,15 @@ template <class T>
 int TreflectAttribute::get(T& value) const {
     if (error_)
         return error;
+    Selection const selected = selection_();
     TipprmiStream response(kUsualSize);
     callGet_(response);
     if constexpr (std::is_base_of_v<TreflectObject, T>) {
-        decode_(response, value);
+        decode_(selected, response, value);
         return 0;
     } else {
         T decoded = value;
-        decode_(response, decoded);
+        decode_(selected, response, decoded);
         if (response.hasUnmarshallingFailed())
             return error;
         value = std::move(decoded);
@@ -159,10 +167,11 @@ template <class T>
 TipprmiResult<T> TreflectAttribute::fetch() const {
     if (error_)
         return TipprmiFailure();
+    Selection const selected = selection_();
     TipprmiStream response(kUsualSize);
     callGet_(response);
     T value{};
-    decode_(response, value);
+    decode_(selected, response, value);
     if (response.hasUnmarshallingFailed())
         return failureOf_(response);
     return value;
@@ -170,31 +179,27 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
 
 template <class T>
 TipprmiResult<void> TreflectAttribute::store(T const& value) const {
-    if (!canSet_())
-        return TipprmiFailure();
-    TipprmiStream request(kUsualSize);
-    startSet_(request);
-    request << value;
-    return finishSet_(request);
+    return callSet_(TipprmiArguments<T>(value));
 }
 
 template <class T>
-void TreflectAttribute::decode_(TipprmiStream& response, T& value) const {
-    if (hasIndex_() && containerType_ == kSequence)
-        decodeSequence_(response, value);
-    else if (hasIndex_() && containerType_ == kArray)
-        decodeArray_(response, value);
+void TreflectAttribute::decode_(Selection const& selected, TipprmiStream& response, T& value) {
+    bool const hasIndex = selected.index != kNoIndex;
+    if (hasIndex && selected.containerType == kSequence)
+        decodeSequence_(selected.index, response, value);
+    else if (hasIndex && selected.containerType == kArray)
+        decodeArray_(selected, response, value);
     else
         response >> value;
 }
 
 template <class T>
-void TreflectAttribute::decodeSequence_(TipprmiStream& response, T& value) const {
+void TreflectAttribute::decodeSequence_(int index, TipprmiStream& response, T& value) {
     // Sequences of bool do not exist; a bool travels as a number.
     TipprmiSequence<std::conditional_t<std::is_same_v<T, bool>, int, T>, 0u> elements;
     response >> elements;
-    auto const at = static_cast<unsigned int>(index_);
-    if (index_ < 0 || at >= elements.getLength())
+    auto const at = static_cast<unsigned int>(index);
+    if (index < 0 || at >= elements.getLength())
         return;
     if constexpr (std::is_same_v<T, bool>)
         value = elements[at] != 0;
@@ -203,10 +208,10 @@ void TreflectAttribute::decodeSequence_(TipprmiStream& response, T& value) const
 }
 
 template <class T>
-void TreflectAttribute::decodeArray_(TipprmiStream& response, T& value) const {
-    if (index_ < 0 || index_ >= constLength())
+void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& response, T& value) {
+    if (selected.index < 0 || selected.index >= selected.length)
         return;
-    for (int i = 0; i < index_; ++i) {
+    for (int i = 0; i < selected.index; ++i) {
         T skipped{};
         response >> skipped;
     }

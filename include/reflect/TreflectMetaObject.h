@@ -38,7 +38,8 @@ public:
 
     /** Enters the repository. */
     TreflectMetaObject(std::string const& name, unsigned int classId);
-    /** Leaves the repository and deletes its members; bases and derived classes stay. */
+    /** Leaves the repository and deletes its members; bases and derived classes stay, and no longer
+     * know of it. */
     virtual ~TreflectMetaObject();
     TreflectMetaObject(TreflectMetaObject const&) = delete;
     TreflectMetaObject& operator=(TreflectMetaObject const&) = delete;
@@ -101,13 +102,15 @@ protected:
 
 private:
     friend class InterfaceRepository;
+    friend class TreflectAttribute;
 
     std::string const name_;
     unsigned int const classId_;
-    std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
-    std::map<std::string, TreflectMetaOperation*> operations_;  // owned
-    std::set<TreflectMetaObject*> parents_;                     // not owned
-    std::set<TreflectMetaObject*> children_;                    // not owned
+    // Mutable, since a meta object may be a constant, which is completed all the same.
+    mutable std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
+    mutable std::map<std::string, TreflectMetaOperation*> operations_;  // owned
+    mutable std::set<TreflectMetaObject*> parents_;                     // not owned
+    mutable std::set<TreflectMetaObject*> children_;                    // not owned
     // Kept with the class for those who generate classes; the broker has records of its own.
     std::set<Transport::TerminationId> creationSubscribers_;
     std::set<Transport::TerminationId> deletionSubscribers_;

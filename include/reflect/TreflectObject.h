@@ -21,8 +21,13 @@ class TreflectOperation;
  * under the run permission; each question is a call when the object lives in another process.
  *
  * Attributes and operations that are found by name belong to this very handle and live until it is
- * destroyed; a name is worth keeping instead of asking for it again. For a name that the class does
- * not have there is a null object, whose calls do nothing and answer an error.
+ * destroyed (an element of a sequence is, whenever the sequence changes its length); a name is
+ * worth keeping instead of asking for it again. For a name that the class does not have there is a
+ * null object, whose calls do nothing and answer an error.
+ *
+ * While a call waits, another thread may assign the handle. It may destroy it as well while an
+ * attribute is read or written, an operation called or a question asked, but not while `attribute`
+ * or `operation` looks for a name, since what they find belongs to the handle.
  *
  * Virtual operations after those of the base, in slot order: attribute, operation, meta,
  * getAbsName, getRelName, getParent, getChild, getChilds, registerChild, unregisterChild, connect
@@ -95,9 +100,6 @@ public:
     static TreflectErrorOperation errorOperation;
 
 private:
-    friend class TreflectAttribute;
-    friend class TreflectOperation;
-
     static void* newCell_() OSW_REQUIRES(poolMutex_);
 
     // A leaf: nothing is locked or called under it. Never destroyed.

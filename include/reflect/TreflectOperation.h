@@ -55,9 +55,6 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
-    /** Calls with these arguments; whether the object has served the call. */
-    bool perform_(TipprmiSequence<TipprmiAny, 0u> const& in, TipprmiStream& response) const;
-
     TreflectMetaOperation const* const meta_;
     TreflectObject const* const object_;
     bool error_ = false;  // set by the null operation's constructor only
