@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectMetaOperation.h"
@@ -17,17 +19,20 @@ TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int class
 
 TreflectMetaClass::~TreflectMetaClass() = default;
 
+// Of a base that is reached in several ways the last occurrence counts, since a class that is
+// derived from it stands before each of them.
 TipprmiSequence<unsigned int, 0u> TreflectMetaClass::classIds() const {
+    std::vector<unsigned int> occurrences;
+    appendIds(occurrences);
     TipprmiSequence<unsigned int, 0u> ids;
-    appendIds(ids);
+    for (auto at = occurrences.begin(); at != occurrences.end(); ++at) {
+        if (std::find(at + 1, occurrences.end(), *at) == occurrences.end())
+            ids.push_back(*at);
+    }
     return ids;
 }
 
-void TreflectMetaClass::appendIds(TipprmiSequence<unsigned int, 0u>& ids) const {
-    for (unsigned int i = 0; i < ids.getLength(); ++i) {
-        if (ids[i] == getClassId())
-            return;
-    }
+void TreflectMetaClass::appendIds(std::vector<unsigned int>& ids) const {
     ids.push_back(getClassId());
     for (TreflectMetaClass const* const base : bases_)
         base->appendIds(ids);

@@ -42,6 +42,10 @@ public:
          * TipprmiSequence of at most so many (kSequence). */
         Attribute(char const* attributeName, Kind valueKind, int count)
             : name(attributeName), kind(valueKind), length(count) {}
+        /** The same with handles on objects of the class `valueClass` as elements. */
+        Attribute(char const* attributeName, TreflectMetaClass const& valueClass, Kind valueKind,
+                  int count)
+            : name(attributeName), type(&valueClass), kind(valueKind), length(count) {}
 
         char const* name;
         TreflectMetaClass const* type = nullptr;
@@ -56,8 +60,8 @@ public:
                       std::vector<Operation> operations, std::vector<Attribute> attributes = {});
     ~TreflectMetaClass() override;
 
-    /** The class's own id, then those of its bases, each once: what a server object of the class
-     * answers to the question for its class ids. */
+    /** The class's own id, then those of all its bases, each once and behind those that are derived
+     * from it: what a server object of the class answers to the question for its class ids. */
     TipprmiSequence<unsigned int, 0u> classIds() const;
 
 protected:
@@ -67,10 +71,11 @@ private:
     void registerContainers();
     void describeParameters();
     void describeTypes();
-    void appendIds(TipprmiSequence<unsigned int, 0u>& ids) const;
+    /** Depth first; a base stands there once for each way that leads to it. */
+    void appendIds(std::vector<unsigned int>& ids) const;
 
     std::vector<TreflectMetaClass const*> const bases_;
     std::vector<Operation> const operations_;
     std::vector<Attribute> const attributes_;
-    bool completed_ = false;  // guarded by the run permission
+    mutable bool completed_ = false;  // guarded by the run permission
 };
