@@ -1,0 +1,407 @@
+// Classes as they are described at run time, and the repository that finds them by their ids.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "LogCapture.h"
+#include "ReflectiveClasses.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+constexpr unsigned int kId = 0x7E570000;  // and the next ones: ids of the tests' own classes
+
+/** A meta object as a generator writes it. */
+class Generated : public TreflectMetaObject {
+public:
+    using TreflectMetaObject::completeMetaInformationHelper;
+
+    explicit Generated(std::string const& name, unsigned int classId = kId)
+        : TreflectMetaObject(name, classId) {}
+
+    std::vector<MetaOpData> operations;
+    std::vector<MetaAttrData> attributes;
+    int hookCalls = 0;
+
+protected:
+    void completeMetaInformation() override {
+        if (hookCalls++ > 0)
+            return;
+        for (TreflectMetaObject* const base : parents())
+            complete(*base);
+        MetaOpData noOperation{};
+        MetaAttrData noAttribute{};
+        completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
+                                      static_cast<unsigned int>(operations.size()),
+                                      attributes.empty() ? &noAttribute : attributes.data(),
+                                      static_cast<unsigned int>(attributes.size()));
+    }
+};
+
+TreflectMetaObject* find(unsigned int classId) {
+    return InterfaceRepository::instance()->findInterface(classId);
+}
+
+std::vector<std::string> namesOf(std::list<TreflectMetaOperation*> const& members) {
+    std::vector<std::string> names;
+    for (TreflectMetaOperation const* const member : members)
+        names.push_back(member->name());
+    return names;
+}
+
+std::vector<std::string> attributesOf(TreflectMetaObject const& metaObject) {
+    std::list<TreflectMetaAttribute*> members;
+    metaObject.attributeList(members);
+    std::vector<std::string> names;
+    for (TreflectMetaAttribute const* const member : members)
+        names.push_back(member->name());
+    return names;
+}
+
+void expectLine(testsupport::LogCapture const& log, std::string const& source,
+                std::string const& text, std::size_t times = 1) {
+    EXPECT_EQ(log.count(3, text), times) << text;
+    auto const record = log.find(text);
+    ASSERT_TRUE(record) << text;
+    EXPECT_EQ(record->text, text);
+    EXPECT_EQ(record->source, source);
+}
+
+// ---- The repository ----------------------------------------------------------------------------
+
+TEST(InterfaceRepository, FirstOfAnIdWinsUntilAnyOfThemIsDestroyed) {
+    testsupport::LogCapture const log;
+    Generated first("First");
+    auto second = std::make_unique<Generated>("Second");
+    EXPECT_EQ(find(kId), &first);
+    EXPECT_TRUE(InterfaceRepository::instance()->registerInterface(second.get()));
+    EXPECT_EQ(find(kId), &first);
+    EXPECT_TRUE(log.texts().empty());
+
+    second.reset();
+    EXPECT_EQ(find(kId), nullptr);
+    expectLine(log, "REFLECT_InterfaceRepository",
+               "InterfaceRepository::findInterface(0x7E570000) Meta-information CANNOT BE FOUND");
+    // Taking out what is not there is no failure either.
+    EXPECT_TRUE(InterfaceRepository::instance()->unregisterInterface(&first));
+    EXPECT_TRUE(InterfaceRepository::instance()->registerInterface(&first));
+    EXPECT_EQ(find(kId), &first);
+}
+
+TEST(InterfaceRepository, ListsAllIdsInAscendingOrder) {
+    InterfaceRepository const& repository = *InterfaceRepository::instance();
+    std::vector<unsigned int> expected = repository.getIfIds();
+    {
+        Generated const last("Last", 0xFFFFFFFF);
+        Generated const none("None", 0);
+        expected.insert(expected.begin(), 0);
+        expected.push_back(0xFFFFFFFF);
+        EXPECT_EQ(repository.getIfIds(), expected);
+        EXPECT_TRUE(std::is_sorted(expected.begin(), expected.end()));
+    }
+    EXPECT_EQ(repository.getIfIds().size(), expected.size() - 2);
+}
+
+TEST(InterfaceRepository, HasAClassCompletedAtEachSearch) {
+    Generated meta("Class");
+    meta.operations = {{"run", 5}};
+    EXPECT_EQ(meta.metaOperation_("run"), nullptr);
+    find(kId);
+    EXPECT_NE(meta.metaOperation_("run"), nullptr);
+    find(kId);
+    EXPECT_EQ(meta.hookCalls, 2);
+}
+
+// ---- Completion --------------------------------------------------------------------------------
+
+TEST(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
+    Generated base("Base", kId + 1);
+    base.operations = {{"getShared", 1}, {"setShared", 2}};
+    Generated meta("Class");
+    meta.operations = {{"getOwn", 3}, {"setOwn", 4}, {"getFixed", -5}};
+    meta.attributes = {{"Shared"}, {"Own"}, {"Fixed"}};
+    EXPECT_TRUE(meta.registerParent(&base));
+    find(kId);
+
+    EXPECT_THAT(attributesOf(meta), ElementsAre("Fixed", "Own", "Shared"));
+    TreflectMetaAttribute const& shared = *meta.metaAttribute("Shared");
+    EXPECT_EQ(shared.containingMetaObject(), &meta);
+    EXPECT_EQ(shared.metaOperGet(), base.metaOperation("getShared"));
+    EXPECT_EQ(shared.metaOperSet()->id(), 2);
+    EXPECT_EQ(shared.metaOperSet()->containingMetaObject(), &base);
+    TreflectMetaAttribute const& fixed = *meta.metaAttribute("Fixed");
+    EXPECT_EQ(fixed.metaOperGet()->id(), -5);
+    EXPECT_EQ(fixed.metaOperSet(), nullptr);
+    EXPECT_EQ(fixed.constLength(), 1);
+    EXPECT_EQ(fixed.typeMeta(), nullptr);
+    EXPECT_EQ(fixed.typeName(), "");
+}
+
+TEST(MetaObject, EndsCompletionAtAnAttributeThatCannotBeRead) {
+    testsupport::LogCapture const log;
+    Generated meta("Class");
+    meta.operations = {{"getA", 1}, {"setB", 2}, {"getC", 3}};
+    meta.attributes = {{"A"}, {"B"}, {"C"}};
+    find(kId);
+    EXPECT_THAT(attributesOf(meta), ElementsAre("A"));
+    EXPECT_NE(meta.metaOperation_("getC"), nullptr);
+    expectLine(log, "REFLECT_metaObject",
+               "no get operation registered for attribute \"B\" of class \"Class\"");
+    EXPECT_EQ(log.records().size(), 1u);
+}
+
+TEST(MetaObject, RefusesToBeCompletedFromHalfATable) {
+    testsupport::LogCapture const log;
+    Generated meta("Class");
+    TreflectMetaObject::MetaOpData operation{"getA", 1};
+    TreflectMetaObject::MetaAttrData attribute{"A"};
+    meta.completeMetaInformationHelper(&operation, 1, nullptr, 0);
+    meta.completeMetaInformationHelper(nullptr, 0, &attribute, 1);
+    EXPECT_EQ(meta.metaOperation_("getA"), nullptr);
+    expectLine(log, "REFLECT_metaObject", "Invalid meta information for meta object \"Class\"", 2);
+
+    meta.completeMetaInformationHelper(&operation, 0, &attribute, 0);
+    EXPECT_EQ(meta.metaOperation_("getA"), nullptr);
+    EXPECT_EQ(log.records().size(), 2u);
+}
+
+// ---- Members -----------------------------------------------------------------------------------
+
+/** Tells of its end. */
+template <class Member>
+class Mortal : public Member {
+public:
+    template <class... Arguments>
+    explicit Mortal(std::vector<std::string>& ended, Arguments&&... arguments)
+        : Member(std::forward<Arguments>(arguments)...), ended_(ended) {}
+    ~Mortal() override { ended_.push_back(this->name()); }
+
+private:
+    std::vector<std::string>& ended_;
+};
+
+TEST(MetaObject, OwnsItsMembersButNotThoseThatWereReplaced) {
+    using Operation = Mortal<TreflectMetaOperation>;
+    using Attribute = Mortal<TreflectMetaAttribute>;
+    std::vector<std::string> ended;
+    auto meta = std::make_unique<Generated>("Class");
+    auto const replaced = std::make_unique<Operation>(ended, "b", meta.get(), 1);
+    auto const replacedAttribute =
+        std::make_unique<Attribute>(ended, "y", meta.get(), nullptr, nullptr);
+    meta->registerOperation(replaced.get());
+    auto* const later = new Operation(ended, "b", meta.get(), 2);
+    meta->registerOperation(later);
+    meta->registerOperation(new Operation(ended, "a", meta.get(), 3));
+    meta->registerAttribute(replacedAttribute.get());
+    meta->registerAttribute(new Attribute(ended, "y", meta.get(), later, nullptr));
+    meta->registerAttribute(new Attribute(ended, "x", meta.get(), later, nullptr));
+    EXPECT_EQ(meta->metaOperation("b"), later);
+    EXPECT_TRUE(ended.empty());
+
+    meta.reset();
+    EXPECT_THAT(ended, ElementsAre("x", "y", "a", "b"));
+}
+
+TEST(MetaObject, OperationKeepsTheLastDescriptionOfAParameter) {
+    TreflectMetaOperation operation("op", nullptr, 1);
+    operation.registerParameter("in0", "int");
+    operation.registerParameter("in0", "string");
+    operation.registerParameter("out0", "");
+    EXPECT_THAT(operation.parameters(),
+                ElementsAre(std::make_pair("in0", "string"), std::make_pair("out0", "")));
+}
+
+TEST(MetaObject, TypeOfAnAttributeIsMetaObjectAndName) {
+    Generated type("Type");
+    TreflectMetaAttribute attribute("a", nullptr, nullptr, nullptr);
+    attribute.registerType(&type);
+    EXPECT_EQ(attribute.typeMeta(), &type);
+    EXPECT_EQ(attribute.typeName(), "Type");
+    EXPECT_EQ(TreflectArrayMetaAttribute("a", nullptr, nullptr, nullptr, 12).constLength(), 12);
+    EXPECT_EQ(TreflectSequenceMetaAttribute("a", nullptr, nullptr, nullptr, 0).constLength(), 0);
+}
+
+// ---- Classes and their bases -------------------------------------------------------------------
+
+/** Bottom is derived from left and right, which are both derived from top. Bases stand in a set by
+ * address, so the left one is that of the lower address. */
+struct Diamond {
+    Generated top{"Top", kId};
+    Generated sides[2] = {Generated("Left", kId + 1), Generated("Right", kId + 2)};
+    Generated& left = sides[0];
+    Generated& right = sides[1];
+    Generated bottom{"Bottom", kId + 3};
+
+    Diamond() {
+        left.registerParent(&top);
+        right.registerParent(&top);
+        bottom.registerParent(&right);
+        bottom.registerParent(&left);
+        top.operations = {{"getT", 1}, {"both", 2}};
+        top.attributes = {{"T"}};
+        left.operations = {{"getL", 3}, {"both", 4}};
+        left.attributes = {{"L"}};
+        right.operations = {{"getR", 5}, {"both", 6}};
+        right.attributes = {{"R"}};
+        bottom.operations = {{"getB", 7}};
+        bottom.attributes = {{"B"}};
+        find(kId + 3);
+    }
+};
+
+TEST(MetaObject, IsAllItsBases) {
+    Diamond const d;
+    Generated const other("Other", kId + 4);
+    EXPECT_TRUE(d.bottom.isA(&d.bottom));
+    EXPECT_TRUE(d.bottom.isA(&d.left));
+    EXPECT_TRUE(d.bottom.isA(&d.right));
+    EXPECT_TRUE(d.bottom.isA(&d.top));
+    EXPECT_FALSE(d.top.isA(&d.bottom));
+    EXPECT_FALSE(d.left.isA(&d.right));
+    EXPECT_FALSE(d.bottom.isA(&other));
+    EXPECT_FALSE(d.bottom.isA(nullptr));
+    EXPECT_THAT(d.top.children(), UnorderedElementsAre(&d.left, &d.right));
+    EXPECT_THAT(d.bottom.parents(), UnorderedElementsAre(&d.left, &d.right));
+    EXPECT_THAT(d.bottom.children(), IsEmpty());
+}
+
+TEST(MetaObject, FindsMembersDepthFirstInTheOrderOfAddresses) {
+    testsupport::LogCapture const log;
+    Diamond const d;
+    EXPECT_EQ(d.bottom.metaOperation("both"), d.left.metaOperation_("both"));
+    EXPECT_EQ(d.bottom.metaOperation("getT")->containingMetaObject(), &d.top);
+    EXPECT_EQ(d.bottom.metaOperation("getR")->id(), 5);
+    EXPECT_EQ(d.bottom.metaAttribute("T")->containingMetaObject(), &d.top);
+    EXPECT_EQ(log.records().size(), 0u);
+
+    std::list<TreflectMetaOperation*> operations;
+    d.bottom.operationList(operations);
+    EXPECT_THAT(namesOf(operations), ElementsAre("getB", "both", "getL", "both", "getT", "both",
+                                                 "getR", "both", "getT"));
+    d.top.operationList(operations);  // appends
+    EXPECT_EQ(operations.size(), 11u);
+    EXPECT_THAT(attributesOf(d.bottom), ElementsAre("B", "L", "T", "R", "T"));
+}
+
+TEST(MetaObject, FailedSearchesLeaveALineForEachClassOrOne) {
+    testsupport::LogCapture log;
+    Diamond d;
+    std::string const text = "TreflectMetaObject::metaAttribute(X) NOT found, returning 0";
+    EXPECT_EQ(d.bottom.metaAttribute("X"), nullptr);
+    expectLine(log, "REFLECT_metaObject", text, 5);  // the top is reached in two ways
+    EXPECT_EQ(log.records().size(), 5u);
+
+    Generated middle("Middle", kId + 4);
+    Generated lowest("Lowest", kId + 5);
+    middle.registerParent(&d.top);
+    lowest.registerParent(&middle);
+    log.clear();
+    EXPECT_EQ(lowest.metaAttribute("X"), nullptr);
+    expectLine(log, "REFLECT_metaObject", text, 3);
+
+    log.clear();
+    EXPECT_EQ(d.bottom.metaAttribute("R"), d.right.metaAttribute("R"));
+    EXPECT_EQ(log.count("metaAttribute(R)"), 2u);  // searched in vain at the left
+
+    log.clear();
+    EXPECT_EQ(d.bottom.metaOperation_("X"), nullptr);
+    EXPECT_EQ(log.records().size(), 0u);
+    EXPECT_EQ(d.bottom.metaOperation("X"), nullptr);
+    expectLine(log, "REFLECT_metaObject",
+               "TreflectMetaObject(Bottom)::metaOperation(X) NOT found, returning 0");
+    EXPECT_EQ(log.records().size(), 1u);
+}
+
+TEST(MetaObject, LeavesNoPointerToItselfBehind) {
+    Generated base("Base", kId + 1);
+    Generated derived("Derived", kId + 2);
+    {
+        Generated middle("Middle", kId);
+        middle.registerParent(&base);
+        derived.registerParent(&middle);
+        EXPECT_TRUE(derived.isA(&base));
+    }
+    EXPECT_THAT(base.children(), IsEmpty());
+    EXPECT_THAT(derived.parents(), IsEmpty());
+}
+
+TEST(MetaObject, LogsTheNameThatADerivedClassGives) {
+    class Renamed : public Generated {
+    public:
+        Renamed() : Generated("Plain") {}
+        std::string const& name() const override { return other_; }
+
+    private:
+        std::string const other_ = "Other";
+    };
+    testsupport::LogCapture const log;
+    Renamed const meta;
+    EXPECT_EQ(meta.metaOperation("X"), nullptr);
+    EXPECT_TRUE(log.contains("TreflectMetaObject(Other)::metaOperation(X)"));
+    TreflectMetaAttribute attribute("a", nullptr, nullptr, nullptr);
+    Renamed type;
+    attribute.registerType(&type);
+    EXPECT_EQ(attribute.typeName(), "Other");
+}
+
+TEST(MetaObject, NobodyObservesNothing) {
+    testsupport::LogCapture const log;
+    Generated meta("Class");
+    EXPECT_FALSE(meta.observeCreations(nullptr, true));
+    EXPECT_FALSE(meta.observeDeletions(nullptr));
+    meta.removeObserver(nullptr);
+    EXPECT_EQ(log.records().size(), 0u);
+}
+
+// ---- Classes made of tables --------------------------------------------------------------------
+
+std::vector<unsigned int> idsOf(TreflectMetaClass const& meta) {
+    TipprmiSequence<unsigned int, 0u> const ids = meta.classIds();
+    std::vector<unsigned int> all;
+    for (unsigned int i = 0; i < ids.getLength(); ++i)
+        all.push_back(ids[i]);
+    return all;
+}
+
+TEST(MetaClass, TellsTheMostSpecialClassesFirst) {
+    EXPECT_THAT(idsOf(lampMeta), ElementsAre(lamp::kClass, device::kClass));
+    // A process that knows no combis, but heaters and devices, takes one for a heater.
+    EXPECT_THAT(idsOf(combiMeta),
+                ElementsAre(combi::kClass, lamp::kClass, heater::kClass, device::kClass));
+    TreflectMetaClass const twice("Twice", kId, {&deviceMeta, &combiMeta}, {});
+    EXPECT_THAT(idsOf(twice),
+                ElementsAre(kId, combi::kClass, lamp::kClass, heater::kClass, device::kClass));
+}
+
+TEST(MetaClass, CompletesItsBasesAndTheClassesOfItsValues) {
+    testsupport::LogCapture const log;
+    TreflectMetaClass const value("Value", kId, {}, {{"getX", 1}}, {"X"});
+    TreflectMetaClass const base("Base", kId + 1, {}, {{"getV", 2, {}, {"Value"}}});
+    TreflectMetaClass const meta(
+        "Class", kId + 2, {&base}, {{"setV", 3, {"Value"}, {}}},
+        {{"V", value, TreflectMetaClass::Attribute::kArray, 4}, "Absent", {"V2", value}});
+    ASSERT_EQ(find(kId + 2), &meta);
+    TreflectMetaAttribute const* const found = meta.metaAttribute("V");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->typeMeta(), &value);
+    EXPECT_EQ(found->constLength(), 4);
+    EXPECT_TRUE(dynamic_cast<TreflectArrayMetaAttribute const*>(found));
+    EXPECT_EQ(found->metaOperSet()->id(), 3);
+    EXPECT_TRUE(value.metaAttribute("X"));
+    EXPECT_THAT(meta.metaOperation("setV")->parameters(),
+                ElementsAre(std::make_pair("in0", "Value")));
+    EXPECT_THAT(base.metaOperation("getV")->parameters(),
+                ElementsAre(std::make_pair("out0", "Value")));
+    EXPECT_EQ(log.count("no get operation registered"), 1u);
+}
+
+}  // namespace

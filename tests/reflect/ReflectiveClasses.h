@@ -1,0 +1,304 @@
+// Reflective classes for tests, and their server objects: a Device, a Lamp and a Heater, which are
+// devices, and a Combi, which is both of them. Used by tests and by the program reflective_actor.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <string>
+
+#include "Waiting.h"
+#include "handler_threads.h"
+#include "ipprmi.h"
+#include "reflect.h"
+
+namespace device {
+constexpr unsigned int kClass = 0x52430001;
+enum Method : unsigned int { kGetName = 1, kPing = 2 };
+}  // namespace device
+
+namespace lamp {
+constexpr unsigned int kClass = 0x52430002;
+constexpr unsigned int kMaxLevel = 100;
+constexpr unsigned int kTooBright = 7;  // the refusal of a higher level
+constexpr int kRowLength = 3;
+// Each set operation stands behind its get operation.
+enum Method : unsigned int {
+    kLevel = 10,
+    kOffset = 12,
+    kLit = 14,
+    kLabel = 16,
+    kExtra = 18,
+    kCodes = 20,
+    kColour = 22,
+    kNext = 24,
+    kSteps = 26,
+    kSwitches = 28,
+    kOthers = 30,
+    kCrowd = 32,
+    kSerial = 34,  // without a set operation
+    kHeld = 36,    // answers, or takes a value, when released only
+    kBlink = 40    // (unsigned times)
+};
+}  // namespace lamp
+
+namespace heater {
+constexpr unsigned int kClass = 0x52430003;
+enum Method : unsigned int { kPower = 60 };
+}  // namespace heater
+
+namespace combi {
+constexpr unsigned int kClass = 0x52430004;
+}  // namespace combi
+
+/** A value with stream operators of its own. */
+struct Colour {
+    unsigned int red = 0;
+    unsigned int green = 0;
+    bool glowing = false;
+};
+inline TipprmiStream& operator<<(TipprmiStream& stream, Colour const& value) {
+    return stream << value.red << value.green << value.glowing;
+}
+inline TipprmiStream& operator>>(TipprmiStream& stream, Colour& value) {
+    return stream >> value.red >> value.green >> value.glowing;
+}
+inline bool operator==(Colour const& a, Colour const& b) {
+    return a.red == b.red && a.green == b.green && a.glowing == b.glowing;
+}
+
+/** An array attribute as it travels: its elements one after the other. */
+template <class T>
+struct Row {
+    std::array<T, lamp::kRowLength> elements{};
+};
+template <class T>
+TipprmiStream& operator<<(TipprmiStream& stream, Row<T> const& row) {
+    for (T const& element : row.elements)
+        stream << element;
+    return stream;
+}
+template <class T>
+TipprmiStream& operator>>(TipprmiStream& stream, Row<T>& row) {
+    for (T& element : row.elements)
+        stream >> element;
+    return stream;
+}
+
+// ---- Meta objects ------------------------------------------------------------------------------
+
+inline TreflectMetaClass const deviceMeta("Device", device::kClass, {},
+                                          {{"getName", device::kGetName, {}, {"string"}},
+                                           {"ping", device::kPing}},
+                                          {"Name"});
+
+inline TreflectMetaClass const lampMeta(
+    "Lamp", lamp::kClass, {&deviceMeta},
+    {{"getLevel", lamp::kLevel, {}, {"unsigned"}},
+     {"setLevel", lamp::kLevel + 1, {"unsigned"}, {}},
+     {"getOffset", lamp::kOffset, {}, {"int"}},
+     {"setOffset", lamp::kOffset + 1, {"int"}, {}},
+     {"getLit", lamp::kLit, {}, {"bool"}},
+     {"setLit", lamp::kLit + 1, {"bool"}, {}},
+     {"getLabel", lamp::kLabel, {}, {"string"}},
+     {"setLabel", lamp::kLabel + 1, {"string"}, {}},
+     {"getExtra", lamp::kExtra, {}, {"any"}},
+     {"setExtra", lamp::kExtra + 1, {"any"}, {}},
+     {"getCodes", lamp::kCodes, {}, {"sequence of unsigned"}},
+     {"setCodes", lamp::kCodes + 1, {"sequence of unsigned"}, {}},
+     {"getColour", lamp::kColour, {}, {"Colour"}},
+     {"setColour", lamp::kColour + 1, {"Colour"}, {}},
+     {"getNext", lamp::kNext, {}, {"Lamp"}},
+     {"setNext", lamp::kNext + 1, {"Lamp"}, {}},
+     {"getSteps", lamp::kSteps, {}, {"array of unsigned"}},
+     {"setSteps", lamp::kSteps + 1, {"array of unsigned"}, {}},
+     {"getSwitches", lamp::kSwitches, {}, {"array of bool"}},
+     {"setSwitches", lamp::kSwitches + 1, {"array of bool"}, {}},
+     {"getOthers", lamp::kOthers, {}, {"array of Lamp"}},
+     {"setOthers", lamp::kOthers + 1, {"array of Lamp"}, {}},
+     {"getCrowd", lamp::kCrowd, {}, {"sequence of Lamp"}},
+     {"setCrowd", lamp::kCrowd + 1, {"sequence of Lamp"}, {}},
+     {"getSerial", lamp::kSerial, {}, {"unsigned"}},
+     {"getHeld", lamp::kHeld, {}, {"unsigned"}},
+     {"setHeld", lamp::kHeld + 1, {"unsigned"}, {}},
+     {"blink", lamp::kBlink, {"unsigned"}, {}}},
+    {"Level",
+     "Offset",
+     "Lit",
+     "Label",
+     "Extra",
+     {"Codes", TreflectMetaClass::Attribute::kSequence, 8},
+     "Colour",
+     {"Next", lampMeta},
+     {"Steps", TreflectMetaClass::Attribute::kArray, lamp::kRowLength},
+     {"Switches", TreflectMetaClass::Attribute::kArray, lamp::kRowLength},
+     {"Others", lampMeta, TreflectMetaClass::Attribute::kArray, lamp::kRowLength},
+     {"Crowd", lampMeta, TreflectMetaClass::Attribute::kSequence, 8},
+     "Serial",
+     "Held"});
+
+inline TreflectMetaClass const heaterMeta("Heater", heater::kClass, {&deviceMeta},
+                                          {{"getPower", heater::kPower, {}, {"unsigned"}}},
+                                          {"Power"});
+
+inline TreflectMetaClass const combiMeta("Combi", combi::kClass, {&lampMeta, &heaterMeta}, {});
+
+// ---- Server objects ----------------------------------------------------------------------------
+
+/** Build and destroy it holding the run permission. */
+class LampObject : public TreflectServerObject {
+public:
+    explicit LampObject(std::string const& name, TreflectObject const* parent = nullptr)
+        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), parent, name), name_(name) {}
+
+    unsigned int getServerClassId() const override { return lamp::kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return lampMeta.classIds();
+    }
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override;
+
+    unsigned int pings() const { return pings_; }
+    unsigned int blinks() const { return blinks_; }
+    /** Lets all calls that are held go on, now and later. */
+    void release() { released_.open(); }
+    testsupport::Gate& entered() { return entered_; }
+
+    // The attributes' values, for the test to set. Guarded by the run permission.
+    unsigned int level = 1;
+    int offset = -5;
+    bool lit = true;
+    std::string label = "lamp";
+    TipprmiAny extra;
+    TipprmiSequence<unsigned int, 0u> codes;
+    Colour colour;
+    TreflectObject next;
+    Row<unsigned int> steps;
+    Row<bool> switches;
+    Row<TreflectObject> others;
+    TipprmiSequence<TreflectObject, 0u> crowd;
+    unsigned int serial = 4711;
+    unsigned int held = 77;
+
+private:
+    template <class>
+    struct Pointee;
+    template <class T>
+    struct Pointee<T LampObject::*> {
+        using Type = T;
+    };
+    template <auto Field>
+    using Of = typename Pointee<decltype(Field)>::Type;
+
+    template <auto Field>
+    Of<Field> read() const {
+        return this->*Field;
+    }
+    template <auto Field>
+    void write(Of<Field> const& value) {
+        this->*Field = value;
+    }
+    std::string name() const { return name_; }
+    void ping() { ++pings_; }
+    void blink(unsigned int times) { blinks_ += times; }
+    TipprmiResult<void> writeLevel(unsigned int value) {
+        if (value > lamp::kMaxLevel)
+            return TipprmiFailure(lamp::kTooBright);
+        level = value;
+        return {};
+    }
+    unsigned int readHeld() {
+        hold();
+        return held;
+    }
+    void writeHeld(unsigned int value) {
+        hold();
+        held = value;
+    }
+    void hold() {
+        TreflectReleaseHandlerState const released;
+        entered_.open();
+        released_.wait(std::chrono::hours(1));
+    }
+    /** Serves the two operations of an attribute whose get operation has the code `get`. */
+    template <auto Field>
+    bool serveValue(unsigned int get, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                    TipprmiStream& out) {
+        return mc == get ? serve(lamp::kClass, cc, mc, in, out, &LampObject::read<Field>)
+                         : serve(lamp::kClass, cc, mc, in, out, &LampObject::write<Field>);
+    }
+
+    std::string const name_;
+    std::atomic<unsigned int> pings_{0};
+    std::atomic<unsigned int> blinks_{0};
+    testsupport::Gate entered_;
+    testsupport::Gate released_;
+};
+
+inline bool LampObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
+                                 TipprmiStream& in, TipprmiStream& out) {
+    unsigned int const get = mc & ~1u;
+    switch (mc) {
+        case device::kGetName:
+            return serve(device::kClass, cc, mc, in, out, &LampObject::name);
+        case device::kPing:
+            return serve(device::kClass, cc, mc, in, out, &LampObject::ping);
+        case lamp::kLevel + 1:
+            return serve(lamp::kClass, cc, mc, in, out, &LampObject::writeLevel);
+        case lamp::kHeld:
+            return serve(lamp::kClass, cc, mc, in, out, &LampObject::readHeld);
+        case lamp::kHeld + 1:
+            return serve(lamp::kClass, cc, mc, in, out, &LampObject::writeHeld);
+        case lamp::kBlink:
+            return serve(lamp::kClass, cc, mc, in, out, &LampObject::blink);
+        case lamp::kSerial:
+            return serve(lamp::kClass, cc, mc, in, out, &LampObject::read<&LampObject::serial>);
+    }
+    switch (get) {
+        case lamp::kLevel:
+            return serveValue<&LampObject::level>(get, cc, mc, in, out);
+        case lamp::kOffset:
+            return serveValue<&LampObject::offset>(get, cc, mc, in, out);
+        case lamp::kLit:
+            return serveValue<&LampObject::lit>(get, cc, mc, in, out);
+        case lamp::kLabel:
+            return serveValue<&LampObject::label>(get, cc, mc, in, out);
+        case lamp::kExtra:
+            return serveValue<&LampObject::extra>(get, cc, mc, in, out);
+        case lamp::kCodes:
+            return serveValue<&LampObject::codes>(get, cc, mc, in, out);
+        case lamp::kColour:
+            return serveValue<&LampObject::colour>(get, cc, mc, in, out);
+        case lamp::kNext:
+            return serveValue<&LampObject::next>(get, cc, mc, in, out);
+        case lamp::kSteps:
+            return serveValue<&LampObject::steps>(get, cc, mc, in, out);
+        case lamp::kSwitches:
+            return serveValue<&LampObject::switches>(get, cc, mc, in, out);
+        case lamp::kOthers:
+            return serveValue<&LampObject::others>(get, cc, mc, in, out);
+        case lamp::kCrowd:
+            return serveValue<&LampObject::crowd>(get, cc, mc, in, out);
+        default:
+            return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
+    }
+}
+
+class CombiObject : public LampObject {
+public:
+    using LampObject::LampObject;
+
+    unsigned int getServerClassId() const override { return combi::kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return combiMeta.classIds();
+    }
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        if (mc == heater::kPower)
+            return serve(heater::kClass, cc, mc, in, out, &CombiObject::power);
+        return LampObject::dispatch(withResponse, cc, mc, in, out);
+    }
+
+private:
+    unsigned int power() const { return 2000; }
+};
