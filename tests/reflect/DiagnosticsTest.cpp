@@ -308,6 +308,20 @@ TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     EXPECT_EQ(displayed(0), expected) << "showing the counters does not reset them";
 }
 
+TEST_F(DiagnosticsTest, displayTellsWhoTheBrokerIsEvenWhenThePermissionIsKept) {
+    orb();
+    std::thread shown;
+    {
+        TreflectHandlerState const handlerState(true);
+        shown = std::thread([this] { orb().display(0); });
+        EXPECT_TRUE(log_.waitFor("  number of handler threads: 1"));
+        EXPECT_TRUE(log_.contains("ORB display: actor "));
+        EXPECT_FALSE(log_.contains("metaData"));
+    }
+    shown.join();
+    EXPECT_TRUE(log_.contains("  metaData: size=0"));
+}
+
 // ---- The reset of the unit ----------------------------------------------------------------------
 
 TEST_F(DiagnosticsTest, resetCollectsLogsAndAbortsWhateverComesOfIt) {
