@@ -74,6 +74,36 @@ TEST(Any, MayBeReplacedByTheAnyInsideIt) {
     EXPECT_EQ(wireForm(inside), wireForm(any));
 }
 
+TEST(Any, GoesIntoAStreamAndComesOutOfItWithoutALength) {
+    TipprmiAny any;
+    TipprmiStream stream(100);
+    any.writeBare(stream);
+    any.insert("abc").writeBare(stream) << 7u;
+    EXPECT_EQ("0000000361626300000007", hex(stream));
+
+    TipprmiAny copy;
+    EXPECT_TRUE(copy.takeBare(stream, 7));
+    any = copy;
+    EXPECT_FALSE(copy.takeBare(stream, 5)) << "more than is left";
+    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+    EXPECT_EQ("abc", extracted<std::string>(copy));
+    EXPECT_TRUE(copy.takeRest(stream));
+    EXPECT_EQ(7u, extracted<unsigned int>(copy));
+    EXPECT_EQ("abc", extracted<std::string>(any)) << "copies are independent";
+    EXPECT_TRUE(copy.takeRest(stream));
+    EXPECT_TRUE(copy.empty());
+    stream.rewind();
+    EXPECT_TRUE(any.takeBare(stream, -3));
+    EXPECT_TRUE(any.empty());
+    EXPECT_EQ(11, stream.getUnreadSize());
+
+    EXPECT_TRUE(any.setData("0123", 4));
+    EXPECT_TRUE(any.setData(any.getDataPtr() + 1, 2)) << "of its own";
+    EXPECT_EQ("000000023132", wireForm(any));
+    EXPECT_FALSE(any.setData(nullptr, 17 << 20)) << "no message holds it";
+    EXPECT_EQ(2, any.getDataSize());
+}
+
 TEST(Any, ValueTooLargeSpoilsTheMessageItIsWrittenTo) {
     TipprmiAny any;
     any.insert(std::string(Transport::kLargestMessage, 'x'));

@@ -1,0 +1,216 @@
+// Operations that are called by name, with arguments and results in anys.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ChildProgram.h"
+#include "DeskObject.h"
+#include "Waiting.h"
+#include "handler_threads.h"
+#include "reflect.h"
+
+namespace {
+
+using testsupport::ChildProgram;
+using Values = TipprmiSequence<TipprmiAny, 0u>;
+
+template <class... T>
+Values values(T const&... value) {
+    Values all;
+    TreflectParameters::fill(all, value...);
+    return all;
+}
+
+/** What a console does: text to arguments, and results to text; "?" and a code for a failure. */
+std::string called(TreflectOperation& operation, std::vector<std::string> const& texts) {
+    std::vector<TreflectParameterType> const in = operation.meta()->argumentTypes();
+    Values arguments;
+    arguments.setLength(static_cast<unsigned int>(texts.size()));
+    for (unsigned int i = 0; i < texts.size(); ++i)
+        EXPECT_TRUE(in.at(i).parse(texts[i], arguments[i])) << texts[i];
+    auto const results = operation.invoke(arguments);
+    if (!results)
+        return '?' + std::to_string(results.code());
+    std::vector<TreflectParameterType> const out = operation.meta()->resultTypes();
+    std::string text;
+    for (unsigned int i = 0; i < results.value().getLength(); ++i) {
+        TreflectParameterType const& type =
+            i < out.size() && out[i].isValid() ? out[i] : TreflectParameterType("any");
+        TipprmiAny result = results.value()[i];
+        if (type.name() == "any")
+            result.insert(results.value()[i]);
+        text += (i > 0 ? " " : "") + type.print(result).valueOr("unreadable");
+    }
+    return text;
+}
+
+enum Where { kSameProcess, kOtherProcess };
+
+class ByValueCallTest : public ::testing::TestWithParam<Where> {
+protected:
+    ByValueCallTest() {
+        if (GetParam() == kSameProcess) {
+            here_ = std::make_unique<desk::Server>(desk::localId());
+            object = TreflectObject(desk::localId());
+            return;
+        }
+        TreflectReleaseHandlerState const outside;
+        child = std::make_unique<ChildProgram>("desk_actor");
+        EXPECT_TRUE(child->waitForLine("serving"));
+        TreflectHandlerState const back(true);
+        object = TreflectObject(desk::remoteId());
+    }
+    TreflectOperation& operation(std::string const& name) const { return object.operation(name); }
+    unsigned int joined() const {
+        unsigned int times = 0;
+        auto const results = operation("counted").invoke({});
+        TipprmiAny(results.value()[0]).extract(times);
+        return times;
+    }
+
+    TreflectHandlerState const inside{true};
+    std::unique_ptr<ChildProgram> child;
+
+private:
+    std::unique_ptr<desk::Server> here_;
+
+protected:
+    TreflectObject object;
+};
+
+INSTANTIATE_TEST_SUITE_P(ToAnObjectOf, ByValueCallTest,
+                         ::testing::Values(kSameProcess, kOtherProcess), [](auto const& where) {
+                             return where.param == kSameProcess ? "TheSameProcess"
+                                                                : "AnotherProcess";
+                         });
+
+TEST_P(ByValueCallTest, TextBecomesArgumentsAndResultsBecomeText) {
+    EXPECT_EQ(called(operation("join"), {"\"number \"", "0x11"}), "\"number 17\"");
+    EXPECT_EQ(called(operation("words"), {"abc"}), "3 [\"a\", \"b\", \"c\"]");
+    EXPECT_EQ(called(operation("refuse"), {"0"}), "") << "no results";
+}
+
+TEST_P(ByValueCallTest, ValuesGoInAndComeOutAsTheyAre) {
+    Values out = values(1u, 2u);
+    ASSERT_EQ(operation("join").call(values("number ", 17u), out), 0);
+    ASSERT_EQ(out.getLength(), 1u);
+    std::string text;
+    out[0].extract(text);
+    EXPECT_EQ(text, "number 17");
+    Values inAndOut = values(std::string("x"));
+    ASSERT_EQ(operation("words").call(inAndOut, inAndOut), 0);
+    ASSERT_EQ(inAndOut.getLength(), 2u);
+    TipprmiSequence<std::string, 0u> words;
+    inAndOut[1].extract(words);
+    EXPECT_EQ(words[0], "x");
+}
+
+TEST_P(ByValueCallTest, ResultsAreSplitAsTheyAreDescribed) {
+    std::string const unreadable = '?' + std::to_string(TipprmiFailure::kUnreadable);
+    EXPECT_EQ(called(operation("two"), {}), "4278190081 2");
+    EXPECT_EQ(called(operation("twoInOne"), {}), "{4278190081, 2}");
+    EXPECT_EQ(called(operation("twoUndescribed"), {}), "0xFF00000100000002");
+    EXPECT_EQ(called(operation("twoAsOne"), {}), unreadable) << "more than described";
+    EXPECT_EQ(called(operation("twoAsThree"), {}), unreadable) << "less than described";
+    EXPECT_EQ(called(operation("twoAsTexts"), {}), unreadable);
+    EXPECT_EQ(called(operation("twoWithColour"), {}), "4278190081 0x00000002");
+    EXPECT_EQ(called(operation("twoOfColour"), {}), "0xFF00000100000002") << "where does it end?";
+    Values out = values(1u);
+    EXPECT_EQ(operation("twoAsOne").call({}, out), TreflectOperation::error);
+    EXPECT_EQ(out.getLength(), 1u) << "left as it was";
+}
+
+TEST_P(ByValueCallTest, AFailureTellsItsCode) {
+    EXPECT_EQ(called(operation("refuse"), {"42"}), "?42");
+    Values out = values(1u);
+    EXPECT_EQ(operation("refuse").call(values(42u), out), TreflectOperation::error);
+    EXPECT_EQ(out.getLength(), 1u);
+    EXPECT_EQ(operation("join").invoke(values("no number")).code(), TipprmiFailure::kNotServed);
+    EXPECT_EQ(operation("join").invoke({}).code(), TipprmiFailure::kNotServed);
+    EXPECT_EQ(joined(), 0u);
+
+    TreflectOperation& none = operation("noneOfThisName");
+    EXPECT_FALSE(none.invoke(values(1u)));
+    EXPECT_EQ(none.call(values(1u), out), TreflectOperation::error);
+}
+
+TEST_P(ByValueCallTest, AResponseWithAnExceptionOfAnotherKindIsAFailure) {
+    TipprmiExceptionContainer container;
+    container.setExceptionType(7);
+    TreflectOperation& two = operation("two");
+    object.getStub_()->setExceptionContainer(container);
+    EXPECT_EQ(two.invoke({}).code(), TipprmiFailure::kUnreadable);
+}
+
+TEST_P(ByValueCallTest, ArgumentsThatNoMessageHoldsAreNotSent) {
+    std::string const half(9u << 20, 'x');
+    EXPECT_FALSE(operation("join").invoke(values(half, half)));
+    EXPECT_EQ(joined(), 0u);
+}
+
+TEST_P(ByValueCallTest, ObserversAreToldAndMayForbidIt) {
+    class Guard : public TreflectObserver {
+    public:
+        Guard() : TreflectObserver(TipprmiOID("guard", NSID_UNIT), nullptr, "guard") {}
+        bool update() override {
+            unsigned int number = 0;
+            Values told = arguments();
+            told[1].extract(number);
+            return number <= 100;
+        }
+    } guard;
+    ASSERT_TRUE(operation("join").preObserve(&guard));
+    EXPECT_EQ(called(operation("join"), {"x", "100"}), "\"x100\"");
+    EXPECT_EQ(called(operation("join"), {"x", "101"}),
+              '?' + std::to_string(TipprmiFailure::kVetoed));
+    EXPECT_EQ(joined(), 1u);
+}
+
+/** Ends a handle while a call through it is on its way. */
+class Ending : public desk::Server {
+public:
+    explicit Ending(std::optional<TreflectObject>& handle)
+        : Server(TipprmiOID("", NSID_UNIT)), handle_(handle) {}
+    std::string join(std::string const& text, unsigned int number) override {
+        handle_.reset();
+        return Server::join(text, number);
+    }
+
+private:
+    std::optional<TreflectObject>& handle_;
+};
+
+TEST_P(ByValueCallTest, TheHandleMayEndDuringTheCall) {
+    std::optional<TreflectObject> handle(object);
+    object = TreflectObject();
+    Ending const ending(handle);
+    auto const results = handle->operation("passOn").invoke(values(*ending.getClient()));
+    EXPECT_FALSE(handle);
+    ASSERT_TRUE(results);
+    EXPECT_EQ(TreflectParameterType("string").print(results.value()[0]).value(), "\"passed on 1\"");
+}
+
+TEST(ByValueCall, AKilledProcessIsAFailureAndNoWait) {
+    TreflectHandlerState const inside(true);
+    std::optional<ChildProgram> child;
+    {
+        TreflectReleaseHandlerState const outside;
+        child.emplace("desk_actor");
+        ASSERT_TRUE(child->waitForLine("serving"));
+    }
+    TreflectObject const object(desk::remoteId());
+    TreflectOperation& two = object.operation("two");
+    ASSERT_TRUE(two.invoke({}));
+    child->kill();
+    ASSERT_TRUE(testsupport::eventually([&] {
+        TreflectReleaseHandlerState const outside;
+        return !object.isConnected();
+    }));
+    EXPECT_EQ(two.invoke({}).code(), TipprmiFailure::kNotServed);
+    EXPECT_EQ(TreflectOperation(two.meta(), &object).invoke({}).code(), TipprmiFailure::kNotServed);
+}
+
+}  // namespace
