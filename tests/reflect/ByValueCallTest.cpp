@@ -206,11 +206,12 @@ TEST(ByValueCall, AKilledProcessIsAFailureAndNoWait) {
     ASSERT_TRUE(two.invoke({}));
     child->kill();
     ASSERT_TRUE(testsupport::eventually([&] {
+        if (!object.isConnected())
+            return true;
         TreflectReleaseHandlerState const outside;
-        return !object.isConnected();
+        return false;
     }));
     EXPECT_EQ(two.invoke({}).code(), TipprmiFailure::kNotServed);
-    EXPECT_EQ(TreflectOperation(two.meta(), &object).invoke({}).code(), TipprmiFailure::kNotServed);
 }
 
 }  // namespace
