@@ -103,6 +103,78 @@ TEST(SlotOrder, OfCallHooks) {
               from(kBehindDestructor, 5));
 }
 
+TEST(SlotOrder, OfReflectiveHandles) {
+    using Object = TreflectObject;
+    using ObserverClient = TreflectObserverClient;
+    std::size_t const behindBase = kBehindDestructor + 5;
+    EXPECT_EQ((Slots{slot(&Object::attribute), slot(&Object::operation), slot(&Object::meta),
+                     slot(&Object::getAbsName), slot(&Object::getRelName), slot(&Object::getParent),
+                     slot(&Object::getChild), slot(&Object::getChilds),
+                     slot(&Object::registerChild), slot(&Object::unregisterChild),
+                     slot<void (Object::*)(TipprmiOID const&)>(&Object::connect),
+                     slot(&Object::registerObserver), slot(&Object::removeObserver),
+                     slot(&ObserverClient::notify)}),
+              from(behindBase, 14));
+    EXPECT_EQ(
+        (Slots{slot<void (Object::*)(Skeleton*)>(&Object::connect),
+               slot<void (Object::*)(TreflectORB const*, TipprmiOID const&)>(&Object::connect)}),
+        from(kBehindDestructor + 2, 2));
+}
+
+TEST(SlotOrder, OfBoundMembers) {
+    using Attribute = TreflectAttribute;
+    using Error = TreflectErrorAttribute;
+    EXPECT_EQ((Slots{slot(&Attribute::operation), slot(&Attribute::attribute)}),
+              from(kBehindDestructor, 2));
+    EXPECT_EQ((Slots{slot(&Error::operation), slot(&Error::attribute)}),
+              from(kBehindDestructor, 2));
+}
+
+/** Shows the hook that completes a class. */
+class ShownMetaObject : public TreflectMetaObject {
+public:
+    static std::size_t completionSlot() { return slot(&ShownMetaObject::completeMetaInformation); }
+};
+
+TEST(SlotOrder, OfMetaObjectsAndMembers) {
+    EXPECT_EQ((Slots{slot(&TreflectMetaObject::name), ShownMetaObject::completionSlot()}),
+              from(kBehindDestructor, 2));
+    EXPECT_EQ(slot(&TreflectArrayMetaAttribute::getTied), kBehindDestructor);
+    EXPECT_EQ(slot(&TreflectSequenceMetaAttribute::getTied), kBehindDestructor);
+}
+
+TEST(SlotOrder, OfServerObjectsAndObservers) {
+    using Server = TreflectServerObject;
+    using Watch = TreflectObserver;
+    std::size_t const behindBase = kBehindDestructor + 9;
+    Slots const slots{
+        slot(&Server::getClient),
+        slot(&Server::getParent),
+        slot(&Server::getChild),
+        slot(&Server::getChilds),
+        slot(&Server::registerChild),
+        slot(&Server::unregisterChild),
+        slot(&Server::getServerClassId),
+        slot(&Server::getServerClassIdSeq),
+        slot(&Server::getAbsName),
+        slot(&Server::getRelName),
+        slot(&Server::sendCreationEvent),
+        slot(&Server::sendDeletionEvent),
+        slot<bool (Server::*)(unsigned int, unsigned int const&, unsigned int const&,
+                              TipprmiSequence<TipprmiAny, 0u> const&)>(&Server::notifyObservers),
+        slot(&TreflectObserverSkeleton::notify),
+        slot(&Watch::update),
+        slot(&Watch::getSource),
+        slot(&Watch::setSource)};
+    EXPECT_EQ(slots, from(behindBase, 17));
+    EXPECT_EQ(slot(&Watch::notify), slot(&TreflectObserverSkeleton::notify));
+
+    using Observed = TreflectObservable;
+    EXPECT_EQ((Slots{slot(&Observed::registerObserver), slot(&Observed::unRegisterObserver),
+                     slot(&Observed::notifyObservers)}),
+              from(kBehindDestructor, 3));
+}
+
 TEST(SlotOrder, OfBrokers) {
     using Orb = TreflectORB;
     EXPECT_EQ((Slots{slot(&Orb::receive), slot(&Orb::issue), slot(&Orb::receiveError),
