@@ -1,0 +1,135 @@
+// A process of the soak. Arguments: ACTOR LIFE SEED ACTORS JOURNAL. Acts as lines on standard input
+// tell it, and answers each with the line itself when it is done:
+//
+//   go N      act, until told otherwise
+//   rest N    stop acting
+//   tell N    write down how many one-way calls were sent and received
+//   clear N   destroy all objects but "home"
+//   quit      end
+//
+// With the argument "beacon" alone it is nothing but a broker, which answers "start TERMINATION".
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "Player.h"
+
+namespace {
+
+using namespace soak;
+
+constexpr unsigned int kPlayers = 2;
+
+void answer(std::string const& line) {
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+}
+
+class Process {
+public:
+    explicit Process(Settings const& settings) : actor_(settings), brokers_(actor_.journal) {
+        TreflectORB& orb = *TreflectORB::getInstance(NSID_UNIT);
+        orb.registerOrbCreation(&brokers_, false);
+        orb.registerOrbDeletion(&brokers_);
+        actor_.journal.write("start", orb.termId().value(), orb.orbId().value());
+        TreflectHandlerState const inside(true);
+        home_ =
+            std::make_unique<Object>(homeOf(settings.actor), homeOf(settings.actor), settings.life,
+                                     [this](std::string const& from) { ++actor_.received[from]; });
+        registerAnchors();
+        actor_.journal.write("up");
+        for (unsigned int i = 0; i < kPlayers; ++i)
+            players_.push_back(std::make_unique<Player>(actor_, i));
+    }
+    ~Process() {
+        actor_.turn.end();
+        for (std::thread& thread : threads_)
+            thread.join();
+        TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(&brokers_);
+        retire(anchors_);
+        TreflectHandlerState const inside(true);
+        home_.reset();
+        actor_.known = KnownObjects();
+    }
+    Process(Process const&) = delete;
+    Process& operator=(Process const&) = delete;
+
+    void run() {
+        for (auto const& player : players_)
+            threads_.emplace_back([&player] { player->run(); });
+        answer("up");
+        for (std::string line; std::getline(std::cin, line) && line != "quit";) {
+            obey(line.substr(0, line.find(' ')));
+            answer(line);
+        }
+    }
+
+private:
+    /** First of all, while others do the same: they subscribe here while we subscribe there. */
+    void registerAnchors() {
+        for (unsigned int i = 0; i < kClasses; ++i) {
+            for (Kind const kind : {Kind::creations, Kind::deletions}) {
+                if (!hasAnchor(i, kind))
+                    continue;
+                anchors_.push_back(std::make_unique<Watcher>(
+                    actor_, i, kind, kind == Kind::creations, Watcher::Habit::plain));
+                anchors_.back()->observe();
+            }
+        }
+    }
+    void obey(std::string const& order) {
+        if (order == "go") {
+            actor_.turn.go();
+        } else if (order == "rest") {
+            actor_.turn.rest();
+        } else if (order == "tell") {
+            tellOneWayCalls();
+        } else if (order == "clear") {
+            TreflectHandlerState const inside(true);
+            for (auto const& player : players_)
+                player->clear();
+        }
+    }
+    void tellOneWayCalls() {
+        TreflectHandlerState const inside(true);
+        for (auto const& [broker, count] : actor_.sent)
+            actor_.journal.write("sent", broker, count);
+        for (auto const& [from, count] : actor_.received)
+            actor_.journal.write("received", from, count);
+    }
+
+    Actor actor_;
+    BrokerWatcher brokers_;
+    std::unique_ptr<Object> home_;
+    std::vector<std::unique_ptr<Watcher>> anchors_;
+    std::vector<std::unique_ptr<Player>> players_;
+    std::vector<std::thread> threads_;
+};
+
+int beacon() {
+    answer("start " + std::to_string(TreflectORB::getInstance(NSID_UNIT)->termId().value()));
+    for (std::string line; std::getline(std::cin, line);) {
+    }
+    return EXIT_SUCCESS;
+}
+
+unsigned int number(char const* text) {
+    return static_cast<unsigned int>(std::strtoul(text, nullptr, 10));
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    if (count == 2 && std::string(arguments[1]) == "beacon")
+        return beacon();
+    if (count != 6)
+        return EXIT_FAILURE;
+    Settings const settings{number(arguments[1]), number(arguments[2]), number(arguments[3]),
+                            number(arguments[4]), arguments[5]};
+    Process(settings).run();
+    return EXIT_SUCCESS;
+}
