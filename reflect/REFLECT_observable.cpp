@@ -1,5 +1,8 @@
+#include <exception>
 #include <vector>
 
+#include "handler_threads/TreflectRestoreHandlerState.h"
+#include "logging/Log.h"
 #include "reflect/TreflectObservable.h"
 
 /** The observers that a notification goes through: shares of their stubs, so that no registration
@@ -30,6 +33,10 @@ TreflectObservable::Life::Life(TreflectObservable const& observable)
 TreflectObservable::TreflectObservable() = default;
 
 TreflectObservable::~TreflectObservable() {
+    endLife();
+}
+
+void TreflectObservable::endLife() {
     if (living_)
         *living_ = false;
 }
@@ -59,6 +66,29 @@ void TreflectObservable::unRegisterObserver(TreflectObserverClient const& client
     removeFirst(postObservers_.get(), client);
 }
 
+// What an observer of this process throws ends here, as that of another process ends there: the
+// others are to be told as well, and the call is not theirs to break.
+bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObject const& source,
+                              unsigned int cc, unsigned int mc,
+                              TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer) {
+    TreflectRestoreHandlerState const restored;
+    bool alive = false;
+    try {
+        answer = client.notify(source, cc, mc, arguments, alive);
+        return alive;
+    } catch (std::exception const& error) {
+        REFLECTORB_LOG(3, "REFLECT_observable",
+                       "observer told of classCode=0x%X,methodCode=%u threw %s", cc, mc,
+                       error.what());
+    } catch (...) {
+        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
+            throw;
+        REFLECTORB_LOG(3, "REFLECT_observable",
+                       "observer told of classCode=0x%X,methodCode=%u threw", cc, mc);
+    }
+    return false;
+}
+
 bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned int kind,
                                          unsigned int const& cc, unsigned int const& mc,
                                          TipprmiSequence<TipprmiAny, 0u> const& arguments) {
@@ -71,16 +101,15 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
     bool agreed = true;
     std::vector<TreflectObserverClient const*> unreached;
     for (auto const& client : told.clients()) {
-        bool alive = false;
-        bool const answer = client->notify(source, cc, mc, arguments, alive);
-        if (!alive)
+        bool answer = false;
+        if (!tell(*client, source, cc, mc, arguments, answer))
             unreached.push_back(client.get());
         else if (!answer)
             agreed = false;
     }
-    if (life.ended())
-        return false;
-    for (TreflectObserverClient const* const client : unreached)
-        unRegisterObserver(*client);
-    return agreed;
+    for (TreflectObserverClient const* const client : unreached) {
+        if (!life.ended())
+            unRegisterObserver(*client);
+    }
+    return agreed && !life.ended();
 }

@@ -17,7 +17,8 @@
  */
 class REFLECTORB_API TreflectObservable {
 public:
-    /** Whether an observable that may have been destroyed during a wait is still there. */
+    /** Whether an observable that may have been destroyed during a wait is still there. Ends when
+     * the destruction begins, which may wait itself. */
     class Life {
     public:
         explicit Life(TreflectObservable const& observable);
@@ -45,7 +46,8 @@ public:
     /**
      * Tells the observers of one kind of a call on `source`, in the order of their registration;
      * all of them, whatever they answer. False when one that was reached answered false, or when
-     * this object was destroyed meanwhile. One that was not reached has a registration ended.
+     * this object was destroyed meanwhile. One that was not reached, or whose `update` threw, has
+     * no say and has a registration ended.
      * Observers may be registered and removed meanwhile, which changes nothing for this call.
      */
     virtual bool notifyObservers(TreflectObject const& source, unsigned int kind,
@@ -60,6 +62,10 @@ public:
         return available(postObservers_, cc, mc);
     }
 
+protected:
+    /** Says that the object is being destroyed. */
+    void endLife();
+
 private:
     using Key = std::pair<unsigned int, unsigned int>;  // class id, method code
     using Observers = std::multimap<Key, TreflectObserverClient>;
@@ -69,10 +75,14 @@ private:
                           unsigned int mc) {
         return observers && observers->count({cc, mc}) != 0;
     }
+    /** False when the observer was not reached; `answer` is then of no account. */
+    static bool tell(TreflectObserverClient const& client, TreflectObject const& source,
+                     unsigned int cc, unsigned int mc,
+                     TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer);
     static void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
     // All guarded by the run permission; the maps are made with the first registration.
     std::unique_ptr<Observers> preObservers_;
     std::unique_ptr<Observers> postObservers_;
-    mutable std::shared_ptr<bool> living_;  // made when first asked for; false after destruction
+    mutable std::shared_ptr<bool> living_;  // made when first asked for; false when it ends
 };
