@@ -56,10 +56,13 @@ void TreflectObserverSkeleton::serveNotification(TipprmiStream& in, TipprmiStrea
     unsigned int cc = 0;
     unsigned int mc = 0;
     TipprmiSequence<TipprmiAny, 0u> arguments;
-    in >> source >> cc >> mc >> arguments;
-    bool alive = false;
+    // Reading the source may look for it, and the observer be destroyed meanwhile.
     Life const life(*this);
-    bool const answer = getClient()->notify(source, cc, mc, arguments, alive);
+    in >> source >> cc >> mc >> arguments;
+    if (in.hasUnmarshallingFailed())
+        in.printUnmarshallError(kClassId, kNotify);
+    bool alive = false;
+    bool const answer = !life.ended() && getClient()->notify(source, cc, mc, arguments, alive);
     if (life.ended())
         out << TipprmiExceptionContainer();
     else

@@ -24,16 +24,18 @@ TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject
     }
 }
 
-// Out of the broker first, and handles of this process end: nobody is to call it while it waits for
-// its parent. The base's destructor does the same for the second time, which has no effect.
+// Out of the broker first, and handles of this process end: nobody is to call it, or to go on with
+// a call that waits for an observer, while it waits for its parent. The broker may go meanwhile.
 TreflectServerObject::~TreflectServerObject() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
     OSWrap::DisableCancelStateGuard const notCancelled(true);
     TreflectHandlerState const handler(true);
+    endLife();
     if (TreflectORB* const orb = getORB()) {
         orb->unregisterObject(this);
         orb->forgetObject_(*this);
+        setORB(nullptr);
     }
     TreflectObjectHandler::invalidateStubsOf(this);
     if (parent_.isConnected())
@@ -94,9 +96,10 @@ void TreflectServerObject::unregisterChild(std::string const& name) {
         children_->erase(name);
 }
 
+// The object may be destroyed while its parent is asked.
 std::string TreflectServerObject::getAbsName() const {
-    std::string const ofParent = parent_.isConnected() ? parent_.getAbsName() : std::string();
-    return ofParent + "/" + getRelName();
+    std::string const own = "/" + getRelName();
+    return parent_.isConnected() ? parent_.getAbsName() + own : own;
 }
 
 std::string TreflectServerObject::getRelName() const {
@@ -115,8 +118,11 @@ TipprmiSequence<unsigned int, 0u> TreflectServerObject::getClassIds() const {
 
 bool TreflectServerObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
                                     TipprmiStream& in, TipprmiStream& out) {
-    return serveStandard(mc, in, out) ||
-           TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    if (!serveStandard(mc, in, out))
+        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    if (in.hasUnmarshallingFailed())
+        in.printUnmarshallError(cc, mc);
+    return true;
 }
 
 bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out) {
@@ -170,19 +176,32 @@ bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, Tip
     }
 }
 
+// Reading a handle may look for the object that it means, and this one be destroyed meanwhile. Its
+// caller is then answered as one who comes too late.
+
 void TreflectServerObject::serveObserverRegistration(TipprmiStream& in, TipprmiStream& out) {
     unsigned int kind = 0;
     unsigned int cc = 0;
     unsigned int mc = 0;
     TreflectObserverClient observer;
+    Life const life(*this);
     in >> kind >> cc >> mc >> observer;
+    if (life.ended()) {
+        writeGeneralException(out, TipprmiFailure::kNotServed);
+        return;
+    }
     registerObserver(kind, cc, mc, observer);
     prepareResponseStream_(out);
 }
 
 void TreflectServerObject::serveObserverRemoval(TipprmiStream& in, TipprmiStream& out) {
     TreflectObserverClient observer;
+    Life const life(*this);
     in >> observer;
+    if (life.ended()) {
+        writeGeneralException(out, TipprmiFailure::kNotServed);
+        return;
+    }
     unRegisterObserver(observer);
     prepareResponseStream_(out);
 }
@@ -190,7 +209,12 @@ void TreflectServerObject::serveObserverRemoval(TipprmiStream& in, TipprmiStream
 void TreflectServerObject::serveChildRegistration(TipprmiStream& in, TipprmiStream& out) {
     std::string name;
     TreflectObject child;
+    Life const life(*this);
     in >> name >> child;
+    if (life.ended()) {
+        writeGeneralException(out, TipprmiFailure::kNotServed);
+        return;
+    }
     registerChild(name, child);
     prepareResponseStream_(out);
 }

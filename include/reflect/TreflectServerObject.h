@@ -171,7 +171,10 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
     Life const life(*this);
     TreflectParameters values;
     std::apply([&](auto const&... argument) { values.set(argument...); }, arguments);
-    if (!notifyObservers(kBeforeCalls, declaring, mc, values.sequence())) {
+    bool const allowed = notifyObservers(kBeforeCalls, declaring, mc, values.sequence());
+    if (life.ended())
+        return false;
+    if (!allowed) {
         writeGeneralException(out, TipprmiFailure::kVetoed);
         return true;
     }
