@@ -28,6 +28,7 @@ public:
         limit_ = percent;
         return {};
     }
+    unsigned int get() const { return limit_; }
     AlarmState at(unsigned int percent) const { return {limit_, percent >= limit_}; }
 
 private:

@@ -1,58 +1,42 @@
 // The class Disk: a mounted file system.
 #pragma once
 
-#include <ipprmi.h>
-
-#include "Alarm.h"
 #include "ByteCount.h"
+#include "WatchedPart.h"
 
-namespace disk {
-constexpr unsigned int kClass = 0x44534B01;
-enum Method : unsigned int { kSize = 1, kFree = 2, kAlarm = 3, kSetAlarmLimit = 4 };
-}  // namespace disk
-
-class DiskClient : public TipprmiObjectClient {
+class DiskSkeleton : public WatchedPartSkeleton {
 public:
-    using TipprmiObjectClient::TipprmiObjectClient;
+    using WatchedPartSkeleton::WatchedPartSkeleton;
 
-    TipprmiResult<ByteCount> size() const {
-        return tipprmiCall<ByteCount>(*this, disk::kClass, disk::kSize);
-    }
-    TipprmiResult<ByteCount> free() const {
-        return tipprmiCall<ByteCount>(*this, disk::kClass, disk::kFree);
-    }
-    TipprmiResult<AlarmState> alarm() const {
-        return tipprmiCall<AlarmState>(*this, disk::kClass, disk::kAlarm);
-    }
-    /** Percent in use; refused with kBadLimit above 100. */
-    TipprmiResult<void> setAlarmLimit(unsigned int percent) const {
-        return tipprmiCall<void>(*this, disk::kClass, disk::kSetAlarmLimit, percent);
-    }
-};
+    virtual ByteCount getTotal() = 0;
+    virtual ByteCount getFree() = 0;
 
-class DiskSkeleton : public TipprmiObjectSkeleton {
-public:
-    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
-
-    virtual ByteCount size() = 0;
-    virtual ByteCount free() = 0;
-    virtual AlarmState alarm() = 0;
-    virtual TipprmiResult<void> setAlarmLimit(unsigned int percent) = 0;
+    unsigned int getServerClassId() const override { return disk::kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return diskMeta.classIds();
+    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        if (cc == disk::kClass) {
-            switch (mc) {
-                case disk::kSize:
-                    return serve(cc, mc, in, out, &DiskSkeleton::size);
-                case disk::kFree:
-                    return serve(cc, mc, in, out, &DiskSkeleton::free);
-                case disk::kAlarm:
-                    return serve(cc, mc, in, out, &DiskSkeleton::alarm);
-                case disk::kSetAlarmLimit:
-                    return serve(cc, mc, in, out, &DiskSkeleton::setAlarmLimit);
-            }
+        switch (mc) {
+            case disk::kGetTotal:
+                return serve(disk::kClass, cc, mc, in, out, &DiskSkeleton::getTotal);
+            case disk::kGetFree:
+                return serve(disk::kClass, cc, mc, in, out, &DiskSkeleton::getFree);
+            default:
+                return WatchedPartSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
-        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    }
+};
+
+class DiskClient : public WatchedPartClient {
+public:
+    using WatchedPartClient::WatchedPartClient;
+
+    TipprmiResult<ByteCount> getTotal() const {
+        return treflectCall(*this, disk::kClass, disk::kGetTotal, &DiskSkeleton::getTotal);
+    }
+    TipprmiResult<ByteCount> getFree() const {
+        return treflectCall(*this, disk::kClass, disk::kGetFree, &DiskSkeleton::getFree);
     }
 };

@@ -1,59 +1,43 @@
 // The class Memory: the machine's main memory.
 #pragma once
 
-#include <ipprmi.h>
-
-#include "Alarm.h"
 #include "ByteCount.h"
+#include "WatchedPart.h"
 
-namespace memory {
-constexpr unsigned int kClass = 0x4D454D01;
-enum Method : unsigned int { kTotal = 1, kFree = 2, kAlarm = 3, kSetAlarmLimit = 4 };
-}  // namespace memory
-
-class MemoryClient : public TipprmiObjectClient {
+class MemorySkeleton : public WatchedPartSkeleton {
 public:
-    using TipprmiObjectClient::TipprmiObjectClient;
+    using WatchedPartSkeleton::WatchedPartSkeleton;
 
-    TipprmiResult<ByteCount> total() const {
-        return tipprmiCall<ByteCount>(*this, memory::kClass, memory::kTotal);
-    }
-    /** What programs can still have, caches that would give way included. */
-    TipprmiResult<ByteCount> free() const {
-        return tipprmiCall<ByteCount>(*this, memory::kClass, memory::kFree);
-    }
-    TipprmiResult<AlarmState> alarm() const {
-        return tipprmiCall<AlarmState>(*this, memory::kClass, memory::kAlarm);
-    }
-    /** Percent in use; refused with kBadLimit above 100. */
-    TipprmiResult<void> setAlarmLimit(unsigned int percent) const {
-        return tipprmiCall<void>(*this, memory::kClass, memory::kSetAlarmLimit, percent);
-    }
-};
+    virtual ByteCount getTotal() = 0;
+    virtual ByteCount getFree() = 0;
 
-class MemorySkeleton : public TipprmiObjectSkeleton {
-public:
-    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
-
-    virtual ByteCount total() = 0;
-    virtual ByteCount free() = 0;
-    virtual AlarmState alarm() = 0;
-    virtual TipprmiResult<void> setAlarmLimit(unsigned int percent) = 0;
+    unsigned int getServerClassId() const override { return memory::kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return memoryMeta.classIds();
+    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        if (cc == memory::kClass) {
-            switch (mc) {
-                case memory::kTotal:
-                    return serve(cc, mc, in, out, &MemorySkeleton::total);
-                case memory::kFree:
-                    return serve(cc, mc, in, out, &MemorySkeleton::free);
-                case memory::kAlarm:
-                    return serve(cc, mc, in, out, &MemorySkeleton::alarm);
-                case memory::kSetAlarmLimit:
-                    return serve(cc, mc, in, out, &MemorySkeleton::setAlarmLimit);
-            }
+        switch (mc) {
+            case memory::kGetTotal:
+                return serve(memory::kClass, cc, mc, in, out, &MemorySkeleton::getTotal);
+            case memory::kGetFree:
+                return serve(memory::kClass, cc, mc, in, out, &MemorySkeleton::getFree);
+            default:
+                return WatchedPartSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
-        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    }
+};
+
+class MemoryClient : public WatchedPartClient {
+public:
+    using WatchedPartClient::WatchedPartClient;
+
+    TipprmiResult<ByteCount> getTotal() const {
+        return treflectCall(*this, memory::kClass, memory::kGetTotal, &MemorySkeleton::getTotal);
+    }
+    /** What programs can still have, caches that would give way included. */
+    TipprmiResult<ByteCount> getFree() const {
+        return treflectCall(*this, memory::kClass, memory::kGetFree, &MemorySkeleton::getFree);
     }
 };

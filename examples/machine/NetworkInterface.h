@@ -1,45 +1,47 @@
-// The class NetworkInterface.
+// The class NetworkInterface: a network interface.
 #pragma once
 
-#include <ipprmi.h>
-
 #include "ByteCount.h"
+#include "Part.h"
 
-namespace network {
-constexpr unsigned int kClass = 0x4E455401;
-enum Method : unsigned int { kReceivedBytes = 1, kSentBytes = 2 };
-}  // namespace network
-
-class NetworkInterfaceClient : public TipprmiObjectClient {
+class NetworkInterfaceSkeleton : public PartSkeleton {
 public:
-    using TipprmiObjectClient::TipprmiObjectClient;
+    using PartSkeleton::PartSkeleton;
 
-    /** Since the interface came up. */
-    TipprmiResult<ByteCount> receivedBytes() const {
-        return tipprmiCall<ByteCount>(*this, network::kClass, network::kReceivedBytes);
+    virtual ByteCount getReceivedBytes() = 0;
+    virtual ByteCount getSentBytes() = 0;
+
+    unsigned int getServerClassId() const override { return network::kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return networkInterfaceMeta.classIds();
     }
-    TipprmiResult<ByteCount> sentBytes() const {
-        return tipprmiCall<ByteCount>(*this, network::kClass, network::kSentBytes);
-    }
-};
-
-class NetworkInterfaceSkeleton : public TipprmiObjectSkeleton {
-public:
-    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
-
-    virtual ByteCount receivedBytes() = 0;
-    virtual ByteCount sentBytes() = 0;
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        if (cc == network::kClass) {
-            switch (mc) {
-                case network::kReceivedBytes:
-                    return serve(cc, mc, in, out, &NetworkInterfaceSkeleton::receivedBytes);
-                case network::kSentBytes:
-                    return serve(cc, mc, in, out, &NetworkInterfaceSkeleton::sentBytes);
-            }
+        switch (mc) {
+            case network::kGetReceivedBytes:
+                return serve(network::kClass, cc, mc, in, out,
+                             &NetworkInterfaceSkeleton::getReceivedBytes);
+            case network::kGetSentBytes:
+                return serve(network::kClass, cc, mc, in, out,
+                             &NetworkInterfaceSkeleton::getSentBytes);
+            default:
+                return PartSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
-        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    }
+};
+
+class NetworkInterfaceClient : public PartClient {
+public:
+    using PartClient::PartClient;
+
+    /** Since the interface came up. */
+    TipprmiResult<ByteCount> getReceivedBytes() const {
+        return treflectCall(*this, network::kClass, network::kGetReceivedBytes,
+                            &NetworkInterfaceSkeleton::getReceivedBytes);
+    }
+    TipprmiResult<ByteCount> getSentBytes() const {
+        return treflectCall(*this, network::kClass, network::kGetSentBytes,
+                            &NetworkInterfaceSkeleton::getSentBytes);
     }
 };

@@ -12,7 +12,7 @@
 
 #include "Cpu.h"
 #include "Disk.h"
-#include "Inventory.h"
+#include "Machine.h"
 #include "Memory.h"
 #include "NetworkInterface.h"
 #include "Table.h"
@@ -38,54 +38,54 @@ std::string shown(TipprmiResult<T> const& result, Text const& text) {
 }
 
 template <class Row>
-void forEachPart(InventoryClient const& machine, char const* kind, Row const& row) {
+void forEachPart(MachineClient const& machine, char const* kind, Row const& row) {
     TipprmiResult<Names> const names = machine.parts(kind);
     for (unsigned int i = 0; i < names.value().getLength(); ++i)
-        row(names.value()[i], inventory::partId(kind, names.value()[i]));
+        row(names.value()[i], machine::partId(kind, names.value()[i]));
 }
 
-void showCpus(InventoryClient const& machine, Table& table) {
+void showCpus(MachineClient const& machine, Table& table) {
     table.heading({"PROCESSOR", "load", "", "alarm at"});
-    forEachPart(machine, inventory::kCpu, [&](std::string const& name, TipprmiOID const& id) {
+    forEachPart(machine, machine::kCpu, [&](std::string const& name, TipprmiOID const& id) {
         CpuClient const cpu(id);
-        std::string const load = shown(cpu.load(), percentText);
-        table.row({name, load, "", shown(cpu.alarm(), alarmText)});
+        std::string const load = shown(cpu.getLoad(), percentText);
+        table.row({name, load, "", shown(cpu.getAlarm(), alarmText)});
     });
 }
 
-void showMemory(InventoryClient const& machine, Table& table) {
+void showMemory(MachineClient const& machine, Table& table) {
     table.heading({"MEMORY", "total", "free", "alarm at"});
-    forEachPart(machine, inventory::kMemory, [&](std::string const& name, TipprmiOID const& id) {
+    forEachPart(machine, machine::kMemory, [&](std::string const& name, TipprmiOID const& id) {
         MemoryClient const memory(id);
-        table.row({name, shown(memory.total(), bytesText), shown(memory.free(), bytesText),
-                   shown(memory.alarm(), alarmText)});
+        table.row({name, shown(memory.getTotal(), bytesText), shown(memory.getFree(), bytesText),
+                   shown(memory.getAlarm(), alarmText)});
     });
 }
 
-void showNetwork(InventoryClient const& machine, Table& table) {
+void showNetwork(MachineClient const& machine, Table& table) {
     table.heading({"NETWORK", "received", "sent"});
-    forEachPart(machine, inventory::kNetwork, [&](std::string const& name, TipprmiOID const& id) {
+    forEachPart(machine, machine::kNetwork, [&](std::string const& name, TipprmiOID const& id) {
         NetworkInterfaceClient const interface(id);
-        table.row({name, shown(interface.receivedBytes(), bytesText),
-                   shown(interface.sentBytes(), bytesText)});
+        table.row({name, shown(interface.getReceivedBytes(), bytesText),
+                   shown(interface.getSentBytes(), bytesText)});
     });
 }
 
-void showDisks(InventoryClient const& machine, Table& table) {
+void showDisks(MachineClient const& machine, Table& table) {
     table.heading({"DISK", "size", "free", "alarm at"});
-    forEachPart(machine, inventory::kDisk, [&](std::string const& name, TipprmiOID const& id) {
+    forEachPart(machine, machine::kDisk, [&](std::string const& name, TipprmiOID const& id) {
         DiskClient const disk(id);
-        table.row({name, shown(disk.size(), bytesText), shown(disk.free(), bytesText),
-                   shown(disk.alarm(), alarmText)});
+        table.row({name, shown(disk.getTotal(), bytesText), shown(disk.getFree(), bytesText),
+                   shown(disk.getAlarm(), alarmText)});
     });
 }
 
 /** False when the machine is not there. */
 bool showMachine(unsigned int number, Options const& options) {
-    InventoryClient const machine(inventory::id());
+    MachineClient const machine(machine::id());
     if (!machine.isConnected())
         return false;
-    TipprmiResult<std::string> const host = machine.host();
+    TipprmiResult<std::string> const host = machine.getHost();
     Table table;
     showCpus(machine, table);
     showMemory(machine, table);
@@ -102,14 +102,17 @@ bool showMachine(unsigned int number, Options const& options) {
 /** A call that changes something. */
 bool setAlarmLimits(unsigned int percent) {
     bool allSet = true;
-    InventoryClient const machine(inventory::id());
-    forEachPart(machine, inventory::kCpu, [&](std::string const& name, TipprmiOID const& id) {
+    MachineClient const machine(machine::id());
+    forEachPart(machine, machine::kCpu, [&](std::string const& name, TipprmiOID const& id) {
         TipprmiResult<void> const done = CpuClient(id).setAlarmLimit(percent);
         if (done)
             return;
         allSet = false;
-        std::printf("panel: %s refuses an alarm limit of %u %% (code %u)\n", name.c_str(), percent,
-                    done.code());
+        if (done.code() == TipprmiFailure::kVetoed)
+            std::printf("panel: an observer forbids a new alarm limit of %s\n", name.c_str());
+        else
+            std::printf("panel: %s refuses an alarm limit of %u %% (code %u)\n", name.c_str(),
+                        percent, done.code());
     });
     return allSet;
 }
@@ -126,7 +129,7 @@ void pause(unsigned int milliseconds) {
 bool findMachine(Options const& options) {
     constexpr unsigned int kStep = 100;
     for (unsigned int waited = 0; waited < options.patience * 1000; waited += kStep) {
-        if (InventoryClient(inventory::id()).isConnected())
+        if (MachineClient(machine::id()).isConnected())
             return options.alarmLimit == 0 || setAlarmLimits(options.alarmLimit);
         pause(kStep);
     }
