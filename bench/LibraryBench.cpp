@@ -2,6 +2,7 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -94,8 +95,8 @@ public:
     void ReportRuns(std::vector<Run> const& runs) override {
         benchmark::ConsoleReporter::ReportRuns(runs);
         for (Run const& run : runs)
-            times_[run.benchmark_name()] =
-                run.real_accumulated_time / static_cast<double>(run.iterations);
+            keepBest(run.benchmark_name(),
+                     run.cpu_accumulated_time / static_cast<double>(run.iterations));
     }
 
     /** `name` must cost at most `limit` times what `base` costs. */
@@ -108,9 +109,26 @@ public:
         std::printf("  %-6s %6.2f  (at most %.2f)  %s / %s\n", ratio <= limit ? "met" : "MISSED",
                     ratio, limit, name.c_str(), base.c_str());
     }
+    /** `name` must cost at most `nanoseconds` more than `base` costs. */
+    void judgeExtra(std::string const& name, std::string const& base, double nanoseconds) const {
+        auto const ours = times_.find(name);
+        auto const theirs = times_.find(base);
+        if (ours == times_.end() || theirs == times_.end())
+            return;
+        double const extra = (ours->second - theirs->second) * 1e9;
+        std::printf("  %-6s %6.1f  (at most %.0f ns)  %s - %s\n",
+                    extra <= nanoseconds ? "met" : "MISSED", extra, nanoseconds, name.c_str(),
+                    base.c_str());
+    }
 
 private:
-    std::map<std::string, double> times_;  // seconds per iteration
+    void keepBest(std::string const& name, double seconds) {
+        auto const [known, first] = times_.emplace(name, seconds);
+        if (!first)
+            known->second = std::min(known->second, seconds);
+    }
+
+    std::map<std::string, double> times_;  // processor seconds per iteration, the best
 };
 
 }  // namespace
@@ -128,6 +146,10 @@ int main(int argc, char** argv) {
     reporter.judge("marshall 1,000,000 numbers into a fresh stream",
                    "append 1,000,000 numbers to a vector", 20.0);
     reporter.judge("locate among local objects/100000", "locate among local objects/10", 5.0);
+    reporter.judgeExtra("local treflectCall, no observers",
+                        "virtual call and check of the permission", 100);
+    reporter.judgeExtra("local ClientCallHelper, no observers",
+                        "virtual call and check of the permission", 100);
     prepareOrbForDeletion();
     std::filesystem::remove_all(folder);
     return 0;

@@ -15,7 +15,8 @@ using Figures = std::map<std::string, double>;
 /**
  * Measures one scenario against a connected server whose process is `server`. Scenarios:
  * "single" (one caller, back to back), "paced" (one call per millisecond), "threads8" and
- * "threads64", "body" (64 KiB both ways), "oneway", "memory" (resident sizes after some calls).
+ * "threads64", "body" (64 KiB both ways), "oneway", "attribute" (a text fetched by a call, through
+ * a bound attribute and by name), "memory" (resident sizes after some calls).
  */
 Figures measure(Client& client, std::string const& scenario, pid_t server);
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 
+#include "Gauge.h"
 #include "Subject.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
@@ -19,6 +20,10 @@ enum Method : unsigned int { kExchange = 1, kBody = 2, kNotice = 3, kCount = 4 }
 
 TipprmiOID targetOid() {
     return {"bench/target", NSID_UNIT};
+}
+
+TipprmiOID gaugeOid() {
+    return {"bench/gauge", NSID_UNIT};
 }
 
 /** The object whose operations are measured. */
@@ -96,7 +101,8 @@ private:
 
 class OrbClient : public Client {
 public:
-    explicit OrbClient(TipprmiObjectClient const& target) : target_(target) {}
+    OrbClient(TipprmiObjectClient const& target, GaugeClient const& gauge)
+        : target_(target), gauge_(gauge), text_(gauge_.attribute("Text")) {}
 
     void enterThread() override { TreflectORB::enterHandlerState(true); }
     void leaveThread() override { TreflectORB::leaveHandlerState(true); }
@@ -130,8 +136,32 @@ public:
         return ask.perform(target_, kCount, true) ? count : 0;
     }
 
+    bool fetch(Fetch how) override {
+        switch (how) {
+            case Fetch::kCall: {
+                TipprmiResult<std::string> const text = gauge_.getText();
+                return text && text.value().size() == 32;
+            }
+            case Fetch::kBound:
+                return isRead(text_);
+            case Fetch::kByName: {
+                // What is found by name lives as long as the handle: one for each question.
+                TreflectObject const handle(gauge_);
+                return isRead(handle.attribute("Text"));
+            }
+        }
+        return false;
+    }
+
 private:
+    static bool isRead(TreflectAttribute const& attribute) {
+        std::string text;
+        return attribute.get(text) == 0 && text.size() == 32;
+    }
+
     TipprmiObjectClient const target_;
+    GaugeClient const gauge_;
+    TreflectAttribute& text_;  // bound to gauge_
     std::string body_;
 };
 
@@ -143,6 +173,7 @@ public:
         configure(folder, "bench-server");
         TreflectORB::enterHandlerState(true);
         TargetSkeleton target;
+        Gauge const gauge(gaugeOid(), nullptr, "gauge");
         TreflectORB::releaseRunPermission();
         announceAndWait();
         TreflectORB::getRunPermission();
@@ -152,11 +183,12 @@ public:
         configure(folder, "bench-client");
         TreflectHandlerState const permission(true);
         TipprmiObjectClient const target(targetOid());
-        if (!target.isConnected()) {
+        GaugeClient const gauge(gaugeOid());
+        if (!target.isConnected() || !gauge.isConnected()) {
             std::fputs("the server object was not found\n", stderr);
             return nullptr;
         }
-        return std::make_unique<OrbClient>(target);
+        return std::make_unique<OrbClient>(target, gauge);
     }
 
 private:

@@ -10,6 +10,10 @@ namespace bench {
 /** The client half of what is measured, bound to a server in another process. */
 class Client {
 public:
+    /** Ways to fetch a text of 32 bytes: a call of the operation that answers it, a read of the
+     * attribute that has been found by name before, and one that asks for the name each time. */
+    enum class Fetch { kCall, kBound, kByName };
+
     virtual ~Client() = default;
 
     /** Before the first and after the last call of a thread. */
@@ -24,6 +28,8 @@ public:
     virtual bool sendOneWay() = 0;
     /** How many one-way calls the server has served so far. */
     virtual std::uint32_t servedOneWays() = 0;
+    /** False when it failed; only the broker has attributes. */
+    virtual bool fetch(Fetch) { return false; }
 };
 
 /** Something to measure: the broker or one of the floors that it is held against. */

@@ -7,5 +7,6 @@ shift
 if [[ $# -eq 0 ]]; then
     printf '\n'
     "$tree/bench/reflectorb-bench-library" --benchmark_min_time=0.2
+    "$tree/bench/reflectorb-bench-tree"
     "$tree/bench/reflectorb-bench-scale"
 fi

@@ -50,6 +50,11 @@ std::vector<Scenario> const& scenarios() {
          Load::kBusy,
          {"orb", "polling", "sleeping"},
          latency},
+        {"attribute read by name, remote (by_name_us: two questions for the classes and the read)",
+         "attribute",
+         Load::kQuiet,
+         {"orb"},
+         {"call_us", "bound_us", "by_name_us"}},
         {"process start to first call, less the 100 ms pause of a new broker",
          "start",
          Load::kQuiet,
@@ -68,6 +73,7 @@ struct Target {
     char const* floor;
     double limit;
     bool atLeast;
+    char const* floorFigure = nullptr;  // null: the same as `figure`
 };
 
 Target const kTargets[] = {
@@ -85,6 +91,9 @@ Target const kTargets[] = {
      "mean_us", "sleeping", 1.3, false},
     {"one-way calls per second / polling floor", "one-way calls", "calls_per_s", "polling", 0.25,
      true},
+    {"remote read of a bound attribute / call of its operation",
+     "attribute read by name, remote (by_name_us: two questions for the classes and the read)",
+     "bound_us", "orb", 1.5, false, "call_us"},
 };
 
 using Results = std::map<std::string, std::map<std::string, Figures>>;
@@ -112,7 +121,7 @@ double ratio(Results& results, Target const& target) {
     Figures const& orb = results[target.scenario]["orb"];
     Figures const& floor = results[target.scenario][target.floor];
     auto const ours = orb.find(target.figure);
-    auto const theirs = floor.find(target.figure);
+    auto const theirs = floor.find(target.floorFigure ? target.floorFigure : target.figure);
     if (ours == orb.end() || theirs == floor.end())
         return std::nan("");
     return ours->second / theirs->second;
