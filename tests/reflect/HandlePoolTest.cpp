@@ -13,7 +13,7 @@
 
 namespace {
 
-std::atomic<std::size_t> watchedSize{0};  // or more
+std::atomic<std::size_t> watchedSize{0};
 std::atomic<int> watchedAllocations{0};
 std::atomic<int> watchedReleases{0};
 std::atomic<void*> watchedBlock{nullptr};
@@ -24,8 +24,7 @@ void* operator new(std::size_t size) {
     void* const block = std::malloc(size);
     if (!block)
         throw std::bad_alloc();
-    std::size_t const least = watchedSize;
-    if (least != 0 && size >= least) {
+    if (size == watchedSize) {
         ++watchedAllocations;
         watchedBlock = block;
     }
