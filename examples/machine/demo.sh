@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Two actors at work: `machine` publishes this machine's parts, `panel` finds and shows them. The
+# Three actors at work: `machine` publishes this machine's parts, `panel` finds and shows them, and
+# `inspect` looks into them, uses them and watches them by name, without knowing their classes. The
 # machine is stopped and started again while the panel runs.
 #
 #   demo.sh [<build folder>]      (./run demo builds first)
@@ -10,6 +11,7 @@ set -euo pipefail
 
 build=${1:-build/release}
 programs=$build/examples/machine
+inspector=$build/examples/inspect/inspect
 read -r -a runner <<<"${DEMO_RUNNER:-}"
 refreshes=8
 patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine needs less
@@ -17,11 +19,11 @@ patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine nee
 # ---- A folder of our own, in which the two find each other, and its end ------------------------
 work=$(mktemp -d)
 export TRANSPORT_DIR=$work/rendezvous
-machine_pid='' panel_pid=''
+machine_pid='' panel_pid='' inspect_pid=''
 
 clean_up() {
     local pid
-    for pid in $panel_pid $machine_pid; do
+    for pid in $inspect_pid $panel_pid $machine_pid; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -35,6 +37,7 @@ say() { printf '\n--- %s\n' "$*"; }
 fail() {
     say "demo: FAILED: $*"
     sed 's/^/    machine: /' "$work/machine.log" 2>/dev/null || true
+    sed 's/^/    inspect: /' "$work/inspect.log" 2>/dev/null || true
     exit 1
 }
 
@@ -70,8 +73,40 @@ stop_machine() {
     machine_pid=''
 }
 
+# inspect <code> <text> <argument>...: runs it and shows what it prints. A line of that must be or
+# begin with the text, and it must end with the code.
+inspect() {
+    local wanted=$1 text=$2 code=0
+    shift 2
+    printf '$ inspect %s\n' "$*"
+    timeout "$patience" "${runner[@]}" "$inspector" "$@" >"$work/shown" 2>&1 </dev/null || code=$?
+    cat "$work/shown"
+    ((code == wanted)) || fail "inspect $*: ended with $code"
+    awk -v text="$text" 'index($0, text) == 1 { found = 1 } END { exit !found }' "$work/shown" ||
+        fail "inspect $*: does not say \"$text\""
+}
+
+# start_inspect <text> <argument>...: runs it in the background; it must say the text.
+start_inspect() {
+    local text=$1
+    shift
+    printf '$ inspect %s &\n' "$*"
+    "${runner[@]}" "$inspector" "$@" >"$work/inspect.log" 2>&1 </dev/null &
+    inspect_pid=$!
+    wait_for "$work/inspect.log" "$text"
+}
+
+# end_inspect: waits for that, and shows what it has said.
+end_inspect() {
+    ends_well "$inspect_pid" "inspect in the background"
+    inspect_pid=''
+    sed 's/^/    /' "$work/inspect.log"
+}
+
 # ---- The demo ----------------------------------------------------------------------------------
-[[ -x $programs/machine && -x $programs/panel ]] || fail "not built: $programs"
+for program in "$programs/machine" "$programs/panel" "$inspector"; do
+    [[ -x $program ]] || fail "not built: $program"
+done
 
 say "starting the actor machine, process one"
 start_machine
@@ -79,6 +114,32 @@ cat "$work/machine.log"
 
 say "the panel, process two, shows it once"
 timeout "$patience" "${runner[@]}" "$programs/panel" --once </dev/null || fail "panel --once: $?"
+
+say "inspect, which knows no class of the machine, walks its tree of names"
+inspect 0 "  cpu0 " /machine --tree
+
+say "it looks into an object, changes an attribute and calls operations, all by name"
+inspect 0 "  AlarmLimit " /machine/cpu0
+inspect 0 "AlarmLimit = 80" /machine/cpu0 --set AlarmLimit=80
+inspect 0 "80" /machine/cpu0 --call getAlarmLimit
+inspect 0 "[\"cpu0\"" /machine --call parts cpu
+
+say "it watches the call by which the panel, another process, sets the alarm limit"
+start_inspect "watching setAlarmLimit" /machine/cpu0 --watch setAlarmLimit --count 1
+timeout "$patience" "${runner[@]}" "$programs/panel" --once --alarm 75 >/dev/null </dev/null ||
+    fail "panel --once --alarm: $?"
+end_inspect
+grep -qF "call setAlarmLimit(75)" "$work/inspect.log" || fail "the call was not seen"
+grep -qF "end  setAlarmLimit" "$work/inspect.log" || fail "the end of the call was not seen"
+
+say "it forbids that call to everybody, until it is ended itself"
+start_inspect "forbidding setAlarmLimit" /machine/cpu0 --veto setAlarmLimit
+inspect 1 "inspect: setAlarmLimit: an observer forbids it" /machine/cpu0 --set AlarmLimit=60
+kill -TERM "$inspect_pid"
+end_inspect
+grep -qF "forbidden: setAlarmLimit(60)" "$work/inspect.log" || fail "the call was not forbidden"
+inspect 0 "75" /machine/cpu0 --call getAlarmLimit
+inspect 0 "AlarmLimit = 60" /machine/cpu0 --set AlarmLimit=60
 
 say "the panel shows it live, and sets the processors' alarm limit; the machine will be stopped"
 redraw=()
@@ -107,4 +168,4 @@ grep -qF "refresh $refreshes of $refreshes" "$shown" || fail "the panel did not 
 say "stopping the machine"
 stop_machine
 [[ -z $(find "$TRANSPORT_DIR" -type s 2>/dev/null) ]] || fail "a process left its address behind"
-say "demo: ok: found by identifier, called, lost, found again, ended cleanly"
+say "demo: ok: found by identifier and by name, called, watched, lost, found again, ended cleanly"

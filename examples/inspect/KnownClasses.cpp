@@ -1,0 +1,3 @@
+// The classes that `inspect` knows. This is its only file that knows any: to look at objects of
+// other classes as well, include the header that has their meta information.
+#include "../machine/MachineClasses.h"

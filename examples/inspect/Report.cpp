@@ -1,0 +1,23 @@
+#include "Report.h"
+
+#include <ipprmi.h>
+
+#include <cstdio>
+
+bool complain(std::string const& text) {
+    std::fprintf(stderr, "inspect: %s\n", text.c_str());
+    return false;
+}
+
+std::string failureText(unsigned int code) {
+    switch (code) {
+        case TipprmiFailure::kNotServed:
+            return "nobody has served it";
+        case TipprmiFailure::kUnreadable:
+            return "the answer is not what the class describes";
+        case TipprmiFailure::kVetoed:
+            return "an observer forbids it";
+        default:
+            return "refused with code " + std::to_string(code);
+    }
+}

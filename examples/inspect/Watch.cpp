@@ -1,0 +1,129 @@
+#include "Watch.h"
+
+#include <handler_threads.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+
+#include "Report.h"
+#include "Use.h"
+#include "Values.h"
+
+namespace {
+
+/** What is to be done at a call, with its arguments or its results; false forbids it. */
+using Reaction = std::function<bool(Values const&)>;
+
+/** Observers are objects that the observed object calls. This one needs no identifier: it is
+ * reached by the handle that it is registered with. */
+class Observer final : public TreflectObserver {
+public:
+    explicit Observer(Reaction reaction)
+        : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "inspect"),
+          reaction_(std::move(reaction)) {}
+
+    bool update() override { return reaction_(arguments()); }
+
+private:
+    Reaction const reaction_;
+};
+
+void say(std::string const& text) {
+    std::puts(text.c_str());
+    std::fflush(stdout);
+}
+
+sigset_t endSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+/** Whether a signal to end has come, or comes within a short time. Gives the run permission up
+ * meanwhile, so that observers are told. */
+bool endSignalled() {
+    constexpr timespec kTick = {0, 100'000'000};
+    TreflectReleaseHandlerState const outside;
+    sigset_t const signals = endSignals();
+    return sigtimedwait(&signals, nullptr, &kTick) > 0;
+}
+
+/** Counts calls up to a number of them that is wanted; 0 for any number. Guarded by the run
+ * permission. */
+struct Tally {
+    unsigned int const wanted;
+    unsigned int seen = 0;
+
+    bool isFull() const { return wanted != 0 && seen >= wanted; }
+};
+
+/** Lets observers work until they have seen all calls that are wanted, or until a signal comes;
+ * false when the object goes before. */
+bool observe(TreflectObject const& object, Tally const& tally) {
+    while (!tally.isFull()) {
+        if (endSignalled())
+            break;
+        if (!object.isConnected())
+            return complain("the object has gone");
+    }
+    return true;
+}
+
+}  // namespace
+
+void keepEndSignals() {
+    sigset_t const signals = endSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+bool watch(TreflectObject const& object, std::string const& name, unsigned int count) {
+    TreflectOperation& operation = findOperation(object, name);
+    if (operation.isError())
+        return false;
+    Tally tally{count};
+    Observer before([&](Values const& arguments) {
+        if (tally.isFull())
+            return true;
+        say("call " + name + "(" + valuesText(operation.meta()->argumentTypes(), arguments) + ")");
+        return true;
+    });
+    Observer after([&](Values const& results) {
+        if (tally.isFull())
+            return true;
+        std::string const text = valuesText(operation.meta()->resultTypes(), results);
+        say("end  " + name + (text.empty() ? "" : " -> " + text));
+        ++tally.seen;
+        return true;
+    });
+    operation.preObserve(&before);
+    operation.postObserve(&after);
+    say("watching " + name + " of " + object.getAbsName());
+    bool const ended = observe(object, tally);
+    operation.removeObserver(&before);
+    operation.removeObserver(&after);
+    return ended;
+}
+
+bool veto(TreflectObject const& object, std::string const& name, unsigned int count) {
+    TreflectOperation& operation = findOperation(object, name);
+    if (operation.isError())
+        return false;
+    Tally tally{count};
+    Observer guard([&](Values const& arguments) {
+        if (tally.isFull())
+            return true;
+        say("forbidden: " + name + "(" + valuesText(operation.meta()->argumentTypes(), arguments) +
+            ")");
+        ++tally.seen;
+        return false;
+    });
+    operation.preObserve(&guard);
+    say("forbidding " + name + " of " + object.getAbsName());
+    bool const ended = observe(object, tally);
+    operation.removeObserver(&guard);
+    return ended;
+}

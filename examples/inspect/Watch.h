@@ -1,0 +1,18 @@
+// Watching and forbidding the calls that others make.
+#pragma once
+
+#include <reflect.h>
+
+#include <string>
+
+/** To be called before the first thread is started: SIGINT and SIGTERM then end the functions
+ * below, and not the program. */
+void keepEndSignals();
+
+/** Prints every call of an operation with its arguments and results. Until it has printed `count`
+ * (0: any number), until a signal comes, or until the object has gone; false then, and when there
+ * is no such operation. */
+bool watch(TreflectObject const& object, std::string const& operation, unsigned int count);
+
+/** Forbids every call of an operation, and prints it. Ends likewise. */
+bool veto(TreflectObject const& object, std::string const& operation, unsigned int count);
