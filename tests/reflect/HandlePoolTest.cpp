@@ -20,7 +20,8 @@ std::atomic<void*> watchedBlock{nullptr};
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, since the compiler then takes them for a mix of two heaps.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* const block = std::malloc(size);
     if (!block)
         throw std::bad_alloc();
@@ -31,13 +32,13 @@ void* operator new(std::size_t size) {
     return block;
 }
 
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
     if (block && block == watchedBlock)
         ++watchedReleases;
     std::free(block);
 }
 
-void operator delete(void* block, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
     operator delete(block);
 }
 
