@@ -140,10 +140,27 @@ TreflectTieds* TreflectTieds::instance() {
     return tieds;
 }
 
+// The end of an attribute may be that of another handle, and so on: a path of names makes a chain
+// of any length. It is ended link by link, on little stack.
+void TreflectTieds::end(Tieds& ending) {
+    static thread_local Tieds* outermost = nullptr;
+    if (outermost) {
+        outermost->merge(ending);
+        return;
+    }
+    outermost = &ending;
+    while (!ending.empty())
+        ending.extract(ending.begin());
+    outermost = nullptr;
+}
+
 TreflectTieds::~TreflectTieds() {
     Tieds ending;
-    OSWrap::Lock<> const lock(mutex_);
-    ending.swap(tieds_);
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        ending.swap(tieds_);
+    }
+    end(ending);
 }
 
 void TreflectTieds::adoptTied(TreflectObject const* object,
@@ -153,16 +170,19 @@ void TreflectTieds::adoptTied(TreflectObject const* object,
     count_.store(tieds_.size(), std::memory_order_relaxed);
 }
 
-// Destroyed after unlocking, since the end of an attribute may be that of another handle.
+// Ended after unlocking, since that can come back here.
 void TreflectTieds::destroyTieds(TreflectObject const* object) {
     if (count_.load(std::memory_order_relaxed) == 0)
         return;
     Tieds ending;
-    OSWrap::Lock<> const lock(mutex_);
-    auto const range = tieds_.equal_range(object);
-    for (auto tied = range.first; tied != range.second;)
-        ending.insert(ending.end(), tieds_.extract(tied++));
-    count_.store(tieds_.size(), std::memory_order_relaxed);
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        auto const range = tieds_.equal_range(object);
+        for (auto tied = range.first; tied != range.second;)
+            ending.insert(ending.end(), tieds_.extract(tied++));
+        count_.store(tieds_.size(), std::memory_order_relaxed);
+    }
+    end(ending);
 }
 
 void TreflectTieds::print() {

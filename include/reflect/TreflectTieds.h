@@ -30,13 +30,17 @@ public:
 
     /** Ties one more thing to a handle, of which only the address counts. */
     void adoptTied(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied);
-    /** Lets go of all that is tied to a handle. */
+    /** Lets go of all that is tied to a handle. When the end of something tied destroys a handle in
+     * its turn, what is tied to that one ends next. */
     void destroyTieds(TreflectObject const* object);
     /** Logs at level 5 how many things are tied to handles. */
     void print();
 
 private:
     using Tieds = std::multimap<TreflectObject const*, OSWrap::SmartPointer<TiedBase>>;
+
+    /** Lets go of all that was taken out. */
+    static void end(Tieds& ending);
 
     OSWrap::Mutex mutex_;
     Tieds tieds_ OSW_GUARDED_BY(mutex_);

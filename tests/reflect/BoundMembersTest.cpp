@@ -1,10 +1,12 @@
 // Attributes and operations that are bound to a handle: who owns them, which part of a value they
 // read, and the null objects that stand for those that do not exist.
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "LogCapture.h"
@@ -71,17 +73,35 @@ TEST_F(BoundMembers, LiveAsLongAsTheirHandle) {
     EXPECT_EQ(tiedCount(), before + 2);
 }
 
+/** Destroys a handle on a thread with a small stack. */
+void destroyOnSmallStack(std::unique_ptr<TreflectObject> handle) {
+    constexpr std::size_t kStack = 512 * 1024;
+    TreflectReleaseHandlerState const released;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStack);
+    auto const destroy = [](void* handleToEnd) -> void* {
+        delete static_cast<TreflectObject*>(handleToEnd);
+        return nullptr;
+    };
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(&thread, &attributes, destroy, handle.get()), 0);
+    static_cast<void>(handle.release());
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
 TEST_F(BoundMembers, EndWithThoseThatTheyLeadTo) {
+    constexpr int kPath = 10000;  // too long for a stack, were its end recursive
     unsigned long const before = tiedCount();
     lamp_.next = handle_;  // a circle
-    {
-        TreflectObject const start(&lamp_);
-        TreflectAttribute* at = &start.attribute("Next");
-        for (int i = 0; i < 50; ++i)
-            at = &at->attribute("Next");
-        EXPECT_EQ(at->operation("ping").call(), 0);
-        EXPECT_EQ(tiedCount(), before + 52);
-    }
+    auto start = std::make_unique<TreflectObject>(&lamp_);
+    TreflectAttribute* at = &start->attribute("Next");
+    for (int i = 0; i < kPath; ++i)
+        at = &at->attribute("Next");
+    EXPECT_EQ(at->operation("ping").call(), 0);
+    EXPECT_EQ(tiedCount(), before + kPath + 2);
+    destroyOnSmallStack(std::move(start));
     EXPECT_EQ(tiedCount(), before);
     EXPECT_EQ(lamp_.pings(), 1u);
     lamp_.next = TreflectObject();
