@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <mntent.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -105,6 +106,29 @@ DiskSize diskSize(std::string const& mountedAt) {
         return {};
     std::uint64_t const block = size.f_frsize;
     return {block * size.f_blocks, block * size.f_bavail};
+}
+
+std::vector<unsigned int> processes(std::string const& program) {
+    std::vector<unsigned int> found;
+    std::unique_ptr<DIR, int (*)(DIR*)> const folder(opendir("/proc"), closedir);
+    while (dirent const* const entry = folder ? readdir(folder.get()) : nullptr) {
+        std::string const number = entry->d_name;
+        if (number.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream file("/proc/" + number + "/comm");
+        std::string name;
+        if (std::getline(file, name) && name == program)
+            found.push_back(static_cast<unsigned int>(std::stoul(number)));
+    }
+    return found;
+}
+
+std::uint64_t residentSize(unsigned int pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+    std::uint64_t size = 0;
+    std::uint64_t resident = 0;
+    file >> size >> resident;
+    return resident * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 unsigned int percent(std::uint64_t part, std::uint64_t whole) {

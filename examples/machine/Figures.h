@@ -33,6 +33,10 @@ std::uint64_t networkCounter(std::string const& interface, std::string const& co
 /** Where disks are mounted, each disk once. */
 std::vector<std::string> disks();
 DiskSize diskSize(std::string const& mountedAt);
+/** Numbers of the processes of a program, by the name that the kernel shows. */
+std::vector<unsigned int> processes(std::string const& program);
+/** Memory that a process has; 0 when it has ended. */
+std::uint64_t residentSize(unsigned int pid);
 /** Part of the whole in percent; 0 of nothing. */
 unsigned int percent(std::uint64_t part, std::uint64_t whole);
 

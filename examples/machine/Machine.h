@@ -12,6 +12,7 @@ constexpr char kCpu[] = "cpu";
 constexpr char kMemory[] = "memory";
 constexpr char kNetwork[] = "network";
 constexpr char kDisk[] = "disk";
+constexpr char kProcess[] = "process";
 
 /** Name and identifier of a root are the same: so a path such as /machine/cpu0 tells where to
  * begin. */

@@ -39,8 +39,7 @@ inline TreflectMetaClass const watchedPartMeta(
      {"setAlarmLimit", watched::kSetAlarmLimit, {"unsigned"}, {}}},
     {"Alarm", "AlarmLimit"});
 
-// ---- The parts themselves
-// ------------------------------------------------------------------------
+// ---- The parts themselves -----------------------------------------------------------------------
 
 namespace cpu {
 constexpr unsigned int kClass = 0x43505501;
@@ -81,8 +80,18 @@ inline TreflectMetaClass const networkInterfaceMeta(
      {"getSentBytes", network::kGetSentBytes, {}, {kByteCountType}}},
     {"ReceivedBytes", "SentBytes"});
 
-// ---- Machine: the root of the tree, which knows the others
-// ---------------------------------------
+namespace process {
+constexpr unsigned int kClass = 0x50524F01;
+enum Method : unsigned int { kGetPid = 21, kGetResident = 22 };
+}  // namespace process
+
+inline TreflectMetaClass const processMeta(
+    "Process", process::kClass, {&partMeta},
+    {{"getPid", process::kGetPid, {}, {"unsigned"}},
+     {"getResident", process::kGetResident, {}, {kByteCountType}}},
+    {"Pid", "Resident"});
+
+// ---- Machine: the root of the tree, which knows the others -------------------------------------
 
 namespace machine {
 constexpr unsigned int kClass = 0x4D414301;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <string>
 
 #include "Cpu.h"
@@ -15,6 +16,7 @@
 #include "Machine.h"
 #include "Memory.h"
 #include "NetworkInterface.h"
+#include "Process.h"
 
 /** The alarm of a part, whatever its class. */
 template <class Skeleton>
@@ -115,6 +117,21 @@ private:
     std::string const mountedAt_;
 };
 
+class ProcessObject final : public ProcessSkeleton {
+public:
+    /** `name` ends with "-" and the process's number. */
+    ProcessObject(TreflectObject const& parent, std::string const& name)
+        : ProcessSkeleton(machine::partId(machine::kProcess, name), &parent, name),
+          pid_(static_cast<unsigned int>(std::stoul(name.substr(name.rfind('-') + 1)))) {}
+
+    std::string getDescription() override { return "process"; }
+    unsigned int getPid() override { return pid_; }
+    ByteCount getResident() override { return {figures::residentSize(pid_)}; }
+
+private:
+    unsigned int const pid_;
+};
+
 /** A place in the tree that holds parts of one kind. */
 class GroupObject final : public PartSkeleton {
 public:
@@ -132,7 +149,8 @@ class MachineObject final : public MachineSkeleton {
 public:
     MachineObject() : MachineSkeleton(machine::id(), nullptr, machine::kName) {}
 
-    void add(std::string const& kind, std::string const& name) { parts_[kind].push_back(name); }
+    void add(std::string const& kind, std::string const& name) { parts_[kind].insert(name); }
+    void remove(std::string const& kind, std::string const& name) { parts_[kind].erase(name); }
 
     std::string getDescription() override { return "this machine"; }
     std::string getHost() override {
@@ -142,10 +160,14 @@ public:
     }
     // Callers may ask for anything: what they ask for must leave nothing behind.
     Names parts(std::string const& kind) override {
-        auto const found = parts_.find(kind);
-        return found == parts_.end() ? Names() : found->second;
+        Names names;
+        if (auto const found = parts_.find(kind); found != parts_.end()) {
+            for (std::string const& name : found->second)
+                names.push_back(name);
+        }
+        return names;
     }
 
 private:
-    std::map<std::string, Names> parts_;
+    std::map<std::string, std::set<std::string>> parts_;
 };

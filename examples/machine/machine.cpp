@@ -1,66 +1,21 @@
 // The actor `machine` publishes server objects that stand for this very machine: its processors,
-// memory, network interfaces and disks. They are in a tree of names: /machine, /machine/cpu0,
-// /machine/memory, /machine/net/eth0, /machine/disk/root and so on. It runs until it is told to
+// memory, network interfaces and disks, and the processes of programs that it is told to watch.
+// They are in a tree of names: /machine, /machine/cpu0, /machine/memory, /machine/net/eth0,
+// /machine/disk/root and so on; objects come and go as the parts do. It runs until it is told to
 // end (SIGINT, SIGTERM).
+#include <getopt.h>
 #include <handler_threads.h>
 #include <logging.h>
-#include <reflect.h>
 
 #include <csignal>
 #include <cstdio>
-#include <memory>
-#include <vector>
+#include <cstdlib>
 
-#include "PartObjects.h"
+#include "Tree.h"
 
 namespace {
 
-/** All objects of this machine. Nobody sees half of the tree: it is built, and ended, under the run
- * permission, which keeps callers out. Other processes are told of an object by its events, which
- * give the permission up: therefore they come when all is there, and as long as it is. */
-class Tree {
-public:
-    Tree() {
-        for (auto const& cpu : figures::cpuTimes())
-            add<CpuObject>(machine::kCpu, root_, cpu.first);
-        add<MemoryObject>(machine::kMemory, root_, "memory");
-        for (std::string const& name : figures::networkInterfaces())
-            add<NetworkInterfaceObject>(machine::kNetwork, net_, name);
-        for (std::string const& place : figures::disks())
-            add<DiskObject>(machine::kDisk, disk_, place);
-        for (TreflectServerObject const* object : all())
-            object->sendCreationEvent();
-    }
-    ~Tree() {
-        for (TreflectServerObject const* object : all())
-            object->sendDeletionEvent();
-    }
-    Tree(Tree const&) = delete;
-    Tree& operator=(Tree const&) = delete;
-
-    std::size_t size() const { return all().size(); }
-
-private:
-    /** Makes an object, which enters itself among the children of its parent. */
-    template <class Object>
-    void add(char const* kind, TreflectServerObject const& parent, std::string const& name) {
-        parts_.push_back(std::make_unique<Object>(*parent.getClient(), name));
-        root_.add(kind, name);
-    }
-
-    std::vector<TreflectServerObject const*> all() const {
-        std::vector<TreflectServerObject const*> objects{&root_, &net_, &disk_};
-        for (auto const& part : parts_)
-            objects.push_back(part.get());
-        return objects;
-    }
-
-    // Parents are there before their children, and go after them.
-    MachineObject root_;
-    GroupObject net_{*root_.getClient(), "net", "network interfaces"};
-    GroupObject disk_{*root_.getClient(), "disk", "disks"};
-    std::vector<std::unique_ptr<TreflectServerObject>> parts_;
-};
+constexpr timespec kInterval{0, 250'000'000};  // between two looks at the machine
 
 sigset_t endSignals() {
     sigset_t signals;
@@ -70,25 +25,43 @@ sigset_t endSignals() {
     return signals;
 }
 
+/** Waits until it is time to look at the machine again; false when the actor is to end. */
+bool pause(sigset_t const& signals) {
+    // Whoever waits gives the permission back, so that calls can come in.
+    TreflectReleaseHandlerState const outside;
+    return sigtimedwait(&signals, nullptr, &kInterval) < 0;
+}
+
+std::vector<std::string> readOptions(int argc, char** argv) {
+    static option const kOptions[] = {{"watch-process", required_argument, nullptr, 'w'},
+                                      {nullptr, 0, nullptr, 0}};
+    std::vector<std::string> watched;
+    for (int found = 0; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (found != 'w') {
+            std::puts("usage: machine [--watch-process PROGRAM]...");
+            std::exit(2);
+        }
+        watched.emplace_back(optarg);
+    }
+    return watched;
+}
+
 }  // namespace
 
-int main() {
-    // Blocked before the first thread is started, so that the signals wait for sigwait below.
+int main(int argc, char** argv) {
+    std::vector<std::string> const watched = readOptions(argc, argv);
+    // Blocked before the first thread is started, so that the signals wait for sigtimedwait above.
     sigset_t const signals = endSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     Logging::setThreshold(3);  // errors only
 
     // Objects are made, used and destroyed under the run permission.
     TreflectHandlerState const inside(true);
-    Tree const tree;
+    Tree tree(watched);
     std::printf("machine: serving %zu objects\n", tree.size());
     std::fflush(stdout);
-    {
-        // Whoever waits gives it back, so that calls can come in.
-        TreflectReleaseHandlerState const outside;
-        int signal = 0;
-        sigwait(&signals, &signal);
-    }
+    while (pause(signals))
+        tree.update();
     std::puts("machine: ending");
     return 0;
 }

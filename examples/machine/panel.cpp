@@ -1,6 +1,6 @@
-// The actor `panel` finds the objects of the actor `machine` by their identifiers, calls them, and
-// shows what they answer as a small live table. When the machine goes away it says so, keeps
-// looking, and goes on when the machine is back.
+// The actor `panel` shows the parts of the machine, and what they answer when they are called, as a
+// small live table. It is told which parts there are: when one comes or goes, or the machine
+// itself, it says so.
 #include <getopt.h>
 #include <handler_threads.h>
 #include <logging.h>
@@ -15,6 +15,8 @@
 #include "Machine.h"
 #include "Memory.h"
 #include "NetworkInterface.h"
+#include "PartWatch.h"
+#include "Process.h"
 #include "Table.h"
 
 namespace {
@@ -22,14 +24,12 @@ namespace {
 struct Options {
     unsigned int refreshes = 10;
     unsigned int interval = 1000;              // milliseconds between two refreshes
-    unsigned int patience = 30;                // seconds to look for a machine that is not there
+    unsigned int patience = 30;                // seconds to wait for a machine that is not there
     unsigned int alarmLimit = 0;               // percent, for all processors; 0: leave theirs
     bool redraw = isatty(STDOUT_FILENO) == 1;  // paint each table over the last one
 };
 
 // ---- What is shown -----------------------------------------------------------------------------
-// Each function makes its handles anew from identifiers: that finds the objects again wherever they
-// are now. A handle that is kept would be quicker, and dead once its object's process has gone.
 
 /** A figure as text, or a mark that there is none: the machine may go at any moment. */
 template <class T, class Text>
@@ -37,83 +37,96 @@ std::string shown(TipprmiResult<T> const& result, Text const& text) {
     return result ? text(result.value()) : std::string("?");
 }
 
-template <class Row>
-void forEachPart(MachineClient const& machine, char const* kind, Row const& row) {
-    TipprmiResult<Names> const names = machine.parts(kind);
-    for (unsigned int i = 0; i < names.value().getLength(); ++i)
-        row(names.value()[i], machine::partId(kind, names.value()[i]));
-}
-
-void showCpus(MachineClient const& machine, Table& table) {
+void showCpus(PartWatch const& watch, Table& table) {
     table.heading({"PROCESSOR", "load", "", "alarm at"});
-    forEachPart(machine, machine::kCpu, [&](std::string const& name, TipprmiOID const& id) {
-        CpuClient const cpu(id);
+    for (PartWatch::Part const& part : watch.parts(cpu::kClass)) {
+        auto const cpu = part.object.as<CpuClient>();
         std::string const load = shown(cpu.getLoad(), percentText);
-        table.row({name, load, "", shown(cpu.getAlarm(), alarmText)});
-    });
+        table.row({part.name, load, "", shown(cpu.getAlarm(), alarmText)});
+    }
 }
 
-void showMemory(MachineClient const& machine, Table& table) {
+void showMemory(PartWatch const& watch, Table& table) {
     table.heading({"MEMORY", "total", "free", "alarm at"});
-    forEachPart(machine, machine::kMemory, [&](std::string const& name, TipprmiOID const& id) {
-        MemoryClient const memory(id);
-        table.row({name, shown(memory.getTotal(), bytesText), shown(memory.getFree(), bytesText),
-                   shown(memory.getAlarm(), alarmText)});
-    });
+    for (PartWatch::Part const& part : watch.parts(memory::kClass)) {
+        auto const memory = part.object.as<MemoryClient>();
+        table.row({part.name, shown(memory.getTotal(), bytesText),
+                   shown(memory.getFree(), bytesText), shown(memory.getAlarm(), alarmText)});
+    }
 }
 
-void showNetwork(MachineClient const& machine, Table& table) {
+void showNetwork(PartWatch const& watch, Table& table) {
     table.heading({"NETWORK", "received", "sent"});
-    forEachPart(machine, machine::kNetwork, [&](std::string const& name, TipprmiOID const& id) {
-        NetworkInterfaceClient const interface(id);
-        table.row({name, shown(interface.getReceivedBytes(), bytesText),
+    for (PartWatch::Part const& part : watch.parts(network::kClass)) {
+        auto const interface = part.object.as<NetworkInterfaceClient>();
+        table.row({part.name, shown(interface.getReceivedBytes(), bytesText),
                    shown(interface.getSentBytes(), bytesText)});
-    });
+    }
 }
 
-void showDisks(MachineClient const& machine, Table& table) {
+void showDisks(PartWatch const& watch, Table& table) {
     table.heading({"DISK", "size", "free", "alarm at"});
-    forEachPart(machine, machine::kDisk, [&](std::string const& name, TipprmiOID const& id) {
-        DiskClient const disk(id);
-        table.row({name, shown(disk.getTotal(), bytesText), shown(disk.getFree(), bytesText),
+    for (PartWatch::Part const& part : watch.parts(disk::kClass)) {
+        auto const disk = part.object.as<DiskClient>();
+        table.row({part.name, shown(disk.getTotal(), bytesText), shown(disk.getFree(), bytesText),
                    shown(disk.getAlarm(), alarmText)});
-    });
+    }
+}
+
+void showProcesses(PartWatch const& watch, Table& table) {
+    std::vector<PartWatch::Part> const processes = watch.parts(process::kClass);
+    if (processes.empty())
+        return;
+    table.heading({"PROCESS", "number", "resident"});
+    for (PartWatch::Part const& part : processes) {
+        auto const process = part.object.as<ProcessClient>();
+        table.row({part.name,
+                   shown(process.getPid(), [](unsigned int pid) { return std::to_string(pid); }),
+                   shown(process.getResident(), bytesText)});
+    }
+}
+
+void showNews(PartWatch& watch) {
+    for (std::string const& line : watch.takeNews())
+        std::printf("panel: %s\n", line.c_str());
 }
 
 /** False when the machine is not there. */
-bool showMachine(unsigned int number, Options const& options) {
-    MachineClient const machine(machine::id());
-    if (!machine.isConnected())
+bool showMachine(PartWatch& watch, unsigned int number, Options const& options) {
+    std::vector<PartWatch::Part> const machines = watch.parts(machine::kClass);
+    if (machines.empty())
         return false;
+    auto const machine = machines.front().object.as<MachineClient>();
     TipprmiResult<std::string> const host = machine.getHost();
     Table table;
-    showCpus(machine, table);
-    showMemory(machine, table);
-    showNetwork(machine, table);
-    showDisks(machine, table);
+    showCpus(watch, table);
+    showMemory(watch, table);
+    showNetwork(watch, table);
+    showDisks(watch, table);
+    showProcesses(watch, table);
     // The process behind the handle may have gone meanwhile, and half the figures with it.
     if (!host || !machine.isConnected())
         return false;
     std::printf("%smachine %s, refresh %u of %u\n%s\n", options.redraw ? "\033[H\033[J" : "",
                 host.value().c_str(), number, options.refreshes, table.text().c_str());
+    showNews(watch);
     return true;
 }
 
 /** A call that changes something. */
-bool setAlarmLimits(unsigned int percent) {
+bool setAlarmLimits(PartWatch const& watch, unsigned int percent) {
     bool allSet = true;
-    MachineClient const machine(machine::id());
-    forEachPart(machine, machine::kCpu, [&](std::string const& name, TipprmiOID const& id) {
-        TipprmiResult<void> const done = CpuClient(id).setAlarmLimit(percent);
+    for (PartWatch::Part const& part : watch.parts(cpu::kClass)) {
+        TipprmiResult<void> const done = part.object.as<CpuClient>().setAlarmLimit(percent);
         if (done)
-            return;
+            continue;
         allSet = false;
         if (done.code() == TipprmiFailure::kVetoed)
-            std::printf("panel: an observer forbids a new alarm limit of %s\n", name.c_str());
+            std::printf("panel: an observer forbids a new alarm limit of %s\n", part.name.c_str());
         else
-            std::printf("panel: %s refuses an alarm limit of %u %% (code %u)\n", name.c_str(),
+            std::printf("panel: %s refuses an alarm limit of %u %% (code %u)\n", part.name.c_str(),
                         percent, done.code());
-    });
+    }
     return allSet;
 }
 
@@ -125,14 +138,10 @@ void pause(unsigned int milliseconds) {
     OSWrap::Thread::sleep(milliseconds / 1000, milliseconds % 1000 * 1000000ul);
 }
 
-/** Looks for the machine and sets its limits; false when it stays away, or refuses them. */
-bool findMachine(Options const& options) {
-    constexpr unsigned int kStep = 100;
-    for (unsigned int waited = 0; waited < options.patience * 1000; waited += kStep) {
-        if (MachineClient(machine::id()).isConnected())
-            return options.alarmLimit == 0 || setAlarmLimits(options.alarmLimit);
-        pause(kStep);
-    }
+/** Waits for the machine and sets its limits; false when it stays away, or refuses them. */
+bool findMachine(PartWatch& watch, Options const& options) {
+    if (watch.awaitMachine(options.patience))
+        return options.alarmLimit == 0 || setAlarmLimits(watch, options.alarmLimit);
     std::puts("panel: the machine stays away, giving up");
     return false;
 }
@@ -140,16 +149,18 @@ bool findMachine(Options const& options) {
 bool run(Options const& options) {
     if (options.redraw)
         std::printf("\033[2J");
-    if (!findMachine(options))
+    PartWatch watch;
+    if (!findMachine(watch, options))
         return false;
     for (unsigned int number = 1; number <= options.refreshes;) {
-        if (showMachine(number, options)) {
+        if (showMachine(watch, number, options)) {
             if (++number <= options.refreshes)
                 pause(options.interval);
             continue;
         }
-        std::puts("panel: the machine is gone, looking for it");
-        if (!findMachine(options))
+        std::puts("panel: the machine is gone, waiting for it");
+        std::fflush(stdout);
+        if (!findMachine(watch, options))
             return false;
         std::puts("panel: the machine is back");
     }
@@ -163,7 +174,7 @@ bool run(Options const& options) {
         "  --once        show the table once\n"
         "  --refreshes   show it N times (default 10)\n"
         "  --interval    milliseconds between two refreshes (default 1000)\n"
-        "  --patience    seconds to look for a machine that is not there (default 30)\n"
+        "  --patience    seconds to wait for a machine that is not there (default 30)\n"
         "  --alarm       first set the alarm limit of all processors\n"
         "  --redraw      paint over the last table also when the output is no terminal");
     std::exit(code);

@@ -53,6 +53,14 @@ public:
     void connect(TipprmiObjectSkeleton* skeleton) override;
     void connect(TreflectORB const* orb, TipprmiOID const& oid) override;
 
+    /** A handle of a client class on the same object, whose class is not asked for. */
+    template <class Client>
+    Client as() const {
+        Client typed;
+        typed.share_(*this);
+        return typed;
+    }
+
     /**
      * The attribute of this name, bound to this handle; a new one at each call. The null attribute,
      * and a line at level 3, when the class has none. Asks the object for its classes twice: keep

@@ -1,0 +1,150 @@
+#include "PartWatch.h"
+
+#include <oswrap.h>
+
+#include <cstdio>
+
+#include "MachineClasses.h"
+
+namespace {
+
+std::string identifierOf(TreflectObject const& object) {
+    return object.getStub_()->getOID().getIdString();
+}
+
+}  // namespace
+
+/** Hears of the objects of one class that are made, or destroyed. */
+class PartWatch::Follower : public TreflectObserver {
+public:
+    Follower(PartWatch& watch, TreflectMetaClass const& meta, bool ofCreations)
+        : TreflectObserver(TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT), nullptr,
+                           ofCreations ? "created" : "deleted"),
+          watch_(watch),
+          meta_(*InterfaceRepository::instance()->findInterface(meta.getClassId())),
+          ofCreations_(ofCreations) {}
+    ~Follower() override { meta_.removeObserver(this); }
+
+    void begin() {
+        if (ofCreations_)
+            meta_.observeCreations(this, true);
+        else
+            meta_.observeDeletions(this);
+    }
+
+    bool update() override {
+        // A copy: the notice may be over before we are done with what it is about.
+        TreflectObject const object(*getSource());
+        if (ofCreations_)
+            watch_.add(meta_.getClassId(), object);
+        else
+            watch_.remove(meta_.getClassId(), object);
+        return true;
+    }
+
+private:
+    PartWatch& watch_;
+    TreflectMetaObject& meta_;
+    bool const ofCreations_;
+};
+
+/** Hears of brokers that come and go. */
+class PartWatch::BrokerFollower : public TreflectOrbObserverIf {
+public:
+    explicit BrokerFollower(PartWatch& watch)
+        : watch_(watch), orb_(*TreflectORB::getInstance(NSID_UNIT)) {
+        orb_.registerOrbCreation(this, false);
+        orb_.registerOrbDeletion(this);
+    }
+    ~BrokerFollower() override { orb_.unregisterOrbNotifications(this); }
+
+    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
+        char line[64];
+        std::snprintf(line, sizeof line, "broker 0x%08X has %s", broker.value(),
+                      what == kAppear ? "come up" : "gone");
+        watch_.news_.emplace_back(line);
+        if (what == kDisappear)
+            watch_.removeUnreachable();
+    }
+
+private:
+    PartWatch& watch_;
+    TreflectORB& orb_;
+};
+
+PartWatch::PartWatch() {
+    for (TreflectMetaClass const* meta :
+         {&cpuMeta, &memoryMeta, &networkInterfaceMeta, &diskMeta, &processMeta, &machineMeta})
+        follow(*meta);
+    brokers_ = std::make_unique<BrokerFollower>(*this);
+    news_.clear();
+}
+
+PartWatch::~PartWatch() {
+    brokers_.reset();
+}
+
+void PartWatch::follow(TreflectMetaClass const& meta) {
+    for (bool const ofCreations : {false, true}) {
+        followers_.push_back(std::make_unique<Follower>(*this, meta, ofCreations));
+        followers_.back()->begin();
+    }
+}
+
+std::vector<PartWatch::Part> PartWatch::parts(unsigned int classId) const {
+    std::vector<Part> present;
+    if (auto const found = parts_.find(classId); found != parts_.end()) {
+        for (auto const& part : found->second)
+            present.push_back(part.second);
+    }
+    return present;
+}
+
+void PartWatch::add(unsigned int classId, TreflectObject const& object) {
+    std::string const name = object.getRelName();
+    parts_[classId][identifierOf(object)] = {name, object};
+    news_.push_back(name + " has come");
+    OSWrap::Lock<TreflectConditionVar> const lock(changed_);
+    changed_.broadcast();
+}
+
+void PartWatch::remove(unsigned int classId, TreflectObject const& object) {
+    auto& parts = parts_[classId];
+    auto const part = parts.find(identifierOf(object));
+    if (part == parts.end())
+        return;
+    news_.push_back(part->second.name + " has gone");
+    parts.erase(part);
+}
+
+/** Handles on objects of a broker that has gone are not connected any more. */
+void PartWatch::removeUnreachable() {
+    for (auto& ofClass : parts_) {
+        for (auto part = ofClass.second.begin(); part != ofClass.second.end();) {
+            if (part->second.object.isConnected()) {
+                ++part;
+                continue;
+            }
+            news_.push_back(part->second.name + " has gone with its process");
+            part = ofClass.second.erase(part);
+        }
+    }
+}
+
+bool PartWatch::awaitMachine(unsigned int seconds) {
+    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + OSWrap::TimeSpec(seconds, 0);
+    OSWrap::Lock<TreflectConditionVar> const lock(changed_);
+    while (parts_[machine::kClass].empty()) {
+        OSWrap::TimeSpec const rest = end - OSWrap::Clock::getObsTime();
+        if (rest <= OSWrap::TimeSpec())
+            return false;
+        changed_.wait(rest);
+    }
+    return true;
+}
+
+std::vector<std::string> PartWatch::takeNews() {
+    std::vector<std::string> news;
+    news.swap(news_);
+    return news;
+}
