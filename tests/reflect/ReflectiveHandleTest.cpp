@@ -2,8 +2,8 @@
 // paths through several objects, and what happens to a handle while a call waits.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -305,57 +305,108 @@ TEST(ReflectiveHandle, FindsAnObjectThatComesLaterWhenItsMembersAreCalled) {
 
 enum class Happening { kAssigned, kDestroyed };
 enum class Deed { kGet, kSet, kCall };
+constexpr Deed kDeeds[] = {Deed::kGet, Deed::kSet, Deed::kCall};
 
-/** Another thread takes the handle away while a member's call is held by the object. */
+/** A handle whose memory is no cell of the pool, and a member of it that can be called. */
+struct Holder {
+    template <class Object>
+    explicit Holder(Object const& object)
+        : handle(object), held(&handle.attribute("Held")), getHeld(&held->operGet()) {}
+
+    TreflectObject handle;
+    TreflectAttribute* const held;
+    TreflectOperation* const getHeld;
+};
+
+/** Calls a member on a thread of its own. */
+class Caller {
+public:
+    Caller(Holder const& holder, Deed deed) {
+        thread_ = std::thread([this, deed, held = holder.held, getHeld = holder.getHeld] {
+            TreflectHandlerState const handlerState(true);
+            calling_.open();
+            if (deed == Deed::kGet)
+                result_ = held->get(value_);
+            else
+                result_ = deed == Deed::kSet ? held->set(6u) : getHeld->call();
+        });
+        calling_.wait();
+    }
+    ~Caller() {
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+    int result() {
+        thread_.join();
+        return result_;
+    }
+    unsigned int value() const { return value_; }
+
+private:
+    testsupport::Gate calling_;  // opened with the permission, which the wait gives up
+    unsigned int value_ = 5;
+    int result_ = -1;
+    std::thread thread_;
+};
+
+/** The handle is taken away while a member's call is held by the object. */
 void takeAwayDuring(Deed deed, Happening happening) {
     Actor actor;
     actor.ask("lamp held", "made");
-    std::optional<TreflectObject> handle;  // its memory is no cell of the pool
-    TreflectAttribute* held = nullptr;
+    std::unique_ptr<Holder> holder;
     {
         TreflectHandlerState const handlerState(true);
-        handle.emplace(oid("held"));
-        held = &handle->attribute("Held");
-        held->operGet();
+        holder = std::make_unique<Holder>(oid("held"));
     }
-    unsigned int value = 5;
-    int result = -1;
-    std::thread caller([&] {
-        TreflectHandlerState const handlerState(true);
-        if (deed == Deed::kGet)
-            result = held->get(value);
-        else if (deed == Deed::kSet)
-            result = held->set(6u);
-        else
-            result = held->operGet().call();
-    });
+    Caller caller(*holder, deed);
     actor.ask("entered held", "entered");
     {
         TreflectHandlerState const handlerState(true);
         if (happening == Happening::kDestroyed)
-            handle.reset();
+            holder.reset();
         else
-            *handle = TreflectObject();
+            holder->handle = TreflectObject();
     }
     actor.ask("release held", "released");
-    caller.join();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(value, deed == Deed::kGet ? 77u : 5u);
+    EXPECT_EQ(caller.result(), 0);
+    EXPECT_EQ(caller.value(), deed == Deed::kGet ? 77u : 5u);
     TreflectHandlerState const handlerState(true);
-    handle.reset();
-    unsigned int const after =
-        TreflectObject(oid("held")).attribute("Held").fetch<unsigned int>().value();
-    EXPECT_EQ(after, deed == Deed::kSet ? 6u : 77u);
+    holder.reset();
+    TreflectObject const again(oid("held"));
+    EXPECT_EQ(again.attribute("Held").fetch<unsigned int>().value(), deed == Deed::kSet ? 6u : 77u);
 }
 
 TEST(ReflectiveHandle, MayBeAssignedWhileAMemberIsCalled) {
-    for (Deed const deed : {Deed::kGet, Deed::kSet, Deed::kCall})
+    for (Deed const deed : kDeeds)
         takeAwayDuring(deed, Happening::kAssigned);
 }
 
 TEST(ReflectiveHandle, MayBeDestroyedWhileAMemberIsCalled) {
-    for (Deed const deed : {Deed::kGet, Deed::kSet, Deed::kCall})
+    for (Deed const deed : kDeeds)
         takeAwayDuring(deed, Happening::kDestroyed);
+}
+
+TEST(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
+    for (Deed const deed : kDeeds) {
+        Actor asked;
+        asked.ask("lamp here", "made");
+        std::unique_ptr<Holder> holder;
+        {
+            TreflectHandlerState const handlerState(true);
+            holder = std::make_unique<Holder>(oid("here"));
+            holder->handle = TreflectObject(oid("nowhere"));
+        }
+        ASSERT_TRUE(asked.child().stopWholly());  // whoever looks for the object waits for it
+        Caller caller(*holder, deed);
+        {
+            TreflectHandlerState const handlerState(true);
+            holder.reset();
+        }
+        asked.child().signal(SIGCONT);
+        EXPECT_EQ(caller.result(), deed == Deed::kCall ? 0 : TreflectAttribute::error);
+        EXPECT_EQ(caller.value(), 5u);
+    }
 }
 
 TEST(ReflectiveHandle, OutlivesTheProcessOfItsObject) {
