@@ -16,6 +16,8 @@ constexpr char kUsage[] =
     "                                                 show every call of an operation\n"
     "       inspect OBJECT --veto OPERATION [--count N]\n"
     "                                                 forbid every call of an operation\n"
+    "       inspect --brokers                         the brokers of the group and their traffic\n"
+    "       inspect --follow [--count N]              objects and brokers that come and go\n"
     "\n"
     "OBJECT is an absolute name such as /machine/cpu0, or an identifier such as\n"
     "machine.cpu.cpu0 (name@node for one that is known to all units of the node). The first\n"
@@ -23,7 +25,7 @@ constexpr char kUsage[] =
     "\n"
     "Values are written 42, -1, 0x2A, true, text, \"text, quoted\", [1, 2] for a sequence and\n"
     "{1, true} for values that belong together. --watch and --veto go on until SIGINT or\n"
-    "SIGTERM, or until they have seen N calls.\n"
+    "SIGTERM, or until they have seen N calls; --follow likewise, with lines for calls.\n"
     "\n"
     "Exit codes: 0 done; 1 the object is not there, has no such member, or refuses; 2 wrong use.\n";
 
@@ -59,7 +61,7 @@ unsigned int readCount(std::vector<std::string> const& words) {
     if (words.empty())
         return 0;
     if (words.size() != 2 || words[0] != "--count")
-        misused("only --count N may follow the operation");
+        misused("only --count N may follow");
     char* end = nullptr;
     long const count = std::strtol(words[1].c_str(), &end, 10);
     if (words[1].empty() || *end != '\0' || count < 1 || count > 1000000)
@@ -95,6 +97,19 @@ void readAction(std::vector<std::string> words, Options& options) {
     }
 }
 
+/** What is asked of the whole group; false when it is something else. */
+bool readGroupAction(std::vector<std::string> const& words, Options& options) {
+    if (words[0] != "--brokers" && words[0] != "--follow")
+        return false;
+    std::vector<std::string> const rest(words.begin() + 1, words.end());
+    options.action = words[0] == "--follow" ? Options::Action::kFollow : Options::Action::kBrokers;
+    if (options.action == Options::Action::kFollow)
+        options.count = readCount(rest);
+    else if (!rest.empty())
+        misused("nothing may follow --brokers");
+    return true;
+}
+
 }  // namespace
 
 Options readOptions(int argc, char** argv) {
@@ -107,9 +122,11 @@ Options readOptions(int argc, char** argv) {
         std::fputs(kUsage, stdout);
         std::exit(0);
     }
+    Options options;
+    if (readGroupAction(words, options))
+        return options;
     if (words[0].empty() || words[0][0] == '-')
         misused("the object comes first");
-    Options options;
     options.object = words[0];
     if (words.size() > 1)
         readAction({words.begin() + 1, words.end()}, options);

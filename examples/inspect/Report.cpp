@@ -4,6 +4,11 @@
 
 #include <cstdio>
 
+void say(std::string const& text) {
+    std::puts(text.c_str());
+    std::fflush(stdout);
+}
+
 bool complain(std::string const& text) {
     std::fprintf(stderr, "inspect: %s\n", text.c_str());
     return false;

@@ -1,9 +1,12 @@
-// What goes wrong, told to the user.
+// What is told to the user.
 #pragma once
 
 #include <string>
 
-/** Writes to standard error; false. */
+/** Writes a line to standard output, at once. */
+void say(std::string const& text);
+
+/** Writes what goes wrong to standard error; false. */
 bool complain(std::string const& text);
 
 /** Why a call failed, by the code of its failure. */

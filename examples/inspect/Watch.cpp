@@ -2,11 +2,9 @@
 
 #include <handler_threads.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <functional>
 
+#include "EndSignals.h"
 #include "Report.h"
 #include "Use.h"
 #include "Values.h"
@@ -30,28 +28,6 @@ private:
     Reaction const reaction_;
 };
 
-void say(std::string const& text) {
-    std::puts(text.c_str());
-    std::fflush(stdout);
-}
-
-sigset_t endSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
-}
-
-/** Whether a signal to end has come, or comes within a short time. Gives the run permission up
- * meanwhile, so that observers are told. */
-bool endSignalled() {
-    constexpr timespec kTick = {0, 100'000'000};
-    TreflectReleaseHandlerState const outside;
-    sigset_t const signals = endSignals();
-    return sigtimedwait(&signals, nullptr, &kTick) > 0;
-}
-
 /** Counts calls up to a number of them that is wanted; 0 for any number. Guarded by the run
  * permission. */
 struct Tally {
@@ -74,11 +50,6 @@ bool observe(TreflectObject const& object, Tally const& tally) {
 }
 
 }  // namespace
-
-void keepEndSignals() {
-    sigset_t const signals = endSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 bool watch(TreflectObject const& object, std::string const& name, unsigned int count) {
     TreflectOperation& operation = findOperation(object, name);

@@ -5,10 +5,6 @@
 
 #include <string>
 
-/** To be called before the first thread is started: SIGINT and SIGTERM then end the functions
- * below, and not the program. */
-void keepEndSignals();
-
 /** Prints every call of an operation with its arguments and results. Until it has printed `count`
  * (0: any number), until a signal comes, or until the object has gone; false then, and when there
  * is no such operation. */

@@ -5,7 +5,9 @@
 #include <logging.h>
 
 #include "Describe.h"
+#include "EndSignals.h"
 #include "Find.h"
+#include "Group.h"
 #include "Options.h"
 #include "Report.h"
 #include "Use.h"
@@ -14,6 +16,10 @@
 namespace {
 
 bool perform(Options const& options) {
+    if (options.action == Options::Action::kBrokers)
+        return printBrokers();
+    if (options.action == Options::Action::kFollow)
+        return follow(options.count);
     TreflectObject const object = find(options.object);
     if (!object.isConnected())
         return false;

@@ -19,11 +19,11 @@ patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine nee
 # ---- A folder of our own, in which the two find each other, and its end ------------------------
 work=$(mktemp -d)
 export TRANSPORT_DIR=$work/rendezvous
-machine_pid='' panel_pid='' inspect_pid=''
+machine_pid='' panel_pid='' worker_pid='' inspect_pid=''
 
 clean_up() {
     local pid
-    for pid in $inspect_pid $panel_pid $machine_pid; do
+    for pid in $inspect_pid $worker_pid $panel_pid $machine_pid; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -62,7 +62,7 @@ ends_well() {
 }
 
 start_machine() {
-    "${runner[@]}" "$programs/machine" >"$work/machine.log" 2>&1 &
+    "${runner[@]}" "$programs/machine" --watch-process demo-worker >"$work/machine.log" 2>&1 &
     machine_pid=$!
     wait_for "$work/machine.log" "serving"
 }
@@ -141,6 +141,25 @@ grep -qF "forbidden: setAlarmLimit(60)" "$work/inspect.log" || fail "the call wa
 inspect 0 "75" /machine/cpu0 --call getAlarmLimit
 inspect 0 "AlarmLimit = 60" /machine/cpu0 --set AlarmLimit=60
 
+say "inspect hears of objects and brokers that come and go: of a process that the machine watches"
+start_inspect "+ Cpu /machine/cpu0" --follow
+cp "$(command -v sleep)" "$work/demo-worker"
+"$work/demo-worker" 1000 &
+worker_pid=$!
+wait_for "$work/inspect.log" "+ Process /machine/process/demo-worker-$worker_pid"
+kill "$worker_pid"
+wait "$worker_pid" 2>/dev/null || true
+wait_for "$work/inspect.log" "- Process /machine/process/demo-worker-$worker_pid"
+worker_pid=''
+timeout "$patience" "${runner[@]}" "$inspector" --brokers >"$work/shown" 2>&1 </dev/null ||
+    fail "inspect --brokers: $?"
+printf '$ inspect --brokers\n'
+cat "$work/shown"
+grep -qE '^machine +broker 0x' "$work/shown" || fail "the machine's broker is not listed"
+wait_for "$work/inspect.log" "- broker"
+kill -TERM "$inspect_pid"
+end_inspect
+
 say "the panel shows it live, and sets the processors' alarm limit; the machine will be stopped"
 redraw=()
 if [[ -t 1 ]]; then
@@ -168,4 +187,5 @@ grep -qF "refresh $refreshes of $refreshes" "$shown" || fail "the panel did not 
 say "stopping the machine"
 stop_machine
 [[ -z $(find "$TRANSPORT_DIR" -type s 2>/dev/null) ]] || fail "a process left its address behind"
-say "demo: ok: found by identifier and by name, called, watched, lost, found again, ended cleanly"
+say "demo: ok: found by identifier and by name, called, watched, followed, lost, found again, ended" \
+    "cleanly"
