@@ -140,6 +140,7 @@ TipprmiStream& operator<<(TipprmiStream& stream, TipprmiObjectClient const& valu
 TipprmiStream& operator>>(TipprmiStream& stream, TipprmiObjectClient& value) {
     TreflectORB::TreflectObjectLocation location(0u, TreflectOrbId(), nullptr, noOid());
     stream >> location;
-    value.replaceStub(adopt(location));
+    // Half a location leads nowhere: a name that breaks off is not looked for in the whole group.
+    value.replaceStub(stream.hasUnmarshallingFailed() ? adopt(noOid()) : adopt(location));
     return stream;
 }
