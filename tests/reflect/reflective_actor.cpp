@@ -8,17 +8,58 @@
 //   level NAME            answers "level NUMBER"
 //   entered NAME          waits for a call that is held; answers "entered"
 //   release NAME          lets the calls go that are held; answers "released"
-//   destroy NAME          destroys the object; answers "destroyed"
+//   store NAME NUMBER     sets Level of the lamp NAME, wherever it is; "stored ok" or "stored CODE"
+//   destroy NAME          destroys the object or the observer; answers "destroyed"
+//   observer NAME         makes an observer, which allows all calls; answers "made"
+//   answers NAME ANSWER   what its update answers: yes, no or throw; answers "will"
+//   observe NAME OBJECT OPERATION KIND   has it told of calls, KIND: before or after; "observing 1"
+//   unobserve NAME OBJECT OPERATION      answers "unobserved"
+//   told NAME             answers "told COUNT NUMBER SOURCE": how often, the first of the values
+//   that
+//                         it was told last, or "none", and the name of the object that was called
 #include <iostream>
 #include <map>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 #include "ReflectiveClasses.h"
 
 namespace {
 
-std::map<std::string, std::unique_ptr<LampObject>> objects;  // under the run permission
+/** Notes what it is told. */
+class Watcher : public TreflectObserver {
+public:
+    explicit Watcher(std::string const& name)
+        : TreflectObserver(TipprmiOID(name, NSID_UNIT), nullptr, name) {}
+
+    bool update() override {
+        ++count_;
+        number_ = "none";
+        if (arguments().getLength() > 0) {
+            TipprmiAny value = arguments()[0];
+            unsigned int number = 0;
+            value.extract(number);
+            number_ = std::to_string(number);
+        }
+        source_ = getSource()->getRelName();
+        if (answer == "throw")
+            throw std::runtime_error("on purpose");
+        return answer == "yes";
+    }
+    std::string told() const { return std::to_string(count_) + " " + number_ + " " + source_; }
+
+    std::string answer = "yes";
+
+private:
+    int count_ = 0;
+    std::string number_ = "none";
+    std::string source_ = "nobody";
+};
+
+// Both under the run permission.
+std::map<std::string, std::unique_ptr<LampObject>> objects;
+std::map<std::string, std::unique_ptr<Watcher>> observers;
 
 void make(std::string const& kind, std::string const& name, std::string const& parentName) {
     TreflectObject const parent{TipprmiOID(parentName, NSID_UNIT)};
@@ -29,7 +70,44 @@ void make(std::string const& kind, std::string const& name, std::string const& p
         objects[name] = std::make_unique<LampObject>(name, above);
 }
 
-std::string handle(std::string const& verb, std::string const& name, std::string const& other) {
+std::string store(std::string const& name, std::string const& number) {
+    TreflectObject const lamp{TipprmiOID(name, NSID_UNIT)};
+    TipprmiResult<void> const stored =
+        lamp.attribute("Level").store(static_cast<unsigned int>(std::stoul(number)));
+    return stored ? "stored ok" : "stored " + std::to_string(stored.code());
+}
+
+std::string handleObserver(std::string const& verb, std::string const& name,
+                           std::istringstream& words) {
+    std::string object;
+    std::string operation;
+    std::string kind;
+    Watcher& observer = *observers.at(name);
+    words >> object;
+    if (verb == "answers") {
+        observer.answer = object;
+        return "will";
+    }
+    if (verb == "told")
+        return "told " + observer.told();
+    words >> operation >> kind;
+    TreflectObject const observed{TipprmiOID(object, NSID_UNIT)};
+    TreflectOperation& bound = observed.operation(operation);
+    if (verb == "unobserve") {
+        bound.removeObserver(&observer);
+        return "unobserved";
+    }
+    bool const done = kind == "before" ? bound.preObserve(&observer) : bound.postObserve(&observer);
+    return done ? "observing 1" : "observing 0";
+}
+
+std::string handle(std::string const& verb, std::string const& name, std::istringstream& words) {
+    if (observers.count(name) != 0 && verb != "destroy") {
+        TreflectHandlerState const handlerState(true);
+        return handleObserver(verb, name, words);
+    }
+    std::string other;
+    words >> other;
     if (verb == "entered" || verb == "release") {
         LampObject* object = nullptr;
         {
@@ -46,8 +124,15 @@ std::string handle(std::string const& verb, std::string const& name, std::string
         make(verb, name, other);
         return "made";
     }
+    if (verb == "store")
+        return store(name, other);
+    if (verb == "observer") {
+        observers[name] = std::make_unique<Watcher>(name);
+        return "made";
+    }
     if (verb == "destroy") {
         objects.erase(name);
+        observers.erase(name);
         return "destroyed";
     }
     LampObject& object = *objects.at(name);
@@ -72,10 +157,10 @@ int main() {
         std::istringstream words(line);
         std::string verb;
         std::string name;
-        std::string other;
-        words >> verb >> name >> other;
-        std::cout << handle(verb, name, other) << std::endl;
+        words >> verb >> name;
+        std::cout << handle(verb, name, words) << std::endl;
     }
     prepareOrbForDeletion();
     objects.clear();
+    observers.clear();
 }

@@ -1,0 +1,589 @@
+// Observers of calls: before and after, here and in other processes, and what becomes of those that
+// are gone, throw, or are none.
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+#include "BrokerActor.h"
+#include "BrokerTest.h"
+#include "Gauge.h"
+#include "Probe.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr unsigned int kBefore = TreflectObservable::kBeforeCalls;
+constexpr unsigned int kAfter = TreflectObservable::kAfterCalls;
+
+TipprmiOID oid(std::string const& name) {
+    return TipprmiOID(name, NSID_UNIT);
+}
+
+/** The program reflective_actor. */
+class Actor : public BrokerActor {
+public:
+    Actor() : BrokerActor({}, testsupport::programCommand("reflective_actor")) {}
+
+    void observe(std::string const& observer, std::string const& object,
+                 std::string const& operation, std::string const& kind) {
+        EXPECT_EQ(
+            ask("observe " + observer + " " + object + " " + operation + " " + kind, "observing"),
+            "1");
+    }
+    std::string told(std::string const& observer) { return ask("told " + observer, "told"); }
+    std::string store(std::string const& lamp, unsigned int level) {
+        return ask("store " + lamp + " " + std::to_string(level), "stored");
+    }
+};
+
+template <class Work>
+auto held(Work const& work) {
+    TreflectHandlerState const handlerState(true);
+    return work();
+}
+
+TreflectObserverClient clientOf(Watcher const& watcher) {
+    return *watcher.getClient();
+}
+
+/** A gauge, and tests that hold the permission all the time. */
+class LocalObserver : public BrokerTest {
+protected:
+    bool isObserved(unsigned int mc, unsigned int kind = kBefore) const {
+        return kind == kBefore ? gauge_.preObserverAvailable(gauge::kClass, mc)
+                               : gauge_.postObserverAvailable(gauge::kClass, mc);
+    }
+    void registerAt(unsigned int mc, Watcher const& watcher, unsigned int kind = kBefore) {
+        gauge_.registerObserver(kind, gauge::kClass, mc, clientOf(watcher));
+    }
+
+    TreflectHandlerState const handlerState_{true};
+    Gauge gauge_{"gauge"};
+    GaugeClient const client_{&gauge_};
+};
+
+TEST_F(LocalObserver, ObjectWithoutRegistrationsAllowsAll) {
+    TipprmiSequence<TipprmiAny, 0u> const none;
+    EXPECT_TRUE(gauge_.notifyObservers(kBefore, gauge::kClass, gauge::kSet, none));
+    EXPECT_TRUE(gauge_.notifyObservers(kAfter, gauge::kClass, gauge::kSet, none));
+    EXPECT_FALSE(isObserved(gauge::kSet));
+    EXPECT_FALSE(isObserved(gauge::kSet, kAfter));
+    gauge_.unRegisterObserver(TreflectObserverClient());
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(gauge_.value, 5u);
+}
+
+TEST_F(LocalObserver, IsToldTheArgumentsBeforeAndTheResultAfter) {
+    Watcher before("before");
+    Watcher after("after");
+    EXPECT_FALSE(before.notified());
+    EXPECT_EQ(before.getSource(), nullptr);
+    unsigned int valueBefore = 0;
+    unsigned int valueAfter = 0;
+    before.react = [&] {
+        valueBefore = gauge_.value;
+        return true;
+    };
+    after.react = [&] {
+        valueAfter = gauge_.value;
+        return false;  // of no account any more
+    };
+    EXPECT_TRUE(client_.operation("setValue").preObserve(&before));
+    EXPECT_TRUE(client_.operation("setValue").postObserve(&after));
+
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(valueBefore, 1u);
+    EXPECT_EQ(valueAfter, 5u);
+    EXPECT_THAT(before.values, ElementsAre(5u));
+    EXPECT_THAT(after.values, IsEmpty());
+    EXPECT_TRUE(before.notified());
+    EXPECT_THAT(before.sourceNames, ElementsAre("gauge"));
+    EXPECT_THAT(after.sourceNames, ElementsAre("gauge"));
+
+    // The same through streams, and a call that is refused.
+    EXPECT_EQ(client_.attribute("Value").set(6u), 0);
+    EXPECT_THAT(before.values, ElementsAre(6u));
+    EXPECT_EQ(valueAfter, 6u);
+    EXPECT_EQ(client_.set(101).code(), gauge::kTooMuch);
+    EXPECT_EQ(before.told, 3);
+    EXPECT_EQ(after.told, 3);
+
+    // Another operation.
+    EXPECT_EQ(client_.get().value(), 6u);
+    EXPECT_EQ(before.told, 3);
+    client_.operation("getValue").postObserve(&after);
+    EXPECT_EQ(client_.get().value(), 6u);
+    EXPECT_THAT(after.values, ElementsAre(6u));
+    EXPECT_EQ(client_.attribute("Value").fetch<unsigned int>().value(), 6u);
+    EXPECT_EQ(after.told, 5);
+}
+
+TEST_F(LocalObserver, ObservesOperationsOfBaseClasses) {
+    CombiObject combi("combi");
+    TreflectObject const handle(&combi);
+    Watcher watcher("watcher");
+    for (char const* const operation : {"ping", "setLevel", "getPower"})
+        EXPECT_TRUE(handle.operation(operation).preObserve(&watcher)) << operation;
+    handle.operation("ping").call();
+    EXPECT_EQ(watcher.told, 1);
+    EXPECT_EQ(handle.attribute("Level").set(9u), 0);
+    EXPECT_THAT(watcher.values, ElementsAre(9u));
+    EXPECT_EQ(handle.attribute("Power").fetch<unsigned int>().value(), 2000u);
+    EXPECT_EQ(watcher.told, 3);
+    watcher.answer = false;
+    handle.operation("ping").call();
+    EXPECT_EQ(combi.pings(), 1u);
+}
+
+/** A call written by hand. */
+class ByHand : public ClientCallHookBaseV {
+public:
+    void callServer(TreflectServerObject&) const override { steps += "call "; }
+    void fillParams(TipprmiSequence<TipprmiAny, 0u>& params) const override {
+        steps += "fill" + std::to_string(params.getLength()) + " ";
+        params[0].insert(42u);
+    }
+    void insertResult(TipprmiSequence<TipprmiAny, 0u>& params) const override {
+        steps += "insert" + std::to_string(params.getLength()) + " ";
+        TipprmiAny result;
+        result.insert(43u);
+        params.push_back(result);
+    }
+    char const* operationName() const override { return "byHand"; }
+
+    mutable std::string steps;
+};
+class NothingIn : public InParamHook {
+public:
+    void marshall(TipprmiStream&) const override {}
+};
+class NothingOut : public OutParamHook {
+public:
+    void unmarshall(TipprmiStream&) const override {}
+};
+
+TEST_F(LocalObserver, IsToldByTheCallHelperInThisOrder) {
+    ByHand const hook;
+    auto const call = [&] {
+        hook.steps.clear();
+        ClientCallHelper(hook, NothingIn(), NothingOut(), *client_.getStub_(), &gauge_,
+                         gauge::kClass, gauge::kReset, true);
+        return hook.steps;
+    };
+    EXPECT_EQ(call(), "call ");
+    Watcher before("before");
+    Watcher after("after");
+    auto const note = [&hook](Watcher& watcher, bool answer) {
+        return [&hook, &watcher, answer] {
+            hook.steps += watcher.objectName() + std::to_string(watcher.values.at(0)) + " ";
+            return answer;
+        };
+    };
+    before.react = note(before, true);
+    after.react = note(after, false);
+    registerAt(gauge::kReset, after, kAfter);
+    EXPECT_EQ(call(), "fill1 call insert0 after43 ") << "also without one before";
+    registerAt(gauge::kReset, before);
+    EXPECT_EQ(call(), "fill1 before42 call insert0 after43 ");
+    before.react = note(before, false);
+    EXPECT_EQ(call(), "fill1 before42 ") << "neither performed nor told";
+}
+
+TEST_F(LocalObserver, ForbidsACallBeforeIt) {
+    Watcher first("first");
+    Watcher second("second");
+    Watcher after("after");
+    registerAt(gauge::kSet, first);
+    registerAt(gauge::kSet, second);
+    registerAt(gauge::kSet, after, kAfter);
+    first.answer = false;
+    EXPECT_EQ(client_.set(5).code(), TipprmiFailure::kVetoed);
+    EXPECT_FALSE(client_.set(5));
+    EXPECT_EQ(client_.attribute("Value").set(5u), TreflectAttribute::error);
+    EXPECT_EQ(client_.attribute("Value").store(5u).code(), TipprmiFailure::kVetoed);
+    EXPECT_EQ(gauge_.calls(), 0u);
+    EXPECT_EQ(gauge_.value, 1u);
+    EXPECT_EQ(second.told, 4) << "asked all the same";
+    EXPECT_EQ(after.told, 0);
+    first.answer = true;
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(after.told, 1);
+    EXPECT_TRUE(isObserved(gauge::kSet)) << "who answers no stays";
+}
+
+// ---- Registrations -----------------------------------------------------------------------------
+
+TEST_F(LocalObserver, IsToldAsOftenAsItIsRegistered) {
+    Watcher twice("twice");
+    registerAt(gauge::kSet, twice);
+    registerAt(gauge::kSet, twice);
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(twice.told, 2);
+    client_.operation("setValue").removeObserver(&twice);
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(twice.told, 3);
+    client_.operation("setValue").removeObserver(&twice);
+    EXPECT_FALSE(isObserved(gauge::kSet));
+    client_.operation("setValue").removeObserver(&twice);
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(twice.told, 3);
+}
+
+TEST_F(LocalObserver, LosesTheFirstRegistrationOfEachKindAtOnce) {
+    Watcher watcher("watcher");
+    Watcher other("other");
+    registerAt(gauge::kGet, other);
+    registerAt(gauge::kReset, watcher);
+    registerAt(gauge::kSet, watcher);
+    registerAt(gauge::kReset, watcher, kAfter);
+    registerAt(gauge::kSet, watcher, 77);  // any kind but the first is after calls
+    // Whatever operation it is removed from.
+    client_.operation("reset").removeObserver(&watcher);
+    EXPECT_TRUE(isObserved(gauge::kGet));
+    EXPECT_FALSE(isObserved(gauge::kSet));
+    EXPECT_FALSE(isObserved(gauge::kSet, kAfter));
+    EXPECT_TRUE(isObserved(gauge::kReset));
+    EXPECT_TRUE(isObserved(gauge::kReset, kAfter));
+    client_.removeObserver(nullptr, &watcher);
+    EXPECT_FALSE(isObserved(gauge::kReset));
+    EXPECT_FALSE(isObserved(gauge::kReset, kAfter));
+}
+
+TEST_F(LocalObserver, LosesTheFirstRegistrationWhenAnotherFails) {
+    auto watcher = std::make_unique<Watcher>("watcher");
+    registerAt(gauge::kGet, *watcher);
+    registerAt(gauge::kReset, *watcher);
+    registerAt(gauge::kSet, *watcher, kAfter);
+    watcher.reset();
+    EXPECT_TRUE(client_.reset());
+    EXPECT_EQ(gauge_.value, 0u);
+    EXPECT_FALSE(isObserved(gauge::kGet));
+    EXPECT_TRUE(isObserved(gauge::kReset));
+    EXPECT_FALSE(isObserved(gauge::kSet, kAfter));
+    EXPECT_TRUE(client_.reset());
+    EXPECT_FALSE(isObserved(gauge::kReset));
+}
+
+TEST_F(LocalObserver, MayChangeTheRegistrationsWhenItIsTold) {
+    Watcher first("first");
+    Watcher second("second");
+    Watcher late("late");
+    registerAt(gauge::kSet, first);
+    registerAt(gauge::kSet, second);
+    first.react = [&] {
+        first.react = nullptr;
+        gauge_.unRegisterObserver(clientOf(first));
+        gauge_.unRegisterObserver(clientOf(second));
+        registerAt(gauge::kSet, late);
+        return true;
+    };
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(second.told, 1) << "nothing changes for this call";
+    EXPECT_EQ(late.told, 0);
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(first.told, 1);
+    EXPECT_EQ(second.told, 1);
+    EXPECT_EQ(late.told, 1);
+}
+
+TEST_F(LocalObserver, MayDestroyItselfAndOthersWhenItIsTold) {
+    auto first = std::make_unique<Watcher>("first");
+    auto second = std::make_unique<Watcher>("second");
+    second->answer = false;
+    registerAt(gauge::kSet, *first);
+    registerAt(gauge::kSet, *second);
+    first->react = [&] {
+        second.reset();
+        auto const self = std::move(first);
+        return true;
+    };
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_TRUE(isObserved(gauge::kSet)) << "that of the first, which was reached";
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_FALSE(isObserved(gauge::kSet));
+}
+
+TEST_F(LocalObserver, MayDestroyWhatItWatches) {
+    for (bool const answer : {true, false}) {
+        for (unsigned int const kind : {kBefore, kAfter}) {
+            auto object = std::make_unique<Gauge>("brief");
+            GaugeClient const client(object.get());
+            Watcher watcher("watcher");
+            auto other = std::make_unique<Watcher>("other");
+            object->registerObserver(kind, gauge::kClass, gauge::kSet, clientOf(watcher));
+            object->registerObserver(kind, gauge::kClass, gauge::kSet, clientOf(*other));
+            watcher.react = [&] {
+                other.reset();
+                object.reset();
+                return answer;
+            };
+            EXPECT_EQ(static_cast<bool>(client.set(5)), kind == kAfter);
+            EXPECT_EQ(watcher.told, 1);
+            EXPECT_FALSE(client.set(5));
+            EXPECT_EQ(watcher.told, 1);
+        }
+        // Through streams.
+        auto object = std::make_unique<Gauge>("brief");
+        TreflectObject const client(object.get());
+        TreflectAttribute& value = client.attribute("Value");
+        Watcher watcher("watcher");
+        value.operSet().preObserve(&watcher);
+        watcher.react = [&] {
+            object.reset();
+            return answer;
+        };
+        EXPECT_EQ(value.store(5u).code(), TipprmiFailure::kNotServed);
+        EXPECT_EQ(watcher.told, 1);
+    }
+}
+
+TEST_F(LocalObserver, IsDroppedWhenItThrowsAndTheCallGoesOn) {
+    Watcher first("first");
+    Watcher second("second");
+    registerAt(gauge::kSet, first);
+    registerAt(gauge::kSet, second);
+    registerAt(gauge::kSet, first, kAfter);
+    registerAt(gauge::kSet, second, kAfter);
+    first.react = []() -> bool { throw std::runtime_error("on purpose"); };
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_EQ(log_.count(3, "observer told of classCode=0x52430010,methodCode=2 threw on purpose"),
+              1u);
+    EXPECT_EQ(log_.find("threw on purpose")->source, "REFLECT_observable");
+    EXPECT_EQ(second.told, 2);
+    EXPECT_TRUE(client_.set(6));
+    EXPECT_EQ(first.told, 1);
+    EXPECT_EQ(second.told, 4);
+
+    registerAt(gauge::kSet, first);
+    first.react = []() -> bool { throw 7; };
+    EXPECT_EQ(client_.attribute("Value").set(7u), 0);
+    EXPECT_EQ(gauge_.value, 7u);
+    EXPECT_TRUE(log_.contains("observer told of classCode=0x52430010,methodCode=2 threw"));
+}
+
+TEST_F(LocalObserver, LeavesThePermissionAsItWas) {
+    Watcher watcher("watcher");
+    registerAt(gauge::kSet, watcher);
+    watcher.react = [] {
+        TreflectORB::releaseRunPermission();
+        return true;
+    };
+    EXPECT_TRUE(client_.set(5));
+    EXPECT_TRUE(TreflectORB::hasRunPermission());
+}
+
+TEST_F(LocalObserver, WhoIsNoneIsDroppedAndForbidsNothing) {
+    Actor actor;
+    {
+        TreflectReleaseHandlerState const released;
+        actor.ask("lamp far", "made");
+    }
+    LampObject const lamp("here");
+    Probe probe("probe");
+    TreflectObject const others[]{TreflectObject(&lamp),      TreflectObject(&probe),
+                                  TreflectObject(oid("far")), TreflectObject(oid("nowhere")),
+                                  TreflectObject(),           TreflectObject(&gauge_)};
+    for (TreflectObject const& other : others) {
+        for (unsigned int const kind : {kBefore, kAfter})
+            gauge_.registerObserver(kind, gauge::kClass, gauge::kSet,
+                                    TreflectObserverClient(other));
+        EXPECT_TRUE(client_.set(5));
+        EXPECT_FALSE(isObserved(gauge::kSet));
+        EXPECT_FALSE(isObserved(gauge::kSet, kAfter));
+    }
+    EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x641E8FCD, mc=0"), 6u)
+        << "one pass drops both registrations";
+}
+
+TEST_F(LocalObserver, CannotBeRegisteredWithoutOperationOrObserver) {
+    Watcher watcher("watcher");
+    TreflectMetaOperation const* const operation = client_.operation("setValue").meta();
+    client_.registerObserver(0, nullptr, &watcher);
+    client_.registerObserver(0, operation, nullptr);
+    EXPECT_EQ(log_.count(3,
+                         "TreflectObjectStub::registerObserver FAILED: oper, oper->meta() or "
+                         "obs is NULL"),
+              2u);
+    client_.removeObserver(operation, nullptr);
+    EXPECT_EQ(log_.count(3, "TreflectObjectStub::removeObserver FAILED: observer is NULL"), 1u);
+    EXPECT_EQ(log_.find("FAILED")->source, "REFLECT_objectStub");
+    EXPECT_FALSE(TreflectObject::errorOperation.preObserve(&watcher));
+    EXPECT_FALSE(TreflectObject::errorOperation.postObserve(&watcher));
+    TreflectObject::errorOperation.removeObserver(&watcher);
+    EXPECT_FALSE(isObserved(gauge::kSet));
+}
+
+TEST_F(LocalObserver, LogsCodesThatItDoesNotServe) {
+    Watcher watcher("watcher");
+    auto const dispatch = [&](unsigned int cc, unsigned int mc) {
+        TipprmiStream in(100);
+        TipprmiStream out(100);
+        return watcher.dispatch(true, cc, mc, in, out);
+    };
+    EXPECT_EQ(watcher.getServerClassId(), 0x641E8FCDu);
+    EXPECT_EQ(watcher.getServerClassIdSeq().getLength(), 1u);
+    EXPECT_EQ(watcher.getServerClassIdSeq()[0], 0x641E8FCDu);
+    EXPECT_TRUE(dispatch(0x641E8FCD, 1101));
+    EXPECT_TRUE(dispatch(0xABC, 1101));
+    EXPECT_TRUE(dispatch(0xABC, 2101));
+    EXPECT_EQ(log_.count("METHOD NOT FOUND"), 0u);
+    EXPECT_FALSE(dispatch(0x641E8FCD, 1));
+    EXPECT_EQ(log_.count(3, "Unknown method code 1"), 1u);
+    EXPECT_EQ(log_.find("NOT FOUND")->text,
+              "TreflectObserverSkeleton[oid=watcher]::dispatch(cc=0x641E8FCD, mc=1) - METHOD NOT "
+              "FOUND");
+    EXPECT_EQ(log_.find("NOT FOUND")->level, 3);
+    EXPECT_EQ(log_.find("NOT FOUND")->source, "REFLECT_ObserverSkeleton");
+    log_.clear();
+    EXPECT_FALSE(dispatch(0xABC, 0));
+    EXPECT_EQ(log_.find("NOT FOUND")->text,
+              "TreflectObserverSkeleton[oid=watcher]::dispatch(cc=0x00000ABC, mc=0) - METHOD NOT "
+              "FOUND");
+    EXPECT_EQ(watcher.told, 0);
+}
+
+// ---- Over the borders of processes -------------------------------------------------------------
+
+class RemoteObserver : public BrokerTest {
+protected:
+    ~RemoteObserver() override {
+        held([&] { lamp_.reset(); });
+    }
+    bool isObserved(unsigned int kind) const {
+        return held([&] {
+            return kind == kBefore ? lamp_->preObserverAvailable(lamp::kClass, lamp::kLevel + 1)
+                                   : lamp_->postObserverAvailable(lamp::kClass, lamp::kLevel + 1);
+        });
+    }
+    unsigned int storeHere(unsigned int level) const {
+        return held([&] {
+            TipprmiResult<void> const stored =
+                TreflectObject(lamp_.get()).attribute("Level").store(level);
+            return stored ? 1000u : stored.code();
+        });
+    }
+    static constexpr unsigned int kStored = 1000;
+
+    std::unique_ptr<LampObject> lamp_ = held([] { return std::make_unique<LampObject>("lamp"); });
+};
+
+TEST_F(RemoteObserver, IsToldOfCallsFromAllProcessesAndMayForbidThem) {
+    Actor actor;
+    Actor caller;
+    actor.ask("observer w", "made");
+    actor.observe("w", "lamp", "setLevel", "before");
+    actor.ask("observer x", "made");
+    actor.observe("x", "lamp", "getLevel", "after");
+    EXPECT_EQ(storeHere(5), kStored);
+    EXPECT_EQ(actor.told("w"), "1 5 lamp");
+    EXPECT_EQ(caller.store("lamp", 6), "ok");
+    EXPECT_EQ(actor.told("w"), "2 6 lamp");
+    EXPECT_EQ(actor.store("lamp", 7), "ok") << "from the observer's own process";
+    EXPECT_EQ(actor.told("w"), "3 7 lamp");
+    EXPECT_EQ(held([&] {
+                  return TreflectObject(lamp_.get()).attribute("Level").fetch<unsigned>().value();
+              }),
+              7u);
+    EXPECT_EQ(actor.told("x"), "1 7 lamp");
+
+    actor.ask("answers w no", "will");
+    std::string const vetoed = std::to_string(TipprmiFailure::kVetoed);
+    EXPECT_EQ(storeHere(8), TipprmiFailure::kVetoed);
+    EXPECT_EQ(caller.store("lamp", 8), vetoed);
+    EXPECT_EQ(actor.store("lamp", 8), vetoed);
+    EXPECT_EQ(held([&] { return lamp_->level; }), 7u);
+    EXPECT_EQ(actor.told("w"), "6 8 lamp");
+
+    actor.ask("unobserve w lamp setLevel", "unobserved");
+    EXPECT_EQ(caller.store("lamp", 8), "ok");
+    EXPECT_FALSE(isObserved(kBefore));
+    EXPECT_EQ(actor.told("w"), "6 8 lamp");
+}
+
+TEST_F(RemoteObserver, WatchesAnObjectOfAnotherProcess) {
+    Actor actor;
+    Actor caller;
+    actor.ask("lamp far", "made");
+    auto watcher = held([] { return std::make_unique<Watcher>("watcher"); });
+    held([&] {
+        TreflectObject const far(oid("far"));
+        EXPECT_TRUE(far.operation("setLevel").preObserve(watcher.get()));
+        EXPECT_TRUE(far.operation("setLevel").preObserve(watcher.get()));
+        EXPECT_EQ(far.attribute("Level").set(5u), 0) << "the caller is called back";
+        EXPECT_EQ(watcher->told, 2);
+        EXPECT_THAT(watcher->values, ElementsAre(5u));
+        EXPECT_THAT(watcher->sourceNames, ElementsAre("far", "far"));
+        watcher->answer = false;
+        EXPECT_EQ(far.attribute("Level").store(6u).code(), TipprmiFailure::kVetoed);
+        EXPECT_EQ(watcher->told, 4);
+    });
+    EXPECT_EQ(caller.store("far", 6), std::to_string(TipprmiFailure::kVetoed));
+    EXPECT_EQ(actor.ask("level far", "level"), "5");
+    // Gone without a word: forgotten at the next calls, one registration each.
+    held([&] { watcher.reset(); });
+    EXPECT_EQ(caller.store("far", 6), "ok");
+    EXPECT_TRUE(actor.child().waitForErrorLine("Unmarshall error on cc=0x641E8FCD, mc=0"));
+    EXPECT_EQ(caller.store("far", 7), "ok");
+    EXPECT_EQ(actor.ask("level far", "level"), "7");
+}
+
+TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
+    auto actor = std::make_unique<Actor>();
+    actor->ask("observer w", "made");
+    actor->observe("w", "lamp", "setLevel", "before");
+    actor->ask("observer x", "made");
+    actor->observe("x", "lamp", "setLevel", "after");
+    actor->ask("answers w no", "will");
+    EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed);
+    actor->child().kill();
+    actor->child().waitForExit();
+    EXPECT_TRUE(isObserved(kBefore));
+    EXPECT_EQ(storeHere(5), kStored);
+    EXPECT_FALSE(isObserved(kBefore));
+    EXPECT_FALSE(isObserved(kAfter));
+    std::size_t const errors = log_.count("Unmarshall error on cc=0x641E8FCD, mc=0");
+    EXPECT_EQ(errors, 2u);
+    EXPECT_EQ(storeHere(6), kStored);
+    EXPECT_EQ(log_.count("Unmarshall error on cc=0x641E8FCD, mc=0"), errors);
+}
+
+TEST_F(RemoteObserver, ThatThrowsIsDroppedAndForbidsNothing) {
+    Actor actor;
+    actor.ask("observer w", "made");
+    actor.observe("w", "lamp", "setLevel", "before");
+    actor.ask("answers w throw", "will");
+    EXPECT_EQ(storeHere(5), kStored);
+    EXPECT_TRUE(
+        actor.child().waitForErrorLine("classCode=0x641E8FCD,methodCode=0 threw on purpose"));
+    EXPECT_FALSE(isObserved(kBefore));
+    EXPECT_EQ(actor.told("w"), "1 5 lamp");
+}
+
+TEST_F(RemoteObserver, MayChangeRegistrationsOfTheObjectThatWaitsForIt) {
+    auto watcher = held([] { return std::make_unique<Watcher>("watcher"); });
+    auto late = held([] { return std::make_unique<Watcher>("late"); });
+    Actor actor;
+    actor.ask("lamp far", "made");
+    held([&] {
+        TreflectObject const far(oid("far"));
+        TreflectOperation& set = far.operation("setLevel");
+        set.preObserve(watcher.get());
+        watcher->react = [&] {
+            TreflectObject const source(*watcher->getSource());
+            source.operation("setLevel").removeObserver(watcher.get());
+            source.operation("setLevel").preObserve(late.get());
+            return true;
+        };
+        EXPECT_EQ(far.attribute("Level").set(5u), 0);
+        EXPECT_EQ(late->told, 0);
+        EXPECT_EQ(far.attribute("Level").set(6u), 0);
+        EXPECT_EQ(watcher->told, 1);
+        EXPECT_EQ(late->told, 1);
+        watcher.reset();
+        late.reset();
+    });
+}
+
+}  // namespace

@@ -1,0 +1,379 @@
+// Every byte of the calls that all reflective objects serve, and of the notifications of observers:
+// a peer writes and reads them by hand.
+#include <mutex>
+#include <stdexcept>
+
+#include "BrokerTest.h"
+#include "Gauge.h"
+#include "WirePeer.h"
+
+namespace {
+
+using wire::bare;
+using wire::number;
+
+constexpr unsigned int kObserverClass = 0x641E8FCD;
+constexpr unsigned int kFar = 0xFA2;  // internal id of the peer's object
+
+template <class Work>
+auto held(Work const& work) {
+    TreflectHandlerState const handlerState(true);
+    return work();
+}
+
+std::string text(std::string const& value) {
+    return wireForm(value);
+}
+
+class ReflectiveWire : public BrokerTest {
+protected:
+    ~ReflectiveWire() override {
+        held([&] {
+            watcher_.reset();
+            child_.reset();
+            gauge_.reset();
+        });
+    }
+    TreflectOrbId peerId() { return orb().convertId(peer_.termId()); }
+    /** A named object of this process, as it is encoded. */
+    std::string form(TreflectServerObject const& object, std::string const& name) {
+        return text(name) + number(1) + number(object.getInternalOID()) +
+               number(orb().orbId().value());
+    }
+    /** What an object of this process answers to a call of the peer. */
+    std::string ask(TreflectServerObject const& object, unsigned int cc, unsigned int mc,
+                    std::string const& arguments = "") {
+        unsigned int const id = ++lastId_;
+        wire::call(peer_, orb().termId(), id, object.getInternalOID(), cc, mc, arguments);
+        return wire::data(wire::awaitResponse(peer_, id));
+    }
+    std::string ask(unsigned int mc, std::string const& arguments = "") {
+        return ask(*gauge_, 0, mc, arguments);
+    }
+    /** An object of the peer, which answers `results` to the calls that come. */
+    TreflectObject far(std::string const& results) {
+        answerWith(results);
+        return wire::handleFrom(wire::handle(kFar, peerId()));
+    }
+    /** What the peer answers to the calls that come from now on. */
+    void answerWith(std::string const& results) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        results_ = results;
+    }
+    std::string results() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return results_;
+    }
+    /** The last call that came. */
+    std::string lastCall() { return wire::data(peer_.await(peer_.count() - 1)); }
+    static std::string call(unsigned int cc, unsigned int mc, std::string const& arguments = "") {
+        return number(kFar) + number(1) + number(cc) + number(mc) + arguments;
+    }
+
+    std::string const ok_ = wire::kEmptyContainer;
+    std::mutex mutex_;
+    std::string results_;  // guarded by mutex_
+    RawPeer peer_{group(), [this](RawPeer& self, TreflectMessage& message) {
+                      if (message.type() == TreflectMessage::tResolve)
+                          wire::answer(self, message, number(0));
+                      else if (wire::callOf(message).mc != 0xFFFFFFFF)
+                          wire::answer(self, message, results());
+                  }};
+    std::unique_ptr<Gauge> gauge_ = held([] { return std::make_unique<Gauge>("gauge"); });
+    std::unique_ptr<Node> child_ = held([&] {
+        TreflectObject const parent(gauge_.get());
+        return std::make_unique<Node>("child identifier", "child", &parent);
+    });
+    std::unique_ptr<Watcher> watcher_ = held([] { return std::make_unique<Watcher>("watcher"); });
+    unsigned int lastId_ = 0xCA110000;
+};
+
+// ---- What an object answers --------------------------------------------------------------------
+
+TEST_F(ReflectiveWire, NamesAreTexts) {
+    EXPECT_EQ(ask(1101), ok_ + text("gauge"));
+    EXPECT_EQ(ask(1100), ok_ + text("/gauge"));
+    EXPECT_EQ(ask(*child_, 0, 1100), ok_ + text("/gauge/child"));
+    EXPECT_EQ(ask(*child_, 0xFFFFFFFF, 1101), ok_ + text("child")) << "whatever the class code";
+}
+
+TEST_F(ReflectiveWire, ParentsAndChildrenAreHandles) {
+    std::string const nobody = text("InvalidStub") + number(1) + number(0) + number(0);
+    EXPECT_EQ(ask(*child_, 0, 1103), ok_ + form(*gauge_, "gauge"));
+    EXPECT_EQ(ask(1103), ok_ + nobody);
+    EXPECT_EQ(ask(1104, text("child")), ok_ + form(*child_, "child identifier"));
+    EXPECT_EQ(ask(1104, text("Child")), ok_ + nobody);
+    EXPECT_EQ(ask(1105), ok_ + number(1) + form(*child_, "child identifier"));
+    EXPECT_EQ(ask(*child_, 0, 1105), ok_ + number(0));
+    std::string const stranger = wire::handle(7, peerId());
+    EXPECT_EQ(ask(1106, text("a stranger") + stranger), ok_);
+    EXPECT_EQ(ask(1105), ok_ + number(2) + stranger + form(*child_, "child identifier"));
+    EXPECT_EQ(ask(1106, text("child") + stranger), ok_);
+    EXPECT_EQ(ask(1107, text("a stranger")), ok_);
+    EXPECT_EQ(ask(1107, text("nobody")), ok_);
+    EXPECT_EQ(ask(1105), ok_ + number(1) + stranger);
+}
+
+TEST_F(ReflectiveWire, ClassesAreTheirIds) {
+    EXPECT_EQ(ask(1108), ok_ + number(1) + number(gauge::kClass));
+    EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(0));
+    EXPECT_EQ(ask(*watcher_, 0, 1108), ok_ + number(1) + number(kObserverClass));
+    held([&] {
+        child_->ids.push_back(1);
+        child_->ids.push_back(0xFFFFFFFF);
+    });
+    EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(2) + number(1) + number(0xFFFFFFFF));
+}
+
+TEST_F(ReflectiveWire, OtherCodesFailAndStandardOnesStartWithTheContainerOfTheObject) {
+    EXPECT_EQ(ask(1102), wire::kNotServed);
+    EXPECT_EQ(ask(999), wire::kNotServed);
+    EXPECT_EQ(ask(*watcher_, kObserverClass, 1), wire::kNotServed);
+    EXPECT_TRUE(
+        log_.contains("TreflectObserverSkeleton[oid=watcher]::dispatch(cc=0x641E8FCD, "
+                      "mc=1) - METHOD NOT FOUND"));
+    std::string const container = bare("00000007 00000002 ABCD");
+    EXPECT_EQ(ask(2100, container), container);
+    EXPECT_EQ(ask(1101), container + text("gauge"));
+    EXPECT_EQ(ask(1107, text("nobody")), container);
+    EXPECT_EQ(ask(1108), container + number(1) + number(gauge::kClass));
+}
+
+TEST_F(ReflectiveWire, CallThatIsForbiddenIsAnsweredWithAnException) {
+    held([&] {
+        gauge_->registerObserver(0, gauge::kClass, gauge::kSet, *watcher_->getClient());
+        watcher_->answer = false;
+    });
+    EXPECT_EQ(ask(*gauge_, gauge::kClass, gauge::kSet, number(5)),
+              bare("00000001 00000004 FFFFFFFE"));
+    held([&] { watcher_->answer = true; });
+    EXPECT_EQ(ask(*gauge_, gauge::kClass, gauge::kSet, number(5)), ok_);
+    EXPECT_EQ(held([&] { return gauge_->value; }), 5u);
+}
+
+// ---- What an object is asked -------------------------------------------------------------------
+
+TEST_F(ReflectiveWire, HandleAsksForNames) {
+    held([&] {
+        EXPECT_EQ(far(ok_ + text("the name")).getRelName(), "the name");
+        EXPECT_EQ(lastCall(), call(0, 1101));
+        EXPECT_EQ(far(ok_ + text("/the/name")).getAbsName(), "/the/name");
+        EXPECT_EQ(lastCall(), call(0, 1100));
+    });
+}
+
+TEST_F(ReflectiveWire, HandleAsksForParentAndChildren) {
+    held([&] {
+        std::string const another = wire::handle(7, peerId());
+        EXPECT_EQ(far(ok_ + another).getParent(), wire::handleFrom(another));
+        EXPECT_EQ(lastCall(), call(0, 1103));
+        EXPECT_EQ(far(ok_ + form(*child_, "child identifier")).getChild("c"),
+                  TreflectObject(child_.get()));
+        EXPECT_EQ(lastCall(), call(0, 1104, text("c")));
+        TipprmiSequence<TreflectObject, 0u> const children =
+            far(ok_ + number(2) + another + form(*child_, "child identifier")).getChilds();
+        EXPECT_EQ(lastCall(), call(0, 1105));
+        ASSERT_EQ(children.getLength(), 2u);
+        EXPECT_EQ(children[0], wire::handleFrom(another));
+        EXPECT_EQ(children[1], TreflectObject(child_.get()));
+        far(ok_).registerChild("c", TreflectObject(child_.get()));
+        EXPECT_EQ(lastCall(), call(0, 1106, text("c") + form(*child_, "child identifier")));
+        far(ok_).unregisterChild("c");
+        EXPECT_EQ(lastCall(), call(0, 1107, text("c")));
+    });
+    EXPECT_EQ(log_.count("Unmarshall error"), 0u);
+}
+
+TEST_F(ReflectiveWire, HandleAsksForClasses) {
+    held([&] {
+        EXPECT_EQ(far(ok_ + number(2) + number(0xDEAD0001) + number(gauge::kClass)).meta(),
+                  &gaugeMeta);
+        EXPECT_EQ(lastCall(), call(0, 1108));
+    });
+}
+
+TEST_F(ReflectiveWire, HandleRegistersAndRemovesObservers) {
+    held([&] {
+        TreflectObject const object = far(ok_);
+        std::string const observer = form(*watcher_, "watcher");
+        TreflectMetaOperation const* const set =
+            TreflectObject(gauge_.get()).operation("setValue").meta();
+        object.registerObserver(0, set, watcher_.get());
+        EXPECT_EQ(
+            lastCall(),
+            call(0, 1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + observer));
+        object.registerObserver(0x80000000, set, watcher_.get());
+        EXPECT_EQ(lastCall(), call(0, 1000,
+                                   number(0x80000000) + number(gauge::kClass) +
+                                       number(gauge::kSet) + observer));
+        object.removeObserver(set, watcher_.get());
+        EXPECT_EQ(lastCall(), call(0, 1001, observer));
+    });
+    EXPECT_EQ(log_.count("Unmarshall error"), 0u);
+}
+
+TEST_F(ReflectiveWire, HandleTakesDefaultsOfAnswersThatBreakOff) {
+    std::string const bad[]{"",
+                            bare("00000000"),
+                            ok_,
+                            bare("00000001 00000004 0000002A"),
+                            ok_ + bare("0000"),
+                            ok_ + bare("7FFFFFFF 0000")};
+    for (std::string const& answer : bad) {
+        log_.clear();
+        TreflectHandlerState const handlerState(true);
+        EXPECT_EQ(far(answer).getRelName(), "");
+        EXPECT_EQ(far(answer).getAbsName(), "");
+        EXPECT_FALSE(far(answer).getParent().isConnected());
+        EXPECT_FALSE(far(answer).getChild("c").isConnected());
+        EXPECT_EQ(far(answer).getChilds().getLength(), 0u);
+        EXPECT_EQ(far(answer).meta(), nullptr);
+        for (unsigned int const mc : {1101, 1100, 1103, 1104, 1105, 1108})
+            EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x0, mc=" + std::to_string(mc)), 1u)
+                << mc << " " << answer;
+        far(answer).registerChild("c", TreflectObject());
+        far(answer).unregisterChild("c");
+        EXPECT_EQ(log_.count("Unmarshall error"), 6u) << "nobody reads what they answer";
+    }
+}
+
+// ---- Notifications -----------------------------------------------------------------------------
+
+TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
+    std::string const observer = wire::handle(kFar, peerId());
+    EXPECT_EQ(ask(1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + observer), ok_);
+    EXPECT_EQ(ask(1000, number(9) + number(gauge::kClass) + number(gauge::kGet) + observer), ok_);
+    std::string const source = form(*gauge_, "gauge");
+    held([&] {
+        GaugeClient const client(gauge_.get());
+        answerWith(ok_ + bare("00000001 00000001"));
+        EXPECT_TRUE(client.set(5));
+        EXPECT_EQ(lastCall(), call(kObserverClass, 0,
+                                   source + number(gauge::kClass) + number(gauge::kSet) +
+                                       bare("00000001 00000004 00000005")));
+        EXPECT_EQ(client.get().value(), 5u);
+        EXPECT_EQ(lastCall(), call(kObserverClass, 0,
+                                   source + number(gauge::kClass) + number(gauge::kGet) +
+                                       bare("00000001 00000004 00000005")));
+        answerWith(ok_ + bare("00000000 00000001"));
+        EXPECT_EQ(client.set(6).code(), TipprmiFailure::kVetoed);
+        EXPECT_EQ(gauge_->value, 5u);
+        EXPECT_EQ(client.get().value(), 5u) << "an answer after a call is of no account";
+        answerWith(ok_ + bare("00000000 00000000"));
+        EXPECT_TRUE(client.set(6)) << "not reached, whatever it answers";
+        EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet));
+        EXPECT_FALSE(gauge_->postObserverAvailable(gauge::kClass, gauge::kGet));
+    });
+    EXPECT_EQ(log_.count("Unmarshall error"), 0u);
+    // Removed in words.
+    EXPECT_EQ(ask(1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + observer), ok_);
+    EXPECT_EQ(ask(1001, observer), ok_);
+    EXPECT_EQ(ask(1001, observer), ok_);
+    held([&] { EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)); });
+}
+
+TEST_F(ReflectiveWire, ObserverWhoseAnswerCannotBeReadWasNotReached) {
+    std::string const answers[]{"",
+                                ok_,
+                                ok_ + number(0),
+                                ok_ + bare("00000000 0000"),
+                                bare("00000001 00000004 00000000"),
+                                bare("0000")};
+    for (std::string const& answer : answers) {
+        log_.clear();
+        TreflectHandlerState const handlerState(true);
+        gauge_->registerObserver(
+            0, gauge::kClass, gauge::kSet,
+            wire::handleFrom<TreflectObserverClient>(wire::handle(kFar, peerId())));
+        answerWith(answer);
+        EXPECT_TRUE(GaugeClient(gauge_.get()).set(5)) << answer;
+        EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)) << answer;
+        EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x641E8FCD, mc=0"), 1u) << answer;
+    }
+}
+
+TEST_F(ReflectiveWire, NotificationIsAnsweredWithWhatTheObserverSays) {
+    // The source has a name of the peer's, so that asking for it stays with the peer.
+    answerWith(ok_ + text("far away"));
+    std::string const source = wire::handle(kFar, peerId());
+    std::string const body =
+        source + number(3) + number(4) + bare("00000002 00000004 00000005 00000004 00000006");
+    EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000001 00000001"));
+    held([&] {
+        EXPECT_EQ(watcher_->told, 1);
+        EXPECT_EQ(watcher_->values, (std::vector<unsigned int>{5, 6}));
+        EXPECT_EQ(watcher_->sourceNames.back(), "far away");
+        watcher_->answer = false;
+    });
+    EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000000 00000001"));
+    held([&] {
+        watcher_->react = [&] {
+            watcher_.reset();
+            return true;
+        };
+    });
+    EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000001 00000001"));
+}
+
+TEST_F(ReflectiveWire, ObserverThatThrowsIsAnsweredForWithAFailure) {
+    held([&] { watcher_->react = []() -> bool { throw std::runtime_error("on purpose"); }; });
+    answerWith(ok_ + text("far away"));
+    EXPECT_EQ(ask(*watcher_, kObserverClass, 0,
+                  wire::handle(kFar, peerId()) + number(3) + number(4) + number(0)),
+              wire::kNotServed);
+    EXPECT_TRUE(log_.contains("classCode=0x641E8FCD,methodCode=0 threw on purpose"));
+}
+
+// ---- Requests that make no sense ---------------------------------------------------------------
+
+TEST_F(ReflectiveWire, RequestsThatBreakOffAreAnsweredAndLogged) {
+    struct {
+        unsigned int mc;
+        std::string arguments;
+    } const cases[]{{1000, ""},
+                    {1000, number(0) + number(gauge::kClass)},
+                    {1000, number(0) + number(gauge::kClass) + number(gauge::kSet)},
+                    {1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + number(5)},
+                    {1000, bare("0000")},
+                    {1001, ""},
+                    {1001, bare("7FFFFFFF 00000001")},
+                    {1104, ""},
+                    {1104, bare("7FFFFFFF 6162")},
+                    {1104, bare("00000003 6162")},
+                    {1106, ""},
+                    {1106, text("child")},
+                    {1106, text("child") + bare("7FFFFFFF")},
+                    {1107, ""},
+                    {1107, bare("00100000 6162")}};
+    for (auto const& [mc, arguments] : cases) {
+        log_.clear();
+        std::string const answer = ask(mc, arguments);
+        EXPECT_EQ(answer.substr(0, 16), ok_) << mc << " " << arguments;
+        EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x0, mc=" + std::to_string(mc)), 1u)
+            << mc << " " << arguments;
+    }
+    // Texts of negative length are empty.
+    EXPECT_EQ(ask(1107, bare("80000000")), ok_);
+    // Whoever was registered so forbids nothing.
+    held([&] { EXPECT_TRUE(GaugeClient(gauge_.get()).set(5)); });
+    EXPECT_EQ(ask(1101), ok_ + text("gauge"));
+}
+
+TEST_F(ReflectiveWire, NotificationsThatBreakOffAreAnsweredAndLogged) {
+    held([&] { watcher_->react = [] { return true; }; });
+    answerWith(ok_ + text("far away"));
+    std::string const head = wire::handle(kFar, peerId()) + number(3) + number(4);
+    std::string const cases[]{head,
+                              head + bare("FFFFFFFF"),
+                              head + bare("00010001 00000004 00000005"),
+                              head + bare("00000002 00000004 00000005"),
+                              head + bare("00000001 7FFFFFFF 00000005"),
+                              wire::handle(kFar, peerId()) + number(3)};
+    for (std::string const& body : cases) {
+        log_.clear();
+        EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000001 00000001")) << body;
+        EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x641E8FCD, mc=0"), 1u) << body;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,380 @@
+// Server objects: names, parents and children, here and over the borders of processes, and what
+// happens when one goes while it is waited for.
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <thread>
+
+#include "BrokerActor.h"
+#include "BrokerTest.h"
+#include "Gauge.h"
+#include "WirePeer.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+TipprmiOID oid(std::string const& name) {
+    return TipprmiOID(name, NSID_UNIT);
+}
+
+/** The program reflective_actor. */
+class Actor : public BrokerActor {
+public:
+    Actor() : BrokerActor({}, testsupport::programCommand("reflective_actor")) {}
+};
+
+template <class Work>
+auto held(Work const& work) {
+    TreflectHandlerState const handlerState(true);
+    return work();
+}
+
+std::vector<std::string> namesOf(TipprmiSequence<TreflectObject, 0u> const& objects) {
+    std::vector<std::string> names;
+    for (unsigned int i = 0; i < objects.getLength(); ++i)
+        names.push_back(objects[i].getRelName());
+    return names;
+}
+
+class ServerObject : public BrokerTest {
+protected:
+    /** A handle on object `ioid` of a peer. */
+    TreflectObject objectOf(RawPeer const& peer, unsigned int ioid) {
+        return wire::handleFrom(wire::handle(ioid, orb().convertId(peer.termId())));
+    }
+    Transport::TerminationId broker() { return orb().termId(); }
+};
+
+// ---- Names -------------------------------------------------------------------------------------
+
+TEST_F(ServerObject, HasANameOfAnyLength) {
+    Actor actor;
+    for (std::size_t const length : {0, 1, 15, 16, 17, 5000}) {
+        std::string const name(length, 'n');
+        if (length > 0)
+            actor.ask("lamp " + name, "made");
+        TreflectHandlerState const handlerState(true);
+        Node const node("short", name, nullptr);
+        EXPECT_EQ(node.objectName(), name);
+        EXPECT_EQ(node.getRelName(), name);
+        EXPECT_EQ(TreflectObject(&node).getRelName(), name);
+        EXPECT_EQ(TreflectObject(&node).getAbsName(), "/" + name);
+        if (length == 0)
+            continue;
+        TreflectObject const far(oid(name));
+        ASSERT_TRUE(far.isConnected());
+        EXPECT_EQ(far.getRelName(), name);
+        EXPECT_EQ(far.getAbsName(), "/" + name);
+    }
+}
+
+TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
+    auto root = held([] { return std::make_unique<Node>("root"); });
+    Actor first;
+    Actor second;
+    first.ask("lamp mid root", "made");
+    second.ask("lamp leaf mid", "made");
+    {
+        TreflectHandlerState const handlerState(true);
+        TreflectObject const top(root.get());
+        TreflectObject const leaf(oid("leaf"));
+        EXPECT_EQ(leaf.getAbsName(), "/root/mid/leaf");
+        EXPECT_EQ(leaf.getParent(), TreflectObject(oid("mid")));
+        EXPECT_EQ(leaf.getParent().getParent(), top);
+        EXPECT_FALSE(top.getParent().isConnected());
+        EXPECT_THAT(namesOf(top.getChilds()), ElementsAre("mid"));
+        EXPECT_EQ(top.getChild("mid").getChild("leaf"), leaf);
+        EXPECT_EQ(top.getChild("mid").getChild("leaf").getAbsName(), "/root/mid/leaf");
+        EXPECT_EQ(static_cast<Node const*>(root.get())->getChild("mid").getAbsName(), "/root/mid");
+    }
+    second.ask("destroy leaf", "destroyed");
+    held([&] { EXPECT_EQ(TreflectObject(oid("mid")).getChilds().getLength(), 0u); });
+    held([&] { root.reset(); });
+    held([&] { EXPECT_EQ(TreflectObject(oid("mid")).getAbsName(), "/mid"); });
+    first.ask("destroy mid", "destroyed");
+    first.ask("lamp another", "made");
+}
+
+TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
+    auto root = held([] { return std::make_unique<Node>("root"); });
+    auto first = std::make_unique<Actor>();
+    Actor second;
+    first->ask("lamp mid root", "made");
+    second.ask("lamp leaf mid", "made");
+    first->child().kill();
+    first->child().waitForExit();
+    {
+        // Of the child that was killed an entry is left, which answers nothing, at once.
+        TreflectHandlerState const handlerState(true);
+        EXPECT_EQ(TreflectObject(oid("leaf")).getAbsName(), "/leaf");
+        ASSERT_EQ(root->getChilds().getLength(), 1u);
+        EXPECT_EQ(root->getChild("mid").getRelName(), "");
+        EXPECT_EQ(root->getChild("mid").getChilds().getLength(), 0u);
+        EXPECT_EQ(root->getChild("mid").meta(), nullptr);
+        EXPECT_TRUE(log_.contains("Unmarshall error on cc=0x0, mc=1101") ||
+                    log_.contains("to stub object set to invalid"));
+        EXPECT_TRUE(
+            log_.contains("TreflectObjectStub::meta() - did not find any meta "
+                          "information, returning NULL"));
+    }
+    second.ask("destroy leaf", "destroyed");
+    Actor third;
+    third.ask("lamp mid root", "made");
+    held([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
+    third.ask("destroy mid", "destroyed");
+    held([&] {
+        EXPECT_EQ(root->getChilds().getLength(), 0u);
+        root.reset();
+    });
+}
+
+TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
+    /** Asks each child at once, which waits for the parent to answer. */
+    class Curious : public Node {
+    public:
+        using Node::Node;
+        void registerChild(std::string const& name, TreflectObject const& child) override {
+            TreflectObject const asked(child);
+            Node::registerChild(name, asked);
+            relName = asked.getRelName();
+            absName = asked.getAbsName();
+            meta = asked.meta();
+            isItsParent = asked.getParent() == TreflectObject(this);
+        }
+        std::string relName, absName;
+        TreflectMetaObject const* meta = &deviceMeta;
+        bool isItsParent = false;
+    };
+    auto parent = held([] { return std::make_unique<Curious>("curious"); });
+    Actor actor;
+    actor.ask("lamp child curious", "made");
+    {
+        TreflectHandlerState const handlerState(true);
+        EXPECT_EQ(parent->relName, "child");
+        EXPECT_EQ(parent->absName, "/curious/child");
+        EXPECT_EQ(parent->meta, nullptr) << "it has no class before it is built";
+        EXPECT_TRUE(parent->isItsParent);
+        EXPECT_EQ(parent->getChild("child").meta(), &lampMeta);
+    }
+    held([&] { parent.reset(); });
+}
+
+// ---- Children ----------------------------------------------------------------------------------
+
+/** What every object does with children, wherever it is. */
+void expectKeepsChildren(TreflectObject const& parent) {
+    Node const one("one");
+    Node const two("two");
+    std::string const longName(300, 'z');
+    parent.registerChild(longName, TreflectObject(&one));
+    parent.registerChild("b", TreflectObject(&one));
+    parent.registerChild("c", TreflectObject(&one));
+    parent.registerChild("a", TreflectObject(&two));
+    EXPECT_THAT(namesOf(parent.getChilds()), ElementsAre("two", "one", "one", "one"));
+    parent.registerChild("b", TreflectObject(&two));
+    EXPECT_THAT(namesOf(parent.getChilds()), ElementsAre("two", "two", "one", "one"));
+    EXPECT_EQ(parent.getChild("b"), TreflectObject(&two));
+    EXPECT_EQ(parent.getChild(longName), TreflectObject(&one));
+    EXPECT_FALSE(parent.getChild("B").isConnected());
+    EXPECT_FALSE(parent.getChild("").isConnected());
+    parent.unregisterChild("a");
+    parent.unregisterChild("a");
+    parent.unregisterChild("never there");
+    EXPECT_FALSE(parent.getChild("a").isConnected());
+    EXPECT_THAT(namesOf(parent.getChilds()), ElementsAre("two", "one", "one"));
+    for (std::string const& name : {std::string("b"), std::string("c"), longName})
+        parent.unregisterChild(name);
+    EXPECT_EQ(parent.getChilds().getLength(), 0u);
+}
+
+TEST_F(ServerObject, KeepsChildrenInTheOrderOfTheirNames) {
+    Actor actor;
+    actor.ask("lamp far", "made");
+    TreflectHandlerState const handlerState(true);
+    Node const here("here");
+    expectKeepsChildren(TreflectObject(&here));
+    expectKeepsChildren(TreflectObject(oid("far")));
+    EXPECT_EQ(log_.count("Unmarshall error"), 0u);
+}
+
+TEST_F(ServerObject, LeavesItsParentOfTheSameProcess) {
+    TreflectHandlerState const handlerState(true);
+    auto parent = std::make_unique<Node>("parent");
+    TreflectObject const handle(parent.get());
+    {
+        Node const child("child", &handle);
+        EXPECT_EQ(child.getAbsName(), "/parent/child");
+        EXPECT_EQ(child.getParent(), handle);
+        EXPECT_EQ(parent->getChild("child"), *child.getClient());
+    }
+    EXPECT_EQ(parent->getChilds().getLength(), 0u);
+    Node const orphan("child", &handle);
+    TreflectObject const entry = parent->getChild("child");
+    parent.reset();
+    EXPECT_EQ(orphan.getAbsName(), "/child");
+    EXPECT_TRUE(entry.isConnected());
+    EXPECT_FALSE(orphan.getParent().isConnected());
+}
+
+TEST_F(ServerObject, HasOneHandleOfItsOwn) {
+    TreflectHandlerState const handlerState(true);
+    Node const node("node");
+    TreflectObject* const client = node.getClient();
+    EXPECT_EQ(node.getClient(), client);
+    EXPECT_EQ(client->getServer(), &node);
+}
+
+// ---- Classes and codes -------------------------------------------------------------------------
+
+TEST_F(ServerObject, IsOfItsMostSpecialClassThatIsKnown) {
+    Actor actor;
+    actor.ask("combi far", "made");
+    TreflectHandlerState const handlerState(true);
+    Node node("node");
+    TreflectObject const handle(&node);
+    EXPECT_EQ(handle.meta(), nullptr);
+    node.ids.push_back(0xDEAD0001);
+    EXPECT_EQ(handle.meta(), nullptr);
+    EXPECT_EQ(log_.count(3,
+                         "TreflectObjectStub::meta() - did not find any meta information, "
+                         "returning NULL"),
+              2u);
+    node.ids.push_back(device::kClass);
+    node.ids.push_back(gauge::kClass);
+    EXPECT_EQ(handle.meta(), &deviceMeta);
+    EXPECT_EQ(TreflectObject(oid("far")).meta(), &combiMeta);
+}
+
+TEST_F(ServerObject, LeavesOtherCodesToTheSkeleton) {
+    TreflectHandlerState const handlerState(true);
+    Node node("node");
+    for (unsigned int const code : {0u, 999u, 1002u, 1099u, 1102u, 1109u, 0xFFFFFFFFu}) {
+        TipprmiStream in(100);
+        TipprmiStream out(100);
+        EXPECT_FALSE(node.dispatch(true, 0xABCDEF01, code, in, out));
+        EXPECT_TRUE(out.empty());
+        EXPECT_EQ(log_.count(3, "Unknown method code " + std::to_string(static_cast<int>(code))),
+                  1u);
+        log_.clear();
+    }
+    // The class code is of no account for the standard methods.
+    TipprmiStream in(100);
+    TipprmiStream out(100);
+    EXPECT_TRUE(node.dispatch(true, 0xABCDEF01, 1101, in, out));
+    EXPECT_EQ(hex(out), wire::bare("0000000000000000 00000004 6E6F6465"));
+}
+
+TEST_F(ServerObject, TellsOfEventsOnlyWhenItsClassIsKnown) {
+    TreflectHandlerState const handlerState(true);
+    Node const node("node");
+    node.sendCreationEvent();
+    node.sendDeletionEvent();
+    std::string const line = "TreflectServerObject::sendCreationEvent(): no meta object";
+    EXPECT_EQ(log_.count(3, line), 2u);
+    EXPECT_EQ(log_.find(line)->text, line);
+    EXPECT_EQ(log_.find(line)->source, "REFLECT_serverObject");
+    log_.clear();
+    node.sendCreationEvent(&gaugeMeta);
+    node.sendDeletionEvent(&gaugeMeta);
+    EXPECT_FALSE(log_.contains("no meta object"));
+}
+
+// ---- Going while it is waited for --------------------------------------------------------------
+
+TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
+    RawPeer peer(group(), wire::answeringAllBut({1100}));
+    std::unique_ptr<Node> node;
+    std::string name;
+    unsigned int ioid = 0;
+    held([&] {
+        TreflectObject const parent = objectOf(peer, 7);
+        node = std::make_unique<Node>("node", &parent);
+        ioid = node->getInternalOID();
+    });
+    std::thread caller([&] { held([&] { name = node->getAbsName(); }); });
+    wire::awaitCall(peer, 1100);
+    wire::call(peer, broker(), 0xCA11, ioid, 0, 1100);
+    std::vector<TreflectMessage> asked;
+    ASSERT_TRUE(testsupport::eventually([&] {
+        asked.clear();
+        for (std::size_t i = 0; i < peer.count(); ++i) {
+            if (wire::callOf(peer.await(i)).mc == 1100)
+                asked.push_back(peer.await(i));
+        }
+        return asked.size() == 2;
+    }));
+    held([&] { node.reset(); });
+    EXPECT_EQ(wire::callOf(wire::awaitCall(peer, 1107)).ioid, 7u);
+    for (TreflectMessage const& request : asked)
+        wire::answer(peer, request, wire::kEmptyContainer + wireForm(std::string("/far")));
+    caller.join();
+    EXPECT_EQ(name, "/far/node");
+    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)),
+              wire::kEmptyContainer + wireForm(std::string("/far/node")));
+}
+
+TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
+    RawPeer peer(group(), wire::answeringAllBut({0, 1107}));
+    std::unique_ptr<Gauge> object;
+    unsigned int ioid = 0;
+    held([&] {
+        TreflectObject const parent = objectOf(peer, 7);
+        object = std::make_unique<Gauge>("gauge", &parent);
+        ioid = object->getInternalOID();
+        auto const observer = wire::handleFrom<TreflectObserverClient>(
+            wire::handle(9, orb().convertId(peer.termId())));
+        object->registerObserver(TreflectObservable::kBeforeCalls, gauge::kClass, gauge::kSet,
+                                 observer);
+    });
+    wire::call(peer, broker(), 0xCA11, ioid, gauge::kClass, gauge::kSet, "00000005");
+    TreflectMessage const asked = wire::awaitCall(peer, 0);
+    std::thread destroyer([&] { held([&] { object.reset(); }); });
+    TreflectMessage const leaving = wire::awaitCall(peer, 1107);
+    wire::answer(peer, asked, wire::kEmptyContainer + wire::bare("00000001 00000001"));
+    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), wire::kNotServed);
+    wire::answer(peer, leaving, wire::kEmptyContainer);
+    destroyer.join();
+}
+
+TEST_F(ServerObject, MayOutlastItsBrokerWhileItLeavesItsParent) {
+    RawPeer peer(group(), wire::answeringAllBut({1107}));
+    std::unique_ptr<Node> node;
+    held([&] {
+        TreflectObject const parent = objectOf(peer, 7);
+        node = std::make_unique<Node>("node", &parent);
+    });
+    std::thread destroyer([&] { held([&] { node.reset(); }); });
+    wire::awaitCall(peer, 1107);
+    TreflectORB::prepareForDeletion();
+    destroyer.join();
+}
+
+/** A request whose reading looks for an object, and its target goes meanwhile. */
+class LateTarget : public ServerObject, public testing::WithParamInterface<unsigned int> {};
+
+TEST_P(LateTarget, IsNotTouchedAnyMore) {
+    unsigned int const mc = GetParam();
+    RawPeer peer(group());
+    auto target = held([&] { return std::make_unique<Watcher>("target"); });
+    unsigned int const ioid = target->getInternalOID();
+    std::string const unknown = wire::handle(std::string("nobody"));
+    std::string arguments = unknown;
+    if (mc == 1000)
+        arguments = wire::bare("00000000 00000001 00000002") + unknown;
+    if (mc == 1106)
+        arguments = wireForm(std::string("child")) + unknown;
+    if (mc == 0)
+        arguments = unknown + wire::bare("00000001 00000002 00000000");
+    wire::call(peer, broker(), 0xCA11, ioid, TreflectObserverSkeleton::kClassId, mc, arguments);
+    TreflectMessage const search = wire::awaitSearch(peer);
+    held([&] { target.reset(); });
+    wire::answer(peer, search, "00000000");
+    std::string const expected =
+        mc == 0 ? wire::kEmptyContainer + wire::bare("00000000 00000000") : wire::kNotServed;
+    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, LateTarget, testing::Values(0u, 1000u, 1001u, 1106u));
+
+}  // namespace
