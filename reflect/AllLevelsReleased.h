@@ -1,5 +1,6 @@
 #pragma once
 
+#include "oswrap/CancelGuards.h"
 #include "reflect/TreflectORB.h"
 
 /** Gives up the run permission, all levels of it, for a scope. */
@@ -11,6 +12,7 @@ public:
             TreflectORB::releaseRunPermission();
     }
     ~AllLevelsReleased() {
+        OSWrap::DisableCancelStateGuard const notCancelled;
         for (unsigned long i = 0; i < levels_; ++i)
             TreflectORB::getRunPermission();
     }

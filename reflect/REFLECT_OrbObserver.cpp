@@ -7,6 +7,7 @@
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
 #include "reflect/AllLevelsReleased.h"
+#include "reflect/CallbackScope.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectOrbObserver.h"
 #include "transport/TransportLayer.h"
@@ -21,6 +22,20 @@ constexpr std::size_t kStackSize = 0x80000;
 }  // namespace
 
 TreflectOrbObserverIf::~TreflectOrbObserverIf() = default;
+
+/** Marks, for a scope, that an observer is being told. */
+class TreflectOrbObserver::Notice {
+public:
+    Notice(TreflectOrbObserver& owner, TreflectOrbObserverIf const* observer)
+        : owner_(owner), observer_(observer) {}
+    ~Notice() { owner_.end(observer_); }
+    Notice(Notice const&) = delete;
+    Notice& operator=(Notice const&) = delete;
+
+private:
+    TreflectOrbObserver& owner_;
+    TreflectOrbObserverIf const* const observer_;
+};
 
 // ---- The thread --------------------------------------------------------------------------------
 
@@ -111,41 +126,49 @@ void TreflectOrbObserver::tellAll(OrbAppear_t const& appearance) {
     }
     for (OrbObserver_t const& record : copy) {
         if (record.mask == appearance.what || record.mask == TreflectOrbObserverIf::kAll)
-            tell(record, appearance);
+            tell(record.observer, appearance);
     }
 }
 
 // What an observer throws ends here: the others are to hear of the broker too.
-void TreflectOrbObserver::tell(OrbObserver_t const& record, OrbAppear_t const& appearance) {
+void TreflectOrbObserver::tell(TreflectOrbObserverIf* observer, OrbAppear_t const& appearance) {
     TreflectHandlerState const handlerState(true);
-    if (!begin(record))
+    if (!begin(observer))
         return;
+    Notice const notice(*this, observer);
+    CallbackScope const restored;
     try {
-        record.observer->notify(appearance.broker, appearance.what);
+        observer->notify(appearance.broker, appearance.what);
     } catch (std::exception const& error) {
-        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw %s", static_cast<void*>(record.observer),
+        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw %s", static_cast<void*>(observer),
                        error.what());
     } catch (...) {
         if (!std::current_exception())  // not a C++ exception: the thread is being unwound
             throw;
-        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw", static_cast<void*>(record.observer));
+        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw", static_cast<void*>(observer));
     }
-    end();
 }
 
-/** False when the observer has gone since the list was copied. */
-bool TreflectOrbObserver::begin(OrbObserver_t const& record) {
+/** False when the observer has gone since it was looked up. */
+bool TreflectOrbObserver::begin(TreflectOrbObserverIf const* observer) {
     Guard const lock(observersMutex_);
-    if (obsFind(record.observer) == observers_.end())
+    if (obsFind(observer) == observers_.end())
         return false;
-    running_ = record.observer;
+    running_.emplace_back(observer, OSWrap::Thread::getCurrentId());
     return true;
 }
 
-void TreflectOrbObserver::end() {
+void TreflectOrbObserver::end(TreflectOrbObserverIf const* observer) {
     Guard const lock(observersMutex_);
-    running_ = nullptr;
+    running_.erase(std::find(running_.begin(), running_.end(),
+                             std::make_pair(observer, OSWrap::Thread::getCurrentId())));
     observersMutex_.broadcast();
+}
+
+bool TreflectOrbObserver::isToldElsewhere(TreflectOrbObserverIf const* observer) const {
+    return std::any_of(running_.begin(), running_.end(), [&](auto const& running) {
+        return running.first == observer && running.second != OSWrap::Thread::getCurrentId();
+    });
 }
 
 // ---- The observers -----------------------------------------------------------------------------
@@ -173,10 +196,9 @@ bool TreflectOrbObserver::subscribe(TreflectOrbObserverIf* observer, Appear_t co
 }
 
 void TreflectOrbObserver::notifyExistingOrbs(TreflectOrbObserverIf* observer) {
-    TreflectHandlerState const handlerState(true);
     for (Transport::TerminationId const& broker :
          Transport::TransportLayer::instance().getTerminations())
-        observer->notify(broker, TreflectOrbObserverIf::kAppear);
+        tell(observer, {broker, TreflectOrbObserverIf::kAppear});
 }
 
 void TreflectOrbObserver::unsubscribe(TreflectOrbObserverIf const* observer) {
@@ -184,7 +206,7 @@ void TreflectOrbObserver::unsubscribe(TreflectOrbObserverIf const* observer) {
     Guard const lock(observersMutex_);
     if (auto const listed = obsFind(observer); listed != observers_.end())
         observers_.erase(listed);
-    while (running_ == observer && worker_ != OSWrap::Thread::getCurrentId())
+    while (isToldElsewhere(observer))
         observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
 }
 

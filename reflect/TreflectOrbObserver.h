@@ -3,6 +3,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "oswrap/ConditionVar.h"
@@ -49,15 +50,17 @@ public:
     static std::string typeStr(Appear_t const& what);
 
 private:
+    class Notice;
     class Worker;
 
     void handler();
     void appeared();
     bool getAppearance(OrbAppear_t& next);
     void tellAll(OrbAppear_t const& appearance);
-    void tell(OrbObserver_t const& record, OrbAppear_t const& appearance);
-    bool begin(OrbObserver_t const& record);
-    void end();
+    void tell(TreflectOrbObserverIf* observer, OrbAppear_t const& appearance);
+    bool begin(TreflectOrbObserverIf const* observer);
+    void end(TreflectOrbObserverIf const* observer);
+    bool isToldElsewhere(TreflectOrbObserverIf const* observer) const OSW_REQUIRES(observersMutex_);
     void notifyExistingOrbs(TreflectOrbObserverIf* observer);
     using Observers = std::vector<OrbObserver_t>;
     Observers::iterator obsFind(TreflectOrbObserverIf const* observer)
@@ -66,7 +69,9 @@ private:
     /// A leaf lock; told when a notice is over.
     OSWrap::ConditionVar observersMutex_;
     Observers observers_ OSW_GUARDED_BY(observersMutex_);  // in the order of registration
-    TreflectOrbObserverIf const* running_ OSW_GUARDED_BY(observersMutex_) = nullptr;  // being told
+    /// Who is being told, and by which thread: the worker, or one that subscribes.
+    std::vector<std::pair<TreflectOrbObserverIf const*, unsigned long>> running_
+        OSW_GUARDED_BY(observersMutex_);
     unsigned long worker_ OSW_GUARDED_BY(observersMutex_) = 0;  // id of its thread; 0: none
 
     /// A leaf lock; told when a notice is queued.
