@@ -10,14 +10,18 @@
 #include "reflect/TreflectObject.h"
 
 /**
- * An observer on its way into the lists of a class, which takes as long as other brokers take to
- * answer. Notices that arrive meanwhile are kept for it; and it may be removed or destroyed by
- * another thread, or by its own callback. Guarded by the run permission.
+ * Something that tells observers of a class what exists, which takes as long as other brokers take
+ * to answer: an observer on its way into the lists, or all that are listed when a broker came up.
+ * Notices that arrive meanwhile are remembered, so that nobody is told twice, or of what has gone;
+ * and kept for an observer that is not listed yet. It may be removed or destroyed by another
+ * thread, or by its own callback. Guarded by the run permission.
  */
 class TreflectORB::Registration {
 public:
-    /** Enters `underWay`, and leaves it at the end. */
-    Registration(std::list<Registration*>& underWay, TreflectObserver& observer);
+    using UnderWay = std::list<Registration*>;
+
+    /** Enters `underWay`, and leaves it at the end. `observer`: null for all that are listed. */
+    Registration(UnderWay& underWay, TreflectObserver* observer);
     ~Registration();
     Registration(Registration const&) = delete;
     Registration& operator=(Registration const&) = delete;
@@ -26,25 +30,28 @@ public:
     /** The observer has been removed or is being destroyed. */
     void end() { observer_ = nullptr; }
     bool ended() const { return !observer_; }
-    /** Keeps a notice, as long as the observer is not in the lists. */
-    void keep(TreflectObject const& object);
-    /** Of something that is no more. */
-    void dropKept(TreflectObject const& object);
-    /** Tells the observer of an object that it has not been told of. */
+    /** A notice for those that are in the list, or else to be kept. */
+    void noticed(TreflectObject const& object, std::vector<TreflectObserver*> const& observers);
+    /** The object is no more. */
+    void gone(TreflectObject const& object);
+    /** A broker is asked what it has: it may have given an internal id anew. */
+    void asks(TreflectOrbId const& broker);
+    /** Whether nobody has been told of an object that somebody else says exists; only once. */
+    bool isNews(TreflectObject const& object);
+    /** Tells the observer of an object that exists, if that is news. */
     void tell(TreflectObject const& object);
-    void stopKeeping() { keeping_ = false; }
     /** Puts the observer into the list and tells it what was kept for it. */
     void enter(std::vector<TreflectObserver*>& observers);
 
 private:
-    using Place = std::tuple<NamespaceId, unsigned int, unsigned int>;  // broker, internal id
+    using Place = std::tuple<unsigned int, NamespaceId, unsigned int>;  // broker, ..., internal id
 
     static Place placeOf(TreflectObject const& object);
 
-    std::list<Registration*>& underWay_;
+    UnderWay& underWay_;
     TreflectObserver* observer_;
-    bool keeping_ = true;
     std::set<Place> told_;
+    std::set<Place> gone_;
     std::list<TreflectObject> kept_;
 };
 
@@ -54,8 +61,8 @@ struct TreflectORB::MetaData {
     // In the order of registration, with duplicates. Not owned.
     Observers creationObservers;
     Observers deletionObservers;
-    std::list<Registration*> creationRegistrations;
-    std::list<Registration*> deletionRegistrations;
+    Registration::UnderWay creationRegistrations;
+    Registration::UnderWay deletionRegistrations;
     /** The objects of this process that have been announced. Not owned. */
     std::set<TreflectServerObject const*> objects;
     /** The brokers that subscribed here. */

@@ -45,9 +45,9 @@ void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer
     if (!orb)
         return;
     for (TreflectOrbId const& id : missed) {
-        if (forCreations_)
-            orb->catchUp_(classId, observer, plusExisting, id);
-        else
+        if (!forCreations_)
             orb->registerForODN(classId, &id);
+        else if (!orb->catchUp_(classId, observer, plusExisting, id))
+            return;
     }
 }

@@ -240,7 +240,6 @@ void TreflectORB::IncomingMessage::serveNotice() {
         else
             orb_.gotDeletion(classId, object);
     }
-    giveBackFurtherLevels();
     answer(response);
 }
 

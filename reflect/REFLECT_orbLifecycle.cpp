@@ -282,6 +282,7 @@ void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB
 /** The last phase, under the run permission. */
 void BrokerLifecycle::retire(std::size_t index, TreflectORB& orb) {
     orb.parts_->objects.disown();
+    orb.forgetAllObservers_();
     TreflectORB::singletonInstances_[index].store(nullptr, std::memory_order_release);
     std::shared_ptr<TreflectORB> formerlyRetired;  // freed when the lock has been given up
     LifecycleLock const lock(changed_);

@@ -4,7 +4,8 @@
 
 #include "handler_threads/TreflectHandlerState.h"
 #include "logging/Log.h"
-#include "oswrap/Lock.h"
+#include "oswrap/CancelGuards.h"
+#include "reflect/AllLevelsReleased.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/TreflectOrbParts.h"
 #include "transport/TransportLayer.h"
@@ -21,6 +22,25 @@ void erase(std::vector<TreflectObserver*>& observers, TreflectObserver const& ob
 bool contains(std::vector<unsigned int> const& ids, unsigned int id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
+
+/** Holds a class's `subscribing` for a scope. All levels of the run permission are given up to wait
+ * for it: its holder needs the permission to go on. */
+class OSW_SCOPED_CAPABILITY SubscribingLock {
+public:
+    explicit SubscribingLock(TreflectMutex& mutex) OSW_ACQUIRE(mutex) : mutex_(mutex) {
+        OSWrap::DisableCancelStateGuard const notCancelled;
+        if (mutex_.trylock())
+            return;
+        AllLevelsReleased const released;
+        mutex_.lock();
+    }
+    ~SubscribingLock() OSW_RELEASE() { mutex_.unlock(); }
+    SubscribingLock(SubscribingLock const&) = delete;
+    SubscribingLock& operator=(SubscribingLock const&) = delete;
+
+private:
+    TreflectMutex& mutex_;
+};
 
 }  // namespace
 
@@ -55,20 +75,22 @@ void TreflectORB::tell_(unsigned int classId, Observers MetaData::*observers,
 
 void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
-    if (auto const record = parts_->classes.find(classId); record != parts_->classes.end()) {
-        for (Registration* const registration : record->second.creationRegistrations)
-            registration->keep(object);
+    if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
+        MetaData const& record = found->second;
+        for (Registration* const registration : record.creationRegistrations)
+            registration->noticed(object, record.creationObservers);
     }
     tell_(classId, &MetaData::creationObservers, object);
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
-    if (auto const record = parts_->classes.find(classId); record != parts_->classes.end()) {
-        for (Registration* const registration : record->second.creationRegistrations)
-            registration->dropKept(object);
-        for (Registration* const registration : record->second.deletionRegistrations)
-            registration->keep(object);
+    if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
+        MetaData const& record = found->second;
+        for (Registration* const registration : record.creationRegistrations)
+            registration->gone(object);
+        for (Registration* const registration : record.deletionRegistrations)
+            registration->noticed(object, record.deletionObservers);
     }
     tell_(classId, &MetaData::deletionObservers, object);
 }
@@ -77,14 +99,15 @@ void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const&
 
 bool TreflectORB::observeCreations(unsigned int const& classId, TreflectObserver& observer,
                                    bool plusExisting) {
+    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
-    Registration registration(record.creationRegistrations, observer);
+    Registration registration(record.creationRegistrations, &observer);
     if (plusExisting)
         tellExisting_(record, registration);
     std::vector<TreflectObject> remoteExisting;
     if (record.creationObservers.empty() || plusExisting) {
-        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        SubscribingLock const lock(record.subscribing);
         registerForOCN(classId, plusExisting ? &remoteExisting : nullptr, nullptr);
     }
     for (TreflectObject const& object : remoteExisting)
@@ -111,11 +134,12 @@ void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
 }
 
 bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
+    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
-    Registration registration(record.deletionRegistrations, observer);
+    Registration registration(record.deletionRegistrations, &observer);
     if (record.deletionObservers.empty()) {
-        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        SubscribingLock const lock(record.subscribing);
         registerForODN(classId, nullptr);
     }
     registration.enter(record.deletionObservers);
@@ -133,7 +157,7 @@ void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& 
             registration->end();
     }
     if (isUnobserved_(record.creationObservers, record.creationRegistrations)) {
-        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        SubscribingLock const lock(record.subscribing);
         if (isUnobserved_(record.creationObservers, record.creationRegistrations))
             unregisterFromOCN(classId);
     }
@@ -143,7 +167,7 @@ void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& 
             registration->end();
     }
     if (isUnobserved_(record.deletionObservers, record.deletionRegistrations)) {
-        OSWrap::Lock<TreflectMutex> const lock(record.subscribing);
+        SubscribingLock const lock(record.subscribing);
         if (isUnobserved_(record.deletionObservers, record.deletionRegistrations))
             unregisterFromODN(classId);
     }
@@ -165,14 +189,27 @@ void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
             MetaData& record = entry.second;
             erase(record.creationObservers, observer);
             erase(record.deletionObservers, observer);
-            for (auto* const underWay :
-                 {&record.creationRegistrations, &record.deletionRegistrations}) {
-                for (Registration* const registration : *underWay) {
-                    if (registration->isOf(observer))
-                        registration->end();
-                }
-            }
+            endRegistrations_(record, &observer);
         }
+    }
+}
+
+/** Of one observer, or all when null. */
+void TreflectORB::endRegistrations_(MetaData& record, TreflectObserver const* observer) {
+    for (auto* const underWay : {&record.creationRegistrations, &record.deletionRegistrations}) {
+        for (Registration* const registration : *underWay) {
+            if (!observer || registration->isOf(*observer))
+                registration->end();
+        }
+    }
+}
+
+// Observers that are destroyed from now on do not find this broker any more.
+void TreflectORB::forgetAllObservers_() {
+    for (auto& entry : parts_->classes) {
+        entry.second.creationObservers.clear();
+        entry.second.deletionObservers.clear();
+        endRegistrations_(entry.second, nullptr);
     }
 }
 
@@ -217,12 +254,15 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
         request.msg().type(TreflectMessage::tOCNSubscribe);
         request << classId << (existing != nullptr);
         TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
+        for (Registration* const registration : getMetaData(classId).creationRegistrations)
+            registration->asks(convertId(target));
         if (!forwardMsg_(target, true, request.msg(), response))
             continue;
         TipprmiSequence<TreflectObject, 0u> objects;
         response >> objects;
+        // Copies that look for nothing.
         for (unsigned int i = 0; existing && i < objects.getLength(); ++i)
-            existing->push_back(objects[i]);
+            existing->emplace_back().share_(objects[i]);
         learnClasses_(target, response);
     }
 }
@@ -270,14 +310,14 @@ bool TreflectORB::sendClassId_(TreflectMessage::type_t type, unsigned int classI
 
 // ---- Brokers come up ---------------------------------------------------------------------------
 
-void TreflectORB::catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
+bool TreflectORB::catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
                            TreflectOrbId const& id) {
-    Registration registration(getMetaData(classId).creationRegistrations, observer);
-    registration.stopKeeping();
+    Registration registration(getMetaData(classId).creationRegistrations, &observer);
     std::vector<TreflectObject> existing;
     registerForOCN(classId, plusExisting ? &existing : nullptr, &id);
     for (TreflectObject const& object : existing)
         registration.tell(object);
+    return !registration.ended();
 }
 
 // Records are made at any time and never go, so the walk goes on behind the last id.
@@ -297,14 +337,19 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
     }
 }
 
+// For those on their way into the lists too: the subscription that they wait for may have left
+// before the broker came up.
 void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
-    MetaData const& record = getMetaData(classId);
-    if (!record.creationObservers.empty()) {
+    MetaData& record = getMetaData(classId);
+    if (!isUnobserved_(record.creationObservers, record.creationRegistrations)) {
+        Registration catchingUp(record.creationRegistrations, nullptr);
         std::vector<TreflectObject> existing;
         registerForOCN(classId, &existing, &id);
-        for (TreflectObject const& object : existing)
-            gotCreation(classId, object);
+        for (TreflectObject const& object : existing) {
+            if (catchingUp.isNews(object))
+                gotCreation(classId, object);
+        }
     }
-    if (!record.deletionObservers.empty())
+    if (!isUnobserved_(record.deletionObservers, record.deletionRegistrations))
         registerForODN(classId, &id);
 }

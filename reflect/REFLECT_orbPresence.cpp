@@ -4,12 +4,17 @@
 #include "reflect/OngoingRequest.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectOrbParts.h"
+#include "transport/TransportLayer.h"
 
+// One that has gone again while this thread queued for the permission is not to be listed as
+// missed: nobody would take it from the list.
 void TreflectORB::appeared(Transport::Termination& termination) {
+    auto const keptAlive = parts_->self.lock();
     TreflectOrbId const id = convertId(termination.termId());
     if (id.namespaceId() == orbId_.namespaceId() && id != orbId_) {
         TreflectHandlerState const handlerState(true);
-        orbAppeared(id);
+        if (Transport::TransportLayer::instance().exists(termination.termId()))
+            orbAppeared(id);
     }
     TreflectReleaseHandlerState const released;
     parts_->presence->notify(termination.termId(), TreflectOrbObserverIf::kAppear);

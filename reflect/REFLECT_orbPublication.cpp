@@ -1,4 +1,7 @@
 // The publisher's side: objects of this process, and the brokers that subscribed here.
+#include <algorithm>
+#include <iterator>
+
 #include "handler_threads/TreflectHandlerState.h"
 #include "reflect/TreflectOrbParts.h"
 #include "reflect/TreflectServerObject.h"
@@ -11,6 +14,7 @@ constexpr unsigned int kResponseSize = 104;
 }  // namespace
 
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
+    auto const keptAlive = parts_->self.lock();
     checkHandlerState();
     // A handle of our own: the object may be destroyed while somebody is waited for.
     TreflectObject handle;
@@ -18,26 +22,37 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
     MetaData& record = getMetaData(classId);
     record.objects.insert(&object);
     gotCreation(classId, handle);
-    publish_(TreflectMessage::tOCN, classId, handle, record.remoteCreationObservers);
+    std::set<TreflectOrbId> told;
+    publish_(TreflectMessage::tOCN, classId, handle, record.remoteCreationObservers, told);
     return true;
 }
 
+// Who subscribes meanwhile has been told that the object exists.
 bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
+    auto const keptAlive = parts_->self.lock();
     TreflectObject handle;
     handle.share_(*object.getClient());
     MetaData& record = getMetaData(classId);
     gotDeletion(classId, handle);
-    publish_(TreflectMessage::tODN, classId, handle, record.remoteDeletionObservers);
-    record.objects.erase(&object);
+    std::set<TreflectOrbId> told;
+    while (publish_(TreflectMessage::tODN, classId, handle, record.remoteDeletionObservers, told)) {
+    }
+    // Another object may have its address by now.
+    if (handle.getServer() == &object)
+        record.objects.erase(&object);
     return true;
 }
 
-/** Tells the subscribers one after the other. One that is not reached has to subscribe again. */
-void TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
-                           TreflectObject const& object, std::set<TreflectOrbId>& subscribers) {
-    std::set<TreflectOrbId> const told = subscribers;
+/** Tells the subscribers that have not been told, one after the other; false when there are none.
+ * One that is not reached has to subscribe again. */
+bool TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
+                           TreflectObject const& object, std::set<TreflectOrbId>& subscribers,
+                           std::set<TreflectOrbId>& told) {
+    std::vector<TreflectOrbId> targets;
+    std::set_difference(subscribers.begin(), subscribers.end(), told.begin(), told.end(),
+                        std::back_inserter(targets));
     std::vector<TreflectOrbId> unreached;
-    for (TreflectOrbId const& subscriber : told) {
+    for (TreflectOrbId const& subscriber : targets) {
         TipprmiStream request(allocateRequest(kRequestSize), true);
         request.msg().type(type);
         request << classId << static_cast<TipprmiObjectClient const&>(object);
@@ -47,6 +62,8 @@ void TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
     }
     for (TreflectOrbId const& subscriber : unreached)
         subscribers.erase(subscriber);
+    told.insert(targets.begin(), targets.end());
+    return !targets.empty();
 }
 
 void TreflectORB::addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,

@@ -2,15 +2,15 @@
 #include <algorithm>
 #include <exception>
 
-#include "handler_threads/TreflectRestoreHandlerState.h"
 #include "logging/Log.h"
+#include "reflect/CallbackScope.h"
 #include "reflect/MetaData.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObserver.h"
 
 // What a callback throws ends here: the other observers are to be told as well.
 void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& object) {
-    TreflectRestoreHandlerState const restored;
+    CallbackScope const restored;
     observer.setSource(&object);
     try {
         observer.update();
@@ -24,9 +24,13 @@ void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& obj
     }
 }
 
-TreflectORB::Registration::Registration(std::list<Registration*>& underWay,
-                                        TreflectObserver& observer)
-    : underWay_(underWay), observer_(&observer) {
+// What it tells comes on top of what the observer has been told in the course of others.
+TreflectORB::Registration::Registration(UnderWay& underWay, TreflectObserver* observer)
+    : underWay_(underWay), observer_(observer) {
+    for (Registration const* const other : underWay_) {
+        if (observer && other->isOf(*observer))
+            told_.insert(other->told_.begin(), other->told_.end());
+    }
     underWay_.push_back(this);
 }
 
@@ -36,34 +40,60 @@ TreflectORB::Registration::~Registration() {
 
 TreflectORB::Registration::Place TreflectORB::Registration::placeOf(TreflectObject const& object) {
     TreflectObjectStub const* const stub = object.getStub_();
-    return stub ? Place(stub->getNamespaceId(), stub->orbId().value(), stub->getInternalOID())
+    return stub ? Place(stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID())
                 : Place();
 }
 
-void TreflectORB::Registration::keep(TreflectObject const& object) {
-    if (keeping_ && !ended())
+void TreflectORB::Registration::noticed(TreflectObject const& object,
+                                        std::vector<TreflectObserver*> const& observers) {
+    bool const listed =
+        ended() || std::find(observers.begin(), observers.end(), observer_) != observers.end();
+    gone_.erase(placeOf(object));
+    if (listed)
+        told_.insert(placeOf(object));
+    else
         kept_.emplace_back().share_(object);
 }
 
-void TreflectORB::Registration::dropKept(TreflectObject const& object) {
+void TreflectORB::Registration::gone(TreflectObject const& object) {
     Place const gone = placeOf(object);
+    gone_.insert(gone);
+    told_.erase(gone);
     kept_.remove_if([&](TreflectObject const& kept) { return placeOf(kept) == gone; });
 }
 
+void TreflectORB::Registration::asks(TreflectOrbId const& broker) {
+    auto const first = gone_.lower_bound(Place(broker.value(), NamespaceId{}, 0));
+    auto last = first;
+    while (last != gone_.end() && std::get<0>(*last) == broker.value())
+        ++last;
+    gone_.erase(first, last);
+}
+
+bool TreflectORB::Registration::isNews(TreflectObject const& object) {
+    Place const place = placeOf(object);
+    return gone_.count(place) == 0 && told_.insert(place).second;
+}
+
 void TreflectORB::Registration::tell(TreflectObject const& object) {
-    if (!ended() && told_.insert(placeOf(object)).second)
+    if (!ended() && isNews(object))
         tellOne_(*observer_, object);
 }
 
+// Each notice that was kept is told, but for those of objects that were told of as existing.
 void TreflectORB::Registration::enter(std::vector<TreflectObserver*>& observers) {
     if (ended())
         return;
     observers.push_back(observer_);
-    keeping_ = false;
-    while (!kept_.empty()) {
+    std::set<Place> told;
+    while (!kept_.empty() && !ended()) {
         TreflectObject object;
         object.share_(kept_.front());
         kept_.pop_front();
-        tell(object);
+        if (told_.count(placeOf(object)) != 0)
+            continue;
+        told.insert(placeOf(object));
+        tellOne_(*observer_, object);
     }
+    told_.merge(told);
 }

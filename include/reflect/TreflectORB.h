@@ -203,8 +203,9 @@ public:
     void removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb);
     /** Subscribes at a broker that came up for all classes that are observed here. */
     void orbAppeared(TreflectOrbId const& id);
-    /** Subscribes one observer at a broker that it has missed. */
-    void catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
+    /** Subscribes one observer at a broker that it has missed; false when it has been removed
+     * meanwhile. */
+    bool catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
                   TreflectOrbId const& id);
     /** A server object, or an observer, is being destroyed: it leaves the records of the classes
      * in all brokers of this process, and nobody is told. With the run permission. */
@@ -255,6 +256,9 @@ private:
     static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
     static void tellExisting_(MetaData& record, Registration& registration);
     static bool isUnobserved_(Observers const& observers, std::list<Registration*> const& underWay);
+    static void endRegistrations_(MetaData& record, TreflectObserver const* observer);
+    /** The broker is being deleted. */
+    void forgetAllObservers_();
     std::list<Transport::TerminationId> group_() const;
     bool mayServe_(Transport::TerminationId const& target, unsigned int classId) const;
     void learnClasses_(Transport::TerminationId const& target, TipprmiStream& response);
@@ -262,8 +266,8 @@ private:
                       Transport::TerminationId const& target, TipprmiStream& response);
     void cancel_(TreflectMessage::type_t type, unsigned int classId);
     void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
-    void publish_(TreflectMessage::type_t type, unsigned int classId, TreflectObject const& object,
-                  std::set<TreflectOrbId>& subscribers);
+    bool publish_(TreflectMessage::type_t type, unsigned int classId, TreflectObject const& object,
+                  std::set<TreflectOrbId>& subscribers, std::set<TreflectOrbId>& told);
     void forgetSubscriber_(TreflectOrbId const& orb);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;

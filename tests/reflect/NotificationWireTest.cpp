@@ -1,0 +1,349 @@
+// Every byte of subscriptions, cancellations and notices: the test plays the other broker with
+// messages that it writes and reads by hand, and has no broker itself.
+#include <algorithm>
+
+#include "NoticeActor.h"
+#include "RawPeer.h"
+
+namespace {
+
+/** Digits of bytes, with a blank behind every fourth byte. */
+std::string hex(unsigned char const* bytes, std::size_t size) {
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, i > 0 && i % 4 == 0 ? " %02X" : "%02X", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
+std::string hex(unsigned int number) {
+    char digits[9];
+    std::snprintf(digits, sizeof digits, "%08X", number);
+    return digits;
+}
+std::vector<unsigned char> bytes(std::string digits) {
+    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
+    std::vector<unsigned char> result;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+        result.push_back(
+            static_cast<unsigned char>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+    return result;
+}
+/** `digits` with their blanks where `hex` puts them. */
+std::string spaced(std::string const& digits) {
+    auto const raw = bytes(digits);
+    return hex(raw.data(), raw.size());
+}
+/** A handle as it is encoded: identifier, namespace, internal id, broker. */
+std::string handle(std::string const& name, unsigned int ioid, unsigned int broker) {
+    std::string digits = hex(static_cast<unsigned int>(name.size()));
+    for (unsigned char const byte : name) {
+        char two[3];
+        std::snprintf(two, sizeof two, "%02X", byte);
+        digits += two;
+    }
+    return digits + "00000001" + hex(ioid) + hex(broker);
+}
+
+std::string const kLampClass = "00007001";
+std::string const kRadioClass = "00007002";
+
+class NotificationWireTest : public testing::Test {
+protected:
+    NotificationWireTest() {
+        peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
+        actor_ = std::make_unique<NoticeActor>();
+        lamp_ = actor_->create("lamp", "7001");
+    }
+    ~NotificationWireTest() override { actor_->finish(); }
+
+    void send(std::string const& type, std::string const& data) {
+        auto const size = static_cast<unsigned int>(bytes(data).size());
+        auto const raw = bytes("0A0B0C0D" + type + "00000002" + hex(size) + data);
+        Transport::AddressedMessage message = peer_->allocateMessage(raw.size(), 5);
+        std::copy(raw.begin(), raw.end(), message.buf());
+        ASSERT_EQ(Transport::Termination(lamp_.termination).issue(message), 1);
+    }
+    /** Type, kind and data of the next message; the length of the data is checked here. */
+    std::string receive() {
+        last_ = peer_->await(received_++);
+        if (last_.empty())
+            return "nothing came";
+        EXPECT_EQ(last_.originator(), lamp_.termination);
+        Transport::AddressedMessage const& raw = last_.addressed();
+        unsigned char const* const length = raw.buf() + 12;
+        std::size_t const size = std::size_t{length[2]} << 8 | length[3];
+        EXPECT_EQ(length[0] | length[1], 0);
+        EXPECT_LE(16 + size, raw.size());
+        std::string const type = hex(raw.buf() + 4, 8);
+        return size == 0 ? type : type + " " + hex(raw.buf() + 16, size);
+    }
+    std::string exchange(std::string const& type, std::string const& data) {
+        send(type, data);
+        std::string const answer = receive();
+        EXPECT_EQ(last_.transactionId(), 0x0A0B0C0Du);
+        EXPECT_EQ(last_.size(), 104u) << "the room that an answer starts with";
+        return answer;
+    }
+    /** Answers the last message that was received. */
+    void answer(std::function<void(TipprmiStream&)> const& write = [](TipprmiStream&) {}) {
+        peer_->answer(last_, write);
+    }
+    void refuse() {
+        TreflectMessage failure =
+            peer_->make(last_.transactionId(), last_.type(), TreflectMessage::kNoDestination);
+        peer_->send(lamp_.termination, failure);
+    }
+    /** The class ids that the actor's process knows, as it answers them. */
+    std::string classes() {
+        std::string const answer = exchange("00000006", kRadioClass);
+        exchange("00000008", kRadioClass);
+        return answer.substr(18);
+    }
+
+    std::unique_ptr<RawPeer> peer_;
+    std::unique_ptr<NoticeActor> actor_;
+    NoticeActor::Created lamp_;
+    TreflectMessage last_{Transport::AddressedMessage()};
+    std::size_t received_ = 0;
+};
+
+TEST_F(NotificationWireTest, subscriptionIsAnsweredWithWhatExistsAndTheClassesOfTheProcess) {
+    std::string const ids = classes();
+    EXPECT_NE(ids.find(kLampClass), std::string::npos);
+    EXPECT_EQ(ids.find(kRadioClass), std::string::npos) << "observed by others only";
+    EXPECT_EQ(
+        exchange("00000005", kLampClass + "00000001"),
+        spaced("00000005 00000003 00000001" + handle("lamp", lamp_.ioid, lamp_.broker) + ids));
+    EXPECT_EQ(exchange("00000005", kLampClass + "00000000"),
+              spaced("00000005 00000003 00000000" + ids))
+        << "existing objects were not asked for";
+    EXPECT_EQ(exchange("00000005", kRadioClass + "00000001"),
+              spaced("00000005 00000003 00000000" + ids));
+    EXPECT_EQ(exchange("00000006", kLampClass), spaced("00000006 00000003" + ids));
+    EXPECT_EQ(exchange("00000007", kLampClass), "00000007 00000003");
+    EXPECT_EQ(exchange("00000008", kLampClass), "00000008 00000003");
+}
+
+TEST_F(NotificationWireTest, noticesNameClassAndObjectAndAwaitAnAnswer) {
+    exchange("00000005", kLampClass + "00000000");
+    exchange("00000005", kLampClass + "00000000");  // twice the same subscriber
+    exchange("00000006", kLampClass);
+    actor_->tell("create mast 7001");
+    std::string const created = receive();
+    EXPECT_EQ(last_.size(), 100u) << "the room that a request starts with";
+    answer();
+    std::istringstream words(actor_->await("created"));
+    unsigned int ioid = 0;
+    words >> std::hex >> ioid;
+    EXPECT_EQ(created,
+              spaced("00000003 00000002" + kLampClass + handle("mast", ioid, lamp_.broker)));
+    actor_->tell("destroy mast");
+    EXPECT_EQ(receive(),
+              spaced("00000004 00000002" + kLampClass + handle("mast", ioid, lamp_.broker)));
+    answer();
+    actor_->await("destroyed");
+    EXPECT_EQ(peer_->count(), received_);
+}
+
+TEST_F(NotificationWireTest, cancellationOfOneKindEndsBoth) {
+    for (std::string const cancellation : {"00000007", "00000008"}) {
+        exchange("00000005", kLampClass + "00000000");
+        exchange("00000006", kLampClass);
+        exchange("00000006", kRadioClass);
+        exchange(cancellation, kLampClass);
+        actor_->create("mast", "7001");
+        actor_->destroy("mast");
+        actor_->create("horn", "7002");
+        actor_->tell("destroy horn");
+        EXPECT_EQ(receive().substr(0, 26), "00000004 00000002 00007002") << "another class";
+        answer();
+        actor_->await("destroyed");
+        EXPECT_EQ(peer_->count(), received_);
+        exchange("00000007", kRadioClass);
+    }
+}
+
+TEST_F(NotificationWireTest, subscriberThatDoesNotTakeANoticeIsDropped) {
+    exchange("00000005", kLampClass + "00000000");
+    actor_->tell("create mast 7001");
+    receive();
+    refuse();
+    actor_->await("created");
+    actor_->create("boat", "7001");
+    EXPECT_EQ(peer_->count(), received_);
+}
+
+TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
+    actor_->tell("observe first creations 7001");
+    EXPECT_EQ(receive(), spaced("00000005 00000002" + kLampClass + "00000000"));
+    EXPECT_EQ(last_.size(), 100u);
+    answer([](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
+    actor_->await("observing");
+    actor_->observe("second", "creations", "7001");
+    EXPECT_EQ(peer_->count(), received_) << "the process is subscribed";
+
+    actor_->tell("observe first deletions 7001");
+    EXPECT_EQ(receive(), spaced("00000006 00000002" + kLampClass));
+    EXPECT_EQ(last_.size(), 100u);
+    answer([](TipprmiStream& s) { s << 1u << 0x7001u; });
+    actor_->await("observing");
+
+    actor_->tell("observe third existing 7001");
+    EXPECT_EQ(receive(), spaced("00000005 00000002" + kLampClass + "00000001"));
+    answer([](TipprmiStream& s) { s << 0u << 0u; });
+    actor_->await("observing");
+
+    actor_->ask("remove second 7001", "removed");
+    EXPECT_EQ(peer_->count(), received_) << "others are left of both kinds";
+    actor_->tell("remove first 7001");
+    EXPECT_EQ(receive(), spaced("00000008 00000002" + kLampClass));
+    answer();
+    actor_->await("removed");
+    actor_->tell("remove third 7001");
+    EXPECT_EQ(receive(), spaced("00000007 00000002" + kLampClass));
+    answer();
+    EXPECT_EQ(receive(), spaced("00000008 00000002" + kLampClass)) << "of which there is none";
+    refuse();
+    actor_->await("removed");
+    char line[60];
+    std::snprintf(line, sizeof line, "could not unregister from 0x%X", peer_->termId().value());
+    EXPECT_TRUE(actor_->child().waitForErrorLine(line));
+    EXPECT_EQ(peer_->count(), received_);
+}
+
+TEST_F(NotificationWireTest, brokerThatDoesNotKnowAClassIsNotAskedForIt) {
+    actor_->tell("observe first deletions 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 2u << 0x7001u << 0x7003u; });
+    actor_->await("observing");
+    actor_->observe("first", "creations", "7002");
+    actor_->observe("first", "deletions", "7002");
+    EXPECT_EQ(peer_->count(), received_);
+    actor_->tell("remove first 7002");
+    EXPECT_EQ(receive(), spaced("00000007 00000002" + kRadioClass)) << "not filtered";
+    answer();
+    EXPECT_EQ(receive(), spaced("00000008 00000002" + kRadioClass));
+    answer();
+    actor_->await("removed");
+    actor_->tell("observe second deletions 7003");
+    EXPECT_EQ(receive(), spaced("00000006 00000002 00007003"));
+    answer([](TipprmiStream& s) { s << 1u << 0x7002u; });  // what is known stays
+    actor_->await("observing");
+    actor_->observe("first", "deletions", "7002");
+    EXPECT_EQ(peer_->count(), received_);
+}
+
+TEST_F(NotificationWireTest, noticesTellTheObserversBeforeTheyAreAnswered) {
+    actor_->tell("observe first existing 7001");
+    receive();
+    std::string const far = handle("far", 0xC0FFEE, 0x01010077);
+    answer([](TipprmiStream& s) {
+        s << 1u << TipprmiOID("far", NSID_UNIT) << 0xC0FFEEu << 0x01010077u << 0u;
+    });
+    actor_->await("observing");
+    EXPECT_EQ(actor_->told("first"), "lamp far ");
+    EXPECT_EQ(exchange("00000003", kLampClass + handle("near", 0xBEEF, 0x01010077)),
+              "00000003 00000003");
+    EXPECT_EQ(actor_->told("first"), "lamp far near ");
+    EXPECT_EQ(exchange("00000004", kLampClass + far), "00000004 00000003");
+    EXPECT_EQ(actor_->told("first"), "lamp far near ") << "a deletion";
+    EXPECT_EQ(exchange("00000003", kRadioClass + far), "00000003 00000003");
+    EXPECT_EQ(actor_->told("first"), "lamp far near ") << "another class";
+}
+
+TEST_F(NotificationWireTest, messagesThatBreakOffAreAnsweredAndIgnored) {
+    actor_->tell("observe first creations 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 0u << 0u; });
+    actor_->await("observing");
+    std::string const ids = classes();
+    EXPECT_EQ(exchange("00000003", kLampClass), "00000003 00000003");
+    EXPECT_EQ(exchange("00000003", ""), "00000003 00000003");
+    EXPECT_EQ(exchange("00000004", kLampClass + "00000003"), "00000004 00000003");
+    EXPECT_EQ(exchange("00000005", kLampClass), spaced("00000005 00000003 00000000" + ids));
+    EXPECT_EQ(exchange("00000005", ""), spaced("00000005 00000003 00000000" + ids));
+    EXPECT_EQ(exchange("00000006", ""), spaced("00000006 00000003" + ids));
+    EXPECT_EQ(exchange("00000007", ""), "00000007 00000003");
+    EXPECT_EQ(exchange("00000008", ""), "00000008 00000003");
+    actor_->create("mast", "7001");
+    EXPECT_EQ(actor_->told("first"), "mast ");
+    EXPECT_EQ(peer_->count(), received_) << "nobody has subscribed";
+}
+
+TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
+    actor_->tell("observe first deletions 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 1u << 0x7001u; });
+    actor_->await("observing");
+    actor_->tell("observe first creations 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 0u; });
+    actor_->await("observing");
+    actor_->observe("second", "creations", "7001");
+    actor_->observe("second", "creations", "7002");
+    actor_->observe("second", "deletions", "7002");
+    std::size_t count = 0;
+    RawPeer newcomer(Transport::GroupId{1});
+    auto const next = [&] {
+        last_ = newcomer.await(count++);
+        Transport::AddressedMessage const& raw = last_.addressed();
+        return last_.empty()
+                   ? "nothing came"
+                   : hex(raw.buf() + 4, 8) + " " + hex(raw.buf() + 16, std::size_t{raw.buf()[15]});
+    };
+    EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000001"));
+    newcomer.answer(last_, [](TipprmiStream& s) {
+        s << 2u << TipprmiOID("far", NSID_UNIT) << 7u << 0x01010077u;
+        s << TipprmiOID("near", NSID_UNIT) << 8u << 0x01010077u << 1u << 0x7001u;
+    });
+    EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
+    EXPECT_EQ(actor_->told("first"), "far near ");
+    EXPECT_EQ(actor_->told("second"), "far near ") << "though it did not ask for what exists";
+    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u; });
+
+    // Those that come later are subscribed at it alone.
+    actor_->tell("observe third creations 7001");
+    EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000000"));
+    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u << 0u; });
+    actor_->await("observing");
+    actor_->tell("observe third deletions 7001");
+    EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
+    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u; });
+    actor_->await("observing");
+    EXPECT_EQ(newcomer.count(), count);
+    EXPECT_EQ(peer_->count(), received_);
+}
+
+TEST_F(NotificationWireTest, nobodyIsMissedAfterASubscriptionOfTheWholeGroup) {
+    actor_->tell("observe first creations 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
+    actor_->await("observing");
+    auto const serve = [](RawPeer& self, TreflectMessage& request) {
+        if (request.kind() == TreflectMessage::kRequest)
+            self.answer(request, [](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
+    };
+    RawPeer newcomer(Transport::GroupId{1}, serve);
+    ASSERT_FALSE(newcomer.await(0).empty());
+    actor_->tell("observe second existing 7001");
+    receive();
+    answer([](TipprmiStream& s) { s << 0u << 0u; });
+    actor_->await("observing");
+    EXPECT_EQ(newcomer.count(), 2u);
+    actor_->observe("third", "creations", "7001");
+    EXPECT_EQ(newcomer.count(), 2u);
+    {
+        RawPeer shortLived(Transport::GroupId{1}, serve);
+        ASSERT_FALSE(shortLived.await(0).empty());
+    }
+    // When the departure is known, the one that has gone is nobody's concern.
+    ASSERT_TRUE(testsupport::eventually([&] {
+        std::size_t const lines = actor_->child().errorLines().size();
+        actor_->observe("fourth", "creations", "7001");
+        return actor_->child().errorLines().size() == lines;
+    }));
+}
+
+}  // namespace

@@ -1,0 +1,195 @@
+// A process that publishes objects and observes those of others, driven by lines on standard input.
+// Classes and addresses are hexadecimal.
+//
+//   know CLASS                makes a class known; "known"
+//   create NAME CLASS         makes an object; "created IOID BROKER TERMINATION"
+//   destroy NAME              destroys it; "destroyed"
+//   observe OBSERVER KIND CLASS   KIND: creations, existing (creations and what there is) or
+//                             deletions; "observing". OBSERVER is made when needed, and writes
+//                             "notice OBSERVER NAME BROKER" when it is told
+//   remove OBSERVER CLASS     ends its registrations; "removed"
+//   discard OBSERVER          destroys it; "discarded"
+//   on OBSERVER COMMAND       what it does once when it is next told; "prepared"
+//   aside COMMAND             on a thread of its own
+//   hold                      blocks without the permission; "holding", and "held" at its end
+//   twice COMMAND             while the thread has the permission twice
+//   release                   lets go what is held; "released"
+//   use NAME                  asks an object for its name; "used NAME"
+//   delete                    deletes all brokers; "deleted"
+#include <cstdio>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "Thing.h"
+#include "Waiting.h"
+#include "transport.h"
+
+namespace {
+
+/** Writes one line of words in one go, since several threads answer. */
+template <class... Words>
+void answer(Words const&... words) {
+    std::ostringstream line;
+    (line << ... << words) << "\n";
+    std::fputs(line.str().c_str(), stdout);
+    std::fflush(stdout);
+}
+
+/** Its commands are guarded by the run permission. */
+class Actor {
+public:
+    void handle(std::string const& command);
+
+private:
+    void objects(std::string const& verb, std::istream& words);
+    void observers(std::string const& verb, std::istream& words);
+    void others(std::string const& verb, std::istream& words);
+    void create(std::string const& name, unsigned int classId);
+    void observe(Watcher& observer, std::string const& kind, unsigned int classId);
+    Watcher& observer(std::string const& name);
+    void react(std::string const& observer, std::string const& name, TreflectObject const& source);
+    void hold();
+    void twice(std::string const& command);
+
+    std::map<std::string, std::unique_ptr<Thing>> things_;
+    std::map<std::string, std::unique_ptr<Watcher>> observers_;
+    std::map<std::string, std::string> prepared_;
+    testsupport::Gate released_;
+};
+
+void Actor::handle(std::string const& command) {
+    TreflectHandlerState const handlerState(true);
+    std::istringstream words(command);
+    std::string verb;
+    words >> verb >> std::ws;
+    if (verb == "know" || verb == "create" || verb == "destroy" || verb == "use")
+        objects(verb, words);
+    else if (verb == "observe" || verb == "remove" || verb == "discard" || verb == "on")
+        observers(verb, words);
+    else
+        others(verb, words);
+}
+
+void Actor::objects(std::string const& verb, std::istream& words) {
+    std::string name;
+    unsigned int classId = 0;
+    if (verb == "know") {
+        words >> std::hex >> classId;
+        thingClass(classId);
+        answer("known");
+        return;
+    }
+    words >> name >> std::hex >> classId;
+    if (verb == "create") {
+        create(name, classId);
+    } else if (verb == "destroy") {
+        // Out of the map first: others may create objects while this one waits.
+        std::unique_ptr<Thing> gone = std::move(things_[name]);
+        things_.erase(name);
+        gone.reset();
+        answer("destroyed");
+    } else {
+        answer("used ", TreflectObject(TipprmiOID(name, NSID_UNIT)).getRelName());
+    }
+}
+
+void Actor::create(std::string const& name, unsigned int classId) {
+    thingClass(classId);
+    auto thing = std::make_unique<Thing>(name, classId);
+    unsigned int const ioid = thing->getInternalOID();
+    things_[name] = std::move(thing);
+    TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
+    answer("created ", std::hex, ioid, " ", orb.orbId().value(), " ", orb.termId().value());
+}
+
+void Actor::observers(std::string const& verb, std::istream& words) {
+    std::string name;
+    std::string kind;
+    unsigned int classId = 0;
+    words >> name >> std::ws;
+    if (verb == "observe") {
+        words >> kind >> std::hex >> classId;
+        observe(observer(name), kind, classId);
+        answer("observing");
+    } else if (verb == "remove") {
+        words >> std::hex >> classId;
+        thingClass(classId).removeObserver(&observer(name));
+        answer("removed");
+    } else if (verb == "discard") {
+        observers_.erase(name);
+        answer("discarded");
+    } else {
+        observer(name);
+        std::getline(words, prepared_[name]);
+        answer("prepared");
+    }
+}
+
+void Actor::observe(Watcher& observer, std::string const& kind, unsigned int classId) {
+    TreflectMetaObject& meta = thingClass(classId);
+    if (kind == "deletions")
+        meta.observeDeletions(&observer);
+    else
+        meta.observeCreations(&observer, kind == "existing");
+}
+
+Watcher& Actor::observer(std::string const& name) {
+    auto& observer = observers_[name];
+    if (!observer)
+        observer = std::make_unique<Watcher>(
+            name, [this, name](auto const& told, auto& source) { react(name, told, source); });
+    return *observer;
+}
+
+void Actor::react(std::string const& observer, std::string const& name,
+                  TreflectObject const& source) {
+    answer("notice ", observer, " ", name, " ", std::hex, source.getStub_()->orbId().value());
+    auto const prepared = prepared_.find(observer);
+    if (prepared == prepared_.end())
+        return;
+    std::string const command = prepared->second;
+    prepared_.erase(prepared);
+    handle(command);
+}
+
+void Actor::others(std::string const& verb, std::istream& words) {
+    std::string rest;
+    std::getline(words, rest);
+    if (verb == "aside") {
+        std::thread([this, rest] { handle(rest); }).detach();
+    } else if (verb == "hold") {
+        hold();
+    } else if (verb == "twice") {
+        twice(rest);
+    } else if (verb == "release") {
+        released_.open();
+        answer("released");
+    } else if (verb == "delete") {
+        prepareOrbForDeletion();
+        answer("deleted");
+    }
+}
+
+void Actor::hold() {
+    TreflectReleaseHandlerState const given;
+    answer("holding");
+    released_.wait(std::chrono::hours(1));
+    answer("held");
+}
+
+void Actor::twice(std::string const& command) {
+    TreflectORB::getRunPermission();
+    handle(command);
+    TreflectORB::releaseRunPermission();
+}
+
+}  // namespace
+
+int main() {
+    static auto& actor = *new Actor;  // its objects outlive exit
+    preCreateReflectOrb();
+    answer("ready");
+    for (std::string line; std::getline(std::cin, line);)
+        actor.handle(line);
+}
