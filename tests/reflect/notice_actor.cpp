@@ -12,7 +12,6 @@
 //   on OBSERVER COMMAND       what it does once when it is next told; "prepared"
 //   aside COMMAND             on a thread of its own
 //   hold                      blocks without the permission; "holding", and "held" at its end
-//   twice COMMAND             while the thread has the permission twice
 //   release                   lets go what is held; "released"
 //   use NAME                  asks an object for its name; "used NAME"
 //   delete                    deletes all brokers; "deleted"
@@ -50,7 +49,6 @@ private:
     Watcher& observer(std::string const& name);
     void react(std::string const& observer, std::string const& name, TreflectObject const& source);
     void hold();
-    void twice(std::string const& command);
 
     std::map<std::string, std::unique_ptr<Thing>> things_;
     std::map<std::string, std::unique_ptr<Watcher>> observers_;
@@ -160,8 +158,6 @@ void Actor::others(std::string const& verb, std::istream& words) {
         std::thread([this, rest] { handle(rest); }).detach();
     } else if (verb == "hold") {
         hold();
-    } else if (verb == "twice") {
-        twice(rest);
     } else if (verb == "release") {
         released_.open();
         answer("released");
@@ -176,12 +172,6 @@ void Actor::hold() {
     answer("holding");
     released_.wait(std::chrono::hours(1));
     answer("held");
-}
-
-void Actor::twice(std::string const& command) {
-    TreflectORB::getRunPermission();
-    handle(command);
-    TreflectORB::releaseRunPermission();
 }
 
 }  // namespace
