@@ -68,6 +68,9 @@ struct TreflectORB::MetaData {
     /** The brokers that subscribed here. */
     std::set<TreflectOrbId> remoteCreationObservers;
     std::set<TreflectOrbId> remoteDeletionObservers;
+    /** The brokers at which this process has subscribed, or is about to. */
+    std::set<TreflectOrbId> creationsAt;
+    std::set<TreflectOrbId> deletionsAt;
     /** Held while the group is told of a subscription or its end, so that the one does not overtake
      * the other. Taken with the run permission, which is given up to wait for it. */
     TreflectMutex subscribing;

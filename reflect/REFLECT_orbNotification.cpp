@@ -242,6 +242,7 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
                                  TreflectOrbId const* only) {
     if (existing)
         existing->clear();
+    MetaData& record = getMetaData(classId);
     std::list<Transport::TerminationId> targets;
     if (only)
         targets.push_back(convertId(*only));
@@ -254,10 +255,14 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
         request.msg().type(TreflectMessage::tOCNSubscribe);
         request << classId << (existing != nullptr);
         TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
-        for (Registration* const registration : getMetaData(classId).creationRegistrations)
-            registration->asks(convertId(target));
-        if (!forwardMsg_(target, true, request.msg(), response))
+        TreflectOrbId const id = convertId(target);
+        for (Registration* const registration : record.creationRegistrations)
+            registration->asks(id);
+        record.creationsAt.insert(id);
+        if (!forwardMsg_(target, true, request.msg(), response)) {
+            record.creationsAt.erase(id);
             continue;
+        }
         TipprmiSequence<TreflectObject, 0u> objects;
         response >> objects;
         // Copies that look for nothing.
@@ -268,6 +273,7 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
 }
 
 void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only) {
+    MetaData& record = getMetaData(classId);
     std::list<Transport::TerminationId> targets;
     if (only)
         targets.push_back(convertId(*only));
@@ -277,8 +283,11 @@ void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only
         if (target == termId() || !mayServe_(target, classId))
             continue;
         TipprmiStream response(allocateResponse(allocateRequest(0), kResponseSize), true);
+        record.deletionsAt.insert(convertId(target));
         if (sendClassId_(TreflectMessage::tODNSubscribe, classId, target, response))
             learnClasses_(target, response);
+        else
+            record.deletionsAt.erase(convertId(target));
     }
 }
 
@@ -290,7 +299,10 @@ void TreflectORB::unregisterFromODN(unsigned int classId) {
     cancel_(TreflectMessage::tODNUnsubscribe, classId);
 }
 
+// Of either kind, it ends both.
 void TreflectORB::cancel_(TreflectMessage::type_t type, unsigned int classId) {
+    getMetaData(classId).creationsAt.clear();
+    getMetaData(classId).deletionsAt.clear();
     for (Transport::TerminationId const& member : group_()) {
         if (member == termId())
             continue;
@@ -338,10 +350,12 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
 }
 
 // For those on their way into the lists too: the subscription that they wait for may have left
-// before the broker came up.
+// before the broker came up. One that it has reached, before its arrival was told, is not asked
+// again what it has: its objects would be told twice.
 void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     MetaData& record = getMetaData(classId);
-    if (!isUnobserved_(record.creationObservers, record.creationRegistrations)) {
+    if (!isUnobserved_(record.creationObservers, record.creationRegistrations) &&
+        record.creationsAt.count(id) == 0) {
         Registration catchingUp(record.creationRegistrations, nullptr);
         std::vector<TreflectObject> existing;
         registerForOCN(classId, &existing, &id);
@@ -350,6 +364,7 @@ void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
                 gotCreation(classId, object);
         }
     }
-    if (!isUnobserved_(record.deletionObservers, record.deletionRegistrations))
+    if (!isUnobserved_(record.deletionObservers, record.deletionRegistrations) &&
+        record.deletionsAt.count(id) == 0)
         registerForODN(classId, &id);
 }

@@ -29,7 +29,7 @@ void TreflectORB::disappeare(Transport::Termination& termination) {
         parts_->knownOrbClasses.erase(gone);
         parts_->missedCreations.forget(id);
         parts_->missedDeletions.forget(id);
-        forgetSubscriber_(id);
+        forgetBroker_(id);
     }
     {
         TreflectReleaseHandlerState const released;

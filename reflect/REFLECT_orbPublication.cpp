@@ -89,10 +89,12 @@ void TreflectORB::removeRemoteObserver(unsigned int const& classId, TreflectOrbI
     record.remoteDeletionObservers.erase(orb);
 }
 
-void TreflectORB::forgetSubscriber_(TreflectOrbId const& orb) {
+void TreflectORB::forgetBroker_(TreflectOrbId const& orb) {
     for (auto& entry : parts_->classes) {
         entry.second.remoteCreationObservers.erase(orb);
         entry.second.remoteDeletionObservers.erase(orb);
+        entry.second.creationsAt.erase(orb);
+        entry.second.deletionsAt.erase(orb);
     }
 }
 

@@ -268,7 +268,7 @@ private:
     void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
     bool publish_(TreflectMessage::type_t type, unsigned int classId, TreflectObject const& object,
                   std::set<TreflectOrbId>& subscribers, std::set<TreflectOrbId>& told);
-    void forgetSubscriber_(TreflectOrbId const& orb);
+    void forgetBroker_(TreflectOrbId const& orb);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

@@ -34,6 +34,7 @@ public:
     }
     /** The names that the observer has written so far, each with a blank behind it. */
     std::string told(std::string const& observer) {
+        ask("sync", "synced");
         std::string names;
         for (std::string const& line : child().lines()) {
             std::istringstream words(line);

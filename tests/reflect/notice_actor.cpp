@@ -14,6 +14,7 @@
 //   hold                      blocks without the permission; "holding", and "held" at its end
 //   release                   lets go what is held; "released"
 //   use NAME                  asks an object for its name; "used NAME"
+//   sync                      "synced", behind all that was written before
 //   delete                    deletes all brokers; "deleted"
 #include <cstdio>
 #include <iostream>
@@ -161,6 +162,8 @@ void Actor::others(std::string const& verb, std::istream& words) {
     } else if (verb == "release") {
         released_.open();
         answer("released");
+    } else if (verb == "sync") {
+        answer("synced");
     } else if (verb == "delete") {
         prepareOrbForDeletion();
         answer("deleted");
