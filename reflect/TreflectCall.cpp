@@ -16,7 +16,16 @@ public:
 
 }  // namespace
 
-void treflectPerformLocally(ClientCallHookBaseV const& hook, TreflectObject const& object,
+bool treflectPerformLocally(ClientCallHookBaseV const& hook, TreflectObject const& object,
                             TreflectServerObject& server, unsigned int cc, unsigned int mc) {
-    ClientCallHelper(hook, NothingIn(), NothingOut(), *object.getStub_(), &server, cc, mc, true);
+    TreflectObjectStub& stub = *object.getStub_();
+    bool const observed =
+        server.preObserverAvailable(cc, mc) || server.postObserverAvailable(cc, mc);
+    if (!observed) {
+        ClientCallHelper(hook, NothingIn(), NothingOut(), stub, &server, cc, mc, true);
+        return true;
+    }
+    TreflectObservable::Life const life(server);
+    ClientCallHelper(hook, NothingIn(), NothingOut(), stub, &server, cc, mc, true);
+    return !life.ended();
 }

@@ -58,9 +58,10 @@ public:
     char const* operationName() const override { return "treflectCall"; }
 
     using Value = typename TreflectValueOf<Result>::Type;
-    TipprmiResult<Value> result() const {
+    /** `isThere`: whether the object was there to the end. */
+    TipprmiResult<Value> result(bool isThere) const {
         if (!called_)
-            return TipprmiFailure(TipprmiFailure::kVetoed);
+            return TipprmiFailure(isThere ? TipprmiFailure::kVetoed : TipprmiFailure::kNotServed);
         if constexpr (std::is_void_v<Result>)
             return {};
         else
@@ -75,8 +76,9 @@ private:
     mutable TipprmiResult<Value> result_{TipprmiFailure()};
 };
 
-/** Performs a call on a server object of this process. */
-REFLECTORB_API void treflectPerformLocally(ClientCallHookBaseV const& hook,
+/** Performs a call on a server object of this process; false when the object was destroyed while an
+ * observer was told. */
+REFLECTORB_API bool treflectPerformLocally(ClientCallHookBaseV const& hook,
                                            TreflectObject const& object,
                                            TreflectServerObject& server, unsigned int cc,
                                            unsigned int mc);
@@ -103,8 +105,7 @@ TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
         return tipprmiCall<Value>(object, cc, mc, arguments...);
     TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
         *server, method, arguments...);
-    treflectPerformLocally(hook, object, *server, cc, mc);
-    return hook.result();
+    return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
 }
 template <class Server, class Result, class... Parameters>
 TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
@@ -116,6 +117,5 @@ TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
         return tipprmiCall<Value>(object, cc, mc, arguments...);
     TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
         *server, method, arguments...);
-    treflectPerformLocally(hook, object, *server, cc, mc);
-    return hook.result();
+    return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
 }

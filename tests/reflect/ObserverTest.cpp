@@ -319,7 +319,9 @@ TEST_F(LocalObserver, MayDestroyWhatItWatches) {
                 object.reset();
                 return answer;
             };
-            EXPECT_EQ(static_cast<bool>(client.set(5)), kind == kAfter);
+            TipprmiResult<void> const stored = client.set(5);
+            EXPECT_EQ(static_cast<bool>(stored), kind == kAfter);
+            EXPECT_EQ(stored.code(), TipprmiFailure::kNotServed);
             EXPECT_EQ(watcher.told, 1);
             EXPECT_FALSE(client.set(5));
             EXPECT_EQ(watcher.told, 1);
