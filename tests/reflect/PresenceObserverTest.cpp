@@ -345,7 +345,6 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
         prepareOrbForDeletion();
         deleted.open();
     });
-    Listener next;
     orb().registerOrbDeletion(&deleting);
     std::make_unique<RawPeer>(group());
     ASSERT_TRUE(deleted.wait());
@@ -359,6 +358,11 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
 /** A server in another process that is killed. */
 class DeathTest : public BrokerTest {
 protected:
+    static bool holds(BrokerActor& server, std::string const& name, int calls) {
+        return testsupport::eventually(
+            [&] { return server.ask("holding " + name, "holding") == std::to_string(calls); });
+    }
+
     std::unique_ptr<BrokerActor> server_ = std::make_unique<BrokerActor>();
 };
 
@@ -372,8 +376,7 @@ TEST_F(DeathTest, requestFailsAtOnceAndHandlesGoInvalid) {
     ASSERT_TRUE(client.isConnected());
     Clock::time_point killed;
     std::thread killer([&] {
-        // A call of its own tells that the held one is being served by then or queued before it.
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(holds(*server_, "lamp", 1));
         killed = Clock::now();
         server_->child().kill();
     });
@@ -414,22 +417,24 @@ TEST_F(DeathTest, allRequestsThatWaitForItEndAndOthersGoOn) {
             ProbeClient client{TipprmiOID("lamp", NSID_UNIT)};
             failed += !client.call(kHold).succeeded;
         });
-    std::atomic<bool> held{true};
+    std::atomic<bool> ended{false};
+    bool succeeded = false;
     std::thread unconcerned([&] {
         TreflectHandlerState const handlerState(true);
         ProbeClient client{TipprmiOID("mast", NSID_UNIT)};
-        held = client.call(kHold).succeeded;
+        succeeded = client.call(kHold).succeeded;
+        ended = true;
     });
-    ASSERT_TRUE(testsupport::eventually(
-        [&] { return log_.count("") >= 0 && other.ask("noted mast", "noted") == "0"; }));
+    EXPECT_TRUE(holds(*server_, "lamp", kCallers));
+    EXPECT_TRUE(holds(other, "mast", 1));
     server_->child().kill();
     for (std::thread& caller : callers)
         caller.join();
     EXPECT_EQ(failed, kCallers);
-    EXPECT_TRUE(held) << "the other call is still served";
+    EXPECT_FALSE(ended) << "the other call is still served";
     other.ask("release", "released");
     unconcerned.join();
-    EXPECT_TRUE(held);
+    EXPECT_TRUE(succeeded);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 //   call NAME NUMBER      calls echo of an object; answers "called 1 NUMBER" or "called 0 CODE"
 //   callforever NAME N    N threads call echo until a call fails; then "ended" per thread
 //   hold NAME             calls hold of an object on a thread of its own; "held CODE" at its end
+//   holding NAME          answers "holding COUNT", of held calls
 //   delete                deletes all brokers; answers "deleted"
 //   deleteaside           the same on a thread of its own; "deleting" once it has begun
 //   noted NAME            answers "noted COUNT"
@@ -90,6 +91,9 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
     } else if (verb == "noted") {
         words >> name;
         answer("noted ", probes_.at(name)->noted());
+    } else if (verb == "holding") {
+        words >> name;
+        answer("holding ", probes_.at(name)->held());
     } else if (verb == "delete") {
         prepareOrbForDeletion();
         answer("deleted");
