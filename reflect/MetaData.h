@@ -30,8 +30,10 @@ public:
     /** The observer has been removed or is being destroyed. */
     void end() { observer_ = nullptr; }
     bool ended() const { return !observer_; }
-    /** A notice for those that are in the list, or else to be kept. */
-    void noticed(TreflectObject const& object, std::vector<TreflectObserver*> const& observers);
+    /** A notice for those that are in the list, or else to be kept: then it answers the observer
+     * that is told at the end, else null. */
+    TreflectObserver* noticed(TreflectObject const& object,
+                              std::vector<TreflectObserver*> const& observers);
     /** The object is no more. */
     void gone(TreflectObject const& object);
     /** A broker is asked what it has: it may have given an internal id anew. */

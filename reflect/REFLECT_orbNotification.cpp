@@ -63,10 +63,11 @@ TreflectObserver* TreflectORB::nextObserver_(unsigned int classId, Observers Met
     return nullptr;
 }
 
-// A callback may change the list, so it is walked anew after each.
+// A callback may change the list, so it is walked anew after each. Those who keep the notice are
+// told by their own registration, although they may be in the list before the walk has reached its
+// end.
 void TreflectORB::tell_(unsigned int classId, Observers MetaData::*observers,
-                        TreflectObject const& object) {
-    std::set<TreflectObserver*> told;
+                        TreflectObject const& object, std::set<TreflectObserver*> told) {
     while (TreflectObserver* const observer = nextObserver_(classId, observers, told)) {
         told.insert(observer);
         tellOne_(*observer, object);
@@ -75,24 +76,26 @@ void TreflectORB::tell_(unsigned int classId, Observers MetaData::*observers,
 
 void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
+    std::set<TreflectObserver*> keepers;
     if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
         MetaData const& record = found->second;
         for (Registration* const registration : record.creationRegistrations)
-            registration->noticed(object, record.creationObservers);
+            keepers.insert(registration->noticed(object, record.creationObservers));
     }
-    tell_(classId, &MetaData::creationObservers, object);
+    tell_(classId, &MetaData::creationObservers, object, std::move(keepers));
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
+    std::set<TreflectObserver*> keepers;
     if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
         MetaData const& record = found->second;
         for (Registration* const registration : record.creationRegistrations)
             registration->gone(object);
         for (Registration* const registration : record.deletionRegistrations)
-            registration->noticed(object, record.deletionObservers);
+            keepers.insert(registration->noticed(object, record.deletionObservers));
     }
-    tell_(classId, &MetaData::deletionObservers, object);
+    tell_(classId, &MetaData::deletionObservers, object, std::move(keepers));
 }
 
 // ---- Observers come and go ---------------------------------------------------------------------

@@ -44,15 +44,17 @@ TreflectORB::Registration::Place TreflectORB::Registration::placeOf(TreflectObje
                 : Place();
 }
 
-void TreflectORB::Registration::noticed(TreflectObject const& object,
-                                        std::vector<TreflectObserver*> const& observers) {
+TreflectObserver* TreflectORB::Registration::noticed(
+    TreflectObject const& object, std::vector<TreflectObserver*> const& observers) {
     bool const listed =
         ended() || std::find(observers.begin(), observers.end(), observer_) != observers.end();
     gone_.erase(placeOf(object));
-    if (listed)
+    if (listed) {
         told_.insert(placeOf(object));
-    else
-        kept_.emplace_back().share_(object);
+        return nullptr;
+    }
+    kept_.emplace_back().share_(object);
+    return observer_;
 }
 
 void TreflectORB::Registration::gone(TreflectObject const& object) {

@@ -252,7 +252,8 @@ private:
     MetaData& getMetaData(unsigned int classId) const;
     TreflectObserver* nextObserver_(unsigned int classId, Observers MetaData::*observers,
                                     std::set<TreflectObserver*> const& told) const;
-    void tell_(unsigned int classId, Observers MetaData::*observers, TreflectObject const& object);
+    void tell_(unsigned int classId, Observers MetaData::*observers, TreflectObject const& object,
+               std::set<TreflectObserver*> told);
     static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
     static void tellExisting_(MetaData& record, Registration& registration);
     static bool isUnobserved_(Observers const& observers, std::list<Registration*> const& underWay);
