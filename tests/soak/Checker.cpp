@@ -122,17 +122,17 @@ void Checker::takeTold(Life life, Event const& event) {
     if (object == objects_.end()) {
         report({"no observer is told of what is not there",
                 "registration " + id + " was told of " + name,
-                {" " + id + " ", name}});
+                {id, name}});
         return;
     }
     if (object->second.classIndex != registration.classIndex)
         report({"no observer is told of an object of another class",
                 "registration " + id + " was told of " + name,
-                {" " + id + " ", name}});
+                {id, name}});
     if (event.at > registration.removed)
         report({"no observer is told after its removal",
                 "registration " + id + " was told of " + name,
-                {" " + id, name}});
+                {id, name}});
     ++object->second.told[id];
 }
 
@@ -254,7 +254,7 @@ void Checker::judge(std::string const& name, SoakedObject const& object, Life su
     std::string const text = "registration " + id + " of actor " + subscriber.text() + " for " +
                              soak::text(kind) + " was told of " + name + " " +
                              std::to_string(times) + " times";
-    std::vector<std::string> const evidence{" " + id + " ", name};
+    std::vector<std::string> const evidence{id, name};
     if (ready < begin && end < leaves && (checked || times > 1)) {
         ++(registration.creations ? tally_.creationsOnce : tally_.deletionsOnce);
         if (times != 1)

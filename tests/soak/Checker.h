@@ -34,7 +34,7 @@ struct Limits {
 struct Fault {
     std::string invariant;
     std::string text;
-    /** Words that the journal lines of the evidence contain. */
+    /** Words that the lines of the evidence contain. */
     std::vector<std::string> evidence;
 };
 

@@ -51,6 +51,23 @@ bool eventually(Condition&& condition) {
     return testsupport::eventually(condition, std::chrono::milliseconds(kPatience / 1000));
 }
 
+std::string lastLine(std::string const& path) {
+    std::string last;
+    std::ifstream lines(path);
+    for (std::string line; std::getline(lines, line);)
+        last = line;
+    return last;
+}
+
+bool isEvidence(std::string const& line, std::vector<std::string> const& words) {
+    auto const stands = [&](std::string const& word) {
+        return (line + " ").find(" " + word + " ") != std::string::npos;
+    };
+    bool const concernsTwo = stands("told") || stands("call");
+    return !words.empty() && (concernsTwo ? std::all_of(words.begin(), words.end(), stands)
+                                          : std::any_of(words.begin(), words.end(), stands));
+}
+
 long countEntries(std::string const& folder) {
     std::error_code ignored;
     std::filesystem::directory_iterator const all(folder, ignored);
@@ -375,10 +392,12 @@ void Supervisor::finish() {
 
 void Supervisor::reportHang(Slot& slot, std::string const& what) {
     keepStacks(slot);
-    checker_.report({"no call hangs longer than its rule allows",
-                     "actor " + slot.current().text() + " " + what + " within " +
-                         std::to_string(kPatience / kSecond) + " s; see the stacks",
-                     {}});
+    checker_.report(
+        {"no call hangs longer than its rule allows",
+         "actor " + slot.current().text() + " " + what + " within " +
+             std::to_string(kPatience / kSecond) +
+             " s; see the stacks. Last in its journal: " + lastLine(slot.journal->path()),
+         {}});
 }
 
 /** Of all processes, since one that hangs waits for another; as far as there is a debugger. */
@@ -419,6 +438,8 @@ void Supervisor::printFaults() {
     std::printf("\nJournals, logs and stacks are in %s\n", options_.folder.c_str());
 }
 
+/** The lines with one of the words, but for those about something else that have only one of two.
+ */
 void Supervisor::printEvidence(Fault const& fault) {
     std::size_t printed = 0;
     for (auto const& entry : std::filesystem::directory_iterator(options_.folder)) {
@@ -426,19 +447,7 @@ void Supervisor::printEvidence(Fault const& fault) {
         bool const isJournal = file.rfind("journal.", 0) == 0 || file.rfind("killed.", 0) == 0;
         std::ifstream lines(entry.path());
         for (std::string line; isJournal && std::getline(lines, line) && printed < kMostEvidence;) {
-            // All words, so that two of them show what they have to do with each other.
-            bool const fits = !fault.evidence.empty() &&
-                              std::all_of(fault.evidence.begin(), fault.evidence.end(),
-                                          [&](std::string const& word) {
-                                              return (line + " ").find(word) != std::string::npos;
-                                          });
-            bool const opens = std::any_of(
-                fault.evidence.begin(), fault.evidence.end(), [&](std::string const& word) {
-                    return (line + " ").find(word) != std::string::npos &&
-                           line.find(" told ") == std::string::npos &&
-                           line.find(" call ") == std::string::npos;
-                });
-            if (!fits && !opens)
+            if (!isEvidence(line, fault.evidence))
                 continue;
             std::printf("   %-14s %s\n", file.c_str(), line.c_str());
             ++printed;
