@@ -187,7 +187,7 @@ TEST_F(NotificationTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOth
     Watcher& careless =
         watcher("careless", [](auto&, auto&) { TreflectORB::leaveHandlerState(true); });
     Watcher& last = watcher("last");
-    for (Watcher* const one : {&throwing, &greedy, &careless, &last})
+    for (Watcher* const one : {&throwing, &careless, &greedy, &last})
         observeCreations(*one);
     permitted([this] {
         create("a");
@@ -310,17 +310,21 @@ TEST_F(WaitingRegistrationTest, observerThatIsDestroyedMeanwhileIsNotEntered) {
     create("b");
 }
 
-TEST_F(WaitingRegistrationTest, observerIsDestroyedAfterTheBrokersWhileItsRegistrationWaits) {
+TEST_F(NotificationTest, observerIsDestroyedAfterTheBrokersWhileItsRegistrationFailsOneByOne) {
+    std::atomic<unsigned int> asked{0};
+    std::list<RawPeer> silent;
+    for (int i = 0; i < 10; ++i)
+        silent.emplace_back(group(), [&](RawPeer&, TreflectMessage&) { ++asked; });
     Watcher& watching = watcher("watching");
-    begin([&] { observeDeletions(watching); });
+    std::thread registering([&] { observeDeletions(watching); });
+    ASSERT_TRUE(testsupport::eventually([&] { return asked > 0; }));
     create("a");
     destroy("a");
     permitted([&] {
-        // The waiting thread needs the permission to go on, which this one gives up in between.
         prepareOrbForDeletion();
         discard(watching);
     });
-    registering_.join();
+    registering.join();
 }
 
 TEST_F(WaitingRegistrationTest, secondObserverWithThePermissionTwiceDoesNotBlockTheFirst) {
