@@ -72,6 +72,10 @@ void TreflectObserverSkeleton::serveNotification(TipprmiStream& in, TipprmiStrea
 
 // ---- TreflectObserver --------------------------------------------------------------------------
 
+TreflectObserver::TreflectObserver()
+    : TreflectObserver(TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT), nullptr,
+                       "observer") {}
+
 TreflectObserver::TreflectObserver(TipprmiOID const& oid, TreflectObject const* parent,
                                    std::string const& name)
     : TreflectObserverSkeleton(oid, parent, name) {}

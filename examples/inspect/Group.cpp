@@ -35,10 +35,7 @@ private:
 class ObjectFollower final : public TreflectObserver {
 public:
     ObjectFollower(TreflectMetaObject& meta, bool ofCreations, Report& report)
-        : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "inspect"),
-          meta_(meta),
-          ofCreations_(ofCreations),
-          report_(report) {}
+        : meta_(meta), ofCreations_(ofCreations), report_(report) {}
     ~ObjectFollower() override { meta_.removeObserver(this); }
 
     void begin() {

@@ -14,13 +14,10 @@ namespace {
 /** What is to be done at a call, with its arguments or its results; false forbids it. */
 using Reaction = std::function<bool(Values const&)>;
 
-/** Observers are objects that the observed object calls. This one needs no identifier: it is
- * reached by the handle that it is registered with. */
+/** Observers are objects that the observed object calls. */
 class Observer final : public TreflectObserver {
 public:
-    explicit Observer(Reaction reaction)
-        : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "inspect"),
-          reaction_(std::move(reaction)) {}
+    explicit Observer(Reaction reaction) : reaction_(std::move(reaction)) {}
 
     bool update() override { return reaction_(arguments()); }
 

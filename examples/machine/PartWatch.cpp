@@ -18,9 +18,7 @@ std::string identifierOf(TreflectObject const& object) {
 class PartWatch::Follower : public TreflectObserver {
 public:
     Follower(PartWatch& watch, TreflectMetaClass const& meta, bool ofCreations)
-        : TreflectObserver(TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT), nullptr,
-                           ofCreations ? "created" : "deleted"),
-          watch_(watch),
+        : watch_(watch),
           meta_(*InterfaceRepository::instance()->findInterface(meta.getClassId())),
           ofCreations_(ofCreations) {}
     ~Follower() override { meta_.removeObserver(this); }

@@ -26,8 +26,9 @@ public:
         update();
     }
     ~Tree() {
-        for (TreflectServerObject const* object : all())
-            object->sendDeletionEvent();
+        std::vector<TreflectServerObject const*> const objects = all();
+        std::for_each(objects.rbegin(), objects.rend(),
+                      [](TreflectServerObject const* object) { object->sendDeletionEvent(); });
     }
     Tree(Tree const&) = delete;
     Tree& operator=(Tree const&) = delete;
@@ -85,6 +86,7 @@ private:
         return names;
     }
 
+    /** Parents before their children. */
     std::vector<TreflectServerObject const*> all() const {
         std::vector<TreflectServerObject const*> objects{&root_, &net_, &disk_, &processes_};
         for (auto const& kind : parts_) {

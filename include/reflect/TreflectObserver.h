@@ -14,6 +14,8 @@
  */
 class REFLECTORB_API TreflectObserver : public TreflectObserverSkeleton {
 public:
+    /** Without identifier, parent and name of its own: enough for one that is only to be told. */
+    TreflectObserver();
     TreflectObserver(TipprmiOID const& oid, TreflectObject const* parent, std::string const& name);
     ~TreflectObserver() override;
 
