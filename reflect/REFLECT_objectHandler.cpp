@@ -109,6 +109,11 @@ void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* serve
         instance->stubs_.invalidateStubs(server);
 }
 
+bool TreflectObjectHandler::isOfNothing(TreflectObjectStub const* stub) {
+    TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
+    return instance && stub == &instance->invalidStub_;
+}
+
 bool TreflectObjectHandler::takeOut(TreflectObjectStub* stub) {
     TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
     return instance && instance->stubs_.erase(stub);

@@ -151,10 +151,11 @@ char const* TreflectObjectStub::className() const {
 
 // The search may wait for other brokers with the permission given up. What it finds is of no use to
 // a stub that has become invalid meanwhile; and a search that found nothing does not undo what
-// another thread has found.
+// another thread has found. All empty handles share the stub of no object: it has a name, but must
+// not lead to whatever somebody gives that name, and calls through it are not to bother the group.
 void TreflectObjectStub::connect(TreflectORB const*, TipprmiOID const& oid) {
     TreflectHandlerState const handler(true);
-    if (!isValid())
+    if (!isValid() || TreflectObjectHandler::isOfNothing(this))
         return;
     TipprmiOID const sought = oid;
     bool const wasConnected = isConnected();

@@ -53,6 +53,8 @@ private:
     /** Where the broker of a namespace finds an object; nowhere when that place has gone since. The
      * caller has the run permission and keeps it until the answer is in the table. */
     static TreflectORB::TreflectObjectLocation search(TipprmiOID const& oid, NamespaceId asked);
+    /** Whether it is the stub of no object, which never becomes one of an object. */
+    static bool isOfNothing(TreflectObjectStub const* stub);
     /** For a stub that changes: takes it out of the table and answers whether it was in. */
     static bool takeOut(TreflectObjectStub* stub);
     static void putBack(TreflectObjectStub* stub);

@@ -160,6 +160,18 @@ TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
     held([&] { parent.reset(); });
 }
 
+TEST_F(ServerObject, MayBeNamedAsNothingIsWithoutTakingItsPlace) {
+    TreflectHandlerState const handlerState(true);
+    Node const node("InvalidStub");
+    TreflectObject const nothing;
+    EXPECT_EQ(nothing.getRelName(), "");
+    EXPECT_EQ(nothing.meta(), nullptr);
+    EXPECT_TRUE(log_.contains("to non connected stub object"));
+    EXPECT_FALSE(nothing.isConnected());
+    EXPECT_FALSE(TreflectObject().isConnected());
+    EXPECT_EQ(TreflectObject(oid("InvalidStub")).getServer(), &node);
+}
+
 // ---- Children ----------------------------------------------------------------------------------
 
 /** What every object does with children, wherever it is. */
