@@ -2,6 +2,7 @@
 
 #include <list>
 #include <set>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -46,7 +47,9 @@ public:
     void enter(std::vector<TreflectObserver*>& observers);
 
 private:
-    using Place = std::tuple<unsigned int, NamespaceId, unsigned int>;  // broker, ..., internal id
+    /** Broker, namespace, internal id, text of the identifier. The text because an internal id may
+     * be an address, which the next object can have while the last is remembered. */
+    using Place = std::tuple<unsigned int, NamespaceId, unsigned int, std::string>;
 
     static Place placeOf(TreflectObject const& object);
 

@@ -40,8 +40,12 @@ TreflectORB::Registration::~Registration() {
 
 TreflectORB::Registration::Place TreflectORB::Registration::placeOf(TreflectObject const& object) {
     TreflectObjectStub const* const stub = object.getStub_();
-    return stub ? Place(stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID())
-                : Place();
+    if (!stub)
+        return {};
+    TipprmiOID const oid = stub->getOID();
+    char const* const text = oid.getIdString();
+    return {stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID(),
+            text ? text : ""};
 }
 
 TreflectObserver* TreflectORB::Registration::noticed(
@@ -65,7 +69,7 @@ void TreflectORB::Registration::gone(TreflectObject const& object) {
 }
 
 void TreflectORB::Registration::asks(TreflectOrbId const& broker) {
-    auto const first = gone_.lower_bound(Place(broker.value(), NamespaceId{}, 0));
+    auto const first = gone_.lower_bound(Place(broker.value(), NamespaceId{}, 0, ""));
     auto last = first;
     while (last != gone_.end() && std::get<0>(*last) == broker.value())
         ++last;

@@ -1,7 +1,10 @@
 // Notices that come while an observer is on its way into the list.
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "BrokerTest.h"
@@ -46,28 +49,48 @@ private:
     std::function<void()> const reaction_;
 };
 
-/** Opens its gate when a certain broker has been caught up with. */
-class Arrival final : public TreflectOrbObserverIf {
+/** The brokers that the test's broker has caught up with. */
+class Arrivals final : public TreflectOrbObserverIf {
 public:
-    void notify(Transport::TerminationId const&, Appear_t const&) override { gate.open(); }
+    void notify(Transport::TerminationId const& broker, Appear_t const&) override {
+        met_.insert(broker);
+    }
+    bool have(Transport::TerminationId const& broker) const {
+        TreflectHandlerState const inside(true);
+        return met_.count(broker) != 0;
+    }
 
-    testsupport::Gate gate;
+private:
+    std::set<Transport::TerminationId> met_;  // guarded by the run permission
+};
+
+class OverlapTest : public BrokerTest {
+protected:
+    OverlapTest() : meta_(overlapMeta()) { orb().registerOrbCreation(&arrivals_, false); }
+    ~OverlapTest() override { orb().unregisterOrbNotifications(&arrivals_); }
+
+    /** A peer that is no newcomer any more. */
+    std::unique_ptr<RawPeer> makePeer(RawPeer::Reaction reaction = {}) {
+        auto peer = std::make_unique<RawPeer>(group(), std::move(reaction));
+        EXPECT_TRUE(testsupport::eventually([&] { return arrivals_.have(peer->termId()); }));
+        return peer;
+    }
+
+    TreflectMetaObject& meta_;
+
+private:
+    Arrivals arrivals_;
 };
 
 /** `second_` is on its way into the list, waiting for the peer, when something happens that
  * `first_` is told of; and `first_` returns from that only when `second_` is in the list. */
-class NoticeOverlapTest : public BrokerTest {
+class NoticeOverlapTest : public OverlapTest {
 protected:
-    NoticeOverlapTest() : meta_(overlapMeta()) {
-        Arrival arrival;
-        TreflectORB& broker = orb();
-        broker.registerOrbCreation(&arrival, false);
-        peer_ = std::make_unique<RawPeer>(group(), [this](RawPeer&, TreflectMessage& message) {
+    NoticeOverlapTest() {
+        peer_ = makePeer([this](RawPeer&, TreflectMessage& message) {
             if (!holding_)
                 answer(message);
         });
-        EXPECT_TRUE(arrival.gate.wait());
-        broker.unregisterOrbNotifications(&arrival);
         TreflectHandlerState const inside(true);
         first_ = std::make_unique<Observer>([this] {
             TreflectReleaseHandlerState const released;
@@ -84,9 +107,10 @@ protected:
         second_.reset();
     }
 
-    /** Has the peer answer nothing from now on. */
-    void hold() {
-        held_ = peer_->count();
+    /** Has the peer answer nothing beyond so many requests, which have come. */
+    void holdAfter(std::size_t answered) {
+        EXPECT_TRUE(testsupport::eventually([&] { return peer_->count() == answered; }));
+        held_ = answered;
         holding_ = true;
     }
     void answer(TreflectMessage const& request) {
@@ -104,7 +128,6 @@ protected:
         });
     }
 
-    TreflectMetaObject& meta_;
     std::unique_ptr<RawPeer> peer_;
     std::unique_ptr<Observer> first_;
     std::unique_ptr<Observer> second_;
@@ -118,7 +141,7 @@ TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
         TreflectHandlerState const inside(true);
         meta_.observeCreations(first_.get(), false);
     }
-    hold();
+    holdAfter(1);
     std::thread thread = subscribing([this] { meta_.observeCreations(second_.get(), true); });
     EXPECT_FALSE(peer_->await(held_).empty());
     std::unique_ptr<Thing> thing;
@@ -141,7 +164,7 @@ TEST_F(NoticeOverlapTest, deletionIsToldOnceToWhoEntersTheListMeanwhile) {
         thing = std::make_unique<Thing>();
     }
     // Both find the list empty; the peer's first answer is for the one that comes first.
-    hold();
+    holdAfter(0);
     testsupport::Gate entered;
     std::thread firstThread([&] {
         TreflectHandlerState const inside(true);
@@ -171,6 +194,78 @@ TEST_F(NoticeOverlapTest, deletionIsToldOnceToWhoEntersTheListMeanwhile) {
     firstThread.join();
     secondThread.join();
     holding_ = false;
+}
+
+/** Notes what it is told of. */
+class Listener final : public TreflectObserver {
+public:
+    Listener() : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "listener") {}
+    bool update() override {
+        told +=
+            std::string(told.empty() ? "" : " ") + getSource()->getStub_()->getOID().getIdString();
+        return true;
+    }
+
+    std::string told;  // guarded by the run permission
+};
+
+/** Two peers: the one that is asked first says at once what it has, the other one answers late. */
+class SuccessorTest : public OverlapTest {
+protected:
+    static constexpr unsigned int kAddress = 7;  // internal id of all objects of a peer
+
+    SuccessorTest() {
+        for (auto& peer : peers_)
+            peer = makePeer();
+        if (peers_[1]->termId() < peers_[0]->termId())
+            std::swap(peers_[0], peers_[1]);
+    }
+    void writeHandle(TipprmiStream& stream, char const* name) {
+        stream << TipprmiOID(name, NSID_UNIT) << kAddress
+               << orb().convertId(peers_[0]->termId()).value();
+    }
+    void answerSubscription(RawPeer& peer, char const* existing) {
+        peer.answer(peer.await(0), [&](TipprmiStream& response) {
+            response << (existing ? 1u : 0u);
+            if (existing)
+                writeHandle(response, existing);
+            response << overlapMeta().classIds();
+        });
+    }
+    /** Has been served when this returns. */
+    void notify(TreflectMessage::type_t type, char const* name) {
+        std::size_t const answers = peers_[0]->count();
+        TipprmiStream notice(peers_[0]->make(1, type, TreflectMessage::kRequest), true);
+        notice << kClass;
+        writeHandle(notice, name);
+        peers_[0]->send(orb().termId(), notice.msg());
+        EXPECT_FALSE(peers_[0]->await(answers).empty());
+    }
+
+    std::array<std::unique_ptr<RawPeer>, 2> peers_;
+};
+
+TEST_F(SuccessorTest, objectAtTheAddressOfOneThatHasGoneIsTold) {
+    auto listener = [] {
+        TreflectHandlerState const inside(true);
+        return std::make_unique<Listener>();
+    }();
+    std::thread thread([&] {
+        TreflectHandlerState const inside(true);
+        meta_.observeCreations(listener.get(), true);
+    });
+    answerSubscription(*peers_[0], "old");
+    EXPECT_FALSE(peers_[1]->await(0).empty());
+    notify(TreflectMessage::tODN, "old");
+    notify(TreflectMessage::tOCN, "new");
+    answerSubscription(*peers_[1], nullptr);
+    thread.join();
+    {
+        TreflectHandlerState const inside(true);
+        EXPECT_EQ(listener->told, "new");
+    }
+    TreflectHandlerState const inside(true);
+    listener.reset();
 }
 
 }  // namespace
