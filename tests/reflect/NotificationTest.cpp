@@ -445,8 +445,9 @@ TEST_F(NotificationTest, newcomerMayGoBeforeItHasAnswered) {
     observeCreations(watching);
     for (int i = 0; i < 5; ++i) {
         RawPeer shortLived(group());
-        if (i % 2 == 0)
+        if (i % 2 == 0) {
             ASSERT_FALSE(shortLived.await(0).empty());
+        }
     }
     RawPeer last(group(), [](RawPeer& self, TreflectMessage& request) { serve(self, request); });
     ASSERT_FALSE(last.await(0).empty()) << "the arrivals go on";
