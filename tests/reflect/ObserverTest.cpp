@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <stdexcept>
+#include <thread>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
@@ -549,6 +550,21 @@ TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
     EXPECT_EQ(errors, 2u);
     EXPECT_EQ(storeHere(6), kStored);
     EXPECT_EQ(log_.count("Unmarshall error on cc=0x641E8FCD, mc=0"), errors);
+}
+
+TEST_F(RemoteObserver, WhoseProcessIsKilledWhileItIsToldLetsTheCallGoOn) {
+    Actor actor;
+    actor.ask("observer w", "made");
+    actor.observe("w", "lamp", "setLevel", "before");
+    actor.ask("answers w hang", "will");
+    std::thread caller([&] { EXPECT_EQ(storeHere(5), kStored); });
+    actor.await("hangs");
+    // Others are served meanwhile.
+    held([&] { EXPECT_EQ(TreflectObject(lamp_.get()).getRelName(), "lamp"); });
+    actor.child().kill();
+    caller.join();
+    EXPECT_FALSE(isObserved(kBefore));
+    EXPECT_EQ(held([&] { return lamp_->level; }), 5u);
 }
 
 TEST_F(RemoteObserver, ThatThrowsIsDroppedAndForbidsNothing) {

@@ -326,6 +326,20 @@ TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
               wire::kEmptyContainer + wireForm(std::string("/far/node")));
 }
 
+TEST_F(ServerObject, IsBuiltAlsoWhenItsParentGoesMeanwhile) {
+    auto peer = std::make_unique<RawPeer>(group());
+    TreflectObject const parent = held([&] { return objectOf(*peer, 7); });
+    std::unique_ptr<Node> node;
+    std::thread builder([&] { held([&] { node = std::make_unique<Node>("node", &parent); }); });
+    wire::awaitCall(*peer, 1106);
+    peer.reset();
+    builder.join();
+    held([&] {
+        EXPECT_EQ(node->getAbsName(), "/node");
+        node.reset();
+    });
+}
+
 TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
     RawPeer peer(group(), wire::answeringAllBut({0, 1107}));
     std::unique_ptr<Gauge> object;

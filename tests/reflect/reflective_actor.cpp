@@ -11,7 +11,8 @@
 //   store NAME NUMBER     sets Level of the lamp NAME, wherever it is; "stored ok" or "stored CODE"
 //   destroy NAME          destroys the object or the observer; answers "destroyed"
 //   observer NAME         makes an observer, which allows all calls; answers "made"
-//   answers NAME ANSWER   what its update answers: yes, no or throw; answers "will"
+//   answers NAME ANSWER   what its update answers: yes, no, throw, or hang for
+//                         never, after a line "hangs"; answers "will"
 //   observe NAME OBJECT OPERATION KIND   has it told of calls, KIND: before or after; "observing 1"
 //   unobserve NAME OBJECT OPERATION      answers "unobserved"
 //   told NAME             answers "told COUNT NUMBER SOURCE": how often, the first of the values
@@ -45,6 +46,11 @@ public:
         source_ = getSource()->getRelName();
         if (answer == "throw")
             throw std::runtime_error("on purpose");
+        if (answer == "hang") {
+            TreflectReleaseHandlerState const released;
+            std::cout << "hangs" << std::endl;
+            testsupport::Gate().wait(std::chrono::hours(1));
+        }
         return answer == "yes";
     }
     std::string told() const { return std::to_string(count_) + " " + number_ + " " + source_; }
