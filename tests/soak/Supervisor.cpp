@@ -123,7 +123,13 @@ void Supervisor::start(Slot& slot) {
 void Supervisor::kill(Slot& slot) {
     checker_.killed(slot.current(), now());
     slot.child->signal(SIGKILL);
-    slot.child->waitForExit();
+    if (int const code = slot.child->exitCode(); code != -SIGKILL) {
+        checker_.report({"nobody but the victims dies",
+                         "actor " + slot.current().text() + " had ended with " +
+                             std::to_string(code) + " when it was to be killed",
+                         {}});
+        keepLog(slot);
+    }
     slot.child.reset();
     leftJournals_.emplace_back(slot.current(), *slot.journal);
     ++kills_;
