@@ -12,9 +12,13 @@ namespace {
 
 constexpr bool kAddressIsId = sizeof(void*) == sizeof(std::uint32_t);
 
+std::uint32_t suggestedId(TipprmiObjectSkeleton const* object) {
+    return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
+}
+
 std::uint32_t takeId(TipprmiObjectSkeleton const& object) {
-    auto const address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&object));
-    return kAddressIsId ? address : InternalIds::instance().take(address);
+    std::uint32_t const suggested = suggestedId(&object);
+    return kAddressIsId ? suggested : InternalIds::instance().take(suggested);
 }
 
 void giveIdBack(std::uint32_t id) {
@@ -33,53 +37,75 @@ std::size_t ObjectRegistry::HashOfText::operator()(TipprmiOID const& oid) const 
     return std::hash<std::string_view>()(oid.getIdString());
 }
 
+std::uint32_t ObjectRegistry::idOf(TipprmiObjectSkeleton const* object) const {
+    std::uint32_t const suggested = suggestedId(object);
+    if (find(suggested) == object)
+        return suggested;
+    auto const displaced = displaced_.find(object);
+    return displaced == displaced_.end() ? 0 : displaced->second;
+}
+
 void ObjectRegistry::add(TipprmiObjectSkeleton& object) {
-    if (idOf_.count(&object) != 0)
+    if (idOf(&object) != 0)
         return;
     std::uint32_t const id = takeId(object);
     object.setInternalOID(id);
-    idOf_.emplace(&object, id);
-    Entry& entry = byId_.insert_or_assign(id, Entry{&object, ownOid(object)}).first->second;
-    addToIndex(id, entry);
+    if (id != suggestedId(&object))
+        displaced_.emplace(&object, id);
+    addToIndex(id, byId_.insert_or_assign(id, Entry{&object, ownOid(object)}).first->second);
 }
 
 void ObjectRegistry::remove(TipprmiObjectSkeleton const* object) {
-    auto const found = idOf_.find(object);
-    if (found == idOf_.end())
+    std::uint32_t const id = idOf(object);
+    if (id == 0)
         return;
-    std::uint32_t const id = found->second;
     auto const entry = byId_.find(id);
     removeFromIndex(id, entry->second);
     byId_.erase(entry);
-    idOf_.erase(found);
+    displaced_.erase(object);
     giveIdBack(id);
 }
 
 void ObjectRegistry::identifierChanged(TipprmiObjectSkeleton const& object) {
-    auto const found = idOf_.find(&object);
-    if (found == idOf_.end())
+    std::uint32_t const id = idOf(&object);
+    if (id == 0)
         return;
-    Entry& entry = byId_.at(found->second);
-    removeFromIndex(found->second, entry);
+    Entry& entry = byId_.at(id);
+    removeFromIndex(id, entry);
     entry.indexedAs = ownOid(object);
-    addToIndex(found->second, entry);
+    addToIndex(id, entry);
 }
 
-void ObjectRegistry::addToIndex(std::uint32_t id, Entry& entry) {
+void ObjectRegistry::addToIndex(std::uint32_t id, Entry const& entry) {
     if (!entry.indexedAs.getIdString())
         return;
-    IdsInOrder& ids = byOid_[entry.indexedAs];
-    ids.insert(std::lower_bound(ids.begin(), ids.end(), id), id);
+    auto const [known, isNew] = byOid_.emplace(entry.indexedAs, id);
+    if (isNew)
+        return;
+    std::uint32_t const higher = std::max(known->second, id);
+    known->second = std::min(known->second, id);
+    IdsInOrder& others = further_[entry.indexedAs];
+    others.insert(std::lower_bound(others.begin(), others.end(), higher), higher);
 }
 
 void ObjectRegistry::removeFromIndex(std::uint32_t id, Entry const& entry) {
     if (!entry.indexedAs.getIdString())
         return;
-    auto const found = byOid_.find(entry.indexedAs);
-    IdsInOrder& ids = found->second;
-    ids.erase(std::lower_bound(ids.begin(), ids.end(), id));
+    auto const known = byOid_.find(entry.indexedAs);
+    auto const others = further_.empty() ? further_.end() : further_.find(entry.indexedAs);
+    if (others == further_.end()) {
+        byOid_.erase(known);
+        return;
+    }
+    IdsInOrder& ids = others->second;
+    auto gone = ids.begin();
+    if (known->second == id)
+        known->second = *gone;
+    else
+        gone = std::lower_bound(ids.begin(), ids.end(), id);
+    ids.erase(gone);
     if (ids.empty())
-        byOid_.erase(found);
+        further_.erase(others);
 }
 
 TipprmiObjectSkeleton* ObjectRegistry::find(unsigned int ioid) const {
@@ -91,7 +117,7 @@ TipprmiObjectSkeleton* ObjectRegistry::find(TipprmiOID const& oid) const {
     if (!oid.getIdString())
         return nullptr;
     auto const found = byOid_.find(oid);
-    return found == byOid_.end() ? nullptr : find(found->second.front());
+    return found == byOid_.end() ? nullptr : find(found->second);
 }
 
 void ObjectRegistry::disown() {
@@ -100,6 +126,7 @@ void ObjectRegistry::disown() {
         giveIdBack(id);
     }
     byId_.clear();
-    idOf_.clear();
+    displaced_.clear();
     byOid_.clear();
+    further_.clear();
 }

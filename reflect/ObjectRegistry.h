@@ -45,10 +45,16 @@ private:
     };
     using IdsInOrder = std::vector<std::uint32_t>;  // ascending, not empty
 
-    void addToIndex(std::uint32_t id, Entry& entry);
+    /** 0 when the object is not in. Does not look at it. */
+    std::uint32_t idOf(TipprmiObjectSkeleton const* object) const;
+    void addToIndex(std::uint32_t id, Entry const& entry);
     void removeFromIndex(std::uint32_t id, Entry const& entry);
 
     std::unordered_map<std::uint32_t, Entry> byId_;
-    std::unordered_map<TipprmiObjectSkeleton const*, std::uint32_t> idOf_;
-    std::unordered_map<TipprmiOID, IdsInOrder, HashOfText> byOid_;
+    /** The ids that differ from what the objects' addresses suggest: few, or none. */
+    std::unordered_map<TipprmiObjectSkeleton const*, std::uint32_t> displaced_;
+    /** The lowest id of each identifier. */
+    std::unordered_map<TipprmiOID, std::uint32_t, HashOfText> byOid_;
+    /** The others of identifiers that several objects have. */
+    std::unordered_map<TipprmiOID, IdsInOrder, HashOfText> further_;
 };
