@@ -1,19 +1,26 @@
 #include <cstring>
-#include <iterator>
-#include <tuple>
+#include <functional>
+#include <string_view>
 
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
 
-bool TreflectObjectStubContainer::Before::operator()(Key const& a, Key const& b) const {
-    if (!samePlace(a, b))
-        return std::tie(a.ns, a.internalOid, a.orb) < std::tie(b.ns, b.internalOid, b.orb);
-    char const* const left = a.oid.getIdString();
-    char const* const right = b.oid.getIdString();
-    if (!left || !right)
-        return !left && right;
-    return std::strcmp(left, right) < 0;
+namespace {
+
+/** Takes out the one entry that leads from `key` to `stub`; false when there is none. */
+template <class Table, class Key>
+bool eraseFrom(Table& table, Key const& key, TreflectObjectStub const* stub) {
+    auto const range = table.equal_range(key);
+    for (auto at = range.first; at != range.second; ++at) {
+        if (at->second == stub) {
+            table.erase(at);
+            return true;
+        }
+    }
+    return false;
 }
+
+}  // namespace
 
 // Stubs without identifier are all of NSID_UNIT, whatever the location said that they were made of.
 TreflectObjectStubContainer::Key TreflectObjectStubContainer::keyOf(
@@ -25,70 +32,60 @@ TreflectObjectStubContainer::Key TreflectObjectStubContainer::keyOf(
             TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT)};
 }
 
-bool TreflectObjectStubContainer::samePlace(Key const& a, Key const& b) {
-    return a.ns == b.ns && a.internalOid == b.internalOid && a.orb == b.orb;
+std::size_t TreflectObjectStubContainer::hashOf(Key const& key) {
+    constexpr std::size_t kFactor = 31;
+    std::size_t const place =
+        (key.internalOid * kFactor + key.orb.value()) * kFactor + static_cast<std::size_t>(key.ns);
+    char const* const text = key.internalOid == 0 ? key.oid.getIdString() : nullptr;
+    return text ? place ^ std::hash<std::string_view>()(text) : place;
+}
+
+bool TreflectObjectStubContainer::answersTo(TreflectObjectStub const& stub, Key const& key) {
+    Key const own = keyOf(stub);
+    if (own.ns != key.ns || own.internalOid != key.internalOid || own.orb != key.orb)
+        return false;
+    bool const bothNamed = own.oid.getIdString() && key.oid.getIdString();
+    return bothNamed ? own.oid == key.oid : key.internalOid != 0;
+}
+
+bool TreflectObjectStubContainer::comesBefore(TreflectObjectStub const& a,
+                                              TreflectObjectStub const& b) {
+    char const* const left = a.oid().getIdString();
+    char const* const right = b.oid().getIdString();
+    if (!left || !right)
+        return !left && right;
+    return std::strcmp(left, right) < 0;
 }
 
 void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
     if (!stub)
         return;
-    stubs_.emplace(keyOf(*stub), stub);
+    stubs_.emplace(hashOf(keyOf(*stub)), stub);
     stub->filedServer_ = stub->getServer();
     if (stub->filedServer_)
         local_.emplace(stub->filedServer_, stub);
 }
 
 bool TreflectObjectStubContainer::erase(TreflectObjectStub* stub) {
-    auto const at = position(stub);
-    if (at == stubs_.end())
+    if (!stub || !eraseFrom(stubs_, hashOf(keyOf(*stub)), stub))
         return false;
-    stubs_.erase(at);
     if (stub->filedServer_)
-        local_.erase({stub->filedServer_, stub});
+        eraseFrom(local_, stub->filedServer_, stub);
     stub->filedServer_ = nullptr;
     return true;
-}
-
-TreflectObjectStubContainer::Stubs::iterator TreflectObjectStubContainer::position(
-    TreflectObjectStub* stub) {
-    if (!stub)
-        return stubs_.end();
-    auto const range = stubs_.equal_range(keyOf(*stub));
-    for (auto at = range.first; at != range.second; ++at) {
-        if (at->second == stub)
-            return at;
-    }
-    return stubs_.end();
 }
 
 TreflectObjectStub* TreflectObjectStubContainer::find(
     TreflectObjectLocationIf const& location) const {
     Key const key = keyOf(location);
-    bool const named = key.oid.getIdString() != nullptr;
-    if (key.internalOid != 0) {
-        Key unnamed = key;
-        unnamed.oid.setIdString(nullptr);
-        auto const from = stubs_.lower_bound(unnamed);
-        auto to = stubs_.upper_bound(unnamed);
-        // Any stub of the place is equivalent to a location without identifier.
-        while (!named && to != stubs_.end() && samePlace(to->first, key))
-            ++to;
-        if (TreflectObjectStub* const stub = firstValid(from, to))
-            return stub;
+    TreflectObjectStub* found = nullptr;
+    auto const range = stubs_.equal_range(hashOf(key));
+    for (auto at = range.first; at != range.second; ++at) {
+        TreflectObjectStub* const stub = at->second;
+        if (stub->isValid() && answersTo(*stub, key) && (!found || comesBefore(*stub, *found)))
+            found = stub;
     }
-    if (!named)
-        return nullptr;
-    auto const range = stubs_.equal_range(key);
-    return firstValid(range.first, range.second);
-}
-
-TreflectObjectStub* TreflectObjectStubContainer::firstValid(Stubs::const_iterator from,
-                                                            Stubs::const_iterator to) const {
-    for (; from != to; ++from) {
-        if (from->second->isValid())
-            return from->second;
-    }
-    return nullptr;
+    return found;
 }
 
 void TreflectObjectStubContainer::invalidateStubs(TreflectOrbId const& orb) {
@@ -99,7 +96,7 @@ void TreflectObjectStubContainer::invalidateStubs(TreflectOrbId const& orb) {
 }
 
 void TreflectObjectStubContainer::invalidateStubs(TipprmiObjectSkeleton const* server) {
-    for (auto at = local_.lower_bound({server, nullptr}); at != local_.end() && at->first == server;
-         ++at)
+    auto const range = local_.equal_range(server);
+    for (auto at = range.first; at != range.second; ++at)
         at->second->setInvalid();
 }

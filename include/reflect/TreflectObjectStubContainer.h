@@ -1,8 +1,7 @@
 #pragma once
 
-#include <map>
-#include <set>
-#include <utility>
+#include <cstddef>
+#include <unordered_map>
 
 #include "ipprmi/TipprmiOID.h"
 #include "oswrap/Export.h"
@@ -17,10 +16,9 @@ class TreflectObjectStub;
  * A stub is taken out before what it is filed under changes, and put in again afterwards. No lock:
  * used under the run permission.
  *
- * The order of locations is not transitive where named and unnamed ones of one object meet, so it
- * cannot be a key. The key here is the place (namespace, internal id, broker); stubs of one place
- * stand together, those without identifier first, then by identifier, and a search by the order of
- * locations looks at the one or the other part of them.
+ * Locations are equivalent by place (namespace, internal id, broker) and, when both have one, by
+ * identifier: a relation that is not transitive, so it cannot be that of a key. Stubs are found by
+ * their place alone; those of one place are few.
  */
 class REFLECTORB_API TreflectObjectStubContainer {
 public:
@@ -43,18 +41,19 @@ private:
         TreflectOrbId orb;
         TipprmiOID oid;  // its text is null for a stub without identifier
     };
-    struct Before {
-        bool operator()(Key const& a, Key const& b) const;
-    };
-    using Stubs = std::multimap<Key, TreflectObjectStub*, Before>;
+    // By the hash of the place, and of the identifier for what has not been found yet, since all
+    // that share one place.
+    using Stubs = std::unordered_multimap<std::size_t, TreflectObjectStub*>;
+    using LocalStubs = std::unordered_multimap<TipprmiObjectSkeleton const*, TreflectObjectStub*>;
 
     static Key keyOf(TreflectObjectLocationIf const& location);
-    static bool samePlace(Key const& a, Key const& b);
-    TreflectObjectStub* firstValid(Stubs::const_iterator from, Stubs::const_iterator to) const;
-    Stubs::iterator position(TreflectObjectStub* stub);
+    static std::size_t hashOf(Key const& key);
+    static bool answersTo(TreflectObjectStub const& stub, Key const& key);
+    /** Those without identifier come first, then by identifier. */
+    static bool comesBefore(TreflectObjectStub const& a, TreflectObjectStub const& b);
 
     // Both guarded by the run permission.
     Stubs stubs_;
     // Those of local objects once more, so that the end of an object finds them at once.
-    std::set<std::pair<TipprmiObjectSkeleton const*, TreflectObjectStub*>> local_;
+    LocalStubs local_;
 };
