@@ -20,7 +20,8 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
     TreflectObject handle;
     handle.share_(*object.getClient());
     MetaData& record = getMetaData(classId);
-    record.objects.insert(&object);
+    if (record.objects.insert(&object).second)
+        ++object.announcements_;
     gotCreation(classId, handle);
     std::set<TreflectOrbId> told;
     publish_(TreflectMessage::tOCN, classId, handle, record.remoteCreationObservers, told);
@@ -38,8 +39,8 @@ bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject cons
     while (publish_(TreflectMessage::tODN, classId, handle, record.remoteDeletionObservers, told)) {
     }
     // Another object may have its address by now.
-    if (handle.getServer() == &object)
-        record.objects.erase(&object);
+    if (handle.getServer() == &object && record.objects.erase(&object) != 0)
+        --object.announcements_;
     return true;
 }
 
@@ -99,6 +100,10 @@ void TreflectORB::forgetBroker_(TreflectOrbId const& orb) {
 }
 
 void TreflectORB::forgetObject_(TreflectServerObject const& object) {
+    // There may be many classes to look through, and most objects say themselves when they go.
+    if (object.announcements_ == 0)
+        return;
+    object.announcements_ = 0;
     for (auto const& instance : singletonInstances_) {
         TreflectORB const* const orb = instance.load(std::memory_order_acquire);
         if (!orb)

@@ -113,6 +113,8 @@ protected:
                TipprmiStream& out, Result (Server::*method)(Parameters...) const);
 
 private:
+    friend class TreflectORB;
+
     static constexpr std::size_t kShortNameSize = 16;  // with its NUL
 
     bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
@@ -132,6 +134,8 @@ private:
     std::unique_ptr<char[]> longName_;  // only for a name that does not fit above
     TreflectObject parent_;
     mutable std::unique_ptr<std::map<std::string, TreflectObject>> children_;  // made when needed
+    // In how many classes a broker has it among the objects that have been announced.
+    mutable unsigned int announcements_ = 0;
 };
 
 template <class Server, class Result, class... Parameters>
