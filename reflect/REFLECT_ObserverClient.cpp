@@ -17,10 +17,10 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
                                     bool& alive) const {
     // Anything may have been registered as an observer; what is none does not answer a request.
     TipprmiObjectSkeleton* const server = getServer();
-    auto* const observer =
-        server ? dynamic_cast<TreflectObserverSkeleton*>(server->reflective()) : nullptr;
-    if (observer)
-        return observer->notify(source, cc, mc, arguments, alive);
+    TreflectServerObject* const object = server ? server->reflective() : nullptr;
+    if (object && object->isObserver())
+        return static_cast<TreflectObserverSkeleton*>(object)->notify(source, cc, mc, arguments,
+                                                                      alive);
     TreflectObjectStub* const stub = getStub_();
     if (!stub)
         return false;

@@ -15,9 +15,12 @@ TreflectObserverSkeleton::TreflectObserverSkeleton(TipprmiOID const& oid,
                                                    std::string const& name)
     : TreflectServerObject(oid, parent, name) {
     client_.reset();
+    setObserver(true);
 }
 
-TreflectObserverSkeleton::~TreflectObserverSkeleton() = default;
+TreflectObserverSkeleton::~TreflectObserverSkeleton() {
+    setObserver(false);
+}
 
 unsigned int TreflectObserverSkeleton::getServerClassId() const {
     return kClassId;

@@ -1,3 +1,4 @@
+#include <deque>
 #include <exception>
 #include <vector>
 
@@ -11,16 +12,14 @@ class TreflectObservable::Told {
 public:
     Told(Observers const& observers, Key const& key) {
         auto const range = observers.equal_range(key);
-        for (auto at = range.first; at != range.second; ++at) {
-            clients_.emplace_back(std::make_unique<TreflectObserverClient>());
-            clients_.back()->share_(at->second);
-        }
+        for (auto at = range.first; at != range.second; ++at)
+            clients_.emplace_back().share_(at->second);
     }
 
-    std::vector<std::unique_ptr<TreflectObserverClient>> const& clients() const { return clients_; }
+    std::deque<TreflectObserverClient> const& clients() const { return clients_; }
 
 private:
-    std::vector<std::unique_ptr<TreflectObserverClient>> clients_;
+    std::deque<TreflectObserverClient> clients_;  // none is ever copied, which might search
 };
 
 TreflectObservable::Life::Life(TreflectObservable const& observable)
@@ -100,10 +99,10 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
     Told const told(*observers, {cc, mc});
     bool agreed = true;
     std::vector<TreflectObserverClient const*> unreached;
-    for (auto const& client : told.clients()) {
+    for (TreflectObserverClient const& client : told.clients()) {
         bool answer = false;
-        if (!tell(*client, source, cc, mc, arguments, answer))
-            unreached.push_back(client.get());
+        if (!tell(client, source, cc, mc, arguments, answer))
+            unreached.push_back(&client);
         else if (!answer)
             agreed = false;
     }

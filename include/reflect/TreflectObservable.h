@@ -73,7 +73,7 @@ private:
 
     static bool available(std::unique_ptr<Observers> const& observers, unsigned int cc,
                           unsigned int mc) {
-        return observers && observers->count({cc, mc}) != 0;
+        return observers && observers->find({cc, mc}) != observers->end();
     }
     /** False when the observer was not reached; `answer` is then of no account. */
     static bool tell(TreflectObserverClient const& client, TreflectObject const& source,

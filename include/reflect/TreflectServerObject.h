@@ -97,7 +97,12 @@ public:
     TipprmiSequence<unsigned int, 0u> getClassIds() const;
     char const* objectName() const { return longName_ ? longName_.get() : shortName_; }
 
+    /** Whether this is an observer, a TreflectObserverSkeleton. */
+    bool isObserver() const { return observes_; }
+
 protected:
+    /** Says whether this is an observer; for TreflectObserverSkeleton only. */
+    void setObserver(bool observes) { observes_ = observes; }
     /**
      * Serves a call by a member function, as TipprmiObjectSkeleton::serve does, and lets the call
      * be observed. `declaring` is the class that has the operation in its tables; a call whose
@@ -136,6 +141,7 @@ private:
     mutable std::unique_ptr<std::map<std::string, TreflectObject>> children_;  // made when needed
     // In how many classes a broker has it among the objects that have been announced.
     mutable unsigned int announcements_ = 0;
+    bool observes_ = false;
 };
 
 template <class Server, class Result, class... Parameters>
