@@ -1,3 +1,5 @@
+#include <cstdint>
+
 #include "logging/Log.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectAttribute.h"
@@ -163,16 +165,23 @@ TreflectTieds::~TreflectTieds() {
     end(ending);
 }
 
+// Handles lie at multiples of a word; the higher bits spread those that lie regularly.
+std::atomic<unsigned int>& TreflectTieds::countOf(TreflectObject const* object) {
+    auto const address = reinterpret_cast<std::uintptr_t>(object) / sizeof(void*);
+    return counts_[(address ^ address / kGroups) % kGroups];
+}
+
 void TreflectTieds::adoptTied(TreflectObject const* object,
                               OSWrap::SmartPointer<TiedBase> const& tied) {
     OSWrap::Lock<> const lock(mutex_);
     tieds_.emplace(object, tied);
-    count_.store(tieds_.size(), std::memory_order_relaxed);
+    countOf(object).fetch_add(1, std::memory_order_relaxed);
 }
 
 // Ended after unlocking, since that can come back here.
 void TreflectTieds::destroyTieds(TreflectObject const* object) {
-    if (count_.load(std::memory_order_relaxed) == 0)
+    std::atomic<unsigned int>& count = countOf(object);
+    if (count.load(std::memory_order_relaxed) == 0)
         return;
     Tieds ending;
     {
@@ -180,7 +189,7 @@ void TreflectTieds::destroyTieds(TreflectObject const* object) {
         auto const range = tieds_.equal_range(object);
         for (auto tied = range.first; tied != range.second;)
             ending.insert(ending.end(), tieds_.extract(tied++));
-        count_.store(tieds_.size(), std::memory_order_relaxed);
+        count.fetch_sub(static_cast<unsigned int>(ending.size()), std::memory_order_relaxed);
     }
     end(ending);
 }

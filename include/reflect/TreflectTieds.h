@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <map>
@@ -42,9 +43,15 @@ private:
     /** Lets go of all that was taken out. */
     static void end(Tieds& ending);
 
+    static constexpr std::size_t kGroups = 1024;
+
+    /** The count of the group of handles that this one belongs to. */
+    std::atomic<unsigned int>& countOf(TreflectObject const* object);
+
     OSWrap::Mutex mutex_;
     Tieds tieds_ OSW_GUARDED_BY(mutex_);
-    /** Size of tieds_, changed under mutex_. Read without: a handle that nothing is tied to is
-     * destroyed without the lock, and only the thread that uses a handle ties things to it. */
-    std::atomic<std::size_t> count_{0};
+    /** How many things are tied to the handles of each group, changed under mutex_. Read without:
+     * a handle that nothing is tied to is, as a rule, destroyed without the lock, and only the
+     * thread that uses a handle ties things to it. */
+    std::array<std::atomic<unsigned int>, kGroups> counts_{};
 };
