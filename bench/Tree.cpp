@@ -35,7 +35,7 @@ constexpr unsigned int kNodeClass = 0xBE4C4003;
 constexpr std::size_t kWalkedRemotely = 10'000;
 /** Of a figure per object. What grows with the square of their number would grow fourfold from the
  * smaller tree to the larger; caches hold less of the larger one. */
-constexpr double kLargestGrowth = 2.5;
+constexpr double kLargestGrowth = 3;
 
 TreflectMetaClass const nodeMeta("Node", kNodeClass, {}, {});
 
