@@ -103,10 +103,16 @@ double locate(Members& members, std::string const& name) {
     return median(times);
 }
 
+/** Messages that a member has sent since it was last asked, and their answers. */
+double messagesOf(Members& members, std::size_t member) {
+    return 2 * members.ask(member, "sent").first;
+}
+
 /** From the creation of an object by the last member until the last observer is told. */
 void measureCreation(Members& members) {
     std::vector<double> toLast;
     std::vector<double> toAnswers;
+    messagesOf(members, members.size() - 1);
     for (int i = 0; i < kRepeats; ++i) {
         Answer const created = members.ask(members.size() - 1, "create");
         toAnswers.push_back(created.first);
@@ -116,6 +122,7 @@ void measureCreation(Members& members) {
         toLast.push_back(last - created.second);
     }
     report("creation until the last observer is told", median(toLast), "us");
+    report("messages of a creation", messagesOf(members, members.size() - 1) / kRepeats, "");
     report("creation until all have answered", median(toAnswers), "us");
 }
 
@@ -145,11 +152,14 @@ void measure(int count) {
            "us");
     report("search for an object of another process", locate(members, "named"), "us");
     members.ask(0, "locate nowhere");
+    messagesOf(members, 0);
     report("search for an object that is nowhere", locate(members, "nowhere"), "us");
+    report("messages of that", messagesOf(members, 0) / kRepeats, "");
     auto const observing = Clock::now();
     std::vector<Answer> const observed = members.askAll("observe");
     report("all begin to observe a class, until the last has", millisecondsSince(observing), "ms");
     report("of that, one process, average", average(observed, &Answer::first) / 1000, "ms");
+    report("messages of one process for that", messagesOf(members, 0), "");
     measureCreation(members);
     reportFigures(members, "observing each other");
     auto const newcomer = Clock::now();

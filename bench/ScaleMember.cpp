@@ -97,6 +97,8 @@ public:
             create();
         else if (command == "told")
             awaitNotice();
+        else if (command == "sent")
+            countSent();
         else if (command == "figures")
             std::printf("%.0f %.0f %ld", statusFigure("VmRSS:"), statusFigure("Threads:"),
                         descriptors());
@@ -125,6 +127,15 @@ private:
         double const before = now();
         items_.back()->sendCreationEvent(&itemMeta);
         std::printf("%.1f %.1f", now() - before, before);
+    }
+    void countSent() {
+        TreflectORB::PerfCntInfo const info = orb_.getPerfCnts(orb_.termId());
+        unsigned int sent = 0;
+        for (unsigned int i = 0; i < info.counters.getLength(); ++i) {
+            if (info.counters[i].termination != orb_.termId())
+                sent += info.counters[i].sent;
+        }
+        std::printf("%u", sent);
     }
     void awaitNotice() {
         TreflectReleaseHandlerState const outside;

@@ -16,6 +16,7 @@ namespace bench {
  * | observe | microseconds that it took to observe creations in the whole group |
  * | create | microseconds until all observers have answered; the clock before it |
  * | told | the clock at the last notice, once there has been one since the last such question |
+ * | sent | requests that it has sent to others since it was last asked |
  * | figures | resident KiB, threads, descriptors |
  *
  * Clocks are monotonic and count microseconds, the same in all processes.

@@ -83,10 +83,15 @@ function(reflectorb_test name)
     if(CMAKE_CROSSCOMPILING_EMULATOR AND "native" IN_LIST arg_LABELS)
         return()
     endif()
+    # What sleeps for a minute is started first, beside all others.
+    set(cost 0)
+    if("long" IN_LIST arg_LABELS)
+        set(cost 1000)
+    endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${timeout})
+        PROPERTIES TIMEOUT ${timeout} COST ${cost})
     _reflectorb_label_tests(${name} ${folder} ${arg_LABELS})
 endfunction()
 
