@@ -60,14 +60,20 @@ private:
 void TreflectOrbObserver::startWorker(std::shared_ptr<TreflectOrbObserver> const& self) {
     auto* const worker = new Worker(self);
     worker->deleteOnThreadTermination();
-    Guard const lock(self->observersMutex_);
-    if (worker->startQuietly() == 0) {
-        // Its own number is known to the thread alone, which needs this lock to tell.
-        while (self->worker_ == 0)
-            self->observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
+    if (self->startAndAwait(*worker))
         return;
-    }
     delete worker;
+    REFLECTORB_LOG(3, kSource, "OrbObsWorker could not be started");
+}
+
+bool TreflectOrbObserver::startAndAwait(Worker& worker) {
+    Guard const lock(observersMutex_);
+    if (worker.startQuietly() != 0)
+        return false;
+    // Its own number is known to the thread alone, which needs this lock to tell.
+    while (worker_ == 0)
+        observersMutex_.wait(OSWrap::TimeSpec::INFINITETIME);
+    return true;
 }
 
 void TreflectOrbObserver::stopWorker() {

@@ -247,18 +247,17 @@ bool TreflectServerObject::notifyObservers(unsigned int kind, unsigned int const
 }
 
 void TreflectServerObject::sendCreationEvent(TreflectMetaObject const* metaObject) const {
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
-    TreflectHandlerState const handler(true);
-    TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
-    if (!mo)
-        REFLECTORB_LOG(3, "REFLECT_serverObject",
-                       "TreflectServerObject::sendCreationEvent(): no meta object");
-    else if (TreflectORB* const orb = getORB())
-        orb->notifyCreation(mo->getClassId(), *this);
+    announce(metaObject, &TreflectORB::notifyCreation);
 }
 
-// The line of its counterpart, which is what those who search logs for it expect.
 void TreflectServerObject::sendDeletionEvent(TreflectMetaObject const* metaObject) const {
+    announce(metaObject, &TreflectORB::notifyDeletion);
+}
+
+// The line names the creation in both cases, which is what those who search logs for it expect.
+void TreflectServerObject::announce(
+    TreflectMetaObject const* metaObject,
+    bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const {
     OSWrap::DisableCancelStateGuard const notCancelled(true);
     TreflectHandlerState const handler(true);
     TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
@@ -266,5 +265,5 @@ void TreflectServerObject::sendDeletionEvent(TreflectMetaObject const* metaObjec
         REFLECTORB_LOG(3, "REFLECT_serverObject",
                        "TreflectServerObject::sendCreationEvent(): no meta object");
     else if (TreflectORB* const orb = getORB())
-        orb->notifyDeletion(mo->getClassId(), *this);
+        (orb->*notify)(mo->getClassId(), *this);
 }

@@ -53,6 +53,8 @@ private:
     class Notice;
     class Worker;
 
+    /** False when there is no thread to be had. */
+    bool startAndAwait(Worker& worker);
     void handler();
     void appeared();
     bool getAppearance(OrbAppear_t& next);

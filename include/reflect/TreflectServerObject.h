@@ -129,6 +129,9 @@ private:
     void keepName(std::string const& name);
     /** Whether a call with class code `cc` may mean an operation that `declaring` declares. */
     bool concerns(unsigned int cc, unsigned int declaring) const;
+    /** Has the broker tell of this object. */
+    void announce(TreflectMetaObject const* metaObject,
+                  bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const;
     bool refuseForeignCall(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     template <class Result, class... Parameters, class Method>
     bool serveObserved(unsigned int declaring, unsigned int mc, TipprmiStream& in,
