@@ -27,6 +27,17 @@ bool parseMadeUpName(char const* name, unsigned int& orbId, unsigned int& ioid) 
            std::sscanf(name, "rmi_%X_%X", &orbId, &ioid) == 2;
 }
 
+/** An object without an identifier answers to the name that it makes up for itself, of which no
+ * index knows: it tells the id. */
+TipprmiObjectSkeleton* findByMadeUpName(ObjectRegistry const& objects, TipprmiOID const& oid) {
+    unsigned int orbId = 0;
+    unsigned int ioid = 0;
+    if (!parseMadeUpName(oid.getIdString(), orbId, ioid))
+        return nullptr;
+    TipprmiObjectSkeleton* const object = objects.find(ioid);
+    return object && object->getOID() == oid ? object : nullptr;
+}
+
 }  // namespace
 
 bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
@@ -67,7 +78,9 @@ TreflectORB::TreflectObjectLocation TreflectORB::locateObject(TipprmiOID const& 
 
 TreflectORB::TreflectObjectLocation TreflectORB::locateLocalObject_(TipprmiOID const& oid) const {
     TreflectHandlerState const handlerState(true);
-    TipprmiObjectSkeleton* const object = parts_->objects.find(oid);
+    TipprmiObjectSkeleton* object = parts_->objects.find(oid);
+    if (!object)
+        object = findByMadeUpName(parts_->objects, oid);
     return object ? TreflectObjectLocation(object->getInternalOID(), orbId_, object, oid)
                   : nowhere(oid);
 }

@@ -93,9 +93,13 @@ TEST_F(RegistryTest, ofSeveralBrokersTheLastOfTheGroupWins) {
 
 TEST_F(RegistryTest, resolveIsAnsweredForOwnObjectsOnly) {
     Probe probe("here");
+    Probe unnamed("");
     auto const sender = peerWith(0);
     for (auto const& [name, ioid] : std::vector<std::pair<std::string, unsigned int>>{
-             {"here", probe.getInternalOID()}, {"nowhere", 0}}) {
+             {"here", probe.getInternalOID()},
+             {unnamed.getOID().getIdString(), unnamed.getInternalOID()},
+             {"rmi_1020304_ABCD", 0},
+             {"nowhere", 0}}) {
         TipprmiStream request(sender->make(5, TreflectMessage::tResolve, TreflectMessage::kRequest),
                               true);
         request << unit(name);
