@@ -171,9 +171,12 @@ void BrokerLifecycle::awaitCreation() {
 std::shared_ptr<TreflectORB> BrokerLifecycle::create(NamespaceId ns) {
     process_ = getpid();
     static SingletonInstancesRemover const remover;
-    std::shared_ptr<TreflectORB> orb(new (std::nothrow) TreflectORB(ns));
-    if (!orb)
+    std::shared_ptr<TreflectORB> orb;
+    try {
+        orb.reset(new TreflectORB(ns));
+    } catch (std::bad_alloc const&) {  // most of what a broker takes is in its parts
         return nullptr;
+    }
     orb->parts_->self = orb;
     TreflectOrbObserver::startWorker(orb->parts_->presence);
     if (orb->start() != 1)
