@@ -158,6 +158,12 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
                        "ORB 0x%08X forwardMsg message incomplete, not sent (iptr_=%d,size=%d)",
                        termId().value(), request.getDataSize(), request.getDataLimit());
         writeGeneralException(response, 0);
+        // A failed call like any other.
+        CallGate::Visit const visit(parts_->calls);
+        TreflectHandlerState const handlerState(true);
+        PerformanceCounters::Counters& counters = parts_->counters.of(convertId(target));
+        ++counters.sent;
+        ++counters.failed;
         return false;
     }
     request.msg().type(TreflectMessage::tPayload);

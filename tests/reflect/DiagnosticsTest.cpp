@@ -145,6 +145,15 @@ TEST_F(DiagnosticsTest, targetThatIsNotThereLeavesAnEmptyInfoAndAFailure) {
     EXPECT_EQ(info.counters.getLength(), 0u);
     EXPECT_EQ(text(orb().getBrokers().front().info), entry(absent, 1, 1));
     EXPECT_EQ(text(orb().getBrokers().front().info), "") << "started afresh";
+
+    TipprmiStream request(100);
+    TipprmiStream response(100);
+    request.marshall(nullptr, static_cast<int>(Transport::kLargestMessage));
+    EXPECT_FALSE(orb().forwardMsg(orb().convertId(absent), false, request, response));
+    EXPECT_EQ(log_.count(3, "forwardMsg message incomplete, not sent (iptr_=0,size=100)"), 1u);
+    EXPECT_EQ(response.getDataSize(), 12) << "an exception container";
+    EXPECT_EQ(text(orb().getBrokers().front().info), entry(absent, 1, 1))
+        << "a request that did not get all that was written to it";
 }
 
 TEST_F(DiagnosticsTest, groupIsAskedInOrderAndWithoutOneself) {
