@@ -46,7 +46,7 @@ void TreflectObject::connect(TreflectORB const* orb, TipprmiOID const& oid) {
 }
 
 void TreflectObject::connect(TipprmiOID const& oid) {
-    connect(nullptr, oid);
+    TipprmiObjectClient::connect(nullptr, oid);
 }
 
 TipprmiStream& operator>>(TipprmiStream& stream, TreflectObject& value) {
