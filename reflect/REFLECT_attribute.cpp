@@ -22,7 +22,7 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
                 TreflectMetaOperation const& operation, InParamHook const& arguments,
                 TipprmiStream& response) {
     TreflectObjectStub* const stub = object.getStub_();
-    if (!stub)
+    if (!stub || !declaring)
         return false;
     StubInUse const inUse(*stub);
     bool const searches = !stub->isConnected();
@@ -38,18 +38,19 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
                     : object.dispatch(true, cc, mc, request, response);
 }
 
-/** The same for an operation of an attribute: `response` is then about to yield the value, or every
- * read of it fails. */
-void callForValue(TreflectObject const& object, TreflectMetaObject const* declaring,
+/** The same for an operation of an attribute; whether the call went well. `response` is then about
+ * to yield what follows the exception container. */
+bool callForValue(TreflectObject const& object, TreflectMetaObject const* declaring,
                   TreflectMetaOperation const& operation, InParamHook const& arguments,
                   TipprmiStream& response) {
     bool const served = callMember(object, declaring, operation, arguments, response);
     bool const succeeded = static_cast<bool>(readOutcome(response));
-    if (served && succeeded)
-        return;
+    if (served)
+        return succeeded;
     if (succeeded)
         response.clear();
     response.stopUnmarshalling();
+    return false;
 }
 
 }  // namespace
@@ -101,13 +102,13 @@ TreflectOperation& TreflectAttribute::operSet() {
 }
 
 // The class code is that of the class which has the attribute in its tables, even if the operation
-// comes from a base. A response that says nothing, or of a failure, makes every read of it fail.
-void TreflectAttribute::callGet_(TipprmiStream& response) const {
+// comes from a base.
+bool TreflectAttribute::callGet_(TipprmiStream& response) const {
     if (meta_->metaOperGet())
-        callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperGet(),
-                     TipprmiArguments<>(), response);
-    else
-        response.stopUnmarshalling();
+        return callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperGet(),
+                            TipprmiArguments<>(), response);
+    response.stopUnmarshalling();
+    return false;
 }
 
 TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const {
@@ -115,8 +116,8 @@ TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const 
     if (error_ || !meta_->metaOperSet() || ofElement)
         return TipprmiFailure();
     TipprmiStream response(kUsualSize);
-    callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value, response);
-    if (response.hasUnmarshallingFailed())
+    if (!callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value,
+                      response))
         return failureOf_(response);
     return {};
 }

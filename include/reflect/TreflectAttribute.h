@@ -107,8 +107,9 @@ private:
 
     bool hasIndex_() const { return index_ != kNoIndex; }
     Selection selection_() const { return {containerType_, index_, constLength()}; }
-    /** Calls the get operation; `response` is then about to yield the value. */
-    void callGet_(TipprmiStream& response) const;
+    /** Calls the get operation; whether the call went well. `response` is then about to yield the
+     * value, unless nothing came back but a general exception: every read of it fails then. */
+    bool callGet_(TipprmiStream& response) const;
     /** Calls the set operation, if there is one that takes the value as a whole. */
     TipprmiResult<void> callSet_(InParamHook const& value) const;
     /** Why the call that was answered by `response` failed. */
@@ -149,11 +150,13 @@ int TreflectAttribute::get(T& value) const {
         return error;
     Selection const selected = selection_();
     TipprmiStream response(kUsualSize);
-    callGet_(response);
+    bool const succeeded = callGet_(response);
     if constexpr (std::is_base_of_v<TreflectObject, T>) {
         decode_(selected, response, value);
         return 0;
     } else {
+        if (!succeeded)
+            return error;
         T decoded = value;
         decode_(selected, response, decoded);
         if (response.hasUnmarshallingFailed())
@@ -169,7 +172,8 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
         return TipprmiFailure();
     Selection const selected = selection_();
     TipprmiStream response(kUsualSize);
-    callGet_(response);
+    if (!callGet_(response))
+        return failureOf_(response);
     T value{};
     decode_(selected, response, value);
     if (response.hasUnmarshallingFailed())

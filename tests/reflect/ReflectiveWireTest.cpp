@@ -219,6 +219,32 @@ TEST_F(ReflectiveWire, HandleRegistersAndRemovesObservers) {
     EXPECT_EQ(log_.count("Unmarshall error"), 0u);
 }
 
+TEST_F(ReflectiveWire, HandleReadsAttributesUnderTheClassThatHasThem) {
+    held([&] {
+        std::string const another = wire::handle(7, peerId());
+        TreflectMetaOperation const get("getNext", &deviceMeta, 9);
+        TreflectMetaAttribute const next("Next", &gaugeMeta, &get, nullptr);
+        TreflectObject const object = far("");
+        TreflectAttribute const& attribute = *next.getTied(&object);
+        TreflectObject found;
+        unsigned int length = 0;
+        answerWith(ok_ + another);
+        EXPECT_EQ(attribute.get(found), 0);
+        EXPECT_EQ(nextCall(), call(gauge::kClass, 9));
+        EXPECT_EQ(found, wire::handleFrom(another));
+        answerWith(bare("00000001 00000004 0000002A") + another);
+        EXPECT_EQ(attribute.get(found), 0);
+        EXPECT_FALSE(found.isConnected());
+        EXPECT_EQ(attribute.fetch<TreflectObject>().code(), 42u);
+        // Results may stand behind an exception of a type of the object's own.
+        answerWith(bare("00000007 00000000") + another);
+        EXPECT_EQ(attribute.get(found), 0);
+        EXPECT_EQ(found, wire::handleFrom(another));
+        EXPECT_EQ(attribute.get(length), TreflectAttribute::error);
+        EXPECT_FALSE(attribute.fetch<TreflectObject>());
+    });
+}
+
 TEST_F(ReflectiveWire, HandleTakesDefaultsOfAnswersThatBreakOff) {
     std::string const bad[]{"",
                             bare("00000000"),
