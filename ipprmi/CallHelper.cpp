@@ -1,4 +1,6 @@
 #include "ipprmi/CallHelper.h"
+
+#include "ipprmi/BigEndian.h"
 // Whether the caller has the run permission is asked of the broker, calls leave through stubs, and
 // observers stand with the server object.
 #include "reflect/StubInUse.h"
@@ -24,6 +26,15 @@ void callRemote(ClientCallHookBaseV const& hook, InParamHook const& in, OutParam
     out.unmarshall(response);
     if (response.hasUnmarshallingFailed())
         response.printUnmarshallError(cc, mc);
+}
+
+/** Whether a response begins with a whole exception container: type, length and that many bytes. */
+bool beginsWithContainer(TipprmiStream const& response) {
+    constexpr int kTypeSize = 4;
+    constexpr int kHeadSize = kTypeSize + 4;
+    int const rest = response.getDataSize() - kHeadSize;
+    return rest >= 0 &&
+           static_cast<int>(ipprmi::loadBigEndian(response.getDataPtr() + kTypeSize)) <= rest;
 }
 
 bool isObserved(TreflectServerObject const& server, unsigned int cc, unsigned int mc) {
@@ -52,8 +63,9 @@ ClientCallHookBaseV::~ClientCallHookBaseV() = default;
 
 void ClientCallHookBaseV::insertResult(TipprmiSequence<TipprmiAny, 0u>&) const {}
 
+// A container that is cut off has been reported by whoever read the response, and tells nothing.
 void ClientCallHookBaseV::evaluateResponse(TipprmiStream& response) const {
-    if (response.empty()) {
+    if (!beginsWithContainer(response)) {
         exception_ = TipprmiExceptionContainer();
         return;
     }

@@ -13,7 +13,8 @@ public:
     virtual ~ClientCallHookBaseV();
     /** Performs the call on the object in this process. */
     virtual void callServer(TreflectServerObject& server) const = 0;
-    /** Appends the call's in-parameters, for observers. */
+    /** Puts in the call's in-parameters, for observers. `params` comes with one empty element,
+     * which is to be filled or dropped. */
     virtual void fillParams(TipprmiSequence<TipprmiAny, 0u>& params) const = 0;
     /** Appends the call's results, for observers. The default appends nothing. */
     virtual void insertResult(TipprmiSequence<TipprmiAny, 0u>& params) const;
@@ -26,7 +27,8 @@ public:
      */
     virtual void evaluateResponse(TipprmiStream& response) const;
 
-    /** The container of the last response, of type 0 when the call succeeded. */
+    /** The container of the last response, of type 0 when the call succeeded or when the response
+     * breaks off inside its container. */
     TipprmiExceptionContainer const& exception() const { return exception_; }
 
 private:

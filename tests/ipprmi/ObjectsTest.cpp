@@ -15,7 +15,7 @@ namespace {
 using testsupport::LogCapture;
 
 constexpr unsigned int kClass = 0xC1A55;
-enum Method : unsigned int { kJoin = 1, kRefuse = 2, kNothing = 3, kGiveUp = 4 };
+enum Method : unsigned int { kJoin = 1, kRefuse = 2, kNothing = 3, kBreakOff = 4 };
 
 TipprmiOID named(char const* text) {
     return TipprmiOID(text, NSID_UNIT);
@@ -39,6 +39,9 @@ public:
                 return serve(cc, mc, in, out, &Server::refuse);
             case kNothing:
                 return serve(cc, mc, in, out, &Server::nothing);
+            case kBreakOff:
+                out << TipprmiGeneralException::getExceptionClassType();
+                return true;
             default:
                 return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
@@ -333,7 +336,7 @@ TEST_F(ObjectsTest, AServerMayRefuseWithACodeOfItsOwn) {
 TEST_F(ObjectsTest, ArgumentsAndResultsThatCannotBeReadAreFailures) {
     Server server(named("call.unreadable"));
     TipprmiObjectClient const client(&server);
-    LogCapture const log;
+    LogCapture log;
     EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kRefuse).code(),
               TipprmiFailure::kNotServed);
     EXPECT_EQ(server.calls, 0) << "a function is not called with half its arguments";
@@ -341,6 +344,10 @@ TEST_F(ObjectsTest, ArgumentsAndResultsThatCannotBeReadAreFailures) {
     EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kNothing).code(),
               TipprmiFailure::kUnreadable);
     EXPECT_EQ(tipprmiCall<void>(client, kClass, 99).code(), TipprmiFailure::kNotServed);
+
+    log.clear();
+    EXPECT_EQ(tipprmiCall<void>(client, kClass, kBreakOff).code(), TipprmiFailure::kUnreadable);
+    EXPECT_EQ(log.count(3, "out of bounds"), 1u) << "the same bytes are reported once";
 }
 
 }  // namespace
