@@ -28,4 +28,5 @@
 #include "reflect/TreflectParameterType.h"
 #include "reflect/TreflectParameters.h"
 #include "reflect/TreflectServerObject.h"
+#include "reflect/TreflectSkeleton.h"
 #include "reflect/TreflectTieds.h"

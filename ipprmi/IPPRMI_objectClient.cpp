@@ -83,6 +83,11 @@ TipprmiObjectSkeleton* TipprmiObjectClient::getServer() const {
     return stub_ ? stub_->getServer() : nullptr;
 }
 
+TipprmiOID TipprmiObjectClient::identifier() const {
+    TreflectHandlerState const handler(true);
+    return stub_ && !TreflectObjectHandler::isOfNothing(stub_) ? stub_->getOID() : noOid();
+}
+
 bool TipprmiObjectClient::isConnected() const {
     // So that what is caught below is an exception and never a cancellation on its way.
     OSWrap::DisableCancelStateGuard const notCancelled(true);

@@ -16,6 +16,10 @@ TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject
     : TipprmiObjectSkeleton(nullptr, oid) {
     TreflectHandlerState const handler(true);
     keepName(name);
+    if (name.find('/') != std::string::npos)
+        REFLECTORB_LOG(3, "REFLECT_serverObject",
+                       "name \"%s\" has a \"/\": no absolute name leads to this object",
+                       name.c_str());
     setReflective(this);
     client_.reset();
     if (parent) {

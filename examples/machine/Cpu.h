@@ -10,17 +10,11 @@
 #include "WatchedPart.h"
 
 /** A processor, seen by its server object: the calls arrive at the pure functions. */
-class CpuSkeleton : public WatchedPartSkeleton {
+class CpuSkeleton : public TreflectSkeleton<cpuMeta, WatchedPartSkeleton> {
 public:
-    using WatchedPartSkeleton::WatchedPartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual unsigned int getLoad() = 0;
-
-    // What the object answers when it is asked for its class.
-    unsigned int getServerClassId() const override { return cpu::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return cpuMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -30,7 +24,7 @@ public:
             default:
                 // The methods of the bases, those that every object has, and the answer to those
                 // that none has.
-                return WatchedPartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

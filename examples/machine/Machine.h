@@ -26,17 +26,12 @@ inline TipprmiOID partId(std::string const& kind, std::string const& name) {
 }
 }  // namespace machine
 
-class MachineSkeleton : public PartSkeleton {
+class MachineSkeleton : public TreflectSkeleton<machineMeta, PartSkeleton> {
 public:
-    using PartSkeleton::PartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual std::string getHost() = 0;
     virtual Names parts(std::string const& kind) = 0;
-
-    unsigned int getServerClassId() const override { return machine::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return machineMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -46,7 +41,7 @@ public:
             case machine::kParts:
                 return serve(machine::kClass, cc, mc, in, out, &MachineSkeleton::parts);
             default:
-                return PartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

@@ -4,17 +4,12 @@
 #include "ByteCount.h"
 #include "WatchedPart.h"
 
-class MemorySkeleton : public WatchedPartSkeleton {
+class MemorySkeleton : public TreflectSkeleton<memoryMeta, WatchedPartSkeleton> {
 public:
-    using WatchedPartSkeleton::WatchedPartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual ByteCount getTotal() = 0;
     virtual ByteCount getFree() = 0;
-
-    unsigned int getServerClassId() const override { return memory::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return memoryMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -24,7 +19,7 @@ public:
             case memory::kGetFree:
                 return serve(memory::kClass, cc, mc, in, out, &MemorySkeleton::getFree);
             default:
-                return WatchedPartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

@@ -4,17 +4,12 @@
 #include "ByteCount.h"
 #include "Part.h"
 
-class NetworkInterfaceSkeleton : public PartSkeleton {
+class NetworkInterfaceSkeleton : public TreflectSkeleton<networkInterfaceMeta, PartSkeleton> {
 public:
-    using PartSkeleton::PartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual ByteCount getReceivedBytes() = 0;
     virtual ByteCount getSentBytes() = 0;
-
-    unsigned int getServerClassId() const override { return network::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return networkInterfaceMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -26,7 +21,7 @@ public:
                 return serve(network::kClass, cc, mc, in, out,
                              &NetworkInterfaceSkeleton::getSentBytes);
             default:
-                return PartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

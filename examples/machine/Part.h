@@ -7,16 +7,11 @@
 
 #include "MachineClasses.h"
 
-class PartSkeleton : public TreflectServerObject {
+class PartSkeleton : public TreflectSkeleton<partMeta> {
 public:
-    using TreflectServerObject::TreflectServerObject;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual std::string getDescription() = 0;
-
-    unsigned int getServerClassId() const override { return part::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return partMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -24,7 +19,7 @@ public:
             case part::kGetDescription:
                 return serve(part::kClass, cc, mc, in, out, &PartSkeleton::getDescription);
             default:
-                return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

@@ -9,7 +9,7 @@
 namespace {
 
 std::string identifierOf(TreflectObject const& object) {
-    return object.getStub_()->getOID().getIdString();
+    return object.identifier().getIdString();
 }
 
 }  // namespace

@@ -4,17 +4,12 @@
 #include "ByteCount.h"
 #include "Part.h"
 
-class ProcessSkeleton : public PartSkeleton {
+class ProcessSkeleton : public TreflectSkeleton<processMeta, PartSkeleton> {
 public:
-    using PartSkeleton::PartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual unsigned int getPid() = 0;
     virtual ByteCount getResident() = 0;
-
-    unsigned int getServerClassId() const override { return process::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return processMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -24,7 +19,7 @@ public:
             case process::kGetResident:
                 return serve(process::kClass, cc, mc, in, out, &ProcessSkeleton::getResident);
             default:
-                return PartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

@@ -4,18 +4,13 @@
 #include "Alarm.h"
 #include "Part.h"
 
-class WatchedPartSkeleton : public PartSkeleton {
+class WatchedPartSkeleton : public TreflectSkeleton<watchedPartMeta, PartSkeleton> {
 public:
-    using PartSkeleton::PartSkeleton;
+    using TreflectSkeleton::TreflectSkeleton;
 
     virtual AlarmState getAlarm() = 0;
     virtual unsigned int getAlarmLimit() = 0;
     virtual TipprmiResult<void> setAlarmLimit(unsigned int percent) = 0;
-
-    unsigned int getServerClassId() const override { return watched::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return watchedPartMeta.classIds();
-    }
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -27,7 +22,7 @@ public:
             case watched::kSetAlarmLimit:
                 return serve(watched::kClass, cc, mc, in, out, &WatchedPartSkeleton::setAlarmLimit);
             default:
-                return PartSkeleton::dispatch(withResponse, cc, mc, in, out);
+                return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
     }
 };

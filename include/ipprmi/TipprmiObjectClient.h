@@ -51,6 +51,9 @@ public:
     /** The object itself when it lives in this process, else null. */
     virtual TipprmiObjectSkeleton* getServer() const;
 
+    /** The object's identifier, or, of an object without one, the name by which its broker finds it
+     * all the same. Without a text for a handle on nothing. Asks nobody. */
+    TipprmiOID identifier() const;
     /** Whether the object has been found and, as far as is known, is still there. */
     bool isConnected() const;
     TreflectObjectStub* getStub_() const { return stub_; }

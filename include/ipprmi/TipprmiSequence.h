@@ -30,6 +30,11 @@ public:
     }
     void push_back(T const& value) { elements_.push_back(value); }
 
+    T* begin() { return elements_.data(); }
+    T* end() { return elements_.data() + elements_.size(); }
+    T const* begin() const { return elements_.data(); }
+    T const* end() const { return elements_.data() + elements_.size(); }
+
 private:
     std::vector<T> elements_;
 };

@@ -44,6 +44,8 @@ public:
     void invalidateStubs(TreflectOrbId const& orb);
     /** Makes every stub that leads to `server` invalid, if there are stubs at all. */
     static void invalidateStubsOf(TipprmiObjectSkeleton const* server);
+    /** Whether it is the stub of no object, which never becomes one of an object. */
+    static bool isOfNothing(TreflectObjectStub const* stub);
 
 private:
     friend class TreflectObjectStub;
@@ -53,8 +55,6 @@ private:
     /** Where the broker of a namespace finds an object; nowhere when that place has gone since. The
      * caller has the run permission and keeps it until the answer is in the table. */
     static TreflectORB::TreflectObjectLocation search(TipprmiOID const& oid, NamespaceId asked);
-    /** Whether it is the stub of no object, which never becomes one of an object. */
-    static bool isOfNothing(TreflectObjectStub const* stub);
     /** For a stub that changes: takes it out of the table and answers whether it was in. */
     static bool takeOut(TreflectObjectStub* stub);
     static void putBack(TreflectObjectStub* stub);

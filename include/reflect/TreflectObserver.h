@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include "reflect/TreflectObserverSkeleton.h"
 
 /**
@@ -34,6 +36,20 @@ public:
 
     /** What the call was given (before it) or gave (after it). */
     TipprmiSequence<TipprmiAny, 0u> const& arguments() const { return arguments_; }
+    /** The argument, or result, at `index` as a T: true. False, and `value` as it was, when there
+     * is none or it cannot be read as one. */
+    template <class T>
+    bool argument(unsigned int index, T& value) const {
+        if (index >= arguments_.getLength())
+            return false;
+        TipprmiAny encoded = arguments_[index];
+        T found{};
+        encoded.extract(found);
+        if (encoded.hasUnmarshallingFailed())
+            return false;
+        value = std::move(found);
+        return true;
+    }
     /** Whether there has been a notification of a call at all. */
     bool notified() const { return notified_; }
 

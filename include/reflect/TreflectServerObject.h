@@ -17,17 +17,13 @@
  * which may reach over processes, tells its classes, and lets its calls be observed. Derived
  * classes serve their own method codes and pass the rest on:
  *
- *     class LampSkeleton : public TreflectServerObject {
+ *     class LampSkeleton : public TreflectSkeleton<lampMeta> {
  *     public:
- *         using TreflectServerObject::TreflectServerObject;
+ *         using TreflectSkeleton::TreflectSkeleton;
  *
  *         virtual unsigned int getLevel() = 0;
  *         virtual void setLevel(unsigned int level) = 0;
  *
- *         unsigned int getServerClassId() const override { return lamp::kClass; }
- *         TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
- *             return lampMeta.classIds();
- *         }
  *         bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
  *                       TipprmiStream& out) override {
  *             switch (mc) {
@@ -36,10 +32,13 @@
  *             case lamp::kSetLevel:
  *                 return serve(lamp::kClass, cc, mc, in, out, &LampSkeleton::setLevel);
  *             default:
- *                 return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
+ *                 return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
  *             }
  *         }
  *     };
+ *
+ * TreflectSkeleton answers for the class; without it a derived class overrides getServerClassId and
+ * getServerClassIdSeq.
  *
  * Build and destroy server objects holding the run permission; everything here runs under it.
  * A derived class calls `sendCreationEvent` when it is built and `sendDeletionEvent` first thing in
@@ -53,7 +52,8 @@ class REFLECTORB_API TreflectServerObject : public TipprmiObjectSkeleton,
                                             public TreflectObservable {
 public:
     /** Joins the broker of `oid`'s namespace and, when there is a parent, enters the object among
-     * its children; `name` has no "/". The parent is waited for if it lives in another process. */
+     * its children. The parent is waited for if it lives in another process. A name with "/" in it
+     * is reported at level 3: no absolute name leads to the object. */
     TreflectServerObject(TipprmiOID const& oid, TreflectObject const* parent,
                          std::string const& name);
     /** Leaves broker and parent. */

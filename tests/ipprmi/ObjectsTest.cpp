@@ -151,6 +151,7 @@ TEST_F(ObjectsTest, AClientWithoutObjectFailsAndComparesEqual) {
     EXPECT_TRUE(nothing == nothingElse);
     EXPECT_FALSE(nothing.isConnected());
     EXPECT_EQ(nothing.getServer(), nullptr);
+    EXPECT_EQ(nothing.identifier().getIdString(), nullptr);
     TipprmiResult<unsigned int> const result = tipprmiCall<unsigned int>(nothing, kClass, kRefuse);
     EXPECT_FALSE(result);
     EXPECT_EQ(result.code(), TipprmiFailure::kNotServed);
@@ -161,6 +162,7 @@ TEST_F(ObjectsTest, HandlesShareTheirStubAndLetGoOfIt) {
     TipprmiObjectClient const byName(named("client.shared"));
     TreflectObjectStub const* const stub = byName.getStub_();
     EXPECT_EQ(stub->refCount(), 1);
+    EXPECT_EQ(byName.identifier(), named("client.shared"));
     {
         TipprmiObjectClient const copy(byName);
         TipprmiObjectClient assigned;
@@ -212,7 +214,8 @@ TEST_F(ObjectsTest, AnUnnamedObjectTravelsWithAnEmptyNameAndIsFoundAgain) {
     TipprmiObjectClient read;
     stream >> read;
     EXPECT_EQ(read.getServer(), &server);
-    TipprmiObjectClient const byMadeUpName(server.getOID());
+    EXPECT_EQ(read.identifier(), server.getOID());
+    TipprmiObjectClient const byMadeUpName(read.identifier());
     EXPECT_EQ(byMadeUpName.getServer(), &server);
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "WireBytes.h"
 #include "ipprmi/CallHelper.h"
 #include "ipprmi/TipprmiException.h"
@@ -121,6 +123,9 @@ TEST(Sequence, IsACountAndItsElements) {
     EXPECT_EQ(7u, numbers[5]) << "an index out of range yields the first";
     numbers.setLength(3);
     EXPECT_EQ(0u, numbers[2]);
+    for (unsigned int& number : numbers)
+        ++number;
+    EXPECT_EQ(18u, std::accumulate(numbers.begin(), numbers.end(), 0u) - numbers[2]);
 
     TipprmiSequence<TipprmiAny, 0u> anys;
     anys.setLength(2);

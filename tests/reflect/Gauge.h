@@ -37,16 +37,12 @@ private:
     std::unique_ptr<unsigned int> const class_ = std::make_unique<unsigned int>(0x4E0DE);
 };
 
-class Gauge : public TreflectServerObject {
+class Gauge : public TreflectSkeleton<gaugeMeta> {
 public:
     explicit Gauge(std::string const& name, TreflectObject const* parent = nullptr)
-        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), parent, name) {}
+        : TreflectSkeleton(TipprmiOID(name, NSID_UNIT), parent, name) {}
     ~Gauge() override { ended = true; }
 
-    unsigned int getServerClassId() const override { return gauge::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return gaugeMeta.classIds();
-    }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         switch (mc) {
@@ -106,12 +102,8 @@ public:
         ++told;
         sourceNames.push_back(getSource()->getRelName());
         values.clear();
-        for (unsigned int i = 0; i < arguments().getLength(); ++i) {
-            TipprmiAny value = arguments()[i];
-            unsigned int number = 0;
-            value.extract(number);
+        for (unsigned int i = 0, number = 0; argument(i, number); ++i)
             values.push_back(number);
-        }
         // It may destroy this observer.
         std::function<bool()> const reaction = react;
         return reaction ? reaction() : answer;

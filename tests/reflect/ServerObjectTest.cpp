@@ -67,6 +67,10 @@ TEST_F(ServerObject, HasANameOfAnyLength) {
         EXPECT_EQ(far.getRelName(), name);
         EXPECT_EQ(far.getAbsName(), "/" + name);
     }
+    TreflectHandlerState const handlerState(true);
+    EXPECT_EQ(Node("eth0/1").getRelName(), "eth0/1");
+    EXPECT_EQ(log_.count(3, "name \"eth0/1\" has a \"/\": no absolute name leads to this object"),
+              1u);
 }
 
 TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {

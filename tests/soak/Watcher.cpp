@@ -83,9 +83,7 @@ void retire(std::vector<std::unique_ptr<Watcher>>& watchers) {
 
 bool Guard::update() {
     unsigned int level = 0;
-    TipprmiSequence<TipprmiAny, 0u> values = arguments();
-    if (values.getLength() > 0)
-        values[0].extract(level);
+    argument(0, level);
     return level % 2 == 0;
 }
 

@@ -1,0 +1,192 @@
+// Visits the house of house.cpp: calls its objects by client classes and by name, walks the tree,
+// watches and forbids calls, and hears of lamps and brokers that come and go. docs/guide.md
+// explains it.
+#include <handler_threads.h>
+#include <logging.h>
+#include <transport.h>
+
+#include <cstdio>
+
+#include "House.h"
+#include "Lamp.h"
+
+namespace {
+
+// ---- Calls -------------------------------------------------------------------------------------
+
+void callByClientClass(LampClient const& lamp) {
+    TipprmiResult<unsigned int> const level = lamp.getLevel();
+    if (level)
+        std::printf("level %u\n", level.value());
+
+    TipprmiResult<void> const result = lamp.setLevel(101);
+    if (!result && result.code() == lamp::kTooBright)
+        std::puts("101 is too bright");
+
+    if (lamp.blink(3, "somebody rings").valueOr(false))
+        std::puts("it has blinked");
+}
+
+void useByName(TreflectObject const& lamp) {
+    unsigned int level = 0;
+    if (lamp.attribute("Level").get(level) == 0)
+        lamp.attribute("Level").set(level + 1);
+
+    TreflectAttribute& steps = lamp.attribute("Steps");
+    Steps values;
+    for (unsigned int const value : {25u, 50u, 75u})
+        values.push_back(value);
+    steps.set(values);
+    TipprmiResult<Steps> const read = steps.fetch<Steps>();
+    std::printf("%u steps\n", read.value().getLength());  // none if it failed; read.code() says why
+    steps.setContainerType(TreflectAttribute::kSequence);  // the value has elements
+    unsigned int second = 0;
+    if (steps[1].get(second) == 0)  // reads one of them
+        std::printf("the second is %u\n", second);
+
+    lamp.operation("nextStep").call();
+}
+
+/** Calls an operation of which only the meta information is known, with arguments as text. */
+void callWithText(TreflectObject const& lamp) {
+    TreflectOperation& blink = lamp.operation("blink");
+    if (blink.isError())
+        return;
+    std::vector<TreflectParameterType> const in = blink.meta()->argumentTypes();
+    TipprmiSequence<TipprmiAny, 0u> arguments;
+    arguments.setLength(2);
+    if (!in[0].parse("0x2", arguments[0]) || !in[1].parse("\"for fun\"", arguments[1]))
+        return;
+
+    TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> results = blink.invoke(arguments);
+    if (!results)
+        return;                                     // results.code() says why
+    TipprmiAny const& answer = results.value()[0];  // one any for each result
+    std::printf("blink answers %s\n", blink.meta()->resultTypes()[0].print(answer).value().c_str());
+}
+
+void walk(TreflectObject const& object) {
+    TreflectMetaObject const* const meta = object.meta();
+    std::printf("%s is a %s\n", object.getAbsName().c_str(), meta ? meta->name().c_str() : "?");
+    for (TreflectObject const& child : object.getChilds())
+        walk(child);
+}
+
+// ---- Observers ---------------------------------------------------------------------------------
+
+/** Told before calls of setLevel. */
+class Guard final : public TreflectObserver {
+public:
+    bool update() override {
+        unsigned int wanted = 0;
+        return argument(0, wanted) && wanted <= 50;  // false forbids the call
+    }
+};
+
+/** Told after calls of nextStep. */
+class Reader final : public TreflectObserver {
+public:
+    bool update() override {
+        unsigned int level = 0;
+        if (argument(0, level))
+            std::printf("%s is now at %u\n", getSource()->getAbsName().c_str(), level);
+        return true;
+    }
+};
+
+void watchCalls(LampClient const& lamp) {
+    Guard guard;
+    Reader reader;
+    TreflectOperation& setLevel = lamp.operation("setLevel");
+    TreflectOperation& nextStep = lamp.operation("nextStep");
+    setLevel.preObserve(&guard);
+    nextStep.postObserve(&reader);
+
+    if (lamp.setLevel(60).code() == TipprmiFailure::kVetoed)
+        std::puts("60 is forbidden");
+    lamp.nextStep();
+
+    setLevel.removeObserver(&guard);
+    nextStep.removeObserver(&reader);
+}
+
+/** Hears of lamps of all processes that are made, or destroyed. */
+class LampWatch final : public TreflectObserver {
+public:
+    explicit LampWatch(char const* what) : what_(what) {}
+
+    bool update() override {
+        std::printf("%s has %s\n", getSource()->identifier().getIdString(), what_);
+        std::fflush(stdout);
+        return true;
+    }
+
+private:
+    char const* const what_;
+};
+
+/** Hears of brokers that come and go. */
+class BrokerWatch final : public TreflectOrbObserverIf {
+public:
+    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
+        std::printf("broker 0x%08X %s\n", broker.value(), what == kAppear ? "is up" : "has gone");
+        std::fflush(stdout);
+    }
+};
+
+void showBrokers(TreflectORB const& orb) {
+    for (TreflectORB::BrokerInfo const& broker : orb.getBrokers())
+        std::printf("%s has sent to %u others\n",
+                    broker.answered ? broker.info.actor.c_str() : "no answer",
+                    broker.info.counters.getLength());
+}
+
+void waitForEnter() {
+    TreflectReleaseHandlerState const outside;  // while we wait, notices may come in
+    std::puts("waiting, press Enter to end");
+    std::fflush(stdout);
+    std::getchar();
+}
+
+void followWhatComesAndGoes(HouseClient const& house) {
+    LampWatch come("come");
+    LampWatch gone("gone");
+    TreflectMetaObject* const lamps = InterfaceRepository::instance()->findInterface(lamp::kClass);
+    lamps->observeCreations(&come, true);  // and at once of those that exist
+    lamps->observeDeletions(&gone);
+
+    BrokerWatch brokers;
+    TreflectORB* const orb = TreflectORB::getInstance(NSID_UNIT);
+    orb->registerOrbCreation(&brokers, false);  // true: and at once of those that are there
+    orb->registerOrbDeletion(&brokers);
+
+    house.addLamp("kitchen");
+    house.removeLamp("kitchen");
+    showBrokers(*orb);
+    waitForEnter();
+
+    orb->unregisterOrbNotifications(&brokers);
+    lamps->removeObserver(&come);
+    lamps->removeObserver(&gone);
+}
+
+}  // namespace
+
+int main() {
+    Transport::Setup::actor("visitor");
+    Logging::setThreshold(3);  // errors only
+    TreflectHandlerState const inside(true);
+    HouseClient const house(house::id());
+    if (!house.isConnected()) {
+        std::puts("nobody serves the house");
+        return 1;
+    }
+    LampClient const hall = house.getChild("hall").as<LampClient>();
+    callByClientClass(hall);
+    useByName(hall);
+    callWithText(hall);
+    walk(house);
+    watchCalls(hall);
+    followWhatComesAndGoes(house);
+    return 0;
+}
