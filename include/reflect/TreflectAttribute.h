@@ -52,8 +52,11 @@ public:
     /** Number of elements; 0 for the null attribute. */
     int constLength() const;
     TreflectAttributeType containerType() const { return containerType_; }
+    /** Says how the value is made up. What a handle's `attribute` finds by name is kPlain, whatever
+     * its class says, and is read as a whole even when an element is selected. */
     void setContainerType(TreflectAttributeType type);
-    /** Has element `i` of an array or a sequence read from now on; answers the attribute itself. */
+    /** Has element `i` of an array or a sequence (see setContainerType) read from now on; answers
+     * the attribute itself. */
     TreflectAttribute& operator[](int i);
     /** Has the whole value read again. */
     void clearIndex();
