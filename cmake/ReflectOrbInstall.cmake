@@ -1,4 +1,5 @@
-# What `cmake --install` gives: headers, libraries, the CMake package ReflectOrb and pkg-config files.
+# What `cmake --install` gives: headers, libraries, the CMake package ReflectOrb and pkg-config files,
+# the documents and the sources of the examples.
 include(CMakePackageConfigHelpers)
 
 set(REFLECTORB_INSTALL_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}/reflectorb")
@@ -36,3 +37,7 @@ foreach(package reflectorb reflectorb-platform)
     install(FILES "${PROJECT_BINARY_DIR}/${package}.pc"
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 endforeach()
+
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    PATTERN CMakeLists.txt EXCLUDE)
