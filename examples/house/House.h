@@ -9,8 +9,8 @@
 namespace house {
 constexpr unsigned int kClass = 0x484F5553;
 enum Method : unsigned int { kAddLamp = 1, kRemoveLamp = 2 };
-constexpr unsigned int kBadName = 1;    // refusals of addLamp
-constexpr unsigned int kNameTaken = 2;  // there is such a lamp, or it is being made
+constexpr unsigned int kBadName = 1;  // refusals of addLamp
+constexpr unsigned int kNoPlace = 2;  // there is such a lamp, or the house is being closed
 
 /** Name and identifier of a root are the same, so that an absolute name tells where to begin. */
 constexpr char kName[] = "house";

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "House.h"
 #include "Lamp.h"
@@ -13,10 +14,8 @@ namespace {
 class Lamp final : public LampSkeleton {
 public:
     Lamp(TreflectObject const& parent, std::string const& name)
-        : LampSkeleton(TipprmiOID("house." + name, NSID_UNIT), &parent, name) {
-        sendCreationEvent();  // at the end: from here on observers may call
-    }
-    ~Lamp() override { sendDeletionEvent(); }
+        : LampSkeleton(TipprmiOID("house." + name, NSID_UNIT), &parent, name) {}
+    ~Lamp() override { sendDeletionEvent(); }  // first: all of the lamp is still there
 
     unsigned int getLevel() override { return level_; }
     TipprmiResult<void> setLevel(unsigned int level) override {
@@ -48,29 +47,35 @@ private:
 class House final : public HouseSkeleton {
 public:
     House() : HouseSkeleton(house::id(), nullptr, house::kName) {}
+    /** The end of all lamps. */
+    void close() {
+        // Each end gives the permission up. Calls that come in meanwhile find a house in order,
+        // without lamps, and add none.
+        isClosed_ = true;
+        Lamps const gone = std::exchange(lamps_, {});
+    }
 
     TipprmiResult<TreflectObject> addLamp(std::string const& name) override {
         if (name.empty() || name.find('/') != std::string::npos)
             return TipprmiFailure(house::kBadName);
-        auto const [place, isNew] = lamps_.try_emplace(name);
-        if (!isNew)
-            return TipprmiFailure(house::kNameTaken);
-        // A lamp is announced when it is made, which gives the run permission up: another call may
-        // come in meanwhile and find the place without a lamp.
-        place->second = std::make_unique<Lamp>(*getClient(), name);
-        return *place->second->getClient();
+        if (isClosed_ || lamps_.count(name) != 0)
+            return TipprmiFailure(house::kNoPlace);
+        auto const lamp = std::make_shared<Lamp>(*getClient(), name);
+        lamps_[name] = lamp;
+        // Gives the permission up: the lamp may be removed meanwhile.
+        lamp->sendCreationEvent();
+        return *lamp->getClient();
     }
     bool removeLamp(std::string const& name) override {
-        auto const found = lamps_.find(name);
-        if (found == lamps_.end() || !found->second)
-            return false;
-        std::unique_ptr<Lamp> const lamp = std::move(found->second);
-        lamps_.erase(found);  // first: the end of a lamp gives the permission up as well
-        return true;
+        // Out of the map first: the end of a lamp gives the permission up as well.
+        return !lamps_.extract(name).empty();
     }
 
 private:
-    std::map<std::string, std::unique_ptr<Lamp>> lamps_;
+    using Lamps = std::map<std::string, std::shared_ptr<Lamp>>;
+
+    Lamps lamps_;
+    bool isClosed_ = false;
 };
 
 }  // namespace
@@ -85,5 +90,7 @@ int main() {
         std::fflush(stdout);
         std::getchar();
     }
+    house.close();            // while others can still be told
+    prepareOrbForDeletion();  // calls that are being served are waited for, no more come in
     return 0;
 }
