@@ -14,7 +14,9 @@
 #include "RendezvousFolder.h"
 #include "TestTermination.h"
 #include "Waiting.h"
-#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Acceptor.h"
+#include "platform/transport/local/Bell.h"
+#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 
@@ -170,7 +172,7 @@ TEST_F(HandshakeTest, AProcessOfAnotherUserIsRefused) {
 }
 
 TEST_F(HandshakeTest, WhoeverNeverSaysHelloIsDropped) {
-    Receiver::introductionLimit(20'000'000);
+    Acceptor::introductionLimit(20'000'000);
     HandMadePeer silent;
     ASSERT_TRUE(silent.connect(own_.termId()));
     EXPECT_TRUE(silent.isDropped());

@@ -6,7 +6,8 @@
 #include <optional>
 #include <vector>
 
-#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Bell.h"
+#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Ring.h"
 
 namespace transporttest {
@@ -222,8 +223,8 @@ TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {
     EXPECT_TRUE(Mapping::of(file.get(), 0, 8192, Mapping::Access::ReadOnly).valid());
     EXPECT_FALSE(Mapping::of(file.get(), 0, 8192, Mapping::Access::ReadWrite).valid())
         << "the other side could write into the owner's words";
-    EXPECT_TRUE(isBell(makeBell().get()));
-    EXPECT_FALSE(isBell(file.get()));
+    EXPECT_TRUE(takeBell(makeBell().get()));
+    EXPECT_FALSE(takeBell(file.get()));
 }
 
 }  // namespace

@@ -1,17 +1,13 @@
 #include "platform/transport/local/Channel.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <new>
 
 #include "logging/Log.h"
-#include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Receiver.h"
-#include "platform/transport/local/Rendezvous.h"
-#include "platform/transport/local/Switchboard.h"
+
+// Messages into the ring and out of it. The connection under it is in ChannelConnection.cpp.
 
 namespace Transport {
 namespace {
@@ -19,70 +15,19 @@ namespace {
 constexpr char const* kSource = "Channel";
 constexpr int kMessagesPerBatch = 64;
 constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
-constexpr int kPacketsAtOnce = 64;  // far more than a peer of our kind ever has on the way
-constexpr long long kBacklogFullRetry = 20'000'000;  // nanoseconds
-/** After Crossed the other side's Hello is on its way; should it be lost, we say ours again. */
-constexpr long long kCrossedRetry = 200'000'000;
-constexpr long long kNoMemoryRetry = 100'000'000;
 
 }  // namespace
 
-// ---- The two sides -----------------------------------------------------------------------------
-
-OwnSide OwnSide::make() {
-    OwnSide side;
-    side.bell = makeBell();
-    side.file = makeSealedFile(kRingOffset + kSmallestRing);
-    if ((!side.bell.valid() || !side.file.valid()) && errno == EMFILE && raiseDescriptorLimit()) {
-        side.bell = makeBell();
-        side.file = makeSealedFile(kRingOffset + kSmallestRing);
-    }
-    if (!side.bell.valid() || !side.file.valid())
-        return {};
-    int const fd = side.file.get();
-    side.control = Mapping::of(fd, 0, sizeof(ControlPage), Mapping::Access::ReadWrite);
-    side.ring.capacity = kSmallestRing;
-    side.ring.mapping = Mapping::of(fd, kRingOffset, kSmallestRing, Mapping::Access::ReadWrite);
-    if (side.control.valid())
-        new (side.control.data()) ControlPage{};
-    sealWriting(fd);
-    return side;
-}
-
-PeerSide PeerSide::of(ReceivedPacket& received) {
-    PeerSide side;
-    std::uint32_t const capacity = received.packet.ringCapacity;
-    if (!isRingCapacity(capacity) || !received.file.valid() || !received.bell.valid() ||
-        !isSealedFile(received.file.get(), kRingOffset + capacity) || !isBell(received.bell.get()))
-        return {};
-    int const fd = received.file.get();
-    side.control = Mapping::of(fd, 0, sizeof(ControlPage), Mapping::Access::ReadOnly);
-    side.ring.capacity = capacity;
-    side.ring.mapping = Mapping::of(fd, kRingOffset, capacity, Mapping::Access::ReadOnly);
-    side.bell = std::move(received.bell);
-    return side;
-}
-
 Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer)
     : receiver_(std::move(receiver)),
-      own_id_(receiver_->id()),
+      ownId_(receiver_->id()),
       peer_(peer),
       token_(Receiver::newToken()) {}
 
 Channel::~Channel() = default;
 
-Channel::State Channel::state() {
-    OSWrap::Lock<> lock(mutex_);
-    return state_;
-}
-
-int Channel::socket() {
-    OSWrap::Lock<> lock(mutex_);
-    return socket_.get();
-}
-
 Packet Channel::packet(Packet::Kind kind, std::uint32_t ringCapacity) const {
-    return {kMagic,        kProtocolVersion, kind,        own_id_.value(),
+    return {kMagic,        kProtocolVersion, kind,        ownId_.value(),
             peer_.value(), kLayoutCheck,     ringCapacity};
 }
 
@@ -117,7 +62,7 @@ Channel::Sent Channel::enqueueLocked(AddressedMessage const& message) {
     AddressedMessage copy = copyOf(message);
     if (copy.empty())
         return Sent::Refused;
-    copy.originator(own_id_);
+    copy.originator(ownId_);
     copy.destination(peer_);
     queue_.push(std::move(copy));
     receiver_->unsentMore();
@@ -208,316 +153,6 @@ void Channel::peerGone() {
     receiver_->request(*this);
 }
 
-// ---- Connecting: receiving thread --------------------------------------------------------------
-
-void Channel::service() {
-    requested_.store(false);
-    retryAt_ = 0;
-    bool broken = false;
-    State state = State::Idle;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        state = state_;
-        broken = writer_.has_value() && writer_->broken();
-    }
-    if (state == State::Gone)
-        clearUpGone();
-    else if (broken)
-        closeForGarbage("it has taken more than we have sent");
-    else if (state == State::Wanted)
-        connect();
-}
-
-void Channel::retryLater(long long nanoseconds) {
-    receiver_->enrol(*this);
-    retryAt_ = OSWrap::Clock::nowNanoseconds() + nanoseconds;
-    receiver_->wakeAt(retryAt_);
-}
-
-void Channel::connect() {
-    Descriptor socket(Rendezvous::instance().connectTo(peer_));
-    if (!socket.valid()) {
-        if (errno == EAGAIN)
-            retryLater(kBacklogFullRetry);
-        else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
-            giveUp(3, "no descriptor or no memory is left");
-        else
-            giveUp(6, "nobody listens there");
-        return;
-    }
-    if (!peerIsGenuine(socket.get())) {
-        giveUp(4, "who listens there is not its owner");
-        return;
-    }
-    if (!sayHello(std::move(socket)))
-        giveUp(3, "the connection could not be made");
-}
-
-bool Channel::sayHello(Descriptor socket) {
-    OwnSide side = OwnSide::make();
-    if (!side.valid() || sendPacket(socket.get(), packet(Packet::Hello, side.ring.capacity),
-                                    side.file.get(), side.bell.get()) != Transfer::Done)
-        return false;
-    side.file.reset();
-    own_ = std::move(side);
-    receiver_->enrol(*this);
-    int const fd = socket.get();
-    {
-        OSWrap::Lock<> lock(mutex_);
-        if (state_ != State::Gone)
-            state_ = State::Connecting;
-        socket_ = std::move(socket);
-    }
-    return receiver_->watch(own_.bell.get(), token_, Receiver::Source::Bell) &&
-           receiver_->watch(fd, token_, Receiver::Source::Socket);
-}
-
-bool Channel::peerIsGenuine(int socket) {
-    PeerIdentity identity{};
-    return peerIdentity(socket, identity) && identity.user == ::geteuid() &&
-           Rendezvous::instance().ownedBy(peer_, identity.process);
-}
-
-void Channel::giveUp(int level, char const* reason) {
-    REFLECTORB_LOG(level, kSource, "no connection from 0x%08X to 0x%08X: %s", own_id_.value(),
-                   peer_.value(), reason);
-    close(Unread::GiveBack);
-    if (Rendezvous::instance().exists(peer_)) {
-        Rendezvous::instance().suspect(peer_);
-        return;
-    }
-    Switchboard::instance().remove(*this, own_id_);
-    peerGone();
-}
-
-/** The attempt of the lower id wins, and a standing channel is not replaced. */
-bool Channel::mayAnswer(int socket) {
-    switch (state()) {
-        case State::Gone:
-            return false;
-        case State::Connecting:
-            if (peer_ < own_id_) {
-                dropAttempt();
-                return true;
-            }
-            break;
-        case State::Idle:
-        case State::Wanted:
-            return true;
-        case State::Open:
-        case State::Leaving:
-            break;
-    }
-    sendPacket(socket, packet(Packet::Crossed));
-    return false;
-}
-
-/** Closes our own unanswered connection; what is queued stays. */
-void Channel::dropAttempt() {
-    Descriptor socket;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        socket = std::exchange(socket_, Descriptor());
-        if (state_ == State::Connecting)
-            state_ = State::Wanted;
-    }
-    receiver_->unwatch(socket.get());
-    receiver_->unwatch(own_.bell.get());
-    own_ = OwnSide();
-}
-
-void Channel::answerHello(Descriptor socket, ReceivedPacket hello) {
-    receiver_->enrol(*this);
-    if (connected())
-        onSocket();  // the peer may have closed the former connection just before
-    if (receiver_->stopping() || !mayAnswer(socket.get()))
-        return;
-    PeerSide peerSide = PeerSide::of(hello);
-    OwnSide side = OwnSide::make();
-    if (!peerSide.valid() || !side.valid()) {
-        REFLECTORB_LOG(3, kSource, "connection of 0x%08X to 0x%08X refused: %s", peer_.value(),
-                       own_id_.value(),
-                       side.valid() ? "its shared memory makes no sense" : "no shared memory");
-        retryLater(kNoMemoryRetry);
-        return;
-    }
-    own_ = std::move(side);
-    int const fd = socket.get();
-    {
-        OSWrap::Lock<> lock(mutex_);
-        socket_ = std::move(socket);
-    }
-    bool const stands = receiver_->watch(own_.bell.get(), token_, Receiver::Source::Bell) &&
-                        receiver_->watch(fd, token_, Receiver::Source::Socket) &&
-                        sendPacket(fd, packet(Packet::Welcome, own_.ring.capacity), own_.file.get(),
-                                   own_.bell.get()) == Transfer::Done;
-    own_.file.reset();
-    if (stands)
-        open(std::move(peerSide));
-    else
-        dropAttempt();
-    if (!stands)
-        retryLater(kBacklogFullRetry);
-}
-
-void Channel::open(PeerSide peerSide) {
-    peerSide_ = std::move(peerSide);
-    reader_.emplace(own_.page(), peerSide_.page(), std::move(peerSide_.ring));
-    retryAt_ = 0;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        writer_.emplace(own_.page(), peerSide_.page(), std::move(own_.ring));
-        peerBell_ = peerSide_.bell.get();
-        if (state_ != State::Gone) {
-            state_ = State::Open;
-            drainLocked();
-        }
-    }
-    receiver_->makeHot(*this);
-}
-
-// ---- The socket: receiving thread --------------------------------------------------------------
-
-void Channel::onSocket() {
-    if (!connected())
-        return;
-    readPackets();
-    react();
-}
-
-/** Takes the packets that are there; what needs the ring to be read first is only noted. A bounded
- * number, for a peer that sends them without end; the socket stays readable for the rest. */
-void Channel::readPackets() {
-    ReceivedPacket received;
-    int left = kPacketsAtOnce;
-    // A packet may close the socket.
-    for (int fd = socket(); fd >= 0 && left > 0 && !ended_ && !garbageSeen_; fd = socket()) {
-        --left;
-        Transfer const transfer = receivePacket(fd, received);
-        if (transfer == Transfer::Later)
-            return;
-        if (transfer == Transfer::Closed)
-            ended_ = true;
-        else if (transfer == Transfer::Garbage || !takePacket(received))
-            garbageSeen_ = true;
-    }
-}
-
-/** False when the packet makes no sense now. */
-bool Channel::takePacket(ReceivedPacket& received) {
-    Packet const& packet = received.packet;
-    if (packet.from != peer_.value() || packet.to != own_id_.value())
-        return false;
-    bool const stands = reader_.has_value();
-    switch (packet.kind) {
-        case Packet::Welcome:
-            return !stands && takeWelcome(received);
-        case Packet::Crossed:
-            if (stands)
-                return false;
-            dropAttempt();
-            retryLater(kCrossedRetry);
-            return true;
-        case Packet::NextRing:
-            return stands && takeNextRing(received);
-        case Packet::Bye:
-            byeSeen_ = true;
-            return stands;
-        case Packet::Stay:
-            resumeSending();
-            return stands;
-        case Packet::Left:
-            leftSeen_ = true;
-            return stands;
-        default:
-            return false;
-    }
-}
-
-bool Channel::takeWelcome(ReceivedPacket& received) {
-    PeerSide peerSide = PeerSide::of(received);
-    if (!peerSide.valid())
-        return false;
-    open(std::move(peerSide));
-    return true;
-}
-
-bool Channel::takeNextRing(ReceivedPacket& received) {
-    constexpr std::size_t kMostWaiting = 4;
-    RingArea area;
-    area.capacity = received.packet.ringCapacity;
-    if (!isRingCapacity(area.capacity) || !received.file.valid() ||
-        !isSealedFile(received.file.get(), area.capacity) || nextRings_.size() >= kMostWaiting)
-        return false;
-    area.mapping = Mapping::of(received.file.get(), 0, area.capacity, Mapping::Access::ReadOnly);
-    if (!area.mapping.valid())
-        return false;
-    nextRings_.push_back(std::move(area));
-    return true;
-}
-
-/** Acts on what the packets told, after the messages that came before it. */
-void Channel::react() {
-    if (garbageSeen_) {
-        closeForGarbage("it has sent nonsense over the socket");
-    } else if (leftSeen_ || ended_) {
-        bool const left = leftSeen_;
-        bool const stood = reader_.has_value();
-        readAll();
-        close(left ? Unread::LeaveToPeer : Unread::GiveBack);
-        if (!left || !stood)
-            Rendezvous::instance().suspect(peer_);
-    } else if (std::exchange(byeSeen_, false)) {
-        answerBye();
-    }
-}
-
-void Channel::answerBye() {
-    bool bothLeave = false;
-    bool stay = false;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        bothLeave = state_ == State::Leaving;
-        stay = !bothLeave && !queue_.empty();
-        if (stay)
-            sendPacket(socket_.get(), packet(Packet::Stay));
-        else if (state_ == State::Open)
-            state_ = State::Leaving;
-    }
-    if (stay)
-        return;
-    readAll();
-    if (!bothLeave) {
-        OSWrap::Lock<> lock(mutex_);
-        sendPacket(socket_.get(), packet(Packet::Left));
-    }
-    close(Unread::LeaveToPeer);
-}
-
-void Channel::resumeSending() {
-    OSWrap::Lock<> lock(mutex_);
-    if (state_ != State::Leaving)
-        return;
-    state_ = State::Open;
-    drainLocked();
-}
-
-void Channel::giveBackIfIdle() {
-    if (!reader_.has_value())
-        return;
-    OSWrap::Lock<> lock(mutex_);
-    std::uint32_t const received = reader_->position();
-    std::uint32_t const sent = writer_->position();
-    bool const quiet = state_ == State::Open && queue_.empty() && writer_->allTaken() &&
-                       !reader_->hasData() && sent == std::exchange(lastSent_, sent) &&
-                       received == std::exchange(lastReceived_, received);
-    idleLooks_ = quiet ? idleLooks_ + 1 : 0;
-    if (idleLooks_ < 2 || sendPacket(socket_.get(), packet(Packet::Bye)) != Transfer::Done)
-        return;
-    idleLooks_ = 0;
-    state_ = State::Leaving;
-}
-
 // ---- The ring: receiving thread ----------------------------------------------------------------
 
 void Channel::onBell() {
@@ -559,11 +194,11 @@ Channel::Batch Channel::readBatch() {
             continue;
         if (message.empty()) {
             REFLECTORB_LOG(2, kSource, "no memory for a message from 0x%08X to 0x%08X: lost",
-                           peer_.value(), own_id_.value());
+                           peer_.value(), ownId_.value());
             continue;
         }
         message.originator(peer_);
-        message.destination(own_id_);
+        message.destination(ownId_);
         receiver_->deliver(message);
     }
     if (reader_->position() == start)
@@ -603,81 +238,6 @@ void Channel::fallAsleep() {
 void Channel::wakeUp() {
     if (reader_.has_value())
         reader_->wakeUp();
-}
-
-// ---- Closing: receiving thread -----------------------------------------------------------------
-
-void Channel::closeForGarbage(char const* what) {
-    REFLECTORB_LOG(3, kSource, "closing the channel of 0x%08X with 0x%08X: %s", own_id_.value(),
-                   peer_.value(), what);
-    close(Unread::GiveBack);
-}
-
-/** Closes the connection, if there is one. With GiveBack, what has not reached the peer goes back
- * to its originator; with LeaveToPeer, what is queued is sent over a new connection. */
-void Channel::close(Unread unread) {
-    receiver_->makeCold(*this);
-    MessageQueue back;
-    Descriptor socket;
-    bool again = false;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        if (unread == Unread::GiveBack) {
-            if (writer_.has_value())
-                writer_->recover(back, own_id_.value(), peer_.value());
-            receiver_->unsentLess(queue_.count());
-            back.append(queue_);
-        }
-        writer_.reset();
-        frontDone_ = 0;
-        spaceAsked_ = growthFailed_ = false;
-        peerBell_ = -1;
-        socket = std::exchange(socket_, Descriptor());
-        if (state_ != State::Gone) {
-            again = !queue_.empty();
-            state_ = again ? State::Wanted : State::Idle;
-        }
-    }
-    if (socket.valid()) {
-        receiver_->unwatch(socket.get());
-        ::shutdown(socket.get(), SHUT_RDWR);  // a forked child may hold a copy
-    }
-    if (own_.bell.valid())
-        receiver_->unwatch(own_.bell.get());
-    reader_.reset();
-    own_ = OwnSide();
-    peerSide_ = PeerSide();
-    nextRings_.clear();
-    ended_ = leftSeen_ = byeSeen_ = garbageSeen_ = false;
-    idleLooks_ = 0;
-    receiver_->giveBack(back);
-    if (again)
-        receiver_->request(*this);
-}
-
-/** The peer has gone: takes in its last messages, gives back what it will never take. */
-void Channel::clearUpGone() {
-    if (connected() && reader_.has_value()) {
-        readPackets();
-        readAll();
-    }
-    close(Unread::GiveBack);
-    receiver_->dismiss(*this);
-}
-
-std::size_t Channel::shutDown() {
-    std::size_t lost = 0;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        if (state_ == State::Open && !queue_.empty())
-            drainLocked();
-        state_ = State::Gone;
-        lost = queue_.count();
-        receiver_->unsentLess(lost);
-        queue_.clear();
-    }
-    close(Unread::LeaveToPeer);
-    return lost;
 }
 
 }  // namespace Transport

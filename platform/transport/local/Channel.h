@@ -8,6 +8,7 @@
 
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageQueue.h"
+#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Packet.h"
 #include "platform/transport/local/Ring.h"
 #include "transport/TerminationId.h"
@@ -18,32 +19,6 @@ class Receiver;
 
 /** What waits in the sender for one destination may weigh this much; beyond it `issue` refuses. */
 constexpr std::size_t kMostQueuedBytes = std::size_t{64} * 1024 * 1024;
-
-/** What one side of a channel makes for the other before they connect. */
-struct OwnSide {
-    Descriptor file;  // handed to the peer, then closed
-    Descriptor bell;
-    Mapping control;
-    RingArea ring;
-
-    bool valid() const { return bell.valid() && control.valid() && ring.mapping.valid(); }
-    ControlPage& page() const { return *reinterpret_cast<ControlPage*>(control.data()); }
-    static OwnSide make();
-};
-
-/** What one side of a channel got from the other. */
-struct PeerSide {
-    Descriptor bell;
-    Mapping control;
-    RingArea ring;
-
-    bool valid() const { return bell.valid() && control.valid() && ring.mapping.valid(); }
-    ControlPage const& page() const {
-        return *reinterpret_cast<ControlPage const*>(control.data());
-    }
-    /** Checks and maps what came with a Hello or a Welcome; invalid when it makes no sense. */
-    static PeerSide of(ReceivedPacket& received);
-};
 
 /**
  * One termination's side of its traffic with one termination of another process. Lives from the
@@ -63,7 +38,7 @@ struct PeerSide {
  * one by Crossed. Nothing goes into a ring before Welcome.
  *
  * Sending runs on any thread, under the channel's mutex; everything else on the receiving thread of
- * the own termination.
+ * the own termination. Channel.cpp has the way of messages, ChannelConnection.cpp the connection.
  */
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
@@ -148,10 +123,10 @@ private:
     void clearUpGone();
 
     std::shared_ptr<Receiver> const receiver_;
-    TerminationId const own_id_;
+    TerminationId const ownId_;
     TerminationId const peer_;
-    std::uint32_t const token_;
-    std::atomic<bool> requested_{false};
+    std::uint32_t const token_;           // of its descriptors' events
+    std::atomic<bool> requested_{false};  // is among the receiver's requests
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.

@@ -1,12 +1,13 @@
 #include "platform/transport/local/NeighbourWatch.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+
+#include "platform/transport/local/Bell.h"
 
 #ifndef SYS_pidfd_open
 #define SYS_pidfd_open 434  // the same on all our architectures
@@ -27,24 +28,23 @@ Descriptor openProcess(pid_t pid) {
 }  // namespace
 
 void NeighbourWatch::prepare() {
-    wakeUp_ = Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    bell_ = makeBell();
 }
 
 void NeighbourWatch::wake() const {
-    std::uint64_t const one = 1;
-    static_cast<void>(!::write(wakeUp_.get(), &one, sizeof one));
+    ringBell(bell_.get());
 }
 
 std::vector<pid_t> NeighbourWatch::wait() {
-    std::vector<pollfd> polled{{wakeUp_.get(), POLLIN, 0}};
-    bool timed = !wakeUp_.valid();
+    std::vector<pollfd> polled{{bell_.get(), POLLIN, 0}};
+    bool timed = !bell_.valid();
     for (Watched const& watched : watched_) {
         polled.push_back({watched.handle.get(), POLLIN, 0});  // negative ones are passed over
         timed = timed || !watched.handle.valid();
     }
     ::poll(polled.data(), polled.size(), timed ? kTimedLook : -1);
     std::uint64_t count = 0;
-    static_cast<void>(!::read(wakeUp_.get(), &count, sizeof count));
+    static_cast<void>(!::read(bell_.get(), &count, sizeof count));
     std::vector<pid_t> suspects;
     for (std::size_t i = 0; i < watched_.size(); ++i) {
         if (watched_[i].handle.valid() && polled[i + 1].revents == 0)

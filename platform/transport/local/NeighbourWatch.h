@@ -37,7 +37,7 @@ private:
         Descriptor handle;  // invalid: looked at from time to time
     };
 
-    Descriptor wakeUp_;  // an eventfd; constant once prepared
+    Descriptor bell_;  // constant once prepared
     std::vector<Watched> watched_;
 };
 

@@ -80,10 +80,5 @@ struct PeerIdentity {
 };
 /** False when the kernel does not tell. */
 bool peerIdentity(int socket, PeerIdentity& identity);
-/** Whether `fd` is an event counter; makes writing to it non-blocking. */
-bool isBell(int fd);
-/** A new event counter; invalid, with errno, on failure. */
-Descriptor makeBell();
-void ringBell(int fd);
 
 }  // namespace Transport

@@ -1,6 +1,6 @@
 #include "platform/transport/local/Receiver.h"
 
-#include <sys/socket.h>
+#include <sys/epoll.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,8 +10,8 @@
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
+#include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Channel.h"
-#include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 #include "transport/TerminationImpl.h"
 
@@ -23,15 +23,11 @@ constexpr int kMessagesPerTurn = 64;
 /** So often, at least, a busy thread looks at its descriptors. */
 constexpr int kTurnsBetweenEvents = 8;
 constexpr int kEventsAtOnce = 32;
-constexpr int kAcceptsAtOnce = 16;
-constexpr std::size_t kMostStrangers = 64;
-constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
 constexpr long long kNever = LLONG_MAX;
 
 std::atomic<std::uint32_t> lastToken{0};
 /** Channels without traffic in two of these are given back. */
 std::atomic<long long> idleLookIntervalNow{30'000'000'000};
-std::atomic<long long> introductionLimitNow{10'000'000'000};
 
 std::uint64_t eventData(std::uint32_t token, Receiver::Source source) {
     return static_cast<std::uint64_t>(token) << 2 | static_cast<std::uint32_t>(source);
@@ -59,7 +55,7 @@ private:
 };
 
 Receiver::Receiver(TerminationId id, TerminationImpl& owner)
-    : id_(id), owner_(&owner), nextTimer_(kNever), nextIdleLook_(kNever) {}
+    : id_(id), owner_(&owner), acceptor_(*this), nextTimer_(kNever), nextIdleLook_(kNever) {}
 
 Receiver::~Receiver() = default;
 
@@ -69,10 +65,6 @@ std::uint32_t Receiver::newToken() {
 
 void Receiver::idleLookInterval(long long nanoseconds) {
     idleLookIntervalNow.store(nanoseconds);
-}
-
-void Receiver::introductionLimit(long long nanoseconds) {
-    introductionLimitNow.store(nanoseconds);
 }
 
 // ---- Start and stop ----------------------------------------------------------------------------
@@ -92,8 +84,7 @@ bool Receiver::prepare() {
 }
 
 bool Receiver::start(Descriptor listening) {
-    listening_ = std::move(listening);
-    if (!watch(listening_.get(), 0, Source::Listening))
+    if (!acceptor_.listen(std::move(listening)))
         return false;
     {
         OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
@@ -350,11 +341,11 @@ void Receiver::serveEvent(std::uint64_t data) {
     auto const source = static_cast<Source>(data & 3);
     auto const token = static_cast<std::uint32_t>(data >> 2);
     if (source == Source::Listening) {
-        acceptStrangers();
+        acceptor_.accept();
         return;
     }
-    if (strangers_.count(token) != 0) {
-        hearStranger(token);
+    if (acceptor_.knows(token)) {
+        acceptor_.hear(token);
         return;
     }
     auto const found = channels_.find(token);
@@ -388,17 +379,7 @@ void Receiver::serveTimers() {
     nextTimer_ = kNever;
     if (idleLook)
         nextIdleLook_ = kNever;
-    if (!accepting_ && watch(listening_.get(), 0, Source::Listening))
-        accepting_ = true;
-    std::vector<std::uint32_t> late;
-    for (auto const& [token, stranger] : strangers_) {
-        if (stranger.deadline <= now)
-            late.push_back(token);
-        else
-            wakeAt(stranger.deadline);
-    }
-    for (std::uint32_t token : late)
-        dropStranger(token);
+    acceptor_.serveTimers(now);
     for (auto const& [token, channel] : channels_)
         serving_.push_back(channel);
     for (auto const& channel : serving_)
@@ -444,94 +425,6 @@ void Receiver::makeCold(Channel& channel) {
                hot_.end());
 }
 
-// ---- Those who connect -------------------------------------------------------------------------
-
-void Receiver::acceptStrangers() {
-    for (int count = 0; count < kAcceptsAtOnce; ++count) {
-        Descriptor socket(
-            ::accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (socket.valid()) {
-            receiveStranger(std::move(socket));
-            continue;
-        }
-        bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
-        if (exhausted && !raiseDescriptorLimit())
-            pauseAccepting();
-        if (!exhausted && errno != ECONNABORTED && errno != EINTR)
-            return;
-    }
-}
-
-/** There is no descriptor to be had now: those who connect wait a little. */
-void Receiver::pauseAccepting() {
-    if (!accepting_)
-        return;
-    REFLECTORB_LOG(3, kSource, "termination 0x%08X has no descriptor left to accept a connection",
-                   id_.value());
-    unwatch(listening_.get());
-    accepting_ = false;
-    wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
-}
-
-void Receiver::receiveStranger(Descriptor socket) {
-    PeerIdentity identity{};
-    if (!peerIdentity(socket.get(), identity) || identity.user != ::geteuid()) {
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d of user %u", id_.value(),
-                       static_cast<int>(identity.process), static_cast<unsigned>(identity.user));
-        return;
-    }
-    if (strangers_.size() >= kMostStrangers)
-        dropStranger(strangers_.begin()->first);
-    std::uint32_t const token = newToken();
-    if (!watch(socket.get(), token, Source::Socket))
-        return;
-    long long const deadline = OSWrap::Clock::nowNanoseconds() + introductionLimitNow.load();
-    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
-    wakeAt(deadline);
-    hearStranger(token);
-}
-
-void Receiver::dropStranger(std::uint32_t token) {
-    auto const found = strangers_.find(token);
-    REFLECTORB_LOG(4, kSource, "termination 0x%08X dropped process %d: it never said Hello",
-                   id_.value(), static_cast<int>(found->second.identity.process));
-    unwatch(found->second.socket.get());
-    strangers_.erase(found);
-}
-
-void Receiver::hearStranger(std::uint32_t token) {
-    auto const found = strangers_.find(token);
-    ReceivedPacket received{};
-    Transfer const transfer = receivePacket(found->second.socket.get(), received);
-    if (transfer == Transfer::Later)
-        return;
-    Stranger stranger = std::move(found->second);
-    strangers_.erase(found);
-    unwatch(stranger.socket.get());
-    if (transfer == Transfer::Done && received.packet.kind == Packet::Hello &&
-        received.packet.to == id_.value()) {
-        introduce(std::move(stranger), std::move(received));
-        return;
-    }
-    if (transfer != Transfer::Closed)
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X dropped process %d: it sent nonsense",
-                       id_.value(), static_cast<int>(stranger.identity.process));
-}
-
-/** A process may speak only for the terminations that are its own. */
-void Receiver::introduce(Stranger stranger, ReceivedPacket hello) {
-    TerminationId const peer(hello.packet.from);
-    if (!Rendezvous::instance().ownedBy(peer, stranger.identity.process)) {
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d: it is not 0x%08X",
-                       id_.value(), static_cast<int>(stranger.identity.process), peer.value());
-        return;
-    }
-    std::shared_ptr<Channel> const channel =
-        Switchboard::instance().channel(shared_from_this(), peer);
-    if (channel != nullptr)
-        channel->answerHello(std::move(stranger.socket), std::move(hello));
-}
-
 // ---- The end -----------------------------------------------------------------------------------
 
 /** In phases: (1) nobody reaches us any more, (2) close the channels, (3) what nobody will read
@@ -548,8 +441,7 @@ void Receiver::finish() {
         REFLECTORB_LOG(4, kSource, "termination 0x%08X stopped with %lu messages not sent",
                        id_.value(), static_cast<unsigned long>(lost));
     closeInbox();
-    strangers_.clear();
-    listening_.reset();
+    acceptor_.close();
 }
 
 /** Channels whose peers have gone, but which have not been cleared up yet. */

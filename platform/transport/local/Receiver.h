@@ -1,10 +1,7 @@
 #pragma once
 
-#include <sys/epoll.h>
-
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -13,8 +10,8 @@
 #include "oswrap/ConditionVar.h"
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageQueue.h"
+#include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Descriptor.h"
-#include "platform/transport/local/Packet.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -23,9 +20,9 @@ class Channel;
 class TerminationImpl;
 
 /**
- * The receiving thread of one started termination with all that it serves: the listening socket,
- * the sockets and bells of its channels, messages from terminations of the same process, and
- * messages that come back. Shared by that thread, the channels and the switchboard, so that it
+ * The receiving thread of one started termination with all that it serves: those who connect, the
+ * sockets and bells of its channels, messages from terminations of the same process, and messages
+ * that come back. Shared by that thread, the channels and the switchboard, so that it
  * outlives a termination that is deleted in its own callback.
  *
  * The thread ends when `stop` has been called, and clears up by itself.
@@ -73,8 +70,6 @@ public:
 
     /** For tests: time between two looks for idle channels, in nanoseconds. */
     static void idleLookInterval(long long nanoseconds);
-    /** For tests: how long those who connect may take to introduce themselves, in nanoseconds. */
-    static void introductionLimit(long long nanoseconds);
 
     // ---- Receiving thread ----
     bool stopping() const { return stopping_.load(); }
@@ -92,13 +87,6 @@ public:
 
 private:
     class ReceivingThread;
-    /** Somebody who has connected and not introduced himself. */
-    struct Stranger {
-        Descriptor socket;
-        PeerIdentity identity;
-        long long deadline;
-    };
-
     void run();
     bool serveRequests();
     bool serveInbox();
@@ -111,12 +99,6 @@ private:
     void serveTimers();
     void serveTimers(Channel& channel, long long now, bool idleLook);
     int timeout() const;
-    void acceptStrangers();
-    void receiveStranger(Descriptor socket);
-    void pauseAccepting();
-    void hearStranger(std::uint32_t token);
-    void dropStranger(std::uint32_t token);
-    void introduce(Stranger stranger, ReceivedPacket hello);
     void finish();
     void closeInbox();
     void shutDownChannels();
@@ -146,9 +128,7 @@ private:
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ or errors_ may hold something
-    Descriptor listening_;
-    bool accepting_ = true;
-    std::map<std::uint32_t, Stranger> strangers_;  // in the order in which they connected
+    Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
     std::vector<std::shared_ptr<Channel>> serving_;

@@ -2,19 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-
-#include <algorithm>
-#include <cerrno>
-
-#include "platform/transport/DelayedLog.h"
 
 namespace Transport {
 namespace {
-
-constexpr char const* kSource = "SharedMemory";
-constexpr rlim_t kEnoughDescriptors = 65'536;
 
 // Since Linux 5.1; C libraries define it since about then.
 #ifdef F_SEAL_FUTURE_WRITE
@@ -60,21 +51,6 @@ bool isSealedFile(int fd, std::size_t size) {
     struct stat status {};
     return seals >= 0 && (seals & kNeeded) == kNeeded && ::fstat(fd, &status) == 0 &&
            status.st_size == static_cast<off_t>(size);
-}
-
-bool raiseDescriptorLimit() {
-    struct rlimit limit {};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return false;
-    rlim_t const wanted = std::min(limit.rlim_max, kEnoughDescriptors);
-    if (limit.rlim_cur >= wanted)
-        return false;
-    rlim_t const before = std::exchange(limit.rlim_cur, wanted);
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return false;
-    TRANSPORT_LOG(5, kSource, "limit of open descriptors raised from %llu to %llu",
-                  static_cast<unsigned long long>(before), static_cast<unsigned long long>(wanted));
-    return true;
 }
 
 }  // namespace Transport

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/Packet.h"
+
+namespace Transport {
+
+class Receiver;
+
+/**
+ * The listening socket of one receiver, with those who have connected to it and not introduced
+ * themselves yet. Who says Hello in time, and is who he claims to be, gets a channel; everybody
+ * else is dropped with a log line. Part of the receiver; after `listen` used by its thread alone.
+ */
+class Acceptor {
+public:
+    explicit Acceptor(Receiver& receiver) : receiver_(receiver) {}
+    Acceptor(Acceptor const&) = delete;
+    Acceptor& operator=(Acceptor const&) = delete;
+
+    /** Takes the listening descriptor; false, with a log line, on failure. */
+    bool listen(Descriptor listening);
+    /** Takes in a bounded number of those who have connected. */
+    void accept();
+    /** Whether the token is that of somebody who has not introduced himself. */
+    bool knows(std::uint32_t token) const { return strangers_.count(token) != 0; }
+    /** Something has come from him. */
+    void hear(std::uint32_t token);
+    /** Drops who is late, and accepts again after a pause. */
+    void serveTimers(long long now);
+    /** The end: forgets everybody and listens no more. */
+    void close();
+
+    /** For tests: how long those who connect may take to introduce themselves, in nanoseconds. */
+    static void introductionLimit(long long nanoseconds);
+
+private:
+    /** Somebody who has connected and not introduced himself. */
+    struct Stranger {
+        Descriptor socket;
+        PeerIdentity identity;
+        long long deadline;
+    };
+
+    void receive(Descriptor socket);
+    void pause();
+    void drop(std::uint32_t token);
+    void introduce(Stranger stranger, ReceivedPacket hello);
+
+    Receiver& receiver_;
+    Descriptor listening_;
+    bool accepting_ = true;                        // false while no descriptor is to be had
+    std::map<std::uint32_t, Stranger> strangers_;  // in the order in which they connected
+};
+
+}  // namespace Transport
