@@ -22,13 +22,6 @@ private:
     std::deque<TreflectObserverClient> clients_;  // none is ever copied, which might search
 };
 
-TreflectObservable::Life::Life(TreflectObservable const& observable)
-    : living_([&] {
-          if (!observable.living_)
-              observable.living_ = std::make_shared<bool>(true);
-          return observable.living_;
-      }()) {}
-
 TreflectObservable::TreflectObservable() = default;
 
 TreflectObservable::~TreflectObservable() {
@@ -36,8 +29,7 @@ TreflectObservable::~TreflectObservable() {
 }
 
 void TreflectObservable::endLife() {
-    if (living_)
-        *living_ = false;
+    *living_ = false;
 }
 
 void TreflectObservable::registerObserver(unsigned int kind, unsigned int const& cc,

@@ -74,16 +74,22 @@ protected:
     template <class Server, class Result, class... Parameters>
     bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
                Result (Server::*method)(Parameters...)) {
-        return serveBy<Result, Parameters...>(cc, mc, in, out, [&](auto const&... arguments) {
-            return (static_cast<Server*>(this)->*method)(arguments...);
-        });
+        return serveBy<Result, Parameters...>(
+            cc, mc, in, out,
+            [&](auto const&... arguments) {
+                return (static_cast<Server*>(this)->*method)(arguments...);
+            },
+            [] { return false; });
     }
     template <class Server, class Result, class... Parameters>
     bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
                Result (Server::*method)(Parameters...) const) {
-        return serveBy<Result, Parameters...>(cc, mc, in, out, [&](auto const&... arguments) {
-            return (static_cast<Server const*>(this)->*method)(arguments...);
-        });
+        return serveBy<Result, Parameters...>(
+            cc, mc, in, out,
+            [&](auto const&... arguments) {
+                return (static_cast<Server const*>(this)->*method)(arguments...);
+            },
+            [] { return false; });
     }
 
     /** Reads the arguments of a call; false, with a log line, when they cannot be read. */
@@ -97,21 +103,33 @@ protected:
         return !in.hasUnmarshallingFailed();
     }
 
+    /** Serves a call by any function. `ended` answers, when that has returned, whether the
+     * object is no more; it is not touched then. */
+    template <class Result, class... Parameters, class Method, class Ended>
+    bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
+                 Method const& method, Ended const& ended) const {
+        std::tuple<std::decay_t<Parameters>...> arguments;
+        if (!readArguments(cc, mc, in, arguments))
+            return false;
+        if constexpr (std::is_void_v<Result>) {
+            std::apply(method, arguments);
+            respondWith(ended() ? nullptr : &exceptionContainer_, out, TipprmiResult<void>());
+        } else {
+            auto const result = std::apply(method, arguments);
+            respondWith(ended() ? nullptr : &exceptionContainer_, out, result);
+        }
+        return true;
+    }
+
     /** Writes a whole response: the result of a call, or its refusal. */
     template <class T>
-    void respond(TipprmiStream& out, T const& value) const {
-        prepareResponseStream_(out);
-        out << value;
+    void respond(TipprmiStream& out, T const& result) const {
+        respondWith(&exceptionContainer_, out, result);
     }
+    /** The same for an object that is no more, whose exception container has gone with it. */
     template <class T>
-    void respond(TipprmiStream& out, TipprmiResult<T> const& result) const {
-        if (!result) {
-            writeGeneralException(out, result.code());
-            return;
-        }
-        prepareResponseStream_(out);
-        if constexpr (!std::is_void_v<T>)
-            out << result.value();
+    static void respondWithoutObject(TipprmiStream& out, T const& result) {
+        respondWith(nullptr, out, result);
     }
 
     /** Says that this is the reflective object `object`. */
@@ -120,19 +138,26 @@ protected:
     mutable std::unique_ptr<TipprmiObjectClient> client_;  // guarded by the run permission
 
 private:
-    template <class Result, class... Parameters, class Method>
-    bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
-                 Method const& method) const {
-        std::tuple<std::decay_t<Parameters>...> arguments;
-        if (!readArguments(cc, mc, in, arguments))
-            return false;
-        if constexpr (std::is_void_v<Result>) {
-            std::apply(method, arguments);
-            prepareResponseStream_(out);
-        } else {
-            respond(out, std::apply(method, arguments));
+    static void startResponse(TipprmiExceptionContainer const* container, TipprmiStream& out) {
+        TipprmiExceptionContainer const none;
+        out << (container ? *container : none);
+    }
+    template <class T>
+    static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,
+                            T const& value) {
+        startResponse(container, out);
+        out << value;
+    }
+    template <class T>
+    static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,
+                            TipprmiResult<T> const& result) {
+        if (!result) {
+            writeGeneralException(out, result.code());
+            return;
         }
-        return true;
+        startResponse(container, out);
+        if constexpr (!std::is_void_v<T>)
+            out << result.value();
     }
 
     TreflectServerObject* reflective_ = nullptr;  // guarded by the run permission

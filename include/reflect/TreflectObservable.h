@@ -21,7 +21,7 @@ public:
      * the destruction begins, which may wait itself. */
     class Life {
     public:
-        explicit Life(TreflectObservable const& observable);
+        explicit Life(TreflectObservable const& observable) : living_(observable.living_) {}
         bool ended() const { return !*living_; }
 
     private:
@@ -84,5 +84,5 @@ private:
     // All guarded by the run permission; the maps are made with the first registration.
     std::unique_ptr<Observers> preObservers_;
     std::unique_ptr<Observers> postObservers_;
-    mutable std::shared_ptr<bool> living_;  // made when first asked for; false when it ends
+    std::shared_ptr<bool> const living_ = std::make_shared<bool>(true);  // false when it ends
 };

@@ -109,6 +109,9 @@ protected:
      * class code is neither that nor another class of this object is not served. Before the
      * function is called its observers are told the arguments, and if one forbids the call it is
      * refused with TipprmiFailure::kVetoed; afterwards they are told the result, if there is one.
+     *
+     * The function may destroy the object as its last act: the caller gets the result all the same,
+     * and no observer is told of it.
      */
     template <class Server, class Result, class... Parameters>
     bool serve(unsigned int declaring, unsigned int cc, unsigned int mc, TipprmiStream& in,
@@ -134,6 +137,9 @@ private:
                   bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const;
     bool refuseForeignCall(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     template <class Result, class... Parameters, class Method>
+    bool serveWithObservers(unsigned int declaring, unsigned int cc, unsigned int mc,
+                            TipprmiStream& in, TipprmiStream& out, Method const& method);
+    template <class Result, class... Parameters, class Method>
     bool serveObserved(unsigned int declaring, unsigned int mc, TipprmiStream& in,
                        TipprmiStream& out, Method const& method);
 
@@ -151,12 +157,8 @@ template <class Server, class Result, class... Parameters>
 bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsigned int mc,
                                  TipprmiStream& in, TipprmiStream& out,
                                  Result (Server::*method)(Parameters...)) {
-    if (!concerns(cc, declaring))
-        return refuseForeignCall(mc, in, out);
-    if (!preObserverAvailable(declaring, mc) && !postObserverAvailable(declaring, mc))
-        return TipprmiObjectSkeleton::serve(cc, mc, in, out, method);
-    return serveObserved<Result, Parameters...>(
-        declaring, mc, in, out, [&](auto const&... arguments) {
+    return serveWithObservers<Result, Parameters...>(
+        declaring, cc, mc, in, out, [&](auto const&... arguments) {
             return (static_cast<Server*>(this)->*method)(arguments...);
         });
 }
@@ -165,14 +167,23 @@ template <class Server, class Result, class... Parameters>
 bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsigned int mc,
                                  TipprmiStream& in, TipprmiStream& out,
                                  Result (Server::*method)(Parameters...) const) {
-    if (!concerns(cc, declaring))
-        return refuseForeignCall(mc, in, out);
-    if (!preObserverAvailable(declaring, mc) && !postObserverAvailable(declaring, mc))
-        return TipprmiObjectSkeleton::serve(cc, mc, in, out, method);
-    return serveObserved<Result, Parameters...>(
-        declaring, mc, in, out, [&](auto const&... arguments) {
+    return serveWithObservers<Result, Parameters...>(
+        declaring, cc, mc, in, out, [&](auto const&... arguments) {
             return (static_cast<Server const*>(this)->*method)(arguments...);
         });
+}
+
+template <class Result, class... Parameters, class Method>
+bool TreflectServerObject::serveWithObservers(unsigned int declaring, unsigned int cc,
+                                              unsigned int mc, TipprmiStream& in,
+                                              TipprmiStream& out, Method const& method) {
+    if (!concerns(cc, declaring))
+        return refuseForeignCall(mc, in, out);
+    if (preObserverAvailable(declaring, mc) || postObserverAvailable(declaring, mc))
+        return serveObserved<Result, Parameters...>(declaring, mc, in, out, method);
+    Life const life(*this);
+    return serveBy<Result, Parameters...>(cc, mc, in, out, method,
+                                          [&life] { return life.ended(); });
 }
 
 template <class Result, class... Parameters, class Method>
@@ -193,14 +204,18 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
     }
     if constexpr (std::is_void_v<Result>) {
         std::apply(method, arguments);
-        if (life.ended())
-            return false;
+        if (life.ended()) {
+            respondWithoutObject(out, TipprmiResult<void>());
+            return true;
+        }
         prepareResponseStream_(out);
         values.set();
     } else {
         auto const result = std::apply(method, arguments);
-        if (life.ended())
-            return false;
+        if (life.ended()) {
+            respondWithoutObject(out, result);
+            return true;
+        }
         respond(out, result);
         values.setResult(result);
     }

@@ -57,7 +57,13 @@ public:
         }
     }
 
-    unsigned int get() const { return value; }
+    unsigned int get() const {
+        unsigned int const now = value;
+        // It may destroy this object.
+        if (std::function<void()> const act = meanwhile)
+            act();
+        return now;
+    }
     TipprmiResult<void> set(unsigned int wanted) {
         *called_ += ended ? 1000 : 1;
         if (wanted > 100)
@@ -70,6 +76,7 @@ public:
     unsigned int calls() const { return *called_; }
 
     unsigned int value = 1;
+    std::function<void()> meanwhile;  // while the value is being asked for
 
 private:
     bool ended = false;

@@ -330,6 +330,33 @@ TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
               wire::kEmptyContainer + wireForm(std::string("/far/node")));
 }
 
+TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
+    RawPeer peer(group());
+    auto watcher = held([] { return std::make_unique<Watcher>("watcher"); });
+    for (unsigned int const id : {0xCA11u, 0xCA12u}) {
+        std::unique_ptr<Gauge> object;
+        unsigned int ioid = 0;
+        held([&] {
+            object = std::make_unique<Gauge>("gauge");
+            ioid = object->getInternalOID();
+            TipprmiExceptionContainer container;
+            container.setExceptionType(7);
+            object->setExceptionContainer(container);
+            object->meanwhile = [&] { object.reset(); };
+            if (id == 0xCA12)
+                object->registerObserver(TreflectObservable::kAfterCalls, gauge::kClass,
+                                         gauge::kGet, TreflectObserverClient(watcher.get()));
+        });
+        wire::call(peer, broker(), id, ioid, gauge::kClass, gauge::kGet);
+        EXPECT_EQ(wire::data(wire::awaitResponse(peer, id)),
+                  wire::kEmptyContainer + wire::number(1));
+    }
+    held([&] {
+        EXPECT_EQ(watcher->told, 0);
+        watcher.reset();
+    });
+}
+
 TEST_F(ServerObject, IsBuiltAlsoWhenItsParentGoesMeanwhile) {
     auto peer = std::make_unique<RawPeer>(group());
     TreflectObject const parent = held([&] { return objectOf(*peer, 7); });
