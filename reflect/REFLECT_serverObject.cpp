@@ -11,6 +11,40 @@
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectServerObject.h"
 
+namespace {
+
+constexpr char kSource[] = "REFLECT_serverObject";
+
+/** The objects of this process whose absolute names the calling thread is putting together. */
+class NameUnderWay {
+public:
+    explicit NameUnderWay(TreflectServerObject const* object)
+        : object_(object), outer_(innermost_) {
+        innermost_ = this;
+    }
+    ~NameUnderWay() { innermost_ = outer_; }
+    NameUnderWay(NameUnderWay const&) = delete;
+    NameUnderWay& operator=(NameUnderWay const&) = delete;
+
+    /** Whether the object is an ancestor of itself. */
+    bool isRepeated() const {
+        NameUnderWay const* outer = outer_;
+        while (outer && outer->object_ != object_)
+            outer = outer->outer_;
+        return outer;
+    }
+
+private:
+    static thread_local NameUnderWay const* innermost_;
+
+    TreflectServerObject const* const object_;
+    NameUnderWay const* const outer_;
+};
+
+thread_local NameUnderWay const* NameUnderWay::innermost_ = nullptr;
+
+}  // namespace
+
 TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject const* parent,
                                            std::string const& name)
     : TipprmiObjectSkeleton(nullptr, oid) {
@@ -100,10 +134,18 @@ void TreflectServerObject::unregisterChild(std::string const& name) {
         children_->erase(name);
 }
 
-// The object may be destroyed while its parent is asked.
+// The object may be destroyed while its parent is asked. A parent given by its identifier may turn
+// out to be a descendant, or the object itself.
 std::string TreflectServerObject::getAbsName() const {
     std::string const own = "/" + getRelName();
-    return parent_.isConnected() ? parent_.getAbsName() + own : own;
+    if (!parent_.isConnected())
+        return own;
+    NameUnderWay const name(this);
+    if (name.isRepeated()) {
+        REFLECTORB_LOG(3, kSource, "object \"%s\" is its own ancestor", objectName());
+        return own;
+    }
+    return parent_.getAbsName() + own;
 }
 
 std::string TreflectServerObject::getRelName() const {
@@ -266,8 +308,7 @@ void TreflectServerObject::announce(
     TreflectHandlerState const handler(true);
     TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
     if (!mo)
-        REFLECTORB_LOG(3, "REFLECT_serverObject",
-                       "TreflectServerObject::sendCreationEvent(): no meta object");
+        REFLECTORB_LOG(3, kSource, "TreflectServerObject::sendCreationEvent(): no meta object");
     else if (TreflectORB* const orb = getORB())
         (orb->*notify)(mo->getClassId(), *this);
 }

@@ -80,7 +80,7 @@ public:
     /** The ids of its own class and of its bases, the most special first. */
     virtual TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const = 0;
     /** "/" and the names of all parents and of the object, with "/" between them. Asks the parent,
-     * wherever it is. */
+     * wherever it is. An object that is its own ancestor in this process is logged at level 3. */
     virtual std::string getAbsName() const;
     virtual std::string getRelName() const;
     /** Tells the observers of the class in all processes that the object is there (or is about to

@@ -176,6 +176,19 @@ TEST_F(ServerObject, MayBeNamedAsNothingIsWithoutTakingItsPlace) {
     EXPECT_EQ(TreflectObject(oid("InvalidStub")).getServer(), &node);
 }
 
+TEST_F(ServerObject, MayBeItsOwnAncestorByMistake) {
+    TreflectHandlerState const handlerState(true);
+    TreflectObject const later(oid("loop"));
+    Node const middle("middle", &later);
+    TreflectObject const parent(&middle);
+    Node const loop("loop", &parent);
+    EXPECT_EQ(loop.getAbsName(), "/middle/loop");
+    ASSERT_TRUE(middle.getParent().isConnected()) << "copying a handle finds its object";
+    EXPECT_EQ(loop.getAbsName(), "/loop/middle/loop");
+    EXPECT_EQ(middle.getAbsName(), "/middle/loop/middle");
+    EXPECT_EQ(log_.count("object \"loop\" is its own ancestor"), 1u);
+}
+
 // ---- Children ----------------------------------------------------------------------------------
 
 /** What every object does with children, wherever it is. */
