@@ -104,6 +104,7 @@ void TreflectObjectStub::lead(TipprmiOID const& oid, unsigned int internalOid, T
     setInternalOID(internalOid);
     orbId_ = orb;
     server_ = server;
+    metaCache_ = nullptr;
     if (inTable)
         TreflectObjectHandler::putBack(this);
 }
