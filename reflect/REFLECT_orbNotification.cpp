@@ -152,6 +152,7 @@ bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver
 }
 
 void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& observer) {
+    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
     erase(record.creationObservers, observer);
