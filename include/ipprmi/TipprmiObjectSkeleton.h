@@ -15,8 +15,9 @@ class TreflectServerObject;
  * Server side of an object: registered with the broker of its identifier's namespace from
  * construction to destruction. Derived classes override `dispatch`, serve their own method codes
  * and pass the rest on. Build and destroy skeletons holding the run permission; `dispatch` is
- * called with it. A function that waits gives the permission up: the object must outlive it. A
- * resource: neither copied nor moved.
+ * called with it. A function that waits gives the permission up: the object must outlive it, unless
+ * it is a TreflectServerObject, which may be destroyed meanwhile by who touches nothing of it
+ * afterwards. A resource: neither copied nor moved.
  *
  *     bool Lamp::dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
  *                         TipprmiStream& out) {
