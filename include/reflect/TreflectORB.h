@@ -114,7 +114,8 @@ public:
     /**
      * Has `observer` told of brokers of all namespaces that come up, or go away; registered for
      * both it hears of both. `notifyExisting`: and now, on the calling thread, of those that are
-     * there. False for null. Not owned. Any thread; the run permission is given up meanwhile.
+     * there; again of those whose arrival is still to be told. False for null. Not owned. Any
+     * thread; the run permission is given up meanwhile.
      */
     bool registerOrbCreation(TreflectOrbObserverIf* observer, bool notifyExisting);
     bool registerOrbDeletion(TreflectOrbObserverIf* observer);
