@@ -9,10 +9,8 @@
 # bench/bench.sh with the build tree as first argument.
 #
 #   reflectorb_fuzz_target(<name> SOURCES <file>...)
-#   reflectorb_fuzz_seeds(<name> SOURCES <file>...)
 #
-# make a libFuzzer program, and the program of the same name that writes its seed corpus into the
-# folder which is its only argument. Both reach hidden symbols. ./run fuzz finds them.
+# makes a libFuzzer program that reaches hidden symbols. ./run fuzz finds it.
 
 function(_reflectorb_program target library)
     target_link_libraries(${target} PRIVATE reflectorb-warnings)
@@ -51,13 +49,4 @@ function(reflectorb_fuzz_target name)
     set_target_properties(fuzz-${name} PROPERTIES
         OUTPUT_NAME ${name}
         RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz/targets")
-endfunction()
-
-function(reflectorb_fuzz_seeds name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
-    add_executable(fuzz-seeds-${name} ${arg_SOURCES})
-    _reflectorb_program(fuzz-seeds-${name} reflectorb-internals)
-    set_target_properties(fuzz-seeds-${name} PROPERTIES
-        OUTPUT_NAME ${name}
-        RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz/seeds")
 endfunction()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -7,7 +9,7 @@
 
 #include "logging/Log.h"
 
-/** What fuzz targets and seed writers have in common. */
+/** What fuzz targets have in common. */
 namespace fuzz {
 
 /**
@@ -28,30 +30,28 @@ inline void startProcess() {
     Logging::setSink([](Logging::Record const&, void*) {}, nullptr);
 }
 
-/** Writes seeds into a folder, one file each. */
-class SeedFolder {
-public:
-    /** Takes the arguments of main. */
-    SeedFolder(int argc, char** argv) {
-        if (argc != 2) {
-            std::fprintf(stderr, "usage: %s FOLDER\n", argv[0]);
-            std::exit(2);
-        }
-        path_ = argv[1];
-    }
+/** What runs one input. */
+using Target = void (*)(std::uint8_t const* data, std::size_t size);
 
-    void write(std::string const& name, std::string const& bytes) const {
-        std::FILE* const file = std::fopen((path_ / name).c_str(), "wb");
-        bool const written =
-            file && std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-        if (!file || std::fclose(file) != 0 || !written) {
-            std::perror(name.c_str());
-            std::exit(1);
-        }
-    }
-
-private:
-    std::filesystem::path path_;
-};
+/** Makes a target known to the program that replays corpora. */
+void enrol(char const* name, Target target);
 
 }  // namespace fuzz
+
+/** Defines the target `name`, a function's: for libFuzzer, or for the replay of what it found. */
+#ifdef FUZZ_REPLAY
+#define FUZZ_TARGET(name, function)                                     \
+    namespace {                                                         \
+    bool const name##IsEnrolled = (fuzz::enrol(#name, function), true); \
+    }
+#else
+#define FUZZ_TARGET(name, function)                                                     \
+    extern "C" int LLVMFuzzerInitialize(int*, char***) {                                \
+        fuzz::startProcess();                                                           \
+        return 0;                                                                       \
+    }                                                                                   \
+    extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) { \
+        function(data, size);                                                           \
+        return 0;                                                                       \
+    }
+#endif

@@ -34,16 +34,9 @@ void readPayload(TreflectMessage const& message) {
         stream.printUnmarshallError(0, exception.code());
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::startProcess();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+void runMessage(std::uint8_t const* data, std::size_t size) {
     if (size < kAddressBytes)
-        return 0;
+        return;
     TreflectMessage const message = arrived(data, size);
     message.testValidation(TreflectMessage::kUndef, 0, "", true, 0);
     message.testValidation(message.kind(), 0, "", true, 0);
@@ -57,5 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     readPayload(cut);
     TipprmiStream answer(message, true);
     answer << TipprmiExceptionContainer() << "answer";
-    return 0;
 }
+
+}  // namespace
+
+FUZZ_TARGET(message, runMessage)

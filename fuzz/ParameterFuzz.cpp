@@ -21,15 +21,8 @@ void requireStable(TreflectParameterType const& type, TipprmiAny const& value) {
     }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::startProcess();
-    return 0;
-}
-
 /** The name of a type up to the first newline; behind it a value, tried as text and as bytes. */
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+void runParameter(std::uint8_t const* data, std::size_t size) {
     std::string const input(reinterpret_cast<char const*>(data), size);
     std::size_t const end = std::min(input.find('\n'), size);
     TreflectParameterType const type(input.substr(0, end));
@@ -40,5 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     TipprmiStream stream(value.data(), static_cast<int>(value.size()));
     while (type.take(stream, any))
         requireStable(type, any);
-    return 0;
 }
+
+}  // namespace
+
+FUZZ_TARGET(parameter, runParameter)

@@ -5,12 +5,38 @@
 #include <memory>
 
 #include "FuzzProcess.h"
-#include "StreamScript.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiOID.h"
 #include "ipprmi/TipprmiSequence.h"
 
 namespace {
+
+/** An input: the number of steps, one byte each, then the payload of an arrived message, which
+ * begins with the number of its data bytes. */
+enum Step : unsigned char {
+    kReadNumber,
+    kReadBool,
+    kReadNamespace,
+    kReadCharacters,
+    kReadString,
+    kReadNested,
+    kReadTerminationId,
+    kReadOid,
+    kReadAny,
+    kReadNumbers,
+    kReadAnys,
+    kReadContainer,
+    kSkip,
+    kRewind,
+    kClear,
+    kCopy,
+    kWriteNumber,
+    kWriteOwnBytes,
+    kWriteNestedSelf,
+    kSetOwnBytes,
+    kWriteBackAll,
+    kSteps
+};
 
 /** Everything that a stream can be read into, kept from step to step. */
 class Reader {
@@ -18,7 +44,7 @@ public:
     explicit Reader(TreflectMessage const& message) : stream_(message, false) {}
 
     void take(unsigned char step) {
-        if (step < fuzz::kSkip)
+        if (step < kSkip)
             read(step);
         else
             change(step);
@@ -29,38 +55,38 @@ public:
 private:
     void read(unsigned char step) {
         switch (step) {
-            case fuzz::kReadNumber:
+            case kReadNumber:
                 stream_ >> number_;
                 break;
-            case fuzz::kReadBool:
+            case kReadBool:
                 stream_ >> truth_;
                 break;
-            case fuzz::kReadNamespace:
+            case kReadNamespace:
                 stream_ >> namespace_;
                 break;
-            case fuzz::kReadCharacters:
+            case kReadCharacters:
                 readCharacters();
                 break;
-            case fuzz::kReadString:
+            case kReadString:
                 stream_ >> text_;
                 break;
-            case fuzz::kReadNested:
+            case kReadNested:
                 stream_ >> nested_;
                 break;
-            case fuzz::kReadTerminationId:
+            case kReadTerminationId:
                 stream_ >> termination_;
                 break;
-            case fuzz::kReadOid:
+            case kReadOid:
                 stream_ >> oid_;
                 break;
-            case fuzz::kReadAny:
+            case kReadAny:
                 stream_ >> any_;
                 any_.extract(text_);
                 break;
-            case fuzz::kReadNumbers:
+            case kReadNumbers:
                 stream_ >> numbers_;
                 break;
-            case fuzz::kReadAnys:
+            case kReadAnys:
                 stream_ >> anys_;
                 break;
             default:
@@ -80,28 +106,28 @@ private:
     void change(unsigned char step) {
         int const half = stream_.getDataSize() / 2;
         switch (step) {
-            case fuzz::kSkip:
+            case kSkip:
                 stream_.unmarshall(nullptr, 3);
                 break;
-            case fuzz::kRewind:
+            case kRewind:
                 stream_.rewind();
                 break;
-            case fuzz::kClear:
+            case kClear:
                 stream_.clear();
                 break;
-            case fuzz::kCopy:
+            case kCopy:
                 nested_ = stream_;
                 break;
-            case fuzz::kWriteNumber:
+            case kWriteNumber:
                 stream_ << number_;
                 break;
-            case fuzz::kWriteOwnBytes:
+            case kWriteOwnBytes:
                 stream_.marshall(stream_.getDataPtr() + half, stream_.getDataSize() - half);
                 break;
-            case fuzz::kWriteNestedSelf:
+            case kWriteNestedSelf:
                 stream_ << stream_ << nested_;
                 break;
-            case fuzz::kSetOwnBytes:
+            case kSetOwnBytes:
                 stream_.setData(stream_.getDataPtr(), half);
                 break;
             default:
@@ -125,16 +151,9 @@ private:
     TipprmiGeneralException exception_;
 };
 
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::startProcess();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+void runStream(std::uint8_t const* data, std::size_t size) {
     if (size == 0)
-        return 0;
+        return;
     // Few steps: each may double what there is.
     std::size_t const steps = std::min<std::size_t>(std::min<std::size_t>(data[0], 14), size - 1);
     std::uint8_t const* const payload = data + 1 + steps;
@@ -144,6 +163,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         std::memcpy(message.buf(), payload, bytes);
     Reader reader(message);
     for (std::size_t i = 0; i < steps; ++i)
-        reader.take(data[1 + i] % fuzz::kSteps);
-    return 0;
+        reader.take(data[1 + i] % kSteps);
 }
+
+}  // namespace
+
+FUZZ_TARGET(stream, runStream)

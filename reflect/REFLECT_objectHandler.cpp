@@ -49,6 +49,10 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf co
     if (!stub) {
         stub = new (std::nothrow) TreflectObjectStub(location);
         stubs_.insert(stub);
+    } else if (location.getServer() && !stub->getServer()) {
+        // Made of a handle without a name that another process sent: its calls would go round
+        // through the broker, and those that an object makes through its own handle never end.
+        stub->connect(location.getServer());
     }
     return adoptStub(stub);
 }

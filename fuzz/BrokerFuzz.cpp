@@ -1,0 +1,531 @@
+// A broker with a few objects, and a peer that plays another broker: it sends requests, responses
+// and notices of unknown origin, and gives answers of unknown origin to what it is asked.
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+
+#include "FuzzProcess.h"
+#include "Script.h"
+#include "tests/reflect/ReflectiveClasses.h"
+#include "transport.h"
+
+namespace {
+
+/**
+ * An input is a row of steps: a step's byte, the length of its text in a byte (255: all the rest),
+ * the text. The byte's lower half, or what it says from 11 on, is the step; with kRaw the text is a
+ * payload as it stands, else the data of a stream, whose length the target puts before it.
+ *
+ * Four bytes FE ED w k in a text stand for a number that is different in each run: w says which
+ * (see number), k of which object.
+ */
+enum Step : unsigned char {
+    kRequest,  // 0 to 10: a request of this type
+    kOneWay = 11,
+    kResponse,       // that nobody waits for, unless its id is that of a call
+    kNoDestination,  // likewise
+    kAnswer,         // the peer's answer to the next question
+    kUndeliverable,  // instead of an answer
+    kWholeMessage,   // with its header, or less than that
+    kUse,            // the program uses an object of the peer, or one of its own
+    kSteps
+};
+constexpr unsigned char kRaw = 0x80;
+constexpr unsigned char kStepBits = 0x1F;
+
+/** So often the broker is made anew: what requests leave behind in it ends with it. */
+constexpr unsigned int kInputsPerBroker = 2000;
+constexpr unsigned int kPeersObject = 0x77;
+
+/** How many requests of each type were served, for the one who runs the target. */
+class Tally {
+public:
+    ~Tally() {
+        for (std::size_t type = 0; type < served_.size(); ++type)
+            if (served_[type] > 0)
+                std::fprintf(stderr, "requests of type %2zu: %lu\n", type, served_[type]);
+        if (responses > 0)
+            std::fprintf(stderr, "answers and stray responses: %lu\n", responses.load());
+    }
+    void request(std::size_t type) { ++served_[std::min(type, served_.size() - 1)]; }
+
+    std::atomic<unsigned long> responses{0};
+
+private:
+    std::array<unsigned long, 12> served_{};  // the last one: all others
+};
+
+Tally tally;
+
+/** An answer of the peer. */
+struct Answer {
+    TreflectMessage::kind_t kind = TreflectMessage::kResponse;
+    std::string payload;
+};
+
+/** A stream of `data`, with some unused room. */
+std::string streamOf(std::string const& data) {
+    auto const size = static_cast<std::uint32_t>(data.size());
+    std::string stream;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        stream += static_cast<char>(size >> shift);
+    return stream + data + std::string(data.size() % 3, '\xCC');
+}
+
+class Peer : public Transport::TerminationImpl {
+public:
+    explicit Peer(Transport::GroupId group) : TerminationImpl(group, "peer") {
+        if (start() != 1)
+            std::abort();
+    }
+    ~Peer() override { stop(); }
+
+    bool receive(Transport::AddressedMessage const& addressed) override {
+        TreflectMessage const message(addressed);
+        if (message.kind() == TreflectMessage::kRequest) {
+            answer(message);
+        } else if (message.kind() == TreflectMessage::kResponse) {
+            std::lock_guard<std::mutex> const lock(mutex_);
+            responded_.insert(message.transactionId());
+            changed_.notify_all();
+        }
+        return true;
+    }
+    bool receiveError(Transport::AddressedMessage const&) override { return true; }
+    void appeared(Transport::Termination&) override {}
+    void disappeare(Transport::Termination&) override {}
+
+    void begin() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        answers_.clear();
+        responded_.clear();
+    }
+    void willAnswer(Answer answer) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        answers_.push_back(std::move(answer));
+    }
+    TreflectMessage make(unsigned int id, unsigned int type, TreflectMessage::kind_t kind,
+                         std::string const& payload) {
+        TreflectMessage message(allocateMessage(
+            TreflectMessage::kHeaderSize + std::max<std::size_t>(payload.size(), 4), 5));
+        message.transactionId(id);
+        message.type(static_cast<TreflectMessage::type_t>(type));
+        message.kind(kind);
+        std::memcpy(message.buf(), payload.data(), payload.size());
+        return message;
+    }
+    void send(Transport::TerminationId to, Transport::AddressedMessage message) {
+        Transport::Termination(to).issue(message);
+    }
+    void awaitResponse(unsigned int id) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return responded_.count(id) != 0; });
+    }
+
+private:
+    void answer(TreflectMessage const& request) {
+        Answer answer{TreflectMessage::kResponse, streamOf({})};
+        {
+            std::lock_guard<std::mutex> const lock(mutex_);
+            if (!answers_.empty()) {
+                answer = std::move(answers_.front());
+                answers_.pop_front();
+            }
+        }
+        ++tally.responses;
+        send(
+            request.originator(),
+            make(request.transactionId(), request.type(), answer.kind, answer.payload).addressed());
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Answer> answers_;        // guarded by mutex_
+    std::set<unsigned int> responded_;  // guarded by mutex_
+};
+
+/** Calls that are running in objects, which must not be destroyed meanwhile. */
+std::atomic<int> running{0};
+
+struct Running {
+    Running() { ++running; }
+    ~Running() { --running; }
+    Running(Running const&) = delete;
+    Running& operator=(Running const&) = delete;
+};
+
+class Device : public CombiObject {
+public:
+    Device(std::string const& name, TreflectObject const* parent) : CombiObject(name, parent) {
+        release();
+    }
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        Running const now;
+        return CombiObject::dispatch(withResponse, cc, mc, in, out);
+    }
+};
+
+class Watcher : public TreflectObserver {
+public:
+    Watcher() : TreflectObserver(TipprmiOID("watcher", NSID_UNIT), nullptr, "watcher") {}
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        Running const now;
+        return TreflectObserver::dispatch(withResponse, cc, mc, in, out);
+    }
+    bool update() override {
+        TipprmiSequence<TipprmiAny, 0u> values = arguments();
+        std::string text;
+        for (unsigned int i = 0; i < std::min(values.getLength(), 4u); ++i)
+            values[i].extract(text);
+        return text != "no";
+    }
+};
+
+/** The objects of one input. Made and destroyed holding the run permission. */
+struct Objects {
+    Device house{"house", nullptr};
+    Device kitchen{"kitchen", house.getClient()};
+    Device stove{"stove", kitchen.getClient()};
+    Watcher watcher;
+
+    TreflectServerObject& operator[](unsigned int i) {
+        TreflectServerObject* const all[] = {&house, &kitchen, &stove, &watcher};
+        return *all[i % 4];
+    }
+};
+
+/** What the program does with an object `target`: something that depends on `which`. */
+class Use {
+public:
+    Use(Objects& objects, TreflectObject& target, std::string const& argument)
+        : objects_(objects), target_(target), argument_(argument) {}
+
+    void operator()(unsigned int which) {
+        switch (which % 12) {
+            case 0:
+                target_.getAbsName();
+                break;
+            case 1:
+                target_.getChild(target_.getRelName());
+                break;
+            case 2:
+                walk();
+                break;
+            case 3:
+                target_.registerChild(argument_, target_);
+                target_.unregisterChild(argument_);
+                break;
+            case 4:
+                invoke();
+                break;
+            case 5:
+                attributes();
+                break;
+            case 6:
+                watchCalls();
+                break;
+            case 7:
+                watchObjects();
+                break;
+            case 8:
+                TreflectORB::getInstance(NSID_UNIT)->getBrokers();
+                break;
+            case 9:
+                TreflectObject(TipprmiOID(argument_, NSID_UNIT)).meta();
+                break;
+            case 10:
+                objects_.house.sendCreationEvent();
+                objects_.house.sendDeletionEvent();
+                break;
+            default:
+                call();
+                break;
+        }
+    }
+
+private:
+    void walk() {
+        TipprmiSequence<TreflectObject, 0u> const children = target_.getChilds();
+        for (unsigned int i = 0; i < std::min(children.getLength(), 4u); ++i)
+            children[i].meta();
+        target_.getParent().getRelName();
+    }
+    void invoke() {
+        TreflectOperation& operation =
+            target_.operation(argument_.empty() ? "getCrowd" : argument_);
+        TipprmiSequence<TipprmiAny, 0u> arguments;
+        arguments.setLength(1);
+        arguments[0].insert(3u);
+        auto const results = operation.invoke(arguments);
+        if (!results || operation.isError())
+            return;
+        std::vector<TreflectParameterType> const types = operation.meta()->resultTypes();
+        for (unsigned int i = 0; i < results.value().getLength(); ++i)
+            types[i % types.size()].print(results.value()[i]);
+    }
+    template <class Value>
+    void exchange(char const* name) {
+        TreflectAttribute& attribute = target_.attribute(name);
+        Value value{};
+        attribute.get(value);
+        attribute.set(value);
+    }
+    void attributes() {
+        switch (argument_.size() % 8) {
+            case 0:
+                exchange<unsigned int>("Level");
+                break;
+            case 1:
+                exchange<std::string>("Label");
+                break;
+            case 2:
+                exchange<TipprmiAny>("Extra");
+                break;
+            case 3:
+                exchange<TipprmiSequence<unsigned int, 0u>>("Codes");
+                break;
+            case 4:
+                exchange<Colour>("Colour");
+                break;
+            case 5:
+                exchange<TreflectObject>("Next");
+                break;
+            case 6: {
+                bool lit = false;
+                target_.attribute("Switches")[2].get(lit);
+                target_.attribute("Others")[1].attribute("Level").get(objects_.house.level);
+                break;
+            }
+            default:
+                exchange<TipprmiSequence<TreflectObject, 0u>>("Crowd");
+                break;
+        }
+    }
+    void watchCalls() {
+        TreflectOperation& operation = target_.operation("setLevel");
+        operation.preObserve(&objects_.watcher);
+        operation.postObserve(&objects_.watcher);
+        target_.attribute("Level").set(5u);
+        operation.removeObserver(&objects_.watcher);
+    }
+    void watchObjects() {
+        TreflectMetaObject* const lamps =
+            InterfaceRepository::instance()->findInterface(lamp::kClass);
+        lamps->observeCreations(&objects_.watcher, true);
+        lamps->observeDeletions(&objects_.watcher);
+        lamps->removeObserver(&objects_.watcher);
+    }
+    void call() {
+        tipprmiCall<TipprmiSequence<TipprmiAny, 0u>>(target_, lamp::kClass, lamp::kCodes,
+                                                     argument_);
+    }
+
+    Objects& objects_;
+    TreflectObject& target_;
+    std::string const& argument_;
+};
+
+/** A broker and its peer. */
+class Stage {
+public:
+    Stage() : broker_(TreflectORB::getInstance(NSID_UNIT)->termId()), peer_(broker_.groupId()) {}
+
+    void play(fuzz::Script script) {
+        peer_.begin();
+        {
+            TreflectHandlerState const inside(true);
+            objects_.emplace();
+        }
+        for (int i = 0; i < kMostSteps && script.more(); ++i)
+            take(script);
+        settle();
+        TreflectHandlerState const inside(true);
+        objects_.reset();
+    }
+
+private:
+    static constexpr int kMostSteps = 24;
+
+    TreflectORB& orb() const { return *TreflectORB::getInstance(NSID_UNIT); }
+
+    void take(fuzz::Script& script) {
+        unsigned char const head = script.byte();
+        auto const step = static_cast<unsigned char>((head & kStepBits) % kSteps);
+        std::string const text = filledIn(script.text());
+        std::string const payload = (head & kRaw) != 0 ? text : streamOf(text);
+        switch (step) {
+            case kResponse:
+            case kNoDestination:
+                ++tally.responses;
+                deliver(peer_.make(idIn(text), TreflectMessage::tPayload,
+                                   step == kResponse ? TreflectMessage::kResponse
+                                                     : TreflectMessage::kNoDestination,
+                                   payload));
+                break;
+            case kAnswer:
+                peer_.willAnswer({TreflectMessage::kResponse, payload});
+                break;
+            case kUndeliverable:
+                peer_.willAnswer({TreflectMessage::kNoDestination, payload});
+                break;
+            case kWholeMessage:
+                deliverWhole(text);
+                break;
+            case kUse:
+                use(text);
+                break;
+            case kOneWay:
+                deliver(peer_.make(++lastId_, TreflectMessage::tPayload, TreflectMessage::kMsg,
+                                   payload));
+                break;
+            default:
+                deliver(peer_.make(++lastId_, step, TreflectMessage::kRequest, payload));
+                break;
+        }
+    }
+
+    /** The numbers that nobody can know before. */
+    std::uint32_t number(unsigned char which, unsigned char k) {
+        constexpr unsigned int kClasses[] = {device::kClass, lamp::kClass, heater::kClass,
+                                             combi::kClass, TreflectObserverSkeleton::kClassId};
+        switch (which % 4) {
+            case 0:
+                return (*objects_)[k].getInternalOID();
+            case 1:
+                return orb().orbId().value();
+            case 2:
+                return orb().convertId(peer_.termId()).value();
+            default:
+                return kClasses[k % std::size(kClasses)];
+        }
+    }
+    std::string filledIn(std::string text) {
+        for (std::size_t at = text.find("\xFE\xED");
+             at != std::string::npos && at + 4 <= text.size(); at = text.find("\xFE\xED", at + 4)) {
+            std::uint32_t const value = number(static_cast<unsigned char>(text[at + 2]),
+                                               static_cast<unsigned char>(text[at + 3]));
+            for (std::size_t i = 0; i < 4; ++i)
+                text[at + i] = static_cast<char>(value >> (24 - 8 * i));
+        }
+        return text;
+    }
+    static unsigned int idIn(std::string const& text) {
+        fuzz::Script digits(reinterpret_cast<std::uint8_t const*>(text.data()), text.size());
+        return digits.number();
+    }
+
+    /** Hands a message in, and waits until it has been served. */
+    void deliver(TreflectMessage message) {
+        bool const answered = isAnswered(message);
+        if (message.kind() <= TreflectMessage::kRequest)
+            tally.request(message.type());
+        peer_.send(broker_, message.addressed());
+        if (answered)
+            peer_.awaitResponse(message.transactionId());
+        else
+            passThrough();
+    }
+    void deliverWhole(std::string const& bytes) {
+        Transport::AddressedMessage whole =
+            peer_.allocateMessage(std::max<std::size_t>(bytes.size(), 1), 5);
+        std::memcpy(whole.buf(), bytes.data(), bytes.size());
+        if (bytes.size() < TreflectMessage::kHeaderSize + 4) {
+            peer_.send(broker_, whole);
+            return;
+        }
+        TreflectMessage message(whole);
+        // That one ends the process, as it must.
+        if (message.kind() == TreflectMessage::kResponseFailure)
+            return;
+        if (message.kind() != TreflectMessage::kResponse)
+            message.transactionId(++lastId_);
+        deliver(message);
+    }
+    static bool isAnswered(TreflectMessage const& message) {
+        if (message.kind() == TreflectMessage::kResponse ||
+            message.kind() == TreflectMessage::kNoDestination)
+            return false;
+        switch (message.type()) {
+            case TreflectMessage::tPayload: {
+                TipprmiStream stream(message, false);
+                unsigned int ioid = 0;
+                bool transaction = false;
+                stream >> ioid >> transaction;
+                return transaction;
+            }
+            case TreflectMessage::tUndef:
+            case TreflectMessage::tOrbAppeared:
+                return false;
+            default:
+                return message.type() <= TreflectMessage::tPerfCounters;
+        }
+    }
+    /** What was sent before has been taken up when a search is answered. */
+    void passThrough() { exchange(TreflectMessage::tResolve, std::string(8, '\0')); }
+
+    void exchange(TreflectMessage::type_t type, std::string const& data) {
+        peer_.send(
+            broker_,
+            peer_.make(++lastId_, type, TreflectMessage::kRequest, streamOf(data)).addressed());
+        peer_.awaitResponse(lastId_);
+    }
+
+    void use(std::string const& text) {
+        if (text.empty())
+            return;
+        auto const which = static_cast<unsigned char>(text[0]);
+        TreflectHandlerState const inside(true);
+        TreflectObject target;
+        if (which < 0x80) {
+            TipprmiStream stream(100);
+            stream << TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT) << kPeersObject
+                   << orb().convertId(peer_.termId()).value();
+            stream >> target;
+        } else {
+            target = *objects_->house.getClient();
+        }
+        Use(*objects_, target, text.substr(1))(which % 0x80);
+    }
+
+    /** Nothing runs in the objects any more, and nobody is subscribed to their classes. */
+    void settle() {
+        for (unsigned int const id : {lamp::kClass, combi::kClass}) {
+            std::string data;
+            for (int shift = 24; shift >= 0; shift -= 8)
+                data += static_cast<char>(id >> shift);
+            exchange(TreflectMessage::tOCNUnsubscribe, data);
+        }
+        if (!testsupport::eventually([] { return running == 0; }))
+            std::abort();
+    }
+
+    Transport::TerminationId const broker_;
+    Peer peer_;
+    std::optional<Objects> objects_;
+    unsigned int lastId_ = 0;
+};
+
+std::unique_ptr<Stage> stage;
+
+void runBroker(std::uint8_t const* data, std::size_t size) {
+    static unsigned int inputs = 0;
+    if (inputs++ % kInputsPerBroker == 0) {
+        stage.reset();
+        TreflectORB::prepareForDeletion();
+        stage = std::make_unique<Stage>();
+    }
+    stage->play(fuzz::Script(data, size));
+}
+
+}  // namespace
+
+FUZZ_TARGET(broker, runBroker)

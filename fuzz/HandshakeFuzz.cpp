@@ -1,0 +1,434 @@
+// A termination, and a peer that owns an entry of the rendezvous folder but does everything else by
+// hand: packets, descriptors, shared memory and files of the folder of unknown origin.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "FuzzProcess.h"
+#include "Script.h"
+#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "transport.h"
+
+namespace {
+
+using namespace Transport;
+
+/** An input: the peer's group, then steps, each with the operands that its function takes. */
+enum Step : unsigned char {
+    kConnect,    // once more, as another one of those who connect
+    kHello,      // a good one, and what it brings
+    kAccept,     // what the termination connects
+    kPacket,     // with wrong fields or descriptors
+    kBytes,      // no packet at all
+    kWriteRing,  // bytes into the peer's ring
+    kStoreWord,  // one of the peer's words in shared memory
+    kFrames,     // good ones
+    kRingBell,
+    kSend,  // the termination sends to the peer
+    kHangUp,
+    kFolderFile,  // beside the entries
+    kPresence,    // what the shared file of the folder says
+    kSteps
+};
+
+constexpr GroupId kGroup = 3;
+constexpr int kMostSteps = 40;
+/** Milliseconds that the termination may take to connect. */
+constexpr int kConnecting = 20;
+
+/** Counts what it gets. */
+class Own : public TerminationImpl {
+public:
+    Own() : TerminationImpl(kGroup, "own") {
+        if (start() != 1)
+            std::abort();
+    }
+    ~Own() override { stop(); }
+
+    bool receive(AddressedMessage const& message) override {
+        for (std::size_t i = 0; i < message.size(); ++i)
+            sum_ += message.buf()[i];
+        return true;
+    }
+    bool receiveError(AddressedMessage const& message) override { return receive(message); }
+    void appeared(Termination&) override {}
+    void disappeare(Termination&) override {}
+
+private:
+    std::atomic<unsigned int> sum_{0};
+};
+
+bool isReadable(int fd, int milliseconds) {
+    pollfd poll{fd, POLLIN, 0};
+    return ::poll(&poll, 1, milliseconds) == 1;
+}
+
+/** One connection, with what each side has given the other. */
+struct Connection {
+    Descriptor socket;
+    OwnSide own;
+    PeerSide peer;
+    bool ended = false;  // by the termination
+
+    /** Takes all packets that are there; waits for the first one. */
+    void hear(int milliseconds) {
+        while (!ended && isReadable(socket.get(), milliseconds)) {
+            ReceivedPacket received;
+            Transfer const transfer = receivePacket(socket.get(), received);
+            if (transfer == Transfer::Later)
+                return;
+            ended = transfer != Transfer::Done;
+            if (!ended && received.file.valid() && received.bell.valid())
+                peer = PeerSide::of(received);
+            milliseconds = 0;
+        }
+    }
+};
+
+class Peer {
+public:
+    Peer(TerminationId to, GroupId group)
+        : to_(to),
+          id_(Rendezvous::instance().reserve(group, "peer")),
+          listening_(Rendezvous::instance().publish(id_)) {}
+    /** The termination has closed each connection when this is over. */
+    ~Peer() {
+        Rendezvous::instance().withdraw(id_);
+        accept(0);
+        for (Connection& connection : connections_) {
+            ::shutdown(connection.socket.get(), SHUT_WR);
+            while (!connection.ended)
+                connection.hear(-1);
+        }
+    }
+
+    TerminationId id() const { return id_; }
+
+    void connect() {
+        Descriptor socket(Rendezvous::instance().connectTo(to_));
+        if (!socket.valid())
+            return;
+        connections_.emplace_back();
+        connections_.back().socket = std::move(socket);
+    }
+    void accept(int milliseconds) {
+        while (isReadable(listening_.get(), milliseconds)) {
+            connections_.emplace_back();
+            connections_.back().socket =
+                Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            connections_.back().hear(50);
+            milliseconds = 0;
+        }
+    }
+    /** The one that the next steps are about; null when there is none. */
+    Connection* last() { return connections_.empty() ? nullptr : &connections_.back(); }
+    Packet packet(unsigned int kind, std::uint32_t capacity = kSmallestRing) const {
+        return {kMagic,      kProtocolVersion, static_cast<std::uint16_t>(kind),
+                id_.value(), to_.value(),      kLayoutCheck,
+                capacity};
+    }
+
+private:
+    TerminationId const to_;
+    TerminationId const id_;
+    Descriptor const listening_;
+    std::vector<Connection> connections_;
+};
+
+Descriptor fileOf(unsigned char which, std::uint32_t capacity, Connection& connection) {
+    switch (which % 6) {
+        case 0:
+            return Descriptor(::fcntl(connection.own.file.get(), F_DUPFD_CLOEXEC, 0));
+        case 1:
+            return makeSealedFile(capacity % (2 * kLargestRing));
+        case 2:
+            return makeSealedFile(kRingOffset + kSmallestRing - 1);
+        case 3: {  // can be cut short at any time
+            Descriptor file(::memfd_create("unsealed", MFD_CLOEXEC));
+            if (::ftruncate(file.get(), kRingOffset + kSmallestRing) != 0)
+                std::abort();
+            return file;
+        }
+        case 4:
+            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
+        default:
+            return Descriptor();
+    }
+}
+
+Descriptor bellOf(unsigned char which, Connection& connection) {
+    switch (which % 4) {
+        case 0:
+            return Descriptor(::fcntl(connection.own.bell.get(), F_DUPFD_CLOEXEC, 0));
+        case 1: {  // it could block whoever rings it
+            Descriptor full(::eventfd(0, EFD_CLOEXEC));
+            std::uint64_t const most = ~std::uint64_t{1};
+            if (::write(full.get(), &most, sizeof most) != sizeof most)
+                std::abort();
+            return full;
+        }
+        case 2:
+            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
+        default:
+            return Descriptor();
+    }
+}
+
+/** One input. */
+class Session {
+public:
+    Session(Own& own, fuzz::Script& script)
+        : own_(own),
+          script_(script),
+          peer_(own.termId(), static_cast<GroupId>(script.byte() % 6)) {}
+    ~Session() {
+        for (std::string const& file : files_)
+            std::filesystem::remove(file, ignored_);
+    }
+
+    void take() {
+        unsigned char const step = script_.byte() % kSteps;
+        switch (step) {
+            case kConnect:
+                peer_.connect();
+                break;
+            case kAccept:
+                peer_.accept(sent_ ? kConnecting : 0);
+                sent_ = false;
+                break;
+            case kSend:
+                send();
+                sent_ = true;
+                break;
+            case kFolderFile:
+                addFile();
+                break;
+            case kPresence:
+                spoilPresence();
+                break;
+            default:
+                if (!peer_.last())
+                    peer_.connect();
+                if (Connection* const connection = peer_.last())
+                    take(step, *connection);
+                break;
+        }
+    }
+
+private:
+    void take(unsigned char step, Connection& connection) {
+        switch (step) {
+            case kHello:
+                connection.own = OwnSide::make();
+                sendPacket(connection.socket.get(), peer_.packet(Packet::Hello),
+                           connection.own.file.get(), connection.own.bell.get());
+                connection.hear(1000);
+                break;
+            case kPacket:
+                sendOddPacket(connection);
+                break;
+            case kBytes: {
+                std::string const bytes = script_.text();
+                ::send(connection.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+                break;
+            }
+            case kHangUp:
+                ::shutdown(connection.socket.get(), SHUT_WR);
+                break;
+            default:
+                if (connection.own.valid())
+                    share(step, connection);
+                break;
+        }
+    }
+
+    void sendOddPacket(Connection& connection) {
+        if (!connection.own.valid())
+            connection.own = OwnSide::make();
+        Packet packet = peer_.packet(script_.byte() % 9);
+        unsigned char const odd = script_.byte();
+        if ((odd & 1) != 0)
+            packet.ringCapacity = script_.number();
+        if ((odd & 2) != 0)
+            packet.ringCapacity = kSmallestRing << script_.byte() % 8;
+        if ((odd & 4) != 0)
+            packet.from = script_.number();
+        if ((odd & 8) != 0)
+            packet.to ^= script_.byte();
+        if ((odd & 16) != 0)
+            packet.version ^= script_.byte();
+        if ((odd & 32) != 0)
+            packet.layoutCheck ^= script_.number();
+        bool const ring = packet.kind == Packet::NextRing;
+        unsigned char const kinds = script_.byte();
+        Descriptor const file =
+            fileOf(static_cast<unsigned char>(kinds & 15),
+                   ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset, connection);
+        Descriptor const bell = bellOf(static_cast<unsigned char>(kinds >> 4), connection);
+        sendPacket(connection.socket.get(), packet, file.get(), bell.get());
+        connection.hear((odd & 64) != 0 ? 5 : 0);
+    }
+
+    /** What the peer does in shared memory. */
+    void share(unsigned char step, Connection& connection) {
+        ControlPage& page = connection.own.page();
+        unsigned char* const ring = connection.own.ring.mapping.data();
+        switch (step) {
+            case kWriteRing: {
+                std::uint32_t const at = script_.number();
+                std::string const bytes = script_.text();
+                for (std::size_t i = 0; i < bytes.size(); ++i)
+                    ring[(at + i) % kSmallestRing] = static_cast<unsigned char>(bytes[i]);
+                break;
+            }
+            case kStoreWord: {
+                std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
+                                                             &page.wantsSpace};
+                std::atomic<std::uint32_t>& word = *words[script_.byte() % 4];
+                word.store((script_.byte() & 1) != 0 ? script_.number()
+                                                     : word.load() + script_.byte() * 8u);
+                break;
+            }
+            case kFrames:
+                putFrames(page, ring);
+                break;
+            default:
+                break;
+        }
+        if (connection.peer.valid())
+            ringBell(connection.peer.bell.get());
+        settle(connection);
+    }
+    void putFrames(ControlPage& page, unsigned char* ring) {
+        std::uint32_t tail = page.tail.load();
+        for (int left = script_.byte() % 8; left >= 0; --left) {
+            FrameHead const head{script_.byte() * 8u, script_.byte() * 8u};
+            unsigned char const* const bytes = reinterpret_cast<unsigned char const*>(&head);
+            for (std::size_t i = 0; i < sizeof head; ++i)
+                ring[(tail + i) % kSmallestRing] = bytes[i];
+            tail += frameBytes(head.length);
+        }
+        page.tail.store(tail);
+    }
+    /** Until the termination has read the ring, or closed the connection. */
+    static void settle(Connection& connection) {
+        for (int i = 0; i < 200 && !connection.ended; ++i) {
+            if (connection.peer.valid() &&
+                connection.peer.page().head.load() == connection.own.page().tail.load())
+                return;
+            connection.hear(0);
+            std::this_thread::yield();
+        }
+    }
+
+    void send() {
+        int const count = script_.byte() % 16;
+        std::size_t const size = std::size_t{script_.byte()} << script_.byte() % 10;
+        for (int i = 0; i < count; ++i) {
+            AddressedMessage message = own_.allocateMessage(size, 5);
+            if (!message.empty())
+                Termination(peer_.id()).issue(message);
+        }
+    }
+
+    // ---- The folder ----
+
+    static std::string folder() { return std::getenv("TRANSPORT_DIR"); }
+    void addFile() {
+        unsigned char const type = script_.byte();
+        std::string name = script_.text().substr(0, 80);
+        for (char& c : name)
+            if (c == '/' || c == '\0')
+                c = '_';
+        if ((type & 16) != 0)
+            name = hexadecimal(own_.termId().value()) + name;
+        if ((type & 32) != 0)
+            name = hexadecimal(peer_.id().value() ^ 0x01000000u) + name;
+        std::string const path = folder() + "/" + name;
+        if (name.empty() ||
+            std::filesystem::exists(std::filesystem::symlink_status(path, ignored_)))
+            return;
+        files_.push_back(path);
+        switch (type % 4) {
+            case 0:
+                listenAt(path);
+                break;
+            case 1:
+                std::ofstream(path) << "x";
+                break;
+            case 2:
+                std::filesystem::create_directory(path, ignored_);
+                break;
+            default:
+                std::filesystem::create_symlink("presence", path, ignored_);
+                break;
+        }
+        Rendezvous::instance().suspect(peer_.id());
+        scan();
+    }
+    static std::string hexadecimal(std::uint32_t id) {
+        char digits[10];
+        std::snprintf(digits, sizeof digits, "%08x.", id);
+        return digits;
+    }
+    static void listenAt(std::string const& path) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (path.size() >= sizeof address.sun_path)
+            return;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        Descriptor const socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        static_cast<void>(
+            ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
+    }
+    void spoilPresence() {
+        // Whoever closes the file gives up his process's locks on it.
+        static int const file = ::open((folder() + "/presence").c_str(), O_RDWR | O_CLOEXEC);
+        unsigned char const which = script_.byte();
+        std::uint32_t const word = script_.number();
+        bool const done = which % 4 == 3 ? ::ftruncate(file, script_.byte()) == 0
+                                         : ::pwrite(file, &word, sizeof word, which % 4 * 4) > 0;
+        if (!done)
+            std::abort();
+        scan();
+    }
+    /** One more entry comes and goes: the folder is read for it. */
+    static void scan() {
+        TerminationId const id = Rendezvous::instance().reserve(GroupId{1}, "passing");
+        Descriptor const listening(Rendezvous::instance().publish(id));
+        for (TerminationId const other : Rendezvous::instance().terminations())
+            Rendezvous::instance().ownedBy(other, ::getpid());
+        Rendezvous::instance().withdraw(id);
+    }
+
+    Own& own_;
+    fuzz::Script& script_;
+    Peer peer_;
+    bool sent_ = false;  // by the termination, and nothing accepted since
+    std::vector<std::string> files_;
+    std::error_code ignored_;
+};
+
+void runHandshake(std::uint8_t const* data, std::size_t size) {
+    static Own own;
+    fuzz::Script script(data, size);
+    Session session(own, script);
+    for (int i = 0; i < kMostSteps && script.more(); ++i)
+        session.take();
+}
+
+}  // namespace
+
+FUZZ_TARGET(handshake, runHandshake)
