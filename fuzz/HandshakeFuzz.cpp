@@ -17,7 +17,8 @@
 
 #include "FuzzProcess.h"
 #include "Script.h"
-#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Bell.h"
+#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "transport.h"
 
