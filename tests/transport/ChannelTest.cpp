@@ -4,59 +4,14 @@
 
 #include <csignal>
 #include <memory>
-#include <sstream>
-#include <thread>
 
-#include "ChildProgram.h"
-#include "LogCapture.h"
+#include "Peer.h"
 #include "RendezvousFolder.h"
-#include "TestPrograms.h"
-#include "TestTermination.h"
-#include "Waiting.h"
 
 namespace transporttest {
 namespace {
 
-using testsupport::ChildProgram;
 using Transport::kLargestMessage;
-
-/** A child program with its termination. */
-class Peer {
-public:
-    Peer() : Peer(testsupport::programCommand("transport_peer")) {}
-    explicit Peer(std::vector<std::string> const& command) : program_(command) {
-        std::istringstream line(program_.waitForLine("ready ").value_or("ready 0"));
-        std::string word;
-        unsigned int id = 0;
-        line >> word >> std::hex >> id;
-        id_ = id;
-    }
-
-    Transport::TerminationId id() const { return id_; }
-    ChildProgram& program() { return program_; }
-
-    void tell(std::string const& order) { program_.writeLine(order); }
-    void tell(std::string const& verb, Transport::TerminationId to, std::string const& rest) {
-        std::ostringstream line;
-        line << verb << ' ' << std::hex << to.value() << ' ' << rest;
-        tell(line.str());
-    }
-    TestTermination::Tally report() {
-        tell("report");
-        std::istringstream line(program_.waitForLine("report ").value_or(""));
-        std::string word;
-        TestTermination::Tally tally;
-        line >> word >> tally.received >> tally.faults >> tally.returned >> tally.returnedFaults;
-        return tally;
-    }
-    bool waitForReceived(std::uint32_t count) {
-        return testsupport::eventually([&] { return report().received >= count; });
-    }
-
-private:
-    ChildProgram program_;
-    Transport::TerminationId id_;
-};
 
 class ChannelTest : public testing::Test {
 protected:
@@ -84,13 +39,13 @@ TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
     startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
-    ASSERT_TRUE(peer.program().stopWholly());
+    ASSERT_TRUE(peer.child().stopWholly());
     std::uint32_t number = 0;
     // Queued before the channel stands, then by pieces and in rings of every capacity.
     for (int round = 0; round < 200; ++round)
         for (std::size_t const size : {8u, 40u, 3000u, 20'000u, 200'000u})
             ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, number++, size), 1) << number;
-    peer.program().signal(SIGCONT);
+    peer.child().signal(SIGCONT);
     ASSERT_TRUE(peer.waitForReceived(number));
     for (int i = 0; i < 50'000; ++i)
         ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, number++, 8 + i % 500), 1) << number;
@@ -121,8 +76,8 @@ TEST_F(ChannelTest, PeersThatFloodEachOtherLoseNothing) {
     ASSERT_TRUE(meet(first));
     first.tell("flood", second.id(), "100000 200");
     second.tell("flood", first.id(), "100000 200");
-    EXPECT_TRUE(first.program().waitForLine("flooded 100000"));
-    EXPECT_TRUE(second.program().waitForLine("flooded 100000"));
+    EXPECT_TRUE(first.child().waitForLine("flooded 100000"));
+    EXPECT_TRUE(second.child().waitForLine("flooded 100000"));
     EXPECT_TRUE(first.waitForReceived(100'000));
     EXPECT_TRUE(second.waitForReceived(100'000));
     EXPECT_EQ(first.report().faults + second.report().faults, 0u);
@@ -152,7 +107,7 @@ TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimi
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.program().stopWholly());
+    ASSERT_TRUE(peer.child().stopWholly());
     std::uint32_t taken = 0;
     constexpr std::size_t kSize = 256 * 1024;
     while (own_.send(peer.id(), TestHead::Numbered, taken, kSize) == 1)
@@ -162,7 +117,7 @@ TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimi
     Peer other;
     ASSERT_TRUE(meet(other));
     EXPECT_TRUE(own_.ping(other.id(), 2)) << "a full queue disturbs another destination";
-    peer.program().signal(SIGCONT);
+    peer.child().signal(SIGCONT);
     EXPECT_TRUE(peer.waitForReceived(taken));
     EXPECT_EQ(peer.report().faults, 0u);
     EXPECT_EQ(own_.send(peer.id(), TestHead::Numbered, taken), 1);
@@ -173,13 +128,13 @@ TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.program().stopWholly());
+    ASSERT_TRUE(peer.child().stopWholly());
     // In the ring, in larger ones, in pieces and in the queue.
     std::uint32_t taken = 0;
     for (std::size_t const size : {100u, 100u, 10'000u, 100'000u, 900'000u, 2'000'000u, 100u})
         taken += own_.send(peer.id(), TestHead::Numbered, taken, size) == 1;
     ASSERT_EQ(taken, 7u);
-    peer.program().kill();
+    peer.child().kill();
     EXPECT_TRUE(own_.waitForReturned(taken));
     EXPECT_TRUE(own_.waitUntilGone(peer.id()));
     EXPECT_EQ(own_.tally().returned, taken);
@@ -197,7 +152,7 @@ TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
         std::uint32_t const before = own_.tally().received;
         peer->tell("blast", own_.termId(), std::to_string(size));
         ASSERT_TRUE(own_.waitForReceived(before + 20));
-        peer->program().kill();
+        peer->child().kill();
         EXPECT_TRUE(own_.waitUntilGone(peer->id()));
         EXPECT_TRUE(own_.ping(steady.id(), static_cast<std::uint32_t>(size)));
     }
@@ -210,8 +165,8 @@ TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
         Peer peer;
         ASSERT_TRUE(meet(peer));
         peer.tell("flood", own_.termId(), "300 5000");
-        peer.program().closeInput();
-        EXPECT_EQ(peer.program().exitCode(), 0);
+        peer.child().closeInput();
+        EXPECT_EQ(peer.child().exitCode(), 0);
         EXPECT_TRUE(own_.waitForReceived(300 * round));
         EXPECT_TRUE(own_.waitUntilGone(peer.id()));
     }

@@ -9,8 +9,8 @@
 #include <functional>
 #include <vector>
 
-#include "ChildProgram.h"
 #include "LogCapture.h"
+#include "Peer.h"
 #include "RendezvousFolder.h"
 #include "TestTermination.h"
 #include "Waiting.h"
@@ -196,14 +196,13 @@ TEST_F(HandshakeTest, ManyWhoSayNothingMakeRoomForOthersTheOldestFirst) {
 }
 
 TEST_F(HandshakeTest, AProcessCannotClaimATerminationOfAnother) {
-    testsupport::ChildProgram child("transport_peer");
-    std::string const ready = child.waitForLine("ready ").value_or("ready 0");
+    Peer const child;
     Packet claim{kMagic,       kProtocolVersion, Packet::Hello, 0, own_.termId().value(),
                  kLayoutCheck, kSmallestRing};
     HandMadePeer peer;
-    for (unsigned long const id : {std::stoul(ready.substr(6), nullptr, 16), 0x03010ABCul}) {
+    for (unsigned int const id : {child.id().value(), 0x03010ABCu}) {
         ASSERT_TRUE(peer.connect(own_.termId()));
-        claim.from = static_cast<std::uint32_t>(id);
+        claim.from = id;
         sendPacket(peer.socket(), claim);
         EXPECT_TRUE(peer.isDropped());
     }
@@ -317,9 +316,8 @@ TEST_F(HandshakeTest, APeerThatNeverAnswersHoldsNothingUp) {
 
 TEST_F(HandshakeTest, IdleChannelsAreGivenBackAndMadeAgain) {
     Receiver::idleLookInterval(2'000'000);
-    testsupport::ChildProgram child("transport_peer");
-    std::string const ready = child.waitForLine("ready ").value_or("ready 0");
-    TerminationId const peer(static_cast<unsigned>(std::stoul(ready.substr(6), nullptr, 16)));
+    Peer child;
+    TerminationId const peer = child.id();
     ASSERT_TRUE(own_.waitUntilKnown(peer));
     std::size_t const before = openBells();
     std::uint32_t number = 0;
@@ -334,8 +332,7 @@ TEST_F(HandshakeTest, IdleChannelsAreGivenBackAndMadeAgain) {
             ASSERT_EQ(own_.send(peer, TestHead::Numbered, number++, 200), 1);
     }
     EXPECT_TRUE(own_.ping(peer, 1000)) << "the answer comes after all that was sent before";
-    child.writeLine("report");
-    EXPECT_EQ(child.waitForLine("report "), "report 400 0 0 0");
+    EXPECT_EQ(child.ask("report", "report"), "400 0 0 0");
     EXPECT_EQ(own_.tally().returned, 0u);
 }
 

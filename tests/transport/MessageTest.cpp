@@ -5,16 +5,13 @@
 #include <vector>
 
 #include "platform/transport/MessagePool.h"
-#include "platform/transport/MessageQueue.h"
 #include "transport/AddressedMessage.h"
 
 namespace transporttest {
 namespace {
 
 using Transport::AddressedMessage;
-using Transport::kLargestMessage;
 using Transport::MessagePool;
-using Transport::MessageQueue;
 
 bool isZero(AddressedMessage const& message) {
     return std::all_of(message.buf(), message.buf() + message.size(),
@@ -35,28 +32,6 @@ TEST(MessageTest, BuffersAreZeroAlsoWhenTheyWereUsedBefore) {
             message.destination(2u);
         }
     }
-}
-
-TEST(MessageTest, TheLargestSizeIsAllocatedAndOneByteMoreIsNot) {
-    EXPECT_EQ(AddressedMessage::allocate(kLargestMessage).size(), kLargestMessage);
-    EXPECT_TRUE(AddressedMessage::allocate(kLargestMessage + 1).empty());
-    EXPECT_TRUE(AddressedMessage::allocate(static_cast<std::size_t>(-1)).empty());
-}
-
-TEST(MessageTest, CopiesShareTheBufferUntilTheLastIsGone) {
-    AddressedMessage first = AddressedMessage::allocate(16);
-    AddressedMessage second = first;
-    AddressedMessage third;
-    EXPECT_TRUE(third.empty());
-    EXPECT_EQ(third.size(), 0u);
-    third = second;
-    third.buf()[3] = 7;
-    third.originator(0x03010001u);
-    EXPECT_EQ(first.buf()[3], 7);
-    EXPECT_EQ(second.originator().value(), 0x03010001u);
-    first = AddressedMessage();
-    second = std::move(third);
-    EXPECT_EQ(second.buf()[3], 7);
 }
 
 TEST(MessageTest, ASoleOwnerExtendsInPlaceWithinTheReservedRoom) {
@@ -80,26 +55,6 @@ TEST(MessageTest, ASoleOwnerExtendsInPlaceWithinTheReservedRoom) {
     EXPECT_EQ(message.size(), 600u);
     EXPECT_FALSE(AddressedMessage::allocate(10).extend(100'000));
     EXPECT_FALSE(AddressedMessage().extend(0));
-}
-
-TEST(MessageTest, QueuesKeepOrderAndKnowTheirWeight) {
-    MessageQueue queue;
-    for (unsigned char i = 0; i < 5; ++i) {
-        AddressedMessage message = AddressedMessage::allocate(100u + i);
-        message.buf()[0] = i;
-        queue.push(std::move(message));
-    }
-    EXPECT_EQ(queue.count(), 5u);
-    EXPECT_EQ(queue.bytes(), 5 * MessageQueue::weight(0) + 510);
-    MessageQueue other;
-    other.push(AddressedMessage::allocate(1));
-    other.append(queue);
-    EXPECT_TRUE(queue.empty());
-    EXPECT_EQ(other.pop().size(), 1u);
-    for (unsigned char i = 0; i < 5; ++i)
-        EXPECT_EQ(other.pop().buf()[0], i);
-    EXPECT_TRUE(other.pop().empty());
-    EXPECT_EQ(other.bytes(), 0u);
 }
 
 /** One thread allocates, another one frees, `rounds` times. */

@@ -1,48 +1,31 @@
 #pragma once
 
-#include <sys/un.h>
-
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "ChildProgram.h"
-#include "TestPrograms.h"
+#include "ActorProgram.h"
 
 /** The test's side of the program presence_actor: sends commands and reads answers. */
-class PresenceActor {
+class PresenceActor : public testsupport::ActorProgram {
 public:
-    using Environment = testsupport::ChildProgram::Environment;
+    explicit PresenceActor(Environment const& environment = {},
+                           Command const& command = testsupport::programCommand("presence_actor"))
+        : ActorProgram(command, environment) {}
 
-    explicit PresenceActor(
-        Environment const& environment = {},
-        std::vector<std::string> const& command = testsupport::programCommand("presence_actor"))
-        : child_(command, {}, environment) {}
-
-    testsupport::ChildProgram& child() { return child_; }
-
-    /** The line that answers `command` and begins with `answer`. */
-    std::string ask(std::string const& command, std::string const& answer) {
-        child_.writeLine(command);
-        return child_.waitForLine(answer).value_or("no answer to " + command);
-    }
-    bool set(std::string const& command) { return ask(command, "set ") == "set yes"; }
+    bool set(std::string const& command) { return ask(command, "set") == "yes"; }
     /** Eight hexadecimal digits; zeros when the termination was refused. */
-    std::string start(int group = 3) {
-        return ask("start " + std::to_string(group), "started ").substr(8);
-    }
+    std::string start(int group = 3) { return ask("start " + std::to_string(group), "started"); }
     void stop(std::string const& id) { ask("stop " + id, "stopped"); }
     /** "COUNT HASH agree 0" when all is well. */
-    std::string view() { return ask("view", "view ").substr(5); }
+    std::string view() { return ask("view", "view"); }
     std::size_t known() { return std::stoul(view()); }
 
     /** When this actor was told of `id`, in nanoseconds of the monotonic clock. */
     std::optional<long long> told(std::string const& what, std::string const& id) const {
-        for (std::string const& line : child_.lines()) {
+        for (std::string const& line : child().lines()) {
             std::istringstream words(line);
             std::string kind;
             std::string listener;
@@ -58,12 +41,9 @@ public:
     }
     std::size_t timesTold(std::string const& what, std::string const& id) const {
         std::size_t count = 0;
-        for (std::string const& line : child_.lines())
+        for (std::string const& line : child().lines())
             if (line.rfind(what, 0) == 0 && line.find(" " + id + " ", what.size() + 9) != line.npos)
                 ++count;
         return count;
     }
-
-private:
-    testsupport::ChildProgram child_;
 };

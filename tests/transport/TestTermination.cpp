@@ -123,9 +123,4 @@ bool TestTermination::waitUntilGone(Transport::TerminationId id) const {
     return waitFor([this, id] { return gone_.count(id.value()) != 0; });
 }
 
-bool TestTermination::knows(Transport::TerminationId id) const {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    return known_.count(id.value()) != 0;
-}
-
 }  // namespace transporttest

@@ -54,7 +54,6 @@ public:
     bool waitForReturned(std::uint32_t count) const;
     bool waitUntilKnown(Transport::TerminationId id) const;
     bool waitUntilGone(Transport::TerminationId id) const;
-    bool knows(Transport::TerminationId id) const;
 
 private:
     template <class Condition>

@@ -27,18 +27,16 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <set>
-#include <sstream>
 #include <thread>
 
+#include "ActorSide.h"
 #include "oswrap/Clock.h"
 #include "platform/transport/IdentityValues.h"
 #include "platform/transport/local/Rendezvous.h"
@@ -47,6 +45,7 @@
 
 namespace {
 
+using testsupport::answer;
 using Transport::Rendezvous;
 using Transport::TerminationId;
 
@@ -74,13 +73,6 @@ private:
         return ids;
     }
 };
-
-void say(std::string const& line) {
-    static std::mutex mutex;
-    std::lock_guard<std::mutex> const lock(mutex);
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
 
 std::string hex(TerminationId id) {
     char text[12];
@@ -136,8 +128,8 @@ private:
             entry->second = present;
         }
         if (!quiet)
-            say(what + hex(id_) + " " + hex(id) + " " +
-                std::to_string(OSWrap::Clock::nowNanoseconds()));
+            answer(what + hex(id_) + " " + hex(id) + " " +
+                   std::to_string(OSWrap::Clock::nowNanoseconds()));
     }
 
     TerminationId const id_;
@@ -161,8 +153,8 @@ void view(Seats const& seats) {
         agree = agree && seat->agrees(known);
         errors += seat->errors();
     }
-    say("view " + std::to_string(known.size()) + " " + std::to_string(hash) +
-        (agree ? " agree " : " differ ") + std::to_string(errors));
+    answer("view " + std::to_string(known.size()) + " " + std::to_string(hash) +
+           (agree ? " agree " : " differ ") + std::to_string(errors));
 }
 
 void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
@@ -182,7 +174,7 @@ void churn(Seats& seats, unsigned keep, unsigned rounds) {
     std::thread other([&] { churn(seats, 0, keep / 2, rounds / 2); });
     churn(seats, keep / 2, keep, rounds - rounds / 2);
     other.join();
-    say("churned");
+    answer("churned");
 }
 
 /** Has the kernel refuse process handles to this process, as an old one would. */
@@ -211,12 +203,12 @@ bool obeyAbout(std::string const& command, std::string const& value, unsigned nu
     TerminationId const id(static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 16)));
     if (command == "suspect") {
         Rendezvous::instance().suspect(id);
-        say("suspected");
+        answer("suspected");
     } else if (command == "owned") {
         bool const owned = Rendezvous::instance().ownedBy(id, static_cast<pid_t>(number));
-        say(owned ? "owned yes" : "owned no");
+        answer(owned ? "owned yes" : "owned no");
     } else if (command == "connect") {
-        say(connects(id) ? "connect yes" : "connect no");
+        answer(connects(id) ? "connect yes" : "connect no");
     } else {
         return false;
     }
@@ -239,7 +231,7 @@ void forkChild(Seats const& seats) {
     }
     int status = -1;
     ::waitpid(child, &status, 0);
-    say("forked " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1));
+    answer("forked " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1));
 }
 
 void countInheritable() {
@@ -250,7 +242,7 @@ void countInheritable() {
         if (number > 2 && flags >= 0 && (flags & FD_CLOEXEC) == 0)
             ++count;
     }
-    say("inheritable " + std::to_string(count));
+    answer("inheritable " + std::to_string(count));
 }
 
 void showIdentity() {
@@ -260,7 +252,7 @@ void showIdentity() {
     for (int slot = 1; slot <= 255; ++slot)
         if (info.axuInSlot(static_cast<unsigned char>(slot)))
             line += " " + std::to_string(slot);
-    say(line + (info.isAxu() ? " axu" : ""));
+    answer(line + (info.isAxu() ? " axu" : ""));
 }
 
 bool configure(std::string const& what, std::string const& value) {
@@ -286,21 +278,19 @@ void stop(Seats& seats, TerminationId id) {
             seats.erase(seat);
             break;
         }
-    say("stopped");
+    answer("stopped");
 }
 
-void obey(std::string const& line, Seats& seats) {
-    std::istringstream words(line);
-    std::string command;
+void obey(std::string const& command, std::istringstream& words, Seats& seats) {
     std::string value;
     unsigned number = 0;
-    words >> command >> value >> number;
+    words >> value >> number;
     if (obeyAbout(command, value, number))
         return;
     if (command == "start") {
         seats.push_back(
             std::make_unique<Seat>(static_cast<Transport::GroupId>(std::atoi(value.c_str()))));
-        say("started " + hex(seats.back()->id()));
+        answer("started " + hex(seats.back()->id()));
     } else if (command == "stop") {
         stop(seats, TerminationId(static_cast<unsigned>(std::stoul(value, nullptr, 16))));
     } else if (command == "churn") {
@@ -308,11 +298,11 @@ void obey(std::string const& line, Seats& seats) {
     } else if (command == "view") {
         view(seats);
     } else if (command == "withoutHandles") {
-        say(refuseProcessHandles() ? "without yes" : "without no");
+        answer(refuseProcessHandles() ? "without yes" : "without no");
     } else if (command == "daemonize") {
         if (::fork() != 0)
             ::_exit(0);
-        say("daemonized " + std::to_string(::getpid()));
+        answer("daemonized " + std::to_string(::getpid()));
     } else if (command == "exec") {
         ::execl("/bin/sleep", "sleep", "1000", nullptr);
     } else if (command == "fork") {
@@ -322,9 +312,9 @@ void obey(std::string const& line, Seats& seats) {
     } else if (command == "identity") {
         showIdentity();
     } else if (command == "become") {
-        say(::setuid(static_cast<uid_t>(std::atoi(value.c_str()))) == 0 ? "became" : "failed");
+        answer(::setuid(static_cast<uid_t>(std::atoi(value.c_str()))) == 0 ? "became" : "failed");
     } else {
-        say(configure(command, value) ? "set yes" : "set no");
+        answer(configure(command, value) ? "set yes" : "set no");
     }
 }
 
@@ -334,7 +324,9 @@ int main() {
     Rendezvous::instance().goneHook(&GoneOnes::note);
     // Those not stopped live until the process ends; static, so that no leak is suspected.
     static Seats& seats = *new Seats;
-    for (std::string line; std::getline(std::cin, line) && line != "quit";)
-        obey(line, seats);
-    return 0;
+    testsupport::obeyLines([](std::string const& command, std::istringstream& words) {
+        if (command != "quit")
+            obey(command, words, seats);
+        return command != "quit";
+    });
 }

@@ -1,21 +1,16 @@
 /**
- * The other process of the transport's tests and measurements: one termination that answers Echo
- * and checks Numbered messages, told what to do by lines on standard input:
+ * The other process of the transport's tests: one termination that answers Echo and checks Numbered
+ * messages, told what to do by lines on standard input:
  *
  *   flood <id> <count> <size>     sends Numbered messages 0 to count-1; "flooded <taken>"
- *   ping <id> <count> <size>      sends Echo and waits, count times; "pinged <p50 ns> <p99 ns>"
  *   report                        "report <received> <faults> <returned> <damaged ones returned>"
  *   blast <id> <size>             sends Numbered messages until it is killed; "blasting"
- *   stop                          stops the termination; "stopped"
  *
  * and the end of input: ends. Its first line is "ready <id>". Ids are hexadecimal.
  */
-#include <algorithm>
-#include <chrono>
 #include <iostream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "TestTermination.h"
 
@@ -45,22 +40,6 @@ void flood(TestTermination& termination, Order const& order) {
         number += termination.send(order.peer, TestHead::Numbered, number, order.size) == 1;
 }
 
-void ping(TestTermination& termination, Order const& order) {
-    std::vector<long long> times;
-    for (std::uint32_t i = 1; i <= order.count; ++i) {
-        auto const start = std::chrono::steady_clock::now();
-        if (!termination.ping(order.peer, i, order.size))
-            break;
-        times.push_back((std::chrono::steady_clock::now() - start).count());
-    }
-    std::sort(times.begin(), times.end());
-    if (times.size() < order.count || times.empty())
-        std::cout << "ping failed" << std::endl;
-    else
-        std::cout << "pinged " << times[times.size() / 2] << ' ' << times[times.size() * 99 / 100]
-                  << std::endl;
-}
-
 void report(TestTermination const& termination) {
     TestTermination::Tally const tally = termination.tally();
     std::cout << "report " << tally.received << ' ' << tally.faults << ' ' << tally.returned << ' '
@@ -77,20 +56,14 @@ void obey(TestTermination& termination, std::string const& line) {
         input >> order.size;
     else
         input >> order.count >> order.size;
-    if (order.verb == "flood" || order.verb == "ping" || order.verb == "blast")
+    if (order.verb == "flood" || order.verb == "blast")
         termination.waitUntilKnown(order.peer);
     if (order.verb == "flood")
         flood(termination, order);
-    else if (order.verb == "ping")
-        ping(termination, order);
     else if (order.verb == "blast")
         blast(termination, order);
     else if (order.verb == "report")
         report(termination);
-    else if (order.verb == "stop") {
-        termination.stop();
-        std::cout << "stopped" << std::endl;
-    }
 }
 
 }  // namespace

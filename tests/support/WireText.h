@@ -1,0 +1,56 @@
+// Bytes as hexadecimal digits, as tests of the wire format write and compare them.
+#pragma once
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace wire {
+
+inline std::string bare(std::string digits) {
+    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
+    return digits;
+}
+inline std::vector<unsigned char> bytes(std::string const& digits) {
+    std::string const raw = bare(digits);
+    std::vector<unsigned char> result;
+    for (std::size_t i = 0; i + 1 < raw.size(); i += 2)
+        result.push_back(
+            static_cast<unsigned char>(std::strtoul(raw.substr(i, 2).c_str(), nullptr, 16)));
+    return result;
+}
+/** Without blanks. */
+inline std::string hex(void const* bytes, std::size_t size) {
+    auto const* const all = static_cast<unsigned char const*>(bytes);
+    std::string text;
+    for (std::size_t i = 0; i < size; ++i) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02X", all[i]);
+        text += digits;
+    }
+    return text;
+}
+/** With a blank behind every fourth byte. */
+inline std::string spaced(std::string const& digits) {
+    std::string text = bare(digits);
+    for (std::size_t at = 8; at < text.size(); at += 9)
+        text.insert(at, 1, ' ');
+    return text;
+}
+inline std::string number(unsigned int value) {
+    char digits[9];
+    std::snprintf(digits, sizeof digits, "%08X", value);
+    return digits;
+}
+/** A text as it is encoded. */
+inline std::string text(std::string const& value) {
+    return number(static_cast<unsigned int>(value.size())) + hex(value.data(), value.size());
+}
+/** A handle as it is encoded: identifier, namespace, internal id, broker. */
+inline std::string handle(std::string const& name, unsigned int ioid, unsigned int broker) {
+    return text(name) + number(1) + number(ioid) + number(broker);
+}
+
+}  // namespace wire
