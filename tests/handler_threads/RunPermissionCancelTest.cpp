@@ -140,12 +140,6 @@ TEST_F(RunPermissionCancel, CancelledConditionWaitTakesThePermissionBackAndUnloc
     EXPECT_TRUE(isFree);
 }
 
-TEST_F(RunPermissionCancel, RemoveIdOfAThreadThatIsNotQueuedChangesNothing) {
-    TreflectHandlerState const state(true);
-    DebugPermission<Debugging_t<1>>::removeId(nullptr);
-    EXPECT_TRUE(Run::hasRunPermission());
-}
-
 // Many threads queue, hold and are cancelled at random moments: afterwards nothing is stuck.
 TEST_F(RunPermissionCancel, ManyCancellationsAmongManyThreadsLoseNothing) {
     constexpr int kThreads = 12;

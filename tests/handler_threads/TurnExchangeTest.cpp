@@ -80,37 +80,6 @@ protected:
     std::vector<std::unique_ptr<TestThread>> queued_;
 };
 
-TEST_F(TurnExchangeTest, workIsDoneInTheOrderOfAHandOver) {
-    {
-        Holder const holder;
-        for (int work : {1, 2, 3})
-            park(poolA, work);
-        Turn mine(poolA);
-        for (int work : {4, 5, 6, 7, 8}) {
-            mine.work = work;
-            ASSERT_TRUE(exchange(mine));
-            EXPECT_EQ(mine.work, work - 3) << "the one whose turn it is";
-            EXPECT_TRUE(Run::hasRunPermission());
-            EXPECT_EQ(Run::handlerThreads().getPermissionWaiters(), 3u);
-        }
-    }
-    joinAll();
-    EXPECT_THAT(served_, ElementsAre(6, 7, 8));
-}
-
-TEST_F(TurnExchangeTest, onlyOneInTheQueueKeepsItsPlaceAndGetsTheWork) {
-    {
-        Holder const holder;
-        park(poolA, 1);
-        Turn mine(poolA, 2);
-        ASSERT_TRUE(exchange(mine));
-        EXPECT_EQ(mine.work, 1);
-        queueCaller(100);
-    }
-    joinAll();
-    EXPECT_THAT(served_, ElementsAre(2, 100));
-}
-
 TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {
     {
         Holder const holder;

@@ -2,7 +2,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <thread>
 
 #include "IsFree.h"
 #include "Waiting.h"
@@ -71,42 +70,4 @@ TEST(ConditionVar, waitEndsWithItsLimit) {
         while (condition.wait(TimeSpec(-5, 0)))
             continue;
     }
-}
-
-TEST(ConditionVar, wakesOneOrAll) {
-    ConditionVar condition;
-    int tokens = 0;  // guarded by condition
-    std::atomic<int> served{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
-            Lock<ConditionVar> const lock(condition);
-            while (tokens == 0)
-                condition.wait(TimeSpec::INFINITETIME);
-            --tokens;
-            ++served;
-        });
-    for (int i = 1; i <= 2; ++i) {
-        {
-            Lock<ConditionVar> const lock(condition);
-            ++tokens;
-            condition.signal();
-        }
-        EXPECT_TRUE(testsupport::eventually([&] { return served == i; }));
-    }
-    {
-        Lock<ConditionVar> const lock(condition);
-        tokens = 2;
-        condition.broadcast();
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(served, 4);
-}
-
-TEST(ConditionVar, tryLockDoesNotWait) {
-    ConditionVar condition;
-    EXPECT_TRUE(isFree(condition));
-    Lock<ConditionVar> const lock(condition);
-    EXPECT_FALSE(isFree(condition));
 }
