@@ -122,17 +122,6 @@ TEST(Stream, ReadPastTheDataIsToldOnceAndYieldsZeros) {
     EXPECT_FALSE(stream.hasUnmarshallingFailed());
 }
 
-TEST(Stream, FailedReadLeavesTheReadPosition) {
-    TipprmiStream stream("\x00\x00\x00\x07\x01", 5);
-    unsigned int number = 0;
-    stream >> number >> number;
-    EXPECT_EQ(0u, number);
-    TipprmiStream copy(stream);
-    copy.setData("\x00\x00\x00\x08", 4);
-    copy >> number;
-    EXPECT_EQ(8u, number) << "setData resets position and flag";
-}
-
 TEST(Stream, NullDestinationSkips) {
     TipprmiStream stream("\xAA\xBB\x00\x00\x00\x05", 6);
     unsigned int number = 0;
@@ -241,16 +230,6 @@ TEST(Stream, PayloadTooShortForASizeIsEmpty) {
     }
 }
 
-TEST(Stream, WithoutABufferIsEmptyUntilWritten) {
-    TipprmiStream stream(TreflectMessage(Transport::AddressedMessage()), false);
-    unsigned int number = 1;
-    stream >> number;
-    EXPECT_EQ(0u, number);
-    stream << 4u;
-    EXPECT_EQ("00000004", hex(stream));
-    EXPECT_EQ(TreflectMessage::kRequest, stream.msg().kind());
-}
-
 TEST(Stream, CapacityGrowsToExactlyWhatAWriteNeeds) {
     TipprmiStream stream(6);
     stream.msg().transactionId(0x1234);
@@ -338,16 +317,6 @@ TEST(Stream, WriteThatFindsNoRoomIsDropped) {
     TipprmiStream huge(INT_MAX);
     huge << 1u;
     EXPECT_EQ("00000001", hex(huge)) << "what fits is taken";
-}
-
-TEST(Stream, UnmarshallErrorIsFiledUnderTheCallHelper) {
-    LogCapture const log;
-    TipprmiStream(1).printUnmarshallError(0xAB12, 1001);
-    auto const record = log.find("Unmarshall");
-    ASSERT_TRUE(record);
-    EXPECT_EQ("Unmarshall error on cc=0xAB12, mc=1001", record->text);
-    EXPECT_EQ(4, record->level);
-    EXPECT_EQ("CallHelper", record->source);
 }
 
 }  // namespace

@@ -1,19 +1,13 @@
 #pragma once
 
-#include <cstdio>
 #include <string>
 
+#include "WireText.h"
 #include "ipprmi/TipprmiStream.h"
 
 /** The data of a stream in hexadecimal, without blanks. */
 inline std::string hex(TipprmiStream const& stream) {
-    std::string text;
-    for (int i = 0; i < stream.getDataSize(); ++i) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02X", stream.getDataPtr()[i]);
-        text += digits;
-    }
-    return text;
+    return wire::hex(stream.getDataPtr(), static_cast<std::size_t>(stream.getDataSize()));
 }
 
 template <class T>

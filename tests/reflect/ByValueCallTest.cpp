@@ -6,15 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "ChildProgram.h"
+#include "ActorProgram.h"
 #include "DeskObject.h"
-#include "Waiting.h"
 #include "handler_threads.h"
 #include "reflect.h"
 
 namespace {
 
-using testsupport::ChildProgram;
+using testsupport::ActorProgram;
 using Values = TipprmiSequence<TipprmiAny, 0u>;
 
 template <class... T>
@@ -58,8 +57,7 @@ protected:
             return;
         }
         TreflectReleaseHandlerState const outside;
-        child = std::make_unique<ChildProgram>("desk_actor");
-        EXPECT_TRUE(child->waitForLine("serving"));
+        child = std::make_unique<ActorProgram>(testsupport::programCommand("desk_actor"));
         TreflectHandlerState const back(true);
         object = TreflectObject(desk::remoteId());
     }
@@ -72,7 +70,7 @@ protected:
     }
 
     TreflectHandlerState const inside{true};
-    std::unique_ptr<ChildProgram> child;
+    std::unique_ptr<ActorProgram> child;
 
 private:
     std::unique_ptr<desk::Server> here_;
@@ -191,27 +189,6 @@ TEST_P(ByValueCallTest, TheHandleMayEndDuringTheCall) {
     EXPECT_FALSE(handle);
     ASSERT_TRUE(results);
     EXPECT_EQ(TreflectParameterType("string").print(results.value()[0]).value(), "\"passed on 1\"");
-}
-
-TEST(ByValueCall, AKilledProcessIsAFailureAndNoWait) {
-    TreflectHandlerState const inside(true);
-    std::optional<ChildProgram> child;
-    {
-        TreflectReleaseHandlerState const outside;
-        child.emplace("desk_actor");
-        ASSERT_TRUE(child->waitForLine("serving"));
-    }
-    TreflectObject const object(desk::remoteId());
-    TreflectOperation& two = object.operation("two");
-    ASSERT_TRUE(two.invoke({}));
-    child->kill();
-    ASSERT_TRUE(testsupport::eventually([&] {
-        if (!object.isConnected())
-            return true;
-        TreflectReleaseHandlerState const outside;
-        return false;
-    }));
-    EXPECT_EQ(two.invoke({}).code(), TipprmiFailure::kNotServed);
 }
 
 }  // namespace

@@ -53,14 +53,10 @@ inline TipprmiStream& operator<<(TipprmiStream& stream, Two) {
     return stream << 0xFF000001u << 2u;
 }
 
-class Server : public TreflectServerObject {
+class Server : public TreflectSkeleton<meta> {
 public:
-    explicit Server(TipprmiOID const& oid) : TreflectServerObject(oid, nullptr, "desk") {}
+    explicit Server(TipprmiOID const& oid) : TreflectSkeleton(oid, nullptr, "desk") {}
 
-    unsigned int getServerClassId() const override { return kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return meta.classIds();
-    }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         if (mc >= kTwo && mc < kTwo + 8)

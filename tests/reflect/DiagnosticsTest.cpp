@@ -14,7 +14,7 @@
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
-#include "Probe.h"
+#include "Gauge.h"
 #include "RawPeer.h"
 
 namespace {
@@ -33,13 +33,8 @@ struct Member {
     explicit Member(std::string const& actorName)
         : name(actorName),
           actor(std::make_unique<BrokerActor>(
-              BrokerActor::Environment{{"TRANSPORT_ACTOR", actorName}})) {
-        std::istringstream words(actor->ask("publish " + name, "published"));
-        unsigned int ioid = 0;
-        unsigned int broker = 0;
-        words >> std::hex >> ioid >> broker;
-        orbId = TreflectOrbId(broker);
-    }
+              BrokerActor::Environment{{"TRANSPORT_ACTOR", actorName}})),
+          orbId(actor->publish(name).broker) {}
 
     std::string name;
     std::unique_ptr<BrokerActor> actor;
@@ -100,43 +95,6 @@ protected:
 };
 
 // ---- Counters -----------------------------------------------------------------------------------
-
-TEST_F(DiagnosticsTest, everyQueryTellsTheTrafficSinceTheLastOne) {
-    Member const far("far-side");
-    std::unique_ptr<Probe> near;
-    {
-        TreflectHandlerState const handlerState(true);
-        near = std::make_unique<Probe>("near");
-    }
-    orb().getPerfCnts(termination(far));
-    for (unsigned int calls : {1u, 3u}) {
-        for (unsigned int i = 0; i < calls; ++i)
-            EXPECT_EQ(far.actor->ask("call near 7", "called"), "1 7");
-        auto const info = orb().getPerfCnts(termination(far));
-        EXPECT_EQ(info.actor, "far-side");
-        EXPECT_EQ(text(info), entry(own(), 2 * calls, 0)) << "a search and a call each time";
-    }
-    auto const info = orb().getPerfCnts(termination(far));
-    EXPECT_EQ(info.actor, "far-side");
-    EXPECT_EQ(text(info), "");
-    std::string const toOwn = entry(own(), 1, 0);
-    std::string const toFar = entry(termination(far), 4, 0);
-    EXPECT_EQ(text(orb().getPerfCnts(own())),
-              own() < termination(far) ? toOwn + " " + toFar : toFar + " " + toOwn)
-        << "its own queries count as well";
-    TreflectHandlerState const handlerState(true);
-    near.reset();
-}
-
-TEST_F(DiagnosticsTest, brokerAloneHasAnEmptyGroup) {
-    EXPECT_TRUE(orb().getPerfCnts().empty());
-    auto const brokers = orb().getBrokers();
-    ASSERT_EQ(brokers.size(), 1u);
-    EXPECT_EQ(brokers.front().termination, own());
-    EXPECT_EQ(brokers.front().orbId, orb().orbId());
-    EXPECT_TRUE(brokers.front().answered);
-    EXPECT_EQ(brokers.front().info.actor, Transport::IdInfo::instance().getActor());
-}
 
 TEST_F(DiagnosticsTest, targetThatIsNotThereLeavesAnEmptyInfoAndAFailure) {
     Transport::TerminationId const absent(0x01010000u | 0xFFFEu);
@@ -259,19 +217,6 @@ TEST_F(DiagnosticsTest, queriesDuringTrafficLoseAndDoubleNothing) {
 
 // ---- The state in the log -----------------------------------------------------------------------
 
-class Silent : public TreflectObserver {
-public:
-    Silent() : TreflectObserver(TipprmiOID("silent", NSID_UNIT), nullptr, "silent") {}
-    bool update() override { return true; }
-};
-
-class Thing : public TreflectServerObject {
-public:
-    Thing() : TreflectServerObject(TipprmiOID("thing", NSID_UNIT), nullptr, "thing") {}
-    unsigned int getServerClassId() const override { return 2; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override { return {}; }
-};
-
 TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     orb();
     EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::handlerThreads().size() == 0; }));
@@ -285,8 +230,8 @@ TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
 
     TreflectHandlerState const handlerState(true);
     {
-        Silent observer;
-        Thing thing;
+        Watcher observer("silent");
+        Node const thing("thing");
         EXPECT_TRUE(orb().notifyCreation(2, thing));
         for (unsigned int classId : {1u, 1u, 3u})
             EXPECT_TRUE(orb().observeCreations(classId, observer, false));

@@ -241,14 +241,6 @@ protected:
     }
 };
 
-TEST_F(ProcessEndTest, byReturnFromMain) {
-    BrokerActor actor;
-    actor.publish("far");
-    actor.ask("publish node 2", "published");
-    actor.tell("return 3");
-    EXPECT_EQ(endOf(actor), 3);
-}
-
 TEST_F(ProcessEndTest, byExitInAnotherThread) {
     BrokerActor actor;
     actor.publish("far");

@@ -211,25 +211,6 @@ TEST(MetaObject, OwnsItsMembersButNotThoseThatWereReplaced) {
     EXPECT_THAT(ended, ElementsAre("x", "y", "a", "b"));
 }
 
-TEST(MetaObject, OperationKeepsTheLastDescriptionOfAParameter) {
-    TreflectMetaOperation operation("op", nullptr, 1);
-    operation.registerParameter("in0", "int");
-    operation.registerParameter("in0", "string");
-    operation.registerParameter("out0", "");
-    EXPECT_THAT(operation.parameters(),
-                ElementsAre(std::make_pair("in0", "string"), std::make_pair("out0", "")));
-}
-
-TEST(MetaObject, TypeOfAnAttributeIsMetaObjectAndName) {
-    Generated type("Type");
-    TreflectMetaAttribute attribute("a", nullptr, nullptr, nullptr);
-    attribute.registerType(&type);
-    EXPECT_EQ(attribute.typeMeta(), &type);
-    EXPECT_EQ(attribute.typeName(), "Type");
-    EXPECT_EQ(TreflectArrayMetaAttribute("a", nullptr, nullptr, nullptr, 12).constLength(), 12);
-    EXPECT_EQ(TreflectSequenceMetaAttribute("a", nullptr, nullptr, nullptr, 0).constLength(), 0);
-}
-
 // ---- Classes and their bases -------------------------------------------------------------------
 
 /** Bottom is derived from left and right, which are both derived from top. Bases stand in a set by
@@ -351,15 +332,6 @@ TEST(MetaObject, LogsTheNameThatADerivedClassGives) {
     Renamed type;
     attribute.registerType(&type);
     EXPECT_EQ(attribute.typeName(), "Other");
-}
-
-TEST(MetaObject, NobodyObservesNothing) {
-    testsupport::LogCapture const log;
-    Generated meta("Class");
-    EXPECT_FALSE(meta.observeCreations(nullptr, true));
-    EXPECT_FALSE(meta.observeDeletions(nullptr));
-    meta.removeObserver(nullptr);
-    EXPECT_EQ(log.records().size(), 0u);
 }
 
 // ---- Classes made of tables --------------------------------------------------------------------

@@ -1,31 +1,15 @@
 // The test's side of the program notice_actor.
 #pragma once
 
-#include <gtest/gtest.h>
+#include "ActorProgram.h"
 
-#include <sstream>
-
-#include "BrokerActor.h"
-#include "transport.h"
-
-class NoticeActor : public BrokerActor {
+class NoticeActor : public testsupport::ActorProgram {
 public:
-    struct Created {
-        unsigned int ioid = 0;
-        unsigned int broker = 0;
-        Transport::TerminationId termination;
-    };
-
     explicit NoticeActor(Environment const& environment = {})
-        : BrokerActor(environment, testsupport::programCommand("notice_actor")) {}
+        : ActorProgram(testsupport::programCommand("notice_actor"), environment) {}
 
-    Created create(std::string const& name, std::string const& classId) {
-        std::istringstream words(ask("create " + name + " " + classId, "created"));
-        unsigned int termination = 0;
-        Created created;
-        words >> std::hex >> created.ioid >> created.broker >> termination;
-        created.termination = Transport::TerminationId(termination);
-        return created;
+    Made create(std::string const& name, std::string const& classId) {
+        return make("create " + name + " " + classId, "created");
     }
     void destroy(std::string const& name) { ask("destroy " + name, "destroyed"); }
     void know(std::string const& classId) { ask("know " + classId, "known"); }
@@ -46,10 +30,5 @@ public:
                 names += name + " ";
         }
         return names;
-    }
-    /** Ends the process in the ordinary way, which sanitizers use for their reports. */
-    void finish() {
-        child().closeInput();
-        EXPECT_EQ(child().exitCode(), 0);
     }
 };

@@ -1,53 +1,18 @@
 // Notices that come while an observer is on its way into the list.
 #include <array>
 #include <atomic>
-#include <functional>
-#include <memory>
 #include <set>
-#include <string>
 #include <thread>
 
 #include "BrokerTest.h"
+#include "Permitted.h"
 #include "RawPeer.h"
-#include "Waiting.h"
+#include "Thing.h"
 
 namespace {
 
 constexpr unsigned int kClass = 0x0EE71A9;
-TreflectMetaClass& overlapMeta() {
-    static auto& meta = *new TreflectMetaClass("Overlap", kClass, {}, {});
-    return meta;
-}
-
-class Thing final : public TreflectServerObject {
-public:
-    Thing() : TreflectServerObject(TipprmiOID("thing", NSID_UNIT), nullptr, "thing") {
-        sendCreationEvent();
-    }
-    ~Thing() override { sendDeletionEvent(); }
-    unsigned int getServerClassId() const override { return kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return overlapMeta().classIds();
-    }
-};
-
-class Observer final : public TreflectObserver {
-public:
-    explicit Observer(std::function<void()> reaction = {})
-        : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "observer"),
-          reaction_(std::move(reaction)) {}
-    bool update() override {
-        ++told;
-        if (reaction_)
-            reaction_();
-        return true;
-    }
-
-    unsigned int told = 0;  // guarded by the run permission
-
-private:
-    std::function<void()> const reaction_;
-};
+using Names = std::vector<std::string>;
 
 /** The brokers that the test's broker has caught up with. */
 class Arrivals final : public TreflectOrbObserverIf {
@@ -56,8 +21,7 @@ public:
         met_.insert(broker);
     }
     bool have(Transport::TerminationId const& broker) const {
-        TreflectHandlerState const inside(true);
-        return met_.count(broker) != 0;
+        return permitted([&] { return met_.count(broker) != 0; });
     }
 
 private:
@@ -66,7 +30,7 @@ private:
 
 class OverlapTest : public BrokerTest {
 protected:
-    OverlapTest() : meta_(overlapMeta()) { orb().registerOrbCreation(&arrivals_, false); }
+    OverlapTest() { orb().registerOrbCreation(&arrivals_, false); }
     ~OverlapTest() override { orb().unregisterOrbNotifications(&arrivals_); }
 
     /** A peer that is no newcomer any more. */
@@ -76,7 +40,7 @@ protected:
         return peer;
     }
 
-    TreflectMetaObject& meta_;
+    TreflectMetaObject& meta_ = thingClass(kClass);
 
 private:
     Arrivals arrivals_;
@@ -92,12 +56,12 @@ protected:
                 answer(message);
         });
         TreflectHandlerState const inside(true);
-        first_ = std::make_unique<Observer>([this] {
+        first_ = std::make_unique<Watcher>("first", [this](auto&, auto&) {
             TreflectReleaseHandlerState const released;
             answer(peer_->await(held_));
             EXPECT_TRUE(subscribed_.wait());
         });
-        second_ = std::make_unique<Observer>();
+        second_ = std::make_unique<Watcher>("second");
     }
     ~NoticeOverlapTest() override {
         TreflectHandlerState const inside(true);
@@ -117,97 +81,76 @@ protected:
         peer_->answer(request, [&](TipprmiStream& response) {
             if (request.type() == TreflectMessage::tOCNSubscribe)
                 response << 0u;  // nothing exists
-            response << overlapMeta().classIds();
+            response << 1u << kClass;
         });
     }
-    std::thread subscribing(std::function<void()> subscribe) {
-        return std::thread([this, subscribe = std::move(subscribe)] {
-            TreflectHandlerState const inside(true);
-            subscribe();
-            subscribed_.open();
+    template <class Subscribe>
+    std::thread subscribing(Subscribe subscribe) {
+        return std::thread([this, subscribe] {
+            permitted([&] {
+                subscribe();
+                subscribed_.open();
+            });
         });
+    }
+    void expectToldOnce() {
+        EXPECT_EQ(first_->told(), Names{"thing"});
+        EXPECT_EQ(second_->told(), Names{"thing"});
     }
 
     std::unique_ptr<RawPeer> peer_;
-    std::unique_ptr<Observer> first_;
-    std::unique_ptr<Observer> second_;
+    std::unique_ptr<Watcher> first_;
+    std::unique_ptr<Watcher> second_;
+    std::unique_ptr<Thing> thing_;
     testsupport::Gate subscribed_;
     std::atomic<bool> holding_{false};
     std::size_t held_ = 0;
 };
 
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
-    {
-        TreflectHandlerState const inside(true);
-        meta_.observeCreations(first_.get(), false);
-    }
+    permitted([this] { meta_.observeCreations(first_.get(), false); });
     holdAfter(1);
     std::thread thread = subscribing([this] { meta_.observeCreations(second_.get(), true); });
     EXPECT_FALSE(peer_->await(held_).empty());
-    std::unique_ptr<Thing> thing;
-    {
-        TreflectHandlerState const inside(true);
-        thing = std::make_unique<Thing>();
-        EXPECT_EQ(first_->told, 1u);
-        EXPECT_EQ(second_->told, 1u);
-    }
+    permitted([this] {
+        thing_ = std::make_unique<Thing>("thing", kClass);
+        expectToldOnce();
+    });
     thread.join();
     holding_ = false;
-    TreflectHandlerState const inside(true);
-    thing.reset();
+    permitted([this] { thing_.reset(); });
 }
 
 TEST_F(NoticeOverlapTest, deletionIsToldOnceToWhoEntersTheListMeanwhile) {
-    std::unique_ptr<Thing> thing;
-    {
-        TreflectHandlerState const inside(true);
-        thing = std::make_unique<Thing>();
-    }
+    permitted([this] { thing_ = std::make_unique<Thing>("thing", kClass); });
     // Both find the list empty; the peer's first answer is for the one that comes first.
     holdAfter(0);
     testsupport::Gate entered;
     std::thread firstThread([&] {
-        TreflectHandlerState const inside(true);
-        meta_.observeDeletions(first_.get());
-        entered.open();
+        permitted([&] {
+            meta_.observeDeletions(first_.get());
+            entered.open();
+        });
     });
     EXPECT_FALSE(peer_->await(held_).empty());
     testsupport::Gate begun;
-    std::thread secondThread = subscribing([&] {
+    std::thread secondThread = subscribing([this, &begun] {
         begun.open();
         meta_.observeDeletions(second_.get());
     });
     EXPECT_TRUE(begun.wait());
-    {
-        // The second gives up the permission only when it waits.
-        TreflectHandlerState const inside(true);
-    }
+    permitted([] {});  // the second gives up the permission only when it waits
     answer(peer_->await(held_));
     EXPECT_TRUE(entered.wait());
     EXPECT_FALSE(peer_->await(++held_).empty());
-    {
-        TreflectHandlerState const inside(true);
-        thing.reset();
-        EXPECT_EQ(first_->told, 1u);
-        EXPECT_EQ(second_->told, 1u);
-    }
+    permitted([this] {
+        thing_.reset();
+        expectToldOnce();
+    });
     firstThread.join();
     secondThread.join();
     holding_ = false;
 }
-
-/** Notes what it is told of. */
-class Listener final : public TreflectObserver {
-public:
-    Listener() : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "listener") {}
-    bool update() override {
-        told +=
-            std::string(told.empty() ? "" : " ") + getSource()->getStub_()->getOID().getIdString();
-        return true;
-    }
-
-    std::string told;  // guarded by the run permission
-};
 
 /** Two peers: the one that is asked first says at once what it has, the other one answers late. */
 class SuccessorTest : public OverlapTest {
@@ -221,15 +164,14 @@ protected:
             std::swap(peers_[0], peers_[1]);
     }
     void writeHandle(TipprmiStream& stream, char const* name) {
-        stream << TipprmiOID(name, NSID_UNIT) << kAddress
-               << orb().convertId(peers_[0]->termId()).value();
+        stream << oid(name) << kAddress << orb().convertId(peers_[0]->termId()).value();
     }
     void answerSubscription(RawPeer& peer, char const* existing) {
         peer.answer(peer.await(0), [&](TipprmiStream& response) {
             response << (existing ? 1u : 0u);
             if (existing)
                 writeHandle(response, existing);
-            response << overlapMeta().classIds();
+            response << 1u << kClass;
         });
     }
     /** Has been served when this returns. */
@@ -246,26 +188,18 @@ protected:
 };
 
 TEST_F(SuccessorTest, objectAtTheAddressOfOneThatHasGoneIsTold) {
-    auto listener = [] {
-        TreflectHandlerState const inside(true);
-        return std::make_unique<Listener>();
-    }();
-    std::thread thread([&] {
-        TreflectHandlerState const inside(true);
-        meta_.observeCreations(listener.get(), true);
-    });
+    auto listener = permitted([] { return std::make_unique<Watcher>(""); });
+    std::thread thread([&] { permitted([&] { meta_.observeCreations(listener.get(), true); }); });
     answerSubscription(*peers_[0], "old");
     EXPECT_FALSE(peers_[1]->await(0).empty());
     notify(TreflectMessage::tODN, "old");
     notify(TreflectMessage::tOCN, "new");
     answerSubscription(*peers_[1], nullptr);
     thread.join();
-    {
-        TreflectHandlerState const inside(true);
-        EXPECT_EQ(listener->told, "new");
-    }
-    TreflectHandlerState const inside(true);
-    listener.reset();
+    permitted([&] {
+        EXPECT_EQ(listener->told(), Names{"new"});
+        listener.reset();
+    });
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "BrokerTest.h"
 #include "NoticeActor.h"
+#include "Permitted.h"
 #include "RawPeer.h"
 #include "Thing.h"
 
@@ -10,12 +11,6 @@ namespace {
 
 constexpr unsigned int kLampClass = 0x7001;
 using Names = std::vector<std::string>;
-
-template <class Action>
-decltype(auto) permitted(Action&& action) {
-    TreflectHandlerState const handlerState(true);
-    return action();
-}
 
 class NotificationTest : public BrokerTest {
 protected:
@@ -456,45 +451,6 @@ TEST_F(NotificationTest, newcomerMayGoBeforeItHasAnswered) {
     log_.clear();
     observeCreations(late, true);
     EXPECT_EQ(log_.count("could not find destination"), 0u);
-}
-
-// ---- Many at the same time ---------------------------------------------------------------------
-
-TEST_F(NotificationTest, processesThatObserveEachOtherWhileAllStart) {
-    constexpr int kCount = 5;
-    std::vector<std::unique_ptr<NoticeActor>> actors;
-    for (int i = 0; i < kCount; ++i)
-        actors.push_back(std::make_unique<NoticeActor>());
-    for (int i = 0; i < kCount; ++i) {
-        actors[i]->tell("observe w existing 7001");
-        actors[i]->tell("observe v deletions 7001");
-        actors[i]->tell("create thing" + std::to_string(i) + " 7001");
-        actors[i]->tell("on w use thing" + std::to_string((i + 1) % kCount));
-    }
-    for (auto& actor : actors)
-        actor->await("created");
-    for (int i = 0; i < kCount; ++i) {
-        actors[i]->tell("create more" + std::to_string(i) + " 7001");
-    }
-    for (auto& actor : actors)
-        actor->await("created");
-    for (auto& actor : actors) {
-        std::string const told = " " + actor->told("w");
-        for (int i = 0; i < kCount; ++i) {
-            for (std::string const name : {"thing", "more"})
-                EXPECT_NE(told.find(" " + name + std::to_string(i) + " "), std::string::npos)
-                    << name << i << " in" << told;
-        }
-    }
-    for (int i = 0; i < kCount; ++i)
-        actors[i]->tell("destroy thing" + std::to_string(i));
-    for (auto& actor : actors)
-        actor->await("destroyed");
-    for (auto& actor : actors) {
-        std::string const told = actor->told("v");
-        EXPECT_EQ(std::count(told.begin(), told.end(), ' '), kCount) << told;
-        actor->finish();
-    }
 }
 
 TEST_F(NotificationTest, tenThousandExistingObjectsAreTold) {

@@ -4,46 +4,16 @@
 
 #include "NoticeActor.h"
 #include "RawPeer.h"
+#include "WireText.h"
 
 namespace {
 
-/** Digits of bytes, with a blank behind every fourth byte. */
-std::string hex(unsigned char const* bytes, std::size_t size) {
-    std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, i > 0 && i % 4 == 0 ? " %02X" : "%02X", bytes[i]);
-        text += digits;
-    }
-    return text;
-}
-std::string hex(unsigned int number) {
-    char digits[9];
-    std::snprintf(digits, sizeof digits, "%08X", number);
-    return digits;
-}
-std::vector<unsigned char> bytes(std::string digits) {
-    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-    std::vector<unsigned char> result;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-        result.push_back(
-            static_cast<unsigned char>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
-    return result;
-}
-/** `digits` with their blanks where `hex` puts them. */
-std::string spaced(std::string const& digits) {
-    auto const raw = bytes(digits);
-    return hex(raw.data(), raw.size());
-}
-/** A handle as it is encoded: identifier, namespace, internal id, broker. */
-std::string handle(std::string const& name, unsigned int ioid, unsigned int broker) {
-    std::string digits = hex(static_cast<unsigned int>(name.size()));
-    for (unsigned char const byte : name) {
-        char two[3];
-        std::snprintf(two, sizeof two, "%02X", byte);
-        digits += two;
-    }
-    return digits + "00000001" + hex(ioid) + hex(broker);
+using wire::bytes;
+using wire::handle;
+using wire::spaced;
+
+std::string digits(unsigned char const* bytes, std::size_t size) {
+    return spaced(wire::hex(bytes, size));
 }
 
 std::string const kLampClass = "00007001";
@@ -60,24 +30,25 @@ protected:
 
     void send(std::string const& type, std::string const& data) {
         auto const size = static_cast<unsigned int>(bytes(data).size());
-        auto const raw = bytes("0A0B0C0D" + type + "00000002" + hex(size) + data);
+        auto const raw = bytes("0A0B0C0D" + type + "00000002" + wire::number(size) + data);
         Transport::AddressedMessage message = peer_->allocateMessage(raw.size(), 5);
         std::copy(raw.begin(), raw.end(), message.buf());
-        ASSERT_EQ(Transport::Termination(lamp_.termination).issue(message), 1);
+        ASSERT_EQ(
+            Transport::Termination(Transport::TerminationId(lamp_.termination)).issue(message), 1);
     }
     /** Type, kind and data of the next message; the length of the data is checked here. */
     std::string receive() {
         last_ = peer_->await(received_++);
         if (last_.empty())
             return "nothing came";
-        EXPECT_EQ(last_.originator(), lamp_.termination);
+        EXPECT_EQ(last_.originator().value(), lamp_.termination);
         Transport::AddressedMessage const& raw = last_.addressed();
         unsigned char const* const length = raw.buf() + 12;
         std::size_t const size = std::size_t{length[2]} << 8 | length[3];
         EXPECT_EQ(length[0] | length[1], 0);
         EXPECT_LE(16 + size, raw.size());
-        std::string const type = hex(raw.buf() + 4, 8);
-        return size == 0 ? type : type + " " + hex(raw.buf() + 16, size);
+        std::string const type = digits(raw.buf() + 4, 8);
+        return size == 0 ? type : type + " " + digits(raw.buf() + 16, size);
     }
     std::string exchange(std::string const& type, std::string const& data) {
         send(type, data);
@@ -104,7 +75,7 @@ protected:
 
     std::unique_ptr<RawPeer> peer_;
     std::unique_ptr<NoticeActor> actor_;
-    NoticeActor::Created lamp_;
+    NoticeActor::Made lamp_;
     TreflectMessage last_{Transport::AddressedMessage()};
     std::size_t received_ = 0;
 };
@@ -289,9 +260,9 @@ TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
     auto const next = [&] {
         last_ = newcomer.await(count++);
         Transport::AddressedMessage const& raw = last_.addressed();
-        return last_.empty()
-                   ? "nothing came"
-                   : hex(raw.buf() + 4, 8) + " " + hex(raw.buf() + 16, std::size_t{raw.buf()[15]});
+        return last_.empty() ? "nothing came"
+                             : digits(raw.buf() + 4, 8) + " " +
+                                   digits(raw.buf() + 16, std::size_t{raw.buf()[15]});
     };
     EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000001"));
     newcomer.answer(last_, [](TipprmiStream& s) {

@@ -1,17 +1,16 @@
 // Observers of brokers that come and go, and what a broker that goes leaves behind.
-#include <dirent.h>
-
-#include <fstream>
 #include <thread>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "Threads.h"
 #include "reflect/TreflectOrbObserver.h"
 
 namespace {
 
+using testsupport::statesOfThreads;
 using Clock = std::chrono::steady_clock;
 using Appear_t = TreflectOrbObserverIf::Appear_t;
 
@@ -68,20 +67,6 @@ private:
     std::mutex mutex_;
     std::vector<Notice> notices_;  // guarded by mutex_
 };
-
-/** How many threads of this process have the name. */
-int threadsNamed(std::string const& wanted) {
-    int count = 0;
-    DIR* const tasks = opendir("/proc/self/task");
-    while (dirent const* const entry = readdir(tasks)) {
-        std::string name;
-        std::getline(std::ifstream("/proc/self/task/" + std::string(entry->d_name) + "/comm"),
-                     name);
-        count += name == wanted;
-    }
-    closedir(tasks);
-    return count;
-}
 
 class PresenceObserverTest : public BrokerTest {};
 
@@ -334,9 +319,9 @@ TEST_F(PresenceObserverTest, threadTellsWhatWasQueuedBeforeItsEnd) {
 TEST_F(PresenceObserverTest, threadEndsWithItsBroker) {
     orb();
     orb(NSID_NODE);
-    EXPECT_EQ(threadsNamed("OrbObsWorker"), 2);
+    EXPECT_EQ(statesOfThreads("OrbObsWorker").size(), 2u);
     prepareOrbForDeletion();
-    EXPECT_TRUE(testsupport::eventually([] { return threadsNamed("OrbObsWorker") == 0; }));
+    EXPECT_TRUE(testsupport::eventually([] { return statesOfThreads("OrbObsWorker").empty(); }));
 }
 
 TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
@@ -348,7 +333,7 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     orb().registerOrbDeletion(&deleting);
     std::make_unique<RawPeer>(group());
     ASSERT_TRUE(deleted.wait());
-    EXPECT_TRUE(testsupport::eventually([] { return threadsNamed("OrbObsWorker") == 0; }));
+    EXPECT_TRUE(testsupport::eventually([] { return statesOfThreads("OrbObsWorker").empty(); }));
     Listener fresh;
     EXPECT_TRUE(orb().registerOrbCreation(&fresh, true));
     EXPECT_GE(fresh.notices().size(), 1u);

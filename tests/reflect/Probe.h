@@ -26,9 +26,7 @@ enum ProbeMethod : unsigned int {
     kReleaseAll = 7,      // leaves without the permission
     kDeleteBrokers = 8,   // deletes all brokers of its process
     kExit = 9,            // ends its process
-    kCallBack = 10,       // (string name, unsigned) -> what echo of the object `name` answers
     kRefuse = 11,         // not handled
-    kNote = 12,           // one-way: raises noted()
     kHoldPermission = 13  // blocks until release(), with the permission
 };
 
@@ -52,8 +50,12 @@ public:
         TipprmiStream response(100);
         prepareRequestStream_(true, kProbeClass, mc, request);
         request << number << text;
+        bool const succeeded = dispatch(true, kProbeClass, mc, request, response);
+        return read(succeeded, response);
+    }
+    static Answer read(bool succeeded, TipprmiStream& response) {
         Answer answer;
-        answer.succeeded = dispatch(true, kProbeClass, mc, request, response);
+        answer.succeeded = succeeded;
         TipprmiExceptionContainer container;
         response >> container;
         answer.exceptionType = container.getExceptionType();
@@ -112,14 +114,6 @@ public:
                 break;
             case kExit:
                 std::exit(static_cast<int>(number));
-            case kCallBack: {
-                ProbeClient other{TipprmiOID(text, NSID_UNIT)};
-                number = other.call(kEcho, number + 1).number;
-                break;
-            }
-            case kNote:
-                ++noted_;
-                return true;
             case kRefuse:
                 return false;
             default:
@@ -132,7 +126,6 @@ public:
 
     testsupport::Gate& entered() { return entered_; }
     void release() { released_.open(); }
-    unsigned int noted() const { return noted_; }
     /** Number of calls that are held now. */
     unsigned int held() const { return held_; }
 
@@ -147,6 +140,5 @@ private:
 
     testsupport::Gate entered_;
     testsupport::Gate released_;
-    std::atomic<unsigned int> noted_{0};
     std::atomic<unsigned int> held_{0};
 };

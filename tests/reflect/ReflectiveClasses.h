@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <string>
 
 #include "Waiting.h"
@@ -37,8 +38,7 @@ enum Method : unsigned int {
     kOthers = 30,
     kCrowd = 32,
     kSerial = 34,  // without a set operation
-    kHeld = 36,    // answers, or takes a value, when released only
-    kBlink = 40    // (unsigned times)
+    kHeld = 36     // answers, or takes a value, when released only
 };
 }  // namespace lamp
 
@@ -120,8 +120,7 @@ inline TreflectMetaClass const lampMeta(
      {"setCrowd", lamp::kCrowd + 1, {"sequence of Lamp"}, {}},
      {"getSerial", lamp::kSerial, {}, {"unsigned"}},
      {"getHeld", lamp::kHeld, {}, {"unsigned"}},
-     {"setHeld", lamp::kHeld + 1, {"unsigned"}, {}},
-     {"blink", lamp::kBlink, {"unsigned"}, {}}},
+     {"setHeld", lamp::kHeld + 1, {"unsigned"}, {}}},
     {"Level",
      "Offset",
      "Lit",
@@ -146,20 +145,15 @@ inline TreflectMetaClass const combiMeta("Combi", combi::kClass, {&lampMeta, &he
 // ---- Server objects ----------------------------------------------------------------------------
 
 /** Build and destroy it holding the run permission. */
-class LampObject : public TreflectServerObject {
+class LampObject : public TreflectSkeleton<lampMeta> {
 public:
     explicit LampObject(std::string const& name, TreflectObject const* parent = nullptr)
-        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), parent, name), name_(name) {}
+        : TreflectSkeleton(TipprmiOID(name, NSID_UNIT), parent, name), name_(name) {}
 
-    unsigned int getServerClassId() const override { return lamp::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return lampMeta.classIds();
-    }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override;
 
     unsigned int pings() const { return pings_; }
-    unsigned int blinks() const { return blinks_; }
     /** Lets all calls that are held go on, now and later. */
     void release() { released_.open(); }
     testsupport::Gate& entered() { return entered_; }
@@ -200,7 +194,6 @@ private:
     }
     std::string name() const { return name_; }
     void ping() { ++pings_; }
-    void blink(unsigned int times) { blinks_ += times; }
     TipprmiResult<void> writeLevel(unsigned int value) {
         if (value > lamp::kMaxLevel)
             return TipprmiFailure(lamp::kTooBright);
@@ -230,14 +223,27 @@ private:
 
     std::string const name_;
     std::atomic<unsigned int> pings_{0};
-    std::atomic<unsigned int> blinks_{0};
     testsupport::Gate entered_;
     testsupport::Gate released_;
 };
 
 inline bool LampObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
                                  TipprmiStream& in, TipprmiStream& out) {
-    unsigned int const get = mc & ~1u;
+    using Serve =
+        bool (LampObject::*)(unsigned, unsigned, unsigned, TipprmiStream&, TipprmiStream&);
+    static std::map<unsigned int, Serve> const values{
+        {lamp::kLevel, &LampObject::serveValue<&LampObject::level>},
+        {lamp::kOffset, &LampObject::serveValue<&LampObject::offset>},
+        {lamp::kLit, &LampObject::serveValue<&LampObject::lit>},
+        {lamp::kLabel, &LampObject::serveValue<&LampObject::label>},
+        {lamp::kExtra, &LampObject::serveValue<&LampObject::extra>},
+        {lamp::kCodes, &LampObject::serveValue<&LampObject::codes>},
+        {lamp::kColour, &LampObject::serveValue<&LampObject::colour>},
+        {lamp::kNext, &LampObject::serveValue<&LampObject::next>},
+        {lamp::kSteps, &LampObject::serveValue<&LampObject::steps>},
+        {lamp::kSwitches, &LampObject::serveValue<&LampObject::switches>},
+        {lamp::kOthers, &LampObject::serveValue<&LampObject::others>},
+        {lamp::kCrowd, &LampObject::serveValue<&LampObject::crowd>}};
     switch (mc) {
         case device::kGetName:
             return serve(device::kClass, cc, mc, in, out, &LampObject::name);
@@ -249,49 +255,18 @@ inline bool LampObject::dispatch(bool withResponse, unsigned int cc, unsigned in
             return serve(lamp::kClass, cc, mc, in, out, &LampObject::readHeld);
         case lamp::kHeld + 1:
             return serve(lamp::kClass, cc, mc, in, out, &LampObject::writeHeld);
-        case lamp::kBlink:
-            return serve(lamp::kClass, cc, mc, in, out, &LampObject::blink);
         case lamp::kSerial:
             return serve(lamp::kClass, cc, mc, in, out, &LampObject::read<&LampObject::serial>);
     }
-    switch (get) {
-        case lamp::kLevel:
-            return serveValue<&LampObject::level>(get, cc, mc, in, out);
-        case lamp::kOffset:
-            return serveValue<&LampObject::offset>(get, cc, mc, in, out);
-        case lamp::kLit:
-            return serveValue<&LampObject::lit>(get, cc, mc, in, out);
-        case lamp::kLabel:
-            return serveValue<&LampObject::label>(get, cc, mc, in, out);
-        case lamp::kExtra:
-            return serveValue<&LampObject::extra>(get, cc, mc, in, out);
-        case lamp::kCodes:
-            return serveValue<&LampObject::codes>(get, cc, mc, in, out);
-        case lamp::kColour:
-            return serveValue<&LampObject::colour>(get, cc, mc, in, out);
-        case lamp::kNext:
-            return serveValue<&LampObject::next>(get, cc, mc, in, out);
-        case lamp::kSteps:
-            return serveValue<&LampObject::steps>(get, cc, mc, in, out);
-        case lamp::kSwitches:
-            return serveValue<&LampObject::switches>(get, cc, mc, in, out);
-        case lamp::kOthers:
-            return serveValue<&LampObject::others>(get, cc, mc, in, out);
-        case lamp::kCrowd:
-            return serveValue<&LampObject::crowd>(get, cc, mc, in, out);
-        default:
-            return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-    }
+    auto const value = values.find(mc & ~1u);
+    return value != values.end() ? (this->*value->second)(value->first, cc, mc, in, out)
+                                 : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
 }
 
-class CombiObject : public LampObject {
+class CombiObject : public TreflectSkeleton<combiMeta, LampObject> {
 public:
-    using LampObject::LampObject;
+    using TreflectSkeleton::TreflectSkeleton;
 
-    unsigned int getServerClassId() const override { return combi::kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return combiMeta.classIds();
-    }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         if (mc == heater::kPower)

@@ -7,30 +7,11 @@
 #include <string>
 #include <thread>
 
-#include "ChildProgram.h"
-#include "LogCapture.h"
+#include "Permitted.h"
+#include "ReflectiveActor.h"
 #include "ReflectiveClasses.h"
 
 namespace {
-
-TipprmiOID oid(std::string const& name) {
-    return TipprmiOID(name, NSID_UNIT);
-}
-
-/** The program reflective_actor. */
-class Actor {
-public:
-    Actor() : child_("reflective_actor") { child_.waitForLine("ready"); }
-
-    void ask(std::string const& command, std::string const& answer) {
-        child_.writeLine(command);
-        EXPECT_TRUE(child_.waitForLine(answer)) << command;
-    }
-    testsupport::ChildProgram& child() { return child_; }
-
-private:
-    testsupport::ChildProgram child_;
-};
 
 int users(TreflectObject const& handle) {
     return handle.getStub_()->refCount();
@@ -146,7 +127,7 @@ TEST(ReflectiveHandle, ReadsAndWritesValuesOfAllTypesHere) {
 }
 
 TEST(ReflectiveHandle, ReadsAndWritesValuesOfAllTypesElsewhere) {
-    Actor actor;
+    ReflectiveActor actor;
     actor.ask("lamp far", "made");
     TreflectHandlerState const handlerState(true);
     TreflectObject const lamp(oid("far"));
@@ -164,47 +145,11 @@ TEST(ReflectiveHandle, ReadsAndWritesValuesOfAllTypesElsewhere) {
 
 // ---- Classes of objects in other processes -----------------------------------------------------
 
-TEST(ReflectiveHandle, KnowsTheMembersOfAnObjectElsewhere) {
-    Actor actor;
-    actor.ask("combi both", "made");
-    testsupport::LogCapture const log;
-    TreflectHandlerState const handlerState(true);
-    TreflectObject const combi(oid("both"));
-    EXPECT_EQ(combi.meta(), &combiMeta);
-    EXPECT_EQ(combi.attribute("Power").fetch<unsigned int>().value(), 2000u);
-    EXPECT_EQ(combi.attribute("Level").fetch<unsigned int>().value(), 1u);
-    EXPECT_EQ(combi.attribute("Name").fetch<std::string>().value(), "both");
-    EXPECT_EQ(combi.operation("ping").call(), 0);
-    actor.ask("pings both", "pings 1");
-    EXPECT_EQ(&combi.attribute("Colours"), &TreflectObject::errorAttribute);
-    EXPECT_EQ(log.count(3, "attribute \"Colours\" not found"), 1u);
-}
-
-TEST(ReflectiveHandle, ForwardsQuestionsAboutTheTreeOfNames) {
-    Actor actor;
-    actor.ask("lamp top", "made");
-    actor.ask("lamp low top", "made");
-    TreflectHandlerState const handlerState(true);
-    TreflectObject const top(oid("top"));
-    TreflectObject const low(oid("low"));
-    EXPECT_EQ(low.getAbsName(), "/top/low");
-    EXPECT_EQ(low.getRelName(), "low");
-    EXPECT_EQ(low.getParent(), top);
-    EXPECT_FALSE(top.getParent().isConnected());
-    EXPECT_EQ(top.getChild("low"), low);
-    EXPECT_FALSE(top.getChild("other").isConnected());
-    top.registerChild("alias", top);
-    EXPECT_EQ(top.getChilds().getLength(), 2u);
-    EXPECT_EQ(top.getChilds()[0], top);
-    top.unregisterChild("alias");
-    EXPECT_EQ(top.getChilds().getLength(), 1u);
-}
-
 // ---- Paths -------------------------------------------------------------------------------------
 
 TEST(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
-    Actor first;
-    Actor second;
+    ReflectiveActor first;
+    ReflectiveActor second;
     first.ask("lamp a", "made");
     first.ask("lamp c", "made");
     second.ask("combi b", "made");
@@ -293,7 +238,7 @@ TEST(ReflectiveHandle, FindsAnObjectThatComesLaterWhenItsMembersAreCalled) {
     EXPECT_EQ(ping.call(), 0);
     EXPECT_EQ(later.pings(), 1u);
 
-    Actor actor;
+    ReflectiveActor actor;
     handle = TreflectObject(oid("soon"));
     actor.ask("lamp soon", "made");
     EXPECT_EQ(level.set(10u), 0);
@@ -352,7 +297,7 @@ private:
 
 /** The handle is taken away while a member's call is held by the object. */
 void takeAwayDuring(Deed deed, Happening happening) {
-    Actor actor;
+    ReflectiveActor actor;
     actor.ask("lamp held", "made");
     std::unique_ptr<Holder> holder;
     {
@@ -389,7 +334,7 @@ TEST(ReflectiveHandle, MayBeDestroyedWhileAMemberIsCalled) {
 
 TEST(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
     for (Deed const deed : kDeeds) {
-        Actor asked;
+        ReflectiveActor asked;
         asked.ask("lamp here", "made");
         std::unique_ptr<Holder> holder;
         {
@@ -407,20 +352,6 @@ TEST(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
         EXPECT_EQ(caller.result(), deed == Deed::kCall ? 0 : TreflectAttribute::error);
         EXPECT_EQ(caller.value(), 5u);
     }
-}
-
-TEST(ReflectiveHandle, OutlivesTheProcessOfItsObject) {
-    Actor actor;
-    actor.ask("lamp doomed", "made");
-    TreflectHandlerState const handlerState(true);
-    TreflectObject const handle(oid("doomed"));
-    TreflectAttribute& level = handle.attribute("Level");
-    TreflectAttribute& next = handle.attribute("Next");
-    TreflectOperation& ping = handle.operation("ping");
-    actor.child().kill();
-    actor.child().waitForExit();
-    expectNobody(level, next, ping);
-    EXPECT_EQ(&handle.attribute("Level"), &TreflectObject::errorAttribute);
 }
 
 }  // namespace

@@ -5,30 +5,22 @@
 
 #include "BrokerTest.h"
 #include "Gauge.h"
+#include "Permitted.h"
 #include "WirePeer.h"
 
 namespace {
 
 using wire::bare;
 using wire::number;
+using wire::text;
 
 constexpr unsigned int kObserverClass = 0x641E8FCD;
 constexpr unsigned int kFar = 0xFA2;  // internal id of the peer's object
 
-template <class Work>
-auto held(Work const& work) {
-    TreflectHandlerState const handlerState(true);
-    return work();
-}
-
-std::string text(std::string const& value) {
-    return wireForm(value);
-}
-
 class ReflectiveWire : public BrokerTest {
 protected:
     ~ReflectiveWire() override {
-        held([&] {
+        permitted([&] {
             watcher_.reset();
             child_.reset();
             gauge_.reset();
@@ -37,8 +29,7 @@ protected:
     TreflectOrbId peerId() { return orb().convertId(peer_.termId()); }
     /** A named object of this process, as it is encoded. */
     std::string form(TreflectServerObject const& object, std::string const& name) {
-        return text(name) + number(1) + number(object.getInternalOID()) +
-               number(orb().orbId().value());
+        return wire::handle(name, object.getInternalOID(), orb().orbId().value());
     }
     /** What an object of this process answers to a call of the peer. */
     std::string ask(TreflectServerObject const& object, unsigned int cc, unsigned int mc,
@@ -85,12 +76,13 @@ protected:
                       else if (wire::callOf(message).mc != 0xFFFFFFFF)
                           wire::answer(self, message, results());
                   }};
-    std::unique_ptr<Gauge> gauge_ = held([] { return std::make_unique<Gauge>("gauge"); });
-    std::unique_ptr<Node> child_ = held([&] {
+    std::unique_ptr<Gauge> gauge_ = permitted([] { return std::make_unique<Gauge>("gauge"); });
+    std::unique_ptr<Node> child_ = permitted([&] {
         TreflectObject const parent(gauge_.get());
         return std::make_unique<Node>("child identifier", "child", &parent);
     });
-    std::unique_ptr<Watcher> watcher_ = held([] { return std::make_unique<Watcher>("watcher"); });
+    std::unique_ptr<Watcher> watcher_ =
+        permitted([] { return std::make_unique<Watcher>("watcher"); });
     unsigned int lastId_ = 0xCA110000;
     std::size_t next_ = 0;  // of the messages that came
 };
@@ -105,7 +97,7 @@ TEST_F(ReflectiveWire, NamesAreTexts) {
 }
 
 TEST_F(ReflectiveWire, ParentsAndChildrenAreHandles) {
-    std::string const nobody = text("InvalidStub") + number(1) + number(0) + number(0);
+    std::string const nobody = wire::handle("InvalidStub", 0, 0);
     EXPECT_EQ(ask(*child_, 0, 1103), ok_ + form(*gauge_, "gauge"));
     EXPECT_EQ(ask(1103), ok_ + nobody);
     EXPECT_EQ(ask(1104, text("child")), ok_ + form(*child_, "child identifier"));
@@ -125,7 +117,7 @@ TEST_F(ReflectiveWire, ClassesAreTheirIds) {
     EXPECT_EQ(ask(1108), ok_ + number(1) + number(gauge::kClass));
     EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(0));
     EXPECT_EQ(ask(*watcher_, 0, 1108), ok_ + number(1) + number(kObserverClass));
-    held([&] {
+    permitted([&] {
         child_->ids.push_back(1);
         child_->ids.push_back(0xFFFFFFFF);
     });
@@ -147,21 +139,21 @@ TEST_F(ReflectiveWire, OtherCodesFailAndStandardOnesStartWithTheContainerOfTheOb
 }
 
 TEST_F(ReflectiveWire, CallThatIsForbiddenIsAnsweredWithAnException) {
-    held([&] {
+    permitted([&] {
         gauge_->registerObserver(0, gauge::kClass, gauge::kSet, *watcher_->getClient());
         watcher_->answer = false;
     });
     EXPECT_EQ(ask(*gauge_, gauge::kClass, gauge::kSet, number(5)),
               bare("00000001 00000004 FFFFFFFE"));
-    held([&] { watcher_->answer = true; });
+    permitted([&] { watcher_->answer = true; });
     EXPECT_EQ(ask(*gauge_, gauge::kClass, gauge::kSet, number(5)), ok_);
-    EXPECT_EQ(held([&] { return gauge_->value; }), 5u);
+    EXPECT_EQ(permitted([&] { return gauge_->value; }), 5u);
 }
 
 // ---- What an object is asked -------------------------------------------------------------------
 
 TEST_F(ReflectiveWire, HandleAsksForNames) {
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(far(ok_ + text("the name")).getRelName(), "the name");
         EXPECT_EQ(nextCall(), call(0, 1101));
         EXPECT_EQ(far(ok_ + text("/the/name")).getAbsName(), "/the/name");
@@ -170,7 +162,7 @@ TEST_F(ReflectiveWire, HandleAsksForNames) {
 }
 
 TEST_F(ReflectiveWire, HandleAsksForParentAndChildren) {
-    held([&] {
+    permitted([&] {
         std::string const another = wire::handle(7, peerId());
         EXPECT_EQ(far(ok_ + another).getParent(), wire::handleFrom(another));
         EXPECT_EQ(nextCall(), call(0, 1103));
@@ -192,7 +184,7 @@ TEST_F(ReflectiveWire, HandleAsksForParentAndChildren) {
 }
 
 TEST_F(ReflectiveWire, HandleAsksForClasses) {
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(far(ok_ + number(2) + number(0xDEAD0001) + number(gauge::kClass)).meta(),
                   &gaugeMeta);
         EXPECT_EQ(nextCall(), call(0, 1108));
@@ -200,7 +192,7 @@ TEST_F(ReflectiveWire, HandleAsksForClasses) {
 }
 
 TEST_F(ReflectiveWire, HandleRegistersAndRemovesObservers) {
-    held([&] {
+    permitted([&] {
         TreflectObject const object = far(ok_);
         std::string const observer = form(*watcher_, "watcher");
         TreflectMetaOperation const* const set =
@@ -220,7 +212,7 @@ TEST_F(ReflectiveWire, HandleRegistersAndRemovesObservers) {
 }
 
 TEST_F(ReflectiveWire, HandleReadsAttributesUnderTheClassThatHasThem) {
-    held([&] {
+    permitted([&] {
         std::string const another = wire::handle(7, peerId());
         TreflectMetaOperation const get("getNext", &deviceMeta, 9);
         TreflectMetaAttribute const next("Next", &gaugeMeta, &get, nullptr);
@@ -270,6 +262,17 @@ TEST_F(ReflectiveWire, HandleTakesDefaultsOfAnswersThatBreakOff) {
     }
 }
 
+TEST_F(ReflectiveWire, ExceptionContainerPairIsReportedUnderOneCodeWhenItsAnswerBreaksOff) {
+    permitted([&] {
+        TreflectObject const object = far(number(1));
+        TreflectObjectStub const& stub = *object.getStub_();
+        stub.setExceptionContainer(TipprmiExceptionContainer());
+        EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x0, mc=2101"), 1u);
+        stub.getExceptionContainer();
+        EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0x0, mc=2101"), 2u);
+    });
+}
+
 // ---- Notifications -----------------------------------------------------------------------------
 
 TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
@@ -277,7 +280,7 @@ TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
     EXPECT_EQ(ask(1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + observer), ok_);
     EXPECT_EQ(ask(1000, number(9) + number(gauge::kClass) + number(gauge::kGet) + observer), ok_);
     std::string const source = form(*gauge_, "gauge");
-    held([&] {
+    permitted([&] {
         GaugeClient const client(gauge_.get());
         answerWith(ok_ + bare("00000001 00000001"));
         EXPECT_TRUE(client.set(5));
@@ -302,7 +305,7 @@ TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
     EXPECT_EQ(ask(1000, number(0) + number(gauge::kClass) + number(gauge::kSet) + observer), ok_);
     EXPECT_EQ(ask(1001, observer), ok_);
     EXPECT_EQ(ask(1001, observer), ok_);
-    held([&] { EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)); });
+    permitted([&] { EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)); });
 }
 
 TEST_F(ReflectiveWire, ObserverWhoseAnswerCannotBeReadWasNotReached) {
@@ -332,14 +335,14 @@ TEST_F(ReflectiveWire, NotificationIsAnsweredWithWhatTheObserverSays) {
     std::string const body =
         source + number(3) + number(4) + bare("00000002 00000004 00000005 00000004 00000006");
     EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000001 00000001"));
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(watcher_->told, 1);
         EXPECT_EQ(watcher_->values, (std::vector<unsigned int>{5, 6}));
         EXPECT_EQ(watcher_->sourceNames.back(), "far away");
         watcher_->answer = false;
     });
     EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000000 00000001"));
-    held([&] {
+    permitted([&] {
         watcher_->react = [&] {
             watcher_.reset();
             return true;
@@ -349,7 +352,7 @@ TEST_F(ReflectiveWire, NotificationIsAnsweredWithWhatTheObserverSays) {
 }
 
 TEST_F(ReflectiveWire, ObserverThatThrowsIsAnsweredForWithAFailure) {
-    held([&] { watcher_->react = []() -> bool { throw std::runtime_error("on purpose"); }; });
+    permitted([&] { watcher_->react = []() -> bool { throw std::runtime_error("on purpose"); }; });
     answerWith(ok_ + text("far away"));
     EXPECT_EQ(ask(*watcher_, kObserverClass, 0,
                   wire::handle(kFar, peerId()) + number(3) + number(4) + number(0)),
@@ -388,12 +391,12 @@ TEST_F(ReflectiveWire, RequestsThatBreakOffAreAnsweredAndLogged) {
     // Texts of negative length are empty.
     EXPECT_EQ(ask(1107, bare("80000000")), ok_);
     // Whoever was registered so forbids nothing.
-    held([&] { EXPECT_TRUE(GaugeClient(gauge_.get()).set(5)); });
+    permitted([&] { EXPECT_TRUE(GaugeClient(gauge_.get()).set(5)); });
     EXPECT_EQ(ask(1101), ok_ + text("gauge"));
 }
 
 TEST_F(ReflectiveWire, NotificationsThatBreakOffAreAnsweredAndLogged) {
-    held([&] { watcher_->react = [] { return true; }; });
+    permitted([&] { watcher_->react = [] { return true; }; });
     answerWith(ok_ + text("far away"));
     std::string const head = wire::handle(kFar, peerId()) + number(3) + number(4);
     std::string const cases[]{head,

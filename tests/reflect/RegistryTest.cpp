@@ -2,16 +2,13 @@
 #include <cstdio>
 
 #include "BrokerTest.h"
+#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 
 namespace {
 
 using Location = TreflectORB::TreflectObjectLocation;
-
-TipprmiOID unit(std::string const& name) {
-    return TipprmiOID(name, NSID_UNIT);
-}
 
 class RegistryTest : public BrokerTest {
 protected:
@@ -27,12 +24,12 @@ protected:
 
 TEST_F(RegistryTest, objectIsFoundFromItsConstructionToItsDestruction) {
     auto probe = std::make_unique<Probe>("lamp");
-    Location const found = orb().locateObject(unit("lamp"));
+    Location const found = orb().locateObject(oid("lamp"));
     EXPECT_EQ(found.getInternalOID(), probe->getInternalOID());
     EXPECT_EQ(found.orbId(), orb().orbId());
     EXPECT_EQ(found.getServer(), probe.get());
     probe.reset();
-    Location const gone = orb().locateObject(unit("lamp"));
+    Location const gone = orb().locateObject(oid("lamp"));
     EXPECT_EQ(gone.getInternalOID(), 0u);
     EXPECT_EQ(gone.orbId().value(), 0u);
     EXPECT_EQ(gone.getServer(), nullptr);
@@ -48,22 +45,22 @@ TEST_F(RegistryTest, ofEqualNamesTheLowestIdAnswers) {
         auto const lowest = std::min_element(
             probes.begin(), probes.end(),
             [](auto const& a, auto const& b) { return a->getInternalOID() < b->getInternalOID(); });
-        EXPECT_EQ(orb().locateObject(unit("twin")).getServer(), lowest->get());
-        probes.erase(lowest);
+        EXPECT_EQ(orb().locateObject(oid("twin")).getServer(), lowest->get());
+        probes.erase(probes.size() % 3 == 0 ? probes.end() - 1 : lowest);
     }
-    EXPECT_EQ(orb().locateObject(unit("twin")).getServer(), nullptr);
+    EXPECT_EQ(orb().locateObject(oid("twin")).getServer(), nullptr);
 }
 
 TEST_F(RegistryTest, renamedObjectIsFoundUnderItsNewNameOnly) {
     Probe probe("before");
-    static_cast<TipprmiObjectBase&>(probe).setOID(unit("after"));
-    EXPECT_EQ(orb().locateObject(unit("before")).getServer(), nullptr);
-    EXPECT_EQ(orb().locateObject(unit("after")).getServer(), &probe);
+    static_cast<TipprmiObjectBase&>(probe).setOID(oid("after"));
+    EXPECT_EQ(orb().locateObject(oid("before")).getServer(), nullptr);
+    EXPECT_EQ(orb().locateObject(oid("after")).getServer(), &probe);
 }
 
 TEST_F(RegistryTest, madeUpNameTellsBrokerAndIdWithoutAnyMessage) {
     RawPeer peer(group());
-    Location const location = orb().locateObject(unit("rmi_1020304_ABCD"));
+    Location const location = orb().locateObject(oid("rmi_1020304_ABCD"));
     EXPECT_EQ(location.orbId().value(), 0x01020304u);
     EXPECT_EQ(location.getInternalOID(), 0xABCDu);
     EXPECT_FALSE(location.hasOID());
@@ -73,14 +70,14 @@ TEST_F(RegistryTest, madeUpNameTellsBrokerAndIdWithoutAnyMessage) {
     Probe probe("");
     char name[32];
     std::snprintf(name, sizeof name, "rmi_%X_%X", orb().orbId().value(), probe.getInternalOID());
-    EXPECT_EQ(orb().locateObject(unit(name)).getServer(), &probe);
+    EXPECT_EQ(orb().locateObject(oid(name)).getServer(), &probe);
 }
 
 TEST_F(RegistryTest, ofSeveralBrokersTheLastOfTheGroupWins) {
     auto const first = peerWith(0x11);
     auto const second = peerWith(0x22);
     auto const third = peerWith(0);
-    Location const found = orb().locateObject(unit("elsewhere"));
+    Location const found = orb().locateObject(oid("elsewhere"));
     EXPECT_EQ(found.getInternalOID(), 0x22u);
     EXPECT_EQ(found.orbId(), orb().convertId(second->termId()));
     EXPECT_EQ(found.getServer(), nullptr);
@@ -102,7 +99,7 @@ TEST_F(RegistryTest, resolveIsAnsweredForOwnObjectsOnly) {
              {"nowhere", 0}}) {
         TipprmiStream request(sender->make(5, TreflectMessage::tResolve, TreflectMessage::kRequest),
                               true);
-        request << unit(name);
+        request << oid(name);
         std::size_t const before = sender->count();
         sender->send(orb().termId(), request.msg());
         TreflectReleaseHandlerState const released;
@@ -118,17 +115,6 @@ TEST_F(RegistryTest, identifierOfAnotherNamespaceIsLeftToItsBroker) {
     Location const found = orb(NSID_UNIT).locateObject(TipprmiOID("node", NSID_NODE));
     EXPECT_EQ(found.getServer(), &probe);
     EXPECT_EQ(found.orbId(), orb(NSID_NODE).orbId());
-}
-
-TEST_F(RegistryTest, locationSurvivesTheStream) {
-    TipprmiStream stream(100);
-    stream << static_cast<TreflectObjectLocationIf const&>(
-        Location(0x55u, TreflectOrbId(0x01020304u), nullptr, unit("lamp")));
-    Location read(0u, TreflectOrbId(), nullptr, unit(""));
-    stream >> read;
-    EXPECT_EQ(read.getInternalOID(), 0x55u);
-    EXPECT_EQ(read.orbId().value(), 0x01020304u);
-    EXPECT_EQ(read.getOID(), unit("lamp"));
 }
 
 }  // namespace

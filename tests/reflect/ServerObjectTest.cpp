@@ -2,33 +2,17 @@
 // happens when one goes while it is waited for.
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <thread>
 
-#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Gauge.h"
+#include "Permitted.h"
+#include "ReflectiveActor.h"
 #include "WirePeer.h"
 
 namespace {
 
 using ::testing::ElementsAre;
-
-TipprmiOID oid(std::string const& name) {
-    return TipprmiOID(name, NSID_UNIT);
-}
-
-/** The program reflective_actor. */
-class Actor : public BrokerActor {
-public:
-    Actor() : BrokerActor({}, testsupport::programCommand("reflective_actor")) {}
-};
-
-template <class Work>
-auto held(Work const& work) {
-    TreflectHandlerState const handlerState(true);
-    return work();
-}
 
 std::vector<std::string> namesOf(TipprmiSequence<TreflectObject, 0u> const& objects) {
     std::vector<std::string> names;
@@ -49,7 +33,7 @@ protected:
 // ---- Names -------------------------------------------------------------------------------------
 
 TEST_F(ServerObject, HasANameOfAnyLength) {
-    Actor actor;
+    ReflectiveActor actor;
     for (std::size_t const length : {0, 1, 15, 16, 17, 5000}) {
         std::string const name(length, 'n');
         if (length > 0)
@@ -74,9 +58,9 @@ TEST_F(ServerObject, HasANameOfAnyLength) {
 }
 
 TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
-    auto root = held([] { return std::make_unique<Node>("root"); });
-    Actor first;
-    Actor second;
+    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    ReflectiveActor first;
+    ReflectiveActor second;
     first.ask("lamp mid root", "made");
     second.ask("lamp leaf mid", "made");
     {
@@ -93,17 +77,17 @@ TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
         EXPECT_EQ(static_cast<Node const*>(root.get())->getChild("mid").getAbsName(), "/root/mid");
     }
     second.ask("destroy leaf", "destroyed");
-    held([&] { EXPECT_EQ(TreflectObject(oid("mid")).getChilds().getLength(), 0u); });
-    held([&] { root.reset(); });
-    held([&] { EXPECT_EQ(TreflectObject(oid("mid")).getAbsName(), "/mid"); });
+    permitted([&] { EXPECT_EQ(TreflectObject(oid("mid")).getChilds().getLength(), 0u); });
+    permitted([&] { root.reset(); });
+    permitted([&] { EXPECT_EQ(TreflectObject(oid("mid")).getAbsName(), "/mid"); });
     first.ask("destroy mid", "destroyed");
     first.ask("lamp another", "made");
 }
 
 TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
-    auto root = held([] { return std::make_unique<Node>("root"); });
-    auto first = std::make_unique<Actor>();
-    Actor second;
+    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    auto first = std::make_unique<ReflectiveActor>();
+    ReflectiveActor second;
     first->ask("lamp mid root", "made");
     second.ask("lamp leaf mid", "made");
     first->child().kill();
@@ -123,11 +107,11 @@ TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
                           "information, returning NULL"));
     }
     second.ask("destroy leaf", "destroyed");
-    Actor third;
+    ReflectiveActor third;
     third.ask("lamp mid root", "made");
-    held([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
+    permitted([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
     third.ask("destroy mid", "destroyed");
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(root->getChilds().getLength(), 0u);
         root.reset();
     });
@@ -150,8 +134,8 @@ TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
         TreflectMetaObject const* meta = &deviceMeta;
         bool isItsParent = false;
     };
-    auto parent = held([] { return std::make_unique<Curious>("curious"); });
-    Actor actor;
+    auto parent = permitted([] { return std::make_unique<Curious>("curious"); });
+    ReflectiveActor actor;
     actor.ask("lamp child curious", "made");
     {
         TreflectHandlerState const handlerState(true);
@@ -161,7 +145,7 @@ TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
         EXPECT_TRUE(parent->isItsParent);
         EXPECT_EQ(parent->getChild("child").meta(), &lampMeta);
     }
-    held([&] { parent.reset(); });
+    permitted([&] { parent.reset(); });
 }
 
 TEST_F(ServerObject, MayBeNamedAsNothingIsWithoutTakingItsPlace) {
@@ -218,7 +202,7 @@ void expectKeepsChildren(TreflectObject const& parent) {
 }
 
 TEST_F(ServerObject, KeepsChildrenInTheOrderOfTheirNames) {
-    Actor actor;
+    ReflectiveActor actor;
     actor.ask("lamp far", "made");
     TreflectHandlerState const handlerState(true);
     Node const here("here");
@@ -246,18 +230,10 @@ TEST_F(ServerObject, LeavesItsParentOfTheSameProcess) {
     EXPECT_FALSE(orphan.getParent().isConnected());
 }
 
-TEST_F(ServerObject, HasOneHandleOfItsOwn) {
-    TreflectHandlerState const handlerState(true);
-    Node const node("node");
-    TreflectObject* const client = node.getClient();
-    EXPECT_EQ(node.getClient(), client);
-    EXPECT_EQ(client->getServer(), &node);
-}
-
 // ---- Classes and codes -------------------------------------------------------------------------
 
 TEST_F(ServerObject, IsOfItsMostSpecialClassThatIsKnown) {
-    Actor actor;
+    ReflectiveActor actor;
     actor.ask("combi far", "made");
     TreflectHandlerState const handlerState(true);
     Node node("node");
@@ -316,12 +292,12 @@ TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
     std::unique_ptr<Node> node;
     std::string name;
     unsigned int ioid = 0;
-    held([&] {
+    permitted([&] {
         TreflectObject const parent = objectOf(peer, 7);
         node = std::make_unique<Node>("node", &parent);
         ioid = node->getInternalOID();
     });
-    std::thread caller([&] { held([&] { name = node->getAbsName(); }); });
+    std::thread caller([&] { permitted([&] { name = node->getAbsName(); }); });
     wire::awaitCall(peer, 1100);
     wire::call(peer, broker(), 0xCA11, ioid, 0, 1100);
     std::vector<TreflectMessage> asked;
@@ -333,23 +309,23 @@ TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
         }
         return asked.size() == 2;
     }));
-    held([&] { node.reset(); });
+    permitted([&] { node.reset(); });
     EXPECT_EQ(wire::callOf(wire::awaitCall(peer, 1107)).ioid, 7u);
     for (TreflectMessage const& request : asked)
-        wire::answer(peer, request, wire::kEmptyContainer + wireForm(std::string("/far")));
+        wire::answer(peer, request, wire::kEmptyContainer + wire::text("/far"));
     caller.join();
     EXPECT_EQ(name, "/far/node");
     EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)),
-              wire::kEmptyContainer + wireForm(std::string("/far/node")));
+              wire::kEmptyContainer + wire::text("/far/node"));
 }
 
 TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
     RawPeer peer(group());
-    auto watcher = held([] { return std::make_unique<Watcher>("watcher"); });
+    auto watcher = permitted([] { return std::make_unique<Watcher>("watcher"); });
     for (unsigned int const id : {0xCA11u, 0xCA12u}) {
         std::unique_ptr<Gauge> object;
         unsigned int ioid = 0;
-        held([&] {
+        permitted([&] {
             object = std::make_unique<Gauge>("gauge");
             ioid = object->getInternalOID();
             TipprmiExceptionContainer container;
@@ -364,7 +340,7 @@ TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
         EXPECT_EQ(wire::data(wire::awaitResponse(peer, id)),
                   wire::kEmptyContainer + wire::number(1));
     }
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(watcher->told, 0);
         watcher.reset();
     });
@@ -372,13 +348,14 @@ TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
 
 TEST_F(ServerObject, IsBuiltAlsoWhenItsParentGoesMeanwhile) {
     auto peer = std::make_unique<RawPeer>(group());
-    TreflectObject const parent = held([&] { return objectOf(*peer, 7); });
+    TreflectObject const parent = permitted([&] { return objectOf(*peer, 7); });
     std::unique_ptr<Node> node;
-    std::thread builder([&] { held([&] { node = std::make_unique<Node>("node", &parent); }); });
+    std::thread builder(
+        [&] { permitted([&] { node = std::make_unique<Node>("node", &parent); }); });
     wire::awaitCall(*peer, 1106);
     peer.reset();
     builder.join();
-    held([&] {
+    permitted([&] {
         EXPECT_EQ(node->getAbsName(), "/node");
         node.reset();
     });
@@ -388,7 +365,7 @@ TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
     RawPeer peer(group(), wire::answeringAllBut({0, 1107}));
     std::unique_ptr<Gauge> object;
     unsigned int ioid = 0;
-    held([&] {
+    permitted([&] {
         TreflectObject const parent = objectOf(peer, 7);
         object = std::make_unique<Gauge>("gauge", &parent);
         ioid = object->getInternalOID();
@@ -399,7 +376,7 @@ TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
     });
     wire::call(peer, broker(), 0xCA11, ioid, gauge::kClass, gauge::kSet, "00000005");
     TreflectMessage const asked = wire::awaitCall(peer, 0);
-    std::thread destroyer([&] { held([&] { object.reset(); }); });
+    std::thread destroyer([&] { permitted([&] { object.reset(); }); });
     TreflectMessage const leaving = wire::awaitCall(peer, 1107);
     wire::answer(peer, asked, wire::kEmptyContainer + wire::bare("00000001 00000001"));
     EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), wire::kNotServed);
@@ -410,11 +387,11 @@ TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
 TEST_F(ServerObject, MayOutlastItsBrokerWhileItLeavesItsParent) {
     RawPeer peer(group(), wire::answeringAllBut({1107}));
     std::unique_ptr<Node> node;
-    held([&] {
+    permitted([&] {
         TreflectObject const parent = objectOf(peer, 7);
         node = std::make_unique<Node>("node", &parent);
     });
-    std::thread destroyer([&] { held([&] { node.reset(); }); });
+    std::thread destroyer([&] { permitted([&] { node.reset(); }); });
     wire::awaitCall(peer, 1107);
     TreflectORB::prepareForDeletion();
     destroyer.join();
@@ -426,19 +403,19 @@ class LateTarget : public ServerObject, public testing::WithParamInterface<unsig
 TEST_P(LateTarget, IsNotTouchedAnyMore) {
     unsigned int const mc = GetParam();
     RawPeer peer(group());
-    auto target = held([&] { return std::make_unique<Watcher>("target"); });
+    auto target = permitted([&] { return std::make_unique<Watcher>("target"); });
     unsigned int const ioid = target->getInternalOID();
     std::string const unknown = wire::handle(std::string("nobody"));
     std::string arguments = unknown;
     if (mc == 1000)
         arguments = wire::bare("00000000 00000001 00000002") + unknown;
     if (mc == 1106)
-        arguments = wireForm(std::string("child")) + unknown;
+        arguments = wire::text("child") + unknown;
     if (mc == 0)
         arguments = unknown + wire::bare("00000001 00000002 00000000");
     wire::call(peer, broker(), 0xCA11, ioid, TreflectObserverSkeleton::kClassId, mc, arguments);
     TreflectMessage const search = wire::awaitSearch(peer);
-    held([&] { target.reset(); });
+    permitted([&] { target.reset(); });
     wire::answer(peer, search, "00000000");
     std::string const expected =
         mc == 0 ? wire::kEmptyContainer + wire::bare("00000000 00000000") : wire::kNotServed;

@@ -53,22 +53,9 @@ inline TreflectMessage awaitResponse(RawPeer& peer, unsigned int id) {
 inline std::string data(TreflectMessage const& message) {
     return message.empty() ? "nothing came" : hex(TipprmiStream(message, false));
 }
-inline std::string bare(std::string digits) {
-    digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-    return digits;
-}
-inline std::string number(unsigned int value) {
-    char digits[9];
-    std::snprintf(digits, sizeof digits, "%08X", value);
-    return digits;
-}
 inline void write(TipprmiStream& stream, std::string const& digits) {
-    std::string const raw = bare(digits);
-    for (std::size_t i = 0; i + 1 < raw.size(); i += 2) {
-        auto const byte =
-            static_cast<unsigned char>(std::strtoul(raw.substr(i, 2).c_str(), nullptr, 16));
+    for (unsigned char const byte : bytes(digits))
         stream.marshall(&byte, 1);
-    }
 }
 
 constexpr char kEmptyContainer[] = "0000000000000000";
@@ -97,11 +84,11 @@ inline void call(RawPeer& peer, Transport::TerminationId broker, unsigned int id
 
 /** A handle on an object of another broker, as it is encoded. */
 inline std::string handle(unsigned int ioid, TreflectOrbId orb) {
-    return bare("00000000 00000001") + number(ioid) + number(orb.value());
+    return handle("", ioid, orb.value());
 }
 /** The same for one that has a name only. */
 inline std::string handle(std::string const& name) {
-    return wireForm(name) + bare("00000001 00000000 00000000");
+    return handle(name, 0, 0);
 }
 /** A handle as it comes out of its encoding. Under the run permission. */
 template <class Handle = TreflectObject>

@@ -1,9 +1,6 @@
 // The workers of a broker and the run permission: who is served when.
-#include <dirent.h>
-
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,23 +10,12 @@
 #include "BrokerTest.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "Threads.h"
 
 namespace {
 
-/** States of this process's workers, as the kernel tells them: 'S' sleeps. */
 std::string statesOfWorkers() {
-    std::string states;
-    DIR* const tasks = opendir("/proc/self/task");
-    while (dirent const* const task = readdir(tasks)) {
-        std::ifstream file(std::string("/proc/self/task/") + task->d_name + "/stat");
-        std::string line;
-        std::getline(file, line);
-        std::size_t const end = line.find(") ");
-        if (end != std::string::npos && line.find("(ReflectWorker)") != std::string::npos)
-            states += line[end + 2];
-    }
-    closedir(tasks);
-    return states;
+    return testsupport::statesOfThreads("ReflectWorker");
 }
 
 /** Notes the numbers of its calls in the order in which they are served. */

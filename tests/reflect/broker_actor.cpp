@@ -1,41 +1,29 @@
 // A process with brokers, driven by lines on standard input:
 //
 //   publish NAME [NS]     makes a probe; answers "published IOID"
-//   unpublish NAME        destroys it; answers "unpublished"
 //   release               lets go all held calls; answers "released"
 //   call NAME NUMBER      calls echo of an object; answers "called 1 NUMBER" or "called 0 CODE"
 //   callforever NAME N    N threads call echo until a call fails; then "ended" per thread
 //   hold NAME             calls hold of an object on a thread of its own; "held CODE" at its end
 //   holding NAME          answers "holding COUNT", of held calls
-//   delete                deletes all brokers; answers "deleted"
-//   deleteaside           the same on a thread of its own; "deleting" once it has begun
-//   noted NAME            answers "noted COUNT"
+//   deleteaside           deletes all brokers on a thread of its own; "deleting" once it has begun
 //   script CODE           makes the log-collection script end with that code; answers "script"
 //   exit CODE             exit on a thread of its own
 //   return CODE           return from main
-#include <cstdio>
-#include <iostream>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <thread>
 
+#include "ActorSide.h"
 #include "Probe.h"
 #include "reflect/ScriptRunner.h"
 #include "transport.h"
 
 namespace {
 
-int scriptResult = 0;
+using testsupport::answer;
 
-/** Writes one line of words in one go, since several threads answer. */
-template <class... Words>
-void answer(Words const&... words) {
-    std::ostringstream line;
-    (line << ... << words) << "\n";
-    std::fputs(line.str().c_str(), stdout);
-    std::fflush(stdout);
-}
+int scriptResult = 0;
 
 int instead(char const* path) {
     answer("script ", path);
@@ -68,11 +56,6 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
         auto& probe = probes_[name];
         probe = std::make_unique<Probe>(name, static_cast<NamespaceId>(ns));
         answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
-    } else if (verb == "unpublish") {
-        words >> name;
-        TreflectHandlerState const handlerState(true);
-        probes_.erase(name);
-        answer("unpublished");
     } else if (verb == "release") {
         for (auto const& entry : probes_)
             entry.second->release();
@@ -88,15 +71,9 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
     } else if (verb == "hold") {
         words >> name;
         std::thread([name] { answer("held ", callOnce(name, kHold, 0).exceptionCode); }).detach();
-    } else if (verb == "noted") {
-        words >> name;
-        answer("noted ", probes_.at(name)->noted());
     } else if (verb == "holding") {
         words >> name;
         answer("holding ", probes_.at(name)->held());
-    } else if (verb == "delete") {
-        prepareOrbForDeletion();
-        answer("deleted");
     } else if (verb == "deleteaside") {
         Transport::TerminationId const broker = TreflectORB::getInstance(NSID_UNIT)->termId();
         std::thread(prepareOrbForDeletion).detach();
@@ -107,6 +84,9 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
         words >> scriptResult;
         setScriptRunner(&instead);
         answer("script");
+    } else if (verb == "exit") {
+        words >> number;
+        std::thread([number] { std::exit(static_cast<int>(number)); }).join();
     }
 }
 
@@ -129,18 +109,11 @@ void Actor::callForever(std::string const& name, int threads) {
 
 int main() {
     static auto& actor = *new Actor;  // its probes outlive exit
-    answer("ready");
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream words(line);
-        std::string verb;
-        int code = 0;
-        words >> verb;
-        if (verb == "return" || verb == "exit") {
-            words >> code;
-            if (verb == "return")
-                return code;
-            std::thread([code] { std::exit(code); }).join();
-        }
-        actor.handle(verb, words);
-    }
+    int code = 0;
+    testsupport::obeyLines([&](std::string const& verb, std::istringstream& words) {
+        if (verb != "return")
+            actor.handle(verb, words);
+        return verb != "return" || !(words >> code);
+    });
+    return code;
 }

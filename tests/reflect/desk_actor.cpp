@@ -1,6 +1,5 @@
 // Child program of ByValueCallTest: serves a desk until its input ends.
-#include <cstdio>
-
+#include "ActorSide.h"
 #include "DeskObject.h"
 #include "handler_threads.h"
 
@@ -8,9 +7,5 @@ int main() {
     TreflectHandlerState const inside(true);
     desk::Server const server(desk::remoteId());
     TreflectReleaseHandlerState const outside;
-    std::puts("serving");
-    std::fflush(stdout);
-    while (std::getchar() != EOF) {
-    }
-    return 0;
+    testsupport::obeyLines([](auto&, auto&) { return true; });
 }

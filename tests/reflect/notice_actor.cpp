@@ -8,66 +8,46 @@
 //                             deletions; "observing". OBSERVER is made when needed, and writes
 //                             "notice OBSERVER NAME BROKER" when it is told
 //   remove OBSERVER CLASS     ends its registrations; "removed"
-//   discard OBSERVER          destroys it; "discarded"
 //   on OBSERVER COMMAND       what it does once when it is next told; "prepared"
-//   aside COMMAND             on a thread of its own
-//   hold                      blocks without the permission; "holding", and "held" at its end
-//   release                   lets go what is held; "released"
-//   use NAME                  asks an object for its name; "used NAME"
+//   hold                      blocks without the permission for ever; "holding"
 //   sync                      "synced", behind all that was written before
 //   delete                    deletes all brokers; "deleted"
-#include <cstdio>
-#include <iostream>
-#include <sstream>
-#include <thread>
-
+#include "ActorSide.h"
 #include "Thing.h"
 #include "Waiting.h"
 #include "transport.h"
 
 namespace {
 
-/** Writes one line of words in one go, since several threads answer. */
-template <class... Words>
-void answer(Words const&... words) {
-    std::ostringstream line;
-    (line << ... << words) << "\n";
-    std::fputs(line.str().c_str(), stdout);
-    std::fflush(stdout);
-}
+using testsupport::answer;
 
 /** Its commands are guarded by the run permission. */
 class Actor {
 public:
-    void handle(std::string const& command);
+    void handle(std::string const& verb, std::istream& words);
 
 private:
     void objects(std::string const& verb, std::istream& words);
     void observers(std::string const& verb, std::istream& words);
-    void others(std::string const& verb, std::istream& words);
+    void others(std::string const& verb);
     void create(std::string const& name, unsigned int classId);
     void observe(Watcher& observer, std::string const& kind, unsigned int classId);
     Watcher& observer(std::string const& name);
     void react(std::string const& observer, std::string const& name, TreflectObject const& source);
-    void hold();
 
     std::map<std::string, std::unique_ptr<Thing>> things_;
     std::map<std::string, std::unique_ptr<Watcher>> observers_;
     std::map<std::string, std::string> prepared_;
-    testsupport::Gate released_;
 };
 
-void Actor::handle(std::string const& command) {
+void Actor::handle(std::string const& verb, std::istream& words) {
     TreflectHandlerState const handlerState(true);
-    std::istringstream words(command);
-    std::string verb;
-    words >> verb >> std::ws;
-    if (verb == "know" || verb == "create" || verb == "destroy" || verb == "use")
+    if (verb == "know" || verb == "create" || verb == "destroy")
         objects(verb, words);
-    else if (verb == "observe" || verb == "remove" || verb == "discard" || verb == "on")
+    else if (verb == "observe" || verb == "remove" || verb == "on")
         observers(verb, words);
     else
-        others(verb, words);
+        others(verb);
 }
 
 void Actor::objects(std::string const& verb, std::istream& words) {
@@ -82,14 +62,12 @@ void Actor::objects(std::string const& verb, std::istream& words) {
     words >> name >> std::hex >> classId;
     if (verb == "create") {
         create(name, classId);
-    } else if (verb == "destroy") {
+    } else {
         // Out of the map first: others may create objects while this one waits.
         std::unique_ptr<Thing> gone = std::move(things_[name]);
         things_.erase(name);
         gone.reset();
         answer("destroyed");
-    } else {
-        answer("used ", TreflectObject(TipprmiOID(name, NSID_UNIT)).getRelName());
     }
 }
 
@@ -115,9 +93,6 @@ void Actor::observers(std::string const& verb, std::istream& words) {
         words >> std::hex >> classId;
         thingClass(classId).removeObserver(&observer(name));
         answer("removed");
-    } else if (verb == "discard") {
-        observers_.erase(name);
-        answer("discarded");
     } else {
         observer(name);
         std::getline(words, prepared_[name]);
@@ -147,21 +122,18 @@ void Actor::react(std::string const& observer, std::string const& name,
     auto const prepared = prepared_.find(observer);
     if (prepared == prepared_.end())
         return;
-    std::string const command = prepared->second;
+    std::istringstream words(prepared->second);
     prepared_.erase(prepared);
-    handle(command);
+    std::string verb;
+    words >> verb;
+    handle(verb, words);
 }
 
-void Actor::others(std::string const& verb, std::istream& words) {
-    std::string rest;
-    std::getline(words, rest);
-    if (verb == "aside") {
-        std::thread([this, rest] { handle(rest); }).detach();
-    } else if (verb == "hold") {
-        hold();
-    } else if (verb == "release") {
-        released_.open();
-        answer("released");
+void Actor::others(std::string const& verb) {
+    if (verb == "hold") {
+        TreflectReleaseHandlerState const given;
+        answer("holding");
+        testsupport::Gate().wait(std::chrono::hours(1));
     } else if (verb == "sync") {
         answer("synced");
     } else if (verb == "delete") {
@@ -170,19 +142,13 @@ void Actor::others(std::string const& verb, std::istream& words) {
     }
 }
 
-void Actor::hold() {
-    TreflectReleaseHandlerState const given;
-    answer("holding");
-    released_.wait(std::chrono::hours(1));
-    answer("held");
-}
-
 }  // namespace
 
 int main() {
     static auto& actor = *new Actor;  // its objects outlive exit
     preCreateReflectOrb();
-    answer("ready");
-    for (std::string line; std::getline(std::cin, line);)
-        actor.handle(line);
+    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
+        actor.handle(verb, words);
+        return true;
+    });
 }

@@ -4,64 +4,45 @@
 //   combi NAME [PARENT]   makes a combi
 //   next NAME OTHER       makes OTHER the value of the lamp's attribute Next; answers "next"
 //   pings NAME            answers "pings COUNT"
-//   blinks NAME           answers "blinks COUNT"
 //   level NAME            answers "level NUMBER"
 //   entered NAME          waits for a call that is held; answers "entered"
 //   release NAME          lets the calls go that are held; answers "released"
 //   store NAME NUMBER     sets Level of the lamp NAME, wherever it is; "stored ok" or "stored CODE"
 //   destroy NAME          destroys the object or the observer; answers "destroyed"
 //   observer NAME         makes an observer, which allows all calls; answers "made"
-//   answers NAME ANSWER   what its update answers: yes, no, throw, or hang for
-//                         never, after a line "hangs"; answers "will"
+//   answers NAME ANSWER   what its update answers: yes, no, or hang for never, after a line
+//                         "hangs"; answers "will"
 //   observe NAME OBJECT OPERATION KIND   has it told of calls, KIND: before or after; "observing 1"
 //   unobserve NAME OBJECT OPERATION      answers "unobserved"
-//   told NAME             answers "told COUNT NUMBER SOURCE": how often, the first of the values
-//   that
-//                         it was told last, or "none", and the name of the object that was called
-#include <iostream>
+//   told NAME             answers "told COUNT NUMBER SOURCE": how often, the first value of the
+//   last
+//                         time, or "none", and the name of the object that was called
 #include <map>
 #include <memory>
-#include <sstream>
-#include <stdexcept>
 
-#include "ReflectiveClasses.h"
+#include "ActorSide.h"
+#include "Gauge.h"
 
 namespace {
 
-/** Notes what it is told. */
-class Watcher : public TreflectObserver {
-public:
-    explicit Watcher(std::string const& name)
-        : TreflectObserver(TipprmiOID(name, NSID_UNIT), nullptr, name) {}
+bool hang() {
+    TreflectReleaseHandlerState const released;
+    testsupport::answer("hangs");
+    return testsupport::Gate().wait(std::chrono::hours(1));
+}
 
-    bool update() override {
-        ++count_;
-        number_ = "none";
-        if (arguments().getLength() > 0) {
-            TipprmiAny value = arguments()[0];
-            unsigned int number = 0;
-            value.extract(number);
-            number_ = std::to_string(number);
-        }
-        source_ = getSource()->getRelName();
-        if (answer == "throw")
-            throw std::runtime_error("on purpose");
-        if (answer == "hang") {
-            TreflectReleaseHandlerState const released;
-            std::cout << "hangs" << std::endl;
-            testsupport::Gate().wait(std::chrono::hours(1));
-        }
-        return answer == "yes";
-    }
-    std::string told() const { return std::to_string(count_) + " " + number_ + " " + source_; }
+void setAnswer(Watcher& observer, std::string const& answer) {
+    observer.answer = answer == "yes";
+    observer.react = nullptr;
+    if (answer == "hang")
+        observer.react = hang;
+}
 
-    std::string answer = "yes";
-
-private:
-    int count_ = 0;
-    std::string number_ = "none";
-    std::string source_ = "nobody";
-};
+std::string told(Watcher const& observer) {
+    return "told " + std::to_string(observer.told) + " " +
+           (observer.values.empty() ? "none" : std::to_string(observer.values[0])) + " " +
+           (observer.sourceNames.empty() ? "nobody" : observer.sourceNames.back());
+}
 
 // Both under the run permission.
 std::map<std::string, std::unique_ptr<LampObject>> objects;
@@ -91,11 +72,11 @@ std::string handleObserver(std::string const& verb, std::string const& name,
     Watcher& observer = *observers.at(name);
     words >> object;
     if (verb == "answers") {
-        observer.answer = object;
+        setAnswer(observer, object);
         return "will";
     }
     if (verb == "told")
-        return "told " + observer.told();
+        return told(observer);
     words >> operation >> kind;
     TreflectObject const observed{TipprmiOID(object, NSID_UNIT)};
     TreflectOperation& bound = observed.operation(operation);
@@ -148,8 +129,6 @@ std::string handle(std::string const& verb, std::string const& name, std::istrin
     }
     if (verb == "pings")
         return "pings " + std::to_string(object.pings());
-    if (verb == "blinks")
-        return "blinks " + std::to_string(object.blinks());
     if (verb == "level")
         return "level " + std::to_string(object.level);
     return "unknown " + verb;
@@ -158,14 +137,12 @@ std::string handle(std::string const& verb, std::string const& name, std::istrin
 }  // namespace
 
 int main() {
-    std::cout << "ready" << std::endl;
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream words(line);
-        std::string verb;
+    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
         std::string name;
-        words >> verb >> name;
-        std::cout << handle(verb, name, words) << std::endl;
-    }
+        words >> name;
+        testsupport::answer(handle(verb, name, words));
+        return true;
+    });
     prepareOrbForDeletion();
     objects.clear();
     observers.clear();

@@ -17,7 +17,6 @@ enum Method : unsigned int {
     kAdd = 2,     // (unsigned) one-way
     kTotal = 3,   // () -> unsigned
     kRefuse = 4,  // (unsigned code)
-    kRelay = 5,   // (unsigned, string path) -> unsigned
     kFlip = 6,    // (string) -> string
     kExtend = 7,  // (identifier) -> identifier
     kSame = 8,    // (termination id) -> termination id
@@ -79,11 +78,6 @@ public:
     TipprmiResult<void> refuse(unsigned int code) const {
         return tipprmiCall<void>(*this, kClass, kRefuse, code);
     }
-    /** `path`: names with dots between, of the stations to call one inside the other; each adds 1
-     * to the number. */
-    TipprmiResult<unsigned int> relay(unsigned int number, std::string const& path) const {
-        return tipprmiCall<unsigned int>(*this, kClass, kRelay, number, path);
-    }
     TipprmiResult<std::string> flip(std::string const& text) const {
         return tipprmiCall<std::string>(*this, kClass, kFlip, text);
     }
@@ -119,8 +113,6 @@ public:
                 return serve(cc, mc, in, out, &Server::total);
             case kRefuse:
                 return serve(cc, mc, in, out, &Server::refuse);
-            case kRelay:
-                return serve(cc, mc, in, out, &Server::relay);
             case kFlip:
                 return serve(cc, mc, in, out, &Server::flip);
             case kExtend:
@@ -142,13 +134,6 @@ private:
     std::string rotate(unsigned int count, std::string const& text) { return rotated(count, text); }
     void add(unsigned int number) { total_ += number; }
     TipprmiResult<void> refuse(unsigned int code) { return TipprmiFailure(code); }
-    TipprmiResult<unsigned int> relay(unsigned int number, std::string const& path) {
-        if (path.empty())
-            return number + 1;
-        std::size_t const end = std::min(path.find('.'), path.size());
-        std::string const rest = end == path.size() ? "" : path.substr(end + 1);
-        return Client(path.substr(0, end)).relay(number + 1, rest);
-    }
     std::string flip(std::string const& text) { return flipped(text); }
     Identifier extend(Identifier const& identifier) { return {identifier.oid + ".more"}; }
     Transport::TerminationId same(Transport::TerminationId id) { return id; }

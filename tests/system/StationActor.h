@@ -1,42 +1,20 @@
 // The test's side of the program station_actor.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <sstream>
-#include <string>
-#include <vector>
-
+#include "ActorProgram.h"
 #include "RendezvousFolder.h"
-#include "TestPrograms.h"
-#include "tests/reflect/BrokerActor.h"
 
-class StationActor : public BrokerActor {
+class StationActor : public testsupport::ActorProgram {
 public:
-    struct Published {
-        unsigned int ioid = 0;
-        unsigned int broker = 0;
-        unsigned int termination = 0;
-    };
+    explicit StationActor(Environment const& environment = {},
+                          Command const& command = testsupport::programCommand("station_actor"))
+        : ActorProgram(command, environment) {}
 
-    explicit StationActor(
-        Environment const& environment = {},
-        std::vector<std::string> const& command = testsupport::programCommand("station_actor"))
-        : BrokerActor(environment, command) {}
-
-    Published publishStation(std::string const& name, std::string const& ns = "1") {
-        std::istringstream words(ask("publish " + name + " " + ns, "published"));
-        Published published;
-        words >> std::hex >> published.ioid >> published.broker >> published.termination;
-        return published;
+    Made publishStation(std::string const& name, std::string const& ns = "1") {
+        return make("publish " + name + " " + ns, "published");
     }
     unsigned long number(std::string const& command, std::string const& answer) {
         return std::strtoul(ask(command, answer).c_str(), nullptr, 10);
-    }
-    /** Ends the process in the ordinary way, which sanitizers use for their reports. */
-    void finish() {
-        child().closeInput();
-        EXPECT_EQ(child().exitCode(), 0);
     }
 };
 

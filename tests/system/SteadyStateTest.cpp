@@ -2,7 +2,6 @@
 #include <time.h>
 
 #include <chrono>
-#include <optional>
 #include <thread>
 
 #include "StationActor.h"

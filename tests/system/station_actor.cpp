@@ -8,50 +8,28 @@
 //   keep NAME [NS]          makes a handle and keeps it; answers "kept CONNECTED"
 //   use NAME                calls rotate through the kept handle; answers "used 1" or "used 0 CODE"
 //   useoften NAME COUNT     the same on a thread of its own; answers "calling", then "failed COUNT"
-//   add NAME COUNT          adds 1 so often, one-way, through the kept handle; answers "added
-//   COUNT" rotate NAME N TEXT      as `use`, through a new handle; answers "rotated 1 TEXT" or "...
-//   0 CODE" refuse NAME CODE        answers "refused CODE" check NAME              calls with every
-//   type there and back; answers "checked" and the faults storm SEED ROUNDS THREADS NAME...  calls
-//   all of them at once on threads of its own; answers
-//                           "stormed FAULTS ADDED"
-//   churn NAME ROUNDS       makes and destroys stations on a thread of its own; answers "churned"
-//   follow NAME             calls it on a thread of its own, through a new handle after each
-//   failure;
-//                           "following" when the first call succeeded, and so again after a failure
-//   rest                    ends that; answers "followed WRONG", the answers that were not right
+//   add NAME COUNT          adds 1 so often, one-way, through the kept handle; "added COUNT"
+//   rotate NAME N TEXT      as `use`, through a new handle; "rotated 1 TEXT" or "rotated 0 CODE"
+//   check NAME              calls with every type there and back; "checked" and the faults
 //   allocations             answers "allocations COUNT"
 //   counters TERMINATION    asks a broker for its counters; answers "counters ACTOR
 //                           DESTINATION:SENT:FAILED..."
 //   active SLOT             answers "active"
 //   renew                   deletes all brokers; answers "renewed"
-#include <atomic>
-#include <cstdio>
-#include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
-#include <optional>
-#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "ActorSide.h"
 #include "AllocationCount.h"
-#include "Slowness.h"
 #include "Station.h"
 
 namespace {
 
 using station::Client;
 using station::Server;
-
-/** Writes one line of words in one go, since several threads answer. */
-template <class... Words>
-void answer(Words const&... words) {
-    std::ostringstream line;
-    (line << ... << words) << "\n";
-    std::fputs(line.str().c_str(), stdout);
-    std::fflush(stdout);
-}
+using testsupport::answer;
 
 // ---- Every type there and back ------------------------------------------------------------------
 
@@ -130,134 +108,6 @@ private:
     std::string faults_;
 };
 
-// ---- Many calls at once -------------------------------------------------------------------------
-
-struct Storm {
-    unsigned int seed;
-    unsigned int rounds;
-    std::vector<std::string> names;
-    std::atomic<unsigned int> faults{0};
-    std::atomic<unsigned int> added{0};
-
-    void run();
-    void call(unsigned int number, std::vector<std::unique_ptr<Client>> const& handles);
-};
-
-void Storm::run() {
-    std::vector<std::unique_ptr<Client>> handles;
-    for (std::string const& name : names) {
-        TreflectHandlerState const inside(true);
-        handles.push_back(std::make_unique<Client>(name));
-    }
-    for (unsigned int round = 0; round < rounds; ++round) {
-        TreflectHandlerState const inside(true);
-        call(seed + round, handles);
-    }
-    TreflectHandlerState const inside(true);
-    handles.clear();
-}
-
-void Storm::call(unsigned int number, std::vector<std::unique_ptr<Client>> const& handles) {
-    auto const count = static_cast<unsigned int>(handles.size());
-    Client const& far = *handles[number % count];
-    switch (number / count % 4) {
-        case 0:
-            faults += !far.answers(number);
-            break;
-        case 1: {
-            std::string const path = names[(number + 1) % count] + "." + names[number % count];
-            faults += far.relay(number, path).valueOr(0) != number + 3;
-            break;
-        }
-        case 2:
-            if (far.add(1))
-                ++added;
-            else
-                ++faults;
-            break;
-        default: {
-            // It comes and goes: a call is answered rightly, or refused.
-            auto const text = Client(names[number % count] + ".brief").rotate(1, "abc");
-            faults += text ? text.value() != "bca" : text.code() != TipprmiFailure::kNotServed;
-        }
-    }
-}
-
-void storm(std::istringstream& words) {
-    auto const shared = std::make_shared<Storm>();
-    unsigned int threads = 0;
-    words >> shared->seed >> shared->rounds >> threads;
-    for (std::string name; words >> name;)
-        shared->names.push_back(name);
-    std::thread([shared, threads] {
-        std::vector<std::thread> callers;
-        for (unsigned int i = 0; i < threads; ++i)
-            callers.emplace_back([shared] { shared->run(); });
-        for (std::thread& caller : callers)
-            caller.join();
-        answer("stormed ", shared->faults, " ", shared->added);
-    }).detach();
-}
-
-void churn(std::string const& name, unsigned int rounds) {
-    std::thread([name, rounds] {
-        for (unsigned int round = 0; round < rounds; ++round) {
-            std::unique_ptr<Server> one;
-            std::unique_ptr<Server> two;
-            {
-                TreflectHandlerState const inside(true);
-                one = std::make_unique<Server>(name);
-                two = std::make_unique<Server>(name);
-            }
-            std::this_thread::yield();
-            TreflectHandlerState const inside(true);
-            one.reset();
-            two.reset();
-        }
-        answer("churned");
-    }).detach();
-}
-
-/** Calls an object for as long as it is told to, and finds it again when a call has failed. */
-class Follower {
-public:
-    void follow(std::string const& name) {
-        thread_ = std::thread([this, name] {
-            while (!rest_)
-                callUntilItFails(name);
-            answer("followed ", wrong_);
-        });
-    }
-    void rest() {
-        rest_ = true;
-        thread_.join();
-    }
-
-private:
-    void callUntilItFails(std::string const& name) {
-        std::optional<Client> far;
-        inside([&] { far.emplace(name); });
-        TipprmiResult<std::string> text = TipprmiFailure();
-        for (unsigned int number = 0; number == 0 || (text && !rest_); ++number) {
-            inside([&] { text = far->rotate(number, "abcde"); });
-            if (text && number == 0)
-                answer("following");
-            wrong_ += text ? text.value() != station::rotated(number, "abcde")
-                           : text.code() != TipprmiFailure::kNotServed;
-        }
-        inside([&] { far.reset(); });
-    }
-    template <class Action>
-    static void inside(Action const& action) {
-        TreflectHandlerState const state(true);
-        action();
-    }
-
-    std::thread thread_;
-    std::atomic<bool> rest_{false};
-    unsigned int wrong_ = 0;  // the thread's, until it has ended
-};
-
 // ---- The commands -------------------------------------------------------------------------------
 
 class Actor {
@@ -276,7 +126,6 @@ private:
     void useOften(std::string const& name, std::istringstream& words);
     void add(std::string const& name, std::istringstream& words);
     void rotate(std::string const& name, std::istringstream& words);
-    void refuse(std::string const& name, std::istringstream& words);
     void check(std::string const& name, std::istringstream&);
 
     static NamespaceId namespaceIn(std::istringstream& words) {
@@ -355,12 +204,6 @@ void Actor::rotate(std::string const& name, std::istringstream& words) {
     answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
 }
 
-void Actor::refuse(std::string const& name, std::istringstream& words) {
-    unsigned int code = 0;
-    words >> code;
-    answer("refused ", Client(name).refuse(code).code());
-}
-
 void Actor::check(std::string const& name, std::istringstream&) {
     answer("checked", Check(name).faults());
 }
@@ -371,8 +214,7 @@ bool Actor::handle(std::string const& verb, std::istringstream& words) {
         {"total", &Actor::total},       {"find", &Actor::find},
         {"keep", &Actor::keep},         {"use", &Actor::use},
         {"useoften", &Actor::useOften}, {"add", &Actor::add},
-        {"rotate", &Actor::rotate},     {"refuse", &Actor::refuse},
-        {"check", &Actor::check}};
+        {"rotate", &Actor::rotate},     {"check", &Actor::check}};
     auto const command = commands.find(verb);
     if (command == commands.end())
         return false;
@@ -394,20 +236,8 @@ void counters(Transport::TerminationId broker) {
 
 /** What concerns the process rather than its stations. */
 void handleForProcess(std::string const& verb, std::istringstream& words) {
-    static Follower& follower = *new Follower;
-    std::string name;
     unsigned int number = 0;
-    if (verb == "storm") {
-        storm(words);
-    } else if (verb == "churn") {
-        words >> name >> number;
-        churn(name, number);
-    } else if (verb == "follow") {
-        words >> name;
-        follower.follow(name);
-    } else if (verb == "rest") {
-        follower.rest();
-    } else if (verb == "allocations") {
+    if (verb == "allocations") {
         answer("allocations ", allocationCount());
     } else if (verb == "counters") {
         words >> std::hex >> number;
@@ -426,12 +256,9 @@ void handleForProcess(std::string const& verb, std::istringstream& words) {
 
 int main() {
     static Actor& actor = *new Actor;  // its stations outlive exit
-    answer("ready");
-    for (std::string line; std::getline(std::cin, line);) {
-        std::istringstream words(line);
-        std::string verb;
-        words >> verb;
+    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
         if (!actor.handle(verb, words))
             handleForProcess(verb, words);
-    }
+        return true;
+    });
 }
