@@ -28,7 +28,6 @@ std::string milliseconds(long long microseconds) {
 }  // namespace
 
 // ---- What the supervisor knows
-// -------------------------------------------------------------------
 
 void Checker::started(Life life, long long) {
     processes_[life];
@@ -38,18 +37,12 @@ void Checker::killed(Life life, long long at) {
     processes_[life].died = at;
 }
 
-std::string Checker::brokerOf(Life life) const {
-    auto const process = processes_.find(life);
-    return process == processes_.end() ? "" : process->second.broker;
-}
-
 bool Checker::hasMet(Life life, std::string const& termination) const {
     auto const process = processes_.find(life);
     return process != processes_.end() && process->second.met.count(termination) != 0;
 }
 
 // ---- What actors tell
-// ----------------------------------------------------------------------------
 
 void Checker::take(Life life, Event const& event) {
     Process& process = processes_[life];
@@ -206,7 +199,6 @@ long long Checker::lastKill(std::string const& target, long long from, long long
 }
 
 // ---- Judgement
-// -----------------------------------------------------------------------------------
 
 void Checker::fence(long long at) {
     for (auto& [life, process] : processes_) {

@@ -66,8 +66,6 @@ public:
     void fence(long long at);
     /** Whether the one-way calls between those alive have all come; the reasons why not. */
     std::vector<std::string> unbalanced();
-    /** The broker of an actor's life; empty before its start. */
-    std::string brokerOf(Life life) const;
     bool hasMet(Life life, std::string const& termination) const;
 
     std::vector<Fault> const& faults() const { return faults_; }

@@ -69,7 +69,6 @@ void Player::act() {
 }
 
 // ---- Objects
-// -------------------------------------------------------------------------------------
 
 /** Its name is its own for ever; its place in the tree is taken over by the next one. */
 void Player::makeObject() {
@@ -94,7 +93,6 @@ void Player::dropObject() {
 }
 
 // ---- Observers
-// -----------------------------------------------------------------------------------
 
 void Player::observe() {
     unsigned int const classIndex = dice(kClasses);
@@ -124,7 +122,6 @@ void Player::destroyWatchersThatAreOver() {
 }
 
 // ---- Calls
-// ---------------------------------------------------------------------------------------
 
 Client& Player::home(unsigned int actor) {
     std::unique_ptr<Client>& handle = homes_[actor];

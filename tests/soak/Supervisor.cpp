@@ -104,7 +104,6 @@ bool Supervisor::run() {
 }
 
 // ---- Processes
-// -----------------------------------------------------------------------------------
 
 void Supervisor::start(Slot& slot) {
     ++slot.life;
@@ -170,7 +169,6 @@ void Supervisor::awaitStarts() {
 }
 
 // ---- A stretch of action, with kills
-// -------------------------------------------------------------
 
 void Supervisor::stretch() {
     ++stretches_;
@@ -232,7 +230,6 @@ void Supervisor::strike(Stroke& stroke, long long time) {
 }
 
 // ---- Rest and judgement
-// --------------------------------------------------------------------------
 
 void Supervisor::settle() {
     if (failed() || !order("rest"))
@@ -322,7 +319,6 @@ void Supervisor::readJournals() {
 }
 
 // ---- What processes use
-// --------------------------------------------------------------------------
 
 void Supervisor::measure() {
     for (Slot& slot : slots_) {
@@ -365,7 +361,6 @@ void Supervisor::compare(Slot const& slot) {
 }
 
 // ---- The end
-// -------------------------------------------------------------------------------------
 
 /** All objects go, so that each can be judged; then all processes go at once. */
 void Supervisor::finish() {
@@ -394,7 +389,6 @@ void Supervisor::finish() {
 }
 
 // ---- What was found
-// ------------------------------------------------------------------------------
 
 void Supervisor::reportHang(Slot& slot, std::string const& what) {
     keepStacks(slot);
