@@ -1,6 +1,7 @@
 #include "handler_threads/ThreadRecord.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 namespace handlerthreads {
 namespace {
@@ -21,6 +22,10 @@ ParkingPlace* takeFreePlace() {
 }  // namespace
 
 __thread ThreadRecord threadRecord HANDLERTHREADS_TLS = {};
+
+/** The thread that goes on in a forked child is its main thread, under another kernel id. */
+[[maybe_unused]] static int const correctsTidInForkedChild =
+    pthread_atfork(nullptr, nullptr, [] { threadRecord.tid = getpid(); });
 
 void identifyThread() {
     threadRecord.tid = OSWrap::Thread::getCurrentTid();

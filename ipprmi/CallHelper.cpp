@@ -9,14 +9,11 @@
 
 namespace {
 
-// Room for the arguments and results of most calls; streams grow beyond it.
-constexpr int kUsualSize = 100;
-
 void callRemote(ClientCallHookBaseV const& hook, InParamHook const& in, OutParamHook const& out,
                 TreflectObjectStub& stub, unsigned int cc, unsigned int mc, bool withResponse) {
     StubInUse const inUse(stub);
-    TipprmiStream request(kUsualSize);
-    TipprmiStream response(kUsualSize);
+    TipprmiStream request(TipprmiStream::kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     stub.prepareRequestStream(withResponse, cc, mc, request);
     in.marshall(request);
     // A failure stands in the response, as an exception container.

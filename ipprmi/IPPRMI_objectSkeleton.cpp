@@ -1,4 +1,5 @@
 #include "handler_threads/TreflectHandlerState.h"
+#include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
@@ -11,10 +12,6 @@
 namespace {
 
 constexpr char kSource[] = "IPPRMI_objectSkeleton";
-
-// Method codes that every skeleton serves.
-constexpr unsigned int kSetExceptionContainer = 2100;
-constexpr unsigned int kGetExceptionContainer = 2101;
 
 }  // namespace
 
@@ -47,14 +44,14 @@ TreflectOrbId TipprmiObjectSkeleton::orbId() const {
 bool TipprmiObjectSkeleton::dispatch(bool, unsigned int, unsigned int mc, TipprmiStream& in,
                                      TipprmiStream& out) {
     switch (mc) {
-        case kSetExceptionContainer: {
+        case standard::kSetExceptionContainer: {
             TipprmiExceptionContainer container;
             in >> container;
             setExceptionContainer(container);
             prepareResponseStream_(out);
             return true;
         }
-        case kGetExceptionContainer:
+        case standard::kGetExceptionContainer:
             prepareResponseStream_(out);
             out << getExceptionContainer();
             return true;

@@ -1,4 +1,6 @@
 #include "ipprmi/TipprmiCall.h"
+
+#include "ipprmi/CallOutcome.h"
 // Calls leave through stubs.
 #include "reflect/TreflectObjectStub.h"
 
@@ -24,11 +26,8 @@ public:
     TipprmiFailure failure() const {
         if (exception().getExceptionType() == 0)
             return TipprmiFailure(TipprmiFailure::kNotServed);
-        TipprmiGeneralException general(TipprmiFailure::kUnreadable);
         TipprmiExceptionContainer container = exception();
-        if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType())
-            container.getExceptionData(general);
-        return TipprmiFailure(general.code());
+        return failureIn(container);
     }
 
 private:

@@ -4,7 +4,6 @@
 
 namespace {
 
-constexpr int kUsualSize = 100;  // room for the arguments of most calls; streams grow beyond it
 constexpr unsigned int kNotify = 0;
 
 }  // namespace
@@ -25,8 +24,8 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
     if (!stub)
         return false;
     StubInUse const inUse(*stub);
-    TipprmiStream request(kUsualSize);
-    TipprmiStream response(kUsualSize);
+    TipprmiStream request(TipprmiStream::kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     constexpr unsigned int kClass = TreflectObserverSkeleton::kClassId;
     prepareRequestStream_(true, kClass, kNotify, request) << source << cc << mc << arguments;
     dispatch(true, kClass, kNotify, request, response);

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <exception>
 
 #include "handler_threads/TreflectHandlerState.h"
 #include "logging/Log.h"
@@ -8,6 +7,7 @@
 #include "oswrap/Thread.h"
 #include "reflect/AllLevelsReleased.h"
 #include "reflect/CallbackScope.h"
+#include "reflect/ContainErrors.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectOrbObserver.h"
 #include "transport/TransportLayer.h"
@@ -143,19 +143,13 @@ void TreflectOrbObserver::tell(TreflectOrbObserverIf* observer, OrbAppear_t cons
         return;
     Notice const notice(*this, observer);
     CallbackScope const restored;
-    try {
-        observer->notify(appearance.broker, appearance.what);
-    } catch (std::exception const& error) {
-        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw %s", static_cast<void*>(observer),
-                       error.what());
-    } catch (...) {
-        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
-            throw;
-        REFLECTORB_LOG(3, kSource, "Observer 0x%p threw", static_cast<void*>(observer));
-    }
+    containErrors([&] { observer->notify(appearance.broker, appearance.what); },
+                  [&](char const* thrown) {
+                      REFLECTORB_LOG(3, kSource, "Observer 0x%p threw%s",
+                                     static_cast<void*>(observer), thrown);
+                  });
 }
 
-/** False when the observer has gone since it was looked up. */
 bool TreflectOrbObserver::begin(TreflectOrbObserverIf const* observer) {
     Guard const lock(observersMutex_);
     if (obsFind(observer) == observers_.end())

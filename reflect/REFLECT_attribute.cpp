@@ -1,5 +1,5 @@
 // Attributes and operations that are bound to a handle.
-#include "reflect/CallOutcome.h"
+#include "ipprmi/CallOutcome.h"
 #include "reflect/StubInUse.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectMetaAttribute.h"
@@ -9,8 +9,6 @@
 #include "reflect/TreflectParameterType.h"
 
 namespace {
-
-constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
 
 /**
  * Calls an operation through a handle; whether the object has served the call. Other threads may
@@ -28,7 +26,7 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
     bool const searches = !stub->isConnected();
     unsigned int const cc = declaring->getClassId();
     auto const mc = static_cast<unsigned int>(operation.id());
-    TipprmiStream request(kUsualSize);
+    TipprmiStream request(TipprmiStream::kUsualSize);
     stub->prepareRequestStream(true, cc, mc, request);
     arguments.marshall(request);
     // A request that is too large is not sent.
@@ -115,7 +113,7 @@ TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const 
     bool const ofElement = hasIndex_() && containerType_ != kPlain;
     if (error_ || !meta_->metaOperSet() || ofElement)
         return TipprmiFailure();
-    TipprmiStream response(kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     if (!callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value,
                       response))
         return failureOf_(response);
@@ -231,7 +229,7 @@ TreflectOperation::~TreflectOperation() = default;
 int TreflectOperation::call() {
     if (error_)
         return error;
-    TipprmiStream response(kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     callMember(*object_, meta_->containingMetaObject(), *meta_, TipprmiArguments<>(), response);
     return 0;
 }
@@ -250,7 +248,7 @@ TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> TreflectOperation::invoke(
     if (error_)
         return TipprmiFailure();
     TreflectMetaOperation const& meta = *meta_;  // outlasts this operation
-    TipprmiStream response(kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     bool const served =
         callMember(*object_, meta.containingMetaObject(), meta, AnyArguments(in), response);
     TipprmiResult<void> const outcome = readOutcome(response);

@@ -1,6 +1,7 @@
 #include <cstdint>
 
 #include "handler_threads/TreflectHandlerState.h"
+#include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
 #include "reflect/TreflectORB.h"
@@ -10,14 +11,6 @@
 namespace {
 
 constexpr char kSource[] = "REFLECT_objectStub";
-
-// Room for the arguments and results of most calls; streams grow beyond it.
-constexpr int kUsualSize = 100;
-
-// The standard methods have class code 0.
-constexpr unsigned int kStandardClass = 0;
-constexpr unsigned int kSetExceptionContainer = 2100;
-constexpr unsigned int kGetExceptionContainer = 2101;
 
 TipprmiOID noOid() {
     return TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT);
@@ -281,14 +274,15 @@ void TreflectObjectStub::setExceptionContainer(TipprmiExceptionContainer const& 
         server->setExceptionContainer(container);
         return;
     }
-    TipprmiStream request(kUsualSize);
-    TipprmiStream response(kUsualSize);
-    prepareRequestStream_(true, kStandardClass, kSetExceptionContainer, request) << container;
-    dispatch(true, kStandardClass, kSetExceptionContainer, request, response);
+    TipprmiStream request(TipprmiStream::kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
+    prepareRequestStream_(true, standard::kClass, standard::kSetExceptionContainer, request)
+        << container;
+    dispatch(true, standard::kClass, standard::kSetExceptionContainer, request, response);
     prepareResponseStream_(true, response);
     // Both operations of the pair report under the code of the second.
     if (response.hasUnmarshallingFailed())
-        response.printUnmarshallError(kStandardClass, kGetExceptionContainer);
+        response.printUnmarshallError(standard::kClass, standard::kGetExceptionContainer);
 }
 
 void TreflectObjectStub::setExceptionContainer(TipprmiExceptionContainer const& container) {
@@ -304,13 +298,13 @@ TipprmiExceptionContainer TreflectObjectStub::getExceptionContainer() const {
     }
     if (TipprmiObjectSkeleton* const server = getServer())
         return server->getExceptionContainer();
-    TipprmiStream request(kUsualSize);
-    TipprmiStream response(kUsualSize);
-    prepareRequestStream_(true, kStandardClass, kGetExceptionContainer, request);
-    dispatch(true, kStandardClass, kGetExceptionContainer, request, response);
+    TipprmiStream request(TipprmiStream::kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
+    prepareRequestStream_(true, standard::kClass, standard::kGetExceptionContainer, request);
+    dispatch(true, standard::kClass, standard::kGetExceptionContainer, request, response);
     prepareResponseStream_(true, response);
     response >> container;
     if (response.hasUnmarshallingFailed())
-        response.printUnmarshallError(kStandardClass, kGetExceptionContainer);
+        response.printUnmarshallError(standard::kClass, standard::kGetExceptionContainer);
     return container;
 }

@@ -1,7 +1,7 @@
 // What a stub asks its object: its classes, its place in the tree of names, its observers.
+#include "ipprmi/StandardMethods.h"
 #include "logging/Log.h"
 #include "reflect/InterfaceRepository.h"
-#include "reflect/StandardMethods.h"
 #include "reflect/StubInUse.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectMetaOperation.h"
@@ -11,16 +11,17 @@ namespace {
 
 constexpr char kSource[] = "REFLECT_objectStub";
 
-// Room for the arguments and results of most questions; streams grow beyond it.
-constexpr int kUsualSize = 100;
-
 }  // namespace
 
 /** One question to an object that is asked through streams. */
 class TreflectObjectStub::Question {
 public:
     Question(TreflectObjectStub const& stub, unsigned int mc)
-        : stub_(stub), inUse_(stub), mc_(mc), request_(kUsualSize), response_(kUsualSize) {
+        : stub_(stub),
+          inUse_(stub),
+          mc_(mc),
+          request_(TipprmiStream::kUsualSize),
+          response_(TipprmiStream::kUsualSize) {
         stub_.prepareRequestStream_(true, standard::kClass, mc_, request_);
     }
 

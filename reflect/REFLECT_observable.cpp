@@ -1,9 +1,9 @@
 #include <deque>
-#include <exception>
 #include <vector>
 
 #include "handler_threads/TreflectRestoreHandlerState.h"
 #include "logging/Log.h"
+#include "reflect/ContainErrors.h"
 #include "reflect/TreflectObservable.h"
 
 /** The observers that a notification goes through: shares of their stubs, so that no registration
@@ -64,20 +64,13 @@ bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObje
                               TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer) {
     TreflectRestoreHandlerState const restored;
     bool alive = false;
-    try {
-        answer = client.notify(source, cc, mc, arguments, alive);
-        return alive;
-    } catch (std::exception const& error) {
-        REFLECTORB_LOG(3, "REFLECT_observable",
-                       "observer told of classCode=0x%X,methodCode=%u threw %s", cc, mc,
-                       error.what());
-    } catch (...) {
-        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
-            throw;
-        REFLECTORB_LOG(3, "REFLECT_observable",
-                       "observer told of classCode=0x%X,methodCode=%u threw", cc, mc);
-    }
-    return false;
+    bool const told = containErrors(
+        [&] { answer = client.notify(source, cc, mc, arguments, alive); },
+        [&](char const* thrown) {
+            REFLECTORB_LOG(3, "REFLECT_observable",
+                           "observer told of classCode=0x%X,methodCode=%u threw%s", cc, mc, thrown);
+        });
+    return told && alive;
 }
 
 bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned int kind,

@@ -16,8 +16,6 @@
 namespace {
 
 constexpr char const* kLogCollectionScript = "/opt/vdk/bin/QMB_FCT_logs.sh";
-constexpr unsigned int kQuerySize = 100;
-constexpr unsigned int kAnswerSize = 104;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -104,9 +102,9 @@ TreflectORB::PerfCntInfo TreflectORB::takePerfCnts_() const {
 
 bool TreflectORB::queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const {
     info = {};
-    TipprmiStream request(allocateRequest(kQuerySize), true);
+    TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
     request.msg().type(TreflectMessage::tPerfCounters);
-    TipprmiStream response(allocateResponse(request.msg(), kAnswerSize), true);
+    TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
     if (!forwardMsg_(target, true, request.msg(), response))
         return false;
     PerfCntInfo answer;

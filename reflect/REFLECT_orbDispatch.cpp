@@ -1,7 +1,5 @@
-// Arriving messages: responses go to their callers, all else to the workers, which serve it.
-#include <exception>
-#include <new>
-
+// What workers do: they take the messages that have been queued, one after the other, and serve
+// them under the run permission.
 #include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/TreflectRestoreHandlerState.h"
@@ -10,18 +8,11 @@
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
-#include "oswrap/Thread.h"
+#include "reflect/ContainErrors.h"
 #include "reflect/InterfaceRepository.h"
-#include "reflect/OngoingRequest.h"
-#include "reflect/ReflectWorker.h"
 #include "reflect/TreflectOrbParts.h"
 
 namespace {
-
-/** Our header and the length of a stream: what every message of a broker has. */
-constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + 4;
-/** Payload bytes that a response starts with. */
-constexpr unsigned int kResponseSize = 104;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -84,72 +75,6 @@ int asFlag(int result) {
 }
 
 }  // namespace
-
-bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
-    unsigned long const thread = OSWrap::Thread::getCurrentId();
-    if (parts_->receivingThreadId.load(std::memory_order_relaxed) != thread)
-        parts_->receivingThreadId.store(thread, std::memory_order_relaxed);
-    if (addressed.size() < kShortestMessage) {
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X drops message of %lu bytes from 0x%08X",
-                       termId().value(), static_cast<unsigned long>(addressed.size()),
-                       addressed.originator().value());
-        return true;
-    }
-    TreflectMessage const message(addressed);
-    switch (message.kind()) {
-        case TreflectMessage::kResponseFailure:
-            REFLECTORB_LOG(0, "REFLECT_orb",
-                           "ORB 0x%08X received response failure message from 0x%08X",
-                           termId().value(), message.originator().value());
-            message.testValidation(TreflectMessage::kResponseFailure, 0, "", true, 0);
-            resetUnit();
-        case TreflectMessage::kResponse:
-        case TreflectMessage::kNoDestination:
-            deliverResponse_(message);
-            return true;
-        default:
-            enqueue_(addressed);
-            return true;
-    }
-}
-
-bool TreflectORB::receiveError(Transport::AddressedMessage const& addressed) {
-    if (addressed.size() >= kShortestMessage)
-        TreflectMessage(addressed).kind(TreflectMessage::kNoDestination);
-    return receive(addressed);
-}
-
-void TreflectORB::deliverResponse_(TreflectMessage const& response) {
-    unsigned int const id = response.transactionId();
-    OngoingRequest* const record = parts_->ongoingRequests_.take(id);
-    if (!record) {
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X receives unexpected response (org=0x%08X, TransactionId=%X)",
-                       termId().value(), response.originator().value(), id);
-        testInfoAboutMessage(termId(), response, true);
-        return;
-    }
-    auto* const copy = new (std::nothrow) TreflectMessage(response);
-    record->reset(copy ? copy : OngoingRequest::disconnected(), id);
-}
-
-void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
-    if (parts_->messageQueue.push(message) == MessageQueue::Need::worker)
-        startReflectWorker();
-}
-
-void TreflectORB::startReflectWorker() {
-    auto* const worker = new (std::nothrow) ReflectWorker(parts_->self.lock());
-    if (worker) {
-        worker->deleteOnThreadTermination();
-        if (worker->start())
-            return;
-        delete worker;
-    }
-    parts_->messageQueue.workerNotStarted();
-    REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not start a ReflectWorker",
-                   termId().value());
-}
 
 /** A message that a worker serves, holding the run permission. */
 class TreflectORB::IncomingMessage {
@@ -220,7 +145,7 @@ void TreflectORB::IncomingMessage::serve() {
 }
 
 void TreflectORB::IncomingMessage::serveResolve() {
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     TipprmiOID oid(static_cast<char const*>(nullptr), orb_.namespace_);
     request_ >> oid;
     response << orb_.locateLocalObject_(oid).getInternalOID();
@@ -233,7 +158,7 @@ void TreflectORB::IncomingMessage::serveNotice() {
     unsigned int classId = 0;
     TreflectObject object;
     request_ >> classId >> object;
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     if (isReadable(classId)) {
         if (message_.type() == TreflectMessage::tOCN)
             orb_.gotCreation(classId, object);
@@ -247,7 +172,7 @@ void TreflectORB::IncomingMessage::serveCreationSubscription() {
     unsigned int classId = 0;
     bool plusExisting = false;
     request_ >> classId >> plusExisting;
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     TipprmiSequence<TreflectObject, 0u> existing;
     if (isReadable(classId))
         orb_.addRemoteCreationObserver(classId, orb_.convertId(message_.originator()),
@@ -259,7 +184,7 @@ void TreflectORB::IncomingMessage::serveCreationSubscription() {
 void TreflectORB::IncomingMessage::serveDeletionSubscription() {
     unsigned int classId = 0;
     request_ >> classId;
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     if (isReadable(classId))
         orb_.addRemoteDeletionObserver(classId, orb_.convertId(message_.originator()));
     response << knownClasses();
@@ -269,14 +194,14 @@ void TreflectORB::IncomingMessage::serveDeletionSubscription() {
 void TreflectORB::IncomingMessage::serveCancellation() {
     unsigned int classId = 0;
     request_ >> classId;
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     if (isReadable(classId))
         orb_.removeRemoteObserver(classId, orb_.convertId(message_.originator()));
     answer(response);
 }
 
 void TreflectORB::IncomingMessage::serveCounterQuery() {
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     PerfCntInfo const info = orb_.takePerfCnts_();
     response << info.actor << info.counters;
     answer(response);
@@ -296,7 +221,7 @@ void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {
 
 void TreflectORB::IncomingMessage::serveCall() {
     request_ >> ioid_ >> transaction_ >> cc_ >> mc_;
-    TipprmiStream response(orb_.allocateResponse(message_, kResponseSize), true);
+    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     int result = 0;
     if (TipprmiObjectSkeleton* const object = orb_.parts_->objects.find(ioid_))
         result = callObject(*object, response);
@@ -322,26 +247,21 @@ int TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
     return response.hasUnmarshallingFailed() ? 0 : result;
 }
 
-/** The application's errors end here; the cancellation of the thread passes on. */
 int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
                                                 TipprmiStream& response) {
     EnableCancelState const cancellable;
-    try {
-        auto const mc = static_cast<unsigned int>(mc_);
-        return object.dispatch(transaction_, cc_, mc, request_, response) ? 1 : 0;
-    } catch (std::exception const& error) {
-        OSWrap::DisableCancelStateGuard const noCancel;
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw %s",
-                       orb_.termId().value(), ioid_, cc_, mc_, error.what());
-    } catch (...) {
-        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
-            throw;
-        OSWrap::DisableCancelStateGuard const noCancel;
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw",
-                       orb_.termId().value(), ioid_, cc_, mc_);
-    }
-    return 0;
+    bool served = false;
+    containErrors(
+        [&] {
+            auto const mc = static_cast<unsigned int>(mc_);
+            served = object.dispatch(transaction_, cc_, mc, request_, response);
+        },
+        [&](char const* thrown) {
+            REFLECTORB_LOG(3, "REFLECT_orb",
+                           "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw%s",
+                           orb_.termId().value(), ioid_, cc_, mc_, thrown);
+        });
+    return served ? 1 : 0;
 }
 
 void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int result) {

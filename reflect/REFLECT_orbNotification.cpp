@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr unsigned int kRequestSize = 100;
-constexpr unsigned int kResponseSize = 104;
-
 void erase(std::vector<TreflectObserver*>& observers, TreflectObserver const& observer) {
     observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
 }
@@ -255,10 +252,10 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
     for (Transport::TerminationId const& target : targets) {
         if (target == termId() || !mayServe_(target, classId))
             continue;
-        TipprmiStream request(allocateRequest(kRequestSize), true);
+        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
         request.msg().type(TreflectMessage::tOCNSubscribe);
         request << classId << (existing != nullptr);
-        TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
+        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
         TreflectOrbId const id = convertId(target);
         for (Registration* const registration : record.creationRegistrations)
             registration->asks(id);
@@ -286,7 +283,7 @@ void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only
     for (Transport::TerminationId const& target : targets) {
         if (target == termId() || !mayServe_(target, classId))
             continue;
-        TipprmiStream response(allocateResponse(allocateRequest(0), kResponseSize), true);
+        TipprmiStream response(allocateResponse(allocateRequest(0), Parts::kResponseSize), true);
         record.deletionsAt.insert(convertId(target));
         if (sendClassId_(TreflectMessage::tODNSubscribe, classId, target, response))
             learnClasses_(target, response);
@@ -310,7 +307,7 @@ void TreflectORB::cancel_(TreflectMessage::type_t type, unsigned int classId) {
     for (Transport::TerminationId const& member : group_()) {
         if (member == termId())
             continue;
-        TipprmiStream response(allocateResponse(allocateRequest(0), kResponseSize), true);
+        TipprmiStream response(allocateResponse(allocateRequest(0), Parts::kResponseSize), true);
         if (!sendClassId_(type, classId, member, response))
             REFLECTORB_LOG(3, "REFLECT_orb", "could not unregister from 0x%X", member.value());
     }
@@ -318,7 +315,7 @@ void TreflectORB::cancel_(TreflectMessage::type_t type, unsigned int classId) {
 
 bool TreflectORB::sendClassId_(TreflectMessage::type_t type, unsigned int classId,
                                Transport::TerminationId const& target, TipprmiStream& response) {
-    TipprmiStream request(allocateRequest(kRequestSize), true);
+    TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
     request.msg().type(type);
     request << classId;
     return forwardMsg_(target, true, request.msg(), response);

@@ -6,13 +6,6 @@
 #include "reflect/TreflectOrbParts.h"
 #include "reflect/TreflectServerObject.h"
 
-namespace {
-
-constexpr unsigned int kRequestSize = 100;
-constexpr unsigned int kResponseSize = 104;
-
-}  // namespace
-
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
     auto const keptAlive = parts_->self.lock();
     checkHandlerState();
@@ -54,10 +47,10 @@ bool TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
                         std::back_inserter(targets));
     std::vector<TreflectOrbId> unreached;
     for (TreflectOrbId const& subscriber : targets) {
-        TipprmiStream request(allocateRequest(kRequestSize), true);
+        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
         request.msg().type(type);
         request << classId << static_cast<TipprmiObjectClient const&>(object);
-        TipprmiStream response(allocateResponse(request.msg(), kResponseSize), true);
+        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
         if (!forwardMsg_(convertId(subscriber), true, request.msg(), response))
             unreached.push_back(subscriber);
     }

@@ -1,10 +1,10 @@
 // Observers of creations and deletions, and how they are told.
 #include <algorithm>
-#include <exception>
 
 #include "logging/Log.h"
 #include "reflect/CallbackScope.h"
-#include "reflect/MetaData.h"
+#include "reflect/ContainErrors.h"
+#include "reflect/Registration.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObserver.h"
 
@@ -12,16 +12,11 @@
 void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& object) {
     CallbackScope const restored;
     observer.setSource(&object);
-    try {
-        observer.update();
-    } catch (std::exception const& error) {
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB observer 0x%p threw %s",
-                       static_cast<void*>(&observer), error.what());
-    } catch (...) {
-        if (!std::current_exception())  // not a C++ exception: the thread is being unwound
-            throw;
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB observer 0x%p threw", static_cast<void*>(&observer));
-    }
+    containErrors([&] { observer.update(); },
+                  [&](char const* thrown) {
+                      REFLECTORB_LOG(3, "REFLECT_orb", "ORB observer 0x%p threw%s",
+                                     static_cast<void*>(&observer), thrown);
+                  });
 }
 
 // What it tells comes on top of what the observer has been told in the course of others.

@@ -2,10 +2,10 @@
 #include <typeinfo>
 
 #include "handler_threads/TreflectHandlerState.h"
+#include "ipprmi/StandardMethods.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "reflect/BrokerLifecycle.h"
-#include "reflect/StandardMethods.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"

@@ -55,11 +55,15 @@ private:
 
     /** False when there is no thread to be had. */
     bool startAndAwait(Worker& worker);
+    /** The body of the thread. */
     void handler();
+    /** Waits until a notice is queued. */
     void appeared();
+    /** Takes the next notice; false when there is none. */
     bool getAppearance(OrbAppear_t& next);
     void tellAll(OrbAppear_t const& appearance);
     void tell(TreflectOrbObserverIf* observer, OrbAppear_t const& appearance);
+    /** Notes that the calling thread tells this observer; false when it is listed no more. */
     bool begin(TreflectOrbObserverIf const* observer);
     void end(TreflectOrbObserverIf const* observer);
     bool isToldElsewhere(TreflectOrbObserverIf const* observer) const OSW_REQUIRES(observersMutex_);

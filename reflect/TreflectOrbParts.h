@@ -16,6 +16,10 @@
 
 /** What a broker is made of. Each part guards itself, or is guarded by the run permission. */
 struct TreflectORB::Parts {
+    /** Payload bytes that requests and responses of the brokers start with; they grow beyond it. */
+    static constexpr unsigned int kRequestSize = 100;
+    static constexpr unsigned int kResponseSize = 104;
+
     explicit Parts(unsigned int lastTransactionId) : ongoingRequests_(lastTransactionId) {}
 
     CallGate calls;

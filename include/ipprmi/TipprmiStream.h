@@ -33,6 +33,9 @@
  */
 class REFLECTORB_API TipprmiStream {
 public:
+    /** Room for the arguments or the results of most calls; a stream grows beyond it. */
+    static constexpr int kUsualSize = 100;
+
     /** An empty stream with room for max(size, 1) data bytes. */
     explicit TipprmiStream(int size);
     /** A stream that holds the `n` bytes at `data` (null: zeros). */

@@ -98,8 +98,6 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
-    static constexpr int kUsualSize = 100;  // room for most values; streams grow beyond it
-
     /** What of the value is to be read: taken before a call, since the attribute may be destroyed
      * while the call waits. */
     struct Selection {
@@ -152,7 +150,7 @@ int TreflectAttribute::get(T& value) const {
     if (error_)
         return error;
     Selection const selected = selection_();
-    TipprmiStream response(kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     bool const succeeded = callGet_(response);
     if constexpr (std::is_base_of_v<TreflectObject, T>) {
         decode_(selected, response, value);
@@ -174,7 +172,7 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
     if (error_)
         return TipprmiFailure();
     Selection const selected = selection_();
-    TipprmiStream response(kUsualSize);
+    TipprmiStream response(TipprmiStream::kUsualSize);
     if (!callGet_(response))
         return failureOf_(response);
     T value{};

@@ -83,6 +83,20 @@ REFLECTORB_API bool treflectPerformLocally(ClientCallHookBaseV const& hook,
                                            TreflectServerObject& server, unsigned int cc,
                                            unsigned int mc);
 
+/** Calls `method` of the object directly when it lives in this process, else through the streams.
+ */
+template <class Server, class Result, class Method, class... Arguments>
+TipprmiResult<typename TreflectValueOf<Result>::Type> treflectPerform(
+    TreflectObject const& object, unsigned int cc, unsigned int mc, Method method,
+    Arguments const&... arguments) {
+    Server* const server = treflectLocal<Server>(object);
+    if (!server)
+        return tipprmiCall<typename TreflectValueOf<Result>::Type>(object, cc, mc, arguments...);
+    TreflectLocalCall<Server, Method, Result, Arguments...> const hook(*server, method,
+                                                                       arguments...);
+    return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
+}
+
 /**
  * Calls an operation of a reflective object, wherever it lives, and waits for the result: what the
  * methods of a client class are made of. As tipprmiCall, but an object of this process is called
@@ -99,23 +113,11 @@ template <class Server, class Result, class... Parameters>
 TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
     TreflectObject const& object, unsigned int cc, unsigned int mc,
     Result (Server::*method)(Parameters...), std::decay_t<Parameters> const&... arguments) {
-    using Value = typename TreflectValueOf<Result>::Type;
-    Server* const server = treflectLocal<Server>(object);
-    if (!server)
-        return tipprmiCall<Value>(object, cc, mc, arguments...);
-    TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
-        *server, method, arguments...);
-    return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
+    return treflectPerform<Server, Result>(object, cc, mc, method, arguments...);
 }
 template <class Server, class Result, class... Parameters>
 TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
     TreflectObject const& object, unsigned int cc, unsigned int mc,
     Result (Server::*method)(Parameters...) const, std::decay_t<Parameters> const&... arguments) {
-    using Value = typename TreflectValueOf<Result>::Type;
-    Server* const server = treflectLocal<Server>(object);
-    if (!server)
-        return tipprmiCall<Value>(object, cc, mc, arguments...);
-    TreflectLocalCall<Server, decltype(method), Result, std::decay_t<Parameters>...> const hook(
-        *server, method, arguments...);
-    return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
+    return treflectPerform<Server, Result>(object, cc, mc, method, arguments...);
 }

@@ -3,6 +3,14 @@
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiResult.h"
 
+/** Why the call failed whose response holds this container, which is not of type 0. */
+inline TipprmiFailure failureIn(TipprmiExceptionContainer& container) {
+    TipprmiGeneralException general(TipprmiFailure::kUnreadable);
+    if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType())
+        container.getExceptionData(general);
+    return TipprmiFailure(general.code());
+}
+
 /** Reads the head of a response: success, and its results are next in `response`; or why the call
  * failed. Behind a general exception, and in an empty response, which stands for none, every
  * further read fails; behind an exception of another type there may be results. */
@@ -15,10 +23,7 @@ inline TipprmiResult<void> readOutcome(TipprmiStream& response) {
     response >> container;
     if (!response.hasUnmarshallingFailed() && container.getExceptionType() == 0)
         return {};
-    TipprmiGeneralException general(TipprmiFailure::kUnreadable);
-    if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType()) {
-        container.getExceptionData(general);
+    if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType())
         response.stopUnmarshalling();
-    }
-    return TipprmiFailure(general.code());
+    return failureIn(container);
 }

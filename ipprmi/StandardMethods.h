@@ -1,9 +1,15 @@
 #pragma once
 
-/** Method codes that every reflective object serves; their class code is 0. */
+/** Method codes that objects serve by themselves; their class code is 0. */
 namespace standard {
 
 constexpr unsigned int kClass = 0;
+
+// Every object.
+constexpr unsigned int kSetExceptionContainer = 2100;
+constexpr unsigned int kGetExceptionContainer = 2101;
+
+// Every reflective object.
 constexpr unsigned int kRegisterObserver = 1000;
 constexpr unsigned int kRemoveObserver = 1001;
 constexpr unsigned int kGetAbsName = 1100;
