@@ -6,7 +6,7 @@
 namespace handlerthreads {
 namespace {
 
-// Not an object with a destructor: threads may end while the process exits.
+// A leaf lock. Not an object with a destructor: threads may end while the process exits.
 pthread_mutex_t freePlacesMutex = PTHREAD_MUTEX_INITIALIZER;
 ParkingPlace* freePlaces = nullptr;  // guarded by freePlacesMutex
 

@@ -1,5 +1,6 @@
-// The broker's identity, its messages, and what it forwards. See the other REFLECT_orb files for
-// its requests, its dispatch, its registry, its diagnostics and its life.
+// The broker's identity, its messages, and what it forwards. The other REFLECT_orb files hold what
+// it sends (Requests), what arrives (Reception, Dispatch), its objects (Registry), their observers
+// (Notification, Registration, Publication), other brokers (Presence), Diagnostics and Lifecycle.
 #include "reflect/TreflectORB.h"
 
 #include "logging/Log.h"

@@ -152,26 +152,21 @@ void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& 
     auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
-    erase(record.creationObservers, observer);
-    for (Registration* const registration : record.creationRegistrations) {
-        if (registration->isOf(observer))
-            registration->end();
-    }
-    if (isUnobserved_(record.creationObservers, record.creationRegistrations)) {
+    auto const leave = [&](Observers& observers, Registration::UnderWay& underWay,
+                           void (TreflectORB::*cancel)(unsigned int)) {
+        erase(observers, observer);
+        for (Registration* const registration : underWay) {
+            if (registration->isOf(observer))
+                registration->end();
+        }
+        if (!isUnobserved_(observers, underWay))
+            return;
         SubscribingLock const lock(record.subscribing);
-        if (isUnobserved_(record.creationObservers, record.creationRegistrations))
-            unregisterFromOCN(classId);
-    }
-    erase(record.deletionObservers, observer);
-    for (Registration* const registration : record.deletionRegistrations) {
-        if (registration->isOf(observer))
-            registration->end();
-    }
-    if (isUnobserved_(record.deletionObservers, record.deletionRegistrations)) {
-        SubscribingLock const lock(record.subscribing);
-        if (isUnobserved_(record.deletionObservers, record.deletionRegistrations))
-            unregisterFromODN(classId);
-    }
+        if (isUnobserved_(observers, underWay))
+            (this->*cancel)(classId);
+    };
+    leave(record.creationObservers, record.creationRegistrations, &TreflectORB::unregisterFromOCN);
+    leave(record.deletionObservers, record.deletionRegistrations, &TreflectORB::unregisterFromODN);
 }
 
 bool TreflectORB::isUnobserved_(Observers const& observers,

@@ -48,7 +48,7 @@ private:
     /** The count of the group of handles that this one belongs to. */
     std::atomic<unsigned int>& countOf(TreflectObject const* object);
 
-    OSWrap::Mutex mutex_;
+    OSWrap::Mutex mutex_;  // a leaf: what is tied ends outside it
     Tieds tieds_ OSW_GUARDED_BY(mutex_);
     /** How many things are tied to the handles of each group, changed under mutex_. Read without:
      * a handle that nothing is tied to is, as a rule, destroyed without the lock, and only the

@@ -59,8 +59,8 @@ public:
                                      std::size_t capacity = 0) const;
 
 private:
-    std::unique_ptr<LocalTermination>
-        local_;  // the driver's half, from construction to destruction
+    /// The driver's half, from construction to destruction.
+    std::unique_ptr<LocalTermination> local_;
 };
 
 }  // namespace Transport
