@@ -220,7 +220,7 @@ int TipprmiStream::readLength() {
     *this >> length;
     if (length < 1)
         return 0;
-    if (length > kHonouredLength && getDataSize() - optr_ < length) {
+    if (length > kAcceptedLength && getDataSize() - optr_ < length) {
         failRead_(length);
         return 0;
     }
@@ -231,7 +231,7 @@ unsigned int TipprmiStream::readCount() {
     unsigned int count = 0;
     *this >> count;
     auto const remaining = static_cast<unsigned int>(std::max(getDataSize() - optr_, 0));
-    if (count > kHonouredCount && count > remaining / 4) {
+    if (count > kAcceptedCount && count > remaining / 4) {
         failRead_(toInt(count));
         return 0;
     }

@@ -1,92 +1,13 @@
+// Members that are bound to a handle by name, and their owner.
 #include <cstdint>
 
 #include "logging/Log.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectMetaAttribute.h"
-#include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectOperation.h"
 #include "reflect/TreflectTieds.h"
-
-// ---- Meta members ------------------------------------------------------------------------------
-
-TreflectMetaMember::TreflectMetaMember(std::string const& name, TreflectMetaObject const* owner)
-    : name_(name), owner_(owner) {}
-
-TreflectMetaMember::~TreflectMetaMember() = default;
-
-TreflectMetaOperation::TreflectMetaOperation(std::string const& name,
-                                             TreflectMetaObject const* owner, int id)
-    : TreflectMetaMember(name, owner), id_(id) {}
-
-TreflectMetaOperation::~TreflectMetaOperation() = default;
-
-void TreflectMetaOperation::registerParameter(std::string key, std::string value) {
-    parameters_[std::move(key)] = std::move(value);
-}
-
-std::vector<TreflectParameterType> TreflectMetaOperation::typesOf(char const* direction) const {
-    std::vector<TreflectParameterType> types;
-    for (;;) {
-        auto const described = parameters_.find(direction + std::to_string(types.size()));
-        if (described == parameters_.end())
-            return types;
-        types.emplace_back(described->second);
-    }
-}
-
-std::vector<TreflectParameterType> TreflectMetaOperation::argumentTypes() const {
-    return typesOf("in");
-}
-
-std::vector<TreflectParameterType> TreflectMetaOperation::resultTypes() const {
-    return typesOf("out");
-}
-
-TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
-                                             TreflectMetaObject const* owner,
-                                             TreflectMetaOperation const* get,
-                                             TreflectMetaOperation const* set)
-    : TreflectMetaAttribute(name, owner, get, set, 1) {}
-
-TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
-                                             TreflectMetaObject const* owner,
-                                             TreflectMetaOperation const* get,
-                                             TreflectMetaOperation const* set, int constLength)
-    : TreflectMetaMember(name, owner), constLength_(constLength), get_(get), set_(set) {}
-
-TreflectMetaAttribute::~TreflectMetaAttribute() = default;
-
-void TreflectMetaAttribute::registerType(TreflectMetaObject* typeMeta) {
-    typeMeta_ = typeMeta;
-    typeName_ = typeMeta->name();
-}
-
-TreflectArrayMetaAttribute::TreflectArrayMetaAttribute(std::string const& name,
-                                                       TreflectMetaObject const* owner,
-                                                       TreflectMetaOperation const* get,
-                                                       TreflectMetaOperation const* set, int length)
-    : TreflectMetaAttribute(name, owner, get, set, length) {}
-
-TreflectAttribute* TreflectArrayMetaAttribute::getTied(TreflectObject const* object) const {
-    TreflectAttribute* const attribute = TreflectMetaAttribute::getTied(object);
-    attribute->setContainerType(TreflectAttribute::kArray);
-    return attribute;
-}
-
-TreflectSequenceMetaAttribute::TreflectSequenceMetaAttribute(std::string const& name,
-                                                             TreflectMetaObject const* owner,
-                                                             TreflectMetaOperation const* get,
-                                                             TreflectMetaOperation const* set,
-                                                             int length)
-    : TreflectMetaAttribute(name, owner, get, set, length) {}
-
-TreflectAttribute* TreflectSequenceMetaAttribute::getTied(TreflectObject const* object) const {
-    TreflectAttribute* const attribute = TreflectMetaAttribute::getTied(object);
-    attribute->setContainerType(TreflectAttribute::kSequence);
-    return attribute;
-}
 
 // ---- Bound members -----------------------------------------------------------------------------
 

@@ -6,11 +6,11 @@
 namespace {
 
 /** Keeps freed cells in a chain, as many as calls are likely to be under way at once. */
-class MessagePool {
+class CellPool {
 public:
     /** Never destroyed: messages are freed up to the very end of the process. */
-    static MessagePool& instance() {
-        static MessagePool& pool = *new MessagePool;
+    static CellPool& instance() {
+        static CellPool& pool = *new CellPool;
         return pool;
     }
 
@@ -50,17 +50,17 @@ private:
 }  // namespace
 
 void* TreflectMessage::operator new(std::size_t size) {
-    void* const cell = MessagePool::instance().take();
+    void* const cell = CellPool::instance().take();
     return cell ? cell : ::operator new(size);
 }
 
 void* TreflectMessage::operator new(std::size_t size, std::nothrow_t const& nothrow) noexcept {
-    void* const cell = MessagePool::instance().take();
+    void* const cell = CellPool::instance().take();
     return cell ? cell : ::operator new(size, nothrow);
 }
 
 void TreflectMessage::operator delete(void* memory) noexcept {
-    if (memory && !MessagePool::instance().give(memory))
+    if (memory && !CellPool::instance().give(memory))
         ::operator delete(memory);
 }
 

@@ -8,8 +8,8 @@
 #include "oswrap/Export.h"
 
 /**
- * Serialises the application code of a process. Threads that run such code enter handler state;
- * only threads in handler state are given the run permission, one at a time, in arrival order.
+ * Has the application code of a process run one thread at a time. Threads that run such code enter
+ * handler state; only threads in handler state are given the run permission, in arrival order.
  * `Container` records who is in handler state, `Permission` is the token, `Debugging` turns the
  * diagnostics on.
  *

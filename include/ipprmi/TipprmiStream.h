@@ -53,19 +53,19 @@ public:
     TipprmiStream& unmarshall(void* destination, int n);
     /**
      * Reads the length of a text or a nested value; 0 when it is below 1. Any length up to
-     * kHonouredLength is taken as it is; a greater one than the bytes that remain fails the read.
+     * kAcceptedLength is taken as it is; a greater one than the bytes that remain fails the read.
      */
     int readLength();
     /**
-     * Reads the number of elements of a list. Any count up to kHonouredCount is taken as it is; a
+     * Reads the number of elements of a list. Any count up to kAcceptedCount is taken as it is; a
      * greater one than the bytes that remain could hold, at four bytes each, fails the read and
      * gives 0.
      */
     unsigned int readCount();
     /** What a reader allocates on the word of a sender, before it looks at what has arrived: enough
      * for every real value, too little to exhaust the memory. */
-    static constexpr int kHonouredLength = 1024 * 1024;
-    static constexpr unsigned int kHonouredCount = 65536;
+    static constexpr int kAcceptedLength = 1024 * 1024;
+    static constexpr unsigned int kAcceptedCount = 65536;
     /** Replaces the whole content by `n` bytes (null: zeros); the read position and the flag are
      * reset. */
     void setData(void const* source, int n);

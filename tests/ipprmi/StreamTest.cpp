@@ -167,7 +167,7 @@ TEST(Stream, MissingBytesOfAKnownLengthReadAsZeros) {
 }
 
 TEST(Stream, AbsurdLengthIsNotAllocated) {
-    for (int const length : {TipprmiStream::kHonouredLength + 1, INT_MAX}) {
+    for (int const length : {TipprmiStream::kAcceptedLength + 1, INT_MAX}) {
         TipprmiStream stream(100);
         stream << length << 1u;
         std::string text = "old";
@@ -185,10 +185,10 @@ TEST(Stream, AbsurdLengthIsNotAllocated) {
         EXPECT_TRUE(stream.hasUnmarshallingFailed());
     }
     TipprmiStream honoured(100);
-    honoured << TipprmiStream::kHonouredLength;
+    honoured << TipprmiStream::kAcceptedLength;
     std::string text;
     honoured >> text;
-    EXPECT_EQ(static_cast<std::size_t>(TipprmiStream::kHonouredLength), text.size());
+    EXPECT_EQ(static_cast<std::size_t>(TipprmiStream::kAcceptedLength), text.size());
 
     TipprmiStream large(100);
     std::string const three(3 * 1024 * 1024, 'x');
