@@ -160,25 +160,24 @@ void giveBackThreadCache(void* cachePointer) {
         commonStore().accept(cache.lists[i], i, cache.lists[i].count);
 }
 
-pthread_key_t threadEndKey() {
-    static pthread_key_t const key = [] {
-        pthread_key_t made{};
-        pthread_key_create(&made, giveBackThreadCache);
-        return made;
-    }();
-    return key;
+/** Has the cache given back at the end of the calling thread; false when the process has used up
+ * its keys or its memory. */
+bool watchThreadEnd(ThreadCache& cache) {
+    static pthread_key_t key{};
+    static bool const made = pthread_key_create(&key, giveBackThreadCache) == 0;
+    return made && pthread_setspecific(key, &cache) == 0;
 }
 
-/** The calling thread's cache; null when the thread is ending. */
+/** The calling thread's cache; null when the thread is ending or its end cannot be watched. */
 ThreadCache* cacheOfThread() {
     ThreadCache& cache = threadCache;
     if (cache.state == ThreadCache::State::InUse)
         return &cache;
     if (cache.state == ThreadCache::State::Ended)
         return nullptr;
-    cache.state = ThreadCache::State::InUse;
-    pthread_setspecific(threadEndKey(), &cache);
-    return &cache;
+    bool const watched = watchThreadEnd(cache);
+    cache.state = watched ? ThreadCache::State::InUse : ThreadCache::State::Ended;
+    return watched ? &cache : nullptr;
 }
 
 MessageBlock* takePooled(std::uint32_t sizeClass) {
