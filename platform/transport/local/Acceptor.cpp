@@ -16,7 +16,7 @@
 namespace Transport {
 namespace {
 
-constexpr char const* kSource = "Receiver";  // whose part it is
+constexpr char const* kSource = "Acceptor";
 constexpr int kAcceptsAtOnce = 16;
 constexpr std::size_t kMostStrangers = 64;
 constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
