@@ -152,9 +152,14 @@ private:
 
 /** Calls that are running in objects, which must not be destroyed meanwhile. */
 std::atomic<int> running{0};
+/** More than one input can have running, unless a call leads back to itself. */
+constexpr int kMostRunning = 100;
 
 struct Running {
-    Running() { ++running; }
+    Running() {
+        if (++running > kMostRunning)
+            std::abort();
+    }
     ~Running() { --running; }
     Running(Running const&) = delete;
     Running& operator=(Running const&) = delete;
