@@ -328,20 +328,21 @@ bool TreflectORB::catchUp_(unsigned int classId, TreflectObserver& observer, boo
     return !registration.ended();
 }
 
-// Records are made at any time and never go, so the walk goes on behind the last id.
+// Records are made at any time and never go: the walk is over when it has met all. There may be
+// many, one for each class that another process has named.
 void TreflectORB::orbAppeared(TreflectOrbId const& id) {
     TreflectHandlerState const handlerState(true);
     parts_->missedCreations.add(id);
     parts_->missedDeletions.add(id);
-    std::set<unsigned int> handled;
-    for (;;) {
-        auto const next =
-            std::find_if(parts_->classes.begin(), parts_->classes.end(),
-                         [&](auto const& entry) { return handled.count(entry.first) == 0; });
-        if (next == parts_->classes.end())
-            return;
-        handled.insert(next->first);
-        catchUpClass_(next->first, id);
+    std::set<unsigned int> met;
+    while (met.size() < parts_->classes.size()) {
+        std::vector<unsigned int> next;
+        for (auto const& entry : parts_->classes) {
+            if (met.insert(entry.first).second)
+                next.push_back(entry.first);
+        }
+        for (unsigned int const classId : next)
+            catchUpClass_(classId, id);
     }
 }
 

@@ -78,9 +78,11 @@ void TreflectORB::addRemoteDeletionObserver(unsigned int const& classId, Treflec
 
 // A cancellation of one kind ends both.
 void TreflectORB::removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb) {
-    MetaData& record = getMetaData(classId);
-    record.remoteCreationObservers.erase(orb);
-    record.remoteDeletionObservers.erase(orb);
+    auto const record = parts_->classes.find(classId);
+    if (record == parts_->classes.end())
+        return;
+    record->second.remoteCreationObservers.erase(orb);
+    record->second.remoteDeletionObservers.erase(orb);
 }
 
 void TreflectORB::forgetBroker_(TreflectOrbId const& orb) {
