@@ -19,6 +19,7 @@
 #include "Script.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/ChannelSides.h"
+#include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "transport.h"
 
@@ -48,11 +49,14 @@ constexpr GroupId kGroup = 3;
 constexpr int kMostSteps = 40;
 /** Milliseconds that the termination may take to connect. */
 constexpr int kConnecting = 20;
+/** Nanoseconds: some channels are quiet for long enough to be given back. */
+constexpr long long kIdleLooks = 3'000'000;
 
 /** Counts what it gets. */
 class Own : public TerminationImpl {
 public:
     Own() : TerminationImpl(kGroup, "own") {
+        Receiver::idleLookInterval(kIdleLooks);
         if (start() != 1)
             std::abort();
     }
