@@ -12,15 +12,19 @@ namespace OSWrap {
  * Decides, for one waiting place, whether to poll for a short time before going to sleep. Waking a
  * sleeping thread costs tens of microseconds, so a thread whose recent waits were short asks again
  * and again, giving the processor away between two questions (sched_yield), and sleeps only when
- * the answer does not come within about 20 us.
+ * the answer does not come in time: after 10 us in which nobody else wanted the processor, which
+ * are burnt for nothing, or after 120 us in which others of the system worked, perhaps on the
+ * answer.
  *
  * Polling stops paying when the waits are long, and when others need the processors:
- * - A place whose polls keep failing lets waits pass without polling, 8 at first, then twice as
- * many each time up to 1,024, and then tries once. So calls at a slow pace cost next to nothing
- * more. Short sleeps reported by `slept` bring the next try nearer.
- * - A yield that takes longer than 400 us means that another thread had work for the processor. It
- *   ends polling in the whole process for 10 ms, then for twice as long each time up to a second,
- *   and for 10 ms again when there was none of these for long.
+ * - A place whose polls keep failing, or succeed later than a sleep would have, lets waits pass
+ * without polling, 8 at first, then twice as many each time up to 1,024, and then tries once. So
+ * calls at a slow pace cost next to nothing more. Short sleeps reported by `slept` bring the next
+ * try nearer.
+ * - Two yields of more than 2 ms close to each other mean that another program computes on this
+ * processor; one alone may be chance, or many threads of our own. They end polling in the whole
+ * process for 10 ms, then for twice as long each time up to a second, and for 10 ms again when
+ * there was none of these for long.
  * - A thread under a real-time policy never polls: its yields would keep all others out.
  * - The process can turn polling off (`enable`).
  *
@@ -71,7 +75,7 @@ public:
         Spell spell(*this);
         while (spell.goOn())
             if (ready()) {
-                succeeded();
+                spell.answered();
                 return true;
             }
         return false;
@@ -91,13 +95,16 @@ private:
     public:
         explicit Spell(AdaptiveWait& place)
             : place_(place), start_(Clock::nowNanoseconds()), last_(start_) {}
-        /** Yields the processor; false when the time is up or the yield was too long. */
+        /** Yields the processor; false, and the poll has failed, when the time is up. */
         bool goOn();
+        /** Ends the spell when the answer has come. */
+        void answered();
 
     private:
         AdaptiveWait& place_;
         long long const start_;
-        long long last_;  // when the latest yield was over
+        long long last_;       // when the latest yield was over
+        long long burnt_ = 0;  // time of yields that nobody took
     };
 
     static constexpr std::int32_t kMostCredit = 8;

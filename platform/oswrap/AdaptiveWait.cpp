@@ -9,13 +9,18 @@ namespace {
 
 // Four hand-overs between two processes on two processors took 6 us when all their waiters polled,
 // 15 to 60 us when all slept, depending on how deep the processors sleep.
-constexpr long long kSpell = 20'000;        // ns; a few polled hand-overs
-constexpr long long kLongYield = 400'000;   // ns; a yield among our own threads takes far less
-constexpr long long kShortSleep = 150'000;  // ns; what a wait takes when all its peers sleep too
+// All in nanoseconds. What a yield that nobody takes and one that somebody takes cost depends on
+// the processor, within a factor of two or three; the line between them lies well above the former.
+constexpr long long kMostBurnt = 10'000;
+constexpr long long kMostPolled = 120'000;
+constexpr long long kLoneYield = 2'000;
+constexpr long long kLongYield = 2'000'000;
+constexpr long long kShortSleep = 150'000;  // what a wait takes when all its peers sleep too
 constexpr std::int32_t kMostSkip = 1024;
+constexpr std::int32_t kSuspicious = 32;    // yields for which a long one is remembered
 constexpr std::uint32_t kLeastPause = 10;   // ms
 constexpr std::uint32_t kMostPause = 1000;  // ms
-constexpr std::uint32_t kCalm = 8;          // pauses without a long yield until all is forgotten
+constexpr std::uint32_t kCalm = 8;          // pauses without long yields until all is forgotten
 
 std::atomic<bool> allowed{true};
 
@@ -23,15 +28,17 @@ std::atomic<bool> allowed{true};
  * monotonic clock modulo 2^32, so that all machines have atomics of their width. */
 class BusyPause {
 public:
-    /** After a yield that took long. */
-    void begin(long long now) {
-        std::uint32_t const start = milliseconds(now);
-        std::uint32_t const length = length_.load(std::memory_order_relaxed);
-        bool const calm = start - start_.load(std::memory_order_relaxed) > kCalm * length;
-        length_.store(calm || length == 0 ? kLeastPause : std::min(2 * length, kMostPause),
-                      std::memory_order_relaxed);
-        start_.store(start, std::memory_order_relaxed);
-        on_.store(true, std::memory_order_relaxed);
+    /** After each yield. */
+    void yielded(long long now, bool tookLong) {
+        std::int32_t const suspicion = suspicion_.load(std::memory_order_relaxed);
+        if (!tookLong) {
+            if (suspicion > 0)
+                suspicion_.store(suspicion - 1, std::memory_order_relaxed);
+            return;
+        }
+        suspicion_.store(suspicion > 0 ? 0 : kSuspicious, std::memory_order_relaxed);
+        if (suspicion > 0)
+            begin(now);
     }
     bool running() {
         if (!on_.load(std::memory_order_relaxed))
@@ -49,6 +56,17 @@ private:
         return static_cast<std::uint32_t>(now / 1'000'000);
     }
 
+    void begin(long long now) {
+        std::uint32_t const start = milliseconds(now);
+        std::uint32_t const length = length_.load(std::memory_order_relaxed);
+        bool const calm = start - start_.load(std::memory_order_relaxed) > kCalm * length;
+        length_.store(calm || length == 0 ? kLeastPause : std::min(2 * length, kMostPause),
+                      std::memory_order_relaxed);
+        start_.store(start, std::memory_order_relaxed);
+        on_.store(true, std::memory_order_relaxed);
+    }
+
+    std::atomic<std::int32_t> suspicion_{0};  // yields until a long one is forgotten
     std::atomic<bool> on_{false};
     std::atomic<std::uint32_t> start_{0};
     std::atomic<std::uint32_t> length_{0};
@@ -82,16 +100,24 @@ bool AdaptiveWait::worthwhile() {
 }
 
 bool AdaptiveWait::Spell::goOn() {
-    if (last_ - start_ >= kSpell) {
+    if (burnt_ >= kMostBurnt || last_ - start_ >= kMostPolled) {
         place_.failed(1);
         return false;
     }
     sched_yield();
     long long const now = Clock::nowNanoseconds();
-    if (now - last_ >= kLongYield)
-        busyPause.begin(now);
+    busyPause.yielded(now, now - last_ >= kLongYield);
+    if (now - last_ < kLoneYield)
+        burnt_ += now - last_;
     last_ = now;
     return true;  // also after a long yield: the answer may have come meanwhile
+}
+
+void AdaptiveWait::Spell::answered() {
+    if (last_ - start_ < kShortSleep)
+        place_.succeeded();
+    else
+        place_.failed(1);
 }
 
 void AdaptiveWait::succeeded() {

@@ -28,6 +28,20 @@ bool pollsInVain(AdaptiveWait& place) {
     return questions > 1;
 }
 
+/** Polls with one yield that takes long; whether that could be seen. What counts is the time
+ * between two yields: here the second question's sleep, else somebody else's turn. A third question
+ * shows that there were two yields. */
+bool yieldsForLong() {
+    AdaptiveWait place;
+    int questions = 0;
+    place.poll([&] {
+        if (++questions == 2)
+            OSWrap::Thread::sleep(0, 2'000'000);
+        return false;
+    });
+    return questions > 2;
+}
+
 /** Waits out a pause that a busy machine may have caused. */
 bool pollsBeforeLong(AdaptiveWait& place) {
     return testsupport::eventually([&] { return polls(place); });
@@ -70,19 +84,11 @@ TEST(AdaptiveWait, stopsPollingInTheProcessWhenOthersNeedTheProcessors) {
     AdaptiveWait elsewhere;
     bool pausedElsewhere = false;
     auto const looksInTime = [&] {
-        AdaptiveWait place;
-        EXPECT_TRUE(pollsBeforeLong(place));
-        // The time between two yields is what counts: here the second question's sleep, else
-        // somebody else's turn. A third question shows that there were two yields.
+        EXPECT_TRUE(pollsBeforeLong(elsewhere));
         long long const start = Clock::nowNanoseconds();
-        int questions = 0;
-        place.poll([&] {
-            if (++questions > 1)
-                OSWrap::Thread::sleep(0, 1'000'000);
-            return false;
-        });
+        bool const yieldedLong = yieldsForLong() && yieldsForLong();
         pausedElsewhere = !polls(elsewhere);
-        return questions > 2 && Clock::nowNanoseconds() - start < kSurelyPaused;
+        return yieldedLong && Clock::nowNanoseconds() - start < kSurelyPaused;
     };
     ASSERT_TRUE(testsupport::eventually(looksInTime));
     EXPECT_TRUE(pausedElsewhere);
