@@ -205,10 +205,8 @@ Figures memory(Client& client, pid_t server) {
 }  // namespace
 
 Figures measure(Client& client, std::string const& scenario, pid_t server) {
-    if (scenario == "threads8")
-        return manyThreads(client, server, 8);
-    if (scenario == "threads64")
-        return manyThreads(client, server, 64);
+    if (scenario.rfind("threads", 0) == 0)
+        return manyThreads(client, server, std::atoi(scenario.c_str() + 7));
     client.enterThread();
     Figures figures;
     if (scenario == "single")

@@ -4,13 +4,14 @@
 #include <pthread.h>
 
 #include "handler_threads/HTUtil.h"
+#include "handler_threads/PermissionWaiter.h"
 #include "handler_threads/ThreadRecord.h"
 #include "handler_threads/TurnExchange.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
-#include "oswrap/ConditionVar.h"
 #include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
 #include "transport/IdInfo.h"
 
 using handlerthreads::currentThread;
@@ -22,6 +23,7 @@ namespace {
 constexpr OSWrap::TimeSpec kReportInterval{1, 0};
 // A wait longer than this is given up in a build whose misuse ends the process.
 constexpr unsigned long kPatience = 29;  // seconds
+constexpr long kMoment = 50'000;         // nanoseconds
 
 char const* actor() {
     return Transport::IdInfo::instance().getActor().c_str();
@@ -32,10 +34,12 @@ char const* actor() {
  * exchanged, that wait is over and another one begins. */
 class WaitReport {
 public:
-    WaitReport(unsigned long holder, std::atomic<long> const& holderTid)
+    WaitReport(OSWrap::TimeSpec const& start, unsigned long holder,
+               std::atomic<long> const& holderTid)
         : holder_(holder),
           holderTid_(holderTid),
-          awaitedTid_(holderTid.load(std::memory_order_relaxed)) {}
+          awaitedTid_(holderTid.load(std::memory_order_relaxed)),
+          start_(start) {}
 
     /** After a sleep without success. */
     void stillWaiting() {
@@ -43,17 +47,22 @@ public:
         // A holder that had only just taken the token may not have told its number at first.
         if (awaitedTid_ == 0)
             awaitedTid_ = holderTid_.load(std::memory_order_relaxed);
+        if (now < nextReport_)
+            return;
+        nextReport_ = now + kReportInterval;
         if (HTUtil::willabort() && elapsed_ > kPatience)
             giveUp();
-        else if (now - lastReport_ >= kReportInterval) {
+        else
             tell();
-            lastReport_ = now;
-        }
     }
 
-    /** At the end of a wait that slept; its length in nanoseconds. */
-    long long granted() {
-        OSWrap::TimeSpec const now = lookAtClock();
+    OSWrap::TimeSpec timeToNextReport() const {
+        OSWrap::TimeSpec const now = OSWrap::Clock::getObsTime();
+        return now < nextReport_ ? nextReport_ - now : OSWrap::TimeSpec(0, kMoment);
+    }
+
+    void granted() {
+        lookAtClock();
         if (elapsed_ >= 1) {
             OSWrap::DisableCancelStateGuard const noCancel;
             REFLECTORB_LOG(5, "REFLECT_orb",
@@ -62,7 +71,6 @@ public:
                            actor(), currentThread().tid, awaitedTid_,
                            HTUtil::getName(holder_).c_str(), elapsed_);
         }
-        return (now - start_).totalNanoseconds();
     }
 
 private:
@@ -93,61 +101,12 @@ private:
     unsigned long const holder_;
     std::atomic<long> const& holderTid_;
     long awaitedTid_;
-    OSWrap::TimeSpec const start_ = OSWrap::Clock::getObsTime();
-    OSWrap::TimeSpec lastReport_ = start_;
+    OSWrap::TimeSpec const start_;
+    OSWrap::TimeSpec nextReport_ = start_ + kReportInterval;
     unsigned long elapsed_ = 0;  // whole seconds
 };
 
 }  // namespace
-
-/**
- * A thread's entry in the queue; lies on the waiting thread's stack. Others touch it only while it
- * is queued, under the queue's mutex; raising it to `granted` is the last they do with it.
- *
- *     queued --(all before it have gone)--> front --(token handed to it)--> granted
- *        ^-------(work exchanged)-------------'
- */
-template <class Debugging>
-struct DebugPermission<Debugging>::Waiter {
-    enum Stage : int { queued, front, granted };
-
-    Waiter(ThreadRecord& thread, TurnExchange* work)
-        : id(thread.id), tid(thread.tid), place(thread.parkingPlace()), turn(work) {}
-
-    /** The place to signal; this entry may be gone when it answers. */
-    ParkingPlace* change(Stage to) {
-        ParkingPlace& sleeper = place;
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(sleeper.condition);
-        stage.store(to, std::memory_order_release);
-        return &sleeper;
-    }
-    bool exchangesWith(TurnExchange const& other) const { return turn && turn->samePool(other); }
-    bool reached(Stage which) const { return stage.load(std::memory_order_acquire) >= which; }
-    /** Sleeps once, unless the stage has been reached; whether it has. */
-    bool sleep(Stage until, OSWrap::TimeSpec const& limit) {
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(place.condition);
-        if (!reached(until))
-            place.condition.wait(limit);
-        return reached(until);
-    }
-
-    unsigned long const id;
-    long const tid;
-    ParkingPlace& place;
-    TurnExchange* const turn;  // what it does next, exchanged under the queue's mutex; may be null
-    Waiter* previous = nullptr;          // guarded by the queue's mutex
-    Waiter* next = nullptr;              // guarded by the queue's mutex
-    std::atomic<int> stage{queued};      // changed under the mutex of `place`, polled without
-    std::atomic<unsigned> exchanges{0};  // of its work; counted under the queue's mutex
-};
-
-template <class Debugging>
-void DebugPermission<Debugging>::WakeUp::perform() const {
-    if (granted)
-        granted->condition.signal();
-    if (front)
-        front->condition.signal();
-}
 
 template <class Debugging>
 void DebugPermission<Debugging>::init(Debugging) const {
@@ -167,9 +126,24 @@ void DebugPermission<Debugging>::get(TurnExchange& turn) {
 template <class Debugging>
 void DebugPermission<Debugging>::take(TurnExchange* turn) {
     OSWrap::DeferredCancelTypeGuard const deferred;
-    if (getOwner() != currentThread().id && !tryTake())
-        waitForTurn(turn);
-    // From here on there is no cancellation point: token and count are taken together.
+    if (getOwner() != currentThread().id && !tryTake(currentThread().id, currentThread().tid)) {
+        Waiter waiter(turn);
+        if (enqueueUnlessFree(waiter))
+            waitForTurn(waiter);
+    }
+    addLevel();
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::get(Waiter& waiter) {
+    OSWrap::DeferredCancelTypeGuard const deferred;
+    waitForTurn(waiter);
+    addLevel();
+}
+
+/** No cancellation point comes between this and the token's taking. */
+template <class Debugging>
+void DebugPermission<Debugging>::addLevel() {
     unsigned long const levels = count() + 1;
     count_.store(levels, std::memory_order_relaxed);
     if (levels > 1)
@@ -186,22 +160,19 @@ void DebugPermission<Debugging>::reportFurtherLevel(unsigned long levels) const 
     HTUtil::testabort();
 }
 
+/** For any thread. */
 template <class Debugging>
-bool DebugPermission<Debugging>::tryTake() {
-    ThreadRecord const& me = currentThread();
+bool DebugPermission<Debugging>::tryTake(unsigned long id, long tid) {
     unsigned long expected = 0;
-    if (!word_.compare_exchange_strong(expected, me.id, std::memory_order_acquire,
+    if (!word_.compare_exchange_strong(expected, id, std::memory_order_acquire,
                                        std::memory_order_relaxed))
         return false;
-    ownerTid_.store(me.tid, std::memory_order_relaxed);
+    ownerTid_.store(tid, std::memory_order_relaxed);
     return true;
 }
 
 template <class Debugging>
-void DebugPermission<Debugging>::waitForTurn(TurnExchange* turn) {
-    Waiter waiter(currentThread(), turn);
-    if (!enqueueUnlessFree(waiter))
-        return;
+void DebugPermission<Debugging>::waitForTurn(Waiter& waiter) {
     currentThread().waiter = &waiter;
     pthread_cleanup_push(removeId, this);
     awaitGrant(waiter);
@@ -209,13 +180,20 @@ void DebugPermission<Debugging>::waitForTurn(TurnExchange* turn) {
     currentThread().waiter = nullptr;
 }
 
-/** False when the token turned out to be free: then the caller holds it and is not queued. */
+template <class Debugging>
+void DebugPermission<Debugging>::queue(Waiter& waiter) {
+    if (!enqueueUnlessFree(waiter))
+        waiter.change(Waiter::granted)->condition.signal();
+}
+
+/** False when the token turned out to be free: then the waiter's thread holds it and is not queued.
+ */
 template <class Debugging>
 bool DebugPermission<Debugging>::enqueueUnlessFree(Waiter& waiter) {
     OSWrap::Lock<> const lock(queueMutex_);
     unsigned long word = word_.load(std::memory_order_relaxed);
     while (!(word & kSomebodyQueued)) {
-        if (word == 0 && tryTake())
+        if (word == 0 && tryTake(waiter.id, waiter.tid))
             return false;
         if (word != 0 &&
             word_.compare_exchange_weak(word, word | kSomebodyQueued, std::memory_order_relaxed))
@@ -234,18 +212,29 @@ void DebugPermission<Debugging>::append(Waiter& waiter) {
     back_ = &waiter;
     waiting_.fetch_add(1, std::memory_order_relaxed);
     if (front_ == &waiter)
-        waiter.stage.store(Waiter::front, std::memory_order_relaxed);
+        waiter.moveToFront();
+    else
+        waiter.stage.store(Waiter::queued, std::memory_order_release);
 }
 
-/** Only the front polls and reports. The others sleep until they move up, and look now and then
- * whether they have done so without being woken. */
+/** Only the front reports. The others are not woken when they move up; they look once per second
+ * whether they have. */
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
     while (!waiter.reached(Waiter::granted)) {
         while (!waiter.sleep(Waiter::front, kReportInterval)) {
         }
-        awaitGrantAtFront(waiter);
+        if (!waiter.reached(Waiter::granted))
+            awaitGrantAtFront(waiter);
     }
+}
+
+/** When the wait at the front began, or, if the work has been exchanged since, this moment. */
+template <class Debugging>
+OSWrap::TimeSpec DebugPermission<Debugging>::beginningAtFront(Waiter const& waiter) {
+    OSWrap::Lock<> const lock(queueMutex_);
+    return waiter.exchanges.load(std::memory_order_relaxed) == 0 ? waiter.frontSince
+                                                                 : OSWrap::Clock::getObsTime();
 }
 
 /** Returns when the token has been granted, or when the thread's work has been exchanged: it then
@@ -253,19 +242,17 @@ void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrantAtFront(Waiter& waiter) {
     unsigned const exchanges = waiter.exchanges.load(std::memory_order_relaxed);
-    WaitReport report(getOwner(), ownerTid_);
-    if (frontWait_.poll([&waiter] { return waiter.stage != Waiter::front; }))
-        return;
+    WaitReport report(beginningAtFront(waiter), getOwner(), ownerTid_);
     auto const exchanged = [&waiter, exchanges] {
         return waiter.exchanges.load(std::memory_order_relaxed) != exchanges;
     };
-    while (!waiter.sleep(Waiter::granted, kReportInterval)) {
+    while (!waiter.sleep(Waiter::granted, report.timeToNextReport())) {
         if (exchanged())
             return;
         report.stillWaiting();
     }
     if (!exchanged())
-        frontWait_.slept(report.granted());
+        report.granted();
 }
 
 template <class Debugging>
@@ -295,64 +282,54 @@ template <class Debugging>
 bool DebugPermission<Debugging>::exchangeTurn(TurnExchange& mine) {
     if (getOwner() != currentThread().id || count() != 1)
         return false;
-    WakeUp wakeUp;
-    {
-        OSWrap::Lock<> const lock(queueMutex_);
-        if (!front_)
-            return true;
-        if (!front_->exchangesWith(mine))
-            return false;
-        Waiter& partner = *front_;
-        mine.swap(*partner.turn);
-        partner.exchanges.fetch_add(1, std::memory_order_relaxed);
-        wakeUp = moveToBack(partner);
-    }
-    wakeUp.perform();
+    OSWrap::Lock<> const lock(queueMutex_);
+    if (!front_)
+        return true;
+    if (!front_->exchangesWith(mine))
+        return false;
+    Waiter& partner = *front_;
+    mine.swap(*partner.turn);
+    partner.exchanges.fetch_add(1, std::memory_order_relaxed);
+    moveToBack(partner);
     return true;
 }
 
-/** The new front is woken to poll for its turn, unless it would only exchange that for another. */
 template <class Debugging>
-typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::moveToBack(Waiter& waiter) {
-    WakeUp wakeUp;
+void DebugPermission<Debugging>::moveToBack(Waiter& waiter) {
     if (!waiter.next)
-        return wakeUp;
+        return;
     unlink(waiter);
-    waiter.change(Waiter::queued);
     append(waiter);
-    ParkingPlace* const sleeper = front_->change(Waiter::front);
-    if (!front_->exchangesWith(*waiter.turn))
-        wakeUp.front = sleeper;
-    return wakeUp;
+    front_->moveToFront();
 }
 
 template <class Debugging>
 void DebugPermission<Debugging>::handOver() {
-    WakeUp wakeUp;
+    ParkingPlace* successor = nullptr;
     {
         OSWrap::Lock<> const lock(queueMutex_);
-        wakeUp = passOn();
+        successor = passOn();
     }
-    wakeUp.perform();
+    if (successor)
+        successor->condition.signal();
 }
 
-/** Gives the token, which the caller holds, to the front of the queue, or sets it free. */
+/** Gives the token, which the caller holds, to the front of the queue, or sets it free. The place
+ * to signal after unlocking, if any. */
 template <class Debugging>
-typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::passOn() {
-    WakeUp wakeUp;
+ParkingPlace* DebugPermission<Debugging>::passOn() {
     if (!front_) {
         ownerTid_.store(0, std::memory_order_relaxed);
         word_.store(0, std::memory_order_release);
-        return wakeUp;
+        return nullptr;
     }
     Waiter& successor = *front_;
     unlink(successor);
     ownerTid_.store(successor.tid, std::memory_order_relaxed);
     word_.store(successor.id | (front_ ? kSomebodyQueued : 0), std::memory_order_release);
-    wakeUp.granted = successor.change(Waiter::granted);
     if (front_)
-        wakeUp.front = front_->change(Waiter::front);
-    return wakeUp;
+        front_->moveToFront();
+    return successor.change(Waiter::granted);
 }
 
 template <class Debugging>
@@ -371,29 +348,32 @@ void DebugPermission<Debugging>::removeId(void* self) {
     me.waiter = nullptr;
 }
 
+/** Of a thread that has been cancelled. Who was left to queue its entry is just about to do so. */
 template <class Debugging>
 void DebugPermission<Debugging>::leaveQueue(Waiter& waiter) {
-    WakeUp wakeUp;
+    OSWrap::DisableCancelStateGuard const noCancel;
+    while (!waiter.reached(Waiter::queued))
+        OSWrap::Thread::sleep(0, kMoment);
+    ParkingPlace* successor = nullptr;
     {
         OSWrap::Lock<> const lock(queueMutex_);
-        wakeUp = leaveQueueLocked(waiter);
+        successor = leaveQueueLocked(waiter);
     }
-    wakeUp.perform();
+    if (successor)
+        successor->condition.signal();
 }
 
 template <class Debugging>
-typename DebugPermission<Debugging>::WakeUp DebugPermission<Debugging>::leaveQueueLocked(
-    Waiter& waiter) {
+ParkingPlace* DebugPermission<Debugging>::leaveQueueLocked(Waiter& waiter) {
     if (waiter.reached(Waiter::granted))
         return passOn();
     bool const wasFront = front_ == &waiter;
     unlink(waiter);
-    WakeUp wakeUp;
     if (!front_)
         word_.fetch_and(~kSomebodyQueued, std::memory_order_relaxed);
     else if (wasFront)
-        wakeUp.front = front_->change(Waiter::front);
-    return wakeUp;
+        front_->moveToFront();
+    return nullptr;
 }
 
 template class DebugPermission<Debugging_t<1>>;

@@ -118,6 +118,24 @@ void HandlerThreads<Container, Permission, Debugging>::getPermission(TurnExchang
 }
 
 template <template <class> class Container, template <class> class Permission, class Debugging>
+void HandlerThreads<Container, Permission, Debugging>::getPermission(
+    handlerthreads::PermissionWaiter& waiter) {
+    permission_.get(waiter);
+}
+
+template <template <class> class Container, template <class> class Permission, class Debugging>
+void HandlerThreads<Container, Permission, Debugging>::queue(
+    handlerthreads::PermissionWaiter& waiter) {
+    permission_.queue(waiter);
+}
+
+template <template <class> class Container, template <class> class Permission, class Debugging>
+void HandlerThreads<Container, Permission, Debugging>::leaveQueue(
+    handlerthreads::PermissionWaiter& waiter) {
+    permission_.leaveQueue(waiter);
+}
+
+template <template <class> class Container, template <class> class Permission, class Debugging>
 bool HandlerThreads<Container, Permission, Debugging>::exchangeTurn(TurnExchange& mine) {
     return permission_.exchangeTurn(mine);
 }

@@ -1,7 +1,10 @@
 #include "reflect/OngoingRequest.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <utility>
 
+#include "handler_threads/PermissionWaiter.h"
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
@@ -11,6 +14,7 @@
 
 namespace {
 
+using handlerthreads::PermissionWaiter;
 using RecordLock = OSWrap::Lock<OSWrap::ConditionVar>;
 
 int const waitPeriodSeconds = 30;
@@ -36,6 +40,25 @@ void deleteResponse(TreflectMessage* response) {
 }
 
 }  // namespace
+
+/** Takes the entry of a cancelled thread back, or out of the permission's queue. */
+class OngoingRequest::Withdrawal {
+public:
+    Withdrawal(OngoingRequest& record, PermissionWaiter& waiter)
+        : record_(record), waiter_(&waiter) {}
+    ~Withdrawal() {
+        if (waiter_ && !record_.takeBack())
+            TreflectORB::handlerThreads().leaveQueue(*waiter_);
+    }
+    Withdrawal(Withdrawal const&) = delete;
+    Withdrawal& operator=(Withdrawal const&) = delete;
+    /** The thread goes on. */
+    void cancel() { waiter_ = nullptr; }
+
+private:
+    OngoingRequest& record_;
+    PermissionWaiter* waiter_;
+};
 
 pthread_key_t OngoingRequest::tsv_key_;
 
@@ -96,13 +119,15 @@ void OngoingRequest::clearResponse() {
 }
 
 TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
-                                      TreflectMessage& request, TreflectORB const* orb) {
+                                      TreflectMessage& request, TreflectORB const* orb,
+                                      bool thenPermission) {
     targetExists = true;
     if (!active_)
         return nullptr;
     if (waiting_.poll([this] { return delivered(); }))
         return response_.load(std::memory_order_acquire);
-    return waitForever ? sleepUntilDelivered() : sleepInPeriods(output, targetExists, request, orb);
+    return waitForever ? sleepUntilDelivered()
+                       : sleepInPeriods(output, targetExists, request, orb, thenPermission);
 }
 
 TreflectMessage* OngoingRequest::sleepUntilDelivered() {
@@ -114,9 +139,11 @@ TreflectMessage* OngoingRequest::sleepUntilDelivered() {
 }
 
 TreflectMessage* OngoingRequest::sleepInPeriods(bool output, bool& targetExists,
-                                                TreflectMessage& request, TreflectORB const* orb) {
+                                                TreflectMessage& request, TreflectORB const* orb,
+                                                bool thenPermission) {
     for (int periods = 1;; ++periods) {
-        if (TreflectMessage* const response = sleepOnePeriod())
+        if (TreflectMessage* const response =
+                thenPermission ? sleepOnePeriodForPermission() : sleepOnePeriod())
             return response;
         Transport::TerminationId const target = toTerminationId();
         targetExists = Transport::TransportLayer::instance().exists(target);
@@ -147,6 +174,52 @@ TreflectMessage* OngoingRequest::sleepOnePeriod() {
     return response_.load(std::memory_order_relaxed);
 }
 
+/**
+ * The same, woken with the run permission. While the thread sleeps it looks once per second whether
+ * it has been queued, since the one at the front of the queue reports how long it waits there.
+ */
+TreflectMessage* OngoingRequest::sleepOnePeriodForPermission() {
+    constexpr long long kLook = 1'000'000'000;
+    PermissionWaiter waiter;
+    if (!leaveToDeliverer(waiter))
+        return response_.load(std::memory_order_acquire);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    long long const end = OSWrap::Clock::nowNanoseconds() + waitPeriod.totalNanoseconds();
+    bool queued = false;
+    {
+        Withdrawal withdrawal(*this, waiter);
+        while (!queued) {
+            long long const rest = end - OSWrap::Clock::nowNanoseconds();
+            if (rest <= 0)
+                break;
+            waiter.sleep(PermissionWaiter::granted, OSWrap::TimeSpec(0, std::min(rest, kLook)));
+            queued = delivered();
+        }
+        withdrawal.cancel();
+    }
+    if (!queued && takeBack())
+        return nullptr;
+    TreflectORB::handlerThreads().getPermission(waiter);
+    return response_.load(std::memory_order_acquire);
+}
+
+/** False when something has been delivered already. */
+bool OngoingRequest::leaveToDeliverer(PermissionWaiter& waiter) {
+    RecordLock const lock(condition_);
+    if (delivered())
+        return false;
+    waiter_ = &waiter;
+    return true;
+}
+
+/** False when a deliverer has taken the entry. */
+bool OngoingRequest::takeBack() {
+    RecordLock const lock(condition_);
+    return std::exchange(waiter_, nullptr) != nullptr;
+}
+
+/** Delivers `response`, which the record then owns, or deletes it. True when the owner is to be
+ * woken after unlocking. */
 bool OngoingRequest::reset(TreflectMessage* response, bool deliver) {
     if (!deliver) {
         deleteResponse(response);
@@ -158,21 +231,34 @@ bool OngoingRequest::reset(TreflectMessage* response, bool deliver) {
 
 void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
     bool wake = false;
+    PermissionWaiter* waiter = nullptr;
     {
         RecordLock const lock(condition_);
         wake = reset(response, transactionId_ == transactionId);
+        if (wake)
+            waiter = std::exchange(waiter_, nullptr);
     }
     if (wake)
-        condition_.signal();
+        wakeOwner(waiter);
 }
 
 void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
     bool wake = false;
+    PermissionWaiter* waiter = nullptr;
     {
         RecordLock const lock(condition_);
         wake = reset(response, target_ == target);
+        if (wake)
+            waiter = std::exchange(waiter_, nullptr);
     }
     if (wake)
+        wakeOwner(waiter);
+}
+
+void OngoingRequest::wakeOwner(PermissionWaiter* waiter) {
+    if (waiter)
+        TreflectORB::handlerThreads().queue(*waiter);
+    else
         condition_.signal();
 }
 

@@ -8,6 +8,9 @@
 #include "oswrap/ConditionVar.h"
 #include "transport/TerminationId.h"
 
+namespace handlerthreads {
+struct PermissionWaiter;
+}
 class TreflectMessage;
 class TreflectORB;
 
@@ -45,15 +48,17 @@ public:
      * null and `targetExists` false when the target has gone; else it is reported, with a dump of
      * `request` if `output`, and after the second one `orb` gives up, which does not return. A
      * cancellation point. Owner's thread only.
+     *
+     * `thenPermission`: the thread has given up the run permission for this wait and takes it again
+     * after it. It may have it already when this answers with a delivery: who delivers to a
+     * sleeping thread queues it for the permission, so that it is woken once for both.
      */
     TreflectMessage* wait(bool waitForever, bool output, bool& targetExists,
-                          TreflectMessage& request, TreflectORB const* orb);
+                          TreflectMessage& request, TreflectORB const* orb,
+                          bool thenPermission = false);
     /** Whether something has been delivered. Owner's thread. */
     bool delivered() const { return response_.load(std::memory_order_acquire) != nullptr; }
 
-    /** Delivers `response`, which the record then owns, or deletes it. True when the owner is to be
-     * signalled after unlocking. */
-    bool reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
     /** Delivers it if the record still waits for that transaction, else deletes it. */
     void reset(TreflectMessage* response, unsigned int transactionId);
     /** The same if the record's request went to `target`. */
@@ -63,15 +68,22 @@ public:
     Transport::TerminationId toTerminationId();
 
 private:
+    class Withdrawal;
+
     static void initonce();
     static OngoingRequest* takeFree();
     static void destroyThreadInstance(void* record);
 
     TreflectMessage* sleepUntilDelivered();
     TreflectMessage* sleepInPeriods(bool output, bool& targetExists, TreflectMessage& request,
-                                    TreflectORB const* orb);
+                                    TreflectORB const* orb, bool thenPermission);
     TreflectMessage* sleepOnePeriod();
+    TreflectMessage* sleepOnePeriodForPermission();
+    bool leaveToDeliverer(handlerthreads::PermissionWaiter& waiter);
+    bool takeBack();
+    void wakeOwner(handlerthreads::PermissionWaiter* waiter);
     void clearResponse() OSW_REQUIRES(condition_);
+    bool reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
 
     static pthread_key_t tsv_key_;
 
@@ -82,6 +94,9 @@ private:
     /// Null: nothing yet; disconnected(); else an owned message. Written under condition_, polled
     /// by the owner without it.
     std::atomic<TreflectMessage*> response_{nullptr};
+    /// The owner's entry for the queue of the run permission while it sleeps: whoever delivers
+    /// takes it out of here and queues it.
+    handlerthreads::PermissionWaiter* waiter_ OSW_GUARDED_BY(condition_) = nullptr;
     bool active_ = false;                 // owner's thread only
     OngoingRequest* nextFree_ = nullptr;  // guarded by the mutex of the list of free records
     OSWrap::AdaptiveWait waiting_;        // statistics of this thread's waits

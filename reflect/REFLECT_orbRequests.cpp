@@ -30,10 +30,11 @@ char const* trueOrFalse(bool value) {
 class TreflectORB::OutgoingCall {
 public:
     OutgoingCall(TreflectORB const& orb, Transport::TerminationId target, bool withResponse,
-                 TreflectMessage& message, TipprmiStream& response)
+                 TreflectMessage& message, TipprmiStream& response, bool thenPermission)
         : orb_(orb),
           target_(target),
           withResponse_(withResponse),
+          thenPermission_(thenPermission),
           message_(message),
           response_(response),
           record_(OngoingRequest::getThreadInstance()) {}
@@ -51,6 +52,7 @@ private:
     TreflectORB const& orb_;
     Transport::TerminationId const target_;
     bool const withResponse_;
+    bool const thenPermission_;  // given up for the call, to be taken again after it
     TreflectMessage& message_;
     TipprmiStream& response_;
     OngoingRequest& record_;
@@ -118,7 +120,7 @@ int TreflectORB::OutgoingCall::send() {
 bool TreflectORB::OutgoingCall::awaitResponse() {
     bool targetExists = true;
     TreflectMessage* const answer =
-        record_.wait(false, withResponse_, targetExists, message_, &orb_);
+        record_.wait(false, withResponse_, targetExists, message_, &orb_, thenPermission_);
     bool const disconnected = answer == OngoingRequest::disconnected();
     if (!answer || disconnected) {
         REFLECTORB_LOG(3, "REFLECT_orb",
@@ -179,7 +181,8 @@ bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse
         ++parts_->counters.of(target).sent;
     }
     TreflectReleaseHandlerState const released;
-    return OutgoingCall(*this, target, withResponse, message, response).perform();
+    bool const thenPermission = released.released() && !hasRunPermission();
+    return OutgoingCall(*this, target, withResponse, message, response, thenPermission).perform();
 }
 
 int TreflectORB::issueTo_(Transport::TerminationId target, TreflectMessage& message) const {

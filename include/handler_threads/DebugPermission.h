@@ -3,15 +3,16 @@
 #include <atomic>
 
 #include "handler_threads/Debugging.h"
-#include "oswrap/AdaptiveWait.h"
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
+#include "oswrap/TimeSpec.h"
 
 class TurnExchange;
 
 namespace handlerthreads {
 struct ParkingPlace;
-}
+struct PermissionWaiter;
+}  // namespace handlerthreads
 
 /**
  * Permission policy of HandlerThreads: a token that one thread at a time holds, as often as it
@@ -19,10 +20,9 @@ struct ParkingPlace;
  *
  * Taking the free token and giving it back with nobody queued is one atomic operation each. A
  * thread that finds the token taken queues an entry that lies on its stack. Whoever gives the token
- * back hands it to the front entry, so it is never free while somebody is queued, and moves the
- * next one up to the front, which wakes it. So a hand-over wakes at most two threads however many
- * wait, and the thread whose turn comes next is on its feet, polling for a bounded time, while its
- * predecessor still works.
+ * back hands it to the front entry, so it is never free while somebody is queued, and wakes that
+ * one. So a hand-over wakes one thread however many wait. Nobody polls for the token: the holders
+ * keep it for about a microsecond, but a processor that polls is one that no holder works on.
  *
  * One object per process, made by HandlerThreads and never destroyed. Any thread may call anything.
  */
@@ -45,6 +45,14 @@ public:
     /** The same for a thread of a pool: while it is queued, another one may exchange work with it.
      */
     void get(TurnExchange& turn);
+    /** The same with an entry that has been left to another thread to be queued. */
+    void get(handlerthreads::PermissionWaiter& waiter);
+    /** Queues another thread's entry, which that thread has left for this, or gives it the free
+     * token at once. The entry may be gone when this returns. Never waits. */
+    void queue(handlerthreads::PermissionWaiter& waiter);
+    /** For a thread that has been cancelled while its entry was left or queued: takes it out of the
+     * queue, and passes the token on if it has just been given. */
+    void leaveQueue(handlerthreads::PermissionWaiter& waiter);
     /**
      * Instead of `release` followed by `get(mine)`, when that would change nothing but the thread
      * that goes on: true when nobody is queued, or when the front of the queue belongs to the same
@@ -73,27 +81,23 @@ public:
 private:
     template <template <class> class, template <class> class, class>
     friend class HandlerThreads;
-    struct Waiter;
-    /** Whom to wake when the queue has changed and its mutex is unlocked again. */
-    struct WakeUp {
-        handlerthreads::ParkingPlace* granted = nullptr;
-        handlerthreads::ParkingPlace* front = nullptr;
-        void perform() const;
-    };
+    using ParkingPlace = handlerthreads::ParkingPlace;
+    using Waiter = handlerthreads::PermissionWaiter;
     DebugPermission() = default;
 
-    bool tryTake();
+    bool tryTake(unsigned long id, long tid);
     void take(TurnExchange* turn);
-    void waitForTurn(TurnExchange* turn);
+    void addLevel();
+    void waitForTurn(Waiter& waiter);
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
     void awaitGrantAtFront(Waiter& waiter);
+    OSWrap::TimeSpec beginningAtFront(Waiter const& waiter);
     void handOver();
     void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    void leaveQueue(Waiter& waiter);
-    WakeUp passOn() OSW_REQUIRES(queueMutex_);
-    WakeUp moveToBack(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    WakeUp leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
+    ParkingPlace* passOn() OSW_REQUIRES(queueMutex_);
+    void moveToBack(Waiter& waiter) OSW_REQUIRES(queueMutex_);
+    ParkingPlace* leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void reportFurtherLevel(unsigned long levels) const;
 
@@ -105,7 +109,6 @@ private:
     std::atomic<unsigned long> word_{0};
     std::atomic<unsigned long> count_{0};  // changed by the holder only
     std::atomic<long> ownerTid_{0};        // kernel's id of the holder, for log lines only
-    OSWrap::AdaptiveWait frontWait_;       // statistics of the waits at the front
 
     /// Locked before the mutex of a waiter, after any other lock; never while waiting, waking or
     /// logging.

@@ -47,6 +47,13 @@ public:
     /** Takes the permission for a thread of a pool, which must be in handler state; see
      * DebugPermission::get. */
     void getPermission(TurnExchange& turn);
+    /** Takes the permission with an entry that has been left to another thread to be queued; see
+     * DebugPermission::get. For threads in handler state. */
+    void getPermission(handlerthreads::PermissionWaiter& waiter);
+    /** Queues another thread's entry for it; see DebugPermission::queue. */
+    void queue(handlerthreads::PermissionWaiter& waiter);
+    /** See DebugPermission::leaveQueue. */
+    void leaveQueue(handlerthreads::PermissionWaiter& waiter);
     /** Goes on with the next turn of the pool without giving the permission away, where that makes
      * no difference; see DebugPermission::exchangeTurn. */
     bool exchangeTurn(TurnExchange& mine);

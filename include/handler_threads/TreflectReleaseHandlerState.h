@@ -15,6 +15,9 @@ public:
     TreflectReleaseHandlerState(TreflectReleaseHandlerState const&) = delete;
     TreflectReleaseHandlerState& operator=(TreflectReleaseHandlerState const&) = delete;
 
+    /** Whether a level was given back. */
+    bool released() const { return released_; }
+
 private:
     bool const released_;  // a level was given back and is to be taken again
 };

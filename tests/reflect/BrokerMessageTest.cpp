@@ -8,6 +8,8 @@ namespace {
 
 class BrokerMessageTest : public BrokerTest {
 public:
+    class CancellableCaller;
+
     /** A call from the test's thread to an object of `target`, answered or not. */
     ProbeClient::Answer call(Transport::TerminationId target, bool withResponse = true) {
         TipprmiStream request(100);
@@ -130,28 +132,59 @@ TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {
     EXPECT_TRUE(log_.waitFor("receives unexpected response")) << "nobody was entered";
 }
 
+/** A thread that calls, and is cancelled while it does. */
+class BrokerMessageTest::CancellableCaller {
+public:
+    CancellableCaller(BrokerMessageTest& test, Transport::TerminationId target)
+        : test_(test), target_(target) {
+        EXPECT_EQ(pthread_create(&thread_, nullptr, &CancellableCaller::run, this), 0);
+    }
+    void cancel() { pthread_cancel(thread_); }
+    void join() {
+        void* result = nullptr;
+        pthread_join(thread_, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+    }
+
+private:
+    static void* run(void* self) {
+        auto& caller = *static_cast<CancellableCaller*>(self);
+        TreflectHandlerState const handlerState(true);
+        caller.test_.call(caller.target_);
+        return nullptr;
+    }
+
+    BrokerMessageTest& test_;
+    Transport::TerminationId const target_;
+    pthread_t thread_{};
+};
+
 TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
     RawPeer peer(group());
-    struct Caller {
-        BrokerMessageTest& test;
-        Transport::TerminationId target;
-        static void* run(void* self) {
-            auto& caller = *static_cast<Caller*>(self);
-            TreflectHandlerState const handlerState(true);
-            caller.test.call(caller.target);
-            return nullptr;
-        }
-    } caller{*this, peer.termId()};
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, &Caller::run, &caller), 0);
+    CancellableCaller caller{*this, peer.termId()};
     TreflectMessage const request = peer.await(0);
-    pthread_cancel(thread);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    caller.cancel();
+    caller.join();
     EXPECT_EQ(TreflectORB::getRunPermissionOwner(), 0u);
     answerWith(peer, request, 1);
     EXPECT_TRUE(log_.waitFor("receives unexpected response"));
+}
+
+// The response queues a sleeping caller for the run permission, which is away.
+TEST_F(BrokerMessageTest, callerCancelledAfterItsResponseLeavesTheQueueForThePermission) {
+    RawPeer peer(group());
+    CancellableCaller caller{*this, peer.termId()};
+    TreflectMessage const request = peer.await(0);
+    {
+        TreflectHandlerState const permission(true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // more than a caller polls
+        answerWith(peer, request, 1);
+        ASSERT_TRUE(testsupport::eventually(
+            [] { return TreflectORB::handlerThreads().getPermissionWaiters() == 1; }));
+        caller.cancel();
+    }
+    caller.join();
+    EXPECT_EQ(TreflectORB::getRunPermissionOwner(), 0u);
 }
 
 }  // namespace
