@@ -61,6 +61,7 @@ private:
 };
 
 pthread_key_t OngoingRequest::tsv_key_;
+bool OngoingRequest::keyed_ = false;
 
 TreflectMessage* OngoingRequest::disconnected() {
     return reinterpret_cast<TreflectMessage*>(~std::uintptr_t{0});
@@ -71,7 +72,7 @@ OngoingRequest::~OngoingRequest() {
 }
 
 void OngoingRequest::initonce() {
-    pthread_key_create(&tsv_key_, &OngoingRequest::destroyThreadInstance);
+    keyed_ = pthread_key_create(&tsv_key_, &OngoingRequest::destroyThreadInstance) == 0;
 }
 
 void OngoingRequest::destroyThreadInstance(void* instance) {
@@ -95,6 +96,10 @@ OngoingRequest* OngoingRequest::takeFree() {
 OngoingRequest& OngoingRequest::getThreadInstance() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, &OngoingRequest::initonce);
+    return keyed_ ? keyedInstance() : unkeyedInstance();
+}
+
+OngoingRequest& OngoingRequest::keyedInstance() {
     auto* record = static_cast<OngoingRequest*>(pthread_getspecific(tsv_key_));
     if (!record) {
         record = takeFree();
@@ -102,6 +107,13 @@ OngoingRequest& OngoingRequest::getThreadInstance() {
             record = new OngoingRequest;
         pthread_setspecific(tsv_key_, record);
     }
+    return *record;
+}
+
+/** The process has used up its keys, so nobody tells when a thread ends: its record stays behind.
+ */
+OngoingRequest& OngoingRequest::unkeyedInstance() {
+    thread_local OngoingRequest* const record = new OngoingRequest;
     return *record;
 }
 

@@ -72,6 +72,8 @@ private:
 
     static void initonce();
     static OngoingRequest* takeFree();
+    static OngoingRequest& keyedInstance();
+    static OngoingRequest& unkeyedInstance();
     static void destroyThreadInstance(void* record);
 
     TreflectMessage* sleepUntilDelivered();
@@ -85,7 +87,8 @@ private:
     void clearResponse() OSW_REQUIRES(condition_);
     bool reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
 
-    static pthread_key_t tsv_key_;
+    static pthread_key_t tsv_key_;  // written by initonce, as is the next
+    static bool keyed_;
 
     /// Taken after a broker's request mutex; nothing is locked, and nothing logged, under it.
     OSWrap::ConditionVar condition_{true};
