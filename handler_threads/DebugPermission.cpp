@@ -17,6 +17,7 @@
 using handlerthreads::currentThread;
 using handlerthreads::ParkingPlace;
 using handlerthreads::ThreadRecord;
+using handlerthreads::WaitAtFront;
 
 namespace {
 
@@ -34,12 +35,11 @@ char const* actor() {
  * exchanged, that wait is over and another one begins. */
 class WaitReport {
 public:
-    WaitReport(OSWrap::TimeSpec const& start, unsigned long holder,
-               std::atomic<long> const& holderTid)
-        : holder_(holder),
+    WaitReport(WaitAtFront const& wait, std::atomic<long> const& holderTid)
+        : holder_(wait.holder),
           holderTid_(holderTid),
-          awaitedTid_(holderTid.load(std::memory_order_relaxed)),
-          start_(start) {}
+          awaitedTid_(wait.holderTid),
+          start_(wait.since) {}
 
     /** After a sleep without success. */
     void stillWaiting() {
@@ -212,29 +212,25 @@ void DebugPermission<Debugging>::append(Waiter& waiter) {
     back_ = &waiter;
     waiting_.fetch_add(1, std::memory_order_relaxed);
     if (front_ == &waiter)
-        waiter.moveToFront();
+        moveToFront(waiter);
     else
         waiter.stage.store(Waiter::queued, std::memory_order_release);
+}
+
+template <class Debugging>
+void DebugPermission<Debugging>::moveToFront(Waiter& waiter) {
+    waiter.moveToFront(getOwner(), ownerTid_.load(std::memory_order_relaxed));
 }
 
 /** Only the front reports. The others are not woken when they move up; they look once per second
  * whether they have. */
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrant(Waiter& waiter) {
-    while (!waiter.reached(Waiter::granted)) {
+    do {
         while (!waiter.sleep(Waiter::front, kReportInterval)) {
         }
-        if (!waiter.reached(Waiter::granted))
-            awaitGrantAtFront(waiter);
-    }
-}
-
-/** When the wait at the front began, or, if the work has been exchanged since, this moment. */
-template <class Debugging>
-OSWrap::TimeSpec DebugPermission<Debugging>::beginningAtFront(Waiter const& waiter) {
-    OSWrap::Lock<> const lock(queueMutex_);
-    return waiter.exchanges.load(std::memory_order_relaxed) == 0 ? waiter.frontSince
-                                                                 : OSWrap::Clock::getObsTime();
+        awaitGrantAtFront(waiter);
+    } while (!waiter.reached(Waiter::granted));
 }
 
 /** Returns when the token has been granted, or when the thread's work has been exchanged: it then
@@ -242,17 +238,32 @@ OSWrap::TimeSpec DebugPermission<Debugging>::beginningAtFront(Waiter const& wait
 template <class Debugging>
 void DebugPermission<Debugging>::awaitGrantAtFront(Waiter& waiter) {
     unsigned const exchanges = waiter.exchanges.load(std::memory_order_relaxed);
-    WaitReport report(beginningAtFront(waiter), getOwner(), ownerTid_);
     auto const exchanged = [&waiter, exchanges] {
         return waiter.exchanges.load(std::memory_order_relaxed) != exchanges;
     };
+    WaitReport report(waitAtFront(waiter), ownerTid_);
     while (!waiter.sleep(Waiter::granted, report.timeToNextReport())) {
-        if (exchanged())
+        if (exchanged() || !waiter.reached(Waiter::front))
             return;
         report.stillWaiting();
     }
     if (!exchanged())
         report.granted();
+}
+
+/** Of the calling thread. Work that has been exchanged waits from now on. */
+template <class Debugging>
+WaitAtFront DebugPermission<Debugging>::waitAtFront(Waiter const& waiter) {
+    WaitAtFront wait;
+    if (waiter.reached(Waiter::granted)) {
+        wait = waiter.wait;
+    } else {
+        OSWrap::Lock<> const lock(queueMutex_);
+        wait = waiter.wait;
+    }
+    if (waiter.exchanges.load(std::memory_order_relaxed) != 0 || wait.since == OSWrap::TimeSpec())
+        wait.since = OSWrap::Clock::getObsTime();
+    return wait;
 }
 
 template <class Debugging>
@@ -300,7 +311,7 @@ void DebugPermission<Debugging>::moveToBack(Waiter& waiter) {
         return;
     unlink(waiter);
     append(waiter);
-    front_->moveToFront();
+    moveToFront(*front_);
 }
 
 template <class Debugging>
@@ -328,7 +339,7 @@ ParkingPlace* DebugPermission<Debugging>::passOn() {
     ownerTid_.store(successor.tid, std::memory_order_relaxed);
     word_.store(successor.id | (front_ ? kSomebodyQueued : 0), std::memory_order_release);
     if (front_)
-        front_->moveToFront();
+        moveToFront(*front_);
     return successor.change(Waiter::granted);
 }
 
@@ -372,7 +383,7 @@ ParkingPlace* DebugPermission<Debugging>::leaveQueueLocked(Waiter& waiter) {
     if (!front_)
         word_.fetch_and(~kSomebodyQueued, std::memory_order_relaxed);
     else if (wasFront)
-        front_->moveToFront();
+        moveToFront(*front_);
     return nullptr;
 }
 

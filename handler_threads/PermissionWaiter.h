@@ -11,6 +11,13 @@
 
 namespace handlerthreads {
 
+/** How long a thread has been the first in the queue, and whom it waits for there. */
+struct WaitAtFront {
+    OSWrap::TimeSpec since;    // 0: was never at the front
+    unsigned long holder = 0;  // who held the token then
+    long holderTid = 0;        // 0: was not known then
+};
+
 /**
  * A thread's entry in the queue for the permission; lies on the waiting thread's stack. Usually the
  * thread queues itself. A thread that goes to sleep for something else, and needs the permission
@@ -43,10 +50,10 @@ struct PermissionWaiter {
         stage.store(to, std::memory_order_release);
         return &sleeper;
     }
-    /** The thread need not be woken for this: what it does at the front is tell how long it waits.
-     */
-    void moveToFront() {
-        frontSince = OSWrap::Clock::getObsTime();
+    /** The thread need not be woken for this: what it does at the front is tell how long it waits,
+     * and for whom. */
+    void moveToFront(unsigned long holderId, long holderTid) {
+        wait = {OSWrap::Clock::getObsTime(), holderId, holderTid};
         stage.store(front, std::memory_order_release);
     }
     bool exchangesWith(TurnExchange const& other) const { return turn && turn->samePool(other); }
@@ -65,7 +72,7 @@ struct PermissionWaiter {
     TurnExchange* const turn;  // what it does next, exchanged under the queue's mutex; may be null
     PermissionWaiter* previous = nullptr;  // guarded by the queue's mutex
     PermissionWaiter* next = nullptr;      // guarded by the queue's mutex
-    OSWrap::TimeSpec frontSince;           // guarded by the queue's mutex
+    WaitAtFront wait;  // guarded by the queue's mutex until the token is granted, then the owner's
     std::atomic<int> stage{left};        // to `granted` under the mutex of `place`, else under the
                                          // queue's; read without
     std::atomic<unsigned> exchanges{0};  // of its work; counted under the queue's mutex

@@ -5,13 +5,13 @@
 #include "handler_threads/Debugging.h"
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
-#include "oswrap/TimeSpec.h"
 
 class TurnExchange;
 
 namespace handlerthreads {
 struct ParkingPlace;
 struct PermissionWaiter;
+struct WaitAtFront;
 }  // namespace handlerthreads
 
 /**
@@ -92,13 +92,14 @@ private:
     bool enqueueUnlessFree(Waiter& waiter);
     void awaitGrant(Waiter& waiter);
     void awaitGrantAtFront(Waiter& waiter);
-    OSWrap::TimeSpec beginningAtFront(Waiter const& waiter);
+    handlerthreads::WaitAtFront waitAtFront(Waiter const& waiter);
     void handOver();
     void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     ParkingPlace* passOn() OSW_REQUIRES(queueMutex_);
     void moveToBack(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     ParkingPlace* leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
+    void moveToFront(Waiter& waiter) OSW_REQUIRES(queueMutex_);
     void reportFurtherLevel(unsigned long levels) const;
 
     /// Top bit of `word_`; thread ids stay below it.

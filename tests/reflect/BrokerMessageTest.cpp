@@ -139,8 +139,15 @@ public:
         : test_(test), target_(target) {
         EXPECT_EQ(pthread_create(&thread_, nullptr, &CancellableCaller::run, this), 0);
     }
+    ~CancellableCaller() {
+        if (!joined_) {
+            cancel();
+            join();
+        }
+    }
     void cancel() { pthread_cancel(thread_); }
     void join() {
+        joined_ = true;
         void* result = nullptr;
         pthread_join(thread_, &result);
         EXPECT_EQ(result, PTHREAD_CANCELED);
@@ -151,12 +158,14 @@ private:
         auto& caller = *static_cast<CancellableCaller*>(self);
         TreflectHandlerState const handlerState(true);
         caller.test_.call(caller.target_);
+        pthread_testcancel();  // a call that did not sleep may have been over before
         return nullptr;
     }
 
     BrokerMessageTest& test_;
     Transport::TerminationId const target_;
     pthread_t thread_{};
+    bool joined_ = false;
 };
 
 TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
@@ -180,7 +189,8 @@ TEST_F(BrokerMessageTest, callerCancelledAfterItsResponseLeavesTheQueueForThePer
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // more than a caller polls
         answerWith(peer, request, 1);
         ASSERT_TRUE(testsupport::eventually(
-            [] { return TreflectORB::handlerThreads().getPermissionWaiters() == 1; }));
+            // The thread that tells of the peer's arrival may queue, too.
+            [] { return TreflectORB::handlerThreads().getPermissionWaiters() >= 1; }));
         caller.cancel();
     }
     caller.join();
