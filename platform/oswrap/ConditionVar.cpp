@@ -2,6 +2,28 @@
 
 #include <cerrno>
 
+#include "platform/oswrap/CancellationPoint.h"
+
+namespace {
+
+struct Sleep {
+    pthread_cond_t* condition;
+    pthread_mutex_t* mutex;
+    timespec end;
+};
+
+int sleepOn(void* what) {
+    auto const& sleep = *static_cast<Sleep*>(what);
+    return pthread_cond_wait(sleep.condition, sleep.mutex);
+}
+
+int sleepUntil(void* what) {
+    auto const& sleep = *static_cast<Sleep*>(what);
+    return pthread_cond_timedwait(sleep.condition, sleep.mutex, &sleep.end);
+}
+
+}  // namespace
+
 namespace OSWrap {
 
 ConditionVar::ConditionVar(bool monotonic)
@@ -29,14 +51,14 @@ void ConditionVar::unlock() OSW_NO_ANALYSIS
 // prescribes; there is nothing to clean up.
 bool ConditionVar::wait(TimeSpec const& limit) OSW_NO_ANALYSIS
 {
+    Sleep sleep{&condition_, &mutex_, {}};
     if (limit.isInfinite()) {
-        pthread_cond_wait(&condition_, &mutex_);
+        atCancellationPoint(sleepOn, &sleep);
         return true;
     }
-    timespec now{};
-    clock_gettime(clock_, &now);
-    timespec const end = (TimeSpec(now.tv_sec, now.tv_nsec) + limit).toTimespec();
-    return pthread_cond_timedwait(&condition_, &mutex_, &end) != ETIMEDOUT;
+    clock_gettime(clock_, &sleep.end);
+    sleep.end = (TimeSpec(sleep.end.tv_sec, sleep.end.tv_nsec) + limit).toTimespec();
+    return atCancellationPoint(sleepUntil, &sleep) != ETIMEDOUT;
 }
 
 void ConditionVar::signal() {

@@ -15,6 +15,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
+#include "platform/oswrap/CancellationPoint.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -195,8 +196,12 @@ long Thread::getCurrentTid() {
 
 void Thread::sleep(unsigned int seconds, unsigned long nanoseconds) {
     TimeSpec const length(seconds, static_cast<long long>(nanoseconds));
-    timespec const end = (Clock::getObsTime() + length).toTimespec();
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR)
+    timespec end = (Clock::getObsTime() + length).toTimespec();
+    auto const sleepUntil = [](void* when) {
+        return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, static_cast<timespec*>(when),
+                               nullptr);
+    };
+    while (atCancellationPoint(sleepUntil, &end) == EINTR)
         continue;
 }
 

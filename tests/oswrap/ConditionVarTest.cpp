@@ -38,23 +38,34 @@ struct EndlessWaiter {
     }
 };
 
+void cancelInTheWait(TimeSpec const& limit, bool wakeBefore) {
+    EndlessWaiter waiter(limit);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, &EndlessWaiter::run, &waiter), 0);
+    ASSERT_TRUE(testsupport::eventually([&] { return waiter.waiting.load(); }));
+    // The mutex is free only while the thread is inside its wait.
+    { Lock<ConditionVar> const lock(waiter.condition); }
+    if (wakeBefore)
+        waiter.condition.signal();
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(waiter.unwound);
+    EXPECT_TRUE(isFree(waiter.condition));
+}
+
 }  // namespace
 
 TEST(ConditionVar, cancelledWaitUnwindsAndLeavesTheMutexFree) {
-    for (TimeSpec const& limit : {TimeSpec::INFINITETIME, TimeSpec(20, 0), TimeSpec(0, 100'000)}) {
-        EndlessWaiter waiter(limit);
-        pthread_t thread;
-        ASSERT_EQ(pthread_create(&thread, nullptr, &EndlessWaiter::run, &waiter), 0);
-        ASSERT_TRUE(testsupport::eventually([&] { return waiter.waiting.load(); }));
-        // The mutex is free only while the thread is inside its wait.
-        { Lock<ConditionVar> const lock(waiter.condition); }
-        pthread_cancel(thread);
-        void* result = nullptr;
-        pthread_join(thread, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-        EXPECT_TRUE(waiter.unwound);
-        EXPECT_TRUE(isFree(waiter.condition));
-    }
+    for (TimeSpec const& limit : {TimeSpec::INFINITETIME, TimeSpec(20, 0), TimeSpec(0, 100'000)})
+        cancelInTheWait(limit, false);
+}
+
+// The thread is then anywhere between its sleep and the end of the call.
+TEST(ConditionVar, cancellationThatMeetsAWakeUpLeavesTheMutexFree) {
+    for (int round = 0; round < 300 && !testing::Test::HasFailure(); ++round)
+        cancelInTheWait(TimeSpec(20, 0), true);
 }
 
 TEST(ConditionVar, waitEndsWithItsLimit) {
