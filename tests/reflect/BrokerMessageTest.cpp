@@ -1,15 +1,17 @@
 // Requests and responses as they go over the wire, against a peer that writes them by hand.
 
+#include "../handler_threads/PermissionThreads.h"
 #include "BrokerTest.h"
+#include "Permitted.h"
 #include "Probe.h"
-#include "RawPeer.h"
+#include "WirePeer.h"
 
 namespace {
 
-class BrokerMessageTest : public BrokerTest {
-public:
-    class CancellableCaller;
+using permissiontest::TestThread;
 
+class BrokerMessageTest : public BrokerTest {
+protected:
     /** A call from the test's thread to an object of `target`, answered or not. */
     ProbeClient::Answer call(Transport::TerminationId target, bool withResponse = true) {
         TipprmiStream request(100);
@@ -19,9 +21,14 @@ public:
             orb().forwardMsg(orb().convertId(target), withResponse, request, response);
         return ProbeClient::read(succeeded, response);
     }
+    void callCancellably(Transport::TerminationId target) {
+        TreflectHandlerState const handlerState(true);
+        call(target);
+        pthread_testcancel();  // a call that did not sleep may have been over before
+    }
     static void answerWith(RawPeer& peer, TreflectMessage const& request, unsigned int number) {
         peer.answer(request, [number](TipprmiStream& response) {
-            response << TipprmiExceptionContainer() << number << "";
+            response << TipprmiExceptionContainer() << number;
         });
     }
 };
@@ -72,46 +79,33 @@ TEST_F(BrokerMessageTest, tooShortRequestIsReportedAndSent) {
 
 TEST_F(BrokerMessageTest, callOfAnUnknownObjectIsAnsweredIfAnAnswerIsAwaited) {
     RawPeer peer(group());
-    peer.sendCall(orb().termId(), 0x1234, 0xBAD, true, 0xC, 3);
-    TreflectMessage const response = peer.await(0);
-    EXPECT_EQ(response.kind(), TreflectMessage::kResponse);
-    EXPECT_EQ(response.type(), TreflectMessage::tPayload);
-    EXPECT_EQ(response.transactionId(), 0x1234u);
-    EXPECT_EQ(log_.count(3, "ioid=0xBAD,transaction=true,classCode=0xC,methodCode=3"), 1u);
-    EXPECT_EQ(log_.count(3, "Handling request message failed rc=0"), 1u);
-    TipprmiStream stream(response, false);
-    TipprmiExceptionContainer container;
-    stream >> container;
-    EXPECT_EQ(container.getExceptionType(), 1u);
-
-    log_.clear();
-    peer.sendCall(orb().termId(), 0x1235, 0xBAD, false, 0xC, 4);
-    EXPECT_TRUE(log_.waitFor("Handling request message failed rc=0"));
-    peer.sendCall(orb().termId(), 0x1236, 0xBAD, true, 0xC, 5);
-    EXPECT_EQ(peer.await(1).transactionId(), 0x1236u) << "none for the one in between";
+    for (int const method : {3, 4, 5}) {
+        bool const withResponse = method != 4;
+        peer.sendCall(orb().termId(), 0x1200u + static_cast<unsigned int>(method), 0xBAD,
+                      withResponse, 0xC, method);
+        EXPECT_TRUE(
+            log_.waitFor("ioid=0xBAD,transaction=" + std::string(withResponse ? "true" : "false") +
+                         ",classCode=0xC,methodCode=" + std::to_string(method)));
+    }
+    EXPECT_TRUE(log_.waitFor("Handling request message failed rc=0", 3));
+    EXPECT_EQ(peer.await(0).transactionId(), 0x1203u);
+    EXPECT_EQ(peer.await(1).transactionId(), 0x1205u);
 }
 
-TEST_F(BrokerMessageTest, objectThatThrowsAnswersWithAFailureAndNothingElse) {
+TEST_F(BrokerMessageTest, objectThatMisbehavesHarmsNobody) {
     RawPeer peer(group());
-    std::unique_ptr<Probe> probe;
-    {
-        TreflectHandlerState const handlerState(true);
-        probe = std::make_unique<Probe>("thrower");
-    }
-    unsigned int const ioid = probe->getInternalOID();
-    unsigned int id = 1;
-    for (int method : {kThrowError, kThrowNumber, kRefuse, kEndThread}) {
-        peer.sendCall(orb().termId(), id, ioid, true, kProbeClass, method);
-        TipprmiStream response(peer.await(id - 1), false);
-        EXPECT_EQ(response.getDataSize(), 12) << "the container alone, method " << method;
-        TipprmiExceptionContainer container;
-        response >> container;
-        EXPECT_EQ(container.getExceptionType(), 1u);
-        ++id;
-    }
+    auto probe = permitted([] { return std::make_unique<Probe>("bad"); });
+    unsigned int id = 0;
+    auto const answerTo = [&](int method) {
+        peer.sendCall(orb().termId(), ++id, probe->getInternalOID(), true, kProbeClass, method);
+        return wire::data(peer.await(id - 1));
+    };
+    for (int const method : {kThrowError, kThrowNumber, kRefuse, kEndThread})
+        EXPECT_EQ(answerTo(method), wire::kNotServed) << "method " << method;
     EXPECT_EQ(log_.count(3, "threw on purpose"), 1u);
-    TreflectHandlerState const handlerState(true);
-    probe.reset();
+    for (int const method : {kTakeTwice, kReleaseAll, kTakeTwice, kEcho})
+        EXPECT_EQ(answerTo(method), wire::kEmptyContainer + wire::number(0)) << "method " << method;
+    permitted([&] { probe.reset(); });
 }
 
 TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {
@@ -132,48 +126,12 @@ TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {
     EXPECT_TRUE(log_.waitFor("receives unexpected response")) << "nobody was entered";
 }
 
-/** A thread that calls, and is cancelled while it does. */
-class BrokerMessageTest::CancellableCaller {
-public:
-    CancellableCaller(BrokerMessageTest& test, Transport::TerminationId target)
-        : test_(test), target_(target) {
-        EXPECT_EQ(pthread_create(&thread_, nullptr, &CancellableCaller::run, this), 0);
-    }
-    ~CancellableCaller() {
-        if (!joined_) {
-            cancel();
-            join();
-        }
-    }
-    void cancel() { pthread_cancel(thread_); }
-    void join() {
-        joined_ = true;
-        void* result = nullptr;
-        pthread_join(thread_, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-    }
-
-private:
-    static void* run(void* self) {
-        auto& caller = *static_cast<CancellableCaller*>(self);
-        TreflectHandlerState const handlerState(true);
-        caller.test_.call(caller.target_);
-        pthread_testcancel();  // a call that did not sleep may have been over before
-        return nullptr;
-    }
-
-    BrokerMessageTest& test_;
-    Transport::TerminationId const target_;
-    pthread_t thread_{};
-    bool joined_ = false;
-};
-
 TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
     RawPeer peer(group());
-    CancellableCaller caller{*this, peer.termId()};
+    TestThread caller([&] { callCancellably(peer.termId()); });
     TreflectMessage const request = peer.await(0);
     caller.cancel();
-    caller.join();
+    EXPECT_TRUE(caller.join());
     EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
     answerWith(peer, request, 1);
     EXPECT_TRUE(log_.waitFor("receives unexpected response"));
@@ -182,18 +140,18 @@ TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
 // The response queues a sleeping caller for the run permission, which is away.
 TEST_F(BrokerMessageTest, callerCancelledAfterItsResponseLeavesTheQueueForThePermission) {
     RawPeer peer(group());
-    CancellableCaller caller{*this, peer.termId()};
+    TestThread caller([&] { callCancellably(peer.termId()); });
     TreflectMessage const request = peer.await(0);
     {
         TreflectHandlerState const permission(true);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // more than a caller polls
         answerWith(peer, request, 1);
-        ASSERT_TRUE(testsupport::eventually(
+        EXPECT_TRUE(testsupport::eventually(
             // The thread that tells of the peer's arrival may queue, too.
             [] { return TreflectORB::handlerThreads().getPermissionWaiters() >= 1; }));
         caller.cancel();
     }
-    caller.join();
+    EXPECT_TRUE(caller.join());
     EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
 }
 

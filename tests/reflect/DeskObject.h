@@ -10,11 +10,9 @@ namespace desk {
 constexpr unsigned int kClass = 0xDE5C;
 enum Method : unsigned int {
     kJoin = 1,
-    kWords = 2,
-    kRefuse = 3,
-    kPassOn = 4,
-    kCounted = 5,
-    kTwo = 6  // and all that follow
+    kRefuse = 2,
+    kCounted = 3,
+    kTwo = 4  // and all that follow
 };
 
 inline TipprmiOID remoteId() {
@@ -27,26 +25,15 @@ inline TipprmiOID localId() {
 // All from "two" on answer the same two numbers, and say of them what is true or not.
 inline TreflectMetaClass const meta("Desk", kClass, {},
                                     {{"join", kJoin, {"string", "unsigned"}, {"string"}},
-                                     {"words", kWords, {"string"}, {"int", "sequence<string>"}},
                                      {"refuse", kRefuse, {"unsigned"}, {}},
-                                     {"passOn", kPassOn, {"object"}, {"string"}},
                                      {"counted", kCounted, {}, {"unsigned"}},
                                      {"two", kTwo, {}, {"unsigned", "unsigned"}},
                                      {"twoInOne", kTwo + 1, {}, {"{unsigned,unsigned}"}},
                                      {"twoUndescribed", kTwo + 2},
                                      {"twoAsOne", kTwo + 3, {}, {"unsigned"}},
                                      {"twoAsThree", kTwo + 4, {}, {"unsigned", "unsigned", "bool"}},
-                                     {"twoAsTexts", kTwo + 5, {}, {"string", "string"}},
-                                     {"twoWithColour", kTwo + 6, {}, {"unsigned", "Colour"}},
-                                     {"twoOfColour", kTwo + 7, {}, {"Colour", "unsigned"}}});
-
-struct Words {
-    int count = 0;
-    TipprmiSequence<std::string, 0u> words;
-};
-inline TipprmiStream& operator<<(TipprmiStream& stream, Words const& value) {
-    return stream << value.count << value.words;
-}
+                                     {"twoWithColour", kTwo + 5, {}, {"unsigned", "Colour"}},
+                                     {"twoOfColour", kTwo + 6, {}, {"Colour", "unsigned"}}});
 
 struct Two {};
 inline TipprmiStream& operator<<(TipprmiStream& stream, Two) {
@@ -59,17 +46,13 @@ public:
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        if (mc >= kTwo && mc < kTwo + 8)
+        if (mc >= kTwo && mc < kTwo + 7)
             return serve(kClass, cc, mc, in, out, &Server::two);
         switch (mc) {
             case kJoin:
                 return serve(kClass, cc, mc, in, out, &Server::join);
-            case kWords:
-                return serve(kClass, cc, mc, in, out, &Server::words);
             case kRefuse:
                 return serve(kClass, cc, mc, in, out, &Server::refuse);
-            case kPassOn:
-                return serve(kClass, cc, mc, in, out, &Server::passOn);
             case kCounted:
                 return serve(kClass, cc, mc, in, out, &Server::counted);
             default:
@@ -77,23 +60,12 @@ public:
         }
     }
 
-    virtual std::string join(std::string const& text, unsigned int number) {
+    std::string join(std::string const& text, unsigned int number) {
         ++joined_;
         return text + std::to_string(number);
     }
-    Words words(std::string const& text) const {
-        Words words;
-        for (char const c : text)
-            words.words.push_back(std::string(1, c));
-        words.count = static_cast<int>(text.size());
-        return words;
-    }
     TipprmiResult<void> refuse(unsigned int code) {
         return code == 0 ? TipprmiResult<void>() : TipprmiFailure(code);
-    }
-    /** Has another object join. */
-    TipprmiResult<std::string> passOn(TreflectObject const& object) {
-        return tipprmiCall<std::string>(object, kClass, kJoin, "passed on ", 1u);
     }
     /** How often this object has joined. */
     unsigned int counted() const { return joined_; }

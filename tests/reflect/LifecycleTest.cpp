@@ -3,12 +3,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <set>
 #include <thread>
 #include <vector>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
+#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 
@@ -18,45 +18,6 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 class LifecycleTest : public BrokerTest {};
-
-TEST_F(LifecycleTest, oneBrokerPerNamespaceHoweverManyAsk) {
-    std::vector<TreflectORB*> units(8);
-    std::vector<TreflectORB*> nodes(8);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < units.size(); ++i)
-        threads.emplace_back([&, i] {
-            units[i] = TreflectORB::getInstance(NSID_UNIT);
-            nodes[i] = TreflectORB::getInstance(NSID_NODE);
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(std::set<TreflectORB*>(units.begin(), units.end()).size(), 1u);
-    EXPECT_EQ(std::set<TreflectORB*>(nodes.begin(), nodes.end()).size(), 1u);
-    EXPECT_NE(units[0], nullptr);
-    EXPECT_NE(units[0], nodes[0]);
-    EXPECT_EQ(log_.count(5, "ORB created for actor "), 2u);
-    EXPECT_EQ(units[0]->orbId().namespaceId(), NSID_UNIT);
-    EXPECT_EQ(nodes[0]->orbId().namespaceId(), NSID_NODE);
-}
-
-TEST_F(LifecycleTest, logSinkMayAskForTheBrokerThatIsBeingMade) {
-    struct Asker {
-        std::thread::id maker = std::this_thread::get_id();
-        std::vector<TreflectORB*> answers;  // maker's thread only
-    } asker;
-    Logging::setSink(
-        [](Logging::Record const&, void* context) {
-            auto& asking = *static_cast<Asker*>(context);
-            if (std::this_thread::get_id() == asking.maker)
-                asking.answers.push_back(TreflectORB::getInstance(NSID_NODE));
-        },
-        &asker);
-    TreflectORB* const node = TreflectORB::getInstance(NSID_NODE);
-    Logging::setSink(nullptr, nullptr);
-    EXPECT_NE(node, nullptr);
-    ASSERT_FALSE(asker.answers.empty());
-    EXPECT_EQ(asker.answers.front(), nullptr) << "it is not there yet";
-}
 
 TEST_F(LifecycleTest, namespacesWithoutABroker) {
     EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(-1)), nullptr);
@@ -105,19 +66,6 @@ TEST_F(LifecycleTest, deletionEndsOutstandingCallsAndKeepsThePermission) {
     EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), kCallers);
 }
 
-TEST_F(LifecycleTest, objectsOutliveTheirBrokerAndCanJoinTheNext) {
-    TreflectHandlerState const handlerState(true);
-    Probe probe("lamp");
-    TreflectORB* const before = probe.getORB();
-    EXPECT_EQ(before, &orb());
-    prepareOrbForDeletion();
-    EXPECT_EQ(probe.getORB(), nullptr);
-    EXPECT_EQ(probe.orbId().value(), 0u);
-    probe.connect(nullptr, TipprmiOID("lamp", NSID_UNIT));
-    EXPECT_EQ(probe.getORB(), &orb());
-    EXPECT_EQ(orb().locateObject(TipprmiOID("lamp", NSID_UNIT)).getServer(), &probe);
-}
-
 TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> callers;
@@ -142,11 +90,7 @@ TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
 
 TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     RawPeer peer(group());
-    std::unique_ptr<Probe> probe;
-    {
-        TreflectHandlerState const handlerState(true);
-        probe = std::make_unique<Probe>("slow");
-    }
+    auto probe = permitted([] { return std::make_unique<Probe>("slow"); });
     peer.sendCall(orb().termId(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
     ASSERT_TRUE(probe->entered().wait());
     Transport::TerminationId const broker = orb().termId();
@@ -161,8 +105,7 @@ TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     EXPECT_EQ(TreflectORB::getInstance(NSID_NODE), nullptr) << "none is made meanwhile";
     probe->release();
     deleter.join();
-    TreflectHandlerState const handlerState(true);
-    probe.reset();
+    permitted([&] { probe.reset(); });
 }
 
 /** An object whose call goes on to a broker of another namespace. */
@@ -186,19 +129,28 @@ private:
 TEST_F(LifecycleTest, deletionOfOneBrokerDoesNotWaitForAResponseThroughAnother) {
     RawPeer caller(group());
     RawPeer silent(group(NSID_NODE));
-    std::unique_ptr<GoBetween> between;
-    {
-        TreflectHandlerState const handlerState(true);
-        between = std::make_unique<GoBetween>(silent.termId());
-    }
+    auto between = permitted([&] { return std::make_unique<GoBetween>(silent.termId()); });
     caller.sendCall(orb().termId(), 1, between->getInternalOID(), true, 2, 3);
     silent.await(0);
     auto const start = steady_clock::now();
     prepareOrbForDeletion();
     EXPECT_LT(steady_clock::now() - start, seconds(20)) << "it took the end of the wait";
     EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), 1u);
-    TreflectHandlerState const handlerState(true);
-    between.reset();
+    permitted([&] { between.reset(); });
+}
+
+TEST_F(LifecycleTest, brokersMayBeDeletedByACallThatTheyServe) {
+    BrokerActor actor;
+    actor.publish("far");
+    auto const call = [](char const* name, unsigned int method) {
+        return permitted([&] { return ProbeClient(oid(name)).call(method, 5); });
+    };
+    EXPECT_EQ(call("far", kDeleteBrokers).exceptionType, 1u)
+        << "the worker that deletes its broker cannot answer any more";
+    EXPECT_TRUE(actor.child().waitForErrorLine("prepareOrbForDeletion() returns"));
+    EXPECT_EQ(actor.ask("call nobody 1", "called"), "0 0") << "made anew";
+    actor.publish("again");
+    EXPECT_EQ(call("again", kEcho).number, 5u);
 }
 
 TEST_F(LifecycleTest, forkedChildLeavesTheBrokersAlone) {
@@ -229,30 +181,29 @@ protected:
     }
     /** Starts a call to the actor that nobody waits for. */
     void send(unsigned int method, unsigned int number) {
-        TreflectHandlerState const handlerState(true);
-        ProbeClient(TipprmiOID("far", NSID_UNIT)).send(method, number);
+        permitted([&] { ProbeClient(oid("far")).send(method, number); });
     }
-    /** Returns when a worker of the actor has a call that it will hold for ever. */
-    void holdACall() {
-        send(kHold, 0);
-        // A later call is taken from the queue after it.
-        TreflectHandlerState const handlerState(true);
-        EXPECT_EQ(ProbeClient(TipprmiOID("far", NSID_UNIT)).call(kEcho, 1).exceptionType, 0u);
+    /** Returns when the calls that were sent so far are being served. */
+    void awaitService() {
+        permitted([] { EXPECT_EQ(ProbeClient(oid("far")).call(kEcho).exceptionType, 0u); });
     }
 };
 
-TEST_F(ProcessEndTest, byExitInAnotherThread) {
-    BrokerActor actor;
-    actor.publish("far");
-    actor.tell("exit 4");
-    EXPECT_EQ(endOf(actor), 4);
-}
-
-TEST_F(ProcessEndTest, byExitInAWorker) {
-    BrokerActor actor;
-    actor.publish("far");
-    send(kExit, 5);
-    EXPECT_EQ(endOf(actor), 5);
+TEST_F(ProcessEndTest, byReturnAndByExitWhateverIsBeingServed) {
+    struct {
+        unsigned int method;
+        char const* command;
+    } const cases[]{
+        {kEcho, "exit 4"}, {kExit, ""}, {kHold, "return 4"}, {kHoldPermission, "return 4"}};
+    for (auto const& [method, command] : cases) {
+        BrokerActor actor;
+        actor.publish("far");
+        send(method, 4);
+        if (method == kHold)
+            awaitService();
+        actor.tell(command);
+        EXPECT_EQ(endOf(actor), 4) << method;
+    }
 }
 
 TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
@@ -270,31 +221,15 @@ TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
     EXPECT_EQ(endOf(server), 7);
 }
 
-TEST_F(ProcessEndTest, whileACallIsHeldForEver) {
-    BrokerActor actor;
-    actor.publish("far");
-    holdACall();
-    actor.tell("return 8");
-    EXPECT_EQ(endOf(actor), 8);
-}
-
 TEST_F(ProcessEndTest, whileAnotherThreadDeletesTheBrokers) {
     BrokerActor actor;
     actor.publish("far");
-    holdACall();
+    send(kHold, 0);
+    awaitService();
     actor.ask("deleteaside", "deleting");
     actor.tell("return 10");
     EXPECT_EQ(endOf(actor), 10);
     EXPECT_TRUE(actor.child().waitForErrorLine("gave up waiting for a thread"));
-}
-
-TEST_F(ProcessEndTest, whileSomebodyKeepsThePermissionForEver) {
-    BrokerActor actor;
-    actor.publish("far");
-    TipprmiOID const oid("far", NSID_UNIT);
-    send(kHoldPermission, 0);
-    actor.tell("return 9");
-    EXPECT_EQ(endOf(actor), 9);
 }
 
 }  // namespace

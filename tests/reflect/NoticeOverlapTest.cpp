@@ -1,5 +1,4 @@
 // Notices that come while an observer is on its way into the list.
-#include <array>
 #include <atomic>
 #include <set>
 #include <thread>
@@ -28,33 +27,18 @@ private:
     std::set<Transport::TerminationId> met_;  // guarded by the run permission
 };
 
-class OverlapTest : public BrokerTest {
-protected:
-    OverlapTest() { orb().registerOrbCreation(&arrivals_, false); }
-    ~OverlapTest() override { orb().unregisterOrbNotifications(&arrivals_); }
-
-    /** A peer that is no newcomer any more. */
-    std::unique_ptr<RawPeer> makePeer(RawPeer::Reaction reaction = {}) {
-        auto peer = std::make_unique<RawPeer>(group(), std::move(reaction));
-        EXPECT_TRUE(testsupport::eventually([&] { return arrivals_.have(peer->termId()); }));
-        return peer;
-    }
-
-    TreflectMetaObject& meta_ = thingClass(kClass);
-
-private:
-    Arrivals arrivals_;
-};
-
 /** `second_` is on its way into the list, waiting for the peer, when something happens that
  * `first_` is told of; and `first_` returns from that only when `second_` is in the list. */
-class NoticeOverlapTest : public OverlapTest {
+class NoticeOverlapTest : public BrokerTest {
 protected:
     NoticeOverlapTest() {
-        peer_ = makePeer([this](RawPeer&, TreflectMessage& message) {
+        orb().registerOrbCreation(&arrivals_, false);
+        peer_ = std::make_unique<RawPeer>(group(), [this](RawPeer&, TreflectMessage& message) {
             if (!holding_)
                 answer(message);
         });
+        EXPECT_TRUE(testsupport::eventually([&] { return arrivals_.have(peer_->termId()); }));
+        orb().unregisterOrbNotifications(&arrivals_);
         TreflectHandlerState const inside(true);
         first_ = std::make_unique<Watcher>("first", [this](auto&, auto&) {
             TreflectReleaseHandlerState const released;
@@ -98,7 +82,9 @@ protected:
         EXPECT_EQ(second_->told(), Names{"thing"});
     }
 
-    std::unique_ptr<RawPeer> peer_;
+    TreflectMetaObject& meta_ = thingClass(kClass);
+    Arrivals arrivals_;
+    std::unique_ptr<RawPeer> peer_;  // is no newcomer any more
     std::unique_ptr<Watcher> first_;
     std::unique_ptr<Watcher> second_;
     std::unique_ptr<Thing> thing_;
@@ -150,56 +136,6 @@ TEST_F(NoticeOverlapTest, deletionIsToldOnceToWhoEntersTheListMeanwhile) {
     firstThread.join();
     secondThread.join();
     holding_ = false;
-}
-
-/** Two peers: the one that is asked first says at once what it has, the other one answers late. */
-class SuccessorTest : public OverlapTest {
-protected:
-    static constexpr unsigned int kAddress = 7;  // internal id of all objects of a peer
-
-    SuccessorTest() {
-        for (auto& peer : peers_)
-            peer = makePeer();
-        if (peers_[1]->termId() < peers_[0]->termId())
-            std::swap(peers_[0], peers_[1]);
-    }
-    void writeHandle(TipprmiStream& stream, char const* name) {
-        stream << oid(name) << kAddress << orb().convertId(peers_[0]->termId()).value();
-    }
-    void answerSubscription(RawPeer& peer, char const* existing) {
-        peer.answer(peer.await(0), [&](TipprmiStream& response) {
-            response << (existing ? 1u : 0u);
-            if (existing)
-                writeHandle(response, existing);
-            response << 1u << kClass;
-        });
-    }
-    /** Has been served when this returns. */
-    void notify(TreflectMessage::type_t type, char const* name) {
-        std::size_t const answers = peers_[0]->count();
-        TipprmiStream notice(peers_[0]->make(1, type, TreflectMessage::kRequest), true);
-        notice << kClass;
-        writeHandle(notice, name);
-        peers_[0]->send(orb().termId(), notice.msg());
-        EXPECT_FALSE(peers_[0]->await(answers).empty());
-    }
-
-    std::array<std::unique_ptr<RawPeer>, 2> peers_;
-};
-
-TEST_F(SuccessorTest, objectAtTheAddressOfOneThatHasGoneIsTold) {
-    auto listener = permitted([] { return std::make_unique<Watcher>(""); });
-    std::thread thread([&] { permitted([&] { meta_.observeCreations(listener.get(), true); }); });
-    answerSubscription(*peers_[0], "old");
-    EXPECT_FALSE(peers_[1]->await(0).empty());
-    notify(TreflectMessage::tODN, "old");
-    notify(TreflectMessage::tOCN, "new");
-    answerSubscription(*peers_[1], nullptr);
-    thread.join();
-    permitted([&] {
-        EXPECT_EQ(listener->told(), Names{"new"});
-        listener.reset();
-    });
 }
 
 }  // namespace

@@ -3,8 +3,7 @@
 #include <algorithm>
 
 #include "NoticeActor.h"
-#include "RawPeer.h"
-#include "WireText.h"
+#include "WirePeer.h"
 
 namespace {
 
@@ -37,8 +36,9 @@ protected:
             Transport::Termination(Transport::TerminationId(lamp_.termination)).issue(message), 1);
     }
     /** Type, kind and data of the next message; the length of the data is checked here. */
-    std::string receive() {
-        last_ = peer_->await(received_++);
+    std::string receive() { return receiveFrom(*peer_, received_); }
+    std::string receiveFrom(RawPeer& peer, std::size_t& received) {
+        last_ = peer.await(received++);
         if (last_.empty())
             return "nothing came";
         EXPECT_EQ(last_.originator().value(), lamp_.termination);
@@ -58,8 +58,15 @@ protected:
         return answer;
     }
     /** Answers the last message that was received. */
-    void answer(std::function<void(TipprmiStream&)> const& write = [](TipprmiStream&) {}) {
-        peer_->answer(last_, write);
+    void answer(std::string const& data = "") { wire::answer(*peer_, last_, data); }
+    /** Has an observer registered, and answers the subscription with what exists and with ids. */
+    std::string observe(std::string const& command, std::string const& answerDigits) {
+        actor_->tell("observe " + command);
+        std::string const subscription = receive();
+        EXPECT_EQ(last_.size(), 100u) << "the room that a request starts with";
+        answer(answerDigits);
+        actor_->await("observing");
+        return subscription;
     }
     void refuse() {
         TreflectMessage failure =
@@ -147,24 +154,15 @@ TEST_F(NotificationWireTest, subscriberThatDoesNotTakeANoticeIsDropped) {
 }
 
 TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
-    actor_->tell("observe first creations 7001");
-    EXPECT_EQ(receive(), spaced("00000005 00000002" + kLampClass + "00000000"));
-    EXPECT_EQ(last_.size(), 100u);
-    answer([](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
-    actor_->await("observing");
+    EXPECT_EQ(observe("first creations 7001", "00000000 00000001" + kLampClass),
+              spaced("00000005 00000002" + kLampClass + "00000000"));
     actor_->observe("second", "creations", "7001");
     EXPECT_EQ(peer_->count(), received_) << "the process is subscribed";
 
-    actor_->tell("observe first deletions 7001");
-    EXPECT_EQ(receive(), spaced("00000006 00000002" + kLampClass));
-    EXPECT_EQ(last_.size(), 100u);
-    answer([](TipprmiStream& s) { s << 1u << 0x7001u; });
-    actor_->await("observing");
-
-    actor_->tell("observe third existing 7001");
-    EXPECT_EQ(receive(), spaced("00000005 00000002" + kLampClass + "00000001"));
-    answer([](TipprmiStream& s) { s << 0u << 0u; });
-    actor_->await("observing");
+    EXPECT_EQ(observe("first deletions 7001", "00000001" + kLampClass),
+              spaced("00000006 00000002" + kLampClass));
+    EXPECT_EQ(observe("third existing 7001", "00000000 00000000"),
+              spaced("00000005 00000002" + kLampClass + "00000001"));
 
     actor_->ask("remove second 7001", "removed");
     EXPECT_EQ(peer_->count(), received_) << "others are left of both kinds";
@@ -185,10 +183,7 @@ TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
 }
 
 TEST_F(NotificationWireTest, brokerThatDoesNotKnowAClassIsNotAskedForIt) {
-    actor_->tell("observe first deletions 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 2u << 0x7001u << 0x7003u; });
-    actor_->await("observing");
+    observe("first deletions 7001", "00000002 00007001 00007003");
     actor_->observe("first", "creations", "7002");
     actor_->observe("first", "deletions", "7002");
     EXPECT_EQ(peer_->count(), received_);
@@ -198,22 +193,15 @@ TEST_F(NotificationWireTest, brokerThatDoesNotKnowAClassIsNotAskedForIt) {
     EXPECT_EQ(receive(), spaced("00000008 00000002" + kRadioClass));
     answer();
     actor_->await("removed");
-    actor_->tell("observe second deletions 7003");
-    EXPECT_EQ(receive(), spaced("00000006 00000002 00007003"));
-    answer([](TipprmiStream& s) { s << 1u << 0x7002u; });  // what is known stays
-    actor_->await("observing");
+    EXPECT_EQ(observe("second deletions 7003", "00000001 00007002"),
+              spaced("00000006 00000002 00007003"));
     actor_->observe("first", "deletions", "7002");
-    EXPECT_EQ(peer_->count(), received_);
+    EXPECT_EQ(peer_->count(), received_) << "what is known stays";
 }
 
 TEST_F(NotificationWireTest, noticesTellTheObserversBeforeTheyAreAnswered) {
-    actor_->tell("observe first existing 7001");
-    receive();
     std::string const far = handle("far", 0xC0FFEE, 0x01010077);
-    answer([](TipprmiStream& s) {
-        s << 1u << TipprmiOID("far", NSID_UNIT) << 0xC0FFEEu << 0x01010077u << 0u;
-    });
-    actor_->await("observing");
+    observe("first existing 7001", "00000001" + far + "00000000");
     EXPECT_EQ(actor_->told("first"), "lamp far ");
     EXPECT_EQ(exchange("00000003", kLampClass + handle("near", 0xBEEF, 0x01010077)),
               "00000003 00000003");
@@ -225,10 +213,7 @@ TEST_F(NotificationWireTest, noticesTellTheObserversBeforeTheyAreAnswered) {
 }
 
 TEST_F(NotificationWireTest, messagesThatBreakOffAreAnsweredAndIgnored) {
-    actor_->tell("observe first creations 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 0u << 0u; });
-    actor_->await("observing");
+    observe("first creations 7001", "00000000 00000000");
     std::string const ids = classes();
     EXPECT_EQ(exchange("00000003", kLampClass), "00000003 00000003");
     EXPECT_EQ(exchange("00000003", ""), "00000003 00000003");
@@ -244,77 +229,34 @@ TEST_F(NotificationWireTest, messagesThatBreakOffAreAnsweredAndIgnored) {
 }
 
 TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
-    actor_->tell("observe first deletions 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 1u << 0x7001u; });
-    actor_->await("observing");
-    actor_->tell("observe first creations 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 0u; });
-    actor_->await("observing");
+    observe("first deletions 7001", "00000001" + kLampClass);
+    observe("first creations 7001", "00000000");
     actor_->observe("second", "creations", "7001");
     actor_->observe("second", "creations", "7002");
     actor_->observe("second", "deletions", "7002");
     std::size_t count = 0;
     RawPeer newcomer(Transport::GroupId{1});
-    auto const next = [&] {
-        last_ = newcomer.await(count++);
-        Transport::AddressedMessage const& raw = last_.addressed();
-        return last_.empty() ? "nothing came"
-                             : digits(raw.buf() + 4, 8) + " " +
-                                   digits(raw.buf() + 16, std::size_t{raw.buf()[15]});
-    };
+    auto const next = [&] { return receiveFrom(newcomer, count); };
     EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000001"));
-    newcomer.answer(last_, [](TipprmiStream& s) {
-        s << 2u << TipprmiOID("far", NSID_UNIT) << 7u << 0x01010077u;
-        s << TipprmiOID("near", NSID_UNIT) << 8u << 0x01010077u << 1u << 0x7001u;
-    });
+    wire::answer(newcomer, last_,
+                 "00000002" + handle("far", 7, 0x01010077) + handle("near", 8, 0x01010077) +
+                     "00000001" + kLampClass);
     EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
     EXPECT_EQ(actor_->told("first"), "far near ");
     EXPECT_EQ(actor_->told("second"), "far near ") << "though it did not ask for what exists";
-    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u; });
+    wire::answer(newcomer, last_, "00000000");
 
     // Those that come later are subscribed at it alone.
     actor_->tell("observe third creations 7001");
     EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000000"));
-    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u << 0u; });
+    wire::answer(newcomer, last_, "00000000 00000000");
     actor_->await("observing");
     actor_->tell("observe third deletions 7001");
     EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
-    newcomer.answer(last_, [](TipprmiStream& s) { s << 0u; });
+    wire::answer(newcomer, last_, "00000000");
     actor_->await("observing");
     EXPECT_EQ(newcomer.count(), count);
     EXPECT_EQ(peer_->count(), received_);
-}
-
-TEST_F(NotificationWireTest, nobodyIsMissedAfterASubscriptionOfTheWholeGroup) {
-    actor_->tell("observe first creations 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
-    actor_->await("observing");
-    auto const serve = [](RawPeer& self, TreflectMessage& request) {
-        if (request.kind() == TreflectMessage::kRequest)
-            self.answer(request, [](TipprmiStream& s) { s << 0u << 1u << 0x7001u; });
-    };
-    RawPeer newcomer(Transport::GroupId{1}, serve);
-    ASSERT_FALSE(newcomer.await(0).empty());
-    actor_->tell("observe second existing 7001");
-    receive();
-    answer([](TipprmiStream& s) { s << 0u << 0u; });
-    actor_->await("observing");
-    EXPECT_FALSE(newcomer.await(1).empty());
-    actor_->observe("third", "creations", "7001");
-    EXPECT_EQ(newcomer.count(), 2u);
-    {
-        RawPeer shortLived(Transport::GroupId{1}, serve);
-        ASSERT_FALSE(shortLived.await(0).empty());
-    }
-    // When the departure is known, the one that has gone is nobody's concern.
-    ASSERT_TRUE(testsupport::eventually([&] {
-        std::size_t const lines = actor_->child().errorLines().size();
-        actor_->observe("fourth", "creations", "7001");
-        return actor_->child().errorLines().size() == lines;
-    }));
 }
 
 }  // namespace

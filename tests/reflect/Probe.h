@@ -17,7 +17,7 @@
 #include "reflect.h"
 
 enum ProbeMethod : unsigned int {
-    kEcho = 1,            // (unsigned, string) -> the same
+    kEcho = 1,            // (unsigned) -> the same
     kThrowError = 2,      // std::runtime_error
     kThrowNumber = 3,     // an int
     kEndThread = 4,       // ends the worker that serves the call
@@ -42,14 +42,13 @@ public:
         unsigned int exceptionType = 99;  // of the container in the response
         unsigned int exceptionCode = 99;  // of its general exception
         unsigned int number = 0;
-        std::string text;
     };
 
-    Answer call(unsigned int mc, unsigned int number = 0, std::string const& text = "") {
+    Answer call(unsigned int mc, unsigned int number = 0) {
         TipprmiStream request(100);
         TipprmiStream response(100);
         prepareRequestStream_(true, kProbeClass, mc, request);
-        request << number << text;
+        request << number;
         bool const succeeded = dispatch(true, kProbeClass, mc, request, response);
         return read(succeeded, response);
     }
@@ -64,28 +63,26 @@ public:
             container.getExceptionData(exception);
         answer.exceptionCode = exception.code();
         if (answer.exceptionType == 0)
-            response >> answer.number >> answer.text;
+            response >> answer.number;
         return answer;
     }
-    bool send(unsigned int mc, unsigned int number = 0, std::string const& text = "") {
+    bool send(unsigned int mc, unsigned int number) {
         TipprmiStream request(100);
         TipprmiStream response(100);
         prepareRequestStream_(false, kProbeClass, mc, request);
-        request << number << text;
+        request << number;
         return dispatch(false, kProbeClass, mc, request, response);
     }
 };
 
 class Probe : public TipprmiObjectSkeleton {
 public:
-    explicit Probe(std::string const& name, NamespaceId ns = NSID_UNIT)
-        : TipprmiObjectSkeleton(TipprmiOID(name, ns)) {}
+    explicit Probe(std::string const& name) : TipprmiObjectSkeleton(TipprmiOID(name, NSID_UNIT)) {}
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         unsigned int number = 0;
-        std::string text;
-        in >> number >> text;
+        in >> number;
         switch (mc) {
             case kEcho:
                 break;
@@ -120,7 +117,7 @@ public:
                 return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
         prepareResponseStream_(out);
-        out << number << text;
+        out << number;
         return true;
     }
 

@@ -26,7 +26,6 @@ constexpr int kRowLength = 3;
 // Each set operation stands behind its get operation.
 enum Method : unsigned int {
     kLevel = 10,
-    kOffset = 12,
     kLit = 14,
     kLabel = 16,
     kExtra = 18,
@@ -96,8 +95,6 @@ inline TreflectMetaClass const lampMeta(
     "Lamp", lamp::kClass, {&deviceMeta},
     {{"getLevel", lamp::kLevel, {}, {"unsigned"}},
      {"setLevel", lamp::kLevel + 1, {"unsigned"}, {}},
-     {"getOffset", lamp::kOffset, {}, {"int"}},
-     {"setOffset", lamp::kOffset + 1, {"int"}, {}},
      {"getLit", lamp::kLit, {}, {"bool"}},
      {"setLit", lamp::kLit + 1, {"bool"}, {}},
      {"getLabel", lamp::kLabel, {}, {"string"}},
@@ -122,7 +119,6 @@ inline TreflectMetaClass const lampMeta(
      {"getHeld", lamp::kHeld, {}, {"unsigned"}},
      {"setHeld", lamp::kHeld + 1, {"unsigned"}, {}}},
     {"Level",
-     "Offset",
      "Lit",
      "Label",
      "Extra",
@@ -160,7 +156,6 @@ public:
 
     // The attributes' values, for the test to set. Guarded by the run permission.
     unsigned int level = 1;
-    int offset = -5;
     bool lit = true;
     std::string label = "lamp";
     TipprmiAny extra;
@@ -175,21 +170,12 @@ public:
     unsigned int held = 77;
 
 private:
-    template <class>
-    struct Pointee;
-    template <class T>
-    struct Pointee<T LampObject::*> {
-        using Type = T;
-    };
     template <auto Field>
-    using Of = typename Pointee<decltype(Field)>::Type;
-
-    template <auto Field>
-    Of<Field> read() const {
+    auto read() const {
         return this->*Field;
     }
     template <auto Field>
-    void write(Of<Field> const& value) {
+    void write(std::decay_t<decltype(std::declval<LampObject>().*Field)> const& value) {
         this->*Field = value;
     }
     std::string name() const { return name_; }
@@ -233,7 +219,6 @@ inline bool LampObject::dispatch(bool withResponse, unsigned int cc, unsigned in
         bool (LampObject::*)(unsigned, unsigned, unsigned, TipprmiStream&, TipprmiStream&);
     static std::map<unsigned int, Serve> const values{
         {lamp::kLevel, &LampObject::serveValue<&LampObject::level>},
-        {lamp::kOffset, &LampObject::serveValue<&LampObject::offset>},
         {lamp::kLit, &LampObject::serveValue<&LampObject::lit>},
         {lamp::kLabel, &LampObject::serveValue<&LampObject::label>},
         {lamp::kExtra, &LampObject::serveValue<&LampObject::extra>},

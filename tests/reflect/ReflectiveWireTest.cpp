@@ -89,14 +89,13 @@ protected:
 
 // ---- What an object answers --------------------------------------------------------------------
 
-TEST_F(ReflectiveWire, NamesAreTexts) {
+TEST_F(ReflectiveWire, NamesAreTextsParentsAndChildrenHandlesAndClassesIds) {
     EXPECT_EQ(ask(1101), ok_ + text("gauge"));
-    EXPECT_EQ(ask(1100), ok_ + text("/gauge"));
     EXPECT_EQ(ask(*child_, 0, 1100), ok_ + text("/gauge/child"));
     EXPECT_EQ(ask(*child_, 0xFFFFFFFF, 1101), ok_ + text("child")) << "whatever the class code";
-}
-
-TEST_F(ReflectiveWire, ParentsAndChildrenAreHandles) {
+    EXPECT_EQ(ask(1108), ok_ + number(1) + number(gauge::kClass));
+    EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(0));
+    EXPECT_EQ(ask(*watcher_, 0, 1108), ok_ + number(1) + number(kObserverClass));
     std::string const nobody = wire::handle("InvalidStub", 0, 0);
     EXPECT_EQ(ask(*child_, 0, 1103), ok_ + form(*gauge_, "gauge"));
     EXPECT_EQ(ask(1103), ok_ + nobody);
@@ -113,29 +112,20 @@ TEST_F(ReflectiveWire, ParentsAndChildrenAreHandles) {
     EXPECT_EQ(ask(1105), ok_ + number(1) + stranger);
 }
 
-TEST_F(ReflectiveWire, ClassesAreTheirIds) {
-    EXPECT_EQ(ask(1108), ok_ + number(1) + number(gauge::kClass));
-    EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(0));
-    EXPECT_EQ(ask(*watcher_, 0, 1108), ok_ + number(1) + number(kObserverClass));
-    permitted([&] {
-        child_->ids.push_back(1);
-        child_->ids.push_back(0xFFFFFFFF);
-    });
-    EXPECT_EQ(ask(*child_, 0, 1108), ok_ + number(2) + number(1) + number(0xFFFFFFFF));
-}
-
 TEST_F(ReflectiveWire, OtherCodesFailAndStandardOnesStartWithTheContainerOfTheObject) {
     EXPECT_EQ(ask(1102), wire::kNotServed);
     EXPECT_EQ(ask(999), wire::kNotServed);
     EXPECT_EQ(ask(*watcher_, kObserverClass, 1), wire::kNotServed);
-    EXPECT_TRUE(
-        log_.contains("TreflectObserverSkeleton[oid=watcher]::dispatch(cc=0x641E8FCD, "
-                      "mc=1) - METHOD NOT FOUND"));
+    EXPECT_EQ(ask(*watcher_, 0xABC, 0), wire::kNotServed);
+    for (std::string const code : {"(cc=0x641E8FCD, mc=1)", "(cc=0x00000ABC, mc=0)"})
+        EXPECT_EQ(log_.count(3, "TreflectObserverSkeleton[oid=watcher]::dispatch" + code +
+                                    " - METHOD NOT FOUND"),
+                  1u);
+    EXPECT_EQ(log_.find("NOT FOUND")->source, "REFLECT_ObserverSkeleton");
     std::string const container = bare("00000007 00000002 ABCD");
     EXPECT_EQ(ask(2100, container), container);
     EXPECT_EQ(ask(1101), container + text("gauge"));
     EXPECT_EQ(ask(1107, text("nobody")), container);
-    EXPECT_EQ(ask(1108), container + number(1) + number(gauge::kClass));
 }
 
 TEST_F(ReflectiveWire, CallThatIsForbiddenIsAnsweredWithAnException) {
@@ -152,17 +142,15 @@ TEST_F(ReflectiveWire, CallThatIsForbiddenIsAnsweredWithAnException) {
 
 // ---- What an object is asked -------------------------------------------------------------------
 
-TEST_F(ReflectiveWire, HandleAsksForNames) {
+TEST_F(ReflectiveWire, HandleAsksForNamesClassesParentAndChildren) {
     permitted([&] {
         EXPECT_EQ(far(ok_ + text("the name")).getRelName(), "the name");
         EXPECT_EQ(nextCall(), call(0, 1101));
         EXPECT_EQ(far(ok_ + text("/the/name")).getAbsName(), "/the/name");
         EXPECT_EQ(nextCall(), call(0, 1100));
-    });
-}
-
-TEST_F(ReflectiveWire, HandleAsksForParentAndChildren) {
-    permitted([&] {
+        EXPECT_EQ(far(ok_ + number(2) + number(0xDEAD0001) + number(gauge::kClass)).meta(),
+                  &gaugeMeta);
+        EXPECT_EQ(nextCall(), call(0, 1108));
         std::string const another = wire::handle(7, peerId());
         EXPECT_EQ(far(ok_ + another).getParent(), wire::handleFrom(another));
         EXPECT_EQ(nextCall(), call(0, 1103));
@@ -181,14 +169,6 @@ TEST_F(ReflectiveWire, HandleAsksForParentAndChildren) {
         EXPECT_EQ(nextCall(), call(0, 1107, text("c")));
     });
     EXPECT_EQ(log_.count("Unmarshall error"), 0u);
-}
-
-TEST_F(ReflectiveWire, HandleAsksForClasses) {
-    permitted([&] {
-        EXPECT_EQ(far(ok_ + number(2) + number(0xDEAD0001) + number(gauge::kClass)).meta(),
-                  &gaugeMeta);
-        EXPECT_EQ(nextCall(), call(0, 1108));
-    });
 }
 
 TEST_F(ReflectiveWire, HandleRegistersAndRemovesObservers) {

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <vector>
 
 #include "ipprmi.h"
 #include "reflect.h"
@@ -28,161 +27,111 @@ std::size_t slot(Operation operation) {
     return offset / sizeof(void*);
 }
 
-using Slots = std::vector<std::size_t>;
-
-/** `count` slots in a row; the two of the destructor come first in each table. */
-Slots from(std::size_t first, std::size_t count) {
-    Slots slots;
-    for (std::size_t i = 0; i < count; ++i)
-        slots.push_back(first + i);
-    return slots;
+/** Operations that have the slots from `first` on. */
+template <class... Operations>
+void expectRow(std::size_t first, Operations... operations) {
+    std::size_t next = first;
+    for (std::size_t const one : {slot(operations)...})
+        EXPECT_EQ(one, next++) << "operation " << next - first << " of the row";
 }
-constexpr std::size_t kBehindDestructor = 2;
+
+/** One of several operations of a name. */
+template <class Signature, class Class>
+auto overload(Signature Class::*operation) {
+    return operation;
+}
+
+constexpr std::size_t kBehindDestructor = 2;  // whose two slots come first in each table
 
 using Skeleton = TipprmiObjectSkeleton;
-using Client = TipprmiObjectClient;
-using Stub = TreflectObjectStub;
+using ToServer = void(Skeleton*);
+using ToName = void(TipprmiOID const&);
+using ToNameAtBroker = void(TreflectORB const*, TipprmiOID const&);
 
 TEST(SlotOrder, OfObjectsAndSkeletons) {
     using Base = TipprmiObjectBase;
-    EXPECT_EQ((Slots{slot(&Base::getOID), slot(&Base::getInternalOID), slot(&Base::getNamespaceId),
-                     slot(&Base::orbId), slot(&Base::dispatch), slot(&Base::setExceptionContainer),
-                     slot(&Base::getExceptionContainer), slot(&Base::hasOID),
-                     slot(&Skeleton::connect), slot(&Skeleton::getClient)}),
-              from(kBehindDestructor, 10));
+    expectRow(kBehindDestructor, &Base::getOID, &Base::getInternalOID, &Base::getNamespaceId,
+              &Base::orbId, &Base::dispatch, &Base::setExceptionContainer,
+              &Base::getExceptionContainer, &Base::hasOID, &Skeleton::connect,
+              &Skeleton::getClient);
 }
 
 TEST(SlotOrder, OfHandles) {
-    EXPECT_EQ(
-        (Slots{slot(&Client::forwardMsg), slot(&Client::dispatch),
-               slot<void (Client::*)(Skeleton*)>(&Client::connect),
-               slot<void (Client::*)(TreflectORB const*, TipprmiOID const&)>(&Client::connect),
-               slot(&Client::getServer)}),
-        from(kBehindDestructor, 5));
+    using Client = TipprmiObjectClient;
+    expectRow(kBehindDestructor, &Client::forwardMsg, &Client::dispatch,
+              overload<ToServer>(&Client::connect), overload<ToNameAtBroker>(&Client::connect),
+              &Client::getServer);
+    using Object = TreflectObject;
+    expectRow(kBehindDestructor + 5, &Object::attribute, &Object::operation, &Object::meta,
+              &Object::getAbsName, &Object::getRelName, &Object::getParent, &Object::getChild,
+              &Object::getChilds, &Object::registerChild, &Object::unregisterChild,
+              overload<ToName>(&Object::connect), &Object::registerObserver,
+              &Object::removeObserver, &TreflectObserverClient::notify);
+    expectRow(kBehindDestructor + 2, overload<ToServer>(&Object::connect),
+              overload<ToNameAtBroker>(&Object::connect));
 }
 
 TEST(SlotOrder, OfLocationsAndStubs) {
     using At = TreflectObjectLocationIf;
-    EXPECT_EQ((Slots{slot(&At::hasOID), slot(&At::getOID), slot(&At::orbId),
-                     slot(&At::getInternalOID), slot(&At::getNamespaceId), slot(&At::getServer)}),
-              from(kBehindDestructor, 6));
-    EXPECT_EQ((Slots{slot(&Stub::hasOID),
-                     slot(&Stub::getOID),
-                     slot(&Stub::orbId),
-                     slot(&Stub::getInternalOID),
-                     slot(&Stub::getNamespaceId),
-                     slot(&Stub::getServer),
-                     slot(&Stub::forwardMsg),
-                     slot<int (Stub::*)(bool, unsigned int, unsigned int, TipprmiStream&,
-                                        TipprmiStream&) const>(&Stub::dispatch),
-                     slot(&Stub::meta),
-                     slot(&Stub::getAbsName),
-                     slot(&Stub::getRelName),
-                     slot(&Stub::getParent),
-                     slot(&Stub::getChild),
-                     slot(&Stub::getChilds),
-                     slot(&Stub::registerChild),
-                     slot(&Stub::unregisterChild),
-                     slot<void (Stub::*)(TreflectORB const*, TipprmiOID const&)>(&Stub::connect),
-                     slot<void (Stub::*)(TipprmiOID const&)>(&Stub::connect),
-                     slot<void (Stub::*)(Skeleton*)>(&Stub::connect),
-                     slot(&Stub::isConnected),
-                     slot(&Stub::className),
-                     slot<void (Stub::*)(TipprmiExceptionContainer const&) const>(
-                         &Stub::setExceptionContainer),
-                     slot(&Stub::getExceptionContainer),
-                     slot(&Stub::registerObserver),
-                     slot(&Stub::removeObserver)}),
-              from(kBehindDestructor, 25));
+    expectRow(kBehindDestructor, &At::hasOID, &At::getOID, &At::orbId, &At::getInternalOID,
+              &At::getNamespaceId, &At::getServer);
+    using Stub = TreflectObjectStub;
+    expectRow(kBehindDestructor, &Stub::hasOID, &Stub::getOID, &Stub::orbId, &Stub::getInternalOID,
+              &Stub::getNamespaceId, &Stub::getServer, &Stub::forwardMsg,
+              overload<int(bool, unsigned, unsigned, TipprmiStream&, TipprmiStream&) const>(
+                  &Stub::dispatch),
+              &Stub::meta, &Stub::getAbsName, &Stub::getRelName, &Stub::getParent, &Stub::getChild,
+              &Stub::getChilds, &Stub::registerChild, &Stub::unregisterChild,
+              overload<ToNameAtBroker>(&Stub::connect), overload<ToName>(&Stub::connect),
+              overload<ToServer>(&Stub::connect), &Stub::isConnected, &Stub::className,
+              overload<void(TipprmiExceptionContainer const&) const>(&Stub::setExceptionContainer),
+              &Stub::getExceptionContainer, &Stub::registerObserver, &Stub::removeObserver);
 }
 
 TEST(SlotOrder, OfCallHooks) {
     using Hook = ClientCallHookBaseV;
-    EXPECT_EQ((Slots{slot(&Hook::callServer), slot(&Hook::fillParams), slot(&Hook::insertResult),
-                     slot(&Hook::operationName), slot(&Hook::evaluateResponse)}),
-              from(kBehindDestructor, 5));
-}
-
-TEST(SlotOrder, OfReflectiveHandles) {
-    using Object = TreflectObject;
-    using ObserverClient = TreflectObserverClient;
-    std::size_t const behindBase = kBehindDestructor + 5;
-    EXPECT_EQ((Slots{slot(&Object::attribute), slot(&Object::operation), slot(&Object::meta),
-                     slot(&Object::getAbsName), slot(&Object::getRelName), slot(&Object::getParent),
-                     slot(&Object::getChild), slot(&Object::getChilds),
-                     slot(&Object::registerChild), slot(&Object::unregisterChild),
-                     slot<void (Object::*)(TipprmiOID const&)>(&Object::connect),
-                     slot(&Object::registerObserver), slot(&Object::removeObserver),
-                     slot(&ObserverClient::notify)}),
-              from(behindBase, 14));
-    EXPECT_EQ(
-        (Slots{slot<void (Object::*)(Skeleton*)>(&Object::connect),
-               slot<void (Object::*)(TreflectORB const*, TipprmiOID const&)>(&Object::connect)}),
-        from(kBehindDestructor + 2, 2));
-}
-
-TEST(SlotOrder, OfBoundMembers) {
-    using Attribute = TreflectAttribute;
-    using Error = TreflectErrorAttribute;
-    EXPECT_EQ((Slots{slot(&Attribute::operation), slot(&Attribute::attribute)}),
-              from(kBehindDestructor, 2));
-    EXPECT_EQ((Slots{slot(&Error::operation), slot(&Error::attribute)}),
-              from(kBehindDestructor, 2));
+    expectRow(kBehindDestructor, &Hook::callServer, &Hook::fillParams, &Hook::insertResult,
+              &Hook::operationName, &Hook::evaluateResponse);
 }
 
 /** Shows the hook that completes a class. */
-class ShownMetaObject : public TreflectMetaObject {
-public:
-    static std::size_t completionSlot() { return slot(&ShownMetaObject::completeMetaInformation); }
+struct ShownMetaObject : TreflectMetaObject {
+    static auto completion() { return &ShownMetaObject::completeMetaInformation; }
 };
 
 TEST(SlotOrder, OfMetaObjectsAndMembers) {
-    EXPECT_EQ((Slots{slot(&TreflectMetaObject::name), ShownMetaObject::completionSlot()}),
-              from(kBehindDestructor, 2));
-    EXPECT_EQ(slot(&TreflectArrayMetaAttribute::getTied), kBehindDestructor);
-    EXPECT_EQ(slot(&TreflectSequenceMetaAttribute::getTied), kBehindDestructor);
+    expectRow(kBehindDestructor, &TreflectMetaObject::name, ShownMetaObject::completion());
+    expectRow(kBehindDestructor, &TreflectArrayMetaAttribute::getTied);
+    expectRow(kBehindDestructor, &TreflectSequenceMetaAttribute::getTied);
+    expectRow(kBehindDestructor, &TreflectAttribute::operation, &TreflectAttribute::attribute);
+    expectRow(kBehindDestructor, &TreflectErrorAttribute::operation,
+              &TreflectErrorAttribute::attribute);
 }
 
 TEST(SlotOrder, OfServerObjectsAndObservers) {
     using Server = TreflectServerObject;
     using Watch = TreflectObserver;
-    std::size_t const behindBase = kBehindDestructor + 9;
-    Slots const slots{
-        slot(&Server::getClient),
-        slot(&Server::getParent),
-        slot(&Server::getChild),
-        slot(&Server::getChilds),
-        slot(&Server::registerChild),
-        slot(&Server::unregisterChild),
-        slot(&Server::getServerClassId),
-        slot(&Server::getServerClassIdSeq),
-        slot(&Server::getAbsName),
-        slot(&Server::getRelName),
-        slot(&Server::sendCreationEvent),
-        slot(&Server::sendDeletionEvent),
-        slot<bool (Server::*)(unsigned int, unsigned int const&, unsigned int const&,
-                              TipprmiSequence<TipprmiAny, 0u> const&)>(&Server::notifyObservers),
-        slot(&TreflectObserverSkeleton::notify),
-        slot(&Watch::update),
-        slot(&Watch::getSource),
-        slot(&Watch::setSource)};
-    EXPECT_EQ(slots, from(behindBase, 17));
+    expectRow(kBehindDestructor + 9, &Server::getClient, &Server::getParent, &Server::getChild,
+              &Server::getChilds, &Server::registerChild, &Server::unregisterChild,
+              &Server::getServerClassId, &Server::getServerClassIdSeq, &Server::getAbsName,
+              &Server::getRelName, &Server::sendCreationEvent, &Server::sendDeletionEvent,
+              overload<bool(unsigned, unsigned const&, unsigned const&,
+                            TipprmiSequence<TipprmiAny, 0u> const&)>(&Server::notifyObservers),
+              &TreflectObserverSkeleton::notify, &Watch::update, &Watch::getSource,
+              &Watch::setSource);
     EXPECT_EQ(slot(&Watch::notify), slot(&TreflectObserverSkeleton::notify));
 
     using Observed = TreflectObservable;
-    EXPECT_EQ((Slots{slot(&Observed::registerObserver), slot(&Observed::unRegisterObserver),
-                     slot(&Observed::notifyObservers)}),
-              from(kBehindDestructor, 3));
+    expectRow(kBehindDestructor, &Observed::registerObserver, &Observed::unRegisterObserver,
+              &Observed::notifyObservers);
 }
 
 TEST(SlotOrder, OfBrokers) {
     using Orb = TreflectORB;
-    EXPECT_EQ((Slots{slot(&Orb::receive), slot(&Orb::issue), slot(&Orb::receiveError),
-                     slot(&Orb::issueError), slot(&Orb::start), slot(&Orb::started),
-                     slot(&Orb::stop), slot(&Orb::appeared), slot(&Orb::disappeare),
-                     slot(&Orb::locateObject), slot(&Orb::registerObject),
-                     slot(&Orb::unregisterObject), slot(&Orb::forwardMsg), slot(&Orb::resolve)}),
-              from(kBehindDestructor, 14));
+    expectRow(kBehindDestructor, &Orb::receive, &Orb::issue, &Orb::receiveError, &Orb::issueError,
+              &Orb::start, &Orb::started, &Orb::stop, &Orb::appeared, &Orb::disappeare,
+              &Orb::locateObject, &Orb::registerObject, &Orb::unregisterObject, &Orb::forwardMsg,
+              &Orb::resolve);
 }
 
 }  // namespace

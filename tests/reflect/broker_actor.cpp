@@ -1,10 +1,9 @@
 // A process with brokers, driven by lines on standard input:
 //
-//   publish NAME [NS]     makes a probe; answers "published IOID"
-//   release               lets go all held calls; answers "released"
+//   publish NAME          makes a probe; answers "published IOID BROKER"
 //   call NAME NUMBER      calls echo of an object; answers "called 1 NUMBER" or "called 0 CODE"
-//   callforever NAME N    N threads call echo until a call fails; then "ended" per thread
-//   hold NAME             calls hold of an object on a thread of its own; "held CODE" at its end
+//   callforever NAME N    N threads call echo until a call fails; "calling" once each has begun
+//   hold NAME             calls hold of an object on a thread of its own
 //   holding NAME          answers "holding COUNT", of held calls
 //   deleteaside           deletes all brokers on a thread of its own; "deleting" once it has begun
 //   script CODE           makes the log-collection script end with that code; answers "script"
@@ -15,6 +14,7 @@
 #include <thread>
 
 #include "ActorSide.h"
+#include "Permitted.h"
 #include "Probe.h"
 #include "reflect/ScriptRunner.h"
 #include "transport.h"
@@ -31,49 +31,39 @@ int instead(char const* path) {
 }
 
 ProbeClient::Answer callOnce(std::string const& name, unsigned int method, unsigned int number) {
-    TreflectHandlerState const handlerState(true);
-    ProbeClient client{TipprmiOID(name, NSID_UNIT)};
-    return client.call(method, number);
+    return permitted([&] { return ProbeClient(oid(name)).call(method, number); });
 }
 
-class Actor {
-public:
-    void handle(std::string const& verb, std::istringstream& words);
+void callForever(std::string const& name) {
+    TreflectHandlerState const handlerState(true);
+    ProbeClient client(oid(name));
+    for (unsigned int n = 0; client.call(kEcho, n).exceptionType == 0; ++n)
+        if (n == 0)
+            answer("calling");
+}
 
-private:
-    void callForever(std::string const& name, int threads);
-
-    std::map<std::string, std::unique_ptr<Probe>> probes_;
-};
-
-void Actor::handle(std::string const& verb, std::istringstream& words) {
+void obey(std::string const& verb, std::istringstream& words) {
+    static auto& probes = *new std::map<std::string, std::unique_ptr<Probe>>;  // they outlive exit
     std::string name;
-    unsigned int number = 0;
+    if (verb != "script" && verb != "exit")
+        words >> name;
+    int number = 0;
+    words >> number;
     if (verb == "publish") {
-        int ns = NSID_UNIT;
-        words >> name >> ns;
         TreflectHandlerState const handlerState(true);
-        auto& probe = probes_[name];
-        probe = std::make_unique<Probe>(name, static_cast<NamespaceId>(ns));
+        auto const& probe = probes[name] = std::make_unique<Probe>(name);
         answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
-    } else if (verb == "release") {
-        for (auto const& entry : probes_)
-            entry.second->release();
-        answer("released");
     } else if (verb == "call") {
-        words >> name >> number;
-        ProbeClient::Answer const result = callOnce(name, kEcho, number);
+        auto const result = callOnce(name, kEcho, static_cast<unsigned int>(number));
         bool const succeeded = result.exceptionType == 0;
         answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
     } else if (verb == "callforever") {
-        words >> name >> number;
-        callForever(name, static_cast<int>(number));
+        for (int i = 0; i < number; ++i)
+            std::thread(callForever, name).detach();
     } else if (verb == "hold") {
-        words >> name;
-        std::thread([name] { answer("held ", callOnce(name, kHold, 0).exceptionCode); }).detach();
+        std::thread([name] { callOnce(name, kHold, 0); }).detach();
     } else if (verb == "holding") {
-        words >> name;
-        answer("holding ", probes_.at(name)->held());
+        answer("holding ", probes.at(name)->held());
     } else if (verb == "deleteaside") {
         Transport::TerminationId const broker = TreflectORB::getInstance(NSID_UNIT)->termId();
         std::thread(prepareOrbForDeletion).detach();
@@ -81,39 +71,23 @@ void Actor::handle(std::string const& verb, std::istringstream& words) {
             [&] { return !Transport::TransportLayer::instance().exists(broker); });
         answer("deleting");
     } else if (verb == "script") {
-        words >> scriptResult;
+        scriptResult = number;
         setScriptRunner(&instead);
         answer("script");
     } else if (verb == "exit") {
-        words >> number;
-        std::thread([number] { std::exit(static_cast<int>(number)); }).join();
+        std::thread([number] { std::exit(number); }).join();
     }
-}
-
-void Actor::callForever(std::string const& name, int threads) {
-    for (int i = 0; i < threads; ++i)
-        std::thread([name] {
-            TreflectORB::enterHandlerState(true);
-            {
-                ProbeClient client{TipprmiOID(name, NSID_UNIT)};
-                for (unsigned int n = 0; client.call(kEcho, n).exceptionType == 0; ++n)
-                    if (n == 0)
-                        answer("calling");
-            }
-            TreflectORB::leaveHandlerState(true);
-            answer("ended");
-        }).detach();
 }
 
 }  // namespace
 
 int main() {
-    static auto& actor = *new Actor;  // its probes outlive exit
     int code = 0;
     testsupport::obeyLines([&](std::string const& verb, std::istringstream& words) {
-        if (verb != "return")
-            actor.handle(verb, words);
-        return verb != "return" || !(words >> code);
+        if (verb == "return")
+            return !(words >> code);
+        obey(verb, words);
+        return true;
     });
     return code;
 }

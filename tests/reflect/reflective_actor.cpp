@@ -1,29 +1,60 @@
-// A process with reflective objects, driven by lines on standard input:
+// A process with reflective objects, driven by lines on standard input; each is answered by a line:
 //
-//   lamp NAME [PARENT]    makes a lamp, below the object PARENT; answers "made"
-//   combi NAME [PARENT]   makes a combi
-//   next NAME OTHER       makes OTHER the value of the lamp's attribute Next; answers "next"
-//   pings NAME            answers "pings COUNT"
-//   level NAME            answers "level NUMBER"
-//   entered NAME          waits for a call that is held; answers "entered"
-//   release NAME          lets the calls go that are held; answers "released"
+//   lamp NAME [PARENT]    makes a lamp, below the object PARENT; "made"
+//   combi NAME [PARENT]   makes a combi; "made"
+//   next NAME OTHER       makes OTHER the value of the lamp's attribute Next; "next"
+//   pings NAME            "pings COUNT"
+//   level NAME            "level NUMBER"
+//   entered NAME          waits for a call that is held; "entered"
+//   release NAME          lets the calls go that are held; "released"
 //   store NAME NUMBER     sets Level of the lamp NAME, wherever it is; "stored ok" or "stored CODE"
-//   destroy NAME          destroys the object or the observer; answers "destroyed"
-//   observer NAME         makes an observer, which allows all calls; answers "made"
+//   destroy NAME          destroys the object; "destroyed"
+//   observer NAME         makes an observer, which allows all calls; "made"
 //   answers NAME ANSWER   what its update answers: yes, no, or hang for never, after a line
-//                         "hangs"; answers "will"
+//                         "hangs"; "will"
 //   observe NAME OBJECT OPERATION KIND   has it told of calls, KIND: before or after; "observing 1"
-//   unobserve NAME OBJECT OPERATION      answers "unobserved"
-//   told NAME             answers "told COUNT NUMBER SOURCE": how often, the first value of the
-//   last
-//                         time, or "none", and the name of the object that was called
+//   unobserve NAME OBJECT OPERATION      "unobserved"
+//   told NAME             "told COUNT NUMBER SOURCE": how often, the first value of the last time,
+//                         or "none", and the name of the object that was called
 #include <map>
 #include <memory>
 
 #include "ActorSide.h"
 #include "Gauge.h"
+#include "Permitted.h"
 
 namespace {
+
+// All under the run permission.
+std::map<std::string, std::unique_ptr<LampObject>> objects;
+std::map<std::string, std::unique_ptr<Watcher>> observers;
+
+std::string word(std::istream& words) {
+    std::string next;
+    words >> next;
+    return next;
+}
+
+template <class Object>
+std::string make(std::string const& name, std::istream& words) {
+    std::string const parentName = word(words);
+    TreflectObject const parent(oid(parentName));
+    objects[name] = std::make_unique<Object>(name, parentName.empty() ? nullptr : &parent);
+    return "made";
+}
+
+std::string awaitEntry(std::string const& name, std::istream&) {
+    testsupport::Gate& entered = objects.at(name)->entered();
+    TreflectReleaseHandlerState const released;
+    return entered.wait() ? "entered" : "nobody";
+}
+
+std::string store(std::string const& name, std::istream& words) {
+    unsigned int level = 0;
+    words >> level;
+    auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
+    return stored ? "stored ok" : "stored " + std::to_string(stored.code());
+}
 
 bool hang() {
     TreflectReleaseHandlerState const released;
@@ -31,116 +62,71 @@ bool hang() {
     return testsupport::Gate().wait(std::chrono::hours(1));
 }
 
-void setAnswer(Watcher& observer, std::string const& answer) {
-    observer.answer = answer == "yes";
-    observer.react = nullptr;
+std::string setAnswer(std::string const& name, std::istream& words) {
+    std::string const answer = word(words);
+    observers.at(name)->answer = answer == "yes";
     if (answer == "hang")
-        observer.react = hang;
+        observers.at(name)->react = hang;
+    return "will";
 }
 
-std::string told(Watcher const& observer) {
+std::string observe(std::string const& name, std::istream& words) {
+    TreflectObject const observed(oid(word(words)));
+    TreflectOperation& operation = observed.operation(word(words));
+    Watcher* const observer = observers.at(name).get();
+    bool const before = word(words) == "before";
+    bool const done = before ? operation.preObserve(observer) : operation.postObserve(observer);
+    return "observing " + std::to_string(done);
+}
+
+std::string unobserve(std::string const& name, std::istream& words) {
+    TreflectObject const observed(oid(word(words)));
+    observed.operation(word(words)).removeObserver(observers.at(name).get());
+    return "unobserved";
+}
+
+std::string told(std::string const& name, std::istream&) {
+    Watcher const& observer = *observers.at(name);
     return "told " + std::to_string(observer.told) + " " +
            (observer.values.empty() ? "none" : std::to_string(observer.values[0])) + " " +
            (observer.sourceNames.empty() ? "nobody" : observer.sourceNames.back());
 }
 
-// Both under the run permission.
-std::map<std::string, std::unique_ptr<LampObject>> objects;
-std::map<std::string, std::unique_ptr<Watcher>> observers;
-
-void make(std::string const& kind, std::string const& name, std::string const& parentName) {
-    TreflectObject const parent{TipprmiOID(parentName, NSID_UNIT)};
-    TreflectObject const* const above = parentName.empty() ? nullptr : &parent;
-    if (kind == "combi")
-        objects[name] = std::make_unique<CombiObject>(name, above);
-    else
-        objects[name] = std::make_unique<LampObject>(name, above);
-}
-
-std::string store(std::string const& name, std::string const& number) {
-    TreflectObject const lamp{TipprmiOID(name, NSID_UNIT)};
-    TipprmiResult<void> const stored =
-        lamp.attribute("Level").store(static_cast<unsigned int>(std::stoul(number)));
-    return stored ? "stored ok" : "stored " + std::to_string(stored.code());
-}
-
-std::string handleObserver(std::string const& verb, std::string const& name,
-                           std::istringstream& words) {
-    std::string object;
-    std::string operation;
-    std::string kind;
-    Watcher& observer = *observers.at(name);
-    words >> object;
-    if (verb == "answers") {
-        setAnswer(observer, object);
-        return "will";
-    }
-    if (verb == "told")
-        return told(observer);
-    words >> operation >> kind;
-    TreflectObject const observed{TipprmiOID(object, NSID_UNIT)};
-    TreflectOperation& bound = observed.operation(operation);
-    if (verb == "unobserve") {
-        bound.removeObserver(&observer);
-        return "unobserved";
-    }
-    bool const done = kind == "before" ? bound.preObserve(&observer) : bound.postObserve(&observer);
-    return done ? "observing 1" : "observing 0";
-}
-
-std::string handle(std::string const& verb, std::string const& name, std::istringstream& words) {
-    if (observers.count(name) != 0 && verb != "destroy") {
-        TreflectHandlerState const handlerState(true);
-        return handleObserver(verb, name, words);
-    }
-    std::string other;
-    words >> other;
-    if (verb == "entered" || verb == "release") {
-        LampObject* object = nullptr;
-        {
-            TreflectHandlerState const handlerState(true);
-            object = objects.at(name).get();
-        }
-        if (verb == "entered")
-            return object->entered().wait() ? "entered" : "nobody";
-        object->release();
-        return "released";
-    }
-    TreflectHandlerState const handlerState(true);
-    if (verb == "lamp" || verb == "combi") {
-        make(verb, name, other);
-        return "made";
-    }
-    if (verb == "store")
-        return store(name, other);
+std::string obey(std::string const& verb, std::string const& name, std::istream& words) {
+    static std::map<std::string, std::string (*)(std::string const&, std::istream&)> const others{
+        {"lamp", make<LampObject>}, {"combi", make<CombiObject>},
+        {"entered", awaitEntry},    {"store", store},
+        {"answers", setAnswer},     {"observe", observe},
+        {"unobserve", unobserve},   {"told", told}};
+    if (auto const other = others.find(verb); other != others.end())
+        return other->second(name, words);
     if (verb == "observer") {
         observers[name] = std::make_unique<Watcher>(name);
         return "made";
     }
     if (verb == "destroy") {
         objects.erase(name);
-        observers.erase(name);
         return "destroyed";
     }
     LampObject& object = *objects.at(name);
-    if (verb == "next") {
-        object.next = TreflectObject(TipprmiOID(other, NSID_UNIT));
-        return "next";
-    }
     if (verb == "pings")
         return "pings " + std::to_string(object.pings());
     if (verb == "level")
         return "level " + std::to_string(object.level);
-    return "unknown " + verb;
+    if (verb == "release") {
+        object.release();
+        return "released";
+    }
+    object.next = TreflectObject(oid(word(words)));
+    return "next";
 }
 
 }  // namespace
 
 int main() {
     testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
-        std::string name;
-        words >> name;
-        testsupport::answer(handle(verb, name, words));
+        std::string const name = word(words);
+        testsupport::answer(permitted([&] { return obey(verb, name, words); }));
         return true;
     });
     prepareOrbForDeletion();
