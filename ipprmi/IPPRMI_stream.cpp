@@ -145,6 +145,9 @@ bool TipprmiStream::allocate_(int n, View& view) {
         bool const inPlace = message_.extend(static_cast<unsigned int>(needed) + kPrefix);
         if (inPlace || reallocate_(needed)) {
             unsigned char* const data = inPlace && view.data ? view.data : getDataPtr();
+            // A received length may lie behind the buffer's end.
+            if (view.written > view.limit)
+                std::memset(data + view.limit, 0, view.written - view.limit);
             view = {data, view.written, static_cast<unsigned int>(needed)};
             return true;
         }

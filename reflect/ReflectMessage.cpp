@@ -63,10 +63,13 @@ TreflectMessage::TreflectMessage(TreflectORB const* orb, unsigned int const& tra
 TreflectMessage::TreflectMessage(TreflectORB const* orb, TreflectMessage const& other,
                                  unsigned int size)
     // Whoever needs more room once needs it again: twice as much is kept ready.
-    : message_(allocate(orb, size, size > other.size() ? std::uint64_t{size} * 2 : 0)) {
+    : message_(allocate(orb, std::min(size, other.size()),
+                        size > other.size() ? std::uint64_t{size} * 2 : 0)) {
     std::size_t const bytes = std::min(message_.size(), other.message_.size());
     if (bytes >= kHeaderSize)
         std::memcpy(message_.buf(), other.message_.buf(), bytes);
+    if (size > other.size() && !extend(size))
+        message_ = Transport::AddressedMessage();
 }
 
 std::uint32_t TreflectMessage::field_(std::size_t offset) const {

@@ -63,7 +63,8 @@ public:
      * exceed Transport::kLargestMessage. */
     TreflectMessage(TreflectORB const* orb, unsigned int const& transactionId, unsigned int size);
     /** A new message of `size` payload bytes that starts with the header of `other` and as much of
-     * its payload as fits. Reserves room for further growth when it is larger than `other`. */
+     * its payload as fits; what is beyond holds anything until the caller writes it. Reserves room
+     * for further growth when it is larger than `other`. */
     TreflectMessage(TreflectORB const* orb, TreflectMessage const& other, unsigned int size);
 
     operator Transport::AddressedMessage() const { return message_; }

@@ -136,7 +136,8 @@ public:
     TreflectMessage allocateRequest(unsigned int size) const;
     /** A response of `size` payload bytes to `request`. Any thread. */
     TreflectMessage allocateResponse(TreflectMessage const& request, unsigned int size) const;
-    /** A copy of `message` with `size` payload bytes. Any thread. */
+    /** A copy of `message` with `size` payload bytes; more than it had hold anything until the
+     * caller writes them. Any thread. */
     TreflectMessage reallocateMessage(TreflectMessage const& message, unsigned int size) const;
 
     /** The process-wide run permission; each forwards to TreflectRunPermission. */

@@ -48,8 +48,9 @@ public:
     void destination(TerminationId id);
 
     /**
-     * Makes the buffer `size` bytes long in place, new bytes zero. Only when this handle is the
-     * buffer's sole owner and the reserved room suffices; otherwise false and nothing changes.
+     * Makes the buffer `size` bytes long in place; the new bytes hold anything until the caller
+     * writes them. Only when this handle is the buffer's sole owner and the reserved room suffices;
+     * otherwise false and nothing changes.
      */
     bool extend(std::size_t size);
 

@@ -98,8 +98,6 @@ bool AddressedMessage::extend(std::size_t size) {
         return false;
     if (size > block_->capacity || size > kLargestMessage)
         return false;
-    if (size > block_->size)
-        std::memset(block_->data() + block_->size, 0, size - block_->size);
     block_->size = static_cast<std::uint32_t>(size);
     return true;
 }

