@@ -184,11 +184,11 @@ TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
     {
         Holder const holder;
         park(poolA, 1);
-        ASSERT_TRUE(log.waitFor(awaited(self) + " since 1s")) << "it sleeps at the front";
+        ASSERT_TRUE(log.waitFor(awaited(self))) << "it sleeps at the front";
         queueUp([&] {
             Run::getRunPermission();
             callersTid = OSWrap::Thread::getCurrentTid();
-            EXPECT_TRUE(log.waitFor(awaited(callersTid) + " since 1s"));
+            EXPECT_TRUE(log.waitFor(awaited(callersTid)));
         });
         Turn mine(poolA, 2);
         ASSERT_TRUE(exchange(mine));
