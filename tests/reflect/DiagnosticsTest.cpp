@@ -66,17 +66,16 @@ protected:
     static std::string text(TreflectORB::PerfCntInfo const& info) {
         std::ostringstream words;
         for (unsigned int i = 0; i < info.counters.getLength(); ++i) {
-            TreflectORB::PerfCnts const& counters = info.counters[i];
-            words << (i > 0 ? " " : "") << std::hex << counters.termination.value() << std::dec
-                  << ":" << counters.sent << ":" << counters.failed;
+            TreflectORB::PerfCnts const& one = info.counters[i];
+            words << (i > 0 ? " " : "") << entry(one.termination, one.sent, one.failed);
         }
         return words.str();
     }
     static std::string entry(Transport::TerminationId destination, unsigned int sent,
                              unsigned int failed) {
-        TreflectORB::PerfCntInfo info;
-        info.counters.push_back({destination, sent, failed});
-        return text(info);
+        std::ostringstream words;
+        words << std::hex << destination.value() << std::dec << ":" << sent << ":" << failed;
+        return words.str();
     }
     /** What display writes, with the two figures of memory as "N". */
     Lines displayed(int argument) {

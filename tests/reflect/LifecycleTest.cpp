@@ -19,6 +19,24 @@ using std::chrono::steady_clock;
 
 class LifecycleTest : public BrokerTest {};
 
+TEST_F(LifecycleTest, logSinkMayAskForTheBrokerThatIsBeingMade) {
+    struct Asker {
+        std::thread::id maker = std::this_thread::get_id();
+        std::vector<TreflectORB*> answers;  // maker's thread only
+    } asker;
+    Logging::setSink(
+        [](Logging::Record const&, void* context) {
+            auto& asking = *static_cast<Asker*>(context);
+            if (std::this_thread::get_id() == asking.maker)
+                asking.answers.push_back(TreflectORB::getInstance(NSID_NODE));
+        },
+        &asker);
+    EXPECT_NE(TreflectORB::getInstance(NSID_NODE), nullptr);
+    Logging::setSink(nullptr, nullptr);
+    ASSERT_FALSE(asker.answers.empty());
+    EXPECT_EQ(asker.answers.front(), nullptr) << "it is not there yet";
+}
+
 TEST_F(LifecycleTest, namespacesWithoutABroker) {
     EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(-1)), nullptr);
     EXPECT_EQ(TreflectORB::getInstance(static_cast<NamespaceId>(256)), nullptr);

@@ -49,9 +49,10 @@ TreflectMetaObject* find(unsigned int classId) {
     return InterfaceRepository::instance()->findInterface(classId);
 }
 
-std::vector<std::string> namesOf(std::list<TreflectMetaOperation*> const& members) {
+template <class Member>
+std::vector<std::string> namesOf(std::list<Member*> const& members) {
     std::vector<std::string> names;
-    for (TreflectMetaOperation const* const member : members)
+    for (Member const* const member : members)
         names.push_back(member->name());
     return names;
 }
@@ -59,10 +60,7 @@ std::vector<std::string> namesOf(std::list<TreflectMetaOperation*> const& member
 std::vector<std::string> attributesOf(TreflectMetaObject const& metaObject) {
     std::list<TreflectMetaAttribute*> members;
     metaObject.attributeList(members);
-    std::vector<std::string> names;
-    for (TreflectMetaAttribute const* const member : members)
-        names.push_back(member->name());
-    return names;
+    return namesOf(members);
 }
 
 void expectLine(testsupport::LogCapture const& log, std::string const& source,

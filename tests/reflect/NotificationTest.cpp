@@ -212,6 +212,19 @@ TEST_F(WaitingRegistrationTest, noticesAreKeptForIt) {
     EXPECT_EQ(told(watching), (Names{"old", "new", "next"}));
 }
 
+TEST_F(WaitingRegistrationTest, deletionsAreKeptForIt) {
+    for (std::string const name : {"a", "b"})
+        create(name);
+    Watcher& watching = watcher("watching");
+    begin([&] { observeDeletions(watching); });
+    for (std::string const name : {"a", "b"})
+        destroy(name);
+    create("a");
+    destroy("a");
+    end();
+    EXPECT_EQ(told(watching), (Names{"a", "b", "a"}));
+}
+
 TEST_F(WaitingRegistrationTest, observerThatIsRemovedMeanwhileIsNotEntered) {
     Watcher& watching = watcher("watching");
     begin([&] { observeCreations(watching, true); });

@@ -68,6 +68,33 @@ protected:
     TreflectObjectHandler& handler = *TreflectObjectHandler::getInstance();
 };
 
+TEST_F(ObjectStubTest, LocationsOrderByNamespaceThenInternalIdThenIdentifierThenBroker) {
+    Location const node(1, TreflectOrbId(1), nullptr, TipprmiOID("a", NSID_NODE));
+    std::pair<Location, Location> const ordered[]{
+        {remote(9, oid("z")), node},
+        {remote(0x7FFFFFFF), remote(0x80000000)},
+        {remote(5, oid("a")), remote(5, oid("b"))},
+        {remote(5, oid("z"), 1), remote(5, oid("a"), 2)}};  // by broker when they differ
+    for (auto const& [lower, higher] : ordered) {
+        EXPECT_TRUE(lower < higher);
+        EXPECT_FALSE(higher < lower);
+    }
+}
+
+TEST_F(ObjectStubTest, StubsOfOnePlaceAreToldApartAndLeaveTheTable) {
+    std::vector<TreflectObjectStub*> stubs;
+    for (int round = 0; round < 2; ++round)
+        for (int i = 0; i < 100; ++i)
+            stubs.push_back(adopt(remote(7, oid("x" + std::to_string(i)))));
+    for (std::size_t i = 0; i < 100; ++i)
+        EXPECT_EQ(stubs[i], stubs[100 + i]);
+    for (TreflectObjectStub* const stub : stubs)
+        handler.releaseStub(stub);
+    TreflectObjectStub* const afresh = adopt(remote(7, oid("x50")));
+    EXPECT_EQ(afresh->refCount(), 1);
+    handler.releaseStub(afresh);
+}
+
 TEST_F(ObjectStubTest, TheEmptyIdentifierGivesTheInvalidStub) {
     TreflectObjectStub* const stub = handler.adoptStub(noOid);
     EXPECT_STREQ(stub->getOID().getIdString(), "InvalidStub");

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "Permitted.h"
 #include "ReflectiveActor.h"
@@ -43,14 +44,12 @@ void expectAllTypes(TreflectObject const& lamp) {
     EXPECT_EQ(lamp.attribute("Label").set("a literal"), 0);
     EXPECT_EQ(lamp.attribute("Label").fetch<std::string>().value(), "a literal");
 
-    TipprmiAny any;
-    any.insert(7u).insert(std::string("seven"));
-    EXPECT_EQ(lamp.attribute("Extra").set(any), 0);
+    EXPECT_EQ(lamp.attribute("Extra").set(TipprmiAny().insert(7u)), 0);
     TipprmiAny extra;
     EXPECT_EQ(lamp.attribute("Extra").get(extra), 0);
-    std::string text;
-    extra.extract(text);
-    EXPECT_EQ(text, "seven");
+    unsigned int number = 0;
+    extra.extract(number);
+    EXPECT_EQ(number, 7u);
 
     TipprmiSequence<TreflectObject, 0u> crowd;
     crowd.setLength(2);
@@ -186,6 +185,19 @@ TEST(ReflectiveHandle, CountsAsOneUserOfItsStub) {
         EXPECT_EQ(users(lamp), ofLamp);
     }
     EXPECT_EQ(users(other), ofOther);
+}
+
+TEST(ReflectiveHandle, MayBePartOfALargerObjectOnTheHeap) {
+    struct Large : TreflectObject {
+        std::string text[100];
+    };
+    std::vector<std::unique_ptr<TreflectObject>> handles;
+    for (int i = 0; i < 20; ++i) {
+        handles.push_back(std::make_unique<TreflectObject>());
+        handles.push_back(std::make_unique<Large>());
+    }
+    for (auto const& handle : handles)
+        EXPECT_FALSE(handle->isConnected());
 }
 
 // ---- While a call waits ------------------------------------------------------------------------
