@@ -27,24 +27,6 @@ namespace {
 
 using namespace Transport;
 
-/** An input: the peer's group, then steps, each with the operands that its function takes. */
-enum Step : unsigned char {
-    kConnect,    // once more, as another one of those who connect
-    kHello,      // a good one, and what it brings
-    kAccept,     // what the termination connects
-    kPacket,     // with wrong fields or descriptors
-    kBytes,      // no packet at all
-    kWriteRing,  // bytes into the peer's ring
-    kStoreWord,  // one of the peer's words in shared memory
-    kFrames,     // good ones
-    kRingBell,
-    kSend,  // the termination sends to the peer
-    kHangUp,
-    kFolderFile,  // beside the entries
-    kPresence,    // what the shared file of the folder says
-    kSteps
-};
-
 constexpr GroupId kGroup = 3;
 constexpr int kMostSteps = 40;
 /** Milliseconds that the termination may take to connect. */
@@ -152,10 +134,10 @@ private:
     std::vector<Connection> connections_;
 };
 
-Descriptor fileOf(unsigned char which, std::uint32_t capacity, Connection& connection) {
+Descriptor fileOf(int which, std::uint32_t capacity, int good) {
     switch (which % 6) {
         case 0:
-            return Descriptor(::fcntl(connection.own.file.get(), F_DUPFD_CLOEXEC, 0));
+            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
         case 1:
             return makeSealedFile(capacity % (2 * kLargestRing));
         case 2:
@@ -173,10 +155,10 @@ Descriptor fileOf(unsigned char which, std::uint32_t capacity, Connection& conne
     }
 }
 
-Descriptor bellOf(unsigned char which, Connection& connection) {
+Descriptor bellOf(int which, int good) {
     switch (which % 4) {
         case 0:
-            return Descriptor(::fcntl(connection.own.bell.get(), F_DUPFD_CLOEXEC, 0));
+            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
         case 1: {  // it could block whoever rings it
             Descriptor full(::eventfd(0, EFD_CLOEXEC));
             std::uint64_t const most = ~std::uint64_t{1};
@@ -191,7 +173,7 @@ Descriptor bellOf(unsigned char which, Connection& connection) {
     }
 }
 
-/** One input. */
+/** One input: the peer's group, then steps, each with the operands that its function takes. */
 class Session {
 public:
     Session(Own& own, fuzz::Script& script)
@@ -204,64 +186,60 @@ public:
     }
 
     void take() {
-        unsigned char const step = script_.byte() % kSteps;
-        switch (step) {
-            case kConnect:
-                peer_.connect();
-                break;
-            case kAccept:
-                peer_.accept(sent_ ? kConnecting : 0);
-                sent_ = false;
-                break;
-            case kSend:
-                send();
-                sent_ = true;
-                break;
-            case kFolderFile:
-                addFile();
-                break;
-            case kPresence:
-                spoilPresence();
-                break;
-            default:
-                if (!peer_.last())
-                    peer_.connect();
-                if (Connection* const connection = peer_.last())
-                    take(step, *connection);
-                break;
-        }
+        // Their order is that of the corpus.
+        static std::vector<void (Session::*)()> const steps = {
+            &Session::connect,       &Session::sayHello,  &Session::accept,
+            &Session::sendOddPacket, &Session::sendBytes, &Session::writeRing,
+            &Session::storeWord,     &Session::putFrames, &Session::ring,
+            &Session::send,          &Session::hangUp,    &Session::addFile,
+            &Session::spoilPresence};
+        (this->*steps[script_.byte() % steps.size()])();
     }
 
 private:
-    void take(unsigned char step, Connection& connection) {
-        switch (step) {
-            case kHello:
-                connection.own = OwnSide::make();
-                sendPacket(connection.socket.get(), peer_.packet(Packet::Hello),
-                           connection.own.file.get(), connection.own.bell.get());
-                connection.hear(1000);
-                break;
-            case kPacket:
-                sendOddPacket(connection);
-                break;
-            case kBytes: {
-                std::string const bytes = script_.text();
-                ::send(connection.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-                break;
-            }
-            case kHangUp:
-                ::shutdown(connection.socket.get(), SHUT_WR);
-                break;
-            default:
-                if (connection.own.valid())
-                    share(step, connection);
-                break;
-        }
-    }
+    // ---- Packets ----
 
-    void sendOddPacket(Connection& connection) {
-        if (!connection.own.valid())
-            connection.own = OwnSide::make();
+    /** Once more, as another one of those who connect. */
+    void connect() { peer_.connect(); }
+    /** What the termination connects. */
+    void accept() {
+        peer_.accept(sent_ ? kConnecting : 0);
+        sent_ = false;
+    }
+    /** The connection that a step is about; null when there can be none. */
+    Connection* connected() {
+        if (!peer_.last())
+            peer_.connect();
+        return peer_.last();
+    }
+    /** A good one. */
+    void sayHello() {
+        Connection* const connection = connected();
+        if (!connection)
+            return;
+        connection->own = OwnSide::make();
+        sendPacket(connection->socket.get(), peer_.packet(Packet::Hello),
+                   connection->own.file.get(), connection->own.bell.get());
+        connection->hear(1000);
+    }
+    /** No packet at all. */
+    void sendBytes() {
+        Connection* const connection = connected();
+        std::string const bytes = connection ? script_.text() : "";
+        if (connection)
+            ::send(connection->socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    void hangUp() {
+        if (Connection* const connection = connected())
+            ::shutdown(connection->socket.get(), SHUT_WR);
+    }
+    /** With wrong fields or descriptors. */
+    void sendOddPacket() {
+        Connection* const connection = connected();
+        if (!connection)
+            return;
+        if (!connection->own.valid())
+            connection->own = OwnSide::make();
         Packet packet = peer_.packet(script_.byte() % 9);
         unsigned char const odd = script_.byte();
         if ((odd & 1) != 0)
@@ -279,53 +257,58 @@ private:
         bool const ring = packet.kind == Packet::NextRing;
         unsigned char const kinds = script_.byte();
         Descriptor const file =
-            fileOf(static_cast<unsigned char>(kinds & 15),
-                   ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset, connection);
-        Descriptor const bell = bellOf(static_cast<unsigned char>(kinds >> 4), connection);
-        sendPacket(connection.socket.get(), packet, file.get(), bell.get());
-        connection.hear((odd & 64) != 0 ? 5 : 0);
+            fileOf(kinds & 15, ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset,
+                   connection->own.file.get());
+        Descriptor const bell = bellOf(kinds >> 4, connection->own.bell.get());
+        sendPacket(connection->socket.get(), packet, file.get(), bell.get());
+        connection->hear((odd & 64) != 0 ? 5 : 0);
     }
 
-    /** What the peer does in shared memory. */
-    void share(unsigned char step, Connection& connection) {
-        ControlPage& page = connection.own.page();
-        unsigned char* const ring = connection.own.ring.mapping.data();
-        switch (step) {
-            case kWriteRing: {
-                std::uint32_t const at = script_.number();
-                std::string const bytes = script_.text();
-                for (std::size_t i = 0; i < bytes.size(); ++i)
-                    ring[(at + i) % kSmallestRing] = static_cast<unsigned char>(bytes[i]);
-                break;
-            }
-            case kStoreWord: {
-                std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
-                                                             &page.wantsSpace};
-                std::atomic<std::uint32_t>& word = *words[script_.byte() % 4];
-                word.store((script_.byte() & 1) != 0 ? script_.number()
-                                                     : word.load() + script_.byte() * 8u);
-                break;
-            }
-            case kFrames:
-                putFrames(page, ring);
-                break;
-            default:
-                break;
-        }
-        if (connection.peer.valid())
-            ringBell(connection.peer.bell.get());
-        settle(connection);
+    // ---- What the peer does in shared memory ----
+
+    template <class Change>
+    void share(Change const& change) {
+        Connection* const connection = connected();
+        if (!connection || !connection->own.valid())
+            return;
+        change(connection->own.page(), connection->own.ring.mapping.data());
+        if (connection->peer.valid())
+            ringBell(connection->peer.bell.get());
+        settle(*connection);
     }
-    void putFrames(ControlPage& page, unsigned char* ring) {
-        std::uint32_t tail = page.tail.load();
-        for (int left = script_.byte() % 8; left >= 0; --left) {
-            FrameHead const head{script_.byte() * 8u, script_.byte() * 8u};
-            unsigned char const* const bytes = reinterpret_cast<unsigned char const*>(&head);
-            for (std::size_t i = 0; i < sizeof head; ++i)
-                ring[(tail + i) % kSmallestRing] = bytes[i];
-            tail += frameBytes(head.length);
-        }
-        page.tail.store(tail);
+    void ring() {
+        share([](ControlPage&, unsigned char*) {});
+    }
+    void writeRing() {
+        share([this](ControlPage&, unsigned char* ring) {
+            std::uint32_t const at = script_.number();
+            write(ring, at, script_.text());
+        });
+    }
+    void storeWord() {
+        share([this](ControlPage& page, unsigned char*) {
+            std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
+                                                         &page.wantsSpace};
+            std::atomic<std::uint32_t>& word = *words[script_.byte() % 4];
+            word.store((script_.byte() & 1) != 0 ? script_.number()
+                                                 : word.load() + script_.byte() * 8u);
+        });
+    }
+    /** Good ones. */
+    void putFrames() {
+        share([this](ControlPage& page, unsigned char* ring) {
+            std::uint32_t tail = page.tail.load();
+            for (int left = script_.byte() % 8; left >= 0; --left) {
+                FrameHead const head{script_.byte() * 8u, script_.byte() * 8u};
+                write(ring, tail, {reinterpret_cast<char const*>(&head), sizeof head});
+                tail += frameBytes(head.length);
+            }
+            page.tail.store(tail);
+        });
+    }
+    static void write(unsigned char* ring, std::uint32_t at, std::string const& bytes) {
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            ring[(at + i) % kSmallestRing] = static_cast<unsigned char>(bytes[i]);
     }
     /** Until the termination has read the ring, or closed the connection. */
     static void settle(Connection& connection) {
@@ -338,7 +321,9 @@ private:
         }
     }
 
+    /** The termination sends to the peer. */
     void send() {
+        sent_ = true;
         int const count = script_.byte() % 16;
         std::size_t const size = std::size_t{script_.byte()} << script_.byte() % 10;
         for (int i = 0; i < count; ++i) {
@@ -351,6 +336,7 @@ private:
     // ---- The folder ----
 
     static std::string folder() { return std::getenv("TRANSPORT_DIR"); }
+    /** Beside the entries. */
     void addFile() {
         unsigned char const type = script_.byte();
         std::string name = script_.text().substr(0, 80);
@@ -398,6 +384,7 @@ private:
         static_cast<void>(
             ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
+    /** What the shared file of the folder says. */
     void spoilPresence() {
         // Whoever closes the file gives up his process's locks on it.
         static int const file = ::open((folder() + "/presence").c_str(), O_RDWR | O_CLOEXEC);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "FuzzProcess.h"
 #include "ipprmi/TipprmiException.h"
@@ -11,129 +12,61 @@
 
 namespace {
 
-/** An input: the number of steps, one byte each, then the payload of an arrived message, which
- * begins with the number of its data bytes. */
-enum Step : unsigned char {
-    kReadNumber,
-    kReadBool,
-    kReadNamespace,
-    kReadCharacters,
-    kReadString,
-    kReadNested,
-    kReadTerminationId,
-    kReadOid,
-    kReadAny,
-    kReadNumbers,
-    kReadAnys,
-    kReadContainer,
-    kSkip,
-    kRewind,
-    kClear,
-    kCopy,
-    kWriteNumber,
-    kWriteOwnBytes,
-    kWriteNestedSelf,
-    kSetOwnBytes,
-    kWriteBackAll,
-    kSteps
-};
-
 /** Everything that a stream can be read into, kept from step to step. */
 class Reader {
 public:
     explicit Reader(TreflectMessage const& message) : stream_(message, false) {}
 
     void take(unsigned char step) {
-        if (step < kSkip)
-            read(step);
-        else
-            change(step);
+        static std::vector<void (*)(Reader&)> const steps = {
+            [](Reader& r) { r.stream_ >> r.number_; },
+            [](Reader& r) { r.stream_ >> r.truth_; },
+            [](Reader& r) { r.stream_ >> r.namespace_; },
+            [](Reader& r) { r.readCharacters(); },
+            [](Reader& r) { r.stream_ >> r.text_; },
+            [](Reader& r) { r.stream_ >> r.nested_; },
+            [](Reader& r) { r.stream_ >> r.termination_; },
+            [](Reader& r) { r.stream_ >> r.oid_; },
+            [](Reader& r) { r.readAny(); },
+            [](Reader& r) { r.stream_ >> r.numbers_; },
+            [](Reader& r) { r.stream_ >> r.anys_; },
+            [](Reader& r) { r.readContainer(); },
+            [](Reader& r) { r.stream_.unmarshall(nullptr, 3); },
+            [](Reader& r) { r.stream_.rewind(); },
+            [](Reader& r) { r.stream_.clear(); },
+            [](Reader& r) { r.nested_ = r.stream_; },
+            [](Reader& r) { r.stream_ << r.number_; },
+            [](Reader& r) {
+                r.stream_.marshall(r.stream_.getDataPtr() + r.half(),
+                                   r.stream_.getDataSize() - r.half());
+            },
+            [](Reader& r) { r.stream_ << r.stream_ << r.nested_; },
+            [](Reader& r) { r.stream_.setData(r.stream_.getDataPtr(), r.half()); },
+            [](Reader& r) { r.writeBackAll(); },
+        };
+        steps[step % steps.size()](*this);
         if (stream_.getDataSize() < 0 || stream_.getDataSize() > stream_.getDataLimit())
             std::abort();
     }
 
 private:
-    void read(unsigned char step) {
-        switch (step) {
-            case kReadNumber:
-                stream_ >> number_;
-                break;
-            case kReadBool:
-                stream_ >> truth_;
-                break;
-            case kReadNamespace:
-                stream_ >> namespace_;
-                break;
-            case kReadCharacters:
-                readCharacters();
-                break;
-            case kReadString:
-                stream_ >> text_;
-                break;
-            case kReadNested:
-                stream_ >> nested_;
-                break;
-            case kReadTerminationId:
-                stream_ >> termination_;
-                break;
-            case kReadOid:
-                stream_ >> oid_;
-                break;
-            case kReadAny:
-                stream_ >> any_;
-                any_.extract(text_);
-                break;
-            case kReadNumbers:
-                stream_ >> numbers_;
-                break;
-            case kReadAnys:
-                stream_ >> anys_;
-                break;
-            default:
-                stream_ >> container_;
-                container_.getExceptionData(exception_);
-                break;
-        }
-    }
-
+    int half() const { return stream_.getDataSize() / 2; }
     void readCharacters() {
         char* characters = nullptr;
         stream_ >> characters;
         std::unique_ptr<char[]> const owned(characters);
         oid_.setIdString(characters);
     }
-
-    void change(unsigned char step) {
-        int const half = stream_.getDataSize() / 2;
-        switch (step) {
-            case kSkip:
-                stream_.unmarshall(nullptr, 3);
-                break;
-            case kRewind:
-                stream_.rewind();
-                break;
-            case kClear:
-                stream_.clear();
-                break;
-            case kCopy:
-                nested_ = stream_;
-                break;
-            case kWriteNumber:
-                stream_ << number_;
-                break;
-            case kWriteOwnBytes:
-                stream_.marshall(stream_.getDataPtr() + half, stream_.getDataSize() - half);
-                break;
-            case kWriteNestedSelf:
-                stream_ << stream_ << nested_;
-                break;
-            case kSetOwnBytes:
-                stream_.setData(stream_.getDataPtr(), half);
-                break;
-            default:
-                stream_ << truth_ << text_ << oid_ << any_ << numbers_ << anys_ << container_;
-                break;
-        }
+    void readAny() {
+        stream_ >> any_;
+        any_.extract(text_);
+    }
+    void readContainer() {
+        stream_ >> container_;
+        container_.getExceptionData(exception_);
+    }
+    void writeBackAll() {
+        stream_ << truth_ << text_ << oid_ << any_ << numbers_ << anys_ << container_;
     }
 
     TipprmiStream stream_;
@@ -151,6 +84,8 @@ private:
     TipprmiGeneralException exception_;
 };
 
+/** An input: the number of steps, one byte each, then the payload of an arrived message, which
+ * begins with the number of its data bytes. */
 void runStream(std::uint8_t const* data, std::size_t size) {
     if (size == 0)
         return;
@@ -163,7 +98,7 @@ void runStream(std::uint8_t const* data, std::size_t size) {
         std::memcpy(message.buf(), payload, bytes);
     Reader reader(message);
     for (std::size_t i = 0; i < steps; ++i)
-        reader.take(data[1 + i] % kSteps);
+        reader.take(data[1 + i]);
 }
 
 }  // namespace

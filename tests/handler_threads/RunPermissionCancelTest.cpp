@@ -34,30 +34,21 @@ protected:
 };
 
 TEST_F(RunPermissionCancel, QueuedThreadLeavesTheQueueFromAnyPlace) {
-    for (int place = 0; place < 3; ++place) {
-        Run::enterHandlerState(true);
-        std::vector<std::unique_ptr<TestThread>> threads;
-        for (int i = 0; i < 3; ++i)
-            threads.push_back(queuedThread());
-        threads[place]->cancel();
-        EXPECT_TRUE(threads[place]->join());
-        EXPECT_TRUE(queueGrowsTo(2));
-        EXPECT_EQ(Run::handlerThreads().size(), 3u) << "its handler state ended with it";
-        turns_ = 0;
-        Run::leaveHandlerState(true);
-        threads.clear();
-        EXPECT_EQ(turns_, 2);
-    }
-}
-
-TEST_F(RunPermissionCancel, LastOneInTheQueueLeavesItEmpty) {
-    Run::enterHandlerState(true);
-    auto const thread = queuedThread();
-    thread->cancel();
-    EXPECT_TRUE(thread->join());
-    EXPECT_TRUE(queueGrowsTo(0));
-    EXPECT_TRUE(Run::hasRunPermission());
-    Run::leaveHandlerState(true);
+    for (unsigned int const length : {1u, 3u})
+        for (unsigned int place = 0; place < length; ++place) {
+            Run::enterHandlerState(true);
+            std::vector<std::unique_ptr<TestThread>> threads;
+            for (unsigned int i = 0; i < length; ++i)
+                threads.push_back(queuedThread());
+            threads[place]->cancel();
+            EXPECT_TRUE(threads[place]->join());
+            EXPECT_TRUE(queueGrowsTo(length - 1));
+            EXPECT_EQ(Run::handlerThreads().size(), length) << "its handler state ended with it";
+            turns_ = 0;
+            Run::leaveHandlerState(true);
+            threads.clear();
+            EXPECT_EQ(turns_, static_cast<int>(length - 1));
+        }
 }
 
 // Cancellation and hand-over meet in either order: the turn always goes on to the next.
@@ -134,10 +125,7 @@ TEST_F(RunPermissionCancel, CancelledConditionWaitTakesThePermissionBackAndUnloc
     thread.cancel();
     EXPECT_TRUE(thread.join());
     EXPECT_TRUE(hadItOnTheWay);
-    bool const isFree = condition.trylock();
-    if (isFree)
-        condition.unlock();
-    EXPECT_TRUE(isFree);
+    OSWrap::Lock<TreflectConditionVar> const free(condition);
 }
 
 // Many threads queue, hold and are cancelled at random moments: afterwards nothing is stuck.

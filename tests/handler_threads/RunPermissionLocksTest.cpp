@@ -51,14 +51,6 @@ TEST_F(RunPermissionGuards, HandlerStateGivesWhatIsMissingAndTakesNoMore) {
     EXPECT_TRUE(log.records().empty());
 }
 
-TEST_F(RunPermissionGuards, HandlerStateUndoesAPermissionTakenInside) {
-    {
-        TreflectHandlerState const guard(false);
-        Run::getRunPermission();
-    }
-    EXPECT_EQ(stateNow(), none);
-}
-
 TEST_F(RunPermissionGuards, RestorePutsBackAnyStateFromAnyOther) {
     for (State before : {none, handler, holder})
         for (State inside : {none, handler, holder}) {
@@ -72,11 +64,16 @@ TEST_F(RunPermissionGuards, RestorePutsBackAnyStateFromAnyOther) {
     bringInto(none);
 }
 
-TEST_F(RunPermissionGuards, RestoreUndoesNestedStatesAndLevels) {
+TEST_F(RunPermissionGuards, NestedStatesAndLevelsAreUndone) {
     {
         TreflectRestoreHandlerState const guard;
         Run::enterHandlerState(true);
         Run::enterHandlerState(false);
+        Run::getRunPermission();
+    }
+    EXPECT_EQ(stateNow(), none);
+    {
+        TreflectHandlerState const guard(false);
         Run::getRunPermission();
     }
     EXPECT_EQ(stateNow(), none);
@@ -171,21 +168,19 @@ TYPED_TEST(RunPermissionLocks, FreeLockKeepsThePermissionUnlessItAlwaysGivesItBa
 
 TYPED_TEST(RunPermissionLocks, SecondLevelKeepsThePermissionWhileBlocked) {
     Gate locked;
-    std::atomic<bool> unlock{false};
+    Gate twice;
     TestThread blocker([&] {
         OSWrap::Lock<TypeParam> const lock(this->lockable_);
         locked.open();
-        EXPECT_TRUE(testsupport::eventually([&] { return unlock.load(); }));
+        EXPECT_TRUE(twice.wait());
+        EXPECT_TRUE(testsupport::eventually([] { return Run::getRunPermissionCount() == 1; }));
+        EXPECT_NE(Run::getRunPermissionOwner(), 0u);
     });
     ASSERT_TRUE(locked.wait());
     LogCapture log;
     TreflectHandlerState const state(true);
     Run::getRunPermission();
-    TestThread observer([&] {
-        EXPECT_TRUE(testsupport::eventually([] { return Run::getRunPermissionCount() == 1; }));
-        EXPECT_NE(Run::getRunPermissionOwner(), 0u);
-        unlock = true;
-    });
+    twice.open();
     this->lockable_.lock();
     EXPECT_EQ(Run::getRunPermissionCount(), 1u);
     this->lockable_.unlock();
@@ -218,7 +213,7 @@ protected:
 using Conditions = testing::Types<TreflectConditionVar, OSWrap::RunPermConditionVar>;
 TYPED_TEST_SUITE(RunPermissionConditions, Conditions, );
 
-TYPED_TEST(RunPermissionConditions, WaitLetsAnotherHolderSignal) {
+TYPED_TEST(RunPermissionConditions, WaitLetsAnotherHolderSignalAndTellsThatTheTimeRanOut) {
     bool ready = false;  // guarded by the condition's mutex
     TreflectHandlerState const state(true);
     TestThread signaller([&] {
@@ -231,11 +226,6 @@ TYPED_TEST(RunPermissionConditions, WaitLetsAnotherHolderSignal) {
     while (!ready)
         ASSERT_TRUE(this->condition_.wait(OSWrap::TimeSpec(30, 0)));
     EXPECT_TRUE(Run::hasRunPermission());
-}
-
-TYPED_TEST(RunPermissionConditions, WaitTellsThatTheTimeRanOut) {
-    TreflectHandlerState const state(true);
-    OSWrap::Lock<TypeParam> const lock(this->condition_);
     EXPECT_FALSE(this->condition_.wait(OSWrap::TimeSpec(0, 1'000'000)));
     EXPECT_TRUE(Run::hasRunPermission());
 }

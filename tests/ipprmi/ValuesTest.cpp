@@ -88,15 +88,6 @@ TEST(Any, GoesIntoAStreamAndComesOutOfItWithoutALength) {
     EXPECT_EQ(2, any.getDataSize());
 }
 
-TEST(Any, ValueTooLargeSpoilsTheMessageItIsWrittenTo) {
-    TipprmiAny any;
-    any.insert(std::string(Transport::kLargestMessage, 'x'));
-    EXPECT_TRUE(any.hasUnmarshallingFailed());
-    TipprmiStream stream(100);
-    stream << any;
-    EXPECT_TRUE(stream.hasUnmarshallingFailed());
-}
-
 TEST(Sequence, IsACountAndItsElements) {
     TipprmiSequence<unsigned int, 0u> numbers;
     numbers.push_back(7);
@@ -113,18 +104,10 @@ TEST(Sequence, IsACountAndItsElements) {
     anys.setLength(2);
     anys[1].insert(true);
     EXPECT_EQ("00000002000000000000000400000001", wireForm(anys));
-    generateParamSeq(anys);
-    EXPECT_EQ(2u, anys.getLength());
-}
-
-TEST(Sequence, ElementsOfAFormerReadDoNotShineThrough) {
-    TipprmiStream stream(100);
-    stream << 1u << 0;
-    TipprmiSequence<TipprmiAny, 0u> anys;
-    anys.setLength(1);
-    anys[0].insert(5u);
-    stream >> anys;
-    EXPECT_TRUE(anys[0].empty());
+    TipprmiStream empty(100);
+    empty << 1u << 0;
+    empty >> anys;
+    EXPECT_TRUE(anys[0].empty()) << "elements of a former read do not shine through";
 }
 
 TEST(Sequence, CountIsBoundedByWhatCouldHaveArrived) {

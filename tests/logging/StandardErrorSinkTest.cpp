@@ -30,20 +30,11 @@ public:
     }
     ~RedirectedError() {
         putBack();
-        closeReader();
-    }
-    void putBack() {
-        if (former_ < 0)
-            return;
-        dup2(former_, STDERR_FILENO);
         close(former_);
-        former_ = -1;
+        close(reader_);
     }
-    void closeReader() {
-        if (reader_ >= 0)
-            close(reader_);
-        reader_ = -1;
-    }
+    void putBack() { dup2(former_, STDERR_FILENO); }
+    void loseReader() { dup2(former_, reader_); }
     /** Reads what there is without waiting. */
     void drain() {
         fcntl(reader_, F_SETFL, O_NONBLOCK);
@@ -62,7 +53,7 @@ public:
     }
 
 private:
-    int former_;
+    int const former_;
     int reader_ = -1;
     std::string text_;
 };
@@ -124,16 +115,13 @@ TEST(StandardErrorSink, dropsAndCountsWhatAStuckReaderDoesNotTake) {
 
         unsigned long reported = 0;
         unsigned long arrived = 0;
+        std::regex const report(".* (\\d+) log records dropped: standard error had no room");
         for (std::string const& line : error.lines()) {
-            unsigned long lost = 0;
-            std::size_t const found = line.find(" log records dropped: standard error had no room");
-            std::size_t const number =
-                found == std::string::npos ? found : line.rfind(' ', found - 1);
-            if (number != std::string::npos &&
-                std::sscanf(line.c_str() + number, "%lu", &lost) == 1)
-                reported += lost;
-            else if (line.find("a record of some length") != std::string::npos)
-                arrived += 1;
+            std::smatch count;
+            if (std::regex_match(line, count, report))
+                reported += std::stoul(count[1]);
+            else
+                arrived += line.find("a record of some length") != std::string::npos;
         }
         EXPECT_GT(reported, 0u);
         EXPECT_GT(arrived, 0u);
@@ -147,7 +135,7 @@ TEST(StandardErrorSink, dropsAndCountsWhatAStuckReaderDoesNotTake) {
 TEST(StandardErrorSink, outlivesAReaderThatHasGone) {
     ::signal(SIGPIPE, SIG_DFL);
     RedirectedError error;
-    error.closeReader();
+    error.loseReader();
     std::vector<std::string> const none = linesOf(10, 3, error);
     EXPECT_TRUE(none.empty());
     sigset_t pending;

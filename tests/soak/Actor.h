@@ -4,9 +4,9 @@
 #include <array>
 #include <condition_variable>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "Journal.h"
 #include "SoakObject.h"
@@ -27,36 +27,61 @@ struct Settings {
  * permission, which none of its functions gives up. */
 class KnownObjects {
 public:
-    void offer(TreflectObject const& object, std::string const& name);
+    void offer(TreflectObject const& object, std::string const& name) {
+        auto& [handle, itsName] = all_[next_++ % all_.size()];
+        handle.share_(object);
+        itsName = name;
+    }
     /** A share of one of them and its name, or nothing. */
-    std::string take(unsigned int index, Client& handle) const;
+    std::string take(unsigned int index, Client& handle) const {
+        auto const& [known, name] = all_[index % all_.size()];
+        if (!name.empty())
+            handle.share_(known);
+        return name;
+    }
 
 private:
-    struct Known {
-        Client handle;
-        std::string name;
-    };
-    std::array<Known, 16> all_;
+    std::array<std::pair<Client, std::string>, 16> all_;
     unsigned int next_ = 0;
 };
 
 /** Lets the threads act or rest, as the supervisor wants it. */
 class Turn {
 public:
-    void go();
+    void go() { set(acting); }
+    void end() { set(ended); }
     /** Returns when all threads rest. */
-    void rest();
-    void end();
+    void rest() {
+        set(resting);
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return busy_ == 0; });
+    }
 
     /** Waits until the thread may act; false when it is to end. */
-    bool begin();
-    void finish();
+    bool begin() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return state_ != resting; });
+        busy_ += state_ == acting;
+        return state_ == acting;
+    }
+    void finish() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        --busy_;
+        changed_.notify_all();
+    }
 
 private:
+    enum State { resting, acting, ended };
+
+    void set(State state) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        state_ = state;
+        changed_.notify_all();
+    }
+
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool acting_ = false;    // guarded by mutex_
-    bool ended_ = false;     // guarded by mutex_
+    State state_ = resting;  // guarded by mutex_
     unsigned int busy_ = 0;  // guarded by mutex_
 };
 
@@ -64,18 +89,31 @@ private:
 struct Actor {
     explicit Actor(Settings const& all) : settings(all), journal(all.journal) {}
 
+    /** Makes a call, and writes down when it has ended and whether its answer was `expected`. */
+    template <class T, class Call>
+    TipprmiResult<T> record(std::string const& target, char const* what, T const& expected,
+                            Call const& call) {
+        long long const begin = now();
+        TipprmiResult<T> const result = call();
+        std::ostringstream verdict;
+        if (!result)
+            verdict << (result.code() == TipprmiFailure::kVetoed ? "vetoed" : "failed");
+        else if (result.value() == expected)
+            verdict << "ok";
+        else
+            verdict << "wrong:" << result.value();
+        journal.write("call", begin, target, verdict.str(), what);
+        return result;
+    }
+
     Settings const settings;
     Journal journal;
     Turn turn;
     // Guarded by the run permission, as all below.
     KnownObjects known;
-    unsigned int lastRegistration = 0;
-    std::map<std::string, unsigned int> sent;      // one-way calls, by the broker that took them
+    unsigned int registrations = 0;
+    std::map<unsigned int, unsigned int> sent;     // one-way calls, by the broker that took them
     std::map<std::string, unsigned int> received;  // by the name of the actor that they come from
-
-    std::string nextRegistration() {
-        return settings.name() + "." + std::to_string(++lastRegistration);
-    }
 };
 
 }  // namespace soak

@@ -38,17 +38,9 @@ struct Fault {
     std::vector<std::string> evidence;
 };
 
-/** How often something was there to be judged: a soak that judges nothing has shown nothing. */
-struct Tally {
-    unsigned long creationsOnce = 0;
-    unsigned long deletionsOnce = 0;
-    unsigned long creationsAtLeastOnce = 0;
-    unsigned long calls = 0;
-    unsigned long callsFailed = 0;
-    unsigned long callsVetoed = 0;
-    unsigned long callsAcrossKill = 0;
-    unsigned long oneWayBalances = 0;
-};
+/** How often something was there to be judged, by what it is: a soak that judges nothing has shown
+ * nothing. */
+using Tally = std::map<std::string, unsigned long>;
 
 /**
  * Takes the events of each stretch in the order of their time, then judges at a fence: a moment at
@@ -59,7 +51,6 @@ class Checker {
 public:
     explicit Checker(Limits limits) : limits_(limits) {}
 
-    void started(Life life, long long at);
     /** `at`: just before the signal was sent. */
     void killed(Life life, long long at);
     void take(Life life, Event const& event);
@@ -69,7 +60,10 @@ public:
     bool hasMet(Life life, std::string const& termination) const;
 
     std::vector<Fault> const& faults() const { return faults_; }
-    void report(Fault fault) { faults_.push_back(std::move(fault)); }
+    void report(std::string const& invariant, std::string const& text,
+                std::vector<std::string> const& evidence = {}) {
+        faults_.push_back({invariant, text, evidence});
+    }
     Tally const& tally() const { return tally_; }
 
 private:
@@ -79,7 +73,6 @@ private:
         unsigned int classIndex = 0;
         bool creations = false;
         bool plusExisting = false;
-        long long begin = kNever;
         long long done = kNever;
         long long removal = kNever;  // begin of it
         long long removed = kNever;
@@ -91,8 +84,8 @@ private:
         std::string broker;
         std::map<std::string, long long> met;  // by termination
         std::map<std::string, Registration> registrations;
-        std::map<std::string, unsigned long> sent;      // by broker
-        std::map<std::string, unsigned long> received;  // by text of Life
+        std::map<std::string, long long> sent;      // by broker
+        std::map<std::string, long long> received;  // by text of Life
     };
     struct SoakedObject {
         Life publisher;
@@ -107,14 +100,11 @@ private:
     void takeRegistration(Life life, Event const& event);
     void takeObject(Life life, Event const& event);
     void takeTold(Life life, Event const& event);
-    void takeAction(Life life, Event const& event);
     void takeCall(Life life, Event const& event);
     /** Whether an object was there to be called in all of a stretch of time. */
     bool wasThere(std::string const& target, long long from, long long to) const;
-    bool wasUp(unsigned int actor, long long from, long long to) const;
     /** The last kill of the process of `target` in a stretch of time; -1 for none. */
     long long lastKill(std::string const& target, long long from, long long to) const;
-    void judge(std::string const& name, SoakedObject const& object);
     void judge(std::string const& name, SoakedObject const& object, Life subscriber,
                std::string const& id, Registration const& registration);
     /** When the subscriber's broker had caught up with the publisher's. */

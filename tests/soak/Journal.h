@@ -18,50 +18,65 @@
 //   fault TEXT                    something that must not be
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 namespace soak {
 
 /** Microseconds of a clock that all processes of the machine share. */
-long long now();
+inline long long now() {
+    auto const time = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
 
 struct Event {
     long long at = 0;
     std::string verb;
     std::vector<std::string> words;
 
-    /** The word of this index, empty when there is none. */
-    std::string const& word(std::size_t index) const;
-    long long number(std::size_t index) const;
+    explicit Event(std::string const& line) {
+        std::istringstream input(line);
+        input >> at >> verb;
+        for (std::string word; input >> word;)
+            words.push_back(word);
+    }
+    long long number(std::size_t index) const {
+        return std::strtoll(words.at(index).c_str(), nullptr, 10);
+    }
 };
-
-/** Nothing read: an event without a verb. */
-Event parsed(std::string const& line);
 
 /** The writing end. A line is written at once and in one piece, so that it stands in the file
  * though its process is killed in the next moment. Any thread. */
 class Journal {
 public:
-    explicit Journal(std::string const& path);
-    Journal(Journal const&) = delete;
-    Journal& operator=(Journal const&) = delete;
+    explicit Journal(std::string const& path)
+        : descriptor_(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {
+        if (descriptor_ < 0)
+            throw std::system_error(errno, std::generic_category(), path);
+    }
 
     template <class... Words>
     void write(char const* verb, Words const&... words) {
-        std::string line = std::to_string(now()) + " " + verb;
-        (append(line, words), ...);
-        writeLine(std::move(line));
+        std::ostringstream text;
+        text << now() << " " << verb;
+        ((text << " " << words), ...);
+        std::string const line = text.str() + "\n";
+        while (::write(descriptor_, line.data(), line.size()) < 0 && errno == EINTR) {
+        }
     }
 
 private:
-    static void append(std::string& line, std::string const& word) { line += " " + word; }
-    static void append(std::string& line, long long number) {
-        line += " " + std::to_string(number);
-    }
-    void writeLine(std::string line);
-
     int const descriptor_;
 };
 
@@ -70,10 +85,27 @@ class JournalReader {
 public:
     explicit JournalReader(std::string path) : path_(std::move(path)) {}
 
-    std::vector<Event> read();
+    std::vector<Event> read() {
+        std::vector<Event> events;
+        std::ifstream file(path_);
+        file.seekg(position_);
+        for (std::string line; std::getline(file, line) && !file.eof();) {
+            position_ += static_cast<long long>(line.size()) + 1;
+            events.emplace_back(line);
+        }
+        return events;
+    }
     std::string const& path() const { return path_; }
     /** Begins anew what has become long, while nobody writes. The lines before are kept beside. */
-    void rotate();
+    void rotate() {
+        constexpr long long kLongFile = 16 << 20;  // bytes
+        if (position_ < kLongFile)
+            return;
+        std::filesystem::copy_file(path_, path_ + ".before",
+                                   std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::resize_file(path_, 0);
+        position_ = 0;
+    }
 
 private:
     std::string path_;

@@ -1,6 +1,7 @@
 // The objects that actors serve, their classes, and the handle on them.
 #pragma once
 
+#include <cstdlib>
 #include <functional>
 #include <string>
 
@@ -60,6 +61,10 @@ inline TreflectMetaObject& metaOf(unsigned int index) {
 inline std::string homeOf(unsigned int actor) {
     return "home." + std::to_string(actor);
 }
+/** The actor of a name: of "home.ACTOR" and of "o.ACTOR.LIFE...". */
+inline unsigned int actorOf(std::string const& name) {
+    return static_cast<unsigned int>(std::atoi(name.c_str() + name.find('.') + 1));
+}
 inline TipprmiOID named(std::string const& name) {
     return TipprmiOID(name, NSID_UNIT);
 }
@@ -70,40 +75,32 @@ inline std::string nameOf(TreflectObject const& handle) {
     return carried.getIdString() ? carried.getIdString() : "";
 }
 
-/** Told before and after the events of an object are sent. */
-struct Announcement {
-    std::function<void(char const* verb, std::string const& name)> write;
-};
-
 class Object final : public TreflectServerObject {
 public:
-    using Notes = std::function<void(std::string const& from)>;
+    /** What an object tells: "create" and "delete" before those events are sent, "created" and
+     * "deleted" after that, each with its name, and "note" with what it was sent. */
+    using Tell = std::function<void(char const* what, std::string const& text)>;
 
-    /** One that is not announced and takes notes. */
-    Object(std::string const& name, std::string const& shortName, unsigned int number, Notes notes)
-        : TreflectServerObject(named(name), nullptr, shortName),
-          meta_(soakMeta),
-          name_(name),
-          number_(number),
-          notes_(std::move(notes)) {}
-    /** One of the class `index`, which is announced. */
+    /** One of the class `meta`, which is announced unless that is the class of all. */
     Object(std::string const& name, std::string const& shortName, unsigned int number,
-           unsigned int index, TreflectObject const* parent, Announcement announcement)
+           TreflectMetaClass const& meta, TreflectObject const* parent, Tell tell)
         : TreflectServerObject(named(name), parent, shortName),
-          meta_(classOf(index)),
+          meta_(meta),
           name_(name),
           number_(number),
-          announcement_(std::move(announcement)) {
-        announcement_.write("create", name_);
+          tell_(std::move(tell)) {
+        if (&meta_ == &soakMeta)
+            return;
+        tell_("create", name_);
         sendCreationEvent();
-        announcement_.write("created", name_);
+        tell_("created", name_);
     }
     ~Object() override {
-        if (!announcement_.write)
+        if (&meta_ == &soakMeta)
             return;
-        announcement_.write("delete", name_);
+        tell_("delete", name_);
         sendDeletionEvent();
-        announcement_.write("deleted", name_);
+        tell_("deleted", name_);
     }
 
     unsigned int getServerClassId() const override { return meta_.getClassId(); }
@@ -135,17 +132,13 @@ public:
     unsigned int getLevel() { return level_; }
     void setLevel(unsigned int level) { level_ = level; }
     inline TipprmiResult<unsigned int> relay(std::string const& path);
-    void note(std::string const& from) {
-        if (notes_)
-            notes_(from);
-    }
+    void note(std::string const& from) { tell_("note", from); }
 
 private:
     TreflectMetaClass const& meta_;
     std::string const name_;
     unsigned int const number_;
-    Notes const notes_;
-    Announcement const announcement_;
+    Tell const tell_;
     unsigned int level_ = 0;  // guarded by the run permission
 };
 
@@ -159,8 +152,13 @@ public:
     TipprmiResult<unsigned int> getNumber() const {
         return treflectCall(*this, kClass, kGetNumber, &Object::getNumber);
     }
-    TipprmiResult<void> setLevel(unsigned int level) const {
-        return treflectCall(*this, kClass, kSetLevel, &Object::setLevel, level);
+    /** The new level. */
+    TipprmiResult<unsigned int> setLevel(unsigned int level) const {
+        return levelOr(treflectCall(*this, kClass, kSetLevel, &Object::setLevel, level), level);
+    }
+    /** The same by the attribute's name. */
+    TipprmiResult<unsigned int> storeLevel(unsigned int level) const {
+        return levelOr(attribute("Level").store(level), level);
     }
     /** Calls the objects "home" of the actors in `path` (numbers with dots between), one inside the
      * other. */
@@ -169,6 +167,12 @@ public:
     }
     TipprmiResult<void> note(std::string const& from) const {
         return tipprmiSend(*this, kClass, kNote, from);
+    }
+
+private:
+    static TipprmiResult<unsigned int> levelOr(TipprmiResult<void> const& done,
+                                               unsigned int level) {
+        return done ? TipprmiResult<unsigned int>(level) : TipprmiFailure(done.code());
     }
 };
 

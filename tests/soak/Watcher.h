@@ -1,8 +1,10 @@
 // Observers: of creations and deletions, of calls, of brokers.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Actor.h"
@@ -16,38 +18,90 @@ public:
     /** How it behaves when told. */
     enum class Habit { plain, asksBack, leavesAtOnce };
 
-    Watcher(Actor& actor, unsigned int classIndex, Kind kind, bool plusExisting, Habit habit);
+    Watcher(Actor& actor, unsigned int classIndex, Kind kind, bool plusExisting, Habit habit)
+        : TreflectObserver(named(""), nullptr, "watcher"),
+          actor_(actor),
+          classIndex_(classIndex),
+          habit_(habit),
+          id_(actor.settings.name() + "." + std::to_string(++actor.registrations)) {
+        ++busy_;
+        actor_.journal.write("observe", id_, classIndex_, text(kind), plusExisting);
+        if (kind == Kind::creations)
+            metaOf(classIndex_).observeCreations(this, plusExisting);
+        else
+            metaOf(classIndex_).observeDeletions(this);
+        // One that was removed meanwhile, by itself, never was an observer after this.
+        actor_.journal.write("observing", id_);
+        --busy_;
+    }
 
-    void observe();
     /** Ends the registration; no effect when it has been ended. */
-    void unobserve();
+    void unobserve() {
+        if (removed_)
+            return;
+        removed_ = true;
+        ++busy_;
+        actor_.journal.write("unobserve", id_);
+        metaOf(classIndex_).removeObserver(this);
+        actor_.journal.write("unobserved", id_);
+        --busy_;
+    }
     /** Whether it may be destroyed: removed, and in no thread's hands. */
     bool isOver() const { return removed_ && busy_ == 0; }
 
-    bool update() override;
+    bool update() override {
+        ++busy_;
+        TreflectObject const& source = *getSource();
+        std::string const name = nameOf(source);
+        actor_.journal.write("told", id_, name);
+        actor_.known.offer(source, name);
+        if (habit_ == Habit::leavesAtOnce)
+            unobserve();
+        if (habit_ == Habit::asksBack) {
+            Client handle;
+            handle.share_(source);
+            actor_.record(name, "asked-by-observer", name, [&] { return handle.getName(); });
+        }
+        --busy_;
+        return true;
+    }
 
 private:
-    class Busy;
-
     Actor& actor_;
     unsigned int const classIndex_;
-    Kind const kind_;
-    bool const plusExisting_;
     Habit const habit_;
     std::string const id_;
     bool removed_ = false;
     unsigned int busy_ = 0;  // threads inside, which may give up the permission
 };
 
+using Watchers = std::vector<std::unique_ptr<Watcher>>;
+
 /** Ends registrations, and destroys the watchers when no thread is in them any more. Without the
  * permission. */
-void retire(std::vector<std::unique_ptr<Watcher>>& watchers);
+inline void retire(Watchers& watchers) {
+    while (!watchers.empty()) {
+        {
+            TreflectHandlerState const inside(true);
+            watchers.back()->unobserve();
+            if (watchers.back()->isOver()) {
+                watchers.pop_back();
+                continue;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
 
 /** Forbids calls with an odd argument. */
 class Guard final : public TreflectObserver {
 public:
     Guard() : TreflectObserver(named(""), nullptr, "guard") {}
-    bool update() override;
+    bool update() override {
+        unsigned int level = 0;
+        argument(0, level);
+        return level % 2 == 0;
+    }
 };
 
 /** Writes down which brokers have been caught up with. */
@@ -61,24 +115,5 @@ public:
 private:
     Journal& journal_;
 };
-
-/** Writes down a call that has ended, and whether its answer was `expected`. */
-template <class T>
-bool record(Actor& actor, long long begin, std::string const& target, char const* what,
-            TipprmiResult<T> const& result, T const& expected) {
-    std::string verdict = "ok";
-    if (!result)
-        verdict = result.code() == TipprmiFailure::kVetoed ? "vetoed" : "failed";
-    else if (result.value() != expected)
-        verdict = "wrong";
-    if (verdict == "wrong") {
-        if constexpr (std::is_same_v<T, std::string>)
-            verdict += ":" + result.value();
-        else
-            verdict += ":" + std::to_string(result.value());
-    }
-    actor.journal.write("call", begin, target, verdict, what);
-    return verdict == "ok";
-}
 
 }  // namespace soak

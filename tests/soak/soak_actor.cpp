@@ -8,26 +8,22 @@
 //   quit      end
 //
 // With the argument "beacon" alone it is nothing but a broker, which answers "start TERMINATION".
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "ActorSide.h"
 #include "Player.h"
 
 namespace {
 
 using namespace soak;
+using testsupport::answer;
 
 constexpr unsigned int kPlayers = 2;
-
-void answer(std::string const& line) {
-    std::fputs((line + "\n").c_str(), stdout);
-    std::fflush(stdout);
-}
 
 class Process {
 public:
@@ -37,9 +33,10 @@ public:
         orb.registerOrbDeletion(&brokers_);
         actor_.journal.write("start", orb.termId().value(), orb.orbId().value());
         TreflectHandlerState const inside(true);
-        home_ =
-            std::make_unique<Object>(homeOf(settings.actor), homeOf(settings.actor), settings.life,
-                                     [this](std::string const& from) { ++actor_.received[from]; });
+        std::string const home = homeOf(settings.actor);
+        home_ = std::make_unique<Object>(
+            home, home, settings.life, soakMeta, nullptr,
+            [this](char const*, std::string const& from) { ++actor_.received[from]; });
         registerAnchors();
         actor_.journal.write("up");
         for (unsigned int i = 0; i < kPlayers; ++i)
@@ -71,31 +68,23 @@ public:
 private:
     /** First of all, while others do the same: they subscribe here while we subscribe there. */
     void registerAnchors() {
-        for (unsigned int i = 0; i < kClasses; ++i) {
-            for (Kind const kind : {Kind::creations, Kind::deletions}) {
-                if (!hasAnchor(i, kind))
-                    continue;
-                anchors_.push_back(std::make_unique<Watcher>(
-                    actor_, i, kind, kind == Kind::creations, Watcher::Habit::plain));
-                anchors_.back()->observe();
-            }
-        }
+        for (unsigned int i = 0; i < kClasses; ++i)
+            for (Kind const kind : {Kind::creations, Kind::deletions})
+                if (hasAnchor(i, kind))
+                    anchors_.push_back(std::make_unique<Watcher>(
+                        actor_, i, kind, kind == Kind::creations, Watcher::Habit::plain));
     }
     void obey(std::string const& order) {
-        if (order == "go") {
+        if (order == "go")
             actor_.turn.go();
-        } else if (order == "rest") {
+        if (order == "rest")
             actor_.turn.rest();
-        } else if (order == "tell") {
-            tellOneWayCalls();
-        } else if (order == "clear") {
-            TreflectHandlerState const inside(true);
+        TreflectHandlerState const inside(true);
+        if (order == "clear")
             for (auto const& player : players_)
                 player->clear();
-        }
-    }
-    void tellOneWayCalls() {
-        TreflectHandlerState const inside(true);
+        if (order != "tell")
+            return;
         for (auto const& [broker, count] : actor_.sent)
             actor_.journal.write("sent", broker, count);
         for (auto const& [from, count] : actor_.received)
@@ -105,17 +94,10 @@ private:
     Actor actor_;
     BrokerWatcher brokers_;
     std::unique_ptr<Object> home_;
-    std::vector<std::unique_ptr<Watcher>> anchors_;
+    Watchers anchors_;
     std::vector<std::unique_ptr<Player>> players_;
     std::vector<std::thread> threads_;
 };
-
-int beacon() {
-    answer("start " + std::to_string(TreflectORB::getInstance(NSID_UNIT)->termId().value()));
-    for (std::string line; std::getline(std::cin, line);) {
-    }
-    return EXIT_SUCCESS;
-}
 
 unsigned int number(char const* text) {
     return static_cast<unsigned int>(std::strtoul(text, nullptr, 10));
@@ -124,12 +106,15 @@ unsigned int number(char const* text) {
 }  // namespace
 
 int main(int count, char** arguments) {
-    if (count == 2 && std::string(arguments[1]) == "beacon")
-        return beacon();
+    if (count == 2) {  // the beacon
+        answer("start ", TreflectORB::getInstance(NSID_UNIT)->termId().value());
+        std::cin.ignore(std::numeric_limits<std::streamsize>::max());
+        return EXIT_SUCCESS;
+    }
     if (count != 6)
         return EXIT_FAILURE;
-    Settings const settings{number(arguments[1]), number(arguments[2]), number(arguments[3]),
-                            number(arguments[4]), arguments[5]};
-    Process(settings).run();
+    Process({number(arguments[1]), number(arguments[2]), number(arguments[3]), number(arguments[4]),
+             arguments[5]})
+        .run();
     return EXIT_SUCCESS;
 }

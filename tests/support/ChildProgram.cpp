@@ -1,71 +1,46 @@
 #include "ChildProgram.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <ext/stdio_filebuf.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <istream>
 #include <system_error>
 
 #include "TestPrograms.h"
-
-extern char** environ;
 
 namespace testsupport {
 namespace {
 
 struct Pipe {
-    int readEnd = -1;
-    int writeEnd = -1;
+    int ends[2];
 
     Pipe() {
-        int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0)
             throw std::system_error(errno, std::generic_category(), "pipe");
-        readEnd = ends[0];
-        writeEnd = ends[1];
     }
+    int& readEnd() { return ends[0]; }
+    int& writeEnd() { return ends[1]; }
 };
 
-void closeDescriptor(int& descriptor) {
-    if (descriptor >= 0)
-        ::close(descriptor);
-    descriptor = -1;
-}
-
-std::vector<std::string> joined(std::vector<std::string> command,
-                                std::vector<std::string> const& arguments) {
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
-}
-
-/** The test's environment with additions, which win. */
-std::vector<std::string> mergedEnvironment(ChildProgram::Environment const& additions) {
-    std::vector<std::string> merged;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        std::string const text(*entry);
-        if (additions.count(text.substr(0, text.find('='))) == 0)
-            merged.push_back(text);
-    }
-    for (auto const& [name, value] : additions)
-        merged.push_back(name + "=" + value);
-    return merged;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    for (std::string& text : texts)
-        result.push_back(text.data());
-    result.push_back(nullptr);
-    return result;
+/** The whole command, which sets the environment before it becomes the program. */
+std::vector<std::string> joined(std::vector<std::string> const& command,
+                                std::vector<std::string> const& arguments,
+                                ChildProgram::Environment const& environment) {
+    std::vector<std::string> all{"env"};
+    for (auto const& [name, value] : environment)
+        all.push_back(name + "=" + value);
+    all.insert(all.end(), command.begin(), command.end());
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return all;
 }
 
 /** Ends the forked child at once. `_exit` would not do: the thread sanitizer, asked at that moment,
@@ -76,8 +51,8 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }
 
 /** In the forked child: only async-signal-safe calls until exec. */
-[[noreturn]] void becomeProgram(pid_t parent, int const (&standard)[3], char* const* arguments,
-                                char* const* environment) {
+[[noreturn]] void becomeProgram(pid_t parent, int const (&standard)[3], char* const* arguments) {
+    setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)
         giveUp();
@@ -88,17 +63,16 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     for (int i = 0; i < 3; ++i)
         if (dup2(standard[i], i) < 0)
             giveUp();
-    execvpe(arguments[0], arguments, environment);
+    execvp(arguments[0], arguments);
     giveUp();
 }
 
-/** Whether the thread of a status file of /proc has stopped. */
-bool isStopped(std::filesystem::path const& file) {
-    std::ifstream status(file);
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("State:\tT", 0) == 0)
-            return true;
-    return false;
+/** Whether a thread of another process has stopped. */
+bool isStopped(std::filesystem::path const& task) {
+    std::string stat;
+    std::getline(std::ifstream(task / "stat"), stat);
+    std::size_t const name = stat.rfind(") ");
+    return name != std::string::npos && stat[name + 2] == 'T';
 }
 
 }  // namespace
@@ -107,92 +81,53 @@ ChildProgram::ChildProgram(std::string const& name, std::vector<std::string> con
                            Environment const& environment)
     : ChildProgram(programCommand(name), arguments, environment) {}
 
-ChildProgram::ChildProgram(std::vector<std::string> command,
+ChildProgram::ChildProgram(std::vector<std::string> const& command,
                            std::vector<std::string> const& arguments,
                            Environment const& environment) {
-    start(joined(std::move(command), arguments), environment);
-    reader_ = std::thread([this] { readOutputs(); });
-}
-
-void ChildProgram::start(std::vector<std::string> const& command, Environment const& environment) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that is gone shows as a failed write
     Pipe in;
     Pipe out;
     Pipe error;
-    Pipe stop;
-    std::vector<std::string> commandTexts = command;
-    std::vector<std::string> environmentTexts = mergedEnvironment(environment);
-    std::vector<char*> const argv = pointers(commandTexts);
-    std::vector<char*> const envp = pointers(environmentTexts);
-    int const standard[3] = {in.readEnd, out.writeEnd, error.writeEnd};
+    std::vector<std::string> texts = joined(command, arguments, environment);
+    std::vector<char*> argv;
+    for (std::string& text : texts)
+        argv.push_back(text.data());
+    argv.push_back(nullptr);
+    int const standard[3] = {in.readEnd(), out.writeEnd(), error.writeEnd()};
     pid_t const parent = getpid();
     pid_ = fork();
     if (pid_ == 0)
-        becomeProgram(parent, standard, argv.data(), envp.data());
+        becomeProgram(parent, standard, argv.data());
     int const failure = errno;
-    ::close(in.readEnd);
-    ::close(out.writeEnd);
-    ::close(error.writeEnd);
-    input_ = in.writeEnd;
-    out_.descriptor = out.readEnd;
-    error_.descriptor = error.readEnd;
-    stopReading_ = stop.writeEnd;
-    readerStop_ = stop.readEnd;
+    for (int const end : standard)
+        ::close(end);
+    input_ = in.writeEnd();
     if (pid_ < 0)
         throw std::system_error(failure, std::generic_category(), "fork");
+    out_.reader = std::thread([this, end = out.readEnd()] { read(out_, end); });
+    error_.reader = std::thread([this, end = error.readEnd()] { read(error_, end); });
 }
 
 ChildProgram::~ChildProgram() {
-    if (!status_)
-        kill();
-    waitForExit(kPatience);
-    closeDescriptor(stopReading_);
-    reader_.join();
-    closeDescriptor(input_);
-    closeDescriptor(out_.descriptor);
-    closeDescriptor(error_.descriptor);
-    closeDescriptor(readerStop_);
+    kill();
+    waitForExit();
+    ::kill(-pid_, SIGKILL);  // what it has started itself may hold the outputs open
+    out_.reader.join();
+    error_.reader.join();
+    closeInput();
 }
 
-/** The reader's body; ends with both outputs, or when the destructor closes the stop pipe. */
-void ChildProgram::readOutputs() {
-    pollfd waits[3] = {
-        {out_.descriptor, POLLIN, 0}, {error_.descriptor, POLLIN, 0}, {readerStop_, POLLIN, 0}};
-    Output* const outputs[2] = {&out_, &error_};
-    while (waits[0].fd >= 0 || waits[1].fd >= 0) {
-        if (poll(waits, 3, -1) < 0 && errno != EINTR)
-            return;
-        for (int i = 0; i < 2; ++i) {
-            if (waits[i].fd < 0 || waits[i].revents == 0)
-                continue;
-            readSome(*outputs[i]);
-            std::lock_guard<std::mutex> const lock(mutex_);
-            if (outputs[i]->ended)
-                waits[i].fd = -1;
-        }
-        if (waits[2].revents != 0)
-            return;
+/** The body of a reader: ends when nobody can write any more. */
+void ChildProgram::read(Output& output, int descriptor) {
+    __gnu_cxx::stdio_filebuf<char> buffer(descriptor, std::ios::in);
+    std::istream input(&buffer);
+    for (std::string line; std::getline(input, line);) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        output.lines.push_back(std::move(line));
+        changed_.notify_all();
     }
-}
-
-void ChildProgram::readSome(Output& output) {
-    char buffer[4096];
-    ssize_t const size = ::read(output.descriptor, buffer, sizeof buffer);
-    if (size < 0 && errno == EINTR)
-        return;
     std::lock_guard<std::mutex> const lock(mutex_);
-    if (size <= 0) {
-        output.ended = true;
-        if (!output.unfinished.empty())
-            output.lines.push_back(std::move(output.unfinished));
-    } else {
-        output.unfinished.append(buffer, static_cast<std::size_t>(size));
-        std::size_t begin = 0;
-        for (std::size_t end; (end = output.unfinished.find('\n', begin)) != std::string::npos;
-             begin = end + 1)
-            output.lines.push_back(output.unfinished.substr(begin, end - begin));
-        output.unfinished.erase(0, begin);
-    }
+    output.ended = true;
     changed_.notify_all();
 }
 
@@ -211,25 +146,25 @@ bool ChildProgram::writeLine(std::string const& line) {
 }
 
 void ChildProgram::closeInput() {
-    closeDescriptor(input_);
+    if (input_ >= 0)
+        ::close(input_);
+    input_ = -1;
 }
 
 std::optional<std::string> ChildProgram::waitForLineIn(Output& output, std::string const& part,
                                                        std::chrono::milliseconds limit) {
-    auto const end = std::chrono::steady_clock::now() + limit;
     std::unique_lock<std::mutex> lock(mutex_);
-    for (std::size_t next = output.next;;) {
-        for (; next < output.lines.size(); ++next)
-            if (output.lines[next].find(part) != std::string::npos) {
-                output.next = next + 1;
-                return output.lines[next];
-            }
-        if (output.ended)
-            return std::nullopt;
-        if (changed_.wait_until(lock, end) == std::cv_status::timeout &&
-            next == output.lines.size())
-            return std::nullopt;
-    }
+    std::size_t next = output.next;
+    auto const found = [&] {
+        while (next < output.lines.size() && output.lines[next].find(part) == std::string::npos)
+            ++next;
+        return next < output.lines.size();
+    };
+    changed_.wait_for(lock, limit, [&] { return found() || output.ended; });
+    if (!found())
+        return std::nullopt;
+    output.next = next + 1;
+    return output.lines[next];
 }
 
 std::optional<std::string> ChildProgram::waitForLine(std::string const& part,
@@ -268,7 +203,7 @@ bool ChildProgram::stopWholly(std::chrono::milliseconds limit) {
         [&] {
             std::filesystem::directory_iterator const all(tasks);
             return std::all_of(begin(all), end(all),
-                               [](auto const& task) { return isStopped(task.path() / "status"); });
+                               [](auto const& task) { return isStopped(task.path()); });
         },
         limit);
 }
@@ -283,14 +218,10 @@ std::optional<int> ChildProgram::waitForExit(std::chrono::milliseconds limit) {
                         },
                         limit))
         return std::nullopt;
-    waitForOutputEnd(std::chrono::seconds(1));
-    return status_;
-}
-
-/** What a dead child has written is in the pipes; the reader only has to get there. */
-void ChildProgram::waitForOutputEnd(std::chrono::milliseconds limit) {
+    // What a dead child has written is in the pipes; the readers only have to get there.
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, limit, [this] { return out_.ended && error_.ended; });
+    changed_.wait_for(lock, std::chrono::seconds(1), [this] { return out_.ended && error_.ended; });
+    return status_;
 }
 
 int ChildProgram::exitCode(std::chrono::milliseconds limit) {

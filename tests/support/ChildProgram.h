@@ -17,7 +17,7 @@ namespace testsupport {
 
 /**
  * A program that a test has started (fork and exec) and that ends with this object at the latest.
- * A thread of its own reads both outputs, so that the child never blocks on them.
+ * Threads of its own read both outputs, so that the child never blocks on them.
  *
  * Start it on a thread that lives as long as the child shall: the kernel kills the child when that
  * thread ends, so that a test that crashes leaves nobody behind.
@@ -31,10 +31,10 @@ public:
                           Environment const& environment = {});
     /** Starts a whole command, such as one of `peerProgramCommand`; throws std::system_error when
      * the system has no process to give. A command that cannot be executed exits with 127. */
-    explicit ChildProgram(std::vector<std::string> command,
+    explicit ChildProgram(std::vector<std::string> const& command,
                           std::vector<std::string> const& arguments = {},
                           Environment const& environment = {});
-    /** Kills the child if it still runs, and waits for its end. */
+    /** Kills the child if it still runs, with all that it has started, and waits for its end. */
     ~ChildProgram();
     ChildProgram(ChildProgram const&) = delete;
     ChildProgram& operator=(ChildProgram const&) = delete;
@@ -72,30 +72,23 @@ public:
 private:
     /** Lines of one output, in the order of arrival. */
     struct Output {
-        int descriptor = -1;
-        std::string unfinished;
         std::vector<std::string> lines;
         std::size_t next = 0;  // first line that no wait has passed yet
         bool ended = false;
+        std::thread reader;
     };
 
-    void start(std::vector<std::string> const& command, Environment const& environment);
-    void readOutputs();
-    void readSome(Output& output);
+    void read(Output& output, int descriptor);
     std::optional<std::string> waitForLineIn(Output& output, std::string const& part,
                                              std::chrono::milliseconds limit);
-    void waitForOutputEnd(std::chrono::milliseconds limit);
 
     pid_t pid_ = -1;
     int input_ = -1;
-    int stopReading_ = -1;       // write end of a pipe: closing it ends the reader
-    int readerStop_ = -1;        // its read end, closed by the reader
     std::optional<int> status_;  // test's thread only
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    Output out_;    // guarded by mutex_, but for the descriptor
-    Output error_;  // guarded by mutex_, but for the descriptor
-    std::thread reader_;
+    Output out_;    // guarded by mutex_, but for the thread
+    Output error_;  // guarded by mutex_, but for the thread
 };
 
 }  // namespace testsupport

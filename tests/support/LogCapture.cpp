@@ -50,15 +50,10 @@ std::vector<std::string> LogCapture::texts() const {
 }
 
 std::optional<LogRecord> LogCapture::find(std::string const& part) const {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    auto const found = std::find_if(records_.begin(), records_.end(),
-                                    [&](LogRecord const& r) { return hasPart(r, part); });
-    return found == records_.end() ? std::nullopt : std::optional<LogRecord>(*found);
-}
-
-std::size_t LogCapture::countLocked(std::string const& part) const {
-    return static_cast<std::size_t>(std::count_if(
-        records_.begin(), records_.end(), [&](LogRecord const& r) { return hasPart(r, part); }));
+    for (LogRecord const& record : records())
+        if (hasPart(record, part))
+            return record;
+    return std::nullopt;
 }
 
 std::size_t LogCapture::count(std::string const& part) const {
@@ -67,16 +62,21 @@ std::size_t LogCapture::count(std::string const& part) const {
 }
 
 std::size_t LogCapture::count(int level, std::string const& part) const {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(records_.begin(), records_.end(),
-                      [&](LogRecord const& r) { return r.level == level && hasPart(r, part); }));
+    std::size_t count = 0;
+    for (LogRecord const& record : records())
+        count += record.level == level && hasPart(record, part);
+    return count;
 }
 
 bool LogCapture::waitFor(std::string const& part, std::size_t times,
                          std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> lock(mutex_);
     return arrived_.wait_for(lock, limit, [&] { return countLocked(part) >= times; });
+}
+
+std::size_t LogCapture::countLocked(std::string const& part) const {
+    return static_cast<std::size_t>(std::count_if(
+        records_.begin(), records_.end(), [&](LogRecord const& r) { return hasPart(r, part); }));
 }
 
 void LogCapture::clear() {

@@ -72,6 +72,11 @@ protected:
                                     stream("00000003 666172 00000001")));
         send(transaction(count) + "00000001 00000003" + stream(kAddress));
     }
+    void keepFar() {
+        actor_->tell("keep far");
+        beFound(1);
+        actor_->await("kept");
+    }
     std::string request(std::string const& id, std::string const& type, std::string const& data) {
         return id + type + "00000002" + stream(data);
     }
@@ -118,30 +123,19 @@ TEST_F(WireTest, callAndItsAnswer) {
     EXPECT_EQ(peer_->count(), received_) << "nothing else was sent";
 }
 
-TEST_F(WireTest, oneWayCallIsAMessageThatNobodyWaitsFor) {
-    actor_->tell("keep far");
-    beFound(1);
-    actor_->await("kept");
-    EXPECT_EQ(actor_->ask("add far 1", "added"), "1");
-    EXPECT_EQ(receive(), spaced(transaction(2) + "00000002 00000001" +
-                                stream(kAddress + "00000000" + kClass + "00000002" + "00000001")));
-}
-
-TEST_F(WireTest, transactionIdsRunInTheTopTwelveBits) {
-    actor_->tell("keep far");
-    beFound(1);
-    actor_->await("kept");
+TEST_F(WireTest, oneWayCallsAreMessagesThatNobodyWaitsForWithIdsInTheTopTwelveBits) {
+    keepFar();
     constexpr unsigned int kCalls = 5000;
     EXPECT_EQ(actor_->ask("add far " + std::to_string(kCalls), "added"), std::to_string(kCalls));
+    EXPECT_EQ(receive(), spaced(transaction(2) + "00000002 00000001" +
+                                stream(kAddress + "00000000" + kClass + "00000002" + "00000001")));
     peer_->await(kCalls);
     for (unsigned int i = 0; i < kCalls; ++i)
         ASSERT_EQ(number(peer_->await(i + 1).transactionId()), transaction(i + 2));
 }
 
 TEST_F(WireTest, answersThatMakeNoSenseFailTheCallOnly) {
-    actor_->tell("keep far");
-    beFound(1);
-    actor_->await("kept");
+    keepFar();
     std::string const unreadable = std::to_string(TipprmiFailure::kUnreadable);
     struct {
         std::string payload, outcome;

@@ -112,118 +112,94 @@ private:
 
 class Actor {
 public:
-    bool handle(std::string const& verb, std::istringstream& words);
+    /** False when it is no command about a station. */
+    bool handle(std::string const& verb, std::istringstream& words) {
+        static std::map<std::string, void (Actor::*)(std::string const&, std::istringstream&)> const
+            commands{{"publish", &Actor::publish},   {"unpublish", &Actor::unpublish},
+                     {"total", &Actor::total},       {"find", &Actor::find},
+                     {"keep", &Actor::keep},         {"use", &Actor::use},
+                     {"useoften", &Actor::useOften}, {"add", &Actor::add},
+                     {"rotate", &Actor::rotate},     {"check", &Actor::check}};
+        auto const command = commands.find(verb);
+        if (command == commands.end())
+            return false;
+        std::string name;
+        words >> name;
+        TreflectHandlerState const inside(true);
+        (this->*command->second)(name, words);
+        return true;
+    }
 
 private:
-    using Command = void (Actor::*)(std::string const& name, std::istringstream& words);
-
-    void publish(std::string const& name, std::istringstream& words);
-    void unpublish(std::string const& name, std::istringstream&);
-    void total(std::string const& name, std::istringstream&);
-    void find(std::string const& name, std::istringstream& words);
-    void keep(std::string const& name, std::istringstream& words);
-    void use(std::string const& name, std::istringstream&);
-    void useOften(std::string const& name, std::istringstream& words);
-    void add(std::string const& name, std::istringstream& words);
-    void rotate(std::string const& name, std::istringstream& words);
-    void check(std::string const& name, std::istringstream&);
-
+    static unsigned int number(std::istringstream& words, unsigned int otherwise = 0) {
+        unsigned int value = 0;
+        return words >> value ? value : otherwise;
+    }
     static NamespaceId namespaceIn(std::istringstream& words) {
-        int ns = NSID_UNIT;
-        return words >> ns ? static_cast<NamespaceId>(ns) : NSID_UNIT;
+        return static_cast<NamespaceId>(number(words, NSID_UNIT));
+    }
+
+    void publish(std::string const& name, std::istringstream& words) {
+        NamespaceId const ns = namespaceIn(words);
+        auto& made = stations_[name];
+        made = std::make_unique<Server>(name, ns);
+        TreflectORB const& orb = *TreflectORB::getInstance(ns);
+        answer(std::hex, "published ", made->getInternalOID(), " ", orb.orbId().value(), " ",
+               orb.termId().value());
+    }
+    void unpublish(std::string const& name, std::istringstream&) {
+        stations_.erase(name);
+        answer("unpublished");
+    }
+    void total(std::string const& name, std::istringstream&) {
+        answer("total ", stations_.at(name)->total());
+    }
+    void find(std::string const& name, std::istringstream& words) {
+        TipprmiOID const oid(name, namespaceIn(words));
+        auto const location = TreflectORB::getInstance(NSID_UNIT)->locateObject(oid);
+        answer(std::hex, "found ", location.getInternalOID(), " ", location.orbId().value());
+    }
+    void keep(std::string const& name, std::istringstream& words) {
+        auto& handle = handles_[name];
+        handle = std::make_unique<Client>(name, namespaceIn(words));
+        answer("kept ", handle->isConnected());
+    }
+    void use(std::string const& name, std::istringstream&) {
+        auto const text = handles_.at(name)->rotate(1, "abc");
+        answer("used ", text.value() == "bca", text ? "" : " " + std::to_string(text.code()));
+    }
+    void useOften(std::string const& name, std::istringstream& words) {
+        Client const& far = *handles_.at(name);
+        std::thread([&far, count = number(words)] {
+            unsigned int failed = 0;
+            answer("calling");
+            for (unsigned int i = 0; i < count; ++i) {
+                TreflectHandlerState const inside(true);
+                failed += !far.answers(i);
+            }
+            answer("failed ", failed);
+        }).detach();
+    }
+    void add(std::string const& name, std::istringstream& words) {
+        unsigned int added = 0;
+        for (unsigned int left = number(words); left > 0; --left)
+            added += bool(handles_.at(name)->add(1));
+        answer("added ", added);
+    }
+    void rotate(std::string const& name, std::istringstream& words) {
+        unsigned int const count = number(words);
+        std::string text;
+        words >> text;
+        auto const back = Client(name).rotate(count, text);
+        answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
+    }
+    void check(std::string const& name, std::istringstream&) {
+        answer("checked", Check(name).faults());
     }
 
     std::map<std::string, std::unique_ptr<Server>> stations_;
     std::map<std::string, std::unique_ptr<Client>> handles_;
 };
-
-void Actor::publish(std::string const& name, std::istringstream& words) {
-    NamespaceId const ns = namespaceIn(words);
-    auto& made = stations_[name];
-    made = std::make_unique<Server>(name, ns);
-    TreflectORB const& orb = *TreflectORB::getInstance(ns);
-    answer(std::hex, "published ", made->getInternalOID(), " ", orb.orbId().value(), " ",
-           orb.termId().value());
-}
-
-void Actor::unpublish(std::string const& name, std::istringstream&) {
-    stations_.erase(name);
-    answer("unpublished");
-}
-
-void Actor::total(std::string const& name, std::istringstream&) {
-    answer("total ", stations_.at(name)->total());
-}
-
-void Actor::find(std::string const& name, std::istringstream& words) {
-    TipprmiOID const oid(name, namespaceIn(words));
-    auto const location = TreflectORB::getInstance(NSID_UNIT)->locateObject(oid);
-    answer(std::hex, "found ", location.getInternalOID(), " ", location.orbId().value());
-}
-
-void Actor::keep(std::string const& name, std::istringstream& words) {
-    auto& handle = handles_[name];
-    handle = std::make_unique<Client>(name, namespaceIn(words));
-    answer("kept ", handle->isConnected());
-}
-
-void Actor::use(std::string const& name, std::istringstream&) {
-    auto const text = handles_.at(name)->rotate(1, "abc");
-    answer("used ", text.value() == "bca", text ? "" : " " + std::to_string(text.code()));
-}
-
-void Actor::useOften(std::string const& name, std::istringstream& words) {
-    unsigned int count = 0;
-    words >> count;
-    Client const& far = *handles_.at(name);
-    std::thread([&far, count] {
-        unsigned int failed = 0;
-        answer("calling");
-        for (unsigned int i = 0; i < count; ++i) {
-            TreflectHandlerState const inside(true);
-            failed += !far.answers(i);
-        }
-        answer("failed ", failed);
-    }).detach();
-}
-
-void Actor::add(std::string const& name, std::istringstream& words) {
-    unsigned int count = 0;
-    unsigned int added = 0;
-    words >> count;
-    for (unsigned int i = 0; i < count; ++i)
-        added += bool(handles_.at(name)->add(1));
-    answer("added ", added);
-}
-
-void Actor::rotate(std::string const& name, std::istringstream& words) {
-    unsigned int number = 0;
-    std::string text;
-    words >> number >> text;
-    auto const back = Client(name).rotate(number, text);
-    answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
-}
-
-void Actor::check(std::string const& name, std::istringstream&) {
-    answer("checked", Check(name).faults());
-}
-
-bool Actor::handle(std::string const& verb, std::istringstream& words) {
-    static std::map<std::string, Command> const commands{
-        {"publish", &Actor::publish},   {"unpublish", &Actor::unpublish},
-        {"total", &Actor::total},       {"find", &Actor::find},
-        {"keep", &Actor::keep},         {"use", &Actor::use},
-        {"useoften", &Actor::useOften}, {"add", &Actor::add},
-        {"rotate", &Actor::rotate},     {"check", &Actor::check}};
-    auto const command = commands.find(verb);
-    if (command == commands.end())
-        return false;
-    std::string name;
-    words >> name;
-    TreflectHandlerState const inside(true);
-    (this->*command->second)(name, words);
-    return true;
-}
 
 void counters(Transport::TerminationId broker) {
     auto const info = TreflectORB::getInstance(NSID_UNIT)->getPerfCnts(broker);

@@ -15,15 +15,22 @@ using Transport::kLargestMessage;
 
 class ChannelTest : public testing::Test {
 protected:
-    void startOwn() { ASSERT_EQ(own_.start(), 1); }
+    void SetUp() override { ASSERT_EQ(own_.start(), 1); }
     bool meet(Peer& peer) { return peer.id().value() != 0 && own_.waitUntilKnown(peer.id()); }
+    /** Both send so many messages, and the peer gets those for it. */
+    void exchange(Peer& peer, std::uint32_t count) {
+        peer.flood(own_.termId(), count, 200);
+        for (std::uint32_t i = 0; i < count; ++i)
+            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 200), 1);
+        EXPECT_TRUE(peer.waitForReceived(count));
+        EXPECT_EQ(peer.report().faults + peer.report().returned, 0u);
+    }
 
     testsupport::RendezvousFolder folder_;
     TestTermination own_;
 };
 
 TEST_F(ChannelTest, MessagesOfEverySizeComeBackAsTheyWereSent) {
-    startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
     std::uint32_t number = 0;
@@ -36,7 +43,6 @@ TEST_F(ChannelTest, MessagesOfEverySizeComeBackAsTheyWereSent) {
 }
 
 TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
-    startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(peer.child().stopWholly());
@@ -53,57 +59,33 @@ TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
     EXPECT_EQ(peer.report().faults, 0u);
 }
 
-TEST_F(ChannelTest, BothSidesMayConnectAtOnce) {
-    startOwn();
-    for (int round = 0; round < 5; ++round) {
+TEST_F(ChannelTest, BothSidesMayConnectAtOnceAndFloodEachOther) {
+    std::uint32_t received = 0;
+    for (std::uint32_t const count : {1000u, 1000u, 1000u, 100'000u}) {
         Peer peer;
         ASSERT_TRUE(meet(peer));
-        peer.tell("flood", own_.termId(), "1000 64");
-        for (std::uint32_t i = 0; i < 1000; ++i)
-            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 64), 1);
-        EXPECT_TRUE(peer.waitForReceived(1000));
-        EXPECT_TRUE(own_.waitForReceived(1000u * static_cast<unsigned>(round + 1)));
-        EXPECT_EQ(peer.report().faults, 0u);
+        exchange(peer, count);
+        EXPECT_TRUE(own_.waitForReceived(received += count));
     }
     EXPECT_EQ(own_.tally().faults, 0u);
     EXPECT_EQ(own_.tally().returned, 0u);
-}
-
-TEST_F(ChannelTest, PeersThatFloodEachOtherLoseNothing) {
-    startOwn();
-    Peer first;
-    Peer second;
-    ASSERT_TRUE(meet(first));
-    first.tell("flood", second.id(), "100000 200");
-    second.tell("flood", first.id(), "100000 200");
-    EXPECT_TRUE(first.child().waitForLine("flooded 100000"));
-    EXPECT_TRUE(second.child().waitForLine("flooded 100000"));
-    EXPECT_TRUE(first.waitForReceived(100'000));
-    EXPECT_TRUE(second.waitForReceived(100'000));
-    EXPECT_EQ(first.report().faults + second.report().faults, 0u);
-    EXPECT_EQ(first.report().returned + second.report().returned, 0u);
 }
 
 TEST_F(ChannelTest, ProcessesOfDifferentWordSizeShareAChannel) {
     std::vector<std::string> const command = testsupport::peerProgramCommand("transport_peer");
     if (command.empty())
         GTEST_SKIP() << "no build of another word size beside this one";
-    startOwn();
     Peer peer(command);
     ASSERT_TRUE(meet(peer));
     std::uint32_t number = 0;
     for (std::size_t const size : {8u, 1000u, 100'000u, 3'000'000u})
         EXPECT_TRUE(own_.ping(peer.id(), ++number, size)) << size;
-    peer.tell("flood", own_.termId(), "20000 300");
-    for (std::uint32_t i = 0; i < 20'000; ++i)
-        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 300), 1);
+    exchange(peer, 20'000);
     EXPECT_TRUE(own_.waitForReceived(20'000));
-    EXPECT_TRUE(peer.waitForReceived(20'000));
-    EXPECT_EQ(own_.tally().faults + peer.report().faults, 0u);
+    EXPECT_EQ(own_.tally().faults, 0u);
 }
 
 TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {
-    startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
@@ -124,7 +106,6 @@ TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimi
 }
 
 TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
-    startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
@@ -143,14 +124,13 @@ TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
 }
 
 TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
-    startOwn();
     Peer steady;
     ASSERT_TRUE(meet(steady));
     for (std::size_t const size : {24u, 3000u, 700'000u}) {
         auto peer = std::make_unique<Peer>();
         ASSERT_TRUE(meet(*peer));
         std::uint32_t const before = own_.tally().received;
-        peer->tell("blast", own_.termId(), std::to_string(size));
+        peer->flood(own_.termId(), 4'000'000'000, size);
         ASSERT_TRUE(own_.waitForReceived(before + 20));
         peer->child().kill();
         EXPECT_TRUE(own_.waitUntilGone(peer->id()));
@@ -160,11 +140,10 @@ TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
 }
 
 TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
-    startOwn();
     for (std::uint32_t round = 1; round <= 3; ++round) {
         Peer peer;
         ASSERT_TRUE(meet(peer));
-        peer.tell("flood", own_.termId(), "300 5000");
+        peer.flood(own_.termId(), 300, 5000);
         peer.child().closeInput();
         EXPECT_EQ(peer.child().exitCode(), 0);
         EXPECT_TRUE(own_.waitForReceived(300 * round));
@@ -174,7 +153,6 @@ TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
 }
 
 TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
-    startOwn();
     Peer peer;
     ASSERT_TRUE(meet(peer));
     ASSERT_TRUE(own_.ping(peer.id(), 1));
@@ -191,7 +169,6 @@ TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
 }
 
 TEST_F(ChannelTest, OneCannotSendInAnotherName) {
-    startOwn();
     Peer peer;
     Peer other;
     ASSERT_TRUE(meet(peer));

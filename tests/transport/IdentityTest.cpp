@@ -16,12 +16,6 @@ protected:
     testsupport::RendezvousFolder folder_;
 };
 
-TEST_F(IdentityTest, defaultsAreSlotOneAndTheExecutablesName) {
-    PresenceActor actor;
-    EXPECT_EQ(actor.ask("identity", "identity"), "1 1 presence_actor");
-    EXPECT_EQ(actor.start(3).substr(0, 4), "0301");
-}
-
 TEST_F(IdentityTest, environmentTellsWhoTheProcessIs) {
     PresenceActor actor(PresenceActor::Environment{{"TRANSPORT_SLOT", "17"},
                                                    {"TRANSPORT_ACTIVE_SLOT", "2"},
@@ -34,26 +28,24 @@ TEST_F(IdentityTest, environmentTellsWhoTheProcessIs) {
 TEST_F(IdentityTest, programWinsOverTheEnvironmentUntilTheFirstTermination) {
     PresenceActor actor(
         PresenceActor::Environment{{"TRANSPORT_SLOT", "nonsense"}, {"TRANSPORT_ACTOR", "pump"}});
-    EXPECT_TRUE(actor.set("slot 5"));
-    EXPECT_TRUE(actor.set("axu 4,5"));
-    EXPECT_TRUE(actor.set("actor valve"));
+    for (char const* command : {"slot 5", "axu 4,5", "actor valve"})
+        EXPECT_TRUE(actor.set(command)) << command;
     EXPECT_EQ(actor.ask("identity", "identity"), "5 1 valve 4 5 axu");
     EXPECT_EQ(actor.start(2).substr(0, 4), "0205");
-    EXPECT_FALSE(actor.set("slot 6"));
-    EXPECT_FALSE(actor.set("axu 6"));
-    EXPECT_FALSE(actor.set("actor other"));
-    EXPECT_FALSE(actor.set("directory /tmp"));
+    for (char const* command : {"slot 6", "axu 6", "actor other", "directory /tmp"})
+        EXPECT_FALSE(actor.set(command)) << command;
     EXPECT_TRUE(actor.set("active 2")) << "changes while the program runs";
     EXPECT_EQ(actor.ask("identity", "identity"), "5 2 valve 4 5 axu");
     EXPECT_TRUE(actor.child().waitForErrorLine("cannot be set any more"));
 }
 
-TEST_F(IdentityTest, settersRefuseNonsenseAndChangeNothing) {
+TEST_F(IdentityTest, settersRefuseNonsenseAndKeepTheDefaults) {
     PresenceActor actor;
     for (char const* command : {"slot 0", "slot 256", "slot -1", "active 0", "active 3", "axu 2",
                                 "axu 3,256", "directory relative/path"})
         EXPECT_FALSE(actor.set(command)) << command;
     EXPECT_EQ(actor.ask("identity", "identity"), "1 1 presence_actor");
+    EXPECT_EQ(actor.start(3).substr(0, 4), "0301");
 }
 
 TEST_F(IdentityTest, nonsenseInTheEnvironmentIsReportedAndGivesNoTerminations) {

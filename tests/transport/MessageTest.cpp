@@ -52,24 +52,6 @@ TEST(MessageTest, ASoleOwnerExtendsInPlaceWithinTheReservedRoom) {
     EXPECT_FALSE(AddressedMessage().extend(0));
 }
 
-/** One thread allocates, another one frees, `rounds` times. */
-void passMessages(int rounds) {
-    constexpr std::size_t kSizes[] = {50, 300, 2000, 60'000};
-    for (int round = 0; round < rounds; ++round) {
-        std::vector<AddressedMessage> batch;
-        for (int i = 0; i < 64; ++i)
-            batch.push_back(AddressedMessage::allocate(kSizes[i % 4]));
-        std::thread([&batch] { batch.clear(); }).join();
-    }
-}
-
-TEST(MessagePoolTest, OneThreadThatAllocatesAndOthersThatFreeNeedNoHeap) {
-    passMessages(4);
-    unsigned long const warm = MessagePool::heapAllocations();
-    passMessages(50);
-    EXPECT_EQ(MessagePool::heapAllocations(), warm);
-}
-
 TEST(MessagePoolTest, WhatAThreadKeptIsThereForOthersAfterItsEnd) {
     auto allocateSome = [] {
         std::vector<AddressedMessage> some;

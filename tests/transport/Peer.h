@@ -11,15 +11,14 @@ namespace transporttest {
 class Peer : public testsupport::ActorProgram {
 public:
     explicit Peer(Command const& command = testsupport::programCommand("transport_peer"))
-        : ActorProgram(command),
-          id_(static_cast<unsigned int>(std::strtoul(greeting().c_str(), nullptr, 16))) {}
+        : ActorProgram(command), id_(static_cast<unsigned int>(std::stoul(ask("id", "id")))) {}
 
     Transport::TerminationId id() const { return id_; }
 
-    using ActorProgram::tell;
-    void tell(std::string const& verb, Transport::TerminationId to, std::string const& rest) {
+    /** Has it send Numbered messages. */
+    void flood(Transport::TerminationId to, std::uint32_t count, std::size_t size) {
         std::ostringstream line;
-        line << verb << ' ' << std::hex << to.value() << ' ' << rest;
+        line << "flood " << to.value() << ' ' << count << ' ' << size;
         tell(line.str());
     }
     TestTermination::Tally report() {

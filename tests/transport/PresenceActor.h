@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
 #include <sstream>
 
 #include "ActorProgram.h"
@@ -23,8 +22,9 @@ public:
     std::string view() { return ask("view", "view"); }
     std::size_t known() { return std::stoul(view()); }
 
-    /** When this actor was told of `id`, in nanoseconds of the monotonic clock. */
-    std::optional<long long> told(std::string const& what, std::string const& id) const {
+    /** When this actor was told of `id`, in nanoseconds of the monotonic clock, each time. */
+    std::vector<long long> timesTold(std::string const& what, std::string const& id) const {
+        std::vector<long long> times;
         for (std::string const& line : child().lines()) {
             std::istringstream words(line);
             std::string kind;
@@ -32,18 +32,11 @@ public:
             std::string about;
             long long time = 0;
             if (words >> kind >> listener >> about >> time && kind == what && about == id)
-                return time;
+                times.push_back(time);
         }
-        return std::nullopt;
+        return times;
     }
     bool waitUntilTold(std::string const& what, std::string const& id) const {
-        return testsupport::eventually([&] { return told(what, id).has_value(); });
-    }
-    std::size_t timesTold(std::string const& what, std::string const& id) const {
-        std::size_t count = 0;
-        for (std::string const& line : child().lines())
-            if (line.rfind(what, 0) == 0 && line.find(" " + id + " ", what.size() + 9) != line.npos)
-                ++count;
-        return count;
+        return testsupport::eventually([&] { return !timesTold(what, id).empty(); });
     }
 };

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -50,6 +51,18 @@ private:
     std::vector<int> told_;  // guarded by mutex_
 };
 
+/** Holds up arrivals at a listener. */
+struct BlockedInside {
+    explicit BlockedInside(Listener& listener) {
+        listener.onArrival = [this](TerminationId) {
+            inside.open();
+            release.wait();
+        };
+    }
+    Gate inside;
+    Gate release;
+};
+
 /** Whether the table has no threads in this process. */
 bool noLanes() {
     return (testsupport::statesOfThreads("TrArrivals") +
@@ -78,21 +91,16 @@ private:
 
 TEST_F(PresenceTableTest, departureDoesNotWaitBehindSlowArrivalAndDropsThoseNotBegun) {
     Listener listener;
-    Gate inside;
-    Gate release;
-    listener.onArrival = [&](TerminationId) {
-        inside.open();
-        release.wait();
-    };
+    BlockedInside blocked(listener);
     table_.attach(listener);
     come(1);
-    ASSERT_TRUE(inside.wait());
+    ASSERT_TRUE(blocked.inside.wait());
     come(2);
     come(3);
     go(2);
     go(1);
     EXPECT_TRUE(listener.waitFor({1, -2, -1})) << "arrival of 1 has begun, that of 2 never will";
-    release.open();
+    blocked.release.open();
     EXPECT_TRUE(listener.waitFor({1, -2, -1, 3}));
     table_.detach(listener);
 }
@@ -106,13 +114,10 @@ TEST_F(PresenceTableTest, arrivalBeginsBeforeItsDeparture) {
             std::this_thread::yield();
         go(id);
     }
-    auto const departures = [&] {
-        int count = 0;
-        for (int const what : listener.told())
-            count += what < 0 ? 1 : 0;
-        return count;
-    };
-    EXPECT_TRUE(eventually([&] { return departures() == 2000; }));
+    EXPECT_TRUE(eventually([&] {
+        auto const told = listener.told();
+        return std::count_if(told.begin(), told.end(), [](int id) { return id < 0; }) == 2000;
+    }));
     std::vector<bool> gone(2001);
     for (int const what : listener.told()) {
         if (what < 0)
@@ -125,23 +130,18 @@ TEST_F(PresenceTableTest, arrivalBeginsBeforeItsDeparture) {
 
 TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
     Listener listener;
-    Gate inside;
-    Gate release;
-    listener.onArrival = [&](TerminationId) {
-        inside.open();
-        release.wait();
-    };
+    BlockedInside blocked(listener);
     table_.attach(listener);
     come(1);
     come(2);
-    ASSERT_TRUE(inside.wait());
+    ASSERT_TRUE(blocked.inside.wait());
     Gate detached;
     std::thread other([&] {
         table_.detach(listener);
         detached.open();
     });
     EXPECT_FALSE(detached.wait(std::chrono::milliseconds(30)));
-    release.open();
+    blocked.release.open();
     EXPECT_TRUE(detached.wait());
     other.join();
     come(3);

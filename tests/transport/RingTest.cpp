@@ -103,25 +103,6 @@ TEST_F(RingTest, NonsenseFromTheReceiverIsSeen) {
     EXPECT_FALSE(put(8, 1));
 }
 
-TEST_F(RingTest, TheSenderRingsOnceForEachTimeTheReceiverFellAsleep) {
-    put(8, 1);
-    EXPECT_FALSE(writer_->mustRing());
-    reader_->fallAsleep();
-    EXPECT_TRUE(writer_->mustRing());
-    EXPECT_FALSE(writer_->mustRing());
-    reader_->wakeUp();
-    EXPECT_FALSE(writer_->mustRing());
-    reader_->fallAsleep();
-    EXPECT_TRUE(writer_->mustRing());
-}
-
-TEST_F(RingTest, TheReceiverRingsOnceForEachWishForSpace) {
-    EXPECT_FALSE(reader_->finishBatch());
-    writer_->wantSpace();
-    EXPECT_TRUE(reader_->finishBatch());
-    EXPECT_FALSE(reader_->finishBatch());
-}
-
 TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {
     Descriptor const file = makeSealedFile(8192);
     EXPECT_TRUE(isSealedFile(file.get(), 8192));

@@ -2,10 +2,12 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <set>
 
+#include "Waiting.h"
 #include "transport.h"
 
 namespace transporttest {
@@ -18,6 +20,27 @@ struct TestHead {
     enum Kind : std::uint32_t { Numbered = 1, Echo = 2, Answer = 3 };
     std::uint32_t kind;
     std::uint32_t number;
+
+    static TestHead of(Transport::AddressedMessage const& message) {
+        TestHead head{};
+        if (message.size() >= sizeof head)
+            std::memcpy(&head, message.buf(), sizeof head);
+        return head;
+    }
+    unsigned char patternByte(std::size_t position) const {
+        return static_cast<unsigned char>(number * 31 + position);
+    }
+    void fill(Transport::AddressedMessage& message) const {
+        std::memcpy(message.buf(), this, sizeof *this);
+        for (std::size_t i = sizeof *this; i < message.size(); ++i)
+            message.buf()[i] = patternByte(i);
+    }
+    bool isIntact(Transport::AddressedMessage const& message) const {
+        for (std::size_t i = sizeof *this; i < message.size(); ++i)
+            if (message.buf()[i] != patternByte(i))
+                return false;
+        return true;
+    }
 };
 
 /**
@@ -30,17 +53,52 @@ public:
         : Transport::TerminationImpl(kGroup, name) {}
     ~TestTermination() override { stop(); }
 
-    bool receive(Transport::AddressedMessage const& message) override;
-    bool receiveError(Transport::AddressedMessage const& message) override;
-    void appeared(Transport::Termination& termination) override;
-    void disappeare(Transport::Termination& termination) override;
+    bool receive(Transport::AddressedMessage const& message) override {
+        TestHead const head = TestHead::of(message);
+        if (head.kind == TestHead::Echo) {
+            send(message.originator(), TestHead::Answer, head.number, message.size());
+            return true;
+        }
+        bool const intact = head.isIntact(message) && message.destination() == termId();
+        std::lock_guard<std::mutex> const lock(mutex_);
+        if (head.kind == TestHead::Answer) {
+            lastAnswer_ = intact ? head.number : 0;
+        } else {
+            ++tally_.received;
+            std::uint32_t& next = next_[message.originator().value()];
+            tally_.faults += head.kind != TestHead::Numbered || head.number != next || !intact;
+            next = head.number + 1;
+        }
+        changed_.notify_all();
+        return true;
+    }
+    bool receiveError(Transport::AddressedMessage const& message) override {
+        bool const intact =
+            TestHead::of(message).isIntact(message) && message.originator() == termId();
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++tally_.returned;
+        tally_.returnedFaults += !intact;
+        changed_.notify_all();
+        return true;
+    }
+    void appeared(Transport::Termination& other) override { note(known_, other); }
+    void disappeare(Transport::Termination& other) override { note(gone_, other); }
 
     /** Sends one message of `size` bytes, its head included, to `to`; what `issue` answers. */
     int send(Transport::TerminationId to, TestHead::Kind kind, std::uint32_t number,
-             std::size_t size = sizeof(TestHead));
+             std::size_t size = sizeof(TestHead)) {
+        Transport::AddressedMessage message = allocateMessage(size, 5);
+        if (message.empty())
+            return 0;
+        TestHead{kind, number}.fill(message);
+        return Transport::Termination(to).issue(message);
+    }
     /** Sends Echo and waits for its Answer; false when it cannot be sent or the time is up. */
     bool ping(Transport::TerminationId to, std::uint32_t number,
-              std::size_t size = sizeof(TestHead));
+              std::size_t size = sizeof(TestHead)) {
+        return send(to, TestHead::Echo, number, size) == 1 &&
+               waitFor([this, number] { return lastAnswer_ == number; });
+    }
 
     struct Tally {
         std::uint32_t received = 0;  // Numbered messages
@@ -48,16 +106,35 @@ public:
         std::uint32_t returned = 0;  // through receiveError
         std::uint32_t returnedFaults = 0;
     };
-    Tally tally() const;
+    Tally tally() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return tally_;
+    }
     /** Waits until so many Numbered messages have come. */
-    bool waitForReceived(std::uint32_t count) const;
-    bool waitForReturned(std::uint32_t count) const;
-    bool waitUntilKnown(Transport::TerminationId id) const;
-    bool waitUntilGone(Transport::TerminationId id) const;
+    bool waitForReceived(std::uint32_t count) const {
+        return waitFor([this, count] { return tally_.received >= count; });
+    }
+    bool waitForReturned(std::uint32_t count) const {
+        return waitFor([this, count] { return tally_.returned >= count; });
+    }
+    bool waitUntilKnown(Transport::TerminationId id) const {
+        return waitFor([this, id] { return known_.count(id.value()) != 0; });
+    }
+    bool waitUntilGone(Transport::TerminationId id) const {
+        return waitFor([this, id] { return gone_.count(id.value()) != 0; });
+    }
 
 private:
+    void note(std::set<unsigned int>& ids, Transport::Termination& other) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ids.insert(other.termId().value());
+        changed_.notify_all();
+    }
     template <class Condition>
-    bool waitFor(Condition condition) const;
+    bool waitFor(Condition condition) const {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, testsupport::kPatience, condition);
+    }
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;

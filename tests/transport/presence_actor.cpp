@@ -8,10 +8,8 @@
 //   churn KEEP N     starts KEEP, then stops and starts N times; answers "churned"
 //   view             answers "view COUNT HASH AGREE ERRORS", see `view`
 //   suspect ID       as if a channel to it had ended; answers "suspected"
-//   owned ID PID     whether that process owns it; answers "owned yes" or "owned no"
-//   connect ID       answers "connect yes" or "connect no"
 //   withoutHandles   the kernel refuses process handles from now on; answers "without yes"
-//   daemonize        goes on in a forked child; answers "daemonized PID"
+//   daemonize        goes on in a forked child; answers "daemonized"
 //   fork             a forked child tries everything; answers "forked CODE"
 //   exec             becomes another program
 //   inheritable      descriptors that exec would pass on; answers "inheritable N"
@@ -25,6 +23,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -51,28 +50,12 @@ using Transport::TerminationId;
 
 bool quiet = false;
 
-/** Those that the channels have been told of: that comes before the departures. */
-class GoneOnes {
-public:
-    static void note(TerminationId id) {
-        std::lock_guard<std::mutex> const lock(mutex());
-        ids().insert(id);
-    }
-    static bool contains(TerminationId id) {
-        std::lock_guard<std::mutex> const lock(mutex());
-        return ids().count(id) != 0;
-    }
-
-private:
-    static std::mutex& mutex() {
-        static auto& mutex = *new std::mutex;
-        return mutex;
-    }
-    static std::set<TerminationId>& ids() {
-        static auto& ids = *new std::set<TerminationId>;
-        return ids;
-    }
-};
+/** Those that the channels have been told of: that comes before the departures. Never destroyed,
+ * because notices come until the process ends. */
+struct GoneOnes {
+    std::mutex mutex;
+    std::set<TerminationId> ids;  // guarded by mutex
+}& gone = *new GoneOnes;
 
 std::string hex(TerminationId id) {
     char text[12];
@@ -123,7 +106,8 @@ private:
             auto const [entry, isNew] = present_.emplace(id, present);
             if (!isNew && (present || !entry->second))
                 ++errors_;
-            if (!present && (!GoneOnes::contains(id) || Rendezvous::instance().exists(id)))
+            std::lock_guard<std::mutex> const lockOfGone(gone.mutex);
+            if (!present && (gone.ids.count(id) == 0 || Rendezvous::instance().exists(id)))
                 ++errors_;
             entry->second = present;
         }
@@ -142,7 +126,7 @@ private:
 using Seats = std::vector<std::unique_ptr<Seat>>;
 
 /** Count and hash of the ids known here, whether all notices agree, wrong notices so far. */
-void view(Seats const& seats) {
+std::string view(Seats const& seats) {
     auto const known = Transport::TransportLayer::instance().getTerminations();
     unsigned long long hash = 14695981039346656037u;
     for (TerminationId const id : known)
@@ -153,8 +137,8 @@ void view(Seats const& seats) {
         agree = agree && seat->agrees(known);
         errors += seat->errors();
     }
-    answer("view " + std::to_string(known.size()) + " " + std::to_string(hash) +
-           (agree ? " agree " : " differ ") + std::to_string(errors));
+    return std::to_string(known.size()) + " " + std::to_string(hash) +
+           (agree ? " agree " : " differ ") + std::to_string(errors);
 }
 
 void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
@@ -174,7 +158,6 @@ void churn(Seats& seats, unsigned keep, unsigned rounds) {
     std::thread other([&] { churn(seats, 0, keep / 2, rounds / 2); });
     churn(seats, keep / 2, keep, rounds - rounds / 2);
     other.join();
-    answer("churned");
 }
 
 /** Has the kernel refuse process handles to this process, as an old one would. */
@@ -191,32 +174,8 @@ bool refuseProcessHandles() {
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-bool connects(TerminationId id) {
-    int const socket = Rendezvous::instance().connectTo(id);
-    if (socket >= 0)
-        ::close(socket);
-    return socket >= 0;
-}
-
-/** Of those commands that concern one termination, by its id. */
-bool obeyAbout(std::string const& command, std::string const& value, unsigned number) {
-    TerminationId const id(static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 16)));
-    if (command == "suspect") {
-        Rendezvous::instance().suspect(id);
-        answer("suspected");
-    } else if (command == "owned") {
-        bool const owned = Rendezvous::instance().ownedBy(id, static_cast<pid_t>(number));
-        answer(owned ? "owned yes" : "owned no");
-    } else if (command == "connect") {
-        answer(connects(id) ? "connect yes" : "connect no");
-    } else {
-        return false;
-    }
-    return true;
-}
-
-/** Exit code 0 when nothing of the transport does anything in a forked child. */
-void forkChild(Seats const& seats) {
+/** 0 when nothing of the transport does anything in a forked child. */
+int forkChild(Seats const& seats) {
     pid_t const child = ::fork();
     if (child == 0) {
         Rendezvous& rendezvous = Rendezvous::instance();
@@ -231,10 +190,10 @@ void forkChild(Seats const& seats) {
     }
     int status = -1;
     ::waitpid(child, &status, 0);
-    answer("forked " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void countInheritable() {
+int countInheritable() {
     int count = 0;
     for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         int const number = std::atoi(entry.path().filename().c_str());
@@ -242,17 +201,17 @@ void countInheritable() {
         if (number > 2 && flags >= 0 && (flags & FD_CLOEXEC) == 0)
             ++count;
     }
-    answer("inheritable " + std::to_string(count));
+    return count;
 }
 
-void showIdentity() {
+std::string identity() {
     auto const& info = Transport::IdInfo::instance();
-    std::string line = "identity " + std::to_string(info.getSlot()) + " " +
-                       std::to_string(info.activeSlot()) + " " + info.getActor();
+    std::string line = std::to_string(info.getSlot()) + " " + std::to_string(info.activeSlot()) +
+                       " " + info.getActor();
     for (int slot = 1; slot <= 255; ++slot)
         if (info.axuInSlot(static_cast<unsigned char>(slot)))
             line += " " + std::to_string(slot);
-    answer(line + (info.isAxu() ? " axu" : ""));
+    return line + (info.isAxu() ? " axu" : "");
 }
 
 bool configure(std::string const& what, std::string const& value) {
@@ -272,61 +231,66 @@ bool configure(std::string const& what, std::string const& value) {
     return Setup::axuSlots(slots);
 }
 
-void stop(Seats& seats, TerminationId id) {
-    for (auto seat = seats.begin(); seat != seats.end(); ++seat)
-        if ((*seat)->id() == id) {
-            seats.erase(seat);
-            break;
-        }
-    answer("stopped");
-}
-
-void obey(std::string const& command, std::istringstream& words, Seats& seats) {
+/** The answer to a command, if it has any. */
+std::string obey(std::string const& command, std::istringstream& words, Seats& seats) {
     std::string value;
     unsigned number = 0;
     words >> value >> number;
-    if (obeyAbout(command, value, number))
-        return;
+    auto const decimal = [&value] { return std::atoi(value.c_str()); };
+    auto const id = [&value] {
+        return TerminationId(static_cast<unsigned>(std::stoul(value, nullptr, 16)));
+    };
     if (command == "start") {
-        seats.push_back(
-            std::make_unique<Seat>(static_cast<Transport::GroupId>(std::atoi(value.c_str()))));
-        answer("started " + hex(seats.back()->id()));
-    } else if (command == "stop") {
-        stop(seats, TerminationId(static_cast<unsigned>(std::stoul(value, nullptr, 16))));
-    } else if (command == "churn") {
-        churn(seats, static_cast<unsigned>(std::atoi(value.c_str())), number);
-    } else if (command == "view") {
-        view(seats);
-    } else if (command == "withoutHandles") {
-        answer(refuseProcessHandles() ? "without yes" : "without no");
-    } else if (command == "daemonize") {
+        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(decimal())));
+        return "started " + hex(seats.back()->id());
+    }
+    if (command == "stop") {
+        seats.erase(std::find_if(seats.begin(), seats.end(),
+                                 [&](auto const& seat) { return seat->id() == id(); }));
+        return "stopped";
+    }
+    if (command == "churn") {
+        churn(seats, static_cast<unsigned>(decimal()), number);
+        return "churned";
+    }
+    if (command == "suspect") {
+        Rendezvous::instance().suspect(id());
+        return "suspected";
+    }
+    if (command == "daemonize") {
         if (::fork() != 0)
             ::_exit(0);
-        answer("daemonized " + std::to_string(::getpid()));
-    } else if (command == "exec") {
-        ::execl("/bin/sleep", "sleep", "1000", nullptr);
-    } else if (command == "fork") {
-        forkChild(seats);
-    } else if (command == "inheritable") {
-        countInheritable();
-    } else if (command == "identity") {
-        showIdentity();
-    } else if (command == "become") {
-        answer(::setuid(static_cast<uid_t>(std::atoi(value.c_str()))) == 0 ? "became" : "failed");
-    } else {
-        answer(configure(command, value) ? "set yes" : "set no");
+        return "daemonized";
     }
+    if (command == "exec")
+        ::execl("/bin/sleep", "sleep", "1000", nullptr);
+    if (command == "view")
+        return "view " + view(seats);
+    if (command == "withoutHandles")
+        return refuseProcessHandles() ? "without yes" : "without no";
+    if (command == "fork")
+        return "forked " + std::to_string(forkChild(seats));
+    if (command == "inheritable")
+        return "inheritable " + std::to_string(countInheritable());
+    if (command == "identity")
+        return "identity " + identity();
+    if (command == "become")
+        return ::setuid(static_cast<uid_t>(decimal())) == 0 ? "became" : "failed";
+    return configure(command, value) ? "set yes" : "set no";
 }
 
 }  // namespace
 
 int main() {
-    Rendezvous::instance().goneHook(&GoneOnes::note);
+    Rendezvous::instance().goneHook([](TerminationId id) {
+        std::lock_guard<std::mutex> const lock(gone.mutex);
+        gone.ids.insert(id);
+    });
     // Those not stopped live until the process ends; static, so that no leak is suspected.
     static Seats& seats = *new Seats;
     testsupport::obeyLines([](std::string const& command, std::istringstream& words) {
         if (command != "quit")
-            obey(command, words, seats);
+            answer(obey(command, words, seats));
         return command != "quit";
     });
 }
