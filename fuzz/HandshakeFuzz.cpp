@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -21,41 +22,19 @@
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
-#include "transport.h"
+#include "tests/transport/TestTermination.h"
 
 namespace {
 
 using namespace Transport;
+using transporttest::TestHead;
+using transporttest::TestTermination;
 
-constexpr GroupId kGroup = 3;
 constexpr int kMostSteps = 40;
 /** Milliseconds that the termination may take to connect. */
 constexpr int kConnecting = 20;
 /** Nanoseconds: some channels are quiet for long enough to be given back. */
 constexpr long long kIdleLooks = 3'000'000;
-
-/** Counts what it gets. */
-class Own : public TerminationImpl {
-public:
-    Own() : TerminationImpl(kGroup, "own") {
-        Receiver::idleLookInterval(kIdleLooks);
-        if (start() != 1)
-            std::abort();
-    }
-    ~Own() override { stop(); }
-
-    bool receive(AddressedMessage const& message) override {
-        for (std::size_t i = 0; i < message.size(); ++i)
-            sum_ += message.buf()[i];
-        return true;
-    }
-    bool receiveError(AddressedMessage const& message) override { return receive(message); }
-    void appeared(Termination&) override {}
-    void disappeare(Termination&) override {}
-
-private:
-    std::atomic<unsigned int> sum_{0};
-};
 
 bool isReadable(int fd, int milliseconds) {
     pollfd poll{fd, POLLIN, 0};
@@ -176,7 +155,7 @@ Descriptor bellOf(int which, int good) {
 /** One input: the peer's group, then steps, each with the operands that its function takes. */
 class Session {
 public:
-    Session(Own& own, fuzz::Script& script)
+    Session(TestTermination& own, fuzz::Script& script)
         : own_(own),
           script_(script),
           peer_(own.termId(), static_cast<GroupId>(script.byte() % 6)) {}
@@ -326,11 +305,8 @@ private:
         sent_ = true;
         int const count = script_.byte() % 16;
         std::size_t const size = std::size_t{script_.byte()} << script_.byte() % 10;
-        for (int i = 0; i < count; ++i) {
-            AddressedMessage message = own_.allocateMessage(size, 5);
-            if (!message.empty())
-                Termination(peer_.id()).issue(message);
-        }
+        for (int i = 0; i < count; ++i)
+            own_.send(peer_.id(), TestHead::Numbered, 0, std::max(size, sizeof(TestHead)));
     }
 
     // ---- The folder ----
@@ -405,7 +381,7 @@ private:
         Rendezvous::instance().withdraw(id);
     }
 
-    Own& own_;
+    TestTermination& own_;
     fuzz::Script& script_;
     Peer peer_;
     bool sent_ = false;  // by the termination, and nothing accepted since
@@ -414,7 +390,13 @@ private:
 };
 
 void runHandshake(std::uint8_t const* data, std::size_t size) {
-    static Own own;
+    static TestTermination own("own");
+    static bool const started = [] {
+        Receiver::idleLookInterval(kIdleLooks);
+        return own.start() == 1;
+    }();
+    if (!started)
+        std::abort();
     fuzz::Script script(data, size);
     Session session(own, script);
     for (int i = 0; i < kMostSteps && script.more(); ++i)

@@ -49,15 +49,6 @@ TEST(Any, ReadingEmptiesItFirst) {
     EXPECT_EQ("000000050000000000", wireForm(cut)) << "missing bytes are zeros";
 }
 
-TEST(Any, MayBeReplacedByTheAnyInsideIt) {
-    TipprmiAny inside;
-    inside.insert(std::string(80, 'i'));
-    TipprmiAny any;
-    any.insert(inside);
-    any.extract(any);
-    EXPECT_EQ(wireForm(inside), wireForm(any));
-}
-
 TEST(Any, GoesIntoAStreamAndComesOutOfItWithoutALength) {
     TipprmiAny any;
     TipprmiStream stream(100);
@@ -135,28 +126,6 @@ TEST(Sequence, CountIsBoundedByWhatCouldHaveArrived) {
     EXPECT_FALSE(stream.hasUnmarshallingFailed());
     ASSERT_EQ(70000u, read.getLength());
     EXPECT_EQ(5u, read[69999]);
-}
-
-TEST(ExceptionContainer, IsATypeAndAnAny) {
-    TipprmiExceptionContainer container;
-    EXPECT_EQ("0000000000000000", wireForm(container));
-    container.setExceptionType(TipprmiGeneralException::getExceptionClassType());
-    container.setExceptionData(TipprmiGeneralException(5));
-    EXPECT_EQ("000000010000000400000005", wireForm(container));
-
-    TipprmiStream stream(100);
-    writeGeneralException(stream, 6);
-    stream << TipprmiExceptionContainer();
-    EXPECT_EQ("0000000100000004000000060000000000000000", hex(stream));
-    stream >> container;
-    TipprmiGeneralException exception;
-    container.getExceptionData(exception);
-    EXPECT_EQ(1u, container.getExceptionType());
-    EXPECT_EQ(6u, exception.code());
-    stream >> container;
-    EXPECT_EQ(0u, container.getExceptionType());
-    EXPECT_EQ("0000000000000000", wireForm(container)) << "the former data are gone";
-    EXPECT_FALSE(stream.hasUnmarshallingFailed());
 }
 
 }  // namespace

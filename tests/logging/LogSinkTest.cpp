@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "Threads.h"
 #include "Waiting.h"
 #include "logging/Log.h"
 
@@ -77,17 +78,12 @@ TEST(LogSink, isNoCancellationPoint) {
             finished = true;
         },
         nullptr);
-    pthread_t thread;
-    auto const body = [](void*) -> void* {
+    testsupport::TestThread thread([] {
         pthread_cancel(pthread_self());
         REFLECTORB_LOG(5, "Source", "with a cancellation pending");
         pthread_testcancel();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
-    void* result = nullptr;
-    pthread_join(thread, &result);
+    });
+    EXPECT_TRUE(thread.join());
     Logging::setSink(nullptr, nullptr);
     EXPECT_TRUE(finished);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
 }

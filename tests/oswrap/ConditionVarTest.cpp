@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
 
+#include "Threads.h"
 #include "Waiting.h"
 #include "oswrap/Clock.h"
 #include "oswrap/ConditionVar.h"
@@ -15,45 +15,32 @@ using OSWrap::TimeSpec;
 
 namespace {
 
-/** A thread that waits until it is cancelled, under a scoped lock. */
-struct EndlessWaiter {
-    explicit EndlessWaiter(TimeSpec const& waitLimit) : limit(waitLimit) {}
-
-    TimeSpec const limit;
+/** Cancels a thread that waits under a scoped lock. */
+void cancelInTheWait(TimeSpec const& limit, bool wakeBefore) {
     ConditionVar condition;
     std::atomic<bool> waiting{false};
     std::atomic<bool> unwound{false};
-
-    static void* run(void* self) {
-        auto& waiter = *static_cast<EndlessWaiter*>(self);
+    testsupport::TestThread thread([&] {
         struct Mark {
-            EndlessWaiter& waiter;
-            ~Mark() { waiter.unwound = true; }
-        } const mark{waiter};
-        Lock<ConditionVar> const lock(waiter.condition);
-        waiter.waiting = true;
+            std::atomic<bool>& mark;
+            ~Mark() { mark = true; }
+        } const mark{unwound};
+        Lock<ConditionVar> const lock(condition);
+        waiting = true;
         for (;;)
-            waiter.condition.wait(waiter.limit);
-    }
-};
-
-void cancelInTheWait(TimeSpec const& limit, bool wakeBefore) {
-    EndlessWaiter waiter(limit);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, &EndlessWaiter::run, &waiter), 0);
-    ASSERT_TRUE(testsupport::eventually([&] { return waiter.waiting.load(); }));
+            condition.wait(limit);
+    });
+    ASSERT_TRUE(testsupport::eventually([&] { return waiting.load(); }));
     // The mutex is free only while the thread is inside its wait.
-    { Lock<ConditionVar> const lock(waiter.condition); }
+    { Lock<ConditionVar> const lock(condition); }
     if (wakeBefore)
-        waiter.condition.signal();
-    pthread_cancel(thread);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_TRUE(waiter.unwound);
-    bool const isFree = waiter.condition.trylock();
+        condition.signal();
+    thread.cancel();
+    EXPECT_TRUE(thread.join());
+    EXPECT_TRUE(unwound);
+    bool const isFree = condition.trylock();
     if (isFree)
-        waiter.condition.unlock();
+        condition.unlock();
     EXPECT_TRUE(isFree);
 }
 

@@ -138,6 +138,23 @@ TEST(Thread, deletesItselfAfterReturnAndAfterCancellation) {
         }
 }
 
+TEST(Thread, isNotCancelledInItsDestructors) {
+    static std::atomic<bool> finished;
+    finished = false;
+    static pthread_key_t key;
+    pthread_key_create(&key, [](void*) {
+        pthread_testcancel();
+        finished = true;
+    });
+    TestThread thread([] {
+        pthread_setspecific(key, &key);
+        pthread_cancel(pthread_self());
+    });
+    runToItsEnd(thread);
+    pthread_key_delete(key);
+    EXPECT_TRUE(finished);
+}
+
 TEST(Thread, idIsNeverReusedAndHoldsInThreadSpecificDestructors) {
     static std::atomic<unsigned long> idInDestructor;
     pthread_key_t key;

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -419,18 +419,13 @@ private:
 
 /** False when they make no sense. */
 bool read(int count, char** arguments, Options& options) {
+    std::map<std::string, unsigned int*> const values{
+        {"--seconds", &options.seconds}, {"--seed", &options.seed}, {"--actors", &options.actors}};
     for (int i = 1; i < count; i += 2) {
-        std::string const name = arguments[i];
-        unsigned int* const value = name == "--seconds"  ? &options.seconds
-                                    : name == "--seed"   ? &options.seed
-                                    : name == "--actors" ? &options.actors
-                                                         : nullptr;
-        if (!value || i + 1 == count)
+        auto const value = values.find(arguments[i]);
+        if (value == values.end() || i + 1 == count)
             return false;
-        char* end = nullptr;
-        *value = static_cast<unsigned int>(std::strtoul(arguments[i + 1], &end, 10));
-        if (end == arguments[i + 1] || *end != '\0')
-            return false;
+        *value->second = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
     }
     return options.actors >= kFewestActors && options.actors <= kMostActors;
 }

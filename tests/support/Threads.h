@@ -1,10 +1,13 @@
 #pragma once
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <utility>
 
 namespace testsupport {
 
@@ -22,5 +25,38 @@ inline std::string statesOfThreads(std::string const& name, pid_t pid = ::getpid
     }
     return states;
 }
+
+/** A thread with one body, that can be cancelled and is joined at the latest by its destructor. */
+class TestThread {
+public:
+    explicit TestThread(std::function<void()> body) : body_(std::move(body)) {
+        pthread_create(&handle_, nullptr, enter, this);
+    }
+    ~TestThread() { join(); }
+    TestThread(TestThread const&) = delete;
+    TestThread& operator=(TestThread const&) = delete;
+
+    void cancel() { pthread_cancel(handle_); }
+    /** Whether the thread ended by cancellation. */
+    bool join() {
+        if (joined_)
+            return cancelled_;
+        void* result = nullptr;
+        pthread_join(handle_, &result);
+        joined_ = true;
+        return cancelled_ = result == PTHREAD_CANCELED;
+    }
+
+private:
+    static void* enter(void* self) {
+        static_cast<TestThread*>(self)->body_();
+        return nullptr;
+    }
+
+    std::function<void()> const body_;
+    pthread_t handle_{};
+    bool joined_ = false;
+    bool cancelled_ = false;
+};
 
 }  // namespace testsupport

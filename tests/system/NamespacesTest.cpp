@@ -2,7 +2,6 @@
 #include <map>
 #include <memory>
 
-#include "Slowness.h"
 #include "StationActor.h"
 
 namespace {
@@ -18,8 +17,14 @@ protected:
     /** A process with an object of its unit and one of the node. */
     std::unique_ptr<StationActor> start(int slot, std::string const& name) {
         auto actor = std::make_unique<StationActor>(inSlot(slot));
-        actor->publishStation("unit." + name, "1");
-        actor->publishStation("node." + name, "2");
+        auto const unit = actor->publishStation("unit." + name, "1");
+        auto const node = actor->publishStation("node." + name, "2");
+        if (slot == 1) {
+            EXPECT_EQ(unit.termination >> 16, 0x0101u);
+            EXPECT_EQ(node.termination >> 16, 0x0301u);
+            EXPECT_EQ(unit.broker >> 16, 0x0101u);
+            EXPECT_EQ(node.broker >> 16, 0x0201u);
+        }
         return actor;
     }
     static std::string called(StationActor& actor, std::string const& name, std::string const& ns) {
@@ -32,30 +37,6 @@ protected:
             actor->ask("active " + std::to_string(slot), "active");
     }
 };
-
-TEST_F(NamespacesTest, oneProcessServesItsUnitAndTheNodeAtTheSameTime) {
-    StationActor server(inSlot(1));
-    auto const unit = server.publishStation("both", "1");
-    auto const node = server.publishStation("both", "2");
-    EXPECT_EQ(unit.termination >> 16, 0x0101u);
-    EXPECT_EQ(node.termination >> 16, 0x0301u);
-    EXPECT_EQ(unit.broker >> 16, 0x0101u);
-    EXPECT_EQ(node.broker >> 16, 0x0201u);
-    server.publishStation("unit", "1");
-    server.publishStation("node", "2");
-    StationActor client(inSlot(1));
-    for (std::string const name : {"unit 1", "node 2"})
-        EXPECT_EQ(client.ask("keep " + name, "kept"), "1");
-    std::string const count = std::to_string(testsupport::scaled(1000));
-    client.tell("useoften unit " + count);
-    client.tell("useoften node " + count);
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(client.await("failed"), "0");
-    EXPECT_EQ(called(client, "unit", "2"), "not found");
-    EXPECT_EQ(called(client, "node", "1"), "not found");
-    server.finish();
-    client.finish();
-}
 
 TEST_F(NamespacesTest, objectsOfTheNodeAreFoundEverywhereThoseOfAUnitInItsGroup) {
     std::map<std::string, std::unique_ptr<StationActor>> actors;

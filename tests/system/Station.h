@@ -72,29 +72,6 @@ public:
     TipprmiResult<void> add(unsigned int number) const {
         return tipprmiSend(*this, kClass, kAdd, number);
     }
-    TipprmiResult<unsigned int> total() const {
-        return tipprmiCall<unsigned int>(*this, kClass, kTotal);
-    }
-    TipprmiResult<void> refuse(unsigned int code) const {
-        return tipprmiCall<void>(*this, kClass, kRefuse, code);
-    }
-    TipprmiResult<std::string> flip(std::string const& text) const {
-        return tipprmiCall<std::string>(*this, kClass, kFlip, text);
-    }
-    TipprmiResult<Identifier> extend(Identifier const& identifier) const {
-        return tipprmiCall<Identifier>(*this, kClass, kExtend, identifier);
-    }
-    TipprmiResult<Transport::TerminationId> same(Transport::TerminationId id) const {
-        return tipprmiCall<Transport::TerminationId>(*this, kClass, kSame, id);
-    }
-    TipprmiResult<int> sum(TipprmiSequence<unsigned int> const& numbers) const {
-        return tipprmiCall<int>(*this, kClass, kSum, numbers);
-    }
-    /** Has the station call `rotate` of the object. */
-    TipprmiResult<std::string> visit(TipprmiObjectClient const& object,
-                                     std::string const& text) const {
-        return tipprmiCall<std::string>(*this, kClass, kVisit, object, text);
-    }
 };
 
 class Server : public TipprmiObjectSkeleton {

@@ -28,6 +28,7 @@
 namespace {
 
 using station::Client;
+using station::Identifier;
 using station::Server;
 using testsupport::answer;
 
@@ -47,6 +48,10 @@ public:
     }
 
 private:
+    template <class Result, class... Arguments>
+    TipprmiResult<Result> call(unsigned int method, Arguments const&... arguments) const {
+        return tipprmiCall<Result>(far_, station::kClass, method, arguments...);
+    }
     void expect(bool holds, std::string const& what) {
         if (!holds)
             faults_ += " " + what;
@@ -55,36 +60,39 @@ private:
         for (unsigned int n : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
             expect(far_.answers(n), "rotate:" + std::to_string(n));
         TipprmiSequence<unsigned int> numbers;
-        expect(far_.sum(numbers).valueOr(1) == 0, "empty-sequence");
+        expect(call<int>(station::kSum, numbers).valueOr(1) == 0, "empty-sequence");
         for (unsigned int n = 0; n < 1000; ++n)
             numbers.push_back(n);
-        expect(far_.sum(numbers).value() == -499500, "sequence");
+        expect(call<int>(station::kSum, numbers).value() == -499500, "sequence");
     }
     void bodies() {
         for (std::size_t size :
              {0u, 1u, 87u, 88u, 89u, 4096u, 16384u, 65537u, 1u << 20, 12u << 20}) {
             std::string const text = station::body(size);
-            auto const back = far_.flip(text);
+            auto const back = call<std::string>(station::kFlip, text);
             expect(back && back.value() == station::flipped(text), "body:" + std::to_string(size));
         }
-        expect(!far_.flip(std::string(16u << 20, 'x')), "body-beyond-the-limit");
+        expect(!call<std::string>(station::kFlip, std::string(16u << 20, 'x')),
+               "body-beyond-the-limit");
         expect(far_.answers(), "after-large-bodies");
     }
     void identifiers() {
-        auto const more = far_.extend({TipprmiOID("name", NSID_UNIT)});
+        auto const more =
+            call<Identifier>(station::kExtend, Identifier{TipprmiOID("name", NSID_UNIT)});
         expect(more && more.value().oid == TipprmiOID("name.more", NSID_UNIT), "identifier");
-        auto const none = far_.extend({});
+        auto const none = call<Identifier>(station::kExtend, Identifier());
         expect(none && none.value().oid.getIdString() == nullptr, "no-identifier");
         for (unsigned int id : {0u, 0x01020304u, 0xFFFFFFFFu})
-            expect(far_.same(id).valueOr(77u) == Transport::TerminationId(id),
+            expect(call<Transport::TerminationId>(station::kSame, Transport::TerminationId(id))
+                           .valueOr(77u) == Transport::TerminationId(id),
                    "termination:" + std::to_string(id));
     }
     void failures() {
         for (unsigned int code : {0u, 42u, 0x80000000u, 0xFFFFFFFFu}) {
-            auto const refused = far_.refuse(code);
+            auto const refused = call<void>(station::kRefuse, code);
             expect(!refused && refused.code() == code, "refuse:" + std::to_string(code));
         }
-        expect(!tipprmiCall<void>(far_, station::kClass, 99), "unknown-method");
+        expect(!call<void>(99), "unknown-method");
         TipprmiExceptionContainer container;
         container.setExceptionType(7);  // one of type 1 would hide the answer to its own query
         container.setExceptionData(TipprmiGeneralException(5));
@@ -93,15 +101,16 @@ private:
         TipprmiExceptionContainer back = far_.getStub_()->getExceptionContainer();
         back.getExceptionData(code);
         expect(back.getExceptionType() == 7 && code.code() == 5, "container");
-        expect(!far_.total(), "container-at-the-head-of-a-response");
+        expect(!call<unsigned int>(station::kTotal), "container-at-the-head-of-a-response");
         far_.getStub_()->setExceptionContainer(TipprmiExceptionContainer());
-        expect(bool(far_.total()), "container-taken-back");
+        expect(bool(call<unsigned int>(station::kTotal)), "container-taken-back");
     }
     /** A handle on an object of this process, without an identifier, leads back here. */
     void handles() {
         Server near("");
-        expect(far_.visit(*near.getClient(), "abc").value() == "bca", "handle");
-        expect(!far_.visit(Client(), "abc"), "handle-on-nothing");
+        expect(call<std::string>(station::kVisit, *near.getClient(), "abc").value() == "bca",
+               "handle");
+        expect(!call<std::string>(station::kVisit, Client(), "abc"), "handle-on-nothing");
     }
 
     Client const far_;

@@ -17,14 +17,6 @@ class ChannelTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(own_.start(), 1); }
     bool meet(Peer& peer) { return peer.id().value() != 0 && own_.waitUntilKnown(peer.id()); }
-    /** Both send so many messages, and the peer gets those for it. */
-    void exchange(Peer& peer, std::uint32_t count) {
-        peer.flood(own_.termId(), count, 200);
-        for (std::uint32_t i = 0; i < count; ++i)
-            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 200), 1);
-        EXPECT_TRUE(peer.waitForReceived(count));
-        EXPECT_EQ(peer.report().faults + peer.report().returned, 0u);
-    }
 
     testsupport::RendezvousFolder folder_;
     TestTermination own_;
@@ -64,25 +56,15 @@ TEST_F(ChannelTest, BothSidesMayConnectAtOnceAndFloodEachOther) {
     for (std::uint32_t const count : {1000u, 1000u, 1000u, 100'000u}) {
         Peer peer;
         ASSERT_TRUE(meet(peer));
-        exchange(peer, count);
+        peer.flood(own_.termId(), count, 200);
+        for (std::uint32_t i = 0; i < count; ++i)
+            ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 200), 1);
         EXPECT_TRUE(own_.waitForReceived(received += count));
+        EXPECT_TRUE(peer.waitForReceived(count));
+        EXPECT_EQ(peer.report().faults + peer.report().returned, 0u);
     }
     EXPECT_EQ(own_.tally().faults, 0u);
     EXPECT_EQ(own_.tally().returned, 0u);
-}
-
-TEST_F(ChannelTest, ProcessesOfDifferentWordSizeShareAChannel) {
-    std::vector<std::string> const command = testsupport::peerProgramCommand("transport_peer");
-    if (command.empty())
-        GTEST_SKIP() << "no build of another word size beside this one";
-    Peer peer(command);
-    ASSERT_TRUE(meet(peer));
-    std::uint32_t number = 0;
-    for (std::size_t const size : {8u, 1000u, 100'000u, 3'000'000u})
-        EXPECT_TRUE(own_.ping(peer.id(), ++number, size)) << size;
-    exchange(peer, 20'000);
-    EXPECT_TRUE(own_.waitForReceived(20'000));
-    EXPECT_EQ(own_.tally().faults, 0u);
 }
 
 TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {

@@ -107,16 +107,4 @@ TEST_F(IdentityTest, folderThatIsNotTheUsersAloneIsRefused) {
     expectRefused(path, "owner 65534");
 }
 
-TEST_F(IdentityTest, processOfAnotherUserIsRefused) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can become another user";
-    PresenceActor owner;
-    std::string const id = owner.start();
-    PresenceActor stranger;
-    stranger.ask("become 65534", "became");
-    EXPECT_EQ(stranger.start(), kRefused);
-    EXPECT_TRUE(stranger.child().waitForErrorLine("is refused"));
-    EXPECT_EQ(owner.known(), 1u);
-}
-
 }  // namespace

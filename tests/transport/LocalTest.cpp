@@ -35,7 +35,17 @@ public:
         return result;
     }
     void onReceive(std::function<void()> action) { action_ = std::move(action); }
+    /** Has its receiving thread wait inside. */
+    void holdUp() {
+        onReceive([this] {
+            inside.open();
+            goOn.wait();
+        });
+    }
     int calls() const { return calls_; }
+
+    testsupport::Gate inside;
+    testsupport::Gate goOn;
 
 private:
     std::function<void()> action_;  // set before messages come
@@ -91,24 +101,17 @@ TEST_F(LocalTest, NothingGoesFromOrToATerminationThatIsNotStarted) {
 
 TEST_F(LocalTest, StopReturnsOnlyWhenTheRunningCallbackHasEnded) {
     CallingTermination own;
-    testsupport::Gate inside;
-    testsupport::Gate goOn;
-    std::atomic<bool> ended{false};
-    own.onReceive([&] {
-        inside.open();
-        goOn.wait();
-        ended = true;
-    });
+    own.holdUp();
     ASSERT_EQ(own.start(), 1);
     ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 0), 1);
     ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 1), 1);
-    ASSERT_TRUE(inside.wait());
+    ASSERT_TRUE(own.inside.wait());
     std::thread opener([&] {
         testsupport::eventually([&] { return own.send(own.termId(), TestHead::Numbered, 2) == 0; });
-        goOn.open();
+        own.goOn.open();
     });
     own.stop();
-    EXPECT_TRUE(ended);
+    EXPECT_TRUE(own.goOn.isOpen());
     int const calls = own.calls();
     opener.join();
     EXPECT_EQ(own.calls(), calls);
@@ -141,21 +144,16 @@ TEST_F(LocalTest, ATerminationMayBeStoppedAndDeletedInItsOwnCallback) {
 TEST_F(LocalTest, WhatAStoppedTerminationHasNotReadComesBack) {
     TestTermination sender;
     auto receiver = std::make_unique<CallingTermination>();
-    testsupport::Gate inside;
-    testsupport::Gate goOn;
-    receiver->onReceive([&] {
-        inside.open();
-        goOn.wait();
-    });
+    receiver->holdUp();
     ASSERT_EQ(sender.start() + receiver->start(), 2);
     for (std::uint32_t i = 0; i < 10; ++i)
         ASSERT_EQ(sender.send(receiver->termId(), TestHead::Numbered, i, 500), 1);
-    ASSERT_TRUE(inside.wait());
+    ASSERT_TRUE(receiver->inside.wait());
     std::thread stopper([&] { receiver->stop(); });
     EXPECT_TRUE(sender.waitUntilGone(receiver->termId()));
     testsupport::eventually(
         [&] { return receiver->send(sender.termId(), TestHead::Numbered, 0) == 0; });
-    goOn.open();
+    receiver->goOn.open();
     stopper.join();
     std::uint32_t const read = static_cast<std::uint32_t>(receiver->calls());
     EXPECT_TRUE(sender.waitForReturned(10 - read));
@@ -187,15 +185,14 @@ TEST_F(LocalTest, StoppingWhileOthersSendIsSafe) {
 }
 
 TEST_F(LocalTest, AFullInboxRefusesAndTakesAgainWhenItIsRead) {
-    testsupport::Gate goOn;  // outlives the termination, which may be receiving until its end
     CallingTermination own;
-    own.onReceive([&] { goOn.wait(); });
+    own.holdUp();
     ASSERT_EQ(own.start(), 1);
     std::uint32_t taken = 0;
     while (own.send(own.termId(), TestHead::Numbered, taken, 4 * 1024 * 1024) == 1)
         ASSERT_LT(++taken, 100u) << "no limit";
     EXPECT_GE(taken, 15u);
-    goOn.open();
+    own.goOn.open();
     EXPECT_TRUE(own.waitForReceived(taken));
     EXPECT_EQ(own.send(own.termId(), TestHead::Numbered, taken), 1);
 }

@@ -10,8 +10,9 @@ namespace transporttest {
 /** The program transport_peer with its termination. */
 class Peer : public testsupport::ActorProgram {
 public:
-    explicit Peer(Command const& command = testsupport::programCommand("transport_peer"))
-        : ActorProgram(command), id_(static_cast<unsigned int>(std::stoul(ask("id", "id")))) {}
+    Peer()
+        : ActorProgram(testsupport::programCommand("transport_peer")),
+          id_(static_cast<unsigned int>(std::stoul(ask("id", "id")))) {}
 
     Transport::TerminationId id() const { return id_; }
 

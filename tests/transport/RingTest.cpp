@@ -94,15 +94,6 @@ TEST_F(RingTest, APieceOfAnotherMessageInBetweenIsSeen) {
     EXPECT_EQ(next(), RingReader::Result::Garbage);
 }
 
-TEST_F(RingTest, NonsenseFromTheReceiverIsSeen) {
-    ASSERT_TRUE(put(1000, 1));
-    receiving_.page().head.store(0x80000000);
-    while (!writer_->broken() && put(1000, 1)) {
-    }
-    EXPECT_TRUE(writer_->broken());
-    EXPECT_FALSE(put(8, 1));
-}
-
 TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {
     Descriptor const file = makeSealedFile(8192);
     EXPECT_TRUE(isSealedFile(file.get(), 8192));

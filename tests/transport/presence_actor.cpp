@@ -2,7 +2,6 @@
 //
 //   slot N, active N, axu N,N, actor NAME, directory PATH: answers "set yes" or "set no"
 //   identity         answers "identity SLOT ACTIVE ACTOR AXU..."
-//   become UID       gives up root; answers "became"
 //   start GROUP      a termination comes up; answers "started ID", 0 when refused
 //   stop ID          answers "stopped"
 //   churn KEEP N     starts KEEP, then stops and starts N times; answers "churned"
@@ -15,7 +14,7 @@
 //   inheritable      descriptors that exec would pass on; answers "inheritable N"
 //   quit             ends without stopping anything
 //
-// Unless it churns, it prints "arrived" and "departed" with listener, termination and time.
+// Unless it churns, it prints "arrived" and "departed" with listener and termination.
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -36,7 +35,6 @@
 #include <thread>
 
 #include "ActorSide.h"
-#include "oswrap/Clock.h"
 #include "platform/transport/IdentityValues.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "transport/IdInfo.h"
@@ -112,8 +110,7 @@ private:
             entry->second = present;
         }
         if (!quiet)
-            answer(what + hex(id_) + " " + hex(id) + " " +
-                   std::to_string(OSWrap::Clock::nowNanoseconds()));
+            answer(what, hex(id_), " ", hex(id));
     }
 
     TerminationId const id_;
@@ -274,8 +271,6 @@ std::string obey(std::string const& command, std::istringstream& words, Seats& s
         return "inheritable " + std::to_string(countInheritable());
     if (command == "identity")
         return "identity " + identity();
-    if (command == "become")
-        return ::setuid(static_cast<uid_t>(decimal())) == 0 ? "became" : "failed";
     return configure(command, value) ? "set yes" : "set no";
 }
 
