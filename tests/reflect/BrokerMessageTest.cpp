@@ -1,14 +1,14 @@
 // Requests and responses as they go over the wire, against a peer that writes them by hand.
 
-#include "../handler_threads/PermissionThreads.h"
 #include "BrokerTest.h"
 #include "Permitted.h"
 #include "Probe.h"
+#include "Threads.h"
 #include "WirePeer.h"
 
 namespace {
 
-using permissiontest::TestThread;
+using testsupport::TestThread;
 
 class BrokerMessageTest : public BrokerTest {
 protected:

@@ -323,26 +323,6 @@ TEST_F(NotificationTest, subscriberThatIsKilledInsideANoticeEndsThePublishersWai
     survivor.finish();
 }
 
-TEST_F(NotificationTest, subscriberThatIsStoppedIsWaitedFor) {
-    NoticeActor sleeper;
-    sleeper.observe("w", "creations", "7001");
-    Watcher& local = watcher("local");
-    observeCreations(local);
-    ASSERT_TRUE(sleeper.child().stopWholly());
-    std::atomic<bool> created{false};
-    std::thread publishing([&] {
-        create("a");
-        created = true;
-    });
-    // The wait for others keeps nobody out.
-    ASSERT_TRUE(testsupport::eventually([&] { return told(local) == Names{"a"}; }));
-    EXPECT_FALSE(created);
-    sleeper.child().signal(SIGCONT);
-    publishing.join();
-    EXPECT_EQ(sleeper.told("w"), "a ");
-    sleeper.finish();
-}
-
 TEST_F(NotificationTest, brokersMayBeDeletedAndMadeAgainInsideTheNoticeOfAnExistingObject) {
     create("a");
     create("b");

@@ -1,7 +1,6 @@
 // Every byte of the calls that all reflective objects serve, and of the notifications of observers:
 // a peer writes and reads them by hand.
 #include <mutex>
-#include <stdexcept>
 
 #include "BrokerTest.h"
 #include "Gauge.h"
@@ -326,15 +325,6 @@ TEST_F(ReflectiveWire, NotificationIsAnsweredWithWhatTheObserverSays) {
         };
     });
     EXPECT_EQ(ask(*watcher_, kObserverClass, 0, body), ok_ + bare("00000001 00000001"));
-}
-
-TEST_F(ReflectiveWire, ObserverThatThrowsIsAnsweredForWithAFailure) {
-    permitted([&] { watcher_->react = []() -> bool { throw std::runtime_error("on purpose"); }; });
-    answerWith(ok_ + text("far away"));
-    EXPECT_EQ(ask(*watcher_, kObserverClass, 0,
-                  wire::handle(kFar, peerId()) + number(3) + number(4) + number(0)),
-              wire::kNotServed);
-    EXPECT_TRUE(log_.contains("classCode=0x641E8FCD,methodCode=0 threw on purpose"));
 }
 
 // ---- Requests that make no sense ---------------------------------------------------------------

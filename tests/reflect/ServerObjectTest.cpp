@@ -176,25 +176,6 @@ TEST_F(ServerObject, KeepsChildrenInTheOrderOfTheirNames) {
 
 // ---- Classes and codes -------------------------------------------------------------------------
 
-TEST_F(ServerObject, IsOfItsMostSpecialClassThatIsKnown) {
-    ReflectiveActor actor;
-    actor.ask("combi far", "made");
-    TreflectHandlerState const handlerState(true);
-    Node node("node");
-    TreflectObject const handle(&node);
-    EXPECT_EQ(handle.meta(), nullptr);
-    node.ids.push_back(0xDEAD0001);
-    EXPECT_EQ(handle.meta(), nullptr);
-    EXPECT_EQ(log_.count(3,
-                         "TreflectObjectStub::meta() - did not find any meta information, "
-                         "returning NULL"),
-              2u);
-    node.ids.push_back(device::kClass);
-    node.ids.push_back(gauge::kClass);
-    EXPECT_EQ(handle.meta(), &deviceMeta);
-    EXPECT_EQ(TreflectObject(oid("far")).meta(), &combiMeta);
-}
-
 TEST_F(ServerObject, SaysWhatItDoesNotServeOrKnow) {
     TreflectHandlerState const handlerState(true);
     Node node("node");
