@@ -24,6 +24,9 @@ namespace {
  *
  * Four bytes FE ED w k in a text stand for a number that is different in each run: w says which
  * (see number), k of which object.
+ *
+ * With FUZZ_REQUEST=n in the environment all requests are of type n: one type at a time gets
+ * further, as what the inputs reach is not shared with the others.
  */
 enum Step : unsigned char {
     kRequest,  // 0 to 10: a request of this type
@@ -42,6 +45,14 @@ constexpr unsigned char kStepBits = 0x1F;
 /** So often the broker is made anew: what requests leave behind in it ends with it. */
 constexpr unsigned int kInputsPerBroker = 2000;
 constexpr unsigned int kPeersObject = 0x77;
+
+/** The type that all requests are to have; none: each its own. */
+std::optional<unsigned char> onlyType() {
+    char const* const text = std::getenv("FUZZ_REQUEST");
+    if (!text)
+        return std::nullopt;
+    return static_cast<unsigned char>(std::strtoul(text, nullptr, 10));
+}
 
 /** How many requests of each type were served, for the one who runs the target. */
 class Tally {
@@ -274,8 +285,10 @@ private:
         if (!results || operation.isError())
             return;
         std::vector<TreflectParameterType> const types = operation.meta()->resultTypes();
-        for (unsigned int i = 0; i < results.value().getLength(); ++i)
-            types[i % types.size()].print(results.value()[i]);
+        // The peer may answer with more or fewer than it has described.
+        for (unsigned int i = 0;
+             i < std::min<std::size_t>(types.size(), results.value().getLength()); ++i)
+            types[i].print(results.value()[i]);
     }
     template <class Value>
     void exchange(char const* name) {
@@ -393,7 +406,8 @@ private:
                                    payload));
                 break;
             default:
-                deliver(peer_.make(++lastId_, step, TreflectMessage::kRequest, payload));
+                deliver(peer_.make(++lastId_, onlyType_.value_or(step), TreflectMessage::kRequest,
+                                   payload));
                 break;
         }
     }
@@ -516,6 +530,7 @@ private:
     Transport::TerminationId const broker_;
     Peer peer_;
     std::optional<Objects> objects_;
+    std::optional<unsigned char> const onlyType_ = onlyType();
     unsigned int lastId_ = 0;
 };
 
