@@ -84,8 +84,9 @@ private:
         std::string const mine = "." + std::to_string(number_) + ".";
         std::string const shortName =
             std::to_string(actor_.settings.actor) + mine + std::to_string(place);
+        ++made_;
         objects_[place] = std::make_unique<Object>(
-            "o." + actor_.settings.name() + mine + std::to_string(++made_), shortName, made_,
+            "o." + actor_.settings.name() + mine + std::to_string(made_), shortName, made_,
             classOf(classIndex), parent < actor_.settings.actors ? &home(parent) : nullptr,
             [this, classIndex](char const* what, std::string const& name) {
                 actor_.journal.write(what, name, classIndex);

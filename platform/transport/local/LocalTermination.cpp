@@ -12,8 +12,10 @@ namespace {
 
 constexpr char const* kSource = "LocalTermination";
 
-/** A stopping termination gives what it has sent so long to get into the channels. */
+/** A stopping termination waits for what it has sent to get into the channels: so long without
+ * progress, and so long at most. */
 constexpr long long kLinger = 200'000'000;
+constexpr long long kMostLinger = 2'000'000'000;
 
 /** The switchboard must hear of departures from the first address on. */
 TerminationId reserveAddress(GroupId group, std::string const& name) {
@@ -84,7 +86,7 @@ void LocalTermination::stop() {
     stopped->refuseSending();
     Rendezvous::instance().detach(*this);
     if (!stopped->stopping())
-        stopped->waitUntilSent(kLinger);
+        stopped->waitUntilSent(kLinger, kMostLinger);
     Rendezvous::instance().withdraw(id_);
     stopped->stop();
 }

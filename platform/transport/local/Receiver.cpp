@@ -119,16 +119,23 @@ bool Receiver::onReceivingThread() const {
     return threadId_.load() == OSWrap::Thread::getCurrentId();
 }
 
-void Receiver::waitUntilSent(long long nanoseconds) {
+void Receiver::waitUntilSent(long long idle, long long most) {
     if (onReceivingThread())
         return;
-    long long const end = OSWrap::Clock::nowNanoseconds() + nanoseconds;
+    long long now = OSWrap::Clock::nowNanoseconds();
+    long long const end = now + most;
+    long long patience = now + idle;
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-    while (started_ && !finished_ && unsent_.load() != 0) {
-        long long const left = end - OSWrap::Clock::nowNanoseconds();
+    for (std::size_t before = unsent_.load(); started_ && !finished_ && before != 0;) {
+        long long const left = std::min(patience, end) - now;
         if (left <= 0)
             return;
         change_.wait(OSWrap::TimeSpec(0, left));
+        now = OSWrap::Clock::nowNanoseconds();
+        std::size_t const unsent = unsent_.load();
+        if (unsent < before)
+            patience = now + idle;
+        before = unsent;
     }
 }
 

@@ -59,9 +59,9 @@ public:
     /** Counts messages that wait in a channel's queue. */
     void unsentMore() { unsent_.fetch_add(1); }
     void unsentLess(std::size_t count);
-    /** Waits until nothing waits in a queue any more, at most that long; not on the receiving
-     * thread itself. */
-    void waitUntilSent(long long nanoseconds);
+    /** Waits until nothing waits in a queue any more, or nothing has left the queues for `idle`
+     * nanoseconds, but at most for `most`; not on the receiving thread itself. */
+    void waitUntilSent(long long idle, long long most);
     /** Ends the thread. Returns when it makes no callback any more, unless called from inside one.
      */
     void stop();
