@@ -92,7 +92,8 @@ public:
     /** Makes the payload `size` bytes long in place; only for the buffer's sole owner, see
      * Transport::AddressedMessage::extend. */
     bool extend(unsigned int size) {
-        return message_.extend(static_cast<std::size_t>(size) + kHeaderSize);
+        return size <= Transport::kLargestMessage - kHeaderSize &&
+               message_.extend(static_cast<std::size_t>(size) + kHeaderSize);
     }
     /** Whether no other handle shares the buffer; false without a buffer. */
     bool isSoleOwner() { return message_.extend(message_.size()); }
