@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
@@ -14,6 +15,8 @@
 #include "oswrap.h"
 
 using namespace permissiontest;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 using testing::ElementsAre;
 using testsupport::LogCapture;
 
@@ -144,6 +147,33 @@ TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange)
     EXPECT_THAT(served_, ElementsAre(3, 5));
 }
 
+// Somebody whose work goes on being done does not wait.
+TEST_F(TurnExchangeTest, waitIsReportedFromTheLastExchangeOn) {
+    LogCapture log;
+    {
+        Holder const holder;
+        park(poolA, 1);
+        Turn mine(poolA);
+        auto const start = steady_clock::now();
+        auto latest = start;
+        steady_clock::duration longestGap{};
+        while (latest - start < milliseconds(2500)) {
+            std::this_thread::sleep_for(milliseconds(5));
+            EXPECT_TRUE(exchange(mine));
+            auto const now = steady_clock::now();
+            longestGap = std::max(longestGap, now - latest);
+            latest = now;
+        }
+        if (longestGap < milliseconds(900)) {  // else there was something to report
+            EXPECT_EQ(log.count("::getRunPermission(thread="), 0u);
+        }
+        log.clear();
+        EXPECT_TRUE(log.waitFor(" waiting for thread "));
+    }
+    joinAll();
+    EXPECT_TRUE(log.contains(" got mutex from thread "));
+}
+
 TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
     LogCapture log;
     long const self = OSWrap::Thread::getCurrentTid();
@@ -154,11 +184,11 @@ TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
     {
         Holder const holder;
         park(poolA, 1);
-        ASSERT_TRUE(log.waitFor(awaited(self))) << "it sleeps at the front";
+        ASSERT_TRUE(log.waitFor(awaited(self) + " since 1s")) << "it sleeps at the front";
         queueUp([&] {
             Run::getRunPermission();
             callersTid = OSWrap::Thread::getCurrentTid();
-            EXPECT_TRUE(log.waitFor(awaited(callersTid)));
+            EXPECT_TRUE(log.waitFor(awaited(callersTid) + " since 1s"));
         });
         Turn mine(poolA, 2);
         ASSERT_TRUE(exchange(mine));
