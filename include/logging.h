@@ -2,4 +2,5 @@
 
 /** The platform's log records. */
 
+#include "logging/LineLimit.h"
 #include "logging/Log.h"

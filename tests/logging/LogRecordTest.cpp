@@ -9,7 +9,7 @@
 
 #include "LogCapture.h"
 #include "Waiting.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 
 using testsupport::LogCapture;
 using testsupport::LogRecord;
@@ -84,4 +84,25 @@ TEST(LogRecord, ofSeveralThreadsAreNotMixedUp) {
         EXPECT_EQ(record.text, text(t, next[t]++));
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kRecords));
+}
+
+TEST(LineLimit, letsTheFirstPassThenOneASecondThatCountsTheOthers) {
+    LogCapture log;
+    Logging::LineLimit limit(3);
+    int emitted = 0;
+    auto burst = [&] {
+        for (int i = 0; i < 1000; ++i)
+            REFLECTORB_LOG_LIMITED(limit, 3, "Source", "line %d", ++emitted);
+    };
+    burst();
+    ASSERT_EQ(log.records().size(), 3u);
+    EXPECT_TRUE(testsupport::eventually([&] {
+        burst();
+        return log.contains("lines like this one were held back");
+    }));
+    auto const told = log.find("lines like this one were held back");
+    EXPECT_EQ(told->source, "Source");
+    EXPECT_GE(std::stoi(told->text), 997);
+    EXPECT_EQ(log.records().size(), 5u);
+    EXPECT_EQ(log.records()[3].text, "line " + std::to_string(4 + std::stoi(told->text)));
 }

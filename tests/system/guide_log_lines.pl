@@ -28,12 +28,14 @@ my (%logged, %told);
 
 # The arguments of a call that begins at the current place of a text: its strings joined.
 my $string = qr/"((?:[^"\\]|\\.)*)"/;
+# A call up to its level.
+my $call = qr/\b(?:(?:REFLECTORB|TRANSPORT)_LOG\(|REFLECTORB_LOG_LIMITED\(\s*[\w.>()\[\]-]+,)/;
 sub read_file {
     my ($file) = @_;
     open(my $in, '<', $file) or die "$file: $!\n";
     my $code = do { local $/; <$in> };
     my ($source) = $code =~ /\bkSource(?:\[\])?\s*=\s*$string/;
-    while ($code =~ /\b(?:REFLECTORB_LOG|TRANSPORT_LOG)\(\s*(\w+),\s*(?:$string|kSource),\s*((?:"(?:[^"\\]|\\.)*"\s*)+)/g) {
+    while ($code =~ /$call\s*(\w+),\s*(?:$string|kSource),\s*((?:"(?:[^"\\]|\\.)*"\s*)+)/g) {
         my ($level, $name, $format) = ($1, $2 // $source, $3);
         next if $level eq '5' || $level eq '6' || $level eq 'kBacktraceLevel';
         my $line = 1 + (substr($code, 0, $-[0]) =~ tr/\n//);
@@ -41,9 +43,9 @@ sub read_file {
         push @{$logged{"$name: $text"}}, {level => $level, place => "$file:$line"};
     }
     # Each call must have been understood.
-    my $calls = () = $code =~ /\b(?:REFLECTORB_LOG|TRANSPORT_LOG)\(/g;
-    my $definitions = () = $code =~ /#define (?:REFLECTORB_LOG|TRANSPORT_LOG)\(/g;
-    my $understood = () = $code =~ /\b(?:REFLECTORB_LOG|TRANSPORT_LOG)\(\s*\w+,\s*(?:$string|kSource),\s*"/g;
+    my $calls = () = $code =~ /\b(?:REFLECTORB|TRANSPORT)_LOG(?:_LIMITED)?\(/g;
+    my $definitions = () = $code =~ /#define (?:REFLECTORB|TRANSPORT)_LOG\(/g;
+    my $understood = () = $code =~ /$call\s*\w+,\s*(?:$string|kSource),\s*"/g;
     complain("$file: a log call that this check does not understand")
         if $file !~ /DelayedLog\.h$/ && $calls - $definitions != $understood;
 }
