@@ -43,4 +43,9 @@ void DelayedLog::add(int level, int line, char const* source, char const* format
         emit(level, line, source, text);
 }
 
+void DelayedLog::addHeldBack(unsigned long count, int level, int line, char const* source) {
+    if (count != 0)
+        add(level, line, source, "%lu lines like this one were held back", count);
+}
+
 }  // namespace Transport

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "logging/LineLimit.h"
 #include "logging/Log.h"
 
 namespace Transport {
@@ -23,6 +24,9 @@ public:
     static void add(int level, int line, char const* source, char const* format, ...)
         __attribute__((format(printf, 4, 5)));
 
+    /** As `Logging::tellHeldBack`. */
+    static void addHeldBack(unsigned long count, int level, int line, char const* source);
+
 private:
     struct Record {
         int level;
@@ -42,4 +46,14 @@ private:
     do {                                                                            \
         if (::Logging::enabled(level))                                              \
             ::Transport::DelayedLog::add((level), __LINE__, (source), __VA_ARGS__); \
+    } while (false)
+
+/** TRANSPORT_LOG for lines that others can cause at will, as REFLECTORB_LOG_LIMITED is. */
+#define TRANSPORT_LOG_LIMITED(limit, level, source, ...)                                      \
+    do {                                                                                      \
+        unsigned long heldBackLines = 0;                                                      \
+        if (::Logging::enabled(level) && (limit).pass(heldBackLines)) {                       \
+            ::Transport::DelayedLog::add((level), __LINE__, (source), __VA_ARGS__);           \
+            ::Transport::DelayedLog::addHeldBack(heldBackLines, (level), __LINE__, (source)); \
+        }                                                                                     \
     } while (false)

@@ -29,7 +29,7 @@ my (%logged, %told);
 # The arguments of a call that begins at the current place of a text: its strings joined.
 my $string = qr/"((?:[^"\\]|\\.)*)"/;
 # A call up to its level.
-my $call = qr/\b(?:(?:REFLECTORB|TRANSPORT)_LOG\(|REFLECTORB_LOG_LIMITED\(\s*[\w.>()\[\]-]+,)/;
+my $call = qr/\b(?:(?:REFLECTORB|TRANSPORT)_LOG\(|(?:REFLECTORB|TRANSPORT)_LOG_LIMITED\(\s*[\w.>()\[\]-]+,)/;
 sub read_file {
     my ($file) = @_;
     open(my $in, '<', $file) or die "$file: $!\n";
