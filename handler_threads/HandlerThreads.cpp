@@ -179,4 +179,5 @@ void HandlerThreads<Container, Permission, Debugging>::releaseOnThreadTerminatio
         self->leave(false);
 }
 
+template class DebugPermission<Debugging_t<1>>;
 template class HandlerThreads<SetContainer, DebugPermission, Debugging_t<1>>;

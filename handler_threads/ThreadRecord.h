@@ -6,6 +6,8 @@
 
 namespace handlerthreads {
 
+struct PermissionWaiter;
+
 /** Where a thread sleeps while it is queued for the permission. Never freed, only passed on from
  * ended threads to new ones, so that it can be signalled without any lock: a signal that comes late
  * wakes somebody for nothing, who looks and sleeps again. */
@@ -28,7 +30,7 @@ struct ThreadRecord {
     unsigned long id;             // OSWrap's number of the thread; 0: not asked for yet
     long tid;                     // kernel's number, for log lines
     unsigned long handlerStates;  // nested handler states
-    void* waiter;                 // entry in the permission's queue while the thread waits there
+    PermissionWaiter* waiter;     // entry in the permission's queue while the thread waits there
     ParkingPlace* place;          // the thread's own, from its first wait on
     unsigned misuse;              // counters of two bits each, see Misuse
     bool misused;                 // a report has been due before

@@ -1,30 +1,13 @@
 #pragma once
 
-#include <atomic>
-
 #include "handler_threads/Debugging.h"
+#include "handler_threads/PermissionQueue.h"
 #include "oswrap/Export.h"
-#include "oswrap/Mutex.h"
-
-class TurnExchange;
-
-namespace handlerthreads {
-struct ParkingPlace;
-struct PermissionWaiter;
-struct WaitAtFront;
-}  // namespace handlerthreads
 
 /**
- * Permission policy of HandlerThreads: a token that one thread at a time holds, as often as it
- * likes, and that is given to those who ask for it strictly in the order in which they asked.
- *
- * Taking the free token and giving it back with nobody queued is one atomic operation each. A
- * thread that finds the token taken queues an entry that lies on its stack. Whoever gives the token
- * back hands it to the front entry, so it is never free while somebody is queued, and wakes that
- * one. So a hand-over wakes one thread however many wait. Nobody polls for the token: the holders
- * keep it for about a microsecond, but a processor that polls is one that no holder works on.
- *
- * One object per process, made by HandlerThreads and never destroyed. Any thread may call anything.
+ * Permission policy of HandlerThreads: the token of PermissionQueue, whose operations have their
+ * meaning there, with diagnostics. One object per process, made by HandlerThreads and never
+ * destroyed. Any thread may call anything.
  */
 template <class Debugging>
 class REFLECTORB_API DebugPermission {
@@ -33,90 +16,40 @@ public:
     DebugPermission& operator=(DebugPermission const&) = delete;
 
     /** Logs which permission is in use (level 5). */
-    void init(Debugging) const;
-    /**
-     * Takes the token, or one more level of it, waiting for its turn. A cancellation point while it
-     * waits (the cancellation type is deferred meanwhile): a cancelled thread leaves the queue, and
-     * passes the token on if it has just been given. The thread at the front reports once per
-     * second that it waits (level 5). Taking a further level is reported with a backtrace (level
-     * 4). Call with no lock held that the holder of the token may want.
-     */
-    void get();
+    void init(Debugging) const { handlerthreads::PermissionQueue::announce(); }
+    /** Takes the token, or one more level of it, waiting for its turn. */
+    void get() { queue_.get(); }
     /** The same for a thread of a pool: while it is queued, another one may exchange work with it.
      */
-    void get(TurnExchange& turn);
+    void get(TurnExchange& turn) { queue_.get(&turn); }
     /** The same with an entry that has been left to another thread to be queued. */
-    void get(handlerthreads::PermissionWaiter& waiter);
-    /** Queues another thread's entry, which that thread has left for this, or gives it the free
-     * token at once. The entry may be gone when this returns. Never waits. */
-    void queue(handlerthreads::PermissionWaiter& waiter);
-    /** For a thread that has been cancelled while its entry was left or queued: takes it out of the
-     * queue, and passes the token on if it has just been given. */
-    void leaveQueue(handlerthreads::PermissionWaiter& waiter);
-    /**
-     * Instead of `release` followed by `get(mine)`, when that would change nothing but the thread
-     * that goes on: true when nobody is queued, or when the front of the queue belongs to the same
-     * pool, which then gets the caller's work and place in exchange for its own. The caller keeps
-     * the token and goes on with what `mine` now holds. False without effect otherwise, or when the
-     * caller does not hold exactly one level.
-     */
-    bool exchangeTurn(TurnExchange& mine);
-    /** Gives back one level, with the last one the token. Reported and ignored when the caller does
-     * not hold it (level 3). No cancellation point. */
-    void release();
-    /** Clean-up of a cancelled `get`: takes the calling thread out of the queue of the
-     * DebugPermission `self`. No effect on a thread that is not queued, or when `self` is null. */
-    static void removeId(void* self);
-    /** Levels that the holder has; 0 when the token is free. */
-    unsigned long count() const { return count_.load(std::memory_order_relaxed); }
-    /** Thread id of the holder, 0 when the token is free. Exact when the caller asks about itself;
-     * about others it is a glimpse. */
-    unsigned long getOwner() const {
-        return word_.load(std::memory_order_relaxed) & ~kSomebodyQueued;
+    void get(handlerthreads::PermissionWaiter& waiter) { queue_.get(waiter); }
+    /** Queues another thread's entry, which that thread has left for this. */
+    void queue(handlerthreads::PermissionWaiter& waiter) { queue_.queue(waiter); }
+    /** Takes a cancelled thread's entry out of the queue. */
+    void leaveQueue(handlerthreads::PermissionWaiter& waiter) { queue_.leaveQueue(waiter); }
+    /** Goes on with the next turn of the pool where that changes nothing but the thread. */
+    bool exchangeTurn(TurnExchange& mine) { return queue_.exchangeTurn(mine); }
+    /** Gives back one level, with the last one the token. */
+    void release() { queue_.release(); }
+    /** Clean-up of a cancelled `get` of the DebugPermission `self`; no effect when that is null. */
+    static void removeId(void* self) {
+        if (self)
+            handlerthreads::PermissionQueue::removeId(&static_cast<DebugPermission*>(self)->queue_);
     }
-
-    /** Number of threads that are queued; any thread may ask, for diagnostics. */
-    unsigned long waiting() const { return waiting_.load(std::memory_order_relaxed); }
+    /** Levels that the holder has; 0 when the token is free. */
+    unsigned long count() const { return queue_.count(); }
+    /** Thread id of the holder, 0 when the token is free. */
+    unsigned long getOwner() const { return queue_.getOwner(); }
+    /** Number of threads that are queued, for diagnostics. */
+    unsigned long waiting() const { return queue_.waiting(); }
 
 private:
     template <template <class> class, template <class> class, class>
     friend class HandlerThreads;
-    using ParkingPlace = handlerthreads::ParkingPlace;
-    using Waiter = handlerthreads::PermissionWaiter;
     DebugPermission() = default;
 
-    bool tryTake(unsigned long id, long tid);
-    void take(TurnExchange* turn);
-    void addLevel();
-    void waitForTurn(Waiter& waiter);
-    bool enqueueUnlessFree(Waiter& waiter);
-    void awaitGrant(Waiter& waiter);
-    void awaitGrantAtFront(Waiter& waiter);
-    handlerthreads::WaitAtFront waitAtFront(Waiter const& waiter);
-    void handOver();
-    void append(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    ParkingPlace* passOn() OSW_REQUIRES(queueMutex_);
-    void moveToBack(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    ParkingPlace* leaveQueueLocked(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    void unlink(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    void moveToFront(Waiter& waiter) OSW_REQUIRES(queueMutex_);
-    void reportFurtherLevel(unsigned long levels) const;
-
-    /// Top bit of `word_`; thread ids stay below it.
-    static constexpr unsigned long kSomebodyQueued = ~(~0ul >> 1);
-
-    /// The holder's thread id and the bit kSomebodyQueued. 0 <-> id without the lock; whatever sets
-    /// or clears the bit, or puts one id in another's place, under `queueMutex_`.
-    std::atomic<unsigned long> word_{0};
-    std::atomic<unsigned long> count_{0};  // changed by the holder only
-    std::atomic<long> ownerTid_{0};        // kernel's id of the holder, for log lines only
-
-    /// Locked before the mutex of a waiter, after any other lock; never while waiting, waking or
-    /// logging.
-    OSWrap::Mutex queueMutex_;
-    Waiter* front_ OSW_GUARDED_BY(queueMutex_) = nullptr;
-    Waiter* back_ OSW_GUARDED_BY(queueMutex_) = nullptr;
-    std::atomic<unsigned long> waiting_{0};  // changed under `queueMutex_`
+    handlerthreads::PermissionQueue queue_;
 };
 
 extern template class DebugPermission<Debugging_t<1>>;

@@ -45,17 +45,17 @@ public:
     void getPermission();
     void getPermission(Debugging);
     /** Takes the permission for a thread of a pool, which must be in handler state; see
-     * DebugPermission::get. */
+     * PermissionQueue::get. */
     void getPermission(TurnExchange& turn);
     /** Takes the permission with an entry that has been left to another thread to be queued; see
-     * DebugPermission::get. For threads in handler state. */
+     * PermissionQueue::get. For threads in handler state. */
     void getPermission(handlerthreads::PermissionWaiter& waiter);
-    /** Queues another thread's entry for it; see DebugPermission::queue. */
+    /** Queues another thread's entry for it; see PermissionQueue::queue. */
     void queue(handlerthreads::PermissionWaiter& waiter);
-    /** See DebugPermission::leaveQueue. */
+    /** See PermissionQueue::leaveQueue. */
     void leaveQueue(handlerthreads::PermissionWaiter& waiter);
     /** Goes on with the next turn of the pool without giving the permission away, where that makes
-     * no difference; see DebugPermission::exchangeTurn. */
+     * no difference; see PermissionQueue::exchangeTurn. */
     bool exchangeTurn(TurnExchange& mine);
     /** Gives back one level of the permission; no effect on a thread outside handler state. */
     void releasePermission();
