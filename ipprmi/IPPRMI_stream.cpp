@@ -5,13 +5,15 @@
 
 #include "ipprmi/BigEndian.h"
 #include "ipprmi/TipprmiStream.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 // A floor above: a stream is a message ready to be sent, so it takes its buffer from the broker.
 #include "reflect/TreflectORB.h"
 
 namespace {
 
 constexpr char const* kSource = "IPPRMI_stream";
+/** How many lines pass at first of those that a message causes once. */
+constexpr unsigned kOncePerMessage = 100;
 /** Bytes of iptr_ ahead of the data. */
 constexpr unsigned int kPrefix = 4;
 constexpr std::uint64_t kLargestData =
@@ -119,8 +121,11 @@ int TipprmiStream::getUnreadSize() const {
 }
 
 void TipprmiStream::logOutOfRange_(View const& view) const {
-    REFLECTORB_LOG(3, kSource, "iptr_(%d) out of range(%d);this=%p", static_cast<int>(view.written),
-                   static_cast<int>(view.limit), static_cast<void const*>(this));
+    // A sender can have it said at every read and every copy.
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "iptr_(%d) out of range(%d);this=%p",
+                           static_cast<int>(view.written), static_cast<int>(view.limit),
+                           static_cast<void const*>(this));
 }
 
 void TipprmiStream::clear() {
@@ -184,20 +189,22 @@ TipprmiStream& TipprmiStream::marshall(void const* source, int n) {
 
 void TipprmiStream::failRead_(int n) {
     View const view = view_();
-    REFLECTORB_LOG(3, kSource,
-                   "::unmarshall() request out of bounds: getDataSize(%d)-optr_(%d) < size(%d), "
-                   "iptr_=%d, limit=%d",
-                   static_cast<int>(view.size()), optr_, n, static_cast<int>(view.written),
-                   static_cast<int>(view.limit));
+    static Logging::LineLimit limit(kOncePerMessage);
+    REFLECTORB_LOG_LIMITED(
+        limit, 3, kSource,
+        "::unmarshall() request out of bounds: getDataSize(%d)-optr_(%d) < size(%d), "
+        "iptr_=%d, limit=%d",
+        static_cast<int>(view.size()), optr_, n, static_cast<int>(view.written),
+        static_cast<int>(view.limit));
     message_.testValidation(TreflectMessage::kUndef, 0, "", true, 0);
     stopUnmarshalling();
 }
 
 unsigned char const* TipprmiStream::take_(int n) {
-    View const view = view_();
-    checkRange_(view);
     if (failed_)
         return nullptr;
+    View const view = view_();
+    checkRange_(view);
     if (static_cast<int>(view.size()) - optr_ < n) {
         failRead_(n);
         return nullptr;
@@ -209,7 +216,8 @@ unsigned char const* TipprmiStream::take_(int n) {
 
 TipprmiStream& TipprmiStream::unmarshall(void* destination, int n) {
     if (n < 1) {
-        checkRange_();
+        if (!failed_)
+            checkRange_();
         return *this;
     }
     unsigned char const* const from = take_(n);
@@ -260,7 +268,9 @@ void TipprmiStream::setData(void const* source, int n) {
 
 void TipprmiStream::printUnmarshallError(unsigned int cc, unsigned int mc) const {
     // It tells of a failed call, so it is filed under those who make calls.
-    REFLECTORB_LOG(4, "CallHelper", "Unmarshall error on cc=0x%X, mc=%d", cc, static_cast<int>(mc));
+    static Logging::LineLimit limit(kOncePerMessage);
+    REFLECTORB_LOG_LIMITED(limit, 4, "CallHelper", "Unmarshall error on cc=0x%X, mc=%d", cc,
+                           static_cast<int>(mc));
 }
 
 TipprmiStream& operator<<(TipprmiStream& stream, unsigned int value) {
@@ -296,7 +306,7 @@ TipprmiStream& operator<<(TipprmiStream& stream, std::string const& value) {
 TipprmiStream& operator<<(TipprmiStream& stream, TipprmiStream const& value) {
     // Asked once: the two may be one, or share their buffer.
     int const size = value.getDataSize();
-    bool const incomplete = value.writeDropped_;
+    bool const incomplete = value.hasMarshallingFailed();
     stream << size;
     stream.marshall(value.getDataPtr(), size);
     if (incomplete)

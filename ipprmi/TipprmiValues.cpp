@@ -38,7 +38,7 @@ void TipprmiAny::read_(TipprmiStream& stream) {
 TipprmiStream& TipprmiAny::writeBare(TipprmiStream& stream) const {
     if (!stream_)
         return stream;
-    bool const incomplete = stream_->writeDropped_;
+    bool const incomplete = stream_->hasMarshallingFailed();
     stream.marshall(stream_->getDataPtr(), stream_->getDataSize());
     if (incomplete)
         stream.dropWrite_();
@@ -62,7 +62,7 @@ bool TipprmiAny::setData(void const* source, int n) {
     }
     // Made before the former content goes, since `source` may point into that.
     TipprmiStream content(source, n);
-    if (content.hasUnmarshallingFailed())
+    if (content.hasMarshallingFailed())
         return false;
     stream_ = content;
     return true;

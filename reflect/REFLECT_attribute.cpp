@@ -30,7 +30,7 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
     stub->prepareRequestStream(true, cc, mc, request);
     arguments.marshall(request);
     // A request that is too large is not sent.
-    if (request.hasUnmarshallingFailed())
+    if (request.hasMarshallingFailed())
         return false;
     return searches ? stub->dispatch(true, cc, mc, request, response) == 1
                     : object.dispatch(true, cc, mc, request, response);

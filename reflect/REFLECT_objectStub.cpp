@@ -35,6 +35,12 @@ void answerFailure(TipprmiStream& out, int code) {
     writeGeneralException(out, static_cast<unsigned int>(code));
 }
 
+// As in a message, only what was written counts, not how far its writer has looked at it.
+void forgetFailedRead(TipprmiStream& stream) {
+    if (stream.hasUnmarshallingFailed() && !stream.hasMarshallingFailed())
+        stream = TipprmiStream(stream.msg(), false);
+}
+
 }  // namespace
 
 TipprmiObjectSkeleton* const TreflectObjectStub::INVALIDOBJECT =
@@ -258,7 +264,9 @@ int TreflectObjectStub::dispatchToServer(bool withResponse, unsigned int cc, uns
                                          TipprmiStream& in, TipprmiStream& out) const {
     // The object may let go of the last handle that keeps this stub.
     TreflectOrbId const orb = orbId_;
+    forgetFailedRead(in);
     int const result = getServer()->dispatch(withResponse, cc, mc, in, out) ? 1 : 0;
+    forgetFailedRead(out);
     if (result != 1)
         REFLECTORB_LOG(3, kSource, "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to object failed",
                        static_cast<void const*>(this), cc, static_cast<int>(mc), orb.value());

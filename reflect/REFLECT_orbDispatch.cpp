@@ -244,7 +244,7 @@ int TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
     }
     giveBackFurtherLevels();
     // A response that did not get all that was written to it is of no use.
-    return response.hasUnmarshallingFailed() ? 0 : result;
+    return response.hasMarshallingFailed() ? 0 : result;
 }
 
 int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,

@@ -101,7 +101,7 @@ unsigned int TreflectORB::resolve(Transport::TerminationId const& target, Tipprm
     TipprmiStream request(allocateRequest(kResolveRequestSize), true);
     request.msg().type(TreflectMessage::tResolve);
     request << oid;
-    if (request.hasUnmarshallingFailed())  // longer than any message
+    if (request.hasMarshallingFailed())  // longer than any message
         return 0;
     TipprmiStream response(allocateResponse(request.msg(), kResolveResponseSize), true);
     if (!forwardMsg_(target, true, request.msg(), response)) {

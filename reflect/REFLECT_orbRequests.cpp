@@ -155,7 +155,7 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X forwardMsg message too short (iptr_=%d,size=%d)",
                        termId().value(), request.getDataSize(), request.getDataLimit());
-    if (request.hasUnmarshallingFailed()) {
+    if (request.hasMarshallingFailed()) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X forwardMsg message incomplete, not sent (iptr_=%d,size=%d)",
                        termId().value(), request.getDataSize(), request.getDataLimit());

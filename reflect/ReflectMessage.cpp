@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "ipprmi/BigEndian.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "reflect/TreflectMessage.h"
 // A floor above: messages take their buffers from the broker that will send them.
 #include "reflect/TreflectORB.h"
@@ -11,6 +11,8 @@
 namespace {
 
 constexpr char const* kSource = "ReflectMessage";
+/** How many of a kind of report pass before they are limited: others can send what causes one. */
+constexpr unsigned kMostAtFirst = 100;
 /** The priority of every message of this system. */
 constexpr int kPriority = 5;
 
@@ -157,14 +159,17 @@ bool TreflectMessage::testValidation(kind_t expected, int line, char const* plac
                                      int /*unused*/) const {
     int const error = findError(*this, expected);
     if (error != 0) {
-        REFLECTORB_LOG(3, kSource,
-                       "    ReflMsg err=%2d: %s, %s(%s), des=%08X, org=%08X, trAcId=%08X (%2d: %s)",
-                       error, typeToStr(type()).c_str(), kindToStr(kind()).c_str(),
-                       kindToStr(expected).c_str(), destination().value(), originator().value(),
-                       transactionId(), line, place ? place : "");
+        static Logging::LineLimit limit(kMostAtFirst);
+        REFLECTORB_LOG_LIMITED(
+            limit, 3, kSource,
+            "    ReflMsg err=%2d: %s, %s(%s), des=%08X, org=%08X, trAcId=%08X (%2d: %s)", error,
+            typeToStr(type()).c_str(), kindToStr(kind()).c_str(), kindToStr(expected).c_str(),
+            destination().value(), originator().value(), transactionId(), line, place ? place : "");
     } else if (output) {
-        REFLECTORB_LOG(
-            5, kSource, "    ReflMsg output: %s, %s(%s), des=%08X, org=%08X, trAcId=%08X (%2d: %s)",
+        static Logging::LineLimit limit(kMostAtFirst);
+        REFLECTORB_LOG_LIMITED(
+            limit, 5, kSource,
+            "    ReflMsg output: %s, %s(%s), des=%08X, org=%08X, trAcId=%08X (%2d: %s)",
             typeToStr(type()).c_str(), kindToStr(kind()).c_str(), kindToStr(expected).c_str(),
             destination().value(), originator().value(), transactionId(), line, place ? place : "");
     }

@@ -8,15 +8,25 @@
 
 namespace {
 
+/** An identifier with its namespace, which reading a TipprmiOID leaves out. */
+struct Identifier {
+    std::string text;
+    int nameSpace = NSID_UNIT;
+};
+TipprmiStream& operator>>(TipprmiStream& stream, Identifier& identifier) {
+    return stream >> identifier.text >> identifier.nameSpace;
+}
+
 TreflectObject findByIdentifier(std::string const& text) {
     TipprmiAny value;
     if (!TreflectParameterType("oid").parse(text, value)) {
         complain("\"" + text + "\" is no identifier");
         return {};
     }
-    TipprmiOID id("", NSID_UNIT);
-    value.extract(id);
-    TreflectObject object(id);
+    Identifier identifier;
+    value.extract(identifier);
+    TreflectObject object(
+        TipprmiOID(identifier.text, static_cast<NamespaceId>(identifier.nameSpace)));
     if (!object.isConnected())
         complain("nobody serves \"" + text + "\"");
     return object;

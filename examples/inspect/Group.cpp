@@ -2,6 +2,7 @@
 
 #include <handler_threads.h>
 #include <reflect.h>
+#include <transport.h>
 
 #include <cstdio>
 #include <memory>
@@ -91,19 +92,17 @@ void printBroker(TreflectORB::BrokerInfo const& broker) {
 
 }  // namespace
 
-bool printBrokers() {
+bool hasJoinedGroup() {
     TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
-    if (!orb)
-        return complain("there is no broker");
-    for (TreflectORB::BrokerInfo const& broker : orb->getBrokers())
-        printBroker(broker);
-    return true;
+    return orb && Transport::TransportLayer::instance().exists(orb->termId());
 }
 
-bool follow(unsigned int count) {
-    TreflectORB* const orb = TreflectORB::getInstance(NSID_UNIT);
-    if (!orb)
-        return complain("there is no broker");
+void printBrokers() {
+    for (TreflectORB::BrokerInfo const& broker : TreflectORB::getInstance(NSID_UNIT)->getBrokers())
+        printBroker(broker);
+}
+
+void follow(unsigned int count) {
     Report report(count);
     std::vector<std::unique_ptr<ObjectFollower>> followers;
     for (unsigned int const classId : InterfaceRepository::instance()->getIfIds()) {
@@ -113,8 +112,7 @@ bool follow(unsigned int count) {
             followers.back()->begin();
         }
     }
-    BrokerFollower const brokers(*orb, report);
+    BrokerFollower const brokers(*TreflectORB::getInstance(NSID_UNIT), report);
     while (!report.isFull() && !endSignalled()) {
     }
-    return true;
 }

@@ -16,10 +16,16 @@
 namespace {
 
 bool perform(Options const& options) {
-    if (options.action == Options::Action::kBrokers)
-        return printBrokers();
-    if (options.action == Options::Action::kFollow)
-        return follow(options.count);
+    if (!hasJoinedGroup())
+        return complain("this process could not join the group: is TRANSPORT_DIR usable?");
+    if (options.action == Options::Action::kBrokers) {
+        printBrokers();
+        return true;
+    }
+    if (options.action == Options::Action::kFollow) {
+        follow(options.count);
+        return true;
+    }
     TreflectObject const object = find(options.object);
     if (!object.isConnected())
         return false;

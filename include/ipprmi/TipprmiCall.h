@@ -30,7 +30,7 @@ public:
     TipprmiResult<Result> result() const { return std::move(value_); }
 
 private:
-    mutable Result value_{};
+    mutable Result value_ = tipprmiBlank<Result>();
 };
 
 template <>

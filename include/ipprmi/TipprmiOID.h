@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "ipprmi/TipprmiBlank.h"
 #include "oswrap/Export.h"
 #include "reflect/NamespaceId.h"
 
@@ -132,6 +133,12 @@ private:
 REFLECTORB_API bool operator==(TipprmiOID const& a, TipprmiOID const& b);
 inline bool operator!=(TipprmiOID const& a, TipprmiOID const& b) {
     return !(a == b);
+}
+/** Without text, of the unit: an identifier that is read as argument, result, attribute or element
+ * is of NSID_UNIT, since reading keeps the target's namespace. */
+template <>
+inline TipprmiOID tipprmiBlank<TipprmiOID>() {
+    return TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT);
 }
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, TipprmiOID const& value);
 REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiOID& value);

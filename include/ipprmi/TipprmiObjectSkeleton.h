@@ -109,7 +109,7 @@ protected:
     template <class Result, class... Parameters, class Method, class Ended>
     bool serveBy(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
                  Method const& method, Ended const& ended) const {
-        std::tuple<std::decay_t<Parameters>...> arguments;
+        auto arguments = tipprmiBlanks<std::decay_t<Parameters>...>();
         if (!readArguments(cc, mc, in, arguments))
             return false;
         if constexpr (std::is_void_v<Result>) {

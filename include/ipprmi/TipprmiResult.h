@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "ipprmi/TipprmiBlank.h"
+
 /** Why a call failed: the code of the general exception that came back, chosen by the server
  * object, or one of those below. */
 struct TipprmiFailure {
@@ -38,7 +40,7 @@ public:
 private:
     bool succeeded_ = false;
     unsigned int code_ = TipprmiFailure::kNotServed;
-    T value_{};
+    T value_ = tipprmiBlank<T>();
 };
 
 /** The same for a call without a value. */

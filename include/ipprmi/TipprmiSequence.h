@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ipprmi/TipprmiAny.h"
+#include "ipprmi/TipprmiBlank.h"
 #include "ipprmi/TipprmiStream.h"
 
 /**
@@ -13,8 +14,8 @@
  *
  * Wire form: unsigned int count, then the elements in order, each in its own encoding. To send
  * sequences of a type of one's own, that type needs operator<< and operator>> for TipprmiStream and
- * a default constructor. An element's encoding has four bytes or more (see
- * TipprmiStream::readCount).
+ * a default constructor (TipprmiOID does without). An element's encoding has four bytes or more
+ * (see TipprmiStream::readCount).
  */
 template <class T, unsigned int Bound = 0u>
 class TipprmiSequence {
@@ -23,7 +24,12 @@ class TipprmiSequence {
 public:
     unsigned int getLength() const { return static_cast<unsigned int>(elements_.size()); }
     /** New elements are default-constructed. */
-    void setLength(unsigned int length) { elements_.resize(length); }
+    void setLength(unsigned int length) {
+        if constexpr (std::is_default_constructible_v<T>)
+            elements_.resize(length);
+        else
+            elements_.resize(length, tipprmiBlank<T>());
+    }
     T& operator[](unsigned int index) { return elements_[index < elements_.size() ? index : 0]; }
     T const& operator[](unsigned int index) const {
         return elements_[index < elements_.size() ? index : 0];
@@ -57,7 +63,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequ
         if constexpr (std::is_arithmetic_v<T>) {
             stream >> sequence[i];
         } else {
-            T element;
+            T element = tipprmiBlank<T>();
             stream >> element;
             sequence[i] = std::move(element);
         }

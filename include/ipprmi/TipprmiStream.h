@@ -23,7 +23,9 @@
  *
  * A read past the data yields zeros and sets a flag; later reads then yield zeros silently, so a
  * caller may read a whole list and test hasUnmarshallingFailed() once. A write that finds no room
- * (the largest message is 16 MiB) is dropped and sets the same flag; such a stream is not sent.
+ * (the largest message is 16 MiB, or memory has run out) is dropped and sets the same flag; what
+ * hasMarshallingFailed() tells of alone. Such a stream is not sent; one of which only a read has
+ * failed is.
  *
  * An arrived iptr_ is not trusted: reads stop at the end of the buffer, whatever it claims. A
  * stream without a buffer (memory has run out) is empty.
@@ -91,6 +93,8 @@ public:
     /** Makes every further read fail. */
     void stopUnmarshalling() { failed_ = true; }
     bool hasUnmarshallingFailed() const { return failed_; }
+    /** Whether a write was dropped: the content is incomplete, until it is cleared or replaced. */
+    bool hasMarshallingFailed() const { return writeDropped_; }
     /** Logs at level 4 that the arguments or the result of a call could not be read. */
     void printUnmarshallError(unsigned int cc, unsigned int mc) const;
 

@@ -175,7 +175,7 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
     TipprmiStream response(TipprmiStream::kUsualSize);
     if (!callGet_(response))
         return failureOf_(response);
-    T value{};
+    T value = tipprmiBlank<T>();
     decode_(selected, response, value);
     if (response.hasUnmarshallingFailed())
         return failureOf_(response);
@@ -217,7 +217,7 @@ void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& r
     if (selected.index < 0 || selected.index >= selected.length)
         return;
     for (int i = 0; i < selected.index; ++i) {
-        T skipped{};
+        T skipped = tipprmiBlank<T>();
         response >> skipped;
     }
     response >> value;

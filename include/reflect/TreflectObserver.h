@@ -43,7 +43,7 @@ public:
         if (index >= arguments_.getLength())
             return false;
         TipprmiAny encoded = arguments_[index];
-        T found{};
+        T found = tipprmiBlank<T>();
         encoded.extract(found);
         if (encoded.hasUnmarshallingFailed())
             return false;

@@ -189,7 +189,7 @@ bool TreflectServerObject::serveWithObservers(unsigned int declaring, unsigned i
 template <class Result, class... Parameters, class Method>
 bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc, TipprmiStream& in,
                                          TipprmiStream& out, Method const& method) {
-    std::tuple<std::decay_t<Parameters>...> arguments;
+    auto arguments = tipprmiBlanks<std::decay_t<Parameters>...>();
     if (!readArguments(declaring, mc, in, arguments))
         return false;
     Life const life(*this);

@@ -106,6 +106,27 @@ TEST_P(ByValueCallTest, ResultsAreSplitAsTheyAreDescribed) {
     EXPECT_EQ(out.getLength(), 1u) << "left as it was";
 }
 
+/** Reads on behind itself while it is written. */
+struct Curious {
+    TipprmiOID value;
+};
+TipprmiStream& operator<<(TipprmiStream& stream, Curious const& curious) {
+    stream << curious.value;
+    return stream.unmarshall(nullptr, 1000);
+}
+
+TEST_P(ByValueCallTest, AnIdentifierIsAnAttributesValue) {
+    TreflectAttribute& owner = object.attribute("Owner");
+    EXPECT_TRUE(owner.store(TipprmiOID("me", NSID_NODE)));
+    EXPECT_EQ(owner.fetch<TipprmiOID>().value(), TipprmiOID("me", NSID_UNIT));
+    TipprmiOID known("", NSID_NODE);
+    EXPECT_EQ(owner.get(known), 0);
+    EXPECT_EQ(known, TipprmiOID("me", NSID_NODE)) << "keeps its namespace";
+    EXPECT_TRUE(owner.store(Curious{TipprmiOID("you", NSID_UNIT)}))
+        << "a request in which a read has failed is complete";
+    EXPECT_EQ(owner.fetch<TipprmiOID>().value(), TipprmiOID("you", NSID_UNIT));
+}
+
 TEST_P(ByValueCallTest, AFailureTellsItsCode) {
     EXPECT_EQ(called(operation("refuse"), {"42"}), "?42");
     Values out = values(1u);

@@ -12,7 +12,9 @@ enum Method : unsigned int {
     kJoin = 1,
     kRefuse = 2,
     kCounted = 3,
-    kTwo = 4  // and all that follow
+    kTwo = 4,  // and all that follow
+    kGetOwner = 20,
+    kSetOwner = 21
 };
 
 inline TipprmiOID remoteId() {
@@ -33,7 +35,10 @@ inline TreflectMetaClass const meta("Desk", kClass, {},
                                      {"twoAsOne", kTwo + 3, {}, {"unsigned"}},
                                      {"twoAsThree", kTwo + 4, {}, {"unsigned", "unsigned", "bool"}},
                                      {"twoWithColour", kTwo + 5, {}, {"unsigned", "Colour"}},
-                                     {"twoOfColour", kTwo + 6, {}, {"Colour", "unsigned"}}});
+                                     {"twoOfColour", kTwo + 6, {}, {"Colour", "unsigned"}},
+                                     {"getOwner", kGetOwner, {}, {"oid"}},
+                                     {"setOwner", kSetOwner, {"oid"}, {}}},
+                                    {"Owner"});
 
 struct Two {};
 inline TipprmiStream& operator<<(TipprmiStream& stream, Two) {
@@ -55,6 +60,10 @@ public:
                 return serve(kClass, cc, mc, in, out, &Server::refuse);
             case kCounted:
                 return serve(kClass, cc, mc, in, out, &Server::counted);
+            case kGetOwner:
+                return serve(kClass, cc, mc, in, out, &Server::getOwner);
+            case kSetOwner:
+                return serve(kClass, cc, mc, in, out, &Server::setOwner);
             default:
                 return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
         }
@@ -70,9 +79,12 @@ public:
     /** How often this object has joined. */
     unsigned int counted() const { return joined_; }
     Two two() const { return {}; }
+    TipprmiOID getOwner() const { return owner_; }
+    void setOwner(TipprmiOID const& owner) { owner_ = owner; }
 
 private:
     unsigned int joined_ = 0;
+    TipprmiOID owner_{"", NSID_UNIT};
 };
 
 }  // namespace desk

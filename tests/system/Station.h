@@ -13,26 +13,30 @@ namespace station {
 
 constexpr unsigned int kClass = 0x57A710;
 enum Method : unsigned int {
-    kRotate = 1,  // (unsigned, string) -> string
-    kAdd = 2,     // (unsigned) one-way
-    kTotal = 3,   // () -> unsigned
-    kRefuse = 4,  // (unsigned code)
-    kFlip = 6,    // (string) -> string
-    kExtend = 7,  // (identifier) -> identifier
-    kSame = 8,    // (termination id) -> termination id
-    kSum = 9,     // (sequence) -> int
-    kVisit = 10   // (handle, string) -> string
+    kRotate = 1,    // (unsigned, string) -> string
+    kAdd = 2,       // (unsigned) one-way
+    kTotal = 3,     // () -> unsigned
+    kRefuse = 4,    // (unsigned code)
+    kFlip = 6,      // (string) -> string
+    kExtend = 7,    // (identifiers, identifier) -> identifiers, each followed by the last's text
+    kSame = 8,      // (termination id) -> termination id
+    kSum = 9,       // (sequence) -> int
+    kVisit = 10,    // (handle, string) -> string
+    kPeek = 11,     // (curious) -> curious
+    kIdentify = 12  // () -> identifier
 };
 
-/** An identifier as argument and result. */
-struct Identifier {
-    TipprmiOID oid{static_cast<char const*>(nullptr), NSID_UNIT};
+/** Looks at the stream that it is written to, further than anything stands there. */
+struct Curious {
+    unsigned int value = 0;
 };
-inline TipprmiStream& operator<<(TipprmiStream& stream, Identifier const& value) {
-    return stream << value.oid;
+inline TipprmiStream& operator<<(TipprmiStream& stream, Curious const& curious) {
+    stream << curious.value;
+    stream.unmarshall(nullptr, stream.getDataSize() + 1);
+    return stream;
 }
-inline TipprmiStream& operator>>(TipprmiStream& stream, Identifier& value) {
-    return stream >> value.oid;
+inline TipprmiStream& operator>>(TipprmiStream& stream, Curious& curious) {
+    return stream >> curious.value;
 }
 
 /** `text` turned left by `count` places: differs from both arguments, and allocates nothing for a
@@ -100,6 +104,10 @@ public:
                 return serve(cc, mc, in, out, &Server::sum);
             case kVisit:
                 return serve(cc, mc, in, out, &Server::visit);
+            case kIdentify:
+                return serve(cc, mc, in, out, &Server::identify);
+            case kPeek:
+                return serve(cc, mc, in, out, &Server::peek);
             default:
                 return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
         }
@@ -112,7 +120,13 @@ private:
     void add(unsigned int number) { total_ += number; }
     TipprmiResult<void> refuse(unsigned int code) { return TipprmiFailure(code); }
     std::string flip(std::string const& text) { return flipped(text); }
-    Identifier extend(Identifier const& identifier) { return {identifier.oid + ".more"}; }
+    TipprmiSequence<TipprmiOID> extend(TipprmiSequence<TipprmiOID> identifiers, TipprmiOID more) {
+        for (TipprmiOID& identifier : identifiers)
+            identifier = identifier + more.getIdString();
+        return identifiers;
+    }
+    TipprmiOID identify() const { return TipprmiOID("station", NSID_NODE); }
+    Curious peek(Curious const& curious) { return {curious.value + 1}; }
     Transport::TerminationId same(Transport::TerminationId id) { return id; }
     int sum(TipprmiSequence<unsigned int> const& numbers) {
         unsigned int sum = 0;

@@ -2,20 +2,21 @@
 # What inspect says, and with which code it ends, when it is used wrongly or cannot do what it is
 # told; and that it ends when the object that it watches goes. The demo runs what it can do.
 #
-#   inspect.sh <inspect> <machine> [<emulator> <argument>...]
+#   inspect.sh <inspect> <machine> <station_actor> [<emulator> <argument>...]
 set -euo pipefail
 
 inspector=$1
 machine=$2
-shift 2
+station=$3
+shift 3
 runner=("$@")
 work=$(mktemp -d)
 export TRANSPORT_DIR=$work/rendezvous
-machine_pid='' watch_pid=''
+machine_pid='' watch_pid='' station_pid=''
 
 clean_up() {
     local pid
-    for pid in $watch_pid $machine_pid; do
+    for pid in $watch_pid $machine_pid $station_pid; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -58,6 +59,24 @@ expect 2 "inspect: nothing may follow --tree $more" /machine --tree 1
 expect 2 "inspect: --set needs ATTRIBUTE=VALUE $more" /machine --set AlarmLimit
 expect 2 "inspect: --call needs the name of an operation $more" /machine --call
 expect 2 "inspect: --count needs a number from 1 to 1000000 $more" /machine --watch parts --count 0
+
+for what in --brokers --follow /machine; do
+    TRANSPORT_DIR=/proc/nowhere expect 1 \
+        "inspect: this process could not join the group: is TRANSPORT_DIR usable?" "$what"
+done
+
+# An object of the whole node, of a class that is not known here.
+mkfifo "$work/commands"
+"${runner[@]}" "$station" <"$work/commands" >"$work/station.log" 2>&1 &
+station_pid=$!
+exec 9>"$work/commands"
+echo "publish gate 2" >&9
+wait_for "$work/station.log" published
+expect 1 "inspect: the class of \"gate@node\" is unknown here" gate@node
+expect 1 "inspect: nobody serves \"gate\"" gate
+exec 9>&-
+wait "$station_pid"
+station_pid=''
 
 expect 1 "inspect: nobody serves \"elsewhere\"" elsewhere
 expect 1 "inspect: nobody serves \"elsewhere\"" /elsewhere/cpu0

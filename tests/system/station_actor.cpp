@@ -28,7 +28,6 @@
 namespace {
 
 using station::Client;
-using station::Identifier;
 using station::Server;
 using testsupport::answer;
 
@@ -77,11 +76,18 @@ private:
         expect(far_.answers(), "after-large-bodies");
     }
     void identifiers() {
-        auto const more =
-            call<Identifier>(station::kExtend, Identifier{TipprmiOID("name", NSID_UNIT)});
-        expect(more && more.value().oid == TipprmiOID("name.more", NSID_UNIT), "identifier");
-        auto const none = call<Identifier>(station::kExtend, Identifier());
-        expect(none && none.value().oid.getIdString() == nullptr, "no-identifier");
+        using Identifiers = TipprmiSequence<TipprmiOID>;
+        Identifiers names;
+        names.push_back(TipprmiOID("name", NSID_NODE));
+        names.setLength(2);
+        auto const more = call<Identifiers>(station::kExtend, names, TipprmiOID(".x", NSID_UNIT));
+        expect(more && more.value().getLength() == 2, "identifiers");
+        expect(more.value()[0] == TipprmiOID("name.x", NSID_UNIT), "identifier");
+        expect(more.value()[1].getIdString() == nullptr, "no-identifier");
+        auto const first = call<TipprmiOID>(station::kIdentify);
+        expect(first && first.value() == TipprmiOID("station", NSID_UNIT), "identifier-as-result");
+        expect(call<TipprmiOID>(99).value() == TipprmiOID("", NSID_UNIT),
+               "identifier-of-a-failure");
         for (unsigned int id : {0u, 0x01020304u, 0xFFFFFFFFu})
             expect(call<Transport::TerminationId>(station::kSame, Transport::TerminationId(id))
                            .valueOr(77u) == Transport::TerminationId(id),
@@ -93,6 +99,8 @@ private:
             expect(!refused && refused.code() == code, "refuse:" + std::to_string(code));
         }
         expect(!call<void>(99), "unknown-method");
+        expect(call<station::Curious>(station::kPeek, station::Curious{6}).value().value == 7,
+               "read-too-far-while-written");
         TipprmiExceptionContainer container;
         container.setExceptionType(7);  // one of type 1 would hide the answer to its own query
         container.setExceptionData(TipprmiGeneralException(5));
