@@ -252,7 +252,7 @@ private:
             return;
         change(connection->own.page(), connection->own.ring.mapping.data());
         if (connection->peer.valid())
-            ringBell(connection->peer.bell.get());
+            ringDoorBell(connection->peer.bell.get());
         settle(*connection);
     }
     void ring() {

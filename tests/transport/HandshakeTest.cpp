@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -62,6 +63,7 @@ public:
 
     TerminationId id() const { return id_; }
     int socket() const { return socket_.get(); }
+    int bell() const { return own_.bell.get(); }
     ControlPage& page() { return own_.page(); }
     unsigned char* ring() { return own_.ring.mapping.data(); }
 
@@ -115,7 +117,7 @@ public:
     void ring(FrameHead const& head, std::uint32_t tail) {
         std::memcpy(ring(), &head, sizeof head);
         page().tail.store(tail);
-        ringBell(peer_.bell.get());
+        ringDoorBell(peer_.bell.get());
     }
 
 private:
@@ -303,6 +305,29 @@ TEST_F(HandshakeTest, WhatABrokenChannelHeldComesBackAndTheNextMessageMakesANewO
     ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
     peer.accept();
     EXPECT_EQ(peer.nextKind(), Packet::Hello);
+}
+
+/** Makes the counter so full that nothing more goes in, and has whoever adds to it wait. */
+void fillAndMakeBlocking(int bell) {
+    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
+        while (::write(bell, &step, sizeof step) > 0) {
+        }
+    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
+}
+
+TEST_F(HandshakeTest, APeerThatMakesItsBellBlockHoldsUpNobody) {
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.open(own_.termId()));
+    fillAndMakeBlocking(peer.bell());
+    for (std::uint32_t i = 1; i <= 3; ++i) {
+        // Whoever sends rings, and so does the receiving thread for a peer that wants room.
+        peer.page().asleep.store(i);
+        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 100), 1);
+        peer.page().wantsSpace.store(i);
+        peer.ring({0, 0}, 8 * i);
+    }
+    EXPECT_TRUE(own_.waitForReceived(3));
+    expectThatAGoodOneIsWelcome();
 }
 
 TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {

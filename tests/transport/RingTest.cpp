@@ -106,8 +106,8 @@ TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {
     EXPECT_TRUE(Mapping::of(file.get(), 0, 8192, Mapping::Access::ReadOnly).valid());
     EXPECT_FALSE(Mapping::of(file.get(), 0, 8192, Mapping::Access::ReadWrite).valid())
         << "the other side could write into the owner's words";
-    EXPECT_TRUE(takeBell(makeBell().get()));
-    EXPECT_FALSE(takeBell(file.get()));
+    EXPECT_TRUE(takeDoorBell(makeDoorBell().get()));
+    EXPECT_FALSE(takeDoorBell(file.get()));
 }
 
 }  // namespace

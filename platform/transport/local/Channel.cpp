@@ -142,7 +142,7 @@ bool Channel::growLocked(std::size_t messageSize) {
 
 void Channel::ringIfAsleepLocked() {
     if (writer_->mustRing())
-        ringBell(peerBell_);
+        ringDoorBell(peerBell_);
 }
 
 void Channel::peerGone() {
@@ -204,7 +204,7 @@ Channel::Batch Channel::readBatch() {
     if (reader_->position() == start)
         return Batch::Empty;
     if (reader_->finishBatch())
-        ringBell(peerSide_.bell.get());
+        ringDoorBell(peerSide_.bell.get());
     return Batch::More;
 }
 

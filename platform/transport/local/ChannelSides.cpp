@@ -9,10 +9,10 @@ namespace Transport {
 
 OwnSide OwnSide::make() {
     OwnSide side;
-    side.bell = makeBell();
+    side.bell = makeDoorBell();
     side.file = makeSealedFile(kRingOffset + kSmallestRing);
     if ((!side.bell.valid() || !side.file.valid()) && errno == EMFILE && raiseDescriptorLimit()) {
-        side.bell = makeBell();
+        side.bell = makeDoorBell();
         side.file = makeSealedFile(kRingOffset + kSmallestRing);
     }
     if (!side.bell.valid() || !side.file.valid())
@@ -32,7 +32,7 @@ PeerSide PeerSide::of(ReceivedPacket& received) {
     std::uint32_t const capacity = received.packet.ringCapacity;
     if (!isRingCapacity(capacity) || !received.file.valid() || !received.bell.valid() ||
         !isSealedFile(received.file.get(), kRingOffset + capacity) ||
-        !takeBell(received.bell.get()))
+        !takeDoorBell(received.bell.get()))
         return {};
     int const fd = received.file.get();
     side.control = Mapping::of(fd, 0, sizeof(ControlPage), Mapping::Access::ReadOnly);

@@ -318,9 +318,10 @@ void Receiver::giveBack(MessageQueue& messages) {
 
 bool Receiver::watch(int fd, std::uint32_t token, Source source) {
     epoll_event event{};
-    // Bells are never read: each ring is an event of its own.
-    bool const bell = source == Source::Bell || source == Source::WakeUp;
-    event.events = bell ? EPOLLIN | EPOLLET : EPOLLIN;
+    // Bells are not looked at: each ring is an event of its own.
+    event.events = source == Source::Bell     ? EPOLLIN | EPOLLOUT | EPOLLET
+                   : source == Source::WakeUp ? EPOLLIN | EPOLLET
+                                              : EPOLLIN;
     event.data.u64 = eventData(token, source);
     if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
         return true;
