@@ -57,7 +57,7 @@ public:
     };
 
     /** Wraps a transport message, without copying its bytes. */
-    explicit TreflectMessage(Transport::AddressedMessage const& message);
+    TreflectMessage(Transport::AddressedMessage const& message);
     /** A new message of `size` payload bytes with `transactionId`; kind and type are the caller's
      * to set. A null broker gives a message without originator. Without a buffer when it would
      * exceed Transport::kLargestMessage. */

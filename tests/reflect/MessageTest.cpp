@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
 
 #include "LogCapture.h"
 
@@ -20,6 +21,10 @@ TreflectMessage addressed(unsigned int destination, unsigned int originator) {
     std::memcpy(message.buf(), "abcd", 4);
     return message;
 }
+
+// A transport message can be given wherever one of ours is asked for, and the other way round.
+static_assert(std::is_convertible_v<Transport::AddressedMessage, TreflectMessage>);
+static_assert(std::is_convertible_v<TreflectMessage, Transport::AddressedMessage>);
 
 TEST(Message, LabelsHaveSixCharacters) {
     char const* const kinds[] = {"kUndef", "kMsg  ", "kRequ.", "kResp.",
