@@ -34,11 +34,6 @@ FreeRecords& freeRecords() {
     return list;
 }
 
-void deleteResponse(TreflectMessage* response) {
-    if (response != OngoingRequest::disconnected())
-        delete response;
-}
-
 }  // namespace
 
 /** Takes the entry of a cancelled thread back, or out of the permission's queue. */
@@ -67,8 +62,13 @@ TreflectMessage* OngoingRequest::disconnected() {
     return reinterpret_cast<TreflectMessage*>(~std::uintptr_t{0});
 }
 
+void OngoingRequest::DeleteResponse::operator()(TreflectMessage* response) const {
+    if (response != disconnected())
+        delete response;
+}
+
 OngoingRequest::~OngoingRequest() {
-    deleteResponse(response_.load(std::memory_order_relaxed));
+    Response const last(response_.load(std::memory_order_relaxed));
 }
 
 void OngoingRequest::initonce() {
@@ -119,15 +119,16 @@ OngoingRequest& OngoingRequest::unkeyedInstance() {
 
 void OngoingRequest::setTransactionAndTerminationId(unsigned int id,
                                                     Transport::TerminationId const& target) {
+    Response stale;
     RecordLock const lock(condition_);
     active_ = true;
     transactionId_ = id;
     target_ = target;
-    clearResponse();
+    stale.reset(exchange(nullptr));
 }
 
-void OngoingRequest::clearResponse() {
-    deleteResponse(response_.exchange(nullptr, std::memory_order_relaxed));
+TreflectMessage* OngoingRequest::exchange(TreflectMessage* response) {
+    return response_.exchange(response, std::memory_order_release);
 }
 
 TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
@@ -230,38 +231,37 @@ bool OngoingRequest::takeBack() {
     return std::exchange(waiter_, nullptr) != nullptr;
 }
 
-/** Delivers `response`, which the record then owns, or deletes it. True when the owner is to be
- * woken after unlocking. */
-bool OngoingRequest::reset(TreflectMessage* response, bool deliver) {
-    if (!deliver) {
-        deleteResponse(response);
+/** Delivers `response`, which the record then owns, and leaves in it what is to be deleted after
+ * unlocking. True when the owner is to be woken then, with `waiter` if there is one. */
+bool OngoingRequest::reset(Response& response, bool deliver, PermissionWaiter*& waiter) {
+    if (!deliver)
         return false;
-    }
-    deleteResponse(response_.exchange(response, std::memory_order_release));
-    return response != nullptr;
+    bool const wake = response != nullptr;
+    response.reset(exchange(response.release()));
+    if (wake)
+        waiter = std::exchange(waiter_, nullptr);
+    return wake;
 }
 
 void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
-    bool wake = false;
+    Response owned(response);
     PermissionWaiter* waiter = nullptr;
+    bool wake = false;
     {
         RecordLock const lock(condition_);
-        wake = reset(response, transactionId_ == transactionId);
-        if (wake)
-            waiter = std::exchange(waiter_, nullptr);
+        wake = reset(owned, transactionId_ == transactionId, waiter);
     }
     if (wake)
         wakeOwner(waiter);
 }
 
 void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
-    bool wake = false;
+    Response owned(response);
     PermissionWaiter* waiter = nullptr;
+    bool wake = false;
     {
         RecordLock const lock(condition_);
-        wake = reset(response, target_ == target);
-        if (wake)
-            waiter = std::exchange(waiter_, nullptr);
+        wake = reset(owned, target_ == target, waiter);
     }
     if (wake)
         wakeOwner(waiter);
@@ -275,8 +275,9 @@ void OngoingRequest::wakeOwner(PermissionWaiter* waiter) {
 }
 
 void OngoingRequest::free() {
+    Response stale;
     RecordLock const lock(condition_);
-    clearResponse();
+    stale.reset(exchange(nullptr));
     active_ = false;
 }
 

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/ConditionVar.h"
@@ -69,6 +70,12 @@ public:
 
 private:
     class Withdrawal;
+    struct DeleteResponse {
+        void operator()(TreflectMessage* response) const;
+    };
+    /** A message, nothing, or disconnected(). Made before the lock is taken, and so deleted after
+     * unlocking: messages go back to pools that have locks. */
+    using Response = std::unique_ptr<TreflectMessage, DeleteResponse>;
 
     static void initonce();
     static OngoingRequest* takeFree();
@@ -84,8 +91,9 @@ private:
     bool leaveToDeliverer(handlerthreads::PermissionWaiter& waiter);
     bool takeBack();
     void wakeOwner(handlerthreads::PermissionWaiter* waiter);
-    void clearResponse() OSW_REQUIRES(condition_);
-    bool reset(TreflectMessage* response, bool deliver) OSW_REQUIRES(condition_);
+    TreflectMessage* exchange(TreflectMessage* response) OSW_REQUIRES(condition_);
+    bool reset(Response& response, bool deliver, handlerthreads::PermissionWaiter*& waiter)
+        OSW_REQUIRES(condition_);
 
     static pthread_key_t tsv_key_;  // written by initonce, as is the next
     static bool keyed_;

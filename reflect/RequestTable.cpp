@@ -1,10 +1,14 @@
 #include "reflect/RequestTable.h"
 
+#include <algorithm>
+
 #include "oswrap/Lock.h"
 #include "reflect/OngoingRequest.h"
 
 RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::TerminationId target,
                                          bool enter) {
+    if (record.delivered())  // is freed without the locks
+        record.free();
     OSWrap::Lock<> const lock(mutex_);
     if (closed_)
         return {Beginning::closed, lastId_};
@@ -34,6 +38,14 @@ OngoingRequest* RequestTable::take(unsigned int id) {
     return record;
 }
 
+bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id) || slots_[slotOf(id)].record != &record)
+        return false;
+    slots_[slotOf(id)] = {};
+    return true;
+}
+
 std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
     std::vector<OngoingRequest*> records;
     OSWrap::Lock<> const lock(mutex_);
@@ -48,13 +60,13 @@ std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId ta
 
 std::vector<RequestTable::Entry> RequestTable::close() {
     std::vector<Entry> entries;
-    OSWrap::Lock<> const lock(mutex_);
-    closed_ = true;
-    for (Entry& slot : slots_) {
-        if (!slot.record)
-            continue;
-        entries.push_back(slot);
-        slot = {};
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        closed_ = true;
+        entries.swap(slots_);
     }
+    entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                 [](Entry const& entry) { return !entry.record; }),
+                  entries.end());
     return entries;
 }

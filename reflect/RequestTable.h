@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <vector>
 
 #include "oswrap/Mutex.h"
@@ -28,16 +27,19 @@ public:
     };
 
     /** `seed`: the last transaction id, of which the low 20 bits stay. */
-    explicit RequestTable(unsigned int seed) : lastId_(seed) {}
+    explicit RequestTable(unsigned int seed) : lastId_(seed), slots_(kCapacity) {}
 
     /** Begins a request of `record` to `target` under a fresh id. With `enter` a response to it
      * will find the record. The record and the table know the target from the same moment. */
     Ticket begin(OngoingRequest& record, Transport::TerminationId target, bool enter);
     /** Takes a record out, to deliver to it; null when nobody waits under that id. */
     OngoingRequest* take(unsigned int id);
+    /** Takes out what `begin` entered for `record`. False when somebody has taken it out to deliver
+     * to it; the id may be another one's by now. */
+    bool withdraw(unsigned int id, OngoingRequest const& record);
     /** Takes the records out whose requests went to `target`. */
     std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
-    /** Takes everything out; from now on `begin` answers closed. */
+    /** Takes everything out and frees the table; from now on `begin` answers closed. */
     std::vector<Entry> close();
 
 private:
@@ -46,8 +48,9 @@ private:
     static unsigned int slotOf(unsigned int id) { return id >> kShift; }
     /** The id with its top 12 bits raised by one; they wrap. */
     static unsigned int successor(unsigned int id) { return id + (1u << kShift); }
+    /** Whether one of our ids, and the table still there to look it up. */
     bool isOurs(unsigned int id) const OSW_REQUIRES(mutex_) {
-        return (id ^ lastId_) << (32 - kShift) == 0;
+        return !closed_ && (id ^ lastId_) << (32 - kShift) == 0;
     }
 
     /// The broker's request mutex. A record's own lock may be taken under it. Nothing is logged,
@@ -55,5 +58,5 @@ private:
     OSWrap::Mutex mutex_;
     unsigned int lastId_ OSW_GUARDED_BY(mutex_);
     bool closed_ OSW_GUARDED_BY(mutex_) = false;
-    std::array<Entry, kCapacity> slots_ OSW_GUARDED_BY(mutex_);
+    std::vector<Entry> slots_ OSW_GUARDED_BY(mutex_);  // kCapacity of them; none once closed
 };

@@ -44,4 +44,34 @@ TEST(RequestTable, with4096OutstandingThereIsNoId) {
     EXPECT_EQ(table->begin(late, 7u, true).id, kSeed + 3 * kStep);
 }
 
+TEST(RequestTable, aCallEndsItsOwnEntryOnly) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    OngoingRequest cancelled;
+    unsigned int const id = table->begin(cancelled, 7u, true).id;
+    EXPECT_EQ(table->take(id), &cancelled) << "to deliver to it";
+    // All other ids are given meanwhile, and this one again.
+    OngoingRequest other;
+    while (table->begin(other, 7u, false).id != id - kStep) {
+    }
+    OngoingRequest next;
+    EXPECT_EQ(table->begin(next, 7u, true).id, id);
+    EXPECT_FALSE(table->withdraw(id, cancelled));
+    EXPECT_TRUE(table->withdraw(id, next));
+    EXPECT_FALSE(table->withdraw(id, next));
+}
+
+TEST(RequestTable, closedItAnswersAllThatWaitAndTakesNoMore) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    OngoingRequest waiting;
+    unsigned int const id = table->begin(waiting, 7u, true).id;
+    auto const entries = table->close();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].record, &waiting);
+    EXPECT_EQ(table->take(id), nullptr);
+    EXPECT_FALSE(table->withdraw(id, waiting));
+    EXPECT_TRUE(table->takeAllOf(7u).empty());
+    EXPECT_EQ(table->begin(waiting, 7u, true).beginning, Beginning::closed);
+    EXPECT_TRUE(table->close().empty());
+}
+
 }  // namespace

@@ -462,12 +462,13 @@ void Receiver::shutDownChannels() {
 
 void Receiver::closeInbox() {
     MessageQueue unread;
+    MessageQueue cameBack;
     std::vector<std::shared_ptr<Channel>> requests;
     {
         OSWrap::Lock<> lock(inboxMutex_);
         refusing_ = closed_ = true;
         unread.swap(inbox_);
-        errors_.clear();
+        cameBack.swap(errors_);
         requests.swap(requests_);
     }
     while (!unread.empty()) {
