@@ -74,8 +74,8 @@ void TipprmiObjectSkeleton::connect(TreflectORB* orb, TipprmiOID const& oid) {
     if (orb_)
         orb_->unregisterObject(this);
     setORB(orb ? orb : TreflectORB::getInstance(oid.getNamespaceId()));
-    if (orb_)
-        orb_->registerObject(this);
+    if (orb_ && !orb_->registerObject(this))
+        setORB(nullptr);
     client_.reset();
 }
 

@@ -12,9 +12,10 @@
 /**
  * How the brokers of the process are made and deleted. One object, never destroyed.
  *
- * A broker is shared by this object and by its workers, so it is there as long as anybody is
- * inside. One that has been deleted is kept until the next deletion: a thread that fetched it just
- * before, and does not hold the run permission, may still look at it, and finds it closed.
+ * A broker that has been deleted is retired, but its memory is never freed: pointers to brokers are
+ * handed out without a count, so any thread may still have one in its hand, about to call through
+ * it, and only a broker that is there can turn it away. What is kept is small: its threads,
+ * descriptors, queue and table of requests have gone.
  *
  * Deletion of the brokers, in phases. Two for all of them:
  *  1. Close their calls: nothing is sent any more, and whoever waits for a response is woken with a
@@ -24,9 +25,9 @@
  *  3. Stop the termination.
  *  4. Close and empty the message queue, wait for the workers (but for oneself); end the thread
  *     that tells of other brokers (but not from within it).
- *  5. Wait until nobody is inside a call.
+ *  5. Wait until nobody is inside a call. Calls that come after the first phase do not get inside.
  *  6. Under the run permission, tell the server objects that they have no broker any more, and take
- *     the broker out of the table.
+ *     the broker out of the table of those that getInstance finds.
  */
 class BrokerLifecycle {
 public:
@@ -53,9 +54,9 @@ private:
     BrokerLifecycle();
 
     bool mayCreate(NamespaceId ns);
-    std::shared_ptr<TreflectORB> create(NamespaceId ns);
+    TreflectORB* create(NamespaceId ns);
     void awaitCreation() OSW_REQUIRES(changed_);
-    std::shared_ptr<TreflectORB> brokerOf(std::size_t index);
+    TreflectORB* brokerOf(std::size_t index);
     bool isForkedChild() const;
     bool awaitOtherDeletion();
     bool deleteAllWatched();
@@ -72,10 +73,9 @@ private:
     /// The thread that makes a broker, one at a time; 0: nobody. It needs no lock of ours that
     /// those who wait for it may hold.
     unsigned long creator_ OSW_GUARDED_BY(changed_) = 0;
-    std::array<std::shared_ptr<TreflectORB>, 256> brokers_ OSW_GUARDED_BY(changed_);
-    std::array<std::shared_ptr<TreflectORB>, 256> retired_ OSW_GUARDED_BY(changed_);
-    OSWrap::ConditionVar deletionOver_;  // a leaf lock
-    std::atomic<bool> deleting_{false};  // cleared under deletionOver_
+    TreflectORB const* retired_ OSW_GUARDED_BY(changed_) = nullptr;  // the last one, see Parts
+    OSWrap::ConditionVar deletionOver_;                              // a leaf lock
+    std::atomic<bool> deleting_{false};                              // cleared under deletionOver_
     std::atomic<bool> exiting_{false};
     std::atomic<bool> abandoned_{false};
     std::atomic<pid_t> process_{0};  // that the brokers belong to; a forked child gets none

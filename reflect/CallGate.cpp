@@ -5,8 +5,7 @@
 
 namespace {
 
-/** Shared by all gates and never destroyed: a visitor that leaves signals here and nowhere else. A
- * leaf lock. */
+/** Shared by all gates and never destroyed. A leaf lock. */
 OSWrap::ConditionVar& lastVisitorLeft() {
     static OSWrap::ConditionVar& condition = *new OSWrap::ConditionVar;
     return condition;

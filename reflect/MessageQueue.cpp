@@ -20,12 +20,6 @@ Transport::AddressedMessage MessageQueue::Ring::pop() {
     return message;
 }
 
-void MessageQueue::Ring::clear() {
-    cells_.clear();
-    first_ = 0;
-    size_ = 0;
-}
-
 void MessageQueue::Ring::grow() {
     constexpr std::size_t kLeast = 64;
     std::vector<Transport::AddressedMessage> larger(cells_.empty() ? kLeast : 2 * cells_.size());
@@ -132,6 +126,14 @@ MessageQueue::Need MessageQueue::addWorker() {
     return Need::worker;
 }
 
+bool MessageQueue::admitWorker() {
+    QueueLock const lock(changed_);
+    if (closed_)
+        return false;
+    addWorker();
+    return true;
+}
+
 void MessageQueue::workerNotStarted() {
     QueueLock const lock(changed_);
     --idle_;
@@ -147,9 +149,10 @@ void MessageQueue::workerEnded() {
 }
 
 void MessageQueue::close() {
+    Ring dropped;  // is freed after unlocking
     QueueLock const lock(changed_);
     closed_ = true;
-    messages_.clear();
+    std::swap(dropped, messages_);
     ready_.store(true, std::memory_order_release);
     changed_.broadcast();
 }

@@ -46,7 +46,10 @@ public:
      * else false, and nothing has changed. */
     bool nextAtOnce(Transport::AddressedMessage& message, Need& need);
 
-    /** A worker that `push` or `next` asked for could not be started. */
+    /** Counts one more worker, which the caller starts although the rule does not ask for it; false
+     * when the queue is closed. */
+    bool admitWorker();
+    /** A worker that `push` or `next` asked for, or that was admitted, could not be started. */
     void workerNotStarted();
     /** The last thing a worker does. */
     void workerEnded();
@@ -63,7 +66,6 @@ private:
         bool empty() const { return size_ == 0; }
         void push(Transport::AddressedMessage const& message);
         Transport::AddressedMessage pop();
-        void clear();
 
     private:
         void grow();

@@ -122,8 +122,6 @@ TreflectORB::PerfCntInfo TreflectORB::getPerfCnts(Transport::TerminationId const
 }
 
 std::list<TreflectORB::PerfCntMultInfo> TreflectORB::getPerfCnts() const {
-    // The broker is not freed between two queries.
-    CallGate::Visit const visit(parts_->calls);
     std::list<PerfCntMultInfo> infos;
     for (Transport::TerminationId const& member : group_()) {
         if (member != termId())
@@ -133,7 +131,6 @@ std::list<TreflectORB::PerfCntMultInfo> TreflectORB::getPerfCnts() const {
 }
 
 std::list<TreflectORB::BrokerInfo> TreflectORB::getBrokers() const {
-    CallGate::Visit const visit(parts_->calls);
     BrokerInfo own{termId(), orbId_, true, {}};
     {
         TreflectHandlerState const handlerState(true);

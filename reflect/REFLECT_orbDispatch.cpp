@@ -301,7 +301,7 @@ private:
     bool goOnAtOnce();
     void startWorker(MessageQueue::Need need) {
         if (need == MessageQueue::Need::worker)
-            orb_.startReflectWorker();
+            orb_.startCountedWorker_();
     }
 
     TreflectORB& orb_;

@@ -1,7 +1,9 @@
 // How brokers are made, stopped and deleted.
 #include <unistd.h>
 
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "handler_threads/TreflectHandlerState.h"
 #include "logging/Log.h"
@@ -142,10 +144,7 @@ TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
     auto& present = TreflectORB::singletonInstances_[index];
     if (!isForkedChild() && mayCreate(ns)) {
         Creation const creation(*this);
-        std::shared_ptr<TreflectORB> const orb = create(ns);
-        LifecycleLock const lock(changed_);
-        brokers_[index] = orb;
-        present.store(orb.get(), std::memory_order_release);
+        present.store(create(ns), std::memory_order_release);
     }
     return present.load(std::memory_order_acquire);
 }
@@ -168,28 +167,27 @@ void BrokerLifecycle::awaitCreation() {
         changed_.wait(OSWrap::TimeSpec::INFINITETIME);
 }
 
-std::shared_ptr<TreflectORB> BrokerLifecycle::create(NamespaceId ns) {
+TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
     process_ = getpid();
     static SingletonInstancesRemover const remover;
-    std::shared_ptr<TreflectORB> orb;
+    std::unique_ptr<TreflectORB> orb;
     try {
         orb.reset(new TreflectORB(ns));
     } catch (std::bad_alloc const&) {  // most of what a broker takes is in its parts
         return nullptr;
     }
-    orb->parts_->self = orb;
     TreflectOrbObserver::startWorker(orb->parts_->presence);
     if (orb->start() != 1)
         REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
     OSWrap::Thread::sleep(0, kStartPause);
-    return orb;
+    return orb.release();
 }
 
 /** One that is being made is waited for: it must not be born behind the back of a deletion. */
-std::shared_ptr<TreflectORB> BrokerLifecycle::brokerOf(std::size_t index) {
+TreflectORB* BrokerLifecycle::brokerOf(std::size_t index) {
     LifecycleLock const lock(changed_);
     awaitCreation();
-    return brokers_[index];
+    return TreflectORB::singletonInstances_[index].load(std::memory_order_acquire);
 }
 
 bool BrokerLifecycle::isForkedChild() const {
@@ -248,13 +246,13 @@ bool BrokerLifecycle::deleteAllWatched() {
  * another. */
 void BrokerLifecycle::closeAllCalls() {
     for (std::size_t index = 0; index < TreflectORB::singletonInstances_.size(); ++index)
-        if (std::shared_ptr<TreflectORB> const orb = brokerOf(index))
+        if (TreflectORB* const orb = brokerOf(index))
             orb->closeCalls_();
 }
 
 void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
     for (std::size_t index = 0; index < TreflectORB::singletonInstances_.size(); ++index) {
-        std::shared_ptr<TreflectORB> const orb = brokerOf(index);
+        TreflectORB* const orb = brokerOf(index);
         if (!pace.goOn())
             return;
         if (orb)
@@ -284,11 +282,13 @@ void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB
 
 /** The last phase, under the run permission. */
 void BrokerLifecycle::retire(std::size_t index, TreflectORB& orb) {
-    orb.parts_->objects.disown();
+    TreflectORB::Parts& parts = *orb.parts_;
+    parts.retired = true;
+    parts.objects.disown();
     orb.forgetAllObservers_();
+    parts.knownOrbClasses.clear();
+    parts.counters.take();
     TreflectORB::singletonInstances_[index].store(nullptr, std::memory_order_release);
-    std::shared_ptr<TreflectORB> formerlyRetired;  // freed when the lock has been given up
     LifecycleLock const lock(changed_);
-    formerlyRetired = std::move(retired_[index]);
-    retired_[index] = std::move(brokers_[index]);
+    parts.nextRetired = std::exchange(retired_, &orb);
 }

@@ -99,8 +99,9 @@ void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const&
 
 bool TreflectORB::observeCreations(unsigned int const& classId, TreflectObserver& observer,
                                    bool plusExisting) {
-    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
+    if (parts_->retired)
+        return false;
     MetaData& record = getMetaData(classId);
     Registration registration(record.creationRegistrations, &observer);
     if (plusExisting)
@@ -134,8 +135,9 @@ void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
 }
 
 bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
-    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
+    if (parts_->retired)
+        return false;
     MetaData& record = getMetaData(classId);
     Registration registration(record.deletionRegistrations, &observer);
     if (record.deletionObservers.empty()) {
@@ -149,7 +151,6 @@ bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver
 }
 
 void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& observer) {
-    auto const keptAlive = parts_->self.lock();
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
     auto const leave = [&](Observers& observers, Registration::UnderWay& underWay,
@@ -200,12 +201,13 @@ void TreflectORB::endRegistrations_(MetaData& record, TreflectObserver const* ob
     }
 }
 
-// Observers that are destroyed from now on do not find this broker any more.
+// Observers and objects that are destroyed from now on do not find this broker any more.
 void TreflectORB::forgetAllObservers_() {
     for (auto& entry : parts_->classes) {
         entry.second.creationObservers.clear();
         entry.second.deletionObservers.clear();
         endRegistrations_(entry.second, nullptr);
+        entry.second.objects.clear();
     }
 }
 

@@ -9,7 +9,6 @@
 // One that has gone again while this thread queued for the permission is not to be listed as
 // missed: nobody would take it from the list.
 void TreflectORB::appeared(Transport::Termination& termination) {
-    auto const keptAlive = parts_->self.lock();
     TreflectOrbId const id = convertId(termination.termId());
     if (id.namespaceId() == orbId_.namespaceId() && id != orbId_) {
         TreflectHandlerState const handlerState(true);

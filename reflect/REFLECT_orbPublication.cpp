@@ -7,7 +7,6 @@
 #include "reflect/TreflectServerObject.h"
 
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
-    auto const keptAlive = parts_->self.lock();
     checkHandlerState();
     // A handle of our own: the object may be destroyed while somebody is waited for.
     TreflectObject handle;
@@ -23,7 +22,6 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
 
 // Who subscribes meanwhile has been told that the object exists.
 bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
-    auto const keptAlive = parts_->self.lock();
     TreflectObject handle;
     handle.share_(*object.getClient());
     MetaData& record = getMetaData(classId);

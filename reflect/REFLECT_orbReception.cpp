@@ -65,11 +65,16 @@ void TreflectORB::deliverResponse_(TreflectMessage const& response) {
 
 void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
     if (parts_->messageQueue.push(message) == MessageQueue::Need::worker)
-        startReflectWorker();
+        startCountedWorker_();
 }
 
 void TreflectORB::startReflectWorker() {
-    auto* const worker = new (std::nothrow) ReflectWorker(parts_->self.lock());
+    if (parts_->messageQueue.admitWorker())
+        startCountedWorker_();
+}
+
+void TreflectORB::startCountedWorker_() {
+    auto* const worker = new (std::nothrow) ReflectWorker(*this);
     if (worker) {
         worker->deleteOnThreadTermination();
         if (worker->start())

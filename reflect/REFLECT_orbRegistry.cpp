@@ -44,6 +44,8 @@ bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
     if (!object)
         return false;
     TreflectHandlerState const handlerState(true);
+    if (parts_->retired)
+        return false;
     parts_->objects.add(*object);
     return true;
 }

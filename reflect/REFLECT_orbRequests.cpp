@@ -4,7 +4,6 @@
 #include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "ipprmi/TipprmiException.h"
-#include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Thread.h"
 #include "oswrap/UniqueIdGen.h"
@@ -162,6 +161,8 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
         writeGeneralException(response, 0);
         // A failed call like any other.
         CallGate::Visit const visit(parts_->calls);
+        if (!visit.admitted())
+            return false;
         TreflectHandlerState const handlerState(true);
         PerformanceCounters::Counters& counters = parts_->counters.of(convertId(target));
         ++counters.sent;
@@ -176,6 +177,8 @@ bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse
                               TreflectMessage& message, TipprmiStream& response) const {
     OSWrap::DeferredCancelTypeGuard const deferred;
     CallGate::Visit const visit(parts_->calls);
+    if (!visit.admitted())
+        return turnAway_(target, message, response);
     {
         TreflectHandlerState const handlerState(true);
         ++parts_->counters.of(target).sent;
@@ -183,6 +186,23 @@ bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse
     TreflectReleaseHandlerState const released;
     bool const thenPermission = released.released() && !hasRunPermission();
     return OutgoingCall(*this, target, withResponse, message, response, thenPermission).perform();
+}
+
+/**
+ * The broker is being deleted, or has been: a call that comes only now ends as one that cannot be
+ * sent, without the deletion having to wait for it. Counters need the permission and nobody can ask
+ * for them any more, so it is not counted. One that holds the permission lets the others have their
+ * turn, as in every call: it may try again and again until there is a new broker.
+ */
+bool TreflectORB::turnAway_(Transport::TerminationId target, TreflectMessage const& message,
+                            TipprmiStream& response) const {
+    TreflectReleaseHandlerState const released;
+    REFLECTORB_LOG_LIMITED(parts_->turnedAway, 3, "REFLECT_orb",
+                           "ORB 0x%08X could not find destination termId=0x%08X for transactionId "
+                           "%X",
+                           termId().value(), target.value(), message.transactionId());
+    writeGeneralException(response, 0);
+    return false;
 }
 
 int TreflectORB::issueTo_(Transport::TerminationId target, TreflectMessage& message) const {
@@ -223,7 +243,8 @@ forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool res
 forwardMsgCleanup::~forwardMsgCleanup() {
     OSWrap::DisableCancelStateGuard const noCancel;
     // What has been delivered was taken out of the table before.
-    if (id_.entered && !record_->delivered() && !orb_->parts_->ongoingRequests_.take(id_.value)) {
+    if (id_.entered && !record_->delivered() &&
+        !orb_->parts_->ongoingRequests_.withdraw(id_.value, *record_)) {
         bool targetExists = true;
         record_->wait(true, responseAwaited_, targetExists, request_, orb_);
     }

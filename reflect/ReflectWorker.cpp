@@ -1,7 +1,5 @@
 #include "reflect/ReflectWorker.h"
 
-#include <utility>
-
 #include "reflect/TreflectOrbParts.h"
 
 namespace {
@@ -12,16 +10,16 @@ thread_local TreflectORB const* served = nullptr;
 
 }  // namespace
 
-ReflectWorker::ReflectWorker(std::shared_ptr<TreflectORB> orb)
+ReflectWorker::ReflectWorker(TreflectORB& orb)
     : Thread("ReflectWorker", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), kStackSize, true),
-      orb_(std::move(orb)) {}
+      orb_(orb) {}
 
 TreflectORB const* ReflectWorker::servedBroker() {
     return served;
 }
 
 int ReflectWorker::run() {
-    served = orb_.get();
-    orb_->dispatchEntry();
+    served = &orb_;
+    orb_.dispatchEntry();
     return 0;
 }

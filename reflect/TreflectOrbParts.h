@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 
+#include "logging/LineLimit.h"
 #include "reflect/CallGate.h"
 #include "reflect/MessageQueue.h"
 #include "reflect/MetaData.h"
@@ -23,6 +24,7 @@ struct TreflectORB::Parts {
     explicit Parts(unsigned int lastTransactionId) : ongoingRequests_(lastTransactionId) {}
 
     CallGate calls;
+    Logging::LineLimit turnedAway;  // for lines about calls that come too late
     RequestTable ongoingRequests_;
     MessageQueue messageQueue;
     ObjectRegistry objects;        // guarded by the run permission
@@ -36,6 +38,9 @@ struct TreflectORB::Parts {
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};
-    /** For the workers, which keep their broker alive. Set before the first of them. */
-    std::weak_ptr<TreflectORB> self;
+    /** Whether the broker has been deleted: nothing is entered into it any more. Guarded by the run
+     * permission. */
+    bool retired = false;
+    /** The next one in the list of deleted brokers, whose lock guards it. */
+    TreflectORB const* nextRetired = nullptr;
 };

@@ -32,8 +32,9 @@ class TreflectServerObject;
  * process exit.
  *
  * Threads: any thread may call (see each operation). Object code runs under the process-wide run
- * permission only, which is given up while a caller waits for a response. A pointer to a broker is
- * good until prepareOrbForDeletion; a broker that is being deleted fails all calls.
+ * permission only, which is given up while a caller waits for a response. A broker that is being
+ * deleted, or has been, fails all calls, and takes no objects and observers: fetch the pointer anew.
+ * An old pointer never dangles, whenever it was fetched.
  */
 class REFLECTORB_API TreflectORB : public Transport::TerminationImpl {
 public:
@@ -53,7 +54,7 @@ public:
     /**
      * Stops and deletes all brokers, in the order of their namespaces; afterwards they can be made
      * anew. Calls that are outstanding fail at once, requests that wait to be served are dropped,
-     * and those being served are waited for. Any thread, also one that serves a request (which is
+     * and those being served are waited for. Those that begin meanwhile fail and are not waited for. Any thread, also one that serves a request (which is
      * not waited for); the run permission is given up meanwhile. Returns at once while another
      * thread does the same, and in a forked child.
      */
@@ -79,7 +80,7 @@ public:
      */
     virtual TreflectObjectLocation locateObject(TipprmiOID const& oid) const;
     /** Enters a server object, which stays the caller's, and gives it its internal id; true. False
-     * for null. Any thread; waits for the run permission. */
+     * for null, and when the broker has been deleted. Any thread; waits for the run permission. */
     virtual bool registerObject(TipprmiObjectSkeleton* object);
     /** Takes a server object out, whoever it is; true. */
     virtual bool unregisterObject(TipprmiObjectSkeleton const* object);
@@ -98,7 +99,8 @@ public:
 
     /**
      * Has `observer` told, by setSource and update, whenever an object of a class is created (or
-     * deleted); `plusExisting`: and now of each that exists. True. One that is registered several
+     * deleted); `plusExisting`: and now of each that exists. True, but when the broker has been
+     * deleted. One that is registered several
      * times is told once per event. Not owned: it leaves the lists when it is destroyed. Under the
      * run permission.
      */
@@ -213,7 +215,8 @@ public:
      * in all brokers of this process, and nobody is told. With the run permission. */
     static void forgetObject_(TreflectServerObject const& object);
     static void forgetObserver_(TreflectObserver const& observer);
-    /** Starts one more worker, which the message queue has asked for. */
+    /** Starts one more worker; the pool may end it at once if it has enough. The broker does so by
+     * itself when work waits and nobody is idle. No effect on a broker that is being deleted. */
     void startReflectWorker();
     /** Body of a worker: serves messages until the pool has enough idle workers. */
     void dispatchEntry();
@@ -235,9 +238,13 @@ private:
 
     explicit TreflectORB(NamespaceId const& ns);
     void deliverResponse_(TreflectMessage const& response);
+    /** Starts a worker that the message queue has counted already. */
+    void startCountedWorker_();
     void enqueue_(Transport::AddressedMessage const& message);
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
+    bool turnAway_(Transport::TerminationId target, TreflectMessage const& message,
+                   TipprmiStream& response) const;
     void closeCalls_();
     /** This broker's answer to a query; its counters start afresh. With the run permission. */
     PerfCntInfo takePerfCnts_() const;

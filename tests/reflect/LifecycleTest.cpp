@@ -3,6 +3,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -104,6 +107,106 @@ TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
     stop = true;
     for (std::thread& caller : callers)
         caller.join();
+}
+
+/** A call to nobody in particular. */
+bool callFails(TreflectORB& orb) {
+    TipprmiStream request(100);
+    TipprmiStream response(100);
+    request << 1u << true << 2u << 3;
+    return !orb.forwardMsg(TreflectOrbId(9, 1, NSID_UNIT), true, request, response) &&
+           ProbeClient::read(false, response).exceptionType == 1;
+}
+
+class NobodysObserver : public TreflectObserver {
+public:
+    bool update() override { return true; }
+};
+
+TEST_F(LifecycleTest, aDeletedBrokerFailsWhateverIsAskedOfItThroughAnOldPointer) {
+    TreflectORB& old = orb();
+    TreflectORB::prepareForDeletion();
+    orb();
+    TreflectORB::prepareForDeletion();
+    for (int i = 0; i < 100; ++i)
+        EXPECT_TRUE(callFails(old));
+    EXPECT_LE(log_.count(3, "could not find destination"), 10u) << "others could fill the log";
+    {
+        TreflectHandlerState const handlerState(true);
+        std::thread([&] { EXPECT_TRUE(callFails(old)); }).join();
+        EXPECT_TRUE(callFails(old));
+        EXPECT_TRUE(TreflectORB::hasRunPermission());
+    }
+    EXPECT_EQ(old.locateObject(oid("nobody")).getInternalOID(), 0u);
+    EXPECT_EQ(old.getPerfCnts(old.termId()).actor, "");
+    for (auto const& other : old.getPerfCnts())
+        EXPECT_EQ(other.info.actor, "");
+    auto observer = permitted([] { return std::make_unique<NobodysObserver>(); });
+    EXPECT_FALSE(old.observeCreations(kProbeClass, *observer, true));
+    EXPECT_FALSE(old.observeDeletions(kProbeClass, *observer));
+    old.removeObserver(kProbeClass, *observer);
+    old.startReflectWorker();
+    old.display(0);
+    auto probe = permitted([] { return std::make_unique<Probe>("late"); });
+    permitted([&] { probe->connect(&old, oid("late")); });
+    EXPECT_EQ(probe->orbId(), TreflectOrbId()) << "nobody would ever reach it there";
+    permitted([&] {
+        probe.reset();
+        observer.reset();
+    });
+}
+
+TEST_F(LifecycleTest, deletionDoesNotWaitForCallsThatCameLater) {
+    RawPeer peer(group());
+    auto probe = permitted([] { return std::make_unique<Probe>("slow"); });
+    peer.sendCall(orb().termId(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
+    ASSERT_TRUE(probe->entered().wait());
+    struct Inside {
+        testsupport::Gate reached, left;
+    } inside;
+    TreflectORB& closed = orb();
+    testsupport::Gate deleted;
+    std::thread deleter([&] {
+        prepareOrbForDeletion();
+        deleted.open();
+    });
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return !Transport::TransportLayer::instance().exists(closed.termId()); }));
+    // The log takes its time, in the middle of a call that fails.
+    Logging::setSink(
+        [](Logging::Record const& record, void* context) {
+            if (!std::strstr(record.text, "could not find destination"))
+                return;
+            static_cast<Inside*>(context)->reached.open();
+            static_cast<Inside*>(context)->left.wait();
+        },
+        &inside);
+    std::thread caller([&] { EXPECT_TRUE(callFails(closed)); });
+    EXPECT_TRUE(inside.reached.wait());
+    probe->release();
+    EXPECT_TRUE(deleted.wait(seconds(10)));
+    inside.left.open();
+    caller.join();
+    deleter.join();
+    Logging::setSink(nullptr, nullptr);
+    permitted([&] { probe.reset(); });
+}
+
+std::size_t openDescriptors() {
+    auto const all = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+TEST_F(LifecycleTest, deletedBrokersKeepNoDescriptors) {
+    orb();
+    TreflectORB::prepareForDeletion();
+    std::size_t const before = openDescriptors();
+    for (int life = 0; life < 3; ++life) {
+        orb();
+        TreflectORB::prepareForDeletion();
+    }
+    // The threads that have been stopped close theirs soon.
+    EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors() <= before; }));
 }
 
 TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {

@@ -105,6 +105,17 @@ TEST_F(WorkerPoolTest, messagesAndCallersAreServedInTheOrderOfTheirArrival) {
     permitted([&] { EXPECT_EQ(recorder_->numbers, (std::vector<int>{1, 2, 100, 3, 4, 5})); });
 }
 
+TEST_F(WorkerPoolTest, workersThatAreStartedDirectlyBelongToThePool) {
+    for (int i = 0; i < 6; ++i)
+        orb().startReflectWorker();
+    EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers() == "SSS"; }))
+        << "it keeps three that are idle, not " << statesOfWorkers().size();
+    peer_.sendCall(orb().termId(), 1, probe_->getInternalOID(), true, kProbeClass, kEcho);
+    EXPECT_EQ(peer_.await(0).transactionId(), 1u);
+    prepareOrbForDeletion();
+    EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers().empty(); }));
+}
+
 TEST_F(WorkerPoolTest, deletionServesThoseThatQueueForThePermissionAndEndsAllWorkers) {
     makeIdleWorkers();
     {

@@ -36,8 +36,9 @@ LocalTermination::~LocalTermination() {
 /** Makes the receiver, once in the termination's life; null when there is one or no address. */
 std::shared_ptr<Receiver> LocalTermination::makeReceiver() {
     OSWrap::Lock<> lock(mutex_);
-    if (receiver_ != nullptr || id_ == TerminationId())
+    if (started_ || id_ == TerminationId())
         return nullptr;
+    started_ = true;
     receiver_ = std::make_shared<Receiver>(id_, owner_);
     return receiver_;
 }
@@ -76,7 +77,7 @@ bool LocalTermination::goVisible(std::shared_ptr<Receiver> const& receiver) {
 /**
  * In phases: (1) send nothing new, (2) no more news of others, (3) let out what was sent, (4) go
  * out of sight, (5) end the receiving thread, which closes the channels. A second call waits for
- * the same.
+ * the same. The descriptors go with the receiver, whatever becomes of the termination.
  */
 void LocalTermination::stop() {
     OSWrap::DisableCancelStateGuard notCancelled;
@@ -89,6 +90,14 @@ void LocalTermination::stop() {
         stopped->waitUntilSent(kLinger, kMostLinger);
     Rendezvous::instance().withdraw(id_);
     stopped->stop();
+    if (!stopped->onReceivingThread())
+        release(stopped);
+}
+
+void LocalTermination::release(std::shared_ptr<Receiver> const& stopped) {
+    OSWrap::Lock<> lock(mutex_);
+    if (receiver_ == stopped)
+        receiver_.reset();  // not the last owner
 }
 
 std::shared_ptr<Receiver> LocalTermination::receiver() {

@@ -34,12 +34,14 @@ public:
 private:
     bool goVisible(std::shared_ptr<Receiver> const& receiver);
     std::shared_ptr<Receiver> makeReceiver();
+    void release(std::shared_ptr<Receiver> const& stopped);
     std::shared_ptr<Receiver> receiver();
 
     TerminationImpl& owner_;
     TerminationId const id_;
     OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
-    std::shared_ptr<Receiver> receiver_ OSW_GUARDED_BY(mutex_);
+    std::shared_ptr<Receiver> receiver_ OSW_GUARDED_BY(mutex_);  // until it has been stopped
+    bool started_ OSW_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace Transport
