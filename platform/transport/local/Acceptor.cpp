@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Receiver.h"
@@ -19,6 +19,9 @@ namespace {
 constexpr char const* kSource = "Acceptor";
 constexpr int kAcceptsAtOnce = 16;
 constexpr std::size_t kMostStrangers = 64;
+/** A Hello brings two, and our side of the channel has two. */
+constexpr int kDescriptorsOfChannel = 4;
+constexpr char const* kNoDescriptor = "has no descriptor left to accept a connection";
 constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
 
 std::atomic<long long> introductionLimitNow{10'000'000'000};
@@ -30,13 +33,17 @@ void Acceptor::introductionLimit(long long nanoseconds) {
 }
 
 bool Acceptor::listen(Descriptor listening) {
-    listening_ = std::move(listening);
+    listening_ = OpenSocket(listening.release());
     return receiver_.watch(listening_.get(), 0, Receiver::Source::Listening);
 }
 
 void Acceptor::accept() {
     for (int count = 0; count < kAcceptsAtOnce; ++count) {
-        Descriptor socket(
+        if (closersBehind()) {
+            pause("cannot close descriptors as fast as it gets them");
+            return;
+        }
+        OpenSocket socket(
             ::accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (socket.valid()) {
             receive(std::move(socket));
@@ -44,29 +51,32 @@ void Acceptor::accept() {
         }
         bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
         if (exhausted && !raiseDescriptorLimit())
-            pause();
+            pause(kNoDescriptor);
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
             return;
     }
 }
 
-/** There is no descriptor to be had now: those who connect wait a little. */
-void Acceptor::pause() {
+/** Nobody can be taken in now: those who connect wait a little. */
+void Acceptor::pause(char const* reason) {
     if (!accepting_)
         return;
-    REFLECTORB_LOG(3, kSource, "termination 0x%08X has no descriptor left to accept a connection",
-                   receiver_.id().value());
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "termination 0x%08X %s", receiver_.id().value(),
+                           reason);
     receiver_.unwatch(listening_.get());
     accepting_ = false;
     receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
 }
 
-void Acceptor::receive(Descriptor socket) {
+void Acceptor::receive(OpenSocket socket) {
     PeerIdentity identity{};
     if (!peerIdentity(socket.get(), identity) || identity.user != ::geteuid()) {
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d of user %u",
-                       receiver_.id().value(), static_cast<int>(identity.process),
-                       static_cast<unsigned>(identity.user));
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                               "termination 0x%08X refused process %d of user %u",
+                               receiver_.id().value(), static_cast<int>(identity.process),
+                               static_cast<unsigned>(identity.user));
         return;
     }
     if (strangers_.size() >= kMostStrangers)
@@ -75,47 +85,78 @@ void Acceptor::receive(Descriptor socket) {
     if (!receiver_.watch(socket.get(), token, Receiver::Source::Socket))
         return;
     long long const deadline = OSWrap::Clock::nowNanoseconds() + introductionLimitNow.load();
-    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
+    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline, false});
     receiver_.wakeAt(deadline);
     hear(token);
 }
 
 void Acceptor::drop(std::uint32_t token) {
     auto const found = strangers_.find(token);
-    REFLECTORB_LOG(4, kSource, "termination 0x%08X dropped process %d: it never said Hello",
-                   receiver_.id().value(), static_cast<int>(found->second.identity.process));
+    static Logging::LineLimit limit;
+    if (!found->second.waits)
+        REFLECTORB_LOG_LIMITED(
+            limit, 4, kSource, "termination 0x%08X dropped process %d: it never said Hello",
+            receiver_.id().value(), static_cast<int>(found->second.identity.process));
     receiver_.unwatch(found->second.socket.get());
     strangers_.erase(found);
 }
 
+/** Nothing is taken out of his socket, above all no descriptors, before he is known. */
 void Acceptor::hear(std::uint32_t token) {
     auto const found = strangers_.find(token);
-    ReceivedPacket received{};
-    Transfer const transfer = receivePacket(found->second.socket.get(), received);
+    Packet hello{};
+    Transfer const transfer = peekPacket(found->second.socket.get(), hello);
     if (transfer == Transfer::Later)
         return;
+    bool const known = mayIntroduce(found->second, transfer, hello);
+    if (known && !descriptorsLeft(found->second.socket.get(), kDescriptorsOfChannel)) {
+        keepWaiting(found->second);
+        return;
+    }
     Stranger stranger = std::move(found->second);
     strangers_.erase(found);
     receiver_.unwatch(stranger.socket.get());
-    if (transfer == Transfer::Done && received.packet.kind == Packet::Hello &&
-        received.packet.to == receiver_.id().value()) {
-        introduce(std::move(stranger), std::move(received));
-        return;
-    }
-    if (transfer != Transfer::Closed)
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X dropped process %d: it sent nonsense",
-                       receiver_.id().value(), static_cast<int>(stranger.identity.process));
+    if (known)
+        introduce(std::move(stranger), TerminationId(hello.from));
+}
+
+/** There are no descriptors for a channel: his Hello stays where it is for a while. */
+void Acceptor::keepWaiting(Stranger& stranger) {
+    static Logging::LineLimit limit;
+    if (!stranger.waits)
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource, "termination 0x%08X %s", receiver_.id().value(),
+                               kNoDescriptor);
+    stranger.waits = true;
+    receiver_.unwatch(stranger.socket.get());
+    receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
 }
 
 /** A process may speak only for the terminations that are its own. */
-void Acceptor::introduce(Stranger stranger, ReceivedPacket hello) {
-    TerminationId const peer(hello.packet.from);
-    if (!Rendezvous::instance().ownedBy(peer, stranger.identity.process)) {
-        REFLECTORB_LOG(3, kSource, "termination 0x%08X refused process %d: it is not 0x%08X",
-                       receiver_.id().value(), static_cast<int>(stranger.identity.process),
-                       peer.value());
-        return;
+bool Acceptor::mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello) {
+    static Logging::LineLimit nonsense;
+    static Logging::LineLimit notHis;
+    auto const process = stranger.identity.process;
+    if (transfer == Transfer::Closed)
+        return false;
+    if (transfer != Transfer::Done || hello.kind != Packet::Hello ||
+        hello.to != receiver_.id().value()) {
+        REFLECTORB_LOG_LIMITED(nonsense, 3, kSource,
+                               "termination 0x%08X dropped process %d: it sent nonsense",
+                               receiver_.id().value(), static_cast<int>(process));
+        return false;
     }
+    if (Rendezvous::instance().ownedBy(TerminationId(hello.from), process))
+        return true;
+    REFLECTORB_LOG_LIMITED(notHis, 3, kSource,
+                           "termination 0x%08X refused process %d: it is not 0x%08X",
+                           receiver_.id().value(), static_cast<int>(process), hello.from);
+    return false;
+}
+
+void Acceptor::introduce(Stranger stranger, TerminationId peer) {
+    ReceivedPacket hello;
+    if (receivePacket(stranger.socket.get(), hello) != Transfer::Done)
+        return;  // he has passed too much, or somebody here has taken the last descriptor
     std::shared_ptr<Channel> const channel =
         Switchboard::instance().channel(receiver_.shared_from_this(), peer);
     if (channel != nullptr)
@@ -126,14 +167,19 @@ void Acceptor::serveTimers(long long now) {
     if (!accepting_ && receiver_.watch(listening_.get(), 0, Receiver::Source::Listening))
         accepting_ = true;
     std::vector<std::uint32_t> late;
+    std::vector<std::uint32_t> waiting;
     for (auto const& [token, stranger] : strangers_) {
         if (stranger.deadline <= now)
             late.push_back(token);
         else
             receiver_.wakeAt(stranger.deadline);
+        if (stranger.deadline > now && stranger.waits)
+            waiting.push_back(token);
     }
     for (std::uint32_t token : late)
         drop(token);
+    for (std::uint32_t token : waiting)
+        hear(token);
 }
 
 void Acceptor::close() {

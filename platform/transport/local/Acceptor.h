@@ -40,18 +40,21 @@ public:
 private:
     /** Somebody who has connected and not introduced himself. */
     struct Stranger {
-        Descriptor socket;
+        OpenSocket socket;
         PeerIdentity identity;
         long long deadline;
+        bool waits;  // with his Hello, until there are descriptors for a channel
     };
 
-    void receive(Descriptor socket);
-    void pause();
+    void receive(OpenSocket socket);
+    void pause(char const* reason);
     void drop(std::uint32_t token);
-    void introduce(Stranger stranger, ReceivedPacket hello);
+    bool mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello);
+    void introduce(Stranger stranger, TerminationId peer);
+    void keepWaiting(Stranger& stranger);
 
     Receiver& receiver_;
-    Descriptor listening_;
+    OpenSocket listening_;
     bool accepting_ = true;                        // false while no descriptor is to be had
     std::map<std::uint32_t, Stranger> strangers_;  // in the order in which they connected
 };

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Lock.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Receiver.h"
@@ -13,6 +13,7 @@ namespace Transport {
 namespace {
 
 constexpr char const* kSource = "Channel";
+constexpr unsigned kFirstLines = 10;
 constexpr int kMessagesPerBatch = 64;
 constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
 
@@ -131,8 +132,9 @@ bool Channel::growLocked(std::size_t messageSize) {
     RingArea area;
     area.capacity = wanted;
     area.mapping = Mapping::of(file.get(), 0, wanted, Mapping::Access::ReadWrite);
+    area.starts = FrameStarts(wanted);
     sealWriting(file.get());
-    if (!area.mapping.valid() ||
+    if (!area.mapping.valid() || !area.starts.valid() ||
         sendPacket(socket_.get(), packet(Packet::NextRing, wanted), file.get()) != Transfer::Done)
         return false;
     growthFailed_ = false;
@@ -172,7 +174,7 @@ bool Channel::receiveBatch() {
     Batch const batch = readBatch();
     if (batch == Batch::Garbage)
         closeForGarbage("its ring holds nonsense");
-    else if (ended_ || leftSeen_ || byeSeen_ || garbageSeen_)
+    else if (ending() || byeSeen_ || garbageSeen_)
         react();
     return batch != Batch::Empty;
 }
@@ -182,24 +184,19 @@ Channel::Batch Channel::readBatch() {
     for (int count = 0; count < kMessagesPerBatch && !receiver_->stopping() &&
                         reader_->position() - start < kBytesPerBatch;
          ++count) {
+        if (awaitsRing_ && !switchRing()) {
+            if (!starved_)
+                return Batch::Garbage;
+            break;
+        }
         AddressedMessage message;
         RingReader::Result const result = reader_->next(message);
-        if (result == RingReader::Result::Nothing)
-            break;
         if (result == RingReader::Result::Garbage)
             return Batch::Garbage;
-        if (result == RingReader::Result::NextRing && !switchRing())
-            return Batch::Garbage;
-        if (result != RingReader::Result::Message)
-            continue;
-        if (message.empty()) {
-            REFLECTORB_LOG(2, kSource, "no memory for a message from 0x%08X to 0x%08X: lost",
-                           peer_.value(), ownId_.value());
-            continue;
-        }
-        message.originator(peer_);
-        message.destination(ownId_);
-        receiver_->deliver(message);
+        awaitsRing_ = result == RingReader::Result::NextRing;
+        if (result == RingReader::Result::Nothing ||
+            (result == RingReader::Result::Message && !take(message)))
+            break;
     }
     if (reader_->position() == start)
         return Batch::Empty;
@@ -208,26 +205,51 @@ Channel::Batch Channel::readBatch() {
     return Batch::More;
 }
 
+/** Hands a message to the termination; false when that has begun to stop, and the message stays its
+ * sender's. */
+bool Channel::take(AddressedMessage& message) {
+    if (receiver_->stopping()) {
+        reader_->leave();
+        return false;
+    }
+    reader_->keep();
+    if (message.empty()) {
+        static Logging::LineLimit limit(kFirstLines);
+        REFLECTORB_LOG_LIMITED(limit, 2, kSource,
+                               "no memory for a message from 0x%08X to 0x%08X: lost", peer_.value(),
+                               ownId_.value());
+        return true;
+    }
+    message.originator(peer_);
+    message.destination(ownId_);
+    receiver_->deliver(message);
+    return true;
+}
+
 /** The file of the next ring was sent before the ring told of it. */
 bool Channel::switchRing() {
-    if (nextRings_.empty())
+    if (nextRings_.empty() && !starved_)
         readPackets();
     if (nextRings_.empty())
         return false;
     reader_->goOnIn(std::move(nextRings_.front()));
     nextRings_.pop_front();
+    awaitsRing_ = false;
     return true;
 }
 
-/** Before a close: everything that the peer has put in. Bounded, for a peer that goes on writing
- * after it has said its last word. */
-void Channel::readAll() {
-    if (!reader_.has_value())
-        return;
-    std::uint32_t const start = reader_->position();
-    while (reader_->position() - start <= 2 * kLargestRing && readBatch() == Batch::More &&
-           !receiver_->stopping()) {
-    }
+/** Before a close: whether everything that the peer has put in has been taken in. If not, the turns
+ * that follow do that, a batch each. Bounded, for a peer that goes on writing after it has said its
+ * last word. */
+bool Channel::hasReadAll() {
+    if (!reader_.has_value() || receiver_->stopping())
+        return true;
+    if (!endingFrom_.has_value())
+        endingFrom_ = reader_->position();
+    if (!reader_->hasData() || reader_->position() - *endingFrom_ > 2 * kLargestRing)
+        return true;
+    receiver_->makeHot(*this);
+    return false;
 }
 
 void Channel::fallAsleep() {

@@ -64,12 +64,12 @@ public:
     /** Does what another thread has asked for. */
     void service();
     /** Someone who is proved to be the peer has said Hello on `socket`. */
-    void answerHello(Descriptor socket, ReceivedPacket hello);
+    void answerHello(OpenSocket socket, ReceivedPacket hello);
     void onSocket();
     void onBell();
     /** A bounded number of messages; false when there was nothing. */
     bool receiveBatch();
-    bool hasData() const { return reader_.has_value() && reader_->hasData(); }
+    bool hasData() const { return reader_.has_value() && !awaitsRing_ && reader_->hasData(); }
     void fallAsleep();
     void wakeUp();
     /** When to call `service` again by itself; 0: not at all. */
@@ -86,6 +86,11 @@ private:
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
     enum class Batch { Empty, More, Garbage };
+    /** A Hello and the socket that it came on. */
+    struct Greeting {
+        OpenSocket socket;
+        ReceivedPacket hello;
+    };
 
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     Sent enqueueLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
@@ -98,8 +103,9 @@ private:
     State state();
     int socket();
     void connect();
-    bool sayHello(Descriptor socket);
+    bool sayHello(OpenSocket socket);
     void retryLater(long long nanoseconds);
+    void tryAgain(char const* reason);
     void giveUp(int level, char const* reason);
     bool peerIsGenuine(int socket);
     bool mayAnswer(int socket);
@@ -108,6 +114,8 @@ private:
     Packet packet(Packet::Kind kind, std::uint32_t ringCapacity = 0) const;
 
     void readPackets();
+    void awaitDescriptors(int fd);
+    void goOnWithDescriptors();
     bool takePacket(ReceivedPacket& received);
     bool takeWelcome(ReceivedPacket& received);
     bool takeNextRing(ReceivedPacket& received);
@@ -116,10 +124,14 @@ private:
     void resumeSending();
 
     Batch readBatch();
+    bool take(AddressedMessage& message);
     bool switchRing();
-    void readAll();
+    bool ending() const { return ended_ || leftSeen_ || leaving_ || goneSeen_; }
+    bool hasReadAll();
+    void end();
     void closeForGarbage(char const* what);
     void close(Unread unread);
+    void forgetPackets();
     void clearUpGone();
 
     std::shared_ptr<Receiver> const receiver_;
@@ -135,7 +147,7 @@ private:
     MessageQueue queue_ OSW_GUARDED_BY(mutex_);
     std::uint32_t frontDone_ OSW_GUARDED_BY(mutex_) = 0;  // bytes of the front one already sent
     std::optional<RingWriter> writer_ OSW_GUARDED_BY(mutex_);
-    Descriptor socket_ OSW_GUARDED_BY(mutex_);
+    OpenSocket socket_ OSW_GUARDED_BY(mutex_);
     int peerBell_ OSW_GUARDED_BY(mutex_) = -1;          // peerSide_.bell
     bool spaceAsked_ OSW_GUARDED_BY(mutex_) = false;    // and the peer's bell not yet handled
     bool growthFailed_ OSW_GUARDED_BY(mutex_) = false;  // do not try again before the next bell
@@ -145,10 +157,18 @@ private:
     PeerSide peerSide_;
     std::optional<RingReader> reader_;
     std::deque<RingArea> nextRings_;  // announced by the peer, oldest first
+    bool awaitsRing_ = false;         // the ring goes on in one that has not been taken in yet
+    bool starved_ = false;            // a packet waits until there are descriptors for it
     bool ended_ = false;              // end of file seen
     bool leftSeen_ = false;
     bool byeSeen_ = false;
     bool garbageSeen_ = false;
+    bool leaving_ = false;   // a Bye has been answered, or crosses ours
+    bool saysLeft_ = false;  // when that is done
+    bool goneSeen_ = false;
+    std::optional<Greeting> greeting_;         // answered when this connection has ended
+    std::optional<std::uint32_t> endingFrom_;  // where the reader stood when the end was seen
+    int attempts_ = 0;                         // to connect, without success
     long long retryAt_ = 0;
     std::uint32_t lastSent_ = 0;
     std::uint32_t lastReceived_ = 0;

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "platform/transport/local/Channel.h"
@@ -22,6 +22,9 @@ constexpr long long kBacklogFullRetry = 20'000'000;  // nanoseconds
 /** After Crossed the other side's Hello is on its way; should it be lost, we say ours again. */
 constexpr long long kCrossedRetry = 200'000'000;
 constexpr long long kNoMemoryRetry = 100'000'000;
+/** So often we try to connect to somebody who is there, before what waits for it comes back. */
+constexpr int kMostAttempts = 10;
+constexpr unsigned kFirstLines = 10;
 
 }  // namespace
 
@@ -40,6 +43,8 @@ int Channel::socket() {
 void Channel::service() {
     requested_.store(false);
     retryAt_ = 0;
+    if (std::exchange(starved_, false))
+        goOnWithDescriptors();
     bool broken = false;
     State state = State::Idle;
     {
@@ -62,12 +67,12 @@ void Channel::retryLater(long long nanoseconds) {
 }
 
 void Channel::connect() {
-    Descriptor socket(Rendezvous::instance().connectTo(peer_));
+    OpenSocket socket(Rendezvous::instance().connectTo(peer_));
     if (!socket.valid()) {
         if (errno == EAGAIN)
             retryLater(kBacklogFullRetry);
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
-            giveUp(3, "no descriptor or no memory is left");
+            tryAgain("no descriptor or no memory is left");
         else
             giveUp(6, "nobody listens there");
         return;
@@ -77,10 +82,19 @@ void Channel::connect() {
         return;
     }
     if (!sayHello(std::move(socket)))
-        giveUp(3, "the connection could not be made");
+        tryAgain("the connection could not be made");
 }
 
-bool Channel::sayHello(Descriptor socket) {
+/** Of an attempt that has failed, for a reason that may pass. */
+void Channel::tryAgain(char const* reason) {
+    dropAttempt();
+    if (++attempts_ < kMostAttempts)
+        retryLater(kNoMemoryRetry);
+    else
+        giveUp(3, reason);
+}
+
+bool Channel::sayHello(OpenSocket socket) {
     OwnSide side = OwnSide::make();
     if (!side.valid() || sendPacket(socket.get(), packet(Packet::Hello, side.ring.capacity),
                                     side.file.get(), side.bell.get()) != Transfer::Done)
@@ -106,8 +120,10 @@ bool Channel::peerIsGenuine(int socket) {
 }
 
 void Channel::giveUp(int level, char const* reason) {
-    REFLECTORB_LOG(level, kSource, "no connection from 0x%08X to 0x%08X: %s", ownId_.value(),
-                   peer_.value(), reason);
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(limit, level, kSource, "no connection from 0x%08X to 0x%08X: %s",
+                           ownId_.value(), peer_.value(), reason);
+    attempts_ = 0;
     close(Unread::GiveBack);
     if (Rendezvous::instance().exists(peer_)) {
         Rendezvous::instance().suspect(peer_);
@@ -141,30 +157,36 @@ bool Channel::mayAnswer(int socket) {
 
 /** Closes our own unanswered connection; what is queued stays. */
 void Channel::dropAttempt() {
-    Descriptor socket;
+    OpenSocket socket;
     {
         OSWrap::Lock<> lock(mutex_);
-        socket = std::exchange(socket_, Descriptor());
+        socket = std::exchange(socket_, OpenSocket());
         if (state_ == State::Connecting)
             state_ = State::Wanted;
     }
     receiver_->unwatch(socket.get());
     receiver_->unwatch(own_.bell.get());
     own_ = OwnSide();
+    forgetPackets();
 }
 
-void Channel::answerHello(Descriptor socket, ReceivedPacket hello) {
+void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     receiver_->enrol(*this);
     if (connected())
         onSocket();  // the peer may have closed the former connection just before
+    if (connected() && ending()) {
+        greeting_ = Greeting{std::move(socket), std::move(hello)};
+        return;
+    }
     if (receiver_->stopping() || !mayAnswer(socket.get()))
         return;
     PeerSide peerSide = PeerSide::of(hello);
     OwnSide side = OwnSide::make();
     if (!peerSide.valid() || !side.valid()) {
-        REFLECTORB_LOG(3, kSource, "connection of 0x%08X to 0x%08X refused: %s", peer_.value(),
-                       ownId_.value(),
-                       side.valid() ? "its shared memory makes no sense" : "no shared memory");
+        static Logging::LineLimit limit(kFirstLines);
+        REFLECTORB_LOG_LIMITED(
+            limit, 3, kSource, "connection of 0x%08X to 0x%08X refused: %s", peer_.value(),
+            ownId_.value(), side.valid() ? "its shared memory makes no sense" : "no shared memory");
         retryLater(kNoMemoryRetry);
         return;
     }
@@ -191,6 +213,7 @@ void Channel::open(PeerSide peerSide) {
     peerSide_ = std::move(peerSide);
     reader_.emplace(own_.page(), peerSide_.page(), std::move(peerSide_.ring));
     retryAt_ = 0;
+    attempts_ = 0;
     {
         OSWrap::Lock<> lock(mutex_);
         writer_.emplace(own_.page(), peerSide_.page(), std::move(own_.ring));
@@ -223,11 +246,37 @@ void Channel::readPackets() {
         Transfer const transfer = receivePacket(fd, received);
         if (transfer == Transfer::Later)
             return;
+        if (transfer == Transfer::Exhausted) {
+            awaitDescriptors(fd);
+            return;
+        }
         if (transfer == Transfer::Closed)
             ended_ = true;
         else if (transfer == Transfer::Garbage || !takePacket(received))
             garbageSeen_ = true;
     }
+}
+
+/** The packet stays in the socket, which would be reported as readable all the time. */
+void Channel::awaitDescriptors(int fd) {
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "the channel of 0x%08X with 0x%08X waits: no descriptor is left",
+                           ownId_.value(), peer_.value());
+    starved_ = true;
+    receiver_->unwatch(fd);
+    retryLater(kNoMemoryRetry);
+}
+
+void Channel::goOnWithDescriptors() {
+    if (!receiver_->watch(socket(), token_, Receiver::Source::Socket)) {
+        starved_ = true;
+        retryLater(kNoMemoryRetry);
+        return;
+    }
+    if (reader_.has_value())
+        receiver_->makeHot(*this);
+    onSocket();
 }
 
 /** False when the packet makes no sense now. */
@@ -276,54 +325,64 @@ bool Channel::takeNextRing(ReceivedPacket& received) {
     if (!isRingCapacity(area.capacity) || !received.file.valid() ||
         !isSealedFile(received.file.get(), area.capacity) || nextRings_.size() >= kMostWaiting)
         return false;
-    area.mapping = Mapping::of(received.file.get(), 0, area.capacity, Mapping::Access::ReadOnly);
+    Descriptor const file(received.file.release());
+    area.mapping = Mapping::of(file.get(), 0, area.capacity, Mapping::Access::ReadOnly);
     if (!area.mapping.valid())
         return false;
     nextRings_.push_back(std::move(area));
     return true;
 }
 
-/** Acts on what the packets told, after the messages that came before it. */
+/** Acts on what the packets told, after the messages that came before it: is called again after
+ * each batch of these. */
 void Channel::react() {
     if (garbageSeen_) {
         closeForGarbage("it has sent nonsense over the socket");
-    } else if (leftSeen_ || ended_) {
-        bool const left = leftSeen_;
-        bool const stood = reader_.has_value();
-        readAll();
-        close(left ? Unread::LeaveToPeer : Unread::GiveBack);
-        if (!left || !stood)
-            Rendezvous::instance().suspect(peer_);
-    } else if (std::exchange(byeSeen_, false)) {
-        answerBye();
+        return;
     }
+    if (std::exchange(byeSeen_, false) && !ending())
+        answerBye();
+    if (ending() && hasReadAll())
+        end();
 }
 
 void Channel::answerBye() {
-    bool bothLeave = false;
-    bool stay = false;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        bothLeave = state_ == State::Leaving;
-        stay = !bothLeave && !queue_.empty();
-        if (stay)
-            sendPacket(socket_.get(), packet(Packet::Stay));
-        else if (state_ == State::Open)
-            state_ = State::Leaving;
-    }
-    if (stay)
+    OSWrap::Lock<> lock(mutex_);
+    bool const bothLeave = state_ == State::Leaving;
+    if (!bothLeave && !queue_.empty()) {
+        sendPacket(socket_.get(), packet(Packet::Stay));
         return;
-    readAll();
-    if (!bothLeave) {
-        OSWrap::Lock<> lock(mutex_);
-        sendPacket(socket_.get(), packet(Packet::Left));
     }
-    close(Unread::LeaveToPeer);
+    if (state_ == State::Open)
+        state_ = State::Leaving;
+    leaving_ = true;
+    saysLeft_ = !bothLeave;
+}
+
+/** What the peer has sent has been taken in, and the connection is of no more use. */
+void Channel::end() {
+    bool const left = leftSeen_;
+    bool const stood = reader_.has_value();
+    if (goneSeen_) {
+        close(Unread::GiveBack);
+        receiver_->dismiss(*this);
+    } else if (ended_ && !left && !stood) {
+        Rendezvous::instance().suspect(peer_);
+        tryAgain("the peer has closed it");
+    } else if (ended_ || left) {
+        close(left ? Unread::LeaveToPeer : Unread::GiveBack);
+        if (!left || !stood)
+            Rendezvous::instance().suspect(peer_);
+    } else {
+        if (saysLeft_)
+            sendPacket(socket(), packet(Packet::Left));
+        close(Unread::LeaveToPeer);
+    }
 }
 
 void Channel::resumeSending() {
     OSWrap::Lock<> lock(mutex_);
-    if (state_ != State::Leaving)
+    if (state_ != State::Leaving || leaving_)
         return;
     state_ = State::Open;
     drainLocked();
@@ -348,9 +407,13 @@ void Channel::giveBackIfIdle() {
 // ---- Closing ------------------------------------------------------------------------------------
 
 void Channel::closeForGarbage(char const* what) {
-    REFLECTORB_LOG(3, kSource, "closing the channel of 0x%08X with 0x%08X: %s", ownId_.value(),
-                   peer_.value(), what);
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "closing the channel of 0x%08X with 0x%08X: %s",
+                           ownId_.value(), peer_.value(), what);
+    bool const gone = goneSeen_;
     close(Unread::GiveBack);
+    if (gone)
+        receiver_->dismiss(*this);
 }
 
 /** Closes the connection, if there is one. With GiveBack, what has not reached the peer goes back
@@ -358,7 +421,7 @@ void Channel::closeForGarbage(char const* what) {
 void Channel::close(Unread unread) {
     receiver_->makeCold(*this);
     MessageQueue back;
-    Descriptor socket;
+    OpenSocket socket;
     bool again = false;
     {
         OSWrap::Lock<> lock(mutex_);
@@ -372,37 +435,41 @@ void Channel::close(Unread unread) {
         frontDone_ = 0;
         spaceAsked_ = growthFailed_ = false;
         peerBell_ = -1;
-        socket = std::exchange(socket_, Descriptor());
+        socket = std::exchange(socket_, OpenSocket());
         if (state_ != State::Gone) {
             again = !queue_.empty();
             state_ = again ? State::Wanted : State::Idle;
         }
     }
-    if (socket.valid()) {
-        receiver_->unwatch(socket.get());
-        ::shutdown(socket.get(), SHUT_RDWR);  // a forked child may hold a copy
-    }
-    if (own_.bell.valid())
-        receiver_->unwatch(own_.bell.get());
+    receiver_->unwatch(socket.get());
+    receiver_->unwatch(own_.bell.get());
     reader_.reset();
     own_ = OwnSide();
     peerSide_ = PeerSide();
-    nextRings_.clear();
-    ended_ = leftSeen_ = byeSeen_ = garbageSeen_ = false;
+    forgetPackets();
     idleLooks_ = 0;
     receiver_->giveBack(back);
     if (again)
         receiver_->request(*this);
+    if (std::optional<Greeting> next = std::exchange(greeting_, std::nullopt))
+        answerHello(std::move(next->socket), std::move(next->hello));
+}
+
+/** What has come over a connection is over with it. */
+void Channel::forgetPackets() {
+    nextRings_.clear();
+    endingFrom_.reset();
+    awaitsRing_ = starved_ = false;
+    ended_ = leftSeen_ = byeSeen_ = garbageSeen_ = false;
+    leaving_ = saysLeft_ = goneSeen_ = false;
 }
 
 /** The peer has gone: takes in its last messages, gives back what it will never take. */
 void Channel::clearUpGone() {
-    if (connected() && reader_.has_value()) {
+    goneSeen_ = true;
+    if (connected() && reader_.has_value() && !starved_)
         readPackets();
-        readAll();
-    }
-    close(Unread::GiveBack);
-    receiver_->dismiss(*this);
+    react();
 }
 
 std::size_t Channel::shutDown() {

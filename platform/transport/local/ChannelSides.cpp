@@ -21,6 +21,7 @@ OwnSide OwnSide::make() {
     side.control = Mapping::of(fd, 0, sizeof(ControlPage), Mapping::Access::ReadWrite);
     side.ring.capacity = kSmallestRing;
     side.ring.mapping = Mapping::of(fd, kRingOffset, kSmallestRing, Mapping::Access::ReadWrite);
+    side.ring.starts = FrameStarts(kSmallestRing);
     if (side.control.valid())
         new (side.control.data()) ControlPage{};
     sealWriting(fd);
@@ -34,11 +35,12 @@ PeerSide PeerSide::of(ReceivedPacket& received) {
         !isSealedFile(received.file.get(), kRingOffset + capacity) ||
         !takeDoorBell(received.bell.get()))
         return {};
-    int const fd = received.file.get();
+    Descriptor const file(received.file.release());
+    int const fd = file.get();
     side.control = Mapping::of(fd, 0, sizeof(ControlPage), Mapping::Access::ReadOnly);
     side.ring.capacity = capacity;
     side.ring.mapping = Mapping::of(fd, kRingOffset, capacity, Mapping::Access::ReadOnly);
-    side.bell = std::move(received.bell);
+    side.bell = Descriptor(received.bell.release());
     return side;
 }
 

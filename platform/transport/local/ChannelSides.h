@@ -14,7 +14,9 @@ struct OwnSide {
     Mapping control;
     RingArea ring;
 
-    bool valid() const { return bell.valid() && control.valid() && ring.mapping.valid(); }
+    bool valid() const {
+        return bell.valid() && control.valid() && ring.mapping.valid() && ring.starts.valid();
+    }
     ControlPage& page() const { return *reinterpret_cast<ControlPage*>(control.data()); }
     static OwnSide make();
 };

@@ -1,6 +1,8 @@
 #include "platform/transport/local/Descriptor.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +15,27 @@ namespace {
 constexpr char const* kSource = "Descriptor";
 constexpr rlim_t kEnoughDescriptors = 65'536;
 
+constexpr int kMostAsked = 8;
+
+bool canHave(int fd, int count) {
+    Descriptor copies[kMostAsked];
+    for (int i = 0; i < count; ++i) {
+        copies[i] = Descriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        if (!copies[i].valid())
+            return false;
+    }
+    return true;
+}
+
 }  // namespace
+
+void closeAtOnce(int fd) {
+    ::close(fd);
+}
+
+bool descriptorsLeft(int fd, int count) {
+    return canHave(fd, count) || (raiseDescriptorLimit() && canHave(fd, count));
+}
 
 bool raiseDescriptorLimit() {
     struct rlimit limit {};

@@ -10,14 +10,19 @@ namespace Transport {
 namespace {
 
 constexpr std::size_t kMostDescriptors = 2;
+/** The kernel takes no more with one packet. We take them all in: those that found no room here
+ * would be closed by the kernel in our name, which can block. */
+constexpr std::size_t kMostPassed = 253;
 
+template <std::size_t Count>
 union ControlBuffer {
     cmsghdr aligned;
-    unsigned char bytes[CMSG_SPACE(kMostDescriptors * sizeof(int))];
+    unsigned char bytes[CMSG_SPACE(Count * sizeof(int))];
 };
 
-/** Takes ownership of all descriptors that came with a message. */
-void collectDescriptors(msghdr& message, ReceivedPacket& received) {
+/** Takes ownership of all descriptors that came with a message; false when there are too many. */
+bool collectDescriptors(msghdr& message, ReceivedPacket& received) {
+    bool allExpected = true;
     for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr;
          head = CMSG_NXTHDR(&message, head)) {
         if (head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS)
@@ -26,19 +31,64 @@ void collectDescriptors(msghdr& message, ReceivedPacket& received) {
         for (std::size_t i = 0; i < count; ++i) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(head) + i * sizeof(int), sizeof fd);
-            Descriptor owned(fd);
+            PassedDescriptor owned(fd);
             if (!received.file.valid())
                 received.file = std::move(owned);
             else if (!received.bell.valid())
                 received.bell = std::move(owned);
+            else
+                allExpected = false;
         }
     }
+    return allExpected;
 }
 
 bool makesSense(Packet const& packet, ssize_t length, int flags) {
     return length == static_cast<ssize_t>(sizeof packet) && packet.magic == kMagic &&
            packet.version == kProtocolVersion && packet.layoutCheck == kLayoutCheck &&
-           (flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+           (flags & MSG_TRUNC) == 0;
+}
+
+Transfer failure() {
+    return errno == EAGAIN || errno == EINTR || errno == ENOMEM || errno == ENOBUFS
+               ? Transfer::Later
+               : Transfer::Closed;
+}
+
+/** As peekPacket; `passes`: descriptors come with it. */
+Transfer peek(int socket, Packet& packet, bool& passes) {
+    iovec part{&packet, sizeof packet};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_PEEK);
+    if (length < 0)
+        return failure();
+    passes = (message.msg_flags & MSG_CTRUNC) != 0;
+    if (length == 0 && !passes)
+        return Transfer::Closed;
+    return makesSense(packet, length, message.msg_flags) ? Transfer::Done : Transfer::Garbage;
+}
+
+/** The packet that has been looked at. */
+Transfer take(int socket, ReceivedPacket& received) {
+    iovec part{&received.packet, sizeof received.packet};
+    ControlBuffer<kMostPassed> control{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.bytes;
+    message.msg_controllen = sizeof control.bytes;
+    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (length < 0)
+        return failure();
+    bool const allExpected = collectDescriptors(message, received);
+    if (length == 0 && message.msg_controllen == 0)
+        return Transfer::Closed;
+    return allExpected && (message.msg_flags & MSG_CTRUNC) == 0 &&
+                   makesSense(received.packet, length, message.msg_flags)
+               ? Transfer::Done
+               : Transfer::Garbage;
 }
 
 }  // namespace
@@ -49,7 +99,7 @@ Transfer sendPacket(int socket, Packet const& packet, int file, int bell) {
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    ControlBuffer control{};
+    ControlBuffer<kMostDescriptors> control{};
     int const descriptors[kMostDescriptors] = {file, bell};
     std::size_t const count = file < 0 ? 0 : bell < 0 ? 1 : 2;
     if (count > 0) {
@@ -63,29 +113,31 @@ Transfer sendPacket(int socket, Packet const& packet, int file, int bell) {
     }
     if (::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
         return Transfer::Done;
-    return errno == EAGAIN || errno == ENOBUFS || errno == ETOOMANYREFS ? Transfer::Later
-                                                                        : Transfer::Closed;
+    // ETOOMANYREFS: too many descriptors of this user are on their way somewhere.
+    return errno == ETOOMANYREFS ? Transfer::Later : failure();
+}
+
+Transfer peekPacket(int socket, Packet& packet) {
+    bool passes = false;
+    return peek(socket, packet, passes);
 }
 
 Transfer receivePacket(int socket, ReceivedPacket& received) {
     received = ReceivedPacket{};
-    iovec part{&received.packet, sizeof received.packet};
-    ControlBuffer control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.bytes;
-    message.msg_controllen = sizeof control.bytes;
-    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (length < 0)
-        return errno == EAGAIN || errno == EINTR ? Transfer::Later : Transfer::Closed;
-    collectDescriptors(message, received);
-    if (length == 0 && message.msg_controllen == 0)
-        return Transfer::Closed;
-    if ((message.msg_flags & MSG_CTRUNC) != 0)
-        raiseDescriptorLimit();
-    return makesSense(received.packet, length, message.msg_flags) ? Transfer::Done
-                                                                  : Transfer::Garbage;
+    bool passes = false;
+    Transfer const seen = peek(socket, received.packet, passes);
+    if (seen != Transfer::Done)
+        return seen;
+    if (passes && !descriptorsLeft(socket, kMostDescriptors))
+        return Transfer::Exhausted;
+    return take(socket, received);
+}
+
+void dropPackets(int socket) {
+    for (Transfer taken = Transfer::Done; taken == Transfer::Done || taken == Transfer::Garbage;) {
+        ReceivedPacket received;
+        taken = take(socket, received);
+    }
 }
 
 bool peerIdentity(int socket, PeerIdentity& identity) {

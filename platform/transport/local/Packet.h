@@ -61,17 +61,29 @@ constexpr std::uint32_t kLayoutCheck =
 
 /** A packet with the descriptors that came with it, those absent invalid. */
 struct ReceivedPacket {
-    Packet packet;
-    Descriptor file;
-    Descriptor bell;
+    Packet packet{};
+    PassedDescriptor file;
+    PassedDescriptor bell;
 };
 
-enum class Transfer { Done, Later, Closed, Garbage };
+enum class Transfer {
+    Done,
+    Later,      // nothing has come, or nothing can be sent now
+    Exhausted,  // what has come brings descriptors, and this process has none left: it waits there
+    Closed,
+    Garbage,
+};
 
 /** Sends one packet and up to two descriptors (-1: none). Never blocks and raises no signal. */
 Transfer sendPacket(int socket, Packet const& packet, int file = -1, int bell = -1);
-/** Receives one packet of right size, magic, version and layout. Never blocks. */
+/** Looks at the next packet of right size, magic, version and layout, and leaves it there with all
+ * that it brings. Never blocks. */
+Transfer peekPacket(int socket, Packet& packet);
+/** Receives one packet of right size, magic, version and layout; only from whom `peerIdentity` has
+ * proved to be one of us, since it takes in descriptors. Never blocks. */
 Transfer receivePacket(int socket, ReceivedPacket& received);
+/** Empties a socket that has been shut down. May block. */
+void dropPackets(int socket);
 
 /** The process at the other end of a unix socket, as the kernel knows it. */
 struct PeerIdentity {

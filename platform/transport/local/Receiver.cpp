@@ -266,8 +266,7 @@ bool Receiver::serveChannels() {
 }
 
 void Receiver::deliver(AddressedMessage const& message) {
-    if (!stopping())
-        owner_->receive(message);
+    owner_->receive(message);
 }
 
 // ---- Messages within the process ---------------------------------------------------------------

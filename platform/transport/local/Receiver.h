@@ -53,8 +53,10 @@ public:
     void giveBack(MessageQueue& messages);
     /** Has the thread call the channel's `service`. */
     void request(Channel& channel);
-    /** Whether the termination may still send. */
-    bool sending() const { return sending_.load(std::memory_order_relaxed); }
+    /** Whether the termination may still send. Ordered with the count of what waits: whoever takes
+     * the last message out and whoever waits for that after `refuseSending` never miss each other.
+     */
+    bool sending() const { return sending_.load(); }
     void refuseSending() { sending_.store(false); }
     /** Counts messages that wait in a channel's queue. */
     void unsentMore() { unsent_.fetch_add(1); }
@@ -73,7 +75,8 @@ public:
 
     // ---- Receiving thread ----
     bool stopping() const { return stopping_.load(); }
-    /** Hands the message to the termination, unless it is stopping. */
+    /** Hands the message to the termination. The thread has seen just before that it is not
+     * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
     void deliver(AddressedMessage const& message);
     void enrol(Channel& channel);
     void dismiss(Channel& channel);
@@ -104,7 +107,7 @@ private:
     void shutDownChannels();
 
     TerminationId const id_;
-    TerminationImpl* const owner_;  // not touched once stopping_ is set
+    TerminationImpl* const owner_;  // a callback begins only while stopping_ is not set
     std::atomic<bool> sending_{true};
     std::atomic<bool> stopping_{false};
     std::atomic<unsigned long> threadId_{0};

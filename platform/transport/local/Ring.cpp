@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace Transport {
 namespace {
@@ -31,6 +32,28 @@ bool before(std::uint32_t a, std::uint32_t b) {
 }
 
 }  // namespace
+
+// ---- The record of frames -------------------------------------------------------------------
+
+FrameStarts::FrameStarts(std::uint32_t capacity)
+    : words_(new (std::nothrow) std::uint32_t[capacity / 8 / 32]()), mask_(capacity / 8 - 1) {}
+
+void FrameStarts::note(std::uint32_t position, std::uint32_t bytes) {
+    std::uint32_t const index = position / 8;
+    clear(index, bytes / 8);
+    words_[(index & mask_) / 32] |= 1u << index % 32;
+}
+
+void FrameStarts::clear(std::uint32_t index, std::uint32_t count) {
+    while (count != 0) {
+        std::uint32_t const bit = index % 32;
+        std::uint32_t const taken = std::min(count, 32 - bit);
+        std::uint32_t const bits = ~0u >> (32 - taken) << bit;
+        words_[(index & mask_) / 32] &= ~bits;
+        index += taken;
+        count -= taken;
+    }
+}
 
 // ---- Sending end ---------------------------------------------------------------------------
 
@@ -70,6 +93,7 @@ void RingWriter::writeFrame(unsigned char const* bytes, std::uint32_t length, st
     FrameHead const head{length, total};
     copyIn(area_, tail_, &head, sizeof head);
     copyIn(area_, tail_ + static_cast<std::uint32_t>(sizeof head), bytes, length);
+    area_.starts.note(tail_, frameBytes(length));
     tail_ += frameBytes(length);
     own_.tail.store(tail_);
 }
@@ -131,40 +155,58 @@ void RingWriter::forgetTaken() {
         former_.pop_front();
 }
 
-RingArea const& RingWriter::areaAt(std::uint32_t position) const {
+/** The ring that a position lies in, and the position behind its last frame. */
+RingArea const& RingWriter::areaAt(std::uint32_t position, std::uint32_t& end) const {
     for (Former const& former : former_)
-        if (before(position, former.end))
+        if (before(position, former.end)) {
+            end = former.end;
             return former.area;
+        }
+    end = tail_;
     return area_;
 }
 
-bool RingWriter::recoverFrame(std::uint32_t& position, MessageQueue& queue,
-                              std::uint32_t originator, std::uint32_t destination) const {
-    RingArea const& area = areaAt(position);
+/** Of the one that the position lies in. A peer that says that it stands in the middle of a frame
+ * has not taken that one. */
+std::uint32_t RingWriter::startOfFrame(std::uint32_t position) const {
+    std::uint32_t end = 0;
+    RingArea const& area = areaAt(position, end);
+    std::uint32_t start = position;
+    while (!area.starts.at(start) && end - start < area.capacity)
+        start -= 8;
+    return area.starts.at(start) ? start : end;
+}
+
+/** The message in the frame at `position`, if it is a whole one, and goes on to the next frame. */
+AddressedMessage RingWriter::recoverFrame(std::uint32_t& position) const {
+    std::uint32_t end = 0;
+    RingArea const& area = areaAt(position, end);
+    std::uint32_t const start = position;
+    do
+        position += 8;
+    while (position != end && !area.starts.at(position));
     FrameHead head{};
-    copyFrom(area, position, &head, sizeof head);
-    std::uint32_t const left = tail_ - position;
-    if (head.length > left || frameBytes(head.length) > left)
-        return false;  // the peer's head stood in the middle of a frame
-    if (head.total == head.length) {
-        AddressedMessage message = allocateUninitialized(head.length);
-        if (!message.empty()) {
-            copyFrom(area, position + static_cast<std::uint32_t>(sizeof head), message.buf(),
-                     head.length);
-            message.originator(originator);
-            message.destination(destination);
-            queue.push(std::move(message));
-        }
-    }
-    position += frameBytes(head.length);
-    return true;
+    copyFrom(area, start, &head, sizeof head);
+    // Where the kernel cannot seal memory against it, the peer may have overwritten the head.
+    if (head.total != head.length || head.length > position - start - sizeof head)
+        return {};
+    AddressedMessage message = allocateUninitialized(head.length);
+    if (!message.empty())
+        copyFrom(area, start + static_cast<std::uint32_t>(sizeof head), message.buf(), head.length);
+    return message;
 }
 
 void RingWriter::recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination) {
     refreshHead();
     forgetTaken();
-    std::uint32_t position = head_;
-    while (position != tail_ && recoverFrame(position, queue, originator, destination)) {
+    std::uint32_t position = head_ == tail_ ? tail_ : startOfFrame(head_);
+    while (position != tail_) {
+        AddressedMessage message = recoverFrame(position);
+        if (message.empty())
+            continue;
+        message.originator(originator);
+        message.destination(destination);
+        queue.push(std::move(message));
     }
     for (Kept& kept : kept_)
         queue.push(std::move(kept.message));
@@ -194,7 +236,7 @@ RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
         if (head.length != 0 || partTotal_ != 0)
             return Result::Garbage;
         head_ += static_cast<std::uint32_t>(sizeof head);
-        own_.head.store(head_, std::memory_order_release);
+        keep();
         return Result::NextRing;
     }
     if (head.total > kLargestMessage || head.length > head.total ||
@@ -222,9 +264,11 @@ RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage&
                 head.length);
     partDone_ += head.length;
     head_ += frameBytes(head.length);
-    own_.head.store(head_, std::memory_order_release);
-    if (partDone_ < partTotal_)
+    if (partDone_ < partTotal_) {
+        keep();
         return Result::Piece;
+    }
+    lastFrame_ = frameBytes(head.length);
     partTotal_ = 0;
     message = std::exchange(partial_, AddressedMessage());
     return Result::Message;

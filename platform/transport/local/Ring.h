@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 
 #include "platform/transport/MessageQueue.h"
 #include "platform/transport/local/SharedMemory.h"
@@ -69,10 +70,37 @@ constexpr std::uint32_t frameBytes(std::size_t length) {
     return static_cast<std::uint32_t>(sizeof(FrameHead) + ((length + 7) & ~std::size_t{7}));
 }
 
+/**
+ * Where frames begin in a ring, one bit for each 8 bytes: the owner's own record, which nobody else
+ * can reach. What lies in the ring itself are bytes of all ages and senders. A resource that can be
+ * moved.
+ */
+class FrameStarts {
+public:
+    FrameStarts() = default;
+    /** Of a ring of so many bytes; invalid when memory has run out. */
+    explicit FrameStarts(std::uint32_t capacity);
+
+    bool valid() const { return words_ != nullptr; }
+    /** A frame of so many bytes lies at `position`, and none that lay there before. */
+    void note(std::uint32_t position, std::uint32_t bytes);
+    bool at(std::uint32_t position) const {
+        std::uint32_t const index = position / 8 & mask_;
+        return (words_[index / 32] >> index % 32 & 1) != 0;
+    }
+
+private:
+    void clear(std::uint32_t index, std::uint32_t count);
+
+    std::unique_ptr<std::uint32_t[]> words_;
+    std::uint32_t mask_ = 0;  // of the indices of bits
+};
+
 /** The bytes of one ring, mapped. */
 struct RingArea {
     Mapping mapping;
     std::uint32_t capacity = 0;
+    FrameStarts starts;  // in the sender's rings
 };
 
 /**
@@ -108,7 +136,8 @@ public:
     bool allTaken();
     /** The peer's words made no sense: the channel must be closed. */
     bool broken() const { return broken_; }
-    /** Copies all messages that the peer has not taken, completely, to `queue`. */
+    /** Copies all messages that the peer has not taken, completely, to `queue`. Believes the peer
+     * only how far it has come, and goes by what was put in for the rest. */
     void recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination);
 
 private:
@@ -125,9 +154,9 @@ private:
     void refreshHead();
     void forgetTaken();
     void writeFrame(unsigned char const* bytes, std::uint32_t length, std::uint32_t total);
-    RingArea const& areaAt(std::uint32_t position) const;
-    bool recoverFrame(std::uint32_t& position, MessageQueue& queue, std::uint32_t originator,
-                      std::uint32_t destination) const;
+    RingArea const& areaAt(std::uint32_t position, std::uint32_t& end) const;
+    std::uint32_t startOfFrame(std::uint32_t position) const;
+    AddressedMessage recoverFrame(std::uint32_t& position) const;
 
     ControlPage& own_;
     ControlPage const& peer_;
@@ -156,7 +185,11 @@ public:
 
     RingReader(ControlPage& own, ControlPage const& peer, RingArea area);
 
+    /** A message is the sender's until `keep` is called; before `next` is called again. */
     Result next(AddressedMessage& message);
+    void keep() { own_.head.store(head_, std::memory_order_release); }
+    /** Leaves the last message to its sender. Nothing can be read any more. */
+    void leave() { head_ -= lastFrame_; }
     void goOnIn(RingArea area) { area_ = std::move(area); }
 
     bool hasData() const { return peer_.tail.load() != head_; }
@@ -178,7 +211,8 @@ private:
     ControlPage const& peer_;
     RingArea area_;
     std::uint32_t head_ = 0;
-    std::uint32_t tail_ = 0;  // as last read from the peer
+    std::uint32_t tail_ = 0;       // as last read from the peer
+    std::uint32_t lastFrame_ = 0;  // bytes of it
     std::uint32_t sleepCount_ = 0;
     std::uint32_t lastWant_ = 0;
     AddressedMessage partial_;     // being put together; empty when there was no memory

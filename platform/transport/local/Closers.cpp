@@ -1,0 +1,196 @@
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <new>
+
+#include "oswrap/ConditionVar.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "platform/transport/DelayedLog.h"
+#include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/Fork.h"
+#include "platform/transport/local/Packet.h"
+
+namespace Transport {
+namespace {
+
+constexpr char const* kSource = "Descriptor";
+constexpr int kMostThreads = 8;
+constexpr std::size_t kMostWaiting = 1024;
+constexpr std::size_t kBehind = 256;
+/** A thread without work ends after so long, in nanoseconds. */
+constexpr long long kIdle = 500'000'000;
+
+/** Something to be closed by somebody who may wait for it. */
+struct Doomed {
+    int fd;
+    bool socket;  // of our own, and others may have put descriptors into it
+};
+
+/** What has come in on a socket of ours, and whoever has connected to it, on their way out. */
+void empty(int socket) {
+    for (int fd = 0; fd >= 0;) {
+        fd = ::accept4(socket, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        OpenSocket const closed(fd);
+    }
+    dropPackets(socket);
+}
+
+void close(Doomed const& doomed) {
+    if (doomed.socket) {
+        empty(doomed.fd);
+    } else {
+        // Most who make us wait do it by a connection that lingers.
+        struct linger const off{};
+        ::setsockopt(doomed.fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+    }
+    ::close(doomed.fd);
+}
+
+/**
+ * The threads that close what others could make a thread wait for. They are started when there is
+ * work that none is free for, and end when there is none. However many of them are held up, what
+ * they are given stays bounded, since a receiving thread that finds them behind takes nobody in.
+ * One per process, never destroyed.
+ */
+class Closers {
+public:
+    static Closers& instance() {
+        static Closers& closers = *new Closers;
+        return closers;
+    }
+
+    void take(Doomed doomed);
+    bool behind() {
+        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+        return count_ >= kBehind;
+    }
+
+private:
+    class ClosingThread;
+
+    bool push(Doomed doomed, bool& start);
+    bool pop(Doomed& doomed, bool& start);
+    bool needsThread() OSW_REQUIRES(change_);
+    void startThread();
+    void run();
+
+    OSWrap::ConditionVar change_;  // a leaf: signalled when something was put in
+    // A ring, so that closing needs no memory.
+    std::array<Doomed, kMostWaiting> waiting_ OSW_GUARDED_BY(change_);
+    std::size_t first_ OSW_GUARDED_BY(change_) = 0;
+    std::size_t count_ OSW_GUARDED_BY(change_) = 0;
+    int threads_ OSW_GUARDED_BY(change_) = 0;
+    int idle_ OSW_GUARDED_BY(change_) = 0;  // of them
+};
+
+/** Deletes itself when there has been nothing to do for a while. */
+class Closers::ClosingThread : public OSWrap::Thread {
+public:
+    ClosingThread()
+        : Thread("TrCloser", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), 64 * 1024, true) {
+        deleteOnThreadTermination();
+    }
+
+protected:
+    int run() override {
+        instance().run();
+        return 0;
+    }
+};
+
+/** Whether one more thread is to be started; it counts from now on. */
+bool Closers::needsThread() {
+    bool const needed = count_ > static_cast<std::size_t>(idle_) && threads_ < kMostThreads;
+    threads_ += needed ? 1 : 0;
+    return needed;
+}
+
+bool Closers::push(Doomed doomed, bool& start) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    if (count_ == kMostWaiting)
+        return false;
+    waiting_[(first_ + count_++) % kMostWaiting] = doomed;
+    start = needsThread();
+    change_.signal();
+    return true;
+}
+
+void Closers::take(Doomed doomed) {
+    bool start = false;
+    if (!push(doomed, start)) {
+        // Better one descriptor too many than a thread that others wait for.
+        static Logging::LineLimit limit;
+        TRANSPORT_LOG_LIMITED(limit, 3, kSource, "descriptor %d stays open: closing others hangs",
+                              doomed.fd);
+        return;
+    }
+    if (start)
+        startThread();
+}
+
+/** Without one, what waits is closed when the next one can be started. */
+void Closers::startThread() {
+    auto* const thread = new (std::nothrow) ClosingThread;
+    if (thread != nullptr && thread->startQuietly() == 0)
+        return;
+    delete thread;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    --threads_;
+}
+
+/** Waits for work; false when there has been none for a while, and the thread is no longer counted.
+ */
+bool Closers::pop(Doomed& doomed, bool& start) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    while (count_ == 0) {
+        ++idle_;
+        bool const woken = change_.wait(OSWrap::TimeSpec(0, kIdle));
+        --idle_;
+        if (woken || count_ != 0)
+            continue;
+        --threads_;
+        return false;
+    }
+    doomed = waiting_[first_];
+    first_ = (first_ + 1) % kMostWaiting;
+    --count_;
+    start = needsThread();
+    return true;
+}
+
+void Closers::run() {
+    Doomed doomed{};
+    bool start = false;
+    while (pop(doomed, start)) {
+        if (start)
+            startThread();
+        close(doomed);
+    }
+}
+
+}  // namespace
+
+void closePassed(int fd) {
+    if (inForkedChild())
+        ::close(fd);
+    else
+        Closers::instance().take({fd, false});
+}
+
+void closeSocket(int fd) {
+    if (inForkedChild()) {  // the parent has it still
+        ::close(fd);
+        return;
+    }
+    ::shutdown(fd, SHUT_RDWR);
+    Closers::instance().take({fd, true});
+}
+
+bool closersBehind() {
+    return Closers::instance().behind();
+}
+
+}  // namespace Transport
