@@ -2,7 +2,7 @@
 // workers.
 #include <new>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Thread.h"
 #include "reflect/OngoingRequest.h"
 #include "reflect/ReflectWorker.h"
@@ -20,9 +20,11 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
     if (parts_->receivingThreadId.load(std::memory_order_relaxed) != thread)
         parts_->receivingThreadId.store(thread, std::memory_order_relaxed);
     if (addressed.size() < kShortestMessage) {
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X drops message of %lu bytes from 0x%08X",
-                       termId().value(), static_cast<unsigned long>(addressed.size()),
-                       addressed.originator().value());
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_orb",
+                               "ORB 0x%08X drops message of %lu bytes from 0x%08X",
+                               termId().value(), static_cast<unsigned long>(addressed.size()),
+                               addressed.originator().value());
         return true;
     }
     TreflectMessage const message(addressed);

@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -39,16 +41,72 @@ Transfer waitForPacket(int fd, ReceivedPacket& received) {
     return waitReadable(fd) ? receivePacket(fd, received) : Transfer::Later;
 }
 
-/** Bells, of which each channel has its own. */
-std::size_t openBells() {
+std::size_t openDescriptors(std::string const& kind) {
     std::size_t count = 0;
     for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
-        if (std::filesystem::read_symlink(entry.path(), gone) == "anon_inode:[eventfd]")
-            ++count;
+        std::string const name = std::filesystem::read_symlink(entry.path(), gone).string();
+        count += name.compare(0, kind.size(), kind) == 0 ? 1 : 0;
     }
     return count;
 }
+
+/** Bells, of which each channel has its own. */
+std::size_t openBells() {
+    return openDescriptors("anon_inode:[eventfd]");
+}
+
+/** A connection whose closing waits, for an hour, for what has been sent to be read. */
+class LingeringConnection {
+public:
+    LingeringConnection() {
+        Descriptor const listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* const where = reinterpret_cast<sockaddr*>(&address);
+        socklen_t length = sizeof address;
+        ::bind(listening.get(), where, length);
+        ::listen(listening.get(), 1);
+        ::getsockname(listening.get(), where, &length);
+        waiting_ = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ::connect(waiting_.get(), where, length);
+        deaf_ = Descriptor(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        struct linger const hour{1, 3600};
+        ::setsockopt(waiting_.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour);
+        std::vector<char> const bytes(1 << 16);
+        while (::send(waiting_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0)
+            sent_ = true;
+    }
+    bool works() const { return deaf_.valid() && sent_; }
+    int get() const { return waiting_.get(); }
+    /** Whoever else has it is the last. */
+    void letGo() { waiting_.reset(); }
+
+private:
+    Descriptor waiting_;
+    Descriptor deaf_;
+    bool sent_ = false;
+};
+
+/** Takes all descriptors that this process may still have. */
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &former_);
+        rlimit const low{256, 256};
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd = 0; fd >= 0;) {
+            fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+            taken_.emplace_back(fd);
+        }
+    }
+    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &former_); }
+
+private:
+    rlimit former_{};
+    std::vector<Descriptor> taken_;
+};
 
 /**
  * A peer that speaks the protocol by hand, and badly if told to. It owns a real entry of the
@@ -81,8 +139,11 @@ public:
     Packet packet(Packet::Kind kind, std::uint32_t capacity = 0) const {
         return {kMagic, kProtocolVersion, kind, id_.value(), to_.value(), kLayoutCheck, capacity};
     }
+    void hangUp() { socket_ = Descriptor(); }
+    void prepare() { own_ = OwnSide::make(); }
     void sayHello() {
-        own_ = OwnSide::make();
+        if (!own_.valid() || !own_.file.valid())
+            prepare();
         sendPacket(socket_.get(), packet(Packet::Hello, kSmallestRing), own_.file.get(),
                    own_.bell.get());
     }
@@ -172,6 +233,12 @@ TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
         EXPECT_TRUE(peer.isDropped());
     }
     EXPECT_TRUE(log_.waitFor("it sent nonsense", nonsense.size()));
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        ::send(peer.socket(), "hello", 5, 0);
+        EXPECT_TRUE(peer.isDropped());
+    }
+    EXPECT_LT(log_.count("it sent nonsense"), 50u) << "at will";
     expectThatAGoodOneIsWelcome();
 }
 
@@ -328,6 +395,111 @@ TEST_F(HandshakeTest, APeerThatMakesItsBellBlockHoldsUpNobody) {
     }
     EXPECT_TRUE(own_.waitForReceived(3));
     expectThatAGoodOneIsWelcome();
+}
+
+/** Passes a descriptor to the termination in its own way. */
+using Pass = std::function<void(HandMadePeer&, int)>;
+
+TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
+    std::vector<Pass> const ways = {
+        [](HandMadePeer& peer, int fd) {  // by a stranger
+            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
+            packet.version = 77;
+            sendPacket(peer.socket(), packet, fd);
+        },
+        [](HandMadePeer& peer, int fd) {  // and never read
+            ::send(peer.socket(), "x", 1, 0);
+            sendPacket(peer.socket(), peer.packet(Packet::Hello), fd);
+        },
+        [](HandMadePeer& peer, int fd) {  // in another's name
+            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
+            packet.from = 0x03010ABC;
+            sendPacket(peer.socket(), packet, fd, fd);
+        },
+        [](HandMadePeer& peer, int fd) {  // by a peer
+            sendPacket(peer.socket(), peer.packet(Packet::Hello, kSmallestRing), fd, fd);
+        },
+        [](HandMadePeer& peer, int fd) {
+            peer.sayHello();
+            ASSERT_TRUE(peer.isWelcome());
+            sendPacket(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), fd);
+        },
+    };
+    for (Pass const& pass : ways) {
+        LingeringConnection connection;
+        ASSERT_TRUE(connection.works());
+        HandMadePeer peer;
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        pass(peer, connection.get());
+        connection.letGo();
+        EXPECT_TRUE(peer.isDropped());
+        expectThatAGoodOneIsWelcome();
+    }
+    std::size_t const ownSocket = 1;
+    EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") <= ownSocket; }))
+        << "something has stayed open";
+}
+
+TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
+    HandMadePeer peer;
+    peer.prepare();
+    std::size_t const before = openDescriptors("socket:");
+    ASSERT_TRUE(peer.connect(own_.termId()));
+    ASSERT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") == before + 2; }));
+    {
+        NoDescriptors const none;
+        peer.sayHello();
+        EXPECT_TRUE(log_.waitFor("has no descriptor left to accept a connection"));
+    }
+    ASSERT_TRUE(peer.isWelcome());
+    Descriptor const file = makeSealedFile(kUsualRing);  // the bytes in it are frames of nothing
+    {
+        NoDescriptors const none;
+        sendPacket(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), file.get());
+        peer.ring({0, kNextRing}, 24);
+        EXPECT_TRUE(log_.waitFor("waits: no descriptor is left"));
+    }
+    EXPECT_TRUE(own_.waitForReceived(2));
+    EXPECT_FALSE(log_.contains("closing the channel"));
+}
+
+/** Does something when so many messages have come from one. */
+class Watching : public TestTermination {
+public:
+    ~Watching() override { stop(); }
+    bool receive(AddressedMessage const& message) override {
+        if (message.originator() == from_ && tally().received == at_)
+            then_();
+        last_ = message.originator();
+        return TestTermination::receive(message);
+    }
+    void at(std::uint32_t count, TerminationId from, std::function<void()> then) {
+        at_ = count;
+        from_ = from;
+        then_ = std::move(then);
+    }
+    TerminationId last() const { return last_; }
+
+private:
+    std::uint32_t at_ = 0;
+    TerminationId from_;
+    std::function<void()> then_;
+    std::atomic<TerminationId> last_;
+};
+
+TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
+    constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
+    HandMadePeer good;
+    HandMadePeer noisy;
+    Watching own;
+    own.at(1000, noisy.id(), [&] { good.ring({0, 0}, 8); });
+    ASSERT_EQ(own.start(), 1);
+    ASSERT_TRUE(good.open(own.termId()));
+    ASSERT_TRUE(noisy.open(own.termId()));
+    noisy.page().tail.store(8 * kMany);  // of nothing each
+    noisy.hangUp();
+    ASSERT_TRUE(own.waitForReceived(kMany + 1));
+    EXPECT_EQ(own.last(), noisy.id()) << "all of them came in one go";
 }
 
 TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {

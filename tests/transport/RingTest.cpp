@@ -94,6 +94,47 @@ TEST_F(RingTest, APieceOfAnotherMessageInBetweenIsSeen) {
     EXPECT_EQ(next(), RingReader::Result::Garbage);
 }
 
+TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
+    // As if the peer had had its own words sent back to it: each looks like the head of a frame
+    // that ends before the tail, but far behind the ring.
+    FrameHead const lie{100'000, 100'000};
+    std::vector<unsigned char> bytes(1000);
+    for (std::size_t i = 0; i < bytes.size(); i += sizeof lie)
+        std::memcpy(bytes.data() + i, &lie, sizeof lie);
+    ASSERT_TRUE(writer_->put(bytes.data(), bytes.size()));
+    Descriptor const larger = makeSealedFile(kUsualRing);
+    RingArea area;
+    area.capacity = kUsualRing;
+    area.mapping = Mapping::of(larger.get(), 0, kUsualRing, Mapping::Access::ReadWrite);
+    area.starts = FrameStarts(kUsualRing);
+    writer_->goOnIn(std::move(area));
+    constexpr std::size_t kMore = 200;
+    for (std::size_t i = 0; i < kMore; ++i)
+        ASSERT_TRUE(put(1000, 7));
+    receiving_.page().head.store(24);
+    MessageQueue back;
+    writer_->recover(back, 1, 2);
+    ASSERT_EQ(back.count(), kMore + 1);
+    for (std::size_t i = 0; i <= kMore; ++i) {
+        AddressedMessage const message = back.pop();
+        ASSERT_EQ(message.size(), 1000u);
+        EXPECT_EQ(message.buf()[999], i == 0 ? bytes[999] : 7);
+    }
+}
+
+TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
+    ASSERT_TRUE(put(100, 1) && put(200, 2));
+    ASSERT_EQ(next(), RingReader::Result::Message);
+    reader_->keep();
+    ASSERT_EQ(next(), RingReader::Result::Message);
+    reader_->leave();
+    reader_->finishBatch();
+    MessageQueue back;
+    writer_->recover(back, 1, 2);
+    ASSERT_EQ(back.count(), 1u);
+    EXPECT_EQ(back.pop().size(), 200u);
+}
+
 TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {
     Descriptor const file = makeSealedFile(8192);
     EXPECT_TRUE(isSealedFile(file.get(), 8192));

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
@@ -324,8 +324,10 @@ bool Receiver::watch(int fd, std::uint32_t token, Source source) {
     event.data.u64 = eventData(token, source);
     if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
         return true;
-    REFLECTORB_LOG(3, kSource, "termination 0x%08X cannot watch a descriptor: errno %d",
-                   id_.value(), errno);
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "termination 0x%08X cannot watch a descriptor: errno %d", id_.value(),
+                           errno);
     return false;
 }
 
