@@ -1,8 +1,8 @@
 #include <deque>
 #include <vector>
 
-#include "handler_threads/TreflectRestoreHandlerState.h"
 #include "logging/Log.h"
+#include "reflect/CallbackScope.h"
 #include "reflect/ContainErrors.h"
 #include "reflect/TreflectObservable.h"
 
@@ -62,7 +62,7 @@ void TreflectObservable::unRegisterObserver(TreflectObserverClient const& client
 bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObject const& source,
                               unsigned int cc, unsigned int mc,
                               TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer) {
-    TreflectRestoreHandlerState const restored;
+    CallbackScope const restored;
     bool alive = false;
     bool const told = containErrors(
         [&] { answer = client.notify(source, cc, mc, arguments, alive); },

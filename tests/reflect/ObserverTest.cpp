@@ -269,6 +269,13 @@ TEST_F(LocalObserver, IsDroppedWhenItThrowsAndTheCallGoesOn) {
     };
     EXPECT_TRUE(client_.set(8));
     EXPECT_TRUE(TreflectORB::hasRunPermission());
+    // One that keeps a level does not have the thread keep the permission wherever it waits.
+    second.react = [] {
+        TreflectORB::getRunPermission();
+        return true;
+    };
+    EXPECT_TRUE(client_.set(9));
+    EXPECT_EQ(TreflectORB::getRunPermissionCount(), 1u);
 }
 
 TEST_F(LocalObserver, WhoIsNoneIsDroppedAndForbidsNothing) {
