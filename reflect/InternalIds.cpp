@@ -1,5 +1,6 @@
 #include "reflect/InternalIds.h"
 
+#include <algorithm>
 #include <iterator>
 #include <limits>
 
@@ -20,8 +21,20 @@ std::uint32_t InternalIds::take(std::uint32_t wanted) {
     return id;
 }
 
-void InternalIds::giveBack(std::uint32_t id) {
-    resting_.push_back({id, registrations_ + kRest + 1});
+// Who returns has mostly left just before.
+bool InternalIds::takeAgain(std::uint32_t id, void const* owner) {
+    auto const last = std::find_if(resting_.rbegin(), resting_.rend(),
+                                   [id](Resting const& resting) { return resting.id == id; });
+    if (last == resting_.rend() || last->owner != owner)
+        return false;
+    resting_.erase(std::prev(last.base()));
+    ++registrations_;
+    endRests();
+    return true;
+}
+
+void InternalIds::giveBack(std::uint32_t id, void const* owner) {
+    resting_.push_back({id, owner, registrations_ + kRest + 1});
 }
 
 void InternalIds::endRests() {

@@ -8,7 +8,8 @@
  * The internal object ids in use in this process, for machines whose addresses are wider than an
  * id. An object asks for the low 32 bits of its address; if that is 0 or taken it gets the next
  * free number above (beyond the highest, the lowest). An id that was given back stays taken for the
- * next 65,536 registrations, so that a stale handle finds nobody rather than a stranger.
+ * next 65,536 registrations, so that a stale handle finds nobody rather than a stranger. The object
+ * that gave it back gets it again when it returns: handles on it, anywhere, are good again.
  *
  * The taken ids are kept as intervals: objects that come and go at the same address, the usual
  * case, cost a few of them. Guarded by the run permission.
@@ -22,12 +23,15 @@ public:
 
     /** Takes an id, `wanted` if possible. */
     std::uint32_t take(std::uint32_t wanted);
-    /** Gives an id back. */
-    void giveBack(std::uint32_t id);
+    /** Takes the id that `owner` had and gave back; false when it is no longer to be had. */
+    bool takeAgain(std::uint32_t id, void const* owner);
+    /** Gives an id back. `owner` is not looked at. */
+    void giveBack(std::uint32_t id, void const* owner);
 
 private:
     struct Resting {
         std::uint32_t id;
+        void const* owner;
         std::uint64_t until;  // number of the registration that may have it again
     };
 

@@ -16,14 +16,25 @@ std::uint32_t suggestedId(TipprmiObjectSkeleton const* object) {
     return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
 }
 
-std::uint32_t takeId(TipprmiObjectSkeleton const& object) {
-    std::uint32_t const suggested = suggestedId(&object);
-    return kAddressIsId ? suggested : InternalIds::instance().take(suggested);
+/** Whether the object has been told an id before: until then it has the number of a namespace. A
+ * new object where another one was does not inherit that one's id. */
+bool hadId(TipprmiObjectSkeleton const& object) {
+    constexpr unsigned int kHighestNamespace = 255;
+    return object.getInternalOID() > kHighestNamespace;
 }
 
-void giveIdBack(std::uint32_t id) {
+std::uint32_t takeId(TipprmiObjectSkeleton const& object) {
+    std::uint32_t const suggested = suggestedId(&object);
+    if (kAddressIsId)
+        return suggested;
+    InternalIds& ids = InternalIds::instance();
+    std::uint32_t const former = object.getInternalOID();
+    return hadId(object) && ids.takeAgain(former, &object) ? former : ids.take(suggested);
+}
+
+void giveIdBack(std::uint32_t id, TipprmiObjectSkeleton const* object) {
     if (!kAddressIsId)
-        InternalIds::instance().giveBack(id);
+        InternalIds::instance().giveBack(id, object);
 }
 
 TipprmiOID ownOid(TipprmiObjectSkeleton const& object) {
@@ -63,7 +74,7 @@ void ObjectRegistry::remove(TipprmiObjectSkeleton const* object) {
     removeFromIndex(id, entry->second);
     byId_.erase(entry);
     displaced_.erase(object);
-    giveIdBack(id);
+    giveIdBack(id, object);
 }
 
 void ObjectRegistry::identifierChanged(TipprmiObjectSkeleton const& object) {
@@ -123,7 +134,7 @@ TipprmiObjectSkeleton* ObjectRegistry::find(TipprmiOID const& oid) const {
 void ObjectRegistry::disown() {
     for (auto const& [id, entry] : byId_) {
         entry.object->setORB(nullptr);
-        giveIdBack(id);
+        giveIdBack(id, entry.object);
     }
     byId_.clear();
     displaced_.clear();

@@ -38,6 +38,18 @@ TEST_F(RegistryTest, objectIsFoundUnderItsNameFromItsConstructionToItsDestructio
     EXPECT_EQ(gone.getServer(), nullptr);
 }
 
+TEST_F(RegistryTest, objectThatReturnsIsWhereItWas) {
+    Probe probe("lamp");
+    Probe const neighbour("mast");
+    unsigned int const id = probe.getInternalOID();
+    probe.connect(nullptr, probe.getOID());
+    EXPECT_EQ(probe.getInternalOID(), id);
+    orb().unregisterObject(&probe);
+    EXPECT_EQ(orb().locateObject(oid("lamp")).getInternalOID(), 0u);
+    orb().registerObject(&probe);
+    EXPECT_EQ(orb().locateObject(oid("lamp")).getInternalOID(), id);
+}
+
 TEST_F(RegistryTest, ofEqualNamesTheLowestIdAnswers) {
     std::vector<std::unique_ptr<Probe>> probes;
     for (int i = 0; i < 20; ++i)
