@@ -52,15 +52,15 @@ bool TreflectObjectStubContainer::comesBefore(TreflectObjectStub const& a,
                                               TreflectObjectStub const& b) {
     char const* const left = a.oid().getIdString();
     char const* const right = b.oid().getIdString();
-    if (!left || !right)
-        return !left && right;
-    return std::strcmp(left, right) < 0;
+    int const order = left && right ? std::strcmp(left, right) : 0;
+    return order != 0 ? order < 0 : a.filedAs_ < b.filedAs_;
 }
 
 void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
     if (!stub)
         return;
     stubs_.emplace(hashOf(keyOf(*stub)), stub);
+    stub->filedAs_ = ++entered_;
     stub->filedServer_ = stub->getServer();
     if (stub->filedServer_)
         local_.emplace(stub->filedServer_, stub);

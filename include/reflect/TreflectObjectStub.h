@@ -165,6 +165,7 @@ private:
     // The server under which the table of stubs has this stub; null when it has it under none.
     // Guarded by the run permission.
     TipprmiObjectSkeleton const* filedServer_ = nullptr;
+    std::uint64_t filedAs_ = 0;  // its number among the entries of that table; guarded likewise
 };
 
 /** Equal identifiers when both have one, else equal in internal id, broker, namespace and server.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <unordered_map>
 
 #include "ipprmi/TipprmiOID.h"
@@ -49,11 +50,12 @@ private:
     static Key keyOf(TreflectObjectLocationIf const& location);
     static std::size_t hashOf(Key const& key);
     static bool answersTo(TreflectObjectStub const& stub, Key const& key);
-    /** Those without identifier come first, then by identifier. */
+    /** By identifier when both have one, else and among equals in the order of their entry. */
     static bool comesBefore(TreflectObjectStub const& a, TreflectObjectStub const& b);
 
-    // Both guarded by the run permission.
+    // All guarded by the run permission.
     Stubs stubs_;
     // Those of local objects once more, so that the end of an object finds them at once.
     LocalStubs local_;
+    std::uint64_t entered_ = 0;  // how many have been put in
 };

@@ -95,6 +95,22 @@ TEST_F(ObjectStubTest, StubsOfOnePlaceAreToldApartAndLeaveTheTable) {
     handler.releaseStub(afresh);
 }
 
+TEST_F(ObjectStubTest, OfEquivalentStubsTheFirstEnteredIsFound) {
+    for (TipprmiOID const& name : {noOid, oid("twin")}) {
+        TreflectObjectStub first(remote(7, name));
+        TreflectObjectStub second(remote(7, name));
+        TreflectObjectStubContainer table;
+        table.insert(&first);
+        table.insert(&second);
+        EXPECT_EQ(table.find(remote(7, name)), &first);
+        table.erase(&first);
+        table.insert(&first);
+        EXPECT_EQ(table.find(remote(7, name)), &second);
+        second.setInvalid();
+        EXPECT_EQ(table.find(remote(7, name)), &first);
+    }
+}
+
 TEST_F(ObjectStubTest, TheEmptyIdentifierGivesTheInvalidStub) {
     TreflectObjectStub* const stub = handler.adoptStub(noOid);
     EXPECT_STREQ(stub->getOID().getIdString(), "InvalidStub");
