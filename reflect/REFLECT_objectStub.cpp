@@ -4,6 +4,7 @@
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
+#include "reflect/StubInUse.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectObjectStub.h"
@@ -282,6 +283,7 @@ void TreflectObjectStub::setExceptionContainer(TipprmiExceptionContainer const& 
         server->setExceptionContainer(container);
         return;
     }
+    StubInUse const inUse(*this);
     TipprmiStream request(TipprmiStream::kUsualSize);
     TipprmiStream response(TipprmiStream::kUsualSize);
     prepareRequestStream_(true, standard::kClass, standard::kSetExceptionContainer, request)
@@ -306,6 +308,7 @@ TipprmiExceptionContainer TreflectObjectStub::getExceptionContainer() const {
     }
     if (TipprmiObjectSkeleton* const server = getServer())
         return server->getExceptionContainer();
+    StubInUse const inUse(*this);
     TipprmiStream request(TipprmiStream::kUsualSize);
     TipprmiStream response(TipprmiStream::kUsualSize);
     prepareRequestStream_(true, standard::kClass, standard::kGetExceptionContainer, request);

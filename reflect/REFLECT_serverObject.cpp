@@ -102,16 +102,19 @@ TreflectObject TreflectServerObject::getParent() const {
     return parent_;
 }
 
-// Copies that look for nothing: the permission is kept, so the children stay what they are.
+// The copy looks for a child that was registered by its identifier before it was there. It is made
+// of a handle that looks for nothing, since the children may change meanwhile, and this object may
+// be destroyed.
 TreflectObject TreflectServerObject::getChild(std::string const& name) const {
     TreflectObject found;
     if (children_) {
         if (auto const child = children_->find(name); child != children_->end())
             found.share_(child->second);
     }
-    return found;
+    return TreflectObject(found);
 }
 
+// Copies that look for nothing: the permission is kept, so the children stay what they are.
 TipprmiSequence<TreflectObject, 0u> TreflectServerObject::getChilds() const {
     TipprmiSequence<TreflectObject, 0u> all;
     if (!children_)
@@ -164,11 +167,8 @@ TipprmiSequence<unsigned int, 0u> TreflectServerObject::getClassIds() const {
 
 bool TreflectServerObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
                                     TipprmiStream& in, TipprmiStream& out) {
-    if (!serveStandard(mc, in, out))
-        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
-    if (in.hasUnmarshallingFailed())
-        in.printUnmarshallError(cc, mc);
-    return true;
+    return serveStandard(mc, in, out) ||
+           TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
 }
 
 bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out) {
@@ -191,14 +191,9 @@ bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, Tip
             prepareResponseStream_(out);
             out << getParent();
             return true;
-        case standard::kGetChild: {
-            std::string name;
-            in >> name;
-            TreflectObject const child = getChild(name);
-            prepareResponseStream_(out);
-            out << child;
+        case standard::kGetChild:
+            serveChild(in, out);
             return true;
-        }
         case standard::kGetChilds:
             prepareResponseStream_(out);
             out << getChilds();
@@ -222,8 +217,21 @@ bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, Tip
     }
 }
 
-// Reading a handle may look for the object that it means, and this one be destroyed meanwhile. Its
-// caller is then answered as one who comes too late.
+// Reading or copying a handle may look for the object that it means, and this one be destroyed
+// meanwhile. Its caller is then answered as one who comes too late.
+
+void TreflectServerObject::serveChild(TipprmiStream& in, TipprmiStream& out) {
+    std::string name;
+    in >> name;
+    Life const life(*this);
+    TreflectObject const child = getChild(name);
+    if (life.ended()) {
+        writeGeneralException(out, TipprmiFailure::kNotServed);
+        return;
+    }
+    prepareResponseStream_(out);
+    out << child;
+}
 
 void TreflectServerObject::serveObserverRegistration(TipprmiStream& in, TipprmiStream& out) {
     unsigned int kind = 0;

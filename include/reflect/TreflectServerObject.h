@@ -68,7 +68,8 @@ public:
     TreflectObject* getClient() const override;
     /** Unconnected when there is none. */
     virtual TreflectObject getParent() const;
-    /** Unconnected when there is none of this name. */
+    /** Unconnected when there is none of this name. One that was registered by its identifier
+     * before it was there is looked for. */
     virtual TreflectObject getChild(std::string const& name) const;
     /** In the order of their names. */
     virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
@@ -128,6 +129,7 @@ private:
     bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     void serveObserverRegistration(TipprmiStream& in, TipprmiStream& out);
     void serveObserverRemoval(TipprmiStream& in, TipprmiStream& out);
+    void serveChild(TipprmiStream& in, TipprmiStream& out);
     void serveChildRegistration(TipprmiStream& in, TipprmiStream& out);
     void keepName(std::string const& name);
     /** Whether a call with class code `cc` may mean an operation that `declaring` declares. */

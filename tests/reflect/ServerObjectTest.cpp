@@ -162,6 +162,12 @@ void expectKeepsChildren(TreflectObject const& parent) {
     parent.unregisterChild("b");
     parent.unregisterChild(longName);
     EXPECT_EQ(parent.getChilds().getLength(), 0u);
+
+    parent.registerChild("late", TreflectObject(oid("late")));
+    EXPECT_FALSE(parent.getChild("late").isConnected());
+    Node const late("late");
+    EXPECT_TRUE(parent.getChild("late").isConnected());
+    parent.unregisterChild("late");
 }
 
 TEST_F(ServerObject, KeepsChildrenInTheOrderOfTheirNames) {
@@ -287,6 +293,7 @@ class LateTarget : public ServerObject, public testing::WithParamInterface<unsig
 
 TEST_P(LateTarget, IsNotTouchedAnyMore) {
     unsigned int const mc = GetParam();
+    TreflectObject const absent = permitted([] { return TreflectObject(oid("nobody")); });
     RawPeer peer(group());
     auto target = permitted([&] { return std::make_unique<Watcher>("target"); });
     unsigned int const ioid = target->getInternalOID();
@@ -294,6 +301,10 @@ TEST_P(LateTarget, IsNotTouchedAnyMore) {
     std::string arguments = unknown;
     if (mc == 1000)
         arguments = wire::bare("00000000 00000001 00000002") + unknown;
+    if (mc == 1104) {
+        permitted([&] { target->registerChild("child", absent); });
+        arguments = wire::text("child");
+    }
     if (mc == 1106)
         arguments = wire::text("child") + unknown;
     if (mc == 0)
@@ -307,6 +318,6 @@ TEST_P(LateTarget, IsNotTouchedAnyMore) {
     EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, LateTarget, testing::Values(0u, 1000u, 1001u, 1106u));
+INSTANTIATE_TEST_SUITE_P(Requests, LateTarget, testing::Values(0u, 1000u, 1001u, 1104u, 1106u));
 
 }  // namespace
