@@ -1,5 +1,7 @@
 #include <cstring>
+#include <set>
 #include <typeinfo>
+#include <utility>
 
 #include "handler_threads/TreflectHandlerState.h"
 #include "ipprmi/StandardMethods.h"
@@ -9,39 +11,87 @@
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectServerObject.h"
 
 namespace {
 
 constexpr char kSource[] = "REFLECT_serverObject";
 
-/** The objects of this process whose absolute names the calling thread is putting together. */
+/**
+ * One question for an object's absolute name. All that are under way in this process are known, so
+ * that an object that is an ancestor of itself does not ask for ever: on one thread, or over other
+ * processes, whose questions come back on other threads. Guarded by the run permission.
+ */
 class NameUnderWay {
 public:
     explicit NameUnderWay(TreflectServerObject const* object)
-        : object_(object), outer_(innermost_) {
+        : object_(object), outer_(innermost_), next_(first_) {
         innermost_ = this;
+        first_ = this;
+        if (next_)
+            next_->previous_ = this;
     }
-    ~NameUnderWay() { innermost_ = outer_; }
+    ~NameUnderWay() {
+        innermost_ = outer_;
+        (previous_ ? previous_->next_ : first_) = next_;
+        if (next_)
+            next_->previous_ = previous_;
+    }
     NameUnderWay(NameUnderWay const&) = delete;
     NameUnderWay& operator=(NameUnderWay const&) = delete;
 
-    /** Whether the object is an ancestor of itself. */
+    /** Whether the calling thread is asking for the same name already. */
     bool isRepeated() const {
         NameUnderWay const* outer = outer_;
         while (outer && outer->object_ != object_)
             outer = outer->outer_;
         return outer;
     }
+    /** Whether another thread is. */
+    bool isAskedElsewhere() const {
+        NameUnderWay const* other = next_;
+        while (other && other->object_ != object_)
+            other = other->next_;
+        return other;
+    }
 
 private:
     static thread_local NameUnderWay const* innermost_;
+    static NameUnderWay* first_;
 
     TreflectServerObject const* const object_;
     NameUnderWay const* const outer_;
+    NameUnderWay* next_;
+    NameUnderWay* previous_ = nullptr;
 };
 
 thread_local NameUnderWay const* NameUnderWay::innermost_ = nullptr;
+NameUnderWay* NameUnderWay::first_ = nullptr;
+
+using Place = std::pair<TreflectOrbId, unsigned int>;
+
+Place placeOf(TreflectObject const& object) {
+    TreflectObjectStub const& stub = *object.getStub_();
+    return {stub.orbId(), stub.getInternalOID()};
+}
+
+/** Whether `place` is among `parent` and its ancestors, which are asked one after the other. */
+bool leadsTo(TreflectObject const& parent, Place const& place) {
+    constexpr std::size_t kDeepest = 1000;  // whatever other processes answer
+    std::set<Place> seen;
+    TreflectObject at;
+    at.share_(parent);
+    while (at.isConnected() && seen.size() < kDeepest) {
+        Place const here = placeOf(at);
+        if (here == place)
+            return true;
+        if (!seen.insert(here).second)
+            return false;
+        at.share_(at.getParent());
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -138,17 +188,26 @@ void TreflectServerObject::unregisterChild(std::string const& name) {
 }
 
 // The object may be destroyed while its parent is asked. A parent given by its identifier may turn
-// out to be a descendant, or the object itself.
+// out to be a descendant, or the object itself. If that leads over another process, the question
+// comes back while it is under way: then, which two who ask at the same time may cause as well, the
+// ancestors are looked at first.
 std::string TreflectServerObject::getAbsName() const {
-    std::string const own = "/" + getRelName();
+    TreflectHandlerState const handler(true);
+    std::string const relative = getRelName();
+    std::string const own = "/" + relative;
     if (!parent_.isConnected())
         return own;
+    TreflectObject parent;
+    parent.share_(parent_);
     NameUnderWay const name(this);
-    if (name.isRepeated()) {
-        REFLECTORB_LOG(3, kSource, "object \"%s\" is its own ancestor", objectName());
+    bool const isOwnAncestor =
+        name.isRepeated() ||
+        (name.isAskedElsewhere() && leadsTo(parent, Place(orbId(), getInternalOID())));
+    if (isOwnAncestor) {
+        REFLECTORB_LOG(3, kSource, "object \"%s\" is its own ancestor", relative.c_str());
         return own;
     }
-    return parent_.getAbsName() + own;
+    return parent.getAbsName() + own;
 }
 
 std::string TreflectServerObject::getRelName() const {

@@ -140,6 +140,32 @@ TEST_F(ServerObject, MayBeItsOwnAncestorByMistake) {
     EXPECT_EQ(log_.count("object \"loop\" is its own ancestor"), 1u);
 }
 
+TEST_F(ServerObject, MayBeItsOwnAncestorOverAnotherProcess) {
+    ReflectiveActor actor;
+    TreflectObject const later = permitted([] { return TreflectObject(oid("far")); });
+    auto near = permitted([&] { return std::make_unique<Node>("near", &later); });
+    actor.ask("lamp far near", "made");
+    permitted([&] {
+        ASSERT_TRUE(near->getParent().isConnected());
+        EXPECT_EQ(near->getAbsName(), "/near/far/near");
+        EXPECT_EQ(TreflectObject(oid("far")).getAbsName(), "/far/near/far");
+    });
+    EXPECT_EQ(log_.count("object \"near\" is its own ancestor"), 1u);
+    // Many may ask at the same time for a name that is none of these.
+    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    actor.ask("lamp stem root", "made");
+    std::unique_ptr<Node> const leaf = permitted([] {
+        TreflectObject const stem(oid("stem"));
+        return std::make_unique<Node>("leaf", &stem);
+    });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back(
+            [&] { permitted([&] { EXPECT_EQ(leaf->getAbsName(), "/root/stem/leaf"); }); });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
 // ---- Children ----------------------------------------------------------------------------------
 
 /** What every object does with children, wherever it is. */
