@@ -1,4 +1,6 @@
 // Attributes and operations that are bound to a handle.
+#include <optional>
+
 #include "ipprmi/CallOutcome.h"
 #include "reflect/StubInUse.h"
 #include "reflect/TreflectAttribute.h"
@@ -7,14 +9,39 @@
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectObservable.h"
 #include "reflect/TreflectParameterType.h"
+#include "reflect/TreflectTieds.h"
 
 namespace {
+
+/** Knows of a handle that other threads may assign or destroy whether it still leads where it did.
+ */
+class HandleInUse {
+public:
+    explicit HandleInUse(TreflectObject const& handle)
+        : handle_(handle), stub_(handle.getStub_()), mark_(new Mark) {
+        TreflectTieds::instance()->adoptTied(&handle_, mark_);
+    }
+    ~HandleInUse() { TreflectTieds::instance()->untie(&handle_, mark_); }
+    HandleInUse(HandleInUse const&) = delete;
+    HandleInUse& operator=(HandleInUse const&) = delete;
+
+    bool isUnchanged() const {
+        return TreflectTieds::instance()->isTied(&handle_, mark_) && handle_.getStub_() == stub_;
+    }
+
+private:
+    class Mark final : public TreflectTieds::TiedBase {};
+
+    TreflectObject const& handle_;
+    TreflectObjectStub const* const stub_;
+    OSWrap::SmartPointer<TreflectTieds::TiedBase> const mark_;
+};
 
 /**
  * Calls an operation through a handle; whether the object has served the call. Other threads may
  * assign or destroy the handle whenever the call waits, so it is the stub that is held on to. A
- * stub that must look for its object first waits even before the call is sent: the handle is not
- * asked afterwards.
+ * stub that must look for its object first waits even before the call is sent: the handle, whose
+ * `dispatch` a derived class may have made its own, is asked only if it is still there.
  */
 bool callMember(TreflectObject const& object, TreflectMetaObject const* declaring,
                 TreflectMetaOperation const& operation, InParamHook const& arguments,
@@ -23,7 +50,9 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
     if (!stub || !declaring)
         return false;
     StubInUse const inUse(*stub);
-    bool const searches = !stub->isConnected();
+    std::optional<HandleInUse> searching;
+    if (!stub->isConnected())
+        searching.emplace(object);
     unsigned int const cc = declaring->getClassId();
     auto const mc = static_cast<unsigned int>(operation.id());
     TipprmiStream request(TipprmiStream::kUsualSize);
@@ -32,7 +61,9 @@ bool callMember(TreflectObject const& object, TreflectMetaObject const* declarin
     // A request that is too large is not sent.
     if (request.hasMarshallingFailed())
         return false;
-    return searches ? stub->dispatch(true, cc, mc, request, response) == 1
+    bool const bypassed = searching && !searching->isUnchanged();
+    searching.reset();
+    return bypassed ? stub->dispatch(true, cc, mc, request, response) == 1
                     : object.dispatch(true, cc, mc, request, response);
 }
 

@@ -99,6 +99,33 @@ void TreflectTieds::adoptTied(TreflectObject const* object,
     countOf(object).fetch_add(1, std::memory_order_relaxed);
 }
 
+TreflectTieds::Tieds::iterator TreflectTieds::find(TreflectObject const* object,
+                                                   OSWrap::SmartPointer<TiedBase> const& tied) {
+    auto const range = tieds_.equal_range(object);
+    for (auto at = range.first; at != range.second; ++at) {
+        if (at->second == tied)
+            return at;
+    }
+    return tieds_.end();
+}
+
+bool TreflectTieds::isTied(TreflectObject const* object,
+                           OSWrap::SmartPointer<TiedBase> const& tied) {
+    OSWrap::Lock<> const lock(mutex_);
+    return find(object, tied) != tieds_.end();
+}
+
+void TreflectTieds::untie(TreflectObject const* object,
+                          OSWrap::SmartPointer<TiedBase> const& tied) {
+    Tieds::node_type ending;  // outlasts the lock
+    OSWrap::Lock<> const lock(mutex_);
+    auto const found = find(object, tied);
+    if (found == tieds_.end())
+        return;
+    ending = tieds_.extract(found);
+    countOf(object).fetch_sub(1, std::memory_order_relaxed);
+}
+
 // Ended after unlocking, since that can come back here.
 void TreflectTieds::destroyTieds(TreflectObject const* object) {
     std::atomic<unsigned int>& count = countOf(object);

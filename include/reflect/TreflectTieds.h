@@ -31,6 +31,10 @@ public:
 
     /** Ties one more thing to a handle, of which only the address counts. */
     void adoptTied(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied);
+    /** Lets go of one thing; no effect if it is not tied to the handle. */
+    void untie(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied);
+    /** Whether it is still tied: the handle has not been destroyed since. */
+    bool isTied(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied);
     /** Lets go of all that is tied to a handle. When the end of something tied destroys a handle in
      * its turn, what is tied to that one ends next. */
     void destroyTieds(TreflectObject const* object);
@@ -47,6 +51,9 @@ private:
 
     /** The count of the group of handles that this one belongs to. */
     std::atomic<unsigned int>& countOf(TreflectObject const* object);
+    /** The end when it is not tied. */
+    Tieds::iterator find(TreflectObject const* object, OSWrap::SmartPointer<TiedBase> const& tied)
+        OSW_REQUIRES(mutex_);
 
     OSWrap::Mutex mutex_;  // a leaf: what is tied ends outside it
     Tieds tieds_ OSW_GUARDED_BY(mutex_);

@@ -66,6 +66,33 @@ TEST_F(BoundMembers, LiveAsLongAsTheirHandle) {
     EXPECT_EQ(tiedCount(), before + 2);
 }
 
+/** A handle that counts what goes through it. */
+class Counting : public TreflectObject {
+public:
+    using TreflectObject::TreflectObject;
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) const override {
+        ++calls;
+        return TreflectObject::dispatch(withResponse, cc, mc, in, out);
+    }
+    mutable int calls = 0;
+};
+
+TEST_F(BoundMembers, CallThroughTheirHandleAlsoWhenItFindsItsObjectLate) {
+    Counting handle(&lamp_);
+    TreflectOperation& ping = handle.operation("ping");
+    handle.connect(TipprmiOID("late bound lamp", NSID_UNIT));
+    unsigned long const before = tiedCount();
+    LampObject const late("late bound lamp");
+    EXPECT_FALSE(handle.isConnected());
+    for (int const calls : {1, 2}) {
+        EXPECT_EQ(ping.call(), 0);
+        EXPECT_EQ(handle.calls, calls);
+    }
+    EXPECT_EQ(late.pings(), 2u);
+    EXPECT_EQ(tiedCount(), before);
+}
+
 TEST_F(BoundMembers, EndWithThoseThatTheyLeadTo) {
     constexpr int kPath = 100'000;  // too long for a stack, were its end recursive
     unsigned long const before = tiedCount();
