@@ -160,6 +160,47 @@ TipprmiFailure TreflectAttribute::failureOf_(TipprmiStream const& response) {
 
 template int TreflectAttribute::get(TreflectObject& value) const;
 
+namespace {
+
+/** A text that belongs to nobody yet: more may have to be read before it is known to be the value.
+ */
+struct Text {
+    std::string bytes;
+    bool isRead = false;
+
+    /** The caller's; null when nothing was read. */
+    char* release() const {
+        if (!isRead)
+            return nullptr;
+        char* const copy = new char[bytes.size() + 1]();
+        bytes.copy(copy, bytes.size());
+        return copy;
+    }
+};
+
+TipprmiStream& operator>>(TipprmiStream& stream, Text& text) {
+    text.isRead = true;
+    return stream >> text.bytes;
+}
+
+}  // namespace
+
+int TreflectAttribute::get(char*& value) const {
+    Text text;
+    int const result = get(text);
+    if (result == 0 && text.isRead)
+        value = text.release();
+    return result;
+}
+
+template <>
+TipprmiResult<char*> TreflectAttribute::fetch() const {
+    TipprmiResult<Text> const text = fetch<Text>();
+    if (!text)
+        return TipprmiFailure(text.code());
+    return text.value().release();
+}
+
 // ---- Navigation through the object that an attribute holds -------------------------------------
 
 bool TreflectAttribute::updateContainedObject() {

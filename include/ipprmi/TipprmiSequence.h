@@ -54,20 +54,15 @@ TipprmiStream& operator<<(TipprmiStream& stream, TipprmiSequence<T, Bound> const
     return stream;
 }
 
-/** Each element is read afresh, so that nothing of the sequence's former content shines through. */
+/** Elements are new ones, so that nothing of the sequence's former content shines through, and are
+ * read in place: the copy of a handle might look for its object once more. */
 template <class T, unsigned int Bound>
 TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequence) {
     unsigned int const count = stream.readCount();
+    sequence.setLength(0);
     sequence.setLength(count);
-    for (unsigned int i = 0; i < count; ++i) {
-        if constexpr (std::is_arithmetic_v<T>) {
-            stream >> sequence[i];
-        } else {
-            T element = tipprmiBlank<T>();
-            stream >> element;
-            sequence[i] = std::move(element);
-        }
-    }
+    for (unsigned int i = 0; i < count; ++i)
+        stream >> sequence[i];
     return stream;
 }
 

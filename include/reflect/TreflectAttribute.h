@@ -74,6 +74,10 @@ public:
      */
     template <class T>
     int get(T& value) const;
+    /** The same for a text, which the caller deletes with delete[]; what `value` led to is not
+     * deleted.
+     */
+    int get(char*& value) const;
     /** The same, with the code of the failure; a default value for an element that is not there. */
     template <class T>
     TipprmiResult<T> fetch() const;
@@ -222,5 +226,8 @@ void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& r
     }
     response >> value;
 }
+
+template <>
+REFLECTORB_API TipprmiResult<char*> TreflectAttribute::fetch() const;
 
 extern template REFLECTORB_API int TreflectAttribute::get(TreflectObject& value) const;

@@ -126,6 +126,34 @@ TEST(Tieds, AnyNumberOfThreadsMayTieAndUntie) {
     EXPECT_EQ(tiedCount(), before);
 }
 
+TEST_F(BoundMembers, GiveTextsAwayAndKeepNoneThatCouldNotBeRead) {
+    auto const isText = [](char* value, char const* expected) {
+        std::unique_ptr<char[]> const owner(value);
+        return value && std::string(value) == expected;
+    };
+    lamp_.label = "long enough to stand on the heap";
+    TreflectAttribute& label = handle_.attribute("Label");
+    char* value = nullptr;
+    EXPECT_EQ(label.get(value), 0);
+    EXPECT_TRUE(isText(value, lamp_.label.c_str()));
+    EXPECT_TRUE(isText(label.fetch<char*>().valueOr(nullptr), lamp_.label.c_str()));
+
+    // Numbers, of which the last is no length of a text that is there.
+    lamp_.steps.elements = {0, 0, 9};
+    lamp_.codes.push_back(0);
+    lamp_.codes.push_back(0xFFFF);
+    for (TreflectAttribute* const numbers : {&bind<TreflectArrayMetaAttribute>("Steps"),
+                                             &bind<TreflectSequenceMetaAttribute>("Codes")}) {
+        bool const isArray = numbers->containerType() == TreflectAttribute::kArray;
+        char unchanged[] = "unchanged";
+        value = unchanged;
+        EXPECT_EQ((*numbers)[isArray ? 2 : 0].get(value), TreflectAttribute::error);
+        EXPECT_EQ(numbers->fetch<char*>().code(), TipprmiFailure::kUnreadable);
+        EXPECT_EQ((*numbers)[7].get(value), isArray ? 0 : TreflectAttribute::error);
+        EXPECT_EQ(value, unchanged);
+    }
+}
+
 // ---- Arrays and sequences ----------------------------------------------------------------------
 
 TEST_F(BoundMembers, ReadOneElementOfAnArrayOrASequence) {

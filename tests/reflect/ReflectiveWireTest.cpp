@@ -252,6 +252,18 @@ TEST_F(ReflectiveWire, ExceptionContainerPairIsReportedUnderOneCodeWhenItsAnswer
     });
 }
 
+TEST_F(ReflectiveWire, HandlesOfASequenceAreLookedForOnceEach) {
+    permitted([&] {
+        std::string const absent = wire::handle(std::string("nobody"));
+        TreflectObject const object = far(ok_ + number(3) + absent + absent + absent);
+        EXPECT_EQ(object.getChilds().getLength(), 3u);
+    });
+    std::size_t searches = 0;
+    for (std::size_t i = 0; i < peer_.count(); ++i)
+        searches += peer_.await(i).type() == TreflectMessage::tResolve ? 1 : 0;
+    EXPECT_EQ(searches, 3u);
+}
+
 TEST_F(ReflectiveWire, StubOutlastsItsLastHandleWhileItsContainerIsAskedFor) {
     auto const set = [](TreflectObjectStub const& stub) {
         stub.setExceptionContainer(TipprmiExceptionContainer());
