@@ -1,12 +1,14 @@
 // A termination, and a peer that owns an entry of the rendezvous folder but does everything else by
 // hand: packets, descriptors, shared memory and files of the folder of unknown origin.
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -152,6 +154,45 @@ Descriptor bellOf(int which, int good) {
     }
 }
 
+/** A connection whose closing waits for what has been sent to be read, which nobody does. */
+class Lingering {
+public:
+    Lingering() {
+        Descriptor const listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* const where = reinterpret_cast<sockaddr*>(&address);
+        socklen_t length = sizeof address;
+        end_ = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        int const small = 1;
+        ::setsockopt(end_.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        ::setsockopt(listening.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        if (::bind(listening.get(), where, length) != 0 || ::listen(listening.get(), 1) != 0 ||
+            ::getsockname(listening.get(), where, &length) != 0 ||
+            ::connect(end_.get(), where, length) != 0)
+            return;
+        deaf_ = Descriptor(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        struct linger const hour{1, 3600};
+        ::setsockopt(end_.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour);
+        char const bytes[4096] = {};
+        while (::send(end_.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
+        }
+    }
+    int get() const { return end_.get(); }
+    /** Closes at once after all. */
+    void hurry() const {
+        struct linger const off{};
+        ::setsockopt(end_.get(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
+    }
+    /** The other end, which is to outlive whoever closes this one. */
+    Descriptor takeOther() { return std::move(deaf_); }
+
+private:
+    Descriptor deaf_;
+    Descriptor end_;
+};
+
 /** One input: the peer's group, then steps, each with the operands that its function takes. */
 class Session {
 public:
@@ -171,7 +212,8 @@ public:
             &Session::sendOddPacket, &Session::sendBytes, &Session::writeRing,
             &Session::storeWord,     &Session::putFrames, &Session::ring,
             &Session::send,          &Session::hangUp,    &Session::addFile,
-            &Session::spoilPresence};
+            &Session::spoilPresence, &Session::sendHeads, &Session::passLingering,
+            &Session::blockBell,     &Session::takePart};
         (this->*steps[script_.byte() % steps.size()])();
     }
 
@@ -243,6 +285,38 @@ private:
         connection->hear((odd & 64) != 0 ? 5 : 0);
     }
 
+    /** A descriptor that whoever closes it waits for, with a packet that may be good. */
+    void passLingering() {
+        Connection* const connection = connected();
+        if (!connection)
+            return;
+        Packet packet = peer_.packet(script_.byte() % 9);
+        unsigned char const odd = script_.byte();
+        if ((odd & 1) != 0)
+            packet.version ^= 1;
+        if ((odd & 2) != 0)
+            packet.from ^= 1;
+        Lingering lingering;
+        if (sendPacket(connection->socket.get(), packet, lingering.get(),
+                       (odd & 4) != 0 ? lingering.get() : -1) != Transfer::Done)
+            lingering.hurry();
+        deaf_.push_back(lingering.takeOther());
+        connection->hear((odd & 8) != 0 ? 5 : 0);
+    }
+    /** Whoever rings the peer is to wait. */
+    void blockBell() {
+        Connection* const connection = connected();
+        if (!connection || !connection->own.valid())
+            return;
+        int const bell = connection->own.bell.get();
+        for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
+            while (::write(bell, &step, sizeof step) > 0) {
+            }
+        ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
+        connection->own.page().asleep.fetch_add(1);
+        connection->own.page().wantsSpace.fetch_add(1);
+    }
+
     // ---- What the peer does in shared memory ----
 
     template <class Change>
@@ -300,6 +374,25 @@ private:
         }
     }
 
+    /** The peer says that it stands somewhere in what the termination has put in. */
+    void takePart() {
+        share([this](ControlPage& page, unsigned char*) {
+            page.head.store(page.head.load() + (script_.byte() << script_.byte() % 12) * 8u);
+        });
+    }
+
+    /** What the termination sends looks like heads of frames, as if a peer had its words sent back
+     * to it. */
+    void sendHeads() {
+        sent_ = true;
+        FrameHead const head{script_.number(), script_.number()};
+        std::size_t const size = std::size_t{script_.byte()} << script_.byte() % 12;
+        AddressedMessage message = own_.allocateMessage(std::max(size, sizeof head), 5);
+        for (std::size_t at = 0; at + sizeof head <= message.size(); at += sizeof head)
+            std::memcpy(message.buf() + at, &head, sizeof head);
+        for (int left = script_.byte() % 64; left >= 0; --left)
+            Termination(peer_.id()).issue(message);
+    }
     /** The termination sends to the peer. */
     void send() {
         sent_ = true;
@@ -384,6 +477,7 @@ private:
     TestTermination& own_;
     fuzz::Script& script_;
     Peer peer_;
+    std::vector<Descriptor> deaf_;
     bool sent_ = false;  // by the termination, and nothing accepted since
     std::vector<std::string> files_;
     std::error_code ignored_;

@@ -21,7 +21,6 @@ constexpr int kAcceptsAtOnce = 16;
 constexpr std::size_t kMostStrangers = 64;
 /** A Hello brings two, and our side of the channel has two. */
 constexpr int kDescriptorsOfChannel = 4;
-constexpr char const* kNoDescriptor = "has no descriptor left to accept a connection";
 constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
 
 std::atomic<long long> introductionLimitNow{10'000'000'000};
@@ -40,7 +39,11 @@ bool Acceptor::listen(Descriptor listening) {
 void Acceptor::accept() {
     for (int count = 0; count < kAcceptsAtOnce; ++count) {
         if (closersBehind()) {
-            pause("cannot close descriptors as fast as it gets them");
+            static Logging::LineLimit limit;
+            REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                                   "termination 0x%08X accepts nobody: closing others hangs",
+                                   receiver_.id().value());
+            pause();
             return;
         }
         OpenSocket socket(
@@ -50,20 +53,24 @@ void Acceptor::accept() {
             continue;
         }
         bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
-        if (exhausted && !raiseDescriptorLimit())
-            pause(kNoDescriptor);
+        if (exhausted && !raiseDescriptorLimit()) {
+            tellNoDescriptor();
+            pause();
+        }
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
             return;
     }
 }
 
-/** Nobody can be taken in now: those who connect wait a little. */
-void Acceptor::pause(char const* reason) {
-    if (!accepting_)
-        return;
+void Acceptor::tellNoDescriptor() const {
     static Logging::LineLimit limit;
-    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "termination 0x%08X %s", receiver_.id().value(),
-                           reason);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "termination 0x%08X has no descriptor left to accept a connection",
+                           receiver_.id().value());
+}
+
+/** Nobody can be taken in now: those who connect wait a little. */
+void Acceptor::pause() {
     receiver_.unwatch(listening_.get());
     accepting_ = false;
     receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
@@ -122,41 +129,44 @@ void Acceptor::hear(std::uint32_t token) {
 
 /** There are no descriptors for a channel: his Hello stays where it is for a while. */
 void Acceptor::keepWaiting(Stranger& stranger) {
-    static Logging::LineLimit limit;
-    if (!stranger.waits)
-        REFLECTORB_LOG_LIMITED(limit, 3, kSource, "termination 0x%08X %s", receiver_.id().value(),
-                               kNoDescriptor);
-    stranger.waits = true;
+    if (!std::exchange(stranger.waits, true))
+        tellNoDescriptor();
     receiver_.unwatch(stranger.socket.get());
     receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
 }
 
+void Acceptor::tellNonsense(Stranger const& stranger) const {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "termination 0x%08X dropped process %d: it sent nonsense",
+                           receiver_.id().value(), static_cast<int>(stranger.identity.process));
+}
+
 /** A process may speak only for the terminations that are its own. */
 bool Acceptor::mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello) {
-    static Logging::LineLimit nonsense;
-    static Logging::LineLimit notHis;
-    auto const process = stranger.identity.process;
     if (transfer == Transfer::Closed)
         return false;
     if (transfer != Transfer::Done || hello.kind != Packet::Hello ||
         hello.to != receiver_.id().value()) {
-        REFLECTORB_LOG_LIMITED(nonsense, 3, kSource,
-                               "termination 0x%08X dropped process %d: it sent nonsense",
-                               receiver_.id().value(), static_cast<int>(process));
+        tellNonsense(stranger);
         return false;
     }
-    if (Rendezvous::instance().ownedBy(TerminationId(hello.from), process))
+    if (Rendezvous::instance().ownedBy(TerminationId(hello.from), stranger.identity.process))
         return true;
-    REFLECTORB_LOG_LIMITED(notHis, 3, kSource,
-                           "termination 0x%08X refused process %d: it is not 0x%08X",
-                           receiver_.id().value(), static_cast<int>(process), hello.from);
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(
+        limit, 3, kSource, "termination 0x%08X refused process %d: it is not 0x%08X",
+        receiver_.id().value(), static_cast<int>(stranger.identity.process), hello.from);
     return false;
 }
 
 void Acceptor::introduce(Stranger stranger, TerminationId peer) {
     ReceivedPacket hello;
-    if (receivePacket(stranger.socket.get(), hello) != Transfer::Done)
-        return;  // he has passed too much, or somebody here has taken the last descriptor
+    Transfer const transfer = receivePacket(stranger.socket.get(), hello);
+    if (transfer == Transfer::Garbage)
+        tellNonsense(stranger);
+    if (transfer != Transfer::Done)
+        return;
     std::shared_ptr<Channel> const channel =
         Switchboard::instance().channel(receiver_.shared_from_this(), peer);
     if (channel != nullptr)

@@ -47,7 +47,9 @@ private:
     };
 
     void receive(OpenSocket socket);
-    void pause(char const* reason);
+    void pause();
+    void tellNoDescriptor() const;
+    void tellNonsense(Stranger const& stranger) const;
     void drop(std::uint32_t token);
     bool mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello);
     void introduce(Stranger stranger, TerminationId peer);
