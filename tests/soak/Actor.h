@@ -2,14 +2,13 @@
 #pragma once
 
 #include <array>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "Journal.h"
 #include "SoakObject.h"
+#include "Turn.h"
 
 namespace soak {
 
@@ -45,46 +44,6 @@ private:
     unsigned int next_ = 0;
 };
 
-/** Lets the threads act or rest, as the supervisor wants it. */
-class Turn {
-public:
-    void go() { set(acting); }
-    void end() { set(ended); }
-    /** Returns when all threads rest. */
-    void rest() {
-        set(resting);
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return busy_ == 0; });
-    }
-
-    /** Waits until the thread may act; false when it is to end. */
-    bool begin() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return state_ != resting; });
-        busy_ += state_ == acting;
-        return state_ == acting;
-    }
-    void finish() {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        --busy_;
-        changed_.notify_all();
-    }
-
-private:
-    enum State { resting, acting, ended };
-
-    void set(State state) {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        state_ = state;
-        changed_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    State state_ = resting;  // guarded by mutex_
-    unsigned int busy_ = 0;  // guarded by mutex_
-};
-
 /** What the threads of a process share. */
 struct Actor {
     explicit Actor(Settings const& all) : settings(all), journal(all.journal) {}
@@ -108,7 +67,7 @@ struct Actor {
 
     Settings const settings;
     Journal journal;
-    Turn turn;
+    testsupport::Turn turn;
     // Guarded by the run permission, as all below.
     KnownObjects known;
     unsigned int registrations = 0;

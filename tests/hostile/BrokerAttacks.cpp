@@ -1,0 +1,114 @@
+// By those whose channel is in order, and whose messages are not.
+#include "Field.h"
+#include "GoodObject.h"
+
+namespace hostile {
+namespace {
+
+/** A channel that is kept for many rounds, with an object behind it. */
+struct Line {
+    HandMadeLink link;
+    Victim victim;
+    std::uint32_t object = 0;
+
+    bool stands(Field& field) {
+        link.hear(0);
+        if (object != 0 && !link.ended)
+            return true;
+        victim = field.victim();
+        link = HandMadeLink();
+        link = field.open(victim, Transport::kLargestRing);
+        object = link.ended ? 0 : field.objectOf(link, victim);
+        return object != 0;
+    }
+    /** What comes back is of no interest. */
+    void skip() { link.own.page().head.store(link.peer.page().tail.load()); }
+};
+
+/** As many as go in, as fast as they are taken. */
+void callWithoutEnd(Field& field) {
+    static Line line;
+    if (!line.stands(field))
+        return;
+    std::string const note =
+        call(field.number(), oneWay, line.object, kNote, text(field.dice(2) == 0 ? "x" : "flood"));
+    std::string const large =
+        call(field.number(), oneWay, line.object, kNote, text(std::string(60'000, 'x')));
+    for (int i = 0; i < 20'000; ++i)
+        if (!line.link.put(i % 100 == 0 ? large : note))
+            line.link.ring();
+}
+
+/** Answers to what others were asked: all transaction ids that a victim can have in use. */
+void forgeResponses(Field& field) {
+    static Line line;
+    if (!line.stands(field))
+        return;
+    std::uint32_t const victim = line.victim.id.value();
+    std::uint32_t const low = (victim & 0xFFFF) | (victim >> 16 & 0xF) << 16;
+    static std::uint32_t top = 0;
+    std::string const data = big(0) + big(0) + text("forged");
+    for (int i = 0; i < 512; ++i, ++top) {
+        std::string const forged = message(top << 20 | low, payload, response, data);
+        for (int tries = 0; !line.link.put(forged) && tries < 20; ++tries) {
+            line.link.ring();
+            line.link.hear(1);
+        }
+    }
+    line.link.ring();
+    line.skip();
+}
+
+/** Requests of every type whose data claim to be longer than they are, inside and outside. */
+void lieInLengths(Field& field) {
+    static Line line;
+    if (!line.stands(field))
+        return;
+    constexpr std::uint32_t kGetException = 2101;  // the one that sets it is what it is there for
+    std::uint32_t const lengths[] = {0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u, 65'536, 65'537,
+                                     1u << 20,    104,         3,           0};
+    for (int i = 0; i < 4; ++i) {
+        auto const any = [&] { return lengths[field.dice(std::size(lengths))]; };
+        std::string lie = big(field.number()) + big(1 + field.dice(11)) +
+                          big(field.dice(2) == 0 ? request : oneWay) + big(any());
+        lie += big(field.dice(2) == 0 ? line.object : any()) + big(field.dice(2)) + big(kClass);
+        lie += big(field.dice(3) == 0 ? kGetException : field.dice(4)) + big(any());
+        lie += field.noise(field.dice(200));
+        line.link.put(lie);
+    }
+    line.link.ring();
+    line.skip();
+}
+
+/** Headers of no known type or kind, or none at all. A failure that a broker tells another one of
+ * resets both, as it should, and is left out. */
+void sendOddHeaders(Field& field) {
+    static Line line;
+    if (!line.stands(field))
+        return;
+    constexpr std::uint32_t kFailure = 5;
+    for (int i = 0; i < 64; ++i) {
+        std::uint32_t kind = field.dice(2) == 0 ? field.dice(9) : field.number();
+        if (kind == kFailure)
+            kind = 0;
+        std::string odd =
+            message(field.number(), field.dice(2) == 0 ? field.dice(16) : field.number(), kind,
+                    field.noise(field.dice(60)));
+        if (field.dice(4) == 0)
+            odd.resize(field.dice(16));
+        line.link.put(odd);
+    }
+    line.link.ring();
+    line.skip();
+}
+
+}  // namespace
+
+Attacks brokerAttacks() {
+    return {{"notes", "sends one-way calls without end", callWithoutEnd},
+            {"responses", "answers what others were asked", forgeResponses},
+            {"lengths", "sends requests that claim to be longer", lieInLengths},
+            {"headers", "sends headers of no type and no kind", sendOddHeaders}};
+}
+
+}  // namespace hostile

@@ -1,0 +1,223 @@
+// By those who have a channel, and spoil what the two sides share.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "Field.h"
+#include "GoodObject.h"
+
+namespace hostile {
+namespace {
+
+using namespace Transport;
+
+void pause(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+void lieInWords(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    if (link.ended)
+        return;
+    ControlPage& page = link.own.page();
+    for (int i = 0; i < 8; ++i) {
+        std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
+                                                     &page.wantsSpace};
+        words[field.dice(4)]->store(field.dice(2) == 0 ? field.number() : field.number() & ~7u);
+        link.ring();
+        link.hear(field.dice(2) == 0 ? 1 : 0);
+    }
+}
+
+/** One that is wrong behind some that are right. */
+void lieInFrames(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    if (link.ended)
+        return;
+    for (unsigned int right = field.dice(4); right > 0; --right)
+        link.put(field.noise(field.dice(100)));
+    FrameHead const wrong[] = {{100, 8},
+                               {0, kNextRing},
+                               {8, kNextRing},
+                               {0xFFFFFFF8u, 0xFFFFFFF8u},
+                               {0xFFFFFFFFu, 0xFFFFFFFFu},
+                               {0, 100},
+                               {kSmallestRing, kSmallestRing},
+                               {8, 16 * 1024 * 1024},
+                               {8, 16 * 1024 * 1024 + 1},
+                               {field.number(), field.number()}};
+    std::uint32_t const tail = link.own.page().tail.load();
+    link.writeFrame(tail, wrong[field.dice(std::size(wrong))], field.noise(1000));
+    link.own.page().tail.store(tail + (field.dice(2) == 0 ? 16 : field.number() & ~7u));
+    link.ring();
+    link.hear(5);
+}
+
+/** A ring full of frames without a byte, again and again. */
+void flood(Field& field, std::uint32_t length) {
+    HandMadeLink link = field.open(field.victim(), kLargestRing);
+    if (link.ended)
+        return;
+    std::uint32_t const frame = frameBytes(length);
+    for (std::uint32_t at = 0; at + frame <= kLargestRing; at += frame)
+        link.writeFrame(at, {length, length}, {});
+    for (int i = 0; i < 4 && !link.ended; ++i) {
+        link.own.page().tail.fetch_add(kLargestRing / frame * frame);
+        link.ring();
+        for (int left = 200; left > 0 && !link.ended && link.unread() != 0; --left)
+            link.hear(1);
+    }
+}
+void sendNothings(Field& field) {
+    flood(field, 0);
+}
+void sendMidgets(Field& field) {
+    flood(field, 8);
+}
+
+/** Everything that a ring can hold, and the end at once. */
+void closeOnMany(Field& field) {
+    HandMadeLink link = field.open(field.victim(), kLargestRing);
+    if (link.ended)
+        return;
+    for (std::uint32_t at = 0; at < kLargestRing; at += 8)
+        link.writeFrame(at, {0, 0}, {});
+    link.own.page().tail.store(kLargestRing);
+    if (field.dice(2) == 0)
+        link.send(link.packet(field.dice(2) == 0 ? Packet::Left : Packet::Bye));
+}
+
+/** Takes the channel's bells back into blocking mode and fills their counters, so that whoever
+ * rings them next might wait; has the victim ring all the time. */
+void blockBells(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    if (link.ended)
+        return;
+    for (int i = 0; i < 30 && !link.ended; ++i) {
+        for (int const bell : {link.own.bell.get(), link.peer.bell.get()}) {
+            int const flags = ::fcntl(bell, F_GETFL);
+            std::uint64_t const most = ~std::uint64_t{1};
+            ::fcntl(bell, F_SETFL, flags | O_NONBLOCK);
+            static_cast<void>(!::write(bell, &most, sizeof most));
+            ::fcntl(bell, F_SETFL, flags & ~O_NONBLOCK);
+        }
+        link.own.page().asleep.fetch_add(1);
+        link.own.page().wantsSpace.fetch_add(1);
+        // It wakes by itself when it has no bell that can be rung.
+        link.put(message(field.number(), counters, request, ""));
+        ::fcntl(link.peer.bell.get(), F_SETFL, O_RDWR | O_NONBLOCK);
+        std::uint64_t count = 0;
+        static_cast<void>(!::read(link.peer.bell.get(), &count, sizeof count));
+        link.ring();
+        link.hear(1);
+        link.own.page().head.store(link.peer.page().tail.load());
+    }
+}
+
+/** Has the victim send back bytes that look like frames, in rings that grow, and says that it has
+ * taken them up to the middle of one. */
+void lieInMidFrame(Field& field) {
+    Victim const victim = field.victim();
+    HandMadeLink link = field.open(victim, kLargestRing);
+    std::uint32_t const object = link.ended ? 0 : field.objectOf(link, victim);
+    if (object == 0)
+        return;
+    std::uint32_t const start = link.own.page().head.load();
+    std::uint32_t const length = field.dice(2) == 0 ? 100'000 : 8 * field.dice(30'000);
+    std::string lie;
+    for (int i = 0; i < 1400; ++i)
+        lie.append(reinterpret_cast<char const*>(&length), sizeof length);
+    for (int i = 0; i < 60; ++i)
+        link.put(call(field.number(), request, object, kEcho, text(lie)));
+    link.ring();
+    for (int left = 50; left > 0 && link.peer.page().tail.load() - start < 200'000; --left)
+        link.hear(2);
+    link.own.page().head.store(start + 8 * (1 + field.dice(600)));
+    if (field.dice(2) == 0)
+        link.send(link.packet(Packet::Welcome));  // and is closed for it
+}
+
+void growOddly(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    if (link.ended)
+        return;
+    std::uint32_t const capacities[] = {kUsualRing, kLargestRing, kSmallestRing, 24, 0x80000000u};
+    for (unsigned int count = field.dice(8); count > 0; --count) {
+        std::uint32_t const capacity = capacities[field.dice(5)];
+        Descriptor const good = makeSealedFile(capacity % (2 * kLargestRing));
+        Descriptor const file = field.dice(3) == 0
+                                    ? testsupport::oddFile(field.number(), capacity, good.get())
+                                    : Descriptor(::fcntl(good.get(), F_DUPFD_CLOEXEC, 0));
+        link.send(link.packet(Packet::NextRing, capacity), file.get());
+    }
+    std::uint32_t tail = link.own.page().tail.load();
+    for (unsigned int count = field.dice(8); count > 0; --count, tail += 8)
+        link.writeFrame(tail, {0, kNextRing}, {});
+    link.own.page().tail.store(tail);
+    link.ring();
+    link.hear(5);
+}
+
+/** Words of the end, in any order. */
+void talkMuch(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    for (int i = 0; i < 200 && !link.ended; ++i) {
+        unsigned int const kinds[] = {Packet::Bye,     Packet::Stay, Packet::Bye,     Packet::Stay,
+                                      Packet::Crossed, Packet::Left, Packet::Welcome, 0};
+        link.send(link.packet(kinds[field.dice(i < 150 ? 4 : 8)]));
+        if (i % 16 == 0) {
+            link.put(message(field.number(), counters, request, ""));
+            link.ring();
+            link.hear(1);
+        }
+    }
+}
+
+/** Leaves before the answer, so that the victim connects, and is a bad host then. */
+void hostBadly(Field& field) {
+    HandMadeLink link = field.open(field.victim());
+    if (link.ended)
+        return;
+    for (int i = 0; i < 4; ++i)
+        link.put(message(field.number(), counters, request, ""));
+    link.ring();
+    if (field.dice(2) == 0)
+        link.send(link.packet(Packet::Bye));
+    pause(static_cast<int>(field.dice(3)));
+    link.socket.reset();
+    while (testsupport::isReadable(field.entry().listening(), 5)) {
+        HandMadeLink guest;
+        guest.from = link.from;
+        guest.to = link.to;
+        guest.socket =
+            Descriptor(::accept4(field.entry().listening(), nullptr, nullptr, SOCK_CLOEXEC));
+        guest.makeSide();
+        Descriptor const file = testsupport::oddFile(field.number(), 0, guest.own.file.get());
+        Descriptor const bell = testsupport::oddBell(field.number(), guest.own.bell.get());
+        guest.send(guest.packet(field.dice(2) == 0 ? static_cast<unsigned int>(Packet::Welcome)
+                                                   : field.dice(9),
+                                kSmallestRing),
+                   file.get(), bell.get());
+        field.keep(std::move(guest), 8);
+    }
+}
+
+}  // namespace
+
+Attacks channelAttacks() {
+    return {{"words", "stores nonsense in the control page", lieInWords},
+            {"frames", "puts wrong lengths into its ring", lieInFrames},
+            {"nothings", "sends rings full of empty frames", sendNothings},
+            {"midgets", "sends rings full of messages without a header", sendMidgets},
+            {"ends", "closes on a ring full of messages", closeOnMany},
+            {"bell", "makes the bells block", blockBells},
+            {"head", "has taken half a frame of bytes that look like frames", lieInMidFrame},
+            {"growth", "announces rings that are none, and none that are", growOddly},
+            {"packets", "says Bye and Stay without end", talkMuch},
+            {"host", "accepts and answers with nonsense", hostBadly}};
+}
+
+}  // namespace hostile

@@ -1,0 +1,164 @@
+// One end of a channel, made by hand: it does what it is told, and badly if told to.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "platform/transport/local/Bell.h"
+#include "platform/transport/local/ChannelSides.h"
+#include "platform/transport/local/Packet.h"
+
+namespace testsupport {
+
+inline bool isReadable(int fd, int milliseconds) {
+    pollfd poll{fd, POLLIN, 0};
+    return ::poll(&poll, 1, milliseconds) == 1;
+}
+
+/** A descriptor that no file of shared memory is: `which` chooses the way, `good` is one. */
+inline Transport::Descriptor oddFile(unsigned int which, std::uint32_t capacity, int good) {
+    using namespace Transport;
+    switch (which % 7) {
+        case 0:
+            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
+        case 1:
+            return makeSealedFile(capacity % (2 * kLargestRing));
+        case 2:
+            return makeSealedFile(kRingOffset + kSmallestRing - 1);
+        case 3: {  // can be cut short at any time
+            Descriptor file(::memfd_create("unsealed", MFD_CLOEXEC));
+            if (::ftruncate(file.get(), kRingOffset + kSmallestRing) != 0)
+                std::abort();
+            return file;
+        }
+        case 4:
+            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
+        case 5:
+            return Descriptor();
+        default:
+            return Descriptor(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+}
+
+/** The same for a bell. */
+inline Transport::Descriptor oddBell(unsigned int which, int good) {
+    using namespace Transport;
+    switch (which % 5) {
+        case 0:
+            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
+        case 1: {  // it could block whoever rings it
+            Descriptor full(::eventfd(0, EFD_CLOEXEC));
+            std::uint64_t const most = ~std::uint64_t{1};
+            if (::write(full.get(), &most, sizeof most) != sizeof most)
+                std::abort();
+            return full;
+        }
+        case 2:
+            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
+        case 3:
+            return Descriptor();
+        default: {
+            int ends[2];
+            if (::pipe2(ends, O_CLOEXEC) != 0)
+                std::abort();
+            ::close(ends[0]);
+            return Descriptor(ends[1]);
+        }
+    }
+}
+
+/** A connection from one termination to another, with what each side has given the other. */
+struct HandMadeLink {
+    Transport::TerminationId from;
+    Transport::TerminationId to;
+    Transport::Descriptor socket;
+    Transport::OwnSide own;
+    Transport::PeerSide peer;
+    bool ended = false;  // by the other side
+
+    Transport::Packet packet(unsigned int kind, std::uint32_t capacity = 0) const {
+        return {Transport::kMagic,
+                Transport::kProtocolVersion,
+                static_cast<std::uint16_t>(kind),
+                from.value(),
+                to.value(),
+                Transport::kLayoutCheck,
+                capacity};
+    }
+    void send(Transport::Packet const& packet, int file = -1, int bell = -1) const {
+        sendPacket(socket.get(), packet, file, bell);
+    }
+    /** What this side gives the other, made but not sent. */
+    void makeSide(std::uint32_t capacity = Transport::kSmallestRing) {
+        using namespace Transport;
+        own = OwnSide::make();
+        if (capacity == kSmallestRing || !own.valid())
+            return;
+        own.file = makeSealedFile(kRingOffset + capacity);
+        auto const writable = Mapping::Access::ReadWrite;
+        own.control = Mapping::of(own.file.get(), 0, sizeof(ControlPage), writable);
+        own.ring = {Mapping::of(own.file.get(), kRingOffset, capacity, writable), capacity};
+        new (own.control.data()) ControlPage{};
+    }
+    /** Introduces itself, as it should. */
+    void sayHello(std::uint32_t capacity = Transport::kSmallestRing) {
+        makeSide(capacity);
+        send(packet(Transport::Packet::Hello, capacity), own.file.get(), own.bell.get());
+    }
+    /** Takes all packets that are there; waits so long for the first one. */
+    void hear(int milliseconds) {
+        while (!ended && isReadable(socket.get(), milliseconds)) {
+            Transport::ReceivedPacket received;
+            Transport::Transfer const transfer = receivePacket(socket.get(), received);
+            if (transfer == Transport::Transfer::Later)
+                return;
+            ended = transfer != Transport::Transfer::Done;
+            if (!ended && received.file.valid() && received.bell.valid())
+                peer = Transport::PeerSide::of(received);
+            milliseconds = 0;
+        }
+    }
+    /** Whether the other side has let us in. */
+    bool open(std::uint32_t capacity = Transport::kSmallestRing, int milliseconds = 30'000) {
+        sayHello(capacity);
+        hear(milliseconds);
+        return peer.valid();
+    }
+    /** Writes into the own ring, whoever has room there or not. */
+    void write(std::uint32_t at, void const* bytes, std::size_t size) {
+        auto const* const all = static_cast<unsigned char const*>(bytes);
+        for (std::size_t i = 0; i < size; ++i)
+            own.ring.mapping.data()[(at + i) % own.ring.capacity] = all[i];
+    }
+    void writeFrame(std::uint32_t at, Transport::FrameHead const& head, std::string const& bytes) {
+        write(at, &head, sizeof head);
+        write(at + static_cast<std::uint32_t>(sizeof head), bytes.data(), bytes.size());
+    }
+    std::uint32_t unread() const { return own.page().tail.load() - peer.page().head.load(); }
+    /** Puts in one message as it should be; false when there is no room for it. */
+    bool put(std::string const& message) {
+        auto const size = static_cast<std::uint32_t>(message.size());
+        std::uint32_t const frame = Transport::frameBytes(size);
+        if (unread() + frame > own.ring.capacity)
+            return false;
+        std::uint32_t const tail = own.page().tail.load();
+        writeFrame(tail, {size, size}, message);
+        own.page().tail.store(tail + frame);
+        return true;
+    }
+    void ring() const {
+        if (peer.valid())
+            Transport::ringBell(peer.bell.get());
+    }
+};
+
+}  // namespace testsupport

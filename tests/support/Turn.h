@@ -1,0 +1,48 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+namespace testsupport {
+
+/** Lets the threads of a program act or rest, as whoever drives it wants it. */
+class Turn {
+public:
+    void go() { set(acting); }
+    void end() { set(ended); }
+    /** Returns when all threads rest. */
+    void rest() {
+        set(resting);
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return busy_ == 0; });
+    }
+
+    /** Waits until the thread may act; false when it is to end. */
+    bool begin() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return state_ != resting; });
+        busy_ += state_ == acting;
+        return state_ == acting;
+    }
+    void finish() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        --busy_;
+        changed_.notify_all();
+    }
+
+private:
+    enum State { resting, acting, ended };
+
+    void set(State state) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        state_ = state;
+        changed_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    State state_ = resting;  // guarded by mutex_
+    unsigned int busy_ = 0;  // guarded by mutex_
+};
+
+}  // namespace testsupport
