@@ -145,7 +145,9 @@ TipprmiStream& operator<<(TipprmiStream& stream, TipprmiObjectClient const& valu
 TipprmiStream& operator>>(TipprmiStream& stream, TipprmiObjectClient& value) {
     TreflectORB::TreflectObjectLocation location(0u, TreflectOrbId(), nullptr, noOid());
     stream >> location;
-    // Half a location leads nowhere: a name that breaks off is not looked for in the whole group.
+    // A location that breaks off is not adopted, not even what was read of it: half a name may be
+    // that of another object, a whole one without its place would be looked for in the whole group,
+    // and an internal id without its broker leads nowhere.
     value.replaceStub(stream.hasUnmarshallingFailed() ? adopt(noOid()) : adopt(location));
     return stream;
 }

@@ -39,8 +39,10 @@ public:
     void deleteAll();
     /** The same at the end of the process: makes an end of brokers for ever, and waits for no more
      * than a second in each phase. A deletion that another thread has begun is waited for, as long.
-     */
+     * Only the first call has an effect. */
     void deleteAllAtExit();
+    /** Whether there is or was a broker. */
+    bool hadBrokers() const { return process_ != 0; }
 
     /** Whether the process is ending and its brokers could not be deleted in time. Somebody may
      * then hold the run permission for ever, and destructors must not wait for it. */

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectMetaOperation.h"
@@ -15,70 +16,82 @@ TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int class
     // A class learns of its derived ones, though it is a constant to everybody else.
     for (TreflectMetaClass const* const base : bases_)
         registerParent(const_cast<TreflectMetaClass*>(base));
+    collectIds();
 }
 
 TreflectMetaClass::~TreflectMetaClass() = default;
 
 // Of a base that is reached in several ways the last occurrence counts, since a class that is
-// derived from it stands before each of them.
-TipprmiSequence<unsigned int, 0u> TreflectMetaClass::classIds() const {
-    std::vector<unsigned int> occurrences;
-    appendIds(occurrences);
-    TipprmiSequence<unsigned int, 0u> ids;
+// derived from it stands before each of them. The ids stay when a base has gone. Derived classes
+// that were built before this one have been waiting for its ids.
+void TreflectMetaClass::collectIds() {
+    std::vector<unsigned int> occurrences{getClassId()};
+    knowsBases_ = true;
+    for (TreflectMetaClass const* const base : bases_) {
+        knowsBases_ = knowsBases_ && isBuilt(base) && base->knowsBases_;
+        if (isBuilt(base))
+            occurrences.insert(occurrences.end(), base->ids_.begin(), base->ids_.end());
+    }
+    ids_.clear();
     for (auto at = occurrences.begin(); at != occurrences.end(); ++at) {
         if (std::find(at + 1, occurrences.end(), *at) == occurrences.end())
-            ids.push_back(*at);
+            ids_.push_back(*at);
     }
+    for (TreflectMetaObject* const child : children()) {
+        auto* const derived = dynamic_cast<TreflectMetaClass*>(child);
+        if (derived && !derived->knowsBases_)
+            derived->collectIds();
+    }
+}
+
+TipprmiSequence<unsigned int, 0u> TreflectMetaClass::classIds() const {
+    InterfaceRepository::instance()->keepForBrokers_();
+    TipprmiSequence<unsigned int, 0u> ids;
+    for (unsigned int const id : ids_)
+        ids.push_back(id);
     return ids;
 }
 
-void TreflectMetaClass::appendIds(std::vector<unsigned int>& ids) const {
-    ids.push_back(getClassId());
-    for (TreflectMetaClass const* const base : bases_)
-        base->appendIds(ids);
+void TreflectMetaClass::completeMetaInformation() {
+    if (!completed_ && knowsBases_) {
+        completed_ = true;
+        registerMembers();
+    }
+    if (completed_ && !typed_) {
+        typed_ = true;  // classes may hold each other
+        typed_ = describeTypes();
+    }
 }
 
-void TreflectMetaClass::completeMetaInformation() {
-    if (completed_)
-        return;
-    completed_ = true;
+void TreflectMetaClass::registerMembers() {
     // Attributes may be made of operations that a base declares.
     for (TreflectMetaObject* const base : parents())
         complete(*base);
     std::vector<MetaOpData> operations;
     for (Operation const& operation : operations_)
         operations.push_back({operation.name, static_cast<int>(operation.id)});
-    std::vector<MetaAttrData> attributes;
-    for (Attribute const& attribute : attributes_) {
-        if (attribute.kind == Attribute::kPlain)
-            attributes.push_back({attribute.name});
-    }
     MetaOpData const noOperation{};
     MetaAttrData const noAttribute{};
     completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
-                                  static_cast<unsigned int>(operations.size()),
-                                  attributes.empty() ? &noAttribute : attributes.data(),
-                                  static_cast<unsigned int>(attributes.size()));
-    registerContainers();
+                                  static_cast<unsigned int>(operations.size()), &noAttribute, 0);
+    registerAttributes();
     describeParameters();
-    describeTypes();
 }
 
-void TreflectMetaClass::registerContainers() {
+void TreflectMetaClass::registerAttributes() {
     for (Attribute const& described : attributes_) {
-        if (described.kind == Attribute::kPlain)
-            continue;
         std::string const name = described.name;
         TreflectMetaOperation const* const get = getOperationOf(name);
         if (!get)
             return;
         TreflectMetaOperation const* const set = metaOperation_("set" + name);
+        int const length = described.length;
         if (described.kind == Attribute::kArray)
-            registerAttribute(
-                new TreflectArrayMetaAttribute(name, this, get, set, described.length));
+            registerAttribute(new TreflectArrayMetaAttribute(name, this, get, set, length));
+        else if (described.kind == Attribute::kSequence)
+            registerAttribute(new TreflectSequenceMetaAttribute(name, this, get, set, length));
         else
-            registerAttribute(
-                new TreflectSequenceMetaAttribute(name, this, get, set, described.length));
+            registerAttribute(new TreflectMetaAttribute(name, this, get, set));
     }
 }
 
@@ -93,12 +106,17 @@ void TreflectMetaClass::describeParameters() {
     }
 }
 
-void TreflectMetaClass::describeTypes() {
+bool TreflectMetaClass::describeTypes() {
     std::list<TreflectMetaAttribute*> known;
     attributeList(known);
+    bool found = true;
     for (Attribute const& described : attributes_) {
         if (!described.type)
             continue;
+        if (!isBuilt(described.type)) {
+            found = false;
+            continue;
+        }
         auto* const type = const_cast<TreflectMetaClass*>(described.type);
         complete(*type);
         for (TreflectMetaAttribute* const attribute : known) {
@@ -106,4 +124,5 @@ void TreflectMetaClass::describeTypes() {
                 attribute->registerType(type);
         }
     }
+    return found;
 }

@@ -51,6 +51,15 @@ TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
 
 TreflectMetaAttribute::~TreflectMetaAttribute() = default;
 
+void TreflectMetaAttribute::forget(TreflectMetaObject const& gone) {
+    if (typeMeta_ == &gone)
+        typeMeta_ = nullptr;
+    for (TreflectMetaOperation const** const operation : {&get_, &set_}) {
+        if (*operation && (*operation)->containingMetaObject() == &gone)
+            *operation = nullptr;
+    }
+}
+
 void TreflectMetaAttribute::registerType(TreflectMetaObject* typeMeta) {
     typeMeta_ = typeMeta;
     typeName_ = typeMeta->name();

@@ -13,21 +13,30 @@ constexpr char kSource[] = "REFLECT_metaObject";
 
 TreflectMetaObject::TreflectMetaObject(std::string const& name, unsigned int classId)
     : name_(name), classId_(classId) {
+    InterfaceRepository::instance()->built(this);
     InterfaceRepository::instance()->registerInterface(this);
 }
 
 TreflectMetaObject::~TreflectMetaObject() {
     InterfaceRepository::instance()->unregisterInterface(this);
+    InterfaceRepository::instance()->destroyed(this);
     for (auto const& attribute : attributes_)
         delete attribute.second;
     for (auto const& operation : operations_)
         delete operation.second;
-    // Static objects of several files are destroyed in no fixed order: nobody is left with a
-    // pointer to this one.
-    for (TreflectMetaObject* const parent : parents_)
-        parent->children_.erase(this);
-    for (TreflectMetaObject* const child : children_)
-        child->parents_.erase(this);
+}
+
+bool TreflectMetaObject::isBuilt(TreflectMetaObject const* metaObject) {
+    return InterfaceRepository::instance()->isBuilt(metaObject);
+}
+
+// Static objects of several files are destroyed in no fixed order.
+void TreflectMetaObject::forget(TreflectMetaObject const& gone) {
+    auto* const other = const_cast<TreflectMetaObject*>(&gone);
+    parents_.erase(other);
+    children_.erase(other);
+    for (auto const& attribute : attributes_)
+        attribute.second->forget(gone);
 }
 
 std::string const& TreflectMetaObject::name() const {
@@ -91,9 +100,13 @@ void TreflectMetaObject::attributeList(std::list<TreflectMetaAttribute*>& out) c
 }
 
 bool TreflectMetaObject::registerParent(TreflectMetaObject* base) {
+    InterfaceRepository::instance()->link(this, base);
+    return true;
+}
+
+void TreflectMetaObject::linkTo(TreflectMetaObject* base) {
     parents_.insert(base);
     base->registerChild(this);
-    return true;
 }
 
 bool TreflectMetaObject::registerChild(TreflectMetaObject* derived) {

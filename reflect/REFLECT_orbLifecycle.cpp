@@ -13,6 +13,7 @@
 #include "oswrap/Thread.h"
 #include "reflect/AllLevelsReleased.h"
 #include "reflect/BrokerLifecycle.h"
+#include "reflect/InterfaceRepository.h"
 #include "reflect/ReflectWorker.h"
 #include "reflect/TreflectOrbParts.h"
 
@@ -23,11 +24,6 @@ using LifecycleLock = OSWrap::Lock<OSWrap::ConditionVar>;
 constexpr unsigned long kStartPause = 100'000'000;  // ns, until the others know of a new broker
 constexpr OSWrap::TimeSpec kPatienceAtExit{1, 0};
 constexpr std::size_t kStackSize = 65536;
-
-/** Deletes the brokers when the process ends by return from main or by exit. */
-struct SingletonInstancesRemover {
-    ~SingletonInstancesRemover() { BrokerLifecycle::instance().deleteAllAtExit(); }
-};
 
 }  // namespace
 
@@ -169,7 +165,7 @@ void BrokerLifecycle::awaitCreation() {
 
 TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
     process_ = getpid();
-    static SingletonInstancesRemover const remover;
+    InterfaceRepository::instance()->keepForBrokers_();
     std::unique_ptr<TreflectORB> orb;
     try {
         orb.reset(new TreflectORB(ns));
@@ -211,8 +207,7 @@ void BrokerLifecycle::deleteAll() {
 }
 
 void BrokerLifecycle::deleteAllAtExit() {
-    exiting_ = true;
-    if (isForkedChild())
+    if (exiting_.exchange(true) || isForkedChild())
         return;
     OSWrap::DisableCancelStateGuard const noCancel;
     while (TreflectORB::hasRunPermission())

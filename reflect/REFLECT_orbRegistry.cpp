@@ -6,6 +6,7 @@
 #include "handler_threads/TreflectHandlerState.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
+#include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectOrbParts.h"
 #include "transport/TransportLayer.h"
 
@@ -46,6 +47,7 @@ bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
     TreflectHandlerState const handlerState(true);
     if (parts_->retired)
         return false;
+    InterfaceRepository::instance()->keepForBrokers_();
     parts_->objects.add(*object);
     return true;
 }

@@ -1,16 +1,22 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <vector>
 
 #include "oswrap/Export.h"
+#include "oswrap/Mutex.h"
 
 class TreflectMetaObject;
 
 /**
  * The process's meta objects by class id. Made on first use and never destroyed, so that meta
- * objects may be static objects. `instance` may be called by any thread; the rest takes no lock:
- * classes are registered while the program starts and found under the run permission.
+ * objects may be static objects. Any thread, but for what a meta object itself demands: it is
+ * completed, used and, once the program's work has begun, destroyed under the run permission.
+ *
+ * A shared object that is opened while the program runs may bring a meta object of its own for a
+ * class that is known already. The first one stays; when the shared object is closed, the one that
+ * is left is found again.
  */
 class REFLECTORB_API InterfaceRepository {
 public:
@@ -26,9 +32,33 @@ public:
     /** All class ids, in ascending order. */
     std::vector<unsigned int> getIfIds() const;
 
+    /** For the library: has the brokers deleted at the exit of the process before any meta object
+     * that has been built by now is destroyed. Does nothing as long as there is no broker. */
+    void keepForBrokers_();
+
 private:
+    friend class TreflectMetaObject;
+
     InterfaceRepository() = default;
     ~InterfaceRepository() = delete;
 
-    std::map<unsigned int, TreflectMetaObject*> interfaces_;  // not owned
+    bool isBuilt(TreflectMetaObject const* metaObject) const;
+    /** A meta object is there, and is linked to those that have been waiting for it. */
+    void built(TreflectMetaObject* metaObject);
+    /** A meta object goes: nobody keeps a pointer to it. */
+    void destroyed(TreflectMetaObject* metaObject);
+    /** Links a meta object to its base, now or as soon as the base is built. */
+    void link(TreflectMetaObject* derived, TreflectMetaObject* base);
+    /** The one that takes the place of a meta object which goes with its shared object; or null. */
+    TreflectMetaObject* successorOf(TreflectMetaObject const* metaObject) const
+        OSW_REQUIRES(mutex_);
+
+    mutable OSWrap::Mutex mutex_;  // a leaf lock
+    // None is owned.
+    std::map<unsigned int, TreflectMetaObject*> interfaces_ OSW_GUARDED_BY(mutex_);
+    /** All that are there, in the order in which they were built. */
+    std::vector<TreflectMetaObject*> built_ OSW_GUARDED_BY(mutex_);
+    /** By bases that are yet to be built, those that are derived from them. */
+    std::multimap<TreflectMetaObject const*, TreflectMetaObject*> awaited_ OSW_GUARDED_BY(mutex_);
+    std::atomic<bool> unkept_{true};  // keepForBrokers_ has something to do
 };

@@ -17,9 +17,9 @@ public:
 
     /** Number of elements: 1, but for array and sequence attributes. */
     int constLength() const { return constLength_; }
-    /** Null only if made without. */
+    /** Null only if made without, or when the class that declares it has gone. */
     TreflectMetaOperation const* metaOperGet() const { return get_; }
-    /** Null when the attribute is read-only. */
+    /** Null when the attribute is read-only; likewise. */
     TreflectMetaOperation const* metaOperSet() const { return set_; }
     /** The class of the value, when that is itself a reflective object; else null. */
     TreflectMetaObject* typeMeta() const { return typeMeta_; }
@@ -34,10 +34,16 @@ protected:
                           int constLength);
 
 private:
+    friend class TreflectMetaObject;
+
+    /** Drops what leads to a class that goes. */
+    void forget(TreflectMetaObject const& gone);
+
     int const constLength_;
-    std::string typeName_;  // fixed once the class is complete, as is typeMeta_
-    TreflectMetaOperation const* const get_;
-    TreflectMetaOperation const* const set_;
+    // Fixed once the class is complete, but for classes that go; guarded by the run permission.
+    std::string typeName_;
+    TreflectMetaOperation const* get_;
+    TreflectMetaOperation const* set_;
     TreflectMetaObject* typeMeta_ = nullptr;
 };
 

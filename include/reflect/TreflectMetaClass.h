@@ -54,7 +54,8 @@ public:
     };
 
     /** Names are literals, or live as long as the meta object. Bases are not owned; they come most
-     * important first. */
+     * important first. A base, or the class of a value, may be a static object of another file that
+     * is built later: the class has its members once all its bases are built. */
     TreflectMetaClass(std::string const& name, unsigned int classId,
                       std::vector<TreflectMetaClass const*> bases,
                       std::vector<Operation> operations, std::vector<Attribute> attributes = {});
@@ -68,14 +69,20 @@ protected:
     void completeMetaInformation() override;
 
 private:
-    void registerContainers();
+    void collectIds();
+    void registerMembers();
+    void registerAttributes();
     void describeParameters();
-    void describeTypes();
-    /** Depth first; a base stands there once for each way that leads to it. */
-    void appendIds(std::vector<unsigned int>& ids) const;
+    /** False when the class of a value is not there. */
+    bool describeTypes();
 
     std::vector<TreflectMetaClass const*> const bases_;
     std::vector<Operation> const operations_;
     std::vector<Attribute> const attributes_;
-    mutable bool completed_ = false;  // guarded by the run permission
+    // Fixed once all bases have been built, which is before the program's work begins.
+    std::vector<unsigned int> ids_;
+    bool knowsBases_ = false;
+    // Guarded by the run permission.
+    bool completed_ = false;
+    bool typed_ = false;
 };

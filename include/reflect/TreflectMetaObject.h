@@ -38,8 +38,9 @@ public:
 
     /** Enters the repository. */
     TreflectMetaObject(std::string const& name, unsigned int classId);
-    /** Leaves the repository and deletes its members; bases and derived classes stay, and no longer
-     * know of it. */
+    /** Leaves the repository and deletes its members; bases and derived classes stay, and nobody
+     * knows of it any more: attributes of derived classes that were read by an operation of this
+     * one cannot be read, and those whose values were of this class tell no class. */
     virtual ~TreflectMetaObject();
     TreflectMetaObject(TreflectMetaObject const&) = delete;
     TreflectMetaObject& operator=(TreflectMetaObject const&) = delete;
@@ -64,7 +65,8 @@ public:
     /** Direct bases and direct derived classes. */
     std::set<TreflectMetaObject*> const& parents() const { return parents_; }
     std::set<TreflectMetaObject*> const& children() const { return children_; }
-    /** Makes `base` a base of this class; true. Not owned. */
+    /** Makes `base` a base of this class; true. Not owned. One that is yet to be built, as a static
+     * object of another file may be, becomes one when it is. */
     bool registerParent(TreflectMetaObject* base);
     /** The other half of registerParent, which calls it; true. */
     bool registerChild(TreflectMetaObject* derived);
@@ -99,10 +101,17 @@ protected:
     TreflectMetaOperation const* getOperationOf(std::string const& attribute) const;
     /** Completes another meta object, such as a base. */
     static void complete(TreflectMetaObject& other) { other.completeMetaInformation(); }
+    /** Whether a meta object is there: built already and not destroyed. Looks at its address only.
+     */
+    static bool isBuilt(TreflectMetaObject const* metaObject);
 
 private:
     friend class InterfaceRepository;
     friend class TreflectAttribute;
+
+    void linkTo(TreflectMetaObject* base);
+    /** Drops what leads to a meta object that goes. */
+    void forget(TreflectMetaObject const& gone);
 
     std::string const name_;
     unsigned int const classId_;

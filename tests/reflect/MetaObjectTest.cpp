@@ -1,4 +1,5 @@
 // Classes as they are described at run time, and the repository that finds them by their ids.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,8 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "ChildProgram.h"
+#include "ClassPlugin.h"
 #include "LogCapture.h"
 #include "ReflectiveClasses.h"
+#include "TestPrograms.h"
 
 namespace {
 
@@ -277,5 +281,109 @@ TEST(MetaClass, CompletesItsBasesAndTheClassesOfItsValues) {
                 ElementsAre(std::make_pair("out0", "Value")));
     EXPECT_EQ(log.count("no get operation registered"), 1u);
 }
+
+TEST(MetaClass, RegistersAttributesInTheOrderOfItsTable) {
+    testsupport::LogCapture const log;
+    using Attribute = TreflectMetaClass::Attribute;
+    TreflectMetaClass const meta(
+        "Class", kId, {}, {{"getA", 1}, {"getB", 2}, {"getC", 3}},
+        {"C", {"A", Attribute::kArray, 2}, {"Absent", Attribute::kArray, 2}, "B"});
+    find(kId);
+    EXPECT_THAT(attributesOf(meta), ElementsAre("A", "C"));
+}
+
+TEST(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
+    testsupport::LogCapture const log;
+    // Memory of static objects that are yet to be built.
+    struct Unbuilt {
+        alignas(TreflectMetaClass) unsigned char memory[sizeof(TreflectMetaClass)] = {};
+        TreflectMetaClass& at() { return reinterpret_cast<TreflectMetaClass&>(memory); }
+    };
+    Unbuilt top;
+    Unbuilt base;
+    Unbuilt value;
+    TreflectMetaClass const meta("Class", kId, {&base.at(), &deviceMeta}, {{"getV", 1}},
+                                 {{"V", value.at()}, "X"});
+    EXPECT_THAT(idsOf(meta), ElementsAre(kId, device::kClass));
+    ASSERT_EQ(find(kId), &meta);
+    EXPECT_EQ(meta.metaOperation_("getV"), nullptr) << "not before it knows its bases";
+
+    auto const* const built =
+        new (base.memory) TreflectMetaClass("Base", kId + 1, {&top.at()}, {{"getX", 2}});
+    find(kId);
+    EXPECT_EQ(meta.metaOperation_("getX"), nullptr);
+    auto const* const builtTop = new (top.memory) TreflectMetaClass("Top", kId + 2, {}, {});
+    EXPECT_THAT(idsOf(meta), ElementsAre(kId, kId + 1, kId + 2, device::kClass));
+    find(kId);
+    EXPECT_TRUE(meta.isA(builtTop));
+    EXPECT_THAT(attributesOf(meta), ElementsAre("V", "X", "Name"));
+    EXPECT_EQ(meta.metaAttribute("V")->typeMeta(), nullptr);
+    auto const* const builtValue = new (value.memory) TreflectMetaClass("Value", kId + 3, {}, {});
+    find(kId);
+    EXPECT_EQ(meta.metaAttribute("V")->typeMeta(), builtValue);
+    EXPECT_EQ(log.records().size(), 0u);
+    for (TreflectMetaClass const* const gone : {builtValue, built, builtTop})
+        gone->~TreflectMetaClass();
+}
+
+/** What is left of a class whose base and the class of whose value have gone. */
+void expectStandsAlone(TreflectMetaClass const& meta, std::vector<unsigned int> const& ids) {
+    EXPECT_EQ(idsOf(meta), ids) << "its objects are what they were";
+    EXPECT_THAT(meta.parents(), IsEmpty());
+    TreflectMetaAttribute const* const attribute = meta.metaAttribute("V");
+    ASSERT_TRUE(attribute);
+    EXPECT_EQ(attribute->metaOperGet(), nullptr);
+    EXPECT_EQ(attribute->metaOperSet(), nullptr);
+    EXPECT_EQ(attribute->typeMeta(), nullptr);
+    EXPECT_EQ(TreflectAttribute(attribute, nullptr).constLength(), 1);
+}
+
+TEST(MetaClass, StandsAloneWhenItsBaseHasGone) {
+    auto base = std::make_unique<TreflectMetaClass>(
+        "Base", kId + 1, std::vector<TreflectMetaClass const*>{},
+        std::vector<TreflectMetaClass::Operation>{{"getV", 1}, {"setV", 2}});
+    TreflectMetaClass const meta("Class", kId, {base.get()}, {}, {{"V", *base}});
+    find(kId);
+    EXPECT_EQ(meta.metaAttribute("V")->metaOperSet()->id(), 2);
+    base.reset();
+    expectStandsAlone(meta, {kId, kId + 1});
+}
+
+// ---- Classes of shared objects -----------------------------------------------------------------
+
+TEST(MetaClass, OfASharedObjectGoesWithItAndLeavesThatOfTheProgram) {
+    testsupport::LogCapture const log;
+    std::string const file = testsupport::programCommand("class_plugin").back();
+    TreflectMetaClass const own("Plugged", plugin::kClass, {}, {{"getV", 1}});
+    void* const opened = dlopen(file.c_str(), RTLD_NOW);
+    ASSERT_TRUE(opened) << dlerror();
+    EXPECT_EQ(find(plugin::kClass), &own);
+    TreflectMetaObject const* const brought = find(plugin::kFurtherClass);
+    ASSERT_TRUE(brought);
+    EXPECT_TRUE(brought->metaAttribute("V")->metaOperGet());
+    auto const& base = dynamic_cast<TreflectMetaClass const&>(*brought);
+    TreflectMetaClass const derived("Derived", kId, {&base}, {}, {{"V", base}});
+    find(kId);
+    EXPECT_EQ(derived.metaAttribute("V")->typeMeta(), &base);
+
+    EXPECT_EQ(dlclose(opened), 0);
+    EXPECT_EQ(dlopen(file.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
+    EXPECT_EQ(find(plugin::kClass), &own) << "it is back";
+    EXPECT_EQ(find(plugin::kFurtherClass), nullptr);
+    expectStandsAlone(derived, {kId, plugin::kFurtherClass, plugin::kClass});
+}
+
+/** The order in which the files of a program are linked decides which of their static objects are
+ * built first. */
+class OfSeveralFiles : public testing::TestWithParam<char const*> {};
+
+TEST_P(OfSeveralFiles, AreThereFromTheFirstCallToTheLast) {
+    testsupport::ChildProgram child(GetParam());
+    EXPECT_EQ(child.exitCode(), 0);
+    EXPECT_TRUE(child.waitForLine("ids right"));
+}
+
+INSTANTIATE_TEST_SUITE_P(ClassTables, OfSeveralFiles,
+                         testing::Values("class_tables_late", "class_tables_early"));
 
 }  // namespace

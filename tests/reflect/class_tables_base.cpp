@@ -1,0 +1,3 @@
+#include "ClassTables.h"
+
+TreflectMetaClass const tableBase("Base", table::kBase, {}, {{"getX", 1}});

@@ -1,0 +1,3 @@
+#include "ClassTables.h"
+
+TreflectMetaClass const tableDerived("Derived", table::kDerived, {&tableBase}, {}, {"X"});
