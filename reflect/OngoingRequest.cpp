@@ -237,6 +237,7 @@ bool OngoingRequest::reset(Response& response, bool deliver, PermissionWaiter*& 
     if (!deliver)
         return false;
     bool const wake = response != nullptr;
+    deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     response.reset(exchange(response.release()));
     if (wake)
         waiter = std::exchange(waiter_, nullptr);

@@ -60,6 +60,9 @@ public:
     /** Whether something has been delivered. Owner's thread. */
     bool delivered() const { return response_.load(std::memory_order_acquire) != nullptr; }
 
+    /** How often something has been delivered. Any thread. */
+    unsigned int deliveries() const { return deliveries_.load(std::memory_order_acquire); }
+
     /** Delivers it if the record still waits for that transaction, else deletes it. */
     void reset(TreflectMessage* response, unsigned int transactionId);
     /** The same if the record's request went to `target`. */
@@ -105,6 +108,7 @@ private:
     /// Null: nothing yet; disconnected(); else an owned message. Written under condition_, polled
     /// by the owner without it.
     std::atomic<TreflectMessage*> response_{nullptr};
+    std::atomic<unsigned int> deliveries_{0};  // written under condition_
     /// The owner's entry for the queue of the run permission while it sleeps: whoever delivers
     /// takes it out of here and queues it.
     handlerthreads::PermissionWaiter* waiter_ OSW_GUARDED_BY(condition_) = nullptr;

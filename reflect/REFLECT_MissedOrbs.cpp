@@ -6,12 +6,11 @@
 #include "reflect/TreflectObject.h"
 
 void TreflectMissedOrbs::start(std::list<Transport::TerminationId>& members) {
-    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
     OSWrap::Lock<> const lock(mutex_);
     missed_.clear();
     addressed_.clear();
     for (Transport::TerminationId const& member : members)
-        addressed_.insert(orb ? orb->convertId(member) : TreflectOrbId());
+        addressed_.insert(orb_.convertId(member));
 }
 
 void TreflectMissedOrbs::add(TreflectOrbId const& id) {
@@ -41,13 +40,9 @@ void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer
         missed = missed_;
     }
     TreflectHandlerState const handlerState(true);
-    TreflectORB* const orb = TreflectORB::getInstance(NSID_UNIT);
-    if (!orb)
-        return;
+    auto const kind = forCreations_ ? TreflectORB::Kind::creation : TreflectORB::Kind::deletion;
     for (TreflectOrbId const& id : missed) {
-        if (!forCreations_)
-            orb->registerForODN(classId, &id);
-        else if (!orb->catchUp_(classId, observer, plusExisting, id))
+        if (!orb_.catchUp_(kind, classId, observer, plusExisting, id))
             return;
     }
 }

@@ -107,6 +107,25 @@ void TreflectOrbObserver::notify(Transport::TerminationId const& broker, Appear_
     Guard const lock(appearanceSignal_);
     appearances_.push_back({broker, what});
     appearanceSignal_.signal();
+    auto const arriving = arriving_.find(broker);
+    if (what == TreflectOrbObserverIf::kDisappear && arriving != arriving_.end())
+        arriving->second = true;
+}
+
+void TreflectOrbObserver::beginArrival(Transport::TerminationId const& broker) {
+    Guard const lock(appearanceSignal_);
+    arriving_[broker] = false;
+}
+
+void TreflectOrbObserver::endArrival(Transport::TerminationId const& broker) {
+    Guard const lock(appearanceSignal_);
+    auto const arriving = arriving_.find(broker);
+    bool const gone = arriving != arriving_.end() && arriving->second;
+    arriving_.erase(broker);
+    if (gone)
+        return;
+    appearances_.push_back({broker, TreflectOrbObserverIf::kAppear});
+    appearanceSignal_.signal();
 }
 
 void TreflectOrbObserver::appeared() {
@@ -195,10 +214,14 @@ bool TreflectOrbObserver::subscribe(TreflectOrbObserverIf* observer, Appear_t co
     return true;
 }
 
+// The departure of one that is there now cannot have been told before.
 void TreflectOrbObserver::notifyExistingOrbs(TreflectOrbObserverIf* observer) {
-    for (Transport::TerminationId const& broker :
-         Transport::TransportLayer::instance().getTerminations())
-        tell(observer, {broker, TreflectOrbObserverIf::kAppear});
+    auto& transport = Transport::TransportLayer::instance();
+    for (Transport::TerminationId const& broker : transport.getTerminations()) {
+        TreflectHandlerState const handlerState(true);
+        if (transport.exists(broker))
+            tell(observer, {broker, TreflectOrbObserverIf::kAppear});
+    }
 }
 
 void TreflectOrbObserver::unsubscribe(TreflectOrbObserverIf const* observer) {

@@ -21,7 +21,7 @@ TreflectORB::TreflectORB(NamespaceId const& ns)
     : TerminationImpl(OrbIdentity(TreflectOrbId()).groupOf(ns), ""),
       namespace_(ns),
       orbId_(OrbIdentity(TreflectOrbId()).toOrbId(termId())),
-      parts_(std::make_unique<Parts>(firstTransactionSeed(orbId_))) {
+      parts_(std::make_unique<Parts>(*this, firstTransactionSeed(orbId_))) {
     REFLECTORB_LOG(
         5, "REFLECT_orb", "ORB created for actor %s with OrbId 0x%X, TerminationId 0x%08X",
         Transport::IdInfo::instance().getActor().c_str(), orbId_.value(), termId().value());

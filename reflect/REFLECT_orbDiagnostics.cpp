@@ -161,18 +161,18 @@ struct TreflectORB::ClassTotals {
 
 TreflectORB::ClassTotals TreflectORB::classTotals_() const {
     TreflectHandlerState const handlerState(true);
-    auto const total = [&](auto MetaData::*member) {
-        std::size_t sum = 0;
-        for (auto const& entry : parts_->classes)
-            sum += (entry.second.*member).size();
-        return static_cast<int>(sum);
-    };
-    return {parts_->classes.size(),
-            total(&MetaData::creationObservers),
-            total(&MetaData::deletionObservers),
-            total(&MetaData::objects),
-            total(&MetaData::remoteCreationObservers),
-            total(&MetaData::remoteDeletionObservers)};
+    ClassTotals totals{};
+    totals.records = parts_->classes.size();
+    auto const add = [](int& total, auto const& some) { total += static_cast<int>(some.size()); };
+    for (auto const& entry : parts_->classes) {
+        MetaData const& record = entry.second;
+        add(totals.creationObservers, record.creations.observers);
+        add(totals.deletionObservers, record.deletions.observers);
+        add(totals.objects, record.objects);
+        add(totals.remoteCreationObservers, record.creations.subscribers);
+        add(totals.remoteDeletionObservers, record.deletions.subscribers);
+    }
+    return totals;
 }
 
 // What needs no permission comes first: it is told even when somebody keeps the permission.

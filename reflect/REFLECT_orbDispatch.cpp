@@ -11,6 +11,7 @@
 #include "reflect/ContainErrors.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectOrbParts.h"
+#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -92,6 +93,7 @@ private:
     void serveDeletionSubscription();
     void serveCancellation();
     void serveCounterQuery();
+    void serveArrival();
     bool isReadable(unsigned int classId) const;
     void answer(TipprmiStream& response);
     int callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
@@ -136,6 +138,12 @@ void TreflectORB::IncomingMessage::serve() {
         case TreflectMessage::tPerfCounters:
             serveCounterQuery();
             break;
+        case TreflectMessage::tOrbAppeared:
+            if (message_.originator() == orb_.termId()) {
+                serveArrival();
+                break;
+            }
+            [[fallthrough]];
         default:
             REFLECTORB_LOG(3, "REFLECT_orb",
                            "ORB 0x%08X received request of unknown type (rorg=%X, rdes=%X)",
@@ -160,10 +168,10 @@ void TreflectORB::IncomingMessage::serveNotice() {
     request_ >> classId >> object;
     TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     if (isReadable(classId)) {
-        if (message_.type() == TreflectMessage::tOCN)
-            orb_.gotCreation(classId, object);
-        else
+        if (message_.type() == TreflectMessage::tODN)
             orb_.gotDeletion(classId, object);
+        else if (Transport::TransportLayer::instance().exists(message_.originator()))
+            orb_.gotCreation(classId, object);
     }
     answer(response);
 }
@@ -205,6 +213,13 @@ void TreflectORB::IncomingMessage::serveCounterQuery() {
     PerfCntInfo const info = orb_.takePerfCnts_();
     response << info.actor << info.counters;
     answer(response);
+}
+
+/** What this broker has queued for itself, since the newcomer may take its time to answer. */
+void TreflectORB::IncomingMessage::serveArrival() {
+    unsigned int newcomer = 0;
+    request_ >> newcomer;
+    orb_.catchUpWith_(Transport::TerminationId(newcomer));
 }
 
 /** Whether a message about a class was complete; one that was not is answered and ignored. */

@@ -12,10 +12,6 @@
 
 namespace {
 
-void erase(std::vector<TreflectObserver*>& observers, TreflectObserver const& observer) {
-    observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
-}
-
 bool contains(std::vector<unsigned int> const& ids, unsigned int id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
@@ -47,75 +43,57 @@ TreflectORB::MetaData& TreflectORB::getMetaData(unsigned int classId) const {
 
 // ---- Telling observers of this process ---------------------------------------------------------
 
-/** The first observer of a class that is not among those told already, or null. */
-TreflectObserver* TreflectORB::nextObserver_(unsigned int classId, Observers MetaData::*observers,
-                                             std::set<TreflectObserver*> const& told) const {
-    auto const record = parts_->classes.find(classId);
-    if (record == parts_->classes.end())
-        return nullptr;
-    for (TreflectObserver* const observer : record->second.*observers) {
-        if (told.count(observer) == 0)
-            return observer;
-    }
-    return nullptr;
-}
-
-// A callback may change the list, so it is walked anew after each. Those who keep the notice are
-// told by their own registration, although they may be in the list before the walk has reached its
-// end.
-void TreflectORB::tell_(unsigned int classId, Observers MetaData::*observers,
-                        TreflectObject const& object, std::set<TreflectObserver*> told) {
-    while (TreflectObserver* const observer = nextObserver_(classId, observers, told)) {
-        told.insert(observer);
-        tellOne_(*observer, object);
-    }
-}
-
 void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
-    std::set<TreflectObserver*> keepers;
-    if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
-        MetaData const& record = found->second;
-        for (Registration* const registration : record.creationRegistrations)
-            keepers.insert(registration->noticed(object, record.creationObservers));
-    }
-    tell_(classId, &MetaData::creationObservers, object, std::move(keepers));
+    auto const found = parts_->classes.find(classId);
+    if (found == parts_->classes.end())
+        return;
+    MetaData& record = found->second;
+    for (Registration* const registration : record.creations.registrations)
+        registration->back(placeOf(object));
+    tellAll_(Kind::creation, record, object, {});
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
     TreflectHandlerState const handlerState(true);
-    std::set<TreflectObserver*> keepers;
-    if (auto const found = parts_->classes.find(classId); found != parts_->classes.end()) {
-        MetaData const& record = found->second;
-        for (Registration* const registration : record.creationRegistrations)
-            registration->gone(object);
-        for (Registration* const registration : record.deletionRegistrations)
-            keepers.insert(registration->noticed(object, record.deletionObservers));
-    }
-    tell_(classId, &MetaData::deletionObservers, object, std::move(keepers));
+    auto const found = parts_->classes.find(classId);
+    if (found == parts_->classes.end())
+        return;
+    found->second.gone(placeOf(object));
+    tellAll_(Kind::deletion, found->second, object, {});
 }
 
 // ---- Observers come and go ---------------------------------------------------------------------
 
 bool TreflectORB::observeCreations(unsigned int const& classId, TreflectObserver& observer,
                                    bool plusExisting) {
+    return observe_(Kind::creation, classId, observer, plusExisting);
+}
+
+bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
+    return observe_(Kind::deletion, classId, observer, false);
+}
+
+bool TreflectORB::observe_(Kind kind, unsigned int classId, TreflectObserver& observer,
+                           bool plusExisting) {
     TreflectHandlerState const handlerState(true);
     if (parts_->retired)
         return false;
     MetaData& record = getMetaData(classId);
-    Registration registration(record.creationRegistrations, &observer);
+    Registration registration(*this, record, kind, &observer);
     if (plusExisting)
         tellExisting_(record, registration);
-    std::vector<TreflectObject> remoteExisting;
-    if (record.creationObservers.empty() || plusExisting) {
+    std::vector<TreflectObject> existing;
+    if (record.side(kind).observers.empty() || plusExisting) {
         SubscribingLock const lock(record.subscribing);
-        registerForOCN(classId, plusExisting ? &remoteExisting : nullptr, nullptr);
+        subscribeAtAll_(kind, classId, plusExisting ? &existing : nullptr, &registration);
     }
-    for (TreflectObject const& object : remoteExisting)
+    for (TreflectObject const& object : existing)
         registration.tell(object);
-    registration.enter(record.creationObservers);
-    if (!registration.ended() && !parts_->missedCreations.empty())
-        parts_->missedCreations.notify(classId, observer, plusExisting);
+    registration.enter();
+    TreflectMissedOrbs& missed = parts_->missed(kind);
+    if (!registration.ended() && !missed.empty())
+        missed.notify(classId, observer, plusExisting);
     return true;
 }
 
@@ -128,53 +106,37 @@ void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
         if (next == record.objects.end() || registration.ended())
             return;
         last = *next;
+        auto const& deletions = record.deletions.publications;
+        if (std::any_of(deletions.begin(), deletions.end(),
+                        [&](auto const* deletion) { return deletion->isOf(last); }))
+            continue;
         TreflectObject object;
         object.share_(*last->getClient());
         registration.tell(object);
     }
 }
 
-bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
-    TreflectHandlerState const handlerState(true);
-    if (parts_->retired)
-        return false;
-    MetaData& record = getMetaData(classId);
-    Registration registration(record.deletionRegistrations, &observer);
-    if (record.deletionObservers.empty()) {
-        SubscribingLock const lock(record.subscribing);
-        registerForODN(classId, nullptr);
-    }
-    registration.enter(record.deletionObservers);
-    if (!registration.ended() && !parts_->missedDeletions.empty())
-        parts_->missedDeletions.notify(classId, observer, false);
-    return true;
-}
-
 void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& observer) {
     TreflectHandlerState const handlerState(true);
     MetaData& record = getMetaData(classId);
-    auto const leave = [&](Observers& observers, Registration::UnderWay& underWay,
-                           void (TreflectORB::*cancel)(unsigned int)) {
-        erase(observers, observer);
-        for (Registration* const registration : underWay) {
-            if (registration->isOf(observer))
-                registration->end();
-        }
-        if (!isUnobserved_(observers, underWay))
-            return;
-        SubscribingLock const lock(record.subscribing);
-        if (isUnobserved_(observers, underWay))
-            (this->*cancel)(classId);
-    };
-    leave(record.creationObservers, record.creationRegistrations, &TreflectORB::unregisterFromOCN);
-    leave(record.deletionObservers, record.deletionRegistrations, &TreflectORB::unregisterFromODN);
+    record.forget(observer);
+    record.creations.forget(observer);
+    cancelUnlessObserved_(Kind::creation, classId);
+    record.deletions.forget(observer);
+    cancelUnlessObserved_(Kind::deletion, classId);
 }
 
-bool TreflectORB::isUnobserved_(Observers const& observers,
-                                std::list<Registration*> const& underWay) {
-    return observers.empty() &&
-           std::all_of(underWay.begin(), underWay.end(),
-                       [](Registration const* registration) { return registration->ended(); });
+void TreflectORB::cancelUnlessObserved_(Kind kind, unsigned int classId) {
+    MetaData& record = getMetaData(classId);
+    if (record.side(kind).isObserved())
+        return;
+    SubscribingLock const lock(record.subscribing);
+    if (record.side(kind).isObserved())
+        return;
+    if (kind == Kind::creation)
+        unregisterFromOCN(classId);
+    else
+        unregisterFromODN(classId);
 }
 
 void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
@@ -182,32 +144,22 @@ void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
         TreflectORB const* const orb = instance.load(std::memory_order_acquire);
         if (!orb)
             continue;
-        for (auto& entry : orb->parts_->classes) {
-            MetaData& record = entry.second;
-            erase(record.creationObservers, observer);
-            erase(record.deletionObservers, observer);
-            endRegistrations_(record, &observer);
-        }
-    }
-}
-
-/** Of one observer, or all when null. */
-void TreflectORB::endRegistrations_(MetaData& record, TreflectObserver const* observer) {
-    for (auto* const underWay : {&record.creationRegistrations, &record.deletionRegistrations}) {
-        for (Registration* const registration : *underWay) {
-            if (!observer || registration->isOf(*observer))
-                registration->end();
-        }
+        for (auto& entry : orb->parts_->classes)
+            entry.second.forgetDestroyed(observer);
     }
 }
 
 // Observers and objects that are destroyed from now on do not find this broker any more.
 void TreflectORB::forgetAllObservers_() {
     for (auto& entry : parts_->classes) {
-        entry.second.creationObservers.clear();
-        entry.second.deletionObservers.clear();
-        endRegistrations_(entry.second, nullptr);
+        for (Kind const kind : {Kind::creation, Kind::deletion}) {
+            MetaData::Side& side = entry.second.side(kind);
+            side.observers.clear();
+            for (Registration* const registration : side.registrations)
+                registration->end();
+        }
         entry.second.objects.clear();
+        entry.second.newcomersObjects.clear();
     }
 }
 
@@ -240,53 +192,61 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
                                  TreflectOrbId const* only) {
     if (existing)
         existing->clear();
-    MetaData& record = getMetaData(classId);
-    std::list<Transport::TerminationId> targets;
     if (only)
-        targets.push_back(convertId(*only));
+        subscribeAt_(Kind::creation, classId, existing, nullptr, convertId(*only));
     else
-        parts_->missedCreations.start(targets = group_());
-    for (Transport::TerminationId const& target : targets) {
-        if (target == termId() || !mayServe_(target, classId))
-            continue;
-        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-        request.msg().type(TreflectMessage::tOCNSubscribe);
-        request << classId << (existing != nullptr);
-        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-        TreflectOrbId const id = convertId(target);
-        for (Registration* const registration : record.creationRegistrations)
-            registration->asks(id);
-        record.creationsAt.insert(id);
-        if (!forwardMsg_(target, true, request.msg(), response)) {
-            record.creationsAt.erase(id);
-            continue;
-        }
-        TipprmiSequence<TreflectObject, 0u> objects;
-        response >> objects;
-        // Copies that look for nothing.
-        for (unsigned int i = 0; existing && i < objects.getLength(); ++i)
-            existing->emplace_back().share_(objects[i]);
-        learnClasses_(target, response);
-    }
+        subscribeAtAll_(Kind::creation, classId, existing, nullptr);
 }
 
 void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only) {
-    MetaData& record = getMetaData(classId);
-    std::list<Transport::TerminationId> targets;
     if (only)
-        targets.push_back(convertId(*only));
+        subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(*only));
     else
-        parts_->missedDeletions.start(targets = group_());
-    for (Transport::TerminationId const& target : targets) {
-        if (target == termId() || !mayServe_(target, classId))
-            continue;
-        TipprmiStream response(allocateResponse(allocateRequest(0), Parts::kResponseSize), true);
-        record.deletionsAt.insert(convertId(target));
-        if (sendClassId_(TreflectMessage::tODNSubscribe, classId, target, response))
-            learnClasses_(target, response);
-        else
-            record.deletionsAt.erase(convertId(target));
-    }
+        subscribeAtAll_(Kind::deletion, classId, nullptr, nullptr);
+}
+
+void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
+                                  std::vector<TreflectObject>* existing, Registration* asking) {
+    std::list<Transport::TerminationId> targets = group_();
+    parts_->missed(kind).start(targets);
+    for (Transport::TerminationId const& target : targets)
+        subscribeAt_(kind, classId, existing, asking, target);
+}
+
+/** What exists there is added to `existing`, if given. False when the broker was not asked, or did
+ * not answer. */
+bool TreflectORB::subscribeAt_(Kind kind, unsigned int classId,
+                               std::vector<TreflectObject>* existing, Registration* asking,
+                               Transport::TerminationId const& target) {
+    if (target == termId() || !mayServe_(target, classId))
+        return false;
+    TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
+    request.msg().type(kind == Kind::creation ? TreflectMessage::tOCNSubscribe
+                                              : TreflectMessage::tODNSubscribe);
+    request << classId;
+    if (kind == Kind::creation)
+        request << (existing != nullptr);
+    TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
+    if (asking)
+        asking->asks(convertId(target));
+    if (!forwardMsg_(target, true, request.msg(), response))
+        return false;
+    if (kind == Kind::creation)
+        readExisting_(response, target, existing);
+    bool const readable = !response.hasUnmarshallingFailed();
+    learnClasses_(target, response);
+    return readable;
+}
+
+// Copies that look for nothing. What one that has gone while it answered had is not news.
+void TreflectORB::readExisting_(TipprmiStream& response, Transport::TerminationId const& target,
+                                std::vector<TreflectObject>* existing) {
+    TipprmiSequence<TreflectObject, 0u> objects;
+    response >> objects;
+    if (!existing || !Transport::TransportLayer::instance().exists(target))
+        return;
+    for (unsigned int i = 0; i < objects.getLength(); ++i)
+        existing->emplace_back().share_(objects[i]);
 }
 
 void TreflectORB::unregisterFromOCN(unsigned int classId) {
@@ -297,34 +257,26 @@ void TreflectORB::unregisterFromODN(unsigned int classId) {
     cancel_(TreflectMessage::tODNUnsubscribe, classId);
 }
 
-// Of either kind, it ends both.
 void TreflectORB::cancel_(TreflectMessage::type_t type, unsigned int classId) {
-    getMetaData(classId).creationsAt.clear();
-    getMetaData(classId).deletionsAt.clear();
     for (Transport::TerminationId const& member : group_()) {
         if (member == termId())
             continue;
-        TipprmiStream response(allocateResponse(allocateRequest(0), Parts::kResponseSize), true);
-        if (!sendClassId_(type, classId, member, response))
+        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
+        request.msg().type(type);
+        request << classId;
+        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
+        if (!forwardMsg_(member, true, request.msg(), response))
             REFLECTORB_LOG(3, "REFLECT_orb", "could not unregister from 0x%X", member.value());
     }
 }
 
-bool TreflectORB::sendClassId_(TreflectMessage::type_t type, unsigned int classId,
-                               Transport::TerminationId const& target, TipprmiStream& response) {
-    TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-    request.msg().type(type);
-    request << classId;
-    return forwardMsg_(target, true, request.msg(), response);
-}
-
 // ---- Brokers come up ---------------------------------------------------------------------------
 
-bool TreflectORB::catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
-                           TreflectOrbId const& id) {
-    Registration registration(getMetaData(classId).creationRegistrations, &observer);
+bool TreflectORB::catchUp_(Kind kind, unsigned int classId, TreflectObserver& observer,
+                           bool plusExisting, TreflectOrbId const& id) {
+    Registration registration(*this, getMetaData(classId), kind, &observer);
     std::vector<TreflectObject> existing;
-    registerForOCN(classId, plusExisting ? &existing : nullptr, &id);
+    subscribeAt_(kind, classId, plusExisting ? &existing : nullptr, &registration, convertId(id));
     for (TreflectObject const& object : existing)
         registration.tell(object);
     return !registration.ended();
@@ -346,24 +298,51 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
         for (unsigned int const classId : next)
             catchUpClass_(classId, id);
     }
+    if (!Transport::TransportLayer::instance().exists(convertId(id)))
+        return;
+    parts_->caughtUpWith.insert(id);
+    for (auto& entry : parts_->classes)
+        eraseThoseAt(id, entry.second.newcomersObjects);
 }
 
 // For those on their way into the lists too: the subscription that they wait for may have left
-// before the broker came up. One that it has reached, before its arrival was told, is not asked
-// again what it has: its objects would be told twice.
+// before the broker came up. One that it has reached is asked again, for the sake of those who were
+// there before; nobody is told again of what it was told already.
 void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     MetaData& record = getMetaData(classId);
-    if (!isUnobserved_(record.creationObservers, record.creationRegistrations) &&
-        record.creationsAt.count(id) == 0) {
-        Registration catchingUp(record.creationRegistrations, nullptr);
+    if (record.creations.isObserved()) {
+        Registration catchingUp(*this, record, Kind::creation, nullptr);
         std::vector<TreflectObject> existing;
-        registerForOCN(classId, &existing, &id);
+        subscribeAt_(Kind::creation, classId, &existing, &catchingUp, convertId(id));
         for (TreflectObject const& object : existing) {
             if (catchingUp.isNews(object))
-                gotCreation(classId, object);
+                tellAll_(Kind::creation, record, object, record.toldOf(placeOf(object)));
         }
     }
-    if (!isUnobserved_(record.deletionObservers, record.deletionRegistrations) &&
-        record.deletionsAt.count(id) == 0)
-        registerForODN(classId, &id);
+    if (!record.deletions.isObserved())
+        return;
+    subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(id));
+    tellOfEarlyDeletions_(classId, id);
+}
+
+/** Objects of a newcomer that have gone before their deletion was subscribed to: whoever heard of
+ * them as created would never hear of their end. */
+void TreflectORB::tellOfEarlyDeletions_(unsigned int classId, TreflectOrbId const& id) {
+    MetaData& record = getMetaData(classId);
+    std::set<ObjectPlace> missing = record.toldPlacesAt(id);
+    std::vector<TreflectObject> existing;
+    if (missing.empty() ||
+        !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)))
+        return;
+    for (TreflectObject const& object : existing)
+        missing.erase(placeOf(object));
+    for (ObjectPlace const& place : missing) {
+        auto const told = record.newcomersObjects.find(place);
+        if (told == record.newcomersObjects.end())
+            continue;  // its end has been told
+        TreflectObject object;
+        object.share_(told->second.object);
+        if (mayBeThere(object))
+            gotDeletion(classId, object);
+    }
 }

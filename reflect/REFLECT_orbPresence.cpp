@@ -1,4 +1,6 @@
 // What a broker does when other brokers come and go.
+#include <algorithm>
+
 #include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "reflect/OngoingRequest.h"
@@ -6,17 +8,46 @@
 #include "reflect/TreflectOrbParts.h"
 #include "transport/TransportLayer.h"
 
-// One that has gone again while this thread queued for the permission is not to be listed as
-// missed: nobody would take it from the list.
 void TreflectORB::appeared(Transport::Termination& termination) {
-    TreflectOrbId const id = convertId(termination.termId());
-    if (id.namespaceId() == orbId_.namespaceId() && id != orbId_) {
+    Transport::TerminationId const newcomer = termination.termId();
+    parts_->presence->beginArrival(newcomer);
+    TreflectOrbId const id = convertId(newcomer);
+    if (id.namespaceId() == orbId_.namespaceId() && id != orbId_)
+        catchUpLater_(newcomer);
+    else
+        parts_->presence->endArrival(newcomer);
+}
+
+// One that does not answer is waited for by a worker, so that the arrivals of others are told.
+// While nothing is observed there is nobody to wait for.
+void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
+    TreflectHandlerState const handlerState(true);
+    bool const observes =
+        std::any_of(parts_->classes.begin(), parts_->classes.end(), [](auto const& entry) {
+            return entry.second.creations.isObserved() || entry.second.deletions.isObserved();
+        });
+    TreflectMessage arrival = allocateRequest(sizeof newcomer.value());
+    if (!observes || arrival.empty()) {
+        catchUpWith_(newcomer);
+        return;
+    }
+    TipprmiStream stream(arrival, true);
+    stream << newcomer.value();
+    stream.msg().kind(TreflectMessage::kMsg);
+    stream.msg().type(TreflectMessage::tOrbAppeared);
+    stream.msg().addressed().originator(termId());
+    enqueue_(stream.msg().addressed());
+}
+
+// One that has gone again is not to be listed as missed: nobody would take it from the list.
+void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
+    {
         TreflectHandlerState const handlerState(true);
-        if (Transport::TransportLayer::instance().exists(termination.termId()))
-            orbAppeared(id);
+        if (Transport::TransportLayer::instance().exists(newcomer))
+            orbAppeared(convertId(newcomer));
     }
     TreflectReleaseHandlerState const released;
-    parts_->presence->notify(termination.termId(), TreflectOrbObserverIf::kAppear);
+    parts_->presence->endArrival(newcomer);
 }
 
 void TreflectORB::disappeare(Transport::Termination& termination) {

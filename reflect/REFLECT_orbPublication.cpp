@@ -1,11 +1,53 @@
 // The publisher's side: objects of this process, and the brokers that subscribed here.
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "handler_threads/TreflectHandlerState.h"
 #include "reflect/TreflectOrbParts.h"
 #include "reflect/TreflectServerObject.h"
 
+// ---- Notices under way
+// ---------------------------------------------------------------------------
+
+bool TreflectORB::Publication::addDue(Subscribers const& subscribers) {
+    std::set_difference(subscribers.begin(), subscribers.end(), told_.begin(), told_.end(),
+                        std::inserter(due_, due_.end()));
+    return !due_.empty();
+}
+
+bool TreflectORB::Publication::next(TreflectOrbId& subscriber) {
+    sending_ = true;
+    if (std::exchange(waiting_, false))
+        told_.insert(current_);
+    if (due_.empty())
+        return false;
+    subscriber = current_ = *due_.begin();
+    due_.erase(due_.begin());
+    deliveriesBefore_ = thread_.deliveries();
+    waiting_ = true;
+    return true;
+}
+
+/** Tells the subscribers that are due, one after the other. One that is not reached has to
+ * subscribe again. */
+void TreflectORB::publish_(Kind kind, unsigned int classId, TreflectObject const& object,
+                           Publication& publication) {
+    std::vector<TreflectOrbId> unreached;
+    TreflectOrbId subscriber;
+    while (publication.next(subscriber)) {
+        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
+        request.msg().type(kind == Kind::creation ? TreflectMessage::tOCN : TreflectMessage::tODN);
+        request << classId << static_cast<TipprmiObjectClient const&>(object);
+        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
+        if (!forwardMsg_(convertId(subscriber), true, request.msg(), response))
+            unreached.push_back(subscriber);
+    }
+    for (TreflectOrbId const& gone : unreached)
+        getMetaData(classId).side(kind).subscribers.erase(gone);
+}
+
+// Those who ask from now on what exists are told of the object, so it is not published to them.
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
     checkHandlerState();
     // A handle of our own: the object may be destroyed while somebody is waited for.
@@ -14,82 +56,90 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
     MetaData& record = getMetaData(classId);
     if (record.objects.insert(&object).second)
         ++object.announcements_;
+    Publication publication(record.creations.publications, object);
+    publication.addDue(record.creations.subscribers);
     gotCreation(classId, handle);
-    std::set<TreflectOrbId> told;
-    publish_(TreflectMessage::tOCN, classId, handle, record.remoteCreationObservers, told);
+    publish_(Kind::creation, classId, handle, publication);
     return true;
 }
 
-// Who subscribes meanwhile has been told that the object exists.
+// Those who subscribe meanwhile may have been told that the object exists.
 bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
     TreflectObject handle;
     handle.share_(*object.getClient());
     MetaData& record = getMetaData(classId);
-    gotDeletion(classId, handle);
-    std::set<TreflectOrbId> told;
-    while (publish_(TreflectMessage::tODN, classId, handle, record.remoteDeletionObservers, told)) {
+    for (Publication* const creation : record.creations.publications) {
+        if (creation->isOf(&object))
+            creation->end();
     }
+    Publication publication(record.deletions.publications, object);
+    gotDeletion(classId, handle);
+    while (publication.addDue(record.deletions.subscribers))
+        publish_(Kind::deletion, classId, handle, publication);
     // Another object may have its address by now.
     if (handle.getServer() == &object && record.objects.erase(&object) != 0)
         --object.announcements_;
     return true;
 }
 
-/** Tells the subscribers that have not been told, one after the other; false when there are none.
- * One that is not reached has to subscribe again. */
-bool TreflectORB::publish_(TreflectMessage::type_t type, unsigned int classId,
-                           TreflectObject const& object, std::set<TreflectOrbId>& subscribers,
-                           std::set<TreflectOrbId>& told) {
-    std::vector<TreflectOrbId> targets;
-    std::set_difference(subscribers.begin(), subscribers.end(), told.begin(), told.end(),
-                        std::back_inserter(targets));
-    std::vector<TreflectOrbId> unreached;
-    for (TreflectOrbId const& subscriber : targets) {
-        TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-        request.msg().type(type);
-        request << classId << static_cast<TipprmiObjectClient const&>(object);
-        TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-        if (!forwardMsg_(convertId(subscriber), true, request.msg(), response))
-            unreached.push_back(subscriber);
-    }
-    for (TreflectOrbId const& subscriber : unreached)
-        subscribers.erase(subscriber);
-    told.insert(targets.begin(), targets.end());
-    return !targets.empty();
-}
+// ---- Subscribers
+// ---------------------------------------------------------------------------------
 
 void TreflectORB::addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,
                                             TipprmiSequence<TreflectObject, 0u>* existing) {
     MetaData& record = getMetaData(classId);
-    record.remoteCreationObservers.insert(orb);
-    if (!existing)
-        return;
-    existing->setLength(static_cast<unsigned int>(record.objects.size()));
+    bool const isNew = record.creations.subscribers.insert(orb).second;
+    if (existing) {
+        listExisting_(record, orb, *existing);
+    } else if (isNew) {
+        for (Publication* const publication : record.creations.publications)
+            publication->subscribed(orb);
+    }
+}
+
+/** What exists for a broker: neither what it is still to be told as created, nor what it has been
+ * told as deleted. */
+void TreflectORB::listExisting_(MetaData const& record, TreflectOrbId const& orb,
+                                TipprmiSequence<TreflectObject, 0u>& existing) {
+    std::vector<TreflectServerObject const*> listed;
+    for (TreflectServerObject const* const object : record.objects) {
+        auto const isOf = [&](Publication const* one) { return one->isOf(object); };
+        auto const& creating = record.creations.publications;
+        auto const& deleting = record.deletions.publications;
+        bool const hidden =
+            std::any_of(creating.begin(), creating.end(),
+                        [&](auto const* one) { return isOf(one) && one->isDue(orb); }) ||
+            std::any_of(deleting.begin(), deleting.end(),
+                        [&](auto const* one) { return isOf(one) && one->isAnsweredBy(orb); });
+        if (!hidden)
+            listed.push_back(object);
+    }
+    existing.setLength(static_cast<unsigned int>(listed.size()));
     unsigned int at = 0;
-    for (TreflectServerObject const* const object : record.objects)
-        (*existing)[at++].share_(*object->getClient());
+    for (TreflectServerObject const* const object : listed)
+        existing[at++].share_(*object->getClient());
 }
 
 void TreflectORB::addRemoteDeletionObserver(unsigned int const& classId, TreflectOrbId const& orb) {
-    getMetaData(classId).remoteDeletionObservers.insert(orb);
+    getMetaData(classId).deletions.subscribers.insert(orb);
 }
 
 // A cancellation of one kind ends both.
 void TreflectORB::removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb) {
-    auto const record = parts_->classes.find(classId);
-    if (record == parts_->classes.end())
+    auto const found = parts_->classes.find(classId);
+    if (found == parts_->classes.end())
         return;
-    record->second.remoteCreationObservers.erase(orb);
-    record->second.remoteDeletionObservers.erase(orb);
+    MetaData& record = found->second;
+    record.creations.subscribers.erase(orb);
+    record.deletions.subscribers.erase(orb);
+    for (Publication* const publication : record.creations.publications)
+        publication->cancelled(orb);
 }
 
 void TreflectORB::forgetBroker_(TreflectOrbId const& orb) {
-    for (auto& entry : parts_->classes) {
-        entry.second.remoteCreationObservers.erase(orb);
-        entry.second.remoteDeletionObservers.erase(orb);
-        entry.second.creationsAt.erase(orb);
-        entry.second.deletionsAt.erase(orb);
-    }
+    parts_->caughtUpWith.erase(orb);
+    for (auto& entry : parts_->classes)
+        entry.second.forget(orb);
 }
 
 void TreflectORB::forgetObject_(TreflectServerObject const& object) {
@@ -102,6 +152,6 @@ void TreflectORB::forgetObject_(TreflectServerObject const& object) {
         if (!orb)
             continue;
         for (auto& entry : orb->parts_->classes)
-            entry.second.objects.erase(&object);
+            entry.second.forget(object);
     }
 }

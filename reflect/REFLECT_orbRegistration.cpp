@@ -1,12 +1,22 @@
-// Observers of creations and deletions, and how they are told.
+// Observers of creations and deletions, how they are told, and what they have been told.
 #include <algorithm>
 
 #include "logging/Log.h"
 #include "reflect/CallbackScope.h"
 #include "reflect/ContainErrors.h"
-#include "reflect/Registration.h"
-#include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObserver.h"
+#include "reflect/TreflectOrbParts.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+/** Newcomers are caught up with within moments, unless they do not answer. Of one that goes on
+ * telling of objects meanwhile no more are remembered. */
+constexpr std::size_t kMostObjectsOfNewcomers = 65'536;
+
+}  // namespace
+
+// ---- Telling -----------------------------------------------------------------------------------
 
 // What a callback throws ends here: the other observers are to be told as well.
 void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& object) {
@@ -19,82 +29,202 @@ void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& obj
                   });
 }
 
-// What it tells comes on top of what the observer has been told in the course of others.
-TreflectORB::Registration::Registration(UnderWay& underWay, TreflectObserver* observer)
-    : underWay_(underWay), observer_(observer) {
-    for (Registration const* const other : underWay_) {
+void TreflectORB::tellCreation_(MetaData& record, TreflectObserver& observer,
+                                TreflectObject const& object) {
+    ObjectPlace const place = placeOf(object);
+    auto& remembered = record.newcomersObjects;
+    if (isNewcomer_(brokerOf(place)) && remembered.size() < kMostObjectsOfNewcomers) {
+        MetaData::Told& told = remembered[place];
+        told.object.share_(object);
+        told.observers.insert(&observer);
+    }
+    tellOne_(observer, object);
+}
+
+/** Whether a broker is there that has not been caught up with. */
+bool TreflectORB::isNewcomer_(TreflectOrbId const& broker) const {
+    return broker.namespaceId() == orbId_.namespaceId() && broker != orbId_ &&
+           parts_->caughtUpWith.count(broker) == 0 &&
+           Transport::TransportLayer::instance().exists(convertId(broker));
+}
+
+// A callback may change the list, so it is walked anew after each. Those who are on their way into
+// the list are told at the end of it.
+void TreflectORB::tellAll_(Kind kind, MetaData& record, TreflectObject const& object,
+                           std::set<TreflectObserver const*> told) {
+    MetaData::Side& side = record.side(kind);
+    ObjectPlace const place = placeOf(object);
+    Notice notice(side.notices, place, std::move(told));
+    while (TreflectObserver* const observer = side.nextFor(notice)) {
+        if (kind == Kind::deletion) {
+            notice.begin(*observer);
+            tellOne_(*observer, object);
+        } else if (!mayBeThere(object)) {
+            return;
+        } else if (side.begin(place, *observer)) {
+            tellCreation_(record, *observer, object);
+        }
+    }
+    for (Registration* const registration : side.registrations)
+        registration->noticed(object, notice);
+}
+
+// ---- What is known of a class ------------------------------------------------------------------
+
+bool TreflectORB::MetaData::Side::isObserved() const {
+    return !observers.empty() || std::any_of(registrations.begin(), registrations.end(),
+                                             [](auto const* one) { return !one->ended(); });
+}
+
+TreflectObserver* TreflectORB::MetaData::Side::nextFor(Notice const& notice) const {
+    if (notice.ended())
+        return nullptr;
+    auto const next = std::find_if(observers.begin(), observers.end(), [&](auto const* observer) {
+        return !notice.isToldTo(observer);
+    });
+    return next == observers.end() ? nullptr : *next;
+}
+
+bool TreflectORB::MetaData::Side::begin(ObjectPlace const& place,
+                                        TreflectObserver const& observer) {
+    bool first = true;
+    for (Notice* const notice : notices) {
+        if (!notice->ended() && notice->place() == place)
+            first = notice->begin(observer) && first;
+    }
+    return first;
+}
+
+void TreflectORB::MetaData::gone(ObjectPlace const& place) {
+    for (Notice* const notice : creations.notices) {
+        if (notice->place() == place)
+            notice->end();
+    }
+    for (Registration* const registration : creations.registrations)
+        registration->gone(place);
+    newcomersObjects.erase(place);
+}
+
+std::set<TreflectObserver const*> TreflectORB::MetaData::toldOf(ObjectPlace const& place) const {
+    auto const told = newcomersObjects.find(place);
+    return told == newcomersObjects.end() ? std::set<TreflectObserver const*>()
+                                          : told->second.observers;
+}
+
+std::set<ObjectPlace> TreflectORB::MetaData::toldPlacesAt(TreflectOrbId const& broker) const {
+    std::set<ObjectPlace> places;
+    for (auto told = newcomersObjects.lower_bound(firstPlaceAt(broker));
+         told != newcomersObjects.end() && brokerOf(told->first) == broker; ++told)
+        places.insert(told->first);
+    for (Notice const* const notice : creations.notices)
+        places.erase(notice->place());
+    return places;
+}
+
+void TreflectORB::MetaData::Side::forget(TreflectObserver const& observer) {
+    observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
+    for (Registration* const registration : registrations) {
+        if (registration->isOf(observer))
+            registration->end();
+    }
+}
+
+void TreflectORB::MetaData::forget(TreflectObserver const& observer) {
+    for (auto& entry : newcomersObjects)
+        entry.second.observers.erase(&observer);
+}
+
+void TreflectORB::MetaData::forgetDestroyed(TreflectObserver const& observer) {
+    forget(observer);
+    for (Side* const side : {&creations, &deletions}) {
+        side->forget(observer);
+        for (Notice* const notice : side->notices)
+            notice->forget(observer);
+    }
+}
+
+void TreflectORB::MetaData::forget(TreflectOrbId const& broker) {
+    for (Side* const side : {&creations, &deletions}) {
+        side->subscribers.erase(broker);
+        for (Publication* const publication : side->publications)
+            publication->forget(broker);
+    }
+    eraseThoseAt(broker, newcomersObjects);
+}
+
+void TreflectORB::MetaData::forget(TreflectServerObject const& object) {
+    objects.erase(&object);
+    for (Side* const side : {&creations, &deletions}) {
+        for (Publication* const publication : side->publications) {
+            if (publication->isOf(&object))
+                publication->forgetObject();
+        }
+    }
+}
+
+// ---- Registrations -----------------------------------------------------------------------------
+
+// What it tells comes on top of what the observer has been told in the course of others. What is
+// being told as deleted may still be among what brokers say exists.
+TreflectORB::Registration::Registration(TreflectORB& orb, MetaData& record, Kind kind,
+                                        TreflectObserver* observer)
+    : orb_(orb), record_(record), kind_(kind), observer_(observer) {
+    Registration::UnderWay& underWay = record_.side(kind_).registrations;
+    for (Registration const* const other : underWay) {
         if (observer && other->isOf(*observer))
             told_.insert(other->told_.begin(), other->told_.end());
     }
-    underWay_.push_back(this);
+    underWay.push_back(this);
 }
 
 TreflectORB::Registration::~Registration() {
-    underWay_.remove(this);
+    record_.side(kind_).registrations.remove(this);
 }
 
-TreflectORB::Registration::Place TreflectORB::Registration::placeOf(TreflectObject const& object) {
-    TreflectObjectStub const* const stub = object.getStub_();
-    if (!stub)
-        return {};
-    TipprmiOID const oid = stub->getOID();
-    char const* const text = oid.getIdString();
-    return {stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID(),
-            text ? text : ""};
+void TreflectORB::Registration::noticed(TreflectObject const& object, Notice const& notice) {
+    if (notice.ended())
+        return;
+    if (ended() || notice.isToldTo(observer_))
+        told_.insert(notice.place());
+    else
+        kept_.emplace_back(notice.place(), TreflectObject()).second.share_(object);
 }
 
-TreflectObserver* TreflectORB::Registration::noticed(
-    TreflectObject const& object, std::vector<TreflectObserver*> const& observers) {
-    bool const listed =
-        ended() || std::find(observers.begin(), observers.end(), observer_) != observers.end();
-    gone_.erase(placeOf(object));
-    if (listed) {
-        told_.insert(placeOf(object));
-        return nullptr;
-    }
-    kept_.emplace_back().share_(object);
-    return observer_;
-}
-
-void TreflectORB::Registration::gone(TreflectObject const& object) {
-    Place const gone = placeOf(object);
-    gone_.insert(gone);
-    told_.erase(gone);
-    kept_.remove_if([&](TreflectObject const& kept) { return placeOf(kept) == gone; });
+void TreflectORB::Registration::gone(ObjectPlace const& place) {
+    gone_.insert(place);
+    told_.erase(place);
+    kept_.remove_if([&](auto const& kept) { return kept.first == place; });
 }
 
 void TreflectORB::Registration::asks(TreflectOrbId const& broker) {
-    auto const first = gone_.lower_bound(Place(broker.value(), NamespaceId{}, 0, ""));
-    auto last = first;
-    while (last != gone_.end() && std::get<0>(*last) == broker.value())
-        ++last;
-    gone_.erase(first, last);
+    eraseThoseAt(broker, gone_);
+    for (Notice const* const notice : record_.deletions.notices)
+        gone_.insert(notice->place());
 }
 
 bool TreflectORB::Registration::isNews(TreflectObject const& object) {
-    Place const place = placeOf(object);
-    return gone_.count(place) == 0 && told_.insert(place).second;
+    ObjectPlace const place = placeOf(object);
+    return mayBeThere(object) && gone_.count(place) == 0 && told_.insert(place).second;
 }
 
+// A notice that is being told at the same time leaves the observer out.
 void TreflectORB::Registration::tell(TreflectObject const& object) {
-    if (!ended() && isNews(object))
-        tellOne_(*observer_, object);
+    if (!ended() && isNews(object) && record_.creations.begin(placeOf(object), *observer_))
+        orb_.tellCreation_(record_, *observer_, object);
 }
 
-// Each notice that was kept is told, but for those of objects that were told of as existing.
-void TreflectORB::Registration::enter(std::vector<TreflectObserver*>& observers) {
+// Each notice that was kept is told, but for creations of objects that were told of as existing.
+void TreflectORB::Registration::enter() {
     if (ended())
         return;
-    observers.push_back(observer_);
-    std::set<Place> told;
+    record_.side(kind_).observers.push_back(observer_);
     while (!kept_.empty() && !ended()) {
         TreflectObject object;
-        object.share_(kept_.front());
+        object.share_(kept_.front().second);
         kept_.pop_front();
-        if (told_.count(placeOf(object)) != 0)
-            continue;
-        told.insert(placeOf(object));
-        tellOne_(*observer_, object);
+        if (kind_ == Kind::creation)
+            tell(object);
+        else
+            tellOne_(*observer_, object);
     }
-    told_.merge(told);
 }

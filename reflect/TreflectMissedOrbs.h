@@ -13,8 +13,9 @@
  */
 class TreflectMissedOrbs {
 public:
-    /** For subscriptions to creations, or else to deletions. */
-    explicit TreflectMissedOrbs(bool forCreations) : forCreations_(forCreations) {}
+    /** For subscriptions of `orb`, which outlives this, to creations, or else to deletions. */
+    TreflectMissedOrbs(TreflectORB& orb, bool forCreations)
+        : orb_(orb), forCreations_(forCreations) {}
 
     /** A subscription goes to these members: nobody is missed any more. */
     void start(std::list<Transport::TerminationId>& members);
@@ -28,6 +29,7 @@ public:
     void notify(unsigned int classId, TreflectObserver& observer, bool plusExisting);
 
 private:
+    TreflectORB& orb_;
     bool const forCreations_;
     OSWrap::Mutex mutex_;  // a leaf
     std::vector<TreflectOrbId> missed_ OSW_GUARDED_BY(mutex_);

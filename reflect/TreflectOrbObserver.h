@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -43,6 +44,10 @@ public:
      * being told is waited for, with the run permission given up, unless the caller is inside it.
      */
     void unsubscribe(TreflectOrbObserverIf const* observer);
+    /** A broker has come up; when it has been caught up with, its arrival is queued, unless its
+     * departure has been queued already. */
+    void beginArrival(Transport::TerminationId const& broker);
+    void endArrival(Transport::TerminationId const& broker);
     /** Queues a notice. */
     void notify(Transport::TerminationId const& broker, Appear_t const& what);
     /** Logs at level 5 who observes what. */
@@ -83,4 +88,6 @@ private:
     /// A leaf lock; told when a notice is queued.
     OSWrap::ConditionVar appearanceSignal_;
     std::deque<OrbAppear_t> appearances_ OSW_GUARDED_BY(appearanceSignal_);
+    /// The brokers between the begin and the end of their arrival, and whether they have gone.
+    std::map<Transport::TerminationId, bool> arriving_ OSW_GUARDED_BY(appearanceSignal_);
 };

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "logging/LineLimit.h"
 #include "reflect/CallGate.h"
@@ -21,7 +22,14 @@ struct TreflectORB::Parts {
     static constexpr unsigned int kRequestSize = 100;
     static constexpr unsigned int kResponseSize = 104;
 
-    explicit Parts(unsigned int lastTransactionId) : ongoingRequests_(lastTransactionId) {}
+    Parts(TreflectORB& orb, unsigned int lastTransactionId)
+        : ongoingRequests_(lastTransactionId),
+          missedCreations(orb, true),
+          missedDeletions(orb, false) {}
+
+    TreflectMissedOrbs& missed(Kind kind) {
+        return kind == Kind::creation ? missedCreations : missedDeletions;
+    }
 
     CallGate calls;
     Logging::LineLimit turnedAway;  // for lines about calls that come too late
@@ -33,8 +41,11 @@ struct TreflectORB::Parts {
     std::map<unsigned int, MetaData> classes;
     /// The classes that other brokers have told they know. Guarded by the run permission.
     std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses;
-    TreflectMissedOrbs missedCreations{true};
-    TreflectMissedOrbs missedDeletions{false};
+    TreflectMissedOrbs missedCreations;
+    TreflectMissedOrbs missedDeletions;
+    /// The brokers whose arrival is over: what is observed here is observed there, and what they
+    /// had has been told. Guarded by the run permission.
+    std::set<TreflectOrbId> caughtUpWith;
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};

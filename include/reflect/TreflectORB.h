@@ -207,9 +207,10 @@ public:
     void removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb);
     /** Subscribes at a broker that came up for all classes that are observed here. */
     void orbAppeared(TreflectOrbId const& id);
+    enum class Kind { creation, deletion };
     /** Subscribes one observer at a broker that it has missed; false when it has been removed
      * meanwhile. */
-    bool catchUp_(unsigned int classId, TreflectObserver& observer, bool plusExisting,
+    bool catchUp_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting,
                   TreflectOrbId const& id);
     /** A server object, or an observer, is being destroyed: it leaves the records of the classes
      * in all brokers of this process, and nobody is told. With the run permission. */
@@ -255,29 +256,41 @@ private:
     void displayMore_() const;
 
     struct MetaData;
+    class Notice;
     class Registration;
+    class Publication;
     using Observers = std::vector<TreflectObserver*>;
     /** The record of a class, made when first asked for. With the run permission, as the next. */
     MetaData& getMetaData(unsigned int classId) const;
-    TreflectObserver* nextObserver_(unsigned int classId, Observers MetaData::*observers,
-                                    std::set<TreflectObserver*> const& told) const;
-    void tell_(unsigned int classId, Observers MetaData::*observers, TreflectObject const& object,
-               std::set<TreflectObserver*> told);
+    void tellAll_(Kind kind, MetaData& record, TreflectObject const& object,
+                  std::set<TreflectObserver const*> told);
+    void tellCreation_(MetaData& record, TreflectObserver& observer, TreflectObject const& object);
     static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
+    bool isNewcomer_(TreflectOrbId const& broker) const;
+    bool observe_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting);
     static void tellExisting_(MetaData& record, Registration& registration);
-    static bool isUnobserved_(Observers const& observers, std::list<Registration*> const& underWay);
-    static void endRegistrations_(MetaData& record, TreflectObserver const* observer);
     /** The broker is being deleted. */
     void forgetAllObservers_();
     std::list<Transport::TerminationId> group_() const;
     bool mayServe_(Transport::TerminationId const& target, unsigned int classId) const;
     void learnClasses_(Transport::TerminationId const& target, TipprmiStream& response);
-    bool sendClassId_(TreflectMessage::type_t type, unsigned int classId,
-                      Transport::TerminationId const& target, TipprmiStream& response);
+    void subscribeAtAll_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
+                         Registration* asking);
+    bool subscribeAt_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
+                      Registration* asking, Transport::TerminationId const& target);
+    static void readExisting_(TipprmiStream& response, Transport::TerminationId const& target,
+                              std::vector<TreflectObject>* existing);
+    void cancelUnlessObserved_(Kind kind, unsigned int classId);
     void cancel_(TreflectMessage::type_t type, unsigned int classId);
+    /** A broker that came up is served on the transport's thread, or by a worker. */
+    void catchUpLater_(Transport::TerminationId const& newcomer);
+    void catchUpWith_(Transport::TerminationId const& newcomer);
     void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
-    bool publish_(TreflectMessage::type_t type, unsigned int classId, TreflectObject const& object,
-                  std::set<TreflectOrbId>& subscribers, std::set<TreflectOrbId>& told);
+    void tellOfEarlyDeletions_(unsigned int classId, TreflectOrbId const& id);
+    void publish_(Kind kind, unsigned int classId, TreflectObject const& object,
+                  Publication& publication);
+    static void listExisting_(MetaData const& record, TreflectOrbId const& orb,
+                              TipprmiSequence<TreflectObject, 0u>& existing);
     void forgetBroker_(TreflectOrbId const& orb);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;

@@ -1,28 +1,95 @@
-// A notice that comes while an observer is on its way into the list.
-#include <set>
+// Notices that overlap each other, registrations, and the arrival of brokers: each observer hears
+// of each object once, and in order.
+#include <map>
 #include <thread>
 
 #include "BrokerTest.h"
+#include "NoticeActor.h"
 #include "Permitted.h"
-#include "RawPeer.h"
 #include "Thing.h"
+#include "WirePeer.h"
 
 namespace {
 
 constexpr unsigned int kClass = 0x0EE71A9;
 
-/** The brokers that the test's broker has caught up with. */
+/** The brokers that the test's broker has caught up with, and that have gone. */
 class Arrivals final : public TreflectOrbObserverIf {
 public:
-    void notify(Transport::TerminationId const& broker, Appear_t const&) override {
-        met_.insert(broker);
+    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
+        told_[broker] += what == kAppear ? "+" : "-";
     }
-    bool have(Transport::TerminationId const& broker) const {
-        return permitted([&] { return met_.count(broker) != 0; });
+    bool have(Transport::TerminationId const& broker) { return of(broker) == "+"; }
+    /** A plus for each arrival, a minus for each departure. */
+    std::string of(Transport::TerminationId const& broker) {
+        return permitted([&] { return told_[broker]; });
     }
 
 private:
-    std::set<Transport::TerminationId> met_;  // guarded by the run permission
+    std::map<Transport::TerminationId, std::string> told_;  // guarded by the run permission
+};
+
+/** Another broker, played by hand, which subscribes here and is asked. What it does not answer at
+ * once stays for `answerHeld`. */
+class Neighbour {
+public:
+    using Holds = std::function<bool(TreflectMessage const&)>;
+
+    explicit Neighbour(Transport::GroupId group, Holds holds = {}, std::string list = "00000000")
+        : holds_(std::move(holds)),
+          list_(std::move(list)),
+          peer_(group, [this](RawPeer&, TreflectMessage& message) {
+              if (message.kind() == TreflectMessage::kRequest && !(holds_ && holds_(message)))
+                  answer(message);
+          }) {}
+
+    Transport::TerminationId termId() const { return peer_.termId(); }
+    TreflectMessage await(TreflectMessage::type_t type, TreflectMessage::kind_t kind) {
+        return wire::awaitWhere(peer_, [&](TreflectMessage const& message) {
+            return message.type() == type && message.kind() == kind;
+        });
+    }
+    TreflectMessage awaitRequest(TreflectMessage::type_t type) {
+        return await(type, TreflectMessage::kRequest);
+    }
+    void subscribe(Transport::TerminationId broker, TreflectMessage::type_t type) {
+        TipprmiStream request(peer_.make(++lastId_, type, TreflectMessage::kRequest), true);
+        request << kClass;
+        if (type == TreflectMessage::tOCNSubscribe)
+            request << false;
+        peer_.send(broker, request.msg());
+        EXPECT_FALSE(await(type, TreflectMessage::kResponse).empty());
+    }
+    /** What it says exists from now on. */
+    void setList(std::string list) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        list_ = std::move(list);
+    }
+    void answer(TreflectMessage const& request) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        bool const wantsList = request.type() == TreflectMessage::tOCNSubscribe;
+        wire::answer(peer_, request, (wantsList ? list_ : "") + "0000000100EE71A9");
+    }
+    std::size_t count(TreflectMessage::type_t type) {
+        std::size_t number = 0;
+        for (std::size_t i = 0, all = peer_.count(); i < all; ++i)
+            number += peer_.await(i).type() == type;
+        return number;
+    }
+
+    std::size_t countOf(TreflectMessage::type_t type, Transport::TerminationId originator) {
+        std::size_t number = 0;
+        for (std::size_t i = 0, all = peer_.count(); i < all; ++i)
+            number += peer_.await(i).type() == type && peer_.await(i).originator() == originator;
+        return number;
+    }
+
+private:
+    Holds const holds_;
+    std::mutex mutex_;
+    std::string list_;  // guarded by mutex_
+    unsigned int lastId_ = 0x100;
+    RawPeer peer_;  // ends first
 };
 
 class NoticeOverlapTest : public BrokerTest {};
@@ -77,6 +144,281 @@ TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
             observer->reset();
         }
     });
+}
+
+/** Says itself when it comes and goes. */
+class Lamp final : public TreflectServerObject {
+public:
+    explicit Lamp(std::string const& name)
+        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), nullptr, name) {}
+    unsigned int getServerClassId() const override { return kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override { return {}; }
+
+    void come() const { sendCreationEvent(&thingClass(kClass)); }
+    void go() const { sendDeletionEvent(&thingClass(kClass)); }
+};
+
+using Names = std::vector<std::string>;
+
+class OverlapTest : public BrokerTest {
+protected:
+    OverlapTest() : termination_(orb().termId()) {
+        permitted([] { thingClass(kClass); });
+    }
+    ~OverlapTest() override {
+        permitted([this] { watchers_.clear(); });
+    }
+
+    Watcher& watcher(Watcher::Reaction reaction = {}) {
+        return permitted([&]() -> Watcher& {
+            watchers_.push_back(std::make_unique<Watcher>("w", std::move(reaction)));
+            return *watchers_.back();
+        });
+    }
+    Watcher& creations(bool plusExisting, Watcher::Reaction reaction = {}) {
+        Watcher& one = watcher(std::move(reaction));
+        observe(one, plusExisting);
+        return one;
+    }
+    Watcher& deletions(Watcher::Reaction reaction = {}) {
+        Watcher& one = watcher(std::move(reaction));
+        permitted([&] { thingClass(kClass).observeDeletions(&one); });
+        return one;
+    }
+    void observe(Watcher& one, bool plusExisting) {
+        permitted([&] { thingClass(kClass).observeCreations(&one, plusExisting); });
+    }
+    static Names told(Watcher& one) {
+        return permitted([&] { return one.told(); });
+    }
+    static bool awaitTold(Watcher& one, Names const& names) {
+        return testsupport::eventually([&] { return told(one) == names; });
+    }
+    /** A handle on an object of a neighbour, as it is encoded, in a list of its own. */
+    std::string listed(std::string const& name, Neighbour const& neighbour) {
+        return "00000001" + wire::handle(name, 7, orb().convertId(neighbour.termId()).value());
+    }
+    static Neighbour::Holds holding(TreflectMessage::type_t type) {
+        return [type](TreflectMessage const& message) { return message.type() == type; };
+    }
+
+    Transport::TerminationId const termination_;
+    std::list<std::unique_ptr<Watcher>> watchers_;  // guarded by the run permission
+};
+
+std::string const kActorClass = "EE71A9";
+
+TEST_F(OverlapTest, creationIsToldOnceToWhoRegistersWhileItIsBeingPublishedToOthers) {
+    Neighbour slow(group(), holding(TreflectMessage::tOCN));
+    slow.subscribe(termination_, TreflectMessage::tOCNSubscribe);
+    NoticeActor subscriber;  // is told after the slow one
+    subscriber.observe("first", "creations", kActorClass);
+    Lamp const lamp("lamp");
+    std::thread publishing([&] { permitted([&] { lamp.come(); }); });
+    TreflectMessage const notice = slow.awaitRequest(TreflectMessage::tOCN);
+    subscriber.observe("second", "existing", kActorClass);
+    slow.answer(notice);
+    publishing.join();
+    EXPECT_EQ(subscriber.told("first"), "lamp ");
+    EXPECT_EQ(subscriber.told("second"), "lamp ");
+    subscriber.finish();
+}
+
+TEST_F(OverlapTest, creationIsToldOnceToWhoSubscribesWhileThePublishersOwnObserverIsTold) {
+    testsupport::Gate entered;
+    testsupport::Gate released;
+    creations(false, [&](auto&, auto&) {
+        TreflectReleaseHandlerState const given;
+        entered.open();
+        EXPECT_TRUE(released.wait());
+    });
+    NoticeActor subscriber;
+    Lamp const lamp("lamp");
+    std::thread publishing([&] { permitted([&] { lamp.come(); }); });
+    EXPECT_TRUE(entered.wait());
+    subscriber.observe("existing", "existing", kActorClass);
+    EXPECT_EQ(subscriber.told("existing"), "lamp ");
+    released.open();
+    publishing.join();
+    EXPECT_EQ(subscriber.told("existing"), "lamp ");
+    subscriber.finish();
+}
+
+TEST_F(OverlapTest, whoRegistersInsideTheNoticeOfACreationIsToldOfItOnce) {
+    for (bool const remote : {false, true}) {
+        Watcher& second = watcher();
+        Watcher& first = watcher();
+        first.setReaction([&](auto&, auto&) {
+            observe(second, true);
+            observe(first, true);
+        });
+        observe(first, false);
+        std::string const name = remote ? "far" : "near";
+        if (remote) {
+            NoticeActor publisher;
+            publisher.create(name, kActorClass);
+            publisher.finish();
+        } else {
+            Lamp const lamp(name);
+            permitted([&] { lamp.come(); });
+        }
+        EXPECT_EQ(told(first), Names{name});
+        EXPECT_EQ(told(second), Names{name});
+        permitted([this] { watchers_.clear(); });
+    }
+}
+
+TEST_F(OverlapTest, whatHasBeenToldAsDeletedDoesNotExistForWhoRegistersThen) {
+    Neighbour slow(group(), holding(TreflectMessage::tODN));
+    NoticeActor subscriber;
+    subscriber.observe("gone", "deletions", kActorClass);
+    // Told after the subscriber.
+    Neighbour last(group(), holding(TreflectMessage::tODN));
+    last.subscribe(termination_, TreflectMessage::tODNSubscribe);
+    Watcher& here = watcher();
+    deletions([&](auto&, auto&) { observe(here, true); });
+    Lamp const lamp("lamp");
+    permitted([&] { lamp.come(); });
+    std::thread deleting([&] { permitted([&] { lamp.go(); }); });
+    TreflectMessage const notice = last.awaitRequest(TreflectMessage::tODN);
+    EXPECT_EQ(subscriber.told("gone"), "lamp ");
+    subscriber.observe("come", "existing", kActorClass);
+    last.answer(notice);
+    deleting.join();
+    EXPECT_EQ(subscriber.told("come"), "");
+    EXPECT_EQ(subscriber.told("gone"), "lamp ");
+    EXPECT_EQ(told(here), Names{});
+    subscriber.finish();
+}
+
+TEST_F(OverlapTest, creationIsToldNoFurtherWhenTheObjectIsDeletedMeanwhile) {
+    testsupport::Gate entered;
+    testsupport::Gate released;
+    Watcher& first = creations(false, [&](std::string const& name, auto&) {
+        TreflectReleaseHandlerState const given;
+        entered.open();
+        EXPECT_TRUE(name != "near" || released.wait());
+    });
+    Watcher& second = creations(false);
+    Watcher& gone = deletions();
+    Lamp const near("near");
+    std::thread telling([&] { permitted([&] { near.come(); }); });
+    EXPECT_TRUE(entered.wait());
+    permitted([&] { near.go(); });
+    released.open();
+    telling.join();
+    EXPECT_EQ(told(first), Names{"near"});
+    EXPECT_EQ(told(second), Names{});
+    EXPECT_EQ(told(gone), Names{"near"});
+
+    Neighbour slow(group(), holding(TreflectMessage::tOCN));
+    Neighbour quick(group());
+    for (Neighbour* const one : {&slow, &quick})
+        for (auto const type : {TreflectMessage::tOCNSubscribe, TreflectMessage::tODNSubscribe})
+            one->subscribe(termination_, type);
+    Lamp const far("far");
+    std::thread publishing([&] { permitted([&] { far.come(); }); });
+    TreflectMessage const notice = slow.awaitRequest(TreflectMessage::tOCN);
+    permitted([&] { far.go(); });
+    slow.answer(notice);
+    publishing.join();
+    EXPECT_EQ(quick.count(TreflectMessage::tODN), 1u);
+    EXPECT_EQ(quick.count(TreflectMessage::tOCN), 0u);
+}
+
+TEST_F(OverlapTest, objectThatComesAgainIsToldAgain) {
+    Watcher& come = creations(true);
+    Watcher& gone = deletions();
+    Lamp const lamp("lamp");
+    for (int i = 0; i < 2; ++i) {
+        permitted([&] { lamp.come(); });
+        permitted([&] { lamp.go(); });
+    }
+    EXPECT_EQ(told(come), (Names{"lamp", "lamp"}));
+    EXPECT_EQ(told(gone), (Names{"lamp", "lamp"}));
+}
+
+// ---- Newcomers
+// -----------------------------------------------------------------------------------
+
+TEST_F(OverlapTest, newcomerThatDoesNotAnswerHoldsUpNobodyElse) {
+    Arrivals arrivals;
+    orb().registerOrbCreation(&arrivals, false);
+    Watcher& first = creations(false);
+    std::atomic<int> asked{0};
+    Neighbour silent(group(), [&](auto const&) { return asked++ == 0; });
+    TreflectMessage const held = silent.awaitRequest(TreflectMessage::tOCNSubscribe);
+    EXPECT_FALSE(held.empty());
+    Neighbour next(group(), holding(TreflectMessage::tOCNSubscribe));
+    next.setList(listed("lamp", next));
+    next.answer(next.awaitRequest(TreflectMessage::tOCNSubscribe));
+    EXPECT_TRUE(awaitTold(first, {"lamp"}));
+    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(next.termId()); }));
+    EXPECT_FALSE(arrivals.have(silent.termId()));
+    silent.answer(held);
+    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(silent.termId()); }));
+    orb().unregisterOrbNotifications(&arrivals);
+}
+
+TEST_F(OverlapTest, newcomerThatGoesBeforeItAnswersIsNotToldAsArrivedAfterwards) {
+    Arrivals arrivals;
+    orb().registerOrbCreation(&arrivals, false);
+    orb().registerOrbDeletion(&arrivals);
+    creations(false);
+    auto silent = std::make_unique<Neighbour>(group(), [](auto const&) { return true; });
+    Transport::TerminationId const gone = silent->termId();
+    EXPECT_FALSE(silent->awaitRequest(TreflectMessage::tOCNSubscribe).empty());
+    silent.reset();
+    Neighbour const next(group());
+    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(next.termId()); }));
+    EXPECT_TRUE(testsupport::eventually([&] { return !arrivals.of(gone).empty(); }));
+    EXPECT_EQ(arrivals.of(gone), "-");
+    orb().unregisterOrbNotifications(&arrivals);
+}
+
+TEST_F(OverlapTest, earlierObserverHearsWhatANewcomerHasThoughALaterOneHasAskedIt) {
+    for (bool const plusExisting : {true, false}) {
+        Watcher& first = creations(false);
+        std::atomic<int> asked{0};
+        Neighbour newcomer(group(), [&](auto const&) { return asked++ == 0; });
+        newcomer.setList(listed("lamp", newcomer));
+        TreflectMessage const held = newcomer.awaitRequest(TreflectMessage::tOCNSubscribe);
+        EXPECT_FALSE(held.empty());
+        Watcher& second = creations(plusExisting);
+        EXPECT_EQ(told(second), plusExisting ? Names{"lamp"} : Names{});
+        newcomer.answer(held);
+        EXPECT_TRUE(awaitTold(first, {"lamp"}));
+        EXPECT_TRUE(awaitTold(second, {"lamp"}));
+        permitted([this] { watchers_.clear(); });
+    }
+}
+
+TEST_F(OverlapTest, newcomersObjectThatGoesBeforeItsDeletionIsSubscribedToIsToldAsDeleted) {
+    Watcher& come = creations(false);
+    Watcher& gone = deletions();
+    Neighbour newcomer(group(), holding(TreflectMessage::tODNSubscribe));
+    std::string const one = wire::handle("one", 7, orb().convertId(newcomer.termId()).value());
+    std::string const other = wire::handle("other", 8, orb().convertId(newcomer.termId()).value());
+    newcomer.setList("00000002" + one + other);
+    TreflectMessage const subscription = newcomer.awaitRequest(TreflectMessage::tODNSubscribe);
+    EXPECT_TRUE(awaitTold(come, {"one", "other"}));
+    newcomer.setList("00000001" + other);
+    newcomer.answer(subscription);
+    EXPECT_TRUE(awaitTold(gone, {"one"}));
+}
+
+TEST_F(OverlapTest, brokerOfNodesIsCaughtUpWithByTheBrokerOfNodesOnly) {
+    Transport::TerminationId const ours = orb(NSID_NODE).termId();
+    Watcher& first = watcher();
+    Watcher& second = watcher();
+    permitted([&] { orb(NSID_NODE).observeCreations(kClass, first, false); });
+    Neighbour node(group(NSID_NODE));
+    EXPECT_EQ(node.awaitRequest(TreflectMessage::tOCNSubscribe).originator(), ours);
+    EXPECT_TRUE(
+        testsupport::eventually([&] { return node.count(TreflectMessage::tOCNSubscribe) == 1; }));
+    permitted([&] { orb(NSID_NODE).observeCreations(kClass, second, false); });
+    EXPECT_EQ(node.countOf(TreflectMessage::tOCNSubscribe, ours), 2u);
+    EXPECT_EQ(node.countOf(TreflectMessage::tOCNSubscribe, termination_), 0u);
 }
 
 }  // namespace
