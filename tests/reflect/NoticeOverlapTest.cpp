@@ -257,6 +257,7 @@ TEST_F(OverlapTest, whoRegistersInsideTheNoticeOfACreationIsToldOfItOnce) {
         if (remote) {
             NoticeActor publisher;
             publisher.create(name, kActorClass);
+            EXPECT_TRUE(awaitTold(second, {name}));
             publisher.finish();
         } else {
             Lamp const lamp(name);
@@ -396,10 +397,12 @@ TEST_F(OverlapTest, earlierObserverHearsWhatANewcomerHasThoughALaterOneHasAskedI
 TEST_F(OverlapTest, newcomersObjectThatGoesBeforeItsDeletionIsSubscribedToIsToldAsDeleted) {
     Watcher& come = creations(false);
     Watcher& gone = deletions();
-    Neighbour newcomer(group(), holding(TreflectMessage::tODNSubscribe));
+    std::atomic<int> asked{0};
+    Neighbour newcomer(group(), [&](auto const&) { return asked++ < 2; });
     std::string const one = wire::handle("one", 7, orb().convertId(newcomer.termId()).value());
     std::string const other = wire::handle("other", 8, orb().convertId(newcomer.termId()).value());
     newcomer.setList("00000002" + one + other);
+    newcomer.answer(newcomer.awaitRequest(TreflectMessage::tOCNSubscribe));
     TreflectMessage const subscription = newcomer.awaitRequest(TreflectMessage::tODNSubscribe);
     EXPECT_TRUE(awaitTold(come, {"one", "other"}));
     newcomer.setList("00000001" + other);
@@ -417,7 +420,8 @@ TEST_F(OverlapTest, brokerOfNodesIsCaughtUpWithByTheBrokerOfNodesOnly) {
     EXPECT_TRUE(
         testsupport::eventually([&] { return node.count(TreflectMessage::tOCNSubscribe) == 1; }));
     permitted([&] { orb(NSID_NODE).observeCreations(kClass, second, false); });
-    EXPECT_EQ(node.countOf(TreflectMessage::tOCNSubscribe, ours), 2u);
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return node.countOf(TreflectMessage::tOCNSubscribe, ours) == 2; }));
     EXPECT_EQ(node.countOf(TreflectMessage::tOCNSubscribe, termination_), 0u);
 }
 
