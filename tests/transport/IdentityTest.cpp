@@ -95,6 +95,7 @@ TEST_F(IdentityTest, folderThatIsNotTheUsersAloneIsRefused) {
     std::string const& path = folder_.path();
     ASSERT_EQ(symlink(path.c_str(), (path + "/link").c_str()), 0);
     expectRefused(path + "/link", "symbolic link");
+    expectRefused(path + "/link//", "symbolic link");
     std::ofstream(path + "/file") << "x";
     expectRefused(path + "/file", "no folder");
     expectRefused(path + "/a/b", "cannot make it");

@@ -22,6 +22,11 @@ public:
         line << "flood " << to.value() << ' ' << count << ' ' << size;
         tell(line.str());
     }
+    bool reaches(Transport::TerminationId to) {
+        return ask("ping " + std::to_string(to.value()), "pong") == "1";
+    }
+    /** Whether it knows so many terminations, and none has gone. */
+    bool knowsAll(std::size_t count) { return ask("view", "view") == std::to_string(count) + " 0"; }
     TestTermination::Tally report() {
         std::istringstream words(ask("report", "report"));
         TestTermination::Tally tally;

@@ -120,6 +120,10 @@ public:
     bool waitUntilKnown(Transport::TerminationId id) const {
         return waitFor([this, id] { return known_.count(id.value()) != 0; });
     }
+    std::size_t countGone() const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return gone_.size();
+    }
     bool waitUntilGone(Transport::TerminationId id) const {
         return waitFor([this, id] { return gone_.count(id.value()) != 0; });
     }

@@ -8,6 +8,9 @@
 //   view             answers "view COUNT HASH AGREE ERRORS", see `view`
 //   suspect ID       as if a channel to it had ended; answers "suspected"
 //   withoutHandles   the kernel refuses process handles from now on; answers "without yes"
+//   withoutRoom      the disk is full from now on for the folder's file; answers "without yes"
+//   withoutProc      /proc is not mounted; answers "without yes"
+//   linger           a forked child stays for a minute; answers "lingers"
 //   daemonize        goes on in a forked child; answers "daemonized"
 //   fork             a forked child tries everything; answers "forked CODE"
 //   exec             becomes another program
@@ -18,7 +21,10 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -157,18 +163,34 @@ void churn(Seats& seats, unsigned keep, unsigned rounds) {
     other.join();
 }
 
-/** Has the kernel refuse process handles to this process, as an old one would. */
-bool refuseProcessHandles() {
-    constexpr unsigned openHandle = 434;
+/** Has the kernel refuse a system call to this process. */
+bool refuse(unsigned systemCall, unsigned error) {
     sock_filter program[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, openHandle, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, systemCall, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     sock_fprog const filter{sizeof program / sizeof program[0], program};
     return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+/** Puts an empty file system over /proc, which this process alone sees. */
+bool hideProc() {
+    return (::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+}
+
+/** Keeps all descriptors of this process open, but for those that its parent waits at. */
+void leaveChild() {
+    if (::fork() != 0)
+        return;
+    for (int standard : {0, 1, 2})
+        ::close(standard);
+    ::sleep(60);
+    ::_exit(0);
 }
 
 /** 0 when nothing of the transport does anything in a forked child. */
@@ -264,7 +286,15 @@ std::string obey(std::string const& command, std::istringstream& words, Seats& s
     if (command == "view")
         return "view " + view(seats);
     if (command == "withoutHandles")
-        return refuseProcessHandles() ? "without yes" : "without no";
+        return refuse(434, ENOSYS) ? "without yes" : "without no";  // pidfd_open everywhere
+    if (command == "withoutRoom")
+        return refuse(SYS_pwrite64, ENOSPC) ? "without yes" : "without no";
+    if (command == "withoutProc")
+        return hideProc() ? "without yes" : "without no";
+    if (command == "linger") {
+        leaveChild();
+        return "lingers";
+    }
     if (command == "fork")
         return "forked " + std::to_string(forkChild(seats));
     if (command == "inheritable")

@@ -144,8 +144,10 @@ void Acceptor::tellNonsense(Stranger const& stranger) const {
 
 /** A process may speak only for the terminations that are its own. */
 bool Acceptor::mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello) {
-    if (transfer == Transfer::Closed)
+    if (transfer == Transfer::Closed) {
+        Rendezvous::instance().knocked();
         return false;
+    }
     if (transfer != Transfer::Done || hello.kind != Packet::Hello ||
         hello.to != receiver_.id().value()) {
         tellNonsense(stranger);

@@ -2,41 +2,31 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/futex.h>
-#include <sched.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
-#include "oswrap/Thread.h"
+#include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
 
 namespace Transport {
 namespace {
 
 constexpr char const* kSource = "TransportRendezvous";
-constexpr char const* kSharedFile = "presence";
 constexpr char const* kHiddenPrefix = ".new-";
-constexpr off_t kSharedSize = 4096;
-constexpr off_t kCounterOffset = 4;
-constexpr off_t kOwnerLocks = 0x10000;
-constexpr off_t kCounterLock = 0x20000;
 constexpr std::size_t kIdDigits = 8;
 /** A socket's path has 108 bytes, of which "/proc/self/fd/", the number, the hidden prefix and the
  * end take up to 31. */
 constexpr std::size_t kLongestFileName = 76;
 constexpr std::size_t kLongestActorPart = 24;
-/** Attempts, a millisecond apart at last, to get a lock that its owner keeps for a moment. */
-constexpr int kCounterLockAttempts = 60;
+/** Twice the name ids: each may have a hidden entry. More are left for the next reading. */
+constexpr std::size_t kMostEntries = 0x20000;
 
 /** Letters that are harmless in a shell stay, others become "_". */
 std::string harmless(std::string text) {
@@ -78,6 +68,13 @@ Descriptor refuse(std::string const& path, std::string const& reason) {
     return Descriptor();
 }
 
+/** With a slash at its end, a path would follow a link that stands before it. */
+std::string withoutSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
 /** The folder's descriptor; what is checked is what was opened, so nobody can change it between. */
 Descriptor openFolder(std::string const& path) {
     if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
@@ -101,20 +98,6 @@ Descriptor openFolder(std::string const& path) {
     return refuse(path, reason);
 }
 
-Descriptor openShared(Descriptor const& folder, std::string const& path) {
-    Descriptor shared(::openat(folder.get(), kSharedFile,
-                               O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-    struct stat status;
-    if (!shared.valid() || ::fstat(shared.get(), &status) != 0)
-        return refuse(path, std::string(kSharedFile) + ": " + std::strerror(errno));
-    if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid())
-        return refuse(path, std::string(kSharedFile) + " is not a file of ours");
-    // Processes that start at once may both make it longer: that does no harm.
-    if (status.st_size < kSharedSize && ::ftruncate(shared.get(), kSharedSize) != 0)
-        return refuse(path, std::string(kSharedFile) + ": " + std::strerror(errno));
-    return shared;
-}
-
 /** What `make` answers, asked once more when there were too few descriptors and more may be had. */
 template <class Make>
 int withEnoughDescriptors(Make make) {
@@ -122,101 +105,86 @@ int withEnoughDescriptors(Make make) {
     return made < 0 && errno == EMFILE && raiseDescriptorLimit() ? make() : made;
 }
 
-long futex(void* word, int operation, std::uint32_t value, std::uintptr_t value2, void* word2,
-           std::uint32_t value3) {
-    return ::syscall(SYS_futex, word, operation, value, value2, word2, value3);
+std::string pathOf(Descriptor const& folder) {
+    return "/proc/self/fd/" + std::to_string(folder.get());
+}
+
+bool reachesThroughProc(Descriptor const& folder) {
+    struct stat there;
+    struct stat here;
+    return ::stat(pathOf(folder).c_str(), &there) == 0 && ::fstat(folder.get(), &here) == 0 &&
+           there.st_dev == here.st_dev && there.st_ino == here.st_ino;
 }
 
 }  // namespace
 
-std::unique_ptr<EntryFolder> EntryFolder::open(std::string const& path) {
+std::unique_ptr<EntryFolder> EntryFolder::open(std::string const& givenPath) {
+    std::string const path = withoutSlashes(givenPath);
     Descriptor folder = openFolder(path);
     if (!folder.valid())
         return nullptr;
-    Descriptor shared = openShared(folder, path);
-    if (!shared.valid())
+    if (!reachesThroughProc(folder)) {
+        refuse(path, "its sockets are reached through /proc, which is not mounted");
         return nullptr;
-    void* const mapping = ::mmap(nullptr, static_cast<std::size_t>(kSharedSize),
-                                 PROT_READ | PROT_WRITE, MAP_SHARED, shared.get(), 0);
-    if (mapping == MAP_FAILED) {
-        refuse(path, std::string("cannot map ") + kSharedFile + ": " + std::strerror(errno));
+    }
+    Descriptor asking(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    std::string reason = std::strerror(errno);
+    std::shared_ptr<PresenceFile> file;
+    if (asking.valid())
+        file = PresenceFile::open(folder.get(), path, 0, reason);
+    if (file == nullptr) {
+        refuse(path, reason);
         return nullptr;
     }
     // Cleaners of temporary folders leave a folder alone that somebody has locked.
     static_cast<void>(::flock(folder.get(), LOCK_SH | LOCK_NB));
     return std::unique_ptr<EntryFolder>(
-        new EntryFolder(path, std::move(folder), std::move(shared), mapping));
+        new EntryFolder(path, std::move(folder), std::move(asking), std::move(file)));
 }
 
-EntryFolder::EntryFolder(std::string path, Descriptor folder, Descriptor shared, void* mapping)
+EntryFolder::EntryFolder(std::string path, Descriptor folder, Descriptor asking,
+                         std::shared_ptr<PresenceFile> file)
     : path_(std::move(path)),
       folder_(std::move(folder)),
-      shared_(std::move(shared)),
-      mapping_(mapping) {}
+      asking_(std::move(asking)),
+      file_(std::move(file)) {}
 
-EntryFolder::~EntryFolder() {
-    ::munmap(mapping_, static_cast<std::size_t>(kSharedSize));
+// ---- The file with the locks --------------------------------------------------------------------
+
+std::shared_ptr<PresenceFile> EntryFolder::file() const {
+    OSWrap::Lock<> lock(fileMutex_);
+    return file_;
 }
 
-// ---- Name ids and their locks -------------------------------------------------------------------
-
-bool EntryFolder::lockByte(short type, off_t offset) const {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = offset;
-    lock.l_len = 1;
-    return ::fcntl(shared_.get(), F_SETLK, &lock) == 0;
-}
-
-/** False when its owner seems to be stopped: then we go on without, at the risk that a name id is
- * given again sooner than we like. Never twice at the same time: of that its own lock takes care.
- */
-bool EntryFolder::lockCounter() const {
-    for (int attempt = 0; attempt < kCounterLockAttempts; ++attempt) {
-        if (lockByte(F_WRLCK, kCounterLock))
-            return true;
-        if (attempt < kCounterLockAttempts / 2)
-            ::sched_yield();
-        else
-            OSWrap::Thread::sleep(0, 1'000'000);
+std::shared_ptr<PresenceFile> EntryFolder::reopen(std::uint32_t lastNameId) {
+    std::shared_ptr<PresenceFile> const inUse = file();
+    std::string reason;
+    auto opened = PresenceFile::open(folder_.get(), path_, lastNameId, reason);
+    if (opened == nullptr) {
+        static Logging::LineLimit limit;
+        TRANSPORT_LOG_LIMITED(limit, 3, kSource,
+                              "Somebody has replaced a file of the rendezvous folder %s, and "
+                              "newcomers find nobody: %s",
+                              path_.c_str(), reason.c_str());
+        return nullptr;
     }
-    return false;
+    former_.erase(std::remove_if(former_.begin(), former_.end(),
+                                 [](auto const& former) { return former.expired(); }),
+                  former_.end());
+    if (opened->isSameAs(*inUse))
+        return inUse;
+    for (auto const& weak : former_)
+        if (auto const former = weak.lock(); former != nullptr && former->isSameAs(*opened))
+            return former;
+    return opened;
 }
 
-unsigned short EntryFolder::nextNameId() {
-    bool const locked = lockCounter();
-    std::uint32_t last = 0;
-    if (::pread(shared_.get(), &last, sizeof last, kCounterOffset) != sizeof last)
-        last = 0;
-    std::uint32_t const next = last % 0xFFFF + 1;
-    if (::pwrite(shared_.get(), &next, sizeof next, kCounterOffset) != sizeof next)
-        TRANSPORT_LOG(3, kSource, "Cannot write %s/%s: %s", path_.c_str(), kSharedFile,
-                      std::strerror(errno));
-    if (locked)
-        lockByte(F_UNLCK, kCounterLock);
-    return static_cast<unsigned short>(next);
-}
-
-bool EntryFolder::lockName(unsigned short nameId) {
-    return lockByte(F_WRLCK, kOwnerLocks + nameId);
-}
-
-void EntryFolder::unlockName(unsigned short nameId) {
-    lockByte(F_UNLCK, kOwnerLocks + nameId);
-}
-
-pid_t EntryFolder::ownerOf(unsigned short nameId) const {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = kOwnerLocks + nameId;
-    lock.l_len = 1;
-    if (::fcntl(shared_.get(), F_GETLK, &lock) != 0)
-        return kUnknown;
-    if (lock.l_type == F_UNLCK)
-        return kFree;
-    return lock.l_pid > 0 ? lock.l_pid : kUnknown;
+void EntryFolder::use(std::shared_ptr<PresenceFile> file) {
+    OSWrap::Lock<> lock(fileMutex_);
+    if (file == file_)
+        return;
+    former_.push_back(file_);
+    file_.swap(file);
 }
 
 // ---- Entries ------------------------------------------------------------------------------------
@@ -232,6 +200,10 @@ std::string EntryFolder::fileName(TerminationId id, std::string const& actor,
     return file.substr(0, kLongestFileName);
 }
 
+bool EntryFolder::isOf(pid_t process, std::string const& file) {
+    return file.find(".pid" + std::to_string(process) + ".") != std::string::npos;
+}
+
 std::vector<FolderEntry> EntryFolder::list() const {
     std::vector<FolderEntry> entries;
     // A descriptor of its own: those that are duplicated share their place in the folder.
@@ -240,14 +212,18 @@ std::vector<FolderEntry> EntryFolder::list() const {
     });
     DIR* const folder = descriptor >= 0 ? ::fdopendir(descriptor) : nullptr;
     if (folder == nullptr) {
-        TRANSPORT_LOG(3, kSource, "Cannot read the rendezvous folder %s: %s", path_.c_str(),
-                      std::strerror(errno));
+        static Logging::LineLimit limit;
+        TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Cannot read the rendezvous folder %s: %s",
+                              path_.c_str(), std::strerror(errno));
         if (descriptor >= 0)
             ::close(descriptor);
         return entries;
     }
     std::size_t const prefix = std::strlen(kHiddenPrefix);
-    while (dirent const* const found = ::readdir(folder)) {
+    while (entries.size() < kMostEntries) {
+        dirent const* const found = ::readdir(folder);
+        if (found == nullptr)
+            break;
         bool const hidden = std::strncmp(found->d_name, kHiddenPrefix, prefix) == 0;
         auto const id = idOf(found->d_name + (hidden ? prefix : 0));
         if (id && (found->d_type == DT_SOCK || found->d_type == DT_UNKNOWN))
@@ -263,7 +239,7 @@ bool EntryFolder::contains(std::string const& file) const {
 }
 
 std::string EntryFolder::socketPath(std::string const& file) const {
-    return "/proc/self/fd/" + std::to_string(folder_.get()) + "/" + file;
+    return pathOf(folder_) + "/" + file;
 }
 
 namespace {
@@ -323,45 +299,19 @@ Descriptor EntryFolder::connect(std::string const& file) const {
     return socket;
 }
 
-// ---- Announcements ------------------------------------------------------------------------------
+EntryFolder::Socket EntryFolder::probe(std::string const& file) const {
+    sockaddr_un const address = addressOf(socketPath(file));
+    if (::connect(asking_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
+        return Socket::Alive;
+    // EPROTOTYPE: one of the entries' type is there.
+    return errno == ECONNREFUSED ? Socket::Dead : errno == ENOENT ? Socket::Absent : Socket::Alive;
+}
 
-/** Gives a file that was cut short its length back. */
-void EntryFolder::repair() const {
+std::optional<FileIdentity> EntryFolder::identityOf(std::string const& file) const {
     struct stat status;
-    if (::fstat(shared_.get(), &status) == 0 && status.st_size < kSharedSize &&
-        ::ftruncate(shared_.get(), kSharedSize) == 0)
-        TRANSPORT_LOG(3, kSource, "%s/%s had been cut short and was mended", path_.c_str(),
-                      kSharedFile);
-}
-
-void EntryFolder::announce() const {
-    constexpr std::uint32_t addOne = FUTEX_OP(FUTEX_OP_ADD, 1, FUTEX_OP_CMP_GE, 0);
-    // The kernel adds and wakes in one step.
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        if (futex(mapping_, FUTEX_WAKE_OP, INT_MAX, INT_MAX, mapping_, addOne) >= 0)
-            return;
-        if (errno == EFAULT)
-            repair();
-        else if (errno != EAGAIN && errno != EINTR)
-            break;
-    }
-    TRANSPORT_LOG(3, kSource, "Cannot announce a change in %s: %s", path_.c_str(),
-                  std::strerror(errno));
-}
-
-std::uint32_t EntryFolder::announcements() const {
-    std::uint32_t word = 0;
-    if (::pread(shared_.get(), &word, sizeof word, 0) != sizeof word)
-        word = 0;
-    return word;
-}
-
-void EntryFolder::waitForAnnouncement(std::uint32_t seen) const {
-    if (futex(mapping_, FUTEX_WAIT, seen, 0, nullptr, 0) == 0 || errno == EAGAIN || errno == EINTR)
-        return;
-    if (errno == EFAULT)
-        repair();
-    OSWrap::Thread::sleep(0, 50'000'000);  // so that a failing system call does not eat a processor
+    if (::fstatat(folder_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return FileIdentity{status.st_dev, status.st_ino};
 }
 
 }  // namespace Transport

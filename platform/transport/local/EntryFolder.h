@@ -2,13 +2,15 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "oswrap/Mutex.h"
 #include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/PresenceFile.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -20,55 +22,53 @@ struct FolderEntry {
     bool hidden;  // bound, and not yet renamed into view
 };
 
+/** Device and inode. */
+using FileIdentity = std::pair<dev_t, ino_t>;
+
 /**
- * The rendezvous folder on disk: sockets, locks, and the word that announces changes. Only system
- * calls and constant descriptors: any thread.
- *
- * Beside a socket per termination the folder holds one file, `presence`:
- *
- * | offset | bytes | meaning |
- * |---|---|---|
- * | 0 | 4 | raised at each change of the folder; a futex for all who wait for one |
- * | 4 | 4 | the name id that was given last |
- * | 0x10000 + name id | lock | held by the process that owns the name id |
- * | 0x20000 | lock | held for a moment while the last name id is read and written |
- *
- * The locks are fcntl record locks, because these name their owner's process id and end with it.
- * Such locks are also lost when a process closes any descriptor of the file: each process opens it
- * once and keeps it. No program code reads or writes the file through its mapping, which only the
- * kernel's futex operations use: a file that someone cuts short cannot fault.
+ * The rendezvous folder on disk: a socket per termination, and the file `presence` with the locks
+ * and the word that announces changes. Any thread; nothing here waits for anybody.
  *
  * The name of a socket holds the process id besides the termination's, so a file that was found to
  * be a dead one's can be removed without a lock: no later owner ever has the same name.
+ *
+ * Somebody may take `presence` away or replace it. Then whoever comes next makes a new one, and all
+ * others move over to that: `reopen` opens it, and `use` makes it the one in use.
  */
 class EntryFolder {
 public:
     /** Opens the folder at `path`, made when absent. Refuses, with a log line at level 3, one that
-     * is a symbolic link, not the user's own, or not of mode 0700. */
+     * is a symbolic link, not the user's own, or not of mode 0700, and any without /proc, through
+     * which its sockets are reached however long its path is. */
     static std::unique_ptr<EntryFolder> open(std::string const& path);
-    ~EntryFolder();
     EntryFolder(EntryFolder const&) = delete;
     EntryFolder& operator=(EntryFolder const&) = delete;
 
     std::string const& path() const { return path_; }
 
-    // ---- Name ids and their locks ----
+    // ---- The file with the locks ----
 
-    /** The next name id to try, which no process takes again soon; never 0. */
-    unsigned short nextNameId();
-    /** Takes the lock of a name id for this process. Says nothing of those already its own. */
-    bool lockName(unsigned short nameId);
-    void unlockName(unsigned short nameId);
-    static constexpr pid_t kFree = 0;
-    static constexpr pid_t kUnknown = -1;  // held, by a process that cannot be named
-    /** The process that holds the name id; kFree also when it is this process. */
-    pid_t ownerOf(unsigned short nameId) const;
+    /** The one in use. */
+    std::shared_ptr<PresenceFile> file() const;
+    /** Whether the one in use still is the one in the folder. */
+    bool isCurrent() const { return file()->isIn(folder_.get()); }
+    /** The one in the folder, made when absent, with `lastNameId` as its last name id; null, with a
+     * log line, on failure. Locks that this
+     * process has in it may be lost: take them (again), and call `use`. One thread at a time. */
+    std::shared_ptr<PresenceFile> reopen(std::uint32_t lastNameId);
+    void use(std::shared_ptr<PresenceFile> file);
+    static constexpr pid_t kFree = PresenceFile::kFree;
+    pid_t ownerOf(unsigned short nameId) const { return file()->ownerOf(nameId); }
+    void announce() const { file()->announce(); }
 
     // ---- Entries ----
 
     /** The file name for a termination of this process. */
     static std::string fileName(TerminationId id, std::string const& actor,
                                 std::string const& name);
+    /** Whether the file's name says that it belongs to a termination of this process. */
+    static bool isOf(pid_t process, std::string const& file);
+    /** Those in the folder, up to a number that no folder has unless somebody fills it. */
     std::vector<FolderEntry> list() const;
     bool contains(std::string const& file) const;
     /** A listening socket under the hidden name of `file`; an invalid one, with a log line, on
@@ -81,26 +81,30 @@ public:
     /** A connected socket; an invalid one, with errno, on failure. Does not block. */
     Descriptor connect(std::string const& file) const;
 
-    // ---- Announcements ----
-
-    /** Tells all processes that the folder has changed. */
-    void announce() const;
-    std::uint32_t announcements() const;
-    /** Returns when the word differs from `seen`, and now and then without a reason. */
-    void waitForAnnouncement(std::uint32_t seen) const;
+    enum class Socket { Alive, Dead, Absent };
+    /** Whether somebody has the entry's socket, also who is stopped, or cannot be asked now. The
+     * other side notices nothing. */
+    Socket probe(std::string const& file) const;
+    /** Connects and leaves at once, upon which the entry's owner looks whether he still uses the
+     * file that is in the folder. */
+    void knock(std::string const& file) const { connect(file); }
+    /** Which file on disk the entry is; nothing when it is absent. */
+    std::optional<FileIdentity> identityOf(std::string const& file) const;
 
 private:
-    EntryFolder(std::string path, Descriptor folder, Descriptor shared, void* mapping);
+    EntryFolder(std::string path, Descriptor folder, Descriptor asking,
+                std::shared_ptr<PresenceFile> file);
 
-    bool lockByte(short type, off_t offset) const;
-    bool lockCounter() const;
-    void repair() const;
     std::string socketPath(std::string const& file) const;
 
     std::string const path_;
     Descriptor const folder_;
-    Descriptor const shared_;
-    void* const mapping_;  // of the announcing word's page
+    Descriptor const asking_;  // a socket of another type than the entries': finds who is there
+    mutable OSWrap::Mutex fileMutex_;  // a leaf
+    std::shared_ptr<PresenceFile> file_ OSW_GUARDED_BY(fileMutex_);
+    /** Formerly in use, and perhaps still held by threads: opening one of them again and closing
+     * that would lose its locks. For `reopen` and `use` alone. */
+    std::vector<std::weak_ptr<PresenceFile>> former_;
 };
 
 }  // namespace Transport

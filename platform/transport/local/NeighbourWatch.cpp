@@ -1,10 +1,12 @@
 #include "platform/transport/local/NeighbourWatch.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 
 #include "platform/transport/local/Bell.h"
@@ -25,6 +27,11 @@ Descriptor openProcess(pid_t pid) {
     return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
 }
 
+/** One of another user, which cannot be asked, and one that nobody has waited for, still are. */
+bool hasEnded(pid_t pid) {
+    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+}
+
 }  // namespace
 
 void NeighbourWatch::prepare() {
@@ -35,7 +42,7 @@ void NeighbourWatch::wake() const {
     ringBell(bell_.get());
 }
 
-std::vector<pid_t> NeighbourWatch::wait() {
+std::vector<NeighbourWatch::Suspect> NeighbourWatch::wait() {
     std::vector<pollfd> polled{{bell_.get(), POLLIN, 0}};
     bool timed = !bell_.valid();
     for (Watched const& watched : watched_) {
@@ -45,11 +52,12 @@ std::vector<pid_t> NeighbourWatch::wait() {
     ::poll(polled.data(), polled.size(), timed ? kTimedLook : -1);
     std::uint64_t count = 0;
     static_cast<void>(!::read(bell_.get(), &count, sizeof count));
-    std::vector<pid_t> suspects;
+    std::vector<Suspect> suspects;
     for (std::size_t i = 0; i < watched_.size(); ++i) {
         if (watched_[i].handle.valid() && polled[i + 1].revents == 0)
             continue;
-        suspects.push_back(watched_[i].pid);
+        pid_t const pid = watched_[i].pid;
+        suspects.push_back({pid, watched_[i].handle.valid() || hasEnded(pid)});
         // A handle that has told its news would tell it for ever. If the locks say that a process
         // of this id lives on, it is another one, or cannot be trusted: look at it by time.
         watched_[i].handle = Descriptor();
@@ -70,14 +78,14 @@ std::vector<pid_t> NeighbourWatch::neighboursAmong(std::vector<pid_t> const& pro
     return neighbours;
 }
 
-std::vector<pid_t> NeighbourWatch::choose(std::vector<pid_t> const& neighbours) {
+std::vector<NeighbourWatch::Suspect> NeighbourWatch::choose(std::vector<pid_t> const& neighbours) {
     std::vector<Watched> chosen;
-    std::vector<pid_t> fresh;
+    std::vector<Suspect> fresh;
     for (pid_t const pid : neighbours) {
         auto const known = std::find_if(watched_.begin(), watched_.end(),
                                         [&](Watched const& w) { return w.pid == pid; });
         if (known == watched_.end())
-            fresh.push_back(pid);
+            fresh.push_back({pid, hasEnded(pid)});
         chosen.push_back(
             {pid, known == watched_.end() ? openProcess(pid) : std::move(known->handle)});
     }

@@ -20,14 +20,18 @@ public:
     void prepare();
     /** Makes `wait` return; any thread. */
     void wake() const;
-    /** Waits for the end of a watched process or for `wake`. The processes whose locks are to be
-     * looked at now. */
-    std::vector<pid_t> wait();
+    /** A process whose locks are to be looked at now. */
+    struct Suspect {
+        pid_t pid;
+        bool ended;  // for sure; else it is not known
+    };
+    /** Waits for the end of a watched process or for `wake`. */
+    std::vector<Suspect> wait();
     /** Those among `processes`, which are in ascending order, that this process is to watch. */
     static std::vector<pid_t> neighboursAmong(std::vector<pid_t> const& processes);
     /** Watches `neighbours` and nobody else. Answers those who were not watched before: they may
      * have died already, so their locks are to be looked at. */
-    std::vector<pid_t> choose(std::vector<pid_t> const& neighbours);
+    std::vector<Suspect> choose(std::vector<pid_t> const& neighbours);
     /** Watches nobody. */
     void clear() { watched_.clear(); }
 

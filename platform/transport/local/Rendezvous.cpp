@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "oswrap/CancelGuards.h"
+#include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/Identity.h"
@@ -16,7 +17,28 @@ namespace Transport {
 namespace {
 
 constexpr char const* kSource = "TransportRendezvous";
-constexpr int kNameIds = 0xFFFF;
+constexpr std::uint32_t kNameIds = 0xFFFF;
+/** How often the folder's file may be replaced under our hands before we give up. */
+constexpr int kReserveAttempts = 10;
+
+/** The name id to go on from when nobody knows which was given last: those given lately follow the
+ * ones that are there, so it lies in the middle of the widest gap between these. */
+std::uint32_t farFrom(std::set<unsigned short> const& nameIds) {
+    if (nameIds.empty())
+        return 0;
+    std::uint32_t before = *nameIds.rbegin();
+    std::uint32_t widest = 0;
+    std::uint32_t middle = 0;
+    for (std::uint32_t const nameId : nameIds) {
+        std::uint32_t const gap = (nameId + kNameIds - before - 1) % kNameIds + 1;
+        if (gap > widest) {
+            widest = gap;
+            middle = (before + gap / 2) % kNameIds;
+        }
+        before = nameId;
+    }
+    return middle;
+}
 
 }  // namespace
 
@@ -28,6 +50,7 @@ bool Rendezvous::State::openFolder(std::string const& path) {
         if (folder != nullptr) {
             watchForForks();
             watch_.prepare();
+            knockAt_ = OSWrap::Clock::nowNanoseconds();
         }
     }
     return folder != nullptr;
@@ -38,20 +61,55 @@ bool Rendezvous::State::ownsName(unsigned short nameId) const {
                        [&](auto const& own) { return own.first.nameId() == nameId; });
 }
 
-/** A locked name id without files in the folder; 0 when all are in use. */
-unsigned short Rendezvous::State::takeName() {
+std::set<unsigned short> Rendezvous::State::ownNames() {
+    OSWrap::Lock<> lock(mutex_);
+    std::set<unsigned short> names;
+    for (auto const& own : own_)
+        names.insert(own.first.nameId());
+    return names;
+}
+
+std::uint32_t Rendezvous::State::latestName() {
+    OSWrap::Lock<> lock(mutex_);
+    return latestName_;
+}
+
+/** A locked name id without files in the folder; 0, with a log line, when none is to be had. Not
+ * under mutex_: waits for others, and no other thread of ours takes names. */
+unsigned short Rendezvous::State::takeName(PresenceFile& file) {
     EntryFolder& files = *folder;
-    for (int attempt = 0; attempt < kNameIds; ++attempt) {
-        unsigned short const nameId = files.nextNameId();
-        if (ownsName(nameId) || !files.lockName(nameId))
-            continue;
-        // What its last owner, who is dead, may have left.
-        for (FolderEntry const& entry : files.list())
-            if (entry.id.nameId() == nameId)
-                files.remove(entry.file);
-        return nameId;
-    }
-    return 0;
+    std::set<unsigned short> const own = ownNames();
+    std::vector<FolderEntry> const entries = files.list();
+    auto const isAlive = [&files](FolderEntry const& entry) {
+        return files.probe(entry.file) == EntryFolder::Socket::Alive;
+    };
+    std::set<unsigned short> used;
+    for (FolderEntry const& entry : entries)
+        used.insert(entry.id.nameId());
+    auto const usable = [&](unsigned short nameId) {
+        // Its owner may not have moved over to this file yet.
+        return own.count(nameId) == 0 &&
+               (used.count(nameId) == 0 ||
+                std::none_of(entries.begin(), entries.end(), [&](FolderEntry const& entry) {
+                    return entry.id.nameId() == nameId && isAlive(entry);
+                }));
+    };
+    std::uint32_t const latest = latestName();
+    unsigned short const nameId = file.takeName(latest != 0 ? latest : farFrom(used), usable);
+    // What its last owner, who is dead, may have left.
+    for (FolderEntry const& entry : entries)
+        if (nameId != 0 && entry.id.nameId() == nameId && !isAlive(entry))
+            files.remove(entry.file);
+    return nameId;
+}
+
+/** The file to take a name id from; null, with a log line, when there is none. */
+std::shared_ptr<PresenceFile> Rendezvous::State::prepare(std::string const& path) {
+    OSWrap::Lock<> lock(mutex_);
+    if (!openFolder(path))
+        return nullptr;
+    renew();
+    return folder.load()->file();
 }
 
 TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name) {
@@ -59,33 +117,47 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
     if (!identity)
         return {};
     DelayedLog const delayed;
-    OSWrap::Lock<> lock(mutex_);
-    if (!openFolder(identity->directory))
-        return {};
-    Identity::instance().freeze();
-    unsigned short const nameId = takeName();
-    if (nameId == 0) {
-        TRANSPORT_LOG(3, kSource, "No name id is left in the rendezvous folder %s",
-                      folder.load()->path().c_str());
-        return {};
+    OSWrap::Lock<> reserving(reserving_);
+    for (int attempt = 0; attempt < kReserveAttempts; ++attempt) {
+        std::shared_ptr<PresenceFile> const file = prepare(identity->directory);
+        if (file == nullptr)
+            return {};
+        Identity::instance().freeze();
+        unsigned short const nameId = takeName(*file);
+        if (nameId == 0)
+            return {};
+        TerminationId const id(nameId, identity->slot, group);
+        OSWrap::Lock<> lock(mutex_);
+        auto const inUse = folder.load()->file();
+        if (inUse != file && !inUse->lockName(nameId))
+            continue;  // another thread has moved over meanwhile, to where the name is taken
+        latestName_ = PresenceFile::laterOf(latestName_, nameId);
+        own_[id].file = EntryFolder::fileName(id, identity->actor, name);
+        return id;
     }
-    TerminationId const id(nameId, identity->slot, group);
-    own_[id] = {EntryFolder::fileName(id, identity->actor, name), false, false};
-    return id;
+    TRANSPORT_LOG(3, kSource, "Somebody keeps replacing the files of the rendezvous folder %s",
+                  folder.load()->path().c_str());
+    return {};
 }
 
 /** A listening socket that everybody sees, or an invalid one and nothing changed. */
-Descriptor Rendezvous::State::publishLocked(Own& own, TerminationId id,
-                                            PresenceTable::Departures& gone) {
+Descriptor Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     EntryFolder& files = *folder;
+    renew();
+    if (!own.locked) {
+        TRANSPORT_LOG(3, kSource,
+                      "Termination 0x%08X cannot be started: process %d holds its name id",
+                      id.value(), static_cast<int>(files.ownerOf(id.nameId())));
+        return Descriptor();
+    }
     Descriptor socket = files.listenHidden(own.file);
     if (!socket.valid())
         return socket;
     ++published_;
     if (startThreads() && files.show(own.file)) {
         own.published = true;
+        own.identity = files.identityOf(own.file).value_or(FileIdentity());
         table.admit(id, {own.file, ::getpid()});
-        scanLocked(gone);
         return socket;
     }
     --published_;
@@ -94,7 +166,6 @@ Descriptor Rendezvous::State::publishLocked(Own& own, TerminationId id,
 }
 
 int Rendezvous::State::publish(TerminationId id) {
-    PresenceTable::Departures gone;
     Descriptor socket;
     {
         DelayedLog const delayed;
@@ -105,9 +176,10 @@ int Rendezvous::State::publish(TerminationId id) {
                           own == own_.end() ? "has no address" : "has been started already");
             return -1;
         }
-        socket = publishLocked(own->second, id, gone);
+        socket = publishLocked(own->second, id);
     }
-    tell(gone);
+    if (socket.valid())
+        scan();
     folder.load()->announce();
     watch_.wake();
     return socket.release();
@@ -118,10 +190,12 @@ void Rendezvous::State::withdraw(TerminationId id) {
     PresenceTable::Departures forgotten;
     bool shown = false;
     {
+        DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
         auto const own = own_.find(id);
         if (own == own_.end())
             return;
+        renew();
         shown = own->second.published;
         if (shown) {
             folder.load()->remove(own->second.file);
@@ -133,7 +207,7 @@ void Rendezvous::State::withdraw(TerminationId id) {
             for (TerminationId const other : table.ids())
                 table.drop(other, forgotten);
         // Last, so that nobody sees an entry without its lock.
-        folder.load()->unlockName(id.nameId());
+        folder.load()->file()->unlockName(id.nameId());
         own_.erase(own);
     }
     if (!shown)
@@ -205,6 +279,12 @@ void Rendezvous::suspect(TerminationId id) {
     OSWrap::DisableCancelStateGuard const uncancelled;
     if (!inForkedChild())
         state_.suspect(id);
+}
+
+void Rendezvous::knocked() {
+    OSWrap::DisableCancelStateGuard const uncancelled;
+    if (!inForkedChild())
+        state_.knocked();
 }
 
 void Rendezvous::attach(PresenceListener& listener) {

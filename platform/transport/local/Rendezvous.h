@@ -39,7 +39,8 @@ public:
 
     /** Takes an address whose name id is unique in the whole folder and was not in use lately.
      * `name` is shown in the entry's name. 0, with a log line, when the folder refuses (owner,
-     * mode, no name id left). The address is held until `withdraw`. */
+     * mode, full disk, no name id left). The address is held until `withdraw`. May wait for others,
+     * for less than a second. */
     TerminationId reserve(GroupId group, std::string const& name);
     /** Binds, listens, locks and only then shows the entry, enters it in this process's tables and
      * announces it. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
@@ -63,6 +64,9 @@ public:
     std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
     void suspect(TerminationId id);
+    /** Somebody has connected to a termination of this process and left without a word: one who
+     * misses our locks, perhaps, because the folder's file has been replaced. Never blocks. */
+    void knocked();
 
     /** From now on `listener` is told: first the arrival of every termination that is there (its
      * own included), then every change: an arrival and a departure once each, also the departure of

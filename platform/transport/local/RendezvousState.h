@@ -25,6 +25,12 @@ namespace Transport {
  * Both end by themselves after the last termination has been withdrawn. Truth is the folder for
  * who came and went, and the lock for who lives. Whoever finds a dead one removes its entry and
  * announces that, upon which all others scan.
+ *
+ * A lock proves something only in the file that everybody finds in the folder. Whoever is about to
+ * change or judge something therefore looks first whether that still is the one in use, and else
+ * moves over to it (`renew`): takes the locks of its names there, and announces that in both files,
+ * so that all who still use the former follow. Who comes and sees a living entry without a lock
+ * knocks there. And nobody is buried whose socket is still held by a process that has not ended.
  */
 struct Rendezvous::State {
     State() = default;
@@ -38,6 +44,7 @@ struct Rendezvous::State {
     // ---- The others (RendezvousWatch.cpp) ----
     bool ownedBy(TerminationId id, pid_t pid);
     void suspect(TerminationId id);
+    void knocked();
 
     PresenceTable table;
     std::atomic<GoneHook> goneHook{nullptr};
@@ -46,16 +53,20 @@ struct Rendezvous::State {
 private:
     struct Own {
         std::string file;
-        bool published;
-        bool missed;  // somebody else has removed the entry
+        bool published = false;
+        bool locked = true;       // in the file in use; else somebody else holds its name id there
+        bool missed = false;      // somebody else has removed the entry, or replaced it
+        FileIdentity identity{};  // once published
     };
     class WatchThread;
 
     bool openFolder(std::string const& path) OSW_REQUIRES(mutex_);
-    unsigned short takeName() OSW_REQUIRES(mutex_);
+    std::shared_ptr<PresenceFile> prepare(std::string const& path);
+    unsigned short takeName(PresenceFile& file) OSW_REQUIRES(reserving_);
+    std::set<unsigned short> ownNames();
+    std::uint32_t latestName();
     bool ownsName(unsigned short nameId) const OSW_REQUIRES(mutex_);
-    Descriptor publishLocked(Own& own, TerminationId id, PresenceTable::Departures& gone)
-        OSW_REQUIRES(mutex_);
+    Descriptor publishLocked(Own& own, TerminationId id) OSW_REQUIRES(mutex_);
     bool startThreads() OSW_REQUIRES(mutex_);
     bool startThread(void (State::*body)(), char const* name, bool State::*lives)
         OSW_REQUIRES(mutex_);
@@ -64,26 +75,41 @@ private:
     void watchAnnouncements();
     void watchProcesses();
     bool mayEnd(bool State::*lives);
+    void renew() OSW_REQUIRES(mutex_);
+    bool lockNames() OSW_REQUIRES(mutex_);
+    long long timeToKnock();
+
+    struct Scan;
     void scan();
-    bool scanLocked(PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
-    bool admitOrRemove(FolderEntry const& entry, PresenceTable::Departures& gone)
+    bool beginScan(Scan& scan);
+    bool lookAt(Scan& scan, std::size_t first);
+    void lookAt(Scan& scan, FolderEntry const& entry) OSW_REQUIRES(mutex_);
+    bool removeLeft(FolderEntry const& entry) OSW_REQUIRES(mutex_);
+    bool admit(FolderEntry const& entry, pid_t owner, PresenceTable::Departures& gone)
         OSW_REQUIRES(mutex_);
-    void dropMissing(std::vector<TerminationId> const& seen, PresenceTable::Departures& gone)
-        OSW_REQUIRES(mutex_);
+    void dropMissing(Scan& scan);
+    void missOwn() OSW_REQUIRES(mutex_);
     void checkSuspects();
-    void checkProcess(pid_t pid);
+    void checkProcess(NeighbourWatch::Suspect const& suspect);
+    enum class Process { Ended, Unknown };
+    bool isDead(PresenceTable::Known const& known, Process process) const OSW_REQUIRES(mutex_);
     bool bury(PresenceTable::Known const& dead, PresenceTable::Departures& gone)
         OSW_REQUIRES(mutex_);
     std::vector<pid_t> neighbours() const;
 
-    // Lock order: mutex_, then that of the table. Neither is held in a call of the hook or of a
-    // listener.
-    OSWrap::Mutex mutex_;  // changes to the folder and to the table by this process
+    // Lock order: reserving_, mutex_, then that of the table. None is held in a call of the hook or
+    // of a listener. Receiving threads take mutex_, so nobody waits or sleeps under it.
+    OSWrap::Mutex reserving_;  // by applications' threads: one searches for a name id at a time
+    OSWrap::Mutex mutex_;      // changes to the folder and to the table by this process
     std::map<TerminationId, Own> own_ OSW_GUARDED_BY(mutex_);
+    std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // name id given last, as far as seen
     int published_ OSW_GUARDED_BY(mutex_) = 0;
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     bool processThreadLives_ OSW_GUARDED_BY(mutex_) = false;
-    NeighbourWatch watch_;  // belongs to TrPresence, but for `wake`
+    /** When to knock at those whose locks are not in the file in use; 0 when that has been done. */
+    long long knockAt_ OSW_GUARDED_BY(mutex_) = 0;
+    std::atomic<bool> lacksLocks_{false};  // of names; written under mutex_
+    NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`
 
     OSWrap::Mutex suspectsMutex_;  // a leaf
     std::set<TerminationId> suspects_ OSW_GUARDED_BY(suspectsMutex_);

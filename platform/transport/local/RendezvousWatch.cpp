@@ -17,12 +17,24 @@ constexpr std::size_t kWatchStack = 0x20000;
 /** Between two scans, so that many changes at once cost each process a few scans and not one for
  * each change. The first change after a pause is seen at once. */
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
+/** How many entries are looked at in one go, as receiving threads wait for the mutex. */
+constexpr std::size_t kEntriesAtOnce = 128;
+/** After it has moved over, a process gives the others this long to follow by themselves. */
+constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 
-/** Sleeps until the pause after a scan that ended at `scanned` is over. */
-void rest(long long scanned) {
-    long long const left = scanned + kScanPause - OSWrap::Clock::nowNanoseconds();
+/** Sleeps until the pause after a scan is over, which is at least as long as the scan was: a folder
+ * that somebody fills takes half a processor at most. */
+void rest(long long began, long long ended) {
+    long long const pause = std::clamp(ended - began, kScanPause, 50 * kScanPause);
+    long long const left = ended + pause - OSWrap::Clock::nowNanoseconds();
     if (left > 0)
         OSWrap::Thread::sleep(0, static_cast<unsigned long>(left));
+}
+
+/** In a new file name ids go on a few further, in each process by another number: some may have
+ * been given in a file that came and went unseen. */
+std::uint32_t nameIdsLeftOut() {
+    return static_cast<std::uint32_t>(::getpid()) % 8 * 8;
 }
 
 }  // namespace
@@ -83,34 +95,36 @@ bool Rendezvous::State::mayEnd(bool State::*lives) {
  * change after the reading is never waited past.
  */
 void Rendezvous::State::watchAnnouncements() {
-    EntryFolder const& files = *folder;
     std::vector<pid_t> watched;
     for (;;) {
-        std::uint32_t const seen = files.announcements();
+        std::shared_ptr<PresenceFile> const file = folder.load()->file();
+        std::uint32_t const seen = file->announcements();
         if (mayEnd(&State::announcementThreadLives_))
             return;
+        long long const began = OSWrap::Clock::nowNanoseconds();
         scan();
-        long long const scanned = OSWrap::Clock::nowNanoseconds();
+        long long const ended = OSWrap::Clock::nowNanoseconds();
         if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
             watched = std::move(toWatch);
             watch_.wake();
         }
-        files.waitForAnnouncement(seen);
-        rest(scanned);
+        // Raised when this process moves over to another file, too.
+        file->waitForAnnouncement(seen, timeToKnock());
+        rest(began, ended);
     }
 }
 
 /** The body of "TrPresence". */
 void Rendezvous::State::watchProcesses() {
     for (;;) {
-        std::vector<pid_t> toCheck = watch_.wait();
+        std::vector<NeighbourWatch::Suspect> toCheck = watch_.wait();
         if (mayEnd(&State::processThreadLives_))
             return;
         checkSuspects();
         // Whoever is watched anew may have died before: go on until the neighbours are alive.
         do {
-            for (pid_t const pid : toCheck)
-                checkProcess(pid);
+            for (NeighbourWatch::Suspect const& suspect : toCheck)
+                checkProcess(suspect);
             toCheck = watch_.choose(neighbours());
         } while (!toCheck.empty());
     }
@@ -120,72 +134,198 @@ std::vector<pid_t> Rendezvous::State::neighbours() const {
     return NeighbourWatch::neighboursAmong(table.owners());
 }
 
+// ---- The file with the locks --------------------------------------------------------------------
+
+/** Moves over to the file that is in the folder, when somebody has taken ours away. When there is
+ * none to be had, ours goes on serving those who have it. */
+void Rendezvous::State::renew() {
+    EntryFolder& files = *folder;
+    bool const current = files.isCurrent();
+    if (current && !lacksLocks_)
+        return;
+    auto const former = files.file();
+    auto const next = current
+                          ? former
+                          : files.reopen(PresenceFile::laterOf(former->lastNameId(), latestName_) +
+                                         nameIdsLeftOut());
+    if (next == nullptr)
+        return;
+    files.use(next);
+    bool const gained = lockNames();
+    if (gained || !current)
+        next->announce();
+    if (current)
+        return;
+    former->announce();
+    knockAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToFollow;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 4, kSource,
+                          "Somebody has removed or replaced presence in the rendezvous folder %s: "
+                          "this process has moved over to the new one",
+                          files.path().c_str());
+}
+
+/** Takes the locks of all own names in the file in use; true when others see more of them now. */
+bool Rendezvous::State::lockNames() {
+    auto const file = folder.load()->file();
+    bool gained = false;
+    bool lacking = false;
+    for (auto& [id, own] : own_) {
+        bool const before = own.locked;
+        own.locked = file->lockName(id.nameId());
+        gained = gained || (own.locked && !before);
+        if (own.locked)
+            continue;
+        lacking = true;
+        static Logging::LineLimit limit;
+        TRANSPORT_LOG_LIMITED(limit, 3, kSource,
+                              "Process %d holds the name id of termination 0x%08X of this process: "
+                              "newcomers do not see it",
+                              static_cast<int>(file->ownerOf(id.nameId())), id.value());
+    }
+    lacksLocks_ = lacking;
+    return gained;
+}
+
+/** How long the thread may wait until it knocks; negative for ever. */
+long long Rendezvous::State::timeToKnock() {
+    OSWrap::Lock<> lock(mutex_);
+    if (knockAt_ == 0)
+        return -1;
+    return std::max(knockAt_ - OSWrap::Clock::nowNanoseconds(), 1LL);
+}
+
+void Rendezvous::State::knocked() {
+    EntryFolder const* const files = folder;
+    if (files != nullptr && (lacksLocks_ || !files->isCurrent()))
+        files->announce();  // all who use the same file look at the folder then, we included
+}
+
 // ---- Who came and went --------------------------------------------------------------------------
 
-void Rendezvous::State::scan() {
+/** What one scan has found so far. */
+struct Rendezvous::State::Scan {
+    std::vector<FolderEntry> entries;
+    bool knock = false;               // at those whose locks are not in the file in use
+    std::vector<TerminationId> seen;  // of the table, by the files that the table knows
     PresenceTable::Departures gone;
-    bool removed = false;
+    bool removed = false;  // entries of dead ones
+};
+
+/** Makes the table what the folder says. */
+void Rendezvous::State::scan() {
+    Scan scan;
     {
         DelayedLog const delayed;
-        OSWrap::Lock<> lock(mutex_);
-        removed = scanLocked(gone);
+        if (!beginScan(scan))
+            return;
+        scan.entries = folder.load()->list();
+        std::size_t first = 0;
+        while (first < scan.entries.size() && lookAt(scan, first))
+            first += kEntriesAtOnce;
+        if (first >= scan.entries.size())
+            dropMissing(scan);
     }
-    tell(gone);
-    if (removed)
+    tell(scan.gone);
+    if (scan.removed)
         folder.load()->announce();
 }
 
-/** Makes the table what the folder says. True when entries of dead ones were removed. */
-bool Rendezvous::State::scanLocked(PresenceTable::Departures& gone) {
+bool Rendezvous::State::beginScan(Scan& scan) {
+    OSWrap::Lock<> lock(mutex_);
     if (published_ == 0)
         return false;
-    bool removed = false;
-    std::vector<TerminationId> seen;
-    for (FolderEntry const& entry : folder.load()->list()) {
-        if (table.contains(entry.id, entry.file) || !admitOrRemove(entry, gone))
-            seen.push_back(entry.id);
-        else
-            removed = true;
-    }
-    std::sort(seen.begin(), seen.end());
-    dropMissing(seen, gone);
-    return removed;
+    renew();
+    scan.knock = knockAt_ != 0 && knockAt_ <= OSWrap::Clock::nowNanoseconds();
+    if (scan.knock)
+        knockAt_ = 0;
+    return true;
 }
 
-/** Deals with an entry that is not in the table; true when it was a dead one's and is no more. */
-bool Rendezvous::State::admitOrRemove(FolderEntry const& entry, PresenceTable::Departures& gone) {
-    EntryFolder& files = *folder;
-    pid_t const owner = files.ownerOf(entry.id.nameId());
-    if (owner == EntryFolder::kFree && !ownsName(entry.id.nameId())) {
-        bool const removed = files.remove(entry.file);
-        if (removed)
-            TRANSPORT_LOG(5, kSource, "Removed %s, which a process without an end had left",
-                          entry.file.c_str());
-        return removed;
-    }
-    if (entry.hidden || own_.count(entry.id) != 0)
+/** Looks at some entries. The reading is old already: what has gone since has no socket any more.
+ * False when there is nothing to keep true any more. */
+bool Rendezvous::State::lookAt(Scan& scan, std::size_t first) {
+    OSWrap::Lock<> lock(mutex_);
+    if (published_ == 0)
         return false;
+    std::size_t const end = std::min(first + kEntriesAtOnce, scan.entries.size());
+    for (std::size_t i = first; i < end; ++i)
+        lookAt(scan, scan.entries[i]);
+    return true;
+}
+
+namespace {
+
+/** Whether the owner of the lock is the one that the entry names, as far as the kernel tells. */
+bool isProven(FolderEntry const& entry, pid_t owner) {
+    return owner == PresenceFile::kUnknown || EntryFolder::isOf(owner, entry.file);
+}
+
+}  // namespace
+
+void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
+    EntryFolder& files = *folder;
+    bool const known = table.contains(entry.id, entry.file);
+    if (known)
+        scan.seen.push_back(entry.id);
+    bool const own = ownsName(entry.id.nameId());
+    if ((known && !scan.knock) || (own && (known || own_.count(entry.id) != 0)))
+        return;
+    pid_t const owner = files.ownerOf(entry.id.nameId());
+    bool const free = owner == EntryFolder::kFree;
+    if (!free && !own && !known && !entry.hidden && admit(entry, owner, scan.gone)) {
+        scan.seen.push_back(entry.id);
+    } else if (free && files.probe(entry.file) == EntryFolder::Socket::Dead) {
+        scan.removed = (!known && removeLeft(entry)) || scan.removed;
+    } else if (scan.knock && !own && !isProven(entry, owner)) {
+        files.knock(entry.file);
+    }
+}
+
+/** True when it was there. */
+bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
+    if (!folder.load()->remove(entry.file))
+        return false;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 5, kSource, "Removed %s, which a process without an end had left",
+                          entry.file.c_str());
+    return true;
+}
+
+/** Enters one who is new, if his socket is alive, bears the name of the lock's owner, and nobody
+ * who is there has his id. */
+bool Rendezvous::State::admit(FolderEntry const& entry, pid_t owner,
+                              PresenceTable::Departures& gone) {
+    EntryFolder const& files = *folder;
+    PresenceTable::Entry known;
+    if (files.probe(entry.file) != EntryFolder::Socket::Alive || !isProven(entry, owner) ||
+        (table.find(entry.id, known) && known.owner == owner && files.contains(known.file)))
+        return false;
+    latestName_ = PresenceFile::laterOf(latestName_, entry.id.nameId());
     table.drop(entry.id, gone);  // whose successor, under the same id, this one is
-    table.admit(entry.id, {entry.file, owner});
-    return false;
+    return table.admit(entry.id, {entry.file, owner});
 }
 
 /** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
-void Rendezvous::State::dropMissing(std::vector<TerminationId> const& seen,
-                                    PresenceTable::Departures& gone) {
-    for (PresenceTable::Known const& known : table.notAmong(seen)) {
-        if (folder.load()->contains(known.entry.file))
+void Rendezvous::State::dropMissing(Scan& scan) {
+    OSWrap::Lock<> lock(mutex_);
+    std::sort(scan.seen.begin(), scan.seen.end());
+    for (PresenceTable::Known const& known : table.notAmong(scan.seen))
+        if (own_.count(known.id) == 0 && !folder.load()->contains(known.entry.file))
+            table.drop(known.id, scan.gone);
+    missOwn();
+}
+
+void Rendezvous::State::missOwn() {
+    EntryFolder const& files = *folder;
+    for (auto& [id, own] : own_) {
+        if (!own.published || own.missed || files.identityOf(own.file) == own.identity)
             continue;
-        auto const own = own_.find(known.id);
-        if (own == own_.end()) {
-            table.drop(known.id, gone);
-        } else if (!own->second.missed) {
-            own->second.missed = true;
-            TRANSPORT_LOG(3, kSource,
-                          "Somebody has removed %s of this process from the rendezvous folder %s: "
-                          "others do not see it any more",
-                          known.entry.file.c_str(), folder.load()->path().c_str());
-        }
+        own.missed = true;
+        TRANSPORT_LOG(3, kSource,
+                      "Somebody has removed %s of this process from the rendezvous folder %s: "
+                      "others do not see it any more",
+                      own.file.c_str(), files.path().c_str());
     }
 }
 
@@ -195,13 +335,22 @@ bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
     if (auto const own = own_.find(id); own != own_.end())
         return own->second.published && pid == ::getpid();
     // A process that the kernel does not name to us, as one of another pid namespace, owns nothing.
-    if (published_ == 0 || pid <= 0 || folder.load()->ownerOf(id.nameId()) != pid)
+    if (published_ == 0 || pid <= 0)
         return false;
+    EntryFolder const& files = *folder;
+    if (files.ownerOf(id.nameId()) != pid)
+        renew();  // it may have moved over before us
+    if (pid_t const owner = files.ownerOf(id.nameId()); owner != pid) {
+        // Or it has not yet, and we have.
+        PresenceTable::Entry known;
+        return owner == EntryFolder::kFree && table.find(id, known) && known.owner == pid &&
+               files.probe(known.file) == EntryFolder::Socket::Alive;
+    }
     if (table.exists(id))
         return true;
     // Its announcement is still on the way to us.
-    for (FolderEntry const& entry : folder.load()->list())
-        if (entry.id == id && !entry.hidden)
+    for (FolderEntry const& entry : files.list())
+        if (entry.id == id && !entry.hidden && EntryFolder::isOf(pid, entry.file))
             return table.admit(id, {entry.file, pid});
     return false;
 }
@@ -214,6 +363,16 @@ void Rendezvous::State::suspect(TerminationId id) {
         suspects_.insert(id);
     }
     watch_.wake();
+}
+
+/** Whether its owner has let go of its lock, and either has ended for sure or let go of its socket
+ * as well. Only the lock is free when he has not moved over to our file yet; a forked child of his
+ * may keep the socket, and holds no lock. */
+bool Rendezvous::State::isDead(PresenceTable::Known const& known, Process process) const {
+    EntryFolder const& files = *folder;
+    return files.ownerOf(known.id.nameId()) != known.entry.owner &&
+           (process == Process::Ended ||
+            files.probe(known.entry.file) != EntryFolder::Socket::Alive);
 }
 
 /** Takes a dead one out of the table and its entry out of the folder; true for the latter. */
@@ -235,12 +394,14 @@ void Rendezvous::State::checkSuspects() {
     }
     PresenceTable::Departures gone;
     bool removed = false;
-    {
+    if (!suspects.empty()) {
+        DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
+        renew();
         for (TerminationId const id : suspects) {
             PresenceTable::Known known{id, {}};
             if (own_.count(id) == 0 && table.find(id, known.entry) &&
-                folder.load()->ownerOf(id.nameId()) == EntryFolder::kFree)
+                isDead(known, Process::Unknown))
                 removed = bury(known, gone) || removed;
         }
     }
@@ -255,23 +416,27 @@ void Rendezvous::State::checkSuspects() {
  * may have died before it announced: then it is announced here, unless everybody scans anyway
  * because something was announced after the death.
  */
-void Rendezvous::State::checkProcess(pid_t pid) {
-    std::uint32_t const before = folder.load()->announcements();
+void Rendezvous::State::checkProcess(NeighbourWatch::Suspect const& suspect) {
+    auto const file = folder.load()->file();
+    std::uint32_t const before = file->announcements();
+    Process const process = suspect.ended ? Process::Ended : Process::Unknown;
     PresenceTable::Departures gone;
     bool removed = false;
     {
+        DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
-        for (PresenceTable::Known const& known : table.ownedBy(pid))
-            if (own_.count(known.id) == 0 && folder.load()->ownerOf(known.id.nameId()) != pid)
+        renew();
+        for (PresenceTable::Known const& known : table.ownedBy(suspect.pid))
+            if (own_.count(known.id) == 0 && isDead(known, process))
                 removed = bury(known, gone) || removed;
     }
     if (gone.ids().empty())
         return;
     if (removed)
         REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
-                       static_cast<int>(pid));
+                       static_cast<int>(suspect.pid));
     tell(gone);
-    if (removed || folder.load()->announcements() == before)
+    if (removed || file->announcements() == before)
         folder.load()->announce();
 }
 

@@ -1,0 +1,348 @@
+#include "platform/transport/local/PresenceFile.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "oswrap/Clock.h"
+#include "oswrap/Thread.h"
+#include "platform/transport/DelayedLog.h"
+
+namespace Transport {
+namespace {
+
+constexpr char const* kSource = "TransportRendezvous";
+constexpr char const* kName = "presence";
+constexpr std::size_t kSize = 4096;
+constexpr off_t kCounterOffset = 4;
+constexpr off_t kOwnerLocks = 0x10000;
+constexpr off_t kCounterLock = 0x20000;
+constexpr std::uint32_t kNameIds = 0xFFFF;
+/** By how much a name id that was given later may be ahead; they go round. */
+constexpr std::uint32_t kRecent = 4096;
+/** Attempts, a millisecond apart at last, to get a lock that its owner keeps for a moment. */
+constexpr int kCounterLockAttempts = 60;
+/** How long a search for a free name id may take: with most of them held one by one it is slow. */
+constexpr long long kLongestSearch = 250'000'000;  // nanoseconds
+/** How often somebody may take the file away between two looks of ours before we give up. */
+constexpr int kOpenAttempts = 20;
+
+long futex(void* word, int operation, std::uint32_t value, std::uintptr_t value2, void* word2,
+           std::uint32_t value3) {
+    return ::syscall(SYS_futex, word, operation, value, value2, word2, value3);
+}
+
+struct flock byteLock(short type, off_t offset) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = offset;
+    lock.l_len = 1;
+    return lock;
+}
+
+int openIn(int folder) {
+    return ::openat(folder, kName, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+}
+
+/** Gives our own file, whose mode somebody has changed, its mode back. */
+bool makeAccessible(int folder) {
+    Descriptor const found(::openat(folder, kName, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    return found.valid() && ::fstat(found.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+           ::chmod(("/proc/self/fd/" + std::to_string(found.get())).c_str(), 0600) == 0;
+}
+
+/** Takes away what bears the file's name and is none: a link, a pipe, an empty folder. */
+bool removeImpostor(int folder, std::string const& path) {
+    struct stat status;
+    if (::fstatat(folder, kName, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    if (S_ISREG(status.st_mode) ||
+        ::unlinkat(folder, kName, S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) != 0)
+        return false;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 4, kSource, "Removed %s/%s, which was no file", path.c_str(),
+                          kName);
+    return true;
+}
+
+}  // namespace
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+/** Invalid, with errno, on failure; ENOENT when there is none, or is none any more. */
+Descriptor PresenceFile::openExisting(int folder, std::string const& path) {
+    Descriptor file(openIn(folder));
+    if (!file.valid() && errno == EACCES && makeAccessible(folder))
+        file = Descriptor(openIn(folder));
+    int reason = file.valid() ? 0 : errno;
+    struct stat status {};
+    if (file.valid() && ::fstat(file.get(), &status) != 0)
+        return {};
+    if (file.valid() && S_ISREG(status.st_mode)) {
+        // Processes that come at once may both make it longer: that does no harm.
+        if (status.st_size >= static_cast<off_t>(kSize) ||
+            ::ftruncate(file.get(), static_cast<off_t>(kSize)) == 0)
+            return file;
+        reason = errno;
+    } else if (reason != ENOENT) {
+        bool const removed = removeImpostor(folder, path);
+        reason = removed ? ENOENT : file.valid() ? ENOTSUP : reason;
+    }
+    errno = reason;
+    return {};
+}
+
+/**
+ * A new file that is put into the folder when it is complete: with its last name id, and with its
+ * place on the disk, so that nothing written later finds the disk full. Invalid, with errno, on
+ * failure; EEXIST when somebody else was faster.
+ */
+Descriptor PresenceFile::make(int folder, std::uint32_t lastNameId) {
+    std::string const hidden = ".new-presence.pid" + std::to_string(::getpid());
+    ::unlinkat(folder, hidden.c_str(), 0);
+    Descriptor file(
+        ::openat(folder, hidden.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file.valid())
+        return {};
+    std::array<char, kSize> content{};
+    std::memcpy(content.data() + kCounterOffset, &lastNameId, sizeof lastNameId);
+    ssize_t const written = ::pwrite(file.get(), content.data(), content.size(), 0);
+    int reason = written < 0 ? errno : ENOSPC;
+    if (written == static_cast<ssize_t>(content.size()))
+        reason = ::fchmod(file.get(), 0600) == 0 &&
+                         ::linkat(folder, hidden.c_str(), folder, kName, 0) == 0
+                     ? 0
+                     : errno;
+    ::unlinkat(folder, hidden.c_str(), 0);
+    if (reason != 0)
+        file.reset();
+    errno = reason;
+    return file;
+}
+
+std::shared_ptr<PresenceFile> PresenceFile::open(int folder, std::string const& path,
+                                                 std::uint32_t lastNameId, std::string& reason) {
+    Descriptor file;
+    for (int attempt = 0; attempt < kOpenAttempts && !file.valid(); ++attempt) {
+        file = openExisting(folder, path);
+        if (!file.valid() && errno == ENOENT)
+            file = make(folder, lastNameId);
+        if (!file.valid() && errno != EEXIST && errno != ENOENT)
+            break;
+    }
+    struct stat status {};
+    if (!file.valid() || ::fstat(file.get(), &status) != 0) {
+        reason = std::string(kName) + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    if (status.st_uid != ::geteuid()) {
+        reason = std::string(kName) + " is not a file of ours";
+        return nullptr;
+    }
+    void* const mapping = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+    if (mapping == MAP_FAILED) {
+        reason = std::string("cannot map ") + kName + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    return std::shared_ptr<PresenceFile>(
+        new PresenceFile(path, std::move(file), {status.st_dev, status.st_ino}, mapping));
+}
+
+PresenceFile::PresenceFile(std::string path, Descriptor file, Identity identity, void* mapping)
+    : path_(std::move(path)), file_(std::move(file)), identity_(identity), mapping_(mapping) {}
+
+PresenceFile::~PresenceFile() {
+    ::munmap(mapping_, kSize);
+}
+
+bool PresenceFile::isIn(int folder) const {
+    struct stat status;
+    return ::fstatat(folder, kName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           status.st_dev == identity_.device && status.st_ino == identity_.inode;
+}
+
+bool PresenceFile::isSameAs(PresenceFile const& other) const {
+    return identity_.device == other.identity_.device && identity_.inode == other.identity_.inode;
+}
+
+// ---- Name ids and their locks -------------------------------------------------------------------
+
+bool PresenceFile::lockByte(short type, off_t offset) const {
+    struct flock const lock = byteLock(type, offset);
+    return ::fcntl(file_.get(), F_SETLK, &lock) == 0;
+}
+
+/** False when its owner seems to be stopped: then we go on without, at the risk that a name id is
+ * given again sooner than we like. Never twice at the same time: of that its own lock takes care.
+ */
+bool PresenceFile::lockCounter() const {
+    for (int attempt = 0; attempt < kCounterLockAttempts; ++attempt) {
+        if (lockByte(F_WRLCK, kCounterLock))
+            return true;
+        if (attempt < kCounterLockAttempts / 2)
+            ::sched_yield();
+        else
+            OSWrap::Thread::sleep(0, 1'000'000);
+    }
+    struct flock holder = byteLock(F_WRLCK, kCounterLock);
+    bool const known = ::fcntl(file_.get(), F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 4, kSource,
+                          "Process %d keeps the last name id of %s/%s locked: taking one without",
+                          static_cast<int>(known ? holder.l_pid : 0), path_.c_str(), kName);
+    return false;
+}
+
+std::uint32_t PresenceFile::lastNameId() const {
+    std::uint32_t last = 0;
+    if (::pread(file_.get(), &last, sizeof last, kCounterOffset) != sizeof last)
+        last = 0;
+    return last;
+}
+
+bool PresenceFile::writeLastNameId(std::uint32_t nameId) const {
+    ssize_t const written = ::pwrite(file_.get(), &nameId, sizeof nameId, kCounterOffset);
+    if (written == sizeof nameId)
+        return true;
+    TRANSPORT_LOG(3, kSource, "Cannot write %s/%s: %s", path_.c_str(), kName,
+                  std::strerror(written < 0 ? errno : ENOSPC));
+    return false;
+}
+
+std::uint32_t PresenceFile::laterOf(std::uint32_t nameId, std::uint32_t recent) {
+    if (nameId == 0 || recent == 0)
+        return nameId == 0 ? recent : nameId;
+    std::uint32_t const ahead = (recent % kNameIds + kNameIds - nameId % kNameIds) % kNameIds;
+    return ahead <= kRecent ? recent : nameId;
+}
+
+/** Passes over ranges of locks in one step. `last` becomes the name id that was tried last. */
+unsigned short PresenceFile::searchName(std::uint32_t& last,
+                                        std::function<bool(unsigned short)> const& usable) {
+    long long const deadline = OSWrap::Clock::nowNanoseconds() + kLongestSearch;
+    pid_t holder = kFree;
+    for (std::uint32_t tried = 0; tried < kNameIds;) {
+        std::uint32_t const next = last % kNameIds + 1;
+        auto const nameId = static_cast<unsigned short>(next);
+        std::uint32_t step = 1;
+        if (usable(nameId)) {
+            if (lockName(nameId))
+                return nameId;
+            struct flock held = byteLock(F_WRLCK, kOwnerLocks + nameId);
+            if (::fcntl(file_.get(), F_GETLK, &held) == 0 && held.l_type != F_UNLCK) {
+                holder = held.l_pid;
+                off_t const left = held.l_len == 0 ? off_t{kNameIds}
+                                                   : held.l_start + held.l_len - kOwnerLocks - next;
+                step = static_cast<std::uint32_t>(
+                    std::clamp(left, off_t{1}, off_t{kNameIds} - next + 1));
+            }
+        }
+        last = next + step - 1;
+        tried += step;
+        if (OSWrap::Clock::nowNanoseconds() >= deadline)
+            break;
+    }
+    TRANSPORT_LOG(
+        3, kSource,
+        "No name id is left in the rendezvous folder %s; process %d holds the lock of the "
+        "last one tried",
+        path_.c_str(), static_cast<int>(holder));
+    return 0;
+}
+
+unsigned short PresenceFile::takeName(std::uint32_t hint,
+                                      std::function<bool(unsigned short)> const& usable) {
+    bool const locked = lockCounter();
+    std::uint32_t last = laterOf(lastNameId(), hint);
+    unsigned short nameId = searchName(last, usable);
+    if (!writeLastNameId(nameId != 0 ? nameId : last) && nameId != 0) {
+        unlockName(nameId);
+        nameId = 0;
+    }
+    if (locked)
+        lockByte(F_UNLCK, kCounterLock);
+    return nameId;
+}
+
+bool PresenceFile::lockName(unsigned short nameId) {
+    return lockByte(F_WRLCK, kOwnerLocks + nameId);
+}
+
+void PresenceFile::unlockName(unsigned short nameId) {
+    lockByte(F_UNLCK, kOwnerLocks + nameId);
+}
+
+pid_t PresenceFile::ownerOf(unsigned short nameId) const {
+    struct flock lock = byteLock(F_WRLCK, kOwnerLocks + nameId);
+    if (::fcntl(file_.get(), F_GETLK, &lock) != 0)
+        return kUnknown;
+    if (lock.l_type == F_UNLCK)
+        return kFree;
+    return lock.l_pid > 0 ? lock.l_pid : kUnknown;
+}
+
+// ---- Announcements ------------------------------------------------------------------------------
+
+/** Gives a file that was cut short its length back. */
+void PresenceFile::repair() const {
+    struct stat status;
+    if (::fstat(file_.get(), &status) != 0 || status.st_size >= static_cast<off_t>(kSize) ||
+        ::ftruncate(file_.get(), static_cast<off_t>(kSize)) != 0)
+        return;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource, "%s/%s had been cut short and was mended",
+                          path_.c_str(), kName);
+}
+
+void PresenceFile::announce() const {
+    constexpr std::uint32_t addOne = FUTEX_OP(FUTEX_OP_ADD, 1, FUTEX_OP_CMP_GE, 0);
+    // The kernel adds and wakes in one step.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (futex(mapping_, FUTEX_WAKE_OP, INT_MAX, INT_MAX, mapping_, addOne) >= 0)
+            return;
+        if (errno == EFAULT)
+            repair();
+        else if (errno != EAGAIN && errno != EINTR)
+            break;
+    }
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Cannot announce a change in %s: %s", path_.c_str(),
+                          std::strerror(errno));
+}
+
+std::uint32_t PresenceFile::announcements() const {
+    std::uint32_t word = 0;
+    if (::pread(file_.get(), &word, sizeof word, 0) != sizeof word)
+        word = 0;
+    return word;
+}
+
+void PresenceFile::waitForAnnouncement(std::uint32_t seen, long long nanoseconds) const {
+    struct {
+        long seconds;
+        long nanoseconds;
+    } const time{static_cast<long>(nanoseconds / 1'000'000'000),
+                 static_cast<long>(nanoseconds % 1'000'000'000)};
+    auto const limit = nanoseconds < 0 ? 0 : reinterpret_cast<std::uintptr_t>(&time);
+    if (futex(mapping_, FUTEX_WAIT, seen, limit, nullptr, 0) == 0 || errno == EAGAIN ||
+        errno == EINTR || errno == ETIMEDOUT)
+        return;
+    if (errno == EFAULT)
+        repair();
+    OSWrap::Thread::sleep(0, 50'000'000);  // so that a failing system call does not eat a processor
+}
+
+}  // namespace Transport

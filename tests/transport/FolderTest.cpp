@@ -1,0 +1,324 @@
+// What other processes of the same user, broken or hostile, do to the rendezvous folder.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "Peer.h"
+#include "PresenceActor.h"
+#include "RendezvousFolder.h"
+#include "Slowness.h"
+#include "platform/transport/local/Descriptor.h"
+
+namespace transporttest {
+namespace {
+
+using testsupport::eventually;
+using testsupport::kSlow;
+using Transport::Descriptor;
+namespace fs = std::filesystem;
+
+constexpr char const* kRefused = "00000000";
+
+class FolderTest : public testing::Test {
+protected:
+    std::string shared() const { return folder_.path() + "/presence"; }
+    std::size_t countEntries() const {
+        std::size_t count = 0;
+        for (auto const& entry : fs::directory_iterator(folder_.path()))
+            count += entry.is_socket();
+        return count;
+    }
+
+    testsupport::RendezvousFolder folder_;
+};
+
+// ---- The file with the locks ----
+
+using Damage = std::function<void(std::string const& shared)>;
+struct WayToDamage {
+    char const* name;
+    Damage damage;
+};
+std::ostream& operator<<(std::ostream& out, WayToDamage const& way) {
+    return out << way.name;
+}
+
+void removeIt(std::string const& shared) {
+    fs::remove(shared);
+}
+
+class ReplacedFileTest : public FolderTest, public testing::WithParamInterface<WayToDamage> {
+protected:
+    Peer& startPeer() {
+        peers_.push_back(std::make_unique<Peer>());
+        return *peers_.back();
+    }
+    bool allKnowAll(Peer const* exceptFor = nullptr) {
+        return std::all_of(peers_.begin(), peers_.end(), [&](auto const& peer) {
+            std::size_t const count = peers_.size() - (&*peer == peers_.back().get() && exceptFor);
+            return &*peer == exceptFor || eventually([&] { return peer->knowsAll(count); });
+        });
+    }
+
+    std::vector<std::unique_ptr<Peer>> peers_;
+};
+
+TEST_P(ReplacedFileTest, nobodyIsBuriedAndAllMoveOverAlsoWhoIsStopped) {
+    for (int i = 0; i < 4; ++i)
+        startPeer();
+    ASSERT_TRUE(allKnowAll());
+    Peer& stopped = *peers_[1];
+    Peer& victim = *peers_[2];
+    ASSERT_TRUE(stopped.child().stopWholly());
+    GetParam().damage(shared());
+    Peer& newcomer = startPeer();
+    EXPECT_TRUE(allKnowAll(&stopped)) << "the newcomer sees the stopped one once it goes on";
+    EXPECT_TRUE(newcomer.reaches(peers_[0]->id()));
+    EXPECT_TRUE(peers_[3]->reaches(newcomer.id()));
+    stopped.child().signal(SIGCONT);
+    EXPECT_TRUE(allKnowAll());
+    EXPECT_TRUE(stopped.reaches(newcomer.id()));
+    EXPECT_TRUE(newcomer.reaches(stopped.id()));
+    EXPECT_EQ(countEntries(), peers_.size());
+    std::set<Transport::TerminationId> ids;
+    for (auto const& peer : peers_)
+        ids.insert(peer->id());
+    EXPECT_EQ(ids.size(), peers_.size());
+    victim.child().kill();
+    for (auto const& peer : peers_)
+        EXPECT_TRUE(&*peer == &victim ||
+                    eventually([&] { return peer->ask("view", "view") == "4 1"; }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, ReplacedFileTest,
+                         testing::Values(WayToDamage{"removed", removeIt},
+                                         WayToDamage{"copied",
+                                                     [](std::string const& shared) {
+                                                         fs::copy_file(shared, shared + ".copy");
+                                                         fs::rename(shared + ".copy", shared);
+                                                     }},
+                                         WayToDamage{"linked",
+                                                     [](std::string const& shared) {
+                                                         fs::rename(shared, shared + ".away");
+                                                         fs::create_symlink(shared + ".away",
+                                                                            shared);
+                                                     }},
+                                         WayToDamage{"pipe",
+                                                     [](std::string const& shared) {
+                                                         fs::remove(shared);
+                                                         ASSERT_EQ(mkfifo(shared.c_str(), 0600), 0);
+                                                     }},
+                                         WayToDamage{"folder",
+                                                     [](std::string const& shared) {
+                                                         fs::remove(shared);
+                                                         fs::create_directory(shared);
+                                                     }},
+                                         WayToDamage{"emptied",
+                                                     [](std::string const& shared) {
+                                                         fs::remove(shared);
+                                                         std::ofstream const empty(shared);
+                                                         ASSERT_EQ(chmod(shared.c_str(), 0), 0);
+                                                     }}),
+                         [](auto const& way) { return way.param.name; });
+
+TEST_F(ReplacedFileTest, replacedAgainAndAgainAndPutBackItIsFoundByAll) {
+    for (int i = 0; i < 3; ++i)
+        startPeer();
+    ASSERT_TRUE(allKnowAll());
+    for (int round = 0; round < 3; ++round) {
+        fs::rename(shared(), shared() + ".away");
+        startPeer();
+        fs::rename(shared() + ".away", shared());
+        startPeer();
+        fs::remove(shared());
+        startPeer();
+        ASSERT_TRUE(allKnowAll()) << round;
+        EXPECT_TRUE(peers_.back()->reaches(peers_.front()->id()));
+    }
+}
+
+TEST_F(FolderTest, whenManyNoticeAtOnceThatItHasGoneAllFindTheSameNewOne) {
+    unsigned const rounds = kSlow ? 3 : 8;
+    std::vector<std::unique_ptr<PresenceActor>> actors;
+    for (int i = 0; i < 6; ++i)
+        actors.push_back(std::make_unique<PresenceActor>());
+    for (unsigned round = 1; round <= rounds; ++round) {
+        for (auto& actor : actors)
+            actor->child().writeLine("churn 2 8");
+        for (auto& actor : actors)
+            ASSERT_TRUE(actor->child().waitForLine("churned", std::chrono::seconds(60)));
+        std::size_t const count = actors.size() * 2 * round;
+        for (auto& actor : actors)
+            ASSERT_TRUE(eventually([&] {
+                std::string const view = actor->view();
+                return std::stoul(view) == count && view.find(" agree 0") != view.npos;
+            })) << round
+                << ": " << actor->view();
+        fs::remove(shared());
+    }
+}
+
+TEST_F(FolderTest, withAFullDiskAStartIsRefusedWithOneLine) {
+    for (int round = 0; round < 2; ++round) {  // the file absent, then there
+        PresenceActor poor;
+        if (poor.ask("withoutRoom", "without") != "yes")
+            GTEST_SKIP() << "the kernel or the emulator cannot filter system calls";
+        EXPECT_EQ(poor.start(), kRefused);
+        EXPECT_EQ(poor.start(), kRefused);
+        poor.finish();
+        std::size_t lines = 0;
+        for (std::string const& line : poor.child().errorLines())
+            lines += line.find("No space left") != line.npos;
+        EXPECT_EQ(lines, 2u) << "one for each start";
+        EXPECT_LE(poor.child().errorLines().size(), 4u);
+        EXPECT_NE(PresenceActor().start(), kRefused);
+    }
+}
+
+/** Holds locks of the shared file, as any process of the user may. */
+class LockHolder {
+public:
+    LockHolder(std::string const& shared, off_t from, off_t count)
+        : file_(::open(shared.c_str(), O_RDWR | O_CLOEXEC)) {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_start = from;
+        lock.l_len = count;
+        EXPECT_EQ(fcntl(file_.get(), F_SETLK, &lock), 0);
+    }
+
+private:
+    Descriptor const file_;
+};
+
+TEST_F(FolderTest, heldLocksGiveAClearErrorAtOnceAndStopNobodyElse) {
+    PresenceActor first;
+    std::string const before = first.start();
+    PresenceActor second;
+    auto const begin = std::chrono::steady_clock::now();
+    {
+        LockHolder const counter(shared(), 0x20000, 1);
+        EXPECT_NE(second.start(), kRefused);
+        EXPECT_TRUE(second.child().waitForErrorLine("Process " + std::to_string(getpid())));
+        EXPECT_TRUE(first.waitUntilTold("arrived", before));
+    }
+    {
+        LockHolder const names(shared(), 0x10003, 0x10000);
+        EXPECT_EQ(second.start(), kRefused);
+        EXPECT_TRUE(second.child().waitForErrorLine("No name id is left"));
+        if (!kSlow) {
+            EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+        }
+        fs::remove(shared());
+        EXPECT_NE(second.start(), kRefused) << "locks of a file that is not there bind nobody";
+    }
+    EXPECT_TRUE(eventually([&] { return first.known() == 3 && second.known() == 3; }));
+}
+
+TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsSeenOnceItIsFree) {
+    Peer old;
+    fs::remove(shared());
+    std::ofstream(shared()) << std::string(4096, '\0');
+    auto holder = std::make_unique<LockHolder>(shared(), 0x10001, 1);
+    Peer newcomer;
+    EXPECT_TRUE(old.child().waitForErrorLine("newcomers do not see it"));
+    EXPECT_TRUE(eventually([&] { return old.knowsAll(2); }));
+    EXPECT_TRUE(newcomer.knowsAll(1));
+    holder.reset();
+    Peer another;
+    EXPECT_TRUE(eventually([&] { return old.knowsAll(3) && newcomer.knowsAll(3); }));
+    EXPECT_TRUE(newcomer.reaches(old.id()));
+}
+
+TEST_F(FolderTest, withoutProcAStartIsRefusedWithAClearLine) {
+    PresenceActor actor;
+    if (actor.ask("withoutProc", "without") != "yes")
+        GTEST_SKIP() << "this user may not hide /proc from a process";
+    EXPECT_EQ(actor.start(), kRefused);
+    EXPECT_TRUE(actor.child().waitForErrorLine("/proc, which is not mounted"));
+}
+
+TEST_F(FolderTest, whoDiesIsBuriedAlsoWhenAForkedChildKeepsItsSocket) {
+    PresenceActor watcher;
+    watcher.start();
+    PresenceActor parent;
+    std::string const id = parent.start();
+    ASSERT_TRUE(watcher.waitUntilTold("arrived", id));
+    parent.ask("linger", "lingers");
+    parent.child().kill();
+    EXPECT_TRUE(watcher.waitUntilTold("departed", id));
+    PresenceActor newcomer;
+    newcomer.start();
+    EXPECT_EQ(newcomer.known(), 2u);
+}
+
+// ---- Entries ----
+
+/** A socket that listens under a name in the folder. */
+Descriptor listenAt(std::string const& path) {
+    Descriptor listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listening.get(), 10), 0);
+    return listening;
+}
+
+TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
+    PresenceActor first;
+    PresenceActor second;
+    std::string const a = first.start();
+    std::string const b = second.start();
+    ASSERT_TRUE(eventually([&] { return first.known() == 2 && second.known() == 2; }));
+    std::string const tail = ".group3.slot1.pid1.x";
+    std::vector<Descriptor> sockets;
+    for (std::string const& name :
+         {a + tail, b + tail, "0401" + a.substr(4) + tail, "03010fff" + tail})
+        sockets.push_back(listenAt(folder_.path() + "/" + name));
+    ASSERT_EQ(mkfifo((folder_.path() + "/03010ffe" + tail).c_str(), 0600), 0);
+    ASSERT_EQ(mkdir((folder_.path() + "/03010ffd" + tail).c_str(), 0700), 0);
+    PresenceActor newcomer;
+    std::string const c = newcomer.start();
+    for (PresenceActor* actor : {&first, &second, &newcomer}) {
+        EXPECT_TRUE(actor->waitUntilTold("arrived", c));
+        EXPECT_TRUE(eventually([&] { return actor->known() == 3; }));
+    }
+    for (PresenceActor* actor : {&first, &second})
+        EXPECT_EQ(actor->timesTold("departed", a) + actor->timesTold("departed", b), 0u);
+    std::string const entry = folder_.path() + "/" + b;
+    for (auto const& found : fs::directory_iterator(folder_.path()))
+        if (std::string const path = found.path();
+            path.rfind(entry, 0) == 0 && path.find(tail) == path.npos) {
+            fs::remove(path);
+            sockets.push_back(listenAt(path));
+            break;
+        }
+    PresenceActor().start();
+    EXPECT_TRUE(second.child().waitForErrorLine("Somebody has removed"));
+}
+
+TEST_F(FolderTest, whatFillsTheFolderIsRemovedAndFillsNoLog) {
+    constexpr unsigned kJunk = testsupport::scaled(5000);
+    PresenceActor actor;
+    std::string const id = actor.start();
+    char name[80];
+    for (unsigned i = 0; i < kJunk; ++i) {
+        std::snprintf(name, sizeof name, "/%08x.group3.slot1.pid%u.junk", 0x03018000 + i, i + 2);
+        ASSERT_EQ(mknod((folder_.path() + name).c_str(), S_IFSOCK | 0600, 0), 0);
+    }
+    PresenceActor newcomer;
+    EXPECT_TRUE(actor.waitUntilTold("arrived", newcomer.start()));
+    EXPECT_TRUE(eventually([&] { return countEntries() == 2; }));
+    EXPECT_TRUE(newcomer.waitUntilTold("arrived", id));
+    EXPECT_LT(actor.child().errorLines().size() + newcomer.child().errorLines().size(), 100u);
+}
+
+}  // namespace
+}  // namespace transporttest
