@@ -144,16 +144,16 @@ TEST_F(ReplacedFileTest, replacedAgainAndAgainAndPutBackItIsFoundByAll) {
 }
 
 TEST_F(FolderTest, whenManyNoticeAtOnceThatItHasGoneAllFindTheSameNewOne) {
-    unsigned const rounds = kSlow ? 3 : 8;
+    unsigned const rounds = kSlow ? 2 : 4;
     std::vector<std::unique_ptr<PresenceActor>> actors;
     for (int i = 0; i < 6; ++i)
         actors.push_back(std::make_unique<PresenceActor>());
     for (unsigned round = 1; round <= rounds; ++round) {
         for (auto& actor : actors)
-            actor->child().writeLine("churn 2 8");
+            actor->child().writeLine("churn 4 8");
         for (auto& actor : actors)
             ASSERT_TRUE(actor->child().waitForLine("churned", std::chrono::seconds(60)));
-        std::size_t const count = actors.size() * 2 * round;
+        std::size_t const count = actors.size() * 4 * round;
         for (auto& actor : actors)
             ASSERT_TRUE(eventually([&] {
                 std::string const view = actor->view();

@@ -99,6 +99,8 @@ void Rendezvous::State::watchAnnouncements() {
     for (;;) {
         std::shared_ptr<PresenceFile> const file = folder.load()->file();
         std::uint32_t const seen = file->announcements();
+        if (folder.load()->file() != file)
+            continue;  // another thread has moved over, and raised the word before we read it
         if (mayEnd(&State::announcementThreadLives_))
             return;
         long long const began = OSWrap::Clock::nowNanoseconds();
