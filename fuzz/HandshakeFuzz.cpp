@@ -1,10 +1,6 @@
 // A termination, and a peer that owns an entry of the rendezvous folder but does everything else by
 // hand: packets, descriptors, shared memory and files of the folder of unknown origin.
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -24,6 +20,8 @@
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
+#include "tests/support/HandMadeLink.h"
+#include "tests/support/LingeringConnection.h"
 #include "tests/transport/TestTermination.h"
 
 namespace {
@@ -38,32 +36,8 @@ constexpr int kConnecting = 20;
 /** Nanoseconds: some channels are quiet for long enough to be given back. */
 constexpr long long kIdleLooks = 3'000'000;
 
-bool isReadable(int fd, int milliseconds) {
-    pollfd poll{fd, POLLIN, 0};
-    return ::poll(&poll, 1, milliseconds) == 1;
-}
-
-/** One connection, with what each side has given the other. */
-struct Connection {
-    Descriptor socket;
-    OwnSide own;
-    PeerSide peer;
-    bool ended = false;  // by the termination
-
-    /** Takes all packets that are there; waits for the first one. */
-    void hear(int milliseconds) {
-        while (!ended && isReadable(socket.get(), milliseconds)) {
-            ReceivedPacket received;
-            Transfer const transfer = receivePacket(socket.get(), received);
-            if (transfer == Transfer::Later)
-                return;
-            ended = transfer != Transfer::Done;
-            if (!ended && received.file.valid() && received.bell.valid())
-                peer = PeerSide::of(received);
-            milliseconds = 0;
-        }
-    }
-};
+using testsupport::isReadable;
+using Connection = testsupport::HandMadeLink;
 
 class Peer {
 public:
@@ -113,84 +87,6 @@ private:
     TerminationId const id_;
     Descriptor const listening_;
     std::vector<Connection> connections_;
-};
-
-Descriptor fileOf(int which, std::uint32_t capacity, int good) {
-    switch (which % 6) {
-        case 0:
-            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
-        case 1:
-            return makeSealedFile(capacity % (2 * kLargestRing));
-        case 2:
-            return makeSealedFile(kRingOffset + kSmallestRing - 1);
-        case 3: {  // can be cut short at any time
-            Descriptor file(::memfd_create("unsealed", MFD_CLOEXEC));
-            if (::ftruncate(file.get(), kRingOffset + kSmallestRing) != 0)
-                std::abort();
-            return file;
-        }
-        case 4:
-            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
-        default:
-            return Descriptor();
-    }
-}
-
-Descriptor bellOf(int which, int good) {
-    switch (which % 4) {
-        case 0:
-            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
-        case 1: {  // it could block whoever rings it
-            Descriptor full(::eventfd(0, EFD_CLOEXEC));
-            std::uint64_t const most = ~std::uint64_t{1};
-            if (::write(full.get(), &most, sizeof most) != sizeof most)
-                std::abort();
-            return full;
-        }
-        case 2:
-            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
-        default:
-            return Descriptor();
-    }
-}
-
-/** A connection whose closing waits for what has been sent to be read, which nobody does. */
-class Lingering {
-public:
-    Lingering() {
-        Descriptor const listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* const where = reinterpret_cast<sockaddr*>(&address);
-        socklen_t length = sizeof address;
-        end_ = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        int const small = 1;
-        ::setsockopt(end_.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-        ::setsockopt(listening.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-        if (::bind(listening.get(), where, length) != 0 || ::listen(listening.get(), 1) != 0 ||
-            ::getsockname(listening.get(), where, &length) != 0 ||
-            ::connect(end_.get(), where, length) != 0)
-            return;
-        deaf_ = Descriptor(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        struct linger const hour{1, 3600};
-        ::setsockopt(end_.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour);
-        char const bytes[4096] = {};
-        while (::send(end_.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
-        }
-    }
-    int get() const { return end_.get(); }
-    /** Closes at once after all. */
-    void hurry() const {
-        struct linger const off{};
-        ::setsockopt(end_.get(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
-    }
-    /** The other end, which is to outlive whoever closes this one. */
-    Descriptor takeOther() { return std::move(deaf_); }
-
-private:
-    Descriptor deaf_;
-    Descriptor end_;
 };
 
 /** One input: the peer's group, then steps, each with the operands that its function takes. */
@@ -277,10 +173,10 @@ private:
             packet.layoutCheck ^= script_.number();
         bool const ring = packet.kind == Packet::NextRing;
         unsigned char const kinds = script_.byte();
-        Descriptor const file =
-            fileOf(kinds & 15, ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset,
-                   connection->own.file.get());
-        Descriptor const bell = bellOf(kinds >> 4, connection->own.bell.get());
+        Descriptor const file = testsupport::oddFile(
+            (kinds & 15) % 6, ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset,
+            connection->own.file.get());
+        Descriptor const bell = testsupport::oddBell((kinds >> 4) % 4, connection->own.bell.get());
         sendPacket(connection->socket.get(), packet, file.get(), bell.get());
         connection->hear((odd & 64) != 0 ? 5 : 0);
     }
@@ -296,7 +192,7 @@ private:
             packet.version ^= 1;
         if ((odd & 2) != 0)
             packet.from ^= 1;
-        Lingering lingering;
+        testsupport::LingeringConnection lingering;
         if (sendPacket(connection->socket.get(), packet, lingering.get(),
                        (odd & 4) != 0 ? lingering.get() : -1) != Transfer::Done)
             lingering.hurry();

@@ -90,27 +90,28 @@ void closeOnMany(Field& field) {
         link.send(link.packet(field.dice(2) == 0 ? Packet::Left : Packet::Bye));
 }
 
-/** Takes the channel's bells back into blocking mode and fills their counters, so that whoever
- * rings them next might wait; has the victim ring all the time. */
+void fill(int bell) {
+    ::fcntl(bell, F_SETFL, O_RDWR | O_NONBLOCK);
+    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
+        while (::write(bell, &step, sizeof step) > 0) {
+        }
+}
+
+/** Takes the channel's bells back into blocking mode, their counters full, so that whoever rings
+ * them next might wait; has the victim ring all the time. */
 void blockBells(Field& field) {
     HandMadeLink link = field.open(field.victim());
     if (link.ended)
         return;
     for (int i = 0; i < 30 && !link.ended; ++i) {
         for (int const bell : {link.own.bell.get(), link.peer.bell.get()}) {
-            int const flags = ::fcntl(bell, F_GETFL);
-            std::uint64_t const most = ~std::uint64_t{1};
-            ::fcntl(bell, F_SETFL, flags | O_NONBLOCK);
-            static_cast<void>(!::write(bell, &most, sizeof most));
-            ::fcntl(bell, F_SETFL, flags & ~O_NONBLOCK);
+            if (i % 10 == 0)
+                fill(bell);
+            ::fcntl(bell, F_SETFL, O_RDWR);
         }
         link.own.page().asleep.fetch_add(1);
         link.own.page().wantsSpace.fetch_add(1);
-        // It wakes by itself when it has no bell that can be rung.
         link.put(message(field.number(), counters, request, ""));
-        ::fcntl(link.peer.bell.get(), F_SETFL, O_RDWR | O_NONBLOCK);
-        std::uint64_t count = 0;
-        static_cast<void>(!::read(link.peer.bell.get(), &count, sizeof count));
         link.ring();
         link.hear(1);
         link.own.page().head.store(link.peer.page().tail.load());

@@ -2,7 +2,7 @@
 #include <thread>
 
 #include "Field.h"
-#include "Lingering.h"
+#include "LingeringConnection.h"
 
 namespace hostile {
 namespace {
@@ -106,7 +106,7 @@ std::string bytesOf(Packet const& packet) {
 /** Sockets whose `close` waits: before Hello, as Hello, in packets that are not read any more, and
  * on a channel that stands. */
 void passLingering(Field& field) {
-    static LingeringSockets sockets;
+    static std::deque<Descriptor> others;
     Victim const victim = field.victim();
     unsigned int const way = field.dice(5);
     HandMadeLink link = way < 3 ? field.connect(victim) : field.open(victim);
@@ -115,8 +115,11 @@ void passLingering(Field& field) {
         return;
     if (!link.own.valid())
         link.makeSide();
-    Descriptor lingering = sockets.make();
+    testsupport::LingeringConnection lingering;
     int const passed = lingering.get();
+    others.push_back(lingering.takeOther());
+    if (others.size() > 20)
+        others.pop_front();
     if (way == 0)
         sendWith(link.socket.get(), field.noise(24), {passed, passed});
     if (way == 1)

@@ -107,13 +107,18 @@ struct HandMadeLink {
         own.file = makeSealedFile(kRingOffset + capacity);
         auto const writable = Mapping::Access::ReadWrite;
         own.control = Mapping::of(own.file.get(), 0, sizeof(ControlPage), writable);
-        own.ring = {Mapping::of(own.file.get(), kRingOffset, capacity, writable), capacity};
+        own.ring.mapping = Mapping::of(own.file.get(), kRingOffset, capacity, writable);
+        own.ring.capacity = capacity;
         new (own.control.data()) ControlPage{};
+    }
+    /** Gives the other what was made. */
+    void introduce() const {
+        send(packet(Transport::Packet::Hello, own.ring.capacity), own.file.get(), own.bell.get());
     }
     /** Introduces itself, as it should. */
     void sayHello(std::uint32_t capacity = Transport::kSmallestRing) {
         makeSide(capacity);
-        send(packet(Transport::Packet::Hello, capacity), own.file.get(), own.bell.get());
+        introduce();
     }
     /** Takes all packets that are there; waits so long for the first one. */
     void hear(int milliseconds) {
@@ -158,7 +163,7 @@ struct HandMadeLink {
     }
     void ring() const {
         if (peer.valid())
-            Transport::ringBell(peer.bell.get());
+            Transport::ringDoorBell(peer.bell.get());
     }
 };
 

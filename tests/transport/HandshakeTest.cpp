@@ -1,7 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,6 +13,8 @@
 #include <functional>
 #include <vector>
 
+#include "HandMadeLink.h"
+#include "LingeringConnection.h"
 #include "LogCapture.h"
 #include "Peer.h"
 #include "RendezvousFolder.h"
@@ -31,9 +31,10 @@ namespace {
 
 using namespace Transport;
 
+using testsupport::LingeringConnection;
+
 bool waitReadable(int fd) {
-    pollfd poll{fd, POLLIN, 0};
-    return ::poll(&poll, 1, 30'000) == 1;
+    return testsupport::isReadable(fd, 30'000);
 }
 
 /** Waits for the next packet; Closed at the end. */
@@ -55,39 +56,6 @@ std::size_t openDescriptors(std::string const& kind) {
 std::size_t openBells() {
     return openDescriptors("anon_inode:[eventfd]");
 }
-
-/** A connection whose closing waits, for an hour, for what has been sent to be read. */
-class LingeringConnection {
-public:
-    LingeringConnection() {
-        Descriptor const listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* const where = reinterpret_cast<sockaddr*>(&address);
-        socklen_t length = sizeof address;
-        ::bind(listening.get(), where, length);
-        ::listen(listening.get(), 1);
-        ::getsockname(listening.get(), where, &length);
-        waiting_ = Descriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::connect(waiting_.get(), where, length);
-        deaf_ = Descriptor(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        struct linger const hour{1, 3600};
-        ::setsockopt(waiting_.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour);
-        std::vector<char> const bytes(1 << 16);
-        while (::send(waiting_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0)
-            sent_ = true;
-    }
-    bool works() const { return deaf_.valid() && sent_; }
-    int get() const { return waiting_.get(); }
-    /** Whoever else has it is the last. */
-    void letGo() { waiting_.reset(); }
-
-private:
-    Descriptor waiting_;
-    Descriptor deaf_;
-    bool sent_ = false;
-};
 
 /** Takes all descriptors that this process may still have. */
 class NoDescriptors {
@@ -114,46 +82,45 @@ private:
  */
 class HandMadePeer {
 public:
-    HandMadePeer()
-        : id_(Rendezvous::instance().reserve(kGroup, "hand-made")),
-          listening_(Rendezvous::instance().publish(id_)) {}
-    ~HandMadePeer() { Rendezvous::instance().withdraw(id_); }
+    HandMadePeer() {
+        link_.from = Rendezvous::instance().reserve(kGroup, "hand-made");
+        listening_ = Descriptor(Rendezvous::instance().publish(id()));
+    }
+    ~HandMadePeer() { Rendezvous::instance().withdraw(id()); }
 
-    TerminationId id() const { return id_; }
-    int socket() const { return socket_.get(); }
-    int bell() const { return own_.bell.get(); }
-    ControlPage& page() { return own_.page(); }
-    unsigned char* ring() { return own_.ring.mapping.data(); }
+    TerminationId id() const { return link_.from; }
+    int socket() const { return link_.socket.get(); }
+    int bell() const { return link_.own.bell.get(); }
+    ControlPage& page() { return link_.own.page(); }
 
     bool connect(TerminationId to) {
-        to_ = to;
-        formerSocket_ = std::move(socket_);
-        socket_ = Descriptor(Rendezvous::instance().connectTo(to));
-        return socket_.valid();
+        link_.to = to;
+        formerSocket_ = std::move(link_.socket);
+        link_.socket = Descriptor(Rendezvous::instance().connectTo(to));
+        return link_.socket.valid();
     }
     void accept() {
         waitReadable(listening_.get());
-        socket_ = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        link_.socket = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
     void stopListening() { listening_ = Descriptor(); }
     Packet packet(Packet::Kind kind, std::uint32_t capacity = 0) const {
-        return {kMagic, kProtocolVersion, kind, id_.value(), to_.value(), kLayoutCheck, capacity};
+        return link_.packet(kind, capacity);
     }
-    void hangUp() { socket_ = Descriptor(); }
-    void prepare() { own_ = OwnSide::make(); }
+    void hangUp() { link_.socket = Descriptor(); }
+    void prepare() { link_.makeSide(); }
     void sayHello() {
-        if (!own_.valid() || !own_.file.valid())
+        if (!link_.own.valid() || !link_.own.file.valid())
             prepare();
-        sendPacket(socket_.get(), packet(Packet::Hello, kSmallestRing), own_.file.get(),
-                   own_.bell.get());
+        link_.introduce();
     }
     bool isWelcome() {
         ReceivedPacket received;
-        if (waitForPacket(socket_.get(), received) != Transfer::Done ||
+        if (waitForPacket(socket(), received) != Transfer::Done ||
             received.packet.kind != Packet::Welcome)
             return false;
-        peer_ = PeerSide::of(received);
-        return peer_.valid();
+        link_.peer = PeerSide::of(received);
+        return link_.peer.valid();
     }
     bool open(TerminationId to) {
         if (!connect(to))
@@ -164,31 +131,27 @@ public:
     /** Of the next packet; Bye when none comes. */
     int nextKind() {
         ReceivedPacket received;
-        bool const came = waitForPacket(socket_.get(), received) == Transfer::Done;
+        bool const came = waitForPacket(socket(), received) == Transfer::Done;
         return came ? received.packet.kind : static_cast<int>(Packet::Bye);
     }
     /** Whether the connection is closed, after whatever else comes. */
     bool isDropped() {
         ReceivedPacket received;
-        Transfer transfer = waitForPacket(socket_.get(), received);
+        Transfer transfer = waitForPacket(socket(), received);
         while (transfer == Transfer::Done)
-            transfer = waitForPacket(socket_.get(), received);
+            transfer = waitForPacket(socket(), received);
         return transfer == Transfer::Closed;
     }
     void ring(FrameHead const& head, std::uint32_t tail) {
-        std::memcpy(ring(), &head, sizeof head);
+        link_.write(0, &head, sizeof head);
         page().tail.store(tail);
-        ringDoorBell(peer_.bell.get());
+        link_.ring();
     }
 
 private:
-    TerminationId id_;
-    TerminationId to_;
+    testsupport::HandMadeLink link_;
     Descriptor listening_;
-    Descriptor socket_;
     Descriptor formerSocket_;  // stays open
-    OwnSide own_;
-    PeerSide peer_;
 };
 
 class HandshakeTest : public testing::Test {
