@@ -56,6 +56,7 @@ void Acceptor::accept() {
         if (exhausted && !raiseDescriptorLimit()) {
             tellNoDescriptor();
             pause();
+            return;
         }
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
             return;
