@@ -18,7 +18,7 @@ namespace {
 
 constexpr char const* kSource = "Descriptor";
 constexpr int kMostThreads = 8;
-constexpr std::size_t kMostWaiting = 1024;
+constexpr std::size_t kMostWaiting = 2048;
 constexpr std::size_t kBehind = 256;
 /** A thread without work ends after so long, in nanoseconds. */
 constexpr long long kIdle = 500'000'000;
@@ -28,6 +28,9 @@ struct Doomed {
     int fd;
     bool socket;  // of our own, and others may have put descriptors into it
 };
+
+/** Set in the threads that close: what they take out of sockets they close themselves. */
+thread_local bool isCloser = false;
 
 /** What has come in on a socket of ours, and whoever has connected to it, on their way out. */
 void empty(int socket) {
@@ -40,6 +43,7 @@ void empty(int socket) {
 
 void close(Doomed const& doomed) {
     if (doomed.socket) {
+        ::shutdown(doomed.fd, SHUT_RDWR);  // nothing more can be put in
         empty(doomed.fd);
     } else {
         // Most who make us wait do it by a connection that lingers.
@@ -96,6 +100,7 @@ public:
 
 protected:
     int run() override {
+        isCloser = true;
         instance().run();
         return 0;
     }
@@ -176,6 +181,8 @@ void Closers::run() {
 void closePassed(int fd) {
     if (inForkedChild())
         ::close(fd);
+    else if (isCloser)
+        close({fd, false});
     else
         Closers::instance().take({fd, false});
 }
@@ -183,10 +190,12 @@ void closePassed(int fd) {
 void closeSocket(int fd) {
     if (inForkedChild()) {  // the parent has it still
         ::close(fd);
-        return;
+    } else if (isCloser) {
+        close({fd, true});
+    } else {
+        ::shutdown(fd, SHUT_RDWR);
+        Closers::instance().take({fd, true});
     }
-    ::shutdown(fd, SHUT_RDWR);
-    Closers::instance().take({fd, true});
 }
 
 bool closersBehind() {

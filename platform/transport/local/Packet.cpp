@@ -128,7 +128,7 @@ Transfer receivePacket(int socket, ReceivedPacket& received) {
     Transfer const seen = peek(socket, received.packet, passes);
     if (seen != Transfer::Done)
         return seen;
-    if (passes && !descriptorsLeft(socket, kMostDescriptors))
+    if (passes && (closersBehind() || !descriptorsLeft(socket, kMostDescriptors)))
         return Transfer::Exhausted;
     return take(socket, received);
 }

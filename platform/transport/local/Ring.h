@@ -100,7 +100,7 @@ private:
 struct RingArea {
     Mapping mapping;
     std::uint32_t capacity = 0;
-    FrameStarts starts;  // in the sender's rings
+    FrameStarts starts{};  // in the sender's rings
 };
 
 /**
