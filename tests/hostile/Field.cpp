@@ -21,13 +21,12 @@ constexpr char kActor[] = "hostile";
 // ---- Entry
 
 Entry::Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"))) {
-    for (int attempt = 0; folder_ && attempt < 1000 && !listening_.valid(); ++attempt) {
-        unsigned short const name = folder_->nextNameId();
-        if (!folder_->lockName(name))
-            continue;
+    if (folder_) {
+        unsigned short const name = folder_->file()->takeName(0, [](auto) { return true; });
         id_ = TerminationId(name, 1, kGroup);
         file_ = Transport::EntryFolder::fileName(id_, kActor, "");
-        listening_ = folder_->listenHidden(file_);
+        if (name != 0)
+            listening_ = folder_->listenHidden(file_);
     }
     if (!listening_.valid() || !folder_->show(file_))
         throw std::runtime_error("no entry is to be had");
@@ -36,7 +35,7 @@ Entry::Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR
 
 Entry::~Entry() {
     folder_->remove(file_);
-    folder_->unlockName(id_.nameId());
+    folder_->file()->unlockName(id_.nameId());
     folder_->announce();
 }
 
