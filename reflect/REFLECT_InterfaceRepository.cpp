@@ -13,10 +13,11 @@
 
 namespace {
 
-/** The program or shared object that an object is a static object of; null when it is none. */
-void const* homeOf(TreflectMetaObject const* metaObject) {
-    Dl_info info{};
-    return dladdr(metaObject, &info) != 0 ? info.dli_fbase : nullptr;
+/** The program or shared object that an object is a static object of; null when it is none. Takes
+ * no lock of the loader, which may be held while that closes a shared object. */
+void const* homeOf(TreflectMetaObject* metaObject) {
+    dl_find_object found{};
+    return _dl_find_object(metaObject, &found) == 0 ? found.dlfo_map_start : nullptr;
 }
 
 }  // namespace
@@ -104,7 +105,7 @@ void InterfaceRepository::destroyed(TreflectMetaObject* metaObject) {
 }
 
 // Meta objects of one program that have the same class id are a mistake, and none follows another.
-TreflectMetaObject* InterfaceRepository::successorOf(TreflectMetaObject const* metaObject) const {
+TreflectMetaObject* InterfaceRepository::successorOf(TreflectMetaObject* metaObject) const {
     auto const isSameClass = [metaObject](TreflectMetaObject const* other) {
         return other->getClassId() == metaObject->getClassId();
     };

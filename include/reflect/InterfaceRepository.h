@@ -50,8 +50,7 @@ private:
     /** Links a meta object to its base, now or as soon as the base is built. */
     void link(TreflectMetaObject* derived, TreflectMetaObject* base);
     /** The one that takes the place of a meta object which goes with its shared object; or null. */
-    TreflectMetaObject* successorOf(TreflectMetaObject const* metaObject) const
-        OSW_REQUIRES(mutex_);
+    TreflectMetaObject* successorOf(TreflectMetaObject* metaObject) const OSW_REQUIRES(mutex_);
 
     mutable OSWrap::Mutex mutex_;  // a leaf lock
     // None is owned.
