@@ -372,6 +372,7 @@ TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
         },
         [](HandMadePeer& peer, int fd) {  // and never read
             ::send(peer.socket(), "x", 1, 0);
+            ::send(peer.socket(), "", 0, 0);  // looks like the end
             sendPacket(peer.socket(), peer.packet(Packet::Hello), fd);
         },
         [](HandMadePeer& peer, int fd) {  // in another's name

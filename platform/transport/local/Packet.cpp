@@ -17,7 +17,8 @@ constexpr std::size_t kMostPassed = 253;
 template <std::size_t Count>
 union ControlBuffer {
     cmsghdr aligned;
-    unsigned char bytes[CMSG_SPACE(Count * sizeof(int))];
+    // With the credentials that dropPackets asks for.
+    unsigned char bytes[CMSG_SPACE(Count * sizeof(int)) + CMSG_SPACE(sizeof(ucred))];
 };
 
 /** Takes ownership of all descriptors that came with a message; false when there are too many. */
@@ -134,6 +135,9 @@ Transfer receivePacket(int socket, ReceivedPacket& received) {
 }
 
 void dropPackets(int socket) {
+    // Credentials come with each packet then, which tells one of no bytes from the end.
+    int const yes = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);
     for (Transfer taken = Transfer::Done; taken == Transfer::Done || taken == Transfer::Garbage;) {
         ReceivedPacket received;
         taken = take(socket, received);
