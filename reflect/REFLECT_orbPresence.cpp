@@ -10,6 +10,7 @@
 
 void TreflectORB::appeared(Transport::Termination& termination) {
     Transport::TerminationId const newcomer = termination.termId();
+    parts_->presentOrbs.add(newcomer);
     parts_->presence->beginArrival(newcomer);
     TreflectOrbId const id = convertId(newcomer);
     if (id.namespaceId() == orbId_.namespaceId() && id != orbId_)
@@ -52,6 +53,7 @@ void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
 
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
+    parts_->presentOrbs.remove(gone);
     {
         TreflectHandlerState const handlerState(true);
         TreflectOrbId const id = convertId(gone);

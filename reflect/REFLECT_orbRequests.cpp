@@ -8,6 +8,7 @@
 #include "oswrap/Thread.h"
 #include "oswrap/UniqueIdGen.h"
 #include "reflect/OngoingRequest.h"
+#include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectOrbParts.h"
 #include "reflect/forwardMsgCleanup.h"
 #include "transport/TransportLayer.h"
@@ -47,6 +48,7 @@ private:
     int send();
     bool awaitResponse();
     bool failed(int code);
+    void forgetGoneTarget();
 
     TreflectORB const& orb_;
     Transport::TerminationId const target_;
@@ -145,7 +147,16 @@ bool TreflectORB::OutgoingCall::failed(int code) {
     writeGeneralException(response_, static_cast<unsigned int>(code));
     TreflectHandlerState const handlerState(true);
     ++orb_.parts_->counters.of(target_).failed;
+    forgetGoneTarget();
     return false;
+}
+
+/** Its departure may be told only after the call has failed. Who sees the failure is to find the
+ * handle invalid already, and no connection that fails again. */
+void TreflectORB::OutgoingCall::forgetGoneTarget() {
+    if (!Transport::TransportLayer::instance().exists(target_) &&
+        orb_.parts_->presentOrbs.remove(target_))
+        TreflectObjectHandler::getInstance()->invalidateStubs(orb_.convertId(target_));
 }
 
 bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,

@@ -11,6 +11,7 @@
 #include "reflect/MetaData.h"
 #include "reflect/ObjectRegistry.h"
 #include "reflect/PerformanceCounters.h"
+#include "reflect/PresentOrbs.h"
 #include "reflect/RequestTable.h"
 #include "reflect/TreflectMissedOrbs.h"
 #include "reflect/TreflectORB.h"
@@ -41,6 +42,7 @@ struct TreflectORB::Parts {
     std::map<unsigned int, MetaData> classes;
     /// The classes that other brokers have told they know. Guarded by the run permission.
     std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses;
+    PresentOrbs presentOrbs;
     TreflectMissedOrbs missedCreations;
     TreflectMissedOrbs missedDeletions;
     /// The brokers whose arrival is over: what is observed here is observed there, and what they

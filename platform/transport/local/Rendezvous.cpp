@@ -287,6 +287,12 @@ void Rendezvous::knocked() {
         state_.knocked();
 }
 
+void Rendezvous::check(TerminationId id) {
+    OSWrap::DisableCancelStateGuard const uncancelled;
+    if (!inForkedChild())
+        state_.check({id});
+}
+
 void Rendezvous::attach(PresenceListener& listener) {
     if (!inForkedChild())
         state_.table.attach(listener);

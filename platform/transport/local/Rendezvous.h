@@ -64,6 +64,8 @@ public:
     std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
     void suspect(TerminationId id);
+    /** Checks that itself: when it returns, one whose end can be seen is not there any more. */
+    void check(TerminationId id);
     /** Somebody has connected to a termination of this process and left without a word: one who
      * misses our locks, perhaps, because the folder's file has been replaced. Never blocks. */
     void knocked();

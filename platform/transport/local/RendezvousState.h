@@ -45,6 +45,7 @@ struct Rendezvous::State {
     bool ownedBy(TerminationId id, pid_t pid);
     void suspect(TerminationId id);
     void knocked();
+    void check(std::set<TerminationId> const& suspects);
 
     PresenceTable table;
     std::atomic<GoneHook> goneHook{nullptr};

@@ -383,17 +383,21 @@ bool Rendezvous::State::bury(PresenceTable::Known const& dead, PresenceTable::De
     return folder.load()->remove(dead.entry.file);
 }
 
-/**
- * Looks at those whose channel has ended. Only who removes the entry announces it: all peers of a
- * dead one come here at the same time. If that one dies before it has announced, its own death is
- * announced by its watchers, and the scans that follow find both.
- */
 void Rendezvous::State::checkSuspects() {
     std::set<TerminationId> suspects;
     {
         OSWrap::Lock<> lock(suspectsMutex_);
         suspects.swap(suspects_);
     }
+    check(suspects);
+}
+
+/**
+ * Looks at those whose channel has ended. Only who removes the entry announces it: all peers of a
+ * dead one come here at the same time. If that one dies before it has announced, its own death is
+ * announced by its watchers, and the scans that follow find both.
+ */
+void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
     PresenceTable::Departures gone;
     bool removed = false;
     if (!suspects.empty()) {
