@@ -12,13 +12,22 @@
 
 namespace soak {
 
+/** What an actor does: all there is, or one half of what notices need. */
+enum class Role { all, publishes, observes };
+
 struct Settings {
     unsigned int actor = 0;
     unsigned int life = 0;
     unsigned int seed = 0;
-    unsigned int actors = 0;  // numbers 0 to actors - 1 are in use
+    unsigned int actors = 0;     // numbers 0 to actors - 1 are in use
+    unsigned int observers = 0;  // if not 0, the first so many observe and the others publish
     std::string journal;
 
+    Role role() const {
+        if (observers == 0)
+            return Role::all;
+        return actor < observers ? Role::observes : Role::publishes;
+    }
     std::string name() const { return std::to_string(actor) + "." + std::to_string(life); }
 };
 

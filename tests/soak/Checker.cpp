@@ -7,6 +7,8 @@
 namespace soak {
 namespace {
 
+constexpr char kOnce[] = "every observer is told once of each object";
+constexpr char kGhost[] = "no observer is told of what has gone";
 constexpr char kHang[] = "no call hangs longer than its rule allows";
 
 /** Where an object's id is its address, the next object there answers to the handles of the last.
@@ -38,8 +40,15 @@ void Checker::killed(Life life, long long at) {
 }
 
 bool Checker::hasMet(Life life, std::string const& termination) const {
-    auto const process = processes_.find(life);
-    return process != processes_.end() && process->second.met.count(termination) != 0;
+    auto const found = processes_.find(life);
+    if (found == processes_.end() || found->second.met.count(termination) == 0)
+        return false;
+    Process const& process = found->second;
+    return std::all_of(processes_.begin(), processes_.end(), [&](auto const& entry) {
+        Process const& other = entry.second;
+        return other.died != kNever || other.begin == kNever || other.begin < process.up ||
+               process.met.count(other.termination) != 0;
+    });
 }
 
 // ---- What actors tell
@@ -48,13 +57,20 @@ void Checker::take(Life life, Event const& event) {
     Process& process = processes_[life];
     std::string const& verb = event.verb;
     auto const& words = event.words;
-    if (verb == "start") {
+    if (verb == "begin") {
+        process.begin = event.at;
+    } else if (verb == "start") {
         process.termination = words.at(0);
         process.broker = words.at(1);
     } else if (verb == "up") {
         process.up = event.at;
     } else if (verb == "met") {
         process.met.emplace(words.at(0), event.at);
+        if (process.lost.count(words.at(0)) != 0)
+            report("no broker is told as come after it was told as gone",
+                   "actor " + life.text() + " met " + words.at(0) + " last", {words.at(0)});
+    } else if (verb == "lost") {
+        process.lost.insert(words.at(0));
     } else if (verb == "told") {
         takeTold(life, event);
     } else if (verb == "call") {
@@ -85,6 +101,7 @@ void Checker::takeRegistration(Life life, Event const& event) {
         {"unobserved", &Registration::removed}};
     Registration& registration = processes_[life].registrations[event.words.at(0)];
     if (event.verb == "observe") {
+        registration.begin = event.at;
         registration.classIndex = static_cast<unsigned int>(event.number(1));
         registration.creations = event.words.at(2) == text(Kind::creations);
         registration.plusExisting = event.number(3) != 0;
@@ -122,6 +139,17 @@ void Checker::takeTold(Life life, Event const& event) {
     if (event.at > registration.removed)
         report("no observer is told after its removal", text, {id, name});
     ++object->second.told[id];
+    if (!registration.creations) {
+        object->second.toldDeleted.insert(life);
+        return;
+    }
+    object->second.toldCreated.insert(life);
+    if (object->second.toldDeleted.count(life) != 0 || registration.begin > object->second.deleted)
+        report(kGhost, text + " after its deletion", {id, name});
+    auto const publisher = processes_.find(object->second.publisher);
+    if (publisher != processes_.end() &&
+        processes_[life].lost.count(publisher->second.termination) != 0)
+        report(kGhost, text + " after its broker", {id, name});
 }
 
 void Checker::takeCall(Life life, Event const& event) {
@@ -202,35 +230,40 @@ long long Checker::settled(Life subscriber, Life publisher) const {
     return valueOr(processes_.at(subscriber).met, processes_.at(publisher).termination, kNever);
 }
 
+// Of what was there before it, a registration hears if it asked for that, and of all that a process
+// has which began later. Of such a process whoever is registered for deletions hears the end of all
+// that anybody beside him has heard of.
+bool Checker::mustHear(SoakedObject const& object, Life subscriber,
+                       Registration const& registration) const {
+    Process const& publisher = processes_.at(object.publisher);
+    long long const met = settled(subscriber, object.publisher);
+    long long const ready = std::max(registration.done, met);
+    long long const leaves = std::min(registration.removal, processes_.at(subscriber).died);
+    if (!registration.creations) {
+        bool const heard = object.toldCreated.count(subscriber) != 0 &&
+                           publisher.begin > registration.done &&
+                           met < std::min(leaves, publisher.died);
+        return object.deleted < leaves && (heard || ready < object.deletion);
+    }
+    if (ready < object.create)
+        return object.created < leaves;
+    return (registration.plusExisting || publisher.begin > registration.done) &&
+           std::max(ready, object.created) < std::min({leaves, object.deletion, publisher.died});
+}
+
 void Checker::judge(std::string const& name, SoakedObject const& object, Life subscriber,
                     std::string const& id, Registration const& registration) {
-    bool const creations = registration.creations;
-    Kind const kind = creations ? Kind::creations : Kind::deletions;
-    bool const checked = isChecked(object.classIndex, kind);
+    Kind const kind = registration.creations ? Kind::creations : Kind::deletions;
+    bool const must =
+        isChecked(object.classIndex, kind) && mustHear(object, subscriber, registration);
     unsigned int const times = valueOr(object.told, id, 0);
-    long long const begin = creations ? object.create : object.deletion;
-    long long const end = creations ? object.created : object.deleted;
-    long long const ready = std::max(registration.done, settled(subscriber, object.publisher));
-    long long const leaves = std::min(registration.removal, processes_.at(subscriber).died);
-    std::string const text = "registration " + id + " of actor " + subscriber.text() + " for " +
-                             soak::text(kind) + " was told of " + name + " " +
-                             std::to_string(times) + " times";
-    if (ready < begin && end < leaves && (checked || times > 1)) {
-        ++tally_[std::string(soak::text(kind)) + " told once"];
-        if (times != 1)
-            report("every event is told exactly once per registration", text, {id, name});
-        return;
-    }
-    if (!creations && times > 1)
-        report("no deletion is told twice", text, {id, name});
-    long long const there = std::max(ready, object.created);
-    long long const until =
-        std::min({leaves, object.deletion, processes_.at(object.publisher).died});
-    if (checked && creations && registration.plusExisting && there < until) {
-        ++tally_["existing objects told"];
-        if (times == 0)
-            report("existing objects are told at least once", text, {id, name});
-    }
+    tally_[std::string(soak::text(kind)) + " told once"] += must;
+    if (times > 1 || (must && times == 0))
+        report(kOnce,
+               "registration " + id + " of actor " + subscriber.text() + " for " +
+                   soak::text(kind) + " was told of " + name + " " + std::to_string(times) +
+                   " times",
+               {id, name});
 }
 
 std::vector<std::string> Checker::unbalanced() {

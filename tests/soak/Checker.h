@@ -57,6 +57,7 @@ public:
     void fence(long long at);
     /** Whether the one-way calls between those alive have all come; the reasons why not. */
     std::vector<std::string> unbalanced();
+    /** Whether an actor has caught up with a broker, and with all actors that began after it. */
     bool hasMet(Life life, std::string const& termination) const;
 
     std::vector<Fault> const& faults() const { return faults_; }
@@ -73,16 +74,19 @@ private:
         unsigned int classIndex = 0;
         bool creations = false;
         bool plusExisting = false;
+        long long begin = kNever;
         long long done = kNever;
         long long removal = kNever;  // begin of it
         long long removed = kNever;
     };
     struct Process {
+        long long begin = kNever;
         long long up = kNever;
         long long died = kNever;
         std::string termination;
         std::string broker;
         std::map<std::string, long long> met;  // by termination
+        std::set<std::string> lost;            // terminations
         std::map<std::string, Registration> registrations;
         std::map<std::string, long long> sent;      // by broker
         std::map<std::string, long long> received;  // by text of Life
@@ -95,6 +99,9 @@ private:
         long long deletion = kNever;  // begin of it
         long long deleted = kNever;
         std::map<std::string, unsigned int> told;  // by registration
+        // The processes in which somebody was told that it was created, or deleted.
+        std::set<Life> toldCreated;
+        std::set<Life> toldDeleted;
     };
 
     void takeRegistration(Life life, Event const& event);
@@ -107,6 +114,8 @@ private:
     long long lastKill(std::string const& target, long long from, long long to) const;
     void judge(std::string const& name, SoakedObject const& object, Life subscriber,
                std::string const& id, Registration const& registration);
+    bool mustHear(SoakedObject const& object, Life subscriber,
+                  Registration const& registration) const;
     /** When the subscriber's broker had caught up with the publisher's. */
     long long settled(Life subscriber, Life publisher) const;
     void forgetThePast(long long at);

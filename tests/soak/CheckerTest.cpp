@@ -15,7 +15,11 @@ using soak::Life;
  * comma behind. */
 class Court {
 public:
-    Court() { write("1 2 start term1.1 broker1.1, 2 2 start term2.1 broker2.1, 1 3 up, 2 3 up,"); }
+    Court() {
+        write(
+            "1 1 begin, 2 1 begin, 1 2 start term1.1 broker1.1, 2 2 start term2.1 broker2.1, 1 3 "
+            "up, 2 3 up,");
+    }
 
     void write(std::string const& journal) {
         std::istringstream input(journal);
@@ -41,8 +45,8 @@ public:
     Checker checker{soak::Limits()};
 };
 
-constexpr char kOnce[] = "every event is told exactly once per registration";
-constexpr char kAtLeastOnce[] = "existing objects are told at least once";
+constexpr char kOnce[] = "every observer is told once of each object";
+constexpr char kGhost[] = "no observer is told of what has gone";
 constexpr char kHang[] = "no call hangs longer than its rule allows";
 constexpr char kFailed[] = "no call of an object that is there fails";
 
@@ -75,23 +79,41 @@ TEST(Checker, countsWhatObserversThatStayAreTold) {
 TEST(Checker, findsWhatIsBrokenAndNothingElse) {
     std::string const made = "1 30 create o.1.1.0.1 2, 1 40 created o.1.1.0.1,";
     std::string const gone = "1 60 delete o.1.1.0.1, 1 70 deleted o.1.1.0.1,";
-    std::string const twice = "2 31 told r1 o.1.1.0.1, 2 32 told r1 o.1.1.0.1,";
+    std::string const once = "2 45 told r1 o.1.1.0.1,";
     // Registrations during the creation, and before the brokers have met.
     std::string const meanwhile =
         "2 4 met term1.1, 2 20 observe r1 2 creations 1, 2 20 observe r2 2 creations 0," + made +
         "2 45 observing r1, 2 45 observing r2,";
     std::string const before =
         "2 10 observe r1 2 creations 1, 2 11 observing r1," + made + "2 45 met term1.1,";
+    std::string const early = "2 10 observe r1 2 creations 0, 2 11 observing r1, 1 12 begin," +
+                              made + "2 45 met term1.1,";
+    std::string const ending = "2 9 observe r9 2 deletions 0, 2 10 observing r9," + early;
     std::string const known = "2 4 met term1.1, 2 10 observe r1 2 creations 1, 2 11 observing r1,";
     std::string const call = made + "2 9000000 call 8999000 ";
     struct {
         std::string journal;
         std::string verdict;
     } const cases[]{
-        {meanwhile + twice + gone, ""},
-        {meanwhile + gone, kAtLeastOnce},
-        {before + twice + gone, ""},
-        {before + gone, kAtLeastOnce},
+        {meanwhile + once + gone, ""},
+        {meanwhile + once + once + gone, kOnce},
+        {meanwhile + gone, kOnce},
+        {before + once + gone, ""},
+        {before + once + once + gone, kOnce},
+        {before + gone, kOnce},
+        // A process that began after the registration is caught up with.
+        {early + once + gone, ""},
+        {early + gone, kOnce},
+        {early + "1 42 delete o.1.1.0.1, 1 43 deleted o.1.1.0.1,", ""},
+        // Who is there when its process hears of an object hears of its end.
+        {ending + "2 44 told r1 o.1.1.0.1," + gone + "2 62 told r9 o.1.1.0.1,", ""},
+        {ending + "2 44 told r1 o.1.1.0.1, 1 45 delete o.1.1.0.1, 1 46 deleted o.1.1.0.1,", kOnce},
+        {ending + "1 42 delete o.1.1.0.1, 1 43 deleted o.1.1.0.1,", ""},
+        {ending + gone + "2 62 told r9 o.1.1.0.1, 2 63 told r1 o.1.1.0.1,", kGhost},
+        {made + gone + "2 80 observe r1 2 creations 1, 2 81 told r1 o.1.1.0.1,", kGhost},
+        {early + "2 46 lost term1.1, 2 47 told r1 o.1.1.0.1,", kGhost},
+        {early + once + gone + "2 80 lost term1.1, 2 81 met term1.1,",
+         "no broker is told as come after it was told as gone"},
         {known + made + "2 35 unobserve r1, 2 36 unobserved r1," + gone, ""},
         {known + made + "2 35 killed," + gone, ""},
         {known + "1 30 create o.1.1.0.1 2, 1 35 killed,", ""},

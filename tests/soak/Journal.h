@@ -1,5 +1,6 @@
 // What actors tell of themselves: one line per event, "TIME VERB WORD...", in a file of each actor.
 //
+//   begin                         the process has started
 //   start TERMINATION BROKER      the broker is there
 //   up                            the first observers are registered
 //   met TERMINATION               the broker there has been caught up with; lost TERMINATION

@@ -5,9 +5,11 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Watcher.h"
 
@@ -47,18 +49,23 @@ private:
     unsigned int anyActor() { return dice(actor_.settings.actors); }
 
     void act() {
-        static struct {
+        struct Choice {
             unsigned int weight;
             char const* name;
             void (Player::*act)();
-        } const choices[]{
+        };
+        static std::vector<Choice> const choices{
             {12, "make", &Player::makeObject},    {10, "drop", &Player::dropObject},
             {5, "observe", &Player::observe},     {5, "unobserve", &Player::unobserve},
             {12, "ask", &Player::askKnownObject}, {6, "relay", &Player::relay},
             {8, "note", &Player::note},           {7, "attributes", &Player::useNames},
             {2, "walk", &Player::walkTree},       {3, "veto", &Player::veto}};
-        auto number = static_cast<int>(dice(70));  // the sum of the weights
-        auto const* choice = choices;
+        Role const role = actor_.settings.role();
+        // The first two publish, the next two observe.
+        auto choice = choices.begin() + (role == Role::observes ? 2 : 0);
+        auto const end = role == Role::all ? choices.end() : choice + 2;
+        auto number = static_cast<int>(dice(std::accumulate(
+            choice, end, 0u, [](unsigned int sum, auto& one) { return sum + one.weight; })));
         while ((number -= static_cast<int>(choice->weight)) >= 0)
             ++choice;
         TreflectHandlerState const inside(true);

@@ -1,7 +1,9 @@
 // Lets a dozen processes publish, delete, observe and call each other while some of them are killed
 // and started again, and checks that what must hold holds.
 //
-//   soak [--seconds N] [--seed N] [--actors N]
+//   soak [--seconds N] [--seed N] [--actors N] [--observers N] [--stretch MILLISECONDS]
+//
+// With --observers the first so many actors only observe, and all others only publish.
 //
 // The same seed makes the same decisions, as far as the order of threads lets it. It has the actors
 // act in stretches, kills and restarts some meanwhile, and has the checker judge when all rest.
@@ -38,7 +40,6 @@ constexpr unsigned int kMostActors = 64;
 /** The first actors are never killed: what grows shows in them. */
 constexpr unsigned int kSpared = 2;
 constexpr long long kSecond = 1'000'000;
-constexpr long long kStretch = 3 * kSecond;
 constexpr long long kLongestStop = kSecond / 5;
 constexpr std::chrono::seconds kPatience(kSlow ? 60 : 20);
 constexpr char kOnlyVictimsDie[] = "nobody but the victims dies";
@@ -48,6 +49,10 @@ struct Options {
     unsigned int seconds = 60;
     unsigned int seed = std::random_device()() % 1'000'000;
     unsigned int actors = 12;
+    unsigned int observers = 0;
+    unsigned int stretch = 3000;  // milliseconds
+
+    long long stretchMicroseconds() const { return stretch * 1000LL; }
 };
 
 /** What a process uses when nobody acts. */
@@ -153,7 +158,8 @@ private:
         slot.child = std::make_unique<ChildProgram>(
             "soak_actor", std::vector<std::string>{
                               std::to_string(slot.life.actor), std::to_string(slot.life.number),
-                              std::to_string(options_.seed), std::to_string(slots_.size()), path});
+                              std::to_string(options_.seed), std::to_string(slots_.size()),
+                              std::to_string(options_.observers), path});
     }
     void kill(Slot& slot) {
         checker_.killed(slot.life, now());
@@ -197,7 +203,8 @@ private:
         std::vector<Stroke> const strokes = plan();
         auto next = strokes.begin();
         long long const begin = now();
-        while (!failed() && (now() < begin + kStretch || next != strokes.end())) {
+        while (!failed() &&
+               (now() < begin + options_.stretchMicroseconds() || next != strokes.end())) {
             for (; next != strokes.end() && next->at <= now() - begin; ++next)
                 strike(*next);
             watchProcesses(true);
@@ -208,10 +215,12 @@ private:
      * together subscribe at each other while both start. */
     std::vector<Stroke> plan() {
         std::vector<Stroke> strokes;
-        unsigned int const victims = dice(5);
+        unsigned int const victims = dice(options_.actors / 3 + 1);
         bool const fallTogether = dice(2) == 0;
         bool const riseTogether = dice(2) == 0;
-        auto const moment = [&] { return static_cast<long long>(dice(1000)) * kStretch / 1500; };
+        auto const moment = [&] {
+            return static_cast<long long>(dice(1000)) * options_.stretchMicroseconds() / 1500;
+        };
         long long const fall = moment();
         long long const rise = fall + moment() / 2;
         for (unsigned int i = 0; i < victims; ++i) {
@@ -273,8 +282,8 @@ private:
         }
         return !failed();
     }
-    /** A broker tells of newcomers one after the other: whoever has caught up with the one that
-     * comes last has caught up with all. */
+    /** Whoever has caught up with one that comes last, and with all others that came after it, has
+     * caught up with all: those who were there before were asked by its own registrations. */
     void letEverybodyMeet() {
         ChildProgram beacon("soak_actor", {"beacon"});
         auto const line = beacon.waitForLine("start ");
@@ -348,7 +357,7 @@ private:
         checker_.fence(now());
         Tally const& tally = checker_.tally();
         for (char const* what : {"creations told once", "deletions told once", "calls"})
-            if (tally.count(what) == 0)
+            if (tally.count(what) == 0 && (options_.observers == 0 || what != std::string("calls")))
                 checker_.report("there is something to judge", std::string("no ") + what);
         for (Slot const& slot : slots_)
             slot.child->writeLine("quit");
@@ -419,15 +428,19 @@ private:
 
 /** False when they make no sense. */
 bool read(int count, char** arguments, Options& options) {
-    std::map<std::string, unsigned int*> const values{
-        {"--seconds", &options.seconds}, {"--seed", &options.seed}, {"--actors", &options.actors}};
+    std::map<std::string, unsigned int*> const values{{"--seconds", &options.seconds},
+                                                      {"--seed", &options.seed},
+                                                      {"--actors", &options.actors},
+                                                      {"--observers", &options.observers},
+                                                      {"--stretch", &options.stretch}};
     for (int i = 1; i < count; i += 2) {
         auto const value = values.find(arguments[i]);
         if (value == values.end() || i + 1 == count)
             return false;
         *value->second = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
     }
-    return options.actors >= kFewestActors && options.actors <= kMostActors;
+    return options.actors >= kFewestActors && options.actors <= kMostActors &&
+           options.observers < options.actors && options.stretch > 0;
 }
 
 }  // namespace
@@ -437,7 +450,9 @@ int main(int count, char** arguments) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     soak::Options options;
     if (!soak::read(count, arguments, options)) {
-        std::fprintf(stderr, "usage: soak [--seconds N] [--seed N] [--actors %u..%u]\n",
+        std::fprintf(stderr,
+                     "usage: soak [--seconds N] [--seed N] [--actors %u..%u] "
+                     "[--observers N] [--stretch MILLISECONDS]\n",
                      soak::kFewestActors, soak::kMostActors);
         return 2;
     }

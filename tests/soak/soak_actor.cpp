@@ -1,5 +1,5 @@
-// A process of the soak. Arguments: ACTOR LIFE SEED ACTORS JOURNAL. Acts as lines on standard input
-// tell it, and answers each with the line itself when it is done:
+// A process of the soak. Arguments: ACTOR LIFE SEED ACTORS OBSERVERS JOURNAL. Acts as lines on
+// standard input tell it, and answers each with the line itself when it is done:
 //
 //   go N      act, until told otherwise
 //   rest N    stop acting
@@ -28,6 +28,7 @@ constexpr unsigned int kPlayers = 2;
 class Process {
 public:
     explicit Process(Settings const& settings) : actor_(settings), brokers_(actor_.journal) {
+        actor_.journal.write("begin");
         TreflectORB& orb = *TreflectORB::getInstance(NSID_UNIT);
         orb.registerOrbCreation(&brokers_, false);
         orb.registerOrbDeletion(&brokers_);
@@ -37,7 +38,8 @@ public:
         home_ = std::make_unique<Object>(
             home, home, settings.life, soakMeta, nullptr,
             [this](char const*, std::string const& from) { ++actor_.received[from]; });
-        registerAnchors();
+        if (settings.role() != Role::publishes)
+            registerAnchors();
         actor_.journal.write("up");
         for (unsigned int i = 0; i < kPlayers; ++i)
             players_.push_back(std::make_unique<Player>(actor_, i));
@@ -111,10 +113,10 @@ int main(int count, char** arguments) {
         std::cin.ignore(std::numeric_limits<std::streamsize>::max());
         return EXIT_SUCCESS;
     }
-    if (count != 6)
+    if (count != 7)
         return EXIT_FAILURE;
     Process({number(arguments[1]), number(arguments[2]), number(arguments[3]), number(arguments[4]),
-             arguments[5]})
+             number(arguments[5]), arguments[6]})
         .run();
     return EXIT_SUCCESS;
 }
