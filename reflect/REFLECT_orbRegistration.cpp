@@ -164,8 +164,7 @@ void TreflectORB::MetaData::forget(TreflectServerObject const& object) {
 
 // ---- Registrations -----------------------------------------------------------------------------
 
-// What it tells comes on top of what the observer has been told in the course of others. What is
-// being told as deleted may still be among what brokers say exists.
+// What it tells comes on top of what the observer has been told in the course of others.
 TreflectORB::Registration::Registration(TreflectORB& orb, MetaData& record, Kind kind,
                                         TreflectObserver* observer)
     : orb_(orb), record_(record), kind_(kind), observer_(observer) {
@@ -196,6 +195,7 @@ void TreflectORB::Registration::gone(ObjectPlace const& place) {
     kept_.remove_if([&](auto const& kept) { return kept.first == place; });
 }
 
+// What is being told as deleted may still be in the answer: it has not been answered to its broker.
 void TreflectORB::Registration::asks(TreflectOrbId const& broker) {
     eraseThoseAt(broker, gone_);
     for (Notice const* const notice : record_.deletions.notices)

@@ -78,7 +78,8 @@ public:
     /**
      * Has `observer` told whenever an object of this class is created (or deleted) in any process
      * of the group, see TreflectORB::observeCreations; `plusExisting`: and at once of those that
-     * exist. False for null. Under the run permission.
+     * exist. One that is registered several times is told once per event. False for null. Under the
+     * run permission.
      */
     bool observeCreations(TreflectObserver* observer, bool plusExisting);
     bool observeDeletions(TreflectObserver* observer);

@@ -67,8 +67,8 @@ public:
     bool receive(Transport::AddressedMessage const& message) override;
     /** A message of this broker could not be delivered: its caller is told. */
     bool receiveError(Transport::AddressedMessage const& message) override;
-    /** A broker came up: what is observed here is observed there too. Called on a thread of the
-     * transport that may wait for the newcomer. */
+    /** A broker came up: what is observed here is observed there too, for which a worker waits for
+     * the newcomer. Not on the receiving thread. */
     void appeared(Transport::Termination& termination) override;
     /** A broker has gone: handles on its objects become invalid, and calls to it end at once. */
     void disappeare(Transport::Termination& termination) override;
@@ -205,7 +205,8 @@ public:
                                    TipprmiSequence<TreflectObject, 0u>* existing);
     void addRemoteDeletionObserver(unsigned int const& classId, TreflectOrbId const& orb);
     void removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb);
-    /** Subscribes at a broker that came up for all classes that are observed here. */
+    /** Subscribes at a broker that came up for all classes that are observed here, and tells what
+     * it has to those who have not heard of it. Waits for the broker. */
     void orbAppeared(TreflectOrbId const& id);
     enum class Kind { creation, deletion };
     /** Subscribes one observer at a broker that it has missed; false when it has been removed
