@@ -53,11 +53,11 @@ void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
 
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
-    parts_->presentOrbs.remove(gone);
     {
         TreflectHandlerState const handlerState(true);
         TreflectOrbId const id = convertId(gone);
         TreflectObjectHandler::getInstance()->invalidateStubs(id);
+        parts_->presentOrbs.remove(gone);  // only now: a call that fails meanwhile does the same
         parts_->knownOrbClasses.erase(gone);
         parts_->missedCreations.forget(id);
         parts_->missedDeletions.forget(id);
