@@ -1,12 +1,18 @@
 #include "reflect/OrbIdentity.h"
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "transport/IdInfo.h"
 
 using Transport::GroupId;
 using Transport::IdInfo;
 
 namespace {
+
+// Ids come in messages of others.
+Logging::LineLimit undefinedGroup;
+Logging::LineLimit controlGroup;
+Logging::LineLimit noSlot;
+Logging::LineLimit undefinedNamespace;
 
 constexpr GroupId kFirstUnitGroup = 1;
 constexpr GroupId kSecondUnitGroup = 2;
@@ -45,12 +51,13 @@ NamespaceId OrbIdentity::namespaceOf(GroupId group) const {
         case kNodeGroup:
             return NSID_NODE;
         case Transport::GRPID_UNDEF:
-            REFLECTORB_LOG(3, "REFLECT_orb", "ORB (orbId=0x%X) can not handle group id GRPID_UNDEF",
-                           self_.value());
+            REFLECTORB_LOG_LIMITED(undefinedGroup, 3, "REFLECT_orb",
+                                   "ORB (orbId=0x%X) can not handle group id GRPID_UNDEF",
+                                   self_.value());
             return NSID_UNDEF;
         case Transport::TRSPCTRL:
-            REFLECTORB_LOG(6, "REFLECT_orb", "ORB (orbId=0x%X) has group id TRSPCTRL",
-                           self_.value());
+            REFLECTORB_LOG_LIMITED(controlGroup, 6, "REFLECT_orb",
+                                   "ORB (orbId=0x%X) has group id TRSPCTRL", self_.value());
             return NSID_UNDEF;
         default:
             return NSID_UNDEF;
@@ -79,13 +86,14 @@ Transport::TerminationId OrbIdentity::toTerminationId(TreflectOrbId id) const {
         case NSID_NODE:
             group = kNodeGroup;
             if (slot == 0)
-                REFLECTORB_LOG(3, "REFLECT_orb",
-                               "ORB (orbId=0x%X) can not handle slot 0 for NSID_NODE",
-                               self_.value());
+                REFLECTORB_LOG_LIMITED(noSlot, 3, "REFLECT_orb",
+                                       "ORB (orbId=0x%X) can not handle slot 0 for NSID_NODE",
+                                       self_.value());
             break;
         case NSID_UNDEF:
-            REFLECTORB_LOG(3, "REFLECT_orb", "ORB (orbId=0x%X) can not handle namespace NSID_UNDEF",
-                           self_.value());
+            REFLECTORB_LOG_LIMITED(undefinedNamespace, 3, "REFLECT_orb",
+                                   "ORB (orbId=0x%X) can not handle namespace NSID_UNDEF",
+                                   self_.value());
             break;
     }
     return {id.nameId(), slot, group};

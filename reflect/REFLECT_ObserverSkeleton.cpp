@@ -1,5 +1,5 @@
 #include "handler_threads/TreflectHandlerState.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObserver.h"
@@ -47,8 +47,9 @@ bool TreflectObserverSkeleton::dispatch(bool withResponse, unsigned int cc, unsi
     }
     if (TreflectServerObject::dispatch(withResponse, cc, mc, in, out))
         return true;
-    REFLECTORB_LOG(
-        3, "REFLECT_ObserverSkeleton",
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(
+        limit, 3, "REFLECT_ObserverSkeleton",
         "TreflectObserverSkeleton[oid=%s]::dispatch(cc=0x%08X, mc=%u) - METHOD NOT FOUND",
         getOID().getIdString(), cc, mc);
     return false;

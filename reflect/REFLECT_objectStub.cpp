@@ -3,7 +3,7 @@
 #include "handler_threads/TreflectHandlerState.h"
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "reflect/StubInUse.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -24,6 +24,9 @@ TipprmiOID oidOf(TreflectObjectLocationIf const& location) {
 TipprmiOID oidOf(TipprmiObjectSkeleton const& skeleton) {
     return skeleton.hasOID() ? skeleton.getOID() : noOid();
 }
+
+/** Handles come in messages of others. */
+Logging::LineLimit invalidHandle;
 
 unsigned int orbOfNamespace(NamespaceId ns) {
     TreflectORB const* const orb = TreflectORB::getInstance(ns);
@@ -59,8 +62,9 @@ TreflectObjectStub::TreflectObjectStub(TreflectObjectLocationIf const& location)
       orbId_(location.orbId()),
       server_(location.getServer()) {
     if (internalOid() == 0 && !TipprmiObjectBase::hasOID())
-        REFLECTORB_LOG(
-            3, kSource, "TreflectObjectStub(ol) this=0x%p,object=%p,oid=NULL,ioid=%X,orbId=0x%X",
+        REFLECTORB_LOG_LIMITED(
+            invalidHandle, 3, kSource,
+            "TreflectObjectStub(ol) this=0x%p,object=%p,oid=NULL,ioid=%X,orbId=0x%X",
             static_cast<void*>(this), static_cast<void*>(server_), internalOid(), orbId_.value());
 }
 
@@ -80,17 +84,19 @@ TreflectObjectStub::TreflectObjectStub(TreflectObjectStub const& other)
       orbId_(other.orbId_),
       server_(other.server_) {
     if (internalOid() == 0)
-        REFLECTORB_LOG(
-            3, kSource, "TreflectObjectStub(other) this=0x%p,object=%p,ioid=%X,orbId=0x%X",
-            static_cast<void*>(this), static_cast<void*>(server_), internalOid(), orbId_.value());
+        REFLECTORB_LOG_LIMITED(invalidHandle, 3, kSource,
+                               "TreflectObjectStub(other) this=0x%p,object=%p,ioid=%X,orbId=0x%X",
+                               static_cast<void*>(this), static_cast<void*>(server_), internalOid(),
+                               orbId_.value());
 }
 
 TreflectObjectStub& TreflectObjectStub::operator=(TreflectObjectStub const& other) {
     if (this != &other)
         lead(other.oid(), other.internalOid(), other.orbId_, other.server_);
     if (internalOid() == 0)
-        REFLECTORB_LOG(3, kSource, "operator=() object=%p,ioid=%X,orbId=0x%X",
-                       static_cast<void*>(server_), internalOid(), orbId_.value());
+        REFLECTORB_LOG_LIMITED(invalidHandle, 3, kSource,
+                               "operator=() object=%p,ioid=%X,orbId=0x%X",
+                               static_cast<void*>(server_), internalOid(), orbId_.value());
     return *this;
 }
 

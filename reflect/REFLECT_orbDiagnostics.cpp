@@ -97,6 +97,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, TreflectORB::PerfCnts& counters
 }
 
 TreflectORB::PerfCntInfo TreflectORB::takePerfCnts_() const {
+    parts_->returnedCalls.moveTo(parts_->counters);
     return {Transport::IdInfo::instance().getActor(), parts_->counters.take()};
 }
 
@@ -196,6 +197,7 @@ void TreflectORB::displayMore_() const {
     PerformanceCounters::Records counters;
     {
         TreflectHandlerState const handlerState(true);
+        parts_->returnedCalls.moveTo(parts_->counters);
         counters = parts_->counters.all();
     }
     for (unsigned int i = 0; i < counters.getLength(); ++i)

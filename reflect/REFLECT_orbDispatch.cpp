@@ -6,7 +6,7 @@
 #include "handler_threads/TurnExchange.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 #include "reflect/ContainErrors.h"
 #include "reflect/InterfaceRepository.h"
@@ -101,6 +101,7 @@ private:
     void answerCall(TipprmiStream& response, int result);
     int send(TipprmiStream& response);
     void reportUnknownObject() const;
+    Parts::LineLimits& limits() const { return orb_.parts_->limits; }
 
     TreflectORB& orb_;
     TreflectMessage const message_;
@@ -145,10 +146,10 @@ void TreflectORB::IncomingMessage::serve() {
             }
             [[fallthrough]];
         default:
-            REFLECTORB_LOG(3, "REFLECT_orb",
-                           "ORB 0x%08X received request of unknown type (rorg=%X, rdes=%X)",
-                           orb_.termId().value(), message_.originator().value(),
-                           message_.destination().value());
+            REFLECTORB_LOG_LIMITED(limits().unknownType, 3, "REFLECT_orb",
+                                   "ORB 0x%08X received request of unknown type (rorg=%X, rdes=%X)",
+                                   orb_.termId().value(), message_.originator().value(),
+                                   message_.destination().value());
     }
 }
 
@@ -158,8 +159,8 @@ void TreflectORB::IncomingMessage::serveResolve() {
     request_ >> oid;
     response << orb_.locateLocalObject_(oid).getInternalOID();
     if (int const sent = send(response); sent != 1)
-        REFLECTORB_LOG(3, "REFLECT_orb", "Sending resolve response message failed rc=%d",
-                       asFlag(sent));
+        REFLECTORB_LOG_LIMITED(limits().notResolved, 3, "REFLECT_orb",
+                               "Sending resolve response message failed rc=%d", asFlag(sent));
 }
 
 void TreflectORB::IncomingMessage::serveNotice() {
@@ -224,14 +225,18 @@ void TreflectORB::IncomingMessage::serveArrival() {
 
 /** Whether a message about a class was complete; one that was not is answered and ignored. */
 bool TreflectORB::IncomingMessage::isReadable(unsigned int classId) const {
-    if (request_.hasUnmarshallingFailed())
+    unsigned long heldBack = 0;
+    if (request_.hasUnmarshallingFailed() && limits().unreadable.pass(heldBack)) {
         request_.printUnmarshallError(classId, message_.type());
+        Logging::tellHeldBack(heldBack, 4, __LINE__, "CallHelper");
+    }
     return !request_.hasUnmarshallingFailed();
 }
 
 void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {
     if (int const sent = send(response); sent != 1)
-        REFLECTORB_LOG(3, "REFLECT_orb", "Sending response message failed rc=%d", asFlag(sent));
+        REFLECTORB_LOG_LIMITED(limits().notAnswered, 3, "REFLECT_orb",
+                               "Sending response message failed rc=%d", asFlag(sent));
 }
 
 void TreflectORB::IncomingMessage::serveCall() {
@@ -272,16 +277,17 @@ int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
             served = object.dispatch(transaction_, cc_, mc, request_, response);
         },
         [&](char const* thrown) {
-            REFLECTORB_LOG(3, "REFLECT_orb",
-                           "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw%s",
-                           orb_.termId().value(), ioid_, cc_, mc_, thrown);
+            REFLECTORB_LOG_LIMITED(limits().thrown, 3, "REFLECT_orb",
+                                   "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw%s",
+                                   orb_.termId().value(), ioid_, cc_, mc_, thrown);
         });
     return served ? 1 : 0;
 }
 
 void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int result) {
     if (result != 1) {
-        REFLECTORB_LOG(3, "REFLECT_orb", "Handling request message failed rc=%d", asFlag(result));
+        REFLECTORB_LOG_LIMITED(limits().notServed, 3, "REFLECT_orb",
+                               "Handling request message failed rc=%d", asFlag(result));
         response.clear();
         writeGeneralException(response, static_cast<unsigned int>(result));
     }
@@ -295,8 +301,9 @@ int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
 }
 
 void TreflectORB::IncomingMessage::reportUnknownObject() const {
-    REFLECTORB_LOG(3, "REFLECT_orb", "ioid=0x%X,transaction=%s,classCode=0x%X,methodCode=%d", ioid_,
-                   trueOrFalse(transaction_), cc_, mc_);
+    REFLECTORB_LOG_LIMITED(limits().unknownObject, 3, "REFLECT_orb",
+                           "ioid=0x%X,transaction=%s,classCode=0x%X,methodCode=%d", ioid_,
+                           trueOrFalse(transaction_), cc_, mc_);
 }
 
 /** A worker's way from message to message. */

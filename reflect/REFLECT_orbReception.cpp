@@ -2,6 +2,7 @@
 // workers.
 #include <new>
 
+#include "ipprmi/BigEndian.h"
 #include "logging/LineLimit.h"
 #include "oswrap/Thread.h"
 #include "reflect/OngoingRequest.h"
@@ -12,6 +13,16 @@ namespace {
 
 /** Our header and the length of a stream: what every message of a broker has. */
 constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + 4;
+/** The header of a call, of which the second word tells whether a response is awaited. */
+constexpr unsigned int kCallHeaderSize = 16;
+constexpr unsigned int kTransactionOffset = 4;
+
+/** A call for which nobody waits, on its way back. */
+bool isReturnedOneWay(TreflectMessage const& message) {
+    return message.kind() == TreflectMessage::kNoDestination &&
+           message.type() == TreflectMessage::tPayload && message.size() >= kCallHeaderSize &&
+           ipprmi::loadBigEndian(message.buf() + kTransactionOffset) == 0;
+}
 
 }  // namespace
 
@@ -20,8 +31,7 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
     if (parts_->receivingThreadId.load(std::memory_order_relaxed) != thread)
         parts_->receivingThreadId.store(thread, std::memory_order_relaxed);
     if (addressed.size() < kShortestMessage) {
-        static Logging::LineLimit limit;
-        REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_orb",
+        REFLECTORB_LOG_LIMITED(parts_->limits.shortMessage, 3, "REFLECT_orb",
                                "ORB 0x%08X drops message of %lu bytes from 0x%08X",
                                termId().value(), static_cast<unsigned long>(addressed.size()),
                                addressed.originator().value());
@@ -51,18 +61,59 @@ bool TreflectORB::receiveError(Transport::AddressedMessage const& addressed) {
     return receive(addressed);
 }
 
+/** A response counts if it comes from who was asked, or is the request itself that comes back from
+ * there. */
 void TreflectORB::deliverResponse_(TreflectMessage const& response) {
-    unsigned int const id = response.transactionId();
-    OngoingRequest* const record = parts_->ongoingRequests_.take(id);
-    if (!record) {
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X receives unexpected response (org=0x%08X, TransactionId=%X)",
-                       termId().value(), response.originator().value(), id);
-        testInfoAboutMessage(termId(), response, true);
+    bool const ownMessage =
+        response.kind() == TreflectMessage::kNoDestination && response.originator() == termId();
+    Transport::TerminationId const answerer =
+        ownMessage ? response.destination() : response.originator();
+    if (isReturnedOneWay(response)) {
+        // Ids come round, so a request that waits under the same id is another one.
+        countReturnedCall_(answerer);
+        reportUnexpected_(response);
         return;
     }
-    auto* const copy = new (std::nothrow) TreflectMessage(response);
-    record->reset(copy ? copy : OngoingRequest::disconnected(), id);
+    unsigned int const id = response.transactionId();
+    RequestTable::Found const found = parts_->ongoingRequests_.take(id, answerer);
+    if (found.record) {
+        auto* const copy = new (std::nothrow) TreflectMessage(response);
+        found.record->reset(copy ? copy : OngoingRequest::disconnected(), id);
+    } else if (found.target.value() != 0) {
+        reportForged_(response, found.target);
+    } else {
+        reportUnexpected_(response);
+    }
+}
+
+void TreflectORB::countReturnedCall_(Transport::TerminationId target) {
+    parts_->returnedCalls.add(target);
+    REFLECTORB_LOG_LIMITED(parts_->limits.returnedCall, 4, "REFLECT_orb",
+                           "ORB 0x%08X one-way call to 0x%08X came back: it has failed",
+                           termId().value(), target.value());
+}
+
+void TreflectORB::reportUnexpected_(TreflectMessage const& response) {
+    unsigned long heldBack = 0;
+    if (!parts_->limits.unexpectedResponse.pass(heldBack))
+        return;
+    REFLECTORB_LOG(3, "REFLECT_orb",
+                   "ORB 0x%08X receives unexpected response (org=0x%08X, TransactionId=%X)",
+                   termId().value(), response.originator().value(), response.transactionId());
+    testInfoAboutMessage(termId(), response, true);
+    Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
+}
+
+/** Somebody answers in the place of `target`, which still may. */
+void TreflectORB::reportForged_(TreflectMessage const& response, Transport::TerminationId target) {
+    unsigned long heldBack = 0;
+    if (!parts_->forgedResponses.pass(response.originator(), heldBack))
+        return;
+    REFLECTORB_LOG(3, "REFLECT_orb",
+                   "ORB 0x%08X drops response of 0x%08X to a request to 0x%08X (TransactionId=%X)",
+                   termId().value(), response.originator().value(), target.value(),
+                   response.transactionId());
+    Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
 }
 
 void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
@@ -84,6 +135,6 @@ void TreflectORB::startCountedWorker_() {
         delete worker;
     }
     parts_->messageQueue.workerNotStarted();
-    REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not start a ReflectWorker",
-                   termId().value());
+    REFLECTORB_LOG_LIMITED(parts_->limits.noWorker, 3, "REFLECT_orb",
+                           "ORB 0x%08X could not start a ReflectWorker", termId().value());
 }

@@ -46,6 +46,17 @@ bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record) {
     return true;
 }
 
+RequestTable::Found RequestTable::take(unsigned int id, Transport::TerminationId answerer) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id))
+        return {};
+    Entry& slot = slots_[slotOf(id)];
+    Found const found{slot.target == answerer ? slot.record : nullptr, slot.target};
+    if (found.record)
+        slot = {};
+    return found;
+}
+
 std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
     std::vector<OngoingRequest*> records;
     OSWrap::Lock<> const lock(mutex_);

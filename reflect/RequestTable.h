@@ -25,6 +25,9 @@ public:
         OngoingRequest* record = nullptr;
         Transport::TerminationId target;
     };
+    /** What an answer found: the record, if the one who answers was asked; else whom that request
+     * went to, 0 when nobody waits under the id. */
+    using Found = Entry;
 
     /** `seed`: the last transaction id, of which the low 20 bits stay. */
     explicit RequestTable(unsigned int seed) : lastId_(seed), slots_(kCapacity) {}
@@ -37,6 +40,9 @@ public:
     /** Takes out what `begin` entered for `record`. False when somebody has taken it out to deliver
      * to it; the id may be another one's by now. */
     bool withdraw(unsigned int id, OngoingRequest const& record);
+    /** The same for an answer that comes from `answerer`; nothing is taken out if another one was
+     * asked. */
+    Found take(unsigned int id, Transport::TerminationId answerer);
     /** Takes the records out whose requests went to `target`. */
     std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
     /** Takes everything out and frees the table; from now on `begin` answers closed. */

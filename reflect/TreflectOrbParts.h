@@ -7,12 +7,14 @@
 
 #include "logging/LineLimit.h"
 #include "reflect/CallGate.h"
+#include "reflect/LinesPerPeer.h"
 #include "reflect/MessageQueue.h"
 #include "reflect/MetaData.h"
 #include "reflect/ObjectRegistry.h"
 #include "reflect/PerformanceCounters.h"
 #include "reflect/PresentOrbs.h"
 #include "reflect/RequestTable.h"
+#include "reflect/ReturnedCalls.h"
 #include "reflect/TreflectMissedOrbs.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectOrbObserver.h"
@@ -38,6 +40,7 @@ struct TreflectORB::Parts {
     MessageQueue messageQueue;
     ObjectRegistry objects;        // guarded by the run permission
     PerformanceCounters counters;  // guarded by the run permission
+    ReturnedCalls returnedCalls;   // to be counted there
     /// By class id. Guarded by the run permission.
     std::map<unsigned int, MetaData> classes;
     /// The classes that other brokers have told they know. Guarded by the run permission.
@@ -56,4 +59,19 @@ struct TreflectORB::Parts {
     bool retired = false;
     /** The next one in the list of deleted brokers, whose lock guards it. */
     TreflectORB const* nextRetired = nullptr;
+    /** The lines that other brokers, or who plays one, can cause at will. */
+    struct LineLimits {
+        Logging::LineLimit shortMessage;
+        Logging::LineLimit unexpectedResponse;
+        Logging::LineLimit returnedCall;
+        Logging::LineLimit noWorker;
+        Logging::LineLimit unknownType;
+        Logging::LineLimit unknownObject;
+        Logging::LineLimit thrown;
+        Logging::LineLimit notServed;
+        Logging::LineLimit notAnswered;
+        Logging::LineLimit notResolved;
+        Logging::LineLimit unreadable;
+    } limits;
+    LinesPerPeer forgedResponses;  // receiving thread only
 };

@@ -242,6 +242,9 @@ private:
     void deliverResponse_(TreflectMessage const& response);
     /** Starts a worker that the message queue has counted already. */
     void startCountedWorker_();
+    void countReturnedCall_(Transport::TerminationId target);
+    void reportUnexpected_(TreflectMessage const& response);
+    void reportForged_(TreflectMessage const& response, Transport::TerminationId target);
     void enqueue_(Transport::AddressedMessage const& message);
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;

@@ -48,6 +48,70 @@ TEST_F(BrokerMessageTest, onlyTheFirstResponseWithTheRightIdWakesItsCaller) {
     EXPECT_EQ(call(peer.termId()).number, 7u) << "not the late one of the first call";
 }
 
+TEST_F(BrokerMessageTest, onlyWhoWasAskedCanAnswer) {
+    RawPeer forger(group());
+    RawPeer peer(group(), [&](RawPeer& self, TreflectMessage& request) {
+        for (auto const kind : {TreflectMessage::kResponse, TreflectMessage::kNoDestination,
+                                TreflectMessage::kResponse, TreflectMessage::kResponse}) {
+            TreflectMessage forged = forger.make(request.transactionId(), request.type(), kind);
+            forged.buf()[7] = 1;  // a call that awaits a response, should it come back
+            forger.send(request.originator(), forged);
+        }
+        EXPECT_TRUE(log_.waitFor("drops response of ", 3));
+        answerWith(self, request, 7);
+    });
+    ProbeClient::Answer const outcome = call(peer.termId());
+    EXPECT_TRUE(outcome.succeeded);
+    EXPECT_EQ(outcome.number, 7u);
+    EXPECT_EQ(call(peer.termId()).number, 7u);
+    EXPECT_EQ(log_.count(3, "drops response of "), 3u) << "about each who forges";
+    EXPECT_FALSE(log_.contains("unexpected response"));
+}
+
+TEST_F(BrokerMessageTest, oneWayCallThatComesBackCountsAsFailedAndEndsNoRequest) {
+    RawPeer peer(group(), [](RawPeer& self, TreflectMessage& message) {
+        // A one-way call by its payload. Ids come round: it may have that of a request.
+        TreflectMessage back = self.make(message.transactionId(), TreflectMessage::tPayload,
+                                         TreflectMessage::kNoDestination);
+        self.send(message.originator(), back);
+        if (message.kind() == TreflectMessage::kRequest)
+            answerWith(self, message, 7);
+    });
+    call(peer.termId(), false);
+    EXPECT_EQ(call(peer.termId()).number, 7u);
+    EXPECT_TRUE(log_.waitFor("one-way call to ", 2));
+    EXPECT_EQ(log_.count(3, "receives unexpected response"), 2u);
+    TreflectORB::PerfCntInfo const info = orb().getPerfCnts(orb().termId());
+    ASSERT_GE(info.counters.getLength(), 1u);
+    unsigned int failed = 0;
+    for (unsigned int i = 0; i < info.counters.getLength(); ++i)
+        failed += info.counters[i].termination == peer.termId() ? info.counters[i].failed : 0;
+    EXPECT_EQ(failed, 2u);
+}
+
+TEST_F(BrokerMessageTest, linesThatAnyoneCanCauseAreFew) {
+    constexpr unsigned int kMany = 1000;
+    RawPeer peer(group());
+    for (unsigned int i = 0; i < kMany; ++i) {
+        TreflectMessage response =
+            peer.make(i, TreflectMessage::tPayload, TreflectMessage::kResponse);
+        peer.send(orb().termId(), response);
+        TreflectMessage nonsense =
+            peer.make(i, static_cast<TreflectMessage::type_t>(99), TreflectMessage::kRequest);
+        peer.send(orb().termId(), nonsense);
+        Transport::AddressedMessage tooShort = peer.allocateMessage(8, 5);
+        Transport::Termination(orb().termId()).issue(tooShort);
+        peer.sendCall(orb().termId(), i, 0xBAD, true, 0xC, 1);
+    }
+    peer.await(kMany - 1);
+    for (char const* const line :
+         {"receives unexpected response", "received request of unknown type",
+          "drops message of 8 bytes", "ioid=0xBAD,transaction=true", "rc=0"}) {
+        EXPECT_GE(log_.count(3, line), 5u) << line;
+        EXPECT_LE(log_.count(3, line), kMany / 10) << line;
+    }
+}
+
 TEST_F(BrokerMessageTest, unknownTargetFailsAtOnce) {
     ProbeClient::Answer const outcome = call(Transport::TerminationId(0x7FFE, 1, group()));
     EXPECT_FALSE(outcome.succeeded);
