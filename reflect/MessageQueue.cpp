@@ -1,53 +1,91 @@
 #include "reflect/MessageQueue.h"
 
+#include <new>
 #include <utility>
 
 #include "oswrap/Lock.h"
 
 using QueueLock = OSWrap::Lock<OSWrap::ConditionVar>;
 
-void MessageQueue::Ring::push(Transport::AddressedMessage const& message) {
-    if (size_ == cells_.size())
-        grow();
-    cells_[(first_ + size_) & (cells_.size() - 1)] = message;
+bool MessageQueue::Ring::reserve() {
+    try {
+        if (size_ == cells_.size())
+            grow();
+    } catch (std::bad_alloc const&) {
+        return false;
+    }
+    return true;
+}
+
+void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlog::Share* share) {
+    Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
+    cell.message = message;
+    cell.share = share;
     ++size_;
 }
 
-Transport::AddressedMessage MessageQueue::Ring::pop() {
-    Transport::AddressedMessage message = std::move(cells_[first_]);
+MessageQueue::Taken MessageQueue::Ring::pop() {
+    Taken taken = std::move(cells_[first_]);
     first_ = (first_ + 1) & (cells_.size() - 1);
     --size_;
-    return message;
+    return taken;
 }
 
 void MessageQueue::Ring::grow() {
     constexpr std::size_t kLeast = 64;
-    std::vector<Transport::AddressedMessage> larger(cells_.empty() ? kLeast : 2 * cells_.size());
+    std::vector<Taken> larger(cells_.empty() ? kLeast : 2 * cells_.size());
     for (std::size_t i = 0; i < size_; ++i)
         larger[i] = std::move(cells_[(first_ + i) & (cells_.size() - 1)]);
     cells_.swap(larger);
     first_ = 0;
 }
 
-MessageQueue::Need MessageQueue::push(Transport::AddressedMessage const& message) {
+MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message) {
+    Pushed pushed;
     {
         QueueLock const lock(changed_);
         if (closed_)
-            return Need::nothing;
+            return pushed;
+        Backlog::Share* const share =
+            messages_.reserve() ? backlog_.admit(message.originator(), message.size()) : nullptr;
+        if (!share) {
+            pushed = {Fate::tooMuch, Need::nothing, true};
+            return pushed;
+        }
+        pushed.isMuch = backlog_.isMuch(*share);
         bool const wasEmpty = messages_.empty();
-        messages_.push(message);
+        messages_.push(message, share);
         ready_.store(true, std::memory_order_release);
-        if (idle_ == 0)
-            return addWorker();
+        if (idle_ == 0) {
+            pushed.need = addWorker();
+            return pushed;
+        }
         if (!wasEmpty || polling_ > 0)
-            return Need::nothing;
+            return pushed;
     }
     changed_.signal();
-    return Need::nothing;
+    return pushed;
 }
 
-MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessage& message,
-                                      Need& need) {
+Transport::TerminationId MessageQueue::begin(Taken& taken) {
+    Transport::TerminationId const sender = taken.message.originator();
+    if (Backlog::Share* const share = std::exchange(taken.share, nullptr))
+        backlog_.release(*share, taken.message.size());
+    bool const goesOn = holdsBack() && letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
+    return goesOn ? sender : Transport::TerminationId();
+}
+
+bool MessageQueue::holdBack(Transport::TerminationId sender) {
+    QueueLock const lock(changed_);
+    return !closed_ && backlog_.holdBack(sender);
+}
+
+Backlog::Mark MessageQueue::letGo(Transport::TerminationId sender, Backlog::When when) {
+    QueueLock const lock(changed_);
+    return backlog_.letGo(sender, when);
+}
+
+MessageQueue::Turn MessageQueue::next(bool firstPass, Taken& taken, Need& need) {
     bool wake = false;
     {
         QueueLock const lock(changed_);
@@ -60,14 +98,14 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Transport::AddressedMessag
         --idle_;
         if (tooMany || closed_)
             return Turn::end;
-        wake = takeFront(message, need);
+        wake = takeFront(taken, need);
     }
     if (wake)
         changed_.signal();
     return Turn::serve;
 }
 
-bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) {
+bool MessageQueue::nextAtOnce(Taken& taken, Need& need) {
     if (!ready_.load(std::memory_order_acquire))
         return false;
     bool wake = false;
@@ -76,7 +114,7 @@ bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) 
         need = Need::nothing;
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
-        wake = takeFront(message, need);
+        wake = takeFront(taken, need);
     }
     if (wake)
         changed_.signal();
@@ -85,8 +123,8 @@ bool MessageQueue::nextAtOnce(Transport::AddressedMessage& message, Need& need) 
 
 /** The taker sees to those who are left behind: `need` tells whether they take one more worker, the
  * result whether to signal an idle one after unlocking. */
-bool MessageQueue::takeFront(Transport::AddressedMessage& message, Need& need) {
-    message = messages_.pop();
+bool MessageQueue::takeFront(Taken& taken, Need& need) {
+    taken = messages_.pop();
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
         return false;

@@ -6,6 +6,7 @@
 
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/ConditionVar.h"
+#include "reflect/Backlog.h"
 #include "transport/AddressedMessage.h"
 
 /**
@@ -18,6 +19,8 @@
  *   none, asks for one more.
  * - A worker that comes back and finds three others idle ends.
  *
+ * What waits is bounded, in all and by sender (see Backlog): what is too much is not kept.
+ *
  * The worker count keeps track of all workers, so that a broker that is being deleted can wait for
  * them.
  */
@@ -25,14 +28,25 @@ class MessageQueue {
 public:
     enum class Need { nothing, worker };
     enum class Turn { serve, end };
+    enum class Fate { kept, tooMuch };
+    /** A message that a worker has taken. Waits until `begin`. */
+    struct Taken {
+        Transport::AddressedMessage message;
+        Backlog::Share* share = nullptr;  // null: waits no more
+    };
+    struct Pushed {
+        Fate fate = Fate::kept;
+        Need need = Need::nothing;
+        bool isMuch = false;  // of this sender, which should be held back
+    };
 
-    MessageQueue() = default;
+    explicit MessageQueue(Transport::Backlog const& most) : backlog_(most) {}
     MessageQueue(MessageQueue const&) = delete;
     MessageQueue& operator=(MessageQueue const&) = delete;
 
-    /** Adds a message. When a worker is needed, it counts already: start it, or call
-     * `workerNotStarted`. A closed queue drops the message. */
-    Need push(Transport::AddressedMessage const& message);
+    /** Adds a message, unless that is too much. When a worker is needed, it counts already: start
+     * it, or call `workerNotStarted`. A closed queue drops the message. */
+    Pushed push(Transport::AddressedMessage const& message);
 
     /**
      * A worker's wait for its next message. `firstPass`: the worker has just been started, and was
@@ -40,11 +54,22 @@ public:
      * the answer is `end` the worker is to end. Not a cancellation point for a thread that has
      * disabled cancellation.
      */
-    Turn next(bool firstPass, Transport::AddressedMessage& message, Need& need);
+    Turn next(bool firstPass, Taken& taken, Need& need);
 
     /** A worker that has served its message takes the next one if there is one, as with `next`;
      * else false, and nothing has changed. */
-    bool nextAtOnce(Transport::AddressedMessage& message, Need& need);
+    bool nextAtOnce(Taken& taken, Need& need);
+
+    /** A worker begins to serve what it has taken. Answers a sender that was held back and may go
+     * on now, or none. */
+    Transport::TerminationId begin(Taken& taken);
+    /** Marks a sender as held back, so that `begin` tells when it may go on; false when nothing of
+     * it waits. */
+    bool holdBack(Transport::TerminationId sender);
+    /** Takes that mark away when so little waits that the sender may go on, or anyway. */
+    Backlog::Mark letGo(Transport::TerminationId sender, Backlog::When when);
+    /** Whether there are such marks. */
+    bool holdsBack() const { return backlog_.heldBack() != 0; }
 
     /** Counts one more worker, which the caller starts although the rule does not ask for it; false
      * when the queue is closed. */
@@ -64,13 +89,16 @@ private:
     class Ring {
     public:
         bool empty() const { return size_ == 0; }
-        void push(Transport::AddressedMessage const& message);
-        Transport::AddressedMessage pop();
+        /** Makes room for one more; false when memory has run out. */
+        bool reserve();
+        /** With room for it. */
+        void push(Transport::AddressedMessage const& message, Backlog::Share* share);
+        Taken pop();
 
     private:
         void grow();
 
-        std::vector<Transport::AddressedMessage> cells_;  // its size is a power of two, or 0
+        std::vector<Taken> cells_;  // its size is a power of two, or 0
         std::size_t first_ = 0;
         std::size_t size_ = 0;
     };
@@ -79,7 +107,7 @@ private:
     static constexpr unsigned int kMostIdle = 3;
 
     bool mayGoOn() OSW_REQUIRES(changed_);
-    bool takeFront(Transport::AddressedMessage& message, Need& need) OSW_REQUIRES(changed_);
+    bool takeFront(Taken& taken, Need& need) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);
@@ -87,6 +115,8 @@ private:
     /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.
     OSWrap::ConditionVar changed_;
     Ring messages_ OSW_GUARDED_BY(changed_);
+    /// Guarded by changed_, but for what says otherwise.
+    Backlog backlog_;
     unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
     unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
     bool closed_ OSW_GUARDED_BY(changed_) = false;

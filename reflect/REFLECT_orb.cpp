@@ -3,6 +3,8 @@
 // (Notification, Registration, Publication), other brokers (Presence), Diagnostics and Lifecycle.
 #include "reflect/TreflectORB.h"
 
+#include "ipprmi/TipprmiException.h"
+#include "ipprmi/TipprmiStream.h"
 #include "logging/Log.h"
 #include "reflect/OrbIdentity.h"
 #include "reflect/TreflectOrbParts.h"
@@ -21,10 +23,21 @@ TreflectORB::TreflectORB(NamespaceId const& ns)
     : TerminationImpl(OrbIdentity(TreflectOrbId()).groupOf(ns), ""),
       namespace_(ns),
       orbId_(OrbIdentity(TreflectOrbId()).toOrbId(termId())),
-      parts_(std::make_unique<Parts>(*this, firstTransactionSeed(orbId_))) {
+      parts_(std::make_unique<Parts>(*this, firstTransactionSeed(orbId_),
+                                     Transport::IdInfo::instance().backlog())) {
     REFLECTORB_LOG(
         5, "REFLECT_orb", "ORB created for actor %s with OrbId 0x%X, TerminationId 0x%08X",
         Transport::IdInfo::instance().getActor().c_str(), orbId_.value(), termId().value());
+}
+
+TreflectORB::Parts::Reserve::Reserve()
+    : failedCall(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize),
+      nothing(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize) {
+    TipprmiStream stream(failedCall, true);
+    writeGeneralException(stream, 0);
+    failedCall = stream.msg();
+    failedCall.kind(TreflectMessage::kResponse);
+    nothing.kind(TreflectMessage::kResponse);
 }
 
 TreflectORB::~TreflectORB() = default;

@@ -44,10 +44,10 @@ class WorkerTurn final : public TurnExchange {
 public:
     explicit WorkerTurn(void const* pool) : TurnExchange(pool) {}
     void swap(TurnExchange& other) override {
-        std::swap(message, static_cast<WorkerTurn&>(other).message);
+        std::swap(taken, static_cast<WorkerTurn&>(other).taken);
     }
 
-    Transport::AddressedMessage message;
+    MessageQueue::Taken taken;
 };
 
 /** Tells the queue at the end of a worker, by return or by cancellation. */
@@ -100,6 +100,7 @@ private:
     int callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
     void answerCall(TipprmiStream& response, int result);
     int send(TipprmiStream& response);
+    TreflectMessage& failureInReserve();
     void reportUnknownObject() const;
     Parts::LineLimits& limits() const { return orb_.parts_->limits; }
 
@@ -297,7 +298,19 @@ void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int resul
 }
 
 int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
-    return orb_.issueTo_(message_.originator(), response.msg());
+    bool const noMemory = response.msg().addressed().empty();
+    return orb_.issueTo_(message_.originator(), noMemory ? failureInReserve() : response.msg());
+}
+
+/** Somebody waits for an answer, for which there is no memory. The run permission guards the
+ * messages in reserve until they have been issued. */
+TreflectMessage& TreflectORB::IncomingMessage::failureInReserve() {
+    bool const call = message_.type() == TreflectMessage::tPayload;
+    TreflectMessage& failure =
+        call ? orb_.parts_->reserve.failedCall : orb_.parts_->reserve.nothing;
+    failure.transactionId(message_.transactionId());
+    failure.type(message_.type());
+    return failure;
 }
 
 void TreflectORB::IncomingMessage::reportUnknownObject() const {
@@ -313,8 +326,9 @@ public:
 
     void run() {
         for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false)) {
-            IncomingMessage(orb_, TreflectMessage(turn_.message)).serve();
-            turn_.message = {};
+            orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
+            IncomingMessage(orb_, TreflectMessage(turn_.taken.message)).serve();
+            turn_.taken = {};
         }
     }
 
@@ -334,7 +348,7 @@ private:
 bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
     releaseRunPermission();
     MessageQueue::Need need = MessageQueue::Need::nothing;
-    if (orb_.parts_->messageQueue.next(firstPass, turn_.message, need) == MessageQueue::Turn::end)
+    if (orb_.parts_->messageQueue.next(firstPass, turn_.taken, need) == MessageQueue::Turn::end)
         return false;
     startWorker(need);
     handlerThreads().getPermission(turn_);
@@ -345,7 +359,7 @@ bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
  * permission. */
 bool TreflectORB::WorkLoop::goOnAtOnce() {
     MessageQueue::Need need = MessageQueue::Need::nothing;
-    if (!orb_.parts_->messageQueue.nextAtOnce(turn_.message, need))
+    if (!orb_.parts_->messageQueue.nextAtOnce(turn_.taken, need))
         return false;
     startWorker(need);
     if (handlerThreads().exchangeTurn(turn_))

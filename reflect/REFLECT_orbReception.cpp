@@ -1,5 +1,7 @@
 // Arriving messages, on the receiving thread: responses go to their callers, all else to the
 // workers.
+#include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "ipprmi/BigEndian.h"
@@ -117,8 +119,62 @@ void TreflectORB::reportForged_(TreflectMessage const& response, Transport::Term
 }
 
 void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
-    if (parts_->messageQueue.push(message) == MessageQueue::Need::worker)
+    MessageQueue::Pushed const pushed = parts_->messageQueue.push(message);
+    if (pushed.need == MessageQueue::Need::worker)
         startCountedWorker_();
+    if (pushed.fate == MessageQueue::Fate::tooMuch)
+        sendBack_(message);
+    if (pushed.isMuch)
+        holdBack_(message.originator());
+}
+
+/** Too much waits already. Within the process the message comes back as it is; another process gets
+ * its head, which is all that it looks at. */
+void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
+    Transport::TerminationId const sender = message.originator();
+    REFLECTORB_LOG_LIMITED(parts_->limits.tooMuch, 3, "REFLECT_orb",
+                           "ORB 0x%08X sends message of %lu bytes back to 0x%08X: too much waits",
+                           termId().value(), static_cast<unsigned long>(message.size()),
+                           sender.value());
+    if (Transport::Termination(sender).issueError(message) == 1)
+        return;
+    std::size_t const size =
+        std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeaderSize);
+    TreflectMessage head(allocateMessage(size, 5));
+    if (head.addressed().size() == size) {
+        std::memcpy(head.addressed().buf(), message.buf(), size);
+        head.kind(TreflectMessage::kNoDestination);
+    }
+    if (issueTo_(sender, head) != 1)
+        REFLECTORB_LOG_LIMITED(parts_->limits.notSentBack, 3, "REFLECT_orb",
+                               "ORB 0x%08X could not send a message back to 0x%08X: lost",
+                               termId().value(), sender.value());
+}
+
+/**
+ * Answers come the same way as all else, so a broker of which one is awaited is not held back. The
+ * caller enters its request before it looks for marks, we set the mark before we look for requests:
+ * one of us sees the other.
+ */
+void TreflectORB::holdBack_(Transport::TerminationId sender) {
+    if (parts_->ongoingRequests_.awaits(sender) || !parts_->messageQueue.holdBack(sender))
+        return;
+    bool const mayStay = holdBack(sender) && !parts_->ongoingRequests_.awaits(sender);
+    auto const when = mayStay ? Backlog::When::little : Backlog::When::anyway;
+    // Others may have taken the mark away, and had it go on before it was held back.
+    if (parts_->messageQueue.letGo(sender, when) != Backlog::Mark::stays)
+        goOn_(sender);
+}
+
+void TreflectORB::goOn_(Transport::TerminationId sender) const {
+    if (sender.value() != 0)
+        goOn(sender);
+}
+
+void TreflectORB::letAnswer_(Transport::TerminationId target) const {
+    if (parts_->messageQueue.holdsBack() &&
+        parts_->messageQueue.letGo(target, Backlog::When::anyway) == Backlog::Mark::taken)
+        goOn_(target);
 }
 
 void TreflectORB::startReflectWorker() {

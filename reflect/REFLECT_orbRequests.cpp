@@ -99,6 +99,8 @@ bool TreflectORB::OutgoingCall::chooseId() {
     }
     id_ = {ticket.id, true, enter};
     message_.transactionId(ticket.id);
+    if (enter)
+        orb_.letAnswer_(target_);
     if (receiving)
         reportReceivingThread();
     return true;

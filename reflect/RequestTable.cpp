@@ -57,6 +57,22 @@ RequestTable::Found RequestTable::take(unsigned int id, Transport::TerminationId
     return found;
 }
 
+bool RequestTable::awaits(Transport::TerminationId target) {
+    auto const goesTo = [target](Entry const& slot) {
+        return slot.record && slot.target == target;
+    };
+    OSWrap::Lock<> const lock(mutex_);
+    if (closed_)
+        return false;
+    if (goesTo(slots_[lastAwaited_]))
+        return true;
+    auto const found = std::find_if(slots_.begin(), slots_.end(), goesTo);
+    if (found == slots_.end())
+        return false;
+    lastAwaited_ = static_cast<std::size_t>(found - slots_.begin());
+    return true;
+}
+
 std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
     std::vector<OngoingRequest*> records;
     OSWrap::Lock<> const lock(mutex_);

@@ -43,6 +43,8 @@ public:
     /** The same for an answer that comes from `answerer`; nothing is taken out if another one was
      * asked. */
     Found take(unsigned int id, Transport::TerminationId answerer);
+    /** Whether a request to `target` is outstanding. */
+    bool awaits(Transport::TerminationId target);
     /** Takes the records out whose requests went to `target`. */
     std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
     /** Takes everything out and frees the table; from now on `begin` answers closed. */
@@ -64,5 +66,6 @@ private:
     OSWrap::Mutex mutex_;
     unsigned int lastId_ OSW_GUARDED_BY(mutex_);
     bool closed_ OSW_GUARDED_BY(mutex_) = false;
-    std::vector<Entry> slots_ OSW_GUARDED_BY(mutex_);  // kCapacity of them; none once closed
+    std::vector<Entry> slots_ OSW_GUARDED_BY(mutex_);     // kCapacity of them; none once closed
+    std::size_t lastAwaited_ OSW_GUARDED_BY(mutex_) = 0;  // index that `awaits` found last
 };

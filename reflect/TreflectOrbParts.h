@@ -25,8 +25,9 @@ struct TreflectORB::Parts {
     static constexpr unsigned int kRequestSize = 100;
     static constexpr unsigned int kResponseSize = 104;
 
-    Parts(TreflectORB& orb, unsigned int lastTransactionId)
+    Parts(TreflectORB& orb, unsigned int lastTransactionId, Transport::Backlog const& backlog)
         : ongoingRequests_(lastTransactionId),
+          messageQueue(backlog),
           missedCreations(orb, true),
           missedDeletions(orb, false) {}
 
@@ -62,6 +63,8 @@ struct TreflectORB::Parts {
     /** The lines that other brokers, or who plays one, can cause at will. */
     struct LineLimits {
         Logging::LineLimit shortMessage;
+        Logging::LineLimit tooMuch;
+        Logging::LineLimit notSentBack;
         Logging::LineLimit unexpectedResponse;
         Logging::LineLimit returnedCall;
         Logging::LineLimit noWorker;
@@ -73,5 +76,12 @@ struct TreflectORB::Parts {
         Logging::LineLimit notResolved;
         Logging::LineLimit unreadable;
     } limits;
+    /** Answers for when there is no memory for one. Guarded by the run permission. */
+    struct Reserve {
+        Reserve();
+
+        TreflectMessage failedCall;  // an exception container with code 0
+        TreflectMessage nothing;     // an object not found, empty sequences
+    } reserve;
     LinesPerPeer forgedResponses;  // receiving thread only
 };

@@ -246,6 +246,12 @@ private:
     void reportUnexpected_(TreflectMessage const& response);
     void reportForged_(TreflectMessage const& response, Transport::TerminationId target);
     void enqueue_(Transport::AddressedMessage const& message);
+    void sendBack_(Transport::AddressedMessage const& message);
+    void holdBack_(Transport::TerminationId sender);
+    /** Takes from a sender that was held back again; does nothing for none. Any thread. */
+    void goOn_(Transport::TerminationId sender) const;
+    /** A response of `target` is going to be awaited: it must not be held back. */
+    void letAnswer_(Transport::TerminationId target) const;
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
     bool turnAway_(Transport::TerminationId target, TreflectMessage const& message,

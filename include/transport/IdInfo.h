@@ -8,6 +8,17 @@
 namespace Transport {
 
 /**
+ * How much may wait in one broker of this process to be served. Each message counts 64 bytes more
+ * than it has. A value.
+ */
+struct Backlog {
+    int senderKibibytes;  ///< of one sender
+    int senderMessages;
+    int kibibytes;  ///< in all
+    int messages;
+};
+
+/**
  * Who this process is: its slot, whether its unit is an auxiliary one (AXU), which controller is
  * active, its name. Slots 1 and 2 hold the two redundant controllers. The values come from Setup
  * or, failing that, from the environment; a value there that makes no sense is logged at level 3
@@ -29,6 +40,8 @@ public:
     /** The actor's name, empty when the environment's makes no sense; the reference stays valid,
      * and its text unchanged, for the life of the process. */
     std::string const& getActor() const;
+    /** How much may wait to be served. */
+    Backlog backlog() const;
 };
 
 /**
@@ -41,6 +54,10 @@ public:
  * | TRANSPORT_ACTIVE_SLOT | 1 or 2 | 1 |
  * | TRANSPORT_AXU_SLOTS | numbers from 3 to 255 with commas between | none |
  * | TRANSPORT_ACTOR | 1 to 255 characters without control characters | the executable's name |
+ * | TRANSPORT_SENDER_KIB | 16 to 1,048,576 | 8,192 |
+ * | TRANSPORT_SENDER_MESSAGES | 2 to 1,000,000 | 8,192 |
+ * | TRANSPORT_BACKLOG_KIB | 16 to 1,048,576 | 65,536 |
+ * | TRANSPORT_BACKLOG_MESSAGES | 2 to 1,000,000 | 65,536 |
  * | TRANSPORT_DIR | an absolute path | a folder of the user's own, see below |
  *
  * The default folder is `reflectorb` below XDG_RUNTIME_DIR, or else below /run/user/<uid>, where
@@ -63,6 +80,10 @@ public:
     /** The rendezvous folder, an absolute path. Made with mode 0700 when absent (its parent must be
      * there); used only when it is the user's own, with mode 0700, and no symbolic link. */
     static bool directory(std::string const& path);
+    /** How much of one sender, and how much in all, may wait in each broker to be served: 16 to
+     * 1,048,576 KiB, 2 to 1,000,000 messages. At half of it a sender is held back; what comes
+     * beyond it goes back to its sender, as a call that has failed. */
+    static bool backlog(Backlog const& most);
     /** Whether waiting threads may poll for a short time before they sleep (default true). May be
      * called at any time. */
     static bool polling(bool on);

@@ -52,6 +52,16 @@ public:
     virtual void appeared(Termination& termination) = 0;
     virtual void disappeare(Termination& termination) = 0;
 
+    /**
+     * Takes nothing more that `peer`, a termination of another process, sends to this one, until
+     * `goOn`: it waits on its way, then with its sender, whose `issue` answers 0 once that is full.
+     * Answers are held up like all else, so this is for a peer of which none is awaited. False
+     * when nothing came from there over a channel. In `receive` only; may be repeated.
+     */
+    bool holdBack(TerminationId peer);
+    /** Ends that; harmless for a peer that is not held back. Any thread. */
+    void goOn(TerminationId peer) const;
+
     /** A zero-filled buffer whose originator is this termination. `priority` is always 5 in this
      * system, and of no effect on one machine. Empty when larger than kLargestMessage. `capacity`:
      * see AddressedMessage::allocate. */

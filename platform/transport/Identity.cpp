@@ -42,14 +42,14 @@ bool Identity::change(char const* what, Apply apply) {
     return !tooLate;
 }
 
-int Identity::resolveNumber(std::atomic<int>& value, char const* variable, int lowest,
-                            int highest) {
+int Identity::resolveNumber(std::atomic<int>& value, char const* variable, int lowest, int highest,
+                            int otherwise) {
     std::optional<std::string> nonsense;
     {
         OSWrap::Lock<> lock(mutex_);
         if (value == kUnresolved) {
             auto const text = environment(variable);
-            auto const number = text ? parseNumber(*text, lowest, highest) : 1;
+            auto const number = text ? parseNumber(*text, lowest, highest) : otherwise;
             value = number.value_or(kNonsense);
             if (!number)
                 nonsense = text;
@@ -73,6 +73,18 @@ unsigned char Identity::activeSlot() {
         known != kUnresolved
             ? known
             : resolveNumber(activeSlot_, "TRANSPORT_ACTIVE_SLOT", 1, kHighestControllerSlot));
+}
+
+/** All 0 where the environment makes no sense. */
+Backlog Identity::backlog() {
+    return {resolveNumber(senderKibibytes_, "TRANSPORT_SENDER_KIB", kLeastBacklogKibibytes,
+                          kMostBacklogKibibytes, 8 * 1024),
+            resolveNumber(senderMessages_, "TRANSPORT_SENDER_MESSAGES", kLeastBacklogMessages,
+                          kMostBacklogMessages, 8 * 1024),
+            resolveNumber(backlogKibibytes_, "TRANSPORT_BACKLOG_KIB", kLeastBacklogKibibytes,
+                          kMostBacklogKibibytes, 64 * 1024),
+            resolveNumber(backlogMessages_, "TRANSPORT_BACKLOG_MESSAGES", kLeastBacklogMessages,
+                          kMostBacklogMessages, 64 * 1024)};
 }
 
 /** False when the environment's list makes no sense. */
@@ -181,6 +193,24 @@ bool Identity::setActor(std::string const& name) {
     return true;
 }
 
+bool Identity::setBacklog(Backlog const& most) {
+    if (!isBacklog(most)) {
+        REFLECTORB_LOG(3, kSource,
+                       "What may wait is %d KiB and %d messages of one sender, %d KiB and %d "
+                       "messages in all, where %d to %d and %d to %d make sense",
+                       most.senderKibibytes, most.senderMessages, most.kibibytes, most.messages,
+                       kLeastBacklogKibibytes, kMostBacklogKibibytes, kLeastBacklogMessages,
+                       kMostBacklogMessages);
+        return false;
+    }
+    return change("backlog", [&] {
+        senderKibibytes_ = most.senderKibibytes;
+        senderMessages_ = most.senderMessages;
+        backlogKibibytes_ = most.kibibytes;
+        backlogMessages_ = most.messages;
+    });
+}
+
 bool Identity::setDirectory(std::string const& path) {
     if (!isFolderPath(path)) {
         REFLECTORB_LOG(3, kSource, "\"%s\" is no absolute path of a rendezvous folder",
@@ -208,8 +238,8 @@ std::string Identity::directory() {
 
 std::optional<IdentitySnapshot> Identity::snapshot() {
     IdentitySnapshot const values{slot(), actor(), directory()};
-    if (values.slot == 0 || activeSlot() == 0 || !resolveAxuSlots() || values.actor.empty() ||
-        values.directory.empty()) {
+    if (values.slot == 0 || !isBacklog(backlog()) || activeSlot() == 0 || !resolveAxuSlots() ||
+        values.actor.empty() || values.directory.empty()) {
         REFLECTORB_LOG(3, kSource,
                        "This process gets no terminations: its identity makes no sense");
         return std::nullopt;
@@ -263,6 +293,14 @@ bool Setup::axuSlots(std::vector<int> const& values) {
 
 bool Setup::actor(std::string const& name) {
     return Identity::instance().setActor(name);
+}
+
+Backlog IdInfo::backlog() const {
+    return Identity::instance().backlog();
+}
+
+bool Setup::backlog(Backlog const& most) {
+    return Identity::instance().setBacklog(most);
 }
 
 bool Setup::directory(std::string const& path) {

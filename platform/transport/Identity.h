@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "oswrap/Mutex.h"
+#include "transport/IdInfo.h"
 
 namespace Transport {
 
@@ -36,11 +37,13 @@ public:
     unsigned char activeSlot();
     bool axuInSlot(unsigned char slot);
     std::string const& actor();
+    Backlog backlog();
 
     bool setSlot(int value);
     bool setActiveSlot(int value);
     bool setAxuSlots(std::vector<int> const& values);
     bool setActor(std::string const& name);
+    bool setBacklog(Backlog const& most);
     bool setDirectory(std::string const& path);
 
     /** All values, or nothing, with log lines, when one of them makes no sense. */
@@ -54,7 +57,8 @@ private:
 
     template <class Apply>
     bool change(char const* what, Apply apply);
-    int resolveNumber(std::atomic<int>& value, char const* variable, int lowest, int highest);
+    int resolveNumber(std::atomic<int>& value, char const* variable, int lowest, int highest,
+                      int otherwise = 1);
     bool resolveAxuSlots();
     void useActor(std::string const& name) OSW_REQUIRES(mutex_);
     std::string directory();
@@ -71,6 +75,10 @@ private:
     // Written under the mutex, read without it: they lie in the way of every call.
     std::atomic<int> slot_{kUnresolved};
     std::atomic<int> activeSlot_{kUnresolved};
+    std::atomic<int> senderKibibytes_{kUnresolved};
+    std::atomic<int> senderMessages_{kUnresolved};
+    std::atomic<int> backlogKibibytes_{kUnresolved};
+    std::atomic<int> backlogMessages_{kUnresolved};
     std::atomic<AxuState> axuState_{AxuState::Unresolved};
     std::array<std::atomic<std::uint32_t>, 8> axuSlots_{};  // one bit per slot
     std::atomic<std::string const*> actor_{nullptr};

@@ -46,6 +46,16 @@ bool isAxuSlot(int slot) {
     return slot > kHighestControllerSlot && slot <= kHighestSlot;
 }
 
+bool isBacklog(Backlog const& most) {
+    auto const within = [](int value, int lowest, int highest) {
+        return value >= lowest && value <= highest;
+    };
+    return within(most.senderKibibytes, kLeastBacklogKibibytes, kMostBacklogKibibytes) &&
+           within(most.kibibytes, kLeastBacklogKibibytes, kMostBacklogKibibytes) &&
+           within(most.senderMessages, kLeastBacklogMessages, kMostBacklogMessages) &&
+           within(most.messages, kLeastBacklogMessages, kMostBacklogMessages);
+}
+
 bool isActorName(std::string const& name) {
     auto const isControl = [](char c) {
         auto const byte = static_cast<unsigned char>(c);

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "transport/IdInfo.h"
+
 namespace Transport {
 
 // What counts as a sensible value of this process's identity. Pure functions.
@@ -13,11 +15,18 @@ constexpr int kHighestSlot = 255;
 constexpr int kHighestControllerSlot = 2;
 constexpr std::size_t kLongestActor = 255;
 
+constexpr int kLeastBacklogKibibytes = 16;
+constexpr int kMostBacklogKibibytes = 1024 * 1024;
+constexpr int kLeastBacklogMessages = 2;
+constexpr int kMostBacklogMessages = 1'000'000;
+
 /** A decimal number without sign or blanks, between the two limits. */
 std::optional<int> parseNumber(std::string const& text, int lowest, int highest);
 /** Numbers with commas between them, each the slot of an auxiliary unit. */
 std::optional<std::vector<int>> parseAxuSlots(std::string const& text);
 bool isAxuSlot(int slot);
+/** Each of the four within its bounds. */
+bool isBacklog(Backlog const& most);
 /** Not empty, at most 255 bytes, without control characters. */
 bool isActorName(std::string const& name);
 /** Absolute: processes started in different places would not find each other else. */

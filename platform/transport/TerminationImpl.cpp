@@ -2,8 +2,10 @@
 
 #include <vector>
 
+#include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Fork.h"
 #include "platform/transport/local/LocalTermination.h"
+#include "platform/transport/local/Switchboard.h"
 
 namespace Transport {
 namespace {
@@ -50,6 +52,18 @@ void TerminationImpl::started() {}
 void TerminationImpl::stop() {
     if (!inForkedChild())
         local_->stop();
+}
+
+bool TerminationImpl::holdBack(TerminationId peer) {
+    std::shared_ptr<Channel> const channel = Switchboard::instance().find(termId(), peer);
+    if (channel != nullptr)
+        channel->holdBack();
+    return channel != nullptr;
+}
+
+void TerminationImpl::goOn(TerminationId peer) const {
+    if (std::shared_ptr<Channel> const channel = Switchboard::instance().find(termId(), peer))
+        channel->goOn();
 }
 
 AddressedMessage TerminationImpl::allocateMessage(std::size_t size, int /*priority*/,

@@ -5,6 +5,11 @@
 //   callforever NAME N    N threads call echo until a call fails; "calling" once each has begun
 //   hold NAME             calls hold of an object on a thread of its own
 //   holding NAME          answers "holding COUNT", of held calls
+//   entered NAME          answers "entered 1" when a call has begun to be held
+//   flood NAME N          calls echo of an object for ever, N times one-way and once not, on a
+//                         thread of its own
+//   calm                  ends that
+//   release NAME          ends all holding of a probe
 //   deleteaside           deletes all brokers on a thread of its own; "deleting" once it has begun
 //   script CODE           makes the log-collection script end with that code; answers "script"
 //   exit CODE             exit on a thread of its own
@@ -24,6 +29,8 @@ namespace {
 using testsupport::answer;
 
 int scriptResult = 0;
+std::atomic<bool> calm{false};
+std::thread flooding;
 
 int instead(char const* path) {
     answer("script ", path);
@@ -64,6 +71,20 @@ void obey(std::string const& verb, std::istringstream& words) {
         std::thread([name] { callOnce(name, kHold, 0); }).detach();
     } else if (verb == "holding") {
         answer("holding ", probes.at(name)->held());
+    } else if (verb == "entered") {
+        answer("entered ", probes.at(name)->entered().isOpen());
+    } else if (verb == "flood") {
+        flooding = std::thread([name, number] {
+            TreflectHandlerState const handlerState(true);
+            for (ProbeClient client(oid(name)); !calm; client.call(kEcho, 2))
+                for (int i = 0; i < number; ++i)
+                    client.send(kEcho, 1);
+        });
+    } else if (verb == "calm") {
+        calm = true;
+        flooding.join();
+    } else if (verb == "release") {
+        probes.at(name)->release();
     } else if (verb == "deleteaside") {
         Transport::TerminationId const broker = TreflectORB::getInstance(NSID_UNIT)->termId();
         std::thread(prepareOrbForDeletion).detach();

@@ -30,6 +30,9 @@ std::string const kAddress = "00C0FFEE";
 std::string const kClass = "0057A710";
 std::string const kActorName = "the station";
 
+/** So many lines that peers can cause at will pass at once. */
+constexpr unsigned int kFirstLines = 5;
+
 class WireTest : public testing::Test {
 protected:
     WireTest() {
@@ -160,6 +163,8 @@ TEST_F(WireTest, answersThatMakeNoSenseFailTheCallOnly) {
         send(transaction(count + 7) + "00000002 00000003" + payload);  // not ours: dropped
         send(transaction(count) + "00000002 00000003" + payload);
         EXPECT_EQ(actor_->await("used"), outcome) << payload;
+        if (count > 1 + kFirstLines)
+            continue;
         EXPECT_TRUE(actor_->child().waitForErrorLine("drops message of 12 bytes from 0x"));
         EXPECT_TRUE(actor_->child().waitForErrorLine("receives unexpected response (org=0x"));
     }
@@ -280,7 +285,7 @@ TEST_F(WireTest, queriesOfTheCountersAreAnsweredAndStartThemAfresh) {
 }
 
 TEST_F(WireTest, whatIsNoRequestIsNotAnswered) {
-    for (unsigned int size : {0u, 1u, 4u, 11u, 12u, 15u}) {
+    for (unsigned int size : {0u, 1u, 4u, 11u, 15u}) {
         send(std::string(2 * size, '0'));
         EXPECT_TRUE(actor_->child().waitForErrorLine("drops message of " + std::to_string(size)));
     }

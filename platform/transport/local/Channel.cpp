@@ -155,6 +155,11 @@ void Channel::peerGone() {
     receiver_->request(*this);
 }
 
+void Channel::goOn() {
+    if (heldBack_.exchange(false))
+        receiver_->request(*this);
+}
+
 // ---- The ring: receiving thread ----------------------------------------------------------------
 
 void Channel::onBell() {
@@ -171,6 +176,10 @@ void Channel::onBell() {
 bool Channel::receiveBatch() {
     if (!reader_.has_value())
         return false;
+    if (heldBack_.load() && !ending()) {
+        receiver_->makeCold(*this);  // awake, so that the peer need not ring
+        return false;
+    }
     Batch const batch = readBatch();
     if (batch == Batch::Garbage)
         closeForGarbage("its ring holds nonsense");
@@ -189,6 +198,8 @@ Channel::Batch Channel::readBatch() {
                 return Batch::Garbage;
             break;
         }
+        if (count > 0 && heldBack_.load(std::memory_order_relaxed) && !ending())
+            break;
         AddressedMessage message;
         RingReader::Result const result = reader_->next(message);
         if (result == RingReader::Result::Garbage)

@@ -57,6 +57,10 @@ public:
     Sent send(AddressedMessage const& message, bool peerExists);
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
+    /** Takes no more than one further message out of the ring at a time, and that only before a
+     * close, until `goOn`; see TerminationImpl::holdBack. Receiving thread. */
+    void holdBack() { heldBack_.store(true); }
+    void goOn();
     /** True for the first caller until `service` runs. */
     bool markRequested() { return !requested_.exchange(true); }
 
@@ -139,6 +143,7 @@ private:
     TerminationId const peer_;
     std::uint32_t const token_;           // of its descriptors' events
     std::atomic<bool> requested_{false};  // is among the receiver's requests
+    std::atomic<bool> heldBack_{false};   // the peer waits until we go on taking
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.

@@ -58,6 +58,8 @@ void Channel::service() {
         closeForGarbage("it has taken more than we have sent");
     else if (state == State::Wanted)
         connect();
+    else if (reader_.has_value())
+        receiver_->makeHot(*this);  // it may have been held back
 }
 
 void Channel::retryLater(long long nanoseconds) {

@@ -35,13 +35,7 @@ Switchboard::Switchboard() {
 int Switchboard::issue(AddressedMessage const& message, TerminationId destination) {
     if (message.empty() || inForkedChild())
         return 0;
-    std::shared_ptr<Channel> channel;
-    {
-        OSWrap::Lock<> lock(mutex_);
-        auto const found = channels_.find(pairOf(message.originator(), destination));
-        if (found != channels_.end())
-            channel = found->second;
-    }
+    std::shared_ptr<Channel> const channel = find(message.originator(), destination);
     return channel != nullptr ? sendThrough(*channel, message) : issueSlowly(message, destination);
 }
 
@@ -102,6 +96,12 @@ std::shared_ptr<Channel> Switchboard::channel(std::shared_ptr<Receiver> const& r
     if (channel == nullptr)
         channel = std::make_shared<Channel>(receiver, peer);
     return channel;
+}
+
+std::shared_ptr<Channel> Switchboard::find(TerminationId own, TerminationId peer) {
+    OSWrap::Lock<> lock(mutex_);
+    auto const found = channels_.find(pairOf(own, peer));
+    return found != channels_.end() ? found->second : nullptr;
 }
 
 void Switchboard::remove(Channel& channel, TerminationId own) {

@@ -1,0 +1,128 @@
+// More messages than a broker serves: between processes, where their senders can be held back.
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "BrokerActor.h"
+#include "BrokerTest.h"
+#include "Permitted.h"
+#include "Probe.h"
+#include "RawPeer.h"
+
+namespace {
+
+constexpr int kMost = 200;
+
+class BacklogTest : public BrokerTest {
+protected:
+    BacklogTest()
+        : bounded_(Transport::Setup::backlog({512, kMost, 8192, 100 * kMost})),
+          peer_(group(),
+                [](RawPeer& self, TreflectMessage& message) {
+                    if (message.type() == TreflectMessage::tResolve)
+                        self.answer(message, [](TipprmiStream& response) { response << 0u; });
+                }),
+          receiver_({{"TRANSPORT_SENDER_MESSAGES", std::to_string(kMost)},
+                     {"TRANSPORT_SENDER_KIB", "512"}}),
+          probe_(receiver_.publish("probe")) {}
+
+    Transport::TerminationId receiver() { return orb().convertId(TreflectOrbId(probe_.broker)); }
+    /** Has the receiver's run permission held, so that all else waits. */
+    void block() {
+        peer_.sendCall(receiver(), 1, probe_.ioid, false, kProbeClass, kHoldPermission);
+        ASSERT_TRUE(testsupport::eventually(
+            [this] { return receiver_.ask("entered probe", "entered") == "1"; }));
+    }
+    void flood(unsigned int count, unsigned int size) {
+        for (unsigned int i = 0; i < count; ++i) {
+            TipprmiStream request(
+                peer_.make(100 + i, TreflectMessage::tPayload, TreflectMessage::kMsg, size), true);
+            request << probe_.ioid << false << kProbeClass << unsigned{kEcho};
+            EXPECT_EQ(peer_.send(receiver(), request.msg()), 1);
+        }
+    }
+    long residentKibibytes() {
+        std::ifstream status("/proc/" + std::to_string(receiver_.child().pid()) + "/status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("VmRSS:", 0) == 0)
+                return std::stol(line.substr(6));
+        return -1;
+    }
+
+    bool const bounded_;  // this process, too
+    RawPeer peer_;        // the receiver knows it from its start
+    BrokerActor receiver_;
+    BrokerActor::Made const probe_;
+};
+
+TEST_F(BacklogTest, senderThatFloodsIsHeldBackAndLosesNothing) {
+    constexpr unsigned int kMany = 4000;
+    constexpr unsigned int kSize = 10'000;
+    block();
+    long const before = residentKibibytes();
+    flood(kMany, kSize);
+    peer_.sendCall(receiver(), 9, probe_.ioid, true, kProbeClass, kEcho);
+    RawPeer other(group());
+    other.sendCall(receiver(), 7, probe_.ioid, true, kProbeClass, kEcho);
+    EXPECT_LT(residentKibibytes() - before, 16 * 1024);
+    receiver_.tell("release probe");
+    EXPECT_EQ(peer_.await(0).transactionId(), 9u) << "all before it has been served";
+    EXPECT_EQ(other.await(0).transactionId(), 7u);
+    EXPECT_EQ(peer_.count(), 1u) << "nothing has come back";
+    receiver_.finish();
+}
+
+TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) {
+    // An answer of the peer is awaited, so it must not be held back.
+    std::ostringstream name;
+    name << "hold rmi_" << std::hex << std::uppercase << orb().convertId(peer_.termId()).value()
+         << "_77";
+    receiver_.tell(name.str());
+    TreflectMessage const question = peer_.await(0);
+    block();
+    flood(3 * kMost, 100);
+    for (unsigned int i = 1; i < kMost; ++i) {
+        TreflectMessage const back = peer_.await(i);
+        ASSERT_EQ(back.kind(), TreflectMessage::kNoDestination);
+        ASSERT_EQ(back.size(), 16u) << "its head";
+    }
+    peer_.answer(question,
+                 [](TipprmiStream& response) { response << TipprmiExceptionContainer() << 0u; });
+    EXPECT_TRUE(receiver_.child().waitForErrorLine("too much waits"));
+    EXPECT_LT(receiver_.child().errorLines().size(), kMost / 2u);
+    receiver_.tell("release probe");
+    std::size_t const returned = peer_.count() - 1;
+    EXPECT_LE(returned, 2u * kMost + 2);
+    peer_.sendCall(receiver(), 9, probe_.ioid, true, kProbeClass, kEcho);
+    EXPECT_TRUE(testsupport::eventually([&] {
+        return peer_.await(peer_.count() - 1).transactionId() == 9;
+    })) << "served again";
+    receiver_.finish();
+}
+
+// Each holds the other back, and awaits its answers.
+TEST_F(BacklogTest, callsBothWaysAreAnsweredWhileBothFlood) {
+    constexpr int kCalls = 100;
+    auto own = permitted([] { return std::make_unique<Probe>("own"); });
+    std::atomic<bool> calm{false};
+    std::thread flooding([&] {
+        TreflectHandlerState const handlerState(true);
+        for (ProbeClient client(oid("probe")); !calm; client.call(kEcho, 2))
+            for (int i = 0; i < 2 * kMost; ++i)
+                client.send(kEcho, 1);
+    });
+    receiver_.tell("flood own " + std::to_string(2 * kMost));
+    for (int i = 0; i < kCalls; ++i) {
+        std::string const outcome = receiver_.ask("call own 7", "called");
+        EXPECT_TRUE(outcome == "1 7" || outcome == "0 0") << outcome;
+    }
+    calm = true;
+    flooding.join();
+    receiver_.tell("calm");
+    EXPECT_EQ(receiver_.ask("call own 7", "called"), "1 7");
+    EXPECT_EQ(permitted([] { return ProbeClient(oid("probe")).call(kEcho, 8).number; }), 8u);
+    receiver_.finish();
+    permitted([&] { own.reset(); });
+}
+
+}  // namespace
