@@ -438,9 +438,11 @@ void Rendezvous::State::checkProcess(NeighbourWatch::Suspect const& suspect) {
     }
     if (gone.ids().empty())
         return;
+    static Logging::LineLimit limit;
     if (removed)
-        REFLECTORB_LOG(5, kSource, "Process %d has gone without withdrawing its terminations",
-                       static_cast<int>(suspect.pid));
+        REFLECTORB_LOG_LIMITED(limit, 5, kSource,
+                               "Process %d has gone without withdrawing its terminations",
+                               static_cast<int>(suspect.pid));
     tell(gone);
     if (removed || file->announcements() == before)
         folder.load()->announce();
