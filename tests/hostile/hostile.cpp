@@ -41,6 +41,8 @@ constexpr long long kLongestAnswer = kSlow ? 500'000 : 100'000;  // microseconds
 constexpr std::size_t kMostLines = 500;
 constexpr std::size_t kMostLinesPerSecond = 50;
 constexpr std::chrono::seconds kPatience(kSlow ? 60 : 20);
+/** Kilobytes that a process may keep for later of what waited in it at the worst moment. */
+constexpr long kMemory = 64 * 1024;
 /** Descriptors that the narrow one may have. */
 constexpr char kNarrow[] = "48";
 
@@ -349,7 +351,7 @@ private:
                 after = testsupport::Resources::of(good.child().pid());
                 return after.descriptors <= before.descriptors + 8 &&
                        after.threads <= before.threads + 4 &&
-                       (kSlow || after.kilobytes <= before.kilobytes + 32 * 1024);
+                       (kSlow || after.kilobytes <= before.kilobytes + kMemory);
             },
             kPatience);
         std::printf("%-14s %ld kB, %ld descriptors, %ld threads; were %ld, %ld, %ld\n",
