@@ -89,10 +89,12 @@ TEST(LogRecord, ofSeveralThreadsAreNotMixedUp) {
 TEST(LineLimit, letsTheFirstPassThenOneASecondThatCountsTheOthers) {
     LogCapture log;
     Logging::LineLimit limit(3);
-    int emitted = 0;
+    int line = 0;
     auto burst = [&] {
-        for (int i = 0; i < 1000; ++i)
-            REFLECTORB_LOG_LIMITED(limit, 3, "Source", "line %d", ++emitted);
+        for (int i = 0; i < 1000; ++i) {
+            ++line;
+            REFLECTORB_LOG_LIMITED(limit, 3, "Source", "line %d", line);
+        }
     };
     burst();
     ASSERT_EQ(log.records().size(), 3u);
