@@ -47,7 +47,7 @@ private:
     std::unique_ptr<Transport::EntryFolder> const folder_;
     TerminationId id_;
     std::string file_;
-    Descriptor listening_;
+    Transport::OpenSocket listening_;
 };
 
 /** The current directory is the rendezvous folder. One thread. */

@@ -57,10 +57,10 @@ std::size_t openBells() {
     return openDescriptors("anon_inode:[eventfd]");
 }
 
-/** Takes all descriptors that this process may still have. */
+/** Takes all descriptors that this process may still have, but a few. */
 class NoDescriptors {
 public:
-    NoDescriptors() {
+    explicit NoDescriptors(std::size_t left = 0) {
         ::getrlimit(RLIMIT_NOFILE, &former_);
         rlimit const low{256, 256};
         ::setrlimit(RLIMIT_NOFILE, &low);
@@ -68,6 +68,7 @@ public:
             fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
             taken_.emplace_back(fd);
         }
+        taken_.resize(taken_.size() - std::min(taken_.size(), left + 1));  // the last has none
     }
     ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &former_); }
 
@@ -360,48 +361,137 @@ TEST_F(HandshakeTest, APeerThatMakesItsBellBlockHoldsUpNobody) {
     expectThatAGoodOneIsWelcome();
 }
 
-/** Passes a descriptor to the termination in its own way. */
-using Pass = std::function<void(HandMadePeer&, int)>;
+/** Passes a descriptor to the termination in its own way; false when that has hung up before. */
+using Pass = std::function<bool(HandMadePeer&, int)>;
 
 TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
     std::vector<Pass> const ways = {
         [](HandMadePeer& peer, int fd) {  // by a stranger
             Packet packet = peer.packet(Packet::Hello, kSmallestRing);
             packet.version = 77;
-            sendPacket(peer.socket(), packet, fd);
+            return sendPacket(peer.socket(), packet, fd) == Transfer::Done;
         },
         [](HandMadePeer& peer, int fd) {  // and never read
             ::send(peer.socket(), "x", 1, 0);
             ::send(peer.socket(), "", 0, 0);  // looks like the end
-            sendPacket(peer.socket(), peer.packet(Packet::Hello), fd);
+            return sendPacket(peer.socket(), peer.packet(Packet::Hello), fd) == Transfer::Done;
         },
         [](HandMadePeer& peer, int fd) {  // in another's name
             Packet packet = peer.packet(Packet::Hello, kSmallestRing);
             packet.from = 0x03010ABC;
-            sendPacket(peer.socket(), packet, fd, fd);
+            return sendPacket(peer.socket(), packet, fd, fd) == Transfer::Done;
         },
         [](HandMadePeer& peer, int fd) {  // by a peer
-            sendPacket(peer.socket(), peer.packet(Packet::Hello, kSmallestRing), fd, fd);
+            Packet const packet = peer.packet(Packet::Hello, kSmallestRing);
+            return sendPacket(peer.socket(), packet, fd, fd) == Transfer::Done;
         },
         [](HandMadePeer& peer, int fd) {
             peer.sayHello();
-            ASSERT_TRUE(peer.isWelcome());
-            sendPacket(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), fd);
+            Packet const packet = peer.packet(Packet::NextRing, kUsualRing);
+            return peer.isWelcome() && sendPacket(peer.socket(), packet, fd) == Transfer::Done;
         },
     };
     for (Pass const& pass : ways) {
         LingeringConnection connection;
         ASSERT_TRUE(connection.works());
         HandMadePeer peer;
-        ASSERT_TRUE(peer.connect(own_.termId()));
-        pass(peer, connection.get());
-        connection.letGo();
-        EXPECT_TRUE(peer.isDropped());
+        for (bool passed = false; !passed;) {
+            ASSERT_TRUE(peer.connect(own_.termId()));
+            passed = pass(peer, connection.get());
+            if (passed)
+                connection.letGo();
+            EXPECT_TRUE(peer.isDropped());
+        }
         expectThatAGoodOneIsWelcome();
     }
     std::size_t const ownSockets = 2;  // one listens, one finds out who lives
     EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") <= ownSockets; }))
         << "something has stayed open";
+}
+
+/** Sends a packet with all these, of which the caller keeps none. */
+void passAll(int socket, Packet packet, std::vector<LingeringConnection>& connections) {
+    iovec part{&packet, sizeof packet};
+    alignas(cmsghdr) unsigned char control[CMSG_SPACE(16 * sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = CMSG_SPACE(connections.size() * sizeof(int));
+    ASSERT_LE(message.msg_controllen, sizeof control);
+    cmsghdr* const head = CMSG_FIRSTHDR(&message);
+    head->cmsg_level = SOL_SOCKET;
+    head->cmsg_type = SCM_RIGHTS;
+    head->cmsg_len = CMSG_LEN(connections.size() * sizeof(int));
+    std::vector<int> descriptors;
+    for (auto const& connection : connections)
+        descriptors.push_back(connection.get());
+    std::memcpy(CMSG_DATA(head), descriptors.data(), descriptors.size() * sizeof(int));
+    EXPECT_GT(::sendmsg(socket, &message, 0), 0);
+    for (auto& connection : connections)
+        connection.letGo();
+}
+
+/** Two ends of a connection of the channels' kind. */
+struct SocketPair {
+    SocketPair() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        near = Descriptor(ends[0]);
+        far = Descriptor(ends[1]);
+    }
+    Descriptor near;
+    Descriptor far;
+};
+
+TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
+    std::size_t const before = openDescriptors("socket:");
+    constexpr std::size_t kMore = 10;  // than there are threads that close
+    std::vector<std::vector<LingeringConnection>> connections(kMore);
+    for (auto& one : connections) {
+        one.resize(1);
+        ASSERT_TRUE(one[0].works());
+        HandMadePeer peer;
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        SocketPair pair;
+        passAll(pair.near.get(), peer.packet(Packet::Hello), one);
+        sendPacket(peer.socket(), peer.packet(Packet::Left), pair.far.get());
+        pair.far.reset();
+        EXPECT_TRUE(peer.isDropped());
+    }
+    expectThatAGoodOneIsWelcome();
+    EXPECT_TRUE(testsupport::eventually([&] {
+        return openDescriptors("socket:") <= before + connections.size();
+    })) << "whoever closes hangs";
+}
+
+TEST_F(HandshakeTest, MoreThanThereIsRoomForIsNotClosedByWhoeverReceivesIt) {
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.open(own_.termId()));
+    std::vector<LingeringConnection> connections(6);
+    {
+        NoDescriptors const few(3);
+        passAll(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), connections);
+        EXPECT_TRUE(peer.isDropped());
+    }
+    expectThatAGoodOneIsWelcome();
+}
+
+TEST(PacketTest, APeerThatHasNotReadAllIsHeardToTheEnd) {
+    for (bool const dropped : {false, true}) {
+        SocketPair pair;
+        Packet const packet{kMagic, kProtocolVersion, Packet::Left, 0, 0, kLayoutCheck, 0};
+        sendPacket(pair.near.get(), packet);
+        sendPacket(pair.far.get(), packet);
+        pair.far.reset();
+        ReceivedPacket received;
+        if (dropped)
+            dropPackets(pair.near.get());
+        else
+            EXPECT_EQ(receivePacket(pair.near.get(), received), Transfer::Done);
+        EXPECT_EQ(receivePacket(pair.near.get(), received), Transfer::Closed);
+        EXPECT_TRUE(isEmpty(pair.near.get()));
+    }
 }
 
 TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {

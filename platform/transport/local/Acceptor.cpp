@@ -31,8 +31,8 @@ void Acceptor::introductionLimit(long long nanoseconds) {
     introductionLimitNow.store(nanoseconds);
 }
 
-bool Acceptor::listen(Descriptor listening) {
-    listening_ = OpenSocket(listening.release());
+bool Acceptor::listen(OpenSocket listening) {
+    listening_ = std::move(listening);
     return receiver_.watch(listening_.get(), 0, Receiver::Source::Listening);
 }
 

@@ -22,7 +22,7 @@ public:
     Acceptor& operator=(Acceptor const&) = delete;
 
     /** Takes the listening descriptor; false, with a log line, on failure. */
-    bool listen(Descriptor listening);
+    bool listen(OpenSocket listening);
     /** Takes in a bounded number of those who have connected. */
     void accept();
     /** Whether the token is that of somebody who has not introduced himself. */

@@ -174,6 +174,8 @@ void Channel::dropAttempt() {
 }
 
 void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
+    if (receiver_->stopping())
+        return;
     receiver_->enrol(*this);
     if (connected())
         onSocket();  // the peer may have closed the former connection just before

@@ -23,14 +23,12 @@ constexpr std::size_t kBehind = 256;
 /** A thread without work ends after so long, in nanoseconds. */
 constexpr long long kIdle = 500'000'000;
 
-/** Something to be closed by somebody who may wait for it. */
-struct Doomed {
-    int fd;
-    bool socket;  // of our own, and others may have put descriptors into it
-};
+/** So deep sockets may be in sockets to be emptied. */
+constexpr int kDeepest = 8;
 
 /** Set in the threads that close: what they take out of sockets they close themselves. */
 thread_local bool isCloser = false;
+thread_local int depth = 0;  // of the socket that is being emptied
 
 /** What has come in on a socket of ours, and whoever has connected to it, on their way out. */
 void empty(int socket) {
@@ -41,16 +39,25 @@ void empty(int socket) {
     dropPackets(socket);
 }
 
-void close(Doomed const& doomed) {
-    if (doomed.socket) {
-        ::shutdown(doomed.fd, SHUT_RDWR);  // nothing more can be put in
-        empty(doomed.fd);
+bool isUnixSocket(int fd) {
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 && domain == AF_UNIX;
+}
+
+/** Most who make us wait do it by a connection that lingers, passed by itself or within a socket.
+ */
+void closePatiently(int fd) {
+    if (isUnixSocket(fd) && depth < kDeepest) {
+        ::shutdown(fd, SHUT_RDWR);  // nothing more can be put in
+        ++depth;
+        empty(fd);
+        --depth;
     } else {
-        // Most who make us wait do it by a connection that lingers.
         struct linger const off{};
-        ::setsockopt(doomed.fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &off, sizeof off);
     }
-    ::close(doomed.fd);
+    ::close(fd);
 }
 
 /**
@@ -66,24 +73,21 @@ public:
         return closers;
     }
 
-    void take(Doomed doomed);
-    bool behind() {
-        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-        return count_ >= kBehind;
-    }
+    void take(int fd);
+    bool behind();
 
 private:
     class ClosingThread;
 
-    bool push(Doomed doomed, bool& start);
-    bool pop(Doomed& doomed, bool& start);
+    bool push(int fd, bool& start);
+    bool pop(int& fd, bool& start);
     bool needsThread() OSW_REQUIRES(change_);
     void startThread();
     void run();
 
     OSWrap::ConditionVar change_;  // a leaf: signalled when something was put in
     // A ring, so that closing needs no memory.
-    std::array<Doomed, kMostWaiting> waiting_ OSW_GUARDED_BY(change_);
+    std::array<int, kMostWaiting> waiting_ OSW_GUARDED_BY(change_);
     std::size_t first_ OSW_GUARDED_BY(change_) = 0;
     std::size_t count_ OSW_GUARDED_BY(change_) = 0;
     int threads_ OSW_GUARDED_BY(change_) = 0;
@@ -113,30 +117,44 @@ bool Closers::needsThread() {
     return needed;
 }
 
-bool Closers::push(Doomed doomed, bool& start) {
+bool Closers::push(int fd, bool& start) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
     if (count_ == kMostWaiting)
         return false;
-    waiting_[(first_ + count_++) % kMostWaiting] = doomed;
+    waiting_[(first_ + count_++) % kMostWaiting] = fd;
     start = needsThread();
     change_.signal();
     return true;
 }
 
-void Closers::take(Doomed doomed) {
+void Closers::take(int fd) {
     bool start = false;
-    if (!push(doomed, start)) {
+    if (!push(fd, start)) {
         // Better one descriptor too many than a thread that others wait for.
         static Logging::LineLimit limit;
         TRANSPORT_LOG_LIMITED(limit, 3, kSource, "descriptor %d stays open: closing others hangs",
-                              doomed.fd);
+                              fd);
         return;
     }
     if (start)
         startThread();
 }
 
-/** Without one, what waits is closed when the next one can be started. */
+bool Closers::behind() {
+    bool start = false;
+    {
+        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+        if (count_ < kBehind)
+            return false;
+        start = needsThread();
+    }
+    if (start)
+        startThread();
+    return true;
+}
+
+/** Without one, what waits is closed when the next one can be started: at the latest, those who ask
+ * whether we are behind try. */
 void Closers::startThread() {
     auto* const thread = new (std::nothrow) ClosingThread;
     if (thread != nullptr && thread->startQuietly() == 0)
@@ -148,7 +166,7 @@ void Closers::startThread() {
 
 /** Waits for work; false when there has been none for a while, and the thread is no longer counted.
  */
-bool Closers::pop(Doomed& doomed, bool& start) {
+bool Closers::pop(int& fd, bool& start) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
     while (count_ == 0) {
         ++idle_;
@@ -159,7 +177,7 @@ bool Closers::pop(Doomed& doomed, bool& start) {
         --threads_;
         return false;
     }
-    doomed = waiting_[first_];
+    fd = waiting_[first_];
     first_ = (first_ + 1) % kMostWaiting;
     --count_;
     start = needsThread();
@@ -167,12 +185,12 @@ bool Closers::pop(Doomed& doomed, bool& start) {
 }
 
 void Closers::run() {
-    Doomed doomed{};
+    int fd = -1;
     bool start = false;
-    while (pop(doomed, start)) {
+    while (pop(fd, start)) {
         if (start)
             startThread();
-        close(doomed);
+        closePatiently(fd);
     }
 }
 
@@ -182,20 +200,21 @@ void closePassed(int fd) {
     if (inForkedChild())
         ::close(fd);
     else if (isCloser)
-        close({fd, false});
+        closePatiently(fd);
     else
-        Closers::instance().take({fd, false});
+        Closers::instance().take(fd);
 }
 
 void closeSocket(int fd) {
     if (inForkedChild()) {  // the parent has it still
         ::close(fd);
-    } else if (isCloser) {
-        close({fd, true});
-    } else {
-        ::shutdown(fd, SHUT_RDWR);
-        Closers::instance().take({fd, true});
+        return;
     }
+    ::shutdown(fd, SHUT_RDWR);
+    if (isEmpty(fd))
+        ::close(fd);
+    else
+        closePassed(fd);
 }
 
 bool closersBehind() {

@@ -13,7 +13,8 @@ void closeAtOnce(int fd);
 void closePassed(int fd);
 /**
  * Likewise for a unix socket that others can send to: with it end the descriptors that they have
- * put in and nobody has taken out. The peer sees its end at once.
+ * put in and nobody has taken out. The peer sees its end at once, and so does the kernel when
+ * nothing is in it.
  */
 void closeSocket(int fd);
 /** Whether so much waits to be closed that nothing more should be taken in. Any thread. */

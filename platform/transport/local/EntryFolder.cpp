@@ -259,7 +259,7 @@ Descriptor makeSocket() {
 
 }  // namespace
 
-Descriptor EntryFolder::listenHidden(std::string const& file) const {
+OpenSocket EntryFolder::listenHidden(std::string const& file) const {
     std::string const hidden = kHiddenPrefix + file;
     sockaddr_un const address = addressOf(socketPath(hidden));
     Descriptor socket = makeSocket();
@@ -267,11 +267,11 @@ Descriptor EntryFolder::listenHidden(std::string const& file) const {
         ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
         ::fchmodat(folder_.get(), hidden.c_str(), 0600, 0) == 0 &&
         ::listen(socket.get(), SOMAXCONN) == 0)
-        return socket;
+        return OpenSocket(socket.release());
     TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", file.c_str(), path_.c_str(),
                   std::strerror(errno));
     remove(hidden);
-    return Descriptor();
+    return OpenSocket();
 }
 
 bool EntryFolder::show(std::string const& file) const {
@@ -288,16 +288,16 @@ bool EntryFolder::remove(std::string const& file) const {
     return ::unlinkat(folder_.get(), file.c_str(), 0) == 0;
 }
 
-Descriptor EntryFolder::connect(std::string const& file) const {
+OpenSocket EntryFolder::connect(std::string const& file) const {
     sockaddr_un const address = addressOf(socketPath(file));
     Descriptor socket = makeSocket();
-    if (!socket.valid() ||
+    if (socket.valid() &&
         ::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
-        return socket;
+        return OpenSocket(socket.release());
     int const reason = errno;
-    socket = Descriptor();
+    socket.reset();
     errno = reason;
-    return socket;
+    return OpenSocket();
 }
 
 EntryFolder::Socket EntryFolder::probe(std::string const& file) const {

@@ -73,13 +73,13 @@ public:
     bool contains(std::string const& file) const;
     /** A listening socket under the hidden name of `file`; an invalid one, with a log line, on
      * failure. */
-    Descriptor listenHidden(std::string const& file) const;
+    OpenSocket listenHidden(std::string const& file) const;
     /** Renames the hidden socket into view. */
     bool show(std::string const& file) const;
     /** True when the file was there and is no more. */
     bool remove(std::string const& file) const;
     /** A connected socket; an invalid one, with errno, on failure. Does not block. */
-    Descriptor connect(std::string const& file) const;
+    OpenSocket connect(std::string const& file) const;
 
     enum class Socket { Alive, Dead, Absent };
     /** Whether somebody has the entry's socket, also who is stopped, or cannot be asked now. The

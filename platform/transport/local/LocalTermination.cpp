@@ -70,7 +70,7 @@ bool LocalTermination::goVisible(std::shared_ptr<Receiver> const& receiver) {
     if (!receiver->prepare())
         return false;
     Switchboard::instance().add(receiver);
-    Descriptor listening(Rendezvous::instance().publish(id_));
+    OpenSocket listening(Rendezvous::instance().publish(id_));
     return listening.valid() && receiver->start(std::move(listening));
 }
 

@@ -10,8 +10,7 @@ namespace Transport {
 namespace {
 
 constexpr std::size_t kMostDescriptors = 2;
-/** The kernel takes no more with one packet. We take them all in: those that found no room here
- * would be closed by the kernel in our name, which can block. */
+/** The kernel takes no more with one packet. */
 constexpr std::size_t kMostPassed = 253;
 
 template <std::size_t Count>
@@ -56,13 +55,21 @@ Transfer failure() {
                : Transfer::Closed;
 }
 
+/** As `recvmsg`, without waiting. When the peer has ended and not read all of ours, the kernel
+ * tells that once, before what it has sent. */
+ssize_t receive(int socket, msghdr& message, int flags) {
+    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | flags);
+    return length < 0 && errno == ECONNRESET ? ::recvmsg(socket, &message, MSG_DONTWAIT | flags)
+                                             : length;
+}
+
 /** As peekPacket; `passes`: descriptors come with it. */
 Transfer peek(int socket, Packet& packet, bool& passes) {
     iovec part{&packet, sizeof packet};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_PEEK);
+    ssize_t const length = receive(socket, message, MSG_PEEK);
     if (length < 0)
         return failure();
     passes = (message.msg_flags & MSG_CTRUNC) != 0;
@@ -71,25 +78,55 @@ Transfer peek(int socket, Packet& packet, bool& passes) {
     return makesSense(packet, length, message.msg_flags) ? Transfer::Done : Transfer::Garbage;
 }
 
-/** The packet that has been looked at. */
-Transfer take(int socket, ReceivedPacket& received) {
+/** Copies of the descriptors that come with the packet that has been looked at, and stays. */
+Transfer copyDescriptors(int socket, ReceivedPacket& received) {
     iovec part{&received.packet, sizeof received.packet};
+    ControlBuffer<kMostDescriptors> control{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.bytes;
+    message.msg_controllen = CMSG_SPACE(kMostDescriptors * sizeof(int));
+    if (receive(socket, message, MSG_PEEK | MSG_CMSG_CLOEXEC) < 0)
+        return failure();
+    collectDescriptors(message, received);
+    if ((message.msg_flags & MSG_CTRUNC) == 0)
+        return Transfer::Done;
+    return received.bell.valid() ? Transfer::Garbage
+                                 : Transfer::Exhausted;  // too many; no more left
+}
+
+/** Takes out the packet that has been looked at. */
+Transfer discard(int socket) {
+    Packet packet;
+    iovec part{&packet, sizeof packet};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return receive(socket, message, 0) < 0 ? failure() : Transfer::Done;
+}
+
+/** Takes out the next packet, whatever it is, and drops it; false when there is none. */
+bool drop(int socket) {
+    ReceivedPacket dropped;
+    iovec part{&dropped.packet, sizeof dropped.packet};
     ControlBuffer<kMostPassed> control{};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     message.msg_control = control.bytes;
     message.msg_controllen = sizeof control.bytes;
-    ssize_t const length = ::recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    ssize_t const length = receive(socket, message, MSG_CMSG_CLOEXEC);
     if (length < 0)
-        return failure();
-    bool const allExpected = collectDescriptors(message, received);
-    if (length == 0 && message.msg_controllen == 0)
-        return Transfer::Closed;
-    return allExpected && (message.msg_flags & MSG_CTRUNC) == 0 &&
-                   makesSense(received.packet, length, message.msg_flags)
-               ? Transfer::Done
-               : Transfer::Garbage;
+        return false;
+    collectDescriptors(message, dropped);
+    return length != 0 || message.msg_controllen != 0;
+}
+
+/** Credentials come with each packet then, which tells one of no bytes from the end. */
+void tellEmptyOnes(int socket) {
+    int const yes = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);
 }
 
 }  // namespace
@@ -129,18 +166,30 @@ Transfer receivePacket(int socket, ReceivedPacket& received) {
     Transfer const seen = peek(socket, received.packet, passes);
     if (seen != Transfer::Done)
         return seen;
-    if (passes && (closersBehind() || !descriptorsLeft(socket, kMostDescriptors)))
-        return Transfer::Exhausted;
-    return take(socket, received);
+    if (passes) {
+        if (closersBehind() || !descriptorsLeft(socket, kMostDescriptors))
+            return Transfer::Exhausted;
+        Transfer const copied = copyDescriptors(socket, received);
+        if (copied != Transfer::Done)
+            return copied;
+    }
+    // What the kernel closes with it, in our name, has been copied: it is never the last to do so.
+    return discard(socket);
+}
+
+bool isEmpty(int socket) {
+    tellEmptyOnes(socket);
+    char byte = 0;
+    iovec part{&byte, sizeof byte};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return receive(socket, message, MSG_PEEK) == 0 && (message.msg_flags & MSG_CTRUNC) == 0;
 }
 
 void dropPackets(int socket) {
-    // Credentials come with each packet then, which tells one of no bytes from the end.
-    int const yes = 1;
-    ::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);
-    for (Transfer taken = Transfer::Done; taken == Transfer::Done || taken == Transfer::Garbage;) {
-        ReceivedPacket received;
-        taken = take(socket, received);
+    tellEmptyOnes(socket);
+    while (drop(socket)) {
     }
 }
 

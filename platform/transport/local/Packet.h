@@ -82,6 +82,8 @@ Transfer peekPacket(int socket, Packet& packet);
 /** Receives one packet of right size, magic, version and layout; only from whom `peerIdentity` has
  * proved to be one of us, since it takes in descriptors. Never blocks. */
 Transfer receivePacket(int socket, ReceivedPacket& received);
+/** Whether nothing is in a connected socket that has been shut down, nor will be. Never blocks. */
+bool isEmpty(int socket);
 /** Empties a socket that has been shut down. May block. */
 void dropPackets(int socket);
 

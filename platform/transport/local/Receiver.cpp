@@ -83,7 +83,7 @@ bool Receiver::prepare() {
     return false;
 }
 
-bool Receiver::start(Descriptor listening) {
+bool Receiver::start(OpenSocket listening) {
     if (!acceptor_.listen(std::move(listening)))
         return false;
     {

@@ -40,7 +40,7 @@ public:
     /** Makes what the thread waits on; false, with a log line, on failure. */
     bool prepare();
     /** Takes the listening descriptor and starts the thread; false, with a log line, on failure. */
-    bool start(Descriptor listening);
+    bool start(OpenSocket listening);
 
     // ---- Any thread ----
     TerminationId id() const { return id_; }

@@ -128,8 +128,7 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
             return {};
         TerminationId const id(nameId, identity->slot, group);
         OSWrap::Lock<> lock(mutex_);
-        auto const inUse = folder.load()->file();
-        if (inUse != file && !inUse->lockName(nameId))
+        if (!folder.load()->file()->lockName(nameId))
             continue;  // another thread has moved over meanwhile, to where the name is taken
         latestName_ = PresenceFile::laterOf(latestName_, nameId);
         own_[id].file = EntryFolder::fileName(id, identity->actor, name);
@@ -141,16 +140,16 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
 }
 
 /** A listening socket that everybody sees, or an invalid one and nothing changed. */
-Descriptor Rendezvous::State::publishLocked(Own& own, TerminationId id) {
+OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     EntryFolder& files = *folder;
     renew();
     if (!own.locked) {
         TRANSPORT_LOG(3, kSource,
                       "Termination 0x%08X cannot be started: process %d holds its name id",
                       id.value(), static_cast<int>(files.ownerOf(id.nameId())));
-        return Descriptor();
+        return OpenSocket();
     }
-    Descriptor socket = files.listenHidden(own.file);
+    OpenSocket socket = files.listenHidden(own.file);
     if (!socket.valid())
         return socket;
     ++published_;
@@ -162,11 +161,11 @@ Descriptor Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     }
     --published_;
     files.remove(own.file);
-    return Descriptor();
+    return OpenSocket();
 }
 
 int Rendezvous::State::publish(TerminationId id) {
-    Descriptor socket;
+    OpenSocket socket;
     {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);

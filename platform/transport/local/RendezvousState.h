@@ -67,7 +67,7 @@ private:
     std::set<unsigned short> ownNames();
     std::uint32_t latestName();
     bool ownsName(unsigned short nameId) const OSW_REQUIRES(mutex_);
-    Descriptor publishLocked(Own& own, TerminationId id) OSW_REQUIRES(mutex_);
+    OpenSocket publishLocked(Own& own, TerminationId id) OSW_REQUIRES(mutex_);
     bool startThreads() OSW_REQUIRES(mutex_);
     bool startThread(void (State::*body)(), char const* name, bool State::*lives)
         OSW_REQUIRES(mutex_);
