@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "oswrap/OutOfMemory.h"
+
 namespace handlerthreads {
 namespace {
 
@@ -45,8 +47,9 @@ bool ThreadRecord::reportDue(Misuse kind) {
 ParkingPlace& ThreadRecord::parkingPlace() {
     if (!place)
         place = takeFreePlace();
+    // On the way out of a scope that gave the permission up there is nobody to tell of a failure.
     if (!place)
-        place = new ParkingPlace;
+        OSWrap::untilMemory([this] { place = new ParkingPlace; });
     return *place;
 }
 

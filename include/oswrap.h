@@ -10,6 +10,7 @@
 #include "oswrap/Memory.h"
 #include "oswrap/Mutex.h"
 #include "oswrap/NetNumVar.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/SmartPointer.h"
 #include "oswrap/Thread.h"
 #include "oswrap/TimeSpec.h"

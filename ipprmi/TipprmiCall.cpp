@@ -1,6 +1,7 @@
 #include "ipprmi/TipprmiCall.h"
 
 #include "ipprmi/CallOutcome.h"
+#include "oswrap/OutOfMemory.h"
 // Calls leave through stubs.
 #include "reflect/TreflectObjectStub.h"
 
@@ -64,8 +65,11 @@ bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
         return false;
     Hook const hook(withResponse);
     Reader const reader(out, hook);
-    ClientCallHelper(hook, in, reader, *stub, nullptr, cc, mc, withResponse);
-    if (hook.failed())
+    bool const performed = OSWrap::withMemory(
+        [&] { ClientCallHelper(hook, in, reader, *stub, nullptr, cc, mc, withResponse); });
+    if (!performed)
+        failure = TipprmiFailure();
+    else if (hook.failed())
         failure = hook.failure();
     else if (reader.unreadable())
         failure = TipprmiFailure(TipprmiFailure::kUnreadable);

@@ -57,6 +57,7 @@ private:
 
     bool mayCreate(NamespaceId ns);
     TreflectORB* create(NamespaceId ns);
+    static void undo(TreflectORB& orb);
     void awaitCreation() OSW_REQUIRES(changed_);
     TreflectORB* brokerOf(std::size_t index);
     bool isForkedChild() const;

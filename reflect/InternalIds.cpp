@@ -4,6 +4,8 @@
 #include <iterator>
 #include <limits>
 
+#include "oswrap/OutOfMemory.h"
+
 namespace {
 constexpr std::uint32_t kHighest = std::numeric_limits<std::uint32_t>::max();
 }
@@ -34,7 +36,8 @@ bool InternalIds::takeAgain(std::uint32_t id, void const* owner) {
 }
 
 void InternalIds::giveBack(std::uint32_t id, void const* owner) {
-    resting_.push_back({id, owner, registrations_ + kRest + 1});
+    // Without memory for that it is never given again.
+    OSWrap::withMemory([&] { resting_.push_back({id, owner, registrations_ + kRest + 1}); });
 }
 
 void InternalIds::endRests() {
@@ -70,10 +73,10 @@ void InternalIds::insert(std::uint32_t id) {
 void InternalIds::erase(std::uint32_t id) {
     auto const interval = std::prev(taken_.upper_bound(id));
     std::uint32_t const last = interval->second;
+    if (id != last)  // first, since memory may run out
+        taken_.emplace(id + 1, last);
     if (interval->first == id)
         taken_.erase(interval);
     else
         interval->second = id - 1;
-    if (id != last)
-        taken_.emplace(id + 1, last);
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ipprmi/TipprmiObjectSkeleton.h"
+#include "oswrap/OutOfMemory.h"
 #include "reflect/InternalIds.h"
 
 namespace {
@@ -60,10 +61,18 @@ void ObjectRegistry::add(TipprmiObjectSkeleton& object) {
     if (idOf(&object) != 0)
         return;
     std::uint32_t const id = takeId(object);
+    bool const entered = OSWrap::withMemory([&] {
+        if (id != suggestedId(&object))
+            displaced_.emplace(&object, id);
+        addToIndex(id, byId_.insert_or_assign(id, Entry{&object, ownOid(object)}).first->second);
+    });
+    if (!entered) {
+        byId_.erase(id);
+        displaced_.erase(&object);
+        giveIdBack(id, &object);
+        throw std::bad_alloc();
+    }
     object.setInternalOID(id);
-    if (id != suggestedId(&object))
-        displaced_.emplace(&object, id);
-    addToIndex(id, byId_.insert_or_assign(id, Entry{&object, ownOid(object)}).first->second);
 }
 
 void ObjectRegistry::remove(TipprmiObjectSkeleton const* object) {
@@ -94,26 +103,38 @@ void ObjectRegistry::addToIndex(std::uint32_t id, Entry const& entry) {
     if (isNew)
         return;
     std::uint32_t const higher = std::max(known->second, id);
-    known->second = std::min(known->second, id);
     IdsInOrder& others = further_[entry.indexedAs];
-    others.insert(std::lower_bound(others.begin(), others.end(), higher), higher);
+    bool const inserted = OSWrap::withMemory(
+        [&] { others.insert(std::lower_bound(others.begin(), others.end(), higher), higher); });
+    if (!inserted) {
+        if (others.empty())
+            further_.erase(entry.indexedAs);
+        throw std::bad_alloc();
+    }
+    known->second = std::min(known->second, id);
 }
 
 void ObjectRegistry::removeFromIndex(std::uint32_t id, Entry const& entry) {
     if (!entry.indexedAs.getIdString())
         return;
     auto const known = byOid_.find(entry.indexedAs);
+    if (known == byOid_.end())
+        return;  // there was no memory to enter it
     auto const others = further_.empty() ? further_.end() : further_.find(entry.indexedAs);
     if (others == further_.end()) {
-        byOid_.erase(known);
+        if (known->second == id)
+            byOid_.erase(known);
         return;
     }
     IdsInOrder& ids = others->second;
     auto gone = ids.begin();
-    if (known->second == id)
+    if (known->second == id) {
         known->second = *gone;
-    else
+    } else {
         gone = std::lower_bound(ids.begin(), ids.end(), id);
+        if (gone == ids.end() || *gone != id)
+            return;
+    }
     ids.erase(gone);
     if (ids.empty())
         further_.erase(others);

@@ -4,6 +4,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "reflect/AllLevelsReleased.h"
 #include "reflect/CallbackScope.h"
@@ -104,8 +105,11 @@ void TreflectOrbObserver::handler() {
 }
 
 void TreflectOrbObserver::notify(Transport::TerminationId const& broker, Appear_t const& what) {
+    // Nobody else could tell of it: it must not be lost for lack of memory.
+    std::list<OrbAppear_t> made;
+    OSWrap::untilMemory([&] { made.push_back({broker, what}); });
     Guard const lock(appearanceSignal_);
-    appearances_.push_back({broker, what});
+    appearances_.splice(appearances_.end(), made);
     appearanceSignal_.signal();
     auto const arriving = arriving_.find(broker);
     if (what == TreflectOrbObserverIf::kDisappear && arriving != arriving_.end())
@@ -118,13 +122,15 @@ void TreflectOrbObserver::beginArrival(Transport::TerminationId const& broker) {
 }
 
 void TreflectOrbObserver::endArrival(Transport::TerminationId const& broker) {
+    std::list<OrbAppear_t> made;
+    OSWrap::untilMemory([&] { made.push_back({broker, TreflectOrbObserverIf::kAppear}); });
     Guard const lock(appearanceSignal_);
     auto const arriving = arriving_.find(broker);
     bool const gone = arriving != arriving_.end() && arriving->second;
     arriving_.erase(broker);
     if (gone)
         return;
-    appearances_.push_back({broker, TreflectOrbObserverIf::kAppear});
+    appearances_.splice(appearances_.end(), made);
     appearanceSignal_.signal();
 }
 
@@ -145,10 +151,10 @@ bool TreflectOrbObserver::getAppearance(OrbAppear_t& next) {
 
 void TreflectOrbObserver::tellAll(OrbAppear_t const& appearance) {
     Observers copy;
-    {
+    OSWrap::untilMemory([&] {
         Guard const lock(observersMutex_);
         copy = observers_;
-    }
+    });
     for (OrbObserver_t const& record : copy) {
         if (record.mask == appearance.what || record.mask == TreflectOrbObserverIf::kAll)
             tell(record.observer, appearance);
@@ -158,7 +164,9 @@ void TreflectOrbObserver::tellAll(OrbAppear_t const& appearance) {
 // What an observer throws ends here: the others are to hear of the broker too.
 void TreflectOrbObserver::tell(TreflectOrbObserverIf* observer, OrbAppear_t const& appearance) {
     TreflectHandlerState const handlerState(true);
-    if (!begin(observer))
+    bool begun = false;
+    OSWrap::untilMemory([&] { begun = begin(observer); });
+    if (!begun)
         return;
     Notice const notice(*this, observer);
     CallbackScope const restored;

@@ -8,12 +8,16 @@
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
+#include "oswrap/OutOfMemory.h"
 #include "reflect/ContainErrors.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectOrbParts.h"
 #include "transport/TransportLayer.h"
 
 namespace {
+
+/** Payload of a response that has nothing but a general exception: its length and 12 bytes. */
+constexpr unsigned int kFailureSize = 16;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -319,6 +323,25 @@ void TreflectORB::IncomingMessage::reportUnknownObject() const {
                            trueOrFalse(transaction_), cc_, mc_);
 }
 
+namespace {
+
+/** Throws without memory for it. */
+void answerFailure(TreflectORB const& orb, TreflectMessage const& request) {
+    TipprmiStream response(orb.allocateResponse(request, kFailureSize), true);
+    if (response.msg().empty())
+        throw std::bad_alloc();
+    // Only responses of objects begin with an exception container; an empty one of the broker's own
+    // reads as nothing found.
+    if (request.type() == TreflectMessage::tPayload)
+        writeGeneralException(response, 0);
+    response.msg().addressed().originator(orb.termId());
+    Transport::TransportLayer::instance()
+        .getTermination(request.originator())
+        .issue(response.msg().addressed());
+}
+
+}  // namespace
+
 /** A worker's way from message to message. */
 class TreflectORB::WorkLoop {
 public:
@@ -326,13 +349,13 @@ public:
 
     void run() {
         for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false)) {
-            orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
-            IncomingMessage(orb_, TreflectMessage(turn_.taken.message)).serve();
+            serve();
             turn_.taken = {};
         }
     }
 
 private:
+    void serve();
     bool awaitTurn(bool firstPass);
     bool goOnAtOnce();
     void startWorker(MessageQueue::Need need) {
@@ -343,6 +366,24 @@ private:
     TreflectORB& orb_;
     WorkerTurn turn_;
 };
+
+/** A message for which memory does not suffice is answered with a failure. */
+void TreflectORB::WorkLoop::serve() {
+    orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
+    TreflectMessage const message(turn_.taken.message);
+    if (OSWrap::withMemory([&] { IncomingMessage(orb_, message).serve(); }))
+        return;
+    giveBackFurtherLevels();
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 2, "REFLECT_orb", "ORB 0x%08X has no memory to serve 0x%08X",
+                           orb_.termId().value(), message.originator().value());
+    bool const arrival =
+        message.type() == TreflectMessage::tOrbAppeared && message.originator() == orb_.termId();
+    if (arrival)  // nobody else would tell of it
+        OSWrap::untilMemory([&] { IncomingMessage(orb_, message).serve(); });
+    else if (message.kind() == TreflectMessage::kRequest)
+        OSWrap::untilMemory([&] { answerFailure(orb_, message); });
+}
 
 /** Gives up the run permission until there is a message; false when the worker is to end. */
 bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {

@@ -10,6 +10,7 @@
 #include "oswrap/CancelGuards.h"
 #include "oswrap/ConditionVar.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "reflect/AllLevelsReleased.h"
 #include "reflect/BrokerLifecycle.h"
@@ -167,16 +168,28 @@ TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
     process_ = getpid();
     InterfaceRepository::instance()->keepForBrokers_();
     std::unique_ptr<TreflectORB> orb;
-    try {
+    bool const born = OSWrap::withMemory([&] {
         orb.reset(new TreflectORB(ns));
-    } catch (std::bad_alloc const&) {  // most of what a broker takes is in its parts
+        TreflectOrbObserver::startWorker(orb->parts_->presence);
+        if (orb->start() != 1)
+            REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started",
+                           orb->termId().value());
+    });
+    if (!born) {
+        if (orb)
+            undo(*orb);
         return nullptr;
     }
-    TreflectOrbObserver::startWorker(orb->parts_->presence);
-    if (orb->start() != 1)
-        REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started", orb->termId().value());
     OSWrap::Thread::sleep(0, kStartPause);
     return orb.release();
+}
+
+/** Ends what a broker has begun that nobody will see. */
+void BrokerLifecycle::undo(TreflectORB& orb) {
+    orb.stop();
+    orb.parts_->messageQueue.close();
+    orb.parts_->messageQueue.waitForWorkers(0);
+    orb.parts_->presence->stopWorker();
 }
 
 /** One that is being made is waited for: it must not be born behind the back of a deletion. */

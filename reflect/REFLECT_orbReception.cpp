@@ -6,6 +6,7 @@
 
 #include "ipprmi/BigEndian.h"
 #include "logging/LineLimit.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "reflect/OngoingRequest.h"
 #include "reflect/ReflectWorker.h"
@@ -183,8 +184,15 @@ void TreflectORB::startReflectWorker() {
 }
 
 void TreflectORB::startCountedWorker_() {
-    auto* const worker = new (std::nothrow) ReflectWorker(*this);
-    if (worker) {
+    // What is queued may have nobody else to serve it, so a shortage of memory is waited for a
+    // little.
+    constexpr int kAttempts = 10;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (attempt > 0)
+            OSWrap::awaitMemory();
+        auto* const worker = new (std::nothrow) ReflectWorker(*this);
+        if (!worker)
+            continue;
         worker->deleteOnThreadTermination();
         if (worker->start())
             return;

@@ -7,6 +7,7 @@
 #include "ipprmi/StandardMethods.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
+#include "oswrap/OutOfMemory.h"
 #include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectORB.h"
@@ -126,8 +127,12 @@ TreflectServerObject::~TreflectServerObject() {
         setORB(nullptr);
     }
     TreflectObjectHandler::invalidateStubsOf(this);
-    if (parent_.isConnected())
-        parent_.unregisterChild(objectName());
+    bool const told = OSWrap::withMemory([this] {
+        if (parent_.isConnected())
+            parent_.unregisterChild(objectName());
+    });
+    if (!told)
+        REFLECTORB_LOG(2, kSource, "No memory to tell the parent of an object that it has gone");
 }
 
 void TreflectServerObject::keepName(std::string const& name) {
@@ -373,9 +378,14 @@ void TreflectServerObject::announce(
     bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const {
     OSWrap::DisableCancelStateGuard const notCancelled(true);
     TreflectHandlerState const handler(true);
-    TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
-    if (!mo)
-        REFLECTORB_LOG(3, kSource, "TreflectServerObject::sendCreationEvent(): no meta object");
-    else if (TreflectORB* const orb = getORB())
-        (orb->*notify)(mo->getClassId(), *this);
+    bool const told = OSWrap::withMemory([&] {
+        TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
+        if (!mo)
+            REFLECTORB_LOG(3, kSource, "TreflectServerObject::sendCreationEvent(): no meta object");
+        else if (TreflectORB* const orb = getORB())
+            (orb->*notify)(mo->getClassId(), *this);
+    });
+    if (!told)
+        REFLECTORB_LOG(2, kSource, "No memory to tell all observers of object 0x%X",
+                       getInternalOID());
 }

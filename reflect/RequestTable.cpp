@@ -76,8 +76,14 @@ bool RequestTable::awaits(Transport::TerminationId target) {
 std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
     std::vector<OngoingRequest*> records;
     OSWrap::Lock<> const lock(mutex_);
+    auto const isOfTarget = [target](Entry const& slot) {
+        return slot.record && slot.target == target;
+    };
+    // Before any is taken out, since memory may run out.
+    records.reserve(
+        static_cast<std::size_t>(std::count_if(slots_.begin(), slots_.end(), isOfTarget)));
     for (Entry& slot : slots_) {
-        if (!slot.record || slot.target != target)
+        if (!isOfTarget(slot))
             continue;
         records.push_back(slot.record);
         slot = {};

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -87,7 +87,7 @@ private:
 
     /// A leaf lock; told when a notice is queued.
     OSWrap::ConditionVar appearanceSignal_;
-    std::deque<OrbAppear_t> appearances_ OSW_GUARDED_BY(appearanceSignal_);
+    std::list<OrbAppear_t> appearances_ OSW_GUARDED_BY(appearanceSignal_);
     /// The brokers between the begin and the end of their arrival, and whether they have gone.
     std::map<Transport::TerminationId, bool> arriving_ OSW_GUARDED_BY(appearanceSignal_);
 };

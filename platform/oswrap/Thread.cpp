@@ -85,7 +85,9 @@ std::atomic<unsigned long> lastId{0};
 
 void nameCurrentThread(std::string const& name) {
     constexpr std::size_t kMostCharacters = 15;
-    pthread_setname_np(pthread_self(), name.substr(0, kMostCharacters).c_str());
+    char shortened[kMostCharacters + 1] = {};
+    name.copy(shortened, kMostCharacters);
+    pthread_setname_np(pthread_self(), shortened);
 }
 
 }  // namespace
@@ -146,7 +148,11 @@ int Thread::create(pthread_t& handle) {
     pthread_attr_setdetachstate(
         &attributes, joinableOnceStarted() ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     BlockedSignals const inheritedByTheNewThread;
-    int const result = pthread_create(&handle, &attributes, &Thread::enter, this);
+    // A shortage may be over at once.
+    constexpr int kAttempts = 5;
+    int result = EAGAIN;
+    for (int attempt = 0; attempt < kAttempts && result == EAGAIN; ++attempt)
+        result = pthread_create(&handle, &attributes, &Thread::enter, this);
     pthread_attr_destroy(&attributes);
     return result;
 }

@@ -8,6 +8,7 @@
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
@@ -172,8 +173,11 @@ void Acceptor::introduce(Stranger stranger, TerminationId peer) {
         return;
     std::shared_ptr<Channel> const channel =
         Switchboard::instance().channel(receiver_.shared_from_this(), peer);
-    if (channel != nullptr)
-        channel->answerHello(std::move(stranger.socket), std::move(hello));
+    if (channel == nullptr)
+        return;
+    auto const answer = [&] { channel->answerHello(std::move(stranger.socket), std::move(hello)); };
+    if (!OSWrap::withMemory(answer))
+        channel->closeForShortage();
 }
 
 void Acceptor::serveTimers(long long now) {

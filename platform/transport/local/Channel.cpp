@@ -4,6 +4,7 @@
 
 #include "logging/LineLimit.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Receiver.h"
 
@@ -183,6 +184,8 @@ bool Channel::receiveBatch() {
     Batch const batch = readBatch();
     if (batch == Batch::Garbage)
         closeForGarbage("its ring holds nonsense");
+    else if (batch == Batch::NoMemory)
+        closeForShortage();
     else if (ending() || byeSeen_ || garbageSeen_)
         react();
     return batch != Batch::Empty;
@@ -204,6 +207,9 @@ Channel::Batch Channel::readBatch() {
         RingReader::Result const result = reader_->next(message);
         if (result == RingReader::Result::Garbage)
             return Batch::Garbage;
+        if (result == RingReader::Result::NoMemory)
+            return awaitMemory();
+        shortages_ = 0;
         awaitsRing_ = result == RingReader::Result::NextRing;
         if (result == RingReader::Result::Nothing ||
             (result == RingReader::Result::Message && !take(message)))
@@ -224,17 +230,20 @@ bool Channel::take(AddressedMessage& message) {
         return false;
     }
     reader_->keep();
-    if (message.empty()) {
-        static Logging::LineLimit limit(kFirstLines);
-        REFLECTORB_LOG_LIMITED(limit, 2, kSource,
-                               "no memory for a message from 0x%08X to 0x%08X: lost", peer_.value(),
-                               ownId_.value());
-        return true;
-    }
     message.originator(peer_);
     message.destination(ownId_);
     receiver_->deliver(message);
     return true;
+}
+
+/** The message stays in the ring for a second at most; then the channel is given up, and it goes
+ * back to its sender with those behind it. */
+Channel::Batch Channel::awaitMemory() {
+    constexpr int kMostShortages = 100;
+    if (++shortages_ > kMostShortages)
+        return Batch::NoMemory;
+    OSWrap::awaitMemory();
+    return Batch::More;
 }
 
 /** The file of the next ring was sent before the ring told of it. */

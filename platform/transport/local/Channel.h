@@ -63,6 +63,9 @@ public:
     void goOn();
     /** True for the first caller until `service` runs. */
     bool markRequested() { return !requested_.exchange(true); }
+    /** Whom the receiver serves after this one, while it is among the requests: a list without
+     * memory of its own, since a request cannot fail. Guarded by the receiver's inbox mutex. */
+    std::shared_ptr<Channel>& nextRequested() { return nextRequested_; }
 
     // ---- Receiving thread ----
     /** Does what another thread has asked for. */
@@ -80,6 +83,8 @@ public:
     long long retryAt() const { return retryAt_; }
     /** Called now and then: gives the connection back after two calls without traffic between. */
     void giveBackIfIdle();
+    /** Closes the connection, for which memory did not suffice. */
+    void closeForShortage();
     bool connected() const { return own_.control.valid(); }
     /** The own termination ends: sends on what fits, closes, and answers how many messages are
      * lost. */
@@ -89,7 +94,7 @@ private:
     enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
-    enum class Batch { Empty, More, Garbage };
+    enum class Batch { Empty, More, Garbage, NoMemory };
     /** A Hello and the socket that it came on. */
     struct Greeting {
         OpenSocket socket;
@@ -129,6 +134,7 @@ private:
 
     Batch readBatch();
     bool take(AddressedMessage& message);
+    Batch awaitMemory();
     bool switchRing();
     bool ending() const { return ended_ || leftSeen_ || leaving_ || goneSeen_; }
     bool hasReadAll();
@@ -141,9 +147,10 @@ private:
     std::shared_ptr<Receiver> const receiver_;
     TerminationId const ownId_;
     TerminationId const peer_;
-    std::uint32_t const token_;           // of its descriptors' events
-    std::atomic<bool> requested_{false};  // is among the receiver's requests
-    std::atomic<bool> heldBack_{false};   // the peer waits until we go on taking
+    std::uint32_t const token_;               // of its descriptors' events
+    std::atomic<bool> requested_{false};      // is among the receiver's requests
+    std::shared_ptr<Channel> nextRequested_;  // see nextRequested
+    std::atomic<bool> heldBack_{false};       // the peer waits until we go on taking
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.
@@ -158,6 +165,7 @@ private:
     bool growthFailed_ OSW_GUARDED_BY(mutex_) = false;  // do not try again before the next bell
 
     // Receiving thread only.
+    int shortages_ = 0;  // looks in a row at a message for which there is no memory
     OwnSide own_;
     PeerSide peerSide_;
     std::optional<RingReader> reader_;

@@ -98,12 +98,12 @@ void Channel::tryAgain(char const* reason) {
 
 bool Channel::sayHello(OpenSocket socket) {
     OwnSide side = OwnSide::make();
+    receiver_->enrol(*this);
     if (!side.valid() || sendPacket(socket.get(), packet(Packet::Hello, side.ring.capacity),
                                     side.file.get(), side.bell.get()) != Transfer::Done)
         return false;
     side.file.reset();
     own_ = std::move(side);
-    receiver_->enrol(*this);
     int const fd = socket.get();
     {
         OSWrap::Lock<> lock(mutex_);
@@ -424,6 +424,14 @@ void Channel::closeForGarbage(char const* what) {
     close(Unread::GiveBack);
     if (gone)
         receiver_->dismiss(*this);
+}
+
+void Channel::closeForShortage() {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 2, kSource,
+                           "closing the channel of 0x%08X with 0x%08X: no memory", ownId_.value(),
+                           peer_.value());
+    close(Unread::GiveBack);
 }
 
 /** Closes the connection, if there is one. With GiveBack, what has not reached the peer goes back

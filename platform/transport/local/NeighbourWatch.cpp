@@ -81,6 +81,9 @@ std::vector<pid_t> NeighbourWatch::neighboursAmong(std::vector<pid_t> const& pro
 std::vector<NeighbourWatch::Suspect> NeighbourWatch::choose(std::vector<pid_t> const& neighbours) {
     std::vector<Watched> chosen;
     std::vector<Suspect> fresh;
+    // Before handles are taken over, since memory may run out.
+    chosen.reserve(neighbours.size());
+    fresh.reserve(neighbours.size());
     for (pid_t const pid : neighbours) {
         auto const known = std::find_if(watched_.begin(), watched_.end(),
                                         [&](Watched const& w) { return w.pid == pid; });

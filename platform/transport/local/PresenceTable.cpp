@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
 
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
 
@@ -116,33 +116,37 @@ std::vector<pid_t> PresenceTable::owners() const {
 bool PresenceTable::admit(TerminationId id, Entry entry) {
     DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    // What may run out of memory comes first, here and below: a change happens whole or not at all.
+    std::list<Notice> notices = noticesOf(id);
     if (!entries_.emplace(id, std::move(entry)).second)
         return false;
-    for (auto const& [listener, attachment] : listeners_)
-        arrivals_.queue.push_back({listener, attachment, id});
+    arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
     return true;
 }
 
+std::list<PresenceTable::Notice> PresenceTable::noticesOf(TerminationId id) const {
+    std::list<Notice> notices;
+    for (auto const& [listener, attachment] : listeners_)
+        notices.push_back({listener, attachment, id});
+    return notices;
+}
+
 void PresenceTable::drop(TerminationId id, Departures& departures) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
-    if (entries_.erase(id) == 0)
+    if (entries_.count(id) == 0)
         return;
-    auto& queue = arrivals_.queue;
-    queue.erase(std::remove_if(queue.begin(), queue.end(),
-                               [&](Notice const& notice) { return notice.id == id; }),
-                queue.end());
+    std::list<Notice> notices = noticesOf(id);
     departures.ids_.push_back(id);
-    for (auto const& [listener, attachment] : listeners_)
-        departures.notices_.push_back({listener, attachment, id});
+    entries_.erase(id);
+    arrivals_.queue.remove_if([&](Notice const& notice) { return notice.id == id; });
+    departures.notices_.splice(departures.notices_.end(), notices);
 }
 
 void PresenceTable::tell(Departures& departures) {
     DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
-    std::move(departures.notices_.begin(), departures.notices_.end(),
-              std::back_inserter(departures_.queue));
-    departures.notices_.clear();
+    departures_.queue.splice(departures_.queue.end(), departures.notices_);
     departures.ids_.clear();
     wake(departures_);
 }
@@ -152,10 +156,13 @@ void PresenceTable::tell(Departures& departures) {
 void PresenceTable::attach(PresenceListener& listener) {
     DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
-    if (!listeners_.emplace(&listener, ++lastAttachment_).second)
-        return;
+    std::list<Notice> notices;
     for (auto const& [id, entry] : entries_)
-        arrivals_.queue.push_back({&listener, lastAttachment_, id});
+        notices.push_back({&listener, lastAttachment_ + 1, id});
+    if (!listeners_.emplace(&listener, lastAttachment_ + 1).second)
+        return;
+    ++lastAttachment_;
+    arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
 }
 
@@ -169,13 +176,8 @@ void PresenceTable::detach(PresenceListener& listener) {
     bool const first = listeners_.erase(&listener) != 0;
     if (!first && calledFromInside(listener))
         return;
-    for (Lane* const lane : {&arrivals_, &departures_}) {
-        auto& queue = lane->queue;
-        queue.erase(
-            std::remove_if(queue.begin(), queue.end(),
-                           [&](Notice const& notice) { return notice.listener == &listener; }),
-            queue.end());
-    }
+    for (Lane* const lane : {&arrivals_, &departures_})
+        lane->queue.remove_if([&](Notice const& notice) { return notice.listener == &listener; });
     lock_.broadcast();  // without listeners the lanes' threads end
     while (calledByOthers(listener))
         lock_.wait(OSWrap::TimeSpec::INFINITETIME);
@@ -218,7 +220,7 @@ void PresenceTable::wake(Lane& lane) {
 void PresenceTable::serve(Lane& lane) {
     Notice notice{};
     while (next(lane, notice)) {
-        (notice.listener->*lane.call)(notice.id);
+        OSWrap::untilMemory([&] { (notice.listener->*lane.call)(notice.id); });
         finish(lane);
     }
 }

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -69,7 +68,7 @@ public:
     private:
         friend class PresenceTable;
         std::vector<TerminationId> ids_;
-        std::vector<Notice> notices_;
+        std::list<Notice> notices_;
     };
 
     /** Enters a termination and queues its arrival; false when it is there already. */
@@ -92,7 +91,7 @@ private:
 
         char const* const name;
         Call const call;
-        std::deque<Notice> queue;
+        std::list<Notice> queue;
         bool threadLives = false;
         // The call that is going on:
         PresenceListener* called = nullptr;
@@ -106,6 +105,7 @@ private:
     bool next(Lane& lane, Notice& notice);
     void finish(Lane& lane);
     void wake(Lane& lane) OSW_REQUIRES(lock_);
+    std::list<Notice> noticesOf(TerminationId id) const OSW_REQUIRES(lock_);
     bool attached(Notice const& notice) const OSW_REQUIRES(lock_);
     bool arrivalJustBegun(Notice const& departure) const OSW_REQUIRES(lock_);
     bool calledFromInside(PresenceListener const& listener) const OSW_REQUIRES(lock_);

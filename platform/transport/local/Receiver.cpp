@@ -9,6 +9,7 @@
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Channel.h"
@@ -154,20 +155,27 @@ void Receiver::run() {
     threadId_.store(OSWrap::Thread::getCurrentId());
     int turns = 0;
     while (!stopping()) {
-        bool const asked = serveRequests();
-        bool const local = serveInbox();
-        bool const remote = serveChannels();
-        if (asked || local || remote) {
-            if (++turns % kTurnsBetweenEvents == 0)
-                serveEvents(0);
-        } else if (!waiting_.poll([this] { return ready(); })) {
-            sleep();
-        }
+        if (OSWrap::withMemory([&] { turn(turns); }))
+            continue;
+        OSWrap::awaitMemory();
+        attention_.store(true);
     }
-    finish();
+    OSWrap::untilMemory([this] { finish(); });
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
     finished_ = true;
     change_.broadcast();
+}
+
+void Receiver::turn(int& turns) {
+    bool const asked = serveRequests();
+    bool const local = serveInbox();
+    bool const remote = serveChannels();
+    if (asked || local || remote) {
+        if (++turns % kTurnsBetweenEvents == 0)
+            serveEvents(0);
+    } else if (!waiting_.poll([this] { return ready(); })) {
+        sleep();
+    }
 }
 
 bool Receiver::ready() const {
@@ -210,7 +218,10 @@ void Receiver::request(Channel& channel) {
         OSWrap::Lock<> lock(inboxMutex_);
         if (closed_)
             return;
-        requests_.push_back(channel.shared_from_this());
+        std::shared_ptr<Channel>& end =
+            lastRequest_ != nullptr ? lastRequest_->nextRequested() : firstRequest_;
+        end = channel.shared_from_this();
+        lastRequest_ = &channel;
     }
     wake();
 }
@@ -221,15 +232,24 @@ bool Receiver::serveRequests() {
         return false;
     attention_.store(false);
     inboxFilled_ = true;
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        serving_.swap(requests_);
+    std::shared_ptr<Channel> next = takeRequests();
+    bool const served = next != nullptr;
+    while (next != nullptr) {
+        std::shared_ptr<Channel> const channel = std::move(next);
+        next = std::move(channel->nextRequested());
+        if (OSWrap::withMemory([&] { channel->service(); }))
+            continue;
+        OSWrap::awaitMemory();
+        request(*channel);
     }
-    for (auto const& channel : serving_)
-        channel->service();
-    bool const served = !serving_.empty();
-    serving_.clear();
     return served;
+}
+
+/** The first of the requests, with the others behind it. */
+std::shared_ptr<Channel> Receiver::takeRequests() {
+    OSWrap::Lock<> lock(inboxMutex_);
+    lastRequest_ = nullptr;
+    return std::move(firstRequest_);
 }
 
 /** A bounded number of messages of this process, those that come back first. */
@@ -361,10 +381,14 @@ void Receiver::serveEvent(std::uint64_t data) {
     if (found == channels_.end())
         return;
     std::shared_ptr<Channel> const channel = found->second;
-    if (source == Source::Bell)
-        channel->onBell();
-    else
-        channel->onSocket();
+    bool const done = OSWrap::withMemory([&] {
+        if (source == Source::Bell)
+            channel->onBell();
+        else
+            channel->onSocket();
+    });
+    if (!done)
+        channel->closeForShortage();
 }
 
 void Receiver::wakeAt(long long time) {
@@ -409,7 +433,10 @@ void Receiver::serveTimers(Channel& channel, long long now, bool idleLook) {
 
 // ---- Channels ----------------------------------------------------------------------------------
 
+/** With room for it wherever it may have to be entered later. */
 void Receiver::enrol(Channel& channel) {
+    hot_.reserve(channels_.size() + 1);
+    serving_.reserve(channels_.size() + 1);
     channels_.emplace(channel.token(), channel.shared_from_this());
 }
 
@@ -464,14 +491,17 @@ void Receiver::shutDownChannels() {
 void Receiver::closeInbox() {
     MessageQueue unread;
     MessageQueue cameBack;
-    std::vector<std::shared_ptr<Channel>> requests;
+    std::shared_ptr<Channel> requests;
     {
         OSWrap::Lock<> lock(inboxMutex_);
         refusing_ = closed_ = true;
         unread.swap(inbox_);
         cameBack.swap(errors_);
-        requests.swap(requests_);
+        requests.swap(firstRequest_);
+        lastRequest_ = nullptr;
     }
+    while (requests != nullptr)
+        requests = std::shared_ptr<Channel>(std::move(requests->nextRequested()));
     while (!unread.empty()) {
         AddressedMessage const message = unread.pop();
         Switchboard::instance().giveBack(message, message.originator());

@@ -91,7 +91,9 @@ public:
 private:
     class ReceivingThread;
     void run();
+    void turn(int& turns);
     bool serveRequests();
+    std::shared_ptr<Channel> takeRequests();
     bool serveInbox();
     bool serveChannels();
     bool ready() const;
@@ -113,7 +115,7 @@ private:
     std::atomic<unsigned long> threadId_{0};
     std::atomic<std::size_t> unsent_{0};
 
-    std::atomic<bool> attention_{false};  // inbox_, errors_ or requests_ is not empty
+    std::atomic<bool> attention_{false};  // inbox_, errors_ or the requests are not empty
     std::atomic<bool> asleep_{false};     // ring wakeBell_ to be heard
     Descriptor epoll_;
     Descriptor wakeBell_;
@@ -121,7 +123,9 @@ private:
     OSWrap::Mutex inboxMutex_;  // a leaf: nothing is locked under it
     MessageQueue inbox_ OSW_GUARDED_BY(inboxMutex_);
     MessageQueue errors_ OSW_GUARDED_BY(inboxMutex_);
-    std::vector<std::shared_ptr<Channel>> requests_ OSW_GUARDED_BY(inboxMutex_);
+    // The first and the last of those linked by Channel::nextRequested
+    std::shared_ptr<Channel> firstRequest_ OSW_GUARDED_BY(inboxMutex_);
+    Channel* lastRequest_ OSW_GUARDED_BY(inboxMutex_) = nullptr;
     bool refusing_ OSW_GUARDED_BY(inboxMutex_) = false;  // messages, but not those that come back
     bool closed_ OSW_GUARDED_BY(inboxMutex_) = false;
 

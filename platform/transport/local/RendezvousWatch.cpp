@@ -5,6 +5,7 @@
 
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/local/RendezvousState.h"
@@ -104,12 +105,14 @@ void Rendezvous::State::watchAnnouncements() {
         if (mayEnd(&State::announcementThreadLives_))
             return;
         long long const began = OSWrap::Clock::nowNanoseconds();
-        scan();
+        OSWrap::untilMemory([this] { scan(); });
         long long const ended = OSWrap::Clock::nowNanoseconds();
-        if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
-            watched = std::move(toWatch);
-            watch_.wake();
-        }
+        OSWrap::untilMemory([&] {
+            if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
+                watched = std::move(toWatch);
+                watch_.wake();
+            }
+        });
         // Raised when this process moves over to another file, too.
         file->waitForAnnouncement(seen, timeToKnock());
         rest(began, ended);
@@ -119,15 +122,16 @@ void Rendezvous::State::watchAnnouncements() {
 /** The body of "TrPresence". */
 void Rendezvous::State::watchProcesses() {
     for (;;) {
-        std::vector<NeighbourWatch::Suspect> toCheck = watch_.wait();
+        std::vector<NeighbourWatch::Suspect> toCheck;
+        OSWrap::untilMemory([&] { toCheck = watch_.wait(); });
         if (mayEnd(&State::processThreadLives_))
             return;
-        checkSuspects();
+        OSWrap::untilMemory([this] { checkSuspects(); });
         // Whoever is watched anew may have died before: go on until the neighbours are alive.
         do {
             for (NeighbourWatch::Suspect const& suspect : toCheck)
-                checkProcess(suspect);
-            toCheck = watch_.choose(neighbours());
+                OSWrap::untilMemory([&] { checkProcess(suspect); });
+            OSWrap::untilMemory([&] { toCheck = watch_.choose(neighbours()); });
         } while (!toCheck.empty());
     }
 }

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <new>
 
+#include "oswrap/OutOfMemory.h"
+
 namespace Transport {
 namespace {
 
@@ -119,13 +121,18 @@ std::uint32_t RingWriter::putPiece(unsigned char const* bytes, std::uint32_t siz
 
 void RingWriter::keepUntilTaken(AddressedMessage message) {
     forgetTaken();
-    kept_.push_back({std::move(message), tail_});
+    // Without memory for that it does not come back, should the peer go before it has taken it.
+    OSWrap::withMemory([&] { kept_.push_back({std::move(message), tail_}); });
 }
 
 void RingWriter::goOnIn(RingArea area) {
-    writeFrame(nullptr, 0, kNextRing);
     forgetTaken();
-    former_.push_back({std::move(area_), tail_});
+    if (!OSWrap::withMemory([this] { former_.emplace_back(); })) {
+        broken_ = true;  // the peer has the next ring already
+        return;
+    }
+    writeFrame(nullptr, 0, kNextRing);
+    former_.back() = {std::move(area_), tail_};
     area_ = std::move(area);
 }
 
@@ -252,6 +259,8 @@ RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
 
 RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessage& message) {
     partial_ = allocateUninitialized(head.total);
+    if (partial_.empty())
+        return Result::NoMemory;
     partTotal_ = head.total;
     partDone_ = 0;
     return endFrame(head, message);
@@ -259,9 +268,8 @@ RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessag
 
 /** Copies the frame's bytes into the message that is being put together. */
 RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage& message) {
-    if (!partial_.empty())
-        copyOut(partial_.buf() + partDone_, head_ + static_cast<std::uint32_t>(sizeof head),
-                head.length);
+    copyOut(partial_.buf() + partDone_, head_ + static_cast<std::uint32_t>(sizeof head),
+            head.length);
     partDone_ += head.length;
     head_ += frameBytes(head.length);
     if (partDone_ < partTotal_) {

@@ -178,7 +178,8 @@ public:
     enum class Result {
         Nothing,
         Piece,     // of a message that is not complete yet
-        Message,   // complete; an empty handle when there was no memory for it
+        Message,   // complete
+        NoMemory,  // for the message that begins here: it is still there
         NextRing,  // continue with `goOnIn`
         Garbage,
     };

@@ -70,6 +70,7 @@ std::vector<std::shared_ptr<Channel>> Switchboard::remove(TerminationId id) {
     std::vector<std::shared_ptr<Channel>> channels;
     std::shared_ptr<Receiver> receiver;  // freed after unlocking
     OSWrap::Lock<> lock(mutex_);
+    channels.reserve(channels_.size());
     auto const found = receivers_.find(id.value());
     if (found != receivers_.end()) {
         receiver = std::move(found->second);
@@ -92,10 +93,10 @@ std::shared_ptr<Channel> Switchboard::channel(std::shared_ptr<Receiver> const& r
     if (receivers_.count(peer.value()) != 0 || receivers_.count(receiver->id().value()) == 0 ||
         !receiver->sending())
         return nullptr;
-    std::shared_ptr<Channel>& channel = channels_[pairOf(receiver->id(), peer)];
-    if (channel == nullptr)
-        channel = std::make_shared<Channel>(receiver, peer);
-    return channel;
+    std::uint64_t const pair = pairOf(receiver->id(), peer);
+    if (auto const found = channels_.find(pair); found != channels_.end())
+        return found->second;
+    return channels_.emplace(pair, std::make_shared<Channel>(receiver, peer)).first->second;
 }
 
 std::shared_ptr<Channel> Switchboard::find(TerminationId own, TerminationId peer) {
@@ -122,22 +123,23 @@ std::shared_ptr<Receiver> Switchboard::receiver(TerminationId id) {
 
 void Switchboard::onGone(TerminationId id) {
     Switchboard& self = instance();
-    std::vector<std::shared_ptr<Channel>> channels;
-    {
-        OSWrap::Lock<> lock(self.mutex_);
-        for (auto it = self.channels_.begin(); it != self.channels_.end();) {
-            if (static_cast<std::uint32_t>(it->first) != id.value()) {
-                ++it;
-                continue;
-            }
-            channels.push_back(std::move(it->second));
-            it = self.channels_.erase(it);
-        }
-    }
     if (std::shared_ptr<Receiver> const own = self.receiver(id))
         own->refuseReceiving();
-    for (auto const& channel : channels)
+    while (std::shared_ptr<Channel> const channel = self.takeChannelTo(id))
         channel->peerGone();
+}
+
+/** One after the other, since a list of them could run out of memory. */
+std::shared_ptr<Channel> Switchboard::takeChannelTo(TerminationId peer) {
+    OSWrap::Lock<> lock(mutex_);
+    for (auto it = channels_.begin(); it != channels_.end(); ++it) {
+        if (static_cast<std::uint32_t>(it->first) != peer.value())
+            continue;
+        std::shared_ptr<Channel> channel = std::move(it->second);
+        channels_.erase(it);
+        return channel;
+    }
+    return nullptr;
 }
 
 }  // namespace Transport

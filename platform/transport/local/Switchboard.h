@@ -41,6 +41,7 @@ private:
     Switchboard();
 
     static void onGone(TerminationId id);
+    std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
     int issueSlowly(AddressedMessage const& message, TerminationId destination);
     std::shared_ptr<Receiver> receiver(TerminationId id);
 

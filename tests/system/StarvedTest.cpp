@@ -1,0 +1,124 @@
+// Memory that runs out, at every single allocation of a call, a search, a notice and of a server
+// that meets a stranger. What is asked for just then may fail; nobody ends, hangs or loses anything
+// for good.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ActorProgram.h"
+#include "RendezvousFolder.h"
+#include "Slowness.h"
+
+namespace {
+
+using testsupport::ActorProgram;
+
+class StarvedActor : public ActorProgram {
+public:
+    StarvedActor() : ActorProgram(testsupport::programCommand("starved_actor")) {}
+    bool does(std::string const& command, std::string const& answer) {
+        return ask(command, answer) == "1";
+    }
+};
+
+/** Beyond what any of the scenarios allocates. */
+constexpr unsigned long kMost = 5000;
+
+class StarvedTest : public testing::TestWithParam<unsigned long> {
+protected:
+    StarvedTest() {
+        EXPECT_TRUE(server.does("serve server", "served"));
+        EXPECT_TRUE(client.does("call server 10", "called"));
+        EXPECT_TRUE(client.does("watch", "watched"));
+    }
+
+    /** Does it again and again while the nth allocation of `starved` fails, until it does not come
+     * to that; then the processes must get on again. */
+    template <class Act, class Judge>
+    void withEveryAllocation(StarvedActor& starved, Act const& act, Judge const& judge) {
+        for (unsigned long n = 1; n < kMost; ++n) {
+            SCOPED_TRACE(n);
+            bool const reached = fails(starved, n, [&] { act(n); });
+            judge(n);
+            if (HasFailure() || !reached)
+                break;
+        }
+    }
+    /** Does it while the nth allocation of `starved` fails; whether it came to that. */
+    template <class Act>
+    bool fails(StarvedActor& starved, unsigned long n, Act const& act) {
+        starved.ask("starve " + std::to_string(n) + " " + std::to_string(GetParam()), "starving");
+        act();
+        return starved.does("feed", "fed");
+    }
+    void finish() {
+        client.finish();
+        server.finish();
+    }
+
+    testsupport::RendezvousFolder const folder;
+    StarvedActor server;
+    StarvedActor client;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, StarvedTest, ::testing::Values(0, 3), [](auto const& more) {
+    return more.param == 0 ? "OneAllocation" : "FourAllocations";
+});
+
+TEST_P(StarvedTest, callsFailOrAreAnswered) {
+    for (std::size_t const size : {10u, 3000u, 700u * 1024}) {
+        std::string const call = "call server " + std::to_string(size);
+        for (StarvedActor* const starved : {&server, &client})
+            withEveryAllocation(
+                *starved, [&](unsigned long) { client.ask(call, "called"); },
+                [&](unsigned long) { EXPECT_TRUE(client.does(call, "called")) << size; });
+    }
+    finish();
+}
+
+/** So many processes are started at the same time: they take their time to come up. */
+constexpr unsigned long kAtOnce = 8;
+
+TEST_P(StarvedTest, strangersFailOrMeetAServer) {
+    bool more = true;
+    for (unsigned long n = 1; more && n < kMost && !HasFailure();) {
+        std::vector<std::unique_ptr<StarvedActor>> strangers;
+        for (unsigned long i = 0; i < kAtOnce; ++i) {
+            strangers.push_back(std::make_unique<StarvedActor>());
+            strangers.back()->tell("serve own" + std::to_string(i));
+        }
+        for (auto const& stranger : strangers)
+            EXPECT_EQ(stranger->await("served"), "1");
+        for (auto const& stranger : strangers) {
+            SCOPED_TRACE(n);
+            more = more && fails(server, n++, [&] { stranger->ask("call server 10", "called"); });
+            EXPECT_TRUE(stranger->does("call server 10", "called"));
+        }
+    }
+    finish();
+}
+
+TEST_P(StarvedTest, searchesFailOrFind) {
+    for (StarvedActor* const starved : {&server, &client})
+        withEveryAllocation(
+            *starved, [&](unsigned long) { client.ask("find server 10", "found"); },
+            [&](unsigned long) { EXPECT_TRUE(client.does("find server 10", "found")); });
+    finish();
+}
+
+TEST_P(StarvedTest, noticesAreMissedOrTold) {
+    for (StarvedActor* const starved : {&server, &client})
+        withEveryAllocation(
+            *starved,
+            [&](unsigned long n) { server.ask("make hungry" + std::to_string(n), "made"); },
+            [&](unsigned long n) {
+                std::string const name =
+                    (starved == &server ? "fed.s" : "fed.c") + std::to_string(n);
+                EXPECT_TRUE(server.does("make " + name, "made"));
+                EXPECT_TRUE(client.does("await " + name, "awaited"));
+                EXPECT_TRUE(server.does("unmake " + name, "unmade"));
+            });
+    finish();
+}
+
+}  // namespace
