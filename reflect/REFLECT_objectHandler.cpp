@@ -1,6 +1,7 @@
 #include <new>
 
 #include "handler_threads/TreflectHandlerState.h"
+#include "oswrap/OutOfMemory.h"
 #include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -48,7 +49,11 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf co
     TreflectObjectStub* stub = stubs_.find(location);
     if (!stub) {
         stub = new (std::nothrow) TreflectObjectStub(location);
-        stubs_.insert(stub);
+        if (!stub || !OSWrap::withMemory([&] { stubs_.insert(stub); })) {
+            delete stub;  // without memory the handle leads nowhere
+            invalidStub_.incRefCount();
+            return &invalidStub_;
+        }
     } else if (location.getServer() && !stub->getServer()) {
         // Made of a handle without a name that another process sent: its calls would go round
         // through the broker, and those that an object makes through its own handle never end.
