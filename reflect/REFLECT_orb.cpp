@@ -3,6 +3,8 @@
 // (Notification, Registration, Publication), other brokers (Presence), Diagnostics and Lifecycle.
 #include "reflect/TreflectORB.h"
 
+#include <new>
+
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiStream.h"
 #include "logging/Log.h"
@@ -32,7 +34,10 @@ TreflectORB::TreflectORB(NamespaceId const& ns)
 
 TreflectORB::Parts::Reserve::Reserve()
     : failedCall(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize),
-      nothing(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize) {
+      nothing(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize),
+      sentBack(static_cast<TreflectORB const*>(nullptr), 0u, Parts::kResponseSize) {
+    if (failedCall.empty() || nothing.empty() || sentBack.empty())
+        throw std::bad_alloc();
     TipprmiStream stream(failedCall, true);
     writeGeneralException(stream, 0);
     failedCall = stream.msg();

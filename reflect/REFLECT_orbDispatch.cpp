@@ -9,15 +9,13 @@
 #include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/OutOfMemory.h"
+#include "reflect/AllLevelsReleased.h"
 #include "reflect/ContainErrors.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectOrbParts.h"
 #include "transport/TransportLayer.h"
 
 namespace {
-
-/** Payload of a response that has nothing but a general exception: its length and 12 bytes. */
-constexpr unsigned int kFailureSize = 16;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -88,8 +86,11 @@ public:
         : orb_(orb), message_(message), request_(message, false) {}
 
     void serve();
+    /** Memory has run out in `serve`. */
+    void makeUpFor();
 
 private:
+    void makeUpForOnce();
     void serveResolve();
     void serveCall();
     void serveNotice();
@@ -317,30 +318,32 @@ TreflectMessage& TreflectORB::IncomingMessage::failureInReserve() {
     return failure;
 }
 
+/**
+ * A request is answered with a failure. That needs memory only where there is no channel any more,
+ * and waits for it as long as it takes: without an answer its sender would wait for ever, and
+ * nobody else would tell of an arrival. Only this worker waits, without the run permission.
+ */
+void TreflectORB::IncomingMessage::makeUpFor() {
+    while (!OSWrap::withMemory([this] { makeUpForOnce(); })) {
+        AllLevelsReleased const released;
+        OSWrap::awaitMemory();
+    }
+}
+
+void TreflectORB::IncomingMessage::makeUpForOnce() {
+    bool const arrival =
+        message_.type() == TreflectMessage::tOrbAppeared && message_.originator() == orb_.termId();
+    if (arrival)
+        serve();
+    else if (message_.kind() == TreflectMessage::kRequest)
+        orb_.issueTo_(message_.originator(), failureInReserve());
+}
+
 void TreflectORB::IncomingMessage::reportUnknownObject() const {
     REFLECTORB_LOG_LIMITED(limits().unknownObject, 3, "REFLECT_orb",
                            "ioid=0x%X,transaction=%s,classCode=0x%X,methodCode=%d", ioid_,
                            trueOrFalse(transaction_), cc_, mc_);
 }
-
-namespace {
-
-/** Throws without memory for it. */
-void answerFailure(TreflectORB const& orb, TreflectMessage const& request) {
-    TipprmiStream response(orb.allocateResponse(request, kFailureSize), true);
-    if (response.msg().empty())
-        throw std::bad_alloc();
-    // Only responses of objects begin with an exception container; an empty one of the broker's own
-    // reads as nothing found.
-    if (request.type() == TreflectMessage::tPayload)
-        writeGeneralException(response, 0);
-    response.msg().addressed().originator(orb.termId());
-    Transport::TransportLayer::instance()
-        .getTermination(request.originator())
-        .issue(response.msg().addressed());
-}
-
-}  // namespace
 
 /** A worker's way from message to message. */
 class TreflectORB::WorkLoop {
@@ -374,15 +377,10 @@ void TreflectORB::WorkLoop::serve() {
     if (OSWrap::withMemory([&] { IncomingMessage(orb_, message).serve(); }))
         return;
     giveBackFurtherLevels();
-    static Logging::LineLimit limit;
-    REFLECTORB_LOG_LIMITED(limit, 2, "REFLECT_orb", "ORB 0x%08X has no memory to serve 0x%08X",
-                           orb_.termId().value(), message.originator().value());
-    bool const arrival =
-        message.type() == TreflectMessage::tOrbAppeared && message.originator() == orb_.termId();
-    if (arrival)  // nobody else would tell of it
-        OSWrap::untilMemory([&] { IncomingMessage(orb_, message).serve(); });
-    else if (message.kind() == TreflectMessage::kRequest)
-        OSWrap::untilMemory([&] { answerFailure(orb_, message); });
+    REFLECTORB_LOG_LIMITED(orb_.parts_->limits.noMemory, 2, "REFLECT_orb",
+                           "ORB 0x%08X has no memory to serve 0x%08X", orb_.termId().value(),
+                           message.originator().value());
+    IncomingMessage(orb_, message).makeUpFor();
 }
 
 /** Gives up the run permission until there is a message; false when the worker is to end. */

@@ -37,7 +37,8 @@ void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
     stream.msg().kind(TreflectMessage::kMsg);
     stream.msg().type(TreflectMessage::tOrbAppeared);
     stream.msg().addressed().originator(termId());
-    enqueue_(stream.msg().addressed());
+    if (!enqueue_(stream.msg().addressed()))
+        catchUpWith_(newcomer);
 }
 
 // One that has gone again is not to be listed as missed: nobody would take it from the list.

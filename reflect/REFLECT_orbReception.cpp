@@ -53,7 +53,8 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
             deliverResponse_(message);
             return true;
         default:
-            enqueue_(addressed);
+            if (!enqueue_(addressed))
+                sendBack_(addressed);
             return true;
     }
 }
@@ -119,14 +120,15 @@ void TreflectORB::reportForged_(TreflectMessage const& response, Transport::Term
     Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
 }
 
-void TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
+/** Has a worker serve the message, in its turn; false when too much waits, or memory has run out.
+ */
+bool TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
     MessageQueue::Pushed const pushed = parts_->messageQueue.push(message);
     if (pushed.need == MessageQueue::Need::worker)
         startCountedWorker_();
-    if (pushed.fate == MessageQueue::Fate::tooMuch)
-        sendBack_(message);
     if (pushed.isMuch)
         holdBack_(message.originator());
+    return pushed.fate == MessageQueue::Fate::kept;
 }
 
 /** Too much waits already. Within the process the message comes back as it is; another process gets
@@ -141,8 +143,9 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
         return;
     std::size_t const size =
         std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeaderSize);
-    TreflectMessage head(allocateMessage(size, 5));
-    if (head.addressed().size() == size) {
+    TreflectMessage fresh(allocateMessage(size, 5));
+    TreflectMessage& head = fresh.empty() ? parts_->reserve.sentBack : fresh;
+    if (head.addressed().extend(size)) {
         std::memcpy(head.addressed().buf(), message.buf(), size);
         head.kind(TreflectMessage::kNoDestination);
     }

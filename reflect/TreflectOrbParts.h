@@ -68,6 +68,7 @@ struct TreflectORB::Parts {
         Logging::LineLimit unexpectedResponse;
         Logging::LineLimit returnedCall;
         Logging::LineLimit noWorker;
+        Logging::LineLimit noMemory;
         Logging::LineLimit unknownType;
         Logging::LineLimit unknownObject;
         Logging::LineLimit thrown;
@@ -76,12 +77,17 @@ struct TreflectORB::Parts {
         Logging::LineLimit notResolved;
         Logging::LineLimit unreadable;
     } limits;
-    /** Answers for when there is no memory for one. Guarded by the run permission. */
+    /** Answers for when there is no memory for one. */
     struct Reserve {
+        /** Throws when there is no memory for these either. */
         Reserve();
+
+        // Guarded by the run permission
 
         TreflectMessage failedCall;  // an exception container with code 0
         TreflectMessage nothing;     // an object not found, empty sequences
+        // Receiving thread only
+        TreflectMessage sentBack;  // the head of a message that is not served
     } reserve;
     LinesPerPeer forgedResponses;  // receiving thread only
 };

@@ -245,7 +245,7 @@ private:
     void countReturnedCall_(Transport::TerminationId target);
     void reportUnexpected_(TreflectMessage const& response);
     void reportForged_(TreflectMessage const& response, Transport::TerminationId target);
-    void enqueue_(Transport::AddressedMessage const& message);
+    bool enqueue_(Transport::AddressedMessage const& message);
     void sendBack_(Transport::AddressedMessage const& message);
     void holdBack_(Transport::TerminationId sender);
     /** Takes from a sender that was held back again; does nothing for none. Any thread. */
