@@ -1,14 +1,15 @@
 #include "reflect/CallGate.h"
 
 #include "oswrap/ConditionVar.h"
+#include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 
 namespace {
 
 /** Shared by all gates and never destroyed. A leaf lock. */
 OSWrap::ConditionVar& lastVisitorLeft() {
-    static OSWrap::ConditionVar& condition = *new OSWrap::ConditionVar;
-    return condition;
+    static OSWrap::Immortal<OSWrap::ConditionVar> condition;
+    return *condition;
 }
 
 }  // namespace

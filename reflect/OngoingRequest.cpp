@@ -7,6 +7,7 @@
 #include "handler_threads/PermissionWaiter.h"
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
+#include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectMessage.h"
 #include "reflect/TreflectORB.h"
@@ -30,8 +31,8 @@ struct FreeRecords {
 
 /** Never destroyed: threads may end later than everything else. */
 FreeRecords& freeRecords() {
-    static FreeRecords& list = *new FreeRecords;
-    return list;
+    static OSWrap::Immortal<FreeRecords> list;
+    return *list;
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The pool behind operator new and delete of TreflectMessage: a response is allocated by the
 // receiving thread and freed by the thread that waited for it, call after call.
+#include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectMessage.h"
 
@@ -10,8 +11,8 @@ class CellPool {
 public:
     /** Never destroyed: messages are freed up to the very end of the process. */
     static CellPool& instance() {
-        static CellPool& pool = *new CellPool;
-        return pool;
+        static OSWrap::Immortal<CellPool> pool;
+        return *pool;
     }
 
     /** A kept cell, or null. */

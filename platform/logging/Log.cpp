@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "SinkRegistry.h"
 #include "oswrap/CancelGuards.h"
@@ -74,8 +75,12 @@ void setActor(char const* name) {
     ActorName* known = actorNames;
     while (known != nullptr && std::strcmp(known->name, name) != 0)
         known = known->next;
-    if (known == nullptr)
-        known = actorNames = new ActorName{strdup(name), actorNames};
+    if (known == nullptr) {
+        char* const copy = strdup(name);
+        if (copy == nullptr)
+            throw std::bad_alloc();
+        known = actorNames = new ActorName{copy, actorNames};
+    }
     actor.store(known->name, std::memory_order_release);
 }
 

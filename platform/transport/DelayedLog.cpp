@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "oswrap/OutOfMemory.h"
+
 namespace Transport {
 namespace {
 
@@ -37,10 +39,10 @@ void DelayedLog::add(int level, int line, char const* source, char const* format
     va_start(arguments, format);
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    if (collecting != nullptr)
-        collecting->records_.push_back({level, line, source, text});
-    else
+    if (collecting == nullptr)
         emit(level, line, source, text);
+    else  // without memory for it a record is lost, and not what it tells of
+        OSWrap::withMemory([&] { collecting->records_.push_back({level, line, source, text}); });
 }
 
 void DelayedLog::addHeldBack(unsigned long count, int level, int line, char const* source) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Mutex.h"
 #include "platform/transport/local/Fork.h"
@@ -137,8 +138,8 @@ private:
 
 /** Never destroyed: messages may be freed late in the process's end. */
 CommonStore& commonStore() {
-    static CommonStore& store = *new CommonStore;
-    return store;
+    static OSWrap::Immortal<CommonStore> store;
+    return *store;
 }
 
 /** Plain data, so that it can be used until the thread's very end, whichever destructor of

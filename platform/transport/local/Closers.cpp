@@ -6,6 +6,7 @@
 #include <new>
 
 #include "oswrap/ConditionVar.h"
+#include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
@@ -69,8 +70,8 @@ void closePatiently(int fd) {
 class Closers {
 public:
     static Closers& instance() {
-        static Closers& closers = *new Closers;
-        return closers;
+        static OSWrap::Immortal<Closers> closers;
+        return *closers;
     }
 
     void take(int fd);

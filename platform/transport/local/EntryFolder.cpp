@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
@@ -205,24 +206,36 @@ bool EntryFolder::isOf(pid_t process, std::string const& file) {
     return file.find(".pid" + std::to_string(process) + ".") != std::string::npos;
 }
 
+namespace {
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+}  // namespace
+
 std::vector<FolderEntry> EntryFolder::list() const {
     std::vector<FolderEntry> entries;
     // A descriptor of its own: those that are duplicated share their place in the folder.
     int const descriptor = withEnoughDescriptors([this] {
         return ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     });
-    DIR* const folder = descriptor >= 0 ? ::fdopendir(descriptor) : nullptr;
+    std::unique_ptr<DIR, CloseFolder> const folder(descriptor >= 0 ? ::fdopendir(descriptor)
+                                                                   : nullptr);
     if (folder == nullptr) {
+        bool const noMemory = errno == ENOMEM;
         static Logging::LineLimit limit;
         TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Cannot read the rendezvous folder %s: %s",
                               path_.c_str(), std::strerror(errno));
         if (descriptor >= 0)
             ::close(descriptor);
+        if (noMemory)
+            throw std::bad_alloc();  // an empty folder is something else
         return entries;
     }
     std::size_t const prefix = std::strlen(kHiddenPrefix);
     while (entries.size() < kMostEntries) {
-        dirent const* const found = ::readdir(folder);
+        dirent const* const found = ::readdir(folder.get());
         if (found == nullptr)
             break;
         bool const hidden = std::strncmp(found->d_name, kHiddenPrefix, prefix) == 0;
@@ -230,7 +243,6 @@ std::vector<FolderEntry> EntryFolder::list() const {
         if (id && (found->d_type == DT_SOCK || found->d_type == DT_UNKNOWN))
             entries.push_back({*id, found->d_name, hidden});
     }
-    ::closedir(folder);
     return entries;
 }
 

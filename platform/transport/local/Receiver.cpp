@@ -87,11 +87,11 @@ bool Receiver::prepare() {
 bool Receiver::start(OpenSocket listening) {
     if (!acceptor_.listen(std::move(listening)))
         return false;
+    auto* thread = new ReceivingThread(shared_from_this());
     {
         OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
         started_ = true;
     }
-    auto* thread = new ReceivingThread(shared_from_this());
     if (thread->start())
         return true;
     delete thread;

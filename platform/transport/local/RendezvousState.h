@@ -80,6 +80,7 @@ private:
     bool lockNames() OSW_REQUIRES(mutex_);
     long long timeToKnock();
 
+    struct Departed;
     struct Scan;
     void scan();
     bool beginScan(Scan& scan);

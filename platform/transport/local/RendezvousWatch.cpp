@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
@@ -209,18 +210,37 @@ void Rendezvous::State::knocked() {
 
 // ---- Who came and went --------------------------------------------------------------------------
 
+/** Tells at its end who has left the table, also when memory has run out before the work was done:
+ * whoever does it again finds them no more. Not under a lock. */
+struct Rendezvous::State::Departed {
+    explicit Departed(State& rendezvous) : state(rendezvous) {}
+    ~Departed() {
+        state.tell(gone);
+        if (announce)
+            state.folder.load()->announce();
+    }
+    Departed(Departed const&) = delete;
+    Departed& operator=(Departed const&) = delete;
+
+    State& state;
+    PresenceTable::Departures gone;
+    bool announce = false;  // so that the others scan, too
+};
+
 /** What one scan has found so far. */
 struct Rendezvous::State::Scan {
+    explicit Scan(Departed& left) : departed(left) {}
+
+    Departed& departed;
     std::vector<FolderEntry> entries;
     bool knock = false;               // at those whose locks are not in the file in use
     std::vector<TerminationId> seen;  // of the table, by the files that the table knows
-    PresenceTable::Departures gone;
-    bool removed = false;  // entries of dead ones
 };
 
 /** Makes the table what the folder says. */
 void Rendezvous::State::scan() {
-    Scan scan;
+    Departed departed(*this);
+    Scan scan(departed);
     {
         DelayedLog const delayed;
         if (!beginScan(scan))
@@ -232,9 +252,6 @@ void Rendezvous::State::scan() {
         if (first >= scan.entries.size())
             dropMissing(scan);
     }
-    tell(scan.gone);
-    if (scan.removed)
-        folder.load()->announce();
 }
 
 bool Rendezvous::State::beginScan(Scan& scan) {
@@ -279,10 +296,10 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
         return;
     pid_t const owner = files.ownerOf(entry.id.nameId());
     bool const free = owner == EntryFolder::kFree;
-    if (!free && !own && !known && !entry.hidden && admit(entry, owner, scan.gone)) {
+    if (!free && !own && !known && !entry.hidden && admit(entry, owner, scan.departed.gone)) {
         scan.seen.push_back(entry.id);
     } else if (free && files.probe(entry.file) == EntryFolder::Socket::Dead) {
-        scan.removed = (!known && removeLeft(entry)) || scan.removed;
+        scan.departed.announce = (!known && removeLeft(entry)) || scan.departed.announce;
     } else if (scan.knock && !own && !isProven(entry, owner)) {
         files.knock(entry.file);
     }
@@ -318,7 +335,7 @@ void Rendezvous::State::dropMissing(Scan& scan) {
     std::sort(scan.seen.begin(), scan.seen.end());
     for (PresenceTable::Known const& known : table.notAmong(scan.seen))
         if (own_.count(known.id) == 0 && !folder.load()->contains(known.entry.file))
-            table.drop(known.id, scan.gone);
+            table.drop(known.id, scan.departed.gone);
     missOwn();
 }
 
@@ -393,7 +410,13 @@ void Rendezvous::State::checkSuspects() {
         OSWrap::Lock<> lock(suspectsMutex_);
         suspects.swap(suspects_);
     }
-    check(suspects);
+    if (OSWrap::withMemory([&] { check(suspects); }))
+        return;
+    {
+        OSWrap::Lock<> lock(suspectsMutex_);
+        suspects_.merge(suspects);  // needs no memory
+    }
+    throw std::bad_alloc();
 }
 
 /**
@@ -402,8 +425,7 @@ void Rendezvous::State::checkSuspects() {
  * announced by its watchers, and the scans that follow find both.
  */
 void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
-    PresenceTable::Departures gone;
-    bool removed = false;
+    Departed departed(*this);
     if (!suspects.empty()) {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
@@ -412,12 +434,9 @@ void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
             PresenceTable::Known known{id, {}};
             if (own_.count(id) == 0 && table.find(id, known.entry) &&
                 isDead(known, Process::Unknown))
-                removed = bury(known, gone) || removed;
+                departed.announce = bury(known, departed.gone) || departed.announce;
         }
     }
-    tell(gone);
-    if (removed)
-        folder.load()->announce();
 }
 
 /**
@@ -430,26 +449,23 @@ void Rendezvous::State::checkProcess(NeighbourWatch::Suspect const& suspect) {
     auto const file = folder.load()->file();
     std::uint32_t const before = file->announcements();
     Process const process = suspect.ended ? Process::Ended : Process::Unknown;
-    PresenceTable::Departures gone;
+    Departed departed(*this);
     bool removed = false;
     {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
         renew();
         for (PresenceTable::Known const& known : table.ownedBy(suspect.pid))
-            if (own_.count(known.id) == 0 && isDead(known, process))
-                removed = bury(known, gone) || removed;
+            if (own_.count(known.id) == 0 && isDead(known, process)) {
+                removed = bury(known, departed.gone) || removed;
+                departed.announce = removed || file->announcements() == before;
+            }
     }
-    if (gone.ids().empty())
-        return;
     static Logging::LineLimit limit;
     if (removed)
         REFLECTORB_LOG_LIMITED(limit, 5, kSource,
                                "Process %d has gone without withdrawing its terminations",
                                static_cast<int>(suspect.pid));
-    tell(gone);
-    if (removed || file->announcements() == before)
-        folder.load()->announce();
 }
 
 }  // namespace Transport
