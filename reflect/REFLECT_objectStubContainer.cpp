@@ -1,7 +1,9 @@
 #include <cstring>
 #include <functional>
+#include <new>
 #include <string_view>
 
+#include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
 
@@ -59,11 +61,14 @@ bool TreflectObjectStubContainer::comesBefore(TreflectObjectStub const& a,
 void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
     if (!stub)
         return;
-    stubs_.emplace(hashOf(keyOf(*stub)), stub);
+    TipprmiObjectSkeleton* const server = stub->getServer();
+    auto const filed = stubs_.emplace(hashOf(keyOf(*stub)), stub);
+    if (server && !OSWrap::withMemory([&] { local_.emplace(server, stub); })) {
+        stubs_.erase(filed);
+        throw std::bad_alloc();
+    }
     stub->filedAs_ = ++entered_;
-    stub->filedServer_ = stub->getServer();
-    if (stub->filedServer_)
-        local_.emplace(stub->filedServer_, stub);
+    stub->filedServer_ = server;
 }
 
 bool TreflectObjectStubContainer::erase(TreflectObjectStub* stub) {

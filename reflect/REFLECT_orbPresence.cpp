@@ -57,7 +57,9 @@ void TreflectORB::disappeare(Transport::Termination& termination) {
     {
         TreflectHandlerState const handlerState(true);
         TreflectOrbId const id = convertId(gone);
-        TreflectObjectHandler::getInstance()->invalidateStubs(id);
+        // Without memory for a handler there are no stubs.
+        if (TreflectObjectHandler* const handler = TreflectObjectHandler::getInstance())
+            handler->invalidateStubs(id);
         parts_->presentOrbs.remove(gone);  // only now: a call that fails meanwhile does the same
         parts_->knownOrbClasses.erase(gone);
         parts_->missedCreations.forget(id);

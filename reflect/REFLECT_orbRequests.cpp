@@ -156,9 +156,11 @@ bool TreflectORB::OutgoingCall::failed(int code) {
 /** Its departure may be told only after the call has failed. Who sees the failure is to find the
  * handle invalid already, and no connection that fails again. */
 void TreflectORB::OutgoingCall::forgetGoneTarget() {
-    if (!Transport::TransportLayer::instance().exists(target_) &&
-        orb_.parts_->presentOrbs.remove(target_))
-        TreflectObjectHandler::getInstance()->invalidateStubs(orb_.convertId(target_));
+    if (Transport::TransportLayer::instance().exists(target_) ||
+        !orb_.parts_->presentOrbs.remove(target_))
+        return;
+    if (TreflectObjectHandler* const handler = TreflectObjectHandler::getInstance())
+        handler->invalidateStubs(orb_.convertId(target_));
 }
 
 bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,

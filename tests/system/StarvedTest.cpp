@@ -1,6 +1,6 @@
-// Memory that runs out, at every single allocation of a call, a search, a notice and of a server
-// that meets a stranger. What is asked for just then may fail; nobody ends, hangs or loses anything
-// for good.
+// Memory that runs out, at every single allocation of a call, a search, a notice and of two who
+// meet for the first time. What is asked for just then may fail; nobody ends, hangs or loses
+// anything for good.
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,9 +61,11 @@ protected:
     StarvedActor client;
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, StarvedTest, ::testing::Values(0, 3), [](auto const& more) {
+std::string howMany(testing::TestParamInfo<unsigned long> const& more) {
     return more.param == 0 ? "OneAllocation" : "FourAllocations";
-});
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, StarvedTest, ::testing::Values(0, 3), howMany);
 
 TEST_P(StarvedTest, callsFailOrAreAnswered) {
     for (std::size_t const size : {10u, 3000u, 700u * 1024}) {
@@ -79,7 +81,14 @@ TEST_P(StarvedTest, callsFailOrAreAnswered) {
 /** So many processes are started at the same time: they take their time to come up. */
 constexpr unsigned long kAtOnce = 8;
 
-TEST_P(StarvedTest, strangersFailOrMeetAServer) {
+class StarvedMeetingTest : public StarvedTest {
+protected:
+    enum class Starved { server, stranger };
+    /** Has each stranger meet the server once while the next allocation of one of them fails. */
+    void meet(Starved who);
+};
+
+void StarvedMeetingTest::meet(Starved who) {
     bool more = true;
     for (unsigned long n = 1; more && n < kMost && !HasFailure();) {
         std::vector<std::unique_ptr<StarvedActor>> strangers;
@@ -91,11 +100,22 @@ TEST_P(StarvedTest, strangersFailOrMeetAServer) {
             EXPECT_EQ(stranger->await("served"), "1");
         for (auto const& stranger : strangers) {
             SCOPED_TRACE(n);
-            more = more && fails(server, n++, [&] { stranger->ask("call server 10", "called"); });
+            StarvedActor& starved = who == Starved::server ? server : *stranger;
+            more = more && fails(starved, n++, [&] { stranger->ask("call server 10", "called"); });
             EXPECT_TRUE(stranger->does("call server 10", "called"));
         }
     }
     finish();
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, StarvedMeetingTest, ::testing::Values(0, 3), howMany);
+
+TEST_P(StarvedMeetingTest, strangersFailOrMeetAStarvedServer) {
+    meet(Starved::server);
+}
+
+TEST_P(StarvedMeetingTest, starvedStrangersFailOrMeetAServer) {
+    meet(Starved::stranger);
 }
 
 TEST_P(StarvedTest, searchesFailOrFind) {
