@@ -9,6 +9,8 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "FuzzProcess.h"
 #include "Script.h"
@@ -80,13 +82,16 @@ struct Answer {
     std::string payload;
 };
 
+std::string bigEndian(std::size_t number) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes += static_cast<char>(number >> shift);
+    return bytes;
+}
+
 /** A stream of `data`, with some unused room. */
 std::string streamOf(std::string const& data) {
-    auto const size = static_cast<std::uint32_t>(data.size());
-    std::string stream;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        stream += static_cast<char>(size >> shift);
-    return stream + data + std::string(data.size() % 3, '\xCC');
+    return bigEndian(data.size()) + data + std::string(data.size() % 3, '\xCC');
 }
 
 class Peer : public Transport::TerminationImpl {
@@ -226,49 +231,27 @@ public:
         : objects_(objects), target_(target), argument_(argument) {}
 
     void operator()(unsigned int which) {
-        switch (which % 12) {
-            case 0:
-                target_.getAbsName();
-                break;
-            case 1:
-                target_.getChild(target_.getRelName());
-                break;
-            case 2:
-                walk();
-                break;
-            case 3:
-                target_.registerChild(argument_, target_);
-                target_.unregisterChild(argument_);
-                break;
-            case 4:
-                invoke();
-                break;
-            case 5:
-                attributes();
-                break;
-            case 6:
-                watchCalls();
-                break;
-            case 7:
-                watchObjects();
-                break;
-            case 8:
-                TreflectORB::getInstance(NSID_UNIT)->getBrokers();
-                break;
-            case 9:
-                TreflectObject(TipprmiOID(argument_, NSID_UNIT)).meta();
-                break;
-            case 10:
-                objects_.house.sendCreationEvent();
-                objects_.house.sendDeletionEvent();
-                break;
-            default:
-                call();
-                break;
-        }
+        // Their order is that of the corpus.
+        static std::vector<void (Use::*)()> const uses = {
+            &Use::name,    &Use::child,      &Use::walk,       &Use::adopt,
+            &Use::invoke,  &Use::attributes, &Use::watchCalls, &Use::watchObjects,
+            &Use::brokers, &Use::find,       &Use::tell,       &Use::call};
+        (this->*uses[which % uses.size()])();
     }
 
 private:
+    void name() { target_.getAbsName(); }
+    void child() { target_.getChild(target_.getRelName()); }
+    void adopt() {
+        target_.registerChild(argument_, target_);
+        target_.unregisterChild(argument_);
+    }
+    void brokers() { TreflectORB::getInstance(NSID_UNIT)->getBrokers(); }
+    void find() { TreflectObject(TipprmiOID(argument_, NSID_UNIT)).meta(); }
+    void tell() {
+        objects_.house.sendCreationEvent();
+        objects_.house.sendDeletionEvent();
+    }
     void walk() {
         TipprmiSequence<TreflectObject, 0u> const children = target_.getChilds();
         for (unsigned int i = 0; i < std::min(children.getLength(), 4u); ++i)
@@ -297,36 +280,23 @@ private:
         attribute.get(value);
         attribute.set(value);
     }
+    void elements(char const*) {
+        bool lit = false;
+        target_.attribute("Switches")[2].get(lit);
+        target_.attribute("Others")[1].attribute("Level").get(objects_.house.level);
+    }
     void attributes() {
-        switch (argument_.size() % 8) {
-            case 0:
-                exchange<unsigned int>("Level");
-                break;
-            case 1:
-                exchange<std::string>("Label");
-                break;
-            case 2:
-                exchange<TipprmiAny>("Extra");
-                break;
-            case 3:
-                exchange<TipprmiSequence<unsigned int, 0u>>("Codes");
-                break;
-            case 4:
-                exchange<Colour>("Colour");
-                break;
-            case 5:
-                exchange<TreflectObject>("Next");
-                break;
-            case 6: {
-                bool lit = false;
-                target_.attribute("Switches")[2].get(lit);
-                target_.attribute("Others")[1].attribute("Level").get(objects_.house.level);
-                break;
-            }
-            default:
-                exchange<TipprmiSequence<TreflectObject, 0u>>("Crowd");
-                break;
-        }
+        static std::vector<std::pair<char const*, void (Use::*)(char const*)>> const all = {
+            {"Level", &Use::exchange<unsigned int>},
+            {"Label", &Use::exchange<std::string>},
+            {"Extra", &Use::exchange<TipprmiAny>},
+            {"Codes", &Use::exchange<TipprmiSequence<unsigned int, 0u>>},
+            {"Colour", &Use::exchange<Colour>},
+            {"Next", &Use::exchange<TreflectObject>},
+            {"", &Use::elements},
+            {"Crowd", &Use::exchange<TipprmiSequence<TreflectObject, 0u>>}};
+        auto const& [name, use] = all[argument_.size() % all.size()];
+        (this->*use)(name);
     }
     void watchCalls() {
         TreflectOperation& operation = target_.operation("setLevel");
@@ -380,35 +350,23 @@ private:
         auto const step = static_cast<unsigned char>((head & kStepBits) % kSteps);
         std::string const text = filledIn(script.text());
         std::string const payload = (head & kRaw) != 0 ? text : streamOf(text);
-        switch (step) {
-            case kResponse:
-            case kNoDestination:
-                ++tally.responses;
-                deliver(peer_.make(idIn(text), TreflectMessage::tPayload,
-                                   step == kResponse ? TreflectMessage::kResponse
-                                                     : TreflectMessage::kNoDestination,
-                                   payload));
-                break;
-            case kAnswer:
-                peer_.willAnswer({TreflectMessage::kResponse, payload});
-                break;
-            case kUndeliverable:
-                peer_.willAnswer({TreflectMessage::kNoDestination, payload});
-                break;
-            case kWholeMessage:
-                deliverWhole(text);
-                break;
-            case kUse:
-                use(text);
-                break;
-            case kOneWay:
-                deliver(peer_.make(++lastId_, TreflectMessage::tPayload, TreflectMessage::kMsg,
-                                   payload));
-                break;
-            default:
-                deliver(peer_.make(++lastId_, onlyType_.value_or(step), TreflectMessage::kRequest,
-                                   payload));
-                break;
+        bool const isResponse = step == kResponse || step == kAnswer;
+        auto const kind = isResponse ? TreflectMessage::kResponse : TreflectMessage::kNoDestination;
+        if (step == kResponse || step == kNoDestination) {
+            ++tally.responses;
+            deliver(peer_.make(idIn(text), TreflectMessage::tPayload, kind, payload));
+        } else if (step == kAnswer || step == kUndeliverable) {
+            peer_.willAnswer({kind, payload});
+        } else if (step == kWholeMessage) {
+            deliverWhole(text);
+        } else if (step == kUse) {
+            use(text);
+        } else if (step == kOneWay) {
+            deliver(
+                peer_.make(++lastId_, TreflectMessage::tPayload, TreflectMessage::kMsg, payload));
+        } else {
+            deliver(peer_.make(++lastId_, onlyType_.value_or(step), TreflectMessage::kRequest,
+                               payload));
         }
     }
 
@@ -416,24 +374,17 @@ private:
     std::uint32_t number(unsigned char which, unsigned char k) {
         constexpr unsigned int kClasses[] = {device::kClass, lamp::kClass, heater::kClass,
                                              combi::kClass, TreflectObserverSkeleton::kClassId};
-        switch (which % 4) {
-            case 0:
-                return (*objects_)[k].getInternalOID();
-            case 1:
-                return orb().orbId().value();
-            case 2:
-                return orb().convertId(peer_.termId()).value();
-            default:
-                return kClasses[k % std::size(kClasses)];
-        }
+        std::uint32_t const all[] = {(*objects_)[k].getInternalOID(), orb().orbId().value(),
+                                     orb().convertId(peer_.termId()).value(),
+                                     kClasses[k % std::size(kClasses)]};
+        return all[which % 4];
     }
     std::string filledIn(std::string text) {
         for (std::size_t at = text.find("\xFE\xED");
              at != std::string::npos && at + 4 <= text.size(); at = text.find("\xFE\xED", at + 4)) {
-            std::uint32_t const value = number(static_cast<unsigned char>(text[at + 2]),
-                                               static_cast<unsigned char>(text[at + 3]));
-            for (std::size_t i = 0; i < 4; ++i)
-                text[at + i] = static_cast<char>(value >> (24 - 8 * i));
+            text.replace(at, 4,
+                         bigEndian(number(static_cast<unsigned char>(text[at + 2]),
+                                          static_cast<unsigned char>(text[at + 3]))));
         }
         return text;
     }
@@ -473,20 +424,15 @@ private:
         if (message.kind() == TreflectMessage::kResponse ||
             message.kind() == TreflectMessage::kNoDestination)
             return false;
-        switch (message.type()) {
-            case TreflectMessage::tPayload: {
-                TipprmiStream stream(message, false);
-                unsigned int ioid = 0;
-                bool transaction = false;
-                stream >> ioid >> transaction;
-                return transaction;
-            }
-            case TreflectMessage::tUndef:
-            case TreflectMessage::tOrbAppeared:
-                return false;
-            default:
-                return message.type() <= TreflectMessage::tPerfCounters;
-        }
+        if (message.type() != TreflectMessage::tPayload)
+            return message.type() != TreflectMessage::tUndef &&
+                   message.type() != TreflectMessage::tOrbAppeared &&
+                   message.type() <= TreflectMessage::tPerfCounters;
+        TipprmiStream stream(message, false);
+        unsigned int ioid = 0;
+        bool transaction = false;
+        stream >> ioid >> transaction;
+        return transaction;
     }
     /** What was sent before has been taken up when a search is answered. */
     void passThrough() { exchange(TreflectMessage::tResolve, std::string(8, '\0')); }
@@ -517,12 +463,8 @@ private:
 
     /** Nothing runs in the objects any more, and nobody is subscribed to their classes. */
     void settle() {
-        for (unsigned int const id : {lamp::kClass, combi::kClass}) {
-            std::string data;
-            for (int shift = 24; shift >= 0; shift -= 8)
-                data += static_cast<char>(id >> shift);
-            exchange(TreflectMessage::tOCNUnsubscribe, data);
-        }
+        for (unsigned int const id : {lamp::kClass, combi::kClass})
+            exchange(TreflectMessage::tOCNUnsubscribe, bigEndian(id));
         if (!testsupport::eventually([] { return running == 0; }))
             std::abort();
     }
