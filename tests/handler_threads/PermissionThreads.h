@@ -1,6 +1,8 @@
 // Threads and questions that the tests of the run permission share.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include "Threads.h"
 #include "Waiting.h"
 #include "handler_threads.h"
@@ -22,5 +24,10 @@ inline bool nothingLeft() {
     return Run::getRunPermissionOwner() == 0 && Run::getRunPermissionCount() == 0 &&
            Run::handlerThreads().size() == 0 && Run::handlerThreads().getPermissionWaiters() == 0;
 }
+
+class PermissionTest : public testing::Test {
+protected:
+    ~PermissionTest() override { EXPECT_TRUE(nothingLeft()); }
+};
 
 }  // namespace permissiontest

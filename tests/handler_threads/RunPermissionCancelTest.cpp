@@ -15,10 +15,8 @@ using testsupport::kPatience;
 
 namespace {
 
-class RunPermissionCancel : public testing::Test {
+class RunPermissionCancel : public PermissionTest {
 protected:
-    ~RunPermissionCancel() override { EXPECT_TRUE(nothingLeft()); }
-
     std::unique_ptr<TestThread> queuedThread() {
         unsigned long const before = Run::handlerThreads().getPermissionWaiters();
         auto thread = std::make_unique<TestThread>([this] {

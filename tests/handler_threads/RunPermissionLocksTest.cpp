@@ -16,10 +16,7 @@ using testsupport::LogCapture;
 
 namespace {
 
-class RunPermissionGuards : public testing::Test {
-protected:
-    ~RunPermissionGuards() override { EXPECT_TRUE(nothingLeft()); }
-};
+class RunPermissionGuards : public PermissionTest {};
 
 enum State { none, handler, holder };
 
@@ -113,10 +110,8 @@ bool lockIsFree(Lockable& lockable) {
 }
 
 template <class Lockable>
-class RunPermissionLocks : public testing::Test {
+class RunPermissionLocks : public PermissionTest {
 protected:
-    ~RunPermissionLocks() override { EXPECT_TRUE(nothingLeft()); }
-
     static constexpr bool kAlwaysReleases = std::is_same_v<Lockable, OSWrap::RunPermMutex> ||
                                             std::is_same_v<Lockable, OSWrap::RunPermConditionVar>;
     Lockable lockable_;
@@ -204,9 +199,8 @@ TEST_F(RunPermissionGuards, CountedMutexCounts) {
 }
 
 template <class Condition>
-class RunPermissionConditions : public testing::Test {
+class RunPermissionConditions : public PermissionTest {
 protected:
-    ~RunPermissionConditions() override { EXPECT_TRUE(nothingLeft()); }
     Condition condition_;
 };
 

@@ -54,10 +54,8 @@ struct Creation {
     std::unique_ptr<UserOfPermissionAtEnd> earlierKey;
 } const creation;
 
-class RunPermission : public testing::Test {
+class RunPermission : public PermissionTest {
 protected:
-    ~RunPermission() override { EXPECT_TRUE(nothingLeft()); }
-
     /** The next `threads` that ask for the permission queue behind each other in this order, each
      * writes its number when it has its turn. */
     void queueUp(int threads) {
