@@ -51,22 +51,14 @@ public:
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        if (mc >= kTwo && mc < kTwo + 7)
-            return serve(kClass, cc, mc, in, out, &Server::two);
-        switch (mc) {
-            case kJoin:
-                return serve(kClass, cc, mc, in, out, &Server::join);
-            case kRefuse:
-                return serve(kClass, cc, mc, in, out, &Server::refuse);
-            case kCounted:
-                return serve(kClass, cc, mc, in, out, &Server::counted);
-            case kGetOwner:
-                return serve(kClass, cc, mc, in, out, &Server::getOwner);
-            case kSetOwner:
-                return serve(kClass, cc, mc, in, out, &Server::setOwner);
-            default:
-                return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
+        return mc >= kTwo && mc < kTwo + 7 ? by(&Server::two)
+               : mc == kJoin               ? by(&Server::join)
+               : mc == kRefuse             ? by(&Server::refuse)
+               : mc == kCounted            ? by(&Server::counted)
+               : mc == kGetOwner           ? by(&Server::getOwner)
+               : mc == kSetOwner           ? by(&Server::setOwner)
+                                 : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
     }
 
     std::string join(std::string const& text, unsigned int number) {

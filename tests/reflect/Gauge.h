@@ -45,16 +45,12 @@ public:
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        switch (mc) {
-            case gauge::kGet:
-                return serve(gauge::kClass, cc, mc, in, out, &Gauge::get);
-            case gauge::kSet:
-                return serve(gauge::kClass, cc, mc, in, out, &Gauge::set);
-            case gauge::kReset:
-                return serve(gauge::kClass, cc, mc, in, out, &Gauge::reset);
-            default:
-                return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(gauge::kClass, cc, mc, in, out, method); };
+        return mc == gauge::kGet   ? by(&Gauge::get)
+               : mc == gauge::kSet ? by(&Gauge::set)
+               : mc == gauge::kReset
+                   ? by(&Gauge::reset)
+                   : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
     }
 
     unsigned int get() const {

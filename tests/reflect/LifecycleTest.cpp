@@ -20,6 +20,13 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
+/** Forwards a call that is written by hand. */
+bool forward(TreflectORB& orb, TreflectOrbId target, TipprmiStream& response) {
+    TipprmiStream request(100);
+    request << 1u << true << 2u << 3;
+    return orb.forwardMsg(target, true, request, response);
+}
+
 class LifecycleTest : public BrokerTest {};
 
 TEST_F(LifecycleTest, logSinkMayAskForTheBrokerThatIsBeingMade) {
@@ -68,12 +75,9 @@ TEST_F(LifecycleTest, deletionEndsOutstandingCallsAndKeepsThePermission) {
     std::vector<std::thread> callers;
     for (std::size_t i = 0; i < kCallers; ++i)
         callers.emplace_back([&] {
-            TipprmiStream request(100);
             TipprmiStream response(100);
-            request << 1u << true << 2u << 3;
             TreflectHandlerState const handlerState(true);
-            TreflectOrbId const target = orb().convertId(peer.termId());
-            EXPECT_FALSE(orb().forwardMsg(target, true, request, response));
+            EXPECT_FALSE(forward(orb(), orb().convertId(peer.termId()), response));
         });
     peer.await(kCallers - 1);
     {
@@ -111,10 +115,8 @@ TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
 
 /** A call to nobody in particular. */
 bool callFails(TreflectORB& orb) {
-    TipprmiStream request(100);
     TipprmiStream response(100);
-    request << 1u << true << 2u << 3;
-    return !orb.forwardMsg(TreflectOrbId(9, 1, NSID_UNIT), true, request, response) &&
+    return !forward(orb, TreflectOrbId(9, 1, NSID_UNIT), response) &&
            ProbeClient::read(false, response).exceptionType == 1;
 }
 
@@ -237,10 +239,8 @@ public:
 
     bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
         TreflectORB& node = *TreflectORB::getInstance(NSID_NODE);
-        TipprmiStream request(100);
         TipprmiStream response(100);
-        request << 1u << true << 2u << 3;
-        return node.forwardMsg(node.convertId(next_), true, request, response);
+        return forward(node, node.convertId(next_), response);
     }
 
 private:

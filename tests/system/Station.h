@@ -85,32 +85,19 @@ public:
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        switch (mc) {
-            case kRotate:
-                return serve(cc, mc, in, out, &Server::rotate);
-            case kAdd:
-                return serve(cc, mc, in, out, &Server::add);
-            case kTotal:
-                return serve(cc, mc, in, out, &Server::total);
-            case kRefuse:
-                return serve(cc, mc, in, out, &Server::refuse);
-            case kFlip:
-                return serve(cc, mc, in, out, &Server::flip);
-            case kExtend:
-                return serve(cc, mc, in, out, &Server::extend);
-            case kSame:
-                return serve(cc, mc, in, out, &Server::same);
-            case kSum:
-                return serve(cc, mc, in, out, &Server::sum);
-            case kVisit:
-                return serve(cc, mc, in, out, &Server::visit);
-            case kIdentify:
-                return serve(cc, mc, in, out, &Server::identify);
-            case kPeek:
-                return serve(cc, mc, in, out, &Server::peek);
-            default:
-                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(cc, mc, in, out, method); };
+        return mc == kRotate     ? by(&Server::rotate)
+               : mc == kAdd      ? by(&Server::add)
+               : mc == kTotal    ? by(&Server::total)
+               : mc == kRefuse   ? by(&Server::refuse)
+               : mc == kFlip     ? by(&Server::flip)
+               : mc == kExtend   ? by(&Server::extend)
+               : mc == kSame     ? by(&Server::same)
+               : mc == kSum      ? by(&Server::sum)
+               : mc == kVisit    ? by(&Server::visit)
+               : mc == kIdentify ? by(&Server::identify)
+               : mc == kPeek     ? by(&Server::peek)
+                                 : TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
     }
 
     unsigned int total() const { return total_; }

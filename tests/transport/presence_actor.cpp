@@ -235,19 +235,15 @@ std::string identity() {
 
 bool configure(std::string const& what, std::string const& value) {
     using Transport::Setup;
-    if (what == "slot")
-        return Setup::slot(std::atoi(value.c_str()));
-    if (what == "active")
-        return Setup::activeSlot(std::atoi(value.c_str()));
-    if (what == "actor")
-        return Setup::actor(value);
-    if (what == "directory")
-        return Setup::directory(value);
     std::vector<int> slots;
     std::istringstream numbers(value);
     for (std::string number; std::getline(numbers, number, ',');)
         slots.push_back(std::atoi(number.c_str()));
-    return Setup::axuSlots(slots);
+    return what == "slot"        ? Setup::slot(slots.at(0))
+           : what == "active"    ? Setup::activeSlot(slots.at(0))
+           : what == "actor"     ? Setup::actor(value)
+           : what == "directory" ? Setup::directory(value)
+                                 : Setup::axuSlots(slots);
 }
 
 /** The answer to a command, if it has any. */
