@@ -33,10 +33,8 @@ public:
     int work;
 };
 
-class TurnExchangeTest : public testing::Test {
+class TurnExchangeTest : public PermissionTest {
 protected:
-    ~TurnExchangeTest() override { EXPECT_TRUE(nothingLeft()); }
-
     /** Takes the permission, as the tests' thread does most of the time. */
     struct Holder {
         Holder() { Run::enterHandlerState(true); }
