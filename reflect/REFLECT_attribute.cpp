@@ -185,6 +185,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, Text& text) {
 
 }  // namespace
 
+template <>
 int TreflectAttribute::get(char*& value) const {
     Text text;
     int const result = get(text);

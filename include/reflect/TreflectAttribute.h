@@ -70,14 +70,11 @@ public:
      * Reads the value: 0, or `error` for the null attribute. An element outside the array or the
      * sequence leaves `value` as it is. A call that failed leaves a handle unconnected and answers
      * 0 (ask it whether it is connected); a value of any other type it leaves as it is and answers
-     * `error`.
+     * `error`. A text that is read as char* is the caller's, who deletes it with delete[]; what
+     * `value` led to before is not deleted.
      */
     template <class T>
     int get(T& value) const;
-    /** The same for a text, which the caller deletes with delete[]; what `value` led to is not
-     * deleted.
-     */
-    int get(char*& value) const;
     /** The same, with the code of the failure; a default value for an element that is not there. */
     template <class T>
     TipprmiResult<T> fetch() const;
@@ -227,6 +224,8 @@ void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& r
     response >> value;
 }
 
+template <>
+REFLECTORB_API int TreflectAttribute::get(char*& value) const;
 template <>
 REFLECTORB_API TipprmiResult<char*> TreflectAttribute::fetch() const;
 

@@ -33,8 +33,8 @@ class TreflectServerObject;
  *
  * Threads: any thread may call (see each operation). Object code runs under the process-wide run
  * permission only, which is given up while a caller waits for a response. A broker that is being
- * deleted, or has been, fails all calls, and takes no objects and observers: fetch the pointer anew.
- * An old pointer never dangles, whenever it was fetched.
+ * deleted, or has been, fails all calls, takes no objects and no observers of objects, and tells
+ * of no brokers: fetch the pointer anew. An old pointer never dangles, whenever it was fetched.
  */
 class REFLECTORB_API TreflectORB : public Transport::TerminationImpl {
 public:
@@ -54,9 +54,10 @@ public:
     /**
      * Stops and deletes all brokers, in the order of their namespaces; afterwards they can be made
      * anew. Calls that are outstanding fail at once, requests that wait to be served are dropped,
-     * and those being served are waited for. Those that begin meanwhile fail and are not waited for. Any thread, also one that serves a request (which is
-     * not waited for); the run permission is given up meanwhile. Returns at once while another
-     * thread does the same, and in a forked child.
+     * and those being served are waited for. Calls that begin meanwhile fail and are not waited
+     * for. Any thread, also one that serves a request (which is not waited for); the run permission
+     * is given up meanwhile. Returns at once while another thread does the same, and in a forked
+     * child.
      */
     static void prepareForDeletion();
 
@@ -100,9 +101,8 @@ public:
     /**
      * Has `observer` told, by setSource and update, whenever an object of a class is created (or
      * deleted); `plusExisting`: and now of each that exists. True, but when the broker has been
-     * deleted. One that is registered several
-     * times is told once per event. Not owned: it leaves the lists when it is destroyed. Under the
-     * run permission.
+     * deleted. One that is registered several times is told once per event. Not owned: it leaves
+     * the lists when it is destroyed. Under the run permission.
      */
     bool observeCreations(unsigned int const& classId, TreflectObserver& observer,
                           bool plusExisting);
