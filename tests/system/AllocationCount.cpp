@@ -96,6 +96,9 @@ void* operator new[](std::size_t size, std::nothrow_t const& nothrow) noexcept {
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
+void operator delete(void* memory, std::nothrow_t const&) noexcept {
+    std::free(memory);
+}
 void operator delete[](void* memory) noexcept {
     std::free(memory);
 }
