@@ -61,8 +61,7 @@ protected:
     }
     bool allKnowAll(Peer const* exceptFor = nullptr) {
         return std::all_of(peers_.begin(), peers_.end(), [&](auto const& peer) {
-            std::size_t const count = peers_.size() - (&*peer == peers_.back().get() && exceptFor);
-            return &*peer == exceptFor || eventually([&] { return peer->knowsAll(count); });
+            return &*peer == exceptFor || eventually([&] { return peer->knowsAll(peers_.size()); });
         });
     }
 
@@ -78,7 +77,7 @@ TEST_P(ReplacedFileTest, nobodyIsBuriedAndAllMoveOverAlsoWhoIsStopped) {
     ASSERT_TRUE(stopped.child().stopWholly());
     GetParam().damage(shared());
     Peer& newcomer = startPeer();
-    EXPECT_TRUE(allKnowAll(&stopped)) << "the newcomer sees the stopped one once it goes on";
+    EXPECT_TRUE(allKnowAll(&stopped)) << "the newcomer sees the stopped one, too";
     EXPECT_TRUE(newcomer.reaches(peers_[0]->id()));
     EXPECT_TRUE(peers_[3]->reaches(newcomer.id()));
     stopped.child().signal(SIGCONT);
@@ -221,19 +220,50 @@ TEST_F(FolderTest, heldLocksGiveAClearErrorAtOnceAndStopNobodyElse) {
     EXPECT_TRUE(eventually([&] { return first.known() == 3 && second.known() == 3; }));
 }
 
-TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsSeenOnceItIsFree) {
+/** A socket that listens under a name in the folder. */
+Descriptor listenAt(std::string const& path) {
+    Descriptor listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listening.get(), 10), 0);
+    return listening;
+}
+
+TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
     Peer old;
     fs::remove(shared());
     std::ofstream(shared()) << std::string(4096, '\0');
     auto holder = std::make_unique<LockHolder>(shared(), 0x10001, 1);
     Peer newcomer;
-    EXPECT_TRUE(old.child().waitForErrorLine("newcomers do not see it"));
-    EXPECT_TRUE(eventually([&] { return old.knowsAll(2); }));
-    EXPECT_TRUE(newcomer.knowsAll(1));
-    holder.reset();
+    EXPECT_TRUE(old.child().waitForErrorLine("holds the name id"));
+    EXPECT_TRUE(eventually([&] { return old.knowsAll(2) && newcomer.knowsAll(2); }));
+    EXPECT_TRUE(old.reaches(newcomer.id())) << "the newcomer believes its Hello";
     Peer another;
-    EXPECT_TRUE(eventually([&] { return old.knowsAll(3) && newcomer.knowsAll(3); }));
-    EXPECT_TRUE(newcomer.reaches(old.id()));
+    EXPECT_TRUE(another.reaches(old.id()));
+    holder.reset();
+    Peer last;
+    for (Peer* peer : {&old, &newcomer, &another, &last})
+        EXPECT_TRUE(eventually([&] { return peer->knowsAll(4); }));
+}
+
+TEST_F(FolderTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
+    Peer old;
+    Peer friendly;
+    ASSERT_TRUE(eventually([&] { return old.knowsAll(2) && friendly.knowsAll(2); }));
+    fs::remove(shared());
+    std::ofstream(shared()) << std::string(4096, '\0');
+    LockHolder const lock(shared(), 0x10000 + old.id().nameId(), 1);
+    char entry[80];
+    std::snprintf(entry, sizeof entry, "/%08x.group3.slot1.pid%d.thief", old.id().value(),
+                  static_cast<int>(getpid()));
+    Descriptor const thief = listenAt(folder_.path() + entry);
+    Peer newcomer;
+    EXPECT_TRUE(eventually([&] { return old.knowsAll(3) && friendly.knowsAll(3); }));
+    EXPECT_TRUE(friendly.reaches(old.id()));
+    EXPECT_TRUE(old.reaches(friendly.id()));
+    EXPECT_TRUE(friendly.knowsAll(3));
 }
 
 TEST_F(FolderTest, withoutProcAStartIsRefusedWithAClearLine) {
@@ -259,17 +289,6 @@ TEST_F(FolderTest, whoDiesIsBuriedAlsoWhenAForkedChildKeepsItsSocket) {
 }
 
 // ---- Entries ----
-
-/** A socket that listens under a name in the folder. */
-Descriptor listenAt(std::string const& path) {
-    Descriptor listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(listening.get(), 10), 0);
-    return listening;
-}
 
 TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     PresenceActor first;

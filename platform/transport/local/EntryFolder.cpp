@@ -16,6 +16,7 @@
 
 #include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
+#include "platform/transport/local/Packet.h"
 
 namespace Transport {
 namespace {
@@ -243,6 +244,7 @@ std::vector<FolderEntry> EntryFolder::list() const {
         if (id && (found->d_type == DT_SOCK || found->d_type == DT_UNKNOWN))
             entries.push_back({*id, found->d_name, hidden});
     }
+    std::sort(entries.begin(), entries.end(), FolderEntry::precedes);
     return entries;
 }
 
@@ -310,6 +312,15 @@ OpenSocket EntryFolder::connect(std::string const& file) const {
     socket.reset();
     errno = reason;
     return OpenSocket();
+}
+
+pid_t EntryFolder::listenerOf(std::string const& file) const {
+    auto const socket = connect(file);
+    if (!socket.valid())
+        return errno == ECONNREFUSED || errno == ENOENT || errno == EPROTOTYPE ? kFree : kUnknown;
+    PeerIdentity identity{};
+    bool const known = peerIdentity(socket.get(), identity) && identity.user == ::geteuid();
+    return known && identity.process > 0 ? identity.process : kFree;
 }
 
 EntryFolder::Socket EntryFolder::probe(std::string const& file) const {

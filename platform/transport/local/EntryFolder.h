@@ -20,6 +20,10 @@ struct FolderEntry {
     TerminationId id;
     std::string file;
     bool hidden;  // bound, and not yet renamed into view
+
+    static bool precedes(FolderEntry const& one, FolderEntry const& other) {
+        return one.id.nameId() < other.id.nameId();
+    }
 };
 
 /** Device and inode. */
@@ -58,6 +62,7 @@ public:
     std::shared_ptr<PresenceFile> reopen(std::uint32_t lastNameId);
     void use(std::shared_ptr<PresenceFile> file);
     static constexpr pid_t kFree = PresenceFile::kFree;
+    static constexpr pid_t kUnknown = PresenceFile::kUnknown;
     pid_t ownerOf(unsigned short nameId) const { return file()->ownerOf(nameId); }
     void announce() const { file()->announce(); }
 
@@ -68,7 +73,8 @@ public:
                                 std::string const& name);
     /** Whether the file's name says that it belongs to a termination of this process. */
     static bool isOf(pid_t process, std::string const& file);
-    /** Those in the folder, up to a number that no folder has unless somebody fills it. */
+    /** Those in the folder in the order of their name ids, up to a number that no folder has unless
+     * somebody fills it. */
     std::vector<FolderEntry> list() const;
     bool contains(std::string const& file) const;
     /** A listening socket under the hidden name of `file`; an invalid one, with a log line, on
@@ -88,6 +94,10 @@ public:
     /** Connects and leaves at once, upon which the entry's owner looks whether he still uses the
      * file that is in the folder. */
     void knock(std::string const& file) const { connect(file); }
+    /** Knocks, and tells which process of this user listens there, as the kernel noted when it
+     * began to; kFree when none does, kUnknown when that cannot be told now, as when too many
+     * others have connected. */
+    pid_t listenerOf(std::string const& file) const;
     /** Which file on disk the entry is; nothing when it is absent. */
     std::optional<FileIdentity> identityOf(std::string const& file) const;
 

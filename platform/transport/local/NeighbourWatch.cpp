@@ -27,12 +27,12 @@ Descriptor openProcess(pid_t pid) {
     return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
 }
 
+}  // namespace
+
 /** One of another user, which cannot be asked, and one that nobody has waited for, still are. */
-bool hasEnded(pid_t pid) {
+bool NeighbourWatch::hasEnded(pid_t pid) {
     return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
-
-}  // namespace
 
 void NeighbourWatch::prepare() {
     bell_ = makeBell();

@@ -27,6 +27,8 @@ public:
     };
     /** Waits for the end of a watched process or for `wake`. */
     std::vector<Suspect> wait();
+    /** Whether it has ended for sure. */
+    static bool hasEnded(pid_t pid);
     /** Those among `processes`, which are in ascending order, that this process is to watch. */
     static std::vector<pid_t> neighboursAmong(std::vector<pid_t> const& processes);
     /** Watches `neighbours` and nobody else. Answers those who were not watched before: they may

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,8 +30,9 @@ namespace Transport {
  * A lock proves something only in the file that everybody finds in the folder. Whoever is about to
  * change or judge something therefore looks first whether that still is the one in use, and else
  * moves over to it (`renew`): takes the locks of its names there, and announces that in both files,
- * so that all who still use the former follow. Who comes and sees a living entry without a lock
- * knocks there. And nobody is buried whose socket is still held by a process that has not ended.
+ * so that all who still use the former follow. Until they have, and while somebody else holds their
+ * locks, their sockets prove whose they are (`provenOwner`): so a move-over keeps nobody from
+ * anybody. And nobody is buried whose socket is still held by a process that has not ended.
  */
 struct Rendezvous::State {
     State() = default;
@@ -78,6 +80,7 @@ private:
     bool mayEnd(bool State::*lives);
     void renew() OSW_REQUIRES(mutex_);
     bool lockNames() OSW_REQUIRES(mutex_);
+    void lookAgainSoon() OSW_REQUIRES(mutex_);
     long long timeToKnock();
 
     struct Departed;
@@ -87,8 +90,11 @@ private:
     bool lookAt(Scan& scan, std::size_t first);
     void lookAt(Scan& scan, FolderEntry const& entry) OSW_REQUIRES(mutex_);
     bool removeLeft(FolderEntry const& entry) OSW_REQUIRES(mutex_);
-    bool admit(FolderEntry const& entry, pid_t owner, PresenceTable::Departures& gone)
+    std::optional<pid_t> provenOwner(std::vector<FolderEntry> const& all, FolderEntry const& entry)
         OSW_REQUIRES(mutex_);
+    bool admit(std::vector<FolderEntry> const& all, FolderEntry const& entry,
+               PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
+    bool ownedBy(TerminationId id, pid_t pid, PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
     void dropMissing(Scan& scan);
     void missOwn() OSW_REQUIRES(mutex_);
     void checkSuspects();
@@ -108,7 +114,8 @@ private:
     int published_ OSW_GUARDED_BY(mutex_) = 0;
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     bool processThreadLives_ OSW_GUARDED_BY(mutex_) = false;
-    /** When to knock at those whose locks are not in the file in use; 0 when that has been done. */
+    /** When to look again who has not followed to the file in use, and to knock there; 0 when that
+     * has been done. */
     long long knockAt_ OSW_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> lacksLocks_{false};  // of names; written under mutex_
     NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`

@@ -164,7 +164,7 @@ void Rendezvous::State::renew() {
     if (current)
         return;
     former->announce();
-    knockAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToFollow;
+    lookAgainSoon();
     static Logging::LineLimit limit;
     TRANSPORT_LOG_LIMITED(limit, 4, kSource,
                           "Somebody has removed or replaced presence in the rendezvous folder %s: "
@@ -186,12 +186,17 @@ bool Rendezvous::State::lockNames() {
         lacking = true;
         static Logging::LineLimit limit;
         TRANSPORT_LOG_LIMITED(limit, 3, kSource,
-                              "Process %d holds the name id of termination 0x%08X of this process: "
-                              "newcomers do not see it",
+                              "Process %d holds the name id of termination 0x%08X of this process",
                               static_cast<int>(file->ownerOf(id.nameId())), id.value());
     }
     lacksLocks_ = lacking;
     return gained;
+}
+
+/** However often the file is replaced, that is not put off. */
+void Rendezvous::State::lookAgainSoon() {
+    if (knockAt_ == 0)
+        knockAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToFollow;
 }
 
 /** How long the thread may wait until it knocks; negative for ever. */
@@ -281,7 +286,7 @@ namespace {
 
 /** Whether the owner of the lock is the one that the entry names, as far as the kernel tells. */
 bool isProven(FolderEntry const& entry, pid_t owner) {
-    return owner == PresenceFile::kUnknown || EntryFolder::isOf(owner, entry.file);
+    return owner == EntryFolder::kUnknown || EntryFolder::isOf(owner, entry.file);
 }
 
 }  // namespace
@@ -294,15 +299,15 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     bool const own = ownsName(entry.id.nameId());
     if ((known && !scan.knock) || (own && (known || own_.count(entry.id) != 0)))
         return;
-    pid_t const owner = files.ownerOf(entry.id.nameId());
-    bool const free = owner == EntryFolder::kFree;
-    if (!free && !own && !known && !entry.hidden && admit(entry, owner, scan.departed.gone)) {
+    if (!own && !known && !entry.hidden && admit(scan.entries, entry, scan.departed.gone)) {
         scan.seen.push_back(entry.id);
-    } else if (free && files.probe(entry.file) == EntryFolder::Socket::Dead) {
-        scan.departed.announce = (!known && removeLeft(entry)) || scan.departed.announce;
-    } else if (scan.knock && !own && !isProven(entry, owner)) {
-        files.knock(entry.file);
+        return;
     }
+    pid_t const owner = files.ownerOf(entry.id.nameId());
+    if (owner == EntryFolder::kFree && files.probe(entry.file) == EntryFolder::Socket::Dead)
+        scan.departed.announce = (!known && removeLeft(entry)) || scan.departed.announce;
+    else if (scan.knock && !own && !isProven(entry, owner))
+        files.knock(entry.file);
 }
 
 /** True when it was there. */
@@ -315,18 +320,56 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
     return true;
 }
 
-/** Enters one who is new, if his socket is alive, bears the name of the lock's owner, and nobody
- * who is there has his id. */
-bool Rendezvous::State::admit(FolderEntry const& entry, pid_t owner,
-                              PresenceTable::Departures& gone) {
+namespace {
+
+/** Whether another living socket bears the same name id. */
+bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
+              FolderEntry const& entry) {
+    auto const [first, last] =
+        std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
+    return std::any_of(first, last, [&](FolderEntry const& other) {
+        return other.file != entry.file && files.probe(other.file) == EntryFolder::Socket::Alive;
+    });
+}
+
+}  // namespace
+
+/**
+ * The process that owns a living entry and is named by it: who holds the lock. Who has not followed
+ * to the file in use, or was overtaken there by somebody else, does not hold it: then it is who
+ * listens, as long as nobody else is there under this name id. Nothing when that proves nobody.
+ */
+std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> const& all,
+                                                    FolderEntry const& entry) {
     EntryFolder const& files = *folder;
+    if (files.probe(entry.file) != EntryFolder::Socket::Alive)
+        return std::nullopt;
+    pid_t const holder = files.ownerOf(entry.id.nameId());
+    if (holder != EntryFolder::kFree && isProven(entry, holder))
+        return holder;
+    pid_t const listener = files.listenerOf(entry.file);
+    if (listener == EntryFolder::kUnknown)
+        lookAgainSoon();
+    // A forked child may listen on after its parent's end.
+    if (listener <= 0 || !EntryFolder::isOf(listener, entry.file) ||
+        NeighbourWatch::hasEnded(listener) || hasRival(files, all, entry))
+        return std::nullopt;
+    return listener;
+}
+
+/** Enters one who is new, if he proves to own his entry, and nobody who is there has his id. */
+bool Rendezvous::State::admit(std::vector<FolderEntry> const& all, FolderEntry const& entry,
+                              PresenceTable::Departures& gone) {
     PresenceTable::Entry known;
-    if (files.probe(entry.file) != EntryFolder::Socket::Alive || !isProven(entry, owner) ||
-        (table.find(entry.id, known) && known.owner == owner && files.contains(known.file)))
+    if (table.find(entry.id, known) &&
+        folder.load()->probe(known.file) == EntryFolder::Socket::Alive)
+        return false;
+    std::optional<pid_t> const owner = provenOwner(all, entry);
+    if (!owner)
         return false;
     latestName_ = PresenceFile::laterOf(latestName_, entry.id.nameId());
     table.drop(entry.id, gone);  // whose successor, under the same id, this one is
-    return table.admit(entry.id, {entry.file, owner});
+    return table.admit(entry.id, {entry.file, *owner});
 }
 
 /** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
@@ -353,8 +396,13 @@ void Rendezvous::State::missOwn() {
 }
 
 bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
+    Departed departed(*this);
     DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
+    return ownedBy(id, pid, departed.gone);
+}
+
+bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid, PresenceTable::Departures& gone) {
     if (auto const own = own_.find(id); own != own_.end())
         return own->second.published && pid == ::getpid();
     // A process that the kernel does not name to us, as one of another pid namespace, owns nothing.
@@ -363,18 +411,20 @@ bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
     EntryFolder const& files = *folder;
     if (files.ownerOf(id.nameId()) != pid)
         renew();  // it may have moved over before us
-    if (pid_t const owner = files.ownerOf(id.nameId()); owner != pid) {
+    PresenceTable::Entry known;
+    if (table.find(id, known)) {
         // Or it has not yet, and we have.
-        PresenceTable::Entry known;
-        return owner == EntryFolder::kFree && table.find(id, known) && known.owner == pid &&
-               files.probe(known.file) == EntryFolder::Socket::Alive;
+        bool const lives = files.ownerOf(id.nameId()) == known.owner ||
+                           files.probe(known.file) == EntryFolder::Socket::Alive;
+        if (lives || known.owner == pid)
+            return lives && known.owner == pid;
     }
-    if (table.exists(id))
-        return true;
     // Its announcement is still on the way to us.
-    for (FolderEntry const& entry : files.list())
-        if (entry.id == id && !entry.hidden && EntryFolder::isOf(pid, entry.file))
-            return table.admit(id, {entry.file, pid});
+    std::vector<FolderEntry> const all = files.list();
+    for (FolderEntry const& entry : all)
+        if (entry.id == id && !entry.hidden && EntryFolder::isOf(pid, entry.file) &&
+            admit(all, entry, gone))
+            return table.find(id, known) && known.owner == pid;
     return false;
 }
 
