@@ -137,10 +137,12 @@ TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
     ASSERT_TRUE(blocked.inside.wait());
     Gate detached;
     std::thread other([&] {
+        pthread_setname_np(pthread_self(), "detaches");
         table_.detach(listener);
         detached.open();
     });
-    EXPECT_FALSE(detached.wait(std::chrono::milliseconds(30)));
+    EXPECT_TRUE(eventually([] { return testsupport::statesOfThreads("detaches") == "S"; }));
+    EXPECT_FALSE(detached.wait(std::chrono::milliseconds(0)));
     blocked.release.open();
     EXPECT_TRUE(detached.wait());
     other.join();
