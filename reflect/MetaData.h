@@ -48,15 +48,16 @@ struct TreflectORB::MetaData {
     /** Held while the group is told of a subscription or its end, so that the one does not overtake
      * the other. Taken with the run permission, which is given up to wait for it. */
     TreflectMutex subscribing;
+    /** How often deletions have been subscribed to at other brokers. */
+    unsigned int deletionSubscriptions = 0;
 
     Side& side(Kind kind) { return kind == Kind::creation ? creations : deletions; }
     /** An object is no more: nobody is told any longer that it was created. */
     void gone(ObjectPlace const& place);
     /** Who has been told that a newcomer's object exists. */
     std::set<TreflectObserver const*> toldOf(ObjectPlace const& place) const;
-    /** Of which objects of a newcomer anybody has been told; not of those that are just being told
-     * as created, which the newcomer does not say exist before that has been answered. */
-    std::set<ObjectPlace> toldPlacesAt(TreflectOrbId const& broker) const;
+    /** An observer is told of an object of another broker. */
+    void heardOf(ObjectPlace const& place, TreflectObject const& object);
     /** An observer has been removed. */
     void forget(TreflectObserver const& observer);
     /** An observer is being destroyed: there may soon be another at its address. */

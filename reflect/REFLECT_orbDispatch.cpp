@@ -94,6 +94,7 @@ private:
     void serveResolve();
     void serveCall();
     void serveNotice();
+    void serveCreation(unsigned int classId, TreflectObject const& object, TipprmiStream& response);
     void serveCreationSubscription();
     void serveDeletionSubscription();
     void serveCancellation();
@@ -174,13 +175,29 @@ void TreflectORB::IncomingMessage::serveNotice() {
     TreflectObject object;
     request_ >> classId >> object;
     TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
-    if (isReadable(classId)) {
-        if (message_.type() == TreflectMessage::tODN)
-            orb_.gotDeletion(classId, object);
-        else if (Transport::TransportLayer::instance().exists(message_.originator()))
-            orb_.gotCreation(classId, object);
+    bool const readable = isReadable(classId);
+    if (readable && message_.type() == TreflectMessage::tOCN) {
+        serveCreation(classId, object, response);
+        return;
     }
+    if (readable)
+        orb_.gotDeletion(classId, object);
     answer(response);
+}
+
+/** Only when the notice has been answered does its sender say whether the object is still there. */
+void TreflectORB::IncomingMessage::serveCreation(unsigned int classId, TreflectObject const& object,
+                                                 TipprmiStream& response) {
+    auto const record = orb_.parts_->classes.find(classId);
+    if (record == orb_.parts_->classes.end() ||
+        !Transport::TransportLayer::instance().exists(message_.originator())) {
+        answer(response);
+        return;
+    }
+    Registration telling(orb_, record->second, Kind::creation, nullptr);
+    orb_.gotCreation(classId, object);
+    answer(response);
+    orb_.tellOfMissedDeletions_(classId, telling);
 }
 
 void TreflectORB::IncomingMessage::serveCreationSubscription() {

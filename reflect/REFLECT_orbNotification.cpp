@@ -91,6 +91,7 @@ bool TreflectORB::observe_(Kind kind, unsigned int classId, TreflectObserver& ob
     for (TreflectObject const& object : existing)
         registration.tell(object);
     registration.enter();
+    tellOfMissedDeletions_(classId, registration);
     TreflectMissedOrbs& missed = parts_->missed(kind);
     if (!registration.ended() && !missed.empty())
         missed.notify(classId, observer, plusExisting);
@@ -211,6 +212,8 @@ void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
     parts_->missed(kind).start(targets);
     for (Transport::TerminationId const& target : targets)
         subscribeAt_(kind, classId, existing, asking, target);
+    if (kind == Kind::deletion)
+        ++getMetaData(classId).deletionSubscriptions;
 }
 
 /** What exists there is added to `existing`, if given. False when the broker was not asked, or did
@@ -279,6 +282,7 @@ bool TreflectORB::catchUp_(Kind kind, unsigned int classId, TreflectObserver& ob
     subscribeAt_(kind, classId, plusExisting ? &existing : nullptr, &registration, convertId(id));
     for (TreflectObject const& object : existing)
         registration.tell(object);
+    tellOfMissedDeletions_(classId, registration);
     return !registration.ended();
 }
 
@@ -310,8 +314,8 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
 // there before; nobody is told again of what it was told already.
 void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     MetaData& record = getMetaData(classId);
+    Registration catchingUp(*this, record, Kind::creation, nullptr);
     if (record.creations.isObserved()) {
-        Registration catchingUp(*this, record, Kind::creation, nullptr);
         std::vector<TreflectObject> existing;
         subscribeAt_(Kind::creation, classId, &existing, &catchingUp, convertId(id));
         for (TreflectObject const& object : existing) {
@@ -322,26 +326,41 @@ void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     if (!record.deletions.isObserved())
         return;
     subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(id));
-    tellOfEarlyDeletions_(classId, id);
+    ++record.deletionSubscriptions;
+    for (auto const& told : record.newcomersObjects) {
+        if (brokerOf(told.first) == id)
+            catchingUp.heardOf(told.first, told.second.object);
+    }
+    tellOfGone_(classId, id, catchingUp);
 }
 
-/** Objects of a newcomer that have gone before their deletion was subscribed to: whoever heard of
- * them as created would never hear of their end. */
-void TreflectORB::tellOfEarlyDeletions_(unsigned int classId, TreflectOrbId const& id) {
-    MetaData& record = getMetaData(classId);
-    std::set<ObjectPlace> missing = record.toldPlacesAt(id);
+// ---- Objects that went before their deletion was subscribed to ---------------------------------
+
+/** Whoever tells of creations looks, when that has been done, whether deletions were subscribed to
+ * meanwhile; and who subscribes to them, at what has been told until then. */
+void TreflectORB::tellOfMissedDeletions_(unsigned int classId, Registration const& telling) {
+    for (TreflectOrbId const& broker : telling.mayHaveMissedDeletionsAt())
+        tellOfGone_(classId, broker, telling);
+}
+
+/** Asks the broker once more what it has: whoever heard of anything else as created would never
+ * hear of its end. */
+void TreflectORB::tellOfGone_(unsigned int classId, TreflectOrbId const& id,
+                              Registration const& telling) {
+    std::set<ObjectPlace> missing = telling.heardAt(id);
     std::vector<TreflectObject> existing;
     if (missing.empty() ||
-        !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)))
+        !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)) ||
+        !Transport::TransportLayer::instance().exists(convertId(id)))
         return;
     for (TreflectObject const& object : existing)
         missing.erase(placeOf(object));
     for (ObjectPlace const& place : missing) {
-        auto const told = record.newcomersObjects.find(place);
-        if (told == record.newcomersObjects.end())
+        TreflectObject const* const heard = telling.heard(place);
+        if (!heard)
             continue;  // its end has been told
         TreflectObject object;
-        object.share_(told->second.object);
+        object.share_(*heard);
         if (mayBeThere(object))
             gotDeletion(classId, object);
     }

@@ -13,6 +13,8 @@ namespace {
 /** Newcomers are caught up with within moments, unless they do not answer. Of one that goes on
  * telling of objects meanwhile no more are remembered. */
 constexpr std::size_t kMostObjectsOfNewcomers = 65'536;
+/** A registration lasts for moments, unless a broker does not answer. */
+constexpr std::size_t kMostObjectsHeardOf = 65'536;
 
 }  // namespace
 
@@ -32,6 +34,8 @@ void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& obj
 void TreflectORB::tellCreation_(MetaData& record, TreflectObserver& observer,
                                 TreflectObject const& object) {
     ObjectPlace const place = placeOf(object);
+    if (brokerOf(place) != orbId_)
+        record.heardOf(place, object);
     auto& remembered = record.newcomersObjects;
     if (isNewcomer_(brokerOf(place)) && remembered.size() < kMostObjectsOfNewcomers) {
         MetaData::Told& told = remembered[place];
@@ -102,23 +106,24 @@ void TreflectORB::MetaData::gone(ObjectPlace const& place) {
     }
     for (Registration* const registration : creations.registrations)
         registration->gone(place);
+    for (Side* const side : {&creations, &deletions}) {
+        for (Registration* const registration : side->registrations)
+            registration->heardOfEnd(place);
+    }
     newcomersObjects.erase(place);
+}
+
+void TreflectORB::MetaData::heardOf(ObjectPlace const& place, TreflectObject const& object) {
+    for (Side* const side : {&creations, &deletions}) {
+        for (Registration* const registration : side->registrations)
+            registration->heardOf(place, object);
+    }
 }
 
 std::set<TreflectObserver const*> TreflectORB::MetaData::toldOf(ObjectPlace const& place) const {
     auto const told = newcomersObjects.find(place);
     return told == newcomersObjects.end() ? std::set<TreflectObserver const*>()
                                           : told->second.observers;
-}
-
-std::set<ObjectPlace> TreflectORB::MetaData::toldPlacesAt(TreflectOrbId const& broker) const {
-    std::set<ObjectPlace> places;
-    for (auto told = newcomersObjects.lower_bound(firstPlaceAt(broker));
-         told != newcomersObjects.end() && brokerOf(told->first) == broker; ++told)
-        places.insert(told->first);
-    for (Notice const* const notice : creations.notices)
-        places.erase(notice->place());
-    return places;
 }
 
 void TreflectORB::MetaData::Side::forget(TreflectObserver const& observer) {
@@ -167,7 +172,11 @@ void TreflectORB::MetaData::forget(TreflectServerObject const& object) {
 // What it tells comes on top of what the observer has been told in the course of others.
 TreflectORB::Registration::Registration(TreflectORB& orb, MetaData& record, Kind kind,
                                         TreflectObserver* observer)
-    : orb_(orb), record_(record), kind_(kind), observer_(observer) {
+    : orb_(orb),
+      record_(record),
+      kind_(kind),
+      observer_(observer),
+      deletionSubscriptionsBefore_(record.deletionSubscriptions) {
     Registration::UnderWay& underWay = record_.side(kind_).registrations;
     for (Registration const* const other : underWay) {
         if (observer && other->isOf(*observer))
@@ -227,4 +236,33 @@ void TreflectORB::Registration::enter() {
         else
             tellOne_(*observer_, object);
     }
+}
+
+void TreflectORB::Registration::heardOf(ObjectPlace const& place, TreflectObject const& object) {
+    if (heard_.size() < kMostObjectsHeardOf)
+        heard_[place].share_(object);
+}
+
+std::set<TreflectOrbId> TreflectORB::Registration::mayHaveMissedDeletionsAt() const {
+    std::set<TreflectOrbId> brokers;
+    if (record_.deletionSubscriptions == deletionSubscriptionsBefore_)
+        return brokers;
+    for (auto const& heard : heard_)
+        brokers.insert(brokerOf(heard.first));
+    return brokers;
+}
+
+std::set<ObjectPlace> TreflectORB::Registration::heardAt(TreflectOrbId const& broker) const {
+    std::set<ObjectPlace> places;
+    for (auto heard = heard_.lower_bound(firstPlaceAt(broker));
+         heard != heard_.end() && brokerOf(heard->first) == broker; ++heard)
+        places.insert(heard->first);
+    for (Notice const* const notice : record_.creations.notices)
+        places.erase(notice->place());
+    return places;
+}
+
+TreflectObject const* TreflectORB::Registration::heard(ObjectPlace const& place) const {
+    auto const found = heard_.find(place);
+    return found == heard_.end() ? nullptr : &found->second;
 }

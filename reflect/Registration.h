@@ -1,6 +1,7 @@
 #pragma once
 
 #include <list>
+#include <map>
 #include <set>
 #include <utility>
 #include <vector>
@@ -51,6 +52,9 @@ private:
  * Notices that are told meanwhile are remembered, so that nobody is told twice, or of what has
  * gone; and kept for an observer that is not listed yet. It may be removed or destroyed by another
  * thread, or by its own callback. Guarded by the run permission.
+ *
+ * It remembers as well which objects of other brokers anybody is told of while it lasts, since such
+ * an object may go before the first observer of deletions has been subscribed at its broker.
  */
 class TreflectORB::Registration {
 public:
@@ -82,6 +86,19 @@ public:
     /** Puts the observer into the list and tells it what was kept for it. */
     void enter();
 
+    /** An observer is told of an object of another broker. */
+    void heardOf(ObjectPlace const& place, TreflectObject const& object);
+    /** Its end is being told. */
+    void heardOfEnd(ObjectPlace const& place) { heard_.erase(place); }
+    /** The brokers of which objects were told that may have gone before their deletion was
+     * subscribed to. */
+    std::set<TreflectOrbId> mayHaveMissedDeletionsAt() const;
+    /** The objects of a broker that anybody has been told of; not those that are just being told as
+     * created, which the broker does not say exist before that has been answered. */
+    std::set<ObjectPlace> heardAt(TreflectOrbId const& broker) const;
+    /** Null when its end has been told. */
+    TreflectObject const* heard(ObjectPlace const& place) const;
+
 private:
     TreflectORB& orb_;
     MetaData& record_;
@@ -90,4 +107,6 @@ private:
     std::set<ObjectPlace> told_;
     std::set<ObjectPlace> gone_;
     std::list<std::pair<ObjectPlace, TreflectObject>> kept_;
+    std::map<ObjectPlace, TreflectObject> heard_;
+    unsigned int const deletionSubscriptionsBefore_;
 };

@@ -296,7 +296,8 @@ private:
     void catchUpLater_(Transport::TerminationId const& newcomer);
     void catchUpWith_(Transport::TerminationId const& newcomer);
     void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
-    void tellOfEarlyDeletions_(unsigned int classId, TreflectOrbId const& id);
+    void tellOfMissedDeletions_(unsigned int classId, Registration const& telling);
+    void tellOfGone_(unsigned int classId, TreflectOrbId const& id, Registration const& telling);
     void publish_(Kind kind, unsigned int classId, TreflectObject const& object,
                   Publication& publication);
     static void listExisting_(MetaData const& record, TreflectOrbId const& orb,

@@ -60,6 +60,14 @@ public:
         peer_.send(broker, request.msg());
         EXPECT_FALSE(await(type, TreflectMessage::kResponse).empty());
     }
+    /** Tells of an object of its own, given as it is encoded, that it has been created. */
+    void create(Transport::TerminationId broker, std::string const& object) {
+        TipprmiStream request(
+            peer_.make(++lastId_, TreflectMessage::tOCN, TreflectMessage::kRequest), true);
+        request << kClass;
+        wire::write(request, object);
+        peer_.send(broker, request.msg());
+    }
     /** What it says exists from now on. */
     void setList(std::string list) {
         std::lock_guard<std::mutex> const lock(mutex_);
@@ -407,6 +415,85 @@ TEST_F(OverlapTest, newcomersObjectThatGoesBeforeItsDeletionIsSubscribedToIsTold
     EXPECT_TRUE(awaitTold(come, {"one", "other"}));
     newcomer.setList("00000001" + other);
     newcomer.answer(subscription);
+    EXPECT_TRUE(awaitTold(gone, {"one"}));
+}
+
+// ---- Objects that go before the first observer of deletions has been subscribed
+
+/** A neighbour that has been caught up with. */
+class GoneEarlyTest : public OverlapTest {
+protected:
+    std::unique_ptr<Neighbour> arrived(Neighbour::Holds holds = {}) {
+        Arrivals arrivals;
+        orb().registerOrbCreation(&arrivals, false);
+        auto one = std::make_unique<Neighbour>(group(), std::move(holds));
+        EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(one->termId()); }));
+        orb().unregisterOrbNotifications(&arrivals);
+        return one;
+    }
+    std::string handle(std::string const& name, unsigned int ioid, Neighbour const& neighbour) {
+        return wire::handle(name, ioid, orb().convertId(neighbour.termId()).value());
+    }
+    /** Is told of the first object, and stays in that notice until it is let go. */
+    Watcher::Reaction staying() {
+        return [this](auto&, auto&) {
+            TreflectReleaseHandlerState const given;
+            told_.open();
+            EXPECT_TRUE(goOn_.wait());
+        };
+    }
+
+    testsupport::Gate told_;
+    testsupport::Gate goOn_;
+};
+
+TEST_F(GoneEarlyTest, whatIsToldAsExistingThoughItHasGoneIsToldAsDeleted) {
+    auto const neighbour = arrived();
+    std::string const other = handle("other", 9, *neighbour);
+    neighbour->setList("00000003" + handle("one", 7, *neighbour) + handle("two", 8, *neighbour) +
+                       other);
+    Watcher& come = watcher(staying());
+    std::thread registering([&] { observe(come, true); });
+    EXPECT_TRUE(told_.wait());
+    neighbour->setList("00000001" + other);
+    Watcher& gone = deletions();
+    goOn_.open();
+    registering.join();
+    EXPECT_EQ(told(come), (Names{"one", "two", "other"}));
+    EXPECT_EQ(told(gone), (Names{"one", "two"}));
+}
+
+TEST_F(GoneEarlyTest, whatIsCreatedAndGoesWhileDeletionsAreSubscribedToIsToldAsDeleted) {
+    Watcher& come = creations(false);
+    auto const neighbour = arrived(holding(TreflectMessage::tODNSubscribe));
+    Watcher& gone = watcher();
+    std::thread registering(
+        [&] { permitted([&] { thingClass(kClass).observeDeletions(&gone); }); });
+    TreflectMessage const subscription = neighbour->awaitRequest(TreflectMessage::tODNSubscribe);
+    std::string const other = handle("other", 8, *neighbour);
+    neighbour->create(termination_, handle("one", 7, *neighbour));
+    EXPECT_TRUE(awaitTold(come, {"one"}));
+    neighbour->create(termination_, other);
+    EXPECT_TRUE(awaitTold(come, {"one", "other"}));
+    neighbour->setList("00000001" + other);
+    neighbour->answer(subscription);
+    registering.join();
+    EXPECT_EQ(told(gone), Names{"one"});
+}
+
+// As long as the notice has not been answered its sender does not say that the object exists.
+TEST_F(GoneEarlyTest, whatGoesDuringItsNoticeIsToldAsDeletedAfterIt) {
+    Watcher& come = creations(false, staying());
+    auto const neighbour = arrived();
+    std::string const other = handle("other", 6, *neighbour);
+    neighbour->create(termination_, handle("one", 7, *neighbour));
+    EXPECT_TRUE(told_.wait());
+    neighbour->create(termination_, other);
+    EXPECT_TRUE(awaitTold(come, {"one", "other"}));
+    Watcher& gone = deletions();
+    EXPECT_EQ(told(gone), Names{});
+    neighbour->setList("00000001" + other);
+    goOn_.open();
     EXPECT_TRUE(awaitTold(gone, {"one"}));
 }
 

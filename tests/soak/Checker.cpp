@@ -143,7 +143,7 @@ void Checker::takeTold(Life life, Event const& event) {
         object->second.toldDeleted.insert(life);
         return;
     }
-    object->second.toldCreated.insert(life);
+    object->second.toldCreated[life] = event.at;
     if (object->second.toldDeleted.count(life) != 0 || registration.begin > object->second.deleted)
         report(kGhost, text + " after its deletion", {id, name});
     auto const publisher = processes_.find(object->second.publisher);
@@ -231,8 +231,8 @@ long long Checker::settled(Life subscriber, Life publisher) const {
 }
 
 // Of what was there before it, a registration hears if it asked for that, and of all that a process
-// has which began later. Of such a process whoever is registered for deletions hears the end of all
-// that anybody beside him has heard of.
+// has which began later. Who stays registered for deletions hears the end of all that anybody
+// beside him is told of from then on, unless its broker goes.
 bool Checker::mustHear(SoakedObject const& object, Life subscriber,
                        Registration const& registration) const {
     Process const& publisher = processes_.at(object.publisher);
@@ -240,10 +240,12 @@ bool Checker::mustHear(SoakedObject const& object, Life subscriber,
     long long const ready = std::max(registration.done, met);
     long long const leaves = std::min(registration.removal, processes_.at(subscriber).died);
     if (!registration.creations) {
-        bool const heard = object.toldCreated.count(subscriber) != 0 &&
-                           publisher.begin > registration.done &&
-                           met < std::min(leaves, publisher.died);
-        return object.deleted < leaves && (heard || ready < object.deletion);
+        long long const told = valueOr(object.toldCreated, subscriber, -1);
+        bool const stay = leaves == kNever && publisher.died == kNever;
+        bool const heard = told > registration.begin && stay;
+        bool const newcomers = told >= 0 && publisher.begin > registration.done &&
+                               met < std::min(leaves, publisher.died);
+        return object.deleted < leaves && (heard || newcomers || ready < object.deletion);
     }
     if (ready < object.create)
         return object.created < leaves;

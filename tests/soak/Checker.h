@@ -99,8 +99,8 @@ private:
         long long deletion = kNever;  // begin of it
         long long deleted = kNever;
         std::map<std::string, unsigned int> told;  // by registration
-        // The processes in which somebody was told that it was created, or deleted.
-        std::set<Life> toldCreated;
+        // The processes in which somebody was told that it was created, and when last; or deleted.
+        std::map<Life, long long> toldCreated;
         std::set<Life> toldDeleted;
     };
 

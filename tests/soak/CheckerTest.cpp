@@ -89,6 +89,11 @@ TEST(Checker, findsWhatIsBrokenAndNothingElse) {
     std::string const early = "2 10 observe r1 2 creations 0, 2 11 observing r1, 1 12 begin," +
                               made + "2 45 met term1.1,";
     std::string const ending = "2 9 observe r9 2 deletions 0, 2 10 observing r9," + early;
+    // An object goes while an observer of deletions registers.
+    std::string const overlapping =
+        "2 4 met term1.1, 2 5 observe r1 2 creations 0, 2 41 observe r9 2 deletions 0, 2 43 "
+        "observing r9, 1 30 create o.1.1.0.1 2, 1 36 created o.1.1.0.1, 1 42 delete o.1.1.0.1, "
+        "1 43 deleted o.1.1.0.1,";
     std::string const known = "2 4 met term1.1, 2 10 observe r1 2 creations 1, 2 11 observing r1,";
     std::string const call = made + "2 9000000 call 8999000 ";
     struct {
@@ -109,6 +114,11 @@ TEST(Checker, findsWhatIsBrokenAndNothingElse) {
         {ending + "2 44 told r1 o.1.1.0.1," + gone + "2 62 told r9 o.1.1.0.1,", ""},
         {ending + "2 44 told r1 o.1.1.0.1, 1 45 delete o.1.1.0.1, 1 46 deleted o.1.1.0.1,", kOnce},
         {ending + "1 42 delete o.1.1.0.1, 1 43 deleted o.1.1.0.1,", ""},
+        {overlapping + "2 44 told r1 o.1.1.0.1,", kOnce},
+        {overlapping + "2 44 told r1 o.1.1.0.1, 2 45 told r9 o.1.1.0.1,", ""},
+        {overlapping + "2 40 told r1 o.1.1.0.1,", ""},
+        {overlapping + "2 44 told r1 o.1.1.0.1, 1 46 killed,", ""},
+        {overlapping + "2 44 told r1 o.1.1.0.1, 2 46 unobserve r9, 2 47 unobserved r9,", ""},
         {ending + gone + "2 62 told r9 o.1.1.0.1, 2 63 told r1 o.1.1.0.1,", kGhost},
         {made + gone + "2 80 observe r1 2 creations 1, 2 81 told r1 o.1.1.0.1,", kGhost},
         {early + "2 46 lost term1.1, 2 47 told r1 o.1.1.0.1,", kGhost},

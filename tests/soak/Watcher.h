@@ -25,11 +25,13 @@ public:
           habit_(habit),
           id_(actor.settings.name() + "." + std::to_string(++actor.registrations)) {
         ++busy_;
+        TreflectMetaObject& meta = metaOf(classIndex_);
+        // The permission is kept until the registration has begun.
         actor_.journal.write("observe", id_, classIndex_, text(kind), plusExisting);
         if (kind == Kind::creations)
-            metaOf(classIndex_).observeCreations(this, plusExisting);
+            meta.observeCreations(this, plusExisting);
         else
-            metaOf(classIndex_).observeDeletions(this);
+            meta.observeDeletions(this);
         // One that was removed meanwhile, by itself, never was an observer after this.
         actor_.journal.write("observing", id_);
         --busy_;
