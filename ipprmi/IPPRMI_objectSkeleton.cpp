@@ -2,7 +2,7 @@
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 // A server object joins and leaves its broker by itself, and the stubs that lead to it end with it.
 #include "reflect/BrokerLifecycle.h"
@@ -12,6 +12,9 @@
 namespace {
 
 constexpr char kSource[] = "IPPRMI_objectSkeleton";
+
+// Codes come in messages of others.
+Logging::LineLimit unknownMethod;
 
 }  // namespace
 
@@ -56,7 +59,8 @@ bool TipprmiObjectSkeleton::dispatch(bool, unsigned int, unsigned int mc, Tipprm
             out << getExceptionContainer();
             return true;
         default:
-            REFLECTORB_LOG(3, kSource, "Unknown method code %d", static_cast<int>(mc));
+            REFLECTORB_LOG_LIMITED(unknownMethod, 3, kSource, "Unknown method code %d",
+                                   static_cast<int>(mc));
             return false;
     }
 }

@@ -53,17 +53,17 @@ bool Backlog::fits(Amount share, Amount more) const {
 Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size) {
     std::uint64_t const load = loadOf(size);
     Share* const share = shareOf(sender);
-    if (!share || !fits(amountOf(share->load.load()), amountOf(load)))
+    if (!share || !fits(amountOf(share->load_.load()), amountOf(load)))
         return nullptr;
-    share->load.fetch_add(load);
+    share->load_.fetch_add(load);
     total_.fetch_add(load);
     return share;
 }
 
-void Backlog::release(Share& share, std::size_t size) {
+void Backlog::Share::release(std::size_t size) {
     std::uint64_t const load = loadOf(size);
     total_.fetch_sub(load);
-    share.load.fetch_sub(load);
+    load_.fetch_sub(load);
 }
 
 Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
@@ -73,7 +73,7 @@ Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
     if (found == shares_.end()) {
         forgetIdle();
         try {
-            found = shares_.try_emplace(sender).first;
+            found = shares_.try_emplace(sender, total_).first;
         } catch (std::bad_alloc const&) {
             return nullptr;
         }
@@ -89,37 +89,37 @@ void Backlog::forgetIdle() {
         return;
     last_ = nullptr;
     for (auto entry = shares_.begin(); entry != shares_.end();)
-        entry = entry->second.load.load() == 0 && !entry->second.heldBack ? shares_.erase(entry)
-                                                                          : std::next(entry);
+        entry = entry->second.load_.load() == 0 && !entry->second.heldBack_ ? shares_.erase(entry)
+                                                                            : std::next(entry);
     enough_ = std::max<std::size_t>(64, 2 * shares_.size());
 }
 
 bool Backlog::isMuch(Share const& share) const {
-    Amount const waiting = amountOf(share.load.load());
+    Amount const waiting = amountOf(share.load_.load());
     Amount const most = allowed();
     return waiting.bytes > most.bytes / 2 || waiting.messages > most.messages / 2;
 }
 
 bool Backlog::holdBack(Transport::TerminationId sender) {
     auto const found = shares_.find(sender);
-    if (found == shares_.end() || found->second.load.load() == 0)
+    if (found == shares_.end() || found->second.load_.load() == 0)
         return false;
-    if (!std::exchange(found->second.heldBack, true))
-        heldBack_.fetch_add(1);
+    if (!std::exchange(found->second.heldBack_, true))
+        ++heldBack_;
     return true;
 }
 
 Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
     auto const found = shares_.find(sender);
-    if (found == shares_.end() || !found->second.heldBack)
+    if (found == shares_.end() || !found->second.heldBack_)
         return Mark::none;
-    Amount const waiting = amountOf(found->second.load.load());
+    Amount const waiting = amountOf(found->second.load_.load());
     Amount const most = allowed();
     bool const little = waiting.messages == 0 ||
                         (waiting.bytes <= most.bytes / 4 && waiting.messages <= most.messages / 4);
     if (!little && when == When::little)
         return Mark::stays;
-    found->second.heldBack = false;
-    heldBack_.fetch_sub(1);
+    found->second.heldBack_ = false;
+    --heldBack_;
     return Mark::taken;
 }

@@ -16,23 +16,31 @@
  * A message waits from its arrival until a worker begins to serve it: what is being served may wait
  * for a sender in its turn, but what waits goes on by itself.
  *
- * Everything but `release` runs under the mutex of the queue that owns the backlog.
+ * Everything but `Share::release` runs under the mutex of the queue that owns the backlog.
  */
 class Backlog {
 public:
     /** What waits of one sender. Stays where it is as long as something waits. */
-    struct Share {
-        std::atomic<std::uint64_t> load{0};
-        bool heldBack = false;
+    class Share {
+    public:
+        explicit Share(std::atomic<std::uint64_t>& total) : total_(total) {}
+
+        /** Takes a message of `size` bytes out. Any thread, without a lock; the share may be gone
+         * afterwards. */
+        void release(std::size_t size);
+
+    private:
+        friend Backlog;
+
+        std::atomic<std::uint64_t>& total_;
+        std::atomic<std::uint64_t> load_{0};
+        bool heldBack_ = false;
     };
 
     explicit Backlog(Transport::Backlog const& most) : most_(most) {}
 
     /** Enters a message of `size` bytes; null when it is too much, or memory has run out. */
     Share* admit(Transport::TerminationId sender, std::size_t size);
-    /** Takes it out. Any thread, without a lock; the share may be gone afterwards. */
-    void release(Share& share, std::size_t size);
-
     /** Whether so much of a sender waits that it is to be held back. */
     bool isMuch(Share const& share) const;
     /** Marks a sender as held back; false when nothing of it waits. */
@@ -41,8 +49,8 @@ public:
     enum class Mark { none, stays, taken };
     /** Takes the mark away when so little waits that the sender may go on, or anyway. */
     Mark letGo(Transport::TerminationId sender, When when);
-    /** How many are marked. Any thread, without a lock. */
-    unsigned int heldBack() const { return heldBack_.load(); }
+    /** Whether any are marked. */
+    bool holdsBack() const { return heldBack_ != 0; }
 
 private:
     struct Amount {
@@ -58,7 +66,7 @@ private:
 
     Transport::Backlog const most_;
     std::atomic<std::uint64_t> total_{0};
-    std::atomic<unsigned int> heldBack_{0};
+    unsigned int heldBack_ = 0;
     std::unordered_map<Transport::TerminationId, Share> shares_;
     std::size_t enough_ = 64;  // shares, before idle ones are forgotten
     // The sender that was asked for last.

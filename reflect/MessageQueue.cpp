@@ -70,19 +70,23 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
 Transport::TerminationId MessageQueue::begin(Taken& taken) {
     Transport::TerminationId const sender = taken.message.originator();
     if (Backlog::Share* const share = std::exchange(taken.share, nullptr))
-        backlog_.release(*share, taken.message.size());
+        share->release(taken.message.size());
     bool const goesOn = holdsBack() && letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
     return goesOn ? sender : Transport::TerminationId();
 }
 
 bool MessageQueue::holdBack(Transport::TerminationId sender) {
     QueueLock const lock(changed_);
-    return !closed_ && backlog_.holdBack(sender);
+    bool const held = !closed_ && backlog_.holdBack(sender);
+    holdsBack_.store(backlog_.holdsBack());
+    return held;
 }
 
 Backlog::Mark MessageQueue::letGo(Transport::TerminationId sender, Backlog::When when) {
     QueueLock const lock(changed_);
-    return backlog_.letGo(sender, when);
+    Backlog::Mark const mark = backlog_.letGo(sender, when);
+    holdsBack_.store(backlog_.holdsBack());
+    return mark;
 }
 
 MessageQueue::Turn MessageQueue::next(bool firstPass, Taken& taken, Need& need) {

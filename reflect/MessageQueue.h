@@ -69,7 +69,7 @@ public:
     /** Takes that mark away when so little waits that the sender may go on, or anyway. */
     Backlog::Mark letGo(Transport::TerminationId sender, Backlog::When when);
     /** Whether there are such marks. */
-    bool holdsBack() const { return backlog_.heldBack() != 0; }
+    bool holdsBack() const { return holdsBack_.load(); }
 
     /** Counts one more worker, which the caller starts although the rule does not ask for it; false
      * when the queue is closed. */
@@ -115,8 +115,9 @@ private:
     /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.
     OSWrap::ConditionVar changed_;
     Ring messages_ OSW_GUARDED_BY(changed_);
-    /// Guarded by changed_, but for what says otherwise.
-    Backlog backlog_;
+    Backlog backlog_ OSW_GUARDED_BY(changed_);
+    /// What backlog_ says of it; written under the mutex, read without it.
+    std::atomic<bool> holdsBack_{false};
     unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
     unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
     bool closed_ OSW_GUARDED_BY(changed_) = false;

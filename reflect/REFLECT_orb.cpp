@@ -41,8 +41,8 @@ TreflectORB::Parts::Reserve::Reserve()
     TipprmiStream stream(failedCall, true);
     writeGeneralException(stream, 0);
     failedCall = stream.msg();
-    failedCall.kind(TreflectMessage::kResponse);
-    nothing.kind(TreflectMessage::kResponse);
+    unsigned char const zeros[Parts::kResponseSize / 2] = {};
+    TipprmiStream(nothing, true).marshall(zeros, sizeof zeros);
 }
 
 TreflectORB::~TreflectORB() = default;

@@ -107,6 +107,7 @@ private:
     void answerCall(TipprmiStream& response, int result);
     int send(TipprmiStream& response);
     TreflectMessage& failureInReserve();
+    TreflectMessage& asAnswer(TreflectMessage& message) const;
     void reportUnknownObject() const;
     Parts::LineLimits& limits() const { return orb_.parts_->limits; }
 
@@ -319,20 +320,30 @@ void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int resul
     answer(response);
 }
 
+/** Somebody waits for an answer: if there is no memory or no room for this one, they get one that
+ * is small and at hand. */
 int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
+    Transport::TerminationId const asker = message_.originator();
     bool const noMemory = response.msg().addressed().empty();
-    return orb_.issueTo_(message_.originator(), noMemory ? failureInReserve() : response.msg());
+    int const sent = noMemory ? 0 : orb_.issueAnswer_(asker, asAnswer(response.msg()));
+    if (sent == 1)
+        return sent;
+    int const failureSent = orb_.issueAnswer_(asker, asAnswer(failureInReserve()));
+    return noMemory ? failureSent : sent;
 }
 
-/** Somebody waits for an answer, for which there is no memory. The run permission guards the
- * messages in reserve until they have been issued. */
+/** The run permission guards the messages in reserve until they have been issued. */
 TreflectMessage& TreflectORB::IncomingMessage::failureInReserve() {
     bool const call = message_.type() == TreflectMessage::tPayload;
-    TreflectMessage& failure =
-        call ? orb_.parts_->reserve.failedCall : orb_.parts_->reserve.nothing;
-    failure.transactionId(message_.transactionId());
-    failure.type(message_.type());
-    return failure;
+    return call ? orb_.parts_->reserve.failedCall : orb_.parts_->reserve.nothing;
+}
+
+/** One that could only be allocated at a second attempt has no header yet. */
+TreflectMessage& TreflectORB::IncomingMessage::asAnswer(TreflectMessage& message) const {
+    message.transactionId(message_.transactionId());
+    message.type(message_.type());
+    message.kind(TreflectMessage::kResponse);
+    return message;
 }
 
 /**
@@ -353,7 +364,7 @@ void TreflectORB::IncomingMessage::makeUpForOnce() {
     if (arrival)
         serve();
     else if (message_.kind() == TreflectMessage::kRequest)
-        orb_.issueTo_(message_.originator(), failureInReserve());
+        orb_.issueAnswer_(message_.originator(), asAnswer(failureInReserve()));
 }
 
 void TreflectORB::IncomingMessage::reportUnknownObject() const {

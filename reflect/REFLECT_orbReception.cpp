@@ -14,16 +14,18 @@
 
 namespace {
 
-/** Our header and the length of a stream: what every message of a broker has. */
-constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + 4;
-/** The header of a call, of which the second word tells whether a response is awaited. */
-constexpr unsigned int kCallHeaderSize = 16;
-constexpr unsigned int kTransactionOffset = 4;
+constexpr unsigned int kStreamLengthSize = 4;
+/** What every message of a broker has. */
+constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + kStreamLengthSize;
+/** What the payload of a call begins with: the length of its stream, then the header of the call,
+ * of which the second word tells whether a response is awaited. */
+constexpr unsigned int kCallHeadSize = kStreamLengthSize + 16;
+constexpr unsigned int kTransactionOffset = kStreamLengthSize + 4;
 
 /** A call for which nobody waits, on its way back. */
 bool isReturnedOneWay(TreflectMessage const& message) {
     return message.kind() == TreflectMessage::kNoDestination &&
-           message.type() == TreflectMessage::tPayload && message.size() >= kCallHeaderSize &&
+           message.type() == TreflectMessage::tPayload && message.size() >= kCallHeadSize &&
            ipprmi::loadBigEndian(message.buf() + kTransactionOffset) == 0;
 }
 
@@ -142,7 +144,7 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
     if (Transport::Termination(sender).issueError(message) == 1)
         return;
     std::size_t const size =
-        std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeaderSize);
+        std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeadSize);
     TreflectMessage fresh(allocateMessage(size, 5));
     TreflectMessage& head = fresh.empty() ? parts_->reserve.sentBack : fresh;
     if (head.addressed().extend(size)) {

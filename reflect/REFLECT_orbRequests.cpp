@@ -226,6 +226,12 @@ int TreflectORB::issueTo_(Transport::TerminationId target, TreflectMessage& mess
     return Transport::TransportLayer::instance().getTermination(target).issue(message.addressed());
 }
 
+int TreflectORB::issueAnswer_(Transport::TerminationId target, TreflectMessage& message) const {
+    message.addressed().originator(termId());
+    return Transport::TransportLayer::instance().getTermination(target).issueAnswer(
+        message.addressed());
+}
+
 void TreflectORB::waitingTooLongFor(Transport::TerminationId const& target, TreflectMessage request,
                                     int minutes) const {
     OSWrap::DisableCancelStateGuard const noCancel;

@@ -254,6 +254,7 @@ private:
     void letAnswer_(Transport::TerminationId target) const;
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
+    int issueAnswer_(Transport::TerminationId target, TreflectMessage& message) const;
     bool turnAway_(Transport::TerminationId target, TreflectMessage const& message,
                    TipprmiStream& response) const;
     void closeCalls_();

@@ -22,6 +22,9 @@ public:
      * delivered comes back through receiveError.
      */
     int issue(AddressedMessage& message) const;
+    /** As `issue`, for a message that somebody there waits for: finds room (8 MiB more) also when
+     * the queue is full for others. */
+    int issueAnswer(AddressedMessage& message) const;
     /** Gives `message` back to this termination (one of this process) as undeliverable: it comes
      * through its receiveError on its receiving thread. 1 when taken, else 0. */
     int issueError(AddressedMessage const& message) const;

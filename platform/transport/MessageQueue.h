@@ -14,6 +14,13 @@ AddressedMessage allocateUninitialized(std::size_t size);
  */
 AddressedMessage copyOf(AddressedMessage const& message);
 
+/** How much may wait in one queue. Whoever waits for an answer cannot send it again, so answers
+ * find room where all else is refused. */
+enum class Room : std::size_t {
+    Usual = std::size_t{64} * 1024 * 1024,
+    ForAnswers = std::size_t{72} * 1024 * 1024
+};
+
 /**
  * First in, first out, linked through the blocks: needs no memory of its own. Holds messages that
  * have no other owner, since a block can be in one queue only. A resource without a lock.
@@ -31,6 +38,9 @@ public:
     std::size_t count() const { return count_; }
     static std::size_t weight(std::size_t messageSize) {
         return messageSize + sizeof(MessageBlock);
+    }
+    bool hasRoomFor(std::size_t messageSize, Room room) const {
+        return bytes_ + weight(messageSize) <= static_cast<std::size_t>(room);
     }
 
     void push(AddressedMessage message) {

@@ -1,7 +1,10 @@
 // More messages than a broker serves: between processes, where their senders can be held back.
 #include <atomic>
+#include <csignal>
 #include <fstream>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
@@ -84,7 +87,7 @@ TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) 
     for (unsigned int i = 1; i < kMost; ++i) {
         TreflectMessage const back = peer_.await(i);
         ASSERT_EQ(back.kind(), TreflectMessage::kNoDestination);
-        ASSERT_EQ(back.size(), 16u) << "its head";
+        ASSERT_EQ(back.size(), 20u) << "its head";
     }
     peer_.answer(question,
                  [](TipprmiStream& response) { response << TipprmiExceptionContainer() << 0u; });
@@ -97,6 +100,72 @@ TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) 
     EXPECT_TRUE(testsupport::eventually([&] {
         return peer_.await(peer_.count() - 1).transactionId() == 9;
     })) << "served again";
+    receiver_.finish();
+}
+
+/** Is asked by a process that it stops meanwhile, so that nothing it sends there gets through. */
+class Jammer : public TipprmiObjectSkeleton {
+public:
+    Jammer(pid_t asker, Transport::TerminationId to, unsigned int ioid)
+        : TipprmiObjectSkeleton(TipprmiOID("jammer", NSID_UNIT)),
+          asker_(asker),
+          to_(to),
+          ioid_(ioid) {}
+
+    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        unsigned int answerSize = 0;
+        in >> answerSize;
+        kill(asker_, SIGSTOP);
+        for (int i = 0; i < kSizes; ++i)
+            while (sendOneWay(kLargest >> i)) {
+            }
+        ++jams_;  // with the permission, until the answer has been sent
+        prepareResponseStream_(out);
+        out << answerSize;
+        std::vector<char> const bytes(answerSize);
+        out.marshall(bytes.data(), static_cast<int>(bytes.size()));
+        return true;
+    }
+    /** How often it has jammed the way. */
+    int jams() const { return jams_; }
+
+private:
+    static constexpr int kSizes = 15;
+    static constexpr int kLargest = 1 << 20;
+
+    bool sendOneWay(int size) const {
+        TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
+        TipprmiStream request(size);
+        TipprmiStream response(100);
+        request << ioid_ << false << kProbeClass << unsigned{kEcho};
+        request.msg().type(TreflectMessage::tPayload);
+        return orb.forwardMsg_(to_, false, request.msg(), response);
+    }
+
+    pid_t const asker_;
+    Transport::TerminationId const to_;
+    unsigned int const ioid_;
+    std::atomic<int> jams_{0};
+};
+
+// What it is asked must be answered, though nothing else can be sent any more.
+TEST_F(BacklogTest, answerFindsRoomWhereAllElseIsRefused) {
+    auto jammer = permitted([this] {
+        return std::make_unique<Jammer>(receiver_.child().pid(), receiver(), probe_.ioid);
+    });
+    int jams = 1;
+    constexpr unsigned int kTooLarge = 10u << 20;
+    for (auto const& [size, outcome] : {std::pair{7u, "1 7"}, std::pair{kTooLarge, "0 0"}}) {
+        receiver_.tell("call jammer " + std::to_string(size));
+        EXPECT_TRUE(testsupport::eventually([&] { return jammer->jams() == jams; }));
+        ++jams;
+        permitted([] {});  // has answered
+        EXPECT_EQ(log_.contains("Sending response message failed rc=0"), size == kTooLarge);
+        kill(receiver_.child().pid(), SIGCONT);
+        EXPECT_EQ(receiver_.await("called"), outcome);
+    }
+    permitted([&] { jammer.reset(); });
     receiver_.finish();
 }
 

@@ -53,9 +53,9 @@ TEST_F(BrokerMessageTest, onlyWhoWasAskedCanAnswer) {
     RawPeer peer(group(), [&](RawPeer& self, TreflectMessage& request) {
         for (auto const kind : {TreflectMessage::kResponse, TreflectMessage::kNoDestination,
                                 TreflectMessage::kResponse, TreflectMessage::kResponse}) {
-            TreflectMessage forged = forger.make(request.transactionId(), request.type(), kind);
-            forged.buf()[7] = 1;  // a call that awaits a response, should it come back
-            forger.send(request.originator(), forged);
+            TipprmiStream forged(forger.make(request.transactionId(), request.type(), kind), true);
+            forged << 0x77u << true << 0xCu << 1;  // what comes back looks like the call
+            forger.send(request.originator(), forged.msg());
         }
         EXPECT_TRUE(log_.waitFor("drops response of ", 3));
         answerWith(self, request, 7);
@@ -71,9 +71,11 @@ TEST_F(BrokerMessageTest, onlyWhoWasAskedCanAnswer) {
 TEST_F(BrokerMessageTest, oneWayCallThatComesBackCountsAsFailedAndEndsNoRequest) {
     RawPeer peer(group(), [](RawPeer& self, TreflectMessage& message) {
         // A one-way call by its payload. Ids come round: it may have that of a request.
-        TreflectMessage back = self.make(message.transactionId(), TreflectMessage::tPayload,
-                                         TreflectMessage::kNoDestination);
-        self.send(message.originator(), back);
+        TipprmiStream back(self.make(message.transactionId(), TreflectMessage::tPayload,
+                                     TreflectMessage::kNoDestination),
+                           true);
+        back << 0x77u << false << 0xCu << 1;
+        self.send(message.originator(), back.msg());
         if (message.kind() == TreflectMessage::kRequest)
             answerWith(self, message, 7);
     });
@@ -87,6 +89,37 @@ TEST_F(BrokerMessageTest, oneWayCallThatComesBackCountsAsFailedAndEndsNoRequest)
     for (unsigned int i = 0; i < info.counters.getLength(); ++i)
         failed += info.counters[i].termination == peer.termId() ? info.counters[i].failed : 0;
     EXPECT_EQ(failed, 2u);
+}
+
+/** An object for whose answers there is no memory. */
+class Starved : public TipprmiObjectSkeleton {
+public:
+    Starved() : TipprmiObjectSkeleton(TipprmiOID("starved", NSID_UNIT)) {}
+
+    bool dispatch(bool, unsigned int, unsigned int mc, TipprmiStream&,
+                  TipprmiStream& out) override {
+        out = TipprmiStream(TreflectMessage(Transport::AddressedMessage()), true);
+        return mc == 1;
+    }
+};
+
+TEST_F(BrokerMessageTest, callIsAnsweredWithAFailureWhenThereIsNoMemoryForAnAnswer) {
+    auto starved = permitted([] { return std::make_unique<Starved>(); });
+    RawPeer peer(group());
+    // Later there is some, but the header was lost.
+    for (int const mc : {1, 2}) {
+        auto const id = static_cast<unsigned int>(mc);
+        peer.sendCall(orb().termId(), id, starved->getInternalOID(), true, kProbeClass, mc);
+        TreflectMessage const answer = peer.await(id - 1);
+        ASSERT_EQ(answer.kind(), TreflectMessage::kResponse);
+        EXPECT_EQ(answer.transactionId(), id);
+        EXPECT_EQ(answer.type(), TreflectMessage::tPayload);
+        TipprmiStream response(answer, false);
+        ProbeClient::Answer const outcome = ProbeClient::read(true, response);
+        EXPECT_EQ(outcome.exceptionType, 1u);
+        EXPECT_EQ(outcome.exceptionCode, 0u);
+    }
+    permitted([&] { starved.reset(); });
 }
 
 TEST_F(BrokerMessageTest, linesThatAnyoneCanCauseAreFew) {

@@ -35,7 +35,7 @@ Packet Channel::packet(Packet::Kind kind, std::uint32_t ringCapacity) const {
 
 // ---- Sending: any thread -----------------------------------------------------------------------
 
-Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists) {
+Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Room room) {
     OSWrap::Lock<> lock(mutex_);
     if (state_ == State::Gone || !receiver_->sending())
         return Sent::Refused;
@@ -49,7 +49,7 @@ Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists) {
             return Sent::Taken;
         }
     }
-    return enqueueLocked(message);
+    return enqueueLocked(message, room);
 }
 
 bool Channel::putLocked(AddressedMessage const& message) {
@@ -58,8 +58,8 @@ bool Channel::putLocked(AddressedMessage const& message) {
     return growLocked(message.size()) && writer_->put(message.buf(), message.size());
 }
 
-Channel::Sent Channel::enqueueLocked(AddressedMessage const& message) {
-    if (queue_.bytes() + MessageQueue::weight(message.size()) > kMostQueuedBytes)
+Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room) {
+    if (!queue_.hasRoomFor(message.size(), room))
         return Sent::Refused;
     AddressedMessage copy = copyOf(message);
     if (copy.empty())

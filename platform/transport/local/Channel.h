@@ -17,9 +17,6 @@ namespace Transport {
 
 class Receiver;
 
-/** What waits in the sender for one destination may weigh this much; beyond it `issue` refuses. */
-constexpr std::size_t kMostQueuedBytes = std::size_t{64} * 1024 * 1024;
-
 /**
  * One termination's side of its traffic with one termination of another process. Lives from the
  * first message until the peer is gone or the own termination stops, and has a connection while
@@ -54,7 +51,7 @@ public:
     std::uint32_t token() const { return token_; }
     /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,
      * so find out and ask again. */
-    Sent send(AddressedMessage const& message, bool peerExists);
+    Sent send(AddressedMessage const& message, bool peerExists, Room room);
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
     /** Takes no more than one further message out of the ring at a time, and that only before a
@@ -102,7 +99,7 @@ private:
     };
 
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
-    Sent enqueueLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
+    Sent enqueueLocked(AddressedMessage const& message, Room room) OSW_REQUIRES(mutex_);
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
     bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);

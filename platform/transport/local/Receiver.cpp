@@ -291,13 +291,13 @@ void Receiver::deliver(AddressedMessage const& message) {
 
 // ---- Messages within the process ---------------------------------------------------------------
 
-int Receiver::deliverCopy(AddressedMessage const& message) {
+int Receiver::deliverCopy(AddressedMessage const& message, Room room) {
     AddressedMessage copy = copyOf(message);
     if (copy.empty())
         return 0;
     {
         OSWrap::Lock<> lock(inboxMutex_);
-        if (refusing_ || inbox_.bytes() + MessageQueue::weight(message.size()) > kMostQueuedBytes)
+        if (refusing_ || !inbox_.hasRoomFor(message.size(), room))
             return 0;
         inbox_.push(std::move(copy));
     }
@@ -313,7 +313,7 @@ void Receiver::refuseReceiving() {
 int Receiver::giveBack(AddressedMessage message) {
     {
         OSWrap::Lock<> lock(inboxMutex_);
-        if (closed_)
+        if (closed_ || !errors_.hasRoomFor(message.size(), Room::Usual))
             return 0;
         errors_.push(std::move(message));
     }

@@ -45,10 +45,11 @@ public:
     // ---- Any thread ----
     TerminationId id() const { return id_; }
     /** Takes a copy of a message from a termination of this process; 1 when taken. */
-    int deliverCopy(AddressedMessage const& message);
+    int deliverCopy(AddressedMessage const& message, Room room);
     /** From now on no message of this process is taken: the termination is out of sight. */
     void refuseReceiving();
-    /** Takes messages, each without other owners, that are to go through receiveError. */
+    /** Takes messages, each without other owners, that are to go through receiveError. One at a
+     * time they are bounded like what arrives; those of a channel are as many as it had taken. */
     int giveBack(AddressedMessage message);
     void giveBack(MessageQueue& messages);
     /** Has the thread call the channel's `service`. */

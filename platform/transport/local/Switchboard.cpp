@@ -14,10 +14,10 @@ std::uint64_t pairOf(TerminationId own, TerminationId peer) {
 }
 
 /** Of a channel that may have to know whether its peer exists. */
-int sendThrough(Channel& channel, AddressedMessage const& message) {
-    Channel::Sent sent = channel.send(message, false);
+int sendThrough(Channel& channel, AddressedMessage const& message, Room room) {
+    Channel::Sent sent = channel.send(message, false, room);
     if (sent == Channel::Sent::AskPresence && Rendezvous::instance().exists(channel.peer()))
-        sent = channel.send(message, true);
+        sent = channel.send(message, true, room);
     return sent == Channel::Sent::Taken ? 1 : 0;
 }
 
@@ -32,23 +32,25 @@ Switchboard::Switchboard() {
     Rendezvous::instance().goneHook(&Switchboard::onGone);
 }
 
-int Switchboard::issue(AddressedMessage const& message, TerminationId destination) {
+int Switchboard::issue(AddressedMessage const& message, TerminationId destination, Room room) {
     if (message.empty() || inForkedChild())
         return 0;
     std::shared_ptr<Channel> const channel = find(message.originator(), destination);
-    return channel != nullptr ? sendThrough(*channel, message) : issueSlowly(message, destination);
+    return channel != nullptr ? sendThrough(*channel, message, room)
+                              : issueSlowly(message, destination, room);
 }
 
-int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId destination) {
+int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId destination,
+                             Room room) {
     std::shared_ptr<Receiver> const from = receiver(message.originator());
     if (from == nullptr || !from->sending())
         return 0;
     if (std::shared_ptr<Receiver> const to = receiver(destination))
-        return to->deliverCopy(message);
+        return to->deliverCopy(message, room);
     if (!Rendezvous::instance().exists(destination))
         return 0;
     std::shared_ptr<Channel> const made = channel(from, destination);
-    return made != nullptr ? sendThrough(*made, message) : 0;
+    return made != nullptr ? sendThrough(*made, message, room) : 0;
 }
 
 int Switchboard::giveBack(AddressedMessage const& message, TerminationId to) {

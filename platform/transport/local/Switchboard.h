@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "oswrap/Mutex.h"
+#include "platform/transport/MessageQueue.h"
 #include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
 
@@ -21,7 +22,7 @@ public:
     static Switchboard& instance();
 
     /** Sends `message` in the name of its originator; 1 when taken, else 0. */
-    int issue(AddressedMessage const& message, TerminationId destination);
+    int issue(AddressedMessage const& message, TerminationId destination, Room room = Room::Usual);
     /** Has a termination of this process get a copy of `message` through receiveError; 1 when
      * taken, else 0. */
     int giveBack(AddressedMessage const& message, TerminationId to);
@@ -42,7 +43,7 @@ private:
 
     static void onGone(TerminationId id);
     std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
-    int issueSlowly(AddressedMessage const& message, TerminationId destination);
+    int issueSlowly(AddressedMessage const& message, TerminationId destination, Room room);
     std::shared_ptr<Receiver> receiver(TerminationId id);
 
     OSWrap::Mutex mutex_;  // nothing of the transport is locked under it
