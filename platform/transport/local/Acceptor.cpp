@@ -1,6 +1,7 @@
 #include "platform/transport/local/Acceptor.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
