@@ -47,6 +47,7 @@ private:
     void reportReceivingThread() const;
     int send();
     bool awaitResponse();
+    bool refused();
     bool failed(int code);
     void forgetGoneTarget();
 
@@ -58,6 +59,7 @@ private:
     TipprmiStream& response_;
     OngoingRequest& record_;
     OngoingRequestId id_;
+    bool issued_ = false;  // so the target was there
 };
 
 bool TreflectORB::OutgoingCall::perform() {
@@ -66,7 +68,8 @@ bool TreflectORB::OutgoingCall::perform() {
         return failed(0);
     message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
     int const issued = id_.chosen ? send() : 0;
-    if (issued != 1) {
+    issued_ = issued == 1;
+    if (!issued_) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
                        orb_.termId().value(), target_.value(), message_.transactionId());
@@ -132,17 +135,26 @@ bool TreflectORB::OutgoingCall::awaitResponse() {
                        orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
                        trueOrFalse(!targetExists));
         orb_.testInfoAboutMessage(target_, message_, withResponse_);
-        return failed(0);
+        return refused();
     }
     if (answer->kind() == TreflectMessage::kNoDestination) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
                        orb_.termId().value(), target_.value());
         orb_.testInfoAboutMessage(target_, message_, withResponse_);
-        return failed(0);
+        return refused();
     }
     response_ = TipprmiStream(*answer, false);
     return true;
+}
+
+/** Lets the transport see first whether the target is dying. */
+bool TreflectORB::OutgoingCall::refused() {
+    {
+        TreflectReleaseHandlerState const released;
+        Transport::TransportLayer::instance().stillExists(target_);
+    }
+    return failed(0);
 }
 
 bool TreflectORB::OutgoingCall::failed(int code) {
@@ -154,12 +166,13 @@ bool TreflectORB::OutgoingCall::failed(int code) {
 }
 
 /** Its departure may be told only after the call has failed. Who sees the failure is to find the
- * handle invalid already, and no connection that fails again. */
+ * handle invalid already, and no connection that fails again. One that the transport does not know
+ * and that was never there may still come. */
 void TreflectORB::OutgoingCall::forgetGoneTarget() {
-    if (Transport::TransportLayer::instance().exists(target_) ||
-        !orb_.parts_->presentOrbs.remove(target_))
-        return;
-    if (TreflectObjectHandler* const handler = TreflectObjectHandler::getInstance())
+    bool const gone = !Transport::TransportLayer::instance().exists(target_) &&
+                      (orb_.parts_->presentOrbs.remove(target_) || issued_);
+    TreflectObjectHandler* const handler = gone ? TreflectObjectHandler::getInstance() : nullptr;
+    if (handler)
         handler->invalidateStubs(orb_.convertId(target_));
 }
 

@@ -28,6 +28,12 @@ public:
 
     Termination getTermination(TerminationId id) const { return Termination(id); }
     bool exists(TerminationId id) const;
+    /**
+     * The same for one from which a message has just come back: it may be about to die. Looks for
+     * itself, and waits at most a second until one that shows signs of its end has ended. Not on
+     * the thread that calls `TerminationImpl::receive`.
+     */
+    bool stillExists(TerminationId id) const;
     Group getGroup(GroupId id) const { return Group(id); }
     /** All terminations of all groups, in ascending order. */
     std::list<TerminationId> getTerminations() const;

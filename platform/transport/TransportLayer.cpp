@@ -13,6 +13,10 @@ bool TransportLayer::exists(TerminationId id) const {
     return Rendezvous::instance().exists(id);
 }
 
+bool TransportLayer::stillExists(TerminationId id) const {
+    return Rendezvous::instance().stillExists(id);
+}
+
 std::list<TerminationId> TransportLayer::getTerminations() const {
     auto const all = Rendezvous::instance().terminations();
     return {all.begin(), all.end()};

@@ -1,5 +1,7 @@
 // Requests and responses as they go over the wire, against a peer that writes them by hand.
+#include <memory>
 
+#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Permitted.h"
 #include "Probe.h"
@@ -162,6 +164,65 @@ TEST_F(BrokerMessageTest, returnedRequestEndsTheCall) {
     EXPECT_FALSE(outcome.succeeded);
     EXPECT_EQ(outcome.exceptionCode, 0u);
     EXPECT_EQ(log_.count(3, "receives TRANSPORT_ERROR message of termId 0x"), 1u);
+}
+
+/** Holds up all news of departures in this process, from the first one that it is told. */
+class SlowToHear final : public Transport::TerminationImpl {
+public:
+    explicit SlowToHear(Transport::GroupId group) : TerminationImpl(group, "slow") { start(); }
+    ~SlowToHear() override {
+        goOn.open();
+        stop();
+    }
+    bool receive(Transport::AddressedMessage const&) override { return true; }
+    bool receiveError(Transport::AddressedMessage const&) override { return true; }
+    void appeared(Transport::Termination&) override { heard.open(); }
+    void disappeare(Transport::Termination&) override {
+        told.open();
+        goOn.wait();
+    }
+
+    testsupport::Gate heard, told, goOn;
+};
+
+TEST_F(BrokerMessageTest, whoseCallFailsBecauseItsTargetHasGoneFindsTheHandleInvalid) {
+    BrokerActor stopped, killed;
+    stopped.publish("stopped");
+    Transport::TerminationId const gone =
+        orb().convertId(TreflectOrbId(killed.publish("killed").broker));
+    auto const handleOn = [](char const* name) {
+        return permitted([&] { return std::make_unique<ProbeClient>(oid(name)); });
+    };
+    auto const waiting = handleOn("stopped");
+    auto const late = handleOn("killed");
+    SlowToHear slow(group());
+    ASSERT_TRUE(slow.heard.wait()) << "after the broker, which was there before";
+    { RawPeer const shortLived(group()); }
+    ASSERT_TRUE(slow.told.wait());
+    // One call waits for its response, in the channel of a process that does not read.
+    ASSERT_TRUE(stopped.child().stopWholly());
+    testsupport::Gate calling;
+    std::thread caller([&] {
+        TreflectHandlerState const handlerState(true);
+        EXPECT_TRUE(waiting->isConnected());
+        calling.open();
+        EXPECT_FALSE(waiting->call(kEcho).succeeded);
+        EXPECT_FALSE(waiting->isConnected());
+    });
+    ASSERT_TRUE(calling.wait());
+    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
+    stopped.child().kill();
+    caller.join();
+    // The other begins when the transport knows already.
+    EXPECT_TRUE(Transport::TransportLayer::instance().exists(gone));
+    killed.child().kill();
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return !Transport::TransportLayer::instance().exists(gone); }));
+    permitted([&] {
+        EXPECT_TRUE(late->isConnected()) << "its end has not been told";
+        EXPECT_FALSE(late->call(kEcho).succeeded);
+        EXPECT_FALSE(late->isConnected());
+    });
 }
 
 TEST_F(BrokerMessageTest, tooShortRequestIsReportedAndSent) {

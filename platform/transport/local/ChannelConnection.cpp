@@ -1,4 +1,5 @@
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -126,7 +127,6 @@ void Channel::giveUp(int level, char const* reason) {
     REFLECTORB_LOG_LIMITED(limit, level, kSource, "no connection from 0x%08X to 0x%08X: %s",
                            ownId_.value(), peer_.value(), reason);
     attempts_ = 0;
-    Rendezvous::instance().check(peer_);
     close(Unread::GiveBack);
     if (Rendezvous::instance().exists(peer_)) {
         Rendezvous::instance().suspect(peer_);
@@ -374,15 +374,10 @@ void Channel::end() {
     } else if (ended_ && !left && !stood) {
         Rendezvous::instance().suspect(peer_);
         tryAgain("the peer has closed it");
-    } else if (left) {
-        close(Unread::LeaveToPeer);
-        if (!stood)
+    } else if (ended_ || left) {
+        close(left ? Unread::LeaveToPeer : Unread::GiveBack);
+        if (!left || !stood)
             Rendezvous::instance().suspect(peer_);
-    } else if (ended_) {
-        // Who gets back what it sent to a dead one finds it gone.
-        Rendezvous::instance().check(peer_);
-        close(Unread::GiveBack);
-        Rendezvous::instance().suspect(peer_);
     } else {
         if (saysLeft_)
             sendPacket(socket(), packet(Packet::Left));

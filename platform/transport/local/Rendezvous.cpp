@@ -286,10 +286,9 @@ void Rendezvous::knocked() {
         state_.knocked();
 }
 
-void Rendezvous::check(TerminationId id) {
+bool Rendezvous::stillExists(TerminationId id) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    if (!inForkedChild())
-        state_.check({id});
+    return !inForkedChild() && state_.stillExists(id);
 }
 
 void Rendezvous::attach(PresenceListener& listener) {

@@ -64,8 +64,9 @@ public:
     std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
     void suspect(TerminationId id);
-    /** Checks that itself: when it returns, one whose end can be seen is not there any more. */
-    void check(TerminationId id);
+    /** Whether `id` is there, of one to which a connection has just failed: waits until it is known
+     * whether that one is dying, at most a second. Not for receiving threads. */
+    bool stillExists(TerminationId id);
     /** Somebody has connected to a termination of this process and left without a word: one who
      * misses our locks, perhaps, because the folder's file has been replaced. Never blocks. */
     void knocked();

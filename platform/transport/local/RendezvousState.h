@@ -47,7 +47,7 @@ struct Rendezvous::State {
     bool ownedBy(TerminationId id, pid_t pid);
     void suspect(TerminationId id);
     void knocked();
-    void check(std::set<TerminationId> const& suspects);
+    bool stillExists(TerminationId id);
 
     PresenceTable table;
     std::atomic<GoneHook> goneHook{nullptr};
@@ -98,6 +98,9 @@ private:
     void dropMissing(Scan& scan);
     void missOwn() OSW_REQUIRES(mutex_);
     void checkSuspects();
+    void check(std::set<TerminationId> const& suspects);
+    bool hasLetGo(PresenceTable::Known const& known) const OSW_REQUIRES(mutex_);
+    bool mayBeDying(TerminationId id);
     void checkProcess(NeighbourWatch::Suspect const& suspect);
     enum class Process { Ended, Unknown };
     bool isDead(PresenceTable::Known const& known, Process process) const OSW_REQUIRES(mutex_);

@@ -21,6 +21,10 @@ constexpr std::size_t kWatchStack = 0x20000;
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
 /** How many entries are looked at in one go, as receiving threads wait for the mutex. */
 constexpr std::size_t kEntriesAtOnce = 128;
+/** Between the first sign of an end and the last. One that shows the first sign only, because it
+ * has not moved over, is taken to live after this time. */
+constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
+constexpr unsigned long kDyingLook = 1'000'000;  // nanoseconds
 /** After it has moved over, a process gives the others this long to follow by themselves. */
 constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 
@@ -438,14 +442,17 @@ void Rendezvous::State::suspect(TerminationId id) {
     watch_.wake();
 }
 
+bool Rendezvous::State::hasLetGo(PresenceTable::Known const& known) const {
+    return folder.load()->ownerOf(known.id.nameId()) != known.entry.owner;
+}
+
 /** Whether its owner has let go of its lock, and either has ended for sure or let go of its socket
  * as well. Only the lock is free when he has not moved over to our file yet; a forked child of his
  * may keep the socket, and holds no lock. */
 bool Rendezvous::State::isDead(PresenceTable::Known const& known, Process process) const {
-    EntryFolder const& files = *folder;
-    return files.ownerOf(known.id.nameId()) != known.entry.owner &&
+    return hasLetGo(known) &&
            (process == Process::Ended ||
-            files.probe(known.entry.file) != EntryFolder::Socket::Alive);
+            folder.load()->probe(known.entry.file) != EntryFolder::Socket::Alive);
 }
 
 /** Takes a dead one out of the table and its entry out of the folder; true for the latter. */
@@ -487,6 +494,23 @@ void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
                 departed.announce = bury(known, departed.gone) || departed.announce;
         }
     }
+}
+
+/** Looks for itself, and answers whether that was too early. The kernel takes the locks of a dying
+ * process first, then its sockets, one after the other. Without memory nobody can look. */
+bool Rendezvous::State::mayBeDying(TerminationId id) {
+    if (!OSWrap::withMemory([&] { check({id}); }))
+        return false;
+    OSWrap::Lock<> lock(mutex_);
+    PresenceTable::Known known{id, {}};
+    return own_.count(id) == 0 && table.find(id, known.entry) && hasLetGo(known);
+}
+
+bool Rendezvous::State::stillExists(TerminationId id) {
+    long long const latest = OSWrap::Clock::nowNanoseconds() + kTimeToDie;
+    while (table.exists(id) && mayBeDying(id) && OSWrap::Clock::nowNanoseconds() < latest)
+        OSWrap::Thread::sleep(0, kDyingLook);
+    return table.exists(id);
 }
 
 /**
