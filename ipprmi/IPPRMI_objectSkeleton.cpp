@@ -14,7 +14,7 @@ namespace {
 constexpr char kSource[] = "IPPRMI_objectSkeleton";
 
 // Codes come in messages of others.
-Logging::LineLimit unknownMethod;
+Logging::LineLimit unknownMethod(20);
 
 }  // namespace
 

@@ -13,8 +13,6 @@
 namespace Transport {
 namespace {
 
-constexpr char const* kSource = "Channel";
-constexpr unsigned kFirstLines = 10;
 constexpr int kMessagesPerBatch = 64;
 constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
 
