@@ -7,8 +7,7 @@
 #include "reflect/TreflectOrbParts.h"
 #include "reflect/TreflectServerObject.h"
 
-// ---- Notices under way
-// ---------------------------------------------------------------------------
+// ---- Notices under way --------------------------------------------------------------------------
 
 bool TreflectORB::Publication::addDue(Subscribers const& subscribers) {
     std::set_difference(subscribers.begin(), subscribers.end(), told_.begin(), told_.end(),
@@ -82,8 +81,7 @@ bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject cons
     return true;
 }
 
-// ---- Subscribers
-// ---------------------------------------------------------------------------------
+// ---- Subscribers --------------------------------------------------------------------------------
 
 void TreflectORB::addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,
                                             TipprmiSequence<TreflectObject, 0u>* existing) {

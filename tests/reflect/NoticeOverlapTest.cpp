@@ -347,8 +347,7 @@ TEST_F(OverlapTest, objectThatComesAgainIsToldAgain) {
     EXPECT_EQ(told(gone), (Names{"lamp", "lamp"}));
 }
 
-// ---- Newcomers
-// -----------------------------------------------------------------------------------
+// ---- Newcomers ----------------------------------------------------------------------------------
 
 TEST_F(OverlapTest, newcomerThatDoesNotAnswerHoldsUpNobodyElse) {
     Arrivals arrivals;
