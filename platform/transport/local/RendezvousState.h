@@ -97,8 +97,11 @@ private:
     bool ownedBy(TerminationId id, pid_t pid, PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
     void dropMissing(Scan& scan);
     void missOwn() OSW_REQUIRES(mutex_);
+    /** Until when an end that has shown its first sign may take. */
+    using Suspects = std::map<TerminationId, long long>;
     void checkSuspects();
-    void check(std::set<TerminationId> const& suspects);
+    void check(Suspects const& suspects);
+    void keepDying(Suspects& suspects);
     bool hasLetGo(PresenceTable::Known const& known) const OSW_REQUIRES(mutex_);
     bool mayBeDying(TerminationId id);
     void checkProcess(NeighbourWatch::Suspect const& suspect);
@@ -124,7 +127,7 @@ private:
     NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`
 
     OSWrap::Mutex suspectsMutex_;  // a leaf
-    std::set<TerminationId> suspects_ OSW_GUARDED_BY(suspectsMutex_);
+    Suspects suspects_ OSW_GUARDED_BY(suspectsMutex_);
 };
 
 }  // namespace Transport

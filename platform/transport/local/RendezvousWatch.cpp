@@ -435,9 +435,10 @@ bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid, PresenceTable::Depa
 // ---- Who died -----------------------------------------------------------------------------------
 
 void Rendezvous::State::suspect(TerminationId id) {
+    long long const latest = OSWrap::Clock::nowNanoseconds() + kTimeToDie;
     {
         OSWrap::Lock<> lock(suspectsMutex_);
-        suspects_.insert(id);
+        suspects_.emplace(id, latest);
     }
     watch_.wake();
 }
@@ -461,19 +462,40 @@ bool Rendezvous::State::bury(PresenceTable::Known const& dead, PresenceTable::De
     return folder.load()->remove(dead.entry.file);
 }
 
+/** Those whose end has only begun are looked at again in a moment: nothing else may tell of it. */
 void Rendezvous::State::checkSuspects() {
-    std::set<TerminationId> suspects;
+    Suspects suspects;
     {
         OSWrap::Lock<> lock(suspectsMutex_);
         suspects.swap(suspects_);
     }
-    if (OSWrap::withMemory([&] { check(suspects); }))
-        return;
+    bool const looked = OSWrap::withMemory([&] { check(suspects); });
+    if (looked)
+        keepDying(suspects);
+    bool const again = !suspects.empty();
     {
         OSWrap::Lock<> lock(suspectsMutex_);
         suspects_.merge(suspects);  // needs no memory
     }
-    throw std::bad_alloc();
+    if (!looked)
+        throw std::bad_alloc();
+    if (again) {
+        OSWrap::Thread::sleep(0, kDyingLook);
+        watch_.wake();
+    }
+}
+
+/** Takes out all but those that have let go of their lock and are not dead yet, while that may be
+ * the beginning of their end. */
+void Rendezvous::State::keepDying(Suspects& suspects) {
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    OSWrap::Lock<> lock(mutex_);
+    for (auto one = suspects.begin(); one != suspects.end();) {
+        PresenceTable::Known known{one->first, {}};
+        bool const dying = now < one->second && own_.count(known.id) == 0 &&
+                           table.find(known.id, known.entry) && hasLetGo(known);
+        one = dying ? std::next(one) : suspects.erase(one);
+    }
 }
 
 /**
@@ -481,13 +503,13 @@ void Rendezvous::State::checkSuspects() {
  * dead one come here at the same time. If that one dies before it has announced, its own death is
  * announced by its watchers, and the scans that follow find both.
  */
-void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
+void Rendezvous::State::check(Suspects const& suspects) {
     Departed departed(*this);
     if (!suspects.empty()) {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
         renew();
-        for (TerminationId const id : suspects) {
+        for (auto const& [id, until] : suspects) {
             PresenceTable::Known known{id, {}};
             if (own_.count(id) == 0 && table.find(id, known.entry) &&
                 isDead(known, Process::Unknown))
@@ -499,7 +521,7 @@ void Rendezvous::State::check(std::set<TerminationId> const& suspects) {
 /** Looks for itself, and answers whether that was too early. The kernel takes the locks of a dying
  * process first, then its sockets, one after the other. Without memory nobody can look. */
 bool Rendezvous::State::mayBeDying(TerminationId id) {
-    if (!OSWrap::withMemory([&] { check({id}); }))
+    if (!OSWrap::withMemory([&] { check({{id, 0}}); }))
         return false;
     OSWrap::Lock<> lock(mutex_);
     PresenceTable::Known known{id, {}};
