@@ -567,6 +567,24 @@ TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {
     EXPECT_EQ(higher.nextKind(), Packet::Crossed);
 }
 
+TEST_F(HandshakeTest, WhoHangsUpIsTriedAgainAlsoWhenOthersHaveComeMeanwhile) {
+    std::vector<HandMadePeer> hesitant(2);
+    for (HandMadePeer& peer : hesitant) {
+        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
+        peer.accept();
+        EXPECT_EQ(peer.nextKind(), Packet::Hello);
+    }
+    for (HandMadePeer& peer : hesitant)
+        peer.hangUp();
+    std::vector<HandMadePeer> others(4);
+    for (HandMadePeer& peer : others)
+        EXPECT_TRUE(peer.open(own_.termId()));
+    for (HandMadePeer& peer : hesitant) {
+        peer.accept();
+        EXPECT_EQ(peer.nextKind(), Packet::Hello);
+    }
+}
+
 TEST_F(HandshakeTest, WhatNobodyListensForComesBack) {
     HandMadePeer deaf;
     deaf.stopListening();

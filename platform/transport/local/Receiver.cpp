@@ -415,8 +415,14 @@ void Receiver::serveTimers() {
     acceptor_.serveTimers(now);
     for (auto const& [token, channel] : channels_)
         serving_.push_back(channel);
-    for (auto const& channel : serving_)
-        serveTimers(*channel, now, idleLook);
+    // Serving one may enrol it, which makes room in the list.
+    for (std::size_t i = 0; i < serving_.size(); ++i) {
+        std::shared_ptr<Channel> const channel = serving_[i];
+        if (OSWrap::withMemory([&] { serveTimers(*channel, now, idleLook); }))
+            continue;
+        OSWrap::awaitMemory();
+        request(*channel);
+    }
     serving_.clear();
 }
 
