@@ -235,8 +235,10 @@ TEST_F(WaitingRegistrationTest, observerThatIsRemovedMeanwhileIsNotEntered) {
     create("b");
     Names const names = told(watching);
     EXPECT_TRUE(names.empty() || names == Names{"a"}) << "removed before or after its entry";
-    EXPECT_EQ(peer_.await(1).type(), TreflectMessage::tOCNUnsubscribe);
-    EXPECT_EQ(peer_.await(2).type(), TreflectMessage::tODNUnsubscribe);
+    // When the peer's arrival is told meanwhile, it is asked once more.
+    std::size_t const end = peer_.await(1).type() == TreflectMessage::tOCNSubscribe ? 2 : 1;
+    EXPECT_EQ(peer_.await(end).type(), TreflectMessage::tOCNUnsubscribe);
+    EXPECT_EQ(peer_.await(end + 1).type(), TreflectMessage::tODNUnsubscribe);
 }
 
 TEST_F(WaitingRegistrationTest, observerThatIsDestroyedMeanwhileIsNotEntered) {
