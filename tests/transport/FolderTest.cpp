@@ -236,6 +236,7 @@ TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
     fs::remove(shared());
     std::ofstream(shared()) << std::string(4096, '\0');
     auto holder = std::make_unique<LockHolder>(shared(), 0x10001, 1);
+    Descriptor const sameName = listenAt(folder_.path() + "/f0010001.group240.slot1.pid1.x");
     Peer newcomer;
     EXPECT_TRUE(old.child().waitForErrorLine("holds the name id"));
     EXPECT_TRUE(eventually([&] { return old.knowsAll(2) && newcomer.knowsAll(2); }));

@@ -123,6 +123,8 @@ private:
     /** When to look again who has not followed to the file in use, and to knock there; 0 when that
      * has been done. */
     long long knockAt_ OSW_GUARDED_BY(mutex_) = 0;
+    /** Until then the folder is not read for strangers who say Hello without the lock. */
+    long long noReadingUntil_ OSW_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> lacksLocks_{false};  // of names; written under mutex_
     NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`
 

@@ -28,11 +28,14 @@ constexpr unsigned long kDyingLook = 1'000'000;  // nanoseconds
 /** After it has moved over, a process gives the others this long to follow by themselves. */
 constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 
-/** Sleeps until the pause after a scan is over, which is at least as long as the scan was: a folder
- * that somebody fills takes half a processor at most. */
+/** When the pause after a scan is over, which is at least as long as the scan was: a folder that
+ * somebody fills takes half a processor at most. */
+long long restUntil(long long began, long long ended) {
+    return ended + std::clamp(ended - began, kScanPause, 50 * kScanPause);
+}
+
 void rest(long long began, long long ended) {
-    long long const pause = std::clamp(ended - began, kScanPause, 50 * kScanPause);
-    long long const left = ended + pause - OSWrap::Clock::nowNanoseconds();
+    long long const left = restUntil(began, ended) - OSWrap::Clock::nowNanoseconds();
     if (left > 0)
         OSWrap::Thread::sleep(0, static_cast<unsigned long>(left));
 }
@@ -326,13 +329,14 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
 
 namespace {
 
-/** Whether another living socket bears the same name id. */
+/** Whether another living socket bears the same id. */
 bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
               FolderEntry const& entry) {
     auto const [first, last] =
         std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
     return std::any_of(first, last, [&](FolderEntry const& other) {
-        return other.file != entry.file && files.probe(other.file) == EntryFolder::Socket::Alive;
+        return other.id == entry.id && other.file != entry.file &&
+               files.probe(other.file) == EntryFolder::Socket::Alive;
     });
 }
 
@@ -341,7 +345,7 @@ bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
 /**
  * The process that owns a living entry and is named by it: who holds the lock. Who has not followed
  * to the file in use, or was overtaken there by somebody else, does not hold it: then it is who
- * listens, as long as nobody else is there under this name id. Nothing when that proves nobody.
+ * listens, as long as nobody else is there under this id. Nothing when that proves nobody.
  */
 std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> const& all,
                                                     FolderEntry const& entry) {
@@ -424,12 +428,16 @@ bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid, PresenceTable::Depa
             return lives && known.owner == pid;
     }
     // Its announcement is still on the way to us.
+    long long const began = OSWrap::Clock::nowNanoseconds();
+    if (files.ownerOf(id.nameId()) != pid && began < noReadingUntil_)
+        return false;  // who is one of us tries again
     std::vector<FolderEntry> const all = files.list();
     for (FolderEntry const& entry : all)
         if (entry.id == id && !entry.hidden && EntryFolder::isOf(pid, entry.file) &&
             admit(all, entry, gone))
-            return table.find(id, known) && known.owner == pid;
-    return false;
+            break;
+    noReadingUntil_ = restUntil(began, OSWrap::Clock::nowNanoseconds());
+    return table.find(id, known) && known.owner == pid;
 }
 
 // ---- Who died -----------------------------------------------------------------------------------
