@@ -3,9 +3,9 @@
 #include "ipprmi/BigEndian.h"
 // Whether the caller has the run permission is asked of the broker, calls leave through stubs, and
 // observers stand with the server object.
-#include "reflect/StubInUse.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectServerObject.h"
+#include "reflect/objects/StubInUse.h"
 
 namespace {
 

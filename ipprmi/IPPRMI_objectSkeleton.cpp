@@ -5,9 +5,9 @@
 #include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 // A server object joins and leaves its broker by itself, and the stubs that lead to it end with it.
-#include "reflect/BrokerLifecycle.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/BrokerLifecycle.h"
 
 namespace {
 

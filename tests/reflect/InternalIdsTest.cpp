@@ -1,4 +1,4 @@
-#include "reflect/InternalIds.h"
+#include "reflect/broker/InternalIds.h"
 
 #include <gtest/gtest.h>
 

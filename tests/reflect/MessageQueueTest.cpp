@@ -1,4 +1,4 @@
-#include "reflect/MessageQueue.h"
+#include "reflect/broker/MessageQueue.h"
 
 #include <gtest/gtest.h>
 

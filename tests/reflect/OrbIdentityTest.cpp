@@ -1,4 +1,4 @@
-#include "reflect/OrbIdentity.h"
+#include "reflect/broker/OrbIdentity.h"
 
 #include <gtest/gtest.h>
 

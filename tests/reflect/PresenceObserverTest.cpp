@@ -7,7 +7,7 @@
 #include "Probe.h"
 #include "RawPeer.h"
 #include "Threads.h"
-#include "reflect/TreflectOrbObserver.h"
+#include "reflect/notices/TreflectOrbObserver.h"
 
 namespace {
 

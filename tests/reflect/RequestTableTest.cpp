@@ -1,4 +1,4 @@
-#include "reflect/RequestTable.h"
+#include "reflect/broker/RequestTable.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <set>
 #include <vector>
 
-#include "reflect/OngoingRequest.h"
+#include "reflect/broker/OngoingRequest.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "reflect/ScriptRunner.h"
+#include "reflect/broker/ScriptRunner.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -21,7 +21,7 @@
 #include "ActorSide.h"
 #include "Permitted.h"
 #include "Probe.h"
-#include "reflect/ScriptRunner.h"
+#include "reflect/broker/ScriptRunner.h"
 #include "transport.h"
 
 namespace {

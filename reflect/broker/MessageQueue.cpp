@@ -1,0 +1,206 @@
+#include "reflect/broker/MessageQueue.h"
+
+#include <new>
+#include <utility>
+
+#include "oswrap/Lock.h"
+
+using QueueLock = OSWrap::Lock<OSWrap::ConditionVar>;
+
+bool MessageQueue::Ring::reserve() {
+    try {
+        if (size_ == cells_.size())
+            grow();
+    } catch (std::bad_alloc const&) {
+        return false;
+    }
+    return true;
+}
+
+void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlog::Share* share) {
+    Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
+    cell.message = message;
+    cell.share = share;
+    ++size_;
+}
+
+MessageQueue::Taken MessageQueue::Ring::pop() {
+    Taken taken = std::move(cells_[first_]);
+    first_ = (first_ + 1) & (cells_.size() - 1);
+    --size_;
+    return taken;
+}
+
+void MessageQueue::Ring::grow() {
+    constexpr std::size_t kLeast = 64;
+    std::vector<Taken> larger(cells_.empty() ? kLeast : 2 * cells_.size());
+    for (std::size_t i = 0; i < size_; ++i)
+        larger[i] = std::move(cells_[(first_ + i) & (cells_.size() - 1)]);
+    cells_.swap(larger);
+    first_ = 0;
+}
+
+MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message) {
+    Pushed pushed;
+    {
+        QueueLock const lock(changed_);
+        if (closed_)
+            return pushed;
+        Backlog::Share* const share =
+            messages_.reserve() ? backlog_.admit(message.originator(), message.size()) : nullptr;
+        if (!share) {
+            pushed = {Fate::tooMuch, Need::nothing, true};
+            return pushed;
+        }
+        pushed.isMuch = backlog_.isMuch(*share);
+        bool const wasEmpty = messages_.empty();
+        messages_.push(message, share);
+        ready_.store(true, std::memory_order_release);
+        if (idle_ == 0) {
+            pushed.need = addWorker();
+            return pushed;
+        }
+        if (!wasEmpty || polling_ > 0)
+            return pushed;
+    }
+    changed_.signal();
+    return pushed;
+}
+
+Transport::TerminationId MessageQueue::begin(Taken& taken) {
+    Transport::TerminationId const sender = taken.message.originator();
+    if (Backlog::Share* const share = std::exchange(taken.share, nullptr))
+        share->release(taken.message.size());
+    bool const goesOn = holdsBack() && letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
+    return goesOn ? sender : Transport::TerminationId();
+}
+
+bool MessageQueue::holdBack(Transport::TerminationId sender) {
+    QueueLock const lock(changed_);
+    bool const held = !closed_ && backlog_.holdBack(sender);
+    holdsBack_.store(backlog_.holdsBack());
+    return held;
+}
+
+Backlog::Mark MessageQueue::letGo(Transport::TerminationId sender, Backlog::When when) {
+    QueueLock const lock(changed_);
+    Backlog::Mark const mark = backlog_.letGo(sender, when);
+    holdsBack_.store(backlog_.holdsBack());
+    return mark;
+}
+
+MessageQueue::Turn MessageQueue::next(bool firstPass, Taken& taken, Need& need) {
+    bool wake = false;
+    {
+        QueueLock const lock(changed_);
+        need = Need::nothing;
+        if (!firstPass)
+            ++idle_;
+        bool const tooMany = idle_ > kMostIdle;
+        if (!tooMany)
+            awaitMessage();
+        --idle_;
+        if (tooMany || closed_)
+            return Turn::end;
+        wake = takeFront(taken, need);
+    }
+    if (wake)
+        changed_.signal();
+    return Turn::serve;
+}
+
+bool MessageQueue::nextAtOnce(Taken& taken, Need& need) {
+    if (!ready_.load(std::memory_order_acquire))
+        return false;
+    bool wake = false;
+    {
+        QueueLock const lock(changed_);
+        need = Need::nothing;
+        if (closed_ || messages_.empty() || idle_ >= kMostIdle)
+            return false;
+        wake = takeFront(taken, need);
+    }
+    if (wake)
+        changed_.signal();
+    return true;
+}
+
+/** The taker sees to those who are left behind: `need` tells whether they take one more worker, the
+ * result whether to signal an idle one after unlocking. */
+bool MessageQueue::takeFront(Taken& taken, Need& need) {
+    taken = messages_.pop();
+    ready_.store(!messages_.empty(), std::memory_order_relaxed);
+    if (messages_.empty())
+        return false;
+    if (idle_ == 0) {
+        need = addWorker();
+        return false;
+    }
+    return polling_ == 0;
+}
+
+void MessageQueue::awaitMessage() {
+    if (mayGoOn())
+        return;
+    pollOnce();
+    if (mayGoOn())
+        return;
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!mayGoOn())
+        changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+bool MessageQueue::mayGoOn() {
+    return closed_ || !messages_.empty();
+}
+
+void MessageQueue::pollOnce() {
+    ++polling_;
+    changed_.unlock();
+    waiting_.poll([this] { return ready_.load(std::memory_order_acquire); });
+    changed_.lock();
+    --polling_;
+}
+
+MessageQueue::Need MessageQueue::addWorker() {
+    ++idle_;
+    ++workers_;
+    return Need::worker;
+}
+
+bool MessageQueue::admitWorker() {
+    QueueLock const lock(changed_);
+    if (closed_)
+        return false;
+    addWorker();
+    return true;
+}
+
+void MessageQueue::workerNotStarted() {
+    QueueLock const lock(changed_);
+    --idle_;
+    --workers_;
+    changed_.broadcast();
+}
+
+void MessageQueue::workerEnded() {
+    QueueLock const lock(changed_);
+    --workers_;
+    if (closed_)
+        changed_.broadcast();
+}
+
+void MessageQueue::close() {
+    Ring dropped;  // is freed after unlocking
+    QueueLock const lock(changed_);
+    closed_ = true;
+    std::swap(dropped, messages_);
+    ready_.store(true, std::memory_order_release);
+    changed_.broadcast();
+}
+
+void MessageQueue::waitForWorkers(unsigned int remaining) {
+    QueueLock const lock(changed_);
+    while (workers_ > remaining)
+        changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+}

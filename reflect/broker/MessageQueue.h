@@ -1,0 +1,130 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <vector>
+
+#include "oswrap/AdaptiveWait.h"
+#include "oswrap/ConditionVar.h"
+#include "reflect/broker/Backlog.h"
+#include "transport/AddressedMessage.h"
+
+/**
+ * The messages that wait for a broker's workers, first come, first served, and the rule by which
+ * the pool of workers grows and shrinks:
+ *
+ * - A message that finds nobody idle asks for a new worker. One that finds the queue empty wakes an
+ *   idle worker; one that finds others waiting wakes nobody, since each taker sees to the next.
+ * - A worker that takes a message and leaves others behind wakes an idle worker or, if there is
+ *   none, asks for one more.
+ * - A worker that comes back and finds three others idle ends.
+ *
+ * What waits is bounded, in all and by sender (see Backlog): what is too much is not kept.
+ *
+ * The worker count keeps track of all workers, so that a broker that is being deleted can wait for
+ * them.
+ */
+class MessageQueue {
+public:
+    enum class Need { nothing, worker };
+    enum class Turn { serve, end };
+    enum class Fate { kept, tooMuch };
+    /** A message that a worker has taken. Waits until `begin`. */
+    struct Taken {
+        Transport::AddressedMessage message;
+        Backlog::Share* share = nullptr;  // null: waits no more
+    };
+    struct Pushed {
+        Fate fate = Fate::kept;
+        Need need = Need::nothing;
+        bool isMuch = false;  // of this sender, which should be held back
+    };
+
+    explicit MessageQueue(Transport::Backlog const& most) : backlog_(most) {}
+    MessageQueue(MessageQueue const&) = delete;
+    MessageQueue& operator=(MessageQueue const&) = delete;
+
+    /** Adds a message, unless that is too much. When a worker is needed, it counts already: start
+     * it, or call `workerNotStarted`. A closed queue drops the message. */
+    Pushed push(Transport::AddressedMessage const& message);
+
+    /**
+     * A worker's wait for its next message. `firstPass`: the worker has just been started, and was
+     * counted as idle by whoever started it. `need` tells whether to start one more worker. When
+     * the answer is `end` the worker is to end. Not a cancellation point for a thread that has
+     * disabled cancellation.
+     */
+    Turn next(bool firstPass, Taken& taken, Need& need);
+
+    /** A worker that has served its message takes the next one if there is one, as with `next`;
+     * else false, and nothing has changed. */
+    bool nextAtOnce(Taken& taken, Need& need);
+
+    /** A worker begins to serve what it has taken. Answers a sender that was held back and may go
+     * on now, or none. */
+    Transport::TerminationId begin(Taken& taken);
+    /** Marks a sender as held back, so that `begin` tells when it may go on; false when nothing of
+     * it waits. */
+    bool holdBack(Transport::TerminationId sender);
+    /** Takes that mark away when so little waits that the sender may go on, or anyway. */
+    Backlog::Mark letGo(Transport::TerminationId sender, Backlog::When when);
+    /** Whether there are such marks. */
+    bool holdsBack() const { return holdsBack_.load(); }
+
+    /** Counts one more worker, which the caller starts although the rule does not ask for it; false
+     * when the queue is closed. */
+    bool admitWorker();
+    /** A worker that `push` or `next` asked for, or that was admitted, could not be started. */
+    void workerNotStarted();
+    /** The last thing a worker does. */
+    void workerEnded();
+
+    /** Drops all messages and sends all workers to their end. */
+    void close();
+    /** After `close`: returns when no more than `remaining` workers are left. */
+    void waitForWorkers(unsigned int remaining);
+
+private:
+    /** A ring that grows by doubling and keeps its room. */
+    class Ring {
+    public:
+        bool empty() const { return size_ == 0; }
+        /** Makes room for one more; false when memory has run out. */
+        bool reserve();
+        /** With room for it. */
+        void push(Transport::AddressedMessage const& message, Backlog::Share* share);
+        Taken pop();
+
+    private:
+        void grow();
+
+        std::vector<Taken> cells_;  // its size is a power of two, or 0
+        std::size_t first_ = 0;
+        std::size_t size_ = 0;
+    };
+
+    /** At most so many workers stay idle. */
+    static constexpr unsigned int kMostIdle = 3;
+
+    bool mayGoOn() OSW_REQUIRES(changed_);
+    bool takeFront(Taken& taken, Need& need) OSW_REQUIRES(changed_);
+    void awaitMessage() OSW_REQUIRES(changed_);
+    void pollOnce() OSW_REQUIRES(changed_);
+    Need addWorker() OSW_REQUIRES(changed_);
+
+    /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.
+    OSWrap::ConditionVar changed_;
+    Ring messages_ OSW_GUARDED_BY(changed_);
+    Backlog backlog_ OSW_GUARDED_BY(changed_);
+    /// What backlog_ says of it; written under the mutex, read without it.
+    std::atomic<bool> holdsBack_{false};
+    unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
+    unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
+    bool closed_ OSW_GUARDED_BY(changed_) = false;
+    /// Idle workers that poll. They look at the queue before they sleep, so while there is one
+    /// nobody needs to be signalled.
+    unsigned int polling_ OSW_GUARDED_BY(changed_) = 0;
+    /// Whether there is something to look at; written under the mutex, polled without it.
+    std::atomic<bool> ready_{false};
+    OSWrap::AdaptiveWait waiting_;  // statistics of the workers' waits
+};

@@ -1,0 +1,289 @@
+#include "reflect/broker/OngoingRequest.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+
+#include "handler_threads/PermissionWaiter.h"
+#include "logging/Log.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Immortal.h"
+#include "oswrap/Lock.h"
+#include "reflect/TreflectMessage.h"
+#include "reflect/TreflectORB.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+using handlerthreads::PermissionWaiter;
+using RecordLock = OSWrap::Lock<OSWrap::ConditionVar>;
+
+int const waitPeriodSeconds = 30;
+OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
+/** The wait is given up after the period that completes so many minutes. */
+constexpr int kMostMinutes = 1;
+
+/** Records of ended threads, for new ones. */
+struct FreeRecords {
+    OSWrap::Mutex mutex;  // a leaf lock
+    OngoingRequest* first OSW_GUARDED_BY(mutex) = nullptr;
+};
+
+/** Never destroyed: threads may end later than everything else. */
+FreeRecords& freeRecords() {
+    static OSWrap::Immortal<FreeRecords> list;
+    return *list;
+}
+
+}  // namespace
+
+/** Takes the entry of a cancelled thread back, or out of the permission's queue. */
+class OngoingRequest::Withdrawal {
+public:
+    Withdrawal(OngoingRequest& record, PermissionWaiter& waiter)
+        : record_(record), waiter_(&waiter) {}
+    ~Withdrawal() {
+        if (waiter_ && !record_.takeBack())
+            TreflectORB::handlerThreads().leaveQueue(*waiter_);
+    }
+    Withdrawal(Withdrawal const&) = delete;
+    Withdrawal& operator=(Withdrawal const&) = delete;
+    /** The thread goes on. */
+    void cancel() { waiter_ = nullptr; }
+
+private:
+    OngoingRequest& record_;
+    PermissionWaiter* waiter_;
+};
+
+pthread_key_t OngoingRequest::tsv_key_;
+bool OngoingRequest::keyed_ = false;
+
+TreflectMessage* OngoingRequest::disconnected() {
+    return reinterpret_cast<TreflectMessage*>(~std::uintptr_t{0});
+}
+
+void OngoingRequest::DeleteResponse::operator()(TreflectMessage* response) const {
+    if (response != disconnected())
+        delete response;
+}
+
+OngoingRequest::~OngoingRequest() {
+    Response const last(response_.load(std::memory_order_relaxed));
+}
+
+void OngoingRequest::initonce() {
+    keyed_ = pthread_key_create(&tsv_key_, &OngoingRequest::destroyThreadInstance) == 0;
+}
+
+void OngoingRequest::destroyThreadInstance(void* instance) {
+    auto* const record = static_cast<OngoingRequest*>(instance);
+    record->free();
+    FreeRecords& list = freeRecords();
+    OSWrap::Lock<> const lock(list.mutex);
+    record->nextFree_ = list.first;
+    list.first = record;
+}
+
+OngoingRequest* OngoingRequest::takeFree() {
+    FreeRecords& list = freeRecords();
+    OSWrap::Lock<> const lock(list.mutex);
+    OngoingRequest* const record = list.first;
+    if (record)
+        list.first = record->nextFree_;
+    return record;
+}
+
+OngoingRequest& OngoingRequest::getThreadInstance() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, &OngoingRequest::initonce);
+    return keyed_ ? keyedInstance() : unkeyedInstance();
+}
+
+OngoingRequest& OngoingRequest::keyedInstance() {
+    auto* record = static_cast<OngoingRequest*>(pthread_getspecific(tsv_key_));
+    if (!record) {
+        record = takeFree();
+        if (!record)
+            record = new OngoingRequest;
+        pthread_setspecific(tsv_key_, record);
+    }
+    return *record;
+}
+
+/** The process has used up its keys, so nobody tells when a thread ends: its record stays behind.
+ */
+OngoingRequest& OngoingRequest::unkeyedInstance() {
+    thread_local OngoingRequest* const record = new OngoingRequest;
+    return *record;
+}
+
+void OngoingRequest::setTransactionAndTerminationId(unsigned int id,
+                                                    Transport::TerminationId const& target) {
+    Response stale;
+    RecordLock const lock(condition_);
+    active_ = true;
+    transactionId_ = id;
+    target_ = target;
+    stale.reset(exchange(nullptr));
+}
+
+TreflectMessage* OngoingRequest::exchange(TreflectMessage* response) {
+    return response_.exchange(response, std::memory_order_release);
+}
+
+TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
+                                      TreflectMessage& request, TreflectORB const* orb,
+                                      bool thenPermission) {
+    targetExists = true;
+    if (!active_)
+        return nullptr;
+    if (waiting_.poll([this] { return delivered(); }))
+        return response_.load(std::memory_order_acquire);
+    return waitForever ? sleepUntilDelivered()
+                       : sleepInPeriods(output, targetExists, request, orb, thenPermission);
+}
+
+TreflectMessage* OngoingRequest::sleepUntilDelivered() {
+    RecordLock const lock(condition_);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!delivered())
+        condition_.wait(OSWrap::TimeSpec::INFINITETIME);
+    return response_.load(std::memory_order_relaxed);
+}
+
+TreflectMessage* OngoingRequest::sleepInPeriods(bool output, bool& targetExists,
+                                                TreflectMessage& request, TreflectORB const* orb,
+                                                bool thenPermission) {
+    for (int periods = 1;; ++periods) {
+        if (TreflectMessage* const response =
+                thenPermission ? sleepOnePeriodForPermission() : sleepOnePeriod())
+            return response;
+        Transport::TerminationId const target = toTerminationId();
+        targetExists = Transport::TransportLayer::instance().exists(target);
+        if (!targetExists)
+            return response_.load(std::memory_order_acquire);
+        int const seconds = periods * waitPeriodSeconds;
+        REFLECTORB_LOG(4, "REFLECT_orb",
+                       "ORB 0x%08X waits now %3d seconds for response from 0x%08X",
+                       orb->termId().value(), seconds, target.value());
+        orb->testInfoAboutMessage(target, request, output);
+        int const minutes = seconds / 60;
+        if (minutes >= kMostMinutes)
+            orb->waitingTooLongFor(target, request, minutes);
+    }
+}
+
+/** Null when the whole period has passed without a delivery. */
+TreflectMessage* OngoingRequest::sleepOnePeriod() {
+    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + waitPeriod;
+    RecordLock const lock(condition_);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    while (!delivered()) {
+        OSWrap::TimeSpec const rest = end - OSWrap::Clock::getObsTime();
+        if (rest <= OSWrap::TimeSpec())
+            return nullptr;
+        condition_.wait(rest);
+    }
+    return response_.load(std::memory_order_relaxed);
+}
+
+/**
+ * The same, woken with the run permission. While the thread sleeps it looks once per second whether
+ * it has been queued, since the one at the front of the queue reports how long it waits there.
+ */
+TreflectMessage* OngoingRequest::sleepOnePeriodForPermission() {
+    constexpr long long kLook = 1'000'000'000;
+    PermissionWaiter waiter;
+    if (!leaveToDeliverer(waiter))
+        return response_.load(std::memory_order_acquire);
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    long long const end = OSWrap::Clock::nowNanoseconds() + waitPeriod.totalNanoseconds();
+    bool queued = false;
+    {
+        Withdrawal withdrawal(*this, waiter);
+        while (!queued) {
+            long long const rest = end - OSWrap::Clock::nowNanoseconds();
+            if (rest <= 0)
+                break;
+            waiter.sleep(PermissionWaiter::granted, OSWrap::TimeSpec(0, std::min(rest, kLook)));
+            queued = delivered();
+        }
+        withdrawal.cancel();
+    }
+    if (!queued && takeBack())
+        return nullptr;
+    TreflectORB::handlerThreads().getPermission(waiter);
+    return response_.load(std::memory_order_acquire);
+}
+
+/** False when something has been delivered already. */
+bool OngoingRequest::leaveToDeliverer(PermissionWaiter& waiter) {
+    RecordLock const lock(condition_);
+    if (delivered())
+        return false;
+    waiter_ = &waiter;
+    return true;
+}
+
+/** False when a deliverer has taken the entry. */
+bool OngoingRequest::takeBack() {
+    RecordLock const lock(condition_);
+    return std::exchange(waiter_, nullptr) != nullptr;
+}
+
+/** Delivers `response`, which the record then owns, and leaves in it what is to be deleted after
+ * unlocking. True when the owner is to be woken then, with `waiter` if there is one. */
+bool OngoingRequest::reset(Response& response, bool deliver, PermissionWaiter*& waiter) {
+    if (!deliver)
+        return false;
+    bool const wake = response != nullptr;
+    deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    response.reset(exchange(response.release()));
+    if (wake)
+        waiter = std::exchange(waiter_, nullptr);
+    return wake;
+}
+
+void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
+    Response owned(response);
+    PermissionWaiter* waiter = nullptr;
+    bool wake = false;
+    {
+        RecordLock const lock(condition_);
+        wake = reset(owned, transactionId_ == transactionId, waiter);
+    }
+    if (wake)
+        wakeOwner(waiter);
+}
+
+void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
+    Response owned(response);
+    PermissionWaiter* waiter = nullptr;
+    bool wake = false;
+    {
+        RecordLock const lock(condition_);
+        wake = reset(owned, target_ == target, waiter);
+    }
+    if (wake)
+        wakeOwner(waiter);
+}
+
+void OngoingRequest::wakeOwner(PermissionWaiter* waiter) {
+    if (waiter)
+        TreflectORB::handlerThreads().queue(*waiter);
+    else
+        condition_.signal();
+}
+
+void OngoingRequest::free() {
+    Response stale;
+    RecordLock const lock(condition_);
+    stale.reset(exchange(nullptr));
+    active_ = false;
+}
+
+Transport::TerminationId OngoingRequest::toTerminationId() {
+    RecordLock const lock(condition_);
+    return target_;
+}

@@ -1,0 +1,286 @@
+// Sending requests and waiting for their responses.
+#include <utility>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/TreflectReleaseHandlerState.h"
+#include "ipprmi/TipprmiException.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Thread.h"
+#include "oswrap/UniqueIdGen.h"
+#include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/OngoingRequest.h"
+#include "reflect/broker/TreflectOrbParts.h"
+#include "reflect/broker/forwardMsgCleanup.h"
+#include "transport/TransportLayer.h"
+
+namespace {
+
+/** What the header of a call's payload takes: internal object id, response wanted, class code,
+ * method code. */
+constexpr int kCallHeaderSize = 16;
+
+char const* trueOrFalse(bool value) {
+    return value ? "true" : "false";
+}
+
+}  // namespace
+
+/** One call on its way out, from the choice of its transaction id to its result. Lives on the
+ * caller's stack. */
+class TreflectORB::OutgoingCall {
+public:
+    OutgoingCall(TreflectORB const& orb, Transport::TerminationId target, bool withResponse,
+                 TreflectMessage& message, TipprmiStream& response, bool thenPermission)
+        : orb_(orb),
+          target_(target),
+          withResponse_(withResponse),
+          thenPermission_(thenPermission),
+          message_(message),
+          response_(response),
+          record_(OngoingRequest::getThreadInstance()) {}
+
+    /** True on success; else the response holds an exception container. */
+    bool perform();
+
+private:
+    bool chooseId();
+    void reportReceivingThread() const;
+    int send();
+    bool awaitResponse();
+    bool refused();
+    bool failed(int code);
+    void forgetGoneTarget();
+
+    TreflectORB const& orb_;
+    Transport::TerminationId const target_;
+    bool const withResponse_;
+    bool const thenPermission_;  // given up for the call, to be taken again after it
+    TreflectMessage& message_;
+    TipprmiStream& response_;
+    OngoingRequest& record_;
+    OngoingRequestId id_;
+    bool issued_ = false;  // so the target was there
+};
+
+bool TreflectORB::OutgoingCall::perform() {
+    forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
+    if (!chooseId())
+        return failed(0);
+    message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
+    int const issued = id_.chosen ? send() : 0;
+    issued_ = issued == 1;
+    if (!issued_) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
+                       orb_.termId().value(), target_.value(), message_.transactionId());
+        return failed(issued);
+    }
+    if (id_.entered)
+        return awaitResponse();
+    if (withResponse_)
+        REFLECTORB_LOG(3, "REFLECT_orb", "receivingThread called forwardMessage");
+    return true;
+}
+
+/** False when all ids are outstanding. A broker that is being deleted gives no id and is sent
+ * nothing. */
+bool TreflectORB::OutgoingCall::chooseId() {
+    bool const receiving = orb_.parts_->receivingThreadId.load(std::memory_order_relaxed) ==
+                           OSWrap::Thread::getCurrentId();
+    bool const enter = withResponse_ && !receiving;
+    RequestTable::Ticket const ticket =
+        orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
+    switch (ticket.beginning) {
+        case RequestTable::Beginning::exhausted:
+            REFLECTORB_LOG(3, "REFLECT_orb", "ORB could NOT generate unique request id 0x%08X",
+                           ticket.id);
+            return false;
+        case RequestTable::Beginning::closed:
+            return true;
+        case RequestTable::Beginning::begun:
+            break;
+    }
+    id_ = {ticket.id, true, enter};
+    message_.transactionId(ticket.id);
+    if (enter)
+        orb_.letAnswer_(target_);
+    if (receiving)
+        reportReceivingThread();
+    return true;
+}
+
+void TreflectORB::OutgoingCall::reportReceivingThread() const {
+    if (withResponse_)
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB did NOT add tID %X transaction to ongoingRequests_",
+                       id_.value);
+    else
+        REFLECTORB_LOG(3, "REFLECT_orb", "ORB receiving thread = %lu found in forwardMsg()",
+                       OSWrap::Thread::getCurrentId());
+}
+
+int TreflectORB::OutgoingCall::send() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    return orb_.issueTo_(target_, message_);
+}
+
+bool TreflectORB::OutgoingCall::awaitResponse() {
+    bool targetExists = true;
+    TreflectMessage* const answer =
+        record_.wait(false, withResponse_, targetExists, message_, &orb_, thenPermission_);
+    bool const disconnected = answer == OngoingRequest::disconnected();
+    if (!answer || disconnected) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
+                       "TargetGone=%s)",
+                       orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
+                       trueOrFalse(!targetExists));
+        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        return refused();
+    }
+    if (answer->kind() == TreflectMessage::kNoDestination) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
+                       orb_.termId().value(), target_.value());
+        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        return refused();
+    }
+    response_ = TipprmiStream(*answer, false);
+    return true;
+}
+
+/** Lets the transport see first whether the target is dying. */
+bool TreflectORB::OutgoingCall::refused() {
+    {
+        TreflectReleaseHandlerState const released;
+        Transport::TransportLayer::instance().stillExists(target_);
+    }
+    return failed(0);
+}
+
+bool TreflectORB::OutgoingCall::failed(int code) {
+    writeGeneralException(response_, static_cast<unsigned int>(code));
+    TreflectHandlerState const handlerState(true);
+    ++orb_.parts_->counters.of(target_).failed;
+    forgetGoneTarget();
+    return false;
+}
+
+/** Its departure may be told only after the call has failed. Who sees the failure is to find the
+ * handle invalid already, and no connection that fails again. One that the transport does not know
+ * and that was never there may still come. */
+void TreflectORB::OutgoingCall::forgetGoneTarget() {
+    bool const gone = !Transport::TransportLayer::instance().exists(target_) &&
+                      (orb_.parts_->presentOrbs.remove(target_) || issued_);
+    TreflectObjectHandler* const handler = gone ? TreflectObjectHandler::getInstance() : nullptr;
+    if (handler)
+        handler->invalidateStubs(orb_.convertId(target_));
+}
+
+bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,
+                             TipprmiStream& response) {
+    if (request.getDataSize() < kCallHeaderSize)
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X forwardMsg message too short (iptr_=%d,size=%d)",
+                       termId().value(), request.getDataSize(), request.getDataLimit());
+    if (request.hasMarshallingFailed()) {
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X forwardMsg message incomplete, not sent (iptr_=%d,size=%d)",
+                       termId().value(), request.getDataSize(), request.getDataLimit());
+        writeGeneralException(response, 0);
+        // A failed call like any other.
+        CallGate::Visit const visit(parts_->calls);
+        if (!visit.admitted())
+            return false;
+        TreflectHandlerState const handlerState(true);
+        PerformanceCounters::Counters& counters = parts_->counters.of(convertId(target));
+        ++counters.sent;
+        ++counters.failed;
+        return false;
+    }
+    request.msg().type(TreflectMessage::tPayload);
+    return forwardMsg_(convertId(target), withResponse, request.msg(), response);
+}
+
+bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse,
+                              TreflectMessage& message, TipprmiStream& response) const {
+    OSWrap::DeferredCancelTypeGuard const deferred;
+    CallGate::Visit const visit(parts_->calls);
+    if (!visit.admitted())
+        return turnAway_(target, message, response);
+    {
+        TreflectHandlerState const handlerState(true);
+        ++parts_->counters.of(target).sent;
+    }
+    TreflectReleaseHandlerState const released;
+    bool const thenPermission = released.released() && !hasRunPermission();
+    return OutgoingCall(*this, target, withResponse, message, response, thenPermission).perform();
+}
+
+/**
+ * The broker is being deleted, or has been: a call that comes only now ends as one that cannot be
+ * sent, without the deletion having to wait for it. Counters need the permission and nobody can ask
+ * for them any more, so it is not counted. One that holds the permission lets the others have their
+ * turn, as in every call: it may try again and again until there is a new broker.
+ */
+bool TreflectORB::turnAway_(Transport::TerminationId target, TreflectMessage const& message,
+                            TipprmiStream& response) const {
+    TreflectReleaseHandlerState const released;
+    REFLECTORB_LOG_LIMITED(parts_->turnedAway, 3, "REFLECT_orb",
+                           "ORB 0x%08X could not find destination termId=0x%08X for transactionId "
+                           "%X",
+                           termId().value(), target.value(), message.transactionId());
+    writeGeneralException(response, 0);
+    return false;
+}
+
+int TreflectORB::issueTo_(Transport::TerminationId target, TreflectMessage& message) const {
+    // A message that grew may have been allocated by another broker of this process.
+    message.addressed().originator(termId());
+    return Transport::TransportLayer::instance().getTermination(target).issue(message.addressed());
+}
+
+int TreflectORB::issueAnswer_(Transport::TerminationId target, TreflectMessage& message) const {
+    message.addressed().originator(termId());
+    return Transport::TransportLayer::instance().getTermination(target).issueAnswer(
+        message.addressed());
+}
+
+void TreflectORB::waitingTooLongFor(Transport::TerminationId const& target, TreflectMessage request,
+                                    int minutes) const {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    request.transactionId(OSWrap::UniqueIdGen::instance().getId());
+    request.kind(TreflectMessage::kResponseFailure);
+    bool const sent = issueTo_(target, request) == 1;
+    REFLECTORB_LOG(3, "REFLECT_orb",
+                   "ORB Ox%08X is waiting since %d minutes for 0x%08X, now sending response "
+                   "failure message %s",
+                   termId().value(), minutes, target.value(), sent ? "succeeded" : "failed");
+    OSWrap::Thread::sleep(0, 200'000'000);
+    REFLECTORB_LOG(0, "REFLECT_orb",
+                   "ORB Ox%08X is waiting since %d minutes for 0x%08X, now triggering an abort()",
+                   termId().value(), minutes, target.value());
+    resetUnit();
+}
+
+/** First phase of the broker's deletion: nothing more is sent, and nobody waits any longer. */
+void TreflectORB::closeCalls_() {
+    parts_->calls.close();
+    for (RequestTable::Entry const& entry : parts_->ongoingRequests_.close())
+        entry.record->reset(OngoingRequest::disconnected(), entry.target);
+}
+
+forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool responseAwaited,
+                                     TreflectMessage& request, OngoingRequest* record,
+                                     TreflectORB const* orb)
+    : id_(id), responseAwaited_(responseAwaited), request_(request), record_(record), orb_(orb) {}
+
+forwardMsgCleanup::~forwardMsgCleanup() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    // What has been delivered was taken out of the table before.
+    if (id_.entered && !record_->delivered() &&
+        !orb_->parts_->ongoingRequests_.withdraw(id_.value, *record_)) {
+        bool targetExists = true;
+        record_->wait(true, responseAwaited_, targetExists, request_, orb_);
+    }
+    record_->free();
+}

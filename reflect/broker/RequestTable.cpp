@@ -1,0 +1,105 @@
+#include "reflect/broker/RequestTable.h"
+
+#include <algorithm>
+
+#include "oswrap/Lock.h"
+#include "reflect/broker/OngoingRequest.h"
+
+RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::TerminationId target,
+                                         bool enter) {
+    if (record.delivered())  // is freed without the locks
+        record.free();
+    OSWrap::Lock<> const lock(mutex_);
+    if (closed_)
+        return {Beginning::closed, lastId_};
+    unsigned int id = lastId_;
+    for (unsigned int tries = 0; tries < kCapacity; ++tries) {
+        id = successor(id);
+        Entry& slot = slots_[slotOf(id)];
+        if (slot.record)
+            continue;
+        lastId_ = id;
+        // Before the record can be found: a departure that takes it out must know its target.
+        record.setTransactionAndTerminationId(id, target);
+        if (enter)
+            slot = {&record, target};
+        return {Beginning::begun, id};
+    }
+    return {Beginning::exhausted, lastId_};
+}
+
+OngoingRequest* RequestTable::take(unsigned int id) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id))
+        return nullptr;
+    Entry& slot = slots_[slotOf(id)];
+    OngoingRequest* const record = slot.record;
+    slot = {};
+    return record;
+}
+
+bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id) || slots_[slotOf(id)].record != &record)
+        return false;
+    slots_[slotOf(id)] = {};
+    return true;
+}
+
+RequestTable::Found RequestTable::take(unsigned int id, Transport::TerminationId answerer) {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!isOurs(id))
+        return {};
+    Entry& slot = slots_[slotOf(id)];
+    Found const found{slot.target == answerer ? slot.record : nullptr, slot.target};
+    if (found.record)
+        slot = {};
+    return found;
+}
+
+bool RequestTable::awaits(Transport::TerminationId target) {
+    auto const goesTo = [target](Entry const& slot) {
+        return slot.record && slot.target == target;
+    };
+    OSWrap::Lock<> const lock(mutex_);
+    if (closed_)
+        return false;
+    if (goesTo(slots_[lastAwaited_]))
+        return true;
+    auto const found = std::find_if(slots_.begin(), slots_.end(), goesTo);
+    if (found == slots_.end())
+        return false;
+    lastAwaited_ = static_cast<std::size_t>(found - slots_.begin());
+    return true;
+}
+
+std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
+    std::vector<OngoingRequest*> records;
+    OSWrap::Lock<> const lock(mutex_);
+    auto const isOfTarget = [target](Entry const& slot) {
+        return slot.record && slot.target == target;
+    };
+    // Before any is taken out, since memory may run out.
+    records.reserve(
+        static_cast<std::size_t>(std::count_if(slots_.begin(), slots_.end(), isOfTarget)));
+    for (Entry& slot : slots_) {
+        if (!isOfTarget(slot))
+            continue;
+        records.push_back(slot.record);
+        slot = {};
+    }
+    return records;
+}
+
+std::vector<RequestTable::Entry> RequestTable::close() {
+    std::vector<Entry> entries;
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        closed_ = true;
+        entries.swap(slots_);
+    }
+    entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                 [](Entry const& entry) { return !entry.record; }),
+                  entries.end());
+    return entries;
+}

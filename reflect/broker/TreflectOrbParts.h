@@ -1,0 +1,93 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "logging/LineLimit.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/broker/CallGate.h"
+#include "reflect/broker/LinesPerPeer.h"
+#include "reflect/broker/MessageQueue.h"
+#include "reflect/broker/ObjectRegistry.h"
+#include "reflect/broker/PerformanceCounters.h"
+#include "reflect/broker/RequestTable.h"
+#include "reflect/broker/ReturnedCalls.h"
+#include "reflect/notices/MetaData.h"
+#include "reflect/notices/PresentOrbs.h"
+#include "reflect/notices/TreflectMissedOrbs.h"
+#include "reflect/notices/TreflectOrbObserver.h"
+
+/** What a broker is made of. Each part guards itself, or is guarded by the run permission. */
+struct TreflectORB::Parts {
+    /** Payload bytes that requests and responses of the brokers start with; they grow beyond it. */
+    static constexpr unsigned int kRequestSize = 100;
+    static constexpr unsigned int kResponseSize = 104;
+
+    Parts(TreflectORB& orb, unsigned int lastTransactionId, Transport::Backlog const& backlog)
+        : ongoingRequests_(lastTransactionId),
+          messageQueue(backlog),
+          missedCreations(orb, true),
+          missedDeletions(orb, false) {}
+
+    TreflectMissedOrbs& missed(Kind kind) {
+        return kind == Kind::creation ? missedCreations : missedDeletions;
+    }
+
+    CallGate calls;
+    Logging::LineLimit turnedAway;  // for lines about calls that come too late
+    RequestTable ongoingRequests_;
+    MessageQueue messageQueue;
+    ObjectRegistry objects;        // guarded by the run permission
+    PerformanceCounters counters;  // guarded by the run permission
+    ReturnedCalls returnedCalls;   // to be counted there
+    /// By class id. Guarded by the run permission.
+    std::map<unsigned int, MetaData> classes;
+    /// The classes that other brokers have told they know. Guarded by the run permission.
+    std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses;
+    PresentOrbs presentOrbs;
+    TreflectMissedOrbs missedCreations;
+    TreflectMissedOrbs missedDeletions;
+    /// The brokers whose arrival is over: what is observed here is observed there, and what they
+    /// had has been told. Guarded by the run permission.
+    std::set<TreflectOrbId> caughtUpWith;
+    std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
+    /** The thread that last called `receive`; written by it alone, read by callers. */
+    std::atomic<unsigned long> receivingThreadId{0};
+    /** Whether the broker has been deleted: nothing is entered into it any more. Guarded by the run
+     * permission. */
+    bool retired = false;
+    /** The next one in the list of deleted brokers, whose lock guards it. */
+    TreflectORB const* nextRetired = nullptr;
+    /** The lines that other brokers, or who plays one, can cause at will. */
+    struct LineLimits {
+        Logging::LineLimit shortMessage;
+        Logging::LineLimit tooMuch;
+        Logging::LineLimit notSentBack;
+        Logging::LineLimit unexpectedResponse;
+        Logging::LineLimit returnedCall;
+        Logging::LineLimit noWorker;
+        Logging::LineLimit noMemory;
+        Logging::LineLimit unknownType;
+        Logging::LineLimit unknownObject;
+        Logging::LineLimit thrown;
+        Logging::LineLimit notServed;
+        Logging::LineLimit notAnswered;
+        Logging::LineLimit notResolved;
+        Logging::LineLimit unreadable;
+    } limits;
+    /** Answers for when there is no memory for one. */
+    struct Reserve {
+        /** Throws when there is no memory for these either. */
+        Reserve();
+
+        // Guarded by the run permission
+
+        TreflectMessage failedCall;  // an exception container with code 0
+        TreflectMessage nothing;     // an object not found, empty sequences
+        // Receiving thread only
+        TreflectMessage sentBack;  // the head of a message that is not served
+    } reserve;
+    LinesPerPeer forgedResponses;  // receiving thread only
+};

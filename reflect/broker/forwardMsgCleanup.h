@@ -1,0 +1,31 @@
+#pragma once
+
+#include "reflect/TreflectORB.h"
+#include "reflect/broker/OngoingRequest.h"
+
+/** The transaction id of a call. */
+struct TreflectORB::OngoingRequestId {
+    unsigned int value = 0;
+    bool chosen = false;   // whether the call has got an id
+    bool entered = false;  // whether a response to that id finds the call's record
+};
+
+/**
+ * Ends a call's transaction when the scope ends, in whatever way: takes the record out of the table
+ * of outstanding requests, or, if somebody has taken it out to deliver, waits for that delivery.
+ */
+class forwardMsgCleanup {
+public:
+    forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool responseAwaited,
+                      TreflectMessage& request, OngoingRequest* record, TreflectORB const* orb);
+    ~forwardMsgCleanup();
+    forwardMsgCleanup(forwardMsgCleanup const&) = delete;
+    forwardMsgCleanup& operator=(forwardMsgCleanup const&) = delete;
+
+private:
+    TreflectORB::OngoingRequestId& id_;
+    bool const responseAwaited_;
+    TreflectMessage& request_;
+    OngoingRequest* const record_;
+    TreflectORB const* const orb_;
+};

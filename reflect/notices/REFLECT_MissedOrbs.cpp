@@ -1,0 +1,48 @@
+#include <algorithm>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "oswrap/Lock.h"
+#include "reflect/TreflectObject.h"
+#include "reflect/notices/TreflectMissedOrbs.h"
+
+void TreflectMissedOrbs::start(std::list<Transport::TerminationId>& members) {
+    OSWrap::Lock<> const lock(mutex_);
+    missed_.clear();
+    addressed_.clear();
+    for (Transport::TerminationId const& member : members)
+        addressed_.insert(orb_.convertId(member));
+}
+
+void TreflectMissedOrbs::add(TreflectOrbId const& id) {
+    OSWrap::Lock<> const lock(mutex_);
+    bool const known =
+        addressed_.count(id) != 0 || std::find(missed_.begin(), missed_.end(), id) != missed_.end();
+    if (!known)
+        missed_.push_back(id);
+}
+
+void TreflectMissedOrbs::forget(TreflectOrbId const& id) {
+    OSWrap::Lock<> const lock(mutex_);
+    missed_.erase(std::remove(missed_.begin(), missed_.end(), id), missed_.end());
+    addressed_.erase(id);
+}
+
+bool TreflectMissedOrbs::empty() {
+    OSWrap::Lock<> const lock(mutex_);
+    return missed_.empty();
+}
+
+void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer,
+                                bool plusExisting) {
+    std::vector<TreflectOrbId> missed;
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        missed = missed_;
+    }
+    TreflectHandlerState const handlerState(true);
+    auto const kind = forCreations_ ? TreflectORB::Kind::creation : TreflectORB::Kind::deletion;
+    for (TreflectOrbId const& id : missed) {
+        if (!orb_.catchUp_(kind, classId, observer, plusExisting, id))
+            return;
+    }
+}

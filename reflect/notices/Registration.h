@@ -1,0 +1,112 @@
+#pragma once
+
+#include <list>
+#include <map>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObject.h"
+#include "reflect/notices/ObjectPlace.h"
+
+/**
+ * A notice that the listed observers of a class are being told, one after the other, which takes as
+ * long as they take. Guarded by the run permission.
+ */
+class TreflectORB::Notice {
+public:
+    using UnderWay = std::list<Notice*>;
+
+    /** Enters `underWay`, and leaves it at the end. Those in `told` need not be told any more. */
+    Notice(UnderWay& underWay, ObjectPlace place, std::set<TreflectObserver const*> told)
+        : underWay_(underWay), place_(std::move(place)), told_(std::move(told)) {
+        underWay_.push_back(this);
+    }
+    ~Notice() { underWay_.remove(this); }
+    Notice(Notice const&) = delete;
+    Notice& operator=(Notice const&) = delete;
+
+    ObjectPlace const& place() const { return place_; }
+    std::set<TreflectObserver const*> const& told() const { return told_; }
+    bool isToldTo(TreflectObserver const* observer) const { return told_.count(observer) != 0; }
+    /** The observer is told, in the course of this notice or of something else; false when it was
+     * before. */
+    bool begin(TreflectObserver const& observer) { return told_.insert(&observer).second; }
+    /** Nobody else is told: the object is no more. */
+    void end() { ended_ = true; }
+    bool ended() const { return ended_; }
+    /** The observer is being destroyed: another may come to be at its address. */
+    void forget(TreflectObserver const& observer) { told_.erase(&observer); }
+
+private:
+    UnderWay& underWay_;
+    ObjectPlace const place_;
+    std::set<TreflectObserver const*> told_;
+    bool ended_ = false;
+};
+
+/**
+ * Something that tells observers of a class what exists, which takes as long as other brokers take
+ * to answer: an observer on its way into the list, or all that are listed when a broker came up.
+ * Notices that are told meanwhile are remembered, so that nobody is told twice, or of what has
+ * gone; and kept for an observer that is not listed yet. It may be removed or destroyed by another
+ * thread, or by its own callback. Guarded by the run permission.
+ *
+ * It remembers as well which objects of other brokers anybody is told of while it lasts, since such
+ * an object may go before the first observer of deletions has been subscribed at its broker.
+ */
+class TreflectORB::Registration {
+public:
+    using UnderWay = std::list<Registration*>;
+
+    /** Enters the record's registrations under way, and leaves them at the end. `observer`: null
+     * for all that are listed. */
+    Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer);
+    ~Registration();
+    Registration(Registration const&) = delete;
+    Registration& operator=(Registration const&) = delete;
+
+    bool isOf(TreflectObserver const& observer) const { return observer_ == &observer; }
+    /** The observer has been removed or is being destroyed. */
+    void end() { observer_ = nullptr; }
+    bool ended() const { return !observer_; }
+    /** A notice has been told to those that are in the list; else it is kept. */
+    void noticed(TreflectObject const& object, Notice const& notice);
+    /** The object is no more; or there is one at its place again. */
+    void gone(ObjectPlace const& place);
+    void back(ObjectPlace const& place) { gone_.erase(place); }
+    /** Asks a broker what it has: its answer will not tell of what had gone before. */
+    void asks(TreflectOrbId const& broker);
+    /** Whether an object that a broker says exists has not been told of meanwhile, and is still
+     * there; only once. */
+    bool isNews(TreflectObject const& object);
+    /** Tells the observer of an object that exists, if that is news. */
+    void tell(TreflectObject const& object);
+    /** Puts the observer into the list and tells it what was kept for it. */
+    void enter();
+
+    /** An observer is told of an object of another broker. */
+    void heardOf(ObjectPlace const& place, TreflectObject const& object);
+    /** Its end is being told. */
+    void heardOfEnd(ObjectPlace const& place) { heard_.erase(place); }
+    /** The brokers of which objects were told that may have gone before their deletion was
+     * subscribed to. */
+    std::set<TreflectOrbId> mayHaveMissedDeletionsAt() const;
+    /** The objects of a broker that anybody has been told of; not those that are just being told as
+     * created, which the broker does not say exist before that has been answered. */
+    std::set<ObjectPlace> heardAt(TreflectOrbId const& broker) const;
+    /** Null when its end has been told. */
+    TreflectObject const* heard(ObjectPlace const& place) const;
+
+private:
+    TreflectORB& orb_;
+    MetaData& record_;
+    Kind const kind_;
+    TreflectObserver* observer_;
+    std::set<ObjectPlace> told_;
+    std::set<ObjectPlace> gone_;
+    std::list<std::pair<ObjectPlace, TreflectObject>> kept_;
+    std::map<ObjectPlace, TreflectObject> heard_;
+    unsigned int const deletionSubscriptionsBefore_;
+};

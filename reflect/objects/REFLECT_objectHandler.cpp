@@ -1,0 +1,133 @@
+#include <new>
+
+#include "handler_threads/TreflectHandlerState.h"
+#include "oswrap/OutOfMemory.h"
+#include "reflect/TreflectORB.h"
+#include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/BrokerLifecycle.h"
+#include "transport/TransportLayer.h"
+
+std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
+
+TreflectObjectHandler::TreflectObjectInvalidStub::TreflectObjectInvalidStub()
+    : TreflectObjectStub(TipprmiOID("InvalidStub", NSID_UNIT)) {}
+
+TreflectObjectHandler::TreflectObjectInvalidStub::~TreflectObjectInvalidStub() = default;
+
+// The invalid stub has a reference of the handler's own, and one as an adopted stub.
+TreflectObjectHandler::TreflectObjectHandler() {
+    invalidStub_.incRefCount();
+    stubs_.insert(&invalidStub_);
+    adoptStub(TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT));
+}
+
+TreflectObjectHandler* TreflectObjectHandler::getInstance() {
+    if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
+        return instance;
+    TreflectHandlerState const handler(true);
+    if (!instance_.load(std::memory_order_acquire))
+        instance_.store(new (std::nothrow) TreflectObjectHandler, std::memory_order_release);
+    return instance_.load(std::memory_order_acquire);
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectStub* stub) {
+    TreflectHandlerState const handler(true);
+    if (stub) {
+        stub->incRefCount();
+        if (!stub->isConnected())
+            checkConnect(stub);
+    }
+    return stub;
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf const& location) {
+    TreflectHandlerState const handler(true);
+    if (!location.hasOID() && location.getInternalOID() == 0) {
+        invalidStub_.incRefCount();
+        return &invalidStub_;
+    }
+    TreflectObjectStub* stub = stubs_.find(location);
+    if (!stub) {
+        stub = new (std::nothrow) TreflectObjectStub(location);
+        if (!stub || !OSWrap::withMemory([&] { stubs_.insert(stub); })) {
+            delete stub;  // without memory the handle leads nowhere
+            invalidStub_.incRefCount();
+            return &invalidStub_;
+        }
+    } else if (location.getServer() && !stub->getServer()) {
+        // Made of a handle without a name that another process sent: its calls would go round
+        // through the broker, and those that an object makes through its own handle never end.
+        stub->connect(location.getServer());
+    }
+    return adoptStub(stub);
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TipprmiOID const& oid) {
+    TreflectHandlerState const handler(true);
+    if (!oid.getIdString()) {
+        invalidStub_.incRefCount();
+        return &invalidStub_;
+    }
+    return adoptStub(search(oid, NSID_UNIT));
+}
+
+// A broker that goes while the thread queues for the permission has had its stubs made invalid
+// already; whatever is put into the table now must not lead there.
+TreflectORB::TreflectObjectLocation TreflectObjectHandler::search(TipprmiOID const& oid,
+                                                                  NamespaceId asked) {
+    TreflectORB const* const orb = TreflectORB::getInstance(asked);
+    if (!orb)
+        return TreflectORB::TreflectObjectLocation(oid);
+    TreflectORB::TreflectObjectLocation const found = orb->locateObject(oid);
+    bool const answered = found.hasOID() && found.getInternalOID() != 0 && !found.getServer();
+    if (answered && !Transport::TransportLayer::instance().exists(orb->convertId(found.orbId())))
+        return TreflectORB::TreflectObjectLocation(oid);
+    return found;
+}
+
+TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectORB const*, TipprmiOID const& oid) {
+    return adoptStub(oid);
+}
+
+void TreflectObjectHandler::releaseStub(TreflectObjectStub* stub) {
+    // The process is ending, and somebody may keep the permission for ever.
+    if (!stub || BrokerLifecycle::instance().isAbandoned())
+        return;
+    TreflectHandlerState const handler(true);
+    if (!stub->decRefCount())
+        return;
+    stubs_.erase(stub);
+    if (stub != &invalidStub_)
+        delete stub;
+}
+
+void TreflectObjectHandler::checkConnect(TreflectObjectStub* stub) {
+    TreflectHandlerState const handler(true);
+    if (stub != &invalidStub_ && !stub->isConnected() && stub->hasOID())
+        stub->connect(nullptr, stub->getOID());
+}
+
+void TreflectObjectHandler::invalidateStubs(TreflectOrbId const& orb) {
+    TreflectHandlerState const handler(true);
+    stubs_.invalidateStubs(orb);
+}
+
+void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* server) {
+    TreflectHandlerState const handler(true);
+    if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
+        instance->stubs_.invalidateStubs(server);
+}
+
+bool TreflectObjectHandler::isOfNothing(TreflectObjectStub const* stub) {
+    TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
+    return instance && stub == &instance->invalidStub_;
+}
+
+bool TreflectObjectHandler::takeOut(TreflectObjectStub* stub) {
+    TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
+    return instance && instance->stubs_.erase(stub);
+}
+
+void TreflectObjectHandler::putBack(TreflectObjectStub* stub) {
+    instance_.load(std::memory_order_acquire)->stubs_.insert(stub);
+}
