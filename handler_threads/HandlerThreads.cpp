@@ -113,11 +113,6 @@ void HandlerThreads<Container, Permission, Debugging>::getPermission(Debugging) 
 }
 
 template <template <class> class Container, template <class> class Permission, class Debugging>
-void HandlerThreads<Container, Permission, Debugging>::getPermission(TurnExchange& turn) {
-    permission_.get(turn);
-}
-
-template <template <class> class Container, template <class> class Permission, class Debugging>
 void HandlerThreads<Container, Permission, Debugging>::getPermission(
     handlerthreads::PermissionWaiter& waiter) {
     permission_.get(waiter);
@@ -136,8 +131,9 @@ void HandlerThreads<Container, Permission, Debugging>::leaveQueue(
 }
 
 template <template <class> class Container, template <class> class Permission, class Debugging>
-bool HandlerThreads<Container, Permission, Debugging>::exchangeTurn(TurnExchange& mine) {
-    return permission_.exchangeTurn(mine);
+bool HandlerThreads<Container, Permission, Debugging>::enterQueue(
+    handlerthreads::PermissionWaiter& waiter) {
+    return permission_.enter(waiter);
 }
 
 template <template <class> class Container, template <class> class Permission, class Debugging>

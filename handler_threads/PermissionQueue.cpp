@@ -25,10 +25,10 @@ void PermissionQueue::announce() {
     REFLECTORB_LOG(5, "REFLECT_orb", "ORB HandlerThreads using DebugPermission");
 }
 
-void PermissionQueue::get(TurnExchange* turn) {
+void PermissionQueue::get() {
     OSWrap::DeferredCancelTypeGuard const deferred;
     if (getOwner() != currentThread().id && !tryTake(currentThread().id, currentThread().tid)) {
-        PermissionWaiter waiter(turn);
+        PermissionWaiter waiter;
         if (enqueueUnlessFree(waiter))
             waitForTurn(waiter);
     }
@@ -39,6 +39,15 @@ void PermissionQueue::get(PermissionWaiter& waiter) {
     OSWrap::DeferredCancelTypeGuard const deferred;
     waitForTurn(waiter);
     addLevel();
+}
+
+bool PermissionQueue::enter(PermissionWaiter& waiter) {
+    if (getOwner() == waiter.id)
+        return count() > 1 || goOnOrEnqueue(waiter);
+    if (!tryTake(waiter.id, waiter.tid) && enqueueUnlessFree(waiter))
+        return false;
+    addLevel();
+    return true;
 }
 
 /** No cancellation point comes between this and the token's taking. */
@@ -177,16 +186,19 @@ void PermissionQueue::release() {
         handOver();
 }
 
-bool PermissionQueue::exchangeTurn(TurnExchange& mine) {
-    if (getOwner() != currentThread().id || count() != 1)
-        return false;
+/** Of the holder of one level. */
+bool PermissionQueue::goOnOrEnqueue(PermissionWaiter& waiter) {
+    if (!(word_.load(std::memory_order_relaxed) & kSomebodyQueued))
+        return true;
     OSWrap::Lock<> const lock(queueMutex_);
     if (!front_)
         return true;
-    if (!front_->exchangesWith(mine))
+    if (!waiter.exchangesWith(*front_)) {
+        append(waiter);
         return false;
+    }
     PermissionWaiter& partner = *front_;
-    mine.swap(*partner.turn);
+    waiter.turn->swap(*partner.turn);
     partner.exchanges.fetch_add(1, std::memory_order_relaxed);
     moveToBack(partner);
     return true;

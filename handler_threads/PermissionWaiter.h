@@ -34,7 +34,8 @@ struct WaitAtFront {
 struct PermissionWaiter {
     enum Stage : int { left, queued, front, granted };
 
-    /** Of the calling thread. */
+    /** Of the calling thread. `work`: of a thread of a pool, with whom another one may exchange it
+     * while the entry is queued; else null. */
     explicit PermissionWaiter(TurnExchange* work = nullptr)
         : id(currentThread().id),
           tid(currentThread().tid),
@@ -56,7 +57,9 @@ struct PermissionWaiter {
         wait = {OSWrap::Clock::getObsTime(), holderId, holderTid};
         stage.store(front, std::memory_order_release);
     }
-    bool exchangesWith(TurnExchange const& other) const { return turn && turn->samePool(other); }
+    bool exchangesWith(PermissionWaiter const& other) const {
+        return turn && other.turn && turn->samePool(*other.turn);
+    }
     bool reached(Stage which) const { return stage.load(std::memory_order_acquire) >= which; }
     /** Sleeps once, unless the stage has been reached; whether it has. A cancellation point. */
     bool sleep(Stage until, OSWrap::TimeSpec const& limit) {

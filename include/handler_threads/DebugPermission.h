@@ -19,17 +19,14 @@ public:
     void init(Debugging) const { handlerthreads::PermissionQueue::announce(); }
     /** Takes the token, or one more level of it, waiting for its turn. */
     void get() { queue_.get(); }
-    /** The same for a thread of a pool: while it is queued, another one may exchange work with it.
-     */
-    void get(TurnExchange& turn) { queue_.get(&turn); }
-    /** The same with an entry that has been left to another thread to be queued. */
+    /** The same with an entry that has been queued by `enter`, or left to another thread to be. */
     void get(handlerthreads::PermissionWaiter& waiter) { queue_.get(waiter); }
+    /** Asks for the token, or for the next turn with it, without waiting. */
+    bool enter(handlerthreads::PermissionWaiter& waiter) { return queue_.enter(waiter); }
     /** Queues another thread's entry, which that thread has left for this. */
     void queue(handlerthreads::PermissionWaiter& waiter) { queue_.queue(waiter); }
     /** Takes a cancelled thread's entry out of the queue. */
     void leaveQueue(handlerthreads::PermissionWaiter& waiter) { queue_.leaveQueue(waiter); }
-    /** Goes on with the next turn of the pool where that changes nothing but the thread. */
-    bool exchangeTurn(TurnExchange& mine) { return queue_.exchangeTurn(mine); }
     /** Gives back one level, with the last one the token. */
     void release() { queue_.release(); }
     /** Clean-up of a cancelled `get` of the DebugPermission `self`; no effect when that is null. */

@@ -44,19 +44,16 @@ public:
      * has to wait. */
     void getPermission();
     void getPermission(Debugging);
-    /** Takes the permission for a thread of a pool, which must be in handler state; see
-     * PermissionQueue::get. */
-    void getPermission(TurnExchange& turn);
-    /** Takes the permission with an entry that has been left to another thread to be queued; see
-     * PermissionQueue::get. For threads in handler state. */
+    /** Takes the permission with an entry that has been queued by `enterQueue`, or left to another
+     * thread to be; see PermissionQueue::get. For threads in handler state. */
     void getPermission(handlerthreads::PermissionWaiter& waiter);
+    /** Asks for the permission, or for the next turn with it, without waiting: true when the thread
+     * has it; see PermissionQueue::enter. For threads in handler state. */
+    bool enterQueue(handlerthreads::PermissionWaiter& waiter);
     /** Queues another thread's entry for it; see PermissionQueue::queue. */
     void queue(handlerthreads::PermissionWaiter& waiter);
     /** See PermissionQueue::leaveQueue. */
     void leaveQueue(handlerthreads::PermissionWaiter& waiter);
-    /** Goes on with the next turn of the pool without giving the permission away, where that makes
-     * no difference; see PermissionQueue::exchangeTurn. */
-    bool exchangeTurn(TurnExchange& mine);
     /** Gives back one level of the permission; no effect on a thread outside handler state. */
     void releasePermission();
     /** Takes the permission if the thread is in handler state; false, without effect, if not. */

@@ -5,8 +5,6 @@
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
 
-class TurnExchange;
-
 namespace handlerthreads {
 
 struct ParkingPlace;
@@ -39,26 +37,30 @@ public:
      * waits (the cancellation type is deferred meanwhile): a cancelled thread leaves the queue, and
      * passes the token on if it has just been given. The thread at the front reports once per
      * second that it waits (level 5). Taking a further level is reported with a backtrace (level
-     * 4). Call with no lock held that the holder of the token may want. `turn`: of a thread of a
-     * pool, with whom another one may exchange work while it is queued; else null.
+     * 4). Call with no lock held that the holder of the token may want.
      */
-    void get(TurnExchange* turn = nullptr);
-    /** The same with an entry that has been left to another thread to be queued. */
+    void get();
+    /** The same with an entry that has been queued by `enter`, or left to another thread to be. */
     void get(PermissionWaiter& waiter);
+    /**
+     * The first half of `get`, which never waits: a thread can thus take its place in the queue
+     * while it holds the lock under which that place is due to it. True when it has the token now.
+     * Else its entry is queued, and `get(waiter)` waits for the turn.
+     *
+     * Who holds the token already asks for its next turn: instead of `release` followed by `get`
+     * where that would change nothing but the thread that goes on. True when nobody is queued, or
+     * when the front of the queue belongs to the same pool as the entry: that one gets the caller's
+     * work and place in exchange for its own, and the caller goes on with what its TurnExchange now
+     * holds. Else the entry is queued, and `release` comes before `get(waiter)`. A holder of
+     * several levels, which a release would not end, goes on.
+     */
+    bool enter(PermissionWaiter& waiter);
     /** Queues another thread's entry, which that thread has left for this, or gives it the free
      * token at once. The entry may be gone when this returns. Never waits. */
     void queue(PermissionWaiter& waiter);
     /** For a thread that has been cancelled while its entry was left or queued: takes it out of the
      * queue, and passes the token on if it has just been given. */
     void leaveQueue(PermissionWaiter& waiter);
-    /**
-     * Instead of `release` followed by `get(mine)`, when that would change nothing but the thread
-     * that goes on: true when nobody is queued, or when the front of the queue belongs to the same
-     * pool, which then gets the caller's work and place in exchange for its own. The caller keeps
-     * the token and goes on with what `mine` now holds. False without effect otherwise, or when the
-     * caller does not hold exactly one level.
-     */
-    bool exchangeTurn(TurnExchange& mine);
     /** Gives back one level, with the last one the token. Reported and ignored when the caller does
      * not hold it (level 3). No cancellation point. */
     void release();
@@ -81,6 +83,7 @@ private:
     void addLevel();
     void waitForTurn(PermissionWaiter& waiter);
     bool enqueueUnlessFree(PermissionWaiter& waiter);
+    bool goOnOrEnqueue(PermissionWaiter& waiter);
     void awaitGrant(PermissionWaiter& waiter);
     void awaitGrantAtFront(PermissionWaiter& waiter);
     WaitAtFront waitAtFront(PermissionWaiter const& waiter);

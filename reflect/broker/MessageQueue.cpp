@@ -89,7 +89,7 @@ Backlog::Mark MessageQueue::letGo(Transport::TerminationId sender, Backlog::When
     return mark;
 }
 
-MessageQueue::Turn MessageQueue::next(bool firstPass, Taken& taken, Need& need) {
+MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) {
     bool wake = false;
     {
         QueueLock const lock(changed_);
@@ -102,14 +102,14 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Taken& taken, Need& need) 
         --idle_;
         if (tooMany || closed_)
             return Turn::end;
-        wake = takeFront(taken, need);
+        wake = takeFront(taker, need);
     }
     if (wake)
         changed_.signal();
     return Turn::serve;
 }
 
-bool MessageQueue::nextAtOnce(Taken& taken, Need& need) {
+bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
     if (!ready_.load(std::memory_order_acquire))
         return false;
     bool wake = false;
@@ -118,7 +118,7 @@ bool MessageQueue::nextAtOnce(Taken& taken, Need& need) {
         need = Need::nothing;
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
-        wake = takeFront(taken, need);
+        wake = takeFront(taker, need);
     }
     if (wake)
         changed_.signal();
@@ -127,8 +127,9 @@ bool MessageQueue::nextAtOnce(Taken& taken, Need& need) {
 
 /** The taker sees to those who are left behind: `need` tells whether they take one more worker, the
  * result whether to signal an idle one after unlocking. */
-bool MessageQueue::takeFront(Taken& taken, Need& need) {
-    taken = messages_.pop();
+bool MessageQueue::takeFront(Taker& taker, Need& need) {
+    taker.taken = messages_.pop();
+    taker.lineUp();
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
         return false;

@@ -34,6 +34,18 @@ public:
         Transport::AddressedMessage message;
         Backlog::Share* share = nullptr;  // null: waits no more
     };
+    /** A worker that takes messages, as the queue sees it. */
+    class Taker {
+    public:
+        /** Lines up to serve what has just been taken, with the queue's mutex still held: so
+         * messages are served in the order in which they are taken. Must not wait. */
+        virtual void lineUp() = 0;
+
+        Taken taken;
+
+    protected:
+        ~Taker() = default;
+    };
     struct Pushed {
         Fate fate = Fate::kept;
         Need need = Need::nothing;
@@ -49,16 +61,16 @@ public:
     Pushed push(Transport::AddressedMessage const& message);
 
     /**
-     * A worker's wait for its next message. `firstPass`: the worker has just been started, and was
-     * counted as idle by whoever started it. `need` tells whether to start one more worker. When
-     * the answer is `end` the worker is to end. Not a cancellation point for a thread that has
-     * disabled cancellation.
+     * A worker's wait for its next message, with which it has lined up. `firstPass`: the worker has
+     * just been started, and was counted as idle by whoever started it. `need` tells whether to
+     * start one more worker. When the answer is `end` the worker is to end. Not a cancellation
+     * point for a thread that has disabled cancellation.
      */
-    Turn next(bool firstPass, Taken& taken, Need& need);
+    Turn next(bool firstPass, Taker& taker, Need& need);
 
     /** A worker that has served its message takes the next one if there is one, as with `next`;
      * else false, and nothing has changed. */
-    bool nextAtOnce(Taken& taken, Need& need);
+    bool nextAtOnce(Taker& taker, Need& need);
 
     /** A worker begins to serve what it has taken. Answers a sender that was held back and may go
      * on now, or none. */
@@ -107,12 +119,13 @@ private:
     static constexpr unsigned int kMostIdle = 3;
 
     bool mayGoOn() OSW_REQUIRES(changed_);
-    bool takeFront(Taken& taken, Need& need) OSW_REQUIRES(changed_);
+    bool takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);
 
-    /// The queue mutex. A leaf lock: nothing is locked, logged or served under it.
+    /// The queue mutex. Only the permission's queue is locked under it, by those who line up;
+    /// nothing is logged or served.
     OSWrap::ConditionVar changed_;
     Ring messages_ OSW_GUARDED_BY(changed_);
     Backlog backlog_ OSW_GUARDED_BY(changed_);

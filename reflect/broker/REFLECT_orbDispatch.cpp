@@ -1,5 +1,8 @@
 // What workers do: they take the messages that have been queued, one after the other, and serve
 // them under the run permission.
+#include <optional>
+
+#include "handler_threads/PermissionWaiter.h"
 #include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/TreflectRestoreHandlerState.h"
@@ -41,15 +44,28 @@ void giveBackFurtherLevels() {
         TreflectORB::releaseRunPermission();
 }
 
-/** The message that a worker serves next, once it holds the run permission. */
-class WorkerTurn final : public TurnExchange {
+/** The message that a worker serves next, once it holds the run permission, and the worker's entry
+ * for the permission's queue. Lives on the worker's thread. */
+class WorkerTurn final : public TurnExchange, public MessageQueue::Taker {
 public:
-    explicit WorkerTurn(void const* pool) : TurnExchange(pool) {}
+    explicit WorkerTurn(void const* pool) : TurnExchange(pool) { entry_.emplace(this); }
     void swap(TurnExchange& other) override {
         std::swap(taken, static_cast<WorkerTurn&>(other).taken);
     }
+    void lineUp() override { mine_ = TreflectORB::handlerThreads().enterQueue(*entry_); }
+    /** Whether lining up has given the worker the permission, or left it with it. */
+    bool mine() const { return mine_; }
+    /** Waits for the permission unless it is. */
+    void await() {
+        if (mine_)
+            return;
+        TreflectORB::handlerThreads().getPermission(*entry_);
+        entry_.emplace(this);
+    }
 
-    MessageQueue::Taken taken;
+private:
+    std::optional<handlerthreads::PermissionWaiter> entry_;  // serves for one wait
+    bool mine_ = false;
 };
 
 /** Tells the queue at the end of a worker, by return or by cancellation. */
@@ -415,10 +431,10 @@ void TreflectORB::WorkLoop::serve() {
 bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
     releaseRunPermission();
     MessageQueue::Need need = MessageQueue::Need::nothing;
-    if (orb_.parts_->messageQueue.next(firstPass, turn_.taken, need) == MessageQueue::Turn::end)
+    if (orb_.parts_->messageQueue.next(firstPass, turn_, need) == MessageQueue::Turn::end)
         return false;
     startWorker(need);
-    handlerThreads().getPermission(turn_);
+    turn_.await();
     return true;
 }
 
@@ -426,13 +442,12 @@ bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
  * permission. */
 bool TreflectORB::WorkLoop::goOnAtOnce() {
     MessageQueue::Need need = MessageQueue::Need::nothing;
-    if (!orb_.parts_->messageQueue.nextAtOnce(turn_.taken, need))
+    if (!orb_.parts_->messageQueue.nextAtOnce(turn_, need))
         return false;
+    if (!turn_.mine())
+        releaseRunPermission();
     startWorker(need);
-    if (handlerThreads().exchangeTurn(turn_))
-        return true;
-    releaseRunPermission();
-    handlerThreads().getPermission(turn_);
+    turn_.await();
     return true;
 }
 

@@ -6,12 +6,14 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "LogCapture.h"
 #include "PermissionThreads.h"
+#include "handler_threads/PermissionWaiter.h"
 #include "oswrap.h"
 
 using namespace permissiontest;
@@ -30,7 +32,17 @@ public:
     explicit Turn(char const& pool, int number = 0) : TurnExchange(&pool), work(number) {}
     void swap(TurnExchange& other) override { std::swap(work, static_cast<Turn&>(other).work); }
 
+    /** Asks for the permission, or for the next turn with it; whether the thread has it. */
+    bool enterQueue() {
+        entry_.emplace(this);
+        return Run::handlerThreads().enterQueue(*entry_);
+    }
+    void await() { Run::handlerThreads().getPermission(*entry_); }
+
     int work;
+
+private:
+    std::optional<handlerthreads::PermissionWaiter> entry_;
 };
 
 class TurnExchangeTest : public PermissionTest {
@@ -45,7 +57,8 @@ protected:
     TestThread& park(char const& pool, int work) {
         return queueUp([this, &pool, work] {
             Turn turn(pool, work);
-            Run::handlerThreads().getPermission(turn);
+            if (!turn.enterQueue())
+                turn.await();
             served_.push_back(turn.work);
         });
     }
@@ -67,11 +80,10 @@ protected:
     }
     void joinAll() { queued_.clear(); }
 
-    static bool exchange(Turn& mine) { return Run::handlerThreads().exchangeTurn(mine); }
-    /** What a thread of a pool does when it cannot exchange. */
+    /** What a thread of a pool does when it could not go on. */
     static void handRound(Turn& mine) {
         Run::releaseRunPermission();
-        Run::handlerThreads().getPermission(mine);
+        mine.await();
     }
 
     std::vector<int> served_;  // guarded by the run permission
@@ -86,16 +98,16 @@ TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {
         park(poolA, 2);
         queueCaller(101);
         Turn mine(poolA, 3);
-        ASSERT_TRUE(exchange(mine));
+        ASSERT_TRUE(mine.enterQueue());
         EXPECT_EQ(mine.work, 1);
         mine.work = 4;
-        EXPECT_FALSE(exchange(mine)) << "a caller is at the front";
+        EXPECT_FALSE(mine.enterQueue()) << "a caller is at the front";
         EXPECT_EQ(mine.work, 4);
         EXPECT_THAT(served_, ElementsAre());
         handRound(mine);
         EXPECT_THAT(served_, ElementsAre(100, 2, 101, 3));
         EXPECT_EQ(mine.work, 4);
-        EXPECT_TRUE(exchange(mine)) << "nobody is left";
+        EXPECT_TRUE(mine.enterQueue()) << "nobody is left";
         EXPECT_EQ(mine.work, 4);
     }
     joinAll();
@@ -105,25 +117,40 @@ TEST_F(TurnExchangeTest, nothingIsExchangedWithAnotherPoolOrWithoutExactlyOneLev
     {
         Holder const holder;
         park(poolB, 1);
-        Turn mine(poolA, 2);
-        EXPECT_FALSE(exchange(mine));
         Turn other(poolB, 3);
         {
             LogCapture log;
             Run::getRunPermission();
-            EXPECT_FALSE(exchange(other)) << "the second level would be lost in a hand-over";
+            EXPECT_TRUE(other.enterQueue()) << "a release would not end the second level";
             Run::releaseRunPermission();
         }
-        TestThread([&other] {
-            TreflectHandlerState const state(false);
-            EXPECT_FALSE(exchange(other)) << "it is not its permission";
-        });
         EXPECT_EQ(other.work, 3);
         EXPECT_EQ(Run::getRunPermissionCount(), 1u);
-        EXPECT_TRUE(exchange(other));
+        queueUp([this] {
+            Turn theirs(poolB, 4);
+            EXPECT_FALSE(theirs.enterQueue()) << "it is not its permission";
+            theirs.await();
+            served_.push_back(theirs.work);
+        });
+        Turn mine(poolA, 2);
+        ASSERT_FALSE(mine.enterQueue());
+        EXPECT_THAT(served_, ElementsAre()) << "the place is taken before the permission goes";
+        EXPECT_EQ(Run::getRunPermissionOwner(), OSWrap::Thread::getCurrentId());
+        handRound(mine);
+        EXPECT_EQ(mine.work, 2);
     }
     joinAll();
-    EXPECT_THAT(served_, ElementsAre(3));
+    EXPECT_THAT(served_, ElementsAre(1, 4));
+}
+
+// A thread can hold the lock under which its place is due to it.
+TEST_F(TurnExchangeTest, freePermissionIsTakenAtOnce) {
+    TreflectHandlerState const state(false);
+    Turn mine(poolA, 1);
+    EXPECT_TRUE(mine.enterQueue());
+    EXPECT_EQ(Run::getRunPermissionCount(), 1u);
+    EXPECT_EQ(Run::getRunPermissionOwner(), OSWrap::Thread::getCurrentId());
+    Run::releaseRunPermission();
 }
 
 TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange) {
@@ -133,12 +160,12 @@ TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange)
         park(poolA, 2);
         park(poolA, 3);
         Turn mine(poolA, 4);
-        ASSERT_TRUE(exchange(mine));
+        ASSERT_TRUE(mine.enterQueue());
         first.cancel();  // with work 4, at the back
         EXPECT_TRUE(first.join());
         EXPECT_TRUE(queueGrowsTo(2));
         mine.work = 5;
-        ASSERT_TRUE(exchange(mine));
+        ASSERT_TRUE(mine.enterQueue());
         EXPECT_EQ(mine.work, 2);
     }
     joinAll();
@@ -157,7 +184,7 @@ TEST_F(TurnExchangeTest, waitIsReportedFromTheLastExchangeOn) {
         steady_clock::duration longestGap{};
         while (latest - start < milliseconds(2500)) {
             std::this_thread::sleep_for(milliseconds(5));
-            EXPECT_TRUE(exchange(mine));
+            EXPECT_TRUE(mine.enterQueue());
             auto const now = steady_clock::now();
             longestGap = std::max(longestGap, now - latest);
             latest = now;
@@ -189,7 +216,7 @@ TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
             EXPECT_TRUE(log.waitFor(awaited(callersTid) + " since 1s"));
         });
         Turn mine(poolA, 2);
-        ASSERT_TRUE(exchange(mine));
+        ASSERT_TRUE(mine.enterQueue());
     }
     joinAll();
     EXPECT_THAT(served_, ElementsAre(2));
@@ -210,7 +237,7 @@ TEST_F(TurnExchangeTest, nothingIsLostAmongManyThreads) {
         TreflectHandlerState const state(true);
         Turn mine(pool);
         while ((mine.work = next++) < kWork) {
-            if (!exchange(mine))
+            if (!mine.enterQueue())
                 handRound(mine);
             ++timesDone[static_cast<std::size_t>(mine.work)];
             if (mine.work % 8 == 0)

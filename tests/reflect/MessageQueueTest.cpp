@@ -8,13 +8,20 @@ using Need = MessageQueue::Need;
 
 constexpr Transport::Backlog kNoBound{1 << 20, 1'000'000, 1 << 20, 1'000'000};
 
+class Taker final : public MessageQueue::Taker {
+public:
+    void lineUp() override { ++linedUp; }
+
+    std::size_t linedUp = 0;
+};
+
 Transport::AddressedMessage message(std::size_t size) {
     return Transport::AddressedMessage::allocate(size);
 }
 
 TEST(MessageQueue, keepsOrderWhileItsRingGrowsAndWraps) {
     MessageQueue queue(kNoBound);
-    MessageQueue::Taken next;
+    Taker next;
     Need need = Need::nothing;
     std::size_t pushed = 0;
     std::size_t taken = 0;
@@ -23,7 +30,8 @@ TEST(MessageQueue, keepsOrderWhileItsRingGrowsAndWraps) {
             queue.push(message(20 + pushed++));
         for (std::size_t i = 0; i < 1 + round % 5 && taken < pushed; ++i) {
             ASSERT_EQ(queue.next(taken == 0, next, need), MessageQueue::Turn::serve);
-            ASSERT_EQ(next.message.size(), 20 + taken++);
+            ASSERT_EQ(next.taken.message.size(), 20 + taken++);
+            ASSERT_EQ(next.linedUp, taken);
         }
     }
     EXPECT_GT(pushed, taken + 128);
@@ -57,11 +65,11 @@ TEST(MessageQueue, boundsBytesButTakesOneLargeMessage) {
     MessageQueue queue({16, 1000, 64, 1000});
     EXPECT_EQ(queue.push(from(1, 1 << 20)).fate, MessageQueue::Fate::kept) << "alone";
     EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch);
-    MessageQueue::Taken taken;
+    Taker taker;
     Need need = Need::nothing;
-    queue.next(true, taken, need);
+    queue.next(true, taker, need);
     EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch) << "it waits until begun";
-    queue.begin(taken);
+    queue.begin(taker.taken);
     EXPECT_EQ(queue.push(from(2, 20 << 10)).fate, MessageQueue::Fate::kept);
     EXPECT_EQ(queue.push(from(2, 1)).fate, MessageQueue::Fate::tooMuch);
     EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::kept);
@@ -76,14 +84,14 @@ TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
     EXPECT_FALSE(queue.holdBack(2)) << "nothing of it waits";
     EXPECT_TRUE(queue.holdBack(1));
     EXPECT_EQ(queue.letGo(1, Backlog::When::little), Backlog::Mark::stays);
-    MessageQueue::Taken taken;
+    Taker taker;
     Need need = Need::nothing;
     for (unsigned int left = 4; left > 2; --left) {
-        queue.next(left == 4, taken, need);
-        EXPECT_EQ(queue.begin(taken).value(), 0u);
+        queue.next(left == 4, taker, need);
+        EXPECT_EQ(queue.begin(taker.taken).value(), 0u);
     }
-    queue.next(false, taken, need);
-    EXPECT_EQ(queue.begin(taken).value(), 1u);
+    queue.next(false, taker, need);
+    EXPECT_EQ(queue.begin(taker.taken).value(), 1u);
     EXPECT_FALSE(queue.holdsBack());
     EXPECT_TRUE(queue.holdBack(1));
     EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::taken);
