@@ -254,6 +254,11 @@ private:
     void letAnswer_(Transport::TerminationId target) const;
     /** Hands a message to the transport in this broker's name; 1 when taken, else 0. */
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
+    /** Whether others get the run permission before a request is issued, or only afterwards, so
+     * that it leaves ahead of whatever they send. */
+    enum class GiveWay { beforeIssuing, afterIssuing };
+    bool forward_(Transport::TerminationId target, bool withResponse, TreflectMessage& message,
+                  TipprmiStream& response, GiveWay when) const;
     int issueAnswer_(Transport::TerminationId target, TreflectMessage& message) const;
     bool turnAway_(Transport::TerminationId target, TreflectMessage const& message,
                    TipprmiStream& response) const;

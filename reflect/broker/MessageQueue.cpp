@@ -17,10 +17,12 @@ bool MessageQueue::Ring::reserve() {
     return true;
 }
 
-void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlog::Share* share) {
+void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlog::Share* share,
+                              unsigned int note) {
     Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
     cell.message = message;
     cell.share = share;
+    cell.note = note;
     ++size_;
 }
 
@@ -40,7 +42,8 @@ void MessageQueue::Ring::grow() {
     first_ = 0;
 }
 
-MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message) {
+MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message,
+                                        unsigned int note) {
     Pushed pushed;
     {
         QueueLock const lock(changed_);
@@ -54,7 +57,7 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
         }
         pushed.isMuch = backlog_.isMuch(*share);
         bool const wasEmpty = messages_.empty();
-        messages_.push(message, share);
+        messages_.push(message, share, note);
         ready_.store(true, std::memory_order_release);
         if (idle_ == 0) {
             pushed.need = addWorker();

@@ -33,6 +33,7 @@ public:
     struct Taken {
         Transport::AddressedMessage message;
         Backlog::Share* share = nullptr;  // null: waits no more
+        unsigned int note = 0;            // of who queued it
     };
     /** A worker that takes messages, as the queue sees it. */
     class Taker {
@@ -57,8 +58,8 @@ public:
     MessageQueue& operator=(MessageQueue const&) = delete;
 
     /** Adds a message, unless that is too much. When a worker is needed, it counts already: start
-     * it, or call `workerNotStarted`. A closed queue drops the message. */
-    Pushed push(Transport::AddressedMessage const& message);
+     * it, or call `workerNotStarted`. A closed queue drops the message. `note` comes with it. */
+    Pushed push(Transport::AddressedMessage const& message, unsigned int note = 0);
 
     /**
      * A worker's wait for its next message, with which it has lined up. `firstPass`: the worker has
@@ -104,7 +105,8 @@ private:
         /** Makes room for one more; false when memory has run out. */
         bool reserve();
         /** With room for it. */
-        void push(Transport::AddressedMessage const& message, Backlog::Share* share);
+        void push(Transport::AddressedMessage const& message, Backlog::Share* share,
+                  unsigned int note);
         Taken pop();
 
     private:

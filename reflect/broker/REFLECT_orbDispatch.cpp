@@ -98,8 +98,9 @@ int asFlag(int result) {
 /** A message that a worker serves, holding the run permission. */
 class TreflectORB::IncomingMessage {
 public:
-    IncomingMessage(TreflectORB& orb, TreflectMessage const& message)
-        : orb_(orb), message_(message), request_(message, false) {}
+    /** `note`: see `enqueue_`. */
+    IncomingMessage(TreflectORB& orb, TreflectMessage const& message, unsigned int note)
+        : orb_(orb), message_(message), note_(note), request_(message, false) {}
 
     void serve();
     /** Memory has run out in `serve`. */
@@ -129,6 +130,7 @@ private:
 
     TreflectORB& orb_;
     TreflectMessage const message_;
+    unsigned int const note_;
     TipprmiStream request_;
 
     // Header of a call
@@ -211,7 +213,7 @@ void TreflectORB::IncomingMessage::serveCreation(unsigned int classId, TreflectO
         answer(response);
         return;
     }
-    Registration telling(orb_, record->second, Kind::creation, nullptr);
+    Registration telling(orb_, record->second, Kind::creation, nullptr, note_);
     orb_.gotCreation(classId, object);
     answer(response);
     orb_.tellOfMissedDeletions_(classId, telling);
@@ -418,13 +420,14 @@ private:
 void TreflectORB::WorkLoop::serve() {
     orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
     TreflectMessage const message(turn_.taken.message);
-    if (OSWrap::withMemory([&] { IncomingMessage(orb_, message).serve(); }))
+    unsigned int const note = turn_.taken.note;
+    if (OSWrap::withMemory([&] { IncomingMessage(orb_, message, note).serve(); }))
         return;
     giveBackFurtherLevels();
     REFLECTORB_LOG_LIMITED(orb_.parts_->limits.noMemory, 2, "REFLECT_orb",
                            "ORB 0x%08X has no memory to serve 0x%08X", orb_.termId().value(),
                            message.originator().value());
-    IncomingMessage(orb_, message).makeUpFor();
+    IncomingMessage(orb_, message, note).makeUpFor();
 }
 
 /** Gives up the run permission until there is a message; false when the worker is to end. */

@@ -1,4 +1,5 @@
 // Sending requests and waiting for their responses.
+#include <optional>
 #include <utility>
 
 #include "handler_threads/TreflectHandlerState.h"
@@ -30,11 +31,11 @@ char const* trueOrFalse(bool value) {
 class TreflectORB::OutgoingCall {
 public:
     OutgoingCall(TreflectORB const& orb, Transport::TerminationId target, bool withResponse,
-                 TreflectMessage& message, TipprmiStream& response, bool thenPermission)
+                 TreflectMessage& message, TipprmiStream& response, GiveWay when)
         : orb_(orb),
           target_(target),
           withResponse_(withResponse),
-          thenPermission_(thenPermission),
+          when_(when),
           message_(message),
           response_(response),
           record_(OngoingRequest::getThreadInstance()) {}
@@ -43,6 +44,7 @@ public:
     bool perform();
 
 private:
+    void giveWay(std::optional<TreflectReleaseHandlerState>& released);
     bool chooseId();
     void reportReceivingThread() const;
     int send();
@@ -54,21 +56,27 @@ private:
     TreflectORB const& orb_;
     Transport::TerminationId const target_;
     bool const withResponse_;
-    bool const thenPermission_;  // given up for the call, to be taken again after it
+    GiveWay const when_;
     TreflectMessage& message_;
     TipprmiStream& response_;
     OngoingRequest& record_;
     OngoingRequestId id_;
-    bool issued_ = false;  // so the target was there
+    bool issued_ = false;          // so the target was there
+    bool thenPermission_ = false;  // given up for the call, to be taken again after it
 };
 
 bool TreflectORB::OutgoingCall::perform() {
+    std::optional<TreflectReleaseHandlerState> released;
+    if (when_ == GiveWay::beforeIssuing)
+        giveWay(released);
     forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
     if (!chooseId())
         return failed(0);
     message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
     int const issued = id_.chosen ? send() : 0;
     issued_ = issued == 1;
+    if (when_ == GiveWay::afterIssuing)
+        giveWay(released);
     if (!issued_) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
@@ -80,6 +88,12 @@ bool TreflectORB::OutgoingCall::perform() {
     if (withResponse_)
         REFLECTORB_LOG(3, "REFLECT_orb", "receivingThread called forwardMessage");
     return true;
+}
+
+/** For the rest of the call. */
+void TreflectORB::OutgoingCall::giveWay(std::optional<TreflectReleaseHandlerState>& released) {
+    released.emplace();
+    thenPermission_ = released->released() && !hasRunPermission();
 }
 
 /** False when all ids are outstanding. A broker that is being deleted gives no id and is sent
@@ -203,6 +217,11 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
 
 bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse,
                               TreflectMessage& message, TipprmiStream& response) const {
+    return forward_(target, withResponse, message, response, GiveWay::beforeIssuing);
+}
+
+bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,
+                           TreflectMessage& message, TipprmiStream& response, GiveWay when) const {
     OSWrap::DeferredCancelTypeGuard const deferred;
     CallGate::Visit const visit(parts_->calls);
     if (!visit.admitted())
@@ -211,9 +230,7 @@ bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse
         TreflectHandlerState const handlerState(true);
         ++parts_->counters.of(target).sent;
     }
-    TreflectReleaseHandlerState const released;
-    bool const thenPermission = released.released() && !hasRunPermission();
-    return OutgoingCall(*this, target, withResponse, message, response, thenPermission).perform();
+    return OutgoingCall(*this, target, withResponse, message, response, when).perform();
 }
 
 /**

@@ -52,6 +52,10 @@ struct TreflectORB::Parts {
     /// The brokers whose arrival is over: what is observed here is observed there, and what they
     /// had has been told. Guarded by the run permission.
     std::set<TreflectOrbId> caughtUpWith;
+    /// How often deletions have been subscribed to at other brokers; counted under the run
+    /// permission when they have answered, read by the receiving thread before it delivers their
+    /// answers.
+    std::atomic<unsigned int> deletionSubscriptions{0};
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};

@@ -48,8 +48,9 @@ struct TreflectORB::MetaData {
     /** Held while the group is told of a subscription or its end, so that the one does not overtake
      * the other. Taken with the run permission, which is given up to wait for it. */
     TreflectMutex subscribing;
-    /** How often deletions have been subscribed to at other brokers. */
-    unsigned int deletionSubscriptions = 0;
+    /** The number of the latest subscription to deletions of the class at other brokers, among
+     * those of all classes (`Parts::deletionSubscriptions`); 0 when there was none. */
+    unsigned int lastDeletionSubscription = 0;
 
     Side& side(Kind kind) { return kind == Kind::creation ? creations : deletions; }
     /** An object is no more: nobody is told any longer that it was created. */

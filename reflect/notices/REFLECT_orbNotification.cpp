@@ -213,7 +213,7 @@ void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
     for (Transport::TerminationId const& target : targets)
         subscribeAt_(kind, classId, existing, asking, target);
     if (kind == Kind::deletion)
-        ++getMetaData(classId).deletionSubscriptions;
+        getMetaData(classId).lastDeletionSubscription = ++parts_->deletionSubscriptions;
 }
 
 /** What exists there is added to `existing`, if given. False when the broker was not asked, or did
@@ -326,7 +326,7 @@ void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     if (!record.deletions.isObserved())
         return;
     subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(id));
-    ++record.deletionSubscriptions;
+    record.lastDeletionSubscription = ++parts_->deletionSubscriptions;
     for (auto const& told : record.newcomersObjects) {
         if (brokerOf(told.first) == id)
             catchingUp.heardOf(told.first, told.second.object);

@@ -29,7 +29,8 @@ bool TreflectORB::Publication::next(TreflectOrbId& subscriber) {
 }
 
 /** Tells the subscribers that are due, one after the other. One that is not reached has to
- * subscribe again. */
+ * subscribe again. What another thread tells of the object from now on leaves behind this, and so
+ * does what it says exists. */
 void TreflectORB::publish_(Kind kind, unsigned int classId, TreflectObject const& object,
                            Publication& publication) {
     std::vector<TreflectOrbId> unreached;
@@ -39,7 +40,7 @@ void TreflectORB::publish_(Kind kind, unsigned int classId, TreflectObject const
         request.msg().type(kind == Kind::creation ? TreflectMessage::tOCN : TreflectMessage::tODN);
         request << classId << static_cast<TipprmiObjectClient const&>(object);
         TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-        if (!forwardMsg_(convertId(subscriber), true, request.msg(), response))
+        if (!forward_(convertId(subscriber), true, request.msg(), response, GiveWay::afterIssuing))
             unreached.push_back(subscriber);
     }
     for (TreflectOrbId const& gone : unreached)

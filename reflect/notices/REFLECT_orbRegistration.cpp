@@ -169,14 +169,14 @@ void TreflectORB::MetaData::forget(TreflectServerObject const& object) {
 
 // ---- Registrations -----------------------------------------------------------------------------
 
-// What it tells comes on top of what the observer has been told in the course of others.
 TreflectORB::Registration::Registration(TreflectORB& orb, MetaData& record, Kind kind,
                                         TreflectObserver* observer)
-    : orb_(orb),
-      record_(record),
-      kind_(kind),
-      observer_(observer),
-      deletionSubscriptionsBefore_(record.deletionSubscriptions) {
+    : Registration(orb, record, kind, observer, orb.parts_->deletionSubscriptions) {}
+
+// What it tells comes on top of what the observer has been told in the course of others.
+TreflectORB::Registration::Registration(TreflectORB& orb, MetaData& record, Kind kind,
+                                        TreflectObserver* observer, unsigned int since)
+    : orb_(orb), record_(record), kind_(kind), observer_(observer), since_(since) {
     Registration::UnderWay& underWay = record_.side(kind_).registrations;
     for (Registration const* const other : underWay) {
         if (observer && other->isOf(*observer))
@@ -245,7 +245,7 @@ void TreflectORB::Registration::heardOf(ObjectPlace const& place, TreflectObject
 
 std::set<TreflectOrbId> TreflectORB::Registration::mayHaveMissedDeletionsAt() const {
     std::set<TreflectOrbId> brokers;
-    if (record_.deletionSubscriptions == deletionSubscriptionsBefore_)
+    if (record_.lastDeletionSubscription <= since_)
         return brokers;
     for (auto const& heard : heard_)
         brokers.insert(brokerOf(heard.first));

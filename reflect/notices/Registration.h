@@ -61,8 +61,11 @@ public:
     using UnderWay = std::list<Registration*>;
 
     /** Enters the record's registrations under way, and leaves them at the end. `observer`: null
-     * for all that are listed. */
+     * for all that are listed. `since`: how many subscriptions to deletions there had been when the
+     * notice that is told came in; without it, now. */
     Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer);
+    Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer,
+                 unsigned int since);
     ~Registration();
     Registration(Registration const&) = delete;
     Registration& operator=(Registration const&) = delete;
@@ -108,5 +111,5 @@ private:
     std::set<ObjectPlace> gone_;
     std::list<std::pair<ObjectPlace, TreflectObject>> kept_;
     std::map<ObjectPlace, TreflectObject> heard_;
-    unsigned int const deletionSubscriptionsBefore_;
+    unsigned int const since_;
 };

@@ -85,6 +85,18 @@ public:
         return number;
     }
 
+    /** The notices that it got, in their order: a plus for a creation, a minus for a deletion. */
+    std::string notices() {
+        std::string signs;
+        for (std::size_t i = 0, all = peer_.count(); i < all; ++i) {
+            TreflectMessage const message = peer_.await(i);
+            if (message.kind() == TreflectMessage::kRequest)
+                signs += message.type() == TreflectMessage::tOCN   ? "+"
+                         : message.type() == TreflectMessage::tODN ? "-"
+                                                                   : "";
+        }
+        return signs;
+    }
     std::size_t countOf(TreflectMessage::type_t type, Transport::TerminationId originator) {
         std::size_t number = 0;
         for (std::size_t i = 0, all = peer_.count(); i < all; ++i)
@@ -335,6 +347,36 @@ TEST_F(OverlapTest, creationIsToldNoFurtherWhenTheObjectIsDeletedMeanwhile) {
     EXPECT_EQ(quick.count(TreflectMessage::tOCN), 0u);
 }
 
+// Whoever deletes the object has waited for the permission that is given up for the notice.
+TEST_F(OverlapTest, creationLeavesAheadOfTheDeletionThatOverlapsIt) {
+    constexpr int kObjects = 300;
+    Neighbour neighbour(group());
+    neighbour.subscribe(termination_, TreflectMessage::tOCNSubscribe);
+    neighbour.subscribe(termination_, TreflectMessage::tODNSubscribe);
+    std::atomic<bool> over{false};
+    std::thread busy([&over] {
+        while (!over) {
+        }
+    });
+    std::string expected;
+    for (int i = 0; i < kObjects; ++i) {
+        auto lamp = permitted([] { return std::make_unique<Lamp>("lamp"); });
+        std::thread deleting;
+        permitted([&] {
+            deleting = std::thread([&] { permitted([&] { lamp->go(); }); });
+            EXPECT_TRUE(testsupport::eventually(
+                [] { return TreflectORB::handlerThreads().getPermissionWaiters() > 0; }));
+            lamp->come();
+        });
+        deleting.join();
+        permitted([&] { lamp.reset(); });
+        expected += "+-";
+    }
+    over = true;
+    busy.join();
+    EXPECT_EQ(neighbour.notices(), expected);
+}
+
 TEST_F(OverlapTest, objectThatComesAgainIsToldAgain) {
     Watcher& come = creations(true);
     Watcher& gone = deletions();
@@ -493,6 +535,25 @@ TEST_F(GoneEarlyTest, whatGoesDuringItsNoticeIsToldAsDeletedAfterIt) {
     EXPECT_EQ(told(gone), Names{});
     neighbour->setList("00000001" + other);
     goOn_.open();
+    EXPECT_TRUE(awaitTold(gone, {"one"}));
+}
+
+// The thread that observes deletions keeps the permission while they are subscribed to, since it
+// has two levels of it.
+TEST_F(GoneEarlyTest, whatHasGoneBeforeItsNoticeIsServedIsToldAsDeleted) {
+    Watcher& come = creations(false);
+    auto const neighbour = arrived();
+    Watcher& gone = watcher();
+    permitted([&] {
+        neighbour->create(termination_, handle("one", 7, *neighbour));
+        ASSERT_TRUE(testsupport::eventually(
+            [] { return TreflectORB::handlerThreads().getPermissionWaiters() > 0; }));
+        TreflectORB::getRunPermission();
+        thingClass(kClass).observeDeletions(&gone);
+        TreflectORB::releaseRunPermission();
+        EXPECT_EQ(come.told(), Names{});
+    });
+    EXPECT_TRUE(awaitTold(come, {"one"}));
     EXPECT_TRUE(awaitTold(gone, {"one"}));
 }
 
