@@ -134,6 +134,11 @@ void TreflectORB::cancelUnlessObserved_(Kind kind, unsigned int classId) {
     SubscribingLock const lock(record.subscribing);
     if (record.side(kind).isObserved())
         return;
+    // The group forgets both kinds, and so it may tell of anything anew.
+    for (MetaData::Side* const side : {&record.creations, &record.deletions}) {
+        for (Registration* const registration : side->registrations)
+            registration->forgetHeard();
+    }
     if (kind == Kind::creation)
         unregisterFromOCN(classId);
     else
@@ -217,7 +222,8 @@ void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
 }
 
 /** What exists there is added to `existing`, if given. False when the broker was not asked, or did
- * not answer. */
+ * not answer. Whoever looks whether the class is observed and then calls this subscribes ahead of a
+ * cancellation that follows. */
 bool TreflectORB::subscribeAt_(Kind kind, unsigned int classId,
                                std::vector<TreflectObject>* existing, Registration* asking,
                                Transport::TerminationId const& target) {
@@ -232,7 +238,7 @@ bool TreflectORB::subscribeAt_(Kind kind, unsigned int classId,
     TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
     if (asking)
         asking->asks(convertId(target));
-    if (!forwardMsg_(target, true, request.msg(), response))
+    if (!forward_(target, true, request.msg(), response, GiveWay::afterIssuing))
         return false;
     if (kind == Kind::creation)
         readExisting_(response, target, existing);
@@ -344,12 +350,14 @@ void TreflectORB::tellOfMissedDeletions_(unsigned int classId, Registration cons
 }
 
 /** Asks the broker once more what it has: whoever heard of anything else as created would never
- * hear of its end. */
+ * hear of its end. That subscribes to creations there, so it is for those who do anyway: when
+ * nobody does any more, the broker has been told to forget deletions as well. */
 void TreflectORB::tellOfGone_(unsigned int classId, TreflectOrbId const& id,
                               Registration const& telling) {
+    MetaData& record = getMetaData(classId);
     std::set<ObjectPlace> missing = telling.heardAt(id);
     std::vector<TreflectObject> existing;
-    if (missing.empty() ||
+    if (missing.empty() || !record.creations.isObserved() || !record.deletions.isObserved() ||
         !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)) ||
         !Transport::TransportLayer::instance().exists(convertId(id)))
         return;

@@ -54,7 +54,8 @@ private:
  * thread, or by its own callback. Guarded by the run permission.
  *
  * It remembers as well which objects of other brokers anybody is told of while it lasts, since such
- * an object may go before the first observer of deletions has been subscribed at its broker.
+ * an object may go before the first observer of deletions has been subscribed at its broker. It
+ * remembers 65,536 of them at most: the end of any other that goes so early is not told.
  */
 class TreflectORB::Registration {
 public:
@@ -93,6 +94,8 @@ public:
     void heardOf(ObjectPlace const& place, TreflectObject const& object);
     /** Its end is being told. */
     void heardOfEnd(ObjectPlace const& place) { heard_.erase(place); }
+    /** The class's subscriptions are cancelled. */
+    void forgetHeard() { heard_.clear(); }
     /** The brokers of which objects were told that may have gone before their deletion was
      * subscribed to. */
     std::set<TreflectOrbId> mayHaveMissedDeletionsAt() const;

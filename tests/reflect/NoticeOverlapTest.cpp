@@ -3,6 +3,7 @@
 #include <map>
 #include <thread>
 
+#include "Arrivals.h"
 #include "BrokerTest.h"
 #include "NoticeActor.h"
 #include "Permitted.h"
@@ -12,22 +13,6 @@
 namespace {
 
 constexpr unsigned int kClass = 0x0EE71A9;
-
-/** The brokers that the test's broker has caught up with, and that have gone. */
-class Arrivals final : public TreflectOrbObserverIf {
-public:
-    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
-        told_[broker] += what == kAppear ? "+" : "-";
-    }
-    bool have(Transport::TerminationId const& broker) { return of(broker) == "+"; }
-    /** A plus for each arrival, a minus for each departure. */
-    std::string of(Transport::TerminationId const& broker) {
-        return permitted([&] { return told_[broker]; });
-    }
-
-private:
-    std::map<Transport::TerminationId, std::string> told_;  // guarded by the run permission
-};
 
 /** Another broker, played by hand, which subscribes here and is asked. What it does not answer at
  * once stays for `answerHeld`. */
@@ -125,14 +110,12 @@ void answer(RawPeer& peer, TreflectMessage const& request) {
 // The second observer is on its way into the list, waiting for the peer, when an object is created;
 // and the first one returns from the notice only when the second one is in the list.
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
-    Arrivals arrivals;
-    orb().registerOrbCreation(&arrivals, false);
+    ArrivalWatch arrivals(orb());
     RawPeer peer(group(), [](RawPeer& self, TreflectMessage& request) {
         if (self.count() != 1)
             answer(self, request);
     });
-    ASSERT_TRUE(testsupport::eventually([&] { return arrivals.have(peer.termId()); }));
-    orb().unregisterOrbNotifications(&arrivals);
+    ASSERT_TRUE(arrivals.await(peer.termId()));
 
     TreflectMetaObject& meta = thingClass(kClass);
     testsupport::Gate entered;
@@ -465,11 +448,9 @@ TEST_F(OverlapTest, newcomersObjectThatGoesBeforeItsDeletionIsSubscribedToIsTold
 class GoneEarlyTest : public OverlapTest {
 protected:
     std::unique_ptr<Neighbour> arrived(Neighbour::Holds holds = {}) {
-        Arrivals arrivals;
-        orb().registerOrbCreation(&arrivals, false);
+        ArrivalWatch arrivals(orb());
         auto one = std::make_unique<Neighbour>(group(), std::move(holds));
-        EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(one->termId()); }));
-        orb().unregisterOrbNotifications(&arrivals);
+        EXPECT_TRUE(arrivals.await(one->termId()));
         return one;
     }
     std::string handle(std::string const& name, unsigned int ioid, Neighbour const& neighbour) {
@@ -555,6 +536,38 @@ TEST_F(GoneEarlyTest, whatHasGoneBeforeItsNoticeIsServedIsToldAsDeleted) {
     });
     EXPECT_TRUE(awaitTold(come, {"one"}));
     EXPECT_TRUE(awaitTold(gone, {"one"}));
+}
+
+// Who subscribes anew is told of the object as created; until then its broker does not list it.
+TEST_F(GoneEarlyTest, whatWasToldBeforeTheSubscriptionsWereCancelledIsNotMissed) {
+    auto const neighbour = arrived();
+    neighbour->setList(listed("one", *neighbour));
+    Watcher& come = watcher(staying());
+    std::thread registering([&] { observe(come, true); });
+    EXPECT_TRUE(told_.wait());
+    permitted([&] { thingClass(kClass).removeObserver(&come); });
+    neighbour->setList("00000000");
+    creations(false);
+    Watcher& gone = deletions();
+    goOn_.open();
+    registering.join();
+    EXPECT_EQ(told(gone), Names{});
+}
+
+// To ask is to subscribe.
+TEST_F(GoneEarlyTest, nobodyIsAskedOnceMoreWhenCreationsAreObservedNoLonger) {
+    Watcher& come = creations(false, staying());
+    auto const neighbour = arrived();
+    neighbour->create(termination_, handle("one", 7, *neighbour));
+    EXPECT_TRUE(told_.wait());
+    deletions();
+    permitted([&] { thingClass(kClass).removeObserver(&come); });
+    std::size_t const asked = neighbour->count(TreflectMessage::tOCNSubscribe);
+    goOn_.open();
+    EXPECT_FALSE(neighbour->await(TreflectMessage::tOCN, TreflectMessage::kResponse).empty());
+    permitted([] {});
+    neighbour->subscribe(termination_, TreflectMessage::tODNSubscribe);  // comes behind a question
+    EXPECT_EQ(neighbour->count(TreflectMessage::tOCNSubscribe), asked);
 }
 
 TEST_F(OverlapTest, brokerOfNodesIsCaughtUpWithByTheBrokerOfNodesOnly) {
