@@ -81,8 +81,8 @@ public:
      * there); used only when it is the user's own, with mode 0700, and no symbolic link. */
     static bool directory(std::string const& path);
     /** How much of one sender, and how much in all, may wait in each broker to be served: 16 to
-     * 1,048,576 KiB, 2 to 1,000,000 messages. At half of it a sender is held back; what comes
-     * beyond it goes back to its sender, as a call that has failed. */
+     * 1,048,576 KiB, 2 to 1,000,000 messages. At half of it, or at 512 messages, a sender is held
+     * back; what comes beyond it goes back to its sender, as a call that has failed. */
     static bool backlog(Backlog const& most);
     /** Whether waiting threads may poll for a short time before they sleep (default true). May be
      * called at any time. */

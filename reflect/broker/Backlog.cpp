@@ -14,6 +14,10 @@ constexpr std::uint64_t kOneMessage = std::uint64_t{1} << kMessageShift;
 /** What a message takes beside its bytes. */
 constexpr std::size_t kHeadSize = 64;
 constexpr std::uint64_t kKibibyte = 1024;
+/** A sender is held back when more of its messages wait, however many may: what others send waits
+ * behind them. Many more than a receiving thread takes at a time, so that who serves them does not
+ * run out of them meanwhile. */
+constexpr std::uint64_t kMuch = 512;
 
 }  // namespace
 
@@ -60,10 +64,10 @@ Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size
     return share;
 }
 
-void Backlog::Share::release(std::size_t size) {
+bool Backlog::Share::release(std::size_t size) {
     std::uint64_t const load = loadOf(size);
     total_.fetch_sub(load);
-    load_.fetch_sub(load);
+    return amountOf(load_.fetch_sub(load) - load).messages <= kMuch / 2;
 }
 
 Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
@@ -97,7 +101,14 @@ void Backlog::forgetIdle() {
 bool Backlog::isMuch(Share const& share) const {
     Amount const waiting = amountOf(share.load_.load());
     Amount const most = allowed();
-    return waiting.bytes > most.bytes / 2 || waiting.messages > most.messages / 2;
+    return waiting.bytes > most.bytes / 2 || waiting.messages > std::min(most.messages / 2, kMuch);
+}
+
+bool Backlog::isLittle(Share const& share) const {
+    Amount const waiting = amountOf(share.load_.load());
+    Amount const most = allowed();
+    return waiting.messages == 0 || (waiting.bytes <= most.bytes / 4 &&
+                                     waiting.messages <= std::min(most.messages / 4, kMuch / 2));
 }
 
 bool Backlog::holdBack(Transport::TerminationId sender) {
@@ -113,11 +124,7 @@ Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
     auto const found = shares_.find(sender);
     if (found == shares_.end() || !found->second.heldBack_)
         return Mark::none;
-    Amount const waiting = amountOf(found->second.load_.load());
-    Amount const most = allowed();
-    bool const little = waiting.messages == 0 ||
-                        (waiting.bytes <= most.bytes / 4 && waiting.messages <= most.messages / 4);
-    if (!little && when == When::little)
+    if (when == When::little && !isLittle(found->second))
         return Mark::stays;
     found->second.heldBack_ = false;
     --heldBack_;

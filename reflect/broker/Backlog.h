@@ -25,9 +25,9 @@ public:
     public:
         explicit Share(std::atomic<std::uint64_t>& total) : total_(total) {}
 
-        /** Takes a message of `size` bytes out. Any thread, without a lock; the share may be gone
-         * afterwards. */
-        void release(std::size_t size);
+        /** Takes a message of `size` bytes out; false when so much is left that the sender, if it
+         * is held back, stays so. Any thread, without a lock; the share may be gone afterwards. */
+        bool release(std::size_t size);
 
     private:
         friend Backlog;
@@ -62,6 +62,7 @@ private:
     bool fits(Amount share, Amount more) const;
     Amount allowed() const;
     Share* shareOf(Transport::TerminationId sender);
+    bool isLittle(Share const& share) const;
     void forgetIdle();
 
     Transport::Backlog const most_;

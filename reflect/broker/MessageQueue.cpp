@@ -72,9 +72,9 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
 
 Transport::TerminationId MessageQueue::begin(Taken& taken) {
     Transport::TerminationId const sender = taken.message.originator();
-    if (Backlog::Share* const share = std::exchange(taken.share, nullptr))
-        share->release(taken.message.size());
-    bool const goesOn = holdsBack() && letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
+    Backlog::Share* const share = std::exchange(taken.share, nullptr);
+    bool const goesOn = share && share->release(taken.message.size()) && holdsBack() &&
+                        letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
     return goesOn ? sender : Transport::TerminationId();
 }
 

@@ -21,8 +21,10 @@ RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::Term
         lastId_ = id;
         // Before the record can be found: a departure that takes it out must know its target.
         record.setTransactionAndTerminationId(id, target);
-        if (enter)
+        if (enter) {
             slot = {&record, target};
+            ++entered_;
+        }
         return {Beginning::begun, id};
     }
     return {Beginning::exhausted, lastId_};
@@ -34,15 +36,21 @@ OngoingRequest* RequestTable::take(unsigned int id) {
         return nullptr;
     Entry& slot = slots_[slotOf(id)];
     OngoingRequest* const record = slot.record;
-    slot = {};
+    clear(slot);
     return record;
+}
+
+void RequestTable::clear(Entry& slot) {
+    if (slot.record)
+        --entered_;
+    slot = {};
 }
 
 bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record) {
     OSWrap::Lock<> const lock(mutex_);
     if (!isOurs(id) || slots_[slotOf(id)].record != &record)
         return false;
-    slots_[slotOf(id)] = {};
+    clear(slots_[slotOf(id)]);
     return true;
 }
 
@@ -53,7 +61,7 @@ RequestTable::Found RequestTable::take(unsigned int id, Transport::TerminationId
     Entry& slot = slots_[slotOf(id)];
     Found const found{slot.target == answerer ? slot.record : nullptr, slot.target};
     if (found.record)
-        slot = {};
+        clear(slot);
     return found;
 }
 
@@ -66,11 +74,16 @@ bool RequestTable::awaits(Transport::TerminationId target) {
         return false;
     if (goesTo(slots_[lastAwaited_]))
         return true;
-    auto const found = std::find_if(slots_.begin(), slots_.end(), goesTo);
-    if (found == slots_.end())
-        return false;
-    lastAwaited_ = static_cast<std::size_t>(found - slots_.begin());
-    return true;
+    // The youngest first, and no further than the oldest.
+    unsigned int slot = slotOf(lastId_);
+    for (unsigned int left = entered_; left > 0; slot = (slot + kCapacity - 1) % kCapacity) {
+        if (goesTo(slots_[slot])) {
+            lastAwaited_ = slot;
+            return true;
+        }
+        left -= slots_[slot].record ? 1 : 0;
+    }
+    return false;
 }
 
 std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId target) {
@@ -86,7 +99,7 @@ std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId ta
         if (!isOfTarget(slot))
             continue;
         records.push_back(slot.record);
-        slot = {};
+        clear(slot);
     }
     return records;
 }

@@ -60,6 +60,8 @@ private:
     bool isOurs(unsigned int id) const OSW_REQUIRES(mutex_) {
         return !closed_ && (id ^ lastId_) << (32 - kShift) == 0;
     }
+    /** Takes out what stands there, if anything. */
+    void clear(Entry& slot) OSW_REQUIRES(mutex_);
 
     /// The broker's request mutex. A record's own lock may be taken under it. Nothing is logged,
     /// sent or waited for under it.
@@ -67,5 +69,6 @@ private:
     unsigned int lastId_ OSW_GUARDED_BY(mutex_);
     bool closed_ OSW_GUARDED_BY(mutex_) = false;
     std::vector<Entry> slots_ OSW_GUARDED_BY(mutex_);     // kCapacity of them; none once closed
+    unsigned int entered_ OSW_GUARDED_BY(mutex_) = 0;     // slots with a record
     std::size_t lastAwaited_ OSW_GUARDED_BY(mutex_) = 0;  // index that `awaits` found last
 };

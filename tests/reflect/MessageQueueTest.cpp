@@ -98,6 +98,23 @@ TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
     EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::none);
 }
 
+// So that others need not wait behind thousands of its messages.
+TEST(MessageQueue, senderIsHeldBackBeforeTheOthersMustWaitForLong) {
+    constexpr unsigned int kMuch = 512;
+    MessageQueue queue(kNoBound);
+    for (unsigned int i = 0; i < kMuch; ++i)
+        ASSERT_FALSE(queue.push(from(1)).isMuch);
+    EXPECT_TRUE(queue.push(from(1)).isMuch);
+    EXPECT_TRUE(queue.holdBack(1));
+    Taker taker;
+    Need need = Need::nothing;
+    unsigned int left = kMuch + 1;
+    do
+        queue.next(left == kMuch + 1, taker, need);
+    while (--left > 0 && queue.begin(taker.taken).value() == 0);
+    EXPECT_EQ(left, kMuch / 2) << "there must be some to go on with";
+}
+
 TEST(MessageQueue, workerThatCannotBeStartedIsAskedForAgain) {
     MessageQueue queue(kNoBound);
     EXPECT_EQ(queue.push(message(20)).need, Need::worker);
