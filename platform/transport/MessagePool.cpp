@@ -34,15 +34,22 @@ constexpr std::uint32_t kClasses = 13;       // up to 512 KiB
 constexpr std::uint32_t kFromHeap = kClasses;
 constexpr std::size_t kThreadBytesPerClass = 64 * 1024;
 constexpr std::size_t kCommonBytesPerClass = 2 * 1024 * 1024;
+constexpr std::size_t kCommonBytes = 8 * 1024 * 1024;
 
 constexpr std::size_t blockBytes(std::uint32_t sizeClass) {
     return std::size_t{1} << (kSmallestShift + sizeClass);
 }
 
+/** How many blocks of a class a thread keeps; none of the largest ones, since there may be many
+ * threads. */
+constexpr std::uint32_t mostOfThread(std::uint32_t sizeClass) {
+    return static_cast<std::uint32_t>(
+        std::min<std::size_t>(64, kThreadBytesPerClass / blockBytes(sizeClass)));
+}
+
 /** How many blocks of a class move between a thread and the common store at a time. */
 constexpr std::uint32_t handful(std::uint32_t sizeClass) {
-    std::size_t const fitting = kThreadBytesPerClass / 2 / blockBytes(sizeClass);
-    return static_cast<std::uint32_t>(std::min<std::size_t>(32, std::max<std::size_t>(1, fitting)));
+    return std::max(mostOfThread(sizeClass) / 2, 1u);
 }
 
 std::uint32_t classFor(std::size_t bytes) {
@@ -101,8 +108,10 @@ public:
             return;
         OSWrap::Lock<> lock(mutex_);
         FreeList& common = lists_[sizeClass];
-        for (std::uint32_t n = handful(sizeClass); n > 0 && common.count > 0; --n)
+        for (std::uint32_t n = handful(sizeClass); n > 0 && common.count > 0; --n) {
             push(list, pop(common));
+            bytes_ -= blockBytes(sizeClass);
+        }
     }
 
     /** Takes `count` blocks of `list`; what exceeds the bound goes back to the heap. */
@@ -113,11 +122,8 @@ public:
                 push(surplus, pop(list));
         } else {
             OSWrap::Lock<> lock(mutex_);
-            FreeList& common = lists_[sizeClass];
-            std::uint32_t const bound =
-                static_cast<std::uint32_t>(kCommonBytesPerClass / blockBytes(sizeClass));
             for (; count > 0 && list.count > 0; --count)
-                push(common.count < bound ? common : surplus, pop(list));
+                push(makeRoom(sizeClass) ? lists_[sizeClass] : surplus, pop(list));
         }
         while (MessageBlock* block = pop(surplus))
             toHeap(block);
@@ -125,15 +131,23 @@ public:
 
     std::size_t bytes() {
         OSWrap::Lock<> lock(mutex_);
-        std::size_t sum = 0;
-        for (std::uint32_t i = 0; i < kClasses; ++i)
-            sum += lists_[i].count * blockBytes(i);
-        return sum;
+        return bytes_;
     }
 
 private:
+    /** For one more of a class; false when there are enough. */
+    bool makeRoom(std::uint32_t sizeClass) OSW_REQUIRES(mutex_) {
+        std::size_t const size = blockBytes(sizeClass);
+        if ((lists_[sizeClass].count + 1) * size > kCommonBytesPerClass ||
+            bytes_ + size > kCommonBytes)
+            return false;
+        bytes_ += size;
+        return true;
+    }
+
     OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
     FreeList lists_[kClasses] OSW_GUARDED_BY(mutex_) = {};
+    std::size_t bytes_ OSW_GUARDED_BY(mutex_) = 0;  // of all lists
 };
 
 /** Never destroyed: messages may be freed late in the process's end. */
@@ -225,7 +239,7 @@ void MessagePool::give(MessageBlock* block) {
     }
     FreeList& list = cache->lists[sizeClass];
     push(list, block);
-    if (list.count > 2 * handful(sizeClass))
+    if (list.count > mostOfThread(sizeClass))
         commonStore().accept(list, sizeClass, handful(sizeClass));
 }
 

@@ -28,7 +28,8 @@ struct alignas(16) MessageBlock {
  * thread keeps a few of each class for itself; what one thread has too many of goes, a handful at a
  * time, to a common store from which threads that run short take a handful. So a thread that only
  * allocates and one that only frees feed each other without the heap. Threads give everything back
- * when they end; the common store is bounded, and blocks beyond the largest class come straight
+ * when they end. What is kept is bounded: half a mebibyte for each thread, which keeps no block of
+ * 128 KiB or more, and 8 MiB in the common store. Blocks beyond the largest class come straight
  * from the heap. Any thread, also while its thread-specific data are being destroyed.
  */
 class MessagePool {

@@ -74,6 +74,13 @@ TEST(MessagePoolTest, ABurstIsNotKeptForEver) {
             burst.push_back(AddressedMessage::allocate(200'000));
     }
     EXPECT_LE(MessagePool::commonBytes(), 5u * 1024 * 1024);
+    {
+        std::vector<AddressedMessage> burst;
+        for (std::size_t size = 100; size < 500'000; size *= 2)
+            for (std::size_t all = 0; all < 4u * 1024 * 1024; all += size)
+                burst.push_back(AddressedMessage::allocate(size));
+    }
+    EXPECT_LE(MessagePool::commonBytes(), 8u * 1024 * 1024) << "of all sizes";
 }
 
 }  // namespace
