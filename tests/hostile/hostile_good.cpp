@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -31,6 +32,19 @@ long long now() {
         .count();
 }
 
+/** How long calls took, in microseconds. */
+struct Times {
+    long long worst = 0;
+    long long total = 0;
+    long count = 0;
+
+    void add(Times const& more) {
+        worst = std::max(worst, more.worst);
+        total += more.total;
+        count += more.count;
+    }
+};
+
 /** What a process has done and was told, by name. Any thread. */
 class Report {
 public:
@@ -42,12 +56,13 @@ public:
         add("faults");
         answer("fault ", text);
     }
-    void tell(long long worst) {
+    void tell(Times const& times) {
         std::ostringstream line;
         std::lock_guard<std::mutex> const lock(mutex_);
         for (auto const& [key, value] : values_)
             line << ' ' << key << '=' << value;
-        answer("report worst=", worst, line.str());
+        answer("report worst=", times.worst, " total=", times.total, " timed=", times.count,
+               line.str());
     }
 
 private:
@@ -64,19 +79,26 @@ public:
     }
     void stop() {
         std::lock_guard<std::mutex> const lock(mutex_);
-        worst_ = std::max(worst_, now() - begin_);
+        addSince(begin_);
         begin_ = 0;
     }
-    /** The worst since this was asked last, in microseconds. */
-    long long takeWorst() {
+    /** Those since this was asked last. */
+    Times take() {
         std::lock_guard<std::mutex> const lock(mutex_);
-        return std::max(std::exchange(worst_, 0), begin_ != 0 ? now() - begin_ : 0);
+        if (begin_ != 0)
+            addSince(begin_);
+        return std::exchange(times_, Times());
     }
 
 private:
+    void addSince(long long begin) {
+        long long const took = now() - begin;
+        times_.add({took, took, 1});
+    }
+
     std::mutex mutex_;
     long long begin_ = 0;  // guarded by mutex_; 0: no call is under way
-    long long worst_ = 0;  // guarded by mutex_
+    Times times_;          // guarded by mutex_
 };
 
 /** Calls one partner again and again. */
@@ -85,7 +107,7 @@ public:
     Caller(std::string name, std::string partner, testsupport::Turn& turn, Report& report)
         : name_(std::move(name)), partner_(std::move(partner)), turn_(turn), report_(report) {}
 
-    long long takeWorst() { return watch_.takeWorst(); }
+    Times takeTimes() { return watch_.take(); }
     /** The body of the thread. */
     void run() {
         std::unique_ptr<Client> client;
@@ -141,21 +163,42 @@ private:
     unsigned long calls_ = 0;
 };
 
-/** Counts the things that it is told of, and whether they come in order. */
+/**
+ * Counts the things that it is told of, and whether each comes once, and in order from the end of
+ * the registration on. What it was told of meanwhile, and the end of what its process had heard of
+ * by then, may have come by two ways that overtake each other.
+ */
 class Watcher final : public TreflectObserver {
 public:
     Watcher(Report& report, char const* what)
         : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "watcher"),
           report_(report),
           what_(what) {}
+
+    /** The registration is over; `last` is the last thing that the process has heard of, or 0. */
+    void registered(unsigned long last) {
+        registered_ = true;
+        lastBefore_ = last;
+        last_ = last;
+    }
+    /** The latest thing that it was told of, or 0. */
+    unsigned long latest() const {
+        return early_.empty() ? last_ : std::max(last_, *early_.rbegin());
+    }
+
     bool update() override {
         TipprmiOID const carried = getSource()->getStub_()->getOID();
         std::string const name = carried.getIdString() ? carried.getIdString() : "";
         unsigned long const number = name.size() > 6 ? std::stoul(name.substr(6)) : 0;
-        if (last_ != 0 && number != last_ + 1)
-            report_.fault(std::string(what_) + ": " + name + " was told after number " +
-                          std::to_string(last_));
-        last_ = number;
+        if (!registered_ || number <= lastBefore_) {
+            if (!early_.insert(number).second)
+                report_.fault(std::string(what_) + ": " + name + " was told twice");
+        } else {
+            if (last_ != 0 && number != last_ + 1)
+                report_.fault(std::string(what_) + ": " + name + " was told after number " +
+                              std::to_string(last_));
+            last_ = number;
+        }
         report_.add(what_);
         return true;
     }
@@ -163,7 +206,10 @@ public:
 private:
     Report& report_;
     char const* const what_;
+    bool registered_ = false;
+    unsigned long lastBefore_ = 0;
     unsigned long last_ = 0;
+    std::set<unsigned long> early_;
 };
 
 class BrokerWatcher final : public TreflectOrbObserverIf {
@@ -187,7 +233,9 @@ public:
         });
         TreflectMetaObject& things = *InterfaceRepository::instance()->findInterface(kThing);
         things.observeCreations(&comers_, false);
+        comers_.registered(comers_.latest());
         things.observeDeletions(&goers_);
+        goers_.registered(comers_.latest());
         for (std::string const& partner : partners)
             callers_.push_back(std::make_unique<Caller>(name, partner, turn_, report_));
         answer("start ", orb.termId().value());
@@ -219,17 +267,17 @@ public:
                 answer("resting");
             }
             if (verb == "report")
-                report_.tell(takeWorst());
+                report_.tell(takeTimes());
             return true;
         });
     }
 
 private:
-    long long takeWorst() {
-        long long worst = 0;
+    Times takeTimes() {
+        Times all;
         for (auto const& caller : callers_)
-            worst = std::max(worst, caller->takeWorst());
-        return worst;
+            all.add(caller->takeTimes());
+        return all;
     }
     /** The body of a thread. */
     void makeThings() {
