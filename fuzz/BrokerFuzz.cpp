@@ -22,7 +22,9 @@ namespace {
 /**
  * An input is a row of steps: a step's byte, the length of its text in a byte (255: all the rest),
  * the text. The byte's lower half, or what it says from 11 on, is the step; with kRaw the text is a
- * payload as it stands, else the data of a stream, whose length the target puts before it.
+ * payload as it stands, else the data of a stream, whose length the target puts before it. With
+ * kForged a response comes from a stranger; an answer is the stranger's, who knows the transaction
+ * id, to a call that is made at once, and comes just before that of the peer, which must count.
  *
  * Four bytes FE ED w k in a text stand for a number that is different in each run: w says which
  * (see number), k of which object.
@@ -42,6 +44,7 @@ enum Step : unsigned char {
     kSteps
 };
 constexpr unsigned char kRaw = 0x80;
+constexpr unsigned char kForged = 0x40;
 constexpr unsigned char kStepBits = 0x1F;
 
 /** So often the broker is made anew: what requests leave behind in it ends with it. */
@@ -80,6 +83,7 @@ Tally tally;
 struct Answer {
     TreflectMessage::kind_t kind = TreflectMessage::kResponse;
     std::string payload;
+    std::optional<std::string> forged;  // what the stranger answers before
 };
 
 std::string bigEndian(std::size_t number) {
@@ -96,7 +100,8 @@ std::string streamOf(std::string const& data) {
 
 class Peer : public Transport::TerminationImpl {
 public:
-    explicit Peer(Transport::GroupId group) : TerminationImpl(group, "peer") {
+    Peer(Transport::GroupId group, Peer* stranger)
+        : TerminationImpl(group, "peer"), stranger_(stranger) {
         if (start() != 1)
             std::abort();
     }
@@ -126,6 +131,10 @@ public:
         std::lock_guard<std::mutex> const lock(mutex_);
         answers_.push_back(std::move(answer));
     }
+    void willAnswerFirst(Answer answer) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        answers_.push_front(std::move(answer));
+    }
     TreflectMessage make(unsigned int id, unsigned int type, TreflectMessage::kind_t kind,
                          std::string const& payload) {
         TreflectMessage message(allocateMessage(
@@ -146,7 +155,7 @@ public:
 
 private:
     void answer(TreflectMessage const& request) {
-        Answer answer{TreflectMessage::kResponse, streamOf({})};
+        Answer answer{TreflectMessage::kResponse, streamOf({}), std::nullopt};
         {
             std::lock_guard<std::mutex> const lock(mutex_);
             if (!answers_.empty()) {
@@ -155,11 +164,18 @@ private:
             }
         }
         ++tally.responses;
+        if (answer.forged)
+            stranger_->send(
+                request.originator(),
+                stranger_
+                    ->make(request.transactionId(), request.type(), answer.kind, *answer.forged)
+                    .addressed());
         send(
             request.originator(),
             make(request.transactionId(), request.type(), answer.kind, answer.payload).addressed());
     }
 
+    Peer* const stranger_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Answer> answers_;        // guarded by mutex_
@@ -325,7 +341,10 @@ private:
 /** A broker and its peer. */
 class Stage {
 public:
-    Stage() : broker_(TreflectORB::getInstance(NSID_UNIT)->termId()), peer_(broker_.groupId()) {}
+    Stage()
+        : broker_(TreflectORB::getInstance(NSID_UNIT)->termId()),
+          stranger_(kStrangersGroup, nullptr),
+          peer_(broker_.groupId(), &stranger_) {}
 
     void play(fuzz::Script script) {
         peer_.begin();
@@ -342,6 +361,7 @@ public:
 
 private:
     static constexpr int kMostSteps = 24;
+    static constexpr Transport::GroupId kStrangersGroup = 0xF0;
 
     TreflectORB& orb() const { return *TreflectORB::getInstance(NSID_UNIT); }
 
@@ -352,11 +372,15 @@ private:
         std::string const payload = (head & kRaw) != 0 ? text : streamOf(text);
         bool const isResponse = step == kResponse || step == kAnswer;
         auto const kind = isResponse ? TreflectMessage::kResponse : TreflectMessage::kNoDestination;
+        bool const forged = (head & kForged) != 0;
         if (step == kResponse || step == kNoDestination) {
             ++tally.responses;
-            deliver(peer_.make(idIn(text), TreflectMessage::tPayload, kind, payload));
+            deliver(peer_.make(idIn(text), TreflectMessage::tPayload, kind, payload),
+                    forged ? stranger_ : peer_);
+        } else if (step == kAnswer && forged) {
+            callWithForgedAnswer(payload);
         } else if (step == kAnswer || step == kUndeliverable) {
-            peer_.willAnswer({kind, payload});
+            peer_.willAnswer({kind, payload, std::nullopt});
         } else if (step == kWholeMessage) {
             deliverWhole(text);
         } else if (step == kUse) {
@@ -394,11 +418,12 @@ private:
     }
 
     /** Hands a message in, and waits until it has been served. */
-    void deliver(TreflectMessage message) {
+    void deliver(TreflectMessage message) { deliver(std::move(message), peer_); }
+    void deliver(TreflectMessage message, Peer& sender) {
         bool const answered = isAnswered(message);
         if (message.kind() <= TreflectMessage::kRequest)
             tally.request(message.type());
-        peer_.send(broker_, message.addressed());
+        sender.send(broker_, message.addressed());
         if (answered)
             peer_.awaitResponse(message.transactionId());
         else
@@ -444,20 +469,33 @@ private:
         peer_.awaitResponse(lastId_);
     }
 
+    /** What the stranger answers must not reach the caller. */
+    void callWithForgedAnswer(std::string const& forged) {
+        constexpr unsigned int kGenuine = 0x600D;
+        std::string const exception = bigEndian(0) + bigEndian(0);
+        peer_.willAnswerFirst(
+            {TreflectMessage::kResponse, streamOf(exception + bigEndian(kGenuine)), forged});
+        TreflectHandlerState const inside(true);
+        auto const result = tipprmiCall<unsigned int>(objectOfPeer(), lamp::kClass, lamp::kCodes);
+        if (!result || result.value() != kGenuine)
+            std::abort();
+    }
+
+    TreflectObject objectOfPeer() {
+        TipprmiStream stream(100);
+        stream << TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT) << kPeersObject
+               << orb().convertId(peer_.termId()).value();
+        TreflectObject object;
+        stream >> object;
+        return object;
+    }
+
     void use(std::string const& text) {
         if (text.empty())
             return;
         auto const which = static_cast<unsigned char>(text[0]);
         TreflectHandlerState const inside(true);
-        TreflectObject target;
-        if (which < 0x80) {
-            TipprmiStream stream(100);
-            stream << TipprmiOID(static_cast<char const*>(nullptr), NSID_UNIT) << kPeersObject
-                   << orb().convertId(peer_.termId()).value();
-            stream >> target;
-        } else {
-            target = *objects_->house.getClient();
-        }
+        TreflectObject target = which < 0x80 ? objectOfPeer() : *objects_->house.getClient();
         Use(*objects_, target, text.substr(1))(which % 0x80);
     }
 
@@ -470,6 +508,7 @@ private:
     }
 
     Transport::TerminationId const broker_;
+    Peer stranger_;
     Peer peer_;
     std::optional<Objects> objects_;
     std::optional<unsigned char> const onlyType_ = onlyType();
