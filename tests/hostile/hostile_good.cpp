@@ -7,6 +7,7 @@
 //   report    "report KEY=VALUE...", see Report
 //
 // and the end of input: ends. Tells by itself "met ID" and "lost ID" of brokers, and "fault TEXT".
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -32,19 +33,6 @@ long long now() {
         .count();
 }
 
-/** How long calls took, in microseconds. */
-struct Times {
-    long long worst = 0;
-    long long total = 0;
-    long count = 0;
-
-    void add(Times const& more) {
-        worst = std::max(worst, more.worst);
-        total += more.total;
-        count += more.count;
-    }
-};
-
 /** What a process has done and was told, by name. Any thread. */
 class Report {
 public:
@@ -56,12 +44,16 @@ public:
         add("faults");
         answer("fault ", text);
     }
-    void tell(Times const& times) {
+    /** `times`: how long calls took, in microseconds. */
+    void tell(std::vector<long long> times) {
+        std::sort(times.begin(), times.end());
+        if (times.empty())
+            times.push_back(0);
         std::ostringstream line;
         std::lock_guard<std::mutex> const lock(mutex_);
         for (auto const& [key, value] : values_)
             line << ' ' << key << '=' << value;
-        answer("report worst=", times.worst, " total=", times.total, " timed=", times.count,
+        answer("report worst=", times.back(), " usual=", times[(times.size() - 1) * 9 / 10],
                line.str());
     }
 
@@ -79,26 +71,22 @@ public:
     }
     void stop() {
         std::lock_guard<std::mutex> const lock(mutex_);
-        addSince(begin_);
+        times_.push_back(now() - begin_);
         begin_ = 0;
     }
-    /** Those since this was asked last. */
-    Times take() {
+    /** Adds those since this was asked last, in microseconds. */
+    void moveTo(std::vector<long long>& times) {
         std::lock_guard<std::mutex> const lock(mutex_);
         if (begin_ != 0)
-            addSince(begin_);
-        return std::exchange(times_, Times());
+            times_.push_back(now() - begin_);
+        times.insert(times.end(), times_.begin(), times_.end());
+        times_.clear();
     }
 
 private:
-    void addSince(long long begin) {
-        long long const took = now() - begin;
-        times_.add({took, took, 1});
-    }
-
     std::mutex mutex_;
-    long long begin_ = 0;  // guarded by mutex_; 0: no call is under way
-    Times times_;          // guarded by mutex_
+    long long begin_ = 0;           // guarded by mutex_; 0: no call is under way
+    std::vector<long long> times_;  // guarded by mutex_
 };
 
 /** Calls one partner again and again. */
@@ -107,7 +95,7 @@ public:
     Caller(std::string name, std::string partner, testsupport::Turn& turn, Report& report)
         : name_(std::move(name)), partner_(std::move(partner)), turn_(turn), report_(report) {}
 
-    Times takeTimes() { return watch_.take(); }
+    void moveTimesTo(std::vector<long long>& times) { watch_.moveTo(times); }
     /** The body of the thread. */
     void run() {
         std::unique_ptr<Client> client;
@@ -273,10 +261,10 @@ public:
     }
 
 private:
-    Times takeTimes() {
-        Times all;
+    std::vector<long long> takeTimes() {
+        std::vector<long long> all;
         for (auto const& caller : callers_)
-            all.add(caller->takeTimes());
+            caller->moveTimesTo(all);
         return all;
     }
     /** The body of a thread. */
