@@ -3,7 +3,9 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -66,6 +68,60 @@ void unmarshallCall(benchmark::State& state) {
     }
 }
 BENCHMARK(unmarshallCall)->Name("unmarshall a typical response");
+
+constexpr std::size_t kDoubles = 100'000;
+
+/** What bulk values are measured against: the bytes of each number swapped on their way. */
+void swapDoubles(benchmark::State& state) {
+    std::vector<double> const from(kDoubles, 1.5);
+    std::vector<unsigned char> to(8 * kDoubles);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < kDoubles; ++i) {
+            std::uint64_t bits;
+            std::memcpy(&bits, &from[i], sizeof bits);
+            bits = __builtin_bswap64(bits);
+            std::memcpy(to.data() + 8 * i, &bits, sizeof bits);
+        }
+        benchmark::DoNotOptimize(to.data());
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(swapDoubles)->Name("swap the bytes of 100,000 doubles");
+
+template <class Sequence>
+void marshallDoubles(benchmark::State& state, Sequence const& values) {
+    TipprmiStream stream(8 * kDoubles + 4);
+    for (auto _ : state) {
+        stream.clear();
+        stream << values;
+        benchmark::DoNotOptimize(stream.getDataPtr());
+        benchmark::ClobberMemory();
+    }
+}
+template <class Sequence>
+void unmarshallDoubles(benchmark::State& state, Sequence values) {
+    TipprmiStream stream(100);
+    stream << values;
+    for (auto _ : state) {
+        stream.rewind();
+        stream >> values;
+        benchmark::DoNotOptimize(&values);
+        benchmark::ClobberMemory();
+    }
+}
+TipprmiSequence<double> sequenceOfDoubles() {
+    TipprmiSequence<double> sequence;
+    sequence.setLength(kDoubles);
+    return sequence;
+}
+BENCHMARK_CAPTURE(marshallDoubles, vector, std::vector<double>(kDoubles, 1.5))
+    ->Name("marshall a vector of 100,000 doubles");
+BENCHMARK_CAPTURE(unmarshallDoubles, vector, std::vector<double>(kDoubles, 1.5))
+    ->Name("unmarshall a vector of 100,000 doubles");
+BENCHMARK_CAPTURE(marshallDoubles, sequence, sequenceOfDoubles())
+    ->Name("marshall a sequence of 100,000 doubles");
+BENCHMARK_CAPTURE(unmarshallDoubles, sequence, sequenceOfDoubles())
+    ->Name("unmarshall a sequence of 100,000 doubles");
 
 void permission(benchmark::State& state) {
     TreflectHandlerState const handler(false);
@@ -145,6 +201,10 @@ int main(int argc, char** argv) {
     std::printf("\nTargets (ratios in this run)\n");
     reporter.judge("marshall 1,000,000 numbers into a fresh stream",
                    "append 1,000,000 numbers to a vector", 20.0);
+    for (char const* const bulk :
+         {"marshall a vector of 100,000 doubles", "unmarshall a vector of 100,000 doubles",
+          "marshall a sequence of 100,000 doubles", "unmarshall a sequence of 100,000 doubles"})
+        reporter.judge(bulk, "swap the bytes of 100,000 doubles", 2.0);
     reporter.judge("locate among local objects/100000", "locate among local objects/10", 5.0);
     reporter.judgeExtra("local treflectCall, no observers",
                         "virtual call and check of the permission", 100);

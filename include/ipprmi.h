@@ -5,6 +5,7 @@
 #include "ipprmi/CallHelper.h"
 #include "ipprmi/TipprmiAny.h"
 #include "ipprmi/TipprmiCall.h"
+#include "ipprmi/TipprmiContainers.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiOID.h"
 #include "ipprmi/TipprmiObjectBase.h"
@@ -13,3 +14,4 @@
 #include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 #include "ipprmi/TipprmiStream.h"
+#include "ipprmi/TipprmiStruct.h"

@@ -200,18 +200,37 @@ void TipprmiStream::failRead_(int n) {
     stopUnmarshalling();
 }
 
-unsigned char const* TipprmiStream::take_(int n) {
+unsigned char const* TipprmiStream::take(std::size_t n) {
     if (failed_)
         return nullptr;
     View const view = view_();
     checkRange_(view);
-    if (static_cast<int>(view.size()) - optr_ < n) {
-        failRead_(n);
+    // Another stream over the same buffer may have emptied it.
+    if (std::max(static_cast<int>(view.size()) - optr_, 0) < toInt(n)) {
+        failRead_(toInt(n));
         return nullptr;
     }
     unsigned char const* const from = view.data + optr_;
-    optr_ += n;
+    optr_ += static_cast<int>(n);
     return from;
+}
+
+unsigned char* TipprmiStream::append(std::size_t n) {
+    View view = view_();
+    checkRange_(view);
+    if (n > kLargestData || !allocate_(static_cast<int>(n), view)) {
+        dropWrite_();
+        return nullptr;
+    }
+    if (n > 0)
+        ipprmi::storeBigEndian(view.data - kPrefix, view.written + static_cast<unsigned int>(n));
+    return view.data + view.written;
+}
+
+bool TipprmiStream::Level::refuse_() {
+    static Logging::LineLimit limit(kOncePerMessage);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "values are nested more than %d deep", kMaxNesting);
+    return false;
 }
 
 TipprmiStream& TipprmiStream::unmarshall(void* destination, int n) {
@@ -220,7 +239,7 @@ TipprmiStream& TipprmiStream::unmarshall(void* destination, int n) {
             checkRange_();
         return *this;
     }
-    unsigned char const* const from = take_(n);
+    unsigned char const* const from = take(static_cast<unsigned int>(n));
     if (destination)
         copyOrZero(destination, from, static_cast<unsigned int>(n));
     return *this;
@@ -247,6 +266,16 @@ unsigned int TipprmiStream::readCount() {
         return 0;
     }
     return count;
+}
+
+unsigned int TipprmiStream::readCount(std::size_t leastSize) {
+    unsigned int count = 0;
+    *this >> count;
+    auto const unread = static_cast<unsigned int>(getUnreadSize());
+    bool const fits = leastSize == 0 ? count <= kAcceptedCount : count <= unread / leastSize;
+    if (!fits)
+        failRead_(toInt(count));
+    return fits ? count : 0;
 }
 
 void TipprmiStream::setData(void const* source, int n) {
@@ -298,9 +327,41 @@ TipprmiStream& operator<<(TipprmiStream& stream, char const* value) {
 }
 
 TipprmiStream& operator<<(TipprmiStream& stream, std::string const& value) {
+    return stream << std::string_view(value);
+}
+
+TipprmiStream& operator<<(TipprmiStream& stream, std::string_view value) {
     int const length = toInt(value.size());
     stream << length;
     return stream.marshall(value.data(), length);
+}
+
+TipprmiStream& operator<<(TipprmiStream& stream, TipprmiByteView value) {
+    int const length = toInt(value.size);
+    stream << length;
+    return stream.marshall(value.data, length);
+}
+
+TipprmiStream& operator>>(TipprmiStream& stream, std::vector<std::uint8_t>& bytes) {
+    int length = 0;
+    stream >> length;
+    unsigned char const* const from =
+        length < 1 ? nullptr : stream.take(static_cast<unsigned int>(length));
+    bytes.assign(from, from ? from + length : nullptr);
+    return stream;
+}
+
+TipprmiStream& operator<<(TipprmiStream& stream, std::wstring const& text) {
+    stream << static_cast<unsigned int>(text.size());
+    tipprmi::writeElements<wchar_t>(stream, text.data(), text.size());
+    return stream;
+}
+
+TipprmiStream& operator>>(TipprmiStream& stream, std::wstring& text) {
+    text.resize(stream.readCount(sizeof(wchar_t)));
+    if (!tipprmi::readNumbers<wchar_t>(stream, text.data(), text.size()))
+        text.clear();
+    return stream;
 }
 
 TipprmiStream& operator<<(TipprmiStream& stream, TipprmiStream const& value) {
@@ -357,7 +418,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, std::string& value) {
     auto const bytes = static_cast<std::size_t>(length);
     if (length < 1)
         value.clear();
-    else if (unsigned char const* const from = stream.take_(length))
+    else if (unsigned char const* const from = stream.take(bytes))
         value.assign(reinterpret_cast<char const*>(from), bytes);
     else
         value.assign(bytes, '\0');
@@ -368,7 +429,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiStream& value) {
     int const length = stream.readLength();
     if (length > 0) {
         // A null pointer, when the bytes are missing, stands for zeros.
-        unsigned char const* const from = stream.take_(length);
+        unsigned char const* const from = stream.take(static_cast<unsigned int>(length));
         value.setData(from, length);
     }
     return stream;

@@ -30,7 +30,7 @@ void TipprmiAny::read_(TipprmiStream& stream) {
     // Made before the former content goes, since `stream` may be that. A null pointer, when the
     // bytes are missing, stands for zeros.
     if (length > 0)
-        stream_.emplace(TipprmiStream(stream.take_(length), length));
+        stream_.emplace(TipprmiStream(stream.take(static_cast<unsigned int>(length)), length));
     else
         stream_.reset();
 }
@@ -49,7 +49,7 @@ bool TipprmiAny::takeBare(TipprmiStream& stream, int n) {
     if (stream.hasUnmarshallingFailed() || n > stream.getUnreadSize())
         return false;
     int const before = stream.optr_;
-    bool const taken = setData(n < 1 ? nullptr : stream.take_(n), n);
+    bool const taken = setData(n < 1 ? nullptr : stream.take(static_cast<unsigned int>(n)), n);
     if (!taken)
         stream.optr_ = before;
     return taken;

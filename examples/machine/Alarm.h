@@ -9,15 +9,9 @@ constexpr unsigned int kBadLimit = 1;
 struct AlarmState {
     unsigned int limit = 90;  // percent
     bool raised = false;
+
+    REFLECTORB_STRUCT(AlarmState, limit, raised)
 };
-
-inline TipprmiStream& operator<<(TipprmiStream& stream, AlarmState const& value) {
-    return stream << value.limit << value.raised;
-}
-
-inline TipprmiStream& operator>>(TipprmiStream& stream, AlarmState& value) {
-    return stream >> value.limit >> value.raised;
-}
 
 /** What the server objects keep of it. */
 class AlarmLimit {

@@ -49,8 +49,12 @@ template <class T, unsigned int Bound>
 TipprmiStream& operator<<(TipprmiStream& stream, TipprmiSequence<T, Bound> const& sequence) {
     unsigned int const count = sequence.getLength();
     stream << count;
-    for (unsigned int i = 0; i < count; ++i)
-        stream << sequence[i];
+    if constexpr (tipprmi::isNumber<T>) {
+        tipprmi::writeElements<T>(stream, sequence.begin(), count);
+    } else {
+        for (unsigned int i = 0; i < count; ++i)
+            stream << sequence[i];
+    }
     return stream;
 }
 
@@ -61,6 +65,13 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequ
     unsigned int const count = stream.readCount();
     sequence.setLength(0);
     sequence.setLength(count);
+    if constexpr (tipprmi::isNumber<T>) {
+        auto const unread = static_cast<unsigned int>(stream.getUnreadSize());
+        if (count <= unread / tipprmi::kNumberSize<T>) {
+            tipprmi::readNumbers<T>(stream, sequence.begin(), count);
+            return stream;
+        }
+    }
     for (unsigned int i = 0; i < count; ++i)
         stream >> sequence[i];
     return stream;
