@@ -360,8 +360,10 @@ void Receiver::serveEvents(int timeoutMilliseconds) {
     epoll_event events[kEventsAtOnce];
     int const count = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, timeoutMilliseconds);
     asleep_.store(false);
+    // A bell is told of only once, so a shortage at one event must not cost the others.
     for (int i = 0; i < count && !stopping(); ++i)
-        serveEvent(events[i].data.u64);
+        if (!OSWrap::withMemory([&] { serveEvent(events[i].data.u64); }))
+            OSWrap::awaitMemory();
     if (nextTimer_ != kNever || nextIdleLook_ != kNever)
         serveTimers();
 }
