@@ -57,6 +57,8 @@ public:
 private:
     friend class MessageQueue;
     friend AddressedMessage allocateUninitialized(std::size_t size);
+    friend bool wasSentAgain(AddressedMessage const& message);
+    friend void noteSentAgain(AddressedMessage& message);
     explicit AddressedMessage(MessageBlock* block) : block_(block) {}
 
     MessageBlock* block_ = nullptr;  // counted reference, null when empty

@@ -33,7 +33,8 @@ public:
     virtual bool receive(AddressedMessage const& message) = 0;
     /** Sends to this termination itself. */
     virtual int issue(AddressedMessage& message);
-    /** A message of ours that was taken could not be delivered: a copy of our own. */
+    /** A message of ours that was taken could not be delivered: a copy of our own, and again one
+     * when it was sent again and did not arrive then either. */
     virtual bool receiveError(AddressedMessage const& message) = 0;
     virtual int issueError(AddressedMessage const& message);
     /** Makes the termination visible to all and starts the receiving thread; 1 on success, else 0.
@@ -61,6 +62,14 @@ public:
     bool holdBack(TerminationId peer);
     /** Ends that; harmless for a peer that is not held back. Any thread. */
     void goOn(TerminationId peer) const;
+
+    /**
+     * Has the message that `receiveError` is called with sent to its destination once more: for an
+     * answer, which its receiver may not have had the memory to take in. Done when `receiveError`
+     * has returned; keep no handle on the message. False when it has been sent again before, or its
+     * destination has gone. In `receiveError` only.
+     */
+    bool sendAgain(AddressedMessage const& message);
 
     /** A zero-filled buffer whose originator is this termination. `priority` is always 5 in this
      * system, and of no effect on one machine. Empty when larger than kLargestMessage. `capacity`:

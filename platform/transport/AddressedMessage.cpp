@@ -52,6 +52,15 @@ AddressedMessage allocateUninitialized(std::size_t size) {
     return message;
 }
 
+bool wasSentAgain(AddressedMessage const& message) {
+    return message.block_ != nullptr && message.block_->sentAgain;
+}
+
+void noteSentAgain(AddressedMessage& message) {
+    if (message.block_ != nullptr)
+        message.block_->sentAgain = true;
+}
+
 AddressedMessage copyOf(AddressedMessage const& message) {
     AddressedMessage copy = allocateUninitialized(message.size());
     if (copy.empty())

@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <new>
 
 #include "oswrap/Immortal.h"
@@ -82,20 +81,20 @@ MessageBlock* pop(FreeList& list) {
 std::atomic<unsigned long> heapAllocationCount{0};
 
 MessageBlock* fromHeap(std::size_t bytes, std::uint32_t sizeClass) {
-    void* memory = std::malloc(bytes);
+    void* memory = ::operator new(bytes, std::nothrow);
     if (memory == nullptr)
         return nullptr;
     heapAllocationCount.fetch_add(1, std::memory_order_relaxed);
     auto* block = new (memory) MessageBlock;
     block->capacity = static_cast<std::uint32_t>(bytes - sizeof(MessageBlock));
-    block->sizeClass = sizeClass;
+    block->sizeClass = static_cast<std::uint16_t>(sizeClass);
     return block;
 }
 
 void toHeap(MessageBlock* block) {
     ASAN_UNPOISON_MEMORY_REGION(block->data(), block->capacity);
     block->~MessageBlock();
-    std::free(block);
+    ::operator delete(block);
 }
 
 /** What threads have too many of. A forked child passes it by, since its mutex may be held there by
@@ -220,6 +219,7 @@ MessageBlock* MessagePool::take(std::size_t capacity) {
     block->size = 0;
     block->originator = 0;
     block->destination = 0;
+    block->sentAgain = false;
     return block;
 }
 

@@ -17,7 +17,9 @@ struct alignas(16) MessageBlock {
     std::uint32_t capacity = 0;  // bytes of room behind the head
     std::uint32_t originator = 0;
     std::uint32_t destination = 0;
-    std::uint32_t sizeClass = 0;
+    std::uint16_t sizeClass = 0;
+    bool sentAgain = false;       // after it had come back; so it never is once more
+    std::uint32_t keptUntil = 0;  // position in a ring, while a RingWriter keeps the message
 
     unsigned char* data() { return reinterpret_cast<unsigned char*>(this + 1); }
     unsigned char const* data() const { return reinterpret_cast<unsigned char const*>(this + 1); }

@@ -13,6 +13,10 @@ AddressedMessage allocateUninitialized(std::size_t size);
 /** A message of the same bytes and addresses in a buffer of its own; empty when memory has run out.
  */
 AddressedMessage copyOf(AddressedMessage const& message);
+/** Whether the message came back once and was sent again: should it come back once more, that is
+ * the end of it. A copy starts anew. */
+bool wasSentAgain(AddressedMessage const& message);
+void noteSentAgain(AddressedMessage& message);
 
 /** How much may wait in one queue. Whoever waits for an answer cannot send it again, so answers
  * find room where all else is refused. */
@@ -29,6 +33,7 @@ class MessageQueue {
 public:
     MessageQueue() = default;
     ~MessageQueue() { clear(); }
+    MessageQueue(MessageQueue&& other) noexcept { swap(other); }
     MessageQueue(MessageQueue const&) = delete;
     MessageQueue& operator=(MessageQueue const&) = delete;
 
@@ -64,6 +69,8 @@ public:
     }
     /** The oldest message, which stays in the queue; null when there is none. */
     MessageBlock const* front() const { return first_; }
+    /** The latest one; only when the queue is not empty. */
+    MessageBlock& back() { return *last_; }
     /** Takes over all messages of `other`, behind those that are here. */
     void append(MessageQueue& other) {
         while (!other.empty())

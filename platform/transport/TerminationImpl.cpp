@@ -66,6 +66,10 @@ void TerminationImpl::goOn(TerminationId peer) const {
         channel->goOn();
 }
 
+bool TerminationImpl::sendAgain(AddressedMessage const& message) {
+    return local_->sendAgain(message);
+}
+
 AddressedMessage TerminationImpl::allocateMessage(std::size_t size, int /*priority*/,
                                                   std::size_t capacity) const {
     AddressedMessage message = AddressedMessage::allocate(size, capacity);

@@ -29,6 +29,12 @@ bool isReturnedOneWay(TreflectMessage const& message) {
            ipprmi::loadBigEndian(message.buf() + kTransactionOffset) == 0;
 }
 
+/** Of a message before it has come back: whether it ends somebody's wait. */
+bool answers(TreflectMessage const& message) {
+    return message.kind() == TreflectMessage::kResponse ||
+           message.kind() == TreflectMessage::kNoDestination;
+}
+
 }  // namespace
 
 bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
@@ -61,10 +67,20 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
     }
 }
 
+/** An answer is sent once more: who waits for it may be there, and have closed the channel for want
+ * of memory only. All else has failed. */
 bool TreflectORB::receiveError(Transport::AddressedMessage const& addressed) {
-    if (addressed.size() >= kShortestMessage)
-        TreflectMessage(addressed).kind(TreflectMessage::kNoDestination);
-    return receive(addressed);
+    if (addressed.size() < kShortestMessage)
+        return receive(addressed);
+    bool const isAnswer = answers(addressed);
+    if (isAnswer && sendAgain(addressed))
+        return true;
+    TreflectMessage message(addressed);
+    message.kind(TreflectMessage::kNoDestination);
+    if (!isAnswer)
+        return receive(addressed);
+    reportUnexpected_(message);  // its id is one of the asker's
+    return true;
 }
 
 /** A response counts if it comes from who was asked, or is the request itself that comes back from
@@ -146,13 +162,23 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
         return;
     std::size_t const size =
         std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeadSize);
-    TreflectMessage fresh(allocateMessage(size, 5));
-    TreflectMessage& head = fresh.empty() ? parts_->reserve.sentBack : fresh;
-    if (head.addressed().extend(size)) {
-        std::memcpy(head.addressed().buf(), message.buf(), size);
-        head.kind(TreflectMessage::kNoDestination);
-    }
-    if (issueTo_(sender, head) != 1)
+    int sent = 0;
+    auto const sendHead = [&] {
+        TreflectMessage fresh(allocateMessage(size, 5));
+        TreflectMessage& head = fresh.empty() ? parts_->reserve.sentBack : fresh;
+        if (head.addressed().extend(size)) {
+            std::memcpy(head.addressed().buf(), message.buf(), size);
+            head.kind(TreflectMessage::kNoDestination);
+        }
+        sent = issueTo_(sender, head);
+        if (sent != 1 && fresh.empty())
+            throw std::bad_alloc();
+    };
+    // Somebody may wait for it, so a shortage of memory is waited for a little.
+    constexpr int kAttempts = 100;
+    for (int attempt = 1; !OSWrap::withMemory(sendHead) && attempt < kAttempts; ++attempt)
+        OSWrap::awaitMemory();
+    if (sent != 1)
         REFLECTORB_LOG_LIMITED(parts_->limits.notSentBack, 3, "REFLECT_orb",
                                "ORB 0x%08X could not send a message back to 0x%08X: lost",
                                termId().value(), sender.value());

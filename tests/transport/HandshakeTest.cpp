@@ -129,6 +129,21 @@ public:
         sayHello();
         return isWelcome();
     }
+    /** Takes the other side's Hello and answers with Welcome. */
+    bool welcome() {
+        accept();
+        ReceivedPacket received;
+        if (waitForPacket(socket(), received) != Transfer::Done ||
+            received.packet.kind != Packet::Hello)
+            return false;
+        link_.peer = PeerSide::of(received);
+        prepare();
+        return link_.peer.valid() &&
+               sendPacket(socket(), packet(Packet::Welcome, kSmallestRing), link_.own.file.get(),
+                          link_.own.bell.get()) == Transfer::Done;
+    }
+    /** Bytes that lie in the other side's ring, or have lain there. */
+    std::uint32_t wasSent() const { return link_.peer.page().tail.load(); }
     /** Of the next packet; Bye when none comes. */
     int nextKind() {
         ReceivedPacket received;
@@ -336,6 +351,32 @@ TEST_F(HandshakeTest, WhatABrokenChannelHeldComesBackAndTheNextMessageMakesANewO
     ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
     peer.accept();
     EXPECT_EQ(peer.nextKind(), Packet::Hello);
+}
+
+/** Has what comes back sent once more, as often as that is granted. */
+class Insistent : public TestTermination {
+public:
+    ~Insistent() override { stop(); }
+    bool receiveError(AddressedMessage const& message) override {
+        return sendAgain(message) || TestTermination::receiveError(message);
+    }
+};
+
+TEST_F(HandshakeTest, WhatIsSentAgainComesBackForGoodTheNextTime) {
+    Insistent own;
+    ASSERT_EQ(own.start(), 1);
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.open(own.termId()));
+    std::size_t const sizes[] = {100, 10'000};  // the second one goes by pieces
+    for (std::size_t const size : sizes)
+        ASSERT_EQ(own.send(peer.id(), TestHead::Numbered, 0, size), 1);
+    peer.hangUp();
+    ASSERT_TRUE(peer.welcome());
+    EXPECT_TRUE(testsupport::eventually([&] { return peer.wasSent() > sizes[0] + sizes[1]; }));
+    EXPECT_EQ(own.tally().returned, 0u);
+    peer.hangUp();
+    EXPECT_TRUE(own.waitForReturned(2));
+    EXPECT_EQ(own.tally().returnedFaults, 0u);
 }
 
 /** Makes the counter so full that nothing more goes in, and has whoever adds to it wait. */

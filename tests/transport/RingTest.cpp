@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "AllocationCount.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Ring.h"
@@ -113,13 +114,27 @@ TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
         ASSERT_TRUE(put(1000, 7));
     receiving_.page().head.store(24);
     MessageQueue back;
-    writer_->recover(back, 1, 2);
+    ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
     ASSERT_EQ(back.count(), kMore + 1);
     for (std::size_t i = 0; i <= kMore; ++i) {
         AddressedMessage const message = back.pop();
         ASSERT_EQ(message.size(), 1000u);
         EXPECT_EQ(message.buf()[999], i == 0 ? bytes[999] : 7);
     }
+}
+
+TEST_F(RingTest, WhatThereIsNoMemoryForComesBackLater) {
+    ASSERT_TRUE(put(100, 1) && put(10'000, 2) && put(200, 3));
+    SentMessages untaken = writer_->giveUp();
+    MessageQueue back;
+    starve(1);  // the pool has none of the second one's size
+    EXPECT_FALSE(untaken.recover(back, 1, 2));
+    EXPECT_TRUE(feed());
+    EXPECT_EQ(back.count(), 1u);
+    EXPECT_TRUE(untaken.recover(back, 1, 2));
+    ASSERT_EQ(back.count(), 3u);
+    for (std::size_t const size : {100u, 10'000u, 200u})
+        EXPECT_EQ(back.pop().size(), size);
 }
 
 TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
@@ -130,7 +145,7 @@ TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
     reader_->leave();
     reader_->finishBatch();
     MessageQueue back;
-    writer_->recover(back, 1, 2);
+    ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
     ASSERT_EQ(back.count(), 1u);
     EXPECT_EQ(back.pop().size(), 200u);
 }

@@ -184,6 +184,8 @@ void Acceptor::introduce(Stranger stranger, TerminationId peer) {
 void Acceptor::serveTimers(long long now) {
     if (!accepting_ && receiver_.watch(listening_.get(), 0, Receiver::Source::Listening))
         accepting_ = true;
+    if (!accepting_)
+        receiver_.wakeAt(now + kAcceptPause);
     std::vector<std::uint32_t> late;
     std::vector<std::uint32_t> waiting;
     for (auto const& [token, stranger] : strangers_) {

@@ -62,9 +62,14 @@ Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room)
     AddressedMessage copy = copyOf(message);
     if (copy.empty())
         return Sent::Refused;
-    copy.originator(ownId_);
-    copy.destination(peer_);
-    queue_.push(std::move(copy));
+    pushLocked(std::move(copy));
+    return Sent::Taken;
+}
+
+void Channel::pushLocked(AddressedMessage message) {
+    message.originator(ownId_);
+    message.destination(peer_);
+    queue_.push(std::move(message));
     receiver_->unsentMore();
     if (state_ == State::Open) {
         drainLocked();
@@ -72,7 +77,16 @@ Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room)
         state_ = State::Wanted;
         receiver_->request(*this);
     }
-    return Sent::Taken;
+}
+
+bool Channel::sendAgain(AddressedMessage message) {
+    OSWrap::Lock<> lock(mutex_);
+    if (state_ == State::Gone || !receiver_->sending() ||
+        !queue_.hasRoomFor(message.size(), Room::ForAnswers))
+        return false;
+    noteSentAgain(message);
+    pushLocked(std::move(message));
+    return true;
 }
 
 /** Sends on from the queue what fits. When the ring is full, the peer is asked to ring when it has
@@ -94,7 +108,9 @@ void Channel::drainLocked() {
 bool Channel::sendFrontLocked() {
     MessageBlock const& front = *queue_.front();
     if (frontDone_ == 0 && writer_->put(front.data(), front.size)) {
-        popFrontLocked();
+        AddressedMessage sent = popFrontLocked();
+        if (wasSentAgain(sent))
+            writer_->keepUntilTaken(std::move(sent));
         return true;
     }
     if (frontDone_ == 0 && !writer_->isLarge(front.size))
@@ -102,16 +118,15 @@ bool Channel::sendFrontLocked() {
     std::uint32_t const done = writer_->putPiece(front.data(), front.size, frontDone_);
     frontDone_ += done;
     if (frontDone_ == front.size) {
-        receiver_->unsentLess(1);
-        writer_->keepUntilTaken(queue_.pop());
+        writer_->keepUntilTaken(popFrontLocked());
         frontDone_ = 0;
     }
     return done != 0;
 }
 
-void Channel::popFrontLocked() {
-    queue_.pop();
+AddressedMessage Channel::popFrontLocked() {
     receiver_->unsentLess(1);
+    return queue_.pop();
 }
 
 /** Goes on in a larger ring if one is allowed for messages of this size. */

@@ -52,6 +52,9 @@ public:
     /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,
      * so find out and ask again. */
     Sent send(AddressedMessage const& message, bool peerExists, Room room);
+    /** Sends a message without other owners that has come back once more, and takes it over: needs
+     * no memory. False when the peer has gone, or too much waits for it. Receiving thread. */
+    bool sendAgain(AddressedMessage message);
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
     /** Takes no more than one further message out of the ring at a time, and that only before a
@@ -100,11 +103,12 @@ private:
 
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     Sent enqueueLocked(AddressedMessage const& message, Room room) OSW_REQUIRES(mutex_);
+    void pushLocked(AddressedMessage message) OSW_REQUIRES(mutex_);
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
     bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
     void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
-    void popFrontLocked() OSW_REQUIRES(mutex_);
+    AddressedMessage popFrontLocked() OSW_REQUIRES(mutex_);
 
     State state();
     int socket();
@@ -138,6 +142,8 @@ private:
     void end();
     void closeForGarbage(char const* what);
     void close(Unread unread);
+    bool giveBackUntaken();
+    void dismiss();
     void forgetPackets();
     void clearUpGone();
 
@@ -166,6 +172,8 @@ private:
     OwnSide own_;
     PeerSide peerSide_;
     std::optional<RingReader> reader_;
+    /** Of a connection that has ended; there is no other one before all this has gone back. */
+    std::optional<SentMessages> untaken_;
     std::deque<RingArea> nextRings_;  // announced by the peer, oldest first
     bool awaitsRing_ = false;         // the ring goes on in one that has not been taken in yet
     bool starved_ = false;            // a packet waits until there are descriptors for it

@@ -44,6 +44,8 @@ int Channel::socket() {
 void Channel::service() {
     requested_.store(false);
     retryAt_ = 0;
+    if (!giveBackUntaken())
+        return;
     if (std::exchange(starved_, false))
         goOnWithDescriptors();
     bool broken = false;
@@ -183,7 +185,7 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
         greeting_ = Greeting{std::move(socket), std::move(hello)};
         return;
     }
-    if (receiver_->stopping() || !mayAnswer(socket.get()))
+    if (receiver_->stopping() || !giveBackUntaken() || !mayAnswer(socket.get()))
         return;
     PeerSide peerSide = PeerSide::of(hello);
     OwnSide side = OwnSide::make();
@@ -370,7 +372,7 @@ void Channel::end() {
     bool const stood = reader_.has_value();
     if (goneSeen_) {
         close(Unread::GiveBack);
-        receiver_->dismiss(*this);
+        dismiss();
     } else if (ended_ && !left && !stood) {
         Rendezvous::instance().suspect(peer_);
         tryAgain("the peer has closed it");
@@ -418,7 +420,7 @@ void Channel::closeForGarbage(char const* what) {
     bool const gone = goneSeen_;
     close(Unread::GiveBack);
     if (gone)
-        receiver_->dismiss(*this);
+        dismiss();
 }
 
 void Channel::closeForShortage() {
@@ -440,7 +442,7 @@ void Channel::close(Unread unread) {
         OSWrap::Lock<> lock(mutex_);
         if (unread == Unread::GiveBack) {
             if (writer_.has_value())
-                writer_->recover(back, ownId_.value(), peer_.value());
+                untaken_.emplace(writer_->giveUp());
             receiver_->unsentLess(queue_.count());
             back.append(queue_);
         }
@@ -461,11 +463,32 @@ void Channel::close(Unread unread) {
     peerSide_ = PeerSide();
     forgetPackets();
     idleLooks_ = 0;
+    giveBackUntaken();
     receiver_->giveBack(back);
     if (again)
         receiver_->request(*this);
     if (std::optional<Greeting> next = std::exchange(greeting_, std::nullopt))
         answerHello(std::move(next->socket), std::move(next->hello));
+}
+
+/** False when memory does not suffice for all of it yet. */
+bool Channel::giveBackUntaken() {
+    if (!untaken_.has_value())
+        return true;
+    MessageQueue back;
+    bool const all = untaken_->recover(back, ownId_.value(), peer_.value());
+    receiver_->giveBack(back);
+    if (all)
+        untaken_.reset();
+    else
+        retryLater(kNoMemoryRetry);
+    return all;
+}
+
+/** Of a peer that has gone, when nothing of ours is left to be given back. */
+void Channel::dismiss() {
+    if (!untaken_.has_value())
+        receiver_->dismiss(*this);
 }
 
 /** What has come over a connection is over with it. */

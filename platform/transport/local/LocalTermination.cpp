@@ -100,6 +100,11 @@ void LocalTermination::release(std::shared_ptr<Receiver> const& stopped) {
         receiver_.reset();  // not the last owner
 }
 
+bool LocalTermination::sendAgain(AddressedMessage const& message) {
+    std::shared_ptr<Receiver> const own = receiver();
+    return own != nullptr && own->sendAgain(message);
+}
+
 std::shared_ptr<Receiver> LocalTermination::receiver() {
     OSWrap::Lock<> lock(mutex_);
     return receiver_;

@@ -5,6 +5,7 @@
 
 #include "oswrap/Mutex.h"
 #include "platform/transport/local/Rendezvous.h"
+#include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -27,6 +28,7 @@ public:
      * been started before, or when it has no address. */
     bool start();
     void stop();
+    bool sendAgain(AddressedMessage const& message);
 
     void arrived(TerminationId id) override;
     void departed(TerminationId id) override;

@@ -13,6 +13,7 @@
 #include "oswrap/Thread.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 #include "transport/TerminationImpl.h"
 
@@ -24,6 +25,7 @@ constexpr int kMessagesPerTurn = 64;
 /** So often, at least, a busy thread looks at its descriptors. */
 constexpr int kTurnsBetweenEvents = 8;
 constexpr int kEventsAtOnce = 32;
+constexpr long long kShortagePause = 10'000'000;  // nanoseconds
 constexpr long long kNever = LLONG_MAX;
 
 std::atomic<std::uint32_t> lastToken{0};
@@ -267,11 +269,41 @@ bool Receiver::serveInbox() {
             return count > 0;
         }
         if (comesBack)
-            owner_->receiveError(message);
+            serveReturned(std::move(message));
         else
             owner_->receive(message);
     }
     return inboxFilled_;
+}
+
+void Receiver::serveReturned(AddressedMessage message) {
+    sendsAgain_ = false;
+    owner_->receiveError(message);
+    if (!sendsAgain_)
+        return;
+    if (!message.extend(message.size()))
+        message = copyOf(message);  // somebody has kept it
+    std::shared_ptr<Channel> channel;
+    auto const find = [&] {
+        channel = Switchboard::instance().channel(shared_from_this(), message.destination());
+    };
+    if (!OSWrap::withMemory(find)) {
+        OSWrap::awaitMemory();
+        giveBack(std::move(message));  // to ask anew
+    } else if (message.empty() || channel == nullptr || !channel->sendAgain(std::move(message))) {
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                               "termination 0x%08X could not send an answer again: lost",
+                               id_.value());
+    }
+}
+
+bool Receiver::sendAgain(AddressedMessage const& message) {
+    if (!onReceivingThread() || wasSentAgain(message) ||
+        !Rendezvous::instance().exists(message.destination()))
+        return false;
+    sendsAgain_ = true;
+    return true;
 }
 
 /** A bounded number of messages of each hot channel. A callback may change the list only through
@@ -414,7 +446,9 @@ void Receiver::serveTimers() {
     nextTimer_ = kNever;
     if (idleLook)
         nextIdleLook_ = kNever;
-    acceptor_.serveTimers(now);
+    // A shortage there must not cost the channels their times.
+    if (!OSWrap::withMemory([&] { acceptor_.serveTimers(now); }))
+        wakeAt(now + kShortagePause);
     for (auto const& [token, channel] : channels_)
         serving_.push_back(channel);
     // Serving one may enrol it, which makes room in the list.
@@ -443,6 +477,8 @@ void Receiver::serveTimers(Channel& channel, long long now, bool idleLook) {
 
 /** With room for it wherever it may have to be entered later. */
 void Receiver::enrol(Channel& channel) {
+    if (channels_.count(channel.token()) != 0)
+        return;
     hot_.reserve(channels_.size() + 1);
     serving_.reserve(channels_.size() + 1);
     channels_.emplace(channel.token(), channel.shared_from_this());

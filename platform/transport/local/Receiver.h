@@ -52,6 +52,9 @@ public:
      * time they are bounded like what arrives; those of a channel are as many as it had taken. */
     int giveBack(AddressedMessage message);
     void giveBack(MessageQueue& messages);
+    /** Has the message that `receiveError` is called with sent once more when that has returned;
+     * false when it has been before, or its destination has gone. In `receiveError` only. */
+    bool sendAgain(AddressedMessage const& message);
     /** Has the thread call the channel's `service`. */
     void request(Channel& channel);
     /** Whether the termination may still send. Ordered with the count of what waits: whoever takes
@@ -96,6 +99,7 @@ private:
     bool serveRequests();
     std::shared_ptr<Channel> takeRequests();
     bool serveInbox();
+    void serveReturned(AddressedMessage message);
     bool serveChannels();
     bool ready() const;
     void sleep();
@@ -136,6 +140,7 @@ private:
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ or errors_ may hold something
+    bool sendsAgain_ = false;   // the message that has just come back
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0

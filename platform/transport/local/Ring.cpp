@@ -4,8 +4,6 @@
 #include <cstring>
 #include <new>
 
-#include "oswrap/OutOfMemory.h"
-
 namespace Transport {
 namespace {
 
@@ -57,10 +55,99 @@ void FrameStarts::clear(std::uint32_t index, std::uint32_t count) {
     }
 }
 
+// ---- What has been sent ---------------------------------------------------------------------
+
+void SentMessages::forgetTaken() {
+    while (!kept_.empty() && !before(head_, kept_.front()->keptUntil))
+        kept_.pop();
+    std::size_t emptied = 0;
+    while (emptied < formerCount_ && !before(head_, former_[emptied].end))
+        ++emptied;
+    if (emptied == 0)
+        return;
+    for (std::size_t i = emptied; i < formerCount_; ++i)
+        former_[i - emptied] = std::move(former_[i]);
+    for (std::size_t i = formerCount_ - emptied; i < formerCount_; ++i)
+        former_[i] = Former();
+    formerCount_ -= emptied;
+}
+
+/** The ring that a position lies in, and the position behind its last frame. */
+RingArea const& SentMessages::areaAt(std::uint32_t position, std::uint32_t& end) const {
+    for (std::size_t i = 0; i < formerCount_; ++i)
+        if (before(position, former_[i].end)) {
+            end = former_[i].end;
+            return former_[i].area;
+        }
+    end = tail_;
+    return area_;
+}
+
+/** Of the one that the position lies in. A peer that says that it stands in the middle of a frame
+ * has not taken that one. */
+std::uint32_t SentMessages::startOfFrame(std::uint32_t position) const {
+    std::uint32_t end = 0;
+    RingArea const& area = areaAt(position, end);
+    std::uint32_t start = position;
+    while (!area.starts.at(start) && end - start < area.capacity)
+        start -= 8;
+    return area.starts.at(start) ? start : end;
+}
+
+/** Where the frame behind the one at `position` begins. */
+std::uint32_t SentMessages::frameAfter(std::uint32_t position) const {
+    std::uint32_t end = 0;
+    RingArea const& area = areaAt(position, end);
+    do
+        position += 8;
+    while (position != end && !area.starts.at(position));
+    return position;
+}
+
+/** The message that ends with the frame between the head and `next`; empty when none does. False
+ * when there is no memory for it. */
+bool SentMessages::recoverFrame(std::uint32_t next, AddressedMessage& message) {
+    if (!kept_.empty() && kept_.front()->keptUntil == next) {
+        message = kept_.pop();
+        return true;
+    }
+    std::uint32_t end = 0;
+    RingArea const& area = areaAt(head_, end);
+    FrameHead head{};
+    copyFrom(area, head_, &head, sizeof head);
+    // Where the kernel cannot seal memory against it, the peer may have overwritten the head.
+    if (head.total != head.length || head.length > next - head_ - sizeof head)
+        return true;
+    message = allocateUninitialized(head.length);
+    if (message.empty())
+        return false;
+    copyFrom(area, head_ + static_cast<std::uint32_t>(sizeof head), message.buf(), head.length);
+    return true;
+}
+
+bool SentMessages::recover(MessageQueue& queue, std::uint32_t originator,
+                           std::uint32_t destination) {
+    if (head_ != tail_)
+        head_ = startOfFrame(head_);
+    while (head_ != tail_) {
+        std::uint32_t const next = frameAfter(head_);
+        AddressedMessage message;
+        if (!recoverFrame(next, message))
+            return false;
+        head_ = next;
+        if (message.empty())
+            continue;
+        message.originator(originator);
+        message.destination(destination);
+        queue.push(std::move(message));
+    }
+    return true;
+}
+
 // ---- Sending end ---------------------------------------------------------------------------
 
 RingWriter::RingWriter(ControlPage& own, ControlPage const& peer, RingArea area)
-    : own_(own), peer_(peer), area_(std::move(area)) {}
+    : SentMessages(std::move(area)), own_(own), peer_(peer) {}
 
 void RingWriter::refreshHead() {
     std::uint32_t const head = peer_.head.load();
@@ -121,18 +208,14 @@ std::uint32_t RingWriter::putPiece(unsigned char const* bytes, std::uint32_t siz
 
 void RingWriter::keepUntilTaken(AddressedMessage message) {
     forgetTaken();
-    // Without memory for that it does not come back, should the peer go before it has taken it.
-    OSWrap::withMemory([&] { kept_.push_back({std::move(message), tail_}); });
+    kept_.push(std::move(message));
+    kept_.back().keptUntil = tail_;
 }
 
 void RingWriter::goOnIn(RingArea area) {
     forgetTaken();
-    if (!OSWrap::withMemory([this] { former_.emplace_back(); })) {
-        broken_ = true;  // the peer has the next ring already
-        return;
-    }
     writeFrame(nullptr, 0, kNextRing);
-    former_.back() = {std::move(area_), tail_};
+    former_[formerCount_++] = {std::move(area_), tail_};
     area_ = std::move(area);
 }
 
@@ -155,69 +238,10 @@ bool RingWriter::allTaken() {
     return head_ == tail_;
 }
 
-void RingWriter::forgetTaken() {
-    while (!kept_.empty() && !before(head_, kept_.front().end))
-        kept_.pop_front();
-    while (!former_.empty() && !before(head_, former_.front().end))
-        former_.pop_front();
-}
-
-/** The ring that a position lies in, and the position behind its last frame. */
-RingArea const& RingWriter::areaAt(std::uint32_t position, std::uint32_t& end) const {
-    for (Former const& former : former_)
-        if (before(position, former.end)) {
-            end = former.end;
-            return former.area;
-        }
-    end = tail_;
-    return area_;
-}
-
-/** Of the one that the position lies in. A peer that says that it stands in the middle of a frame
- * has not taken that one. */
-std::uint32_t RingWriter::startOfFrame(std::uint32_t position) const {
-    std::uint32_t end = 0;
-    RingArea const& area = areaAt(position, end);
-    std::uint32_t start = position;
-    while (!area.starts.at(start) && end - start < area.capacity)
-        start -= 8;
-    return area.starts.at(start) ? start : end;
-}
-
-/** The message in the frame at `position`, if it is a whole one, and goes on to the next frame. */
-AddressedMessage RingWriter::recoverFrame(std::uint32_t& position) const {
-    std::uint32_t end = 0;
-    RingArea const& area = areaAt(position, end);
-    std::uint32_t const start = position;
-    do
-        position += 8;
-    while (position != end && !area.starts.at(position));
-    FrameHead head{};
-    copyFrom(area, start, &head, sizeof head);
-    // Where the kernel cannot seal memory against it, the peer may have overwritten the head.
-    if (head.total != head.length || head.length > position - start - sizeof head)
-        return {};
-    AddressedMessage message = allocateUninitialized(head.length);
-    if (!message.empty())
-        copyFrom(area, start + static_cast<std::uint32_t>(sizeof head), message.buf(), head.length);
-    return message;
-}
-
-void RingWriter::recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination) {
+SentMessages RingWriter::giveUp() {
     refreshHead();
     forgetTaken();
-    std::uint32_t position = head_ == tail_ ? tail_ : startOfFrame(head_);
-    while (position != tail_) {
-        AddressedMessage message = recoverFrame(position);
-        if (message.empty())
-            continue;
-        message.originator(originator);
-        message.destination(destination);
-        queue.push(std::move(message));
-    }
-    for (Kept& kept : kept_)
-        queue.push(std::move(kept.message));
-    kept_.clear();
+    return std::move(static_cast<SentMessages&>(*this));
 }
 
 // ---- Receiving end ---------------------------------------------------------------------------

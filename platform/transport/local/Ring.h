@@ -1,9 +1,9 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 
 #include "platform/transport/MessageQueue.h"
@@ -104,10 +104,46 @@ struct RingArea {
 };
 
 /**
- * The sending end of a ring. Positions count bytes since the start and go on when a larger ring
- * takes the place of a smaller one. Not synchronized; the channel's mutex guards it.
+ * What one side has put into its rings and the other one has not taken yet. Positions count bytes
+ * since the start and go on when a larger ring takes the place of a smaller one. Needs no memory
+ * but for what it gives back. A resource that can be moved.
  */
-class RingWriter {
+class SentMessages {
+public:
+    explicit SentMessages(RingArea area) : area_(std::move(area)) {}
+
+    /** Moves all messages that the peer has not taken, completely, to `queue`, in order: copies of
+     * what is in the rings. False when memory runs out for one; to be called again for it and those
+     * behind it. */
+    bool recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination);
+
+protected:
+    /** A ring that is filled four times over, at least, by the one that follows it. */
+    static constexpr std::size_t kMostFormer = 3;
+    static_assert(kSmallestRing << 2 * kMostFormer == kLargestRing, "growth by a factor of 4");
+    struct Former {
+        RingArea area;
+        std::uint32_t end = 0;  // position behind its last frame
+    };
+
+    void forgetTaken();
+
+    RingArea area_;
+    std::array<Former, kMostFormer> former_;  // that the peer has not emptied yet, oldest first
+    std::size_t formerCount_ = 0;
+    MessageQueue kept_;  // whole, each until the peer has gone beyond its keptUntil
+    std::uint32_t tail_ = 0;
+    std::uint32_t head_ = 0;  // as last read from the peer
+
+private:
+    RingArea const& areaAt(std::uint32_t position, std::uint32_t& end) const;
+    std::uint32_t startOfFrame(std::uint32_t position) const;
+    std::uint32_t frameAfter(std::uint32_t position) const;
+    bool recoverFrame(std::uint32_t next, AddressedMessage& message);
+};
+
+/** The sending end of a ring. Not synchronized; the channel's mutex guards it. */
+class RingWriter : private SentMessages {
 public:
     RingWriter(ControlPage& own, ControlPage const& peer, RingArea area);
 
@@ -116,10 +152,11 @@ public:
     /** Puts in as much of a message from its byte `done` on as fits in a piece worth its while;
      * answers how many bytes. */
     std::uint32_t putPiece(unsigned char const* bytes, std::uint32_t size, std::uint32_t done);
-    /** Keeps a message that was put in by pieces until the peer has taken it, to be able to give
-     * it back whole. */
+    /** Keeps the message that was put in last until the peer has taken it, to be able to give back
+     * this very one: it went in by pieces, or there is more to know of it than its bytes. */
     void keepUntilTaken(AddressedMessage message);
-    /** Goes on in a larger ring, which the peer has been sent already. Needs no room. */
+    /** Goes on in a ring four times as large or more, which the peer has been sent already. Needs
+     * no room. */
     void goOnIn(RingArea area);
 
     /** Whether the peer must be rung because it sleeps; true once for each time it fell asleep. */
@@ -136,35 +173,17 @@ public:
     bool allTaken();
     /** The peer's words made no sense: the channel must be closed. */
     bool broken() const { return broken_; }
-    /** Copies all messages that the peer has not taken, completely, to `queue`. Believes the peer
-     * only how far it has come, and goes by what was put in for the rest. */
-    void recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination);
+    /** Ends the writing: what the peer has not taken. Believes the peer only how far it has come,
+     * and goes by what was put in for the rest. */
+    SentMessages giveUp();
 
 private:
-    struct Former {
-        RingArea area;
-        std::uint32_t end;  // position behind its last frame
-    };
-    struct Kept {
-        AddressedMessage message;
-        std::uint32_t end;  // position behind its last piece
-    };
-
     std::uint32_t room();
     void refreshHead();
-    void forgetTaken();
     void writeFrame(unsigned char const* bytes, std::uint32_t length, std::uint32_t total);
-    RingArea const& areaAt(std::uint32_t position, std::uint32_t& end) const;
-    std::uint32_t startOfFrame(std::uint32_t position) const;
-    AddressedMessage recoverFrame(std::uint32_t& position) const;
 
     ControlPage& own_;
     ControlPage const& peer_;
-    RingArea area_;
-    std::deque<Former> former_;  // rings that the peer has not emptied yet, oldest first
-    std::deque<Kept> kept_;
-    std::uint32_t tail_ = 0;
-    std::uint32_t head_ = 0;  // as last read from the peer
     std::uint32_t lastRung_ = 0;
     bool broken_ = false;
 };
