@@ -1,6 +1,7 @@
 // Memory that runs out, at every single allocation of a call, a search, a notice and of two who
 // meet for the first time. What is asked for just then may fail; nobody ends, hangs or loses
 // anything for good.
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -116,6 +117,46 @@ TEST_P(StarvedMeetingTest, strangersFailOrMeetAStarvedServer) {
 
 TEST_P(StarvedMeetingTest, starvedStrangersFailOrMeetAServer) {
     meet(Starved::stranger);
+}
+
+/** Between two of the starts. */
+constexpr unsigned long kStep = testsupport::kSlow ? 64 : 16;
+
+/** All begin at once, and look for each other at once. */
+TEST(StarvedStartTest, allFindEachOtherOnceThereIsMemory) {
+    bool more = true;
+    for (unsigned long n = 1; more && n < kMost && !testing::Test::HasFailure(); n += kStep) {
+        SCOPED_TRACE(n);
+        testsupport::RendezvousFolder const folder;
+        std::vector<std::unique_ptr<StarvedActor>> actors;
+        for (unsigned long i = 0; i < kAtOnce; ++i)
+            actors.push_back(std::make_unique<StarvedActor>());
+        auto const all = [&actors](std::string const& command, std::string const& answer) {
+            unsigned long number = 0;
+            for (auto const& actor : actors)
+                actor->tell(command + std::to_string(number++ % kAtOnce) + " 10");
+            std::size_t successes = 0;
+            for (auto const& actor : actors)
+                successes += actor->await(answer) == "1";
+            return successes;
+        };
+        auto const next = [&] { std::rotate(actors.begin(), actors.begin() + 1, actors.end()); };
+        for (unsigned long i = 0; i < kAtOnce; ++i)
+            actors[i]->ask("starve " + std::to_string(n + i) + " 0", "starving");
+        all("serve own", "served");
+        next();
+        all("call own", "called");
+        more = false;
+        for (auto const& actor : actors)
+            more |= actor->does("feed", "fed");
+        // What was made without a broker, or without a name, belongs to none.
+        next();
+        EXPECT_EQ(all("serve now", "served"), kAtOnce);
+        next();
+        EXPECT_EQ(all("find now", "found"), kAtOnce);
+        for (auto const& actor : actors)
+            actor->finish();
+    }
 }
 
 TEST_P(StarvedTest, searchesFailOrFind) {

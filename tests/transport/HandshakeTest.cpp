@@ -13,6 +13,7 @@
 #include <functional>
 #include <vector>
 
+#include "AllocationCount.h"
 #include "HandMadeLink.h"
 #include "LingeringConnection.h"
 #include "LogCapture.h"
@@ -142,6 +143,8 @@ public:
                sendPacket(socket(), packet(Packet::Welcome, kSmallestRing), link_.own.file.get(),
                           link_.own.bell.get()) == Transfer::Done;
     }
+    /** Whether the other side sleeps. */
+    bool mustRing() const { return link_.peer.page().asleep.load() != 0; }
     /** Bytes that lie in the other side's ring, or have lain there. */
     std::uint32_t wasSent() const { return link_.peer.page().tail.load(); }
     /** Of the next packet; Bye when none comes. */
@@ -595,6 +598,30 @@ TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     noisy.hangUp();
     ASSERT_TRUE(own.waitForReceived(kMany + 1));
     EXPECT_EQ(own.last(), noisy.id()) << "all of them came in one go";
+}
+
+TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
+    HandMadePeer stranger;
+    HandMadePeer quiet;
+    HandMadePeer busy;
+    Watching own;
+    own.at(1, busy.id(), [&] {
+        EXPECT_TRUE(stranger.connect(own.termId()));
+        quiet.ring({0, 0}, 8);
+        starve(1);
+    });
+    ASSERT_EQ(own.start(), 1);
+    ASSERT_TRUE(quiet.open(own.termId()));
+    ASSERT_TRUE(busy.open(own.termId()));
+    busy.ring({0, 0}, 8);
+    ASSERT_TRUE(own.waitForReceived(1));
+    ASSERT_TRUE(testsupport::eventually([&] { return quiet.mustRing(); }));
+    {
+        Sated const sated;
+        busy.ring({0, 0}, 16);
+        EXPECT_TRUE(own.waitForReceived(3));
+    }
+    EXPECT_TRUE(feed());
 }
 
 TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {

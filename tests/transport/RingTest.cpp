@@ -127,7 +127,8 @@ TEST_F(RingTest, WhatThereIsNoMemoryForComesBackLater) {
     ASSERT_TRUE(put(100, 1) && put(10'000, 2) && put(200, 3));
     SentMessages untaken = writer_->giveUp();
     MessageQueue back;
-    starve(1);  // the pool has none of the second one's size
+    allocateUninitialized(100);  // goes to the pool, which has none of the second one's size
+    starve(1);
     EXPECT_FALSE(untaken.recover(back, 1, 2));
     EXPECT_TRUE(feed());
     EXPECT_EQ(back.count(), 1u);
