@@ -11,6 +11,7 @@
 #include "ipprmi/TipprmiObjectBase.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
+#include "ipprmi/TipprmiOutcome.h"
 #include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 #include "ipprmi/TipprmiStream.h"

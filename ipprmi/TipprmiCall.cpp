@@ -55,15 +55,12 @@ private:
     mutable bool unreadable_ = false;
 };
 
-}  // namespace
-
-bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
-                    OutParamHook const& out, unsigned int cc, unsigned int mc, bool withResponse,
-                    TipprmiFailure& failure) {
+bool perform(Hook const& hook, TipprmiObjectClient const& object, InParamHook const& in,
+             OutParamHook const& out, unsigned int cc, unsigned int mc, bool withResponse,
+             TipprmiFailure& failure) {
     TreflectObjectStub* const stub = object.getStub_();
     if (!stub)
         return false;
-    Hook const hook(withResponse);
     Reader const reader(out, hook);
     bool const performed = OSWrap::withMemory(
         [&] { ClientCallHelper(hook, in, reader, *stub, nullptr, cc, mc, withResponse); });
@@ -76,4 +73,22 @@ bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
     else
         return true;
     return false;
+}
+
+}  // namespace
+
+bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
+                    OutParamHook const& out, unsigned int cc, unsigned int mc, bool withResponse,
+                    TipprmiFailure& failure) {
+    Hook const hook(withResponse);
+    return perform(hook, object, in, out, cc, mc, withResponse, failure);
+}
+
+bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
+                    OutParamHook const& out, unsigned int cc, unsigned int mc,
+                    TipprmiFailure& failure, TipprmiExceptionContainer& exception) {
+    Hook const hook(true);
+    bool const performed = perform(hook, object, in, out, cc, mc, true, failure);
+    exception = hook.exception();
+    return performed;
 }

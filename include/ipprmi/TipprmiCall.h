@@ -5,6 +5,7 @@
 
 #include "ipprmi/CallHelper.h"
 #include "ipprmi/TipprmiObjectClient.h"
+#include "ipprmi/TipprmiOutcome.h"
 #include "ipprmi/TipprmiResult.h"
 
 /** The arguments of one call, written in their order. Keeps references. */
@@ -44,6 +45,10 @@ public:
 REFLECTORB_API bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
                                    OutParamHook const& out, unsigned int cc, unsigned int mc,
                                    bool withResponse, TipprmiFailure& failure);
+/** The same for a call with a response; `exception` is the container that began it. */
+REFLECTORB_API bool tipprmiPerform(TipprmiObjectClient const& object, InParamHook const& in,
+                                   OutParamHook const& out, unsigned int cc, unsigned int mc,
+                                   TipprmiFailure& failure, TipprmiExceptionContainer& exception);
 
 /**
  * Calls a method of an object, wherever it lives, and waits for the result: what the methods of a
@@ -65,6 +70,19 @@ TipprmiResult<Result> tipprmiCall(TipprmiObjectClient const& object, unsigned in
     if (!tipprmiPerform(object, TipprmiArguments<Arguments...>(arguments...), returned, cc, mc,
                         true, failure))
         return failure;
+    return returned.result();
+}
+
+/** The same for a method that may raise exceptions; `Outcome` is a TipprmiOutcome. */
+template <class Outcome, class... Arguments>
+Outcome tipprmiRaisingCall(TipprmiObjectClient const& object, unsigned int cc, unsigned int mc,
+                           Arguments const&... arguments) {
+    TipprmiReturned<typename Outcome::Value> const returned;
+    TipprmiFailure failure;
+    TipprmiExceptionContainer exception;
+    if (!tipprmiPerform(object, TipprmiArguments<Arguments...>(arguments...), returned, cc, mc,
+                        failure, exception))
+        return Outcome(failure, exception);
     return returned.result();
 }
 

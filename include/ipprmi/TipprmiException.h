@@ -33,6 +33,10 @@ public:
     void getExceptionData(T& value) {
         data_.extract(value);
     }
+    /** Bytes of the data. */
+    int getExceptionDataSize() const { return data_.getDataSize(); }
+    /** Whether the data were not those of the type that was last asked for. */
+    bool hasUnmarshallingFailed() const { return data_.hasUnmarshallingFailed(); }
 
     friend REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
                                                     TipprmiExceptionContainer const& value);

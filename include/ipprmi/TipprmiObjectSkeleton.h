@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "ipprmi/TipprmiObjectBase.h"
+#include "ipprmi/TipprmiOutcome.h"
 #include "ipprmi/TipprmiResult.h"
 
 class TipprmiObjectClient;
@@ -68,9 +69,9 @@ protected:
     /**
      * Serves a call by a member function: reads its parameters from `in`, in their order, calls it,
      * and writes the response. Parameters are values or references to const of types that can be
-     * read from a stream; the result is void, a type that can be written, or a TipprmiResult, with
-     * which the function may refuse the call. False, with a log line, when the arguments cannot be
-     * read; the function is not called then.
+     * read from a stream; the result is void, a type that can be written, or a TipprmiResult or
+     * TipprmiOutcome, with which the function may refuse the call. False, with a log line, when the
+     * arguments cannot be read; the function is not called then.
      */
     template <class Server, class Result, class... Parameters>
     bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
@@ -159,6 +160,13 @@ private:
         startResponse(container, out);
         if constexpr (!std::is_void_v<T>)
             out << result.value();
+    }
+    template <class T, class... Exceptions>
+    static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,
+                            TipprmiOutcome<T, Exceptions...> const& outcome) {
+        TipprmiResult<T> const& result = outcome;
+        if (!outcome.writeRaised(out))
+            respondWith(container, out, result);
     }
 
     TreflectServerObject* reflective_ = nullptr;  // guarded by the run permission

@@ -9,15 +9,22 @@
 #include "reflect/TreflectParameters.h"
 #include "reflect/TreflectServerObject.h"
 
-/** What a server object's function yields to a caller: T of a TipprmiResult<T>, else T itself. */
-template <class Result>
+/** What a server object's function yields to a caller: T of a TipprmiResult<T>, else T itself; and
+ * what the call of it yields, which is a TipprmiResult, or the function's own TipprmiOutcome. */
+template <class T>
 struct TreflectValueOf {
-    using Type = Result;
+    using Type = T;
+    using Result = TipprmiResult<T>;
 };
 template <class T>
-struct TreflectValueOf<TipprmiResult<T>> {
+struct TreflectValueOf<TipprmiResult<T>> : TreflectValueOf<T> {};
+template <class T, class... Exceptions>
+struct TreflectValueOf<TipprmiOutcome<T, Exceptions...>> {
     using Type = T;
+    using Result = TipprmiOutcome<T, Exceptions...>;
 };
+template <class T>
+using TreflectResultOf = typename TreflectValueOf<T>::Result;
 
 /** The server object that a client class's call leads to when it lives in this process and is of
  * the right class; null otherwise. */
@@ -58,8 +65,9 @@ public:
     char const* operationName() const override { return "treflectCall"; }
 
     using Value = typename TreflectValueOf<Result>::Type;
+    using Outcome = TreflectResultOf<Result>;
     /** `isThere`: whether the object was there to the end. */
-    TipprmiResult<Value> result(bool isThere) const {
+    Outcome result(bool isThere) const {
         if (!called_)
             return TipprmiFailure(isThere ? TipprmiFailure::kVetoed : TipprmiFailure::kNotServed);
         if constexpr (std::is_void_v<Result>)
@@ -73,7 +81,7 @@ private:
     Method const method_;
     std::tuple<Arguments const&...> const arguments_;
     mutable bool called_ = false;
-    mutable TipprmiResult<Value> result_{TipprmiFailure()};
+    mutable Outcome result_{TipprmiFailure()};
 };
 
 /** Performs a call on a server object of this process; false when the object was destroyed while an
@@ -83,15 +91,27 @@ REFLECTORB_API bool treflectPerformLocally(ClientCallHookBaseV const& hook,
                                            TreflectServerObject& server, unsigned int cc,
                                            unsigned int mc);
 
+/** Calls a function that yields `Result` wherever its object lives. */
+template <class Result, class... Arguments>
+TreflectResultOf<Result> treflectPerformByStreams(TreflectObject const& object, unsigned int cc,
+                                                  unsigned int mc, Arguments const&... arguments) {
+    using Value = typename TreflectValueOf<Result>::Type;
+    using Outcome = TreflectResultOf<Result>;
+    if constexpr (std::is_same_v<Outcome, TipprmiResult<Value>>)
+        return tipprmiCall<Value>(object, cc, mc, arguments...);
+    else
+        return tipprmiRaisingCall<Outcome>(object, cc, mc, arguments...);
+}
+
 /** Calls `method` of the object directly when it lives in this process, else through the streams.
  */
 template <class Server, class Result, class Method, class... Arguments>
-TipprmiResult<typename TreflectValueOf<Result>::Type> treflectPerform(
-    TreflectObject const& object, unsigned int cc, unsigned int mc, Method method,
-    Arguments const&... arguments) {
+TreflectResultOf<Result> treflectPerform(TreflectObject const& object, unsigned int cc,
+                                         unsigned int mc, Method method,
+                                         Arguments const&... arguments) {
     Server* const server = treflectLocal<Server>(object);
     if (!server)
-        return tipprmiCall<typename TreflectValueOf<Result>::Type>(object, cc, mc, arguments...);
+        return treflectPerformByStreams<Result>(object, cc, mc, arguments...);
     TreflectLocalCall<Server, Method, Result, Arguments...> const hook(*server, method,
                                                                        arguments...);
     return hook.result(treflectPerformLocally(hook, object, *server, cc, mc));
@@ -110,14 +130,15 @@ TipprmiResult<typename TreflectValueOf<Result>::Type> treflectPerform(
  * forbids the call.
  */
 template <class Server, class Result, class... Parameters>
-TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
-    TreflectObject const& object, unsigned int cc, unsigned int mc,
-    Result (Server::*method)(Parameters...), std::decay_t<Parameters> const&... arguments) {
+TreflectResultOf<Result> treflectCall(TreflectObject const& object, unsigned int cc,
+                                      unsigned int mc, Result (Server::*method)(Parameters...),
+                                      std::decay_t<Parameters> const&... arguments) {
     return treflectPerform<Server, Result>(object, cc, mc, method, arguments...);
 }
 template <class Server, class Result, class... Parameters>
-TipprmiResult<typename TreflectValueOf<Result>::Type> treflectCall(
-    TreflectObject const& object, unsigned int cc, unsigned int mc,
-    Result (Server::*method)(Parameters...) const, std::decay_t<Parameters> const&... arguments) {
+TreflectResultOf<Result> treflectCall(TreflectObject const& object, unsigned int cc,
+                                      unsigned int mc,
+                                      Result (Server::*method)(Parameters...) const,
+                                      std::decay_t<Parameters> const&... arguments) {
     return treflectPerform<Server, Result>(object, cc, mc, method, arguments...);
 }

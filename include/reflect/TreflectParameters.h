@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ipprmi/TipprmiAny.h"
+#include "ipprmi/TipprmiOutcome.h"
 #include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 
@@ -23,6 +24,11 @@ public:
             if (result)
                 set(result.value());
         }
+    }
+    template <class T, class... Exceptions>
+    void setResult(TipprmiOutcome<T, Exceptions...> const& outcome) {
+        TipprmiResult<T> const& result = outcome;
+        setResult(result);
     }
     TipprmiSequence<TipprmiAny, 0u> const& sequence() const { return sequence_; }
 

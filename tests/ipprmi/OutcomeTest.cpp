@@ -1,0 +1,145 @@
+// Calls that are refused with an exception that has fields.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "handler_threads.h"
+#include "ipprmi.h"
+#include "reflect.h"
+
+namespace {
+
+constexpr unsigned int kClass = 0x52430077;
+enum Method : unsigned int { kDim = 1, kDimByCode = 2, kBrightness = 3 };
+
+struct TooBright {
+    static constexpr unsigned int kCode = 0x107;
+
+    unsigned int limit = 0;
+    std::string why;
+};
+TipprmiStream& operator<<(TipprmiStream& stream, TooBright const& value) {
+    return stream << value.limit << value.why;
+}
+TipprmiStream& operator>>(TipprmiStream& stream, TooBright& value) {
+    return stream >> value.limit >> value.why;
+}
+struct NotLit {
+    static constexpr unsigned int kCode = 0x108;
+};
+TipprmiStream& operator<<(TipprmiStream& stream, NotLit const&) {
+    return stream;
+}
+TipprmiStream& operator>>(TipprmiStream& stream, NotLit&) {
+    return stream;
+}
+
+using Dimmed = TipprmiOutcome<unsigned int, TooBright, NotLit>;
+
+TreflectMetaClass const dimmerMeta("Dimmer", kClass, {},
+                                   {{"dim", kDim, {"unsigned"}, {"unsigned"}},
+                                    {"dimByCode", kDimByCode, {"unsigned"}, {"unsigned"}},
+                                    {"brightness", kBrightness}});
+
+class Dimmer : public TreflectSkeleton<dimmerMeta> {
+public:
+    Dimmer() : TreflectSkeleton(TipprmiOID("dimmer", NSID_UNIT), nullptr, "dimmer") {}
+
+    Dimmed dim(unsigned int level) {
+        if (level == 0)
+            return NotLit{};
+        if (level == 1)
+            return TipprmiFailure(5);
+        if (level > 100)
+            return TooBright{100, "hot"};
+        return level + 1;
+    }
+    /** As a server does that knows nothing of fields. */
+    TipprmiResult<unsigned int> dimByCode(unsigned int) { return TipprmiFailure(TooBright::kCode); }
+    TipprmiOutcome<void, NotLit> brightness() { return {}; }
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
+        return mc == kDim          ? by(&Dimmer::dim)
+               : mc == kDimByCode  ? by(&Dimmer::dimByCode)
+               : mc == kBrightness ? by(&Dimmer::brightness)
+                                   : TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    }
+};
+
+class Witness : public TreflectObserver {
+public:
+    bool update() override {
+        ++told;
+        return allows;
+    }
+    int told = 0;
+    bool allows = true;
+};
+
+class OutcomeTest : public ::testing::Test {
+public:
+    Dimmed byStreams(unsigned int level) {
+        return tipprmiRaisingCall<Dimmed>(object, kClass, kDim, level);
+    }
+    Dimmed direct(unsigned int level) {
+        return treflectCall(object, kClass, kDim, &Dimmer::dim, level);
+    }
+
+    TreflectHandlerState const inside{true};
+    Dimmer server;
+    TreflectObject const object{server.getOID()};
+};
+
+TEST_F(OutcomeTest, ARefusalHasItsFieldsByStreamsAndDirectly) {
+    for (auto const call : {&OutcomeTest::byStreams, &OutcomeTest::direct}) {
+        EXPECT_EQ((this->*call)(7).value(), 8u);
+        Dimmed const bright = (this->*call)(200);
+        EXPECT_FALSE(bright);
+        EXPECT_EQ(bright.code(), TooBright::kCode);
+        ASSERT_TRUE(bright.raised<TooBright>());
+        EXPECT_EQ(bright.raised<TooBright>()->limit, 100u);
+        EXPECT_EQ(bright.raised<TooBright>()->why, "hot");
+        EXPECT_FALSE(bright.raised<NotLit>());
+        EXPECT_TRUE((this->*call)(0).raised<NotLit>());
+        Dimmed const other = (this->*call)(1);
+        EXPECT_EQ(other.code(), 5u);
+        EXPECT_FALSE(other.raised<TooBright>() || other.raised<NotLit>());
+    }
+    EXPECT_TRUE(treflectCall(object, kClass, kBrightness, &Dimmer::brightness));
+}
+
+TEST_F(OutcomeTest, WhoKnowsNothingOfFieldsUnderstandsAndIsUnderstood) {
+    auto const old = tipprmiCall<unsigned int>(object, kClass, kDim, 200u);
+    EXPECT_EQ(old.code(), TooBright::kCode);
+    Dimmed const fromOld = tipprmiRaisingCall<Dimmed>(object, kClass, kDimByCode, 200u);
+    EXPECT_EQ(fromOld.code(), TooBright::kCode);
+    EXPECT_FALSE(fromOld.raised<TooBright>()) << "its fields have not come";
+}
+
+TEST_F(OutcomeTest, FieldsStandBehindTheCodeInTheContainer) {
+    TipprmiStream in(8), out(8);
+    in << 200u;
+    ASSERT_TRUE(server.dispatch(true, kClass, kDim, in, out));
+    unsigned char const expected[] = {0, 0, 0, 1,    0, 0, 0, 15, 0,   0,   1,  7,
+                                      0, 0, 0, 0x64, 0, 0, 0, 3,  'h', 'o', 't'};
+    ASSERT_EQ(out.getDataSize(), static_cast<int>(sizeof expected));
+    EXPECT_EQ(std::memcmp(out.getDataPtr(), expected, sizeof expected), 0);
+}
+
+TEST_F(OutcomeTest, AnObservedCallIsRefusedInTheSameWay) {
+    Witness before, after;
+    object.operation("dim").preObserve(&before);
+    object.operation("dim").postObserve(&after);
+    EXPECT_TRUE(byStreams(200).raised<TooBright>());
+    EXPECT_TRUE(direct(200).raised<TooBright>());
+    EXPECT_EQ(before.told, 2);
+    EXPECT_EQ(after.told, 2) << "a refusal is an end of the call as well";
+    before.allows = false;
+    EXPECT_EQ(direct(200).code(), TipprmiFailure::kVetoed);
+    EXPECT_EQ(byStreams(200).code(), TipprmiFailure::kVetoed);
+}
+
+}  // namespace
