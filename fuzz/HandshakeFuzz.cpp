@@ -366,7 +366,7 @@ private:
         TerminationId const id = Rendezvous::instance().reserve(GroupId{1}, "passing");
         Descriptor const listening(Rendezvous::instance().publish(id));
         for (TerminationId const other : Rendezvous::instance().terminations())
-            Rendezvous::instance().ownedBy(other, ::getpid());
+            Rendezvous::instance().claim(other, ::getpid());
         Rendezvous::instance().withdraw(id);
     }
 

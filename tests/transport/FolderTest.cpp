@@ -34,6 +34,13 @@ protected:
             count += entry.is_socket();
         return count;
     }
+    /** The file that begins with an id. */
+    std::string entryOf(std::string const& id) const {
+        for (auto const& entry : fs::directory_iterator(folder_.path()))
+            if (std::string const file = entry.path().filename(); file.rfind(id, 0) == 0)
+                return file;
+        return {};
+    }
 
     testsupport::RendezvousFolder folder_;
 };
@@ -151,7 +158,9 @@ TEST_F(FolderTest, whenManyNoticeAtOnceThatItHasGoneAllFindTheSameNewOne) {
         for (auto& actor : actors)
             actor->child().writeLine("churn 4 8");
         for (auto& actor : actors)
-            ASSERT_TRUE(actor->child().waitForLine("churned", std::chrono::seconds(60)));
+            ASSERT_TRUE(actor->child().waitForLine("churned", std::chrono::seconds(60)))
+                << testing::PrintToString(actor->child().errorLines()) << " exit "
+                << actor->child().exitCode();
         std::size_t const count = actors.size() * 4 * round;
         for (auto& actor : actors)
             ASSERT_TRUE(eventually([&] {
@@ -267,6 +276,63 @@ TEST_F(FolderTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
     EXPECT_TRUE(friendly.knowsAll(3));
 }
 
+TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
+    PresenceActor slow;
+    for (int i = 0; i < 2; ++i)
+        ASSERT_NE(slow.ask("seat 3", "seated"), kRefused);
+    std::string const id = slow.ask("seat 3", "seated");
+    auto const replace = [&](std::uint32_t lastNameId) {
+        std::string content(4096, '\0');
+        content.replace(4, sizeof lastNameId, reinterpret_cast<char const*>(&lastNameId),
+                        sizeof lastNameId);
+        fs::remove(shared());
+        std::ofstream(shared()) << content;
+    };
+    replace(2);
+    PresenceActor newcomer;
+    std::string const other = newcomer.start();
+    EXPECT_EQ(other.substr(4), "0004") << "3 is next";
+    replace(4);
+    LockHolder const thief(shared(), 0x10003, 1);
+    std::string visible = entryOf(other);
+    ASSERT_NE(visible, "");
+    visible.replace(0, id.size(), id);
+    std::string const pid = std::to_string(newcomer.child().pid());
+    visible.replace(visible.find(pid), pid.size(), std::to_string(slow.child().pid()));
+    fs::create_directory(folder_.path() + "/" + visible);
+    EXPECT_EQ(slow.ask("show " + id, "shown"), "yes");
+    EXPECT_TRUE(eventually([&] { return slow.known() == 2 && newcomer.known() == 2; }));
+    EXPECT_NE(PresenceActor().start(), kRefused);
+}
+
+TEST_F(FolderTest, whoSaysHelloBeforeItsEntryIsSeenIsHeardOnceItIs) {
+    Peer peer;
+    PresenceActor early;
+    early.start();
+    ASSERT_TRUE(eventually([&] { return early.known() == 2; }));
+    char to[10];
+    std::snprintf(to, sizeof to, " %08x", peer.id().value());
+    EXPECT_EQ(early.ask("greet " + early.ask("seat 3", "seated") + to, "greeted"), "yes");
+    EXPECT_TRUE(eventually([&] { return peer.knowsAll(3); }));
+}
+
+TEST_F(FolderTest, whereMemoryRunsOutAStartOrEndHappensWhollyOrNotAtAll) {
+    PresenceActor other;
+    other.start();
+    {
+        PresenceActor starved;
+        EXPECT_EQ(starved.ask("starve 3", "starved"), "well");
+        EXPECT_EQ(countEntries(), 1u);
+        Descriptor const file(::open(shared().c_str(), O_RDWR | O_CLOEXEC));
+        struct flock held {};
+        held.l_type = F_WRLCK;
+        held.l_start = 0x10002;
+        ASSERT_EQ(fcntl(file.get(), F_GETLK, &held), 0);
+        EXPECT_EQ(held.l_type, F_UNLCK) << "behind that of the other";
+    }
+    EXPECT_EQ(other.known(), 1u);
+}
+
 TEST_F(FolderTest, withoutProcAStartIsRefusedWithAClearLine) {
     PresenceActor actor;
     if (actor.ask("withoutProc", "without") != "yes")
@@ -312,14 +378,10 @@ TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     }
     for (PresenceActor* actor : {&first, &second})
         EXPECT_EQ(actor->timesTold("departed", a) + actor->timesTold("departed", b), 0u);
-    std::string const entry = folder_.path() + "/" + b;
-    for (auto const& found : fs::directory_iterator(folder_.path()))
-        if (std::string const path = found.path();
-            path.rfind(entry, 0) == 0 && path.find(tail) == path.npos) {
-            fs::remove(path);
-            sockets.push_back(listenAt(path));
-            break;
-        }
+    fs::remove(folder_.path() + "/" + b + tail);
+    std::string const entry = folder_.path() + "/" + entryOf(b);
+    fs::remove(entry);
+    sockets.push_back(listenAt(entry));
     PresenceActor().start();
     EXPECT_TRUE(second.child().waitForErrorLine("Somebody has removed"));
 }

@@ -2,7 +2,10 @@
 //
 //   slot N, active N, axu N,N, actor NAME, directory PATH: answers "set yes" or "set no"
 //   identity         answers "identity SLOT ACTIVE ACTOR AXU..."
-//   start GROUP      a termination comes up; answers "started ID", 0 when refused
+//   seat GROUP       a termination takes its address; answers "seated ID", 0 when refused
+//   show ID          it comes up; answers "shown yes" or "shown no"
+//   greet ID TO      the same after it has said Hello; answers "greeted yes" if it is welcome
+//   start GROUP      both; answers "started ID", 0 when refused
 //   stop ID          answers "stopped"
 //   churn KEEP N     starts KEEP, then stops and starts N times; answers "churned"
 //   view             answers "view COUNT HASH AGREE ERRORS", see `view`
@@ -10,6 +13,8 @@
 //   withoutHandles   the kernel refuses process handles from now on; answers "without yes"
 //   withoutRoom      the disk is full from now on for the folder's file; answers "without yes"
 //   withoutProc      /proc is not mounted; answers "without yes"
+//   starve GROUP     comes and goes while each allocation fails; answers "starved" and, when memory
+//                    was all that was missing, "well"
 //   linger           a forked child stays for a minute; answers "lingers"
 //   daemonize        goes on in a forked child; answers "daemonized"
 //   fork             a forked child tries everything; answers "forked CODE"
@@ -29,6 +34,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -41,6 +47,9 @@
 #include <thread>
 
 #include "ActorSide.h"
+#include "AllocationCount.h"
+#include "HandMadeLink.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/IdentityValues.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "transport/IdInfo.h"
@@ -52,7 +61,7 @@ using testsupport::answer;
 using Transport::Rendezvous;
 using Transport::TerminationId;
 
-bool quiet = false;
+std::atomic<bool> quiet{false};
 
 /** Those that the channels have been told of: that comes before the departures. Never destroyed,
  * because notices come until the process ends. */
@@ -72,8 +81,6 @@ class Seat final : public Transport::PresenceListener {
 public:
     explicit Seat(Transport::GroupId group) : id_(Rendezvous::instance().reserve(group, "seat")) {
         Rendezvous::instance().attach(*this);
-        if (id_.value() != 0)
-            socket_ = Rendezvous::instance().publish(id_);
     }
     ~Seat() {
         Rendezvous::instance().detach(*this);
@@ -84,6 +91,10 @@ public:
     Seat(Seat const&) = delete;
     Seat& operator=(Seat const&) = delete;
 
+    bool show() {
+        socket_ = id_.value() != 0 ? Rendezvous::instance().publish(id_) : -1;
+        return socket_ >= 0;
+    }
     TerminationId id() const { return id_; }
     int errors() const {
         std::lock_guard<std::mutex> const lock(mutex_);
@@ -128,6 +139,26 @@ private:
 
 using Seats = std::vector<std::unique_ptr<Seat>>;
 
+/** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes.
+ */
+bool greetTooEarly(Seat& seat, TerminationId to) {
+    testsupport::HandMadeLink link;
+    link.from = seat.id();
+    link.to = to;
+    link.socket = Transport::Descriptor(Rendezvous::instance().connectTo(to));
+    link.sayHello();
+    if (!seat.show())
+        return false;
+    link.hear(30'000);
+    return link.peer.valid();
+}
+
+std::unique_ptr<Seat> startSeat(unsigned group) {
+    auto seat = std::make_unique<Seat>(static_cast<Transport::GroupId>(group));
+    seat->show();
+    return seat;
+}
+
 /** Count and hash of the ids known here, whether all notices agree, wrong notices so far. */
 std::string view(Seats const& seats) {
     auto const known = Transport::TransportLayer::instance().getTerminations();
@@ -149,7 +180,7 @@ void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
     for (unsigned i = 0; i < rounds; ++i) {
         auto& seat = seats[begin + random() % (end - begin)];
         seat.reset();
-        seat = std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3));
+        seat = startSeat(1 + i % 3);
     }
 }
 
@@ -157,10 +188,47 @@ void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
 void churn(Seats& seats, unsigned keep, unsigned rounds) {
     quiet = true;
     for (unsigned i = 0; i < keep; ++i)
-        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(1 + i % 3)));
+        seats.push_back(startSeat(1 + i % 3));
     std::thread other([&] { churn(seats, 0, keep / 2, rounds / 2); });
     churn(seats, keep / 2, keep, rounds - rounds / 2);
     other.join();
+}
+
+/** Runs `code` while the nth allocation from now on fails; whether there are so many. */
+template <class Code>
+bool starved(unsigned long n, Code const& code) {
+    starve(n);
+    {
+        Sated const hungry(false);
+        OSWrap::withMemory(code);
+    }
+    return feed();
+}
+
+/** A termination comes and goes, the only one of this process, while the nth allocation of each
+ * step fails. False when more goes wrong than a step that changes nothing. */
+bool comesAndGoesStarved(Transport::GroupId group, unsigned long n, bool& reached) {
+    Rendezvous& rendezvous = Rendezvous::instance();
+    TerminationId id;
+    int socket = -1;
+    reached = starved(n, [&] { id = rendezvous.reserve(group, "starved"); });
+    if (id.value() == 0)
+        id = rendezvous.reserve(group, "starved");
+    reached = starved(n, [&] { socket = rendezvous.publish(id); }) || reached;
+    if (socket < 0)
+        socket = rendezvous.publish(id);
+    bool const wasThere = socket >= 0 && rendezvous.exists(id);
+    reached = starved(n, [&] { rendezvous.withdraw(id); }) || reached;
+    ::close(socket);
+    return wasThere && rendezvous.terminations().empty();
+}
+
+std::string comeAndGoStarved(Transport::GroupId group) {
+    bool well = true;
+    bool reached = true;
+    for (unsigned long n = 1; well && reached; ++n)
+        well = comesAndGoesStarved(group, n, reached);
+    return well ? "well" : "badly";
 }
 
 /** Has the kernel refuse a system call to this process. */
@@ -202,7 +270,7 @@ int forkChild(Seats const& seats) {
         bool const nothing = rendezvous.reserve(3, "child").value() == 0 &&
                              rendezvous.publish(own) == -1 && !rendezvous.exists(own) &&
                              rendezvous.terminations().empty() && rendezvous.connectTo(own) == -1 &&
-                             !rendezvous.ownedBy(own, ::getpid());
+                             rendezvous.claim(own, ::getpid()) == Rendezvous::Claim::False;
         rendezvous.suspect(own);
         rendezvous.withdraw(own);
         ::_exit(nothing ? 0 : 1);
@@ -249,23 +317,37 @@ bool configure(std::string const& what, std::string const& value) {
 /** The answer to a command, if it has any. */
 std::string obey(std::string const& command, std::istringstream& words, Seats& seats) {
     std::string value;
-    unsigned number = 0;
-    words >> value >> number;
+    std::string other;
+    words >> value >> other;
     auto const decimal = [&value] { return std::atoi(value.c_str()); };
-    auto const id = [&value] {
-        return TerminationId(static_cast<unsigned>(std::stoul(value, nullptr, 16)));
+    auto const idOf = [](std::string const& digits) {
+        return TerminationId(static_cast<unsigned>(std::stoul(digits, nullptr, 16)));
     };
-    if (command == "start") {
+    auto const id = [&] { return idOf(value); };
+    auto const seat = [&] {
+        return std::find_if(seats.begin(), seats.end(),
+                            [&](auto const& one) { return one->id() == id(); });
+    };
+    if (command == "seat") {
         seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(decimal())));
+        return "seated " + hex(seats.back()->id());
+    }
+    if (command == "show")
+        return (*seat())->show() ? "shown yes" : "shown no";
+    if (command == "greet")
+        return greetTooEarly(**seat(), idOf(other)) ? "greeted yes" : "greeted no";
+    if (command == "start") {
+        seats.push_back(startSeat(static_cast<unsigned>(decimal())));
         return "started " + hex(seats.back()->id());
     }
     if (command == "stop") {
-        seats.erase(std::find_if(seats.begin(), seats.end(),
-                                 [&](auto const& seat) { return seat->id() == id(); }));
+        seats.erase(seat());
         return "stopped";
     }
+    if (command == "starve")
+        return "starved " + comeAndGoStarved(static_cast<Transport::GroupId>(decimal()));
     if (command == "churn") {
-        churn(seats, static_cast<unsigned>(decimal()), number);
+        churn(seats, static_cast<unsigned>(decimal()), static_cast<unsigned>(std::stoul(other)));
         return "churned";
     }
     if (command == "suspect") {
@@ -303,6 +385,7 @@ std::string obey(std::string const& command, std::istringstream& words, Seats& s
 }  // namespace
 
 int main() {
+    Sated const sated;
     Rendezvous::instance().goneHook([](TerminationId id) {
         std::lock_guard<std::mutex> const lock(gone.mutex);
         gone.ids.insert(id);

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <vector>
@@ -12,7 +13,6 @@
 #include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Receiver.h"
-#include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 
 namespace Transport {
@@ -24,6 +24,10 @@ constexpr std::size_t kMostStrangers = 64;
 /** A Hello brings two, and our side of the channel has two. */
 constexpr int kDescriptorsOfChannel = 4;
 constexpr long long kAcceptPause = 100'000'000;  // nanoseconds
+/** Who says Hello before his entry has been seen here waits so long at most, and is looked at again
+ * and again: the longer he has waited the less often. */
+constexpr long long kMostUnseen = 5'000'000'000;
+constexpr long long kUnseenPause = 2'000'000;
 
 std::atomic<long long> introductionLimitNow{10'000'000'000};
 
@@ -95,7 +99,7 @@ void Acceptor::receive(OpenSocket socket) {
     if (!receiver_.watch(socket.get(), token, Receiver::Source::Socket))
         return;
     long long const deadline = OSWrap::Clock::nowNanoseconds() + introductionLimitNow.load();
-    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline, false});
+    strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
     receiver_.wakeAt(deadline);
     hear(token);
 }
@@ -103,7 +107,7 @@ void Acceptor::receive(OpenSocket socket) {
 void Acceptor::drop(std::uint32_t token) {
     auto const found = strangers_.find(token);
     static Logging::LineLimit limit;
-    if (!found->second.waits)
+    if (found->second.hearAgainAt == 0)
         REFLECTORB_LOG_LIMITED(
             limit, 4, kSource, "termination 0x%08X dropped process %d: it never said Hello",
             receiver_.id().value(), static_cast<int>(found->second.identity.process));
@@ -118,24 +122,32 @@ void Acceptor::hear(std::uint32_t token) {
     Transfer const transfer = peekPacket(found->second.socket.get(), hello);
     if (transfer == Transfer::Later)
         return;
-    bool const known = mayIntroduce(found->second, transfer, hello);
-    if (known && !descriptorsLeft(found->second.socket.get(), kDescriptorsOfChannel)) {
-        keepWaiting(found->second);
+    Stranger& heard = found->second;
+    Rendezvous::Claim const claim = judge(heard, transfer, hello);
+    bool const known = claim == Rendezvous::Claim::True;
+    if (claim == Rendezvous::Claim::Unseen) {
+        long long const waited = OSWrap::Clock::nowNanoseconds() - heard.unseenSince;
+        keepWaiting(heard, std::clamp(waited, kUnseenPause, kAcceptPause));
         return;
     }
-    Stranger stranger = std::move(found->second);
+    if (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel)) {
+        if (!std::exchange(heard.starved, true))
+            tellNoDescriptor();
+        keepWaiting(heard, kAcceptPause);
+        return;
+    }
+    Stranger stranger = std::move(heard);
     strangers_.erase(found);
     receiver_.unwatch(stranger.socket.get());
     if (known)
         introduce(std::move(stranger), TerminationId(hello.from));
 }
 
-/** There are no descriptors for a channel: his Hello stays where it is for a while. */
-void Acceptor::keepWaiting(Stranger& stranger) {
-    if (!std::exchange(stranger.waits, true))
-        tellNoDescriptor();
+/** His Hello stays where it is for a while. */
+void Acceptor::keepWaiting(Stranger& stranger, long long nanoseconds) {
     receiver_.unwatch(stranger.socket.get());
-    receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
+    stranger.hearAgainAt = OSWrap::Clock::nowNanoseconds() + nanoseconds;
+    receiver_.wakeAt(stranger.hearAgainAt);
 }
 
 void Acceptor::tellNonsense(Stranger const& stranger) const {
@@ -145,24 +157,34 @@ void Acceptor::tellNonsense(Stranger const& stranger) const {
                            receiver_.id().value(), static_cast<int>(stranger.identity.process));
 }
 
-/** A process may speak only for the terminations that are its own. */
-bool Acceptor::mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello) {
+Rendezvous::Claim Acceptor::judge(Stranger& stranger, Transfer transfer, Packet const& hello) {
     if (transfer == Transfer::Closed) {
         Rendezvous::instance().knocked();
-        return false;
+        return Rendezvous::Claim::False;
     }
     if (transfer != Transfer::Done || hello.kind != Packet::Hello ||
         hello.to != receiver_.id().value()) {
         tellNonsense(stranger);
-        return false;
+        return Rendezvous::Claim::False;
     }
-    if (Rendezvous::instance().ownedBy(TerminationId(hello.from), stranger.identity.process))
-        return true;
+    return judgeClaim(stranger, TerminationId(hello.from));
+}
+
+/** A process may speak only for the terminations that are its own. */
+Rendezvous::Claim Acceptor::judgeClaim(Stranger& stranger, TerminationId claimed) {
+    pid_t const process = stranger.identity.process;
+    Rendezvous::Claim const claim = Rendezvous::instance().claim(claimed, process);
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    if (claim == Rendezvous::Claim::Unseen && stranger.unseenSince == 0)
+        stranger.unseenSince = now;
+    if (claim == Rendezvous::Claim::True ||
+        (claim == Rendezvous::Claim::Unseen && now - stranger.unseenSince < kMostUnseen))
+        return claim;
     static Logging::LineLimit limit;
-    REFLECTORB_LOG_LIMITED(
-        limit, 3, kSource, "termination 0x%08X refused process %d: it is not 0x%08X",
-        receiver_.id().value(), static_cast<int>(stranger.identity.process), hello.from);
-    return false;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "termination 0x%08X refused process %d: it is not 0x%08X",
+                           receiver_.id().value(), static_cast<int>(process), claimed.value());
+    return Rendezvous::Claim::False;
 }
 
 void Acceptor::introduce(Stranger stranger, TerminationId peer) {
@@ -189,12 +211,17 @@ void Acceptor::serveTimers(long long now) {
     std::vector<std::uint32_t> late;
     std::vector<std::uint32_t> waiting;
     for (auto const& [token, stranger] : strangers_) {
-        if (stranger.deadline <= now)
+        if (stranger.deadline <= now) {
             late.push_back(token);
-        else
-            receiver_.wakeAt(stranger.deadline);
-        if (stranger.deadline > now && stranger.waits)
+            continue;
+        }
+        receiver_.wakeAt(stranger.deadline);
+        if (stranger.hearAgainAt == 0)
+            continue;
+        if (stranger.hearAgainAt <= now)
             waiting.push_back(token);
+        else
+            receiver_.wakeAt(stranger.hearAgainAt);
     }
     for (std::uint32_t token : late)
         drop(token);

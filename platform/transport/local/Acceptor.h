@@ -5,6 +5,7 @@
 
 #include "platform/transport/local/Descriptor.h"
 #include "platform/transport/local/Packet.h"
+#include "platform/transport/local/Rendezvous.h"
 
 namespace Transport {
 
@@ -43,7 +44,10 @@ private:
         OpenSocket socket;
         PeerIdentity identity;
         long long deadline;
-        bool waits;  // with his Hello, until there are descriptors for a channel
+        bool starved = false;       // there are no descriptors for a channel
+        long long unseenSince = 0;  // his entry has not been seen here; 0: it has
+        long long hearAgainAt =
+            0;  // when his Hello, which waits, is looked at again; 0: none waits
     };
 
     void receive(OpenSocket socket);
@@ -51,9 +55,10 @@ private:
     void tellNoDescriptor() const;
     void tellNonsense(Stranger const& stranger) const;
     void drop(std::uint32_t token);
-    bool mayIntroduce(Stranger const& stranger, Transfer transfer, Packet const& hello);
+    Rendezvous::Claim judge(Stranger& stranger, Transfer transfer, Packet const& hello);
+    Rendezvous::Claim judgeClaim(Stranger& stranger, TerminationId claimed);
     void introduce(Stranger stranger, TerminationId peer);
-    void keepWaiting(Stranger& stranger);
+    void keepWaiting(Stranger& stranger, long long nanoseconds);
 
     Receiver& receiver_;
     OpenSocket listening_;

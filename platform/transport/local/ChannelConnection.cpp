@@ -121,7 +121,7 @@ bool Channel::sayHello(OpenSocket socket) {
 bool Channel::peerIsGenuine(int socket) {
     PeerIdentity identity{};
     return peerIdentity(socket, identity) && identity.user == ::geteuid() &&
-           Rendezvous::instance().ownedBy(peer_, identity.process);
+           Rendezvous::instance().claim(peer_, identity.process) == Rendezvous::Claim::True;
 }
 
 void Channel::giveUp(int level, char const* reason) {

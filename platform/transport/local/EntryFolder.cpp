@@ -16,16 +16,16 @@
 
 #include "oswrap/Lock.h"
 #include "platform/transport/DelayedLog.h"
+#include "platform/transport/local/HiddenName.h"
 #include "platform/transport/local/Packet.h"
 
 namespace Transport {
 namespace {
 
 constexpr char const* kSource = "TransportRendezvous";
-constexpr char const* kHiddenPrefix = ".new-";
 constexpr std::size_t kIdDigits = 8;
-/** A socket's path has 108 bytes, of which "/proc/self/fd/", the number, the hidden prefix and the
- * end take up to 31. */
+/** A socket's path has 108 bytes, of which "/proc/self/fd/", the number, a slash and the end take
+ * up to 26. */
 constexpr std::size_t kLongestFileName = 76;
 constexpr std::size_t kLongestActorPart = 24;
 /** Twice the name ids: each may have a hidden entry. More are left for the next reading. */
@@ -273,29 +273,51 @@ Descriptor makeSocket() {
 
 }  // namespace
 
-OpenSocket EntryFolder::listenHidden(std::string const& file) const {
-    std::string const hidden = kHiddenPrefix + file;
-    sockaddr_un const address = addressOf(socketPath(hidden));
+HiddenSocket EntryFolder::bindHidden(TerminationId id) const {
+    char head[kIdDigits + 1];
+    std::snprintf(head, sizeof head, "%08x", id.value());
     Descriptor socket = makeSocket();
-    if (socket.valid() &&
-        ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
-        ::fchmodat(folder_.get(), hidden.c_str(), 0600, 0) == 0 &&
-        ::listen(socket.get(), SOMAXCONN) == 0)
-        return OpenSocket(socket.release());
-    TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", file.c_str(), path_.c_str(),
+    std::string file;
+    auto const bind = [&](std::string const& name) {
+        sockaddr_un const address = addressOf(socketPath(name));
+        return ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) ==
+               0;
+    };
+    bool const bound = socket.valid() && makeHidden(head, EADDRINUSE, file, bind);
+    if (bound && ::fchmodat(folder_.get(), file.c_str(), 0600, 0) == 0)
+        return HiddenSocket(*this, std::move(file), std::move(socket));
+    TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", head, path_.c_str(),
                   std::strerror(errno));
-    remove(hidden);
-    return OpenSocket();
+    if (bound)
+        remove(file);
+    return HiddenSocket();
 }
 
-bool EntryFolder::show(std::string const& file) const {
-    std::string const hidden = kHiddenPrefix + file;
-    if (::renameat(folder_.get(), hidden.c_str(), folder_.get(), file.c_str()) == 0)
+HiddenSocket::~HiddenSocket() {
+    if (valid())
+        folder_->remove(file_);
+}
+
+bool HiddenSocket::show(std::string& file) const {
+    if (::listen(socket_.get(), SOMAXCONN) == 0 && folder_->rename(file_, file))
         return true;
-    TRANSPORT_LOG(3, kSource, "Cannot show the socket %s in %s: %s", file.c_str(), path_.c_str(),
-                  std::strerror(errno));
-    remove(hidden);
+    if (errno == EISDIR) {
+        file.resize(std::min(file.size(), kLongestFileName - kUnforeseenDigits - 1));
+        file += "." + unforeseenDigits();
+        if (folder_->rename(file_, file))
+            return true;
+    }
+    TRANSPORT_LOG(3, kSource, "Cannot show the socket %s in %s: %s", file.c_str(),
+                  folder_->path().c_str(), std::strerror(errno));
     return false;
+}
+
+void HiddenSocket::hide(std::string const& file) const {
+    folder_->rename(file, file_);
+}
+
+bool EntryFolder::rename(std::string const& from, std::string const& to) const {
+    return ::renameat(folder_.get(), from.c_str(), folder_.get(), to.c_str()) == 0;
 }
 
 bool EntryFolder::remove(std::string const& file) const {

@@ -29,6 +29,37 @@ struct FolderEntry {
 /** Device and inode. */
 using FileIdentity = std::pair<dev_t, ino_t>;
 
+class EntryFolder;
+
+/**
+ * A socket of this process that is bound in the folder, under a hidden name: nobody connects to it
+ * yet, and all see that its id is taken. A resource that can be moved; its file goes with it,
+ * unless it has been shown.
+ */
+class HiddenSocket {
+public:
+    HiddenSocket() = default;
+    HiddenSocket(EntryFolder const& folder, std::string file, Descriptor socket)
+        : folder_(&folder), file_(std::move(file)), socket_(socket.release()) {}
+    HiddenSocket(HiddenSocket&&) = default;
+    HiddenSocket& operator=(HiddenSocket&&) = delete;
+    ~HiddenSocket();
+
+    bool valid() const { return socket_.valid(); }
+    /** Listens and renames it into view, as `file`, or, when that cannot be replaced, by another
+     * name, which `file` is then. False, with a log line, on failure. */
+    bool show(std::string& file) const;
+    /** Undoes that. */
+    void hide(std::string const& file) const;
+    /** Gives away the socket that has been shown. */
+    OpenSocket release() { return std::move(socket_); }
+
+private:
+    EntryFolder const* folder_ = nullptr;
+    std::string file_;
+    OpenSocket socket_;
+};
+
 /**
  * The rendezvous folder on disk: a socket per termination, and the file `presence` with the locks
  * and the word that announces changes. Any thread; nothing here waits for anybody.
@@ -77,11 +108,10 @@ public:
      * somebody fills it. */
     std::vector<FolderEntry> list() const;
     bool contains(std::string const& file) const;
-    /** A listening socket under the hidden name of `file`; an invalid one, with a log line, on
-     * failure. */
-    OpenSocket listenHidden(std::string const& file) const;
-    /** Renames the hidden socket into view. */
-    bool show(std::string const& file) const;
+    /** A socket for a termination of this process; an invalid one, with a log line, on failure. */
+    HiddenSocket bindHidden(TerminationId id) const;
+    /** False, with errno, on failure. */
+    bool rename(std::string const& from, std::string const& to) const;
     /** True when the file was there and is no more. */
     bool remove(std::string const& file) const;
     /** A connected socket; an invalid one, with errno, on failure. Does not block. */

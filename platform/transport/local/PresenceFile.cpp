@@ -18,6 +18,7 @@
 #include "oswrap/Clock.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
+#include "platform/transport/local/HiddenName.h"
 
 namespace Transport {
 namespace {
@@ -111,11 +112,13 @@ Descriptor PresenceFile::openExisting(int folder, std::string const& path) {
  * failure; EEXIST when somebody else was faster.
  */
 Descriptor PresenceFile::make(int folder, std::uint32_t lastNameId) {
-    std::string const hidden = ".new-presence.pid" + std::to_string(::getpid());
-    ::unlinkat(folder, hidden.c_str(), 0);
-    Descriptor file(
-        ::openat(folder, hidden.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file.valid())
+    Descriptor file;
+    std::string hidden;
+    if (!makeHidden(kName, EEXIST, hidden, [&](std::string const& name) {
+            file = Descriptor(::openat(folder, name.c_str(),
+                                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+            return file.valid();
+        }))
         return {};
     std::array<char, kSize> content{};
     std::memcpy(content.data() + kCounterOffset, &lastNameId, sizeof lastNameId);
@@ -152,20 +155,25 @@ std::shared_ptr<PresenceFile> PresenceFile::open(int folder, std::string const& 
         reason = std::string(kName) + " is not a file of ours";
         return nullptr;
     }
-    void* const mapping = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-    if (mapping == MAP_FAILED) {
-        reason = std::string("cannot map ") + kName + ": " + std::strerror(errno);
-        return nullptr;
-    }
-    return std::shared_ptr<PresenceFile>(
-        new PresenceFile(path, std::move(file), {status.st_dev, status.st_ino}, mapping));
+    std::unique_ptr<PresenceFile> opened(
+        new PresenceFile(path, std::move(file), {status.st_dev, status.st_ino}));
+    if (opened->map())
+        return opened;
+    reason = std::string("cannot map ") + kName + ": " + std::strerror(errno);
+    return nullptr;
 }
 
-PresenceFile::PresenceFile(std::string path, Descriptor file, Identity identity, void* mapping)
-    : path_(std::move(path)), file_(std::move(file)), identity_(identity), mapping_(mapping) {}
+PresenceFile::PresenceFile(std::string path, Descriptor file, Identity identity)
+    : path_(std::move(path)), file_(std::move(file)), identity_(identity), mapping_(MAP_FAILED) {}
+
+bool PresenceFile::map() {
+    mapping_ = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
+    return mapping_ != MAP_FAILED;
+}
 
 PresenceFile::~PresenceFile() {
-    ::munmap(mapping_, kSize);
+    if (mapping_ != MAP_FAILED)
+        ::munmap(mapping_, kSize);
 }
 
 bool PresenceFile::isIn(int folder) const {
@@ -263,18 +271,30 @@ unsigned short PresenceFile::searchName(std::uint32_t& last,
     return 0;
 }
 
-unsigned short PresenceFile::takeName(std::uint32_t hint,
-                                      std::function<bool(unsigned short)> const& usable) {
-    bool const locked = lockCounter();
-    std::uint32_t last = laterOf(lastNameId(), hint);
-    unsigned short nameId = searchName(last, usable);
-    if (!writeLastNameId(nameId != 0 ? nameId : last) && nameId != 0) {
-        unlockName(nameId);
-        nameId = 0;
+/** The lock of the counter, if it can be had, for a scope. */
+class PresenceFile::CounterLock {
+public:
+    explicit CounterLock(PresenceFile const& file) : file_(file), locked_(file.lockCounter()) {}
+    ~CounterLock() {
+        if (locked_)
+            file_.lockByte(F_UNLCK, kCounterLock);
     }
-    if (locked)
-        lockByte(F_UNLCK, kCounterLock);
-    return nameId;
+    CounterLock(CounterLock const&) = delete;
+    CounterLock& operator=(CounterLock const&) = delete;
+
+private:
+    PresenceFile const& file_;
+    bool const locked_;
+};
+
+PresenceFile::NameLock PresenceFile::takeName(std::uint32_t hint,
+                                              std::function<bool(unsigned short)> const& usable) {
+    CounterLock const counter(*this);
+    std::uint32_t last = laterOf(lastNameId(), hint);
+    NameLock taken(*this, searchName(last, usable));
+    if (!writeLastNameId(taken.nameId() != 0 ? taken.nameId() : last))
+        return NameLock();
+    return taken;
 }
 
 bool PresenceFile::lockName(unsigned short nameId) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "platform/transport/local/Descriptor.h"
 
@@ -51,13 +52,17 @@ public:
 
     // ---- Name ids and their locks ----
 
+    /** The lock of a name id that this process has taken. A resource that can be moved: lets go of
+     * it at its end, unless it has been kept. The file lives longer. */
+    class NameLock;
+
     /** Of two name ids the one that was given later, when the second was given lately; 0: none. */
     static std::uint32_t laterOf(std::uint32_t nameId, std::uint32_t recent);
     /** Takes the lock of the next name id, after the last that was given, that nobody holds and
      * that `usable` accepts. `hint` is the last name id that the caller knows of, for a file that
-     * has missed some. 0, with a log line, when there is none or the file cannot be written. May
-     * wait for others, for less than half a second in all. */
-    unsigned short takeName(std::uint32_t hint, std::function<bool(unsigned short)> const& usable);
+     * has missed some. That of 0, with a log line, when there is none or the file cannot be
+     * written. May wait for others, for less than half a second in all. */
+    NameLock takeName(std::uint32_t hint, std::function<bool(unsigned short)> const& usable);
     /** The name id that was given last; 0 when that is not known. */
     std::uint32_t lastNameId() const;
     /** Takes the lock of a name id for this process. Says nothing of those already its own. */
@@ -81,11 +86,13 @@ private:
         ino_t inode;
     };
 
-    PresenceFile(std::string path, Descriptor file, Identity identity, void* mapping);
+    PresenceFile(std::string path, Descriptor file, Identity identity);
 
     static Descriptor openExisting(int folder, std::string const& path);
     static Descriptor make(int folder, std::uint32_t lastNameId);
     bool lockByte(short type, off_t offset) const;
+    class CounterLock;
+    bool map();
     bool lockCounter() const;
     unsigned short searchName(std::uint32_t& last,
                               std::function<bool(unsigned short)> const& usable);
@@ -95,7 +102,27 @@ private:
     std::string const path_;
     Descriptor const file_;
     Identity const identity_;
-    void* const mapping_;  // of the announcing word's page
+    void* mapping_;  // of the announcing word's page; constant once opened
+};
+
+class PresenceFile::NameLock {
+public:
+    NameLock() = default;
+    NameLock(PresenceFile& file, unsigned short nameId) : file_(&file), nameId_(nameId) {}
+    NameLock(NameLock&& other) noexcept : file_(other.file_), nameId_(other.keep()) {}
+    NameLock& operator=(NameLock&&) = delete;
+    ~NameLock() {
+        if (nameId_ != 0)
+            file_->unlockName(nameId_);
+    }
+
+    unsigned short nameId() const { return nameId_; }
+    bool isIn(PresenceFile const& file) const { return file_ == &file; }
+    unsigned short keep() { return std::exchange(nameId_, static_cast<unsigned short>(0)); }
+
+private:
+    PresenceFile* file_ = nullptr;
+    unsigned short nameId_ = 0;  // 0: none
 };
 
 }  // namespace Transport

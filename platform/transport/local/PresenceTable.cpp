@@ -132,14 +132,19 @@ std::list<PresenceTable::Notice> PresenceTable::noticesOf(TerminationId id) cons
     return notices;
 }
 
-void PresenceTable::drop(TerminationId id, Departures& departures) {
+void PresenceTable::drop(std::vector<TerminationId> const& ids, Departures& departures) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
-    if (entries_.count(id) == 0)
-        return;
-    std::list<Notice> notices = noticesOf(id);
-    departures.ids_.push_back(id);
-    entries_.erase(id);
-    arrivals_.queue.remove_if([&](Notice const& notice) { return notice.id == id; });
+    std::list<Notice> notices;
+    for (TerminationId const id : ids)
+        if (entries_.count(id) != 0)
+            notices.splice(notices.end(), noticesOf(id));
+    departures.ids_.reserve(departures.ids_.size() + ids.size());
+    for (TerminationId const id : ids) {
+        if (entries_.erase(id) == 0)
+            continue;
+        departures.ids_.push_back(id);
+        arrivals_.queue.remove_if([&](Notice const& notice) { return notice.id == id; });
+    }
     departures.notices_.splice(departures.notices_.end(), notices);
 }
 
@@ -212,8 +217,9 @@ void PresenceTable::wake(Lane& lane) {
     if (lane.threadLives)
         return;
     delete thread;
-    TRANSPORT_LOG(3, kSource, "Thread %s could not be started: %s", lane.name,
-                  std::strerror(failure));
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Thread %s could not be started: %s", lane.name,
+                          std::strerror(failure));
 }
 
 /** The body of a lane's thread. */

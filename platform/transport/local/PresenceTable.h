@@ -75,7 +75,9 @@ public:
     bool admit(TerminationId id, Entry entry);
     /** Takes a termination out, if it is there, drops its queued arrivals and adds it to
      * `departures`, which `tell` queues later. */
-    void drop(TerminationId id, Departures& departures);
+    void drop(TerminationId id, Departures& departures) { drop(std::vector{id}, departures); }
+    /** All of them, or none when memory runs out. */
+    void drop(std::vector<TerminationId> const& ids, Departures& departures);
     void tell(Departures& departures);
 
     // ---- Listeners ----

@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/Identity.h"
 #include "platform/transport/local/Fork.h"
@@ -74,9 +76,9 @@ std::uint32_t Rendezvous::State::latestName() {
     return latestName_;
 }
 
-/** A locked name id without files in the folder; 0, with a log line, when none is to be had. Not
- * under mutex_: waits for others, and no other thread of ours takes names. */
-unsigned short Rendezvous::State::takeName(PresenceFile& file) {
+/** A locked name id without files in the folder; that of 0, with a log line, when none is to be
+ * had. Not under mutex_: waits for others, and no other thread of ours takes names. */
+PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file) {
     EntryFolder& files = *folder;
     std::set<unsigned short> const own = ownNames();
     std::vector<FolderEntry> const entries = files.list();
@@ -95,12 +97,13 @@ unsigned short Rendezvous::State::takeName(PresenceFile& file) {
                 }));
     };
     std::uint32_t const latest = latestName();
-    unsigned short const nameId = file.takeName(latest != 0 ? latest : farFrom(used), usable);
+    PresenceFile::NameLock taken = file.takeName(latest != 0 ? latest : farFrom(used), usable);
+    unsigned short const nameId = taken.nameId();
     // What its last owner, who is dead, may have left.
     for (FolderEntry const& entry : entries)
         if (nameId != 0 && entry.id.nameId() == nameId && !isAlive(entry))
             files.remove(entry.file);
-    return nameId;
+    return taken;
 }
 
 /** The file to take a name id from; null, with a log line, when there is none. */
@@ -123,51 +126,80 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
         if (file == nullptr)
             return {};
         Identity::instance().freeze();
-        unsigned short const nameId = takeName(*file);
-        if (nameId == 0)
+        PresenceFile::NameLock taken = takeName(*file);
+        if (taken.nameId() == 0)
             return {};
-        TerminationId const id(nameId, identity->slot, group);
-        OSWrap::Lock<> lock(mutex_);
-        if (!folder.load()->file()->lockName(nameId))
-            continue;  // another thread has moved over meanwhile, to where the name is taken
-        latestName_ = PresenceFile::laterOf(latestName_, nameId);
-        own_[id].file = EntryFolder::fileName(id, identity->actor, name);
-        return id;
+        TerminationId const id(taken.nameId(), identity->slot, group);
+        Own own{EntryFolder::fileName(id, identity->actor, name), folder.load()->bindHidden(id)};
+        if (!own.hidden.valid())
+            return {};
+        if (enter(id, std::move(own), taken))
+            return id;
     }
     TRANSPORT_LOG(3, kSource, "Somebody keeps replacing the files of the rendezvous folder %s",
                   folder.load()->path().c_str());
     return {};
 }
 
-/** A listening socket that everybody sees, or an invalid one and nothing changed. */
-OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
-    EntryFolder& files = *folder;
+/**
+ * Enters a termination whose socket is bound already. From then on no other process takes its name
+ * id, also when the folder's file is replaced: who takes names in a file that has come since looks
+ * at the folder later, and finds the socket; in the present one he finds the lock. False when
+ * somebody was faster.
+ */
+bool Rendezvous::State::enter(TerminationId id, Own own, PresenceFile::NameLock& taken) {
+    OSWrap::Lock<> lock(mutex_);
     renew();
-    if (!own.locked) {
-        TRANSPORT_LOG(3, kSource,
-                      "Termination 0x%08X cannot be started: process %d holds its name id",
-                      id.value(), static_cast<int>(files.ownerOf(id.nameId())));
+    auto const file = folder.load()->file();
+    auto const entered = own_.emplace(id, std::move(own)).first;
+    if (!file->lockName(id.nameId())) {
+        own_.erase(entered);
+        return false;
+    }
+    latestName_ = PresenceFile::laterOf(latestName_, id.nameId());
+    if (taken.isIn(*file))
+        taken.keep();
+    return true;
+}
+
+/** Whether it has the lock of its name id. If somebody holds that in a file that has come since,
+ * whether at least nobody shows the name: then its socket proves whose it is. */
+bool Rendezvous::State::mayShow(TerminationId id) {
+    {
+        OSWrap::Lock<> lock(mutex_);
+        renew();
+        auto const own = own_.find(id);
+        if (own == own_.end() || own->second.locked)
+            return true;
+    }
+    EntryFolder const& files = *folder;
+    std::vector<FolderEntry> const entries = files.list();
+    return std::none_of(entries.begin(), entries.end(), [&](FolderEntry const& entry) {
+        return entry.id.nameId() == id.nameId() && !EntryFolder::isOf(::getpid(), entry.file) &&
+               files.probe(entry.file) == EntryFolder::Socket::Alive;
+    });
+}
+
+/** A listening socket that everybody sees; an invalid one, or no memory, and nothing changed. */
+OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
+    renew();
+    if (!startThreads() || !own.hidden.show(own.file))
         return OpenSocket();
+    if (!OSWrap::withMemory([&] { table.admit(id, {own.file, ::getpid()}); })) {
+        own.hidden.hide(own.file);
+        throw std::bad_alloc();
     }
-    OpenSocket socket = files.listenHidden(own.file);
-    if (!socket.valid())
-        return socket;
+    own.identity = folder.load()->identityOf(own.file).value_or(FileIdentity());
+    own.published = true;
     ++published_;
-    if (startThreads() && files.show(own.file)) {
-        own.published = true;
-        own.identity = files.identityOf(own.file).value_or(FileIdentity());
-        table.admit(id, {own.file, ::getpid()});
-        return socket;
-    }
-    --published_;
-    files.remove(own.file);
-    return OpenSocket();
+    return own.hidden.release();
 }
 
 int Rendezvous::State::publish(TerminationId id) {
     OpenSocket socket;
     {
         DelayedLog const delayed;
+        bool const mayBeShown = mayShow(id);
         OSWrap::Lock<> lock(mutex_);
         auto const own = own_.find(id);
         if (own == own_.end() || own->second.published) {
@@ -175,18 +207,23 @@ int Rendezvous::State::publish(TerminationId id) {
                           own == own_.end() ? "has no address" : "has been started already");
             return -1;
         }
-        socket = publishLocked(own->second, id);
+        if (mayBeShown)
+            socket = publishLocked(own->second, id);
+        else
+            TRANSPORT_LOG(3, kSource,
+                          "Termination 0x%08X cannot be started: process %d holds its name id",
+                          id.value(), static_cast<int>(folder.load()->ownerOf(id.nameId())));
     }
+    folder.load()->announce();  // before we meet others, who are to know us then
     if (socket.valid())
-        scan();
-    folder.load()->announce();
+        OSWrap::withMemory([this] { scan(); });  // else "TrAnnounce" does it, once there is some
     watch_.wake();
     return socket.release();
 }
 
+/** Without memory nothing has changed. */
 void Rendezvous::State::withdraw(TerminationId id) {
     PresenceTable::Departures gone;
-    PresenceTable::Departures forgotten;
     bool shown = false;
     {
         DelayedLog const delayed;
@@ -197,22 +234,20 @@ void Rendezvous::State::withdraw(TerminationId id) {
         renew();
         shown = own->second.published;
         if (shown) {
-            folder.load()->remove(own->second.file);
-            table.drop(id, gone);
+            // Without a termination of our own nobody keeps the table true.
+            table.drop(published_ == 1 ? table.ids() : std::vector<TerminationId>{id}, gone);
             --published_;
+            folder.load()->remove(own->second.file);
         }
-        // Without a termination of our own nobody keeps the table true.
-        if (published_ == 0)
-            for (TerminationId const other : table.ids())
-                table.drop(other, forgotten);
+        own_.erase(own);
         // Last, so that nobody sees an entry without its lock.
         folder.load()->file()->unlockName(id.nameId());
-        own_.erase(own);
     }
     if (!shown)
         return;
-    tell(gone);
-    table.tell(forgotten);
+    if (GoneHook const hook = goneHook)
+        hook(id);
+    table.tell(gone);
     folder.load()->announce();
     watch_.wake();
 }
@@ -243,13 +278,17 @@ TerminationId Rendezvous::reserve(GroupId group, std::string const& name) {
 
 int Rendezvous::publish(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    return inForkedChild() ? -1 : state_.publish(own);
+    int socket = -1;
+    if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); }))
+        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it has no memory",
+                      own.value());
+    return socket;
 }
 
 void Rendezvous::withdraw(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
     if (!inForkedChild())
-        state_.withdraw(own);
+        OSWrap::untilMemory([&] { state_.withdraw(own); });
 }
 
 int Rendezvous::connectTo(TerminationId peer) {
@@ -261,9 +300,9 @@ int Rendezvous::connectTo(TerminationId peer) {
     return -1;
 }
 
-bool Rendezvous::ownedBy(TerminationId id, pid_t pid) {
+Rendezvous::Claim Rendezvous::claim(TerminationId id, pid_t pid) {
     OSWrap::DisableCancelStateGuard const uncancelled;
-    return !inForkedChild() && state_.ownedBy(id, pid);
+    return inForkedChild() ? Claim::False : state_.claim(id, pid);
 }
 
 bool Rendezvous::exists(TerminationId id) const {

@@ -39,24 +39,31 @@ public:
 
     /** Takes an address whose name id is unique in the whole folder and was not in use lately.
      * `name` is shown in the entry's name. 0, with a log line, when the folder refuses (owner,
-     * mode, full disk, no name id left). The address is held until `withdraw`. May wait for others,
-     * for less than a second. */
+     * mode, full disk, no name id left). The address is held until `withdraw`, and nobody else
+     * takes it, whatever becomes of the folder's files. May wait for others, for less than a
+     * second. Throws std::bad_alloc, with nothing taken. */
     TerminationId reserve(GroupId group, std::string const& name);
-    /** Binds, listens, locks and only then shows the entry, enters it in this process's tables and
-     * announces it. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
+    /** Listens and shows the entry, enters it in this process's tables and announces it: all that,
+     * or nothing. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
      * to the caller; -1, with a log line, on failure. */
     int publish(TerminationId own);
     /** Takes a published entry out of view and of the tables, announces that, and frees the address
-     * (also of one only reserved). Idempotent. The caller closes the descriptor afterwards. */
+     * (also of one only reserved). Idempotent. Waits for memory if there is none. The caller closes
+     * the descriptor afterwards. */
     void withdraw(TerminationId own);
 
     /** A connected SOCK_SEQPACKET descriptor (non-blocking, close-on-exec), which belongs to the
      * caller. -1 with errno: EAGAIN when the peer's backlog is full (try again later), anything
      * else when nobody listens there. Never blocks. */
     int connectTo(TerminationId peer);
-    /** Whether the entry of `id` is locked by the process `pid` (which may be this process). May
-     * read the folder: for the handshake, not for each message. */
-    bool ownedBy(TerminationId id, pid_t pid);
+    enum class Claim {
+        True,
+        False,
+        Unseen,  // its lock says so, and its entry has not been seen yet: ask again in a moment
+    };
+    /** Whether `id` belongs to the process `pid` (which may be this process). From memory and by
+     * locks: the folder is never read for who says so. */
+    Claim claim(TerminationId id, pid_t pid);
 
     /** Whether `id` is there; answers from memory. */
     bool exists(TerminationId id) const;

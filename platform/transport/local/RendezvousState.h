@@ -44,7 +44,7 @@ struct Rendezvous::State {
     void withdraw(TerminationId id);
 
     // ---- The others (RendezvousWatch.cpp) ----
-    bool ownedBy(TerminationId id, pid_t pid);
+    Claim claim(TerminationId id, pid_t pid);
     void suspect(TerminationId id);
     void knocked();
     bool stillExists(TerminationId id);
@@ -55,7 +55,8 @@ struct Rendezvous::State {
 
 private:
     struct Own {
-        std::string file;
+        std::string file;     // its name once published
+        HiddenSocket hidden;  // until then
         bool published = false;
         bool locked = true;       // in the file in use; else somebody else holds its name id there
         bool missed = false;      // somebody else has removed the entry, or replaced it
@@ -65,7 +66,9 @@ private:
 
     bool openFolder(std::string const& path) OSW_REQUIRES(mutex_);
     std::shared_ptr<PresenceFile> prepare(std::string const& path);
-    unsigned short takeName(PresenceFile& file) OSW_REQUIRES(reserving_);
+    PresenceFile::NameLock takeName(PresenceFile& file) OSW_REQUIRES(reserving_);
+    bool enter(TerminationId id, Own own, PresenceFile::NameLock& taken);
+    bool mayShow(TerminationId id);
     std::set<unsigned short> ownNames();
     std::uint32_t latestName();
     bool ownsName(unsigned short nameId) const OSW_REQUIRES(mutex_);
@@ -94,7 +97,6 @@ private:
         OSW_REQUIRES(mutex_);
     bool admit(std::vector<FolderEntry> const& all, FolderEntry const& entry,
                PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
-    bool ownedBy(TerminationId id, pid_t pid, PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
     void dropMissing(Scan& scan);
     void missOwn() OSW_REQUIRES(mutex_);
     /** Until when an end that has shown its first sign may take. */
@@ -123,8 +125,6 @@ private:
     /** When to look again who has not followed to the file in use, and to knock there; 0 when that
      * has been done. */
     long long knockAt_ OSW_GUARDED_BY(mutex_) = 0;
-    /** Until then the folder is not read for strangers who say Hello without the lock. */
-    long long noReadingUntil_ OSW_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> lacksLocks_{false};  // of names; written under mutex_
     NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`
 

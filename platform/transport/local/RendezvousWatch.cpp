@@ -28,14 +28,11 @@ constexpr unsigned long kDyingLook = 1'000'000;  // nanoseconds
 /** After it has moved over, a process gives the others this long to follow by themselves. */
 constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 
-/** When the pause after a scan is over, which is at least as long as the scan was: a folder that
+/** Until the pause after a scan is over, which is at least as long as the scan was: a folder that
  * somebody fills takes half a processor at most. */
-long long restUntil(long long began, long long ended) {
-    return ended + std::clamp(ended - began, kScanPause, 50 * kScanPause);
-}
-
 void rest(long long began, long long ended) {
-    long long const left = restUntil(began, ended) - OSWrap::Clock::nowNanoseconds();
+    long long const until = ended + std::clamp(ended - began, kScanPause, 50 * kScanPause);
+    long long const left = until - OSWrap::Clock::nowNanoseconds();
     if (left > 0)
         OSWrap::Thread::sleep(0, static_cast<unsigned long>(left));
 }
@@ -403,41 +400,29 @@ void Rendezvous::State::missOwn() {
     }
 }
 
-bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid) {
-    Departed departed(*this);
+/** Who says Hello before his announcement has come here, or been served, is found by the next scan.
+ * Nothing is read for him, since anybody may say Hello. */
+Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
     DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
-    return ownedBy(id, pid, departed.gone);
-}
-
-bool Rendezvous::State::ownedBy(TerminationId id, pid_t pid, PresenceTable::Departures& gone) {
     if (auto const own = own_.find(id); own != own_.end())
-        return own->second.published && pid == ::getpid();
+        return own->second.published && pid == ::getpid() ? Claim::True : Claim::False;
     // A process that the kernel does not name to us, as one of another pid namespace, owns nothing.
     if (published_ == 0 || pid <= 0)
-        return false;
+        return Claim::False;
     EntryFolder const& files = *folder;
     if (files.ownerOf(id.nameId()) != pid)
         renew();  // it may have moved over before us
+    pid_t const holder = files.ownerOf(id.nameId());
     PresenceTable::Entry known;
     if (table.find(id, known)) {
         // Or it has not yet, and we have.
-        bool const lives = files.ownerOf(id.nameId()) == known.owner ||
-                           files.probe(known.file) == EntryFolder::Socket::Alive;
+        bool const lives =
+            holder == known.owner || files.probe(known.file) == EntryFolder::Socket::Alive;
         if (lives || known.owner == pid)
-            return lives && known.owner == pid;
+            return lives && known.owner == pid ? Claim::True : Claim::False;
     }
-    // Its announcement is still on the way to us.
-    long long const began = OSWrap::Clock::nowNanoseconds();
-    if (files.ownerOf(id.nameId()) != pid && began < noReadingUntil_)
-        return false;  // who is one of us tries again
-    std::vector<FolderEntry> const all = files.list();
-    for (FolderEntry const& entry : all)
-        if (entry.id == id && !entry.hidden && EntryFolder::isOf(pid, entry.file) &&
-            admit(all, entry, gone))
-            break;
-    noReadingUntil_ = restUntil(began, OSWrap::Clock::nowNanoseconds());
-    return table.find(id, known) && known.owner == pid;
+    return holder == pid ? Claim::Unseen : Claim::False;
 }
 
 // ---- Who died -----------------------------------------------------------------------------------
