@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "platform/transport/local/Descriptor.h"
@@ -46,6 +47,14 @@ public:
     }
     /** Whoever else has it is the last. */
     void letGo() { waiting_.reset(); }
+    /** Whether everybody who had it has closed it. */
+    bool isClosed() const {
+        char byte = 0;
+        ssize_t length = 1;
+        while (length > 0)
+            length = ::recv(deaf_.get(), &byte, 1, MSG_DONTWAIT);
+        return length == 0 || errno == ECONNRESET;
+    }
     int release() { return waiting_.release(); }
     /** The other end, which is to outlive whoever closes this one. */
     Transport::Descriptor takeOther() { return std::move(deaf_); }

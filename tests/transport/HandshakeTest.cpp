@@ -1,16 +1,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "AllocationCount.h"
@@ -507,6 +512,91 @@ TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
     EXPECT_TRUE(testsupport::eventually([&] {
         return openDescriptors("socket:") <= before + connections.size();
     })) << "whoever closes hangs";
+}
+
+/** A file whose closing hangs, as long as this lives: that of a file system that never answers. */
+class HangingFile {
+public:
+    HangingFile() {
+        char name[] = "/tmp/reflectorb-XXXXXX";
+        Descriptor const point(::mkstemp(name));
+        path_ = name;
+        std::string const options =
+            "fd=" + std::to_string(device_.get()) + ",rootmode=100600,user_id=0,group_id=0";
+        if (::mount("hanging", name, "fuse", 0, options.c_str()) != 0)
+            return;
+        server_ = std::thread([this] { serve(); });
+        file_ = Descriptor(::open(name, O_RDONLY | O_CLOEXEC));
+    }
+    ~HangingFile() {
+        ends_ = true;
+        if (server_.joinable())
+            server_.join();
+        device_.reset();  // lets all go
+        file_.reset();
+        ::umount2(path_.c_str(), MNT_DETACH);
+        std::filesystem::remove(path_);
+    }
+
+    bool works() const { return file_.valid(); }
+    int get() const { return file_.get(); }
+
+private:
+    void serve() {
+        alignas(fuse_in_header) char request[2 * FUSE_MIN_READ_BUFFER];
+        while (!ends_) {
+            if (!testsupport::isReadable(device_.get(), 10) ||
+                ::read(device_.get(), request, sizeof request) < ssize_t{sizeof(fuse_in_header)})
+                continue;
+            auto const& head = *reinterpret_cast<fuse_in_header const*>(request);
+            fuse_init_out welcome{};
+            welcome.major = FUSE_KERNEL_VERSION;
+            welcome.minor = FUSE_KERNEL_MINOR_VERSION;
+            welcome.max_write = 4096;
+            fuse_attr_out attributes{};
+            attributes.attr.mode = S_IFREG | 0600;
+            attributes.attr.nlink = 1;
+            fuse_open_out const opened{};
+            if (head.opcode == FUSE_INIT)
+                answer(head, &welcome, sizeof welcome);
+            else if (head.opcode == FUSE_GETATTR)
+                answer(head, &attributes, sizeof attributes);
+            else if (head.opcode == FUSE_OPEN)
+                answer(head, &opened, sizeof opened);
+        }
+    }
+    void answer(fuse_in_header const& to, void const* body, std::size_t size) const {
+        fuse_out_header head{static_cast<std::uint32_t>(sizeof head + size), 0, to.unique};
+        iovec parts[] = {{&head, sizeof head}, {const_cast<void*>(body), size}};
+        EXPECT_GT(::writev(device_.get(), parts, 2), 0);
+    }
+
+    Descriptor device_{::open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)};
+    std::string path_;
+    Descriptor file_;
+    std::atomic<bool> ends_{false};
+    std::thread server_;
+};
+
+TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
+    HangingFile const hanging;
+    if (!hanging.works())
+        GTEST_SKIP() << "this user may not mount a file system";
+    HandMadePeer peer;
+    auto const pass = [&](int fd) {
+        ASSERT_TRUE(peer.connect(own_.termId()));
+        sendPacket(peer.socket(), peer.packet(Packet::Hello, kSmallestRing), fd, fd);
+        EXPECT_TRUE(peer.isDropped());
+    };
+    for (int i = 0; i < 20; ++i)
+        pass(hanging.get());
+    {
+        LingeringConnection connection;
+        pass(connection.get());
+        connection.letGo();
+        EXPECT_TRUE(testsupport::eventually([&] { return connection.isClosed(); }));
+    }
+    expectThatAGoodOneIsWelcome();
 }
 
 TEST_F(HandshakeTest, MoreThanThereIsRoomForIsNotClosedByWhoeverReceivesIt) {

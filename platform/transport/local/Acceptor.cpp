@@ -45,10 +45,7 @@ bool Acceptor::listen(OpenSocket listening) {
 void Acceptor::accept() {
     for (int count = 0; count < kAcceptsAtOnce; ++count) {
         if (closersBehind()) {
-            static Logging::LineLimit limit;
-            REFLECTORB_LOG_LIMITED(limit, 3, kSource,
-                                   "termination 0x%08X accepts nobody: closing others hangs",
-                                   receiver_.id().value());
+            tellBehind();
             pause();
             return;
         }
@@ -73,6 +70,13 @@ void Acceptor::tellNoDescriptor() const {
     static Logging::LineLimit limit;
     REFLECTORB_LOG_LIMITED(limit, 3, kSource,
                            "termination 0x%08X has no descriptor left to accept a connection",
+                           receiver_.id().value());
+}
+
+void Acceptor::tellBehind() const {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "termination 0x%08X accepts nobody: closing others hangs",
                            receiver_.id().value());
 }
 
@@ -130,9 +134,10 @@ void Acceptor::hear(std::uint32_t token) {
         keepWaiting(heard, std::clamp(waited, kUnseenPause, kAcceptPause));
         return;
     }
-    if (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel)) {
+    bool const behind = known && closersBehind();
+    if (behind || (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel))) {
         if (!std::exchange(heard.starved, true))
-            tellNoDescriptor();
+            behind ? tellBehind() : tellNoDescriptor();
         keepWaiting(heard, kAcceptPause);
         return;
     }

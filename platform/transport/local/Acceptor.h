@@ -44,7 +44,7 @@ private:
         OpenSocket socket;
         PeerIdentity identity;
         long long deadline;
-        bool starved = false;       // there are no descriptors for a channel
+        bool starved = false;       // none can be taken in for a channel
         long long unseenSince = 0;  // his entry has not been seen here; 0: it has
         long long hearAgainAt =
             0;  // when his Hello, which waits, is looked at again; 0: none waits
@@ -53,6 +53,7 @@ private:
     void receive(OpenSocket socket);
     void pause();
     void tellNoDescriptor() const;
+    void tellBehind() const;
     void tellNonsense(Stranger const& stranger) const;
     void drop(std::uint32_t token);
     Rendezvous::Claim judge(Stranger& stranger, Transfer transfer, Packet const& hello);

@@ -124,7 +124,7 @@ private:
     Packet packet(Packet::Kind kind, std::uint32_t ringCapacity = 0) const;
 
     void readPackets();
-    void awaitDescriptors(int fd);
+    void awaitDescriptors(int fd, char const* reason);
     void goOnWithDescriptors();
     bool takePacket(ReceivedPacket& received);
     bool takeWelcome(ReceivedPacket& received);

@@ -253,8 +253,9 @@ void Channel::readPackets() {
         Transfer const transfer = receivePacket(fd, received);
         if (transfer == Transfer::Later)
             return;
-        if (transfer == Transfer::Exhausted) {
-            awaitDescriptors(fd);
+        if (transfer == Transfer::Exhausted || transfer == Transfer::Behind) {
+            awaitDescriptors(fd, transfer == Transfer::Exhausted ? "no descriptor is left"
+                                                                 : "closing others hangs");
             return;
         }
         if (transfer == Transfer::Closed)
@@ -265,11 +266,10 @@ void Channel::readPackets() {
 }
 
 /** The packet stays in the socket, which would be reported as readable all the time. */
-void Channel::awaitDescriptors(int fd) {
+void Channel::awaitDescriptors(int fd, char const* reason) {
     static Logging::LineLimit limit(kFirstLines);
-    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
-                           "the channel of 0x%08X with 0x%08X waits: no descriptor is left",
-                           ownId_.value(), peer_.value());
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "the channel of 0x%08X with 0x%08X waits: %s",
+                           ownId_.value(), peer_.value(), reason);
     starved_ = true;
     receiver_->unwatch(fd);
     retryLater(kNoMemoryRetry);

@@ -1,8 +1,11 @@
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <new>
 
 #include "oswrap/ConditionVar.h"
@@ -18,17 +21,13 @@ namespace Transport {
 namespace {
 
 constexpr char const* kSource = "Descriptor";
-constexpr int kMostThreads = 8;
 constexpr std::size_t kMostWaiting = 2048;
-constexpr std::size_t kBehind = 256;
 /** A thread without work ends after so long, in nanoseconds. */
 constexpr long long kIdle = 500'000'000;
 
 /** So deep sockets may be in sockets to be emptied. */
 constexpr int kDeepest = 8;
 
-/** Set in the threads that close: what they take out of sockets they close themselves. */
-thread_local bool isCloser = false;
 thread_local int depth = 0;  // of the socket that is being emptied
 
 /** What has come in on a socket of ours, and whoever has connected to it, on their way out. */
@@ -62,17 +61,19 @@ void closePatiently(int fd) {
 }
 
 /**
- * The threads that close what others could make a thread wait for. They are started when there is
- * work that none is free for, and end when there is none. However many of them are held up, what
- * they are given stays bounded, since a receiving thread that finds them behind takes nobody in.
- * One per process, never destroyed.
+ * A queue of descriptors and the threads that close them, because others could make a thread wait
+ * for that. The threads are started when there is work that none is free for, and end when there is
+ * none. However many of them are held up, what they are given stays bounded, since a receiving
+ * thread that finds them behind takes nobody in. Never destroyed.
  */
 class Closers {
 public:
-    static Closers& instance() {
-        static OSWrap::Immortal<Closers> closers;
-        return *closers;
-    }
+    /** `mostHeld`: with more waiting they are behind. */
+    Closers(int mostThreads, std::size_t mostHeld)
+        : mostThreads_(mostThreads), mostHeld_(mostHeld) {}
+
+    /** Those of the calling thread, which closes; else null. */
+    static Closers const* own() { return own_; }
 
     void take(int fd);
     bool behind();
@@ -86,6 +87,10 @@ private:
     void startThread();
     void run();
 
+    static thread_local Closers const* own_;
+
+    int const mostThreads_;
+    std::size_t const mostHeld_;
     OSWrap::ConditionVar change_;  // a leaf: signalled when something was put in
     // A ring, so that closing needs no memory.
     std::array<int, kMostWaiting> waiting_ OSW_GUARDED_BY(change_);
@@ -98,22 +103,28 @@ private:
 /** Deletes itself when there has been nothing to do for a while. */
 class Closers::ClosingThread : public OSWrap::Thread {
 public:
-    ClosingThread()
-        : Thread("TrCloser", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), 64 * 1024, true) {
+    explicit ClosingThread(Closers& closers)
+        : Thread("TrCloser", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), 64 * 1024, true),
+          closers_(closers) {
         deleteOnThreadTermination();
     }
 
 protected:
     int run() override {
-        isCloser = true;
-        instance().run();
+        own_ = &closers_;
+        closers_.run();
         return 0;
     }
+
+private:
+    Closers& closers_;
 };
+
+thread_local Closers const* Closers::own_ = nullptr;
 
 /** Whether one more thread is to be started; it counts from now on. */
 bool Closers::needsThread() {
-    bool const needed = count_ > static_cast<std::size_t>(idle_) && threads_ < kMostThreads;
+    bool const needed = count_ > static_cast<std::size_t>(idle_) && threads_ < mostThreads_;
     threads_ += needed ? 1 : 0;
     return needed;
 }
@@ -145,7 +156,7 @@ bool Closers::behind() {
     bool start = false;
     {
         OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-        if (count_ < kBehind)
+        if (count_ < mostHeld_)
             return false;
         start = needsThread();
     }
@@ -157,7 +168,7 @@ bool Closers::behind() {
 /** Without one, what waits is closed when the next one can be started: at the latest, those who ask
  * whether we are behind try. */
 void Closers::startThread() {
-    auto* const thread = new (std::nothrow) ClosingThread;
+    auto* const thread = new (std::nothrow) ClosingThread(*this);
     if (thread != nullptr && thread->startQuietly() == 0)
         return;
     delete thread;
@@ -195,15 +206,48 @@ void Closers::run() {
     }
 }
 
+/** A quarter of the descriptors that this process may have, as long as the queue has room. */
+std::size_t mostFilesHeld() {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<std::size_t>(std::min<rlim_t>(limit.rlim_max / 4, kMostWaiting - 256));
+}
+
+struct AllClosers {
+    /** Of what the kernel closes by itself: sockets, pipes, memory. */
+    Closers prompt{8, 256};
+    /** Of files, for whose closing a file system may have to ask somebody, who never answers. */
+    Closers files{2, mostFilesHeld()};
+};
+
+AllClosers& allClosers() {
+    static OSWrap::Immortal<AllClosers> all;
+    return *all;
+}
+
+/** Whether it lies in a file system that can be mounted: those without have no path. Asks only the
+ * kernel, which does not ask the file system. */
+bool isFile(int fd) {
+    if (::fcntl(fd, F_GET_SEALS) >= 0)
+        return false;  // memory, whose name looks like a path
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    char first = '/';
+    return ::readlink(path, &first, 1) != 1 || first == '/';
+}
+
 }  // namespace
 
 void closePassed(int fd) {
-    if (inForkedChild())
+    if (inForkedChild()) {
         ::close(fd);
-    else if (isCloser)
+        return;
+    }
+    Closers& closers = isFile(fd) ? allClosers().files : allClosers().prompt;
+    if (Closers::own() == &closers)
         closePatiently(fd);
     else
-        Closers::instance().take(fd);
+        closers.take(fd);
 }
 
 void closeSocket(int fd) {
@@ -219,7 +263,8 @@ void closeSocket(int fd) {
 }
 
 bool closersBehind() {
-    return Closers::instance().behind();
+    bool const files = allClosers().files.behind();
+    return allClosers().prompt.behind() || files;
 }
 
 }  // namespace Transport

@@ -167,7 +167,9 @@ Transfer receivePacket(int socket, ReceivedPacket& received) {
     if (seen != Transfer::Done)
         return seen;
     if (passes) {
-        if (closersBehind() || !descriptorsLeft(socket, kMostDescriptors))
+        if (closersBehind())
+            return Transfer::Behind;
+        if (!descriptorsLeft(socket, kMostDescriptors))
             return Transfer::Exhausted;
         Transfer const copied = copyDescriptors(socket, received);
         if (copied != Transfer::Done)

@@ -70,6 +70,7 @@ enum class Transfer {
     Done,
     Later,      // nothing has come, or nothing can be sent now
     Exhausted,  // what has come brings descriptors, and this process has none left: it waits there
+    Behind,     // likewise, but so much waits to be closed that no more is taken in
     Closed,
     Garbage,
 };
