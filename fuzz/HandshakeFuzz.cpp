@@ -18,6 +18,7 @@
 #include "Script.h"
 #include "platform/transport/local/Bell.h"
 #include "platform/transport/local/ChannelSides.h"
+#include "platform/transport/local/HiddenName.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "tests/support/HandMadeLink.h"
@@ -301,7 +302,8 @@ private:
     // ---- The folder ----
 
     static std::string folder() { return std::getenv("TRANSPORT_DIR"); }
-    /** Beside the entries. */
+    static std::string presence() { return folder() + "/presence"; }
+    /** Beside the entries, or in place of the shared file. */
     void addFile() {
         unsigned char const type = script_.byte();
         std::string name = script_.text().substr(0, 80);
@@ -312,6 +314,10 @@ private:
             name = hexadecimal(own_.termId().value()) + name;
         if ((type & 32) != 0)
             name = hexadecimal(peer_.id().value() ^ 0x01000000u) + name;
+        if ((type & 8) != 0)
+            name += ".pid" + std::to_string((type & 128) != 0 ? ::getpid() : 1) + ".x";
+        if ((type & 4) != 0)
+            name = Transport::kHiddenPrefix + name;
         std::string const path = folder() + "/" + name;
         if (name.empty() ||
             std::filesystem::exists(std::filesystem::symlink_status(path, ignored_)))
@@ -322,7 +328,7 @@ private:
                 listenAt(path);
                 break;
             case 1:
-                std::ofstream(path) << "x";
+                std::ofstream(path) << ((type & 64) != 0 ? script_.text() : "x");
                 break;
             case 2:
                 std::filesystem::create_directory(path, ignored_);
@@ -330,6 +336,10 @@ private:
             default:
                 std::filesystem::create_symlink("presence", path, ignored_);
                 break;
+        }
+        if ((type & 64) != 0) {
+            std::filesystem::remove(presence(), ignored_);
+            std::filesystem::rename(path, presence(), ignored_);
         }
         Rendezvous::instance().suspect(peer_.id());
         scan();
@@ -349,10 +359,24 @@ private:
         static_cast<void>(
             ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
+    /** Kept open as long as it is in the folder: whoever closes it gives up his process's locks. */
+    static int openPresence() {
+        static Descriptor file;
+        struct stat held {};
+        struct stat there {};
+        if (::lstat(presence().c_str(), &there) != 0 || !S_ISREG(there.st_mode))
+            return -1;
+        if (!file.valid() || ::fstat(file.get(), &held) != 0 || held.st_ino != there.st_ino) {
+            file.reset();
+            file = Descriptor(::open(presence().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        }
+        return file.get();
+    }
     /** What the shared file of the folder says. */
     void spoilPresence() {
-        // Whoever closes the file gives up his process's locks on it.
-        static int const file = ::open((folder() + "/presence").c_str(), O_RDWR | O_CLOEXEC);
+        int const file = openPresence();
+        if (file < 0)
+            return;
         unsigned char const which = script_.byte();
         std::uint32_t const word = script_.number();
         bool const done = which % 4 == 3 ? ::ftruncate(file, script_.byte()) == 0
