@@ -277,10 +277,13 @@ TEST_F(FolderTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
 }
 
 TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
+    PresenceActor model;
+    std::string const first = model.start();
+    std::string visible = entryOf(first);
+    model.stop(first);
     PresenceActor slow;
-    for (int i = 0; i < 2; ++i)
-        ASSERT_NE(slow.ask("seat 3", "seated"), kRefused);
     std::string const id = slow.ask("seat 3", "seated");
+    ASSERT_EQ(id.substr(4), "0002");
     auto const replace = [&](std::uint32_t lastNameId) {
         std::string content(4096, '\0');
         content.replace(4, sizeof lastNameId, reinterpret_cast<char const*>(&lastNameId),
@@ -288,20 +291,17 @@ TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
         fs::remove(shared());
         std::ofstream(shared()) << content;
     };
-    replace(2);
-    PresenceActor newcomer;
-    std::string const other = newcomer.start();
-    EXPECT_EQ(other.substr(4), "0004") << "3 is next";
-    replace(4);
-    LockHolder const thief(shared(), 0x10003, 1);
-    std::string visible = entryOf(other);
-    ASSERT_NE(visible, "");
+    replace(1);
+    Peer newcomer;
+    EXPECT_EQ(newcomer.id().nameId(), 3) << "2 is next";
+    replace(3);
+    LockHolder const thief(shared(), 0x10002, 1);
     visible.replace(0, id.size(), id);
-    std::string const pid = std::to_string(newcomer.child().pid());
+    std::string const pid = std::to_string(model.child().pid());
     visible.replace(visible.find(pid), pid.size(), std::to_string(slow.child().pid()));
     fs::create_directory(folder_.path() + "/" + visible);
     EXPECT_EQ(slow.ask("show " + id, "shown"), "yes");
-    EXPECT_TRUE(eventually([&] { return slow.known() == 2 && newcomer.known() == 2; }));
+    EXPECT_TRUE(eventually([&] { return slow.known() == 2 && newcomer.knowsAll(2); }));
     EXPECT_NE(PresenceActor().start(), kRefused);
 }
 

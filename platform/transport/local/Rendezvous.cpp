@@ -280,8 +280,8 @@ int Rendezvous::publish(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
     int socket = -1;
     if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); }))
-        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it has no memory",
-                      own.value());
+        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", own.value(),
+                      "has no memory");
     return socket;
 }
 
