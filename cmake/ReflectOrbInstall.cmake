@@ -26,6 +26,7 @@ write_basic_package_version_file(
 install(FILES
     "${PROJECT_BINARY_DIR}/ReflectOrbConfig.cmake"
     "${PROJECT_BINARY_DIR}/ReflectOrbConfigVersion.cmake"
+    "${PROJECT_SOURCE_DIR}/cmake/ReflectOrbIdl.cmake"
     DESTINATION "${REFLECTORB_INSTALL_CMAKEDIR}")
 
 # The files name the prefix relative to themselves, so an installed tree can be moved.

@@ -1,0 +1,166 @@
+"""IDL types in C++: how they are written, passed and begun."""
+from .description import types_in
+from .scopes import arguments, results
+
+_BASES = {
+    "void": "void",
+    "short": "std::int16_t",
+    "long": "int",
+    "long long": "std::int64_t",
+    "unsigned short": "std::uint16_t",
+    "unsigned long": "unsigned int",
+    "unsigned long long": "std::uint64_t",
+    "float": "float",
+    "double": "double",
+    "boolean": "bool",
+    "char": "char",
+    "wchar": "wchar_t",
+    "octet": "std::uint8_t",
+    "any": "TipprmiAny",
+    "string": "std::string",
+    "wstring": "std::wstring",
+    "TypeCode": "std::string",
+    "Principal": "std::vector<std::uint8_t>",
+}
+_TEXTS = {
+    "short": "int16",
+    "long": "int",
+    "long long": "int64",
+    "unsigned short": "uint16",
+    "unsigned long": "unsigned",
+    "unsigned long long": "uint64",
+    "float": "float",
+    "double": "double",
+    "boolean": "bool",
+    "char": "char",
+    "wchar": "wchar",
+    "octet": "uint8",
+    "any": "any",
+    "string": "string",
+    "wstring": "wstring",
+    "TypeCode": "string",
+    "Principal": "bytes",
+}
+_SCALARS = frozenset(_BASES) - {"void", "any", "string", "wstring", "TypeCode", "Principal"}
+
+
+class Types:
+    def __init__(self, description, scopes):
+        self._all = description
+        self._scopes = scopes
+
+    # ---- C++ -----------------------------------------------------------------------------------
+
+    def cpp(self, type_, scope, hidden=frozenset()):
+        """The C++ type, to be named in the namespace `scope`."""
+        if "sequence" in type_:
+            return "std::vector<%s>" % self.cpp(type_["sequence"], scope, hidden)
+        if "array" in type_:
+            return "std::array<%s, %d>" % (self.cpp(type_["array"], scope, hidden), type_["size"])
+        if "ref" in type_:
+            return self._named(type_["ref"], scope, hidden)
+        return _BASES.get(type_["base"], "TreflectObject")
+
+    def _named(self, scoped, scope, hidden):
+        entry = self._all.find(scoped)
+        if entry is None or (entry["kind"] == "interface" and "refused" in entry):
+            return "TreflectObject"
+        if entry["kind"] == "interface":
+            return self._scopes.short(self._scopes.client(entry), scope, hidden)
+        if entry["kind"] == "native":
+            return entry["cpp"]["type"]
+        return self._scopes.short(self._scopes.place(entry), scope, hidden)
+
+    def passed(self, type_, scope, hidden=frozenset()):
+        """The type of a parameter."""
+        name = self.cpp(type_, scope, hidden)
+        return name if self.is_scalar(type_) else name + " const&"
+
+    def is_scalar(self, type_):
+        type_ = self._all.resolve(type_)
+        return type_.get("base") in _SCALARS or type_.get("kind") == "enum"
+
+    def field(self, type_, name, scope, hidden=frozenset()):
+        """A field with the value that it begins with."""
+        base = self._all.resolve(type_)
+        cpp = self.cpp(type_, scope, hidden)
+        if base.get("base") == "boolean":
+            return "%s %s = false;" % (cpp, name)
+        if base.get("base") in _SCALARS:
+            return "%s %s = 0;" % (cpp, name)
+        if base.get("kind") == "native":
+            return "%s %s = tipprmiBlank<%s>();" % (cpp, name, cpp)
+        return "%s %s{};" % (cpp, name)
+
+    def result(self, interface, operation, scope, hidden=frozenset()):
+        """What a call of an operation yields."""
+        values = results(operation)
+        if len(values) > 1:
+            return self._scopes.short(self._scopes.result(interface, operation), scope, hidden)
+        return self.cpp(values[0][1], scope, hidden) if values else "void"
+
+    # ---- What must be declared before ----------------------------------------------------------
+
+    def by_value(self, type_):
+        """The declarations that must be complete where a value of the type stands."""
+        type_ = self._all.resolve(type_)
+        while "array" in type_:
+            type_ = self._all.resolve(type_["array"])
+        return [self._all.find(type_["ref"])] if "ref" in type_ else []
+
+    def aliases(self, type_):
+        """The declarations that have no forward declaration: typedefs and enums."""
+        for inner in types_in(type_):
+            if inner.get("kind") in ("typedef", "enum"):
+                yield self._all.find(inner["ref"])
+
+    def mentioned(self, type_):
+        for inner in types_in(type_):
+            if "ref" in inner:
+                yield self._all.find(inner["ref"])
+
+    # ---- Tables --------------------------------------------------------------------------------
+
+    def text(self, type_, around=()):
+        """The name that the type has in class tables. A struct that contains itself is named by its
+        name alone where it does."""
+        if "sequence" in type_:
+            if self._all.resolve(type_["sequence"]) == {"base": "octet"}:
+                return "bytes"
+            return "sequence<%s>" % self.text(type_["sequence"], around)
+        if "array" in type_:
+            return "{%s}" % ",".join([self.text(type_["array"], around)] * type_["size"])
+        if "ref" in type_:
+            return self._named_text(type_, around)
+        return _TEXTS.get(type_["base"], "object")
+
+    def _named_text(self, type_, around):
+        entry = self._all.find(type_["ref"])
+        if entry is None or entry["kind"] == "interface":
+            return "object"
+        if entry["kind"] == "typedef":
+            return self.text(entry["type"], around)
+        if entry["kind"] == "native":
+            return entry["cpp"]["grammar"]
+        if entry["scoped"] in around:
+            return entry["name"]
+        return getattr(self, "_text_of_" + entry["kind"])(entry, around + (entry["scoped"],))
+
+    def _text_of_enum(self, entry, _around):
+        values = ",".join("%s=%d" % (e["name"], i) for i, e in enumerate(entry["enumerators"]))
+        return "enum %s{%s}" % (entry["name"], values)
+
+    def _text_of_struct(self, entry, around):
+        fields = ", ".join(
+            "%s %s" % (self.text(field["type"], around), field["name"]) for field in entry["fields"]
+        )
+        return "struct %s{%s}" % (entry["name"], fields)
+
+    def _text_of_union(self, entry, _around):
+        return "union %s" % entry["name"]
+
+    def arguments(self, operation):
+        return [self.text(type_) for _, type_ in arguments(operation)]
+
+    def results(self, operation):
+        return [self.text(type_) for _, type_ in results(operation)]

@@ -1,0 +1,53 @@
+"""What the tests of the compiler share: how it is run, and how they fail."""
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+
+
+class Test:
+    def __init__(self):
+        parser = argparse.ArgumentParser()
+        for name in ("compiler", "omniidl", "source", "work", "cxx"):
+            parser.add_argument("--" + name, required=True)
+        self.options = parser.parse_args()
+        self.here = os.path.dirname(os.path.abspath(__file__))
+        self.work = self.options.work
+        self._faults = 0
+        shutil.rmtree(self.work, ignore_errors=True)
+        os.makedirs(self.work)
+
+    def compile(self, *arguments):
+        """Exit code, standard output and standard error."""
+        done = subprocess.run(
+            [self.options.compiler, "--omniidl", self.options.omniidl, *arguments],
+            capture_output=True,
+            text=True,
+            check=False,
+            cwd=self.here,
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def check_sources(self, files, includes):
+        """Has the C++ compiler read generated files; its messages."""
+        command = [self.options.cxx, "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic"]
+        command += ["-Wshadow", "-I", os.path.join(self.options.source, "include")]
+        for folder in includes:
+            command += ["-I", folder]
+        unit = os.path.join(self.work, "unit.cpp")
+        with open(unit, "w", encoding="utf-8") as out:
+            out.writelines('#include "%s"\n' % file for file in files)
+        done = subprocess.run(command + [unit], capture_output=True, text=True, check=False)
+        return done.stderr
+
+    def fault(self, text):
+        self._faults += 1
+        print("FAULT: " + text)
+
+    def expect(self, holds, text):
+        if not holds:
+            self.fault(text)
+
+    def finish(self):
+        sys.exit(1 if self._faults else 0)
