@@ -6,8 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "House.h"
-#include "Lamp.h"
+#include "home.h"
 
 namespace {
 
@@ -18,14 +17,14 @@ public:
     ~Lamp() override { sendDeletionEvent(); }  // first: all of the lamp is still there
 
     unsigned int getLevel() override { return level_; }
-    TipprmiResult<void> setLevel(unsigned int level) override {
-        if (level > 100)
-            return TipprmiFailure(lamp::kTooBright);
+    TipprmiOutcome<void, lamp::TooBright> setLevel(unsigned int level) override {
+        if (level > kBrightest)
+            return lamp::TooBright{kBrightest};
         level_ = level;
         return {};
     }
-    Steps getSteps() override { return steps_; }
-    void setSteps(Steps const& steps) override { steps_ = steps; }
+    lamp::Steps getSteps() override { return steps_; }
+    void setSteps(lamp::Steps const& steps) override { steps_ = steps; }
     unsigned int nextStep() override {
         for (unsigned int const step : steps_) {
             if (step > level_)
@@ -39,14 +38,16 @@ public:
     }
 
 private:
+    static constexpr unsigned int kBrightest = 100;
+
     // All of an object is guarded by the run permission: it needs no locks.
     unsigned int level_ = 10;
-    Steps steps_;
+    lamp::Steps steps_;
 };
 
 class House final : public HouseSkeleton {
 public:
-    House() : HouseSkeleton(house::id(), nullptr, house::kName) {}
+    House() : HouseSkeleton(TipprmiOID(house::name, NSID_UNIT), nullptr, house::name) {}
     /** The end of all lamps. */
     void close() {
         // Each end gives the permission up. Calls that come in meanwhile find a house in order,
@@ -55,16 +56,17 @@ public:
         Lamps const gone = std::exchange(lamps_, {});
     }
 
-    TipprmiResult<TreflectObject> addLamp(std::string const& name) override {
+    TipprmiOutcome<LampClient, house::BadName, house::NoPlace> addLamp(
+        std::string const& name) override {
         if (name.empty() || name.find('/') != std::string::npos)
-            return TipprmiFailure(house::kBadName);
+            return house::BadName{};
         if (isClosed_ || lamps_.count(name) != 0)
-            return TipprmiFailure(house::kNoPlace);
+            return house::NoPlace{};
         auto const lamp = std::make_shared<Lamp>(*getClient(), name);
         lamps_[name] = lamp;
         // Gives the permission up: the lamp may be removed meanwhile.
         lamp->sendCreationEvent();
-        return *lamp->getClient();
+        return lamp->getClient()->as<LampClient>();
     }
     bool removeLamp(std::string const& name) override {
         // Out of the map first: the end of a lamp gives the permission up as well.

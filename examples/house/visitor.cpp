@@ -7,8 +7,7 @@
 
 #include <cstdio>
 
-#include "House.h"
-#include "Lamp.h"
+#include "home.h"
 
 namespace {
 
@@ -19,9 +18,9 @@ void callByClientClass(LampClient const& lamp) {
     if (level)
         std::printf("level %u\n", level.value());
 
-    TipprmiResult<void> const result = lamp.setLevel(101);
-    if (!result && result.code() == lamp::kTooBright)
-        std::puts("101 is too bright");
+    auto const result = lamp.setLevel(101);
+    if (auto const* const refusal = result.raised<lamp::TooBright>())
+        std::printf("101 is too bright, the limit is %u\n", refusal->limit);
 
     if (lamp.blink(3, "somebody rings").valueOr(false))
         std::puts("it has blinked");
@@ -33,12 +32,9 @@ void useByName(TreflectObject const& lamp) {
         lamp.attribute("Level").set(level + 1);
 
     TreflectAttribute& steps = lamp.attribute("Steps");
-    Steps values;
-    for (unsigned int const value : {25u, 50u, 75u})
-        values.push_back(value);
-    steps.set(values);
-    TipprmiResult<Steps> const read = steps.fetch<Steps>();
-    std::printf("%u steps\n", read.value().getLength());  // none if it failed; read.code() says why
+    steps.set(lamp::Steps{25, 50, 75});
+    TipprmiResult<lamp::Steps> const read = steps.fetch<lamp::Steps>();
+    std::printf("%zu steps\n", read.value().size());  // none if it failed; read.code() says why
     steps.setContainerType(TreflectAttribute::kSequence);  // the value has elements
     unsigned int second = 0;
     if (steps[1].get(second) == 0)  // reads one of them
@@ -176,7 +172,7 @@ int main() {
     Transport::Setup::actor("visitor");
     Logging::setThreshold(3);  // errors only
     TreflectHandlerState const inside(true);
-    HouseClient const house(house::id());
+    HouseClient const house(TipprmiOID(house::name, NSID_UNIT));
     if (!house.isConnected()) {
         std::puts("nobody serves the house");
         return 1;

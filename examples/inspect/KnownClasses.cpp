@@ -1,5 +1,4 @@
 // The classes that `inspect` knows. This is its only file that knows any: to look at objects of
 // other classes as well, include the header that has their meta information.
-#include "../house/House.h"
-#include "../house/Lamp.h"
+#include "../house/generated/home.h"
 #include "../machine/MachineClasses.h"

@@ -24,7 +24,8 @@ pkgconfig)
     for program in house visitor; do
         # Unquoted on purpose: these are lists of flags.
         # shellcheck disable=SC2046
-        "$compiler" -std=c++17 "$examples/house/$program.cpp" -o "$work/build/$program" \
+        "$compiler" -std=c++17 "-I$examples/house/generated" \
+            "$examples/house/$program.cpp" "$examples/house/generated/home.cpp" -o "$work/build/$program" \
             $(pkg-config --cflags --libs reflectorb) "-Wl,-rpath,$work/prefix/$lib"
     done
     ;;

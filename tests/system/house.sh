@@ -40,7 +40,7 @@ wait "$visiting"
 sed 's/broker 0x[0-9A-F]*/broker/' "$work/seen" | diff - <(
     cat <<'END'
 level 10
-101 is too bright
+101 is too bright, the limit is 100
 it has blinked
 3 steps
 the second is 50
