@@ -206,6 +206,8 @@ private:
         if (!connection || !connection->own.valid())
             return;
         int const bell = connection->own.bell.get();
+        // It may have been done before.
+        ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) | O_NONBLOCK);
         for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
             while (::write(bell, &step, sizeof step) > 0) {
             }
