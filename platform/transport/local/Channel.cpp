@@ -51,9 +51,9 @@ Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Ro
 }
 
 bool Channel::putLocked(AddressedMessage const& message) {
-    if (writer_->put(message.buf(), message.size()))
+    if (link_->writer->put(message.buf(), message.size()))
         return true;
-    return growLocked(message.size()) && writer_->put(message.buf(), message.size());
+    return growLocked(message.size()) && link_->writer->put(message.buf(), message.size());
 }
 
 Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room) {
@@ -95,11 +95,11 @@ void Channel::drainLocked() {
     while (!queue_.empty()) {
         if (sendFrontLocked() || growLocked(queue_.front()->size))
             continue;
-        if (writer_->broken())
+        if (link_->writer->broken())
             receiver_->request(*this);
-        if (std::exchange(spaceAsked_, true))
+        if (std::exchange(link_->spaceAsked, true))
             break;
-        writer_->wantSpace();
+        link_->writer->wantSpace();
     }
     ringIfAsleepLocked();
 }
@@ -107,19 +107,19 @@ void Channel::drainLocked() {
 /** Whether anything went into the ring. */
 bool Channel::sendFrontLocked() {
     MessageBlock const& front = *queue_.front();
-    if (frontDone_ == 0 && writer_->put(front.data(), front.size)) {
+    if (link_->frontDone == 0 && link_->writer->put(front.data(), front.size)) {
         AddressedMessage sent = popFrontLocked();
         if (wasSentAgain(sent))
-            writer_->keepUntilTaken(std::move(sent));
+            link_->writer->keepUntilTaken(std::move(sent));
         return true;
     }
-    if (frontDone_ == 0 && !writer_->isLarge(front.size))
+    if (link_->frontDone == 0 && !link_->writer->isLarge(front.size))
         return false;
-    std::uint32_t const done = writer_->putPiece(front.data(), front.size, frontDone_);
-    frontDone_ += done;
-    if (frontDone_ == front.size) {
-        writer_->keepUntilTaken(popFrontLocked());
-        frontDone_ = 0;
+    std::uint32_t const done = link_->writer->putPiece(front.data(), front.size, link_->frontDone);
+    link_->frontDone += done;
+    if (link_->frontDone == front.size) {
+        link_->writer->keepUntilTaken(popFrontLocked());
+        link_->frontDone = 0;
     }
     return done != 0;
 }
@@ -132,14 +132,14 @@ AddressedMessage Channel::popFrontLocked() {
 /** Goes on in a larger ring if one is allowed for messages of this size. */
 bool Channel::growLocked(std::size_t messageSize) {
     std::uint32_t const bound = messageSize > kUsualRing / 8 ? kLargestRing : kUsualRing;
-    std::uint32_t wanted = writer_->capacity();
-    if (growthFailed_ || wanted >= bound || frontDone_ != 0 || writer_->broken())
+    std::uint32_t wanted = link_->writer->capacity();
+    if (link_->growthFailed || wanted >= bound || link_->frontDone != 0 || link_->writer->broken())
         return false;
     do
         wanted *= 4;
     while (wanted < bound && wanted / 4 < messageSize);
     wanted = std::min(wanted, bound);
-    growthFailed_ = true;
+    link_->growthFailed = true;
     Descriptor const file = makeSealedFile(wanted);
     if (!file.valid())
         return false;
@@ -149,16 +149,17 @@ bool Channel::growLocked(std::size_t messageSize) {
     area.starts = FrameStarts(wanted);
     sealWriting(file.get());
     if (!area.mapping.valid() || !area.starts.valid() ||
-        sendPacket(socket_.get(), packet(Packet::NextRing, wanted), file.get()) != Transfer::Done)
+        sendPacket(link_->socket.get(), packet(Packet::NextRing, wanted), file.get()) !=
+            Transfer::Done)
         return false;
-    growthFailed_ = false;
-    writer_->goOnIn(std::move(area));
+    link_->growthFailed = false;
+    link_->writer->goOnIn(std::move(area));
     return true;
 }
 
 void Channel::ringIfAsleepLocked() {
-    if (writer_->mustRing())
-        ringDoorBell(peerBell_);
+    if (link_->writer->mustRing())
+        ringDoorBell(link_->peerBell);
 }
 
 void Channel::peerGone() {
@@ -177,18 +178,18 @@ void Channel::goOn() {
 // ---- The ring: receiving thread ----------------------------------------------------------------
 
 void Channel::onBell() {
-    if (!reader_.has_value())
+    if (!stands())
         return;
     receiver_->makeHot(*this);
     OSWrap::Lock<> lock(mutex_);
-    spaceAsked_ = false;
-    growthFailed_ = false;
+    link_->spaceAsked = false;
+    link_->growthFailed = false;
     if (state_ == State::Open && !queue_.empty())
         drainLocked();
 }
 
 bool Channel::receiveBatch() {
-    if (!reader_.has_value())
+    if (!stands())
         return false;
     if (heldBack_.load() && !ending()) {
         receiver_->makeCold(*this);  // awake, so that the peer need not ring
@@ -199,39 +200,39 @@ bool Channel::receiveBatch() {
         closeForGarbage("its ring holds nonsense");
     else if (batch == Batch::NoMemory)
         closeForShortage();
-    else if (ending() || byeSeen_ || garbageSeen_)
+    else if (ending() || connection_->byeSeen || connection_->garbageSeen)
         react();
     return batch != Batch::Empty;
 }
 
 Channel::Batch Channel::readBatch() {
-    std::uint32_t const start = reader_->position();
+    std::uint32_t const start = connection_->reader->position();
     for (int count = 0; count < kMessagesPerBatch && !receiver_->stopping() &&
-                        reader_->position() - start < kBytesPerBatch;
+                        connection_->reader->position() - start < kBytesPerBatch;
          ++count) {
-        if (awaitsRing_ && !switchRing()) {
-            if (!starved_)
+        if (connection_->awaitsRing && !switchRing()) {
+            if (!connection_->starved)
                 return Batch::Garbage;
             break;
         }
         if (count > 0 && heldBack_.load(std::memory_order_relaxed) && !ending())
             break;
         AddressedMessage message;
-        RingReader::Result const result = reader_->next(message);
+        RingReader::Result const result = connection_->reader->next(message);
         if (result == RingReader::Result::Garbage)
             return Batch::Garbage;
         if (result == RingReader::Result::NoMemory)
             return awaitMemory();
-        shortages_ = 0;
-        awaitsRing_ = result == RingReader::Result::NextRing;
+        connection_->shortages = 0;
+        connection_->awaitsRing = result == RingReader::Result::NextRing;
         if (result == RingReader::Result::Nothing ||
             (result == RingReader::Result::Message && !take(message)))
             break;
     }
-    if (reader_->position() == start)
+    if (connection_->reader->position() == start)
         return Batch::Empty;
-    if (reader_->finishBatch())
-        ringDoorBell(peerSide_.bell.get());
+    if (connection_->reader->finishBatch())
+        ringDoorBell(connection_->peer.bell.get());
     return Batch::More;
 }
 
@@ -239,10 +240,10 @@ Channel::Batch Channel::readBatch() {
  * sender's. */
 bool Channel::take(AddressedMessage& message) {
     if (receiver_->stopping()) {
-        reader_->leave();
+        connection_->reader->leave();
         return false;
     }
-    reader_->keep();
+    connection_->reader->keep();
     message.originator(peer_);
     message.destination(ownId_);
     receiver_->deliver(message);
@@ -253,7 +254,7 @@ bool Channel::take(AddressedMessage& message) {
  * back to its sender with those behind it. */
 Channel::Batch Channel::awaitMemory() {
     constexpr int kMostShortages = 100;
-    if (++shortages_ > kMostShortages)
+    if (++connection_->shortages > kMostShortages)
         return Batch::NoMemory;
     OSWrap::awaitMemory();
     return Batch::More;
@@ -261,13 +262,13 @@ Channel::Batch Channel::awaitMemory() {
 
 /** The file of the next ring was sent before the ring told of it. */
 bool Channel::switchRing() {
-    if (nextRings_.empty() && !starved_)
+    if (connection_->nextRings.empty() && !connection_->starved)
         readPackets();
-    if (nextRings_.empty())
+    if (connection_->nextRings.empty())
         return false;
-    reader_->goOnIn(std::move(nextRings_.front()));
-    nextRings_.pop_front();
-    awaitsRing_ = false;
+    connection_->reader->goOnIn(std::move(connection_->nextRings.front()));
+    connection_->nextRings.pop_front();
+    connection_->awaitsRing = false;
     return true;
 }
 
@@ -275,24 +276,25 @@ bool Channel::switchRing() {
  * that follow do that, a batch each. Bounded, for a peer that goes on writing after it has said its
  * last word. */
 bool Channel::hasReadAll() {
-    if (!reader_.has_value() || receiver_->stopping())
+    if (!stands() || receiver_->stopping())
         return true;
-    if (!endingFrom_.has_value())
-        endingFrom_ = reader_->position();
-    if (!reader_->hasData() || reader_->position() - *endingFrom_ > 2 * kLargestRing)
+    if (!connection_->endingFrom.has_value())
+        connection_->endingFrom = connection_->reader->position();
+    if (!connection_->reader->hasData() ||
+        connection_->reader->position() - *connection_->endingFrom > 2 * kLargestRing)
         return true;
     receiver_->makeHot(*this);
     return false;
 }
 
 void Channel::fallAsleep() {
-    if (reader_.has_value())
-        reader_->fallAsleep();
+    if (stands())
+        connection_->reader->fallAsleep();
 }
 
 void Channel::wakeUp() {
-    if (reader_.has_value())
-        reader_->wakeUp();
+    if (stands())
+        connection_->reader->wakeUp();
 }
 
 }  // namespace Transport

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageQueue.h"
@@ -76,7 +78,9 @@ public:
     void onBell();
     /** A bounded number of messages; false when there was nothing. */
     bool receiveBatch();
-    bool hasData() const { return reader_.has_value() && !awaitsRing_ && reader_->hasData(); }
+    bool hasData() const {
+        return stands() && !connection_->awaitsRing && connection_->reader->hasData();
+    }
     void fallAsleep();
     void wakeUp();
     /** When to call `service` again by itself; 0: not at all. */
@@ -85,7 +89,7 @@ public:
     void giveBackIfIdle();
     /** Closes the connection, for which memory did not suffice. */
     void closeForShortage();
-    bool connected() const { return own_.control.valid(); }
+    bool connected() const { return connection_.has_value(); }
     /** The own termination ends: sends on what fits, closes, and answers how many messages are
      * lost. */
     std::size_t shutDown();
@@ -95,6 +99,48 @@ private:
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
     enum class Batch { Empty, More, Garbage, NoMemory };
+    /** Why a connection is of no more use, once what the peer has sent has been taken in. When
+     * several reasons come together, the last of them in this list decides. */
+    enum class Ending {
+        None,
+        BothLeave,     // its Bye has crossed ours
+        WeLeave,       // we answer its Bye
+        SocketClosed,  // end of file
+        PeerLeft,      // it has answered our Bye
+        PeerGone,      // the termination itself
+    };
+    /** What all threads need for sending. Lives as long as the Connection. */
+    struct Link {
+        explicit Link(OpenSocket with) : socket(std::move(with)) {}
+        OpenSocket socket;
+        std::optional<RingWriter> writer;  // once the connection stands
+        std::uint32_t frontDone = 0;       // bytes of the queue's front one already sent
+        int peerBell = -1;                 // Connection::peer's
+        bool spaceAsked = false;           // and the peer's bell not yet handled
+        bool growthFailed = false;         // do not try again before the next bell
+    };
+    /** What the receiving thread needs, and what it has seen: all of that is over with the
+     * connection. */
+    struct Connection {
+        explicit Connection(OwnSide side) : own(std::move(side)) {}
+        bool ending() const { return reason != Ending::None; }
+        void endFor(Ending another) { reason = std::max(reason, another); }
+
+        OwnSide own;
+        PeerSide peer;
+        std::optional<RingReader> reader;  // once it stands
+        std::deque<RingArea> nextRings;    // announced by the peer, oldest first
+        bool awaitsRing = false;           // the ring goes on in one that has not been taken in yet
+        bool starved = false;              // a packet waits until there are descriptors for it
+        bool byeSeen = false;              // and not yet reacted to, as with garbageSeen
+        bool garbageSeen = false;
+        Ending reason = Ending::None;
+        std::optional<std::uint32_t> endingFrom;  // where the reader stood when the end was seen
+        int shortages = 0;  // looks in a row at a message for which there is no memory
+        std::uint32_t lastSent = 0;
+        std::uint32_t lastReceived = 0;
+        int idleLooks = 0;
+    };
     /** A Hello and the socket that it came on. */
     struct Greeting {
         OpenSocket socket;
@@ -137,14 +183,18 @@ private:
     bool take(AddressedMessage& message);
     Batch awaitMemory();
     bool switchRing();
-    bool ending() const { return ended_ || leftSeen_ || leaving_ || goneSeen_; }
+    bool stands() const { return connected() && connection_->reader.has_value(); }
+    bool ending() const { return connected() && connection_->ending(); }
     bool hasReadAll();
     void end();
     void closeForGarbage(char const* what);
     void close(Unread unread);
     bool giveBackUntaken();
-    void dismiss();
-    void forgetPackets();
+    void endWithSocket();
+    void dropConnection();
+    OpenSocket unlinkLocked() OSW_REQUIRES(mutex_);
+    void giveBackAll();
+    void closeGone();
     void clearUpGone();
 
     std::shared_ptr<Receiver> const receiver_;
@@ -160,37 +210,15 @@ private:
     OSWrap::Mutex mutex_;
     State state_ OSW_GUARDED_BY(mutex_) = State::Idle;
     MessageQueue queue_ OSW_GUARDED_BY(mutex_);
-    std::uint32_t frontDone_ OSW_GUARDED_BY(mutex_) = 0;  // bytes of the front one already sent
-    std::optional<RingWriter> writer_ OSW_GUARDED_BY(mutex_);
-    OpenSocket socket_ OSW_GUARDED_BY(mutex_);
-    int peerBell_ OSW_GUARDED_BY(mutex_) = -1;          // peerSide_.bell
-    bool spaceAsked_ OSW_GUARDED_BY(mutex_) = false;    // and the peer's bell not yet handled
-    bool growthFailed_ OSW_GUARDED_BY(mutex_) = false;  // do not try again before the next bell
+    std::optional<Link> link_ OSW_GUARDED_BY(mutex_);
 
     // Receiving thread only.
-    int shortages_ = 0;  // looks in a row at a message for which there is no memory
-    OwnSide own_;
-    PeerSide peerSide_;
-    std::optional<RingReader> reader_;
+    std::optional<Connection> connection_;  // not in Idle and Wanted
     /** Of a connection that has ended; there is no other one before all this has gone back. */
     std::optional<SentMessages> untaken_;
-    std::deque<RingArea> nextRings_;  // announced by the peer, oldest first
-    bool awaitsRing_ = false;         // the ring goes on in one that has not been taken in yet
-    bool starved_ = false;            // a packet waits until there are descriptors for it
-    bool ended_ = false;              // end of file seen
-    bool leftSeen_ = false;
-    bool byeSeen_ = false;
-    bool garbageSeen_ = false;
-    bool leaving_ = false;   // a Bye has been answered, or crosses ours
-    bool saysLeft_ = false;  // when that is done
-    bool goneSeen_ = false;
-    std::optional<Greeting> greeting_;         // answered when this connection has ended
-    std::optional<std::uint32_t> endingFrom_;  // where the reader stood when the end was seen
-    int attempts_ = 0;                         // to connect, without success
+    std::optional<Greeting> greeting_;  // answered when this connection has ended
+    int attempts_ = 0;                  // to connect, without success
     long long retryAt_ = 0;
-    std::uint32_t lastSent_ = 0;
-    std::uint32_t lastReceived_ = 0;
-    int idleLooks_ = 0;
 };
 
 }  // namespace Transport

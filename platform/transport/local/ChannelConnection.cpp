@@ -36,7 +36,7 @@ Channel::State Channel::state() {
 
 int Channel::socket() {
     OSWrap::Lock<> lock(mutex_);
-    return socket_.get();
+    return link_.has_value() ? link_->socket.get() : -1;
 }
 
 // ---- Connecting ---------------------------------------------------------------------------------
@@ -46,14 +46,14 @@ void Channel::service() {
     retryAt_ = 0;
     if (!giveBackUntaken())
         return;
-    if (std::exchange(starved_, false))
+    if (connected() && std::exchange(connection_->starved, false))
         goOnWithDescriptors();
     bool broken = false;
     State state = State::Idle;
     {
         OSWrap::Lock<> lock(mutex_);
         state = state_;
-        broken = writer_.has_value() && writer_->broken();
+        broken = link_.has_value() && link_->writer.has_value() && link_->writer->broken();
     }
     if (state == State::Gone)
         clearUpGone();
@@ -61,7 +61,7 @@ void Channel::service() {
         closeForGarbage("it has taken more than we have sent");
     else if (state == State::Wanted)
         connect();
-    else if (reader_.has_value())
+    else if (stands())
         receiver_->makeHot(*this);  // it may have been held back
 }
 
@@ -106,15 +106,15 @@ bool Channel::sayHello(OpenSocket socket) {
                                     side.file.get(), side.bell.get()) != Transfer::Done)
         return false;
     side.file.reset();
-    own_ = std::move(side);
+    connection_.emplace(std::move(side));
     int const fd = socket.get();
     {
         OSWrap::Lock<> lock(mutex_);
         if (state_ != State::Gone)
             state_ = State::Connecting;
-        socket_ = std::move(socket);
+        link_.emplace(std::move(socket));
     }
-    return receiver_->watch(own_.bell.get(), token_, Receiver::Source::Bell) &&
+    return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
            receiver_->watch(fd, token_, Receiver::Source::Socket);
 }
 
@@ -165,14 +165,12 @@ void Channel::dropAttempt() {
     OpenSocket socket;
     {
         OSWrap::Lock<> lock(mutex_);
-        socket = std::exchange(socket_, OpenSocket());
+        socket = unlinkLocked();
         if (state_ == State::Connecting)
             state_ = State::Wanted;
     }
     receiver_->unwatch(socket.get());
-    receiver_->unwatch(own_.bell.get());
-    own_ = OwnSide();
-    forgetPackets();
+    dropConnection();
 }
 
 void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
@@ -197,34 +195,36 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
         retryLater(kNoMemoryRetry);
         return;
     }
-    own_ = std::move(side);
+    connection_.emplace(std::move(side));
     int const fd = socket.get();
     {
         OSWrap::Lock<> lock(mutex_);
-        socket_ = std::move(socket);
+        link_.emplace(std::move(socket));
     }
-    bool const stands = receiver_->watch(own_.bell.get(), token_, Receiver::Source::Bell) &&
-                        receiver_->watch(fd, token_, Receiver::Source::Socket) &&
-                        sendPacket(fd, packet(Packet::Welcome, own_.ring.capacity), own_.file.get(),
-                                   own_.bell.get()) == Transfer::Done;
-    own_.file.reset();
-    if (stands)
+    bool const welcomed =
+        receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
+        receiver_->watch(fd, token_, Receiver::Source::Socket) &&
+        sendPacket(fd, packet(Packet::Welcome, connection_->own.ring.capacity),
+                   connection_->own.file.get(), connection_->own.bell.get()) == Transfer::Done;
+    connection_->own.file.reset();
+    if (welcomed) {
         open(std::move(peerSide));
-    else
+    } else {
         dropAttempt();
-    if (!stands)
         retryLater(kBacklogFullRetry);
+    }
 }
 
 void Channel::open(PeerSide peerSide) {
-    peerSide_ = std::move(peerSide);
-    reader_.emplace(own_.page(), peerSide_.page(), std::move(peerSide_.ring));
+    Connection& made = *connection_;
+    made.peer = std::move(peerSide);
+    made.reader.emplace(made.own.page(), made.peer.page(), std::move(made.peer.ring));
     retryAt_ = 0;
     attempts_ = 0;
     {
         OSWrap::Lock<> lock(mutex_);
-        writer_.emplace(own_.page(), peerSide_.page(), std::move(own_.ring));
-        peerBell_ = peerSide_.bell.get();
+        link_->writer.emplace(made.own.page(), made.peer.page(), std::move(made.own.ring));
+        link_->peerBell = made.peer.bell.get();
         if (state_ != State::Gone) {
             state_ = State::Open;
             drainLocked();
@@ -247,8 +247,8 @@ void Channel::onSocket() {
 void Channel::readPackets() {
     ReceivedPacket received;
     int left = kPacketsAtOnce;
-    // A packet may close the socket.
-    for (int fd = socket(); fd >= 0 && left > 0 && !ended_ && !garbageSeen_; fd = socket()) {
+    // A packet may close the socket, and the connection with it.
+    for (int fd = socket(); fd >= 0 && left > 0 && !connection_->garbageSeen; fd = socket()) {
         --left;
         Transfer const transfer = receivePacket(fd, received);
         if (transfer == Transfer::Later)
@@ -258,10 +258,12 @@ void Channel::readPackets() {
                                                                  : "closing others hangs");
             return;
         }
-        if (transfer == Transfer::Closed)
-            ended_ = true;
-        else if (transfer == Transfer::Garbage || !takePacket(received))
-            garbageSeen_ = true;
+        if (transfer == Transfer::Closed) {
+            connection_->endFor(Ending::SocketClosed);
+            return;
+        }
+        if (transfer == Transfer::Garbage || !takePacket(received))
+            connection_->garbageSeen = true;
     }
 }
 
@@ -270,18 +272,18 @@ void Channel::awaitDescriptors(int fd, char const* reason) {
     static Logging::LineLimit limit(kFirstLines);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource, "the channel of 0x%08X with 0x%08X waits: %s",
                            ownId_.value(), peer_.value(), reason);
-    starved_ = true;
+    connection_->starved = true;
     receiver_->unwatch(fd);
     retryLater(kNoMemoryRetry);
 }
 
 void Channel::goOnWithDescriptors() {
     if (!receiver_->watch(socket(), token_, Receiver::Source::Socket)) {
-        starved_ = true;
+        connection_->starved = true;
         retryLater(kNoMemoryRetry);
         return;
     }
-    if (reader_.has_value())
+    if (stands())
         receiver_->makeHot(*this);
     onSocket();
 }
@@ -291,27 +293,27 @@ bool Channel::takePacket(ReceivedPacket& received) {
     Packet const& packet = received.packet;
     if (packet.from != peer_.value() || packet.to != ownId_.value())
         return false;
-    bool const stands = reader_.has_value();
+    bool const stood = stands();
     switch (packet.kind) {
         case Packet::Welcome:
-            return !stands && takeWelcome(received);
+            return !stood && takeWelcome(received);
         case Packet::Crossed:
-            if (stands)
+            if (stood)
                 return false;
             dropAttempt();
             retryLater(kCrossedRetry);
             return true;
         case Packet::NextRing:
-            return stands && takeNextRing(received);
+            return stood && takeNextRing(received);
         case Packet::Bye:
-            byeSeen_ = true;
-            return stands;
+            connection_->byeSeen = true;
+            return stood;
         case Packet::Stay:
             resumeSending();
-            return stands;
+            return stood;
         case Packet::Left:
-            leftSeen_ = true;
-            return stands;
+            connection_->endFor(Ending::PeerLeft);
+            return stood;
         default:
             return false;
     }
@@ -330,24 +332,27 @@ bool Channel::takeNextRing(ReceivedPacket& received) {
     RingArea area;
     area.capacity = received.packet.ringCapacity;
     if (!isRingCapacity(area.capacity) || !received.file.valid() ||
-        !isSealedFile(received.file.get(), area.capacity) || nextRings_.size() >= kMostWaiting)
+        !isSealedFile(received.file.get(), area.capacity) ||
+        connection_->nextRings.size() >= kMostWaiting)
         return false;
     Descriptor const file(received.file.release());
     area.mapping = Mapping::of(file.get(), 0, area.capacity, Mapping::Access::ReadOnly);
     if (!area.mapping.valid())
         return false;
-    nextRings_.push_back(std::move(area));
+    connection_->nextRings.push_back(std::move(area));
     return true;
 }
 
 /** Acts on what the packets told, after the messages that came before it: is called again after
  * each batch of these. */
 void Channel::react() {
-    if (garbageSeen_) {
+    if (!connected())
+        return;
+    if (connection_->garbageSeen) {
         closeForGarbage("it has sent nonsense over the socket");
         return;
     }
-    if (std::exchange(byeSeen_, false) && !ending())
+    if (std::exchange(connection_->byeSeen, false) && !ending())
         answerBye();
     if (ending() && hasReadAll())
         end();
@@ -357,57 +362,71 @@ void Channel::answerBye() {
     OSWrap::Lock<> lock(mutex_);
     bool const bothLeave = state_ == State::Leaving;
     if (!bothLeave && !queue_.empty()) {
-        sendPacket(socket_.get(), packet(Packet::Stay));
+        sendPacket(link_->socket.get(), packet(Packet::Stay));
         return;
     }
     if (state_ == State::Open)
         state_ = State::Leaving;
-    leaving_ = true;
-    saysLeft_ = !bothLeave;
+    connection_->endFor(bothLeave ? Ending::BothLeave : Ending::WeLeave);
 }
 
 /** What the peer has sent has been taken in, and the connection is of no more use. */
 void Channel::end() {
-    bool const left = leftSeen_;
-    bool const stood = reader_.has_value();
-    if (goneSeen_) {
+    switch (connection_->reason) {
+        case Ending::PeerGone:
+            closeGone();
+            break;
+        case Ending::PeerLeft:
+            close(Unread::LeaveToPeer);
+            break;
+        case Ending::SocketClosed:
+            endWithSocket();
+            break;
+        case Ending::WeLeave:
+            sendPacket(socket(), packet(Packet::Left));
+            close(Unread::LeaveToPeer);
+            break;
+        case Ending::BothLeave:
+            close(Unread::LeaveToPeer);
+            break;
+        case Ending::None:
+            break;
+    }
+}
+
+void Channel::endWithSocket() {
+    if (stands()) {
         close(Unread::GiveBack);
-        dismiss();
-    } else if (ended_ && !left && !stood) {
+        Rendezvous::instance().suspect(peer_);
+    } else {
         Rendezvous::instance().suspect(peer_);
         tryAgain("the peer has closed it");
-    } else if (ended_ || left) {
-        close(left ? Unread::LeaveToPeer : Unread::GiveBack);
-        if (!left || !stood)
-            Rendezvous::instance().suspect(peer_);
-    } else {
-        if (saysLeft_)
-            sendPacket(socket(), packet(Packet::Left));
-        close(Unread::LeaveToPeer);
     }
 }
 
 void Channel::resumeSending() {
     OSWrap::Lock<> lock(mutex_);
-    if (state_ != State::Leaving || leaving_)
+    if (state_ != State::Leaving || ending())
         return;
     state_ = State::Open;
     drainLocked();
 }
 
 void Channel::giveBackIfIdle() {
-    if (!reader_.has_value())
+    if (!stands())
         return;
     OSWrap::Lock<> lock(mutex_);
-    std::uint32_t const received = reader_->position();
-    std::uint32_t const sent = writer_->position();
-    bool const quiet = state_ == State::Open && queue_.empty() && writer_->allTaken() &&
-                       !reader_->hasData() && sent == std::exchange(lastSent_, sent) &&
-                       received == std::exchange(lastReceived_, received);
-    idleLooks_ = quiet ? idleLooks_ + 1 : 0;
-    if (idleLooks_ < 2 || sendPacket(socket_.get(), packet(Packet::Bye)) != Transfer::Done)
+    std::uint32_t const received = connection_->reader->position();
+    std::uint32_t const sent = link_->writer->position();
+    bool const quiet = state_ == State::Open && queue_.empty() && link_->writer->allTaken() &&
+                       !connection_->reader->hasData() &&
+                       sent == std::exchange(connection_->lastSent, sent) &&
+                       received == std::exchange(connection_->lastReceived, received);
+    connection_->idleLooks = quiet ? connection_->idleLooks + 1 : 0;
+    if (connection_->idleLooks < 2 ||
+        sendPacket(link_->socket.get(), packet(Packet::Bye)) != Transfer::Done)
         return;
-    idleLooks_ = 0;
+    connection_->idleLooks = 0;
     state_ = State::Leaving;
 }
 
@@ -417,10 +436,7 @@ void Channel::closeForGarbage(char const* what) {
     static Logging::LineLimit limit(kFirstLines);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource, "closing the channel of 0x%08X with 0x%08X: %s",
                            ownId_.value(), peer_.value(), what);
-    bool const gone = goneSeen_;
-    close(Unread::GiveBack);
-    if (gone)
-        dismiss();
+    giveBackAll();
 }
 
 void Channel::closeForShortage() {
@@ -428,7 +444,14 @@ void Channel::closeForShortage() {
     REFLECTORB_LOG_LIMITED(limit, 2, kSource,
                            "closing the channel of 0x%08X with 0x%08X: no memory", ownId_.value(),
                            peer_.value());
-    close(Unread::GiveBack);
+    giveBackAll();
+}
+
+void Channel::giveBackAll() {
+    if (connected() && connection_->reason == Ending::PeerGone)
+        closeGone();
+    else
+        close(Unread::GiveBack);
 }
 
 /** Closes the connection, if there is one. With GiveBack, what has not reached the peer goes back
@@ -441,28 +464,19 @@ void Channel::close(Unread unread) {
     {
         OSWrap::Lock<> lock(mutex_);
         if (unread == Unread::GiveBack) {
-            if (writer_.has_value())
-                untaken_.emplace(writer_->giveUp());
+            if (link_.has_value() && link_->writer.has_value())
+                untaken_.emplace(link_->writer->giveUp());
             receiver_->unsentLess(queue_.count());
             back.append(queue_);
         }
-        writer_.reset();
-        frontDone_ = 0;
-        spaceAsked_ = growthFailed_ = false;
-        peerBell_ = -1;
-        socket = std::exchange(socket_, OpenSocket());
+        socket = unlinkLocked();
         if (state_ != State::Gone) {
             again = !queue_.empty();
             state_ = again ? State::Wanted : State::Idle;
         }
     }
     receiver_->unwatch(socket.get());
-    receiver_->unwatch(own_.bell.get());
-    reader_.reset();
-    own_ = OwnSide();
-    peerSide_ = PeerSide();
-    forgetPackets();
-    idleLooks_ = 0;
+    dropConnection();
     giveBackUntaken();
     receiver_->giveBack(back);
     if (again)
@@ -485,27 +499,38 @@ bool Channel::giveBackUntaken() {
     return all;
 }
 
-/** Of a peer that has gone, when nothing of ours is left to be given back. */
-void Channel::dismiss() {
-    if (!untaken_.has_value())
-        receiver_->dismiss(*this);
+/** Answers the socket, which is still watched. */
+OpenSocket Channel::unlinkLocked() {
+    OpenSocket socket;
+    if (link_.has_value())
+        socket = std::move(link_->socket);
+    link_.reset();
+    return socket;
 }
 
-/** What has come over a connection is over with it. */
-void Channel::forgetPackets() {
-    nextRings_.clear();
-    endingFrom_.reset();
-    awaitsRing_ = starved_ = false;
-    ended_ = leftSeen_ = byeSeen_ = garbageSeen_ = false;
-    leaving_ = saysLeft_ = goneSeen_ = false;
+void Channel::dropConnection() {
+    if (connected())
+        receiver_->unwatch(connection_->own.bell.get());
+    connection_.reset();
 }
 
 /** The peer has gone: takes in its last messages, gives back what it will never take. */
 void Channel::clearUpGone() {
-    goneSeen_ = true;
-    if (connected() && reader_.has_value() && !starved_)
+    if (!connected()) {
+        closeGone();
+        return;
+    }
+    connection_->endFor(Ending::PeerGone);
+    if (stands() && !connection_->starved)
         readPackets();
     react();
+}
+
+/** A peer that has gone is forgotten when nothing of ours is left to be given back. */
+void Channel::closeGone() {
+    close(Unread::GiveBack);
+    if (!untaken_.has_value())
+        receiver_->dismiss(*this);
 }
 
 std::size_t Channel::shutDown() {

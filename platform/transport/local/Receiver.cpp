@@ -1,17 +1,13 @@
 #include "platform/transport/local/Receiver.h"
 
-#include <sys/epoll.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
-#include "platform/transport/local/Bell.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
@@ -24,17 +20,9 @@ constexpr char const* kSource = "Receiver";
 constexpr int kMessagesPerTurn = 64;
 /** So often, at least, a busy thread looks at its descriptors. */
 constexpr int kTurnsBetweenEvents = 8;
-constexpr int kEventsAtOnce = 32;
 constexpr long long kShortagePause = 10'000'000;  // nanoseconds
-constexpr long long kNever = LLONG_MAX;
 
 std::atomic<std::uint32_t> lastToken{0};
-/** Channels without traffic in two of these are given back. */
-std::atomic<long long> idleLookIntervalNow{30'000'000'000};
-
-std::uint64_t eventData(std::uint32_t token, Receiver::Source source) {
-    return static_cast<std::uint64_t>(token) << 2 | static_cast<std::uint32_t>(source);
-}
 
 }  // namespace
 
@@ -58,7 +46,7 @@ private:
 };
 
 Receiver::Receiver(TerminationId id, TerminationImpl& owner)
-    : id_(id), owner_(&owner), acceptor_(*this), nextTimer_(kNever), nextIdleLook_(kNever) {}
+    : id_(id), owner_(&owner), acceptor_(*this) {}
 
 Receiver::~Receiver() = default;
 
@@ -67,19 +55,13 @@ std::uint32_t Receiver::newToken() {
 }
 
 void Receiver::idleLookInterval(long long nanoseconds) {
-    idleLookIntervalNow.store(nanoseconds);
+    ReceiverTimers::idleLookInterval(nanoseconds);
 }
 
 // ---- Start and stop ----------------------------------------------------------------------------
 
 bool Receiver::prepare() {
-    auto make = [this] {
-        epoll_ = Descriptor(::epoll_create1(EPOLL_CLOEXEC));
-        wakeBell_ = makeBell();
-        return epoll_.valid() && wakeBell_.valid();
-    };
-    bool const made = make() || (errno == EMFILE && raiseDescriptorLimit() && make());
-    if (made && watch(wakeBell_.get(), 0, Source::WakeUp))
+    if (events_.open())
         return true;
     REFLECTORB_LOG(3, kSource, "termination 0x%08X cannot wait for messages: errno %d", id_.value(),
                    errno);
@@ -104,7 +86,7 @@ bool Receiver::start(OpenSocket listening) {
 
 void Receiver::stop() {
     stopping_.store(true);
-    wake();
+    events_.wake();
     if (onReceivingThread())
         return;
     {
@@ -123,30 +105,13 @@ bool Receiver::onReceivingThread() const {
 }
 
 void Receiver::waitUntilSent(long long idle, long long most) {
-    if (onReceivingThread())
-        return;
-    long long now = OSWrap::Clock::nowNanoseconds();
-    long long const end = now + most;
-    long long patience = now + idle;
-    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-    for (std::size_t before = unsent_.load(); started_ && !finished_ && before != 0;) {
-        long long const left = std::min(patience, end) - now;
-        if (left <= 0)
-            return;
-        change_.wait(OSWrap::TimeSpec(0, left));
-        now = OSWrap::Clock::nowNanoseconds();
-        std::size_t const unsent = unsent_.load();
-        if (unsent < before)
-            patience = now + idle;
-        before = unsent;
-    }
+    if (!onReceivingThread() && started())
+        unsent_.wait(idle, most);
 }
 
-void Receiver::unsentLess(std::size_t count) {
-    if (count == 0 || unsent_.fetch_sub(count) != count || sending())
-        return;
+bool Receiver::started() {
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-    change_.broadcast();
+    return started_;
 }
 
 // ---- The thread --------------------------------------------------------------------------------
@@ -160,7 +125,7 @@ void Receiver::run() {
         if (OSWrap::withMemory([&] { turn(turns); }))
             continue;
         OSWrap::awaitMemory();
-        attention_.store(true);
+        events_.needAttention();
     }
     OSWrap::untilMemory([this] { finish(); });
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
@@ -181,7 +146,7 @@ void Receiver::turn(int& turns) {
 }
 
 bool Receiver::ready() const {
-    if (attention_.load())
+    if (events_.attention())
         return true;
     for (auto const& channel : hot_)
         if (channel->hasData())
@@ -194,47 +159,30 @@ bool Receiver::ready() const {
 void Receiver::sleep() {
     for (auto const& channel : hot_)
         channel->fallAsleep();
-    asleep_.store(true);
+    events_.fallAsleep();
     if (ready()) {
-        asleep_.store(false);
+        events_.stayAwake();
         for (auto const& channel : hot_)
             channel->wakeUp();
         return;
     }
     hot_.clear();
     long long const start = OSWrap::Clock::nowNanoseconds();
-    serveEvents(timeout());
+    serveEvents(timers_.timeout());
     waiting_.slept(OSWrap::Clock::nowNanoseconds() - start);
 }
 
-void Receiver::wake() {
-    attention_.store(true);
-    if (asleep_.load() && asleep_.exchange(false))
-        ringBell(wakeBell_.get());
-}
-
 void Receiver::request(Channel& channel) {
-    if (!channel.markRequested())
-        return;
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        if (closed_)
-            return;
-        std::shared_ptr<Channel>& end =
-            lastRequest_ != nullptr ? lastRequest_->nextRequested() : firstRequest_;
-        end = channel.shared_from_this();
-        lastRequest_ = &channel;
-    }
-    wake();
+    if (channel.markRequested() && inbox_.request(channel))
+        events_.wake();
 }
 
 /** What others have asked for. Clears the sign that they set, so it comes first in each turn. */
 bool Receiver::serveRequests() {
-    if (!attention_.load())
+    if (!events_.takeAttention())
         return false;
-    attention_.store(false);
     inboxFilled_ = true;
-    std::shared_ptr<Channel> next = takeRequests();
+    std::shared_ptr<Channel> next = inbox_.takeRequests();
     bool const served = next != nullptr;
     while (next != nullptr) {
         std::shared_ptr<Channel> const channel = std::move(next);
@@ -247,23 +195,10 @@ bool Receiver::serveRequests() {
     return served;
 }
 
-/** The first of the requests, with the others behind it. */
-std::shared_ptr<Channel> Receiver::takeRequests() {
-    OSWrap::Lock<> lock(inboxMutex_);
-    lastRequest_ = nullptr;
-    return std::move(firstRequest_);
-}
-
 /** A bounded number of messages of this process, those that come back first. */
 bool Receiver::serveInbox() {
     for (int count = 0; count < kMessagesPerTurn && inboxFilled_ && !stopping(); ++count) {
-        AddressedMessage message;
-        bool comesBack = false;
-        {
-            OSWrap::Lock<> lock(inboxMutex_);
-            comesBack = !errors_.empty();
-            message = comesBack ? errors_.pop() : inbox_.pop();
-        }
+        auto [message, comesBack] = inbox_.take();
         if (message.empty()) {
             inboxFilled_ = false;
             return count > 0;
@@ -325,56 +260,28 @@ void Receiver::deliver(AddressedMessage const& message) {
 
 int Receiver::deliverCopy(AddressedMessage const& message, Room room) {
     AddressedMessage copy = copyOf(message);
-    if (copy.empty())
+    if (copy.empty() || !inbox_.deliver(std::move(copy), room))
         return 0;
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        if (refusing_ || !inbox_.hasRoomFor(message.size(), room))
-            return 0;
-        inbox_.push(std::move(copy));
-    }
-    wake();
+    events_.wake();
     return 1;
 }
 
-void Receiver::refuseReceiving() {
-    OSWrap::Lock<> lock(inboxMutex_);
-    refusing_ = true;
-}
-
 int Receiver::giveBack(AddressedMessage message) {
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        if (closed_ || !errors_.hasRoomFor(message.size(), Room::Usual))
-            return 0;
-        errors_.push(std::move(message));
-    }
-    wake();
+    if (!inbox_.giveBack(std::move(message)))
+        return 0;
+    events_.wake();
     return 1;
 }
 
 void Receiver::giveBack(MessageQueue& messages) {
-    if (messages.empty())
-        return;
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        if (closed_)
-            return;
-        errors_.append(messages);
-    }
-    wake();
+    if (!messages.empty() && inbox_.giveBack(messages))
+        events_.wake();
 }
 
 // ---- Descriptors and timers --------------------------------------------------------------------
 
 bool Receiver::watch(int fd, std::uint32_t token, Source source) {
-    epoll_event event{};
-    // Bells are not looked at: each ring is an event of its own.
-    event.events = source == Source::Bell     ? EPOLLIN | EPOLLOUT | EPOLLET
-                   : source == Source::WakeUp ? EPOLLIN | EPOLLET
-                                              : EPOLLIN;
-    event.data.u64 = eventData(token, source);
-    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
+    if (events_.watch(fd, token, source))
         return true;
     static Logging::LineLimit limit;
     REFLECTORB_LOG_LIMITED(limit, 3, kSource,
@@ -383,26 +290,18 @@ bool Receiver::watch(int fd, std::uint32_t token, Source source) {
     return false;
 }
 
-void Receiver::unwatch(int fd) {
-    if (fd >= 0)
-        ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-}
-
 void Receiver::serveEvents(int timeoutMilliseconds) {
-    epoll_event events[kEventsAtOnce];
-    int const count = ::epoll_wait(epoll_.get(), events, kEventsAtOnce, timeoutMilliseconds);
-    asleep_.store(false);
+    EventSet::Event events[EventSet::kMostAtOnce];
+    int const count = events_.wait(timeoutMilliseconds, events);
     // A bell is told of only once, so a shortage at one event must not cost the others.
     for (int i = 0; i < count && !stopping(); ++i)
-        if (!OSWrap::withMemory([&] { serveEvent(events[i].data.u64); }))
+        if (!OSWrap::withMemory([&] { serveEvent(events[i].token, events[i].source); }))
             OSWrap::awaitMemory();
-    if (nextTimer_ != kNever || nextIdleLook_ != kNever)
+    if (timers_.running())
         serveTimers();
 }
 
-void Receiver::serveEvent(std::uint64_t data) {
-    auto const source = static_cast<Source>(data & 3);
-    auto const token = static_cast<std::uint32_t>(data >> 2);
+void Receiver::serveEvent(std::uint32_t token, Source source) {
     if (source == Source::Listening) {
         acceptor_.accept();
         return;
@@ -425,27 +324,11 @@ void Receiver::serveEvent(std::uint64_t data) {
         channel->closeForShortage();
 }
 
-void Receiver::wakeAt(long long time) {
-    nextTimer_ = std::min(nextTimer_, time);
-}
-
-/** Milliseconds until something is due; -1: nothing ever is. */
-int Receiver::timeout() const {
-    long long const due = std::min(nextTimer_, nextIdleLook_);
-    if (due == kNever)
-        return -1;
-    long long const left = due - OSWrap::Clock::nowNanoseconds();
-    return left <= 0 ? 0 : static_cast<int>(std::min(left / 1'000'000 + 1, 60'000LL));
-}
-
 void Receiver::serveTimers() {
     long long const now = OSWrap::Clock::nowNanoseconds();
-    bool const idleLook = now >= nextIdleLook_;
-    if (now < nextTimer_ && !idleLook)
+    ReceiverTimers::Due const due = timers_.take(now);
+    if (!due.something)
         return;
-    nextTimer_ = kNever;
-    if (idleLook)
-        nextIdleLook_ = kNever;
     // A shortage there must not cost the channels their times.
     if (!OSWrap::withMemory([&] { acceptor_.serveTimers(now); }))
         wakeAt(now + kShortagePause);
@@ -454,7 +337,7 @@ void Receiver::serveTimers() {
     // Serving one may enrol it, which makes room in the list.
     for (std::size_t i = 0; i < serving_.size(); ++i) {
         std::shared_ptr<Channel> const channel = serving_[i];
-        if (OSWrap::withMemory([&] { serveTimers(*channel, now, idleLook); }))
+        if (OSWrap::withMemory([&] { serveTimers(*channel, now, due.idleLook); }))
             continue;
         OSWrap::awaitMemory();
         request(*channel);
@@ -465,12 +348,12 @@ void Receiver::serveTimers() {
 void Receiver::serveTimers(Channel& channel, long long now, bool idleLook) {
     if (idleLook && channel.connected()) {
         channel.giveBackIfIdle();
-        nextIdleLook_ = now + idleLookIntervalNow.load();
+        timers_.idleLookFrom(now);
     }
     if (channel.retryAt() != 0 && channel.retryAt() <= now)
         channel.service();
     else if (channel.retryAt() != 0)
-        wakeAt(channel.retryAt());
+        timers_.at(channel.retryAt());
 }
 
 // ---- Channels ----------------------------------------------------------------------------------
@@ -491,8 +374,7 @@ void Receiver::dismiss(Channel& channel) {
 
 void Receiver::makeHot(Channel& channel) {
     channel.wakeUp();
-    if (nextIdleLook_ == kNever)
-        nextIdleLook_ = OSWrap::Clock::nowNanoseconds() + idleLookIntervalNow.load();
+    timers_.beginIdleLooks();
     for (auto const& hot : hot_)
         if (hot.get() == &channel)
             return;
@@ -522,6 +404,7 @@ void Receiver::finish() {
                        id_.value(), static_cast<unsigned long>(lost));
     closeInbox();
     acceptor_.close();
+    unsent_.end();
 }
 
 /** Channels whose peers have gone, but which have not been cleared up yet. */
@@ -534,18 +417,7 @@ void Receiver::shutDownChannels() {
 
 void Receiver::closeInbox() {
     MessageQueue unread;
-    MessageQueue cameBack;
-    std::shared_ptr<Channel> requests;
-    {
-        OSWrap::Lock<> lock(inboxMutex_);
-        refusing_ = closed_ = true;
-        unread.swap(inbox_);
-        cameBack.swap(errors_);
-        requests.swap(firstRequest_);
-        lastRequest_ = nullptr;
-    }
-    while (requests != nullptr)
-        requests = std::shared_ptr<Channel>(std::move(requests->nextRequested()));
+    inbox_.close(unread);
     while (!unread.empty()) {
         AddressedMessage const message = unread.pop();
         Switchboard::instance().giveBack(message, message.originator());

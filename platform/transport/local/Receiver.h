@@ -12,6 +12,10 @@
 #include "platform/transport/MessageQueue.h"
 #include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/EventSet.h"
+#include "platform/transport/local/Inbox.h"
+#include "platform/transport/local/ReceiverTimers.h"
+#include "platform/transport/local/UnsentCount.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -29,8 +33,7 @@ class TerminationImpl;
  */
 class Receiver : public std::enable_shared_from_this<Receiver> {
 public:
-    /** Which descriptor of a channel or of the receiver an event is about. */
-    enum class Source : std::uint32_t { WakeUp = 0, Listening = 1, Socket = 2, Bell = 3 };
+    using Source = EventSet::Source;
 
     Receiver(TerminationId id, TerminationImpl& owner);
     ~Receiver();
@@ -47,7 +50,7 @@ public:
     /** Takes a copy of a message from a termination of this process; 1 when taken. */
     int deliverCopy(AddressedMessage const& message, Room room);
     /** From now on no message of this process is taken: the termination is out of sight. */
-    void refuseReceiving();
+    void refuseReceiving() { inbox_.refuseMessages(); }
     /** Takes messages, each without other owners, that are to go through receiveError. One at a
      * time they are bounded like what arrives; those of a channel are as many as it had taken. */
     int giveBack(AddressedMessage message);
@@ -57,16 +60,13 @@ public:
     bool sendAgain(AddressedMessage const& message);
     /** Has the thread call the channel's `service`. */
     void request(Channel& channel);
-    /** Whether the termination may still send. Ordered with the count of what waits: whoever takes
-     * the last message out and whoever waits for that after `refuseSending` never miss each other.
-     */
-    bool sending() const { return sending_.load(); }
-    void refuseSending() { sending_.store(false); }
+    /** Whether the termination may still send. */
+    bool sending() const { return unsent_.sending(); }
+    void refuseSending() { unsent_.refuseSending(); }
     /** Counts messages that wait in a channel's queue. */
-    void unsentMore() { unsent_.fetch_add(1); }
-    void unsentLess(std::size_t count);
-    /** Waits until nothing waits in a queue any more, or nothing has left the queues for `idle`
-     * nanoseconds, but at most for `most`; not on the receiving thread itself. */
+    void unsentMore() { unsent_.more(); }
+    void unsentLess(std::size_t count) { unsent_.less(count); }
+    /** See UnsentCount::wait; at once on the receiving thread itself. */
     void waitUntilSent(long long idle, long long most);
     /** Ends the thread. Returns when it makes no callback any more, unless called from inside one.
      */
@@ -85,68 +85,52 @@ public:
     void enrol(Channel& channel);
     void dismiss(Channel& channel);
     bool watch(int fd, std::uint32_t token, Source source);
-    void unwatch(int fd);
+    void unwatch(int fd) { events_.unwatch(fd); }
     /** Looks at the channel's ring from now on without waiting for its bell. */
     void makeHot(Channel& channel);
     void makeCold(Channel& channel);
     /** Calls `service` of a channel with a retry time when that has come. */
-    void wakeAt(long long time);
+    void wakeAt(long long time) { timers_.at(time); }
 
 private:
     class ReceivingThread;
     void run();
     void turn(int& turns);
     bool serveRequests();
-    std::shared_ptr<Channel> takeRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
     bool serveChannels();
     bool ready() const;
     void sleep();
-    void wake();
     void serveEvents(int timeoutMilliseconds);
-    void serveEvent(std::uint64_t data);
+    void serveEvent(std::uint32_t token, Source source);
     void serveTimers();
     void serveTimers(Channel& channel, long long now, bool idleLook);
-    int timeout() const;
+    bool started();
     void finish();
     void closeInbox();
     void shutDownChannels();
 
     TerminationId const id_;
     TerminationImpl* const owner_;  // a callback begins only while stopping_ is not set
-    std::atomic<bool> sending_{true};
     std::atomic<bool> stopping_{false};
     std::atomic<unsigned long> threadId_{0};
-    std::atomic<std::size_t> unsent_{0};
+    UnsentCount unsent_;
+    EventSet events_;
+    Inbox inbox_;
 
-    std::atomic<bool> attention_{false};  // inbox_, errors_ or the requests are not empty
-    std::atomic<bool> asleep_{false};     // ring wakeBell_ to be heard
-    Descriptor epoll_;
-    Descriptor wakeBell_;
-
-    OSWrap::Mutex inboxMutex_;  // a leaf: nothing is locked under it
-    MessageQueue inbox_ OSW_GUARDED_BY(inboxMutex_);
-    MessageQueue errors_ OSW_GUARDED_BY(inboxMutex_);
-    // The first and the last of those linked by Channel::nextRequested
-    std::shared_ptr<Channel> firstRequest_ OSW_GUARDED_BY(inboxMutex_);
-    Channel* lastRequest_ OSW_GUARDED_BY(inboxMutex_) = nullptr;
-    bool refusing_ OSW_GUARDED_BY(inboxMutex_) = false;  // messages, but not those that come back
-    bool closed_ OSW_GUARDED_BY(inboxMutex_) = false;
-
-    OSWrap::ConditionVar change_;  // a leaf: told when finished_ is set or unsent_ falls to 0
+    OSWrap::ConditionVar change_;  // a leaf: signalled when finished_ is set
     bool finished_ OSW_GUARDED_BY(change_) = false;
     bool started_ OSW_GUARDED_BY(change_) = false;
 
     // Receiving thread only.
-    bool inboxFilled_ = false;  // inbox_ or errors_ may hold something
+    bool inboxFilled_ = false;  // inbox_ may hold something
     bool sendsAgain_ = false;   // the message that has just come back
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
     std::vector<std::shared_ptr<Channel>> serving_;
-    long long nextTimer_;     // when serveTimers has something to do
-    long long nextIdleLook_;  // never, while no channel is connected
+    ReceiverTimers timers_;
     OSWrap::AdaptiveWait waiting_;
 };
 

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+
+#include "oswrap/Clock.h"
+
+namespace Transport {
+
+/** When a receiving thread has something to do by itself. Nanoseconds of OSWrap::Clock; used by
+ * that thread alone. */
+class ReceiverTimers {
+public:
+    struct Due {
+        bool something;
+        bool idleLook;  // to look for channels without traffic
+    };
+
+    /** Something is due at that time, if nothing is due earlier. */
+    void at(long long time) { next_ = std::min(next_, time); }
+    /** A channel is connected: looks for idle ones begin, unless they have. */
+    void beginIdleLooks() {
+        if (idleLook_ == kNever)
+            idleLookFrom(OSWrap::Clock::nowNanoseconds());
+    }
+    void idleLookFrom(long long now) { idleLook_ = now + interval_.load(); }
+    /** Milliseconds until something is due; -1: nothing ever is. */
+    int timeout() const {
+        long long const due = std::min(next_, idleLook_);
+        if (due == kNever)
+            return -1;
+        long long const left = due - OSWrap::Clock::nowNanoseconds();
+        return left <= 0 ? 0 : static_cast<int>(std::min(left / 1'000'000 + 1, 60'000LL));
+    }
+    bool running() const { return next_ != kNever || idleLook_ != kNever; }
+    /** What is due now. Whoever serves it sets the times anew. */
+    Due take(long long now) {
+        bool const look = now >= idleLook_;
+        if (now < next_ && !look)
+            return {false, false};
+        next_ = kNever;
+        if (look)
+            idleLook_ = kNever;
+        return {true, look};
+    }
+
+    /** For tests: time between two looks for idle channels. */
+    static void idleLookInterval(long long nanoseconds) { interval_.store(nanoseconds); }
+
+private:
+    static constexpr long long kNever = LLONG_MAX;
+    /** Channels without traffic in two of these are given back. */
+    inline static std::atomic<long long> interval_{30'000'000'000};
+
+    long long next_ = kNever;
+    long long idleLook_ = kNever;  // never, while no channel is connected
+};
+
+}  // namespace Transport
