@@ -132,16 +132,21 @@ TreflectMessage* OngoingRequest::exchange(TreflectMessage* response) {
     return response_.exchange(response, std::memory_order_release);
 }
 
-TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
-                                      TreflectMessage& request, TreflectORB const* orb,
-                                      bool thenPermission) {
-    targetExists = true;
+TreflectMessage* OngoingRequest::wait(Wait& wait) {
     if (!active_)
         return nullptr;
     if (waiting_.poll([this] { return delivered(); }))
         return response_.load(std::memory_order_acquire);
-    return waitForever ? sleepUntilDelivered()
-                       : sleepInPeriods(output, targetExists, request, orb, thenPermission);
+    return sleepInPeriods(wait);
+}
+
+TreflectMessage* OngoingRequest::wait(bool waitForever, bool output, bool& targetExists,
+                                      TreflectMessage& request, TreflectORB const* orb) {
+    Wait periods{request, *orb, output};
+    TreflectMessage* const response =
+        waitForever && active_ ? sleepUntilDelivered() : wait(periods);
+    targetExists = periods.targetExists;
+    return response;
 }
 
 TreflectMessage* OngoingRequest::sleepUntilDelivered() {
@@ -152,25 +157,23 @@ TreflectMessage* OngoingRequest::sleepUntilDelivered() {
     return response_.load(std::memory_order_relaxed);
 }
 
-TreflectMessage* OngoingRequest::sleepInPeriods(bool output, bool& targetExists,
-                                                TreflectMessage& request, TreflectORB const* orb,
-                                                bool thenPermission) {
+TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
     for (int periods = 1;; ++periods) {
         if (TreflectMessage* const response =
-                thenPermission ? sleepOnePeriodForPermission() : sleepOnePeriod())
+                wait.thenPermission ? sleepOnePeriodForPermission() : sleepOnePeriod())
             return response;
         Transport::TerminationId const target = toTerminationId();
-        targetExists = Transport::TransportLayer::instance().exists(target);
-        if (!targetExists)
+        wait.targetExists = Transport::TransportLayer::instance().exists(target);
+        if (!wait.targetExists)
             return response_.load(std::memory_order_acquire);
         int const seconds = periods * waitPeriodSeconds;
         REFLECTORB_LOG(4, "REFLECT_orb",
                        "ORB 0x%08X waits now %3d seconds for response from 0x%08X",
-                       orb->termId().value(), seconds, target.value());
-        orb->testInfoAboutMessage(target, request, output);
+                       wait.orb.termId().value(), seconds, target.value());
+        wait.orb.testInfoAboutMessage(target, wait.request, wait.output);
         int const minutes = seconds / 60;
         if (minutes >= kMostMinutes)
-            orb->waitingTooLongFor(target, request, minutes);
+            wait.orb.waitingTooLongFor(target, wait.request, minutes);
     }
 }
 
@@ -232,41 +235,35 @@ bool OngoingRequest::takeBack() {
     return std::exchange(waiter_, nullptr) != nullptr;
 }
 
-/** Delivers `response`, which the record then owns, and leaves in it what is to be deleted after
- * unlocking. True when the owner is to be woken then, with `waiter` if there is one. */
-bool OngoingRequest::reset(Response& response, bool deliver, PermissionWaiter*& waiter) {
-    if (!deliver)
-        return false;
-    bool const wake = response != nullptr;
+/** Takes over `response`, and leaves in it what is to be deleted after unlocking. */
+void OngoingRequest::store(Response& response) {
     deliveries_.store(deliveries_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     response.reset(exchange(response.release()));
-    if (wake)
+}
+
+/** Delivers `response` if the record, locked, meets the condition; deletes it if not. */
+template <class Condition>
+void OngoingRequest::deliverIf(Condition stillWaits, TreflectMessage* response) {
+    Response owned(response);
+    PermissionWaiter* waiter = nullptr;
+    {
+        RecordLock const lock(condition_);
+        if (!stillWaits())
+            return;
+        store(owned);
+        if (response == nullptr)
+            return;
         waiter = std::exchange(waiter_, nullptr);
-    return wake;
+    }
+    wakeOwner(waiter);
 }
 
 void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
-    Response owned(response);
-    PermissionWaiter* waiter = nullptr;
-    bool wake = false;
-    {
-        RecordLock const lock(condition_);
-        wake = reset(owned, transactionId_ == transactionId, waiter);
-    }
-    if (wake)
-        wakeOwner(waiter);
+    deliverIf([&]() OSW_REQUIRES(condition_) { return transactionId_ == transactionId; }, response);
 }
 
 void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
-    Response owned(response);
-    PermissionWaiter* waiter = nullptr;
-    bool wake = false;
-    {
-        RecordLock const lock(condition_);
-        wake = reset(owned, target_ == target, waiter);
-    }
-    if (wake)
-        wakeOwner(waiter);
+    deliverIf([&]() OSW_REQUIRES(condition_) { return target_ == target; }, response);
 }
 
 void OngoingRequest::wakeOwner(PermissionWaiter* waiter) {

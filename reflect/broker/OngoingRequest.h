@@ -42,21 +42,29 @@ public:
     static OngoingRequest& getThreadInstance();
 
     void setTransactionAndTerminationId(unsigned int id, Transport::TerminationId const& target);
+    /** A wait for a response, which the broker may give up. */
+    struct Wait {
+        TreflectMessage& request;
+        TreflectORB const& orb;
+        bool output;  // a dump of the request in each report
+        /** The thread has given up the run permission for this wait and takes it again after it. */
+        bool thenPermission = false;
+        bool targetExists = true;  // set
+    };
     /**
      * Waits for the delivery; its result stays the record's. Null at once for an inactive record.
+     * The wait goes in periods of 30 seconds. After each of them it ends with null and
+     * `targetExists` false when the target has gone; else it is reported, and after the second one
+     * the broker gives up, which does not return. A cancellation point. Owner's thread only.
      *
-     * Without `waitForever` the wait goes in periods of 30 seconds. After each of them it ends with
-     * null and `targetExists` false when the target has gone; else it is reported, with a dump of
-     * `request` if `output`, and after the second one `orb` gives up, which does not return. A
-     * cancellation point. Owner's thread only.
-     *
-     * `thenPermission`: the thread has given up the run permission for this wait and takes it again
-     * after it. It may have it already when this answers with a delivery: who delivers to a
-     * sleeping thread queues it for the permission, so that it is woken once for both.
+     * With `thenPermission` the thread may have the permission already when this answers with a
+     * delivery: who delivers to a sleeping thread queues it for the permission, so that the thread
+     * is woken once for both.
      */
+    TreflectMessage* wait(Wait& wait);
+    /** The same, or with `waitForever` until something has been delivered. */
     TreflectMessage* wait(bool waitForever, bool output, bool& targetExists,
-                          TreflectMessage& request, TreflectORB const* orb,
-                          bool thenPermission = false);
+                          TreflectMessage& request, TreflectORB const* orb);
     /** Whether something has been delivered. Owner's thread. */
     bool delivered() const { return response_.load(std::memory_order_acquire) != nullptr; }
 
@@ -87,16 +95,16 @@ private:
     static void destroyThreadInstance(void* record);
 
     TreflectMessage* sleepUntilDelivered();
-    TreflectMessage* sleepInPeriods(bool output, bool& targetExists, TreflectMessage& request,
-                                    TreflectORB const* orb, bool thenPermission);
+    TreflectMessage* sleepInPeriods(Wait& wait);
     TreflectMessage* sleepOnePeriod();
     TreflectMessage* sleepOnePeriodForPermission();
     bool leaveToDeliverer(handlerthreads::PermissionWaiter& waiter);
     bool takeBack();
     void wakeOwner(handlerthreads::PermissionWaiter* waiter);
     TreflectMessage* exchange(TreflectMessage* response) OSW_REQUIRES(condition_);
-    bool reset(Response& response, bool deliver, handlerthreads::PermissionWaiter*& waiter)
-        OSW_REQUIRES(condition_);
+    template <class Condition>
+    void deliverIf(Condition stillWaits, TreflectMessage* response);
+    void store(Response& response) OSW_REQUIRES(condition_);
 
     static pthread_key_t tsv_key_;  // written by initonce, as is the next
     static bool keyed_;

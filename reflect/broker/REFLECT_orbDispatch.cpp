@@ -88,11 +88,6 @@ TipprmiSequence<unsigned int, 0u> knownClasses() {
     return ids;
 }
 
-/** Results appear in log lines as 1 or 0. */
-int asFlag(int result) {
-    return result != 0 ? 1 : 0;
-}
-
 }  // namespace
 
 /** A message that a worker serves, holding the run permission. */
@@ -119,10 +114,10 @@ private:
     void serveArrival();
     bool isReadable(unsigned int classId) const;
     void answer(TipprmiStream& response);
-    int callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
-    int callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
-    void answerCall(TipprmiStream& response, int result);
-    int send(TipprmiStream& response);
+    bool callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
+    bool callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
+    void answerCall(TipprmiStream& response, bool served);
+    bool send(TipprmiStream& response);
     TreflectMessage& failureInReserve();
     TreflectMessage& asAnswer(TreflectMessage& message) const;
     void reportUnknownObject() const;
@@ -184,9 +179,10 @@ void TreflectORB::IncomingMessage::serveResolve() {
     TipprmiOID oid(static_cast<char const*>(nullptr), orb_.namespace_);
     request_ >> oid;
     response << orb_.locateLocalObject_(oid).getInternalOID();
-    if (int const sent = send(response); sent != 1)
+    if (bool const sent = send(response); !sent)
         REFLECTORB_LOG_LIMITED(limits().notResolved, 3, "REFLECT_orb",
-                               "Sending resolve response message failed rc=%d", asFlag(sent));
+                               "Sending resolve response message failed rc=%d",
+                               static_cast<int>(sent));
 }
 
 void TreflectORB::IncomingMessage::serveNotice() {
@@ -276,41 +272,41 @@ bool TreflectORB::IncomingMessage::isReadable(unsigned int classId) const {
 }
 
 void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {
-    if (int const sent = send(response); sent != 1)
+    if (bool const sent = send(response); !sent)
         REFLECTORB_LOG_LIMITED(limits().notAnswered, 3, "REFLECT_orb",
-                               "Sending response message failed rc=%d", asFlag(sent));
+                               "Sending response message failed rc=%d", static_cast<int>(sent));
 }
 
 void TreflectORB::IncomingMessage::serveCall() {
     request_ >> ioid_ >> transaction_ >> cc_ >> mc_;
     TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
-    int result = 0;
+    bool served = false;
     if (TipprmiObjectSkeleton* const object = orb_.parts_->objects.find(ioid_))
-        result = callObject(*object, response);
+        served = callObject(*object, response);
     else
         reportUnknownObject();
-    answerCall(response, result);
+    answerCall(response, served);
 }
 
 /** Calls the object and puts this thread's state right again, whatever the call did to it. */
-int TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
-                                             TipprmiStream& response) {
-    int result = 0;
+bool TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
+                                              TipprmiStream& response) {
+    bool served = false;
     try {
         TreflectRestoreHandlerState const restore;
-        result = callUnguarded(object, response);
+        served = callUnguarded(object, response);
     } catch (...) {
         // Only the end of this thread comes through here; its caller must not wait for ever.
-        answerCall(response, 0);
+        answerCall(response, false);
         throw;
     }
     giveBackFurtherLevels();
     // A response that did not get all that was written to it is of no use.
-    return response.hasMarshallingFailed() ? 0 : result;
+    return served && !response.hasMarshallingFailed();
 }
 
-int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
-                                                TipprmiStream& response) {
+bool TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
+                                                 TipprmiStream& response) {
     EnableCancelState const cancellable;
     bool served = false;
     containErrors(
@@ -323,15 +319,15 @@ int TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
                                    "ORB 0x%08X ioid=0x%X,classCode=0x%X,methodCode=%d threw%s",
                                    orb_.termId().value(), ioid_, cc_, mc_, thrown);
         });
-    return served ? 1 : 0;
+    return served;
 }
 
-void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int result) {
-    if (result != 1) {
+void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, bool served) {
+    if (!served) {
         REFLECTORB_LOG_LIMITED(limits().notServed, 3, "REFLECT_orb",
-                               "Handling request message failed rc=%d", asFlag(result));
+                               "Handling request message failed rc=%d", static_cast<int>(served));
         response.clear();
-        writeGeneralException(response, static_cast<unsigned int>(result));
+        writeGeneralException(response, 0);
     }
     if (!transaction_)
         return;
@@ -340,14 +336,13 @@ void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, int resul
 
 /** Somebody waits for an answer: if there is no memory or no room for this one, they get one that
  * is small and at hand. */
-int TreflectORB::IncomingMessage::send(TipprmiStream& response) {
+bool TreflectORB::IncomingMessage::send(TipprmiStream& response) {
     Transport::TerminationId const asker = message_.originator();
     bool const noMemory = response.msg().addressed().empty();
-    int const sent = noMemory ? 0 : orb_.issueAnswer_(asker, asAnswer(response.msg()));
-    if (sent == 1)
-        return sent;
-    int const failureSent = orb_.issueAnswer_(asker, asAnswer(failureInReserve()));
-    return noMemory ? failureSent : sent;
+    if (!noMemory && orb_.issueAnswer_(asker, asAnswer(response.msg())) == 1)
+        return true;
+    bool const failureSent = orb_.issueAnswer_(asker, asAnswer(failureInReserve())) == 1;
+    return noMemory && failureSent;
 }
 
 /** The run permission guards the messages in reserve until they have been issued. */

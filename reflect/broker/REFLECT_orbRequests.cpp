@@ -49,9 +49,11 @@ private:
     void reportReceivingThread() const;
     int send();
     bool awaitResponse();
+    /** Whether the transport has taken the request: then its target was there. */
+    enum class Handover { NotYet, Done };
     bool refused();
-    bool failed(int code);
-    void forgetGoneTarget();
+    bool failed(Handover handover, int code);
+    void forgetGoneTarget(Handover handover);
 
     TreflectORB const& orb_;
     Transport::TerminationId const target_;
@@ -61,7 +63,6 @@ private:
     TipprmiStream& response_;
     OngoingRequest& record_;
     OngoingRequestId id_;
-    bool issued_ = false;          // so the target was there
     bool thenPermission_ = false;  // given up for the call, to be taken again after it
 };
 
@@ -71,19 +72,18 @@ bool TreflectORB::OutgoingCall::perform() {
         giveWay(released);
     forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
     if (!chooseId())
-        return failed(0);
+        return failed(Handover::NotYet, 0);
     message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
-    int const issued = id_.chosen ? send() : 0;
-    issued_ = issued == 1;
+    int const issued = id_.stage == OngoingRequestId::Stage::None ? 0 : send();
     if (when_ == GiveWay::afterIssuing)
         giveWay(released);
-    if (!issued_) {
+    if (issued != 1) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
                        orb_.termId().value(), target_.value(), message_.transactionId());
-        return failed(issued);
+        return failed(Handover::NotYet, issued);
     }
-    if (id_.entered)
+    if (id_.stage == OngoingRequestId::Stage::Entered)
         return awaitResponse();
     if (withResponse_)
         REFLECTORB_LOG(3, "REFLECT_orb", "receivingThread called forwardMessage");
@@ -114,7 +114,7 @@ bool TreflectORB::OutgoingCall::chooseId() {
         case RequestTable::Beginning::begun:
             break;
     }
-    id_ = {ticket.id, true, enter};
+    id_ = {ticket.id, enter ? OngoingRequestId::Stage::Entered : OngoingRequestId::Stage::Chosen};
     message_.transactionId(ticket.id);
     if (enter)
         orb_.letAnswer_(target_);
@@ -138,16 +138,15 @@ int TreflectORB::OutgoingCall::send() {
 }
 
 bool TreflectORB::OutgoingCall::awaitResponse() {
-    bool targetExists = true;
-    TreflectMessage* const answer =
-        record_.wait(false, withResponse_, targetExists, message_, &orb_, thenPermission_);
+    OngoingRequest::Wait wait{message_, orb_, withResponse_, thenPermission_};
+    TreflectMessage* const answer = record_.wait(wait);
     bool const disconnected = answer == OngoingRequest::disconnected();
     if (!answer || disconnected) {
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
                        "TargetGone=%s)",
                        orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
-                       trueOrFalse(!targetExists));
+                       trueOrFalse(!wait.targetExists));
         orb_.testInfoAboutMessage(target_, message_, withResponse_);
         return refused();
     }
@@ -168,23 +167,23 @@ bool TreflectORB::OutgoingCall::refused() {
         TreflectReleaseHandlerState const released;
         Transport::TransportLayer::instance().stillExists(target_);
     }
-    return failed(0);
+    return failed(Handover::Done, 0);
 }
 
-bool TreflectORB::OutgoingCall::failed(int code) {
+bool TreflectORB::OutgoingCall::failed(Handover handover, int code) {
     writeGeneralException(response_, static_cast<unsigned int>(code));
     TreflectHandlerState const handlerState(true);
     ++orb_.parts_->counters.of(target_).failed;
-    forgetGoneTarget();
+    forgetGoneTarget(handover);
     return false;
 }
 
 /** Its departure may be told only after the call has failed. Who sees the failure is to find the
  * handle invalid already, and no connection that fails again. One that the transport does not know
  * and that was never there may still come. */
-void TreflectORB::OutgoingCall::forgetGoneTarget() {
+void TreflectORB::OutgoingCall::forgetGoneTarget(Handover handover) {
     bool const gone = !Transport::TransportLayer::instance().exists(target_) &&
-                      (orb_.parts_->presentOrbs.remove(target_) || issued_);
+                      (orb_.parts_->presentOrbs.remove(target_) || handover == Handover::Done);
     TreflectObjectHandler* const handler = gone ? TreflectObjectHandler::getInstance() : nullptr;
     if (handler)
         handler->invalidateStubs(orb_.convertId(target_));
@@ -294,7 +293,7 @@ forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool res
 forwardMsgCleanup::~forwardMsgCleanup() {
     OSWrap::DisableCancelStateGuard const noCancel;
     // What has been delivered was taken out of the table before.
-    if (id_.entered && !record_->delivered() &&
+    if (id_.stage == TreflectORB::OngoingRequestId::Stage::Entered && !record_->delivered() &&
         !orb_->parts_->ongoingRequests_.withdraw(id_.value, *record_)) {
         bool targetExists = true;
         record_->wait(true, responseAwaited_, targetExists, request_, orb_);

@@ -5,9 +5,13 @@
 
 /** The transaction id of a call. */
 struct TreflectORB::OngoingRequestId {
+    enum class Stage {
+        None,     // none has been given
+        Chosen,   // nobody finds the call's record by it
+        Entered,  // a response to it finds the call's record
+    };
     unsigned int value = 0;
-    bool chosen = false;   // whether the call has got an id
-    bool entered = false;  // whether a response to that id finds the call's record
+    Stage stage = Stage::None;
 };
 
 /**
