@@ -126,11 +126,14 @@ private:
 
     static constexpr std::size_t kShortNameSize = 16;  // with its NUL
 
+    struct StandardMethod;
+
     bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     void serveObserverRegistration(TipprmiStream& in, TipprmiStream& out);
     void serveObserverRemoval(TipprmiStream& in, TipprmiStream& out);
     void serveChild(TipprmiStream& in, TipprmiStream& out);
     void serveChildRegistration(TipprmiStream& in, TipprmiStream& out);
+    void serveChildRemoval(TipprmiStream& in, TipprmiStream& out);
     void keepName(std::string const& name);
     /** Whether a call with class code `cc` may mean an operation that `declaring` declares. */
     bool concerns(unsigned int cc, unsigned int declaring) const;

@@ -235,50 +235,59 @@ bool TreflectServerObject::dispatch(bool withResponse, unsigned int cc, unsigned
            TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
 }
 
-bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out) {
-    switch (mc) {
-        case standard::kRegisterObserver:
-            serveObserverRegistration(in, out);
-            return true;
-        case standard::kRemoveObserver:
-            serveObserverRemoval(in, out);
-            return true;
-        case standard::kGetAbsName:
-            prepareResponseStream_(out);
-            out << getAbsName();
-            return true;
-        case standard::kGetRelName:
-            prepareResponseStream_(out);
-            out << getRelName();
-            return true;
-        case standard::kGetParent:
-            prepareResponseStream_(out);
-            out << getParent();
-            return true;
-        case standard::kGetChild:
-            serveChild(in, out);
-            return true;
-        case standard::kGetChilds:
-            prepareResponseStream_(out);
-            out << getChilds();
-            return true;
-        case standard::kRegisterChild:
-            serveChildRegistration(in, out);
-            return true;
-        case standard::kUnregisterChild: {
-            std::string name;
-            in >> name;
-            unregisterChild(name);
-            prepareResponseStream_(out);
-            return true;
-        }
-        case standard::kGetClassIds:
-            prepareResponseStream_(out);
-            out << getClassIds();
-            return true;
-        default:
-            return false;
+/** The methods that every reflective object serves by itself. */
+struct TreflectServerObject::StandardMethod {
+    using Object = TreflectServerObject;
+    unsigned int code;
+    void (*serve)(Object& object, TipprmiStream& in, TipprmiStream& out);
+
+    /** Null when the code is that of no such method. */
+    static StandardMethod const* find(unsigned int code);
+
+    template <auto Function>
+    static void pass(Object& object, TipprmiStream& in, TipprmiStream& out) {
+        (object.*Function)(in, out);
     }
+    template <auto Getter>
+    static void answer(Object& object, TipprmiStream&, TipprmiStream& out) {
+        object.prepareResponseStream_(out);
+        out << (object.*Getter)();
+    }
+};
+
+TreflectServerObject::StandardMethod const* TreflectServerObject::StandardMethod::find(
+    unsigned int code) {
+    static constexpr StandardMethod kMethods[] = {
+        {standard::kRegisterObserver, pass<&Object::serveObserverRegistration>},
+        {standard::kRemoveObserver, pass<&Object::serveObserverRemoval>},
+        {standard::kGetAbsName, answer<&Object::getAbsName>},
+        {standard::kGetRelName, answer<&Object::getRelName>},
+        {standard::kGetParent, answer<&Object::getParent>},
+        {standard::kGetChild, pass<&Object::serveChild>},
+        {standard::kGetChilds, answer<&Object::getChilds>},
+        {standard::kRegisterChild, pass<&Object::serveChildRegistration>},
+        {standard::kUnregisterChild, pass<&Object::serveChildRemoval>},
+        {standard::kGetClassIds, answer<&Object::getClassIds>},
+    };
+    for (StandardMethod const& method : kMethods) {
+        if (method.code == code)
+            return &method;
+    }
+    return nullptr;
+}
+
+bool TreflectServerObject::serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out) {
+    StandardMethod const* const method = StandardMethod::find(mc);
+    if (method)
+        method->serve(*this, in, out);
+    return method;
+}
+
+void TreflectServerObject::serveChildRemoval(TipprmiStream& in, TipprmiStream& out) {
+    std::string name;
+    in >> name;
+    unregisterChild(name);
+    prepareResponseStream_(out);
 }
 
 // Reading or copying a handle may look for the object that it means, and this one be destroyed
