@@ -13,7 +13,7 @@ void callRemote(ClientCallHookBaseV const& hook, InParamHook const& in, OutParam
                 TreflectObjectStub& stub, unsigned int cc, unsigned int mc, bool withResponse) {
     StubInUse const inUse(stub);
     TipprmiStream request(TipprmiStream::kUsualSize);
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     stub.prepareRequestStream(withResponse, cc, mc, request);
     in.marshall(request);
     // A failure stands in the response, as an exception container.

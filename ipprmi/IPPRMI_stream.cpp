@@ -81,6 +81,15 @@ TipprmiStream::TipprmiStream(TreflectMessage const& message, bool clear) : messa
     checkRange_();
 }
 
+TipprmiStream TipprmiStream::withoutBuffer_() {
+    return TipprmiStream(TreflectMessage(Transport::AddressedMessage()), false);
+}
+
+void TipprmiStream::ensureBuffer_() {
+    if (message_.empty())
+        *this = TipprmiStream(kUsualSize);
+}
+
 TipprmiStream::TipprmiStream(TipprmiStream const& other)
     : optr_(other.optr_),
       message_(other.message_),

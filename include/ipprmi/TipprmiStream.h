@@ -49,6 +49,11 @@ public:
     /** A stream over a message's buffer; `clear`: emptied for writing, else to read what it holds.
      */
     TipprmiStream(TreflectMessage const& message, bool clear);
+    /** An empty stream without a buffer, which it takes when something is written; for a response,
+     * which mostly brings its own. For the library's own use, as is the next. */
+    static TipprmiStream withoutBuffer_();
+    /** Gives a stream without a buffer the usual room. */
+    void ensureBuffer_();
     TipprmiStream(TipprmiStream const& other);
     TipprmiStream& operator=(TipprmiStream const& other);
     ~TipprmiStream() = default;

@@ -151,7 +151,7 @@ int TreflectAttribute::get(T& value) const {
     if (error_)
         return error;
     Selection const selected = selection_();
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     bool const succeeded = callGet_(response);
     if constexpr (std::is_base_of_v<TreflectObject, T>) {
         decode_(selected, response, value);
@@ -173,7 +173,7 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
     if (error_)
         return TipprmiFailure();
     Selection const selected = selection_();
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     if (!callGet_(response))
         return failureOf_(response);
     T value = tipprmiBlank<T>();

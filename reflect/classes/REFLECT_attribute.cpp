@@ -144,7 +144,7 @@ TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const 
     bool const ofElement = hasIndex_() && containerType_ != kPlain;
     if (error_ || !meta_->metaOperSet() || ofElement)
         return TipprmiFailure();
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     if (!callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value,
                       response))
         return failureOf_(response);
@@ -302,7 +302,7 @@ TreflectOperation::~TreflectOperation() = default;
 int TreflectOperation::call() {
     if (error_)
         return error;
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     callMember(*object_, meta_->containingMetaObject(), *meta_, TipprmiArguments<>(), response);
     return 0;
 }
@@ -321,7 +321,7 @@ TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> TreflectOperation::invoke(
     if (error_)
         return TipprmiFailure();
     TreflectMetaOperation const& meta = *meta_;  // outlasts this operation
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     bool const served =
         callMember(*object_, meta.containingMetaObject(), meta, AnyArguments(in), response);
     TipprmiResult<void> const outcome = readOutcome(response);

@@ -25,7 +25,7 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
         return false;
     StubInUse const inUse(*stub);
     TipprmiStream request(TipprmiStream::kUsualSize);
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     constexpr unsigned int kClass = TreflectObserverSkeleton::kClassId;
     prepareRequestStream_(true, kClass, kNotify, request) << source << cc << mc << arguments;
     dispatch(true, kClass, kNotify, request, response);

@@ -255,8 +255,10 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
         return dispatchToServer(withResponse, cc, mc, in, out);
     } else if (internalOid() != 0) {
         result = forwardMsg(orbId_, withResponse, in, out);
-        if (result == 1)
+        if (result == 1) {
+            out.ensureBuffer_();  // nothing has come, when none was awaited
             return result;
+        }
         REFLECTORB_LOG(3, kSource, "Message forwarding failed");
     } else {
         REFLECTORB_LOG(3, kSource,
@@ -272,6 +274,7 @@ int TreflectObjectStub::dispatchToServer(bool withResponse, unsigned int cc, uns
     // The object may let go of the last handle that keeps this stub.
     TreflectOrbId const orb = orbId_;
     forgetFailedRead(in);
+    out.ensureBuffer_();
     int const result = getServer()->dispatch(withResponse, cc, mc, in, out) ? 1 : 0;
     forgetFailedRead(out);
     if (result != 1)
@@ -291,7 +294,7 @@ void TreflectObjectStub::setExceptionContainer(TipprmiExceptionContainer const& 
     }
     StubInUse const inUse(*this);
     TipprmiStream request(TipprmiStream::kUsualSize);
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     prepareRequestStream_(true, standard::kClass, standard::kSetExceptionContainer, request)
         << container;
     dispatch(true, standard::kClass, standard::kSetExceptionContainer, request, response);
@@ -316,7 +319,7 @@ TipprmiExceptionContainer TreflectObjectStub::getExceptionContainer() const {
         return server->getExceptionContainer();
     StubInUse const inUse(*this);
     TipprmiStream request(TipprmiStream::kUsualSize);
-    TipprmiStream response(TipprmiStream::kUsualSize);
+    TipprmiStream response = TipprmiStream::withoutBuffer_();
     prepareRequestStream_(true, standard::kClass, standard::kGetExceptionContainer, request);
     dispatch(true, standard::kClass, standard::kGetExceptionContainer, request, response);
     prepareResponseStream_(true, response);

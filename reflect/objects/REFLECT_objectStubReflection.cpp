@@ -21,7 +21,7 @@ public:
           inUse_(stub),
           mc_(mc),
           request_(TipprmiStream::kUsualSize),
-          response_(TipprmiStream::kUsualSize) {
+          response_(TipprmiStream::withoutBuffer_()) {
         stub_.prepareRequestStream_(true, standard::kClass, mc_, request_);
     }
 
