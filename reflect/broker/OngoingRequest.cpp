@@ -241,14 +241,14 @@ void OngoingRequest::store(Response& response) {
     response.reset(exchange(response.release()));
 }
 
-/** Delivers `response` if the record, locked, meets the condition; deletes it if not. */
-template <class Condition>
-void OngoingRequest::deliverIf(Condition stillWaits, TreflectMessage* response) {
+/** Delivers `response` if the record still waits for what `key` says; deletes it if not. */
+template <class Key>
+void OngoingRequest::deliverTo(Key const& key, TreflectMessage* response) {
     Response owned(response);
     PermissionWaiter* waiter = nullptr;
     {
         RecordLock const lock(condition_);
-        if (!stillWaits())
+        if (!waitsFor(key))
             return;
         store(owned);
         if (response == nullptr)
@@ -259,11 +259,11 @@ void OngoingRequest::deliverIf(Condition stillWaits, TreflectMessage* response) 
 }
 
 void OngoingRequest::reset(TreflectMessage* response, unsigned int transactionId) {
-    deliverIf([&]() OSW_REQUIRES(condition_) { return transactionId_ == transactionId; }, response);
+    deliverTo(transactionId, response);
 }
 
 void OngoingRequest::reset(TreflectMessage* response, Transport::TerminationId const& target) {
-    deliverIf([&]() OSW_REQUIRES(condition_) { return target_ == target; }, response);
+    deliverTo(target, response);
 }
 
 void OngoingRequest::wakeOwner(PermissionWaiter* waiter) {

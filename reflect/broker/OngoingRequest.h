@@ -102,8 +102,14 @@ private:
     bool takeBack();
     void wakeOwner(handlerthreads::PermissionWaiter* waiter);
     TreflectMessage* exchange(TreflectMessage* response) OSW_REQUIRES(condition_);
-    template <class Condition>
-    void deliverIf(Condition stillWaits, TreflectMessage* response);
+    bool waitsFor(unsigned int transactionId) const OSW_REQUIRES(condition_) {
+        return transactionId_ == transactionId;
+    }
+    bool waitsFor(Transport::TerminationId const& target) const OSW_REQUIRES(condition_) {
+        return target_ == target;
+    }
+    template <class Key>
+    void deliverTo(Key const& key, TreflectMessage* response);
     void store(Response& response) OSW_REQUIRES(condition_);
 
     static pthread_key_t tsv_key_;  // written by initonce, as is the next
