@@ -8,6 +8,7 @@
 #include "handler_threads/HandlerThreadsType.h"
 #include "handler_threads/RunPermConditionVar.h"
 #include "handler_threads/RunPermMutex.h"
+#include "handler_threads/RunPermission.h"
 #include "handler_threads/SetContainer.h"
 #include "handler_threads/TreflectConditionVar.h"
 #include "handler_threads/TreflectCountedMutex.h"

@@ -1,4 +1,4 @@
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/Log.h"
@@ -84,7 +84,7 @@ TipprmiObjectSkeleton* TipprmiObjectClient::getServer() const {
 }
 
 TipprmiOID TipprmiObjectClient::identifier() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     return stub_ && !TreflectObjectHandler::isOfNothing(stub_) ? stub_->getOID() : noOid();
 }
 
@@ -112,7 +112,7 @@ TipprmiStream& TipprmiObjectClient::prepareResponseStream_(bool withResponse,
 }
 
 void TipprmiObjectClient::share_(TipprmiObjectClient const& other) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (other.stub_)
         other.stub_->incRefCount();
     replaceStub(other.stub_);

@@ -1,4 +1,4 @@
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectClient.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
@@ -32,7 +32,7 @@ TipprmiObjectSkeleton::~TipprmiObjectSkeleton() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
     OSWrap::DisableCancelStateGuard const notCancelled(true);
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (orb_)
         orb_->unregisterObject(this);
     TreflectObjectHandler::invalidateStubsOf(this);
@@ -40,7 +40,7 @@ TipprmiObjectSkeleton::~TipprmiObjectSkeleton() {
 }
 
 TreflectOrbId TipprmiObjectSkeleton::orbId() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     return orb_ ? orb_->orbId() : TreflectOrbId();
 }
 
@@ -74,7 +74,7 @@ TipprmiExceptionContainer TipprmiObjectSkeleton::getExceptionContainer() const {
 }
 
 void TipprmiObjectSkeleton::connect(TreflectORB* orb, TipprmiOID const& oid) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (orb_)
         orb_->unregisterObject(this);
     setORB(orb ? orb : TreflectORB::getInstance(oid.getNamespaceId()));
@@ -84,7 +84,7 @@ void TipprmiObjectSkeleton::connect(TreflectORB* orb, TipprmiOID const& oid) {
 }
 
 TipprmiObjectClient* TipprmiObjectSkeleton::getClient() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!client_)
         client_ = std::make_unique<TipprmiObjectClient>(this);
     return client_.get();

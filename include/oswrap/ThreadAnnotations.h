@@ -19,6 +19,7 @@
 #define OSW_ACQUIRE(...) OSW_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define OSW_RELEASE(...) OSW_ANNOTATION(release_capability(__VA_ARGS__))
 #define OSW_TRY_ACQUIRE(...) OSW_ANNOTATION(try_acquire_capability(__VA_ARGS__))
+#define OSW_ASSERTS(...) OSW_ANNOTATION(assert_capability(__VA_ARGS__))
 #define OSW_EXCLUDES(...) OSW_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define OSW_RETURN_CAPABILITY(mutex) OSW_ANNOTATION(lock_returned(mutex))
 #define OSW_NO_ANALYSIS OSW_ANNOTATION(no_thread_safety_analysis)

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "handler_threads/RunPermission.h"
 #include "handler_threads/TreflectRunPermission.h"
 #include "ipprmi/TipprmiOID.h"
 #include "ipprmi/TipprmiSequence.h"
@@ -194,17 +195,20 @@ public:
     /** Subscribe at one broker, or at all of the group when `only` is null, but for those that are
      * known not to have the class; `existing`, if given, becomes the objects that exist there. */
     void registerForOCN(unsigned int classId, std::vector<TreflectObject>* existing,
-                        TreflectOrbId const* only);
-    void registerForODN(unsigned int classId, TreflectOrbId const* only);
+                        TreflectOrbId const* only) OSW_REQUIRES_PERMISSION;
+    void registerForODN(unsigned int classId, TreflectOrbId const* only) OSW_REQUIRES_PERMISSION;
     /** Cancel at all brokers of the group. */
     void unregisterFromOCN(unsigned int classId);
     void unregisterFromODN(unsigned int classId);
     /** What subscriptions and cancellations of other brokers do; `existing`, if given, becomes the
      * objects that exist here. */
     void addRemoteCreationObserver(unsigned int const& classId, TreflectOrbId const& orb,
-                                   TipprmiSequence<TreflectObject, 0u>* existing);
-    void addRemoteDeletionObserver(unsigned int const& classId, TreflectOrbId const& orb);
-    void removeRemoteObserver(unsigned int const& classId, TreflectOrbId const& orb);
+                                   TipprmiSequence<TreflectObject, 0u>* existing)
+        OSW_REQUIRES_PERMISSION;
+    void addRemoteDeletionObserver(unsigned int const& classId,
+                                   TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
+    void removeRemoteObserver(unsigned int const& classId,
+                              TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
     /** Subscribes at a broker that came up for all classes that are observed here, and tells what
      * it has to those who have not heard of it. Waits for the broker. */
     void orbAppeared(TreflectOrbId const& id);
@@ -212,11 +216,11 @@ public:
     /** Subscribes one observer at a broker that it has missed; false when it has been removed
      * meanwhile. */
     bool catchUp_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting,
-                  TreflectOrbId const& id);
+                  TreflectOrbId const& id) OSW_REQUIRES_PERMISSION;
     /** A server object, or an observer, is being destroyed: it leaves the records of the classes
      * in all brokers of this process, and nobody is told. With the run permission. */
-    static void forgetObject_(TreflectServerObject const& object);
-    static void forgetObserver_(TreflectObserver const& observer);
+    static void forgetObject_(TreflectServerObject const& object) OSW_REQUIRES_PERMISSION;
+    static void forgetObserver_(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
     /** Starts one more worker; the pool may end it at once if it has enough. The broker does so by
      * itself when work waits and nobody is idle. No effect on a broker that is being deleted. */
     void startReflectWorker();
@@ -264,7 +268,7 @@ private:
                    TipprmiStream& response) const;
     void closeCalls_();
     /** This broker's answer to a query; its counters start afresh. With the run permission. */
-    PerfCntInfo takePerfCnts_() const;
+    PerfCntInfo takePerfCnts_() const OSW_REQUIRES_PERMISSION;
     /** False, and an empty info, when the broker did not answer readably. */
     bool queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const;
     struct ClassTotals;
@@ -277,38 +281,45 @@ private:
     class Publication;
     using Observers = std::vector<TreflectObserver*>;
     /** The record of a class, made when first asked for. With the run permission, as the next. */
-    MetaData& getMetaData(unsigned int classId) const;
+    MetaData& getMetaData(unsigned int classId) const OSW_REQUIRES_PERMISSION;
     void tellAll_(Kind kind, MetaData& record, TreflectObject const& object,
-                  std::set<TreflectObserver const*> told);
-    void tellCreation_(MetaData& record, TreflectObserver& observer, TreflectObject const& object);
+                  std::set<TreflectObserver const*> told) OSW_REQUIRES_PERMISSION;
+    void tellCreation_(MetaData& record, TreflectObserver& observer,
+                       TreflectObject const& object) OSW_REQUIRES_PERMISSION;
     static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
-    bool isNewcomer_(TreflectOrbId const& broker) const;
+    bool isNewcomer_(TreflectOrbId const& broker) const OSW_REQUIRES_PERMISSION;
     bool observe_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting);
-    static void tellExisting_(MetaData& record, Registration& registration);
+    static void tellExisting_(MetaData& record, Registration& registration) OSW_REQUIRES_PERMISSION;
     /** The broker is being deleted. */
-    void forgetAllObservers_();
+    void forgetAllObservers_() OSW_REQUIRES_PERMISSION;
     std::list<Transport::TerminationId> group_() const;
-    bool mayServe_(Transport::TerminationId const& target, unsigned int classId) const;
-    void learnClasses_(Transport::TerminationId const& target, TipprmiStream& response);
+    bool mayServe_(Transport::TerminationId const& target,
+                   unsigned int classId) const OSW_REQUIRES_PERMISSION;
+    void learnClasses_(Transport::TerminationId const& target,
+                       TipprmiStream& response) OSW_REQUIRES_PERMISSION;
     void subscribeAtAll_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
-                         Registration* asking);
+                         Registration* asking) OSW_REQUIRES_PERMISSION;
     bool subscribeAt_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
-                      Registration* asking, Transport::TerminationId const& target);
+                      Registration* asking,
+                      Transport::TerminationId const& target) OSW_REQUIRES_PERMISSION;
     static void readExisting_(TipprmiStream& response, Transport::TerminationId const& target,
                               std::vector<TreflectObject>* existing);
-    void cancelUnlessObserved_(Kind kind, unsigned int classId);
+    void cancelUnlessObserved_(Kind kind, unsigned int classId) OSW_REQUIRES_PERMISSION;
     void cancel_(TreflectMessage::type_t type, unsigned int classId);
     /** A broker that came up is served on the transport's thread, or by a worker. */
     void catchUpLater_(Transport::TerminationId const& newcomer);
     void catchUpWith_(Transport::TerminationId const& newcomer);
-    void catchUpClass_(unsigned int classId, TreflectOrbId const& id);
-    void tellOfMissedDeletions_(unsigned int classId, Registration const& telling);
-    void tellOfGone_(unsigned int classId, TreflectOrbId const& id, Registration const& telling);
+    void catchUpClass_(unsigned int classId, TreflectOrbId const& id) OSW_REQUIRES_PERMISSION;
+    void tellOfMissedDeletions_(unsigned int classId,
+                                Registration const& telling) OSW_REQUIRES_PERMISSION;
+    void tellOfGone_(unsigned int classId, TreflectOrbId const& id,
+                     Registration const& telling) OSW_REQUIRES_PERMISSION;
     void publish_(Kind kind, unsigned int classId, TreflectObject const& object,
-                  Publication& publication);
+                  Publication& publication) OSW_REQUIRES_PERMISSION;
     static void listExisting_(MetaData const& record, TreflectOrbId const& orb,
-                              TipprmiSequence<TreflectObject, 0u>& existing);
-    void forgetBroker_(TreflectOrbId const& orb);
+                              TipprmiSequence<TreflectObject, 0u>& existing)
+        OSW_REQUIRES_PERMISSION;
+    void forgetBroker_(TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "handler_threads/RunPermission.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
@@ -55,12 +56,14 @@ private:
     /** Where the broker of a namespace finds an object; nowhere when that place has gone since. The
      * caller has the run permission and keeps it until the answer is in the table. */
     static TreflectORB::TreflectObjectLocation search(TipprmiOID const& oid, NamespaceId asked);
+    /** False without memory. */
+    bool enter(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
     /** For a stub that changes: takes it out of the table and answers whether it was in. */
-    static bool takeOut(TreflectObjectStub* stub);
-    static void putBack(TreflectObjectStub* stub);
+    static bool takeOut(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
+    static void putBack(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
 
     static std::atomic<TreflectObjectHandler*> instance_;
 
-    TreflectObjectStubContainer stubs_;      // guarded by the run permission
+    TreflectObjectStubContainer stubs_ OSW_GUARDED_BY_PERMISSION;
     TreflectObjectInvalidStub invalidStub_;  // counted, never freed
 };

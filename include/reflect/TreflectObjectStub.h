@@ -1,5 +1,6 @@
 #pragma once
 
+#include "handler_threads/RunPermission.h"
 #include "ipprmi/TipprmiObjectBase.h"
 #include "reflect/TreflectObjectLocationIf.h"
 
@@ -163,9 +164,8 @@ private:
     // The class that the object was last found to have. Guarded by the run permission.
     mutable TreflectMetaObject const* metaCache_ = nullptr;
     // The server under which the table of stubs has this stub; null when it has it under none.
-    // Guarded by the run permission.
-    TipprmiObjectSkeleton const* filedServer_ = nullptr;
-    std::uint64_t filedAs_ = 0;  // its number among the entries of that table; guarded likewise
+    TipprmiObjectSkeleton const* filedServer_ OSW_GUARDED_BY_PERMISSION = nullptr;
+    std::uint64_t filedAs_ OSW_GUARDED_BY_PERMISSION = 0;  // its number among that table's entries
 };
 
 /** Equal identifiers when both have one, else equal in internal id, broker, namespace and server.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "handler_threads/RunPermission.h"
 #include "ipprmi/TipprmiOID.h"
 #include "oswrap/Export.h"
 #include "reflect/TreflectOrbId.h"
@@ -24,16 +25,17 @@ class TreflectObjectStub;
 class REFLECTORB_API TreflectObjectStubContainer {
 public:
     /** Null is ignored. */
-    void insert(TreflectObjectStub* stub);
+    void insert(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
     /** Takes out this very stub, not an equivalent one; false when it is not in. */
-    bool erase(TreflectObjectStub* stub);
+    bool erase(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
     /** The first valid stub of an equivalent location, or null. A location without identifier and
      * internal id is nowhere and found by nobody. */
-    TreflectObjectStub* find(TreflectObjectLocationIf const& location) const;
+    TreflectObjectStub* find(TreflectObjectLocationIf const& location) const
+        OSW_REQUIRES_PERMISSION;
     /** Makes every stub of the broker's objects invalid. */
-    void invalidateStubs(TreflectOrbId const& orb);
+    void invalidateStubs(TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
     /** Makes every stub that leads to this object of the process invalid. */
-    void invalidateStubs(TipprmiObjectSkeleton const* server);
+    void invalidateStubs(TipprmiObjectSkeleton const* server) OSW_REQUIRES_PERMISSION;
 
 private:
     struct Key {
@@ -51,11 +53,11 @@ private:
     static std::size_t hashOf(Key const& key);
     static bool answersTo(TreflectObjectStub const& stub, Key const& key);
     /** By identifier when both have one, else and among equals in the order of their entry. */
-    static bool comesBefore(TreflectObjectStub const& a, TreflectObjectStub const& b);
+    static bool comesBefore(TreflectObjectStub const& a,
+                            TreflectObjectStub const& b) OSW_REQUIRES_PERMISSION;
 
-    // All guarded by the run permission.
-    Stubs stubs_;
+    Stubs stubs_ OSW_GUARDED_BY_PERMISSION;
     // Those of local objects once more, so that the end of an object finds them at once.
-    LocalStubs local_;
-    std::uint64_t entered_ = 0;  // how many have been put in
+    LocalStubs local_ OSW_GUARDED_BY_PERMISSION;
+    std::uint64_t entered_ OSW_GUARDED_BY_PERMISSION = 0;  // how many have been put in
 };

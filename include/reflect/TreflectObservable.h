@@ -4,6 +4,7 @@
 #include <memory>
 #include <utility>
 
+#include "handler_threads/RunPermission.h"
 #include "reflect/TreflectObserverClient.h"
 
 /**
@@ -56,9 +57,11 @@ public:
 
     /** Whether anybody would be told of a call, before it or after it. */
     bool preObserverAvailable(unsigned int const& cc, unsigned int const& mc) const {
+        handlerthreads::trustPermission();
         return available(preObservers_, cc, mc);
     }
     bool postObserverAvailable(unsigned int const& cc, unsigned int const& mc) const {
+        handlerthreads::trustPermission();
         return available(postObservers_, cc, mc);
     }
 
@@ -81,8 +84,8 @@ private:
                      TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer);
     static void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
-    // All guarded by the run permission; the maps are made with the first registration.
-    std::unique_ptr<Observers> preObservers_;
-    std::unique_ptr<Observers> postObservers_;
+    // Made with the first registration.
+    std::unique_ptr<Observers> preObservers_ OSW_GUARDED_BY_PERMISSION;
+    std::unique_ptr<Observers> postObservers_ OSW_GUARDED_BY_PERMISSION;
     std::shared_ptr<bool> const living_ = std::make_shared<bool>(true);  // false when it ends
 };

@@ -67,7 +67,7 @@ private:
     /** `served`: the broker whose worker asks for the deletion, or null. */
     void deleteEach(TreflectORB const* served, Pace& pace);
     void deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served, Pace& pace);
-    void retire(std::size_t index, TreflectORB& orb);
+    void retire(std::size_t index, TreflectORB& orb) OSW_REQUIRES_PERMISSION;
 
     /// A leaf lock, taken with or without the run permission; told when a creation is over. Not
     /// held while a broker is made, which takes 100 ms and more and logs: a log sink may come back

@@ -37,7 +37,10 @@ bool InternalIds::takeAgain(std::uint32_t id, void const* owner) {
 
 void InternalIds::giveBack(std::uint32_t id, void const* owner) {
     // Without memory for that it is never given again.
-    OSWrap::withMemory([&] { resting_.push_back({id, owner, registrations_ + kRest + 1}); });
+    OSWrap::withMemory([&] {
+        handlerthreads::trustPermission();
+        resting_.push_back({id, owner, registrations_ + kRest + 1});
+    });
 }
 
 void InternalIds::endRests() {

@@ -4,6 +4,8 @@
 #include <deque>
 #include <map>
 
+#include "handler_threads/RunPermission.h"
+
 /**
  * The internal object ids in use in this process, for machines whose addresses are wider than an
  * id. An object asks for the low 32 bits of its address; if that is 0 or taken it gets the next
@@ -12,7 +14,7 @@
  * that gave it back gets it again when it returns: handles on it, anywhere, are good again.
  *
  * The taken ids are kept as intervals: objects that come and go at the same address, the usual
- * case, cost a few of them. Guarded by the run permission.
+ * case, cost a few of them.
  */
 class InternalIds {
 public:
@@ -22,11 +24,11 @@ public:
     static InternalIds& instance();
 
     /** Takes an id, `wanted` if possible. */
-    std::uint32_t take(std::uint32_t wanted);
+    std::uint32_t take(std::uint32_t wanted) OSW_REQUIRES_PERMISSION;
     /** Takes the id that `owner` had and gave back; false when it is no longer to be had. */
-    bool takeAgain(std::uint32_t id, void const* owner);
+    bool takeAgain(std::uint32_t id, void const* owner) OSW_REQUIRES_PERMISSION;
     /** Gives an id back. `owner` is not looked at. */
-    void giveBack(std::uint32_t id, void const* owner);
+    void giveBack(std::uint32_t id, void const* owner) OSW_REQUIRES_PERMISSION;
 
 private:
     struct Resting {
@@ -35,12 +37,13 @@ private:
         std::uint64_t until;  // number of the registration that may have it again
     };
 
-    void endRests();
-    std::uint32_t nextFree(std::uint32_t wanted) const;
-    void insert(std::uint32_t id);
-    void erase(std::uint32_t id);
+    void endRests() OSW_REQUIRES_PERMISSION;
+    std::uint32_t nextFree(std::uint32_t wanted) const OSW_REQUIRES_PERMISSION;
+    void insert(std::uint32_t id) OSW_REQUIRES_PERMISSION;
+    void erase(std::uint32_t id) OSW_REQUIRES_PERMISSION;
 
-    std::uint64_t registrations_ = 0;
-    std::map<std::uint32_t, std::uint32_t> taken_;  // first and last of each interval; none adjoin
-    std::deque<Resting> resting_;                   // oldest first; also in taken_
+    std::uint64_t registrations_ OSW_GUARDED_BY_PERMISSION = 0;
+    // First and last of each interval; none adjoin.
+    std::map<std::uint32_t, std::uint32_t> taken_ OSW_GUARDED_BY_PERMISSION;
+    std::deque<Resting> resting_ OSW_GUARDED_BY_PERMISSION;  // oldest first; also in taken_
 };

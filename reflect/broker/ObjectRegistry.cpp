@@ -24,7 +24,7 @@ bool hadId(TipprmiObjectSkeleton const& object) {
     return object.getInternalOID() > kHighestNamespace;
 }
 
-std::uint32_t takeId(TipprmiObjectSkeleton const& object) {
+std::uint32_t takeId(TipprmiObjectSkeleton const& object) OSW_REQUIRES_PERMISSION {
     std::uint32_t const suggested = suggestedId(&object);
     if (kAddressIsId)
         return suggested;
@@ -33,7 +33,7 @@ std::uint32_t takeId(TipprmiObjectSkeleton const& object) {
     return hadId(object) && ids.takeAgain(former, &object) ? former : ids.take(suggested);
 }
 
-void giveIdBack(std::uint32_t id, TipprmiObjectSkeleton const* object) {
+void giveIdBack(std::uint32_t id, TipprmiObjectSkeleton const* object) OSW_REQUIRES_PERMISSION {
     if (!kAddressIsId)
         InternalIds::instance().giveBack(id, object);
 }

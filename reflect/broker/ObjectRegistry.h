@@ -4,14 +4,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include "handler_threads/RunPermission.h"
 #include "ipprmi/TipprmiOID.h"
 
 class TipprmiObjectSkeleton;
 
 /**
  * The server objects of one broker by internal object id, with an index by identifier, so that an
- * identifier is found as quickly among many objects as among few. Does not own the objects. Guarded
- * by the run permission.
+ * identifier is found as quickly among many objects as among few. Does not own the objects.
  */
 class ObjectRegistry {
 public:
@@ -21,9 +21,9 @@ public:
 
     /** Enters an object, once, and tells it its internal id: its address where that has 32 bits,
      * else see InternalIds. */
-    void add(TipprmiObjectSkeleton& object);
+    void add(TipprmiObjectSkeleton& object) OSW_REQUIRES_PERMISSION;
     /** Takes an object out; no effect if it is not in. Does not look at the object. */
-    void remove(TipprmiObjectSkeleton const* object);
+    void remove(TipprmiObjectSkeleton const* object) OSW_REQUIRES_PERMISSION;
     /** Notes that an object has another identifier; no effect if it is not in. */
     void identifierChanged(TipprmiObjectSkeleton const& object);
 
@@ -33,7 +33,7 @@ public:
     TipprmiObjectSkeleton* find(TipprmiOID const& oid) const;
 
     /** Takes all objects out and tells each that it has no broker any more. */
-    void disown();
+    void disown() OSW_REQUIRES_PERMISSION;
 
 private:
     struct HashOfText {

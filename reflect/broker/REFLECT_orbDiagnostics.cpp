@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "handler_threads/HandlerThreads.h"
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Memory.h"
@@ -134,7 +134,7 @@ std::list<TreflectORB::PerfCntMultInfo> TreflectORB::getPerfCnts() const {
 std::list<TreflectORB::BrokerInfo> TreflectORB::getBrokers() const {
     BrokerInfo own{termId(), orbId_, true, {}};
     {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         own.info = takePerfCnts_();
     }
     std::list<BrokerInfo> brokers;
@@ -161,7 +161,7 @@ struct TreflectORB::ClassTotals {
 };
 
 TreflectORB::ClassTotals TreflectORB::classTotals_() const {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     ClassTotals totals{};
     totals.records = parts_->classes.size();
     auto const add = [](int& total, auto const& some) { total += static_cast<int>(some.size()); };
@@ -196,7 +196,7 @@ void TreflectORB::display(int) const {
 void TreflectORB::displayMore_() const {
     PerformanceCounters::Records counters;
     {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         parts_->returnedCalls.moveTo(parts_->counters);
         counters = parts_->counters.all();
     }

@@ -3,10 +3,10 @@
 #include <optional>
 
 #include "handler_threads/PermissionWaiter.h"
-#include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/TreflectRestoreHandlerState.h"
 #include "handler_threads/TurnExchange.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/LineLimit.h"
@@ -97,28 +97,29 @@ public:
     IncomingMessage(TreflectORB& orb, TreflectMessage const& message, unsigned int note)
         : orb_(orb), message_(message), note_(note), request_(message, false) {}
 
-    void serve();
+    void serve() OSW_REQUIRES_PERMISSION;
     /** Memory has run out in `serve`. */
-    void makeUpFor();
+    void makeUpFor() OSW_REQUIRES_PERMISSION;
 
 private:
-    void makeUpForOnce();
-    void serveResolve();
-    void serveCall();
-    void serveNotice();
-    void serveCreation(unsigned int classId, TreflectObject const& object, TipprmiStream& response);
-    void serveCreationSubscription();
-    void serveDeletionSubscription();
-    void serveCancellation();
-    void serveCounterQuery();
-    void serveArrival();
+    void makeUpForOnce() OSW_REQUIRES_PERMISSION;
+    void serveResolve() OSW_REQUIRES_PERMISSION;
+    void serveCall() OSW_REQUIRES_PERMISSION;
+    void serveNotice() OSW_REQUIRES_PERMISSION;
+    void serveCreation(unsigned int classId, TreflectObject const& object,
+                       TipprmiStream& response) OSW_REQUIRES_PERMISSION;
+    void serveCreationSubscription() OSW_REQUIRES_PERMISSION;
+    void serveDeletionSubscription() OSW_REQUIRES_PERMISSION;
+    void serveCancellation() OSW_REQUIRES_PERMISSION;
+    void serveCounterQuery() OSW_REQUIRES_PERMISSION;
+    void serveArrival() OSW_REQUIRES_PERMISSION;
     bool isReadable(unsigned int classId) const;
-    void answer(TipprmiStream& response);
-    bool callObject(TipprmiObjectSkeleton& object, TipprmiStream& response);
+    void answer(TipprmiStream& response) OSW_REQUIRES_PERMISSION;
+    bool callObject(TipprmiObjectSkeleton& object, TipprmiStream& response) OSW_REQUIRES_PERMISSION;
     bool callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);
-    void answerCall(TipprmiStream& response, bool served);
-    bool send(TipprmiStream& response);
-    TreflectMessage& failureInReserve();
+    void answerCall(TipprmiStream& response, bool served) OSW_REQUIRES_PERMISSION;
+    bool send(TipprmiStream& response) OSW_REQUIRES_PERMISSION;
+    TreflectMessage& failureInReserve() OSW_REQUIRES_PERMISSION;
     TreflectMessage& asAnswer(TreflectMessage& message) const;
     void reportUnknownObject() const;
     Parts::LineLimits& limits() const { return orb_.parts_->limits; }
@@ -365,7 +366,11 @@ TreflectMessage& TreflectORB::IncomingMessage::asAnswer(TreflectMessage& message
  * nobody else would tell of an arrival. Only this worker waits, without the run permission.
  */
 void TreflectORB::IncomingMessage::makeUpFor() {
-    while (!OSWrap::withMemory([this] { makeUpForOnce(); })) {
+    auto const attempt = [this] {
+        handlerthreads::assertPermission();
+        makeUpForOnce();
+    };
+    while (!OSWrap::withMemory(attempt)) {
         AllLevelsReleased const released;
         OSWrap::awaitMemory();
     }
@@ -391,7 +396,7 @@ class TreflectORB::WorkLoop {
 public:
     explicit WorkLoop(TreflectORB& orb) : orb_(orb), turn_(orb.parts_.get()) {}
 
-    void run() {
+    void run() OSW_REQUIRES_PERMISSION {
         for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false)) {
             serve();
             turn_.taken = {};
@@ -399,7 +404,7 @@ public:
     }
 
 private:
-    void serve();
+    void serve() OSW_REQUIRES_PERMISSION;
     bool awaitTurn(bool firstPass);
     bool goOnAtOnce();
     void startWorker(MessageQueue::Need need) {
@@ -416,7 +421,11 @@ void TreflectORB::WorkLoop::serve() {
     orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
     TreflectMessage const message(turn_.taken.message);
     unsigned int const note = turn_.taken.note;
-    if (OSWrap::withMemory([&] { IncomingMessage(orb_, message, note).serve(); }))
+    bool const served = OSWrap::withMemory([&] {
+        handlerthreads::assertPermission();
+        IncomingMessage(orb_, message, note).serve();
+    });
+    if (served)
         return;
     giveBackFurtherLevels();
     REFLECTORB_LOG_LIMITED(orb_.parts_->limits.noMemory, 2, "REFLECT_orb",
@@ -452,6 +461,6 @@ bool TreflectORB::WorkLoop::goOnAtOnce() {
 void TreflectORB::dispatchEntry() {
     OSWrap::DisableCancelStateGuard const noCancel;
     EndOfWorker const end(parts_->messageQueue);
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     WorkLoop(*this).run();
 }

@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/ConditionVar.h"
@@ -124,7 +124,7 @@ void TreflectORB::prepareForDeletion() {
 }
 
 void preCreateReflectOrb() {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     TreflectORB::getInstance(NSID_UNIT);
 }
 
@@ -283,7 +283,7 @@ void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB
     orb.parts_->calls.waitUntilEmpty();
     if (!pace.goOn())
         return;
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     if (pace.goOn())
         retire(index, orb);
 }

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <list>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "reflect/InterfaceRepository.h"
@@ -44,7 +44,7 @@ TipprmiObjectSkeleton* findByMadeUpName(ObjectRegistry const& objects, TipprmiOI
 bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
     if (!object)
         return false;
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     if (parts_->retired)
         return false;
     InterfaceRepository::instance()->keepForBrokers_();
@@ -53,13 +53,13 @@ bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
 }
 
 bool TreflectORB::unregisterObject(TipprmiObjectSkeleton const* object) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     parts_->objects.remove(object);
     return true;
 }
 
 void TreflectORB::identifierChanged_(TipprmiObjectSkeleton const& object) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     parts_->objects.identifierChanged(object);
 }
 
@@ -71,7 +71,7 @@ TreflectORB::TreflectObjectLocation TreflectORB::locateObject(TipprmiOID const& 
     TreflectObjectLocation location(oid);
     if (location.getInternalOID() != 0) {
         if (location.orbId() == orbId_) {
-            TreflectHandlerState const handlerState(true);
+            WithPermission const permission;
             location.setServer(parts_->objects.find(location.getInternalOID()));
         }
         return location;
@@ -81,7 +81,7 @@ TreflectORB::TreflectObjectLocation TreflectORB::locateObject(TipprmiOID const& 
 }
 
 TreflectORB::TreflectObjectLocation TreflectORB::locateLocalObject_(TipprmiOID const& oid) const {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     TipprmiObjectSkeleton* object = parts_->objects.find(oid);
     if (!object)
         object = findByMadeUpName(parts_->objects, oid);

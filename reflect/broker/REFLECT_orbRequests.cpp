@@ -2,8 +2,8 @@
 #include <optional>
 #include <utility>
 
-#include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiException.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Thread.h"
@@ -172,7 +172,7 @@ bool TreflectORB::OutgoingCall::refused() {
 
 bool TreflectORB::OutgoingCall::failed(Handover handover, int code) {
     writeGeneralException(response_, static_cast<unsigned int>(code));
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     ++orb_.parts_->counters.of(target_).failed;
     forgetGoneTarget(handover);
     return false;
@@ -204,7 +204,7 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
         CallGate::Visit const visit(parts_->calls);
         if (!visit.admitted())
             return false;
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         PerformanceCounters::Counters& counters = parts_->counters.of(convertId(target));
         ++counters.sent;
         ++counters.failed;
@@ -226,7 +226,7 @@ bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,
     if (!visit.admitted())
         return turnAway_(target, message, response);
     {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         ++parts_->counters.of(target).sent;
     }
     return OutgoingCall(*this, target, withResponse, message, response, when).perform();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <set>
 
+#include "handler_threads/RunPermission.h"
 #include "logging/LineLimit.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/broker/CallGate.h"
@@ -39,19 +40,20 @@ struct TreflectORB::Parts {
     Logging::LineLimit turnedAway;  // for lines about calls that come too late
     RequestTable ongoingRequests_;
     MessageQueue messageQueue;
-    ObjectRegistry objects;        // guarded by the run permission
-    PerformanceCounters counters;  // guarded by the run permission
-    ReturnedCalls returnedCalls;   // to be counted there
-    /// By class id. Guarded by the run permission.
-    std::map<unsigned int, MetaData> classes;
-    /// The classes that other brokers have told they know. Guarded by the run permission.
-    std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses;
+    ObjectRegistry objects OSW_GUARDED_BY_PERMISSION;
+    PerformanceCounters counters OSW_GUARDED_BY_PERMISSION;
+    ReturnedCalls returnedCalls;  // to be counted there
+    /// By class id.
+    std::map<unsigned int, MetaData> classes OSW_GUARDED_BY_PERMISSION;
+    /// The classes that other brokers have told they know.
+    std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses
+        OSW_GUARDED_BY_PERMISSION;
     PresentOrbs presentOrbs;
     TreflectMissedOrbs missedCreations;
     TreflectMissedOrbs missedDeletions;
     /// The brokers whose arrival is over: what is observed here is observed there, and what they
-    /// had has been told. Guarded by the run permission.
-    std::set<TreflectOrbId> caughtUpWith;
+    /// had has been told.
+    std::set<TreflectOrbId> caughtUpWith OSW_GUARDED_BY_PERMISSION;
     /// How often deletions have been subscribed to at other brokers; counted under the run
     /// permission when they have answered, read by the receiving thread before it delivers their
     /// answers.
@@ -59,9 +61,8 @@ struct TreflectORB::Parts {
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};
-    /** Whether the broker has been deleted: nothing is entered into it any more. Guarded by the run
-     * permission. */
-    bool retired = false;
+    /** Whether the broker has been deleted: nothing is entered into it any more. */
+    bool retired OSW_GUARDED_BY_PERMISSION = false;
     /** The next one in the list of deleted brokers, whose lock guards it. */
     TreflectORB const* nextRetired = nullptr;
     /** The lines that other brokers, or who plays one, can cause at will. */
@@ -86,10 +87,10 @@ struct TreflectORB::Parts {
         /** Throws when there is no memory for these either. */
         Reserve();
 
-        // Guarded by the run permission
-
-        TreflectMessage failedCall;  // an exception container with code 0
-        TreflectMessage nothing;     // an object not found, empty sequences
+        /// An exception container with code 0.
+        TreflectMessage failedCall OSW_GUARDED_BY_PERMISSION;
+        /// An object not found, empty sequences.
+        TreflectMessage nothing OSW_GUARDED_BY_PERMISSION;
         // Receiving thread only
         TreflectMessage sentBack;  // the head of a message that is not served
     } reserve;

@@ -1,6 +1,5 @@
 #include <algorithm>
 
-#include "handler_threads/TreflectHandlerState.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectObject.h"
 #include "reflect/notices/TreflectMissedOrbs.h"
@@ -39,7 +38,6 @@ void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer
         OSWrap::Lock<> const lock(mutex_);
         missed = missed_;
     }
-    TreflectHandlerState const handlerState(true);
     auto const kind = forCreations_ ? TreflectORB::Kind::creation : TreflectORB::Kind::deletion;
     for (TreflectOrbId const& id : missed) {
         if (!orb_.catchUp_(kind, classId, observer, plusExisting, id))

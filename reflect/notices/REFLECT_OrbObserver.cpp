@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Lock.h"
@@ -163,7 +163,7 @@ void TreflectOrbObserver::tellAll(OrbAppear_t const& appearance) {
 
 // What an observer throws ends here: the others are to hear of the broker too.
 void TreflectOrbObserver::tell(TreflectOrbObserverIf* observer, OrbAppear_t const& appearance) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     bool begun = false;
     OSWrap::untilMemory([&] { begun = begin(observer); });
     if (!begun)
@@ -226,7 +226,7 @@ bool TreflectOrbObserver::subscribe(TreflectOrbObserverIf* observer, Appear_t co
 void TreflectOrbObserver::notifyExistingOrbs(TreflectOrbObserverIf* observer) {
     auto& transport = Transport::TransportLayer::instance();
     for (Transport::TerminationId const& broker : transport.getTerminations()) {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         if (transport.exists(broker))
             tell(observer, {broker, TreflectOrbObserverIf::kAppear});
     }

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <set>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "reflect/TreflectObserver.h"
@@ -44,7 +44,7 @@ TreflectORB::MetaData& TreflectORB::getMetaData(unsigned int classId) const {
 // ---- Telling observers of this process ---------------------------------------------------------
 
 void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const& object) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     auto const found = parts_->classes.find(classId);
     if (found == parts_->classes.end())
         return;
@@ -55,7 +55,7 @@ void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const&
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     auto const found = parts_->classes.find(classId);
     if (found == parts_->classes.end())
         return;
@@ -76,7 +76,7 @@ bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver
 
 bool TreflectORB::observe_(Kind kind, unsigned int classId, TreflectObserver& observer,
                            bool plusExisting) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     if (parts_->retired)
         return false;
     MetaData& record = getMetaData(classId);
@@ -107,9 +107,7 @@ void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
         if (next == record.objects.end() || registration.ended())
             return;
         last = *next;
-        auto const& deletions = record.deletions.publications;
-        if (std::any_of(deletions.begin(), deletions.end(),
-                        [&](auto const* deletion) { return deletion->isOf(last); }))
+        if (record.isEnding(last))
             continue;
         TreflectObject object;
         object.share_(*last->getClient());
@@ -118,7 +116,7 @@ void TreflectORB::tellExisting_(MetaData& record, Registration& registration) {
 }
 
 void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& observer) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     MetaData& record = getMetaData(classId);
     record.forget(observer);
     record.creations.forget(observer);
@@ -295,7 +293,7 @@ bool TreflectORB::catchUp_(Kind kind, unsigned int classId, TreflectObserver& ob
 // Records are made at any time and never go: the walk is over when it has met all. There may be
 // many, one for each class that another process has named.
 void TreflectORB::orbAppeared(TreflectOrbId const& id) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     parts_->missedCreations.add(id);
     parts_->missedDeletions.add(id);
     std::set<unsigned int> met;

@@ -1,8 +1,8 @@
 // What a broker does when other brokers come and go.
 #include <algorithm>
 
-#include "handler_threads/TreflectHandlerState.h"
 #include "handler_threads/TreflectReleaseHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
@@ -22,9 +22,10 @@ void TreflectORB::appeared(Transport::Termination& termination) {
 // One that does not answer is waited for by a worker, so that the arrivals of others are told.
 // While nothing is observed there is nobody to wait for.
 void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
-    TreflectHandlerState const handlerState(true);
+    WithPermission const permission;
     bool const observes =
         std::any_of(parts_->classes.begin(), parts_->classes.end(), [](auto const& entry) {
+            handlerthreads::assertPermission();
             return entry.second.creations.isObserved() || entry.second.deletions.isObserved();
         });
     TreflectMessage arrival = allocateRequest(sizeof newcomer.value());
@@ -44,7 +45,7 @@ void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
 // One that has gone again is not to be listed as missed: nobody would take it from the list.
 void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
     {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         if (Transport::TransportLayer::instance().exists(newcomer))
             orbAppeared(convertId(newcomer));
     }
@@ -55,7 +56,7 @@ void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
     {
-        TreflectHandlerState const handlerState(true);
+        WithPermission const permission;
         TreflectOrbId const id = convertId(gone);
         // Without memory for a handler there are no stubs.
         if (TreflectObjectHandler* const handler = TreflectObjectHandler::getInstance())

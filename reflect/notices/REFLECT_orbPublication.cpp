@@ -3,7 +3,6 @@
 #include <iterator>
 #include <utility>
 
-#include "handler_threads/TreflectHandlerState.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/TreflectOrbParts.h"
 
@@ -50,6 +49,7 @@ void TreflectORB::publish_(Kind kind, unsigned int classId, TreflectObject const
 // Those who ask from now on what exists are told of the object, so it is not published to them.
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
     checkHandlerState();
+    handlerthreads::trustPermission();
     // A handle of our own: the object may be destroyed while somebody is waited for.
     TreflectObject handle;
     handle.share_(*object.getClient());
@@ -65,6 +65,7 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
 
 // Those who subscribe meanwhile may have been told that the object exists.
 bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject const& object) {
+    handlerthreads::trustPermission();
     TreflectObject handle;
     handle.share_(*object.getClient());
     MetaData& record = getMetaData(classId);
@@ -96,21 +97,32 @@ void TreflectORB::addRemoteCreationObserver(unsigned int const& classId, Treflec
     }
 }
 
-/** What exists for a broker: neither what it is still to be told as created, nor what it has been
- * told as deleted. */
+bool TreflectORB::MetaData::isEnding(TreflectServerObject const* object) const {
+    for (Publication const* const deletion : deletions.publications) {
+        if (deletion->isOf(object))
+            return true;
+    }
+    return false;
+}
+
+bool TreflectORB::MetaData::isHiddenFrom(TreflectOrbId const& broker,
+                                         TreflectServerObject const* object) const {
+    for (Publication const* const creation : creations.publications) {
+        if (creation->isOf(object) && creation->isDue(broker))
+            return true;
+    }
+    for (Publication const* const deletion : deletions.publications) {
+        if (deletion->isOf(object) && deletion->isAnsweredBy(broker))
+            return true;
+    }
+    return false;
+}
+
 void TreflectORB::listExisting_(MetaData const& record, TreflectOrbId const& orb,
                                 TipprmiSequence<TreflectObject, 0u>& existing) {
     std::vector<TreflectServerObject const*> listed;
     for (TreflectServerObject const* const object : record.objects) {
-        auto const isOf = [&](Publication const* one) { return one->isOf(object); };
-        auto const& creating = record.creations.publications;
-        auto const& deleting = record.deletions.publications;
-        bool const hidden =
-            std::any_of(creating.begin(), creating.end(),
-                        [&](auto const* one) { return isOf(one) && one->isDue(orb); }) ||
-            std::any_of(deleting.begin(), deleting.end(),
-                        [&](auto const* one) { return isOf(one) && one->isAnsweredBy(orb); });
-        if (!hidden)
+        if (!record.isHiddenFrom(orb, object))
             listed.push_back(object);
     }
     existing.setLength(static_cast<unsigned int>(listed.size()));

@@ -76,17 +76,21 @@ void TreflectORB::tellAll_(Kind kind, MetaData& record, TreflectObject const& ob
 // ---- What is known of a class ------------------------------------------------------------------
 
 bool TreflectORB::MetaData::Side::isObserved() const {
-    return !observers.empty() || std::any_of(registrations.begin(), registrations.end(),
-                                             [](auto const* one) { return !one->ended(); });
+    for (Registration const* const registration : registrations) {
+        if (!registration->ended())
+            return true;
+    }
+    return !observers.empty();
 }
 
 TreflectObserver* TreflectORB::MetaData::Side::nextFor(Notice const& notice) const {
     if (notice.ended())
         return nullptr;
-    auto const next = std::find_if(observers.begin(), observers.end(), [&](auto const* observer) {
-        return !notice.isToldTo(observer);
-    });
-    return next == observers.end() ? nullptr : *next;
+    for (TreflectObserver* const observer : observers) {
+        if (!notice.isToldTo(observer))
+            return observer;
+    }
+    return nullptr;
 }
 
 bool TreflectORB::MetaData::Side::begin(ObjectPlace const& place,

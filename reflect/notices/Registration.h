@@ -6,13 +6,14 @@
 #include <utility>
 #include <vector>
 
+#include "handler_threads/RunPermission.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObject.h"
 #include "reflect/notices/ObjectPlace.h"
 
 /**
  * A notice that the listed observers of a class are being told, one after the other, which takes as
- * long as they take. Guarded by the run permission.
+ * long as they take.
  */
 class TreflectORB::Notice {
 public:
@@ -28,22 +29,28 @@ public:
     Notice& operator=(Notice const&) = delete;
 
     ObjectPlace const& place() const { return place_; }
-    std::set<TreflectObserver const*> const& told() const { return told_; }
-    bool isToldTo(TreflectObserver const* observer) const { return told_.count(observer) != 0; }
+    std::set<TreflectObserver const*> const& told() const OSW_REQUIRES_PERMISSION { return told_; }
+    bool isToldTo(TreflectObserver const* observer) const OSW_REQUIRES_PERMISSION {
+        return told_.count(observer) != 0;
+    }
     /** The observer is told, in the course of this notice or of something else; false when it was
      * before. */
-    bool begin(TreflectObserver const& observer) { return told_.insert(&observer).second; }
+    bool begin(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION {
+        return told_.insert(&observer).second;
+    }
     /** Nobody else is told: the object is no more. */
-    void end() { ended_ = true; }
-    bool ended() const { return ended_; }
+    void end() OSW_REQUIRES_PERMISSION { ended_ = true; }
+    bool ended() const OSW_REQUIRES_PERMISSION { return ended_; }
     /** The observer is being destroyed: another may come to be at its address. */
-    void forget(TreflectObserver const& observer) { told_.erase(&observer); }
+    void forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION {
+        told_.erase(&observer);
+    }
 
 private:
     UnderWay& underWay_;
     ObjectPlace const place_;
-    std::set<TreflectObserver const*> told_;
-    bool ended_ = false;
+    std::set<TreflectObserver const*> told_ OSW_GUARDED_BY_PERMISSION;
+    bool ended_ OSW_GUARDED_BY_PERMISSION = false;
 };
 
 /**
@@ -51,7 +58,7 @@ private:
  * to answer: an observer on its way into the list, or all that are listed when a broker came up.
  * Notices that are told meanwhile are remembered, so that nobody is told twice, or of what has
  * gone; and kept for an observer that is not listed yet. It may be removed or destroyed by another
- * thread, or by its own callback. Guarded by the run permission.
+ * thread, or by its own callback.
  *
  * It remembers as well which objects of other brokers anybody is told of while it lasts, since such
  * an object may go before the first observer of deletions has been subscribed at its broker. It
@@ -64,55 +71,58 @@ public:
     /** Enters the record's registrations under way, and leaves them at the end. `observer`: null
      * for all that are listed. `since`: how many subscriptions to deletions there had been when the
      * notice that is told came in; without it, now. */
-    Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer);
+    Registration(TreflectORB& orb, MetaData& record, Kind kind,
+                 TreflectObserver* observer) OSW_REQUIRES_PERMISSION;
     Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer,
                  unsigned int since);
     ~Registration();
     Registration(Registration const&) = delete;
     Registration& operator=(Registration const&) = delete;
 
-    bool isOf(TreflectObserver const& observer) const { return observer_ == &observer; }
+    bool isOf(TreflectObserver const& observer) const OSW_REQUIRES_PERMISSION {
+        return observer_ == &observer;
+    }
     /** The observer has been removed or is being destroyed. */
-    void end() { observer_ = nullptr; }
-    bool ended() const { return !observer_; }
+    void end() OSW_REQUIRES_PERMISSION { observer_ = nullptr; }
+    bool ended() const OSW_REQUIRES_PERMISSION { return !observer_; }
     /** A notice has been told to those that are in the list; else it is kept. */
-    void noticed(TreflectObject const& object, Notice const& notice);
+    void noticed(TreflectObject const& object, Notice const& notice) OSW_REQUIRES_PERMISSION;
     /** The object is no more; or there is one at its place again. */
-    void gone(ObjectPlace const& place);
-    void back(ObjectPlace const& place) { gone_.erase(place); }
+    void gone(ObjectPlace const& place) OSW_REQUIRES_PERMISSION;
+    void back(ObjectPlace const& place) OSW_REQUIRES_PERMISSION { gone_.erase(place); }
     /** Asks a broker what it has: its answer will not tell of what had gone before. */
-    void asks(TreflectOrbId const& broker);
+    void asks(TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
     /** Whether an object that a broker says exists has not been told of meanwhile, and is still
      * there; only once. */
-    bool isNews(TreflectObject const& object);
+    bool isNews(TreflectObject const& object) OSW_REQUIRES_PERMISSION;
     /** Tells the observer of an object that exists, if that is news. */
-    void tell(TreflectObject const& object);
+    void tell(TreflectObject const& object) OSW_REQUIRES_PERMISSION;
     /** Puts the observer into the list and tells it what was kept for it. */
-    void enter();
+    void enter() OSW_REQUIRES_PERMISSION;
 
     /** An observer is told of an object of another broker. */
-    void heardOf(ObjectPlace const& place, TreflectObject const& object);
+    void heardOf(ObjectPlace const& place, TreflectObject const& object) OSW_REQUIRES_PERMISSION;
     /** Its end is being told. */
-    void heardOfEnd(ObjectPlace const& place) { heard_.erase(place); }
+    void heardOfEnd(ObjectPlace const& place) OSW_REQUIRES_PERMISSION { heard_.erase(place); }
     /** The class's subscriptions are cancelled. */
-    void forgetHeard() { heard_.clear(); }
+    void forgetHeard() OSW_REQUIRES_PERMISSION { heard_.clear(); }
     /** The brokers of which objects were told that may have gone before their deletion was
      * subscribed to. */
-    std::set<TreflectOrbId> mayHaveMissedDeletionsAt() const;
+    std::set<TreflectOrbId> mayHaveMissedDeletionsAt() const OSW_REQUIRES_PERMISSION;
     /** The objects of a broker that anybody has been told of; not those that are just being told as
      * created, which the broker does not say exist before that has been answered. */
-    std::set<ObjectPlace> heardAt(TreflectOrbId const& broker) const;
+    std::set<ObjectPlace> heardAt(TreflectOrbId const& broker) const OSW_REQUIRES_PERMISSION;
     /** Null when its end has been told. */
-    TreflectObject const* heard(ObjectPlace const& place) const;
+    TreflectObject const* heard(ObjectPlace const& place) const OSW_REQUIRES_PERMISSION;
 
 private:
     TreflectORB& orb_;
     MetaData& record_;
     Kind const kind_;
-    TreflectObserver* observer_;
-    std::set<ObjectPlace> told_;
-    std::set<ObjectPlace> gone_;
-    std::list<std::pair<ObjectPlace, TreflectObject>> kept_;
-    std::map<ObjectPlace, TreflectObject> heard_;
+    TreflectObserver* observer_ OSW_GUARDED_BY_PERMISSION;
+    std::set<ObjectPlace> told_ OSW_GUARDED_BY_PERMISSION;
+    std::set<ObjectPlace> gone_ OSW_GUARDED_BY_PERMISSION;
+    std::list<std::pair<ObjectPlace, TreflectObject>> kept_ OSW_GUARDED_BY_PERMISSION;
+    std::map<ObjectPlace, TreflectObject> heard_ OSW_GUARDED_BY_PERMISSION;
     unsigned int const since_;
 };

@@ -4,6 +4,7 @@
 #include <set>
 #include <vector>
 
+#include "handler_threads/RunPermission.h"
 #include "oswrap/Mutex.h"
 #include "reflect/TreflectORB.h"
 
@@ -26,7 +27,8 @@ public:
     bool empty();
     /** Subscribes `observer` at each of the missed, which stay on the list, and tells it of the
      * objects that exist there. With the run permission, given up while a broker is waited for. */
-    void notify(unsigned int classId, TreflectObserver& observer, bool plusExisting);
+    void notify(unsigned int classId, TreflectObserver& observer,
+                bool plusExisting) OSW_REQUIRES_PERMISSION;
 
 private:
     TreflectORB& orb_;

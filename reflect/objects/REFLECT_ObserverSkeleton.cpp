@@ -1,4 +1,4 @@
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "logging/LineLimit.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObserver.h"
@@ -33,7 +33,7 @@ TipprmiSequence<unsigned int, 0u> TreflectObserverSkeleton::getServerClassIdSeq(
 }
 
 TreflectObserverClient* TreflectObserverSkeleton::getClient() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!client_)
         client_ = std::make_unique<TreflectObserverClient>(this);
     return static_cast<TreflectObserverClient*>(client_.get());
@@ -88,7 +88,7 @@ TreflectObserver::TreflectObserver(TipprmiOID const& oid, TreflectObject const* 
 TreflectObserver::~TreflectObserver() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     TreflectORB::forgetObserver_(*this);
 }
 

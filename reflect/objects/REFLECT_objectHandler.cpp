@@ -1,6 +1,6 @@
 #include <new>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -24,14 +24,14 @@ TreflectObjectHandler::TreflectObjectHandler() {
 TreflectObjectHandler* TreflectObjectHandler::getInstance() {
     if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
         return instance;
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!instance_.load(std::memory_order_acquire))
         instance_.store(new (std::nothrow) TreflectObjectHandler, std::memory_order_release);
     return instance_.load(std::memory_order_acquire);
 }
 
 TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectStub* stub) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (stub) {
         stub->incRefCount();
         if (!stub->isConnected())
@@ -41,7 +41,7 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectStub* stub) {
 }
 
 TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf const& location) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!location.hasOID() && location.getInternalOID() == 0) {
         invalidStub_.incRefCount();
         return &invalidStub_;
@@ -49,7 +49,7 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf co
     TreflectObjectStub* stub = stubs_.find(location);
     if (!stub) {
         stub = new (std::nothrow) TreflectObjectStub(location);
-        if (!stub || !OSWrap::withMemory([&] { stubs_.insert(stub); })) {
+        if (!stub || !enter(stub)) {
             delete stub;  // without memory the handle leads nowhere
             invalidStub_.incRefCount();
             return &invalidStub_;
@@ -62,8 +62,15 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf co
     return adoptStub(stub);
 }
 
+bool TreflectObjectHandler::enter(TreflectObjectStub* stub) {
+    return OSWrap::withMemory([&] {
+        handlerthreads::assertPermission();
+        stubs_.insert(stub);
+    });
+}
+
 TreflectObjectStub* TreflectObjectHandler::adoptStub(TipprmiOID const& oid) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!oid.getIdString()) {
         invalidStub_.incRefCount();
         return &invalidStub_;
@@ -93,7 +100,7 @@ void TreflectObjectHandler::releaseStub(TreflectObjectStub* stub) {
     // The process is ending, and somebody may keep the permission for ever.
     if (!stub || BrokerLifecycle::instance().isAbandoned())
         return;
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!stub->decRefCount())
         return;
     stubs_.erase(stub);
@@ -102,18 +109,18 @@ void TreflectObjectHandler::releaseStub(TreflectObjectStub* stub) {
 }
 
 void TreflectObjectHandler::checkConnect(TreflectObjectStub* stub) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (stub != &invalidStub_ && !stub->isConnected() && stub->hasOID())
         stub->connect(nullptr, stub->getOID());
 }
 
 void TreflectObjectHandler::invalidateStubs(TreflectOrbId const& orb) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     stubs_.invalidateStubs(orb);
 }
 
 void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* server) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire))
         instance->stubs_.invalidateStubs(server);
 }

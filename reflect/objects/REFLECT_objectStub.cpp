@@ -1,6 +1,6 @@
 #include <cstdint>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/LineLimit.h"
@@ -104,7 +104,7 @@ TreflectObjectStub::~TreflectObjectStub() = default;
 
 void TreflectObjectStub::lead(TipprmiOID const& oid, unsigned int internalOid, TreflectOrbId orb,
                               TipprmiObjectSkeleton* server) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     bool const inTable = TreflectObjectHandler::takeOut(this);
     setOID(oid);
     setInternalOID(internalOid);
@@ -161,7 +161,7 @@ char const* TreflectObjectStub::className() const {
 // another thread has found. All empty handles share the stub of no object: it has a name, but must
 // not lead to whatever somebody gives that name, and calls through it are not to bother the group.
 void TreflectObjectStub::connect(TreflectORB const*, TipprmiOID const& oid) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!isValid() || TreflectObjectHandler::isOfNothing(this))
         return;
     TipprmiOID const sought = oid;

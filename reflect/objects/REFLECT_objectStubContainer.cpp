@@ -63,7 +63,11 @@ void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
         return;
     TipprmiObjectSkeleton* const server = stub->getServer();
     auto const filed = stubs_.emplace(hashOf(keyOf(*stub)), stub);
-    if (server && !OSWrap::withMemory([&] { local_.emplace(server, stub); })) {
+    auto const fileUnderServer = [&] {
+        handlerthreads::trustPermission();
+        local_.emplace(server, stub);
+    };
+    if (server && !OSWrap::withMemory(fileUnderServer)) {
         stubs_.erase(filed);
         throw std::bad_alloc();
     }

@@ -35,6 +35,7 @@ void TreflectObservable::endLife() {
 void TreflectObservable::registerObserver(unsigned int kind, unsigned int const& cc,
                                           unsigned int const& mc,
                                           TreflectObserverClient const& client) {
+    handlerthreads::trustPermission();
     std::unique_ptr<Observers>& observers = kind == kBeforeCalls ? preObservers_ : postObservers_;
     if (!observers)
         observers = std::make_unique<Observers>();
@@ -53,6 +54,7 @@ void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClien
 }
 
 void TreflectObservable::unRegisterObserver(TreflectObserverClient const& client) {
+    handlerthreads::trustPermission();
     removeFirst(preObservers_.get(), client);
     removeFirst(postObservers_.get(), client);
 }
@@ -76,6 +78,7 @@ bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObje
 bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned int kind,
                                          unsigned int const& cc, unsigned int const& mc,
                                          TipprmiSequence<TipprmiAny, 0u> const& arguments) {
+    handlerthreads::trustPermission();
     Observers const* const observers =
         (kind == kBeforeCalls ? preObservers_ : postObservers_).get();
     if (!observers)

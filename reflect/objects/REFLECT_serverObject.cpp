@@ -3,7 +3,7 @@
 #include <typeinfo>
 #include <utility>
 
-#include "handler_threads/TreflectHandlerState.h"
+#include "handler_threads/WithPermission.h"
 #include "ipprmi/StandardMethods.h"
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
@@ -22,7 +22,7 @@ constexpr char kSource[] = "REFLECT_serverObject";
 /**
  * One question for an object's absolute name. All that are under way in this process are known, so
  * that an object that is an ancestor of itself does not ask for ever: on one thread, or over other
- * processes, whose questions come back on other threads. Guarded by the run permission.
+ * processes, whose questions come back on other threads.
  */
 class NameUnderWay {
 public:
@@ -50,7 +50,7 @@ public:
         return outer;
     }
     /** Whether another thread is. */
-    bool isAskedElsewhere() const {
+    bool isAskedElsewhere() const OSW_REQUIRES_PERMISSION {
         NameUnderWay const* other = next_;
         while (other && other->object_ != object_)
             other = other->next_;
@@ -59,12 +59,12 @@ public:
 
 private:
     static thread_local NameUnderWay const* innermost_;
-    static NameUnderWay* first_;
+    static NameUnderWay* first_ OSW_GUARDED_BY_PERMISSION;
 
     TreflectServerObject const* const object_;
     NameUnderWay const* const outer_;
-    NameUnderWay* next_;
-    NameUnderWay* previous_ = nullptr;
+    NameUnderWay* next_ OSW_GUARDED_BY_PERMISSION;
+    NameUnderWay* previous_ OSW_GUARDED_BY_PERMISSION = nullptr;
 };
 
 thread_local NameUnderWay const* NameUnderWay::innermost_ = nullptr;
@@ -99,7 +99,7 @@ bool leadsTo(TreflectObject const& parent, Place const& place) {
 TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject const* parent,
                                            std::string const& name)
     : TipprmiObjectSkeleton(nullptr, oid) {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     keepName(name);
     if (name.find('/') != std::string::npos)
         REFLECTORB_LOG(3, "REFLECT_serverObject",
@@ -119,7 +119,7 @@ TreflectServerObject::~TreflectServerObject() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
     OSWrap::DisableCancelStateGuard const notCancelled(true);
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     endLife();
     if (TreflectORB* const orb = getORB()) {
         orb->unregisterObject(this);
@@ -147,7 +147,7 @@ void TreflectServerObject::keepName(std::string const& name) {
 // ---- What every reflective object answers ------------------------------------------------------
 
 TreflectObject* TreflectServerObject::getClient() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     if (!client_)
         client_ = std::make_unique<TreflectObject>(this);
     return static_cast<TreflectObject*>(client_.get());
@@ -197,7 +197,7 @@ void TreflectServerObject::unregisterChild(std::string const& name) {
 // comes back while it is under way: then, which two who ask at the same time may cause as well, the
 // ancestors are looked at first.
 std::string TreflectServerObject::getAbsName() const {
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     std::string const relative = getRelName();
     std::string const own = "/" + relative;
     if (!parent_.isConnected())
@@ -386,7 +386,7 @@ void TreflectServerObject::announce(
     TreflectMetaObject const* metaObject,
     bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const {
     OSWrap::DisableCancelStateGuard const notCancelled(true);
-    TreflectHandlerState const handler(true);
+    WithPermission const permission;
     bool const told = OSWrap::withMemory([&] {
         TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();
         if (!mo)

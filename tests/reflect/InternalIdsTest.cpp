@@ -5,6 +5,7 @@
 namespace {
 
 TEST(InternalIds, takenOrZeroGivesTheNextFreeOne) {
+    handlerthreads::trustPermission();
     InternalIds ids;
     EXPECT_EQ(ids.take(100), 100u);
     EXPECT_EQ(ids.take(101), 101u);
@@ -15,6 +16,7 @@ TEST(InternalIds, takenOrZeroGivesTheNextFreeOne) {
 }
 
 TEST(InternalIds, idRestsFor65536Registrations) {
+    handlerthreads::trustPermission();
     InternalIds ids;
     ids.take(100);
     ids.giveBack(100, nullptr);
@@ -24,6 +26,7 @@ TEST(InternalIds, idRestsFor65536Registrations) {
 }
 
 TEST(InternalIds, restingIdIsThatOfItsOwnerOnly) {
+    handlerthreads::trustPermission();
     InternalIds ids;
     int owner = 0;
     int other = 0;

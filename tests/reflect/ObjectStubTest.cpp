@@ -99,6 +99,7 @@ TEST_F(ObjectStubTest, OfEquivalentStubsTheFirstEnteredIsFound) {
     for (TipprmiOID const& name : {noOid, oid("twin")}) {
         TreflectObjectStub first(remote(7, name));
         TreflectObjectStub second(remote(7, name));
+        handlerthreads::trustPermission();
         TreflectObjectStubContainer table;
         table.insert(&first);
         table.insert(&second);
