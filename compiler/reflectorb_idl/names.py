@@ -29,9 +29,9 @@ INHERITED = frozenset(
     notifyObservers objectName Observers oid operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
     reflective registerChild registerObserver releaseStub_ removeObserver respond
-    respondWithoutObject sendCreationEvent sendDeletionEvent serve serveBy
-    setExceptionContainer setInternalOID setObserver setOID setORB setReflective setStub_
-    share_ Told unregisterChild unRegisterObserver""".split()
+    respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent
+    sendDeletionEvents serve serveBy setExceptionContainer setInternalOID setObserver setOID
+    setORB setReflective setStub_ share_ Told unregisterChild unRegisterObserver""".split()
 )
 
 

@@ -176,4 +176,45 @@ TEST_P(GateTest, HandlesLeadOnAndOnewayCallsArrive) {
     EXPECT_EQ(gate.getNext().value().hurried().value(), 3u);
 }
 
+/** Counts what is told of objects of one class. */
+class ClassWatch final : public TreflectObserver {
+public:
+    explicit ClassWatch(unsigned int classId)
+        : meta_(*InterfaceRepository::instance()->findInterface(classId)) {
+        meta_.observeCreations(this, false);
+        meta_.observeDeletions(this);
+    }
+    ~ClassWatch() override { meta_.removeObserver(this); }
+
+    bool update() override {
+        ++told;
+        gone.reset();
+        return true;
+    }
+
+    int told = 0;
+    std::unique_ptr<Gate> gone;  // ends at the first notice
+
+private:
+    TreflectMetaObject& meta_;
+};
+
+TEST(GateAnnouncementTest, AnObjectIsAnnouncedAsOneOfEachOfItsClasses) {
+    TreflectHandlerState const inside(true);
+    ClassWatch gates(works::gate::kClass), devices(parts::device::kClass),
+        named(parts::named::kClass);
+    auto gate = std::make_unique<Gate>("gate.announced");
+    gate->sendCreationEvents();
+    for (ClassWatch const* const watch : {&gates, &devices, &named})
+        EXPECT_EQ(watch->told, 1);
+    gate->sendDeletionEvents();
+    for (ClassWatch const* const watch : {&gates, &devices, &named})
+        EXPECT_EQ(watch->told, 2);
+
+    gates.gone = std::make_unique<Gate>("gate.brief");
+    gates.gone->sendCreationEvents();
+    EXPECT_EQ(gates.told, 3);
+    EXPECT_EQ(devices.told + named.told, 4) << "it had gone by then";
+}
+
 }  // namespace

@@ -5,6 +5,9 @@ import shutil
 import subprocess
 import sys
 
+# Nothing is written beside the sources.
+sys.dont_write_bytecode = True
+
 
 class Test:
     def __init__(self):
