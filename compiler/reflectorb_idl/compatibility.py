@@ -1,5 +1,6 @@
 """Compares two versions of an interface: which changes break peers that were built from the other one."""
 from . import members
+from .cases import cases_of
 
 SAME, FITS, BREAKS = 0, 1, 2
 # What travels. Typedefs and constants do not: a type is compared where it is used.
@@ -118,25 +119,20 @@ class _Comparison:
             new,
             "%s is switched by another type" % new["scoped"],
         )
-        before, after = self._labels(old, self._old_form), self._labels(new, self._new_form)
-        for label, form in before.items():
+        before, after = _labels(self._old, old), _labels(self._new, new)
+        gone = ("gone", None)
+        for label, (form, way) in before.items():
+            now, other_way = after.get(label, gone)
+            where = "case %s of %s" % (label, new["scoped"])
+            self._expect(form == now, new, "%s was %s and is %s" % (where, form, now))
             self._expect(
-                after.get(label) == form,
+                form != now or way == other_way,
                 new,
-                "case %s of %s was %s and is %s"
-                % (label, new["scoped"], form, after.get(label, "gone")),
+                "%s has another place, or other labels beside it" % where,
             )
         for label in after:
             if label not in before:
                 self._tell(FITS, new, "%s has a new case %s" % (new["scoped"], label))
-
-    @staticmethod
-    def _labels(union, form):
-        return {
-            str(label["enumerator"] if isinstance(label, dict) else label): form(case["type"])
-            for case in union["cases"]
-            for label in case["labels"]
-        }
 
     # ---- Types ---------------------------------------------------------------------------------
 
@@ -160,6 +156,18 @@ def _form(description, type_):
     if entry is None or entry["kind"] == "interface":
         return "Object"
     return entry["cpp"]["grammar"] if entry.get("cpp") else entry["scoped"]
+
+
+def _labels(description, union):
+    """The type of each label's case, and how it travels."""
+    return {
+        str(label["enumerator"] if isinstance(label, dict) else label): (
+            _form(description, case.entry["type"]),
+            (case.index, case.has_choice),
+        )
+        for case in cases_of(description, union)
+        for label in case.entry["labels"]
+    }
 
 
 def compare(old, new):

@@ -1,4 +1,5 @@
 """IDL types in C++: how they are written, passed and begun."""
+from .cases import cases_of
 from .description import types_in
 from .scopes import arguments, results
 
@@ -33,11 +34,11 @@ _TEXTS = {
     "double": "double",
     "boolean": "bool",
     "char": "char",
-    "wchar": "wchar",
+    "wchar": "uint32",
     "octet": "uint8",
     "any": "any",
     "string": "string",
-    "wstring": "wstring",
+    "wstring": "sequence<uint32>",
     "TypeCode": "string",
     "Principal": "bytes",
 }
@@ -121,43 +122,50 @@ class Types:
 
     # ---- Tables --------------------------------------------------------------------------------
 
-    def text(self, type_, around=()):
-        """The name that the type has in class tables. A struct that contains itself is named by its
-        name alone where it does."""
+    def text(self, type_, told=None):
+        """The name that the type has in class tables. A type that was told in a text is named there
+        from then on, also within itself."""
+        told = set() if told is None else told
         if "sequence" in type_:
             if self._all.resolve(type_["sequence"]) == {"base": "octet"}:
                 return "bytes"
-            return "sequence<%s>" % self.text(type_["sequence"], around)
+            return "sequence<%s>" % self.text(type_["sequence"], told)
         if "array" in type_:
-            return "{%s}" % ",".join([self.text(type_["array"], around)] * type_["size"])
+            return "array<%s, %d>" % (self.text(type_["array"], told), type_["size"])
         if "ref" in type_:
-            return self._named_text(type_, around)
+            return self._named_text(type_, told)
         return _TEXTS.get(type_["base"], "object")
 
-    def _named_text(self, type_, around):
+    def _named_text(self, type_, told):
         entry = self._all.find(type_["ref"])
         if entry is None or entry["kind"] == "interface":
             return "object"
         if entry["kind"] == "typedef":
-            return self.text(entry["type"], around)
+            return self.text(entry["type"], told)
         if entry["kind"] == "native":
             return entry["cpp"]["grammar"]
-        if entry["scoped"] in around:
-            return entry["name"]
-        return getattr(self, "_text_of_" + entry["kind"])(entry, around + (entry["scoped"],))
+        if entry["scoped"] in told:
+            return entry["scoped"]
+        told.add(entry["scoped"])
+        parts = getattr(self, "_parts_of_" + entry["kind"])(entry, told)
+        return "%s %s{%s}" % (entry["kind"], entry["scoped"], parts)
 
-    def _text_of_enum(self, entry, _around):
-        values = ",".join("%s=%d" % (e["name"], i) for i, e in enumerate(entry["enumerators"]))
-        return "enum %s{%s}" % (entry["name"], values)
+    @staticmethod
+    def _parts_of_enum(entry, _told):
+        return ", ".join("%s=%d" % (e["name"], i) for i, e in enumerate(entry["enumerators"]))
 
-    def _text_of_struct(self, entry, around):
-        fields = ", ".join(
-            "%s %s" % (self.text(field["type"], around), field["name"]) for field in entry["fields"]
-        )
-        return "struct %s{%s}" % (entry["name"], fields)
+    def _parts_of_struct(self, entry, told):
+        return ", ".join("%s %s" % (self.text(f["type"], told), f["name"]) for f in entry["fields"])
 
-    def _text_of_union(self, entry, _around):
-        return "union %s" % entry["name"]
+    def _parts_of_union(self, entry, told):
+        """Case 0 is none, and a case that several labels mean tells which: see unions.py."""
+        parts = ["%s nothing" % self.text(entry["switch"], told)]
+        for case in cases_of(self._all, entry):
+            text = self.text(case.entry["type"], told)
+            if case.has_choice:
+                text = "struct{%s which, %s value}" % (self.text(entry["switch"], told), text)
+            parts.append("%s %s" % (text, case.entry["name"]))
+        return ", ".join(parts)
 
     def arguments(self, operation):
         return [self.text(type_) for _, type_ in arguments(operation)]

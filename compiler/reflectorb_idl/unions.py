@@ -1,25 +1,11 @@
-"""Unions in C++: a class that holds one of its cases and tells which."""
-from .names import escaped
+"""Unions in C++: a class that holds one of its cases and tells which.
+
+It travels as a std::variant of its cases does: the number of the case, in the order of the IDL, then
+its value, with the discriminator ahead of it where several mean this case. Number 0 says that the
+discriminator that follows means no case.
+"""
+from .cases import cases_of
 from .writer import plain
-
-_RANGES = {
-    "boolean": range(0, 2),
-    "char": range(0, 128),
-    "octet": range(0, 256),
-}
-# Members of every union.
-_OWN = frozenset(["which", "discriminator_", "value_"])
-
-
-class _Case:
-    def __init__(self, index, entry):
-        self.index = index  # in the variant, where nothing is 0
-        self.entry = entry
-        self.name = escaped(entry["name"])
-        if self.name in _OWN:
-            self.name += "_"
-        self.is_default = "default" in entry["labels"]
-        self.labels = [label for label in entry["labels"] if label != "default"]
 
 
 class Unions:
@@ -34,7 +20,7 @@ class Unions:
     def union(self, out, entry):
         place = self._scopes.place(entry)
         scope = place[:-1]
-        cases = self._cases(entry)
+        cases = cases_of(self._all, entry)
         hidden = {case.name for case in cases} | {"which"}
         kind = self._types.cpp(entry["switch"], scope, hidden)
         out.namespace(scope)
@@ -65,7 +51,7 @@ class Unions:
         out.line("%s const* %s() const;" % (self._types.cpp(type_, scope, hidden), case.name))
         passed = self._types.passed(type_, scope, hidden)
         first = self._first(entry, case, scope)
-        if self._has_choice(entry, case):
+        if case.has_choice:
             out.list("void %s(" % case.name, [passed + " value", "%s which = %s" % (kind, first)], ");")
         else:
             out.line("void %s(%s value);" % (case.name, passed))
@@ -85,12 +71,12 @@ class Unions:
     def bodies(self, out, entry, prefix):
         place = self._scopes.place(entry)
         scope = place[:-1]
-        cases = self._cases(entry)
+        cases = cases_of(self._all, entry)
         hidden = {case.name for case in cases} | {"which"}
         out.namespace(scope)
         for case in cases:
             self._accessor_bodies(out, entry, case, place, hidden, prefix)
-        self._write_body(out, place, prefix)
+        self._write_body(out, cases, place, prefix)
         self._read_body(out, entry, cases, place, prefix)
 
     def _accessor_bodies(self, out, entry, case, place, hidden, prefix):
@@ -106,7 +92,7 @@ class Unions:
         out.blank()
         parameters = [self._types.passed(type_, scope, hidden) + " value"]
         chosen = self._first(entry, case, scope)
-        if self._has_choice(entry, case):
+        if case.has_choice:
             parameters.append(kind + " which")
             chosen = "which"
         out.open("%svoid %s::%s(%s) {" % (prefix, place[-1], case.name, ", ".join(parameters)))
@@ -114,15 +100,20 @@ class Unions:
         out.line("value_.emplace<%d>(value);" % case.index)
         out.close()
 
-    def _write_body(self, out, place, prefix):
+    def _write_body(self, out, cases, place, prefix):
         out.blank()
         out.open(
             "%sTipprmiStream& operator<<(TipprmiStream& stream, %s const& value) {"
             % (prefix, place[-1])
         )
-        out.line("stream << value.discriminator_;")
-        out.line("std::visit([&](auto const& held) { stream << held; }, value.value_);")
-        out.line("return stream;")
+        out.open("switch (value.value_.index()) {")
+        for case in cases:
+            chosen = "value.discriminator_ << " if case.has_choice else ""
+            out.line("case %d:" % case.index)
+            out.line("    return stream << %du << %s*value.%s();" % (case.index, chosen, case.name))
+        out.line("default:")
+        out.line("    return stream << 0u << value.discriminator_;")
+        out.close()
         out.close()
 
     def _read_body(self, out, entry, cases, place, prefix):
@@ -130,54 +121,30 @@ class Unions:
         out.open(
             "%sTipprmiStream& operator>>(TipprmiStream& stream, %s& value) {" % (prefix, place[-1])
         )
-        out.line("stream >> value.discriminator_;")
-        is_bool = self._all.resolve(entry["switch"]).get("base") == "boolean"
-        out.open("switch (%s) {" % ("static_cast<int>(value.discriminator_)" if is_bool else "value.discriminator_"))
+        out.line("unsigned int index = 0;")
+        out.line("stream >> index;")
+        out.open("switch (index) {")
+        out.line("case 0:")
+        out.line("    value.value_.emplace<0>();")
+        out.line("    return stream >> value.discriminator_;")
         for case in cases:
-            if not case.is_default:
-                self._labels(out, entry, case, place[:-1], is_bool)
-                self._read_case(out, case, place[:-1])
+            self._read_case(out, entry, case, place[:-1])
         out.line("default:")
-        default = [case for case in cases if case.is_default]
-        if default:
-            self._read_case(out, default[0], place[:-1])
+        out.line("    stream.stopUnmarshalling();")
+        out.line("    return stream;")
+        out.close()
+        out.close()
+
+    def _read_case(self, out, entry, case, scope):
+        out.line("case %d:" % case.index)
+        if case.has_choice:
+            out.line("    stream >> value.discriminator_;")
         else:
-            out.line("    value.value_.emplace<0>();")
-            out.line("    return stream;")
-        out.close()
-        out.close()
-
-    def _labels(self, out, entry, case, scope, is_bool):
-        for label in case.labels:
-            text = str(int(label)) if is_bool else self._plain.literal(entry["switch"], label, scope)
-            out.line("case %s:" % text)
-
-    def _read_case(self, out, case, scope):
+            out.line("    value.discriminator_ = %s;" % self._first(entry, case, scope))
         cpp = self._types.cpp(case.entry["type"], scope)
-        out.line("    return stream >> value.value_.emplace<%d>(tipprmiBlank<%s>());" % (case.index, cpp))
-
-    # ---- Cases ---------------------------------------------------------------------------------
-
-    def _cases(self, entry):
-        return [_Case(index + 1, case) for index, case in enumerate(entry["cases"])]
-
-    def _has_choice(self, entry, case):
-        """Whether more than one discriminator means this case."""
-        return len(case.labels) > 1 or (case.is_default and self._free(entry) is not None)
+        emplace = "value.value_.emplace<%d>(tipprmiBlank<%s>());" % (case.index, cpp)
+        out.line("    return stream >> " + emplace)
 
     def _first(self, entry, case, scope):
         """The discriminator that a case has unless told otherwise."""
-        value = case.labels[0] if case.labels else self._free(entry)
-        return self._plain.literal(entry["switch"], value, scope)
-
-    def _free(self, entry):
-        """The first value that is nobody's label; null when all are taken."""
-        used = [label for case in entry["cases"] for label in case["labels"]]
-        base = self._all.resolve(entry["switch"])
-        if base.get("kind") == "enum":
-            values = [{"enumerator": e["scoped"]} for e in self._all.find(base["ref"])["enumerators"]]
-        elif base.get("base") == "char":
-            values = [[code] for code in _RANGES["char"]]
-        else:
-            values = _RANGES.get(base.get("base"), range(0, len(used) + 1))
-        return next((value for value in values if value not in used), None)
+        return self._plain.literal(entry["switch"], case.first, scope)

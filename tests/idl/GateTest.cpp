@@ -113,7 +113,7 @@ TEST_P(GateTest, AUnionTellsWhichCaseItHolds) {
     on.speed(2.5);
     EXPECT_EQ(*gate.onOff(on).value().speed(), 2.5);
     TipprmiStream off(100);
-    off << false;
+    off << 0u << false;
     off >> on;
     EXPECT_FALSE(gate.onOff(on).value().speed()) << "nothing is held where no case is";
     EXPECT_FALSE(gate.onOff(on).value().which());

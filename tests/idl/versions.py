@@ -38,6 +38,8 @@ _CHANGES = [
     ("long y;", "long y; long z;", _BREAKS, "fields of Point"),
     ("red, green", "green, red", _BREAKS, "Light::red was 0"),
     ("long force;", "short force;", _BREAKS, "fields of Jammed"),
+    ("case 1: long", "case 1: case 2: long", _BREAKS, "case 1 of Value has another place, or"),
+    ("case 1: long", "case 2: string text; case 1: long", _BREAKS, "case 1 of Value has another"),
     ("case 1:", "case 3:", _BREAKS, "case 1 of Value was long and is gone"),
     ("Gate : Device", "Gate", _BREAKS, "Gate has no base Device any more"),
     ("{ void reset(); }", "{\n#pragma reflectorb class 0x4C414D50\nvoid reset(); }", _BREAKS,
