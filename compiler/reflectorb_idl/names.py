@@ -31,7 +31,8 @@ INHERITED = frozenset(
     reflective registerChild registerObserver releaseStub_ removeObserver respond
     respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent
     sendDeletionEvents serve serveBy setExceptionContainer setInternalOID setObserver setOID
-    setORB setReflective setStub_ share_ Told unregisterChild unRegisterObserver""".split()
+    setORB setReflective setStub_ share_ StandardMethod Told unregisterChild
+    unRegisterObserver""".split()
 )
 
 
