@@ -7,6 +7,7 @@
 #include "reflect/NamespaceId.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectCall.h"
+#include "reflect/TreflectInterface.h"
 #include "reflect/TreflectMessage.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaClass.h"
@@ -30,3 +31,4 @@
 #include "reflect/TreflectServerObject.h"
 #include "reflect/TreflectSkeleton.h"
 #include "reflect/TreflectTieds.h"
+#include "reflect/TreflectTypeName.h"

@@ -7,43 +7,39 @@
 #include <cstdio>
 
 TipprmiOID const greeterId("hello.greeter", NSID_UNIT);
-constexpr unsigned int kGreeterClass = 0x48454C4F;
-constexpr unsigned int kGreet = 1;
 
-class GreeterServer : public TipprmiObjectSkeleton {
+// What both programs must agree on: the class with its id, its operation with its code.
+class GreeterSkeleton : public TreflectInterface<GreeterSkeleton> {
 public:
-    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
+    using TreflectInterface::TreflectInterface;
 
-    std::string greet(std::string const& name) { return "Hello, " + name + "!"; }
+    virtual std::string greet(std::string const& name) = 0;
 
-    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
-                  TipprmiStream& out) override {
-        if (cc == kGreeterClass && mc == kGreet)
-            return serve(cc, mc, in, out, &GreeterServer::greet);
-        return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    static constexpr auto interface() {
+        return describe("Greeter", 0x48454C4F, op<&GreeterSkeleton::greet>("greet", 1));
     }
 };
+using Greeter = TreflectClient<GreeterSkeleton>;
 
-class Greeter : public TipprmiObjectClient {
+class GreeterServer : public GreeterSkeleton {
 public:
-    using TipprmiObjectClient::TipprmiObjectClient;
+    using GreeterSkeleton::GreeterSkeleton;
 
-    TipprmiResult<std::string> greet(std::string const& name) const {
-        return tipprmiCall<std::string>(*this, kGreeterClass, kGreet, name);
-    }
+    std::string greet(std::string const& name) override { return "Hello, " + name + "!"; }
 };
 
 int main(int argc, char** argv) {
     TreflectHandlerState const inside(true);  // objects are used under the run permission
     if (argc < 2) {
-        GreeterServer const greeter(greeterId);
+        GreeterServer const greeter(greeterId, nullptr, "greeter");
         TreflectReleaseHandlerState const outside;  // while we wait, callers may come in
         std::puts("serving, press Enter to end");
         std::fflush(stdout);
         std::getchar();
         return 0;
     }
-    TipprmiResult<std::string> const text = Greeter(greeterId).greet(argv[1]);
+    TipprmiResult<std::string> const text =
+        Greeter(greeterId).call<&GreeterSkeleton::greet>(argv[1]);
     std::puts(text ? text.value().c_str() : "nobody greets");
     return text ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "ipprmi/TipprmiSequence.h"
@@ -20,15 +21,23 @@
  *         {"Level"});
  *
  * Method codes are unique in a class and its bases, and none of those that every object has: 1000
- * to 1108, 2100 and 2101.
+ * to 1108, 2100 and 2101. A name or a code that occurs twice, and a type that is none, is logged at
+ * level 3, when the class is first looked for.
  */
 class REFLECTORB_API TreflectMetaClass : public TreflectMetaObject {
 public:
+    /** A failure with a meaning: the code that a refused call answers, and the type of what comes
+     * with it, which is a struct with a name. */
+    struct Exception {
+        unsigned int code;
+        std::string type;
+    };
     struct Operation {
-        char const* name;
-        unsigned int id;                    // method code
-        std::vector<char const*> in = {};   // types of the arguments
-        std::vector<char const*> out = {};  // types of the results
+        std::string name;
+        unsigned int id;                     // method code
+        std::vector<std::string> in = {};    // types of the arguments, perhaps with their names
+        std::vector<std::string> out = {};   // types of the results
+        std::vector<Exception> raises = {};  // what it may be refused with
     };
     /** Converts from the name of an attribute with a single value. */
     struct Attribute {
@@ -38,9 +47,9 @@ public:
         /** A value that is a handle on an object of the class `valueClass`, not owned. */
         Attribute(char const* attributeName, TreflectMetaClass const& valueClass)
             : name(attributeName), type(&valueClass) {}
-        /** A value of `count` elements, written one after the other (kArray) or as a
-         * TipprmiSequence of at most so many (kSequence). */
-        Attribute(char const* attributeName, Kind valueKind, int count)
+        /** A value of elements: `count` of them, written one after the other (kArray), or as a
+         * sequence of at most so many (kSequence), of which 0 sets no limit. */
+        Attribute(char const* attributeName, Kind valueKind, int count = 0)
             : name(attributeName), kind(valueKind), length(count) {}
         /** The same with handles on objects of the class `valueClass` as elements. */
         Attribute(char const* attributeName, TreflectMetaClass const& valueClass, Kind valueKind,
@@ -53,12 +62,15 @@ public:
         int length = 1;
     };
 
-    /** Names are literals, or live as long as the meta object. Bases are not owned; they come most
-     * important first. A base, or the class of a value, may be a static object of another file that
-     * is built later: the class has its members once all its bases are built. */
+    /** Names of attributes are literals, or live as long as the meta object. `types` are texts of
+     * types with names, to which those of operations may refer (see TreflectTypes). Bases are not
+     * owned; they come most important first. A base, or the class of a value, may be a static
+     * object of another file that is built later: the class has its members once all its bases are
+     * built. */
     TreflectMetaClass(std::string const& name, unsigned int classId,
                       std::vector<TreflectMetaClass const*> bases,
-                      std::vector<Operation> operations, std::vector<Attribute> attributes = {});
+                      std::vector<Operation> operations, std::vector<Attribute> attributes = {},
+                      std::vector<std::string> types = {});
     ~TreflectMetaClass() override;
 
     /** The class's own id, then those of all its bases, each once and behind those that are derived
@@ -71,7 +83,14 @@ protected:
 private:
     void collectIds();
     void registerMembers();
+    /** Logs what the tables have twice. */
+    void tellMistakes() const;
+    void tellClash(Operation const& operation, std::string const& otherClass,
+                   std::string const& otherName, int otherId) const;
+    /** Logs which types in them are none. */
+    void tellUnknownTypes() const;
     void registerAttributes();
+    void registerTypes();
     void describeParameters();
     /** False when the class of a value is not there. */
     bool describeTypes();
@@ -79,6 +98,7 @@ private:
     std::vector<TreflectMetaClass const*> const bases_;
     std::vector<Operation> const operations_;
     std::vector<Attribute> const attributes_;
+    std::vector<std::string> const types_;
     // Fixed once all bases have been built, which is before the program's work begins.
     std::vector<unsigned int> ids_;
     bool knowsBases_ = false;

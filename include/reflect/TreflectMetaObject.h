@@ -6,6 +6,7 @@
 #include <string>
 
 #include "oswrap/Export.h"
+#include "reflect/TreflectParameterType.h"
 #include "transport/TerminationId.h"
 
 class InterfaceRepository;
@@ -74,6 +75,10 @@ public:
      */
     void registerOperation(TreflectMetaOperation* operation);
     void registerAttribute(TreflectMetaAttribute* attribute);
+    /** Adds a type with a name, to which the types of operations may refer; false, and a line at
+     * level 3, when `definition` is none. */
+    bool registerType(std::string const& definition);
+    TreflectTypes const& types() const { return types_; }
 
     /**
      * Has `observer` told whenever an object of this class is created (or deleted) in any process
@@ -127,4 +132,5 @@ private:
     std::list<TreflectObserver*> creationObservers_;
     std::list<TreflectObserver*> deletionObservers_;
     std::set<TreflectServerObject const*> instances_;
+    TreflectTypes types_;
 };

@@ -19,7 +19,7 @@ public:
     int id() const { return id_; }
     /** Describes a parameter, for programs that know nothing of the class; a second value for a key
      * replaces the first. Keys are "in0", "in1", ... and "out0", ...; values are names of types,
-     * see TreflectParameterType. */
+     * see TreflectParameterType, which may refer to the types of the class. */
     void registerParameter(std::string key, std::string value);
     std::map<std::string, std::string> const& parameters() const { return parameters_; }
     /** The types of the arguments and of the results in their order, as far as they are described
@@ -27,9 +27,19 @@ public:
     std::vector<TreflectParameterType> argumentTypes() const;
     std::vector<TreflectParameterType> resultTypes() const;
 
+    /** Describes what the operation may be refused with: the code of the failure, and the type of
+     * what comes with it, a struct with a name. A second one for a code replaces the first. */
+    void registerException(unsigned int code, std::string type);
+    std::map<unsigned int, std::string> const& exceptions() const { return exceptions_; }
+    /** The type that belongs to a code; an invalid one when the code tells nothing more. */
+    TreflectParameterType exceptionType(unsigned int code) const;
+
 private:
+    TreflectParameterType typeOf(std::string const& text) const;
     std::vector<TreflectParameterType> typesOf(char const* direction) const;
 
     int const id_;
-    std::map<std::string, std::string> parameters_;  // fixed once the class is complete
+    // Fixed once the class is complete.
+    std::map<std::string, std::string> parameters_;
+    std::map<unsigned int, std::string> exceptions_;
 };

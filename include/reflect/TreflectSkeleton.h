@@ -22,6 +22,8 @@ class TreflectSkeleton : public Base {
 public:
     using Base::Base;
 
+    static TreflectMetaClass const& metaClass() { return Meta; }
+
     unsigned int getServerClassId() const override { return Meta.getClassId(); }
     TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
         return Meta.classIds();

@@ -1,18 +1,29 @@
 #include <algorithm>
+#include <set>
 
+#include "logging/Log.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectMetaOperation.h"
 
+namespace {
+
+// It is the classes' table that is told of, whoever makes it.
+constexpr char kSource[] = "REFLECT_metaObject";
+
+}  // namespace
+
 TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int classId,
                                      std::vector<TreflectMetaClass const*> bases,
                                      std::vector<Operation> operations,
-                                     std::vector<Attribute> attributes)
+                                     std::vector<Attribute> attributes,
+                                     std::vector<std::string> types)
     : TreflectMetaObject(name, classId),
       bases_(std::move(bases)),
       operations_(std::move(operations)),
-      attributes_(std::move(attributes)) {
+      attributes_(std::move(attributes)),
+      types_(std::move(types)) {
     // A class learns of its derived ones, though it is a constant to everybody else.
     for (TreflectMetaClass const* const base : bases_)
         registerParent(const_cast<TreflectMetaClass*>(base));
@@ -67,15 +78,48 @@ void TreflectMetaClass::registerMembers() {
     // Attributes may be made of operations that a base declares.
     for (TreflectMetaObject* const base : parents())
         complete(*base);
+    tellMistakes();
     std::vector<MetaOpData> operations;
     for (Operation const& operation : operations_)
-        operations.push_back({operation.name, static_cast<int>(operation.id)});
+        operations.push_back({operation.name.c_str(), static_cast<int>(operation.id)});
     MetaOpData const noOperation{};
     MetaAttrData const noAttribute{};
     completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
                                   static_cast<unsigned int>(operations.size()), &noAttribute, 0);
+    registerTypes();
+    tellUnknownTypes();
     registerAttributes();
     describeParameters();
+}
+
+void TreflectMetaClass::registerTypes() {
+    for (std::string const& definition : types_)
+        registerType(definition);
+}
+
+// Bases are complete: what they have is in their tables. To repeat an operation of a base as it is
+// does no harm.
+void TreflectMetaClass::tellMistakes() const {
+    std::list<TreflectMetaOperation*> known;
+    operationList(known);
+    for (auto at = operations_.begin(); at != operations_.end(); ++at) {
+        for (auto other = operations_.begin(); other != at; ++other) {
+            if (other->name == at->name || other->id == at->id)
+                tellClash(*at, name(), other->name, static_cast<int>(other->id));
+        }
+        for (TreflectMetaOperation const* const other : known) {
+            if ((other->name() == at->name) != (other->id() == static_cast<int>(at->id)))
+                tellClash(*at, other->containingMetaObject()->name(), other->name(), other->id());
+        }
+    }
+}
+
+void TreflectMetaClass::tellClash(Operation const& operation, std::string const& otherClass,
+                                  std::string const& otherName, int otherId) const {
+    REFLECTORB_LOG(3, kSource,
+                   "operation \"%s\" (%u) of class \"%s\" clashes with \"%s\" (%d) of \"%s\"",
+                   operation.name.c_str(), operation.id, name().c_str(), otherName.c_str(), otherId,
+                   otherClass.c_str());
 }
 
 void TreflectMetaClass::registerAttributes() {
@@ -95,6 +139,21 @@ void TreflectMetaClass::registerAttributes() {
     }
 }
 
+void TreflectMetaClass::tellUnknownTypes() const {
+    std::set<std::string> named;
+    for (Operation const& operation : operations_) {
+        named.insert(operation.in.begin(), operation.in.end());
+        named.insert(operation.out.begin(), operation.out.end());
+        for (Exception const& exception : operation.raises)
+            named.insert(exception.type);
+    }
+    for (std::string const& type : named) {
+        if (!TreflectParameterType(type, types()).isValid())
+            REFLECTORB_LOG(3, kSource, "class \"%s\": \"%s\" is no name of a type", name().c_str(),
+                           type.c_str());
+    }
+}
+
 // The members are this object's own, and handed out as constants only.
 void TreflectMetaClass::describeParameters() {
     for (Operation const& described : operations_) {
@@ -103,6 +162,8 @@ void TreflectMetaClass::describeParameters() {
             operation->registerParameter("in" + std::to_string(i), described.in[i]);
         for (std::size_t i = 0; i < described.out.size(); ++i)
             operation->registerParameter("out" + std::to_string(i), described.out[i]);
+        for (Exception const& exception : described.raises)
+            operation->registerException(exception.code, exception.type);
     }
 }
 

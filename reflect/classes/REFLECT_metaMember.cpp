@@ -19,13 +19,27 @@ void TreflectMetaOperation::registerParameter(std::string key, std::string value
     parameters_[std::move(key)] = std::move(value);
 }
 
+void TreflectMetaOperation::registerException(unsigned int code, std::string type) {
+    exceptions_[code] = std::move(type);
+}
+
+TreflectParameterType TreflectMetaOperation::exceptionType(unsigned int code) const {
+    auto const described = exceptions_.find(code);
+    return typeOf(described == exceptions_.end() ? std::string() : described->second);
+}
+
+TreflectParameterType TreflectMetaOperation::typeOf(std::string const& text) const {
+    TreflectMetaObject const* const owner = containingMetaObject();
+    return owner ? TreflectParameterType(text, owner->types()) : TreflectParameterType(text);
+}
+
 std::vector<TreflectParameterType> TreflectMetaOperation::typesOf(char const* direction) const {
     std::vector<TreflectParameterType> types;
     for (;;) {
         auto const described = parameters_.find(direction + std::to_string(types.size()));
         if (described == parameters_.end())
             return types;
-        types.emplace_back(described->second);
+        types.push_back(typeOf(described->second));
     }
 }
 

@@ -118,6 +118,14 @@ void TreflectMetaObject::registerOperation(TreflectMetaOperation* operation) {
     operations_[operation->name()] = operation;
 }
 
+bool TreflectMetaObject::registerType(std::string const& definition) {
+    if (types_.add(definition))
+        return true;
+    REFLECTORB_LOG(3, kSource, "class \"%s\": \"%s\" is no type with a name", name().c_str(),
+                   definition.c_str());
+    return false;
+}
+
 void TreflectMetaObject::registerAttribute(TreflectMetaAttribute* attribute) {
     attributes_[attribute->name()] = attribute;
 }

@@ -3,33 +3,12 @@
 #include <climits>
 #include <cstdint>
 #include <optional>
+#include <vector>
 
-#include "ipprmi/BigEndian.h"
 #include "reflect/TreflectObject.h"
 #include "reflect/classes/ParameterTypeParts.h"
 
 namespace {
-
-/** A number, or nothing when `word` is none or does not lie between `lowest` and `highest`. */
-std::optional<std::int64_t> numberIn(std::string_view word, std::int64_t lowest,
-                                     std::int64_t highest) {
-    bool const negative = !word.empty() && word.front() == '-';
-    if (negative)
-        word.remove_prefix(1);
-    bool const hexadecimal =
-        word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
-    if (hexadecimal)
-        word.remove_prefix(2);
-    std::uint64_t magnitude = 0;
-    char const* const end = word.data() + word.size();
-    auto const [last, error] = std::from_chars(word.data(), end, magnitude, hexadecimal ? 16 : 10);
-    if (word.empty() || error != std::errc() || last != end || magnitude > UINT_MAX)
-        return std::nullopt;
-    auto const number = static_cast<std::int64_t>(magnitude) * (negative ? -1 : 1);
-    if (number < lowest || number > highest)
-        return std::nullopt;
-    return number;
-}
 
 /** The value of two hexadecimal digits. */
 std::optional<char> byteOf(std::string_view digits) {
@@ -46,10 +25,10 @@ std::optional<NamespaceId> namespaceOf(std::string_view word) {
         return NSID_UNIT;
     if (word == "node")
         return NSID_NODE;
-    auto const number = numberIn(word, INT_MIN, INT_MAX);
+    auto const number = wholeNumberIn(word, INT_MIN, INT_MAX);
     if (!number)
         return std::nullopt;
-    return static_cast<NamespaceId>(*number);
+    return static_cast<NamespaceId>(static_cast<std::int32_t>(*number));
 }
 
 /** What an escape in quotes stands for. */
@@ -79,48 +58,99 @@ class TreflectParameterType::Parser {
 public:
     explicit Parser(TextCursor& text) : text_(text) {}
 
-    /** Reads one value; false when there is none of this type, and then the bytes are of no use. */
-    bool value(std::vector<Node> const& nodes, unsigned int node) {
-        // Only anys within anys get there.
-        if (level_ >= 2 * kMaxDepth)
+    /** Reads one value; false when there is none of this type, and then the bytes
+     * are of no use. */
+    bool value(Shape const& shape, unsigned int at) {
+        if (level_ >= kMaxValueDepth)
             return false;
         ++level_;
-        bool const read = readValue(nodes, node);
+        bool const read = content(shape, shape.resolve(at));
         --level_;
         return read;
     }
     std::string const& bytes() const { return bytes_; }
 
 private:
-    bool readValue(std::vector<Node> const& nodes, unsigned int node) {
-        switch (nodes[node].kind) {
-            case Kind::kInt:
-                return number(INT_MIN, INT_MAX);
-            case Kind::kUnsigned:
-                return number(0, UINT_MAX);
+    bool content(Shape const& shape, unsigned int at) {
+        switch (shape.nodes[at].kind) {
+            case Kind::kInt64:
+                return longNumber(INT64_MIN, INT64_MAX);
+            case Kind::kUint64:
+                return longNumber(0, UINT64_MAX);
+            case Kind::kFloat:
+                return real<float>();
+            case Kind::kDouble:
+                return real<double>();
             case Kind::kBool:
                 return truth();
+            case Kind::kChar:
+                return character();
+            case Kind::kEnum:
+                return enumerator(shape, at);
             case Kind::kString:
                 return string();
+            case Kind::kBytes:
+                return hexadecimalText();
             case Kind::kOid:
                 return oid();
             case Kind::kObject:
                 return object();
             case Kind::kAny:
                 return any();
-            case Kind::kSequence:
-                return sequence(nodes, node + 1);
-            case Kind::kStruct:
-                return parts(nodes, node);
+            case Kind::kVoid:
+                return text_.accept('{') && text_.accept('}');
+            default:
+                return container(shape, at);
         }
-        return false;
     }
 
-    bool number(std::int64_t lowest, std::int64_t highest) {
-        auto const found = numberIn(text_.word(), lowest, highest);
-        if (found)
-            put(static_cast<std::uint32_t>(*found));
+    bool container(Shape const& shape, unsigned int at) {
+        Node const& node = shape.nodes[at];
+        switch (node.kind) {
+            case Kind::kSequence:
+                return sequence(shape, at + 1, UINT_MAX);
+            case Kind::kOptional:
+                return sequence(shape, at + 1, 1);
+            case Kind::kArray: {
+                std::uint32_t count = 0;
+                return elements(shape, at + 1, count) && count == node.number;
+            }
+            case Kind::kMap:
+                return map(shape, at);
+            case Kind::kStruct:
+                return parts(shape, at);
+            case Kind::kUnion:
+                return alternative(shape, at);
+            default:
+                return number(node.kind);
+        }
+    }
+
+    bool number(Kind kind) {
+        bool const isSigned = kind == Kind::kInt || kind == Kind::kInt8 || kind == Kind::kInt16;
+        auto const found = isSigned ? wholeNumberIn(text_.word(), INT_MIN, INT_MAX)
+                                    : wholeNumberIn(text_.word(), 0, UINT_MAX);
+        auto const word = static_cast<std::uint32_t>(found.value_or(0));
+        put(word);
+        return found && isInRange(kind, word);
+    }
+
+    bool longNumber(std::int64_t lowest, std::uint64_t highest) {
+        auto const found = wholeNumberIn(text_.word(), lowest, highest);
+        putLong(found.value_or(0));
         return found.has_value();
+    }
+
+    template <class T>
+    bool real() {
+        std::string_view const word = text_.real();
+        T value = 0;
+        char const* const end = word.data() + word.size();
+        auto const [last, error] = std::from_chars(word.data(), end, value);
+        unsigned char encoded[sizeof value];
+        tipprmi::store(encoded, value);
+        bytes_.append(reinterpret_cast<char const*>(encoded), sizeof encoded);
+        return !word.empty() && error == std::errc() && last == end;
     }
 
     bool truth() {
@@ -128,6 +158,27 @@ private:
         bool const yes = word == "true" || word == "1";
         put(yes ? 1 : 0);
         return yes || word == "false" || word == "0";
+    }
+
+    bool character() {
+        auto const found = text_.accept('"') ? quoted() : bare();
+        if (!found || found->size() != 1)
+            return false;
+        put(static_cast<unsigned char>(found->front()));
+        return true;
+    }
+
+    bool enumerator(Shape const& shape, unsigned int at) {
+        std::string_view const word = text_.word();
+        for (unsigned int part = at + 1; part < shape.nodes[at].end; ++part) {
+            if (shape.labelOf(part) == word) {
+                put(shape.nodes[part].number);
+                return true;
+            }
+        }
+        auto const found = wholeNumberIn(word, INT_MIN, UINT_MAX);
+        put(static_cast<std::uint32_t>(found.value_or(0)));
+        return found.has_value();
     }
 
     bool string() {
@@ -161,8 +212,7 @@ private:
     }
 
     bool any() {
-        std::size_t const start = bytes_.size();
-        put(0u);
+        std::size_t const start = beginLength();
         TextCursor const ahead = text_;
         std::string_view const word = text_.word();
         if (word.substr(0, 2) == "0x") {
@@ -173,9 +223,22 @@ private:
             if (!typedValue())
                 return false;
         }
-        std::size_t const length = bytes_.size() - start - 4;
-        ipprmi::storeBigEndian(reinterpret_cast<unsigned char*>(bytes_.data()) + start,
-                               static_cast<std::uint32_t>(length));
+        return endLength(start);
+    }
+
+    bool hexadecimalText() {
+        std::size_t const start = beginLength();
+        std::string_view const word = text_.word();
+        return word.substr(0, 2) == "0x" && hexadecimal(word.substr(2)) && endLength(start);
+    }
+
+    std::size_t beginLength() {
+        put(0u);
+        return bytes_.size();
+    }
+    bool endLength(std::size_t start) {
+        std::size_t const length = bytes_.size() - start;
+        putAt(start - 4, static_cast<std::uint32_t>(length));
         return length <= INT_MAX;
     }
 
@@ -190,39 +253,118 @@ private:
     }
 
     bool typedValue() {
-        Compiler type(text_);
-        return type.compile() && text_.accept('(') && value(type.takeNodes(), 0) &&
-               text_.accept(')');
+        TreflectTypes const none;
+        Compiler type(text_, none);
+        return type.compile() && text_.accept('(') && value(*type.shape(), 0) && text_.accept(')');
     }
 
-    bool sequence(std::vector<Node> const& nodes, unsigned int element) {
+    bool sequence(Shape const& shape, unsigned int element, std::uint32_t most) {
         std::size_t const start = bytes_.size();
         put(0u);
-        if (!text_.accept('['))
-            return false;
         std::uint32_t count = 0;
-        if (!text_.accept(']')) {
-            do {
-                if (!value(nodes, element))
-                    return false;
-                ++count;
-            } while (text_.accept(','));
-            if (!text_.accept(']'))
-                return false;
-        }
-        ipprmi::storeBigEndian(reinterpret_cast<unsigned char*>(bytes_.data()) + start, count);
-        return true;
+        bool const read = elements(shape, element, count);
+        putAt(start, count);
+        return read && count <= most;
     }
 
-    bool parts(std::vector<Node> const& nodes, unsigned int node) {
+    bool elements(Shape const& shape, unsigned int element, std::uint32_t& count) {
+        if (!text_.accept('['))
+            return false;
+        if (text_.accept(']'))
+            return true;
+        do {
+            if (!value(shape, element))
+                return false;
+            ++count;
+        } while (text_.accept(','));
+        return text_.accept(']');
+    }
+
+    bool map(Shape const& shape, unsigned int at) {
+        std::size_t const start = bytes_.size();
+        put(0u);
         if (!text_.accept('{'))
             return false;
-        for (unsigned int part = node + 1; part < nodes[node].end; part = nodes[part].end) {
-            bool const isFirst = part == node + 1;
-            if ((!isFirst && !text_.accept(',')) || !value(nodes, part))
+        if (text_.accept('}'))
+            return true;
+        std::uint32_t count = 0;
+        do {
+            bool const outer = std::exchange(isKey_, true);
+            bool const hasKey = value(shape, at + 1);
+            isKey_ = outer;
+            if (!hasKey || !text_.accept(':') || !value(shape, shape.nodes[at + 1].end))
+                return false;
+            ++count;
+        } while (text_.accept(','));
+        putAt(start, count);
+        return text_.accept('}');
+    }
+
+    bool parts(Shape const& shape, unsigned int at) {
+        if (!text_.accept('{'))
+            return false;
+        unsigned int const end = shape.nodes[at].end;
+        if (memberAhead(shape, at) != 0)
+            return namedParts(shape, at);
+        for (unsigned int part = at + 1; part < end; part = shape.nodes[part].end) {
+            bool const isFirst = part == at + 1;
+            if ((!isFirst && !text_.accept(',')) || !value(shape, part))
                 return false;
         }
         return text_.accept('}');
+    }
+
+    /** Members by their names, in any order. */
+    bool namedParts(Shape const& shape, unsigned int at) {
+        unsigned int const end = shape.nodes[at].end;
+        std::map<unsigned int, std::string> encoded;
+        do {
+            unsigned int const part = memberAhead(shape, at);
+            if (part == 0 || encoded.count(part) != 0)
+                return false;
+            text_.identifier();
+            text_.accept(':');
+            std::string outer = std::exchange(bytes_, std::string());
+            bool const read = value(shape, part);
+            encoded[part] = std::exchange(bytes_, std::move(outer));
+            if (!read)
+                return false;
+        } while (text_.accept(','));
+        for (unsigned int part = at + 1; part < end; part = shape.nodes[part].end) {
+            auto const found = encoded.find(part);
+            if (found == encoded.end())
+                return false;
+            bytes_ += found->second;
+        }
+        return text_.accept('}');
+    }
+
+    /** The member whose name and : are next; 0 without one. Nothing is passed. */
+    unsigned int memberAhead(Shape const& shape, unsigned int at) const {
+        TextCursor ahead = text_;
+        std::string_view const name = ahead.identifier();
+        return ahead.accept(':') ? shape.partNamed(at, name) : 0;
+    }
+
+    bool alternative(Shape const& shape, unsigned int at) {
+        if (!text_.accept('{'))
+            return false;
+        std::uint32_t index = 0;
+        if (shape.isLabelled(at)) {
+            unsigned int const named = shape.partNamed(at, text_.identifier());
+            for (unsigned int part = at + 1; part < named; part = shape.nodes[part].end)
+                ++index;
+            if (named == 0)
+                return false;
+        } else {
+            auto const found = wholeNumberIn(text_.word(), 0, UINT_MAX);
+            if (!found)
+                return false;
+            index = static_cast<std::uint32_t>(*found);
+        }
+        put(index);
+        unsigned int const part = shape.partOf(at, index);
+        return part != 0 && text_.accept(':') && value(shape, part) && text_.accept('}');
     }
 
     /** Reads a text up to the quotes that end it. */
@@ -242,7 +384,7 @@ private:
 
     std::optional<std::string> bare() {
         bool const isWhole = level_ == 1;
-        std::string_view const text = text_.upTo(isWhole ? "" : ",]})");
+        std::string_view const text = text_.upTo(isWhole ? "" : isKey_ ? ",]}):" : ",]})");
         if (text.empty() && !isWhole)
             return std::nullopt;
         return std::string(text);
@@ -281,9 +423,18 @@ private:
         bytes_ += text;
     }
 
+    void putLong(std::uint64_t number) {
+        put(static_cast<std::uint32_t>(number >> 32));
+        put(static_cast<std::uint32_t>(number));
+    }
+    void putAt(std::size_t at, std::uint32_t number) {
+        ipprmi::storeBigEndian(reinterpret_cast<unsigned char*>(bytes_.data()) + at, number);
+    }
+
     TextCursor& text_;
     std::string bytes_;
     int level_ = 0;
+    bool isKey_ = false;  // of a map
 };
 
 bool TreflectParameterType::parse(std::string const& text, TipprmiAny& value) const {
@@ -291,7 +442,7 @@ bool TreflectParameterType::parse(std::string const& text, TipprmiAny& value) co
         return false;
     TextCursor cursor(text);
     Parser parser(cursor);
-    if (!parser.value(nodes_, 0) || !cursor.atEnd() || parser.bytes().size() > INT_MAX)
+    if (!parser.value(*shape_, 0) || !cursor.atEnd() || parser.bytes().size() > INT_MAX)
         return false;
     return value.setData(parser.bytes().data(), static_cast<int>(parser.bytes().size()));
 }

@@ -1,111 +1,48 @@
-// Types of arguments and results: their names, where a value ends, and values as text.
-#include <cstdint>
-#include <cstdio>
+// Types of arguments and results: where a value ends, and which types have one
+// form.
+#include <set>
 
-#include "ipprmi/BigEndian.h"
-#include "reflect/NamespaceId.h"
 #include "reflect/classes/ParameterTypeParts.h"
-
-// ---- Names -------------------------------------------------------------------------------------
-
-bool TreflectParameterType::Compiler::compile(int depth) {
-    if (depth > kMaxDepth)
-        return false;
-    return text_.accept('{') ? compileStruct(depth) : compileNamed(depth);
-}
-
-bool TreflectParameterType::Compiler::compileStruct(int depth) {
-    std::size_t const whole = nodes_.size();
-    nodes_.push_back({Kind::kStruct, 0});
-    do {
-        if (!compile(depth + 1))
-            return false;
-    } while (text_.accept(','));
-    nodes_[whole].end = static_cast<unsigned int>(nodes_.size());
-    return text_.accept('}');
-}
-
-bool TreflectParameterType::Compiler::compileNamed(int depth) {
-    static constexpr std::pair<std::string_view, Kind> kNames[] = {
-        {"int", Kind::kInt},       {"unsigned", Kind::kUnsigned}, {"bool", Kind::kBool},
-        {"string", Kind::kString}, {"oid", Kind::kOid},           {"object", Kind::kObject},
-        {"any", Kind::kAny},       {"sequence", Kind::kSequence}};
-    std::string_view const name = text_.word();
-    for (auto const& [known, kind] : kNames) {
-        if (name != known)
-            continue;
-        std::size_t const whole = nodes_.size();
-        nodes_.push_back({kind, 0});
-        bool const complete = kind != Kind::kSequence ||
-                              (text_.accept('<') && compile(depth + 1) && text_.accept('>'));
-        nodes_[whole].end = static_cast<unsigned int>(nodes_.size());
-        return complete;
-    }
-    return false;
-}
-
-TreflectParameterType::TreflectParameterType(std::string const& name) : name_(name) {
-    TextCursor text(name_);
-    Compiler compiler(text);
-    if (compiler.compile() && text.atEnd())
-        nodes_ = compiler.takeNodes();
-}
-
-// ---- Encoded values ----------------------------------------------------------------------------
 
 namespace {
 
-/** Bytes of an encoding that are still to be read. Reading stops for good where they end. */
-class Bytes {
-public:
-    Bytes(unsigned char const* at, std::size_t size) : at_(at), left_(size) {}
-
-    std::size_t left() const { return left_; }
-    bool complete() const { return complete_; }
-
-    unsigned char const* take(std::size_t n) {
-        complete_ = complete_ && n <= left_;
-        if (!complete_)
-            return nullptr;
-        unsigned char const* const taken = at_;
-        at_ += n;
-        left_ -= n;
-        return taken;
-    }
-    std::uint32_t number() {
-        unsigned char const* const taken = take(4);
-        return taken ? ipprmi::loadBigEndian(taken) : 0;
-    }
-    /** A length, then as many bytes: a text or a nested value. A negative length is none. */
-    std::string_view text() {
-        auto const length = static_cast<std::int32_t>(number());
-        unsigned char const* const taken = take(length > 0 ? static_cast<std::size_t>(length) : 0);
-        if (!taken || length < 1)
-            return {};
-        return {reinterpret_cast<char const*>(taken), static_cast<std::size_t>(length)};
-    }
-
-private:
-    unsigned char const* at_;
-    std::size_t left_;
-    bool complete_ = true;
-};
+/** How strictly values that arrive are looked at. */
+enum class Check { kAsReaders, kAsWriters };
 
 }  // namespace
 
-/** Passes one value. Its effort is bounded by the bytes: every value has four or more. */
+// ---- Encoded values
+// ----------------------------------------------------------------------------
+
+/** Passes one value. Its effort is bounded by the bytes: what may be repeated
+ * has some. */
 class TreflectParameterType::Measure {
 public:
-    Measure(std::vector<Node> const& nodes, Bytes& bytes) : nodes_(nodes), bytes_(bytes) {}
+    Measure(Shape const& shape, ParameterBytes& bytes, Check check)
+        : shape_(shape), bytes_(bytes), check_(check) {}
 
-    void value(unsigned int node) {
-        switch (nodes_[node].kind) {
-            case Kind::kInt:
-            case Kind::kUnsigned:
-            case Kind::kBool:
+    void value(unsigned int at) {
+        if (++level_ > kMaxValueDepth)
+            bytes_.fail();
+        else
+            content(shape_.resolve(at));
+        --level_;
+    }
+
+private:
+    void content(unsigned int at) {
+        Node const& node = shape_.nodes[at];
+        switch (node.kind) {
+            case Kind::kFloat:
                 bytes_.take(4);
                 break;
+            case Kind::kInt64:
+            case Kind::kUint64:
+            case Kind::kDouble:
+                bytes_.take(8);
+                break;
             case Kind::kString:
+            case Kind::kBytes:
             case Kind::kAny:
                 bytes_.text();
                 break;
@@ -118,21 +55,91 @@ public:
                 bytes_.take(12);
                 break;
             case Kind::kSequence:
-                for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
-                    value(node + 1);
+                elements(at + 1, bytes_.number());
+                break;
+            case Kind::kOptional:
+                optional(at + 1);
+                break;
+            case Kind::kArray:
+                elements(at + 1, node.number);
+                break;
+            case Kind::kMap:
+                entries(at);
                 break;
             case Kind::kStruct:
-                for (unsigned int part = node + 1; part < nodes_[node].end && bytes_.complete();
-                     part = nodes_[part].end)
-                    value(part);
+                parts(at);
                 break;
+            case Kind::kUnion:
+                alternative(at);
+                break;
+            case Kind::kVoid:
+            case Kind::kEnumerator:
+            case Kind::kReference:
+                break;
+            default:
+                word(node.kind);
         }
     }
 
-private:
-    std::vector<Node> const& nodes_;
-    Bytes& bytes_;
+    void word(Kind kind) {
+        std::uint32_t const number = bytes_.number();
+        bool const isOddBool = kind == Kind::kBool && number > 1 && check_ == Check::kAsWriters;
+        if (isOddBool || !isInRange(kind, number))
+            bytes_.fail();
+    }
+
+    void elements(unsigned int element, std::uint32_t count) {
+        for (; count > 0 && bytes_.complete(); --count)
+            value(element);
+    }
+
+    void optional(unsigned int content) {
+        std::uint32_t const count = bytes_.number();
+        if (count > 1)
+            bytes_.fail();
+        elements(content, count);
+    }
+
+    void entries(unsigned int at) {
+        for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
+            parts(at);
+    }
+
+    void parts(unsigned int at) {
+        for (unsigned int part = at + 1; part < shape_.nodes[at].end && bytes_.complete();
+             part = shape_.nodes[part].end)
+            value(part);
+    }
+
+    void alternative(unsigned int at) {
+        unsigned int const part = shape_.partOf(at, bytes_.number());
+        if (part == 0)
+            bytes_.fail();
+        else if (bytes_.complete())
+            value(part);
+    }
+
+    Shape const& shape_;
+    ParameterBytes& bytes_;
+    Check const check_;
+    int level_ = 0;
 };
+
+bool TreflectParameterType::isInRange(Kind kind, std::uint32_t number) {
+    switch (kind) {
+        case Kind::kInt8:
+            return number + 0x80 < 0x100;
+        case Kind::kInt16:
+            return number + 0x8000 < 0x10000;
+        case Kind::kUint8:
+        case Kind::kChar:
+            return number < 0x100;
+        case Kind::kUint16:
+            return number < 0x10000;
+        default:
+            return true;
+    }
+}
 
 bool TreflectParameterType::take(TipprmiStream& stream, TipprmiAny& value) const {
     if (!isValid())
@@ -140,149 +147,106 @@ bool TreflectParameterType::take(TipprmiStream& stream, TipprmiAny& value) const
     int const unread = stream.getUnreadSize();
     unsigned char const* const from =
         unread > 0 ? stream.getDataPtr() + (stream.getDataSize() - unread) : nullptr;
-    Bytes bytes(from, static_cast<std::size_t>(unread));
-    Measure(nodes_, bytes).value(0);
+    ParameterBytes bytes(from, static_cast<std::size_t>(unread));
+    Measure(*shape_, bytes, Check::kAsReaders).value(0);
     return bytes.complete() && value.takeBare(stream, unread - static_cast<int>(bytes.left()));
 }
 
-// ---- Values as text ----------------------------------------------------------------------------
+bool TreflectParameterType::accepts(TipprmiAny const& value) const {
+    if (!isValid())
+        return false;
+    ParameterBytes bytes(value);
+    Measure(*shape_, bytes, Check::kAsWriters).value(0);
+    return bytes.complete() && bytes.left() == 0;
+}
 
-class TreflectParameterType::Printer {
+// ---- Two types
+// ---------------------------------------------------------------------------------
+
+/** Compares the parts of two types. */
+class TreflectParameterType::Comparison {
 public:
-    /** The name under which a handle on nothing travels. */
-    static constexpr std::string_view kNoObject = "InvalidStub";
+    Comparison(Shape const& a, Shape const& b) : a_(a), b_(b) {}
 
-    Printer(std::vector<Node> const& nodes, Bytes& bytes) : nodes_(nodes), bytes_(bytes) {}
-
-    void value(unsigned int node) {
-        switch (nodes_[node].kind) {
-            case Kind::kInt:
-                text_ += std::to_string(static_cast<std::int32_t>(bytes_.number()));
-                break;
-            case Kind::kUnsigned:
-                text_ += std::to_string(bytes_.number());
-                break;
-            case Kind::kBool:
-                text_ += bytes_.number() != 0 ? "true" : "false";
-                break;
-            case Kind::kString:
-                quoted(bytes_.text());
-                break;
-            case Kind::kOid:
-                oid();
-                break;
-            case Kind::kObject:
-                object();
-                break;
-            case Kind::kAny:
-                any(bytes_.text());
-                break;
-            case Kind::kSequence:
-                sequence(node + 1);
-                break;
-            case Kind::kStruct:
-                parts(node);
-                break;
-        }
+    bool isSame(unsigned int a, unsigned int b) {
+        a = withoutWrapping(a_, a);
+        b = withoutWrapping(b_, b);
+        // Of types that refer to themselves: the same as far as nothing speaks
+        // against it.
+        if (!compared_.emplace(a, b).second)
+            return true;
+        Node const& left = a_.nodes[a];
+        Node const& right = b_.nodes[b];
+        if (left.kind == Kind::kArray && right.kind == Kind::kStruct)
+            return isArrayOf(a_, a, b_, b,
+                             [&](auto element, auto part) { return isSame(element, part); });
+        if (left.kind == Kind::kStruct && right.kind == Kind::kArray)
+            return isArrayOf(b_, b, a_, a,
+                             [&](auto element, auto part) { return isSame(part, element); });
+        if (formOf(left.kind) != formOf(right.kind))
+            return false;
+        if (left.kind == Kind::kArray && left.number != right.number)
+            return false;
+        return left.kind == Kind::kEnum || right.kind == Kind::kEnum || haveSameParts(a, b);
     }
-    std::string takeText() { return std::move(text_); }
 
 private:
-    void quoted(std::string_view bytes) {
-        text_ += '"';
-        for (char const c : bytes)
-            character(c);
-        text_ += '"';
-    }
-
-    void character(char c) {
-        static constexpr std::string_view kEscaped = "\"\\\n\r\t";
-        static constexpr std::string_view kLetters = "\"\\nrt";
-        std::size_t const known = kEscaped.find(c);
-        if (known != std::string_view::npos)
-            (text_ += '\\') += kLetters[known];
-        else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-            hexadecimal("\\x", std::string_view(&c, 1));
-        else
-            text_ += c;
-    }
-
-    void hexadecimal(char const* ahead, std::string_view bytes) {
-        static constexpr char kDigits[] = "0123456789ABCDEF";
-        text_ += ahead;
-        for (char const c : bytes) {
-            text_ += kDigits[static_cast<unsigned char>(c) >> 4];
-            text_ += kDigits[c & 0xF];
+    /** Numbers of one size that differ in range only are of one form. */
+    static Kind formOf(Kind kind) {
+        switch (kind) {
+            case Kind::kUnsigned:
+            case Kind::kInt8:
+            case Kind::kUint8:
+            case Kind::kInt16:
+            case Kind::kUint16:
+            case Kind::kChar:
+            case Kind::kBool:
+            case Kind::kEnum:
+                return Kind::kInt;
+            case Kind::kUint64:
+                return Kind::kInt64;
+            default:
+                return kind;
         }
     }
 
-    void any(std::string_view content) { hexadecimal("0x", content); }
-
-    void oid() {
-        quoted(bytes_.text());
-        nameSpace(static_cast<std::int32_t>(bytes_.number()));
+    /** A struct of one member is that member to whoever looks at bytes. */
+    static unsigned int withoutWrapping(Shape const& shape, unsigned int at) {
+        at = shape.resolve(at);
+        while (shape.nodes[at].kind == Kind::kStruct && at + 1 < shape.nodes[at].end &&
+               shape.nodes[at + 1].end == shape.nodes[at].end)
+            at = shape.resolve(at + 1);
+        return at;
     }
 
-    void nameSpace(std::int32_t ns) {
-        if (ns == NSID_NODE)
-            text_ += "@node";
-        else if (ns != NSID_UNIT)
-            (text_ += '@') += std::to_string(ns);
-    }
-
-    void object() {
-        std::string_view const name = bytes_.text();
-        auto const ns = static_cast<std::int32_t>(bytes_.number());
-        std::uint32_t const internalId = bytes_.number();
-        std::uint32_t const broker = bytes_.number();
-        if (internalId == 0 && (name.empty() || name == kNoObject)) {
-            quoted("");
-            return;
+    template <class IsSame>
+    static bool isArrayOf(Shape const& arrays, unsigned int array, Shape const& structs,
+                          unsigned int whole, IsSame const& isSameElement) {
+        std::uint32_t count = 0;
+        for (unsigned int part = whole + 1; part < structs.nodes[whole].end;
+             part = structs.nodes[part].end, ++count) {
+            if (!isSameElement(array + 1, part))
+                return false;
         }
-        if (!name.empty()) {
-            quoted(name);
-            nameSpace(ns);
-            return;
-        }
-        char made[32];
-        std::snprintf(made, sizeof made, "rmi_%X_%X", static_cast<unsigned int>(broker),
-                      static_cast<unsigned int>(internalId));
-        quoted(made);
+        return count == arrays.nodes[array].number;
     }
 
-    void sequence(unsigned int element) {
-        text_ += '[';
-        std::uint32_t const count = bytes_.number();
-        for (std::uint32_t i = 0; i < count && bytes_.complete(); ++i) {
-            if (i > 0)
-                text_ += ", ";
-            value(element);
+    bool haveSameParts(unsigned int a, unsigned int b) {
+        unsigned int left = a + 1;
+        unsigned int right = b + 1;
+        for (; left < a_.nodes[a].end && right < b_.nodes[b].end;
+             left = a_.nodes[left].end, right = b_.nodes[right].end) {
+            if (!isSame(left, right))
+                return false;
         }
-        text_ += ']';
+        return left == a_.nodes[a].end && right == b_.nodes[b].end;
     }
 
-    void parts(unsigned int node) {
-        text_ += '{';
-        for (unsigned int part = node + 1; part < nodes_[node].end; part = nodes_[part].end) {
-            if (part > node + 1)
-                text_ += ", ";
-            value(part);
-        }
-        text_ += '}';
-    }
-
-    std::vector<Node> const& nodes_;
-    Bytes& bytes_;
-    std::string text_;
+    Shape const& a_;
+    Shape const& b_;
+    std::set<std::pair<unsigned int, unsigned int>> compared_;
 };
 
-TipprmiResult<std::string> TreflectParameterType::print(TipprmiAny const& value) const {
-    Bytes bytes(value.getDataPtr(), static_cast<std::size_t>(value.getDataSize()));
-    if (!isValid())
-        return TipprmiFailure(TipprmiFailure::kUnreadable);
-    Printer printer(nodes_, bytes);
-    printer.value(0);
-    if (!bytes.complete() || bytes.left() != 0)
-        return TipprmiFailure(TipprmiFailure::kUnreadable);
-    return printer.takeText();
+bool TreflectParameterType::hasFormOf(TreflectParameterType const& other) const {
+    return isValid() && other.isValid() && Comparison(*shape_, *other.shape_).isSame(0, 0);
 }

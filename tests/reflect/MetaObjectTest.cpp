@@ -302,7 +302,7 @@ TEST(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
     Unbuilt top;
     Unbuilt base;
     Unbuilt value;
-    TreflectMetaClass const meta("Class", kId, {&base.at(), &deviceMeta}, {{"getV", 1}},
+    TreflectMetaClass const meta("Class", kId, {&base.at(), &deviceMeta}, {{"getV", 9}},
                                  {{"V", value.at()}, "X"});
     EXPECT_THAT(idsOf(meta), ElementsAre(kId, device::kClass));
     ASSERT_EQ(find(kId), &meta);
@@ -324,6 +324,54 @@ TEST(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
     EXPECT_EQ(log.records().size(), 0u);
     for (TreflectMetaClass const* const gone : {builtValue, built, builtTop})
         gone->~TreflectMetaClass();
+}
+
+TEST(MetaClass, ListsTypesAndExceptionsOfItsOperations) {
+    testsupport::LogCapture const log;
+    TreflectMetaClass const meta(
+        "Class", kId, {},
+        {{"grow",
+          1,
+          {"Tree tree", "unsigned years"},
+          {"sequence<Tree>"},
+          {{7, "struct TooOld{unsigned age}"}}},
+         {"cut", 2}},
+        {}, {"struct Tree{Color color, sequence<Tree> branches}", "enum Color{kGreen}"});
+    ASSERT_EQ(find(kId), &meta);
+    TreflectMetaOperation const& grow = *meta.metaOperation("grow");
+    std::vector<TreflectParameterType> const in = grow.argumentTypes();
+    ASSERT_EQ(in.size(), 2u);
+    TipprmiAny tree;
+    EXPECT_TRUE(in[0].parse("{color: kGreen, branches: [{kGreen, []}]}", tree));
+    EXPECT_EQ(in[1].label(), "years");
+    EXPECT_TRUE(grow.resultTypes()[0].isValid());
+    EXPECT_TRUE(grow.exceptionType(7).isValid());
+    EXPECT_FALSE(grow.exceptionType(8).isValid());
+    EXPECT_EQ(log.count(3, ""), 0u);
+}
+
+TEST(MetaClass, TellsWhatItsTablesHaveTwiceOrMisspelled) {
+    testsupport::LogCapture const log;
+    TreflectMetaClass const base("Base", kId + 1, {}, {{"open", 1}, {"close", 2}});
+    TreflectMetaClass const meta("Class", kId, {&base},
+                                 {{"open", 1},
+                                  {"shut", 2},
+                                  {"close", 3},
+                                  {"one", 4, {"unsinged", "unsinged"}, {"unsinged"}},
+                                  {"two", 4},
+                                  {"one", 5}},
+                                 {}, {"sequence<int>"});
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(find(kId), &meta);
+    for (char const* text :
+         {R"(operation "shut" (2) of class "Class" clashes with "close" (2) of "Base")",
+          R"(operation "close" (3) of class "Class" clashes with "close" (2) of "Base")",
+          R"(operation "two" (4) of class "Class" clashes with "one" (4) of "Class")",
+          R"(operation "one" (5) of class "Class" clashes with "one" (4) of "Class")",
+          R"(class "Class": "unsinged" is no name of a type)",
+          R"(class "Class": "sequence<int>" is no type with a name)"})
+        EXPECT_EQ(log.count(3, text), 1u) << text;
+    EXPECT_EQ(log.records().size(), 6u);
 }
 
 /** What is left of a class whose base and the class of whose value have gone. */

@@ -35,13 +35,45 @@ std::string deep(int sequences) {
 }
 
 TEST(ParameterTypeName, IsToldFromOtherText) {
-    for (char const* name :
-         {"int", " unsigned ", "sequence<int>", "sequence < { string , sequence<any> } >", "{oid}",
-          "{int,bool,\tobject}", "{{{int}},int}"})
+    for (char const* name : {"int",
+                             " unsigned ",
+                             "sequence<int>",
+                             "sequence < { string , sequence<any> } >",
+                             "{oid}",
+                             "{int,bool,\tobject}",
+                             "{{{int}},int}",
+                             "int8",
+                             "uint64",
+                             "double",
+                             "bytes",
+                             "void",
+                             "array<float, 3>",
+                             "optional<map<string, sequence<char>>>",
+                             "enum{A}",
+                             "enum Color { kRed = -1, kGreen, kBlue=0x10 }",
+                             "struct Empty{}",
+                             "struct{int a, int b}",
+                             "union U{void none, int a}",
+                             "union{int, string}",
+                             "unsigned limit",
+                             "{unsigned limit, bool armed}",
+                             "struct A::B{int x}",
+                             "struct Node{int value, sequence<Node> children}",
+                             "{struct P{int x, int y} a, P b}",
+                             "struct A{optional<B> b, struct B{int n} c}"})
         EXPECT_TRUE(Type(name).isValid()) << name;
     for (char const* name :
          {"", " ", "Int", "integer", "int int", "int,", "{}", "{int,}", "{int", "int}", "sequence",
-          "sequence<>", "sequence<int", "sequence<int>>", "sequence<int,int>", "<int>", "int<int>"})
+          "sequence<>", "sequence<int", "sequence<int>>", "sequence<int,int>", "<int>", "int<int>",
+          "array<int>", "array<int,0>", "array<int,99999999999>", "map<int>", "map<int,int,int>",
+          "optional<>", "enum{}", "enum E{A,A}", "enum{A=x}", "enum{A=4294967296}", "enum{1}",
+          "struct S", "struct int{int a}", "union{}", "struct{int a, bool}", "struct{int a, int a}",
+          "Unknown", "sequence<Unknown>", "unsigned a b", "unsigned a::b", "struct{int}x y",
+          // What could go on for ever, or have no bytes for any number of
+          // elements.
+          "struct N{N next}", "struct N{int i, array<N,2> n}", "struct A{struct B{A a} b}",
+          "sequence<void>", "array<struct{},9>", "map<void,void>", "struct{void a}",
+          "struct{struct E{} a, E b}"})
         EXPECT_FALSE(Type(name).isValid()) << name;
     EXPECT_FALSE(Type(std::string("int\0", 4)).isValid());
     EXPECT_EQ(Type(" {int , bool} ").name(), " {int , bool} ");
@@ -52,6 +84,73 @@ TEST(ParameterTypeName, MayBeNestedToABound) {
     EXPECT_FALSE(Type(deep(Type::kMaxDepth)).isValid());
     for (char const* opening : {"{", "sequence<", "{int,"})
         EXPECT_FALSE(Type(repeated(opening, 200000)).isValid());
+}
+
+TEST(ParameterTypeName, MayReferToTypesThatAreGivenAlong) {
+    TreflectTypes types;
+    for (char const* definition :
+         {"struct Tree{Color color, map<string, Tree> branches}", "enum Color{kRed, kGreen}",
+          "union Either{Tree tree, Color color}", "struct Loop{Pool pool}",
+          "struct Pool{Loop loop}", "struct Open{Missing missing}"})
+        EXPECT_TRUE(types.add(definition)) << definition;
+    for (char const* other :
+         {"int", "sequence<int>", "{int}", "struct{int a}", "Tree", "", "struct A{"})
+        EXPECT_FALSE(types.add(other)) << other;
+    for (char const* name : {"Tree", "sequence<Either>", "Color color"})
+        EXPECT_TRUE(Type(name, types).isValid()) << name;
+    for (char const* name : {"Loop", "sequence<Pool>", "Open", "Missing", "Tree tree tree"})
+        EXPECT_FALSE(Type(name, types).isValid()) << name;
+    TipprmiAny any;
+    ASSERT_TRUE(Type("Tree", types).parse("{branches: {leaf: {kGreen, {}}}, color: kRed}", any));
+    EXPECT_EQ("{color: kRed, branches: {\"leaf\": {color: kGreen, branches: {}}}}",
+              Type("Tree", types).print(any).value());
+    // A name in the text itself goes before those of the table.
+    EXPECT_TRUE(Type("struct Tree{int n, optional<Tree> sub}", types).parse("{1, [{2, []}]}", any));
+    EXPECT_EQ("limit", Type("unsigned limit").label());
+
+    // A chain of types, each of which has twice the next, is no more work than
+    // its text.
+    TreflectTypes chain;
+    for (int i = 0; i < 300; ++i) {
+        std::string const next = "T" + std::to_string(i + 1);
+        chain.add("struct T" + std::to_string(i) + "{" + next + " a, " + next + " b}");
+    }
+    chain.add("struct T300{int i}");
+    EXPECT_TRUE(Type("T200", chain).isValid());
+    EXPECT_FALSE(Type("T200", chain).parse("{1, 2}", any));
+    EXPECT_FALSE(Type("T200", chain).accepts(content("1234")));
+}
+
+TEST(ParameterTypeName, TellsWhichTypesHaveOneForm) {
+    struct {
+        char const* a;
+        char const* b;
+        bool same;
+    } const pairs[] = {
+        {"int", "unsigned", true},
+        {"enum{A}", "uint8", true},
+        {"int", "float", false},
+        {"int64", "uint64", true},
+        {"int64", "double", false},
+        {"string", "bytes", false},
+        {"sequence<int>", "sequence<bool>", true},
+        {"sequence<int>", "sequence<int64>", false},
+        {"sequence<int>", "optional<int>", false},
+        {"{int, string}", "struct S{unsigned a, string b}", true},
+        {"{int, string}", "{int, string, int}", false},
+        {"array<int,2>", "{int, int}", true},
+        {"{int, int}", "array<int,3>", false},
+        {"array<int,2>", "array<int,3>", false},
+        {"{int}", "int", true},
+        {"union{int, string}", "union{int, bytes}", false},
+        {"struct N{int v, sequence<N> n}", "struct M{bool v, sequence<M> m}", true},
+        {"struct N{int v, sequence<N> n}", "struct M{bool v, sequence<sequence<M>> m}", false},
+        {"int", "no type", false},
+    };
+    for (auto const& [a, b, same] : pairs) {
+        EXPECT_EQ(same, Type(a).hasFormOf(Type(b))) << a << " and " << b;
+        EXPECT_EQ(same, Type(b).hasFormOf(Type(a))) << b << " and " << a;
+    }
 }
 
 struct Value {
@@ -96,8 +195,39 @@ Value const kValues[] = {
     {"sequence<string>", "[a b , \",\"]", "00000002 00000003 612062 00000001 2C",
      "[\"a b\", \",\"]"},
     {"{int,bool}", "{1, true}", "00000001 00000001", "{1, true}"},
+    {"int8", "-128", "FFFFFF80", "-128"},
+    {"uint16", "0xFFFF", "0000FFFF", "65535"},
+    {"int64", "-9223372036854775808", "80000000 00000000", "-9223372036854775808"},
+    {"uint64", "0xffffffffffffffff", "FFFFFFFF FFFFFFFF", "18446744073709551615"},
+    {"float", "-2.5", "C0200000", "-2.5"},
+    {"double", "0.1", "3FB99999 9999999A", "0.1"},
+    {"double", "-1e300", "FE37E43C 8800759C", "-1e+300"},
+    {"double", "inf", "7FF00000 00000000", "inf"},
+    {"char", "x", "00000078", "\"x\""},
+    {"char", "\"\\xE4\"", "000000E4", "\"\xE4\""},
+    {"bytes", "0x00fF", "00000002 00FF", "0x00FF"},
+    {"bytes", "0x", "00000000", "0x"},
+    {"array<bool,2>", "[1, false]", "00000001 00000000", "[true, false]"},
+    {"optional<string>", "[none]", "00000001 00000004 6E6F6E65", "[\"none\"]"},
+    {"optional<optional<int>>", "[[]]", "00000001 00000000", "[[]]"},
+    {"map<string,int>", "{a: 1, \"b:\": -1}",
+     "00000002 00000001 61 00000001 00000002 623A FFFFFFFF", "{\"a\": 1, \"b:\": -1}"},
+    {"map<int,bool>", "{}", "00000000", "{}"},
+    {"enum Color{kRed=-1, kGreen, kBlue=9}", "kRed", "FFFFFFFF", "kRed"},
+    {"enum Color{kRed=-1, kGreen, kBlue=9}", "kGreen", "00000000", "kGreen"},
+    {"enum{kA}", "77", "0000004D", "77"},
+    {"struct Limits{unsigned limit, bool armed}", "{armed: true, limit: 80}", "00000050 00000001",
+     "{limit: 80, armed: true}"},
+    {"{unsigned limit, string s}", "{80, limit: x}", "00000050 00000008 6C696D69743A2078",
+     "{limit: 80, s: \"limit: x\"}"},
+    {"struct Empty{}", "{}", "", "{}"},
+    {"union{int, string}", "{1: x y}", "00000001 00000003 782079", "{1: \"x y\"}"},
+    {"union U{void none, int a}", "{none: {}}", "00000000", "{none: {}}"},
+    {"struct Node{int v, sequence<Node> sub}", "{1, [{2, []}]}",
+     "00000001 00000001 00000002 00000000", "{v: 1, sub: [{v: 2, sub: []}]}"},
     {"sequence<{oid,sequence<bool>}>", "[{x@node,[1]},{y,[]}]",
-     "00000002 00000001 78 00000002 00000001 00000001 00000001 79 00000001 00000000",
+     "00000002 00000001 78 00000002 00000001 00000001 00000001 79 00000001 "
+     "00000000",
      "[{\"x\"@node, [true]}, {\"y\", []}]"},
 };
 
@@ -144,6 +274,22 @@ TEST(ParameterTypeText, ThatIsNoValueIsRefused) {
         {"sequence<int>", {"", "[", "[1", "[1,]", "[,1]", "1", "[1]]", "[1}", "{1}"}},
         {"sequence<string>", {"[a,]", "[,]"}},
         {"{int,bool}", {"{}", "{1}", "{1,}", "{1,true,1}", "{1 true}", "[1,true]", "{1,true"}},
+        {"int8", {"128", "-129", "0x80"}},
+        {"uint8", {"-1", "256"}},
+        {"int64", {"9223372036854775808", "-9223372036854775809"}},
+        {"uint64", {"-1", "18446744073709551616"}},
+        {"float", {"", "1e39", "1,5", "1.5.5", "0x1", "one"}},
+        {"double", {"1e999", "+1"}},
+        {"char", {"", "ab", "\"\""}},
+        {"bytes", {"", "00", "0x0", "\"ab\""}},
+        {"array<int,2>", {"[1]", "[1, 2, 3]", "{1, 2}"}},
+        {"optional<int>", {"", "1", "[1, 2]", "none"}},
+        {"map<int,int>", {"[]", "{1}", "{1: }", "{1: 1,}", "{1: 1"}},
+        {"enum Color{kRed}", {"", "Red", "kRed2", "4294967296", "-2147483649"}},
+        {"struct S{int a, int b}",
+         {"{}", "{a: 1}", "{a: 1, a: 2}", "{a: 1, 2}", "{a: 1, c: 2}", "{a: 1, b: 2, a: 3}"}},
+        {"union U{int a, bool b}", {"{}", "{1: 1}", "{c: 1}", "{a: 1, b: true}", "{a}"}},
+        {"union{int, bool}", {"{2: 1}", "{-1: 1}", "{4294967296: 1}"}},
         {"no type", {"", "1"}},
     };
     TreflectHandlerState const inside(true);
@@ -162,6 +308,12 @@ TEST(ParameterTypeText, IsOfBoundedDepth) {
     EXPECT_FALSE(Type(deep(Type::kMaxDepth - 1)).parse(repeated("[", 100000), any));
     EXPECT_TRUE(Type(deep(Type::kMaxDepth - 1)).parse(repeated("[", 15) + repeated("]", 15), any));
     EXPECT_FALSE(Type("string").parse(std::string(17u << 20, 'a'), any)) << "no message holds it";
+    Type const node("struct Node{sequence<Node> sub}");
+    EXPECT_TRUE(node.parse(repeated("{[", 100) + repeated("]}", 100), any));
+    EXPECT_FALSE(node.parse(repeated("{[", 100000) + repeated("]}", 100000), any));
+    std::string const ones = repeated(std::string("\0\0\0\1", 4), 100000);
+    EXPECT_FALSE(node.print(content(ones)));
+    EXPECT_FALSE(node.accepts(content(ones)));
 }
 
 TEST(ParameterTypeText, OfAnObjectLeadsToIt) {
@@ -213,6 +365,15 @@ TEST(ParameterTypeBytes, OfAnotherMakeAreNoValue) {
     for (char const* name : {"string", "oid", "object", "any", "sequence<int>", "sequence<any>"})
         EXPECT_FALSE(Type(name).print(content(huge))) << name;
     EXPECT_FALSE(Type("sequence<sequence<{int,int}>>").print(content(most)));
+    std::string const two("\0\0\0\2", 4);
+    for (char const* name : {"bool", "optional<int>", "union{int}"}) {
+        EXPECT_FALSE(Type(name).accepts(content(two))) << name;
+        EXPECT_EQ(std::string(name) == "bool", static_cast<bool>(Type(name).print(content(two))));
+    }
+    for (char const* name : {"int8", "uint8", "int16", "uint16", "char", "bytes", "map<int,int>"}) {
+        EXPECT_FALSE(Type(name).print(content(huge.substr(0, 4)))) << name;
+        EXPECT_FALSE(Type(name).accepts(content(huge.substr(0, 4)))) << name;
+    }
     EXPECT_FALSE(Type("int").print(content("12345"))) << "more than a value";
     EXPECT_FALSE(Type("int").print(TipprmiAny()));
     EXPECT_FALSE(Type("no type").print(content("1234")));
