@@ -1,7 +1,7 @@
 #!/usr/bin/perl
-# What docs/architecture.md says of the sources holds: files, folders and names in backticks exist,
-# threads bear the names of its table, and each folder includes only what stands below it, but for
-# the files that the document names in its list of exceptions.
+# What docs/architecture.md says of the sources holds: files, folders, names and commands of ./run in
+# backticks exist, threads bear the names of its table, and each folder includes only what stands
+# below it, but for the files that the document names in its list of exceptions.
 #
 #   architecture.pl <source tree> <architecture.md>
 use strict;
@@ -35,8 +35,12 @@ open(my $in, '<', $document) or die "$document: $!\n";
 my @lines = <$in>;
 
 # ---- Names ----
+open(my $front_door, '<', "$tree/run") or die "$tree/run: $!\n";
+my $commands = do { local $/; <$front_door> };
+
 sub known {
     my ($name) = @_;
+    return $commands =~ /^run_\Q$1\E\(\)/m if $name =~ m{^\./run (\w+)$};
     my $pattern = quotemeta($name) =~ s/\\\*/\\w*/gr;
     return 1 if -e "$tree/$name" || grep { m{(?:^|/)$pattern(?:$|(?<=/))} } keys %text;
     return 0 if $name =~ m{/|\.(?:h|cpp|md|sh)$};
