@@ -26,7 +26,7 @@ INHERITED = frozenset(
     getChilds getClassIds getClient getExceptionContainer getInternalOID getNamespaceId
     getOID getORB getParent getRelName getServer getServerClassId getServerClassIdSeq
     getStub_ hasOID identifier internalOid isConnected isObserver Key Life Meta meta
-    notifyObservers objectName Observers oid operation orbId postObserverAvailable
+    metaClass notifyObservers objectName Observers oid operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
     reflective registerChild registerObserver releaseStub_ removeObserver respond
     respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent

@@ -163,6 +163,11 @@ TEST_P(GateTest, ItsMembersAreFoundByName) {
     EXPECT_EQ(gate.attribute("Speeds").set(speeds), 0);
     EXPECT_EQ(gate.getSpeeds().value(), speeds);
     EXPECT_FALSE(gate.operation("connect").isError()) << "without the underscore of C++";
+    for (char const* const name : {"numbers", "tree", "value", "onOff", "wide", "neighbour"}) {
+        auto const types = gate.operation(name).meta()->resultTypes();
+        ASSERT_EQ(types.size(), 1u);
+        EXPECT_TRUE(types[0].isValid()) << types[0].name();
+    }
     std::string title;
     EXPECT_EQ(gate.attribute("Next").attribute("Title").get(title), 0);
     EXPECT_EQ(title, "main");
