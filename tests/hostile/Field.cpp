@@ -21,15 +21,16 @@ constexpr char kActor[] = "hostile";
 // ---- Entry
 
 Entry::Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"))) {
-    if (folder_) {
-        unsigned short const name = folder_->file()->takeName(0, [](auto) { return true; });
-        id_ = TerminationId(name, 1, kGroup);
-        file_ = Transport::EntryFolder::fileName(id_, kActor, "");
-        if (name != 0)
-            listening_ = folder_->listenHidden(file_);
-    }
-    if (!listening_.valid() || !folder_->show(file_))
+    if (!folder_)
+        throw std::runtime_error("no folder is to be had");
+    auto name = folder_->file()->takeName(0, [](auto) { return true; });
+    id_ = TerminationId(name.nameId(), 1, kGroup);
+    file_ = Transport::EntryFolder::fileName(id_, kActor, "");
+    Transport::HiddenSocket hidden = folder_->bindHidden(id_);
+    if (name.nameId() == 0 || !hidden.valid() || !hidden.show(file_))
         throw std::runtime_error("no entry is to be had");
+    name.keep();
+    listening_ = hidden.release();
     folder_->announce();
 }
 
