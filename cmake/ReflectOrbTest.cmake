@@ -1,17 +1,18 @@
 # Functions for the tests.
 #
-#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>]
+#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>] [BROKERS]
 #                   [PLATFORM] [INTERNALS | ROOMS <room>...] [LIBRARIES <library>...])
 #
 # makes one GoogleTest program and registers each of its tests with ctest, which may run all of
 # them at the same time. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
 # emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native"
-# does what an emulator cannot do, and is left out where there is one.
+# does what an emulator cannot do, and is left out where there is one. BROKERS is for a program that
+# makes brokers: they meet in a folder of its own (tests/support/BrokerFolder.cpp).
 #
 #   reflectorb_test_program(<name> SOURCES <file>... [PLATFORM] [INTERNALS | ROOMS ...] [LIBRARIES ...])
 #
 # makes a program that tests start as a child with fork and exec. Tests find it with
-# testsupport::programCommand("<name>") of tests/support/TestPrograms.h.
+# testsupport::programCommand("<name>") of tests/support/ChildProgram.h.
 #
 # What both link: by default the shared library reflectorb, as a user would. PLATFORM takes only
 # reflectorb-platform. INTERNALS takes archives of the same object files, so that hidden symbols and
@@ -28,7 +29,7 @@ endif()
 
 macro(_reflectorb_parse_test_arguments)
     cmake_parse_arguments(PARSE_ARGV 1 arg
-        "PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
+        "BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
     if(arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "${name}: unknown arguments ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -73,6 +74,9 @@ function(reflectorb_test name)
     math(EXPR timeout "${arg_TIMEOUT} * ${REFLECTORB_TIMEOUT_FACTOR}")
     cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME folder)
 
+    if(arg_BROKERS)
+        list(APPEND arg_SOURCES "${PROJECT_SOURCE_DIR}/tests/support/BrokerFolder.cpp")
+    endif()
     add_executable(${name} ${arg_SOURCES})
     _reflectorb_link_library(${name} "${arg_PLATFORM}" "${arg_INTERNALS}" "${arg_ROOMS}")
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} gtest_main gmock)

@@ -1,31 +1,18 @@
 // Cancellation of threads that queue for the permission, have just got it, or are inside guards.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <vector>
-
-#include "LogCapture.h"
 #include "PermissionThreads.h"
-#include "oswrap.h"
 
 using namespace permissiontest;
-using testsupport::Gate;
-using testsupport::kPatience;
 
 namespace {
 
 class RunPermissionCancel : public PermissionTest {
 protected:
-    std::unique_ptr<TestThread> queuedThread() {
-        unsigned long const before = Run::handlerThreads().getPermissionWaiters();
-        auto thread = std::make_unique<TestThread>([this] {
+    TestThread& queueOne() {
+        return queueUp([this] {
             Run::enterHandlerState(true);
             ++turns_;
             Run::leaveHandlerState(true);
         });
-        EXPECT_TRUE(queueGrowsTo(before + 1));
-        return thread;
     }
 
     std::atomic<int> turns_{0};
@@ -35,16 +22,16 @@ TEST_F(RunPermissionCancel, QueuedThreadLeavesTheQueueFromAnyPlace) {
     for (unsigned int const length : {1u, 3u})
         for (unsigned int place = 0; place < length; ++place) {
             Run::enterHandlerState(true);
-            std::vector<std::unique_ptr<TestThread>> threads;
             for (unsigned int i = 0; i < length; ++i)
-                threads.push_back(queuedThread());
-            threads[place]->cancel();
-            EXPECT_TRUE(threads[place]->join());
+                queueOne();
+            queued_[place]->cancel();
+            EXPECT_TRUE(queued_[place]->join());
             EXPECT_TRUE(queueGrowsTo(length - 1));
-            EXPECT_EQ(Run::handlerThreads().size(), length) << "its handler state ended with it";
+            // Each that is left has two handler states, and this thread one.
+            EXPECT_EQ(Run::handlerThreads().size(), 2 * length - 1) << "its own ended with it";
             turns_ = 0;
             Run::leaveHandlerState(true);
-            threads.clear();
+            joinAll();
             EXPECT_EQ(turns_, static_cast<int>(length - 1));
         }
 }
@@ -54,18 +41,16 @@ TEST_F(RunPermissionCancel, TurnPassesOnWhenItMeetsTheCancellation) {
     int ended = 0;
     for (int round = 0; round < 200; ++round) {
         Run::enterHandlerState(true);
-        auto const first = queuedThread();
-        auto const second = queuedThread();
-        if (round % 2) {
-            first->cancel();
-            Run::leaveHandlerState(true);
-        } else {
-            Run::leaveHandlerState(true);
-            first->cancel();
-        }
-        ended += first->join() ? 0 : 1;
-        EXPECT_FALSE(second->join());
+        TestThread& first = queueOne();
+        TestThread& second = queueOne();
+        if (round % 2)
+            first.cancel();
+        Run::leaveHandlerState(true);
+        first.cancel();
+        ended += first.join() ? 0 : 1;
+        EXPECT_FALSE(second.join());
         ++ended;
+        joinAll();
         ASSERT_EQ(turns_, ended);
         ASSERT_TRUE(nothingLeft());
     }
@@ -88,7 +73,7 @@ TEST_F(RunPermissionCancel, GuardIsNotInterruptedWhileItQueues) {
 }
 
 TEST_F(RunPermissionCancel, HolderThatIsCancelledGivesEverythingBack) {
-    testsupport::LogCapture log;
+    LogCapture log;
     Gate inside;
     TestThread thread([&inside] {
         TreflectHandlerState const state(true);

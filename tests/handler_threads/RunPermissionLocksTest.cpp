@@ -1,18 +1,7 @@
 // The guards, and the locks that give the permission back while they block.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "LogCapture.h"
 #include "PermissionThreads.h"
-#include "oswrap.h"
 
 using namespace permissiontest;
-using testsupport::Gate;
-using testsupport::LogCapture;
 
 namespace {
 
@@ -69,6 +58,14 @@ TEST_F(RunPermissionGuards, NestedStatesAndLevelsAreUndone) {
         Run::getRunPermission();
     }
     EXPECT_EQ(stateNow(), none);
+    Run::enterHandlerState(false);
+    {
+        TreflectRestoreHandlerState const guard;
+        Run::getRunPermission();
+        Run::getRunPermission();
+    }
+    EXPECT_EQ(stateNow(), handler);
+    bringInto(none);
     {
         TreflectHandlerState const guard(false);
         Run::getRunPermission();

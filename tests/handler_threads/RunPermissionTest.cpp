@@ -1,22 +1,10 @@
 // The permission itself: who gets it, in which order, and what is reported about misuse.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "LogCapture.h"
 #include "PermissionThreads.h"
-#include "oswrap.h"
 
 using namespace permissiontest;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testsupport::Gate;
-using testsupport::kPatience;
-using testsupport::LogCapture;
 using testsupport::LogRecord;
 
 namespace {
@@ -58,22 +46,16 @@ class RunPermission : public PermissionTest {
 protected:
     /** The next `threads` that ask for the permission queue behind each other in this order, each
      * writes its number when it has its turn. */
-    void queueUp(int threads) {
-        for (int i = 0; i < threads; ++i) {
-            unsigned long const before = Run::handlerThreads().getPermissionWaiters();
-            queued_.push_back(std::make_unique<TestThread>([this, i] {
-                TreflectHandlerState const state(false);
+    void queueUpAll(int threads) {
+        for (int i = 0; i < threads; ++i)
+            queueUp([this, i] {
                 Run::getRunPermission();
                 turns_.push_back(i);
                 Run::releaseRunPermission();
-            }));
-            ASSERT_TRUE(queueGrowsTo(before + 1));
-        }
+            });
     }
-    void joinAll() { queued_.clear(); }
 
     std::vector<int> turns_;  // guarded by the run permission
-    std::vector<std::unique_ptr<TestThread>> queued_;
 };
 
 std::string describe(LogRecord const& record) {
@@ -199,7 +181,7 @@ TEST_F(RunPermission, LongQueueIsServedInItsOrderAndWakesOnlyThoseWhoseTurnComes
     constexpr int kThreads = 64;
     LogCapture const log;
     Run::enterHandlerState(true);
-    queueUp(kThreads);
+    queueUpAll(kThreads);
     rusage before{};
     rusage after{};
     getrusage(RUSAGE_SELF, &before);
@@ -221,7 +203,7 @@ TEST_F(RunPermission, LongWaitIsReportedEverySecondByTheFrontOnly) {
     LogCapture log;
     Run::enterHandlerState(true);
     long const holder = OSWrap::Thread::getCurrentTid();
-    queueUp(2);
+    queueUpAll(2);
     ASSERT_TRUE(log.waitFor(" since 2s"));
     Run::leaveHandlerState(true);
     joinAll();

@@ -1,26 +1,14 @@
 // Threads of a pool that exchange their work instead of handing the permission round.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <memory>
 #include <optional>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "LogCapture.h"
 #include "PermissionThreads.h"
 #include "handler_threads/PermissionWaiter.h"
-#include "oswrap.h"
 
 using namespace permissiontest;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using testing::ElementsAre;
-using testsupport::LogCapture;
 
 namespace {
 
@@ -69,17 +57,6 @@ protected:
             served_.push_back(number);
         });
     }
-    TestThread& queueUp(std::function<void()> body) {
-        unsigned long const before = Run::handlerThreads().getPermissionWaiters();
-        queued_.push_back(std::make_unique<TestThread>([body] {
-            TreflectHandlerState const state(false);
-            body();
-        }));
-        EXPECT_TRUE(queueGrowsTo(before + 1));
-        return *queued_.back();
-    }
-    void joinAll() { queued_.clear(); }
-
     /** What a thread of a pool does when it could not go on. */
     static void handRound(Turn& mine) {
         Run::releaseRunPermission();
@@ -87,7 +64,6 @@ protected:
     }
 
     std::vector<int> served_;  // guarded by the run permission
-    std::vector<std::unique_ptr<TestThread>> queued_;
 };
 
 TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {

@@ -27,7 +27,6 @@
 #include "RendezvousFolder.h"
 #include "Resources.h"
 #include "Slowness.h"
-#include "TestPrograms.h"
 
 namespace hostile {
 namespace {

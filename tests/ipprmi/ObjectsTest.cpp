@@ -1,25 +1,10 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "LogCapture.h"
-#include "handler_threads.h"
-#include "ipprmi.h"
-#include "reflect.h"
+#include "BrokerTest.h"
+#include "WireText.h"
 
 namespace {
 
-using testsupport::LogCapture;
-
 constexpr unsigned int kClass = 0xC1A55;
 enum Method : unsigned int { kRefuse = 2, kNothing = 3, kBreakOff = 4 };
-
-TipprmiOID named(char const* text) {
-    return TipprmiOID(text, NSID_UNIT);
-}
 
 TipprmiExceptionContainer containerOfType(unsigned int type) {
     TipprmiExceptionContainer container;
@@ -61,13 +46,10 @@ public:
     TreflectOrbId orbId() const override { return TreflectOrbId(0x1A); }
 };
 
-class ObjectsTest : public ::testing::Test {
-protected:
-    TreflectHandlerState const inside{true};
-};
+class ObjectsTest : public PermittedTest {};
 
 TEST_F(ObjectsTest, AnObjectWithoutIdentifierMakesOneUp) {
-    Base const unnamed(named(""), 3);
+    Base const unnamed(oid(""), 3);
     EXPECT_FALSE(unnamed.hasOID());
     EXPECT_STREQ(unnamed.getOID().getIdString(), "rmi_1A_3");
     EXPECT_EQ(unnamed.getOID().getNamespaceId(), NSID_UNIT);
@@ -77,19 +59,18 @@ TEST_F(ObjectsTest, AnObjectWithoutIdentifierMakesOneUp) {
 }
 
 TEST_F(ObjectsTest, TheBaseServesNothing) {
-    Base base(named("base"), 3);
+    Base base(oid("base"), 3);
     TipprmiStream in(8), out(8);
     EXPECT_FALSE(base.dispatch(true, kClass, 1, in, out));
-    LogCapture const log;
     base.setExceptionContainer(containerOfType(1));
-    EXPECT_EQ(log.count(2, "setExceptionContainer should never be called"), 1u);
+    EXPECT_EQ(log_.count(2, "setExceptionContainer should never be called"), 1u);
     EXPECT_EQ(base.getExceptionContainer().getExceptionType(), 0u);
-    EXPECT_EQ(log.count(2, "getExceptionContainer should never be called"), 1u);
-    EXPECT_EQ(log.find("getExceptionContainer")->source, "IPPRMI_objectBase");
+    EXPECT_EQ(log_.count(2, "getExceptionContainer should never be called"), 1u);
+    EXPECT_EQ(log_.find("getExceptionContainer")->source, "IPPRMI_objectBase");
 }
 
 TEST_F(ObjectsTest, AReconnectedSkeletonMovesAndGetsAFreshHandle) {
-    Server server(named("skeleton.moved"));
+    Server server(oid("skeleton.moved"));
     TipprmiObjectClient const before(*server.getClient());
     EXPECT_EQ(server.getClient(), server.getClient());
     server.connect(TreflectORB::getInstance(NSID_NODE), server.getOID());
@@ -102,23 +83,20 @@ TEST_F(ObjectsTest, AReconnectedSkeletonMovesAndGetsAFreshHandle) {
 
 TEST_F(ObjectsTest, AHandleTravelsAsTheLocationOfItsObject) {
     TreflectORB::TreflectObjectLocation const location(0x0A0B0C0D, TreflectOrbId(0x01020304),
-                                                       nullptr, named("ab"));
+                                                       nullptr, oid("ab"));
     TreflectObjectHandler& handler = *TreflectObjectHandler::getInstance();
     TipprmiObjectClient sent;
     handler.releaseStub(sent.getStub_());
     sent.setStub_(handler.adoptStub(location));
     TipprmiStream stream(100);
     stream << sent;
-    unsigned char const expected[] = {0, 0,   0,   2,   'a', 'b', 0, 0, 0,
-                                      1, 0xA, 0xB, 0xC, 0xD, 1,   2, 3, 4};
-    ASSERT_EQ(stream.getDataSize(), static_cast<int>(sizeof expected));
-    EXPECT_EQ(std::memcmp(stream.getDataPtr(), expected, sizeof expected), 0);
+    EXPECT_EQ(wire::hex(stream), wire::bare("00000002 6162 00000001 0A0B0C0D 01020304"));
 
     TipprmiObjectClient read;
     stream >> read;
     EXPECT_EQ(read.getStub_(), sent.getStub_());
     EXPECT_EQ(read.getStub_()->refCount(), 2);
-    EXPECT_EQ(read.identifier(), named("ab"));
+    EXPECT_EQ(read.identifier(), oid("ab"));
     stream >> read;
     EXPECT_TRUE(stream.hasUnmarshallingFailed());
     EXPECT_TRUE(read == TipprmiObjectClient()) << "nothing could be read";
@@ -128,7 +106,7 @@ TEST_F(ObjectsTest, AHandleTravelsAsTheLocationOfItsObject) {
 }
 
 TEST_F(ObjectsTest, AnUnnamedObjectTravelsWithAnEmptyNameAndIsFoundAgain) {
-    Server server(named(""));
+    Server server(oid(""));
     TipprmiObjectClient const sent(*server.getClient());
     TipprmiStream stream(100);
     stream << sent;
@@ -162,10 +140,9 @@ struct Out : OutParamHook {
 };
 
 TEST_F(ObjectsTest, ACallYieldsItsResultOrZerosItsExceptionAndALogLine) {
-    Server server(named("helper"));
+    Server server(oid("helper"));
     Hook const hook;
     Out const out;
-    LogCapture const log;
     auto const refuse = [&](unsigned int code) {
         ClientCallHelper(hook, In(code), out, *server.getClient()->getStub_(), nullptr, kClass,
                          kRefuse, true);
@@ -177,8 +154,8 @@ TEST_F(ObjectsTest, ACallYieldsItsResultOrZerosItsExceptionAndALogLine) {
     exception.getExceptionData(general);
     EXPECT_EQ(exception.getExceptionType(), 1u);
     EXPECT_EQ(general.code(), 42u);
-    EXPECT_EQ(log.count(4, "Unmarshall error on cc=0xC1A55, mc=2"), 1u);
-    EXPECT_EQ(log.find("Unmarshall")->source, "CallHelper");
+    EXPECT_EQ(log_.count(4, "Unmarshall error on cc=0xC1A55, mc=2"), 1u);
+    EXPECT_EQ(log_.find("Unmarshall")->source, "CallHelper");
 
     refuse(0);
     EXPECT_EQ(out.value, 7u) << "evaluation leaves the read position where it was";
@@ -186,32 +163,30 @@ TEST_F(ObjectsTest, ACallYieldsItsResultOrZerosItsExceptionAndALogLine) {
 }
 
 TEST_F(ObjectsTest, ACallWithoutTheRunPermissionIsReported) {
-    Server server(named("helper.permission"));
+    Server server(oid("helper.permission"));
     TipprmiObjectClient const client(&server);
-    LogCapture const log;
     TreflectReleaseHandlerState const outside;
     EXPECT_TRUE(tipprmiCall<void>(client, kClass, kNothing));
-    EXPECT_TRUE(log.contains("doing RMI, but has no RunPermission"));
+    EXPECT_TRUE(log_.contains("doing RMI, but has no RunPermission"));
     EXPECT_EQ(server.calls, 1) << "and performed";
 }
 
 // ---- Calls in one line -------------------------------------------------------------------------
 
 TEST_F(ObjectsTest, ArgumentsAndResultsThatCannotBeReadAreFailures) {
-    Server server(named("call.unreadable"));
+    Server server(oid("call.unreadable"));
     TipprmiObjectClient const client(&server);
-    LogCapture log;
     EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kRefuse).code(),
               TipprmiFailure::kNotServed);
     EXPECT_EQ(server.calls, 0) << "a function is not called with half its arguments";
-    EXPECT_TRUE(log.contains("Unmarshall error on cc=0xC1A55, mc=2"));
+    EXPECT_TRUE(log_.contains("Unmarshall error on cc=0xC1A55, mc=2"));
     EXPECT_EQ(tipprmiCall<unsigned int>(client, kClass, kNothing).code(),
               TipprmiFailure::kUnreadable);
     EXPECT_EQ(tipprmiCall<void>(client, kClass, 99).code(), TipprmiFailure::kNotServed);
 
-    log.clear();
+    log_.clear();
     EXPECT_EQ(tipprmiCall<void>(client, kClass, kBreakOff).code(), TipprmiFailure::kUnreadable);
-    EXPECT_EQ(log.count(3, "out of bounds"), 1u) << "the same bytes are reported once";
+    EXPECT_EQ(log_.count(3, "out of bounds"), 1u) << "the same bytes are reported once";
 }
 
 }  // namespace

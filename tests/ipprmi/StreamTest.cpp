@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
 #include <memory>
 #include <set>
 
 #include "LogCapture.h"
-#include "WireBytes.h"
+#include "WireText.h"
 #include "ipprmi/TipprmiSequence.h"
 
 using testsupport::LogCapture;
@@ -17,21 +16,30 @@ namespace {
 
 constexpr int kLargestData = static_cast<int>(Transport::kLargestMessage) - 12 - 4;
 
+/** A stream over an arrived payload, which claims `written` data bytes and has `room` of them. */
+TipprmiStream arrived(unsigned int written, unsigned int room) {
+    TreflectMessage message(nullptr, 7, 4 + room);
+    for (unsigned int i = 0; i < 4; ++i)
+        message.buf()[i] = static_cast<unsigned char>(written >> (24 - 8 * i));
+    return TipprmiStream(message, false);
+}
+
 TEST(Stream, WritesEveryTypeByTheTable) {
-    EXPECT_EQ("00000001", wireForm(1u));
-    EXPECT_EQ("FEDCBA98", wireForm(0xFEDCBA98u));
-    EXPECT_EQ("FFFFFFFE", wireForm(-2));
-    EXPECT_EQ("00000001", wireForm(true));
-    EXPECT_EQ("00000000", wireForm(false));
-    EXPECT_EQ("00000002", wireForm(NSID_NODE));
-    EXPECT_EQ("00000003616263", wireForm("abc"));
-    EXPECT_EQ("00000000", wireForm(static_cast<char const*>(nullptr)));
-    EXPECT_EQ("00000003610062", wireForm(std::string("a\0b", 3)));
-    EXPECT_EQ("00000000", wireForm(std::string()));
-    EXPECT_EQ("00000000", wireForm(TipprmiStream(10)));
-    EXPECT_EQ("00000002AABB", wireForm(TipprmiStream("\xAA\xBB", 2)));
+    EXPECT_EQ("00000001", wire::form(1u));
+    EXPECT_EQ("FEDCBA98", wire::form(0xFEDCBA98u));
+    EXPECT_EQ("FFFFFFFE", wire::form(-2));
+    EXPECT_EQ("00000001", wire::form(true));
+    EXPECT_EQ("00000000", wire::form(false));
+    EXPECT_EQ("00000002", wire::form(NSID_NODE));
+    EXPECT_EQ("00000003616263", wire::form("abc"));
+    EXPECT_EQ("00000000", wire::form(static_cast<char const*>(nullptr)));
+    EXPECT_EQ("00000003610062", wire::form(std::string("a\0b", 3)));
+    EXPECT_EQ("00000000", wire::form(std::string()));
+    EXPECT_EQ("00000000", wire::form(TipprmiStream(10)));
+    EXPECT_EQ("00000002AABB", wire::form(TipprmiStream("\xAA\xBB", 2)));
     unsigned int const inHostOrder = 0x01020304;
-    EXPECT_EQ(hex(TipprmiStream(&inHostOrder, 4)), wireForm(Transport::TerminationId(inHostOrder)));
+    EXPECT_EQ(wire::hex(TipprmiStream(&inHostOrder, 4)),
+              wire::form(Transport::TerminationId(inHostOrder)));
 }
 
 TEST(Stream, ReadsBackWhatItWrote) {
@@ -58,7 +66,7 @@ TEST(Stream, ReadsBackWhatItWrote) {
     EXPECT_EQ(NSID_UNIT, ns) << "a namespace is consumed, not taken";
     EXPECT_STREQ("text", text);
     EXPECT_EQ(std::string("a\0b", 3), string);
-    EXPECT_EQ("010203", hex(nested));
+    EXPECT_EQ("010203", wire::hex(nested));
     EXPECT_EQ(0x04010203u, id.value());
     EXPECT_EQ("end", end);
     EXPECT_FALSE(stream.hasUnmarshallingFailed());
@@ -110,7 +118,7 @@ TEST(Stream, NegativeLengthIsAnEmptyValueOfFourBytes) {
     std::unique_ptr<char[]> const owned(characters);
     EXPECT_EQ("", text);
     EXPECT_STREQ("", characters);
-    EXPECT_EQ("01", hex(nested)) << "an empty nested stream leaves the target alone";
+    EXPECT_EQ("01", wire::hex(nested)) << "an empty nested stream leaves the target alone";
     EXPECT_EQ(77u, after);
     EXPECT_FALSE(stream.hasUnmarshallingFailed());
 }
@@ -124,7 +132,7 @@ TEST(Stream, MissingBytesOfAKnownLengthReadAsZeros) {
     TipprmiStream again("\x00\x00\x00\x03\xAA\xBB", 6);
     TipprmiStream nested("\x01", 1);
     again >> nested;
-    EXPECT_EQ("000000", hex(nested));
+    EXPECT_EQ("000000", wire::hex(nested));
 }
 
 TEST(Stream, AbsurdLengthIsNotAllocated) {
@@ -142,7 +150,7 @@ TEST(Stream, AbsurdLengthIsNotAllocated) {
         stream << length;
         TipprmiStream nested("\x01", 1);
         stream >> nested;
-        EXPECT_EQ("01", hex(nested));
+        EXPECT_EQ("01", wire::hex(nested));
         EXPECT_TRUE(stream.hasUnmarshallingFailed());
     }
     TipprmiStream honoured(100);
@@ -169,7 +177,7 @@ TEST(Stream, ClaimedSizeBeyondTheBufferIsNotBelieved) {
         unsigned int number = 0;
         stream >> number >> number;
         EXPECT_FALSE(stream.hasUnmarshallingFailed());
-        EXPECT_EQ(16u, wireForm(stream).size() - 8) << "nested, it is as long as its buffer";
+        EXPECT_EQ(16u, wire::form(stream).size() - 8) << "nested, it is as long as its buffer";
         stream >> number;
         EXPECT_TRUE(stream.hasUnmarshallingFailed());
         stream << 1u;
@@ -204,7 +212,7 @@ TEST(Stream, FailedReadIsNoDroppedWrite) {
     stream << 1u;
     EXPECT_TRUE(stream.hasUnmarshallingFailed());
     EXPECT_FALSE(stream.hasMarshallingFailed());
-    EXPECT_EQ("61626300000001", hex(stream));
+    EXPECT_EQ("61626300000001", wire::hex(stream));
     stream.marshall(nullptr, kLargestData);
     EXPECT_TRUE(stream.hasMarshallingFailed());
     EXPECT_TRUE(TipprmiStream(stream).hasMarshallingFailed());
@@ -220,9 +228,9 @@ TEST(Stream, CapacityGrowsToExactlyWhatAWriteNeedsAndMovesTheBufferRarely) {
     stream << std::string(1000, 'x');
     EXPECT_EQ(1012, stream.getDataLimit());
     EXPECT_EQ(0x1234u, stream.msg().transactionId()) << "the header moves along";
-    EXPECT_EQ("0000000100000002000003E878", hex(stream).substr(0, 26));
+    EXPECT_EQ("0000000100000002000003E878", wire::hex(stream).substr(0, 26));
     stream.setData("ab", 2);
-    EXPECT_EQ("6162", hex(stream));
+    EXPECT_EQ("6162", wire::hex(stream));
     std::set<unsigned char const*> places;
     for (unsigned int i = 0; i < 100000; ++i) {
         stream << i;
@@ -235,14 +243,14 @@ TEST(Stream, ItsOwnBytesMayBeWrittenIntoIt) {
     for (int round = 0; round < 12; ++round) {
         TipprmiStream stream(1);
         stream << std::string(static_cast<std::size_t>(1) << round, 'q');
-        std::string const before = hex(stream);
+        std::string const before = wire::hex(stream);
         TipprmiStream const sharing(stream);  // keeps the old buffer's sole ownership away
         stream.marshall(stream.getDataPtr(), stream.getDataSize());
-        EXPECT_EQ(before + before, hex(stream));
+        EXPECT_EQ(before + before, wire::hex(stream));
         stream.setData(stream.getDataPtr() + 4, 1);
-        EXPECT_EQ("71", hex(stream));
+        EXPECT_EQ("71", wire::hex(stream));
         stream << stream;
-        EXPECT_EQ("710000000171", hex(stream));
+        EXPECT_EQ("710000000171", wire::hex(stream));
     }
 }
 
@@ -270,11 +278,11 @@ TEST(Stream, WriteThatFindsNoRoomIsDropped) {
     TipprmiStream kept("abc", 3);
     kept.setData(most.data(), INT_MAX);
     EXPECT_TRUE(kept.hasUnmarshallingFailed());
-    EXPECT_EQ("616263", hex(kept));
+    EXPECT_EQ("616263", wire::hex(kept));
     EXPECT_TRUE(TipprmiStream(most.data(), INT_MAX).hasUnmarshallingFailed());
     TipprmiStream huge(INT_MAX);
     huge << 1u;
-    EXPECT_EQ("00000001", hex(huge)) << "what fits is taken";
+    EXPECT_EQ("00000001", wire::hex(huge)) << "what fits is taken";
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "LogCapture.h"
-#include "WireBytes.h"
+#include "WireText.h"
 #include "ipprmi.h"
 
 using testsupport::LogCapture;
@@ -59,7 +59,7 @@ struct Form {
 
 template <class T>
 Form form(char const* expected, T const& value) {
-    return {typeid(T).name(), wire::bare(expected), wireForm(value),
+    return {typeid(T).name(), wire::bare(expected), wire::form(value),
             [value] {
                 TipprmiStream stream(1);
                 stream << value << 77u;
@@ -71,7 +71,7 @@ Form form(char const* expected, T const& value) {
             [](TipprmiStream& stream, std::string& rewritten) {
                 T read = tipprmiBlank<T>();
                 stream >> read;
-                rewritten = wireForm(read);
+                rewritten = wire::form(read);
                 return stream.hasUnmarshallingFailed();
             }};
 }
@@ -131,8 +131,8 @@ TEST(Types, HaveTheFormOfTheTableAndSurviveTheWay) {
         EXPECT_EQ(form.expected, form.written) << form.type;
         EXPECT_TRUE(form.survives()) << form.type;
     }
-    EXPECT_EQ("000000020102", wireForm(TipprmiByteView{Bytes{1, 2}.data(), 2}));
-    EXPECT_EQ("0000000161", wireForm(std::string_view("ab").substr(0, 1)));
+    EXPECT_EQ("000000020102", wire::form(TipprmiByteView{Bytes{1, 2}.data(), 2}));
+    EXPECT_EQ("0000000161", wire::form(std::string_view("ab").substr(0, 1)));
 }
 
 TEST(Types, ThatBreakOffAnywhereFail) {

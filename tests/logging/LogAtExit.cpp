@@ -1,7 +1,4 @@
 // Logs wherever a process can still log on its way out, with threads still running.
-
-#include <pthread.h>
-
 #include <cstdlib>
 #include <thread>
 

@@ -8,7 +8,6 @@
 #include "oswrap/Thread.h"
 
 using OSWrap::AdaptiveWait;
-using OSWrap::Clock;
 
 namespace {
 

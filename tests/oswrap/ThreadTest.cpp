@@ -8,11 +8,8 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "LogCapture.h"
 #include "Waiting.h"

@@ -1,34 +1,14 @@
 // Attributes and operations that are bound to a handle: who owns them, which part of a value they
 // read, and the null objects that stand for those that do not exist.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "LogCapture.h"
+#include "BrokerTest.h"
 #include "ReflectiveClasses.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 
-/** What the registry itself says. */
-unsigned long tiedCount() {
-    testsupport::LogCapture const log;
-    TreflectTieds::instance()->print();
-    testsupport::LogRecord const record = log.records().at(0);
-    EXPECT_EQ(record.level, 5);
-    EXPECT_EQ(record.source, "REFLECT_memberFactory");
-    unsigned long const count = std::stoul(record.text);
-    EXPECT_EQ(record.text, std::to_string(count) + " tieds are registered");
-    return count;
-}
-
 /** Every test runs under the run permission. */
-class BoundMembers : public ::testing::Test {
+class BoundMembers : public PermittedTest {
 protected:
     template <class MetaAttribute>
     TreflectAttribute& bind(char const* name) {
@@ -36,8 +16,18 @@ protected:
         auto const* const meta = dynamic_cast<MetaAttribute const*>(lampMeta.metaAttribute(name));
         return *meta->getTied(&handle_);
     }
+    /** What the registry itself says. */
+    unsigned long tiedCount() {
+        log_.clear();
+        TreflectTieds::instance()->print();
+        testsupport::LogRecord const record = log_.records().at(0);
+        unsigned long const count = std::stoul(record.text);
+        EXPECT_EQ(record.level, 5);
+        EXPECT_EQ(record.source, "REFLECT_memberFactory");
+        EXPECT_EQ(record.text, std::to_string(count) + " tieds are registered");
+        return count;
+    }
 
-    TreflectHandlerState const handlerState_{true};
     LampObject lamp_{"bound lamp"};
     TreflectObject handle_{&lamp_};
 };
@@ -110,7 +100,8 @@ TEST_F(BoundMembers, EndWithThoseThatTheyLeadTo) {
     lamp_.next = TreflectObject();
 }
 
-TEST(Tieds, AnyNumberOfThreadsMayTieAndUntie) {
+TEST_F(BoundMembers, MayBeTiedAndUntiedByAnyNumberOfThreads) {
+    TreflectReleaseHandlerState const released;
     unsigned long const before = tiedCount();
     TreflectMetaOperation const meta("op", nullptr, 1);
     std::vector<std::thread> threads;
@@ -239,7 +230,7 @@ TEST_F(BoundMembers, ReadOneObjectOfMany) {
 // ---- What does not exist -----------------------------------------------------------------------
 
 TEST_F(BoundMembers, NullObjectsDoNothing) {
-    testsupport::LogCapture const log;
+    log_.clear();
     TreflectErrorAttribute& attribute = TreflectObject::errorAttribute;
     EXPECT_TRUE(attribute.isError());
     TreflectObject object = handle_;
@@ -264,24 +255,24 @@ TEST_F(BoundMembers, NullObjectsDoNothing) {
         EXPECT_FALSE(null->postObserve(nullptr));
         null->removeObserver(nullptr);
     }
-    EXPECT_EQ(log.records().size(), 0u);
+    EXPECT_EQ(log_.records().size(), 0u);
 }
 
 TEST_F(BoundMembers, UnknownNamesLeadToTheNullObjects) {
     handle_.meta();  // its table names types that nobody knows, which is told first
-    testsupport::LogCapture log;
-    auto const lines = [&log] {
-        std::vector<std::string> texts = log.texts();
-        EXPECT_EQ(log.count(3, ""), texts.size());
-        log.clear();
+    auto const lines = [this] {
+        std::vector<std::string> texts = log_.texts();
+        EXPECT_EQ(log_.count(3, ""), texts.size());
+        log_.clear();
         return texts;
     };
+    log_.clear();
     std::string const noX = "TreflectMetaObject::metaAttribute(x) NOT found, returning 0";
     EXPECT_EQ(&handle_.attribute("x"), &TreflectObject::errorAttribute);
-    EXPECT_EQ(log.find("not found")->source, "REFLECT_object");
+    EXPECT_EQ(log_.find("not found")->source, "REFLECT_object");
     EXPECT_THAT(lines(), ElementsAre(noX, noX, "attribute \"x\" not found"));
     EXPECT_EQ(&handle_.operation("x"), &TreflectObject::errorOperation);
-    EXPECT_EQ(log.find("not found")->source, "REFLECT_object");
+    EXPECT_EQ(log_.find("not found")->source, "REFLECT_object");
     EXPECT_THAT(lines(),
                 ElementsAre("TreflectMetaObject(Lamp)::metaOperation(x) NOT found, returning 0",
                             "operation \"x\" not found"));

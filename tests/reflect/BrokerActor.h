@@ -6,7 +6,7 @@
 class BrokerActor : public testsupport::ActorProgram {
 public:
     explicit BrokerActor(Environment const& environment = {})
-        : ActorProgram(testsupport::programCommand("broker_actor"), environment) {}
+        : ActorProgram("broker_actor", environment) {}
 
     Made publish(std::string const& name) { return make("publish " + name, "published"); }
 };

@@ -1,12 +1,10 @@
 // Requests and responses as they go over the wire, against a peer that writes them by hand.
-#include <memory>
-
 #include "BrokerActor.h"
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
+#include "RawPeer.h"
 #include "Threads.h"
-#include "WirePeer.h"
+#include "oswrap/Thread.h"
 
 namespace {
 
@@ -106,7 +104,7 @@ public:
 };
 
 TEST_F(BrokerMessageTest, callIsAnsweredWithAFailureWhenThereIsNoMemoryForAnAnswer) {
-    auto starved = permitted([] { return std::make_unique<Starved>(); });
+    auto const starved = makePermitted<Starved>();
     RawPeer peer(group());
     // Later there is some, but the header was lost.
     for (int const mc : {1, 2}) {
@@ -121,7 +119,6 @@ TEST_F(BrokerMessageTest, callIsAnsweredWithAFailureWhenThereIsNoMemoryForAnAnsw
         EXPECT_EQ(outcome.exceptionType, 1u);
         EXPECT_EQ(outcome.exceptionCode, 0u);
     }
-    permitted([&] { starved.reset(); });
 }
 
 TEST_F(BrokerMessageTest, linesThatAnyoneCanCauseAreFew) {
@@ -190,11 +187,8 @@ TEST_F(BrokerMessageTest, whoseCallFailsBecauseItsTargetHasGoneFindsTheHandleInv
     stopped.publish("stopped");
     Transport::TerminationId const gone =
         orb().convertId(TreflectOrbId(killed.publish("killed").broker));
-    auto const handleOn = [](char const* name) {
-        return permitted([&] { return std::make_unique<ProbeClient>(oid(name)); });
-    };
-    auto const waiting = handleOn("stopped");
-    auto const late = handleOn("killed");
+    auto const waiting = makePermitted<ProbeClient>(oid("stopped"));
+    auto const late = makePermitted<ProbeClient>(oid("killed"));
     SlowToHear slow(group());
     ASSERT_TRUE(slow.heard.wait()) << "after the broker, which was there before";
     { RawPeer const shortLived(group()); }
@@ -252,7 +246,7 @@ TEST_F(BrokerMessageTest, callOfAnUnknownObjectIsAnsweredIfAnAnswerIsAwaited) {
 
 TEST_F(BrokerMessageTest, objectThatMisbehavesHarmsNobody) {
     RawPeer peer(group());
-    auto probe = permitted([] { return std::make_unique<Probe>("bad"); });
+    auto const probe = makePermitted<Probe>("bad");
     unsigned int id = 0;
     auto const answerTo = [&](int method) {
         peer.sendCall(orb().termId(), ++id, probe->getInternalOID(), true, kProbeClass, method);
@@ -263,7 +257,6 @@ TEST_F(BrokerMessageTest, objectThatMisbehavesHarmsNobody) {
     EXPECT_EQ(log_.count(3, "threw on purpose"), 1u);
     for (int const method : {kTakeTwice, kReleaseAll, kTakeTwice, kEcho})
         EXPECT_EQ(answerTo(method), wire::kEmptyContainer + wire::number(0)) << "method " << method;
-    permitted([&] { probe.reset(); });
 }
 
 TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {

@@ -1,14 +1,7 @@
 // Operations that are called by name, with arguments and results in anys.
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "ActorProgram.h"
+#include "BrokerTest.h"
 #include "DeskObject.h"
-#include "handler_threads.h"
-#include "reflect.h"
 
 namespace {
 
@@ -47,7 +40,7 @@ std::string called(TreflectOperation& operation, std::vector<std::string> const&
 
 enum Where { kSameProcess, kOtherProcess };
 
-class ByValueCallTest : public ::testing::TestWithParam<Where> {
+class ByValueCallTest : public PermittedTest, public testing::WithParamInterface<Where> {
 protected:
     ByValueCallTest() {
         if (GetParam() == kSameProcess) {
@@ -55,9 +48,8 @@ protected:
             object = TreflectObject(desk::localId());
             return;
         }
-        TreflectReleaseHandlerState const outside;
-        child = std::make_unique<ActorProgram>(testsupport::programCommand("desk_actor"));
-        TreflectHandlerState const back(true);
+        child_ = std::make_unique<ActorProgram>("reflective_actor");
+        child_->ask("desk", "made");
         object = TreflectObject(desk::remoteId());
     }
     TreflectOperation& operation(std::string const& name) const { return object.operation(name); }
@@ -68,18 +60,13 @@ protected:
         return times;
     }
 
-    TreflectHandlerState const inside{true};
-    std::unique_ptr<ActorProgram> child;
-
-private:
+    std::unique_ptr<ActorProgram> child_;
     std::unique_ptr<desk::Server> here_;
-
-protected:
     TreflectObject object;
 };
 
 INSTANTIATE_TEST_SUITE_P(ToAnObjectOf, ByValueCallTest,
-                         ::testing::Values(kSameProcess, kOtherProcess), [](auto const& where) {
+                         testing::Values(kSameProcess, kOtherProcess), [](auto const& where) {
                              return where.param == kSameProcess ? "TheSameProcess"
                                                                 : "AnotherProcess";
                          });

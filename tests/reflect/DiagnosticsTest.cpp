@@ -2,14 +2,10 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <chrono>
 #include <list>
 #include <map>
-#include <memory>
 #include <regex>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"

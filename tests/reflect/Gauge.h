@@ -2,9 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "ReflectiveClasses.h"
 

@@ -2,18 +2,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <iterator>
-#include <thread>
-#include <vector>
 
 #include "BrokerActor.h"
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "Resources.h"
 
 namespace {
 
@@ -27,7 +22,34 @@ bool forward(TreflectORB& orb, TreflectOrbId target, TipprmiStream& response) {
     return orb.forwardMsg(target, true, request, response);
 }
 
-class LifecycleTest : public BrokerTest {};
+/** A deletion on a thread of its own, once it has taken the broker from the transport. */
+class Deletion {
+public:
+    explicit Deletion(Transport::TerminationId broker) {
+        EXPECT_TRUE(testsupport::eventually(
+            [broker] { return !Transport::TransportLayer::instance().exists(broker); }));
+    }
+    ~Deletion() { thread_.join(); }
+
+    testsupport::Gate over;
+
+private:
+    std::thread thread_{[this] {
+        prepareOrbForDeletion();
+        over.open();
+    }};
+};
+
+class LifecycleTest : public BrokerTest {
+protected:
+    /** An object that is being called. */
+    Permitted<Probe> heldProbe(RawPeer& caller) {
+        auto probe = makePermitted<Probe>("slow");
+        caller.sendCall(broker(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
+        EXPECT_TRUE(probe->entered().wait());
+        return probe;
+    }
+};
 
 TEST_F(LifecycleTest, logSinkMayAskForTheBrokerThatIsBeingMade) {
     struct Asker {
@@ -143,37 +165,25 @@ TEST_F(LifecycleTest, aDeletedBrokerFailsWhateverIsAskedOfItThroughAnOldPointer)
     EXPECT_EQ(old.getPerfCnts(old.termId()).actor, "");
     for (auto const& other : old.getPerfCnts())
         EXPECT_EQ(other.info.actor, "");
-    auto observer = permitted([] { return std::make_unique<NobodysObserver>(); });
+    auto const observer = makePermitted<NobodysObserver>();
     EXPECT_FALSE(old.observeCreations(kProbeClass, *observer, true));
     EXPECT_FALSE(old.observeDeletions(kProbeClass, *observer));
     old.removeObserver(kProbeClass, *observer);
     old.startReflectWorker();
     old.display(0);
-    auto probe = permitted([] { return std::make_unique<Probe>("late"); });
+    auto const probe = makePermitted<Probe>("late");
     permitted([&] { probe->connect(&old, oid("late")); });
     EXPECT_EQ(probe->orbId(), TreflectOrbId()) << "nobody would ever reach it there";
-    permitted([&] {
-        probe.reset();
-        observer.reset();
-    });
 }
 
 TEST_F(LifecycleTest, deletionDoesNotWaitForCallsThatCameLater) {
     RawPeer peer(group());
-    auto probe = permitted([] { return std::make_unique<Probe>("slow"); });
-    peer.sendCall(orb().termId(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
-    ASSERT_TRUE(probe->entered().wait());
+    auto const probe = heldProbe(peer);
     struct Inside {
         testsupport::Gate reached, left;
     } inside;
     TreflectORB& closed = orb();
-    testsupport::Gate deleted;
-    std::thread deleter([&] {
-        prepareOrbForDeletion();
-        deleted.open();
-    });
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return !Transport::TransportLayer::instance().exists(closed.termId()); }));
+    Deletion deletion(closed.termId());
     // The log takes its time, in the middle of a call that fails.
     Logging::setSink(
         [](Logging::Record const& record, void* context) {
@@ -186,23 +196,17 @@ TEST_F(LifecycleTest, deletionDoesNotWaitForCallsThatCameLater) {
     std::thread caller([&] { EXPECT_TRUE(callFails(closed)); });
     EXPECT_TRUE(inside.reached.wait());
     probe->release();
-    EXPECT_TRUE(deleted.wait(seconds(10)));
+    EXPECT_TRUE(deletion.over.wait(seconds(10)));
     inside.left.open();
     caller.join();
-    deleter.join();
     Logging::setSink(nullptr, nullptr);
-    permitted([&] { probe.reset(); });
-}
-
-std::size_t openDescriptors() {
-    auto const all = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 TEST_F(LifecycleTest, deletedBrokersKeepNoDescriptors) {
     orb();
     TreflectORB::prepareForDeletion();
-    std::size_t const before = openDescriptors();
+    auto const openDescriptors = [] { return testsupport::Resources::of(getpid()).descriptors; };
+    long const before = openDescriptors();
     for (int life = 0; life < 3; ++life) {
         orb();
         TreflectORB::prepareForDeletion();
@@ -213,22 +217,11 @@ TEST_F(LifecycleTest, deletedBrokersKeepNoDescriptors) {
 
 TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     RawPeer peer(group());
-    auto probe = permitted([] { return std::make_unique<Probe>("slow"); });
-    peer.sendCall(orb().termId(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
-    ASSERT_TRUE(probe->entered().wait());
-    Transport::TerminationId const broker = orb().termId();
-    testsupport::Gate deleted;
-    std::thread deleter([&] {
-        prepareOrbForDeletion();
-        deleted.open();
-    });
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return !Transport::TransportLayer::instance().exists(broker); }));
-    EXPECT_FALSE(deleted.isOpen());
+    auto const probe = heldProbe(peer);
+    Deletion deletion(broker());
+    EXPECT_FALSE(deletion.over.isOpen());
     EXPECT_EQ(TreflectORB::getInstance(NSID_NODE), nullptr) << "none is made meanwhile";
     probe->release();
-    deleter.join();
-    permitted([&] { probe.reset(); });
 }
 
 /** An object whose call goes on to a broker of another namespace. */
@@ -250,14 +243,13 @@ private:
 TEST_F(LifecycleTest, deletionOfOneBrokerDoesNotWaitForAResponseThroughAnother) {
     RawPeer caller(group());
     RawPeer silent(group(NSID_NODE));
-    auto between = permitted([&] { return std::make_unique<GoBetween>(silent.termId()); });
+    auto const between = makePermitted<GoBetween>(silent.termId());
     caller.sendCall(orb().termId(), 1, between->getInternalOID(), true, 2, 3);
     silent.await(0);
     auto const start = steady_clock::now();
     prepareOrbForDeletion();
     EXPECT_LT(steady_clock::now() - start, seconds(20)) << "it took the end of the wait";
     EXPECT_EQ(log_.count(3, "aborted (Detection Rem.Disc.=true, TargetGone=false)"), 1u);
-    permitted([&] { between.reset(); });
 }
 
 TEST_F(LifecycleTest, brokersMayBeDeletedByACallThatTheyServe) {

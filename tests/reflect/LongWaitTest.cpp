@@ -1,13 +1,8 @@
 // A target that lives and does not answer: the real times, waited for.
 #include <signal.h>
 
-#include <chrono>
-#include <cstdio>
-
 #include "BrokerActor.h"
 #include "RendezvousFolder.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

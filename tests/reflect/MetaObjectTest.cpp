@@ -1,18 +1,12 @@
 // Classes as they are described at run time, and the repository that finds them by their ids.
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <list>
-#include <memory>
-#include <string>
-#include <vector>
 
+#include "BrokerTest.h"
 #include "ChildProgram.h"
 #include "ClassPlugin.h"
-#include "LogCapture.h"
 #include "ReflectiveClasses.h"
-#include "TestPrograms.h"
 
 namespace {
 
@@ -67,29 +61,31 @@ std::vector<std::string> attributesOf(TreflectMetaObject const& metaObject) {
     return namesOf(members);
 }
 
-void expectLine(testsupport::LogCapture const& log, std::string const& source,
-                std::string const& text, std::size_t times = 1) {
-    EXPECT_EQ(log.count(3, text), times) << text;
-    auto const record = log.find(text);
-    ASSERT_TRUE(record) << text;
-    EXPECT_EQ(record->text, text);
-    EXPECT_EQ(record->source, source);
-}
+class MetaObject : public BrokerTest {
+protected:
+    /** The whole text of a line, and where it comes from. */
+    void expectText(std::string const& source, std::string const& text, std::size_t times = 1) {
+        EXPECT_EQ(log_.count(3, text), times) << text;
+        auto const record = log_.find(text);
+        ASSERT_TRUE(record) << text;
+        EXPECT_EQ(record->text, text);
+        EXPECT_EQ(record->source, source);
+    }
+};
 
 // ---- The repository ----------------------------------------------------------------------------
 
-TEST(InterfaceRepository, FirstOfAnIdWinsUntilAnyOfThemIsDestroyed) {
-    testsupport::LogCapture const log;
+TEST_F(MetaObject, OfSeveralOfAnIdTheFirstIsFoundUntilAnyOfThemIsDestroyed) {
     Generated first("First");
     auto second = std::make_unique<Generated>("Second");
     EXPECT_EQ(find(kId), &first);
     EXPECT_TRUE(InterfaceRepository::instance()->registerInterface(second.get()));
     EXPECT_EQ(find(kId), &first);
-    EXPECT_TRUE(log.texts().empty());
+    EXPECT_TRUE(log_.texts().empty());
 
     second.reset();
     EXPECT_EQ(find(kId), nullptr);
-    expectLine(log, "REFLECT_InterfaceRepository",
+    expectText("REFLECT_InterfaceRepository",
                "InterfaceRepository::findInterface(0x7E570000) Meta-information CANNOT BE FOUND");
     // Taking out what is not there is no failure either.
     EXPECT_TRUE(InterfaceRepository::instance()->unregisterInterface(&first));
@@ -99,7 +95,7 @@ TEST(InterfaceRepository, FirstOfAnIdWinsUntilAnyOfThemIsDestroyed) {
 
 // ---- Completion --------------------------------------------------------------------------------
 
-TEST(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
+TEST_F(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
     Generated base("Base", kId + 1);
     base.operations = {{"getShared", 1}, {"setShared", 2}};
     Generated meta("Class");
@@ -121,32 +117,30 @@ TEST(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
     EXPECT_EQ(fixed.constLength(), 1);
 }
 
-TEST(MetaObject, EndsCompletionAtAnAttributeThatCannotBeRead) {
-    testsupport::LogCapture const log;
+TEST_F(MetaObject, EndsCompletionAtAnAttributeThatCannotBeRead) {
     Generated meta("Class");
     meta.operations = {{"getA", 1}, {"setB", 2}, {"getC", 3}};
     meta.attributes = {{"A"}, {"B"}, {"C"}};
     find(kId);
     EXPECT_THAT(attributesOf(meta), ElementsAre("A"));
     EXPECT_NE(meta.metaOperation_("getC"), nullptr);
-    expectLine(log, "REFLECT_metaObject",
+    expectText("REFLECT_metaObject",
                "no get operation registered for attribute \"B\" of class \"Class\"");
-    EXPECT_EQ(log.records().size(), 1u);
+    EXPECT_EQ(log_.records().size(), 1u);
 }
 
-TEST(MetaObject, RefusesToBeCompletedFromHalfATable) {
-    testsupport::LogCapture const log;
+TEST_F(MetaObject, RefusesToBeCompletedFromHalfATable) {
     Generated meta("Class");
     TreflectMetaObject::MetaOpData operation{"getA", 1};
     TreflectMetaObject::MetaAttrData attribute{"A"};
     meta.completeMetaInformationHelper(&operation, 1, nullptr, 0);
     meta.completeMetaInformationHelper(nullptr, 0, &attribute, 1);
     EXPECT_EQ(meta.metaOperation_("getA"), nullptr);
-    expectLine(log, "REFLECT_metaObject", "Invalid meta information for meta object \"Class\"", 2);
+    expectText("REFLECT_metaObject", "Invalid meta information for meta object \"Class\"", 2);
 
     meta.completeMetaInformationHelper(&operation, 0, &attribute, 0);
     EXPECT_EQ(meta.metaOperation_("getA"), nullptr);
-    EXPECT_EQ(log.records().size(), 2u);
+    EXPECT_EQ(log_.records().size(), 2u);
 }
 
 // ---- Classes and their bases -------------------------------------------------------------------
@@ -177,7 +171,7 @@ struct Diamond {
     }
 };
 
-TEST(MetaObject, IsAllItsBases) {
+TEST_F(MetaObject, IsAllItsBases) {
     Diamond const d;
     for (Generated const* const base :
          std::initializer_list<Generated const*>{&d.bottom, &d.left, &d.right, &d.top})
@@ -189,14 +183,13 @@ TEST(MetaObject, IsAllItsBases) {
     EXPECT_THAT(d.bottom.parents(), UnorderedElementsAre(&d.left, &d.right));
 }
 
-TEST(MetaObject, FindsMembersDepthFirstInTheOrderOfAddresses) {
-    testsupport::LogCapture const log;
+TEST_F(MetaObject, FindsMembersDepthFirstInTheOrderOfAddresses) {
     Diamond const d;
     EXPECT_EQ(d.bottom.metaOperation("both"), d.left.metaOperation_("both"));
     EXPECT_EQ(d.bottom.metaOperation("getT")->containingMetaObject(), &d.top);
     EXPECT_EQ(d.bottom.metaOperation("getR")->id(), 5);
     EXPECT_EQ(d.bottom.metaAttribute("T")->containingMetaObject(), &d.top);
-    EXPECT_EQ(log.records().size(), 0u);
+    EXPECT_EQ(log_.records().size(), 0u);
 
     std::list<TreflectMetaOperation*> operations;
     d.bottom.operationList(operations);
@@ -207,28 +200,26 @@ TEST(MetaObject, FindsMembersDepthFirstInTheOrderOfAddresses) {
     EXPECT_THAT(attributesOf(d.bottom), ElementsAre("B", "L", "T", "R", "T"));
 }
 
-TEST(MetaObject, FailedSearchesLeaveALineForEachClassOrOne) {
-    testsupport::LogCapture log;
+TEST_F(MetaObject, FailedSearchesLeaveALineForEachClassOrOne) {
     Diamond d;
     EXPECT_EQ(d.bottom.metaAttribute("X"), nullptr);
-    expectLine(log, "REFLECT_metaObject",
-               "TreflectMetaObject::metaAttribute(X) NOT found, returning 0",
+    expectText("REFLECT_metaObject", "TreflectMetaObject::metaAttribute(X) NOT found, returning 0",
                5);  // the top is reached in two ways
-    EXPECT_EQ(log.records().size(), 5u);
+    EXPECT_EQ(log_.records().size(), 5u);
 
-    log.clear();
+    log_.clear();
     EXPECT_EQ(d.bottom.metaAttribute("R"), d.right.metaAttribute("R"));
-    EXPECT_EQ(log.count("metaAttribute(R)"), 2u);  // searched in vain at the left
+    EXPECT_EQ(log_.count("metaAttribute(R)"), 2u);  // searched in vain at the left
 
-    log.clear();
+    log_.clear();
     EXPECT_EQ(d.bottom.metaOperation_("X"), nullptr);
     EXPECT_EQ(d.bottom.metaOperation("X"), nullptr);
-    expectLine(log, "REFLECT_metaObject",
+    expectText("REFLECT_metaObject",
                "TreflectMetaObject(Bottom)::metaOperation(X) NOT found, returning 0");
-    EXPECT_EQ(log.records().size(), 1u);
+    EXPECT_EQ(log_.records().size(), 1u);
 }
 
-TEST(MetaObject, LeavesNoPointerToItselfBehind) {
+TEST_F(MetaObject, LeavesNoPointerToItselfBehind) {
     Generated base("Base", kId + 1);
     Generated derived("Derived", kId + 2);
     auto middle = std::make_unique<Generated>("Middle", kId);
@@ -242,6 +233,8 @@ TEST(MetaObject, LeavesNoPointerToItselfBehind) {
 
 // ---- Classes made of tables --------------------------------------------------------------------
 
+class MetaClass : public MetaObject {};
+
 std::vector<unsigned int> idsOf(TreflectMetaClass const& meta) {
     TipprmiSequence<unsigned int, 0u> const ids = meta.classIds();
     std::vector<unsigned int> all;
@@ -250,7 +243,7 @@ std::vector<unsigned int> idsOf(TreflectMetaClass const& meta) {
     return all;
 }
 
-TEST(MetaClass, TellsTheMostSpecialClassesFirst) {
+TEST_F(MetaClass, TellsTheMostSpecialClassesFirst) {
     EXPECT_THAT(idsOf(lampMeta), ElementsAre(lamp::kClass, device::kClass));
     // A process that knows no combis, but heaters and devices, takes one for a heater.
     EXPECT_THAT(idsOf(combiMeta),
@@ -260,8 +253,7 @@ TEST(MetaClass, TellsTheMostSpecialClassesFirst) {
                 ElementsAre(kId, combi::kClass, lamp::kClass, heater::kClass, device::kClass));
 }
 
-TEST(MetaClass, CompletesItsBasesAndTheClassesOfItsValues) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, CompletesItsBasesAndTheClassesOfItsValues) {
     TreflectMetaClass const value("Value", kId, {}, {{"getX", 1}}, {"X"});
     TreflectMetaClass const base("Base", kId + 1, {}, {{"getV", 2, {}, {"Value"}}});
     TreflectMetaClass const meta(
@@ -279,11 +271,10 @@ TEST(MetaClass, CompletesItsBasesAndTheClassesOfItsValues) {
                 ElementsAre(std::make_pair("in0", "Value")));
     EXPECT_THAT(base.metaOperation("getV")->parameters(),
                 ElementsAre(std::make_pair("out0", "Value")));
-    EXPECT_EQ(log.count("no get operation registered"), 1u);
+    EXPECT_EQ(log_.count("no get operation registered"), 1u);
 }
 
-TEST(MetaClass, RegistersAttributesInTheOrderOfItsTable) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, RegistersAttributesInTheOrderOfItsTable) {
     using Attribute = TreflectMetaClass::Attribute;
     TreflectMetaClass const meta(
         "Class", kId, {}, {{"getA", 1}, {"getB", 2}, {"getC", 3}},
@@ -292,8 +283,7 @@ TEST(MetaClass, RegistersAttributesInTheOrderOfItsTable) {
     EXPECT_THAT(attributesOf(meta), ElementsAre("A", "C"));
 }
 
-TEST(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
     // Memory of static objects that are yet to be built.
     struct Unbuilt {
         alignas(TreflectMetaClass) unsigned char memory[sizeof(TreflectMetaClass)] = {};
@@ -321,13 +311,12 @@ TEST(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
     auto const* const builtValue = new (value.memory) TreflectMetaClass("Value", kId + 3, {}, {});
     find(kId);
     EXPECT_EQ(meta.metaAttribute("V")->typeMeta(), builtValue);
-    EXPECT_EQ(log.records().size(), 0u);
+    EXPECT_EQ(log_.records().size(), 0u);
     for (TreflectMetaClass const* const gone : {builtValue, built, builtTop})
         gone->~TreflectMetaClass();
 }
 
-TEST(MetaClass, ListsTypesAndExceptionsOfItsOperations) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, ListsTypesAndExceptionsOfItsOperations) {
     TreflectMetaClass const meta(
         "Class", kId, {},
         {{"grow",
@@ -347,11 +336,10 @@ TEST(MetaClass, ListsTypesAndExceptionsOfItsOperations) {
     EXPECT_TRUE(grow.resultTypes()[0].isValid());
     EXPECT_TRUE(grow.exceptionType(7).isValid());
     EXPECT_FALSE(grow.exceptionType(8).isValid());
-    EXPECT_EQ(log.count(3, ""), 0u);
+    EXPECT_EQ(log_.count(3, ""), 0u);
 }
 
-TEST(MetaClass, TellsWhatItsTablesHaveTwiceOrMisspelled) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, TellsWhatItsTablesHaveTwiceOrMisspelled) {
     TreflectMetaClass const base("Base", kId + 1, {}, {{"open", 1}, {"close", 2}});
     TreflectMetaClass const meta("Class", kId, {&base},
                                  {{"open", 1},
@@ -370,8 +358,8 @@ TEST(MetaClass, TellsWhatItsTablesHaveTwiceOrMisspelled) {
           R"(operation "one" (5) of class "Class" clashes with "one" (4) of "Class")",
           R"(class "Class": "unsinged" is no name of a type)",
           R"(class "Class": "sequence<int>" is no type with a name)"})
-        EXPECT_EQ(log.count(3, text), 1u) << text;
-    EXPECT_EQ(log.records().size(), 6u);
+        EXPECT_EQ(log_.count(3, text), 1u) << text;
+    EXPECT_EQ(log_.records().size(), 6u);
 }
 
 /** What is left of a class whose base and the class of whose value have gone. */
@@ -386,7 +374,7 @@ void expectStandsAlone(TreflectMetaClass const& meta, std::vector<unsigned int> 
     EXPECT_EQ(TreflectAttribute(attribute, nullptr).constLength(), 1);
 }
 
-TEST(MetaClass, StandsAloneWhenItsBaseHasGone) {
+TEST_F(MetaClass, StandsAloneWhenItsBaseHasGone) {
     auto base = std::make_unique<TreflectMetaClass>(
         "Base", kId + 1, std::vector<TreflectMetaClass const*>{},
         std::vector<TreflectMetaClass::Operation>{{"getV", 1}, {"setV", 2}});
@@ -399,8 +387,7 @@ TEST(MetaClass, StandsAloneWhenItsBaseHasGone) {
 
 // ---- Classes of shared objects -----------------------------------------------------------------
 
-TEST(MetaClass, OfASharedObjectGoesWithItAndLeavesThatOfTheProgram) {
-    testsupport::LogCapture const log;
+TEST_F(MetaClass, OfASharedObjectGoesWithItAndLeavesThatOfTheProgram) {
     std::string const file = testsupport::programCommand("class_plugin").back();
     TreflectMetaClass const own("Plugged", plugin::kClass, {}, {{"getV", 1}});
     void* const opened = dlopen(file.c_str(), RTLD_NOW);

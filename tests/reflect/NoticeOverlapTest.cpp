@@ -8,7 +8,7 @@
 #include "NoticeActor.h"
 #include "Permitted.h"
 #include "Thing.h"
-#include "WirePeer.h"
+#include "RawPeer.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "NoticeActor.h"
-#include "WirePeer.h"
+#include "RawPeer.h"
 
 namespace {
 

@@ -1,20 +1,7 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "LogCapture.h"
-#include "Permitted.h"
-#include "reflect.h"
+#include "BrokerTest.h"
 
 namespace {
 
-using testsupport::LogCapture;
 using Location = TreflectORB::TreflectObjectLocation;
 
 TipprmiOID const noOid("", NSID_UNIT);
@@ -24,15 +11,7 @@ Location remote(unsigned int ioid, TipprmiOID const& name = noOid, unsigned int 
     return Location(ioid, TreflectOrbId(orb), nullptr, name);
 }
 
-__attribute__((format(printf, 1, 2))) std::string text(char const* format, ...) {
-    char buffer[512];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(buffer, sizeof buffer, format, arguments);
-    va_end(arguments);
-    return buffer;
-}
-
+/** Of the part that the log lines name. */
 void const* address(TreflectObjectStub const& stub) {
     return &stub;
 }
@@ -45,7 +24,7 @@ class Server : public TipprmiObjectSkeleton {
     using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
 };
 
-class ObjectStubTest : public ::testing::Test {
+class ObjectStubTest : public PermittedTest {
 protected:
     TreflectObjectStub* adopt(Location const& location) { return handler.adoptStub(location); }
     void release(std::initializer_list<TreflectObjectStub*> stubs) {
@@ -64,7 +43,6 @@ protected:
         return exception.code();
     }
 
-    TreflectHandlerState const inside{true};
     TreflectObjectHandler& handler = *TreflectObjectHandler::getInstance();
 };
 
@@ -177,10 +155,8 @@ TEST_F(ObjectStubTest, AnObjectMayLetGoOfTheHandleThatCallsIt) {
     TipprmiObjectClient handle(&server);
     server.handle = &handle;
     TipprmiStream in(8), out(8);
-    LogCapture const log;
     EXPECT_FALSE(handle.dispatch(true, 0xAB, 7, in, out));
-    EXPECT_EQ(log.count(3, text("cc=0xAB,mc=7,orbId=%X) to object failed", server.orbId().value())),
-              1u);
+    expectLine(3, "cc=0xAB,mc=7,orbId=%X) to object failed", server.orbId().value());
     EXPECT_EQ(handle.getServer(), nullptr);
 }
 
@@ -224,78 +200,65 @@ TEST_F(ObjectStubTest, ALateConnectToALocalObjectWritesNoHeaderEither) {
     TreflectObjectStub const stub(Location(oid("stub.late.local")));
     Server server(oid("stub.late.local"));
     TipprmiStream request(100);
-    LogCapture const log;
     EXPECT_EQ(stub.prepareRequestStream(true, 0xAB, 7, request).getDataSize(), 0);
     EXPECT_EQ(stub.getServer(), &server);
-    EXPECT_EQ(log.count(4, text("prepareRequestStream_(this=0x%p,cc=0xAB,mc=7,orbId=%X) to non "
-                                "connected stub object",
-                                address(stub), server.orbId().value())),
-              1u);
+    expectLine(
+        4, "prepareRequestStream_(this=0x%p,cc=0xAB,mc=7,orbId=%X) to non connected stub object",
+        address(stub), server.orbId().value());
 }
 
 TEST_F(ObjectStubTest, CallsThatReachNobodyAreLoggedAndAnswered) {
-    LogCapture const log;
-    auto const expectFailure = [&log](TreflectObjectStub const& stub, int level,
-                                      std::string const& line) {
+    auto const expectFailure = [](TreflectObjectStub const& stub) {
         TipprmiStream in(100), out(100);
         EXPECT_NE(stub.dispatch(true, 0xAB, 7, in, out), 1);
         EXPECT_EQ(failureIn(out), 0u);
-        EXPECT_EQ(log.count(level, line), 1u) << line;
     };
     TipprmiStream in(100);
     in << 1u;
     TreflectObjectStub invalid(remote(5, oid("gone")));
     invalid.setInvalid();
     EXPECT_EQ(invalid.prepareRequestStream(true, 0xAB, 7, in).getDataSize(), 4) << "untouched";
-    EXPECT_EQ(log.count(4, text("prepareRequestStream_(this=0x%p,cc=0xAB,mc=7,orbId=1020304) to "
-                                "stub object set to invalid",
-                                address(invalid))),
-              1u);
-    expectFailure(invalid, 4,
-                  text("dispatch(this=0x%p,cc=0xAB,mc=7,orbId=1020304) request to stub object set "
-                       "to invalid",
-                       address(invalid)));
+    expectFailure(invalid);
+    for (char const* const operation : {"prepareRequestStream_", "dispatch"})
+        expectLine(4, "%s(this=0x%p,cc=0xAB,mc=7,orbId=1020304) %sto stub object set to invalid",
+                   operation, address(invalid), *operation == 'd' ? "request " : "");
     TreflectObjectStub const nowhere;
-    expectFailure(nowhere, 3,
-                  text("dispatch(this=0x%p,cc=0xAB,mc=7,orbId=0) request to invalid stub object",
-                       address(nowhere)));
-    expectFailure(TreflectObjectStub(remote(5)), 3, "Message forwarding failed");
+    expectFailure(nowhere);
+    expectLine(3, "dispatch(this=0x%p,cc=0xAB,mc=7,orbId=0) request to invalid stub object",
+               address(nowhere));
+    expectFailure(TreflectObjectStub(remote(5)));
+    expectLine(3, "Message forwarding failed");
 
     Server server(oid("stub.refusing"));
     TreflectObjectStub const local(&server);
     TipprmiStream out(100);
     EXPECT_EQ(local.dispatch(true, 0xAB, 7, in, out), 0);
     EXPECT_TRUE(out.empty()) << "a local object answers for itself";
-    EXPECT_EQ(log.count(3, text("dispatch(this=0x%p,cc=0xAB,mc=7,orbId=%X) to object failed",
-                                address(local), server.orbId().value())),
-              1u);
-    EXPECT_EQ(log.find("to object failed")->source, "REFLECT_objectStub");
+    expectLine(3, "dispatch(this=0x%p,cc=0xAB,mc=7,orbId=%X) to object failed", address(local),
+               server.orbId().value());
+    EXPECT_EQ(log_.find("to object failed")->source, "REFLECT_objectStub");
 }
 
 TEST_F(ObjectStubTest, StubsOnNothingSayWhereTheyWereMade) {
-    LogCapture const log;
-    auto const expectLine = [&log](std::string const& line) {
-        EXPECT_EQ(log.count(3, line), 1u) << line;
-    };
     void const* const none = nullptr;
     TreflectObjectStub const located(remote(0));
-    expectLine(text("TreflectObjectStub(ol) this=0x%p,object=%p,oid=NULL,ioid=0,orbId=0x1020304",
-                    address(located), none));
+    expectLine(3, "TreflectObjectStub(ol) this=0x%p,object=%p,oid=NULL,ioid=0,orbId=0x1020304",
+               address(located), none);
     TreflectObjectStub const copy(located);
-    expectLine(text("TreflectObjectStub(other) this=0x%p,object=%p,ioid=0,orbId=0x1020304",
-                    address(copy), none));
+    expectLine(3, "TreflectObjectStub(other) this=0x%p,object=%p,ioid=0,orbId=0x1020304",
+               address(copy), none);
     TreflectObjectStub assigned;
     assigned = located;
-    expectLine(text("operator=() object=%p,ioid=0,orbId=0x1020304", none));
+    expectLine(3, "operator=() object=%p,ioid=0,orbId=0x1020304", none);
     Server server(oid("stub.zero"));
     unsigned int const ioid = server.getInternalOID();
     server.setInternalOID(0);
     TreflectObjectStub const onObject(&server);
     server.setInternalOID(ioid);
-    expectLine(text("TreflectObjectStub(object) this=0x%p,object=%p,ioid=0,orbId=0x%X",
-                    address(onObject), address(server), server.orbId().value()));
+    expectLine(3, "TreflectObjectStub(object) this=0x%p,object=%p,ioid=0,orbId=0x%X",
+               address(onObject), address(server), server.orbId().value());
     TreflectObjectStub const absent(remote(0, oid("absent")));
-    EXPECT_EQ(log.count("TreflectObjectStub(ol)"), 1u) << "a name is somewhere to look for";
+    EXPECT_EQ(log_.count("TreflectObjectStub(ol)"), 1u) << "a name is somewhere to look for";
 }
 
 TEST_F(ObjectStubTest, AnInvalidStubNoLongerReachesTheExceptionContainerOfItsObject) {

@@ -1,13 +1,9 @@
 // Observers of calls: before and after, here and in other processes, and what becomes of those that
 // are gone, throw, or are none.
-#include <gmock/gmock.h>
-
 #include <stdexcept>
-#include <thread>
 
 #include "BrokerTest.h"
 #include "Gauge.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "ReflectiveActor.h"
 
@@ -24,7 +20,7 @@ TreflectObserverClient clientOf(Watcher const& watcher) {
 }
 
 /** A gauge, and tests that hold the permission all the time. */
-class LocalObserver : public BrokerTest {
+class LocalObserver : public PermittedTest {
 protected:
     bool isObserved(unsigned int mc, unsigned int kind = kBefore) const {
         return kind == kBefore ? gauge_.preObserverAvailable(gauge::kClass, mc)
@@ -34,7 +30,6 @@ protected:
         gauge_.registerObserver(kind, gauge::kClass, mc, clientOf(watcher));
     }
 
-    TreflectHandlerState const handlerState_{true};
     Gauge gauge_{"gauge"};
     GaugeClient const client_{&gauge_};
 };
@@ -315,9 +310,6 @@ TEST_F(LocalObserver, CannotBeRegisteredWithoutOperationOrObserver) {
 
 class RemoteObserver : public BrokerTest {
 protected:
-    ~RemoteObserver() override {
-        permitted([&] { lamp_.reset(); });
-    }
     bool isObserved() const {
         constexpr unsigned int setLevel = lamp::kLevel + 1;
         return permitted([&] {
@@ -334,14 +326,12 @@ protected:
     }
     static constexpr unsigned int kStored = 1000;
 
-    std::unique_ptr<LampObject> lamp_ =
-        permitted([] { return std::make_unique<LampObject>("lamp"); });
+    Permitted<LampObject> const lamp_ = makePermitted<LampObject>("lamp");
 };
 
 TEST_F(RemoteObserver, IsToldOfCallsFromAllProcessesAndMayForbidThem) {
     ReflectiveActor actor;
     ReflectiveActor caller;
-    actor.ask("observer w", "made");
     actor.observe("w", "lamp", "setLevel", "before");
     EXPECT_EQ(storeHere(5), kStored);
     EXPECT_EQ(actor.told("w"), "1 5 lamp");
@@ -367,9 +357,7 @@ TEST_F(RemoteObserver, IsToldOfCallsFromAllProcessesAndMayForbidThem) {
 
 TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
     auto actor = std::make_unique<ReflectiveActor>();
-    actor->ask("observer w", "made");
     actor->observe("w", "lamp", "setLevel", "before");
-    actor->ask("observer x", "made");
     actor->observe("x", "lamp", "setLevel", "after");
     actor->ask("answers w no", "will");
     EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed);
@@ -386,7 +374,6 @@ TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
 
 TEST_F(RemoteObserver, WhoseProcessIsKilledWhileItIsToldLetsTheCallGoOn) {
     ReflectiveActor actor;
-    actor.ask("observer w", "made");
     actor.observe("w", "lamp", "setLevel", "before");
     actor.ask("answers w hang", "will");
     std::thread caller([&] { EXPECT_EQ(storeHere(5), kStored); });

@@ -1,12 +1,6 @@
 // Types of arguments and results by name: text to encoded value, and back.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
+#include "BrokerTest.h"
 #include "WireText.h"
-#include "handler_threads.h"
-#include "reflect.h"
 
 namespace {
 
@@ -153,6 +147,9 @@ TEST(ParameterTypeName, TellsWhichTypesHaveOneForm) {
     }
 }
 
+class ParameterTypeText : public PermittedTest {};
+class ParameterTypeBytes : public PermittedTest {};
+
 struct Value {
     char const* type;
     char const* text;
@@ -231,8 +228,7 @@ Value const kValues[] = {
      "[{\"x\"@node, [true]}, {\"y\", []}]"},
 };
 
-TEST(ParameterTypeText, IsEncodedAndPrintedAndTheSameAgain) {
-    TreflectHandlerState const inside(true);
+TEST_F(ParameterTypeText, IsEncodedAndPrintedAndTheSameAgain) {
     for (Value const& value : kValues) {
         SCOPED_TRACE(std::string(value.type) + ": " + value.text);
         Type const type(value.type);
@@ -257,7 +253,7 @@ TEST(ParameterTypeText, IsEncodedAndPrintedAndTheSameAgain) {
     }
 }
 
-TEST(ParameterTypeText, ThatIsNoValueIsRefused) {
+TEST_F(ParameterTypeText, ThatIsNoValueIsRefused) {
     struct {
         char const* type;
         std::vector<std::string> texts;
@@ -292,7 +288,6 @@ TEST(ParameterTypeText, ThatIsNoValueIsRefused) {
         {"union{int, bool}", {"{2: 1}", "{-1: 1}", "{4294967296: 1}"}},
         {"no type", {"", "1"}},
     };
-    TreflectHandlerState const inside(true);
     for (auto const& [name, texts] : refused) {
         for (std::string const& text : texts) {
             TipprmiAny any = content("kept");
@@ -302,7 +297,7 @@ TEST(ParameterTypeText, ThatIsNoValueIsRefused) {
     }
 }
 
-TEST(ParameterTypeText, IsOfBoundedDepth) {
+TEST_F(ParameterTypeText, IsOfBoundedDepth) {
     TipprmiAny any;
     EXPECT_FALSE(Type("any").parse(repeated("any(", 100000) + "0x" + repeated(")", 100000), any));
     EXPECT_FALSE(Type(deep(Type::kMaxDepth - 1)).parse(repeated("[", 100000), any));
@@ -316,11 +311,10 @@ TEST(ParameterTypeText, IsOfBoundedDepth) {
     EXPECT_FALSE(node.accepts(content(ones)));
 }
 
-TEST(ParameterTypeText, OfAnObjectLeadsToIt) {
+TEST_F(ParameterTypeText, OfAnObjectLeadsToIt) {
     class Quiet : public TipprmiObjectSkeleton {
         using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
     };
-    TreflectHandlerState const inside(true);
     for (TipprmiOID const& oid : {TipprmiOID("a.name", NSID_UNIT), TipprmiOID("", NSID_UNIT)}) {
         Quiet const object{oid};
         std::string const text =
@@ -334,8 +328,7 @@ TEST(ParameterTypeText, OfAnObjectLeadsToIt) {
     }
 }
 
-TEST(ParameterTypeBytes, ThatBreakOffAreNotTaken) {
-    TreflectHandlerState const inside(true);
+TEST_F(ParameterTypeBytes, ThatBreakOffAreNotTaken) {
     for (Value const& value : kValues) {
         Type const type(value.type);
         TipprmiAny whole;
@@ -355,7 +348,7 @@ TEST(ParameterTypeBytes, ThatBreakOffAreNotTaken) {
     }
 }
 
-TEST(ParameterTypeBytes, OfAnotherMakeAreNoValue) {
+TEST_F(ParameterTypeBytes, OfAnotherMakeAreNoValue) {
     std::string const huge =
         "\x7F\xFF\xFF\xFF"
         "1234";

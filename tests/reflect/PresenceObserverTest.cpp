@@ -1,12 +1,10 @@
 // Observers of brokers that come and go, and what a broker that goes leaves behind.
-#include <thread>
-
 #include "BrokerActor.h"
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 #include "Threads.h"
+#include "oswrap/Thread.h"
 #include "reflect/notices/TreflectOrbObserver.h"
 
 namespace {
@@ -26,6 +24,7 @@ public:
     using Reaction = std::function<void(Notice const&)>;
 
     explicit Listener(Reaction reaction = {}) : reaction_(std::move(reaction)) {}
+    ~Listener() { TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this); }
 
     void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
         EXPECT_TRUE(TreflectORB::hasRunPermission());
@@ -86,8 +85,6 @@ TEST_F(PresenceObserverTest, eachIsToldWhatItAskedForInTheOrderOfRegistration) {
     ASSERT_TRUE(deaths.waitFor(peer, Appear_t::kDisappear));
     permitted([&] { EXPECT_EQ(order, "both+ births+ both- deaths- "); });
     EXPECT_NE(both.of(peer)[0].thread, OSWrap::Thread::getCurrentId());
-    for (Listener* const one : {&both, &births, &deaths})
-        orb().unregisterOrbNotifications(one);
 }
 
 TEST_F(PresenceObserverTest, existingTerminationsAreToldAtOnceOnTheCallersThread) {
@@ -104,7 +101,6 @@ TEST_F(PresenceObserverTest, existingTerminationsAreToldAtOnceOnTheCallersThread
         EXPECT_TRUE(std::any_of(notices.begin(), notices.end(),
                                 [&](auto const& notice) { return notice.thread == self; }));
     }
-    orb().unregisterOrbNotifications(&listener);
 }
 
 TEST_F(PresenceObserverTest, noticesAreToldOneAtATimeAndInOrderThoughTheFirstIsSlow) {
@@ -135,7 +131,6 @@ TEST_F(PresenceObserverTest, noticesAreToldOneAtATimeAndInOrderThoughTheFirstIsS
         EXPECT_EQ(notices.back().what, Appear_t::kDisappear);
         EXPECT_LE(notices.size(), 2u) << "an arrival that came too late may be left out";
     }
-    orb().unregisterOrbNotifications(&slow);
 }
 
 TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
@@ -193,7 +188,6 @@ TEST_F(PresenceObserverTest, observerMayUnregisterItselfAndOthersInsideANotice) 
     ASSERT_TRUE(testsupport::eventually([&] { return last.notices().size() == 2; }));
     EXPECT_EQ(first.notices().size(), 1u);
     EXPECT_EQ(next.notices().size(), 0u);
-    orb().unregisterOrbNotifications(&last);
 }
 
 TEST_F(PresenceObserverTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOthers) {
@@ -206,8 +200,6 @@ TEST_F(PresenceObserverTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTh
         std::make_unique<RawPeer>(group());
     ASSERT_TRUE(testsupport::eventually([&] { return last.notices().size() == 2; }));
     EXPECT_EQ(log_.count(3, "threw on purpose"), 2u);
-    for (Listener* const one : {&throwing, &greedy, &last})
-        orb().unregisterOrbNotifications(one);
 }
 
 // ---- The part on its own -----------------------------------------------------------------------
@@ -255,7 +247,6 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     Listener fresh;
     EXPECT_TRUE(orb().registerOrbCreation(&fresh, true));
     EXPECT_GE(fresh.notices().size(), 1u);
-    orb().unregisterOrbNotifications(&fresh);
 }
 
 TEST_F(PresenceObserverTest, callOfAProcessThatIsKilledFailsAtOnceAndHandlesGoInvalid) {

@@ -3,17 +3,14 @@
 #pragma once
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <stdexcept>
-#include <string>
 
 #include "Waiting.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
-#include "oswrap/Thread.h"
 #include "reflect.h"
 
 enum ProbeMethod : unsigned int {

@@ -5,7 +5,7 @@
 
 class ReflectiveActor : public testsupport::ActorProgram {
 public:
-    ReflectiveActor() : ActorProgram(testsupport::programCommand("reflective_actor")) {}
+    ReflectiveActor() : ActorProgram("reflective_actor") {}
 
     void observe(std::string const& observer, std::string const& object,
                  std::string const& operation, std::string const& kind) {

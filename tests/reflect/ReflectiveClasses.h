@@ -4,9 +4,7 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <map>
-#include <string>
 
 #include "Waiting.h"
 #include "handler_threads.h"

@@ -1,20 +1,16 @@
 // Handles on reflective objects, here and in other processes: values of attributes of every type,
 // paths through several objects, and what happens to a handle while a call waits.
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <functional>
-#include <memory>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
-#include "Permitted.h"
+#include "BrokerTest.h"
 #include "ReflectiveActor.h"
 #include "ReflectiveClasses.h"
 
 namespace {
+
+class ReflectiveHandle : public BrokerTest {};
 
 int users(TreflectObject const& handle) {
     return handle.getStub_()->refCount();
@@ -107,7 +103,7 @@ void expectValuesRefusalsAndAnEnd(TreflectObject const& lamp, std::function<void
     EXPECT_EQ(ping.call(), 0);
 }
 
-TEST(ReflectiveHandle, ReadsAndWritesValuesOfAllTypes) {
+TEST_F(ReflectiveHandle, ReadsAndWritesValuesOfAllTypes) {
     ReflectiveActor actor;
     actor.ask("lamp far", "made");
     TreflectHandlerState const handlerState(true);
@@ -121,7 +117,7 @@ TEST(ReflectiveHandle, ReadsAndWritesValuesOfAllTypes) {
 
 // ---- Paths -------------------------------------------------------------------------------------
 
-TEST(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
+TEST_F(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
     ReflectiveActor first;
     ReflectiveActor second;
     first.ask("lamp a", "made");
@@ -158,7 +154,7 @@ TEST(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
 
 // ---- Stubs -------------------------------------------------------------------------------------
 
-TEST(ReflectiveHandle, CountsAsOneUserOfItsStub) {
+TEST_F(ReflectiveHandle, CountsAsOneUserOfItsStub) {
     TreflectHandlerState const handlerState(true);
     LampObject lampObject("counted lamp");
     LampObject const otherObject("other counted lamp");
@@ -187,7 +183,7 @@ TEST(ReflectiveHandle, CountsAsOneUserOfItsStub) {
     EXPECT_EQ(users(other), ofOther);
 }
 
-TEST(ReflectiveHandle, MayBePartOfALargerObjectOnTheHeap) {
+TEST_F(ReflectiveHandle, MayBePartOfALargerObjectOnTheHeap) {
     struct Large : TreflectObject {
         std::string text[100];
     };
@@ -248,7 +244,7 @@ TEST_P(TakenAway, WhileAMemberIsCalled) {
     bool const destroyed = std::get<1>(GetParam());
     ReflectiveActor actor;
     actor.ask("lamp held", "made");
-    auto holder = permitted([] { return std::make_unique<Holder>(oid("held")); });
+    auto holder = makePermitted<Holder>(oid("held"));
     Outcome const outcome = callWhile(*holder, deed, [&] {
         actor.ask("entered held", "entered");
         permitted([&] {
@@ -270,15 +266,15 @@ TEST_P(TakenAway, WhileAMemberIsCalled) {
 INSTANTIATE_TEST_SUITE_P(Handles, TakenAway,
                          testing::Combine(testing::ValuesIn(kDeeds), testing::Bool()));
 
-TEST(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
+TEST_F(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
     for (Deed const deed : kDeeds) {
         ReflectiveActor asked;
         asked.ask("lamp here", "made");
-        auto holder = permitted([] { return std::make_unique<Holder>(oid("here")); });
+        auto holder = makePermitted<Holder>(oid("here"));
         permitted([&] { holder->handle = TreflectObject(oid("nowhere")); });
         ASSERT_TRUE(asked.child().stopWholly());  // whoever looks for the object waits for it
         Outcome const outcome = callWhile(*holder, deed, [&] {
-            permitted([&] { holder.reset(); });
+            holder.reset();
             asked.child().signal(SIGCONT);
         });
         EXPECT_EQ(outcome.result, deed == Deed::kCall ? 0 : TreflectAttribute::error);

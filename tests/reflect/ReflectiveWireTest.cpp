@@ -2,12 +2,10 @@
 // a peer writes and reads them by hand.
 #include <functional>
 #include <mutex>
-#include <thread>
 
 #include "BrokerTest.h"
 #include "Gauge.h"
-#include "Permitted.h"
-#include "WirePeer.h"
+#include "RawPeer.h"
 
 namespace {
 
@@ -20,13 +18,6 @@ constexpr unsigned int kFar = 0xFA2;  // internal id of the peer's object
 
 class ReflectiveWire : public BrokerTest {
 protected:
-    ~ReflectiveWire() override {
-        permitted([&] {
-            watcher_.reset();
-            child_.reset();
-            gauge_.reset();
-        });
-    }
     TreflectOrbId peerId() { return orb().convertId(peer_.termId()); }
     /** A named object of this process, as it is encoded. */
     std::string form(TreflectServerObject const& object, std::string const& name) {
@@ -36,7 +27,7 @@ protected:
     std::string ask(TreflectServerObject const& object, unsigned int cc, unsigned int mc,
                     std::string const& arguments = "") {
         unsigned int const id = ++lastId_;
-        wire::call(peer_, orb().termId(), id, object.getInternalOID(), cc, mc, arguments);
+        peer_.sendCall(broker(), id, object.getInternalOID(), true, cc, int(mc), arguments);
         return wire::data(wire::awaitResponse(peer_, id));
     }
     std::string ask(unsigned int mc, std::string const& arguments = "") {
@@ -77,13 +68,12 @@ protected:
                       else if (wire::callOf(message).mc != 0xFFFFFFFF)
                           wire::answer(self, message, results());
                   }};
-    std::unique_ptr<Gauge> gauge_ = permitted([] { return std::make_unique<Gauge>("gauge"); });
-    std::unique_ptr<Node> child_ = permitted([&] {
+    Permitted<Gauge> const gauge_ = makePermitted<Gauge>("gauge");
+    Permitted<Node> const child_ = permitted([this] {
         TreflectObject const parent(gauge_.get());
-        return std::make_unique<Node>("child identifier", "child", &parent);
+        return makePermitted<Node>("child identifier", "child", &parent);
     });
-    std::unique_ptr<Watcher> watcher_ =
-        permitted([] { return std::make_unique<Watcher>("watcher"); });
+    Permitted<Watcher> watcher_ = makePermitted<Watcher>("watcher");
     unsigned int lastId_ = 0xCA110000;
     std::size_t next_ = 0;  // of the messages that came
 };
@@ -254,7 +244,7 @@ TEST_F(ReflectiveWire, ExceptionContainerPairIsReportedUnderOneCodeWhenItsAnswer
 
 TEST_F(ReflectiveWire, HandlesOfASequenceAreLookedForOnceEach) {
     permitted([&] {
-        std::string const absent = wire::handle(std::string("nobody"));
+        std::string const absent = wire::handle("nobody");
         TreflectObject const object = far(ok_ + number(3) + absent + absent + absent);
         EXPECT_EQ(object.getChilds().getLength(), 3u);
         object.getRelName();  // the peer answers it when all before it has been noted
@@ -271,11 +261,11 @@ TEST_F(ReflectiveWire, StubOutlastsItsLastHandleWhileItsContainerIsAskedFor) {
     };
     auto const get = [](TreflectObjectStub const& stub) { stub.getExceptionContainer(); };
     for (auto const& ask : {std::function<void(TreflectObjectStub const&)>(set), {get}}) {
-        auto handle = permitted([] { return std::make_unique<TreflectObject>(oid("absent")); });
+        auto handle = makePermitted<TreflectObject>(oid("absent"));
         RawPeer searched(group());
         std::thread asking([&] { permitted([&] { ask(*handle->getStub_()); }); });
         TreflectMessage const search = wire::awaitSearch(searched);
-        permitted([&] { handle.reset(); });
+        handle.reset();
         wire::answer(searched, search, number(0));
         asking.join();
         EXPECT_EQ(log_.count("dispatch(this=0x"), 1u);

@@ -1,8 +1,5 @@
 // The registry of server objects, and finding objects at several brokers.
-#include <cstdio>
-
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 
@@ -10,7 +7,7 @@ namespace {
 
 using Location = TreflectORB::TreflectObjectLocation;
 
-class RegistryTest : public BrokerTest {
+class RegistryTest : public PermittedTest {
 protected:
     /** A peer that knows one object. */
     std::unique_ptr<RawPeer> peerWith(unsigned int ioid) {
@@ -18,8 +15,6 @@ protected:
             self.answer(request, [ioid](TipprmiStream& response) { response << ioid; });
         });
     }
-
-    TreflectHandlerState const handlerState_{true};
 };
 
 TEST_F(RegistryTest, objectIsFoundUnderItsNameFromItsConstructionToItsDestruction) {

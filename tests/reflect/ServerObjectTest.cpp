@@ -1,14 +1,9 @@
 // Server objects: names, parents and children, here and over the borders of processes, and what
 // happens when one goes while it is waited for.
-#include <gmock/gmock.h>
-
-#include <thread>
-
 #include "BrokerTest.h"
 #include "Gauge.h"
-#include "Permitted.h"
+#include "RawPeer.h"
 #include "ReflectiveActor.h"
-#include "WirePeer.h"
 
 namespace {
 
@@ -27,7 +22,22 @@ protected:
     TreflectObject objectOf(RawPeer const& peer, unsigned int ioid) {
         return wire::handleFrom(wire::handle(ioid, orb().convertId(peer.termId())));
     }
-    Transport::TerminationId broker() { return orb().termId(); }
+    /** A node whose parent is object 7 of a peer. */
+    Permitted<Node> nodeBelow(RawPeer const& peer) {
+        return permitted([&] {
+            TreflectObject const parent = objectOf(peer, 7);
+            return makePermitted<Node>("node", &parent);
+        });
+    }
+    /** What a peer calls, without waiting for the answer. */
+    void call(RawPeer& peer, unsigned int ioid, unsigned int cc, unsigned int mc,
+              std::string const& arguments = "") {
+        peer.sendCall(broker(), kCall, ioid, true, cc, int(mc), arguments);
+    }
+    static std::string answerOf(RawPeer& peer) {
+        return wire::data(wire::awaitResponse(peer, kCall));
+    }
+    static constexpr unsigned int kCall = 0xCA11;
 };
 
 // ---- Names -------------------------------------------------------------------------------------
@@ -42,12 +52,11 @@ TEST_F(ServerObject, HasANameOfAnyLength) {
         EXPECT_EQ(TreflectObject(&node).getAbsName(), "/" + name);
     }
     EXPECT_EQ(Node("eth0/1").getRelName(), "eth0/1");
-    EXPECT_EQ(log_.count(3, "name \"eth0/1\" has a \"/\": no absolute name leads to this object"),
-              1u);
+    expectLine(3, "name \"eth0/1\" has a \"/\": no absolute name leads to this object");
 }
 
 TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
-    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    auto root = makePermitted<Node>("root");
     ReflectiveActor first;
     ReflectiveActor second;
     first.ask("lamp mid root", "made");
@@ -74,7 +83,7 @@ TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
 }
 
 TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
-    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    auto root = makePermitted<Node>("root");
     auto first = std::make_unique<ReflectiveActor>();
     ReflectiveActor second;
     first->ask("lamp mid root", "made");
@@ -96,10 +105,7 @@ TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
     third.ask("lamp mid root", "made");
     permitted([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
     third.ask("destroy mid", "destroyed");
-    permitted([&] {
-        EXPECT_EQ(root->getChilds().getLength(), 0u);
-        root.reset();
-    });
+    permitted([&] { EXPECT_EQ(root->getChilds().getLength(), 0u); });
 }
 
 TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
@@ -116,14 +122,13 @@ TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
         std::string absName;
         TreflectMetaObject const* meta = &deviceMeta;
     };
-    auto parent = permitted([] { return std::make_unique<Curious>("curious"); });
+    auto parent = makePermitted<Curious>("curious");
     ReflectiveActor actor;
     actor.ask("lamp child curious", "made");
     permitted([&] {
         EXPECT_EQ(parent->absName, "/curious/child");
         EXPECT_EQ(parent->meta, nullptr) << "it has no class before it is built";
         EXPECT_EQ(parent->getChild("child").meta(), &lampMeta);
-        parent.reset();
     });
 }
 
@@ -143,7 +148,7 @@ TEST_F(ServerObject, MayBeItsOwnAncestorByMistake) {
 TEST_F(ServerObject, MayBeItsOwnAncestorOverAnotherProcess) {
     ReflectiveActor actor;
     TreflectObject const later = permitted([] { return TreflectObject(oid("far")); });
-    auto near = permitted([&] { return std::make_unique<Node>("near", &later); });
+    auto near = makePermitted<Node>("near", &later);
     actor.ask("lamp far near", "made");
     permitted([&] {
         ASSERT_TRUE(near->getParent().isConnected());
@@ -152,11 +157,11 @@ TEST_F(ServerObject, MayBeItsOwnAncestorOverAnotherProcess) {
     });
     EXPECT_EQ(log_.count("object \"near\" is its own ancestor"), 1u);
     // Many may ask at the same time for a name that is none of these.
-    auto root = permitted([] { return std::make_unique<Node>("root"); });
+    auto root = makePermitted<Node>("root");
     actor.ask("lamp stem root", "made");
-    std::unique_ptr<Node> const leaf = permitted([] {
+    auto const leaf = permitted([] {
         TreflectObject const stem(oid("stem"));
-        return std::make_unique<Node>("leaf", &stem);
+        return makePermitted<Node>("leaf", &stem);
     });
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
@@ -232,83 +237,65 @@ TEST_F(ServerObject, SaysWhatItDoesNotServeOrKnow) {
 
 TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
     RawPeer peer(group(), wire::answeringAllBut({1100}));
-    auto node = permitted([&] {
-        TreflectObject const parent = objectOf(peer, 7);
-        return std::make_unique<Node>("node", &parent);
-    });
-    wire::call(peer, broker(), 0xCA11, node->getInternalOID(), 0, 1100);
+    auto node = nodeBelow(peer);
+    call(peer, node->getInternalOID(), 0, 1100);
     TreflectMessage const asked = wire::awaitCall(peer, 1100);
-    permitted([&] { node.reset(); });
+    node.reset();
     EXPECT_EQ(wire::callOf(wire::awaitCall(peer, 1107)).ioid, 7u);
     wire::answer(peer, asked, wire::kEmptyContainer + wire::text("/far"));
-    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)),
-              wire::kEmptyContainer + wire::text("/far/node"));
+    EXPECT_EQ(answerOf(peer), wire::kEmptyContainer + wire::text("/far/node"));
 }
 
 TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
     RawPeer peer(group());
-    auto watcher = permitted([] { return std::make_unique<Watcher>("watcher"); });
-    auto object = permitted([] { return std::make_unique<Gauge>("gauge"); });
+    auto const watcher = makePermitted<Watcher>("watcher");
+    auto object = makePermitted<Gauge>("gauge");
     permitted([&] {
         object->meanwhile = [&] { object.reset(); };
         object->registerObserver(TreflectObservable::kAfterCalls, gauge::kClass, gauge::kGet,
                                  TreflectObserverClient(watcher.get()));
     });
-    wire::call(peer, broker(), 0xCA11, object->getInternalOID(), gauge::kClass, gauge::kGet);
-    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)),
-              wire::kEmptyContainer + wire::number(1));
-    permitted([&] {
-        EXPECT_EQ(watcher->told, 0);
-        watcher.reset();
-    });
+    call(peer, object->getInternalOID(), gauge::kClass, gauge::kGet);
+    EXPECT_EQ(answerOf(peer), wire::kEmptyContainer + wire::number(1));
+    permitted([&] { EXPECT_EQ(watcher->told, 0); });
 }
 
 TEST_F(ServerObject, IsBuiltAlsoWhenItsParentGoesMeanwhile) {
     auto peer = std::make_unique<RawPeer>(group());
     TreflectObject const parent = permitted([&] { return objectOf(*peer, 7); });
-    std::unique_ptr<Node> node;
-    std::thread builder(
-        [&] { permitted([&] { node = std::make_unique<Node>("node", &parent); }); });
+    Permitted<Node> node;
+    std::thread builder([&] { node = makePermitted<Node>("node", &parent); });
     wire::awaitCall(*peer, 1106);
     peer.reset();
     builder.join();
-    permitted([&] {
-        EXPECT_EQ(node->getAbsName(), "/node");
-        node.reset();
-    });
+    permitted([&] { EXPECT_EQ(node->getAbsName(), "/node"); });
 }
 
 TEST_F(ServerObject, IsNotCalledOnceItsDestructionHasBegun) {
     RawPeer peer(group(), wire::answeringAllBut({0, 1107}));
-    std::unique_ptr<Gauge> object;
-    unsigned int ioid = 0;
+    Permitted<Gauge> object;
     permitted([&] {
         TreflectObject const parent = objectOf(peer, 7);
-        object = std::make_unique<Gauge>("gauge", &parent);
-        ioid = object->getInternalOID();
+        object = makePermitted<Gauge>("gauge", &parent);
         auto const observer = wire::handleFrom<TreflectObserverClient>(
             wire::handle(9, orb().convertId(peer.termId())));
         object->registerObserver(TreflectObservable::kBeforeCalls, gauge::kClass, gauge::kSet,
                                  observer);
     });
-    wire::call(peer, broker(), 0xCA11, ioid, gauge::kClass, gauge::kSet, "00000005");
+    call(peer, object->getInternalOID(), gauge::kClass, gauge::kSet, "00000005");
     TreflectMessage const asked = wire::awaitCall(peer, 0);
-    std::thread destroyer([&] { permitted([&] { object.reset(); }); });
+    std::thread destroyer([&] { object.reset(); });
     TreflectMessage const leaving = wire::awaitCall(peer, 1107);
     wire::answer(peer, asked, wire::kEmptyContainer + wire::bare("00000001 00000001"));
-    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), wire::kNotServed);
+    EXPECT_EQ(answerOf(peer), wire::kNotServed);
     wire::answer(peer, leaving, wire::kEmptyContainer);
     destroyer.join();
 }
 
 TEST_F(ServerObject, MayOutlastItsBrokerWhileItLeavesItsParent) {
     RawPeer peer(group(), wire::answeringAllBut({1107}));
-    std::unique_ptr<Node> node;
-    permitted([&] {
-        TreflectObject const parent = objectOf(peer, 7);
-        node = std::make_unique<Node>("node", &parent);
-    });
-    std::thread destroyer([&] { permitted([&] { node.reset(); }); });
+    auto node = nodeBelow(peer);
+    std::thread destroyer([&] { node.reset(); });
     wire::awaitCall(peer, 1107);
     TreflectORB::prepareForDeletion();
     destroyer.join();
@@ -318,30 +305,26 @@ TEST_F(ServerObject, MayOutlastItsBrokerWhileItLeavesItsParent) {
 class LateTarget : public ServerObject, public testing::WithParamInterface<unsigned int> {};
 
 TEST_P(LateTarget, IsNotTouchedAnyMore) {
-    unsigned int const mc = GetParam();
     TreflectObject const absent = permitted([] { return TreflectObject(oid("nobody")); });
     RawPeer peer(group());
-    auto target = permitted([&] { return std::make_unique<Watcher>("target"); });
-    unsigned int const ioid = target->getInternalOID();
-    std::string const unknown = wire::handle(std::string("nobody"));
-    std::string arguments = unknown;
-    if (mc == 1000)
-        arguments = wire::bare("00000000 00000001 00000002") + unknown;
-    if (mc == 1104) {
+    auto target = makePermitted<Watcher>("target");
+    std::string const unknown = wire::handle("nobody");
+    std::map<unsigned int, std::string> const arguments{
+        {0, unknown + wire::bare("00000001 00000002 00000000")},
+        {1000, wire::bare("00000000 00000001 00000002") + unknown},
+        {1001, unknown},
+        {1104, wire::text("child")},
+        {1106, wire::text("child") + unknown}};
+    unsigned int const mc = GetParam();
+    if (mc == 1104)
         permitted([&] { target->registerChild("child", absent); });
-        arguments = wire::text("child");
-    }
-    if (mc == 1106)
-        arguments = wire::text("child") + unknown;
-    if (mc == 0)
-        arguments = unknown + wire::bare("00000001 00000002 00000000");
-    wire::call(peer, broker(), 0xCA11, ioid, TreflectObserverSkeleton::kClassId, mc, arguments);
+    call(peer, target->getInternalOID(), TreflectObserverSkeleton::kClassId, mc, arguments.at(mc));
     TreflectMessage const search = wire::awaitSearch(peer);
-    permitted([&] { target.reset(); });
+    target.reset();
     wire::answer(peer, search, "00000000");
     std::string const expected =
         mc == 0 ? wire::kEmptyContainer + wire::bare("00000000 00000000") : wire::kNotServed;
-    EXPECT_EQ(wire::data(wire::awaitResponse(peer, 0xCA11)), expected);
+    EXPECT_EQ(answerOf(peer), expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, LateTarget, testing::Values(0u, 1000u, 1001u, 1104u, 1106u));

@@ -1,21 +1,15 @@
 // The workers of a broker and the run permission: who is served when.
-#include <algorithm>
-#include <atomic>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "../handler_threads/PermissionThreads.h"
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 #include "Threads.h"
 
 namespace {
 
-using permissiontest::queueGrowsTo;
+bool queueGrowsTo(unsigned long threads) {
+    return testsupport::eventually(
+        [threads] { return TreflectORB::handlerThreads().getPermissionWaiters() == threads; });
+}
 
 std::string statesOfWorkers() {
     return testsupport::statesOfThreads("ReflectWorker");
@@ -45,17 +39,9 @@ class WorkerPoolTest : public BrokerTest {
 protected:
     static constexpr unsigned int kBurst = 12;
 
-    WorkerPoolTest() : peer_(group()) {
-        TreflectHandlerState const handlerState(true);
-        probe_ = std::make_unique<Probe>("probe");
-        recorder_ = std::make_unique<Recorder>();
-    }
     ~WorkerPoolTest() override {
         probe_->release();
         TreflectORB::prepareForDeletion();
-        TreflectHandlerState const handlerState(true);
-        probe_.reset();
-        recorder_.reset();
     }
 
     /** A burst of calls starts a worker each; those that stay are asleep at the queue. */
@@ -82,9 +68,9 @@ protected:
         ASSERT_TRUE(queueGrowsTo(before + 1));
     }
 
-    RawPeer peer_;
-    std::unique_ptr<Probe> probe_;
-    std::unique_ptr<Recorder> recorder_;
+    RawPeer peer_{group()};
+    Permitted<Probe> const probe_ = makePermitted<Probe>("probe");
+    Permitted<Recorder> const recorder_ = makePermitted<Recorder>();
 };
 
 TEST_F(WorkerPoolTest, messagesAndCallersAreServedInTheOrderOfTheirArrival) {

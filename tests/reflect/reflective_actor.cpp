@@ -1,59 +1,34 @@
-// A process with reflective objects, driven by lines on standard input; each is answered by a line:
-//
-//   lamp NAME [PARENT]    makes a lamp, below the object PARENT; "made"
-//   combi NAME [PARENT]   makes a combi; "made"
-//   next NAME OTHER       makes OTHER the value of the lamp's attribute Next; "next"
-//   pings NAME            "pings COUNT"
-//   level NAME            "level NUMBER"
-//   entered NAME          waits for a call that is held; "entered"
-//   release NAME          lets the calls go that are held; "released"
-//   store NAME NUMBER     sets Level of the lamp NAME, wherever it is; "stored ok" or "stored CODE"
-//   destroy NAME          destroys the object; "destroyed"
-//   observer NAME         makes an observer, which allows all calls; "made"
-//   answers NAME ANSWER   what its update answers: yes, no, or hang for never, after a line
-//                         "hangs"; "will"
-//   observe NAME OBJECT OPERATION KIND   has it told of calls, KIND: before or after; "observing 1"
-//   unobserve NAME OBJECT OPERATION      "unobserved"
-//   told NAME             "told COUNT NUMBER SOURCE": how often, the first value of the last time,
-//                         or "none", and the name of the object that was called
+// A process with reflective objects, driven by lines on standard input; each is answered by a line.
 #include <map>
 #include <memory>
 
 #include "ActorSide.h"
+#include "DeskObject.h"
 #include "Gauge.h"
 #include "Permitted.h"
 
 namespace {
 
-// All under the run permission.
-std::map<std::string, std::unique_ptr<LampObject>> objects;
-std::map<std::string, std::unique_ptr<Watcher>> observers;
+using Name = std::string;
 
-std::string word(std::istream& words) {
-    std::string next;
-    words >> next;
-    return next;
-}
+// All under the run permission, under which each line is obeyed.
+std::map<Name, std::unique_ptr<LampObject>> objects;
+std::map<Name, std::unique_ptr<Watcher>> observers;
+std::unique_ptr<desk::Server> deskServer;
 
 template <class Object>
-std::string make(std::string const& name, std::istream& words) {
-    std::string const parentName = word(words);
+std::string make(Name const& name, Name const& parentName) {
     TreflectObject const parent(oid(parentName));
     objects[name] = std::make_unique<Object>(name, parentName.empty() ? nullptr : &parent);
     return "made";
 }
 
-std::string awaitEntry(std::string const& name, std::istream&) {
-    testsupport::Gate& entered = objects.at(name)->entered();
-    TreflectReleaseHandlerState const released;
-    return entered.wait() ? "entered" : "nobody";
-}
-
-std::string store(std::string const& name, std::istream& words) {
-    unsigned int level = 0;
-    words >> level;
-    auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
-    return stored ? "stored ok" : "stored " + std::to_string(stored.code());
+/** Made when it is needed. */
+Watcher& observer(Name const& name) {
+    auto& made = observers[name];
+    if (!made)
+        made = std::make_unique<Watcher>(name);
+    return *made;
 }
 
 bool hang() {
@@ -62,74 +37,86 @@ bool hang() {
     return testsupport::Gate().wait(std::chrono::hours(1));
 }
 
-std::string setAnswer(std::string const& name, std::istream& words) {
-    std::string const answer = word(words);
-    observers.at(name)->answer = answer == "yes";
-    if (answer == "hang")
-        observers.at(name)->react = hang;
-    return "will";
+/** How often an observer was told, the first value of the last time, and whose call it was. */
+std::string told(Name const& name) {
+    Watcher const& told = observer(name);
+    return "told " + std::to_string(told.told) + " " +
+           (told.values.empty() ? "none" : std::to_string(told.values[0])) + " " +
+           (told.sourceNames.empty() ? "nobody" : told.sourceNames.back());
 }
 
-std::string observe(std::string const& name, std::istream& words) {
-    TreflectObject const observed(oid(word(words)));
-    TreflectOperation& operation = observed.operation(word(words));
-    Watcher* const observer = observers.at(name).get();
-    bool const before = word(words) == "before";
-    bool const done = before ? operation.preObserve(observer) : operation.postObserve(observer);
-    return "observing " + std::to_string(done);
-}
-
-std::string unobserve(std::string const& name, std::istream& words) {
-    TreflectObject const observed(oid(word(words)));
-    observed.operation(word(words)).removeObserver(observers.at(name).get());
-    return "unobserved";
-}
-
-std::string told(std::string const& name, std::istream&) {
-    Watcher const& observer = *observers.at(name);
-    return "told " + std::to_string(observer.told) + " " +
-           (observer.values.empty() ? "none" : std::to_string(observer.values[0])) + " " +
-           (observer.sourceNames.empty() ? "nobody" : observer.sourceNames.back());
-}
-
-std::string obey(std::string const& verb, std::string const& name, std::istream& words) {
-    static std::map<std::string, std::string (*)(std::string const&, std::istream&)> const others{
-        {"lamp", make<LampObject>}, {"combi", make<CombiObject>},
-        {"entered", awaitEntry},    {"store", store},
-        {"answers", setAnswer},     {"observe", observe},
-        {"unobserve", unobserve},   {"told", told}};
-    if (auto const other = others.find(verb); other != others.end())
-        return other->second(name, words);
-    if (verb == "observer") {
-        observers[name] = std::make_unique<Watcher>(name);
-        return "made";
-    }
-    if (verb == "destroy") {
-        objects.erase(name);
-        return "destroyed";
-    }
-    LampObject& object = *objects.at(name);
-    if (verb == "pings")
-        return "pings " + std::to_string(object.pings());
-    if (verb == "level")
-        return "level " + std::to_string(object.level);
-    if (verb == "release") {
-        object.release();
-        return "released";
-    }
-    object.next = TreflectObject(oid(word(words)));
-    return "next";
-}
+testsupport::Commands const commands{
+    // Objects, below a parent if one is named.
+    {"lamp", make<LampObject>},
+    {"combi", make<CombiObject>},
+    {"desk",
+     [] {
+         deskServer = std::make_unique<desk::Server>(desk::remoteId());
+         return "made";
+     }},
+    {"destroy",
+     [](Name name) {
+         objects.erase(name);
+         return "destroyed";
+     }},
+    // Makes another object the value of a lamp's attribute Next.
+    {"next",
+     [](Name name, Name other) {
+         objects.at(name)->next = TreflectObject(oid(other));
+         return "next";
+     }},
+    {"pings", [](Name name) { return "pings " + std::to_string(objects.at(name)->pings()); }},
+    {"level", [](Name name) { return "level " + std::to_string(objects.at(name)->level); }},
+    // Waits for a call that is held; and lets all go that are.
+    {"entered",
+     [](Name name) {
+         testsupport::Gate& entered = objects.at(name)->entered();
+         TreflectReleaseHandlerState const released;
+         return entered.wait() ? "entered" : "nobody";
+     }},
+    {"release",
+     [](Name name) {
+         objects.at(name)->release();
+         return "released";
+     }},
+    // Sets Level of a lamp, wherever it is; "stored ok" or "stored CODE".
+    {"store",
+     [](Name name, unsigned int level) {
+         auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
+         return "stored " + (stored ? "ok" : std::to_string(stored.code()));
+     }},
+    // What the update of an observer answers: yes, as from the first, no, or "hang" for never,
+    // after a line "hangs".
+    {"answers",
+     [](Name name, Name answer) {
+         observer(name).answer = answer == "yes";
+         if (answer == "hang")
+             observer(name).react = hang;
+         return "will";
+     }},
+    // Has it told of calls, before or after them; "observing 1".
+    {"observe",
+     [](Name name, Name object, Name operation, Name kind) {
+         TreflectObject const observed(oid(object));
+         TreflectOperation& called = observed.operation(operation);
+         bool const done = kind == "before" ? called.preObserve(&observer(name))
+                                            : called.postObserve(&observer(name));
+         return "observing " + std::to_string(done);
+     }},
+    {"unobserve",
+     [](Name name, Name object, Name operation) {
+         TreflectObject const observed(oid(object));
+         observed.operation(operation).removeObserver(&observer(name));
+         return "unobserved";
+     }},
+    {"told", told}};
 
 }  // namespace
 
 int main() {
-    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
-        std::string const name = word(words);
-        testsupport::answer(permitted([&] { return obey(verb, name, words); }));
-        return true;
-    });
+    testsupport::obeyLines(commands, [](auto const& act) { return permitted(act); });
     prepareOrbForDeletion();
     objects.clear();
     observers.clear();
+    deskServer.reset();
 }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "ChildProgram.h"
-#include "TestPrograms.h"
 
 namespace testsupport {
 
@@ -18,7 +17,12 @@ public:
     using Command = std::vector<std::string>;
 
     explicit ActorProgram(Command const& command, Environment const& environment = {})
-        : child_(command, {}, environment), greeting_(await("ready")) {}
+        : child_(command, {}, environment) {
+        await("ready");
+    }
+    /** A test program by its name. */
+    explicit ActorProgram(std::string const& program, Environment const& environment = {})
+        : ActorProgram(programCommand(program), environment) {}
 
     ChildProgram& child() { return child_; }
     ChildProgram const& child() const { return child_; }
@@ -45,8 +49,6 @@ public:
         words >> std::hex >> made.ioid >> made.broker >> made.termination;
         return made;
     }
-    /** What stood behind "ready". */
-    std::string const& greeting() const { return greeting_; }
     /** Ends the process in the ordinary way, which sanitizers use for their reports. */
     void finish() {
         child_.closeInput();
@@ -55,7 +57,6 @@ public:
 
 private:
     ChildProgram child_;
-    std::string const greeting_;
 };
 
 }  // namespace testsupport

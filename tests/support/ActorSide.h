@@ -2,9 +2,13 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <type_traits>
 
 namespace testsupport {
 
@@ -29,6 +33,52 @@ void obeyLines(Obey const& obey) {
         if (!obey(verb, words))
             return;
     }
+}
+
+/** What a verb has the program do with the words behind it. */
+class Command {
+public:
+    /** The words are the arguments of `act`; those that are missing are empty, or 0. What it returns
+     * is answered, but for a bool, of which false ends the program's input. */
+    template <class Act>
+    Command(Act act) : run_(reading(std::function(act))) {}
+
+    bool operator()(std::istream& words) const { return run_(words); }
+
+private:
+    template <class Result, class... Words>
+    static std::function<bool(std::istream&)> reading(std::function<Result(Words...)> const& act) {
+        return [act](std::istream& line) {
+            auto const run = [&](auto&... words) {
+                ((line >> words), ...);
+                if constexpr (std::is_same_v<Result, bool>)
+                    return act(words...);
+                else if constexpr (std::is_void_v<Result>)
+                    act(words...);
+                else
+                    answer(act(words...));
+                return true;
+            };
+            std::tuple<std::decay_t<Words>...> words;
+            return std::apply(run, words);
+        };
+    }
+
+    std::function<bool(std::istream&)> const run_;
+};
+
+/** By their verbs. */
+using Commands = std::map<std::string, Command>;
+
+/** Has each line obeyed, but for empty ones, by way of `around`, which calls what it is given. */
+template <class Around>
+void obeyLines(Commands const& commands, Around const& around) {
+    obeyLines([&](std::string const& verb, std::istringstream& words) {
+        return verb.empty() || around([&] { return commands.at(verb)(words); });
+    });
+}
+inline void obeyLines(Commands const& commands) {
+    obeyLines(commands, [](auto const& act) { return act(); });
 }
 
 }  // namespace testsupport

@@ -1,7 +1,6 @@
 #include "ChildProgram.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -10,14 +9,31 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <istream>
+#include <sstream>
 #include <system_error>
 
-#include "TestPrograms.h"
-
 namespace testsupport {
+
+std::vector<std::string> programCommand(std::string const& name) {
+    std::vector<std::string> command;
+    std::istringstream emulator(TEST_EMULATOR);
+    for (std::string part; std::getline(emulator, part, ':');)
+        command.push_back(part);
+    command.push_back(std::string(TEST_PROGRAM_DIR) + "/" + name);
+    return command;
+}
+
+std::vector<std::string> peerProgramCommand(std::string const& name) {
+    char const* const fromEnvironment = std::getenv("REFLECTORB_PEER_DIR");
+    std::string const directory = fromEnvironment ? fromEnvironment : TEST_PEER_DIR;
+    std::string const path = directory + "/tests/programs/" + name;
+    bool const isThere = !directory.empty() && access(path.c_str(), X_OK) == 0;
+    return isThere ? std::vector<std::string>{path} : std::vector<std::string>();
+}
+
 namespace {
 
 struct Pipe {
@@ -76,10 +92,6 @@ bool isStopped(std::filesystem::path const& task) {
 }
 
 }  // namespace
-
-ChildProgram::ChildProgram(std::string const& name, std::vector<std::string> const& arguments,
-                           Environment const& environment)
-    : ChildProgram(programCommand(name), arguments, environment) {}
 
 ChildProgram::ChildProgram(std::vector<std::string> const& command,
                            std::vector<std::string> const& arguments,
@@ -167,33 +179,14 @@ std::optional<std::string> ChildProgram::waitForLineIn(Output& output, std::stri
     return output.lines[next];
 }
 
-std::optional<std::string> ChildProgram::waitForLine(std::string const& part,
-                                                     std::chrono::milliseconds limit) {
-    return waitForLineIn(out_, part, limit);
-}
-
-std::optional<std::string> ChildProgram::waitForErrorLine(std::string const& part,
-                                                          std::chrono::milliseconds limit) {
-    return waitForLineIn(error_, part, limit);
-}
-
-std::vector<std::string> ChildProgram::lines() const {
+std::vector<std::string> ChildProgram::linesOf(Output const& output) const {
     std::lock_guard<std::mutex> const lock(mutex_);
-    return out_.lines;
-}
-
-std::vector<std::string> ChildProgram::errorLines() const {
-    std::lock_guard<std::mutex> const lock(mutex_);
-    return error_.lines;
+    return output.lines;
 }
 
 void ChildProgram::signal(int number) {
     if (!status_)
         ::kill(pid_, number);
-}
-
-void ChildProgram::kill() {
-    signal(SIGKILL);
 }
 
 bool ChildProgram::stopWholly(std::chrono::milliseconds limit) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -15,6 +16,16 @@
 
 namespace testsupport {
 
+/** The command that starts the test program `name` of this build (see `reflectorb_test_program` in
+ * cmake/ReflectOrbTest.cmake), ready for execvp: the program's absolute path, and before it the
+ * emulator where programs of this build need one. */
+std::vector<std::string> programCommand(std::string const& name);
+
+/** The same for the build of another word size that stands beside this one. Its build tree is
+ * named by the environment variable `REFLECTORB_PEER_DIR` or, failing that, by the CMake variable
+ * of that name. Empty if there is none, or if it lacks the program. */
+std::vector<std::string> peerProgramCommand(std::string const& name);
+
 /**
  * A program that a test has started (fork and exec) and that ends with this object at the latest.
  * Threads of its own read both outputs, so that the child never blocks on them.
@@ -26,14 +37,15 @@ class ChildProgram {
 public:
     using Environment = std::map<std::string, std::string>;
 
-    /** Starts a test program by its name (see TestPrograms.h). `environment` adds to the test's. */
-    explicit ChildProgram(std::string const& name, std::vector<std::string> const& arguments = {},
-                          Environment const& environment = {});
-    /** Starts a whole command, such as one of `peerProgramCommand`; throws std::system_error when
-     * the system has no process to give. A command that cannot be executed exits with 127. */
+    /** Starts a whole command; throws std::system_error when the system has no process to give. A
+     * command that cannot be executed exits with 127. `environment` adds to the test's. */
     explicit ChildProgram(std::vector<std::string> const& command,
                           std::vector<std::string> const& arguments = {},
                           Environment const& environment = {});
+    /** Starts a test program by its name. */
+    explicit ChildProgram(std::string const& name, std::vector<std::string> const& arguments = {},
+                          Environment const& environment = {})
+        : ChildProgram(programCommand(name), arguments, environment) {}
     /** Kills the child if it still runs, with all that it has started, and waits for its end. */
     ~ChildProgram();
     ChildProgram(ChildProgram const&) = delete;
@@ -48,17 +60,21 @@ public:
     /** Waits for the next line on standard output that contains `part`, beginning behind the one
      * found last, and answers it; nothing when the child's output has ended or the time is up. */
     std::optional<std::string> waitForLine(std::string const& part,
-                                           std::chrono::milliseconds limit = kPatience);
+                                           std::chrono::milliseconds limit = kPatience) {
+        return waitForLineIn(out_, part, limit);
+    }
     /** The same for standard error, where the child's log goes. */
     std::optional<std::string> waitForErrorLine(std::string const& part,
-                                                std::chrono::milliseconds limit = kPatience);
+                                                std::chrono::milliseconds limit = kPatience) {
+        return waitForLineIn(error_, part, limit);
+    }
     /** All lines so far. */
-    std::vector<std::string> lines() const;
-    std::vector<std::string> errorLines() const;
+    std::vector<std::string> lines() const { return linesOf(out_); }
+    std::vector<std::string> errorLines() const { return linesOf(error_); }
 
     /** Sends a signal: SIGKILL, SIGSTOP, SIGCONT, ... */
     void signal(int number);
-    void kill();
+    void kill() { signal(SIGKILL); }
     /** Sends SIGSTOP and waits until none of the child's threads runs any more; SIGCONT lets them
      * go on. False when the time is up. */
     bool stopWholly(std::chrono::milliseconds limit = kPatience);
@@ -79,6 +95,7 @@ private:
     };
 
     void read(Output& output, int descriptor);
+    std::vector<std::string> linesOf(Output const& output) const;
     std::optional<std::string> waitForLineIn(Output& output, std::string const& part,
                                              std::chrono::milliseconds limit);
 

@@ -95,8 +95,9 @@ struct HandMadeLink {
                 Transport::kLayoutCheck,
                 capacity};
     }
-    void send(Transport::Packet const& packet, int file = -1, int bell = -1) const {
-        sendPacket(socket.get(), packet, file, bell);
+    /** False when the other side has hung up. */
+    bool send(Transport::Packet const& packet, int file = -1, int bell = -1) const {
+        return sendPacket(socket.get(), packet, file, bell) == Transport::Transfer::Done;
     }
     /** What this side gives the other, made but not sent. */
     void makeSide(std::uint32_t capacity = Transport::kSmallestRing) {

@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "ipprmi/TipprmiStream.h"
+#include "reflect/TreflectOrbId.h"
+
 namespace wire {
 
 inline std::string bare(std::string digits) {
@@ -49,8 +52,31 @@ inline std::string text(std::string const& value) {
     return number(static_cast<unsigned int>(value.size())) + hex(value.data(), value.size());
 }
 /** A handle as it is encoded: identifier, namespace, internal id, broker. */
-inline std::string handle(std::string const& name, unsigned int ioid, unsigned int broker) {
+inline std::string handle(std::string const& name, unsigned int ioid = 0, unsigned int broker = 0) {
     return text(name) + number(1) + number(ioid) + number(broker);
+}
+inline std::string handle(unsigned int ioid, TreflectOrbId orb) {
+    return handle("", ioid, orb.value());
+}
+
+/** The data of a stream. */
+inline std::string hex(TipprmiStream const& stream) {
+    return hex(stream.getDataPtr(), static_cast<std::size_t>(stream.getDataSize()));
+}
+/** The data of a message. */
+inline std::string data(TreflectMessage const& message) {
+    return message.empty() ? "nothing came" : hex(TipprmiStream(message, false));
+}
+inline void write(TipprmiStream& stream, std::string const& digits) {
+    for (unsigned char const byte : bytes(digits))
+        stream.marshall(&byte, 1);
+}
+/** A value as it is encoded. */
+template <class T>
+std::string form(T const& value) {
+    TipprmiStream stream(100);
+    stream << value;
+    return hex(stream);
 }
 
 }  // namespace wire

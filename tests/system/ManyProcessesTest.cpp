@@ -1,6 +1,4 @@
 // Several processes that call each other in all directions at once.
-#include <memory>
-
 #include "Slowness.h"
 #include "StationActor.h"
 

@@ -1,7 +1,4 @@
 // A process that serves ends and comes back, while others hold handles on its objects.
-#include <chrono>
-#include <memory>
-
 #include "StationActor.h"
 
 namespace {

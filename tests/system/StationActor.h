@@ -1,6 +1,9 @@
 // The test's side of the program station_actor.
 #pragma once
 
+#include <chrono>
+#include <memory>
+
 #include "ActorProgram.h"
 #include "RendezvousFolder.h"
 

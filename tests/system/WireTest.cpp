@@ -1,12 +1,8 @@
 // Every byte that a broker sends to, and takes from, another process: the test plays the other side
 // with messages that it writes and reads by hand, and has no broker itself.
-#include <algorithm>
-#include <sstream>
-
+#include "RawPeer.h"
 #include "Station.h"
 #include "StationActor.h"
-#include "WireText.h"
-#include "tests/reflect/RawPeer.h"
 
 namespace {
 
@@ -49,12 +45,7 @@ protected:
     std::string transaction(unsigned int count) const {
         return number(count << 20 | (broker().slotId() & 0xFu) << 16 | name());
     }
-    void send(std::string const& digits) {
-        auto const raw = bytes(digits);
-        Transport::AddressedMessage message = peer_->allocateMessage(raw.size(), 5);
-        std::copy(raw.begin(), raw.end(), message.buf());
-        ASSERT_EQ(Transport::Termination(broker()).issue(message), 1);
-    }
+    void send(std::string const& digits) { ASSERT_EQ(peer_->send(broker(), digits), 1); }
     /** The next message, header and data; what is behind the data is of no account. */
     std::string receive() {
         TreflectMessage message = peer_->await(received_++);
@@ -62,12 +53,10 @@ protected:
             return "nothing came";
         EXPECT_EQ(message.originator(), broker());
         Transport::AddressedMessage const& raw = message.addressed();
-        std::size_t const used = raw.size() < 16 ? raw.size() : 16 + dataSize(raw.buf() + 12);
+        std::size_t const used = raw.size() < 16
+                                     ? raw.size()
+                                     : 16 + std::stoul(wire::hex(raw.buf() + 12, 4), nullptr, 16);
         return used > raw.size() ? "claims more than came" : spaced(wire::hex(raw.buf(), used));
-    }
-    static std::size_t dataSize(unsigned char const* field) {
-        return std::size_t{field[0]} << 24 | std::size_t{field[1]} << 16 |
-               std::size_t{field[2]} << 8 | field[3];
     }
     /** Answers the search for "far" as if this side had it. */
     void beFound(unsigned int count) {

@@ -1,28 +1,13 @@
 // A process that serves stations and calls those of others, driven by lines on standard input. An
 // answer that comes from a thread of its own may stand behind those of later lines.
-//
-//   publish NAME [NS]       makes a station; answers "published IOID BROKER TERMINATION"
-//   unpublish NAME          destroys it; answers "unpublished"
-//   total NAME              answers "total SUM" of the numbers added to a station of this process
-//   find NAME [NS]          answers "found IOID BROKER"
-//   keep NAME [NS]          makes a handle and keeps it; answers "kept CONNECTED"
-//   use NAME                calls rotate through the kept handle; answers "used 1" or "used 0 CODE"
-//   useoften NAME COUNT     the same on a thread of its own; answers "calling", then "failed COUNT"
-//   add NAME COUNT          adds 1 so often, one-way, through the kept handle; "added COUNT"
-//   rotate NAME N TEXT      as `use`, through a new handle; "rotated 1 TEXT" or "rotated 0 CODE"
-//   check NAME              calls with every type there and back; "checked" and the faults
-//   allocations             answers "allocations COUNT"
-//   counters TERMINATION    asks a broker for its counters; answers "counters ACTOR
-//                           DESTINATION:SENT:FAILED..."
-//   active SLOT             answers "active"
-//   renew                   deletes all brokers; answers "renewed"
+#include <functional>
 #include <map>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "ActorSide.h"
 #include "AllocationCount.h"
+#include "Permitted.h"
 #include "Station.h"
 
 namespace {
@@ -127,99 +112,37 @@ private:
 
 // ---- The commands -------------------------------------------------------------------------------
 
-class Actor {
-public:
-    /** False when it is no command about a station. */
-    bool handle(std::string const& verb, std::istringstream& words) {
-        static std::map<std::string, void (Actor::*)(std::string const&, std::istringstream&)> const
-            commands{{"publish", &Actor::publish},   {"unpublish", &Actor::unpublish},
-                     {"total", &Actor::total},       {"find", &Actor::find},
-                     {"keep", &Actor::keep},         {"use", &Actor::use},
-                     {"useoften", &Actor::useOften}, {"add", &Actor::add},
-                     {"rotate", &Actor::rotate},     {"check", &Actor::check}};
-        auto const command = commands.find(verb);
-        if (command == commands.end())
-            return false;
-        std::string name;
-        words >> name;
+using Name = std::string;
+
+/** Under the run permission, under which each line is obeyed. They outlive exit. */
+auto& stations = *new std::map<Name, std::unique_ptr<Server>>;
+auto& handles = *new std::map<Name, std::unique_ptr<Client>>;
+
+NamespaceId given(int ns) {
+    return ns == 0 ? NSID_UNIT : static_cast<NamespaceId>(ns);
+}
+
+void publish(Name const& name, int ns) {
+    auto& made = stations[name];
+    made = std::make_unique<Server>(name, given(ns));
+    TreflectORB const& orb = *TreflectORB::getInstance(given(ns));
+    answer(std::hex, "published ", made->getInternalOID(), " ", orb.orbId().value(), " ",
+           orb.termId().value());
+}
+
+void callOften(Client const& far, unsigned int count) {
+    unsigned int failed = 0;
+    answer("calling");
+    for (unsigned int i = 0; i < count; ++i) {
         TreflectHandlerState const inside(true);
-        (this->*command->second)(name, words);
-        return true;
+        failed += !far.answers(i);
     }
+    answer("failed ", failed);
+}
 
-private:
-    static unsigned int number(std::istringstream& words, unsigned int otherwise = 0) {
-        unsigned int value = 0;
-        return words >> value ? value : otherwise;
-    }
-    static NamespaceId namespaceIn(std::istringstream& words) {
-        return static_cast<NamespaceId>(number(words, NSID_UNIT));
-    }
-
-    void publish(std::string const& name, std::istringstream& words) {
-        NamespaceId const ns = namespaceIn(words);
-        auto& made = stations_[name];
-        made = std::make_unique<Server>(name, ns);
-        TreflectORB const& orb = *TreflectORB::getInstance(ns);
-        answer(std::hex, "published ", made->getInternalOID(), " ", orb.orbId().value(), " ",
-               orb.termId().value());
-    }
-    void unpublish(std::string const& name, std::istringstream&) {
-        stations_.erase(name);
-        answer("unpublished");
-    }
-    void total(std::string const& name, std::istringstream&) {
-        answer("total ", stations_.at(name)->total());
-    }
-    void find(std::string const& name, std::istringstream& words) {
-        TipprmiOID const oid(name, namespaceIn(words));
-        auto const location = TreflectORB::getInstance(NSID_UNIT)->locateObject(oid);
-        answer(std::hex, "found ", location.getInternalOID(), " ", location.orbId().value());
-    }
-    void keep(std::string const& name, std::istringstream& words) {
-        auto& handle = handles_[name];
-        handle = std::make_unique<Client>(name, namespaceIn(words));
-        answer("kept ", handle->isConnected());
-    }
-    void use(std::string const& name, std::istringstream&) {
-        auto const text = handles_.at(name)->rotate(1, "abc");
-        answer("used ", text.value() == "bca", text ? "" : " " + std::to_string(text.code()));
-    }
-    void useOften(std::string const& name, std::istringstream& words) {
-        Client const& far = *handles_.at(name);
-        std::thread([&far, count = number(words)] {
-            unsigned int failed = 0;
-            answer("calling");
-            for (unsigned int i = 0; i < count; ++i) {
-                TreflectHandlerState const inside(true);
-                failed += !far.answers(i);
-            }
-            answer("failed ", failed);
-        }).detach();
-    }
-    void add(std::string const& name, std::istringstream& words) {
-        unsigned int added = 0;
-        for (unsigned int left = number(words); left > 0; --left)
-            added += bool(handles_.at(name)->add(1));
-        answer("added ", added);
-    }
-    void rotate(std::string const& name, std::istringstream& words) {
-        unsigned int const count = number(words);
-        std::string text;
-        words >> text;
-        auto const back = Client(name).rotate(count, text);
-        answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
-    }
-    void check(std::string const& name, std::istringstream&) {
-        answer("checked", Check(name).faults());
-    }
-
-    std::map<std::string, std::unique_ptr<Server>> stations_;
-    std::map<std::string, std::unique_ptr<Client>> handles_;
-};
-
-void counters(Transport::TerminationId broker) {
-    auto const info = TreflectORB::getInstance(NSID_UNIT)->getPerfCnts(broker);
+void counters(std::string const& broker) {
+    auto const info = TreflectORB::getInstance(NSID_UNIT)->getPerfCnts(
+        static_cast<unsigned int>(std::stoul(broker, nullptr, 16)));
     std::ostringstream words;
     for (unsigned int i = 0; i < info.counters.getLength(); ++i)
         words << " " << std::hex << info.counters[i].termination.value() << std::dec << ":"
@@ -227,31 +150,73 @@ void counters(Transport::TerminationId broker) {
     answer("counters ", info.actor, words.str());
 }
 
-/** What concerns the process rather than its stations. */
-void handleForProcess(std::string const& verb, std::istringstream& words) {
-    unsigned int number = 0;
-    if (verb == "allocations") {
-        answer("allocations ", allocationCount());
-    } else if (verb == "counters") {
-        words >> std::hex >> number;
-        counters(number);
-    } else if (verb == "active") {
-        words >> number;
-        Transport::Setup::activeSlot(static_cast<int>(number));
-        answer("active");
-    } else if (verb == "renew") {
-        prepareOrbForDeletion();
-        answer("renewed");
-    }
-}
+testsupport::Commands const commands{
+    // Makes a station, in the unit or another namespace; "published IOID BROKER TERMINATION".
+    {"publish", publish},
+    {"unpublish",
+     [](Name name) {
+         stations.erase(name);
+         return "unpublished";
+     }},
+    // The sum of the numbers added to a station of this process.
+    {"total", [](Name name) { answer("total ", stations.at(name)->total()); }},
+    // "found IOID BROKER"
+    {"find",
+     [](Name name, int ns) {
+         auto const location =
+             TreflectORB::getInstance(NSID_UNIT)->locateObject(TipprmiOID(name, given(ns)));
+         answer(std::hex, "found ", location.getInternalOID(), " ", location.orbId().value());
+     }},
+    // Makes a handle and keeps it; "kept CONNECTED".
+    {"keep",
+     [](Name name, int ns) {
+         auto& handle = handles[name];
+         handle = std::make_unique<Client>(name, given(ns));
+         answer("kept ", handle->isConnected());
+     }},
+    // Calls rotate through the kept handle; "used 1" or "used 0 CODE".
+    {"use",
+     [](Name name) {
+         auto const text = handles.at(name)->rotate(1, "abc");
+         answer("used ", text.value() == "bca", text ? "" : " " + std::to_string(text.code()));
+     }},
+    // The same so many times on a thread of its own; "calling", then "failed COUNT".
+    {"useoften",
+     [](Name name, unsigned int count) {
+         std::thread(callOften, std::cref(*handles.at(name)), count).detach();
+     }},
+    // Adds 1 so often, one-way, through the kept handle; "added COUNT".
+    {"add",
+     [](Name name, unsigned int count) {
+         unsigned int added = 0;
+         for (unsigned int left = count; left > 0; --left)
+             added += bool(handles.at(name)->add(1));
+         answer("added ", added);
+     }},
+    // As "use", through a new handle; "rotated 1 TEXT" or "rotated 0 CODE".
+    {"rotate",
+     [](Name name, unsigned int count, std::string text) {
+         auto const back = Client(name).rotate(count, text);
+         answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
+     }},
+    // Calls with every type there and back; "checked" and the faults.
+    {"check", [](Name name) { answer("checked", Check(name).faults()); }},
+    {"allocations", [] { answer("allocations ", allocationCount()); }},
+    // Of a broker; "counters ACTOR DESTINATION:SENT:FAILED...".
+    {"counters", counters},
+    {"active",
+     [](int slot) {
+         Transport::Setup::activeSlot(slot);
+         return "active";
+     }},
+    // Deletes all brokers.
+    {"renew", [] {
+         prepareOrbForDeletion();
+         return "renewed";
+     }}};
 
 }  // namespace
 
 int main() {
-    static Actor& actor = *new Actor;  // its stations outlive exit
-    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
-        if (!actor.handle(verb, words))
-            handleForProcess(verb, words);
-        return true;
-    });
+    testsupport::obeyLines(commands, [](auto const& act) { return permitted(act); });
 }

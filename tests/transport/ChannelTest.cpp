@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,15 +15,22 @@ using Transport::kLargestMessage;
 class ChannelTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(own_.start(), 1); }
-    bool meet(Peer& peer) { return peer.id().value() != 0 && own_.waitUntilKnown(peer.id()); }
+    /** Another process, which this one knows. */
+    struct Met : Peer {
+        explicit Met(TestTermination& own) { EXPECT_TRUE(own.waitUntilKnown(id())); }
+    };
+    /** Stops a process to which there is a channel. */
+    void stop(Peer& peer) {
+        ASSERT_TRUE(own_.ping(peer.id(), 1));
+        ASSERT_TRUE(peer.child().stopWholly());
+    }
 
     testsupport::RendezvousFolder folder_;
     TestTermination own_;
 };
 
 TEST_F(ChannelTest, MessagesOfEverySizeComeBackAsTheyWereSent) {
-    Peer peer;
-    ASSERT_TRUE(meet(peer));
+    Met peer(own_);
     std::uint32_t number = 0;
     for (std::size_t const size : {8u, 9u, 100u, 4096u, 16'375u, 16'376u, 16'384u, 65'536u,
                                    300'000u, 1'048'576u, 5'000'001u})
@@ -35,8 +41,7 @@ TEST_F(ChannelTest, MessagesOfEverySizeComeBackAsTheyWereSent) {
 }
 
 TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
-    Peer peer;
-    ASSERT_TRUE(meet(peer));
+    Met peer(own_);
     ASSERT_TRUE(peer.child().stopWholly());
     std::uint32_t number = 0;
     // Queued before the channel stands, then by pieces and in rings of every capacity.
@@ -54,8 +59,7 @@ TEST_F(ChannelTest, OrderHoldsFromTheFirstMessageThroughGrowthAndFullRings) {
 TEST_F(ChannelTest, BothSidesMayConnectAtOnceAndFloodEachOther) {
     std::uint32_t received = 0;
     for (std::uint32_t const count : {1000u, 1000u, 1000u, 100'000u}) {
-        Peer peer;
-        ASSERT_TRUE(meet(peer));
+        Met peer(own_);
         peer.flood(own_.termId(), count, 200);
         for (std::uint32_t i = 0; i < count; ++i)
             ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 200), 1);
@@ -68,18 +72,15 @@ TEST_F(ChannelTest, BothSidesMayConnectAtOnceAndFloodEachOther) {
 }
 
 TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {
-    Peer peer;
-    ASSERT_TRUE(meet(peer));
-    ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.child().stopWholly());
+    Met peer(own_);
+    stop(peer);
     std::uint32_t taken = 0;
     constexpr std::size_t kSize = 256 * 1024;
     while (own_.send(peer.id(), TestHead::Numbered, taken, kSize) == 1)
         ASSERT_LT(++taken, 400u) << "no limit";
     EXPECT_GE(taken, 64u * 1024 * 1024 / kSize - 1);
     EXPECT_EQ(own_.tally().returned, 0u);
-    Peer other;
-    ASSERT_TRUE(meet(other));
+    Met other(own_);
     EXPECT_TRUE(own_.ping(other.id(), 2)) << "a full queue disturbs another destination";
     peer.child().signal(SIGCONT);
     EXPECT_TRUE(peer.waitForReceived(taken));
@@ -88,10 +89,8 @@ TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimi
 }
 
 TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
-    Peer peer;
-    ASSERT_TRUE(meet(peer));
-    ASSERT_TRUE(own_.ping(peer.id(), 1));
-    ASSERT_TRUE(peer.child().stopWholly());
+    Met peer(own_);
+    stop(peer);
     // In the ring, in larger ones, in pieces and in the queue.
     std::uint32_t taken = 0;
     for (std::size_t const size : {100u, 100u, 10'000u, 100'000u, 900'000u, 2'000'000u, 100u})
@@ -106,11 +105,9 @@ TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
 }
 
 TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
-    Peer steady;
-    ASSERT_TRUE(meet(steady));
+    Met steady(own_);
     for (std::size_t const size : {24u, 3000u, 700'000u}) {
-        auto peer = std::make_unique<Peer>();
-        ASSERT_TRUE(meet(*peer));
+        auto peer = std::make_unique<Met>(own_);
         std::uint32_t const before = own_.tally().received;
         peer->flood(own_.termId(), 4'000'000'000, size);
         ASSERT_TRUE(own_.waitForReceived(before + 20));
@@ -123,8 +120,7 @@ TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {
 
 TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
     for (std::uint32_t round = 1; round <= 3; ++round) {
-        Peer peer;
-        ASSERT_TRUE(meet(peer));
+        Met peer(own_);
         peer.flood(own_.termId(), 300, 5000);
         peer.child().closeInput();
         EXPECT_EQ(peer.child().exitCode(), 0);
@@ -134,8 +130,7 @@ TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
 }
 
 TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
-    Peer peer;
-    ASSERT_TRUE(meet(peer));
+    Met peer(own_);
     ASSERT_TRUE(own_.ping(peer.id(), 1));
     pid_t const child = ::fork();
     if (child == 0) {
@@ -150,10 +145,8 @@ TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
 }
 
 TEST_F(ChannelTest, OneCannotSendInAnotherName) {
-    Peer peer;
-    Peer other;
-    ASSERT_TRUE(meet(peer));
-    ASSERT_TRUE(meet(other));
+    Met peer(own_);
+    Met other(own_);
     Transport::AddressedMessage message = own_.allocateMessage(64, 5);
     message.originator(other.id());
     EXPECT_EQ(Transport::Termination(peer.id()).issue(message), 0);

@@ -1,15 +1,12 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/fuse.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -24,11 +21,7 @@
 #include "LogCapture.h"
 #include "Peer.h"
 #include "RendezvousFolder.h"
-#include "TestTermination.h"
-#include "Waiting.h"
 #include "platform/transport/local/Acceptor.h"
-#include "platform/transport/local/Bell.h"
-#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 
@@ -87,50 +80,50 @@ private:
  * A peer that speaks the protocol by hand, and badly if told to. It owns a real entry of the
  * rendezvous folder, so the termination under test takes it for one of its kind.
  */
-class HandMadePeer {
+class HandMadePeer : public testsupport::HandMadeLink {
 public:
     HandMadePeer() {
-        link_.from = Rendezvous::instance().reserve(kGroup, "hand-made");
-        listening_ = Descriptor(Rendezvous::instance().publish(id()));
+        from = Rendezvous::instance().reserve(kGroup, "hand-made");
+        listening_ = Descriptor(Rendezvous::instance().publish(from));
     }
-    ~HandMadePeer() { Rendezvous::instance().withdraw(id()); }
+    ~HandMadePeer() { Rendezvous::instance().withdraw(from); }
 
-    TerminationId id() const { return link_.from; }
-    int socket() const { return link_.socket.get(); }
-    int bell() const { return link_.own.bell.get(); }
-    ControlPage& page() { return link_.own.page(); }
+    ControlPage& page() { return own.page(); }
 
-    bool connect(TerminationId to) {
-        link_.to = to;
-        formerSocket_ = std::move(link_.socket);
-        link_.socket = Descriptor(Rendezvous::instance().connectTo(to));
-        return link_.socket.valid();
+    bool connect(TerminationId destination) {
+        to = destination;
+        formerSocket_ = std::move(socket);
+        socket = Descriptor(Rendezvous::instance().connectTo(to));
+        return socket.valid();
     }
     void accept() {
         waitReadable(listening_.get());
-        link_.socket = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        socket = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
     void stopListening() { listening_ = Descriptor(); }
-    Packet packet(Packet::Kind kind, std::uint32_t capacity = 0) const {
-        return link_.packet(kind, capacity);
+    void hangUp() { socket.reset(); }
+    /** A Hello with a fault. */
+    Packet badHello(void (*spoil)(Packet&)) const {
+        Packet hello = packet(Packet::Hello, kSmallestRing);
+        spoil(hello);
+        return hello;
     }
-    void hangUp() { link_.socket = Descriptor(); }
-    void prepare() { link_.makeSide(); }
+    /** With what has been made before, if anything. */
     void sayHello() {
-        if (!link_.own.valid() || !link_.own.file.valid())
-            prepare();
-        link_.introduce();
+        if (!own.valid() || !own.file.valid())
+            makeSide();
+        introduce();
     }
     bool isWelcome() {
         ReceivedPacket received;
-        if (waitForPacket(socket(), received) != Transfer::Done ||
+        if (waitForPacket(socket.get(), received) != Transfer::Done ||
             received.packet.kind != Packet::Welcome)
             return false;
-        link_.peer = PeerSide::of(received);
-        return link_.peer.valid();
+        peer = PeerSide::of(received);
+        return peer.valid();
     }
-    bool open(TerminationId to) {
-        if (!connect(to))
+    bool open(TerminationId destination) {
+        if (!connect(destination))
             return false;
         sayHello();
         return isWelcome();
@@ -139,41 +132,39 @@ public:
     bool welcome() {
         accept();
         ReceivedPacket received;
-        if (waitForPacket(socket(), received) != Transfer::Done ||
+        if (waitForPacket(socket.get(), received) != Transfer::Done ||
             received.packet.kind != Packet::Hello)
             return false;
-        link_.peer = PeerSide::of(received);
-        prepare();
-        return link_.peer.valid() &&
-               sendPacket(socket(), packet(Packet::Welcome, kSmallestRing), link_.own.file.get(),
-                          link_.own.bell.get()) == Transfer::Done;
+        peer = PeerSide::of(received);
+        makeSide();
+        return peer.valid() &&
+               send(packet(Packet::Welcome, kSmallestRing), own.file.get(), own.bell.get());
     }
     /** Whether the other side sleeps. */
-    bool mustRing() const { return link_.peer.page().asleep.load() != 0; }
+    bool mustRing() const { return peer.page().asleep.load() != 0; }
     /** Bytes that lie in the other side's ring, or have lain there. */
-    std::uint32_t wasSent() const { return link_.peer.page().tail.load(); }
+    std::uint32_t wasSent() const { return peer.page().tail.load(); }
     /** Of the next packet; Bye when none comes. */
     int nextKind() {
         ReceivedPacket received;
-        bool const came = waitForPacket(socket(), received) == Transfer::Done;
+        bool const came = waitForPacket(socket.get(), received) == Transfer::Done;
         return came ? received.packet.kind : static_cast<int>(Packet::Bye);
     }
     /** Whether the connection is closed, after whatever else comes. */
     bool isDropped() {
         ReceivedPacket received;
-        Transfer transfer = waitForPacket(socket(), received);
+        Transfer transfer = waitForPacket(socket.get(), received);
         while (transfer == Transfer::Done)
-            transfer = waitForPacket(socket(), received);
+            transfer = waitForPacket(socket.get(), received);
         return transfer == Transfer::Closed;
     }
-    void ring(FrameHead const& head, std::uint32_t tail) {
-        link_.write(0, &head, sizeof head);
+    void put(FrameHead const& head, std::uint32_t tail) {
+        write(0, &head, sizeof head);
         page().tail.store(tail);
-        link_.ring();
+        ring();
     }
 
 private:
-    testsupport::HandMadeLink link_;
     Descriptor listening_;
     Descriptor formerSocket_;  // stays open
 };
@@ -201,18 +192,10 @@ protected:
 TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
     HandMadePeer peer;
     std::vector<std::function<void()>> const nonsense = {
-        [&] { ::send(peer.socket(), "hello", 5, 0); },
-        [&] {
-            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
-            packet.version = 77;
-            sendPacket(peer.socket(), packet);
-        },
-        [&] {
-            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
-            packet.to ^= 1;
-            sendPacket(peer.socket(), packet);
-        },
-        [&] { sendPacket(peer.socket(), peer.packet(Packet::Bye)); },
+        [&] { ::send(peer.socket.get(), "hello", 5, 0); },
+        [&] { peer.send(peer.badHello([](Packet& packet) { packet.version = 77; })); },
+        [&] { peer.send(peer.badHello([](Packet& packet) { packet.to ^= 1; })); },
+        [&] { peer.send(peer.packet(Packet::Bye)); },
     };
     for (auto const& send : nonsense) {
         ASSERT_TRUE(peer.connect(own_.termId()));
@@ -222,7 +205,7 @@ TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
     EXPECT_TRUE(log_.waitFor("it sent nonsense", nonsense.size()));
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(peer.connect(own_.termId()));
-        ::send(peer.socket(), "hello", 5, 0);
+        ::send(peer.socket.get(), "hello", 5, 0);
         EXPECT_TRUE(peer.isDropped());
     }
     EXPECT_LT(log_.count("it sent nonsense"), 50u) << "at will";
@@ -280,13 +263,12 @@ TEST_F(HandshakeTest, ManyWhoSayNothingMakeRoomForOthersTheOldestFirst) {
 
 TEST_F(HandshakeTest, AProcessCannotClaimATerminationOfAnother) {
     Peer const child;
-    Packet claim{kMagic,       kProtocolVersion, Packet::Hello, 0, own_.termId().value(),
-                 kLayoutCheck, kSmallestRing};
     HandMadePeer peer;
     for (unsigned int const id : {child.id().value(), 0x03010ABCu}) {
         ASSERT_TRUE(peer.connect(own_.termId()));
+        Packet claim = peer.packet(Packet::Hello, kSmallestRing);
         claim.from = id;
-        sendPacket(peer.socket(), claim);
+        peer.send(claim);
         EXPECT_TRUE(peer.isDropped());
     }
     EXPECT_TRUE(log_.waitFor("refused process", 2));
@@ -314,7 +296,7 @@ TEST_F(HandshakeTest, MemoryThatIsNotSealedOrTheBellOfAnotherKindIsRefused) {
     };
     for (auto const& bad : cases) {
         ASSERT_TRUE(peer.connect(own_.termId()));
-        sendPacket(peer.socket(), peer.packet(Packet::Hello, bad.capacity), bad.file, bad.bell);
+        peer.send(peer.packet(Packet::Hello, bad.capacity), bad.file, bad.bell);
         EXPECT_TRUE(peer.isDropped());
     }
     EXPECT_TRUE(log_.waitFor("its shared memory makes no sense", std::size(cases)));
@@ -325,18 +307,18 @@ TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndNoOther) {
     ASSERT_TRUE(good.open(own_.termId()));
     std::vector<std::function<void(HandMadePeer&)>> const nonsense = {
         [](HandMadePeer& peer) {
-            peer.ring({100, 8}, 112);
+            peer.put({100, 8}, 112);
         },
         [](HandMadePeer& peer) {
-            peer.ring({0, kNextRing}, 8);
+            peer.put({0, kNextRing}, 8);
         },
-        [](HandMadePeer& peer) { sendPacket(peer.socket(), peer.packet(Packet::Hello)); },
-        [](HandMadePeer& peer) { sendPacket(peer.socket(), peer.packet(Packet::NextRing)); },
-        [](HandMadePeer& peer) { ::send(peer.socket(), "x", 1, 0); },
+        [](HandMadePeer& peer) { peer.send(peer.packet(Packet::Hello)); },
+        [](HandMadePeer& peer) { peer.send(peer.packet(Packet::NextRing)); },
+        [](HandMadePeer& peer) { ::send(peer.socket.get(), "x", 1, 0); },
         [this](HandMadePeer& peer) {
             peer.page().head.store(0x80000000);
             for (std::uint32_t i = 0; i < 100; ++i)
-                own_.send(peer.id(), TestHead::Numbered, i, 1000);
+                own_.send(peer.from, TestHead::Numbered, i, 1000);
         },
     };
     for (auto const& spoil : nonsense) {
@@ -346,17 +328,17 @@ TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndNoOther) {
         EXPECT_TRUE(peer.isDropped());
     }
     EXPECT_TRUE(log_.waitFor("closing the channel", nonsense.size()));
-    good.ring({0, 0}, 8);
+    good.put({0, 0}, 8);
     EXPECT_TRUE(own_.waitForReceived(1)) << "the good one has suffered";
 }
 
 TEST_F(HandshakeTest, WhatABrokenChannelHeldComesBackAndTheNextMessageMakesANewOne) {
     HandMadePeer peer;
     ASSERT_TRUE(peer.open(own_.termId()));
-    ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
-    peer.ring({100, 8}, 112);
+    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
+    peer.put({100, 8}, 112);
     EXPECT_TRUE(own_.waitForReturned(1));
-    ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
+    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
     peer.accept();
     EXPECT_EQ(peer.nextKind(), Packet::Hello);
 }
@@ -377,7 +359,7 @@ TEST_F(HandshakeTest, WhatIsSentAgainComesBackForGoodTheNextTime) {
     ASSERT_TRUE(peer.open(own.termId()));
     std::size_t const sizes[] = {100, 10'000};  // the second one goes by pieces
     for (std::size_t const size : sizes)
-        ASSERT_EQ(own.send(peer.id(), TestHead::Numbered, 0, size), 1);
+        ASSERT_EQ(own.send(peer.from, TestHead::Numbered, 0, size), 1);
     peer.hangUp();
     ASSERT_TRUE(peer.welcome());
     EXPECT_TRUE(testsupport::eventually([&] { return peer.wasSent() > sizes[0] + sizes[1]; }));
@@ -398,13 +380,13 @@ void fillAndMakeBlocking(int bell) {
 TEST_F(HandshakeTest, APeerThatMakesItsBellBlockHoldsUpNobody) {
     HandMadePeer peer;
     ASSERT_TRUE(peer.open(own_.termId()));
-    fillAndMakeBlocking(peer.bell());
+    fillAndMakeBlocking(peer.own.bell.get());
     for (std::uint32_t i = 1; i <= 3; ++i) {
         // Whoever sends rings, and so does the receiving thread for a peer that wants room.
         peer.page().asleep.store(i);
-        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, i, 100), 1);
+        ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, i, 100), 1);
         peer.page().wantsSpace.store(i);
-        peer.ring({0, 0}, 8 * i);
+        peer.put({0, 0}, 8 * i);
     }
     EXPECT_TRUE(own_.waitForReceived(3));
     expectThatAGoodOneIsWelcome();
@@ -416,28 +398,23 @@ using Pass = std::function<bool(HandMadePeer&, int)>;
 TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
     std::vector<Pass> const ways = {
         [](HandMadePeer& peer, int fd) {  // by a stranger
-            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
-            packet.version = 77;
-            return sendPacket(peer.socket(), packet, fd) == Transfer::Done;
+            return peer.send(peer.badHello([](Packet& packet) { packet.version = 77; }), fd);
         },
         [](HandMadePeer& peer, int fd) {  // and never read
-            ::send(peer.socket(), "x", 1, 0);
-            ::send(peer.socket(), "", 0, 0);  // looks like the end
-            return sendPacket(peer.socket(), peer.packet(Packet::Hello), fd) == Transfer::Done;
+            ::send(peer.socket.get(), "x", 1, 0);
+            ::send(peer.socket.get(), "", 0, 0);  // looks like the end
+            return peer.send(peer.packet(Packet::Hello), fd);
         },
         [](HandMadePeer& peer, int fd) {  // in another's name
-            Packet packet = peer.packet(Packet::Hello, kSmallestRing);
-            packet.from = 0x03010ABC;
-            return sendPacket(peer.socket(), packet, fd, fd) == Transfer::Done;
+            return peer.send(peer.badHello([](Packet& packet) { packet.from = 0x03010ABC; }), fd,
+                             fd);
         },
         [](HandMadePeer& peer, int fd) {  // by a peer
-            Packet const packet = peer.packet(Packet::Hello, kSmallestRing);
-            return sendPacket(peer.socket(), packet, fd, fd) == Transfer::Done;
+            return peer.send(peer.packet(Packet::Hello, kSmallestRing), fd, fd);
         },
         [](HandMadePeer& peer, int fd) {
             peer.sayHello();
-            Packet const packet = peer.packet(Packet::NextRing, kUsualRing);
-            return peer.isWelcome() && sendPacket(peer.socket(), packet, fd) == Transfer::Done;
+            return peer.isWelcome() && peer.send(peer.packet(Packet::NextRing, kUsualRing), fd);
         },
     };
     for (Pass const& pass : ways) {
@@ -504,7 +481,7 @@ TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
         ASSERT_TRUE(peer.connect(own_.termId()));
         SocketPair pair;
         passAll(pair.near.get(), peer.packet(Packet::Hello), one);
-        sendPacket(peer.socket(), peer.packet(Packet::Left), pair.far.get());
+        peer.send(peer.packet(Packet::Left), pair.far.get());
         pair.far.reset();
         EXPECT_TRUE(peer.isDropped());
     }
@@ -585,7 +562,7 @@ TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
     HandMadePeer peer;
     auto const pass = [&](int fd) {
         ASSERT_TRUE(peer.connect(own_.termId()));
-        sendPacket(peer.socket(), peer.packet(Packet::Hello, kSmallestRing), fd, fd);
+        peer.send(peer.packet(Packet::Hello, kSmallestRing), fd, fd);
         EXPECT_TRUE(peer.isDropped());
     };
     for (int i = 0; i < 20; ++i)
@@ -605,7 +582,7 @@ TEST_F(HandshakeTest, MoreThanThereIsRoomForIsNotClosedByWhoeverReceivesIt) {
     std::vector<LingeringConnection> connections(6);
     {
         NoDescriptors const few(3);
-        passAll(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), connections);
+        passAll(peer.socket.get(), peer.packet(Packet::NextRing, kUsualRing), connections);
         EXPECT_TRUE(peer.isDropped());
     }
     expectThatAGoodOneIsWelcome();
@@ -630,7 +607,7 @@ TEST(PacketTest, APeerThatHasNotReadAllIsHeardToTheEnd) {
 
 TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     HandMadePeer peer;
-    peer.prepare();
+    peer.makeSide();
     std::size_t const before = openDescriptors("socket:");
     ASSERT_TRUE(peer.connect(own_.termId()));
     ASSERT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") == before + 2; }));
@@ -643,8 +620,8 @@ TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     Descriptor const file = makeSealedFile(kUsualRing);  // the bytes in it are frames of nothing
     {
         NoDescriptors const none;
-        sendPacket(peer.socket(), peer.packet(Packet::NextRing, kUsualRing), file.get());
-        peer.ring({0, kNextRing}, 24);
+        peer.send(peer.packet(Packet::NextRing, kUsualRing), file.get());
+        peer.put({0, kNextRing}, 24);
         EXPECT_TRUE(log_.waitFor("waits: no descriptor is left"));
     }
     EXPECT_TRUE(own_.waitForReceived(2));
@@ -680,14 +657,14 @@ TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     HandMadePeer good;
     HandMadePeer noisy;
     Watching own;
-    own.at(1000, noisy.id(), [&] { good.ring({0, 0}, 8); });
+    own.at(1000, noisy.from, [&] { good.put({0, 0}, 8); });
     ASSERT_EQ(own.start(), 1);
     ASSERT_TRUE(good.open(own.termId()));
     ASSERT_TRUE(noisy.open(own.termId()));
     noisy.page().tail.store(8 * kMany);  // of nothing each
     noisy.hangUp();
     ASSERT_TRUE(own.waitForReceived(kMany + 1));
-    EXPECT_EQ(own.last(), noisy.id()) << "all of them came in one go";
+    EXPECT_EQ(own.last(), noisy.from) << "all of them came in one go";
 }
 
 TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
@@ -695,20 +672,20 @@ TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
     HandMadePeer quiet;
     HandMadePeer busy;
     Watching own;
-    own.at(1, busy.id(), [&] {
+    own.at(1, busy.from, [&] {
         EXPECT_TRUE(stranger.connect(own.termId()));
-        quiet.ring({0, 0}, 8);
+        quiet.put({0, 0}, 8);
         starve(1);
     });
     ASSERT_EQ(own.start(), 1);
     ASSERT_TRUE(quiet.open(own.termId()));
     ASSERT_TRUE(busy.open(own.termId()));
-    busy.ring({0, 0}, 8);
+    busy.put({0, 0}, 8);
     ASSERT_TRUE(own.waitForReceived(1));
     ASSERT_TRUE(testsupport::eventually([&] { return quiet.mustRing(); }));
     {
         Sated const sated;
-        busy.ring({0, 0}, 16);
+        busy.put({0, 0}, 16);
         EXPECT_TRUE(own.waitForReceived(3));
     }
     EXPECT_TRUE(feed());
@@ -716,8 +693,8 @@ TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
 
 TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {
     HandMadePeer higher;
-    ASSERT_LT(own_.termId(), higher.id());
-    ASSERT_EQ(own_.send(higher.id(), TestHead::Numbered, 0, 100), 1);
+    ASSERT_LT(own_.termId(), higher.from);
+    ASSERT_EQ(own_.send(higher.from, TestHead::Numbered, 0, 100), 1);
     higher.accept();
     EXPECT_EQ(higher.nextKind(), Packet::Hello);
     ASSERT_TRUE(higher.connect(own_.termId()));
@@ -728,7 +705,7 @@ TEST_F(HandshakeTest, TheLowerIdWinsWhenBothSayHello) {
 TEST_F(HandshakeTest, WhoHangsUpIsTriedAgainAlsoWhenOthersHaveComeMeanwhile) {
     std::vector<HandMadePeer> hesitant(2);
     for (HandMadePeer& peer : hesitant) {
-        ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0, 100), 1);
+        ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
         peer.accept();
         EXPECT_EQ(peer.nextKind(), Packet::Hello);
     }
@@ -746,7 +723,7 @@ TEST_F(HandshakeTest, WhoHangsUpIsTriedAgainAlsoWhenOthersHaveComeMeanwhile) {
 TEST_F(HandshakeTest, WhatNobodyListensForComesBack) {
     HandMadePeer deaf;
     deaf.stopListening();
-    ASSERT_EQ(own_.send(deaf.id(), TestHead::Numbered, 0), 1);
+    ASSERT_EQ(own_.send(deaf.from, TestHead::Numbered, 0), 1);
     EXPECT_TRUE(own_.waitForReturned(1));
     EXPECT_TRUE(log_.waitFor("nobody listens there"));
 }

@@ -52,7 +52,7 @@ TEST_F(IdentityTest, nonsenseInTheEnvironmentIsReportedAndGivesNoTerminations) {
     PresenceActor::Environment const cases[] = {
         {{"TRANSPORT_SLOT", "0"}},         {{"TRANSPORT_SLOT", "1x"}},
         {{"TRANSPORT_SLOT", "256"}},       {{"TRANSPORT_ACTIVE_SLOT", "3"}},
-        {{"TRANSPORT_AXU_SLOTS", "3,,4"}}, {{"TRANSPORT_AXU_SLOTS", "1"}},
+        {{"TRANSPORT_AXU_SLOTS", "3,,4"}}, {{"TRANSPORT_AXU_SLOTS", "2"}},
         {{"TRANSPORT_ACTOR", "a\nb"}},     {{"TRANSPORT_DIR", "relative"}}};
     for (auto const& environment : cases) {
         std::string const text = environment.begin()->first + "=" + environment.begin()->second;

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -9,7 +8,6 @@
 
 #include "RendezvousFolder.h"
 #include "TestTermination.h"
-#include "Waiting.h"
 
 namespace transporttest {
 namespace {

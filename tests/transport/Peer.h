@@ -11,7 +11,7 @@ namespace transporttest {
 class Peer : public testsupport::ActorProgram {
 public:
     Peer()
-        : ActorProgram(testsupport::programCommand("transport_peer")),
+        : ActorProgram("transport_peer"),
           id_(static_cast<unsigned int>(std::stoul(ask("id", "id")))) {}
 
     Transport::TerminationId id() const { return id_; }

@@ -1,8 +1,6 @@
 // Processes that see each other come, stop and die, through a rendezvous folder.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>

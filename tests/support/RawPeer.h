@@ -1,13 +1,16 @@
 // A termination that speaks the brokers' wire format by hand, so that tests see and send every
-// byte.
+// byte: it plays the process of an object, or of a caller.
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "Waiting.h"
+#include "WireText.h"
 #include "ipprmi.h"
 #include "reflect.h"
 #include "transport.h"
@@ -59,6 +62,13 @@ public:
     int send(Transport::TerminationId to, TreflectMessage& message) {
         return Transport::Termination(to).issue(message.addressed());
     }
+    /** A whole message, header included, as digits. */
+    int send(Transport::TerminationId to, std::string const& digits) {
+        auto const raw = wire::bytes(digits);
+        Transport::AddressedMessage message = allocateMessage(raw.size(), 5);
+        std::copy(raw.begin(), raw.end(), message.buf());
+        return Transport::Termination(to).issue(message);
+    }
     /** Answers `request` with what `write` puts into the response. */
     void answer(TreflectMessage const& request, std::function<void(TipprmiStream&)> const& write) {
         TipprmiStream response(
@@ -68,9 +78,10 @@ public:
     }
     /** A request for a call of an object. */
     void sendCall(Transport::TerminationId to, unsigned int id, unsigned int ioid, bool transaction,
-                  unsigned int cc, int mc) {
+                  unsigned int cc, int mc, std::string const& arguments = "") {
         TipprmiStream request(make(id, TreflectMessage::tPayload, TreflectMessage::kRequest), true);
         request << ioid << transaction << cc << mc;
+        wire::write(request, arguments);
         send(to, request.msg());
     }
 
@@ -80,3 +91,71 @@ private:
     std::condition_variable arrived_;
     std::vector<TreflectMessage> received_;  // guarded by mutex_
 };
+
+namespace wire {
+
+/** The head of a call. */
+struct Call {
+    unsigned int ioid = 0;
+    bool transaction = false;
+    unsigned int cc = 0;
+    unsigned int mc = 0;
+};
+
+inline Call callOf(TreflectMessage const& message) {
+    Call call;
+    if (message.type() != TreflectMessage::tPayload || message.kind() != TreflectMessage::kRequest)
+        return {0, false, 0, 0xFFFFFFFF};
+    TipprmiStream stream(message, false);
+    stream >> call.ioid >> call.transaction >> call.cc >> call.mc;
+    return call;
+}
+
+/** The first message that fits; an empty one when it does not come. */
+template <class Fits>
+TreflectMessage awaitWhere(RawPeer& peer, Fits const& fits) {
+    for (std::size_t i = 0;; ++i) {
+        TreflectMessage const message = peer.await(i);
+        if (message.empty() || fits(message))
+            return message;
+    }
+}
+inline TreflectMessage awaitCall(RawPeer& peer, unsigned int mc) {
+    return awaitWhere(peer, [mc](TreflectMessage const& m) { return callOf(m).mc == mc; });
+}
+inline TreflectMessage awaitSearch(RawPeer& peer) {
+    return awaitWhere(
+        peer, [](TreflectMessage const& m) { return m.type() == TreflectMessage::tResolve; });
+}
+inline TreflectMessage awaitResponse(RawPeer& peer, unsigned int id) {
+    return awaitWhere(peer, [id](TreflectMessage const& m) {
+        return m.kind() == TreflectMessage::kResponse && m.transactionId() == id;
+    });
+}
+
+constexpr char kEmptyContainer[] = "0000000000000000";
+constexpr char kNotServed[] = "000000010000000400000000";
+
+inline void answer(RawPeer& peer, TreflectMessage const& request, std::string const& digits) {
+    peer.answer(request, [&](TipprmiStream& s) { write(s, digits); });
+}
+/** Answers calls with an empty container, but for those of `held`. */
+inline RawPeer::Reaction answeringAllBut(std::vector<unsigned int> const& held) {
+    return [held](RawPeer& self, TreflectMessage& message) {
+        unsigned int const mc = callOf(message).mc;
+        if (mc != 0xFFFFFFFF && std::find(held.begin(), held.end(), mc) == held.end())
+            answer(self, message, kEmptyContainer);
+    };
+}
+
+/** A handle as it comes out of its encoding. Under the run permission. */
+template <class Handle = TreflectObject>
+Handle handleFrom(std::string const& digits) {
+    TipprmiStream stream(100);
+    write(stream, digits);
+    Handle result;
+    stream >> result;
+    return result;
+}
+
+}  // namespace wire

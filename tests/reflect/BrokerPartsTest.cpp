@@ -1,0 +1,341 @@
+// The parts of a broker that need no broker.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "LogCapture.h"
+#include "reflect/broker/InternalIds.h"
+#include "reflect/broker/MessageQueue.h"
+#include "reflect/broker/OngoingRequest.h"
+#include "reflect/broker/OrbIdentity.h"
+#include "reflect/broker/RequestTable.h"
+#include "reflect/broker/ScriptRunner.h"
+#include "transport/IdInfo.h"
+
+namespace {
+
+// ---- Ids of objects -----------------------------------------------------------------------------
+
+TEST(InternalIds, takenOrZeroGivesTheNextFreeOne) {
+    handlerthreads::trustPermission();
+    InternalIds ids;
+    EXPECT_EQ(ids.take(100), 100u);
+    EXPECT_EQ(ids.take(101), 101u);
+    EXPECT_EQ(ids.take(100), 102u);
+    EXPECT_EQ(ids.take(0), 1u);
+    EXPECT_EQ(ids.take(0xFFFFFFFF), 0xFFFFFFFFu);
+    EXPECT_EQ(ids.take(0xFFFFFFFF), 2u) << "after the highest comes the lowest";
+}
+
+TEST(InternalIds, idRestsFor65536Registrations) {
+    handlerthreads::trustPermission();
+    InternalIds ids;
+    ids.take(100);
+    ids.giveBack(100, nullptr);
+    for (unsigned int i = 0; i < 65536; ++i)
+        ASSERT_NE(ids.take(100), 100u) << "registration " << i + 1;
+    EXPECT_EQ(ids.take(100), 100u);
+}
+
+TEST(InternalIds, restingIdIsThatOfItsOwnerOnly) {
+    handlerthreads::trustPermission();
+    InternalIds ids;
+    int owner = 0;
+    int other = 0;
+    ids.take(100);
+    ids.take(101);
+    ids.giveBack(100, &owner);
+    ids.giveBack(101, &other);
+    EXPECT_FALSE(ids.takeAgain(100, &other));
+    EXPECT_FALSE(ids.takeAgain(102, &owner));
+    EXPECT_TRUE(ids.takeAgain(100, &owner));
+    EXPECT_FALSE(ids.takeAgain(100, &owner)) << "it is in use";
+    for (unsigned int i = 0; i < 70000; ++i)
+        ASSERT_NE(ids.take(100), 100u) << "and stays so";
+}
+
+// ---- Ids of brokers and terminations ------------------------------------------------------------
+
+using Transport::TerminationId;
+
+/** What this process is: its slot, the active controller's, the auxiliary units'. */
+class OrbIdentityTest : public testing::Test {
+protected:
+    void be(int slot, int activeSlot) {
+        ASSERT_TRUE(Transport::Setup::slot(slot));
+        ASSERT_TRUE(Transport::Setup::activeSlot(activeSlot));
+        ASSERT_TRUE(Transport::Setup::axuSlots({5, 9}));
+    }
+    TerminationId to(NamespaceId ns, unsigned char slot) {
+        return identity_.toTerminationId(TreflectOrbId(0x1234, slot, ns));
+    }
+    TreflectOrbId from(unsigned char slot, Transport::GroupId group) {
+        return identity_.toOrbId(TerminationId(0x1234, slot, group));
+    }
+    void expectLine(int level, std::string const& text) {
+        EXPECT_EQ(log_.count(level, "ORB (orbId=0x1020304) " + text), 1u) << text;
+        EXPECT_EQ(log_.records().size(), 1u) << text;
+        log_.clear();
+    }
+
+    testsupport::LogCapture log_;
+    OrbIdentity const identity_{TreflectOrbId(0x01020304)};
+};
+
+TEST_F(OrbIdentityTest, unitFollowsTheSlotOrTheActiveController) {
+    be(1, 2);
+    EXPECT_EQ(identity_.groupOf(NSID_UNIT), 1);
+    EXPECT_EQ(to(NSID_UNIT, 7), TerminationId(0x1234, 7, 2)) << "group of the active controller";
+    EXPECT_EQ(to(NSID_UNIT, 0), TerminationId(0x1234, 2, 2)) << "slot 0 is the active one";
+    be(2, 1);
+    EXPECT_EQ(identity_.groupOf(NSID_UNIT), 1);
+    EXPECT_EQ(to(NSID_UNIT, 7), TerminationId(0x1234, 7, 1));
+    EXPECT_EQ(to(NSID_UNIT, 0), TerminationId(0x1234, 1, 1));
+    be(2, 2);
+    EXPECT_EQ(identity_.groupOf(NSID_UNIT), 2);
+    be(5, 1);
+    EXPECT_EQ(identity_.groupOf(NSID_UNIT), 2) << "an auxiliary unit, whoever is active";
+    EXPECT_EQ(to(NSID_UNIT, 0), TerminationId(0x1234, 5, 2)) << "an auxiliary unit's own slot";
+}
+
+TEST_F(OrbIdentityTest, terminationToBrokerIdIsNotTheInverse) {
+    be(1, 1);
+    EXPECT_EQ(from(7, 1), TreflectOrbId(0x1234, 7, NSID_UNIT));
+    EXPECT_EQ(from(5, 2), TreflectOrbId(0x1234, 0, NSID_UNIT)) << "an auxiliary unit's slot";
+    EXPECT_EQ(from(5, 3), TreflectOrbId(0x1234, 5, NSID_NODE));
+}
+
+TEST_F(OrbIdentityTest, namespacesAndGroupsThatHaveNoCounterpart) {
+    be(5, 1);
+    EXPECT_EQ(identity_.groupOf(NSID_NODE), 3);
+    EXPECT_EQ(identity_.groupOf(static_cast<NamespaceId>(77)), 0);
+    EXPECT_EQ(identity_.namespaceOf(1), NSID_UNIT);
+    EXPECT_EQ(identity_.namespaceOf(2), NSID_UNIT);
+    EXPECT_EQ(identity_.namespaceOf(3), NSID_NODE);
+    EXPECT_EQ(identity_.namespaceOf(5), NSID_UNDEF);
+    EXPECT_EQ(to(NSID_NODE, 7), TerminationId(0x1234, 7, 3));
+    EXPECT_TRUE(log_.records().empty());
+
+    EXPECT_EQ(identity_.groupOf(NSID_UNDEF), 0);
+    expectLine(3, "can not handle namespace id NSID_UNDEF");
+    EXPECT_EQ(identity_.namespaceOf(0), NSID_UNDEF);
+    expectLine(3, "can not handle group id GRPID_UNDEF");
+    EXPECT_EQ(identity_.namespaceOf(4), NSID_UNDEF);
+    expectLine(6, "has group id TRSPCTRL");
+    EXPECT_EQ(to(NSID_NODE, 0), TerminationId(0x1234, 0, 3));
+    expectLine(3, "can not handle slot 0 for NSID_NODE");
+    EXPECT_EQ(to(NSID_UNDEF, 7), TerminationId(0x1234, 7, 0));
+    expectLine(3, "can not handle namespace NSID_UNDEF");
+}
+
+// ---- The queue of messages ----------------------------------------------------------------------
+
+using Need = MessageQueue::Need;
+
+constexpr Transport::Backlog kNoBound{1 << 20, 1'000'000, 1 << 20, 1'000'000};
+
+class Taker final : public MessageQueue::Taker {
+public:
+    void lineUp() override { ++linedUp; }
+
+    std::size_t linedUp = 0;
+};
+
+Transport::AddressedMessage message(std::size_t size) {
+    return Transport::AddressedMessage::allocate(size);
+}
+
+TEST(MessageQueue, keepsOrderWhileItsRingGrowsAndWraps) {
+    MessageQueue queue(kNoBound);
+    Taker next;
+    Need need = Need::nothing;
+    std::size_t pushed = 0;
+    std::size_t taken = 0;
+    for (std::size_t round = 0; round < 200; ++round) {
+        for (std::size_t i = 0; i < 1 + round % 7; ++i)
+            queue.push(message(20 + pushed++));
+        for (std::size_t i = 0; i < 1 + round % 5 && taken < pushed; ++i) {
+            ASSERT_EQ(queue.next(taken == 0, next, need), MessageQueue::Turn::serve);
+            ASSERT_EQ(next.taken.message.size(), 20 + taken++);
+            ASSERT_EQ(next.linedUp, taken);
+        }
+    }
+    EXPECT_GT(pushed, taken + 128);
+}
+
+Transport::AddressedMessage from(unsigned int sender, std::size_t size = 20) {
+    Transport::AddressedMessage made = message(size);
+    made.originator(sender);
+    return made;
+}
+
+TEST(MessageQueue, sendersShareWhatIsFreeAndWhoSendsLittleFindsRoom) {
+    MessageQueue queue({1 << 20, 100, 1 << 20, 300});
+    auto const countOf = [&](unsigned int sender) {
+        int count = 0;
+        while (queue.push(from(sender)).fate == MessageQueue::Fate::kept)
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(countOf(1), 100);
+    EXPECT_EQ(countOf(2), 100);
+    EXPECT_EQ(countOf(3), 50) << "as much as is left then";
+    EXPECT_EQ(countOf(4), 25);
+    int small = 0;
+    for (unsigned int sender = 5; sender < 15; ++sender)
+        small += queue.push(from(sender)).fate == MessageQueue::Fate::kept ? 1 : 0;
+    EXPECT_EQ(small, 10);
+}
+
+TEST(MessageQueue, boundsBytesButTakesOneLargeMessage) {
+    MessageQueue queue({16, 1000, 64, 1000});
+    EXPECT_EQ(queue.push(from(1, 1 << 20)).fate, MessageQueue::Fate::kept) << "alone";
+    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch);
+    Taker taker;
+    Need need = Need::nothing;
+    queue.next(true, taker, need);
+    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch) << "it waits until begun";
+    queue.begin(taker.taken);
+    EXPECT_EQ(queue.push(from(2, 20 << 10)).fate, MessageQueue::Fate::kept);
+    EXPECT_EQ(queue.push(from(2, 1)).fate, MessageQueue::Fate::tooMuch);
+    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::kept);
+    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::tooMuch);
+}
+
+TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
+    MessageQueue queue({1 << 20, 8, 1 << 20, 1000});
+    for (int i = 0; i < 4; ++i)
+        EXPECT_FALSE(queue.push(from(1)).isMuch);
+    EXPECT_TRUE(queue.push(from(1)).isMuch);
+    EXPECT_FALSE(queue.holdBack(2)) << "nothing of it waits";
+    EXPECT_TRUE(queue.holdBack(1));
+    EXPECT_EQ(queue.letGo(1, Backlog::When::little), Backlog::Mark::stays);
+    Taker taker;
+    Need need = Need::nothing;
+    for (unsigned int left = 4; left > 2; --left) {
+        queue.next(left == 4, taker, need);
+        EXPECT_EQ(queue.begin(taker.taken).value(), 0u);
+    }
+    queue.next(false, taker, need);
+    EXPECT_EQ(queue.begin(taker.taken).value(), 1u);
+    EXPECT_FALSE(queue.holdsBack());
+    EXPECT_TRUE(queue.holdBack(1));
+    EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::taken);
+    EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::none);
+}
+
+// So that others need not wait behind thousands of its messages.
+TEST(MessageQueue, senderIsHeldBackBeforeTheOthersMustWaitForLong) {
+    constexpr unsigned int kMuch = 512;
+    MessageQueue queue(kNoBound);
+    for (unsigned int i = 0; i < kMuch; ++i)
+        ASSERT_FALSE(queue.push(from(1)).isMuch);
+    EXPECT_TRUE(queue.push(from(1)).isMuch);
+    EXPECT_TRUE(queue.holdBack(1));
+    Taker taker;
+    Need need = Need::nothing;
+    unsigned int left = kMuch + 1;
+    do
+        queue.next(left == kMuch + 1, taker, need);
+    while (--left > 0 && queue.begin(taker.taken).value() == 0);
+    EXPECT_EQ(left, kMuch / 2) << "there must be some to go on with";
+}
+
+TEST(MessageQueue, workerThatCannotBeStartedIsAskedForAgain) {
+    MessageQueue queue(kNoBound);
+    EXPECT_EQ(queue.push(message(20)).need, Need::worker);
+    queue.workerNotStarted();
+    EXPECT_EQ(queue.push(message(21)).need, Need::worker);
+}
+
+// ---- Requests that await their responses --------------------------------------------------------
+
+using Beginning = RequestTable::Beginning;
+
+constexpr unsigned int kSeed = 0x00021234;
+constexpr unsigned int kStep = 0x00100000;
+
+TEST(RequestTable, skipsIdsThatAreOutstanding) {
+    auto const table = std::make_unique<RequestTable>(0xFFE00005u);
+    OngoingRequest waiting;
+    OngoingRequest other;
+    EXPECT_EQ(table->begin(waiting, 7u, true).id, 0xFFF00005u);
+    for (unsigned int i = 0; i < RequestTable::kCapacity - 1; ++i)
+        EXPECT_EQ(table->begin(other, 7u, false).id, 5u + i * kStep);
+    EXPECT_EQ(table->begin(other, 7u, false).id, 5u) << "the outstanding one is passed over";
+}
+
+TEST(RequestTable, with4096OutstandingThereIsNoId) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    std::vector<OngoingRequest> records(RequestTable::kCapacity);
+    std::set<unsigned int> ids;
+    for (OngoingRequest& record : records) {
+        RequestTable::Ticket const ticket = table->begin(record, 7u, true);
+        ASSERT_EQ(ticket.beginning, Beginning::begun);
+        EXPECT_EQ(ticket.id & 0xFFFFF, 0x21234u);
+        ids.insert(ticket.id);
+    }
+    EXPECT_EQ(ids.size(), RequestTable::kCapacity);
+    OngoingRequest late;
+    RequestTable::Ticket const none = table->begin(late, 7u, true);
+    EXPECT_EQ(none.beginning, Beginning::exhausted);
+    EXPECT_EQ(none.id, kSeed) << "the last id, after a whole round";
+    EXPECT_EQ(table->take(kSeed + 3 * kStep), &records[2]);
+    EXPECT_EQ(table->begin(late, 7u, true).id, kSeed + 3 * kStep);
+}
+
+TEST(RequestTable, aCallEndsItsOwnEntryOnly) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    OngoingRequest cancelled;
+    unsigned int const id = table->begin(cancelled, 7u, true).id;
+    EXPECT_EQ(table->take(id), &cancelled) << "to deliver to it";
+    // All other ids are given meanwhile, and this one again.
+    OngoingRequest other;
+    while (table->begin(other, 7u, false).id != id - kStep) {
+    }
+    OngoingRequest next;
+    EXPECT_EQ(table->begin(next, 7u, true).id, id);
+    EXPECT_FALSE(table->withdraw(id, cancelled));
+    EXPECT_TRUE(table->withdraw(id, next));
+    EXPECT_FALSE(table->withdraw(id, next));
+}
+
+TEST(RequestTable, closedItAnswersAllThatWaitAndTakesNoMore) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    OngoingRequest waiting;
+    unsigned int const id = table->begin(waiting, 7u, true).id;
+    auto const entries = table->close();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].record, &waiting);
+    EXPECT_EQ(table->take(id), nullptr);
+    EXPECT_FALSE(table->withdraw(id, waiting));
+    EXPECT_TRUE(table->takeAllOf(7u).empty());
+    EXPECT_EQ(table->begin(waiting, 7u, true).beginning, Beginning::closed);
+    EXPECT_TRUE(table->close().empty());
+}
+
+// ---- The script that collects logs --------------------------------------------------------------
+
+TEST(ScriptRunner, answersTheStatusOfTheScript) {
+    EXPECT_EQ(runScript("true"), 0);
+    EXPECT_EQ(WEXITSTATUS(runScript("exit 3")), 3);
+    EXPECT_NE(runScript("/nonexistent/script 2>/dev/null"), 0);
+}
+
+TEST(ScriptRunner, scriptOfAThreadThatBlocksSignalsCanBeStopped) {
+    sigset_t all;
+    sigset_t former;
+    sigset_t after;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &former);
+    int const blockedByScript = runScript("grep -q '^SigBlk:[[:space:]]*0*$' /proc/self/status");
+    pthread_sigmask(SIG_SETMASK, &former, &after);
+    EXPECT_EQ(blockedByScript, 0);
+    EXPECT_EQ(sigismember(&after, SIGTERM), 1) << "the thread itself goes on as before";
+}
+
+}  // namespace

@@ -1,0 +1,37 @@
+// Work and objects under the run permission.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "handler_threads.h"
+#include "ipprmi.h"
+
+/** Does something under the run permission. */
+template <class Work>
+decltype(auto) permitted(Work const& work) {
+    TreflectHandlerState const handlerState(true);
+    return work();
+}
+
+/** Destroys an object under the run permission. */
+struct PermittedDelete {
+    template <class T>
+    void operator()(T* object) const {
+        permitted([object] { delete object; });
+    }
+};
+
+/** An object that is made and destroyed under the run permission, wherever that happens. */
+template <class T>
+using Permitted = std::unique_ptr<T, PermittedDelete>;
+
+template <class T, class... Arguments>
+Permitted<T> makePermitted(Arguments&&... arguments) {
+    return permitted([&] { return Permitted<T>(new T(std::forward<Arguments>(arguments)...)); });
+}
+
+inline TipprmiOID oid(std::string const& name) {
+    return TipprmiOID(name, NSID_UNIT);
+}
