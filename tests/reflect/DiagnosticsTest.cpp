@@ -11,6 +11,7 @@
 #include "BrokerTest.h"
 #include "Gauge.h"
 #include "RawPeer.h"
+#include "handler_threads/RunPermission.h"
 
 namespace {
 
@@ -193,6 +194,7 @@ TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     EXPECT_EQ(displayed(0), expected);
 
     TreflectHandlerState const handlerState(true);
+    handlerthreads::trustPermission();
     {
         Watcher observer("silent");
         Node const thing("thing");
