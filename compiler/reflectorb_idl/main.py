@@ -41,6 +41,8 @@ def _arguments(words):
     parser.add_argument("--omniidl", default=os.environ.get("REFLECTORB_OMNIIDL", "omniidl"),
                         metavar="PATH", help="the parser")
     parser.add_argument("--check", nargs=2, metavar=("OLD", "NEW"), help=_CHECK)
+    status = 3 if "--check" in words else 1
+    parser.error = lambda text: parser.exit(status, "reflectorb-idl: %s\n" % text)
     options = parser.parse_args(words)
     if (options.idl is None) == (options.check is None):
         parser.error("name one .idl file, or --check two versions of one")

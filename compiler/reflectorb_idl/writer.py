@@ -160,4 +160,4 @@ def plain(comments):
         lines.pop(0)
     while lines and not lines[-1].strip():
         lines.pop()
-    return "\n".join(lines).replace("*/", "* /")
+    return "\n".join(lines).replace("*/", "* /").replace("/*", "/ *")

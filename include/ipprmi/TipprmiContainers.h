@@ -84,6 +84,10 @@ template <class T, class Iterator>
 void writeElements(TipprmiStream& stream, Iterator from, std::size_t count) {
     if constexpr (isNumber<T>) {
         static_assert(isPortable<T>, "this number has not the same size on every machine");
+        if (count > Transport::kLargestMessage / kNumberSize<T>) {
+            stream.stopMarshalling();
+            return;
+        }
         unsigned char* const to = stream.append(count * kNumberSize<T>);
         for (std::size_t i = 0; to && i < count; ++i, ++from)
             store(to + i * kNumberSize<T>, static_cast<T>(*from));

@@ -45,14 +45,21 @@ private:
     std::vector<T> elements_;
 };
 
+namespace tipprmi {
+/** Numbers that go at once. Narrow ones go one by one, by operators that a program may have. */
+template <class T>
+inline constexpr bool isBulky = isNumber<T> && sizeof(T) >= 4;
+}  // namespace tipprmi
+
 template <class T, unsigned int Bound>
 TipprmiStream& operator<<(TipprmiStream& stream, TipprmiSequence<T, Bound> const& sequence) {
     unsigned int const count = sequence.getLength();
     stream << count;
-    if constexpr (tipprmi::isNumber<T>) {
+    if constexpr (tipprmi::isBulky<T>) {
         tipprmi::writeElements<T>(stream, sequence.begin(), count);
     } else {
-        for (unsigned int i = 0; i < count; ++i)
+        TipprmiStream::Level const level(stream, TipprmiStream::Level::kWriting);
+        for (unsigned int i = 0; level.isAllowed() && i < count; ++i)
             stream << sequence[i];
     }
     return stream;
@@ -65,14 +72,17 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequ
     unsigned int const count = stream.readCount();
     sequence.setLength(0);
     sequence.setLength(count);
-    if constexpr (tipprmi::isNumber<T>) {
+    if constexpr (tipprmi::isBulky<T>) {
         auto const unread = static_cast<unsigned int>(stream.getUnreadSize());
         if (count <= unread / tipprmi::kNumberSize<T>) {
             tipprmi::readNumbers<T>(stream, sequence.begin(), count);
             return stream;
         }
     }
-    for (unsigned int i = 0; i < count; ++i)
+    TipprmiStream::Level const level(stream, TipprmiStream::Level::kReading);
+    if (!level.isAllowed())
+        sequence.setLength(0);
+    for (unsigned int i = 0; i < sequence.getLength(); ++i)
         stream >> sequence[i];
     return stream;
 }

@@ -205,18 +205,20 @@ private:
  * | type | written | read |
  * |---|---|---|
  * | unsigned int, int | 4 bytes | 4 bytes |
- * | std::int8_t, std::uint8_t, std::int16_t, std::uint16_t | 4 bytes, as int or unsigned int |
- * fails when it is out of range | | std::int64_t, std::uint64_t | 8 bytes | 8 bytes | | float,
- * double | 4 or 8 bytes of IEEE 754 | the same | | char | 4 bytes, 0 to 255 | fails when it is out
- * of range | | wchar_t, char16_t, char32_t | 4 bytes | fails when it is out of range | | enums | 4
- * bytes, their value | any value that their type holds | | bool | int 1 or 0 | any int but 0 is
- * true | | NamespaceId | its value as unsigned int | consumed, the target stays as it is | | char
- * const* | int length, characters, no NUL (null: length 0) | see char*& | | char*& | see char
- * const* | new[] text with a NUL, the caller's to delete[] | | std::string | int length, bytes |
- * the bytes; cleared when the length is below 1 | | std::string_view | as std::string | not read:
- * there is nothing to own the bytes | | TipprmiStream | int data size, data | contents replaced;
- * untouched when the size is below 1 | | Transport::TerminationId | 4 raw bytes in host order | the
- * same |
+ * | std::int8_t, std::uint8_t, std::int16_t, std::uint16_t | 4 bytes, as int or unsigned int | fails when it is out of range |
+ * | std::int64_t, std::uint64_t | 8 bytes | 8 bytes |
+ * | float, double | 4 or 8 bytes of IEEE 754 | the same |
+ * | char | 4 bytes, 0 to 255 | fails when it is out of range |
+ * | wchar_t, char16_t, char32_t | 4 bytes | fails when it is out of range |
+ * | enums | 4 bytes, their value | any value that their type holds |
+ * | bool | int 1 or 0 | any int but 0 is true |
+ * | NamespaceId | its value as unsigned int | consumed, the target stays as it is |
+ * | char const* | int length, characters, no NUL (null: length 0) | see char*& |
+ * | char*& | see char const* | new[] text with a NUL, the caller's to delete[] |
+ * | std::string | int length, bytes | the bytes; cleared when the length is below 1 |
+ * | std::string_view | as std::string | not read: there is nothing to own the bytes |
+ * | TipprmiStream | int data size, data | contents replaced; untouched when the size is below 1 |
+ * | Transport::TerminationId | 4 raw bytes in host order | the same |
  *
  * A text or nested value whose length is there but whose bytes are not reads as that many zeros.
  * A `long` is taken only where it is std::int64_t, and so is a std::size_t: it compiles on a 64-bit

@@ -44,17 +44,18 @@ private:
  * | char | char | a string of one byte |
  * | string | std::string, char const* | "with \"quotes\"", or bare |
  * | bytes | std::vector<std::uint8_t> | 0x0A0B; 0x for none |
- * | oid | TipprmiOID | as a string, then perhaps its namespace: "name"@node,
- * name@node | | object | TipprmiObjectClient, TreflectObject | the object's
- * identifier, as an oid | | any | TipprmiAny | its bytes, 0x0000002A, or a
- * value with its type, unsigned(42) | | void | std::monostate | {} | |
- * sequence<T> | TipprmiSequence<T, 0u>, std::vector<T> | [1, 2, 3], [] | |
- * array<T, N> | std::array<T, N> | [1, 2, 3] | | optional<T> | std::optional<T>
- * | [1], [] | | map<K, V> | std::map<K, V> | {"a": 1, "b": 2}, {} | | enum
- * Name{A=0, B=7} | an enum | A, or a number | | {T, T, ...} | values written
- * one after the other, one or more | {1, true} | | struct Name{T a, T b} | a
- * struct | {a: 1, b: true}, the members in any order; or {1, true} | | union
- * Name{T a, T b} | std::variant | {b: true} |
+ * | oid | TipprmiOID | as a string, then perhaps its namespace: "name"@node, name@node |
+ * | object | TipprmiObjectClient, TreflectObject | the object's identifier, as an oid |
+ * | any | TipprmiAny | its bytes, 0x0000002A, or a value with its type, unsigned(42) |
+ * | void | std::monostate | {} |
+ * | sequence<T> | TipprmiSequence<T, 0u>, std::vector<T> | [1, 2, 3], [] |
+ * | array<T, N> | std::array<T, N> | [1, 2, 3] |
+ * | optional<T> | std::optional<T> | [1], [] |
+ * | map<K, V> | std::map<K, V> | {"a": 1, "b": 2}, {} |
+ * | enum Name{A=0, B=7} | an enum | A, or a number |
+ * | {T, T, ...} | values written one after the other, one or more | {1, true} |
+ * | struct Name{T a, T b} | a struct | {a: 1, b: true}, the members in any order; or {1, true} |
+ * | union Name{T a, T b} | std::variant | {b: true} |
  *
  * Names may be nested, and have blanks between their parts. The name of an
  * enum, a struct or a union may be left out. Where it stands, it may be used

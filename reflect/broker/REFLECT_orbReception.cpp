@@ -11,6 +11,7 @@
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
+#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -162,6 +163,7 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
         return;
     std::size_t const size =
         std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeadSize);
+    bool const awaited = TreflectMessage(message).kind() == TreflectMessage::kRequest;
     int sent = 0;
     auto const sendHead = [&] {
         TreflectMessage fresh(allocateMessage(size, 5));
@@ -170,12 +172,12 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
             std::memcpy(head.addressed().buf(), message.buf(), size);
             head.kind(TreflectMessage::kNoDestination);
         }
-        sent = issueTo_(sender, head);
-        if (sent != 1 && fresh.empty())
+        sent = awaited ? issueAnswer_(sender, head) : issueTo_(sender, head);
+        if (sent != 1 && awaited && Transport::TransportLayer::instance().exists(sender))
             throw std::bad_alloc();
     };
-    // Somebody may wait for it, so a shortage of memory is waited for a little.
-    constexpr int kAttempts = 100;
+    // A caller waits for it like for an answer, so a shortage of memory is waited for a little.
+    constexpr int kAttempts = 10;
     for (int attempt = 1; !OSWrap::withMemory(sendHead) && attempt < kAttempts; ++attempt)
         OSWrap::awaitMemory();
     if (sent != 1)

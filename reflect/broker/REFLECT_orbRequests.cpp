@@ -71,8 +71,11 @@ bool TreflectORB::OutgoingCall::perform() {
     if (when_ == GiveWay::beforeIssuing)
         giveWay(released);
     forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
-    if (!chooseId())
+    if (!chooseId()) {
+        if (when_ == GiveWay::afterIssuing)
+            giveWay(released);
         return failed(Handover::NotYet, 0);
+    }
     message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
     int const issued = id_.stage == OngoingRequestId::Stage::None ? 0 : send();
     if (when_ == GiveWay::afterIssuing)

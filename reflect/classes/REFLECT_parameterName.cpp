@@ -181,7 +181,7 @@ bool TreflectParameterType::Compiler::number(std::uint32_t& value) {
 std::string_view TreflectParameterType::Compiler::optionalLabel() {
     TextCursor const ahead = *text_;
     std::string_view const label = text_->identifier();
-    if (label.empty() || builtIn(label) || label.find(':') != std::string_view::npos) {
+    if (label.empty() || label.find(':') != std::string_view::npos) {
         *text_ = ahead;
         return {};
     }

@@ -7,8 +7,8 @@
 #include "BrokerTest.h"
 #include "NoticeActor.h"
 #include "Permitted.h"
-#include "Thing.h"
 #include "RawPeer.h"
+#include "Thing.h"
 
 namespace {
 

@@ -38,8 +38,8 @@ void obeyLines(Obey const& obey) {
 /** What a verb has the program do with the words behind it. */
 class Command {
 public:
-    /** The words are the arguments of `act`; those that are missing are empty, or 0. What it returns
-     * is answered, but for a bool, of which false ends the program's input. */
+    /** The words are the arguments of `act`; those that are missing are empty, or 0. What it
+     * returns is answered, but for a bool, of which false ends the program's input. */
     template <class Act>
     Command(Act act) : run_(reading(std::function(act))) {}
 

@@ -124,8 +124,11 @@ void Acceptor::hear(std::uint32_t token) {
     auto const found = strangers_.find(token);
     Packet hello{};
     Transfer const transfer = peekPacket(found->second.socket.get(), hello);
-    if (transfer == Transfer::Later)
+    if (transfer == Transfer::Later) {
+        if (found->second.hearAgainAt != 0)
+            keepWaiting(found->second, kUnseenPause);
         return;
+    }
     Stranger& heard = found->second;
     Rendezvous::Claim const claim = judge(heard, transfer, hello);
     bool const known = claim == Rendezvous::Claim::True;

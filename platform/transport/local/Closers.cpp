@@ -153,16 +153,16 @@ void Closers::take(int fd) {
 }
 
 bool Closers::behind() {
+    bool behind = false;
     bool start = false;
     {
         OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-        if (count_ < mostHeld_)
-            return false;
-        start = needsThread();
+        behind = count_ >= mostHeld_;
+        start = (behind || threads_ == 0) && needsThread();
     }
     if (start)
         startThread();
-    return true;
+    return behind;
 }
 
 /** Without one, what waits is closed when the next one can be started: at the latest, those who ask

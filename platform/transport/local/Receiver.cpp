@@ -97,7 +97,7 @@ void Receiver::stop() {
             return;
         finished_ = true;
     }
-    finish();  // there never was a thread
+    OSWrap::untilMemory([this] { finish(); });  // there never was a thread
 }
 
 bool Receiver::onReceivingThread() const {
@@ -222,10 +222,14 @@ void Receiver::serveReturned(AddressedMessage message) {
     auto const find = [&] {
         channel = Switchboard::instance().channel(shared_from_this(), message.destination());
     };
-    if (!OSWrap::withMemory(find)) {
+    bool sent = false;
+    if (!message.empty() && !OSWrap::withMemory(find)) {
         OSWrap::awaitMemory();
-        giveBack(std::move(message));  // to ask anew
-    } else if (message.empty() || channel == nullptr || !channel->sendAgain(std::move(message))) {
+        sent = giveBack(std::move(message)) == 1;  // to ask anew
+    } else {
+        sent = channel != nullptr && channel->sendAgain(std::move(message));
+    }
+    if (!sent) {
         static Logging::LineLimit limit;
         REFLECTORB_LOG_LIMITED(limit, 3, kSource,
                                "termination 0x%08X could not send an answer again: lost",

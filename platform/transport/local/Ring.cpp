@@ -157,6 +157,7 @@ void RingWriter::refreshHead() {
         return;
     }
     head_ = head;
+    forgetTaken();  // positions come round, so nothing may outlast half of them
 }
 
 /** Room for frames; a frame that tells of the next ring always fits besides. */
@@ -234,13 +235,11 @@ void RingWriter::wantSpace() {
 
 bool RingWriter::allTaken() {
     refreshHead();
-    forgetTaken();
     return head_ == tail_;
 }
 
 SentMessages RingWriter::giveUp() {
     refreshHead();
-    forgetTaken();
     return std::move(static_cast<SentMessages&>(*this));
 }
 
