@@ -50,6 +50,7 @@ TEST(ParameterTypeName, IsToldFromOtherText) {
                              "union U{void none, int a}",
                              "union{int, string}",
                              "unsigned limit",
+                             "struct{unsigned bytes, string object}",
                              "{unsigned limit, bool armed}",
                              "struct A::B{int x}",
                              "struct Node{int value, sequence<Node> children}",
@@ -57,12 +58,13 @@ TEST(ParameterTypeName, IsToldFromOtherText) {
                              "struct A{optional<B> b, struct B{int n} c}"})
         EXPECT_TRUE(Type(name).isValid()) << name;
     for (char const* name :
-         {"", " ", "Int", "integer", "int int", "int,", "{}", "{int,}", "{int", "int}", "sequence",
-          "sequence<>", "sequence<int", "sequence<int>>", "sequence<int,int>", "<int>", "int<int>",
-          "array<int>", "array<int,0>", "array<int,99999999999>", "map<int>", "map<int,int,int>",
-          "optional<>", "enum{}", "enum E{A,A}", "enum{A=x}", "enum{A=4294967296}", "enum{1}",
-          "struct S", "struct int{int a}", "union{}", "struct{int a, bool}", "struct{int a, int a}",
-          "Unknown", "sequence<Unknown>", "unsigned a b", "unsigned a::b", "struct{int}x y",
+         {"", " ", "Int", "integer", "int int int", "int,", "{}", "{int,}", "{int", "int}",
+          "sequence", "sequence<>", "sequence<int", "sequence<int>>", "sequence<int,int>", "<int>",
+          "int<int>", "array<int>", "array<int,0>", "array<int,99999999999>", "map<int>",
+          "map<int,int,int>", "optional<>", "enum{}", "enum E{A,A}", "enum{A=x}",
+          "enum{A=4294967296}", "enum{1}", "struct S", "struct int{int a}", "union{}",
+          "struct{int a, bool}", "struct{int a, int a}", "Unknown", "sequence<Unknown>",
+          "unsigned a b", "unsigned a::b", "struct{int}x y",
           // What could go on for ever, or have no bytes for any number of
           // elements.
           "struct N{N next}", "struct N{int i, array<N,2> n}", "struct A{struct B{A a} b}",
