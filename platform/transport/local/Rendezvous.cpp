@@ -279,9 +279,11 @@ TerminationId Rendezvous::reserve(GroupId group, std::string const& name) {
 int Rendezvous::publish(TerminationId own) {
     OSWrap::DisableCancelStateGuard const uncancelled;
     int socket = -1;
-    if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); }))
+    if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); })) {
         TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", own.value(),
                       "has no memory");
+        throw std::bad_alloc();  // a broker that is not born can be asked for again
+    }
     return socket;
 }
 

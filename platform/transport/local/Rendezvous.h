@@ -45,7 +45,7 @@ public:
     TerminationId reserve(GroupId group, std::string const& name);
     /** Listens and shows the entry, enters it in this process's tables and announces it: all that,
      * or nothing. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
-     * to the caller; -1, with a log line, on failure. */
+     * to the caller; -1, with a log line, on failure. Throws std::bad_alloc, with a log line. */
     int publish(TerminationId own);
     /** Takes a published entry out of view and of the tables, announces that, and frees the address
      * (also of one only reserved). Idempotent. Waits for memory if there is none. The caller closes
