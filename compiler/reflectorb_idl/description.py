@@ -104,10 +104,11 @@ class Completion:
             self._number_members(interface)
         for entry in self._all.all():
             if entry["kind"] == "exception":
-                entry.setdefault("code", identity.exception_code(entry["repoId"]))
+                self._number_exception(entry)
         self._check_class_ids()
         for interface in self._all.interfaces():
             self._check_codes(interface)
+            self._check_raised(interface)
         self._refuse()
         self._all.tree["hash"] = self._hash()
 
@@ -170,6 +171,12 @@ class Completion:
                 entry["setCode"] = code
                 code += 1
 
+    def _number_exception(self, exception):
+        code = exception.setdefault("code", identity.exception_code(exception["repoId"]))
+        if code > identity.LARGEST_EXCEPTION_CODE:
+            self._report.error(exception, "codes above 0x%08X are failures of the library itself"
+                               % identity.LARGEST_EXCEPTION_CODE)
+
     def _check_class_ids(self):
         known = {}
         for interface in self._all.interfaces():
@@ -214,6 +221,21 @@ class Completion:
                     code,
                 ),
             )
+
+    def _check_raised(self, interface):
+        """A caller tells by the code alone which of them it is."""
+        for entry in self._all.own(interface):
+            for key in ("raises", "getRaises", "setRaises"):
+                known = {}
+                for name in dict.fromkeys(entry.get(key, [])):
+                    code = self._all.find(name)["code"]
+                    other = known.setdefault(code, name)
+                    if other != name:
+                        self._report.error(
+                            entry,
+                            "%s raises %s and %s, both of code 0x%08X: give one of them another by "
+                            "#pragma reflectorb code N" % (entry["name"], other, name, code),
+                        )
 
     # ---- What cannot be generated --------------------------------------------------------------
 

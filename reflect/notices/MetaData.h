@@ -53,6 +53,10 @@ struct TreflectORB::MetaData {
      * those of all classes (`Parts::deletionSubscriptions`); 0 when there was none. */
     unsigned int lastDeletionSubscription OSW_GUARDED_BY_PERMISSION = 0;
 
+    /** Whether creations have been subscribed to at other brokers and not cancelled since, as when
+     * their last observer has been destroyed without being removed. */
+    bool creationsSubscribed OSW_GUARDED_BY_PERMISSION = false;
+
     Side& side(Kind kind) { return kind == Kind::creation ? creations : deletions; }
     /** Whether the end of an object is being published. */
     bool isEnding(TreflectServerObject const* object) const OSW_REQUIRES_PERMISSION;

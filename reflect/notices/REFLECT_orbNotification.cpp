@@ -137,10 +137,12 @@ void TreflectORB::cancelUnlessObserved_(Kind kind, unsigned int classId) {
         for (Registration* const registration : side->registrations)
             registration->forgetHeard();
     }
-    if (kind == Kind::creation)
+    if (kind == Kind::creation) {
+        record.creationsSubscribed = false;
         unregisterFromOCN(classId);
-    else
+    } else {
         unregisterFromODN(classId);
+    }
 }
 
 void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
@@ -234,6 +236,8 @@ bool TreflectORB::subscribeAt_(Kind kind, unsigned int classId,
     if (kind == Kind::creation)
         request << (existing != nullptr);
     TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
+    if (kind == Kind::creation)
+        getMetaData(classId).creationsSubscribed = true;
     if (asking)
         asking->asks(convertId(target));
     if (!forward_(target, true, request.msg(), response, GiveWay::afterIssuing))
@@ -348,14 +352,14 @@ void TreflectORB::tellOfMissedDeletions_(unsigned int classId, Registration cons
 }
 
 /** Asks the broker once more what it has: whoever heard of anything else as created would never
- * hear of its end. That subscribes to creations there, so it is for those who do anyway: when
- * nobody does any more, the broker has been told to forget deletions as well. */
+ * hear of its end. That subscribes to creations there, so it is for those who do anyway: when that
+ * has been cancelled, the broker has been told to forget deletions as well. */
 void TreflectORB::tellOfGone_(unsigned int classId, TreflectOrbId const& id,
                               Registration const& telling) {
     MetaData& record = getMetaData(classId);
     std::set<ObjectPlace> missing = telling.heardAt(id);
     std::vector<TreflectObject> existing;
-    if (missing.empty() || !record.creations.isObserved() || !record.deletions.isObserved() ||
+    if (missing.empty() || !record.creationsSubscribed || !record.deletions.isObserved() ||
         !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)) ||
         !Transport::TransportLayer::instance().exists(convertId(id)))
         return;

@@ -497,6 +497,8 @@ TEST_F(GoneEarlyTest, whatIsCreatedAndGoesWhileDeletionsAreSubscribedToIsToldAsD
     EXPECT_TRUE(awaitTold(come, {"one"}));
     neighbour->create(termination_, other);
     EXPECT_TRUE(awaitTold(come, {"one", "other"}));
+    // Unlike one that is removed, it leaves the subscription behind.
+    permitted([&] { watchers_.remove_if([&](auto const& each) { return each.get() == &come; }); });
     neighbour->setList("00000001" + other);
     neighbour->answer(subscription);
     registering.join();

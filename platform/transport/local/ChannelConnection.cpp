@@ -544,6 +544,7 @@ std::size_t Channel::shutDown() {
         receiver_->unsentLess(lost);
         queue_.clear();
     }
+    untaken_.reset();  // nobody is there any more to whom it could come back
     close(Unread::LeaveToPeer);
     return lost;
 }
