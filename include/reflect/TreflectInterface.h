@@ -26,8 +26,7 @@ template <class Class_, class Result_, class... Parameters>
 struct SignatureOf<Result_ (Class_::*)(Parameters...) const>
     : SignatureOf<Result_ (Class_::*)(Parameters...)> {};
 
-/** Names of types up to the first that has none: what is behind it cannot be
- * found. */
+/** Names of types up to the first that has none: what is behind it cannot be found. */
 REFLECTORB_API std::vector<std::string> namedTypes(std::vector<std::string> types);
 
 /** A line of the table for the operation that `Method` serves. */
@@ -67,8 +66,7 @@ struct ElementsOf<std::array<T, N>> {
     }
 };
 
-/** An operation: its name, and the method code under which `Method` serves it.
- */
+/** An operation: its name, and the method code under which `Method` serves it. */
 template <auto Method>
 struct Operation {
     char const* name;
@@ -141,8 +139,7 @@ struct Interface {
     unsigned int classId;
     std::tuple<Members...> members;
 
-    /** The method code under which `Method` is served; 0 when it is none of the
-     * operations. */
+    /** The method code under which `Method` is served; 0 when it is none of the operations. */
     template <auto Method>
     constexpr unsigned int codeOf() const {
         return std::apply(
@@ -159,8 +156,7 @@ struct Interface {
     constexpr void forEachCode(Function const& function) const {
         std::apply([&](auto const&... member) { (forEachCodeOf(member, function), ...); }, members);
     }
-    /** Whether no code occurs twice, and none is one of those that every object
-     * has. */
+    /** Whether no code occurs twice, and none is one of those that every object has. */
     constexpr bool hasGoodCodes() const {
         bool good = true;
         forEachCode([&](unsigned int code) {
@@ -179,8 +175,7 @@ private:
     }
 };
 
-/** Whether a skeleton class describes itself, and so do all that it is derived
- * from. */
+/** Whether a skeleton class describes itself, and so do all that it is derived from. */
 template <class Skeleton, class = void>
 struct IsDescribed : std::false_type {};
 template <class Skeleton>
@@ -197,8 +192,8 @@ std::vector<TreflectMetaClass const*> basesOf() {
 }  // namespace treflect
 
 /**
- * An interface that is written once, as a skeleton class: its table, its
- * dispatch and its client follow from one line for each operation.
+ * An interface that is written once, as a skeleton class: its table, its dispatch and its client
+ * follow from one line for each operation.
  *
  *     class LampSkeleton : public TreflectInterface<LampSkeleton> {
  *     public:
@@ -209,23 +204,21 @@ std::vector<TreflectMetaClass const*> basesOf() {
  *         virtual bool blink(unsigned int times, std::string const& why) = 0;
  *
  *         static constexpr auto interface() {
- *             return describe("Lamp", 0x4C414D50,
- *                             attribute<&LampSkeleton::getLevel,
- * &LampSkeleton::setLevel>("Level", 1, 2), op<&LampSkeleton::blink>("blink",
- * 6));
+ *             return describe(
+ *                 "Lamp", 0x4C414D50,
+ *                 attribute<&LampSkeleton::getLevel, &LampSkeleton::setLevel>("Level", 1, 2),
+ *                 op<&LampSkeleton::blink>("blink", 6));
  *         }
  *     };
  *     using Lamp = TreflectClient<LampSkeleton>;
  *
- * A caller has `lamp.call<&LampSkeleton::blink>(3u, why)`, and the names of the
- * table. What the operations take and return is of types with stream operators;
- * the table has the names of those that have one (TreflectTypeName). Each
- * function is served under one name, and is not overloaded.
+ * A caller has `lamp.call<&LampSkeleton::blink>(3u, why)`, and the names of the table. What the
+ * operations take and return is of types with stream operators; the table has the names of those
+ * that have one (TreflectTypeName). Each function is served under one name, and is not overloaded.
  *
- * `Base` is the skeleton class of the interface's base: a TreflectInterface, or
- * a TreflectSkeleton. Method codes are unique in an interface and its bases,
- * see TreflectMetaClass; among TreflectInterfaces that is checked when they are
- * compiled.
+ * `Base` is the skeleton class of the interface's base: a TreflectInterface, or a TreflectSkeleton.
+ * Method codes are unique in an interface and its bases, see TreflectMetaClass; among
+ * TreflectInterfaces that is checked when they are compiled.
  */
 template <class Skeleton, class Base = TreflectServerObject>
 class TreflectInterface : public Base {
@@ -239,8 +232,7 @@ public:
     TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
         return kMeta.classIds();
     }
-    /** Serves the operations of the interface; leaves any other call to the base.
-     */
+    /** Serves the operations of the interface; leaves any other call to the base. */
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         constexpr auto described = Skeleton::interface();
@@ -258,8 +250,7 @@ public:
         return known ? served : Base::dispatch(withResponse, cc, mc, in, out);
     }
 
-    /** Whether an interface that is derived from this one may not use a method
-     * code. */
+    /** Whether an interface that is derived from this one may not use a method code. */
     static constexpr bool usesCode(unsigned int code) {
         bool used = Skeleton::interface().countOf(code) > 0;
         if constexpr (treflect::IsDescribed<Base>::value)
@@ -268,8 +259,7 @@ public:
     }
 
 protected:
-    /** An operation that `Method`, a member function of the skeleton class,
-     * serves. */
+    /** An operation that `Method`, a member function of the skeleton class, serves. */
     template <auto Method>
     static constexpr treflect::Operation<Method> op(char const* name, unsigned int code) {
         return {name, code};
@@ -286,9 +276,8 @@ protected:
                                                                 unsigned int getCode) {
         return {name, getCode};
     }
-    /** What the skeleton class answers as `interface`: the name of its class, the
-     * class's id, which is unique in the system, and its operations and
-     * attributes. */
+    /** What the skeleton class answers as `interface`: the name of its class, the class's id, which
+     * is unique in the system, and its operations and attributes. */
     template <class... Members>
     static constexpr treflect::Interface<Members...> describe(char const* name,
                                                               unsigned int classId,
@@ -318,14 +307,13 @@ private:
                                  std::move(operations), std::move(attributes));
     }
 
-    // Built before the program's work begins. A base may be built later, see
-    // TreflectMetaClass.
+    // Built before the program's work begins. A base may be built later, see TreflectMetaClass.
     inline static TreflectMetaClass const kMeta = makeMeta();
 };
 
 /**
- * A handle on an object whose interface a TreflectInterface describes.
- * Operations of bases are called in the same way.
+ * A handle on an object whose interface a TreflectInterface describes. Operations of bases are
+ * called in the same way.
  */
 template <class Skeleton>
 class TreflectClient : public TreflectObject {
@@ -334,8 +322,8 @@ public:
 
     static TreflectMetaClass const& metaClass() { return Skeleton::metaClass(); }
 
-    /** Calls the operation that `Method` serves, wherever the object lives, and
-     * waits for the result: a TipprmiResult, see treflectCall. */
+    /** Calls the operation that `Method` serves, wherever the object lives, and waits for the
+     * result: a TipprmiResult, see treflectCall. */
     template <auto Method, class... Arguments>
     auto call(Arguments&&... arguments) const {
         return treflectCall(*this, declaring<Method>().classId, code<Method>(), Method,

@@ -96,8 +96,9 @@ private:
     bool describeTypes();
 
     std::vector<TreflectMetaClass const*> const bases_;
-    std::vector<Operation> const operations_;
-    std::vector<Attribute> const attributes_;
+    // Of rows of one name the last stays, once the class has been completed.
+    std::vector<Operation> operations_;
+    std::vector<Attribute> attributes_;
     std::vector<std::string> const types_;
     // Fixed once all bases have been built, which is before the program's work begins.
     std::vector<unsigned int> ids_;

@@ -122,13 +122,10 @@ private:
     std::string const name_;
     unsigned int const classId_;
     // Mutable, since a meta object may be a constant, which is completed all the same.
-    mutable std::map<std::string, TreflectMetaAttribute*> attributes_;
-    mutable std::map<std::string, TreflectMetaOperation*> operations_;
-    // Also those whose name another one has been registered under.
-    std::set<TreflectMetaAttribute*> ownedAttributes_;
-    std::set<TreflectMetaOperation*> ownedOperations_;
-    mutable std::set<TreflectMetaObject*> parents_;   // not owned
-    mutable std::set<TreflectMetaObject*> children_;  // not owned
+    mutable std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
+    mutable std::map<std::string, TreflectMetaOperation*> operations_;  // owned
+    mutable std::set<TreflectMetaObject*> parents_;                     // not owned
+    mutable std::set<TreflectMetaObject*> children_;                    // not owned
     // Kept with the class for those who generate classes; the broker has records of its own.
     std::set<Transport::TerminationId> creationSubscribers_;
     std::set<Transport::TerminationId> deletionSubscribers_;

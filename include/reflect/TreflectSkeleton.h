@@ -42,7 +42,9 @@ private:
         for (unsigned int const id : Meta.classIds()) {
             if (life.ended())
                 return;
-            (this->*event)(InterfaceRepository::instance()->findInterface(id));
+            if (TreflectMetaObject const* const meta =
+                    InterfaceRepository::instance()->findInterface(id))
+                (this->*event)(meta);
         }
     }
 };

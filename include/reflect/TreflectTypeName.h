@@ -18,9 +18,9 @@
 #include "ipprmi/TipprmiStruct.h"
 
 /**
- * The name that a C++ type has in the tables of a class (see
- * TreflectParameterType): the static `text()`. Empty for types that nobody has
- * named; a type with operators of its own is named by a specialization:
+ * The name that a C++ type has in the tables of a class (see TreflectParameterType): the static
+ * `text()`. Empty for types that nobody has named; a type with operators of its own is named by a
+ * specialization:
  *
  *     template <>
  *     struct TreflectTypeName<Celsius> {
@@ -42,19 +42,16 @@ namespace treflect {
 REFLECTORB_API std::string typeOf(char const* name, std::vector<std::string> const& parts);
 /** "{part, part}", behind `name`; empty when a part is. */
 REFLECTORB_API std::string typeOfMembers(char const* name, std::vector<std::string> const& parts);
-/** The type of a struct of which `text` tells name and members, as
- * REFLECTORB_STRUCT does. */
+/** The type of a struct of which `text` tells name and members, as REFLECTORB_STRUCT does. */
 REFLECTORB_API std::string typeOfStruct(char const* text, std::vector<std::string> const& members);
 
 /** Names of types up to the first that has none: what is behind it cannot be found. */
 REFLECTORB_API std::vector<std::string> namedTypes(std::vector<std::string> types);
 
-/** Tells whether the type of a struct is being made just now, within which its
- * name will do. */
+/** Tells whether the type of a struct is being made just now, within which its name will do. */
 class REFLECTORB_API StructInWork {
 public:
-    /** `text` as of TipprmiStruct's tipprmiText, told apart by its address and
-     * content. */
+    /** `text` as of TipprmiStruct's tipprmiText, told apart by its address and content. */
     explicit StructInWork(char const* text);
     ~StructInWork();
     StructInWork(StructInWork const&) = delete;

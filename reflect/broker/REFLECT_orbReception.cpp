@@ -11,7 +11,6 @@
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
-#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -173,7 +172,7 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
             head.kind(TreflectMessage::kNoDestination);
         }
         sent = awaited ? issueAnswer_(sender, head) : issueTo_(sender, head);
-        if (sent != 1 && awaited && Transport::TransportLayer::instance().exists(sender))
+        if (sent != 1 && awaited && fresh.empty())
             throw std::bad_alloc();
     };
     // A caller waits for it like for an answer, so a shortage of memory is waited for a little.

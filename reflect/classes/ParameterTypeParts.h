@@ -54,8 +54,8 @@ struct TreflectParameterType::Node {
     std::uint32_t number = 0;
 };
 
-/** The type and its parts in the order of the name, a whole ahead of its parts;
- * behind them in the same way the types that it refers to. */
+/** The type and its parts in the order of the name, a whole ahead of its parts; behind them in the
+ * same way the types that it refers to. */
 struct TreflectParameterType::Shape {
     std::vector<Node> nodes;
     std::vector<std::string> labels{""};
@@ -64,8 +64,7 @@ struct TreflectParameterType::Shape {
     unsigned int resolve(unsigned int at) const {
         return nodes[at].kind == Kind::kReference ? nodes[at].number : at;
     }
-    /** The part of a whole that has this place among its parts; 0 when it has not
-     * so many. */
+    /** The part of a whole that has this place among its parts; 0 when it has not so many. */
     unsigned int partOf(unsigned int whole, std::uint32_t place) const;
     /** The part that has this name; 0 without one. */
     unsigned int partNamed(unsigned int whole, std::string_view name) const;
@@ -76,13 +75,12 @@ struct TreflectParameterType::Shape {
     }
 };
 
-/** A whole number, of which the bits are answered; nothing when `word` is none,
- * or does not lie between `lowest` and `highest`. */
+/** A whole number, of which the bits are answered; nothing when `word` is none, or does not lie
+ * between `lowest` and `highest`. */
 std::optional<std::uint64_t> wholeNumberIn(std::string_view word, std::int64_t lowest,
                                            std::uint64_t highest);
 
-/** Bytes of an encoding that are still to be read. Reading stops for good where
- * they end. */
+/** Bytes of an encoding that are still to be read. Reading stops for good where they end. */
 class ParameterBytes {
 public:
     ParameterBytes(unsigned char const* at, std::size_t size) : at_(at), left_(size) {}
@@ -111,8 +109,7 @@ public:
         std::uint64_t const high = number();
         return high << 32 | number();
     }
-    /** A length, then as many bytes: a text or a nested value. A negative length
-     * is none. */
+    /** A length, then as many bytes: a text or a nested value. A negative length is none. */
     std::string_view text() {
         auto const length = static_cast<std::int32_t>(number());
         unsigned char const* const taken = take(length > 0 ? static_cast<std::size_t>(length) : 0);
@@ -127,21 +124,81 @@ private:
     bool complete_ = true;
 };
 
+/**
+ * Goes through an encoded value and those within it. `Reader`, which is derived from it, does what
+ * is to be done: with a value in `content`, with those within it in `elements`, `entries`, `parts`
+ * and `alternative`, which call `value` for each.
+ */
+template <class Reader>
+class TreflectParameterType::Walk {
+public:
+    Walk(Shape const& shape, ParameterBytes& bytes) : shape_(shape), bytes_(bytes) {}
+
+    /** The value whose type begins at the node `at`. */
+    void value(unsigned int at) {
+        if (++level_ > kMaxValueDepth)
+            bytes_.fail();
+        else
+            reader().content(shape_.resolve(at));
+        --level_;
+    }
+
+protected:
+    /** A value that holds others; false when it is another one, which is still to be read. */
+    bool container(unsigned int at) {
+        Node const& node = shape_.nodes[at];
+        switch (node.kind) {
+            case Kind::kSequence:
+                reader().elements(at + 1, bytes_.number());
+                return true;
+            case Kind::kOptional:
+                reader().elements(at + 1, atMostOne());
+                return true;
+            case Kind::kArray:
+                reader().elements(at + 1, node.number);
+                return true;
+            case Kind::kMap:
+                reader().entries(at);
+                return true;
+            case Kind::kStruct:
+                reader().parts(at);
+                return true;
+            case Kind::kUnion:
+                reader().alternative(at);
+                return true;
+            default:
+                return false;
+        }
+    }
+
+    Shape const& shape_;
+    ParameterBytes& bytes_;
+
+private:
+    Reader& reader() { return static_cast<Reader&>(*this); }
+    std::uint32_t atMostOne() {
+        std::uint32_t const count = bytes_.number();
+        if (count > 1)
+            bytes_.fail();
+        return count;
+    }
+
+    int level_ = 0;
+};
+
 /** Makes the shape of a type from its name. */
 class TreflectParameterType::Compiler {
 public:
     Compiler(TextCursor& text, TreflectTypes const& types) : text_(&text), types_(types) {}
 
-    /** Reads one type, and a name behind it if there is one; false when there is
-     * none. */
+    /** Reads one type, and a name behind it if there is one; false when there is none. */
     bool compile();
     std::string const& label() const { return label_; }
     std::shared_ptr<Shape const> shape() {
         return std::make_shared<Shape const>(std::move(shape_));
     }
 
-    /** Reads the text of a type by itself, whatever it refers to; and the name of
-     * that type. */
+    /** Reads the text of a type by itself, whatever it refers to; and the name of that type. */
     bool readDefinition() { return type(1); }
     std::string definedFirst() const;
 

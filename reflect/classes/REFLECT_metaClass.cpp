@@ -12,6 +12,17 @@ namespace {
 // It is the classes' table that is told of, whoever makes it.
 constexpr char kSource[] = "REFLECT_metaObject";
 
+/** The last one is what a meta object knows by the name; the others would be lost to it. */
+template <class Row>
+void keepLastOfEachName(std::vector<Row>& rows) {
+    for (auto row = rows.begin(); row != rows.end();) {
+        std::string const name = row->name;
+        bool const repeated =
+            std::any_of(row + 1, rows.end(), [&](Row const& other) { return name == other.name; });
+        row = repeated ? rows.erase(row) : row + 1;
+    }
+}
+
 }  // namespace
 
 TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int classId,
@@ -79,6 +90,10 @@ void TreflectMetaClass::registerMembers() {
     for (TreflectMetaObject* const base : parents())
         complete(*base);
     tellMistakes();
+    registerTypes();
+    tellUnknownTypes();
+    keepLastOfEachName(operations_);
+    keepLastOfEachName(attributes_);
     std::vector<MetaOpData> operations;
     for (Operation const& operation : operations_)
         operations.push_back({operation.name.c_str(), static_cast<int>(operation.id)});
@@ -86,8 +101,6 @@ void TreflectMetaClass::registerMembers() {
     MetaAttrData const noAttribute{};
     completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
                                   static_cast<unsigned int>(operations.size()), &noAttribute, 0);
-    registerTypes();
-    tellUnknownTypes();
     registerAttributes();
     describeParameters();
 }

@@ -20,10 +20,10 @@ TreflectMetaObject::TreflectMetaObject(std::string const& name, unsigned int cla
 TreflectMetaObject::~TreflectMetaObject() {
     InterfaceRepository::instance()->unregisterInterface(this);
     InterfaceRepository::instance()->destroyed(this);
-    for (auto const* attribute : ownedAttributes_)
-        delete attribute;
-    for (auto const* operation : ownedOperations_)
-        delete operation;
+    for (auto const& attribute : attributes_)
+        delete attribute.second;
+    for (auto const& operation : operations_)
+        delete operation.second;
 }
 
 bool TreflectMetaObject::isBuilt(TreflectMetaObject const* metaObject) {
@@ -35,8 +35,8 @@ void TreflectMetaObject::forget(TreflectMetaObject const& gone) {
     auto* const other = const_cast<TreflectMetaObject*>(&gone);
     parents_.erase(other);
     children_.erase(other);
-    for (auto* attribute : ownedAttributes_)
-        attribute->forget(gone);
+    for (auto const& attribute : attributes_)
+        attribute.second->forget(gone);
 }
 
 std::string const& TreflectMetaObject::name() const {
@@ -115,7 +115,6 @@ bool TreflectMetaObject::registerChild(TreflectMetaObject* derived) {
 }
 
 void TreflectMetaObject::registerOperation(TreflectMetaOperation* operation) {
-    ownedOperations_.insert(operation);
     operations_[operation->name()] = operation;
 }
 
@@ -128,7 +127,6 @@ bool TreflectMetaObject::registerType(std::string const& definition) {
 }
 
 void TreflectMetaObject::registerAttribute(TreflectMetaAttribute* attribute) {
-    ownedAttributes_.insert(attribute);
     attributes_[attribute->name()] = attribute;
 }
 

@@ -51,8 +51,7 @@ unsigned int TreflectParameterType::Shape::partNamed(unsigned int whole,
     return 0;
 }
 
-// ---- The grammar
-// -------------------------------------------------------------------------------
+// ---- The grammar --------------------------------------------------------------------------------
 
 bool TreflectParameterType::Compiler::compile() {
     if (!type(1))
@@ -196,8 +195,7 @@ unsigned int TreflectParameterType::Compiler::labelled(std::string_view name) {
     return static_cast<unsigned int>(shape_.labels.size() - 1);
 }
 
-// ---- References
-// --------------------------------------------------------------------------------
+// ---- References ---------------------------------------------------------------------------------
 
 // The list grows while the types are made to which it leads.
 bool TreflectParameterType::Compiler::resolveReferences() {
@@ -221,8 +219,7 @@ bool TreflectParameterType::Compiler::define(std::string const& name) {
     return complete && defined_.count(name) != 0;
 }
 
-// ---- What could go on for ever
-// -----------------------------------------------------------------
+// ---- What could go on for ever ------------------------------------------------------------------
 
 bool TreflectParameterType::Compiler::isSound() {
     auto const count = static_cast<unsigned int>(shape_.nodes.size());
@@ -234,8 +231,7 @@ bool TreflectParameterType::Compiler::isSound() {
     return sound_;
 }
 
-/** An effort that is bounded by the bytes needs elements, and structs of parts,
- * that have some. */
+/** An effort that is bounded by the bytes needs elements, and structs of parts, that have some. */
 bool TreflectParameterType::Compiler::hasBytesWhereNeeded(unsigned int at) const {
     Node const& node = shape_.nodes[at];
     switch (node.kind) {
@@ -292,8 +288,7 @@ std::uint64_t TreflectParameterType::Compiler::leastSizeOfWhole(unsigned int at,
     }
 }
 
-// ---- Types with names
-// --------------------------------------------------------------------------
+// ---- Types with names ---------------------------------------------------------------------------
 
 bool TreflectTypes::add(std::string const& definition) {
     std::string const name = TreflectParameterType::nameIn(definition);

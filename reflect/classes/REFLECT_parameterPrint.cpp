@@ -6,23 +6,18 @@
 #include "reflect/NamespaceId.h"
 #include "reflect/classes/ParameterTypeParts.h"
 
-class TreflectParameterType::Printer {
+class TreflectParameterType::Printer : public Walk<Printer> {
 public:
     /** The name under which a handle on nothing travels. */
     static constexpr std::string_view kNoObject = "InvalidStub";
 
-    Printer(Shape const& shape, ParameterBytes& bytes) : shape_(shape), bytes_(bytes) {}
+    using Walk::Walk;
 
-    void value(unsigned int at) {
-        if (++level_ > kMaxValueDepth)
-            bytes_.fail();
-        else
-            content(shape_.resolve(at));
-        --level_;
-    }
     std::string takeText() { return std::move(text_); }
 
 private:
+    friend class Walk;
+
     void content(unsigned int at) {
         Node const& node = shape_.nodes[at];
         switch (node.kind) {
@@ -58,33 +53,8 @@ private:
                 text_ += "{}";
                 break;
             default:
-                container(at);
-        }
-    }
-
-    void container(unsigned int at) {
-        Node const& node = shape_.nodes[at];
-        switch (node.kind) {
-            case Kind::kSequence:
-                elements(at + 1, bytes_.number());
-                break;
-            case Kind::kOptional:
-                optional(at + 1);
-                break;
-            case Kind::kArray:
-                elements(at + 1, node.number);
-                break;
-            case Kind::kMap:
-                entries(at);
-                break;
-            case Kind::kStruct:
-                parts(at);
-                break;
-            case Kind::kUnion:
-                alternative(at);
-                break;
-            default:
-                word(node.kind);
+                if (!container(at))
+                    word(node.kind);
         }
     }
 
@@ -194,13 +164,6 @@ private:
         text_ += ']';
     }
 
-    void optional(unsigned int content) {
-        std::uint32_t const count = bytes_.number();
-        if (count > 1)
-            bytes_.fail();
-        elements(content, count);
-    }
-
     void entries(unsigned int at) {
         text_ += '{';
         std::uint32_t const count = bytes_.number();
@@ -241,10 +204,7 @@ private:
         text_ += '}';
     }
 
-    Shape const& shape_;
-    ParameterBytes& bytes_;
     std::string text_;
-    int level_ = 0;
 };
 
 TipprmiResult<std::string> TreflectParameterType::print(TipprmiAny const& value) const {

@@ -58,8 +58,7 @@ class TreflectParameterType::Parser {
 public:
     explicit Parser(TextCursor& text) : text_(text) {}
 
-    /** Reads one value; false when there is none of this type, and then the bytes
-     * are of no use. */
+    /** Reads one value; false when there is none of this type, and then the bytes are of no use. */
     bool value(Shape const& shape, unsigned int at) {
         if (level_ >= kMaxValueDepth)
             return false;

@@ -1,5 +1,4 @@
-// Types of arguments and results: where a value ends, and which types have one
-// form.
+// Types of arguments and results: where a value ends, and which types have one form.
 #include <set>
 
 #include "reflect/classes/ParameterTypeParts.h"
@@ -11,25 +10,17 @@ enum class Check { kAsReaders, kAsWriters };
 
 }  // namespace
 
-// ---- Encoded values
-// ----------------------------------------------------------------------------
+// ---- Encoded values -----------------------------------------------------------------------------
 
-/** Passes one value. Its effort is bounded by the bytes: what may be repeated
- * has some. */
-class TreflectParameterType::Measure {
+/** Passes one value. Its effort is bounded by the bytes: what may be repeated has some. */
+class TreflectParameterType::Measure : public Walk<Measure> {
 public:
     Measure(Shape const& shape, ParameterBytes& bytes, Check check)
-        : shape_(shape), bytes_(bytes), check_(check) {}
-
-    void value(unsigned int at) {
-        if (++level_ > kMaxValueDepth)
-            bytes_.fail();
-        else
-            content(shape_.resolve(at));
-        --level_;
-    }
+        : Walk(shape, bytes), check_(check) {}
 
 private:
+    friend class Walk;
+
     void content(unsigned int at) {
         Node const& node = shape_.nodes[at];
         switch (node.kind) {
@@ -54,30 +45,13 @@ private:
                 bytes_.text();
                 bytes_.take(12);
                 break;
-            case Kind::kSequence:
-                elements(at + 1, bytes_.number());
-                break;
-            case Kind::kOptional:
-                optional(at + 1);
-                break;
-            case Kind::kArray:
-                elements(at + 1, node.number);
-                break;
-            case Kind::kMap:
-                entries(at);
-                break;
-            case Kind::kStruct:
-                parts(at);
-                break;
-            case Kind::kUnion:
-                alternative(at);
-                break;
             case Kind::kVoid:
             case Kind::kEnumerator:
             case Kind::kReference:
                 break;
             default:
-                word(node.kind);
+                if (!container(at))
+                    word(node.kind);
         }
     }
 
@@ -91,13 +65,6 @@ private:
     void elements(unsigned int element, std::uint32_t count) {
         for (; count > 0 && bytes_.complete(); --count)
             value(element);
-    }
-
-    void optional(unsigned int content) {
-        std::uint32_t const count = bytes_.number();
-        if (count > 1)
-            bytes_.fail();
-        elements(content, count);
     }
 
     void entries(unsigned int at) {
@@ -119,10 +86,7 @@ private:
             value(part);
     }
 
-    Shape const& shape_;
-    ParameterBytes& bytes_;
     Check const check_;
-    int level_ = 0;
 };
 
 bool TreflectParameterType::isInRange(Kind kind, std::uint32_t number) {
@@ -160,8 +124,7 @@ bool TreflectParameterType::accepts(TipprmiAny const& value) const {
     return bytes.complete() && bytes.left() == 0;
 }
 
-// ---- Two types
-// ---------------------------------------------------------------------------------
+// ---- Two types ----------------------------------------------------------------------------------
 
 /** Compares the parts of two types. */
 class TreflectParameterType::Comparison {
@@ -171,8 +134,7 @@ public:
     bool isSame(unsigned int a, unsigned int b) {
         a = withoutWrapping(a_, a);
         b = withoutWrapping(b_, b);
-        // Of types that refer to themselves: the same as far as nothing speaks
-        // against it.
+        // Of types that refer to themselves: the same as far as nothing speaks against it.
         if (!compared_.emplace(a, b).second)
             return true;
         Node const& left = a_.nodes[a];

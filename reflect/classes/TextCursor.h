@@ -3,8 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
-/** A place in a text that people have written. Blanks are skipped ahead of what
- * is looked for. */
+/** A place in a text that people have written. Blanks are skipped ahead of what is looked for. */
 class TextCursor {
 public:
     explicit TextCursor(std::string_view text) : left_(text) {}
@@ -24,8 +23,7 @@ public:
     }
     /** Whether nothing is left. */
     bool empty() const { return left_.empty(); }
-    /** Passes the letters, digits, signs and underscores that are next; may be
-     * none. */
+    /** Passes the letters, digits, signs and underscores that are next; may be none. */
     std::string_view word() {
         skipBlanks();
         return take(left_.find_first_not_of(
@@ -36,8 +34,8 @@ public:
         skipBlanks();
         return take(left_.find_first_not_of("0123456789abcdefinty.+-E"));
     }
-    /** Passes the name that is next, of letters, digits, underscores and ::,
-     * which begins with none of the digits; may be none. */
+    /** Passes the name that is next, of letters, digits, underscores and ::, which begins with none
+     * of the digits; may be none. */
     std::string_view identifier() {
         skipBlanks();
         if (!left_.empty() && left_.front() >= '0' && left_.front() <= '9')
@@ -51,8 +49,7 @@ public:
         }
         return take(end);
     }
-    /** Passes all up to the next of `ends`, and answers it without blanks at its
-     * ends. */
+    /** Passes all up to the next of `ends`, and answers it without blanks at its ends. */
     std::string_view upTo(std::string_view ends) {
         skipBlanks();
         std::string_view text = take(left_.find_first_of(ends));
