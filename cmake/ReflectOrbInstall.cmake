@@ -41,4 +41,7 @@ endforeach()
 
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
-    PATTERN CMakeLists.txt EXCLUDE)
+    PATTERN CMakeLists.txt EXCLUDE
+    PATTERN installed.cmake EXCLUDE)
+install(FILES examples/house/installed.cmake DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/house"
+    RENAME CMakeLists.txt)

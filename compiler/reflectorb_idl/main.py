@@ -10,13 +10,12 @@ import traceback
 from . import compatibility
 from .description import Completion, Description
 from .generator import Generator
-from .parser import Parser
+from .parser import OWN_IDL, Parser
 from .report import Failed, Report
 from .scopes import Scopes
 
 _PACKAGE = os.path.dirname(os.path.abspath(__file__))
 # IDL that comes with the compiler: int8, oid, ...
-_OWN_IDL = os.path.join(_PACKAGE, "idl")
 _ABOUT = """Writes NAME.h, NAME.cpp and NAME.json for the interfaces of NAME.idl."""
 _CHECK = """compares two versions of an interface, each an .idl or the .json made of it, and tells which
 changes break peers of the other version; exit code 0: nothing differs, 1: they fit, 2: they do not,
@@ -53,7 +52,7 @@ def _describe(path, options, report):
     """The completed description of an IDL file, and the files that it was read from."""
     if not os.path.exists(path):
         raise Failed("%s: no such file" % path)
-    includes = options.includes + [_OWN_IDL]
+    includes = options.includes + [OWN_IDL]
     parsed = Parser(report, options.omniidl, includes, options.defines, options.strict).parse(path)
     description = Description(parsed.tree)
     Completion(description, report, options.skip_refused).run()
@@ -67,7 +66,7 @@ def _without_places(tree, path, files, includes):
     """Names of files that are the same on every machine, and what the inputs were."""
     names = {}
     for file in files:
-        roots = [os.path.dirname(path) or "."] + includes + [_OWN_IDL]
+        roots = [os.path.dirname(path) or "."] + includes + [OWN_IDL]
         relative = [os.path.relpath(file, root) for root in roots]
         names[file] = min(relative, key=lambda name: (name.startswith(".."), len(name)))
 

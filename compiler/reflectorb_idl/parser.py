@@ -7,6 +7,9 @@ import tempfile
 
 from .report import Failed
 
+# Types that IDL has no names for.
+OWN_IDL = os.path.join(os.path.dirname(os.path.abspath(__file__)), "idl")
+
 _BACK_END = os.path.join(os.path.dirname(os.path.abspath(__file__)), "backend")
 # omniidl hands names of files to a shell, in double quotes, and lists end at commas.
 _UNSAFE = re.compile(r'["$`\\,\n]')

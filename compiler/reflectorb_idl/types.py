@@ -1,6 +1,7 @@
 """IDL types in C++: how they are written, passed and begun."""
 from .cases import cases_of
 from .description import types_in
+from .parser import OWN_IDL
 from .scopes import arguments, results
 
 _BASES = {
@@ -70,6 +71,9 @@ class Types:
             return self._scopes.short(self._scopes.client(entry), scope, hidden)
         if entry["kind"] == "native":
             return entry["cpp"]["type"]
+        # No header is made of the compiler's own IDL: its names mean what they stand for.
+        if entry["kind"] == "typedef" and entry["file"].startswith(OWN_IDL):
+            return self.cpp(entry["type"], scope, hidden)
         return self._scopes.short(self._scopes.place(entry), scope, hidden)
 
     def passed(self, type_, scope, hidden=frozenset()):

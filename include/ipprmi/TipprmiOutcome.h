@@ -26,6 +26,14 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiRaised<Exception>& raise
     return stream >> code >> raised.exception;
 }
 
+namespace tipprmi {
+template <class T, class = void>
+struct HasCode : std::false_type {};
+template <class T>
+struct HasCode<T, std::void_t<decltype(T::kCode)>>
+    : std::is_convertible<decltype(T::kCode), unsigned int> {};
+}  // namespace tipprmi
+
 /**
  * What a call yields that may be refused with one of several exceptions: a result which, when the
  * call was refused so, has the fields of that exception as well. A server object's function
@@ -40,6 +48,9 @@ TipprmiStream& operator>>(TipprmiStream& stream, TipprmiRaised<Exception>& raise
  */
 template <class T, class... Exceptions>
 class TipprmiOutcome : public TipprmiResult<T> {
+    static_assert((tipprmi::HasCode<Exceptions>::value && ...),
+                  "an exception has its failure code as a static constant kCode");
+
 public:
     using Value = T;
     template <class E>

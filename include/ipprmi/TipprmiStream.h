@@ -316,7 +316,9 @@ struct Unwritable {
 struct Unreadable {
     template <class T>
     Unreadable(T&) {
-        static_assert(isReadable<T>,
+        constexpr bool isView = std::is_pointer_v<T> || std::is_same_v<T, std::string_view>;
+        static_assert(!isView, "nothing would own the bytes that are read: take a std::string");
+        static_assert(isView || isReadable<T>,
                       "T has no operator>> for TipprmiStream: write one, or list "
                       "the members of a struct with REFLECTORB_STRUCT");
     }

@@ -3,7 +3,7 @@
 #include <tuple>
 #include <type_traits>
 
-#include "ipprmi/TipprmiStream.h"
+class TipprmiStream;
 
 /**
  * Gives a struct its stream operators: one line in it that names the struct and lists its members,
@@ -58,3 +58,6 @@ TipprmiStream& operator>>(TipprmiStream& stream, T& value) {
                value.tipprmiMembers());
     return stream;
 }
+
+// Its containers know of structs, so it comes behind them.
+#include "ipprmi/TipprmiStream.h"

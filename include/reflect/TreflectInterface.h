@@ -20,6 +20,9 @@ template <class Class_, class Result_, class... Parameters>
 struct SignatureOf<Result_ (Class_::*)(Parameters...)> {
     using Class = Class_;
     using Result = typename TreflectValueOf<Result_>::Type;
+    static_assert((... && (!std::is_lvalue_reference_v<Parameters> ||
+                           std::is_const_v<std::remove_reference_t<Parameters>>)),
+                  "arguments travel one way: return what the operation yields");
     static std::vector<std::string> argumentTypes() { return {treflectTypeName<Parameters>()...}; }
 };
 template <class Class_, class Result_, class... Parameters>
@@ -326,19 +329,30 @@ public:
      * result: a TipprmiResult, see treflectCall. */
     template <auto Method, class... Arguments>
     auto call(Arguments&&... arguments) const {
-        return treflectCall(*this, declaring<Method>().classId, code<Method>(), Method,
-                            std::forward<Arguments>(arguments)...);
+        constexpr bool takesThem = takes<Method, Arguments...>();
+        static_assert(takesThem, "these are not the arguments of this function");
+        if constexpr (takesThem)
+            return treflectCall(*this, declaring<Method>().classId, code<Method>(), Method,
+                                std::forward<Arguments>(arguments)...);
     }
     /** Sends a call that nobody answers, see tipprmiSend. */
     template <auto Method, class... Arguments>
     TipprmiResult<void> send(Arguments&&... arguments) const {
-        return sendBy(code<Method>(), Method, std::forward<Arguments>(arguments)...);
+        constexpr bool takesThem = takes<Method, Arguments...>();
+        static_assert(takesThem, "these are not the arguments of this function");
+        if constexpr (takesThem)
+            return sendBy(code<Method>(), Method, std::forward<Arguments>(arguments)...);
     }
 
 private:
     // Has the class known to every program that uses the client.
     using KnownClass = std::integral_constant<TreflectMetaClass const*, &Skeleton::kMeta>;
 
+    template <auto Method, class... Arguments>
+    static constexpr bool takes() {
+        using Declaring = typename treflect::SignatureOf<decltype(Method)>::Class;
+        return std::is_invocable_v<decltype(Method), Declaring&, Arguments...>;
+    }
     template <auto Method>
     static constexpr auto declaring() {
         using Declaring = typename treflect::SignatureOf<decltype(Method)>::Class;

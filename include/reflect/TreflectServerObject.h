@@ -89,6 +89,12 @@ public:
      * other processes. */
     virtual void sendCreationEvent(TreflectMetaObject const* metaObject = nullptr) const;
     virtual void sendDeletionEvent(TreflectMetaObject const* metaObject = nullptr) const;
+    /** sendCreationEvent for the object's class and each of its bases, in the order of
+     * getServerClassIdSeq, so that who observes a base hears of it, too. Gives the permission up
+     * for each; ends when the object has gone meanwhile. */
+    void sendCreationEvents() const;
+    /** The same for its end: first thing in the most derived destructor. */
+    void sendDeletionEvents() const;
     /** Tells the observers of one kind of a call on this object. */
     virtual bool notifyObservers(unsigned int kind, unsigned int const& cc, unsigned int const& mc,
                                  TipprmiSequence<TipprmiAny, 0u> const& arguments);
@@ -140,6 +146,7 @@ private:
     /** Has the broker tell of this object. */
     void announce(TreflectMetaObject const* metaObject,
                   bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const;
+    void announceAsEach(void (TreflectServerObject::*event)(TreflectMetaObject const*) const) const;
     bool refuseForeignCall(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     template <class Result, class... Parameters, class Method>
     bool serveWithObservers(unsigned int declaring, unsigned int cc, unsigned int mc,

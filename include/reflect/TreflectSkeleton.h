@@ -1,6 +1,5 @@
 #pragma once
 
-#include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectServerObject.h"
 
@@ -27,24 +26,5 @@ public:
     unsigned int getServerClassId() const override { return Meta.getClassId(); }
     TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
         return Meta.classIds();
-    }
-
-    /** sendCreationEvent for the object's class and each of its bases, the most special first, so
-     * that who observes a base hears of it, too. Gives the permission up for each; ends when the
-     * object has gone meanwhile. */
-    void sendCreationEvents() const { tellAll(&TreflectServerObject::sendCreationEvent); }
-    /** The same for its end: first thing in the most derived destructor. */
-    void sendDeletionEvents() const { tellAll(&TreflectServerObject::sendDeletionEvent); }
-
-private:
-    void tellAll(void (TreflectServerObject::*event)(TreflectMetaObject const*) const) const {
-        TreflectObservable::Life const life(*this);
-        for (unsigned int const id : Meta.classIds()) {
-            if (life.ended())
-                return;
-            if (TreflectMetaObject const* const meta =
-                    InterfaceRepository::instance()->findInterface(id))
-                (this->*event)(meta);
-        }
     }
 };

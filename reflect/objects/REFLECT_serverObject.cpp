@@ -8,6 +8,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/OutOfMemory.h"
+#include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -379,6 +380,25 @@ void TreflectServerObject::sendCreationEvent(TreflectMetaObject const* metaObjec
 
 void TreflectServerObject::sendDeletionEvent(TreflectMetaObject const* metaObject) const {
     announce(metaObject, &TreflectORB::notifyDeletion);
+}
+
+void TreflectServerObject::sendCreationEvents() const {
+    announceAsEach(&TreflectServerObject::sendCreationEvent);
+}
+
+void TreflectServerObject::sendDeletionEvents() const {
+    announceAsEach(&TreflectServerObject::sendDeletionEvent);
+}
+
+void TreflectServerObject::announceAsEach(
+    void (TreflectServerObject::*event)(TreflectMetaObject const*) const) const {
+    Life const life(*this);
+    TipprmiSequence<unsigned int, 0u> const ids = getServerClassIdSeq();
+    for (unsigned int i = 0; i < ids.getLength() && !life.ended(); ++i) {
+        if (TreflectMetaObject const* const meta =
+                InterfaceRepository::instance()->findInterface(ids[i]))
+            (this->*event)(meta);
+    }
 }
 
 // The line names the creation in both cases, which is what those who search logs for it expect.

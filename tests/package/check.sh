@@ -14,8 +14,8 @@ examples=$work/prefix/$doc/examples
 
 case $way in
 cmake)
-    cmake -S "$here/consumer" -B "$work/build" -G Ninja "-DCMAKE_PREFIX_PATH=$work/prefix" \
-        "-DCMAKE_CXX_COMPILER=$compiler" "-DEXAMPLES=$examples"
+    cmake -S "$examples/house" -B "$work/build" -G Ninja "-DCMAKE_PREFIX_PATH=$work/prefix" \
+        "-DCMAKE_CXX_COMPILER=$compiler"
     cmake --build "$work/build"
     ;;
 pkgconfig)
