@@ -240,11 +240,22 @@ Descriptor listenAt(std::string const& path) {
     return listening;
 }
 
-TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
+/** A new shared file in which a lock is held already when others see it: who has noticed it takes
+ * his own there. */
+class ReplacedLockTest : public FolderTest {
+protected:
+    std::unique_ptr<LockHolder> replaceSharedFile(off_t lock) {
+        std::string const coming = folder_.path() + "-coming";
+        std::ofstream(coming) << std::string(4096, '\0');
+        auto holder = std::make_unique<LockHolder>(coming, lock, 1);
+        fs::rename(coming, shared());
+        return holder;
+    }
+};
+
+TEST_F(ReplacedLockTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
     Peer old;
-    fs::remove(shared());
-    std::ofstream(shared()) << std::string(4096, '\0');
-    auto holder = std::make_unique<LockHolder>(shared(), 0x10001, 1);
+    auto holder = replaceSharedFile(0x10001);
     Descriptor const sameName = listenAt(folder_.path() + "/f0010001.group240.slot1.pid1.x");
     Peer newcomer;
     EXPECT_TRUE(old.child().waitForErrorLine("holds the name id"));
@@ -258,13 +269,11 @@ TEST_F(FolderTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
         EXPECT_TRUE(eventually([&] { return peer->knowsAll(4); }));
 }
 
-TEST_F(FolderTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
+TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
     Peer old;
     Peer friendly;
     ASSERT_TRUE(eventually([&] { return old.knowsAll(2) && friendly.knowsAll(2); }));
-    fs::remove(shared());
-    std::ofstream(shared()) << std::string(4096, '\0');
-    LockHolder const lock(shared(), 0x10000 + old.id().nameId(), 1);
+    auto const holder = replaceSharedFile(0x10000 + old.id().nameId());
     char entry[80];
     std::snprintf(entry, sizeof entry, "/%08x.group3.slot1.pid%d.thief", old.id().value(),
                   static_cast<int>(getpid()));
