@@ -2,8 +2,10 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <future>
 #include <utility>
 
 #include "platform/transport/local/Descriptor.h"
@@ -45,8 +47,11 @@ public:
         linger const off{};
         ::setsockopt(waiting_.get(), SOL_SOCKET, SO_LINGER, &off, sizeof off);
     }
-    /** Whoever else has it is the last. */
-    void letGo() { waiting_.reset(); }
+    /** Whoever else has it is the last; who had it may have closed it by now, so a thread that
+     * may be held up closes it here. */
+    void letGo() {
+        closing_ = std::async(std::launch::async, [fd = waiting_.release()] { ::close(fd); });
+    }
     /** Whether everybody who had it has closed it. */
     bool isClosed() const {
         char byte = 0;
@@ -60,6 +65,7 @@ public:
     Transport::Descriptor takeOther() { return std::move(deaf_); }
 
 private:
+    std::future<void> closing_;   // outlives the other end, whose going ends the wait
     Transport::Descriptor deaf_;  // its end lets those go on who close the other one
     Transport::Descriptor waiting_;
     bool sent_ = false;
