@@ -83,7 +83,7 @@ void HandlerThreads<Container, Permission, Debugging>::check() {
 template <template <class> class Container, template <class> class Permission, class Debugging>
 void HandlerThreads<Container, Permission, Debugging>::check(Debugging) {
     ThreadRecord& me = currentThread();
-    if (hasPermission() || !me.reportDue(Misuse::remoteCallWithoutPermission))
+    if (hasPermission() || !me.reportDue(Misuse::RemoteCallWithoutPermission))
         return;
     OSWrap::DisableCancelStateGuard const noCancel;
     REFLECTORB_LOG(3, "REFLECT_orb",
@@ -104,7 +104,7 @@ void HandlerThreads<Container, Permission, Debugging>::getPermission(Debugging) 
     if (retrievePermission())
         return;
     ThreadRecord& me = currentThread();
-    if (!me.reportDue(Misuse::getByNonHandler))
+    if (!me.reportDue(Misuse::GetByNonHandler))
         return;
     OSWrap::DisableCancelStateGuard const noCancel;
     REFLECTORB_LOG(4, "REFLECT_orb",

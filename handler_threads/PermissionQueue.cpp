@@ -87,7 +87,7 @@ void PermissionQueue::waitForTurn(PermissionWaiter& waiter) {
 
 void PermissionQueue::queue(PermissionWaiter& waiter) {
     if (!enqueueUnlessFree(waiter))
-        waiter.change(PermissionWaiter::granted)->condition.signal();
+        waiter.change(PermissionWaiter::Granted)->condition.signal();
 }
 
 /** False when the token turned out to be free: then the waiter's thread holds it and is not queued.
@@ -116,7 +116,7 @@ void PermissionQueue::append(PermissionWaiter& waiter) {
     if (front_ == &waiter)
         moveToFront(waiter);
     else
-        waiter.stage.store(PermissionWaiter::queued, std::memory_order_release);
+        waiter.stage.store(PermissionWaiter::Queued, std::memory_order_release);
 }
 
 void PermissionQueue::moveToFront(PermissionWaiter& waiter) {
@@ -127,10 +127,10 @@ void PermissionQueue::moveToFront(PermissionWaiter& waiter) {
  * whether they have. */
 void PermissionQueue::awaitGrant(PermissionWaiter& waiter) {
     do {
-        while (!waiter.sleep(PermissionWaiter::front, PermissionWaitReport::kInterval)) {
+        while (!waiter.sleep(PermissionWaiter::Front, PermissionWaitReport::kInterval)) {
         }
         awaitGrantAtFront(waiter);
-    } while (!waiter.reached(PermissionWaiter::granted));
+    } while (!waiter.reached(PermissionWaiter::Granted));
 }
 
 /** Returns when the token has been granted, or when the thread's work has been exchanged: it then
@@ -141,8 +141,8 @@ void PermissionQueue::awaitGrantAtFront(PermissionWaiter& waiter) {
         return waiter.exchanges.load(std::memory_order_relaxed) != exchanges;
     };
     PermissionWaitReport report(waitAtFront(waiter), ownerTid_);
-    while (!waiter.sleep(PermissionWaiter::granted, report.timeToNextReport())) {
-        if (exchanged() || !waiter.reached(PermissionWaiter::front))
+    while (!waiter.sleep(PermissionWaiter::Granted, report.timeToNextReport())) {
+        if (exchanged() || !waiter.reached(PermissionWaiter::Front))
             return;
         report.stillWaiting();
     }
@@ -153,7 +153,7 @@ void PermissionQueue::awaitGrantAtFront(PermissionWaiter& waiter) {
 /** Of the calling thread. Work that has been exchanged waits from now on. */
 WaitAtFront PermissionQueue::waitAtFront(PermissionWaiter const& waiter) {
     WaitAtFront wait;
-    if (waiter.reached(PermissionWaiter::granted)) {
+    if (waiter.reached(PermissionWaiter::Granted)) {
         wait = waiter.wait;
     } else {
         OSWrap::Lock<> const lock(queueMutex_);
@@ -236,7 +236,7 @@ ParkingPlace* PermissionQueue::passOn() {
     word_.store(successor.id | (front_ ? kSomebodyQueued : 0), std::memory_order_release);
     if (front_)
         moveToFront(*front_);
-    return successor.change(PermissionWaiter::granted);
+    return successor.change(PermissionWaiter::Granted);
 }
 
 void PermissionQueue::unlink(PermissionWaiter& waiter) {
@@ -256,7 +256,7 @@ void PermissionQueue::removeId(void* self) {
 /** Of a thread that has been cancelled. Who was left to queue its entry is just about to do so. */
 void PermissionQueue::leaveQueue(PermissionWaiter& waiter) {
     OSWrap::DisableCancelStateGuard const noCancel;
-    while (!waiter.reached(PermissionWaiter::queued))
+    while (!waiter.reached(PermissionWaiter::Queued))
         OSWrap::Thread::sleep(0, kMoment);
     ParkingPlace* successor = nullptr;
     {
@@ -268,7 +268,7 @@ void PermissionQueue::leaveQueue(PermissionWaiter& waiter) {
 }
 
 ParkingPlace* PermissionQueue::leaveQueueLocked(PermissionWaiter& waiter) {
-    if (waiter.reached(PermissionWaiter::granted))
+    if (waiter.reached(PermissionWaiter::Granted))
         return passOn();
     bool const wasFront = front_ == &waiter;
     unlink(waiter);

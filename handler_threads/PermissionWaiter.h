@@ -25,14 +25,13 @@ struct WaitAtFront {
  * (HandlerThreads::queue), and the sleeper is woken once, with the permission granted.
  *
  * Others touch the entry only while it is left to them or queued, under the queue's mutex; raising
- * it to `granted` is the last they do with it.
+ * it to `Granted` is the last they do with it.
  *
- *     left --(queued)--> queued --(all before it have gone)--> front --(token handed over)-->
- * granted
- *                          ^-------(work exchanged)--------------'
+ *     Left --queued--> Queued --all before it have gone--> Front --token handed over--> Granted
+ *                        ^--------work exchanged-----------'
  */
 struct PermissionWaiter {
-    enum Stage : int { left, queued, front, granted };
+    enum Stage : int { Left, Queued, Front, Granted };
 
     /** Of the calling thread. `work`: of a thread of a pool, with whom another one may exchange it
      * while the entry is queued; else null. */
@@ -55,7 +54,7 @@ struct PermissionWaiter {
      * and for whom. */
     void moveToFront(unsigned long holderId, long holderTid) {
         wait = {OSWrap::Clock::getObsTime(), holderId, holderTid};
-        stage.store(front, std::memory_order_release);
+        stage.store(Front, std::memory_order_release);
     }
     bool exchangesWith(PermissionWaiter const& other) const {
         return turn && other.turn && turn->samePool(*other.turn);
@@ -76,7 +75,7 @@ struct PermissionWaiter {
     PermissionWaiter* previous = nullptr;  // guarded by the queue's mutex
     PermissionWaiter* next = nullptr;      // guarded by the queue's mutex
     WaitAtFront wait;  // guarded by the queue's mutex until the token is granted, then the owner's
-    std::atomic<int> stage{left};        // to `granted` under the mutex of `place`, else under the
+    std::atomic<int> stage{Left};        // to `Granted` under the mutex of `place`, else under the
                                          // queue's; read without
     std::atomic<unsigned> exchanges{0};  // of its work; counted under the queue's mutex
 };

@@ -18,7 +18,7 @@ struct ParkingPlace {
 
 /** The reports that a thread gets at most three times in its life; the value is the position of
  * the report's counter in ThreadRecord::misuse. */
-enum class Misuse : unsigned { remoteCallWithoutPermission = 0, getByNonHandler = 2 };
+enum class Misuse : unsigned { RemoteCallWithoutPermission = 0, GetByNonHandler = 2 };
 
 /**
  * The calling thread as the run permission sees it. Nothing else touches it, so it needs no lock.

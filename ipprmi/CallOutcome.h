@@ -3,7 +3,8 @@
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiResult.h"
 
-/** Why the call failed whose response holds this container, which is not of type 0. */
+/** Reads out of the exception container of a failed call's response why the call failed. The
+ * container's type is not 0. */
 inline TipprmiFailure failureIn(TipprmiExceptionContainer& container) {
     TipprmiGeneralException general(TipprmiFailure::kUnreadable);
     if (container.getExceptionType() == TipprmiGeneralException::getExceptionClassType())

@@ -90,7 +90,7 @@ TipprmiOID TipprmiObjectClient::identifier() const {
 
 bool TipprmiObjectClient::isConnected() const {
     // So that what is caught below is an exception and never a cancellation on its way.
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     try {
         return stub_ && stub_->isConnected();
     } catch (...) {

@@ -31,7 +31,7 @@ TipprmiObjectSkeleton::~TipprmiObjectSkeleton() {
     // The process is ending, and somebody may keep the permission for ever.
     if (BrokerLifecycle::instance().isAbandoned())
         return;
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     if (orb_)
         orb_->unregisterObject(this);

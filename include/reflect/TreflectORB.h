@@ -157,9 +157,10 @@ public:
 
     /**
      * Asks a broker, which may be this one, for its counters: what it has sent to each destination
-     * since it was last asked by anybody; the answer starts them afresh. A request that was under
-     * way then counts as sent before, and as failed after it. Empty when the broker did not answer,
-     * or not readably. Waits as forwardMsg does. Any thread.
+     * since it was last asked by anybody; the answer starts them afresh. A request that is under
+     * way then is among the sent ones of this answer; if it fails, among the failed ones of the
+     * next. Empty when the broker did not answer, or not readably. Waits as forwardMsg does. Any
+     * thread.
      */
     PerfCntInfo getPerfCnts(Transport::TerminationId const& target) const;
     /** Asks all other brokers of the group in turn, in ascending order of their terminations; one
@@ -212,7 +213,7 @@ public:
     /** Subscribes at a broker that came up for all classes that are observed here, and tells what
      * it has to those who have not heard of it. Waits for the broker. */
     void orbAppeared(TreflectOrbId const& id);
-    enum class Kind { creation, deletion };
+    enum class Kind { Creation, Deletion };
     /** Subscribes one observer at a broker that it has missed; false when it has been removed
      * meanwhile. */
     bool catchUp_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting,
@@ -260,7 +261,7 @@ private:
     int issueTo_(Transport::TerminationId target, TreflectMessage& message) const;
     /** Whether others get the run permission before a request is issued, or only afterwards, so
      * that it leaves ahead of whatever they send. */
-    enum class GiveWay { beforeIssuing, afterIssuing };
+    enum class GiveWay { BeforeIssuing, AfterIssuing };
     bool forward_(Transport::TerminationId target, bool withResponse, TreflectMessage& message,
                   TipprmiStream& response, GiveWay when) const;
     int issueAnswer_(Transport::TerminationId target, TreflectMessage& message) const;

@@ -55,7 +55,7 @@ public:
     bool extend(std::size_t size);
 
 private:
-    friend class MessageQueue;
+    friend class MessageChain;
     friend AddressedMessage allocateUninitialized(std::size_t size);
     friend bool wasSentAgain(AddressedMessage const& message);
     friend void noteSentAgain(AddressedMessage& message);

@@ -101,7 +101,7 @@ void LogDispatch(int level, int line, char const* source) {
     if (!Logging::enabled(level) || Logging::SinkCall::running())
         return;
     Logging::KeepErrno const keepErrno;
-    OSWrap::DisableCancelStateGuard const noCancellationPoint;
+    OSWrap::DisableCancelStateGuard const noCancel;
     Logging::Record record{};
     record.level = level;
     clock_gettime(CLOCK_REALTIME, &record.time);

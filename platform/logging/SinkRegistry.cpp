@@ -63,7 +63,7 @@ SinkEntry& replaceCurrent(Sink sink, void* context) {
 /** Replacing a sink is rare and calls are short: looking again and again costs less than a signal
  * at the end of every call would. */
 void waitForCalls(SinkEntry const& entry) {
-    OSWrap::DisableCancelStateGuard const noCancellationPoint;
+    OSWrap::DisableCancelStateGuard const noCancel;
     timespec const pause{0, 100'000};
     while (entry.calls.load() != 0)
         nanosleep(&pause, nullptr);

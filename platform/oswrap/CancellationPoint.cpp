@@ -1,5 +1,7 @@
-// Compiled without exceptions but with unwind tables: only then do the clean-up macros save the
-// registers, to jump here when the stack cannot be unwound, and only so goes the way on from here.
+// This file is compiled without exceptions but with unwind tables. The clean-up macros then save
+// the registers, so that a cancelled thread whose stack cannot be unwound further down jumps to
+// this frame and unwinds on from here. With exceptions the macros would be objects with
+// destructors, which such a thread never reaches.
 #include "platform/oswrap/CancellationPoint.h"
 
 #if defined(__arm__)

@@ -17,7 +17,7 @@ namespace {
 class ProcText {
 public:
     explicit ProcText(char const* path) {
-        OSWrap::DisableCancelStateGuard const noCancellationInFileCalls;
+        OSWrap::DisableCancelStateGuard const noCancel;
         int const file = open(path, O_RDONLY | O_CLOEXEC);
         if (file < 0)
             return;

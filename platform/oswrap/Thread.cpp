@@ -173,7 +173,7 @@ void Thread::join() {
         pthread_detach(handle_);
         return;
     }
-    DisableCancelStateGuard const noCancellationPoint;
+    DisableCancelStateGuard const noCancel;
     pthread_join(handle_, nullptr);
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/transport/MessageChain.h"
 #include "platform/transport/MessagePool.h"
-#include "platform/transport/MessageQueue.h"
 
 namespace Transport {
 namespace {

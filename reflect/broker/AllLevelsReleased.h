@@ -12,7 +12,7 @@ public:
             TreflectORB::releaseRunPermission();
     }
     ~AllLevelsReleased() {
-        OSWrap::DisableCancelStateGuard const notCancelled;
+        OSWrap::DisableCancelStateGuard const noCancel;
         for (unsigned long i = 0; i < levels_; ++i)
             TreflectORB::getRunPermission();
     }

@@ -123,10 +123,10 @@ bool Backlog::holdBack(Transport::TerminationId sender) {
 Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
     auto const found = shares_.find(sender);
     if (found == shares_.end() || !found->second.heldBack_)
-        return Mark::none;
-    if (when == When::little && !isLittle(found->second))
-        return Mark::stays;
+        return Mark::None;
+    if (when == When::Little && !isLittle(found->second))
+        return Mark::Stays;
     found->second.heldBack_ = false;
     --heldBack_;
-    return Mark::taken;
+    return Mark::Taken;
 }

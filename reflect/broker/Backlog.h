@@ -45,8 +45,8 @@ public:
     bool isMuch(Share const& share) const;
     /** Marks a sender as held back; false when nothing of it waits. */
     bool holdBack(Transport::TerminationId sender);
-    enum class When { little, anyway };
-    enum class Mark { none, stays, taken };
+    enum class When { Little, Anyway };
+    enum class Mark { None, Stays, Taken };
     /** Takes the mark away when so little waits that the sender may go on, or anyway. */
     Mark letGo(Transport::TerminationId sender, When when);
     /** Whether any are marked. */

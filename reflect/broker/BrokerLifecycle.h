@@ -67,14 +67,18 @@ private:
     /** `served`: the broker whose worker asks for the deletion, or null. */
     void deleteEach(TreflectORB const* served, Pace& pace);
     void deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served, Pace& pace);
+    static void silence(TreflectORB& orb);
+    static void drain(TreflectORB& orb, TreflectORB const* served);
+    static void endPresence(TreflectORB& orb);
+    static void awaitLeaving(TreflectORB& orb);
     void retire(std::size_t index, TreflectORB& orb) OSW_REQUIRES_PERMISSION;
 
     /// A leaf lock, taken with or without the run permission; told when a creation is over. Not
     /// held while a broker is made, which takes 100 ms and more and logs: a log sink may come back
     /// here.
     OSWrap::ConditionVar changed_;
-    /// The thread that makes a broker, one at a time; 0: nobody. It needs no lock of ours that
-    /// those who wait for it may hold.
+    /// The thread that makes a broker, one at a time; 0: nobody. While it does, it takes no lock
+    /// that a thread which waits for it may hold.
     unsigned long creator_ OSW_GUARDED_BY(changed_) = 0;
     TreflectORB const* retired_ OSW_GUARDED_BY(changed_) = nullptr;  // the last one, see Parts
     OSWrap::ConditionVar deletionOver_;                              // a leaf lock

@@ -52,7 +52,7 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
         Backlog::Share* const share =
             messages_.reserve() ? backlog_.admit(message.originator(), message.size()) : nullptr;
         if (!share) {
-            pushed = {Fate::tooMuch, Need::nothing, true};
+            pushed = {Fate::TooMuch, Need::Nothing, true};
             return pushed;
         }
         pushed.isMuch = backlog_.isMuch(*share);
@@ -74,7 +74,7 @@ Transport::TerminationId MessageQueue::begin(Taken& taken) {
     Transport::TerminationId const sender = taken.message.originator();
     Backlog::Share* const share = std::exchange(taken.share, nullptr);
     bool const goesOn = share && share->release(taken.message.size()) && holdsBack() &&
-                        letGo(sender, Backlog::When::little) == Backlog::Mark::taken;
+                        letGo(sender, Backlog::When::Little) == Backlog::Mark::Taken;
     return goesOn ? sender : Transport::TerminationId();
 }
 
@@ -96,7 +96,7 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) 
     bool wake = false;
     {
         QueueLock const lock(changed_);
-        need = Need::nothing;
+        need = Need::Nothing;
         if (!firstPass)
             ++idle_;
         bool const tooMany = idle_ > kMostIdle;
@@ -104,12 +104,12 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) 
             awaitMessage();
         --idle_;
         if (tooMany || closed_)
-            return Turn::end;
+            return Turn::End;
         wake = takeFront(taker, need);
     }
     if (wake)
         changed_.signal();
-    return Turn::serve;
+    return Turn::Serve;
 }
 
 bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
@@ -118,7 +118,7 @@ bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
     bool wake = false;
     {
         QueueLock const lock(changed_);
-        need = Need::nothing;
+        need = Need::Nothing;
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
         wake = takeFront(taker, need);
@@ -169,7 +169,7 @@ void MessageQueue::pollOnce() {
 MessageQueue::Need MessageQueue::addWorker() {
     ++idle_;
     ++workers_;
-    return Need::worker;
+    return Need::Worker;
 }
 
 bool MessageQueue::admitWorker() {

@@ -26,9 +26,9 @@
  */
 class MessageQueue {
 public:
-    enum class Need { nothing, worker };
-    enum class Turn { serve, end };
-    enum class Fate { kept, tooMuch };
+    enum class Need { Nothing, Worker };
+    enum class Turn { Serve, End };
+    enum class Fate { Kept, TooMuch };
     /** A message that a worker has taken. Waits until `begin`. */
     struct Taken {
         Transport::AddressedMessage message;
@@ -48,8 +48,8 @@ public:
         ~Taker() = default;
     };
     struct Pushed {
-        Fate fate = Fate::kept;
-        Need need = Need::nothing;
+        Fate fate = Fate::Kept;
+        Need need = Need::Nothing;
         bool isMuch = false;  // of this sender, which should be held back
     };
 

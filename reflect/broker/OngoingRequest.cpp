@@ -209,7 +209,7 @@ TreflectMessage* OngoingRequest::sleepOnePeriodForPermission() {
             long long const rest = end - OSWrap::Clock::nowNanoseconds();
             if (rest <= 0)
                 break;
-            waiter.sleep(PermissionWaiter::granted, OSWrap::TimeSpec(0, std::min(rest, kLook)));
+            waiter.sleep(PermissionWaiter::Granted, OSWrap::TimeSpec(0, std::min(rest, kLook)));
             queued = delivered();
         }
         withdrawal.cancel();

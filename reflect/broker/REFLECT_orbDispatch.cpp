@@ -210,7 +210,7 @@ void TreflectORB::IncomingMessage::serveCreation(unsigned int classId, TreflectO
         answer(response);
         return;
     }
-    Registration telling(orb_, record->second, Kind::creation, nullptr, note_);
+    Registration telling(orb_, record->second, Kind::Creation, nullptr, note_);
     orb_.gotCreation(classId, object);
     answer(response);
     orb_.tellOfMissedDeletions_(classId, telling);
@@ -408,7 +408,7 @@ private:
     bool awaitTurn(bool firstPass);
     bool goOnAtOnce();
     void startWorker(MessageQueue::Need need) {
-        if (need == MessageQueue::Need::worker)
+        if (need == MessageQueue::Need::Worker)
             orb_.startCountedWorker_();
     }
 
@@ -437,8 +437,8 @@ void TreflectORB::WorkLoop::serve() {
 /** Gives up the run permission until there is a message; false when the worker is to end. */
 bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
     releaseRunPermission();
-    MessageQueue::Need need = MessageQueue::Need::nothing;
-    if (orb_.parts_->messageQueue.next(firstPass, turn_, need) == MessageQueue::Turn::end)
+    MessageQueue::Need need = MessageQueue::Need::Nothing;
+    if (orb_.parts_->messageQueue.next(firstPass, turn_, need) == MessageQueue::Turn::End)
         return false;
     startWorker(need);
     turn_.await();
@@ -448,7 +448,7 @@ bool TreflectORB::WorkLoop::awaitTurn(bool firstPass) {
 /** Serves on without a change of threads while messages wait and only workers are queued for the
  * permission. */
 bool TreflectORB::WorkLoop::goOnAtOnce() {
-    MessageQueue::Need need = MessageQueue::Need::nothing;
+    MessageQueue::Need need = MessageQueue::Need::Nothing;
     if (!orb_.parts_->messageQueue.nextAtOnce(turn_, need))
         return false;
     if (!turn_.mine())

@@ -186,10 +186,9 @@ TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
 
 /** Ends what a broker has begun that nobody will see. */
 void BrokerLifecycle::undo(TreflectORB& orb) {
-    orb.stop();
-    orb.parts_->messageQueue.close();
-    orb.parts_->messageQueue.waitForWorkers(0);
-    orb.parts_->presence->stopWorker();
+    silence(orb);
+    drain(orb, nullptr);
+    endPresence(orb);
 }
 
 /** One that is being made is waited for: it must not be born behind the back of a deletion. */
@@ -268,19 +267,37 @@ void BrokerLifecycle::deleteEach(TreflectORB const* served, Pace& pace) {
     }
 }
 
-void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served,
-                                Pace& pace) {
+// The phases of one broker's deletion. Each may take longer than the process's end will wait.
+
+void BrokerLifecycle::silence(TreflectORB& orb) {
     orb.stop();
-    if (!pace.goOn())
-        return;
+}
+
+void BrokerLifecycle::drain(TreflectORB& orb, TreflectORB const* served) {
     orb.parts_->messageQueue.close();
     orb.parts_->messageQueue.waitForWorkers(&orb == served ? 1 : 0);
-    if (!pace.goOn())
-        return;
+}
+
+void BrokerLifecycle::endPresence(TreflectORB& orb) {
     orb.parts_->presence->stopWorker();
+}
+
+void BrokerLifecycle::awaitLeaving(TreflectORB& orb) {
+    orb.parts_->calls.waitUntilEmpty();
+}
+
+void BrokerLifecycle::deleteOne(std::size_t index, TreflectORB& orb, TreflectORB const* served,
+                                Pace& pace) {
+    silence(orb);
     if (!pace.goOn())
         return;
-    orb.parts_->calls.waitUntilEmpty();
+    drain(orb, served);
+    if (!pace.goOn())
+        return;
+    endPresence(orb);
+    if (!pace.goOn())
+        return;
+    awaitLeaving(orb);
     if (!pace.goOn())
         return;
     WithPermission const permission;

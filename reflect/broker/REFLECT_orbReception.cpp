@@ -143,11 +143,11 @@ void TreflectORB::reportForged_(TreflectMessage const& response, Transport::Term
 bool TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
     MessageQueue::Pushed const pushed = parts_->messageQueue.push(
         message, parts_->deletionSubscriptions.load(std::memory_order_relaxed));
-    if (pushed.need == MessageQueue::Need::worker)
+    if (pushed.need == MessageQueue::Need::Worker)
         startCountedWorker_();
     if (pushed.isMuch)
         holdBack_(message.originator());
-    return pushed.fate == MessageQueue::Fate::kept;
+    return pushed.fate == MessageQueue::Fate::Kept;
 }
 
 /** Too much waits already. Within the process the message comes back as it is; another process gets
@@ -194,9 +194,9 @@ void TreflectORB::holdBack_(Transport::TerminationId sender) {
     if (parts_->ongoingRequests_.awaits(sender) || !parts_->messageQueue.holdBack(sender))
         return;
     bool const mayStay = holdBack(sender) && !parts_->ongoingRequests_.awaits(sender);
-    auto const when = mayStay ? Backlog::When::little : Backlog::When::anyway;
+    auto const when = mayStay ? Backlog::When::Little : Backlog::When::Anyway;
     // Others may have taken the mark away, and had it go on before it was held back.
-    if (parts_->messageQueue.letGo(sender, when) != Backlog::Mark::stays)
+    if (parts_->messageQueue.letGo(sender, when) != Backlog::Mark::Stays)
         goOn_(sender);
 }
 
@@ -207,7 +207,7 @@ void TreflectORB::goOn_(Transport::TerminationId sender) const {
 
 void TreflectORB::letAnswer_(Transport::TerminationId target) const {
     if (parts_->messageQueue.holdsBack() &&
-        parts_->messageQueue.letGo(target, Backlog::When::anyway) == Backlog::Mark::taken)
+        parts_->messageQueue.letGo(target, Backlog::When::Anyway) == Backlog::Mark::Taken)
         goOn_(target);
 }
 

@@ -68,17 +68,17 @@ private:
 
 bool TreflectORB::OutgoingCall::perform() {
     std::optional<TreflectReleaseHandlerState> released;
-    if (when_ == GiveWay::beforeIssuing)
+    if (when_ == GiveWay::BeforeIssuing)
         giveWay(released);
     forwardMsgCleanup const cleanup(id_, withResponse_, message_, &record_, &orb_);
     if (!chooseId()) {
-        if (when_ == GiveWay::afterIssuing)
+        if (when_ == GiveWay::AfterIssuing)
             giveWay(released);
         return failed(Handover::NotYet, 0);
     }
     message_.kind(withResponse_ ? TreflectMessage::kRequest : TreflectMessage::kMsg);
     int const issued = id_.stage == OngoingRequestId::Stage::None ? 0 : send();
-    if (when_ == GiveWay::afterIssuing)
+    if (when_ == GiveWay::AfterIssuing)
         giveWay(released);
     if (issued != 1) {
         REFLECTORB_LOG(3, "REFLECT_orb",
@@ -108,13 +108,13 @@ bool TreflectORB::OutgoingCall::chooseId() {
     RequestTable::Ticket const ticket =
         orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
     switch (ticket.beginning) {
-        case RequestTable::Beginning::exhausted:
+        case RequestTable::Beginning::Exhausted:
             REFLECTORB_LOG(3, "REFLECT_orb", "ORB could NOT generate unique request id 0x%08X",
                            ticket.id);
             return false;
-        case RequestTable::Beginning::closed:
+        case RequestTable::Beginning::Closed:
             return true;
-        case RequestTable::Beginning::begun:
+        case RequestTable::Beginning::Begun:
             break;
     }
     id_ = {ticket.id, enter ? OngoingRequestId::Stage::Entered : OngoingRequestId::Stage::Chosen};
@@ -219,7 +219,7 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
 
 bool TreflectORB::forwardMsg_(Transport::TerminationId target, bool withResponse,
                               TreflectMessage& message, TipprmiStream& response) const {
-    return forward_(target, withResponse, message, response, GiveWay::beforeIssuing);
+    return forward_(target, withResponse, message, response, GiveWay::BeforeIssuing);
 }
 
 bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,

@@ -11,7 +11,7 @@ RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::Term
         record.free();
     OSWrap::Lock<> const lock(mutex_);
     if (closed_)
-        return {Beginning::closed, lastId_};
+        return {Beginning::Closed, lastId_};
     unsigned int id = lastId_;
     for (unsigned int tries = 0; tries < kCapacity; ++tries) {
         id = successor(id);
@@ -25,9 +25,9 @@ RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::Term
             slot = {&record, target};
             ++entered_;
         }
-        return {Beginning::begun, id};
+        return {Beginning::Begun, id};
     }
-    return {Beginning::exhausted, lastId_};
+    return {Beginning::Exhausted, lastId_};
 }
 
 OngoingRequest* RequestTable::take(unsigned int id) {

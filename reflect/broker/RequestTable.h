@@ -16,7 +16,7 @@ class RequestTable {
 public:
     static constexpr unsigned int kCapacity = 4096;
 
-    enum class Beginning { begun, exhausted, closed };
+    enum class Beginning { Begun, Exhausted, Closed };
     struct Ticket {
         Beginning beginning;
         unsigned int id;  // the new id; the last one given when there is none

@@ -33,7 +33,7 @@ struct TreflectORB::Parts {
           missedDeletions(orb, false) {}
 
     TreflectMissedOrbs& missed(Kind kind) {
-        return kind == Kind::creation ? missedCreations : missedDeletions;
+        return kind == Kind::Creation ? missedCreations : missedDeletions;
     }
 
     CallGate calls;

@@ -57,7 +57,7 @@ struct TreflectORB::MetaData {
      * their last observer has been destroyed without being removed. */
     bool creationsSubscribed OSW_GUARDED_BY_PERMISSION = false;
 
-    Side& side(Kind kind) { return kind == Kind::creation ? creations : deletions; }
+    Side& side(Kind kind) { return kind == Kind::Creation ? creations : deletions; }
     /** Whether the end of an object is being published. */
     bool isEnding(TreflectServerObject const* object) const OSW_REQUIRES_PERMISSION;
     /** Whether an object does not exist for a broker: it is still to be told of its creation, or

@@ -38,7 +38,7 @@ void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer
         OSWrap::Lock<> const lock(mutex_);
         missed = missed_;
     }
-    auto const kind = forCreations_ ? TreflectORB::Kind::creation : TreflectORB::Kind::deletion;
+    auto const kind = forCreations_ ? TreflectORB::Kind::Creation : TreflectORB::Kind::Deletion;
     for (TreflectOrbId const& id : missed) {
         if (!orb_.catchUp_(kind, classId, observer, plusExisting, id))
             return;

@@ -49,7 +49,7 @@ public:
 
 protected:
     int run() override {
-        OSWrap::DisableCancelStateGuard const notCancelled(true);
+        OSWrap::DisableCancelStateGuard const noCancel(true);
         shared_->handler();
         return 0;
     }

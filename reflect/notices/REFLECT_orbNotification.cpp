@@ -21,7 +21,7 @@ bool contains(std::vector<unsigned int> const& ids, unsigned int id) {
 class OSW_SCOPED_CAPABILITY SubscribingLock {
 public:
     explicit SubscribingLock(TreflectMutex& mutex) OSW_ACQUIRE(mutex) : mutex_(mutex) {
-        OSWrap::DisableCancelStateGuard const notCancelled;
+        OSWrap::DisableCancelStateGuard const noCancel;
         if (mutex_.trylock())
             return;
         AllLevelsReleased const released;
@@ -51,7 +51,7 @@ void TreflectORB::gotCreation(unsigned int const& classId, TreflectObject const&
     MetaData& record = found->second;
     for (Registration* const registration : record.creations.registrations)
         registration->back(placeOf(object));
-    tellAll_(Kind::creation, record, object, {});
+    tellAll_(Kind::Creation, record, object, {});
 }
 
 void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const& object) {
@@ -60,18 +60,18 @@ void TreflectORB::gotDeletion(unsigned int const& classId, TreflectObject const&
     if (found == parts_->classes.end())
         return;
     found->second.gone(placeOf(object));
-    tellAll_(Kind::deletion, found->second, object, {});
+    tellAll_(Kind::Deletion, found->second, object, {});
 }
 
 // ---- Observers come and go ---------------------------------------------------------------------
 
 bool TreflectORB::observeCreations(unsigned int const& classId, TreflectObserver& observer,
                                    bool plusExisting) {
-    return observe_(Kind::creation, classId, observer, plusExisting);
+    return observe_(Kind::Creation, classId, observer, plusExisting);
 }
 
 bool TreflectORB::observeDeletions(unsigned int const& classId, TreflectObserver& observer) {
-    return observe_(Kind::deletion, classId, observer, false);
+    return observe_(Kind::Deletion, classId, observer, false);
 }
 
 bool TreflectORB::observe_(Kind kind, unsigned int classId, TreflectObserver& observer,
@@ -120,9 +120,9 @@ void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& 
     MetaData& record = getMetaData(classId);
     record.forget(observer);
     record.creations.forget(observer);
-    cancelUnlessObserved_(Kind::creation, classId);
+    cancelUnlessObserved_(Kind::Creation, classId);
     record.deletions.forget(observer);
-    cancelUnlessObserved_(Kind::deletion, classId);
+    cancelUnlessObserved_(Kind::Deletion, classId);
 }
 
 void TreflectORB::cancelUnlessObserved_(Kind kind, unsigned int classId) {
@@ -137,7 +137,7 @@ void TreflectORB::cancelUnlessObserved_(Kind kind, unsigned int classId) {
         for (Registration* const registration : side->registrations)
             registration->forgetHeard();
     }
-    if (kind == Kind::creation) {
+    if (kind == Kind::Creation) {
         record.creationsSubscribed = false;
         unregisterFromOCN(classId);
     } else {
@@ -158,7 +158,7 @@ void TreflectORB::forgetObserver_(TreflectObserver const& observer) {
 // Observers and objects that are destroyed from now on do not find this broker any more.
 void TreflectORB::forgetAllObservers_() {
     for (auto& entry : parts_->classes) {
-        for (Kind const kind : {Kind::creation, Kind::deletion}) {
+        for (Kind const kind : {Kind::Creation, Kind::Deletion}) {
             MetaData::Side& side = entry.second.side(kind);
             side.observers.clear();
             for (Registration* const registration : side.registrations)
@@ -199,16 +199,16 @@ void TreflectORB::registerForOCN(unsigned int classId, std::vector<TreflectObjec
     if (existing)
         existing->clear();
     if (only)
-        subscribeAt_(Kind::creation, classId, existing, nullptr, convertId(*only));
+        subscribeAt_(Kind::Creation, classId, existing, nullptr, convertId(*only));
     else
-        subscribeAtAll_(Kind::creation, classId, existing, nullptr);
+        subscribeAtAll_(Kind::Creation, classId, existing, nullptr);
 }
 
 void TreflectORB::registerForODN(unsigned int classId, TreflectOrbId const* only) {
     if (only)
-        subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(*only));
+        subscribeAt_(Kind::Deletion, classId, nullptr, nullptr, convertId(*only));
     else
-        subscribeAtAll_(Kind::deletion, classId, nullptr, nullptr);
+        subscribeAtAll_(Kind::Deletion, classId, nullptr, nullptr);
 }
 
 void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
@@ -217,7 +217,7 @@ void TreflectORB::subscribeAtAll_(Kind kind, unsigned int classId,
     parts_->missed(kind).start(targets);
     for (Transport::TerminationId const& target : targets)
         subscribeAt_(kind, classId, existing, asking, target);
-    if (kind == Kind::deletion)
+    if (kind == Kind::Deletion)
         getMetaData(classId).lastDeletionSubscription = ++parts_->deletionSubscriptions;
 }
 
@@ -230,19 +230,19 @@ bool TreflectORB::subscribeAt_(Kind kind, unsigned int classId,
     if (target == termId() || !mayServe_(target, classId))
         return false;
     TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-    request.msg().type(kind == Kind::creation ? TreflectMessage::tOCNSubscribe
+    request.msg().type(kind == Kind::Creation ? TreflectMessage::tOCNSubscribe
                                               : TreflectMessage::tODNSubscribe);
     request << classId;
-    if (kind == Kind::creation)
+    if (kind == Kind::Creation)
         request << (existing != nullptr);
     TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-    if (kind == Kind::creation)
+    if (kind == Kind::Creation)
         getMetaData(classId).creationsSubscribed = true;
     if (asking)
         asking->asks(convertId(target));
-    if (!forward_(target, true, request.msg(), response, GiveWay::afterIssuing))
+    if (!forward_(target, true, request.msg(), response, GiveWay::AfterIssuing))
         return false;
-    if (kind == Kind::creation)
+    if (kind == Kind::Creation)
         readExisting_(response, target, existing);
     bool const readable = !response.hasUnmarshallingFailed();
     learnClasses_(target, response);
@@ -317,23 +317,24 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
         eraseThoseAt(id, entry.second.newcomersObjects);
 }
 
-// For those on their way into the lists too: the subscription that they wait for may have left
-// before the broker came up. One that it has reached is asked again, for the sake of those who were
-// there before; nobody is told again of what it was told already.
+// Subscribes also on behalf of observers that are still being registered: their subscription may
+// have been sent before the broker came up, and so not to it. If it was sent to the broker as well,
+// the broker is asked a second time, for the observers that were listed before; no observer is told
+// of an object twice.
 void TreflectORB::catchUpClass_(unsigned int classId, TreflectOrbId const& id) {
     MetaData& record = getMetaData(classId);
-    Registration catchingUp(*this, record, Kind::creation, nullptr);
+    Registration catchingUp(*this, record, Kind::Creation, nullptr);
     if (record.creations.isObserved()) {
         std::vector<TreflectObject> existing;
-        subscribeAt_(Kind::creation, classId, &existing, &catchingUp, convertId(id));
+        subscribeAt_(Kind::Creation, classId, &existing, &catchingUp, convertId(id));
         for (TreflectObject const& object : existing) {
             if (catchingUp.isNews(object))
-                tellAll_(Kind::creation, record, object, record.toldOf(placeOf(object)));
+                tellAll_(Kind::Creation, record, object, record.toldOf(placeOf(object)));
         }
     }
     if (!record.deletions.isObserved())
         return;
-    subscribeAt_(Kind::deletion, classId, nullptr, nullptr, convertId(id));
+    subscribeAt_(Kind::Deletion, classId, nullptr, nullptr, convertId(id));
     record.lastDeletionSubscription = ++parts_->deletionSubscriptions;
     for (auto const& told : record.newcomersObjects) {
         if (brokerOf(told.first) == id)
@@ -360,7 +361,7 @@ void TreflectORB::tellOfGone_(unsigned int classId, TreflectOrbId const& id,
     std::set<ObjectPlace> missing = telling.heardAt(id);
     std::vector<TreflectObject> existing;
     if (missing.empty() || !record.creationsSubscribed || !record.deletions.isObserved() ||
-        !subscribeAt_(Kind::creation, classId, &existing, nullptr, convertId(id)) ||
+        !subscribeAt_(Kind::Creation, classId, &existing, nullptr, convertId(id)) ||
         !Transport::TransportLayer::instance().exists(convertId(id)))
         return;
     for (TreflectObject const& object : existing)

@@ -36,10 +36,10 @@ void TreflectORB::publish_(Kind kind, unsigned int classId, TreflectObject const
     TreflectOrbId subscriber;
     while (publication.next(subscriber)) {
         TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-        request.msg().type(kind == Kind::creation ? TreflectMessage::tOCN : TreflectMessage::tODN);
+        request.msg().type(kind == Kind::Creation ? TreflectMessage::tOCN : TreflectMessage::tODN);
         request << classId << static_cast<TipprmiObjectClient const&>(object);
         TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-        if (!forward_(convertId(subscriber), true, request.msg(), response, GiveWay::afterIssuing))
+        if (!forward_(convertId(subscriber), true, request.msg(), response, GiveWay::AfterIssuing))
             unreached.push_back(subscriber);
     }
     for (TreflectOrbId const& gone : unreached)
@@ -59,7 +59,7 @@ bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject cons
     Publication publication(record.creations.publications, object);
     publication.addDue(record.creations.subscribers);
     gotCreation(classId, handle);
-    publish_(Kind::creation, classId, handle, publication);
+    publish_(Kind::Creation, classId, handle, publication);
     return true;
 }
 
@@ -76,7 +76,7 @@ bool TreflectORB::notifyDeletion(unsigned int classId, TreflectServerObject cons
     Publication publication(record.deletions.publications, object);
     gotDeletion(classId, handle);
     while (publication.addDue(record.deletions.subscribers))
-        publish_(Kind::deletion, classId, handle, publication);
+        publish_(Kind::Deletion, classId, handle, publication);
     // Another object may have its address by now.
     if (handle.getServer() == &object && record.objects.erase(&object) != 0)
         --object.announcements_;

@@ -20,7 +20,7 @@ constexpr std::size_t kMostObjectsHeardOf = 65'536;
 
 // ---- Telling -----------------------------------------------------------------------------------
 
-// What a callback throws ends here: the other observers are to be told as well.
+// An exception of one observer is caught here, so that the other observers are called all the same.
 void TreflectORB::tellOne_(TreflectObserver& observer, TreflectObject const& object) {
     CallbackScope const restored;
     observer.setSource(&object);
@@ -60,7 +60,7 @@ void TreflectORB::tellAll_(Kind kind, MetaData& record, TreflectObject const& ob
     ObjectPlace const place = placeOf(object);
     Notice notice(side.notices, place, std::move(told));
     while (TreflectObserver* const observer = side.nextFor(notice)) {
-        if (kind == Kind::deletion) {
+        if (kind == Kind::Deletion) {
             notice.begin(*observer);
             tellOne_(*observer, object);
         } else if (!mayBeThere(object)) {
@@ -235,7 +235,7 @@ void TreflectORB::Registration::enter() {
         TreflectObject object;
         object.share_(kept_.front().second);
         kept_.pop_front();
-        if (kind_ == Kind::creation)
+        if (kind_ == Kind::Creation)
             tell(object);
         else
             tellOne_(*observer_, object);

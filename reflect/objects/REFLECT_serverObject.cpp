@@ -119,7 +119,7 @@ TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject
 TreflectServerObject::~TreflectServerObject() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     endLife();
     if (TreflectORB* const orb = getORB()) {
@@ -405,7 +405,7 @@ void TreflectServerObject::announceAsEach(
 void TreflectServerObject::announce(
     TreflectMetaObject const* metaObject,
     bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const {
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     bool const told = OSWrap::withMemory([&] {
         TreflectMetaObject const* const mo = metaObject ? metaObject : getClient()->meta();

@@ -152,14 +152,14 @@ Transport::AddressedMessage message(std::size_t size) {
 TEST(MessageQueue, keepsOrderWhileItsRingGrowsAndWraps) {
     MessageQueue queue(kNoBound);
     Taker next;
-    Need need = Need::nothing;
+    Need need = Need::Nothing;
     std::size_t pushed = 0;
     std::size_t taken = 0;
     for (std::size_t round = 0; round < 200; ++round) {
         for (std::size_t i = 0; i < 1 + round % 7; ++i)
             queue.push(message(20 + pushed++));
         for (std::size_t i = 0; i < 1 + round % 5 && taken < pushed; ++i) {
-            ASSERT_EQ(queue.next(taken == 0, next, need), MessageQueue::Turn::serve);
+            ASSERT_EQ(queue.next(taken == 0, next, need), MessageQueue::Turn::Serve);
             ASSERT_EQ(next.taken.message.size(), 20 + taken++);
             ASSERT_EQ(next.linedUp, taken);
         }
@@ -177,7 +177,7 @@ TEST(MessageQueue, sendersShareWhatIsFreeAndWhoSendsLittleFindsRoom) {
     MessageQueue queue({1 << 20, 100, 1 << 20, 300});
     auto const countOf = [&](unsigned int sender) {
         int count = 0;
-        while (queue.push(from(sender)).fate == MessageQueue::Fate::kept)
+        while (queue.push(from(sender)).fate == MessageQueue::Fate::Kept)
             ++count;
         return count;
     };
@@ -187,23 +187,23 @@ TEST(MessageQueue, sendersShareWhatIsFreeAndWhoSendsLittleFindsRoom) {
     EXPECT_EQ(countOf(4), 25);
     int small = 0;
     for (unsigned int sender = 5; sender < 15; ++sender)
-        small += queue.push(from(sender)).fate == MessageQueue::Fate::kept ? 1 : 0;
+        small += queue.push(from(sender)).fate == MessageQueue::Fate::Kept ? 1 : 0;
     EXPECT_EQ(small, 10);
 }
 
 TEST(MessageQueue, boundsBytesButTakesOneLargeMessage) {
     MessageQueue queue({16, 1000, 64, 1000});
-    EXPECT_EQ(queue.push(from(1, 1 << 20)).fate, MessageQueue::Fate::kept) << "alone";
-    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch);
+    EXPECT_EQ(queue.push(from(1, 1 << 20)).fate, MessageQueue::Fate::Kept) << "alone";
+    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::TooMuch);
     Taker taker;
-    Need need = Need::nothing;
+    Need need = Need::Nothing;
     queue.next(true, taker, need);
-    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::tooMuch) << "it waits until begun";
+    EXPECT_EQ(queue.push(from(2, 20)).fate, MessageQueue::Fate::TooMuch) << "it waits until begun";
     queue.begin(taker.taken);
-    EXPECT_EQ(queue.push(from(2, 20 << 10)).fate, MessageQueue::Fate::kept);
-    EXPECT_EQ(queue.push(from(2, 1)).fate, MessageQueue::Fate::tooMuch);
-    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::kept);
-    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::tooMuch);
+    EXPECT_EQ(queue.push(from(2, 20 << 10)).fate, MessageQueue::Fate::Kept);
+    EXPECT_EQ(queue.push(from(2, 1)).fate, MessageQueue::Fate::TooMuch);
+    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::Kept);
+    EXPECT_EQ(queue.push(from(1, 10 << 10)).fate, MessageQueue::Fate::TooMuch);
 }
 
 TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
@@ -213,9 +213,9 @@ TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
     EXPECT_TRUE(queue.push(from(1)).isMuch);
     EXPECT_FALSE(queue.holdBack(2)) << "nothing of it waits";
     EXPECT_TRUE(queue.holdBack(1));
-    EXPECT_EQ(queue.letGo(1, Backlog::When::little), Backlog::Mark::stays);
+    EXPECT_EQ(queue.letGo(1, Backlog::When::Little), Backlog::Mark::Stays);
     Taker taker;
-    Need need = Need::nothing;
+    Need need = Need::Nothing;
     for (unsigned int left = 4; left > 2; --left) {
         queue.next(left == 4, taker, need);
         EXPECT_EQ(queue.begin(taker.taken).value(), 0u);
@@ -224,8 +224,8 @@ TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
     EXPECT_EQ(queue.begin(taker.taken).value(), 1u);
     EXPECT_FALSE(queue.holdsBack());
     EXPECT_TRUE(queue.holdBack(1));
-    EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::taken);
-    EXPECT_EQ(queue.letGo(1, Backlog::When::anyway), Backlog::Mark::none);
+    EXPECT_EQ(queue.letGo(1, Backlog::When::Anyway), Backlog::Mark::Taken);
+    EXPECT_EQ(queue.letGo(1, Backlog::When::Anyway), Backlog::Mark::None);
 }
 
 // So that others need not wait behind thousands of its messages.
@@ -237,7 +237,7 @@ TEST(MessageQueue, senderIsHeldBackBeforeTheOthersMustWaitForLong) {
     EXPECT_TRUE(queue.push(from(1)).isMuch);
     EXPECT_TRUE(queue.holdBack(1));
     Taker taker;
-    Need need = Need::nothing;
+    Need need = Need::Nothing;
     unsigned int left = kMuch + 1;
     do
         queue.next(left == kMuch + 1, taker, need);
@@ -247,9 +247,9 @@ TEST(MessageQueue, senderIsHeldBackBeforeTheOthersMustWaitForLong) {
 
 TEST(MessageQueue, workerThatCannotBeStartedIsAskedForAgain) {
     MessageQueue queue(kNoBound);
-    EXPECT_EQ(queue.push(message(20)).need, Need::worker);
+    EXPECT_EQ(queue.push(message(20)).need, Need::Worker);
     queue.workerNotStarted();
-    EXPECT_EQ(queue.push(message(21)).need, Need::worker);
+    EXPECT_EQ(queue.push(message(21)).need, Need::Worker);
 }
 
 // ---- Requests that await their responses --------------------------------------------------------
@@ -275,14 +275,14 @@ TEST(RequestTable, with4096OutstandingThereIsNoId) {
     std::set<unsigned int> ids;
     for (OngoingRequest& record : records) {
         RequestTable::Ticket const ticket = table->begin(record, 7u, true);
-        ASSERT_EQ(ticket.beginning, Beginning::begun);
+        ASSERT_EQ(ticket.beginning, Beginning::Begun);
         EXPECT_EQ(ticket.id & 0xFFFFF, 0x21234u);
         ids.insert(ticket.id);
     }
     EXPECT_EQ(ids.size(), RequestTable::kCapacity);
     OngoingRequest late;
     RequestTable::Ticket const none = table->begin(late, 7u, true);
-    EXPECT_EQ(none.beginning, Beginning::exhausted);
+    EXPECT_EQ(none.beginning, Beginning::Exhausted);
     EXPECT_EQ(none.id, kSeed) << "the last id, after a whole round";
     EXPECT_EQ(table->take(kSeed + 3 * kStep), &records[2]);
     EXPECT_EQ(table->begin(late, 7u, true).id, kSeed + 3 * kStep);
@@ -314,7 +314,7 @@ TEST(RequestTable, closedItAnswersAllThatWaitAndTakesNoMore) {
     EXPECT_EQ(table->take(id), nullptr);
     EXPECT_FALSE(table->withdraw(id, waiting));
     EXPECT_TRUE(table->takeAllOf(7u).empty());
-    EXPECT_EQ(table->begin(waiting, 7u, true).beginning, Beginning::closed);
+    EXPECT_EQ(table->begin(waiting, 7u, true).beginning, Beginning::Closed);
     EXPECT_TRUE(table->close().empty());
 }
 

@@ -113,7 +113,7 @@ TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
     for (std::size_t i = 0; i < kMore; ++i)
         ASSERT_TRUE(put(1000, 7));
     receiving_.page().head.store(24);
-    MessageQueue back;
+    MessageChain back;
     ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
     ASSERT_EQ(back.count(), kMore + 1);
     for (std::size_t i = 0; i <= kMore; ++i) {
@@ -126,7 +126,7 @@ TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
 TEST_F(RingTest, WhatThereIsNoMemoryForComesBackLater) {
     ASSERT_TRUE(put(100, 1) && put(10'000, 2) && put(200, 3));
     SentMessages untaken = writer_->giveUp();
-    MessageQueue back;
+    MessageChain back;
     allocateUninitialized(100);  // goes to the pool, which has none of the second one's size
     starve(1);
     EXPECT_FALSE(untaken.recover(back, 1, 2));
@@ -145,7 +145,7 @@ TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
     ASSERT_EQ(next(), RingReader::Result::Message);
     reader_->leave();
     reader_->finishBatch();
-    MessageQueue back;
+    MessageChain back;
     ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
     ASSERT_EQ(back.count(), 1u);
     EXPECT_EQ(back.pop().size(), 200u);

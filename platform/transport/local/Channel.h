@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "oswrap/Mutex.h"
-#include "platform/transport/MessageQueue.h"
+#include "platform/transport/MessageChain.h"
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Packet.h"
 #include "platform/transport/local/Ring.h"
@@ -209,7 +209,7 @@ private:
     // receiver's own mutex may be taken.
     OSWrap::Mutex mutex_;
     State state_ OSW_GUARDED_BY(mutex_) = State::Idle;
-    MessageQueue queue_ OSW_GUARDED_BY(mutex_);
+    MessageChain queue_ OSW_GUARDED_BY(mutex_);
     std::optional<Link> link_ OSW_GUARDED_BY(mutex_);
 
     // Receiving thread only.

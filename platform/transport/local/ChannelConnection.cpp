@@ -458,7 +458,7 @@ void Channel::giveBackAll() {
  * to its originator; with LeaveToPeer, what is queued is sent over a new connection. */
 void Channel::close(Unread unread) {
     receiver_->makeCold(*this);
-    MessageQueue back;
+    MessageChain back;
     OpenSocket socket;
     bool again = false;
     {
@@ -489,7 +489,7 @@ void Channel::close(Unread unread) {
 bool Channel::giveBackUntaken() {
     if (!untaken_.has_value())
         return true;
-    MessageQueue back;
+    MessageChain back;
     bool const all = untaken_->recover(back, ownId_.value(), peer_.value());
     receiver_->giveBack(back);
     if (all)

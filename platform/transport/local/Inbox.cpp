@@ -23,7 +23,7 @@ bool Inbox::giveBack(AddressedMessage message) {
     return true;
 }
 
-bool Inbox::giveBack(MessageQueue& messages) {
+bool Inbox::giveBack(MessageChain& messages) {
     OSWrap::Lock<> lock(mutex_);
     if (closed_)
         return false;
@@ -59,8 +59,8 @@ std::shared_ptr<Channel> Inbox::takeRequests() {
     return std::move(firstRequest_);
 }
 
-void Inbox::close(MessageQueue& unread) {
-    MessageQueue dropped;
+void Inbox::close(MessageChain& unread) {
+    MessageChain dropped;
     std::shared_ptr<Channel> requests;
     {
         OSWrap::Lock<> lock(mutex_);

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "oswrap/Mutex.h"
-#include "platform/transport/MessageQueue.h"
+#include "platform/transport/MessageChain.h"
 
 namespace Transport {
 
@@ -32,7 +32,7 @@ public:
     bool deliver(AddressedMessage message, Room room);
     bool giveBack(AddressedMessage message);
     /** What a channel had taken: not bounded once more. */
-    bool giveBack(MessageQueue& messages);
+    bool giveBack(MessageChain& messages);
     bool request(Channel& channel);
     /** From now on no message is taken, but those that come back are. */
     void refuseMessages();
@@ -42,12 +42,12 @@ public:
     /** The first of the requested channels, with the others linked behind it. */
     std::shared_ptr<Channel> takeRequests();
     /** Takes nothing more and drops what is there, except the messages nobody has read. */
-    void close(MessageQueue& unread);
+    void close(MessageChain& unread);
 
 private:
     OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
-    MessageQueue messages_ OSW_GUARDED_BY(mutex_);
-    MessageQueue cameBack_ OSW_GUARDED_BY(mutex_);
+    MessageChain messages_ OSW_GUARDED_BY(mutex_);
+    MessageChain cameBack_ OSW_GUARDED_BY(mutex_);
     // The first and the last of those linked by Channel::nextRequested
     std::shared_ptr<Channel> firstRequest_ OSW_GUARDED_BY(mutex_);
     Channel* lastRequest_ OSW_GUARDED_BY(mutex_) = nullptr;

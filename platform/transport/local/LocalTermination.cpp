@@ -80,7 +80,7 @@ bool LocalTermination::goVisible(std::shared_ptr<Receiver> const& receiver) {
  * the same. The descriptors go with the receiver, whatever becomes of the termination.
  */
 void LocalTermination::stop() {
-    OSWrap::DisableCancelStateGuard notCancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     std::shared_ptr<Receiver> const stopped = receiver();
     if (stopped == nullptr)
         return;

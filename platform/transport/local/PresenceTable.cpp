@@ -172,11 +172,12 @@ void PresenceTable::attach(PresenceListener& listener) {
 }
 
 /**
- * The first to detach waits for the calls that are going on. One that comes second from inside such
- * a call must not wait for the other lane's call: that one may be the first, which waits for it.
+ * The first call of `detach` waits until no thread is inside the listener. A second call, made from
+ * inside the listener on one lane's thread, must not wait for the other lane's thread: the first
+ * call may run there, and it waits for this one.
  */
 void PresenceTable::detach(PresenceListener& listener) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     bool const first = listeners_.erase(&listener) != 0;
     if (!first && calledFromInside(listener))

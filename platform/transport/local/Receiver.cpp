@@ -277,7 +277,7 @@ int Receiver::giveBack(AddressedMessage message) {
     return 1;
 }
 
-void Receiver::giveBack(MessageQueue& messages) {
+void Receiver::giveBack(MessageChain& messages) {
     if (!messages.empty() && inbox_.giveBack(messages))
         events_.wake();
 }
@@ -420,7 +420,7 @@ void Receiver::shutDownChannels() {
 }
 
 void Receiver::closeInbox() {
-    MessageQueue unread;
+    MessageChain unread;
     inbox_.close(unread);
     while (!unread.empty()) {
         AddressedMessage const message = unread.pop();

@@ -9,7 +9,7 @@
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/ConditionVar.h"
 #include "oswrap/Mutex.h"
-#include "platform/transport/MessageQueue.h"
+#include "platform/transport/MessageChain.h"
 #include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Descriptor.h"
 #include "platform/transport/local/EventSet.h"
@@ -54,7 +54,7 @@ public:
     /** Takes messages, each without other owners, that are to go through receiveError. One at a
      * time they are bounded like what arrives; those of a channel are as many as it had taken. */
     int giveBack(AddressedMessage message);
-    void giveBack(MessageQueue& messages);
+    void giveBack(MessageChain& messages);
     /** Has the message that `receiveError` is called with sent once more when that has returned;
      * false when it has been before, or its destination has gone. In `receiveError` only. */
     bool sendAgain(AddressedMessage const& message);

@@ -272,12 +272,12 @@ Rendezvous& Rendezvous::instance() {
 }
 
 TerminationId Rendezvous::reserve(GroupId group, std::string const& name) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     return inForkedChild() ? TerminationId() : state_.reserve(group, name);
 }
 
 int Rendezvous::publish(TerminationId own) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     int socket = -1;
     if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); })) {
         TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", own.value(),
@@ -288,13 +288,13 @@ int Rendezvous::publish(TerminationId own) {
 }
 
 void Rendezvous::withdraw(TerminationId own) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     if (!inForkedChild())
         OSWrap::untilMemory([&] { state_.withdraw(own); });
 }
 
 int Rendezvous::connectTo(TerminationId peer) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     PresenceTable::Entry entry;
     if (!inForkedChild() && state_.table.find(peer, entry))
         return state_.folder.load()->connect(entry.file).release();
@@ -303,7 +303,7 @@ int Rendezvous::connectTo(TerminationId peer) {
 }
 
 Rendezvous::Claim Rendezvous::claim(TerminationId id, pid_t pid) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     return inForkedChild() ? Claim::False : state_.claim(id, pid);
 }
 
@@ -316,19 +316,19 @@ std::vector<TerminationId> Rendezvous::terminations() const {
 }
 
 void Rendezvous::suspect(TerminationId id) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     if (!inForkedChild())
         state_.suspect(id);
 }
 
 void Rendezvous::knocked() {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     if (!inForkedChild())
         state_.knocked();
 }
 
 bool Rendezvous::stillExists(TerminationId id) {
-    OSWrap::DisableCancelStateGuard const uncancelled;
+    OSWrap::DisableCancelStateGuard const noCancel;
     return !inForkedChild() && state_.stillExists(id);
 }
 

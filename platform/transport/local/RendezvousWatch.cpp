@@ -492,9 +492,10 @@ void Rendezvous::State::keepDying(Suspects& suspects) {
 }
 
 /**
- * Looks at those whose channel has ended. Only who removes the entry announces it: all peers of a
- * dead one come here at the same time. If that one dies before it has announced, its own death is
- * announced by its watchers, and the scans that follow find both.
+ * Looks at the owners of channels that have ended. All peers of a dead process come here at the
+ * same time, and only the one that removes its entry raises the word. Should that peer die before
+ * it has raised the word, the processes that watch it raise the word for its own death, and the
+ * scans that follow find both.
  */
 void Rendezvous::State::check(Suspects const& suspects) {
     Departed departed(*this);

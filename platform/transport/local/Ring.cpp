@@ -125,7 +125,7 @@ bool SentMessages::recoverFrame(std::uint32_t next, AddressedMessage& message) {
     return true;
 }
 
-bool SentMessages::recover(MessageQueue& queue, std::uint32_t originator,
+bool SentMessages::recover(MessageChain& queue, std::uint32_t originator,
                            std::uint32_t destination) {
     if (head_ != tail_)
         head_ = startOfFrame(head_);

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "platform/transport/MessageQueue.h"
+#include "platform/transport/MessageChain.h"
 #include "platform/transport/local/SharedMemory.h"
 #include "transport/AddressedMessage.h"
 
@@ -115,7 +115,7 @@ public:
     /** Moves all messages that the peer has not taken, completely, to `queue`, in order: copies of
      * what is in the rings. False when memory runs out for one; to be called again for it and those
      * behind it. */
-    bool recover(MessageQueue& queue, std::uint32_t originator, std::uint32_t destination);
+    bool recover(MessageChain& queue, std::uint32_t originator, std::uint32_t destination);
 
 protected:
     /** A ring that is filled four times over, at least, by the one that follows it. */
@@ -131,7 +131,7 @@ protected:
     RingArea area_;
     std::array<Former, kMostFormer> former_;  // that the peer has not emptied yet, oldest first
     std::size_t formerCount_ = 0;
-    MessageQueue kept_;  // whole, each until the peer has gone beyond its keptUntil
+    MessageChain kept_;  // whole, each until the peer has gone beyond its keptUntil
     std::uint32_t tail_ = 0;
     std::uint32_t head_ = 0;  // as last read from the peer
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "oswrap/Mutex.h"
-#include "platform/transport/MessageQueue.h"
+#include "platform/transport/MessageChain.h"
 #include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
 

@@ -29,13 +29,13 @@ enum class Room : std::size_t {
  * First in, first out, linked through the blocks: needs no memory of its own. Holds messages that
  * have no other owner, since a block can be in one queue only. A resource without a lock.
  */
-class MessageQueue {
+class MessageChain {
 public:
-    MessageQueue() = default;
-    ~MessageQueue() { clear(); }
-    MessageQueue(MessageQueue&& other) noexcept { swap(other); }
-    MessageQueue(MessageQueue const&) = delete;
-    MessageQueue& operator=(MessageQueue const&) = delete;
+    MessageChain() = default;
+    ~MessageChain() { clear(); }
+    MessageChain(MessageChain&& other) noexcept { swap(other); }
+    MessageChain(MessageChain const&) = delete;
+    MessageChain& operator=(MessageChain const&) = delete;
 
     bool empty() const { return first_ == nullptr; }
     /** What the queue weighs against a byte limit: the messages and their heads. */
@@ -72,11 +72,11 @@ public:
     /** The latest one; only when the queue is not empty. */
     MessageBlock& back() { return *last_; }
     /** Takes over all messages of `other`, behind those that are here. */
-    void append(MessageQueue& other) {
+    void append(MessageChain& other) {
         while (!other.empty())
             push(other.pop());
     }
-    void swap(MessageQueue& other) {
+    void swap(MessageChain& other) {
         std::swap(first_, other.first_);
         std::swap(last_, other.last_);
         std::swap(bytes_, other.bytes_);
