@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include "oswrap/FreeList.h"
 #include "oswrap/OutOfMemory.h"
 
 namespace handlerthreads {
@@ -10,13 +11,11 @@ namespace {
 
 // A leaf lock. Not an object with a destructor: threads may end while the process exits.
 pthread_mutex_t freePlacesMutex = PTHREAD_MUTEX_INITIALIZER;
-ParkingPlace* freePlaces = nullptr;  // guarded by freePlacesMutex
+OSWrap::FreeList<ParkingPlace, &ParkingPlace::nextFree> freePlaces;  // guarded by freePlacesMutex
 
 ParkingPlace* takeFreePlace() {
     pthread_mutex_lock(&freePlacesMutex);
-    ParkingPlace* const place = freePlaces;
-    if (place)
-        freePlaces = place->nextFree;
+    ParkingPlace* const place = freePlaces.pop();
     pthread_mutex_unlock(&freePlacesMutex);
     return place;
 }
@@ -57,8 +56,7 @@ void ThreadRecord::giveUpParkingPlace() {
     if (!place)
         return;
     pthread_mutex_lock(&freePlacesMutex);
-    place->nextFree = freePlaces;
-    freePlaces = place;
+    freePlaces.push(place);
     pthread_mutex_unlock(&freePlacesMutex);
     place = nullptr;
 }

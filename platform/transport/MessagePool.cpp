@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <new>
 
+#include "oswrap/FreeList.h"
 #include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Mutex.h"
@@ -58,25 +59,7 @@ std::uint32_t classFor(std::size_t bytes) {
     return sizeClass;
 }
 
-struct FreeList {
-    MessageBlock* first;
-    std::uint32_t count;
-};
-
-void push(FreeList& list, MessageBlock* block) {
-    block->next = list.first;
-    list.first = block;
-    ++list.count;
-}
-
-MessageBlock* pop(FreeList& list) {
-    MessageBlock* block = list.first;
-    if (block != nullptr) {
-        list.first = block->next;
-        --list.count;
-    }
-    return block;
-}
+using FreeBlocks = OSWrap::FreeList<MessageBlock, &MessageBlock::next>;
 
 std::atomic<unsigned long> heapAllocationCount{0};
 
@@ -102,29 +85,29 @@ void toHeap(MessageBlock* block) {
 class CommonStore {
 public:
     /** Moves up to a handful of blocks to `list`. */
-    void refill(FreeList& list, std::uint32_t sizeClass) {
+    void refill(FreeBlocks& list, std::uint32_t sizeClass) {
         if (inForkedChild())
             return;
         OSWrap::Lock<> lock(mutex_);
-        FreeList& common = lists_[sizeClass];
-        for (std::uint32_t n = handful(sizeClass); n > 0 && common.count > 0; --n) {
-            push(list, pop(common));
+        FreeBlocks& common = lists_[sizeClass];
+        for (std::uint32_t n = handful(sizeClass); n > 0 && common.count() > 0; --n) {
+            list.push(common.pop());
             bytes_ -= blockBytes(sizeClass);
         }
     }
 
     /** Takes `count` blocks of `list`; what exceeds the bound goes back to the heap. */
-    void accept(FreeList& list, std::uint32_t sizeClass, std::uint32_t count) {
-        FreeList surplus{nullptr, 0};
+    void accept(FreeBlocks& list, std::uint32_t sizeClass, std::uint32_t count) {
+        FreeBlocks surplus;
         if (inForkedChild()) {
-            for (; count > 0 && list.count > 0; --count)
-                push(surplus, pop(list));
+            for (; count > 0 && list.count() > 0; --count)
+                surplus.push(list.pop());
         } else {
             OSWrap::Lock<> lock(mutex_);
-            for (; count > 0 && list.count > 0; --count)
-                push(makeRoom(sizeClass) ? lists_[sizeClass] : surplus, pop(list));
+            for (; count > 0 && list.count() > 0; --count)
+                (makeRoom(sizeClass) ? lists_[sizeClass] : surplus).push(list.pop());
         }
-        while (MessageBlock* block = pop(surplus))
+        while (MessageBlock* block = surplus.pop())
             toHeap(block);
     }
 
@@ -137,7 +120,7 @@ private:
     /** For one more of a class; false when there are enough. */
     bool makeRoom(std::uint32_t sizeClass) OSW_REQUIRES(mutex_) {
         std::size_t const size = blockBytes(sizeClass);
-        if ((lists_[sizeClass].count + 1) * size > kCommonBytesPerClass ||
+        if ((lists_[sizeClass].count() + 1) * size > kCommonBytesPerClass ||
             bytes_ + size > kCommonBytes)
             return false;
         bytes_ += size;
@@ -145,7 +128,7 @@ private:
     }
 
     OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
-    FreeList lists_[kClasses] OSW_GUARDED_BY(mutex_) = {};
+    FreeBlocks lists_[kClasses] OSW_GUARDED_BY(mutex_);
     std::size_t bytes_ OSW_GUARDED_BY(mutex_) = 0;  // of all lists
 };
 
@@ -159,7 +142,7 @@ CommonStore& commonStore() {
  * thread-specific data runs first. */
 struct ThreadCache {
     enum class State { Fresh, InUse, Ended };
-    FreeList lists[kClasses];
+    FreeBlocks lists[kClasses];
     State state;
 };
 
@@ -171,7 +154,7 @@ void giveBackThreadCache(void* cachePointer) {
     if (inForkedChild())
         return;
     for (std::uint32_t i = 0; i < kClasses; ++i)
-        commonStore().accept(cache.lists[i], i, cache.lists[i].count);
+        commonStore().accept(cache.lists[i], i, cache.lists[i].count());
 }
 
 /** Has the cache given back at the end of the calling thread; false when the process has used up
@@ -196,11 +179,11 @@ ThreadCache* cacheOfThread() {
 
 MessageBlock* takePooled(std::uint32_t sizeClass) {
     ThreadCache* cache = cacheOfThread();
-    FreeList none{nullptr, 0};
-    FreeList& list = cache != nullptr ? cache->lists[sizeClass] : none;
-    if (cache != nullptr && list.count == 0)
+    FreeBlocks none;
+    FreeBlocks& list = cache != nullptr ? cache->lists[sizeClass] : none;
+    if (cache != nullptr && list.count() == 0)
         commonStore().refill(list, sizeClass);
-    return pop(list);
+    return list.pop();
 }
 
 }  // namespace
@@ -232,14 +215,14 @@ void MessagePool::give(MessageBlock* block) {
     ASAN_POISON_MEMORY_REGION(block->data(), block->capacity);
     ThreadCache* cache = cacheOfThread();
     if (cache == nullptr) {
-        FreeList one{nullptr, 0};
-        push(one, block);
+        FreeBlocks one;
+        one.push(block);
         commonStore().accept(one, sizeClass, 1);
         return;
     }
-    FreeList& list = cache->lists[sizeClass];
-    push(list, block);
-    if (list.count > mostOfThread(sizeClass))
+    FreeBlocks& list = cache->lists[sizeClass];
+    list.push(block);
+    if (list.count() > mostOfThread(sizeClass))
         commonStore().accept(list, sizeClass, handful(sizeClass));
 }
 

@@ -7,6 +7,7 @@
 #include "handler_threads/PermissionWaiter.h"
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
+#include "oswrap/FreeList.h"
 #include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectMessage.h"
@@ -23,19 +24,19 @@ OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
 /** The wait is given up after the period that completes so many minutes. */
 constexpr int kMostMinutes = 1;
 
-/** Records of ended threads, for new ones. */
-struct FreeRecords {
-    OSWrap::Mutex mutex;  // a leaf lock
-    OngoingRequest* first OSW_GUARDED_BY(mutex) = nullptr;
-};
-
-/** Never destroyed: threads may end later than everything else. */
-FreeRecords& freeRecords() {
-    static OSWrap::Immortal<FreeRecords> list;
-    return *list;
-}
-
 }  // namespace
+
+/** Records of ended threads, for new ones. */
+struct OngoingRequest::FreeRecords {
+    /** Never destroyed: threads may end later than everything else. */
+    static FreeRecords& instance() {
+        static OSWrap::Immortal<FreeRecords> records;
+        return *records;
+    }
+
+    OSWrap::Mutex mutex;  // a leaf lock
+    OSWrap::FreeList<OngoingRequest, &OngoingRequest::nextFree_> list OSW_GUARDED_BY(mutex);
+};
 
 /** Takes the entry of a cancelled thread back, or out of the permission's queue. */
 class OngoingRequest::Withdrawal {
@@ -79,19 +80,15 @@ void OngoingRequest::initonce() {
 void OngoingRequest::destroyThreadInstance(void* instance) {
     auto* const record = static_cast<OngoingRequest*>(instance);
     record->free();
-    FreeRecords& list = freeRecords();
-    OSWrap::Lock<> const lock(list.mutex);
-    record->nextFree_ = list.first;
-    list.first = record;
+    FreeRecords& free = FreeRecords::instance();
+    OSWrap::Lock<> const lock(free.mutex);
+    free.list.push(record);
 }
 
 OngoingRequest* OngoingRequest::takeFree() {
-    FreeRecords& list = freeRecords();
-    OSWrap::Lock<> const lock(list.mutex);
-    OngoingRequest* const record = list.first;
-    if (record)
-        list.first = record->nextFree_;
-    return record;
+    FreeRecords& free = FreeRecords::instance();
+    OSWrap::Lock<> const lock(free.mutex);
+    return free.list.pop();
 }
 
 OngoingRequest& OngoingRequest::getThreadInstance() {
@@ -111,7 +108,7 @@ OngoingRequest& OngoingRequest::keyedInstance() {
     return *record;
 }
 
-/** The process has used up its keys, so nobody tells when a thread ends: its record stays behind.
+/** The process has used up its keys, so nobody learns when a thread ends: its record stays behind.
  */
 OngoingRequest& OngoingRequest::unkeyedInstance() {
     thread_local OngoingRequest* const record = new OngoingRequest;

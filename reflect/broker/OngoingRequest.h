@@ -88,6 +88,8 @@ private:
      * unlocking: messages go back to pools that have locks. */
     using Response = std::unique_ptr<TreflectMessage, DeleteResponse>;
 
+    struct FreeRecords;
+
     static void initonce();
     static OngoingRequest* takeFree();
     static OngoingRequest& keyedInstance();

@@ -1,5 +1,6 @@
 // The pool behind operator new and delete of TreflectMessage: a response is allocated by the
 // receiving thread and freed by the thread that waited for it, call after call.
+#include "oswrap/FreeList.h"
 #include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "reflect/TreflectMessage.h"
@@ -18,34 +19,27 @@ public:
     /** A kept cell, or null. */
     void* take() {
         OSWrap::Lock<> const lock(mutex_);
-        Cell* const cell = free_;
-        if (cell) {
-            free_ = cell->next;
-            --kept_;
-        }
-        return cell;
+        return free_.pop();
     }
 
     /** Whether the cell is kept; else it stays the caller's. */
     bool give(void* memory) {
         OSWrap::Lock<> const lock(mutex_);
-        if (kept_ == kMostKept)
+        if (free_.count() == kMostKept)
             return false;
-        free_ = new (memory) Cell{free_};
-        ++kept_;
+        free_.push(new (memory) Cell);
         return true;
     }
 
 private:
     struct Cell {
-        Cell* next;
+        Cell* next = nullptr;
     };
     static_assert(sizeof(Cell) <= sizeof(TreflectMessage), "a cell must hold its link");
     static constexpr unsigned int kMostKept = 512;
 
     OSWrap::Mutex mutex_;  // a leaf: no other lock is taken while it is held
-    Cell* free_ OSW_GUARDED_BY(mutex_) = nullptr;
-    unsigned int kept_ OSW_GUARDED_BY(mutex_) = 0;
+    OSWrap::FreeList<Cell, &Cell::next> free_ OSW_GUARDED_BY(mutex_);
 };
 
 }  // namespace
