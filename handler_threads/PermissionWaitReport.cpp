@@ -21,7 +21,7 @@ char const* actor() {
 
 void PermissionWaitReport::stillWaiting() {
     OSWrap::TimeSpec const now = lookAtClock();
-    // A holder that had only just taken the token may not have told its number at first.
+    // A holder that had only just taken the token may not have stored its number at first.
     if (awaitedTid_ == 0)
         awaitedTid_ = holderTid_.load(std::memory_order_relaxed);
     if (now < nextReport_)

@@ -13,7 +13,7 @@ inline constexpr RunPermission runPermission{};
 
 /**
  * The calling thread is taken to have the run permission from here on: in an operation whose caller
- * is told to have it and whose misuse is tolerated, or with an object that nobody else knows yet.
+ * is asked to have it and whose misuse is tolerated, or with an object that nobody else knows yet.
  * Changes nothing at run time.
  */
 inline void trustPermission() OSW_ASSERTS(runPermission) {}

@@ -6,7 +6,7 @@
 class TreflectObjectStub;
 class TreflectServerObject;
 
-/** What one call does, told to ClientCallHelper. Used through const references: what an
+/** What one call does, for ClientCallHelper. Used through const references: what an
  * implementation records is mutable. */
 class REFLECTORB_API ClientCallHookBaseV {
 public:

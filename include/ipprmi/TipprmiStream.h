@@ -28,7 +28,7 @@
  * A read past the data yields zeros and sets a flag; later reads then yield zeros silently, so a
  * caller may read a whole list and test hasUnmarshallingFailed() once. A write that finds no room
  * (the largest message is 16 MiB, or memory has run out) is dropped and sets the same flag; what
- * hasMarshallingFailed() tells of alone. Such a stream is not sent; one of which only a read has
+ * hasMarshallingFailed() alone answers. Such a stream is not sent; one of which only a read has
  * failed is.
  *
  * An arrived iptr_ is not trusted: reads stop at the end of the buffer, whatever it claims. A
@@ -287,7 +287,7 @@ TipprmiStream& operator>>(TipprmiStream& stream, T& value) {
 
 namespace tipprmi {
 
-/** What the operators below answer, so that they can be told from others. There is none. */
+/** What the operators below answer, so that they can be distinguished. There is none. */
 class NoOperators : public TipprmiStream {
     NoOperators() = delete;
 };

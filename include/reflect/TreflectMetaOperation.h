@@ -8,7 +8,7 @@
 #include "reflect/TreflectMetaMember.h"
 #include "reflect/TreflectParameterType.h"
 
-/** An operation of a class, told by the method code under which server objects answer it. */
+/** An operation of a class, known by the method code under which server objects answer it. */
 class REFLECTORB_API TreflectMetaOperation : public TreflectMetaMember,
                                              public TreflectMemberFactory<TreflectOperation> {
 public:

@@ -11,7 +11,7 @@
  * The observers of an object, by operation: part of every server object. Used under the run
  * permission; an observer in another process is waited for, with the permission given up.
  *
- * An operation is told by the id of the class that declares it and its method code.
+ * An operation is identified by the id of the class that declares it and its method code.
  *
  * Virtual operations in slot order: destructor, registerObserver, unRegisterObserver,
  * notifyObservers.

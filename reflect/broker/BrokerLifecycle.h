@@ -73,9 +73,9 @@ private:
     static void awaitLeaving(TreflectORB& orb);
     void retire(std::size_t index, TreflectORB& orb) OSW_REQUIRES_PERMISSION;
 
-    /// A leaf lock, taken with or without the run permission; told when a creation is over. Not
-    /// held while a broker is made, which takes 100 ms and more and logs: a log sink may come back
-    /// here.
+    /// A leaf lock, taken with or without the run permission; signalled when a creation is over.
+    /// Not held while a broker is made, which takes 100 ms and more and logs: a log sink may come
+    /// back here.
     OSWrap::ConditionVar changed_;
     /// The thread that makes a broker, one at a time; 0: nobody. While it does, it takes no lock
     /// that a thread which waits for it may hold.

@@ -32,7 +32,7 @@ public:
     CallGate(CallGate const&) = delete;
     CallGate& operator=(CallGate const&) = delete;
 
-    /** From now on nobody is admitted, and the last visitor tells that it leaves. */
+    /** From now on nobody is admitted, and the last visitor signals that it leaves. */
     void close() { word_.fetch_or(kClosed); }
     /** After `close`: returns when nobody is inside. Not a cancellation point when cancellation is
      * disabled. */

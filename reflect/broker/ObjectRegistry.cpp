@@ -17,7 +17,7 @@ std::uint32_t suggestedId(TipprmiObjectSkeleton const* object) {
     return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(object));
 }
 
-/** Whether the object has been told an id before: until then it has the number of a namespace. A
+/** Whether the object has been given an id before: until then it has the number of a namespace. A
  * new object where another one was does not inherit that one's id. */
 bool hadId(TipprmiObjectSkeleton const& object) {
     constexpr unsigned int kHighestNamespace = 255;

@@ -19,7 +19,7 @@ public:
     ObjectRegistry(ObjectRegistry const&) = delete;
     ObjectRegistry& operator=(ObjectRegistry const&) = delete;
 
-    /** Enters an object, once, and tells it its internal id: its address where that has 32 bits,
+    /** Enters an object, once, and gives it its internal id: its address where that has 32 bits,
      * else see InternalIds. */
     void add(TipprmiObjectSkeleton& object) OSW_REQUIRES_PERMISSION;
     /** Takes an object out; no effect if it is not in. Does not look at the object. */

@@ -9,7 +9,7 @@
 
 namespace {
 
-// It is the classes' table that is told of, whoever makes it.
+// The lines are about the table of the class, whoever makes it.
 constexpr char kSource[] = "REFLECT_metaObject";
 
 /** The last one is what a meta object knows by the name; the others would be lost to it. */

@@ -6,9 +6,9 @@
 #include "oswrap/Mutex.h"
 #include "transport/TerminationId.h"
 
-/** The terminations that a broker has been told of, until it is told that they have gone: tells one
- * that has gone, which the transport does not know any more, from one that it does not know yet.
- * Any thread. */
+/** The terminations whose arrival a broker has heard of, until it hears of their departure. With
+ * them it distinguishes one that has gone, which the transport does not know any more, from one
+ * that it does not know yet. Any thread. */
 class PresentOrbs {
 public:
     void add(Transport::TerminationId id) {

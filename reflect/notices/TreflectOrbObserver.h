@@ -77,7 +77,7 @@ private:
     Observers::iterator obsFind(TreflectOrbObserverIf const* observer)
         OSW_REQUIRES(observersMutex_);
 
-    /// A leaf lock; told when a notice is over.
+    /// A leaf lock; signalled when a notice is over.
     OSWrap::ConditionVar observersMutex_;
     Observers observers_ OSW_GUARDED_BY(observersMutex_);  // in the order of registration
     /// Who is being told, and by which thread: the worker, or one that subscribes.
@@ -85,7 +85,7 @@ private:
         OSW_GUARDED_BY(observersMutex_);
     unsigned long worker_ OSW_GUARDED_BY(observersMutex_) = 0;  // id of its thread; 0: none
 
-    /// A leaf lock; told when a notice is queued.
+    /// A leaf lock; signalled when a notice is queued.
     OSWrap::ConditionVar appearanceSignal_;
     std::list<OrbAppear_t> appearances_ OSW_GUARDED_BY(appearanceSignal_);
     /// The brokers between the begin and the end of their arrival, and whether they have gone.

@@ -125,7 +125,7 @@ public:
      * file that is in the folder. */
     void knock(std::string const& file) const { connect(file); }
     /** Knocks, and tells which process of this user listens there, as the kernel noted when it
-     * began to; kFree when none does, kUnknown when that cannot be told now, as when too many
+     * began to; kFree when none does, kUnknown when that cannot be found out now, as when too many
      * others have connected. */
     pid_t listenerOf(std::string const& file) const;
     /** Which file on disk the entry is; nothing when it is absent. */

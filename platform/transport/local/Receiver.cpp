@@ -297,7 +297,7 @@ bool Receiver::watch(int fd, std::uint32_t token, Source source) {
 void Receiver::serveEvents(int timeoutMilliseconds) {
     EventSet::Event events[EventSet::kMostAtOnce];
     int const count = events_.wait(timeoutMilliseconds, events);
-    // A bell is told of only once, so a shortage at one event must not cost the others.
+    // A bell is reported only once, so a shortage at one event must not cost the others.
     for (int i = 0; i < count && !stopping(); ++i)
         if (!OSWrap::withMemory([&] { serveEvent(events[i].token, events[i].source); }))
             OSWrap::awaitMemory();
