@@ -45,6 +45,7 @@ public:
     struct PerfCntInfo;
     struct PerfCntMultInfo;
     struct BrokerInfo;
+    struct MetaData;  // of a class, see ClassRecords
 
     /**
      * The broker of a namespace, made and started on first use (which takes 100 ms). Null when it
@@ -166,7 +167,7 @@ public:
     /** Asks all other brokers of the group in turn, in ascending order of their terminations; one
      * that did not answer is there with an empty info. Any thread. */
     std::list<PerfCntMultInfo> getPerfCnts() const;
-    /** The same, told in full and with this broker among them, for tools that show the group. Its
+    /** The same in full, and with this broker among them, for tools that show the group. Its
      * own counters are those before it asks the others, and start afresh like theirs. */
     std::list<BrokerInfo> getBrokers() const;
     /** Logs this broker's state at level 5; `debug_` adds its counters and who observes brokers.
@@ -177,7 +178,7 @@ public:
     /**
      * Logs the event, runs the platform's log-collection script, whose result is logged, and aborts
      * the process whatever that was. For a unit that cannot go on; the broker itself calls it when
-     * a request has waited for 60 seconds, here or, as its sender tells, there. Any thread.
+     * a request has waited for 60 seconds, here or, as its sender says, there. Any thread.
      */
     [[noreturn]] void resetUnit() const;
 
@@ -213,15 +214,6 @@ public:
     /** Subscribes at a broker that came up for all classes that are observed here, and tells what
      * it has to those who have not heard of it. Waits for the broker. */
     void orbAppeared(TreflectOrbId const& id);
-    enum class Kind { Creation, Deletion };
-    /** Subscribes one observer at a broker that it has missed; false when it has been removed
-     * meanwhile. */
-    bool catchUp_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting,
-                  TreflectOrbId const& id) OSW_REQUIRES_PERMISSION;
-    /** A server object, or an observer, is being destroyed: it leaves the records of the classes
-     * in all brokers of this process, and nobody is told. With the run permission. */
-    static void forgetObject_(TreflectServerObject const& object) OSW_REQUIRES_PERMISSION;
-    static void forgetObserver_(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
     /** Starts one more worker; the pool may end it at once if it has enough. The broker does so by
      * itself when work waits and nobody is idle. No effect on a broker that is being deleted. */
     void startReflectWorker();
@@ -235,8 +227,10 @@ public:
                                         TreflectMessage request, int minutes) const;
 
 private:
-    friend class forwardMsgCleanup;
     friend class BrokerLifecycle;
+    friend class BrokerRequest;
+    friend class ClassRecords;
+    friend class forwardMsgCleanup;
     struct Parts;
     struct OngoingRequestId;
     class OutgoingCall;
@@ -272,55 +266,10 @@ private:
     PerfCntInfo takePerfCnts_() const OSW_REQUIRES_PERMISSION;
     /** False, and an empty info, when the broker did not answer readably. */
     bool queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const;
-    struct ClassTotals;
-    ClassTotals classTotals_() const;
     void displayMore_() const;
-
-    struct MetaData;
-    class Notice;
-    class Registration;
-    class Publication;
-    using Observers = std::vector<TreflectObserver*>;
-    /** The record of a class, made when first asked for. With the run permission, as the next. */
-    MetaData& getMetaData(unsigned int classId) const OSW_REQUIRES_PERMISSION;
-    void tellAll_(Kind kind, MetaData& record, TreflectObject const& object,
-                  std::set<TreflectObserver const*> told) OSW_REQUIRES_PERMISSION;
-    void tellCreation_(MetaData& record, TreflectObserver& observer,
-                       TreflectObject const& object) OSW_REQUIRES_PERMISSION;
-    static void tellOne_(TreflectObserver& observer, TreflectObject const& object);
-    bool isNewcomer_(TreflectOrbId const& broker) const OSW_REQUIRES_PERMISSION;
-    bool observe_(Kind kind, unsigned int classId, TreflectObserver& observer, bool plusExisting);
-    static void tellExisting_(MetaData& record, Registration& registration) OSW_REQUIRES_PERMISSION;
-    /** The broker is being deleted. */
-    void forgetAllObservers_() OSW_REQUIRES_PERMISSION;
-    std::list<Transport::TerminationId> group_() const;
-    bool mayServe_(Transport::TerminationId const& target,
-                   unsigned int classId) const OSW_REQUIRES_PERMISSION;
-    void learnClasses_(Transport::TerminationId const& target,
-                       TipprmiStream& response) OSW_REQUIRES_PERMISSION;
-    void subscribeAtAll_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
-                         Registration* asking) OSW_REQUIRES_PERMISSION;
-    bool subscribeAt_(Kind kind, unsigned int classId, std::vector<TreflectObject>* existing,
-                      Registration* asking,
-                      Transport::TerminationId const& target) OSW_REQUIRES_PERMISSION;
-    static void readExisting_(TipprmiStream& response, Transport::TerminationId const& target,
-                              std::vector<TreflectObject>* existing);
-    void cancelUnlessObserved_(Kind kind, unsigned int classId) OSW_REQUIRES_PERMISSION;
-    void cancel_(TreflectMessage::type_t type, unsigned int classId);
     /** A broker that came up is served on the transport's thread, or by a worker. */
     void catchUpLater_(Transport::TerminationId const& newcomer);
     void catchUpWith_(Transport::TerminationId const& newcomer);
-    void catchUpClass_(unsigned int classId, TreflectOrbId const& id) OSW_REQUIRES_PERMISSION;
-    void tellOfMissedDeletions_(unsigned int classId,
-                                Registration const& telling) OSW_REQUIRES_PERMISSION;
-    void tellOfGone_(unsigned int classId, TreflectOrbId const& id,
-                     Registration const& telling) OSW_REQUIRES_PERMISSION;
-    void publish_(Kind kind, unsigned int classId, TreflectObject const& object,
-                  Publication& publication) OSW_REQUIRES_PERMISSION;
-    static void listExisting_(MetaData const& record, TreflectOrbId const& orb,
-                              TipprmiSequence<TreflectObject, 0u>& existing)
-        OSW_REQUIRES_PERMISSION;
-    void forgetBroker_(TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

@@ -85,7 +85,7 @@ public:
     virtual std::string getAbsName() const;
     virtual std::string getRelName() const;
     /** Tells the observers of the class in all processes that the object is there (or is about to
-     * go); `metaObject` is its class, by default the one that its handle tells. Waits for those in
+     * go); `metaObject` is its class, by default the one that its handle names. Waits for those in
      * other processes. */
     virtual void sendCreationEvent(TreflectMetaObject const* metaObject = nullptr) const;
     virtual void sendDeletionEvent(TreflectMetaObject const* metaObject = nullptr) const;
@@ -128,7 +128,7 @@ protected:
                TipprmiStream& out, Result (Server::*method)(Parameters...) const);
 
 private:
-    friend class TreflectORB;
+    friend class ClassRecords;
 
     static constexpr std::size_t kShortNameSize = 16;  // with its NUL
 

@@ -1,6 +1,6 @@
 // The broker's identity, its messages, and what it forwards. The other REFLECT_orb files hold what
 // it sends (Requests), what arrives (Reception, Dispatch), its objects (Registry), their observers
-// (Notification, Registration, Publication), other brokers (Presence), Diagnostics and Lifecycle.
+// (Notification), other brokers (Presence), Diagnostics and Lifecycle.
 #include "reflect/TreflectORB.h"
 
 #include <new>

@@ -1,4 +1,5 @@
-// What a broker tells about messages, its traffic and its state, and the reset of the unit.
+// What a broker logs and answers about messages, its traffic and its state, and the reset of the
+// unit.
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Memory.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/ScriptRunner.h"
 #include "reflect/broker/TreflectOrbParts.h"
 #include "transport/IdInfo.h"
@@ -103,14 +105,12 @@ TreflectORB::PerfCntInfo TreflectORB::takePerfCnts_() const {
 
 bool TreflectORB::queryPerfCnts_(Transport::TerminationId const& target, PerfCntInfo& info) const {
     info = {};
-    TipprmiStream request(allocateRequest(Parts::kRequestSize), true);
-    request.msg().type(TreflectMessage::tPerfCounters);
-    TipprmiStream response(allocateResponse(request.msg(), Parts::kResponseSize), true);
-    if (!forwardMsg_(target, true, request.msg(), response))
+    BrokerRequest request(*this, TreflectMessage::tPerfCounters);
+    if (!request.send(target))
         return false;
     PerfCntInfo answer;
-    response >> answer.actor >> answer.counters;
-    if (response.hasUnmarshallingFailed())
+    request.response() >> answer.actor >> answer.counters;
+    if (request.response().hasUnmarshallingFailed())
         return false;
     info = std::move(answer);
     return true;
@@ -124,7 +124,7 @@ TreflectORB::PerfCntInfo TreflectORB::getPerfCnts(Transport::TerminationId const
 
 std::list<TreflectORB::PerfCntMultInfo> TreflectORB::getPerfCnts() const {
     std::list<PerfCntMultInfo> infos;
-    for (Transport::TerminationId const& member : group_()) {
+    for (Transport::TerminationId const& member : membersOfGroup(*this)) {
         if (member != termId())
             infos.emplace_back(member, getPerfCnts(member));
     }
@@ -138,7 +138,7 @@ std::list<TreflectORB::BrokerInfo> TreflectORB::getBrokers() const {
         own.info = takePerfCnts_();
     }
     std::list<BrokerInfo> brokers;
-    for (Transport::TerminationId const& member : group_()) {
+    for (Transport::TerminationId const& member : membersOfGroup(*this)) {
         if (member == termId()) {
             brokers.push_back(own);
             continue;
@@ -153,37 +153,18 @@ std::list<TreflectORB::BrokerInfo> TreflectORB::getBrokers() const {
 
 std::atomic<bool> TreflectORB::debug_{false};
 
-/** What the records of all classes together hold. */
-struct TreflectORB::ClassTotals {
-    unsigned long records;
-    int creationObservers, deletionObservers, objects;
-    int remoteCreationObservers, remoteDeletionObservers;
-};
-
-TreflectORB::ClassTotals TreflectORB::classTotals_() const {
-    WithPermission const permission;
-    ClassTotals totals{};
-    totals.records = parts_->classes.size();
-    auto const add = [](int& total, auto const& some) { total += static_cast<int>(some.size()); };
-    for (auto const& entry : parts_->classes) {
-        MetaData const& record = entry.second;
-        add(totals.creationObservers, record.creations.observers);
-        add(totals.deletionObservers, record.deletions.observers);
-        add(totals.objects, record.objects);
-        add(totals.remoteCreationObservers, record.creations.subscribers);
-        add(totals.remoteDeletionObservers, record.deletions.subscribers);
-    }
-    return totals;
-}
-
-// What needs no permission comes first: it is told even when somebody keeps the permission.
+// What needs no permission comes first: it is logged even when somebody keeps the permission.
 void TreflectORB::display(int) const {
     REFLECTORB_LOG(5, "REFLECT_orb", "ORB display: actor %s, OrbId 0x%X, TermId 0x%08X",
                    Transport::IdInfo::instance().getActor().c_str(), orbId_.value(),
                    termId().value());
     REFLECTORB_LOG(5, "REFLECT_orb", "  number of handler threads: %d",
                    static_cast<int>(handlerThreads().size()));
-    ClassTotals const totals = classTotals_();
+    ClassRecords::Totals totals{};
+    {
+        WithPermission const permission;
+        totals = parts_->classes.totals();
+    }
     REFLECTORB_LOG(5, "REFLECT_orb", "  metaData: size=%lu, co=%d, do=%d, oi=%d, rco=%d, rdo=%d",
                    totals.records, totals.creationObservers, totals.deletionObservers,
                    totals.objects, totals.remoteCreationObservers, totals.remoteDeletionObservers);

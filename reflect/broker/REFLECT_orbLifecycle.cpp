@@ -310,8 +310,7 @@ void BrokerLifecycle::retire(std::size_t index, TreflectORB& orb) {
     TreflectORB::Parts& parts = *orb.parts_;
     parts.retired = true;
     parts.objects.disown();
-    orb.forgetAllObservers_();
-    parts.knownOrbClasses.clear();
+    parts.classes.close();
     parts.counters.take();
     TreflectORB::singletonInstances_[index].store(nullptr, std::memory_order_release);
     LifecycleLock const lock(changed_);

@@ -141,8 +141,8 @@ void TreflectORB::reportForged_(TreflectMessage const& response, Transport::Term
 /** Has a worker serve the message, in its turn; false when too much waits, or memory has run out.
  * A notice counts from now on, however long it waits. */
 bool TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
-    MessageQueue::Pushed const pushed = parts_->messageQueue.push(
-        message, parts_->deletionSubscriptions.load(std::memory_order_relaxed));
+    MessageQueue::Pushed const pushed =
+        parts_->messageQueue.push(message, parts_->classes.subscriptions().deletions());
     if (pushed.need == MessageQueue::Need::Worker)
         startCountedWorker_();
     if (pushed.isMuch)

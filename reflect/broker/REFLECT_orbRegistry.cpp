@@ -7,13 +7,11 @@
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "reflect/InterfaceRepository.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
-#include "transport/TransportLayer.h"
 
 namespace {
 
-constexpr unsigned int kResolveRequestSize = 100;
-constexpr unsigned int kResolveResponseSize = 104;
 /** Stands in for the code of a resolve whose failure names none. */
 constexpr unsigned int kResolveFailed = 0x660006;
 
@@ -29,7 +27,7 @@ bool parseMadeUpName(char const* name, unsigned int& orbId, unsigned int& ioid) 
 }
 
 /** An object without an identifier answers to the name that it makes up for itself, of which no
- * index knows: it tells the id. */
+ * index knows: the name contains the id. */
 TipprmiObjectSkeleton* findByMadeUpName(ObjectRegistry const& objects, TipprmiOID const& oid) {
     unsigned int orbId = 0;
     unsigned int ioid = 0;
@@ -90,8 +88,7 @@ TreflectORB::TreflectObjectLocation TreflectORB::locateLocalObject_(TipprmiOID c
 }
 
 TreflectORB::TreflectObjectLocation TreflectORB::locateRemoteObject_(TipprmiOID const& oid) const {
-    std::list<Transport::TerminationId> const members =
-        Transport::TransportLayer::instance().getGroup(termId().groupId()).contains();
+    std::list<Transport::TerminationId> const members = membersOfGroup(*this);
     for (auto member = members.rbegin(); member != members.rend(); ++member) {
         if (*member == termId())
             continue;
@@ -102,21 +99,19 @@ TreflectORB::TreflectObjectLocation TreflectORB::locateRemoteObject_(TipprmiOID 
 }
 
 unsigned int TreflectORB::resolve(Transport::TerminationId const& target, TipprmiOID oid) const {
-    TipprmiStream request(allocateRequest(kResolveRequestSize), true);
-    request.msg().type(TreflectMessage::tResolve);
-    request << oid;
-    if (request.hasMarshallingFailed())  // longer than any message
+    BrokerRequest request(*this, TreflectMessage::tResolve);
+    request.arguments() << oid;
+    if (request.arguments().hasMarshallingFailed())  // longer than any message
         return 0;
-    TipprmiStream response(allocateResponse(request.msg(), kResolveResponseSize), true);
-    if (!forwardMsg_(target, true, request.msg(), response)) {
+    if (!request.send(target)) {
         TipprmiExceptionContainer container;
-        response >> container;
+        request.response() >> container;
         TipprmiGeneralException exception(kResolveFailed);
         container.getExceptionData(exception);
         return 0;
     }
     unsigned int ioid = 0;
-    response >> ioid;
+    request.response() >> ioid;
     return ioid;
 }
 

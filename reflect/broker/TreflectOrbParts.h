@@ -1,9 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
-#include <set>
 
 #include "handler_threads/RunPermission.h"
 #include "logging/LineLimit.h"
@@ -15,9 +13,8 @@
 #include "reflect/broker/PerformanceCounters.h"
 #include "reflect/broker/RequestTable.h"
 #include "reflect/broker/ReturnedCalls.h"
-#include "reflect/notices/MetaData.h"
+#include "reflect/notices/ClassRecords.h"
 #include "reflect/notices/PresentOrbs.h"
-#include "reflect/notices/TreflectMissedOrbs.h"
 #include "reflect/notices/TreflectOrbObserver.h"
 
 /** What a broker is made of. Each part guards itself, or is guarded by the run permission. */
@@ -27,14 +24,7 @@ struct TreflectORB::Parts {
     static constexpr unsigned int kResponseSize = 104;
 
     Parts(TreflectORB& orb, unsigned int lastTransactionId, Transport::Backlog const& backlog)
-        : ongoingRequests_(lastTransactionId),
-          messageQueue(backlog),
-          missedCreations(orb, true),
-          missedDeletions(orb, false) {}
-
-    TreflectMissedOrbs& missed(Kind kind) {
-        return kind == Kind::Creation ? missedCreations : missedDeletions;
-    }
+        : ongoingRequests_(lastTransactionId), messageQueue(backlog), classes(orb) {}
 
     CallGate calls;
     Logging::LineLimit turnedAway;  // for lines about calls that come too late
@@ -43,21 +33,8 @@ struct TreflectORB::Parts {
     ObjectRegistry objects OSW_GUARDED_BY_PERMISSION;
     PerformanceCounters counters OSW_GUARDED_BY_PERMISSION;
     ReturnedCalls returnedCalls;  // to be counted there
-    /// By class id.
-    std::map<unsigned int, MetaData> classes OSW_GUARDED_BY_PERMISSION;
-    /// The classes that other brokers have told they know.
-    std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses
-        OSW_GUARDED_BY_PERMISSION;
+    ClassRecords classes;
     PresentOrbs presentOrbs;
-    TreflectMissedOrbs missedCreations;
-    TreflectMissedOrbs missedDeletions;
-    /// The brokers whose arrival is over: what is observed here is observed there, and what they
-    /// had has been told.
-    std::set<TreflectOrbId> caughtUpWith OSW_GUARDED_BY_PERMISSION;
-    /// How often deletions have been subscribed to at other brokers; counted under the run
-    /// permission when they have answered, read by the receiving thread before it delivers their
-    /// answers.
-    std::atomic<unsigned int> deletionSubscriptions{0};
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */
     std::atomic<unsigned long> receivingThreadId{0};

@@ -2,10 +2,13 @@
 
 #include <map>
 #include <set>
+#include <vector>
 
 #include "handler_threads/RunPermission.h"
 #include "handler_threads/TreflectMutex.h"
 #include "reflect/TreflectORB.h"
+#include "reflect/notices/Notice.h"
+#include "reflect/notices/NoticeKind.h"
 #include "reflect/notices/ObjectPlace.h"
 #include "reflect/notices/Publication.h"
 #include "reflect/notices/Registration.h"
@@ -15,11 +18,11 @@ struct TreflectORB::MetaData {
     /** The notices of one kind. */
     struct Side {
         // In the order of registration, with duplicates. Not owned.
-        Observers observers OSW_GUARDED_BY_PERMISSION;
+        std::vector<TreflectObserver*> observers OSW_GUARDED_BY_PERMISSION;
         Registration::UnderWay registrations OSW_GUARDED_BY_PERMISSION;
         Notice::UnderWay notices OSW_GUARDED_BY_PERMISSION;
         /** The brokers that subscribed here. */
-        std::set<TreflectOrbId> subscribers OSW_GUARDED_BY_PERMISSION;
+        Publication::Subscribers subscribers OSW_GUARDED_BY_PERMISSION;
         Publication::UnderWay publications OSW_GUARDED_BY_PERMISSION;
 
         /** Whether anybody is listed or on the way into the list. */
@@ -32,6 +35,8 @@ struct TreflectORB::MetaData {
                    TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
         /** The observer leaves the list, or does not get into it. */
         void forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
+        /** The broker is being deleted. */
+        void forgetObservers() OSW_REQUIRES_PERMISSION;
     };
     /** An object of a newcomer, and who has been told of it. */
     struct Told {
@@ -39,6 +44,9 @@ struct TreflectORB::MetaData {
         std::set<TreflectObserver const*> observers;
     };
 
+    explicit MetaData(unsigned int id) : classId(id) {}
+
+    unsigned int const classId;
     Side creations;
     Side deletions;
     /** The objects of this process that have been announced. Not owned. */
@@ -50,20 +58,30 @@ struct TreflectORB::MetaData {
      * the other. Taken with the run permission, which is given up to wait for it. */
     TreflectMutex subscribing;
     /** The number of the latest subscription to deletions of the class at other brokers, among
-     * those of all classes (`Parts::deletionSubscriptions`); 0 when there was none. */
+     * those of all classes (`Subscriptions::deletions`); 0 when there was none. */
     unsigned int lastDeletionSubscription OSW_GUARDED_BY_PERMISSION = 0;
-
     /** Whether creations have been subscribed to at other brokers and not cancelled since, as when
      * their last observer has been destroyed without being removed. */
     bool creationsSubscribed OSW_GUARDED_BY_PERMISSION = false;
 
-    Side& side(Kind kind) { return kind == Kind::Creation ? creations : deletions; }
+    Side& side(NoticeKind kind) { return kind == NoticeKind::Creation ? creations : deletions; }
+    bool isObserved() const OSW_REQUIRES_PERMISSION {
+        return creations.isObserved() || deletions.isObserved();
+    }
     /** Whether the end of an object is being published. */
     bool isEnding(TreflectServerObject const* object) const OSW_REQUIRES_PERMISSION;
     /** Whether an object does not exist for a broker: it is still to be told of its creation, or
      * has been told of its end. */
     bool isHiddenFrom(TreflectOrbId const& broker,
                       TreflectServerObject const* object) const OSW_REQUIRES_PERMISSION;
+    /** An object is about to go: nobody else is told that it was created. */
+    void endCreation(TreflectServerObject const& object) OSW_REQUIRES_PERMISSION;
+    /** A broker subscribed to creations without asking what exists. */
+    void subscribed(TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
+    /** It cancelled one kind of notices, which ends both. */
+    void cancelled(TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
+    /** There is an object at this place, perhaps after another one. */
+    void present(ObjectPlace const& place) OSW_REQUIRES_PERMISSION;
     /** An object is no more: nobody is told any longer that it was created. */
     void gone(ObjectPlace const& place) OSW_REQUIRES_PERMISSION;
     /** Who has been told that a newcomer's object exists. */
@@ -71,6 +89,8 @@ struct TreflectORB::MetaData {
         OSW_REQUIRES_PERMISSION;
     /** An observer is told of an object of another broker. */
     void heardOf(ObjectPlace const& place, TreflectObject const& object) OSW_REQUIRES_PERMISSION;
+    /** The class's subscriptions are cancelled: what has been heard of may be told anew. */
+    void forgetHeard() OSW_REQUIRES_PERMISSION;
     /** An observer has been removed. */
     void forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
     /** An observer is being destroyed: there may soon be another at its address. */
@@ -78,4 +98,6 @@ struct TreflectORB::MetaData {
     void forget(TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
     /** An object of this process is being destroyed. */
     void forget(TreflectServerObject const& object) OSW_REQUIRES_PERMISSION;
+    /** The broker is being deleted. */
+    void forgetAll() OSW_REQUIRES_PERMISSION;
 };

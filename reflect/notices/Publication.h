@@ -4,8 +4,10 @@
 #include <set>
 
 #include "handler_threads/RunPermission.h"
-#include "reflect/TreflectORB.h"
+#include "reflect/TreflectOrbId.h"
 #include "reflect/broker/OngoingRequest.h"
+
+class TreflectServerObject;
 
 /**
  * A notice on its way to the brokers that subscribed, one after the other, each of which is waited
@@ -16,7 +18,7 @@
  * creation that it is still to get, or has not answered, is not in the answer; nor is an object
  * whose deletion it has answered.
  */
-class TreflectORB::Publication {
+class Publication {
 public:
     using UnderWay = std::list<Publication*>;
     using Subscribers = std::set<TreflectOrbId>;

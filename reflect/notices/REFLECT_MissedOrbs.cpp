@@ -1,8 +1,9 @@
+#include "reflect/notices/TreflectMissedOrbs.h"
+
 #include <algorithm>
 
 #include "oswrap/Lock.h"
-#include "reflect/TreflectObject.h"
-#include "reflect/notices/TreflectMissedOrbs.h"
+#include "reflect/notices/ClassRecords.h"
 
 void TreflectMissedOrbs::start(std::list<Transport::TerminationId>& members) {
     OSWrap::Lock<> const lock(mutex_);
@@ -38,9 +39,9 @@ void TreflectMissedOrbs::notify(unsigned int classId, TreflectObserver& observer
         OSWrap::Lock<> const lock(mutex_);
         missed = missed_;
     }
-    auto const kind = forCreations_ ? TreflectORB::Kind::Creation : TreflectORB::Kind::Deletion;
+    auto const kind = forCreations_ ? NoticeKind::Creation : NoticeKind::Deletion;
     for (TreflectOrbId const& id : missed) {
-        if (!orb_.catchUp_(kind, classId, observer, plusExisting, id))
+        if (!records_.catchUp(kind, classId, observer, plusExisting, id))
             return;
     }
 }

@@ -1,6 +1,4 @@
 // What a broker does when other brokers come and go.
-#include <algorithm>
-
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/WithPermission.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -23,11 +21,7 @@ void TreflectORB::appeared(Transport::Termination& termination) {
 // While nothing is observed there is nobody to wait for.
 void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
     WithPermission const permission;
-    bool const observes =
-        std::any_of(parts_->classes.begin(), parts_->classes.end(), [](auto const& entry) {
-            handlerthreads::assertPermission();
-            return entry.second.creations.isObserved() || entry.second.deletions.isObserved();
-        });
+    bool const observes = parts_->classes.isAnyObserved();
     TreflectMessage arrival = allocateRequest(sizeof newcomer.value());
     if (!observes || arrival.empty()) {
         catchUpWith_(newcomer);
@@ -53,19 +47,19 @@ void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
     parts_->presence->endArrival(newcomer);
 }
 
+void TreflectORB::orbAppeared(TreflectOrbId const& id) {
+    parts_->classes.appeared(id);
+}
+
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
     {
         WithPermission const permission;
-        TreflectOrbId const id = convertId(gone);
         // Without memory for a handler there are no stubs.
         if (TreflectObjectHandler* const handler = TreflectObjectHandler::getInstance())
-            handler->invalidateStubs(id);
+            handler->invalidateStubs(convertId(gone));
         parts_->presentOrbs.remove(gone);  // only now: a call that fails meanwhile does the same
-        parts_->knownOrbClasses.erase(gone);
-        parts_->missedCreations.forget(id);
-        parts_->missedDeletions.forget(id);
-        forgetBroker_(id);
+        parts_->classes.forget(gone);
     }
     {
         TreflectReleaseHandlerState const released;

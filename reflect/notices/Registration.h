@@ -9,49 +9,12 @@
 #include "handler_threads/RunPermission.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObject.h"
+#include "reflect/notices/Notice.h"
+#include "reflect/notices/NoticeKind.h"
 #include "reflect/notices/ObjectPlace.h"
 
-/**
- * A notice that the listed observers of a class are being told, one after the other, which takes as
- * long as they take.
- */
-class TreflectORB::Notice {
-public:
-    using UnderWay = std::list<Notice*>;
-
-    /** Enters `underWay`, and leaves it at the end. Those in `told` need not be told any more. */
-    Notice(UnderWay& underWay, ObjectPlace place, std::set<TreflectObserver const*> told)
-        : underWay_(underWay), place_(std::move(place)), told_(std::move(told)) {
-        underWay_.push_back(this);
-    }
-    ~Notice() { underWay_.remove(this); }
-    Notice(Notice const&) = delete;
-    Notice& operator=(Notice const&) = delete;
-
-    ObjectPlace const& place() const { return place_; }
-    std::set<TreflectObserver const*> const& told() const OSW_REQUIRES_PERMISSION { return told_; }
-    bool isToldTo(TreflectObserver const* observer) const OSW_REQUIRES_PERMISSION {
-        return told_.count(observer) != 0;
-    }
-    /** The observer is told, in the course of this notice or of something else; false when it was
-     * before. */
-    bool begin(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION {
-        return told_.insert(&observer).second;
-    }
-    /** Nobody else is told: the object is no more. */
-    void end() OSW_REQUIRES_PERMISSION { ended_ = true; }
-    bool ended() const OSW_REQUIRES_PERMISSION { return ended_; }
-    /** The observer is being destroyed: another may come to be at its address. */
-    void forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION {
-        told_.erase(&observer);
-    }
-
-private:
-    UnderWay& underWay_;
-    ObjectPlace const place_;
-    std::set<TreflectObserver const*> told_ OSW_GUARDED_BY_PERMISSION;
-    bool ended_ OSW_GUARDED_BY_PERMISSION = false;
-};
+class ClassRecords;
+class TreflectObserver;
 
 /**
  * Something that tells observers of a class what exists, which takes as long as other brokers take
@@ -64,17 +27,18 @@ private:
  * an object may go before the first observer of deletions has been subscribed at its broker. It
  * remembers 65,536 of them at most: the end of any other that goes so early is not told.
  */
-class TreflectORB::Registration {
+class Registration {
 public:
+    using MetaData = TreflectORB::MetaData;
     using UnderWay = std::list<Registration*>;
 
     /** Enters the record's registrations under way, and leaves them at the end. `observer`: null
      * for all that are listed. `since`: how many subscriptions to deletions there had been when the
      * notice that is told came in; without it, now. */
-    Registration(TreflectORB& orb, MetaData& record, Kind kind,
+    Registration(ClassRecords& records, MetaData& record, NoticeKind kind,
                  TreflectObserver* observer) OSW_REQUIRES_PERMISSION;
-    Registration(TreflectORB& orb, MetaData& record, Kind kind, TreflectObserver* observer,
-                 unsigned int since);
+    Registration(ClassRecords& records, MetaData& record, NoticeKind kind,
+                 TreflectObserver* observer, unsigned int since) OSW_REQUIRES_PERMISSION;
     ~Registration();
     Registration(Registration const&) = delete;
     Registration& operator=(Registration const&) = delete;
@@ -116,9 +80,9 @@ public:
     TreflectObject const* heard(ObjectPlace const& place) const OSW_REQUIRES_PERMISSION;
 
 private:
-    TreflectORB& orb_;
+    ClassRecords& records_;
     MetaData& record_;
-    Kind const kind_;
+    NoticeKind const kind_;
     TreflectObserver* observer_ OSW_GUARDED_BY_PERMISSION;
     std::set<ObjectPlace> told_ OSW_GUARDED_BY_PERMISSION;
     std::set<ObjectPlace> gone_ OSW_GUARDED_BY_PERMISSION;

@@ -8,15 +8,18 @@
 #include "oswrap/Mutex.h"
 #include "reflect/TreflectORB.h"
 
+class ClassRecords;
+
 /**
  * The brokers that came up after a subscription went to the whole group: an observer that comes
  * later is subscribed at them one by one. Any thread.
  */
 class TreflectMissedOrbs {
 public:
-    /** For subscriptions of `orb`, which outlives this, to creations, or else to deletions. */
-    TreflectMissedOrbs(TreflectORB& orb, bool forCreations)
-        : orb_(orb), forCreations_(forCreations) {}
+    /** For subscriptions of `orb` to creations, or else to deletions. `records` are those of `orb`;
+     * both outlive this. */
+    TreflectMissedOrbs(TreflectORB& orb, ClassRecords& records, bool forCreations)
+        : orb_(orb), records_(records), forCreations_(forCreations) {}
 
     /** A subscription goes to these members: nobody is missed any more. */
     void start(std::list<Transport::TerminationId>& members);
@@ -32,6 +35,7 @@ public:
 
 private:
     TreflectORB& orb_;
+    ClassRecords& records_;
     bool const forCreations_;
     OSWrap::Mutex mutex_;  // a leaf
     std::vector<TreflectOrbId> missed_ OSW_GUARDED_BY(mutex_);

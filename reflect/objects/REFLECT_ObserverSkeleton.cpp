@@ -3,6 +3,7 @@
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/notices/ClassRecords.h"
 
 namespace {
 
@@ -89,7 +90,7 @@ TreflectObserver::~TreflectObserver() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
     WithPermission const permission;
-    TreflectORB::forgetObserver_(*this);
+    ClassRecords::forgetEverywhere(*this);
 }
 
 bool TreflectObserver::notify(TreflectObject const& source, unsigned int const&,

@@ -15,6 +15,7 @@
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/notices/ClassRecords.h"
 
 namespace {
 
@@ -71,22 +72,22 @@ private:
 thread_local NameUnderWay const* NameUnderWay::innermost_ = nullptr;
 NameUnderWay* NameUnderWay::first_ = nullptr;
 
-using Place = std::pair<TreflectOrbId, unsigned int>;
+using Address = std::pair<TreflectOrbId, unsigned int>;
 
-Place placeOf(TreflectObject const& object) {
+Address addressOf(TreflectObject const& object) {
     TreflectObjectStub const& stub = *object.getStub_();
     return {stub.orbId(), stub.getInternalOID()};
 }
 
-/** Whether `place` is among `parent` and its ancestors, which are asked one after the other. */
-bool leadsTo(TreflectObject const& parent, Place const& place) {
+/** Whether `address` is among `parent` and its ancestors, which are asked one after the other. */
+bool leadsTo(TreflectObject const& parent, Address const& address) {
     constexpr std::size_t kDeepest = 1000;  // whatever other processes answer
-    std::set<Place> seen;
+    std::set<Address> seen;
     TreflectObject at;
     at.share_(parent);
     while (at.isConnected() && seen.size() < kDeepest) {
-        Place const here = placeOf(at);
-        if (here == place)
+        Address const here = addressOf(at);
+        if (here == address)
             return true;
         if (!seen.insert(here).second)
             return false;
@@ -124,7 +125,7 @@ TreflectServerObject::~TreflectServerObject() {
     endLife();
     if (TreflectORB* const orb = getORB()) {
         orb->unregisterObject(this);
-        orb->forgetObject_(*this);
+        ClassRecords::forgetEverywhere(*this);
         setORB(nullptr);
     }
     TreflectObjectHandler::invalidateStubsOf(this);
@@ -208,7 +209,7 @@ std::string TreflectServerObject::getAbsName() const {
     NameUnderWay const name(this);
     bool const isOwnAncestor =
         name.isRepeated() ||
-        (name.isAskedElsewhere() && leadsTo(parent, Place(orbId(), getInternalOID())));
+        (name.isAskedElsewhere() && leadsTo(parent, Address(orbId(), getInternalOID())));
     if (isOwnAncestor) {
         REFLECTORB_LOG(3, kSource, "object \"%s\" is its own ancestor", relative.c_str());
         return own;
