@@ -239,8 +239,11 @@ private:
 
     explicit TreflectORB(NamespaceId const& ns);
     void deliverResponse_(TreflectMessage const& response);
+    /** Whether a shortage of memory or threads is waited for a little: what has been queued may have
+     * nobody else to serve it. */
+    enum class Patience { None, Some };
     /** Starts a worker that the message queue has counted already. */
-    void startCountedWorker_();
+    void startCountedWorker_(Patience patience);
     void countReturnedCall_(Transport::TerminationId target);
     void reportUnexpected_(TreflectMessage const& response);
     void reportForged_(TreflectMessage const& response, Transport::TerminationId target);

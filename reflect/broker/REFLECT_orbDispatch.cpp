@@ -67,9 +67,11 @@ private:
     void serve() OSW_REQUIRES_PERMISSION;
     bool awaitTurn(bool firstPass);
     bool goOnAtOnce();
+    /** Others may wait behind this worker for the permission by now, so it is not for it to wait:
+     * whoever takes or queues the next message tries again. */
     void startWorker(MessageQueue::Need need) {
         if (need == MessageQueue::Need::Worker)
-            orb_.startCountedWorker_();
+            orb_.startCountedWorker_(Patience::None);
     }
 
     TreflectORB& orb_;

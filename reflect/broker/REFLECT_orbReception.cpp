@@ -144,7 +144,7 @@ bool TreflectORB::enqueue_(Transport::AddressedMessage const& message) {
     MessageQueue::Pushed const pushed =
         parts_->messageQueue.push(message, parts_->classes.subscriptions().deletions());
     if (pushed.need == MessageQueue::Need::Worker)
-        startCountedWorker_();
+        startCountedWorker_(Patience::Some);
     if (pushed.isMuch)
         holdBack_(message.originator());
     return pushed.fate == MessageQueue::Fate::Kept;
@@ -213,14 +213,12 @@ void TreflectORB::letAnswer_(Transport::TerminationId target) const {
 
 void TreflectORB::startReflectWorker() {
     if (parts_->messageQueue.admitWorker())
-        startCountedWorker_();
+        startCountedWorker_(Patience::Some);
 }
 
-void TreflectORB::startCountedWorker_() {
-    // What is queued may have nobody else to serve it, so a shortage of memory is waited for a
-    // little.
-    constexpr int kAttempts = 10;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+void TreflectORB::startCountedWorker_(Patience patience) {
+    int const attempts = patience == Patience::Some ? 10 : 1;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
         if (attempt > 0)
             OSWrap::awaitMemory();
         auto* const worker = new (std::nothrow) ReflectWorker(*this);
