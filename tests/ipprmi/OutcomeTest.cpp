@@ -1,9 +1,9 @@
 // Calls that are refused with an exception that has fields.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
+#include "WireText.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
 #include "reflect.h"
@@ -18,13 +18,8 @@ struct TooBright {
 
     unsigned int limit = 0;
     std::string why;
+    REFLECTORB_STRUCT(TooBright, limit, why)
 };
-TipprmiStream& operator<<(TipprmiStream& stream, TooBright const& value) {
-    return stream << value.limit << value.why;
-}
-TipprmiStream& operator>>(TipprmiStream& stream, TooBright& value) {
-    return stream >> value.limit >> value.why;
-}
 struct NotLit {
     static constexpr unsigned int kCode = 0x108;
 };
@@ -37,14 +32,9 @@ TipprmiStream& operator>>(TipprmiStream& stream, NotLit&) {
 
 using Dimmed = TipprmiOutcome<unsigned int, TooBright, NotLit>;
 
-TreflectMetaClass const dimmerMeta("Dimmer", kClass, {},
-                                   {{"dim", kDim, {"unsigned"}, {"unsigned"}},
-                                    {"dimByCode", kDimByCode, {"unsigned"}, {"unsigned"}},
-                                    {"brightness", kBrightness}});
-
-class Dimmer : public TreflectSkeleton<dimmerMeta> {
+class Dimmer : public TreflectInterface<Dimmer> {
 public:
-    Dimmer() : TreflectSkeleton(TipprmiOID("dimmer", NSID_UNIT), nullptr, "dimmer") {}
+    Dimmer() : TreflectInterface(TipprmiOID("dimmer", NSID_UNIT), nullptr, "dimmer") {}
 
     Dimmed dim(unsigned int level) {
         if (level == 0)
@@ -59,13 +49,10 @@ public:
     TipprmiResult<unsigned int> dimByCode(unsigned int) { return TipprmiFailure(TooBright::kCode); }
     TipprmiOutcome<void, NotLit> brightness() { return {}; }
 
-    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
-                  TipprmiStream& out) override {
-        auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
-        return mc == kDim          ? by(&Dimmer::dim)
-               : mc == kDimByCode  ? by(&Dimmer::dimByCode)
-               : mc == kBrightness ? by(&Dimmer::brightness)
-                                   : TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    static constexpr auto interface() {
+        return describe("Dimmer", kClass, op<&Dimmer::dim>("dim", kDim),
+                        op<&Dimmer::dimByCode>("dimByCode", kDimByCode),
+                        op<&Dimmer::brightness>("brightness", kBrightness));
     }
 };
 
@@ -123,10 +110,7 @@ TEST_F(OutcomeTest, FieldsStandBehindTheCodeInTheContainer) {
     TipprmiStream in(8), out(8);
     in << 200u;
     ASSERT_TRUE(server.dispatch(true, kClass, kDim, in, out));
-    unsigned char const expected[] = {0, 0, 0, 1,    0, 0, 0, 15, 0,   0,   1,  7,
-                                      0, 0, 0, 0x64, 0, 0, 0, 3,  'h', 'o', 't'};
-    ASSERT_EQ(out.getDataSize(), static_cast<int>(sizeof expected));
-    EXPECT_EQ(std::memcmp(out.getDataPtr(), expected, sizeof expected), 0);
+    EXPECT_EQ(wire::hex(out), wire::bare("00000001 0000000F 00000107 00000064 00000003 686F74"));
 }
 
 TEST_F(OutcomeTest, AnObservedCallIsRefusedInTheSameWay) {

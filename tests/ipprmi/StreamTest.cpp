@@ -24,52 +24,22 @@ TipprmiStream arrived(unsigned int written, unsigned int room) {
     return TipprmiStream(message, false);
 }
 
-TEST(Stream, WritesEveryTypeByTheTable) {
-    EXPECT_EQ("00000001", wire::form(1u));
-    EXPECT_EQ("FEDCBA98", wire::form(0xFEDCBA98u));
-    EXPECT_EQ("FFFFFFFE", wire::form(-2));
-    EXPECT_EQ("00000001", wire::form(true));
-    EXPECT_EQ("00000000", wire::form(false));
-    EXPECT_EQ("00000002", wire::form(NSID_NODE));
-    EXPECT_EQ("00000003616263", wire::form("abc"));
+TEST(Stream, TextsNamespacesAndNestedStreamsAreWrittenAndReadAsWhatTheyAre) {
     EXPECT_EQ("00000000", wire::form(static_cast<char const*>(nullptr)));
-    EXPECT_EQ("00000003610062", wire::form(std::string("a\0b", 3)));
-    EXPECT_EQ("00000000", wire::form(std::string()));
     EXPECT_EQ("00000000", wire::form(TipprmiStream(10)));
-    EXPECT_EQ("00000002AABB", wire::form(TipprmiStream("\xAA\xBB", 2)));
-    unsigned int const inHostOrder = 0x01020304;
-    EXPECT_EQ(wire::hex(TipprmiStream(&inHostOrder, 4)),
-              wire::form(Transport::TerminationId(inHostOrder)));
-}
-
-TEST(Stream, ReadsBackWhatItWrote) {
     TipprmiStream stream(1);
-    stream << 0x80000001u << INT_MIN << true << false << NSID_NODE << "text"
-           << std::string("a\0b", 3) << TipprmiStream("\x01\x02\x03", 3)
-           << Transport::TerminationId(0x04010203u) << "end";
-    unsigned int number = 0;
-    int negative = 0;
-    bool yes = false;
-    bool no = true;
+    stream << NSID_NODE << "abc" << TipprmiStream("\xAA\xBB", 2) << 77u;
+    EXPECT_EQ("000000020000000361626300000002AABB0000004D", wire::hex(stream));
     NamespaceId ns = NSID_UNIT;
     char* text = nullptr;
-    std::string string;
     TipprmiStream nested(1);
-    Transport::TerminationId id;
-    std::string end;
-    stream >> number >> negative >> yes >> no >> ns >> text >> string >> nested >> id >> end;
+    unsigned int after = 0;
+    stream >> ns >> text >> nested >> after;
     std::unique_ptr<char[]> const owned(text);
-    EXPECT_EQ(0x80000001u, number);
-    EXPECT_EQ(INT_MIN, negative);
-    EXPECT_TRUE(yes);
-    EXPECT_FALSE(no);
     EXPECT_EQ(NSID_UNIT, ns) << "a namespace is consumed, not taken";
-    EXPECT_STREQ("text", text);
-    EXPECT_EQ(std::string("a\0b", 3), string);
-    EXPECT_EQ("010203", wire::hex(nested));
-    EXPECT_EQ(0x04010203u, id.value());
-    EXPECT_EQ("end", end);
-    EXPECT_FALSE(stream.hasUnmarshallingFailed());
+    EXPECT_STREQ("abc", text);
+    EXPECT_EQ("AABB", wire::hex(nested));
+    EXPECT_EQ(77u, after);
 }
 
 TEST(Stream, ReadPastTheDataIsToldOnceAndYieldsZeros) {

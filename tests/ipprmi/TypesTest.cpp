@@ -82,7 +82,15 @@ using Map = std::map<Text, int>;
 using Variant = std::variant<std::monostate, int, Text, int>;
 
 std::vector<Form> const& forms() {
+    static unsigned int const inHostOrder = 0x04010203;
+    static std::string const termination = wire::hex(&inHostOrder, sizeof inHostOrder);
     static std::vector<Form> const all{
+        form<unsigned int>("FEDCBA98", 0xFEDCBA98u),
+        form<bool>("00000001", true),
+        form<bool>("00000000", false),
+        form<Text>("00000003 610062", Text("a\0b", 3)),
+        form<Text>("00000000", ""),
+        form<Transport::TerminationId>(termination.c_str(), Transport::TerminationId(inHostOrder)),
         form<std::int8_t>("FFFFFF80", -128),
         form<std::uint8_t>("000000FF", 255),
         form<std::int16_t>("FFFF8000", -32768),

@@ -5,8 +5,7 @@
 
 class NoticeActor : public testsupport::ActorProgram {
 public:
-    explicit NoticeActor(Environment const& environment = {})
-        : ActorProgram(testsupport::programCommand("notice_actor"), environment) {}
+    NoticeActor() : ActorProgram("notice_actor") {}
 
     Made create(std::string const& name, std::string const& classId) {
         return make("create " + name + " " + classId, "created");
@@ -22,9 +21,7 @@ public:
         std::string names;
         for (std::string const& line : child().lines()) {
             std::istringstream words(line);
-            std::string notice;
-            std::string by;
-            std::string name;
+            std::string notice, by, name;
             words >> notice >> by >> name;
             if (notice == "notice" && by == observer)
                 names += name + " ";

@@ -1,77 +1,9 @@
 // Observers of creations and deletions, here and in other processes, and what gets in their way.
-#include <thread>
-
-#include "Arrivals.h"
-#include "BrokerTest.h"
-#include "NoticeActor.h"
-#include "Permitted.h"
-#include "RawPeer.h"
-#include "Thing.h"
+#include "NoticeTest.h"
 
 namespace {
 
-constexpr unsigned int kLampClass = 0x7001;
-using Names = std::vector<std::string>;
-
-class NotificationTest : public BrokerTest {
-protected:
-    NotificationTest() {
-        orb();
-        permitted([] { thingClass(kLampClass); });
-    }
-    ~NotificationTest() override {
-        permitted([this] {
-            things_.clear();
-            watchers_.clear();
-        });
-    }
-
-    TreflectMetaObject& lamps() { return thingClass(kLampClass); }
-    Watcher& watcher(std::string const& name, Watcher::Reaction reaction = {}) {
-        return permitted([&]() -> Watcher& {
-            watchers_.push_back(std::make_unique<Watcher>(name, std::move(reaction)));
-            return *watchers_.back();
-        });
-    }
-    void observeCreations(Watcher& watcher, bool plusExisting = false) {
-        permitted([&] { EXPECT_TRUE(lamps().observeCreations(&watcher, plusExisting)); });
-    }
-    void observeDeletions(Watcher& watcher) {
-        permitted([&] { EXPECT_TRUE(lamps().observeDeletions(&watcher)); });
-    }
-    void remove(Watcher& watcher) {
-        permitted([&] { lamps().removeObserver(&watcher); });
-    }
-    void discard(Watcher& watcher) {
-        permitted([&] {
-            watchers_.remove_if([&](auto const& owned) { return owned.get() == &watcher; });
-        });
-    }
-    void create(std::string const& name) {
-        permitted([&] { things_[name] = std::make_unique<Thing>(name, kLampClass); });
-    }
-    void destroy(std::string const& name) {
-        permitted([&] {
-            std::unique_ptr<Thing> gone = std::move(things_[name]);
-            things_.erase(name);
-            gone.reset();
-        });
-    }
-    Names told(Watcher& watcher) {
-        return permitted([&] { return watcher.told(); });
-    }
-    /** Answers of a peer that serves the class and has no object of it. */
-    static void serve(RawPeer& peer, TreflectMessage const& request) {
-        peer.answer(request, [&](TipprmiStream& response) {
-            if (request.type() == TreflectMessage::tOCNSubscribe)
-                response << 0u;
-            response << 1u << kLampClass;
-        });
-    }
-
-    std::list<std::unique_ptr<Watcher>> watchers_;          // guarded by the run permission
-    std::map<std::string, std::unique_ptr<Thing>> things_;  // likewise
-};
+using NotificationTest = NoticeTest;
 
 // ---- Who is told of what -----------------------------------------------------------------------
 
@@ -80,15 +12,15 @@ TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
     publisher.know("7001");
     std::vector<unsigned int> ioids;
     Names answers;
-    Watcher& created = watcher("created", [&](auto const&, TreflectObject const& source) {
+    Watcher& created = creations(false, [&](auto&, TreflectObject const& source) {
         ioids.push_back(source.getStub_()->getInternalOID());
         answers.push_back(source.getRelName());  // asks the process that is waiting for us
+        return true;
     });
-    Watcher& deleted = watcher("deleted", [&](auto const&, TreflectObject const& source) {
+    Watcher& deleted = deletions([&](auto&, TreflectObject const& source) {
         ioids.push_back(source.getStub_()->getInternalOID());
+        return true;
     });
-    observeCreations(created);
-    observeDeletions(deleted);
     auto const lamp = publisher.create("lamp", "7001");
     EXPECT_EQ(told(created), Names{"lamp"}) << "known when the publisher goes on";
     EXPECT_EQ(told(deleted), Names{});
@@ -102,18 +34,16 @@ TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
 }
 
 TEST_F(NotificationTest, existingObjectsOfAllProcessesAreToldOnce) {
-    NoticeActor first;
-    NoticeActor second;
-    first.create("a", "7001");
-    second.create("b", "7001");
+    ArrivalWatch arrivals(orb());
+    NoticeActor first, second;
+    for (auto const& made : {first.create("a", "7001"), second.create("b", "7001")})
+        EXPECT_TRUE(arrivals.await(made.termination));
     second.create("c", "7001");
     second.create("other", "7002");
     create("d");
-    Watcher& all = watcher("all");
-    Watcher& fresh = watcher("fresh");
-    for (int i = 0; i < 2; ++i)
-        observeCreations(fresh);
-    observeCreations(all, true);
+    Watcher& fresh = creations();
+    observe(fresh);
+    Watcher& all = creations(true);
     Names names = told(all);
     EXPECT_EQ(names[0], "d") << "one's own first";
     std::sort(names.begin(), names.end());
@@ -131,21 +61,20 @@ TEST_F(NotificationTest, existingObjectsOfAllProcessesAreToldOnce) {
 }
 
 TEST_F(NotificationTest, listMayChangeInsideEveryNotice) {
-    Watcher& removed = watcher("removed");
-    Watcher& added = watcher("added");
-    Watcher& destroyed = watcher("destroyed");
-    Watcher& changing = watcher("changing");
-    changing.setReaction([&](std::string const& name, auto const&) {
+    Watcher& changing = creations();
+    Watcher& removed = creations();
+    Watcher& destroyed = creations();
+    Watcher& added = watcher();
+    changing.react = [&](std::string const& name, auto&) {
         if (name != "a")
-            return;
+            return true;
         remove(removed);
         discard(destroyed);
         remove(changing);
-        observeCreations(added);
-        observeCreations(changing);
-    });
-    for (Watcher* const one : {&changing, &removed, &destroyed})
-        observeCreations(*one);
+        observe(added);
+        observe(changing);
+        return true;
+    };
     create("a");
     EXPECT_EQ(told(changing), Names{"a"}) << "back at the end, and told already";
     EXPECT_EQ(told(removed), Names{});
@@ -156,13 +85,16 @@ TEST_F(NotificationTest, listMayChangeInsideEveryNotice) {
 }
 
 TEST_F(NotificationTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOthers) {
-    Watcher& throwing = watcher("throwing", [](auto&, auto&) { throw std::runtime_error("no"); });
-    Watcher& greedy = watcher("greedy", [](auto&, auto&) { TreflectORB::getRunPermission(); });
-    Watcher& careless =
-        watcher("careless", [](auto&, auto&) { TreflectORB::leaveHandlerState(true); });
-    Watcher& last = watcher("last");
-    for (Watcher* const one : {&throwing, &careless, &greedy, &last})
-        observeCreations(*one);
+    creations(false, [](auto&, auto&) -> bool { throw std::runtime_error("no"); });
+    creations(false, [](auto&, auto&) {
+        TreflectORB::leaveHandlerState(true);
+        return true;
+    });
+    creations(false, [](auto&, auto&) {
+        TreflectORB::getRunPermission();
+        return true;
+    });
+    Watcher& last = creations();
     permitted([this] {
         create("a");
         EXPECT_EQ(TreflectORB::getRunPermissionCount(), 1u);
@@ -174,79 +106,70 @@ TEST_F(NotificationTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOth
 
 // ---- What happens while a registration waits ---------------------------------------------------
 
-/** An observer that registers on a thread of its own, and waits for a peer that does not answer
- * before it is told to. */
-class WaitingRegistrationTest : public NotificationTest {
+/** An observer that registers on a thread of its own, and waits for a neighbour that does not
+ * answer before it is told to. */
+class WaitingRegistrationTest : public NoticeTest {
 protected:
-    WaitingRegistrationTest() { EXPECT_TRUE(arrivals_.await(peer_.termId())); }
     ~WaitingRegistrationTest() override {
         if (registering_.joinable())
             registering_.join();
     }
     void begin(std::function<void()> const& registration) {
         registering_ = std::thread(registration);
-        ASSERT_FALSE(peer_.await(0).empty());
+        neighbour_->awaitHeld();
     }
     void end() {
-        serve(peer_, peer_.await(0));
+        neighbour_->answerHeld();
         registering_.join();
     }
 
-    ArrivalWatch arrivals_{orb()};
-    RawPeer peer_{group(), [this](RawPeer& self, TreflectMessage& request) {
-                      if (count_++ > 0 && request.kind() == TreflectMessage::kRequest)
-                          serve(self, request);
-                  }};
-    std::atomic<int> count_{0};
+    std::unique_ptr<Neighbour> const neighbour_ = arrived(Neighbour::first(1));
+    Watcher& watching_ = watcher();
     std::thread registering_;
 };
 
 TEST_F(WaitingRegistrationTest, noticesAreKeptForIt) {
     create("old");
-    Watcher& watching = watcher("watching");
-    begin([&] { observeCreations(watching, true); });
+    begin([&] { observe(watching_, true); });
     create("new");
     create("shortLived");
     destroy("shortLived");
-    EXPECT_EQ(told(watching), Names{"old"});
+    EXPECT_EQ(told(watching_), Names{"old"});
     end();
-    EXPECT_EQ(told(watching), (Names{"old", "new"}));
+    EXPECT_EQ(told(watching_), (Names{"old", "new"}));
     create("next");
-    EXPECT_EQ(told(watching), (Names{"old", "new", "next"}));
+    EXPECT_EQ(told(watching_), (Names{"old", "new", "next"}));
 }
 
 TEST_F(WaitingRegistrationTest, deletionsAreKeptForIt) {
-    for (std::string const name : {"a", "b"})
+    for (char const* const name : {"a", "b"})
         create(name);
-    Watcher& watching = watcher("watching");
-    begin([&] { observeDeletions(watching); });
-    for (std::string const name : {"a", "b"})
+    begin([&] { observeDeletions(watching_); });
+    for (char const* const name : {"a", "b"})
         destroy(name);
     create("a");
     destroy("a");
     end();
-    EXPECT_EQ(told(watching), (Names{"a", "b", "a"}));
+    EXPECT_EQ(told(watching_), (Names{"a", "b", "a"}));
 }
 
 TEST_F(WaitingRegistrationTest, observerThatIsRemovedMeanwhileIsNotEntered) {
-    Watcher& watching = watcher("watching");
-    begin([&] { observeCreations(watching, true); });
+    begin([&] { observe(watching_, true); });
     create("a");
-    std::thread removing([&] { remove(watching); });  // cancels when the subscription is through
+    std::thread removing([&] { remove(watching_); });  // cancels when the subscription is through
     end();
     removing.join();
     create("b");
-    Names const names = told(watching);
+    Names const names = told(watching_);
     EXPECT_TRUE(names.empty() || names == Names{"a"}) << "removed before or after its entry";
-    EXPECT_EQ(peer_.await(1).type(), TreflectMessage::tOCNUnsubscribe);
-    EXPECT_EQ(peer_.await(2).type(), TreflectMessage::tODNUnsubscribe);
+    EXPECT_EQ(neighbour_->count(TreflectMessage::tOCNUnsubscribe), 1u);
+    EXPECT_EQ(neighbour_->count(TreflectMessage::tODNUnsubscribe), 1u);
 }
 
 TEST_F(WaitingRegistrationTest, observerThatIsDestroyedMeanwhileIsNotEntered) {
-    Watcher& watching = watcher("watching");
-    begin([&] { observeCreations(watching, true); });
+    begin([&] { observe(watching_, true); });
     create("a");
-    discard(watching);
+    discard(watching_);
     end();
     create("b");
 }
@@ -256,7 +179,7 @@ TEST_F(NotificationTest, observerIsDestroyedAfterTheBrokersWhileItsRegistrationF
     std::list<RawPeer> silent;
     for (int i = 0; i < 10; ++i)
         silent.emplace_back(group(), [&](RawPeer&, TreflectMessage&) { ++asked; });
-    Watcher& watching = watcher("watching");
+    Watcher& watching = watcher();
     std::thread registering([&] { observeDeletions(watching); });
     ASSERT_TRUE(testsupport::eventually([&] { return asked > 0; }));
     create("a");
@@ -269,15 +192,14 @@ TEST_F(NotificationTest, observerIsDestroyedAfterTheBrokersWhileItsRegistrationF
 }
 
 TEST_F(WaitingRegistrationTest, secondObserverWithThePermissionTwiceDoesNotBlockTheFirst) {
-    Watcher& first = watcher("first");
-    Watcher& second = watcher("second");
-    begin([&] { observeCreations(first, true); });
+    Watcher& second = watcher();
+    begin([&] { observe(watching_, true); });
     testsupport::Gate queued;
     std::thread twice([&] {
         TreflectHandlerState const handlerState(true);
         TreflectORB::getRunPermission();
         queued.open();
-        observeCreations(second, true);
+        observe(second, true);
         TreflectORB::releaseRunPermission();
     });
     queued.wait();
@@ -285,32 +207,28 @@ TEST_F(WaitingRegistrationTest, secondObserverWithThePermissionTwiceDoesNotBlock
     end();
     twice.join();
     create("a");
-    EXPECT_EQ(told(first), Names{"a"});
+    EXPECT_EQ(told(watching_), Names{"a"});
     EXPECT_EQ(told(second), Names{"a"});
 }
 
 TEST_F(WaitingRegistrationTest, brokerThatComesUpMeanwhileIsSubscribedAt) {
-    Watcher& watching = watcher("watching");
-    begin([&] { observeCreations(watching, true); });
-    RawPeer newcomer(group(), [](RawPeer& self, TreflectMessage& request) {
-        self.answer(request, [&](TipprmiStream& s) {
-            s << 1u << TipprmiOID("far", NSID_UNIT) << 7u << 0x01010077u << 1u << kLampClass;
-        });
-    });
-    EXPECT_EQ(newcomer.await(0).type(), TreflectMessage::tOCNSubscribe);
+    begin([&] { observe(watching_, true); });
+    Neighbour newcomer(group(), Neighbour::first(1));
+    newcomer.awaitHeld();
+    newcomer.list({object("far", newcomer)});
+    newcomer.answerHeld();
     // A subscription of another class to the whole group takes it from the list of the missed.
-    Watcher& other = watcher("other");
+    Watcher& other = watcher();
     permitted([&] { thingClass(0x7009).observeCreations(&other, false); });
     end();
     // By the thread that hears of newcomers, which may still be at it.
-    EXPECT_TRUE(testsupport::eventually([&] { return told(watching) == Names{"far"}; }));
+    EXPECT_TRUE(awaitTold(watching_, {"far"}));
 }
 
 // ---- Other processes in trouble ----------------------------------------------------------------
 
 TEST_F(NotificationTest, subscriberThatIsKilledInsideANoticeEndsThePublishersWait) {
-    NoticeActor victim;
-    NoticeActor survivor;
+    NoticeActor victim, survivor;
     for (NoticeActor* const subscriber : {&victim, &survivor})
         subscriber->observe("w", "creations", "7001");
     victim.ask("hold w", "prepared");
@@ -329,13 +247,13 @@ TEST_F(NotificationTest, subscriberThatIsKilledInsideANoticeEndsThePublishersWai
 TEST_F(NotificationTest, brokersMayBeDeletedAndMadeAgainInsideTheNoticeOfAnExistingObject) {
     create("a");
     create("b");
-    Watcher& ruthless = watcher("ruthless", [](auto&, auto&) {
+    Watcher& ruthless = creations(true, [](auto&, auto&) {
         for (int i = 0; i < 3; ++i) {
             prepareOrbForDeletion();
             TreflectORB::getInstance(NSID_UNIT);
         }
+        return true;
     });
-    observeCreations(ruthless, true);
     EXPECT_EQ(told(ruthless).size(), 1u) << "it is registered with no broker any more";
     create("c");
     EXPECT_EQ(told(ruthless).size(), 1u);
