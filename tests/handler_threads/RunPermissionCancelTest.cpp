@@ -1,5 +1,6 @@
 // Cancellation of threads that queue for the permission, have just got it, or are inside guards.
 #include "PermissionThreads.h"
+#include "handler_threads/PermissionWaiter.h"
 
 using namespace permissiontest;
 
@@ -54,6 +55,29 @@ TEST_F(RunPermissionCancel, TurnPassesOnWhenItMeetsTheCancellation) {
         ASSERT_EQ(turns_, ended);
         ASSERT_TRUE(nothingLeft());
     }
+}
+
+// As a caller does that its response has queued, and that is cancelled before it wakes.
+TEST_F(RunPermissionCancel, TurnThatHasComeIsPassedOnByWhoNoLongerWantsIt) {
+    Run::enterHandlerState(true);
+    Gate queued;
+    Gate granted;
+    TestThread cancelled([&] {
+        TreflectHandlerState const state(false);
+        handlerthreads::PermissionWaiter entry;
+        Run::handlerThreads().queue(entry);
+        queued.open();
+        EXPECT_TRUE(granted.wait());
+        Run::handlerThreads().leaveQueue(entry);
+        EXPECT_FALSE(Run::hasRunPermission());
+    });
+    ASSERT_TRUE(queued.wait());
+    queueOne();
+    Run::leaveHandlerState(true);
+    granted.open();
+    cancelled.join();
+    joinAll();
+    EXPECT_EQ(turns_, 1);
 }
 
 TEST_F(RunPermissionCancel, GuardIsNotInterruptedWhileItQueues) {

@@ -20,20 +20,29 @@ void bringInto(State state) {
         Run::enterHandlerState(state == holder);
 }
 
-TEST_F(RunPermissionGuards, HandlerStateGivesWhatIsMissingAndTakesNoMore) {
-    LogCapture log;
-    for (State before : {none, handler, holder})
-        for (bool permission : {false, true}) {
-            bringInto(before);
-            {
-                TreflectHandlerState const guard(permission);
-                EXPECT_EQ(stateNow(), permission ? holder : std::max(before, handler));
-                EXPECT_EQ(Run::getRunPermissionCount(), stateNow() == holder ? 1u : 0u);
-            }
-            EXPECT_EQ(stateNow(), before);
-        }
-    TreflectHandlerState::cleanupHandlerState(nullptr);
+/** The state inside a guard that is entered in another one, which is there again behind it. */
+template <class Guard, class... Arguments>
+State insideOf(State before, Arguments... arguments) {
+    bringInto(before);
+    State inside = none;
+    {
+        Guard const guard(arguments...);
+        inside = stateNow();
+        EXPECT_EQ(Run::getRunPermissionCount(), inside == holder ? 1u : 0u);
+    }
+    EXPECT_EQ(stateNow(), before);
     bringInto(none);
+    return inside;
+}
+
+TEST_F(RunPermissionGuards, HandlerStateGivesWhatIsMissingAndReleaseTakesWhatIsThere) {
+    LogCapture log;
+    for (State before : {none, handler, holder}) {
+        EXPECT_EQ(insideOf<TreflectHandlerState>(before, true), holder);
+        EXPECT_EQ(insideOf<TreflectHandlerState>(before, false), std::max(before, handler));
+        EXPECT_EQ(insideOf<TreflectReleaseHandlerState>(before), std::min(before, handler));
+    }
+    TreflectHandlerState::cleanupHandlerState(nullptr);
     EXPECT_TRUE(log.records().empty());
 }
 
@@ -73,23 +82,14 @@ TEST_F(RunPermissionGuards, NestedStatesAndLevelsAreUndone) {
     EXPECT_EQ(stateNow(), none);
 }
 
-TEST_F(RunPermissionGuards, ReleaseGivesOneLevelBackForAScope) {
-    for (State before : {none, handler, holder}) {
-        bringInto(before);
-        {
-            TreflectReleaseHandlerState const guard;
-            EXPECT_EQ(stateNow(), std::min(before, handler));
-        }
-        EXPECT_EQ(stateNow(), before);
-    }
-    LogCapture log;
+TEST_F(RunPermissionGuards, ReleaseGivesOneLevelBackAndTakesThePermissionOnlyIfItIsAway) {
+    Run::enterHandlerState(true);
     Run::getRunPermission();
     {
         TreflectReleaseHandlerState const guard;
         EXPECT_EQ(stateNow(), holder) << "the second level keeps it";
     }
     EXPECT_EQ(Run::getRunPermissionCount(), 1u) << "it holds the permission, so none is added";
-    bringInto(holder);
     {
         TreflectReleaseHandlerState const guard;
         bringInto(none);

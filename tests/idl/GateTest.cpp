@@ -7,6 +7,8 @@
 
 #include "ActorProgram.h"
 #include "GateObject.h"
+#include "Watcher.h"
+#include "WireText.h"
 #include "handler_threads.h"
 
 namespace {
@@ -19,14 +21,12 @@ class GateTest : public ::testing::TestWithParam<Where> {
 protected:
     GateTest() {
         if (GetParam() == kSameProcess) {
-            here_ = std::make_unique<Gate>("gate.here");
-            gate = works::GateClient(TipprmiOID("gate.here", NSID_UNIT));
-            return;
+            here_ = std::make_unique<Gate>("gate");
+        } else {
+            TreflectReleaseHandlerState const outside;
+            there_ = std::make_unique<ActorProgram>("gate_actor");
         }
-        TreflectReleaseHandlerState const outside;
-        there_ = std::make_unique<ActorProgram>(testsupport::programCommand("gate_actor"));
-        TreflectHandlerState const back(true);
-        gate = works::GateClient(TipprmiOID("gate.there", NSID_UNIT));
+        gate = works::GateClient(TipprmiOID("gate", NSID_UNIT));
     }
 
     TreflectHandlerState const inside{true};
@@ -46,32 +46,22 @@ INSTANTIATE_TEST_SUITE_P(OfAGateIn, GateTest, ::testing::Values(kSameProcess, kO
                          });
 
 TEST_P(GateTest, NumbersComeBackAsTheyWere) {
-    works::Numbers given;
-    given.o = 255;
-    given.i8 = -128;
-    given.s = std::numeric_limits<std::int16_t>::min();
-    given.us = 65535;
-    given.l = works::least;
-    given.ul = 0xFFFFFFFF;
-    given.ll = std::numeric_limits<std::int64_t>::min();
-    given.ull = std::numeric_limits<std::uint64_t>::max();
-    given.f = -0.1F;
-    given.d = 1e300;
-    given.c = '\xE9';
-    given.b = true;
-    works::Numbers const back = gate.numbers(given).value();
-    EXPECT_EQ(back.o, given.o);
-    EXPECT_EQ(back.i8, given.i8);
-    EXPECT_EQ(back.s, given.s);
-    EXPECT_EQ(back.us, given.us);
-    EXPECT_EQ(back.l, works::least);
-    EXPECT_EQ(back.ul, given.ul);
-    EXPECT_EQ(back.ll, given.ll);
-    EXPECT_EQ(back.ull, given.ull);
-    EXPECT_EQ(back.f, given.f);
-    EXPECT_EQ(back.d, given.d);
-    EXPECT_EQ(back.c, given.c);
-    EXPECT_TRUE(back.b);
+    works::Numbers const given{255,
+                               -128,
+                               std::numeric_limits<std::int16_t>::min(),
+                               65535,
+                               works::least,
+                               0xFFFFFFFF,
+                               std::numeric_limits<std::int64_t>::min(),
+                               std::numeric_limits<std::uint64_t>::max(),
+                               -0.1F,
+                               1e300,
+                               '\xE9',
+                               true};
+    EXPECT_EQ(wire::form(gate.numbers(given).value()), wire::form(given));
+    EXPECT_EQ(wire::form(given),
+              wire::bare("000000FF FFFFFF80 FFFF8000 0000FFFF 80000001 FFFFFFFF 8000000000000000"
+                         "FFFFFFFFFFFFFFFF BDCCCCCD 7E37E43C8800759C 000000E9 00000001"));
 }
 
 TEST_P(GateTest, WhatHoldsOthersComesBackAsItWas) {
@@ -84,12 +74,7 @@ TEST_P(GateTest, WhatHoldsOthersComesBackAsItWas) {
     EXPECT_EQ(gate.bytes({1, 2, 255}).value(), (works::Bytes{1, 2, 255}));
     EXPECT_EQ(gate.flags({true, false, true}).value(), (std::vector<bool>{true, false, true}));
     EXPECT_EQ(gate.wide(L"\x20AC").value(), L"\x20AC");
-    TipprmiAny any;
-    any.insert(42u);
-    TipprmiAny answer = gate.anything(any).value();
-    unsigned int held = 0;
-    answer.extract(held);
-    EXPECT_EQ(held, 42u);
+    EXPECT_EQ(wire::form(gate.anything(TipprmiAny().insert(42u)).value()), "000000040000002A");
     EXPECT_STREQ(works::greeting, "say \"gate\"\n");
 }
 
@@ -181,45 +166,30 @@ TEST_P(GateTest, HandlesLeadOnAndOnewayCallsArrive) {
     EXPECT_EQ(gate.getNext().value().hurried().value(), 3u);
 }
 
-/** Counts what is told of objects of one class. */
-class ClassWatch final : public TreflectObserver {
-public:
-    explicit ClassWatch(unsigned int classId)
-        : meta_(*InterfaceRepository::instance()->findInterface(classId)) {
-        meta_.observeCreations(this, false);
-        meta_.observeDeletions(this);
-    }
-    ~ClassWatch() override { meta_.removeObserver(this); }
-
-    bool update() override {
-        ++told;
-        gone.reset();
-        return true;
-    }
-
-    int told = 0;
-    std::unique_ptr<Gate> gone;  // ends at the first notice
-
-private:
-    TreflectMetaObject& meta_;
-};
-
 TEST(GateAnnouncementTest, AnObjectIsAnnouncedAsOneOfEachOfItsClasses) {
     TreflectHandlerState const inside(true);
-    ClassWatch gates(works::gate::kClass), devices(parts::device::kClass),
-        named(parts::named::kClass);
+    Watcher gates, devices, named;
+    std::pair<Watcher&, unsigned int> const watched[] = {{gates, works::gate::kClass},
+                                                         {devices, parts::device::kClass},
+                                                         {named, parts::named::kClass}};
+    for (auto const& [watcher, classId] : watched) {
+        TreflectMetaObject* const meta = InterfaceRepository::instance()->findInterface(classId);
+        meta->observeCreations(&watcher, false);
+        meta->observeDeletions(&watcher);
+    }
     auto gate = std::make_unique<Gate>("gate.announced");
     gate->sendCreationEvents();
-    for (ClassWatch const* const watch : {&gates, &devices, &named})
-        EXPECT_EQ(watch->told, 1);
+    for (auto const& entry : watched)
+        EXPECT_EQ(entry.first.told.size(), 1u);
     gate->sendDeletionEvents();
-    for (ClassWatch const* const watch : {&gates, &devices, &named})
-        EXPECT_EQ(watch->told, 2);
+    for (auto const& entry : watched)
+        EXPECT_EQ(entry.first.told.size(), 2u);
 
-    gates.gone = std::make_unique<Gate>("gate.brief");
-    gates.gone->sendCreationEvents();
-    EXPECT_EQ(gates.told, 3);
-    EXPECT_EQ(devices.told + named.told, 4) << "it had gone by then";
+    auto brief = std::make_unique<Gate>("gate.brief");
+    gates.react = [&] { brief.reset(); };
+    brief->sendCreationEvents();
+    EXPECT_EQ(gates.told.size(), 3u);
+    EXPECT_EQ(devices.told.size() + named.told.size(), 4u) << "it had gone by then";
 }
 
 }  // namespace

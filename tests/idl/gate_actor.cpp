@@ -4,9 +4,9 @@
 #include "ActorSide.h"
 #include "GateObject.h"
 
-int main(int count, char** arguments) {
+int main() {
     TreflectHandlerState const inside(true);
-    Gate const gate(count > 1 ? arguments[1] : "gate.there");
+    Gate const gate("gate");
     {
         TreflectReleaseHandlerState const outside;
         testsupport::obeyLines([](auto const&...) { return true; });

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "Watcher.h"
 #include "WireText.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
@@ -56,16 +57,6 @@ public:
     }
 };
 
-class Witness : public TreflectObserver {
-public:
-    bool update() override {
-        ++told;
-        return allows;
-    }
-    int told = 0;
-    bool allows = true;
-};
-
 class OutcomeTest : public ::testing::Test {
 public:
     Dimmed byStreams(unsigned int level) {
@@ -114,14 +105,14 @@ TEST_F(OutcomeTest, FieldsStandBehindTheCodeInTheContainer) {
 }
 
 TEST_F(OutcomeTest, AnObservedCallIsRefusedInTheSameWay) {
-    Witness before, after;
+    Watcher before, after;
     object.operation("dim").preObserve(&before);
     object.operation("dim").postObserve(&after);
     EXPECT_TRUE(byStreams(200).raised<TooBright>());
     EXPECT_TRUE(direct(200).raised<TooBright>());
-    EXPECT_EQ(before.told, 2);
-    EXPECT_EQ(after.told, 2) << "a refusal is an end of the call as well";
-    before.allows = false;
+    EXPECT_EQ(before.told.size(), 2u);
+    EXPECT_EQ(after.told.size(), 2u) << "a refusal is an end of the call as well";
+    before.answer = false;
     EXPECT_EQ(direct(200).code(), TipprmiFailure::kVetoed);
     EXPECT_EQ(byStreams(200).code(), TipprmiFailure::kVetoed);
 }

@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 
 namespace {
 
@@ -54,8 +54,8 @@ protected:
 
     bool const bounded_;  // this process, too
     RawPeer peer_;        // the receiver knows it from its start
-    BrokerActor receiver_;
-    BrokerActor::Made const probe_;
+    ReflectActor receiver_;
+    ReflectActor::Made const probe_;
 };
 
 TEST_F(BacklogTest, senderThatFloodsIsHeldBackAndLosesNothing) {

@@ -130,7 +130,7 @@ TEST_F(BoundMembers, GiveTextsAwayAndKeepNoneThatCouldNotBeRead) {
     EXPECT_TRUE(isText(label.fetch<char*>().valueOr(nullptr), lamp_.label.c_str()));
 
     // Numbers, of which the last is no length of a text that is there.
-    lamp_.steps.elements = {0, 0, 9};
+    lamp_.steps = {0, 0, 9};
     lamp_.codes.push_back(0);
     lamp_.codes.push_back(0xFFFF);
     for (TreflectAttribute* const numbers : {&bind<TreflectArrayMetaAttribute>("Steps"),
@@ -148,7 +148,7 @@ TEST_F(BoundMembers, GiveTextsAwayAndKeepNoneThatCouldNotBeRead) {
 // ---- Arrays and sequences ----------------------------------------------------------------------
 
 TEST_F(BoundMembers, ReadOneElementOfAnArrayOrASequence) {
-    lamp_.steps.elements = {10, 11, 12};
+    lamp_.steps = {10, 11, 12};
     for (unsigned int const code : {10, 11, 12})
         lamp_.codes.push_back(code);
     for (TreflectAttribute* const elements : {&bind<TreflectArrayMetaAttribute>("Steps"),
@@ -165,19 +165,19 @@ TEST_F(BoundMembers, ReadOneElementOfAnArrayOrASequence) {
             EXPECT_EQ(elements->fetch<unsigned int>().valueOr(9), 0u);
         }
     }
-    lamp_.switches.elements = {false, true, false};
+    lamp_.switches = {false, true, false};
     bool on = false;
     EXPECT_EQ(bind<TreflectArrayMetaAttribute>("Switches")[1].get(on), 0);
     EXPECT_TRUE(on);
 
     TreflectAttribute& steps = bind<TreflectArrayMetaAttribute>("Steps");
-    Row<unsigned int> row;
+    Row<unsigned int> row{};
     EXPECT_EQ(steps.get(row), 0);
-    EXPECT_EQ(row.elements, lamp_.steps.elements);
-    row.elements = {1, 2, 3};
+    EXPECT_EQ(row, lamp_.steps);
+    row = {1, 2, 3};
     EXPECT_EQ(steps[1].set(row), TreflectAttribute::error);  // one element cannot be written
     EXPECT_EQ(steps[-1].set(row), 0);
-    EXPECT_EQ(lamp_.steps.elements, row.elements);
+    EXPECT_EQ(lamp_.steps, row);
 
     // An attribute that is bound by its name is no container, unless it is made one.
     TreflectAttribute& byName = handle_.attribute("Steps");
@@ -192,7 +192,7 @@ TEST_F(BoundMembers, ReadOneElementOfAnArrayOrASequence) {
 
 TEST_F(BoundMembers, ReadOneObjectOfMany) {
     LampObject second("second bound lamp");
-    lamp_.others.elements[1] = TreflectObject(&second);
+    lamp_.others[1] = TreflectObject(&second);
     lamp_.crowd.push_back(handle_);
     lamp_.crowd.push_back(TreflectObject(&second));
     TreflectAttribute& others = bind<TreflectArrayMetaAttribute>("Others");

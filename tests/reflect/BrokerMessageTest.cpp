@@ -1,8 +1,8 @@
 // Requests and responses as they go over the wire, against a peer that writes them by hand.
-#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 #include "Threads.h"
 #include "oswrap/Thread.h"
 
@@ -109,7 +109,7 @@ TEST_F(BrokerMessageTest, callIsAnsweredWithAFailureWhenThereIsNoMemoryForAnAnsw
     // Later there is some, but the header was lost.
     for (int const mc : {1, 2}) {
         auto const id = static_cast<unsigned int>(mc);
-        peer.sendCall(orb().termId(), id, starved->getInternalOID(), true, kProbeClass, mc);
+        peer.sendCall(broker(), id, starved->getInternalOID(), true, kProbeClass, mc);
         TreflectMessage const answer = peer.await(id - 1);
         ASSERT_EQ(answer.kind(), TreflectMessage::kResponse);
         EXPECT_EQ(answer.transactionId(), id);
@@ -127,40 +127,41 @@ TEST_F(BrokerMessageTest, linesThatAnyoneCanCauseAreFew) {
     for (unsigned int i = 0; i < kMany; ++i) {
         TreflectMessage response =
             peer.make(i, TreflectMessage::tPayload, TreflectMessage::kResponse);
-        peer.send(orb().termId(), response);
+        peer.send(broker(), response);
         TreflectMessage nonsense =
             peer.make(i, static_cast<TreflectMessage::type_t>(99), TreflectMessage::kRequest);
-        peer.send(orb().termId(), nonsense);
+        peer.send(broker(), nonsense);
         Transport::AddressedMessage tooShort = peer.allocateMessage(8, 5);
-        Transport::Termination(orb().termId()).issue(tooShort);
-        peer.sendCall(orb().termId(), i, 0xBAD, true, 0xC, 1);
+        Transport::Termination(broker()).issue(tooShort);
+        for (bool const withResponse : {true, false})
+            peer.sendCall(broker(), i, 0xBAD, withResponse, 0xC, 1);
     }
-    peer.await(kMany - 1);
-    for (char const* const line :
-         {"receives unexpected response", "received request of unknown type",
-          "drops message of 8 bytes", "ioid=0xBAD,transaction=true", "rc=0"}) {
+    peer.sendCall(broker(), kMany, 0xBAD, true, 0xC, 1);
+    EXPECT_EQ(peer.await(kMany).transactionId(), kMany) << "an answer where one is awaited";
+    for (char const* const line : {"receives unexpected response", "received request of unknown",
+                                   "drops message of 8 bytes", "ioid=0xBAD", "rc=0"}) {
         EXPECT_GE(log_.count(3, line), 5u) << line;
         EXPECT_LE(log_.count(3, line), kMany / 10) << line;
     }
+    for (char const* const transaction : {"true", "false"})
+        EXPECT_TRUE(log_.contains(std::string("ioid=0xBAD,transaction=") + transaction +
+                                  ",classCode=0xC,methodCode=1"));
+    EXPECT_TRUE(log_.contains("Handling request message failed rc=0"));
 }
 
-TEST_F(BrokerMessageTest, unknownTargetFailsAtOnce) {
-    ProbeClient::Answer const outcome = call(Transport::TerminationId(0x7FFE, 1, group()));
-    EXPECT_FALSE(outcome.succeeded);
-    EXPECT_EQ(outcome.exceptionType, 1u);
-    EXPECT_EQ(outcome.exceptionCode, 0u);
-    EXPECT_EQ(log_.count(3, "could not find destination termId=0x01017FFE for transactionId "), 1u);
-}
-
-TEST_F(BrokerMessageTest, returnedRequestEndsTheCall) {
+TEST_F(BrokerMessageTest, callsOfWhoIsNotThereOrReturnsThemFailAtOnce) {
     Transport::Termination const broker(orb().termId());
     RawPeer peer(group(), [broker](RawPeer&, TreflectMessage& request) {
         broker.issueError(request.addressed());
     });
-    ProbeClient::Answer const outcome = call(peer.termId());
-    EXPECT_FALSE(outcome.succeeded);
-    EXPECT_EQ(outcome.exceptionCode, 0u);
-    EXPECT_EQ(log_.count(3, "receives TRANSPORT_ERROR message of termId 0x"), 1u);
+    for (auto const target : {Transport::TerminationId(0x7FFE, 1, group()), peer.termId()}) {
+        ProbeClient::Answer const outcome = call(target);
+        EXPECT_FALSE(outcome.succeeded);
+        EXPECT_EQ(outcome.exceptionType, 1u);
+        EXPECT_EQ(outcome.exceptionCode, 0u);
+    }
+    expectLine(3, "could not find destination termId=0x01017FFE for transactionId ");
+    expectLine(3, "receives TRANSPORT_ERROR message of termId 0x");
 }
 
 /** Holds up all news of departures in this process, from the first one that it is told. */
@@ -183,7 +184,7 @@ public:
 };
 
 TEST_F(BrokerMessageTest, whoseCallFailsBecauseItsTargetHasGoneFindsTheHandleInvalid) {
-    BrokerActor stopped, killed;
+    ReflectActor stopped, killed;
     stopped.publish("stopped");
     Transport::TerminationId const gone =
         orb().convertId(TreflectOrbId(killed.publish("killed").broker));
@@ -204,7 +205,7 @@ TEST_F(BrokerMessageTest, whoseCallFailsBecauseItsTargetHasGoneFindsTheHandleInv
         EXPECT_FALSE(waiting->isConnected());
     });
     ASSERT_TRUE(calling.wait());
-    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
+    EXPECT_TRUE(permissionGetsFree());
     stopped.child().kill();
     caller.join();
     // The other begins when the transport knows already.
@@ -229,27 +230,12 @@ TEST_F(BrokerMessageTest, tooShortRequestIsReportedAndSent) {
     EXPECT_EQ(peer.await(0).kind(), TreflectMessage::kMsg);
 }
 
-TEST_F(BrokerMessageTest, callOfAnUnknownObjectIsAnsweredIfAnAnswerIsAwaited) {
-    RawPeer peer(group());
-    for (int const method : {3, 4, 5}) {
-        bool const withResponse = method != 4;
-        peer.sendCall(orb().termId(), 0x1200u + static_cast<unsigned int>(method), 0xBAD,
-                      withResponse, 0xC, method);
-        EXPECT_TRUE(
-            log_.waitFor("ioid=0xBAD,transaction=" + std::string(withResponse ? "true" : "false") +
-                         ",classCode=0xC,methodCode=" + std::to_string(method)));
-    }
-    EXPECT_TRUE(log_.waitFor("Handling request message failed rc=0", 3));
-    EXPECT_EQ(peer.await(0).transactionId(), 0x1203u);
-    EXPECT_EQ(peer.await(1).transactionId(), 0x1205u);
-}
-
 TEST_F(BrokerMessageTest, objectThatMisbehavesHarmsNobody) {
     RawPeer peer(group());
     auto const probe = makePermitted<Probe>("bad");
     unsigned int id = 0;
     auto const answerTo = [&](int method) {
-        peer.sendCall(orb().termId(), ++id, probe->getInternalOID(), true, kProbeClass, method);
+        peer.sendCall(broker(), ++id, probe->getInternalOID(), true, kProbeClass, method);
         return wire::data(peer.await(id - 1));
     };
     for (int const method : {kThrowError, kThrowNumber, kRefuse, kEndThread})
@@ -257,6 +243,10 @@ TEST_F(BrokerMessageTest, objectThatMisbehavesHarmsNobody) {
     EXPECT_EQ(log_.count(3, "threw on purpose"), 1u);
     for (int const method : {kTakeTwice, kReleaseAll, kTakeTwice, kEcho})
         EXPECT_EQ(answerTo(method), wire::kEmptyContainer + wire::number(0)) << "method " << method;
+    for (int const method : {kTakeTwice, kReleaseAll}) {
+        answerTo(method);
+        EXPECT_TRUE(permissionGetsFree()) << "method " << method;
+    }
 }
 
 TEST_F(BrokerMessageTest, receivingThreadNeverWaitsForAResponse) {
@@ -283,7 +273,7 @@ TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
     TreflectMessage const request = peer.await(0);
     caller.cancel();
     EXPECT_TRUE(caller.join());
-    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
+    EXPECT_TRUE(permissionGetsFree());
     answerWith(peer, request, 1);
     EXPECT_TRUE(log_.waitFor("receives unexpected response"));
 }
@@ -297,13 +287,11 @@ TEST_F(BrokerMessageTest, callerCancelledAfterItsResponseLeavesTheQueueForThePer
         TreflectHandlerState const permission(true);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // more than a caller polls
         answerWith(peer, request, 1);
-        EXPECT_TRUE(testsupport::eventually(
-            // The thread that tells of the peer's arrival may queue, too.
-            [] { return TreflectORB::handlerThreads().getPermissionWaiters() >= 1; }));
+        EXPECT_TRUE(queueGrowsTo(1));
         caller.cancel();
     }
     EXPECT_TRUE(caller.join());
-    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::getRunPermissionOwner() == 0; }));
+    EXPECT_TRUE(permissionGetsFree());
 }
 
 }  // namespace

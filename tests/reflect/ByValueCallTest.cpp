@@ -2,6 +2,7 @@
 #include "ActorProgram.h"
 #include "BrokerTest.h"
 #include "DeskObject.h"
+#include "Watcher.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ protected:
             object = TreflectObject(desk::localId());
             return;
         }
-        child_ = std::make_unique<ActorProgram>("reflective_actor");
+        child_ = std::make_unique<ActorProgram>("reflect_actor");
         child_->ask("desk", "made");
         object = TreflectObject(desk::remoteId());
     }
@@ -143,16 +144,8 @@ TEST_P(ByValueCallTest, ArgumentsThatNoMessageHoldsAreNotSent) {
 }
 
 TEST_P(ByValueCallTest, ObserversAreToldAndMayForbidIt) {
-    class Guard : public TreflectObserver {
-    public:
-        Guard() : TreflectObserver(TipprmiOID("guard", NSID_UNIT), nullptr, "guard") {}
-        bool update() override {
-            unsigned int number = 0;
-            Values told = arguments();
-            told[1].extract(number);
-            return number <= 100;
-        }
-    } guard;
+    Watcher guard;
+    guard.react = [&] { guard.answer = guard.values.at(1) <= 100; };
     ASSERT_TRUE(operation("join").preObserve(&guard));
     EXPECT_EQ(called(operation("join"), {"x", "100"}), "\"x100\"");
     EXPECT_EQ(called(operation("join"), {"x", "101"}),

@@ -7,33 +7,36 @@
 #include <regex>
 #include <sstream>
 
-#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Gauge.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 #include "handler_threads/RunPermission.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
-/** At least `digits` hexadecimal digits. */
-std::string hex(unsigned int value, int digits = 1) {
-    char text[9];
-    std::snprintf(text, sizeof text, "%0*X", digits, value);
-    return text;
+/** Without leading zeros. */
+std::string hex(unsigned int value) {
+    std::string const digits = wire::number(value);
+    return digits.substr(digits.find_first_not_of('0'));
 }
 
 /** A process with a broker, by its actor's name. */
 struct Member {
     explicit Member(std::string const& actorName)
         : name(actorName),
-          actor(std::make_unique<BrokerActor>(
-              BrokerActor::Environment{{"TRANSPORT_ACTOR", actorName}})),
+          actor(std::make_unique<ReflectActor>(
+              ReflectActor::Environment{{"TRANSPORT_ACTOR", actorName}})),
           orbId(actor->publish(name).broker) {}
 
+    Transport::TerminationId termination() const {
+        return TreflectORB::getInstance(NSID_UNIT)->convertId(orbId);
+    }
+
     std::string name;
-    std::unique_ptr<BrokerActor> actor;
+    std::unique_ptr<ReflectActor> actor;
     TreflectOrbId orbId;
 };
 
@@ -41,10 +44,6 @@ class DiagnosticsTest : public BrokerTest {
 protected:
     ~DiagnosticsTest() override { TreflectORB::debug_ = false; }
 
-    Transport::TerminationId own() { return orb().termId(); }
-    Transport::TerminationId termination(Member const& member) {
-        return orb().convertId(member.orbId);
-    }
     /** Processes with brokers, in ascending order of their terminations. */
     std::vector<Member> startMembers(std::size_t count) {
         std::vector<Member> members;
@@ -52,11 +51,10 @@ protected:
             members.emplace_back("member" + std::to_string(i));
         std::sort(members.begin(), members.end(),
                   [](Member const& a, Member const& b) { return a.orbId < b.orbId; });
-        EXPECT_TRUE(testsupport::eventually([&] {
-            return std::all_of(members.begin(), members.end(), [&](Member const& member) {
-                return Transport::TransportLayer::instance().exists(termination(member));
-            });
-        }));
+        for (Member const& member : members)
+            EXPECT_TRUE(testsupport::eventually([&] {
+                return Transport::TransportLayer::instance().exists(member.termination());
+            }));
         return members;
     }
     /** Counters as text: "DESTINATION:SENT:FAILED ...". */
@@ -111,12 +109,12 @@ TEST_F(DiagnosticsTest, groupIsAskedInOrderAndWithoutOneself) {
     std::vector<Member> const members = startMembers(3);
     Lines asked;
     for (TreflectORB::PerfCntMultInfo const& answer : orb().getPerfCnts())
-        asked.push_back(answer.info.actor + " " + hex(answer.termination.value()));
+        asked.push_back(answer.info.actor + " " + wire::number(answer.termination.value()));
     Lines expected;
     std::map<std::string, TreflectOrbId> ids{
         {Transport::IdInfo::instance().getActor(), orb().orbId()}};
     for (Member const& member : members) {
-        expected.push_back(member.name + " " + hex(termination(member).value()));
+        expected.push_back(member.name + " " + wire::number(member.termination().value()));
         ids[member.name] = member.orbId;
     }
     EXPECT_EQ(asked, expected);
@@ -139,12 +137,12 @@ TEST_F(DiagnosticsTest, groupIsAskedInOrderAndWithoutOneself) {
 TEST_F(DiagnosticsTest, peerThatIsKilledDuringTheQueryIsEmptyAndTheOthersAnswer) {
     std::vector<Member> const members = startMembers(3);
     testsupport::ChildProgram& victim = members[1].actor->child();
-    Transport::TerminationId const gone = termination(members[1]);
+    Transport::TerminationId const gone = members[1].termination();
     ASSERT_TRUE(victim.stopWholly());
     std::list<TreflectORB::PerfCntMultInfo> infos;
     std::thread query([&] { infos = orb().getPerfCnts(); });
     TreflectORB::debug_ = true;
-    std::string const asked = "destination 0x" + hex(gone.value(), 8) + ": sent=1, failed=0";
+    std::string const asked = "destination 0x" + wire::number(gone.value()) + ": sent=1, failed=0";
     EXPECT_TRUE(testsupport::eventually([&] {
         orb().display(0);
         return log_.contains(asked);
@@ -160,9 +158,9 @@ TEST_F(DiagnosticsTest, peerThatIsKilledDuringTheQueryIsEmptyAndTheOthersAnswer)
         EXPECT_EQ((answer++)->info.actor, actor);
 
     // Counters outlive the brokers that they are about.
-    std::string const counters = text(orb().getPerfCnts(own()));
+    std::string const counters = text(orb().getPerfCnts(broker()));
     EXPECT_NE(counters.find(entry(gone, 1, 1)), std::string::npos) << counters;
-    EXPECT_NE(counters.find(entry(termination(members[2]), 1, 0)), std::string::npos) << counters;
+    EXPECT_NE(counters.find(entry(members[2].termination(), 1, 0)), std::string::npos) << counters;
     EXPECT_EQ(orb().getPerfCnts().size(), 2u);
 }
 
@@ -187,7 +185,7 @@ TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::handlerThreads().size() == 0; }));
     Lines expected{"REFLECT_orb:ORB display: actor " + Transport::IdInfo::instance().getActor() +
                        ", OrbId 0x" + hex(orb().orbId().value()) + ", TermId 0x" +
-                       hex(own().value(), 8),
+                       wire::number(broker().value()),
                    "REFLECT_orb:  number of handler threads: 0",
                    "REFLECT_orb:  metaData: size=0, co=0, do=0, oi=0, rco=0, rdo=0",
                    "REFLECT_orb:  actor size: N", "REFLECT_orb:  unit free: N"};
@@ -222,7 +220,7 @@ TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     EXPECT_EQ(displayed(0), expected);
     TreflectORB::debug_ = true;
     expected.push_back("REFLECT_orb:  destination 0x0101FFFE: sent=2, failed=2");
-    expected.push_back("REFLECT_OrbObserver:ORB (termId=0x" + hex(own().value()) +
+    expected.push_back("REFLECT_OrbObserver:ORB (termId=0x" + hex(broker().value()) +
                        ") has 0 observer registered:");
     EXPECT_EQ(displayed(0), expected);
     EXPECT_EQ(displayed(0), expected) << "showing the counters does not reset them";
@@ -241,11 +239,11 @@ TEST_F(DiagnosticsTest, resetCollectsLogsAndAbortsWhateverComesOfIt) {
         TreflectMessage failure =
             peer.make(1, TreflectMessage::tPayload, TreflectMessage::kResponseFailure);
         EXPECT_TRUE(
-            testsupport::eventually([&] { return peer.send(termination(member), failure) == 1; }));
+            testsupport::eventually([&] { return peer.send(member.termination(), failure) == 1; }));
         testsupport::ChildProgram& child = member.actor->child();
         EXPECT_EQ(child.exitCode(), -SIGABRT);
         EXPECT_EQ(member.actor->await("script"), "/opt/vdk/bin/QMB_FCT_logs.sh");
-        EXPECT_TRUE(child.waitForErrorLine(" ORB 0x" + hex(termination(member).value(), 8) +
+        EXPECT_TRUE(child.waitForErrorLine(" ORB 0x" + wire::number(member.termination().value()) +
                                            " requests UNIT RESET"));
         EXPECT_TRUE(child.waitForErrorLine(outcome));
         EXPECT_FALSE(child.waitForErrorLine("REFLECT_")) << "nothing behind it";

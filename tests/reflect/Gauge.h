@@ -1,21 +1,16 @@
-// Small reflective objects of a test's own process, and an observer that does what it is told.
+// Small reflective objects of a test's own process.
 #pragma once
 
 #include <functional>
 
 #include "ReflectiveClasses.h"
+#include "Watcher.h"
 
 namespace gauge {
 constexpr unsigned int kClass = 0x52430010;
 constexpr unsigned int kTooMuch = 9;  // the refusal of more than 100
 enum Method : unsigned int { kGet = 1, kSet = 2, kReset = 3 };
 }  // namespace gauge
-
-inline TreflectMetaClass const gaugeMeta("Gauge", gauge::kClass, {},
-                                         {{"getValue", gauge::kGet, {}, {"unsigned"}},
-                                          {"setValue", gauge::kSet, {"unsigned"}, {}},
-                                          {"reset", gauge::kReset}},
-                                         {"Value"});
 
 /** A name in the tree. Its parts are on the heap, so that a use after its end is seen. */
 class Node : public TreflectServerObject {
@@ -34,21 +29,11 @@ private:
     std::unique_ptr<unsigned int> const class_ = std::make_unique<unsigned int>(0x4E0DE);
 };
 
-class Gauge : public TreflectSkeleton<gaugeMeta> {
+class Gauge : public TreflectInterface<Gauge> {
 public:
     explicit Gauge(std::string const& name, TreflectObject const* parent = nullptr)
-        : TreflectSkeleton(TipprmiOID(name, NSID_UNIT), parent, name) {}
+        : TreflectInterface(TipprmiOID(name, NSID_UNIT), parent, name) {}
     ~Gauge() override { ended = true; }
-
-    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
-                  TipprmiStream& out) override {
-        auto const by = [&](auto method) { return serve(gauge::kClass, cc, mc, in, out, method); };
-        return mc == gauge::kGet   ? by(&Gauge::get)
-               : mc == gauge::kSet ? by(&Gauge::set)
-               : mc == gauge::kReset
-                   ? by(&Gauge::reset)
-                   : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-    }
 
     unsigned int get() const {
         unsigned int const now = value;
@@ -66,6 +51,12 @@ public:
     }
     void reset() { value = 0; }
 
+    static constexpr auto interface() {
+        return describe("Gauge", gauge::kClass,
+                        attribute<&Gauge::get, &Gauge::set>("Value", gauge::kGet, gauge::kSet),
+                        op<&Gauge::reset>("reset", gauge::kReset));
+    }
+
     unsigned int calls() const { return *called_; }
 
     unsigned int value = 1;
@@ -77,41 +68,11 @@ private:
 };
 
 /** The client class: direct calls for a gauge of this process. */
-class GaugeClient : public TreflectObject {
+class GaugeClient : public TreflectClient<Gauge> {
 public:
-    using TreflectObject::TreflectObject;
+    using TreflectClient::TreflectClient;
 
-    TipprmiResult<unsigned int> get() const {
-        return treflectCall(*this, gauge::kClass, gauge::kGet, &Gauge::get);
-    }
-    TipprmiResult<void> set(unsigned int wanted) const {
-        return treflectCall(*this, gauge::kClass, gauge::kSet, &Gauge::set, wanted);
-    }
-    TipprmiResult<void> reset() const {
-        return treflectCall(*this, gauge::kClass, gauge::kReset, &Gauge::reset);
-    }
-};
-
-/** Notes what it is told, and answers as it is set. */
-class Watcher : public TreflectObserver {
-public:
-    explicit Watcher(std::string const& name)
-        : TreflectObserver(TipprmiOID(name, NSID_UNIT), nullptr, name) {}
-
-    bool update() override {
-        ++told;
-        sourceNames.push_back(getSource()->getRelName());
-        values.clear();
-        for (unsigned int i = 0, number = 0; argument(i, number); ++i)
-            values.push_back(number);
-        // It may destroy this observer.
-        std::function<bool()> const reaction = react;
-        return reaction ? reaction() : answer;
-    }
-
-    bool answer = true;
-    std::function<bool()> react;
-    int told = 0;
-    std::vector<std::string> sourceNames;
-    std::vector<unsigned int> values;  // of the last time
+    TipprmiResult<unsigned int> get() const { return call<&Gauge::get>(); }
+    TipprmiResult<void> set(unsigned int wanted) const { return call<&Gauge::set>(wanted); }
+    TipprmiResult<void> reset() const { return call<&Gauge::reset>(); }
 };

@@ -4,11 +4,12 @@
 
 #include <cstring>
 
-#include "BrokerActor.h"
 #include "BrokerTest.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 #include "Resources.h"
+#include "Watcher.h"
 
 namespace {
 
@@ -142,11 +143,6 @@ bool callFails(TreflectORB& orb) {
            ProbeClient::read(false, response).exceptionType == 1;
 }
 
-class NobodysObserver : public TreflectObserver {
-public:
-    bool update() override { return true; }
-};
-
 TEST_F(LifecycleTest, aDeletedBrokerFailsWhateverIsAskedOfItThroughAnOldPointer) {
     TreflectORB& old = orb();
     TreflectORB::prepareForDeletion();
@@ -165,7 +161,7 @@ TEST_F(LifecycleTest, aDeletedBrokerFailsWhateverIsAskedOfItThroughAnOldPointer)
     EXPECT_EQ(old.getPerfCnts(old.termId()).actor, "");
     for (auto const& other : old.getPerfCnts())
         EXPECT_EQ(other.info.actor, "");
-    auto const observer = makePermitted<NobodysObserver>();
+    auto const observer = makePermitted<Watcher>();
     EXPECT_FALSE(old.observeCreations(kProbeClass, *observer, true));
     EXPECT_FALSE(old.observeDeletions(kProbeClass, *observer));
     old.removeObserver(kProbeClass, *observer);
@@ -253,7 +249,7 @@ TEST_F(LifecycleTest, deletionOfOneBrokerDoesNotWaitForAResponseThroughAnother) 
 }
 
 TEST_F(LifecycleTest, brokersMayBeDeletedByACallThatTheyServe) {
-    BrokerActor actor;
+    ReflectActor actor;
     actor.publish("far");
     auto const call = [](char const* name, unsigned int method) {
         return permitted([&] { return ProbeClient(oid(name)).call(method, 5); });
@@ -286,7 +282,7 @@ TEST_F(LifecycleTest, forkedChildLeavesTheBrokersAlone) {
 class ProcessEndTest : public BrokerTest {
 protected:
     /** How the actor ended; it must not take long. */
-    int endOf(BrokerActor& actor) {
+    int endOf(ReflectActor& actor) {
         auto const start = steady_clock::now();
         int const code = actor.child().exitCode();
         EXPECT_LT(steady_clock::now() - start, seconds(15));
@@ -309,7 +305,7 @@ TEST_F(ProcessEndTest, byReturnAndByExitWhateverIsBeingServed) {
     } const cases[]{
         {kEcho, "exit 4"}, {kExit, ""}, {kHold, "return 4"}, {kHoldPermission, "return 4"}};
     for (auto const& [method, command] : cases) {
-        BrokerActor actor;
+        ReflectActor actor;
         actor.publish("far");
         send(method, 4);
         if (method == kHold)
@@ -320,9 +316,9 @@ TEST_F(ProcessEndTest, byReturnAndByExitWhateverIsBeingServed) {
 }
 
 TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
-    BrokerActor server;
+    ReflectActor server;
     server.publish("far");
-    BrokerActor caller;
+    ReflectActor caller;
     caller.publish("other");
     caller.tell("callforever far 4");
     server.tell("callforever other 4");
@@ -335,7 +331,7 @@ TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
 }
 
 TEST_F(ProcessEndTest, whileAnotherThreadDeletesTheBrokers) {
-    BrokerActor actor;
+    ReflectActor actor;
     actor.publish("far");
     send(kHold, 0);
     awaitService();

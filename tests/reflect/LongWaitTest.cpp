@@ -1,7 +1,7 @@
 // A target that lives and does not answer: the real times, waited for.
 #include <signal.h>
 
-#include "BrokerActor.h"
+#include "ReflectActor.h"
 #include "RendezvousFolder.h"
 
 namespace {
@@ -11,7 +11,7 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 /** A line that must come about `when` after `start`. */
-void expectAt(BrokerActor& actor, steady_clock::time_point start, seconds when,
+void expectAt(ReflectActor& actor, steady_clock::time_point start, seconds when,
               std::string const& part) {
     EXPECT_TRUE(actor.child().waitForErrorLine(part, when + seconds(25))) << part;
     auto const passed = steady_clock::now() - start;
@@ -21,8 +21,8 @@ void expectAt(BrokerActor& actor, steady_clock::time_point start, seconds when,
 
 TEST(LongWait, callerGivesUpAfterAMinuteAndBothSidesReset) {
     testsupport::RendezvousFolder const folder;
-    BrokerActor target;
-    BrokerActor caller;
+    ReflectActor target;
+    ReflectActor caller;
     target.publish("mute");
     target.ask("script 0", "script");
     caller.ask("script 3", "script");
@@ -38,7 +38,7 @@ TEST(LongWait, callerGivesUpAfterAMinuteAndBothSidesReset) {
     expectAt(target, start, seconds(60), " received response failure message from 0x");
     expectAt(target, start, seconds(60), "    ReflMsg output: tPayld, kReFai(kReFai), des=");
     expectAt(caller, start, seconds(60), ", now triggering an abort()");
-    for (BrokerActor* const actor : {&caller, &target}) {
+    for (ReflectActor* const actor : {&caller, &target}) {
         EXPECT_TRUE(actor->child().waitForErrorLine(" requests UNIT RESET"));
         EXPECT_EQ(actor->await("script"), "/opt/vdk/bin/QMB_FCT_logs.sh");
         EXPECT_EQ(actor->child().exitCode(), -SIGABRT);

@@ -21,26 +21,30 @@ class Generated : public TreflectMetaObject {
 public:
     using TreflectMetaObject::completeMetaInformationHelper;
 
-    explicit Generated(std::string const& name, unsigned int classId = kId)
-        : TreflectMetaObject(name, classId) {}
-
-    std::vector<MetaOpData> operations;
-    std::vector<MetaAttrData> attributes;
-    int hookCalls = 0;
+    explicit Generated(std::string const& name, unsigned int classId = kId,
+                       std::vector<MetaOpData> operations = {{"none", 1}},
+                       std::vector<MetaAttrData> attributes = {})
+        : TreflectMetaObject(name, classId),
+          operations_(std::move(operations)),
+          attributes_(std::move(attributes)) {}
 
 protected:
     void completeMetaInformation() override {
-        if (hookCalls++ > 0)
+        if (std::exchange(completed_, true))
             return;
         for (TreflectMetaObject* const base : parents())
             complete(*base);
-        MetaOpData noOperation{};
         MetaAttrData noAttribute{};
-        completeMetaInformationHelper(operations.empty() ? &noOperation : operations.data(),
-                                      static_cast<unsigned int>(operations.size()),
-                                      attributes.empty() ? &noAttribute : attributes.data(),
-                                      static_cast<unsigned int>(attributes.size()));
+        completeMetaInformationHelper(operations_.data(),
+                                      static_cast<unsigned int>(operations_.size()),
+                                      attributes_.empty() ? &noAttribute : attributes_.data(),
+                                      static_cast<unsigned int>(attributes_.size()));
     }
+
+private:
+    std::vector<MetaOpData> operations_;
+    std::vector<MetaAttrData> attributes_;
+    bool completed_ = false;
 };
 
 TreflectMetaObject* find(unsigned int classId) {
@@ -96,11 +100,9 @@ TEST_F(MetaObject, OfSeveralOfAnIdTheFirstIsFoundUntilAnyOfThemIsDestroyed) {
 // ---- Completion --------------------------------------------------------------------------------
 
 TEST_F(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
-    Generated base("Base", kId + 1);
-    base.operations = {{"getShared", 1}, {"setShared", 2}};
-    Generated meta("Class");
-    meta.operations = {{"getOwn", 3}, {"setOwn", 4}, {"getFixed", -5}};
-    meta.attributes = {{"Shared"}, {"Own"}, {"Fixed"}};
+    Generated base("Base", kId + 1, {{"getShared", 1}, {"setShared", 2}});
+    Generated meta("Class", kId, {{"getOwn", 3}, {"setOwn", 4}, {"getFixed", -5}},
+                   {{"Shared"}, {"Own"}, {"Fixed"}});
     EXPECT_TRUE(meta.registerParent(&base));
     EXPECT_EQ(meta.metaOperation_("getOwn"), nullptr);
     find(kId);
@@ -118,9 +120,8 @@ TEST_F(MetaObject, MakesAttributesOfPairsOfOperationsAlsoOfBases) {
 }
 
 TEST_F(MetaObject, EndsCompletionAtAnAttributeThatCannotBeRead) {
-    Generated meta("Class");
-    meta.operations = {{"getA", 1}, {"setB", 2}, {"getC", 3}};
-    meta.attributes = {{"A"}, {"B"}, {"C"}};
+    Generated const meta("Class", kId, {{"getA", 1}, {"setB", 2}, {"getC", 3}},
+                         {{"A"}, {"B"}, {"C"}});
     find(kId);
     EXPECT_THAT(attributesOf(meta), ElementsAre("A"));
     EXPECT_NE(meta.metaOperation_("getC"), nullptr);
@@ -147,73 +148,61 @@ TEST_F(MetaObject, RefusesToBeCompletedFromHalfATable) {
 
 /** Bottom is derived from left and right, which are both derived from top. Bases stand in a set by
  * address, so the left one is that of the lower address. */
-struct Diamond {
-    Generated top{"Top", kId};
-    Generated sides[2] = {Generated("Left", kId + 1), Generated("Right", kId + 2)};
-    Generated& left = sides[0];
-    Generated& right = sides[1];
-    Generated bottom{"Bottom", kId + 3};
-
+class Diamond : public MetaObject {
+protected:
     Diamond() {
-        left.registerParent(&top);
-        right.registerParent(&top);
-        bottom.registerParent(&right);
-        bottom.registerParent(&left);
-        top.operations = {{"getT", 1}, {"both", 2}};
-        top.attributes = {{"T"}};
-        left.operations = {{"getL", 3}, {"both", 4}};
-        left.attributes = {{"L"}};
-        right.operations = {{"getR", 5}, {"both", 6}};
-        right.attributes = {{"R"}};
-        bottom.operations = {{"getB", 7}};
-        bottom.attributes = {{"B"}};
         find(kId + 3);
+        log_.clear();  // "both" clashes
     }
+
+    TreflectMetaClass const top{"Top", kId, {}, {{"getT", 1}, {"both", 2}}, {"T"}};
+    TreflectMetaClass const sides[2] = {
+        {"Left", kId + 1, {&top}, {{"getL", 3}, {"both", 4}}, {"L"}},
+        {"Right", kId + 2, {&top}, {{"getR", 5}, {"both", 6}}, {"R"}}};
+    TreflectMetaClass const& left = sides[0];
+    TreflectMetaClass const& right = sides[1];
+    TreflectMetaClass const bottom{"Bottom", kId + 3, {&right, &left}, {{"getB", 7}}, {"B"}};
 };
 
-TEST_F(MetaObject, IsAllItsBases) {
-    Diamond const d;
-    for (Generated const* const base :
-         std::initializer_list<Generated const*>{&d.bottom, &d.left, &d.right, &d.top})
-        EXPECT_TRUE(d.bottom.isA(base));
-    EXPECT_FALSE(d.top.isA(&d.bottom));
-    EXPECT_FALSE(d.left.isA(&d.right));
-    EXPECT_FALSE(d.bottom.isA(nullptr));
-    EXPECT_THAT(d.top.children(), UnorderedElementsAre(&d.left, &d.right));
-    EXPECT_THAT(d.bottom.parents(), UnorderedElementsAre(&d.left, &d.right));
+TEST_F(Diamond, IsAllItsBases) {
+    for (TreflectMetaClass const* const base : {&bottom, &left, &right, &top})
+        EXPECT_TRUE(bottom.isA(base));
+    EXPECT_FALSE(top.isA(&bottom));
+    EXPECT_FALSE(left.isA(&right));
+    EXPECT_FALSE(bottom.isA(nullptr));
+    EXPECT_THAT(top.children(), UnorderedElementsAre(&left, &right));
+    EXPECT_THAT(bottom.parents(), UnorderedElementsAre(&left, &right));
 }
 
-TEST_F(MetaObject, FindsMembersDepthFirstInTheOrderOfAddresses) {
-    Diamond const d;
-    EXPECT_EQ(d.bottom.metaOperation("both"), d.left.metaOperation_("both"));
-    EXPECT_EQ(d.bottom.metaOperation("getT")->containingMetaObject(), &d.top);
-    EXPECT_EQ(d.bottom.metaOperation("getR")->id(), 5);
-    EXPECT_EQ(d.bottom.metaAttribute("T")->containingMetaObject(), &d.top);
+TEST_F(Diamond, FindsMembersDepthFirstInTheOrderOfAddresses) {
+    EXPECT_EQ(bottom.metaOperation("both"), left.metaOperation_("both"));
+    EXPECT_EQ(bottom.metaOperation("getT")->containingMetaObject(), &top);
+    EXPECT_EQ(bottom.metaOperation("getR")->id(), 5);
+    EXPECT_EQ(bottom.metaAttribute("T")->containingMetaObject(), &top);
     EXPECT_EQ(log_.records().size(), 0u);
 
     std::list<TreflectMetaOperation*> operations;
-    d.bottom.operationList(operations);
+    bottom.operationList(operations);
     EXPECT_THAT(namesOf(operations), ElementsAre("getB", "both", "getL", "both", "getT", "both",
                                                  "getR", "both", "getT"));
-    d.top.operationList(operations);  // appends
+    top.operationList(operations);  // appends
     EXPECT_EQ(operations.size(), 11u);
-    EXPECT_THAT(attributesOf(d.bottom), ElementsAre("B", "L", "T", "R", "T"));
+    EXPECT_THAT(attributesOf(bottom), ElementsAre("B", "L", "T", "R", "T"));
 }
 
-TEST_F(MetaObject, FailedSearchesLeaveALineForEachClassOrOne) {
-    Diamond d;
-    EXPECT_EQ(d.bottom.metaAttribute("X"), nullptr);
+TEST_F(Diamond, FailedSearchesLeaveALineForEachClassOrOne) {
+    EXPECT_EQ(bottom.metaAttribute("X"), nullptr);
     expectText("REFLECT_metaObject", "TreflectMetaObject::metaAttribute(X) NOT found, returning 0",
                5);  // the top is reached in two ways
     EXPECT_EQ(log_.records().size(), 5u);
 
     log_.clear();
-    EXPECT_EQ(d.bottom.metaAttribute("R"), d.right.metaAttribute("R"));
+    EXPECT_EQ(bottom.metaAttribute("R"), right.metaAttribute("R"));
     EXPECT_EQ(log_.count("metaAttribute(R)"), 2u);  // searched in vain at the left
 
     log_.clear();
-    EXPECT_EQ(d.bottom.metaOperation_("X"), nullptr);
-    EXPECT_EQ(d.bottom.metaOperation("X"), nullptr);
+    EXPECT_EQ(bottom.metaOperation_("X"), nullptr);
+    EXPECT_EQ(bottom.metaOperation("X"), nullptr);
     expectText("REFLECT_metaObject",
                "TreflectMetaObject(Bottom)::metaOperation(X) NOT found, returning 0");
     EXPECT_EQ(log_.records().size(), 1u);

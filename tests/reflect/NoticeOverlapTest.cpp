@@ -13,10 +13,10 @@ class NoticeOverlapTest : public NoticeTest {
 protected:
     /** Stays in the notice of the first object that is told until it is let go. */
     Watcher::Reaction staying() {
-        return [this](auto&, auto&) {
+        return [this] {
             TreflectReleaseHandlerState const given;
             told_.open();
-            return goOn_.wait();
+            EXPECT_TRUE(goOn_.wait());
         };
     }
 
@@ -29,10 +29,10 @@ protected:
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
     auto const slow = arrived([asked = 0](auto&) mutable { return asked++ == 1; });
     Watcher& second = watcher();
-    Watcher& first = creations(false, [&](auto&, auto&) {
+    Watcher& first = creations(false, [&] {
         TreflectReleaseHandlerState const released;
         slow->answerHeld();
-        return goOn_.wait();
+        EXPECT_TRUE(goOn_.wait());
     });
     std::thread registering([&] {
         observe(second, true);
@@ -48,28 +48,28 @@ TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoRegistersWhileItIsBeingPublishedToOthers) {
     Neighbour slow(group(), Neighbour::each(kCreated));
     slow.subscribe(broker_, kSubscribeCreations);
-    NoticeActor subscriber;  // is told after the slow one
-    subscriber.observe("first", "creations", "7001");
+    ReflectActor subscriber;  // is told after the slow one
+    subscriber.watch("first", "creations", "7001");
     std::thread publishing([&] { create("lamp"); });
     slow.awaitHeld();
-    subscriber.observe("second", "existing", "7001");
+    subscriber.watch("second", "existing", "7001");
     slow.answerHeld();
     publishing.join();
-    EXPECT_EQ(subscriber.told("first"), "lamp ");
-    EXPECT_EQ(subscriber.told("second"), "lamp ");
+    EXPECT_EQ(subscriber.noticed("first"), "lamp ");
+    EXPECT_EQ(subscriber.noticed("second"), "lamp ");
     subscriber.finish();
 }
 
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoSubscribesWhileThePublishersOwnObserverIsTold) {
     creations(false, staying());
-    NoticeActor subscriber;
+    ReflectActor subscriber;
     std::thread publishing([&] { create("lamp"); });
     EXPECT_TRUE(told_.wait());
-    subscriber.observe("existing", "existing", "7001");
-    EXPECT_EQ(subscriber.told("existing"), "lamp ");
+    subscriber.watch("existing", "existing", "7001");
+    EXPECT_EQ(subscriber.noticed("existing"), "lamp ");
     goOn_.open();
     publishing.join();
-    EXPECT_EQ(subscriber.told("existing"), "lamp ");
+    EXPECT_EQ(subscriber.noticed("existing"), "lamp ");
     subscriber.finish();
 }
 
@@ -77,14 +77,13 @@ TEST_F(NoticeOverlapTest, whoRegistersInsideTheNoticeOfACreationIsToldOfItOnce) 
     for (bool const remote : {false, true}) {
         Watcher& second = watcher();
         Watcher& first = creations();
-        first.react = [&](auto&, auto&) {
+        first.react = [&] {
             observe(second, true);
             observe(first, true);
-            return true;
         };
         std::string const name = remote ? "far" : "near";
         if (remote) {
-            NoticeActor publisher;
+            ReflectActor publisher;
             publisher.create(name, "7001");
             EXPECT_TRUE(awaitTold(second, {name}));
             publisher.finish();
@@ -102,25 +101,22 @@ TEST_F(NoticeOverlapTest, whoRegistersInsideTheNoticeOfACreationIsToldOfItOnce) 
 
 TEST_F(NoticeOverlapTest, whatHasBeenToldAsDeletedDoesNotExistForWhoRegistersThen) {
     Neighbour slow(group(), Neighbour::each(kDeleted));
-    NoticeActor subscriber;
-    subscriber.observe("gone", "deletions", "7001");
+    ReflectActor subscriber;
+    subscriber.watch("gone", "deletions", "7001");
     // Told after the subscriber.
     Neighbour last(group(), Neighbour::each(kDeleted));
     last.subscribe(broker_, kSubscribeDeletions);
     Watcher& here = watcher();
-    deletions([&](auto&, auto&) {
-        observe(here, true);
-        return true;
-    });
+    deletions([&] { observe(here, true); });
     create("lamp");
     std::thread deleting([&] { destroy("lamp"); });
     last.awaitHeld();
-    EXPECT_EQ(subscriber.told("gone"), "lamp ");
-    subscriber.observe("come", "existing", "7001");
+    EXPECT_EQ(subscriber.noticed("gone"), "lamp ");
+    subscriber.watch("come", "existing", "7001");
     last.answerHeld();
     deleting.join();
-    EXPECT_EQ(subscriber.told("come"), "");
-    EXPECT_EQ(subscriber.told("gone"), "lamp ");
+    EXPECT_EQ(subscriber.noticed("come"), "");
+    EXPECT_EQ(subscriber.noticed("gone"), "lamp ");
     EXPECT_EQ(told(here), Names{});
     subscriber.finish();
 }
@@ -170,8 +166,7 @@ TEST_F(NoticeOverlapTest, creationLeavesAheadOfTheDeletionThatOverlapsIt) {
         std::thread deleting;
         permitted([&] {
             deleting = std::thread([&] { go("lamp"); });
-            EXPECT_TRUE(testsupport::eventually(
-                [] { return TreflectORB::handlerThreads().getPermissionWaiters() > 0; }));
+            EXPECT_TRUE(queueGrowsTo(1));
             come("lamp");
         });
         deleting.join();
@@ -197,8 +192,7 @@ TEST_F(NoticeOverlapTest, objectThatComesAgainIsToldAgain) {
 // ---- Newcomers ----------------------------------------------------------------------------------
 
 TEST_F(NoticeOverlapTest, newcomerThatDoesNotAnswerHoldsUpNobodyElse) {
-    Arrivals arrivals;
-    orb().registerOrbCreation(&arrivals, false);
+    ArrivalWatch arrivals(orb());
     Watcher& first = creations();
     Neighbour silent(group(), Neighbour::first(1));
     silent.awaitHeld();
@@ -206,16 +200,14 @@ TEST_F(NoticeOverlapTest, newcomerThatDoesNotAnswerHoldsUpNobodyElse) {
     next.list({object("lamp", next)});
     next.answerHeld();
     EXPECT_TRUE(awaitTold(first, {"lamp"}));
-    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(next.termId()); }));
-    EXPECT_FALSE(arrivals.have(silent.termId()));
+    EXPECT_TRUE(arrivals.await(next.termId()));
+    EXPECT_EQ(arrivals.signs(silent.termId()), "");
     silent.answerHeld();
-    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(silent.termId()); }));
-    orb().unregisterOrbNotifications(&arrivals);
+    EXPECT_TRUE(arrivals.await(silent.termId()));
 }
 
 TEST_F(NoticeOverlapTest, newcomerThatGoesBeforeItAnswersIsNotToldAsArrivedAfterwards) {
-    Arrivals arrivals;
-    orb().registerOrbCreation(&arrivals, false);
+    ArrivalWatch arrivals(orb());
     orb().registerOrbDeletion(&arrivals);
     creations();
     auto silent = std::make_unique<Neighbour>(group(), [](auto const&) { return true; });
@@ -223,10 +215,9 @@ TEST_F(NoticeOverlapTest, newcomerThatGoesBeforeItAnswersIsNotToldAsArrivedAfter
     silent->awaitHeld();
     silent.reset();
     Neighbour const next(group());
-    EXPECT_TRUE(testsupport::eventually([&] { return arrivals.have(next.termId()); }));
-    EXPECT_TRUE(testsupport::eventually([&] { return !arrivals.of(gone).empty(); }));
-    EXPECT_EQ(arrivals.of(gone), "-");
-    orb().unregisterOrbNotifications(&arrivals);
+    EXPECT_TRUE(arrivals.await(next.termId()));
+    EXPECT_TRUE(arrivals.waitFor(gone, ArrivalWatch::kDisappear));
+    EXPECT_EQ(arrivals.signs(gone), "-");
 }
 
 TEST_F(NoticeOverlapTest, earlierObserverHearsWhatANewcomerHasThoughALaterOneHasAskedIt) {
@@ -333,8 +324,7 @@ TEST_F(NoticeOverlapTest, whatHasGoneBeforeItsNoticeIsServedIsToldAsDeleted) {
     Watcher& gone = watcher();
     permitted([&] {
         neighbour->create(broker_, object("one", *neighbour));
-        ASSERT_TRUE(testsupport::eventually(
-            [] { return TreflectORB::handlerThreads().getPermissionWaiters() > 0; }));
+        ASSERT_TRUE(queueGrowsTo(1));
         TreflectORB::getRunPermission();
         observeDeletions(gone);
         EXPECT_EQ(TreflectORB::getRunPermissionCount(), 1u) << "waiting gives a level back";

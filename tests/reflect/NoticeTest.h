@@ -7,11 +7,11 @@
 #include <map>
 #include <thread>
 
-#include "Arrivals.h"
+#include "BrokerListener.h"
 #include "BrokerTest.h"
-#include "NoticeActor.h"
 #include "Permitted.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 #include "Thing.h"
 #include "Watcher.h"
 

@@ -8,19 +8,17 @@ using NotificationTest = NoticeTest;
 // ---- Who is told of what -----------------------------------------------------------------------
 
 TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
-    NoticeActor publisher;
+    ReflectActor publisher;
     publisher.know("7001");
     std::vector<unsigned int> ioids;
     Names answers;
-    Watcher& created = creations(false, [&](auto&, TreflectObject const& source) {
-        ioids.push_back(source.getStub_()->getInternalOID());
-        answers.push_back(source.getRelName());  // asks the process that is waiting for us
-        return true;
-    });
-    Watcher& deleted = deletions([&](auto&, TreflectObject const& source) {
-        ioids.push_back(source.getStub_()->getInternalOID());
-        return true;
-    });
+    Watcher& created = creations();
+    created.react = [&] {
+        ioids.push_back(created.getSource()->getStub_()->getInternalOID());
+        answers.push_back(created.getSource()->getRelName());  // of the process that waits for us
+    };
+    Watcher& deleted = deletions();
+    deleted.react = [&] { ioids.push_back(deleted.getSource()->getStub_()->getInternalOID()); };
     auto const lamp = publisher.create("lamp", "7001");
     EXPECT_EQ(told(created), Names{"lamp"}) << "known when the publisher goes on";
     EXPECT_EQ(told(deleted), Names{});
@@ -35,7 +33,7 @@ TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
 
 TEST_F(NotificationTest, existingObjectsOfAllProcessesAreToldOnce) {
     ArrivalWatch arrivals(orb());
-    NoticeActor first, second;
+    ReflectActor first, second;
     for (auto const& made : {first.create("a", "7001"), second.create("b", "7001")})
         EXPECT_TRUE(arrivals.await(made.termination));
     second.create("c", "7001");
@@ -65,15 +63,14 @@ TEST_F(NotificationTest, listMayChangeInsideEveryNotice) {
     Watcher& removed = creations();
     Watcher& destroyed = creations();
     Watcher& added = watcher();
-    changing.react = [&](std::string const& name, auto&) {
-        if (name != "a")
-            return true;
+    changing.react = [&] {
+        if (changing.told.back() != "a")
+            return;
         remove(removed);
         discard(destroyed);
         remove(changing);
         observe(added);
         observe(changing);
-        return true;
     };
     create("a");
     EXPECT_EQ(told(changing), Names{"a"}) << "back at the end, and told already";
@@ -85,15 +82,9 @@ TEST_F(NotificationTest, listMayChangeInsideEveryNotice) {
 }
 
 TEST_F(NotificationTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOthers) {
-    creations(false, [](auto&, auto&) -> bool { throw std::runtime_error("no"); });
-    creations(false, [](auto&, auto&) {
-        TreflectORB::leaveHandlerState(true);
-        return true;
-    });
-    creations(false, [](auto&, auto&) {
-        TreflectORB::getRunPermission();
-        return true;
-    });
+    creations(false, [] { throw std::runtime_error("no"); });
+    creations(false, [] { TreflectORB::leaveHandlerState(true); });
+    creations(false, [] { TreflectORB::getRunPermission(); });
     Watcher& last = creations();
     permitted([this] {
         create("a");
@@ -228,18 +219,18 @@ TEST_F(WaitingRegistrationTest, brokerThatComesUpMeanwhileIsSubscribedAt) {
 // ---- Other processes in trouble ----------------------------------------------------------------
 
 TEST_F(NotificationTest, subscriberThatIsKilledInsideANoticeEndsThePublishersWait) {
-    NoticeActor victim, survivor;
-    for (NoticeActor* const subscriber : {&victim, &survivor})
-        subscriber->observe("w", "creations", "7001");
-    victim.ask("hold w", "prepared");
+    ReflectActor victim, survivor;
+    for (ReflectActor* const subscriber : {&victim, &survivor})
+        subscriber->watch("w", "creations", "7001");
+    victim.ask("answers w hang", "will");
     std::thread publishing([&] { create("a"); });
-    victim.await("holding");
+    victim.await("hangs");
     auto const start = std::chrono::steady_clock::now();
     victim.child().kill();
     publishing.join();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     create("b");
-    EXPECT_EQ(survivor.told("w"), "a b ");
+    EXPECT_EQ(survivor.noticed("w"), "a b ");
     EXPECT_EQ(log_.count("could not find destination"), 0u) << "the dead one is not asked";
     survivor.finish();
 }
@@ -247,12 +238,11 @@ TEST_F(NotificationTest, subscriberThatIsKilledInsideANoticeEndsThePublishersWai
 TEST_F(NotificationTest, brokersMayBeDeletedAndMadeAgainInsideTheNoticeOfAnExistingObject) {
     create("a");
     create("b");
-    Watcher& ruthless = creations(true, [](auto&, auto&) {
+    Watcher& ruthless = creations(true, [] {
         for (int i = 0; i < 3; ++i) {
             prepareOrbForDeletion();
             TreflectORB::getInstance(NSID_UNIT);
         }
-        return true;
     });
     EXPECT_EQ(told(ruthless).size(), 1u) << "it is registered with no broker any more";
     create("c");
@@ -260,8 +250,8 @@ TEST_F(NotificationTest, brokersMayBeDeletedAndMadeAgainInsideTheNoticeOfAnExist
 }
 
 TEST_F(NotificationTest, processEndsWhileItWaitsForANewcomer) {
-    NoticeActor subscriber;
-    subscriber.observe("w", "creations", "7001");
+    ReflectActor subscriber;
+    subscriber.watch("w", "creations", "7001");
     RawPeer silent(group());
     ASSERT_FALSE(silent.await(0).empty());
     subscriber.finish();

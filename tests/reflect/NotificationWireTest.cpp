@@ -2,8 +2,8 @@
 // messages that it writes and reads by hand, and has no broker itself.
 #include <algorithm>
 
-#include "NoticeActor.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ class NotificationWireTest : public testing::Test {
 protected:
     NotificationWireTest() {
         peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
-        actor_ = std::make_unique<NoticeActor>();
+        actor_ = std::make_unique<ReflectActor>();
         lamp_ = actor_->create("lamp", "7001");
     }
     ~NotificationWireTest() override { actor_->finish(); }
@@ -61,11 +61,11 @@ protected:
     void answer(std::string const& data = "") { wire::answer(*peer_, last_, data); }
     /** Has an observer registered, and answers the subscription with what exists and with ids. */
     std::string observe(std::string const& command, std::string const& answerDigits) {
-        actor_->tell("observe " + command);
+        actor_->tell("watch " + command);
         std::string const subscription = receive();
         EXPECT_EQ(last_.size(), 100u) << "the room that a request starts with";
         answer(answerDigits);
-        actor_->await("observing");
+        actor_->await("watching");
         return subscription;
     }
     void refuse() {
@@ -81,8 +81,8 @@ protected:
     }
 
     std::unique_ptr<RawPeer> peer_;
-    std::unique_ptr<NoticeActor> actor_;
-    NoticeActor::Made lamp_;
+    std::unique_ptr<ReflectActor> actor_;
+    ReflectActor::Made lamp_;
     TreflectMessage last_{Transport::AddressedMessage()};
     std::size_t received_ = 0;
 };
@@ -156,7 +156,7 @@ TEST_F(NotificationWireTest, subscriberThatDoesNotTakeANoticeIsDropped) {
 TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
     EXPECT_EQ(observe("first creations 7001", "00000000 00000001" + kLampClass),
               spaced("00000005 00000002" + kLampClass + "00000000"));
-    actor_->observe("second", "creations", "7001");
+    actor_->watch("second", "creations", "7001");
     EXPECT_EQ(peer_->count(), received_) << "the process is subscribed";
 
     EXPECT_EQ(observe("first deletions 7001", "00000001" + kLampClass),
@@ -164,18 +164,18 @@ TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
     EXPECT_EQ(observe("third existing 7001", "00000000 00000000"),
               spaced("00000005 00000002" + kLampClass + "00000001"));
 
-    actor_->ask("remove second 7001", "removed");
+    actor_->ask("unwatch second 7001", "unwatched");
     EXPECT_EQ(peer_->count(), received_) << "others are left of both kinds";
-    actor_->tell("remove first 7001");
+    actor_->tell("unwatch first 7001");
     EXPECT_EQ(receive(), spaced("00000008 00000002" + kLampClass));
     answer();
-    actor_->await("removed");
-    actor_->tell("remove third 7001");
+    actor_->await("unwatched");
+    actor_->tell("unwatch third 7001");
     EXPECT_EQ(receive(), spaced("00000007 00000002" + kLampClass));
     answer();
     EXPECT_EQ(receive(), spaced("00000008 00000002" + kLampClass)) << "of which there is none";
     refuse();
-    actor_->await("removed");
+    actor_->await("unwatched");
     char line[60];
     std::snprintf(line, sizeof line, "could not unregister from 0x%X", peer_->termId().value());
     EXPECT_TRUE(actor_->child().waitForErrorLine(line));
@@ -184,32 +184,32 @@ TEST_F(NotificationWireTest, observersSubscribeOnceAndTheLastOneCancels) {
 
 TEST_F(NotificationWireTest, brokerThatDoesNotKnowAClassIsNotAskedForIt) {
     observe("first deletions 7001", "00000002 00007001 00007003");
-    actor_->observe("first", "creations", "7002");
-    actor_->observe("first", "deletions", "7002");
+    actor_->watch("first", "creations", "7002");
+    actor_->watch("first", "deletions", "7002");
     EXPECT_EQ(peer_->count(), received_);
-    actor_->tell("remove first 7002");
+    actor_->tell("unwatch first 7002");
     EXPECT_EQ(receive(), spaced("00000007 00000002" + kRadioClass)) << "not filtered";
     answer();
     EXPECT_EQ(receive(), spaced("00000008 00000002" + kRadioClass));
     answer();
-    actor_->await("removed");
+    actor_->await("unwatched");
     EXPECT_EQ(observe("second deletions 7003", "00000001 00007002"),
               spaced("00000006 00000002 00007003"));
-    actor_->observe("first", "deletions", "7002");
+    actor_->watch("first", "deletions", "7002");
     EXPECT_EQ(peer_->count(), received_) << "what is known stays";
 }
 
 TEST_F(NotificationWireTest, noticesTellTheObserversBeforeTheyAreAnswered) {
     std::string const far = handle("far", 0xC0FFEE, 0x01010077);
     observe("first existing 7001", "00000001" + far + "00000000");
-    EXPECT_EQ(actor_->told("first"), "lamp far ");
+    EXPECT_EQ(actor_->noticed("first"), "lamp far ");
     EXPECT_EQ(exchange("00000003", kLampClass + handle("near", 0xBEEF, 0x01010077)),
               "00000003 00000003");
-    EXPECT_EQ(actor_->told("first"), "lamp far near ");
+    EXPECT_EQ(actor_->noticed("first"), "lamp far near ");
     EXPECT_EQ(exchange("00000004", kLampClass + far), "00000004 00000003");
-    EXPECT_EQ(actor_->told("first"), "lamp far near ") << "a deletion";
+    EXPECT_EQ(actor_->noticed("first"), "lamp far near ") << "a deletion";
     EXPECT_EQ(exchange("00000003", kRadioClass + far), "00000003 00000003");
-    EXPECT_EQ(actor_->told("first"), "lamp far near ") << "another class";
+    EXPECT_EQ(actor_->noticed("first"), "lamp far near ") << "another class";
 }
 
 TEST_F(NotificationWireTest, messagesThatBreakOffAreAnsweredAndIgnored) {
@@ -224,16 +224,16 @@ TEST_F(NotificationWireTest, messagesThatBreakOffAreAnsweredAndIgnored) {
     EXPECT_EQ(exchange("00000007", ""), "00000007 00000003");
     EXPECT_EQ(exchange("00000008", ""), "00000008 00000003");
     actor_->create("mast", "7001");
-    EXPECT_EQ(actor_->told("first"), "mast ");
+    EXPECT_EQ(actor_->noticed("first"), "mast ");
     EXPECT_EQ(peer_->count(), received_) << "nobody has subscribed";
 }
 
 TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
     observe("first deletions 7001", "00000001" + kLampClass);
     observe("first creations 7001", "00000000");
-    actor_->observe("second", "creations", "7001");
-    actor_->observe("second", "creations", "7002");
-    actor_->observe("second", "deletions", "7002");
+    actor_->watch("second", "creations", "7001");
+    actor_->watch("second", "creations", "7002");
+    actor_->watch("second", "deletions", "7002");
     std::size_t count = 0;
     RawPeer newcomer(Transport::GroupId{1});
     auto const next = [&] { return receiveFrom(newcomer, count); };
@@ -242,19 +242,19 @@ TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
                  "00000002" + handle("far", 7, 0x01010077) + handle("near", 8, 0x01010077) +
                      "00000001" + kLampClass);
     EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
-    EXPECT_EQ(actor_->told("first"), "far near ");
-    EXPECT_EQ(actor_->told("second"), "far near ") << "though it did not ask for what exists";
+    EXPECT_EQ(actor_->noticed("first"), "far near ");
+    EXPECT_EQ(actor_->noticed("second"), "far near ") << "though it did not ask for what exists";
     wire::answer(newcomer, last_, "00000000");
 
     // Those that come later are subscribed at it alone.
-    actor_->tell("observe third creations 7001");
+    actor_->tell("watch third creations 7001");
     EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000000"));
     wire::answer(newcomer, last_, "00000000 00000000");
-    actor_->await("observing");
-    actor_->tell("observe third deletions 7001");
+    actor_->await("watching");
+    actor_->tell("watch third deletions 7001");
     EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
     wire::answer(newcomer, last_, "00000000");
-    actor_->await("observing");
+    actor_->await("watching");
     EXPECT_EQ(newcomer.count(), count);
     EXPECT_EQ(peer_->count(), received_);
 }

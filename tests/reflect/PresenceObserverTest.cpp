@@ -1,10 +1,10 @@
 // Observers of brokers that come and go, and what a broker that goes leaves behind.
-#include "BrokerActor.h"
+#include "BrokerListener.h"
 #include "BrokerTest.h"
 #include "Probe.h"
 #include "RawPeer.h"
+#include "ReflectActor.h"
 #include "Threads.h"
-#include "oswrap/Thread.h"
 #include "reflect/notices/TreflectOrbObserver.h"
 
 namespace {
@@ -12,49 +12,6 @@ namespace {
 using testsupport::statesOfThreads;
 using Clock = std::chrono::steady_clock;
 using Appear_t = TreflectOrbObserverIf::Appear_t;
-
-/** Notes what it is told, and does what its test wants. */
-class Listener : public TreflectOrbObserverIf {
-public:
-    struct Notice {
-        Transport::TerminationId broker;
-        Appear_t what;
-        unsigned long thread;
-    };
-    using Reaction = std::function<void(Notice const&)>;
-
-    explicit Listener(Reaction reaction = {}) : reaction_(std::move(reaction)) {}
-    ~Listener() { TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this); }
-
-    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
-        EXPECT_TRUE(TreflectORB::hasRunPermission());
-        notices_.push_back({broker, what, OSWrap::Thread::getCurrentId()});
-        if (reaction_)
-            reaction_(Notice(notices_.back()));
-    }
-
-    std::vector<Notice> notices() {
-        return permitted([&] { return notices_; });
-    }
-    std::vector<Notice> of(Transport::TerminationId broker) {
-        std::vector<Notice> some = notices();
-        some.erase(std::remove_if(some.begin(), some.end(),
-                                  [&](Notice const& notice) { return notice.broker != broker; }),
-                   some.end());
-        return some;
-    }
-    bool waitFor(Transport::TerminationId broker, Appear_t what) {
-        return testsupport::eventually([&] {
-            auto const told = of(broker);
-            return std::any_of(told.begin(), told.end(),
-                               [what](Notice const& notice) { return notice.what == what; });
-        });
-    }
-
-private:
-    Reaction const reaction_;
-    std::vector<Notice> notices_;  // guarded by the run permission
-};
 
 class PresenceObserverTest : public BrokerTest {};
 
@@ -68,9 +25,9 @@ TEST_F(PresenceObserverTest, eachIsToldWhatItAskedForInTheOrderOfRegistration) {
         };
     };
     orb();
-    Listener both(note("both"));
-    Listener births(note("births"));
-    Listener deaths(note("deaths"));
+    BrokerListener both(note("both"));
+    BrokerListener births(note("births"));
+    BrokerListener deaths(note("deaths"));
     EXPECT_TRUE(orb().registerOrbCreation(&both, false));
     EXPECT_TRUE(orb().registerOrbDeletion(&deaths));
     EXPECT_TRUE(orb().registerOrbCreation(&births, false));
@@ -92,7 +49,7 @@ TEST_F(PresenceObserverTest, existingTerminationsAreToldAtOnceOnTheCallersThread
     RawPeer stranger(orb().getMyGroup(NSID_NODE));
     ASSERT_TRUE(testsupport::eventually(
         [] { return Transport::TransportLayer::instance().getTerminations().size() == 3; }));
-    Listener listener;
+    BrokerListener listener;
     EXPECT_TRUE(orb().registerOrbCreation(&listener, true));
     unsigned long const self = OSWrap::Thread::getCurrentId();
     for (Transport::TerminationId const id : {peer.termId(), stranger.termId(), orb().termId()}) {
@@ -107,7 +64,7 @@ TEST_F(PresenceObserverTest, noticesAreToldOneAtATimeAndInOrderThoughTheFirstIsS
     testsupport::Gate entered;
     testsupport::Gate released;
     std::atomic<int> inside{0};
-    Listener slow([&](auto const&) {
+    BrokerListener slow([&](auto const&) {
         EXPECT_EQ(++inside, 1);
         entered.open();
         TreflectReleaseHandlerState const given;
@@ -139,7 +96,7 @@ TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
         testsupport::Gate entered;
         testsupport::Gate released;
         std::atomic<bool> over{false};
-        auto listener = std::make_unique<Listener>([&](auto const&) {
+        auto listener = std::make_unique<BrokerListener>([&](auto const&) {
             TreflectReleaseHandlerState const given;
             entered.open();
             released.wait();
@@ -174,12 +131,12 @@ TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
 }
 
 TEST_F(PresenceObserverTest, observerMayUnregisterItselfAndOthersInsideANotice) {
-    Listener next;
-    Listener first([&](auto const&) {
+    BrokerListener next;
+    BrokerListener first([&](auto const&) {
         orb().unregisterOrbNotifications(&first);
         orb().unregisterOrbNotifications(&next);
     });
-    Listener last;
+    BrokerListener last;
     orb().registerOrbDeletion(&first);
     orb().registerOrbDeletion(&next);
     orb().registerOrbDeletion(&last);
@@ -191,10 +148,10 @@ TEST_F(PresenceObserverTest, observerMayUnregisterItselfAndOthersInsideANotice) 
 }
 
 TEST_F(PresenceObserverTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTheOthers) {
-    Listener throwing([](auto const&) { throw std::runtime_error("on purpose"); });
-    Listener greedy([](auto const&) { TreflectORB::getRunPermission(); });
-    Listener last;
-    for (Listener* const one : {&throwing, &greedy, &last})
+    BrokerListener throwing([](auto const&) { throw std::runtime_error("on purpose"); });
+    BrokerListener greedy([](auto const&) { TreflectORB::getRunPermission(); });
+    BrokerListener last;
+    for (BrokerListener* const one : {&throwing, &greedy, &last})
         orb().registerOrbDeletion(one);
     for (int i = 0; i < 2; ++i)
         std::make_unique<RawPeer>(group());
@@ -206,9 +163,9 @@ TEST_F(PresenceObserverTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTh
 
 TEST_F(PresenceObserverTest, displayTellsWhoObservesWhat) {
     auto const part = std::make_shared<TreflectOrbObserver>();
-    Listener births;
-    Listener deaths;
-    Listener all;
+    BrokerListener births;
+    BrokerListener deaths;
+    BrokerListener all;
     part->subscribe(&births, Appear_t::kAppear, false);
     part->subscribe(&deaths, Appear_t::kDisappear, false);
     part->subscribe(&all, Appear_t::kDisappear, false);
@@ -216,7 +173,7 @@ TEST_F(PresenceObserverTest, displayTellsWhoObservesWhat) {
     orb();
     log_.clear();
     part->display();
-    auto const line = [](Listener& listener, char const* type) {
+    auto const line = [](BrokerListener& listener, char const* type) {
         char text[100];
         std::snprintf(text, sizeof text, "   Observer 0x%p registered for %s",
                       static_cast<void*>(static_cast<TreflectOrbObserverIf*>(&listener)), type);
@@ -236,7 +193,7 @@ TEST_F(PresenceObserverTest, displayTellsWhoObservesWhat) {
 
 TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     testsupport::Gate deleted;
-    Listener deleting([&](auto const&) {
+    BrokerListener deleting([&](auto const&) {
         prepareOrbForDeletion();
         deleted.open();
     });
@@ -244,13 +201,13 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     std::make_unique<RawPeer>(group());
     ASSERT_TRUE(deleted.wait());
     EXPECT_TRUE(testsupport::eventually([] { return statesOfThreads("OrbObsWorker").empty(); }));
-    Listener fresh;
+    BrokerListener fresh;
     EXPECT_TRUE(orb().registerOrbCreation(&fresh, true));
     EXPECT_GE(fresh.notices().size(), 1u);
 }
 
 TEST_F(PresenceObserverTest, callOfAProcessThatIsKilledFailsAtOnceAndHandlesGoInvalid) {
-    BrokerActor server;
+    ReflectActor server;
     server.publish("lamp");
     TreflectHandlerState const handlerState(true);
     ProbeClient client{oid("lamp")};

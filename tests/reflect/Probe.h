@@ -1,5 +1,5 @@
 // A server object and its client, with operations that tests need. Used by tests and by the program
-// broker_actor.
+// reflect_actor.
 #pragma once
 
 #include <pthread.h>

@@ -1,5 +1,5 @@
 // Reflective classes for tests, and their server objects: a Device, a Lamp and a Heater, which are
-// devices, and a Combi, which is both of them. Used by tests and by the program reflective_actor.
+// devices, and a Combi, which is both of them. Used by tests and by the program reflect_actor.
 #pragma once
 
 #include <array>
@@ -48,39 +48,20 @@ namespace combi {
 constexpr unsigned int kClass = 0x52430004;
 }  // namespace combi
 
-/** A value with stream operators of its own. */
 struct Colour {
     unsigned int red = 0;
     unsigned int green = 0;
     bool glowing = false;
-};
-inline TipprmiStream& operator<<(TipprmiStream& stream, Colour const& value) {
-    return stream << value.red << value.green << value.glowing;
-}
-inline TipprmiStream& operator>>(TipprmiStream& stream, Colour& value) {
-    return stream >> value.red >> value.green >> value.glowing;
-}
-inline bool operator==(Colour const& a, Colour const& b) {
-    return a.red == b.red && a.green == b.green && a.glowing == b.glowing;
-}
+    REFLECTORB_STRUCT(Colour, red, green, glowing)
 
-/** An array attribute as it travels: its elements one after the other. */
-template <class T>
-struct Row {
-    std::array<T, lamp::kRowLength> elements{};
+    bool operator==(Colour const& other) const {
+        return tipprmiMembers() == other.tipprmiMembers();
+    }
 };
+
+/** The value of an array attribute. */
 template <class T>
-TipprmiStream& operator<<(TipprmiStream& stream, Row<T> const& row) {
-    for (T const& element : row.elements)
-        stream << element;
-    return stream;
-}
-template <class T>
-TipprmiStream& operator>>(TipprmiStream& stream, Row<T>& row) {
-    for (T& element : row.elements)
-        stream >> element;
-    return stream;
-}
+using Row = std::array<T, lamp::kRowLength>;
 
 // ---- Meta objects ------------------------------------------------------------------------------
 
@@ -160,8 +141,8 @@ public:
     TipprmiSequence<unsigned int, 0u> codes;
     Colour colour;
     TreflectObject next;
-    Row<unsigned int> steps;
-    Row<bool> switches;
+    Row<unsigned int> steps{};
+    Row<bool> switches{};
     Row<TreflectObject> others;
     TipprmiSequence<TreflectObject, 0u> crowd;
     unsigned int serial = 4711;

@@ -5,7 +5,7 @@
 #include <tuple>
 
 #include "BrokerTest.h"
-#include "ReflectiveActor.h"
+#include "ReflectActor.h"
 #include "ReflectiveClasses.h"
 
 namespace {
@@ -104,7 +104,7 @@ void expectValuesRefusalsAndAnEnd(TreflectObject const& lamp, std::function<void
 }
 
 TEST_F(ReflectiveHandle, ReadsAndWritesValuesOfAllTypes) {
-    ReflectiveActor actor;
+    ReflectActor actor;
     actor.ask("lamp far", "made");
     TreflectHandlerState const handlerState(true);
     auto object = std::make_unique<LampObject>("local lamp");
@@ -118,8 +118,8 @@ TEST_F(ReflectiveHandle, ReadsAndWritesValuesOfAllTypes) {
 // ---- Paths -------------------------------------------------------------------------------------
 
 TEST_F(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
-    ReflectiveActor first;
-    ReflectiveActor second;
+    ReflectActor first;
+    ReflectActor second;
     first.ask("lamp a", "made");
     first.ask("lamp c", "made");
     second.ask("combi b", "made");
@@ -242,18 +242,18 @@ class TakenAway : public testing::TestWithParam<std::tuple<Deed, bool>> {};
 TEST_P(TakenAway, WhileAMemberIsCalled) {
     Deed const deed = std::get<0>(GetParam());
     bool const destroyed = std::get<1>(GetParam());
-    ReflectiveActor actor;
+    ReflectActor actor;
     actor.ask("lamp held", "made");
     auto holder = makePermitted<Holder>(oid("held"));
     Outcome const outcome = callWhile(*holder, deed, [&] {
-        actor.ask("entered held", "entered");
+        actor.ask("awaitheld held", "held");
         permitted([&] {
             if (destroyed)
                 holder.reset();
             else
                 holder->handle = TreflectObject();
         });
-        actor.ask("release held", "released");
+        actor.ask("letgo held", "gone");
     });
     EXPECT_EQ(outcome.result, 0);
     EXPECT_EQ(outcome.value, deed == Deed::kGet ? 77u : 5u);
@@ -268,7 +268,7 @@ INSTANTIATE_TEST_SUITE_P(Handles, TakenAway,
 
 TEST_F(ReflectiveHandle, MayBeDestroyedWhileItsObjectIsLookedFor) {
     for (Deed const deed : kDeeds) {
-        ReflectiveActor asked;
+        ReflectActor asked;
         asked.ask("lamp here", "made");
         auto holder = makePermitted<Holder>(oid("here"));
         permitted([&] { holder->handle = TreflectObject(oid("nowhere")); });

@@ -3,7 +3,7 @@
 #include "BrokerTest.h"
 #include "Gauge.h"
 #include "RawPeer.h"
-#include "ReflectiveActor.h"
+#include "ReflectActor.h"
 
 namespace {
 
@@ -57,8 +57,8 @@ TEST_F(ServerObject, HasANameOfAnyLength) {
 
 TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
     auto root = makePermitted<Node>("root");
-    ReflectiveActor first;
-    ReflectiveActor second;
+    ReflectActor first;
+    ReflectActor second;
     first.ask("lamp mid root", "made");
     second.ask("lamp leaf mid", "made");
     permitted([&] {
@@ -84,8 +84,8 @@ TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
 
 TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
     auto root = makePermitted<Node>("root");
-    auto first = std::make_unique<ReflectiveActor>();
-    ReflectiveActor second;
+    auto first = std::make_unique<ReflectActor>();
+    ReflectActor second;
     first->ask("lamp mid root", "made");
     second.ask("lamp leaf mid", "made");
     first->child().kill();
@@ -101,7 +101,7 @@ TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
                     log_.contains("to stub object set to invalid"));
     });
     second.ask("destroy leaf", "destroyed");
-    ReflectiveActor third;
+    ReflectActor third;
     third.ask("lamp mid root", "made");
     permitted([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
     third.ask("destroy mid", "destroyed");
@@ -123,7 +123,7 @@ TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
         TreflectMetaObject const* meta = &deviceMeta;
     };
     auto parent = makePermitted<Curious>("curious");
-    ReflectiveActor actor;
+    ReflectActor actor;
     actor.ask("lamp child curious", "made");
     permitted([&] {
         EXPECT_EQ(parent->absName, "/curious/child");
@@ -146,7 +146,7 @@ TEST_F(ServerObject, MayBeItsOwnAncestorByMistake) {
 }
 
 TEST_F(ServerObject, MayBeItsOwnAncestorOverAnotherProcess) {
-    ReflectiveActor actor;
+    ReflectActor actor;
     TreflectObject const later = permitted([] { return TreflectObject(oid("far")); });
     auto near = makePermitted<Node>("near", &later);
     actor.ask("lamp far near", "made");
@@ -202,7 +202,7 @@ void expectKeepsChildren(TreflectObject const& parent) {
 }
 
 TEST_F(ServerObject, KeepsChildrenInTheOrderOfTheirNames) {
-    ReflectiveActor actor;
+    ReflectActor actor;
     actor.ask("lamp far", "made");
     TreflectHandlerState const handlerState(true);
     Node const here("here");
@@ -257,7 +257,7 @@ TEST_F(ServerObject, MayBeDestroyedByAMethodWhoseCallerGetsTheResult) {
     });
     call(peer, object->getInternalOID(), gauge::kClass, gauge::kGet);
     EXPECT_EQ(answerOf(peer), wire::kEmptyContainer + wire::number(1));
-    permitted([&] { EXPECT_EQ(watcher->told, 0); });
+    permitted([&] { EXPECT_TRUE(watcher->told.empty()); });
 }
 
 TEST_F(ServerObject, IsBuiltAlsoWhenItsParentGoesMeanwhile) {

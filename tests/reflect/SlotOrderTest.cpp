@@ -32,7 +32,7 @@ template <class... Operations>
 void expectRow(std::size_t first, Operations... operations) {
     std::size_t next = first;
     for (std::size_t const one : {slot(operations)...})
-        EXPECT_EQ(one, next++) << "operation " << next - first << " of the row";
+        EXPECT_EQ(one, next++) << "operation " << next - first << " of " << __PRETTY_FUNCTION__;
 }
 
 /** One of several operations of a name. */
@@ -41,42 +41,35 @@ auto overload(Signature Class::*operation) {
     return operation;
 }
 
-constexpr std::size_t kBehindDestructor = 2;  // whose two slots come first in each table
+constexpr std::size_t kFirst = 2;  // behind the destructor, which has two slots
 
-using Skeleton = TipprmiObjectSkeleton;
-using ToServer = void(Skeleton*);
-using ToName = void(TipprmiOID const&);
-using ToNameAtBroker = void(TreflectORB const*, TipprmiOID const&);
-
-TEST(SlotOrder, OfObjectsAndSkeletons) {
+TEST(SlotOrder, IsThatOfTheInterface) {
     using Base = TipprmiObjectBase;
-    expectRow(kBehindDestructor, &Base::getOID, &Base::getInternalOID, &Base::getNamespaceId,
-              &Base::orbId, &Base::dispatch, &Base::setExceptionContainer,
-              &Base::getExceptionContainer, &Base::hasOID, &Skeleton::connect,
-              &Skeleton::getClient);
-}
+    using Skeleton = TipprmiObjectSkeleton;
+    using ToServer = void(Skeleton*);
+    using ToName = void(TipprmiOID const&);
+    using ToNameAtBroker = void(TreflectORB const*, TipprmiOID const&);
+    expectRow(kFirst, &Base::getOID, &Base::getInternalOID, &Base::getNamespaceId, &Base::orbId,
+              &Base::dispatch, &Base::setExceptionContainer, &Base::getExceptionContainer,
+              &Base::hasOID, &Skeleton::connect, &Skeleton::getClient);
 
-TEST(SlotOrder, OfHandles) {
     using Client = TipprmiObjectClient;
-    expectRow(kBehindDestructor, &Client::forwardMsg, &Client::dispatch,
-              overload<ToServer>(&Client::connect), overload<ToNameAtBroker>(&Client::connect),
-              &Client::getServer);
+    expectRow(kFirst, &Client::forwardMsg, &Client::dispatch, overload<ToServer>(&Client::connect),
+              overload<ToNameAtBroker>(&Client::connect), &Client::getServer);
     using Object = TreflectObject;
-    expectRow(kBehindDestructor + 5, &Object::attribute, &Object::operation, &Object::meta,
+    expectRow(kFirst + 5, &Object::attribute, &Object::operation, &Object::meta,
               &Object::getAbsName, &Object::getRelName, &Object::getParent, &Object::getChild,
               &Object::getChilds, &Object::registerChild, &Object::unregisterChild,
               overload<ToName>(&Object::connect), &Object::registerObserver,
               &Object::removeObserver, &TreflectObserverClient::notify);
-    expectRow(kBehindDestructor + 2, overload<ToServer>(&Object::connect),
+    expectRow(kFirst + 2, overload<ToServer>(&Object::connect),
               overload<ToNameAtBroker>(&Object::connect));
-}
 
-TEST(SlotOrder, OfLocationsAndStubs) {
     using At = TreflectObjectLocationIf;
-    expectRow(kBehindDestructor, &At::hasOID, &At::getOID, &At::orbId, &At::getInternalOID,
+    expectRow(kFirst, &At::hasOID, &At::getOID, &At::orbId, &At::getInternalOID,
               &At::getNamespaceId, &At::getServer);
     using Stub = TreflectObjectStub;
-    expectRow(kBehindDestructor, &Stub::hasOID, &Stub::getOID, &Stub::orbId, &Stub::getInternalOID,
+    expectRow(kFirst, &Stub::hasOID, &Stub::getOID, &Stub::orbId, &Stub::getInternalOID,
               &Stub::getNamespaceId, &Stub::getServer, &Stub::forwardMsg,
               overload<int(bool, unsigned, unsigned, TipprmiStream&, TipprmiStream&) const>(
                   &Stub::dispatch),
@@ -86,32 +79,24 @@ TEST(SlotOrder, OfLocationsAndStubs) {
               overload<ToServer>(&Stub::connect), &Stub::isConnected, &Stub::className,
               overload<void(TipprmiExceptionContainer const&) const>(&Stub::setExceptionContainer),
               &Stub::getExceptionContainer, &Stub::registerObserver, &Stub::removeObserver);
-}
 
-TEST(SlotOrder, OfCallHooks) {
     using Hook = ClientCallHookBaseV;
-    expectRow(kBehindDestructor, &Hook::callServer, &Hook::fillParams, &Hook::insertResult,
+    expectRow(kFirst, &Hook::callServer, &Hook::fillParams, &Hook::insertResult,
               &Hook::operationName, &Hook::evaluateResponse);
-}
 
-/** Shows the hook that completes a class. */
-struct ShownMetaObject : TreflectMetaObject {
-    static auto completion() { return &ShownMetaObject::completeMetaInformation; }
-};
+    /** Shows the hook that completes a class. */
+    struct ShownMetaObject : TreflectMetaObject {
+        static auto completion() { return &ShownMetaObject::completeMetaInformation; }
+    };
+    expectRow(kFirst, &TreflectMetaObject::name, ShownMetaObject::completion());
+    expectRow(kFirst, &TreflectArrayMetaAttribute::getTied);
+    expectRow(kFirst, &TreflectSequenceMetaAttribute::getTied);
+    expectRow(kFirst, &TreflectAttribute::operation, &TreflectAttribute::attribute);
+    expectRow(kFirst, &TreflectErrorAttribute::operation, &TreflectErrorAttribute::attribute);
 
-TEST(SlotOrder, OfMetaObjectsAndMembers) {
-    expectRow(kBehindDestructor, &TreflectMetaObject::name, ShownMetaObject::completion());
-    expectRow(kBehindDestructor, &TreflectArrayMetaAttribute::getTied);
-    expectRow(kBehindDestructor, &TreflectSequenceMetaAttribute::getTied);
-    expectRow(kBehindDestructor, &TreflectAttribute::operation, &TreflectAttribute::attribute);
-    expectRow(kBehindDestructor, &TreflectErrorAttribute::operation,
-              &TreflectErrorAttribute::attribute);
-}
-
-TEST(SlotOrder, OfServerObjectsAndObservers) {
     using Server = TreflectServerObject;
     using Watch = TreflectObserver;
-    expectRow(kBehindDestructor + 9, &Server::getClient, &Server::getParent, &Server::getChild,
+    expectRow(kFirst + 9, &Server::getClient, &Server::getParent, &Server::getChild,
               &Server::getChilds, &Server::registerChild, &Server::unregisterChild,
               &Server::getServerClassId, &Server::getServerClassIdSeq, &Server::getAbsName,
               &Server::getRelName, &Server::sendCreationEvent, &Server::sendDeletionEvent,
@@ -120,18 +105,14 @@ TEST(SlotOrder, OfServerObjectsAndObservers) {
               &TreflectObserverSkeleton::notify, &Watch::update, &Watch::getSource,
               &Watch::setSource);
     EXPECT_EQ(slot(&Watch::notify), slot(&TreflectObserverSkeleton::notify));
-
     using Observed = TreflectObservable;
-    expectRow(kBehindDestructor, &Observed::registerObserver, &Observed::unRegisterObserver,
+    expectRow(kFirst, &Observed::registerObserver, &Observed::unRegisterObserver,
               &Observed::notifyObservers);
-}
 
-TEST(SlotOrder, OfBrokers) {
     using Orb = TreflectORB;
-    expectRow(kBehindDestructor, &Orb::receive, &Orb::issue, &Orb::receiveError, &Orb::issueError,
-              &Orb::start, &Orb::started, &Orb::stop, &Orb::appeared, &Orb::disappeare,
-              &Orb::locateObject, &Orb::registerObject, &Orb::unregisterObject, &Orb::forwardMsg,
-              &Orb::resolve);
+    expectRow(kFirst, &Orb::receive, &Orb::issue, &Orb::receiveError, &Orb::issueError, &Orb::start,
+              &Orb::started, &Orb::stop, &Orb::appeared, &Orb::disappeare, &Orb::locateObject,
+              &Orb::registerObject, &Orb::unregisterObject, &Orb::forwardMsg, &Orb::resolve);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A server object of a class that the test chooses. Used by tests and by the program notice_actor.
+// A server object of a class that the test chooses. Used by tests and by the program reflect_actor.
 #pragma once
 
 #include <map>

@@ -6,11 +6,6 @@
 
 namespace {
 
-bool queueGrowsTo(unsigned long threads) {
-    return testsupport::eventually(
-        [threads] { return TreflectORB::handlerThreads().getPermissionWaiters() == threads; });
-}
-
 std::string statesOfWorkers() {
     return testsupport::statesOfThreads("ReflectWorker");
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "Waiting.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
 
@@ -30,6 +31,18 @@ using Permitted = std::unique_ptr<T, PermittedDelete>;
 template <class T, class... Arguments>
 Permitted<T> makePermitted(Arguments&&... arguments) {
     return permitted([&] { return Permitted<T>(new T(std::forward<Arguments>(arguments)...)); });
+}
+
+/** Whether nobody holds it any more. */
+inline bool permissionGetsFree() {
+    return testsupport::eventually(
+        [] { return TreflectRunPermission::getRunPermissionOwner() == 0; });
+}
+/** Whether so many threads, or more, come to queue for it. */
+inline bool queueGrowsTo(unsigned long threads) {
+    return testsupport::eventually([threads] {
+        return TreflectRunPermission::handlerThreads().getPermissionWaiters() >= threads;
+    });
 }
 
 inline TipprmiOID oid(std::string const& name) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,27 +12,31 @@
  * by the run permission. */
 class Watcher : public TreflectObserver {
 public:
-    /** Answers for `update`; may destroy the observer. */
-    using Reaction = std::function<bool(std::string const& name, TreflectObject const& source)>;
+    /** What it does, while `getSource` is there; may destroy the observer. */
+    using Reaction = std::function<void()>;
 
     explicit Watcher(std::string const& name = "watcher", Reaction reaction = {})
         : TreflectObserver(TipprmiOID(name, NSID_UNIT), nullptr, name),
           react(std::move(reaction)) {}
+    ~Watcher() override { *alive_ = false; }
 
     bool update() override {
-        TreflectObject const* const source = getSource();
-        char const* const name = source->getStub_()->getOID().getIdString();
+        char const* const name = getSource()->getStub_()->getOID().getIdString();
         told.emplace_back(name ? name : "?");
         values.clear();
         for (unsigned int i = 0, number = 0; argument(i, number); ++i)
             values.push_back(number);
-        // Copies: the observer may be destroyed inside.
-        Reaction const reaction = react;
-        return reaction ? reaction(std::string(told.back()), *source) : answer;
+        auto const alive = alive_;
+        if (Reaction const reaction = react)
+            reaction();
+        return !*alive || answer;
     }
 
     bool answer = true;
     Reaction react;
     std::vector<std::string> told;     // identifiers of the objects
     std::vector<unsigned int> values;  // of the last call that it was told of
+
+private:
+    std::shared_ptr<bool> const alive_ = std::make_shared<bool>(true);
 };

@@ -1,0 +1,268 @@
+// A process with brokers, objects and observers, driven by lines on standard input.
+#include <atomic>
+#include <map>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "ActorSide.h"
+#include "DeskObject.h"
+#include "Gauge.h"
+#include "Permitted.h"
+#include "Probe.h"
+#include "Thing.h"
+#include "reflect/broker/ScriptRunner.h"
+#include "transport.h"
+
+namespace {
+
+using testsupport::answer;
+using Name = std::string;
+
+// All that outlives exit.
+auto& probes = *new std::map<Name, Permitted<Probe>>;
+int scriptResult = 0;
+std::atomic<bool> calm{false};
+std::thread flooding;
+int exitCode = 0;
+// Guarded by the run permission.
+auto& lamps = *new std::map<Name, std::unique_ptr<LampObject>>;
+auto& things = *new std::map<Name, std::unique_ptr<Thing>>;
+auto& observers = *new std::map<Name, std::unique_ptr<Watcher>>;
+
+// ---- Calls of probes ---------------------------------------------------------------------------
+
+ProbeClient::Answer callOnce(Name const& name, unsigned int method, unsigned int number) {
+    return permitted([&] { return ProbeClient(oid(name)).call(method, number); });
+}
+
+void callForever(Name const& name) {
+    TreflectHandlerState const handlerState(true);
+    ProbeClient client(oid(name));
+    for (unsigned int n = 0; client.call(kEcho, n).exceptionType == 0; ++n)
+        if (n == 0)
+            answer("calling");
+}
+
+void flood(Name const& name, int oneWay) {
+    TreflectHandlerState const handlerState(true);
+    for (ProbeClient client(oid(name)); !calm; client.call(kEcho, 2))
+        for (int i = 0; i < oneWay; ++i)
+            client.send(kEcho, 1);
+}
+
+void deleteAside() {
+    Transport::TerminationId const broker = TreflectORB::getInstance(NSID_UNIT)->termId();
+    std::thread(prepareOrbForDeletion).detach();
+    testsupport::eventually([&] { return !Transport::TransportLayer::instance().exists(broker); });
+    answer("deleting");
+}
+
+int instead(char const* path) {
+    answer("script ", path);
+    return scriptResult << 8;
+}
+
+/** Each by itself, without the run permission. */
+testsupport::Commands const processCommands{
+    // Makes a probe; "published IOID BROKER".
+    {"publish",
+     [](Name name) {
+         auto const& probe = probes[name] = makePermitted<Probe>(name);
+         answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
+     }},
+    // Calls echo of a probe; "called 1 NUMBER" or "called 0 CODE".
+    {"call",
+     [](Name name, unsigned int number) {
+         auto const result = callOnce(name, kEcho, number);
+         bool const succeeded = result.exceptionType == 0;
+         answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
+     }},
+    // So many threads call echo until a call fails; "calling" once each has begun.
+    {"callforever",
+     [](Name name, int threads) {
+         for (int i = 0; i < threads; ++i)
+             std::thread(callForever, name).detach();
+     }},
+    // Calls hold of a probe on a thread of its own.
+    {"hold", [](Name name) { std::thread(callOnce, name, kHold, 0).detach(); }},
+    // How many calls are held; whether one has begun to be held; and the end of all holding.
+    {"holding", [](Name name) { answer("holding ", probes.at(name)->held()); }},
+    {"entered", [](Name name) { answer("entered ", probes.at(name)->entered().isOpen()); }},
+    {"release", [](Name name) { probes.at(name)->release(); }},
+    // Calls echo until "calm", so many times one-way and once not, on a thread of its own.
+    {"flood", [](Name name, int oneWay) { flooding = std::thread(flood, name, oneWay); }},
+    {"calm",
+     [] {
+         calm = true;
+         flooding.join();
+     }},
+    // Deletes all brokers on a thread of its own; "deleting" once it has begun.
+    {"deleteaside", deleteAside},
+    // Makes the log-collection script end with that code.
+    {"script",
+     [](int code) {
+         scriptResult = code;
+         setScriptRunner(&instead);
+         answer("script");
+     }},
+    // Ends by exit on a thread of its own, or by return from main.
+    {"exit", [](int code) { std::thread([code] { std::exit(code); }).join(); }},
+    {"return", [](int code) {
+         exitCode = code;
+         return false;
+     }}};
+
+// ---- Objects and observers ---------------------------------------------------------------------
+
+template <class Object>
+std::string makeLamp(Name const& name, Name const& parentName) {
+    TreflectObject const parent(oid(parentName));
+    lamps[name] = std::make_unique<Object>(name, parentName.empty() ? nullptr : &parent);
+    return "made";
+}
+
+/** Made when it is needed. */
+Watcher& observer(Name const& name) {
+    auto& made = observers[name];
+    if (!made)
+        made = std::make_unique<Watcher>(name);
+    return *made;
+}
+
+TreflectMetaObject& thingClass(Name const& hexadecimal) {
+    return thingClass(static_cast<unsigned int>(std::stoul(hexadecimal, nullptr, 16)));
+}
+
+void hang() {
+    TreflectReleaseHandlerState const released;
+    answer("hangs");
+    testsupport::Gate().wait(std::chrono::hours(1));
+}
+
+/** Each is obeyed under the run permission, and answered by a line. */
+testsupport::Commands const objectCommands{
+    // Objects, below a parent if one is named.
+    {"lamp", makeLamp<LampObject>},
+    {"combi", makeLamp<CombiObject>},
+    {"desk",
+     [] {
+         [[maybe_unused]] static auto const& server = *new desk::Server(desk::remoteId());
+         return "made";
+     }},
+    // One that is announced, of a class that is given in hexadecimal digits; "created IOID BROKER
+    // TERMINATION".
+    {"create",
+     [](Name name, Name classId) {
+         unsigned int const id = thingClass(classId).getClassId();
+         Thing const& thing = *(things[name] = std::make_unique<Thing>(name, id));
+         unsigned int const ioid = thing.getInternalOID();
+         thing.come();
+         TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
+         answer("created ", std::hex, ioid, " ", orb.orbId().value(), " ", orb.termId().value());
+     }},
+    // Out of the map first: others may create objects while this one waits.
+    {"destroy",
+     [](Name name) {
+         lamps.erase(name);
+         if (std::unique_ptr<Thing> const gone = std::move(things[name]))
+             gone->go();
+         return "destroyed";
+     }},
+    // Makes another object the value of a lamp's attribute Next.
+    {"next",
+     [](Name name, Name other) {
+         lamps.at(name)->next = TreflectObject(oid(other));
+         return "next";
+     }},
+    {"pings", [](Name name) { return "pings " + std::to_string(lamps.at(name)->pings()); }},
+    {"level", [](Name name) { return "level " + std::to_string(lamps.at(name)->level); }},
+    // Waits until a call of a lamp is held; and lets all go on that are.
+    {"awaitheld",
+     [](Name name) {
+         testsupport::Gate& entered = lamps.at(name)->entered();
+         TreflectReleaseHandlerState const released;
+         return entered.wait() ? "held" : "nobody";
+     }},
+    {"letgo",
+     [](Name name) {
+         lamps.at(name)->release();
+         return "gone";
+     }},
+    // Sets Level of a lamp, wherever it is; "stored ok" or "stored CODE".
+    {"store",
+     [](Name name, unsigned int level) {
+         auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
+         return "stored " + (stored ? "ok" : std::to_string(stored.code()));
+     }},
+    // What the update of an observer answers: yes, as from the first, no, or "hang" for never,
+    // after a line "hangs".
+    {"answers",
+     [](Name name, Name answer) {
+         observer(name).answer = answer == "yes";
+         if (answer == "hang")
+             observer(name).react = hang;
+         return "will";
+     }},
+    // Has it told of calls, before or after them; "observing 1".
+    {"observe",
+     [](Name name, Name object, Name operation, Name kind) {
+         TreflectObject const observed(oid(object));
+         TreflectOperation& called = observed.operation(operation);
+         bool const done = kind == "before" ? called.preObserve(&observer(name))
+                                            : called.postObserve(&observer(name));
+         return "observing " + std::to_string(done);
+     }},
+    {"unobserve",
+     [](Name name, Name object, Name operation) {
+         TreflectObject const observed(oid(object));
+         observed.operation(operation).removeObserver(&observer(name));
+         return "unobserved";
+     }},
+    // How often it was told, the first value of the last time, and whose call it was.
+    {"told",
+     [](Name name) {
+         Watcher const& told = observer(name);
+         return "told " + std::to_string(told.told.size()) + " " +
+                (told.values.empty() ? "none" : std::to_string(told.values[0])) + " " +
+                (told.told.empty() ? "nobody" : told.told.back());
+     }},
+    // Has it told of objects of a class: creations, existing (creations and what there is) or
+    // deletions.
+    {"watch",
+     [](Name name, Name kind, Name classId) {
+         if (kind == "deletions")
+             thingClass(classId).observeDeletions(&observer(name));
+         else
+             thingClass(classId).observeCreations(&observer(name), kind == "existing");
+         return "watching";
+     }},
+    {"unwatch",
+     [](Name name, Name classId) {
+         thingClass(classId).removeObserver(&observer(name));
+         return "unwatched";
+     }},
+    {"noticed",
+     [](Name name) {
+         Name names = "noticed ";
+         for (Name const& one : observer(name).told)
+             names += one + " ";
+         return names;
+     }},
+    {"know", [](Name classId) {
+         thingClass(classId);
+         return "known";
+     }}};
+
+}  // namespace
+
+int main() {
+    preCreateReflectOrb();
+    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
+        auto const found = processCommands.find(verb);
+        if (found != processCommands.end())
+            return found->second(words);
+        return permitted([&] { return objectCommands.at(verb)(words); });
+    });
+    return exitCode;
+}
