@@ -72,6 +72,16 @@ public:
     }
 };
 
+/** A call of object 0xABCD at another broker that is written by hand. */
+inline ProbeClient::Answer forwardCall(TreflectORB& orb, TreflectOrbId target,
+                                       bool withResponse = true) {
+    TipprmiStream request(100);
+    TipprmiStream response(100);
+    request << 0xABCDu << withResponse << 0x77u << 5;
+    bool const succeeded = orb.forwardMsg(target, withResponse, request, response);
+    return ProbeClient::read(succeeded, response);
+}
+
 class Probe : public TipprmiObjectSkeleton {
 public:
     explicit Probe(std::string const& name) : TipprmiObjectSkeleton(TipprmiOID(name, NSID_UNIT)) {}

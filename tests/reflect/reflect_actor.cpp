@@ -2,7 +2,6 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <set>
 #include <thread>
 
 #include "ActorSide.h"
@@ -130,7 +129,7 @@ Watcher& observer(Name const& name) {
     return *made;
 }
 
-TreflectMetaObject& thingClass(Name const& hexadecimal) {
+TreflectMetaObject& classOf(Name const& hexadecimal) {
     return thingClass(static_cast<unsigned int>(std::stoul(hexadecimal, nullptr, 16)));
 }
 
@@ -154,7 +153,7 @@ testsupport::Commands const objectCommands{
     // TERMINATION".
     {"create",
      [](Name name, Name classId) {
-         unsigned int const id = thingClass(classId).getClassId();
+         unsigned int const id = classOf(classId).getClassId();
          Thing const& thing = *(things[name] = std::make_unique<Thing>(name, id));
          unsigned int const ioid = thing.getInternalOID();
          thing.come();
@@ -232,14 +231,14 @@ testsupport::Commands const objectCommands{
     {"watch",
      [](Name name, Name kind, Name classId) {
          if (kind == "deletions")
-             thingClass(classId).observeDeletions(&observer(name));
+             classOf(classId).observeDeletions(&observer(name));
          else
-             thingClass(classId).observeCreations(&observer(name), kind == "existing");
+             classOf(classId).observeCreations(&observer(name), kind == "existing");
          return "watching";
      }},
     {"unwatch",
      [](Name name, Name classId) {
-         thingClass(classId).removeObserver(&observer(name));
+         classOf(classId).removeObserver(&observer(name));
          return "unwatched";
      }},
     {"noticed",
@@ -250,7 +249,7 @@ testsupport::Commands const objectCommands{
          return names;
      }},
     {"know", [](Name classId) {
-         thingClass(classId);
+         classOf(classId);
          return "known";
      }}};
 
@@ -259,6 +258,8 @@ testsupport::Commands const objectCommands{
 int main() {
     preCreateReflectOrb();
     testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
+        if (verb.empty())
+            return true;
         auto const found = processCommands.find(verb);
         if (found != processCommands.end())
             return found->second(words);

@@ -12,14 +12,8 @@ using testsupport::TestThread;
 
 class BrokerMessageTest : public BrokerTest {
 protected:
-    /** A call from the test's thread to an object of `target`, answered or not. */
     ProbeClient::Answer call(Transport::TerminationId target, bool withResponse = true) {
-        TipprmiStream request(100);
-        TipprmiStream response(100);
-        request << 0xABCDu << withResponse << 0x77u << 5;
-        bool const succeeded =
-            orb().forwardMsg(orb().convertId(target), withResponse, request, response);
-        return ProbeClient::read(succeeded, response);
+        return forwardCall(orb(), orb().convertId(target), withResponse);
     }
     void callCancellably(Transport::TerminationId target) {
         TreflectHandlerState const handlerState(true);

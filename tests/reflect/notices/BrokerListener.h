@@ -25,7 +25,9 @@ public:
     using Reaction = std::function<void(Notice const&)>;
 
     explicit BrokerListener(Reaction reaction = {}) : reaction_(std::move(reaction)) {}
-    ~BrokerListener() { TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this); }
+    ~BrokerListener() override {
+        TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this);
+    }
 
     void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
         EXPECT_TRUE(TreflectORB::hasRunPermission());

@@ -16,13 +16,6 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-/** Forwards a call that is written by hand. */
-bool forward(TreflectORB& orb, TreflectOrbId target, TipprmiStream& response) {
-    TipprmiStream request(100);
-    request << 1u << true << 2u << 3;
-    return orb.forwardMsg(target, true, request, response);
-}
-
 /** A deletion on a thread of its own, once it has taken the broker from the transport. */
 class Deletion {
 public:
@@ -98,9 +91,8 @@ TEST_F(LifecycleTest, deletionEndsOutstandingCallsAndKeepsThePermission) {
     std::vector<std::thread> callers;
     for (std::size_t i = 0; i < kCallers; ++i)
         callers.emplace_back([&] {
-            TipprmiStream response(100);
             TreflectHandlerState const handlerState(true);
-            EXPECT_FALSE(forward(orb(), orb().convertId(peer.termId()), response));
+            EXPECT_FALSE(forwardCall(orb(), orb().convertId(peer.termId())).succeeded);
         });
     peer.await(kCallers - 1);
     {
@@ -138,9 +130,8 @@ TEST_F(LifecycleTest, brokersComeAndGoWhileThreadsCall) {
 
 /** A call to nobody in particular. */
 bool callFails(TreflectORB& orb) {
-    TipprmiStream response(100);
-    return !forward(orb, TreflectOrbId(9, 1, NSID_UNIT), response) &&
-           ProbeClient::read(false, response).exceptionType == 1;
+    ProbeClient::Answer const answer = forwardCall(orb, TreflectOrbId(9, 1, NSID_UNIT));
+    return !answer.succeeded && answer.exceptionType == 1;
 }
 
 TEST_F(LifecycleTest, aDeletedBrokerFailsWhateverIsAskedOfItThroughAnOldPointer) {
@@ -228,8 +219,7 @@ public:
 
     bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
         TreflectORB& node = *TreflectORB::getInstance(NSID_NODE);
-        TipprmiStream response(100);
-        return forward(node, node.convertId(next_), response);
+        return forwardCall(node, node.convertId(next_)).succeeded;
     }
 
 private:
