@@ -17,13 +17,6 @@ enum Method : unsigned int {
     kSetOwner = 21
 };
 
-inline TipprmiOID remoteId() {
-    return TipprmiOID("desk.remote", NSID_UNIT);
-}
-inline TipprmiOID localId() {
-    return TipprmiOID("desk.local", NSID_UNIT);
-}
-
 // All from "two" on answer the same two numbers, and say of them what is true or not.
 inline TreflectMetaClass const meta("Desk", kClass, {},
                                     {{"join", kJoin, {"string", "unsigned"}, {"string"}},
@@ -47,7 +40,7 @@ inline TipprmiStream& operator<<(TipprmiStream& stream, Two) {
 
 class Server : public TreflectSkeleton<meta> {
 public:
-    explicit Server(TipprmiOID const& oid) : TreflectSkeleton(oid, nullptr, "desk") {}
+    Server() : TreflectSkeleton(TipprmiOID("desk", NSID_UNIT), nullptr, "desk") {}
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {

@@ -146,7 +146,7 @@ testsupport::Commands const objectCommands{
     {"combi", makeLamp<CombiObject>},
     {"desk",
      [] {
-         [[maybe_unused]] static auto const& server = *new desk::Server(desk::remoteId());
+         [[maybe_unused]] static auto const& server = *new desk::Server;
          return "made";
      }},
     // One that is announced, of a class that is given in hexadecimal digits; "created IOID BROKER

@@ -5,7 +5,7 @@
 
 #include "BrokerTest.h"
 #include "ChildProgram.h"
-#include "ClassPlugin.h"
+#include "ClassTables.h"
 #include "ReflectiveClasses.h"
 
 namespace {

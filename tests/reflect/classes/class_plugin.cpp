@@ -1,6 +1,5 @@
 // A shared object that is opened and closed, with meta objects of its own.
-#include "ClassPlugin.h"
-#include "reflect/TreflectMetaClass.h"
+#include "ClassTables.h"
 
 namespace {
 

@@ -22,6 +22,7 @@ class NotificationWireTest : public testing::Test {
 protected:
     NotificationWireTest() {
         peer_ = std::make_unique<RawPeer>(Transport::GroupId{1});
+        listening_ = peer_.get();
         actor_ = std::make_unique<ReflectActor>();
         lamp_ = actor_->create("lamp", "7001");
     }
@@ -36,9 +37,8 @@ protected:
             Transport::Termination(Transport::TerminationId(lamp_.termination)).issue(message), 1);
     }
     /** Type, kind and data of the next message; the length of the data is checked here. */
-    std::string receive() { return receiveFrom(*peer_, received_); }
-    std::string receiveFrom(RawPeer& peer, std::size_t& received) {
-        last_ = peer.await(received++);
+    std::string receive() {
+        last_ = listening_->await(received_++);
         if (last_.empty())
             return "nothing came";
         EXPECT_EQ(last_.originator().value(), lamp_.termination);
@@ -58,7 +58,12 @@ protected:
         return answer;
     }
     /** Answers the last message that was received. */
-    void answer(std::string const& data = "") { wire::answer(*peer_, last_, data); }
+    void answer(std::string const& data = "") { wire::answer(*listening_, last_, data); }
+    /** Has another peer receive and answer from now on. */
+    void listenAt(RawPeer& other) {
+        listening_ = &other;
+        received_ = 0;
+    }
     /** Has an observer registered, and answers the subscription with what exists and with ids. */
     std::string observe(std::string const& command, std::string const& answerDigits) {
         actor_->tell("watch " + command);
@@ -81,6 +86,7 @@ protected:
     }
 
     std::unique_ptr<RawPeer> peer_;
+    RawPeer* listening_ = nullptr;
     std::unique_ptr<ReflectActor> actor_;
     ReflectActor::Made lamp_;
     TreflectMessage last_{Transport::AddressedMessage()};
@@ -234,29 +240,24 @@ TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
     actor_->watch("second", "creations", "7001");
     actor_->watch("second", "creations", "7002");
     actor_->watch("second", "deletions", "7002");
-    std::size_t count = 0;
+    std::size_t const before = peer_->count();
     RawPeer newcomer(Transport::GroupId{1});
-    auto const next = [&] { return receiveFrom(newcomer, count); };
-    EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000001"));
-    wire::answer(newcomer, last_,
-                 "00000002" + handle("far", 7, 0x01010077) + handle("near", 8, 0x01010077) +
-                     "00000001" + kLampClass);
-    EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
+    listenAt(newcomer);
+    EXPECT_EQ(receive(), spaced("00000005 00000002" + kLampClass + "00000001"));
+    answer("00000002" + handle("far", 7, 0x01010077) + handle("near", 8, 0x01010077) + "00000001" +
+           kLampClass);
+    EXPECT_EQ(receive(), spaced("00000006 00000002" + kLampClass));
     EXPECT_EQ(actor_->noticed("first"), "far near ");
     EXPECT_EQ(actor_->noticed("second"), "far near ") << "though it did not ask for what exists";
-    wire::answer(newcomer, last_, "00000000");
+    answer("00000000");
 
     // Those that come later are subscribed at it alone.
-    actor_->tell("watch third creations 7001");
-    EXPECT_EQ(next(), spaced("00000005 00000002" + kLampClass + "00000000"));
-    wire::answer(newcomer, last_, "00000000 00000000");
-    actor_->await("watching");
-    actor_->tell("watch third deletions 7001");
-    EXPECT_EQ(next(), spaced("00000006 00000002" + kLampClass));
-    wire::answer(newcomer, last_, "00000000");
-    actor_->await("watching");
-    EXPECT_EQ(newcomer.count(), count);
-    EXPECT_EQ(peer_->count(), received_);
+    EXPECT_EQ(observe("third creations 7001", "00000000 00000000"),
+              spaced("00000005 00000002" + kLampClass + "00000000"));
+    EXPECT_EQ(observe("third deletions 7001", "00000000"),
+              spaced("00000006 00000002" + kLampClass));
+    EXPECT_EQ(newcomer.count(), received_);
+    EXPECT_EQ(peer_->count(), before);
 }
 
 }  // namespace

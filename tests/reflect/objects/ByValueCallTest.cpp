@@ -1,12 +1,11 @@
 // Operations that are called by name, with arguments and results in anys.
-#include "ActorProgram.h"
 #include "BrokerTest.h"
 #include "DeskObject.h"
+#include "ReflectActor.h"
 #include "Watcher.h"
 
 namespace {
 
-using testsupport::ActorProgram;
 using Values = TipprmiSequence<TipprmiAny, 0u>;
 
 template <class... T>
@@ -45,13 +44,12 @@ class ByValueCallTest : public PermittedTest, public testing::WithParamInterface
 protected:
     ByValueCallTest() {
         if (GetParam() == kSameProcess) {
-            here_ = std::make_unique<desk::Server>(desk::localId());
-            object = TreflectObject(desk::localId());
-            return;
+            here_ = std::make_unique<desk::Server>();
+        } else {
+            child_ = std::make_unique<ReflectActor>();
+            child_->ask("desk", "made");
         }
-        child_ = std::make_unique<ActorProgram>("reflect_actor");
-        child_->ask("desk", "made");
-        object = TreflectObject(desk::remoteId());
+        object = TreflectObject(oid("desk"));
     }
     TreflectOperation& operation(std::string const& name) const { return object.operation(name); }
     unsigned int joined() const {
@@ -61,7 +59,7 @@ protected:
         return times;
     }
 
-    std::unique_ptr<ActorProgram> child_;
+    std::unique_ptr<ReflectActor> child_;
     std::unique_ptr<desk::Server> here_;
     TreflectObject object;
 };

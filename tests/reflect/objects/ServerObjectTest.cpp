@@ -55,11 +55,11 @@ TEST_F(ServerObject, HasANameOfAnyLength) {
     expectLine(3, "name \"eth0/1\" has a \"/\": no absolute name leads to this object");
 }
 
-TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
+TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcessesAlsoWhenOneIsKilled) {
     auto root = makePermitted<Node>("root");
-    ReflectActor first;
+    auto first = std::make_unique<ReflectActor>();
     ReflectActor second;
-    first.ask("lamp mid root", "made");
+    first->ask("lamp mid root", "made");
     second.ask("lamp leaf mid", "made");
     permitted([&] {
         TreflectObject const top(root.get());
@@ -72,22 +72,6 @@ TEST_F(ServerObject, TellsItsPlaceOverTheBordersOfProcesses) {
         EXPECT_EQ(top.getChild("mid").getChild("leaf"), leaf);
         EXPECT_EQ(static_cast<Node const&>(*root).getChild("mid").getAbsName(), "/root/mid");
     });
-    second.ask("destroy leaf", "destroyed");
-    permitted([&] {
-        TreflectObject const mid(oid("mid"));
-        EXPECT_EQ(mid.getChilds().getLength(), 0u);
-        root.reset();
-        EXPECT_EQ(mid.getAbsName(), "/mid");
-    });
-    first.ask("destroy mid", "destroyed");
-}
-
-TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
-    auto root = makePermitted<Node>("root");
-    auto first = std::make_unique<ReflectActor>();
-    ReflectActor second;
-    first->ask("lamp mid root", "made");
-    second.ask("lamp leaf mid", "made");
     first->child().kill();
     first->child().waitForExit();
     permitted([&] {
@@ -106,6 +90,17 @@ TEST_F(ServerObject, StaysSoundWhenTheProcessOfItsParentOrOfItsChildIsKilled) {
     permitted([&] { EXPECT_THAT(namesOf(root->getChilds()), ElementsAre("mid")); });
     third.ask("destroy mid", "destroyed");
     permitted([&] { EXPECT_EQ(root->getChilds().getLength(), 0u); });
+
+    third.ask("lamp mid root", "made");
+    second.ask("lamp leaf mid", "made");
+    second.ask("destroy leaf", "destroyed");
+    permitted([&] {
+        TreflectObject const mid(oid("mid"));
+        EXPECT_EQ(mid.getChilds().getLength(), 0u);
+        root.reset();
+        EXPECT_EQ(mid.getAbsName(), "/mid");
+    });
+    third.ask("destroy mid", "destroyed");
 }
 
 TEST_F(ServerObject, IsThereForItsParentWhileItIsBuilt) {
