@@ -29,33 +29,17 @@ std::string deep(int sequences) {
 }
 
 TEST(ParameterTypeName, IsToldFromOtherText) {
-    for (char const* name : {"int",
-                             " unsigned ",
-                             "sequence<int>",
-                             "sequence < { string , sequence<any> } >",
-                             "{oid}",
-                             "{int,bool,\tobject}",
-                             "{{{int}},int}",
-                             "int8",
-                             "uint64",
-                             "double",
-                             "bytes",
-                             "void",
-                             "array<float, 3>",
-                             "optional<map<string, sequence<char>>>",
-                             "enum{A}",
-                             "enum Color { kRed = -1, kGreen, kBlue=0x10 }",
-                             "struct Empty{}",
-                             "struct{int a, int b}",
-                             "union U{void none, int a}",
-                             "union{int, string}",
-                             "unsigned limit",
-                             "struct{unsigned bytes, string object}",
-                             "{unsigned limit, bool armed}",
-                             "struct A::B{int x}",
-                             "struct Node{int value, sequence<Node> children}",
-                             "{struct P{int x, int y} a, P b}",
-                             "struct A{optional<B> b, struct B{int n} c}"})
+    for (char const* name :
+         {"int", " unsigned ", "int8", "uint64", "double", "bytes", "void", "{oid}",
+          "{{{int}},int}", "{int,bool,\tobject}", "sequence<int>",
+          "sequence < { string , sequence<any> } >", "array<float, 3>",
+          "optional<map<string, sequence<char>>>", "enum{A}",
+          "enum Color { kRed = -1, kGreen, kBlue=0x10 }", "struct Empty{}", "struct{int a, int b}",
+          "union U{void none, int a}", "union{int, string}",
+          // Names of members stand behind their types, whatever they are.
+          "unsigned limit", "struct{unsigned bytes, string object}", "{unsigned limit, bool armed}",
+          "struct A::B{int x}", "struct Node{int value, sequence<Node> children}",
+          "{struct P{int x, int y} a, P b}", "struct A{optional<B> b, struct B{int n} c}"})
         EXPECT_TRUE(Type(name).isValid()) << name;
     for (char const* name :
          {"", " ", "Int", "integer", "int int int", "int,", "{}", "{int,}", "{int", "int}",
