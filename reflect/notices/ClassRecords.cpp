@@ -115,8 +115,8 @@ void ClassRecords::tellAll(NoticeKind kind, MetaData& record, TreflectObject con
             tellCreation(record, *observer, object);
         }
     }
-    for (Registration* const registration : side.registrations)
-        registration->noticed(object, notice);
+    for (Registration& registration : side.registrations)
+        registration.noticed(object, notice);
 }
 
 // ---- Ends --------------------------------------------------------------------------------------

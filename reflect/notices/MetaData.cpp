@@ -7,8 +7,8 @@ using MetaData = TreflectORB::MetaData;
 // ---- One kind of notices -----------------------------------------------------------------------
 
 bool MetaData::Side::isObserved() const {
-    for (Registration const* const registration : registrations) {
-        if (!registration->ended())
+    for (Registration const& registration : registrations) {
+        if (!registration.ended())
             return true;
     }
     return !observers.empty();
@@ -26,74 +26,74 @@ TreflectObserver* MetaData::Side::nextFor(Notice const& notice) const {
 
 bool MetaData::Side::begin(ObjectPlace const& place, TreflectObserver const& observer) {
     bool first = true;
-    for (Notice* const notice : notices) {
-        if (!notice->ended() && notice->place() == place)
-            first = notice->begin(observer) && first;
+    for (Notice& notice : notices) {
+        if (!notice.ended() && notice.place() == place)
+            first = notice.begin(observer) && first;
     }
     return first;
 }
 
 void MetaData::Side::forget(TreflectObserver const& observer) {
     observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
-    for (Registration* const registration : registrations) {
-        if (registration->isOf(observer))
-            registration->end();
+    for (Registration& registration : registrations) {
+        if (registration.isOf(observer))
+            registration.end();
     }
 }
 
 void MetaData::Side::forgetObservers() {
     observers.clear();
-    for (Registration* const registration : registrations)
-        registration->end();
+    for (Registration& registration : registrations)
+        registration.end();
 }
 
 // ---- Objects of this process -------------------------------------------------------------------
 
 bool MetaData::isEnding(TreflectServerObject const* object) const {
-    for (Publication const* const deletion : deletions.publications) {
-        if (deletion->isOf(object))
+    for (Publication const& deletion : deletions.publications) {
+        if (deletion.isOf(object))
             return true;
     }
     return false;
 }
 
 bool MetaData::isHiddenFrom(TreflectOrbId const& broker, TreflectServerObject const* object) const {
-    for (Publication const* const creation : creations.publications) {
-        if (creation->isOf(object) && creation->isDue(broker))
+    for (Publication const& creation : creations.publications) {
+        if (creation.isOf(object) && creation.isDue(broker))
             return true;
     }
-    for (Publication const* const deletion : deletions.publications) {
-        if (deletion->isOf(object) && deletion->isAnsweredBy(broker))
+    for (Publication const& deletion : deletions.publications) {
+        if (deletion.isOf(object) && deletion.isAnsweredBy(broker))
             return true;
     }
     return false;
 }
 
 void MetaData::endCreation(TreflectServerObject const& object) {
-    for (Publication* const creation : creations.publications) {
-        if (creation->isOf(&object))
-            creation->end();
+    for (Publication& creation : creations.publications) {
+        if (creation.isOf(&object))
+            creation.end();
     }
 }
 
 void MetaData::subscribed(TreflectOrbId const& broker) {
-    for (Publication* const publication : creations.publications)
-        publication->subscribed(broker);
+    for (Publication& publication : creations.publications)
+        publication.subscribed(broker);
 }
 
 void MetaData::cancelled(TreflectOrbId const& broker) {
     creations.subscribers.erase(broker);
     deletions.subscribers.erase(broker);
-    for (Publication* const publication : creations.publications)
-        publication->cancelled(broker);
+    for (Publication& publication : creations.publications)
+        publication.cancelled(broker);
 }
 
 void MetaData::forget(TreflectServerObject const& object) {
     objects.erase(&object);
     for (Side* const side : {&creations, &deletions}) {
-        for (Publication* const publication : side->publications) {
-            if (publication->isOf(&object))
-                publication->forgetObject();
+        for (Publication& publication : side->publications) {
+            if (publication.isOf(&object))
+                publication.forgetObject();
         }
     }
 }
@@ -101,20 +101,20 @@ void MetaData::forget(TreflectServerObject const& object) {
 // ---- Objects anywhere --------------------------------------------------------------------------
 
 void MetaData::present(ObjectPlace const& place) {
-    for (Registration* const registration : creations.registrations)
-        registration->back(place);
+    for (Registration& registration : creations.registrations)
+        registration.back(place);
 }
 
 void MetaData::gone(ObjectPlace const& place) {
-    for (Notice* const notice : creations.notices) {
-        if (notice->place() == place)
-            notice->end();
+    for (Notice& notice : creations.notices) {
+        if (notice.place() == place)
+            notice.end();
     }
-    for (Registration* const registration : creations.registrations)
-        registration->gone(place);
+    for (Registration& registration : creations.registrations)
+        registration.gone(place);
     for (Side* const side : {&creations, &deletions}) {
-        for (Registration* const registration : side->registrations)
-            registration->heardOfEnd(place);
+        for (Registration& registration : side->registrations)
+            registration.heardOfEnd(place);
     }
     newcomersObjects.erase(place);
 }
@@ -127,15 +127,15 @@ std::set<TreflectObserver const*> MetaData::toldOf(ObjectPlace const& place) con
 
 void MetaData::heardOf(ObjectPlace const& place, TreflectObject const& object) {
     for (Side* const side : {&creations, &deletions}) {
-        for (Registration* const registration : side->registrations)
-            registration->heardOf(place, object);
+        for (Registration& registration : side->registrations)
+            registration.heardOf(place, object);
     }
 }
 
 void MetaData::forgetHeard() {
     for (Side* const side : {&creations, &deletions}) {
-        for (Registration* const registration : side->registrations)
-            registration->forgetHeard();
+        for (Registration& registration : side->registrations)
+            registration.forgetHeard();
     }
 }
 
@@ -150,16 +150,16 @@ void MetaData::forgetDestroyed(TreflectObserver const& observer) {
     forget(observer);
     for (Side* const side : {&creations, &deletions}) {
         side->forget(observer);
-        for (Notice* const notice : side->notices)
-            notice->forget(observer);
+        for (Notice& notice : side->notices)
+            notice.forget(observer);
     }
 }
 
 void MetaData::forget(TreflectOrbId const& broker) {
     for (Side* const side : {&creations, &deletions}) {
         side->subscribers.erase(broker);
-        for (Publication* const publication : side->publications)
-            publication->forget(broker);
+        for (Publication& publication : side->publications)
+            publication.forget(broker);
     }
     eraseThoseAt(broker, newcomersObjects);
 }

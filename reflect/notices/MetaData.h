@@ -19,11 +19,11 @@ struct TreflectORB::MetaData {
     struct Side {
         // In the order of registration, with duplicates. Not owned.
         std::vector<TreflectObserver*> observers OSW_GUARDED_BY_PERMISSION;
-        Registration::UnderWay registrations OSW_GUARDED_BY_PERMISSION;
-        Notice::UnderWay notices OSW_GUARDED_BY_PERMISSION;
+        UnderWay<Registration> registrations OSW_GUARDED_BY_PERMISSION;
+        UnderWay<Notice> notices OSW_GUARDED_BY_PERMISSION;
         /** The brokers that subscribed here. */
         Publication::Subscribers subscribers OSW_GUARDED_BY_PERMISSION;
-        Publication::UnderWay publications OSW_GUARDED_BY_PERMISSION;
+        UnderWay<Publication> publications OSW_GUARDED_BY_PERMISSION;
 
         /** Whether anybody is listed or on the way into the list. */
         bool isObserved() const OSW_REQUIRES_PERMISSION;

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <list>
 #include <set>
 #include <utility>
 
 #include "handler_threads/RunPermission.h"
 #include "reflect/notices/ObjectPlace.h"
+#include "reflect/notices/UnderWay.h"
 
 class TreflectObserver;
 
@@ -13,16 +13,13 @@ class TreflectObserver;
  * A notice that the listed observers of a class are being told, one after the other, which takes as
  * long as they take.
  */
-class Notice {
+class Notice : public ListedWhileItLives {
 public:
-    using UnderWay = std::list<Notice*>;
-
-    /** Enters `underWay`, and leaves it at the end. Those in `told` need not be told any more. */
-    Notice(UnderWay& underWay, ObjectPlace place, std::set<TreflectObserver const*> told)
-        : underWay_(underWay), place_(std::move(place)), told_(std::move(told)) {
-        underWay_.push_back(this);
+    /** Enters `underWay`. Those in `told` need not be told any more. */
+    Notice(UnderWay<Notice>& underWay, ObjectPlace place, std::set<TreflectObserver const*> told)
+        : place_(std::move(place)), told_(std::move(told)) {
+        underWay.push_back(*this);
     }
-    ~Notice() { underWay_.remove(this); }
     Notice(Notice const&) = delete;
     Notice& operator=(Notice const&) = delete;
 
@@ -44,7 +41,6 @@ public:
     }
 
 private:
-    UnderWay& underWay_;
     ObjectPlace const place_;
     std::set<TreflectObserver const*> told_ OSW_GUARDED_BY_PERMISSION;
     bool ended_ OSW_GUARDED_BY_PERMISSION = false;

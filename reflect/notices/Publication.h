@@ -1,11 +1,11 @@
 #pragma once
 
-#include <list>
 #include <set>
 
 #include "handler_threads/RunPermission.h"
 #include "reflect/TreflectOrbId.h"
 #include "reflect/broker/OngoingRequest.h"
+#include "reflect/notices/UnderWay.h"
 
 class TreflectServerObject;
 
@@ -18,17 +18,15 @@ class TreflectServerObject;
  * creation that it is still to get, or has not answered, is not in the answer; nor is an object
  * whose deletion it has answered.
  */
-class Publication {
+class Publication : public ListedWhileItLives {
 public:
-    using UnderWay = std::list<Publication*>;
     using Subscribers = std::set<TreflectOrbId>;
 
-    /** Enters `underWay`, and leaves it at the end. On the thread that sends. */
-    Publication(UnderWay& underWay, TreflectServerObject const& object)
-        : underWay_(underWay), object_(&object), thread_(OngoingRequest::getThreadInstance()) {
-        underWay_.push_back(this);
+    /** Enters `underWay`. On the thread that sends. */
+    Publication(UnderWay<Publication>& underWay, TreflectServerObject const& object)
+        : object_(&object), thread_(OngoingRequest::getThreadInstance()) {
+        underWay.push_back(*this);
     }
-    ~Publication() { underWay_.remove(this); }
     Publication(Publication const&) = delete;
     Publication& operator=(Publication const&) = delete;
 
@@ -77,7 +75,6 @@ private:
         return thread_.deliveries() != deliveriesBefore_;
     }
 
-    UnderWay& underWay_;
     TreflectServerObject const* object_ OSW_GUARDED_BY_PERMISSION;
     OngoingRequest const& thread_;
     Subscribers due_ OSW_GUARDED_BY_PERMISSION;

@@ -17,16 +17,12 @@ Registration::Registration(ClassRecords& records, MetaData& record, NoticeKind k
 Registration::Registration(ClassRecords& records, MetaData& record, NoticeKind kind,
                            TreflectObserver* observer, unsigned int since)
     : records_(records), record_(record), kind_(kind), observer_(observer), since_(since) {
-    Registration::UnderWay& underWay = record_.side(kind_).registrations;
-    for (Registration const* const other : underWay) {
-        if (observer && other->isOf(*observer))
-            told_.insert(other->told_.begin(), other->told_.end());
+    UnderWay<Registration>& underWay = record_.side(kind_).registrations;
+    for (Registration const& other : underWay) {
+        if (observer && other.isOf(*observer))
+            told_.insert(other.told_.begin(), other.told_.end());
     }
-    underWay.push_back(this);
-}
-
-Registration::~Registration() {
-    record_.side(kind_).registrations.remove(this);
+    underWay.push_back(*this);
 }
 
 void Registration::noticed(TreflectObject const& object, Notice const& notice) {
@@ -47,8 +43,8 @@ void Registration::gone(ObjectPlace const& place) {
 // What is being told as deleted may still be in the answer: it has not been answered to its broker.
 void Registration::asks(TreflectOrbId const& broker) {
     eraseThoseAt(broker, gone_);
-    for (Notice const* const notice : record_.deletions.notices)
-        gone_.insert(notice->place());
+    for (Notice const& notice : record_.deletions.notices)
+        gone_.insert(notice.place());
 }
 
 bool Registration::isNews(TreflectObject const& object) {
@@ -97,8 +93,8 @@ std::set<ObjectPlace> Registration::heardAt(TreflectOrbId const& broker) const {
     for (auto heard = heard_.lower_bound(firstPlaceAt(broker));
          heard != heard_.end() && brokerOf(heard->first) == broker; ++heard)
         places.insert(heard->first);
-    for (Notice const* const notice : record_.creations.notices)
-        places.erase(notice->place());
+    for (Notice const& notice : record_.creations.notices)
+        places.erase(notice.place());
     return places;
 }
 

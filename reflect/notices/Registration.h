@@ -12,6 +12,7 @@
 #include "reflect/notices/Notice.h"
 #include "reflect/notices/NoticeKind.h"
 #include "reflect/notices/ObjectPlace.h"
+#include "reflect/notices/UnderWay.h"
 
 class ClassRecords;
 class TreflectObserver;
@@ -27,19 +28,19 @@ class TreflectObserver;
  * an object may go before the first observer of deletions has been subscribed at its broker. It
  * remembers 65,536 of them at most: the end of any other that goes so early is not told.
  */
-class Registration {
+class Registration : public ListedWhileItLives {
 public:
     using MetaData = TreflectORB::MetaData;
-    using UnderWay = std::list<Registration*>;
 
-    /** Enters the record's registrations under way, and leaves them at the end. `observer`: null
-     * for all that are listed. `since`: how many subscriptions to deletions there had been when the
-     * notice that is told came in; without it, now. */
+    /** Enters the record's registrations under way. `observer`: null for all that are listed.
+     * `since`: how many subscriptions to deletions there had been when the notice that is told came
+     * in; without it, now. */
     Registration(ClassRecords& records, MetaData& record, NoticeKind kind,
                  TreflectObserver* observer) OSW_REQUIRES_PERMISSION;
     Registration(ClassRecords& records, MetaData& record, NoticeKind kind,
                  TreflectObserver* observer, unsigned int since) OSW_REQUIRES_PERMISSION;
-    ~Registration();
+    /** Leaves the list before the handles that it keeps end: that may have consequences. */
+    ~Registration() { unlink(); }
     Registration(Registration const&) = delete;
     Registration& operator=(Registration const&) = delete;
 
