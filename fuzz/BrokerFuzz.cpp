@@ -2,20 +2,14 @@
 // and notices of unknown origin, and gives answers of unknown origin to what it is asked.
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
-#include <utility>
-#include <vector>
 
 #include "FuzzProcess.h"
 #include "Script.h"
 #include "tests/reflect/ReflectiveClasses.h"
-#include "transport.h"
+#include "tests/support/RawPeer.h"
 
 namespace {
 
@@ -98,34 +92,19 @@ std::string streamOf(std::string const& data) {
     return bigEndian(data.size()) + data + std::string(data.size() % 3, '\xCC');
 }
 
-class Peer : public Transport::TerminationImpl {
+class Peer {
 public:
     Peer(Transport::GroupId group, Peer* stranger)
-        : TerminationImpl(group, "peer"), stranger_(stranger) {
-        if (start() != 1)
-            std::abort();
-    }
-    ~Peer() override { stop(); }
+        : stranger_(stranger), raw_(group, [this](RawPeer&, TreflectMessage& message) {
+              if (message.kind() == TreflectMessage::kRequest)
+                  answer(message);
+          }) {}
 
-    bool receive(Transport::AddressedMessage const& addressed) override {
-        TreflectMessage const message(addressed);
-        if (message.kind() == TreflectMessage::kRequest) {
-            answer(message);
-        } else if (message.kind() == TreflectMessage::kResponse) {
-            std::lock_guard<std::mutex> const lock(mutex_);
-            responded_.insert(message.transactionId());
-            changed_.notify_all();
-        }
-        return true;
-    }
-    bool receiveError(Transport::AddressedMessage const&) override { return true; }
-    void appeared(Transport::Termination&) override {}
-    void disappeare(Transport::Termination&) override {}
-
+    Transport::TerminationId termId() const { return raw_.termId(); }
     void begin() {
         std::lock_guard<std::mutex> const lock(mutex_);
         answers_.clear();
-        responded_.clear();
+        raw_.forget();
     }
     void willAnswer(Answer answer) {
         std::lock_guard<std::mutex> const lock(mutex_);
@@ -137,20 +116,23 @@ public:
     }
     TreflectMessage make(unsigned int id, unsigned int type, TreflectMessage::kind_t kind,
                          std::string const& payload) {
-        TreflectMessage message(allocateMessage(
-            TreflectMessage::kHeaderSize + std::max<std::size_t>(payload.size(), 4), 5));
-        message.transactionId(id);
-        message.type(static_cast<TreflectMessage::type_t>(type));
-        message.kind(kind);
+        TreflectMessage message =
+            raw_.make(id, static_cast<TreflectMessage::type_t>(type), kind,
+                      static_cast<unsigned int>(std::max<std::size_t>(payload.size(), 4)));
         std::memcpy(message.buf(), payload.data(), payload.size());
         return message;
     }
-    void send(Transport::TerminationId to, Transport::AddressedMessage message) {
-        Transport::Termination(to).issue(message);
+    /** With its header. */
+    TreflectMessage whole(std::string const& bytes) {
+        Transport::AddressedMessage message =
+            raw_.allocateMessage(std::max<std::size_t>(bytes.size(), 1), 5);
+        std::memcpy(message.buf(), bytes.data(), bytes.size());
+        return TreflectMessage(message);
     }
+    void send(Transport::TerminationId to, TreflectMessage message) { raw_.send(to, message); }
     void awaitResponse(unsigned int id) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [&] { return responded_.count(id) != 0; });
+        if (wire::awaitResponse(raw_, id).empty())
+            std::abort();
     }
 
 private:
@@ -164,22 +146,19 @@ private:
             }
         }
         ++tally.responses;
+        auto const send = [&](Peer& from, std::string const& payload) {
+            from.send(request.originator(),
+                      from.make(request.transactionId(), request.type(), answer.kind, payload));
+        };
         if (answer.forged)
-            stranger_->send(
-                request.originator(),
-                stranger_
-                    ->make(request.transactionId(), request.type(), answer.kind, *answer.forged)
-                    .addressed());
-        send(
-            request.originator(),
-            make(request.transactionId(), request.type(), answer.kind, answer.payload).addressed());
+            send(*stranger_, *answer.forged);
+        send(*this, answer.payload);
     }
 
     Peer* const stranger_;
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Answer> answers_;        // guarded by mutex_
-    std::set<unsigned int> responded_;  // guarded by mutex_
+    std::deque<Answer> answers_;  // guarded by mutex_
+    RawPeer raw_;                 // uses what stands above from its beginning on
 };
 
 /** Calls that are running in objects, which must not be destroyed meanwhile. */
@@ -423,21 +402,18 @@ private:
         bool const answered = isAnswered(message);
         if (message.kind() <= TreflectMessage::kRequest)
             tally.request(message.type());
-        sender.send(broker_, message.addressed());
+        sender.send(broker_, message);
         if (answered)
             peer_.awaitResponse(message.transactionId());
         else
             passThrough();
     }
     void deliverWhole(std::string const& bytes) {
-        Transport::AddressedMessage whole =
-            peer_.allocateMessage(std::max<std::size_t>(bytes.size(), 1), 5);
-        std::memcpy(whole.buf(), bytes.data(), bytes.size());
+        TreflectMessage message = peer_.whole(bytes);
         if (bytes.size() < TreflectMessage::kHeaderSize + 4) {
-            peer_.send(broker_, whole);
+            peer_.send(broker_, message);
             return;
         }
-        TreflectMessage message(whole);
         // That one ends the process, as it must.
         if (message.kind() == TreflectMessage::kResponseFailure)
             return;
@@ -463,9 +439,7 @@ private:
     void passThrough() { exchange(TreflectMessage::tResolve, std::string(8, '\0')); }
 
     void exchange(TreflectMessage::type_t type, std::string const& data) {
-        peer_.send(
-            broker_,
-            peer_.make(++lastId_, type, TreflectMessage::kRequest, streamOf(data)).addressed());
+        peer_.send(broker_, peer_.make(++lastId_, type, TreflectMessage::kRequest, streamOf(data)));
         peer_.awaitResponse(lastId_);
     }
 

@@ -1,26 +1,17 @@
 // A termination, and a peer that owns an entry of the rendezvous folder but does everything else by
 // hand: packets, descriptors, shared memory and files of the folder of unknown origin.
-#include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <thread>
-#include <vector>
 
 #include "FuzzProcess.h"
 #include "Script.h"
-#include "platform/transport/local/Bell.h"
-#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/HiddenName.h"
 #include "platform/transport/local/Receiver.h"
-#include "platform/transport/local/Rendezvous.h"
 #include "tests/support/HandMadeLink.h"
 #include "tests/support/LingeringConnection.h"
 #include "tests/transport/TestTermination.h"
@@ -37,18 +28,14 @@ constexpr int kConnecting = 20;
 /** Nanoseconds: some channels are quiet for long enough to be given back. */
 constexpr long long kIdleLooks = 3'000'000;
 
-using testsupport::isReadable;
 using Connection = testsupport::HandMadeLink;
 
 class Peer {
 public:
-    Peer(TerminationId to, GroupId group)
-        : to_(to),
-          id_(Rendezvous::instance().reserve(group, "peer")),
-          listening_(Rendezvous::instance().publish(id_)) {}
+    Peer(TerminationId to, GroupId group) : to_(to), entry_(group) {}
     /** The termination has closed each connection when this is over. */
     ~Peer() {
-        Rendezvous::instance().withdraw(id_);
+        Rendezvous::instance().withdraw(entry_.id());
         accept(0);
         for (Connection& connection : connections_) {
             ::shutdown(connection.socket.get(), SHUT_WR);
@@ -57,36 +44,25 @@ public:
         }
     }
 
-    TerminationId id() const { return id_; }
-
-    void connect() {
-        Descriptor socket(Rendezvous::instance().connectTo(to_));
-        if (!socket.valid())
-            return;
-        connections_.emplace_back();
-        connections_.back().socket = std::move(socket);
-    }
+    TerminationId id() const { return entry_.id(); }
+    void connect() { keep(entry_.connect(to_)); }
     void accept(int milliseconds) {
-        while (isReadable(listening_.get(), milliseconds)) {
-            connections_.emplace_back();
-            connections_.back().socket =
-                Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        for (; keep(entry_.accept(to_, milliseconds)); milliseconds = 0)
             connections_.back().hear(50);
-            milliseconds = 0;
-        }
     }
     /** The one that the next steps are about; null when there is none. */
     Connection* last() { return connections_.empty() ? nullptr : &connections_.back(); }
-    Packet packet(unsigned int kind, std::uint32_t capacity = kSmallestRing) const {
-        return {kMagic,      kProtocolVersion, static_cast<std::uint16_t>(kind),
-                id_.value(), to_.value(),      kLayoutCheck,
-                capacity};
-    }
 
 private:
+    bool keep(Connection made) {
+        bool const valid = made.socket.valid();
+        if (valid)
+            connections_.push_back(std::move(made));
+        return valid;
+    }
+
     TerminationId const to_;
-    TerminationId const id_;
-    Descriptor const listening_;
+    testsupport::HandMadeEntry const entry_;
     std::vector<Connection> connections_;
 };
 
@@ -132,13 +108,10 @@ private:
     }
     /** A good one. */
     void sayHello() {
-        Connection* const connection = connected();
-        if (!connection)
-            return;
-        connection->own = OwnSide::make();
-        sendPacket(connection->socket.get(), peer_.packet(Packet::Hello),
-                   connection->own.file.get(), connection->own.bell.get());
-        connection->hear(1000);
+        if (Connection* const connection = connected()) {
+            connection->sayHello();
+            connection->hear(1000);
+        }
     }
     /** No packet at all. */
     void sendBytes() {
@@ -157,8 +130,8 @@ private:
         if (!connection)
             return;
         if (!connection->own.valid())
-            connection->own = OwnSide::make();
-        Packet packet = peer_.packet(script_.byte() % 9);
+            connection->makeSide();
+        Packet packet = connection->packet(script_.byte() % 9, kSmallestRing);
         unsigned char const odd = script_.byte();
         if ((odd & 1) != 0)
             packet.ringCapacity = script_.number();
@@ -178,7 +151,7 @@ private:
             (kinds & 15) % 6, ring ? packet.ringCapacity : packet.ringCapacity + kRingOffset,
             connection->own.file.get());
         Descriptor const bell = testsupport::oddBell((kinds >> 4) % 4, connection->own.bell.get());
-        sendPacket(connection->socket.get(), packet, file.get(), bell.get());
+        connection->send(packet, file.get(), bell.get());
         connection->hear((odd & 64) != 0 ? 5 : 0);
     }
 
@@ -187,15 +160,14 @@ private:
         Connection* const connection = connected();
         if (!connection)
             return;
-        Packet packet = peer_.packet(script_.byte() % 9);
+        Packet packet = connection->packet(script_.byte() % 9, kSmallestRing);
         unsigned char const odd = script_.byte();
         if ((odd & 1) != 0)
             packet.version ^= 1;
         if ((odd & 2) != 0)
             packet.from ^= 1;
         testsupport::LingeringConnection lingering;
-        if (sendPacket(connection->socket.get(), packet, lingering.get(),
-                       (odd & 4) != 0 ? lingering.get() : -1) != Transfer::Done)
+        if (!connection->send(packet, lingering.get(), (odd & 4) != 0 ? lingering.get() : -1))
             lingering.hurry();
         deaf_.push_back(lingering.takeOther());
         connection->hear((odd & 8) != 0 ? 5 : 0);
@@ -205,13 +177,7 @@ private:
         Connection* const connection = connected();
         if (!connection || !connection->own.valid())
             return;
-        int const bell = connection->own.bell.get();
-        // It may have been done before.
-        ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) | O_NONBLOCK);
-        for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
-            while (::write(bell, &step, sizeof step) > 0) {
-            }
-        ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
+        testsupport::blockBell(connection->own.bell.get());
         connection->own.page().asleep.fetch_add(1);
         connection->own.page().wantsSpace.fetch_add(1);
     }
@@ -223,22 +189,22 @@ private:
         Connection* const connection = connected();
         if (!connection || !connection->own.valid())
             return;
-        change(connection->own.page(), connection->own.ring.mapping.data());
-        if (connection->peer.valid())
-            ringDoorBell(connection->peer.bell.get());
+        change(*connection, connection->own.page());
+        connection->ring();
         settle(*connection);
     }
     void ring() {
-        share([](ControlPage&, unsigned char*) {});
+        share([](Connection&, ControlPage&) {});
     }
     void writeRing() {
-        share([this](ControlPage&, unsigned char* ring) {
+        share([this](Connection& connection, ControlPage&) {
             std::uint32_t const at = script_.number();
-            write(ring, at, script_.text());
+            std::string const bytes = script_.text();
+            connection.write(at, bytes.data(), bytes.size());
         });
     }
     void storeWord() {
-        share([this](ControlPage& page, unsigned char*) {
+        share([this](Connection&, ControlPage& page) {
             std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
                                                          &page.wantsSpace};
             std::atomic<std::uint32_t>& word = *words[script_.byte() % 4];
@@ -248,19 +214,15 @@ private:
     }
     /** Good ones. */
     void putFrames() {
-        share([this](ControlPage& page, unsigned char* ring) {
+        share([this](Connection& connection, ControlPage& page) {
             std::uint32_t tail = page.tail.load();
             for (int left = script_.byte() % 8; left >= 0; --left) {
                 FrameHead const head{script_.byte() * 8u, script_.byte() * 8u};
-                write(ring, tail, {reinterpret_cast<char const*>(&head), sizeof head});
+                connection.writeFrame(tail, head, {});
                 tail += frameBytes(head.length);
             }
             page.tail.store(tail);
         });
-    }
-    static void write(unsigned char* ring, std::uint32_t at, std::string const& bytes) {
-        for (std::size_t i = 0; i < bytes.size(); ++i)
-            ring[(at + i) % kSmallestRing] = static_cast<unsigned char>(bytes[i]);
     }
     /** Until the termination has read the ring, or closed the connection. */
     static void settle(Connection& connection) {
@@ -275,7 +237,7 @@ private:
 
     /** The peer says that it stands somewhere in what the termination has put in. */
     void takePart() {
-        share([this](ControlPage& page, unsigned char*) {
+        share([this](Connection&, ControlPage& page) {
             page.head.store(page.head.load() + (script_.byte() << script_.byte() % 12) * 8u);
         });
     }
@@ -327,7 +289,7 @@ private:
         files_.push_back(path);
         switch (type % 4) {
             case 0:
-                listenAt(path);
+                testsupport::socketAt(path);
                 break;
             case 1:
                 std::ofstream(path) << ((type & 64) != 0 ? script_.text() : "x");
@@ -350,16 +312,6 @@ private:
         char digits[10];
         std::snprintf(digits, sizeof digits, "%08x.", id);
         return digits;
-    }
-    static void listenAt(std::string const& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        if (path.size() >= sizeof address.sun_path)
-            return;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        Descriptor const socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        static_cast<void>(
-            ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
     }
     /** Kept open as long as it is in the folder: whoever closes it gives up his process's locks. */
     static int openPresence() {

@@ -1,5 +1,4 @@
 // Takes a buffer of unknown origin as an arrived message: checks and reports it, then reads it.
-#include <cstdint>
 #include <cstring>
 
 #include "FuzzProcess.h"

@@ -1,6 +1,5 @@
 // Types of arguments of unknown origin, and values of them as text and as bytes.
 #include <algorithm>
-#include <cstdint>
 
 #include "FuzzProcess.h"
 #include "reflect/TreflectParameterType.h"

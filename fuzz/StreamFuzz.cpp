@@ -1,6 +1,5 @@
 // Reads a payload of unknown origin as every type, in any order, between writes.
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>

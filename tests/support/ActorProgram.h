@@ -37,6 +37,8 @@ public:
         tell(command);
         return await(answer);
     }
+    /** Whether a command was done that tells just that. */
+    bool does(std::string const& command) { return ask(command, "done") == "1"; }
     /** Has an object made: its internal id, its broker and the broker's termination. */
     struct Made {
         unsigned int ioid = 0;

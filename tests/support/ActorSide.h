@@ -35,11 +35,14 @@ void obeyLines(Obey const& obey) {
     }
 }
 
+/** What a command returns that ends the program's input. */
+struct End {};
+
 /** What a verb has the program do with the words behind it. */
 class Command {
 public:
     /** The words are the arguments of `act`; those that are missing are empty, or 0. What it
-     * returns is answered, but for a bool, of which false ends the program's input. */
+     * returns is answered: a bool as "done 1" or "done 0", all else as it is. */
     template <class Act>
     Command(Act act) : run_(reading(std::function(act))) {}
 
@@ -52,12 +55,12 @@ private:
             auto const run = [&](auto&... words) {
                 ((line >> words), ...);
                 if constexpr (std::is_same_v<Result, bool>)
-                    return act(words...);
-                else if constexpr (std::is_void_v<Result>)
+                    answer("done ", act(words...));
+                else if constexpr (std::is_void_v<Result> || std::is_same_v<Result, End>)
                     act(words...);
                 else
                     answer(act(words...));
-                return true;
+                return !std::is_same_v<Result, End>;
             };
             std::tuple<std::decay_t<Words>...> words;
             return std::apply(run, words);

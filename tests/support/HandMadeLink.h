@@ -1,81 +1,18 @@
 // One end of a channel, made by hand: it does what it is told, and badly if told to.
 #pragma once
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string>
 #include <utility>
 
+#include "OddDescriptors.h"
 #include "platform/transport/local/Bell.h"
-#include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Packet.h"
+#include "platform/transport/local/Rendezvous.h"
 
 namespace testsupport {
-
-inline bool isReadable(int fd, int milliseconds) {
-    pollfd poll{fd, POLLIN, 0};
-    return ::poll(&poll, 1, milliseconds) == 1;
-}
-
-/** A descriptor that no file of shared memory is: `which` chooses the way, `good` is one. */
-inline Transport::Descriptor oddFile(unsigned int which, std::uint32_t capacity, int good) {
-    using namespace Transport;
-    switch (which % 7) {
-        case 0:
-            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
-        case 1:
-            return makeSealedFile(capacity % (2 * kLargestRing));
-        case 2:
-            return makeSealedFile(kRingOffset + kSmallestRing - 1);
-        case 3: {  // can be cut short at any time
-            Descriptor file(::memfd_create("unsealed", MFD_CLOEXEC));
-            if (::ftruncate(file.get(), kRingOffset + kSmallestRing) != 0)
-                std::abort();
-            return file;
-        }
-        case 4:
-            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
-        case 5:
-            return Descriptor();
-        default:
-            return Descriptor(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    }
-}
-
-/** The same for a bell. */
-inline Transport::Descriptor oddBell(unsigned int which, int good) {
-    using namespace Transport;
-    switch (which % 5) {
-        case 0:
-            return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
-        case 1: {  // it could block whoever rings it
-            Descriptor full(::eventfd(0, EFD_CLOEXEC));
-            std::uint64_t const most = ~std::uint64_t{1};
-            if (::write(full.get(), &most, sizeof most) != sizeof most)
-                std::abort();
-            return full;
-        }
-        case 2:
-            return Descriptor(::open("/dev/null", O_RDWR | O_CLOEXEC));
-        case 3:
-            return Descriptor();
-        default: {
-            int ends[2];
-            if (::pipe2(ends, O_CLOEXEC) != 0)
-                std::abort();
-            ::close(ends[0]);
-            return Descriptor(ends[1]);
-        }
-    }
-}
 
 /** A connection from one termination to another, with what each side has given the other. */
 struct HandMadeLink {
@@ -166,6 +103,42 @@ struct HandMadeLink {
         if (peer.valid())
             Transport::ringDoorBell(peer.bell.get());
     }
+};
+
+/** An entry of the rendezvous folder with nobody behind it but who uses it. */
+class HandMadeEntry {
+public:
+    explicit HandMadeEntry(Transport::GroupId group)
+        : id_(Transport::Rendezvous::instance().reserve(group, "hand-made")),
+          listening_(Transport::Rendezvous::instance().publish(id_)) {}
+    ~HandMadeEntry() { Transport::Rendezvous::instance().withdraw(id_); }
+    HandMadeEntry(HandMadeEntry const&) = delete;
+    HandMadeEntry& operator=(HandMadeEntry const&) = delete;
+
+    Transport::TerminationId id() const { return id_; }
+    /** A connection, without a word; its socket is invalid when there is none to be had. */
+    HandMadeLink connect(Transport::TerminationId to) const {
+        HandMadeLink link;
+        link.from = id_;
+        link.to = to;
+        link.socket = Transport::Descriptor(Transport::Rendezvous::instance().connectTo(to));
+        return link;
+    }
+    /** The next connection of somebody, waited for so long. */
+    HandMadeLink accept(Transport::TerminationId from, int milliseconds) const {
+        HandMadeLink link;
+        link.from = id_;
+        link.to = from;
+        if (isReadable(listening_.get(), milliseconds))
+            link.socket =
+                Transport::Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        return link;
+    }
+    void stopListening() { listening_.reset(); }
+
+private:
+    Transport::TerminationId const id_;
+    Transport::Descriptor listening_;
 };
 
 }  // namespace testsupport

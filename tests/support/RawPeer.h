@@ -51,6 +51,12 @@ public:
         return received_.size();
     }
 
+    /** What has come so far is not kept any longer. */
+    void forget() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        received_.clear();
+    }
+
     TreflectMessage make(unsigned int id, TreflectMessage::type_t type,
                          TreflectMessage::kind_t kind, unsigned int payload = 104) {
         TreflectMessage message(allocateMessage(payload + TreflectMessage::kHeaderSize, 5));

@@ -1,18 +1,13 @@
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <memory>
-
-#include "Peer.h"
-#include "RendezvousFolder.h"
+#include "TransportActor.h"
 
 namespace transporttest {
 namespace {
 
 using Transport::kLargestMessage;
 
-class ChannelTest : public testing::Test {
+class ChannelTest : public ActorsTest {
 protected:
     void SetUp() override { ASSERT_EQ(own_.start(), 1); }
     /** Another process, which this one knows. */
@@ -25,7 +20,6 @@ protected:
         ASSERT_TRUE(peer.child().stopWholly());
     }
 
-    testsupport::RendezvousFolder folder_;
     TestTermination own_;
 };
 

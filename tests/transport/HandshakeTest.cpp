@@ -1,45 +1,34 @@
-#include <fcntl.h>
 #include <linux/fuse.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <thread>
-#include <vector>
 
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
 #include "LingeringConnection.h"
 #include "LogCapture.h"
-#include "Peer.h"
-#include "RendezvousFolder.h"
+#include "TransportActor.h"
 #include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Receiver.h"
-#include "platform/transport/local/Rendezvous.h"
 
 namespace transporttest {
 namespace {
 
 using namespace Transport;
 
+using testsupport::blockBell;
+using testsupport::bytesOf;
+using testsupport::eventually;
 using testsupport::LingeringConnection;
-
-bool waitReadable(int fd) {
-    return testsupport::isReadable(fd, 30'000);
-}
-
-/** Waits for the next packet; Closed at the end. */
-Transfer waitForPacket(int fd, ReceivedPacket& received) {
-    return waitReadable(fd) ? receivePacket(fd, received) : Transfer::Later;
-}
+using testsupport::sendWith;
+using testsupport::SocketPair;
 
 std::size_t openDescriptors(std::string const& kind) {
     std::size_t count = 0;
@@ -82,25 +71,16 @@ private:
  */
 class HandMadePeer : public testsupport::HandMadeLink {
 public:
-    HandMadePeer() {
-        from = Rendezvous::instance().reserve(kGroup, "hand-made");
-        listening_ = Descriptor(Rendezvous::instance().publish(from));
-    }
-    ~HandMadePeer() { Rendezvous::instance().withdraw(from); }
+    HandMadePeer() { from = entry_.id(); }
 
     ControlPage& page() { return own.page(); }
 
     bool connect(TerminationId destination) {
         to = destination;
-        formerSocket_ = std::move(socket);
-        socket = Descriptor(Rendezvous::instance().connectTo(to));
-        return socket.valid();
+        return take(entry_.connect(to));
     }
-    void accept() {
-        waitReadable(listening_.get());
-        socket = Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    }
-    void stopListening() { listening_ = Descriptor(); }
+    void accept() { take(entry_.accept(to, kPatience)); }
+    void stopListening() { entry_.stopListening(); }
     void hangUp() { socket.reset(); }
     /** A Hello with a fault. */
     Packet badHello(void (*spoil)(Packet&)) const {
@@ -114,14 +94,7 @@ public:
             makeSide();
         introduce();
     }
-    bool isWelcome() {
-        ReceivedPacket received;
-        if (waitForPacket(socket.get(), received) != Transfer::Done ||
-            received.packet.kind != Packet::Welcome)
-            return false;
-        peer = PeerSide::of(received);
-        return peer.valid();
-    }
+    bool isWelcome() { return nextKind() == Packet::Welcome && peer.valid(); }
     bool open(TerminationId destination) {
         if (!connect(destination))
             return false;
@@ -131,32 +104,36 @@ public:
     /** Takes the other side's Hello and answers with Welcome. */
     bool welcome() {
         accept();
-        ReceivedPacket received;
-        if (waitForPacket(socket.get(), received) != Transfer::Done ||
-            received.packet.kind != Packet::Hello)
-            return false;
-        peer = PeerSide::of(received);
+        bool const greeted = nextKind() == Packet::Hello && peer.valid();
         makeSide();
-        return peer.valid() &&
+        return greeted &&
                send(packet(Packet::Welcome, kSmallestRing), own.file.get(), own.bell.get());
     }
     /** Whether the other side sleeps. */
     bool mustRing() const { return peer.page().asleep.load() != 0; }
     /** Bytes that lie in the other side's ring, or have lain there. */
     std::uint32_t wasSent() const { return peer.page().tail.load(); }
-    /** Of the next packet; Bye when none comes. */
+
+    static constexpr int kNone = 0;
+    static constexpr int kEnd = -1;
+    /** Of the next packet, whose descriptors are kept. */
     int nextKind() {
         ReceivedPacket received;
-        bool const came = waitForPacket(socket.get(), received) == Transfer::Done;
-        return came ? received.packet.kind : static_cast<int>(Packet::Bye);
+        if (!testsupport::isReadable(socket.get(), kPatience))
+            return kNone;
+        Transfer const transfer = receivePacket(socket.get(), received);
+        if (received.file.valid() && received.bell.valid())
+            peer = PeerSide::of(received);
+        return transfer == Transfer::Done     ? received.packet.kind
+               : transfer == Transfer::Closed ? kEnd
+                                              : kNone;
     }
     /** Whether the connection is closed, after whatever else comes. */
     bool isDropped() {
-        ReceivedPacket received;
-        Transfer transfer = waitForPacket(socket.get(), received);
-        while (transfer == Transfer::Done)
-            transfer = waitForPacket(socket.get(), received);
-        return transfer == Transfer::Closed;
+        int kind = nextKind();
+        while (kind > kNone)
+            kind = nextKind();
+        return kind == kEnd;
     }
     void put(FrameHead const& head, std::uint32_t tail) {
         write(0, &head, sizeof head);
@@ -165,50 +142,83 @@ public:
     }
 
 private:
-    Descriptor listening_;
+    static constexpr int kPatience = 30'000;  // milliseconds
+
+    bool take(HandMadeLink made) {
+        formerSocket_ = std::move(socket);
+        socket = std::move(made.socket);
+        return socket.valid();
+    }
+
+    testsupport::HandMadeEntry entry_{kGroup};
     Descriptor formerSocket_;  // stays open
 };
 
-class HandshakeTest : public testing::Test {
+class HandshakeTest : public ActorsTest {
 protected:
     void SetUp() override { ASSERT_EQ(own_.start(), 1); }
-    /** The name of the termination's socket in the rendezvous folder. */
-    std::string socketFile() const {
-        for (auto const& entry : std::filesystem::directory_iterator(folder_.path()))
-            if (entry.is_socket())
-                return entry.path().filename().string();
-        return {};
-    }
     void expectThatAGoodOneIsWelcome() {
         HandMadePeer good;
         EXPECT_TRUE(good.open(own_.termId()));
     }
 
-    testsupport::RendezvousFolder folder_;
     testsupport::LogCapture log_;
     TestTermination own_;
 };
 
-TEST_F(HandshakeTest, NonsenseOnTheSocketIsDroppedWithALogLine) {
+TEST_F(HandshakeTest, WhoIntroducesItselfWronglyIsDroppedWithALogLine) {
+    char const* const nonsense = "it sent nonsense";
+    char const* const refused = "refused process";
+    char const* const noMemory = "its shared memory makes no sense";
     HandMadePeer peer;
-    std::vector<std::function<void()>> const nonsense = {
-        [&] { ::send(peer.socket.get(), "hello", 5, 0); },
-        [&] { peer.send(peer.badHello([](Packet& packet) { packet.version = 77; })); },
-        [&] { peer.send(peer.badHello([](Packet& packet) { packet.to ^= 1; })); },
-        [&] { peer.send(peer.packet(Packet::Bye)); },
+    Peer const child;
+    OwnSide const good = OwnSide::make();
+    Descriptor const small = makeSealedFile(kRingOffset);
+    Descriptor const unsealed = testsupport::oddFile(3, 0, -1);
+    SocketPair const noFile;
+    int const file = good.file.get();
+    int const bell = good.bell.get();
+    auto const claim = [&](TerminationId id) {
+        Packet hello = peer.packet(Packet::Hello, kSmallestRing);
+        hello.from = id.value();
+        peer.send(hello);
     };
-    for (auto const& send : nonsense) {
+    auto const give = [&](int its, int bells, std::uint32_t capacity = kSmallestRing) {
+        peer.send(peer.packet(Packet::Hello, capacity), its, bells);
+    };
+    struct {
+        char const* line;
+        std::function<void()> introduce;
+    } const cases[] = {
+        {nonsense, [&] { ::send(peer.socket.get(), "hello", 5, 0); }},
+        {nonsense, [&] { peer.send(peer.badHello([](Packet& packet) { packet.version = 77; })); }},
+        {nonsense, [&] { peer.send(peer.badHello([](Packet& packet) { packet.to ^= 1; })); }},
+        {nonsense, [&] { peer.send(peer.packet(Packet::Bye)); }},
+        {refused, [&] { claim(child.id()); }},
+        {refused, [&] { claim(0x03010ABC); }},
+        {noMemory, [&] { give(small.get(), bell); }},
+        {noMemory, [&] { give(unsealed.get(), bell); }},
+        {noMemory, [&] { give(noFile.far.get(), bell); }},
+        {noMemory, [&] { give(file, noFile.far.get()); }},
+        {noMemory, [&] { give(file, bell, kSmallestRing + 8); }},
+        {noMemory, [&] { give(file, -1); }},
+        {noMemory, [&] { give(-1, -1); }},
+    };
+    auto const expectLine = [&](auto const& bad) {
+        std::size_t const before = log_.count(bad.line);
         ASSERT_TRUE(peer.connect(own_.termId()));
-        send();
+        bad.introduce();
         EXPECT_TRUE(peer.isDropped());
-    }
-    EXPECT_TRUE(log_.waitFor("it sent nonsense", nonsense.size()));
+        EXPECT_TRUE(log_.waitFor(bad.line, before + 1));
+    };
+    for (auto const& bad : cases)
+        expectLine(bad);
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(peer.connect(own_.termId()));
-        ::send(peer.socket.get(), "hello", 5, 0);
+        cases[0].introduce();
         EXPECT_TRUE(peer.isDropped());
     }
-    EXPECT_LT(log_.count("it sent nonsense"), 50u) << "at will";
+    EXPECT_LT(log_.count(nonsense), 50u) << "at will";
     expectThatAGoodOneIsWelcome();
 }
 
@@ -216,18 +226,16 @@ TEST_F(HandshakeTest, AProcessOfAnotherUserIsRefused) {
     if (::geteuid() != 0)
         GTEST_SKIP() << "only root can start a process of another user";
     // As if somebody had opened the folder, whose mode keeps others away by itself.
-    std::string const file = socketFile();
+    std::string const file = fileOf(hex(own_.termId())).filename();
     ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
-    ASSERT_EQ(::chmod((folder_.path() + "/" + file).c_str(), 0666), 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    file.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::chmod(inFolder(file).c_str(), 0666), 0);
+    sockaddr_un const address = testsupport::addressOf(file);
     pid_t const stranger = ::fork();
     if (stranger == 0) {  // only system calls; by a name, since a path may be too long
         int const socket = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
         bool const connected =
             ::chdir(folder_.path().c_str()) == 0 && ::syscall(SYS_setuid, 65534) == 0 &&
-            ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            ::connect(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0;
         char byte = 0;
         ::_exit(connected && ::recv(socket, &byte, 1, 0) <= 0 ? 0 : 1);
     }
@@ -261,48 +269,7 @@ TEST_F(HandshakeTest, ManyWhoSayNothingMakeRoomForOthersTheOldestFirst) {
             << i;
 }
 
-TEST_F(HandshakeTest, AProcessCannotClaimATerminationOfAnother) {
-    Peer const child;
-    HandMadePeer peer;
-    for (unsigned int const id : {child.id().value(), 0x03010ABCu}) {
-        ASSERT_TRUE(peer.connect(own_.termId()));
-        Packet claim = peer.packet(Packet::Hello, kSmallestRing);
-        claim.from = id;
-        peer.send(claim);
-        EXPECT_TRUE(peer.isDropped());
-    }
-    EXPECT_TRUE(log_.waitFor("refused process", 2));
-}
-
-TEST_F(HandshakeTest, MemoryThatIsNotSealedOrTheBellOfAnotherKindIsRefused) {
-    HandMadePeer peer;
-    OwnSide good = OwnSide::make();
-    Descriptor small = makeSealedFile(kRingOffset);
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
-    Descriptor readEnd(pipe[0]);
-    Descriptor writeEnd(pipe[1]);
-    struct {
-        int file;
-        int bell;
-        std::uint32_t capacity;
-    } const cases[] = {
-        {small.get(), good.bell.get(), kSmallestRing},
-        {writeEnd.get(), good.bell.get(), kSmallestRing},
-        {good.file.get(), writeEnd.get(), kSmallestRing},
-        {good.file.get(), good.bell.get(), kSmallestRing + 8},
-        {good.file.get(), -1, kSmallestRing},
-        {-1, -1, kSmallestRing},
-    };
-    for (auto const& bad : cases) {
-        ASSERT_TRUE(peer.connect(own_.termId()));
-        peer.send(peer.packet(Packet::Hello, bad.capacity), bad.file, bad.bell);
-        EXPECT_TRUE(peer.isDropped());
-    }
-    EXPECT_TRUE(log_.waitFor("its shared memory makes no sense", std::size(cases)));
-}
-
-TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndNoOther) {
+TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndGivesBackWhatItHeld) {
     HandMadePeer good;
     ASSERT_TRUE(good.open(own_.termId()));
     std::vector<std::function<void(HandMadePeer&)>> const nonsense = {
@@ -321,26 +288,23 @@ TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndNoOther) {
                 own_.send(peer.from, TestHead::Numbered, i, 1000);
         },
     };
+    std::uint32_t returned = 0;
     for (auto const& spoil : nonsense) {
         HandMadePeer peer;
         ASSERT_TRUE(peer.open(own_.termId()));
+        ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
         spoil(peer);
         EXPECT_TRUE(peer.isDropped());
+        EXPECT_TRUE(own_.waitForReturned(++returned));
+        ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
+        peer.accept();
+        EXPECT_EQ(peer.nextKind(), Packet::Hello) << "the next message makes a new channel";
+        ++returned;  // when the peer goes
     }
+    EXPECT_EQ(own_.tally().returnedFaults, 0u);
     EXPECT_TRUE(log_.waitFor("closing the channel", nonsense.size()));
     good.put({0, 0}, 8);
     EXPECT_TRUE(own_.waitForReceived(1)) << "the good one has suffered";
-}
-
-TEST_F(HandshakeTest, WhatABrokenChannelHeldComesBackAndTheNextMessageMakesANewOne) {
-    HandMadePeer peer;
-    ASSERT_TRUE(peer.open(own_.termId()));
-    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
-    peer.put({100, 8}, 112);
-    EXPECT_TRUE(own_.waitForReturned(1));
-    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
-    peer.accept();
-    EXPECT_EQ(peer.nextKind(), Packet::Hello);
 }
 
 /** Has what comes back sent once more, as often as that is granted. */
@@ -362,25 +326,17 @@ TEST_F(HandshakeTest, WhatIsSentAgainComesBackForGoodTheNextTime) {
         ASSERT_EQ(own.send(peer.from, TestHead::Numbered, 0, size), 1);
     peer.hangUp();
     ASSERT_TRUE(peer.welcome());
-    EXPECT_TRUE(testsupport::eventually([&] { return peer.wasSent() > sizes[0] + sizes[1]; }));
+    EXPECT_TRUE(eventually([&] { return peer.wasSent() > sizes[0] + sizes[1]; }));
     EXPECT_EQ(own.tally().returned, 0u);
     peer.hangUp();
     EXPECT_TRUE(own.waitForReturned(2));
     EXPECT_EQ(own.tally().returnedFaults, 0u);
 }
 
-/** Makes the counter so full that nothing more goes in, and has whoever adds to it wait. */
-void fillAndMakeBlocking(int bell) {
-    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
-        while (::write(bell, &step, sizeof step) > 0) {
-        }
-    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
-}
-
 TEST_F(HandshakeTest, APeerThatMakesItsBellBlockHoldsUpNobody) {
     HandMadePeer peer;
     ASSERT_TRUE(peer.open(own_.termId()));
-    fillAndMakeBlocking(peer.own.bell.get());
+    blockBell(peer.own.bell.get());
     for (std::uint32_t i = 1; i <= 3; ++i) {
         // Whoever sends rings, and so does the receiving thread for a peer that wants room.
         peer.page().asleep.store(i);
@@ -431,44 +387,19 @@ TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
         expectThatAGoodOneIsWelcome();
     }
     std::size_t const ownSockets = 2;  // one listens, one finds out who lives
-    EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") <= ownSockets; }))
+    EXPECT_TRUE(eventually([&] { return openDescriptors("socket:") <= ownSockets; }))
         << "something has stayed open";
 }
 
 /** Sends a packet with all these, of which the caller keeps none. */
-void passAll(int socket, Packet packet, std::vector<LingeringConnection>& connections) {
-    iovec part{&packet, sizeof packet};
-    alignas(cmsghdr) unsigned char control[CMSG_SPACE(16 * sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = CMSG_SPACE(connections.size() * sizeof(int));
-    ASSERT_LE(message.msg_controllen, sizeof control);
-    cmsghdr* const head = CMSG_FIRSTHDR(&message);
-    head->cmsg_level = SOL_SOCKET;
-    head->cmsg_type = SCM_RIGHTS;
-    head->cmsg_len = CMSG_LEN(connections.size() * sizeof(int));
+void passAll(int socket, Packet const& packet, std::vector<LingeringConnection>& connections) {
     std::vector<int> descriptors;
     for (auto const& connection : connections)
         descriptors.push_back(connection.get());
-    std::memcpy(CMSG_DATA(head), descriptors.data(), descriptors.size() * sizeof(int));
-    EXPECT_GT(::sendmsg(socket, &message, 0), 0);
+    EXPECT_TRUE(sendWith(socket, bytesOf(packet), descriptors));
     for (auto& connection : connections)
         connection.letGo();
 }
-
-/** Two ends of a connection of the channels' kind. */
-struct SocketPair {
-    SocketPair() {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        near = Descriptor(ends[0]);
-        far = Descriptor(ends[1]);
-    }
-    Descriptor near;
-    Descriptor far;
-};
 
 TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
     std::size_t const before = openDescriptors("socket:");
@@ -486,7 +417,7 @@ TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
         EXPECT_TRUE(peer.isDropped());
     }
     expectThatAGoodOneIsWelcome();
-    EXPECT_TRUE(testsupport::eventually([&] {
+    EXPECT_TRUE(eventually([&] {
         return openDescriptors("socket:") <= before + connections.size();
     })) << "whoever closes hangs";
 }
@@ -526,25 +457,26 @@ private:
                 ::read(device_.get(), request, sizeof request) < ssize_t{sizeof(fuse_in_header)})
                 continue;
             auto const& head = *reinterpret_cast<fuse_in_header const*>(request);
-            fuse_init_out welcome{};
-            welcome.major = FUSE_KERNEL_VERSION;
-            welcome.minor = FUSE_KERNEL_MINOR_VERSION;
-            welcome.max_write = 4096;
-            fuse_attr_out attributes{};
-            attributes.attr.mode = S_IFREG | 0600;
-            attributes.attr.nlink = 1;
-            fuse_open_out const opened{};
-            if (head.opcode == FUSE_INIT)
-                answer(head, &welcome, sizeof welcome);
-            else if (head.opcode == FUSE_GETATTR)
-                answer(head, &attributes, sizeof attributes);
-            else if (head.opcode == FUSE_OPEN)
-                answer(head, &opened, sizeof opened);
+            if (head.opcode == FUSE_INIT) {
+                fuse_init_out welcome{};
+                welcome.major = FUSE_KERNEL_VERSION;
+                welcome.minor = FUSE_KERNEL_MINOR_VERSION;
+                welcome.max_write = 4096;
+                answer(head, welcome);
+            } else if (head.opcode == FUSE_GETATTR) {
+                fuse_attr_out attributes{};
+                attributes.attr.mode = S_IFREG | 0600;
+                attributes.attr.nlink = 1;
+                answer(head, attributes);
+            } else if (head.opcode == FUSE_OPEN) {
+                answer(head, fuse_open_out{});
+            }
         }
     }
-    void answer(fuse_in_header const& to, void const* body, std::size_t size) const {
-        fuse_out_header head{static_cast<std::uint32_t>(sizeof head + size), 0, to.unique};
-        iovec parts[] = {{&head, sizeof head}, {const_cast<void*>(body), size}};
+    template <class Body>
+    void answer(fuse_in_header const& to, Body body) const {
+        fuse_out_header head{sizeof head + sizeof body, 0, to.unique};
+        iovec parts[] = {{&head, sizeof head}, {&body, sizeof body}};
         EXPECT_GT(::writev(device_.get(), parts, 2), 0);
     }
 
@@ -571,7 +503,7 @@ TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
         LingeringConnection connection;
         pass(connection.get());
         connection.letGo();
-        EXPECT_TRUE(testsupport::eventually([&] { return connection.isClosed(); }));
+        EXPECT_TRUE(eventually([&] { return connection.isClosed(); }));
     }
     expectThatAGoodOneIsWelcome();
 }
@@ -610,7 +542,7 @@ TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     peer.makeSide();
     std::size_t const before = openDescriptors("socket:");
     ASSERT_TRUE(peer.connect(own_.termId()));
-    ASSERT_TRUE(testsupport::eventually([&] { return openDescriptors("socket:") == before + 2; }));
+    ASSERT_TRUE(eventually([&] { return openDescriptors("socket:") == before + 2; }));
     {
         NoDescriptors const none;
         peer.sayHello();
@@ -628,61 +560,46 @@ TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     EXPECT_FALSE(log_.contains("closing the channel"));
 }
 
-/** Does something when so many messages have come from one. */
-class Watching : public TestTermination {
-public:
-    ~Watching() override { stop(); }
-    bool receive(AddressedMessage const& message) override {
-        if (message.originator() == from_ && tally().received == at_)
-            then_();
-        last_ = message.originator();
-        return TestTermination::receive(message);
-    }
-    void at(std::uint32_t count, TerminationId from, std::function<void()> then) {
-        at_ = count;
-        from_ = from;
-        then_ = std::move(then);
-    }
-    TerminationId last() const { return last_; }
-
-private:
-    std::uint32_t at_ = 0;
-    TerminationId from_;
-    std::function<void()> then_;
-    std::atomic<TerminationId> last_;
-};
-
 TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
     HandMadePeer good;
     HandMadePeer noisy;
-    Watching own;
-    own.at(1000, noisy.from, [&] { good.put({0, 0}, 8); });
+    std::atomic<TerminationId> last;
+    TestTermination own;
+    own.onReceive([&](AddressedMessage const& message) {
+        if (own.tally().received == 1000)
+            good.put({0, 0}, 8);
+        last = message.originator();
+        return true;
+    });
     ASSERT_EQ(own.start(), 1);
     ASSERT_TRUE(good.open(own.termId()));
     ASSERT_TRUE(noisy.open(own.termId()));
     noisy.page().tail.store(8 * kMany);  // of nothing each
     noisy.hangUp();
     ASSERT_TRUE(own.waitForReceived(kMany + 1));
-    EXPECT_EQ(own.last(), noisy.from) << "all of them came in one go";
+    EXPECT_EQ(last.load(), noisy.from) << "all of them came in one go";
 }
 
 TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
     HandMadePeer stranger;
     HandMadePeer quiet;
     HandMadePeer busy;
-    Watching own;
-    own.at(1, busy.from, [&] {
-        EXPECT_TRUE(stranger.connect(own.termId()));
-        quiet.put({0, 0}, 8);
-        starve(1);
+    TestTermination own;
+    own.onReceive([&](AddressedMessage const& message) {
+        if (message.originator() == busy.from && own.tally().received == 1) {
+            EXPECT_TRUE(stranger.connect(own.termId()));
+            quiet.put({0, 0}, 8);
+            starve(1);
+        }
+        return true;
     });
     ASSERT_EQ(own.start(), 1);
     ASSERT_TRUE(quiet.open(own.termId()));
     ASSERT_TRUE(busy.open(own.termId()));
     busy.put({0, 0}, 8);
     ASSERT_TRUE(own.waitForReceived(1));
-    ASSERT_TRUE(testsupport::eventually([&] { return quiet.mustRing(); }));
+    ASSERT_TRUE(eventually([&] { return quiet.mustRing(); }));
     {
         Sated const sated;
         busy.put({0, 0}, 16);
@@ -739,7 +656,7 @@ TEST_F(HandshakeTest, IdleChannelsAreGivenBackAndMadeAgain) {
         ASSERT_TRUE(own_.ping(peer, round));
         // Some rounds meet the channel while it is being given back.
         if (round % 4 == 0)
-            EXPECT_TRUE(testsupport::eventually([&] { return openBells() <= before; }));
+            EXPECT_TRUE(eventually([&] { return openBells() <= before; }));
         else
             std::this_thread::sleep_for(std::chrono::microseconds(1500 * round));
         for (int i = 0; i < 20; ++i)

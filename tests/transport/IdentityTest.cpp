@@ -1,15 +1,12 @@
 // Who a process is: from the program, from the environment, and what is refused.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "PresenceActor.h"
-#include "RendezvousFolder.h"
+#include "TransportActor.h"
 #include "platform/transport/IdentityValues.h"
 
+namespace transporttest {
 namespace {
-
-constexpr char const* kRefused = "00000000";
 
 class IdentityTest : public testing::Test {
 protected:
@@ -29,12 +26,12 @@ TEST_F(IdentityTest, programWinsOverTheEnvironmentUntilTheFirstTermination) {
     PresenceActor actor(
         PresenceActor::Environment{{"TRANSPORT_SLOT", "nonsense"}, {"TRANSPORT_ACTOR", "pump"}});
     for (char const* command : {"slot 5", "axu 4,5", "actor valve"})
-        EXPECT_TRUE(actor.set(command)) << command;
+        EXPECT_TRUE(actor.does(command)) << command;
     EXPECT_EQ(actor.ask("identity", "identity"), "5 1 valve 4 5 axu");
     EXPECT_EQ(actor.start(2).substr(0, 4), "0205");
     for (char const* command : {"slot 6", "axu 6", "actor other", "directory /tmp"})
-        EXPECT_FALSE(actor.set(command)) << command;
-    EXPECT_TRUE(actor.set("active 2")) << "changes while the program runs";
+        EXPECT_FALSE(actor.does(command)) << command;
+    EXPECT_TRUE(actor.does("active 2")) << "changes while the program runs";
     EXPECT_EQ(actor.ask("identity", "identity"), "5 2 valve 4 5 axu");
     EXPECT_TRUE(actor.child().waitForErrorLine("cannot be set any more"));
 }
@@ -43,8 +40,8 @@ TEST_F(IdentityTest, settersRefuseNonsenseAndKeepTheDefaults) {
     PresenceActor actor;
     for (char const* command : {"slot 0", "slot 256", "slot -1", "active 0", "active 3", "axu 2",
                                 "axu 3,256", "directory relative/path"})
-        EXPECT_FALSE(actor.set(command)) << command;
-    EXPECT_EQ(actor.ask("identity", "identity"), "1 1 presence_actor");
+        EXPECT_FALSE(actor.does(command)) << command;
+    EXPECT_EQ(actor.ask("identity", "identity"), "1 1 transport_actor");
     EXPECT_EQ(actor.start(3).substr(0, 4), "0301");
 }
 
@@ -109,3 +106,4 @@ TEST_F(IdentityTest, folderThatIsNotTheUsersAloneIsRefused) {
 }
 
 }  // namespace
+}  // namespace transporttest

@@ -1,10 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include "RendezvousFolder.h"
 #include "TestTermination.h"
@@ -21,33 +17,19 @@ protected:
     testsupport::RendezvousFolder folder_;
 };
 
-/** Calls a function on its receiving thread. */
-class CallingTermination : public TestTermination {
-public:
-    ~CallingTermination() override { stop(); }
-    bool receive(AddressedMessage const& message) override {
-        ++calls_;
-        std::function<void()> const action = action_;  // which may delete this termination
-        bool const result = TestTermination::receive(message);
-        action();
-        return result;
-    }
-    void onReceive(std::function<void()> action) { action_ = std::move(action); }
-    /** Has its receiving thread wait inside. */
-    void holdUp() {
-        onReceive([this] {
+/** Has the receiving thread of a termination wait inside. */
+struct HeldUp {
+    explicit HeldUp(TestTermination& held) : termination(held) {
+        held.onReceive([this](AddressedMessage const&) {
             inside.open();
-            goOn.wait();
+            return goOn.wait();
         });
     }
-    int calls() const { return calls_; }
+    ~HeldUp() { termination.stop(); }
 
+    TestTermination& termination;
     testsupport::Gate inside;
     testsupport::Gate goOn;
-
-private:
-    std::function<void()> action_;  // set before messages come
-    std::atomic<int> calls_{0};
 };
 
 TEST_F(LocalTest, ATerminationSendsToItselfAndToOthersOfItsProcess) {
@@ -98,35 +80,36 @@ TEST_F(LocalTest, NothingGoesFromOrToATerminationThatIsNotStarted) {
 }
 
 TEST_F(LocalTest, StopReturnsOnlyWhenTheRunningCallbackHasEnded) {
-    CallingTermination own;
-    own.holdUp();
+    TestTermination own;
+    HeldUp held(own);
     ASSERT_EQ(own.start(), 1);
     ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 0), 1);
     ASSERT_EQ(own.send(own.termId(), TestHead::Numbered, 1), 1);
-    ASSERT_TRUE(own.inside.wait());
+    ASSERT_TRUE(held.inside.wait());
     std::thread opener([&] {
         testsupport::eventually([&] { return own.send(own.termId(), TestHead::Numbered, 2) == 0; });
-        own.goOn.open();
+        held.goOn.open();
     });
     own.stop();
-    EXPECT_TRUE(own.goOn.isOpen());
-    int const calls = own.calls();
+    EXPECT_TRUE(held.goOn.isOpen());
+    std::uint32_t const calls = own.tally().received;
     opener.join();
-    EXPECT_EQ(own.calls(), calls);
+    EXPECT_EQ(own.tally().received, calls);
 }
 
 TEST_F(LocalTest, ATerminationMayBeStoppedAndDeletedInItsOwnCallback) {
     TestTermination other;
     ASSERT_EQ(other.start(), 1);
     for (bool const deleting : {false, true}) {
-        auto* own = new CallingTermination;
+        auto* own = new TestTermination;
         testsupport::Gate done;
-        own->onReceive([&] {
+        own->onReceive([&](AddressedMessage const&) {
             if (deleting)
                 delete own;
             else
                 own->stop();
             done.open();
+            return false;
         });
         ASSERT_EQ(own->start(), 1);
         Transport::TerminationId const id = own->termId();
@@ -141,19 +124,19 @@ TEST_F(LocalTest, ATerminationMayBeStoppedAndDeletedInItsOwnCallback) {
 
 TEST_F(LocalTest, WhatAStoppedTerminationHasNotReadComesBack) {
     TestTermination sender;
-    auto receiver = std::make_unique<CallingTermination>();
-    receiver->holdUp();
+    auto receiver = std::make_unique<TestTermination>();
+    HeldUp held(*receiver);
     ASSERT_EQ(sender.start() + receiver->start(), 2);
     for (std::uint32_t i = 0; i < 10; ++i)
         ASSERT_EQ(sender.send(receiver->termId(), TestHead::Numbered, i, 500), 1);
-    ASSERT_TRUE(receiver->inside.wait());
+    ASSERT_TRUE(held.inside.wait());
     std::thread stopper([&] { receiver->stop(); });
     EXPECT_TRUE(sender.waitUntilGone(receiver->termId()));
     testsupport::eventually(
         [&] { return receiver->send(sender.termId(), TestHead::Numbered, 0) == 0; });
-    receiver->goOn.open();
+    held.goOn.open();
     stopper.join();
-    std::uint32_t const read = static_cast<std::uint32_t>(receiver->calls());
+    std::uint32_t const read = receiver->tally().received;
     EXPECT_TRUE(sender.waitForReturned(10 - read));
     EXPECT_EQ(sender.tally().returned, 10 - read);
     EXPECT_EQ(sender.tally().returnedFaults, 0u);
@@ -183,14 +166,14 @@ TEST_F(LocalTest, StoppingWhileOthersSendIsSafe) {
 }
 
 TEST_F(LocalTest, AFullInboxRefusesAndTakesAgainWhenItIsRead) {
-    CallingTermination own;
-    own.holdUp();
+    TestTermination own;
+    HeldUp held(own);
     ASSERT_EQ(own.start(), 1);
     std::uint32_t taken = 0;
     while (own.send(own.termId(), TestHead::Numbered, taken, 4 * 1024 * 1024) == 1)
         ASSERT_LT(++taken, 100u) << "no limit";
     EXPECT_GE(taken, 15u);
-    own.goOn.open();
+    held.goOn.open();
     EXPECT_TRUE(own.waitForReceived(taken));
     EXPECT_EQ(own.send(own.termId(), TestHead::Numbered, taken), 1);
 }

@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <mutex>
-#include <thread>
 
 #include "Threads.h"
 #include "Waiting.h"

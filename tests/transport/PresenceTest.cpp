@@ -1,32 +1,27 @@
 // Processes that see each other come, stop and die, through a rendezvous folder.
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 
-#include "PresenceActor.h"
-#include "RendezvousFolder.h"
 #include "Slowness.h"
+#include "TransportActor.h"
 
+namespace transporttest {
 namespace {
 
 using testsupport::eventually;
 using testsupport::kSlow;
-using Actors = std::vector<std::unique_ptr<PresenceActor>>;
 
-class PresenceTest : public testing::Test {
+class PresenceTest : public ActorsTest {
 protected:
     /** Actors with a termination each, in the order of their process ids, all knowing all. */
     void startActors(std::size_t count) {
-        for (std::size_t i = 0; i < count; ++i)
-            actors_.push_back(std::make_unique<PresenceActor>());
+        addActors(count);
         std::sort(actors_.begin(), actors_.end(),
                   [](auto& a, auto& b) { return a->child().pid() < b->child().pid(); });
         for (auto& actor : actors_)
             ids_.push_back(actor->start());
-        for (auto& actor : actors_)
-            ASSERT_TRUE(eventually([&] { return actor->known() == count; }));
+        ASSERT_TRUE(allKnow(count));
     }
 
     /** Kills some actors and expects all those not `deaf` to be told. */
@@ -45,15 +40,6 @@ protected:
         }
     }
 
-    std::string fileOf(std::string const& id) const {
-        for (auto const& entry : std::filesystem::directory_iterator(folder_.path()))
-            if (entry.path().filename().string().rfind(id, 0) == 0)
-                return entry.path().string();
-        return {};
-    }
-
-    testsupport::RendezvousFolder folder_;
-    Actors actors_;
     std::vector<std::string> ids_;
 };
 
@@ -68,8 +54,8 @@ TEST_F(PresenceTest, arrivalsAndOrderlyDeparturesAreToldToAllGroups) {
         EXPECT_TRUE(second.waitUntilTold("arrived", id));
     }
     EXPECT_EQ(a.substr(0, 4) + b.substr(0, 4) + c.substr(0, 4), "010102020302");
-    EXPECT_NE(fileOf(c).find("group3.slot2.pid"), std::string::npos) << fileOf(c);
-    second.stop(b);
+    EXPECT_NE(fileOf(c).string().find("group3.slot2.pid"), std::string::npos) << fileOf(c);
+    second.does("stop " + b);
     EXPECT_TRUE(first.waitUntilTold("departed", b));
     EXPECT_TRUE(second.waitUntilTold("departed", b));
     EXPECT_EQ(first.timesTold("arrived", a), 1u);
@@ -90,14 +76,13 @@ TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
 }
 
 TEST_F(PresenceTest, withoutProcessHandlesDeathsAreSeenByLookingFromTimeToTime) {
-    for (int i = 0; i < 3; ++i) {
-        actors_.push_back(std::make_unique<PresenceActor>());
-        if (actors_.back()->ask("withoutHandles", "without") != "yes")
+    addActors(3);
+    for (auto& actor : actors_) {
+        if (!actor->does("withoutHandles"))
             GTEST_SKIP() << "the kernel or the emulator cannot filter system calls";
-        ids_.push_back(actors_.back()->start());
+        ids_.push_back(actor->start());
     }
-    for (auto& actor : actors_)
-        ASSERT_TRUE(eventually([&] { return actor->known() == 3; }));
+    ASSERT_TRUE(allKnow(3));
     killAndExpectAllToBeTold({1});
 }
 
@@ -110,8 +95,8 @@ TEST_F(PresenceTest, processThatBecomesAnotherProgramIsSeenOnceAChannelHasEnded)
         std::getline(std::ifstream(name), comm);
         return comm == "sleep";
     }));
-    actors_[0]->ask("suspect " + ids_[2], "suspected");  // is well
-    actors_[0]->ask("suspect " + ids_[1], "suspected");
+    actors_[0]->does("suspect " + ids_[2]);  // is well
+    actors_[0]->does("suspect " + ids_[1]);
     for (std::size_t const i : {0u, 2u, 3u})
         EXPECT_TRUE(actors_[i]->waitUntilTold("departed", ids_[1]));
     EXPECT_EQ(actors_[0]->known(), 3u);
@@ -132,7 +117,7 @@ TEST_F(PresenceTest, whatACrashHasLeftIsRemovedAndNeverTold) {
     for (auto& actor : actors_)
         ASSERT_EQ(actor->child().exitCode(), -SIGKILL);
     std::string const visible = fileOf(ids_[0]);
-    std::string const hidden = folder_.path() + "/.new-030112ab.group3.slot1.pid1.x";
+    std::string const hidden = inFolder(".new-030112ab.group3.slot1.pid1.x");
     ASSERT_NE(visible, "");
     std::filesystem::rename(fileOf(ids_[1]), hidden);
     PresenceActor fresh;
@@ -145,48 +130,13 @@ TEST_F(PresenceTest, whatACrashHasLeftIsRemovedAndNeverTold) {
     EXPECT_EQ(fresh.timesTold("arrived", ids_[0]), 0u);
 }
 
-TEST_F(PresenceTest, foreignFilesInTheFolderAreLeftAlone) {
-    for (char const* name : {"/note.txt", "/03010001.plain", "/zzzzzzzz.x"})
-        std::ofstream(folder_.path() + name) << "x";
-    std::filesystem::create_directory(folder_.path() + "/03010002.folder");
-    startActors(2);
-    for (char const* name : {"/note.txt", "/03010001.plain", "/zzzzzzzz.x"})
-        EXPECT_TRUE(std::filesystem::exists(folder_.path() + name)) << name;
-}
-
-TEST_F(PresenceTest, damageToTheSharedFileStopsNobody) {
-    startActors(3);
-    std::string const shared = folder_.path() + "/presence";
-    for (std::size_t const size : {0u, 3u}) {
-        ASSERT_EQ(truncate(shared.c_str(), static_cast<off_t>(size)), 0);
-        actors_.push_back(std::make_unique<PresenceActor>());
-        ids_.push_back(actors_.back()->start());
-        for (auto& actor : actors_)
-            ASSERT_TRUE(eventually([&] { return actor->known() == actors_.size(); })) << size;
-    }
-    std::ofstream(shared, std::ios::in | std::ios::binary) << std::string(8, '\xFF');
-    killAndExpectAllToBeTold({1});
-    PresenceActor another;
-    EXPECT_NE(another.start(), "00000000");
-    EXPECT_TRUE(eventually([&] { return another.known() == actors_.size(); }));
-}
-
-TEST_F(PresenceTest, ownEntryThatSomebodyRemovesIsReported) {
-    startActors(2);
-    std::filesystem::remove(fileOf(ids_[0]));
-    PresenceActor another;
-    another.start();
-    EXPECT_TRUE(actors_[0]->child().waitForErrorLine("Somebody has removed"));
-    EXPECT_TRUE(actors_[1]->waitUntilTold("departed", ids_[0]));
-}
-
 TEST_F(PresenceTest, nameIdsAreNotGivenAgainSoon) {
     startActors(2);
     std::vector<std::string> ids = ids_;
     for (int i = 0; i < 100; ++i) {
         PresenceActor& actor = *actors_[static_cast<std::size_t>(i) % 2];
         ids.push_back(actor.start());
-        actor.stop(ids.back());
+        actor.does("stop " + ids.back());
     }
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
@@ -194,7 +144,7 @@ TEST_F(PresenceTest, nameIdsAreNotGivenAgainSoon) {
 
 TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
     startActors(2);
-    EXPECT_EQ(actors_[0]->ask("fork", "forked"), "0");
+    EXPECT_TRUE(actors_[0]->does("fork"));
     PresenceActor another;  // its start has everybody scan and a neighbour check the locks
     another.start();
     EXPECT_TRUE(eventually([&] { return another.known() == 3; }));
@@ -204,8 +154,8 @@ TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
 TEST_F(PresenceTest, programThatForksBeforeItsFirstTerminationIsLikeAnyOther) {
     startActors(1);
     PresenceActor daemon;
-    EXPECT_EQ(daemon.ask("identity", "identity"), "1 1 presence_actor");
-    daemon.ask("daemonize", "daemonized");
+    EXPECT_EQ(daemon.ask("identity", "identity"), "1 1 transport_actor");
+    EXPECT_TRUE(daemon.does("daemonize"));
     std::string const id = daemon.start();
     EXPECT_TRUE(actors_[0]->waitUntilTold("arrived", id));
     EXPECT_EQ(daemon.known(), 2u);
@@ -226,25 +176,13 @@ TEST_F(PresenceTest, descriptorsAreNotPassedOnToPrograms) {
 TEST_F(PresenceTest, manyTerminationsComingAndGoingAtOnceAreAllSeenByAll) {
     std::size_t const processes = kSlow ? 5 : 20;
     std::size_t const each = kSlow ? 4 : 10;
-    for (std::size_t i = 0; i < processes; ++i)
-        actors_.push_back(std::make_unique<PresenceActor>());
-    for (auto& actor : actors_)
-        actor->child().writeLine("churn " + std::to_string(each) + " 10");
-    for (auto& actor : actors_)
-        ASSERT_TRUE(actor->child().waitForLine("churned", std::chrono::seconds(60)));
-    auto const allAgree = [&](std::size_t count) {
-        std::string const expected = actors_[0]->view();
-        return std::stoul(expected) == count && expected.find(" agree 0") != expected.npos &&
-               std::all_of(actors_.begin(), actors_.end(),
-                           [&](auto& actor) { return actor->view() == expected; });
-    };
-    EXPECT_TRUE(eventually([&] { return allAgree(processes * each); })) << actors_[0]->view();
-    for (std::size_t i = 1; i < actors_.size(); i += 2)
-        actors_[i]->child().kill();
-    for (std::size_t i = actors_.size(); i-- > 0;)
-        if (i % 2 == 1)
-            actors_.erase(actors_.begin() + static_cast<std::ptrdiff_t>(i));
-    EXPECT_TRUE(eventually([&] { return allAgree(actors_.size() * each); })) << actors_[0]->view();
+    addActors(processes);
+    ASSERT_NO_FATAL_FAILURE(churn(each, 10));
+    EXPECT_TRUE(allAgree(processes * each)) << actors_[0]->view();
+    for (std::size_t i = 0; i < actors_.size(); ++i)
+        actors_.erase(actors_.begin() + static_cast<std::ptrdiff_t>(i));  // is killed
+    EXPECT_TRUE(allAgree(actors_.size() * each)) << actors_[0]->view();
 }
 
 }  // namespace
+}  // namespace transporttest

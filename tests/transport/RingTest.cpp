@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <optional>
-#include <vector>
 
 #include "AllocationCount.h"
 #include "platform/transport/local/Bell.h"

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -53,7 +54,14 @@ public:
         : Transport::TerminationImpl(kGroup, name) {}
     ~TestTermination() override { stop(); }
 
+    /** Called on the receiving thread with each message before it is counted; when it answers
+     * false, the termination may be gone. Set before messages come. */
+    using Hook = std::function<bool(Transport::AddressedMessage const&)>;
+    void onReceive(Hook hook) { hook_ = std::move(hook); }
+
     bool receive(Transport::AddressedMessage const& message) override {
+        if (Hook const hook = hook_; hook && !hook(message))
+            return true;
         TestHead const head = TestHead::of(message);
         if (head.kind == TestHead::Echo) {
             send(message.originator(), TestHead::Answer, head.number, message.size());
@@ -140,6 +148,7 @@ private:
         return changed_.wait_for(lock, testsupport::kPatience, condition);
     }
 
+    Hook hook_;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     Tally tally_;                                 // guarded by mutex_

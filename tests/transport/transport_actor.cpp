@@ -1,28 +1,5 @@
-// A process with terminations that tests of presence tell what to do, line by line.
-//
-//   slot N, active N, axu N,N, actor NAME, directory PATH: answers "set yes" or "set no"
-//   identity         answers "identity SLOT ACTIVE ACTOR AXU..."
-//   seat GROUP       a termination takes its address; answers "seated ID", 0 when refused
-//   show ID          it comes up; answers "shown yes" or "shown no"
-//   greet ID TO      the same after it has said Hello; answers "greeted yes" if it is welcome
-//   start GROUP      both; answers "started ID", 0 when refused
-//   stop ID          answers "stopped"
-//   churn KEEP N     starts KEEP, then stops and starts N times; answers "churned"
-//   view             answers "view COUNT HASH AGREE ERRORS", see `view`
-//   suspect ID       as if a channel to it had ended; answers "suspected"
-//   withoutHandles   the kernel refuses process handles from now on; answers "without yes"
-//   withoutRoom      the disk is full from now on for the folder's file; answers "without yes"
-//   withoutProc      /proc is not mounted; answers "without yes"
-//   starve GROUP     comes and goes while each allocation fails; answers "starved" and, when memory
-//                    was all that was missing, "well"
-//   linger           a forked child stays for a minute; answers "lingers"
-//   daemonize        goes on in a forked child; answers "daemonized"
-//   fork             a forked child tries everything; answers "forked CODE"
-//   exec             becomes another program
-//   inheritable      descriptors that exec would pass on; answers "inheritable N"
-//   quit             ends without stopping anything
-//
-// Unless it churns, it prints "arrived" and "departed" with listener and termination.
+// A process with terminations that the transport's tests tell what to do, line by line. Ids are
+// hexadecimal. Unless it churns, it prints "arrived" and "departed" with listener and termination.
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -33,33 +10,27 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
-#include <cstddef>
-#include <cstdlib>
 #include <filesystem>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <random>
-#include <set>
 #include <thread>
 
 #include "ActorSide.h"
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
+#include "TestTermination.h"
 #include "oswrap/OutOfMemory.h"
-#include "platform/transport/IdentityValues.h"
-#include "platform/transport/local/Rendezvous.h"
 #include "transport/IdInfo.h"
 #include "transport/TransportLayer.h"
 
 namespace {
 
 using testsupport::answer;
+using Transport::GroupId;
 using Transport::Rendezvous;
+using Transport::Setup;
 using Transport::TerminationId;
+using transporttest::TestHead;
+using transporttest::TestTermination;
 
 std::atomic<bool> quiet{false};
 
@@ -76,24 +47,36 @@ std::string hex(TerminationId id) {
     return text;
 }
 
-/** One termination; keeps the notices told to it and counts those that should not have been. */
+/** As it stands in a command. */
+struct Id : TerminationId {
+    using TerminationId::TerminationId;
+    friend std::istream& operator>>(std::istream& words, Id& id) {
+        unsigned int value = 0;
+        words >> std::hex >> value >> std::dec;
+        id = Id(value);
+        return words;
+    }
+};
+
+// ---- Terminations that are entries only ---------------------------------------------------------
+
+/** One of them; keeps the notices told to it and counts those that should not have been. */
 class Seat final : public Transport::PresenceListener {
 public:
-    explicit Seat(Transport::GroupId group) : id_(Rendezvous::instance().reserve(group, "seat")) {
+    explicit Seat(GroupId group) : id_(Rendezvous::instance().reserve(group, "seat")) {
         Rendezvous::instance().attach(*this);
     }
     ~Seat() {
         Rendezvous::instance().detach(*this);
         Rendezvous::instance().withdraw(id_);
-        if (socket_ >= 0)
-            ::close(socket_);
     }
     Seat(Seat const&) = delete;
     Seat& operator=(Seat const&) = delete;
 
     bool show() {
-        socket_ = id_.value() != 0 ? Rendezvous::instance().publish(id_) : -1;
-        return socket_ >= 0;
+        if (id_.value() != 0)
+            socket_ = Transport::Descriptor(Rendezvous::instance().publish(id_));
+        return socket_.valid();
     }
     TerminationId id() const { return id_; }
     int errors() const {
@@ -131,13 +114,29 @@ private:
     }
 
     TerminationId const id_;
-    int socket_ = -1;
+    Transport::Descriptor socket_;
     mutable std::mutex mutex_;
     std::map<TerminationId, bool> present_;  // guarded by mutex_
     int errors_ = 0;                         // guarded by mutex_
 };
 
-using Seats = std::vector<std::unique_ptr<Seat>>;
+/** Those not stopped live until the process ends; never destroyed. */
+auto& seats = *new std::vector<std::unique_ptr<Seat>>;
+
+Seat& reserveSeat(unsigned int group) {
+    return *seats.emplace_back(std::make_unique<Seat>(static_cast<GroupId>(group)));
+}
+
+auto seatOf(TerminationId id) {
+    return std::find_if(seats.begin(), seats.end(),
+                        [&](auto const& one) { return one->id() == id; });
+}
+
+std::string start(unsigned int group) {
+    Seat& seat = reserveSeat(group);
+    seat.show();
+    return "id " + hex(seat.id());
+}
 
 /** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes.
  */
@@ -153,14 +152,7 @@ bool greetTooEarly(Seat& seat, TerminationId to) {
     return link.peer.valid();
 }
 
-std::unique_ptr<Seat> startSeat(unsigned group) {
-    auto seat = std::make_unique<Seat>(static_cast<Transport::GroupId>(group));
-    seat->show();
-    return seat;
-}
-
-/** Count and hash of the ids known here, whether all notices agree, wrong notices so far. */
-std::string view(Seats const& seats) {
+void view() {
     auto const known = Transport::TransportLayer::instance().getTerminations();
     unsigned long long hash = 14695981039346656037u;
     for (TerminationId const id : known)
@@ -171,32 +163,35 @@ std::string view(Seats const& seats) {
         agree = agree && seat->agrees(known);
         errors += seat->errors();
     }
-    return std::to_string(known.size()) + " " + std::to_string(hash) +
-           (agree ? " agree " : " differ ") + std::to_string(errors);
+    answer("view ", known.size(), " ", hash, agree ? " agree " : " differ ", errors);
 }
 
-void churn(Seats& seats, std::size_t begin, std::size_t end, unsigned rounds) {
+/** Replaces seats of a range by new ones. */
+void replaceSome(std::size_t begin, std::size_t end, unsigned int rounds) {
     std::minstd_rand random(static_cast<unsigned>(::getpid()));
-    for (unsigned i = 0; i < rounds; ++i) {
+    for (unsigned int i = 0; i < rounds; ++i) {
         auto& seat = seats[begin + random() % (end - begin)];
         seat.reset();
-        seat = startSeat(1 + i % 3);
+        seat = std::make_unique<Seat>(static_cast<GroupId>(1 + i % 3));
+        seat->show();
     }
 }
 
 /** Two threads at the same time, each with its half of the seats. */
-void churn(Seats& seats, unsigned keep, unsigned rounds) {
+void churn(unsigned int keep, unsigned int rounds) {
     quiet = true;
-    for (unsigned i = 0; i < keep; ++i)
-        seats.push_back(startSeat(1 + i % 3));
-    std::thread other([&] { churn(seats, 0, keep / 2, rounds / 2); });
-    churn(seats, keep / 2, keep, rounds - rounds / 2);
+    for (unsigned int i = 0; i < keep; ++i)
+        reserveSeat(1 + i % 3).show();
+    std::thread other([&] { replaceSome(0, keep / 2, rounds / 2); });
+    replaceSome(keep / 2, keep, rounds - rounds / 2);
     other.join();
+    answer("churned");
 }
 
+// ---- Without memory -----------------------------------------------------------------------------
+
 /** Runs `code` while the nth allocation from now on fails; whether there are so many. */
-template <class Code>
-bool starved(unsigned long n, Code const& code) {
+bool starved(unsigned long n, std::function<void()> const& code) {
     starve(n);
     {
         Sated const hungry(false);
@@ -207,7 +202,7 @@ bool starved(unsigned long n, Code const& code) {
 
 /** A termination comes and goes, the only one of this process, while the nth allocation of each
  * step fails. False when more goes wrong than a step that changes nothing. */
-bool comesAndGoesStarved(Transport::GroupId group, unsigned long n, bool& reached) {
+bool comesAndGoesStarved(GroupId group, unsigned long n, bool& reached) {
     Rendezvous& rendezvous = Rendezvous::instance();
     TerminationId id;
     int socket = -1;
@@ -223,16 +218,18 @@ bool comesAndGoesStarved(Transport::GroupId group, unsigned long n, bool& reache
     return wasThere && rendezvous.terminations().empty();
 }
 
-std::string comeAndGoStarved(Transport::GroupId group) {
+bool comeAndGoStarved(unsigned int group) {
     bool well = true;
     bool reached = true;
     for (unsigned long n = 1; well && reached; ++n)
-        well = comesAndGoesStarved(group, n, reached);
-    return well ? "well" : "badly";
+        well = comesAndGoesStarved(static_cast<GroupId>(group), n, reached);
+    return well;
 }
 
+// ---- What befalls the process -------------------------------------------------------------------
+
 /** Has the kernel refuse a system call to this process. */
-bool refuse(unsigned systemCall, unsigned error) {
+bool refuse(unsigned int systemCall, unsigned int error) {
     sock_filter program[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, systemCall, 0, 1),
@@ -252,17 +249,24 @@ bool hideProc() {
 }
 
 /** Keeps all descriptors of this process open, but for those that its parent waits at. */
-void leaveChild() {
+bool leaveChild() {
     if (::fork() != 0)
-        return;
+        return true;
     for (int standard : {0, 1, 2})
         ::close(standard);
     ::sleep(60);
     ::_exit(0);
 }
 
-/** 0 when nothing of the transport does anything in a forked child. */
-int forkChild(Seats const& seats) {
+/** Goes on in a forked child. */
+bool daemonize() {
+    if (::fork() != 0)
+        ::_exit(0);
+    return true;
+}
+
+/** Whether nothing of the transport does anything in a forked child. */
+bool childDoesNothing() {
     pid_t const child = ::fork();
     if (child == 0) {
         Rendezvous& rendezvous = Rendezvous::instance();
@@ -277,10 +281,10 @@ int forkChild(Seats const& seats) {
     }
     int status = -1;
     ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status == 0;
 }
 
-int countInheritable() {
+void countInheritable() {
     int count = 0;
     for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         int const number = std::atoi(entry.path().filename().c_str());
@@ -288,99 +292,117 @@ int countInheritable() {
         if (number > 2 && flags >= 0 && (flags & FD_CLOEXEC) == 0)
             ++count;
     }
-    return count;
+    answer("inheritable ", count);
 }
+
+// ---- Who the process is -------------------------------------------------------------------------
 
 std::string identity() {
     auto const& info = Transport::IdInfo::instance();
-    std::string line = std::to_string(info.getSlot()) + " " + std::to_string(info.activeSlot()) +
-                       " " + info.getActor();
+    std::string line = "identity " + std::to_string(info.getSlot()) + " " +
+                       std::to_string(info.activeSlot()) + " " + info.getActor();
     for (int slot = 1; slot <= 255; ++slot)
         if (info.axuInSlot(static_cast<unsigned char>(slot)))
             line += " " + std::to_string(slot);
     return line + (info.isAxu() ? " axu" : "");
 }
 
-bool configure(std::string const& what, std::string const& value) {
-    using Transport::Setup;
+std::vector<int> slotsIn(std::string const& list) {
     std::vector<int> slots;
-    std::istringstream numbers(value);
+    std::istringstream numbers(list);
     for (std::string number; std::getline(numbers, number, ',');)
         slots.push_back(std::atoi(number.c_str()));
-    return what == "slot"        ? Setup::slot(slots.at(0))
-           : what == "active"    ? Setup::activeSlot(slots.at(0))
-           : what == "actor"     ? Setup::actor(value)
-           : what == "directory" ? Setup::directory(value)
-                                 : Setup::axuSlots(slots);
+    return slots;
 }
 
-/** The answer to a command, if it has any. */
-std::string obey(std::string const& command, std::istringstream& words, Seats& seats) {
-    std::string value;
-    std::string other;
-    words >> value >> other;
-    auto const decimal = [&value] { return std::atoi(value.c_str()); };
-    auto const idOf = [](std::string const& digits) {
-        return TerminationId(static_cast<unsigned>(std::stoul(digits, nullptr, 16)));
-    };
-    auto const id = [&] { return idOf(value); };
-    auto const seat = [&] {
-        return std::find_if(seats.begin(), seats.end(),
-                            [&](auto const& one) { return one->id() == id(); });
-    };
-    if (command == "seat") {
-        seats.push_back(std::make_unique<Seat>(static_cast<Transport::GroupId>(decimal())));
-        return "seated " + hex(seats.back()->id());
-    }
-    if (command == "show")
-        return (*seat())->show() ? "shown yes" : "shown no";
-    if (command == "greet")
-        return greetTooEarly(**seat(), idOf(other)) ? "greeted yes" : "greeted no";
-    if (command == "start") {
-        seats.push_back(startSeat(static_cast<unsigned>(decimal())));
-        return "started " + hex(seats.back()->id());
-    }
-    if (command == "stop") {
-        seats.erase(seat());
-        return "stopped";
-    }
-    if (command == "starve")
-        return "starved " + comeAndGoStarved(static_cast<Transport::GroupId>(decimal()));
-    if (command == "churn") {
-        churn(seats, static_cast<unsigned>(decimal()), static_cast<unsigned>(std::stoul(other)));
-        return "churned";
-    }
-    if (command == "suspect") {
-        Rendezvous::instance().suspect(id());
-        return "suspected";
-    }
-    if (command == "daemonize") {
-        if (::fork() != 0)
-            ::_exit(0);
-        return "daemonized";
-    }
-    if (command == "exec")
-        ::execl("/bin/sleep", "sleep", "1000", nullptr);
-    if (command == "view")
-        return "view " + view(seats);
-    if (command == "withoutHandles")
-        return refuse(434, ENOSYS) ? "without yes" : "without no";  // pidfd_open everywhere
-    if (command == "withoutRoom")
-        return refuse(SYS_pwrite64, ENOSPC) ? "without yes" : "without no";
-    if (command == "withoutProc")
-        return hideProc() ? "without yes" : "without no";
-    if (command == "linger") {
-        leaveChild();
-        return "lingers";
-    }
-    if (command == "fork")
-        return "forked " + std::to_string(forkChild(seats));
-    if (command == "inheritable")
-        return "inheritable " + std::to_string(countInheritable());
-    if (command == "identity")
-        return "identity " + identity();
-    return configure(command, value) ? "set yes" : "set no";
+// ---- A termination that sends and receives ------------------------------------------------------
+
+TestTermination& own() {
+    static TestTermination own("peer");
+    return own;
 }
+
+void flood(Id peer, std::uint32_t count, std::size_t size) {
+    std::uint32_t taken = 0;
+    own().waitUntilKnown(peer);
+    for (std::uint32_t i = 0; i < count; ++i)
+        taken += own().send(peer, TestHead::Numbered, taken, size) == 1;
+}
+
+bool reaches(Id peer) {
+    static std::uint32_t pings = 0;
+    return own().waitUntilKnown(peer) && own().ping(peer, ++pings);
+}
+
+void countMet() {
+    answer("met ", Transport::TransportLayer::instance().getTerminations().size(), " ",
+           own().countGone());
+}
+
+void report() {
+    auto const [received, faults, returned, damaged] = own().tally();
+    answer("report ", received, " ", faults, " ", returned, " ", damaged);
+}
+
+// ---- The commands -------------------------------------------------------------------------------
+
+using Text = std::string;
+
+std::string idOf(TerminationId id) {
+    return "id " + hex(id);
+}
+
+testsupport::Commands const commands{
+    {"slot", Setup::slot},
+    {"active", Setup::activeSlot},
+    {"actor", [](Text name) { return Setup::actor(name); }},
+    {"directory", [](Text path) { return Setup::directory(path); }},
+    {"axu", [](Text slots) { return Setup::axuSlots(slotsIn(slots)); }},
+    // "identity SLOT ACTIVE ACTOR AXU..."
+    {"identity", identity},
+    // A termination of a group takes its address; its "id", 0 when refused.
+    {"seat", [](unsigned int group) { return idOf(reserveSeat(group).id()); }},
+    {"show", [](Id id) { return (*seatOf(id))->show(); }},
+    // The same after it has said Hello to somebody; whether it is welcome.
+    {"greet", [](Id id, Id to) { return greetTooEarly(**seatOf(id), to); }},
+    // Takes its address and comes up.
+    {"start", start},
+    {"stop", [](Id id) { return seats.erase(seatOf(id)), true; }},
+    // Starts some, then replaces so many of them; "churned".
+    {"churn", churn},
+    // "view COUNT HASH AGREE ERRORS": number and hash of the ids known here, whether all notices
+    // agree with them, wrong notices so far.
+    {"view", view},
+    // As if a channel to it had ended.
+    {"suspect", [](Id id) { return Rendezvous::instance().suspect(id), true; }},
+    // One comes and goes while each allocation fails; whether memory was all that was missing.
+    {"starve", comeAndGoStarved},
+    // The kernel refuses process handles from now on: pidfd_open, by its number everywhere.
+    {"withoutHandles", [] { return refuse(434, ENOSYS); }},
+    // The disk is full from now on for the folder's file.
+    {"withoutRoom", [] { return refuse(SYS_pwrite64, ENOSPC); }},
+    {"withoutProc", hideProc},
+    // A forked child stays for a minute.
+    {"linger", leaveChild},
+    {"daemonize", daemonize},
+    // Whether a forked child can do nothing.
+    {"fork", childDoesNothing},
+    // Becomes another program.
+    {"exec", [] { ::execl("/bin/sleep", "sleep", "1000", nullptr); }},
+    // "inheritable N": descriptors that exec would pass on
+    {"inheritable", countInheritable},
+    // Ends without stopping anything.
+    {"quit", [] { return testsupport::End(); }},
+    // One termination that answers Echo and checks Numbered messages; its "id".
+    {"join", [] { return idOf(own().start() == 1 ? own().termId() : TerminationId()); }},
+    // Sends Numbered messages of a size, counted from 0.
+    {"flood", flood},
+    // Whether an Echo is answered.
+    {"ping", reaches},
+    // "met KNOWN GONE": how many are there, and how many have gone
+    {"met", countMet},
+    // "report RECEIVED FAULTS RETURNED DAMAGED" (of those returned)
+    {"report", report}};
 
 }  // namespace
 
@@ -390,11 +412,5 @@ int main() {
         std::lock_guard<std::mutex> const lock(gone.mutex);
         gone.ids.insert(id);
     });
-    // Those not stopped live until the process ends; static, so that no leak is suspected.
-    static Seats& seats = *new Seats;
-    testsupport::obeyLines([](std::string const& command, std::istringstream& words) {
-        if (command != "quit")
-            answer(obey(command, words, seats));
-        return command != "quit";
-    });
+    testsupport::obeyLines(commands);
 }
