@@ -28,9 +28,8 @@ protected:
         return actor;
     }
     static std::string called(StationActor& actor, std::string const& name, std::string const& ns) {
-        if (actor.ask("keep " + name + " " + ns, "kept") == "0")
-            return "not found";
-        return actor.ask("use " + name, "used");
+        return actor.does("keep " + name + " " + ns) ? actor.ask("use " + name, "used")
+                                                     : "not found";
     }
     /** A process asks those that it has noticed, which takes those that have just come up a moment.
      */
@@ -39,7 +38,7 @@ protected:
     }
     static void setActive(std::vector<StationActor*> const& actors, int slot) {
         for (StationActor* const actor : actors)
-            actor->ask("active " + std::to_string(slot), "active");
+            actor->does("active " + std::to_string(slot));
     }
 };
 
@@ -82,9 +81,8 @@ TEST_F(NamespacesTest, unitFollowsTheActiveControllerWhileItRuns) {
     // A broker that is made anew joins the group of that moment.
     setActive(all, 2);
     EXPECT_EQ(called(*three, "unit.two", "1"), "not found");
-    two->ask("unpublish unit.two", "unpublished");
-    two->ask("unpublish node.two", "unpublished");
-    two->ask("renew", "renewed");
+    for (char const* command : {"unpublish unit.two", "unpublish node.two", "renew"})
+        EXPECT_TRUE(two->does(command));
     EXPECT_EQ(two->publishStation("unit.two").termination >> 16, 0x0202u);
     EXPECT_TRUE(isFound(*three, "unit.two", "1"));
     EXPECT_EQ(called(*one, "unit.two", "1"), "not found");

@@ -22,7 +22,7 @@ TEST_F(RestartTest, oldHandlesFailAtOnceAndNewOnesReachTheNewObject) {
     auto server = std::make_unique<StationActor>();
     auto former = server->publishStation("lamp");
     for (int life = 0; life < 4; ++life) {
-        expectOfAll("keep lamp", "kept", "1");
+        expectOfAll("keep lamp", "done", "1");
         expectOfAll("use lamp", "used", "1");
         auto const start = std::chrono::steady_clock::now();
         if (life % 2 == 0)

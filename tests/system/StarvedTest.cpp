@@ -2,26 +2,12 @@
 // meet for the first time. What is asked for just then may fail; nobody ends, hangs or loses
 // anything for good.
 #include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "ActorProgram.h"
-#include "RendezvousFolder.h"
 #include "Slowness.h"
+#include "StationActor.h"
 #include "Waiting.h"
 
 namespace {
-
-using testsupport::ActorProgram;
-
-class StarvedActor : public ActorProgram {
-public:
-    StarvedActor() : ActorProgram(testsupport::programCommand("starved_actor")) {}
-    bool does(std::string const& command, std::string const& answer) {
-        return ask(command, answer) == "1";
-    }
-};
 
 /** Beyond what any of the scenarios allocates. */
 constexpr unsigned long kMost = 5000;
@@ -29,15 +15,15 @@ constexpr unsigned long kMost = 5000;
 class StarvedTest : public testing::TestWithParam<unsigned long> {
 protected:
     StarvedTest() {
-        EXPECT_TRUE(server.does("serve server", "served"));
-        EXPECT_TRUE(client.does("call server 10", "called"));
-        EXPECT_TRUE(client.does("watch", "watched"));
+        EXPECT_TRUE(server.does("serve server"));
+        EXPECT_TRUE(client.does("call server 10"));
+        EXPECT_TRUE(client.does("watch"));
     }
 
     /** Does it again and again while the nth allocation of `starved` fails, until it does not come
      * to that; then the processes must get on again. */
     template <class Act, class Judge>
-    void withEveryAllocation(StarvedActor& starved, Act const& act, Judge const& judge) {
+    void withEveryAllocation(StationActor& starved, Act const& act, Judge const& judge) {
         for (unsigned long n = 1; n < kMost; ++n) {
             SCOPED_TRACE(n);
             bool const reached = fails(starved, n, [&] { act(n); });
@@ -48,10 +34,10 @@ protected:
     }
     /** Does it while the nth allocation of `starved` fails; whether it came to that. */
     template <class Act>
-    bool fails(StarvedActor& starved, unsigned long n, Act const& act) {
-        starved.ask("starve " + std::to_string(n) + " " + std::to_string(GetParam()), "starving");
+    bool fails(StationActor& starved, unsigned long n, Act const& act) {
+        starved.does("starve " + std::to_string(n) + " " + std::to_string(GetParam()));
         act();
-        return starved.does("feed", "fed");
+        return starved.does("feed");
     }
     void finish() {
         client.finish();
@@ -59,8 +45,8 @@ protected:
     }
 
     testsupport::RendezvousFolder const folder;
-    StarvedActor server;
-    StarvedActor client;
+    StationActor server;
+    StationActor client;
 };
 
 std::string howMany(testing::TestParamInfo<unsigned long> const& more) {
@@ -69,14 +55,27 @@ std::string howMany(testing::TestParamInfo<unsigned long> const& more) {
 
 INSTANTIATE_TEST_SUITE_P(Of, StarvedTest, ::testing::Values(0, 3), howMany);
 
-TEST_P(StarvedTest, callsFailOrAreAnswered) {
-    for (std::size_t const size : {10u, 3000u, 700u * 1024}) {
-        std::string const call = "call server " + std::to_string(size);
-        for (StarvedActor* const starved : {&server, &client})
+TEST_P(StarvedTest, callsAndSearchesFailOrSucceed) {
+    for (std::string const command :
+         {"call server 10", "call server 3000", "call server 716800", "flip server 10"})
+        for (StationActor* const starved : {&server, &client})
             withEveryAllocation(
-                *starved, [&](unsigned long) { client.ask(call, "called"); },
-                [&](unsigned long) { EXPECT_TRUE(client.does(call, "called")) << size; });
-    }
+                *starved, [&](unsigned long) { client.does(command); },
+                [&](unsigned long) { EXPECT_TRUE(client.does(command)) << command; });
+    finish();
+}
+
+TEST_P(StarvedTest, noticesAreMissedOrTold) {
+    for (StationActor* const starved : {&server, &client})
+        withEveryAllocation(
+            *starved, [&](unsigned long n) { server.does("make hungry" + std::to_string(n)); },
+            [&](unsigned long n) {
+                std::string const name =
+                    (starved == &server ? "fed.s" : "fed.c") + std::to_string(n);
+                EXPECT_TRUE(server.does("make " + name));
+                EXPECT_TRUE(client.does("await " + name));
+                EXPECT_TRUE(server.does("unmake " + name));
+            });
     finish();
 }
 
@@ -86,29 +85,28 @@ constexpr unsigned long kAtOnce = 8;
 class StarvedMeetingTest : public StarvedTest {
 protected:
     enum class Starved { server, stranger };
-    /** Has each stranger meet the server once while the next allocation of one of them fails. */
-    void meet(Starved who);
-};
 
-void StarvedMeetingTest::meet(Starved who) {
-    bool more = true;
-    for (unsigned long n = 1; more && n < kMost && !HasFailure();) {
-        std::vector<std::unique_ptr<StarvedActor>> strangers;
-        for (unsigned long i = 0; i < kAtOnce; ++i) {
-            strangers.push_back(std::make_unique<StarvedActor>());
-            strangers.back()->tell("serve own" + std::to_string(i));
+    /** Has each stranger meet the server once while the next allocation of one of them fails. */
+    void meet(Starved who) {
+        bool more = true;
+        for (unsigned long n = 1; more && n < kMost && !HasFailure();) {
+            std::vector<std::unique_ptr<StationActor>> strangers;
+            for (unsigned long i = 0; i < kAtOnce; ++i) {
+                strangers.push_back(std::make_unique<StationActor>());
+                strangers.back()->tell("serve own" + std::to_string(i));
+            }
+            for (auto const& stranger : strangers)
+                EXPECT_EQ(stranger->await("done"), "1");
+            for (auto const& stranger : strangers) {
+                SCOPED_TRACE(n);
+                StationActor& starved = who == Starved::server ? server : *stranger;
+                more = more && fails(starved, n++, [&] { stranger->does("call server 10"); });
+                EXPECT_TRUE(stranger->does("call server 10"));
+            }
         }
-        for (auto const& stranger : strangers)
-            EXPECT_EQ(stranger->await("served"), "1");
-        for (auto const& stranger : strangers) {
-            SCOPED_TRACE(n);
-            StarvedActor& starved = who == Starved::server ? server : *stranger;
-            more = more && fails(starved, n++, [&] { stranger->ask("call server 10", "called"); });
-            EXPECT_TRUE(stranger->does("call server 10", "called"));
-        }
+        finish();
     }
-    finish();
-}
+};
 
 INSTANTIATE_TEST_SUITE_P(Of, StarvedMeetingTest, ::testing::Values(0, 3), howMany);
 
@@ -129,59 +127,36 @@ TEST(StarvedStartTest, allFindEachOtherOnceThereIsMemory) {
     for (unsigned long n = 1; more && n < kMost && !testing::Test::HasFailure(); n += kStep) {
         SCOPED_TRACE(n);
         testsupport::RendezvousFolder const folder;
-        std::vector<std::unique_ptr<StarvedActor>> actors;
+        std::vector<std::unique_ptr<StationActor>> actors;
         for (unsigned long i = 0; i < kAtOnce; ++i)
-            actors.push_back(std::make_unique<StarvedActor>());
-        auto const all = [&actors](std::string const& command, std::string const& answer) {
+            actors.push_back(std::make_unique<StationActor>());
+        auto const all = [&actors](std::string const& command) {
             unsigned long number = 0;
             for (auto const& actor : actors)
                 actor->tell(command + std::to_string(number++ % kAtOnce) + " 10");
-            std::size_t successes = 0;
+            unsigned long successes = 0;
             for (auto const& actor : actors)
-                successes += actor->await(answer) == "1";
+                successes += actor->await("done") == "1";
             return successes;
         };
         auto const next = [&] { std::rotate(actors.begin(), actors.begin() + 1, actors.end()); };
         for (unsigned long i = 0; i < kAtOnce; ++i)
-            actors[i]->ask("starve " + std::to_string(n + i) + " 0", "starving");
-        all("serve own", "served");
+            actors[i]->does("starve " + std::to_string(n + i) + " 0");
+        all("serve own");
         next();
-        all("call own", "called");
+        all("call own");
         more = false;
         for (auto const& actor : actors)
-            more |= actor->does("feed", "fed");
+            more |= actor->does("feed");
         // What was made without a broker, or without a name, belongs to none.
         next();
-        EXPECT_EQ(all("serve now", "served"), kAtOnce);
+        EXPECT_EQ(all("serve now"), kAtOnce);
         next();
         // Those that have come meanwhile are noticed in moments.
-        EXPECT_TRUE(testsupport::eventually([&] { return all("find now", "found") == kAtOnce; }));
+        EXPECT_TRUE(testsupport::eventually([&] { return all("flip now") == kAtOnce; }));
         for (auto const& actor : actors)
             actor->finish();
     }
-}
-
-TEST_P(StarvedTest, searchesFailOrFind) {
-    for (StarvedActor* const starved : {&server, &client})
-        withEveryAllocation(
-            *starved, [&](unsigned long) { client.ask("find server 10", "found"); },
-            [&](unsigned long) { EXPECT_TRUE(client.does("find server 10", "found")); });
-    finish();
-}
-
-TEST_P(StarvedTest, noticesAreMissedOrTold) {
-    for (StarvedActor* const starved : {&server, &client})
-        withEveryAllocation(
-            *starved,
-            [&](unsigned long n) { server.ask("make hungry" + std::to_string(n), "made"); },
-            [&](unsigned long n) {
-                std::string const name =
-                    (starved == &server ? "fed.s" : "fed.c") + std::to_string(n);
-                EXPECT_TRUE(server.does("make " + name, "made"));
-                EXPECT_TRUE(client.does("await " + name, "awaited"));
-                EXPECT_TRUE(server.does("unmake " + name, "unmade"));
-            });
-    finish();
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ protected:
     void keepFar() {
         actor_->tell("keep far");
         beFound(1);
-        actor_->await("kept");
+        actor_->await("done");
     }
     std::string request(std::string const& id, std::string const& type, std::string const& data) {
         return id + type + "00000002" + stream(data);
