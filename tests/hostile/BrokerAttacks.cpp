@@ -1,6 +1,5 @@
 // By those whose channel is in order, and whose messages are not.
 #include "Field.h"
-#include "GoodObject.h"
 
 namespace hostile {
 namespace {
@@ -18,18 +17,26 @@ struct Line {
         victim = field.victim();
         link = HandMadeLink();
         link = field.open(victim, Transport::kLargestRing);
-        object = link.ended ? 0 : field.objectOf(link, victim);
+        object = link.ended ? 0 : objectOf(link, victim, field.number());
         return object != 0;
     }
-    /** What comes back is of no interest. */
-    void skip() { link.own.page().head.store(link.peer.page().tail.load()); }
+    /** Has what was put in read; what comes back is of no interest. */
+    void flush() {
+        link.ring();
+        link.own.page().head.store(link.peer.page().tail.load());
+    }
 };
 
-/** As many as go in, as fast as they are taken. */
-void callWithoutEnd(Field& field) {
+/** Does something over a channel that is kept. */
+template <void (*act)(Field&, Line&)>
+void overLine(Field& field) {
     static Line line;
-    if (!line.stands(field))
-        return;
+    if (line.stands(field))
+        act(field, line);
+}
+
+/** As many as go in, as fast as they are taken. */
+void callWithoutEnd(Field& field, Line& line) {
     std::string const note =
         call(field.number(), oneWay, line.object, kNote, text(field.dice(2) == 0 ? "x" : "flood"));
     std::string const large =
@@ -40,10 +47,7 @@ void callWithoutEnd(Field& field) {
 }
 
 /** Answers to what others were asked: all transaction ids that a victim can have in use. */
-void forgeResponses(Field& field) {
-    static Line line;
-    if (!line.stands(field))
-        return;
+void forgeResponses(Field&, Line& line) {
     std::uint32_t const victim = line.victim.id.value();
     std::uint32_t const low = (victim & 0xFFFF) | (victim >> 16 & 0xF) << 16;
     static std::uint32_t top = 0;
@@ -55,15 +59,11 @@ void forgeResponses(Field& field) {
             line.link.hear(1);
         }
     }
-    line.link.ring();
-    line.skip();
+    line.flush();
 }
 
 /** Requests of every type whose data claim to be longer than they are, inside and outside. */
-void lieInLengths(Field& field) {
-    static Line line;
-    if (!line.stands(field))
-        return;
+void lieInLengths(Field& field, Line& line) {
     constexpr std::uint32_t kGetException = 2101;  // the one that sets it is what it is there for
     std::uint32_t const lengths[] = {0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u, 65'536, 65'537,
                                      1u << 20,    104,         3,           0};
@@ -76,16 +76,12 @@ void lieInLengths(Field& field) {
         lie += field.noise(field.dice(200));
         line.link.put(lie);
     }
-    line.link.ring();
-    line.skip();
+    line.flush();
 }
 
 /** Headers of no known type or kind, or none at all. A failure that a broker tells another one of
  * resets both, as it should, and is left out. */
-void sendOddHeaders(Field& field) {
-    static Line line;
-    if (!line.stands(field))
-        return;
+void sendOddHeaders(Field& field, Line& line) {
     constexpr std::uint32_t kFailure = 5;
     for (int i = 0; i < 64; ++i) {
         std::uint32_t kind = field.dice(2) == 0 ? field.dice(9) : field.number();
@@ -98,17 +94,16 @@ void sendOddHeaders(Field& field) {
             odd.resize(field.dice(16));
         line.link.put(odd);
     }
-    line.link.ring();
-    line.skip();
+    line.flush();
 }
 
 }  // namespace
 
 Attacks brokerAttacks() {
-    return {{"notes", "sends one-way calls without end", callWithoutEnd},
-            {"responses", "answers what others were asked", forgeResponses},
-            {"lengths", "sends requests that claim to be longer", lieInLengths},
-            {"headers", "sends headers of no type and no kind", sendOddHeaders}};
+    return {{"notes", "sends one-way calls without end", overLine<callWithoutEnd>},
+            {"responses", "answers what others were asked", overLine<forgeResponses>},
+            {"lengths", "sends requests that claim to be longer", overLine<lieInLengths>},
+            {"headers", "sends headers of no type and no kind", overLine<sendOddHeaders>}};
 }
 
 }  // namespace hostile

@@ -1,13 +1,6 @@
 // By those who have a channel, and spoil what the two sides share.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "Field.h"
-#include "GoodObject.h"
 
 namespace hostile {
 namespace {
@@ -18,10 +11,15 @@ void pause(int milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-void lieInWords(Field& field) {
-    HandMadeLink link = field.open(field.victim());
-    if (link.ended)
-        return;
+/** Does something over a channel, where a victim wants one. */
+template <void (*act)(Field&, HandMadeLink&), std::uint32_t capacity = kSmallestRing>
+void overChannel(Field& field) {
+    HandMadeLink link = field.open(field.victim(), capacity);
+    if (!link.ended)
+        act(field, link);
+}
+
+void lieInWords(Field& field, HandMadeLink& link) {
     ControlPage& page = link.own.page();
     for (int i = 0; i < 8; ++i) {
         std::atomic<std::uint32_t>* const words[] = {&page.tail, &page.head, &page.asleep,
@@ -33,10 +31,7 @@ void lieInWords(Field& field) {
 }
 
 /** One that is wrong behind some that are right. */
-void lieInFrames(Field& field) {
-    HandMadeLink link = field.open(field.victim());
-    if (link.ended)
-        return;
+void lieInFrames(Field& field, HandMadeLink& link) {
     for (unsigned int right = field.dice(4); right > 0; --right)
         link.put(field.noise(field.dice(100)));
     FrameHead const wrong[] = {{100, 8},
@@ -56,11 +51,9 @@ void lieInFrames(Field& field) {
     link.hear(5);
 }
 
-/** A ring full of frames without a byte, again and again. */
-void flood(Field& field, std::uint32_t length) {
-    HandMadeLink link = field.open(field.victim(), kLargestRing);
-    if (link.ended)
-        return;
+/** A ring full of frames of so many bytes, again and again. */
+template <std::uint32_t length>
+void flood(Field&, HandMadeLink& link) {
     std::uint32_t const frame = frameBytes(length);
     for (std::uint32_t at = 0; at + frame <= kLargestRing; at += frame)
         link.writeFrame(at, {length, length}, {});
@@ -71,18 +64,9 @@ void flood(Field& field, std::uint32_t length) {
             link.hear(1);
     }
 }
-void sendNothings(Field& field) {
-    flood(field, 0);
-}
-void sendMidgets(Field& field) {
-    flood(field, 8);
-}
 
 /** Everything that a ring can hold, and the end at once. */
-void closeOnMany(Field& field) {
-    HandMadeLink link = field.open(field.victim(), kLargestRing);
-    if (link.ended)
-        return;
+void closeOnMany(Field& field, HandMadeLink& link) {
     for (std::uint32_t at = 0; at < kLargestRing; at += 8)
         link.writeFrame(at, {0, 0}, {});
     link.own.page().tail.store(kLargestRing);
@@ -90,23 +74,13 @@ void closeOnMany(Field& field) {
         link.send(link.packet(field.dice(2) == 0 ? Packet::Left : Packet::Bye));
 }
 
-void fill(int bell) {
-    ::fcntl(bell, F_SETFL, O_RDWR | O_NONBLOCK);
-    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
-        while (::write(bell, &step, sizeof step) > 0) {
-        }
-}
-
 /** Takes the channel's bells back into blocking mode, their counters full, so that whoever rings
  * them next might wait; has the victim ring all the time. */
-void blockBells(Field& field) {
-    HandMadeLink link = field.open(field.victim());
-    if (link.ended)
-        return;
+void blockBells(Field& field, HandMadeLink& link) {
     for (int i = 0; i < 30 && !link.ended; ++i) {
         for (int const bell : {link.own.bell.get(), link.peer.bell.get()}) {
             if (i % 10 == 0)
-                fill(bell);
+                testsupport::blockBell(bell);
             ::fcntl(bell, F_SETFL, O_RDWR);
         }
         link.own.page().asleep.fetch_add(1);
@@ -123,7 +97,7 @@ void blockBells(Field& field) {
 void lieInMidFrame(Field& field) {
     Victim const victim = field.victim();
     HandMadeLink link = field.open(victim, kLargestRing);
-    std::uint32_t const object = link.ended ? 0 : field.objectOf(link, victim);
+    std::uint32_t const object = link.ended ? 0 : objectOf(link, victim, field.number());
     if (object == 0)
         return;
     std::uint32_t const start = link.own.page().head.load();
@@ -141,10 +115,7 @@ void lieInMidFrame(Field& field) {
         link.send(link.packet(Packet::Welcome));  // and is closed for it
 }
 
-void growOddly(Field& field) {
-    HandMadeLink link = field.open(field.victim());
-    if (link.ended)
-        return;
+void growOddly(Field& field, HandMadeLink& link) {
     std::uint32_t const capacities[] = {kUsualRing, kLargestRing, kSmallestRing, 24, 0x80000000u};
     for (unsigned int count = field.dice(8); count > 0; --count) {
         std::uint32_t const capacity = capacities[field.dice(5)];
@@ -163,8 +134,7 @@ void growOddly(Field& field) {
 }
 
 /** Words of the end, in any order. */
-void talkMuch(Field& field) {
-    HandMadeLink link = field.open(field.victim());
+void talkMuch(Field& field, HandMadeLink& link) {
     for (int i = 0; i < 200 && !link.ended; ++i) {
         unsigned int const kinds[] = {Packet::Bye,     Packet::Stay, Packet::Bye,     Packet::Stay,
                                       Packet::Crossed, Packet::Left, Packet::Welcome, 0};
@@ -178,10 +148,7 @@ void talkMuch(Field& field) {
 }
 
 /** Leaves before the answer, so that the victim connects, and is a bad host then. */
-void hostBadly(Field& field) {
-    HandMadeLink link = field.open(field.victim());
-    if (link.ended)
-        return;
+void hostBadly(Field& field, HandMadeLink& link) {
     for (int i = 0; i < 4; ++i)
         link.put(message(field.number(), counters, request, ""));
     link.ring();
@@ -209,16 +176,17 @@ void hostBadly(Field& field) {
 }  // namespace
 
 Attacks channelAttacks() {
-    return {{"words", "stores nonsense in the control page", lieInWords},
-            {"frames", "puts wrong lengths into its ring", lieInFrames},
-            {"nothings", "sends rings full of empty frames", sendNothings},
-            {"midgets", "sends rings full of messages without a header", sendMidgets},
-            {"ends", "closes on a ring full of messages", closeOnMany},
-            {"bell", "makes the bells block", blockBells},
+    return {{"words", "stores nonsense in the control page", overChannel<lieInWords>},
+            {"frames", "puts wrong lengths into its ring", overChannel<lieInFrames>},
+            {"nothings", "sends rings full of empty frames", overChannel<flood<0>, kLargestRing>},
+            {"midgets", "sends rings full of messages without a header",
+             overChannel<flood<8>, kLargestRing>},
+            {"ends", "closes on a ring full of messages", overChannel<closeOnMany, kLargestRing>},
+            {"bell", "makes the bells block", overChannel<blockBells>},
             {"head", "has taken half a frame of bytes that look like frames", lieInMidFrame},
-            {"growth", "announces rings that are none, and none that are", growOddly},
-            {"packets", "says Bye and Stay without end", talkMuch},
-            {"host", "accepts and answers with nonsense", hostBadly}};
+            {"growth", "announces rings that are none, and none that are", overChannel<growOddly>},
+            {"packets", "says Bye and Stay without end", overChannel<talkMuch>},
+            {"host", "accepts and answers with nonsense", overChannel<hostBadly>}};
 }
 
 }  // namespace hostile

@@ -1,13 +1,16 @@
 // Where an attacker finds its victims, and what it has itself.
 #pragma once
 
+#include <chrono>
 #include <deque>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <random>
-#include <string>
-#include <vector>
+#include <stdexcept>
+#include <thread>
 
+#include "GoodObject.h"
 #include "HandMadeLink.h"
 #include "platform/transport/local/EntryFolder.h"
 
@@ -33,9 +36,25 @@ struct Victim {
  */
 class Entry {
 public:
-    Entry();
+    Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"))) {
+        if (!folder_)
+            throw std::runtime_error("no folder is to be had");
+        auto name = folder_->file()->takeName(0, [](auto) { return true; });
+        id_ = TerminationId(name.nameId(), 1, kGroup);
+        file_ = Transport::EntryFolder::fileName(id_, "hostile", "");
+        Transport::HiddenSocket hidden = folder_->bindHidden(id_);
+        if (name.nameId() == 0 || !hidden.valid() || !hidden.show(file_))
+            throw std::runtime_error("no entry is to be had");
+        name.keep();
+        listening_ = hidden.release();
+        folder_->announce();
+    }
     /** Unless it is abandoned, it leaves as it should. */
-    ~Entry();
+    ~Entry() {
+        folder_->remove(file_);
+        folder_->file()->unlockName(id_.nameId());
+        folder_->announce();
+    }
     Entry(Entry const&) = delete;
     Entry& operator=(Entry const&) = delete;
 
@@ -44,6 +63,8 @@ public:
     Transport::EntryFolder& folder() const { return *folder_; }
 
 private:
+    static constexpr Transport::GroupId kGroup = 0xF0;
+
     std::unique_ptr<Transport::EntryFolder> const folder_;
     TerminationId id_;
     std::string file_;
@@ -57,25 +78,71 @@ public:
 
     unsigned int dice(unsigned int sides) { return static_cast<unsigned int>(random_()) % sides; }
     std::uint32_t number() { return static_cast<std::uint32_t>(random_()); }
-    std::string noise(std::size_t size);
-    bool hasVictims() { return !victims().empty(); }
+    std::string noise(std::size_t size) {
+        std::string bytes(size, '\0');
+        for (char& byte : bytes)
+            byte = static_cast<char>(random_());
+        return bytes;
+    }
     /** One of the good terminations. */
-    Victim victim();
-    std::vector<Victim> victims() const;
+    Victim victim() {
+        std::vector<Victim> all = victims();
+        if (all.empty())
+            throw std::runtime_error("there is no victim");
+        return all[dice(static_cast<unsigned int>(all.size()))];
+    }
     /** The own entry, taken when it is first asked for. */
-    Entry& entry();
+    Entry& entry() {
+        if (!entry_)
+            entry_ = std::make_unique<Entry>();
+        return *entry_;
+    }
     void leave() { entry_.reset(); }
 
     /** A connection, without a word; ended when there is none to be had. */
-    HandMadeLink connect(Victim const& victim);
+    HandMadeLink connect(Victim const& victim) {
+        HandMadeLink link;
+        link.to = victim.id;
+        sockaddr_un const address = testsupport::addressOf(victim.file);
+        link.socket =
+            Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        link.ended = ::connect(link.socket.get(), reinterpret_cast<sockaddr const*>(&address),
+                               sizeof address) != 0;
+        return link;
+    }
     /** A channel, as it should be made; ended when the victim does not want it. */
-    HandMadeLink open(Victim const& victim, std::uint32_t capacity = Transport::kSmallestRing);
+    HandMadeLink open(Victim const& victim, std::uint32_t capacity = Transport::kSmallestRing) {
+        constexpr int kPatience = 500;
+        HandMadeLink link = connect(victim);
+        link.from = entry().id();
+        if (!link.ended)
+            link.ended = !link.open(capacity, kPatience);
+        return link;
+    }
     /** Keeps it until so many more have been kept. */
-    void keep(HandMadeLink link, std::size_t most = 64);
-    /** The internal id of the victim's object, which is asked for. */
-    std::uint32_t objectOf(HandMadeLink& link, Victim const& victim);
+    void keep(HandMadeLink link, std::size_t most = 64) {
+        kept_.push_back(std::move(link));
+        while (kept_.size() > most)
+            kept_.pop_front();
+    }
 
 private:
+    std::vector<Victim> victims() const {
+        std::vector<Victim> all;
+        std::error_code ignored;
+        for (auto const& found : std::filesystem::directory_iterator(".", ignored)) {
+            std::string const file = found.path().filename();
+            std::size_t const actor = file.find(std::string(".") + kGood);
+            if (actor == std::string::npos || file[0] == '.' || !found.is_socket(ignored))
+                continue;
+            std::size_t const end = file.find('.', actor + 1);
+            all.push_back({TerminationId(static_cast<unsigned int>(
+                               std::strtoul(file.substr(0, 8).c_str(), nullptr, 16))),
+                           file, file.substr(actor + 1, end - actor - 1)});
+        }
+        return all;
+    }
+
     std::mt19937 random_;
     std::unique_ptr<Entry> entry_;
     std::deque<HandMadeLink> kept_;
@@ -84,19 +151,66 @@ private:
 // ---- Messages
 
 /** A number as brokers write it. */
-std::string big(std::uint32_t value);
+inline std::string big(std::uint32_t value) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes += static_cast<char>(value >> shift);
+    return bytes;
+}
 /** A text likewise. */
-std::string text(std::string const& value);
+inline std::string text(std::string const& value) {
+    return big(static_cast<std::uint32_t>(value.size())) + value;
+}
+
 enum Kind : std::uint32_t { oneWay = 1, request = 2, response = 3 };
 enum Type : std::uint32_t { search = 1, payload = 2, counters = 10 };
-std::string message(std::uint32_t transaction, std::uint32_t type, std::uint32_t kind,
-                    std::string const& data);
-std::string call(std::uint32_t transaction, std::uint32_t kind, std::uint32_t object,
-                 std::uint32_t method, std::string const& arguments);
+inline std::string message(std::uint32_t transaction, std::uint32_t type, std::uint32_t kind,
+                           std::string const& data) {
+    return big(transaction) + big(type) + big(kind) + text(data);
+}
+inline std::string call(std::uint32_t transaction, std::uint32_t kind, std::uint32_t object,
+                        std::uint32_t method, std::string const& arguments) {
+    return message(transaction, payload, kind,
+                   big(object) + big(kind == request) + big(kClass) + big(method) + arguments);
+}
 
 /** One more frame of what the victim has put into its ring, taken as it should be: the message, or
  * nothing when none comes in time. */
-std::optional<std::string> take(HandMadeLink& link, int milliseconds);
+inline std::optional<std::string> take(HandMadeLink& link, int milliseconds) {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    std::uint32_t const head = link.own.page().head.load();
+    std::uint32_t const tag = link.own.page().asleep.load();
+    link.own.page().asleep.store(tag + 1);
+    while (link.peer.valid() && link.peer.page().tail.load() == head) {
+        if (std::chrono::steady_clock::now() > end)
+            return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!link.peer.valid())
+        return std::nullopt;
+    auto const byte = [&](std::uint32_t at) {
+        return link.peer.ring.mapping.data()[at % link.peer.ring.capacity];
+    };
+    FrameHead frame;
+    for (std::size_t i = 0; i < sizeof frame; ++i)
+        reinterpret_cast<unsigned char*>(&frame)[i] = byte(head + static_cast<std::uint32_t>(i));
+    std::string message;
+    for (std::uint32_t i = 0; i < frame.length && i < link.peer.ring.capacity; ++i)
+        message += static_cast<char>(byte(head + 8 + i));
+    link.own.page().head.store(head + Transport::frameBytes(frame.length));
+    return message;
+}
+
+/** The internal id of the victim's object, which is asked for. */
+inline std::uint32_t objectOf(HandMadeLink& link, Victim const& victim, std::uint32_t transaction) {
+    link.put(message(transaction, search, request, text(victim.object) + big(1)));
+    link.ring();
+    auto const answer = take(link, 500);
+    std::uint32_t object = 0;
+    for (std::size_t i = 16; answer && i < 20 && i < answer->size(); ++i)
+        object = object << 8 | static_cast<unsigned char>((*answer)[i]);
+    return object;
+}
 
 // ---- Attacks
 

@@ -1,12 +1,5 @@
 // On the rendezvous folder, which is the current directory.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <thread>
 
 #include "Field.h"
 
@@ -14,15 +7,6 @@ namespace hostile {
 namespace {
 
 constexpr char kShared[] = "presence";
-
-void listenAt(std::string const& file) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    file.copy(address.sun_path, sizeof address.sun_path - 1);
-    Descriptor const socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    static_cast<void>(
-        ::bind(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address));
-}
 
 /** Files, folders, links and sockets, of any name and such as entries have. */
 void litter(Field& field) {
@@ -36,7 +20,7 @@ void litter(Field& field) {
     name += "junk" + std::to_string(field.number());
     switch (field.dice(4)) {
         case 0:
-            listenAt(name);
+            testsupport::socketAt(name);
             break;
         case 1:
             Descriptor(::open(name.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));

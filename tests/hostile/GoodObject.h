@@ -24,28 +24,19 @@ inline TreflectMetaClass const goodMeta("Good", kClass, {},
 inline TreflectMetaClass const thingMeta("Thing", kThing, {}, {});
 
 /** What every good process serves, under its name. */
-class Object final : public TreflectServerObject {
+class Object final : public TreflectSkeleton<goodMeta> {
 public:
     using Noted = std::function<void(std::string const& who)>;
 
     Object(std::string const& name, Noted noted)
-        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), nullptr, name),
-          noted_(std::move(noted)) {}
+        : TreflectSkeleton(TipprmiOID(name, NSID_UNIT), nullptr, name), noted_(std::move(noted)) {}
 
-    unsigned int getServerClassId() const override { return kClass; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return goodMeta.classIds();
-    }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        switch (mc) {
-            case kEcho:
-                return serve(kClass, cc, mc, in, out, &Object::echo);
-            case kNote:
-                return serve(kClass, cc, mc, in, out, &Object::note);
-            default:
-                return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
+        return mc == kEcho   ? by(&Object::echo)
+               : mc == kNote ? by(&Object::note)
+                             : TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
     }
 
     std::string echo(std::string const& text) { return text; }
@@ -68,19 +59,14 @@ public:
 };
 
 /** Announces itself when it comes, and when it goes. */
-class Thing final : public TreflectServerObject {
+class Thing final : public TreflectSkeleton<thingMeta> {
 public:
     explicit Thing(unsigned long number)
-        : TreflectServerObject(TipprmiOID("thing." + std::to_string(number), NSID_UNIT), nullptr,
-                               "thing") {
+        : TreflectSkeleton(TipprmiOID("thing." + std::to_string(number), NSID_UNIT), nullptr,
+                           "thing") {
         sendCreationEvent();
     }
     ~Thing() override { sendDeletionEvent(); }
-
-    unsigned int getServerClassId() const override { return kThing; }
-    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
-        return thingMeta.classIds();
-    }
 };
 
 }  // namespace hostile

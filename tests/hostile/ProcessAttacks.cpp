@@ -1,12 +1,8 @@
 // By processes that stop, die, and come again under a former one's id.
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <fstream>
-#include <thread>
 
 #include "ChildProgram.h"
 #include "Field.h"

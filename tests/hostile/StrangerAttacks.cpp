@@ -1,11 +1,13 @@
 // By those who connect, and have not been checked yet.
-#include <thread>
 
 #include "Field.h"
 #include "LingeringConnection.h"
 
 namespace hostile {
 namespace {
+
+using testsupport::bytesOf;
+using testsupport::sendWith;
 
 void connectAndLeave(Field& field) {
     Victim const victim = field.victim();
@@ -82,27 +84,6 @@ void giveOddSide(Field& field) {
 
 // ---- Descriptors
 
-/** Sends bytes with any number of descriptors. */
-void sendWith(int socket, std::string const& bytes, std::vector<int> const& descriptors) {
-    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
-    std::vector<unsigned char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const head = CMSG_FIRSTHDR(&message);
-    head->cmsg_level = SOL_SOCKET;
-    head->cmsg_type = SCM_RIGHTS;
-    head->cmsg_len = CMSG_LEN(descriptors.size() * sizeof(int));
-    std::memcpy(CMSG_DATA(head), descriptors.data(), descriptors.size() * sizeof(int));
-    ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-}
-
-std::string bytesOf(Packet const& packet) {
-    return {reinterpret_cast<char const*>(&packet), sizeof packet};
-}
-
 /** Sockets whose `close` waits: before Hello, as Hello, in packets that are not read any more, and
  * on a channel that stands. */
 void passLingering(Field& field) {
@@ -141,7 +122,7 @@ void passLingering(Field& field) {
 
 /** More than a packet has room for, and as many under way as the kernel lets there be. */
 void passMany(Field& field) {
-    static std::deque<std::pair<Descriptor, Descriptor>> underWay;
+    static std::deque<testsupport::SocketPair> underWay;
     Descriptor const something(::open("/dev/null", O_RDWR | O_CLOEXEC));
     std::vector<int> const many(250, something.get());
     HandMadeLink link =
@@ -149,12 +130,9 @@ void passMany(Field& field) {
     link.from = field.entry().id();
     for (int i = 0; i < 4; ++i)
         sendWith(link.socket.get(), bytesOf(link.packet(field.dice(9))), many);
-    int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-        return;
-    underWay.emplace_back(Descriptor(ends[0]), Descriptor(ends[1]));
+    underWay.emplace_back();
     for (int i = 0; i < 20; ++i)
-        sendWith(ends[0], "x", many);
+        sendWith(underWay.back().near.get(), "x", many);
     if (underWay.size() > 10)
         underWay.pop_front();
 }

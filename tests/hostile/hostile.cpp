@@ -6,27 +6,16 @@
 // Good processes call each other, make things and observe them all the while, and newcomers come
 // and go. Two more in a folder of their own, whom nobody attacks, show how long this machine keeps
 // anybody waiting at present: what a call of theirs took is no fault of an attack.
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <map>
 #include <memory>
 #include <random>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "ChildProgram.h"
 #include "RendezvousFolder.h"
 #include "Resources.h"
 #include "Slowness.h"
+#include "Trial.h"
 
 namespace hostile {
 namespace {
@@ -399,9 +388,7 @@ private:
         keepLog(good);
     }
     void keepLog(Good& good) {
-        std::ofstream file(folder_ + "/log." + good.name());
-        for (std::string const& line : good.child().errorLines())
-            file << line << "\n";
+        testsupport::keepLog(good.child(), folder_ + "/log." + good.name());
     }
     void keepLogs() {
         for (auto const& each : good_)
@@ -421,50 +408,27 @@ private:
     std::vector<std::string> faults_;
 };
 
-/** False when they make no sense. */
-bool read(int count, char** arguments, Options& options) {
-    for (int i = 1; i < count; i += 2) {
-        std::string const name = arguments[i];
-        if (i + 1 == count)
-            return false;
-        if (name == "--seconds")
-            options.seconds = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
-        else if (name == "--seed")
-            options.seed = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
-        else if (name == "--only")
-            options.only = arguments[i + 1];
-        else if (name == "--limit")
-            options.limit = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
-        else
-            return false;
-    }
-    return options.seconds > 0;
-}
-
 }  // namespace
 }  // namespace hostile
 
 int main(int count, char** arguments) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     hostile::Options options;
-    if (!hostile::read(count, arguments, options)) {
+    if (!testsupport::readOptions(count, arguments,
+                                  {{"--seconds", &options.seconds},
+                                   {"--seed", &options.seed},
+                                   {"--only", &options.only},
+                                   {"--limit", &options.limit}}) ||
+        options.seconds == 0) {
         std::fprintf(stderr,
                      "usage: hostile [--seconds N] [--seed N] [--only ATTACK[,ATTACK]...] "
                      "[--limit MILLISECONDS]\n");
         return 2;
     }
     std::printf("hostile: seed %u, %u s\n", options.seed, options.seconds);
-    std::string folder =
-        (std::filesystem::temp_directory_path() / "reflectorb-hostile-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) {
-        std::perror(folder.c_str());
-        return 2;
-    }
     testsupport::RendezvousFolder const quiet;
     testsupport::RendezvousFolder const attacked;
-    bool const sound = hostile::Supervisor(options, folder, quiet.path()).run();
-    if (sound)
-        std::filesystem::remove_all(folder);
-    std::printf("hostile: %s with seed %u\n", sound ? "ok" : "FAILED", options.seed);
-    return sound ? EXIT_SUCCESS : EXIT_FAILURE;
+    return testsupport::runTrial("hostile", options.seed, [&](std::string const& folder) {
+        return hostile::Supervisor(options, folder, quiet.path()).run();
+    });
 }

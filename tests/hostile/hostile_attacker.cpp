@@ -3,15 +3,9 @@
 // the good ones suffer from what it does and not from want of processors. Answers "rounds N".
 // Without arguments: a line "ATTACK DESCRIPTION" for each that there is.
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <ctime>
-#include <exception>
-#include <thread>
 
 #include "ActorSide.h"
 #include "Field.h"

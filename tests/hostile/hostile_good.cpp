@@ -8,15 +8,9 @@
 //
 // and the end of input: ends. Tells by itself "met ID" and "lost ID" of brokers, and "fault TEXT".
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <set>
-#include <thread>
-#include <vector>
 
 #include "ActorSide.h"
 #include "GoodObject.h"
@@ -99,16 +93,13 @@ public:
     /** The body of the thread. */
     void run() {
         std::unique_ptr<Client> client;
-        while (turn_.begin()) {
-            {
-                TreflectHandlerState const inside(true);
-                if (!client)
-                    client = std::make_unique<Client>(TipprmiOID(partner_, NSID_UNIT));
-                call(*client);
-            }
-            turn_.finish();
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
+        turn_.follow([&] {
+            TreflectHandlerState const inside(true);
+            if (!client)
+                client = std::make_unique<Client>(TipprmiOID(partner_, NSID_UNIT));
+            call(*client);
+            return std::chrono::milliseconds(2);
+        });
         TreflectHandlerState const inside(true);
         client.reset();
     }
@@ -247,17 +238,13 @@ public:
             threads_.emplace_back([&caller] { caller->run(); });
         if (makes_)
             threads_.emplace_back([this] { makeThings(); });
-        testsupport::obeyLines([this](std::string const& verb, std::istringstream&) {
-            if (verb == "go")
-                turn_.go();
-            if (verb == "rest") {
-                turn_.rest();
-                answer("resting");
-            }
-            if (verb == "report")
-                report_.tell(takeTimes());
-            return true;
-        });
+        testsupport::obeyLines({{"go", [this] { turn_.go(); }},
+                                {"rest",
+                                 [this] {
+                                     turn_.rest();
+                                     answer("resting");
+                                 }},
+                                {"report", [this] { report_.tell(takeTimes()); }}});
     }
 
 private:
@@ -269,15 +256,12 @@ private:
     }
     /** The body of a thread. */
     void makeThings() {
-        while (turn_.begin()) {
-            {
-                TreflectHandlerState const inside(true);
-                auto const thing = std::make_unique<Thing>(++made_);
-                report_.add("made");
-            }
-            turn_.finish();
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        turn_.follow([this] {
+            TreflectHandlerState const inside(true);
+            auto const thing = std::make_unique<Thing>(++made_);
+            report_.add("made");
+            return std::chrono::milliseconds(10);
+        });
     }
 
     bool const makes_;

@@ -3,8 +3,6 @@
 
 #include <array>
 #include <map>
-#include <string>
-#include <utility>
 
 #include "Journal.h"
 #include "SoakObject.h"

@@ -9,6 +9,9 @@
 namespace {
 
 using soak::Checker;
+using soak::kGhost;
+using soak::kHang;
+using soak::kOnce;
 using soak::Life;
 
 /** Has both actors up, and gives the checker events, each with the actor's number in front and a
@@ -45,9 +48,6 @@ public:
     Checker checker{soak::Limits()};
 };
 
-constexpr char kOnce[] = "every observer is told once of each object";
-constexpr char kGhost[] = "no observer is told of what has gone";
-constexpr char kHang[] = "no call hangs longer than its rule allows";
 constexpr char kFailed[] = "no call of an object that is there fails";
 
 /** A creation at 30 and a deletion at 50, with observers of both that stay. */

@@ -1,15 +1,8 @@
 // A thread of an actor: does one thing after the other, as its dice decide.
 #pragma once
 
-#include <algorithm>
-#include <chrono>
-#include <map>
-#include <memory>
 #include <numeric>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Watcher.h"
 
@@ -25,11 +18,10 @@ public:
 
     /** The body of the thread: acts whenever it is the turn to. */
     void run() {
-        while (actor_.turn.begin()) {
+        actor_.turn.follow([this] {
             act();
-            actor_.turn.finish();
-            std::this_thread::sleep_for(std::chrono::microseconds(dice(4000)));
-        }
+            return std::chrono::microseconds(dice(4000));
+        });
         retire(watchers_);
         retire(leaving_);
         TreflectHandlerState const inside(true);

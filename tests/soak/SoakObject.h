@@ -109,22 +109,14 @@ public:
     }
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        switch (mc) {
-            case kGetName:
-                return serve(kClass, cc, mc, in, out, &Object::getName);
-            case kGetNumber:
-                return serve(kClass, cc, mc, in, out, &Object::getNumber);
-            case kGetLevel:
-                return serve(kClass, cc, mc, in, out, &Object::getLevel);
-            case kSetLevel:
-                return serve(kClass, cc, mc, in, out, &Object::setLevel);
-            case kRelay:
-                return serve(kClass, cc, mc, in, out, &Object::relay);
-            case kNote:
-                return serve(kClass, cc, mc, in, out, &Object::note);
-            default:
-                return TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
+        return mc == kGetName     ? by(&Object::getName)
+               : mc == kGetNumber ? by(&Object::getNumber)
+               : mc == kGetLevel  ? by(&Object::getLevel)
+               : mc == kSetLevel  ? by(&Object::setLevel)
+               : mc == kRelay     ? by(&Object::relay)
+               : mc == kNote      ? by(&Object::note)
+                                  : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
     }
 
     std::string getName() { return name_; }

@@ -3,9 +3,7 @@
 
 #include <chrono>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Actor.h"
 

@@ -7,33 +7,25 @@
 //
 // The same seed makes the same decisions, as far as the order of threads lets it. It has the actors
 // act in stretches, kills and restarts some meanwhile, and has the checker judge when all rest.
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
 #include <optional>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Checker.h"
-#include "ChildProgram.h"
 #include "RendezvousFolder.h"
+#include "Resources.h"
 #include "Slowness.h"
+#include "Trial.h"
 
 namespace soak {
 namespace {
 
 using testsupport::ChildProgram;
 using testsupport::kSlow;
+using testsupport::Resources;
 
 constexpr unsigned int kFewestActors = 4;
 constexpr unsigned int kMostActors = 64;
@@ -55,31 +47,14 @@ struct Options {
     long long stretchMicroseconds() const { return stretch * 1000LL; }
 };
 
-/** What a process uses when nobody acts. */
-struct Resource {
+/** What a process uses when nobody acts. Sanitizers and an emulator use memory of their own. */
+struct {
     char const* name;
     long mayGrow;  // after the first stretches
-    long (*of)(std::string const& process);
-};
-
-long countEntries(std::string const& folder) {
-    std::error_code ignored;
-    std::filesystem::directory_iterator const all(folder, ignored);
-    return ignored ? 0 : static_cast<long>(std::distance(begin(all), end(all)));
-}
-
-long residentKilobytes(std::string const& process) {
-    long pages = 0;
-    long resident = 0;
-    std::ifstream(process + "/statm") >> pages >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-// Sanitizers and an emulator use memory of their own.
-Resource const kResources[]{
-    {"resident kB", kSlow ? 1L << 30 : 4096, residentKilobytes},
-    {"descriptors", 24, [](std::string const& process) { return countEntries(process + "/fd"); }},
-    {"threads", 8, [](std::string const& process) { return countEntries(process + "/task"); }}};
+    long Resources::*used;
+} const kResources[]{{"resident kB", kSlow ? 1L << 30 : 4096, &Resources::kilobytes},
+                     {"descriptors", 24, &Resources::descriptors},
+                     {"threads", 8, &Resources::threads}};
 constexpr unsigned int kWarmStretches = 4;
 
 struct Slot {
@@ -89,7 +64,7 @@ struct Slot {
     bool up = false;
     long long deadline = 0;  // for coming up
     unsigned int measured = 0;
-    long used[std::size(kResources)] = {};  // at most, in the first stretches
+    Resources used;  // at most, in the first stretches
 
     std::string name() const { return "actor " + life.text(); }
 };
@@ -334,16 +309,16 @@ private:
     }
     void measure(Slot& slot) {
         bool const warm = ++slot.measured > kWarmStretches;
-        std::string const process = "/proc/" + std::to_string(slot.child->pid());
-        for (std::size_t i = 0; i < std::size(kResources); ++i) {
-            long const used = kResources[i].of(process);
+        Resources const now = Resources::of(slot.child->pid());
+        for (auto const& [name, mayGrow, used] : kResources) {
             if (!warm)
-                slot.used[i] = std::max(slot.used[i], used);
-            else if (used > slot.used[i] + kResources[i].mayGrow)
+                slot.used.*used = std::max(slot.used.*used, now.*used);
+            else if (now.*used > slot.used.*used + mayGrow)
                 checker_.report("memory and descriptors of those that stay are flat",
-                                slot.name() + ": " + kResources[i].name + " grew from " +
-                                    std::to_string(slot.used[i]) + " to " + std::to_string(used) +
-                                    " in " + std::to_string(slot.measured) + " stretches");
+                                slot.name() + ": " + name + " grew from " +
+                                    std::to_string(slot.used.*used) + " to " +
+                                    std::to_string(now.*used) + " in " +
+                                    std::to_string(slot.measured) + " stretches");
         }
     }
 
@@ -378,20 +353,16 @@ private:
         for (Slot const& each : slots_) {
             if (failed() || !each.child)
                 continue;
-            std::string const command = "timeout 60 gdb -p " + std::to_string(each.child->pid()) +
-                                        " -batch -ex 'thread apply all bt' >'" + folder_ +
-                                        "/stacks." + each.life.text() + "' 2>&1";
-            if (std::system(command.c_str()) != 0)
+            if (!testsupport::keepStacks(each.child->pid(),
+                                         folder_ + "/stacks." + each.life.text()))
                 std::printf("no stacks of %s\n", each.name().c_str());
         }
-        checker_.report("no call hangs longer than its rule allows",
-                        slot.name() + " " + what + " within " + std::to_string(kPatience.count()) +
-                            " s; see the stacks and the end of " + slot.journal->path());
+        checker_.report(kHang, slot.name() + " " + what + " within " +
+                                   std::to_string(kPatience.count()) +
+                                   " s; see the stacks and the end of " + slot.journal->path());
     }
     void keepLog(Slot const& slot) {
-        std::ofstream file(folder_ + "/log." + slot.life.text());
-        for (std::string const& line : slot.child->errorLines())
-            file << line << "\n";
+        testsupport::keepLog(*slot.child, folder_ + "/log." + slot.life.text());
     }
     void printFaults() {
         for (Slot const& slot : slots_)
@@ -426,19 +397,7 @@ private:
     unsigned int kills_ = 0;
 };
 
-/** False when they make no sense. */
-bool read(int count, char** arguments, Options& options) {
-    std::map<std::string, unsigned int*> const values{{"--seconds", &options.seconds},
-                                                      {"--seed", &options.seed},
-                                                      {"--actors", &options.actors},
-                                                      {"--observers", &options.observers},
-                                                      {"--stretch", &options.stretch}};
-    for (int i = 1; i < count; i += 2) {
-        auto const value = values.find(arguments[i]);
-        if (value == values.end() || i + 1 == count)
-            return false;
-        *value->second = static_cast<unsigned int>(std::atoi(arguments[i + 1]));
-    }
+bool makeSense(Options const& options) {
     return options.actors >= kFewestActors && options.actors <= kMostActors &&
            options.observers < options.actors && options.stretch > 0;
 }
@@ -449,7 +408,13 @@ bool read(int count, char** arguments, Options& options) {
 int main(int count, char** arguments) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     soak::Options options;
-    if (!soak::read(count, arguments, options)) {
+    if (!testsupport::readOptions(count, arguments,
+                                  {{"--seconds", &options.seconds},
+                                   {"--seed", &options.seed},
+                                   {"--actors", &options.actors},
+                                   {"--observers", &options.observers},
+                                   {"--stretch", &options.stretch}}) ||
+        !soak::makeSense(options)) {
         std::fprintf(stderr,
                      "usage: soak [--seconds N] [--seed N] [--actors %u..%u] "
                      "[--observers N] [--stretch MILLISECONDS]\n",
@@ -457,16 +422,8 @@ int main(int count, char** arguments) {
         return 2;
     }
     std::printf("soak: seed %u, %u actors, %u s\n", options.seed, options.actors, options.seconds);
-    std::string folder =
-        (std::filesystem::temp_directory_path() / "reflectorb-soak-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) {
-        std::perror(folder.c_str());
-        return 2;
-    }
     testsupport::RendezvousFolder const rendezvous;
-    bool const sound = soak::Supervisor(options, folder).run();
-    if (sound)
-        std::filesystem::remove_all(folder);
-    std::printf("soak: %s with seed %u\n", sound ? "ok" : "FAILED", options.seed);
-    return sound ? EXIT_SUCCESS : EXIT_FAILURE;
+    return testsupport::runTrial("soak", options.seed, [&](std::string const& folder) {
+        return soak::Supervisor(options, folder).run();
+    });
 }

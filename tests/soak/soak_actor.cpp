@@ -8,12 +8,6 @@
 //   quit      end
 //
 // With the argument "beacon" alone it is nothing but a broker, which answers "start TERMINATION".
-#include <cstdlib>
-#include <iostream>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "ActorSide.h"
 #include "Player.h"

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 namespace testsupport {
 
@@ -17,7 +19,25 @@ public:
         changed_.wait(lock, [this] { return busy_ == 0; });
     }
 
-    /** Waits until the thread may act; false when it is to end. */
+    /** Has the calling thread act again and again, when it may; `act` answers how long it rests
+     * then. Returns when it is to end. */
+    template <class Act>
+    void follow(Act const& act) {
+        while (begin()) {
+            std::chrono::microseconds const pause = act();
+            finish();
+            std::this_thread::sleep_for(pause);
+        }
+    }
+
+private:
+    enum State { resting, acting, ended };
+
+    void set(State state) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        state_ = state;
+        changed_.notify_all();
+    }
     bool begin() {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return state_ != resting; });
@@ -27,15 +47,6 @@ public:
     void finish() {
         std::lock_guard<std::mutex> const lock(mutex_);
         --busy_;
-        changed_.notify_all();
-    }
-
-private:
-    enum State { resting, acting, ended };
-
-    void set(State state) {
-        std::lock_guard<std::mutex> const lock(mutex_);
-        state_ = state;
         changed_.notify_all();
     }
 
