@@ -2,11 +2,8 @@
 #include <pthread.h>
 #include <sys/syscall.h>
 
-#include <atomic>
 #include <cerrno>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "LogCapture.h"
 #include "Threads.h"

@@ -4,11 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "ChildProgram.h"
 #include "logging/Log.h"

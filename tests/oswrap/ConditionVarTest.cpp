@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include "Threads.h"
 #include "Waiting.h"
 #include "oswrap/Clock.h"
@@ -21,10 +19,7 @@ void cancelInTheWait(TimeSpec const& limit, bool wakeBefore) {
     std::atomic<bool> waiting{false};
     std::atomic<bool> unwound{false};
     testsupport::TestThread thread([&] {
-        struct Mark {
-            std::atomic<bool>& mark;
-            ~Mark() { mark = true; }
-        } const mark{unwound};
+        testsupport::Mark const mark{unwound};
         Lock<ConditionVar> const lock(condition);
         waiting = true;
         for (;;)

@@ -1,17 +1,14 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <functional>
 #include <set>
 #include <thread>
 
 #include "LogCapture.h"
+#include "Threads.h"
 #include "Waiting.h"
 #include "oswrap/Clock.h"
 #include "oswrap/ConditionVar.h"
@@ -115,10 +112,7 @@ TEST(Thread, deletesItselfAfterReturnAndAfterCancellation) {
             std::atomic<pthread_t> handle{};
             Gate running;
             auto body = [&, cancelled] {
-                struct Mark {
-                    std::atomic<bool>& mark;
-                    ~Mark() { mark = true; }
-                } const mark{unwound};
+                testsupport::Mark const mark{unwound};
                 handle = pthread_self();
                 running.open();
                 while (cancelled)

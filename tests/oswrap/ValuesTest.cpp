@@ -4,7 +4,6 @@
 #include <cstring>
 #include <fstream>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 

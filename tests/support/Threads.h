@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -25,6 +26,12 @@ inline std::string statesOfThreads(std::string const& name, pid_t pid = ::getpid
     }
     return states;
 }
+
+/** Tells that its scope was left, by return or by cancellation. */
+struct Mark {
+    std::atomic<bool>& left;
+    ~Mark() { left = true; }
+};
 
 /** A thread with one body, that can be cancelled and is joined at the latest by its destructor. */
 class TestThread {
