@@ -32,3 +32,4 @@
 #include "reflect/TreflectSkeleton.h"
 #include "reflect/TreflectTieds.h"
 #include "reflect/TreflectTypeName.h"
+#include "reflect/TreflectValueCheck.h"

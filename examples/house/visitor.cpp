@@ -35,7 +35,6 @@ void useByName(TreflectObject const& lamp) {
     steps.set(lamp::Steps{25, 50, 75});
     TipprmiResult<lamp::Steps> const read = steps.fetch<lamp::Steps>();
     std::printf("%zu steps\n", read.value().size());  // none if it failed; read.code() says why
-    steps.setContainerType(TreflectAttribute::kSequence);  // the value has elements
     unsigned int second = 0;
     if (steps[1].get(second) == 0)  // reads one of them
         std::printf("the second is %u\n", second);

@@ -22,6 +22,8 @@ std::string failureText(unsigned int code) {
             return "the answer is not what the class describes";
         case TipprmiFailure::kVetoed:
             return "an observer forbids it";
+        case TipprmiFailure::kMismatch:
+            return "the class describes something else";
         default:
             return "refused with code " + std::to_string(code);
     }

@@ -28,7 +28,7 @@ std::string valueText(Types const& types, unsigned int index, TipprmiAny const& 
 std::string typesText(Types const& types) {
     std::string text;
     for (std::size_t i = 0; i < types.size(); ++i)
-        text += separator(i) + types[i].name();
+        (text += separator(i)) += types[i].name().empty() ? "?" : types[i].name();
     return text;
 }
 
@@ -45,7 +45,7 @@ bool parse(Types const& types, std::vector<std::string> const& texts, Values& va
     values.setLength(static_cast<unsigned int>(types.size()));
     for (unsigned int i = 0; i < values.getLength(); ++i) {
         if (!types[i].parse(texts[i], values[i]))
-            return complain("\"" + texts[i] + "\" is no value of type " + types[i].name());
+            return complain("\"" + texts[i] + "\" is no value of type " + typesText({types[i]}));
     }
     return true;
 }

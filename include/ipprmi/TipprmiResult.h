@@ -13,6 +13,9 @@ struct TipprmiFailure {
     static constexpr unsigned int kUnreadable = 0xFFFFFFFF;
     /** An observer of the object has forbidden the call. */
     static constexpr unsigned int kVetoed = 0xFFFFFFFE;
+    /** A value or its type, or the number of arguments, is not what the table of the object's class
+     * tells; what was to be sent has not been sent. */
+    static constexpr unsigned int kMismatch = 0xFFFFFFFD;
 
     explicit constexpr TipprmiFailure(unsigned int failureCode = kNotServed) : code(failureCode) {}
 

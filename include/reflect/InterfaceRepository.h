@@ -22,7 +22,8 @@ class REFLECTORB_API InterfaceRepository {
 public:
     static InterfaceRepository* instance();
 
-    /** True. A class id that is taken stays with the meta object that has it. */
+    /** True. A class id that is taken stays with the meta object that has it; when the two have
+     * different names that is a mistake, and was logged at level 3 when the second was built. */
     bool registerInterface(TreflectMetaObject* metaObject);
     /** Takes out the entry of the meta object's class id, whichever object it holds; true. */
     bool unregisterInterface(TreflectMetaObject* metaObject);
@@ -45,6 +46,8 @@ private:
     bool isBuilt(TreflectMetaObject const* metaObject) const;
     /** A meta object is there, and is linked to those that have been waiting for it. */
     void built(TreflectMetaObject* metaObject);
+    /** Logs it when a class of another name has the class id already. */
+    void tellSharedId(TreflectMetaObject const& newcomer) const;
     /** A meta object goes: nobody keeps a pointer to it. */
     void destroyed(TreflectMetaObject* metaObject);
     /** Links a meta object to its base, now or as soon as the base is built. */

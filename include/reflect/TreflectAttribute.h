@@ -10,6 +10,8 @@
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectObject.h"
 #include "reflect/TreflectOperation.h"
+#include "reflect/TreflectTypeName.h"
+#include "reflect/TreflectValueCheck.h"
 
 /**
  * An attribute of one object, found by name: a meta attribute bound to a handle. Handles hand it
@@ -18,6 +20,12 @@
  *
  *     unsigned int level = 0;
  *     if (lamp.attribute("Level").get(level) == 0) ...
+ *
+ * Where the class's table tells the type, a value of another one is neither written nor read:
+ * TipprmiFailure::kMismatch, and a line at level 3 that tells both. The types are compared when the
+ * first value of a C++ type is read or written. A number of another range is taken if it lies in
+ * both. What nobody has named (see TreflectTypeName) is not compared, nor are the handles that
+ * `get` reads.
  *
  * Used under the run permission, which is given up while a call waits.
  *
@@ -52,11 +60,11 @@ public:
     /** Number of elements; 0 for the null attribute. */
     int constLength() const;
     TreflectAttributeType containerType() const { return containerType_; }
-    /** Says how the value is made up. What a handle's `attribute` finds by name is kPlain, whatever
-     * its class says, and is read as a whole even when an element is selected. */
+    /** Says how the value is made up. What a handle's `attribute` finds by name is kPlain: an
+     * element that is selected is one of what the class's table tells. Where the table tells no
+     * type, the whole is read even then, until this function says how the value is made up. */
     void setContainerType(TreflectAttributeType type);
-    /** Has element `i` of an array or a sequence (see setContainerType) read from now on; answers
-     * the attribute itself. */
+    /** Has element `i` of an array or a sequence read from now on; answers the attribute itself. */
     TreflectAttribute& operator[](int i);
     /** Has the whole value read again. */
     void clearIndex();
@@ -68,14 +76,16 @@ public:
 
     /**
      * Reads the value: 0, or `error` for the null attribute. An element outside the array or the
-     * sequence leaves `value` as it is. A call that failed leaves a handle unconnected and answers
-     * 0 (ask it whether it is connected); a value of any other type it leaves as it is and answers
+     * sequence leaves `value` as it is, and is an error unless setContainerType said that there are
+     * elements. A call that failed, or a mismatch, leaves a handle unconnected and answers 0 (ask
+     * it whether it is connected); a value of any other type it leaves as it is and answers
      * `error`. A text that is read as char* is the caller's, who deletes it with delete[]; what
      * `value` led to before is not deleted.
      */
     template <class T>
     int get(T& value) const;
-    /** The same, with the code of the failure; a default value for an element that is not there. */
+    /** The same, with the code of the failure; a default value for an element that is not there and
+     * is no error. */
     template <class T>
     TipprmiResult<T> fetch() const;
     /** Writes the whole value: 0, or `error` for the null attribute, one that is read-only, one of
@@ -87,6 +97,9 @@ public:
     /** The same, with the code of the failure. */
     template <class T>
     TipprmiResult<void> store(T const& value) const;
+    /** When the last reading or writing failed with TipprmiFailure::kMismatch: what the class tells
+     * of the attribute's type, and what does not go with it, in words. */
+    std::string mistake() const;
 
     /**
      * For an attribute whose value is a reflective object: fetches the object on which `attribute`
@@ -105,10 +118,37 @@ private:
         TreflectAttributeType containerType;
         int index;  // kNoIndex for the whole value
         int length;
+        TreflectValueCheck const* check;  // null when there is nothing to be looked at
+
+        bool isMisuse() const { return check && check->isMisuse(); }
+    };
+    using Check = TreflectValueCheck;
+    /** What has been found of the C++ type that was used last. */
+    struct KnownCheck {
+        Check::TypeName type = nullptr;
+        Check::Use use = Check::Use::kRead;
+        Check const* check = nullptr;  // the class's; null when there is nothing to be looked at
     };
 
     bool hasIndex_() const { return index_ != kNoIndex; }
-    Selection selection_() const { return {containerType_, index_, constLength()}; }
+    Check::Use readingUse_() const {
+        if (!hasIndex_())
+            return Check::Use::kRead;
+        return containerType_ == kPlain ? Check::Use::kReadElement : Check::Use::kReadMarkedElement;
+    }
+    Check::Use writingUse_() const {
+        return hasIndex_() && containerType_ == kPlain ? Check::Use::kWriteElement
+                                                       : Check::Use::kWrite;
+    }
+    Check const* check_(KnownCheck& known, Check::TypeName type, Check::Use use) const {
+        if (known.type != type || known.use != use)
+            known = {type, use, findCheck_(type, use)};
+        return lastCheck_ = known.check;
+    }
+    Check const* findCheck_(Check::TypeName type, Check::Use use) const;
+    Selection selection_(Check::TypeName type) const {
+        return {containerType_, index_, constLength(), check_(reading_, type, readingUse_())};
+    }
     /** Calls the get operation; whether the call went well. `response` is then about to yield the
      * value, unless nothing came back but a general exception: every read of it fails then. */
     bool callGet_(TipprmiStream& response) const;
@@ -116,8 +156,13 @@ private:
     TipprmiResult<void> callSet_(InParamHook const& value) const;
     /** Why the call that was answered by `response` failed. */
     static TipprmiFailure failureOf_(TipprmiStream const& response);
+    /** Reads what is selected; an element that is not there leaves the value as it is. */
     template <class T>
-    static void decode_(Selection const& selected, TipprmiStream& response, T& value);
+    static TipprmiResult<void> decode_(Selection const& selected, TipprmiStream& response,
+                                       T& value);
+    /** The same where the table tells nothing. */
+    template <class T>
+    static void decodeUnchecked_(Selection const& selected, TipprmiStream& response, T& value);
     template <class T>
     static void decodeSequence_(int index, TipprmiStream& response, T& value);
     template <class T>
@@ -134,6 +179,9 @@ private:
     TreflectOperation* operSet_ = nullptr;
     TreflectAttributeType containerType_ = kPlain;
     int index_ = kNoIndex;
+    mutable KnownCheck reading_;
+    mutable KnownCheck writing_;
+    mutable Check const* lastCheck_ = nullptr;
 };
 
 /** The null attribute: reading it answers `error`, and all that it leads to is null as well. */
@@ -148,20 +196,24 @@ public:
 
 template <class T>
 int TreflectAttribute::get(T& value) const {
+    constexpr bool isHandle = std::is_base_of_v<TreflectObject, T>;
     if (error_)
         return error;
-    Selection const selected = selection_();
+    Selection const selected = selection_(&treflectTypeName<T>);
+    if (!isHandle && selected.isMisuse()) {
+        selected.check->tell();
+        return error;
+    }
     TipprmiStream response = TipprmiStream::withoutBuffer_();
     bool const succeeded = callGet_(response);
-    if constexpr (std::is_base_of_v<TreflectObject, T>) {
-        decode_(selected, response, value);
+    if constexpr (isHandle) {
+        static_cast<void>(decode_(selected, response, value));
         return 0;
     } else {
         if (!succeeded)
             return error;
         T decoded = value;
-        decode_(selected, response, decoded);
-        if (response.hasUnmarshallingFailed())
+        if (!decode_(selected, response, decoded) || response.hasUnmarshallingFailed())
             return error;
         value = std::move(decoded);
         return 0;
@@ -172,12 +224,18 @@ template <class T>
 TipprmiResult<T> TreflectAttribute::fetch() const {
     if (error_)
         return TipprmiFailure();
-    Selection const selected = selection_();
+    Selection const selected = selection_(&treflectTypeName<T>);
+    if (selected.isMisuse()) {
+        selected.check->tell();
+        return TipprmiFailure(TipprmiFailure::kMismatch);
+    }
     TipprmiStream response = TipprmiStream::withoutBuffer_();
     if (!callGet_(response))
         return failureOf_(response);
     T value = tipprmiBlank<T>();
-    decode_(selected, response, value);
+    TipprmiResult<void> const decoded = decode_(selected, response, value);
+    if (!decoded)
+        return TipprmiFailure(decoded.code());
     if (response.hasUnmarshallingFailed())
         return failureOf_(response);
     return value;
@@ -185,11 +243,34 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
 
 template <class T>
 TipprmiResult<void> TreflectAttribute::store(T const& value) const {
+    if (Check const* const check = check_(writing_, &treflectTypeName<T>, writingUse_())) {
+        if (check->isMisuse() || !check->admits(TipprmiAny().insert(value))) {
+            check->tell();
+            return TipprmiFailure(TipprmiFailure::kMismatch);
+        }
+    }
     return callSet_(TipprmiArguments<T>(value));
 }
 
 template <class T>
-void TreflectAttribute::decode_(Selection const& selected, TipprmiStream& response, T& value) {
+TipprmiResult<void> TreflectAttribute::decode_(Selection const& selected, TipprmiStream& response,
+                                               T& value) {
+    if (!selected.check || selected.isMisuse()) {
+        decodeUnchecked_(selected, response, value);
+        return {};
+    }
+    Check::Found const found = selected.check->find(response, selected.index);
+    if (found == Check::Found::kValue)
+        response >> value;
+    bool const isAbsent = found == Check::Found::kNoElement && selected.containerType != kPlain;
+    if (found != Check::Found::kValue && !isAbsent)
+        return TipprmiFailure(TipprmiFailure::kMismatch);
+    return {};
+}
+
+template <class T>
+void TreflectAttribute::decodeUnchecked_(Selection const& selected, TipprmiStream& response,
+                                         T& value) {
     bool const hasIndex = selected.index != kNoIndex;
     if (hasIndex && selected.containerType == kSequence)
         decodeSequence_(selected.index, response, value);

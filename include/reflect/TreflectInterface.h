@@ -29,9 +29,6 @@ template <class Class_, class Result_, class... Parameters>
 struct SignatureOf<Result_ (Class_::*)(Parameters...) const>
     : SignatureOf<Result_ (Class_::*)(Parameters...)> {};
 
-/** Names of types up to the first that has none: what is behind it cannot be found. */
-REFLECTORB_API std::vector<std::string> namedTypes(std::vector<std::string> types);
-
 /** A line of the table for the operation that `Method` serves. */
 template <auto Method>
 TreflectMetaClass::Operation rowOf(std::string const& name, unsigned int code) {
@@ -39,7 +36,7 @@ TreflectMetaClass::Operation rowOf(std::string const& name, unsigned int code) {
     std::vector<std::string> results;
     if constexpr (!std::is_void_v<typename Signature::Result>)
         results.push_back(treflectTypeName<typename Signature::Result>());
-    return {name, code, namedTypes(Signature::argumentTypes()), namedTypes(std::move(results))};
+    return {name, code, Signature::argumentTypes(), std::move(results)};
 }
 
 /** Whether two functions are the same one. */

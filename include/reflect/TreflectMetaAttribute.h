@@ -1,7 +1,13 @@
 #pragma once
 
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "oswrap/Mutex.h"
 #include "reflect/TreflectMemberFactory.h"
 #include "reflect/TreflectMetaMember.h"
+#include "reflect/TreflectValueCheck.h"
 
 class TreflectMetaOperation;
 
@@ -28,6 +34,12 @@ public:
     /** Says that the value is a reflective object of this class, which is not owned. */
     void registerType(TreflectMetaObject* typeMeta);
 
+    /** How values of a C++ type go with the type that the class's table tells of the attribute:
+     * compared when it is first asked for, and kept as long as this object. The class is complete
+     * by then. Any thread. */
+    TreflectValueCheck const& check(TreflectValueCheck::TypeName type,
+                                    TreflectValueCheck::Use use) const;
+
 protected:
     TreflectMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
                           TreflectMetaOperation const* get, TreflectMetaOperation const* set,
@@ -45,11 +57,13 @@ private:
     TreflectMetaOperation const* get_;
     TreflectMetaOperation const* set_;
     TreflectMetaObject* typeMeta_ = nullptr;
+    mutable OSWrap::Mutex mutex_;  // a leaf
+    mutable std::vector<std::unique_ptr<TreflectValueCheck const>> checks_ OSW_GUARDED_BY(mutex_);
 };
 
 /**
- * An attribute of a fixed number of values. Only attributes made by its own `getTied` can be read
- * element by element; those found by name through a handle read a single value.
+ * An attribute of a fixed number of values. What its own `getTied` makes is read element by element
+ * when one is selected; what a handle finds by name only where the class's table tells the type.
  */
 class REFLECTORB_API TreflectArrayMetaAttribute : public TreflectMetaAttribute {
 public:

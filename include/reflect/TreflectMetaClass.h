@@ -1,5 +1,6 @@
 #pragma once
 
+#include <list>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,10 @@
  *         {"Level"});
  *
  * Method codes are unique in a class and its bases, and none of those that every object has: 1000
- * to 1108, 2100 and 2101. A name or a code that occurs twice, and a type that is none, is logged at
- * level 3, when the class is first looked for.
+ * to 1108, 2100 and 2101. A name or a code that occurs twice, also in two of its bases, and a type
+ * that is none, is logged at level 3, when the class is first looked for. An operation of a base
+ * may be repeated with its name and its code. A class id of two classes is logged when the second
+ * is built.
  */
 class REFLECTORB_API TreflectMetaClass : public TreflectMetaObject {
 public:
@@ -34,8 +37,9 @@ public:
     };
     struct Operation {
         std::string name;
-        unsigned int id;                     // method code
-        std::vector<std::string> in = {};    // types of the arguments, perhaps with their names
+        unsigned int id;  // method code
+        // Types of the arguments, perhaps with their names; empty for one that nobody has named.
+        std::vector<std::string> in = {};
         std::vector<std::string> out = {};   // types of the results
         std::vector<Exception> raises = {};  // what it may be refused with
     };
@@ -85,6 +89,10 @@ private:
     void registerMembers();
     /** Logs what the tables have twice. */
     void tellMistakes() const;
+    /** Logs what bases have that clashes with what other bases have. */
+    void tellClashesOfBases() const;
+    void tellClashes(std::list<TreflectMetaOperation*> const& some,
+                     std::list<TreflectMetaOperation*> const& others) const;
     void tellClash(Operation const& operation, std::string const& otherClass,
                    std::string const& otherName, int otherId) const;
     /** Logs which types in them are none. */

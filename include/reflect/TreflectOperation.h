@@ -1,10 +1,12 @@
 #pragma once
 
+#include <string>
+
 #include "ipprmi/TipprmiResult.h"
 #include "ipprmi/TipprmiSequence.h"
 #include "oswrap/Export.h"
+#include "reflect/TreflectMetaOperation.h"
 
-class TreflectMetaOperation;
 class TreflectObject;
 class TreflectObserver;
 
@@ -24,14 +26,17 @@ public:
     TreflectMetaOperation const* meta() const { return meta_; }
     bool isError() const { return error_; }
 
-    /** Calls the operation without arguments, waits until it has run, and leaves its results
-     * unread; 0, whatever came back. */
+    /** Calls the operation without arguments, whatever the class's table tells, waits until it has
+     * run, and leaves its results unread; 0, whatever came back. */
     int call();
     /**
      * Calls the operation with arguments and waits for its results: 0, or `error` for the null
      * operation and a call that has failed, which leaves `out` as it was. Each any of `in` holds
      * the encoding of one argument, as TipprmiAny::insert or TreflectParameterType::parse make it.
      * Observers are told as of every call.
+     *
+     * Where the class's table tells types, the number of arguments and each of them are checked
+     * before anything is sent: TipprmiFailure::kMismatch, and a line at level 3.
      *
      * `out` has the results one by one when the operation describes them (see
      * TreflectMetaOperation::registerParameter); a result of a type that TreflectParameterType does
@@ -43,6 +48,9 @@ public:
      * not what the operation describes. */
     TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> invoke(
         TipprmiSequence<TipprmiAny, 0u> const& in);
+    /** When the last call with arguments failed with TipprmiFailure::kMismatch: what the class
+     * tells of them, and what was given instead, in words; else empty. */
+    std::string const& mistake() const { return mistake_; }
     /** Has an observer told before each call, which it can veto; false for the null operation. */
     bool preObserve(TreflectObserver* observer);
     /** Has an observer told after each call; false for the null operation. */
@@ -55,9 +63,14 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
+    /** Tells it, if so. */
+    bool isMistaken(TreflectMetaOperation::Signature const& signature,
+                    TipprmiSequence<TipprmiAny, 0u> const& in);
+
     TreflectMetaOperation const* const meta_;
     TreflectObject const* const object_;
-    bool error_ = false;  // set by the null operation's constructor only
+    bool error_ = false;   // set by the null operation's constructor only
+    std::string mistake_;  // guarded by the run permission
 };
 
 /** The null operation: every call of it answers `error`, or false, and reaches nobody. */

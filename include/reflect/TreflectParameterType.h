@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -124,12 +125,14 @@ public:
 
 private:
     friend class TreflectTypes;
+    friend class TreflectValueCheck;
 
     enum class Kind : unsigned char;
     struct Node;
     struct Shape;
     class Compiler;
     class Comparison;
+    class Conversion;
     template <class Reader>
     class Walk;
     class Measure;
@@ -140,7 +143,28 @@ private:
     static std::string nameIn(std::string const& definition);
     static bool isInRange(Kind kind, std::uint32_t number);
 
+    /** How values of one type go into the other. */
+    enum class Fit {
+        kNever,    // another form
+        kInRange,  // those that lie in its range
+        kAlways
+    };
+    Fit fitInto(TreflectParameterType const& other) const;
+    /** Whether the value of this type with which `bytes` begins is one of the other, too, into
+     * which such values may fit. */
+    bool isWithin(TreflectParameterType const& other, unsigned char const* bytes,
+                  std::size_t size) const;
+    /** Whether these bytes begin with a whole value. */
+    bool isAtStartOf(unsigned char const* bytes, std::size_t size) const;
+    /** The type of the elements of a sequence or an array; an invalid one for other types. */
+    TreflectParameterType element() const;
+    /** Where an element begins among the bytes of a sequence or an array; nothing when it has no
+     * such element. Beyond `size` when the bytes are no such value. */
+    std::optional<std::size_t> placeOf(int index, unsigned char const* bytes,
+                                       std::size_t size) const;
+
     std::string name_;
     std::string label_;
     std::shared_ptr<Shape const> shape_;  // null when the name is of no type
+    unsigned int root_ = 0;               // the node with which the type begins
 };

@@ -45,9 +45,6 @@ REFLECTORB_API std::string typeOfMembers(char const* name, std::vector<std::stri
 /** The type of a struct of which `text` tells name and members, as REFLECTORB_STRUCT does. */
 REFLECTORB_API std::string typeOfStruct(char const* text, std::vector<std::string> const& members);
 
-/** Names of types up to the first that has none: what is behind it cannot be found. */
-REFLECTORB_API std::vector<std::string> namedTypes(std::vector<std::string> types);
-
 /** Tells whether the type of a struct is being made just now, within which its name will do. */
 class REFLECTORB_API StructInWork {
 public:

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ipprmi/TipprmiObjectSkeleton.h"
+#include "logging/LineLimit.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/broker/InternalIds.h"
 
@@ -112,6 +113,12 @@ void ObjectRegistry::addToIndex(std::uint32_t id, Entry const& entry) {
         throw std::bad_alloc();
     }
     known->second = std::min(known->second, id);
+    static Logging::LineLimit limit;
+    if (others.size() == 1)
+        REFLECTORB_LOG_LIMITED(
+            limit, 3, "REFLECT_orb",
+            "identifier \"%s\" belongs to objects 0x%X and 0x%X: the former is found",
+            entry.indexedAs.getIdString(), known->second, higher);
 }
 
 void ObjectRegistry::removeFromIndex(std::uint32_t id, Entry const& entry) {

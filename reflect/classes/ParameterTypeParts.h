@@ -186,6 +186,87 @@ private:
     int level_ = 0;
 };
 
+/** How strictly values that arrive are looked at. */
+enum class ParameterCheck { kAsReaders, kAsWriters };
+
+/** Passes one value. Its effort is bounded by the bytes: what may be repeated has some. */
+class TreflectParameterType::Measure : public Walk<Measure> {
+public:
+    Measure(Shape const& shape, ParameterBytes& bytes, ParameterCheck check)
+        : Walk(shape, bytes), check_(check) {}
+
+private:
+    friend class Walk;
+
+    void content(unsigned int at) {
+        Node const& node = shape_.nodes[at];
+        switch (node.kind) {
+            case Kind::kFloat:
+                bytes_.take(4);
+                break;
+            case Kind::kInt64:
+            case Kind::kUint64:
+            case Kind::kDouble:
+                bytes_.take(8);
+                break;
+            case Kind::kString:
+            case Kind::kBytes:
+            case Kind::kAny:
+                bytes_.text();
+                break;
+            case Kind::kOid:
+                bytes_.text();
+                bytes_.take(4);
+                break;
+            case Kind::kObject:
+                bytes_.text();
+                bytes_.take(12);
+                break;
+            case Kind::kVoid:
+            case Kind::kEnumerator:
+            case Kind::kReference:
+                break;
+            default:
+                if (!container(at))
+                    word(node.kind);
+        }
+    }
+
+    void word(Kind kind) {
+        std::uint32_t const number = bytes_.number();
+        bool const isOddBool =
+            kind == Kind::kBool && number > 1 && check_ == ParameterCheck::kAsWriters;
+        if (isOddBool || !isInRange(kind, number))
+            bytes_.fail();
+    }
+
+    void elements(unsigned int element, std::uint32_t count) {
+        for (; count > 0 && bytes_.complete(); --count)
+            value(element);
+    }
+
+    void entries(unsigned int at) {
+        for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
+            parts(at);
+    }
+
+    void parts(unsigned int at) {
+        for (unsigned int part = at + 1; part < shape_.nodes[at].end && bytes_.complete();
+             part = shape_.nodes[part].end)
+            value(part);
+    }
+
+    void alternative(unsigned int at) {
+        unsigned int const part = shape_.partOf(at, bytes_.number());
+        if (part == 0)
+            bytes_.fail();
+        else if (bytes_.complete())
+            value(part);
+    }
+
+    ParameterCheck const check_;
+};
+
 /** Makes the shape of a type from its name. */
 class TreflectParameterType::Compiler {
 public:

@@ -75,6 +75,7 @@ bool InterfaceRepository::isBuilt(TreflectMetaObject const* metaObject) const {
 }
 
 void InterfaceRepository::built(TreflectMetaObject* metaObject) {
+    tellSharedId(*metaObject);
     OSWrap::Lock<> const lock(mutex_);
     built_.push_back(metaObject);
     unkept_ = true;
@@ -82,6 +83,21 @@ void InterfaceRepository::built(TreflectMetaObject* metaObject) {
     for (auto derived = waiting.first; derived != waiting.second; ++derived)
         derived->second->linkTo(metaObject);
     awaited_.erase(waiting.first, waiting.second);
+}
+
+// A class of one name comes several times when programs and shared objects each have its table.
+void InterfaceRepository::tellSharedId(TreflectMetaObject const& newcomer) const {
+    std::string known;
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        auto const entry = interfaces_.find(newcomer.classId_);
+        if (entry == interfaces_.end() || entry->second->name_ == newcomer.name_)
+            return;
+        known = entry->second->name_;
+    }
+    REFLECTORB_LOG(3, "REFLECT_InterfaceRepository",
+                   "classes \"%s\" and \"%s\" have one class id, 0x%X: the latter is not found",
+                   known.c_str(), newcomer.name_.c_str(), newcomer.classId_);
 }
 
 // Static objects of several files are built in no fixed order.

@@ -98,6 +98,18 @@ TreflectAttribute::~TreflectAttribute() {
     delete containedObject_;
 }
 
+TreflectValueCheck const* TreflectAttribute::findCheck_(TreflectValueCheck::TypeName type,
+                                                        TreflectValueCheck::Use use) const {
+    if (!meta_)
+        return nullptr;
+    TreflectValueCheck const& found = meta_->check(type, use);
+    return found.isNeeded() ? &found : nullptr;
+}
+
+std::string TreflectAttribute::mistake() const {
+    return lastCheck_ ? lastCheck_->mistake() : std::string();
+}
+
 int TreflectAttribute::constLength() const {
     return meta_ ? meta_->constLength() : 0;
 }
@@ -186,6 +198,9 @@ TipprmiStream& operator>>(TipprmiStream& stream, Text& text) {
 }  // namespace
 
 template <>
+struct TreflectTypeName<Text> : TreflectTypeName<std::string> {};
+
+template <>
 int TreflectAttribute::get(char*& value) const {
     Text text;
     int const result = get(text);
@@ -268,12 +283,11 @@ private:
     TipprmiSequence<TipprmiAny, 0u> const& values_;
 };
 
-/** The values that are left in `response`, as the operation describes them. */
-TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> splitResults(TreflectMetaOperation const& meta,
-                                                            TipprmiStream& response) {
+/** The values that are left in `response`, of the types that the operation tells. */
+TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> splitResults(
+    std::vector<TreflectParameterType> const& types, TipprmiStream& response) {
     TipprmiSequence<TipprmiAny, 0u> results;
     TipprmiAny value;
-    std::vector<TreflectParameterType> const types = meta.resultTypes();
     bool known = !types.empty();
     for (std::size_t i = 0; known && i < types.size(); ++i) {
         known = types[i].isValid();
@@ -316,18 +330,36 @@ int TreflectOperation::call(TipprmiSequence<TipprmiAny, 0u> const& in,
     return 0;
 }
 
+bool TreflectOperation::isMistaken(TreflectMetaOperation::Signature const& signature,
+                                   TipprmiSequence<TipprmiAny, 0u> const& in) {
+    mistake_ = signature.mistakeIn(in);
+    if (mistake_.empty())
+        return false;
+    TreflectMetaObject const* const owner = meta_->containingMetaObject();
+    std::string const className = owner ? owner->name() : std::string();
+    REFLECTORB_LOG_LIMITED(meta_->mistakes_, 3, "REFLECT_attribute",
+                           "operation \"%s\" of class \"%s\" takes (%s), %s", meta_->name().c_str(),
+                           className.c_str(), signature.inText().c_str(), mistake_.c_str());
+    mistake_ = "operation \"" + meta_->name() + "\" of class \"" + className + "\" takes (" +
+               signature.inText() + "), " + mistake_;
+    return true;
+}
+
 TipprmiResult<TipprmiSequence<TipprmiAny, 0u>> TreflectOperation::invoke(
     TipprmiSequence<TipprmiAny, 0u> const& in) {
     if (error_)
         return TipprmiFailure();
     TreflectMetaOperation const& meta = *meta_;  // outlasts this operation
+    auto const signature = meta.signature();
+    if (isMistaken(*signature, in))
+        return TipprmiFailure(TipprmiFailure::kMismatch);
     TipprmiStream response = TipprmiStream::withoutBuffer_();
     bool const served =
         callMember(*object_, meta.containingMetaObject(), meta, AnyArguments(in), response);
     TipprmiResult<void> const outcome = readOutcome(response);
     if (!served || !outcome)
         return TipprmiFailure(outcome ? TipprmiFailure::kNotServed : outcome.code());
-    return splitResults(meta, response);
+    return splitResults(signature->out, response);
 }
 
 bool TreflectOperation::preObserve(TreflectObserver* observer) {

@@ -90,6 +90,7 @@ void TreflectMetaClass::registerMembers() {
     for (TreflectMetaObject* const base : parents())
         complete(*base);
     tellMistakes();
+    tellClashesOfBases();
     registerTypes();
     tellUnknownTypes();
     keepLastOfEachName(operations_);
@@ -123,6 +124,37 @@ void TreflectMetaClass::tellMistakes() const {
         for (TreflectMetaOperation const* const other : known) {
             if ((other->name() == at->name) != (other->id() == static_cast<int>(at->id)))
                 tellClash(*at, other->containingMetaObject()->name(), other->name(), other->id());
+        }
+    }
+}
+
+// What two bases have in common clashes with nothing that is new here.
+void TreflectMetaClass::tellClashesOfBases() const {
+    std::vector<std::list<TreflectMetaOperation*>> known;
+    for (TreflectMetaClass const* const base : bases_) {
+        std::list<TreflectMetaOperation*> ofBase;
+        base->operationList(ofBase);
+        for (auto const& ofOther : known)
+            tellClashes(ofOther, ofBase);
+        known.push_back(std::move(ofBase));
+    }
+}
+
+void TreflectMetaClass::tellClashes(std::list<TreflectMetaOperation*> const& some,
+                                    std::list<TreflectMetaOperation*> const& others) const {
+    std::set<TreflectMetaOperation*> const inSome(some.begin(), some.end());
+    std::set<TreflectMetaOperation*> const inOthers(others.begin(), others.end());
+    for (TreflectMetaOperation* const one : inSome) {
+        for (TreflectMetaOperation* const other : inOthers) {
+            bool const isKnown = inOthers.count(one) != 0 || inSome.count(other) != 0;
+            if (isKnown || (one->name() == other->name()) == (one->id() == other->id()))
+                continue;
+            REFLECTORB_LOG(3, kSource,
+                           "class \"%s\" has operation \"%s\" (%d) of \"%s\" and \"%s\" (%d) of "
+                           "\"%s\"",
+                           name().c_str(), one->name().c_str(), one->id(),
+                           one->containingMetaObject()->name().c_str(), other->name().c_str(),
+                           other->id(), other->containingMetaObject()->name().c_str());
         }
     }
 }
@@ -161,7 +193,7 @@ void TreflectMetaClass::tellUnknownTypes() const {
             named.insert(exception.type);
     }
     for (std::string const& type : named) {
-        if (!TreflectParameterType(type, types()).isValid())
+        if (!type.empty() && !TreflectParameterType(type, types()).isValid())
             REFLECTORB_LOG(3, kSource, "class \"%s\": \"%s\" is no name of a type", name().c_str(),
                            type.c_str());
     }

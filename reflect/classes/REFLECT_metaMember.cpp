@@ -1,4 +1,5 @@
 // What a class has: its attributes and operations, as its meta object describes them.
+#include "oswrap/Lock.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaObject.h"
@@ -16,7 +17,9 @@ TreflectMetaOperation::TreflectMetaOperation(std::string const& name,
 TreflectMetaOperation::~TreflectMetaOperation() = default;
 
 void TreflectMetaOperation::registerParameter(std::string key, std::string value) {
+    OSWrap::Lock<> const lock(mutex_);
     parameters_[std::move(key)] = std::move(value);
+    signature_ = nullptr;
 }
 
 void TreflectMetaOperation::registerException(unsigned int code, std::string type) {
@@ -43,12 +46,40 @@ std::vector<TreflectParameterType> TreflectMetaOperation::typesOf(char const* di
     }
 }
 
+std::shared_ptr<TreflectMetaOperation::Signature const> TreflectMetaOperation::signature() const {
+    OSWrap::Lock<> const lock(mutex_);
+    if (!signature_)
+        signature_ = std::make_shared<Signature const>(Signature{typesOf("in"), typesOf("out")});
+    return signature_;
+}
+
 std::vector<TreflectParameterType> TreflectMetaOperation::argumentTypes() const {
-    return typesOf("in");
+    return signature()->in;
 }
 
 std::vector<TreflectParameterType> TreflectMetaOperation::resultTypes() const {
-    return typesOf("out");
+    return signature()->out;
+}
+
+std::string TreflectMetaOperation::Signature::inText() const {
+    std::string text;
+    for (TreflectParameterType const& type : in)
+        (text += text.empty() ? "" : ", ") += type.name().empty() ? "?" : type.name();
+    return text;
+}
+
+std::string TreflectMetaOperation::Signature::mistakeIn(
+    TipprmiSequence<TipprmiAny, 0u> const& arguments) const {
+    if (in.empty() && out.empty())
+        return {};
+    unsigned int const count = arguments.getLength();
+    if (count != in.size())
+        return "not " + std::to_string(count) + (count == 1 ? " argument" : " arguments");
+    for (unsigned int i = 0; i < count; ++i) {
+        if (in[i].isValid() && !in[i].accepts(arguments[i]))
+            return "and argument " + std::to_string(i + 1) + " is something else";
+    }
+    return {};
 }
 
 TreflectMetaAttribute::TreflectMetaAttribute(std::string const& name,
@@ -77,6 +108,21 @@ void TreflectMetaAttribute::forget(TreflectMetaObject const& gone) {
 void TreflectMetaAttribute::registerType(TreflectMetaObject* typeMeta) {
     typeMeta_ = typeMeta;
     typeName_ = typeMeta->name();
+}
+
+// Made without the lock, since it takes a while; two threads may make the same one.
+TreflectValueCheck const& TreflectMetaAttribute::check(TreflectValueCheck::TypeName type,
+                                                       TreflectValueCheck::Use use) const {
+    {
+        OSWrap::Lock<> const lock(mutex_);
+        for (auto const& known : checks_) {
+            if (known->isOf(type, use))
+                return *known;
+        }
+    }
+    auto made = std::make_unique<TreflectValueCheck const>(*this, type, use);
+    OSWrap::Lock<> const lock(mutex_);
+    return *checks_.emplace_back(std::move(made));
 }
 
 TreflectArrayMetaAttribute::TreflectArrayMetaAttribute(std::string const& name,

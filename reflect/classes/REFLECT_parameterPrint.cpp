@@ -212,7 +212,7 @@ TipprmiResult<std::string> TreflectParameterType::print(TipprmiAny const& value)
         return TipprmiFailure(TipprmiFailure::kUnreadable);
     ParameterBytes bytes(value);
     Printer printer(*shape_, bytes);
-    printer.value(0);
+    printer.value(root_);
     if (!bytes.complete() || bytes.left() != 0)
         return TipprmiFailure(TipprmiFailure::kUnreadable);
     return printer.takeText();

@@ -441,7 +441,7 @@ bool TreflectParameterType::parse(std::string const& text, TipprmiAny& value) co
         return false;
     TextCursor cursor(text);
     Parser parser(cursor);
-    if (!parser.value(*shape_, 0) || !cursor.atEnd() || parser.bytes().size() > INT_MAX)
+    if (!parser.value(*shape_, root_) || !cursor.atEnd() || parser.bytes().size() > INT_MAX)
         return false;
     return value.setData(parser.bytes().data(), static_cast<int>(parser.bytes().size()));
 }

@@ -1,5 +1,4 @@
 // Names of C++ types, as the tables of classes have them.
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -44,11 +43,6 @@ std::string typeOfStruct(char const* text, std::vector<std::string> const& membe
         parts.push_back(member.empty() ? member : member + ' ' + std::string(name));
     }
     return joined(head + '{', parts, '}');
-}
-
-std::vector<std::string> namedTypes(std::vector<std::string> types) {
-    types.erase(std::find(types.begin(), types.end(), std::string()), types.end());
-    return types;
 }
 
 StructInWork::StructInWork(char const* text) : text_(text), outer_(innermost) {

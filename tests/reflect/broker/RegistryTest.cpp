@@ -49,6 +49,7 @@ TEST_F(RegistryTest, ofEqualNamesTheLowestIdAnswers) {
     std::vector<std::unique_ptr<Probe>> probes;
     for (int i = 0; i < 20; ++i)
         probes.push_back(std::make_unique<Probe>("twin"));
+    expectLine(3, "identifier \"twin\" belongs to objects 0x");
     while (!probes.empty()) {
         auto const lowest = std::min_element(
             probes.begin(), probes.end(),

@@ -85,7 +85,10 @@ TEST_F(MetaObject, OfSeveralOfAnIdTheFirstIsFoundUntilAnyOfThemIsDestroyed) {
     EXPECT_EQ(find(kId), &first);
     EXPECT_TRUE(InterfaceRepository::instance()->registerInterface(second.get()));
     EXPECT_EQ(find(kId), &first);
-    EXPECT_TRUE(log_.texts().empty());
+    expectText("REFLECT_InterfaceRepository",
+               "classes \"First\" and \"Second\" have one class id, 0x7E570000: the latter is not "
+               "found");
+    EXPECT_EQ(log_.texts().size(), 1u);
 
     second.reset();
     EXPECT_EQ(find(kId), nullptr);
@@ -288,7 +291,7 @@ TEST_F(MetaClass, MayStandBeforeItsBasesAndTheClassesOfItsValues) {
     EXPECT_EQ(meta.metaOperation_("getV"), nullptr) << "not before it knows its bases";
 
     auto const* const built =
-        new (base.memory) TreflectMetaClass("Base", kId + 1, {&top.at()}, {{"getX", 2}});
+        new (base.memory) TreflectMetaClass("Base", kId + 1, {&top.at()}, {{"getX", 12}});
     find(kId);
     EXPECT_EQ(meta.metaOperation_("getX"), nullptr);
     auto const* const builtTop = new (top.memory) TreflectMetaClass("Top", kId + 2, {}, {});
@@ -349,6 +352,26 @@ TEST_F(MetaClass, TellsWhatItsTablesHaveTwiceOrMisspelled) {
           R"(class "Class": "sequence<int>" is no type with a name)"})
         EXPECT_EQ(log_.count(3, text), 1u) << text;
     EXPECT_EQ(log_.records().size(), 6u);
+}
+
+TEST_F(MetaClass, TellsWhatItsBasesHaveThatClashes) {
+    TreflectMetaClass const top("Top", kId + 3, {}, {{"name", 9}});
+    TreflectMetaClass const left("Left", kId + 1, {&top},
+                                 {{"open", 1}, {"close", 2}, {"same", 3}, {"name", 9}});
+    TreflectMetaClass const right("Right", kId + 2, {&top},
+                                  {{"shut", 1}, {"close", 4}, {"same", 3}, {"name", 9}});
+    TreflectMetaClass const both("Both", kId, {&left, &right}, {{"same", 3}, {"close", 2}});
+    TreflectMetaClass const derived("Derived", kId + 4, {&both}, {});
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(find(kId + 4), &derived);
+        ASSERT_EQ(find(kId), &both);
+    }
+    for (char const* text :
+         {R"(class "Both" has operation "open" (1) of "Left" and "shut" (1) of "Right")",
+          R"(class "Both" has operation "close" (2) of "Left" and "close" (4) of "Right")",
+          R"(operation "close" (2) of class "Both" clashes with "close" (4) of "Right")"})
+        EXPECT_EQ(log_.count(3, text), 1u) << text;
+    EXPECT_EQ(log_.records().size(), 3u);
 }
 
 /** What is left of a class whose base and the class of whose value have gone. */

@@ -77,9 +77,11 @@ void expectRefusals(TreflectObject const& lamp) {
 
     // A value of another type: there are fewer bytes than it needs.
     std::string text = "untouched";
-    EXPECT_EQ(level.get(text), TreflectAttribute::error);
+    TreflectAttribute& colour = lamp.attribute("Colour");
+    EXPECT_EQ(lamp.attribute("Colour").set(Colour{100, 0, false}), 0);
+    EXPECT_EQ(colour.get(text), TreflectAttribute::error);
     EXPECT_EQ(text, "untouched");
-    EXPECT_EQ(level.fetch<std::string>().code(), TipprmiFailure::kUnreadable);
+    EXPECT_EQ(colour.fetch<std::string>().code(), TipprmiFailure::kUnreadable);
     EXPECT_EQ(lamp.attribute("Label").set(0x10000u), TreflectAttribute::error);
 }
 

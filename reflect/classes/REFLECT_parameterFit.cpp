@@ -1,0 +1,304 @@
+// Two types of arguments and results: whether they have one form, and whether a value of the one is
+// a value of the other.
+#include <set>
+
+#include "reflect/classes/ParameterTypeParts.h"
+
+/** Compares the parts of two types. */
+class TreflectParameterType::Comparison {
+public:
+    Comparison(Shape const& a, Shape const& b) : a_(a), b_(b) {}
+
+    /** Whether the types that begin at these nodes have one form. */
+    bool isSame(unsigned int a, unsigned int b) {
+        a = withoutWrapping(a_, a);
+        b = withoutWrapping(b_, b);
+        // Of types that refer to themselves: the same as far as nothing speaks against it.
+        if (!compared_.emplace(a, b).second)
+            return true;
+        Node const& left = a_.nodes[a];
+        Node const& right = b_.nodes[b];
+        if (left.kind == Kind::kArray && right.kind == Kind::kStruct)
+            return isArrayOf(a_, a, b_, b,
+                             [&](auto element, auto part) { return isSame(element, part); });
+        if (left.kind == Kind::kStruct && right.kind == Kind::kArray)
+            return isArrayOf(b_, b, a_, a,
+                             [&](auto element, auto part) { return isSame(part, element); });
+        if (formOf(left.kind) != formOf(right.kind))
+            return false;
+        if (left.kind == Kind::kArray && left.number != right.number)
+            return false;
+        isWithin_ = isWithin_ && isRangeWithin(left.kind, right.kind);
+        return left.kind == Kind::kEnum || right.kind == Kind::kEnum || haveSameParts(a, b);
+    }
+    /** Whether every value of the first is one of the second, if they have one form. */
+    bool isWithin() const { return isWithin_; }
+
+    /** A struct of one member is that member to whoever looks at bytes. */
+    static unsigned int withoutWrapping(Shape const& shape, unsigned int at) {
+        at = shape.resolve(at);
+        while (shape.nodes[at].kind == Kind::kStruct && at + 1 < shape.nodes[at].end &&
+               shape.nodes[at + 1].end == shape.nodes[at].end)
+            at = shape.resolve(at + 1);
+        return at;
+    }
+    /** Numbers of one size that differ in range only are of one form. */
+    static Kind formOf(Kind kind) {
+        switch (kind) {
+            case Kind::kUnsigned:
+            case Kind::kInt8:
+            case Kind::kUint8:
+            case Kind::kInt16:
+            case Kind::kUint16:
+            case Kind::kChar:
+            case Kind::kBool:
+            case Kind::kEnum:
+                return Kind::kInt;
+            case Kind::kUint64:
+                return Kind::kInt64;
+            default:
+                return kind;
+        }
+    }
+    /** The numbers of 4 bytes that a kind has. */
+    struct Range {
+        std::int64_t lowest;
+        std::int64_t highest;
+    };
+    static Range rangeOf(Kind kind) {
+        switch (kind) {
+            case Kind::kInt:
+                return {INT32_MIN, INT32_MAX};
+            case Kind::kInt8:
+                return {INT8_MIN, INT8_MAX};
+            case Kind::kInt16:
+                return {INT16_MIN, INT16_MAX};
+            case Kind::kUint8:
+            case Kind::kChar:
+                return {0, UINT8_MAX};
+            case Kind::kUint16:
+                return {0, UINT16_MAX};
+            case Kind::kBool:
+                return {0, 1};
+            case Kind::kEnum:  // the bits of any number
+                return {INT32_MIN, UINT32_MAX};
+            default:
+                return {0, UINT32_MAX};
+        }
+    }
+
+private:
+    static bool isRangeWithin(Kind a, Kind b) {
+        if (formOf(a) != Kind::kInt)
+            return a == b || (a != Kind::kInt64 && a != Kind::kUint64);
+        bool const isOfAnyBits = b == Kind::kInt || b == Kind::kUnsigned || b == Kind::kEnum;
+        if (a == Kind::kEnum && isOfAnyBits)
+            return true;
+        Range const inner = rangeOf(a);
+        Range const outer = rangeOf(b);
+        return inner.lowest >= outer.lowest && inner.highest <= outer.highest;
+    }
+
+    template <class IsSame>
+    static bool isArrayOf(Shape const& arrays, unsigned int array, Shape const& structs,
+                          unsigned int whole, IsSame const& isSameElement) {
+        std::uint32_t count = 0;
+        for (unsigned int part = whole + 1; part < structs.nodes[whole].end;
+             part = structs.nodes[part].end, ++count) {
+            if (!isSameElement(array + 1, part))
+                return false;
+        }
+        return count == arrays.nodes[array].number;
+    }
+
+    bool haveSameParts(unsigned int a, unsigned int b) {
+        unsigned int left = a + 1;
+        unsigned int right = b + 1;
+        for (; left < a_.nodes[a].end && right < b_.nodes[b].end;
+             left = a_.nodes[left].end, right = b_.nodes[right].end) {
+            if (!isSame(left, right))
+                return false;
+        }
+        return left == a_.nodes[a].end && right == b_.nodes[b].end;
+    }
+
+    Shape const& a_;
+    Shape const& b_;
+    std::set<std::pair<unsigned int, unsigned int>> compared_;
+    bool isWithin_ = true;
+};
+
+bool TreflectParameterType::hasFormOf(TreflectParameterType const& other) const {
+    return fitInto(other) != Fit::kNever;
+}
+
+TreflectParameterType::Fit TreflectParameterType::fitInto(
+    TreflectParameterType const& other) const {
+    if (!isValid() || !other.isValid())
+        return Fit::kNever;
+    Comparison comparison(*shape_, *other.shape_);
+    if (!comparison.isSame(root_, other.root_))
+        return Fit::kNever;
+    return comparison.isWithin() ? Fit::kAlways : Fit::kInRange;
+}
+
+/** Passes one value of a type, looking whether it is one of another type of the same form. */
+class TreflectParameterType::Conversion {
+public:
+    Conversion(Shape const& from, Shape const& to, ParameterBytes& bytes)
+        : from_(from), to_(to), bytes_(bytes) {}
+
+    /** Stops reading at a value that is none. */
+    void value(unsigned int a, unsigned int b) {
+        if (++level_ > kMaxValueDepth)
+            bytes_.fail();
+        else
+            content(Comparison::withoutWrapping(from_, a), Comparison::withoutWrapping(to_, b));
+        --level_;
+    }
+
+private:
+    /** The members of a struct, or the elements of an array, one after the other. */
+    class Members {
+    public:
+        Members(Shape const& shape, unsigned int whole)
+            : shape_(shape),
+              isArray_(shape.nodes[whole].kind == Kind::kArray),
+              at_(whole + 1),
+              end_(shape.nodes[whole].end),
+              left_(shape.nodes[whole].number) {}
+
+        bool areLeft() const { return isArray_ ? left_ > 0 : at_ < end_; }
+        unsigned int next() {
+            if (!isArray_)
+                return std::exchange(at_, shape_.nodes[at_].end);
+            --left_;
+            return at_;
+        }
+
+    private:
+        Shape const& shape_;
+        bool const isArray_;
+        unsigned int at_;
+        unsigned int const end_;
+        std::uint32_t left_;
+    };
+
+    void content(unsigned int a, unsigned int b) {
+        Kind const from = from_.nodes[a].kind;
+        switch (from) {
+            case Kind::kSequence:
+            case Kind::kOptional:
+                for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
+                    value(a + 1, b + 1);
+                break;
+            case Kind::kMap:
+                for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
+                    members(a, b);
+                break;
+            case Kind::kArray:
+            case Kind::kStruct:
+                members(a, b);
+                break;
+            case Kind::kUnion:
+                alternative(a, b);
+                break;
+            default:
+                plain(a, to_.nodes[b].kind);
+        }
+    }
+
+    void members(unsigned int a, unsigned int b) {
+        Members from(from_, a);
+        Members to(to_, b);
+        while (from.areLeft() && to.areLeft() && bytes_.complete())
+            value(from.next(), to.next());
+    }
+
+    void alternative(unsigned int a, unsigned int b) {
+        std::uint32_t const place = bytes_.number();
+        unsigned int const from = from_.partOf(a, place);
+        unsigned int const to = to_.partOf(b, place);
+        if (from == 0 || to == 0)
+            bytes_.fail();
+        else if (bytes_.complete())
+            value(from, to);
+    }
+
+    void plain(unsigned int a, Kind to) {
+        Kind const from = from_.nodes[a].kind;
+        if (Comparison::formOf(from) == Kind::kInt)
+            number(from, to);
+        else if (Comparison::formOf(from) == Kind::kInt64)
+            longNumber(from != to);
+        else
+            Measure(from_, bytes_, ParameterCheck::kAsReaders).value(a);
+    }
+
+    void number(Kind from, Kind to) {
+        std::uint32_t const bits = bytes_.number();
+        auto const asSigned = static_cast<std::int32_t>(bits);
+        Comparison::Range const range = Comparison::rangeOf(to);
+        bool const isSigned = Comparison::rangeOf(from).lowest < 0;
+        bool fits = isSigned ? asSigned >= range.lowest && asSigned <= range.highest
+                             : bits <= range.highest;
+        if (from == Kind::kEnum)
+            fits = fits || bits <= range.highest;
+        if (!fits)
+            bytes_.fail();
+    }
+
+    void longNumber(bool changesSign) {
+        if (changesSign && bytes_.longNumber() >> 63 != 0)
+            bytes_.fail();
+        else if (!changesSign)
+            bytes_.take(8);
+    }
+
+    Shape const& from_;
+    Shape const& to_;
+    ParameterBytes& bytes_;
+    int level_ = 0;
+};
+
+bool TreflectParameterType::isWithin(TreflectParameterType const& other, unsigned char const* bytes,
+                                     std::size_t size) const {
+    ParameterBytes value(bytes, size);
+    Conversion(*shape_, *other.shape_, value).value(root_, other.root_);
+    return value.complete();
+}
+
+bool TreflectParameterType::isAtStartOf(unsigned char const* bytes, std::size_t size) const {
+    ParameterBytes value(bytes, size);
+    Measure(*shape_, value, ParameterCheck::kAsReaders).value(root_);
+    return value.complete();
+}
+
+// ---- Elements -----------------------------------------------------------------------------------
+
+TreflectParameterType TreflectParameterType::element() const {
+    TreflectParameterType element("");
+    if (!isValid())
+        return element;
+    unsigned int const whole = shape_->resolve(root_);
+    Kind const kind = shape_->nodes[whole].kind;
+    if (kind != Kind::kSequence && kind != Kind::kArray)
+        return element;
+    element.shape_ = shape_;
+    element.root_ = whole + 1;
+    return element;
+}
+
+std::optional<std::size_t> TreflectParameterType::placeOf(int index, unsigned char const* bytes,
+                                                          std::size_t size) const {
+    ParameterBytes value(bytes, size);
+    unsigned int const whole = shape_->resolve(root_);
+    Node const& node = shape_->nodes[whole];
+    std::uint32_t const count = node.kind == Kind::kArray ? node.number : value.number();
+    if (index < 0 || (value.complete() && static_cast<std::uint32_t>(index) >= count))
+        return std::nullopt;
+    Measure elements(*shape_, value, ParameterCheck::kAsReaders);
+    for (int i = 0; i < index && value.complete(); ++i)
+        elements.value(whole + 1);
+    return value.complete() ? size - value.left() : size + 1;
+}
