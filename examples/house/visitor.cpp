@@ -105,6 +105,12 @@ void watchCalls(LampClient const& lamp) {
     nextStep.removeObserver(&reader);
 }
 
+void callInTime(LampClient const& lamp) {
+    TreflectDeadline const within(std::chrono::milliseconds(50));
+    if (lamp.getLevel().code() == TipprmiFailure::kTimedOut)
+        std::puts("the lamp takes its time");
+}
+
 /** Hears of lamps of all processes that are made, or destroyed. */
 class LampWatch final : public TreflectObserver {
 public:
@@ -182,6 +188,7 @@ int main() {
     callWithText(hall);
     walk(house);
     watchCalls(hall);
+    callInTime(hall);
     followWhatComesAndGoes(house);
     return 0;
 }

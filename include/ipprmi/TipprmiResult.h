@@ -16,6 +16,9 @@ struct TipprmiFailure {
     /** A value or its type, or the number of arguments, is not what the table of the object's class
      * tells; what was to be sent has not been sent. */
     static constexpr unsigned int kMismatch = 0xFFFFFFFD;
+    /** No answer came in time: before a TreflectDeadline, or within a minute where
+     * Transport::Setup::failOnSilence says so. Whether the call is served is unknown. */
+    static constexpr unsigned int kTimedOut = 0xFFFFFFFC;
 
     explicit constexpr TipprmiFailure(unsigned int failureCode = kNotServed) : code(failureCode) {}
 

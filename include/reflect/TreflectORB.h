@@ -178,7 +178,8 @@ public:
     /**
      * Logs the event, runs the platform's log-collection script, whose result is logged, and aborts
      * the process whatever that was. For a unit that cannot go on; the broker itself calls it when
-     * a request has waited for 60 seconds, here or, as its sender says, there. Any thread.
+     * a request has waited for 60 seconds, here or, as its sender says, there, unless
+     * Transport::Setup::failOnSilence keeps it from that. Any thread.
      */
     [[noreturn]] void resetUnit() const;
 

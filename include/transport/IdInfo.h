@@ -42,6 +42,8 @@ public:
     std::string const& getActor() const;
     /** How much may wait to be served. */
     Backlog backlog() const;
+    /** Whether a call that is not answered within a minute fails, and nobody aborts. */
+    bool failsOnSilence() const;
 };
 
 /**
@@ -58,6 +60,7 @@ public:
  * | TRANSPORT_SENDER_MESSAGES | 2 to 1,000,000 | 8,192 |
  * | TRANSPORT_BACKLOG_KIB | 16 to 1,048,576 | 65,536 |
  * | TRANSPORT_BACKLOG_MESSAGES | 2 to 1,000,000 | 65,536 |
+ * | TRANSPORT_ON_SILENCE | abort or fail | abort |
  * | TRANSPORT_DIR | an absolute path | a folder of the user's own, see below |
  *
  * The default folder is `reflectorb` below XDG_RUNTIME_DIR, or else below /run/user/<uid>, where
@@ -84,6 +87,12 @@ public:
      * 1,048,576 KiB, 2 to 1,000,000 messages. At half of it, or at 512 messages, a sender is held
      * back; what comes beyond it goes back to its sender, as a call that has failed. */
     static bool backlog(Backlog const& most);
+    /** For development, where a debugger may stop a process for long: what becomes of a call that a
+     * living process does not answer within a minute. By default both processes collect logs and
+     * abort; with `on` the call fails (TipprmiFailure::kTimedOut), with a log line at level 3, and
+     * this process does not abort when somebody else has waited for it in vain. May be called at
+     * any time. */
+    static bool failOnSilence(bool on);
     /** Whether waiting threads may poll for a short time before they sleep (default true). May be
      * called at any time. */
     static bool polling(bool on);

@@ -87,6 +87,24 @@ Backlog Identity::backlog() {
                           kMostBacklogMessages, 64 * 1024)};
 }
 
+int Identity::silence() {
+    std::optional<std::string> nonsense;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        if (silence_ == kUnresolved) {
+            std::string const text = environment("TRANSPORT_ON_SILENCE").value_or("abort");
+            silence_ = text == "abort" ? kAbort : text == "fail" ? kFail : kNonsense;
+            if (silence_ == kNonsense)
+                nonsense = text;
+        }
+    }
+    if (nonsense)
+        REFLECTORB_LOG(3, kSource,
+                       "TRANSPORT_ON_SILENCE is \"%s\", which is neither abort nor fail",
+                       nonsense->c_str());
+    return silence_;
+}
+
 /** False when the environment's list makes no sense. */
 bool Identity::resolveAxuSlots() {
     if (axuState_ != AxuState::Unresolved)
@@ -238,8 +256,8 @@ std::string Identity::directory() {
 
 std::optional<IdentitySnapshot> Identity::snapshot() {
     IdentitySnapshot const values{slot(), actor(), directory()};
-    if (values.slot == 0 || !isBacklog(backlog()) || activeSlot() == 0 || !resolveAxuSlots() ||
-        values.actor.empty() || values.directory.empty()) {
+    if (values.slot == 0 || !isBacklog(backlog()) || silence() == kNonsense || activeSlot() == 0 ||
+        !resolveAxuSlots() || values.actor.empty() || values.directory.empty()) {
         REFLECTORB_LOG(3, kSource,
                        "This process gets no terminations: its identity makes no sense");
         return std::nullopt;
@@ -305,6 +323,15 @@ bool Setup::backlog(Backlog const& most) {
 
 bool Setup::directory(std::string const& path) {
     return Identity::instance().setDirectory(path);
+}
+
+bool IdInfo::failsOnSilence() const {
+    return Identity::instance().failsOnSilence();
+}
+
+bool Setup::failOnSilence(bool on) {
+    Identity::instance().setFailOnSilence(on);
+    return true;
 }
 
 bool Setup::polling(bool on) {

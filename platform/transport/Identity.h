@@ -38,6 +38,7 @@ public:
     bool axuInSlot(unsigned char slot);
     std::string const& actor();
     Backlog backlog();
+    bool failsOnSilence() { return silence() == kFail; }
 
     bool setSlot(int value);
     bool setActiveSlot(int value);
@@ -45,6 +46,7 @@ public:
     bool setActor(std::string const& name);
     bool setBacklog(Backlog const& most);
     bool setDirectory(std::string const& path);
+    void setFailOnSilence(bool on) { silence_ = on ? kFail : kAbort; }
 
     /** All values, or nothing, with log lines, when one of them makes no sense. */
     std::optional<IdentitySnapshot> snapshot();
@@ -62,9 +64,13 @@ private:
     bool resolveAxuSlots();
     void useActor(std::string const& name) OSW_REQUIRES(mutex_);
     std::string directory();
+    int silence();
 
     static constexpr int kUnresolved = -1;
     static constexpr int kNonsense = 0;
+    // What becomes of a call that nobody answers.
+    static constexpr int kAbort = 1;
+    static constexpr int kFail = 2;
     enum class AxuState : int { Unresolved, Known, Nonsense };
 
     OSWrap::Mutex mutex_;  // a leaf: nothing is called and nothing logged under it
@@ -79,6 +85,7 @@ private:
     std::atomic<int> senderMessages_{kUnresolved};
     std::atomic<int> backlogKibibytes_{kUnresolved};
     std::atomic<int> backlogMessages_{kUnresolved};
+    std::atomic<int> silence_{kUnresolved};
     std::atomic<AxuState> axuState_{AxuState::Unresolved};
     std::array<std::atomic<std::uint32_t>, 8> axuSlots_{};  // one bit per slot
     std::atomic<std::string const*> actor_{nullptr};

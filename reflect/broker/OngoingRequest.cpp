@@ -12,6 +12,7 @@
 #include "oswrap/Lock.h"
 #include "reflect/TreflectMessage.h"
 #include "reflect/TreflectORB.h"
+#include "transport/IdInfo.h"
 #include "transport/TransportLayer.h"
 
 namespace {
@@ -154,11 +155,23 @@ TreflectMessage* OngoingRequest::sleepUntilDelivered() {
     return response_.load(std::memory_order_relaxed);
 }
 
+/** What has come at the last moment is taken all the same. */
+TreflectMessage* OngoingRequest::timeOut(Wait& wait) const {
+    TreflectMessage* const response = response_.load(std::memory_order_acquire);
+    wait.timedOut = response == nullptr;
+    return response;
+}
+
 TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
     for (int periods = 1;; ++periods) {
+        long long const left = wait.deadline - OSWrap::Clock::nowNanoseconds();
+        bool const isLast = left < waitPeriod.totalNanoseconds();
+        OSWrap::TimeSpec const period = isLast ? OSWrap::TimeSpec(0, left) : waitPeriod;
         if (TreflectMessage* const response =
-                wait.thenPermission ? sleepOnePeriodForPermission() : sleepOnePeriod())
+                wait.thenPermission ? sleepOnePeriodForPermission(period) : sleepOnePeriod(period))
             return response;
+        if (isLast)
+            return timeOut(wait);
         Transport::TerminationId const target = toTerminationId();
         wait.targetExists = Transport::TransportLayer::instance().exists(target);
         if (!wait.targetExists)
@@ -169,14 +182,21 @@ TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
                        wait.orb.termId().value(), seconds, target.value());
         wait.orb.testInfoAboutMessage(target, wait.request, wait.output);
         int const minutes = seconds / 60;
-        if (minutes >= kMostMinutes)
+        if (minutes < kMostMinutes)
+            continue;
+        if (!Transport::IdInfo::instance().failsOnSilence())
             wait.orb.waitingTooLongFor(target, wait.request, minutes);
+        REFLECTORB_LOG(3, "REFLECT_orb",
+                       "ORB 0x%08X has waited %d minutes for 0x%08X, now failing the call instead "
+                       "of an abort",
+                       wait.orb.termId().value(), minutes, target.value());
+        return timeOut(wait);
     }
 }
 
 /** Null when the whole period has passed without a delivery. */
-TreflectMessage* OngoingRequest::sleepOnePeriod() {
-    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + waitPeriod;
+TreflectMessage* OngoingRequest::sleepOnePeriod(OSWrap::TimeSpec const& period) {
+    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + period;
     RecordLock const lock(condition_);
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
     while (!delivered()) {
@@ -192,13 +212,13 @@ TreflectMessage* OngoingRequest::sleepOnePeriod() {
  * The same, woken with the run permission. While the thread sleeps it looks once per second whether
  * it has been queued, since the one at the front of the queue reports how long it waits there.
  */
-TreflectMessage* OngoingRequest::sleepOnePeriodForPermission() {
+TreflectMessage* OngoingRequest::sleepOnePeriodForPermission(OSWrap::TimeSpec const& period) {
     constexpr long long kLook = 1'000'000'000;
     PermissionWaiter waiter;
     if (!leaveToDeliverer(waiter))
         return response_.load(std::memory_order_acquire);
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
-    long long const end = OSWrap::Clock::nowNanoseconds() + waitPeriod.totalNanoseconds();
+    long long const end = OSWrap::Clock::nowNanoseconds() + period.totalNanoseconds();
     bool queued = false;
     {
         Withdrawal withdrawal(*this, waiter);

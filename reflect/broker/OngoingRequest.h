@@ -7,6 +7,7 @@
 
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/ConditionVar.h"
+#include "reflect/TreflectDeadline.h"
 #include "transport/TerminationId.h"
 
 namespace handlerthreads {
@@ -49,13 +50,18 @@ public:
         bool output;  // a dump of the request in each report
         /** The thread has given up the run permission for this wait and takes it again after it. */
         bool thenPermission = false;
-        bool targetExists = true;  // set
+        /** When the owner gives up, by Clock::nowNanoseconds. */
+        long long deadline = TreflectDeadline::kNever;
+        bool targetExists = true;  // set, as the next
+        bool timedOut = false;
     };
     /**
      * Waits for the delivery; its result stays the record's. Null at once for an inactive record.
      * The wait goes in periods of 30 seconds. After each of them it ends with null and
      * `targetExists` false when the target has gone; else it is reported, and after the second one
-     * the broker gives up, which does not return. A cancellation point. Owner's thread only.
+     * the broker gives up, which does not return, or the wait ends with null and `timedOut` where
+     * Transport::Setup::failOnSilence says so. At the deadline it ends likewise. A cancellation
+     * point. Owner's thread only.
      *
      * With `thenPermission` the thread may have the permission already when this answers with a
      * delivery: who delivers to a sleeping thread queues it for the permission, so that the thread
@@ -98,8 +104,9 @@ private:
 
     TreflectMessage* sleepUntilDelivered();
     TreflectMessage* sleepInPeriods(Wait& wait);
-    TreflectMessage* sleepOnePeriod();
-    TreflectMessage* sleepOnePeriodForPermission();
+    TreflectMessage* sleepOnePeriod(OSWrap::TimeSpec const& period);
+    TreflectMessage* sleepOnePeriodForPermission(OSWrap::TimeSpec const& period);
+    TreflectMessage* timeOut(Wait& wait) const;
     bool leaveToDeliverer(handlerthreads::PermissionWaiter& waiter);
     bool takeBack();
     void wakeOwner(handlerthreads::PermissionWaiter* waiter);

@@ -11,6 +11,7 @@
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
+#include "transport/IdInfo.h"
 
 namespace {
 
@@ -55,7 +56,11 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
                            "ORB 0x%08X received response failure message from 0x%08X",
                            termId().value(), message.originator().value());
             message.testValidation(TreflectMessage::kResponseFailure, 0, "", true, 0);
-            resetUnit();
+            if (!Transport::IdInfo::instance().failsOnSilence())
+                resetUnit();
+            REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X goes on instead of an abort",
+                           termId().value());
+            return true;
         case TreflectMessage::kResponse:
         case TreflectMessage::kNoDestination:
             deliverResponse_(message);

@@ -5,9 +5,12 @@
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiException.h"
+#include "ipprmi/TipprmiResult.h"
 #include "oswrap/CancelGuards.h"
+#include "oswrap/Clock.h"
 #include "oswrap/Thread.h"
 #include "oswrap/UniqueIdGen.h"
+#include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
@@ -24,6 +27,13 @@ char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
 }
 
+/** Calls and searches have that of their thread; notices reach everybody, however long it takes. */
+long long deadlineOf(TreflectMessage const& message) {
+    bool const isNotice =
+        message.type() != TreflectMessage::tPayload && message.type() != TreflectMessage::tResolve;
+    return isNotice ? TreflectDeadline::kNever : TreflectDeadline::endOfThread();
+}
+
 }  // namespace
 
 /** One call on its way out, from the choice of its transaction id to its result. Lives on the
@@ -31,11 +41,13 @@ char const* trueOrFalse(bool value) {
 class TreflectORB::OutgoingCall {
 public:
     OutgoingCall(TreflectORB const& orb, Transport::TerminationId target, bool withResponse,
-                 TreflectMessage& message, TipprmiStream& response, GiveWay when)
+                 TreflectMessage& message, TipprmiStream& response, GiveWay when,
+                 long long deadline)
         : orb_(orb),
           target_(target),
           withResponse_(withResponse),
           when_(when),
+          deadline_(deadline),
           message_(message),
           response_(response),
           record_(OngoingRequest::getThreadInstance()) {}
@@ -59,6 +71,7 @@ private:
     Transport::TerminationId const target_;
     bool const withResponse_;
     GiveWay const when_;
+    long long const deadline_;
     TreflectMessage& message_;
     TipprmiStream& response_;
     OngoingRequest& record_;
@@ -141,8 +154,10 @@ int TreflectORB::OutgoingCall::send() {
 }
 
 bool TreflectORB::OutgoingCall::awaitResponse() {
-    OngoingRequest::Wait wait{message_, orb_, withResponse_, thenPermission_};
+    OngoingRequest::Wait wait{message_, orb_, withResponse_, thenPermission_, deadline_};
     TreflectMessage* const answer = record_.wait(wait);
+    if (wait.timedOut)
+        return failed(Handover::Done, static_cast<int>(TipprmiFailure::kTimedOut));
     bool const disconnected = answer == OngoingRequest::disconnected();
     if (!answer || disconnected) {
         REFLECTORB_LOG(3, "REFLECT_orb",
@@ -228,11 +243,18 @@ bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,
     CallGate::Visit const visit(parts_->calls);
     if (!visit.admitted())
         return turnAway_(target, message, response);
+    long long const deadline = withResponse ? deadlineOf(message) : TreflectDeadline::kNever;
+    if (deadline != TreflectDeadline::kNever && deadline <= OSWrap::Clock::nowNanoseconds()) {
+        // The others have their turn, as in every call: it may be made again and again.
+        TreflectReleaseHandlerState const released;
+        writeGeneralException(response, TipprmiFailure::kTimedOut);
+        return false;
+    }
     {
         WithPermission const permission;
         ++parts_->counters.of(target).sent;
     }
-    return OutgoingCall(*this, target, withResponse, message, response, when).perform();
+    return OutgoingCall(*this, target, withResponse, message, response, when, deadline).perform();
 }
 
 /**

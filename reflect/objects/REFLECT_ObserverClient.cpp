@@ -1,4 +1,6 @@
 #include "reflect/TreflectObserverClient.h"
+
+#include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectObserverSkeleton.h"
 #include "reflect/objects/StubInUse.h"
 
@@ -23,6 +25,8 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
     TreflectObjectStub* const stub = getStub_();
     if (!stub)
         return false;
+    // One who is not waited for would be taken for gone, and forgotten.
+    TreflectDeadline::Suspension const untilItAnswers;
     StubInUse const inUse(*stub);
     TipprmiStream request(TipprmiStream::kUsualSize);
     TipprmiStream response = TipprmiStream::withoutBuffer_();

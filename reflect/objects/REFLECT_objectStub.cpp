@@ -1,6 +1,7 @@
 #include <cstdint>
 
 #include "handler_threads/WithPermission.h"
+#include "ipprmi/CallOutcome.h"
 #include "ipprmi/StandardMethods.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/LineLimit.h"
@@ -37,6 +38,12 @@ unsigned int orbOfNamespace(NamespaceId ns) {
 void answerFailure(TipprmiStream& out, int code) {
     out.clear();
     writeGeneralException(out, static_cast<unsigned int>(code));
+}
+
+/** Whether a call that failed was not answered before its deadline: then `out` says so already. */
+bool hasTimedOut(TipprmiStream const& out) {
+    TipprmiStream fromStart(out.msg(), false);
+    return !fromStart.empty() && readOutcome(fromStart).code() == TipprmiFailure::kTimedOut;
 }
 
 // As in a message, only what was written counts, not how far its writer has looked at it.
@@ -259,6 +266,8 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
             out.ensureBuffer_();  // nothing has come, when none was awaited
             return result;
         }
+        if (hasTimedOut(out))
+            return result;
         REFLECTORB_LOG(3, kSource, "Message forwarding failed");
     } else {
         REFLECTORB_LOG(3, kSource,

@@ -9,6 +9,7 @@
 #include "oswrap/CancelGuards.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/InterfaceRepository.h"
+#include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -110,6 +111,7 @@ TreflectServerObject::TreflectServerObject(TipprmiOID const& oid, TreflectObject
     setReflective(this);
     client_.reset();
     if (parent) {
+        TreflectDeadline::Suspension const untilItIsEntered;
         parent_ = *parent;
         parent_.registerChild(name, *getClient());
     }
@@ -129,6 +131,7 @@ TreflectServerObject::~TreflectServerObject() {
         setORB(nullptr);
     }
     TreflectObjectHandler::invalidateStubsOf(this);
+    TreflectDeadline::Suspension const untilItIsTold;
     bool const told = OSWrap::withMemory([this] {
         if (parent_.isConnected())
             parent_.unregisterChild(objectName());

@@ -50,7 +50,8 @@ TEST_F(IdentityTest, nonsenseInTheEnvironmentIsReportedAndGivesNoTerminations) {
         {{"TRANSPORT_SLOT", "0"}},         {{"TRANSPORT_SLOT", "1x"}},
         {{"TRANSPORT_SLOT", "256"}},       {{"TRANSPORT_ACTIVE_SLOT", "3"}},
         {{"TRANSPORT_AXU_SLOTS", "3,,4"}}, {{"TRANSPORT_AXU_SLOTS", "2"}},
-        {{"TRANSPORT_ACTOR", "a\nb"}},     {{"TRANSPORT_DIR", "relative"}}};
+        {{"TRANSPORT_ACTOR", "a\nb"}},     {{"TRANSPORT_DIR", "relative"}},
+        {{"TRANSPORT_ON_SILENCE", "?"}}};
     for (auto const& environment : cases) {
         std::string const text = environment.begin()->first + "=" + environment.begin()->second;
         PresenceActor actor(environment);

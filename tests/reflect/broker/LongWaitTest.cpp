@@ -48,4 +48,27 @@ TEST(LongWait, callerGivesUpAfterAMinuteAndBothSidesReset) {
         target.child().waitForErrorLine("QMB_FCT log collection script executed successfully"));
 }
 
+TEST(LongWait, failsTheCallWhereNobodyIsToAbort) {
+    testsupport::RendezvousFolder const folder;
+    ReflectActor::Environment const lenient{{"TRANSPORT_ON_SILENCE", "fail"}};
+    ReflectActor target(lenient);
+    ReflectActor patient(lenient);
+    ReflectActor strict;
+    target.publish("mute");
+    strict.ask("script 0", "script");
+    auto const start = steady_clock::now();
+    patient.tell("hold mute");
+    strict.tell("hold mute");
+    EXPECT_TRUE(
+        testsupport::eventually([&] { return target.ask("holding mute", "holding") == "2"; }));
+
+    expectAt(patient, start, seconds(60), ", now failing the call instead of an abort");
+    expectAt(target, start, seconds(60), " received response failure message from 0x");
+    expectAt(target, start, seconds(60), " goes on instead of an abort");
+    EXPECT_EQ(strict.child().exitCode(), -SIGABRT);
+    target.tell("release mute");
+    patient.publish("own");
+    EXPECT_EQ(patient.ask("call mute 5", "called"), "1 5");
+}
+
 }  // namespace

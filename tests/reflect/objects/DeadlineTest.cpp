@@ -1,0 +1,131 @@
+// Calls that are answered before a deadline, or fail.
+#include "BrokerTest.h"
+#include "ReflectActor.h"
+#include "ReflectiveClasses.h"
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+class DeadlineTest : public BrokerTest {
+protected:
+    DeadlineTest() {
+        actor_.ask("lamp far", "made");
+        permission_.emplace(true);
+        handle_ = TreflectObject(oid("far"));
+        held_ = &handle_.attribute("Held");
+        level_ = &handle_.attribute("Level");
+    }
+    TipprmiResult<unsigned int> fetchHeld() { return held_->fetch<unsigned int>(); }
+
+    ReflectActor actor_;
+    std::optional<TreflectHandlerState> permission_;
+    TreflectObject handle_;
+    TreflectAttribute* held_ = nullptr;   // answered when the actor is told to release it
+    TreflectAttribute* level_ = nullptr;  // answered at once
+};
+
+TEST_F(DeadlineTest, EndsAWaitAndDropsTheLateAnswer) {
+    auto const start = steady_clock::now();
+    {
+        TreflectDeadline const within(milliseconds(50));
+        EXPECT_EQ(TipprmiFailure::kTimedOut, fetchHeld().code());
+    }
+    EXPECT_GE(steady_clock::now() - start, milliseconds(50));
+    EXPECT_TRUE(handle_.isConnected());
+    EXPECT_EQ(1u, level_->fetch<unsigned int>().value()) << "an answer of its own";
+    actor_.ask("letgo far", "gone");
+    EXPECT_EQ(77u, fetchHeld().value());
+    EXPECT_TRUE(testsupport::eventually(
+        [this] { return log_.count(3, "receives unexpected response") == 1; }));
+    EXPECT_EQ(0u, log_.count("aborted"));
+}
+
+TEST_F(DeadlineTest, ThatIsFarOffChangesNothing) {
+    actor_.ask("letgo far", "gone");
+    TreflectDeadline const within(hours(24 * 365 * 200));
+    EXPECT_GT(within.left(), hours(1));
+    EXPECT_EQ(77u, fetchHeld().value());
+}
+
+TEST_F(DeadlineTest, IsTheEarliestOfThoseAround) {
+    TreflectDeadline const outer(milliseconds(20));
+    {
+        TreflectDeadline const inner{hours(1)};
+        EXPECT_LE(inner.left(), milliseconds(20));
+        EXPECT_EQ(TipprmiFailure::kTimedOut, fetchHeld().code());
+    }
+    EXPECT_EQ(milliseconds(0), outer.left());
+    EXPECT_EQ(TipprmiFailure::kTimedOut, fetchHeld().code());
+    {
+        TreflectDeadline::Suspension const none;
+        EXPECT_TRUE(level_->fetch<unsigned int>());
+    }
+    actor_.ask("letgo far", "gone");
+}
+
+TEST_F(DeadlineTest, ThatHasPassedSendsNothing) {
+    {
+        TreflectDeadline const within(milliseconds(-1));
+        EXPECT_EQ(TipprmiFailure::kTimedOut, level_->store(9u).code());
+        EXPECT_EQ(TipprmiFailure::kTimedOut,
+                  tipprmiCall<void>(handle_, lamp::kClass, lamp::kLevel + 1, 9u).code());
+        EXPECT_FALSE(TreflectObject(oid("nowhere")).isConnected());
+        EXPECT_TRUE(tipprmiSend(handle_, device::kClass, device::kPing));
+        LampObject const own("own");
+        EXPECT_TRUE(TreflectObject(&own).attribute("Level").fetch<unsigned int>());
+    }
+    EXPECT_EQ(actor_.ask("level far", "level"), "1");
+    EXPECT_TRUE(testsupport::eventually([this] { return actor_.ask("pings far", "pings") == "1"; }))
+        << "nobody waits for that";
+}
+
+/** Asks an object of another process on behalf of its caller. */
+class Asking : public LampObject {
+public:
+    Asking(std::string const& name, TreflectAttribute& asked) : LampObject(name), asked_(asked) {}
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        if (mc == device::kPing)
+            code = asked_.fetch<unsigned int>().code();
+        return LampObject::dispatch(withResponse, cc, mc, in, out);
+    }
+    unsigned int code = 0;
+
+private:
+    TreflectAttribute& asked_;
+};
+
+TEST_F(DeadlineTest, HoldsForNestedCalls) {
+    Asking const own("own", *held_);
+    TreflectObject const ownHandle(&own);
+    {
+        TreflectDeadline const within(milliseconds(30));
+        EXPECT_EQ(0, ownHandle.operation("ping").call());
+    }
+    EXPECT_EQ(TipprmiFailure::kTimedOut, own.code);
+    actor_.ask("letgo far", "gone");
+}
+
+TEST_F(DeadlineTest, LosesNoObserversAndNoChildren) {
+    LampObject const own("own");
+    TreflectObject const ownHandle(&own);
+    auto const released = [](auto const& act) {
+        TreflectReleaseHandlerState const others;  // have their turn
+        act();
+    };
+    released([&] { actor_.observe("watcher", "own", "setLevel", "before"); });
+    {
+        TreflectDeadline const passed(milliseconds(0));
+        EXPECT_TRUE(ownHandle.attribute("Level").store(5u));
+        LampObject const child("child", &handle_);
+        TreflectDeadline::Suspension const none;
+        EXPECT_EQ(1u, handle_.getChilds().getLength());
+    }
+    EXPECT_EQ(0u, handle_.getChilds().getLength());
+    released([&] { EXPECT_EQ(actor_.told("watcher"), "1 5 own"); });
+}
+
+}  // namespace
