@@ -21,4 +21,12 @@ constexpr unsigned int kRegisterChild = 1106;
 constexpr unsigned int kUnregisterChild = 1107;
 constexpr unsigned int kGetClassIds = 1108;
 
+/** What every reflective object serves for guards has a class code of its own: objects of earlier
+ * versions serve none of it. */
+namespace guards {
+constexpr unsigned int kClass = 0x641E8FCE;
+constexpr unsigned int kRegister = 1050;
+constexpr unsigned int kRemoveLost = 1051;
+}  // namespace guards
+
 }  // namespace standard

@@ -100,6 +100,11 @@ public:
                                   TreflectObserver* observer) const;
     virtual void removeObserver(TreflectMetaOperation const* operation,
                                 TreflectObserver* observer) const;
+    /** As registerObserver before calls, but the observer's end forbids them. False when it is not
+     * registered: the object cannot be reached, or is of a version that knows no guards. */
+    bool registerGuard(TreflectMetaOperation const* operation, TreflectObserver* observer) const;
+    /** Ends the registrations of guards of an operation that have gone; how many there were. */
+    unsigned int removeLostGuards(TreflectMetaOperation const* operation) const;
 
     bool isValid() const {
         return server_ != INVALIDOBJECT;

@@ -11,6 +11,8 @@
  * The observers of an object, by operation: part of every server object. Used under the run
  * permission; an observer in another process is waited for, with the permission given up.
  *
+ * An observer that has gone is forgotten and forbids nothing, unless it is registered as a guard.
+ *
  * An operation is identified by the id of the class that declares it and its method code.
  *
  * Virtual operations in slot order: destructor, registerObserver, unRegisterObserver,
@@ -55,6 +57,16 @@ public:
                                  unsigned int const& cc, unsigned int const& mc,
                                  TipprmiSequence<TipprmiAny, 0u> const& arguments);
 
+    /**
+     * A registration before calls that fails closed: while the observer cannot be reached, or its
+     * `update` throws, the operation is forbidden, and its registration stays. One of the same
+     * observer, or of an earlier one of the same identifier, for the same operation is replaced.
+     */
+    void registerGuard(unsigned int cc, unsigned int mc, TreflectObserverClient const& client);
+    /** Ends the registrations of an operation's guards that could not be reached when they were
+     * last told of a call, or whose process has gone; how many. */
+    unsigned int removeLostGuards(unsigned int cc, unsigned int mc);
+
     /** Whether anybody would be told of a call, before it or after it. */
     bool preObserverAvailable(unsigned int const& cc, unsigned int const& mc) const {
         handlerthreads::trustPermission();
@@ -71,7 +83,12 @@ protected:
 
 private:
     using Key = std::pair<unsigned int, unsigned int>;  // class id, method code
-    using Observers = std::multimap<Key, TreflectObserverClient>;
+    struct Registration {
+        TreflectObserverClient client;
+        bool guards = false;
+        bool lost = false;  // a guard that was not reached the last time
+    };
+    using Observers = std::multimap<Key, Registration>;
     class Told;
 
     static bool available(std::unique_ptr<Observers> const& observers, unsigned int cc,
@@ -82,6 +99,10 @@ private:
     static bool tell(TreflectObserverClient const& client, TreflectObject const& source,
                      unsigned int cc, unsigned int mc,
                      TipprmiSequence<TipprmiAny, 0u> const& arguments, bool& answer);
+    /** Tells one guard of a call: whether it agrees. */
+    bool askGuard(TreflectObserverClient const& client, TreflectObject const& source,
+                  Key const& key, TipprmiSequence<TipprmiAny, 0u> const& arguments);
+    void noteGuard(TreflectObserverClient const& client, Key const& key, bool lost);
     static void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
     // Made with the first registration.

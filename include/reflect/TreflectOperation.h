@@ -53,6 +53,18 @@ public:
     std::string const& mistake() const { return mistake_; }
     /** Has an observer told before each call, which it can veto; false for the null operation. */
     bool preObserve(TreflectObserver* observer);
+    /**
+     * The same for a guard: while the observer cannot be reached, since it has been destroyed or
+     * its process has gone, or while its `update` throws, every call of the operation is forbidden.
+     * That ends when the observer's registration is removed (removeObserver), when a guard of the
+     * same identifier is registered in its place, or by removeLostGuards. False when it is not
+     * registered: for the null operation, and when the object cannot be reached or does not know
+     * guards.
+     */
+    bool guard(TreflectObserver* observer);
+    /** Ends the registrations of guards of the operation that have gone, whoever registered them;
+     * how many there were. */
+    unsigned int removeLostGuards();
     /** Has an observer told after each call; false for the null operation. */
     bool postObserve(TreflectObserver* observer);
     /** Ends one registration of each kind that the observer has with the object, see

@@ -137,6 +137,8 @@ private:
     bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     void serveObserverRegistration(TipprmiStream& in, TipprmiStream& out);
     void serveObserverRemoval(TipprmiStream& in, TipprmiStream& out);
+    void serveGuardRegistration(TipprmiStream& in, TipprmiStream& out);
+    void serveRemovalOfLostGuards(TipprmiStream& in, TipprmiStream& out);
     void serveChild(TipprmiStream& in, TipprmiStream& out);
     void serveChildRegistration(TipprmiStream& in, TipprmiStream& out);
     void serveChildRemoval(TipprmiStream& in, TipprmiStream& out);

@@ -369,6 +369,16 @@ bool TreflectOperation::preObserve(TreflectObserver* observer) {
     return true;
 }
 
+bool TreflectOperation::guard(TreflectObserver* observer) {
+    TreflectObjectStub const* const stub = error_ ? nullptr : object_->getStub_();
+    return stub && stub->registerGuard(meta_, observer);
+}
+
+unsigned int TreflectOperation::removeLostGuards() {
+    TreflectObjectStub const* const stub = error_ ? nullptr : object_->getStub_();
+    return stub ? stub->removeLostGuards(meta_) : 0;
+}
+
 bool TreflectOperation::postObserve(TreflectObserver* observer) {
     if (error_)
         return false;

@@ -16,18 +16,19 @@ constexpr char kSource[] = "REFLECT_objectStub";
 /** One question to an object that is asked through streams. */
 class TreflectObjectStub::Question {
 public:
-    Question(TreflectObjectStub const& stub, unsigned int mc)
+    Question(TreflectObjectStub const& stub, unsigned int mc, unsigned int cc = standard::kClass)
         : stub_(stub),
           inUse_(stub),
+          cc_(cc),
           mc_(mc),
           request_(TipprmiStream::kUsualSize),
           response_(TipprmiStream::withoutBuffer_()) {
-        stub_.prepareRequestStream_(true, standard::kClass, mc_, request_);
+        stub_.prepareRequestStream_(true, cc_, mc_, request_);
     }
 
     /** For the arguments. */
     TipprmiStream& request() { return request_; }
-    void send() { stub_.dispatch(true, standard::kClass, mc_, request_, response_); }
+    void send() { stub_.dispatch(true, cc_, mc_, request_, response_); }
     /** Reads the answer; a default value when there is none. */
     template <class... Result>
     void ask(Result&... result) {
@@ -35,12 +36,13 @@ public:
         stub_.prepareResponseStream_(true, response_);
         static_cast<void>((response_ >> ... >> result));
         if (response_.hasUnmarshallingFailed())
-            response_.printUnmarshallError(standard::kClass, mc_);
+            response_.printUnmarshallError(cc_, mc_);
     }
 
 private:
     TreflectObjectStub const& stub_;
     StubInUse const inUse_;
+    unsigned int const cc_;
     unsigned int const mc_;
     TipprmiStream request_;
     TipprmiStream response_;
@@ -158,6 +160,38 @@ void TreflectObjectStub::registerObserver(unsigned int kind, TreflectMetaOperati
     Question question(*this, standard::kRegisterObserver);
     question.request() << kind << cc << mc << client;
     question.ask();
+}
+
+bool TreflectObjectStub::registerGuard(TreflectMetaOperation const* operation,
+                                       TreflectObserver* observer) const {
+    if (!operation || !operation->containingMetaObject() || !observer)
+        return false;
+    unsigned int const cc = operation->containingMetaObject()->getClassId();
+    auto const mc = static_cast<unsigned int>(operation->id());
+    TreflectObserverClient const client(*observer->getClient());
+    if (TreflectServerObject* const server = reflectiveServer()) {
+        server->registerGuard(cc, mc, client);
+        return true;
+    }
+    bool registered = false;
+    Question question(*this, standard::guards::kRegister, standard::guards::kClass);
+    question.request() << cc << mc << client;
+    question.ask(registered);
+    return registered;
+}
+
+unsigned int TreflectObjectStub::removeLostGuards(TreflectMetaOperation const* operation) const {
+    if (!operation || !operation->containingMetaObject())
+        return 0;
+    unsigned int const cc = operation->containingMetaObject()->getClassId();
+    auto const mc = static_cast<unsigned int>(operation->id());
+    if (TreflectServerObject* const server = reflectiveServer())
+        return server->removeLostGuards(cc, mc);
+    unsigned int count = 0;
+    Question question(*this, standard::guards::kRemoveLost, standard::guards::kClass);
+    question.request() << cc << mc;
+    question.ask(count);
+    return count;
 }
 
 void TreflectObjectStub::removeObserver(TreflectMetaOperation const*,

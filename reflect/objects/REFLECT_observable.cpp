@@ -1,10 +1,21 @@
 #include <deque>
 #include <vector>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
+#include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObservable.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
+
+namespace {
+
+/** Whether an observer may be reached, as far as is known without asking. */
+bool isThere(TreflectObserverClient const& client) {
+    TreflectObjectStub const* const stub = client.getStub_();
+    return stub && stub->isValid();
+}
+
+}  // namespace
 
 /** The observers that a notification goes through: shares of their stubs, so that no registration
  * that changes meanwhile, and no search for an observer, gets in between. */
@@ -12,14 +23,17 @@ class TreflectObservable::Told {
 public:
     Told(Observers const& observers, Key const& key) {
         auto const range = observers.equal_range(key);
-        for (auto at = range.first; at != range.second; ++at)
-            clients_.emplace_back().share_(at->second);
+        for (auto at = range.first; at != range.second; ++at) {
+            Registration& registration = registrations_.emplace_back();
+            registration.client.share_(at->second.client);
+            registration.guards = at->second.guards;
+        }
     }
 
-    std::deque<TreflectObserverClient> const& clients() const { return clients_; }
+    std::deque<Registration> const& registrations() const { return registrations_; }
 
 private:
-    std::deque<TreflectObserverClient> clients_;  // none is ever copied, which might search
+    std::deque<Registration> registrations_;  // none is ever copied, which might search
 };
 
 TreflectObservable::TreflectObservable() = default;
@@ -39,14 +53,45 @@ void TreflectObservable::registerObserver(unsigned int kind, unsigned int const&
     std::unique_ptr<Observers>& observers = kind == kBeforeCalls ? preObservers_ : postObservers_;
     if (!observers)
         observers = std::make_unique<Observers>();
-    observers->emplace(Key(cc, mc), TreflectObserverClient())->second.share_(client);
+    observers->emplace(Key(cc, mc), Registration())->second.client.share_(client);
+}
+
+void TreflectObservable::registerGuard(unsigned int cc, unsigned int mc,
+                                       TreflectObserverClient const& client) {
+    handlerthreads::trustPermission();
+    if (!preObservers_)
+        preObservers_ = std::make_unique<Observers>();
+    Key const key(cc, mc);
+    auto at = preObservers_->lower_bound(key);
+    while (at != preObservers_->end() && at->first == key)
+        at = at->second.guards && at->second.client == client ? preObservers_->erase(at)
+                                                              : std::next(at);
+    Registration& guard = preObservers_->emplace(key, Registration())->second;
+    guard.client.share_(client);
+    guard.guards = true;
+}
+
+unsigned int TreflectObservable::removeLostGuards(unsigned int cc, unsigned int mc) {
+    handlerthreads::trustPermission();
+    unsigned int count = 0;
+    if (!preObservers_)
+        return count;
+    Key const key(cc, mc);
+    auto at = preObservers_->lower_bound(key);
+    while (at != preObservers_->end() && at->first == key) {
+        Registration const& guard = at->second;
+        bool const isLost = guard.guards && (guard.lost || !isThere(guard.client));
+        count += isLost ? 1 : 0;
+        at = isLost ? preObservers_->erase(at) : std::next(at);
+    }
+    return count;
 }
 
 void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClient const& client) {
     if (!observers)
         return;
     for (auto at = observers->begin(); at != observers->end(); ++at) {
-        if (at->second == client) {
+        if (at->second.client == client) {
             observers->erase(at);
             return;
         }
@@ -75,6 +120,38 @@ bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObje
     return told && alive;
 }
 
+// One whose process is known to have gone is not called again and again.
+bool TreflectObservable::askGuard(TreflectObserverClient const& client,
+                                  TreflectObject const& source, Key const& key,
+                                  TipprmiSequence<TipprmiAny, 0u> const& arguments) {
+    Life const life(*this);
+    bool answer = false;
+    bool const reached =
+        isThere(client) && tell(client, source, key.first, key.second, arguments, answer);
+    if (!life.ended())
+        noteGuard(client, key, !reached);
+    if (!reached) {
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_observable",
+                               "classCode=0x%X,methodCode=%u is forbidden: its guard does not "
+                               "answer",
+                               key.first, key.second);
+    }
+    return reached && answer;
+}
+
+void TreflectObservable::noteGuard(TreflectObserverClient const& client, Key const& key,
+                                   bool lost) {
+    handlerthreads::trustPermission();
+    if (!preObservers_)
+        return;
+    auto const range = preObservers_->equal_range(key);
+    for (auto at = range.first; at != range.second; ++at) {
+        if (at->second.guards && at->second.client.getStub_() == client.getStub_())
+            at->second.lost = lost;
+    }
+}
+
 bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned int kind,
                                          unsigned int const& cc, unsigned int const& mc,
                                          TipprmiSequence<TipprmiAny, 0u> const& arguments) {
@@ -87,10 +164,12 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
     Told const told(*observers, {cc, mc});
     bool agreed = true;
     std::vector<TreflectObserverClient const*> unreached;
-    for (TreflectObserverClient const& client : told.clients()) {
+    for (Registration const& one : told.registrations()) {
         bool answer = false;
-        if (!tell(client, source, cc, mc, arguments, answer))
-            unreached.push_back(&client);
+        if (one.guards)
+            agreed = !life.ended() && askGuard(one.client, source, {cc, mc}, arguments) && agreed;
+        else if (!tell(one.client, source, cc, mc, arguments, answer))
+            unreached.push_back(&one.client);
         else if (!answer)
             agreed = false;
     }

@@ -236,8 +236,14 @@ TipprmiSequence<unsigned int, 0u> TreflectServerObject::getClassIds() const {
 
 bool TreflectServerObject::dispatch(bool withResponse, unsigned int cc, unsigned int mc,
                                     TipprmiStream& in, TipprmiStream& out) {
-    return serveStandard(mc, in, out) ||
-           TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    if (cc == standard::guards::kClass && mc == standard::guards::kRegister)
+        serveGuardRegistration(in, out);
+    else if (cc == standard::guards::kClass && mc == standard::guards::kRemoveLost)
+        serveRemovalOfLostGuards(in, out);
+    else
+        return serveStandard(mc, in, out) ||
+               TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    return true;
 }
 
 /** The methods that every reflective object serves by itself. */
@@ -336,6 +342,30 @@ void TreflectServerObject::serveObserverRemoval(TipprmiStream& in, TipprmiStream
     }
     unRegisterObserver(observer);
     prepareResponseStream_(out);
+}
+
+void TreflectServerObject::serveGuardRegistration(TipprmiStream& in, TipprmiStream& out) {
+    unsigned int cc = 0;
+    unsigned int mc = 0;
+    TreflectObserverClient observer;
+    Life const life(*this);
+    in >> cc >> mc >> observer;
+    if (life.ended() || in.hasUnmarshallingFailed()) {
+        writeGeneralException(out, TipprmiFailure::kNotServed);
+        return;
+    }
+    registerGuard(cc, mc, observer);
+    prepareResponseStream_(out);
+    out << true;
+}
+
+void TreflectServerObject::serveRemovalOfLostGuards(TipprmiStream& in, TipprmiStream& out) {
+    unsigned int cc = 0;
+    unsigned int mc = 0;
+    in >> cc >> mc;
+    unsigned int const count = in.hasUnmarshallingFailed() ? 0 : removeLostGuards(cc, mc);
+    prepareResponseStream_(out);
+    out << count;
 }
 
 void TreflectServerObject::serveChildRegistration(TipprmiStream& in, TipprmiStream& out) {

@@ -212,6 +212,12 @@ testsupport::Commands const objectCommands{
                                             : called.postObserve(&observer(name));
          return "observing " + std::to_string(done);
      }},
+    // The same as a guard; "guarding 1".
+    {"guard",
+     [](Name name, Name object, Name operation) {
+         TreflectObject const guarded(oid(object));
+         return "guarding " + std::to_string(guarded.operation(operation).guard(&observer(name)));
+     }},
     {"unobserve",
      [](Name name, Name object, Name operation) {
          TreflectObject const observed(oid(object));

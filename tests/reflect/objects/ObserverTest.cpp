@@ -311,6 +311,9 @@ protected:
         });
     }
     static constexpr unsigned int kStored = 1000;
+    unsigned int lostGuards() {
+        return TreflectObject(lamp_.get()).operation("setLevel").removeLostGuards();
+    }
 
     Permitted<LampObject> const lamp_ = makePermitted<LampObject>("lamp");
 };
@@ -356,6 +359,61 @@ TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
     EXPECT_EQ(errors, 2u);
     EXPECT_EQ(storeHere(6), kStored);
     EXPECT_EQ(log_.count("Unmarshall error on cc=0x641E8FCD, mc=0"), errors);
+}
+
+TEST_F(RemoteObserver, ThatGuardsForbidsWhenItHasGoneUntilItIsRemoved) {
+    auto actor = std::make_unique<ReflectActor>();
+    EXPECT_EQ(actor->ask("guard w lamp setLevel", "guarding"), "1");
+    EXPECT_EQ(actor->ask("guard w lamp setLevel", "guarding"), "1") << "in its own place";
+    EXPECT_EQ(storeHere(5), kStored);
+    EXPECT_EQ(actor->told("w"), "1 5 lamp");
+    actor->ask("answers w no", "will");
+    EXPECT_EQ(storeHere(6), TipprmiFailure::kVetoed);
+    EXPECT_EQ(permitted([&] { return lostGuards(); }), 0u);
+
+    actor->child().kill();
+    actor->child().waitForExit();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(storeHere(6), TipprmiFailure::kVetoed);
+    EXPECT_TRUE(log_.find("is forbidden: its guard does not answer"));
+    EXPECT_EQ(permitted([&] { return lamp_->level; }), 5u);
+
+    // The next one of that identifier takes its place.
+    actor = std::make_unique<ReflectActor>();
+    EXPECT_EQ(actor->ask("guard w lamp setLevel", "guarding"), "1");
+    EXPECT_EQ(storeHere(7), kStored);
+    actor->child().kill();
+    actor->child().waitForExit();
+    EXPECT_EQ(storeHere(8), TipprmiFailure::kVetoed);
+    EXPECT_EQ(permitted([&] { return lostGuards(); }), 1u);
+    EXPECT_EQ(storeHere(8), kStored);
+    EXPECT_FALSE(isObserved());
+}
+
+TEST_F(RemoteObserver, ThatGuardsAndThrowsOrIsDestroyedForbids) {
+    auto guard = makePermitted<Watcher>("guard");
+    permitted([&] {
+        TreflectObject const lamp(lamp_.get());
+        EXPECT_TRUE(lamp.operation("setLevel").guard(guard.get()));
+        EXPECT_FALSE(lamp.operation("setLevel").guard(nullptr));
+        EXPECT_FALSE(TreflectObject::errorOperation.guard(guard.get()));
+        guard->react = [] { throw std::runtime_error("no"); };
+    });
+    EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed);
+    permitted([&] { guard->react = nullptr; });
+    EXPECT_EQ(storeHere(5), kStored) << "it is still registered";
+    guard.reset();
+    EXPECT_EQ(storeHere(6), TipprmiFailure::kVetoed);
+    EXPECT_EQ(permitted([&] { return lostGuards(); }), 1u);
+    EXPECT_EQ(storeHere(6), kStored);
+
+    guard = makePermitted<Watcher>("guard");
+    permitted([&] {
+        TreflectObject const lamp(lamp_.get());
+        EXPECT_TRUE(lamp.operation("setLevel").guard(guard.get()));
+        lamp.operation("setLevel").removeObserver(guard.get());
+    });
+    EXPECT_FALSE(isObserved());
 }
 
 TEST_F(RemoteObserver, WhoseProcessIsKilledWhileItIsToldLetsTheCallGoOn) {
