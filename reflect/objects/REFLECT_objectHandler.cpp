@@ -1,6 +1,7 @@
 #include <new>
 
 #include "handler_threads/WithPermission.h"
+#include "logging/LineLimit.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
@@ -8,6 +9,30 @@
 #include "transport/TransportLayer.h"
 
 std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
+
+namespace {
+
+/** Logs it when an object of this process has the identifier of one of another process, on which a
+ * handle has come: nobody finds that one here. Two brokers tell nothing of each other's objects, so
+ * this is the moment to know. */
+void tellHidden(TreflectObjectLocationIf const& remote) {
+    bool const isNamed = remote.hasOID() && remote.getInternalOID() != 0;
+    if (remote.getServer() || !isNamed || remote.getNamespaceId() != NSID_UNIT)
+        return;
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    if (!orb || remote.orbId() == orb->orbId())
+        return;
+    unsigned int const own = orb->locateLocalObject_(remote.getOID()).getInternalOID();
+    if (own == 0)
+        return;
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_objectHandler",
+                           "object 0x%X of this process hides 0x%X of ORB 0x%X: both are \"%s\"",
+                           own, remote.getInternalOID(), remote.orbId().value(),
+                           remote.getOID().getIdString());
+}
+
+}  // namespace
 
 TreflectObjectHandler::TreflectObjectInvalidStub::TreflectObjectInvalidStub()
     : TreflectObjectStub(TipprmiOID("InvalidStub", NSID_UNIT)) {}
@@ -54,6 +79,7 @@ TreflectObjectStub* TreflectObjectHandler::adoptStub(TreflectObjectLocationIf co
             invalidStub_.incRefCount();
             return &invalidStub_;
         }
+        tellHidden(location);
     } else if (location.getServer() && !stub->getServer()) {
         // Made of a handle without a name that another process sent: its calls would go round
         // through the broker, and those that an object makes through its own handle never end.

@@ -154,6 +154,22 @@ TEST_F(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
     EXPECT_FALSE(end.fetch<unsigned int>());
 }
 
+TEST_F(ReflectiveHandle, TellsOfAnObjectThatOneOfThisProcessHides) {
+    ReflectiveActor actor;
+    actor.ask("lamp twin", "made");
+    actor.ask("lamp other", "made");
+    actor.ask("next other twin", "next");
+    TreflectHandlerState const handlerState(true);
+    LampObject const own("twin");
+    EXPECT_EQ(&own, TreflectObject(oid("twin")).getServer());
+    TreflectObject hidden;
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(TreflectObject(oid("other")).attribute("Next").get(hidden), 0);
+    EXPECT_EQ(hidden.getServer(), nullptr);
+    EXPECT_EQ(log_.count(3, ": both are \"twin\""), 1u);
+    EXPECT_EQ(log_.count(3, "of this process hides"), 1u);
+}
+
 // ---- Stubs -------------------------------------------------------------------------------------
 
 TEST_F(ReflectiveHandle, CountsAsOneUserOfItsStub) {
