@@ -28,8 +28,8 @@ INHERITED = frozenset(
     getStub_ hasOID identifier internalOid isConnected isObserver Key Life Meta meta
     metaClass notifyObservers objectName Observers oid operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
-    reflective registerChild registerObserver releaseStub_ removeObserver respond
-    respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent
+    reflective registerChild registerGuard registerObserver Registration releaseStub_
+    removeLostGuards removeObserver respond respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent
     sendDeletionEvents serve serveBy setExceptionContainer setInternalOID setObserver setOID
     setORB setReflective setStub_ share_ StandardMethod Told unregisterChild
     unRegisterObserver""".split()

@@ -88,8 +88,13 @@ public:
      */
     bool observeCreations(TreflectObserver* observer, bool plusExisting);
     bool observeDeletions(TreflectObserver* observer);
-    /** Ends both. Null is ignored. */
+    /** Ends both. Null is ignored. When it leaves the class without observers of a kind, other
+     * processes forget both kinds of this one: see endCreations. */
     void removeObserver(TreflectObserver* observer);
+    /** Ends what observeCreations (observeDeletions) has begun, and nothing that another observer
+     * of this process, or this one of the other kind, hears. Null is ignored. */
+    void endCreations(TreflectObserver* observer);
+    void endDeletions(TreflectObserver* observer);
 
 protected:
     /** Fills in the members with the helper below. Called at every search in the repository: does

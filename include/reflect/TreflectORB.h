@@ -111,6 +111,11 @@ public:
     bool observeDeletions(unsigned int const& classId, TreflectObserver& observer);
     /** Ends all registrations of the observer for the class, of both kinds. */
     void removeObserver(unsigned int const& classId, TreflectObserver& observer);
+    /** Ends the observer's registrations for the class of one kind only. As long as anybody of this
+     * process observes the class, in whatever way, other brokers are not told, and so no other
+     * observer misses anything. */
+    void endCreations(unsigned int classId, TreflectObserver& observer);
+    void endDeletions(unsigned int classId, TreflectObserver& observer);
     /** Tells the observers of the class that an object of it is there, or is about to go; true. */
     bool notifyCreation(unsigned int classId, TreflectServerObject const& object);
     bool notifyDeletion(unsigned int classId, TreflectServerObject const& object);

@@ -171,6 +171,16 @@ bool TreflectMetaObject::observeDeletions(TreflectObserver* observer) {
     return orb && orb->observeDeletions(getClassId(), *observer);
 }
 
+void TreflectMetaObject::endCreations(TreflectObserver* observer) {
+    if (TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr)
+        orb->endCreations(getClassId(), *observer);
+}
+
+void TreflectMetaObject::endDeletions(TreflectObserver* observer) {
+    if (TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr)
+        orb->endDeletions(getClassId(), *observer);
+}
+
 void TreflectMetaObject::removeObserver(TreflectObserver* observer) {
     if (TreflectORB* const orb = observer ? TreflectORB::getInstance(NSID_UNIT) : nullptr)
         orb->removeObserver(getClassId(), *observer);

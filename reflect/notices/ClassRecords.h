@@ -50,6 +50,8 @@ public:
                  bool plusExisting);
     /** See TreflectORB::removeObserver. */
     void removeObserver(unsigned int classId, TreflectObserver& observer);
+    /** See TreflectORB::endCreations and endDeletions. */
+    void endObserving(NoticeKind kind, unsigned int classId, TreflectObserver& observer);
     bool isAnyObserved() const OSW_REQUIRES_PERMISSION;
     /** Tells the observers of the class, each once, that an object is there or has gone. */
     void got(NoticeKind kind, unsigned int classId, TreflectObject const& object);

@@ -87,6 +87,20 @@ void ClassRecords::removeObserver(unsigned int classId, TreflectObserver& observ
     }
 }
 
+// A cancellation ends both kinds, and so it waits until neither is observed: notices that nobody
+// hears meanwhile do no harm.
+void ClassRecords::endObserving(NoticeKind kind, unsigned int classId, TreflectObserver& observer) {
+    WithPermission const permission;
+    MetaData& record = getMetaData(classId);
+    if (kind == NoticeKind::Creation)
+        record.forget(observer);
+    record.side(kind).forget(observer);
+    for (NoticeKind const each : {NoticeKind::Creation, NoticeKind::Deletion}) {
+        if (!record.isObserved())
+            cancelUnlessObserved(each, record);
+    }
+}
+
 void ClassRecords::cancelUnlessObserved(NoticeKind kind, MetaData& record) {
     if (record.side(kind).isObserved())
         return;

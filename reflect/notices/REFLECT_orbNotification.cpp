@@ -14,6 +14,14 @@ void TreflectORB::removeObserver(unsigned int const& classId, TreflectObserver& 
     parts_->classes.removeObserver(classId, observer);
 }
 
+void TreflectORB::endCreations(unsigned int classId, TreflectObserver& observer) {
+    parts_->classes.endObserving(NoticeKind::Creation, classId, observer);
+}
+
+void TreflectORB::endDeletions(unsigned int classId, TreflectObserver& observer) {
+    parts_->classes.endObserving(NoticeKind::Deletion, classId, observer);
+}
+
 bool TreflectORB::notifyCreation(unsigned int classId, TreflectServerObject const& object) {
     checkHandlerState();
     handlerthreads::trustPermission();

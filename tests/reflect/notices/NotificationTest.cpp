@@ -31,6 +31,43 @@ TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
     publisher.finish();
 }
 
+TEST_F(NotificationTest, endOfOneKindSilencesNobodyElse) {
+    ReflectActor publisher;
+    publisher.know("7001");
+    auto const neighbour = arrived();
+    auto const cancelled = [&] {
+        return neighbour->count(TreflectMessage::tOCNUnsubscribe) +
+               neighbour->count(TreflectMessage::tODNUnsubscribe);
+    };
+    Watcher& both = creations();
+    observeDeletions(both);
+    Watcher& deleted = deletions();
+    publisher.create("first", "7001");
+    permitted([&] { lamps().endCreations(&both); });
+    publisher.create("second", "7001");
+    publisher.destroy("first");
+    EXPECT_EQ(told(both), (Names{"first", "first"}));
+    EXPECT_EQ(told(deleted), Names{"first"});
+
+    observe(both);
+    permitted([&] { lamps().endDeletions(&both); });
+    publisher.create("third", "7001");
+    publisher.destroy("second");
+    EXPECT_EQ(told(both), (Names{"first", "first", "third"}));
+    EXPECT_EQ(told(deleted), (Names{"first", "second"}));
+
+    permitted([&] {
+        lamps().endDeletions(&deleted);
+        lamps().endCreations(nullptr);
+    });
+    EXPECT_EQ(cancelled(), 0u);
+    permitted([&] { lamps().endCreations(&both); });
+    EXPECT_EQ(cancelled(), 2u) << "nobody observes any more";
+    publisher.destroy("third");
+    EXPECT_EQ(told(both).size() + told(deleted).size(), 5u);
+    publisher.finish();
+}
+
 TEST_F(NotificationTest, existingObjectsOfAllProcessesAreToldOnce) {
     ArrivalWatch arrivals(orb());
     ReflectActor first, second;
