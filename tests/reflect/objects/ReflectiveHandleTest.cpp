@@ -155,7 +155,7 @@ TEST_F(ReflectiveHandle, FollowsPathsThroughSeveralProcesses) {
 }
 
 TEST_F(ReflectiveHandle, TellsOfAnObjectThatOneOfThisProcessHides) {
-    ReflectiveActor actor;
+    ReflectActor actor;
     actor.ask("lamp twin", "made");
     actor.ask("lamp other", "made");
     actor.ask("next other twin", "next");
