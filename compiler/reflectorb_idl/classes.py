@@ -127,7 +127,7 @@ class Classes:
         bases = [self._all.find(name) for name in entry["bases"]]
         names = ["&" + self._scopes.short(self._scopes.meta(base), scope) for base in bases]
         interior = self._scopes.short(self._scopes.interior(entry), scope)
-        operations = [self._operation(m, interior) for m in members.own(self._all, entry)]
+        operations = [self._operation(m, interior, scope) for m in members.own(self._all, entry)]
         attributes = [
             self._attribute(e, scope) for e in self._all.own(entry) if e["kind"] == "attribute"
         ]
@@ -141,23 +141,43 @@ class Classes:
             out.list("    {", attributes, "});")
 
     def _operations(self, out, operations, end):
-        for index, (head, taken, given) in enumerate(operations):
+        for index, (head, taken, given, raised) in enumerate(operations):
             tail = "}}" + end if index == len(operations) - 1 else "},"
             before = ("    {" if index == 0 else "     ") + head
-            single = "%s{%s}, {%s}%s" % (before, ", ".join(taken), ", ".join(given), tail)
+            refusals = ", {%s}" % ", ".join("{%s, %s}" % pair for pair in raised) if raised else ""
+            single = "%s{%s}, {%s}%s%s" % (
+                before, ", ".join(taken), ", ".join(given), refusals, tail)
             if len(single) <= WIDTH:
                 out.line(single)
                 continue
             out.line(before.rstrip())
-            for types, last in ((taken, ","), (given, tail)):
+            for types, last in ((taken, ","), (given, "," if raised else tail)):
                 out.literals("      {", types, "}" + last)
+            self._refusals(out, raised, tail)
 
-    def _operation(self, member, interior):
-        def quoted(values):
-            return ['"%s"' % self._types.text(type_) for _, type_ in values]
+    @staticmethod
+    def _refusals(out, raised, tail):
+        for index, (code, type_) in enumerate(raised):
+            head = ("      {{" if index == 0 else "       {") + code + ","
+            last = "}}" + tail if index == len(raised) - 1 else "},"
+            if len(head) + 1 + len(type_) + len(last) <= WIDTH:
+                out.line("%s %s%s" % (head, type_, last))
+                continue
+            out.line(head)
+            out.literals("        ", [type_], last)
 
+    def _operation(self, member, interior, scope):
         head = '{"%s", %s::%s, ' % (member.name, interior, member.constant)
-        return head, quoted(member.arguments), quoted(member.results)
+        taken = ['"%s %s"' % (self._types.text(type_), name) for name, type_ in member.arguments]
+        given = ['"%s"' % self._types.text(type_) for _, type_ in member.results]
+        raised = [
+            (
+                self._scopes.short(self._scopes.place(e), scope) + "::kCode",
+                '"%s"' % self._types.exception_text(e),
+            )
+            for e in member.raises
+        ]
+        return head, taken, given, raised
 
     def _attribute(self, attribute, scope):
         name = '"%s"' % capital(attribute["name"])

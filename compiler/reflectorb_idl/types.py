@@ -171,6 +171,11 @@ class Types:
             parts.append("%s %s" % (text, case.entry["name"]))
         return ", ".join(parts)
 
+    def exception_text(self, entry):
+        """That of what comes with a refusal, which is a struct."""
+        told = {entry["scoped"]}
+        return "struct %s{%s}" % (entry["scoped"], self._parts_of_struct(entry, told))
+
     def arguments(self, operation):
         return [self.text(type_) for _, type_ in arguments(operation)]
 

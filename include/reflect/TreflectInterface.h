@@ -20,6 +20,7 @@ template <class Class_, class Result_, class... Parameters>
 struct SignatureOf<Result_ (Class_::*)(Parameters...)> {
     using Class = Class_;
     using Result = typename TreflectValueOf<Result_>::Type;
+    using Outcome = Result_;
     static_assert((... && (!std::is_lvalue_reference_v<Parameters> ||
                            std::is_const_v<std::remove_reference_t<Parameters>>)),
                   "arguments travel one way: return what the operation yields");
@@ -29,6 +30,25 @@ template <class Class_, class Result_, class... Parameters>
 struct SignatureOf<Result_ (Class_::*)(Parameters...) const>
     : SignatureOf<Result_ (Class_::*)(Parameters...)> {};
 
+/** What a function may refuse a call with, as its result tells: exceptions whose types have names.
+ */
+template <class Outcome>
+struct RaisedBy {
+    static std::vector<TreflectMetaClass::Exception> list() { return {}; }
+};
+template <class T, class... Exceptions>
+struct RaisedBy<TipprmiOutcome<T, Exceptions...>> {
+    static std::vector<TreflectMetaClass::Exception> list() {
+        std::vector<TreflectMetaClass::Exception> named;
+        auto const add = [&named](unsigned int code, std::string const& type) {
+            if (!type.empty())
+                named.push_back({code, type});
+        };
+        (add(Exceptions::kCode, treflectTypeName<Exceptions>()), ...);
+        return named;
+    }
+};
+
 /** A line of the table for the operation that `Method` serves. */
 template <auto Method>
 TreflectMetaClass::Operation rowOf(std::string const& name, unsigned int code) {
@@ -36,7 +56,8 @@ TreflectMetaClass::Operation rowOf(std::string const& name, unsigned int code) {
     std::vector<std::string> results;
     if constexpr (!std::is_void_v<typename Signature::Result>)
         results.push_back(treflectTypeName<typename Signature::Result>());
-    return {name, code, Signature::argumentTypes(), std::move(results)};
+    return {name, code, Signature::argumentTypes(), std::move(results),
+            RaisedBy<typename Signature::Outcome>::list()};
 }
 
 /** Whether two functions are the same one. */

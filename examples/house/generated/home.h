@@ -93,11 +93,14 @@ public:
 inline TreflectMetaClass const lampMeta(
     "Lamp", lamp::kClass, {},
     {{"getLevel", lamp::kGetLevel, {}, {"unsigned"}},
-     {"setLevel", lamp::kSetLevel, {"unsigned"}, {}},
+     {"setLevel", lamp::kSetLevel,
+      {"unsigned level"},
+      {},
+      {{lamp::TooBright::kCode, "struct Lamp::TooBright{unsigned limit}"}}},
      {"getSteps", lamp::kGetSteps, {}, {"sequence<unsigned>"}},
-     {"setSteps", lamp::kSetSteps, {"sequence<unsigned>"}, {}},
+     {"setSteps", lamp::kSetSteps, {"sequence<unsigned> steps"}, {}},
      {"nextStep", lamp::kNextStep, {}, {"unsigned"}},
-     {"blink", lamp::kBlink, {"unsigned", "string"}, {"bool"}}},
+     {"blink", lamp::kBlink, {"unsigned times", "string why"}, {"bool"}}},
     {"Level", {"Steps", TreflectMetaClass::Attribute::kSequence, 16}});
 
 /** What a server object of the class Lamp derives from and fills in. */
@@ -118,8 +121,12 @@ public:
 
 inline TreflectMetaClass const houseMeta(
     "House", house::kClass, {},
-    {{"addLamp", house::kAddLamp, {"string"}, {"object"}},
-     {"removeLamp", house::kRemoveLamp, {"string"}, {"bool"}}});
+    {{"addLamp", house::kAddLamp,
+      {"string name"},
+      {"object"},
+      {{house::BadName::kCode, "struct House::BadName{}"},
+       {house::NoPlace::kCode, "struct House::NoPlace{}"}}},
+     {"removeLamp", house::kRemoveLamp, {"string name"}, {"bool"}}});
 
 /** What a server object of the class House derives from and fills in. */
 class HouseSkeleton : public TreflectSkeleton<houseMeta> {
