@@ -4,3 +4,4 @@
 
 #include "logging/LineLimit.h"
 #include "logging/Log.h"
+#include "logging/RecentRecords.h"

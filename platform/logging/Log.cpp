@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "RecordRing.h"
 #include "SinkRegistry.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Lock.h"
@@ -110,6 +111,8 @@ void LogDispatch(int level, int line, char const* source) {
     record.source = source;
     record.line = line;
     record.text = Logging::text;
+    if (Logging::keepsRecords.load(std::memory_order_relaxed))
+        Logging::keepRecord(record);
     Logging::SinkCall const sink;
     sink(record);
 }

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "oswrap/Export.h"
+
+namespace Logging {
+
+/** One of the last records, as it was emitted. A value. */
+struct RecentRecord {
+    std::uint64_t number = 0;  ///< counts up with each record that is kept
+    int level = 0;
+    std::timespec time{};  ///< clock of the day
+    long thread = 0;       ///< kernel's thread id
+    std::string source;
+    int line = 0;
+    std::string text;
+};
+
+/**
+ * Has the last records kept in memory as long as an object of this class lives, besides what the
+ * sink does with them: kMostRecords of them, of each text the first kMostCharacters bytes (a longer
+ * one ends in "..."). The memory, some 70 KB for all objects together, is taken by the first one;
+ * without any, nothing is kept. A resource; any thread. Throws std::bad_alloc without memory.
+ */
+class REFLECTORB_API RecentRecords {
+public:
+    static constexpr std::size_t kMostRecords = 200;
+    static constexpr std::size_t kMostCharacters = 300;
+
+    RecentRecords();
+    ~RecentRecords();
+    RecentRecords(RecentRecords const&) = delete;
+    RecentRecords& operator=(RecentRecords const&) = delete;
+
+    /** Those that are kept and have a greater number than `after`, the oldest first. */
+    static std::vector<RecentRecord> after(std::uint64_t after);
+};
+
+}  // namespace Logging

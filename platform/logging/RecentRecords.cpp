@@ -1,0 +1,111 @@
+#include "logging/RecentRecords.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "RecordRing.h"
+#include "oswrap/Immortal.h"
+#include "oswrap/Lock.h"
+
+namespace Logging {
+
+std::atomic<bool> keepsRecords{false};
+
+namespace {
+
+/** Copies as much as there is room for, and a NUL. */
+template <std::size_t N>
+void copyInto(char (&to)[N], std::string_view from, std::string_view signOfMore) {
+    std::size_t const most = N - 1;
+    std::size_t const kept = from.size() <= most ? from.size() : most - signOfMore.size();
+    std::memcpy(to, from.data(), kept);
+    to[kept] = '\0';
+    if (kept < from.size())
+        std::memcpy(to + kept, signOfMore.data(), signOfMore.size() + 1);
+}
+
+/** A record without pointers to what goes. */
+struct Slot {
+    int level;
+    int line;
+    std::timespec time;
+    long thread;
+    char source[28];
+    char text[RecentRecords::kMostCharacters + 1];
+};
+
+using Slots = std::array<Slot, RecentRecords::kMostRecords>;
+
+struct Ring {
+    OSWrap::Mutex mutex;  // a leaf lock
+    unsigned int users OSW_GUARDED_BY(mutex) = 0;
+    std::uint64_t last OSW_GUARDED_BY(mutex) = 0;   // number of the last record
+    std::uint64_t first OSW_GUARDED_BY(mutex) = 1;  // that of the first since they are kept
+    std::unique_ptr<Slots> slots OSW_GUARDED_BY(mutex);
+};
+
+/** Never destroyed: threads log until the process has ended. */
+Ring& ring() {
+    static OSWrap::Immortal<Ring> ring;
+    return *ring;
+}
+
+RecentRecord recordOf(Slot const& slot, std::uint64_t number) {
+    return {number, slot.level, slot.time, slot.thread, slot.source, slot.line, slot.text};
+}
+
+}  // namespace
+
+void keepRecord(Record const& record) {
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    if (!kept.slots)
+        return;
+    Slot& slot = (*kept.slots)[++kept.last % RecentRecords::kMostRecords];
+    slot.level = record.level;
+    slot.line = record.line;
+    slot.time = record.time;
+    slot.thread = record.thread;
+    copyInto(slot.source, record.source, "");
+    copyInto(slot.text, record.text, "...");
+}
+
+RecentRecords::RecentRecords() {
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    if (kept.users == 0) {
+        kept.slots = std::make_unique<Slots>();
+        kept.first = kept.last + 1;
+        keepsRecords.store(true, std::memory_order_relaxed);
+    }
+    ++kept.users;
+}
+
+RecentRecords::~RecentRecords() {
+    std::unique_ptr<Slots> ending;  // outlasts the lock
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    if (--kept.users > 0)
+        return;
+    keepsRecords.store(false, std::memory_order_relaxed);
+    ending = std::move(kept.slots);
+}
+
+std::vector<RecentRecord> RecentRecords::after(std::uint64_t after) {
+    std::vector<RecentRecord> records;
+    records.reserve(kMostRecords);
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    if (!kept.slots)
+        return records;
+    std::uint64_t number = kept.last >= kMostRecords ? kept.last - kMostRecords + 1 : 1;
+    number = std::max({number, kept.first, after < kept.last ? after + 1 : kept.last + 1});
+    for (; number <= kept.last; ++number)
+        records.push_back(recordOf((*kept.slots)[number % kMostRecords], number));
+    return records;
+}
+
+}  // namespace Logging
