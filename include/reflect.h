@@ -7,6 +7,7 @@
 #include "reflect/NamespaceId.h"
 #include "reflect/TreflectAttribute.h"
 #include "reflect/TreflectCall.h"
+#include "reflect/TreflectClassDescription.h"
 #include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectInterface.h"
 #include "reflect/TreflectMessage.h"

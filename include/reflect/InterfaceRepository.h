@@ -30,6 +30,8 @@ public:
     /** The meta object of a class, complete with its members; null, and a line at level 3, when the
      * class is unknown here. */
     TreflectMetaObject* findInterface(unsigned int classId) const;
+    /** The same in silence. */
+    TreflectMetaObject* findInterface_(unsigned int classId) const;
     /** All class ids, in ascending order. */
     std::vector<unsigned int> getIfIds() const;
 

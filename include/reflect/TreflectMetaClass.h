@@ -80,11 +80,32 @@ public:
     /** The class's own id, then those of all its bases, each once and behind those that are derived
      * from it: what a server object of the class answers to the question for its class ids. */
     TipprmiSequence<unsigned int, 0u> classIds() const;
+    /** As they were given: one may be yet to be built, or gone. */
+    std::vector<TreflectMetaClass const*> const& bases() const { return bases_; }
+
+    /**
+     * Whether handles learn the classes of objects that this process does not know, from the
+     * process object of the object's process (see TreflectProcessObject), if it has one. False at
+     * start. Any thread.
+     *
+     * What is learned is kept to the end of the process, apart from the classes that the process
+     * knows by itself: nobody else hears of it, and two processes that describe one class id in two
+     * ways have a meta object each. A class that this process knows is not asked for. What another
+     * process describes is bounded and checked; what makes no sense is refused with a log line.
+     */
+    static void learn(bool on);
+    static bool learns();
 
 protected:
+    /** As above; nothing is said about mistakes in the tables, since who wrote them is told. */
+    TreflectMetaClass(Unlisted, std::string const& name, unsigned int classId,
+                      std::vector<TreflectMetaClass const*> bases,
+                      std::vector<Operation> operations, std::vector<Attribute> attributes,
+                      std::vector<std::string> types);
     void completeMetaInformation() override;
 
 private:
+    void registerBases();
     void collectIds();
     void registerMembers();
     /** Logs what the tables have twice. */

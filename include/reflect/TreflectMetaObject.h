@@ -97,6 +97,12 @@ public:
     void endDeletions(TreflectObserver* observer);
 
 protected:
+    /** Says that a meta object is not in the repository: for classes that other processes have
+     * described, of which there may be several of one id. */
+    struct Unlisted {};
+    TreflectMetaObject(Unlisted, std::string const& name, unsigned int classId);
+    bool isListed() const { return listed_; }
+
     /** Fills in the members with the helper below. Called at every search in the repository: does
      * its work once and returns at once later. */
     virtual void completeMetaInformation() = 0;
@@ -126,6 +132,7 @@ private:
 
     std::string const name_;
     unsigned int const classId_;
+    bool const listed_ = true;  // in the repository
     // Mutable, since a meta object may be a constant, which is completed all the same.
     mutable std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
     mutable std::map<std::string, TreflectMetaOperation*> operations_;  // owned

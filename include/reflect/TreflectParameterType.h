@@ -22,6 +22,8 @@ public:
     bool add(std::string const& definition);
     /** The text of a type; null when there is none of this name. */
     std::string const* find(std::string_view name) const;
+    /** All, by their names. */
+    std::map<std::string, std::string, std::less<>> const& texts() const { return texts_; }
 
 private:
     std::map<std::string, std::string, std::less<>> texts_;

@@ -42,6 +42,15 @@ bool InterfaceRepository::unregisterInterface(TreflectMetaObject* metaObject) {
 }
 
 TreflectMetaObject* InterfaceRepository::findInterface(unsigned int classId) const {
+    TreflectMetaObject* const found = findInterface_(classId);
+    if (!found)
+        REFLECTORB_LOG(3, "REFLECT_InterfaceRepository",
+                       "InterfaceRepository::findInterface(0x%X) Meta-information CANNOT BE FOUND",
+                       classId);
+    return found;
+}
+
+TreflectMetaObject* InterfaceRepository::findInterface_(unsigned int classId) const {
     instance()->keepForBrokers_();
     TreflectMetaObject* found = nullptr;
     {
@@ -49,13 +58,8 @@ TreflectMetaObject* InterfaceRepository::findInterface(unsigned int classId) con
         if (auto const entry = interfaces_.find(classId); entry != interfaces_.end())
             found = entry->second;
     }
-    if (!found) {
-        REFLECTORB_LOG(3, "REFLECT_InterfaceRepository",
-                       "InterfaceRepository::findInterface(0x%X) Meta-information CANNOT BE FOUND",
-                       classId);
-        return nullptr;
-    }
-    found->completeMetaInformation();
+    if (found)
+        found->completeMetaInformation();
     return found;
 }
 
@@ -123,7 +127,7 @@ void InterfaceRepository::destroyed(TreflectMetaObject* metaObject) {
 // Meta objects of one program that have the same class id are a mistake, and none follows another.
 TreflectMetaObject* InterfaceRepository::successorOf(TreflectMetaObject* metaObject) const {
     auto const isSameClass = [metaObject](TreflectMetaObject const* other) {
-        return other->getClassId() == metaObject->getClassId();
+        return other->listed_ && other->getClassId() == metaObject->getClassId();
     };
     auto const other = std::find_if(built_.begin(), built_.end(), isSameClass);
     if (other == built_.end())

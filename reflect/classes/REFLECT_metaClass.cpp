@@ -35,6 +35,24 @@ TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int class
       operations_(std::move(operations)),
       attributes_(std::move(attributes)),
       types_(std::move(types)) {
+    registerBases();
+}
+
+TreflectMetaClass::TreflectMetaClass(Unlisted unlisted, std::string const& name,
+                                     unsigned int classId,
+                                     std::vector<TreflectMetaClass const*> bases,
+                                     std::vector<Operation> operations,
+                                     std::vector<Attribute> attributes,
+                                     std::vector<std::string> types)
+    : TreflectMetaObject(unlisted, name, classId),
+      bases_(std::move(bases)),
+      operations_(std::move(operations)),
+      attributes_(std::move(attributes)),
+      types_(std::move(types)) {
+    registerBases();
+}
+
+void TreflectMetaClass::registerBases() {
     // A class learns of its derived ones, though it is a constant to everybody else.
     for (TreflectMetaClass const* const base : bases_)
         registerParent(const_cast<TreflectMetaClass*>(base));
@@ -89,10 +107,13 @@ void TreflectMetaClass::registerMembers() {
     // Attributes may be made of operations that a base declares.
     for (TreflectMetaObject* const base : parents())
         complete(*base);
-    tellMistakes();
-    tellClashesOfBases();
+    if (isListed()) {
+        tellMistakes();
+        tellClashesOfBases();
+    }
     registerTypes();
-    tellUnknownTypes();
+    if (isListed())
+        tellUnknownTypes();
     keepLastOfEachName(operations_);
     keepLastOfEachName(attributes_);
     std::vector<MetaOpData> operations;

@@ -17,8 +17,14 @@ TreflectMetaObject::TreflectMetaObject(std::string const& name, unsigned int cla
     InterfaceRepository::instance()->registerInterface(this);
 }
 
+TreflectMetaObject::TreflectMetaObject(Unlisted, std::string const& name, unsigned int classId)
+    : name_(name), classId_(classId), listed_(false) {
+    InterfaceRepository::instance()->built(this);
+}
+
 TreflectMetaObject::~TreflectMetaObject() {
-    InterfaceRepository::instance()->unregisterInterface(this);
+    if (listed_)
+        InterfaceRepository::instance()->unregisterInterface(this);
     InterfaceRepository::instance()->destroyed(this);
     for (auto const& attribute : attributes_)
         delete attribute.second;

@@ -1,0 +1,300 @@
+// Classes as values that can be sent.
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <iterator>
+#include <list>
+#include <set>
+
+#include "reflect/TreflectClassDescription.h"
+#include "reflect/TreflectMetaAttribute.h"
+#include "reflect/TreflectMetaClass.h"
+#include "reflect/TreflectMetaOperation.h"
+
+namespace {
+
+using Description = TreflectClassDescription;
+
+// ---- Of a class of this process ----------------------------------------------------------------
+
+/** The direct bases that are there: in the order of the class's table if it has one. */
+std::vector<TreflectMetaObject const*> basesOf(TreflectMetaObject const& meta) {
+    std::vector<TreflectMetaObject const*> bases;
+    if (auto const* const tables = dynamic_cast<TreflectMetaClass const*>(&meta)) {
+        for (TreflectMetaObject const* const base : tables->bases()) {
+            if (meta.parents().count(const_cast<TreflectMetaObject*>(base)) != 0)
+                bases.push_back(base);
+        }
+        return bases;
+    }
+    bases.assign(meta.parents().begin(), meta.parents().end());
+    std::sort(bases.begin(), bases.end(),
+              [](auto const* a, auto const* b) { return a->getClassId() < b->getClassId(); });
+    return bases;
+}
+
+/** A name of a type, perhaps with that of the parameter behind it. */
+Description::Parameter parameterOf(TreflectParameterType const& type) {
+    std::string text = type.name();
+    if (type.label().empty())
+        return {"", text};
+    text.erase(text.rfind(type.label()));
+    text.erase(text.find_last_not_of(" \t\n") + 1);
+    return {type.label(), text};
+}
+
+std::vector<Description::Parameter> parametersOf(std::vector<TreflectParameterType> const& types) {
+    std::vector<Description::Parameter> parameters;
+    for (TreflectParameterType const& type : types)
+        parameters.push_back(parameterOf(type));
+    return parameters;
+}
+
+Description::Operation describe(TreflectMetaOperation const& operation) {
+    Description::Operation described;
+    described.name = operation.name();
+    described.code = static_cast<unsigned int>(operation.id());
+    described.in = parametersOf(operation.argumentTypes());
+    described.out = parametersOf(operation.resultTypes());
+    for (auto const& [code, type] : operation.exceptions())
+        described.raises.push_back({code, type});
+    return described;
+}
+
+Description::Attribute describe(TreflectMetaAttribute const& attribute) {
+    Description::Attribute described;
+    described.name = attribute.name();
+    if (dynamic_cast<TreflectSequenceMetaAttribute const*>(&attribute))
+        described.kind = Description::Kind::sequence;
+    else if (dynamic_cast<TreflectArrayMetaAttribute const*>(&attribute))
+        described.kind = Description::Kind::array;
+    described.length = static_cast<unsigned int>(std::max(0, attribute.constLength()));
+    described.writable = attribute.metaOperSet();
+    described.valueClass = attribute.typeName();
+    if (attribute.typeMeta())
+        described.valueClassId = attribute.typeMeta()->getClassId();
+    return described;
+}
+
+template <class Member, class Described>
+void describeOwn(TreflectMetaObject const& meta, std::list<Member*> const& members,
+                 std::vector<Described>& out) {
+    for (Member const* const member : members) {
+        if (member->containingMetaObject() == &meta)
+            out.push_back(describe(*member));
+    }
+}
+
+// ---- As lines ----------------------------------------------------------------------------------
+
+__attribute__((format(printf, 1, 2))) std::string formatted(char const* format, ...) {
+    char text[64];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string classText(std::string const& name, unsigned int id) {
+    return name + formatted(" 0x%08X", id);
+}
+
+std::string typesText(std::vector<Description::Parameter> const& parameters) {
+    std::string text;
+    for (Description::Parameter const& parameter : parameters)
+        text += (text.empty() ? "" : ", ") + parameter.type;
+    return "(" + text + ")";
+}
+
+std::string lineOf(Description::Base const& base) {
+    return "base " + classText(base.name, base.id) + formatted(" %016" PRIx64, base.hash);
+}
+
+std::string lineOf(Description::Operation const& operation) {
+    std::string line = "operation " + operation.name + " " + std::to_string(operation.code) + " " +
+                       typesText(operation.in) + " -> " + typesText(operation.out);
+    std::set<std::string> raised;
+    for (Description::Exception const& exception : operation.raises)
+        raised.insert(formatted(" raises 0x%08X ", exception.code) + exception.type);
+    for (std::string const& exception : raised)
+        line += exception;
+    return line;
+}
+
+std::string lineOf(Description::Attribute const& attribute) {
+    std::string line = "attribute " + attribute.name;
+    if (attribute.kind != Description::Kind::plain)
+        line += (attribute.kind == Description::Kind::array ? " array " : " sequence ") +
+                std::to_string(attribute.length);
+    if (attribute.writable)
+        line += " writable";
+    if (!attribute.valueClass.empty())
+        line += " of " + classText(attribute.valueClass, attribute.valueClassId);
+    return line;
+}
+
+std::string lineOf(std::string const& type) {
+    return "type " + type;
+}
+
+template <class Part>
+void addLines(std::vector<Part> const& parts, std::vector<std::string>& lines) {
+    for (Part const& part : parts)
+        lines.push_back(lineOf(part));
+}
+
+// ---- What readers accept -----------------------------------------------------------------------
+
+bool isText(std::string const& text, std::size_t longest) {
+    auto const isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
+    return text.size() <= longest && std::none_of(text.begin(), text.end(), isControl);
+}
+
+bool isName(std::string const& name) {
+    return !name.empty() && isText(name, Description::kLongestName);
+}
+
+bool isType(std::string const& type) {
+    return isText(type, Description::kLongestType);
+}
+
+bool areReadable(std::vector<Description::Parameter> const& parameters) {
+    return parameters.size() <= Description::kMostParts &&
+           std::all_of(parameters.begin(), parameters.end(), [](auto const& parameter) {
+               return isText(parameter.name, Description::kLongestName) && isType(parameter.type);
+           });
+}
+
+bool isReadable(Description::Operation const& operation) {
+    return isName(operation.name) && areReadable(operation.in) && areReadable(operation.out) &&
+           operation.raises.size() <= Description::kMostParts &&
+           std::all_of(operation.raises.begin(), operation.raises.end(),
+                       [](auto const& exception) { return isType(exception.type); }) &&
+           operation.doc.size() <= Description::kLongestText;
+}
+
+bool isReadable(Description::Attribute const& attribute) {
+    return isName(attribute.name) && attribute.kind <= Description::Kind::array &&
+           attribute.length <= TipprmiStream::kAcceptedLength &&
+           isText(attribute.valueClass, Description::kLongestName) &&
+           attribute.doc.size() <= Description::kLongestText;
+}
+
+/** The name of a member that is unreadable, or occurs twice; null without one. */
+template <class Member>
+Member const* faultyMember(std::vector<Member> const& members) {
+    std::set<std::string> names;
+    for (Member const& member : members) {
+        if (!isReadable(member) || !names.insert(member.name).second)
+            return &member;
+    }
+    return nullptr;
+}
+
+std::string faultOfOperations(std::vector<Description::Operation> const& operations) {
+    if (auto const* const faulty = faultyMember(operations))
+        return "operation " + std::to_string(faulty - operations.data()) +
+               " is unreadable or occurs twice";
+    std::set<unsigned int> codes;
+    for (Description::Operation const& operation : operations) {
+        if (!codes.insert(operation.code).second)
+            return "method code " + std::to_string(operation.code) + " occurs twice";
+    }
+    return {};
+}
+
+bool areBases(std::vector<Description::Base> const& bases) {
+    return std::all_of(bases.begin(), bases.end(),
+                       [](auto const& base) { return isName(base.name); });
+}
+
+bool areTypes(std::vector<std::string> const& types) {
+    return std::all_of(types.begin(), types.end(), [](std::string const& type) {
+        return isType(type) && TreflectTypes().add(type);
+    });
+}
+
+}  // namespace
+
+TreflectClassDescription TreflectClassDescription::of(TreflectMetaObject const& meta) {
+    TreflectClassDescription described;
+    described.name = meta.name();
+    described.id = meta.getClassId();
+    for (TreflectMetaObject const* const base : basesOf(meta))
+        described.bases.push_back({base->name(), base->getClassId(), of(*base).hash});
+    std::list<TreflectMetaOperation*> operations;
+    meta.operationList(operations);
+    describeOwn(meta, operations, described.operations);
+    std::list<TreflectMetaAttribute*> attributes;
+    meta.attributeList(attributes);
+    describeOwn(meta, attributes, described.attributes);
+    for (auto const& type : meta.types().texts())
+        described.types.push_back(type.second);
+    described.hash = described.computeHash();
+    return described;
+}
+
+std::vector<std::string> TreflectClassDescription::outline() const {
+    std::vector<std::string> lines;
+    addLines(bases, lines);
+    addLines(operations, lines);
+    addLines(attributes, lines);
+    addLines(types, lines);
+    std::sort(lines.begin(), lines.end());
+    lines.insert(lines.begin(), "class " + classText(name, id));
+    return lines;
+}
+
+std::uint64_t TreflectClassDescription::computeHash() const {
+    std::uint64_t value = 0xCBF29CE484222325;
+    auto const add = [&value](char byte) {
+        value = (value ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
+    };
+    for (std::string const& line : outline()) {
+        std::for_each(line.begin(), line.end(), add);
+        add('\n');
+    }
+    return value;
+}
+
+std::vector<std::string> TreflectClassDescription::difference(
+    TreflectClassDescription const& former, TreflectClassDescription const& latter) {
+    std::vector<std::string> before = former.outline();
+    std::vector<std::string> after = latter.outline();
+    std::sort(before.begin(), before.end());
+    std::sort(after.begin(), after.end());
+    std::vector<std::string> gone;
+    std::vector<std::string> come;
+    std::set_difference(before.begin(), before.end(), after.begin(), after.end(),
+                        std::back_inserter(gone));
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(come));
+    std::vector<std::string> lines;
+    for (std::string const& line : gone)
+        lines.push_back("- " + line);
+    for (std::string const& line : come)
+        lines.push_back("+ " + line);
+    return lines;
+}
+
+std::string TreflectClassDescription::fault() const {
+    if (version == 0)
+        return "it has no version";
+    if (operations.size() > kMostMembers || attributes.size() > kMostMembers ||
+        types.size() > kMostTypes || bases.size() > kMostParts || doc.size() > kLongestText)
+        return "it has too much";
+    if (!isName(name))
+        return "its name is unreadable";
+    if (!areBases(bases))
+        return "the name of a base is unreadable";
+    if (std::string const fault = faultOfOperations(operations); !fault.empty())
+        return fault;
+    if (auto const* const faulty = faultyMember(attributes))
+        return "attribute " + std::to_string(faulty - attributes.data()) +
+               " is unreadable or occurs twice";
+    if (!areTypes(types))
+        return "one of its types is none, or has no name";
+    return hash == computeHash() ? "" : "its hash is not that of what it describes";
+}
