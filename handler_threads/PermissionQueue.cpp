@@ -253,6 +253,18 @@ void PermissionQueue::removeId(void* self) {
     me.waiter = nullptr;
 }
 
+PermissionGlimpse PermissionQueue::glimpse() {
+    constexpr std::size_t kMost = 1000;
+    PermissionGlimpse seen;
+    seen.queue.reserve(kMost);
+    seen.levels = count();
+    seen.holder = ownerTid_.load(std::memory_order_relaxed);
+    OSWrap::Lock<> const lock(queueMutex_);
+    for (PermissionWaiter const* at = front_; at && seen.queue.size() < kMost; at = at->next)
+        seen.queue.push_back(at->tid);
+    return seen;
+}
+
 /** Of a thread that has been cancelled. Who was left to queue its entry is just about to do so. */
 void PermissionQueue::leaveQueue(PermissionWaiter& waiter) {
     OSWrap::DisableCancelStateGuard const noCancel;

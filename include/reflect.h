@@ -30,6 +30,7 @@
 #include "reflect/TreflectOrbObserverIf.h"
 #include "reflect/TreflectParameterType.h"
 #include "reflect/TreflectParameters.h"
+#include "reflect/TreflectProcessObject.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/TreflectSkeleton.h"
 #include "reflect/TreflectTieds.h"

@@ -73,6 +73,8 @@ public:
     unsigned long getPermissionOwner() const { return permission_.getOwner(); }
     /** Number of threads that are queued for the permission, for diagnostics. */
     unsigned long getPermissionWaiters() const { return permission_.waiting(); }
+    /** Who has the permission and who waits for it, for diagnostics. */
+    handlerthreads::PermissionGlimpse glimpse() { return permission_.glimpse(); }
 
 private:
     friend class TreflectRunPermission;

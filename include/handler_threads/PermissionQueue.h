@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "oswrap/Export.h"
 #include "oswrap/Mutex.h"
@@ -10,6 +11,14 @@ namespace handlerthreads {
 struct ParkingPlace;
 struct PermissionWaiter;
 struct WaitAtFront;
+
+/** Who has the run permission and who waits for it, for diagnostics. Threads by the kernel's
+ * numbers. A value. */
+struct PermissionGlimpse {
+    long holder = 0;           ///< 0: nobody
+    unsigned long levels = 0;  ///< that it holds
+    std::vector<long> queue;   ///< in their order
+};
 
 /**
  * The run permission itself: a token that one thread at a time holds, as often as it
@@ -77,6 +86,8 @@ public:
 
     /** Number of threads that are queued; any thread may ask, for diagnostics. */
     unsigned long waiting() const { return waiting_.load(std::memory_order_relaxed); }
+    /** Any thread; the longest queues are cut. */
+    PermissionGlimpse glimpse();
 
 private:
     bool tryTake(unsigned long id, long tid);

@@ -235,6 +235,7 @@ public:
 private:
     friend class BrokerLifecycle;
     friend class BrokerRequest;
+    friend class BrokerView;
     friend class ClassRecords;
     friend class forwardMsgCleanup;
     struct Parts;

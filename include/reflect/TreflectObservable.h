@@ -3,9 +3,19 @@
 #include <map>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "handler_threads/RunPermission.h"
 #include "reflect/TreflectObserverClient.h"
+
+/** A registration of an observer of calls: its kind, the class and the method code of the
+ * operation. A value. */
+struct TreflectObservation {
+    unsigned int kind;
+    unsigned int classId;
+    unsigned int methodCode;
+    TreflectObserverClient const* observer;  ///< of use until a registration begins or ends
+};
 
 /**
  * The observers of an object, by operation: part of every server object. Used under the run
@@ -76,6 +86,9 @@ public:
         handlerthreads::trustPermission();
         return available(postObservers_, cc, mc);
     }
+
+    /** All registrations, for diagnostics. Under the run permission. */
+    std::vector<TreflectObservation> observations_() const;
 
 protected:
     /** Says that the object is being destroyed. */

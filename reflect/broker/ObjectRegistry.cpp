@@ -159,6 +159,14 @@ TipprmiObjectSkeleton* ObjectRegistry::find(TipprmiOID const& oid) const {
     return found == byOid_.end() ? nullptr : find(found->second);
 }
 
+std::vector<TipprmiObjectSkeleton*> ObjectRegistry::all() const {
+    std::vector<TipprmiObjectSkeleton*> objects;
+    objects.reserve(byId_.size());
+    for (auto const& entry : byId_)
+        objects.push_back(entry.second.object);
+    return objects;
+}
+
 void ObjectRegistry::disown() {
     for (auto const& [id, entry] : byId_) {
         entry.object->setORB(nullptr);

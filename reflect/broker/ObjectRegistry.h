@@ -32,6 +32,10 @@ public:
     /** The object with the lowest internal id of those that have this identifier, or null. */
     TipprmiObjectSkeleton* find(TipprmiOID const& oid) const;
 
+    /** All objects, in no order. */
+    std::vector<TipprmiObjectSkeleton*> all() const;
+    std::size_t size() const { return byId_.size(); }
+
     /** Takes all objects out and tells each that it has no broker any more. */
     void disown() OSW_REQUIRES_PERMISSION;
 

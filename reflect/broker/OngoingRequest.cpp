@@ -10,6 +10,7 @@
 #include "oswrap/FreeList.h"
 #include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
 #include "reflect/TreflectMessage.h"
 #include "reflect/TreflectORB.h"
 #include "transport/IdInfo.h"
@@ -24,6 +25,8 @@ int const waitPeriodSeconds = 30;
 OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
 /** The wait is given up after the period that completes so many minutes. */
 constexpr int kMostMinutes = 1;
+/** Object, whether a response is awaited, class code, method code. */
+constexpr int kCallHeaderSize = 16;
 
 }  // namespace
 
@@ -105,6 +108,7 @@ OngoingRequest& OngoingRequest::keyedInstance() {
         if (!record)
             record = new OngoingRequest;
         pthread_setspecific(tsv_key_, record);
+        record->owner_.store(OSWrap::Thread::getCurrentTid(), std::memory_order_relaxed);
     }
     return *record;
 }
@@ -113,17 +117,39 @@ OngoingRequest& OngoingRequest::keyedInstance() {
  */
 OngoingRequest& OngoingRequest::unkeyedInstance() {
     thread_local OngoingRequest* const record = new OngoingRequest;
+    record->owner_.store(OSWrap::Thread::getCurrentTid(), std::memory_order_relaxed);
     return *record;
 }
 
 void OngoingRequest::setTransactionAndTerminationId(unsigned int id,
-                                                    Transport::TerminationId const& target) {
+                                                    Transport::TerminationId const& target,
+                                                    TreflectMessage const* request) {
     Response stale;
     RecordLock const lock(condition_);
     active_ = true;
     transactionId_ = id;
     target_ = target;
+    request_ = request;
+    asleepSince_.store(0, std::memory_order_relaxed);
     stale.reset(exchange(nullptr));
+}
+
+OngoingRequest::Glimpse OngoingRequest::glimpse() {
+    Glimpse seen;
+    seen.thread = owner_.load(std::memory_order_relaxed);
+    seen.asleepSince = asleepSince_.load(std::memory_order_relaxed);
+    RecordLock const lock(condition_);
+    seen.target = target_;
+    if (!request_)
+        return seen;
+    seen.type = request_->type();
+    if (seen.type == TreflectMessage::tPayload) {
+        bool withResponse = false;
+        TipprmiStream call(*request_, false);
+        if (call.getUnreadSize() >= kCallHeaderSize)
+            call >> seen.object >> withResponse >> seen.classCode >> seen.methodCode;
+    }
+    return seen;
 }
 
 TreflectMessage* OngoingRequest::exchange(TreflectMessage* response) {
@@ -194,9 +220,17 @@ TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
     }
 }
 
+/** Of several periods the first one counts. */
+void OngoingRequest::fallAsleep(long long now) {
+    if (asleepSince_.load(std::memory_order_relaxed) == 0)
+        asleepSince_.store(now, std::memory_order_relaxed);
+}
+
 /** Null when the whole period has passed without a delivery. */
 TreflectMessage* OngoingRequest::sleepOnePeriod(OSWrap::TimeSpec const& period) {
-    OSWrap::TimeSpec const end = OSWrap::Clock::getObsTime() + period;
+    OSWrap::TimeSpec const begin = OSWrap::Clock::getObsTime();
+    OSWrap::TimeSpec const end = begin + period;
+    fallAsleep(begin.totalNanoseconds());
     RecordLock const lock(condition_);
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
     while (!delivered()) {
@@ -218,7 +252,9 @@ TreflectMessage* OngoingRequest::sleepOnePeriodForPermission(OSWrap::TimeSpec co
     if (!leaveToDeliverer(waiter))
         return response_.load(std::memory_order_acquire);
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
-    long long const end = OSWrap::Clock::nowNanoseconds() + period.totalNanoseconds();
+    long long const begin = OSWrap::Clock::nowNanoseconds();
+    long long const end = begin + period.totalNanoseconds();
+    fallAsleep(begin);
     bool queued = false;
     {
         Withdrawal withdrawal(*this, waiter);

@@ -42,7 +42,9 @@ public:
     /** The calling thread's record. */
     static OngoingRequest& getThreadInstance();
 
-    void setTransactionAndTerminationId(unsigned int id, Transport::TerminationId const& target);
+    /** `request`, if given, stays as it is until the request has been taken out of its table. */
+    void setTransactionAndTerminationId(unsigned int id, Transport::TerminationId const& target,
+                                        TreflectMessage const* request = nullptr);
     /** A wait for a response, which the broker may give up. */
     struct Wait {
         TreflectMessage& request;
@@ -85,6 +87,20 @@ public:
     void free();
     Transport::TerminationId toTerminationId();
 
+    /** What the owner waits for, for diagnostics. A value. */
+    struct Glimpse {
+        long thread = 0;  ///< the owner, by the kernel's number
+        Transport::TerminationId target;
+        unsigned int type = 0;  ///< of the request; what follows is of a call, else 0
+        unsigned int object = 0;
+        unsigned int classCode = 0;
+        int methodCode = 0;
+        /** When the owner has gone to sleep, as Clock::nowNanoseconds; 0: it has not. */
+        long long asleepSince = 0;
+    };
+    /** Of a record that is in a table, with the mutex of that held. */
+    Glimpse glimpse();
+
 private:
     class Withdrawal;
     struct DeleteResponse {
@@ -102,6 +118,7 @@ private:
     static OngoingRequest& unkeyedInstance();
     static void destroyThreadInstance(void* record);
 
+    void fallAsleep(long long now);
     TreflectMessage* sleepUntilDelivered();
     TreflectMessage* sleepInPeriods(Wait& wait);
     TreflectMessage* sleepOnePeriod(OSWrap::TimeSpec const& period);
@@ -128,6 +145,9 @@ private:
     OSWrap::ConditionVar condition_{true};
     unsigned int transactionId_ OSW_GUARDED_BY(condition_) = 0;
     Transport::TerminationId target_ OSW_GUARDED_BY(condition_);
+    TreflectMessage const* request_ OSW_GUARDED_BY(condition_) = nullptr;  // not owned
+    std::atomic<long> owner_{0};             // kernel's number; written by the owner
+    std::atomic<long long> asleepSince_{0};  // likewise
     /// Null: nothing yet; disconnected(); else an owned message. Written under condition_, polled
     /// by the owner without it.
     std::atomic<TreflectMessage*> response_{nullptr};

@@ -17,6 +17,7 @@
 #include "reflect/broker/BrokerLifecycle.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
+#include "reflect/process/ProcessPublication.h"
 
 namespace {
 
@@ -140,8 +141,14 @@ TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
     auto const index = static_cast<std::size_t>(ns);
     auto& present = TreflectORB::singletonInstances_[index];
     if (!isForkedChild() && mayCreate(ns)) {
-        Creation const creation(*this);
-        present.store(create(ns), std::memory_order_release);
+        TreflectORB* born = nullptr;
+        {
+            Creation const creation(*this);
+            born = create(ns);
+            present.store(born, std::memory_order_release);
+        }
+        if (born)
+            processobject::brokerPublished(*born);
     }
     return present.load(std::memory_order_acquire);
 }

@@ -119,7 +119,7 @@ bool TreflectORB::OutgoingCall::chooseId() {
                            OSWrap::Thread::getCurrentId();
     bool const enter = withResponse_ && !receiving;
     RequestTable::Ticket const ticket =
-        orb_.parts_->ongoingRequests_.begin(record_, target_, enter);
+        orb_.parts_->ongoingRequests_.begin(record_, target_, enter, &message_);
     switch (ticket.beginning) {
         case RequestTable::Beginning::Exhausted:
             REFLECTORB_LOG(3, "REFLECT_orb", "ORB could NOT generate unique request id 0x%08X",

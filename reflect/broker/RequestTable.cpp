@@ -3,10 +3,9 @@
 #include <algorithm>
 
 #include "oswrap/Lock.h"
-#include "reflect/broker/OngoingRequest.h"
 
 RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::TerminationId target,
-                                         bool enter) {
+                                         bool enter, TreflectMessage const* request) {
     if (record.delivered())  // is freed without the locks
         record.free();
     OSWrap::Lock<> const lock(mutex_);
@@ -20,7 +19,7 @@ RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::Term
             continue;
         lastId_ = id;
         // Before the record can be found: a departure that takes it out must know its target.
-        record.setTransactionAndTerminationId(id, target);
+        record.setTransactionAndTerminationId(id, target, request);
         if (enter) {
             slot = {&record, target};
             ++entered_;
@@ -102,6 +101,16 @@ std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId ta
         clear(slot);
     }
     return records;
+}
+
+std::vector<OngoingRequest::Glimpse> RequestTable::glimpse() {
+    std::vector<OngoingRequest::Glimpse> seen;
+    OSWrap::Lock<> const lock(mutex_);
+    for (Entry const& slot : slots_) {
+        if (slot.record)
+            seen.push_back(slot.record->glimpse());
+    }
+    return seen;
 }
 
 std::vector<RequestTable::Entry> RequestTable::close() {

@@ -3,9 +3,8 @@
 #include <vector>
 
 #include "oswrap/Mutex.h"
+#include "reflect/broker/OngoingRequest.h"
 #include "transport/TerminationId.h"
-
-class OngoingRequest;
 
 /**
  * A broker's outstanding requests (`ongoingRequests_`) by transaction id, and the choice of new
@@ -33,8 +32,10 @@ public:
     explicit RequestTable(unsigned int seed) : lastId_(seed), slots_(kCapacity) {}
 
     /** Begins a request of `record` to `target` under a fresh id. With `enter` a response to it
-     * will find the record. The record and the table know the target from the same moment. */
-    Ticket begin(OngoingRequest& record, Transport::TerminationId target, bool enter);
+     * will find the record. The record and the table know the target from the same moment.
+     * `request`: for diagnostics, see OngoingRequest. */
+    Ticket begin(OngoingRequest& record, Transport::TerminationId target, bool enter,
+                 TreflectMessage const* request = nullptr);
     /** Takes a record out, to deliver to it; null when nobody waits under that id. */
     OngoingRequest* take(unsigned int id);
     /** Takes out what `begin` entered for `record`. False when somebody has taken it out to deliver
@@ -47,6 +48,8 @@ public:
     bool awaits(Transport::TerminationId target);
     /** Takes the records out whose requests went to `target`. */
     std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
+    /** What those who wait wait for, for diagnostics. */
+    std::vector<OngoingRequest::Glimpse> glimpse();
     /** Takes everything out and frees the table; from now on `begin` answers closed. */
     std::vector<Entry> close();
 

@@ -104,6 +104,20 @@ void TreflectObservable::unRegisterObserver(TreflectObserverClient const& client
     removeFirst(postObservers_.get(), client);
 }
 
+std::vector<TreflectObservation> TreflectObservable::observations_() const {
+    handlerthreads::trustPermission();
+    std::vector<TreflectObservation> all;
+    for (unsigned int const kind : {kBeforeCalls, kAfterCalls}) {
+        Observers const* const observers =
+            (kind == kBeforeCalls ? preObservers_ : postObservers_).get();
+        if (!observers)
+            continue;
+        for (auto const& [key, client] : *observers)
+            all.push_back({kind, key.first, key.second, &client});
+    }
+    return all;
+}
+
 // What an observer of this process throws ends here, as that of another process ends there: the
 // others are to be told as well, and the call is not theirs to break.
 bool TreflectObservable::tell(TreflectObserverClient const& client, TreflectObject const& source,
