@@ -1,4 +1,5 @@
-// The classes that `inspect` knows. This is its only file that knows any: to look at objects of
-// other classes as well, include the header that has their meta information.
+// The classes that `inspect` knows by itself. This is its only file that knows any: to look at
+// objects of other classes as well, whose processes do not tell what they are, include the header
+// that has their meta information.
 #include "../house/generated/home.h"
 #include "../machine/MachineClasses.h"

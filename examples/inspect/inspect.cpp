@@ -1,6 +1,6 @@
 // The actor `inspect` looks at objects of other actors, and uses them, by names alone: of their
-// classes it has nothing but the meta information (KnownClasses.cpp). `inspect --help` tells what
-// it can do.
+// classes it has nothing but the meta information, which it was built with (KnownClasses.cpp) or
+// learns of the objects' process. `inspect --help` tells what it can do.
 #include <handler_threads.h>
 #include <logging.h>
 
@@ -30,7 +30,9 @@ bool perform(Options const& options) {
     if (!object.isConnected())
         return false;
     if (!object.meta())
-        return complain("the class of \"" + options.object + "\" is unknown here");
+        return complain("the class of \"" + options.object + "\" is unknown here") ||
+               complain("its process tells what it is with REFLECTORB_PROCESS_OBJECT=1 in its "
+                        "environment");
     switch (options.action) {
         case Options::Action::kTree:
             printTree(object);
@@ -54,6 +56,7 @@ bool perform(Options const& options) {
 int main(int argc, char** argv) {
     Options const options = readOptions(argc, argv);
     keepEndSignals();
+    TreflectMetaClass::learn(true);
     Logging::setThreshold(2);  // what fails is told in the program's own words
     // Handles and observers are made, used and destroyed under the run permission.
     TreflectHandlerState const inside(true);

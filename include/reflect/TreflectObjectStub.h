@@ -160,6 +160,7 @@ private:
               TipprmiObjectSkeleton* server);
 
     class Question;
+    TreflectMetaObject const* classOf(unsigned int id) const;
     /** The object itself when it is a reflective one of this process. */
     TreflectServerObject* reflectiveServer() const;
 

@@ -2,10 +2,11 @@
 #include "ipprmi/StandardMethods.h"
 #include "logging/Log.h"
 #include "reflect/InterfaceRepository.h"
-#include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/objects/StubInUse.h"
+#include "reflect/process/Learning.h"
 
 namespace {
 
@@ -55,6 +56,19 @@ TreflectServerObject* TreflectObjectStub::reflectiveServer() const {
 
 // ---- Classes -----------------------------------------------------------------------------------
 
+/** A class that this process does not know may be learned of the object's process. */
+TreflectMetaObject const* TreflectObjectStub::classOf(unsigned int id) const {
+    InterfaceRepository const& repository = *InterfaceRepository::instance();
+    TreflectMetaObject const* found = nullptr;
+    if (TreflectMetaClass::learns() && !getServer()) {
+        handlerthreads::trustPermission();
+        found = repository.findInterface_(id);
+        if (!found)
+            found = Learning::instance().find(id, orbId_);
+    }
+    return found ? found : repository.findInterface(id);
+}
+
 TreflectMetaObject const* TreflectObjectStub::meta() const {
     metaCache_ = nullptr;
     TreflectMetaObject const* found = nullptr;
@@ -66,7 +80,7 @@ TreflectMetaObject const* TreflectObjectStub::meta() const {
         else
             Question(*this, standard::kGetClassIds).ask(ids);
         for (unsigned int i = 0; !found && i < ids.getLength(); ++i)
-            found = InterfaceRepository::instance()->findInterface(ids[i]);
+            found = classOf(ids[i]);
         metaCache_ = found;
     }
     if (!found)

@@ -10,6 +10,7 @@
 #include "Permitted.h"
 #include "Probe.h"
 #include "Thing.h"
+#include "process/PumpObject.h"
 #include "reflect/broker/ScriptRunner.h"
 #include "transport.h"
 
@@ -26,6 +27,7 @@ std::thread flooding;
 int exitCode = 0;
 // Guarded by the run permission.
 auto& lamps = *new std::map<Name, std::unique_ptr<LampObject>>;
+auto& pumps = *new std::map<Name, std::unique_ptr<PumpObject>>;
 auto& things = *new std::map<Name, std::unique_ptr<Thing>>;
 auto& observers = *new std::map<Name, std::unique_ptr<Watcher>>;
 
@@ -144,6 +146,11 @@ testsupport::Commands const objectCommands{
     // Objects, below a parent if one is named.
     {"lamp", makeLamp<LampObject>},
     {"combi", makeLamp<CombiObject>},
+    {"pump",
+     [](Name name, unsigned int variant) {
+         pumps[name] = std::make_unique<PumpObject>(name, variant);
+         return "made";
+     }},
     {"desk",
      [] {
          [[maybe_unused]] static auto const& server = *new desk::Server;
@@ -193,6 +200,11 @@ testsupport::Commands const objectCommands{
      [](Name name, unsigned int level) {
          auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
          return "stored " + (stored ? "ok" : std::to_string(stored.code()));
+     }},
+    // Sets Held of a lamp, wherever it is; "set 0" when that went well.
+    {"setheld",
+     [](Name name) {
+         return "set " + std::to_string(TreflectObject(oid(name)).attribute("Held").set(5u));
      }},
     // What the update of an observer answers: yes, as from the first, no, or "hang" for never,
     // after a line "hangs".

@@ -2,21 +2,22 @@
 # What inspect says, and with which code it ends, when it is used wrongly or cannot do what it is
 # told; and that it ends when the object that it watches goes. The demo runs what it can do.
 #
-#   inspect.sh <inspect> <machine> <station_actor> [<emulator> <argument>...]
+#   inspect.sh <inspect> <machine> <station_actor> <hello> [<emulator> <argument>...]
 set -euo pipefail
 
 inspector=$1
 machine=$2
 station=$3
-shift 3
+hello=$4
+shift 4
 runner=("$@")
 work=$(mktemp -d)
 export TRANSPORT_DIR=$work/rendezvous
-machine_pid='' watch_pid='' station_pid=''
+machine_pid='' watch_pid='' station_pid='' hello_pid=''
 
 clean_up() {
     local pid
-    for pid in $watch_pid $machine_pid $station_pid; do
+    for pid in $watch_pid $machine_pid $station_pid $hello_pid; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -77,6 +78,19 @@ expect 1 "inspect: nobody serves \"gate\"" gate
 exec 9>&-
 wait "$station_pid"
 station_pid=''
+
+# A class that is not known here, but told of.
+mkfifo "$work/greetings"
+REFLECTORB_PROCESS_OBJECT=1 "${runner[@]}" "$hello" <"$work/greetings" >"$work/hello.log" 2>&1 &
+hello_pid=$!
+exec 9>"$work/greetings"
+wait_for "$work/hello.log" serving
+expect 0 "  greet(string) -> string" hello.greeter
+expect 0 '"Hello, Ada!"' hello.greeter --call greet Ada
+expect 1 "inspect: arguments wanted: string; given: 0" hello.greeter --call greet
+exec 9>&-
+wait "$hello_pid"
+hello_pid=''
 
 expect 1 "inspect: nobody serves \"elsewhere\"" elsewhere
 expect 1 "inspect: nobody serves \"elsewhere\"" /elsewhere/cpu0

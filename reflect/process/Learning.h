@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "handler_threads/RunPermission.h"
+#include "reflect/TreflectClassDescription.h"
+#include "reflect/TreflectOrbId.h"
+#include "reflect/classes/LearnedClass.h"
+
+/**
+ * The classes that other processes have described to this one, and who uses which of them. Each is
+ * told by its id and the hash of its description, so that two processes that describe a class in
+ * two ways both have their own. What is learned is never dropped, and bounded: beyond the bounds
+ * nothing more is learned.
+ */
+class Learning {
+public:
+    /** That of the process, never destroyed. */
+    static Learning& instance();
+
+    /** The class of an object of another broker. Asks that broker's process, which is waited for,
+     * unless it has told before. Null when it tells nothing, or nothing sound. */
+    TreflectMetaObject* find(unsigned int classId, TreflectOrbId broker) OSW_REQUIRES_PERMISSION;
+
+    using Descriptions = std::vector<TreflectClassDescription>;
+    /** Takes over what a broker's process has told of a class: it, its bases and the classes of
+     * values. Null, with a log line, when that makes no sense. `size`: of the encoding. */
+    TreflectMetaObject* admit(unsigned int classId, TreflectOrbId broker,
+                              Descriptions const& descriptions,
+                              std::size_t size) OSW_REQUIRES_PERMISSION;
+
+private:
+    class Admission;
+
+    using Key = std::pair<unsigned int, std::uint64_t>;  // class id, hash
+    struct Learned {
+        std::unique_ptr<LearnedClass> meta;
+        TreflectOrbId teller;  // who has told it first
+    };
+    using OfBroker = std::pair<TreflectOrbId, unsigned int>;  // broker, class id
+
+    static constexpr std::size_t kMostClasses = 4096;
+    static constexpr std::size_t kMostVariants = 16;     // of one class id
+    static constexpr std::size_t kMostBytes = 16 << 20;  // of encodings
+    static constexpr std::size_t kMostUses = 65536;
+
+    std::map<Key, Learned> classes_ OSW_GUARDED_BY_PERMISSION;
+    /// Which of them are those of a broker's objects: what was asked for once is at hand.
+    std::map<OfBroker, TreflectMetaObject*> uses_ OSW_GUARDED_BY_PERMISSION;
+    std::size_t bytes_ OSW_GUARDED_BY_PERMISSION = 0;
+};

@@ -1,0 +1,285 @@
+// What a process tells of itself, and what others learn of it.
+#include <malloc.h>
+#include <unistd.h>
+
+#include "BrokerTest.h"
+#include "Pump.h"
+#include "ReflectiveActor.h"
+#include "ReflectiveClasses.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using namespace processobject;
+using testsupport::eventually;
+
+/** A process that publishes its process object by its environment alone. */
+class TellingActor : public testsupport::ActorProgram {
+public:
+    TellingActor() : ActorProgram("reflective_actor", {{"REFLECTORB_PROCESS_OBJECT", "1"}}) {}
+
+    std::string identifier() const {
+        return "process/reflective_actor." + std::to_string(child().pid());
+    }
+};
+
+TreflectOrbId brokerOf(TreflectObject const& object) {
+    return object.getStub_()->orbId();
+}
+
+class ProcessObject : public PermittedTest {
+protected:
+    /** Waits with the permission given up. */
+    template <class Condition>
+    static bool inTime(Condition const& condition) {
+        TreflectReleaseHandlerState const released;
+        return eventually([&] { return permitted(condition); });
+    }
+    std::string ask(std::string const& command, std::string const& answer) {
+        TreflectReleaseHandlerState const released;
+        return actor_.ask(command, answer);
+    }
+    TreflectProcessClient find() {
+        ask("lamp actor.lamp", "made");
+        return TreflectProcessClient(oid(actor_.identifier()));
+    }
+
+    TellingActor actor_;
+};
+
+TEST_F(ProcessObject, TellsWhatTheProcessIsKnowsAndServes) {
+    TreflectProcessClient const process = find();
+    Identity const identity = process.getIdentity().value();
+    EXPECT_EQ(identity.actor, "reflective_actor");
+    EXPECT_EQ(identity.pid, static_cast<unsigned int>(actor_.child().pid()));
+    EXPECT_FALSE(identity.user.empty());
+    EXPECT_EQ(identity.version.substr(0, 2), "0.");
+    EXPECT_THAT(identity.commandLine, Contains(HasSubstr("reflective_actor")));
+    ASSERT_THAT(identity.brokers, ElementsAre(brokerOf(process).value()));
+
+    Usage const usage = process.getUsage().value();
+    EXPECT_GE(usage.objects, 3u);  // the lamp, and itself under two identifiers
+    EXPECT_GT(usage.threads, 1u);
+    EXPECT_GT(usage.memory, 1 << 16);
+    EXPECT_GT(usage.descriptors, 3u);
+    EXPECT_GE(usage.mostDescriptors, usage.descriptors);
+
+    unsigned int const broker = identity.brokers[0];
+    std::vector<ServedObject> const all = process.objects(broker, 0, 100).value();
+    EXPECT_EQ(all.size(), usage.objects);
+    EXPECT_THAT(all, Contains(AllOf(Field(&ServedObject::identifier, "actor.lamp"),
+                                    Field(&ServedObject::className, "Lamp"))));
+    EXPECT_EQ(process.objects(broker, all[0].id, 1).value()[0].id, all[1].id);
+    EXPECT_THAT(process.objects(broker + 1, 0, 100).value(), IsEmpty());
+
+    std::vector<KnownClass> const classes = process.classes().value();
+    EXPECT_THAT(classes, Contains(Field(&KnownClass::id, kClass)));
+    auto const described = process.describe(combi::kClass).value();
+    ASSERT_EQ(described.size(), 4u);  // with its bases
+    TreflectMetaObject const* const combi =
+        InterfaceRepository::instance()->findInterface(combi::kClass);
+    EXPECT_EQ(described[0].outline(), TreflectClassDescription::of(*combi).outline());
+    EXPECT_EQ(process.describeNamed("Combi").value()[0].hash, described[0].hash);
+    EXPECT_EQ(process.describeNamed("Comet").code(), kUnknownClass);
+}
+
+TEST_F(ProcessObject, IsAnObjectLikeAnyOtherAndFoundByItsBrokerAlone) {
+    TreflectProcessClient const process = find();
+    TreflectProcessObject::metaClass();
+    TreflectObject const other = TreflectProcessClient::of(brokerOf(process));
+    unsigned int threshold = 0;
+    EXPECT_EQ(other.attribute("LogThreshold").get(threshold), 0);
+    EXPECT_EQ(threshold, 5u);
+    TreflectOperation& getUsage = other.attribute("Usage").operGet();
+    auto const results = getUsage.invoke({});
+    ASSERT_TRUE(results);
+    EXPECT_THAT(getUsage.meta()->resultTypes()[0].print(results.value()[0]).value(),
+                HasSubstr("objects: "));
+    EXPECT_EQ(
+        getUsage.meta()->containingMetaObject()->metaOperation("objects")->parameters().at("in2"),
+        "unsigned most");
+}
+
+TEST_F(ProcessObject, KeepsTheLastRecordsOfTheLogWhoseThresholdCanBeSet) {
+    TreflectProcessClient const process = find();
+    EXPECT_EQ(process.setLogThreshold(7).code(), kNoThreshold);
+    EXPECT_TRUE(process.setLogThreshold(6));
+    EXPECT_EQ(process.getLogThreshold().value(), 6);
+    std::vector<LogRecord> const before = process.log(0).value();
+    ASSERT_FALSE(before.empty());
+    TreflectObject const lamp(oid("actor.lamp"));
+    tipprmiCall<void>(lamp, lamp::kClass, 4711);  // which it does not serve
+    std::vector<LogRecord> const after = process.log(before.back().number).value();
+    EXPECT_THAT(after, Contains(AllOf(Field(&LogRecord::text, "Unknown method code 4711"),
+                                      Field(&LogRecord::source, "IPPRMI_objectSkeleton"))));
+    EXPECT_EQ(after.front().number, before.back().number + 1);
+    EXPECT_THAT(process.log(~std::uint64_t{0}).value(), IsEmpty());
+}
+
+TEST_F(ProcessObject, TellsWhatItsThreadsWaitForAndWhoObservesWhat) {
+    TreflectProcessClient const process = find();
+    LampObject held("held");
+    {
+        TreflectReleaseHandlerState const released;
+        actor_.tell("hold held");
+        ASSERT_TRUE(held.entered().wait());
+    }
+    std::vector<Call> calls;
+    EXPECT_TRUE(inTime([&] {
+        calls = process.getCalls().value();
+        return !calls.empty() && calls[0].milliseconds > 0;
+    }));
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].what, "call");
+    EXPECT_EQ(calls[0].target, orb().orbId().value());
+    EXPECT_EQ(calls[0].object, held.getInternalOID());
+    EXPECT_EQ(calls[0].operation, "setHeld");
+    EXPECT_NE(calls[0].thread, 0u);
+    Permission const permission = process.getPermission().value();
+    EXPECT_NE(permission.holder, 0u);
+    EXPECT_NE(permission.holder, calls[0].thread);
+    held.release();
+    {
+        TreflectReleaseHandlerState const released;
+        EXPECT_EQ(actor_.await("held"), "ok");
+    }
+    EXPECT_THAT(process.getCalls().value(), IsEmpty());
+
+    Watcher before("before");
+    Watcher made("made");
+    TreflectObject const lamp(oid("actor.lamp"));
+    lamp.operation("setLevel").preObserve(&before);
+    const_cast<TreflectMetaClass&>(lampMeta).observeCreations(&made, false);
+    std::vector<Observation> const told = process.getObservations().value();
+    EXPECT_THAT(told, Contains(AllOf(Field(&Observation::object, "actor.lamp"),
+                                     Field(&Observation::operation, "setLevel"),
+                                     Field(&Observation::observer, "before"),
+                                     Field(&Observation::broker, orb().orbId().value()))));
+    EXPECT_THAT(told, Contains(AllOf(Field(&Observation::when, When::creations),
+                                     Field(&Observation::className, "Lamp"),
+                                     Field(&Observation::broker, orb().orbId().value()))));
+}
+
+TEST_F(ProcessObject, ReadsCountersWithoutStartingThemAfresh) {
+    TreflectProcessClient const process = find();
+    ask("store nobody 1", "stored");
+    auto const sentHere = [&] {
+        unsigned int sent = 0;
+        for (Traffic const& traffic : process.getTraffic().value())
+            sent += traffic.destination == orb().orbId().value() ? traffic.sent : 0;
+        return sent;
+    };
+    unsigned int const sent = sentHere();
+    EXPECT_GT(sent, 0u);
+    EXPECT_EQ(sentHere(), sent);
+}
+
+TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
+    ReflectiveActor const plain;
+    EXPECT_TRUE(inTime([&] { return orb().getBrokers().size() >= 3; }));
+    TreflectObject const own{TipprmiOID(TreflectProcessObject::identifier(), NSID_UNIT)};
+    EXPECT_FALSE(own.isConnected());
+    for (TreflectORB::BrokerInfo const& broker : orb().getBrokers()) {
+        bool const isTelling = brokerOf(find()) == broker.orbId;
+        EXPECT_EQ(TreflectProcessClient::of(broker.orbId).isConnected(), isTelling);
+    }
+    auto const before = mallinfo2().uordblks;
+    {
+        TreflectProcessObject const first;
+        TreflectProcessObject const second;
+        EXPECT_LT(mallinfo2().uordblks, before + 100 * 1024);
+        TreflectProcessClient const process(oid(TreflectProcessObject::identifier()));
+        EXPECT_EQ(process.getIdentity().value().pid, static_cast<unsigned int>(getpid()));
+        prepareOrbForDeletion();
+        EXPECT_TRUE(TreflectProcessClient::of(orb().orbId()).isConnected());
+    }
+    EXPECT_FALSE(TreflectProcessClient::of(orb().orbId()).isConnected());
+    {
+        TreflectProcessObject const again;
+        EXPECT_TRUE(TreflectProcessClient::of(orb().orbId()).isConnected());
+    }
+}
+
+// ---- Learning -----------------------------------------------------------------------------------
+
+class Learned : public ProcessObject {
+protected:
+    Learned() { TreflectMetaClass::learn(true); }
+    ~Learned() override { TreflectMetaClass::learn(false); }
+};
+
+TEST_F(Learned, ClassIsUsedByNamesAsIfItWereKnown) {
+    find();
+    ask("pump pump 1", "made");
+    TreflectObject const pump(oid("pump"));
+    TreflectMetaObject const* const meta = pump.meta();
+    ASSERT_TRUE(meta);
+    EXPECT_EQ(meta->name(), "Pump");
+    EXPECT_TRUE(meta->isA(&deviceMeta));  // which is the same here and there
+    EXPECT_EQ(pump.meta(), meta);
+
+    double pressure = 0;
+    EXPECT_EQ(pump.attribute("Pressure").get(pressure), 0);
+    EXPECT_EQ(pressure, 1.5);
+    EXPECT_EQ(pump.attribute("Pressure").set(2.5), 0);
+    unsigned int level = 0;
+    EXPECT_EQ(pump.attribute("Lamp").attribute("Level").get(level), 0);
+    EXPECT_EQ(level, 1u);
+    TreflectOperation& start = pump.operation("start");
+    ASSERT_FALSE(start.isError());
+    TipprmiSequence<TipprmiAny, 0u> arguments;
+    arguments.setLength(1);
+    ASSERT_TRUE(
+        start.meta()->argumentTypes()[0].parse("{rate: 3, why: [\"a\", \"b\"]}", arguments[0]));
+    auto const results = start.invoke(arguments);
+    ASSERT_TRUE(results);
+    EXPECT_EQ(start.meta()->resultTypes()[0].print(results.value()[0]).value(), "\"3ab\"");
+    // This process does not say that it knows the class.
+    EXPECT_THAT(InterfaceRepository::instance()->getIfIds(), Not(Contains(pump::kClass)));
+}
+
+TEST_F(Learned, ClassIsThatOfEachObjectsOwnProcess) {
+    ask("pump one 1", "made");
+    TellingActor other;
+    {
+        TreflectReleaseHandlerState const released;
+        other.ask("pump two 2", "made");
+    }
+    TreflectObject const one(oid("one"));
+    TreflectObject const two(oid("two"));
+    ASSERT_TRUE(one.meta() && two.meta());
+    EXPECT_NE(one.meta(), two.meta());
+    EXPECT_TRUE(one.meta()->metaOperation_("start"));
+    EXPECT_FALSE(two.meta()->metaOperation_("start"));
+    std::string unit;
+    EXPECT_EQ(two.attribute("Unit").get(unit), 0);
+    EXPECT_EQ(unit, "bar");
+    EXPECT_EQ(log_.count(4, "is not that of broker"), 1u);
+    EXPECT_EQ(log_.count(5, "    - operation start"), 1u);
+    EXPECT_EQ(log_.count(5, "    + operation getUnit"), 1u);
+}
+
+TEST_F(Learned, NothingIsLearnedUnlessThatIsWantedAndToldOf) {
+    ReflectiveActor plain;
+    {
+        TreflectReleaseHandlerState const released;
+        plain.ask("pump silent 3", "made");
+    }
+    ask("pump told 4", "made");
+    TreflectObject const silent(oid("silent"));
+    TreflectObject const told(oid("told"));
+    EXPECT_EQ(silent.meta(), nullptr);
+    TreflectMetaClass::learn(false);
+    EXPECT_EQ(told.meta(), nullptr);
+    EXPECT_EQ(log_.count(3, "CANNOT BE FOUND"), 2u);
+    TreflectMetaClass::learn(true);
+    EXPECT_TRUE(told.meta());
+}
+
+}  // namespace
