@@ -64,10 +64,10 @@ struct REFLECTORB_API TreflectClassDescription {
         REFLECTORB_STRUCT(Operation, name, code, in, out, raises, doc, more)
     };
     /** How the value of an attribute is made up of elements. */
-    enum class Kind : unsigned int { plain, sequence, array };
+    enum class Kind : unsigned int { Plain, Sequence, Array };
     struct Attribute {
         std::string name;
-        Kind kind = Kind::plain;
+        Kind kind = Kind::Plain;
         unsigned int length = 1;  ///< of an array; the most elements of a sequence, 0: any number
         bool writable = false;
         std::string valueClass;         ///< of a value that is a reflective object; else empty
@@ -116,5 +116,5 @@ struct REFLECTORB_API TreflectClassDescription {
 
 template <>
 struct TreflectTypeName<TreflectClassDescription::Kind> {
-    static std::string text() { return "enum Kind{plain, sequence, array}"; }
+    static std::string text() { return "enum Kind{Plain, Sequence, Array}"; }
 };

@@ -92,11 +92,11 @@ struct Permission {
     REFLECTORB_STRUCT(Permission, holder, levels, queue)
 };
 
-enum class When : unsigned int { beforeCalls, afterCalls, creations, deletions };
+enum class When : unsigned int { BeforeCalls, AfterCalls, Creations, Deletions };
 
 /** Somebody observes an object's calls, or the objects of a class. */
 struct Observation {
-    When when = When::beforeCalls;
+    When when = When::BeforeCalls;
     std::string object;  ///< identifier; empty for a class
     unsigned int classId = 0;
     std::string className;  ///< empty when it is not known here, as is the next
@@ -144,7 +144,7 @@ struct LogRecord {
 
 template <>
 struct TreflectTypeName<processobject::When> {
-    static std::string text() { return "enum When{beforeCalls, afterCalls, creations, deletions}"; }
+    static std::string text() { return "enum When{BeforeCalls, AfterCalls, Creations, Deletions}"; }
 };
 
 /**

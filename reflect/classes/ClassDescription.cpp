@@ -66,9 +66,9 @@ Description::Attribute describe(TreflectMetaAttribute const& attribute) {
     Description::Attribute described;
     described.name = attribute.name();
     if (dynamic_cast<TreflectSequenceMetaAttribute const*>(&attribute))
-        described.kind = Description::Kind::sequence;
+        described.kind = Description::Kind::Sequence;
     else if (dynamic_cast<TreflectArrayMetaAttribute const*>(&attribute))
-        described.kind = Description::Kind::array;
+        described.kind = Description::Kind::Array;
     described.length = static_cast<unsigned int>(std::max(0, attribute.constLength()));
     described.writable = attribute.metaOperSet();
     described.valueClass = attribute.typeName();
@@ -125,8 +125,8 @@ std::string lineOf(Description::Operation const& operation) {
 
 std::string lineOf(Description::Attribute const& attribute) {
     std::string line = "attribute " + attribute.name;
-    if (attribute.kind != Description::Kind::plain)
-        line += (attribute.kind == Description::Kind::array ? " array " : " sequence ") +
+    if (attribute.kind != Description::Kind::Plain)
+        line += (attribute.kind == Description::Kind::Array ? " array " : " sequence ") +
                 std::to_string(attribute.length);
     if (attribute.writable)
         line += " writable";
@@ -176,7 +176,7 @@ bool isReadable(Description::Operation const& operation) {
 }
 
 bool isReadable(Description::Attribute const& attribute) {
-    return isName(attribute.name) && attribute.kind <= Description::Kind::array &&
+    return isName(attribute.name) && attribute.kind <= Description::Kind::Array &&
            attribute.length <= TipprmiStream::kAcceptedLength &&
            isText(attribute.valueClass, Description::kLongestName) &&
            attribute.doc.size() <= Description::kLongestText;

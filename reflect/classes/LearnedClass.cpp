@@ -39,9 +39,9 @@ std::vector<TreflectMetaClass::Operation> operationsOf(Description const& descri
 
 TreflectMetaClass::Attribute::Kind kindOf(Description::Kind kind) {
     switch (kind) {
-        case Description::Kind::sequence:
+        case Description::Kind::Sequence:
             return TreflectMetaClass::Attribute::kSequence;
-        case Description::Kind::array:
+        case Description::Kind::Array:
             return TreflectMetaClass::Attribute::kArray;
         default:
             return TreflectMetaClass::Attribute::kPlain;

@@ -102,7 +102,7 @@ private:
     TreflectOrbId const broker_;
     std::size_t const count_;
     std::map<unsigned int, Description const*> byId_;
-    enum class Progress { begun, done };
+    enum class Progress { Begun, Done };
     std::map<unsigned int, Progress> checked_;
     std::map<unsigned int, TreflectMetaClass*> metas_;
     std::vector<LearnedClass*> fresh_;
@@ -123,9 +123,9 @@ std::string Learning::Admission::fault(unsigned int classId) {
 
 /** Bases are checked first, so that what is learned has all of them and is none of its own. */
 std::string Learning::Admission::faultOf(Description const& description) {
-    auto const [progress, isNew] = checked_.emplace(description.id, Progress::begun);
+    auto const [progress, isNew] = checked_.emplace(description.id, Progress::Begun);
     if (!isNew)
-        return progress->second == Progress::done ? "" : "it is a base of itself";
+        return progress->second == Progress::Done ? "" : "it is a base of itself";
     if (std::string const fault = description.fault(); !fault.empty())
         return fault;
     if (std::string const fault = faultOfBases(description); !fault.empty())
@@ -134,7 +134,7 @@ std::string Learning::Admission::faultOf(Description const& description) {
     if (same != learning_.classes_.end() &&
         same->second.meta->described().outline() != description.outline())
         return "its hash is that of another one";
-    progress->second = Progress::done;
+    progress->second = Progress::Done;
     return {};
 }
 

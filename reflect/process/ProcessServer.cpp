@@ -107,8 +107,8 @@ processobject::ServedObject servedObjectOf(TipprmiObjectSkeleton const& object,
 processobject::Observation observationOf(TipprmiObjectSkeleton const& object,
                                          TreflectObservation const& seen) {
     processobject::Observation told;
-    told.when = seen.kind == TreflectObservable::kBeforeCalls ? processobject::When::beforeCalls
-                                                              : processobject::When::afterCalls;
+    told.when = seen.kind == TreflectObservable::kBeforeCalls ? processobject::When::BeforeCalls
+                                                              : processobject::When::AfterCalls;
     told.object = textOf(object.getOID());
     told.classId = seen.classId;
     told.className = nameOfClass(seen.classId);
@@ -352,9 +352,9 @@ std::vector<processobject::Observation> ProcessServer::getObservations() const {
                 told.push_back(observationOf(*object, seen));
         }
         for (BrokerView::ClassObservers const& seen : broker.classObservers()) {
-            addObservers(seen, When::creations, seen.creations, seen.creationSubscribers,
+            addObservers(seen, When::Creations, seen.creations, seen.creationSubscribers,
                          broker.orb(), told);
-            addObservers(seen, When::deletions, seen.deletions, seen.deletionSubscribers,
+            addObservers(seen, When::Deletions, seen.deletions, seen.deletionSubscribers,
                          broker.orb(), told);
         }
     }

@@ -70,7 +70,7 @@ void processobject::brokerPublished(TreflectORB& orb) {
     static bool const asked = isAskedFor();
     if (!asked && !isOfUse)
         return;
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     OSWrap::withMemory([&orb] {
         handlerthreads::assertPermission();
@@ -91,7 +91,7 @@ TreflectProcessObject::TreflectProcessObject() {
 TreflectProcessObject::~TreflectProcessObject() {
     if (BrokerLifecycle::instance().isAbandoned())
         return;
-    OSWrap::DisableCancelStateGuard const notCancelled(true);
+    OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     Publication::instance().remove();
 }

@@ -161,7 +161,7 @@ TEST_F(ProcessObject, TellsWhatItsThreadsWaitForAndWhoObservesWhat) {
                                      Field(&Observation::operation, "setLevel"),
                                      Field(&Observation::observer, "before"),
                                      Field(&Observation::broker, orb().orbId().value()))));
-    EXPECT_THAT(told, Contains(AllOf(Field(&Observation::when, When::creations),
+    EXPECT_THAT(told, Contains(AllOf(Field(&Observation::when, When::Creations),
                                      Field(&Observation::className, "Lamp"),
                                      Field(&Observation::broker, orb().orbId().value()))));
 }
