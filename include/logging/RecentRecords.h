@@ -24,13 +24,13 @@ struct RecentRecord {
 /**
  * Has the last records kept in memory as long as an object of this class lives, besides what the
  * sink does with them: kMostRecords of them, of each text the first kMostCharacters bytes (a longer
- * one ends in "..."). The memory, some 70 KB for all objects together, is taken by the first one;
+ * one ends in "..."). The memory, some 65 KB for all objects together, is taken by the first one;
  * without any, nothing is kept. A resource; any thread. Throws std::bad_alloc without memory.
  */
 class REFLECTORB_API RecentRecords {
 public:
     static constexpr std::size_t kMostRecords = 200;
-    static constexpr std::size_t kMostCharacters = 300;
+    static constexpr std::size_t kMostCharacters = 256;
 
     RecentRecords();
     ~RecentRecords();

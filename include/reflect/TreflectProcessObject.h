@@ -158,7 +158,7 @@ struct TreflectTypeName<processobject::When> {
  * with its first broker and keep it to the end; the thread that makes that broker then waits for
  * the run permission.
  *
- * It keeps the last records of the log (some 70 KB), has no thread, and costs calls nothing. It is
+ * It keeps the last records of the log (some 65 KB), has no thread, and costs calls nothing. It is
  * found by its identifier, or, where the broker is known, by TreflectProcessClient::of; it is not
  * announced. A resource; any thread, better without the run permission.
  */
