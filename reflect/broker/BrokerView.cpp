@@ -28,15 +28,6 @@ std::vector<OngoingRequest::Glimpse> BrokerView::requests() const {
     return orb_->parts_->ongoingRequests_.glimpse();
 }
 
-std::vector<BrokerView::ClassObservers> BrokerView::classObservers() const {
-    std::vector<ClassObservers> all;
-    for (auto const& [classId, record] : orb_->parts_->classes) {
-        TreflectORB::MetaData const& known = record;
-        all.push_back({classId,
-                       known.creations.observers.size(),
-                       known.deletions.observers.size(),
-                       {known.creations.subscribers.begin(), known.creations.subscribers.end()},
-                       {known.deletions.subscribers.begin(), known.deletions.subscribers.end()}});
-    }
-    return all;
+std::vector<ClassRecords::Observers> BrokerView::classObservers() const {
+    return orb_->parts_->classes.observers();
 }

@@ -6,20 +6,12 @@
 #include "reflect/TreflectORB.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/PerformanceCounters.h"
+#include "reflect/notices/ClassRecords.h"
 
 /** What others may see of the inside of a broker of this process, for diagnostics: looks and
  * changes nothing. A value, of use as long as the run permission is kept. */
 class BrokerView {
 public:
-    /** Who observes the objects of a class. */
-    struct ClassObservers {
-        unsigned int classId;
-        std::size_t creations;  ///< observers of this process
-        std::size_t deletions;
-        std::vector<TreflectOrbId> creationSubscribers;  ///< other brokers
-        std::vector<TreflectOrbId> deletionSubscribers;
-    };
-
     /** The brokers that are there, in the order of their namespaces. */
     static std::vector<BrokerView> all();
 
@@ -29,7 +21,7 @@ public:
     /** What has been counted since somebody has last asked for it. */
     PerformanceCounters::Records counters() const OSW_REQUIRES_PERMISSION;
     std::vector<OngoingRequest::Glimpse> requests() const;
-    std::vector<ClassObservers> classObservers() const OSW_REQUIRES_PERMISSION;
+    std::vector<ClassRecords::Observers> classObservers() const OSW_REQUIRES_PERMISSION;
 
 private:
     explicit BrokerView(TreflectORB& orb) : orb_(&orb) {}

@@ -37,6 +37,22 @@ ClassRecords::Totals ClassRecords::totals() const {
     return totals;
 }
 
+std::vector<ClassRecords::Observers> ClassRecords::observers() const {
+    std::vector<Observers> all;
+    for (auto const& entry : records_) {
+        MetaData const& record = entry.second;
+        for (NoticeKind const kind : {NoticeKind::Creation, NoticeKind::Deletion}) {
+            MetaData::Side const& side =
+                kind == NoticeKind::Creation ? record.creations : record.deletions;
+            all.push_back({record.classId,
+                           kind,
+                           side.observers.size(),
+                           {side.subscribers.begin(), side.subscribers.end()}});
+        }
+    }
+    return all;
+}
+
 // ---- Telling observers of this process ---------------------------------------------------------
 
 void ClassRecords::got(NoticeKind kind, unsigned int classId, TreflectObject const& object) {

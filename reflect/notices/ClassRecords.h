@@ -32,6 +32,14 @@ public:
         int remoteCreationObservers, remoteDeletionObservers;
     };
 
+    /** Who observes the objects of a class, of one kind. */
+    struct Observers {
+        unsigned int classId;
+        NoticeKind kind;
+        std::size_t own;                   // observers of this process
+        std::vector<TreflectOrbId> other;  // brokers that subscribed
+    };
+
     /** Of a broker that outlives this. */
     explicit ClassRecords(TreflectORB& orb) : orb_(orb), subscriptions_(orb, *this) {}
     ClassRecords(ClassRecords const&) = delete;
@@ -40,6 +48,7 @@ public:
     /** The record of a class, made when first asked for. */
     MetaData& getMetaData(unsigned int classId) OSW_REQUIRES_PERMISSION;
     Totals totals() const OSW_REQUIRES_PERMISSION;
+    std::vector<Observers> observers() const OSW_REQUIRES_PERMISSION;
     Subscriptions& subscriptions() { return subscriptions_; }
     Subscriptions const& subscriptions() const { return subscriptions_; }
 

@@ -120,20 +120,20 @@ processobject::Observation observationOf(TipprmiObjectSkeleton const& object,
 }
 
 /** Those who observe the objects of a class: of this process, then of other brokers. */
-void addObservers(BrokerView::ClassObservers const& seen, processobject::When when, std::size_t own,
-                  std::vector<TreflectOrbId> const& others, TreflectORB const& orb,
+void addObservers(ClassRecords::Observers const& seen, TreflectORB const& orb,
                   std::vector<processobject::Observation>& told) {
     processobject::Observation one;
-    one.when = when;
+    one.when = seen.kind == NoticeKind::Creation ? processobject::When::Creations
+                                                 : processobject::When::Deletions;
     one.classId = seen.classId;
     one.className = nameOfClass(seen.classId);
-    if (own > 0) {
+    if (seen.own > 0) {
         one.broker = orb.orbId().value();
-        one.observers = static_cast<unsigned int>(own);
+        one.observers = static_cast<unsigned int>(seen.own);
         told.push_back(one);
     }
     one.observers = 1;
-    for (TreflectOrbId const other : others) {
+    for (TreflectOrbId const other : seen.other) {
         one.broker = other.value();
         told.push_back(one);
     }
@@ -341,7 +341,6 @@ processobject::Permission ProcessServer::getPermission() const {
 
 std::vector<processobject::Observation> ProcessServer::getObservations() const {
     handlerthreads::assertPermission();
-    using processobject::When;
     std::vector<processobject::Observation> told;
     for (BrokerView const& broker : BrokerView::all()) {
         for (TipprmiObjectSkeleton const* const object : broker.objects()) {
@@ -351,12 +350,8 @@ std::vector<processobject::Observation> ProcessServer::getObservations() const {
             for (TreflectObservation const& seen : reflective->observations_())
                 told.push_back(observationOf(*object, seen));
         }
-        for (BrokerView::ClassObservers const& seen : broker.classObservers()) {
-            addObservers(seen, When::Creations, seen.creations, seen.creationSubscribers,
-                         broker.orb(), told);
-            addObservers(seen, When::Deletions, seen.deletions, seen.deletionSubscribers,
-                         broker.orb(), told);
-        }
+        for (ClassRecords::Observers const& seen : broker.classObservers())
+            addObservers(seen, broker.orb(), told);
     }
     return told;
 }

@@ -22,12 +22,12 @@
 namespace {
 
 /** The one object of the process, as long as somebody wants it. */
-class Publication {
+class SharedServer {
 public:
     /** Never destroyed, since it may be wanted to the end of the process. */
-    static Publication& instance() {
-        static OSWrap::Immortal<Publication> publication;
-        return *publication;
+    static SharedServer& instance() {
+        static OSWrap::Immortal<SharedServer> server;
+        return *server;
     }
 
     void add() OSW_REQUIRES_PERMISSION {
@@ -74,9 +74,9 @@ void processobject::brokerPublished(TreflectORB& orb) {
     WithPermission const permission;
     OSWrap::withMemory([&orb] {
         handlerthreads::assertPermission();
-        Publication::instance().join(orb);
+        SharedServer::instance().join(orb);
         if (asked)
-            Publication::instance().addForEver();
+            SharedServer::instance().addForEver();
         isOfUse = true;
     });
 }
@@ -84,7 +84,7 @@ void processobject::brokerPublished(TreflectORB& orb) {
 TreflectProcessObject::TreflectProcessObject() {
     TreflectORB::getInstance(NSID_UNIT);
     WithPermission const permission;
-    Publication::instance().add();
+    SharedServer::instance().add();
     isOfUse = true;
 }
 
@@ -93,7 +93,7 @@ TreflectProcessObject::~TreflectProcessObject() {
         return;
     OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
-    Publication::instance().remove();
+    SharedServer::instance().remove();
 }
 
 std::string TreflectProcessObject::identifier() {
