@@ -111,7 +111,7 @@ testsupport::Commands const processCommands{
     {"exit", [](int code) { std::thread([code] { std::exit(code); }).join(); }},
     {"return", [](int code) {
          exitCode = code;
-         return false;
+         return testsupport::End();
      }}};
 
 // ---- Objects and observers ---------------------------------------------------------------------

@@ -3,10 +3,9 @@
 #include <unistd.h>
 
 #include "BrokerTest.h"
-#include "Gauge.h"
-#include "Pump.h"
-#include "ReflectiveActor.h"
-#include "ReflectiveClasses.h"
+#include "PumpObject.h"
+#include "ReflectActor.h"
+#include "Watcher.h"
 
 namespace {
 
@@ -21,12 +20,12 @@ using namespace processobject;
 using testsupport::eventually;
 
 /** A process that publishes its process object by its environment alone. */
-class TellingActor : public testsupport::ActorProgram {
+class TellingActor : public ReflectActor {
 public:
-    TellingActor() : ActorProgram("reflective_actor", {{"REFLECTORB_PROCESS_OBJECT", "1"}}) {}
+    TellingActor() : ReflectActor({{"REFLECTORB_PROCESS_OBJECT", "1"}}) {}
 
     std::string identifier() const {
-        return "process/reflective_actor." + std::to_string(child().pid());
+        return "process/reflect_actor." + std::to_string(child().pid());
     }
 };
 
@@ -57,11 +56,11 @@ protected:
 TEST_F(ProcessObject, TellsWhatTheProcessIsKnowsAndServes) {
     TreflectProcessClient const process = find();
     Identity const identity = process.getIdentity().value();
-    EXPECT_EQ(identity.actor, "reflective_actor");
+    EXPECT_EQ(identity.actor, "reflect_actor");
     EXPECT_EQ(identity.pid, static_cast<unsigned int>(actor_.child().pid()));
     EXPECT_FALSE(identity.user.empty());
     EXPECT_EQ(identity.version.substr(0, 2), "0.");
-    EXPECT_THAT(identity.commandLine, Contains(HasSubstr("reflective_actor")));
+    EXPECT_THAT(identity.commandLine, Contains(HasSubstr("reflect_actor")));
     ASSERT_THAT(identity.brokers, ElementsAre(brokerOf(process).value()));
 
     Usage const usage = process.getUsage().value();
@@ -129,7 +128,7 @@ TEST_F(ProcessObject, TellsWhatItsThreadsWaitForAndWhoObservesWhat) {
     LampObject held("held");
     {
         TreflectReleaseHandlerState const released;
-        actor_.tell("hold held");
+        actor_.tell("setheld held");
         ASSERT_TRUE(held.entered().wait());
     }
     std::vector<Call> calls;
@@ -149,7 +148,7 @@ TEST_F(ProcessObject, TellsWhatItsThreadsWaitForAndWhoObservesWhat) {
     held.release();
     {
         TreflectReleaseHandlerState const released;
-        EXPECT_EQ(actor_.await("held"), "ok");
+        EXPECT_EQ(actor_.await("set"), "0");
     }
     EXPECT_THAT(process.getCalls().value(), IsEmpty());
 
@@ -184,7 +183,7 @@ TEST_F(ProcessObject, ReadsCountersWithoutStartingThemAfresh) {
 }
 
 TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
-    ReflectiveActor plain;
+    ReflectActor plain;
     {
         TreflectReleaseHandlerState const released;
         plain.ask("lamp plain.lamp", "made");
@@ -274,7 +273,7 @@ TEST_F(Learned, ClassIsThatOfEachObjectsOwnProcess) {
 }
 
 TEST_F(Learned, NothingIsLearnedUnlessThatIsWantedAndToldOf) {
-    ReflectiveActor plain;
+    ReflectActor plain;
     {
         TreflectReleaseHandlerState const released;
         plain.ask("pump silent 3", "made");

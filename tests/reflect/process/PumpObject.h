@@ -25,7 +25,8 @@ struct Order {
 class PumpObject final : public TreflectServerObject {
 public:
     PumpObject(std::string const& name, unsigned int variant)
-        : TreflectServerObject(oid(name), nullptr, name), class_(classOf(variant)) {}
+        : TreflectServerObject(TipprmiOID(name, NSID_UNIT), nullptr, name),
+          class_(classOf(variant)) {}
 
     unsigned int getServerClassId() const override { return class_.getClassId(); }
     TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
@@ -51,8 +52,6 @@ public:
     }
 
 private:
-    using Row = TreflectMetaClass::Operation;
-
     static TreflectMetaClass const& classOf(unsigned int variant) {
         static std::map<unsigned int, TreflectMetaClass const*> classes;
         TreflectMetaClass const*& known = classes[variant];
@@ -72,7 +71,7 @@ private:
 
     double getPressure() const { return pressure_; }
     void setPressure(double pressure) { pressure_ = pressure; }
-    TreflectObject getLamp() const { return TreflectObject(oid("actor.lamp")); }
+    TreflectObject getLamp() const { return TreflectObject(TipprmiOID("actor.lamp", NSID_UNIT)); }
     std::string getUnit() const { return "bar"; }
     std::string start(pump::Order const& order) {
         std::string text = std::to_string(order.rate);
