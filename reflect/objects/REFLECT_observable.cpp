@@ -112,8 +112,8 @@ std::vector<TreflectObservation> TreflectObservable::observations_() const {
             (kind == kBeforeCalls ? preObservers_ : postObservers_).get();
         if (!observers)
             continue;
-        for (auto const& [key, client] : *observers)
-            all.push_back({kind, key.first, key.second, &client});
+        for (auto const& [key, registration] : *observers)
+            all.push_back({kind, key.first, key.second, &registration.client});
     }
     return all;
 }

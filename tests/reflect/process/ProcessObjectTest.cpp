@@ -22,7 +22,7 @@ using testsupport::eventually;
 /** A process that publishes its process object by its environment alone. */
 class TellingActor : public ReflectActor {
 public:
-    TellingActor() : ReflectActor({{"REFLECTORB_PROCESS_OBJECT", "1"}}) {}
+    TellingActor() : ReflectActor(Environment{{"REFLECTORB_PROCESS_OBJECT", "1"}}) {}
 
     std::string identifier() const {
         return "process/reflect_actor." + std::to_string(child().pid());
