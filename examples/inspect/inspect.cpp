@@ -31,8 +31,9 @@ bool perform(Options const& options) {
         return false;
     if (!object.meta())
         return complain("the class of \"" + options.object + "\" is unknown here") ||
-               complain("its process tells what it is with REFLECTORB_PROCESS_OBJECT=1 in its "
-                        "environment");
+               complain(
+                   "its process tells what it is with REFLECTORB_PROCESS_OBJECT=1 in its "
+                   "environment");
     switch (options.action) {
         case Options::Action::kTree:
             printTree(object);

@@ -246,8 +246,8 @@ private:
 
     explicit TreflectORB(NamespaceId const& ns);
     void deliverResponse_(TreflectMessage const& response);
-    /** Whether a shortage of memory or threads is waited for a little: what has been queued may have
-     * nobody else to serve it. */
+    /** Whether a shortage of memory or threads is waited for a little: what has been queued may
+     * have nobody else to serve it. */
     enum class Patience { None, Some };
     /** Starts a worker that the message queue has counted already. */
     void startCountedWorker_(Patience patience);
