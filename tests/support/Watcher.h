@@ -21,7 +21,8 @@ public:
     ~Watcher() override { *alive_ = false; }
 
     bool update() override {
-        char const* const name = getSource()->getStub_()->getOID().getIdString();
+        TipprmiOID const object = getSource()->getStub_()->getOID();
+        char const* const name = object.getIdString();
         told.emplace_back(name ? name : "?");
         values.clear();
         for (unsigned int i = 0, number = 0; argument(i, number); ++i)
