@@ -25,9 +25,7 @@ public:
     using Reaction = std::function<void(Notice const&)>;
 
     explicit BrokerListener(Reaction reaction = {}) : reaction_(std::move(reaction)) {}
-    ~BrokerListener() override {
-        TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this);
-    }
+    ~BrokerListener() override { leave(); }
 
     void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
         EXPECT_TRUE(TreflectORB::hasRunPermission());
@@ -59,6 +57,10 @@ public:
             [&] { return signs(broker).find(sign) != std::string::npos; });
     }
 
+protected:
+    /** Ends its notices: none is under way afterwards. */
+    void leave() { TreflectORB::getInstance(NSID_UNIT)->unregisterOrbNotifications(this); }
+
 private:
     Reaction const reaction_;
     std::vector<Notice> notices_;  // guarded by the run permission
@@ -68,5 +70,7 @@ private:
 class ArrivalWatch : public BrokerListener {
 public:
     explicit ArrivalWatch(TreflectORB& orb) { orb.registerOrbCreation(this, false); }
+    /** Nobody calls it any more when it becomes its base. */
+    ~ArrivalWatch() override { leave(); }
     bool await(Transport::TerminationId broker) { return waitFor(broker, kAppear); }
 };

@@ -77,10 +77,12 @@ TEST_F(NoticeOverlapTest, whoRegistersInsideTheNoticeOfACreationIsToldOfItOnce) 
     for (bool const remote : {false, true}) {
         Watcher& second = watcher();
         Watcher& first = creations();
-        first.react = [&] {
-            observe(second, true);
-            observe(first, true);
-        };
+        permitted([&] {
+            first.react = [&] {
+                observe(second, true);
+                observe(first, true);
+            };
+        });
         std::string const name = remote ? "far" : "near";
         if (remote) {
             ReflectActor publisher;

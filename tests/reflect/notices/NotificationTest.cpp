@@ -13,12 +13,14 @@ TEST_F(NotificationTest, objectsOfOtherProcessesAreToldOfWithTheirHandle) {
     std::vector<unsigned int> ioids;
     Names answers;
     Watcher& created = creations();
-    created.react = [&] {
-        ioids.push_back(created.getSource()->getStub_()->getInternalOID());
-        answers.push_back(created.getSource()->getRelName());  // of the process that waits for us
-    };
     Watcher& deleted = deletions();
-    deleted.react = [&] { ioids.push_back(deleted.getSource()->getStub_()->getInternalOID()); };
+    permitted([&] {
+        created.react = [&] {
+            ioids.push_back(created.getSource()->getStub_()->getInternalOID());
+            answers.push_back(created.getSource()->getRelName());  // of who waits for us
+        };
+        deleted.react = [&] { ioids.push_back(deleted.getSource()->getStub_()->getInternalOID()); };
+    });
     auto const lamp = publisher.create("lamp", "7001");
     EXPECT_EQ(told(created), Names{"lamp"}) << "known when the publisher goes on";
     EXPECT_EQ(told(deleted), Names{});
