@@ -53,6 +53,10 @@ Ring& ring() {
     return *ring;
 }
 
+Slot& slotOf(Slots& slots, std::uint64_t number) {
+    return slots[static_cast<std::size_t>(number % RecentRecords::kMostRecords)];
+}
+
 RecentRecord recordOf(Slot const& slot, std::uint64_t number) {
     return {number, slot.level, slot.time, slot.thread, slot.source, slot.line, slot.text};
 }
@@ -64,7 +68,7 @@ void keepRecord(Record const& record) {
     OSWrap::Lock<> const lock(kept.mutex);
     if (!kept.slots)
         return;
-    Slot& slot = (*kept.slots)[++kept.last % RecentRecords::kMostRecords];
+    Slot& slot = slotOf(*kept.slots, ++kept.last);
     slot.level = record.level;
     slot.line = record.line;
     slot.time = record.time;
@@ -104,7 +108,7 @@ std::vector<RecentRecord> RecentRecords::after(std::uint64_t after) {
     std::uint64_t number = kept.last >= kMostRecords ? kept.last - kMostRecords + 1 : 1;
     number = std::max({number, kept.first, after < kept.last ? after + 1 : kept.last + 1});
     for (; number <= kept.last; ++number)
-        records.push_back(recordOf((*kept.slots)[number % kMostRecords], number));
+        records.push_back(recordOf(slotOf(*kept.slots, number), number));
     return records;
 }
 
