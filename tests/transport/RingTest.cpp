@@ -3,6 +3,8 @@
 
 #include <cstring>
 #include <optional>
+#include <random>
+#include <vector>
 
 #include "AllocationCount.h"
 #include "platform/transport/local/Bell.h"
@@ -148,6 +150,24 @@ TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
     ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
     ASSERT_EQ(back.count(), 1u);
     EXPECT_EQ(back.pop().size(), 200u);
+}
+
+TEST(FrameStartsTest, AFrameLeavesNothingOfThoseThatLayThereBefore) {
+    constexpr std::uint32_t kPlaces = kSmallestRing / 8;
+    FrameStarts starts(kSmallestRing);
+    std::vector<bool> expected(kPlaces);
+    std::minstd_rand random(1);
+    std::uint32_t position = 0u - 3 * kSmallestRing;
+    for (int frame = 0; frame < 3000; ++frame) {
+        std::uint32_t const most = frame % 3 == 0 ? kPlaces : 40;
+        std::uint32_t const places = 1 + static_cast<std::uint32_t>(random()) % most;
+        for (std::uint32_t i = 0; i < places; ++i)
+            expected[(position / 8 + i) % kPlaces] = i == 0;
+        starts.note(position, 8 * places);
+        for (std::uint32_t place = 0; place < kPlaces; ++place)
+            ASSERT_EQ(starts.at(8 * place), expected[place]) << "frame " << frame;
+        position += 8 * places;
+    }
 }
 
 TEST(SealedFileTest, OnlyASealedFileOfTheRightSizeIsAccepted) {

@@ -44,12 +44,19 @@ void FrameStarts::note(std::uint32_t position, std::uint32_t bytes) {
     words_[(index & mask_) / 32] |= 1u << index % 32;
 }
 
+/** A large frame covers many words, which are cleared all at once. */
 void FrameStarts::clear(std::uint32_t index, std::uint32_t count) {
     while (count != 0) {
-        std::uint32_t const bit = index % 32;
-        std::uint32_t const taken = std::min(count, 32 - bit);
-        std::uint32_t const bits = ~0u >> (32 - taken) << bit;
-        words_[(index & mask_) / 32] &= ~bits;
+        std::uint32_t const first = index & mask_;
+        std::uint32_t const bit = first % 32;
+        std::uint32_t taken = std::min(count, 32 - bit);
+        if (taken == 32) {
+            std::uint32_t const words = std::min(count, mask_ + 1 - first) / 32;
+            std::fill_n(&words_[first / 32], words, 0u);
+            taken = 32 * words;
+        } else {
+            words_[first / 32] &= ~(~0u >> (32 - taken) << bit);
+        }
         index += taken;
         count -= taken;
     }
