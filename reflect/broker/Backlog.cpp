@@ -5,69 +5,65 @@
 #include <new>
 #include <utility>
 
+#include "oswrap/Clock.h"
+
 namespace {
 
-// A load: the messages in the upper bits, their bytes in the lower ones, so that both change at
-// once. Neither comes near its end: the bytes are less than 2^40 by the largest bounds.
-constexpr unsigned int kMessageShift = 40;
-constexpr std::uint64_t kOneMessage = std::uint64_t{1} << kMessageShift;
 /** What a message takes beside its bytes. */
 constexpr std::size_t kHeadSize = 64;
 constexpr std::uint64_t kKibibyte = 1024;
-/** A sender is held back when more of its messages wait, however many may: what others send waits
- * behind them. Many more than a receiving thread takes at a time, so that who serves them does not
- * run out of them meanwhile. */
-constexpr std::uint64_t kMuch = 512;
+/** Nanoseconds for which what others send may wait behind what quick senders have sent. */
+constexpr double kSoon = 5e6;
 
 }  // namespace
 
-Backlog::Amount Backlog::amountOf(std::uint64_t load) {
-    return {load & (kOneMessage - 1), load >> kMessageShift};
-}
-
-std::uint64_t Backlog::loadOf(std::size_t size) {
-    return kOneMessage + size + kHeadSize;
-}
-
 /** What one sender may have waiting now. */
 Backlog::Amount Backlog::allowed() const {
-    Amount const used = amountOf(total_.load());
     auto const rest = [](std::uint64_t most, std::uint64_t taken) {
         return most > taken ? most - taken : 0;
     };
     return {std::min(static_cast<std::uint64_t>(most_.senderKibibytes) * kKibibyte,
-                     rest(static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte, used.bytes)),
+                     rest(static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte, total_.bytes)),
             std::min(static_cast<std::uint64_t>(most_.senderMessages),
-                     rest(static_cast<std::uint64_t>(most_.messages), used.messages))};
+                     rest(static_cast<std::uint64_t>(most_.messages), total_.messages))};
 }
 
 /** A first message may be larger than what one sender may have, as long as it leaves as much. */
-bool Backlog::fits(Amount share, Amount more) const {
-    Amount const used = amountOf(total_.load());
-    if (used.messages == 0)
+bool Backlog::fits(Amount const& share, std::uint64_t bytes) const {
+    if (total_.messages == 0)
         return true;
     Amount const most = allowed();
     std::uint64_t const all = static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte;
-    bool const leavesAsMuch = used.bytes + 2 * more.bytes <= all;
+    bool const leavesAsMuch = total_.bytes + 2 * bytes <= all;
     bool const bytesFit =
-        share.messages == 0 ? leavesAsMuch : share.bytes + more.bytes <= most.bytes && leavesAsMuch;
+        share.messages == 0 ? leavesAsMuch : share.bytes + bytes <= most.bytes && leavesAsMuch;
     return bytesFit && share.messages + 1 <= most.messages;
 }
 
 Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size) {
-    std::uint64_t const load = loadOf(size);
+    std::uint64_t const bytes = size + kHeadSize;
     Share* const share = shareOf(sender);
-    if (!share || !fits(amountOf(share->load_.load()), amountOf(load)))
+    if (!share || !fits(share->waiting_, bytes))
         return nullptr;
-    share->load_.fetch_add(load);
-    total_.fetch_add(load);
+    for (Amount* const amount : {&share->waiting_, &total_}) {
+        amount->bytes += bytes;
+        ++amount->messages;
+    }
     return share;
 }
 
-bool Backlog::Share::release(std::size_t size) {
-    std::uint64_t const load = loadOf(size);
-    total_.fetch_sub(load);
-    return amountOf(load_.fetch_sub(load) - load).messages <= kMuch / 2;
+bool Backlog::release(Share& share, std::size_t size) {
+    for (Amount* const amount : {&share.waiting_, &total_}) {
+        amount->bytes -= size + kHeadSize;
+        --amount->messages;
+    }
+    ++served_;
+    if (share.waiting_.messages == 0)
+        share.enough_ = kLeastEnough;
+    if (!share.heldBack_ || !isLittle(share))
+        return false;
+    letGo(share);
+    return true;
 }
 
 Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
@@ -77,7 +73,7 @@ Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
     if (found == shares_.end()) {
         forgetIdle();
         try {
-            found = shares_.try_emplace(sender, total_).first;
+            found = shares_.try_emplace(sender).first;
         } catch (std::bad_alloc const&) {
             return nullptr;
         }
@@ -89,31 +85,47 @@ Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
 
 /** Each sender that stays costs one look for each that comes. */
 void Backlog::forgetIdle() {
-    if (shares_.size() < enough_)
+    if (shares_.size() < manyShares_)
         return;
     last_ = nullptr;
     for (auto entry = shares_.begin(); entry != shares_.end();)
-        entry = entry->second.load_.load() == 0 && !entry->second.heldBack_ ? shares_.erase(entry)
-                                                                            : std::next(entry);
-    enough_ = std::max<std::size_t>(64, 2 * shares_.size());
+        entry = entry->second.waiting_.messages == 0 && !entry->second.heldBack_
+                    ? shares_.erase(entry)
+                    : std::next(entry);
+    manyShares_ = std::max<std::size_t>(64, 2 * shares_.size());
 }
 
-bool Backlog::isMuch(Share const& share) const {
-    Amount const waiting = amountOf(share.load_.load());
+bool Backlog::isMuch(Share& share) {
+    Amount const& waiting = share.waiting_;
     Amount const most = allowed();
-    return waiting.bytes > most.bytes / 2 || waiting.messages > std::min(most.messages / 2, kMuch);
+    if (waiting.bytes > most.bytes / 2 || waiting.messages > most.messages / 2)
+        return true;
+    if (waiting.messages <= share.enough_)
+        return false;
+    if (!isServedSoon())
+        return true;
+    share.enough_ += kLeastEnough;
+    return false;
+}
+
+bool Backlog::isServedSoon() {
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    auto const elapsed = static_cast<double>(now - std::exchange(askedAt_, now));
+    auto const served = static_cast<double>(std::exchange(served_, 0));
+    return elapsed * static_cast<double>(total_.messages) <= kSoon * served;
 }
 
 bool Backlog::isLittle(Share const& share) const {
-    Amount const waiting = amountOf(share.load_.load());
+    Amount const& waiting = share.waiting_;
     Amount const most = allowed();
-    return waiting.messages == 0 || (waiting.bytes <= most.bytes / 4 &&
-                                     waiting.messages <= std::min(most.messages / 4, kMuch / 2));
+    return waiting.messages == 0 ||
+           (waiting.bytes <= most.bytes / 4 &&
+            waiting.messages <= std::min(most.messages / 4, share.enough_ / 2));
 }
 
 bool Backlog::holdBack(Transport::TerminationId sender) {
     auto const found = shares_.find(sender);
-    if (found == shares_.end() || found->second.load_.load() == 0)
+    if (found == shares_.end() || found->second.waiting_.messages == 0)
         return false;
     if (!std::exchange(found->second.heldBack_, true))
         ++heldBack_;
@@ -126,7 +138,11 @@ Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
         return Mark::None;
     if (when == When::Little && !isLittle(found->second))
         return Mark::Stays;
-    found->second.heldBack_ = false;
-    --heldBack_;
+    letGo(found->second);
     return Mark::Taken;
+}
+
+void Backlog::letGo(Share& share) {
+    share.heldBack_ = false;
+    --heldBack_;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <unordered_map>
@@ -13,27 +12,31 @@
  * wait: as much as the bound for one sender allows, but never more than what is still free for all.
  * So those who send much share the room between them, and who sends little always finds some.
  *
+ * What others send waits behind what a sender has sent, so it is to be held back before its bound:
+ * beyond a few hundred messages as soon as what waits takes long to serve, by the pace so far, and
+ * at half of the bound at the latest.
+ *
  * A message waits from its arrival until a worker begins to serve it: what is being served may wait
  * for a sender in its turn, but what waits goes on by itself.
  *
- * Everything but `Share::release` runs under the mutex of the queue that owns the backlog.
+ * Everything runs under the mutex of the queue that owns the backlog.
  */
 class Backlog {
 public:
+    struct Amount {
+        std::uint64_t bytes = 0;
+        std::uint64_t messages = 0;
+    };
+    /** However slowly they are served: many more than a receiving thread takes at a time, so that
+     * who serves them does not run out of them meanwhile. */
+    static constexpr std::uint64_t kLeastEnough = 512;
+
     /** What waits of one sender. Stays where it is as long as something waits. */
     class Share {
-    public:
-        explicit Share(std::atomic<std::uint64_t>& total) : total_(total) {}
-
-        /** Takes a message of `size` bytes out; false when so much is left that the sender, if it
-         * is held back, stays so. Any thread, without a lock; the share may be gone afterwards. */
-        bool release(std::size_t size);
-
-    private:
         friend Backlog;
 
-        std::atomic<std::uint64_t>& total_;
-        std::atomic<std::uint64_t> load_{0};
+        Amount waiting_;
+        std::uint64_t enough_ = kLeastEnough;  // messages, before it is to be held back
         bool heldBack_ = false;
     };
 
@@ -41,8 +44,11 @@ public:
 
     /** Enters a message of `size` bytes; null when it is too much, or memory has run out. */
     Share* admit(Transport::TerminationId sender, std::size_t size);
+    /** Takes a message of `size` bytes out. True when so little is left that the sender, which was
+     * marked as held back, may go on: its mark is taken away. The share may be gone afterwards. */
+    bool release(Share& share, std::size_t size);
     /** Whether so much of a sender waits that it is to be held back. */
-    bool isMuch(Share const& share) const;
+    bool isMuch(Share& share);
     /** Marks a sender as held back; false when nothing of it waits. */
     bool holdBack(Transport::TerminationId sender);
     enum class When { Little, Anyway };
@@ -53,23 +59,22 @@ public:
     bool holdsBack() const { return heldBack_ != 0; }
 
 private:
-    struct Amount {
-        std::uint64_t bytes;
-        std::uint64_t messages;
-    };
-    static Amount amountOf(std::uint64_t load);
-    static std::uint64_t loadOf(std::size_t size);
-    bool fits(Amount share, Amount more) const;
+    bool fits(Amount const& share, std::uint64_t bytes) const;
     Amount allowed() const;
     Share* shareOf(Transport::TerminationId sender);
     bool isLittle(Share const& share) const;
+    bool isServedSoon();
+    void letGo(Share& share);
     void forgetIdle();
 
     Transport::Backlog const most_;
-    std::atomic<std::uint64_t> total_{0};
+    Amount total_;
+    // The pace: what has been served since somebody asked for it.
+    std::uint64_t served_ = 0;
+    long long askedAt_ = 0;  // nanoseconds of the monotonic clock
     unsigned int heldBack_ = 0;
     std::unordered_map<Transport::TerminationId, Share> shares_;
-    std::size_t enough_ = 64;  // shares, before idle ones are forgotten
+    std::size_t manyShares_ = 64;  // so many, before idle ones are forgotten
     // The sender that was asked for last.
     Transport::TerminationId lastSender_;
     Share* last_ = nullptr;

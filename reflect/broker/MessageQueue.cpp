@@ -22,6 +22,7 @@ void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlo
     Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
     cell.message = message;
     cell.share = share;
+    cell.letsGo = false;
     cell.note = note;
     ++size_;
 }
@@ -71,11 +72,17 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
 }
 
 Transport::TerminationId MessageQueue::begin(Taken& taken) {
-    Transport::TerminationId const sender = taken.message.originator();
-    Backlog::Share* const share = std::exchange(taken.share, nullptr);
-    bool const goesOn = share && share->release(taken.message.size()) && holdsBack() &&
-                        letGo(sender, Backlog::When::Little) == Backlog::Mark::Taken;
-    return goesOn ? sender : Transport::TerminationId();
+    if (taken.share) {
+        QueueLock const lock(changed_);
+        release(taken);
+    }
+    return taken.letsGo ? taken.message.originator() : Transport::TerminationId();
+}
+
+void MessageQueue::release(Taken& taken) {
+    taken.letsGo = backlog_.release(*std::exchange(taken.share, nullptr), taken.message.size());
+    if (taken.letsGo)
+        holdsBack_.store(backlog_.holdsBack());
 }
 
 bool MessageQueue::holdBack(Transport::TerminationId sender) {
@@ -132,7 +139,8 @@ bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
  * result whether to signal an idle one after unlocking. */
 bool MessageQueue::takeFront(Taker& taker, Need& need) {
     taker.taken = messages_.pop();
-    taker.lineUp();
+    if (taker.lineUp())
+        release(taker.taken);
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
         return false;

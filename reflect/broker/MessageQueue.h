@@ -29,18 +29,20 @@ public:
     enum class Need { Nothing, Worker };
     enum class Turn { Serve, End };
     enum class Fate { Kept, TooMuch };
-    /** A message that a worker has taken. Waits until `begin`. */
+    /** A message that a worker has taken. */
     struct Taken {
         Transport::AddressedMessage message;
         Backlog::Share* share = nullptr;  // null: waits no more
+        bool letsGo = false;              // its sender, which was held back, may go on now
         unsigned int note = 0;            // of who queued it
     };
     /** A worker that takes messages, as the queue sees it. */
     class Taker {
     public:
         /** Lines up to serve what has just been taken, with the queue's mutex still held: so
-         * messages are served in the order in which they are taken. Must not wait. */
-        virtual void lineUp() = 0;
+         * messages are served in the order in which they are taken. Must not wait. True when the
+         * worker serves at once: then what it has taken waits no more. */
+        virtual bool lineUp() = 0;
 
         Taken taken;
 
@@ -73,8 +75,8 @@ public:
      * else false, and nothing has changed. */
     bool nextAtOnce(Taker& taker, Need& need);
 
-    /** A worker begins to serve what it has taken. Answers a sender that was held back and may go
-     * on now, or none. */
+    /** A worker begins to serve what it has taken, which waits no more. Answers a sender that was
+     * held back and may go on now, or none. */
     Transport::TerminationId begin(Taken& taken);
     /** Marks a sender as held back, so that `begin` tells when it may go on; false when nothing of
      * it waits. */
@@ -122,6 +124,7 @@ private:
 
     bool mayGoOn() OSW_REQUIRES(changed_);
     bool takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
+    void release(Taken& taken) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);

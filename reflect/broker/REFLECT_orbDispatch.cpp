@@ -21,7 +21,10 @@ public:
     void swap(TurnExchange& other) override {
         std::swap(taken, static_cast<WorkerTurn&>(other).taken);
     }
-    void lineUp() override { mine_ = TreflectORB::handlerThreads().enterQueue(*entry_); }
+    bool lineUp() override {
+        mine_ = TreflectORB::handlerThreads().enterQueue(*entry_);
+        return mine_;
+    }
     /** Whether lining up has given the worker the permission, or left it with it. */
     bool mine() const { return mine_; }
     /** Waits for the permission unless it is. */
