@@ -85,6 +85,7 @@ std::vector<Form> const& forms() {
     static unsigned int const inHostOrder = 0x04010203;
     static std::string const termination = wire::hex(&inHostOrder, sizeof inHostOrder);
     static std::vector<Form> const all{
+        form<unsigned int>("00000001", 1u),
         form<unsigned int>("FEDCBA98", 0xFEDCBA98u),
         form<bool>("00000001", true),
         form<bool>("00000000", false),
@@ -96,6 +97,7 @@ std::vector<Form> const& forms() {
         form<std::int16_t>("FFFF8000", -32768),
         form<std::uint16_t>("0000FFFF", 65535),
         form<std::int32_t>("80000000", INT_MIN),
+        form<std::int32_t>("FFFFFFFE", -2),
         form<std::int64_t>("FFFFFFFF FFFFFFFE", -2),
         form<std::uint64_t>("01234567 89ABCDEF", 0x0123456789ABCDEFu),
         form<float>("C0200000", -2.5f),
