@@ -127,7 +127,8 @@ private:
 /**
  * Goes through an encoded value and those within it. `Reader`, which is derived from it, does what
  * is to be done: with a value in `content`, with those within it in `elements`, `entries`, `parts`
- * and `alternative`, which call `value` for each.
+ * and `alternative`, which call `value` for each. Who looks at two types at once gets the node of
+ * the other as well, as he gave it to `value`.
  */
 template <class Reader>
 class TreflectParameterType::Walk {
@@ -135,36 +136,38 @@ public:
     Walk(Shape const& shape, ParameterBytes& bytes) : shape_(shape), bytes_(bytes) {}
 
     /** The value whose type begins at the node `at`. */
-    void value(unsigned int at) {
+    template <class... Other>
+    void value(unsigned int at, Other... other) {
         if (++level_ > kMaxValueDepth)
             bytes_.fail();
         else
-            reader().content(shape_.resolve(at));
+            reader().content(shape_.resolve(at), other...);
         --level_;
     }
 
 protected:
     /** A value that holds others; false when it is another one, which is still to be read. */
-    bool container(unsigned int at) {
+    template <class... Other>
+    bool container(unsigned int at, Other... other) {
         Node const& node = shape_.nodes[at];
         switch (node.kind) {
             case Kind::kSequence:
-                reader().elements(at + 1, bytes_.number());
+                reader().elements(at + 1, bytes_.number(), other...);
                 return true;
             case Kind::kOptional:
-                reader().elements(at + 1, atMostOne());
+                reader().elements(at + 1, atMostOne(), other...);
                 return true;
             case Kind::kArray:
-                reader().elements(at + 1, node.number);
+                reader().elements(at + 1, node.number, other...);
                 return true;
             case Kind::kMap:
-                reader().entries(at);
+                reader().entries(at, other...);
                 return true;
             case Kind::kStruct:
-                reader().parts(at);
+                reader().parts(at, other...);
                 return true;
             case Kind::kUnion:
-                reader().alternative(at);
+                reader().alternative(at, other...);
                 return true;
             default:
                 return false;

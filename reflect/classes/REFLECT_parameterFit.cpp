@@ -143,81 +143,59 @@ TreflectParameterType::Fit TreflectParameterType::fitInto(
 }
 
 /** Passes one value of a type, looking whether it is one of another type of the same form. */
-class TreflectParameterType::Conversion {
+class TreflectParameterType::Conversion : public Walk<Conversion> {
 public:
     Conversion(Shape const& from, Shape const& to, ParameterBytes& bytes)
-        : from_(from), to_(to), bytes_(bytes) {}
-
-    /** Stops reading at a value that is none. */
-    void value(unsigned int a, unsigned int b) {
-        if (++level_ > kMaxValueDepth)
-            bytes_.fail();
-        else
-            content(Comparison::withoutWrapping(from_, a), Comparison::withoutWrapping(to_, b));
-        --level_;
-    }
+        : Walk(from, bytes), to_(to) {}
 
 private:
-    /** The members of a struct, or the elements of an array, one after the other. */
+    friend class Walk;
+
+    /** The types of the members of a struct or a map, one after the other; that of the elements of
+     * anything else again and again. */
     class Members {
     public:
         Members(Shape const& shape, unsigned int whole)
-            : shape_(shape),
-              isArray_(shape.nodes[whole].kind == Kind::kArray),
-              at_(whole + 1),
-              end_(shape.nodes[whole].end),
-              left_(shape.nodes[whole].number) {}
+            : shape_(shape), kind_(shape.nodes[whole].kind), at_(whole + 1) {}
 
-        bool areLeft() const { return isArray_ ? left_ > 0 : at_ < end_; }
         unsigned int next() {
-            if (!isArray_)
-                return std::exchange(at_, shape_.nodes[at_].end);
-            --left_;
-            return at_;
+            bool const differ = kind_ == Kind::kStruct || kind_ == Kind::kMap;
+            return differ ? std::exchange(at_, shape_.nodes[at_].end) : at_;
         }
 
     private:
         Shape const& shape_;
-        bool const isArray_;
+        Kind const kind_;
         unsigned int at_;
-        unsigned int const end_;
-        std::uint32_t left_;
     };
 
     void content(unsigned int a, unsigned int b) {
-        Kind const from = from_.nodes[a].kind;
-        switch (from) {
-            case Kind::kSequence:
-            case Kind::kOptional:
-                for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
-                    value(a + 1, b + 1);
-                break;
-            case Kind::kMap:
-                for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
-                    members(a, b);
-                break;
-            case Kind::kArray:
-            case Kind::kStruct:
-                members(a, b);
-                break;
-            case Kind::kUnion:
-                alternative(a, b);
-                break;
-            default:
-                plain(a, to_.nodes[b].kind);
-        }
+        a = Comparison::withoutWrapping(shape_, a);
+        b = Comparison::withoutWrapping(to_, b);
+        if (!container(a, b))
+            plain(a, to_.nodes[b].kind);
     }
 
-    void members(unsigned int a, unsigned int b) {
-        Members from(from_, a);
+    void elements(unsigned int element, std::uint32_t count, unsigned int b) {
+        for (Members to(to_, b); count > 0 && bytes_.complete(); --count)
+            value(element, to.next());
+    }
+
+    void entries(unsigned int a, unsigned int b) {
+        for (std::uint32_t left = bytes_.number(); left > 0 && bytes_.complete(); --left)
+            parts(a, b);
+    }
+
+    void parts(unsigned int a, unsigned int b) {
         Members to(to_, b);
-        while (from.areLeft() && to.areLeft() && bytes_.complete())
-            value(from.next(), to.next());
+        for (unsigned int part = a + 1; part < shape_.nodes[a].end && bytes_.complete();
+             part = shape_.nodes[part].end)
+            value(part, to.next());
     }
 
     void alternative(unsigned int a, unsigned int b) {
         std::uint32_t const place = bytes_.number();
-        unsigned int const from = from_.partOf(a, place);
+        unsigned int const from = shape_.partOf(a, place);
         unsigned int const to = to_.partOf(b, place);
         if (from == 0 || to == 0)
             bytes_.fail();
@@ -226,13 +204,13 @@ private:
     }
 
     void plain(unsigned int a, Kind to) {
-        Kind const from = from_.nodes[a].kind;
+        Kind const from = shape_.nodes[a].kind;
         if (Comparison::formOf(from) == Kind::kInt)
             number(from, to);
         else if (Comparison::formOf(from) == Kind::kInt64)
             longNumber(from != to);
         else
-            Measure(from_, bytes_, ParameterCheck::kAsReaders).value(a);
+            Measure(shape_, bytes_, ParameterCheck::kAsReaders).value(a);
     }
 
     void number(Kind from, Kind to) {
@@ -255,10 +233,7 @@ private:
             bytes_.take(8);
     }
 
-    Shape const& from_;
     Shape const& to_;
-    ParameterBytes& bytes_;
-    int level_ = 0;
 };
 
 bool TreflectParameterType::isWithin(TreflectParameterType const& other, unsigned char const* bytes,

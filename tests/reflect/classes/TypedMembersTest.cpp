@@ -43,7 +43,13 @@ TipprmiStream& operator>>(TipprmiStream& stream, Nameless& value) {
     return stream >> value.bits;
 }
 
-/** Is not what its name says: the elements are longer than what comes. */
+/** Is not what its name says: an optional has one value at most. */
+struct Couple {};
+TipprmiStream& operator<<(TipprmiStream& stream, Couple const&) {
+    return stream << 2u << 1u << 1u;
+}
+
+/** Nor is this: the elements are longer than what comes. */
 struct Liar {};
 TipprmiStream& operator<<(TipprmiStream& stream, Liar const&) {
     return stream << 3u << 1u << 2u << 0xFFFFFFFFu;
@@ -57,6 +63,10 @@ TipprmiStream& operator>>(TipprmiStream& stream, Liar&) {
 template <>
 struct TreflectTypeName<Liar> {
     static std::string text() { return "sequence<string>"; }
+};
+template <>
+struct TreflectTypeName<Couple> {
+    static std::string text() { return "optional<int>"; }
 };
 template <>
 struct TreflectTypeName<Celsius> {
@@ -82,6 +92,7 @@ public:
     std::map<std::string, std::vector<Pair>> pairs{{"x", {{1, 200}}}};
     TipprmiSequence<TreflectObject, 0u> crowd;
     Liar lies;
+    std::optional<unsigned int> spare;
     int calls = 0;
 
     template <auto Field>
@@ -113,8 +124,8 @@ public:
                         value<&S::steps>("Steps", 16), value<&S::range>("Range", 18),
                         value<&S::words>("Words", 20), value<&S::pairs>("Pairs", 22),
                         value<&S::crowd>("Crowd", 24), value<&S::lies>("Lies", 26),
-                        op<&S::add>("add", 40), op<&S::pass>("pass", 41),
-                        op<&S::reset>("reset", 42));
+                        value<&S::spare>("Spare", 28), op<&S::add>("add", 40),
+                        op<&S::pass>("pass", 41), op<&S::reset>("reset", 42));
     }
 };
 
@@ -166,6 +177,9 @@ TEST_F(TypedMembers, TakeNumbersThatLieInTheirRange) {
     EXPECT_EQ(0, attribute("Steps").set(std::vector<int>{1, 2}));
     expectMismatch(attribute("Steps"), std::vector<int>{1, -2},
                    "sequence<unsigned>\", out of whose range is \"sequence<int>\"");
+    EXPECT_EQ(0, attribute("Spare").set(std::optional<int>(1)));
+    expectMismatch(attribute("Spare"), Couple(),
+                   "optional<unsigned>\", out of whose range is \"optional<int>\"");
 
     std::map<std::string, std::vector<WidePair>> pairs{{"a", {}}, {"b", {{1, 2}, {3, 4}}}};
     EXPECT_EQ(0, attribute("Pairs").set(pairs));
