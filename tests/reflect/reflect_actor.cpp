@@ -131,6 +131,12 @@ Watcher& observer(Name const& name) {
     return *made;
 }
 
+bool isHeld(Name const& name, std::chrono::milliseconds limit) {
+    testsupport::Gate& entered = lamps.at(name)->entered();
+    TreflectReleaseHandlerState const released;
+    return entered.wait(limit);
+}
+
 TreflectMetaObject& classOf(Name const& hexadecimal) {
     return thingClass(static_cast<unsigned int>(std::stoul(hexadecimal, nullptr, 16)));
 }
@@ -183,13 +189,12 @@ testsupport::Commands const objectCommands{
      }},
     {"pings", [](Name name) { return "pings " + std::to_string(lamps.at(name)->pings()); }},
     {"level", [](Name name) { return "level " + std::to_string(lamps.at(name)->level); }},
-    // Waits until a call of a lamp is held; and lets all go on that are.
+    // Waits until a call of a lamp is held; the same for a second at most, "done 1" if one is; and
+    // lets all go on that are.
     {"awaitheld",
-     [](Name name) {
-         testsupport::Gate& entered = lamps.at(name)->entered();
-         TreflectReleaseHandlerState const released;
-         return entered.wait() ? "held" : "nobody";
-     }},
+     [](Name name) { return isHeld(name, testsupport::kPatience) ? "held" : "nobody"; }},
+    {"heldsoon",
+     [](Name name) { return "done " + std::to_string(isHeld(name, std::chrono::seconds(1))); }},
     {"letgo",
      [](Name name) {
          lamps.at(name)->release();

@@ -19,6 +19,24 @@ protected:
         level_ = &handle_.attribute("Level");
     }
     TipprmiResult<unsigned int> fetchHeld() { return held_->fetch<unsigned int>(); }
+    /** Has a call time out while its object holds it, and answers how many it took: where the
+     * machine is so busy that the time has passed before the call is there, another one has twice
+     * the time. */
+    unsigned int timeOutWhileHeld() {
+        unsigned int calls = 0;
+        for (milliseconds time(50); time < testsupport::kPatience; time *= 2) {
+            auto const start = steady_clock::now();
+            {
+                TreflectDeadline const within(time);
+                EXPECT_EQ(TipprmiFailure::kTimedOut, fetchHeld().code());
+            }
+            EXPECT_GE(steady_clock::now() - start, time);
+            ++calls;
+            if (actor_.does("heldsoon far"))
+                break;
+        }
+        return calls;
+    }
 
     ReflectActor actor_;
     std::optional<TreflectHandlerState> permission_;
@@ -28,18 +46,14 @@ protected:
 };
 
 TEST_F(DeadlineTest, EndsAWaitAndDropsTheLateAnswer) {
-    auto const start = steady_clock::now();
-    {
-        TreflectDeadline const within(milliseconds(50));
-        EXPECT_EQ(TipprmiFailure::kTimedOut, fetchHeld().code());
-    }
-    EXPECT_GE(steady_clock::now() - start, milliseconds(50));
+    unsigned int const calls = timeOutWhileHeld();
     EXPECT_TRUE(handle_.isConnected());
     EXPECT_EQ(1u, level_->fetch<unsigned int>().value()) << "an answer of its own";
     actor_.ask("letgo far", "gone");
     EXPECT_EQ(77u, fetchHeld().value());
-    EXPECT_TRUE(testsupport::eventually(
-        [this] { return log_.count(3, "receives unexpected response") == 1; }));
+    auto const dropped = [this] { return log_.count(3, "receives unexpected response"); };
+    EXPECT_TRUE(testsupport::eventually([&] { return dropped() >= 1; }));
+    EXPECT_LE(dropped(), calls);
     EXPECT_EQ(0u, log_.count("aborted"));
 }
 
