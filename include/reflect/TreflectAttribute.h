@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -112,22 +113,16 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
-    /** What of the value is to be read: taken before a call, since the attribute may be destroyed
-     * while the call waits. */
+    using Check = TreflectValueCheck;
+    /** What of the value is to be read: taken before a call, since the attribute and its class may
+     * be destroyed while the call waits. */
     struct Selection {
         TreflectAttributeType containerType;
         int index;  // kNoIndex for the whole value
         int length;
-        TreflectValueCheck const* check;  // null when there is nothing to be looked at
+        std::shared_ptr<Check const> check;  // null when there is nothing to be looked at
 
         bool isMisuse() const { return check && check->isMisuse(); }
-    };
-    using Check = TreflectValueCheck;
-    /** What has been found of the C++ type that was used last. */
-    struct KnownCheck {
-        Check::TypeName type = nullptr;
-        Check::Use use = Check::Use::kRead;
-        Check const* check = nullptr;  // the class's; null when there is nothing to be looked at
     };
 
     bool hasIndex_() const { return index_ != kNoIndex; }
@@ -140,13 +135,10 @@ private:
         return hasIndex_() && containerType_ == kPlain ? Check::Use::kWriteElement
                                                        : Check::Use::kWrite;
     }
-    Check const* check_(KnownCheck& known, Check::TypeName type, Check::Use use) const {
-        if (known.type != type || known.use != use)
-            known = {type, use, findCheck_(type, use)};
-        return lastCheck_ = known.check;
-    }
-    Check const* findCheck_(Check::TypeName type, Check::Use use) const;
-    Selection selection_(Check::TypeName type) const {
+    /** Null when there is nothing to be looked at. `known` is reading_ or writing_. */
+    std::shared_ptr<Check const> check_(std::shared_ptr<Check const>& known, Check::Type type,
+                                        Check::Use use) const;
+    Selection selection_(Check::Type type) const {
         return {containerType_, index_, constLength(), check_(reading_, type, readingUse_())};
     }
     /** Calls the get operation; whether the call went well. `response` is then about to yield the
@@ -179,9 +171,10 @@ private:
     TreflectOperation* operSet_ = nullptr;
     TreflectAttributeType containerType_ = kPlain;
     int index_ = kNoIndex;
-    mutable KnownCheck reading_;
-    mutable KnownCheck writing_;
-    mutable Check const* lastCheck_ = nullptr;
+    // Of the C++ types that were read and written last; null before.
+    mutable std::shared_ptr<Check const> reading_;
+    mutable std::shared_ptr<Check const> writing_;
+    mutable std::shared_ptr<Check const> const* lastCheck_ = nullptr;  // one of them
 };
 
 /** The null attribute: reading it answers `error`, and all that it leads to is null as well. */
@@ -199,7 +192,7 @@ int TreflectAttribute::get(T& value) const {
     constexpr bool isHandle = std::is_base_of_v<TreflectObject, T>;
     if (error_)
         return error;
-    Selection const selected = selection_(&treflectTypeName<T>);
+    Selection const selected = selection_(Check::Type::of<T>());
     if (!isHandle && selected.isMisuse()) {
         selected.check->tell();
         return error;
@@ -224,7 +217,7 @@ template <class T>
 TipprmiResult<T> TreflectAttribute::fetch() const {
     if (error_)
         return TipprmiFailure();
-    Selection const selected = selection_(&treflectTypeName<T>);
+    Selection const selected = selection_(Check::Type::of<T>());
     if (selected.isMisuse()) {
         selected.check->tell();
         return TipprmiFailure(TipprmiFailure::kMismatch);
@@ -243,7 +236,9 @@ TipprmiResult<T> TreflectAttribute::fetch() const {
 
 template <class T>
 TipprmiResult<void> TreflectAttribute::store(T const& value) const {
-    if (Check const* const check = check_(writing_, &treflectTypeName<T>, writingUse_())) {
+    if (error_)
+        return TipprmiFailure();
+    if (auto const check = check_(writing_, Check::Type::of<T>(), writingUse_())) {
         if (check->isMisuse() || !check->admits(TipprmiAny().insert(value))) {
             check->tell();
             return TipprmiFailure(TipprmiFailure::kMismatch);

@@ -35,10 +35,10 @@ public:
     void registerType(TreflectMetaObject* typeMeta);
 
     /** How values of a C++ type go with the type that the class's table tells of the attribute:
-     * compared when it is first asked for, and kept as long as this object. The class is complete
-     * by then. Any thread. */
-    TreflectValueCheck const& check(TreflectValueCheck::TypeName type,
-                                    TreflectValueCheck::Use use) const;
+     * compared when it is first asked for, and kept as long as this object or longer. The class is
+     * complete by then. Under the run permission; any thread as long as no class goes. */
+    std::shared_ptr<TreflectValueCheck const> check(TreflectValueCheck::Type type,
+                                                    TreflectValueCheck::Use use) const;
 
 protected:
     TreflectMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
@@ -48,6 +48,9 @@ protected:
 private:
     friend class TreflectMetaObject;
 
+    std::shared_ptr<TreflectValueCheck const> findCheck(TreflectValueCheck::Type type,
+                                                        TreflectValueCheck::Use use) const
+        OSW_REQUIRES(mutex_);
     /** Drops what leads to a class that goes. */
     void forget(TreflectMetaObject const& gone);
 
@@ -58,7 +61,7 @@ private:
     TreflectMetaOperation const* set_;
     TreflectMetaObject* typeMeta_ = nullptr;
     mutable OSWrap::Mutex mutex_;  // a leaf
-    mutable std::vector<std::unique_ptr<TreflectValueCheck const>> checks_ OSW_GUARDED_BY(mutex_);
+    mutable std::vector<std::shared_ptr<TreflectValueCheck const>> checks_ OSW_GUARDED_BY(mutex_);
 };
 
 /**

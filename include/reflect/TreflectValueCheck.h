@@ -1,10 +1,12 @@
 #pragma once
 
 #include <string>
+#include <typeinfo>
 
 #include "ipprmi/TipprmiAny.h"
 #include "logging/LineLimit.h"
 #include "reflect/TreflectParameterType.h"
+#include "reflect/TreflectTypeName.h"
 
 class TreflectMetaAttribute;
 
@@ -14,12 +16,22 @@ class TreflectMetaAttribute;
  * TreflectMetaAttribute::check). Nothing is wrong, and nothing is to be looked at, where the table
  * does not tell the attribute's type, or nobody has named the C++ type (see TreflectTypeName).
  *
- * Constant once it is made, and neither copied nor moved; any thread.
+ * Constant once it is made, and neither copied nor moved; any thread. Refers to nothing of the
+ * class, which may go while whoever shares the check waits.
  */
 class REFLECTORB_API TreflectValueCheck {
 public:
-    /** Yields the name of a C++ type, and stands for the type. */
-    using TypeName = std::string (*)();
+    /** A C++ type. Another shared object may come to lie where a closed one has been, so where its
+     * name comes from does not tell a type apart. */
+    struct Type {
+        std::string (*name)();  // as tables have it
+        char const* id;         // the compiler's name; static
+
+        template <class T>
+        static Type of() {
+            return {&treflectTypeName<T>, typeid(T).name()};
+        }
+    };
     enum class Use : unsigned char {
         kRead,               // the whole value
         kReadElement,        // one element of it
@@ -28,9 +40,11 @@ public:
         kWriteElement  // which nobody can
     };
 
-    TreflectValueCheck(TreflectMetaAttribute const& attribute, TypeName type, Use use);
+    TreflectValueCheck(TreflectMetaAttribute const& attribute, Type type, Use use);
 
-    bool isOf(TypeName type, Use use) const { return type_ == type && use_ == use; }
+    bool isOf(Type type, Use use) const {
+        return typeName_ == type.name && use_ == use && typeId_ == type.id;
+    }
     /** Whether there is something to be looked at, value by value. */
     bool isNeeded() const { return verdict_ != Verdict::kGood; }
     /** Whether no value can be right. */
@@ -54,8 +68,10 @@ private:
     void compareElements();
     void misused(std::string const& complaint);
 
-    TreflectMetaAttribute const& attribute_;
-    TypeName const type_;
+    std::string const attribute_;  // its name
+    std::string const class_;      // likewise
+    std::string (*const typeName_)();
+    std::string const typeId_;
     Use const use_;
     Verdict verdict_ = Verdict::kGood;
     TreflectParameterType whole_;  // of the attribute, as the table tells it

@@ -98,16 +98,17 @@ TreflectAttribute::~TreflectAttribute() {
     delete containedObject_;
 }
 
-TreflectValueCheck const* TreflectAttribute::findCheck_(TreflectValueCheck::TypeName type,
-                                                        TreflectValueCheck::Use use) const {
-    if (!meta_)
-        return nullptr;
-    TreflectValueCheck const& found = meta_->check(type, use);
-    return found.isNeeded() ? &found : nullptr;
+std::shared_ptr<TreflectValueCheck const> TreflectAttribute::check_(
+    std::shared_ptr<Check const>& known, Check::Type type, Check::Use use) const {
+    lastCheck_ = &known;
+    if (!known || !known->isOf(type, use))
+        known = meta_ ? meta_->check(type, use) : nullptr;
+    return known && known->isNeeded() ? known : nullptr;
 }
 
 std::string TreflectAttribute::mistake() const {
-    return lastCheck_ ? lastCheck_->mistake() : std::string();
+    Check const* const last = lastCheck_ ? lastCheck_->get() : nullptr;
+    return last && last->isNeeded() ? last->mistake() : std::string();
 }
 
 int TreflectAttribute::constLength() const {
@@ -154,7 +155,7 @@ bool TreflectAttribute::callGet_(TipprmiStream& response) const {
 
 TipprmiResult<void> TreflectAttribute::callSet_(InParamHook const& value) const {
     bool const ofElement = hasIndex_() && containerType_ != kPlain;
-    if (error_ || !meta_->metaOperSet() || ofElement)
+    if (!meta_->metaOperSet() || ofElement)
         return TipprmiFailure();
     TipprmiStream response = TipprmiStream::withoutBuffer_();
     if (!callForValue(*object_, meta_->containingMetaObject(), *meta_->metaOperSet(), value,

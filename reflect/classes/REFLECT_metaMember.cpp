@@ -110,19 +110,29 @@ void TreflectMetaAttribute::registerType(TreflectMetaObject* typeMeta) {
     typeName_ = typeMeta->name();
 }
 
-// Made without the lock, since it takes a while; two threads may make the same one.
-TreflectValueCheck const& TreflectMetaAttribute::check(TreflectValueCheck::TypeName type,
-                                                       TreflectValueCheck::Use use) const {
+std::shared_ptr<TreflectValueCheck const> TreflectMetaAttribute::findCheck(
+    TreflectValueCheck::Type type, TreflectValueCheck::Use use) const {
+    for (auto const& known : checks_) {
+        if (known->isOf(type, use))
+            return known;
+    }
+    return nullptr;
+}
+
+// Made without the lock, since it is the application that tells the type's name. Threads without
+// the run permission may make one each; the first that is kept is everybody's.
+std::shared_ptr<TreflectValueCheck const> TreflectMetaAttribute::check(
+    TreflectValueCheck::Type type, TreflectValueCheck::Use use) const {
     {
         OSWrap::Lock<> const lock(mutex_);
-        for (auto const& known : checks_) {
-            if (known->isOf(type, use))
-                return *known;
-        }
+        if (auto known = findCheck(type, use))
+            return known;
     }
-    auto made = std::make_unique<TreflectValueCheck const>(*this, type, use);
+    auto const made = std::make_shared<TreflectValueCheck const>(*this, type, use);
     OSWrap::Lock<> const lock(mutex_);
-    return *checks_.emplace_back(std::move(made));
+    if (auto known = findCheck(type, use))
+        return known;
+    return checks_.emplace_back(made);
 }
 
 TreflectArrayMetaAttribute::TreflectArrayMetaAttribute(std::string const& name,

@@ -29,14 +29,15 @@ std::string classOf(TreflectMetaAttribute const& attribute) {
 
 }  // namespace
 
-TreflectValueCheck::TreflectValueCheck(TreflectMetaAttribute const& attribute, TypeName type,
-                                       Use use)
-    : attribute_(attribute),
-      type_(type),
+TreflectValueCheck::TreflectValueCheck(TreflectMetaAttribute const& attribute, Type type, Use use)
+    : attribute_(attribute.name()),
+      class_(classOf(attribute)),
+      typeName_(type.name),
+      typeId_(type.id),
       use_(use),
       whole_(typeIn(attribute, use == Use::kWrite || use == Use::kWriteElement)),
       told_(whole_),
-      own_(type(), typesOf(attribute)) {
+      own_(type.name(), typesOf(attribute)) {
     if (!whole_.isValid())
         return;
     if (use == Use::kRead || use == Use::kWrite)
@@ -87,15 +88,14 @@ void TreflectValueCheck::compareElements() {
 }
 
 std::string TreflectValueCheck::mistake() const {
-    return "attribute \"" + attribute_.name() + "\" of class \"" + classOf(attribute_) +
-           "\" is \"" + whole_.name() + "\", " + complaint_;
+    return "attribute \"" + attribute_ + "\" of class \"" + class_ + "\" is \"" + whole_.name() +
+           "\", " + complaint_;
 }
 
 void TreflectValueCheck::tell() const {
     REFLECTORB_LOG_LIMITED(limit_, 3, "REFLECT_attribute",
-                           "attribute \"%s\" of class \"%s\" is \"%s\", %s",
-                           attribute_.name().c_str(), classOf(attribute_).c_str(),
-                           whole_.name().c_str(), complaint_.c_str());
+                           "attribute \"%s\" of class \"%s\" is \"%s\", %s", attribute_.c_str(),
+                           class_.c_str(), whole_.name().c_str(), complaint_.c_str());
 }
 
 TreflectValueCheck::Found TreflectValueCheck::find(TipprmiStream& response, int index) const {

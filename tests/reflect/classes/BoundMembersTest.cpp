@@ -2,6 +2,7 @@
 // read, and the null objects that stand for those that do not exist.
 #include "BrokerTest.h"
 #include "ReflectiveClasses.h"
+#include "WireText.h"
 
 namespace {
 
@@ -227,11 +228,62 @@ TEST_F(BoundMembers, ReadOneObjectOfMany) {
     lamp_.crowd.setLength(0);
 }
 
+/** A lamp of whatever class it is called, which has five others. */
+class Foreign : public LampObject {
+public:
+    static constexpr unsigned int kFive = 1, kClass = 0x52430050;
+
+    explicit Foreign(std::string const& name) : LampObject(name) {}
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        return mc == kFive ? serve(cc, cc, mc, in, out, &Foreign::five)
+                           : LampObject::dispatch(withResponse, lamp::kClass, mc, in, out);
+    }
+
+private:
+    std::array<TreflectObject, 5> five() const {
+        TreflectObject const self(this);
+        return {self, self, self, self, self};
+    }
+};
+
+TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
+    std::unique_ptr<TreflectMetaClass const> meta(new TreflectMetaClass(
+        "Brought", Foreign::kClass, {}, {{"getHeld", lamp::kHeld, {}, {"unsigned"}}}, {"Held"}));
+    InterfaceRepository::instance()->findInterface(Foreign::kClass);
+    Foreign foreign("held lamp");
+    foreign.held = 0xFFFFFFFF;
+    auto handle = std::make_unique<TreflectObject>(&foreign);
+    TreflectAttribute& held = *meta->metaAttribute("Held")->getTied(handle.get());
+    int value = 5;
+    std::thread reader([&] {
+        TreflectHandlerState const permission(true);
+        EXPECT_EQ(held.get(value), TreflectAttribute::error);
+    });
+    {
+        TreflectReleaseHandlerState const released;
+        EXPECT_TRUE(foreign.entered().wait());
+    }
+    handle.reset();
+    meta.reset();
+    foreign.release();
+    {
+        TreflectReleaseHandlerState const released;
+        reader.join();
+    }
+    EXPECT_EQ(value, 5);
+    EXPECT_TRUE(
+        log_.find("attribute \"Held\" of class \"Brought\" is \"unsigned\", out of the "
+                  "range of \"int\""));
+}
+
 // ---- What does not exist -----------------------------------------------------------------------
 
 TEST_F(BoundMembers, NullObjectsDoNothing) {
     log_.clear();
     TreflectErrorAttribute& attribute = TreflectObject::errorAttribute;
+    auto const bytes = [&attribute] { return wire::hex(&attribute, sizeof attribute); };
+    std::string const before = bytes();
     EXPECT_TRUE(attribute.isError());
     TreflectObject object = handle_;
     unsigned int number = 5;
@@ -247,6 +299,7 @@ TEST_F(BoundMembers, NullObjectsDoNothing) {
     EXPECT_FALSE(attribute.updateContainedObject());
     EXPECT_EQ(&attribute.attribute("x"), &attribute);
     EXPECT_EQ(&attribute.operSet(), &TreflectAttribute::errorOperation);
+    EXPECT_EQ(bytes(), before) << "all threads have the same one";
     for (TreflectOperation* const null : std::initializer_list<TreflectOperation*>{
              &TreflectObject::errorOperation, &attribute.operation("x")}) {
         EXPECT_TRUE(null->isError());

@@ -234,6 +234,19 @@ TEST_F(TypedMembers, AreComparedOnceForEachUseOfAType) {
     EXPECT_EQ(2, Celsius::named);
 }
 
+TEST_F(TypedMembers, TellTypesApartOfWhichOneLiesWhereAnotherOneLay) {
+    static char const* named = "double";
+    TreflectMetaAttribute const& heat = *attribute("Heat").meta();
+    auto const isMisuse = [&heat](char const* id) {
+        TreflectValueCheck::Type const type{[] { return std::string(named); }, id};
+        return heat.check(type, TreflectValueCheck::Use::kRead)->isMisuse();
+    };
+    EXPECT_FALSE(isMisuse("Celsius"));
+    named = "string";
+    EXPECT_TRUE(isMisuse("Label"));
+    EXPECT_FALSE(isMisuse("Celsius")) << "compared already";
+}
+
 // ---- Elements ----------------------------------------------------------------------------------
 
 TEST_F(TypedMembers, HaveElementsIfTheirTableSaysSo) {
