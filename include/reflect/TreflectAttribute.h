@@ -76,12 +76,12 @@ public:
     TreflectOperation& operSet();
 
     /**
-     * Reads the value: 0, or `error` for the null attribute. An element outside the array or the
-     * sequence leaves `value` as it is, and is an error unless setContainerType said that there are
-     * elements. A call that failed, or a mismatch, leaves a handle unconnected and answers 0 (ask
-     * it whether it is connected); a value of any other type it leaves as it is and answers
-     * `error`. A text that is read as char* is the caller's, who deletes it with delete[]; what
-     * `value` led to before is not deleted.
+     * Reads the value: 0, or `error` for the null attribute. Where setContainerType said that there
+     * are elements, one outside the array or the sequence leaves `value` as it is, and is no error;
+     * elsewhere an element that is not there is a mismatch. A call that failed, or a mismatch,
+     * leaves a handle unconnected and answers 0 (ask it whether it is connected); a value of any
+     * other type it leaves as it is and answers `error`. A text that is read as char* is the
+     * caller's, who deletes it with delete[]; what `value` led to before is not deleted.
      */
     template <class T>
     int get(T& value) const;
@@ -123,6 +123,10 @@ private:
         std::shared_ptr<Check const> check;  // null when there is nothing to be looked at
 
         bool isMisuse() const { return check && check->isMisuse(); }
+        /** An array has as many elements as its class says, however many come. */
+        bool isOutsideArray() const {
+            return containerType == kArray && index != kNoIndex && (index < 0 || index >= length);
+        }
     };
 
     bool hasIndex_() const { return index_ != kNoIndex; }
@@ -200,7 +204,10 @@ int TreflectAttribute::get(T& value) const {
     TipprmiStream response = TipprmiStream::withoutBuffer_();
     bool const succeeded = callGet_(response);
     if constexpr (isHandle) {
-        static_cast<void>(decode_(selected, response, value));
+        if (!decode_(selected, response, value)) {
+            response.stopUnmarshalling();
+            response >> value;
+        }
         return 0;
     } else {
         if (!succeeded)
@@ -250,6 +257,8 @@ TipprmiResult<void> TreflectAttribute::store(T const& value) const {
 template <class T>
 TipprmiResult<void> TreflectAttribute::decode_(Selection const& selected, TipprmiStream& response,
                                                T& value) {
+    if (selected.isOutsideArray())
+        return {};
     if (!selected.check || selected.isMisuse()) {
         decodeUnchecked_(selected, response, value);
         return {};
@@ -291,8 +300,6 @@ void TreflectAttribute::decodeSequence_(int index, TipprmiStream& response, T& v
 
 template <class T>
 void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& response, T& value) {
-    if (selected.index < 0 || selected.index >= selected.length)
-        return;
     for (int i = 0; i < selected.index; ++i) {
         T skipped = tipprmiBlank<T>();
         response >> skipped;

@@ -247,6 +247,42 @@ private:
     }
 };
 
+TEST_F(BoundMembers, ReadObjectsOfATypeThatIsToldAsOthers) {
+    TreflectMetaClass const meta("Foreign", Foreign::kClass, {},
+                                 {{"getFive", Foreign::kFive, {}, {"array<object, 5>"}},
+                                  {"getCrowd", lamp::kCrowd, {}, {"sequence<object>"}}},
+                                 {{"Five", lampMeta, TreflectMetaClass::Attribute::kArray, 3},
+                                  {"Crowd", lampMeta, TreflectMetaClass::Attribute::kSequence, 8}});
+    InterfaceRepository::instance()->findInterface(Foreign::kClass);
+    Foreign foreign("foreign lamp");
+    TreflectObject const handle(&foreign);
+    TreflectAttribute& five =
+        *dynamic_cast<TreflectArrayMetaAttribute const&>(*meta.metaAttribute("Five"))
+             .getTied(&handle);
+    for (int const i : {-2, 0, 1, 2, 3, 4, 5}) {
+        TreflectObject found = handle_;
+        EXPECT_EQ(five[i].get(found), 0);
+        EXPECT_EQ(found, i >= 0 && i < 3 ? handle : handle_) << i;
+        EXPECT_EQ(five.fetch<TreflectObject>().value().isConnected(), i >= 0 && i < 3) << i;
+    }
+
+    // Of one that is bound by its name, an element that is not there is no object.
+    foreign.crowd.push_back(handle_);
+    TreflectAttribute& crowd = *meta.metaAttribute("Crowd")->getTied(&handle);
+    TreflectObject found = handle;
+    EXPECT_EQ(crowd[0].get(found), 0);
+    EXPECT_EQ(found, handle_);
+    EXPECT_EQ(crowd[7].get(found), 0);
+    EXPECT_FALSE(found.isConnected());
+    EXPECT_EQ(crowd[0].operation("ping").call(), 0);
+    crowd[7].operation("ping").call();
+    EXPECT_EQ(lamp_.pings(), 1u) << "the one that was found before";
+    crowd.setContainerType(TreflectAttribute::kSequence);
+    found = handle;
+    EXPECT_EQ(crowd[7].get(found), 0);
+    EXPECT_EQ(found, handle);
+}
+
 TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
     std::unique_ptr<TreflectMetaClass const> meta(new TreflectMetaClass(
         "Brought", Foreign::kClass, {}, {{"getHeld", lamp::kHeld, {}, {"unsigned"}}}, {"Held"}));
