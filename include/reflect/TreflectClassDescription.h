@@ -32,7 +32,8 @@ struct REFLECTORB_API TreflectClassDescription {
     static constexpr std::size_t kMostParts = 64;  ///< bases; or parameters, exceptions of one
     static constexpr std::size_t kLongestName = 255;
     static constexpr std::size_t kLongestType = 16384;
-    static constexpr std::size_t kLongestText = 65536;  ///< of a comment
+    static constexpr std::size_t kLongestText = 65536;     ///< of a comment
+    static constexpr std::size_t kMostExpanded = 1 << 20;  ///< see expandedTypes
 
     using More = std::map<std::string, TipprmiAny>;
 
@@ -98,7 +99,7 @@ struct REFLECTORB_API TreflectClassDescription {
     /**
      * What makes the class: a line for it and one for each of its bases, members and types, in an
      * order that does not depend on that of the members. Without names of parameters and comments,
-     * on which no caller depends.
+     * on which no caller depends; with "?" for a type that is not told.
      */
     std::vector<std::string> outline() const;
     /** A number for the outline, 64 bits of FNV-1a over its lines: the same in all processes that
@@ -108,9 +109,14 @@ struct REFLECTORB_API TreflectClassDescription {
      * "+ " before those of `latter`. */
     static std::vector<std::string> difference(TreflectClassDescription const& former,
                                                TreflectClassDescription const& latter);
+    /** How many bytes of `types` there are at most when the type of each parameter and exception
+     * has a copy of those to which it leads, as in what a reader makes of them. Not counted on
+     * beyond kMostExpanded. */
+    std::size_t expandedTypes() const;
     /** Why no reader would take it, whoever has sent it: beyond the bounds above, unreadable
-     * characters, members that occur twice, a hash that is not that of its outline; empty when
-     * nothing is wrong. That the types are known is not asked for. */
+     * characters, members that occur twice, names and types that the outline would not tell apart,
+     * a hash that is not that of its outline; empty when nothing is wrong. That the types are known
+     * is not asked for. */
     std::string fault() const;
 };
 

@@ -3,14 +3,17 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <list>
 #include <set>
+#include <string_view>
 
 #include "reflect/TreflectClassDescription.h"
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaClass.h"
 #include "reflect/TreflectMetaOperation.h"
+#include "reflect/classes/TextCursor.h"
 
 namespace {
 
@@ -44,19 +47,26 @@ Description::Parameter parameterOf(TreflectParameterType const& type) {
     return {type.label(), text};
 }
 
-std::vector<Description::Parameter> parametersOf(std::vector<TreflectParameterType> const& types) {
+/** Without the types that the operation itself would make and keep for this. */
+std::vector<Description::Parameter> parametersOf(TreflectMetaOperation const& operation,
+                                                 char const* direction) {
+    TreflectTypes const& types = operation.containingMetaObject()->types();
     std::vector<Description::Parameter> parameters;
-    for (TreflectParameterType const& type : types)
-        parameters.push_back(parameterOf(type));
-    return parameters;
+    for (;;) {
+        auto const text =
+            operation.parameters().find(direction + std::to_string(parameters.size()));
+        if (text == operation.parameters().end())
+            return parameters;
+        parameters.push_back(parameterOf(TreflectParameterType(text->second, types)));
+    }
 }
 
 Description::Operation describe(TreflectMetaOperation const& operation) {
     Description::Operation described;
     described.name = operation.name();
     described.code = static_cast<unsigned int>(operation.id());
-    described.in = parametersOf(operation.argumentTypes());
-    described.out = parametersOf(operation.resultTypes());
+    described.in = parametersOf(operation, "in");
+    described.out = parametersOf(operation, "out");
     for (auto const& [code, type] : operation.exceptions())
         described.raises.push_back({code, type});
     return described;
@@ -102,10 +112,10 @@ std::string classText(std::string const& name, unsigned int id) {
 }
 
 std::string typesText(std::vector<Description::Parameter> const& parameters) {
-    std::string text;
-    for (Description::Parameter const& parameter : parameters)
-        text += (text.empty() ? "" : ", ") + parameter.type;
-    return "(" + text + ")";
+    std::string text = "(";
+    for (std::size_t i = 0; i < parameters.size(); ++i)
+        (text += i == 0 ? "" : ", ") += parameters[i].type.empty() ? "?" : parameters[i].type;
+    return text + ")";
 }
 
 std::string lineOf(Description::Base const& base) {
@@ -156,8 +166,54 @@ bool isName(std::string const& name) {
     return !name.empty() && isText(name, Description::kLongestName);
 }
 
+/** Of a member, behind which its outline goes on. */
+bool isWord(std::string const& name) {
+    return isName(name) && name.find(' ') == std::string::npos;
+}
+
+char closingOf(char opening) {
+    switch (opening) {
+        case '(':
+            return ')';
+        case '<':
+            return '>';
+        case '[':
+            return ']';
+        case '{':
+            return '}';
+        default:
+            return '\0';
+    }
+}
+
+/** Whether the outline tells it from what stands beside it: no bracket without its other one, no
+ * comma outside of brackets. */
+bool isWhole(std::string const& type) {
+    std::string closings;
+    for (char const c : type) {
+        if (char const closing = closingOf(c))
+            closings.push_back(closing);
+        else if (!closings.empty() && closings.back() == c)
+            closings.pop_back();
+        else if (std::strchr(")>]}", c) || (c == ',' && closings.empty()))
+            return false;
+    }
+    return closings.empty();
+}
+
+/** The outline has "?" for one that is not told. */
 bool isType(std::string const& type) {
-    return isText(type, Description::kLongestType);
+    return isText(type, Description::kLongestType) && isWhole(type) && type != "?";
+}
+
+/** Of two for one code the latter would count, though the outline has no order of them. */
+bool areReadable(std::vector<Description::Exception> const& exceptions) {
+    std::set<unsigned int> codes;
+    return exceptions.size() <= Description::kMostParts &&
+           std::all_of(exceptions.begin(), exceptions.end(), [&](auto const& exception) {
+               return isType(exception.type) && codes.insert(exception.code).second &&
+                      exception.type.find(" raises ") == std::string::npos;
+           });
 }
 
 bool areReadable(std::vector<Description::Parameter> const& parameters) {
@@ -168,15 +224,12 @@ bool areReadable(std::vector<Description::Parameter> const& parameters) {
 }
 
 bool isReadable(Description::Operation const& operation) {
-    return isName(operation.name) && areReadable(operation.in) && areReadable(operation.out) &&
-           operation.raises.size() <= Description::kMostParts &&
-           std::all_of(operation.raises.begin(), operation.raises.end(),
-                       [](auto const& exception) { return isType(exception.type); }) &&
-           operation.doc.size() <= Description::kLongestText;
+    return isWord(operation.name) && areReadable(operation.in) && areReadable(operation.out) &&
+           areReadable(operation.raises) && operation.doc.size() <= Description::kLongestText;
 }
 
 bool isReadable(Description::Attribute const& attribute) {
-    return isName(attribute.name) && attribute.kind <= Description::Kind::Array &&
+    return isWord(attribute.name) && attribute.kind <= Description::Kind::Array &&
            attribute.length <= TipprmiStream::kAcceptedLength &&
            isText(attribute.valueClass, Description::kLongestName) &&
            attribute.doc.size() <= Description::kLongestText;
@@ -211,9 +264,33 @@ bool areBases(std::vector<Description::Base> const& bases) {
 }
 
 bool areTypes(std::vector<std::string> const& types) {
-    return std::all_of(types.begin(), types.end(), [](std::string const& type) {
-        return isType(type) && TreflectTypes().add(type);
+    TreflectTypes known;
+    bool const areNamed = std::all_of(types.begin(), types.end(), [&](std::string const& type) {
+        return isType(type) && known.add(type);
     });
+    return areNamed && known.texts().size() == types.size();
+}
+
+/** How large the types are to which a text leads; whatever has the name of one counts. */
+std::size_t sizeOfReferred(std::string_view text, TreflectTypes const& types) {
+    std::size_t size = 0;
+    std::set<std::string_view> reached;
+    std::vector<std::string_view> unread{text};
+    while (!unread.empty()) {
+        TextCursor cursor(unread.back());
+        unread.pop_back();
+        while (!cursor.empty()) {
+            std::string_view const name = cursor.identifier();
+            if (name.empty())
+                cursor.next();
+            std::string const* const type = types.find(name);
+            if (type && reached.insert(name).second) {
+                size += type->size();
+                unread.push_back(*type);
+            }
+        }
+    }
+    return size;
 }
 
 }  // namespace
@@ -279,6 +356,23 @@ std::vector<std::string> TreflectClassDescription::difference(
     return lines;
 }
 
+std::size_t TreflectClassDescription::expandedTypes() const {
+    TreflectTypes known;
+    for (std::string const& type : types)
+        known.add(type);
+    std::size_t size = 0;
+    auto const add = [&](auto const& parts) {
+        for (auto part = parts.begin(); part != parts.end() && size <= kMostExpanded; ++part)
+            size += sizeOfReferred(part->type, known);
+    };
+    for (Operation const& operation : operations) {
+        add(operation.in);
+        add(operation.out);
+        add(operation.raises);
+    }
+    return size;
+}
+
 std::string TreflectClassDescription::fault() const {
     if (version == 0)
         return "it has no version";
@@ -295,6 +389,8 @@ std::string TreflectClassDescription::fault() const {
         return "attribute " + std::to_string(faulty - attributes.data()) +
                " is unreadable or occurs twice";
     if (!areTypes(types))
-        return "one of its types is none, or has no name";
+        return "one of its types is none, or has no name, or that of another one";
+    if (expandedTypes() > kMostExpanded)
+        return "its types are too large for the number of its parameters";
     return hash == computeHash() ? "" : "its hash is not that of what it describes";
 }

@@ -1,4 +1,6 @@
 // Classes as values that can be sent.
+#include <functional>
+
 #include "BrokerTest.h"
 
 namespace {
@@ -111,26 +113,58 @@ TEST_F(ClassDescription, OfAnInterfaceTellsItsExceptions) {
                          "limit}"));
 }
 
+TEST_F(ClassDescription, TellsParametersWithoutATypeApart) {
+    Description some = lampWith({blink});
+    Description other = some;
+    some.operations[0].in = {{"", ""}, {"", "int"}};
+    other.operations[0].in = {{"", "int"}};
+    EXPECT_THAT(some.outline(), Contains(HasSubstr("operation blink 3 (?, int) -> ")));
+    EXPECT_NE(some.computeHash(), other.computeHash());
+}
+
 TEST_F(ClassDescription, IsFaultyWhereAReaderCouldBeMisled) {
-    Description const lamp = lampWith({blink});
-    auto const faultAfter = [&](auto const& spoil) {
-        Description spoilt = lamp;
-        spoil(spoilt);
-        return spoilt.fault();
+    struct Fault {
+        char const* text;
+        std::function<void(Description&)> spoil;
     };
-    EXPECT_THAT(faultAfter([](Description& it) { it.operations[0].code = 1; }), HasSubstr("code"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.operations[1].code = 99; }), HasSubstr("hash"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.operations[1].name = "blink"; }),
-                HasSubstr("operation 1"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.operations[2].in[0].type = "int\n"; }),
-                HasSubstr("operation 2"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.attributes[0].name = ""; }),
-                HasSubstr("attribute 0"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.types[0] = "int"; }), HasSubstr("types"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.bases[0].name = "\x1B[2J"; }),
-                HasSubstr("base"));
-    EXPECT_THAT(faultAfter([](Description& it) { it.attributes.resize(1025); }),
-                HasSubstr("too much"));
+    auto const withType = [](char const* type) {
+        return [type](Description& it) { it.operations[2].in[0].type = type; };
+    };
+    std::vector<Fault> const faults{
+        {"no version", [](Description& it) { it.version = 0; }},
+        {"too much", [](Description& it) { it.attributes.resize(1025); }},
+        {"its name is unreadable", [](Description& it) { it.name = ""; }},
+        {"name of a base", [](Description& it) { it.bases[0].name = "\x1B[2J"; }},
+        {"method code 1 ", [](Description& it) { it.operations[0].code = 1; }},
+        {"operation 1 is", [](Description& it) { it.operations[1].name = "blink"; }},
+        {"operation 1 is", [](Description& it) { it.operations[1].name = "blink 3"; }},
+        {"operation 2 is", withType("int\n")},
+        {"operation 2 is", withType("?")},
+        {"operation 2 is", withType("int, int")},
+        {"operation 2 is", withType("int) -> (int")},
+        {"operation 2 is", withType("sequence<int")},
+        {"operation 0 is",
+         [](Description& it) { it.operations[0].raises[0].type = "A raises 0x00000008 B"; }},
+        {"operation 0 is",
+         [](Description& it) {
+             it.operations[0].raises.push_back({7, "struct Other{}"});
+         }},
+        {"attribute 0 is", [](Description& it) { it.attributes[0].name = ""; }},
+        {"one of its types", [](Description& it) { it.types[0] = "int"; }},
+        {"one of its types", [](Description& it) { it.types.emplace_back("enum Limits{A}"); }},
+        {"its types are too large",
+         [](Description& it) {
+             it.types.push_back("struct Far{Near " + std::string(16000, 'a') + "}");
+             it.types.push_back("struct Near{int " + std::string(16000, 'b') + "}");
+             it.operations[0].in.assign(64, {"", "sequence<Far>"});
+         }},
+        {"its hash", [](Description& it) { it.operations[1].code = 99; }}};
+    Description const lamp = lampWith({blink});
+    for (Fault const& fault : faults) {
+        Description spoilt = lamp;
+        fault.spoil(spoilt);
+        EXPECT_THAT(spoilt.fault(), HasSubstr(fault.text));
+    }
 }
 
 }  // namespace
