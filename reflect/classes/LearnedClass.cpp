@@ -15,8 +15,8 @@ std::string textOf(Description::Parameter const& parameter) {
     bool const isWord = std::all_of(parameter.name.begin(), parameter.name.end(), [](char letter) {
         return std::isalnum(static_cast<unsigned char>(letter)) || letter == '_';
     });
-    return parameter.name.empty() || !isWord ? parameter.type
-                                             : parameter.type + " " + parameter.name;
+    bool const isNamed = !parameter.type.empty() && !parameter.name.empty() && isWord;
+    return isNamed ? parameter.type + " " + parameter.name : parameter.type;
 }
 
 std::vector<std::string> textsOf(std::vector<Description::Parameter> const& parameters) {
@@ -76,10 +76,22 @@ LearnedClass::LearnedClass(TreflectClassDescription const& described,
     : KeptDescription{described},
       TreflectMetaClass(Unlisted(), description.name, description.id, bases,
                         operationsOf(description), attributesOf(description, bases),
-                        description.types) {}
+                        description.types),
+      baseCount_(parents().size()) {
+    TreflectMetaClass::completeMetaInformation();
+}
 
-void LearnedClass::finish(std::function<TreflectMetaObject*(unsigned int classId)> const& find) {
-    completeMetaInformation();
+bool LearnedClass::isWhole() const {
+    auto const isWholeBase = [](TreflectMetaObject const* base) {
+        auto const* const learned = dynamic_cast<LearnedClass const*>(base);
+        return !learned || learned->isWhole();
+    };
+    return parents().size() == baseCount_ &&
+           std::all_of(parents().begin(), parents().end(), isWholeBase);
+}
+
+void LearnedClass::setValueClasses(
+    std::function<TreflectMetaObject*(unsigned int classId)> const& find) {
     std::list<TreflectMetaAttribute*> attributes;
     attributeList(attributes);
     for (Description::Attribute const& attribute : description.attributes) {

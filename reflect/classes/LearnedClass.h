@@ -14,15 +14,21 @@ struct KeptDescription {
 /**
  * A class as another process has described it, in a sound description. It is not in the
  * InterfaceRepository: this process does not know the class, it knows of it. So there may be
- * several of one class id. Built, used and destroyed under the run permission.
+ * several of one class id. Built and used under the run permission.
  */
 class LearnedClass final : private KeptDescription, public TreflectMetaClass {
 public:
-    /** `bases`: those that the description names, in its order. */
+    /** `bases`: those that the description names, in its order, complete. The class is complete at
+     * once. */
     LearnedClass(TreflectClassDescription const& described,
                  std::vector<TreflectMetaClass const*> const& bases);
 
     TreflectClassDescription const& described() const { return description; }
-    /** Fills in the members, and asks for the classes of values, of which null is unknown. */
-    void finish(std::function<TreflectMetaObject*(unsigned int classId)> const& find);
+    /** Asks for the classes of values, of which null is unknown. */
+    void setValueClasses(std::function<TreflectMetaObject*(unsigned int classId)> const& find);
+    /** Whether all bases are there still, and all of theirs. */
+    bool isWhole() const;
+
+private:
+    std::size_t const baseCount_;  // distinct ones
 };

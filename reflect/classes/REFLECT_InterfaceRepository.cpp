@@ -79,7 +79,8 @@ bool InterfaceRepository::isBuilt(TreflectMetaObject const* metaObject) const {
 }
 
 void InterfaceRepository::built(TreflectMetaObject* metaObject) {
-    tellSharedId(*metaObject);
+    if (metaObject->listed_)
+        tellSharedId(*metaObject);
     OSWrap::Lock<> const lock(mutex_);
     built_.push_back(metaObject);
     unkept_ = true;

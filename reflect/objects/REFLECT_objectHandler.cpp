@@ -6,6 +6,7 @@
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/process/Learning.h"
 #include "transport/TransportLayer.h"
 
 std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
@@ -143,6 +144,7 @@ void TreflectObjectHandler::checkConnect(TreflectObjectStub* stub) {
 void TreflectObjectHandler::invalidateStubs(TreflectOrbId const& orb) {
     WithPermission const permission;
     stubs_.invalidateStubs(orb);
+    Learning::instance().forget(orb);
 }
 
 void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* server) {

@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "handler_threads/RunPermission.h"
+#include "logging/LineLimit.h"
 #include "reflect/TreflectClassDescription.h"
 #include "reflect/TreflectOrbId.h"
 #include "reflect/classes/LearnedClass.h"
@@ -23,8 +25,12 @@ public:
     /** That of the process, never destroyed. */
     static Learning& instance();
 
+    /** The largest encoding of an answer that is read. */
+    static constexpr std::size_t kLargestAnswer = 1 << 20;
+
     /** The class of an object of another broker. Asks that broker's process, which is waited for,
-     * unless it has told before. Null when it tells nothing, or nothing sound. */
+     * unless it has told before. Null when it tells nothing, or nothing sound, for which it is not
+     * asked again. */
     TreflectMetaObject* find(unsigned int classId, TreflectOrbId broker) OSW_REQUIRES_PERMISSION;
 
     using Descriptions = std::vector<TreflectClassDescription>;
@@ -33,6 +39,8 @@ public:
     TreflectMetaObject* admit(unsigned int classId, TreflectOrbId broker,
                               Descriptions const& descriptions,
                               std::size_t size) OSW_REQUIRES_PERMISSION;
+    /** A broker has gone: which classes its objects have does not matter any more. */
+    void forget(TreflectOrbId broker) OSW_REQUIRES_PERMISSION;
 
 private:
     class Admission;
@@ -45,12 +53,22 @@ private:
     using OfBroker = std::pair<TreflectOrbId, unsigned int>;  // broker, class id
 
     static constexpr std::size_t kMostClasses = 4096;
-    static constexpr std::size_t kMostVariants = 16;     // of one class id
-    static constexpr std::size_t kMostBytes = 16 << 20;  // of encodings
+    static constexpr std::size_t kMostVariants = 16;       // of one class id
+    static constexpr std::size_t kMostBytes = 16 << 20;    // of encodings
+    static constexpr std::size_t kMostExpanded = 8 << 20;  // of types
     static constexpr std::size_t kMostUses = 65536;
+    /// Several of one key when all but one have lost a base: they are in use still.
+    using Classes = std::multimap<Key, Learned>;
 
-    std::map<Key, Learned> classes_ OSW_GUARDED_BY_PERMISSION;
+    void refuse(OfBroker const& wanted, std::string const& fault) OSW_REQUIRES_PERMISSION;
+
+    Classes classes_ OSW_GUARDED_BY_PERMISSION;
     /// Which of them are those of a broker's objects: what was asked for once is at hand.
-    std::map<OfBroker, TreflectMetaObject*> uses_ OSW_GUARDED_BY_PERMISSION;
+    std::map<OfBroker, LearnedClass*> uses_ OSW_GUARDED_BY_PERMISSION;
+    std::set<OfBroker> refused_ OSW_GUARDED_BY_PERMISSION;
     std::size_t bytes_ OSW_GUARDED_BY_PERMISSION = 0;
+    std::size_t expanded_ OSW_GUARDED_BY_PERMISSION = 0;
+    // Other processes cause them at will.
+    Logging::LineLimit refusals_;
+    Logging::LineLimit differences_;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <tuple>
 
 #include "handler_threads/HandlerThreads.h"
@@ -14,6 +15,7 @@
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectObjectStub.h"
+#include "reflect/process/Learning.h"
 #include "reflect/process/ProcessFacts.h"
 #include "transport/IdInfo.h"
 
@@ -139,41 +141,71 @@ void addObservers(ClassRecords::Observers const& seen, TreflectORB const& orb,
     }
 }
 
-using Classes = std::vector<TreflectMetaObject const*>;
-
-/** Adds a class and all its bases, each once; nothing of them when that is too much. */
-void addWithBases(TreflectMetaObject const& meta, Classes& classes) {
-    Classes all = classes;
-    auto const add = [&all](TreflectMetaObject const* known) {
-        if (std::find(all.begin(), all.end(), known) == all.end())
-            all.push_back(known);
-    };
-    std::size_t at = all.size();
-    for (add(&meta); at < all.size(); ++at) {
-        for (TreflectMetaObject const* const base : all[at]->parents())
-            add(base);
-    }
-    if (all.size() <= kMostClasses)
-        classes = std::move(all);
+std::size_t encodedSize(TreflectClassDescription const& description) {
+    TipprmiStream stream(4096);
+    stream << description;
+    return static_cast<std::size_t>(stream.getDataSize());
 }
 
-/** A class, its bases, and the classes of values. */
-std::vector<TreflectClassDescription> closureOf(TreflectMetaObject const& meta) {
-    Classes classes;
-    addWithBases(meta, classes);
-    for (std::size_t at = 0; at < classes.size(); ++at) {
-        std::list<TreflectMetaAttribute*> attributes;
-        classes[at]->attributeList(attributes);
-        for (TreflectMetaAttribute const* const attribute : attributes) {
-            if (TreflectMetaObject const* const value = attribute->typeMeta())
-                addWithBases(*value, classes);
+/** A class, its bases, and those classes of values that a reader has room for. */
+class Closure {
+public:
+    explicit Closure(TreflectMetaObject const& meta) {
+        add(meta, ~std::size_t{0});
+        for (std::size_t at = 0; at < classes_.size(); ++at) {
+            std::list<TreflectMetaAttribute*> attributes;
+            classes_[at]->attributeList(attributes);
+            for (TreflectMetaAttribute const* const attribute : attributes) {
+                if (TreflectMetaObject const* const value = attribute->typeMeta())
+                    add(*value, Learning::kLargestAnswer);
+            }
         }
     }
-    std::vector<TreflectClassDescription> descriptions;
-    for (TreflectMetaObject const* const known : classes)
-        descriptions.push_back(TreflectClassDescription::of(*known));
-    return descriptions;
-}
+    std::vector<TreflectClassDescription> takeDescriptions() { return std::move(descriptions_); }
+
+private:
+    using Classes = std::vector<TreflectMetaObject const*>;
+
+    bool has(TreflectMetaObject const* meta) const {
+        return std::find(classes_.begin(), classes_.end(), meta) != classes_.end();
+    }
+
+    /** Adds a class and all its bases, each once; nothing of them when that is too much. */
+    void add(TreflectMetaObject const& meta, std::size_t largest) {
+        Classes const added = newOnes(meta);
+        if (classes_.size() + added.size() > kMostClasses)
+            return;
+        std::vector<TreflectClassDescription> descriptions;
+        std::size_t size = size_;
+        for (TreflectMetaObject const* const known : added) {
+            descriptions.push_back(TreflectClassDescription::of(*known));
+            size += encodedSize(descriptions.back());
+        }
+        if (size > largest)
+            return;
+        size_ = size;
+        classes_.insert(classes_.end(), added.begin(), added.end());
+        std::move(descriptions.begin(), descriptions.end(), std::back_inserter(descriptions_));
+    }
+
+    Classes newOnes(TreflectMetaObject const& meta) const {
+        Classes added;
+        auto const add = [&](TreflectMetaObject const* known) {
+            if (!has(known) && std::find(added.begin(), added.end(), known) == added.end())
+                added.push_back(known);
+        };
+        add(&meta);
+        for (std::size_t at = 0; at < added.size(); ++at) {
+            for (TreflectMetaObject const* const base : added[at]->parents())
+                add(base);
+        }
+        return added;
+    }
+
+    Classes classes_;
+    std::vector<TreflectClassDescription> descriptions_;  // of these
+    std::size_t size_ = sizeof(std::uint32_t);            // of the encoding: a length ahead
+};
 
 }  // namespace
 
@@ -381,7 +413,7 @@ TipprmiResult<std::vector<TreflectClassDescription>> ProcessServer::describeClas
     TreflectMetaObject const* const meta = find(classId);
     if (!meta)
         return TipprmiFailure(processobject::kUnknownClass);
-    return closureOf(*meta);
+    return Closure(*meta).takeDescriptions();
 }
 
 TipprmiResult<std::vector<TreflectClassDescription>> ProcessServer::describeNamed(
