@@ -1,14 +1,23 @@
 #include "reflect/broker/BrokerView.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "reflect/broker/TreflectOrbParts.h"
 
 std::vector<BrokerView> BrokerView::all() {
     std::vector<BrokerView> brokers;
     for (auto const& instance : TreflectORB::singletonInstances_) {
-        if (TreflectORB* const orb = instance.load(std::memory_order_acquire))
+        if (TreflectORB* const orb = instance.load())
             brokers.push_back(BrokerView(*orb));
     }
     return brokers;
+}
+
+bool BrokerView::isThere(TreflectORB const& orb) {
+    auto const& instances = TreflectORB::singletonInstances_;
+    return std::any_of(std::begin(instances), std::end(instances),
+                       [&orb](auto const& instance) { return instance.load() == &orb; });
 }
 
 std::vector<TipprmiObjectSkeleton*> BrokerView::objects() const {

@@ -145,7 +145,7 @@ TreflectORB* BrokerLifecycle::getOrCreate(NamespaceId ns) {
         {
             Creation const creation(*this);
             born = create(ns);
-            present.store(born, std::memory_order_release);
+            present.store(born);  // in one order with what brokerPublished reads
         }
         if (born)
             processobject::brokerPublished(*born);

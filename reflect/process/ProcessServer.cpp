@@ -314,7 +314,9 @@ void ProcessServer::join(TreflectORB& orb) {
     TreflectOrbId const id = orb.orbId();
     if (id.namespaceId() == NSID_UNIT && !getORB())
         connect(nullptr, getOID());
-    doors_[id.namespaceId()] = std::make_unique<Door>(*this, identifierAt(id));
+    std::unique_ptr<Door>& door = doors_[id.namespaceId()];
+    if (!door || door->getORB() != &orb)
+        door = std::make_unique<Door>(*this, identifierAt(id));
 }
 
 TipprmiOID ProcessServer::identifierAt(TreflectOrbId broker) {

@@ -17,7 +17,7 @@ public:
     ~ProcessServer() override;
 
     /** A broker of this process is new: the object is found by its id, and serves again if it was
-     * without one. */
+     * without one. Nothing when that is so already. */
     void join(TreflectORB& orb) OSW_REQUIRES_PERMISSION;
 
     /** The identifier by which the process object is found at one broker. */

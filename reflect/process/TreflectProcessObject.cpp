@@ -6,15 +6,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "handler_threads/WithPermission.h"
 #include "ipprmi/TipprmiCall.h"
+#include "logging/Log.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Immortal.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/broker/BrokerView.h"
 #include "reflect/process/ProcessPublication.h"
 #include "reflect/process/ProcessServer.h"
 #include "transport/IdInfo.h"
@@ -42,8 +43,15 @@ public:
     /** The environment wants it, to the end. Making it may make another broker, which comes here
      * again. */
     void addForEver() OSW_REQUIRES_PERMISSION {
-        if (!std::exchange(isForEver_, true))
+        if (isForEver_)
+            return;
+        isForEver_ = true;
+        try {
             add();
+        } catch (...) {
+            isForEver_ = false;  // the next broker tries again
+            throw;
+        }
     }
     void join(TreflectORB& orb) OSW_REQUIRES_PERMISSION {
         if (server_)
@@ -56,7 +64,9 @@ private:
     bool isForEver_ OSW_GUARDED_BY_PERMISSION = false;
 };
 
-/** Whether there is, or was, such an object: then new brokers have to do with it. */
+/** Whether there is, was or will be such an object: then new brokers have to do with it. Set before
+ * the table of the brokers is read; who makes a broker writes it there before reading this. So one
+ * of the two sees the other. */
 std::atomic<bool> isOfUse{false};
 
 bool isAskedFor() {
@@ -72,20 +82,25 @@ void processobject::brokerPublished(TreflectORB& orb) {
         return;
     OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
-    OSWrap::withMemory([&orb] {
+    if (!BrokerView::isThere(orb))
+        return;  // deleted while the permission was waited for
+    bool const isDone = OSWrap::withMemory([&orb] {
         handlerthreads::assertPermission();
+        isOfUse = true;
         SharedServer::instance().join(orb);
         if (asked)
             SharedServer::instance().addForEver();
-        isOfUse = true;
     });
+    if (!isDone)
+        REFLECTORB_LOG(2, "TreflectProcessObject", "No memory for the process object at ORB 0x%08X",
+                       orb.termId().value());
 }
 
 TreflectProcessObject::TreflectProcessObject() {
     TreflectORB::getInstance(NSID_UNIT);
     WithPermission const permission;
-    SharedServer::instance().add();
     isOfUse = true;
+    SharedServer::instance().add();
 }
 
 TreflectProcessObject::~TreflectProcessObject() {

@@ -6,6 +6,11 @@
 #include "PumpObject.h"
 #include "ReflectActor.h"
 #include "Watcher.h"
+#include "reflect/process/Learning.h"
+#include "reflect/process/ProcessPublication.h"
+#include "reflect/process/ProcessServer.h"
+
+extern "C" __attribute__((weak)) std::size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
 
@@ -28,6 +33,13 @@ public:
         return "process/reflect_actor." + std::to_string(child().pid());
     }
 };
+
+/** The bytes that are in use. A sanitizer, which has a heap of its own, tells those. */
+std::size_t heap() {
+    std::size_t const used = mallinfo2().uordblks;
+    return __sanitizer_get_current_allocated_bytes ? __sanitizer_get_current_allocated_bytes()
+                                                   : used;
+}
 
 TreflectOrbId brokerOf(TreflectObject const& object) {
     return object.getStub_()->orbId();
@@ -196,12 +208,14 @@ TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
         bool const isTelling = broker.orbId == telling;
         EXPECT_EQ(TreflectProcessClient::of(broker.orbId).isConnected(), isTelling);
     }
-    auto const before = mallinfo2().uordblks;
+    std::size_t const before = heap();
     {
         TreflectProcessObject const first;
         TreflectProcessObject const second;
-        EXPECT_LT(mallinfo2().uordblks, before + 100 * 1024);
         TreflectProcessClient const process(oid(TreflectProcessObject::identifier()));
+        ASSERT_TRUE(process.classes() && process.describe(kClass));
+        ASSERT_TRUE(process.describe(kClass));
+        EXPECT_LT(heap(), before + 100 * 1024);
         EXPECT_EQ(process.getIdentity().value().pid, static_cast<unsigned int>(getpid()));
         prepareOrbForDeletion();
         EXPECT_TRUE(TreflectProcessClient::of(orb().orbId()).isConnected());
@@ -211,6 +225,23 @@ TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
         TreflectProcessObject const again;
         EXPECT_TRUE(TreflectProcessClient::of(orb().orbId()).isConnected());
     }
+}
+
+TEST_F(ProcessObject, IsFoundOnceByEachBrokerThatIsThere) {
+    TreflectProcessObject const object;
+    TreflectORB& before = orb();
+    auto const door = [this] {
+        TreflectOrbId const id = orb().orbId();
+        return orb().resolve(orb().convertId(id), ProcessServer::identifierAt(id));
+    };
+    unsigned int const found = door();
+    processobject::brokerPublished(before);
+    EXPECT_NE(found, 0u);
+    EXPECT_EQ(door(), found);
+    prepareOrbForDeletion();
+    ASSERT_NE(&orb(), &before);
+    processobject::brokerPublished(before);  // too late
+    EXPECT_NE(door(), 0u);
 }
 
 // ---- Learning -----------------------------------------------------------------------------------
@@ -270,6 +301,22 @@ TEST_F(Learned, ClassIsThatOfEachObjectsOwnProcess) {
     EXPECT_EQ(log_.count(4, "is not that of broker"), 1u);
     EXPECT_EQ(log_.count(5, "    - operation start"), 1u);
     EXPECT_EQ(log_.count(5, "    + operation getUnit"), 1u);
+}
+
+TEST_F(Learned, ClassesOfABrokerThatHasGoneAreForgotten) {
+    auto actor = std::make_unique<TellingActor>();
+    {
+        TreflectReleaseHandlerState const released;
+        actor->ask("pump going 1", "made");
+    }
+    TreflectOrbId const broker = brokerOf(TreflectObject(oid("going")));
+    auto const isKnown = [&] { return Learning::instance().find(pump::kClass, broker) != nullptr; };
+    EXPECT_TRUE(isKnown());
+    {
+        TreflectReleaseHandlerState const released;
+        actor.reset();
+    }
+    EXPECT_TRUE(inTime([&] { return !isKnown(); }));
 }
 
 TEST_F(Learned, NothingIsLearnedUnlessThatIsWantedAndToldOf) {
