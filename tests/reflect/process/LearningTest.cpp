@@ -135,13 +135,15 @@ TEST_F(LearningOf, NoMoreIsLearnedThanThereIsRoomFor) {
 TEST_F(LearningOf, MembersOfBasesAreThoseOfTheClass) {
     Descriptions classes = lineOf(2, 1);
     classes[1].operations = {operation("getLevel", 1)};
+    classes[1].operations[0].in = {{"unit", ""}};
     Description::Attribute level;
     level.name = "Level";
     classes[0].attributes = {level};
     Table const known("Other", kFirst, {}, {}, {});
     TreflectMetaObject const* const meta = admit(hashed(classes));
     ASSERT_TRUE(meta);
-    EXPECT_TRUE(meta->metaOperation_("getLevel"));
+    ASSERT_TRUE(meta->metaOperation_("getLevel"));
+    EXPECT_EQ(meta->metaOperation_("getLevel")->parameters().at("in0"), "");
     EXPECT_TRUE(meta->metaAttribute("Level"));
     // Other processes may use the id for another class: this is none of this program's mistakes.
     EXPECT_EQ(log_.count(3, "have one class id"), 0u);
