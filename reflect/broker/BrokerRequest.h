@@ -34,6 +34,11 @@ private:
     TipprmiStream response_;
 };
 
+/** Whether the transport knows a termination: it has come up and not gone. */
+inline bool exists(Transport::TerminationId const& termination) {
+    return Transport::TransportLayer::instance().exists(termination);
+}
+
 /** All brokers of the group of `orb`, itself included, in the order of their terminations. */
 inline std::list<Transport::TerminationId> membersOfGroup(TreflectORB const& orb) {
     return Transport::TransportLayer::instance().getGroup(orb.termId().groupId()).contains();

@@ -5,10 +5,10 @@
 #include "logging/Log.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/TreflectServerObject.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
 #include "reflect/broker/TreflectOrbParts.h"
-#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -42,8 +42,7 @@ std::vector<ClassRecords::Observers> ClassRecords::observers() const {
     for (auto const& entry : records_) {
         MetaData const& record = entry.second;
         for (NoticeKind const kind : {NoticeKind::Creation, NoticeKind::Deletion}) {
-            MetaData::Side const& side =
-                kind == NoticeKind::Creation ? record.creations : record.deletions;
+            MetaData::Side const& side = record.side(kind);
             all.push_back({record.classId,
                            kind,
                            side.observers.size(),
@@ -72,7 +71,7 @@ void ClassRecords::gotElsewhere(unsigned int classId, TreflectObject const& obje
                                 Transport::TerminationId const& sender, unsigned int since,
                                 std::function<void()> const& answer) {
     auto const found = records_.find(classId);
-    if (found == records_.end() || !Transport::TransportLayer::instance().exists(sender)) {
+    if (found == records_.end() || !exists(sender)) {
         answer();
         return;
     }
@@ -110,8 +109,7 @@ void ClassRecords::tellCreation(MetaData& record, TreflectObserver& observer,
 /** Whether a broker is there that has not been caught up with. */
 bool ClassRecords::isNewcomer(TreflectOrbId const& broker) const {
     return broker.namespaceId() == orb_.orbId().namespaceId() && broker != orb_.orbId() &&
-           caughtUpWith_.count(broker) == 0 &&
-           Transport::TransportLayer::instance().exists(orb_.convertId(broker));
+           caughtUpWith_.count(broker) == 0 && exists(orb_.convertId(broker));
 }
 
 // A callback may change the list, so it is walked anew after each. Those who are on their way into
@@ -175,7 +173,6 @@ void ClassRecords::forgetEverywhere(TreflectObserver const& observer) {
 }
 
 void ClassRecords::close() {
-    closed_ = true;
     for (auto& entry : records_)
         entry.second.forgetAll();
     subscriptions_.close();

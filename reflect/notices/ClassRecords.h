@@ -137,5 +137,4 @@ private:
     /** The brokers whose arrival is over: what is observed here is observed there, and what they
      * had has been told. */
     std::set<TreflectOrbId> caughtUpWith_ OSW_GUARDED_BY_PERMISSION;
-    bool closed_ OSW_GUARDED_BY_PERMISSION = false;
 };

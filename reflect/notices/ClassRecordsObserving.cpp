@@ -4,8 +4,9 @@
 #include "reflect/TreflectObserver.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/AllLevelsReleased.h"
+#include "reflect/broker/BrokerRequest.h"
+#include "reflect/broker/TreflectOrbParts.h"
 #include "reflect/notices/ClassRecords.h"
-#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -28,10 +29,6 @@ private:
     TreflectMutex& mutex_;
 };
 
-bool exists(Transport::TerminationId const& broker) {
-    return Transport::TransportLayer::instance().exists(broker);
-}
-
 }  // namespace
 
 // ---- Observers come and go ---------------------------------------------------------------------
@@ -39,7 +36,7 @@ bool exists(Transport::TerminationId const& broker) {
 bool ClassRecords::observe(NoticeKind kind, unsigned int classId, TreflectObserver& observer,
                            bool plusExisting) {
     WithPermission const permission;
-    if (closed_)
+    if (orb_.parts_->retired)
         return false;
     MetaData& record = getMetaData(classId);
     Registration registration(*this, record, kind, &observer);

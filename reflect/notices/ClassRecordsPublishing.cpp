@@ -1,5 +1,4 @@
 // The publisher's side: objects of this process, and the brokers that subscribed here.
-#include "handler_threads/WithPermission.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/notices/ClassRecords.h"

@@ -65,6 +65,9 @@ struct TreflectORB::MetaData {
     bool creationsSubscribed OSW_GUARDED_BY_PERMISSION = false;
 
     Side& side(NoticeKind kind) { return kind == NoticeKind::Creation ? creations : deletions; }
+    Side const& side(NoticeKind kind) const {
+        return kind == NoticeKind::Creation ? creations : deletions;
+    }
     bool isObserved() const OSW_REQUIRES_PERMISSION {
         return creations.isObserved() || deletions.isObserved();
     }

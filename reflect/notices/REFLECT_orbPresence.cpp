@@ -2,9 +2,9 @@
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/WithPermission.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
-#include "transport/TransportLayer.h"
 
 void TreflectORB::appeared(Transport::Termination& termination) {
     Transport::TerminationId const newcomer = termination.termId();
@@ -40,7 +40,7 @@ void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
 void TreflectORB::catchUpWith_(Transport::TerminationId const& newcomer) {
     {
         WithPermission const permission;
-        if (Transport::TransportLayer::instance().exists(newcomer))
+        if (exists(newcomer))
             orbAppeared(convertId(newcomer));
     }
     TreflectReleaseHandlerState const released;

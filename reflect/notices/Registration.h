@@ -4,7 +4,6 @@
 #include <map>
 #include <set>
 #include <utility>
-#include <vector>
 
 #include "handler_threads/RunPermission.h"
 #include "reflect/TreflectORB.h"

@@ -5,13 +5,8 @@
 #include "logging/Log.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/notices/MetaData.h"
-#include "transport/TransportLayer.h"
 
 namespace {
-
-bool exists(Transport::TerminationId const& target) {
-    return Transport::TransportLayer::instance().exists(target);
-}
 
 // Copies that look for nothing. What one that has gone while it answered had is not news.
 void readExisting(TipprmiStream& response, Transport::TerminationId const& target,

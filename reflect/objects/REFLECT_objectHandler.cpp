@@ -6,8 +6,8 @@
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/process/Learning.h"
-#include "transport/TransportLayer.h"
 
 std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
 
@@ -114,7 +114,7 @@ TreflectORB::TreflectObjectLocation TreflectObjectHandler::search(TipprmiOID con
         return TreflectORB::TreflectObjectLocation(oid);
     TreflectORB::TreflectObjectLocation const found = orb->locateObject(oid);
     bool const answered = found.hasOID() && found.getInternalOID() != 0 && !found.getServer();
-    if (answered && !Transport::TransportLayer::instance().exists(orb->convertId(found.orbId())))
+    if (answered && !exists(orb->convertId(found.orbId())))
         return TreflectORB::TreflectObjectLocation(oid);
     return found;
 }
