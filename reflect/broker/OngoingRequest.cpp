@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "handler_threads/PermissionWaiter.h"
+#include "ipprmi/BigEndian.h"
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
 #include "oswrap/FreeList.h"
@@ -13,8 +14,9 @@
 #include "oswrap/Thread.h"
 #include "reflect/TreflectMessage.h"
 #include "reflect/TreflectORB.h"
+#include "reflect/broker/BrokerRequest.h"
+#include "reflect/broker/CallHeader.h"
 #include "transport/IdInfo.h"
-#include "transport/TransportLayer.h"
 
 namespace {
 
@@ -25,8 +27,6 @@ int const waitPeriodSeconds = 30;
 OSWrap::TimeSpec const waitPeriod(waitPeriodSeconds, 0);
 /** The wait is given up after the period that completes so many minutes. */
 constexpr int kMostMinutes = 1;
-/** Object, whether a response is awaited, class code, method code. */
-constexpr int kCallHeaderSize = 16;
 
 }  // namespace
 
@@ -143,11 +143,14 @@ OngoingRequest::Glimpse OngoingRequest::glimpse() {
     if (!request_)
         return seen;
     seen.type = request_->type();
-    if (seen.type == TreflectMessage::tPayload) {
-        bool withResponse = false;
-        TipprmiStream call(*request_, false);
-        if (call.getUnreadSize() >= kCallHeaderSize)
-            call >> seen.object >> withResponse >> seen.classCode >> seen.methodCode;
+    TreflectMessage const& request = *request_;
+    unsigned char const* const payload = request.buf();
+    if (seen.type == TreflectMessage::tPayload && request.size() >= callheader::kEnd &&
+        ipprmi::loadBigEndian(payload) >= callheader::kSize) {
+        seen.object = ipprmi::loadBigEndian(payload + callheader::kObject);
+        seen.classCode = ipprmi::loadBigEndian(payload + callheader::kClassCode);
+        seen.methodCode =
+            static_cast<int>(ipprmi::loadBigEndian(payload + callheader::kMethodCode));
     }
     return seen;
 }
@@ -199,7 +202,7 @@ TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
         if (isLast)
             return timeOut(wait);
         Transport::TerminationId const target = toTerminationId();
-        wait.targetExists = Transport::TransportLayer::instance().exists(target);
+        wait.targetExists = exists(target);
         if (!wait.targetExists)
             return response_.load(std::memory_order_acquire);
         int const seconds = periods * waitPeriodSeconds;

@@ -42,7 +42,8 @@ public:
     /** The calling thread's record. */
     static OngoingRequest& getThreadInstance();
 
-    /** `request`, if given, stays as it is until the request has been taken out of its table. */
+    /** Type and payload of `request`, if given, stay as they are until the request has been taken
+     * out of its table; the rest of its head may change. */
     void setTransactionAndTerminationId(unsigned int id, Transport::TerminationId const& target,
                                         TreflectMessage const* request = nullptr);
     /** A wait for a response, which the broker may give up. */

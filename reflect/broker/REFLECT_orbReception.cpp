@@ -8,6 +8,7 @@
 #include "logging/LineLimit.h"
 #include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
+#include "reflect/broker/CallHeader.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
@@ -15,19 +16,15 @@
 
 namespace {
 
-constexpr unsigned int kStreamLengthSize = 4;
 /** What every message of a broker has. */
-constexpr std::size_t kShortestMessage = TreflectMessage::kHeaderSize + kStreamLengthSize;
-/** What the payload of a call begins with: the length of its stream, then the header of the call,
- * of which the second word tells whether a response is awaited. */
-constexpr unsigned int kCallHeadSize = kStreamLengthSize + 16;
-constexpr unsigned int kTransactionOffset = kStreamLengthSize + 4;
+constexpr std::size_t kShortestMessage =
+    TreflectMessage::kHeaderSize + callheader::kStreamLengthSize;
 
 /** A call for which nobody waits, on its way back. */
 bool isReturnedOneWay(TreflectMessage const& message) {
     return message.kind() == TreflectMessage::kNoDestination &&
-           message.type() == TreflectMessage::tPayload && message.size() >= kCallHeadSize &&
-           ipprmi::loadBigEndian(message.buf() + kTransactionOffset) == 0;
+           message.type() == TreflectMessage::tPayload && message.size() >= callheader::kEnd &&
+           ipprmi::loadBigEndian(message.buf() + callheader::kTransaction) == 0;
 }
 
 /** Of a message before it has come back: whether it ends somebody's wait. */
@@ -166,7 +163,7 @@ void TreflectORB::sendBack_(Transport::AddressedMessage const& message) {
     if (Transport::Termination(sender).issueError(message) == 1)
         return;
     std::size_t const size =
-        std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + kCallHeadSize);
+        std::min<std::size_t>(message.size(), TreflectMessage::kHeaderSize + callheader::kEnd);
     bool const awaited = TreflectMessage(message).kind() == TreflectMessage::kRequest;
     int sent = 0;
     auto const sendHead = [&] {

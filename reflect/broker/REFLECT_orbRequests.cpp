@@ -12,16 +12,14 @@
 #include "oswrap/UniqueIdGen.h"
 #include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/BrokerRequest.h"
+#include "reflect/broker/CallHeader.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
 #include "reflect/broker/forwardMsgCleanup.h"
 #include "transport/TransportLayer.h"
 
 namespace {
-
-/** What the header of a call's payload takes: internal object id, response wanted, class code,
- * method code. */
-constexpr int kCallHeaderSize = 16;
 
 char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
@@ -200,7 +198,7 @@ bool TreflectORB::OutgoingCall::failed(Handover handover, int code) {
  * handle invalid already, and no connection that fails again. One that the transport does not know
  * and that was never there may still come. */
 void TreflectORB::OutgoingCall::forgetGoneTarget(Handover handover) {
-    bool const gone = !Transport::TransportLayer::instance().exists(target_) &&
+    bool const gone = !exists(target_) &&
                       (orb_.parts_->presentOrbs.remove(target_) || handover == Handover::Done);
     TreflectObjectHandler* const handler = gone ? TreflectObjectHandler::getInstance() : nullptr;
     if (handler)
@@ -209,7 +207,7 @@ void TreflectORB::OutgoingCall::forgetGoneTarget(Handover handover) {
 
 bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, TipprmiStream& request,
                              TipprmiStream& response) {
-    if (request.getDataSize() < kCallHeaderSize)
+    if (request.getDataSize() < static_cast<int>(callheader::kSize))
         REFLECTORB_LOG(3, "REFLECT_orb",
                        "ORB 0x%08X forwardMsg message too short (iptr_=%d,size=%d)",
                        termId().value(), request.getDataSize(), request.getDataLimit());
