@@ -10,6 +10,7 @@
 #include "oswrap/OutOfMemory.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/broker/AllLevelsReleased.h"
+#include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
 
 namespace {
@@ -40,11 +41,6 @@ TipprmiSequence<unsigned int, 0u> knownClasses() {
 }
 
 }  // namespace
-
-void giveBackFurtherLevels() {
-    while (TreflectORB::hasRunPermission() && TreflectORB::getRunPermissionCount() > 1)
-        TreflectORB::releaseRunPermission();
-}
 
 void TreflectORB::IncomingMessage::serve() {
     switch (message_.type()) {
@@ -195,7 +191,7 @@ bool TreflectORB::IncomingMessage::callObject(TipprmiObjectSkeleton& object,
         answerCall(response, false);
         throw;
     }
-    giveBackFurtherLevels();
+    giveBackLevelsBeyond(1);
     // A response that did not get all that was written to it is of no use.
     return served && !response.hasMarshallingFailed();
 }

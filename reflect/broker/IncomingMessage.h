@@ -48,7 +48,3 @@ private:
     unsigned int cc_ = 0;
     int mc_ = 0;
 };
-
-/** Gives back what the application's code took of the run permission beyond the one level that a
- * worker has. */
-void giveBackFurtherLevels();

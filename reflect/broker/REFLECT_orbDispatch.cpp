@@ -8,6 +8,7 @@
 #include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/OutOfMemory.h"
+#include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/IncomingMessage.h"
 #include "reflect/broker/TreflectOrbParts.h"
 
@@ -92,7 +93,7 @@ void TreflectORB::WorkLoop::serve() {
     });
     if (served)
         return;
-    giveBackFurtherLevels();
+    giveBackLevelsBeyond(1);
     REFLECTORB_LOG_LIMITED(orb_.parts_->limits.noMemory, 2, "REFLECT_orb",
                            "ORB 0x%08X has no memory to serve 0x%08X", orb_.termId().value(),
                            message.originator().value());
