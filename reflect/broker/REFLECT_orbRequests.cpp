@@ -128,7 +128,8 @@ bool TreflectORB::OutgoingCall::chooseId() {
         case RequestTable::Beginning::Begun:
             break;
     }
-    id_ = {ticket.id, enter ? OngoingRequestId::Stage::Entered : OngoingRequestId::Stage::Chosen};
+    id_.value = ticket.id;
+    id_.stage = enter ? OngoingRequestId::Stage::Entered : OngoingRequestId::Stage::Chosen;
     message_.transactionId(ticket.id);
     if (enter)
         orb_.letAnswer_(target_);
@@ -148,7 +149,9 @@ void TreflectORB::OutgoingCall::reportReceivingThread() const {
 
 int TreflectORB::OutgoingCall::send() {
     OSWrap::DisableCancelStateGuard const noCancel;
-    return orb_.issueTo_(target_, message_);
+    int const issued = orb_.issueTo_(target_, message_);
+    id_.issued = issued == 1;
+    return issued;
 }
 
 bool TreflectORB::OutgoingCall::awaitResponse() {
@@ -315,9 +318,11 @@ forwardMsgCleanup::forwardMsgCleanup(TreflectORB::OngoingRequestId& id, bool res
 
 forwardMsgCleanup::~forwardMsgCleanup() {
     OSWrap::DisableCancelStateGuard const noCancel;
+    auto const answer =
+        id_.issued ? RequestTable::Answer::MayCome : RequestTable::Answer::CannotCome;
     // What has been delivered was taken out of the table before.
     if (id_.stage == TreflectORB::OngoingRequestId::Stage::Entered && !record_->delivered() &&
-        !orb_->parts_->ongoingRequests_.withdraw(id_.value, *record_)) {
+        !orb_->parts_->ongoingRequests_.withdraw(id_.value, *record_, answer)) {
         bool targetExists = true;
         record_->wait(true, responseAwaited_, targetExists, request_, orb_);
     }

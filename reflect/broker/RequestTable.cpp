@@ -15,12 +15,13 @@ RequestTable::Ticket RequestTable::begin(OngoingRequest& record, Transport::Term
     for (unsigned int tries = 0; tries < kCapacity; ++tries) {
         id = successor(id);
         Entry& slot = slots_[slotOf(id)];
-        if (slot.record)
+        if (!isFree(slot))
             continue;
         lastId_ = id;
         // Before the record can be found: a departure that takes it out must know its target.
         record.setTransactionAndTerminationId(id, target, request);
         if (enter) {
+            clear(slot);
             slot = {&record, target};
             ++entered_;
         }
@@ -42,14 +43,22 @@ OngoingRequest* RequestTable::take(unsigned int id) {
 void RequestTable::clear(Entry& slot) {
     if (slot.record)
         --entered_;
+    else if (slot.isAbandoned())
+        --abandoned_;
     slot = {};
 }
 
-bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record) {
+bool RequestTable::withdraw(unsigned int id, OngoingRequest const& record, Answer answer) {
     OSWrap::Lock<> const lock(mutex_);
     if (!isOurs(id) || slots_[slotOf(id)].record != &record)
         return false;
-    clear(slots_[slotOf(id)]);
+    Entry& slot = slots_[slotOf(id)];
+    Transport::TerminationId const target = slot.target;
+    clear(slot);
+    if (answer == Answer::MayCome && target.value() != 0) {
+        slot.target = target;
+        ++abandoned_;
+    }
     return true;
 }
 
@@ -58,9 +67,10 @@ RequestTable::Found RequestTable::take(unsigned int id, Transport::TerminationId
     if (!isOurs(id))
         return {};
     Entry& slot = slots_[slotOf(id)];
-    Found const found{slot.target == answerer ? slot.record : nullptr, slot.target};
-    if (found.record)
-        clear(slot);
+    Found const found = slot.record ? slot : Found();
+    if (slot.target != answerer)
+        return {nullptr, found.target};
+    clear(slot);
     return found;
 }
 
@@ -89,7 +99,7 @@ std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId ta
     std::vector<OngoingRequest*> records;
     OSWrap::Lock<> const lock(mutex_);
     auto const isOfTarget = [target](Entry const& slot) {
-        return slot.record && slot.target == target;
+        return (slot.record || slot.isAbandoned()) && slot.target == target;
     };
     // Before any is taken out, since memory may run out.
     records.reserve(
@@ -97,7 +107,8 @@ std::vector<OngoingRequest*> RequestTable::takeAllOf(Transport::TerminationId ta
     for (Entry& slot : slots_) {
         if (!isOfTarget(slot))
             continue;
-        records.push_back(slot.record);
+        if (slot.record)
+            records.push_back(slot.record);
         clear(slot);
     }
     return records;

@@ -20,9 +20,13 @@ public:
         Beginning beginning;
         unsigned int id;  // the new id; the last one given when there is none
     };
+    /** With a target and no record it is abandoned: nobody waits, but an answer may still come,
+     * which is not to be taken for that of a later request of the same id. */
     struct Entry {
         OngoingRequest* record = nullptr;
         Transport::TerminationId target;
+
+        bool isAbandoned() const { return !record && target.value() != 0; }
     };
     /** What an answer found: the record, if the one who answers was asked; else whom that request
      * went to, 0 when nobody waits under the id. */
@@ -38,15 +42,17 @@ public:
                  TreflectMessage const* request = nullptr);
     /** Takes a record out, to deliver to it; null when nobody waits under that id. */
     OngoingRequest* take(unsigned int id);
+    enum class Answer { CannotCome, MayCome };
     /** Takes out what `begin` entered for `record`. False when somebody has taken it out to deliver
-     * to it; the id may be another one's by now. */
-    bool withdraw(unsigned int id, OngoingRequest const& record);
+     * to it; the id may be another one's by now. An id whose answer may come rests until that has
+     * come, its target has gone, or no other id is free. */
+    bool withdraw(unsigned int id, OngoingRequest const& record, Answer answer);
     /** The same for an answer that comes from `answerer`; nothing is taken out if another one was
-     * asked. */
+     * asked. The answer to an abandoned request finds nothing, and frees its id. */
     Found take(unsigned int id, Transport::TerminationId answerer);
     /** Whether a request to `target` is outstanding. */
     bool awaits(Transport::TerminationId target);
-    /** Takes the records out whose requests went to `target`. */
+    /** Takes the records out whose requests went to `target`, which answers no more. */
     std::vector<OngoingRequest*> takeAllOf(Transport::TerminationId target);
     /** What those who wait wait for, for diagnostics. */
     std::vector<OngoingRequest::Glimpse> glimpse();
@@ -65,6 +71,10 @@ private:
     }
     /** Takes out what stands there, if anything. */
     void clear(Entry& slot) OSW_REQUIRES(mutex_);
+    /** Whether a new request may have the id of that slot. */
+    bool isFree(Entry const& slot) const OSW_REQUIRES(mutex_) {
+        return !slot.record && (!slot.isAbandoned() || entered_ + abandoned_ == kCapacity);
+    }
 
     /// The broker's request mutex. A record's own lock may be taken under it. Nothing is logged,
     /// sent or waited for under it.
@@ -73,5 +83,6 @@ private:
     bool closed_ OSW_GUARDED_BY(mutex_) = false;
     std::vector<Entry> slots_ OSW_GUARDED_BY(mutex_);     // kCapacity of them; none once closed
     unsigned int entered_ OSW_GUARDED_BY(mutex_) = 0;     // slots with a record
+    unsigned int abandoned_ OSW_GUARDED_BY(mutex_) = 0;   // slots with a target only
     std::size_t lastAwaited_ OSW_GUARDED_BY(mutex_) = 0;  // index that `awaits` found last
 };

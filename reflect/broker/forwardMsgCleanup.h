@@ -12,6 +12,7 @@ struct TreflectORB::OngoingRequestId {
     };
     unsigned int value = 0;
     Stage stage = Stage::None;
+    bool issued = false;  // it may be answered
 };
 
 /**

@@ -284,6 +284,7 @@ TEST(MessageQueue, workerThatCannotBeStartedIsAskedForAgain) {
 
 // ---- Requests that await their responses --------------------------------------------------------
 
+using Answer = RequestTable::Answer;
 using Beginning = RequestTable::Beginning;
 
 constexpr unsigned int kSeed = 0x00021234;
@@ -329,9 +330,58 @@ TEST(RequestTable, aCallEndsItsOwnEntryOnly) {
     }
     OngoingRequest next;
     EXPECT_EQ(table->begin(next, 7u, true).id, id);
-    EXPECT_FALSE(table->withdraw(id, cancelled));
-    EXPECT_TRUE(table->withdraw(id, next));
-    EXPECT_FALSE(table->withdraw(id, next));
+    EXPECT_FALSE(table->withdraw(id, cancelled, Answer::CannotCome));
+    EXPECT_TRUE(table->withdraw(id, next, Answer::CannotCome));
+    EXPECT_FALSE(table->withdraw(id, next, Answer::CannotCome));
+}
+
+// All other ids are given meanwhile, and a call of the same target is next.
+TEST(RequestTable, anAnswerThatComesTooLateIsNotThatOfALaterCall) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    OngoingRequest abandoned;
+    OngoingRequest next;
+    unsigned int const id = table->begin(abandoned, 7u, true).id;
+    EXPECT_TRUE(table->withdraw(id, abandoned, Answer::MayCome));
+    EXPECT_FALSE(table->awaits(7u));
+    while (table->begin(next, 7u, false).id != id - kStep) {
+    }
+    EXPECT_EQ(table->begin(next, 7u, true).id, id + kStep);
+    EXPECT_EQ(table->take(id, 8u).target.value(), 0u) << "of another one";
+    RequestTable::Found const late = table->take(id, 7u);
+    EXPECT_EQ(late.record, nullptr);
+    EXPECT_EQ(late.target.value(), 0u) << "nobody waits";
+    EXPECT_EQ(table->take(id + kStep, 7u).record, &next);
+
+    // The answer has come, so the id is given again; as when the target has gone.
+    while (table->begin(next, 7u, false).id != id - kStep) {
+    }
+    EXPECT_EQ(table->begin(next, 7u, true).id, id);
+    EXPECT_TRUE(table->withdraw(id, next, Answer::MayCome));
+    EXPECT_TRUE(table->takeAllOf(8u).empty());
+    EXPECT_TRUE(table->takeAllOf(7u).empty());
+    while (table->begin(next, 7u, false).id != id - kStep) {
+    }
+    EXPECT_EQ(table->begin(next, 7u, true).id, id);
+}
+
+TEST(RequestTable, abandonedIdsAreGivenWhenNoOtherIsFree) {
+    auto const table = std::make_unique<RequestTable>(kSeed);
+    std::vector<OngoingRequest> records(RequestTable::kCapacity);
+    for (OngoingRequest& record : records)
+        table->begin(record, 7u, true);
+    EXPECT_TRUE(table->withdraw(kSeed + 5 * kStep, records[4], Answer::MayCome));
+    EXPECT_TRUE(table->withdraw(kSeed + 3 * kStep, records[2], Answer::MayCome));
+    EXPECT_EQ(table->take(kSeed + 9 * kStep, 7u).record, &records[8]);
+    OngoingRequest first;
+    OngoingRequest second;
+    OngoingRequest third;
+    EXPECT_EQ(table->begin(first, 7u, true).id, kSeed + 9 * kStep);
+    EXPECT_EQ(table->begin(second, 7u, true).id, kSeed + 3 * kStep);
+    EXPECT_EQ(table->begin(third, 7u, true).id, kSeed + 5 * kStep);
+    OngoingRequest late;
+    EXPECT_EQ(table->begin(late, 7u, true).beginning, Beginning::Exhausted);
+    EXPECT_EQ(table->take(kSeed + 3 * kStep, 7u).record, &second);
+    EXPECT_EQ(table->close().size(), RequestTable::kCapacity - 1);
 }
 
 TEST(RequestTable, closedItAnswersAllThatWaitAndTakesNoMore) {
@@ -342,7 +392,7 @@ TEST(RequestTable, closedItAnswersAllThatWaitAndTakesNoMore) {
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].record, &waiting);
     EXPECT_EQ(table->take(id), nullptr);
-    EXPECT_FALSE(table->withdraw(id, waiting));
+    EXPECT_FALSE(table->withdraw(id, waiting, Answer::MayCome));
     EXPECT_TRUE(table->takeAllOf(7u).empty());
     EXPECT_EQ(table->begin(waiting, 7u, true).beginning, Beginning::Closed);
     EXPECT_TRUE(table->close().empty());
