@@ -60,7 +60,7 @@ public:
      * Tells the observers of one kind of a call on `source`, in the order of their registration;
      * all of them, whatever they answer. False when one that was reached answered false, or when
      * this object was destroyed meanwhile. One that was not reached, or whose `update` threw, has
-     * no say and has a registration ended.
+     * no say and has a registration ended, by unRegisterObserver, which spares its guards then.
      * Observers may be registered and removed meanwhile, which changes nothing for this call.
      */
     virtual bool notifyObservers(TreflectObject const& source, unsigned int kind,
@@ -116,7 +116,7 @@ private:
     bool askGuard(TreflectObserverClient const& client, TreflectObject const& source,
                   Key const& key, TipprmiSequence<TipprmiAny, 0u> const& arguments);
     void noteGuard(TreflectObserverClient const& client, Key const& key, bool lost);
-    static void removeFirst(Observers* observers, TreflectObserverClient const& client);
+    void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
     // Made with the first registration.
     std::unique_ptr<Observers> preObservers_ OSW_GUARDED_BY_PERMISSION;

@@ -1,4 +1,5 @@
 #include <deque>
+#include <utility>
 #include <vector>
 
 #include "logging/LineLimit.h"
@@ -14,6 +15,24 @@ bool isThere(TreflectObserverClient const& client) {
     TreflectObjectStub const* const stub = client.getStub_();
     return stub && stub->isValid();
 }
+
+// Of the calling thread: whose guards stay when a registration of their observer is ended.
+thread_local TreflectObservable const* guardsStayOf = nullptr;
+
+/** While an observer is dropped that was not reached: it may be a guard elsewhere, and that a guard
+ * has gone is no reason to forget it. Touches nothing of the observable, which may be destroyed
+ * meanwhile. */
+class GuardsStay {
+public:
+    explicit GuardsStay(TreflectObservable const& observable)
+        : outer_(std::exchange(guardsStayOf, &observable)) {}
+    ~GuardsStay() { guardsStayOf = outer_; }
+    GuardsStay(GuardsStay const&) = delete;
+    GuardsStay& operator=(GuardsStay const&) = delete;
+
+private:
+    TreflectObservable const* const outer_;
+};
 
 }  // namespace
 
@@ -90,8 +109,9 @@ unsigned int TreflectObservable::removeLostGuards(unsigned int cc, unsigned int 
 void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClient const& client) {
     if (!observers)
         return;
+    bool const guardsStay = guardsStayOf == this;
     for (auto at = observers->begin(); at != observers->end(); ++at) {
-        if (at->second.client == client) {
+        if (at->second.client == client && !(guardsStay && at->second.guards)) {
             observers->erase(at);
             return;
         }
@@ -188,8 +208,10 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
             agreed = false;
     }
     for (TreflectObserverClient const* const client : unreached) {
-        if (!life.ended())
-            unRegisterObserver(*client);
+        if (life.ended())
+            break;
+        GuardsStay const guardsStay(*this);
+        unRegisterObserver(*client);
     }
     return agreed && !life.ended();
 }

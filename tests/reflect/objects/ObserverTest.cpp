@@ -416,6 +416,32 @@ TEST_F(RemoteObserver, ThatGuardsAndThrowsOrIsDestroyedForbids) {
     EXPECT_FALSE(isObserved());
 }
 
+TEST_F(RemoteObserver, ThatGuardsStaysAGuardWhenAnotherRegistrationOfItEnds) {
+    auto actor = std::make_unique<ReflectActor>();
+    EXPECT_EQ(actor->ask("guard w lamp setLevel", "guarding"), "1");
+    actor->observe("w", "lamp", "getLevel", "after");
+    actor->child().kill();
+    actor->child().waitForExit();
+    permitted([&] {
+        EXPECT_TRUE(TreflectObject(lamp_.get()).attribute("Level").fetch<unsigned int>());
+        EXPECT_FALSE(lamp_->postObserverAvailable(lamp::kClass, lamp::kLevel)) << "it has ended";
+    });
+    EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed);
+    EXPECT_EQ(permitted([&] { return lostGuards(); }), 1u);
+
+    auto guard = makePermitted<Watcher>("guard", [] { throw std::runtime_error("no"); });
+    permitted([&] {
+        TreflectObject const lamp(lamp_.get());
+        EXPECT_TRUE(lamp.operation("setLevel").guard(guard.get()));
+        EXPECT_TRUE(lamp.operation("setLevel").preObserve(guard.get()));
+    });
+    EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed) << "and the other registration has ended";
+    guard.reset();
+    EXPECT_EQ(storeHere(5), TipprmiFailure::kVetoed);
+    EXPECT_EQ(permitted([&] { return lostGuards(); }), 1u);
+    EXPECT_EQ(storeHere(5), kStored);
+}
+
 TEST_F(RemoteObserver, WhoseProcessIsKilledWhileItIsToldLetsTheCallGoOn) {
     ReflectActor actor;
     actor.observe("w", "lamp", "setLevel", "before");
