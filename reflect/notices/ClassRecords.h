@@ -118,6 +118,7 @@ private:
     bool isNewcomer(TreflectOrbId const& broker) const OSW_REQUIRES_PERMISSION;
     static void tellExisting(MetaData& record, Registration& registration) OSW_REQUIRES_PERMISSION;
     void cancelUnlessObserved(NoticeKind kind, MetaData& record) OSW_REQUIRES_PERMISSION;
+    void cancel(NoticeKind kind, MetaData& record) OSW_REQUIRES_PERMISSION;
     void catchUpClass(MetaData& record, TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
     void tellOfMissedDeletions(MetaData& record,
                                Registration const& telling) OSW_REQUIRES_PERMISSION;

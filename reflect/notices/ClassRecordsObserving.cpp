@@ -88,14 +88,20 @@ void ClassRecords::removeObserver(unsigned int classId, TreflectObserver& observ
 // hears meanwhile do no harm.
 void ClassRecords::endObserving(NoticeKind kind, unsigned int classId, TreflectObserver& observer) {
     WithPermission const permission;
-    MetaData& record = getMetaData(classId);
+    auto const found = records_.find(classId);
+    if (found == records_.end())
+        return;
+    MetaData& record = found->second;
     if (kind == NoticeKind::Creation)
         record.forget(observer);
-    record.side(kind).forget(observer);
-    for (NoticeKind const each : {NoticeKind::Creation, NoticeKind::Deletion}) {
-        if (!record.isObserved())
-            cancelUnlessObserved(each, record);
-    }
+    if (!record.side(kind).forget(observer) || record.isObserved())
+        return;
+    SubscribingLock const lock(record.subscribing);
+    // Others may have come while that was waited for.
+    if (record.isObserved())
+        return;
+    record.creationsSubscribed = false;
+    cancel(kind, record);
 }
 
 void ClassRecords::cancelUnlessObserved(NoticeKind kind, MetaData& record) {
@@ -104,10 +110,14 @@ void ClassRecords::cancelUnlessObserved(NoticeKind kind, MetaData& record) {
     SubscribingLock const lock(record.subscribing);
     if (record.side(kind).isObserved())
         return;
-    // The group forgets both kinds, and so it may tell of anything anew.
-    record.forgetHeard();
     if (kind == NoticeKind::Creation)
         record.creationsSubscribed = false;
+    cancel(kind, record);
+}
+
+/** The group forgets both kinds, and so it may tell of anything anew. */
+void ClassRecords::cancel(NoticeKind kind, MetaData& record) {
+    record.forgetHeard();
     subscriptions_.cancelAtAll(kind, record.classId);
 }
 

@@ -33,12 +33,17 @@ bool MetaData::Side::begin(ObjectPlace const& place, TreflectObserver const& obs
     return first;
 }
 
-void MetaData::Side::forget(TreflectObserver const& observer) {
-    observers.erase(std::remove(observers.begin(), observers.end(), &observer), observers.end());
+bool MetaData::Side::forget(TreflectObserver const& observer) {
+    auto const first = std::remove(observers.begin(), observers.end(), &observer);
+    bool found = first != observers.end();
+    observers.erase(first, observers.end());
     for (Registration& registration : registrations) {
-        if (registration.isOf(observer))
-            registration.end();
+        if (!registration.isOf(observer))
+            continue;
+        registration.end();
+        found = true;
     }
+    return found;
 }
 
 void MetaData::Side::forgetObservers() {

@@ -33,8 +33,9 @@ struct TreflectORB::MetaData {
          * well; false when one of them has told it. */
         bool begin(ObjectPlace const& place,
                    TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
-        /** The observer leaves the list, or does not get into it. */
-        void forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
+        /** The observer leaves the list, or does not get into it; false when it was neither in it
+         * nor on its way. */
+        bool forget(TreflectObserver const& observer) OSW_REQUIRES_PERMISSION;
         /** The broker is being deleted. */
         void forgetObservers() OSW_REQUIRES_PERMISSION;
     };

@@ -1,5 +1,5 @@
-// Notices that overlap each other, registrations, and the arrival of brokers: each observer hears
-// of each object once, and in order.
+// Notices that overlap each other, registrations and arrivals of brokers: each observer hears of
+// each object once, and in order.
 #include "NoticeTest.h"
 
 namespace {
@@ -43,6 +43,36 @@ TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoEntersTheListMeanwhile) {
     EXPECT_EQ(told(first), Names{"lamp"});
     EXPECT_EQ(told(second), Names{"lamp"});
     registering.join();
+}
+
+// While the group is being asked for it, the only observer ends, and then there is another one.
+TEST_F(NoticeOverlapTest, endOfAnObserverDoesNotSilenceWhoRegistersMeanwhile) {
+    auto const slow = arrived(Neighbour::each(kSubscribeCreations));
+    Watcher& ending = watcher();
+    Watcher& coming = watcher();
+    std::thread registering([&] { observe(ending); });
+    slow->awaitHeld();
+    // Each of them has the permission until it waits for the neighbour's answer.
+    auto const untilItWaits = [](std::function<void()> const& work) {
+        auto const begun = std::make_shared<testsupport::Gate>();
+        std::thread thread([work, begun] {
+            permitted([&] {
+                begun->open();
+                work();
+            });
+        });
+        EXPECT_TRUE(begun->wait());
+        permitted([] {});
+        return thread;
+    };
+    std::thread ends = untilItWaits([&] { lamps().endCreations(&ending); });
+    std::thread comes = untilItWaits([&] { observeDeletions(coming); });
+    slow->answerHeld();
+    for (std::thread* const one : {&registering, &ends, &comes})
+        one->join();
+    EXPECT_EQ(slow->count(kSubscribeDeletions), 1u);
+    EXPECT_EQ(slow->count(TreflectMessage::tOCNUnsubscribe), 0u);
+    EXPECT_EQ(slow->count(TreflectMessage::tODNUnsubscribe), 0u);
 }
 
 TEST_F(NoticeOverlapTest, creationIsToldOnceToWhoRegistersWhileItIsBeingPublishedToOthers) {
