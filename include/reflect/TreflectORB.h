@@ -245,6 +245,7 @@ private:
     class WorkLoop;
 
     explicit TreflectORB(NamespaceId const& ns);
+    void receiveResponseFailure_(TreflectMessage const& message);
     void deliverResponse_(TreflectMessage const& response);
     /** Whether a shortage of memory or threads is waited for a little: what has been queued may
      * have nobody else to serve it. */

@@ -105,6 +105,11 @@ int Identity::silence() {
     return silence_;
 }
 
+void Identity::setFailOnSilence(bool on) {
+    OSWrap::Lock<> lock(mutex_);
+    silence_ = on ? kFail : kAbort;
+}
+
 /** False when the environment's list makes no sense. */
 bool Identity::resolveAxuSlots() {
     if (axuState_ != AxuState::Unresolved)

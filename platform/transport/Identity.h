@@ -46,7 +46,7 @@ public:
     bool setActor(std::string const& name);
     bool setBacklog(Backlog const& most);
     bool setDirectory(std::string const& path);
-    void setFailOnSilence(bool on) { silence_ = on ? kFail : kAbort; }
+    void setFailOnSilence(bool on);
 
     /** All values, or nothing, with log lines, when one of them makes no sense. */
     std::optional<IdentitySnapshot> snapshot();

@@ -49,14 +49,7 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
     TreflectMessage const message(addressed);
     switch (message.kind()) {
         case TreflectMessage::kResponseFailure:
-            REFLECTORB_LOG(0, "REFLECT_orb",
-                           "ORB 0x%08X received response failure message from 0x%08X",
-                           termId().value(), message.originator().value());
-            message.testValidation(TreflectMessage::kResponseFailure, 0, "", true, 0);
-            if (!Transport::IdInfo::instance().failsOnSilence())
-                resetUnit();
-            REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X goes on instead of an abort",
-                           termId().value());
+            receiveResponseFailure_(message);
             return true;
         case TreflectMessage::kResponse:
         case TreflectMessage::kNoDestination:
@@ -67,6 +60,21 @@ bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
                 sendBack_(addressed);
             return true;
     }
+}
+
+/** A process that goes on may be told again and again. */
+void TreflectORB::receiveResponseFailure_(TreflectMessage const& message) {
+    bool const goesOn = Transport::IdInfo::instance().failsOnSilence();
+    unsigned long heldBack = 0;
+    if (goesOn && !parts_->limits.responseFailure.pass(heldBack))
+        return;
+    REFLECTORB_LOG(0, "REFLECT_orb", "ORB 0x%08X received response failure message from 0x%08X",
+                   termId().value(), message.originator().value());
+    message.testValidation(TreflectMessage::kResponseFailure, 0, "", true, 0);
+    if (!goesOn)
+        resetUnit();
+    REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X goes on instead of an abort", termId().value());
+    Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
 }
 
 /** An answer is sent once more: who waits for it may be there, and have closed the channel for want

@@ -58,6 +58,7 @@ struct TreflectORB::Parts {
         Logging::LineLimit notAnswered;
         Logging::LineLimit notResolved;
         Logging::LineLimit unreadable;
+        Logging::LineLimit responseFailure;
     } limits;
     /** Answers for when there is no memory for one. */
     struct Reserve {

@@ -250,4 +250,26 @@ TEST_F(DiagnosticsTest, resetCollectsLogsAndAbortsWhateverComesOfIt) {
     }
 }
 
+TEST_F(DiagnosticsTest, whoGoesOnAndIsToldOfSilenceAgainAndAgainDoesNotFillItsLog) {
+    struct GoesOn {
+        GoesOn() { Transport::Setup::failOnSilence(true); }
+        ~GoesOn() { Transport::Setup::failOnSilence(false); }
+    } const goesOn;
+    RawPeer peer(group());
+    TreflectMessage failure =
+        peer.make(1, TreflectMessage::tPayload, TreflectMessage::kResponseFailure);
+    constexpr int kTold = 200;
+    for (int i = 0; i < kTold; ++i)
+        EXPECT_TRUE(testsupport::eventually([&] { return peer.send(broker(), failure) == 1; }));
+    // What it sends is received in turn.
+    TreflectMessage query = peer.make(2, TreflectMessage::tPerfCounters, TreflectMessage::kRequest);
+    peer.send(broker(), query);
+    EXPECT_EQ(peer.await(0).kind(), TreflectMessage::kResponse);
+    for (auto const& [level, text] :
+         {std::pair(0, "received response failure message"), {3, "goes on instead of an abort"}}) {
+        EXPECT_GE(log_.count(level, text), 5u);
+        EXPECT_LT(log_.count(level, text), kTold / 4u);
+    }
+}
+
 }  // namespace
