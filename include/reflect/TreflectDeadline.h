@@ -12,9 +12,10 @@
  *
  * A call that waits for another process until then fails with TipprmiFailure::kTimedOut; whether it
  * is served is unknown, and its answer is dropped when it comes. A call that begins later fails at
- * once and is not sent. That holds for searches of objects and for calls that are made by objects
- * of this process on behalf of this thread, too, and so a nested call gets what is left. In a scope
- * within another one the earlier of the two counts.
+ * once and is not sent. That holds for searches of objects, for queries of brokers and their
+ * counters, and for calls that are made by objects of this process on behalf of this thread, too,
+ * and so a nested call gets what is left. In a scope within another one the earlier of the two
+ * counts.
  *
  * Not bounded are: calls that nobody answers, notices of creations and deletions, notices to
  * observers of calls, an object's entry among its parent's children and its end there; what an

@@ -165,8 +165,9 @@ public:
      * Asks a broker, which may be this one, for its counters: what it has sent to each destination
      * since it was last asked by anybody; the answer starts them afresh. A request that is under
      * way then is among the sent ones of this answer; if it fails, among the failed ones of the
-     * next. Empty when the broker did not answer, or not readably. Waits as forwardMsg does. Any
-     * thread.
+     * next. Empty when the broker did not answer, or not readably. Waits as forwardMsg does, no
+     * longer than until the thread's TreflectDeadline: what an answer tells that comes later is
+     * lost. Any thread.
      */
     PerfCntInfo getPerfCnts(Transport::TerminationId const& target) const;
     /** Asks all other brokers of the group in turn, in ascending order of their terminations; one

@@ -28,6 +28,12 @@ public:
         }
         return *last_;
     }
+    /** A call that fails before it is sent counts like any other. */
+    void addUnsent(Transport::TerminationId target) {
+        Counters& counters = of(target);
+        ++counters.sent;
+        ++counters.failed;
+    }
     /** All of them, in the order of their destinations. */
     Records all() const {
         Records records;

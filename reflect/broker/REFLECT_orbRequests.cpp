@@ -25,11 +25,17 @@ char const* trueOrFalse(bool value) {
     return value ? "true" : "false";
 }
 
-/** Calls and searches have that of their thread; notices reach everybody, however long it takes. */
+/** Calls and queries have that of their thread; subscriptions and notices reach everybody, however
+ * long it takes. */
 long long deadlineOf(TreflectMessage const& message) {
-    bool const isNotice =
-        message.type() != TreflectMessage::tPayload && message.type() != TreflectMessage::tResolve;
-    return isNotice ? TreflectDeadline::kNever : TreflectDeadline::endOfThread();
+    switch (message.type()) {
+        case TreflectMessage::tPayload:
+        case TreflectMessage::tResolve:
+        case TreflectMessage::tPerfCounters:
+            return TreflectDeadline::endOfThread();
+        default:
+            return TreflectDeadline::kNever;
+    }
 }
 
 }  // namespace
@@ -224,9 +230,7 @@ bool TreflectORB::forwardMsg(TreflectOrbId const& target, bool withResponse, Tip
         if (!visit.admitted())
             return false;
         WithPermission const permission;
-        PerformanceCounters::Counters& counters = parts_->counters.of(convertId(target));
-        ++counters.sent;
-        ++counters.failed;
+        parts_->counters.addUnsent(convertId(target));
         return false;
     }
     request.msg().type(TreflectMessage::tPayload);
@@ -248,6 +252,8 @@ bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,
     if (deadline != TreflectDeadline::kNever && deadline <= OSWrap::Clock::nowNanoseconds()) {
         // The others have their turn, as in every call: it may be made again and again.
         TreflectReleaseHandlerState const released;
+        WithPermission const permission;
+        parts_->counters.addUnsent(target);
         writeGeneralException(response, TipprmiFailure::kTimedOut);
         return false;
     }

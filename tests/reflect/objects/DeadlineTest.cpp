@@ -18,6 +18,7 @@ protected:
         held_ = &handle_.attribute("Held");
         level_ = &handle_.attribute("Level");
     }
+    Transport::TerminationId far() { return orb().convertId(handle_.getStub_()->orbId()); }
     TipprmiResult<unsigned int> fetchHeld() { return held_->fetch<unsigned int>(); }
     /** Has a call time out while its object holds it, and answers how many it took: where the
      * machine is so busy that the time has passed before the call is there, another one has twice
@@ -81,16 +82,27 @@ TEST_F(DeadlineTest, IsTheEarliestOfThoseAround) {
 }
 
 TEST_F(DeadlineTest, ThatHasPassedSendsNothing) {
+    orb().getPerfCnts(broker());  // counts from now on
     {
         TreflectDeadline const within(milliseconds(-1));
         EXPECT_EQ(TipprmiFailure::kTimedOut, level_->store(9u).code());
         EXPECT_EQ(TipprmiFailure::kTimedOut,
                   tipprmiCall<void>(handle_, lamp::kClass, lamp::kLevel + 1, 9u).code());
+        EXPECT_EQ("", orb().getPerfCnts(far()).actor);
         EXPECT_FALSE(TreflectObject(oid("nowhere")).isConnected());
         EXPECT_TRUE(tipprmiSend(handle_, device::kClass, device::kPing));
         LampObject const own("own");
         EXPECT_TRUE(TreflectObject(&own).attribute("Level").fetch<unsigned int>());
     }
+    EXPECT_NE("", orb().getPerfCnts(far()).actor);
+    TreflectORB::PerfCntInfo const counted = orb().getPerfCnts(broker());
+    TreflectORB::PerfCnts calls;
+    for (unsigned int i = 0; i < counted.counters.getLength(); ++i) {
+        if (counted.counters[i].termination == far())
+            calls = counted.counters[i];
+    }
+    EXPECT_EQ(calls.failed, 5u) << "two calls, a query, and two searches for an object";
+    EXPECT_EQ(calls.sent, calls.failed + 2u) << "one that nobody answers, and a query";
     EXPECT_EQ(actor_.ask("level far", "level"), "1");
     EXPECT_TRUE(testsupport::eventually([this] { return actor_.ask("pings far", "pings") == "1"; }))
         << "nobody waits for that";
