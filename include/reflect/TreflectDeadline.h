@@ -17,11 +17,12 @@
  * and so a nested call gets what is left. In a scope within another one the earlier of the two
  * counts.
  *
- * Not bounded are: calls that nobody answers, notices of creations and deletions, notices to
- * observers of calls, an object's entry among its parent's children and its end there; what an
- * object of this process does itself; and the time until the thread has the run permission again,
- * which others may keep. Without any deadline a call waits as long as its target lives, for a
- * minute at most.
+ * Not bounded are: calls that nobody answers; registrations of observers of creations and deletions
+ * and their end; notices of creations and deletions, notices to observers of calls, and what
+ * observers of this process do in them; an object's entry among its parent's children and its end
+ * there; what an object of this process does itself; and the time until the thread has the run
+ * permission again, which others may keep. Without any deadline a call waits as long as its target
+ * lives, for a minute at most.
  *
  * Lives on the stack of one thread.
  */

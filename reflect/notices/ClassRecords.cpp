@@ -3,6 +3,7 @@
 
 #include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
+#include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/BrokerRequest.h"
@@ -84,6 +85,8 @@ void ClassRecords::gotElsewhere(unsigned int classId, TreflectObject const& obje
 // An exception of one observer is caught here, so that the other observers are called all the same.
 void ClassRecords::tellOne(TreflectObserver& observer, TreflectObject const& object) {
     CallbackScope const restored;
+    // Of whoever announces the object; what the observer does is not its business.
+    TreflectDeadline::Suspension const unbounded;
     observer.setSource(&object);
     containErrors([&] { observer.update(); },
                   [&](char const* thrown) {

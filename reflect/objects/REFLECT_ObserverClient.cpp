@@ -16,6 +16,9 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
                                     unsigned int const& mc,
                                     TipprmiSequence<TipprmiAny, 0u> const& arguments,
                                     bool& alive) const {
+    // One who is not waited for would be taken for gone, and forgotten; and what an observer of
+    // this process does is not bounded by the caller's deadline either.
+    TreflectDeadline::Suspension const untilItAnswers;
     // Anything may have been registered as an observer; what is none does not answer a request.
     TipprmiObjectSkeleton* const server = getServer();
     TreflectServerObject* const object = server ? server->reflective() : nullptr;
@@ -25,8 +28,6 @@ bool TreflectObserverClient::notify(TreflectObject const& source, unsigned int c
     TreflectObjectStub* const stub = getStub_();
     if (!stub)
         return false;
-    // One who is not waited for would be taken for gone, and forgotten.
-    TreflectDeadline::Suspension const untilItAnswers;
     StubInUse const inUse(*stub);
     TipprmiStream request(TipprmiStream::kUsualSize);
     TipprmiStream response = TipprmiStream::withoutBuffer_();

@@ -2,12 +2,16 @@
 #include "BrokerTest.h"
 #include "ReflectActor.h"
 #include "ReflectiveClasses.h"
+#include "Thing.h"
+#include "Watcher.h"
 
 namespace {
 
 using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+
+constexpr unsigned int kThingClass = 0x7301;
 
 class DeadlineTest : public BrokerTest {
 protected:
@@ -106,6 +110,22 @@ TEST_F(DeadlineTest, ThatHasPassedSendsNothing) {
     EXPECT_EQ(actor_.ask("level far", "level"), "1");
     EXPECT_TRUE(testsupport::eventually([this] { return actor_.ask("pings far", "pings") == "1"; }))
         << "nobody waits for that";
+}
+
+TEST_F(DeadlineTest, DoesNotBoundWhatObserversDo) {
+    std::vector<bool> answered;
+    Watcher watcher("watcher",
+                    [&] { answered.push_back(static_cast<bool>(level_->fetch<unsigned int>())); });
+    LampObject const own("own");
+    TreflectObject const ownHandle(&own);
+    Thing const thing("thing", kThingClass);
+    EXPECT_TRUE(ownHandle.operation("setLevel").preObserve(&watcher));
+    EXPECT_TRUE(thingClass(kThingClass).observeCreations(&watcher, false));
+    TreflectDeadline const passed(milliseconds(0));
+    EXPECT_TRUE(ownHandle.attribute("Level").store(5u));
+    thing.come();
+    EXPECT_EQ(answered, (std::vector<bool>{true, true}));
+    EXPECT_EQ(TipprmiFailure::kTimedOut, level_->fetch<unsigned int>().code());
 }
 
 /** Asks an object of another process on behalf of its caller. */
