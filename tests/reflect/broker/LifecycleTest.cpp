@@ -9,6 +9,7 @@
 #include "RawPeer.h"
 #include "ReflectActor.h"
 #include "Resources.h"
+#include "Threads.h"
 #include "Watcher.h"
 
 namespace {
@@ -19,7 +20,8 @@ using std::chrono::steady_clock;
 /** A deletion on a thread of its own, once it has taken the broker from the transport. */
 class Deletion {
 public:
-    explicit Deletion(Transport::TerminationId broker) {
+    explicit Deletion(Transport::TerminationId broker, std::function<void()> atItsEnd = {})
+        : atItsEnd_(std::move(atItsEnd)) {
         EXPECT_TRUE(testsupport::eventually(
             [broker] { return !Transport::TransportLayer::instance().exists(broker); }));
     }
@@ -28,8 +30,12 @@ public:
     testsupport::Gate over;
 
 private:
+    std::function<void()> const atItsEnd_;
     std::thread thread_{[this] {
+        pthread_setname_np(pthread_self(), "deletes");
         prepareOrbForDeletion();
+        if (atItsEnd_)
+            atItsEnd_();
         over.open();
     }};
 };
@@ -37,8 +43,9 @@ private:
 class LifecycleTest : public BrokerTest {
 protected:
     /** An object that is being called. */
-    Permitted<Probe> heldProbe(RawPeer& caller) {
-        auto probe = makePermitted<Probe>("slow");
+    template <class Held = Probe>
+    Permitted<Held> heldProbe(RawPeer& caller) {
+        auto probe = makePermitted<Held>("slow");
         caller.sendCall(broker(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
         EXPECT_TRUE(probe->entered().wait());
         return probe;
@@ -202,11 +209,29 @@ TEST_F(LifecycleTest, deletedBrokersKeepNoDescriptors) {
     EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors() <= before; }));
 }
 
+/** Notes that it has served a call. */
+class Serving : public Probe {
+public:
+    using Probe::Probe;
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        bool const done = Probe::dispatch(withResponse, cc, mc, in, out);
+        served = true;
+        return done;
+    }
+    std::atomic<bool> served{false};
+};
+
 TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     RawPeer peer(group());
-    auto const probe = heldProbe(peer);
-    Deletion deletion(broker());
-    EXPECT_FALSE(deletion.over.isOpen());
+    auto const probe = heldProbe<Serving>(peer);
+    Deletion deletion(broker(), [&] { EXPECT_TRUE(probe->served); });
+    // The deletion waits, and not for the receiving thread: that of the peer is left.
+    EXPECT_TRUE(testsupport::eventually([&] {
+        return deletion.over.isOpen() || (testsupport::statesOfThreads("Receiver").size() == 1 &&
+                                          !testsupport::statesOfThreads("OrbObsWorker").empty() &&
+                                          testsupport::statesOfThreads("deletes") == "S");
+    }));
     EXPECT_EQ(TreflectORB::getInstance(NSID_NODE), nullptr) << "none is made meanwhile";
     probe->release();
 }

@@ -96,6 +96,7 @@ TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
         testsupport::Gate entered;
         testsupport::Gate released;
         std::atomic<bool> over{false};
+        std::atomic<bool> done{false};
         auto listener = std::make_unique<BrokerListener>([&](auto const&) {
             TreflectReleaseHandlerState const given;
             entered.open();
@@ -111,22 +112,23 @@ TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
             std::make_unique<RawPeer>(group());
         }
         ASSERT_TRUE(entered.wait());
-        std::thread releasing([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            released.open();
-        });
-        {
+        std::thread unregistering([&] {
+            pthread_setname_np(pthread_self(), "unregisters");
             TreflectHandlerState const handlerState(true);
             orb().unregisterOrbNotifications(listener.get());
             EXPECT_TRUE(over);
-        }
+            done = true;
+        });
+        EXPECT_TRUE(
+            testsupport::eventually([&] { return done || statesOfThreads("unregisters") == "S"; }));
+        released.open();
+        unregistering.join();
         if (registering.joinable())
             registering.join();
         std::size_t const count = listener->notices().size();
         RawPeer const later(group());
         EXPECT_EQ(listener->notices().size(), count);
         listener.reset();
-        releasing.join();
     }
 }
 
