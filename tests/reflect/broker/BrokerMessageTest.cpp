@@ -268,7 +268,17 @@ TEST_F(BrokerMessageTest, cancelledCallerTakesItsRecordOut) {
     caller.cancel();
     EXPECT_TRUE(caller.join());
     EXPECT_TRUE(permissionGetsFree());
+
+    // All other ids are given until its answer comes, which is not that of the next call.
+    constexpr std::size_t kOthers = 4095;
+    for (std::size_t i = 0; i < kOthers; ++i)
+        ASSERT_TRUE(call(peer.termId(), false).succeeded);
+    TestThread next([&] { EXPECT_EQ(call(peer.termId()).number, 2u); });
+    TreflectMessage const nextRequest = peer.await(1 + kOthers);
+    EXPECT_EQ(nextRequest.kind(), TreflectMessage::kRequest);
     answerWith(peer, request, 1);
+    answerWith(peer, nextRequest, 2);
+    next.join();
     EXPECT_TRUE(log_.waitFor("receives unexpected response"));
 }
 
