@@ -94,9 +94,7 @@ TreflectAttribute::TreflectAttribute(TreflectMetaAttribute const* meta,
                                      TreflectObject const* object)
     : meta_(meta), object_(object) {}
 
-TreflectAttribute::~TreflectAttribute() {
-    delete containedObject_;
-}
+TreflectAttribute::~TreflectAttribute() = default;
 
 std::shared_ptr<TreflectValueCheck const> TreflectAttribute::check_(
     std::shared_ptr<Check const>& known, Check::Type type, Check::Use use) const {
@@ -227,16 +225,17 @@ bool TreflectAttribute::updateContainedObject() {
     meta_->typeMeta()->completeMetaInformation();
     bool const isNew = !containedObject_;
     if (isNew)
-        containedObject_ = new TreflectObject;
+        containedObject_.reset(new TreflectObject);  // of the handles' pool
+    std::shared_ptr<TreflectObject> const contained = containedObject_;
     if (isNew || hasIndex_())
-        get(*containedObject_);
-    return true;
+        get(*contained);
+    return contained.use_count() > 1;
 }
 
 TreflectAttribute& TreflectAttribute::attribute(std::string const& name) {
     if (updateContainedObject()) {
         if (TreflectMetaAttribute const* const found = meta_->typeMeta()->metaAttribute(name))
-            return *found->getTied(containedObject_);
+            return *found->getTied(containedObject_.get());
     }
     return errorAttribute;
 }
@@ -244,7 +243,7 @@ TreflectAttribute& TreflectAttribute::attribute(std::string const& name) {
 TreflectOperation& TreflectAttribute::operation(std::string const& name) {
     if (updateContainedObject()) {
         if (TreflectMetaOperation const* const found = meta_->typeMeta()->metaOperation(name))
-            return *found->getTied(containedObject_);
+            return *found->getTied(containedObject_.get());
     }
     return errorOperation;
 }

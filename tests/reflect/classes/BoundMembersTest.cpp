@@ -283,34 +283,54 @@ TEST_F(BoundMembers, ReadObjectsOfATypeThatIsToldAsOthers) {
     EXPECT_EQ(found, handle);
 }
 
-TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
-    std::unique_ptr<TreflectMetaClass const> meta(new TreflectMetaClass(
-        "Brought", Foreign::kClass, {}, {{"getHeld", lamp::kHeld, {}, {"unsigned"}}}, {"Held"}));
-    InterfaceRepository::instance()->findInterface(Foreign::kClass);
-    Foreign foreign("held lamp");
-    foreign.held = 0xFFFFFFFF;
-    auto handle = std::make_unique<TreflectObject>(&foreign);
-    TreflectAttribute& held = *meta->metaAttribute("Held")->getTied(handle.get());
-    int value = 5;
-    std::thread reader([&] {
-        TreflectHandlerState const permission(true);
-        EXPECT_EQ(held.get(value), TreflectAttribute::error);
-    });
-    {
-        TreflectReleaseHandlerState const released;
-        EXPECT_TRUE(foreign.entered().wait());
+/** An attribute whose object holds the call that reads it, and whose class goes meanwhile. */
+class Brought {
+public:
+    Brought(char const* type, TreflectMetaClass::Attribute const& held)
+        : meta_(new TreflectMetaClass("Brought", Foreign::kClass, {},
+                                      {{"getHeld", lamp::kHeld, {}, {type}}}, {held})) {
+        InterfaceRepository::instance()->findInterface(Foreign::kClass);
+        handle_ = std::make_unique<TreflectObject>(&object);
     }
-    handle.reset();
-    meta.reset();
-    foreign.release();
-    {
+    void goWhile(std::function<void(TreflectAttribute&)> const& reads) {
+        TreflectAttribute& held = *meta_->metaAttribute("Held")->getTied(handle_.get());
+        std::thread reader([&] {
+            TreflectHandlerState const permission(true);
+            reads(held);
+        });
+        {
+            TreflectReleaseHandlerState const released;
+            EXPECT_TRUE(object.entered().wait());
+        }
+        handle_.reset();
+        meta_.reset();
+        object.release();
         TreflectReleaseHandlerState const released;
         reader.join();
     }
-    EXPECT_EQ(value, 5);
-    EXPECT_TRUE(
-        log_.find("attribute \"Held\" of class \"Brought\" is \"unsigned\", out of the "
-                  "range of \"int\""));
+    Foreign object{"held lamp"};
+
+private:
+    std::unique_ptr<TreflectMetaClass const> meta_;
+    std::unique_ptr<TreflectObject> handle_;
+};
+
+TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
+    {
+        Brought brought("unsigned", "Held");
+        brought.object.held = 0xFFFFFFFF;
+        brought.goWhile([](TreflectAttribute& held) {
+            int value = 5;
+            EXPECT_EQ(held.get(value), TreflectAttribute::error);
+            EXPECT_EQ(value, 5);
+        });
+        EXPECT_TRUE(
+            log_.find("attribute \"Held\" of class \"Brought\" is \"unsigned\", out of the "
+                      "range of \"int\""));
+    }
+    Brought("object", {"Held", lampMeta}).goWhile([](TreflectAttribute& held) {
+        EXPECT_EQ(&held.attribute("Level"), &TreflectAttribute::errorAttribute);
+    });
 }
 
 // ---- What does not exist -----------------------------------------------------------------------
