@@ -91,7 +91,8 @@ public:
      * What is learned is kept to the end of the process, apart from the classes that the process
      * knows by itself: nobody else hears of it, and two processes that describe one class id in two
      * ways have a meta object each. A class that this process knows is not asked for. What another
-     * process describes is bounded and checked; what makes no sense is refused with a log line.
+     * process describes is bounded and checked; what makes no sense is refused with a log line,
+     * and not asked for again as long as that broker is there.
      */
     static void learn(bool on);
     static bool learns();

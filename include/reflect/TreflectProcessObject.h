@@ -198,8 +198,8 @@ public:
     TipprmiResult<void> setLogThreshold(int level) const;
     /** In ascending order of their ids. */
     TipprmiResult<std::vector<processobject::KnownClass>> classes() const;
-    /** The class, then its bases and the classes of values, as far as the process knows them, at
-     * most 256. */
+    /** The class, then its bases and the classes of values, as far as the process knows them: at
+     * most 256, and of the latter no more than a reader takes. */
     TipprmiResult<std::vector<TreflectClassDescription>> describe(unsigned int classId) const;
     TipprmiResult<std::vector<TreflectClassDescription>> describeNamed(
         std::string const& className) const;
