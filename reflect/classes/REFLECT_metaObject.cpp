@@ -1,3 +1,5 @@
+#include <memory>
+
 #include "logging/Log.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectMetaAttribute.h"
@@ -121,7 +123,9 @@ bool TreflectMetaObject::registerChild(TreflectMetaObject* derived) {
 }
 
 void TreflectMetaObject::registerOperation(TreflectMetaOperation* operation) {
+    std::unique_ptr<TreflectMetaOperation> owned(operation);
     operations_[operation->name()] = operation;
+    owned.release();
 }
 
 bool TreflectMetaObject::registerType(std::string const& definition) {
@@ -133,7 +137,9 @@ bool TreflectMetaObject::registerType(std::string const& definition) {
 }
 
 void TreflectMetaObject::registerAttribute(TreflectMetaAttribute* attribute) {
+    std::unique_ptr<TreflectMetaAttribute> owned(attribute);
     attributes_[attribute->name()] = attribute;
+    owned.release();
 }
 
 void TreflectMetaObject::completeMetaInformationHelper(MetaOpData const* operations,

@@ -1,4 +1,7 @@
 // What this process takes in of the classes that others describe.
+#include <new>
+
+#include "AllocationCount.h"
 #include "BrokerTest.h"
 #include "reflect/process/Learning.h"
 #include "reflect/process/ProcessServer.h"
@@ -147,6 +150,31 @@ TEST_F(LearningOf, MembersOfBasesAreThoseOfTheClass) {
     EXPECT_TRUE(meta->metaAttribute("Level"));
     // Other processes may use the id for another class: this is none of this program's mistakes.
     EXPECT_EQ(log_.count(3, "have one class id"), 0u);
+}
+
+TEST_F(LearningOf, WithoutMemoryNothingIsLearnedByHalves) {
+    Descriptions classes = lineOf(3, 2);
+    classes[2].operations = {operation("getLevel", 1)};
+    Description::Attribute level;
+    level.name = "Level";
+    classes[0].attributes = {level};
+    classes = hashed(classes);
+    bool isStarved = true;
+    unsigned long nth = 0;
+    while (isStarved) {
+        Learning learning;
+        starve(++nth);
+        try {
+            learning.admit(kFirst, kTeller, classes, kSomeSize);
+        } catch (std::bad_alloc const&) {
+        }
+        isStarved = feed();
+        TreflectMetaObject const* const meta = learning.admit(kFirst, kTeller, classes, kSomeSize);
+        ASSERT_TRUE(meta) << nth;
+        EXPECT_TRUE(meta->metaOperation_("getLevel")) << nth;
+        EXPECT_TRUE(meta->metaAttribute("Level")) << nth;
+    }
+    EXPECT_GT(nth, 10u);
 }
 
 TEST_F(LearningOf, ClassThatGoesWithItsSharedObjectIsNotUsedAnyMore) {
