@@ -25,6 +25,7 @@ using testing::ElementsAre;
 using testsupport::Gate;
 using testsupport::LogCapture;
 using testsupport::TestThread;
+using testsupport::TestThreads;
 
 /** Whether as many threads come to queue for the permission. */
 inline bool queueGrowsTo(unsigned long threads) {

@@ -99,14 +99,6 @@ TEST_F(RunPermissionGuards, ReleaseGivesOneLevelBackAndTakesThePermissionOnlyIfI
 }
 
 template <class Lockable>
-bool lockIsFree(Lockable& lockable) {
-    bool const isFree = lockable.trylock();
-    if (isFree)
-        lockable.unlock();
-    return isFree;
-}
-
-template <class Lockable>
 class RunPermissionLocks : public PermissionTest {
 protected:
     static constexpr bool kAlwaysReleases = std::is_same_v<Lockable, OSWrap::RunPermMutex> ||
@@ -150,9 +142,9 @@ TYPED_TEST(RunPermissionLocks, FreeLockKeepsThePermissionUnlessItAlwaysGivesItBa
     this->lockable_.lock();
     EXPECT_EQ(otherHadIt, this->kAlwaysReleases);
     EXPECT_TRUE(Run::hasRunPermission());
-    TestThread([this] { EXPECT_FALSE(lockIsFree(this->lockable_)); });
+    TestThread([this] { EXPECT_FALSE(testsupport::isFree(this->lockable_)); });
     this->lockable_.unlock();
-    EXPECT_TRUE(lockIsFree(this->lockable_));
+    EXPECT_TRUE(testsupport::isFree(this->lockable_));
     EXPECT_EQ(otherHadIt, this->kAlwaysReleases);
     TreflectReleaseHandlerState const released;
     other.join();
@@ -231,29 +223,25 @@ TEST_F(RunPermissionGuards, ManyThreadsKeepTheirDataWhole) {
     long underCondition = 0;   // guarded by `condition`
     TreflectMutex mutex;
     TreflectConditionVar condition;
-    {
-        std::vector<std::unique_ptr<TestThread>> threads;
-        for (int i = 0; i < kThreads; ++i)
-            threads.push_back(std::make_unique<TestThread>([&] {
-                for (int round = 0; round < kRounds; ++round) {
-                    TreflectHandlerState const state(true);
-                    ++underPermission;
-                    {
-                        OSWrap::Lock<TreflectMutex> const lock(mutex);
-                        ++underMutex;
-                    }
-                    {
-                        OSWrap::Lock<TreflectConditionVar> const lock(condition);
-                        ++underCondition;
-                        condition.broadcast();
-                        if (round % 16 == 0)
-                            condition.wait(OSWrap::TimeSpec(0, 100'000));
-                    }
-                    ++underPermission;
-                    TreflectReleaseHandlerState const released;
-                }
-            }));
-    }
+    TestThreads(kThreads, [&](std::size_t) {
+        for (int round = 0; round < kRounds; ++round) {
+            TreflectHandlerState const state(true);
+            ++underPermission;
+            {
+                OSWrap::Lock<TreflectMutex> const lock(mutex);
+                ++underMutex;
+            }
+            {
+                OSWrap::Lock<TreflectConditionVar> const lock(condition);
+                ++underCondition;
+                condition.broadcast();
+                if (round % 16 == 0)
+                    condition.wait(OSWrap::TimeSpec(0, 100'000));
+            }
+            ++underPermission;
+            TreflectReleaseHandlerState const released;
+        }
+    });
     EXPECT_EQ(underPermission, 2l * kThreads * kRounds);
     EXPECT_EQ(underMutex, 1l * kThreads * kRounds);
     EXPECT_EQ(underCondition, 1l * kThreads * kRounds);

@@ -1,8 +1,4 @@
 // Threads of a pool that exchange their work instead of handing the permission round.
-#include <chrono>
-#include <optional>
-#include <utility>
-
 #include "PermissionThreads.h"
 #include "handler_threads/PermissionWaiter.h"
 
@@ -35,12 +31,6 @@ private:
 
 class TurnExchangeTest : public PermissionTest {
 protected:
-    /** Takes the permission, as the tests' thread does most of the time. */
-    struct Holder {
-        Holder() { Run::enterHandlerState(true); }
-        ~Holder() { Run::leaveHandlerState(true); }
-    };
-
     /** The next thread in the queue; notes the work that it has when its turn comes. */
     TestThread& park(char const& pool, int work) {
         return queueUp([this, &pool, work] {
@@ -68,7 +58,7 @@ protected:
 
 TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {
     {
-        Holder const holder;
+        TreflectHandlerState const holder(true);
         park(poolA, 1);
         queueCaller(100);
         park(poolA, 2);
@@ -91,7 +81,7 @@ TEST_F(TurnExchangeTest, callerBetweenTwoGetsItsTurnInItsPlace) {
 
 TEST_F(TurnExchangeTest, nothingIsExchangedWithAnotherPoolOrWithoutExactlyOneLevel) {
     {
-        Holder const holder;
+        TreflectHandlerState const holder(true);
         park(poolB, 1);
         Turn other(poolB, 3);
         {
@@ -131,7 +121,7 @@ TEST_F(TurnExchangeTest, freePermissionIsTakenAtOnce) {
 
 TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange) {
     {
-        Holder const holder;
+        TreflectHandlerState const holder(true);
         TestThread& first = park(poolA, 1);
         park(poolA, 2);
         park(poolA, 3);
@@ -152,7 +142,7 @@ TEST_F(TurnExchangeTest, cancelledThreadLeavesTheQueueBeforeAndAfterItsExchange)
 TEST_F(TurnExchangeTest, waitIsReportedFromTheLastExchangeOn) {
     LogCapture log;
     {
-        Holder const holder;
+        TreflectHandlerState const holder(true);
         park(poolA, 1);
         Turn mine(poolA);
         auto const start = steady_clock::now();
@@ -183,7 +173,7 @@ TEST_F(TurnExchangeTest, waitIsReportedWithTheHolderThatItIsFor) {
     };
     std::atomic<long> callersTid{0};
     {
-        Holder const holder;
+        TreflectHandlerState const holder(true);
         park(poolA, 1);
         ASSERT_TRUE(log.waitFor(awaited(self) + " since 1s")) << "it sleeps at the front";
         queueUp([&] {
@@ -220,25 +210,20 @@ TEST_F(TurnExchangeTest, nothingIsLostAmongManyThreads) {
                 TreflectReleaseHandlerState const blocked;
         }
     };
-    {
-        std::vector<std::unique_ptr<TestThread>> workers;
-        std::vector<std::unique_ptr<TestThread>> callers;
-        for (int i = 0; i < 3; ++i)
-            callers.push_back(std::make_unique<TestThread>([&] {
-                while (!over) {
-                    Run::enterHandlerState(true);
-                    ++turnsOfCallers;
-                    Run::leaveHandlerState(true);
-                    pthread_testcancel();
-                }
-            }));
-        for (char const* const pool : {&poolA, &poolB})
-            for (int i = 0; i < kThreadsOfAPool; ++i)
-                workers.push_back(std::make_unique<TestThread>([&work, pool] { work(*pool); }));
-        callers.front()->cancel();
-        workers.clear();
-        over = true;
-    }
+    TestThreads callers(3, [&](std::size_t) {
+        while (!over) {
+            Run::enterHandlerState(true);
+            ++turnsOfCallers;
+            Run::leaveHandlerState(true);
+            pthread_testcancel();
+        }
+    });
+    TestThreads workers(2 * kThreadsOfAPool,
+                        [&work](std::size_t i) { work(i % 2 == 0 ? poolA : poolB); });
+    callers.front().cancel();
+    workers.join();
+    over = true;
+    callers.join();
     EXPECT_EQ(std::count(timesDone.begin(), timesDone.end(), 1), kWork);
     EXPECT_GT(turnsOfCallers, 0);
 }

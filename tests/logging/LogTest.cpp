@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
-#include <thread>
 
 #include "LogCapture.h"
 #include "Threads.h"
@@ -83,18 +81,14 @@ TEST(LogRecord, ofSeveralThreadsAreNotMixedUp) {
     LogCapture log;
     constexpr std::size_t kThreads = 8;
     constexpr int kRecords = 300;
-    std::vector<std::thread> threads;
     auto const text = [](std::size_t t, int i) {
         std::string const tail(t * 100, static_cast<char>('a' + t));
         return std::to_string(t) + ":" + std::to_string(i) + ":" + tail;
     };
-    for (std::size_t t = 0; t < kThreads; ++t)
-        threads.emplace_back([&text, t] {
-            for (int i = 0; i < kRecords; ++i)
-                REFLECTORB_LOG(5, "Source", "%s", text(t, i).c_str());
-        });
-    for (std::thread& thread : threads)
-        thread.join();
+    testsupport::TestThreads(kThreads, [&text](std::size_t t) {
+        for (int i = 0; i < kRecords; ++i)
+            REFLECTORB_LOG(5, "Source", "%s", text(t, i).c_str());
+    });
     std::vector<int> next(kThreads, 0);
     for (LogRecord const& record : log.records()) {
         auto const t = static_cast<std::size_t>(record.text[0] - '0');
@@ -129,14 +123,12 @@ TEST(LineLimit, letsTheFirstPassThenOneASecondThatCountsTheOthers) {
 TEST(LogSink, isNotCalledOnceItsReplacementHasReturned) {
     constexpr int kRounds = 300;
     std::atomic<bool> stop{false};
-    std::vector<std::thread> loggers;
     std::vector<Context> contexts(kRounds);
     Logging::setSink(&Context::take, &contexts[0]);
-    for (int i = 0; i < 4; ++i)
-        loggers.emplace_back([&] {
-            while (!stop)
-                REFLECTORB_LOG(5, "Source", "record");
-        });
+    testsupport::TestThreads loggers(4, [&](std::size_t) {
+        while (!stop)
+            REFLECTORB_LOG(5, "Source", "record");
+    });
     for (int i = 1; i < kRounds; ++i) {
         Context& former = contexts[static_cast<std::size_t>(i - 1)];
         testsupport::eventually([&] { return former.records > 0; });
@@ -144,8 +136,7 @@ TEST(LogSink, isNotCalledOnceItsReplacementHasReturned) {
         former.alive = false;
     }
     stop = true;
-    for (std::thread& logger : loggers)
-        logger.join();
+    loggers.join();
     Logging::setSink(nullptr, nullptr);
     for (Context const& context : contexts)
         EXPECT_EQ(context.tooLate, 0);

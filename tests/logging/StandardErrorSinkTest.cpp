@@ -1,12 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <regex>
 
 #include "ChildProgram.h"
+#include "Threads.h"
 #include "logging/Log.h"
 
 namespace {
@@ -95,14 +94,10 @@ TEST(StandardErrorSink, dropsAndCountsWhatAStuckReaderDoesNotTake) {
     for (bool const socket : {false, true}) {
         RedirectedError error(socket);
         constexpr int kRecords = 3000;  // far more than the pipe holds
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t)
-            threads.emplace_back([] {
-                for (int i = 0; i < kRecords / 4; ++i)
-                    REFLECTORB_LOG(5, "Source", "a record of some length %d, %200d", i, i);
-            });
-        for (std::thread& thread : threads)
-            thread.join();
+        testsupport::TestThreads(4, [](std::size_t) {
+            for (int i = 0; i < kRecords / 4; ++i)
+                REFLECTORB_LOG(5, "Source", "a record of some length %d, %200d", i, i);
+        });
         error.drain();
         REFLECTORB_LOG(5, "Source", "room again");
         error.drain();

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
-#include <thread>
-
 #include "Waiting.h"
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/Thread.h"

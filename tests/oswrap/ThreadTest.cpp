@@ -2,10 +2,8 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
 #include <set>
-#include <thread>
 
 #include "LogCapture.h"
 #include "Threads.h"
@@ -166,12 +164,8 @@ TEST(Thread, idIsNeverReusedAndHoldsInThreadSpecificDestructors) {
 }
 
 TEST(Thread, knowsItsKernelIdInAForkedChildToo) {
-    pid_t const child = fork();
-    if (child == 0)
-        _exit(Thread::getCurrentTid() == syscall(SYS_gettid) ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(testsupport::holdsInForkedChild(
+        [] { return Thread::getCurrentTid() == syscall(SYS_gettid); }));
 }
 
 TEST(Thread, sleepIsResumedAfterASignal) {

@@ -2,11 +2,10 @@
 
 #include <climits>
 #include <cstring>
-#include <fstream>
 #include <set>
-#include <thread>
 #include <vector>
 
+#include "Threads.h"
 #include "oswrap/Memory.h"
 #include "oswrap/NetNumVar.h"
 #include "oswrap/TimeSpec.h"
@@ -43,17 +42,13 @@ TEST(UniqueIdGen, givesNoNumberTwiceAndNeverZero) {
     constexpr int kThreads = 4;
     constexpr int kIds = 2000;
     std::vector<std::vector<unsigned int>> ids(kThreads);
-    std::vector<std::thread> threads;
-    for (std::vector<unsigned int>& mine : ids)
-        threads.emplace_back([&mine] {
-            for (int i = 0; i < kIds; ++i)
-                mine.push_back(OSWrap::UniqueIdGen::instance().getId());
-        });
+    testsupport::TestThreads(kThreads, [&ids](std::size_t thread) {
+        for (int i = 0; i < kIds; ++i)
+            ids[thread].push_back(OSWrap::UniqueIdGen::instance().getId());
+    });
     std::set<unsigned int> all;
-    for (std::size_t i = 0; i < threads.size(); ++i) {
-        threads[i].join();
-        all.insert(ids[i].begin(), ids[i].end());
-    }
+    for (std::vector<unsigned int> const& some : ids)
+        all.insert(some.begin(), some.end());
     EXPECT_EQ(all.size(), static_cast<std::size_t>(kThreads * kIds));
     EXPECT_EQ(all.count(0), 0u);
 }

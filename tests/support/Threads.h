@@ -1,9 +1,12 @@
+// Threads, forked children and locks of tests.
 #pragma once
 
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -65,5 +68,44 @@ private:
     bool joined_ = false;
     bool cancelled_ = false;
 };
+
+/** So many threads with one body, which takes their number; joined like a single one. */
+class TestThreads {
+public:
+    template <class Body>
+    TestThreads(std::size_t count, Body const& body) {
+        for (std::size_t i = 0; i < count; ++i)
+            threads_.emplace_back([body, i] { body(i); });
+    }
+
+    TestThread& front() { return threads_.front(); }
+    void cancel() {
+        for (TestThread& thread : threads_)
+            thread.cancel();
+    }
+    void join() { threads_.clear(); }
+
+private:
+    std::deque<TestThread> threads_;
+};
+
+/** Whether a forked child finds that something holds. */
+template <class Condition>
+bool holdsInForkedChild(Condition const& condition) {
+    pid_t const child = ::fork();
+    if (child == 0)
+        ::_exit(condition() ? 0 : 1);
+    int status = -1;
+    return ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+/** Whether nobody has a mutex, or the like. */
+template <class Lockable>
+bool isFree(Lockable& lockable) {
+    bool const locked = lockable.trylock();
+    if (locked)
+        lockable.unlock();
+    return locked;
+}
 
 }  // namespace testsupport

@@ -1,5 +1,4 @@
-#include <sys/wait.h>
-
+#include "Threads.h"
 #include "TransportActor.h"
 
 namespace transporttest {
@@ -126,15 +125,11 @@ TEST_F(ChannelTest, MessagesSentJustBeforeTheEndOfTheirSenderArrive) {
 TEST_F(ChannelTest, AForkedCopyOfTheProcessLeavesItsTerminationsAlone) {
     Met peer(own_);
     ASSERT_TRUE(own_.ping(peer.id(), 1));
-    pid_t const child = ::fork();
-    if (child == 0) {
+    EXPECT_TRUE(testsupport::holdsInForkedChild([&] {
         bool const refused = own_.send(peer.id(), TestHead::Numbered, 0) == 0;
         own_.stop();
-        ::_exit(refused ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return refused;
+    }));
     EXPECT_TRUE(own_.ping(peer.id(), 2));
 }
 

@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include "RendezvousFolder.h"
 #include "TestTermination.h"
+#include "Threads.h"
 
 namespace transporttest {
 namespace {
@@ -149,19 +148,15 @@ TEST_F(LocalTest, StoppingWhileOthersSendIsSafe) {
         TestTermination receiver;
         ASSERT_EQ(receiver.start(), 1);
         std::atomic<bool> go{true};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 3; ++i)
-            threads.emplace_back([&] {
-                for (int n = 0; n < 2000 && go; ++n) {
-                    sender.send(receiver.termId(), TestHead::Echo, 1, 64);
-                    receiver.send(sender.termId(), TestHead::Echo, 1, 64);
-                }
-            });
+        testsupport::TestThreads threads(3, [&](std::size_t) {
+            for (int n = 0; n < 2000 && go; ++n) {
+                sender.send(receiver.termId(), TestHead::Echo, 1, 64);
+                receiver.send(sender.termId(), TestHead::Echo, 1, 64);
+            }
+        });
         EXPECT_TRUE(receiver.ping(sender.termId(), 1));
         receiver.stop();
         go = false;
-        for (std::thread& thread : threads)
-            thread.join();
     }
 }
 

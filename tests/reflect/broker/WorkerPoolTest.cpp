@@ -98,15 +98,10 @@ TEST_F(WorkerPoolTest, burstsOfOneWayCallsAreServedInTheOrderInWhichTheyWereSent
     constexpr int kLength = 50;
     makeIdleWorkers();
     std::atomic<bool> over{false};
-    std::vector<std::thread> others;
-    for (int i = 0; i < 3; ++i)
-        others.emplace_back([&over] {
-            while (!over) {
-            }
-        });
-    others.emplace_back([&over] {
+    testsupport::TestThreads others(4, [&over](std::size_t number) {
         while (!over)
-            permitted([] {});
+            if (number == 3)
+                permitted([] {});
     });
     for (int number = 0; number < kBursts * kLength;) {
         for (int i = 0; i < kLength; ++i)
@@ -117,8 +112,7 @@ TEST_F(WorkerPoolTest, burstsOfOneWayCallsAreServedInTheOrderInWhichTheyWereSent
         }));
     }
     over = true;
-    for (std::thread& other : others)
-        other.join();
+    others.join();
     permitted([&] {
         auto const late =
             std::is_sorted_until(recorder_->numbers.begin(), recorder_->numbers.end());

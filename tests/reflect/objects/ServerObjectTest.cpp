@@ -4,6 +4,7 @@
 #include "Gauge.h"
 #include "RawPeer.h"
 #include "ReflectActor.h"
+#include "Threads.h"
 
 namespace {
 
@@ -158,12 +159,9 @@ TEST_F(ServerObject, MayBeItsOwnAncestorOverAnotherProcess) {
         TreflectObject const stem(oid("stem"));
         return makePermitted<Node>("leaf", &stem);
     });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back(
-            [&] { permitted([&] { EXPECT_EQ(leaf->getAbsName(), "/root/stem/leaf"); }); });
-    for (std::thread& thread : threads)
-        thread.join();
+    testsupport::TestThreads(8, [&](std::size_t) {
+        permitted([&] { EXPECT_EQ(leaf->getAbsName(), "/root/stem/leaf"); });
+    });
 }
 
 // ---- Children ----------------------------------------------------------------------------------
