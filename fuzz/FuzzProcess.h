@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "logging/Log.h"
+#include "tests/support/RendezvousFolder.h"
 
 /** What fuzz targets have in common. */
 namespace fuzz {
@@ -17,15 +17,7 @@ namespace fuzz {
  * Records are formatted, since that is worth fuzzing, but not shown. Call it first.
  */
 inline void startProcess() {
-    static std::string folder = (std::filesystem::temp_directory_path() / "fuzz-XXXXXX").string();
-    if (!mkdtemp(folder.data()))
-        std::abort();
-    setenv("TRANSPORT_DIR", folder.c_str(), 1);
-    // Registered before the broker exists, so it runs after the broker's own end.
-    std::atexit([] {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored);
-    });
+    static testsupport::RendezvousFolder const folder;  // older than the broker, so it outlives it
     Logging::setThreshold(6);
     Logging::setSink([](Logging::Record const&, void*) {}, nullptr);
 }

@@ -2,11 +2,8 @@
 // hand: packets, descriptors, shared memory and files of the folder of unknown origin.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "FuzzProcess.h"
 #include "Script.h"
@@ -275,9 +272,9 @@ private:
             if (c == '/' || c == '\0')
                 c = '_';
         if ((type & 16) != 0)
-            name = hexadecimal(own_.termId().value()) + name;
+            name = transporttest::hex(own_.termId()) + "." + name;
         if ((type & 32) != 0)
-            name = hexadecimal(peer_.id().value() ^ 0x01000000u) + name;
+            name = transporttest::hex(peer_.id().value() ^ 0x01000000u) + "." + name;
         if ((type & 8) != 0)
             name += ".pid" + std::to_string((type & 128) != 0 ? ::getpid() : 1) + ".x";
         if ((type & 4) != 0)
@@ -307,11 +304,6 @@ private:
         }
         Rendezvous::instance().suspect(peer_.id());
         scan();
-    }
-    static std::string hexadecimal(std::uint32_t id) {
-        char digits[10];
-        std::snprintf(digits, sizeof digits, "%08x.", id);
-        return digits;
     }
     /** Kept open as long as it is in the folder: whoever closes it gives up his process's locks. */
     static int openPresence() {

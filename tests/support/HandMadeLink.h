@@ -23,6 +23,14 @@ struct HandMadeLink {
     Transport::PeerSide peer;
     bool ended = false;  // by the other side
 
+    static HandMadeLink between(Transport::TerminationId from, Transport::TerminationId to,
+                                int socket) {
+        HandMadeLink link;
+        link.from = from;
+        link.to = to;
+        link.socket = Transport::Descriptor(socket);
+        return link;
+    }
     Transport::Packet packet(unsigned int kind, std::uint32_t capacity = 0) const {
         return {Transport::kMagic,
                 Transport::kProtocolVersion,
@@ -118,21 +126,13 @@ public:
     Transport::TerminationId id() const { return id_; }
     /** A connection, without a word; its socket is invalid when there is none to be had. */
     HandMadeLink connect(Transport::TerminationId to) const {
-        HandMadeLink link;
-        link.from = id_;
-        link.to = to;
-        link.socket = Transport::Descriptor(Transport::Rendezvous::instance().connectTo(to));
-        return link;
+        return HandMadeLink::between(id_, to, Transport::Rendezvous::instance().connectTo(to));
     }
     /** The next connection of somebody, waited for so long. */
     HandMadeLink accept(Transport::TerminationId from, int milliseconds) const {
-        HandMadeLink link;
-        link.from = id_;
-        link.to = from;
-        if (isReadable(listening_.get(), milliseconds))
-            link.socket =
-                Transport::Descriptor(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        return link;
+        bool const comes = isReadable(listening_.get(), milliseconds);
+        return HandMadeLink::between(
+            id_, from, comes ? ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
     }
     void stopListening() { listening_.reset(); }
 

@@ -49,7 +49,16 @@ inline Transport::Descriptor oddFile(unsigned int which, std::uint32_t capacity,
     }
 }
 
-/** The same for a bell. */
+/** Makes its counter so full that nothing more goes in, and has whoever adds to it wait. */
+inline void blockBell(int bell) {
+    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) | O_NONBLOCK);
+    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
+        while (::write(bell, &step, sizeof step) > 0) {
+        }
+    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
+}
+
+/** The same as `oddFile` for a bell. */
 inline Transport::Descriptor oddBell(unsigned int which, int good) {
     using namespace Transport;
     switch (which % 5) {
@@ -57,9 +66,7 @@ inline Transport::Descriptor oddBell(unsigned int which, int good) {
             return Descriptor(::fcntl(good, F_DUPFD_CLOEXEC, 0));
         case 1: {  // it could block whoever rings it
             Descriptor full(::eventfd(0, EFD_CLOEXEC));
-            std::uint64_t const most = ~std::uint64_t{1};
-            if (::write(full.get(), &most, sizeof most) != sizeof most)
-                std::abort();
+            blockBell(full.get());
             return full;
         }
         case 2:
@@ -74,15 +81,6 @@ inline Transport::Descriptor oddBell(unsigned int which, int good) {
             return Descriptor(ends[1]);
         }
     }
-}
-
-/** Makes its counter so full that nothing more goes in, and has whoever adds to it wait. */
-inline void blockBell(int bell) {
-    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) | O_NONBLOCK);
-    for (std::uint64_t step = std::uint64_t{1} << 63; step != 0; step /= 2)
-        while (::write(bell, &step, sizeof step) > 0) {
-        }
-    ::fcntl(bell, F_SETFL, ::fcntl(bell, F_GETFL) & ~O_NONBLOCK);
 }
 
 inline sockaddr_un addressOf(std::string const& path) {

@@ -7,8 +7,6 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <functional>
-#include <thread>
 
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
@@ -21,14 +19,8 @@
 namespace transporttest {
 namespace {
 
+using namespace testsupport;
 using namespace Transport;
-
-using testsupport::blockBell;
-using testsupport::bytesOf;
-using testsupport::eventually;
-using testsupport::LingeringConnection;
-using testsupport::sendWith;
-using testsupport::SocketPair;
 
 std::size_t openDescriptors(std::string const& kind) {
     std::size_t count = 0;
@@ -69,7 +61,7 @@ private:
  * A peer that speaks the protocol by hand, and badly if told to. It owns a real entry of the
  * rendezvous folder, so the termination under test takes it for one of its kind.
  */
-class HandMadePeer : public testsupport::HandMadeLink {
+class HandMadePeer : public HandMadeLink {
 public:
     HandMadePeer() { from = entry_.id(); }
 
@@ -119,7 +111,7 @@ public:
     /** Of the next packet, whose descriptors are kept. */
     int nextKind() {
         ReceivedPacket received;
-        if (!testsupport::isReadable(socket.get(), kPatience))
+        if (!isReadable(socket.get(), kPatience))
             return kNone;
         Transfer const transfer = receivePacket(socket.get(), received);
         if (received.file.valid() && received.bell.valid())
@@ -150,7 +142,7 @@ private:
         return socket.valid();
     }
 
-    testsupport::HandMadeEntry entry_{kGroup};
+    HandMadeEntry entry_{kGroup};
     Descriptor formerSocket_;  // stays open
 };
 
@@ -162,7 +154,7 @@ protected:
         EXPECT_TRUE(good.open(own_.termId()));
     }
 
-    testsupport::LogCapture log_;
+    LogCapture log_;
     TestTermination own_;
 };
 
@@ -174,7 +166,7 @@ TEST_F(HandshakeTest, WhoIntroducesItselfWronglyIsDroppedWithALogLine) {
     Peer const child;
     OwnSide const good = OwnSide::make();
     Descriptor const small = makeSealedFile(kRingOffset);
-    Descriptor const unsealed = testsupport::oddFile(3, 0, -1);
+    Descriptor const unsealed = oddFile(3, 0, -1);
     SocketPair const noFile;
     int const file = good.file.get();
     int const bell = good.bell.get();
@@ -204,15 +196,13 @@ TEST_F(HandshakeTest, WhoIntroducesItselfWronglyIsDroppedWithALogLine) {
         {noMemory, [&] { give(file, -1); }},
         {noMemory, [&] { give(-1, -1); }},
     };
-    auto const expectLine = [&](auto const& bad) {
+    for (auto const& bad : cases) {
         std::size_t const before = log_.count(bad.line);
         ASSERT_TRUE(peer.connect(own_.termId()));
         bad.introduce();
         EXPECT_TRUE(peer.isDropped());
         EXPECT_TRUE(log_.waitFor(bad.line, before + 1));
-    };
-    for (auto const& bad : cases)
-        expectLine(bad);
+    }
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(peer.connect(own_.termId()));
         cases[0].introduce();
@@ -229,7 +219,7 @@ TEST_F(HandshakeTest, AProcessOfAnotherUserIsRefused) {
     std::string const file = fileOf(hex(own_.termId())).filename();
     ASSERT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
     ASSERT_EQ(::chmod(inFolder(file).c_str(), 0666), 0);
-    sockaddr_un const address = testsupport::addressOf(file);
+    sockaddr_un const address = addressOf(file);
     pid_t const stranger = ::fork();
     if (stranger == 0) {  // only system calls; by a name, since a path may be too long
         int const socket = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
@@ -453,7 +443,7 @@ private:
     void serve() {
         alignas(fuse_in_header) char request[2 * FUSE_MIN_READ_BUFFER];
         while (!ends_) {
-            if (!testsupport::isReadable(device_.get(), 10) ||
+            if (!isReadable(device_.get(), 10) ||
                 ::read(device_.get(), request, sizeof request) < ssize_t{sizeof(fuse_in_header)})
                 continue;
             auto const& head = *reinterpret_cast<fuse_in_header const*>(request);

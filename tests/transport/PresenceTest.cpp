@@ -1,8 +1,4 @@
 // Processes that see each other come, stop and die, through a rendezvous folder.
-#include <signal.h>
-
-#include <algorithm>
-
 #include "Slowness.h"
 #include "TransportActor.h"
 

@@ -34,10 +34,11 @@ protected:
                         areaOf(file_.get(), kRingOffset, kSmallestRing));
     }
 
-    static RingArea areaOf(int fd, std::size_t offset, std::uint32_t capacity) {
+    static RingArea areaOf(int fd, std::size_t offset, std::uint32_t capacity,
+                           Mapping::Access access = Mapping::Access::ReadOnly) {
         RingArea area;
         area.capacity = capacity;
-        area.mapping = Mapping::of(fd, offset, capacity, Mapping::Access::ReadOnly);
+        area.mapping = Mapping::of(fd, offset, capacity, access);
         return area;
     }
 
@@ -105,9 +106,7 @@ TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
         std::memcpy(bytes.data() + i, &lie, sizeof lie);
     ASSERT_TRUE(writer_->put(bytes.data(), bytes.size()));
     Descriptor const larger = makeSealedFile(kUsualRing);
-    RingArea area;
-    area.capacity = kUsualRing;
-    area.mapping = Mapping::of(larger.get(), 0, kUsualRing, Mapping::Access::ReadWrite);
+    RingArea area = areaOf(larger.get(), 0, kUsualRing, Mapping::Access::ReadWrite);
     area.starts = FrameStarts(kUsualRing);
     writer_->goOnIn(std::move(area));
     constexpr std::size_t kMore = 200;

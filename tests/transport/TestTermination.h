@@ -15,6 +15,13 @@ namespace transporttest {
 
 constexpr Transport::GroupId kGroup = 3;
 
+/** Eight hexadecimal digits. */
+inline std::string hex(Transport::TerminationId id) {
+    char text[12];
+    std::snprintf(text, sizeof text, "%08x", id.value());
+    return text;
+}
+
 /** Head of the messages that the tests send; pattern bytes that depend on `number` fill the rest.
  */
 struct TestHead {

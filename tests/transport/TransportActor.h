@@ -12,12 +12,6 @@
 
 namespace transporttest {
 
-/** Eight hexadecimal digits. */
-inline std::string hex(Transport::TerminationId id) {
-    char text[12];
-    std::snprintf(text, sizeof text, "%08x", id.value());
-    return text;
-}
 /** Of a termination that was refused. */
 constexpr char const* kRefused = "00000000";
 

@@ -1,23 +1,19 @@
 // A process with terminations that the transport's tests tell what to do, line by line. Ids are
 // hexadecimal. Unless it churns, it prints "arrived" and "departed" with listener and termination.
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <random>
-#include <thread>
 
 #include "ActorSide.h"
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
 #include "TestTermination.h"
+#include "Threads.h"
 #include "oswrap/OutOfMemory.h"
 #include "transport/IdInfo.h"
 #include "transport/TransportLayer.h"
@@ -29,6 +25,7 @@ using Transport::GroupId;
 using Transport::Rendezvous;
 using Transport::Setup;
 using Transport::TerminationId;
+using transporttest::hex;
 using transporttest::TestHead;
 using transporttest::TestTermination;
 
@@ -40,12 +37,6 @@ struct GoneOnes {
     std::mutex mutex;
     std::set<TerminationId> ids;  // guarded by mutex
 }& gone = *new GoneOnes;
-
-std::string hex(TerminationId id) {
-    char text[12];
-    std::snprintf(text, sizeof text, "%08x", id.value());
-    return text;
-}
 
 /** As it stands in a command. */
 struct Id : TerminationId {
@@ -141,10 +132,8 @@ std::string start(unsigned int group) {
 /** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes.
  */
 bool greetTooEarly(Seat& seat, TerminationId to) {
-    testsupport::HandMadeLink link;
-    link.from = seat.id();
-    link.to = to;
-    link.socket = Transport::Descriptor(Rendezvous::instance().connectTo(to));
+    auto link =
+        testsupport::HandMadeLink::between(seat.id(), to, Rendezvous::instance().connectTo(to));
     link.sayHello();
     if (!seat.show())
         return false;
@@ -267,8 +256,7 @@ bool daemonize() {
 
 /** Whether nothing of the transport does anything in a forked child. */
 bool childDoesNothing() {
-    pid_t const child = ::fork();
-    if (child == 0) {
+    return testsupport::holdsInForkedChild([] {
         Rendezvous& rendezvous = Rendezvous::instance();
         TerminationId const own = seats.front()->id();
         bool const nothing = rendezvous.reserve(3, "child").value() == 0 &&
@@ -277,11 +265,8 @@ bool childDoesNothing() {
                              rendezvous.claim(own, ::getpid()) == Rendezvous::Claim::False;
         rendezvous.suspect(own);
         rendezvous.withdraw(own);
-        ::_exit(nothing ? 0 : 1);
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return status == 0;
+        return nothing;
+    });
 }
 
 void countInheritable() {
