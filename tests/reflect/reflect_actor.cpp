@@ -1,9 +1,4 @@
 // A process with brokers, objects and observers, driven by lines on standard input.
-#include <atomic>
-#include <map>
-#include <memory>
-#include <thread>
-
 #include "ActorSide.h"
 #include "DeskObject.h"
 #include "Gauge.h"
@@ -65,54 +60,50 @@ int instead(char const* path) {
 }
 
 /** Each by itself, without the run permission. */
-testsupport::Commands const processCommands{
+void addProcessCommands(testsupport::Commands& on) {
     // Makes a probe; "published IOID BROKER".
-    {"publish",
-     [](Name name) {
-         auto const& probe = probes[name] = makePermitted<Probe>(name);
-         answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
-     }},
+    on["publish"] = [](Name name) {
+        auto const& probe = probes[name] = makePermitted<Probe>(name);
+        answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
+    };
     // Calls echo of a probe; "called 1 NUMBER" or "called 0 CODE".
-    {"call",
-     [](Name name, unsigned int number) {
-         auto const result = callOnce(name, kEcho, number);
-         bool const succeeded = result.exceptionType == 0;
-         answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
-     }},
+    on["call"] = [](Name name, unsigned int number) {
+        auto const result = callOnce(name, kEcho, number);
+        bool const succeeded = result.exceptionType == 0;
+        answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
+    };
     // So many threads call echo until a call fails; "calling" once each has begun.
-    {"callforever",
-     [](Name name, int threads) {
-         for (int i = 0; i < threads; ++i)
-             std::thread(callForever, name).detach();
-     }},
+    on["callforever"] = [](Name name, int threads) {
+        for (int i = 0; i < threads; ++i)
+            std::thread(callForever, name).detach();
+    };
     // Calls hold of a probe on a thread of its own.
-    {"hold", [](Name name) { std::thread(callOnce, name, kHold, 0).detach(); }},
+    on["hold"] = [](Name name) { std::thread(callOnce, name, kHold, 0).detach(); };
     // How many calls are held; whether one has begun to be held; and the end of all holding.
-    {"holding", [](Name name) { answer("holding ", probes.at(name)->held()); }},
-    {"entered", [](Name name) { answer("entered ", probes.at(name)->entered().isOpen()); }},
-    {"release", [](Name name) { probes.at(name)->release(); }},
+    on["holding"] = [](Name name) { answer("holding ", probes.at(name)->held()); };
+    on["entered"] = [](Name name) { answer("entered ", probes.at(name)->entered().isOpen()); };
+    on["release"] = [](Name name) { probes.at(name)->release(); };
     // Calls echo until "calm", so many times one-way and once not, on a thread of its own.
-    {"flood", [](Name name, int oneWay) { flooding = std::thread(flood, name, oneWay); }},
-    {"calm",
-     [] {
-         calm = true;
-         flooding.join();
-     }},
+    on["flood"] = [](Name name, int oneWay) { flooding = std::thread(flood, name, oneWay); };
+    on["calm"] = [] {
+        calm = true;
+        flooding.join();
+    };
     // Deletes all brokers on a thread of its own; "deleting" once it has begun.
-    {"deleteaside", deleteAside},
+    on["deleteaside"] = deleteAside;
     // Makes the log-collection script end with that code.
-    {"script",
-     [](int code) {
-         scriptResult = code;
-         setScriptRunner(&instead);
-         answer("script");
-     }},
+    on["script"] = [](int code) {
+        scriptResult = code;
+        setScriptRunner(&instead);
+        answer("script");
+    };
     // Ends by exit on a thread of its own, or by return from main.
-    {"exit", [](int code) { std::thread([code] { std::exit(code); }).join(); }},
-    {"return", [](int code) {
-         exitCode = code;
-         return testsupport::End();
-     }}};
+    on["exit"] = [](int code) { std::thread([code] { std::exit(code); }).join(); };
+    on["return"] = [](int code) {
+        exitCode = code;
+        return testsupport::End();
+    };
+}
 
 // ---- Objects and observers ---------------------------------------------------------------------
 
@@ -147,146 +138,141 @@ void hang() {
     testsupport::Gate().wait(std::chrono::hours(1));
 }
 
-/** Each is obeyed under the run permission, and answered by a line. */
-testsupport::Commands const objectCommands{
+/** As those of observers, each is obeyed under the run permission, and answered by a line. */
+void addObjectCommands(testsupport::Commands& on) {
     // Objects, below a parent if one is named.
-    {"lamp", makeLamp<LampObject>},
-    {"combi", makeLamp<CombiObject>},
-    {"pump",
-     [](Name name, unsigned int variant) {
-         pumps[name] = std::make_unique<PumpObject>(name, variant);
-         return "made";
-     }},
-    {"desk",
-     [] {
-         [[maybe_unused]] static auto const& server = *new desk::Server;
-         return "made";
-     }},
+    on["lamp"] = makeLamp<LampObject>;
+    on["combi"] = makeLamp<CombiObject>;
+    on["pump"] = [](Name name, unsigned int variant) {
+        pumps[name] = std::make_unique<PumpObject>(name, variant);
+        return "made";
+    };
+    on["desk"] = [] {
+        [[maybe_unused]] static auto const& server = *new desk::Server;
+        return "made";
+    };
     // One that is announced, of a class that is given in hexadecimal digits; "created IOID BROKER
     // TERMINATION".
-    {"create",
-     [](Name name, Name classId) {
-         unsigned int const id = classOf(classId).getClassId();
-         Thing const& thing = *(things[name] = std::make_unique<Thing>(name, id));
-         unsigned int const ioid = thing.getInternalOID();
-         thing.come();
-         TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
-         answer("created ", std::hex, ioid, " ", orb.orbId().value(), " ", orb.termId().value());
-     }},
+    on["create"] = [](Name name, Name classId) {
+        unsigned int const id = classOf(classId).getClassId();
+        Thing const& thing = *(things[name] = std::make_unique<Thing>(name, id));
+        unsigned int const ioid = thing.getInternalOID();
+        thing.come();
+        TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
+        answer("created ", std::hex, ioid, " ", orb.orbId().value(), " ", orb.termId().value());
+    };
     // Out of the map first: others may create objects while this one waits.
-    {"destroy",
-     [](Name name) {
-         lamps.erase(name);
-         if (std::unique_ptr<Thing> const gone = std::move(things[name]))
-             gone->go();
-         return "destroyed";
-     }},
+    on["destroy"] = [](Name name) {
+        lamps.erase(name);
+        if (std::unique_ptr<Thing> const gone = std::move(things[name]))
+            gone->go();
+        return "destroyed";
+    };
     // Makes another object the value of a lamp's attribute Next.
-    {"next",
-     [](Name name, Name other) {
-         lamps.at(name)->next = TreflectObject(oid(other));
-         return "next";
-     }},
-    {"pings", [](Name name) { return "pings " + std::to_string(lamps.at(name)->pings()); }},
-    {"level", [](Name name) { return "level " + std::to_string(lamps.at(name)->level); }},
+    on["next"] = [](Name name, Name other) {
+        lamps.at(name)->next = TreflectObject(oid(other));
+        return "next";
+    };
+    on["pings"] = [](Name name) { return "pings " + std::to_string(lamps.at(name)->pings()); };
+    on["level"] = [](Name name) { return "level " + std::to_string(lamps.at(name)->level); };
     // Waits until a call of a lamp is held; the same for a second at most, "done 1" if one is; and
     // lets all go on that are.
-    {"awaitheld",
-     [](Name name) { return isHeld(name, testsupport::kPatience) ? "held" : "nobody"; }},
-    {"heldsoon",
-     [](Name name) { return "done " + std::to_string(isHeld(name, std::chrono::seconds(1))); }},
-    {"letgo",
-     [](Name name) {
-         lamps.at(name)->release();
-         return "gone";
-     }},
+    on["awaitheld"] = [](Name name) {
+        return isHeld(name, testsupport::kPatience) ? "held" : "nobody";
+    };
+    on["heldsoon"] = [](Name name) {
+        return "done " + std::to_string(isHeld(name, std::chrono::seconds(1)));
+    };
+    on["letgo"] = [](Name name) {
+        lamps.at(name)->release();
+        return "gone";
+    };
     // Sets Level of a lamp, wherever it is; "stored ok" or "stored CODE".
-    {"store",
-     [](Name name, unsigned int level) {
-         auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
-         return "stored " + (stored ? "ok" : std::to_string(stored.code()));
-     }},
+    on["store"] = [](Name name, unsigned int level) {
+        auto const stored = TreflectObject(oid(name)).attribute("Level").store(level);
+        return "stored " + (stored ? "ok" : std::to_string(stored.code()));
+    };
     // Sets Held of a lamp, wherever it is; "set 0" when that went well.
-    {"setheld",
-     [](Name name) {
-         return "set " + std::to_string(TreflectObject(oid(name)).attribute("Held").set(5u));
-     }},
+    on["setheld"] = [](Name name) {
+        return "set " + std::to_string(TreflectObject(oid(name)).attribute("Held").set(5u));
+    };
+}
+
+void addObserverCommands(testsupport::Commands& on) {
     // What the update of an observer answers: yes, as from the first, no, or "hang" for never,
     // after a line "hangs".
-    {"answers",
-     [](Name name, Name answer) {
-         observer(name).answer = answer == "yes";
-         if (answer == "hang")
-             observer(name).react = hang;
-         return "will";
-     }},
+    on["answers"] = [](Name name, Name answer) {
+        observer(name).answer = answer == "yes";
+        if (answer == "hang")
+            observer(name).react = hang;
+        return "will";
+    };
     // Has it told of calls, before or after them; "observing 1".
-    {"observe",
-     [](Name name, Name object, Name operation, Name kind) {
-         TreflectObject const observed(oid(object));
-         TreflectOperation& called = observed.operation(operation);
-         bool const done = kind == "before" ? called.preObserve(&observer(name))
-                                            : called.postObserve(&observer(name));
-         return "observing " + std::to_string(done);
-     }},
+    on["observe"] = [](Name name, Name object, Name operation, Name kind) {
+        TreflectObject const observed(oid(object));
+        TreflectOperation& called = observed.operation(operation);
+        bool const done = kind == "before" ? called.preObserve(&observer(name))
+                                           : called.postObserve(&observer(name));
+        return "observing " + std::to_string(done);
+    };
     // The same as a guard; "guarding 1".
-    {"guard",
-     [](Name name, Name object, Name operation) {
-         TreflectObject const guarded(oid(object));
-         return "guarding " + std::to_string(guarded.operation(operation).guard(&observer(name)));
-     }},
-    {"unobserve",
-     [](Name name, Name object, Name operation) {
-         TreflectObject const observed(oid(object));
-         observed.operation(operation).removeObserver(&observer(name));
-         return "unobserved";
-     }},
+    on["guard"] = [](Name name, Name object, Name operation) {
+        TreflectObject const guarded(oid(object));
+        return "guarding " + std::to_string(guarded.operation(operation).guard(&observer(name)));
+    };
+    on["unobserve"] = [](Name name, Name object, Name operation) {
+        TreflectObject const observed(oid(object));
+        observed.operation(operation).removeObserver(&observer(name));
+        return "unobserved";
+    };
     // How often it was told, the first value of the last time, and whose call it was.
-    {"told",
-     [](Name name) {
-         Watcher const& told = observer(name);
-         return "told " + std::to_string(told.told.size()) + " " +
-                (told.values.empty() ? "none" : std::to_string(told.values[0])) + " " +
-                (told.told.empty() ? "nobody" : told.told.back());
-     }},
+    on["told"] = [](Name name) {
+        Watcher const& told = observer(name);
+        return "told " + std::to_string(told.told.size()) + " " +
+               (told.values.empty() ? "none" : std::to_string(told.values[0])) + " " +
+               (told.told.empty() ? "nobody" : told.told.back());
+    };
     // Has it told of objects of a class: creations, existing (creations and what there is) or
     // deletions.
-    {"watch",
-     [](Name name, Name kind, Name classId) {
-         if (kind == "deletions")
-             classOf(classId).observeDeletions(&observer(name));
-         else
-             classOf(classId).observeCreations(&observer(name), kind == "existing");
-         return "watching";
-     }},
-    {"unwatch",
-     [](Name name, Name classId) {
-         classOf(classId).removeObserver(&observer(name));
-         return "unwatched";
-     }},
-    {"noticed",
-     [](Name name) {
-         Name names = "noticed ";
-         for (Name const& one : observer(name).told)
-             names += one + " ";
-         return names;
-     }},
-    {"know", [](Name classId) {
-         classOf(classId);
-         return "known";
-     }}};
+    on["watch"] = [](Name name, Name kind, Name classId) {
+        if (kind == "deletions")
+            classOf(classId).observeDeletions(&observer(name));
+        else
+            classOf(classId).observeCreations(&observer(name), kind == "existing");
+        return "watching";
+    };
+    on["unwatch"] = [](Name name, Name classId) {
+        classOf(classId).removeObserver(&observer(name));
+        return "unwatched";
+    };
+    on["noticed"] = [](Name name) {
+        Name names = "noticed ";
+        for (Name const& one : observer(name).told)
+            names += one + " ";
+        return names;
+    };
+    on["know"] = [](Name classId) {
+        classOf(classId);
+        return "known";
+    };
+}
 
 }  // namespace
 
 int main() {
     preCreateReflectOrb();
-    testsupport::obeyLines([](std::string const& verb, std::istringstream& words) {
+    testsupport::Commands ofProcess;
+    testsupport::Commands ofObjects;
+    addProcessCommands(ofProcess);
+    addObjectCommands(ofObjects);
+    addObserverCommands(ofObjects);
+    testsupport::obeyLines([&](std::string const& verb, std::istringstream& words) {
         if (verb.empty())
             return true;
-        auto const found = processCommands.find(verb);
-        if (found != processCommands.end())
+        auto const found = ofProcess.find(verb);
+        if (found != ofProcess.end())
             return found->second(words);
-        return permitted([&] { return objectCommands.at(verb)(words); });
+        return permitted([&] { return ofObjects.at(verb)(words); });
     });
     return exitCode;
 }

@@ -41,6 +41,7 @@ struct End {};
 /** What a verb has the program do with the words behind it. */
 class Command {
 public:
+    Command() = default;
     /** The words are the arguments of `act`; those that are missing are empty, or 0. What it
      * returns is answered: a bool as "done 1" or "done 0", all else as it is. */
     template <class Act>
@@ -67,7 +68,7 @@ private:
         };
     }
 
-    std::function<bool(std::istream&)> const run_;
+    std::function<bool(std::istream&)> run_;
 };
 
 /** By their verbs. */
