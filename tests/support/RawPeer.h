@@ -139,6 +139,20 @@ inline TreflectMessage awaitResponse(RawPeer& peer, unsigned int id) {
     });
 }
 
+/** Data with its length in front: what follows the header of a message. */
+inline std::string stream(std::string const& digits) {
+    return number(static_cast<unsigned int>(bytes(digits).size())) + digits;
+}
+/** A whole message, header and data; what is behind the data is of no account. */
+inline std::string whole(TreflectMessage& message) {
+    Transport::AddressedMessage const& raw = message.addressed();
+    std::size_t const used =
+        raw.size() < 16 ? raw.size() : 16 + std::stoul(hex(raw.buf() + 12, 4), nullptr, 16);
+    return message.empty()     ? "nothing came"
+           : used > raw.size() ? "claims more than came"
+                               : spaced(hex(raw.buf(), used));
+}
+
 constexpr char kEmptyContainer[] = "0000000000000000";
 constexpr char kNotServed[] = "000000010000000400000000";
 

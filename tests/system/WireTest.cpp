@@ -1,23 +1,18 @@
 // Every byte that a broker sends to, and takes from, another process: the test plays the other side
 // with messages that it writes and reads by hand, and has no broker itself.
 #include "RawPeer.h"
-#include "Station.h"
 #include "StationActor.h"
 
 namespace {
 
-using wire::bytes;
 using wire::number;
 using wire::spaced;
+using wire::stream;
 
 /** A termination as it is encoded: in the byte order of the machine. */
 std::string inHostOrder(Transport::TerminationId id) {
     unsigned int const value = id.value();
     return wire::hex(&value, sizeof value);
-}
-/** Data with its length in front: what follows the header of a message. */
-std::string stream(std::string const& digits) {
-    return number(static_cast<unsigned int>(bytes(digits).size())) + digits;
 }
 
 std::string const kEmptyContainer = "00000000 00000000";
@@ -46,17 +41,17 @@ protected:
         return number(count << 20 | (broker().slotId() & 0xFu) << 16 | name());
     }
     void send(std::string const& digits) { ASSERT_EQ(peer_->send(broker(), digits), 1); }
-    /** The next message, header and data; what is behind the data is of no account. */
+    /** The next message, header and data. */
     std::string receive() {
         TreflectMessage message = peer_->await(received_++);
-        if (message.empty())
-            return "nothing came";
         EXPECT_EQ(message.originator(), broker());
-        Transport::AddressedMessage const& raw = message.addressed();
-        std::size_t const used = raw.size() < 16
-                                     ? raw.size()
-                                     : 16 + std::stoul(wire::hex(raw.buf() + 12, 4), nullptr, 16);
-        return used > raw.size() ? "claims more than came" : spaced(wire::hex(raw.buf(), used));
+        return wire::whole(message);
+    }
+    /** Sends a whole request, and has its answer hold just these data. */
+    void expectAnswer(std::string const& request, std::string const& data) {
+        send(request);
+        std::string const head = wire::bare(request).substr(0, 16);
+        EXPECT_EQ(receive(), spaced(head + "00000003" + stream(data))) << request;
     }
     /** Answers the search for "far" as if this side had it. */
     void beFound(unsigned int count) {
@@ -79,9 +74,7 @@ protected:
     }
     /** A good call, answered: the broker is there, and has answered nothing that came before. */
     void expectNoAnswerToWhatWasSent() {
-        send(call("0000A11E", "00000003"));
-        EXPECT_EQ(receive(),
-                  spaced("0000A11E 00000002 00000003" + stream(kEmptyContainer + "00000000")));
+        expectAnswer(call("0000A11E", "00000003"), kEmptyContainer + "00000000");
     }
 
     std::unique_ptr<RawPeer> peer_;
@@ -160,8 +153,8 @@ TEST_F(WireTest, answersThatMakeNoSenseFailTheCallOnly) {
 }
 
 TEST_F(WireTest, searchesAreAnswered) {
-    send(request("12345678", "00000001", wire::text("lamp") + "00000001"));
-    EXPECT_EQ(receive(), spaced("12345678 00000001 00000003" + stream(number(lamp_.ioid))));
+    expectAnswer(request("12345678", "00000001", wire::text("lamp") + "00000001"),
+                 number(lamp_.ioid));
     EXPECT_EQ(peer_->await(0).size(), 104u) << "the room that an answer starts with";
     std::string const unknown[]{wire::text("lam") + "00000001",  // another name
                                 wire::text("lamp") + "",  // no namespace: the broker has its own
@@ -169,35 +162,25 @@ TEST_F(WireTest, searchesAreAnswered) {
                                 "7FFFFFFF 6C616D70",      // a name longer than all messages
                                 "FFFFFFFB 6C616D70",      // of negative length
                                 ""};
-    for (std::string const& data : unknown) {
-        send(request("00000001", "00000001", data));
-        std::string const expected =
-            data.substr(0, 8) == "00000004" ? number(lamp_.ioid) : "00000000";
-        EXPECT_EQ(receive(), spaced("00000001 00000001 00000003" + stream(expected))) << data;
-    }
+    for (std::string const& data : unknown)
+        expectAnswer(request("00000001", "00000001", data),
+                     data.substr(0, 8) == "00000004" ? number(lamp_.ioid) : "00000000");
 }
 
 TEST_F(WireTest, callsAreAnswered) {
-    send(call("CAFE0001", "00000001", "00000001" + wire::text("abc")));
-    EXPECT_EQ(receive(),
-              spaced("CAFE0001 00000002 00000003" + stream(kEmptyContainer + wire::text("bca"))));
+    expectAnswer(call("CAFE0001", "00000001", "00000001" + wire::text("abc")),
+                 kEmptyContainer + wire::text("bca"));
     EXPECT_EQ(peer_->await(0).size(), 104u);
-    send(call("CAFE0002", "00000004", "0000002A"));
-    EXPECT_EQ(receive(),
-              spaced("CAFE0002 00000002 00000003" + stream("00000001 00000004 0000002A")));
+    expectAnswer(call("CAFE0002", "00000004", "0000002A"), "00000001 00000004 0000002A");
     // Any kind that is no answer is a request, and any transaction flag but 0 is set.
-    send("00000000 00000002 00000001" +
-         stream(number(lamp_.ioid) + "80000000" + kClass + "00000003"));
-    EXPECT_EQ(receive(),
-              spaced("00000000 00000002 00000003" + stream(kEmptyContainer + "00000000")));
+    expectAnswer("00000000 00000002 00000001" +
+                     stream(number(lamp_.ioid) + "80000000" + kClass + "00000003"),
+                 kEmptyContainer + "00000000");
     // What an object puts at the head of its responses, set and got.
-    send(call("CAFE0003", "00000834", "00000007 00000002 ABCD"));
-    EXPECT_EQ(receive(), spaced("CAFE0003 00000002 00000003" + stream("00000007 00000002 ABCD")));
-    send(call("CAFE0004", "00000835"));
-    EXPECT_EQ(receive(), spaced("CAFE0004 00000002 00000003" +
-                                stream("00000007 00000002 ABCD 00000007 00000002 ABCD")));
-    send(call("CAFE0005", "00000834", kEmptyContainer));
-    EXPECT_EQ(receive(), spaced("CAFE0005 00000002 00000003" + stream(kEmptyContainer)));
+    std::string const container = "00000007 00000002 ABCD";
+    expectAnswer(call("CAFE0003", "00000834", container), container);
+    expectAnswer(call("CAFE0004", "00000835"), container + container);
+    expectAnswer(call("CAFE0005", "00000834", kEmptyContainer), kEmptyContainer);
     expectNoAnswerToWhatWasSent();
 }
 
@@ -215,10 +198,8 @@ TEST_F(WireTest, callsThatCannotBeServedAreAnsweredWithAFailure) {
         // Data longer than the message: what is there counts.
         "0BAD0000 00000002 00000002 FFFFFFFF" + number(lamp_.ioid) + "00000001" + kClass +
             "00000001"};
-    for (std::string const& digits : refused) {
-        send(digits);
-        EXPECT_EQ(receive(), spaced("0BAD0000 00000002 00000003" + stream(kFailure))) << digits;
-    }
+    for (std::string const& digits : refused)
+        expectAnswer(digits, kFailure);
     expectNoAnswerToWhatWasSent();
 }
 
@@ -251,10 +232,8 @@ TEST_F(WireTest, queryOfTheCountersIsEmptyAndItsAnswerAreNameAndCounters) {
 
 TEST_F(WireTest, queriesOfTheCountersAreAnsweredAndStartThemAfresh) {
     std::string const query = request("CAFE0001", "0000000A", "");
-    std::string const head = "CAFE0001 0000000A 00000003";
     std::string const none = wire::text(kActorName) + "00000000";
-    send(query);
-    EXPECT_EQ(receive(), spaced(head + stream(none)));
+    expectAnswer(query, none);
     EXPECT_EQ(peer_->await(0).size(), 104u) << "the room that an answer starts with";
 
     std::string const outcomes[]{"00000003", "00000003", "00000004"};  // kinds of answers
@@ -265,12 +244,10 @@ TEST_F(WireTest, queriesOfTheCountersAreAnsweredAndStartThemAfresh) {
         send(transaction(count) + "00000001" + kind + stream("00000000"));
         actor_->await("found");
     }
-    send(query);
-    EXPECT_EQ(receive(), spaced(head + stream(wire::text(kActorName) + "00000001" +
-                                              inHostOrder(peer_->termId()) + "00000003 00000001")));
+    expectAnswer(query, wire::text(kActorName) + "00000001" + inHostOrder(peer_->termId()) +
+                            "00000003 00000001");
     // Any kind that is no answer is a request, and whatever comes with it is of no account.
-    send("CAFE0001 0000000A 00000001" + stream("DEADBEEF"));
-    EXPECT_EQ(receive(), spaced(head + stream(none)));
+    expectAnswer("CAFE0001 0000000A 00000001" + stream("DEADBEEF"), none);
 }
 
 TEST_F(WireTest, whatIsNoRequestIsNotAnswered) {
