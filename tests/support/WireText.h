@@ -1,9 +1,10 @@
 // Bytes as hexadecimal digits, as tests of the wire format write and compare them.
 #pragma once
 
+#include <boost/algorithm/hex.hpp>
+
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -17,22 +18,15 @@ inline std::string bare(std::string digits) {
     return digits;
 }
 inline std::vector<unsigned char> bytes(std::string const& digits) {
-    std::string const raw = bare(digits);
     std::vector<unsigned char> result;
-    for (std::size_t i = 0; i + 1 < raw.size(); i += 2)
-        result.push_back(
-            static_cast<unsigned char>(std::strtoul(raw.substr(i, 2).c_str(), nullptr, 16)));
+    boost::algorithm::unhex(bare(digits), std::back_inserter(result));
     return result;
 }
 /** Without blanks. */
 inline std::string hex(void const* bytes, std::size_t size) {
     auto const* const all = static_cast<unsigned char const*>(bytes);
     std::string text;
-    for (std::size_t i = 0; i < size; ++i) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02X", all[i]);
-        text += digits;
-    }
+    boost::algorithm::hex(all, all + size, std::back_inserter(text));
     return text;
 }
 /** With a blank behind every fourth byte. */
