@@ -17,17 +17,11 @@ public:
     using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
-        switch (mc) {
-            case kRefuse:
-                return serve(cc, mc, in, out, &Server::refuse);
-            case kNothing:
-                return serve(cc, mc, in, out, &Server::nothing);
-            case kBreakOff:
-                out << TipprmiGeneralException::getExceptionClassType();
-                return true;
-            default:
-                return TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
-        }
+        auto const by = [&](auto method) { return serve(cc, mc, in, out, method); };
+        return mc == kRefuse     ? by(&Server::refuse)
+               : mc == kNothing  ? by(&Server::nothing)
+               : mc == kBreakOff ? breakOff(out)
+                                 : TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
     }
     TipprmiResult<unsigned int> refuse(unsigned int code) {
         ++calls;
@@ -36,6 +30,10 @@ public:
         return 7u;
     }
     void nothing() { ++calls; }
+    static bool breakOff(TipprmiStream& out) {
+        out << TipprmiGeneralException::getExceptionClassType();
+        return true;
+    }
 
     int calls = 0;
 };

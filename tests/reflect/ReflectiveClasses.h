@@ -208,23 +208,18 @@ inline bool LampObject::dispatch(bool withResponse, unsigned int cc, unsigned in
         {lamp::kSwitches, &LampObject::serveValue<&LampObject::switches>},
         {lamp::kOthers, &LampObject::serveValue<&LampObject::others>},
         {lamp::kCrowd, &LampObject::serveValue<&LampObject::crowd>}};
-    switch (mc) {
-        case device::kGetName:
-            return serve(device::kClass, cc, mc, in, out, &LampObject::name);
-        case device::kPing:
-            return serve(device::kClass, cc, mc, in, out, &LampObject::ping);
-        case lamp::kLevel + 1:
-            return serve(lamp::kClass, cc, mc, in, out, &LampObject::writeLevel);
-        case lamp::kHeld:
-            return serve(lamp::kClass, cc, mc, in, out, &LampObject::readHeld);
-        case lamp::kHeld + 1:
-            return serve(lamp::kClass, cc, mc, in, out, &LampObject::writeHeld);
-        case lamp::kSerial:
-            return serve(lamp::kClass, cc, mc, in, out, &LampObject::read<&LampObject::serial>);
-    }
+    auto const by = [&](auto method) {
+        return serve(mc < lamp::kLevel ? device::kClass : lamp::kClass, cc, mc, in, out, method);
+    };
     auto const value = values.find(mc & ~1u);
-    return value != values.end() ? (this->*value->second)(value->first, cc, mc, in, out)
-                                 : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
+    return mc == device::kGetName   ? by(&LampObject::name)
+           : mc == device::kPing    ? by(&LampObject::ping)
+           : mc == lamp::kLevel + 1 ? by(&LampObject::writeLevel)
+           : mc == lamp::kHeld      ? by(&LampObject::readHeld)
+           : mc == lamp::kHeld + 1  ? by(&LampObject::writeHeld)
+           : mc == lamp::kSerial    ? by(&LampObject::read<&LampObject::serial>)
+           : value != values.end()  ? (this->*value->second)(value->first, cc, mc, in, out)
+                                    : TreflectServerObject::dispatch(withResponse, cc, mc, in, out);
 }
 
 class CombiObject : public TreflectSkeleton<combiMeta, LampObject> {
