@@ -49,8 +49,7 @@ TEST(ParameterTypeName, IsToldFromOtherText) {
           "enum{A=4294967296}", "enum{1}", "struct S", "struct int{int a}", "union{}",
           "struct{int a, bool}", "struct{int a, int a}", "Unknown", "sequence<Unknown>",
           "unsigned a b", "unsigned a::b", "struct{int}x y",
-          // What could go on for ever, or have no bytes for any number of
-          // elements.
+          // What could go on for ever, or have no bytes for any number of elements.
           "struct N{N next}", "struct N{int i, array<N,2> n}", "struct A{struct B{A a} b}",
           "sequence<void>", "array<struct{},9>", "map<void,void>", "struct{void a}",
           "struct{struct E{} a, E b}"})
@@ -88,8 +87,7 @@ TEST(ParameterTypeName, MayReferToTypesThatAreGivenAlong) {
     EXPECT_TRUE(Type("struct Tree{int n, optional<Tree> sub}", types).parse("{1, [{2, []}]}", any));
     EXPECT_EQ("limit", Type("unsigned limit").label());
 
-    // A chain of types, each of which has twice the next, is no more work than
-    // its text.
+    // A chain of types, each of which has twice the next, is no more work than its text.
     TreflectTypes chain;
     for (int i = 0; i < 300; ++i) {
         std::string const next = "T" + std::to_string(i + 1);
@@ -335,12 +333,8 @@ TEST_F(ParameterTypeBytes, ThatBreakOffAreNotTaken) {
 }
 
 TEST_F(ParameterTypeBytes, OfAnotherMakeAreNoValue) {
-    std::string const huge =
-        "\x7F\xFF\xFF\xFF"
-        "1234";
-    std::string const most =
-        "\xFF\xFF\xFF\xFF"
-        "1234";
+    std::string const huge = std::string("\x7F\xFF\xFF\xFF") + "1234";
+    std::string const most = std::string("\xFF\xFF\xFF\xFF") + "1234";
     for (char const* name : {"string", "oid", "object", "any", "sequence<int>", "sequence<any>"})
         EXPECT_FALSE(Type(name).print(content(huge))) << name;
     EXPECT_FALSE(Type("sequence<sequence<{int,int}>>").print(content(most)));
