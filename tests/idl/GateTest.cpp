@@ -1,15 +1,11 @@
 // Classes that the interface compiler has made: calls within one process and across two.
-#include <gtest/gtest.h>
-
 #include <limits>
-#include <memory>
-#include <string>
 
 #include "ActorProgram.h"
+#include "BrokerTest.h"
 #include "GateObject.h"
 #include "Watcher.h"
 #include "WireText.h"
-#include "handler_threads.h"
 
 namespace {
 
@@ -17,7 +13,7 @@ using testsupport::ActorProgram;
 
 enum Where { kSameProcess, kOtherProcess };
 
-class GateTest : public ::testing::TestWithParam<Where> {
+class GateTest : public PermittedTest, public ::testing::WithParamInterface<Where> {
 protected:
     GateTest() {
         if (GetParam() == kSameProcess) {
@@ -28,8 +24,6 @@ protected:
         }
         gate = works::GateClient(TipprmiOID("gate", NSID_UNIT));
     }
-
-    TreflectHandlerState const inside{true};
 
 private:
     std::unique_ptr<Gate> here_;

@@ -1,13 +1,7 @@
 // Calls that are refused with an exception that has fields.
-#include <gtest/gtest.h>
-
-#include <string>
-
+#include "BrokerTest.h"
 #include "Watcher.h"
 #include "WireText.h"
-#include "handler_threads.h"
-#include "ipprmi.h"
-#include "reflect.h"
 
 namespace {
 
@@ -57,7 +51,7 @@ public:
     }
 };
 
-class OutcomeTest : public ::testing::Test {
+class OutcomeTest : public PermittedTest {
 public:
     Dimmed byStreams(unsigned int level) {
         return tipprmiRaisingCall<Dimmed>(object, kClass, kDim, level);
@@ -66,7 +60,6 @@ public:
         return treflectCall(object, kClass, kDim, &Dimmer::dim, level);
     }
 
-    TreflectHandlerState const inside{true};
     Dimmer server;
     TreflectObject const object{server.getOID()};
 };

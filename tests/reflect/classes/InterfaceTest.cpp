@@ -1,12 +1,6 @@
 // Interfaces that are written once, as a skeleton class: dispatch, table and client follow.
-#include <gtest/gtest.h>
-
-#include "LogCapture.h"
-#include "handler_threads.h"
-#include "reflect.h"
+#include "BrokerTest.h"
 #include "reflect/TreflectInterface.h"
-
-using testsupport::LogCapture;
 
 namespace {
 
@@ -110,20 +104,19 @@ void callsEachOperation(Client const& lamp) {
     EXPECT_TRUE(lamp.template send<&LampObject::reset>());
 }
 
-TEST(Interface, ServesItsOperationsAndThoseOfItsBase) {
-    TreflectHandlerState const inside(true);
-    LampObject const object(TipprmiOID("interface.lamp", NSID_UNIT), nullptr, "lamp");
-    callsEachOperation(Lamp(object.getOID()));
-    callsEachOperation(ThroughStreams(object.getOID()));
-    LogCapture const log;
-    TipprmiResult<void> const unknown = tipprmiCall<void>(Lamp(object.getOID()), 0x17E57002, 99);
-    EXPECT_FALSE(unknown);
+class Interface : public PermittedTest {
+protected:
+    LampObject const object_{oid("interface.lamp"), nullptr, "lamp"};
+};
+
+TEST_F(Interface, ServesItsOperationsAndThoseOfItsBase) {
+    callsEachOperation(Lamp(object_.getOID()));
+    callsEachOperation(ThroughStreams(object_.getOID()));
+    EXPECT_FALSE(tipprmiCall<void>(Lamp(object_.getOID()), 0x17E57002, 99));
 }
 
-TEST(Interface, IsDescribedByItsTable) {
-    TreflectHandlerState const inside(true);
-    LampObject const object(TipprmiOID("interface.lamp", NSID_UNIT), nullptr, "lamp");
-    Lamp const lamp(object.getOID());
+TEST_F(Interface, IsDescribedByItsTable) {
+    Lamp const lamp(object_.getOID());
     TreflectMetaObject const* const meta = lamp.meta();
     ASSERT_EQ(&Lamp::metaClass(), meta);
     EXPECT_TRUE(meta->isA(&DeviceSkeleton::metaClass()));
@@ -155,8 +148,7 @@ TEST(Interface, IsDescribedByItsTable) {
     EXPECT_EQ(nullptr, meta->metaAttribute("Range")->metaOperSet());
 }
 
-TEST(Interface, IsKnownWhereOnlyItsClientIs) {
-    TreflectHandlerState const inside(true);
+TEST_F(Interface, IsKnownWhereOnlyItsClientIs) {
     [[maybe_unused]] TreflectClient<FarSkeleton> const far;
     TreflectMetaObject* const meta = InterfaceRepository::instance()->findInterface(0x17E57003);
     ASSERT_NE(nullptr, meta);
