@@ -1,10 +1,6 @@
 // A broker with a few objects, and a peer that plays another broker: it sends requests, responses
 // and notices of unknown origin, and gives answers of unknown origin to what it is asked.
-#include <array>
-#include <atomic>
-#include <cstdlib>
 #include <deque>
-#include <optional>
 
 #include "FuzzProcess.h"
 #include "Script.h"

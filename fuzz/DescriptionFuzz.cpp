@@ -1,5 +1,4 @@
 // Classes as other processes describe them: from bytes to meta objects that are used.
-#include <cstdint>
 #include <map>
 
 #include "FuzzProcess.h"

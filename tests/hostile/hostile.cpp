@@ -7,10 +7,8 @@
 // and go. Two more in a folder of their own, whom nobody attacks, show how long this machine keeps
 // anybody waiting at present: what a call of theirs took is no fault of an attack.
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <random>
-#include <thread>
 
 #include "RendezvousFolder.h"
 #include "Resources.h"

@@ -1,9 +1,6 @@
 // The judge of the soak, before journals written by hand. Actor 1 publishes, actor 2 observes.
 #include <gtest/gtest.h>
 
-#include <sstream>
-#include <string>
-
 #include "Checker.h"
 
 namespace {

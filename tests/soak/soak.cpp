@@ -7,12 +7,8 @@
 //
 // The same seed makes the same decisions, as far as the order of threads lets it. It has the actors
 // act in stretches, kills and restarts some meanwhile, and has the checker judge when all rest.
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <optional>
 #include <random>
-#include <thread>
 
 #include "Checker.h"
 #include "RendezvousFolder.h"

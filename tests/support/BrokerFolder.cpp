@@ -2,8 +2,6 @@
 // are gone before the folder is.
 #include <gtest/gtest.h>
 
-#include <optional>
-
 #include "RendezvousFolder.h"
 #include "reflect/TreflectORB.h"
 

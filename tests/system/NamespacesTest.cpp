@@ -1,8 +1,5 @@
 // Brokers of a unit and of the node in one process, and units on one machine told apart by slot.
-#include <map>
-
 #include "StationActor.h"
-#include "Waiting.h"
 
 namespace {
 

@@ -5,7 +5,6 @@
 
 #include "Slowness.h"
 #include "StationActor.h"
-#include "Waiting.h"
 
 namespace {
 

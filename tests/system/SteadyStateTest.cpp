@@ -1,8 +1,6 @@
 // What calls cost once they are under way, and what a process costs that makes none.
 #include <time.h>
 
-#include <thread>
-
 #include "StationActor.h"
 
 namespace {

@@ -1,14 +1,11 @@
 // A process that serves stations and calls those of others, driven by lines on standard input. An
 // answer that comes from a thread of its own may stand behind those of later lines.
-#include <memory>
 #include <set>
-#include <thread>
 
 #include "ActorSide.h"
 #include "AllocationCount.h"
 #include "Permitted.h"
 #include "Station.h"
-#include "Waiting.h"
 
 namespace {
 

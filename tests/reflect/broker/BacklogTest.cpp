@@ -1,13 +1,8 @@
 // More messages than a broker serves: between processes, where their senders can be held back.
-#include <atomic>
 #include <csignal>
 #include <fstream>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "BrokerTest.h"
-#include "Permitted.h"
 #include "Probe.h"
 #include "RawPeer.h"
 #include "ReflectActor.h"

@@ -1,6 +1,4 @@
 // A target that lives and does not answer: the real times, waited for.
-#include <signal.h>
-
 #include "ReflectActor.h"
 #include "RendezvousFolder.h"
 
