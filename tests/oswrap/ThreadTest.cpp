@@ -164,6 +164,7 @@ TEST(Thread, idIsNeverReusedAndHoldsInThreadSpecificDestructors) {
 }
 
 TEST(Thread, knowsItsKernelIdInAForkedChildToo) {
+    Thread::getCurrentTid();  // which is kept from then on
     EXPECT_TRUE(testsupport::holdsInForkedChild(
         [] { return Thread::getCurrentTid() == syscall(SYS_gettid); }));
 }
