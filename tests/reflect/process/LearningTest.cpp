@@ -54,6 +54,7 @@ Descriptions lineOf(unsigned int count, unsigned int bases) {
 class LearningOf : public PermittedTest {
 protected:
     TreflectMetaObject* admit(Descriptions const& classes, std::size_t size = kSomeSize) {
+        handlerthreads::trustPermission();
         return learning_.admit(kFirst, kTeller, classes, size);
     }
 
@@ -86,6 +87,7 @@ std::vector<Refusal> refusals() {
 }
 
 TEST_F(LearningOf, WhatMakesNoSenseIsRefusedForAReason) {
+    handlerthreads::trustPermission();
     for (Refusal const& refusal : refusals()) {
         log_.clear();
         Learning learning;
@@ -117,6 +119,7 @@ Descriptions withTypes(unsigned int number, std::size_t size) {
 }
 
 TEST_F(LearningOf, NoMoreIsLearnedThanThereIsRoomFor) {
+    handlerthreads::trustPermission();
     Descriptions variant = lineOf(1, 1);
     for (unsigned int code = 0; code < 16; ++code) {
         variant[0].operations = {operation("run", code)};
@@ -153,6 +156,7 @@ TEST_F(LearningOf, MembersOfBasesAreThoseOfTheClass) {
 }
 
 TEST_F(LearningOf, WithoutMemoryNothingIsLearnedByHalves) {
+    handlerthreads::trustPermission();
     Descriptions classes = lineOf(3, 2);
     classes[2].operations = {operation("getLevel", 1)};
     Description::Attribute level;
@@ -178,6 +182,7 @@ TEST_F(LearningOf, WithoutMemoryNothingIsLearnedByHalves) {
 }
 
 TEST_F(LearningOf, ClassThatGoesWithItsSharedObjectIsNotUsedAnyMore) {
+    handlerthreads::trustPermission();
     constexpr unsigned int kBase = kFirst + 1;
     auto here = std::make_unique<Table>("Class1", kBase, std::vector<Table const*>(),
                                         std::vector<Table::Operation>{{"stop", 1, {}, {}}},
@@ -228,6 +233,7 @@ private:
 };
 
 TEST_F(LearningOf, BrokerThatTellsNonsenseIsAskedOnceUntilItGoes) {
+    handlerthreads::trustPermission();
     TreflectOrbId const broker = orb().orbId();
     Teller teller(broker);
     teller.told = {lineOf(2, 1)[0]};
@@ -244,6 +250,7 @@ TEST_F(LearningOf, BrokerThatTellsNonsenseIsAskedOnceUntilItGoes) {
 }
 
 TEST_F(LearningOf, ClassIsDescribedWithTheClassesOfValuesThatAReaderHasRoomFor) {
+    handlerthreads::trustPermission();
     std::vector<std::string> const types = typesOfSize(Learning::kLargestAnswer * 2 / 5);
     Table const inlet("Inlet", kFirst + 1, {}, {}, {}, types);
     Table const outlet("Outlet", kFirst + 2, {}, {}, {}, types);
