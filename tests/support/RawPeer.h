@@ -17,7 +17,8 @@
 
 class RawPeer : public Transport::TerminationImpl {
 public:
-    /** What the peer does with a message on its receiving thread. */
+    /** What the peer does with a message on its receiving thread. Who gets its answer finds the
+     * message among those that came. */
     using Reaction = std::function<void(RawPeer&, TreflectMessage&)>;
 
     explicit RawPeer(Transport::GroupId group, Reaction reaction = {})
@@ -28,11 +29,9 @@ public:
 
     bool receive(Transport::AddressedMessage const& addressed) override {
         TreflectMessage message(addressed);
+        keep(message);
         if (reaction_)
             reaction_(*this, message);
-        std::lock_guard<std::mutex> const lock(mutex_);
-        received_.push_back(message);
-        arrived_.notify_all();
         return true;
     }
     bool receiveError(Transport::AddressedMessage const&) override { return true; }
@@ -92,6 +91,12 @@ public:
     }
 
 private:
+    void keep(TreflectMessage const& message) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        received_.push_back(message);
+        arrived_.notify_all();
+    }
+
     Reaction const reaction_;
     std::mutex mutex_;
     std::condition_variable arrived_;
