@@ -15,12 +15,16 @@ protected:
         names_.push_back("station" + std::to_string(actors_.size()));
         actors_.back()->publishStation(names_.back());
     }
+    /** All hold handles on all, which they find once they have noticed those that came up last. */
+    void keepAll() {
+        for (auto& actor : actors_)
+            for (std::string const& name : names_)
+                EXPECT_TRUE(testsupport::eventually([&] { return actor->does("keep " + name); }));
+    }
     /** All call all, themselves included, in several threads each. */
     void expectThatAllCallAll(unsigned int threads) {
         std::string const count = std::to_string(scaled(300));
-        for (auto& actor : actors_)
-            for (std::string const& name : names_)
-                EXPECT_TRUE(actor->does("keep " + name));
+        keepAll();
         for (auto& actor : actors_)
             for (std::string const& name : names_)
                 for (unsigned int i = 0; i < threads; ++i)
@@ -48,6 +52,7 @@ TEST_F(ManyProcessesTest, allCallAllAtOnce) {
 #endif
     start();
     start(other);
+    keepAll();
     actors_[0]->tell("check station2");
     actors_[1]->tell("check station1");
     for (auto& actor : actors_)
@@ -64,9 +69,7 @@ TEST_F(ManyProcessesTest, stoppedProcessDelaysItsOwnCallersOnly) {
     for (int i = 0; i < 4; ++i)
         start();
     StationActor& stopped = *actors_[0];
-    for (std::size_t i = 1; i < actors_.size(); ++i)
-        for (std::string const& name : names_)
-            EXPECT_TRUE(actors_[i]->does("keep " + name));
+    keepAll();
     EXPECT_TRUE(stopped.child().stopWholly());
     // Two wait for the stopped one, among their other calls.
     for (std::size_t i : {1u, 2u}) {
