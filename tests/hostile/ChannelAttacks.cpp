@@ -7,10 +7,6 @@ namespace {
 
 using namespace Transport;
 
-void pause(int milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 /** Does something over a channel, where a victim wants one. */
 template <void (*act)(Field&, HandMadeLink&), std::uint32_t capacity = kSmallestRing>
 void overChannel(Field& field) {
@@ -154,14 +150,12 @@ void hostBadly(Field& field, HandMadeLink& link) {
     link.ring();
     if (field.dice(2) == 0)
         link.send(link.packet(Packet::Bye));
-    pause(static_cast<int>(field.dice(3)));
+    pause(field.dice(3));
     link.socket.reset();
     while (testsupport::isReadable(field.entry().listening(), 5)) {
-        HandMadeLink guest;
-        guest.from = link.from;
-        guest.to = link.to;
-        guest.socket =
-            Descriptor(::accept4(field.entry().listening(), nullptr, nullptr, SOCK_CLOEXEC));
+        auto guest = HandMadeLink::between(
+            link.from, link.to,
+            ::accept4(field.entry().listening(), nullptr, nullptr, SOCK_CLOEXEC));
         guest.makeSide();
         Descriptor const file = testsupport::oddFile(field.number(), 0, guest.own.file.get());
         Descriptor const bell = testsupport::oddBell(field.number(), guest.own.bell.get());

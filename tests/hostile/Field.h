@@ -101,11 +101,9 @@ public:
 
     /** A connection, without a word; ended when there is none to be had. */
     HandMadeLink connect(Victim const& victim) {
-        HandMadeLink link;
-        link.to = victim.id;
         sockaddr_un const address = testsupport::addressOf(victim.file);
-        link.socket =
-            Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        auto link = HandMadeLink::between(
+            {}, victim.id, ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         link.ended = ::connect(link.socket.get(), reinterpret_cast<sockaddr const*>(&address),
                                sizeof address) != 0;
         return link;
@@ -147,6 +145,10 @@ private:
     std::unique_ptr<Entry> entry_;
     std::deque<HandMadeLink> kept_;
 };
+
+inline void pause(unsigned int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
 
 // ---- Messages
 

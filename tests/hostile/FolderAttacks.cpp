@@ -65,7 +65,7 @@ void spoilPresence(Field& field) {
             ::unlink("away");
             break;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100 + field.dice(300)));
+    pause(100 + field.dice(300));
 }
 
 /** Those of the counter, and of the names that are to be given next. */
@@ -86,7 +86,7 @@ void holdLocks(Field& field) {
         hold(0x20000, 1);
     for (off_t name = last % 0xFFFF; name < last % 0xFFFF + 200; ++name)
         hold(0x10000 + name, 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100 + field.dice(400)));
+    pause(100 + field.dice(400));
 }
 
 }  // namespace

@@ -10,10 +10,6 @@
 namespace hostile {
 namespace {
 
-void pause(unsigned int milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 /** A process that has an entry and a channel for a moment, and dies without a word. */
 pid_t makeShortLived(Field& field) {
     field.leave();

@@ -14,18 +14,14 @@
 
 #include "ActorSide.h"
 #include "GoodObject.h"
+#include "Permitted.h"
 #include "Turn.h"
 
 namespace {
 
 using namespace hostile;
 using testsupport::answer;
-
-long long now() {
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+using testsupport::now;
 
 /** What a process has done and was told, by name. Any thread. */
 class Report {
@@ -166,8 +162,7 @@ public:
     }
 
     bool update() override {
-        TipprmiOID const carried = getSource()->getStub_()->getOID();
-        std::string const name = carried.getIdString() ? carried.getIdString() : "";
+        std::string const name = nameOf(*getSource());
         unsigned long const number = name.size() > 6 ? std::stoul(name.substr(6)) : 0;
         if (!registered_ || number <= lastBefore_) {
             if (!early_.insert(number).second)

@@ -6,7 +6,6 @@
 
 #include "Journal.h"
 #include "SoakObject.h"
-#include "Turn.h"
 
 namespace soak {
 

@@ -23,7 +23,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -33,13 +32,11 @@
 #include <utility>
 #include <vector>
 
+#include "Turn.h"
+
 namespace soak {
 
-/** Microseconds of a clock that all processes of the machine share. */
-inline long long now() {
-    auto const time = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
+using testsupport::now;
 
 struct Event {
     long long at = 0;

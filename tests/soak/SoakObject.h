@@ -5,9 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "handler_threads.h"
-#include "ipprmi.h"
-#include "reflect.h"
+#include "Permitted.h"
 
 namespace soak {
 
@@ -67,12 +65,6 @@ inline unsigned int actorOf(std::string const& name) {
 }
 inline TipprmiOID named(std::string const& name) {
     return TipprmiOID(name, NSID_UNIT);
-}
-
-/** The identifier that a handle carries. */
-inline std::string nameOf(TreflectObject const& handle) {
-    TipprmiOID const carried = handle.getStub_()->getOID();
-    return carried.getIdString() ? carried.getIdString() : "";
 }
 
 class Object final : public TreflectServerObject {

@@ -8,6 +8,7 @@
 #include "Waiting.h"
 #include "handler_threads.h"
 #include "ipprmi.h"
+#include "reflect.h"
 
 /** Does something under the run permission. */
 template <class Work>
@@ -47,4 +48,9 @@ inline bool queueGrowsTo(unsigned long threads) {
 
 inline TipprmiOID oid(std::string const& name) {
     return TipprmiOID(name, NSID_UNIT);
+}
+/** The identifier that a handle carries. */
+inline std::string nameOf(TipprmiObjectClient const& handle) {
+    TipprmiOID const carried = handle.getStub_()->getOID();
+    return carried.getIdString() ? carried.getIdString() : "";
 }

@@ -1,3 +1,4 @@
+// The time of processes that act for a while, and their turn.
 #pragma once
 
 #include <chrono>
@@ -6,6 +7,12 @@
 #include <thread>
 
 namespace testsupport {
+
+/** Microseconds of a clock that all processes of the machine share. */
+inline long long now() {
+    auto const time = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
 
 /** Lets the threads of a program act or rest, as whoever drives it wants it. */
 class Turn {

@@ -5,8 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ipprmi.h"
-#include "reflect.h"
+#include "Permitted.h"
 
 /** An observer that notes what it is told, and reacts as its test wants. All that it has is guarded
  * by the run permission. */
@@ -21,9 +20,7 @@ public:
     ~Watcher() override { *alive_ = false; }
 
     bool update() override {
-        TipprmiOID const object = getSource()->getStub_()->getOID();
-        char const* const name = object.getIdString();
-        told.emplace_back(name ? name : "?");
+        told.push_back(nameOf(*getSource()));
         values.clear();
         for (unsigned int i = 0, number = 0; argument(i, number); ++i)
             values.push_back(number);

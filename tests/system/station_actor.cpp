@@ -126,8 +126,7 @@ public:
     Watcher() : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "") {}
     bool update() override {
         Sated const sated;
-        char const* const name = getSource()->getStub_()->getOID().getIdString();
-        told_.insert(name ? name : "");
+        told_.insert(nameOf(*getSource()));
         return true;
     }
     bool knows(std::string const& name) const { return told_.count(name) != 0; }
