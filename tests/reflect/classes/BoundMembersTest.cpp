@@ -338,7 +338,9 @@ TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
 TEST_F(BoundMembers, NullObjectsDoNothing) {
     log_.clear();
     TreflectErrorAttribute& attribute = TreflectObject::errorAttribute;
-    auto const bytes = [&attribute] { return wire::hex(&attribute, sizeof attribute); };
+    auto const bytes = [] {
+        return wire::hex(&TreflectObject::errorAttribute, sizeof TreflectObject::errorAttribute);
+    };
     std::string const before = bytes();
     EXPECT_TRUE(attribute.isError());
     TreflectObject object = handle_;
