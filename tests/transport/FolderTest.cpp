@@ -1,4 +1,5 @@
 // What other processes of the same user, broken or hostile, do to the rendezvous folder.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -41,33 +42,47 @@ std::ostream& operator<<(std::ostream& out, Damage const& way) {
     return out << way.name;
 }
 
+/** What is to take the file's place is made beside it. */
+std::string beside(std::string const& shared) {
+    return shared + ".beside";
+}
+/** Who saw the file missing in between would make a new one. */
+void exchange(std::string const& shared) {
+    ASSERT_EQ(
+        renameat2(AT_FDCWD, beside(shared).c_str(), AT_FDCWD, shared.c_str(), RENAME_EXCHANGE), 0);
+}
+void replace(std::string const& shared) {
+    exchange(shared);
+    fs::remove(beside(shared));
+}
+
 Damage const kDamages[] = {
     {"removed", [](std::string const& shared) { fs::remove(shared); }},
     {"copied",
      [](std::string const& shared) {
-         fs::copy_file(shared, shared + ".copy");
-         fs::rename(shared + ".copy", shared);
+         fs::copy_file(shared, beside(shared));
+         fs::rename(beside(shared), shared);
      }},
     {"linked",
      [](std::string const& shared) {
-         fs::rename(shared, shared + ".away");
-         fs::create_symlink(shared + ".away", shared);
+         fs::create_symlink(beside(shared), beside(shared));
+         exchange(shared);
      }},
     {"pipe",
      [](std::string const& shared) {
-         fs::remove(shared);
-         ASSERT_EQ(mkfifo(shared.c_str(), 0600), 0);
+         ASSERT_EQ(mkfifo(beside(shared).c_str(), 0600), 0);
+         replace(shared);
      }},
     {"folder",
      [](std::string const& shared) {
-         fs::remove(shared);
-         fs::create_directory(shared);
+         fs::create_directory(beside(shared));
+         replace(shared);
      }},
     {"inaccessible",
      [](std::string const& shared) {
-         fs::remove(shared);
-         std::ofstream const empty(shared);
-         ASSERT_EQ(chmod(shared.c_str(), 0), 0);
+         std::ofstream const empty(beside(shared));
+         ASSERT_EQ(chmod(beside(shared).c_str(), 0), 0);
+         replace(shared);
      }},
     {"emptied", [](std::string const& shared) { fs::resize_file(shared, 0); }},
     {"cut", [](std::string const& shared) { fs::resize_file(shared, 3); }},
