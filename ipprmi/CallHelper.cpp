@@ -48,7 +48,10 @@ void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server,
     if (!server.notifyObservers(TreflectObservable::kBeforeCalls, cc, mc, values))
         return;
     values.setLength(0);
-    hook.callServer(server);
+    {
+        TreflectServerObject::ObservedCall const call(server, cc, mc);
+        hook.callServer(server);
+    }
     hook.insertResult(values);
     if (!life.ended())
         server.notifyObservers(TreflectObservable::kAfterCalls, cc, mc, values);

@@ -21,12 +21,12 @@ _TAKEN = frozenset(
 # Members that generated classes inherit from the library's: a function of the same name would
 # hide or override them. A test compares this with the headers.
 INHERITED = frozenset(
-    """afterCalls allowedBy announce argument as attribute connect dispatch endLife
+    """afterCalls allowedBy announce argument as attribute changed ChangeUnderWay connect dispatch endLife
     errorAttribute errorOperation exceptionContainer forwardMsg getAbsName getChild
     getChilds getClassIds getClient getExceptionContainer getInternalOID getNamespaceId
     getOID getORB getParent getRelName getServer getServerClassId getServerClassIdSeq
-    getStub_ hasOID identifier internalOid isConnected isObserver Key Life Meta meta
-    metaClass notifyObservers objectName observations_ Observers oid operation orbId postObserverAvailable
+    getStub_ hasOID identifier internalOid isConnected isObservedAfterCalls isObserver Key Life Meta meta
+    metaClass notifyObservers objectName observations_ ObservedCall Observers oid operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
     reflective registerChild registerGuard registerObserver Registration releaseStub_
     removeLostGuards removeObserver respond respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent

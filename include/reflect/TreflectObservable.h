@@ -93,6 +93,11 @@ public:
 protected:
     /** Says that the object is being destroyed. */
     void endLife();
+    /** Whether anybody would be told after a call of any operation. */
+    bool isObservedAfterCalls() const {
+        handlerthreads::trustPermission();
+        return postObservers_ && !postObservers_->empty();
+    }
 
 private:
     using Key = std::pair<unsigned int, unsigned int>;  // class id, method code

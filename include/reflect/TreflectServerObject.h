@@ -12,6 +12,8 @@
 #include "reflect/TreflectObservable.h"
 #include "reflect/TreflectParameters.h"
 
+class TreflectMetaAttribute;
+
 /**
  * Server side of a reflective object: a skeleton that has a name and a place in a tree of names,
  * which may reach over processes, tells its classes, and lets its calls be observed. Derived
@@ -99,6 +101,55 @@ public:
     virtual bool notifyObservers(unsigned int kind, unsigned int const& cc, unsigned int const& mc,
                                  TipprmiSequence<TipprmiAny, 0u> const& arguments);
     using TreflectObservable::notifyObservers;
+    /**
+     * Tells that the value of one of the object's attributes has changed, with the new value: to
+     * each TreflectWatch of it, and to who observes its set operation after calls (a call of that,
+     * as he sees it, which gave the value). Which value, the attribute's get operation is asked,
+     * without its observers: the object must be in a state to answer. What is no attribute of the
+     * class is logged at level 3 when the object is observed.
+     *
+     * Any thread. Waits for the observers, one after the other; for those in other processes with
+     * the permission given up, so that anything may have changed afterwards, and the object may
+     * have been destroyed (see Life). Changes of the attribute that come meanwhile, from another
+     * thread or from an observer, are told by the call that is telling already, and nobody else
+     * waits for that: the last notice has the last value, but not each change is told.
+     *
+     * Within the attribute's set operation, while `serve` serves it to observers, nothing is told
+     * at once: they hear of the set when it is done, or of the change when it has thrown.
+     *
+     * One look when nobody observes the object.
+     */
+    void changed(std::string const& attribute);
+
+    /** Marks, for a scope, that the calling thread runs the function of a call of which observers
+     * hear afterwards. When it throws they do not, and are told at once of a change that it has
+     * told. For the library's own use. */
+    class REFLECTORB_API ObservedCall {
+    public:
+        ObservedCall(TreflectServerObject& object, unsigned int classId, unsigned int methodCode);
+        ~ObservedCall();
+        ObservedCall(ObservedCall const&) = delete;
+        ObservedCall& operator=(ObservedCall const&) = delete;
+
+        /** Leaves a change to the call of the attribute's set operation that the calling thread is
+         * in; false when it is in none. */
+        static bool tellsOf(TreflectServerObject const& object,
+                            TreflectMetaAttribute const& changed, unsigned int classId,
+                            unsigned int methodCode);
+
+    private:
+        void tellAfterThrow() const;
+
+        static thread_local ObservedCall* innermost_;
+
+        TreflectServerObject& object_;  // while life_ lasts
+        Life const life_;
+        unsigned int const classId_;
+        unsigned int const methodCode_;
+        int const thrown_;  // how many exceptions were under way at the beginning
+        ObservedCall* const outer_;
+        TreflectMetaAttribute const* changed_ = nullptr;  // what it has told to have changed
+    };
 
     /** The class ids that the object answers; none while it is being built or destroyed. */
     TipprmiSequence<unsigned int, 0u> getClassIds() const;
@@ -133,6 +184,7 @@ private:
     static constexpr std::size_t kShortNameSize = 16;  // with its NUL
 
     struct StandardMethod;
+    class ChangeUnderWay;
 
     bool serveStandard(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
     void serveObserverRegistration(TipprmiStream& in, TipprmiStream& out);
@@ -150,6 +202,13 @@ private:
                   bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const;
     void announceAsEach(void (TreflectServerObject::*event)(TreflectMetaObject const*) const) const;
     bool refuseForeignCall(unsigned int mc, TipprmiStream& in, TipprmiStream& out);
+    void tellChange(TreflectMetaAttribute const& attribute);
+    /** Whether the calling thread asks for a value to tell others, by this operation. */
+    bool isReadForNotice(unsigned int mc) const;
+    bool isObserved(unsigned int declaring, unsigned int mc) const {
+        return (preObserverAvailable(declaring, mc) || postObserverAvailable(declaring, mc)) &&
+               !isReadForNotice(mc);
+    }
     template <class Result, class... Parameters, class Method>
     bool serveWithObservers(unsigned int declaring, unsigned int cc, unsigned int mc,
                             TipprmiStream& in, TipprmiStream& out, Method const& method);
@@ -164,6 +223,7 @@ private:
     mutable std::unique_ptr<std::map<std::string, TreflectObject>> children_;  // made when needed
     // In how many classes a broker has it among the objects that have been announced.
     mutable unsigned int announcements_ = 0;
+    ChangeUnderWay* changes_ = nullptr;  // those that are being told
     bool observes_ = false;
 };
 
@@ -193,7 +253,7 @@ bool TreflectServerObject::serveWithObservers(unsigned int declaring, unsigned i
                                               TipprmiStream& out, Method const& method) {
     if (!concerns(cc, declaring))
         return refuseForeignCall(mc, in, out);
-    if (preObserverAvailable(declaring, mc) || postObserverAvailable(declaring, mc))
+    if (isObserved(declaring, mc))
         return serveObserved<Result, Parameters...>(declaring, mc, in, out, method);
     Life const life(*this);
     return serveBy<Result, Parameters...>(cc, mc, in, out, method,
@@ -216,8 +276,12 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
         writeGeneralException(out, TipprmiFailure::kVetoed);
         return true;
     }
+    auto const perform = [&] {
+        ObservedCall const call(*this, declaring, mc);
+        return std::apply(method, arguments);
+    };
     if constexpr (std::is_void_v<Result>) {
-        std::apply(method, arguments);
+        perform();
         if (life.ended()) {
             respondWithoutObject(out, TipprmiResult<void>());
             return true;
@@ -225,7 +289,7 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
         prepareResponseStream_(out);
         values.set();
     } else {
-        auto const result = std::apply(method, arguments);
+        auto const result = perform();
         if (life.ended()) {
             respondWithoutObject(out, result);
             return true;

@@ -397,16 +397,7 @@ bool TreflectServerObject::refuseForeignCall(unsigned int mc, TipprmiStream& in,
     return TipprmiObjectSkeleton::dispatch(true, 0, mc, in, out);
 }
 
-// ---- Observers ---------------------------------------------------------------------------------
-
-// The observers get a handle of the call's own: this object may be destroyed while one is waited
-// for.
-bool TreflectServerObject::notifyObservers(unsigned int kind, unsigned int const& cc,
-                                           unsigned int const& mc,
-                                           TipprmiSequence<TipprmiAny, 0u> const& arguments) {
-    TreflectObject const source(*getClient());
-    return TreflectObservable::notifyObservers(source, kind, cc, mc, arguments);
-}
+// ---- Observers of creation and deletion ---------------------------------------------------------
 
 void TreflectServerObject::sendCreationEvent(TreflectMetaObject const* metaObject) const {
     announce(metaObject, &TreflectORB::notifyCreation);
