@@ -36,3 +36,4 @@
 #include "reflect/TreflectTieds.h"
 #include "reflect/TreflectTypeName.h"
 #include "reflect/TreflectValueCheck.h"
+#include "reflect/TreflectWatch.h"

@@ -114,6 +114,8 @@ protected:
     void markAsError() { error_ = true; }
 
 private:
+    friend class TreflectAttributeWatch;
+
     using Check = TreflectValueCheck;
     /** What of the value is to be read: taken before a call, since the attribute and its class may
      * be destroyed while the call waits. */

@@ -22,6 +22,17 @@ public:
         return ask("store " + lamp + " " + std::to_string(level), "stored");
     }
 
+    // ---- Watches of attributes
+    /** "0" when that went well. */
+    std::string follow(std::string const& watch, std::string const& object,
+                       std::string const& attribute, unsigned int leastMilliseconds = 0) {
+        return ask("follow " + watch + " " + object + " " + attribute + " " +
+                       std::to_string(leastMilliseconds),
+                   "following");
+    }
+    /** The values that it has been told of, each with a blank behind it. */
+    std::string values(std::string const& watch) { return ask("values " + watch, "values"); }
+
     // ---- Notices of objects
     Made create(std::string const& name, std::string const& classId) {
         return make("create " + name + " " + classId, "created");

@@ -14,6 +14,13 @@ namespace {
 using testsupport::answer;
 using Name = std::string;
 
+/** A watch, and what it has told. */
+struct Followed {
+    std::vector<unsigned int> values;
+    bool hangs = false;  // when it is told the next value
+    std::unique_ptr<TreflectWatch<unsigned int>> watch;
+};
+
 // All that outlives exit.
 auto& probes = *new std::map<Name, Permitted<Probe>>;
 int scriptResult = 0;
@@ -25,6 +32,7 @@ auto& lamps = *new std::map<Name, std::unique_ptr<LampObject>>;
 auto& pumps = *new std::map<Name, std::unique_ptr<PumpObject>>;
 auto& things = *new std::map<Name, std::unique_ptr<Thing>>;
 auto& observers = *new std::map<Name, std::unique_ptr<Watcher>>;
+auto& followed = *new std::map<Name, Followed>;
 
 // ---- Calls of probes ---------------------------------------------------------------------------
 
@@ -231,6 +239,40 @@ void addObserverCommands(testsupport::Commands& on) {
         return "told " + std::to_string(told.told.size()) + " " +
                (told.values.empty() ? "none" : std::to_string(told.values[0])) + " " +
                (told.told.empty() ? "nobody" : told.told.back());
+    };
+    // Has the object itself change Level of a lamp.
+    on["change"] = [](Name name, unsigned int level) {
+        lamps.at(name)->level = level;
+        lamps.at(name)->changed("Level");
+        return "changed";
+    };
+    // Watches an attribute, with a least interval in milliseconds; "following 0" if it has numbers.
+    on["follow"] = [](Name name, Name object, Name attribute, unsigned int least) {
+        TreflectObject const watched(oid(object));
+        Followed& one = followed[name];
+        one.watch = std::make_unique<TreflectWatch<unsigned int>>(
+            watched.attribute(attribute),
+            [&one](unsigned int value) {
+                one.values.push_back(value);
+                if (one.hangs)
+                    hang();
+            },
+            std::chrono::milliseconds(least));
+        return "following " + std::to_string(one.watch->isError());
+    };
+    on["hangs"] = [](Name name) {
+        followed.at(name).hangs = true;
+        return "will";
+    };
+    on["values"] = [](Name name) {
+        Name values = "values ";
+        for (unsigned int const value : followed[name].values)
+            values += std::to_string(value) + " ";
+        return values;
+    };
+    on["unfollow"] = [](Name name) {
+        followed.at(name).watch.reset();
+        return "unfollowed";
     };
     // Has it told of objects of a class: creations, existing (creations and what there is) or
     // deletions.

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+#include "ipprmi/TipprmiAny.h"
+#include "reflect/TreflectAttribute.h"
+
+/**
+ * Tells of the value of an attribute of an object anywhere: at once, and whenever it has become
+ * another one, because somebody has set it or because the object says so
+ * (TreflectServerObject::changed). Nothing is asked for again and again. This is the watch of tools
+ * that know no C++ type of the value; others use TreflectWatch.
+ *
+ * The value comes as its encoding. The attribute's class tells its type:
+ *
+ *     TreflectParameterType const type = level.meta()->metaOperGet()->resultTypes()[0];
+ *     TreflectAttributeWatch const watch(level, [&](TipprmiAny const& value) {
+ *         std::puts(type.print(value).value().c_str());
+ *     });
+ *
+ * The reaction is called under the run permission, on the thread that makes the watch, then on a
+ * worker, on the thread that changes the attribute if the object is in this process, or, with a
+ * least interval, on the thread `ReflectWatch`; never on two at once. Whoever has changed the value
+ * waits for it, unless it is held back. It may do everything, also destroy the watch. A value that
+ * comes while it waits is told when it returns, the last one only. What it throws is logged at
+ * level 3, and it is told the next value all the same.
+ *
+ * The values that are told follow each other in the order in which the attribute had them; each
+ * differs from the one before. Between two of them others may have been left out, but the last
+ * value is always told. A value of a set is asked for in the notice, as its observers are not told
+ * it, so a set waits for that, too; one of `changed` comes with the notice. A value that cannot be
+ * read is logged at level 4, and not told.
+ *
+ * A watch goes on for as long as the object and this process's broker live, and ends in silence
+ * with either. One that has come back under its identifier is another object: make a new watch, for
+ * instance when an observer of creations or of brokers hears of it. An object of an earlier version
+ * of the library tells nothing but what is set.
+ *
+ * Made, used and destroyed on any thread, under the run permission or without: each may wait for
+ * the object's process with the permission given up.
+ */
+class REFLECTORB_API TreflectAttributeWatch {
+public:
+    /** What to do with a value. */
+    using Reaction = std::function<void(TipprmiAny const& value)>;
+
+    /**
+     * Watches the whole of an attribute; an element that is selected is of no account. The handle
+     * and the attribute may go afterwards. The present value has been told when this returns.
+     *
+     * Two calls of the reaction begin at least `leastInterval` apart, if it is above 0. A value
+     * that comes earlier is held back, in place of one that is held back already, and told when the
+     * time has come by the thread `ReflectWatch`, of which a process has one at most, and only
+     * while there are watches with an interval.
+     */
+    TreflectAttributeWatch(TreflectAttribute const& attribute, Reaction reaction,
+                           std::chrono::milliseconds leastInterval = {});
+    /** Nothing is told any more. Waits for a reaction that is under way, with all levels of the
+     * permission given up, unless it is that which destroys the watch. */
+    ~TreflectAttributeWatch();
+    TreflectAttributeWatch(TreflectAttributeWatch const&) = delete;
+    TreflectAttributeWatch& operator=(TreflectAttributeWatch const&) = delete;
+
+    /** Whether there is nothing to watch: the null attribute, or one of another type. */
+    bool isError() const { return !state_; }
+
+protected:
+    /** `type`: what the values are to be read as; null when that is of no account. */
+    TreflectAttributeWatch(TreflectAttribute const& attribute, Reaction reaction,
+                           std::chrono::milliseconds leastInterval,
+                           TreflectValueCheck::TypeName type);
+
+private:
+    class State;
+
+    static std::shared_ptr<State> makeState(TreflectAttribute const& attribute, Reaction reaction,
+                                            std::chrono::milliseconds leastInterval,
+                                            TreflectValueCheck const* check);
+
+    std::shared_ptr<State> const state_;  // null for an error
+};
+
+/**
+ * The same with values of a C++ type:
+ *
+ *     TreflectWatch<unsigned int> const watch(lamp.attribute("Level"), [](unsigned int level) {
+ *         std::printf("now at %u\n", level);
+ *     });
+ *
+ * The type is compared with what the class tells of the attribute, as reading does; if it is
+ * another one, that is logged at level 3 and nothing is watched (`isError`). A value that cannot be
+ * read as a T, or is out of its range, is not told.
+ */
+template <class T>
+class TreflectWatch : public TreflectAttributeWatch {
+    static_assert(!std::is_pointer_v<T>, "nobody would own what the pointer leads to");
+
+public:
+    using Reaction = std::function<void(T const& value)>;
+
+    TreflectWatch(TreflectAttribute const& attribute, Reaction reaction,
+                  std::chrono::milliseconds leastInterval = {})
+        : TreflectAttributeWatch(attribute, decoding(std::move(reaction)), leastInterval,
+                                 kIsHandle ? nullptr : &treflectTypeName<T>) {}
+
+private:
+    // Reading an attribute does not compare handles either.
+    static constexpr bool kIsHandle = std::is_base_of_v<TipprmiObjectClient, T>;
+
+    static TreflectAttributeWatch::Reaction decoding(Reaction reaction) {
+        return [reaction = std::move(reaction)](TipprmiAny const& encoded) {
+            TipprmiAny readable = encoded;
+            T value = tipprmiBlank<T>();
+            readable.extract(value);
+            if (!readable.hasUnmarshallingFailed())
+                reaction(value);
+        };
+    }
+};

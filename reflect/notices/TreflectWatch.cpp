@@ -1,0 +1,291 @@
+#include "reflect/TreflectWatch.h"
+
+#include <atomic>
+#include <cstring>
+
+#include "handler_threads/WithPermission.h"
+#include "logging/LineLimit.h"
+#include "oswrap/CancelGuards.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Lock.h"
+#include "oswrap/Thread.h"
+#include "reflect/TreflectDeadline.h"
+#include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectMetaOperation.h"
+#include "reflect/TreflectObservable.h"
+#include "reflect/TreflectObserver.h"
+#include "reflect/broker/AllLevelsReleased.h"
+#include "reflect/broker/BrokerLifecycle.h"
+#include "reflect/broker/CallbackScope.h"
+#include "reflect/broker/ContainErrors.h"
+#include "reflect/notices/WatchTimer.h"
+#include "reflect/objects/AttributeChange.h"
+
+namespace {
+
+using Values = TipprmiSequence<TipprmiAny, 0u>;
+
+constexpr char kSource[] = "TreflectWatch";
+
+bool areEqual(TipprmiAny const& a, TipprmiAny const& b) {
+    auto const size = static_cast<std::size_t>(a.getDataSize());
+    return a.getDataSize() == b.getDataSize() &&
+           (size == 0 || std::memcmp(a.getDataPtr(), b.getDataPtr(), size) == 0);
+}
+
+/** Whether a notice has the value in it. Observers of a set are told its results, which are not the
+ * value: what they are must be known. */
+bool hasValue(Values const& values, TreflectMetaOperation const* set) {
+    bool const isPlain = !set || (!set->argumentTypes().empty() && set->resultTypes().empty());
+    return isPlain && values.getLength() == 1;
+}
+
+}  // namespace
+
+/** What a watch knows and does. Outlasts the watch while somebody is in it. */
+class TreflectAttributeWatch::State final : public WatchTimer::Due,
+                                            public std::enable_shared_from_this<State> {
+public:
+    State(TreflectObject const& object, TreflectMetaAttribute const& attribute, Reaction reaction,
+          std::chrono::milliseconds leastInterval, TreflectValueCheck const* check)
+        : attribute_(attribute),
+          check_(check),
+          least_(0, std::chrono::nanoseconds(leastInterval).count()),
+          reaction_(std::move(reaction)) {
+        object_.share_(object);
+        if (leastInterval.count() > 0)
+            use_.emplace();
+    }
+
+    /** Registers first, so that no change is missed, and then asks for the value. */
+    void begin(ChangeKey const& key) OSW_REQUIRES_PERMISSION {
+        observer_ = std::make_unique<Observer>(shared_from_this());
+        TreflectMetaOperation const changes(attribute_.name(), key.declaring,
+                                            static_cast<int>(key.methodCode));
+        object_.registerObserver(TreflectObservable::kAfterCalls, &changes, observer_.get());
+        ask(++asked_);
+        tell();
+    }
+    void end() OSW_REQUIRES_PERMISSION {
+        ended_ = true;
+        if (object_.isConnected())
+            object_.removeObserver(nullptr, observer_.get());
+        observer_.reset();
+        awaitReaction();
+        use_.reset();
+        if (teller_ == 0)
+            reaction_ = nullptr;
+    }
+    /** Somebody has set the attribute, or the object says that it has changed. */
+    void noticed(Values const& values) {
+        handlerthreads::trustPermission();
+        TreflectDeadline::Suspension const untilItIsTold;
+        unsigned long long const turn = ++asked_;
+        if (hasValue(values, attribute_.metaOperSet()))
+            take(turn, values[0]);
+        else
+            ask(turn);
+        tell();
+    }
+    void due() override {
+        handlerthreads::trustPermission();
+        isTimed_ = false;
+        tell();
+    }
+
+private:
+    /** Hears of changes, wherever they happen. */
+    class Observer final : public TreflectObserver {
+    public:
+        explicit Observer(std::weak_ptr<State> state) : state_(std::move(state)) {}
+
+        // It may have been destroyed when the state returns.
+        bool update() override {
+            if (std::shared_ptr<State> const state = state_.lock())
+                state->noticed(Values(arguments()));
+            return true;
+        }
+
+    private:
+        std::weak_ptr<State> const state_;
+    };
+    class Telling;
+
+    void ask(unsigned long long turn) OSW_REQUIRES_PERMISSION;
+    void take(unsigned long long turn, TipprmiAny const& value) OSW_REQUIRES_PERMISSION;
+    void tell() OSW_REQUIRES_PERMISSION;
+    bool isHeldBack() OSW_REQUIRES_PERMISSION;
+    bool isNews() const OSW_REQUIRES_PERMISSION {
+        return latest_ && !(told_ && areEqual(*latest_, *told_));
+    }
+    bool fits(TipprmiAny const& value) const;
+    void react(TipprmiAny const& value);
+    void awaitReaction();
+
+    TreflectMetaAttribute const& attribute_;
+    TreflectValueCheck const* const check_;  // null when there is nothing to be looked at
+    OSWrap::TimeSpec const least_;
+    std::optional<WatchTimer::Use> use_ OSW_GUARDED_BY_PERMISSION;  // with a least interval
+    TreflectObject object_ OSW_GUARDED_BY_PERMISSION;
+    Reaction reaction_;  // changed when nobody is in it
+    std::unique_ptr<Observer> observer_ OSW_GUARDED_BY_PERMISSION;
+    bool ended_ OSW_GUARDED_BY_PERMISSION = false;
+
+    // Each notice has its turn when it comes in, each question when it is asked. What has been
+    // overtaken meanwhile is dropped.
+    unsigned long long asked_ OSW_GUARDED_BY_PERMISSION = 0;
+    unsigned long long known_ OSW_GUARDED_BY_PERMISSION = 0;  // the turn of latest_
+    std::optional<TipprmiAny> latest_ OSW_GUARDED_BY_PERMISSION;
+    std::optional<TipprmiAny> told_ OSW_GUARDED_BY_PERMISSION;
+    OSWrap::TimeSpec next_ OSW_GUARDED_BY_PERMISSION;  // not told before
+    bool isTimed_ OSW_GUARDED_BY_PERMISSION = false;   // the timer is going to call
+
+    OSWrap::ConditionVar quiet_;            // a leaf
+    std::atomic<unsigned long> teller_{0};  // the thread that tells; set under both, 0 for none
+};
+
+/** Marks, for a scope, which thread tells. */
+class TreflectAttributeWatch::State::Telling {
+public:
+    explicit Telling(State& state) : state_(state) { set(OSWrap::Thread::getCurrentId()); }
+    ~Telling() { set(0); }
+    Telling(Telling const&) = delete;
+    Telling& operator=(Telling const&) = delete;
+
+private:
+    void set(unsigned long teller) {
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(state_.quiet_);
+        state_.teller_ = teller;
+        state_.quiet_.broadcast();
+    }
+
+    State& state_;
+};
+
+// The object may be in this process, and throw.
+void TreflectAttributeWatch::State::ask(unsigned long long turn) {
+    TreflectObject object;
+    object.share_(object_);
+    std::optional<TipprmiAny> value;
+    containErrors([&] { value = wholeValue(object, attribute_); }, [](char const*) {});
+    if (ended_)
+        return;
+    if (value) {
+        take(turn, *value);
+        return;
+    }
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 4, kSource, "attribute \"%s\" is watched, and cannot be read",
+                           attribute_.name().c_str());
+}
+
+void TreflectAttributeWatch::State::take(unsigned long long turn, TipprmiAny const& value) {
+    if (ended_ || turn < known_ || !fits(value))
+        return;
+    known_ = turn;
+    latest_ = value;
+}
+
+bool TreflectAttributeWatch::State::fits(TipprmiAny const& value) const {
+    if (!check_)
+        return true;
+    TipprmiStream encoded(value.getDataPtr(), value.getDataSize());
+    return check_->find(encoded, -1) == TreflectValueCheck::Found::kValue;
+}
+
+// What comes in during a reaction is told by the thread that is in it.
+void TreflectAttributeWatch::State::tell() {
+    if (teller_ != 0)
+        return;
+    std::shared_ptr<State> const self = shared_from_this();
+    while (!ended_ && isNews() && !isHeldBack()) {
+        told_ = latest_;
+        TipprmiAny const value = *told_;
+        Telling const telling(*this);
+        react(value);
+        next_ = OSWrap::Clock::getObsTime() + least_;
+    }
+}
+
+bool TreflectAttributeWatch::State::isHeldBack() {
+    if (!use_ || OSWrap::Clock::getObsTime() >= next_)
+        return false;
+    isTimed_ = isTimed_ || WatchTimer::instance().callAt(next_, weak_from_this());
+    return isTimed_;
+}
+
+void TreflectAttributeWatch::State::react(TipprmiAny const& value) {
+    CallbackScope const restored;
+    containErrors([&] { reaction_(value); },
+                  [&](char const* thrown) {
+                      REFLECTORB_LOG(3, kSource, "who watches attribute \"%s\" threw%s",
+                                     attribute_.name().c_str(), thrown);
+                  });
+}
+
+void TreflectAttributeWatch::State::awaitReaction() {
+    if (teller_ == 0 || teller_ == OSWrap::Thread::getCurrentId())
+        return;
+    AllLevelsReleased const released;
+    OSWrap::Lock<OSWrap::ConditionVar> const lock(quiet_);
+    while (teller_ != 0)
+        quiet_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+// ---- The watch ---------------------------------------------------------------------------------
+
+namespace {
+
+/** How values of a C++ type go with an attribute; null when there is nothing to be looked at. */
+TreflectValueCheck const* checkOf(TreflectAttribute const& attribute,
+                                  TreflectValueCheck::TypeName type) {
+    if (!type || attribute.isError())
+        return nullptr;
+    TreflectValueCheck const& check = attribute.meta()->check(type, TreflectValueCheck::Use::kRead);
+    return check.isNeeded() ? &check : nullptr;
+}
+
+}  // namespace
+
+TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribute,
+                                               Reaction reaction,
+                                               std::chrono::milliseconds leastInterval)
+    : TreflectAttributeWatch(attribute, std::move(reaction), leastInterval, nullptr) {}
+
+TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribute,
+                                               Reaction reaction,
+                                               std::chrono::milliseconds leastInterval,
+                                               TreflectValueCheck::TypeName type)
+    : state_(makeState(attribute, std::move(reaction), leastInterval, checkOf(attribute, type))) {}
+
+// At the end of a process whose brokers could not be deleted the permission is not to be waited
+// for, and somebody may be in the state: it stays as it is.
+TreflectAttributeWatch::~TreflectAttributeWatch() {
+    if (!state_)
+        return;
+    if (BrokerLifecycle::instance().isAbandoned()) {
+        static_cast<void>(new std::shared_ptr<State>(state_));
+        return;
+    }
+    OSWrap::DisableCancelStateGuard const noCancel(true);
+    WithPermission const permission;
+    state_->end();
+}
+
+std::shared_ptr<TreflectAttributeWatch::State> TreflectAttributeWatch::makeState(
+    TreflectAttribute const& attribute, Reaction reaction, std::chrono::milliseconds leastInterval,
+    TreflectValueCheck const* check) {
+    WithPermission const permission;
+    std::optional<ChangeKey> const key =
+        attribute.isError() ? std::nullopt : ChangeKey::of(*attribute.meta());
+    if (!key)
+        return nullptr;
+    if (check && check->isMisuse()) {
+        check->tell();
+        return nullptr;
+    }
+    auto const state = std::make_shared<State>(*attribute.object_, *attribute.meta(),
+                                               std::move(reaction), leastInterval, check);
+    state->begin(*key);
+    return state;
+}
