@@ -26,11 +26,11 @@ public:
     lamp::Steps getSteps() override { return steps_; }
     void setSteps(lamp::Steps const& steps) override { steps_ = steps; }
     unsigned int nextStep() override {
-        for (unsigned int const step : steps_) {
-            if (step > level_)
-                return level_ = step;
-        }
-        return level_ = 0;
+        unsigned int const next = stepAbove(level_);
+        level_ = next;
+        // Gives the permission up while others are told: the lamp may be removed meanwhile.
+        changed("Level");
+        return next;
     }
     bool blink(unsigned int times, std::string const& why) override {
         std::printf("%s blinks %u times: %s\n", objectName(), times, why.c_str());
@@ -39,6 +39,14 @@ public:
 
 private:
     static constexpr unsigned int kBrightest = 100;
+
+    unsigned int stepAbove(unsigned int level) const {
+        for (unsigned int const step : steps_) {
+            if (step > level)
+                return step;
+        }
+        return 0;
+    }
 
     // All of an object is guarded by the run permission: it needs no locks.
     unsigned int level_ = 10;

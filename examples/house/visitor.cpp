@@ -105,6 +105,13 @@ void watchCalls(LampClient const& lamp) {
     nextStep.removeObserver(&reader);
 }
 
+void watchLevel(LampClient const& lamp) {
+    TreflectWatch<unsigned int> const watch(
+        lamp.attribute("Level"), [](unsigned int level) { std::printf("at %u\n", level); });
+    lamp.nextStep();    // the lamp tells that it has changed
+    lamp.setLevel(20);  // and this is told anyway
+}
+
 void callInTime(LampClient const& lamp) {
     TreflectDeadline const within(std::chrono::milliseconds(50));
     if (lamp.getLevel().code() == TipprmiFailure::kTimedOut)
@@ -188,6 +195,7 @@ int main() {
     callWithText(hall);
     walk(house);
     watchCalls(hall);
+    watchLevel(hall);
     callInTime(hall);
     followWhatComesAndGoes(house);
     return 0;

@@ -14,6 +14,8 @@ constexpr char kUsage[] =
     "       inspect OBJECT --call OPERATION [ARG...]  call an operation and show its results\n"
     "       inspect OBJECT --watch OPERATION [--count N]\n"
     "                                                 show every call of an operation\n"
+    "       inspect OBJECT --watch ATTRIBUTE [--count N]\n"
+    "                                                 show its value, and each other one it gets\n"
     "       inspect OBJECT --veto OPERATION [--count N]\n"
     "                                                 forbid every call of an operation\n"
     "       inspect --brokers                         the brokers of the group and their traffic\n"
@@ -25,7 +27,7 @@ constexpr char kUsage[] =
     "\n"
     "Values are written 42, -1, 0x2A, true, text, \"text, quoted\", [1, 2] for a sequence and\n"
     "{1, true} for values that belong together. --watch and --veto go on until SIGINT or\n"
-    "SIGTERM, or until they have seen N calls; --follow likewise, with lines for calls.\n"
+    "SIGTERM, or until they have seen N calls or values; --follow likewise, with lines.\n"
     "\n"
     "Exit codes: 0 done; 1 the object is not there, has no such member, or refuses; 2 wrong use.\n";
 

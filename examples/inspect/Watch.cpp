@@ -46,9 +46,24 @@ bool observe(TreflectObject const& object, Tally const& tally) {
     return true;
 }
 
-}  // namespace
+/** Prints the value that an attribute has and each that it gets. */
+bool watchValue(TreflectObject const& object, std::string const& name, unsigned int count) {
+    TreflectAttribute& attribute = object.attribute(name);
+    Types const types = attribute.operGet().meta()->resultTypes();
+    Tally tally{count};
+    say("watching " + name + " of " + object.getAbsName());
+    TreflectAttributeWatch const watch(attribute, [&](TipprmiAny const& value) {
+        if (tally.isFull())
+            return;
+        Values shown;
+        shown.push_back(value);
+        say(name + " = " + valuesText(types, shown));
+        ++tally.seen;
+    });
+    return observe(object, tally);
+}
 
-bool watch(TreflectObject const& object, std::string const& name, unsigned int count) {
+bool watchCalls(TreflectObject const& object, std::string const& name, unsigned int count) {
     TreflectOperation& operation = findOperation(object, name);
     if (operation.isError())
         return false;
@@ -74,6 +89,14 @@ bool watch(TreflectObject const& object, std::string const& name, unsigned int c
     operation.removeObserver(&before);
     operation.removeObserver(&after);
     return ended;
+}
+
+}  // namespace
+
+bool watch(TreflectObject const& object, std::string const& name, unsigned int count) {
+    TreflectMetaObject const* const meta = object.meta();
+    bool const isAttribute = meta && !meta->metaOperation(name) && meta->metaAttribute(name);
+    return isAttribute ? watchValue(object, name, count) : watchCalls(object, name, count);
 }
 
 bool veto(TreflectObject const& object, std::string const& name, unsigned int count) {

@@ -51,6 +51,9 @@ blink answers true
 /house/hall is a Lamp
 60 is forbidden
 /house/hall is now at 50
+at 50
+at 75
+at 20
 house.hall has come
 house.kitchen has come
 house.kitchen has gone

@@ -111,6 +111,18 @@ expect 0 "AlarmLimit = 100" /machine/memory --set AlarmLimit=0x64
 expect 0 "{100, false}" /machine/memory --call getAlarm
 expect 0 "[]" /machine --call parts "no such, in words"
 
+# A value, without asking for it again and again.
+"${runner[@]}" "$inspector" /machine/memory --watch AlarmLimit --count 3 >"$work/watch.log" 2>&1 </dev/null &
+watch_pid=$!
+wait_for "$work/watch.log" "AlarmLimit = 100"
+expect 0 "AlarmLimit = 70" /machine/memory --set AlarmLimit=70
+expect 0 "AlarmLimit = 70" /machine/memory --set AlarmLimit=70
+expect 0 "AlarmLimit = 100" /machine/memory --set AlarmLimit=100
+wait "$watch_pid"
+watch_pid=''
+printf '%s\n' "watching AlarmLimit of /machine/memory" "AlarmLimit = 100" "AlarmLimit = 70" \
+    "AlarmLimit = 100" | diff - "$work/watch.log"
+
 "${runner[@]}" "$inspector" /machine --watch parts >"$work/watch.log" 2>&1 </dev/null &
 watch_pid=$!
 wait_for "$work/watch.log" "watching parts of /machine"
