@@ -34,7 +34,9 @@ public:
     virtual TreflectObject const* getSource() const;
     virtual void setSource(TreflectObject const* source);
 
-    /** What the call was given (before it) or gave (after it). */
+    /** What the call was given (before it) or gave (after it); for an observer of an attribute's
+     * set operation also the value that the object tells to have changed, if it could be asked for.
+     */
     TipprmiSequence<TipprmiAny, 0u> const& arguments() const { return arguments_; }
     /** The argument, or result, at `index` as a T: true. False, and `value` as it was, when there
      * is none or it cannot be read as one. */

@@ -29,11 +29,11 @@
  * comes while it waits is told when it returns, the last one only. What it throws is logged at
  * level 3, and it is told the next value all the same.
  *
- * The values that are told follow each other in the order in which the attribute had them; each
- * differs from the one before. Between two of them others may have been left out, but the last
- * value is always told. A value of a set is asked for in the notice, as its observers are not told
- * it, so a set waits for that, too; one of `changed` comes with the notice. A value that cannot be
- * read is logged at level 4, and not told.
+ * Each value that is told differs from the one before. Between two of them others may have been
+ * left out, but the last one is always told, and last. (When changes, sets and the making of the
+ * watch overlap, an earlier value may come once more in between.) A value of a set is asked for in
+ * the notice, as its observers are not told it, so a set waits for that, too; one of `changed`
+ * comes with the notice. A value that cannot be read is logged at level 4, and not told.
  *
  * A watch goes on for as long as the object and this process's broker live, and ends in silence
  * with either. One that has come back under its identifier is another object: make a new watch, for

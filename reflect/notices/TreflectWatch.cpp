@@ -33,11 +33,11 @@ bool areEqual(TipprmiAny const& a, TipprmiAny const& b) {
            (size == 0 || std::memcmp(a.getDataPtr(), b.getDataPtr(), size) == 0);
 }
 
-/** Whether a notice has the value in it. Observers of a set are told its results, which are not the
- * value: what they are must be known. */
-bool hasValue(Values const& values, TreflectMetaOperation const* set) {
-    bool const isPlain = !set || (!set->argumentTypes().empty() && set->resultTypes().empty());
-    return isPlain && values.getLength() == 1;
+/** Whether what a notice has in it can only be the value. Observers of a set are told its results,
+ * too: the class must tell that there are none. */
+bool isToldNothingElse(TreflectMetaAttribute const& attribute) {
+    TreflectMetaOperation const* const set = attribute.metaOperSet();
+    return !set || (!set->argumentTypes().empty() && set->resultTypes().empty());
 }
 
 }  // namespace
@@ -49,6 +49,7 @@ public:
     State(TreflectObject const& object, TreflectMetaAttribute const& attribute, Reaction reaction,
           std::chrono::milliseconds leastInterval, TreflectValueCheck const* check)
         : attribute_(attribute),
+          isToldNothingElse_(isToldNothingElse(attribute)),
           check_(check),
           least_(0, std::chrono::nanoseconds(leastInterval).count()),
           reaction_(std::move(reaction)) {
@@ -81,7 +82,7 @@ public:
         handlerthreads::trustPermission();
         TreflectDeadline::Suspension const untilItIsTold;
         unsigned long long const turn = ++asked_;
-        if (hasValue(values, attribute_.metaOperSet()))
+        if (isToldNothingElse_ && values.getLength() == 1)
             take(turn, values[0]);
         else
             ask(turn);
@@ -123,6 +124,7 @@ private:
     void awaitReaction();
 
     TreflectMetaAttribute const& attribute_;
+    bool const isToldNothingElse_;
     TreflectValueCheck const* const check_;  // null when there is nothing to be looked at
     OSWrap::TimeSpec const least_;
     std::optional<WatchTimer::Use> use_ OSW_GUARDED_BY_PERMISSION;  // with a least interval

@@ -68,17 +68,34 @@ public:
     ChangeUnderWay(ChangeUnderWay const&) = delete;
     ChangeUnderWay& operator=(ChangeUnderWay const&) = delete;
 
-    /** Has the change of this key told again; false when none is being told. */
+    /** Has the change of this key told again; false when none is being told. Who is still to be
+     * told asks for the value by himself, instead of being told an earlier one. */
     static bool repeat(ChangeUnderWay* first, unsigned int cc, unsigned int mc) {
         while (first && !(first->key_.classId == cc && first->key_.methodCode == mc))
             first = first->next_;
-        if (first)
+        if (first) {
             first->isDue_ = true;
+            first->values_.setLength(0);
+        }
         return first;
     }
     /** Whether the observers are to be told, for the first time or again. */
     bool takeTurn() { return !life_.ended() && std::exchange(isDue_, false); }
-    bool isOver() const { return life_.ended(); }
+    /** Asks for the value, and tells it. */
+    void tell(TreflectObject const& source, TreflectMetaAttribute const& attribute) {
+        std::optional<TipprmiAny> value;
+        {
+            ReadForNotice const unobserved(object_, attribute);
+            value = wholeValue(source, attribute);
+        }
+        if (life_.ended())
+            return;
+        values_.setLength(0);
+        if (value && !isDue_)
+            values_.push_back(*value);
+        object_.TreflectObservable::notifyObservers(source, kAfterCalls, key_.classId,
+                                                    key_.methodCode, values_);
+    }
 
 private:
     // All guarded by the run permission.
@@ -87,6 +104,7 @@ private:
     ChangeKey const key_;
     ChangeUnderWay* next_;
     bool isDue_ = true;
+    TipprmiSequence<TipprmiAny, 0u> values_;  // what the observers are being told
 };
 
 // The observers get a handle of the call's own: this object may be destroyed while one is waited
@@ -171,15 +189,6 @@ void TreflectServerObject::tellChange(TreflectMetaAttribute const& attribute) {
     TreflectDeadline::Suspension const untilAllAreTold;
     ChangeUnderWay change(*this, *key);
     TreflectObject const source(*getClient());
-    while (change.takeTurn()) {
-        TipprmiSequence<TipprmiAny, 0u> values;
-        {
-            ReadForNotice const unobserved(*this, attribute);
-            if (std::optional<TipprmiAny> const value = wholeValue(source, attribute))
-                values.push_back(*value);
-        }
-        if (!change.isOver())
-            TreflectObservable::notifyObservers(source, kAfterCalls, key->classId, key->methodCode,
-                                                values);
-    }
+    while (change.takeTurn())
+        change.tell(source, attribute);
 }
