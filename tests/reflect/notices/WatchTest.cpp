@@ -214,6 +214,7 @@ TEST_F(LocalWatch, EndsWhenItsReactionOnAnotherThreadHas) {
     bool over = false;
     std::optional<Level> watch;
     watch.emplace(value(), [&](unsigned int level) {
+        told_.push_back(level);
         if (level != 5)
             return;
         {
@@ -228,16 +229,16 @@ TEST_F(LocalWatch, EndsWhenItsReactionOnAnotherThreadHas) {
         TreflectReleaseHandlerState const released;
         ASSERT_TRUE(told.wait());
     }
-    dial_->turn(6);  // is not told any more
+    EXPECT_EQ(value().set(6u), 0);  // is not told any more
     std::thread opener([&] {
         // The watch has ended its registration, and waits.
-        permitted([] {});
         EXPECT_TRUE(testsupport::eventually(
             [&] { return permitted([&] { return dial_->observations_().empty(); }); }));
         goOn.open();
     });
     watch.reset();
     EXPECT_TRUE(over);
+    EXPECT_THAT(told_, ElementsAre(1u, 5u));
     TreflectReleaseHandlerState const released;
     changer.join();
     opener.join();
