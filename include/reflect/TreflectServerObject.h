@@ -105,8 +105,9 @@ public:
      * Tells that the value of one of the object's attributes has changed, with the new value: to
      * each TreflectWatch of it, and to who observes its set operation after calls (a call of that,
      * as he sees it, which gave the value). Which value, the attribute's get operation is asked,
-     * without its observers: the object must be in a state to answer. What is no attribute of the
-     * class is logged at level 3 when the object is observed.
+     * without its observers: the object must be in a state to answer. If it refuses, observers are
+     * told without a value, and watches ask for it; what it throws passes to the caller. What is no
+     * attribute of the class is logged at level 3 when the object is observed.
      *
      * Any thread. Waits for the observers, one after the other; for those in other processes with
      * the permission given up, so that anything may have changed afterwards, and the object may
