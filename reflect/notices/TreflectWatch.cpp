@@ -260,15 +260,9 @@ TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribut
                                                TreflectValueCheck::TypeName type)
     : state_(makeState(attribute, std::move(reaction), leastInterval, checkOf(attribute, type))) {}
 
-// At the end of a process whose brokers could not be deleted the permission is not to be waited
-// for, and somebody may be in the state: it stays as it is.
 TreflectAttributeWatch::~TreflectAttributeWatch() {
-    if (!state_)
+    if (!state_ || BrokerLifecycle::instance().isAbandoned())
         return;
-    if (BrokerLifecycle::instance().isAbandoned()) {
-        static_cast<void>(new std::shared_ptr<State>(state_));
-        return;
-    }
     OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     state_->end();
@@ -286,8 +280,8 @@ std::shared_ptr<TreflectAttributeWatch::State> TreflectAttributeWatch::makeState
         check->tell();
         return nullptr;
     }
-    auto const state = std::make_shared<State>(*attribute.object_, *attribute.meta(),
-                                               std::move(reaction), leastInterval, check);
+    auto state = std::make_shared<State>(*attribute.object_, *attribute.meta(), std::move(reaction),
+                                         leastInterval, check);
     state->begin(*key);
     return state;
 }
