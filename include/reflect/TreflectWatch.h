@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -38,7 +39,8 @@
  * A watch goes on for as long as the object and this process's broker live, and ends in silence
  * with either. One that has come back under its identifier is another object: make a new watch, for
  * instance when an observer of creations or of brokers hears of it. An object of an earlier version
- * of the library tells nothing but what is set.
+ * of the library tells nothing but what is set. The attribute's class must outlive the watch, which
+ * matters where it comes with a shared object that is closed.
  *
  * Made, used and destroyed on any thread, under the run permission or without: each may wait for
  * the object's process with the permission given up.
@@ -69,17 +71,17 @@ public:
     bool isError() const { return !state_; }
 
 protected:
-    /** `type`: what the values are to be read as; null when that is of no account. */
+    /** `type`: what the values are to be read as; none when that is of no account. */
     TreflectAttributeWatch(TreflectAttribute const& attribute, Reaction reaction,
                            std::chrono::milliseconds leastInterval,
-                           TreflectValueCheck::TypeName type);
+                           std::optional<TreflectValueCheck::Type> const& type);
 
 private:
     class State;
 
     static std::shared_ptr<State> makeState(TreflectAttribute const& attribute, Reaction reaction,
                                             std::chrono::milliseconds leastInterval,
-                                            TreflectValueCheck const* check);
+                                            std::shared_ptr<TreflectValueCheck const> const& check);
 
     std::shared_ptr<State> const state_;  // null for an error
 };
@@ -105,12 +107,18 @@ public:
     TreflectWatch(TreflectAttribute const& attribute, Reaction reaction,
                   std::chrono::milliseconds leastInterval = {})
         : TreflectAttributeWatch(attribute, decoding(std::move(reaction)), leastInterval,
-                                 kIsHandle ? nullptr : &treflectTypeName<T>) {}
+                                 typeOf()) {}
 
 private:
     // Reading an attribute does not compare handles either.
     static constexpr bool kIsHandle = std::is_base_of_v<TipprmiObjectClient, T>;
 
+    static std::optional<TreflectValueCheck::Type> typeOf() {
+        if constexpr (kIsHandle)
+            return std::nullopt;
+        else
+            return TreflectValueCheck::Type::of<T>();
+    }
     static TreflectAttributeWatch::Reaction decoding(Reaction reaction) {
         return [reaction = std::move(reaction)](TipprmiAny const& encoded) {
             TipprmiAny readable = encoded;

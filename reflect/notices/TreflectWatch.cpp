@@ -47,10 +47,10 @@ class TreflectAttributeWatch::State final : public WatchTimer::Due,
                                             public std::enable_shared_from_this<State> {
 public:
     State(TreflectObject const& object, TreflectMetaAttribute const& attribute, Reaction reaction,
-          std::chrono::milliseconds leastInterval, TreflectValueCheck const* check)
+          std::chrono::milliseconds leastInterval, std::shared_ptr<TreflectValueCheck const> check)
         : attribute_(attribute),
           isToldNothingElse_(isToldNothingElse(attribute)),
-          check_(check),
+          check_(std::move(check)),
           least_(0, std::chrono::nanoseconds(leastInterval).count()),
           reaction_(std::move(reaction)) {
         object_.share_(object);
@@ -125,7 +125,8 @@ private:
 
     TreflectMetaAttribute const& attribute_;
     bool const isToldNothingElse_;
-    TreflectValueCheck const* const check_;  // null when there is nothing to be looked at
+    std::shared_ptr<TreflectValueCheck const> const
+        check_;  // null when there is nothing to be looked at
     OSWrap::TimeSpec const least_;
     std::optional<WatchTimer::Use> use_ OSW_GUARDED_BY_PERMISSION;  // with a least interval
     TreflectObject object_ OSW_GUARDED_BY_PERMISSION;
@@ -239,12 +240,12 @@ void TreflectAttributeWatch::State::awaitReaction() {
 namespace {
 
 /** How values of a C++ type go with an attribute; null when there is nothing to be looked at. */
-TreflectValueCheck const* checkOf(TreflectAttribute const& attribute,
-                                  TreflectValueCheck::TypeName type) {
+std::shared_ptr<TreflectValueCheck const> checkOf(
+    TreflectAttribute const& attribute, std::optional<TreflectValueCheck::Type> const& type) {
     if (!type || attribute.isError())
         return nullptr;
-    TreflectValueCheck const& check = attribute.meta()->check(type, TreflectValueCheck::Use::kRead);
-    return check.isNeeded() ? &check : nullptr;
+    auto check = attribute.meta()->check(*type, TreflectValueCheck::Use::kRead);
+    return check->isNeeded() ? check : nullptr;
 }
 
 }  // namespace
@@ -252,12 +253,12 @@ TreflectValueCheck const* checkOf(TreflectAttribute const& attribute,
 TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribute,
                                                Reaction reaction,
                                                std::chrono::milliseconds leastInterval)
-    : TreflectAttributeWatch(attribute, std::move(reaction), leastInterval, nullptr) {}
+    : TreflectAttributeWatch(attribute, std::move(reaction), leastInterval, std::nullopt) {}
 
 TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribute,
                                                Reaction reaction,
                                                std::chrono::milliseconds leastInterval,
-                                               TreflectValueCheck::TypeName type)
+                                               std::optional<TreflectValueCheck::Type> const& type)
     : state_(makeState(attribute, std::move(reaction), leastInterval, checkOf(attribute, type))) {}
 
 TreflectAttributeWatch::~TreflectAttributeWatch() {
@@ -270,7 +271,7 @@ TreflectAttributeWatch::~TreflectAttributeWatch() {
 
 std::shared_ptr<TreflectAttributeWatch::State> TreflectAttributeWatch::makeState(
     TreflectAttribute const& attribute, Reaction reaction, std::chrono::milliseconds leastInterval,
-    TreflectValueCheck const* check) {
+    std::shared_ptr<TreflectValueCheck const> const& check) {
     WithPermission const permission;
     std::optional<ChangeKey> const key =
         attribute.isError() ? std::nullopt : ChangeKey::of(*attribute.meta());
