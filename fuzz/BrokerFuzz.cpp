@@ -142,13 +142,24 @@ private:
             }
         }
         ++tally.responses;
-        auto const send = [&](Peer& from, std::string const& payload) {
+        auto const send = [&](Peer& from, TreflectMessage::kind_t kind,
+                              std::string const& payload) {
             from.send(request.originator(),
-                      from.make(request.transactionId(), request.type(), answer.kind, payload));
+                      from.make(request.transactionId(), request.type(), kind, payload));
         };
         if (answer.forged)
-            send(*stranger_, *answer.forged);
-        send(*this, answer.payload);
+            send(*stranger_, answer.kind, *answer.forged);
+        send(*this, answer.kind, answer.payload);
+        if (request.type() == TreflectMessage::tPayload && isReturnedOneWay(answer))
+            send(*this, TreflectMessage::kResponse, streamOf({}));
+    }
+    /** What says that a one-way call has come back answers nobody. */
+    static bool isReturnedOneWay(Answer const& answer) {
+        constexpr std::size_t kLength = 4;
+        constexpr std::size_t kCallHeader = 16;
+        return answer.kind == TreflectMessage::kNoDestination &&
+               answer.payload.size() >= kLength + kCallHeader &&
+               answer.payload.compare(kLength + 4, 4, std::string(4, '\0')) == 0;
     }
 
     Peer* const stranger_;
