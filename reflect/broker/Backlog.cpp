@@ -14,6 +14,8 @@ constexpr std::size_t kHeadSize = 64;
 constexpr std::uint64_t kKibibyte = 1024;
 /** Nanoseconds for which what others send may wait behind what quick senders have sent. */
 constexpr double kSoon = 5e6;
+constexpr std::uint64_t kSomeServed = 64;
+constexpr long long kShort = 1'000'000;  // nanoseconds
 
 }  // namespace
 
@@ -102,14 +104,19 @@ bool Backlog::isMuch(Share& share) {
         return true;
     if (waiting.messages <= share.enough_)
         return false;
-    if (!isServedSoon())
+    if (!isServedSoon()) {
+        share.enough_ = kLeastEnough;
         return true;
+    }
     share.enough_ += kLeastEnough;
     return false;
 }
 
+/** A few messages tell no pace, unless they have taken long. */
 bool Backlog::isServedSoon() {
     long long const now = OSWrap::Clock::nowNanoseconds();
+    if (served_ < kSomeServed && now - askedAt_ < kShort)
+        return false;
     auto const elapsed = static_cast<double>(now - std::exchange(askedAt_, now));
     auto const served = static_cast<double>(std::exchange(served_, 0));
     return elapsed * static_cast<double>(total_.messages) <= kSoon * served;
@@ -142,7 +149,9 @@ Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
     return Mark::Taken;
 }
 
+/** The pace is asked for again when more come, with each few hundred above what is left. */
 void Backlog::letGo(Share& share) {
+    share.enough_ = kLeastEnough * (1 + share.waiting_.messages / kLeastEnough);
     share.heldBack_ = false;
     --heldBack_;
 }

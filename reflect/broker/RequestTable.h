@@ -45,7 +45,7 @@ public:
     enum class Answer { CannotCome, MayCome };
     /** Takes out what `begin` entered for `record`. False when somebody has taken it out to deliver
      * to it; the id may be another one's by now. An id whose answer may come rests until that has
-     * come, its target has gone, or no other id is free. */
+     * come, its target has gone, or few others are free. */
     bool withdraw(unsigned int id, OngoingRequest const& record, Answer answer);
     /** The same for an answer that comes from `answerer`; nothing is taken out if another one was
      * asked. The answer to an abandoned request finds nothing, and frees its id. */
@@ -71,9 +71,11 @@ private:
     }
     /** Takes out what stands there, if anything. */
     void clear(Entry& slot) OSW_REQUIRES(mutex_);
-    /** Whether a new request may have the id of that slot. */
+    /** Whether a new request may have the id of that slot. With many abandoned ones, of a target
+     * that never answers, all may be given: the others would be few, and far apart. */
     bool isFree(Entry const& slot) const OSW_REQUIRES(mutex_) {
-        return !slot.record && (!slot.isAbandoned() || entered_ + abandoned_ == kCapacity);
+        return !slot.record && (!slot.isAbandoned() || abandoned_ > kCapacity / 2 ||
+                                entered_ + abandoned_ == kCapacity);
     }
 
     /// The broker's request mutex. A record's own lock may be taken under it. Nothing is logged,

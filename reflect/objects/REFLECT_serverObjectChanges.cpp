@@ -153,8 +153,8 @@ bool TreflectServerObject::ObservedCall::tellsOf(TreflectServerObject const& obj
                                                  TreflectMetaAttribute const& changed,
                                                  unsigned int classId, unsigned int methodCode) {
     ObservedCall* call = innermost_;
-    while (call && !(&call->object_ == &object && call->classId_ == classId &&
-                     call->methodCode_ == methodCode))
+    while (call && !(!call->life_.ended() && &call->object_ == &object &&
+                     call->classId_ == classId && call->methodCode_ == methodCode))
         call = call->outer_;
     if (call)
         call->changed_ = &changed;
