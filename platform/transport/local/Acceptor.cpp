@@ -46,7 +46,11 @@ void Acceptor::accept() {
     for (int count = 0; count < kAcceptsAtOnce; ++count) {
         if (closersBehind()) {
             tellBehind();
-            pause();
+            pause(kAcceptPause);
+            return;
+        }
+        if (keepsRoom()) {
+            pause(kUnseenPause);
             return;
         }
         OpenSocket socket(
@@ -58,7 +62,7 @@ void Acceptor::accept() {
         bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
         if (exhausted && !raiseDescriptorLimit()) {
             tellNoDescriptor();
-            pause();
+            pause(makeRoom(0) ? kUnseenPause : kAcceptPause);
             return;
         }
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
@@ -81,10 +85,32 @@ void Acceptor::tellBehind() const {
 }
 
 /** Nobody can be taken in now: those who connect wait a little. */
-void Acceptor::pause() {
+void Acceptor::pause(long long nanoseconds) {
     receiver_.unwatch(listening_.get());
-    accepting_ = false;
-    receiver_.wakeAt(OSWrap::Clock::nowNanoseconds() + kAcceptPause);
+    acceptAgainAt_ = OSWrap::Clock::nowNanoseconds() + nanoseconds;
+    receiver_.wakeAt(acceptAgainAt_);
+}
+
+/** Where descriptors have run out, those who have said nothing for longest give way to who has
+ * said Hello, and to who connects: with a few of them, which are closed soon. False when there are
+ * none, `except` left out. */
+bool Acceptor::makeRoom(std::uint32_t except) {
+    std::vector<std::uint32_t> silent;
+    for (auto const& [token, stranger] : strangers_) {
+        if (stranger.hearAgainAt == 0 && token != except &&
+            silent.size() < std::size_t{kDescriptorsOfChannel})
+            silent.push_back(token);
+    }
+    for (std::uint32_t const token : silent)
+        drop(token);
+    return !silent.empty();
+}
+
+/** Whether what is left is for those whose Hello waits for it. */
+bool Acceptor::keepsRoom() const {
+    bool const starved = std::any_of(strangers_.begin(), strangers_.end(),
+                                     [](auto const& each) { return each.second.starved; });
+    return starved && !descriptorsLeft(listening_.get(), kDescriptorsOfChannel + 1);
 }
 
 void Acceptor::receive(OpenSocket socket) {
@@ -141,7 +167,7 @@ void Acceptor::hear(std::uint32_t token) {
     if (behind || (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel))) {
         if (!std::exchange(heard.starved, true))
             behind ? tellBehind() : tellNoDescriptor();
-        keepWaiting(heard, kAcceptPause);
+        keepWaiting(heard, !behind && makeRoom(token) ? kUnseenPause : kAcceptPause);
         return;
     }
     Stranger stranger = std::move(heard);
@@ -212,10 +238,12 @@ void Acceptor::introduce(Stranger stranger, TerminationId peer) {
 }
 
 void Acceptor::serveTimers(long long now) {
-    if (!accepting_ && receiver_.watch(listening_.get(), 0, Receiver::Source::Listening))
-        accepting_ = true;
-    if (!accepting_)
-        receiver_.wakeAt(now + kAcceptPause);
+    if (acceptAgainAt_ != 0 && acceptAgainAt_ <= now)
+        acceptAgainAt_ = receiver_.watch(listening_.get(), 0, Receiver::Source::Listening)
+                             ? 0
+                             : now + kAcceptPause;
+    if (acceptAgainAt_ != 0)
+        receiver_.wakeAt(acceptAgainAt_);
     std::vector<std::uint32_t> late;
     std::vector<std::uint32_t> waiting;
     for (auto const& [token, stranger] : strangers_) {

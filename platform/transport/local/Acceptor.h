@@ -51,7 +51,9 @@ private:
     };
 
     void receive(OpenSocket socket);
-    void pause();
+    void pause(long long nanoseconds);
+    bool makeRoom(std::uint32_t except);
+    bool keepsRoom() const;
     void tellNoDescriptor() const;
     void tellBehind() const;
     void tellNonsense(Stranger const& stranger) const;
@@ -63,7 +65,7 @@ private:
 
     Receiver& receiver_;
     OpenSocket listening_;
-    bool accepting_ = true;                        // false while no descriptor is to be had
+    long long acceptAgainAt_ = 0;                  // after a pause; 0: there is none
     std::map<std::uint32_t, Stranger> strangers_;  // in the order in which they connected
 };
 
