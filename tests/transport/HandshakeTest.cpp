@@ -550,6 +550,23 @@ TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     EXPECT_FALSE(log_.contains("closing the channel"));
 }
 
+TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) {
+    Acceptor::introductionLimit(1'000'000'000'000);
+    HandMadePeer peer;
+    peer.makeSide();
+    std::size_t const before = openDescriptors("socket:");
+    std::vector<Descriptor> silent;
+    for (int i = 0; i < 8; ++i)
+        silent.emplace_back(Rendezvous::instance().connectTo(own_.termId()));
+    ASSERT_TRUE(peer.connect(own_.termId()));
+    ASSERT_TRUE(eventually([&] { return openDescriptors("socket:") == before + 2 * 9; }));
+    NoDescriptors const none;
+    peer.sayHello();
+    EXPECT_TRUE(log_.waitFor("it never said Hello"));
+    silent.clear();  // what the peer gets needs some, too
+    ASSERT_TRUE(peer.isWelcome());
+}
+
 TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
     HandMadePeer good;
