@@ -105,8 +105,8 @@ public:
     /**
      * For an attribute whose value is a reflective object: fetches the object on which `attribute`
      * and `operation` work, the first time and, when an element is selected, every time. True when
-     * there is one, that is, when the class of the value is known and the attribute has not been
-     * destroyed while the call waited.
+     * there is one, that is, when the class of the value is known and neither it nor the attribute
+     * has been destroyed while the call waited.
      */
     bool updateContainedObject();
 
@@ -173,8 +173,9 @@ private:
     TreflectObject const* const object_;
     bool error_ = false;  // set by the null attribute's constructor only
     // All guarded by the run permission.
-    // Shared with nobody but an update that waits, which so knows whether the attribute has gone.
-    std::shared_ptr<TreflectObject> containedObject_;
+    // The handle is shared with the updates that wait. What leads to it is the attribute's own: it
+    // tells them whether the attribute has gone.
+    std::shared_ptr<std::shared_ptr<TreflectObject>> containedObject_;
     TreflectOperation* operGet_ = nullptr;  // tied to object_, as the next
     TreflectOperation* operSet_ = nullptr;
     TreflectAttributeType containerType_ = kPlain;

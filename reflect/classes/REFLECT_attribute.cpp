@@ -225,17 +225,19 @@ bool TreflectAttribute::updateContainedObject() {
     meta_->typeMeta()->completeMetaInformation();
     bool const isNew = !containedObject_;
     if (isNew)
-        containedObject_.reset(new TreflectObject);  // of the handles' pool
-    std::shared_ptr<TreflectObject> const contained = containedObject_;
+        containedObject_ = std::make_shared<std::shared_ptr<TreflectObject>>(
+            std::shared_ptr<TreflectObject>(new TreflectObject));  // of the handles' pool
+    std::shared_ptr<TreflectObject> const contained = *containedObject_;
+    std::weak_ptr<void const> const life = containedObject_;
     if (isNew || hasIndex_())
         get(*contained);
-    return contained.use_count() > 1;
+    return !life.expired() && meta_->typeMeta();
 }
 
 TreflectAttribute& TreflectAttribute::attribute(std::string const& name) {
     if (updateContainedObject()) {
         if (TreflectMetaAttribute const* const found = meta_->typeMeta()->metaAttribute(name))
-            return *found->getTied(containedObject_.get());
+            return *found->getTied(containedObject_->get());
     }
     return errorAttribute;
 }
@@ -243,7 +245,7 @@ TreflectAttribute& TreflectAttribute::attribute(std::string const& name) {
 TreflectOperation& TreflectAttribute::operation(std::string const& name) {
     if (updateContainedObject()) {
         if (TreflectMetaOperation const* const found = meta_->typeMeta()->metaOperation(name))
-            return *found->getTied(containedObject_.get());
+            return *found->getTied(containedObject_->get());
     }
     return errorOperation;
 }

@@ -292,21 +292,28 @@ public:
         InterfaceRepository::instance()->findInterface(Foreign::kClass);
         handle_ = std::make_unique<TreflectObject>(&object);
     }
-    void goWhile(std::function<void(TreflectAttribute&)> const& reads) {
+    /** That many threads do what reads. */
+    void goWhile(std::function<void(TreflectAttribute&)> const& reads, unsigned int count = 1) {
         TreflectAttribute& held = *meta_->metaAttribute("Held")->getTied(handle_.get());
-        std::thread reader([&] {
-            TreflectHandlerState const permission(true);
-            reads(held);
-        });
+        std::atomic<unsigned int> begun{0};  // under the permission, which is given up in the call
+        std::vector<std::thread> readers;
+        while (readers.size() < count)
+            readers.emplace_back([&] {
+                TreflectHandlerState const permission(true);
+                ++begun;
+                reads(held);
+            });
         {
             TreflectReleaseHandlerState const released;
+            EXPECT_TRUE(testsupport::eventually([&] { return begun == count; }));
             EXPECT_TRUE(object.entered().wait());
         }
         handle_.reset();
         meta_.reset();
         object.release();
         TreflectReleaseHandlerState const released;
-        reader.join();
+        for (std::thread& reader : readers)
+            reader.join();
     }
     Foreign object{"held lamp"};
 
@@ -331,6 +338,8 @@ TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
     Brought("object", {"Held", lampMeta}).goWhile([](TreflectAttribute& held) {
         EXPECT_EQ(&held.attribute("Level"), &TreflectAttribute::errorAttribute);
     });
+    Brought("object", {"Held", lampMeta})
+        .goWhile([](TreflectAttribute& held) { EXPECT_FALSE(held[0].updateContainedObject()); }, 2);
 }
 
 // ---- What does not exist -----------------------------------------------------------------------
