@@ -250,11 +250,13 @@ bool TreflectORB::forward_(Transport::TerminationId target, bool withResponse,
         return turnAway_(target, message, response);
     long long const deadline = withResponse ? deadlineOf(message) : TreflectDeadline::kNever;
     if (deadline != TreflectDeadline::kNever && deadline <= OSWrap::Clock::nowNanoseconds()) {
+        writeGeneralException(response, TipprmiFailure::kTimedOut);
+        {
+            WithPermission const permission;
+            parts_->counters.addUnsent(target);
+        }
         // The others have their turn, as in every call: it may be made again and again.
         TreflectReleaseHandlerState const released;
-        WithPermission const permission;
-        parts_->counters.addUnsent(target);
-        writeGeneralException(response, TipprmiFailure::kTimedOut);
         return false;
     }
     {

@@ -1,4 +1,10 @@
 // Calls that are answered before a deadline, or fail.
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
 #include "BrokerTest.h"
 #include "ReflectActor.h"
 #include "ReflectiveClasses.h"
@@ -110,6 +116,42 @@ TEST_F(DeadlineTest, ThatHasPassedSendsNothing) {
     EXPECT_EQ(actor_.ask("level far", "level"), "1");
     EXPECT_TRUE(testsupport::eventually([this] { return actor_.ask("pings far", "pings") == "1"; }))
         << "nobody waits for that";
+}
+
+TEST_F(DeadlineTest, ThatHasPassedCostsOneTurnOfThePermission) {
+    auto const isQueued = [](long thread) {
+        std::vector<long> const queue = TreflectORB::handlerThreads().glimpse().queue;
+        return std::find(queue.begin(), queue.end(), thread) != queue.end();
+    };
+    auto const comesToQueue = [&](std::atomic<long>& thread) {
+        EXPECT_TRUE(testsupport::eventually([&] { return isQueued(thread); }));
+    };
+    std::atomic<long> caller{gettid()};
+    std::atomic<long> ahead{0};
+    std::atomic<long> behind{0};
+    std::atomic<bool> hadItsTurn{false};
+    std::thread latter;
+    // Has its turn when the call gives up the permission, and lets one queue behind the caller.
+    std::thread former([&] {
+        ahead = gettid();
+        TreflectHandlerState const permission(true);
+        comesToQueue(caller);
+        latter = std::thread([&] {
+            behind = gettid();
+            TreflectHandlerState const last(true);
+            hadItsTurn = true;
+        });
+        comesToQueue(behind);
+    });
+    comesToQueue(ahead);
+    {
+        TreflectDeadline const passed(milliseconds(-1));
+        EXPECT_EQ(TipprmiFailure::kTimedOut, level_->store(9u).code());
+    }
+    EXPECT_FALSE(hadItsTurn);
+    TreflectReleaseHandlerState const released;
+    former.join();
+    latter.join();
 }
 
 TEST_F(DeadlineTest, DoesNotBoundWhatObserversDo) {
