@@ -114,6 +114,8 @@ protected:
      */
     void completeMetaInformationHelper(MetaOpData const* operations, unsigned int operationCount,
                                        MetaAttrData const* attributes, unsigned int attributeCount);
+    /** An attribute that the class itself declares; null, in silence, when there is none. */
+    TreflectMetaAttribute* ownAttribute(std::string const& name) const;
     /** The operation that reads an attribute; null, and a line at level 3, when there is none. */
     TreflectMetaOperation const* getOperationOf(std::string const& attribute) const;
     /** Completes another meta object, such as a base. */

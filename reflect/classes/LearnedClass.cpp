@@ -92,14 +92,11 @@ bool LearnedClass::isWhole() const {
 
 void LearnedClass::setValueClasses(
     std::function<TreflectMetaObject*(unsigned int classId)> const& find) {
-    std::list<TreflectMetaAttribute*> attributes;
-    attributeList(attributes);
     for (Description::Attribute const& attribute : description.attributes) {
         TreflectMetaObject* const value =
             attribute.valueClass.empty() ? nullptr : find(attribute.valueClassId);
-        for (TreflectMetaAttribute* const own : attributes) {
-            if (value && own->containingMetaObject() == this && own->name() == attribute.name)
-                own->registerType(value);
-        }
+        TreflectMetaAttribute* const own = ownAttribute(attribute.name);
+        if (value && own)
+            own->registerType(value);
     }
 }

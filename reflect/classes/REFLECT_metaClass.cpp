@@ -234,8 +234,6 @@ void TreflectMetaClass::describeParameters() {
 }
 
 bool TreflectMetaClass::describeTypes() {
-    std::list<TreflectMetaAttribute*> known;
-    attributeList(known);
     bool found = true;
     for (Attribute const& described : attributes_) {
         if (!described.type)
@@ -246,10 +244,8 @@ bool TreflectMetaClass::describeTypes() {
         }
         auto* const type = const_cast<TreflectMetaClass*>(described.type);
         complete(*type);
-        for (TreflectMetaAttribute* const attribute : known) {
-            if (attribute->containingMetaObject() == this && attribute->name() == described.name)
-                attribute->registerType(type);
-        }
+        if (TreflectMetaAttribute* const own = ownAttribute(described.name))
+            own->registerType(type);
     }
     return found;
 }

@@ -93,6 +93,11 @@ TreflectMetaAttribute const* TreflectMetaObject::metaAttribute(std::string const
     return nullptr;
 }
 
+TreflectMetaAttribute* TreflectMetaObject::ownAttribute(std::string const& name) const {
+    auto const own = attributes_.find(name);
+    return own == attributes_.end() ? nullptr : own->second;
+}
+
 void TreflectMetaObject::operationList(std::list<TreflectMetaOperation*>& out) const {
     for (auto const& own : operations_)
         out.push_back(own.second);
