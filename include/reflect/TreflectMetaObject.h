@@ -102,6 +102,8 @@ protected:
     struct Unlisted {};
     TreflectMetaObject(Unlisted, std::string const& name, unsigned int classId);
     bool isListed() const { return listed_; }
+    /** Whether no base has gone, and none of theirs. */
+    bool isWhole() const { return whole_; }
 
     /** Fills in the members with the helper below. Called at every search in the repository: does
      * its work once and returns at once later. */
@@ -131,10 +133,13 @@ private:
     void linkTo(TreflectMetaObject* base);
     /** Drops what leads to a meta object that goes. */
     void forget(TreflectMetaObject const& gone);
+    /** Notes in this class, and in all that are derived from it, that a base has gone. */
+    void loseBase();
 
     std::string const name_;
     unsigned int const classId_;
     bool const listed_ = true;  // in the repository
+    bool whole_ = true;         // see isWhole
     // Mutable, since a meta object may be a constant, which is completed all the same.
     mutable std::map<std::string, TreflectMetaAttribute*> attributes_;  // owned
     mutable std::map<std::string, TreflectMetaOperation*> operations_;  // owned

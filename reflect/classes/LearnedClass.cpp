@@ -76,18 +76,8 @@ LearnedClass::LearnedClass(TreflectClassDescription const& described,
     : KeptDescription{described},
       TreflectMetaClass(Unlisted(), description.name, description.id, bases,
                         operationsOf(description), attributesOf(description, bases),
-                        description.types),
-      baseCount_(parents().size()) {
+                        description.types) {
     TreflectMetaClass::completeMetaInformation();
-}
-
-bool LearnedClass::isWhole() const {
-    auto const isWholeBase = [](TreflectMetaObject const* base) {
-        auto const* const learned = dynamic_cast<LearnedClass const*>(base);
-        return !learned || learned->isWhole();
-    };
-    return parents().size() == baseCount_ &&
-           std::all_of(parents().begin(), parents().end(), isWholeBase);
 }
 
 void LearnedClass::setValueClasses(

@@ -26,9 +26,5 @@ public:
     TreflectClassDescription const& described() const { return description; }
     /** Asks for the classes of values, of which null is unknown. */
     void setValueClasses(std::function<TreflectMetaObject*(unsigned int classId)> const& find);
-    /** Whether all bases are there still, and all of theirs. */
-    bool isWhole() const;
-
-private:
-    std::size_t const baseCount_;  // distinct ones
+    using TreflectMetaClass::isWhole;
 };

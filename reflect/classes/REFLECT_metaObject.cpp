@@ -41,10 +41,20 @@ bool TreflectMetaObject::isBuilt(TreflectMetaObject const* metaObject) {
 // Static objects of several files are destroyed in no fixed order.
 void TreflectMetaObject::forget(TreflectMetaObject const& gone) {
     auto* const other = const_cast<TreflectMetaObject*>(&gone);
-    parents_.erase(other);
+    if (parents_.erase(other) != 0)
+        loseBase();
     children_.erase(other);
     for (auto const& attribute : attributes_)
         attribute.second->forget(gone);
+}
+
+// Each is gone through once, however many ways lead to it.
+void TreflectMetaObject::loseBase() {
+    if (!whole_)
+        return;
+    whole_ = false;
+    for (TreflectMetaObject* const child : children_)
+        child->loseBase();
 }
 
 std::string const& TreflectMetaObject::name() const {
