@@ -118,6 +118,9 @@ struct REFLECTORB_API TreflectClassDescription {
      * a hash that is not that of its outline; empty when nothing is wrong. That the types are known
      * is not asked for. */
     std::string fault() const;
+    /** The same, for who wants to know expandedTypes as well, which takes a while: `expanded` is
+     * its answer when nothing is wrong, else undefined. */
+    std::string fault(std::size_t& expanded) const;
 };
 
 template <>

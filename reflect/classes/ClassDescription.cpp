@@ -374,6 +374,11 @@ std::size_t TreflectClassDescription::expandedTypes() const {
 }
 
 std::string TreflectClassDescription::fault() const {
+    std::size_t expanded = 0;
+    return fault(expanded);
+}
+
+std::string TreflectClassDescription::fault(std::size_t& expanded) const {
     if (version == 0)
         return "it has no version";
     if (operations.size() > kMostMembers || attributes.size() > kMostMembers ||
@@ -390,7 +395,8 @@ std::string TreflectClassDescription::fault() const {
                " is unreadable or occurs twice";
     if (!areTypes(types))
         return "one of its types is none, or has no name, or that of another one";
-    if (expandedTypes() > kMostExpanded)
+    expanded = expandedTypes();
+    if (expanded > kMostExpanded)
         return "its types are too large for the number of its parameters";
     return hash == computeHash() ? "" : "its hash is not that of what it describes";
 }

@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <iterator>
 
 #include "ipprmi/TipprmiCall.h"
 #include "logging/Log.h"
 #include "oswrap/Immortal.h"
 #include "reflect/InterfaceRepository.h"
+#include "reflect/TreflectORB.h"
 #include "reflect/TreflectProcessObject.h"
+#include "reflect/broker/BrokerRequest.h"
 
 namespace {
 
@@ -41,6 +42,11 @@ TreflectMetaClass* knownHere(unsigned int classId, std::uint64_t hash) {
     return known && TreflectClassDescription::of(*known).hash == hash ? known : nullptr;
 }
 
+bool isThere(TreflectOrbId broker) {
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    return orb && exists(orb->convertId(broker));
+}
+
 }  // namespace
 
 void TreflectMetaClass::learn(bool on) {
@@ -56,17 +62,18 @@ bool TreflectMetaClass::learns() {
 /** One answer on its way into the classes that are learned. */
 class Learning::Admission {
 public:
-    Admission(Learning& learning, TreflectOrbId broker, Descriptions const& descriptions)
-        : learning_(learning), broker_(broker), count_(descriptions.size()) {
+    Admission(Learning& learning, TreflectOrbId broker, Descriptions const& descriptions,
+              std::size_t size)
+        : learning_(learning), broker_(broker), count_(descriptions.size()), size_(size) {
         for (TreflectClassDescription const& description : descriptions)
             byId_.emplace(description.id, &description);
     }
 
     /** What is wrong; empty without a fault. */
     std::string fault(unsigned int classId) OSW_REQUIRES_PERMISSION;
-    /** Makes a meta object of each class that is new; whether there were any. An exception leaves
-     * what has been learned as it was. */
-    bool build() OSW_REQUIRES_PERMISSION;
+    /** Makes a meta object of each class that is new. An exception leaves what has been learned as
+     * it was. */
+    void build() OSW_REQUIRES_PERMISSION;
     TreflectMetaClass* meta(unsigned int classId) const { return metas_.at(classId); }
     /** Those of the classes that this process does not know itself. */
     std::map<unsigned int, LearnedClass*> const& learned() const { return learned_; }
@@ -78,15 +85,21 @@ private:
         std::size_t paths = 0;    // to itself and its bases; 0 while they are being checked
         std::size_t members = 0;  // on all paths
     };
+    struct Checked {
+        Reach reach;
+        std::size_t expanded = 0;  // of its types
+    };
 
     std::string faultOf(Description const& description) OSW_REQUIRES_PERMISSION;
     std::string faultOfBases(Description const& description, Reach& reach) OSW_REQUIRES_PERMISSION;
-    bool isBeyondBounds() const OSW_REQUIRES_PERMISSION;
+    std::string faultOfReach(Description const& description, Reach const& reach);
+    bool isAnother(Description const& description) const OSW_REQUIRES_PERMISSION;
+    bool addToAmount(Description const& description, std::size_t expanded) OSW_REQUIRES_PERMISSION;
     std::size_t variantsOf(unsigned int classId) const OSW_REQUIRES_PERMISSION;
     LearnedClass* learnedBefore(unsigned int classId,
                                 std::uint64_t hash) const OSW_REQUIRES_PERMISSION;
-    bool isKnown(Description const& description) const OSW_REQUIRES_PERMISSION;
-    TreflectMetaClass* metaOf(unsigned int classId, std::uint64_t hash) OSW_REQUIRES_PERMISSION;
+    bool findKnown(Description const& description) OSW_REQUIRES_PERMISSION;
+    TreflectMetaClass* metaOf(unsigned int classId) OSW_REQUIRES_PERMISSION;
     LearnedClass* learn(Description const& description) OSW_REQUIRES_PERMISSION;
     void tellDifferences(Description const& description) OSW_REQUIRES_PERMISSION;
     void tellDifference(Description const& former, std::string const& teller,
@@ -95,9 +108,11 @@ private:
     Learning& learning_;
     TreflectOrbId const broker_;
     std::size_t const count_;
+    std::size_t const size_;  // of the encoding
     std::map<unsigned int, Description const*> byId_;
-    std::map<unsigned int, Reach> checked_;
+    std::map<unsigned int, Checked> checked_;
     std::size_t searches_ = 0;
+    Amount amount_;  // with what is new here
     std::map<unsigned int, TreflectMetaClass*> metas_;
     std::map<unsigned int, LearnedClass*> learned_;
     Classes fresh_;  // still this one's own
@@ -108,32 +123,33 @@ std::string Learning::Admission::fault(unsigned int classId) {
         return "too many classes, or one of them twice";
     if (byId_.count(classId) == 0)
         return "it is not among what was told";
+    amount_ = learning_.learned();
     for (auto const& [id, description] : byId_) {
         std::string const fault = faultOf(*description);
         if (!fault.empty())
             return "of class " + std::to_string(id) + ", " + fault;
     }
-    return isBeyondBounds() ? kTooMuch : "";
+    return {};
 }
 
-/** Bases are checked first, so that what is learned has all of them and is none of its own. */
+/** With its bases, so that what is learned has all of them and is none of its own. */
 std::string Learning::Admission::faultOf(Description const& description) {
-    auto const [checked, isNew] = checked_.emplace(description.id, Reach());
+    auto const [checked, isNew] = checked_.emplace(description.id, Checked());
+    Checked& kept = checked->second;
     if (!isNew)
-        return checked->second.paths != 0 ? "" : "it is a base of itself";
-    if (std::string const fault = description.fault(); !fault.empty())
+        return kept.reach.paths != 0 ? "" : "it is a base of itself";
+    if (std::string const fault = description.fault(kept.expanded); !fault.empty())
         return fault;
+    if (isAnother(description))
+        return "its hash is that of another one";
+    if (!findKnown(description) && !addToAmount(description, kept.expanded))
+        return kTooMuch;
     Reach reach{1, description.operations.size() + description.attributes.size()};
     if (std::string const fault = faultOfBases(description, reach); !fault.empty())
         return fault;
-    searches_ += description.attributes.size() * reach.paths;
-    if (reach.paths > kMostPaths || reach.members > kMostMembers || searches_ > kMostSearches)
-        return "its bases are too entangled";
-    auto const same = learning_.classes_.find({description.id, description.hash});
-    if (same != learning_.classes_.end() &&
-        same->second.meta->described().outline() != description.outline())
-        return "its hash is that of another one";
-    checked->second = reach;
+    if (std::string const fault = faultOfReach(description, reach); !fault.empty())
+        return fault;
+    kept.reach = reach;
     return {};
 }
 
@@ -144,30 +160,38 @@ std::string Learning::Admission::faultOfBases(Description const& description, Re
             return "a base is missing";
         if (std::string const fault = faultOf(*told->second); !fault.empty())
             return fault;
-        reach.paths += checked_.at(base.id).paths;
-        reach.members += checked_.at(base.id).members;
+        reach.paths += checked_.at(base.id).reach.paths;
+        reach.members += checked_.at(base.id).reach.members;
     }
     return {};
 }
 
-bool Learning::Admission::isBeyondBounds() const {
-    std::size_t added = 0;
-    std::size_t expanded = learning_.expanded_;
-    for (auto const& [id, description] : byId_) {
-        if (isKnown(*description))
-            continue;
-        ++added;
-        expanded += description->expandedTypes();
-        if (variantsOf(id) >= kMostVariants)
-            return true;
-    }
-    return expanded > kMostExpanded || learning_.classes_.size() + added > kMostClasses;
+std::string Learning::Admission::faultOfReach(Description const& description, Reach const& reach) {
+    searches_ += description.attributes.size() * reach.paths;
+    bool const isTooFar =
+        reach.paths > kMostPaths || reach.members > kMostMembers || searches_ > kMostSearches;
+    return isTooFar ? "its bases are too entangled" : "";
+}
+
+bool Learning::Admission::isAnother(Description const& description) const {
+    auto const same = learning_.classes_.find({description.id, description.hash});
+    return same != learning_.classes_.end() &&
+           same->second.meta->described().outline() != description.outline();
+}
+
+/** False when there is no room for it: the rest of the answer need not be looked at then. */
+bool Learning::Admission::addToAmount(Description const& description, std::size_t expanded) {
+    ++amount_.classes;
+    amount_.expanded += expanded;
+    return amount_.classes <= kMostClasses && amount_.expanded <= kMostExpanded &&
+           amount_.bytes + size_ <= kMostBytes && variantsOf(description.id) < kMostVariants;
 }
 
 std::size_t Learning::Admission::variantsOf(unsigned int classId) const {
     auto const first = learning_.classes_.lower_bound({classId, 0});
     auto const last = learning_.classes_.upper_bound({classId, ~std::uint64_t{0}});
-    return static_cast<std::size_t>(std::distance(first, last));
+    return static_cast<std::size_t>(std::count_if(
+        first, last, [](auto const& learned) { return learned.second.meta->isWhole(); }));
 }
 
 /** One that has lost a base, whose shared object was closed, is known no more. */
@@ -178,45 +202,49 @@ LearnedClass* Learning::Admission::learnedBefore(unsigned int classId, std::uint
     return whole == last ? nullptr : whole->second.meta.get();
 }
 
-bool Learning::Admission::isKnown(Description const& description) const {
-    return knownHere(description.id, description.hash) ||
-           learnedBefore(description.id, description.hash);
+/** Of a class that this process knows, the meta object is at hand from now on. */
+bool Learning::Admission::findKnown(Description const& description) {
+    TreflectMetaClass* known = knownHere(description.id, description.hash);
+    if (!known) {
+        LearnedClass* const before = learnedBefore(description.id, description.hash);
+        if (before)
+            learned_[description.id] = before;
+        known = before;
+    }
+    if (known)
+        metas_[description.id] = known;
+    return known;
 }
 
-bool Learning::Admission::build() {
-    for (auto const& [id, description] : byId_)
-        metaOf(id, description->hash);
+void Learning::Admission::build() {
+    for (auto const& told : byId_)
+        metaOf(told.first);
     auto const find = [this](unsigned int classId) -> TreflectMetaObject* {
         auto const found = metas_.find(classId);
         return found != metas_.end() ? found->second
                                      : InterfaceRepository::instance()->findInterface_(classId);
     };
-    for (auto const& fresh : fresh_)
-        fresh.second.meta->setValueClasses(find);
-    bool const isAnyNew = !fresh_.empty();
-    for (auto const& fresh : fresh_)
-        learning_.expanded_ += fresh.second.meta->described().expandedTypes();
+    for (auto& [key, fresh] : fresh_) {
+        fresh.meta->setValueClasses(find);
+        fresh.bytes = size_ / fresh_.size() + 1;
+    }
     learning_.classes_.merge(fresh_);
-    return isAnyNew;
 }
 
-TreflectMetaClass* Learning::Admission::metaOf(unsigned int classId, std::uint64_t hash) {
+TreflectMetaClass* Learning::Admission::metaOf(unsigned int classId) {
     TreflectMetaClass*& meta = metas_[classId];
     if (!meta)
-        meta = knownHere(classId, hash);
-    if (!meta) {
-        LearnedClass* const before = learnedBefore(classId, hash);
-        meta = learned_[classId] = before ? before : learn(*byId_.at(classId));
-    }
+        meta = learned_[classId] = learn(*byId_.at(classId));
     return meta;
 }
 
 LearnedClass* Learning::Admission::learn(Description const& description) {
     std::vector<TreflectMetaClass const*> bases;
     for (Description::Base const& base : description.bases)
-        bases.push_back(metaOf(base.id, base.hash));
+        bases.push_back(metaOf(base.id));
     tellDifferences(description);
-    Learned learned{std::make_unique<LearnedClass>(description, bases), broker_};
+    Learned learned{std::make_unique<LearnedClass>(description, bases), broker_, 0,
+                    checked_.at(description.id).expanded};
     return fresh_.emplace(Key(description.id, description.hash), std::move(learned))
         ->second.meta.get();
 }
@@ -266,6 +294,8 @@ TreflectMetaObject* Learning::find(unsigned int classId, TreflectOrbId broker) {
         return nullptr;
     TipprmiResult<Answer> const answer =
         tipprmiCall<Answer>(process, processobject::kClass, processobject::kDescribe, classId);
+    if (!isThere(broker))
+        return nullptr;  // gone meanwhile, and forgotten
     if (answer)
         return admit(classId, broker, answer.value().descriptions, answer.value().size);
     if (answer.code() == TipprmiFailure::kUnreadable)
@@ -276,21 +306,30 @@ TreflectMetaObject* Learning::find(unsigned int classId, TreflectOrbId broker) {
 TreflectMetaObject* Learning::admit(unsigned int classId, TreflectOrbId broker,
                                     Descriptions const& descriptions, std::size_t size) {
     OfBroker const wanted(broker, classId);
-    Admission admission(*this, broker, descriptions);
-    std::string fault = size > kLargestAnswer ? "it is too large" : admission.fault(classId);
-    if (fault.empty() && bytes_ + size > kMostBytes)
-        fault = kTooMuch;
+    Admission admission(*this, broker, descriptions, size);
+    std::string const fault = size > kLargestAnswer ? "it is too large" : admission.fault(classId);
     if (!fault.empty()) {
         refuse(wanted, fault);
         return nullptr;
     }
-    if (admission.build())
-        bytes_ += size;
+    admission.build();
     if (uses_.size() > kMostUses)
         uses_.clear();
     for (auto const& [id, meta] : admission.learned())
         uses_[{broker, id}] = meta;
     return admission.meta(classId);
+}
+
+Learning::Amount Learning::learned() const {
+    Amount amount;
+    for (auto const& [key, each] : classes_) {
+        if (!each.meta->isWhole())
+            continue;
+        ++amount.classes;
+        amount.bytes += each.bytes;
+        amount.expanded += each.expanded;
+    }
+    return amount;
 }
 
 void Learning::refuse(OfBroker const& wanted, std::string const& fault) {

@@ -18,7 +18,8 @@
  * The classes that other processes have described to this one, and who uses which of them. Each is
  * told by its id and the hash of its description, so that two processes that describe a class in
  * two ways both have their own. What is learned is never dropped, and bounded: beyond the bounds
- * nothing more is learned.
+ * nothing more is learned. Those that have lost a base, which only this process itself can close,
+ * do not count: they are learned again.
  */
 class Learning {
 public:
@@ -48,7 +49,15 @@ private:
     using Key = std::pair<unsigned int, std::uint64_t>;  // class id, hash
     struct Learned {
         std::unique_ptr<LearnedClass> meta;
-        TreflectOrbId teller;  // who has told it first
+        TreflectOrbId teller;      // who has told it first
+        std::size_t bytes = 0;     // its share of the encoding
+        std::size_t expanded = 0;  // of its types
+    };
+    /** How much there is of what is bounded. */
+    struct Amount {
+        std::size_t classes = 0;
+        std::size_t bytes = 0;
+        std::size_t expanded = 0;
     };
     using OfBroker = std::pair<TreflectOrbId, unsigned int>;  // broker, class id
 
@@ -60,14 +69,14 @@ private:
     /// Several of one key when all but one have lost a base: they are in use still.
     using Classes = std::multimap<Key, Learned>;
 
+    /** Of all that is whole. */
+    Amount learned() const OSW_REQUIRES_PERMISSION;
     void refuse(OfBroker const& wanted, std::string const& fault) OSW_REQUIRES_PERMISSION;
 
     Classes classes_ OSW_GUARDED_BY_PERMISSION;
     /// Which of them are those of a broker's objects: what was asked for once is at hand.
     std::map<OfBroker, LearnedClass*> uses_ OSW_GUARDED_BY_PERMISSION;
     std::set<OfBroker> refused_ OSW_GUARDED_BY_PERMISSION;
-    std::size_t bytes_ OSW_GUARDED_BY_PERMISSION = 0;
-    std::size_t expanded_ OSW_GUARDED_BY_PERMISSION = 0;
     // Other processes cause them at will.
     Logging::LineLimit refusals_;
     Logging::LineLimit differences_;

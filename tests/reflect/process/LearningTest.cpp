@@ -138,6 +138,44 @@ TEST_F(LearningOf, NoMoreIsLearnedThanThereIsRoomFor) {
     EXPECT_EQ(learned, 8u);
 }
 
+TEST_F(LearningOf, NoMoreIsLookedAtThanThereIsRoomFor) {
+    constexpr std::size_t kMuch = Description::kMostExpanded / 2 - Description::kLongestType;
+    Descriptions classes = lineOf(11, 1);
+    for (Description& each : classes) {
+        Description const large = withTypes(0, kMuch)[0];
+        each.types = large.types;
+        each.operations = large.operations;
+    }
+    classes = hashed(classes);
+    classes.back().hash = 0;  // a fault, but behind too much
+    EXPECT_FALSE(admit(classes));
+    expectLine(3, "too much has been learned already");
+}
+
+/** Classes that lead to the same attributes on few ways or on many. */
+Descriptions withAttributes(unsigned int bases) {
+    Descriptions classes = lineOf(10, bases);
+    for (unsigned int code = 0; code < 300; ++code) {
+        Description::Attribute attribute;
+        attribute.name = "Value" + std::to_string(code);
+        classes.back().attributes.push_back(attribute);
+        classes.back().operations.push_back(operation("get" + attribute.name, code));
+    }
+    return hashed(classes);
+}
+
+TEST_F(LearningOf, AttributesOfBasesAreNotGatheredOnEachWayToThem) {
+    auto const allocationsFor = [](unsigned int bases) {
+        handlerthreads::trustPermission();
+        Descriptions const classes = withAttributes(bases);
+        Learning learning;
+        unsigned long const before = allocationCount();
+        EXPECT_TRUE(learning.admit(kFirst, kTeller, classes, kSomeSize));
+        return allocationCount() - before;
+    };
+    EXPECT_LT(allocationsFor(2), allocationsFor(1) * 5 / 4);
+}
+
 TEST_F(LearningOf, MembersOfBasesAreThoseOfTheClass) {
     Descriptions classes = lineOf(2, 1);
     classes[1].operations = {operation("getLevel", 1)};
@@ -203,6 +241,14 @@ TEST_F(LearningOf, ClassThatGoesWithItsSharedObjectIsNotUsedAnyMore) {
     EXPECT_EQ(learning_.find(kFirst, kTeller), after);
     learning_.forget(kTeller);
     EXPECT_FALSE(learning_.find(kFirst, kTeller));
+}
+
+TEST_F(LearningOf, SharedObjectMayBeOpenedAndClosedAnyNumberOfTimes) {
+    Descriptions const classes = lineOf(2, 1);
+    for (unsigned int times = 0; times < 20; ++times) {
+        Table const here("Class1", kFirst + 1, {}, {}, {});
+        EXPECT_TRUE(admit(classes, Learning::kLargestAnswer)) << times;
+    }
 }
 
 /** Answers as a process object does, with what it was given. */
