@@ -2,6 +2,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <optional>
 #include <thread>
 
@@ -9,6 +11,9 @@
 #include "PumpObject.h"
 #include "ReflectActor.h"
 #include "Watcher.h"
+#include "reflect/broker/BrokerRequest.h"
+#include "reflect/broker/BrokerView.h"
+#include "reflect/broker/OngoingRequest.h"
 #include "reflect/process/Learning.h"
 #include "reflect/process/ProcessPublication.h"
 #include "reflect/process/ProcessServer.h"
@@ -342,6 +347,70 @@ TEST_F(Learned, ClassesOfABrokerThatHasGoneAreForgotten) {
         actor.reset();
     }
     EXPECT_TRUE(inTime([&] { return !isKnown(); }));
+}
+
+/** Another thread, to which the waits of the one that made it give the run permission. It stops a
+ * process whenever that is asked, to see what for, and ends it when it has answered what it was to
+ * be. */
+class EndAfterAnswer {
+public:
+    EndAfterAnswer(testsupport::ChildProgram& process, TreflectOrbId broker, int method)
+        : process_(process), broker_(broker), method_(method) {
+        EXPECT_TRUE(process_.stopWholly());
+        thread_ = std::thread([this] {
+            TreflectHandlerState const permission(true);
+            while (!endsAfterThis()) {
+                EXPECT_TRUE(process_.stopWholly());
+                TreflectReleaseHandlerState const asksOn;
+            }
+        });
+    }
+    ~EndAfterAnswer() {
+        TreflectReleaseHandlerState const released;
+        thread_.join();
+    }
+
+private:
+    bool endsAfterThis() {
+        std::optional<int> asked;
+        EXPECT_TRUE(eventually([&] {
+            for (OngoingRequest::Glimpse const& seen : BrokerView::all().at(0).requests()) {
+                if (seen.thread == asking_)
+                    asked = seen.methodCode;
+            }
+            return asked.has_value();
+        }));
+        process_.signal(SIGCONT);
+        // Whose answer is there queues for the permission.
+        EXPECT_TRUE(eventually([&] {
+            auto const queue = TreflectORB::handlerThreads().glimpse().queue;
+            return std::find(queue.begin(), queue.end(), asking_) != queue.end();
+        }));
+        if (asked && *asked != method_)
+            return false;
+        process_.kill();
+        TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
+        EXPECT_TRUE(eventually([&] { return !exists(orb.convertId(broker_)); }));
+        return true;
+    }
+
+    testsupport::ChildProgram& process_;
+    TreflectOrbId const broker_;
+    int const method_;
+    long const asking_ = gettid();
+    std::thread thread_;
+};
+
+TEST_F(Learned, NothingIsKeptOfABrokerThatGoesBeforeItsAnswerIsRead) {
+    handlerthreads::trustPermission();
+    TellingActor actor;
+    {
+        TreflectReleaseHandlerState const released;
+        actor.ask("pump going 1", "made");
+    }
+    TreflectOrbId const broker = brokerOf(TreflectObject(oid("going")));
+    EndAfterAnswer const end(actor.child(), broker, kDescribe);
+    EXPECT_FALSE(Learning::instance().find(pump::kClass, broker));
 }
 
 TEST_F(Learned, NothingIsLearnedUnlessThatIsWantedAndToldOf) {
