@@ -292,8 +292,15 @@ public:
         InterfaceRepository::instance()->findInterface(Foreign::kClass);
         handle_ = std::make_unique<TreflectObject>(&object);
     }
-    /** That many threads do what reads. */
     void goWhile(std::function<void(TreflectAttribute&)> const& reads, unsigned int count = 1) {
+        duringCalls(reads, count, [this] {
+            handle_.reset();
+            meta_.reset();
+        });
+    }
+    /** That many threads do what reads, and `act` is done meanwhile. */
+    void duringCalls(std::function<void(TreflectAttribute&)> const& reads, unsigned int count,
+                     std::function<void()> const& act) {
         TreflectAttribute& held = *meta_->metaAttribute("Held")->getTied(handle_.get());
         std::atomic<unsigned int> begun{0};  // under the permission, which is given up in the call
         std::vector<std::thread> readers;
@@ -308,8 +315,7 @@ public:
             EXPECT_TRUE(testsupport::eventually([&] { return begun == count; }));
             EXPECT_TRUE(object.entered().wait());
         }
-        handle_.reset();
-        meta_.reset();
+        act();
         object.release();
         TreflectReleaseHandlerState const released;
         for (std::thread& reader : readers)
@@ -340,6 +346,16 @@ TEST_F(BoundMembers, MayGoWithTheirClassWhileACallWaits) {
     });
     Brought("object", {"Held", lampMeta})
         .goWhile([](TreflectAttribute& held) { EXPECT_FALSE(held[0].updateContainedObject()); }, 2);
+}
+
+TEST_F(BoundMembers, LeadNowhereWhenTheClassOfTheirValueGoesWhileACallWaits) {
+    using Table = TreflectMetaClass;
+    auto value = std::make_unique<Table>("Value", Foreign::kClass + 1, std::vector<Table const*>(),
+                                         std::vector<Table::Operation>());
+    auto const leadsNowhere = [](TreflectAttribute& held) {
+        EXPECT_EQ(&held.attribute("Level"), &TreflectAttribute::errorAttribute);
+    };
+    Brought("object", {"Held", *value}).duringCalls(leadsNowhere, 1, [&] { value.reset(); });
 }
 
 // ---- What does not exist -----------------------------------------------------------------------
