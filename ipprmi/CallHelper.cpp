@@ -48,10 +48,7 @@ void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server,
     if (!server.notifyObservers(TreflectObservable::kBeforeCalls, cc, mc, values))
         return;
     values.setLength(0);
-    {
-        TreflectServerObject::ObservedCall const call(server, cc, mc);
-        hook.callServer(server);
-    }
+    TreflectServerObject::ObservedCall(server, cc, mc).run([&] { hook.callServer(server); });
     hook.insertResult(values);
     if (!life.ended())
         server.notifyObservers(TreflectObservable::kAfterCalls, cc, mc, values);

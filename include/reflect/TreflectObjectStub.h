@@ -100,6 +100,9 @@ public:
                                   TreflectObserver* observer) const;
     virtual void removeObserver(TreflectMetaOperation const* operation,
                                 TreflectObserver* observer) const;
+    /** As registerObserver; false when the object has not answered that it is registered. */
+    bool observe(unsigned int kind, TreflectMetaOperation const* operation,
+                 TreflectObserver* observer) const;
     /** As registerObserver before calls, but the observer's end forbids them. False when it is not
      * registered: the object cannot be reached, or is of a version that knows no guards. */
     bool registerGuard(TreflectMetaOperation const* operation, TreflectObserver* observer) const;

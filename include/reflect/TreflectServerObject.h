@@ -111,9 +111,11 @@ public:
      *
      * Any thread. Waits for the observers, one after the other; for those in other processes with
      * the permission given up, so that anything may have changed afterwards, and the object may
-     * have been destroyed (see Life). Changes of the attribute that come meanwhile, from another
-     * thread or from an observer, are told by the call that is telling already, and nobody else
-     * waits for that: the last notice has the last value, but not each change is told.
+     * have been destroyed (see Life). Changes of the attribute that come meanwhile are told then,
+     * and who makes them does not wait for that: the last notice has the last value, but not each
+     * change is told. The call that is telling goes on with what observers on its own thread have
+     * changed, and once with what others have; after that it leaves them to the thread
+     * `ReflectWatch`, on which what the get operation throws is dropped.
      *
      * Within the attribute's set operation, while `serve` serves it to observers, nothing is told
      * at once: they hear of the set when it is done, or of the change when it has thrown.
@@ -123,8 +125,8 @@ public:
     void changed(std::string const& attribute);
 
     /** Marks, for a scope, that the calling thread runs the function of a call of which observers
-     * hear afterwards. When it throws they do not, and are told at once of a change that it has
-     * told. For the library's own use. */
+     * hear afterwards. When it throws, or its thread is cancelled, they do not, and are told at
+     * once of a change that it has told. For the library's own use. */
     class REFLECTORB_API ObservedCall {
     public:
         ObservedCall(TreflectServerObject& object, unsigned int classId, unsigned int methodCode);
@@ -132,6 +134,9 @@ public:
         ObservedCall(ObservedCall const&) = delete;
         ObservedCall& operator=(ObservedCall const&) = delete;
 
+        /** Runs the function: what it returns. */
+        template <class Function>
+        auto run(Function const& function);
         /** Leaves a change to the call of the attribute's set operation that the calling thread is
          * in; false when it is in none. */
         static bool tellsOf(TreflectServerObject const& object,
@@ -139,7 +144,7 @@ public:
                             unsigned int methodCode);
 
     private:
-        void tellAfterThrow() const;
+        void tellUnobserved() const;
 
         static thread_local ObservedCall* innermost_;
 
@@ -147,7 +152,7 @@ public:
         Life const life_;
         unsigned int const classId_;
         unsigned int const methodCode_;
-        int const thrown_;  // how many exceptions were under way at the beginning
+        bool hasReturned_ = false;
         ObservedCall* const outer_;
         TreflectMetaAttribute const* changed_ = nullptr;  // what it has told to have changed
     };
@@ -228,6 +233,18 @@ private:
     bool observes_ = false;
 };
 
+template <class Function>
+auto TreflectServerObject::ObservedCall::run(Function const& function) {
+    if constexpr (std::is_void_v<decltype(function())>) {
+        function();
+        hasReturned_ = true;
+    } else {
+        auto result = function();
+        hasReturned_ = true;
+        return result;
+    }
+}
+
 template <class Server, class Result, class... Parameters>
 bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsigned int mc,
                                  TipprmiStream& in, TipprmiStream& out,
@@ -278,8 +295,9 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
         return true;
     }
     auto const perform = [&] {
-        ObservedCall const call(*this, declaring, mc);
-        return std::apply(method, arguments);
+        return ObservedCall(*this, declaring, mc).run([&] {
+            return std::apply(method, arguments);
+        });
     };
     if constexpr (std::is_void_v<Result>) {
         perform();

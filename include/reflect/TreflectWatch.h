@@ -24,11 +24,16 @@
  *     });
  *
  * The reaction is called under the run permission, on the thread that makes the watch, then on a
- * worker, on the thread that changes the attribute if the object is in this process, or, with a
- * least interval, on the thread `ReflectWatch`; never on two at once. Whoever has changed the value
- * waits for it, unless it is held back. It may do everything, also destroy the watch. A value that
- * comes while it waits is told when it returns, the last one only. What it throws is logged at
- * level 3, and it is told the next value all the same.
+ * worker, on the thread that changes the attribute if the object is in this process, or on the
+ * thread `ReflectWatch`; never on two at once. Whoever has changed the value waits for it, unless
+ * it is held back. It may do everything, also destroy the watch. A value that comes while it runs
+ * is told when it returns, the last one only: by the same thread if that has changed it, else by
+ * `ReflectWatch`, for which nobody waits. What it throws is logged at level 3, and it is told the
+ * next value all the same.
+ *
+ * A reaction must be over within a minute: as with every call between processes, both sides abort
+ * after that. While it runs on `ReflectWatch`, nothing else of the process is told there. Two
+ * watches whose reactions destroy each other at the same time wait for ever.
  *
  * Each value that is told differs from the one before. Between two of them others may have been
  * left out, but the last one is always told, and last. (When changes, sets and the making of the
@@ -37,10 +42,12 @@
  * comes with the notice. A value that cannot be read is logged at level 4, and not told.
  *
  * A watch goes on for as long as the object and this process's broker live, and ends in silence
- * with either. One that has come back under its identifier is another object: make a new watch, for
- * instance when an observer of creations or of brokers hears of it. An object of an earlier version
- * of the library tells nothing but what is set. The attribute's class must outlive the watch, which
- * matters where it comes with a shared object that is closed.
+ * with either; and also when a notice comes back to the object's process because it could not be
+ * delivered or served: the object forgets the watch then. One that has come back under its
+ * identifier is another object: make a new watch, for instance when an observer of creations or of
+ * brokers hears of it. An object of an earlier version of the library tells nothing but what is
+ * set. The attribute's class must outlive the watch, which matters where it comes with a shared
+ * object that is closed.
  *
  * Made, used and destroyed on any thread, under the run permission or without: each may wait for
  * the object's process with the permission given up.
@@ -52,12 +59,12 @@ public:
 
     /**
      * Watches the whole of an attribute; an element that is selected is of no account. The handle
-     * and the attribute may go afterwards. The present value has been told when this returns.
+     * and the attribute may go afterwards. The present value, or a later one, has been told when
+     * this returns, or is being told by another thread that a change has been quicker on.
      *
      * Two calls of the reaction begin at least `leastInterval` apart, if it is above 0. A value
      * that comes earlier is held back, in place of one that is held back already, and told when the
-     * time has come by the thread `ReflectWatch`, of which a process has one at most, and only
-     * while there are watches with an interval.
+     * time has come by the thread `ReflectWatch`, of which a process has one at most.
      */
     TreflectAttributeWatch(TreflectAttribute const& attribute, Reaction reaction,
                            std::chrono::milliseconds leastInterval = {});
@@ -67,10 +74,14 @@ public:
     TreflectAttributeWatch(TreflectAttributeWatch const&) = delete;
     TreflectAttributeWatch& operator=(TreflectAttributeWatch const&) = delete;
 
-    /** Whether there is nothing to watch: the null attribute, or one of another type. */
+    /** Whether there is nothing to watch: the null attribute, one of another type, or an object
+     * that has not answered that it knows the watch, which is logged at level 4; to try again is up
+     * to the caller. The deadlines of the calling thread do not count for that. */
     bool isError() const { return !state_; }
 
 protected:
+    static bool areEqual(TipprmiAny const& a, TipprmiAny const& b);
+
     /** `type`: what the values are to be read as; none when that is of no account. */
     TreflectAttributeWatch(TreflectAttribute const& attribute, Reaction reaction,
                            std::chrono::milliseconds leastInterval,
@@ -78,6 +89,7 @@ protected:
 
 private:
     class State;
+    class EndedUnlessBegun;
 
     static std::shared_ptr<State> makeState(TreflectAttribute const& attribute, Reaction reaction,
                                             std::chrono::milliseconds leastInterval,
@@ -120,12 +132,16 @@ private:
             return TreflectValueCheck::Type::of<T>();
     }
     static TreflectAttributeWatch::Reaction decoding(Reaction reaction) {
-        return [reaction = std::move(reaction)](TipprmiAny const& encoded) {
+        // One that cannot be read may come between two equal ones.
+        return [reaction = std::move(reaction),
+                told = std::optional<TipprmiAny>()](TipprmiAny const& encoded) mutable {
             TipprmiAny readable = encoded;
             T value = tipprmiBlank<T>();
             readable.extract(value);
-            if (!readable.hasUnmarshallingFailed())
-                reaction(value);
+            if (readable.hasUnmarshallingFailed() || (told && areEqual(*told, encoded)))
+                return;
+            told = encoded;
+            reaction(value);
         };
     }
 };

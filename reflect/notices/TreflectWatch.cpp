@@ -1,7 +1,9 @@
 #include "reflect/TreflectWatch.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <new>
 
 #include "handler_threads/WithPermission.h"
 #include "logging/LineLimit.h"
@@ -12,6 +14,7 @@
 #include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectMetaObject.h"
 #include "reflect/TreflectMetaOperation.h"
+#include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObservable.h"
 #include "reflect/TreflectObserver.h"
 #include "reflect/broker/AllLevelsReleased.h"
@@ -23,15 +26,13 @@
 
 namespace {
 
+using std::chrono::milliseconds;
 using Values = TipprmiSequence<TipprmiAny, 0u>;
 
 constexpr char kSource[] = "TreflectWatch";
 
-bool areEqual(TipprmiAny const& a, TipprmiAny const& b) {
-    auto const size = static_cast<std::size_t>(a.getDataSize());
-    return a.getDataSize() == b.getDataSize() &&
-           (size == 0 || std::memcmp(a.getDataPtr(), b.getDataPtr(), size) == 0);
-}
+// Longer than anything lives, and far below what a time holds.
+constexpr milliseconds kLongest = std::chrono::hours(10 * 365 * 24);
 
 /** Whether what a notice has in it can only be the value. Observers of a set are told its results,
  * too: the class must tell that there are none. */
@@ -43,34 +44,37 @@ bool isToldNothingElse(TreflectMetaAttribute const& attribute) {
 }  // namespace
 
 /** What a watch knows and does. Outlasts the watch while somebody is in it. */
-class TreflectAttributeWatch::State final : public WatchTimer::Due,
-                                            public std::enable_shared_from_this<State> {
+class TreflectAttributeWatch::State final : public WatchTimer::Due {
 public:
     State(TreflectObject const& object, TreflectMetaAttribute const& attribute, Reaction reaction,
           std::chrono::milliseconds leastInterval, std::shared_ptr<TreflectValueCheck const> check)
         : attribute_(attribute),
           isToldNothingElse_(isToldNothingElse(attribute)),
           check_(std::move(check)),
-          least_(0, std::chrono::nanoseconds(leastInterval).count()),
+          least_(0, std::chrono::nanoseconds(std::clamp(leastInterval, milliseconds(0), kLongest))
+                        .count()),
           reaction_(std::move(reaction)) {
         object_.share_(object);
-        if (leastInterval.count() > 0)
+        if (leastInterval > milliseconds(0))
             use_.emplace();
     }
 
-    /** Registers first, so that no change is missed, and then asks for the value. */
-    void begin(ChangeKey const& key) OSW_REQUIRES_PERMISSION {
-        observer_ = std::make_unique<Observer>(shared_from_this());
-        TreflectMetaOperation const changes(attribute_.name(), key.declaring,
-                                            static_cast<int>(key.methodCode));
-        object_.registerObserver(TreflectObservable::kAfterCalls, &changes, observer_.get());
-        ask(++asked_);
+    /** Registers first, so that no change is missed, and then asks for the value. False when the
+     * object has not answered that it has registered the watch. */
+    bool begin(ChangeKey const& key) OSW_REQUIRES_PERMISSION {
+        if (!registerAt(key))
+            return false;
+        {
+            TreflectDeadline::Suspension const untilItIsKnown;
+            ask(++asked_);
+        }
         tell();
+        return true;
     }
     void end() OSW_REQUIRES_PERMISSION {
         ended_ = true;
-        if (object_.isConnected())
-            object_.removeObserver(nullptr, observer_.get());
+        WatchTimer::instance().forget(*this);
+        containErrors([this] { unregister(); }, [](char const*) {});
         observer_.reset();
         awaitReaction();
         use_.reset();
@@ -100,21 +104,32 @@ private:
     public:
         explicit Observer(std::weak_ptr<State> state) : state_(std::move(state)) {}
 
-        // It may have been destroyed when the state returns.
-        bool update() override {
-            if (std::shared_ptr<State> const state = state_.lock())
-                state->noticed(Values(arguments()));
+        // It may have been destroyed when the state returns. Who throws is told no more.
+        bool notify(TreflectObject const&, unsigned int const&, unsigned int const&,
+                    Values const& values, bool& alive) override {
+            alive = true;
+            std::shared_ptr<State> const state = state_.lock();
+            if (state)
+                containErrors([&] { state->noticed(values); },
+                              [&](char const*) { state->logUnread(); });
             return true;
         }
+        bool update() override { return true; }
 
     private:
         std::weak_ptr<State> const state_;
     };
     class Telling;
+    class RestIsTold;
 
+    bool registerAt(ChangeKey const& key) OSW_REQUIRES_PERMISSION;
+    void unregister();
+    void logUnread() const;
     void ask(unsigned long long turn) OSW_REQUIRES_PERMISSION;
     void take(unsigned long long turn, TipprmiAny const& value) OSW_REQUIRES_PERMISSION;
     void tell() OSW_REQUIRES_PERMISSION;
+    void tellNext() OSW_REQUIRES_PERMISSION;
+    bool isDue() OSW_REQUIRES_PERMISSION { return !ended_ && isNews() && !isHeldBack(); }
     bool isHeldBack() OSW_REQUIRES_PERMISSION;
     bool isNews() const OSW_REQUIRES_PERMISSION {
         return latest_ && !(told_ && areEqual(*latest_, *told_));
@@ -142,6 +157,8 @@ private:
     std::optional<TipprmiAny> told_ OSW_GUARDED_BY_PERMISSION;
     OSWrap::TimeSpec next_ OSW_GUARDED_BY_PERMISSION;  // not told before
     bool isTimed_ OSW_GUARDED_BY_PERMISSION = false;   // the timer is going to call
+    // Somebody else than the thread that tells has brought a value meanwhile.
+    bool isOvertaken_ OSW_GUARDED_BY_PERMISSION = false;
 
     OSWrap::ConditionVar quiet_;            // a leaf
     std::atomic<unsigned long> teller_{0};  // the thread that tells; set under both, 0 for none
@@ -165,6 +182,62 @@ private:
     State& state_;
 };
 
+/** Has told, when the thread that tells is unwound, what came meanwhile. */
+class TreflectAttributeWatch::State::RestIsTold {
+public:
+    explicit RestIsTold(State& state) : state_(state) {}
+    ~RestIsTold() {
+        if (isDone_)
+            return;
+        OSWrap::DisableCancelStateGuard const noCancel;
+        containErrors([this] { tellRest(); }, [](char const*) {});
+    }
+    RestIsTold(RestIsTold const&) = delete;
+    RestIsTold& operator=(RestIsTold const&) = delete;
+
+    void done() { isDone_ = true; }
+
+private:
+    void tellRest() {
+        handlerthreads::assertPermission();
+        state_.isOvertaken_ = true;
+        if (state_.isDue())
+            state_.tellNext();
+    }
+
+    State& state_;
+    bool isDone_ = false;
+};
+
+// A deadline of the caller is not to leave behind a watch that hears nothing, or a registration.
+bool TreflectAttributeWatch::State::registerAt(ChangeKey const& key) {
+    TreflectDeadline::Suspension const untilItIsKnown;
+    observer_ = std::make_unique<Observer>(std::static_pointer_cast<State>(shared_from_this()));
+    TreflectMetaOperation const changes(attribute_.name(), key.declaring,
+                                        static_cast<int>(key.methodCode));
+    TreflectObjectStub const* const stub = object_.getStub_();
+    if (stub && stub->observe(TreflectObservable::kAfterCalls, &changes, observer_.get()))
+        return true;
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 4, kSource,
+                           "attribute \"%s\" cannot be watched: its object does not answer",
+                           attribute_.name().c_str());
+    return false;
+}
+
+void TreflectAttributeWatch::State::unregister() {
+    handlerthreads::assertPermission();
+    TreflectDeadline::Suspension const untilItIsDone;
+    if (observer_ && object_.isConnected())
+        object_.removeObserver(nullptr, observer_.get());
+}
+
+void TreflectAttributeWatch::State::logUnread() const {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 4, kSource, "attribute \"%s\" is watched, and cannot be read",
+                           attribute_.name().c_str());
+}
+
 // The object may be in this process, and throw.
 void TreflectAttributeWatch::State::ask(unsigned long long turn) {
     TreflectObject object;
@@ -177,9 +250,7 @@ void TreflectAttributeWatch::State::ask(unsigned long long turn) {
         take(turn, *value);
         return;
     }
-    static Logging::LineLimit limit;
-    REFLECTORB_LOG_LIMITED(limit, 4, kSource, "attribute \"%s\" is watched, and cannot be read",
-                           attribute_.name().c_str());
+    logUnread();
 }
 
 void TreflectAttributeWatch::State::take(unsigned long long turn, TipprmiAny const& value) {
@@ -196,24 +267,35 @@ bool TreflectAttributeWatch::State::fits(TipprmiAny const& value) const {
     return check_->find(encoded, -1) == TreflectValueCheck::Found::kValue;
 }
 
-// What comes in during a reaction is told by the thread that is in it.
+// What a reaction changes by itself is told by the thread that is in it. What others bring
+// meanwhile is not: that thread might never come back.
 void TreflectAttributeWatch::State::tell() {
-    if (teller_ != 0)
+    if (teller_ != 0) {
+        isOvertaken_ = isOvertaken_ || teller_ != OSWrap::Thread::getCurrentId();
         return;
-    std::shared_ptr<State> const self = shared_from_this();
-    while (!ended_ && isNews() && !isHeldBack()) {
-        told_ = latest_;
-        TipprmiAny const value = *told_;
-        Telling const telling(*this);
-        react(value);
-        next_ = OSWrap::Clock::getObsTime() + least_;
     }
+    std::shared_ptr<Due> const self = shared_from_this();
+    RestIsTold rest(*this);
+    while (isDue())
+        tellNext();
+    isOvertaken_ = false;
+    rest.done();
 }
 
+void TreflectAttributeWatch::State::tellNext() {
+    told_ = latest_;
+    TipprmiAny const value = *told_;
+    Telling const telling(*this);
+    react(value);
+    next_ = OSWrap::Clock::getObsTime() + least_;
+}
+
+// Without a thread that could do it later the value is told now.
 bool TreflectAttributeWatch::State::isHeldBack() {
-    if (!use_ || OSWrap::Clock::getObsTime() >= next_)
+    OSWrap::TimeSpec const now = OSWrap::Clock::getObsTime();
+    if (!std::exchange(isOvertaken_, false) && now >= next_)
         return false;
-    isTimed_ = isTimed_ || WatchTimer::instance().callAt(next_, weak_from_this());
+    isTimed_ = isTimed_ || WatchTimer::instance().callAt(std::max(now, next_), *this);
     return isTimed_;
 }
 
@@ -261,13 +343,47 @@ TreflectAttributeWatch::TreflectAttributeWatch(TreflectAttribute const& attribut
                                                std::optional<TreflectValueCheck::Type> const& type)
     : state_(makeState(attribute, std::move(reaction), leastInterval, checkOf(attribute, type))) {}
 
+bool TreflectAttributeWatch::areEqual(TipprmiAny const& a, TipprmiAny const& b) {
+    auto const size = static_cast<std::size_t>(a.getDataSize());
+    return a.getDataSize() == b.getDataSize() &&
+           (size == 0 || std::memcmp(a.getDataPtr(), b.getDataPtr(), size) == 0);
+}
+
+// What the abandoned broker still knows of is left to it.
 TreflectAttributeWatch::~TreflectAttributeWatch() {
-    if (!state_ || BrokerLifecycle::instance().isAbandoned())
+    if (!state_)
         return;
+    if (BrokerLifecycle::instance().isAbandoned()) {
+        static_cast<void>(new (std::nothrow) std::shared_ptr<State>(state_));
+        return;
+    }
     OSWrap::DisableCancelStateGuard const noCancel(true);
     WithPermission const permission;
     state_->end();
 }
+
+/** Ends a state that does not become a watch. */
+class TreflectAttributeWatch::EndedUnlessBegun {
+public:
+    explicit EndedUnlessBegun(State& state) : state_(state) {}
+    ~EndedUnlessBegun() {
+        if (hasBegun_)
+            return;
+        OSWrap::DisableCancelStateGuard const noCancel;
+        handlerthreads::trustPermission();
+        state_.end();
+    }
+    EndedUnlessBegun(EndedUnlessBegun const&) = delete;
+    EndedUnlessBegun& operator=(EndedUnlessBegun const&) = delete;
+
+    bool begin(ChangeKey const& key) OSW_REQUIRES_PERMISSION {
+        return hasBegun_ = state_.begin(key);
+    }
+
+private:
+    State& state_;
+    bool hasBegun_ = false;
+};
 
 std::shared_ptr<TreflectAttributeWatch::State> TreflectAttributeWatch::makeState(
     TreflectAttribute const& attribute, Reaction reaction, std::chrono::milliseconds leastInterval,
@@ -283,6 +399,6 @@ std::shared_ptr<TreflectAttributeWatch::State> TreflectAttributeWatch::makeState
     }
     auto state = std::make_shared<State>(*attribute.object_, *attribute.meta(), std::move(reaction),
                                          leastInterval, check);
-    state->begin(*key);
-    return state;
+    EndedUnlessBegun watch(*state);
+    return watch.begin(*key) ? state : nullptr;
 }

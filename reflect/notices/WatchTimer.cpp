@@ -1,7 +1,9 @@
 #include "reflect/notices/WatchTimer.h"
 
+#include <utility>
+
 #include "handler_threads/WithPermission.h"
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Immortal.h"
@@ -23,6 +25,19 @@ public:
     Worker()
         : Thread("ReflectWatch", OSWrap::Priority(3), OSWrap::SchedulingPolicy(0), kStackSize,
                  true) {}
+
+    /** False when there is no thread or no memory for it. */
+    static bool startOne() {
+        bool started = false;
+        static_cast<void>(OSWrap::withMemory([&] {
+            auto worker = std::make_unique<Worker>();
+            worker->deleteOnThreadTermination();
+            started = worker->startQuietly() == 0;
+            if (started)
+                static_cast<void>(worker.release());
+        }));
+        return started;
+    }
 
 protected:
     int run() override {
@@ -50,55 +65,88 @@ WatchTimer::Use::~Use() {
         timer.changed_.signal();
 }
 
-bool WatchTimer::callAt(OSWrap::TimeSpec const& time, std::weak_ptr<Due> due) {
+WatchTimer::Due::Due() {
     Calls made;
-    OSWrap::untilMemory([&] { made.emplace(time, due); });
-    bool started = false;
-    {
-        Guard const lock(changed_);
-        started = runs_ || startWorker();
-        if (started)
-            calls_.insert(made.extract(made.begin()));
-        changed_.signal();
-    }
-    if (!started)
-        REFLECTORB_LOG(3, "TreflectWatch", "ReflectWatch could not be started");
-    return started;
+    made.emplace(OSWrap::TimeSpec(), this);
+    place_ = made.extract(made.begin());
 }
 
-bool WatchTimer::startWorker() {
-    auto worker = std::make_unique<Worker>();
-    worker->deleteOnThreadTermination();
-    runs_ = worker->startQuietly() == 0;
-    if (runs_)
-        static_cast<void>(worker.release());
-    return runs_;
+WatchTimer::Due::~Due() {
+    instance().forget(*this);
+}
+
+bool WatchTimer::callAt(OSWrap::TimeSpec const& time, Due& due) {
+    return insert(time, due, nullptr);
+}
+
+bool WatchTimer::callNow(std::shared_ptr<Due> due) {
+    Due& called = *due;
+    return insert(OSWrap::Clock::getObsTime(), called, std::move(due));
+}
+
+void WatchTimer::forget(Due& due) {
+    std::shared_ptr<Due> released;
+    Guard const lock(changed_);
+    if (due.place_.empty())
+        due.place_ = calls_.extract(due.at_);
+    released.swap(due.kept_);
+}
+
+// Who asks has the permission: nobody else relies on a thread that cannot be started.
+bool WatchTimer::insert(OSWrap::TimeSpec const& time, Due& due, std::shared_ptr<Due> kept) {
+    bool isServed = true;
+    {
+        Guard const lock(changed_);
+        due.place_.key() = time;
+        due.at_ = calls_.insert(std::move(due.place_));
+        due.kept_ = std::move(kept);
+        isServed = std::exchange(runs_, true);
+        changed_.signal();
+    }
+    if (isServed || Worker::startOne())
+        return true;
+    forget(due);
+    {
+        Guard const lock(changed_);
+        runs_ = false;
+    }
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, "TreflectWatch", "ReflectWatch could not be started");
+    return false;
 }
 
 void WatchTimer::serve() {
-    while (std::optional<std::weak_ptr<Due>> const next = awaitNext()) {
-        WithPermission const permission;
-        if (std::shared_ptr<Due> const due = next->lock())
-            containErrors([&] { due->due(); }, [](char const*) {});
+    while (std::shared_ptr<Due> next = awaitNext()) {
+        if (!OSWrap::withMemory([&] { call(std::move(next)); }))
+            OSWrap::awaitMemory();
     }
 }
 
-std::optional<std::weak_ptr<WatchTimer::Due>> WatchTimer::awaitNext() {
+void WatchTimer::call(std::shared_ptr<Due> due) {
+    WithPermission const permission;
+    std::shared_ptr<Due> const called = std::move(due);
+    called->due();
+}
+
+std::shared_ptr<WatchTimer::Due> WatchTimer::awaitNext() {
     Guard const lock(changed_);
-    while (uses_ > 0) {
+    while (uses_ > 0 || !calls_.empty()) {
         OSWrap::TimeSpec const now = OSWrap::Clock::getObsTime();
         auto const first = calls_.begin();
-        if (first == calls_.end()) {
+        if (first == calls_.end())
             changed_.wait(OSWrap::TimeSpec::INFINITETIME);
-        } else if (first->first > now) {
+        else if (first->first > now)
             changed_.wait(first->first - now);
-        } else {
-            std::weak_ptr<Due> next = std::move(first->second);
-            calls_.erase(first);
+        else if (std::shared_ptr<Due> next = take(first))
             return next;
-        }
     }
-    calls_.clear();
     runs_ = false;
-    return std::nullopt;
+    return nullptr;
+}
+
+// One that is being destroyed is none any more.
+std::shared_ptr<WatchTimer::Due> WatchTimer::take(Calls::iterator at) {
+    Due& due = *at->second;
+    due.place_ = calls_.extract(at);
+    return due.kept_ ? std::move(due.kept_) : due.weak_from_this().lock();
 }

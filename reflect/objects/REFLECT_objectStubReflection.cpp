@@ -30,14 +30,15 @@ public:
     /** For the arguments. */
     TipprmiStream& request() { return request_; }
     void send() { stub_.dispatch(true, cc_, mc_, request_, response_); }
-    /** Reads the answer; a default value when there is none. */
+    /** Reads the answer; a default value, and false, when there is none. */
     template <class... Result>
-    void ask(Result&... result) {
+    bool ask(Result&... result) {
         send();
         stub_.prepareResponseStream_(true, response_);
         static_cast<void>((response_ >> ... >> result));
         if (response_.hasUnmarshallingFailed())
             response_.printUnmarshallError(cc_, mc_);
+        return !response_.hasUnmarshallingFailed();
     }
 
 private:
@@ -158,22 +159,27 @@ void TreflectObjectStub::unregisterChild(std::string const& name) const {
 
 void TreflectObjectStub::registerObserver(unsigned int kind, TreflectMetaOperation const* operation,
                                           TreflectObserver* observer) const {
+    static_cast<void>(observe(kind, operation, observer));
+}
+
+bool TreflectObjectStub::observe(unsigned int kind, TreflectMetaOperation const* operation,
+                                 TreflectObserver* observer) const {
     if (!operation || !operation->containingMetaObject() || !observer) {
         REFLECTORB_LOG(
             3, kSource,
             "TreflectObjectStub::registerObserver FAILED: oper, oper->meta() or obs is NULL");
-        return;
+        return false;
     }
     unsigned int const cc = operation->containingMetaObject()->getClassId();
     auto const mc = static_cast<unsigned int>(operation->id());
     TreflectObserverClient const client(*observer->getClient());
     if (TreflectServerObject* const server = reflectiveServer()) {
         server->registerObserver(kind, cc, mc, client);
-        return;
+        return true;
     }
     Question question(*this, standard::kRegisterObserver);
     question.request() << kind << cc << mc << client;
-    question.ask();
+    return question.ask();
 }
 
 bool TreflectObjectStub::registerGuard(TreflectMetaOperation const* operation,
