@@ -1,5 +1,9 @@
 // Changes that objects tell, and those who watch attributes: here and in other processes, with and
 // without a least interval, and what becomes of them when somebody goes meanwhile.
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <stdexcept>
@@ -273,6 +277,83 @@ TEST_F(LocalWatch, IsToldTheLastOfChangesThatOverlap) {
     EXPECT_THAT(slow.values, ElementsAre(7u));
 }
 
+TEST_F(LocalWatch, KeepsNobodyForThoseWhoGoOnChanging) {
+    constexpr unsigned int kFar = 200;
+    bool goesOn = true;
+    // Each value that is told is another one before that has ended.
+    auto const changeElsewhere = [&] {
+        if (!goesOn || dial_->value == kFar)
+            return;
+        TreflectReleaseHandlerState const released;
+        std::thread([&] { permitted([&] { dial_->turn(dial_->value + 1); }); }).join();
+    };
+    auto const stop = [&] {
+        EXPECT_LT(dial_->value, kFar);
+        goesOn = false;
+        TreflectReleaseHandlerState const released;
+        EXPECT_TRUE(testsupport::eventually(
+            [&] { return permitted([&] { return told_.back() == dial_->value; }); }));
+    };
+    {
+        Level const watch(value(), [&](unsigned int level) {
+            told_.push_back(level);
+            changeElsewhere();
+        });
+        stop();
+    }
+    Watcher slow("slow");
+    slow.react = changeElsewhere;
+    client_.operation("setValue").postObserve(&slow);
+    Level const watch(value(), note());
+    goesOn = true;
+    dial_->turn(100);
+    stop();
+}
+
+TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
+    Gauge gauge("gauge");
+    TreflectObject const handle(&gauge);
+    Watcher slow("slow");
+    handle.operation("setValue").postObserve(&slow);
+    Level const watch(handle.attribute("Value"), note());
+    auto const isTold = [&](std::vector<unsigned int> const& values) {
+        return testsupport::eventually([&] { return permitted([&] { return told_ == values; }); });
+    };
+    // What another thread has changed while the object was asked, which failed.
+    gauge.meanwhile = [&] {
+        gauge.meanwhile = nullptr;
+        gauge.value = 7;
+        TreflectReleaseHandlerState const released;
+        std::thread([&] { permitted([&] { gauge.changed("Value"); }); }).join();
+        throw std::runtime_error("on purpose");
+    };
+    EXPECT_THROW(gauge.changed("Value"), std::runtime_error);
+    {
+        TreflectReleaseHandlerState const released;
+        EXPECT_TRUE(isTold({1, 7}));
+    }
+    testsupport::Gate told;
+    slow.react = [&] {
+        slow.react = nullptr;
+        TreflectReleaseHandlerState const released;
+        told.open();
+        for (;;)
+            ::pause();
+    };
+    TreflectReleaseHandlerState const released;
+    // Who is cancelled while the first of two is told.
+    testsupport::TestThread changer([&] {
+        permitted([&] {
+            gauge.value = 8;
+            gauge.changed("Value");
+        });
+    });
+    ASSERT_TRUE(told.wait());
+    changer.cancel();
+    EXPECT_TRUE(changer.join());
+    EXPECT_TRUE(isTold({1, 7, 8}));
+}
+
 // ---- At most so often --------------------------------------------------------------------------
 
 TEST_F(LocalWatch, IsToldNoMoreOftenThanItWantsAndTheLastValueAlways) {
@@ -381,14 +462,48 @@ TEST_F(RemoteWatch, IsToldChangesAndSetsOfAllProcesses) {
 }
 
 TEST_F(RemoteWatch, IsToldTheLastOfManyAfterItsInterval) {
+    using Clock = std::chrono::steady_clock;
+    constexpr milliseconds kLeast(100);
     ReflectActor actor;
-    EXPECT_EQ(actor.follow("w", "lamp", "Level", 50), "0");
+    std::string values;
+    Clock::time_point const begin = Clock::now();
+    EXPECT_EQ(actor.follow("w", "lamp", "Level", kLeast.count()), "0");
     for (unsigned int level = 2; level <= 100; ++level)
         change(level);
     EXPECT_TRUE(testsupport::eventually([&] {
-        std::string const values = actor.values("w");
+        values = actor.values("w");
         return values.size() > 4 && values.substr(values.size() - 5) == " 100 ";
     }));
+    EXPECT_LE(std::count(values.begin(), values.end(), ' '), 1 + (Clock::now() - begin) / kLeast);
+}
+
+TEST_F(RemoteWatch, IsAnErrorWhenItsObjectDoesNotAnswerAndHasTimeToAsk) {
+    ReflectActor actor;
+    actor.ask("lamp far", "made");
+    std::vector<unsigned int> told;
+    auto const far =
+        permitted([&] { return Permitted<TreflectObject>(new TreflectObject(oid("far"))); });
+    // Asks the object for its class.
+    TreflectAttribute const& level =
+        permitted([&]() -> TreflectAttribute const& { return far->attribute("Level"); });
+    auto const watch = [&] {
+        return permitted([&] {
+            return Permitted<Level>(
+                new Level(level, [&](unsigned int now) { told.push_back(now); }));
+        });
+    };
+    auto const hurried = [&] {
+        TreflectDeadline const passed(milliseconds(0));
+        return watch();
+    }();
+    EXPECT_FALSE(hurried->isError());
+    actor.ask("change far 9", "changed");
+    permitted([&] { EXPECT_THAT(told, ElementsAre(1u, 9u)); });
+    actor.child().kill();
+    actor.child().waitForExit();
+    EXPECT_TRUE(watch()->isError());
+    EXPECT_EQ(log_.count(4, "attribute \"Level\" cannot be watched: its object does not answer"),
+              1u);
 }
 
 TEST_F(RemoteWatch, WhoseProcessIsKilledWhileItIsToldIsForgotten) {
@@ -399,20 +514,24 @@ TEST_F(RemoteWatch, WhoseProcessIsKilledWhileItIsToldIsForgotten) {
         EXPECT_EQ(one.follow("w", "lamp", "Level"), "0");
         one.ask("hangs w", "will");
         LampObject* const lamp = lamp_.get();
+        std::atomic<bool> isTold{false};
         std::thread changer([&] {
             permitted([&] {
                 lamp->level = 20 + objectGoes;
                 lamp->changed("Level");
             });
+            isTold = true;
         });
         one.await("hangs");
         if (objectGoes)
             lamp_.reset();
+        EXPECT_FALSE(isTold) << "nobody waits for that to destroy the object";
         one.child().kill();
         changer.join();
-        if (!objectGoes) {
-            EXPECT_EQ(registrations(), 0u);
-        }
+        if (objectGoes)
+            lamp_ = makePermitted<LampObject>("lamp");
+        EXPECT_EQ(registrations(), 0u);
+        change(30);
     }
 }
 
