@@ -12,6 +12,8 @@
 #include "Gauge.h"
 #include "ReflectActor.h"
 #include "Threads.h"
+#include "oswrap/ConditionVar.h"
+#include "oswrap/Lock.h"
 
 namespace {
 
@@ -337,8 +339,10 @@ TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
         slow.react = nullptr;
         TreflectReleaseHandlerState const released;
         told.open();
+        OSWrap::ConditionVar never;
+        OSWrap::Lock<OSWrap::ConditionVar> const lock(never);
         for (;;)
-            ::pause();
+            never.wait(OSWrap::TimeSpec::INFINITETIME);
     };
     TreflectReleaseHandlerState const released;
     // Who is cancelled while the first of two is told.
