@@ -50,7 +50,7 @@ void Acceptor::accept() {
             return;
         }
         if (keepsRoom()) {
-            pause(kUnseenPause);
+            pauseForRoom();
             return;
         }
         OpenSocket socket(
@@ -62,7 +62,7 @@ void Acceptor::accept() {
         bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
         if (exhausted && !raiseDescriptorLimit()) {
             tellNoDescriptor();
-            pause(makeRoom(0) ? kUnseenPause : kAcceptPause);
+            pauseForRoom();
             return;
         }
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
@@ -89,6 +89,10 @@ void Acceptor::pause(long long nanoseconds) {
     receiver_.unwatch(listening_.get());
     acceptAgainAt_ = OSWrap::Clock::nowNanoseconds() + nanoseconds;
     receiver_.wakeAt(acceptAgainAt_);
+}
+
+void Acceptor::pauseForRoom() {
+    pause(makeRoom(0) ? kUnseenPause : kAcceptPause);
 }
 
 /** Where descriptors have run out, those who have said nothing for longest give way to who has

@@ -52,6 +52,7 @@ private:
 
     void receive(OpenSocket socket);
     void pause(long long nanoseconds);
+    void pauseForRoom();
     bool makeRoom(std::uint32_t except);
     bool keepsRoom() const;
     void tellNoDescriptor() const;
