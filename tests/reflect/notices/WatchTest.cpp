@@ -65,9 +65,23 @@ private:
     unsigned int turns_ = 0;
 };
 
+/** Opens the gate, and does not go on before its thread is cancelled. */
+void hang(testsupport::Gate& begun) {
+    TreflectReleaseHandlerState const released;
+    begun.open();
+    OSWrap::ConditionVar never;
+    OSWrap::Lock<OSWrap::ConditionVar> const lock(never);
+    for (;;)
+        never.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
 /** A dial, and tests that hold the permission all the time. */
 class LocalWatch : public PermittedTest {
 protected:
+    /** For a thread without the permission. */
+    bool isTold(std::vector<unsigned int> const& values) {
+        return testsupport::eventually([&] { return permitted([&] { return told_ == values; }); });
+    }
     TreflectAttribute& value() { return client_.attribute("Value"); }
     Level::Reaction note() {
         return [this](unsigned int level) { told_.push_back(level); };
@@ -318,9 +332,6 @@ TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
     Watcher slow("slow");
     handle.operation("setValue").postObserve(&slow);
     Level const watch(handle.attribute("Value"), note());
-    auto const isTold = [&](std::vector<unsigned int> const& values) {
-        return testsupport::eventually([&] { return permitted([&] { return told_ == values; }); });
-    };
     // What another thread has changed while the object was asked, which failed.
     gauge.meanwhile = [&] {
         gauge.meanwhile = nullptr;
@@ -337,12 +348,7 @@ TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
     testsupport::Gate told;
     slow.react = [&] {
         slow.react = nullptr;
-        TreflectReleaseHandlerState const released;
-        told.open();
-        OSWrap::ConditionVar never;
-        OSWrap::Lock<OSWrap::ConditionVar> const lock(never);
-        for (;;)
-            never.wait(OSWrap::TimeSpec::INFINITETIME);
+        hang(told);
     };
     TreflectReleaseHandlerState const released;
     // Who is cancelled while the first of two is told.
@@ -356,6 +362,22 @@ TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
     changer.cancel();
     EXPECT_TRUE(changer.join());
     EXPECT_TRUE(isTold({1, 7, 8}));
+}
+
+TEST_F(LocalWatch, IsToldWhatAnotherThreadBroughtWhenWhoTellsIsCancelled) {
+    testsupport::Gate told;
+    Level const watch(value(), [&](unsigned int level) {
+        told_.push_back(level);
+        if (level == 8)
+            hang(told);
+    });
+    TreflectReleaseHandlerState const released;
+    testsupport::TestThread setter([&] { permitted([&] { client_.call<&Dial::set>(8u); }); });
+    ASSERT_TRUE(told.wait());
+    permitted([&] { EXPECT_TRUE(client_.call<&Dial::set>(9u)); });
+    setter.cancel();
+    EXPECT_TRUE(setter.join());
+    EXPECT_TRUE(isTold({1, 8, 9}));
 }
 
 // ---- At most so often --------------------------------------------------------------------------
