@@ -10,6 +10,7 @@
 #include "oswrap/OutOfMemory.h"
 #include "reflect/InterfaceRepository.h"
 #include "reflect/broker/AllLevelsReleased.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
 
@@ -120,7 +121,8 @@ void TreflectORB::IncomingMessage::serveSubscription(NoticeKind kind) {
         request_ >> plusExisting;
     TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
     TipprmiSequence<TreflectObject, 0u> existing;
-    if (isReadable(classId))
+    // Of one that has gone meanwhile nobody would take it away again.
+    if (isReadable(classId) && exists(message_.originator()))
         classes().addSubscriber(kind, classId, orb_.convertId(message_.originator()),
                                 plusExisting ? &existing : nullptr);
     if (kind == NoticeKind::Creation)

@@ -46,6 +46,7 @@ struct TreflectORB::Parts {
     struct LineLimits {
         Logging::LineLimit shortMessage;
         Logging::LineLimit tooMuch;
+        Logging::LineLimit tooManyClasses;
         Logging::LineLimit notSentBack;
         Logging::LineLimit unexpectedResponse;
         Logging::LineLimit returnedCall;

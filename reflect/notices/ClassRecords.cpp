@@ -20,7 +20,14 @@ constexpr std::size_t kMostObjectsOfNewcomers = 65'536;
 }  // namespace
 
 ClassRecords::MetaData& ClassRecords::getMetaData(unsigned int classId) {
-    return records_.try_emplace(classId, classId).first->second;
+    if (auto const found = records_.find(classId); found != records_.end())
+        return found->second;
+    UnknownClasses::Subscribers subscribers = unknown_.of(classId);
+    MetaData& record = records_.try_emplace(classId, classId).first->second;
+    record.creations.subscribers = std::move(subscribers.creations);
+    record.deletions.subscribers = std::move(subscribers.deletions);
+    unknown_.remove(classId);
+    return record;
 }
 
 ClassRecords::Totals ClassRecords::totals() const {
@@ -34,6 +41,11 @@ ClassRecords::Totals ClassRecords::totals() const {
         add(totals.objects, record.objects);
         add(totals.remoteCreationObservers, record.creations.subscribers);
         add(totals.remoteDeletionObservers, record.deletions.subscribers);
+    }
+    for (auto const& [classId, subscribers] : unknown_.all()) {
+        ++totals.records;
+        add(totals.remoteCreationObservers, subscribers.creations);
+        add(totals.remoteDeletionObservers, subscribers.deletions);
     }
     return totals;
 }
@@ -49,6 +61,13 @@ std::vector<ClassRecords::Observers> ClassRecords::observers() const {
                            side.observers.size(),
                            {side.subscribers.begin(), side.subscribers.end()}});
         }
+    }
+    for (auto const& [classId, subscribers] : unknown_.all()) {
+        auto const add = [&all, id = classId](NoticeKind kind, auto const& some) {
+            all.push_back({id, kind, 0, {some.begin(), some.end()}});
+        };
+        add(NoticeKind::Creation, subscribers.creations);
+        add(NoticeKind::Deletion, subscribers.deletions);
     }
     return all;
 }
@@ -142,6 +161,7 @@ void ClassRecords::forget(Transport::TerminationId const& gone) {
     TreflectOrbId const broker = orb_.convertId(gone);
     subscriptions_.forget(gone);
     caughtUpWith_.erase(broker);
+    unknown_.forget(broker);
     for (auto& entry : records_)
         entry.second.forget(broker);
 }

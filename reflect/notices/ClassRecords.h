@@ -11,6 +11,7 @@
 #include "reflect/notices/MetaData.h"
 #include "reflect/notices/NoticeKind.h"
 #include "reflect/notices/Subscriptions.h"
+#include "reflect/notices/UnknownClasses.h"
 
 /**
  * What a broker knows of classes: a record of each, with a side for creations and one for
@@ -18,7 +19,8 @@
  * publishes the objects of this process to the brokers that subscribed here. A part of the broker.
  *
  * All of it under the run permission, which is given up while observers are told and while other
- * brokers are waited for. Records are made at any time and never go.
+ * brokers are waited for. A record is made when objects of the class are first announced or
+ * observed here, at any time, and never goes.
  */
 class ClassRecords {
 public:
@@ -45,8 +47,6 @@ public:
     ClassRecords(ClassRecords const&) = delete;
     ClassRecords& operator=(ClassRecords const&) = delete;
 
-    /** The record of a class, made when first asked for. */
-    MetaData& getMetaData(unsigned int classId) OSW_REQUIRES_PERMISSION;
     Totals totals() const OSW_REQUIRES_PERMISSION;
     std::vector<Observers> observers() const OSW_REQUIRES_PERMISSION;
     Subscriptions& subscriptions() { return subscriptions_; }
@@ -85,7 +85,8 @@ public:
     void publishDeletion(unsigned int classId,
                          TreflectServerObject const& object) OSW_REQUIRES_PERMISSION;
     /** A broker subscribed to notices of one kind. `existing`, if given, becomes the objects that
-     * exist here. */
+     * exist here. One that has subscribed to very many classes that nobody here knows is told of no
+     * more of them. */
     void addSubscriber(NoticeKind kind, unsigned int classId, TreflectOrbId const& broker,
                        TipprmiSequence<TreflectObject, 0u>* existing) OSW_REQUIRES_PERMISSION;
     /** It cancelled, which ends both kinds. */
@@ -113,6 +114,8 @@ public:
     void close() OSW_REQUIRES_PERMISSION;
 
 private:
+    /** The record of a class, made when first asked for. */
+    MetaData& getMetaData(unsigned int classId) OSW_REQUIRES_PERMISSION;
     void tellAll(NoticeKind kind, MetaData& record, TreflectObject const& object,
                  std::set<TreflectObserver const*> told) OSW_REQUIRES_PERMISSION;
     bool isNewcomer(TreflectOrbId const& broker) const OSW_REQUIRES_PERMISSION;
@@ -126,6 +129,8 @@ private:
                     Registration const& telling) OSW_REQUIRES_PERMISSION;
     void publish(NoticeKind kind, MetaData& record, TreflectObject const& object,
                  Publication& publication) OSW_REQUIRES_PERMISSION;
+    void addToUnknown(NoticeKind kind, unsigned int classId,
+                      TreflectOrbId const& broker) OSW_REQUIRES_PERMISSION;
     static void listExisting(MetaData const& record, TreflectOrbId const& broker,
                              TipprmiSequence<TreflectObject, 0u>& existing) OSW_REQUIRES_PERMISSION;
     /** The records of all brokers of this process. */
@@ -135,6 +140,7 @@ private:
     TreflectORB& orb_;
     Subscriptions subscriptions_;
     std::map<unsigned int, MetaData> records_ OSW_GUARDED_BY_PERMISSION;  // by class id
+    UnknownClasses unknown_ OSW_GUARDED_BY_PERMISSION;
     /** The brokers whose arrival is over: what is observed here is observed there, and what they
      * had has been told. */
     std::set<TreflectOrbId> caughtUpWith_ OSW_GUARDED_BY_PERMISSION;

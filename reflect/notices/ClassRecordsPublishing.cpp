@@ -1,6 +1,7 @@
 // The publisher's side: objects of this process, and the brokers that subscribed here.
 #include "reflect/TreflectServerObject.h"
 #include "reflect/broker/BrokerRequest.h"
+#include "reflect/broker/TreflectOrbParts.h"
 #include "reflect/notices/ClassRecords.h"
 
 namespace {
@@ -65,12 +66,30 @@ void ClassRecords::publishDeletion(unsigned int classId, TreflectServerObject co
 // Who does not ask what exists gets the notices that have not been sent to anybody yet.
 void ClassRecords::addSubscriber(NoticeKind kind, unsigned int classId, TreflectOrbId const& broker,
                                  TipprmiSequence<TreflectObject, 0u>* existing) {
-    MetaData& record = getMetaData(classId);
+    auto const found = records_.find(classId);
+    if (found == records_.end()) {
+        if (existing)
+            existing->setLength(0);
+        addToUnknown(kind, classId, broker);
+        return;
+    }
+    MetaData& record = found->second;
     bool const isNew = record.side(kind).subscribers.insert(broker).second;
     if (existing)
         listExisting(record, broker, *existing);
     else if (isNew && kind == NoticeKind::Creation)
         record.subscribed(broker);
+}
+
+void ClassRecords::addToUnknown(NoticeKind kind, unsigned int classId,
+                                TreflectOrbId const& broker) {
+    if (unknown_.add(kind, classId, broker))
+        return;
+    REFLECTORB_LOG_LIMITED(
+        orb_.parts_->limits.tooManyClasses, 3, "REFLECT_orb",
+        "ORB 0x%08X does not tell ORB 0x%08X of class 0x%X: it has subscribed to "
+        "%zu classes that are unknown here",
+        orb_.orbId().value(), broker.value(), classId, UnknownClasses::kMostOfBroker);
 }
 
 void ClassRecords::listExisting(MetaData const& record, TreflectOrbId const& broker,
@@ -90,4 +109,6 @@ void ClassRecords::removeSubscriber(unsigned int classId, TreflectOrbId const& b
     auto const found = records_.find(classId);
     if (found != records_.end())
         found->second.cancelled(broker);
+    else
+        unknown_.remove(classId, broker);
 }

@@ -131,6 +131,40 @@ TEST_F(NotificationWireTest, cancellationOfOneKindEndsBoth) {
     }
 }
 
+// A broker may name any number of classes: what nobody here knows is bounded, and counts as soon as
+// there is an object of it.
+TEST_F(NotificationWireTest, subscriptionsToUnknownClassesAreBoundedAndCountLater) {
+    auto const unknown = [](unsigned int number) {
+        char digits[9];
+        std::snprintf(digits, sizeof digits, "%08X", 0x70000 + number);
+        return std::string(digits);
+    };
+    for (unsigned int number = 0; number < 4096; ++number)
+        exchange("00000005", unknown(number) + "00000000");
+    exchange("00000005", unknown(5) + "00000000");  // once more
+    exchange("00000005", unknown(4096) + "00000001");
+    EXPECT_TRUE(actor_->child().waitForErrorLine(
+        "class 0x71000: it has subscribed to 4096 classes that are unknown here"));
+    exchange("00000006", unknown(1));
+    exchange("00000007", unknown(2));
+
+    actor_->create("pier", "71000");
+    actor_->create("raft", "70002");
+    actor_->tell("create buoy 70000");
+    EXPECT_EQ(receive().substr(0, 26), "00000003 00000002 00070000");
+    answer();
+    actor_->await("created");
+    actor_->tell("create mast 70001");
+    EXPECT_EQ(receive().substr(0, 26), "00000003 00000002 00070001");
+    answer();
+    actor_->await("created");
+    actor_->tell("destroy mast");
+    EXPECT_EQ(receive().substr(0, 26), "00000004 00000002 00070001");
+    answer();
+    actor_->await("destroyed");
+    EXPECT_EQ(peer_->count(), received_);
+}
+
 TEST_F(NotificationWireTest, subscriberThatDoesNotTakeANoticeIsDropped) {
     exchange("00000005", kLampClass + "00000000");
     actor_->tell("create mast 7001");
