@@ -30,7 +30,13 @@ Backlog::Amount Backlog::allowed() const {
                      rest(static_cast<std::uint64_t>(most_.messages), total_.messages))};
 }
 
-/** A first message may be larger than what one sender may have, as long as it leaves as much. */
+/** What a message counts of what its sender may have: no more than half of it, so that the small
+ * ones behind a large one find room. */
+std::uint64_t Backlog::charge(std::uint64_t bytes) const {
+    return std::min(bytes, static_cast<std::uint64_t>(most_.senderKibibytes) * kKibibyte / 2);
+}
+
+/** A message may be larger than what one sender may have, as long as it leaves as much. */
 bool Backlog::fits(Amount const& share, std::uint64_t bytes) const {
     if (total_.messages == 0)
         return true;
@@ -38,7 +44,7 @@ bool Backlog::fits(Amount const& share, std::uint64_t bytes) const {
     std::uint64_t const all = static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte;
     bool const leavesAsMuch = total_.bytes + 2 * bytes <= all;
     bool const bytesFit =
-        share.messages == 0 ? leavesAsMuch : share.bytes + bytes <= most.bytes && leavesAsMuch;
+        leavesAsMuch && (share.messages == 0 || share.bytes + charge(bytes) <= most.bytes);
     return bytesFit && share.messages + 1 <= most.messages;
 }
 
@@ -47,18 +53,19 @@ Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size
     Share* const share = shareOf(sender);
     if (!share || !fits(share->waiting_, bytes))
         return nullptr;
-    for (Amount* const amount : {&share->waiting_, &total_}) {
-        amount->bytes += bytes;
-        ++amount->messages;
-    }
+    share->waiting_.bytes += charge(bytes);
+    ++share->waiting_.messages;
+    total_.bytes += bytes;
+    ++total_.messages;
     return share;
 }
 
 bool Backlog::release(Share& share, std::size_t size) {
-    for (Amount* const amount : {&share.waiting_, &total_}) {
-        amount->bytes -= size + kHeadSize;
-        --amount->messages;
-    }
+    std::uint64_t const bytes = size + kHeadSize;
+    share.waiting_.bytes -= charge(bytes);
+    --share.waiting_.messages;
+    total_.bytes -= bytes;
+    --total_.messages;
     ++served_;
     if (share.waiting_.messages == 0)
         share.enough_ = kLeastEnough;

@@ -59,6 +59,7 @@ public:
     bool holdsBack() const { return heldBack_ != 0; }
 
 private:
+    std::uint64_t charge(std::uint64_t bytes) const;
     bool fits(Amount const& share, std::uint64_t bytes) const;
     Amount allowed() const;
     Share* shareOf(Transport::TerminationId sender);
