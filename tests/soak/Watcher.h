@@ -60,7 +60,8 @@ public:
         if (habit_ == Habit::asksBack) {
             Client handle;
             handle.share_(source);
-            actor_.record(name, "asked-by-observer", name, [&] { return handle.getName(); });
+            actor_.record(name, "asked-by-observer", name,
+                          [&] { return handle.call<&Object::getName>(); });
         }
         --busy_;
         return true;
