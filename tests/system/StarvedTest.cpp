@@ -152,7 +152,7 @@ TEST(StarvedStartTest, allFindEachOtherOnceThereIsMemory) {
         EXPECT_EQ(all("serve now"), kAtOnce);
         next();
         // Those that have come meanwhile are noticed in moments.
-        EXPECT_TRUE(testsupport::eventually([&] { return all("flip now") == kAtOnce; }));
+        EXPECT_SOON(all("flip now") == kAtOnce);
         for (auto const& actor : actors)
             actor->finish();
     }

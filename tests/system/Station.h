@@ -13,31 +13,13 @@ namespace station {
 
 constexpr unsigned int kClass = 0x57A710;
 enum Method : unsigned int {
-    kRotate = 1,    // (unsigned, string) -> string
-    kAdd = 2,       // (unsigned) one-way
-    kTotal = 3,     // () -> unsigned
-    kRefuse = 4,    // (unsigned code)
-    kFlip = 6,      // (string) -> string
-    kExtend = 7,    // (identifiers, identifier) -> identifiers, each followed by the last's text
-    kSame = 8,      // (termination id) -> termination id
-    kSum = 9,       // (sequence) -> int
-    kVisit = 10,    // (handle, string) -> string
-    kPeek = 11,     // (curious) -> curious
-    kIdentify = 12  // () -> identifier
+    kRotate = 1,  // (unsigned, string) -> string
+    kAdd = 2,     // (unsigned) one-way
+    kTotal = 3,   // () -> unsigned
+    kRefuse = 4,  // (unsigned code)
+    kFlip = 6,    // (string) -> string
+    kCount = 9    // (sequence) -> unsigned
 };
-
-/** Looks at the stream that it is written to, further than anything stands there. */
-struct Curious {
-    unsigned int value = 0;
-};
-inline TipprmiStream& operator<<(TipprmiStream& stream, Curious const& curious) {
-    stream << curious.value;
-    stream.unmarshall(nullptr, stream.getDataSize() + 1);
-    return stream;
-}
-inline TipprmiStream& operator>>(TipprmiStream& stream, Curious& curious) {
-    return stream >> curious.value;
-}
 
 /** `text` turned left by `count` places: differs from both arguments, and allocates nothing for a
  * short text. */
@@ -86,18 +68,13 @@ public:
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         auto const by = [&](auto method) { return serve(cc, mc, in, out, method); };
-        return mc == kRotate     ? by(&Server::rotate)
-               : mc == kAdd      ? by(&Server::add)
-               : mc == kTotal    ? by(&Server::total)
-               : mc == kRefuse   ? by(&Server::refuse)
-               : mc == kFlip     ? by(&Server::flip)
-               : mc == kExtend   ? by(&Server::extend)
-               : mc == kSame     ? by(&Server::same)
-               : mc == kSum      ? by(&Server::sum)
-               : mc == kVisit    ? by(&Server::visit)
-               : mc == kIdentify ? by(&Server::identify)
-               : mc == kPeek     ? by(&Server::peek)
-                                 : TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
+        return mc == kRotate   ? by(&Server::rotate)
+               : mc == kAdd    ? by(&Server::add)
+               : mc == kTotal  ? by(&Server::total)
+               : mc == kRefuse ? by(&Server::refuse)
+               : mc == kFlip   ? by(&Server::flip)
+               : mc == kCount  ? by(&Server::count)
+                               : TipprmiObjectSkeleton::dispatch(withResponse, cc, mc, in, out);
     }
 
     unsigned int total() const { return total_; }
@@ -107,23 +84,7 @@ private:
     void add(unsigned int number) { total_ += number; }
     TipprmiResult<void> refuse(unsigned int code) { return TipprmiFailure(code); }
     std::string flip(std::string const& text) { return flipped(text); }
-    TipprmiSequence<TipprmiOID> extend(TipprmiSequence<TipprmiOID> identifiers, TipprmiOID more) {
-        for (TipprmiOID& identifier : identifiers)
-            identifier = identifier + more.getIdString();
-        return identifiers;
-    }
-    TipprmiOID identify() const { return TipprmiOID("station", NSID_NODE); }
-    Curious peek(Curious const& curious) { return {curious.value + 1}; }
-    Transport::TerminationId same(Transport::TerminationId id) { return id; }
-    int sum(TipprmiSequence<unsigned int> const& numbers) {
-        unsigned int sum = 0;
-        for (unsigned int i = 0; i < numbers.getLength(); ++i)
-            sum += numbers[i];
-        return -static_cast<int>(sum);
-    }
-    TipprmiResult<std::string> visit(TipprmiObjectClient const& object, std::string const& text) {
-        return tipprmiCall<std::string>(object, kClass, kRotate, 1u, text);
-    }
+    unsigned int count(TipprmiSequence<unsigned int> const& numbers) { return numbers.getLength(); }
 
     unsigned int total_ = 0;  // guarded by the run permission
 };

@@ -13,100 +13,6 @@ using station::Client;
 using station::Server;
 using testsupport::answer;
 
-// ---- Every type there and back ------------------------------------------------------------------
-
-class Check {
-public:
-    explicit Check(std::string const& name) : far_(name) {}
-
-    std::string faults() {
-        numbersAndTexts();
-        bodies();
-        identifiers();
-        failures();
-        handles();
-        return faults_;
-    }
-
-private:
-    template <class Result, class... Arguments>
-    TipprmiResult<Result> call(unsigned int method, Arguments const&... arguments) const {
-        return tipprmiCall<Result>(far_, station::kClass, method, arguments...);
-    }
-    void expect(bool holds, std::string const& what) {
-        if (!holds)
-            faults_ += " " + what;
-    }
-    void numbersAndTexts() {
-        for (unsigned int n : {0u, 1u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu})
-            expect(far_.answers(n), "rotate:" + std::to_string(n));
-        TipprmiSequence<unsigned int> numbers;
-        expect(call<int>(station::kSum, numbers).valueOr(1) == 0, "empty-sequence");
-        for (unsigned int n = 0; n < 1000; ++n)
-            numbers.push_back(n);
-        expect(call<int>(station::kSum, numbers).value() == -499500, "sequence");
-    }
-    void bodies() {
-        for (std::size_t size :
-             {0u, 1u, 87u, 88u, 89u, 4096u, 16384u, 65537u, 1u << 20, 12u << 20}) {
-            std::string const text = station::body(size);
-            auto const back = call<std::string>(station::kFlip, text);
-            expect(back && back.value() == station::flipped(text), "body:" + std::to_string(size));
-        }
-        expect(!call<std::string>(station::kFlip, std::string(16u << 20, 'x')),
-               "body-beyond-the-limit");
-        expect(far_.answers(), "after-large-bodies");
-    }
-    void identifiers() {
-        using Identifiers = TipprmiSequence<TipprmiOID>;
-        Identifiers names;
-        names.push_back(TipprmiOID("name", NSID_NODE));
-        names.setLength(2);
-        auto const more = call<Identifiers>(station::kExtend, names, TipprmiOID(".x", NSID_UNIT));
-        expect(more && more.value().getLength() == 2, "identifiers");
-        expect(more.value()[0] == TipprmiOID("name.x", NSID_UNIT), "identifier");
-        expect(more.value()[1].getIdString() == nullptr, "no-identifier");
-        auto const first = call<TipprmiOID>(station::kIdentify);
-        expect(first && first.value() == TipprmiOID("station", NSID_UNIT), "identifier-as-result");
-        expect(call<TipprmiOID>(99).value() == TipprmiOID("", NSID_UNIT),
-               "identifier-of-a-failure");
-        for (unsigned int id : {0u, 0x01020304u, 0xFFFFFFFFu})
-            expect(call<Transport::TerminationId>(station::kSame, Transport::TerminationId(id))
-                           .valueOr(77u) == Transport::TerminationId(id),
-                   "termination:" + std::to_string(id));
-    }
-    void failures() {
-        for (unsigned int code : {0u, 42u, 0x80000000u, 0xFFFFFFFFu}) {
-            auto const refused = call<void>(station::kRefuse, code);
-            expect(!refused && refused.code() == code, "refuse:" + std::to_string(code));
-        }
-        expect(!call<void>(99), "unknown-method");
-        expect(call<station::Curious>(station::kPeek, station::Curious{6}).value().value == 7,
-               "read-too-far-while-written");
-        TipprmiExceptionContainer container;
-        container.setExceptionType(7);  // one of type 1 would hide the answer to its own query
-        container.setExceptionData(TipprmiGeneralException(5));
-        far_.getStub_()->setExceptionContainer(container);
-        TipprmiGeneralException code;
-        TipprmiExceptionContainer back = far_.getStub_()->getExceptionContainer();
-        back.getExceptionData(code);
-        expect(back.getExceptionType() == 7 && code.code() == 5, "container");
-        expect(!call<unsigned int>(station::kTotal), "container-at-the-head-of-a-response");
-        far_.getStub_()->setExceptionContainer(TipprmiExceptionContainer());
-        expect(bool(call<unsigned int>(station::kTotal)), "container-taken-back");
-    }
-    /** A handle on an object of this process, without an identifier, leads back here. */
-    void handles() {
-        Server near("");
-        expect(call<std::string>(station::kVisit, *near.getClient(), "abc").value() == "bca",
-               "handle");
-        expect(!call<std::string>(station::kVisit, Client(), "abc"), "handle-on-nothing");
-    }
-
-    Client const far_;
-    std::string faults_;
-};
-
 // ---- Objects that observers are told of ---------------------------------------------------------
 
 constexpr unsigned int kThing = 0x57A4;
@@ -274,8 +180,6 @@ testsupport::Commands const commands{
          auto const back = Client(name).rotate(count, text);
          answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
      }},
-    // Calls with every type there and back; "checked" and the faults.
-    {"check", [](Name name) { answer("checked", Check(name).faults()); }},
     {"allocations", [] { answer("allocations ", allocationCount()); }},
     // Of a broker; "counters ACTOR DESTINATION:SENT:FAILED...".
     {"counters", counters},
