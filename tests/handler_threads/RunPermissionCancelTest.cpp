@@ -127,8 +127,7 @@ TEST_F(RunPermissionCancel, CancelledConditionWaitTakesThePermissionBackAndUnloc
         for (;;)
             condition.wait(OSWrap::TimeSpec::INFINITETIME);
     });
-    ASSERT_TRUE(testsupport::eventually(
-        [] { return Run::handlerThreads().size() == 1 && Run::getRunPermissionOwner() == 0; }));
+    ASSERT_SOON(Run::handlerThreads().size() == 1 && Run::getRunPermissionOwner() == 0);
     thread.cancel();
     EXPECT_TRUE(thread.join());
     EXPECT_TRUE(hadItOnTheWay);
@@ -153,7 +152,7 @@ TEST_F(RunPermissionCancel, ManyCancellationsAmongManyThreadsLoseNothing) {
             }
         });
         long const before = sum;
-        ASSERT_TRUE(testsupport::eventually([&] { return sum > before + 100; }));
+        ASSERT_SOON(sum > before + 100);
         threads.cancel();
         threads.join();
         ASSERT_TRUE(nothingLeft());

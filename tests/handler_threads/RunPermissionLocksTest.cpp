@@ -157,7 +157,7 @@ TYPED_TEST(RunPermissionLocks, SecondLevelKeepsThePermissionWhileBlocked) {
         OSWrap::Lock<TypeParam> const lock(this->lockable_);
         locked.open();
         EXPECT_TRUE(twice.wait());
-        EXPECT_TRUE(testsupport::eventually([] { return Run::getRunPermissionCount() == 1; }));
+        EXPECT_SOON(Run::getRunPermissionCount() == 1);
         EXPECT_NE(Run::getRunPermissionOwner(), 0u);
     });
     ASSERT_TRUE(locked.wait());

@@ -25,7 +25,7 @@ void cancelInTheWait(TimeSpec const& limit, bool wakeBefore) {
         for (;;)
             condition.wait(limit);
     });
-    ASSERT_TRUE(testsupport::eventually([&] { return waiting.load(); }));
+    ASSERT_SOON(waiting.load());
     // The mutex is free only while the thread is inside its wait.
     { Lock<ConditionVar> const lock(condition); }
     if (wakeBefore)

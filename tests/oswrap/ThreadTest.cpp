@@ -122,7 +122,7 @@ TEST(Thread, deletesItselfAfterReturnAndAfterCancellation) {
             ASSERT_TRUE(running.wait());
             if (cancelled)
                 pthread_cancel(handle);
-            EXPECT_TRUE(eventually([&] { return gone.load(); }));
+            EXPECT_SOON(gone.load());
             EXPECT_TRUE(unwound);
         }
 }

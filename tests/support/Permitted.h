@@ -1,6 +1,7 @@
 // Work and objects under the run permission.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -33,6 +34,29 @@ template <class T, class... Arguments>
 Permitted<T> makePermitted(Arguments&&... arguments) {
     return permitted([&] { return Permitted<T>(new T(std::forward<Arguments>(arguments)...)); });
 }
+
+/** Does something while the thread gives up what it has of the run permission. */
+template <class Work>
+void released(Work const& work) {
+    TreflectReleaseHandlerState const others;  // have their turn
+    work();
+}
+
+/** An object that does what its test wants when it is called. */
+class Acting : public TipprmiObjectSkeleton {
+public:
+    using Act = std::function<bool(unsigned int method, TipprmiStream& in, TipprmiStream& out)>;
+
+    Acting(std::string const& name, Act act)
+        : TipprmiObjectSkeleton(TipprmiOID(name, NSID_UNIT)), act_(std::move(act)) {}
+    bool dispatch(bool, unsigned int, unsigned int method, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        return act_(method, in, out);
+    }
+
+private:
+    Act const act_;
+};
 
 /** Whether nobody holds it any more. */
 inline bool permissionGetsFree() {

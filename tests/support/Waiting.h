@@ -22,6 +22,10 @@ bool eventually(Condition&& condition, std::chrono::milliseconds limit = kPatien
     return true;
 }
 
+/** The same for a condition that is written out, in a test. */
+#define EXPECT_SOON(...) EXPECT_TRUE(testsupport::eventually([&] { return __VA_ARGS__; }))
+#define ASSERT_SOON(...) ASSERT_TRUE(testsupport::eventually([&] { return __VA_ARGS__; }))
+
 /**
  * A gate that one thread opens and others wait at. Not for a thread that is to be cancelled while
  * it waits: the standard library's wait does not let a cancellation pass.

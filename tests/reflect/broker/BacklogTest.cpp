@@ -28,8 +28,7 @@ protected:
     /** Has the receiver's run permission held, so that all else waits. */
     void block() {
         peer_.sendCall(receiver(), 1, probe_.ioid, false, kProbeClass, kHoldPermission);
-        ASSERT_TRUE(testsupport::eventually(
-            [this] { return receiver_.ask("entered probe", "entered") == "1"; }));
+        ASSERT_SOON(receiver_.ask("entered probe", "entered") == "1");
     }
     void flood(unsigned int count, unsigned int size) {
         for (unsigned int i = 0; i < count; ++i) {
@@ -38,6 +37,13 @@ protected:
             request << probe_.ioid << false << kProbeClass << unsigned{kEcho};
             EXPECT_EQ(peer_.send(receiver(), request.msg()), 1);
         }
+    }
+    bool sendOneWay(Transport::TerminationId to, int size) {
+        TipprmiStream request(size);
+        TipprmiStream response(100);
+        request << probe_.ioid << false << kProbeClass << unsigned{kEcho};
+        request.msg().type(TreflectMessage::tPayload);
+        return orb().forwardMsg_(to, false, request.msg(), response);
     }
     long residentKibibytes() {
         std::ifstream status("/proc/" + std::to_string(receiver_.child().pid()) + "/status");
@@ -93,82 +99,46 @@ TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) 
     std::size_t const returned = peer_.count() - 1;
     EXPECT_LE(returned, 2u * kMost + 3);
     peer_.sendCall(receiver(), 9, probe_.ioid, true, kProbeClass, kEcho);
-    EXPECT_TRUE(testsupport::eventually([&] {
-        return peer_.await(peer_.count() - 1).transactionId() == 9;
-    })) << "served again";
+    EXPECT_SOON(peer_.await(peer_.count() - 1).transactionId() == 9) << "served again";
     receiver_.finish();
 }
 
-/** Is asked by a process that it stops meanwhile, so that nothing it sends there gets through. */
-class Jammer : public TipprmiObjectSkeleton {
-public:
-    Jammer(pid_t asker, Transport::TerminationId to, unsigned int ioid)
-        : TipprmiObjectSkeleton(TipprmiOID("jammer", NSID_UNIT)),
-          asker_(asker),
-          to_(to),
-          ioid_(ioid) {}
-
-    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream& in,
-                  TipprmiStream& out) override {
+// What it is asked must be answered, though nothing else can be sent any more.
+TEST_F(BacklogTest, answerFindsRoomWhereAllElseIsRefused) {
+    // Is asked by a process that it stops meanwhile, so that nothing it sends there gets through.
+    std::atomic<int> jammed{0};
+    auto const jam = [&, to = receiver()](int, TipprmiStream& in, TipprmiStream& out) {
         unsigned int answerSize = 0;
         in >> answerSize;
-        kill(asker_, SIGSTOP);
-        for (int i = 0; i < kSizes; ++i)
-            while (sendOneWay(kLargest >> i)) {
+        kill(receiver_.child().pid(), SIGSTOP);
+        for (int size = 1 << 20; size >= 64; size /= 2)
+            while (sendOneWay(to, size)) {
             }
-        ++jams_;  // with the permission, until the answer has been sent
-        prepareResponseStream_(out);
-        out << answerSize;
+        ++jammed;  // with the permission, until the answer has been sent
+        out << TipprmiExceptionContainer() << answerSize;
         std::vector<char> const bytes(answerSize);
         out.marshall(bytes.data(), static_cast<int>(bytes.size()));
         return true;
-    }
-    /** How often it has jammed the way. */
-    int jams() const { return jams_; }
-
-private:
-    static constexpr int kSizes = 15;
-    static constexpr int kLargest = 1 << 20;
-
-    bool sendOneWay(int size) const {
-        TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
-        TipprmiStream request(size);
-        TipprmiStream response(100);
-        request << ioid_ << false << kProbeClass << unsigned{kEcho};
-        request.msg().type(TreflectMessage::tPayload);
-        return orb.forwardMsg_(to_, false, request.msg(), response);
-    }
-
-    pid_t const asker_;
-    Transport::TerminationId const to_;
-    unsigned int const ioid_;
-    std::atomic<int> jams_{0};
-};
-
-// What it is asked must be answered, though nothing else can be sent any more.
-TEST_F(BacklogTest, answerFindsRoomWhereAllElseIsRefused) {
-    auto jammer = permitted([this] {
-        return std::make_unique<Jammer>(receiver_.child().pid(), receiver(), probe_.ioid);
-    });
+    };
+    auto const jammer = makePermitted<Acting>("jammer", jam);
     int jams = 1;
     constexpr unsigned int kTooLarge = 10u << 20;
     for (auto const& [size, outcome] : {std::pair{7u, "1 7"}, std::pair{kTooLarge, "0 0"}}) {
         receiver_.tell("call jammer " + std::to_string(size));
-        EXPECT_TRUE(testsupport::eventually([&] { return jammer->jams() == jams; }));
+        EXPECT_SOON(jammed == jams);
         ++jams;
         permitted([] {});  // has answered
         EXPECT_EQ(log_.contains("Sending response message failed rc=0"), size == kTooLarge);
         kill(receiver_.child().pid(), SIGCONT);
         EXPECT_EQ(receiver_.await("called"), outcome);
     }
-    permitted([&] { jammer.reset(); });
     receiver_.finish();
 }
 
 // Each holds the other back, and awaits its answers.
 TEST_F(BacklogTest, callsBothWaysAreAnsweredWhileBothFlood) {
     constexpr int kCalls = 100;
-    auto own = permitted([] { return std::make_unique<Probe>("own"); });
+    auto const own = makePermitted<Probe>("own");
     std::atomic<bool> calm{false};
     std::thread flooding([&] {
         TreflectHandlerState const handlerState(true);
@@ -187,7 +157,6 @@ TEST_F(BacklogTest, callsBothWaysAreAnsweredWhileBothFlood) {
     EXPECT_EQ(receiver_.ask("call own 7", "called"), "1 7");
     EXPECT_EQ(permitted([] { return ProbeClient(oid("probe")).call(kEcho, 8).number; }), 8u);
     receiver_.finish();
-    permitted([&] { own.reset(); });
 }
 
 }  // namespace

@@ -85,20 +85,11 @@ TEST_F(BrokerMessageTest, oneWayCallThatComesBackCountsAsFailedAndEndsNoRequest)
     EXPECT_EQ(failed, 2u);
 }
 
-/** An object for whose answers there is no memory. */
-class Starved : public TipprmiObjectSkeleton {
-public:
-    Starved() : TipprmiObjectSkeleton(TipprmiOID("starved", NSID_UNIT)) {}
-
-    bool dispatch(bool, unsigned int, unsigned int mc, TipprmiStream&,
-                  TipprmiStream& out) override {
-        out = TipprmiStream(TreflectMessage(Transport::AddressedMessage()), true);
-        return mc == 1;
-    }
-};
-
 TEST_F(BrokerMessageTest, callIsAnsweredWithAFailureWhenThereIsNoMemoryForAnAnswer) {
-    auto const starved = makePermitted<Starved>();
+    auto const starved = makePermitted<Acting>("starved", [](int method, auto&, auto& answer) {
+        answer = TipprmiStream(TreflectMessage(Transport::AddressedMessage()), true);
+        return method == 1;
+    });
     RawPeer peer(group());
     // Later there is some, but the header was lost.
     for (int const mc : {1, 2}) {
@@ -205,8 +196,7 @@ TEST_F(BrokerMessageTest, whoseCallFailsBecauseItsTargetHasGoneFindsTheHandleInv
     // The other begins when the transport knows already.
     EXPECT_TRUE(Transport::TransportLayer::instance().exists(gone));
     killed.child().kill();
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return !Transport::TransportLayer::instance().exists(gone); }));
+    EXPECT_SOON(!Transport::TransportLayer::instance().exists(gone));
     permitted([&] {
         EXPECT_TRUE(late->isConnected()) << "its end has not been told";
         EXPECT_FALSE(late->call(kEcho).succeeded);

@@ -52,9 +52,7 @@ protected:
         std::sort(members.begin(), members.end(),
                   [](Member const& a, Member const& b) { return a.orbId < b.orbId; });
         for (Member const& member : members)
-            EXPECT_TRUE(testsupport::eventually([&] {
-                return Transport::TransportLayer::instance().exists(member.termination());
-            }));
+            EXPECT_SOON(Transport::TransportLayer::instance().exists(member.termination()));
         return members;
     }
     /** Counters as text: "DESTINATION:SENT:FAILED ...". */
@@ -182,7 +180,7 @@ TEST_F(DiagnosticsTest, brokerThatAnswersNonsenseIsThereWithoutAnAnswer) {
 
 TEST_F(DiagnosticsTest, displayTellsTheStateOfTheBroker) {
     orb();
-    EXPECT_TRUE(testsupport::eventually([] { return TreflectORB::handlerThreads().size() == 0; }));
+    EXPECT_SOON(TreflectORB::handlerThreads().size() == 0);
     Lines expected{"REFLECT_orb:ORB display: actor " + Transport::IdInfo::instance().getActor() +
                        ", OrbId 0x" + hex(orb().orbId().value()) + ", TermId 0x" +
                        wire::number(broker().value()),
@@ -238,8 +236,7 @@ TEST_F(DiagnosticsTest, resetCollectsLogsAndAbortsWhateverComesOfIt) {
         RawPeer peer(group());
         TreflectMessage failure =
             peer.make(1, TreflectMessage::tPayload, TreflectMessage::kResponseFailure);
-        EXPECT_TRUE(
-            testsupport::eventually([&] { return peer.send(member.termination(), failure) == 1; }));
+        EXPECT_SOON(peer.send(member.termination(), failure) == 1);
         testsupport::ChildProgram& child = member.actor->child();
         EXPECT_EQ(child.exitCode(), -SIGABRT);
         EXPECT_EQ(member.actor->await("script"), "/opt/vdk/bin/QMB_FCT_logs.sh");
@@ -260,7 +257,7 @@ TEST_F(DiagnosticsTest, whoGoesOnAndIsToldOfSilenceAgainAndAgainDoesNotFillItsLo
         peer.make(1, TreflectMessage::tPayload, TreflectMessage::kResponseFailure);
     constexpr int kTold = 200;
     for (int i = 0; i < kTold; ++i)
-        EXPECT_TRUE(testsupport::eventually([&] { return peer.send(broker(), failure) == 1; }));
+        EXPECT_SOON(peer.send(broker(), failure) == 1);
     // What it sends is received in turn.
     TreflectMessage query = peer.make(2, TreflectMessage::tPerfCounters, TreflectMessage::kRequest);
     peer.send(broker(), query);

@@ -22,8 +22,7 @@ class Deletion {
 public:
     explicit Deletion(Transport::TerminationId broker, std::function<void()> atItsEnd = {})
         : atItsEnd_(std::move(atItsEnd)) {
-        EXPECT_TRUE(testsupport::eventually(
-            [broker] { return !Transport::TransportLayer::instance().exists(broker); }));
+        EXPECT_SOON(!Transport::TransportLayer::instance().exists(broker));
     }
     ~Deletion() { thread_.join(); }
 
@@ -43,9 +42,8 @@ private:
 class LifecycleTest : public BrokerTest {
 protected:
     /** An object that is being called. */
-    template <class Held = Probe>
-    Permitted<Held> heldProbe(RawPeer& caller) {
-        auto probe = makePermitted<Held>("slow");
+    Permitted<Probe> heldProbe(RawPeer& caller) {
+        auto probe = makePermitted<Probe>("slow");
         caller.sendCall(broker(), 1, probe->getInternalOID(), true, kProbeClass, kHold);
         EXPECT_TRUE(probe->entered().wait());
         return probe;
@@ -206,55 +204,28 @@ TEST_F(LifecycleTest, deletedBrokersKeepNoDescriptors) {
         TreflectORB::prepareForDeletion();
     }
     // The threads that have been stopped close theirs soon.
-    EXPECT_TRUE(testsupport::eventually([&] { return openDescriptors() <= before; }));
+    EXPECT_SOON(openDescriptors() <= before);
 }
-
-/** Notes that it has served a call. */
-class Serving : public Probe {
-public:
-    using Probe::Probe;
-    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
-                  TipprmiStream& out) override {
-        bool const done = Probe::dispatch(withResponse, cc, mc, in, out);
-        served = true;
-        return done;
-    }
-    std::atomic<bool> served{false};
-};
 
 TEST_F(LifecycleTest, deletionWaitsForTheRequestThatIsBeingServed) {
     RawPeer peer(group());
-    auto const probe = heldProbe<Serving>(peer);
-    Deletion deletion(broker(), [&] { EXPECT_TRUE(probe->served); });
+    auto const probe = heldProbe(peer);
+    Deletion deletion(broker(), [&] { EXPECT_EQ(probe->held(), 0u) << "it is still served"; });
     // The deletion waits, and not for the receiving thread: that of the peer is left.
-    EXPECT_TRUE(testsupport::eventually([&] {
-        return deletion.over.isOpen() || (testsupport::statesOfThreads("Receiver").size() == 1 &&
-                                          !testsupport::statesOfThreads("OrbObsWorker").empty() &&
-                                          testsupport::statesOfThreads("deletes") == "S");
-    }));
+    EXPECT_SOON(deletion.over.isOpen() || (testsupport::statesOfThreads("Receiver").size() == 1 &&
+                                           !testsupport::statesOfThreads("OrbObsWorker").empty() &&
+                                           testsupport::statesOfThreads("deletes") == "S"));
     EXPECT_EQ(TreflectORB::getInstance(NSID_NODE), nullptr) << "none is made meanwhile";
     probe->release();
 }
 
-/** An object whose call goes on to a broker of another namespace. */
-class GoBetween : public TipprmiObjectSkeleton {
-public:
-    explicit GoBetween(Transport::TerminationId next)
-        : TipprmiObjectSkeleton(TipprmiOID("between", NSID_UNIT)), next_(next) {}
-
-    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
-        TreflectORB& node = *TreflectORB::getInstance(NSID_NODE);
-        return forwardCall(node, node.convertId(next_)).succeeded;
-    }
-
-private:
-    Transport::TerminationId const next_;
-};
-
 TEST_F(LifecycleTest, deletionOfOneBrokerDoesNotWaitForAResponseThroughAnother) {
     RawPeer caller(group());
     RawPeer silent(group(NSID_NODE));
-    auto const between = makePermitted<GoBetween>(silent.termId());
+    auto const between = makePermitted<Acting>("between", [&](auto&&...) {
+        TreflectORB& node = *TreflectORB::getInstance(NSID_NODE);
+        return forwardCall(node, node.convertId(silent.termId())).succeeded;
+    });
     caller.sendCall(orb().termId(), 1, between->getInternalOID(), true, 2, 3);
     silent.await(0);
     auto const start = steady_clock::now();

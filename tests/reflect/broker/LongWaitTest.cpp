@@ -57,8 +57,7 @@ TEST(LongWait, failsTheCallWhereNobodyIsToAbort) {
     auto const start = steady_clock::now();
     patient.tell("hold mute");
     strict.tell("hold mute");
-    EXPECT_TRUE(
-        testsupport::eventually([&] { return target.ask("holding mute", "holding") == "2"; }));
+    EXPECT_SOON(target.ask("holding mute", "holding") == "2");
 
     expectAt(patient, start, seconds(60), ", now failing the call instead of an abort");
     expectAt(target, start, seconds(60), " received response failure message from 0x");

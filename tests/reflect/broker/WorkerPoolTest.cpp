@@ -10,26 +10,6 @@ std::string statesOfWorkers() {
     return testsupport::statesOfThreads("ReflectWorker");
 }
 
-/** Notes the numbers of its calls in the order in which they are served. Each seventh one lets
- * others have the permission before it ends. */
-class Recorder : public TipprmiObjectSkeleton {
-public:
-    Recorder() : TipprmiObjectSkeleton(TipprmiOID("recorder", NSID_UNIT)) {}
-
-    bool dispatch(bool, unsigned int, unsigned int mc, TipprmiStream&,
-                  TipprmiStream& out) override {
-        numbers.push_back(static_cast<int>(mc));
-        if (mc % 7 == 0) {
-            TreflectReleaseHandlerState const released;
-            std::this_thread::yield();
-        }
-        prepareResponseStream_(out);
-        return true;
-    }
-
-    std::vector<int> numbers;  // guarded by the run permission
-};
-
 class WorkerPoolTest : public BrokerTest {
 protected:
     static constexpr unsigned int kBurst = 12;
@@ -43,14 +23,12 @@ protected:
     void makeIdleWorkers() {
         for (unsigned int i = 1; i <= kBurst; ++i) {
             peer_.sendCall(orb().termId(), i, probe_->getInternalOID(), true, kProbeClass, kHold);
-            ASSERT_TRUE(testsupport::eventually([&] { return probe_->held() == i; }));
+            ASSERT_SOON(probe_->held() == i);
         }
         EXPECT_LE(statesOfWorkers().size(), kBurst + 1);
         probe_->release();
         peer_.await(kBurst - 1);
-        ASSERT_TRUE(testsupport::eventually([] {
-            return statesOfWorkers() == "SSS" && TreflectORB::getRunPermissionOwner() == 0;
-        }));
+        ASSERT_SOON(statesOfWorkers() == "SSS" && TreflectORB::getRunPermissionOwner() == 0);
     }
     void send(int number, bool oneWay = false) {
         peer_.sendCall(orb().termId(), static_cast<unsigned int>(number),
@@ -65,7 +43,16 @@ protected:
 
     RawPeer peer_{group()};
     Permitted<Probe> const probe_ = makePermitted<Probe>("probe");
-    Permitted<Recorder> const recorder_ = makePermitted<Recorder>();
+    std::vector<int> served_;  // numbers of calls in their order; guarded by the run permission
+    /** Each seventh one lets others have the permission before it ends. */
+    Permitted<Acting> const recorder_ =
+        makePermitted<Acting>("recorder", [this](unsigned int method, auto&, auto& out) {
+            served_.push_back(static_cast<int>(method));
+            if (method % 7 == 0)
+                released(std::this_thread::yield);
+            out << TipprmiExceptionContainer();
+            return true;
+        });
 };
 
 TEST_F(WorkerPoolTest, messagesAndCallersAreServedInTheOrderOfTheirArrival) {
@@ -77,7 +64,7 @@ TEST_F(WorkerPoolTest, messagesAndCallersAreServedInTheOrderOfTheirArrival) {
         park(2);
         caller = std::thread([&] {
             TreflectHandlerState const inner(true);
-            recorder_->numbers.push_back(100);
+            served_.push_back(100);
         });
         ASSERT_TRUE(queueGrowsTo(3));
         park(3);
@@ -88,7 +75,7 @@ TEST_F(WorkerPoolTest, messagesAndCallersAreServedInTheOrderOfTheirArrival) {
     caller.join();
     for (std::size_t i = 0; i < 5; ++i)
         EXPECT_EQ(peer_.await(kBurst + i).transactionId(), i + 1) << "answered in this order";
-    permitted([&] { EXPECT_EQ(recorder_->numbers, (std::vector<int>{1, 2, 100, 3, 4, 5})); });
+    permitted([&] { EXPECT_EQ(served_, (std::vector<int>{1, 2, 100, 3, 4, 5})); });
 }
 
 // Beside threads that keep the processors busy, and so bring workers out of step, and one that asks
@@ -106,29 +93,25 @@ TEST_F(WorkerPoolTest, burstsOfOneWayCallsAreServedInTheOrderInWhichTheyWereSent
     for (int number = 0; number < kBursts * kLength && !HasFailure();) {
         for (int i = 0; i < kLength; ++i)
             send(number++, true);
-        EXPECT_TRUE(testsupport::eventually([&] {
-            return permitted([&] { return recorder_->numbers.size(); }) ==
-                   static_cast<std::size_t>(number);
-        }));
+        EXPECT_SOON(permitted([&] { return served_.size(); }) == static_cast<std::size_t>(number));
     }
     over = true;
     others.join();
     permitted([&] {
-        auto const late =
-            std::is_sorted_until(recorder_->numbers.begin(), recorder_->numbers.end());
-        EXPECT_EQ(late, recorder_->numbers.end()) << *late << " after " << *(late - 1);
+        auto const late = std::is_sorted_until(served_.begin(), served_.end());
+        EXPECT_EQ(late, served_.end()) << *late << " after " << *(late - 1);
     });
 }
 
 TEST_F(WorkerPoolTest, workersThatAreStartedDirectlyBelongToThePool) {
     for (int i = 0; i < 6; ++i)
         orb().startReflectWorker();
-    EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers() == "SSS"; }))
+    EXPECT_SOON(statesOfWorkers() == "SSS")
         << "it keeps three that are idle, not " << statesOfWorkers().size();
     peer_.sendCall(orb().termId(), 1, probe_->getInternalOID(), true, kProbeClass, kEcho);
     EXPECT_EQ(peer_.await(0).transactionId(), 1u);
     prepareOrbForDeletion();
-    EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers().empty(); }));
+    EXPECT_SOON(statesOfWorkers().empty());
 }
 
 TEST_F(WorkerPoolTest, deletionServesThoseThatQueueForThePermissionAndEndsAllWorkers) {
@@ -144,11 +127,10 @@ TEST_F(WorkerPoolTest, deletionServesThoseThatQueueForThePermissionAndEndsAllWor
         EXPECT_EQ(TreflectORB::getRunPermissionCount(), 1u);
         EXPECT_EQ(TreflectORB::handlerThreads().getPermissionWaiters(), 0u);
     }
-    EXPECT_TRUE(testsupport::eventually([] { return statesOfWorkers().empty(); }));
-    std::vector<int> const& served = recorder_->numbers;
-    ASSERT_GE(served.size(), 3u);
-    for (std::size_t i = 0; i < served.size(); ++i)
-        EXPECT_EQ(served[i], static_cast<int>(i + 1));
+    EXPECT_SOON(statesOfWorkers().empty());
+    ASSERT_GE(served_.size(), 3u);
+    for (std::size_t i = 0; i < served_.size(); ++i)
+        EXPECT_EQ(served_[i], static_cast<int>(i + 1));
 }
 
 }  // namespace

@@ -310,11 +310,10 @@ public:
                 ++begun;
                 reads(held);
             });
-        {
-            TreflectReleaseHandlerState const released;
-            EXPECT_TRUE(testsupport::eventually([&] { return begun == count; }));
+        released([&] {
+            EXPECT_SOON(begun == count);
             EXPECT_TRUE(object.entered().wait());
-        }
+        });
         act();
         object.release();
         TreflectReleaseHandlerState const released;

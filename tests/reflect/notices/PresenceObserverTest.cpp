@@ -47,8 +47,7 @@ TEST_F(PresenceObserverTest, eachIsToldWhatItAskedForInTheOrderOfRegistration) {
 TEST_F(PresenceObserverTest, existingTerminationsAreToldAtOnceOnTheCallersThread) {
     RawPeer peer(group());
     RawPeer stranger(orb().getMyGroup(NSID_NODE));
-    ASSERT_TRUE(testsupport::eventually(
-        [] { return Transport::TransportLayer::instance().getTerminations().size() == 3; }));
+    ASSERT_SOON(Transport::TransportLayer::instance().getTerminations().size() == 3);
     BrokerListener listener;
     EXPECT_TRUE(orb().registerOrbCreation(&listener, true));
     unsigned long const self = OSWrap::Thread::getCurrentId();
@@ -78,8 +77,7 @@ TEST_F(PresenceObserverTest, noticesAreToldOneAtATimeAndInOrderThoughTheFirstIsS
         RawPeer const shortLived(group());
         ids.push_back(shortLived.termId());
         ASSERT_TRUE(entered.wait());
-        ASSERT_TRUE(testsupport::eventually(
-            [&] { return Transport::TransportLayer::instance().exists(ids.back()); }));
+        ASSERT_SOON(Transport::TransportLayer::instance().exists(ids.back()));
     }
     released.open();
     for (Transport::TerminationId const id : ids) {
@@ -119,8 +117,7 @@ TEST_F(PresenceObserverTest, unregisteringWaitsForANoticeOfAnotherThread) {
             EXPECT_TRUE(over);
             done = true;
         });
-        EXPECT_TRUE(
-            testsupport::eventually([&] { return done || statesOfThreads("unregisters") == "S"; }));
+        EXPECT_SOON(done || statesOfThreads("unregisters") == "S");
         released.open();
         unregistering.join();
         if (registering.joinable())
@@ -144,7 +141,7 @@ TEST_F(PresenceObserverTest, observerMayUnregisterItselfAndOthersInsideANotice) 
     orb().registerOrbDeletion(&last);
     for (int i = 0; i < 2; ++i)
         std::make_unique<RawPeer>(group());
-    ASSERT_TRUE(testsupport::eventually([&] { return last.notices().size() == 2; }));
+    ASSERT_SOON(last.notices().size() == 2);
     EXPECT_EQ(first.notices().size(), 1u);
     EXPECT_EQ(next.notices().size(), 0u);
 }
@@ -157,7 +154,7 @@ TEST_F(PresenceObserverTest, observerThatThrowsOrKeepsThePermissionDoesNotStopTh
         orb().registerOrbDeletion(one);
     for (int i = 0; i < 2; ++i)
         std::make_unique<RawPeer>(group());
-    ASSERT_TRUE(testsupport::eventually([&] { return last.notices().size() == 2; }));
+    ASSERT_SOON(last.notices().size() == 2);
     EXPECT_EQ(log_.count(3, "threw on purpose"), 2u);
 }
 
@@ -202,7 +199,7 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     orb().registerOrbDeletion(&deleting);
     std::make_unique<RawPeer>(group());
     ASSERT_TRUE(deleted.wait());
-    EXPECT_TRUE(testsupport::eventually([] { return statesOfThreads("OrbObsWorker").empty(); }));
+    EXPECT_SOON(statesOfThreads("OrbObsWorker").empty());
     BrokerListener fresh;
     EXPECT_TRUE(orb().registerOrbCreation(&fresh, true));
     EXPECT_GE(fresh.notices().size(), 1u);
@@ -217,8 +214,7 @@ TEST_F(PresenceObserverTest, callOfAProcessThatIsKilledFailsAtOnceAndHandlesGoIn
     ASSERT_TRUE(copy.isConnected());
     Clock::time_point killed;
     std::thread killer([&] {
-        EXPECT_TRUE(
-            testsupport::eventually([&] { return server.ask("holding lamp", "holding") == "1"; }));
+        EXPECT_SOON(server.ask("holding lamp", "holding") == "1");
         killed = Clock::now();
         server.child().kill();
     });

@@ -237,23 +237,18 @@ TEST_F(LocalWatch, EndsWhenItsReactionOnAnotherThreadHas) {
         told_.push_back(level);
         if (level != 5)
             return;
-        {
-            TreflectReleaseHandlerState const released;
+        released([&] {
             told.open();
             goOn.wait();
-        }
+        });
         over = true;
     });
     std::thread changer([&] { permitted([&] { dial_->turn(5); }); });
-    {
-        TreflectReleaseHandlerState const released;
-        ASSERT_TRUE(told.wait());
-    }
+    released([&] { EXPECT_TRUE(told.wait()); });
     EXPECT_EQ(value().set(6u), 0);  // is not told any more
     std::thread opener([&] {
         // The watch has ended its registration, and waits.
-        EXPECT_TRUE(testsupport::eventually(
-            [&] { return permitted([&] { return dial_->observations_().empty(); }); }));
+        EXPECT_SOON(permitted([&] { return dial_->observations_().empty(); }));
         goOn.open();
     });
     watch.reset();
@@ -277,18 +272,12 @@ TEST_F(LocalWatch, IsToldTheLastOfChangesThatOverlap) {
     client_.operation("setValue").postObserve(&slow);
     Level const watch(value(), note());
     std::thread changer([&] { permitted([&] { dial_->turn(5); }); });
-    {
-        TreflectReleaseHandlerState const released;
-        ASSERT_TRUE(told.wait());
-    }
+    released([&] { EXPECT_TRUE(told.wait()); });
     dial_->turn(6);  // told by the other thread, which is still at 5
     EXPECT_THAT(told_, ElementsAre(1u));
     EXPECT_EQ(value().set(7u), 0);
     goOn.open();
-    {
-        TreflectReleaseHandlerState const released;
-        changer.join();
-    }
+    released([&] { changer.join(); });
     EXPECT_THAT(told_, ElementsAre(1u, 7u)) << "nothing of what is no more";
     EXPECT_THAT(slow.values, ElementsAre(7u));
 }
@@ -307,8 +296,7 @@ TEST_F(LocalWatch, KeepsNobodyForThoseWhoGoOnChanging) {
         EXPECT_LT(dial_->value, kFar);
         goesOn = false;
         TreflectReleaseHandlerState const released;
-        EXPECT_TRUE(testsupport::eventually(
-            [&] { return permitted([&] { return told_.back() == dial_->value; }); }));
+        EXPECT_SOON(permitted([&] { return told_.back() == dial_->value; }));
     };
     {
         Level const watch(value(), [&](unsigned int level) {
@@ -341,10 +329,7 @@ TEST_F(LocalWatch, IsToldOfTheLastChangeWhenWhoTellsIsUnwound) {
         throw std::runtime_error("on purpose");
     };
     EXPECT_THROW(gauge.changed("Value"), std::runtime_error);
-    {
-        TreflectReleaseHandlerState const released;
-        EXPECT_TRUE(isTold({1, 7}));
-    }
+    released([&] { EXPECT_TRUE(isTold({1, 7})); });
     testsupport::Gate told;
     slow.react = [&] {
         slow.react = nullptr;
@@ -390,7 +375,7 @@ TEST_F(LocalWatch, IsToldNoMoreOftenThanItWantsAndTheLastValueAlways) {
         return testsupport::eventually(
             [&] { return permitted([&] { return told_.back() == level; }); });
     };
-    ASSERT_TRUE(testsupport::eventually([&] { return threads() == 0; }));
+    ASSERT_SOON(threads() == 0);
     {
         std::vector<Clock::time_point> times;
         Level const watch(
@@ -422,7 +407,7 @@ TEST_F(LocalWatch, IsToldNoMoreOftenThanItWantsAndTheLastValueAlways) {
         });
         ASSERT_TRUE(comes(52));
     }
-    EXPECT_TRUE(testsupport::eventually([&] { return threads() == 0; }));
+    EXPECT_SOON(threads() == 0);
     // And another one is started when it is needed again.
     Level const again(value(), note(), milliseconds(1));
     dial_->turn(53);

@@ -63,7 +63,7 @@ TEST_F(DeadlineTest, EndsAWaitAndDropsTheLateAnswer) {
     actor_.ask("letgo far", "gone");
     EXPECT_EQ(77u, fetchHeld().value());
     auto const dropped = [this] { return log_.count(3, "receives unexpected response"); };
-    EXPECT_TRUE(testsupport::eventually([&] { return dropped() >= 1; }));
+    EXPECT_SOON(dropped() >= 1);
     EXPECT_LE(dropped(), calls);
     EXPECT_EQ(0u, log_.count("aborted"));
 }
@@ -114,8 +114,7 @@ TEST_F(DeadlineTest, ThatHasPassedSendsNothing) {
     EXPECT_EQ(calls.failed, 5u) << "two calls, a query, and two searches for an object";
     EXPECT_EQ(calls.sent, calls.failed + 2u) << "one that nobody answers, and a query";
     EXPECT_EQ(actor_.ask("level far", "level"), "1");
-    EXPECT_TRUE(testsupport::eventually([this] { return actor_.ask("pings far", "pings") == "1"; }))
-        << "nobody waits for that";
+    EXPECT_SOON(actor_.ask("pings far", "pings") == "1") << "nobody waits for that";
 }
 
 TEST_F(DeadlineTest, ThatHasPassedCostsOneTurnOfThePermission) {
@@ -123,9 +122,7 @@ TEST_F(DeadlineTest, ThatHasPassedCostsOneTurnOfThePermission) {
         std::vector<long> const queue = TreflectORB::handlerThreads().glimpse().queue;
         return std::find(queue.begin(), queue.end(), thread) != queue.end();
     };
-    auto const comesToQueue = [&](std::atomic<long>& thread) {
-        EXPECT_TRUE(testsupport::eventually([&] { return isQueued(thread); }));
-    };
+    auto const comesToQueue = [&](std::atomic<long>& thread) { EXPECT_SOON(isQueued(thread)); };
     std::atomic<long> caller{gettid()};
     std::atomic<long> ahead{0};
     std::atomic<long> behind{0};
@@ -200,10 +197,6 @@ TEST_F(DeadlineTest, HoldsForNestedCalls) {
 TEST_F(DeadlineTest, LosesNoObserversAndNoChildren) {
     LampObject const own("own");
     TreflectObject const ownHandle(&own);
-    auto const released = [](auto const& act) {
-        TreflectReleaseHandlerState const others;  // have their turn
-        act();
-    };
     released([&] { actor_.observe("watcher", "own", "setLevel", "before"); });
     {
         TreflectDeadline const passed(milliseconds(0));

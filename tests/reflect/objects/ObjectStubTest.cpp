@@ -139,21 +139,13 @@ TEST_F(ObjectStubTest, AStubThatConnectsLateIsFoundAtItsNewPlace) {
     release({late, late, late, late, absent});
 }
 
-/** Lets go of the handle through which it is called, and then fails. */
-class LettingGo : public TipprmiObjectSkeleton {
-public:
-    using TipprmiObjectSkeleton::TipprmiObjectSkeleton;
-    bool dispatch(bool, unsigned int, unsigned int, TipprmiStream&, TipprmiStream&) override {
-        *handle = TipprmiObjectClient();
-        return false;
-    }
-    TipprmiObjectClient* handle = nullptr;
-};
-
 TEST_F(ObjectStubTest, AnObjectMayLetGoOfTheHandleThatCallsIt) {
-    LettingGo server(oid("stub.letting.go"));
-    TipprmiObjectClient handle(&server);
-    server.handle = &handle;
+    TipprmiObjectClient handle;
+    Acting server("stub.letting.go", [&](auto&&...) {
+        handle = TipprmiObjectClient();
+        return false;
+    });
+    handle = TipprmiObjectClient(&server);
     TipprmiStream in(8), out(8);
     EXPECT_FALSE(handle.dispatch(true, 0xAB, 7, in, out));
     expectLine(3, "cc=0xAB,mc=7,orbId=%X) to object failed", server.orbId().value());
