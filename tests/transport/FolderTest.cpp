@@ -150,6 +150,19 @@ TEST_F(DamagedFileTest, replacedAgainAndAgainAndPutBackItIsFoundByAll) {
     }
 }
 
+// Who comes makes it longer when he opens it; so does who announces something and finds it empty.
+TEST_F(FolderTest, whoLeavesMendsItWhenItHasBeenCutSoThatAllHearOfIt) {
+    PresenceActor leaving;
+    PresenceActor staying;
+    std::string const id = leaving.start();
+    staying.start();
+    ASSERT_SOON(leaving.known() == 2 && staying.known() == 2);
+    fs::resize_file(shared(), 0);
+    EXPECT_TRUE(leaving.does("stop " + id));
+    EXPECT_TRUE(staying.waitUntilTold("departed", id));
+    EXPECT_EQ(fs::file_size(shared()), 4096u);
+}
+
 TEST_F(FolderTest, whenManyNoticeAtOnceThatItHasGoneAllFindTheSameNewOne) {
     addActors(6);
     for (unsigned round = 1; round <= (kSlow ? 2 : 4); ++round) {
@@ -211,7 +224,7 @@ TEST_F(FolderTest, heldLocksGiveAClearErrorAtOnceAndStopNobodyElse) {
         fs::remove(shared());
         EXPECT_NE(second.start(), kRefused) << "locks of a file that is not there bind nobody";
     }
-    EXPECT_TRUE(eventually([&] { return first.known() == 3 && second.known() == 3; }));
+    EXPECT_SOON(first.known() == 3 && second.known() == 3);
 }
 
 /** A new shared file in which a lock is held already when others see it: who has noticed it takes
@@ -233,25 +246,25 @@ TEST_F(ReplacedLockTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
     Descriptor const sameName = listenAt("f0010001.group240.slot1.pid1.x");
     Peer newcomer;
     EXPECT_TRUE(old.child().waitForErrorLine("holds the name id"));
-    EXPECT_TRUE(eventually([&] { return old.knowsAll(2) && newcomer.knowsAll(2); }));
+    EXPECT_SOON(old.knowsAll(2) && newcomer.knowsAll(2));
     EXPECT_TRUE(old.reaches(newcomer.id())) << "the newcomer believes its Hello";
     Peer another;
     EXPECT_TRUE(another.reaches(old.id()));
     holder.reset();
     Peer last;
     for (Peer* peer : {&old, &newcomer, &another, &last})
-        EXPECT_TRUE(eventually([&] { return peer->knowsAll(4); }));
+        EXPECT_SOON(peer->knowsAll(4));
 }
 
 TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere) {
     Peer old;
     Peer friendly;
-    ASSERT_TRUE(eventually([&] { return old.knowsAll(2) && friendly.knowsAll(2); }));
+    ASSERT_SOON(old.knowsAll(2) && friendly.knowsAll(2));
     auto const holder = replaceSharedFile(0x10000 + old.id().nameId());
     Descriptor const thief =
         listenAt(hex(old.id()) + ".group3.slot1.pid" + std::to_string(getpid()) + ".thief");
     Peer newcomer;
-    EXPECT_TRUE(eventually([&] { return old.knowsAll(3) && friendly.knowsAll(3); }));
+    EXPECT_SOON(old.knowsAll(3) && friendly.knowsAll(3));
     EXPECT_TRUE(friendly.reaches(old.id()));
     EXPECT_TRUE(old.reaches(friendly.id()));
     EXPECT_TRUE(friendly.knowsAll(3));
@@ -282,7 +295,7 @@ TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
     visible.replace(visible.find(pid), pid.size(), std::to_string(slow.child().pid()));
     fs::create_directory(inFolder(visible));
     EXPECT_TRUE(slow.does("show " + id));
-    EXPECT_TRUE(eventually([&] { return slow.known() == 2 && newcomer.knowsAll(2); }));
+    EXPECT_SOON(slow.known() == 2 && newcomer.knowsAll(2));
     EXPECT_NE(PresenceActor().start(), kRefused);
 }
 
@@ -290,9 +303,9 @@ TEST_F(FolderTest, whoSaysHelloBeforeItsEntryIsSeenIsHeardOnceItIs) {
     Peer peer;
     PresenceActor early;
     early.start();
-    ASSERT_TRUE(eventually([&] { return early.known() == 2; }));
+    ASSERT_SOON(early.known() == 2);
     EXPECT_TRUE(early.does("greet " + early.ask("seat 3", "id") + " " + hex(peer.id())));
-    EXPECT_TRUE(eventually([&] { return peer.knowsAll(3); }));
+    EXPECT_SOON(peer.knowsAll(3));
 }
 
 TEST_F(FolderTest, whereMemoryRunsOutAStartOrEndHappensWhollyOrNotAtAll) {
@@ -341,7 +354,7 @@ TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     PresenceActor second;
     std::string const a = first.start();
     std::string const b = second.start();
-    ASSERT_TRUE(eventually([&] { return first.known() == 2 && second.known() == 2; }));
+    ASSERT_SOON(first.known() == 2 && second.known() == 2);
     std::string const tail = ".group3.slot1.pid1.x";
     std::vector<Descriptor> sockets;
     for (std::string const& name :
@@ -353,7 +366,7 @@ TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     std::string const c = newcomer.start();
     for (PresenceActor* actor : {&first, &second, &newcomer}) {
         EXPECT_TRUE(actor->waitUntilTold("arrived", c));
-        EXPECT_TRUE(eventually([&] { return actor->known() == 3; }));
+        EXPECT_SOON(actor->known() == 3);
     }
     for (PresenceActor* actor : {&first, &second})
         EXPECT_EQ(actor->timesTold("departed", a) + actor->timesTold("departed", b), 0u);
@@ -383,7 +396,7 @@ TEST_F(FolderTest, whatFillsTheFolderIsRemovedIfItLooksLikeAnEntryAndFillsNoLog)
     }
     PresenceActor newcomer;
     EXPECT_TRUE(actor.waitUntilTold("arrived", newcomer.start()));
-    EXPECT_TRUE(eventually([&] { return countEntries() == 2; }));
+    EXPECT_SOON(countEntries() == 2);
     EXPECT_TRUE(newcomer.waitUntilTold("arrived", id));
     EXPECT_LT(actor.child().errorLines().size() + newcomer.child().errorLines().size(), 100u);
     for (char const* name : others)

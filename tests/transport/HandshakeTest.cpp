@@ -316,7 +316,7 @@ TEST_F(HandshakeTest, WhatIsSentAgainComesBackForGoodTheNextTime) {
         ASSERT_EQ(own.send(peer.from, TestHead::Numbered, 0, size), 1);
     peer.hangUp();
     ASSERT_TRUE(peer.welcome());
-    EXPECT_TRUE(eventually([&] { return peer.wasSent() > sizes[0] + sizes[1]; }));
+    EXPECT_SOON(peer.wasSent() > sizes[0] + sizes[1]);
     EXPECT_EQ(own.tally().returned, 0u);
     peer.hangUp();
     EXPECT_TRUE(own.waitForReturned(2));
@@ -377,8 +377,7 @@ TEST_F(HandshakeTest, AConnectionThatLingersIsClosedWithoutHoldingUpAnybody) {
         expectThatAGoodOneIsWelcome();
     }
     std::size_t const ownSockets = 2;  // one listens, one finds out who lives
-    EXPECT_TRUE(eventually([&] { return openDescriptors("socket:") <= ownSockets; }))
-        << "something has stayed open";
+    EXPECT_SOON(openDescriptors("socket:") <= ownSockets) << "something has stayed open";
 }
 
 /** Sends a packet with all these, of which the caller keeps none. */
@@ -407,9 +406,8 @@ TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
         EXPECT_TRUE(peer.isDropped());
     }
     expectThatAGoodOneIsWelcome();
-    EXPECT_TRUE(eventually([&] {
-        return openDescriptors("socket:") <= before + connections.size();
-    })) << "whoever closes hangs";
+    EXPECT_SOON(openDescriptors("socket:") <= before + connections.size())
+        << "whoever closes hangs";
 }
 
 /** A file whose closing hangs, as long as this lives: that of a file system that never answers. */
@@ -493,7 +491,7 @@ TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
         LingeringConnection connection;
         pass(connection.get());
         connection.letGo();
-        EXPECT_TRUE(eventually([&] { return connection.isClosed(); }));
+        EXPECT_SOON(connection.isClosed());
     }
     expectThatAGoodOneIsWelcome();
 }
@@ -532,7 +530,7 @@ TEST_F(HandshakeTest, AHelloAndANextRingWaitForDescriptors) {
     peer.makeSide();
     std::size_t const before = openDescriptors("socket:");
     ASSERT_TRUE(peer.connect(own_.termId()));
-    ASSERT_TRUE(eventually([&] { return openDescriptors("socket:") == before + 2; }));
+    ASSERT_SOON(openDescriptors("socket:") == before + 2);
     {
         NoDescriptors const none;
         peer.sayHello();
@@ -559,7 +557,7 @@ TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) 
     for (int i = 0; i < 8; ++i)
         silent.emplace_back(Rendezvous::instance().connectTo(own_.termId()));
     ASSERT_TRUE(peer.connect(own_.termId()));
-    ASSERT_TRUE(eventually([&] { return openDescriptors("socket:") == before + 2 * 9; }));
+    ASSERT_SOON(openDescriptors("socket:") == before + 2 * 9);
     NoDescriptors const none;
     peer.sayHello();
     EXPECT_TRUE(log_.waitFor("it never said Hello"));
@@ -588,6 +586,29 @@ TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     EXPECT_EQ(last.load(), noisy.from) << "all of them came in one go";
 }
 
+TEST_F(HandshakeTest, WhoComesBackBeforeAllOfItsFormerChannelIsReadIsWelcomeAfterwards) {
+    constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
+    HandMadePeer peer;
+    Gate back;
+    TestTermination own;
+    own.onReceive([&](AddressedMessage const&) {
+        if (own.tally().received == 10) {
+            peer.hangUp();
+            EXPECT_TRUE(peer.connect(own.termId()));
+            peer.own = OwnSide();
+            peer.sayHello();
+            back.open();
+        }
+        return true;
+    });
+    ASSERT_EQ(own.start(), 1);
+    ASSERT_TRUE(peer.open(own.termId()));
+    peer.put({0, 0}, 8 * kMany);
+    ASSERT_TRUE(back.wait());
+    EXPECT_TRUE(peer.isWelcome());
+    EXPECT_TRUE(own.waitForReceived(kMany));
+}
+
 TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
     HandMadePeer stranger;
     HandMadePeer quiet;
@@ -606,7 +627,7 @@ TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {
     ASSERT_TRUE(busy.open(own.termId()));
     busy.put({0, 0}, 8);
     ASSERT_TRUE(own.waitForReceived(1));
-    ASSERT_TRUE(eventually([&] { return quiet.mustRing(); }));
+    ASSERT_SOON(quiet.mustRing());
     {
         Sated const sated;
         busy.put({0, 0}, 16);
@@ -663,7 +684,7 @@ TEST_F(HandshakeTest, IdleChannelsAreGivenBackAndMadeAgain) {
         ASSERT_TRUE(own_.ping(peer, round));
         // Some rounds meet the channel while it is being given back.
         if (round % 4 == 0)
-            EXPECT_TRUE(eventually([&] { return openBells() <= before; }));
+            EXPECT_SOON(openBells() <= before);
         else
             std::this_thread::sleep_for(std::chrono::microseconds(1500 * round));
         for (int i = 0; i < 20; ++i)

@@ -138,7 +138,7 @@ TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
         table_.detach(listener);
         detached.open();
     });
-    EXPECT_TRUE(eventually([] { return testsupport::statesOfThreads("detaches") == "S"; }));
+    EXPECT_SOON(testsupport::statesOfThreads("detaches") == "S");
     EXPECT_FALSE(detached.wait(std::chrono::milliseconds(0)));
     blocked.release.open();
     EXPECT_TRUE(detached.wait());
@@ -146,7 +146,7 @@ TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
     come(3);
     go(1);
     EXPECT_EQ(listener.told(), std::vector<int>{1});
-    EXPECT_TRUE(eventually([] { return noLanes(); })) << "threads end with the last one";
+    EXPECT_SOON(noLanes()) << "threads end with the last one";
 }
 
 TEST_F(PresenceTableTest, listenerDetachesItselfInsideACallAndAnotherOneGoesOn) {
@@ -184,7 +184,7 @@ TEST_F(PresenceTableTest, bothCallsOfAListenerMayDetachItAtTheSameTime) {
     ASSERT_TRUE(listener.waitFor({1}));
     come(2);
     go(1);
-    EXPECT_TRUE(eventually([] { return noLanes(); }));
+    EXPECT_SOON(noLanes());
     table_.detach(listener);
 }
 

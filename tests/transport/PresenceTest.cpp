@@ -57,7 +57,7 @@ TEST_F(PresenceTest, arrivalsAndOrderlyDeparturesAreToldToAllGroups) {
     EXPECT_EQ(first.timesTold("arrived", a), 1u);
     EXPECT_EQ(second.timesTold("arrived", c), 2u) << "once for each of its terminations";
     EXPECT_EQ(fileOf(b), "");
-    EXPECT_TRUE(eventually([&] { return first.known() == 2 && second.known() == 2; }));
+    EXPECT_SOON(first.known() == 2 && second.known() == 2);
 }
 
 TEST_F(PresenceTest, stoppedNeighboursHideNobodysDeath) {
@@ -143,7 +143,7 @@ TEST_F(PresenceTest, forkedChildDoesNothingAndItsEndHarmsNobody) {
     EXPECT_TRUE(actors_[0]->does("fork"));
     PresenceActor another;  // its start has everybody scan and a neighbour check the locks
     another.start();
-    EXPECT_TRUE(eventually([&] { return another.known() == 3; }));
+    EXPECT_SOON(another.known() == 3);
     EXPECT_EQ(actors_[1]->timesTold("departed", ids_[0]), 0u);
 }
 
@@ -165,7 +165,7 @@ TEST_F(PresenceTest, descriptorsAreNotPassedOnToPrograms) {
     before.start();
     PresenceActor other;
     other.start();
-    ASSERT_TRUE(eventually([&] { return before.known() == 2; }));
+    ASSERT_SOON(before.known() == 2);
     EXPECT_EQ(before.ask("inheritable", "inheritable"), without);
 }
 

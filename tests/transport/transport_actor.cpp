@@ -129,13 +129,16 @@ std::string start(unsigned int group) {
     return "id " + hex(seat.id());
 }
 
-/** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes.
- */
+/** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes,
+ * though it has been looked at before: as another one who has come behind it. */
 bool greetTooEarly(Seat& seat, TerminationId to) {
-    auto link =
-        testsupport::HandMadeLink::between(seat.id(), to, Rendezvous::instance().connectTo(to));
+    using testsupport::HandMadeLink;
+    auto link = HandMadeLink::between(seat.id(), to, Rendezvous::instance().connectTo(to));
     link.sayHello();
-    if (!seat.show())
+    auto behind = HandMadeLink::between(seat.id(), to, Rendezvous::instance().connectTo(to));
+    behind.send(behind.packet(Transport::Packet::Bye));
+    behind.hear(30'000);
+    if (!behind.ended || !seat.show())
         return false;
     link.hear(30'000);
     return link.peer.valid();
