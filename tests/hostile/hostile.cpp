@@ -82,9 +82,10 @@ public:
                                 {"GLIBC_TUNABLES", kGiveBack}};
         for (Slot& slot : quiet_.slots())
             slot.environment["TRANSPORT_DIR"] = quietFolder;
-        std::vector<std::string>& narrow = good_.slots()[1].command;
+        Slot& narrow = good_.slots()[1];
         std::string const limited = std::string("ulimit -n ") + kNarrow + "; exec \"$@\"";
-        narrow.insert(narrow.begin(), {"sh", "-c", limited, "sh"});
+        narrow.command.insert(narrow.command.begin(), {"sh", "-c", limited, "sh"});
+        narrow.isTimed = false;  // who calls it may have to wait for a descriptor
     }
 
     /** False when something was found, which has been printed. */
@@ -143,10 +144,10 @@ private:
             if (slot.child)
                 slot.used = Resources::of(slot.child->pid());
     }
-    /** All rest, and are judged; then they go on. */
+    /** All rest, and are judged; then they go on. All have met the last newcomer. */
     std::pair<Times, Times> settle() {
         for (soak::Crew* const crew : {&good_, &quiet_}) {
-            crew->settle();
+            crew->settle(soak::Crew::Meeting::over);
             crew->go();
         }
         return {Times::of(good_), Times::of(quiet_)};

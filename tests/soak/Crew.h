@@ -35,6 +35,7 @@ struct Slot {
     unsigned int measured = 0;
     testsupport::Resources used;    // as those who judge it have noted
     std::vector<long long> echoes;  // how long those calls took, in microseconds
+    bool isTimed = true;            // whether those that it answers count
 
     std::string name() const { return "actor " + life.text(); }
 };
@@ -127,11 +128,14 @@ public:
 
     // ---- Rest and judgement
 
-    /** All rest, and are judged. */
-    void settle() {
+    /** All rest, and are judged. Before that they are let meet, unless they have met already
+     * whoever has come. */
+    enum class Meeting { needed, over };
+    void settle(Meeting meeting = Meeting::needed) {
         if (failed() || !order("rest"))
             return;
-        letEverybodyMeet();
+        if (meeting == Meeting::needed)
+            letEverybodyMeet();
         judgeJournals();
         if (failed())
             return;
@@ -235,7 +239,8 @@ private:
                     if (event.verb != "start")  // which the order of events matters for, too
                         continue;
                 }
-                if (event.verb == "call" && event.words.back() == "echo")
+                if (event.verb == "call" && event.words.back() == "echo" &&
+                    slots_[actorOf(event.words[1])].isTimed)
                     slots_[life.actor].echoes.push_back(event.at - event.number(0));
                 unjudged_.emplace_back(life, std::move(event));
             }
