@@ -170,6 +170,16 @@ bool TipprmiStream::allocate_(int n, View& view) {
     return false;
 }
 
+void TipprmiStream::reserve(std::size_t n) {
+    View const view = view_();
+    std::uint64_t const needed = std::uint64_t{view.written} + n;
+    // A stream that lacks no room keeps the buffer that it may share with others.
+    if (!view.data || needed <= view.limit || n > kLargestData || needed > kLargestData)
+        return;
+    message_.reserve(TreflectORB::getInstance(NSID_UNIT),
+                     static_cast<unsigned int>(needed) + kPrefix);
+}
+
 bool TipprmiStream::reallocate_(std::uint64_t dataSize) {
     TreflectMessage grown = reallocated(message_, dataSize);
     if (grown.empty())
@@ -234,6 +244,13 @@ unsigned char* TipprmiStream::append(std::size_t n) {
     if (n > 0)
         ipprmi::storeBigEndian(view.data - kPrefix, view.written + static_cast<unsigned int>(n));
     return view.data + view.written;
+}
+
+std::string_view TipprmiStream::takeText() {
+    auto const length = static_cast<std::size_t>(readLength());
+    unsigned char const* const from = length > 0 ? take(length) : nullptr;
+    return from ? std::string_view(reinterpret_cast<char const*>(from), length)
+                : std::string_view();
 }
 
 bool TipprmiStream::Level::refuse_() {

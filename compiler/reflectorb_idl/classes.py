@@ -92,6 +92,14 @@ class Classes:
             for name, type_ in member.arguments
         ]
 
+    def _served_parameters(self, member, scope, hidden):
+        if "views" not in member.entry:
+            return self._parameters(member, scope, hidden)
+        return [
+            "%s %s" % (self._types.view(type_) or self._types.passed(type_, scope, hidden), escaped(name))
+            for name, type_ in member.arguments
+        ]
+
     def _value(self, member, scope, hidden):
         """The type of what an operation yields."""
         if member.has_struct:
@@ -237,7 +245,7 @@ class Classes:
             result = self.server_result(member, scope, hidden)
             out.list(
                 "virtual %s %s(" % (result, member.function),
-                self._parameters(member, scope, hidden),
+                self._served_parameters(member, scope, hidden),
                 ") = 0;",
             )
         if functions:

@@ -315,7 +315,7 @@ class Completion:
 
         def essence(value):
             if isinstance(value, dict):
-                hidden = ("doc", "file", "line", "main", "files", "refused")
+                hidden = ("doc", "file", "line", "main", "files", "refused", "views")
                 return {k: essence(v) for k, v in value.items() if k not in hidden}
             if isinstance(value, list):
                 return [essence(v) for v in value]

@@ -13,6 +13,7 @@ _STANDARD = (
     ("std::int", "<cstdint>"),
     ("std::uint", "<cstdint>"),
     ("std::string", "<string>"),
+    ("std::string_view", "<string_view>"),
     ("std::wstring", "<string>"),
     ("std::variant<", "<variant>"),
     ("std::vector<", "<vector>"),

@@ -21,7 +21,7 @@ _TAKEN = frozenset(
 # Members that generated classes inherit from the library's: a function of the same name would
 # hide or override them. A test compares this with the headers.
 INHERITED = frozenset(
-    """afterCalls allowedBy announce argument as attribute changed ChangeUnderWay connect dispatch endLife
+    """afterCalls allowedBy announce argument as attribute callWith changed ChangeUnderWay connect dispatch endLife
     errorAttribute errorOperation exceptionContainer forwardMsg getAbsName getChild
     getChilds getClassIds getClient getExceptionContainer getInternalOID getNamespaceId
     getOID getORB getParent getRelName getServer getServerClassId getServerClassIdSeq

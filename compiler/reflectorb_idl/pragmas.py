@@ -7,6 +7,8 @@ the body of an interface, to that interface.
     #pragma reflectorb setraises TooBright ... what writing an attribute may raise
     #pragma reflectorb getraises NotLit ...    what reading it may raise
     #pragma reflectorb raises NotLit ...       what both may raise
+    #pragma reflectorb views                   texts and bytes that an operation takes, or an attribute is set
+                                               to, are shown to the server where they have arrived
     #pragma reflectorb cpp TYPE HEADER NAME    what a native type is in C++, and in tables
 """
 import re
@@ -18,6 +20,7 @@ _OWNERS = {
     "raises": ("attribute",),
     "getraises": ("attribute",),
     "setraises": ("attribute",),
+    "views": ("operation", "attribute"),
     "cpp": ("native",),
 }
 
@@ -31,7 +34,7 @@ def _number(text):
 
 class Pragmas:
     """Gives each declaration what its pragmas say: classId, firstCode, code, setCode,
-    getRaises, setRaises, cpp."""
+    getRaises, setRaises, views, cpp."""
 
     def __init__(self, report):
         self._report = report
@@ -109,6 +112,11 @@ class Pragmas:
         if not words:
             self._report.error(pragma, "this pragma takes names of exceptions")
         entry.setdefault(key, []).extend((word, pragma) for word in words)
+
+    def _views(self, entry, pragma, words):
+        if words:
+            self._report.error(pragma, "pragma views takes nothing")
+        entry["views"] = True
 
     def _cpp(self, entry, pragma, words):
         if len(words) < 3:

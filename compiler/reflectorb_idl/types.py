@@ -81,6 +81,19 @@ class Types:
         name = self.cpp(type_, scope, hidden)
         return name if self.is_scalar(type_) else name + " const&"
 
+    def view(self, type_):
+        """The type that shows a text, or bytes, without owning them; None for all else."""
+        type_ = self._all.resolve(type_)
+        cpp = _BASES.get(type_.get("base"))
+        if cpp == "std::string":
+            return "std::string_view"
+        if cpp == "std::vector<std::uint8_t>" or self._is_bytes(type_):
+            return "TipprmiByteView"
+        return None
+
+    def _is_bytes(self, type_):
+        return "sequence" in type_ and self._all.resolve(type_["sequence"]) == {"base": "octet"}
+
     def is_scalar(self, type_):
         type_ = self._all.resolve(type_)
         return type_.get("base") in _SCALARS or type_.get("kind") == "enum"
@@ -131,7 +144,7 @@ class Types:
         from then on, also within itself."""
         told = set() if told is None else told
         if "sequence" in type_:
-            if self._all.resolve(type_["sequence"]) == {"base": "octet"}:
+            if self._is_bytes(type_):
                 return "bytes"
             return "sequence<%s>" % self.text(type_["sequence"], told)
         if "array" in type_:

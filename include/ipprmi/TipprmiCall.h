@@ -14,9 +14,8 @@ class TipprmiArguments final : public InParamHook {
 public:
     explicit TipprmiArguments(Arguments const&... arguments) : arguments_(arguments...) {}
     void marshall(TipprmiStream& request) const override {
-        std::apply(
-            [&](auto const&... argument) { static_cast<void>((request << ... << argument)); },
-            arguments_);
+        std::apply([&](auto const&... argument) { tipprmi::writeAll(request, argument...); },
+                   arguments_);
     }
 
 private:

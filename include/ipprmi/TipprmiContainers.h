@@ -188,8 +188,18 @@ TipprmiStream& operator>>(TipprmiStream& stream, std::vector<T>& values) {
     return stream;
 }
 
-/** Bytes that lie somewhere, to be written without a copy of them. Not owned. */
+/** Bytes that lie somewhere, to be written without a copy of them, or as an argument of `serve` to
+ * be read where they have arrived. Not owned. */
 struct TipprmiByteView {
+    constexpr TipprmiByteView() = default;
+    constexpr TipprmiByteView(std::uint8_t const* bytes, std::size_t count)
+        : data(bytes), size(count) {}
+    TipprmiByteView(std::vector<std::uint8_t> const& bytes)
+        : TipprmiByteView(bytes.data(), bytes.size()) {}
+
+    std::uint8_t const* begin() const { return data; }
+    std::uint8_t const* end() const { return data + size; }
+
     std::uint8_t const* data = nullptr;
     std::size_t size = 0;
 };
@@ -327,3 +337,62 @@ TipprmiStream& operator>>(TipprmiStream& stream, std::tuple<T...>& value) {
                value);
     return stream;
 }
+
+// ---- Arguments and results as a whole ----------------------------------------------------------
+
+namespace tipprmi {
+
+/** The number of bytes that a value takes in a stream, as far as that can be told at once: of texts
+ * and of lists of numbers, alone or in structs. Of all else, that it takes at least. */
+inline std::size_t roomFor(std::string_view text) {
+    return 4 + text.size();
+}
+inline std::size_t roomFor(std::string const& text) {
+    return 4 + text.size();
+}
+inline std::size_t roomFor(TipprmiByteView bytes) {
+    return 4 + bytes.size;
+}
+template <class T>
+std::size_t roomFor(std::vector<T> const& values) {
+    if constexpr (std::is_same_v<T, std::uint8_t>)
+        return 4 + values.size();
+    else if constexpr (isNumber<T>)
+        return 4 + values.size() * kNumberSize<T>;
+    else
+        return 4;
+}
+template <class T>
+std::size_t roomFor(T const& value) {
+    if constexpr (isStruct<T>) {
+        return std::apply(
+            [](auto const&... member) { return (std::size_t{0} + ... + roomFor(member)); },
+            value.tipprmiMembers());
+    } else {
+        return kLeastSize<T>;
+    }
+}
+
+/** Writes values in their order, for which room is made once. */
+template <class... T>
+void writeAll(TipprmiStream& stream, T const&... values) {
+    std::size_t const room = (std::size_t{0} + ... + roomFor(values));
+    if (room > static_cast<std::size_t>(TipprmiStream::kUsualSize))
+        stream.reserve(room);
+    static_cast<void>((stream << ... << values));
+}
+
+/** Reads an argument, which may be a view of what lies in the stream. */
+template <class T>
+void readArgument(TipprmiStream& stream, T& value) {
+    if constexpr (std::is_same_v<T, std::string_view>) {
+        value = stream.takeText();
+    } else if constexpr (std::is_same_v<T, TipprmiByteView>) {
+        std::string_view const bytes = stream.takeText();
+        value = {reinterpret_cast<std::uint8_t const*>(bytes.data()), bytes.size()};
+    } else {
+        stream >> value;
+    }
+}
+
+}  // namespace tipprmi

@@ -3,6 +3,7 @@
 #include <memory>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "ipprmi/TipprmiObjectBase.h"
 #include "ipprmi/TipprmiOutcome.h"
@@ -69,17 +70,20 @@ protected:
     /**
      * Serves a call by a member function: reads its parameters from `in`, in their order, calls it,
      * and writes the response. Parameters are values or references to const of types that can be
-     * read from a stream; the result is void, a type that can be written, or a TipprmiResult or
-     * TipprmiOutcome, with which the function may refuse the call. False, with a log line, when the
-     * arguments cannot be read; the function is not called then.
+     * read from a stream; one of type std::string_view or TipprmiByteView shows a text or bytes
+     * where they have arrived, without a copy, until the function returns. The result is void, a
+     * type that can be written, a reference to a const one, or a TipprmiResult or TipprmiOutcome,
+     * with which the function may refuse the call. False, with a log line, when the arguments
+     * cannot be read; the function is not called then.
      */
     template <class Server, class Result, class... Parameters>
     bool serve(unsigned int cc, unsigned int mc, TipprmiStream& in, TipprmiStream& out,
                Result (Server::*method)(Parameters...)) {
         return serveBy<Result, Parameters...>(
             cc, mc, in, out,
-            [&](auto const&... arguments) {
-                return (static_cast<Server*>(this)->*method)(arguments...);
+            [&](auto&&... arguments) -> Result {
+                return (static_cast<Server*>(this)->*method)(
+                    std::forward<decltype(arguments)>(arguments)...);
             },
             [] { return false; });
     }
@@ -88,8 +92,9 @@ protected:
                Result (Server::*method)(Parameters...) const) {
         return serveBy<Result, Parameters...>(
             cc, mc, in, out,
-            [&](auto const&... arguments) {
-                return (static_cast<Server const*>(this)->*method)(arguments...);
+            [&](auto&&... arguments) -> Result {
+                return (static_cast<Server const*>(this)->*method)(
+                    std::forward<decltype(arguments)>(arguments)...);
             },
             [] { return false; });
     }
@@ -98,11 +103,23 @@ protected:
     template <class... Arguments>
     static bool readArguments(unsigned int cc, unsigned int mc, TipprmiStream& in,
                               std::tuple<Arguments...>& arguments) {
-        std::apply([&](auto&... argument) { static_cast<void>((in >> ... >> argument)); },
+        std::apply([&](auto&... argument) { (tipprmi::readArgument(in, argument), ...); },
                    arguments);
         if (in.hasUnmarshallingFailed())
             in.printUnmarshallError(cc, mc);
         return !in.hasUnmarshallingFailed();
+    }
+
+    /** Calls a function with arguments that nobody needs afterwards: what it takes by value is
+     * moved there. */
+    template <class... Parameters, class Method>
+    static decltype(auto) callWith(Method const& method,
+                                   std::tuple<std::decay_t<Parameters>...>& arguments) {
+        return std::apply(
+            [&](auto&... argument) -> decltype(auto) {
+                return method(static_cast<Parameters&&>(argument)...);
+            },
+            arguments);
     }
 
     /** Serves a call by any function. `ended` answers, when that has returned, whether the
@@ -114,10 +131,10 @@ protected:
         if (!readArguments(cc, mc, in, arguments))
             return false;
         if constexpr (std::is_void_v<Result>) {
-            std::apply(method, arguments);
+            callWith<Parameters...>(method, arguments);
             respondWith(ended() ? nullptr : &exceptionContainer_, out, TipprmiResult<void>());
         } else {
-            auto const result = std::apply(method, arguments);
+            auto const& result = callWith<Parameters...>(method, arguments);
             respondWith(ended() ? nullptr : &exceptionContainer_, out, result);
         }
         return true;
@@ -148,7 +165,7 @@ private:
     static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,
                             T const& value) {
         startResponse(container, out);
-        out << value;
+        tipprmi::writeAll(out, value);
     }
     template <class T>
     static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,
@@ -159,7 +176,7 @@ private:
         }
         startResponse(container, out);
         if constexpr (!std::is_void_v<T>)
-            out << result.value();
+            tipprmi::writeAll(out, result.value());
     }
     template <class T, class... Exceptions>
     static void respondWith(TipprmiExceptionContainer const* container, TipprmiStream& out,

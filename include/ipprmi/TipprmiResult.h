@@ -37,9 +37,12 @@ public:
     TipprmiResult(TipprmiFailure failure) : code_(failure.code) {}
 
     explicit operator bool() const { return succeeded_; }
-    /** The value; a default one when the call failed. */
-    T const& value() const { return value_; }
-    T valueOr(T other) const { return succeeded_ ? value_ : std::move(other); }
+    /** The value; a default one when the call failed. `std::move(result).value()` and a call's own
+     * result (`lamp.name().value()`) give theirs away without a copy. */
+    T const& value() const& { return value_; }
+    T value() && { return std::move(value_); }
+    T valueOr(T other) const& { return succeeded_ ? value_ : std::move(other); }
+    T valueOr(T other) && { return std::move(succeeded_ ? value_ : other); }
     /** The code of the failure; of no account when there is a value. */
     unsigned int code() const { return code_; }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -94,6 +95,12 @@ public:
     /** The next `n` bytes, which count as read; null when the read has failed. They are there until
      * the stream is written. */
     unsigned char const* take(std::size_t n);
+    /** Reads a text, or bytes, where they lie instead of copying them; they are there as long as
+     * those of `take`. Empty when the read has failed. */
+    std::string_view takeText();
+    /** Makes ready for `n` more bytes, so that writing them does not move what is there. The
+     * capacity stays as it is; without memory for so much nothing happens. */
+    void reserve(std::size_t n);
 
     /** Replaces the whole content by `n` bytes (null: zeros); the read position and the flag are
      * reset. */
@@ -216,7 +223,7 @@ private:
  * | char const* | int length, characters, no NUL (null: length 0) | see char*& |
  * | char*& | see char const* | new[] text with a NUL, the caller's to delete[] |
  * | std::string | int length, bytes | the bytes; cleared when the length is below 1 |
- * | std::string_view | as std::string | not read: there is nothing to own the bytes |
+ * | std::string_view | as std::string | as an argument of `serve` only: nothing else owns the bytes |
  * | TipprmiStream | int data size, data | contents replaced; untouched when the size is below 1 |
  * | Transport::TerminationId | 4 raw bytes in host order | the same |
  *

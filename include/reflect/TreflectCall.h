@@ -17,6 +17,8 @@ struct TreflectValueOf {
     using Result = TipprmiResult<T>;
 };
 template <class T>
+struct TreflectValueOf<T const&> : TreflectValueOf<T> {};
+template <class T>
 struct TreflectValueOf<TipprmiResult<T>> : TreflectValueOf<T> {};
 template <class T, class... Exceptions>
 struct TreflectValueOf<TipprmiOutcome<T, Exceptions...>> {

@@ -95,6 +95,9 @@ public:
         return size <= Transport::kLargestMessage - kHeaderSize &&
                message_.extend(static_cast<std::size_t>(size) + kHeaderSize);
     }
+    /** Has room for `size` payload bytes kept behind the buffer, for `extend`: moves to another
+     * buffer when this one has less. Whether there is so much. */
+    bool reserve(TreflectORB const* orb, unsigned int size);
     /** Whether no other handle shares the buffer; false without a buffer. */
     bool isSoleOwner() { return message_.extend(message_.size()); }
 

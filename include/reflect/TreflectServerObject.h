@@ -250,8 +250,9 @@ bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsign
                                  TipprmiStream& in, TipprmiStream& out,
                                  Result (Server::*method)(Parameters...)) {
     return serveWithObservers<Result, Parameters...>(
-        declaring, cc, mc, in, out, [&](auto const&... arguments) {
-            return (static_cast<Server*>(this)->*method)(arguments...);
+        declaring, cc, mc, in, out, [&](auto&&... arguments) -> Result {
+            return (static_cast<Server*>(this)->*method)(
+                std::forward<decltype(arguments)>(arguments)...);
         });
 }
 
@@ -260,8 +261,9 @@ bool TreflectServerObject::serve(unsigned int declaring, unsigned int cc, unsign
                                  TipprmiStream& in, TipprmiStream& out,
                                  Result (Server::*method)(Parameters...) const) {
     return serveWithObservers<Result, Parameters...>(
-        declaring, cc, mc, in, out, [&](auto const&... arguments) {
-            return (static_cast<Server const*>(this)->*method)(arguments...);
+        declaring, cc, mc, in, out, [&](auto&&... arguments) -> Result {
+            return (static_cast<Server const*>(this)->*method)(
+                std::forward<decltype(arguments)>(arguments)...);
         });
 }
 
@@ -296,7 +298,7 @@ bool TreflectServerObject::serveObserved(unsigned int declaring, unsigned int mc
     }
     auto const perform = [&] {
         return ObservedCall(*this, declaring, mc).run([&] {
-            return std::apply(method, arguments);
+            return callWith<Parameters...>(method, arguments);
         });
     };
     if constexpr (std::is_void_v<Result>) {

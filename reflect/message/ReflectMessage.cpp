@@ -74,6 +74,20 @@ TreflectMessage::TreflectMessage(TreflectORB const* orb, TreflectMessage const& 
         message_ = Transport::AddressedMessage();
 }
 
+bool TreflectMessage::reserve(TreflectORB const* orb, unsigned int size) {
+    unsigned int const present = this->size();
+    if (extend(size))
+        return extend(present);
+    if (message_.size() < kHeaderSize)
+        return false;
+    Transport::AddressedMessage roomy = allocate(orb, present, size);
+    if (roomy.empty())
+        return false;
+    std::memcpy(roomy.buf(), message_.buf(), message_.size());
+    message_ = std::move(roomy);
+    return true;
+}
+
 std::uint32_t TreflectMessage::field_(std::size_t offset) const {
     if (message_.size() < kHeaderSize)
         return 0;

@@ -19,7 +19,7 @@ public:
     unsigned int getSerial() override { return kSerial; }
     std::string describe(bool detailed) override { return detailed ? "a gate of steel" : "a gate"; }
     std::string getTitle() override { return title_; }
-    TipprmiOutcome<void, parts::named::BadName> setTitle(std::string const& title) override {
+    TipprmiOutcome<void, parts::named::BadName> setTitle(std::string_view title) override {
         if (title.empty())
             return parts::named::BadName{"none"};
         title_ = title;
@@ -39,7 +39,7 @@ public:
     works::Tree tree(works::Tree const& given) override { return given; }
     works::Value value(works::Value const& given) override { return given; }
     works::OnOff onOff(works::OnOff const& given) override { return given; }
-    works::Bytes bytes(works::Bytes const& given) override { return given; }
+    works::Bytes bytes(TipprmiByteView given) override { return {given.begin(), given.end()}; }
     std::vector<bool> flags(std::vector<bool> const& given) override { return given; }
     TipprmiAny anything(TipprmiAny const& given) override { return given; }
     std::wstring wide(std::wstring const& given) override { return given; }

@@ -19,7 +19,7 @@ _CLASSES = {
 
 def body(text, name):
     """What stands between the braces of a class, without comments and what stands in other braces."""
-    text = re.sub(r"/\*.*?\*/|//[^\n]*", "", text, flags=re.S)
+    text = re.sub(r"/\*.*?\*/|//[^\n]*|decltype\(auto\)", "", text, flags=re.S)
     start = re.search(r"class (?:\w+ )*%s\b[^;{]*\{" % name, text).end()
     depth, kept = 1, []
     for letter in text[start:]:
