@@ -1,16 +1,13 @@
 // Observers of brokers that come and go, and what a broker that goes leaves behind.
 #include "BrokerListener.h"
 #include "BrokerTest.h"
-#include "Probe.h"
 #include "RawPeer.h"
-#include "ReflectActor.h"
 #include "Threads.h"
 #include "reflect/notices/TreflectOrbObserver.h"
 
 namespace {
 
 using testsupport::statesOfThreads;
-using Clock = std::chrono::steady_clock;
 using Appear_t = TreflectOrbObserverIf::Appear_t;
 
 class PresenceObserverTest : public BrokerTest {};
@@ -203,29 +200,6 @@ TEST_F(PresenceObserverTest, observerMayDeleteTheBrokersThatTellIt) {
     BrokerListener fresh;
     EXPECT_TRUE(orb().registerOrbCreation(&fresh, true));
     EXPECT_GE(fresh.notices().size(), 1u);
-}
-
-TEST_F(PresenceObserverTest, callOfAProcessThatIsKilledFailsAtOnceAndHandlesGoInvalid) {
-    ReflectActor server;
-    server.publish("lamp");
-    TreflectHandlerState const handlerState(true);
-    ProbeClient client{oid("lamp")};
-    TreflectObject const copy{oid("lamp")};
-    ASSERT_TRUE(copy.isConnected());
-    Clock::time_point killed;
-    std::thread killer([&] {
-        EXPECT_SOON(server.ask("holding lamp", "holding") == "1");
-        killed = Clock::now();
-        server.child().kill();
-    });
-    ProbeClient::Answer const answer = client.call(kHold);
-    EXPECT_LT(Clock::now() - killed, std::chrono::seconds(2));
-    killer.join();
-    EXPECT_FALSE(answer.succeeded);
-    EXPECT_EQ(answer.exceptionCode, 0u);
-    EXPECT_TRUE(log_.contains("aborted (Detection Rem.Disc.=true"));
-    EXPECT_FALSE(client.isConnected());
-    EXPECT_FALSE(copy.isConnected());
 }
 
 }  // namespace
