@@ -3,6 +3,7 @@
 #include "handler_threads/RunPermission.h"
 #include "ipprmi/TipprmiObjectBase.h"
 #include "reflect/TreflectObjectLocationIf.h"
+#include "reflect/TreflectObjectStubContainer.h"
 
 class TreflectMetaObject;
 class TreflectMetaOperation;
@@ -172,9 +173,7 @@ private:
     int refCount_ = 0;                         // guarded by the run permission
     // The class that the object was last found to have. Guarded by the run permission.
     mutable TreflectMetaObject const* metaCache_ = nullptr;
-    // The server under which the table of stubs has this stub; null when it has it under none.
-    TipprmiObjectSkeleton const* filedServer_ OSW_GUARDED_BY_PERMISSION = nullptr;
-    std::uint64_t filedAs_ OSW_GUARDED_BY_PERMISSION = 0;  // its number among that table's entries
+    TreflectObjectStubContainer::Place place_ OSW_GUARDED_BY_PERMISSION;
 };
 
 /** Equal identifiers when both have one, else equal in internal id, broker, namespace and server.

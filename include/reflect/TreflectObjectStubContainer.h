@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
+#include <map>
 
 #include "handler_threads/RunPermission.h"
 #include "ipprmi/TipprmiOID.h"
@@ -20,10 +20,32 @@ class TreflectObjectStub;
  *
  * Locations are equivalent by place (namespace, internal id, broker) and, when both have one, by
  * identifier: a relation that is not transitive, so it cannot be that of a key. Stubs are found by
- * their place alone; those of one place are few.
+ * their place alone; those of one place are few, and where somebody made them many, only some are
+ * looked at: then a location may have several stubs.
+ *
+ * Other processes say where the objects are whose handles they send, so nothing here takes longer
+ * for what they choose: places are filed under a hash of this process's own, a stub leaves by where
+ * it stands, and those of a broker that goes are found without the others.
  */
 class REFLECTORB_API TreflectObjectStubContainer {
+    // By the hash of the place, and of the identifier for what has not been found yet, since all
+    // that share one place.
+    using Stubs = std::multimap<std::size_t, TreflectObjectStub*>;
+    using BrokerStubs = std::multimap<TreflectOrbId, TreflectObjectStub*>;
+    using LocalStubs = std::multimap<TipprmiObjectSkeleton const*, TreflectObjectStub*>;
+
 public:
+    /** Where the table has a stub: the stub keeps it. Guarded by the run permission. */
+    class Place {
+        friend TreflectObjectStubContainer;
+
+        std::uint64_t number_ = 0;  // among the entries of the table; 0: not in it
+        Stubs::iterator stub_;
+        BrokerStubs::iterator broker_;
+        bool isLocal_ = false;
+        LocalStubs::iterator local_;
+    };
+
     /** Null is ignored. */
     void insert(TreflectObjectStub* stub) OSW_REQUIRES_PERMISSION;
     /** Takes out this very stub, not an equivalent one; false when it is not in. */
@@ -44,10 +66,6 @@ private:
         TreflectOrbId orb;
         TipprmiOID oid;  // its text is null for a stub without identifier
     };
-    // By the hash of the place, and of the identifier for what has not been found yet, since all
-    // that share one place.
-    using Stubs = std::unordered_multimap<std::size_t, TreflectObjectStub*>;
-    using LocalStubs = std::unordered_multimap<TipprmiObjectSkeleton const*, TreflectObjectStub*>;
 
     static Key keyOf(TreflectObjectLocationIf const& location);
     static std::size_t hashOf(Key const& key);
@@ -57,7 +75,9 @@ private:
                             TreflectObjectStub const& b) OSW_REQUIRES_PERMISSION;
 
     Stubs stubs_ OSW_GUARDED_BY_PERMISSION;
-    // Those of local objects once more, so that the end of an object finds them at once.
+    // Once more, so that the end of a broker finds those of its objects at once, and the end of a
+    // local object its own.
+    BrokerStubs byBroker_ OSW_GUARDED_BY_PERMISSION;
     LocalStubs local_ OSW_GUARDED_BY_PERMISSION;
     std::uint64_t entered_ OSW_GUARDED_BY_PERMISSION = 0;  // how many have been put in
 };

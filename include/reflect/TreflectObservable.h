@@ -93,6 +93,9 @@ public:
 protected:
     /** Says that the object is being destroyed. */
     void endLife();
+    /** Whether another process may register an observer: of one broker no more than 1024
+     * registrations are kept. Those of processes that have gone make room. */
+    bool makeRoomFor(TreflectObserverClient const& client);
     /** Whether anybody would be told after a call of any operation. */
     bool isObservedAfterCalls() const {
         handlerthreads::trustPermission();
@@ -121,6 +124,8 @@ private:
     bool askGuard(TreflectObserverClient const& client, TreflectObject const& source,
                   Key const& key, TipprmiSequence<TipprmiAny, 0u> const& arguments);
     void noteGuard(TreflectObserverClient const& client, Key const& key, bool lost);
+    unsigned int countOf(TreflectOrbId const& broker) const;
+    void forgetThoseGone();
     void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
     // Made with the first registration.

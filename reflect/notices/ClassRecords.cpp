@@ -198,5 +198,6 @@ void ClassRecords::forgetEverywhere(TreflectObserver const& observer) {
 void ClassRecords::close() {
     for (auto& entry : records_)
         entry.second.forgetAll();
+    unknown_ = UnknownClasses();
     subscriptions_.close();
 }

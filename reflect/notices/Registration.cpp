@@ -5,7 +5,13 @@
 namespace {
 
 /** A registration lasts for moments, unless a broker does not answer. */
-constexpr std::size_t kMostObjectsHeardOf = 65'536;
+constexpr std::size_t kMostObjects = 65'536;
+
+/** Remembers a place, as long as there is room. */
+void remember(std::set<ObjectPlace>& places, ObjectPlace const& place) {
+    if (places.size() < kMostObjects)
+        places.insert(place);
+}
 
 }  // namespace
 
@@ -29,13 +35,13 @@ void Registration::noticed(TreflectObject const& object, Notice const& notice) {
     if (notice.ended())
         return;
     if (ended() || notice.isToldTo(observer_))
-        told_.insert(notice.place());
-    else
+        remember(told_, notice.place());
+    else if (kept_.size() < kMostObjects)
         kept_.emplace_back(notice.place(), TreflectObject()).second.share_(object);
 }
 
 void Registration::gone(ObjectPlace const& place) {
-    gone_.insert(place);
+    remember(gone_, place);
     told_.erase(place);
     kept_.remove_if([&](auto const& kept) { return kept.first == place; });
 }
@@ -44,12 +50,15 @@ void Registration::gone(ObjectPlace const& place) {
 void Registration::asks(TreflectOrbId const& broker) {
     eraseThoseAt(broker, gone_);
     for (Notice const& notice : record_.deletions.notices)
-        gone_.insert(notice.place());
+        remember(gone_, notice.place());
 }
 
 bool Registration::isNews(TreflectObject const& object) {
     ObjectPlace const place = placeOf(object);
-    return mayBeThere(object) && gone_.count(place) == 0 && told_.insert(place).second;
+    if (!mayBeThere(object) || gone_.count(place) != 0 || told_.count(place) != 0)
+        return false;
+    remember(told_, place);
+    return true;
 }
 
 // A notice that is being told at the same time leaves the observer out.
@@ -75,7 +84,7 @@ void Registration::enter() {
 }
 
 void Registration::heardOf(ObjectPlace const& place, TreflectObject const& object) {
-    if (heard_.size() < kMostObjectsHeardOf)
+    if (heard_.size() < kMostObjects)
         heard_[place].share_(object);
 }
 

@@ -24,8 +24,10 @@ class TreflectObserver;
  * thread, or by its own callback.
  *
  * It remembers as well which objects of other brokers anybody is told of while it lasts, since such
- * an object may go before the first observer of deletions has been subscribed at its broker. It
- * remembers 65,536 of them at most: the end of any other that goes so early is not told.
+ * an object may go before the first observer of deletions has been subscribed at its broker.
+ *
+ * Of all this it remembers 65,536 objects at most, since others decide how long it lasts and what
+ * they tell meanwhile: beyond that an object may be told of twice, or its early end not at all.
  */
 class Registration : public ListedWhileItLives {
 public:

@@ -8,6 +8,10 @@
 
 namespace {
 
+/** Of a broker that says that it knows more classes than these nothing is remembered: it is asked
+ * for each. */
+constexpr unsigned int kMostClasses = 65'536;
+
 // Copies that look for nothing. What one that has gone while it answered had is not news.
 void readExisting(TipprmiStream& response, Transport::TerminationId const& target,
                   std::vector<TreflectObject>* existing) {
@@ -70,7 +74,7 @@ void Subscriptions::cancelAtAll(NoticeKind kind, unsigned int classId) const {
 bool Subscriptions::mayServe(Transport::TerminationId const& target, unsigned int classId) const {
     auto const known = knownOrbClasses_.find(target);
     return known == knownOrbClasses_.end() ||
-           std::find(known->second.begin(), known->second.end(), classId) != known->second.end();
+           std::binary_search(known->second.begin(), known->second.end(), classId);
 }
 
 void Subscriptions::learnClasses(Transport::TerminationId const& target, TipprmiStream& response) {
@@ -79,11 +83,12 @@ void Subscriptions::learnClasses(Transport::TerminationId const& target, Tipprmi
     TipprmiSequence<unsigned int, 0u> ids;
     response >> ids;
     // One that has gone while it answered has been forgotten already.
-    if (response.hasUnmarshallingFailed() || !exists(target))
+    if (response.hasUnmarshallingFailed() || ids.getLength() > kMostClasses || !exists(target))
         return;
     std::vector<unsigned int>& known = knownOrbClasses_[target];
     for (unsigned int i = 0; i < ids.getLength(); ++i)
         known.push_back(ids[i]);
+    std::sort(known.begin(), known.end());
 }
 
 void Subscriptions::countDeletions(MetaData& record) {

@@ -63,7 +63,7 @@ private:
     TreflectORB& orb_;
     TreflectMissedOrbs missedCreations_;
     TreflectMissedOrbs missedDeletions_;
-    /** The classes that other brokers have said they know. */
+    /** The classes that other brokers have said they know, in ascending order. */
     std::map<Transport::TerminationId, std::vector<unsigned int>> knownOrbClasses_
         OSW_GUARDED_BY_PERMISSION;
     /** Counted under the run permission when the brokers have answered, read by the receiving

@@ -16,7 +16,7 @@
 class UnknownClasses {
 public:
     /** As many classes a broker may have subscribed to, of those that are unknown here. */
-    static constexpr std::size_t kMostOfBroker = 4096;
+    static constexpr std::size_t kMostOfBroker = 1024;
 
     /** False when the broker has subscribed to too many. */
     bool add(NoticeKind kind, unsigned int classId,

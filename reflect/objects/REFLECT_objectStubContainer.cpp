@@ -1,25 +1,32 @@
 #include <cstring>
 #include <functional>
-#include <new>
+#include <random>
 #include <string_view>
+#include <utility>
 
-#include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
 
 namespace {
 
-/** Takes out the one entry that leads from `key` to `stub`; false when there is none. */
+/** So many stubs of one place are looked at. */
+constexpr unsigned int kMostAtOnePlace = 256;
+
+/** Differs from process to process, so that nobody can choose places that share a hash. */
+std::uint64_t seed() {
+    static std::uint64_t const value = [] {
+        std::random_device random;
+        return random() | std::uint64_t{random()} << 32;
+    }();
+    return value;
+}
+
+/** An entry of a table, made before any table is changed. */
 template <class Table, class Key>
-bool eraseFrom(Table& table, Key const& key, TreflectObjectStub const* stub) {
-    auto const range = table.equal_range(key);
-    for (auto at = range.first; at != range.second; ++at) {
-        if (at->second == stub) {
-            table.erase(at);
-            return true;
-        }
-    }
-    return false;
+typename Table::node_type entry(Key const& key, TreflectObjectStub* stub) {
+    Table made;
+    made.emplace(key, stub);
+    return made.extract(made.begin());
 }
 
 }  // namespace
@@ -35,11 +42,16 @@ TreflectObjectStubContainer::Key TreflectObjectStubContainer::keyOf(
 }
 
 std::size_t TreflectObjectStubContainer::hashOf(Key const& key) {
-    constexpr std::size_t kFactor = 31;
-    std::size_t const place =
-        (key.internalOid * kFactor + key.orb.value()) * kFactor + static_cast<std::size_t>(key.ns);
+    // Multiplications by odd numbers, and shifts, that spread each bit over all (SplitMix64).
+    auto const mix = [](std::uint64_t bits) {
+        bits = (bits ^ bits >> 30) * 0xBF58476D1CE4E5B9u;
+        bits = (bits ^ bits >> 27) * 0x94D049BB133111EBu;
+        return bits ^ bits >> 31;
+    };
+    std::uint64_t const place = std::uint64_t{key.internalOid} << 32 | key.orb.value();
+    std::uint64_t const hash = mix(mix(place ^ seed()) + static_cast<std::uint64_t>(key.ns));
     char const* const text = key.internalOid == 0 ? key.oid.getIdString() : nullptr;
-    return text ? place ^ std::hash<std::string_view>()(text) : place;
+    return static_cast<std::size_t>(text ? hash ^ std::hash<std::string_view>()(text) : hash);
 }
 
 bool TreflectObjectStubContainer::answersTo(TreflectObjectStub const& stub, Key const& key) {
@@ -55,41 +67,46 @@ bool TreflectObjectStubContainer::comesBefore(TreflectObjectStub const& a,
     char const* const left = a.oid().getIdString();
     char const* const right = b.oid().getIdString();
     int const order = left && right ? std::strcmp(left, right) : 0;
-    return order != 0 ? order < 0 : a.filedAs_ < b.filedAs_;
+    return order != 0 ? order < 0 : a.place_.number_ < b.place_.number_;
 }
 
 void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
     if (!stub)
         return;
-    TipprmiObjectSkeleton* const server = stub->getServer();
-    auto const filed = stubs_.emplace(hashOf(keyOf(*stub)), stub);
-    auto const fileUnderServer = [&] {
-        handlerthreads::trustPermission();
-        local_.emplace(server, stub);
-    };
-    if (server && !OSWrap::withMemory(fileUnderServer)) {
-        stubs_.erase(filed);
-        throw std::bad_alloc();
-    }
-    stub->filedAs_ = ++entered_;
-    stub->filedServer_ = server;
+    TipprmiObjectSkeleton const* const server = stub->getServer();
+    Stubs::node_type filed = entry<Stubs>(hashOf(keyOf(*stub)), stub);
+    BrokerStubs::node_type ofBroker = entry<BrokerStubs>(stub->orbId(), stub);
+    LocalStubs::node_type local =
+        server ? entry<LocalStubs>(server, stub) : LocalStubs::node_type();
+    Place& place = stub->place_;
+    place.stub_ = stubs_.insert(std::move(filed));
+    place.broker_ = byBroker_.insert(std::move(ofBroker));
+    place.isLocal_ = server != nullptr;
+    if (server)
+        place.local_ = local_.insert(std::move(local));
+    place.number_ = ++entered_;
 }
 
 bool TreflectObjectStubContainer::erase(TreflectObjectStub* stub) {
-    if (!stub || !eraseFrom(stubs_, hashOf(keyOf(*stub)), stub))
+    if (!stub || stub->place_.number_ == 0)
         return false;
-    if (stub->filedServer_)
-        eraseFrom(local_, stub->filedServer_, stub);
-    stub->filedServer_ = nullptr;
+    Place& place = stub->place_;
+    stubs_.erase(place.stub_);
+    byBroker_.erase(place.broker_);
+    if (place.isLocal_)
+        local_.erase(place.local_);
+    place = Place();
     return true;
 }
 
 TreflectObjectStub* TreflectObjectStubContainer::find(
     TreflectObjectLocationIf const& location) const {
     Key const key = keyOf(location);
+    std::size_t const hash = hashOf(key);
     TreflectObjectStub* found = nullptr;
-    auto const range = stubs_.equal_range(hashOf(key));
-    for (auto at = range.first; at != range.second; ++at) {
+    unsigned int looked = 0;
+    for (auto at = stubs_.lower_bound(hash);
+         at != stubs_.end() && at->first == hash && looked < kMostAtOnePlace; ++at, ++looked) {
         TreflectObjectStub* const stub = at->second;
         if (stub->isValid() && answersTo(*stub, key) && (!found || comesBefore(*stub, *found)))
             found = stub;
@@ -98,10 +115,9 @@ TreflectObjectStub* TreflectObjectStubContainer::find(
 }
 
 void TreflectObjectStubContainer::invalidateStubs(TreflectOrbId const& orb) {
-    for (auto const& entry : stubs_) {
-        if (entry.second->orbId() == orb)
-            entry.second->setInvalid();
-    }
+    auto const range = byBroker_.equal_range(orb);
+    for (auto at = range.first; at != range.second; ++at)
+        at->second->setInvalid();
 }
 
 void TreflectObjectStubContainer::invalidateStubs(TipprmiObjectSkeleton const* server) {

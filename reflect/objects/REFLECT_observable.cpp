@@ -10,10 +10,18 @@
 
 namespace {
 
+/** Registrations that are kept of one broker. */
+constexpr unsigned int kMostOfBroker = 1024;
+
 /** Whether an observer may be reached, as far as is known without asking. */
 bool isThere(TreflectObserverClient const& client) {
     TreflectObjectStub const* const stub = client.getStub_();
     return stub && stub->isValid();
+}
+
+TreflectOrbId brokerOf(TreflectObserverClient const& client) {
+    TreflectObjectStub const* const stub = client.getStub_();
+    return stub ? stub->orbId() : TreflectOrbId();
 }
 
 // Of the calling thread: whose guards stay when a registration of their observer is ended.
@@ -104,6 +112,39 @@ unsigned int TreflectObservable::removeLostGuards(unsigned int cc, unsigned int 
         at = isLost ? preObservers_->erase(at) : std::next(at);
     }
     return count;
+}
+
+unsigned int TreflectObservable::countOf(TreflectOrbId const& broker) const {
+    unsigned int count = 0;
+    for (TreflectObservation const& each : observations_())
+        count += brokerOf(*each.observer) == broker ? 1 : 0;
+    return count;
+}
+
+void TreflectObservable::forgetThoseGone() {
+    handlerthreads::trustPermission();
+    for (Observers* const observers : {preObservers_.get(), postObservers_.get()}) {
+        if (!observers)
+            continue;
+        for (auto at = observers->begin(); at != observers->end();) {
+            bool const stays = at->second.guards || isThere(at->second.client);
+            at = stays ? std::next(at) : observers->erase(at);
+        }
+    }
+}
+
+bool TreflectObservable::makeRoomFor(TreflectObserverClient const& client) {
+    TreflectOrbId const broker = brokerOf(client);
+    if (countOf(broker) < kMostOfBroker)
+        return true;
+    forgetThoseGone();
+    if (countOf(broker) < kMostOfBroker)
+        return true;
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_observable",
+                           "an observer of ORB 0x%X is refused: it has %u at the object already",
+                           broker.value(), kMostOfBroker);
+    return false;
 }
 
 void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClient const& client) {

@@ -324,7 +324,7 @@ void TreflectServerObject::serveObserverRegistration(TipprmiStream& in, TipprmiS
     TreflectObserverClient observer;
     Life const life(*this);
     in >> kind >> cc >> mc >> observer;
-    if (life.ended()) {
+    if (life.ended() || !makeRoomFor(observer)) {
         writeGeneralException(out, TipprmiFailure::kNotServed);
         return;
     }
@@ -350,7 +350,7 @@ void TreflectServerObject::serveGuardRegistration(TipprmiStream& in, TipprmiStre
     TreflectObserverClient observer;
     Life const life(*this);
     in >> cc >> mc >> observer;
-    if (life.ended() || in.hasUnmarshallingFailed()) {
+    if (life.ended() || in.hasUnmarshallingFailed() || !makeRoomFor(observer)) {
         writeGeneralException(out, TipprmiFailure::kNotServed);
         return;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <set>
 
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
@@ -139,12 +140,13 @@ void PresenceTable::drop(std::vector<TerminationId> const& ids, Departures& depa
         if (entries_.count(id) != 0)
             notices.splice(notices.end(), noticesOf(id));
     departures.ids_.reserve(departures.ids_.size() + ids.size());
-    for (TerminationId const id : ids) {
-        if (entries_.erase(id) == 0)
-            continue;
-        departures.ids_.push_back(id);
-        arrivals_.queue.remove_if([&](Notice const& notice) { return notice.id == id; });
-    }
+    std::set<TerminationId> gone(ids.begin(), ids.end());
+    for (TerminationId const id : ids)
+        if (entries_.erase(id) != 0)
+            departures.ids_.push_back(id);
+        else
+            gone.erase(id);
+    arrivals_.queue.remove_if([&](Notice const& notice) { return gone.count(notice.id) != 0; });
     departures.notices_.splice(departures.notices_.end(), notices);
 }
 

@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "BrokerTest.h"
 
 namespace {
@@ -71,6 +73,24 @@ TEST_F(ObjectStubTest, StubsOfOnePlaceAreToldApartAndLeaveTheTable) {
     TreflectObjectStub* const afresh = adopt(remote(7, oid("x50")));
     EXPECT_EQ(afresh->refCount(), 1);
     handler.releaseStub(afresh);
+}
+
+// Other processes choose where the objects are whose handles they send.
+TEST_F(ObjectStubTest, NoChoiceOfPlacesMakesTheTableSlow) {
+    auto const seconds = [this](auto const& place) {
+        auto const begin = std::chrono::steady_clock::now();
+        std::vector<TreflectObjectStub*> stubs;
+        for (unsigned int i = 0; i < 20'000; ++i)
+            stubs.push_back(adopt(place(i)));
+        for (; !stubs.empty(); stubs.pop_back())
+            handler.releaseStub(stubs.back());
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    };
+    double const usual = seconds([](unsigned int i) { return remote(1 + i); });
+    EXPECT_LT(seconds([](unsigned int i) { return remote(1 + i, noOid, kRemoteOrb - 31 * i); }),
+              50 * usual);
+    EXPECT_LT(seconds([](unsigned int i) { return remote(7, oid("x" + std::to_string(i))); }),
+              100 * usual);
 }
 
 TEST_F(ObjectStubTest, OfEquivalentStubsTheFirstEnteredIsFound) {

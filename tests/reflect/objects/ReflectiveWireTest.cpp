@@ -304,6 +304,19 @@ TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
     permitted([&] { EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)); });
 }
 
+TEST_F(ReflectiveWire, ObserversOfOneProcessAreBounded) {
+    std::string const ofSet = number(0) + number(gauge::kClass) + number(gauge::kSet);
+    std::string const observer = wire::handle(kFar, peerId());
+    for (int i = 0; i < 1024; ++i)
+        ASSERT_EQ(ask(1000, ofSet + observer), ok_);
+    EXPECT_EQ(ask(1000, ofSet + observer), wire::kNotServed);
+    EXPECT_TRUE(log_.contains("is refused: it has 1024 at the object already"));
+    EXPECT_EQ(ask(1000, ofSet + wire::handle(kFar, TreflectOrbId(peerId().value() + 1))), ok_)
+        << "of another process";
+    EXPECT_EQ(ask(1001, observer), ok_);
+    EXPECT_EQ(ask(1000, ofSet + observer), ok_);
+}
+
 TEST_F(ReflectiveWire, ObserverWhoseAnswerCannotBeReadWasNotReached) {
     std::string const answers[]{"",
                                 ok_,
