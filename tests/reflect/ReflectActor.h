@@ -25,10 +25,8 @@ public:
     // ---- Watches of attributes
     /** "0" when that went well. */
     std::string follow(std::string const& watch, std::string const& object,
-                       std::string const& attribute, unsigned int leastMilliseconds = 0) {
-        return ask("follow " + watch + " " + object + " " + attribute + " " +
-                       std::to_string(leastMilliseconds),
-                   "following");
+                       std::string const& attribute) {
+        return ask("follow " + watch + " " + object + " " + attribute, "following");
     }
     /** The values that it has been told of, each with a blank behind it. */
     std::string values(std::string const& watch) { return ask("values " + watch, "values"); }

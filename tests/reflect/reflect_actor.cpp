@@ -246,18 +246,16 @@ void addObserverCommands(testsupport::Commands& on) {
         lamps.at(name)->changed("Level");
         return "changed";
     };
-    // Watches an attribute, with a least interval in milliseconds; "following 0" if it has numbers.
-    on["follow"] = [](Name name, Name object, Name attribute, unsigned int least) {
+    // Watches an attribute; "following 0" if it has numbers.
+    on["follow"] = [](Name name, Name object, Name attribute) {
         TreflectObject const watched(oid(object));
         Followed& one = followed[name];
-        one.watch = std::make_unique<TreflectWatch<unsigned int>>(
-            watched.attribute(attribute),
-            [&one](unsigned int value) {
-                one.values.push_back(value);
-                if (one.hangs)
-                    hang();
-            },
-            std::chrono::milliseconds(least));
+        one.watch = std::make_unique<TreflectWatch<unsigned int>>(watched.attribute(attribute),
+                                                                  [&one](unsigned int value) {
+                                                                      one.values.push_back(value);
+                                                                      if (one.hangs)
+                                                                          hang();
+                                                                  });
         return "following " + std::to_string(one.watch->isError());
     };
     on["hangs"] = [](Name name) {

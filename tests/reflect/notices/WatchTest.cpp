@@ -472,22 +472,6 @@ TEST_F(RemoteWatch, IsToldChangesAndSetsOfAllProcesses) {
     other.child().waitForExit();
 }
 
-TEST_F(RemoteWatch, IsToldTheLastOfManyAfterItsInterval) {
-    using Clock = std::chrono::steady_clock;
-    constexpr milliseconds kLeast(100);
-    ReflectActor actor;
-    std::string values;
-    Clock::time_point const begin = Clock::now();
-    EXPECT_EQ(actor.follow("w", "lamp", "Level", kLeast.count()), "0");
-    for (unsigned int level = 2; level <= 100; ++level)
-        change(level);
-    EXPECT_TRUE(testsupport::eventually([&] {
-        values = actor.values("w");
-        return values.size() > 4 && values.substr(values.size() - 5) == " 100 ";
-    }));
-    EXPECT_LE(std::count(values.begin(), values.end(), ' '), 1 + (Clock::now() - begin) / kLeast);
-}
-
 TEST_F(RemoteWatch, IsAnErrorWhenItsObjectDoesNotAnswerAndHasTimeToAsk) {
     ReflectActor actor;
     actor.ask("lamp far", "made");
