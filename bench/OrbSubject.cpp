@@ -40,8 +40,7 @@ public:
                 exchange(in, out);
                 return true;
             case kBody:
-                echoBody(in, out);
-                return true;
+                return serve(cc, mc, in, out, &TargetSkeleton::echo);
             case kNotice:
                 ++notices_;
                 return true;
@@ -62,11 +61,7 @@ private:
         out << number + 1 << text_;
     }
 
-    void echoBody(TipprmiStream& in, TipprmiStream& out) {
-        in >> text_;
-        prepareResponseStream_(out);
-        out << text_;
-    }
+    std::string echo(std::string_view body) { return std::string(body); }
 
     unsigned int notices_ = 0;  // guarded by the run permission, as all server objects are
     std::string text_;          // the same; kept to save its allocation per call
@@ -117,12 +112,10 @@ public:
     }
 
     bool callBody(std::size_t bytes) override {
-        static thread_local std::string answer;
         if (body_.size() != bytes)
             body_.assign(bytes, 'b');
-        Call echo([&](TipprmiStream& in) { in << body_; },
-                  [&](TipprmiStream& out) { out >> answer; });
-        return echo.perform(target_, kBody, true) && answer.size() == bytes;
+        std::string const answer = tipprmiCall<std::string>(target_, kClass, kBody, body_).value();
+        return answer.size() == bytes;
     }
 
     bool sendOneWay() override {
@@ -167,8 +160,6 @@ private:
 
 class Orb : public Subject {
 public:
-    char const* name() const override { return "orb"; }
-
     void serve(std::string const& folder) override {
         configure(folder, "bench-server");
         TreflectORB::enterHandlerState(true);

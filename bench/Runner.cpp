@@ -18,13 +18,17 @@ namespace {
 constexpr double kPauseOfNewBroker = 100;
 
 std::unique_ptr<Subject> makeSubject(std::string const& name) {
-    if (name == "orb")
-        return makeOrb();
-    if (name == "sleeping")
-        return makeSleepingFloor();
-    if (name == "polling")
-        return makePollingFloor();
-    return makePermissionFloor();
+    static std::map<std::string, std::unique_ptr<Subject> (*)()> const makers{
+        {"orb", makeOrb},
+        {"short", makeShortFloor},
+        {"sleeping", makeSleepingFloor},
+        {"polling", makePollingFloor},
+        {"permission", makePermissionFloor},
+#ifdef BENCH_PEERS
+        {"omniorb", makeOmniOrb},
+#endif
+    };
+    return makers.at(name)();
 }
 
 std::vector<std::unique_ptr<Child>> startBusyProcesses(Load load) {
@@ -50,15 +54,17 @@ Figures collect(Child& client) {
 
 Figures runPair(std::string const& subject, std::string const& scenario, Load load) {
     TemporaryFolder const folder;
-    int const processor = load == Load::kOneProcessor ? 0 : -1;
-    Child server({"--serve", subject, folder.path()}, processor);
+    bool const placed = load == Load::kOneProcessor || load == Load::kSplit;
+    Child server({"--serve", subject, folder.path()}, placed ? 0 : -1);
     std::string line;
     if (!server.readLine(line) || line != "ready")
         return {};
     auto const busy = startBusyProcesses(load);
     auto const start = std::chrono::steady_clock::now();
     Child client({"--measure", subject, scenario, folder.path(), std::to_string(server.pid())},
-                 processor);
+                 load == Load::kSplit ? 1
+                 : placed             ? 0
+                                      : -1);
     Figures figures;
     if (scenario == "start") {
         if (client.readLine(line) && line == "first")

@@ -6,8 +6,9 @@
 
 namespace bench {
 
-/** Where and beside what a pair of processes is measured. */
-enum class Load { kQuiet, kOneProcessor, kBusy };
+/** Where and beside what a pair of processes is measured: wherever the system puts their threads,
+ * both on one processor, each on one of its own, or beside a program that computes on each. */
+enum class Load { kFree, kOneProcessor, kSplit, kBusy };
 
 /** Starts a server and a client process of `subject`, measures `scenario`, ends them; empty when
  * that failed. The figures of "start" are measured here: process start to first answered call. */

@@ -36,7 +36,6 @@ public:
 class Subject {
 public:
     virtual ~Subject() = default;
-    virtual char const* name() const = 0;
     /** Serves in this process until standard input ends; prints "ready" when it can be called. */
     virtual void serve(std::string const& folder) = 0;
     /** Connects to the server; null, with a message on standard error, when that fails. */
@@ -50,6 +49,11 @@ std::unique_ptr<Subject> makeSleepingFloor();
 std::unique_ptr<Subject> makePollingFloor();
 /** The polling floor with one first-come-first-served token per process, given up while waiting. */
 std::unique_ptr<Subject> makePermissionFloor();
+/** The shortest path there is over shared-memory rings, every wait sleeping on a futex: a waiting
+ * caller reads its own answer, and the thread that receives a request serves it. */
+std::unique_ptr<Subject> makeShortFloor();
+/** omniORB over Unix sockets; in the program for comparisons only. */
+std::unique_ptr<Subject> makeOmniOrb();
 
 /** Tells the parent that calls may come, and waits until it closes standard input. */
 void announceAndWait();

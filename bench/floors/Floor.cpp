@@ -266,15 +266,11 @@ class Floor : public Subject {
 public:
     using MakeLink = std::unique_ptr<Link> (*)(std::string const&);
 
-    Floor(char const* name, MakeLink makeServer, MakeLink makeClient, Waiting waiting,
-          bool withToken)
-        : name_(name),
-          makeServer_(makeServer),
+    Floor(MakeLink makeServer, MakeLink makeClient, Waiting waiting, bool withToken)
+        : makeServer_(makeServer),
           makeClient_(makeClient),
           waiting_(waiting),
           withToken_(withToken) {}
-
-    char const* name() const override { return name_; }
 
     void serve(std::string const& folder) override {
         Token token;
@@ -288,7 +284,6 @@ public:
     }
 
 private:
-    char const* const name_;
     MakeLink const makeServer_;
     MakeLink const makeClient_;
     Waiting const waiting_;
@@ -298,18 +293,15 @@ private:
 }  // namespace
 
 std::unique_ptr<Subject> makeSleepingFloor() {
-    return std::make_unique<Floor>("sleeping floor", acceptSocketLink, connectSocketLink,
-                                   Waiting::kSleep, false);
+    return std::make_unique<Floor>(acceptSocketLink, connectSocketLink, Waiting::kSleep, false);
 }
 
 std::unique_ptr<Subject> makePollingFloor() {
-    return std::make_unique<Floor>("polling floor", acceptRingLink, connectRingLink, Waiting::kPoll,
-                                   false);
+    return std::make_unique<Floor>(acceptRingLink, connectRingLink, Waiting::kPoll, false);
 }
 
 std::unique_ptr<Subject> makePermissionFloor() {
-    return std::make_unique<Floor>("permission floor", acceptRingLink, connectRingLink,
-                                   Waiting::kPoll, true);
+    return std::make_unique<Floor>(acceptRingLink, connectRingLink, Waiting::kPoll, true);
 }
 
 }  // namespace bench

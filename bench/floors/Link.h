@@ -36,5 +36,9 @@ std::unique_ptr<Link> acceptSocketLink(std::string const& folder);
 std::unique_ptr<Link> connectSocketLink(std::string const& folder);
 std::unique_ptr<Link> acceptRingLink(std::string const& folder);
 std::unique_ptr<Link> connectRingLink(std::string const& folder);
+/** Rings of one caller, with their number, at which both sides sleep without polling first. The
+ * server makes them before it says that it is ready. */
+std::unique_ptr<Link> makeSleepingRing(std::string const& folder, std::uint32_t number);
+std::unique_ptr<Link> openSleepingRing(std::string const& folder, std::uint32_t number);
 
 }  // namespace bench

@@ -52,7 +52,7 @@ void copyOut(Ring const& ring, std::uint64_t at, void* target, std::size_t size)
 
 class RingLink : public Link {
 public:
-    RingLink(Ring* in, Ring* out) : in_(*in), out_(*out) {}
+    RingLink(Ring* in, Ring* out, Waiting waiting) : in_(*in), out_(*out), waiting_(waiting) {}
 
     void send(FloorMessage const& head, unsigned char const* body) override {
         std::size_t const size = sizeof head + head.bodySize;
@@ -99,7 +99,7 @@ private:
         while (!hasBytes()) {
             if (in_.closed != 0)
                 return false;
-            if (pollBriefly(Waiting::kPoll, [this] { return hasBytes(); }))
+            if (pollBriefly(waiting_, [this] { return hasBytes(); }))
                 return true;
             in_.sleeping.store(1, std::memory_order_seq_cst);
             if (!hasBytes() && in_.closed == 0)
@@ -111,12 +111,13 @@ private:
 
     Ring& in_;
     Ring& out_;
+    Waiting const waiting_;
     std::mutex sendMutex_;  // guards the tail of out_
 };
 
 /** Both rings in a file of the folder, which the server makes and the client opens. */
-Ring* mapRings(std::string const& folder, int flags) {
-    std::string const path = folder + "/rings";
+Ring* mapRings(std::string const& folder, std::uint32_t number, int flags) {
+    std::string const path = folder + "/rings" + std::to_string(number);
     int const file = open(path.c_str(), O_RDWR | O_CLOEXEC | flags, 0600);
     if (file < 0 || ((flags & O_CREAT) != 0 && ftruncate(file, 2 * sizeof(Ring)) < 0))
         die("rings");
@@ -131,15 +132,25 @@ Ring* mapRings(std::string const& folder, int flags) {
 }  // namespace
 
 std::unique_ptr<Link> acceptRingLink(std::string const& folder) {
-    Ring* const rings = mapRings(folder, O_CREAT | O_TRUNC);
+    Ring* const rings = mapRings(folder, 0, O_CREAT | O_TRUNC);
     close(acceptSocket(folder));
-    return std::make_unique<RingLink>(&rings[0], &rings[1]);
+    return std::make_unique<RingLink>(&rings[0], &rings[1], Waiting::kPoll);
 }
 
 std::unique_ptr<Link> connectRingLink(std::string const& folder) {
     close(connectSocket(folder));
-    Ring* const rings = mapRings(folder, 0);
-    return std::make_unique<RingLink>(&rings[1], &rings[0]);
+    Ring* const rings = mapRings(folder, 0, 0);
+    return std::make_unique<RingLink>(&rings[1], &rings[0], Waiting::kPoll);
+}
+
+std::unique_ptr<Link> makeSleepingRing(std::string const& folder, std::uint32_t number) {
+    Ring* const rings = mapRings(folder, number, O_CREAT | O_TRUNC);
+    return std::make_unique<RingLink>(&rings[0], &rings[1], Waiting::kSleep);
+}
+
+std::unique_ptr<Link> openSleepingRing(std::string const& folder, std::uint32_t number) {
+    Ring* const rings = mapRings(folder, number, 0);
+    return std::make_unique<RingLink>(&rings[1], &rings[0], Waiting::kSleep);
 }
 
 }  // namespace bench
