@@ -10,15 +10,12 @@
 #include <stdexcept>
 #include <thread>
 
+#include "GoodObject.h"
 #include "HandMadeLink.h"
 #include "platform/transport/local/EntryFolder.h"
-#include "tests/soak/SoakObject.h"
 
 namespace hostile {
 
-using soak::kClass;
-using soak::kEcho;
-using soak::kNote;
 using testsupport::HandMadeLink;
 using Transport::Descriptor;
 using Transport::FrameHead;
@@ -136,11 +133,10 @@ private:
             std::size_t const actor = file.find(std::string(".") + kGood);
             if (actor == std::string::npos || file[0] == '.' || !found.is_socket(ignored))
                 continue;
+            std::size_t const end = file.find('.', actor + 1);
             all.push_back({TerminationId(static_cast<unsigned int>(
                                std::strtoul(file.substr(0, 8).c_str(), nullptr, 16))),
-                           file,
-                           soak::homeOf(static_cast<unsigned int>(
-                               std::atoi(file.c_str() + actor + 1 + std::strlen(kGood))))});
+                           file, file.substr(actor + 1, end - actor - 1)});
         }
         return all;
     }

@@ -34,10 +34,10 @@ void dieAtOnce(Field& field) {
 
 /** A good one, which has subscribed at the others. */
 void stop(Field& field) {
-    testsupport::ChildProgram bystander("soak_actor", {"99", "1", "1", "4", "100", "/dev/null"});
-    if (!bystander.waitForLine("up"))
+    testsupport::ChildProgram bystander("hostile_good", {"bystander", "good-home"});
+    if (!bystander.waitForLine("ready"))
         return;
-    bystander.writeLine("go 0");
+    bystander.writeLine("go");
     pause(field.dice(100));
     bystander.stopWholly();
     pause(100 + field.dice(400));

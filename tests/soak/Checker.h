@@ -29,8 +29,6 @@ struct Limits {
     long long afterKill = 2'000'000;
     /** For everybody to know of a process that has come up or gone. */
     long long spread = 2'000'000;
-    /** Whether ids of brokers may be given again: somebody spoils the file that counts them. */
-    bool idsReturn = false;
 };
 
 struct Fault {
@@ -46,8 +44,6 @@ using Tally = std::map<std::string, unsigned long>;
 
 inline constexpr char kOnce[] = "every observer is told once of each object";
 inline constexpr char kGhost[] = "no observer is told of what has gone";
-inline constexpr char kOrder[] = "every observer is told in the order of what happens";
-inline constexpr char kAlive[] = "nobody who lives is told as gone";
 inline constexpr char kHang[] = "no call hangs longer than its rule allows";
 
 /** Where an object's id is its address, the next object there answers to the handles of the last.
@@ -81,7 +77,7 @@ class Checker {
 public:
     explicit Checker(Limits limits) : limits_(limits) {}
 
-    /** `at`: just before the signal was sent, or the order to end. */
+    /** `at`: just before the signal was sent. */
     void killed(Life life, long long at) { processes_[life].died = at; }
     void take(Life life, Event const& event) {
         Process& process = processes_[life];
@@ -92,20 +88,15 @@ public:
         } else if (verb == "start") {
             process.termination = words.at(0);
             process.broker = words.at(1);
-            for (auto& other : processes_)
-                other.second.met.erase(words.at(0));
         } else if (verb == "up") {
             process.up = event.at;
         } else if (verb == "met") {
             process.met.emplace(words.at(0), event.at);
-            if (process.lost.erase(words.at(0)) != 0 && !limits_.idsReturn)
+            if (process.lost.count(words.at(0)) != 0)
                 report("no broker is told as come after it was told as gone",
                        "actor " + life.text() + " met " + words.at(0) + " last", {words.at(0)});
         } else if (verb == "lost") {
             process.lost.insert(words.at(0));
-            for (auto const& [other, its] : processes_)
-                if (its.termination == words.at(0) && its.died == kNever && its.begin < event.at)
-                    report(kAlive, "actor " + life.text() + " lost actor " + other.text());
         } else if (verb == "told") {
             takeTold(life, event);
         } else if (verb == "call") {
@@ -144,17 +135,14 @@ public:
         });
         forgetThePast(at);
         lastFence_ = at;
-        lastTold_.clear();
     }
-    /** Whether the one-way calls between those alive, or only of one of them, have all come; the
-     * reasons why not. */
-    std::vector<std::string> unbalanced(Life const* only = nullptr) {
+    /** Whether the one-way calls between those alive have all come; the reasons why not. */
+    std::vector<std::string> unbalanced() {
         std::vector<std::string> reasons;
         for (auto const& [from, sender] : processes_)
             for (auto const& [to, receiver] : processes_) {
                 auto const sent = sender.sent.find(receiver.broker);
-                if (sender.died != kNever || receiver.died != kNever || sent == sender.sent.end() ||
-                    (only && from.text() != only->text()))
+                if (sender.died != kNever || receiver.died != kNever || sent == sender.sent.end())
                     continue;
                 long long const came = valueOr(receiver.received, from.text(), 0);
                 ++tally_["balances of one-way calls"];
@@ -177,7 +165,6 @@ public:
                    process.met.count(other.termination) != 0;
         });
     }
-    std::string terminationOf(Life life) { return processes_[life].termination; }
     std::vector<Fault> const& faults() const { return faults_; }
     void report(std::string const& invariant, std::string const& text,
                 std::vector<std::string> const& evidence = {}) {
@@ -267,7 +254,6 @@ private:
         if (event.at > registration.removed)
             report("no observer is told after its removal", text, {id, name});
         ++object->second.told[id];
-        checkOrder(object->second, name, life, id);
         if (!registration.creations) {
             object->second.toldDeleted.insert(life);
             return;
@@ -280,19 +266,6 @@ private:
         if (publisher != processes_.end() &&
             processes_[life].lost.count(publisher->second.termination) != 0)
             report(kGhost, text + " after its broker", {id, name});
-    }
-    /** Threads publish one thing after the other. */
-    void checkOrder(SoakedObject const& object, std::string const& name, Life life,
-                    std::string const& id) {
-        Registration const& registration = processes_[life].registrations[id];
-        long long const moment = registration.creations ? object.create : object.deletion;
-        if (processes_.count(object.publisher) == 0 || moment == kNever ||
-            moment <= std::max(registration.done, settled(life, object.publisher)))
-            return;
-        long long& last = lastTold_[id + " " + name.substr(0, name.rfind('.'))];
-        if (moment < last)
-            report(kOrder, "registration " + id + " was told late of " + name, {id, name});
-        last = std::max(last, moment);
     }
     void takeCall(Life life, Event const& event) {
         long long const begin = event.number(0);
@@ -416,7 +389,6 @@ private:
     std::vector<Fault> faults_;
     Tally tally_;
     long long lastFence_ = 0;
-    std::map<std::string, long long> lastTold_;  // when it happened; by registration and thread
 };
 
 }  // namespace soak

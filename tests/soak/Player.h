@@ -51,8 +51,7 @@ private:
             {5, "observe", &Player::observe},     {5, "unobserve", &Player::unobserve},
             {12, "ask", &Player::askKnownObject}, {6, "relay", &Player::relay},
             {8, "note", &Player::note},           {7, "attributes", &Player::useNames},
-            {2, "walk", &Player::walkTree},       {3, "veto", &Player::veto},
-            {10, "echo", &Player::echo}};
+            {2, "walk", &Player::walkTree},       {3, "veto", &Player::veto}};
         Role const role = actor_.settings.role();
         // The first two publish, the next two observe.
         auto choice = choices.begin() + (role == Role::observes ? 2 : 0);
@@ -87,7 +86,7 @@ private:
         ++made_;
         objects_[place] = std::make_unique<Object>(
             "o." + actor_.settings.name() + mine + std::to_string(made_), shortName, made_,
-            &classOf(classIndex), parent < actor_.settings.actors ? &home(parent) : nullptr,
+            classOf(classIndex), parent < actor_.settings.actors ? &home(parent) : nullptr,
             [this, classIndex](char const* what, std::string const& name) {
                 actor_.journal.write(what, name, classIndex);
             });
@@ -130,7 +129,7 @@ private:
         Client handle;
         std::string const name = actor_.known.take(dice(16), handle);
         if (!name.empty())
-            recordName(handle, name, "getName");
+            actor_.record(name, "getName", name, [&] { return handle.getName(); });
     }
     void relay() {
         unsigned int const length = 2 + dice(3);
@@ -142,31 +141,14 @@ private:
             path += (path.empty() ? "" : ".") + std::to_string(next);
             targets += "+" + homeOf(next);
         }
-        actor_.record(targets, "relay", length,
-                      [&] { return home(first).call<&Object::relay>(path); });
+        actor_.record(targets, "relay", length, [&] { return home(first).relay(path); });
     }
     /** The permission is kept from the sending on, so that the handle still tells where it went. */
     void note() {
-        std::string const target = homeOf(anyActor());
-        Client const& handle = home(actorOf(target));
-        for (unsigned int i = dice(8); i > 0; --i) {
-            long long const begin = now();
-            bool const sent{handle.send<&Object::note>(actor_.settings.name())};
-            actor_.journal.write("call", begin, target, sent ? "ok" : "failed", "note");
-            if (sent)
+        Client const& handle = home(anyActor());
+        for (unsigned int i = dice(8); i > 0; --i)
+            if (handle.note(actor_.settings.name()))
                 ++actor_.sent[handle.getStub_()->orbId().value()];
-        }
-    }
-    /** Mostly small; now and then larger than the largest ring. */
-    void echo() {
-        std::size_t const size = ++echoes_ % 256 == 0 ? 1'200'000 : dice(3000);
-        std::string const text(size, static_cast<char>('a' + echoes_ % 26));
-        std::string const target = homeOf(anyActor());
-        Client const& handle = home(actorOf(target));
-        actor_.record(target, "echo", text, [&] { return handle.call<&Object::echo>(text); });
-    }
-    void recordName(Client const& handle, std::string const& name, char const* what) {
-        actor_.record(name, what, name, [&] { return handle.call<&Object::getName>(); });
     }
     void useNames() {
         std::string const target = homeOf(anyActor());
@@ -175,19 +157,12 @@ private:
             actor_.record(target, "attribute", target,
                           [&] { return handle.attribute("Name").fetch<std::string>(); });
         else
-            setEven(target,
-                    [&](unsigned int level) { return handle.attribute("Level").store(level); });
-    }
-    /** The new level. */
-    static TipprmiResult<unsigned int> levelOr(TipprmiResult<void> const& done,
-                                               unsigned int level) {
-        return done ? TipprmiResult<unsigned int>(level) : TipprmiFailure(done.code());
+            setEven(target, [&](unsigned int level) { return handle.storeLevel(level); });
     }
     template <class Set>
     void setEven(std::string const& target, Set const& set) {
         unsigned int const level = 2 * dice(1000);
-        auto const done =
-            actor_.record(target, "set", level, [&] { return levelOr(set(level), level); });
+        auto const done = actor_.record(target, "set", level, [&] { return set(level); });
         if (!done && done.code() == TipprmiFailure::kVetoed)
             actor_.journal.write("fault", target, "refused an even level");
     }
@@ -203,7 +178,7 @@ private:
             Client child;
             child.share_(children[dice(number)]);
             std::string const name = nameOf(child);
-            recordName(child, name, "child");
+            actor_.record(name, "child", name, [&] { return child.getName(); });
         }
     }
     /** While our guard is registered an odd level is refused, as long as it is the same process. */
@@ -213,15 +188,13 @@ private:
         if (!guard_)
             guard_ = std::make_unique<Guard>();
         Client handle = homeForOnce(actorOf(target));
-        auto const before = handle.call<&Object::getNumber>();
+        auto const before = handle.getNumber();
         TreflectOperation& operation = handle.operation("setLevel");
         if (!before || !operation.preObserve(guard_.get()))
             return;
-        auto const set = [&](unsigned int level) { return handle.call<&Object::setLevel>(level); };
-        auto const taken =
-            actor_.record(target, "veto", odd, [&] { return levelOr(set(odd), odd); });
-        setEven(target, set);
-        auto const after = handle.call<&Object::getNumber>();
+        auto const taken = actor_.record(target, "veto", odd, [&] { return handle.setLevel(odd); });
+        setEven(target, [&](unsigned int level) { return handle.setLevel(level); });
+        auto const after = handle.getNumber();
         operation.removeObserver(guard_.get());
         if (taken && after && after.value() == before.value())
             actor_.journal.write("fault", target, "took an odd level in spite of the observer");
@@ -231,7 +204,6 @@ private:
     unsigned int const number_;
     std::mt19937 random_;
     unsigned int made_ = 0;
-    unsigned int echoes_ = 0;
     std::map<unsigned int, std::unique_ptr<Object>> objects_;  // by the number of their place
     Watchers watchers_;
     Watchers leaving_;

@@ -60,8 +60,7 @@ public:
         if (habit_ == Habit::asksBack) {
             Client handle;
             handle.share_(source);
-            actor_.record(name, "asked-by-observer", name,
-                          [&] { return handle.call<&Object::getName>(); });
+            actor_.record(name, "asked-by-observer", name, [&] { return handle.getName(); });
         }
         --busy_;
         return true;

@@ -30,7 +30,7 @@ public:
         TreflectHandlerState const inside(true);
         std::string const home = homeOf(settings.actor);
         home_ = std::make_unique<Object>(
-            home, home, settings.life, nullptr, nullptr,
+            home, home, settings.life, soakMeta, nullptr,
             [this](char const*, std::string const& from) { ++actor_.received[from]; });
         if (settings.role() != Role::publishes)
             registerAnchors();
