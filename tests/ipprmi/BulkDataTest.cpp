@@ -56,7 +56,9 @@ public:
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         request_ = &in;
-        return TreflectInterface::dispatch(withResponse, cc, mc, in, out);
+        bool const served = TreflectInterface::dispatch(withResponse, cc, mc, in, out);
+        request_ = nullptr;
+        return served;
     }
 
     std::string echo(std::string_view text) {
@@ -87,12 +89,14 @@ public:
 
 private:
     bool liesInRequest(void const* from, std::size_t size) const {
+        if (!request_)
+            return false;
         auto const* const first = static_cast<unsigned char const*>(from);
         unsigned char const* const data = request_->getDataPtr();
         return size > 0 && data <= first && first + size <= data + request_->getDataSize();
     }
 
-    TipprmiStream* request_ = nullptr;
+    TipprmiStream* request_ = nullptr;  // while one is served
     bool seesWhatHasArrived_ = false;
     std::string const kept_ = std::string(kLarge, 'k');
 };
@@ -132,6 +136,7 @@ TEST_F(BulkDataTest, AServerSeesTextsAndBytesWhereTheyHaveArrived) {
     EXPECT_TRUE(server_.seesWhatHasArrived());
     TreflectClient<StoreServer> const direct(oid("bulk.store"));
     EXPECT_EQ(direct.call<&StoreServer::sum>("abc", bytes).value(), 3 + 2 * kLarge);
+    EXPECT_FALSE(server_.seesWhatHasArrived()) << "but the caller's own, without a message";
     EXPECT_EQ(direct.call<&StoreServer::kept>().value().size(), kLarge);
 }
 
