@@ -1,6 +1,7 @@
 #pragma once
 
 #include <list>
+#include <string>
 
 #include "transport/Termination.h"
 
@@ -15,6 +16,12 @@ public:
 
 private:
     GroupId id_;
+};
+
+/** Whose a termination is, as its entry in the rendezvous folder tells. A value. */
+struct Owner {
+    int process = 0;    ///< its id; 0 for none
+    std::string actor;  ///< its name, with "_" for all but letters, digits and "-", perhaps cut
 };
 
 /**
@@ -34,6 +41,8 @@ public:
      * the thread that calls `TerminationImpl::receive`.
      */
     bool stillExists(TerminationId id) const;
+    /** Process 0 for one that is not there. */
+    Owner ownerOf(TerminationId id) const;
     Group getGroup(GroupId id) const { return Group(id); }
     /** All terminations of all groups, in ascending order. */
     std::list<TerminationId> getTerminations() const;

@@ -17,6 +17,10 @@ bool TransportLayer::stillExists(TerminationId id) const {
     return Rendezvous::instance().stillExists(id);
 }
 
+Owner TransportLayer::ownerOf(TerminationId id) const {
+    return Rendezvous::instance().ownerOf(id);
+}
+
 std::list<TerminationId> TransportLayer::getTerminations() const {
     auto const all = Rendezvous::instance().terminations();
     return {all.begin(), all.end()};

@@ -207,6 +207,12 @@ bool EntryFolder::isOf(pid_t process, std::string const& file) {
     return file.find(".pid" + std::to_string(process) + ".") != std::string::npos;
 }
 
+std::string EntryFolder::actorOf(std::string const& file) {
+    std::size_t const process = file.find(".pid");
+    std::size_t const end = process == std::string::npos ? process : file.find('.', process + 1);
+    return end == std::string::npos ? "" : file.substr(end + 1);
+}
+
 namespace {
 
 struct CloseFolder {

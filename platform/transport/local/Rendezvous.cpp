@@ -311,6 +311,13 @@ bool Rendezvous::exists(TerminationId id) const {
     return !inForkedChild() && state_.table.exists(id);
 }
 
+Owner Rendezvous::ownerOf(TerminationId id) const {
+    PresenceTable::Entry entry;
+    if (inForkedChild() || !state_.table.find(id, entry))
+        return {};
+    return {entry.owner, EntryFolder::actorOf(entry.file)};
+}
+
 std::vector<TerminationId> Rendezvous::terminations() const {
     return inForkedChild() ? std::vector<TerminationId>() : state_.table.ids();
 }

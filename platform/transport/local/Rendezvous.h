@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "transport/TerminationId.h"
+#include "transport/TransportLayer.h"
 
 namespace Transport {
 
@@ -67,6 +68,8 @@ public:
 
     /** Whether `id` is there; answers from memory. */
     bool exists(TerminationId id) const;
+    /** Whose `id` is; from memory. */
+    Owner ownerOf(TerminationId id) const;
     /** Everybody who is there, in ascending order; from memory. */
     std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
