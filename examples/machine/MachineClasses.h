@@ -5,7 +5,7 @@
 // and, if it can be changed, "setLoad".
 //
 // Nothing in here needs the C++ classes: a program that includes no more than this file can read,
-// change, call and watch every object by name (examples/inspect is one).
+// change, call and watch every object by name (the command reflectorb needs not even this).
 #pragma once
 
 #include <reflect.h>

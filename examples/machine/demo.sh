@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Three actors at work: `machine` publishes this machine's parts, `panel` finds and shows them, and
-# `inspect` looks into them, uses them and watches them by name, without knowing their classes. The
-# machine is stopped and started again while the panel runs.
+# Two actors at work: `machine` publishes this machine's parts, and `panel` finds and shows them. The
+# command `reflectorb` looks into them, uses them and watches them by name, without knowing their
+# classes. The machine is stopped and started again while the panel runs.
 #
 #   demo.sh [<build folder>]      (./run demo builds first)
 #
@@ -11,7 +11,7 @@ set -euo pipefail
 
 build=${1:-build/release}
 programs=$build/examples/machine
-inspector=$build/examples/inspect/inspect
+tool=$build/tool/reflectorb
 read -r -a runner <<<"${DEMO_RUNNER:-}"
 refreshes=8
 patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine needs less
@@ -19,11 +19,12 @@ patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine nee
 # ---- A folder of our own, in which the two find each other, and its end ------------------------
 work=$(mktemp -d)
 export TRANSPORT_DIR=$work/rendezvous
-machine_pid='' panel_pid='' worker_pid='' inspect_pid=''
+export REFLECTORB_PROCESS_OBJECT=1 # they tell what they are
+machine_pid='' panel_pid='' worker_pid='' tool_pid=''
 
 clean_up() {
     local pid
-    for pid in $inspect_pid $worker_pid $panel_pid $machine_pid; do
+    for pid in $tool_pid $worker_pid $panel_pid $machine_pid; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
@@ -37,7 +38,7 @@ say() { printf '\n--- %s\n' "$*"; }
 fail() {
     say "demo: FAILED: $*"
     sed 's/^/    machine: /' "$work/machine.log" 2>/dev/null || true
-    sed 's/^/    inspect: /' "$work/inspect.log" 2>/dev/null || true
+    sed 's/^/    reflectorb: /' "$work/tool.log" 2>/dev/null || true
     exit 1
 }
 
@@ -73,38 +74,37 @@ stop_machine() {
     machine_pid=''
 }
 
-# inspect <code> <text> <argument>...: runs it and shows what it prints. A line of that must be or
-# begin with the text, and it must end with the code.
-inspect() {
+# look <code> <text> <argument>...: runs the tool and shows what it prints. A line of that must have
+# the text, and it must end with the code.
+look() {
     local wanted=$1 text=$2 code=0
     shift 2
-    printf '$ inspect %s\n' "$*"
-    timeout "$patience" "${runner[@]}" "$inspector" "$@" >"$work/shown" 2>&1 </dev/null || code=$?
+    printf '$ reflectorb %s\n' "$*"
+    timeout "$patience" "${runner[@]}" "$tool" "$@" >"$work/shown" 2>&1 </dev/null || code=$?
     cat "$work/shown"
-    ((code == wanted)) || fail "inspect $*: ended with $code"
-    awk -v text="$text" 'index($0, text) == 1 { found = 1 } END { exit !found }' "$work/shown" ||
-        fail "inspect $*: does not say \"$text\""
+    ((code == wanted)) || fail "reflectorb $*: ended with $code"
+    grep -qF -- "$text" "$work/shown" || fail "reflectorb $*: does not say \"$text\""
 }
 
-# start_inspect <text> <argument>...: runs it in the background; it must say the text.
-start_inspect() {
+# start_tool <text> <argument>...: runs it in the background; it must say the text.
+start_tool() {
     local text=$1
     shift
-    printf '$ inspect %s &\n' "$*"
-    "${runner[@]}" "$inspector" "$@" >"$work/inspect.log" 2>&1 </dev/null &
-    inspect_pid=$!
-    wait_for "$work/inspect.log" "$text"
+    printf '$ reflectorb %s &\n' "$*"
+    "${runner[@]}" "$tool" "$@" >"$work/tool.log" 2>&1 </dev/null &
+    tool_pid=$!
+    wait_for "$work/tool.log" "$text"
 }
 
-# end_inspect: waits for that, and shows what it has said.
-end_inspect() {
-    ends_well "$inspect_pid" "inspect in the background"
-    inspect_pid=''
-    sed 's/^/    /' "$work/inspect.log"
+# end_tool: waits for that, and shows what it has said.
+end_tool() {
+    ends_well "$tool_pid" "reflectorb in the background"
+    tool_pid=''
+    sed 's/^/    /' "$work/tool.log"
 }
 
 # ---- The demo ----------------------------------------------------------------------------------
-for program in "$programs/machine" "$programs/panel" "$inspector"; do
+for program in "$programs/machine" "$programs/panel" "$tool"; do
     [[ -x $program ]] || fail "not built: $program"
 done
 
@@ -115,50 +115,46 @@ cat "$work/machine.log"
 say "the panel, process two, shows it once"
 timeout "$patience" "${runner[@]}" "$programs/panel" --once </dev/null || fail "panel --once: $?"
 
-say "inspect, which knows no class of the machine, walks its tree of names"
-inspect 0 "  cpu0 " /machine --tree
+say "reflectorb, which knows no class of the machine, shows what is there"
+look 0 "/machine" list
+look 0 "  cpu0 " tree /machine
+look 0 "machine" processes
 
-say "it looks into an object, changes an attribute and calls operations, all by name"
-inspect 0 "  AlarmLimit " /machine/cpu0
-inspect 0 "AlarmLimit = 80" /machine/cpu0 --set AlarmLimit=80
-inspect 0 "80" /machine/cpu0 --call getAlarmLimit
-inspect 0 "[\"cpu0\"" /machine --call parts cpu
+say "it looks into an object, changes attributes and calls operations, all by name"
+look 0 "AlarmLimit" show /machine/cpu0
+look 0 "80" set '/machine/cpu*/AlarmLimit' 80
+look 0 "80" call /machine/cpu0/getAlarmLimit
+look 0 "[\"cpu0\"" call /machine/parts cpu
 
 say "it watches the call by which the panel, another process, sets the alarm limit"
-start_inspect "watching setAlarmLimit" /machine/cpu0 --watch setAlarmLimit --count 1
+start_tool '"begun"' watch /machine/cpu0/setAlarmLimit --count 1 --json
 timeout "$patience" "${runner[@]}" "$programs/panel" --once --alarm 75 >/dev/null </dev/null ||
     fail "panel --once --alarm: $?"
-end_inspect
-grep -qF "call setAlarmLimit(75)" "$work/inspect.log" || fail "the call was not seen"
-grep -qF "end  setAlarmLimit" "$work/inspect.log" || fail "the end of the call was not seen"
+end_tool
+grep -qF '"arguments":[75]' "$work/tool.log" || fail "the call was not seen"
+grep -qF '"event":"end"' "$work/tool.log" || fail "the end of the call was not seen"
 
 say "it forbids that call to everybody, until it is ended itself"
-start_inspect "forbidding setAlarmLimit" /machine/cpu0 --veto setAlarmLimit
-inspect 1 "inspect: setAlarmLimit: an observer forbids it" /machine/cpu0 --set AlarmLimit=60
-kill -TERM "$inspect_pid"
-end_inspect
-grep -qF "forbidden: setAlarmLimit(60)" "$work/inspect.log" || fail "the call was not forbidden"
-inspect 0 "75" /machine/cpu0 --call getAlarmLimit
-inspect 0 "AlarmLimit = 60" /machine/cpu0 --set AlarmLimit=60
+start_tool '"begun"' veto /machine/cpu0/AlarmLimit --json
+look 4 "an observer forbids it" set /machine/cpu0/AlarmLimit 60
+kill -TERM "$tool_pid"
+end_tool
+grep -qF '"arguments":[60]' "$work/tool.log" || fail "the call was not forbidden"
+look 0 "75" get /machine/cpu0/AlarmLimit
+look 0 "60" set /machine/cpu0/AlarmLimit 60
 
-say "inspect hears of objects and brokers that come and go: of a process that the machine watches"
-start_inspect "+ Cpu /machine/cpu0" --follow
+say "it hears of objects and processes that come and go: of a process that the machine watches"
+start_tool "+ /machine/cpu0" follow
 cp "$(command -v sleep)" "$work/demo-worker"
 "$work/demo-worker" 1000 &
 worker_pid=$!
-wait_for "$work/inspect.log" "+ Process /machine/process/demo-worker-$worker_pid"
+wait_for "$work/tool.log" "+ /machine/process/demo-worker-$worker_pid"
 kill "$worker_pid"
 wait "$worker_pid" 2>/dev/null || true
-wait_for "$work/inspect.log" "- Process /machine/process/demo-worker-$worker_pid"
+wait_for "$work/tool.log" "- /machine/process/demo-worker-$worker_pid"
 worker_pid=''
-timeout "$patience" "${runner[@]}" "$inspector" --brokers >"$work/shown" 2>&1 </dev/null ||
-    fail "inspect --brokers: $?"
-printf '$ inspect --brokers\n'
-cat "$work/shown"
-grep -qE '^machine +broker 0x' "$work/shown" || fail "the machine's broker is not listed"
-wait_for "$work/inspect.log" "- broker"
-kill -TERM "$inspect_pid"
-end_inspect
+kill -TERM "$tool_pid"
+end_tool
 
 say "the panel shows it live, and sets the processors' alarm limit; the machine will be stopped"
 redraw=()
@@ -183,6 +179,9 @@ ends_well "$panel_pid" "panel"
 panel_pid=''
 wait "$screen_pid" 2>/dev/null || true
 grep -qF "refresh $refreshes of $refreshes" "$shown" || fail "the panel did not show all it should"
+
+say "a last look"
+look 0 "ok: 1 processes" check
 
 say "stopping the machine"
 stop_machine

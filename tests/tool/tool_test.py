@@ -1,0 +1,330 @@
+#!/usr/bin/env python3
+"""The command reflectorb, driven as its users do, at processes that serve the house of the guide.
+
+    tool_test.py <reflectorb> <house> <hello> <source tree>
+"""
+import json
+import os
+import pty
+import re
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TOOL, HOUSE, HELLO, TREE = sys.argv[1:5]
+PATIENCE = 60  # seconds for what must happen; a busy machine needs less
+
+
+class Process:
+    """A program that is left running, and what it has said."""
+
+    def __init__(self, *command, **environment):
+        self.child = subprocess.Popen(
+            list(command), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, env={**os.environ, **environment})
+        self.said = b""
+
+    def wait_for(self, pattern, more=0):
+        """What stands in the first line with the pattern, which is taken with those before."""
+        end = time.monotonic() + PATIENCE
+        while True:
+            found = re.search(pattern.encode() + rb"[^\n]*\n", self.said)
+            if found:
+                self.said = self.said[found.end():]
+                return found.group().decode()
+            ready, _, _ = select.select([self.child.stdout], [], [], max(0, end - time.monotonic()))
+            some = os.read(self.child.stdout.fileno(), 65536) if ready else b""
+            if not some:
+                raise AssertionError("waited in vain for %r; said: %r" % (pattern, self.said))
+            self.said += some
+
+    def end(self, how=signal.SIGTERM):
+        if self.child.poll() is None:
+            self.child.send_signal(how)
+        code = self.child.wait(PATIENCE)
+        for stream in (self.child.stdin, self.child.stdout, self.child.stderr):
+            stream.close()
+        return code
+
+
+def run(*arguments, stdin="", **environment):
+    return subprocess.run(
+        [TOOL] + list(arguments), input=stdin, text=True, timeout=PATIENCE,
+        capture_output=True, env={**os.environ, **environment})
+
+
+def serve(program, **environment):
+    process = Process(program, **environment)
+    process.wait_for("serving")
+    return process
+
+
+class ToolTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        os.environ["TRANSPORT_DIR"] = os.path.join(self.folder, "rendezvous")
+        os.environ.pop("NO_COLOR", None)
+        self.house = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1")
+
+    def start(self, program, **environment):
+        process = serve(program, **environment)
+        self.addCleanup(process.end, signal.SIGKILL)
+        return process
+
+    def stay(self, *arguments):
+        """A subcommand that goes on, which has begun to."""
+        process = Process(TOOL, *arguments, "--json")
+        self.addCleanup(process.end, signal.SIGKILL)
+        process.wait_for('"begun"')
+        return process
+
+    def check(self, table):
+        """(arguments, code, standard output, standard error), the last two as patterns of all."""
+        for arguments, code, out, error in table:
+            with self.subTest(arguments):
+                ended = run(*arguments)
+                self.assertEqual(ended.returncode, code, ended)
+                self.assertRegex(ended.stdout, r"(?s)\A" + out + r"\Z")
+                self.assertRegex(ended.stderr, r"(?s)\A" + error + r"\Z")
+
+    def test_one_look_at_everything_and_its_exit_codes(self):
+        self.start(HELLO)
+        pid = self.house.child.pid
+        self.check([
+            (["list"], 0, r"/house  House  house  house\.%d\n" % pid, ""),
+            (["list", "--all", "--class", "Lam?"], 0, r"/house/hall  Lamp  house.hall  .*\n", ""),
+            (["list", "--process", "nobody"], 3, "", 'reflectorb: there is no process "nobody"\n'),
+            (["tree"], 0, r"/house +House +house\.%d\n  hall +Lamp .*\n" % pid, ""),
+            (["tree", "/house/hall"], 0, r"/house/hall +Lamp .*\n", ""),
+            (["tree", "hello.greeter"], 0, r"hello.greeter +of an unknown class +hello.*\n", ""),
+            (["show", "/house/hall"], 0,
+             r"/house/hall\n.*class +Lamp\n.*attribute +Level +unsigned +.* = 10\n.*"
+             r"operation +blink\(unsigned times, string why\) -> bool\n.*", ""),
+            (["show", "hello.greeter"], 3, "",
+             r"reflectorb: hello.greeter: its class is unknown here: .*PROCESS_OBJECT=1.*\n"),
+            (["get", "/house/hall/Level"], 0, "10\n", ""),
+            (["get", "house.hall/Level"], 0, "10\n", ""),
+            (["get", "/house/*/L*", "/house/hall/Steps"], 0,
+             r"/house/hall/Level +10\n/house/hall/Steps +\[\]\n", ""),
+            (["set", "/house/*/Level", "0x1E"], 0, r"/house/hall/Level  30\n", ""),
+            (["set", "/house/hall/Level", "101"], 1, "",
+             "reflectorb: /house/hall/Level: refused with code .*TooBright\n"),
+            (["set", "/house/hall/Level", "-1"], 2, "", ".* is no value of type unsigned\n"),
+            (["call", "/house/hall/blink", "2", "for fun"], 0, "true\n", ""),
+            (["call", "/house/hall/blink", "2"], 2, "",
+             ".*arguments wanted: unsigned times, string why; given: 1\n"),
+            (["call", "/house/hall/nothing"], 3, "", '.*there is no operation "nothing"\n'),
+            (["get", "/house/attic/Level"], 3, "", '.*/house has no child "attic"\n'),
+            (["get", "elsewhere/Level"], 3, "", '.*nobody serves "elsewhere"\n'),
+            (["get", "elsewhere@node/Level"], 3, "", '.*nobody serves "elsewhere@node"\n'),
+            (["get", "/house/hall/Level", "/x/Y"], 3, r"/house/hall/Level +10\n|.*30\n", ".*\n"),
+            (["get", "Level"], 2, "", '.*"Level" is not OBJECT/MEMBER\n'),
+            (["processes", "house"], 0, r"house +%d +1 +0\.1\.0 .* ok\n" % pid, ""),
+            (["processes", "hello"], 0, "hello .*without process object\n", ""),
+            (["classes", "Lamp"], 0, r"Lamp +0x\w{8} +\w{16} +house\.%d\n" % pid, ""),
+            (["describe", "Lamp"], 0, r"Lamp\n.*operation +blink\(unsigned.*-> bool.*", ""),
+            (["describe", "Nothing"], 3, "", ".*\n"),
+            (["calls"], 0, "", ""), (["waits"], 0, "", ""),
+            (["log", "house", "--level", "2"], 0, "", ""),
+            (["diff", "house", str(pid)], 0, "", ""),
+            (["check"], 0, "ok: 2 processes\n", ""),
+            (["--version"], 0, r"reflectorb \d+\.\d+\.\d+\n", ""),
+            ([], 2, "", ".*"), (["lists"], 2, "", ".*"), (["get"], 2, "", ".*"),
+            (["watch"], 2, "", ".*"), (["watch", "/house/hall/None"], 3, "", ".*"),
+        ])
+        for folder in ("/proc/nowhere", "relative"):
+            ended = run("list", TRANSPORT_DIR=folder)
+            self.assertEqual((ended.returncode, ended.stdout), (6, ""))
+            self.assertRegex(ended.stderr, "reflectorb: cannot join the group: .*" + folder)
+
+    def test_json_is_one_document_with_the_same(self):
+        def read(*arguments):
+            return json.loads(run(*arguments, "--json").stdout)
+
+        objects = read("list", "--all")
+        self.assertEqual({"objects", "missing"}, set(objects))
+        self.assertIn(("/house/hall", "Lamp", "house.hall"), [
+            (one["name"], one["class"], one["identifier"]) for one in objects["objects"]])
+        self.assertEqual(read("tree", "/house")["trees"][0]["children"][0]["name"], "hall")
+        shown = read("show", "/house/hall")["objects"][0]
+        self.assertIn({"name": "Level", "type": "unsigned", "writable": True, "value": 10},
+                      shown["attributes"])
+        self.assertIn("blink", [one["name"] for one in shown["operations"]])
+        values = read("get", "/house/hall/*", "/house/hall/None")["values"]
+        self.assertEqual([one.get("value") for one in values], [10, [], None])
+        self.assertEqual(values[2]["error"]["code"], 3)
+        self.assertEqual(read("call", "/house/hall/blink", "0", "x")["calls"][0]["value"], False)
+        process = read("processes")["processes"][0]
+        self.assertEqual((process["actor"], process["pid"]), ("house", self.house.child.pid))
+        identity = read("get", "process/house.%d/Identity" % process["pid"])["values"][0]["value"]
+        self.assertEqual(identity["commandLine"][-1], HOUSE)
+        described = read("describe", "Lamp")["classes"]
+        self.assertEqual(described[0]["name"], "Lamp")
+        with open(os.path.join(self.folder, "classes.json"), "w") as file:
+            json.dump(read("describe", "*"), file)
+        self.assertEqual(read("diff", file.name, "house"), {"differences": []})
+        for name, list_name in (("calls", "calls"), ("waits", "cycles"), ("log", "records"),
+                                ("check", "faults"), ("classes", "classes")):
+            self.assertIn(list_name, read(name))
+
+    def test_words_come_from_standard_input(self):
+        self.assertEqual(run("get", "-", stdin="/house/hall/Level\n/house/hall/Steps\n").stdout,
+                         "/house/hall/Level  10\n/house/hall/Steps  []\n")
+        self.assertEqual(run("call", "/house/hall/blink", "-", stdin="3\na, \"b\"\n").stdout,
+                         "true\n")
+
+    def test_who_hangs_costs_his_own_lines(self):
+        def stop():
+            self.house.child.send_signal(signal.SIGSTOP)
+
+        def hang():  # it has the run permission while it writes what nobody reads
+            while run("call", "/house/hall/blink", "1", "x" * 60000, "--timeout", "1").returncode == 0:
+                pass
+
+        pid = self.house.child.pid
+        for way, patience, state in ((hang, "1", "does not answer"), (stop, "20", "stopped")):
+            way()
+            other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+            self.check([
+                (["get", "house.hall/Level", "--timeout", "20"], 0, "10\n", ""),
+                (["list", "--timeout", patience], 0, "/house .*other.*\n",
+                 r".*no answer in time: house\.%d\n" % pid),
+                (["processes", "--timeout", patience], 0, "house +%d .* %s\nother .*ok\n" % (pid, state),
+                 ".*house.*"),
+                (["get", "process/house.%d/Usage" % pid, "--timeout", patience], 5, "",
+                 ".*no answer.*\n"),
+                (["check", "--timeout", patience], 5, "", ".*house.*\n"),
+            ])
+            other.end(signal.SIGKILL)
+
+    def test_values_and_calls_are_watched_and_forbidden(self):
+        watch = self.stay("watch", "/house/hall/Level", "/house/hall/blink", "--count", "3")
+        run("set", "/house/hall/Level", "20")
+        run("call", "/house/hall/blink", "1", "why")
+        self.assertEqual(watch.child.wait(PATIENCE), 0)
+        lines = [json.loads(line) for line in watch.child.stdout.read().splitlines()]
+        for line in lines:
+            self.assertGreater(line.pop("time"), 1e15)
+        where = {"object": "/house/hall", "member": "blink"}
+        self.assertEqual(lines[-3:], [
+            {"event": "value", "object": "/house/hall", "member": "Level", "type": "unsigned",
+             "value": 20},
+            {"event": "call", **where, "arguments": [1, "why"]},
+            {"event": "end", **where, "results": [True]}])
+
+        veto = self.stay("veto", "/house/hall/Level")
+        self.check([(["set", "/house/hall/Level", "5"], 4, "", ".*an observer forbids it\n")])
+        self.assertIn("[5]", veto.wait_for('"vetoed"'))
+        # Ctrl-Z: others do not wait for whoever is stopped, and are told anew when he goes on.
+        os.kill(veto.child.pid, signal.SIGTSTP)
+        self.assertTrue(os.WIFSTOPPED(os.waitpid(veto.child.pid, os.WUNTRACED)[1]))
+        self.check([(["set", "/house/hall/Level", "6"], 0, ".*6\n", "")])
+        os.kill(veto.child.pid, signal.SIGCONT)
+        veto.wait_for('"begun"')
+        self.check([(["set", "/house/hall/Level", "7"], 4, "", ".*\n")])
+        self.assertEqual(veto.end(), 0)
+        self.check([(["set", "/house/hall/Level", "8"], 0, ".*8\n", "")])
+
+        gone = self.stay("watch", "/house/hall/*")
+        self.house.end(signal.SIGKILL)
+        self.assertEqual(gone.child.wait(PATIENCE), 3)
+
+    def test_who_does_not_read_holds_up_nobody(self):
+        watch = self.stay("watch", "/house/removeLamp")
+        long = "x" * 60000  # more than a pipe takes
+        for _ in range(4):
+            self.assertEqual(run("call", "/house/removeLamp", long).returncode, 0)
+        self.assertEqual(watch.end(), 0)
+
+    def test_objects_and_processes_come_and_go_once(self):
+        follow = Process(TOOL, "follow", "--json")
+        self.addCleanup(follow.end, signal.SIGKILL)
+        follow.wait_for('"created".*/house/hall"')
+        run("call", "/house/addLamp", "attic")
+        follow.wait_for('"created".*/house/attic"')
+        run("call", "/house/removeLamp", "attic")
+        follow.wait_for('"deleted".*/house/attic"')
+        hello = self.start(HELLO)
+        follow.wait_for('"arrived".*hello.%d"' % hello.child.pid)
+        hello.end()
+        follow.wait_for('"departed".*hello.%d"' % hello.child.pid)
+        self.house.end(signal.SIGKILL)
+        follow.wait_for('"departed".*house.%d"' % self.house.child.pid)
+        self.assertEqual(follow.end(), 0)
+
+    def test_for_people_there_are_headings_and_cuts_on_a_terminal_only(self):
+        def on_terminal(*arguments, **environment):
+            master, slave = pty.openpty()
+            child = subprocess.Popen([TOOL] + list(arguments), stdout=slave, stderr=slave,
+                                     env={**os.environ, "TERM": "xterm", "COLUMNS": "60",
+                                          **environment})
+            os.close(slave)
+            text = b""
+            try:
+                while some := os.read(master, 65536):
+                    text += some
+            except OSError:  # the other end is closed
+                pass
+            os.close(master)
+            child.wait(PATIENCE)
+            return text.decode()
+
+        lamp = "a lamp whose name is so long that no line of sixty has room for it"
+        run("call", "/house/addLamp", lamp)
+        shown = on_terminal("list", "--all", "--class", "Lamp")
+        self.assertTrue(shown.startswith("\x1b[1mNAME"), shown)
+        self.assertIn("\u2026", shown)
+        self.assertLessEqual(max(map(len, shown.splitlines()[1:])), 60)
+        self.assertIn(lamp, on_terminal("list", "--all", "--class", "Lamp", "--full"))
+        self.assertNotIn("\x1b", on_terminal("list", NO_COLOR="1"))
+
+    def test_the_man_page_tells_each_subcommand_and_option(self):
+        with open(os.path.join(TREE, "tool/man/reflectorb.1")) as file:
+            page = file.read().replace("\\-", "-")
+        commands = re.findall(r"^  ([a-z]+)  ", run("--help").stdout.split("Subcommands:")[1], re.M)
+        self.assertGreater(len(commands), 15)
+        for command in commands:
+            self.assertRegex(page, r"(?m)^\.(B|BR|SS) ?\"?%s\b" % command)
+            for option in re.findall(r"--[a-z]+", run(command, "--help").stdout):
+                self.assertIn(option, page, command)
+
+    def test_idl_of_a_class_makes_the_same_class(self):
+        compiler = os.path.join(TREE, "compiler/reflectorb-idl")
+        if not shutil.which("omniidl"):
+            self.skipTest("there is no omniidl")
+        text = run("describe", "Lamp", "--idl").stdout
+        with open(os.path.join(self.folder, "lamp.idl"), "w") as file:
+            file.write(text)
+        subprocess.run([compiler, "-o", self.folder, file.name], check=True, timeout=PATIENCE)
+        original = os.path.join(TREE, "examples/house/generated/home")
+        self.assertEqual(self.table(os.path.join(self.folder, "lamp.h")), self.table(original + ".h"))
+        self.assertEqual(self.codes(os.path.join(self.folder, "lamp.json")),
+                         self.codes(original + ".json"))
+
+    @staticmethod
+    def table(header):
+        """The rows of the class's table, in which their order does not matter."""
+        with open(header) as file:
+            text = re.search(r'"Lamp", lamp::kClass.*?\);', file.read(), re.S).group()
+        operations, attributes = re.sub(r"\s+", "", text).split('{"Level"')
+        return sorted(row.strip("{},") for row in re.split(r'(?="\w+",lamp::k)', operations)), attributes
+
+    @staticmethod
+    def codes(description):
+        with open(description) as file:
+            lamp = [one for one in json.load(file)["declarations"] if one["name"] == "Lamp"][0]
+        members = {one["name"]: (one.get("code"), one.get("setCode")) for one in lamp["contents"]}
+        members.pop("Steps", None)  # a name of the type alone
+        return lamp["classId"], members
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)

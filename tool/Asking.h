@@ -1,0 +1,109 @@
+// Questions to many processes side by side.
+#pragma once
+
+#include <reflect.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+/** How a question to a process has ended, with the answer. A value. */
+template <class T>
+struct Answer {
+    enum class State {
+        kPending,  // nobody has waited for it to the end
+        kAnswered,
+        kFailed,  // gone, or it has not what was asked for
+        kTimedOut
+    };
+    State state = State::kPending;
+    T value{};
+
+    explicit operator bool() const { return state == State::kAnswered; }
+    bool timedOut() const { return state == State::kTimedOut; }
+};
+
+/**
+ * Puts questions to processes, each on a thread of its own that has the run permission and a
+ * deadline: one that hangs costs its own answer, and the time until then once; it is not asked
+ * again. The main thread asks, without the run permission.
+ *
+ * Questions that nobody waits for any more go on to their deadline: what they use must be theirs.
+ */
+class Asking {
+public:
+    explicit Asking(std::chrono::nanoseconds patience) : patience_(patience) {}
+    ~Asking();
+    Asking(Asking const&) = delete;
+    Asking& operator=(Asking const&) = delete;
+
+    /** Has the question with each number asked at the broker with that number: what it answers, if
+     * it does. Nothing: a failure. */
+    template <class T>
+    using Question = std::function<std::optional<T>(std::size_t number)>;
+    /** Returns when all have answered or cannot any more, or when `isEnough` says so of one. */
+    template <class T>
+    std::vector<Answer<T>> each(std::vector<TreflectOrbId> const& brokers, Question<T> question,
+                                std::function<bool(T const&)> isEnough = {});
+
+    /** Says that a broker's process is known not to answer. */
+    void giveUp(TreflectOrbId broker);
+    bool isGivenUp(TreflectOrbId broker) const;
+    /** Whether threads are still at work that nobody waits for. */
+    bool isBusy() const;
+
+private:
+    /** Runs `ask` on a thread for each number below `count`, some of them one after the other. */
+    void start(std::size_t count, std::function<void(std::size_t)> ask);
+    /** Runs `act` with permission and deadline; whether there was time left at its end. */
+    bool within(std::function<void()> const& act) const;
+
+    std::chrono::nanoseconds const patience_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::set<TreflectOrbId> givenUp_;  // guarded by mutex_
+    std::size_t working_ = 0;          // threads; guarded by mutex_
+    std::list<std::thread> threads_;   // of the main thread
+};
+
+template <class T>
+std::vector<Answer<T>> Asking::each(std::vector<TreflectOrbId> const& brokers, Question<T> question,
+                                    std::function<bool(T const&)> isEnough) {
+    using State = typename Answer<T>::State;
+    struct Round {
+        std::vector<Answer<T>> answers;  // guarded by mutex_, as the next
+        std::size_t pending;
+        bool enough = false;
+    };
+    auto const round = std::make_shared<Round>();
+    round->answers.resize(brokers.size());
+    round->pending = brokers.size();
+    start(brokers.size(), [this, round, brokers, question, isEnough](std::size_t number) {
+        Answer<T> answer;
+        answer.state = State::kTimedOut;
+        if (!isGivenUp(brokers[number])) {
+            std::optional<T> told;
+            bool const inTime = within([&] { told = question(number); });
+            answer.state = told ? State::kAnswered : inTime ? State::kFailed : State::kTimedOut;
+            if (told)
+                answer.value = std::move(*told);
+            if (!inTime)
+                giveUp(brokers[number]);
+        }
+        std::lock_guard<std::mutex> const lock(mutex_);
+        if (answer && isEnough && isEnough(answer.value))
+            round->enough = true;
+        round->answers[number] = std::move(answer);
+        --round->pending;
+        changed_.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return round->pending == 0 || round->enough; });
+    return round->answers;
+}

@@ -1,0 +1,92 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace {
+
+constexpr char kFooter[] =
+    "An OBJECT is an absolute name such as /house/hall, or an identifier such as house.hall, or\n"
+    "name@node for one of the whole node. In both * stands for any characters but \"/\", ** for "
+    "any,\n"
+    "and ? for one. A member is OBJECT/MEMBER: /house/*/Level. Values are written 42, true, text,\n"
+    "\"text, quoted\", [1, 2] for a sequence, {a: 1, b: true} for a struct. \"-\" in place of "
+    "words\n"
+    "reads them from standard input, a line each.\n\n"
+    "Exit codes: 0 done, 1 refused by the object, 2 wrong use, 3 not there, 4 vetoed, 5 timed "
+    "out,\n"
+    "6 no access or wrong set-up.";
+
+/** Replaces "-" by the lines of standard input. */
+std::vector<std::string> withInput(std::vector<std::string> const& words) {
+    std::vector<std::string> all;
+    for (std::string const& word : words) {
+        if (word != "-") {
+            all.push_back(word);
+            continue;
+        }
+        for (std::string line; std::getline(std::cin, line);)
+            all.push_back(line);
+    }
+    return all;
+}
+
+void declareSettings(CLI::App& app, Settings& settings) {
+    app.add_flag("--json", settings.json, "Write JSON: one document, or one line per event");
+    app.add_flag("--full", settings.full, "Cut nothing to the width of the terminal");
+    app.add_flag("--verbose", settings.verbose, "Write the library's log, too");
+    app.add_option("--timeout", settings.timeout, "How long a process may take to answer")
+        ->capture_default_str()
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 50.0));
+}
+
+}  // namespace
+
+void Options::flag(char const* names, bool& value, char const* help) {
+    command_.add_flag(names, value, help);
+}
+
+void Options::text(char const* names, char const* valueName, std::string& value, char const* help) {
+    command_.add_option(names, value, help)->type_name(valueName);
+}
+
+void Options::number(char const* names, char const* valueName, unsigned int& value,
+                     char const* help) {
+    command_.add_option(names, value, help)->type_name(valueName);
+}
+
+void Options::words(char const* name, std::vector<std::string>& values, bool required,
+                    char const* help) {
+    command_.add_option(name, values, help)->type_name("")->required(required);
+    command_.parse_complete_callback([&values] { values = withInput(values); });
+}
+
+void Options::word(char const* name, std::string& value, bool required, char const* help) {
+    command_.add_option(name, value, help)->type_name("")->required(required);
+}
+
+Command& readCommandLine(int argc, char** argv, Commands const& commands, Settings& settings) {
+    CLI::App app("Looks at a running platform, and changes it with care.", "reflectorb");
+    app.set_version_flag("--version", "reflectorb " REFLECTORB_VERSION);
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    Command* chosen = nullptr;
+    for (auto const& command : commands) {
+        CLI::App& sub = *app.add_subcommand(command->name(), command->help());
+        sub.group(command->isHidden() ? "" : "Subcommands");
+        Options options(sub);
+        command->declare(options);
+        declareSettings(sub, settings);
+        sub.callback([&chosen, &command] { chosen = command.get(); });
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::Success const& asked) {
+        std::exit(app.exit(asked));
+    } catch (CLI::ParseError const& mistake) {
+        app.exit(mistake);
+        std::exit(static_cast<int>(Outcome::kWrongUse));
+    }
+    return *chosen;
+}

@@ -1,0 +1,67 @@
+// Members of objects, found by their names.
+#pragma once
+
+#include <reflect.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Failure.h"
+#include "Objects.h"
+#include "Tool.h"
+#include "Values.h"
+
+/** A member of an object, as it is written: OBJECT/MEMBER. A value. */
+struct MemberPath {
+    std::string object;
+    std::string member;
+
+    /** Throws a Failure when the text has no two parts. */
+    explicit MemberPath(std::string const& text);
+};
+
+/** Something that was done with an object's member, or why it could not be. A value. */
+struct Done {
+    std::string object;
+    std::string member;
+    std::optional<Shown> value;  // none when there is nothing to show
+    Outcome outcome = Outcome::kDone;
+    std::string text = {};  // why it failed
+
+    std::string path() const { return object + "/" + member; }
+    /** {"object", "member", "type", "value"} or {"object", "member", "error"} */
+    Json json() const;
+};
+
+/** {"code": 5, "name": "timed-out", "text": ...} */
+Json errorJson(Outcome outcome, std::string const& text);
+
+/** The names of a class's members, each once, those of the class itself first. */
+std::vector<TreflectMetaAttribute*> attributesOf(TreflectMetaObject const& meta);
+std::vector<TreflectMetaOperation*> operationsOf(TreflectMetaObject const& meta);
+
+/** The class of an object; throws a Failure when it is unknown. Under the run permission. */
+TreflectMetaObject const& classOf(TreflectObject const& object);
+/** A member of an object's class, bound to it; throws a Failure when there is none. */
+TreflectAttribute& attributeOf(TreflectObject const& object, std::string const& name);
+TreflectOperation& operationOf(TreflectObject const& object, std::string const& name);
+/** Calls it: the results; throws a Failure when that fails. */
+Values callOperation(TreflectOperation& operation, Values const& arguments);
+/** What an attribute has now. It is read by its get operation, which describes the value: an
+ * attribute itself can be read by those only who know its type. */
+Shown readAttribute(TreflectAttribute& attribute);
+
+/** What is done with one member of an object, under the run permission; may throw a Failure. */
+using Use =
+    std::function<std::optional<Shown>(TreflectObject const& object, std::string const& member)>;
+/** Which members of a class a pattern of names may mean. */
+enum class Kind { kAttributes, kOperations };
+/** Does it with all that the paths tell, objects of one broker one after the other. The results in
+ * the order of the paths; a path that leads nowhere has one, too. */
+std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, Kind kind,
+                             Use const& use);
+
+/** Writes what has been done: values, failures. The first failure counts. */
+Outcome tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);

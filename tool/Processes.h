@@ -1,0 +1,86 @@
+// The processes of the group, with process object and without.
+#pragma once
+
+#include <reflect.h>
+
+#include <string>
+#include <vector>
+
+#include "Asking.h"
+#include "Json.h"
+#include "Output.h"
+
+/** A process of the group, as the group and the system know it. A value. */
+struct Process {
+    int pid = 0;
+    std::string actor;
+    unsigned int slot = 0;
+    std::vector<TreflectOrbId> brokers;  // that of the unit first
+    bool isStopped = false;              // by a signal or a debugger
+
+    /** "house.4711" */
+    std::string name() const { return actor + "." + std::to_string(pid); }
+    TreflectOrbId broker() const { return brokers.front(); }
+};
+using Processes = std::vector<Process>;
+
+/** All but this one, by their actors and ids. Those that are stopped are given up in `asking`. */
+Processes presentProcesses(Asking& asking);
+/** Those whose actor, process id or name a pattern tells (see Wildcard); throws a Failure when
+ * there are none. All for an empty pattern. */
+Processes select(Processes const& processes, std::string const& pattern);
+/** The one that has a broker; null for none. */
+Process const* ownerOf(Processes const& processes, unsigned int broker);
+/** Its name; the broker's number for none. */
+std::string nameOfOwner(Processes const& processes, unsigned int broker);
+
+/** Asks the process object of each; failed of one that has none. */
+template <class T>
+std::vector<Answer<T>> askProcessObjects(
+    Asking& asking, Processes const& processes,
+    std::function<std::optional<T>(TreflectProcessClient const&)> question);
+
+/** The value of a result, if there is one. */
+template <class T>
+std::optional<T> valueOf(TipprmiResult<T> const& result) {
+    return result ? std::optional<T>(result.value()) : std::nullopt;
+}
+
+/** Collects of which processes something is missing, and says so. A value. */
+class Missing {
+public:
+    template <class T>
+    void note(Process const& process, Answer<T> const& answer) {
+        if (answer.timedOut())
+            silent_.push_back(process);
+        else if (!answer)
+            untold_.push_back(process);
+    }
+    /** Complains of the silent ones; a note about those without process object. */
+    void tell(Output& output) const;
+    /** {"silent": [...], "withoutProcessObject": [...]} */
+    Json json() const;
+    bool isAnySilent() const { return !silent_.empty(); }
+
+private:
+    Processes silent_;
+    Processes untold_;
+};
+
+/** What to do so that a process tells more. */
+extern char const kHowToEnable[];
+
+// ---- Implementation -----------------------------------------------------------------------------
+
+template <class T>
+std::vector<Answer<T>> askProcessObjects(
+    Asking& asking, Processes const& processes,
+    std::function<std::optional<T>(TreflectProcessClient const&)> question) {
+    std::vector<TreflectOrbId> brokers;
+    for (Process const& process : processes)
+        brokers.push_back(process.broker());
+    return asking.each<T>(brokers, [brokers, question](std::size_t number) -> std::optional<T> {
+        TreflectProcessClient const client = TreflectProcessClient::of(brokers[number]);
+        return client.isConnected() ? question(client) : std::nullopt;
+    });
+}

@@ -1,0 +1,84 @@
+#include "Table.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace {
+
+constexpr std::size_t kGap = 2;
+constexpr std::size_t kNarrowest = 8;  // no column is cut below that
+constexpr char kCut[] = "\xE2\x80\xA6";
+
+bool isContinued(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+}  // namespace
+
+std::size_t widthOf(std::string const& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char byte) { return !isContinued(byte); }));
+}
+
+std::string cut(std::string const& text, std::size_t width) {
+    std::string shown = text;
+    for (char& byte : shown) {
+        if (static_cast<unsigned char>(byte) < ' ' || byte == 0x7F)
+            byte = ' ';
+    }
+    if (width == 0 || widthOf(shown) <= width)
+        return shown;
+    std::size_t end = 0;
+    for (std::size_t left = width; end < shown.size(); ++end) {
+        if (!isContinued(shown[end]) && left-- == 1)
+            break;
+    }
+    return shown.substr(0, end) + kCut;
+}
+
+std::vector<std::size_t> Table::widths(std::size_t most, bool headings) const {
+    std::vector<std::size_t> widths;
+    for (Column const& column : columns_)
+        widths.push_back(headings ? widthOf(column.heading) : 0);
+    for (std::vector<std::string> const& row : rows_) {
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], widthOf(row[i]));
+    }
+    if (most == 0)
+        return widths;
+    std::size_t const gaps = kGap * (columns_.size() - 1);
+    while (std::accumulate(widths.begin(), widths.end(), gaps) > most) {
+        auto const widest = std::max_element(widths.begin(), widths.end());
+        if (*widest <= kNarrowest)
+            break;
+        --*widest;
+    }
+    return widths;
+}
+
+std::string Table::line(std::vector<std::string> const& cells,
+                        std::vector<std::size_t> const& widths) const {
+    std::string text;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        std::string const cell = cut(cells[i], widths[i]);
+        std::string const fill(widths[i] - widthOf(cell), ' ');
+        text += i == 0 ? "" : std::string(kGap, ' ');
+        text += columns_[i].align == Align::kRight ? fill + cell : cell + fill;
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+std::vector<std::string> Table::lines(std::size_t width, bool headings) const {
+    std::vector<std::size_t> const wide = widths(width, headings);
+    std::vector<std::string> all;
+    if (headings) {
+        std::vector<std::string> names;
+        for (Column const& column : columns_)
+            names.push_back(column.heading);
+        all.push_back(line(names, wide));
+    }
+    for (std::vector<std::string> const& row : rows_)
+        all.push_back(line(row, wide));
+    return all;
+}

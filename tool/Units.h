@@ -1,0 +1,12 @@
+// Numbers with their units, for people.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/** "3d 4h", "12m 5s", "0.8s" */
+std::string durationText(double seconds);
+/** "4.2 MiB" */
+std::string bytesText(std::int64_t bytes);
+/** "16:42:07.123", local time */
+std::string timeText(std::int64_t microsecondsSince1970);

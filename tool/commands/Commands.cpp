@@ -1,0 +1,10 @@
+#include "Commands.h"
+
+Commands makeCommands() {
+    Commands commands;
+    for (auto const make : {makeList, makeTree, makeShow, makeGet, makeSet, makeCall, makeProcesses,
+                            makeClasses, makeDescribe, makeWatch, makeVeto, makeFollow, makeCalls,
+                            makeWaits, makeLog, makeDiff, makeCheck, makeComplete})
+        commands.push_back(make());
+    return commands;
+}

@@ -1,0 +1,112 @@
+// reflectorb get, set and call: members by their names.
+#include "Commands.h"
+#include "Members.h"
+#include "Wildcard.h"
+
+namespace {
+
+bool isOne(std::vector<std::string> const& paths) {
+    return paths.size() == 1 && !Wildcard::isIn(paths.front());
+}
+
+class Get final : public Command {
+public:
+    Get() : Command("get", "Show values of attributes") {}
+
+    void declare(Options& options) override {
+        options.words("attribute", paths_, true, "OBJECT/ATTRIBUTE...");
+    }
+    Outcome run(Tool& tool) override {
+        auto const done =
+            useMembers(tool, paths_, Kind::kAttributes,
+                       [](TreflectObject const& object, std::string const& name) {
+                           return std::optional(readAttribute(attributeOf(object, name)));
+                       });
+        return tellDone(tool, done, !isOne(paths_), "values");
+    }
+
+private:
+    std::vector<std::string> paths_;
+};
+
+class Set final : public Command {
+public:
+    Set() : Command("set", "Change values of attributes") {}
+
+    void declare(Options& options) override {
+        options.words("attribute", words_, true,
+                      "OBJECT/ATTRIBUTE... VALUE: the last word is the value, for all of them");
+    }
+    Outcome run(Tool& tool) override {
+        if (words_.size() < 2)
+            throw Failure(Outcome::kWrongUse, "set needs OBJECT/ATTRIBUTE and VALUE");
+        std::string const value = words_.back();
+        words_.pop_back();
+        auto const done =
+            useMembers(tool, words_, Kind::kAttributes,
+                       [value](TreflectObject const& object, std::string const& name) {
+                           return store(attributeOf(object, name), value);
+                       });
+        return tellDone(tool, done, true, "values");
+    }
+
+private:
+    static std::optional<Shown> store(TreflectAttribute& attribute, std::string const& value) {
+        TreflectOperation& set = attribute.operSet();
+        if (set.isError())
+            throw Failure(Outcome::kWrongUse, "the attribute is read-only");
+        Types const types = set.meta()->argumentTypes();
+        Values const values = parseValues(types, {value});
+        callOperation(set, values);
+        return show(types, 0, values[0]);
+    }
+
+    std::vector<std::string> words_;
+};
+
+class Call final : public Command {
+public:
+    Call() : Command("call", "Call an operation") {}
+
+    void declare(Options& options) override {
+        options.words("operation", words_, true, "OBJECT/OPERATION [ARGUMENT]...");
+    }
+    Outcome run(Tool& tool) override {
+        std::vector<std::string> const paths{words_.front()};
+        std::vector<std::string> const arguments(words_.begin() + 1, words_.end());
+        auto const done =
+            useMembers(tool, paths, Kind::kOperations,
+                       [arguments](TreflectObject const& object, std::string const& name) {
+                           return call(operationOf(object, name), arguments);
+                       });
+        return tellDone(tool, done, !isOne(paths), "calls");
+    }
+
+private:
+    /** The value that is shown for several results is a list of them. */
+    static std::optional<Shown> call(TreflectOperation& operation,
+                                     std::vector<std::string> const& arguments) {
+        Values const values = parseValues(operation.meta()->argumentTypes(), arguments);
+        Types const types = operation.meta()->resultTypes();
+        Values const results = callOperation(operation, values);
+        if (results.getLength() == 0)
+            return std::nullopt;
+        if (results.getLength() == 1)
+            return show(types, 0, results[0]);
+        return Shown{typesText(types), valuesText(types, results), valuesJson(types, results)};
+    }
+
+    std::vector<std::string> words_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeGet() {
+    return std::make_unique<Get>();
+}
+std::unique_ptr<Command> makeSet() {
+    return std::make_unique<Set>();
+}
+std::unique_ptr<Command> makeCall() {
+    return std::make_unique<Call>();
+}

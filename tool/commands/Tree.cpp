@@ -1,0 +1,76 @@
+// reflectorb tree: trees of names.
+#include <algorithm>
+
+#include "Commands.h"
+
+namespace {
+
+class Tree final : public Command {
+public:
+    Tree() : Command("tree", "Show the tree of names below objects, or all trees") {}
+
+    void declare(Options& options) override {
+        options.words("object", objects_, false, "OBJECT...: where to begin");
+    }
+
+    Outcome run(Tool& tool) override {
+        if (objects_.empty()) {
+            Forest const& forest = tool.objects().all();
+            for (auto const& entry : forest.nodes()) {
+                if (!entry.second.parent && !entry.second.children.empty())
+                    tell(tool, forest, entry.first, forest.nameOf(entry.first));
+            }
+            tool.objects().missing().tell(tool.output());
+        }
+        for (std::string const& name : objects_) {
+            for (Found const& found : tool.objects().find(name))
+                tell(tool, tool.objects().below(found.place), found.place, found.name);
+        }
+        tool.output().table(table_);
+        tool.output().document({{"trees", trees_}});
+        return outcome_;
+    }
+
+private:
+    void tell(Tool& tool, Forest const& forest, Place root, std::string const& name) {
+        trees_.push_back(tellNode(tool, forest, root, name, 0));
+    }
+
+    Json tellNode(Tool& tool, Forest const& forest, Place place, std::string const& name,
+                  unsigned int depth) {
+        constexpr unsigned int kDeepest = 100;  // a tree that is made wrongly may have itself in it
+        Node const& node = *forest.find(place);
+        std::string const process = nameOfOwner(tool.processes(), place.broker);
+        table_.add({std::string(2 * depth, ' ') + name, classText(node), process});
+        if (!node.answers && depth == 0)
+            outcome_ = Outcome::kTimedOut;
+        Json told = {{"name", name},
+                     {"class", node.className},
+                     {"answers", node.answers},
+                     {"process", process},
+                     {"children", Json::array()}};
+        for (Place const child : node.children) {
+            Node const* const known = forest.find(child);
+            if (known && depth < kDeepest)
+                told["children"].push_back(tellNode(tool, forest, child, known->name, depth + 1));
+        }
+        return told;
+    }
+
+    static std::string classText(Node const& node) {
+        if (!node.answers)
+            return "does not answer";
+        return node.className.empty() ? "of an unknown class" : node.className;
+    }
+
+    std::vector<std::string> objects_;
+    Table table_{{{"NAME"}, {"CLASS"}, {"PROCESS"}}};
+    Json trees_ = Json::array();
+    Outcome outcome_ = Outcome::kDone;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeTree() {
+    return std::make_unique<Tree>();
+}

@@ -1,0 +1,16 @@
+# Completion of reflectorb in bash: subcommands, options, and what is there on the running system.
+_reflectorb() {
+    local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]:-} IFS=$'\n'
+    if ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W "$(reflectorb --help 2>/dev/null |
+            sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')" -- "$word")
+    elif [[ $word == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(reflectorb "$command" --help 2>/dev/null |
+            grep -o -- '--[a-z]*' | sort -u)" -- "$word")
+    else
+        mapfile -t COMPREPLY < <(reflectorb complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+        # Members may follow an object.
+        case $command in get | set | call | watch | veto) compopt -o nospace ;; esac
+    fi
+}
+complete -F _reflectorb reflectorb
