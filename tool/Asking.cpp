@@ -15,6 +15,11 @@ void Asking::giveUp(TreflectOrbId broker) {
     givenUp_.insert(broker);
 }
 
+void Asking::hopeAgain() {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    givenUp_.clear();
+}
+
 bool Asking::isGivenUp(TreflectOrbId broker) const {
     std::lock_guard<std::mutex> const lock(mutex_);
     return givenUp_.count(broker) != 0;

@@ -55,6 +55,8 @@ public:
     /** Says that a broker's process is known not to answer. */
     void giveUp(TreflectOrbId broker);
     bool isGivenUp(TreflectOrbId broker) const;
+    /** Asks those again that have been given up. */
+    void hopeAgain();
     /** Whether threads are still at work that nobody waits for. */
     bool isBusy() const;
 

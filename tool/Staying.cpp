@@ -104,10 +104,14 @@ Outcome stayInGroup(Settings const& settings, Output& output, unsigned int count
             overSessions().push_back(session);
             signal = stay.wait(*session, *events, signals);
             outcome = session->outcome();
+            session->end();
         }
         overSessions().push_back(events);
         stay.tell(*events);
-        output.flushWithoutWaiting();  // as a signal has come, or all has been written
+        if (signal == 0)
+            output.flush(signals.descriptor());
+        else
+            output.flushWithoutWaiting();
         if (signal == SIGTSTP) {
             raise(SIGSTOP);
             output.note("-- going on; what has happened meanwhile is not known --");

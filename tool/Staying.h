@@ -16,6 +16,8 @@ public:
     virtual ~Session() = default;
     /** Called now and then by the main thread, without the run permission; false ends. */
     virtual bool goOn() { return true; }
+    /** Called by the main thread when it is over, before the group is left and all is written. */
+    virtual void end() {}
     /** How it has ended, when it has ended by itself. */
     virtual Outcome outcome() const { return Outcome::kDone; }
 };

@@ -6,5 +6,8 @@ Commands makeCommands() {
                             makeClasses, makeDescribe, makeWatch, makeVeto, makeFollow, makeCalls,
                             makeWaits, makeLog, makeDiff, makeCheck, makeComplete})
         commands.push_back(make());
+#ifdef REFLECTORB_HAS_NCURSES
+    commands.push_back(makeTop());
+#endif
     return commands;
 }

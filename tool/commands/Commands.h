@@ -21,3 +21,5 @@ std::unique_ptr<Command> makeWaits();
 std::unique_ptr<Command> makeDiff();
 std::unique_ptr<Command> makeCheck();
 std::unique_ptr<Command> makeComplete();
+/** Only where there is ncurses. */
+std::unique_ptr<Command> makeTop();
