@@ -21,14 +21,12 @@ public:
     virtual bool isHidden() const { return false; }
 
     virtual void declare(Options& options) = 0;
-    /** Changes what it was told for all subcommands. */
-    virtual void adapt(Settings&) const {}
     /** Does its work in the group, and collects what is to be written. Throws a Failure. */
-    virtual Outcome run(Tool& tool) = 0;
+    virtual ExitCode run(Tool& tool) = 0;
     /** Whether the command goes on until it is told to end: it joins the group, waits and writes by
      * itself then (`stay`), and `run` is not called. */
     virtual bool stays() const { return false; }
-    virtual Outcome stay(Settings const&, Output&) { return Outcome::kDone; }
+    virtual ExitCode stay(Settings const&, Output&) { return ExitCode::kDone; }
 
 private:
     char const* const name_;

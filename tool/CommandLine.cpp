@@ -86,7 +86,7 @@ Command& readCommandLine(int argc, char** argv, Commands const& commands, Settin
         std::exit(app.exit(asked));
     } catch (CLI::ParseError const& mistake) {
         app.exit(mistake);
-        std::exit(static_cast<int>(Outcome::kWrongUse));
+        std::exit(static_cast<int>(ExitCode::kWrongUse));
     }
     return *chosen;
 }

@@ -142,7 +142,7 @@ Descriptions describedBy(Tool& tool, Processes const& processes, std::string con
         }
     }
     if (all.empty())
-        throw Failure(isSilent ? Outcome::kTimedOut : Outcome::kNotThere,
+        throw Failure(isSilent ? ExitCode::kTimedOut : ExitCode::kNotThere,
                       "no process that answers knows a class \"" + pattern + "\"");
     return all;
 }
@@ -161,7 +161,7 @@ Descriptions descriptionsOf(Json const& json, std::string const& source) {
             descriptions.push_back(descriptionOf(one));
         return descriptions;
     } catch (Json::exception const& fault) {
-        throw Failure(Outcome::kWrongUse, source + " has no descriptions: " + fault.what());
+        throw Failure(ExitCode::kWrongUse, source + " has no descriptions: " + fault.what());
     }
 }
 

@@ -11,7 +11,7 @@
 
 Events::Events() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (descriptor_ < 0)
-        throw Failure(Outcome::kNoAccess, "no descriptors left");
+        throw Failure(ExitCode::kNoAccess, "no descriptors left");
 }
 
 Events::~Events() {

@@ -2,21 +2,21 @@
 
 #include <ipprmi.h>
 
-char const* nameOf(Outcome outcome) {
+char const* nameOf(ExitCode outcome) {
     switch (outcome) {
-        case Outcome::kDone:
+        case ExitCode::kDone:
             return "done";
-        case Outcome::kRefused:
+        case ExitCode::kRefused:
             return "refused";
-        case Outcome::kWrongUse:
+        case ExitCode::kWrongUse:
             return "wrong-use";
-        case Outcome::kNotThere:
+        case ExitCode::kNotThere:
             return "not-there";
-        case Outcome::kVetoed:
+        case ExitCode::kVetoed:
             return "vetoed";
-        case Outcome::kTimedOut:
+        case ExitCode::kTimedOut:
             return "timed-out";
-        case Outcome::kNoAccess:
+        case ExitCode::kNoAccess:
             return "no-access";
     }
     return "";
@@ -25,17 +25,17 @@ char const* nameOf(Outcome outcome) {
 Failure failureOf(unsigned int code, std::string const& refusal) {
     switch (code) {
         case TipprmiFailure::kNotServed:
-            return {Outcome::kNotThere, "nobody has served it"};
+            return {ExitCode::kNotThere, "nobody has served it"};
         case TipprmiFailure::kUnreadable:
-            return {Outcome::kRefused, "the answer is not what the class describes"};
+            return {ExitCode::kRefused, "the answer is not what the class describes"};
         case TipprmiFailure::kVetoed:
-            return {Outcome::kVetoed, "an observer forbids it"};
+            return {ExitCode::kVetoed, "an observer forbids it"};
         case TipprmiFailure::kMismatch:
-            return {Outcome::kWrongUse, "the class describes something else"};
+            return {ExitCode::kWrongUse, "the class describes something else"};
         case TipprmiFailure::kTimedOut:
-            return {Outcome::kTimedOut, "no answer in time"};
+            return {ExitCode::kTimedOut, "no answer in time"};
         default:
-            return {Outcome::kRefused, "refused with code " + std::to_string(code) +
-                                           (refusal.empty() ? "" : ", " + refusal)};
+            return {ExitCode::kRefused, "refused with code " + std::to_string(code) +
+                                            (refusal.empty() ? "" : ", " + refusal)};
     }
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 /** The exit codes of the program, which its man page tells. */
-enum class Outcome : int {
+enum class ExitCode : int {
     kDone = 0,
     kRefused = 1,   // by the object
     kWrongUse = 2,  // of the program, or of a member
@@ -16,17 +16,17 @@ enum class Outcome : int {
 };
 
 /** The name by which JSON tells an outcome. */
-char const* nameOf(Outcome outcome);
+char const* nameOf(ExitCode outcome);
 
 /** What cannot be done, and why, in words for people. */
 class Failure : public std::runtime_error {
 public:
-    Failure(Outcome why, std::string const& text) : std::runtime_error(text), outcome_(why) {}
+    Failure(ExitCode why, std::string const& text) : std::runtime_error(text), outcome_(why) {}
 
-    Outcome outcome() const { return outcome_; }
+    ExitCode outcome() const { return outcome_; }
 
 private:
-    Outcome outcome_;
+    ExitCode outcome_;
 };
 
 /** What a call's failure code (see TipprmiFailure) means here. `refusal`: the name of the exception

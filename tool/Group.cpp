@@ -63,7 +63,7 @@ Group::Group(bool verbose) {
     Reasons reasons;
     if (!hasJoined()) {
         changeStopSignal(SIG_UNBLOCK);
-        throw Failure(Outcome::kNoAccess, "cannot join the group" + reasons.text());
+        throw Failure(ExitCode::kNoAccess, "cannot join the group" + reasons.text());
     }
     Logging::setThreshold(verbose ? kAll : kQuiet);
 }

@@ -9,18 +9,18 @@
 MemberPath::MemberPath(std::string const& text) {
     std::size_t const end = text.rfind('/');
     if (end == std::string::npos || end == 0 || end + 1 == text.size())
-        throw Failure(Outcome::kWrongUse, "\"" + text + "\" is not OBJECT/MEMBER");
+        throw Failure(ExitCode::kWrongUse, "\"" + text + "\" is not OBJECT/MEMBER");
     object = text.substr(0, end);
     member = text.substr(end + 1);
 }
 
-Json errorJson(Outcome outcome, std::string const& text) {
+Json errorJson(ExitCode outcome, std::string const& text) {
     return {{"code", static_cast<int>(outcome)}, {"name", nameOf(outcome)}, {"text", text}};
 }
 
 Json Done::json() const {
     Json told = {{"object", object}, {"member", member}};
-    if (outcome != Outcome::kDone) {
+    if (outcome != ExitCode::kDone) {
         told["error"] = errorJson(outcome, text);
     } else if (value) {
         told["type"] = value->type;
@@ -69,10 +69,10 @@ TreflectMetaObject const& classOf(TreflectObject const& object) {
     if (meta)
         return *meta;
     if (TreflectDeadline::endOfThread() <= OSWrap::Clock::nowNanoseconds())
-        throw Failure(Outcome::kTimedOut, "no answer in time");
+        throw Failure(ExitCode::kTimedOut, "no answer in time");
     if (!object.isConnected())
-        throw Failure(Outcome::kNotThere, "it has gone");
-    throw Failure(Outcome::kNotThere, std::string("its class is unknown here: ") + kHowToEnable);
+        throw Failure(ExitCode::kNotThere, "it has gone");
+    throw Failure(ExitCode::kNotThere, std::string("its class is unknown here: ") + kHowToEnable);
 }
 
 TreflectAttribute& attributeOf(TreflectObject const& object, std::string const& name) {
@@ -80,7 +80,7 @@ TreflectAttribute& attributeOf(TreflectObject const& object, std::string const& 
         if (attribute->name() == name)
             return *attribute->getTied(&object);
     }
-    throw Failure(Outcome::kNotThere, "there is no attribute \"" + name + "\"");
+    throw Failure(ExitCode::kNotThere, "there is no attribute \"" + name + "\"");
 }
 
 TreflectOperation& operationOf(TreflectObject const& object, std::string const& name) {
@@ -88,7 +88,7 @@ TreflectOperation& operationOf(TreflectObject const& object, std::string const& 
         if (operation->name() == name)
             return *operation->getTied(&object);
     }
-    throw Failure(Outcome::kNotThere, "there is no operation \"" + name + "\"");
+    throw Failure(ExitCode::kNotThere, "there is no operation \"" + name + "\"");
 }
 
 Values callOperation(TreflectOperation& operation, Values const& arguments) {
@@ -97,7 +97,7 @@ Values callOperation(TreflectOperation& operation, Values const& arguments) {
     if (results)
         return results.value();
     if (results.code() == TipprmiFailure::kMismatch)
-        throw Failure(Outcome::kWrongUse, operation.mistake());
+        throw Failure(ExitCode::kWrongUse, operation.mistake());
     throw failureOf(results.code(), refusalText(*meta, results.code()));
 }
 
@@ -200,7 +200,7 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
                 all.push_back(useObject(targets[number], kind, use));
             return all;
         });
-    Failure const silent(Outcome::kTimedOut, "no answer in time");
+    Failure const silent(ExitCode::kTimedOut, "no answer in time");
     for (std::size_t broker = 0; broker < brokers.size(); ++broker) {
         for (std::size_t i = 0; i < numbers[broker].size(); ++i) {
             Target& target = targets[numbers[broker][i]];
@@ -215,15 +215,15 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
     return done;
 }
 
-Outcome tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName) {
-    Outcome outcome = Outcome::kDone;
+ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName) {
+    ExitCode outcome = ExitCode::kDone;
     Table table({{"MEMBER"}, {"VALUE"}});
     Json all = Json::array();
     for (Done const& one : done) {
         all.push_back(one.json());
-        if (one.outcome != Outcome::kDone) {
+        if (one.outcome != ExitCode::kDone) {
             tool.output().complain(one.path() + ": " + one.text);
-            outcome = outcome == Outcome::kDone ? one.outcome : outcome;
+            outcome = outcome == ExitCode::kDone ? one.outcome : outcome;
         } else if (one.value) {
             table.add({one.path(), one.value->text});
             if (!withPaths)

@@ -27,7 +27,7 @@ struct Done {
     std::string object;
     std::string member;
     std::optional<Shown> value;  // none when there is nothing to show
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     std::string text = {};  // why it failed
 
     std::string path() const { return object + "/" + member; }
@@ -36,7 +36,7 @@ struct Done {
 };
 
 /** {"code": 5, "name": "timed-out", "text": ...} */
-Json errorJson(Outcome outcome, std::string const& text);
+Json errorJson(ExitCode outcome, std::string const& text);
 
 /** The names of a class's members, each once, those of the class itself first. */
 std::vector<TreflectMetaAttribute*> attributesOf(TreflectMetaObject const& meta);
@@ -64,4 +64,4 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
                              Use const& use);
 
 /** Writes what has been done: values, failures. The first failure counts. */
-Outcome tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);
+ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);

@@ -132,13 +132,13 @@ void Objects::complainOf(std::string const& what) const {
             silent += (silent.empty() ? "" : ", ") + process.name();
     }
     if (silent.empty())
-        throw Failure(Outcome::kNotThere, what);
-    throw Failure(Outcome::kTimedOut, what + "; no answer in time: " + silent);
+        throw Failure(ExitCode::kNotThere, what);
+    throw Failure(ExitCode::kTimedOut, what + "; no answer in time: " + silent);
 }
 
 std::vector<Found> Objects::find(std::string const& name) {
     if (name.empty() || name == "/")
-        throw Failure(Outcome::kWrongUse, "\"" + name + "\" is no name of an object");
+        throw Failure(ExitCode::kWrongUse, "\"" + name + "\" is no name of an object");
     if (Wildcard::isIn(name))
         return findPattern(name);
     return {{name, name[0] == '/' ? findPath(name) : findIdentifier(name)}};
@@ -147,7 +147,7 @@ std::vector<Found> Objects::find(std::string const& name) {
 Place Objects::findIdentifier(std::string const& text) {
     TipprmiAny value;
     if (!TreflectParameterType("oid").parse(text, value))
-        throw Failure(Outcome::kWrongUse, "\"" + text + "\" is no identifier");
+        throw Failure(ExitCode::kWrongUse, "\"" + text + "\" is no identifier");
     Identifier identifier;
     value.extract(identifier);
     Place const place = search(identifier);

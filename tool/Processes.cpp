@@ -85,7 +85,7 @@ Processes select(Processes const& processes, std::string const& pattern) {
             selected.push_back(process);
     }
     if (selected.empty())
-        throw Failure(Outcome::kNotThere, "there is no process \"" + pattern + "\"");
+        throw Failure(ExitCode::kNotThere, "there is no process \"" + pattern + "\"");
     return selected;
 }
 

@@ -88,12 +88,12 @@ private:
 
 }  // namespace
 
-Outcome stayInGroup(Settings const& settings, Output& output, unsigned int count,
-                    std::function<std::unique_ptr<Session>(Tool&, Events&)> const& begin) {
+ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int count,
+                     std::function<std::unique_ptr<Session>(Tool&, Events&)> const& begin) {
     Signals const signals;
     Stay stay(output, count);
     int signal = 0;
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     do {
         auto const events = std::make_shared<Events>();
         {

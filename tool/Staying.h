@@ -19,7 +19,7 @@ public:
     /** Called by the main thread when it is over, before the group is left and all is written. */
     virtual void end() {}
     /** How it has ended, when it has ended by itself. */
-    virtual Outcome outcome() const { return Outcome::kDone; }
+    virtual ExitCode outcome() const { return ExitCode::kDone; }
 };
 
 /**
@@ -31,5 +31,5 @@ public:
  *
  * `begin` makes a session; it may throw a Failure.
  */
-Outcome stayInGroup(Settings const& settings, Output& output, unsigned int count,
-                    std::function<std::unique_ptr<Session>(Tool&, Events&)> const& begin);
+ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int count,
+                     std::function<std::unique_ptr<Session>(Tool&, Events&)> const& begin);

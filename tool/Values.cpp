@@ -174,14 +174,14 @@ Json typesJson(Types const& types) {
 
 Values parseValues(Types const& types, std::vector<std::string> const& texts) {
     if (texts.size() != types.size())
-        throw Failure(Outcome::kWrongUse,
+        throw Failure(ExitCode::kWrongUse,
                       "arguments wanted: " + (types.empty() ? "none" : labelled(types)) +
                           "; given: " + std::to_string(texts.size()));
     Values values;
     values.setLength(static_cast<unsigned int>(types.size()));
     for (unsigned int i = 0; i < values.getLength(); ++i) {
         if (!types[i].parse(texts[i], values[i]))
-            throw Failure(Outcome::kWrongUse,
+            throw Failure(ExitCode::kWrongUse,
                           "\"" + texts[i] + "\" is no value of type " + textOf(types[i]));
     }
     return values;

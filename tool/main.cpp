@@ -11,12 +11,12 @@ namespace {
 
 /** What is collected in the group is written when it has been left: whoever reads slowly, or stops
  * the program by Ctrl-Z then, holds up nobody. */
-Outcome perform(Command& command, Settings const& settings, Output& output, bool& isBusy) {
+ExitCode perform(Command& command, Settings const& settings, Output& output, bool& isBusy) {
     if (command.stays())
         return command.stay(settings, output);
     Group group(settings.verbose);
     auto* const tool = new Tool(settings, output);
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     try {
         outcome = command.run(*tool);
     } catch (Failure const& why) {
@@ -37,10 +37,9 @@ int main(int argc, char** argv) {
     Settings settings;
     Commands const commands = makeCommands();
     Command& command = readCommandLine(argc, argv, commands, settings);
-    command.adapt(settings);
     Output output(settings);
     bool isBusy = false;
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     try {
         outcome = perform(command, settings, output, isBusy);
     } catch (Failure const& why) {

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The command reflectorb, driven as its users do, at processes that serve the house of the guide.
 
-    tool_test.py <reflectorb> <house> <hello> <source tree>
+    tool_test.py <reflectorb> <house> <hello> <reflect_actor> <source tree>
 """
 import json
 import os
@@ -16,7 +16,7 @@ import tempfile
 import time
 import unittest
 
-TOOL, HOUSE, HELLO, TREE = sys.argv[1:5]
+TOOL, HOUSE, HELLO, ACTOR, TREE = sys.argv[1:6]
 PATIENCE = 60  # seconds for what must happen; a busy machine needs less
 
 
@@ -204,6 +204,74 @@ class ToolTest(unittest.TestCase):
                 (["check", "--timeout", patience], 5, "", ".*house.*\n"),
             ])
             other.end(signal.SIGKILL)
+
+    def test_who_waits_for_whom(self):
+        # Who is observed waits for the observer, which is stopped in a way that it cannot hear of.
+        watch = self.stay("watch", "/house/removeLamp")
+        watch.child.send_signal(signal.SIGSTOP)
+        caller = Process(TOOL, "call", "/house/removeLamp", "x", "--timeout", "50",
+                         REFLECTORB_PROCESS_OBJECT="1")
+        self.addCleanup(caller.end, signal.SIGKILL)
+        names = {name: "%s.%d" % (name, process.child.pid)
+                 for name, process in (("house", self.house), ("reflectorb", caller))}
+        end = time.monotonic() + PATIENCE
+        expected = {(names["reflectorb"], names["house"]),
+                    (names["house"], "reflectorb.%d" % watch.child.pid)}
+        while time.monotonic() < end:
+            told = json.loads(run("waits", "--json", "--timeout", "1").stdout)
+            if {(wait["from"], wait["to"]) for wait in told["waits"]} == expected:
+                break
+        else:
+            self.fail(told)
+        self.assertEqual(told["cycles"], [])
+        self.assertRegex(run("calls", "reflectorb").stdout, " house.* call .*0x")
+        watch.child.send_signal(signal.SIGCONT)
+        self.assertEqual(caller.child.wait(PATIENCE), 0)
+
+    def test_circles_of_waiting_processes_are_marked(self):
+        circle = []
+        for other in ("b", "a"):
+            actor = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1")
+            self.addCleanup(actor.end, signal.SIGKILL)
+            actor.child.stdin.write(b"publish %s\n" % {"b": b"a", "a": b"b"}[other])
+            actor.child.stdin.flush()
+            actor.wait_for("published")
+            circle.append((actor, other))
+        for actor, other in circle:
+            actor.child.stdin.write(b"hold %s\n" % other.encode())
+            actor.child.stdin.flush()
+        names = sorted("reflect_actor.%d" % actor.child.pid for actor, _ in circle)
+        end = time.monotonic() + PATIENCE
+        while time.monotonic() < end:
+            told = json.loads(run("waits", "--json").stdout)
+            if told["cycles"] == [names]:
+                break
+        else:
+            self.fail(told)
+        self.assertTrue(all(wait["inCycle"] for wait in told["waits"]))
+        self.assertIn("CYCLE: they wait for each other: %s, %s" % tuple(names), run("waits").stdout)
+
+    def test_completion_tells_what_is_there(self):
+        self.assertEqual(run("complete", "--", "tree", "/house/h").stdout, "/house/hall\n")
+        self.assertEqual(run("complete", "--", "get", "house.hall/L").stdout, "house.hall/Level\n")
+        self.assertEqual(run("complete", "--", "call", "/house/hall/b").stdout, "/house/hall/blink\n")
+        self.assertEqual(run("complete", "--", "list", "--class", "La").stdout, "Lamp\n")
+        self.assertEqual(run("complete", "--", "log", "ho").stdout,
+                         "house.%d\n" % self.house.child.pid)
+        script = """PATH=%s:$PATH; REFLECTORB_COMPLETION_TIMEOUT=20; source %s/tool/completion/reflectorb.bash; compopt() { :; }
+            complete_line() { COMP_WORDS=(reflectorb "$@"); COMP_CWORD=$#; _reflectorb
+                              echo "${COMPREPLY[*]}"; }
+            complete_line wat; complete_line set --t; complete_line set /house/hall/S"""
+        shell = subprocess.run(["bash", "-c", script % (os.path.dirname(TOOL), TREE)],
+                               capture_output=True, text=True, timeout=PATIENCE)
+        self.assertEqual(shell.stdout, "watch\n--timeout\n/house/hall/Steps\n", shell)
+
+    def test_top_looks_again_and_again(self):
+        if "top" not in run("--help").stdout:
+            self.skipTest("there is no ncurses")
+        looks = [json.loads(line) for line in run("top", "--count", "2", "--json").stdout.splitlines()]
+        self.assertEqual([look["processes"][0]["process"] for look in looks],
+                         ["house.%d" % self.house.child.pid] * 2)
 
     def test_values_and_calls_are_watched_and_forbidden(self):
         watch = self.stay("watch", "/house/hall/Level", "/house/hall/blink", "--count", "3")

@@ -31,7 +31,7 @@ public:
     Check() : Command("check", "Check that all processes answer and are alike, for monitoring") {}
 
     void declare(Options&) override {}
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Processes const& processes = tool.processes();
         auto const answers = askProcessObjects<Facts>(tool.asking(), processes, factsOf);
         Missing missing;
@@ -42,12 +42,12 @@ public:
         }
         tellDifferences(tool.output());
         missing.tell(tool.output());
-        Outcome const outcome = missing.isAnySilent() ? Outcome::kTimedOut
-                                : faults_.empty()     ? Outcome::kDone
-                                                      : Outcome::kRefused;
-        if (outcome == Outcome::kDone)
+        ExitCode const outcome = missing.isAnySilent() ? ExitCode::kTimedOut
+                                 : faults_.empty()     ? ExitCode::kDone
+                                                       : ExitCode::kRefused;
+        if (outcome == ExitCode::kDone)
             tool.output().line(fmt::format("ok: {} processes", processes.size()));
-        tool.output().document({{"ok", outcome == Outcome::kDone},
+        tool.output().document({{"ok", outcome == ExitCode::kDone},
                                 {"processes", processes.size()},
                                 {"faults", faults_},
                                 {"missing", missing.json()}});
@@ -98,7 +98,7 @@ public:
                      "PROCESS, or a file that describe '*' --json has written");
         options.word("latter", latter_, true, "The same");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         ByName const former = read(tool, former_);
         ByName const latter = read(tool, latter_);
         Json all = Json::array();
@@ -121,7 +121,7 @@ public:
                 tell(one.first, {"+ the whole class"});
         }
         tool.output().document({{"differences", all}});
-        return all.empty() ? Outcome::kDone : Outcome::kRefused;
+        return all.empty() ? ExitCode::kDone : ExitCode::kRefused;
     }
 
 private:

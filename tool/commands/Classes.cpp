@@ -22,7 +22,7 @@ public:
         options.word("class", pattern_, false, "CLASS: a name or a pattern");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Processes const processes = select(tool.processes(), process_);
         using Known = std::vector<KnownClass>;
         auto const answers = askProcessObjects<Known>(
@@ -37,7 +37,7 @@ public:
             }
         }
         tell(tool, missing);
-        return variants_.empty() && !pattern_.empty() ? Outcome::kNotThere : Outcome::kDone;
+        return variants_.empty() && !pattern_.empty() ? ExitCode::kNotThere : ExitCode::kDone;
     }
 
 private:
@@ -81,13 +81,13 @@ public:
         options.flag("--idl", idl_, "Write it as IDL, for the interface compiler");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Descriptions const found = find(tool);
         if (idl_)
             tellIdl(tool.output(), found);
         else
             tell(tool.output(), found);
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:
@@ -110,7 +110,7 @@ private:
                 return answer.value;
             isSilent = isSilent || answer.timedOut();
         }
-        throw Failure(isSilent ? Outcome::kTimedOut : Outcome::kNotThere,
+        throw Failure(isSilent ? ExitCode::kTimedOut : ExitCode::kNotThere,
                       "no process that answers knows a class \"" + class_ + "\"");
     }
 

@@ -38,15 +38,10 @@ public:
     void declare(Options& options) override {
         options.words("words", words_, true, "-- SUBCOMMAND WORD...");
     }
-    /** Who presses a key waits for it: those who hang are left out. */
-    void adapt(Settings& settings) const override {
-        constexpr double kMoment = 0.07;
-        settings.timeout = kMoment;
-    }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         if (words_.size() < 2)
-            return Outcome::kDone;
+            return ExitCode::kDone;
         Wanted const value = valueOfOption(words_[words_.size() - 2]);
         Wanted const wanted = value == Wanted::kNothing ? wordsOf(words_.front()) : value;
         std::string const word = words_.back();
@@ -70,7 +65,7 @@ public:
             if (one.compare(0, word.size(), word) == 0)
                 tool.output().verbatim(one + "\n");
         }
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:

@@ -218,9 +218,9 @@ public:
     void declare(Options& options) override {
         options.number("--count", "N", count_, "End after so many lines");
     }
-    Outcome run(Tool&) override { return Outcome::kDone; }
+    ExitCode run(Tool&) override { return ExitCode::kDone; }
     bool stays() const override { return true; }
-    Outcome stay(Settings const& settings, Output& output) override {
+    ExitCode stay(Settings const& settings, Output& output) override {
         return stayInGroup(settings, output, count_, [](Tool& tool, Events& events) {
             return std::make_unique<FollowSession>(tool, events);
         });

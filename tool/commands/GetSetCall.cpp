@@ -16,7 +16,7 @@ public:
     void declare(Options& options) override {
         options.words("attribute", paths_, true, "OBJECT/ATTRIBUTE...");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         auto const done =
             useMembers(tool, paths_, Kind::kAttributes,
                        [](TreflectObject const& object, std::string const& name) {
@@ -37,9 +37,9 @@ public:
         options.words("attribute", words_, true,
                       "OBJECT/ATTRIBUTE... VALUE: the last word is the value, for all of them");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         if (words_.size() < 2)
-            throw Failure(Outcome::kWrongUse, "set needs OBJECT/ATTRIBUTE and VALUE");
+            throw Failure(ExitCode::kWrongUse, "set needs OBJECT/ATTRIBUTE and VALUE");
         std::string const value = words_.back();
         words_.pop_back();
         auto const done =
@@ -54,7 +54,7 @@ private:
     static std::optional<Shown> store(TreflectAttribute& attribute, std::string const& value) {
         TreflectOperation& set = attribute.operSet();
         if (set.isError())
-            throw Failure(Outcome::kWrongUse, "the attribute is read-only");
+            throw Failure(ExitCode::kWrongUse, "the attribute is read-only");
         Types const types = set.meta()->argumentTypes();
         Values const values = parseValues(types, {value});
         callOperation(set, values);
@@ -71,7 +71,7 @@ public:
     void declare(Options& options) override {
         options.words("operation", words_, true, "OBJECT/OPERATION [ARGUMENT]...");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         std::vector<std::string> const paths{words_.front()};
         std::vector<std::string> const arguments(words_.begin() + 1, words_.end());
         auto const done =

@@ -18,7 +18,7 @@ public:
         options.text("--process", "PROCESS", process_, "Those of a process: actor, pid or both");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Processes const wanted = select(tool.processes(), process_);
         Forest const& forest = tool.objects().all();
         std::vector<Row> rows;
@@ -30,7 +30,7 @@ public:
             return a.name != b.name ? a.name < b.name : a.place < b.place;
         });
         tell(tool, rows);
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:

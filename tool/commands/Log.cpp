@@ -98,7 +98,7 @@ public:
         options.number("--level", "LEVEL", level_, "Leave out what is above: 0 fatal to 6 notes");
         options.number("--count", "N", count_, "With --follow: end after so many records");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Logs logs(tool, select(tool.processes(), process_), level_);
         Json all = Json::array();
         for (Logs::Line const& line : logs.read()) {
@@ -107,10 +107,10 @@ public:
         }
         logs.missing().tell(tool.output());
         tool.output().document({{"records", all}, {"missing", logs.missing().json()}});
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
     bool stays() const override { return follow_; }
-    Outcome stay(Settings const& settings, Output& output) override {
+    ExitCode stay(Settings const& settings, Output& output) override {
         return stayInGroup(settings, output, count_, [this](Tool& tool, Events& events) {
             return std::make_unique<LogSession>(tool, events, select(tool.processes(), process_),
                                                 level_);

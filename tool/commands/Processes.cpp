@@ -48,7 +48,7 @@ public:
         options.word("process", process_, false, "PROCESS: actor, pid or both, or a pattern");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         processes_ = select(tool.processes(), process_);
         facts_ = askProcessObjects<Facts>(tool.asking(), processes_, factsOf);
         measureCalls(tool);
@@ -72,7 +72,7 @@ public:
         tool.output().table(table);
         missing.tell(tool.output());
         tool.output().document({{"processes", all}});
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:

@@ -39,7 +39,7 @@ struct Description {
     std::vector<Attribute> attributes;
     std::vector<Operation> operations;
     std::vector<std::string> children;
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     std::string failure;
 };
 
@@ -97,7 +97,7 @@ public:
         options.words("object", objects_, true, "OBJECT...");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Json all = Json::array();
         for (std::string const& name : objects_) {
             for (Found const& found : tool.objects().find(name))
@@ -115,13 +115,13 @@ private:
                  [found](std::size_t) { return std::optional(describe(found)); })) {
             told = answer.value;
             if (!answer) {
-                told.outcome = Outcome::kTimedOut;
+                told.outcome = ExitCode::kTimedOut;
                 told.failure = "no answer in time";
             }
         }
-        if (told.outcome != Outcome::kDone) {
+        if (told.outcome != ExitCode::kDone) {
             tool.output().complain(found.name + ": " + told.failure);
-            outcome_ = outcome_ == Outcome::kDone ? told.outcome : outcome_;
+            outcome_ = outcome_ == ExitCode::kDone ? told.outcome : outcome_;
         } else {
             tellPeople(tool, found, told);
         }
@@ -157,7 +157,7 @@ private:
                     {"process", nameOfOwner(tool.processes(), found.place.broker)},
                     {"broker", found.place.broker},
                     {"id", found.place.id}};
-        if (told.outcome != Outcome::kDone) {
+        if (told.outcome != ExitCode::kDone) {
             all["error"] = errorJson(told.outcome, told.failure);
             return all;
         }
@@ -183,7 +183,7 @@ private:
     }
 
     std::vector<std::string> objects_;
-    Outcome outcome_ = Outcome::kDone;
+    ExitCode outcome_ = ExitCode::kDone;
 };
 
 }  // namespace

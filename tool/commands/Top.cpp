@@ -240,9 +240,9 @@ public:
         options.number("--interval", "SECONDS", interval_, "Between two looks");
         options.number("--count", "N", count_, "End after so many looks");
     }
-    Outcome run(Tool&) override { return Outcome::kDone; }
+    ExitCode run(Tool&) override { return ExitCode::kDone; }
     bool stays() const override { return true; }
-    Outcome stay(Settings const& settings, Output& output) override {
+    ExitCode stay(Settings const& settings, Output& output) override {
         return stayInGroup(settings, output, 0, [this](Tool& tool, Events&) {
             return std::make_unique<TopSession>(tool, interval_, count_);
         });

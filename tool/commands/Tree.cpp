@@ -13,7 +13,7 @@ public:
         options.words("object", objects_, false, "OBJECT...: where to begin");
     }
 
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         if (objects_.empty()) {
             Forest const& forest = tool.objects().all();
             for (auto const& entry : forest.nodes()) {
@@ -43,7 +43,7 @@ private:
         std::string const process = nameOfOwner(tool.processes(), place.broker);
         table_.add({std::string(2 * depth, ' ') + name, classText(node), process});
         if (!node.answers && depth == 0)
-            outcome_ = Outcome::kTimedOut;
+            outcome_ = ExitCode::kTimedOut;
         Json told = {{"name", name},
                      {"class", node.className},
                      {"answers", node.answers},
@@ -66,7 +66,7 @@ private:
     std::vector<std::string> objects_;
     Table table_{{{"NAME"}, {"CLASS"}, {"PROCESS"}}};
     Json trees_ = Json::array();
-    Outcome outcome_ = Outcome::kDone;
+    ExitCode outcome_ = ExitCode::kDone;
 };
 
 }  // namespace

@@ -19,7 +19,7 @@ public:
     void declare(Options& options) override {
         options.word("process", process_, false, "PROCESS: those of its threads");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Missing missing;
         std::vector<WaitingCall> const calls =
             waitingCalls(tool, select(tool.processes(), process_), missing);
@@ -39,7 +39,7 @@ public:
         tool.output().table(table);
         missing.tell(tool.output());
         tool.output().document({{"calls", all}, {"missing", missing.json()}});
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:
@@ -54,7 +54,7 @@ public:
     void declare(Options& options) override {
         options.number("--least", "MILLISECONDS", least_, "Leave out what waits for less");
     }
-    Outcome run(Tool& tool) override {
+    ExitCode run(Tool& tool) override {
         Missing missing;
         std::vector<WaitingCall> calls = waitingCalls(tool, tool.processes(), missing);
         calls.erase(std::remove_if(calls.begin(), calls.end(),
@@ -71,7 +71,7 @@ public:
             all.back()["inCycle"] = isIn(cycles, call);
         }
         tool.output().document({{"waits", all}, {"cycles", cycles}, {"missing", missing.json()}});
-        return Outcome::kDone;
+        return ExitCode::kDone;
     }
 
 private:

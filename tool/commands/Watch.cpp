@@ -139,7 +139,7 @@ using WatchedObjects = std::vector<std::shared_ptr<Watched>>;
 /** What has come of observing an object. */
 struct Begun {
     std::shared_ptr<Watched> watched;
-    Outcome outcome = Outcome::kDone;
+    ExitCode outcome = ExitCode::kDone;
     std::string text;
 };
 
@@ -149,7 +149,7 @@ Begun observe(Target const& target, Purpose purpose, Events& events) {
         auto const watched = std::make_shared<Watched>(target, events);
         auto const [operations, attributes] = membersOf(watched->object(), target.member, purpose);
         if (operations.empty() && attributes.empty())
-            throw Failure(Outcome::kNotThere, "there is no member \"" + target.member + "\"");
+            throw Failure(ExitCode::kNotThere, "there is no member \"" + target.member + "\"");
         begun.watched = watched;
         bool done = true;
         for (std::string const& name : operations)
@@ -158,7 +158,7 @@ Begun observe(Target const& target, Purpose purpose, Events& events) {
         for (std::string const& name : attributes)
             done = watched->watchValue(name) && done;
         if (!done)
-            throw Failure(Outcome::kTimedOut, "it has not answered that it is observed");
+            throw Failure(ExitCode::kTimedOut, "it has not answered that it is observed");
     } catch (Failure const& why) {
         begun.outcome = why.outcome();
         begun.text = why.what();
@@ -192,26 +192,26 @@ public:
             if (watched->object().isConnected())
                 return true;
         }
-        outcome_ = Outcome::kNotThere;
+        outcome_ = ExitCode::kNotThere;
         return false;
     }
-    Outcome outcome() const override { return outcome_; }
+    ExitCode outcome() const override { return outcome_; }
 
 private:
     void note(Tool& tool, Target const& target, Answer<Begun> const& answer) {
-        Outcome const outcome = answer ? answer.value.outcome : Outcome::kTimedOut;
+        ExitCode const outcome = answer ? answer.value.outcome : ExitCode::kTimedOut;
         if (answer.value.watched)
             watched_.push_back(answer.value.watched);
-        if (outcome == Outcome::kDone)
+        if (outcome == ExitCode::kDone)
             return;
         tool.output().complain(target.object.name + "/" + target.member + ": " +
                                (answer ? answer.value.text : "no answer in time"));
-        if (outcome_ == Outcome::kDone)
+        if (outcome_ == ExitCode::kDone)
             outcome_ = outcome;
     }
 
     WatchedObjects watched_;
-    Outcome outcome_ = Outcome::kDone;
+    ExitCode outcome_ = ExitCode::kDone;
 };
 
 class Watch final : public Command {
@@ -229,11 +229,11 @@ public:
         options.text("--below", "OBJECT", below_, "An object and all below it");
         options.number("--count", "N", count_, "End after so many of them");
     }
-    Outcome run(Tool&) override { return Outcome::kDone; }
+    ExitCode run(Tool&) override { return ExitCode::kDone; }
     bool stays() const override { return true; }
-    Outcome stay(Settings const& settings, Output& output) override {
+    ExitCode stay(Settings const& settings, Output& output) override {
         if (paths_.empty() && class_.empty() && below_.empty())
-            throw Failure(Outcome::kWrongUse, "say what: OBJECT/MEMBER, --class or --below");
+            throw Failure(ExitCode::kWrongUse, "say what: OBJECT/MEMBER, --class or --below");
         return stayInGroup(settings, output, count_, [this](Tool& tool, Events& events) {
             return std::make_unique<WatchSession>(tool, events, targets(tool), purpose_);
         });
@@ -260,7 +260,7 @@ private:
                 targets.push_back({{forest.nameOf(entry.first), entry.first}, "*"});
         }
         if (targets.empty())
-            throw Failure(Outcome::kNotThere, "there are no objects of the class " + class_);
+            throw Failure(ExitCode::kNotThere, "there are no objects of the class " + class_);
     }
     void addBelow(Tool& tool, std::vector<Target>& targets) const {
         for (Found const& found : tool.objects().find(below_)) {

@@ -8,7 +8,10 @@ _reflectorb() {
         mapfile -t COMPREPLY < <(compgen -W "$(reflectorb "$command" --help 2>/dev/null |
             grep -o -- '--[a-z]*' | sort -u)" -- "$word")
     else
-        mapfile -t COMPREPLY < <(reflectorb complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+        # Who presses a key waits for it: who hangs is left out.
+        mapfile -t COMPREPLY < <(reflectorb complete \
+            --timeout "${REFLECTORB_COMPLETION_TIMEOUT:-0.08}" -- \
+            "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
         # Members may follow an object.
         case $command in get | set | call | watch | veto) compopt -o nospace ;; esac
     fi
