@@ -71,6 +71,8 @@ constexpr char const* numberName() {
         return "bool";
     else if constexpr (std::is_same_v<T, char>)
         return "char";
+    else if constexpr (std::is_same_v<T, wchar_t>)
+        return "unsigned";  // its sign is another one on each processor
     else if constexpr (std::is_floating_point_v<T>)
         return sizeof(T) == 4 ? "float" : sizeof(T) == 8 ? "double" : "";
     else if constexpr (sizeof(T) == 1)
