@@ -1,4 +1,5 @@
-// Classes that the interface compiler has made: calls within one process and across two.
+// Classes that the interface compiler has made: calls within one process and across two, of which
+// one may be of another word size.
 #include <limits>
 
 #include "ActorProgram.h"
@@ -11,7 +12,7 @@ namespace {
 
 using testsupport::ActorProgram;
 
-enum Where { kSameProcess, kOtherProcess };
+enum Where { kSameProcess, kOtherProcess, kOtherWordSize };
 
 class GateTest : public PermittedTest, public ::testing::WithParamInterface<Where> {
 protected:
@@ -20,7 +21,9 @@ protected:
             here_ = std::make_unique<Gate>("gate");
         } else {
             TreflectReleaseHandlerState const outside;
-            there_ = std::make_unique<ActorProgram>("gate_actor");
+            there_ = std::make_unique<ActorProgram>(
+                GetParam() == kOtherProcess ? testsupport::programCommand("gate_actor")
+                                            : testsupport::peerProgramCommand("gate_actor"));
         }
         gate = works::GateClient(TipprmiOID("gate", NSID_UNIT));
     }
@@ -33,11 +36,16 @@ protected:
     works::GateClient gate;
 };
 
-INSTANTIATE_TEST_SUITE_P(OfAGateIn, GateTest, ::testing::Values(kSameProcess, kOtherProcess),
-                         [](auto const& where) {
-                             return where.param == kSameProcess ? "TheSameProcess"
-                                                                : "AnotherProcess";
-                         });
+#ifdef GATE_PEER_BUILD
+Where const kPlaces[] = {kSameProcess, kOtherProcess, kOtherWordSize};
+#else
+Where const kPlaces[] = {kSameProcess, kOtherProcess};
+#endif
+INSTANTIATE_TEST_SUITE_P(OfAGateIn, GateTest, ::testing::ValuesIn(kPlaces), [](auto const& where) {
+    return where.param == kSameProcess    ? "TheSameProcess"
+           : where.param == kOtherProcess ? "AnotherProcess"
+                                          : "AProcessOfAnotherWordSize";
+});
 
 TEST_P(GateTest, NumbersComeBackAsTheyWere) {
     works::Numbers const given{255,
