@@ -43,6 +43,9 @@ public:
     void checkConnect(TreflectObjectStub* stub);
     /** Makes every stub of the broker's objects invalid. */
     void invalidateStubs(TreflectOrbId const& orb);
+    /** Logs it at level 3 when an object that has just joined its broker has the identifier of one
+     * of another process, on which there is a handle. */
+    static void tellHiddenBy(TipprmiObjectSkeleton const& object);
     /** Makes every stub that leads to `server` invalid, if there are stubs at all. */
     static void invalidateStubsOf(TipprmiObjectSkeleton const* server);
     /** Whether it is the stub of no object, which never becomes one of an object. */

@@ -33,6 +33,7 @@ class REFLECTORB_API TreflectObjectStubContainer {
     using Stubs = std::multimap<std::size_t, TreflectObjectStub*>;
     using BrokerStubs = std::multimap<TreflectOrbId, TreflectObjectStub*>;
     using LocalStubs = std::multimap<TipprmiObjectSkeleton const*, TreflectObjectStub*>;
+    using RemoteStubs = std::multimap<std::size_t, TreflectObjectStub*>;  // by identifiers' hashes
 
 public:
     /** Where the table has a stub: the stub keeps it. Guarded by the run permission. */
@@ -44,6 +45,8 @@ public:
         BrokerStubs::iterator broker_;
         bool isLocal_ = false;
         LocalStubs::iterator local_;
+        bool isNamedRemote_ = false;
+        RemoteStubs::iterator remote_;
     };
 
     /** Null is ignored. */
@@ -54,6 +57,10 @@ public:
      * internal id is nowhere and found by nobody. */
     TreflectObjectStub* find(TreflectObjectLocationIf const& location) const
         OSW_REQUIRES_PERMISSION;
+    /** A valid stub of an object of another broker than `own` that has this identifier, in
+     * NSID_UNIT; or null. */
+    TreflectObjectStub* findRemote(TipprmiOID const& oid,
+                                   TreflectOrbId const& own) const OSW_REQUIRES_PERMISSION;
     /** Makes every stub of the broker's objects invalid. */
     void invalidateStubs(TreflectOrbId const& orb) OSW_REQUIRES_PERMISSION;
     /** Makes every stub that leads to this object of the process invalid. */
@@ -69,6 +76,8 @@ private:
 
     static Key keyOf(TreflectObjectLocationIf const& location);
     static std::size_t hashOf(Key const& key);
+    /** Whether it leads to an object with an identifier in NSID_UNIT, by way of its broker. */
+    static bool isNamedRemote(TreflectObjectStub const& stub);
     static bool answersTo(TreflectObjectStub const& stub, Key const& key);
     /** By identifier when both have one, else and among equals in the order of their entry. */
     static bool comesBefore(TreflectObjectStub const& a,
@@ -79,5 +88,8 @@ private:
     // local object its own.
     BrokerStubs byBroker_ OSW_GUARDED_BY_PERMISSION;
     LocalStubs local_ OSW_GUARDED_BY_PERMISSION;
+    // Those of others' objects with an identifier, so that an object of this process that hides one
+    // of them is known at once.
+    RemoteStubs remote_ OSW_GUARDED_BY_PERMISSION;
     std::uint64_t entered_ OSW_GUARDED_BY_PERMISSION = 0;  // how many have been put in
 };

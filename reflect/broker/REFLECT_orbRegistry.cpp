@@ -7,6 +7,7 @@
 #include "ipprmi/TipprmiException.h"
 #include "ipprmi/TipprmiObjectSkeleton.h"
 #include "reflect/InterfaceRepository.h"
+#include "reflect/TreflectObjectHandler.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
 
@@ -47,6 +48,7 @@ bool TreflectORB::registerObject(TipprmiObjectSkeleton* object) {
         return false;
     InterfaceRepository::instance()->keepForBrokers_();
     parts_->objects.add(*object);
+    TreflectObjectHandler::tellHiddenBy(*object);
     return true;
 }
 
@@ -59,6 +61,7 @@ bool TreflectORB::unregisterObject(TipprmiObjectSkeleton const* object) {
 void TreflectORB::identifierChanged_(TipprmiObjectSkeleton const& object) {
     WithPermission const permission;
     parts_->objects.identifierChanged(object);
+    TreflectObjectHandler::tellHiddenBy(object);
 }
 
 TreflectORB::TreflectObjectLocation TreflectORB::locateObject(TipprmiOID const& oid) const {

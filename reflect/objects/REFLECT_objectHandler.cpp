@@ -1,6 +1,7 @@
 #include <new>
 
 #include "handler_threads/WithPermission.h"
+#include "ipprmi/TipprmiObjectSkeleton.h"
 #include "logging/LineLimit.h"
 #include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectORB.h"
@@ -13,9 +14,17 @@ std::atomic<TreflectObjectHandler*> TreflectObjectHandler::instance_{nullptr};
 
 namespace {
 
+void logHidden(unsigned int own, TreflectObjectLocationIf const& remote) {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_objectHandler",
+                           "object 0x%X of this process hides 0x%X of ORB 0x%X: both are \"%s\"",
+                           own, remote.getInternalOID(), remote.orbId().value(),
+                           remote.getOID().getIdString());
+}
+
 /** Logs it when an object of this process has the identifier of one of another process, on which a
  * handle has come: nobody finds that one here. Two brokers tell nothing of each other's objects, so
- * this is the moment to know. */
+ * this is the moment to know; tellHiddenBy is the other one. */
 void tellHidden(TreflectObjectLocationIf const& remote) {
     bool const isNamed = remote.hasOID() && remote.getInternalOID() != 0;
     if (remote.getServer() || !isNamed || remote.getNamespaceId() != NSID_UNIT)
@@ -24,13 +33,8 @@ void tellHidden(TreflectObjectLocationIf const& remote) {
     if (!orb || remote.orbId() == orb->orbId())
         return;
     unsigned int const own = orb->locateLocalObject_(remote.getOID()).getInternalOID();
-    if (own == 0)
-        return;
-    static Logging::LineLimit limit;
-    REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_objectHandler",
-                           "object 0x%X of this process hides 0x%X of ORB 0x%X: both are \"%s\"",
-                           own, remote.getInternalOID(), remote.orbId().value(),
-                           remote.getOID().getIdString());
+    if (own != 0)
+        logHidden(own, remote);
 }
 
 }  // namespace
@@ -145,6 +149,15 @@ void TreflectObjectHandler::invalidateStubs(TreflectOrbId const& orb) {
     WithPermission const permission;
     stubs_.invalidateStubs(orb);
     Learning::instance().forget(orb);
+}
+
+void TreflectObjectHandler::tellHiddenBy(TipprmiObjectSkeleton const& object) {
+    WithPermission const permission;
+    TreflectObjectHandler* const instance = instance_.load(std::memory_order_acquire);
+    if (!instance || !object.hasOID() || object.getNamespaceId() != NSID_UNIT)
+        return;
+    if (auto const* const hidden = instance->stubs_.findRemote(object.getOID(), object.orbId()))
+        logHidden(object.getInternalOID(), *hidden);
 }
 
 void TreflectObjectHandler::invalidateStubsOf(TipprmiObjectSkeleton const* server) {

@@ -29,6 +29,10 @@ typename Table::node_type entry(Key const& key, TreflectObjectStub* stub) {
     return made.extract(made.begin());
 }
 
+std::size_t hashOf(TipprmiOID const& oid) {
+    return std::hash<std::string_view>()(oid.getIdString());
+}
+
 }  // namespace
 
 // Stubs without identifier are all of NSID_UNIT, whatever the location said that they were made of.
@@ -51,7 +55,12 @@ std::size_t TreflectObjectStubContainer::hashOf(Key const& key) {
     std::uint64_t const place = std::uint64_t{key.internalOid} << 32 | key.orb.value();
     std::uint64_t const hash = mix(mix(place ^ seed()) + static_cast<std::uint64_t>(key.ns));
     char const* const text = key.internalOid == 0 ? key.oid.getIdString() : nullptr;
-    return static_cast<std::size_t>(text ? hash ^ std::hash<std::string_view>()(text) : hash);
+    return static_cast<std::size_t>(text ? hash ^ ::hashOf(key.oid) : hash);
+}
+
+bool TreflectObjectStubContainer::isNamedRemote(TreflectObjectStub const& stub) {
+    return !stub.getServer() && stub.hasOID() && stub.getInternalOID() != 0 &&
+           stub.getNamespaceId() == NSID_UNIT;
 }
 
 bool TreflectObjectStubContainer::answersTo(TreflectObjectStub const& stub, Key const& key) {
@@ -78,12 +87,18 @@ void TreflectObjectStubContainer::insert(TreflectObjectStub* stub) {
     BrokerStubs::node_type ofBroker = entry<BrokerStubs>(stub->orbId(), stub);
     LocalStubs::node_type local =
         server ? entry<LocalStubs>(server, stub) : LocalStubs::node_type();
+    bool const isRemote = isNamedRemote(*stub);
+    RemoteStubs::node_type remote =
+        isRemote ? entry<RemoteStubs>(::hashOf(stub->oid()), stub) : RemoteStubs::node_type();
     Place& place = stub->place_;
     place.stub_ = stubs_.insert(std::move(filed));
     place.broker_ = byBroker_.insert(std::move(ofBroker));
     place.isLocal_ = server != nullptr;
     if (server)
         place.local_ = local_.insert(std::move(local));
+    place.isNamedRemote_ = isRemote;
+    if (isRemote)
+        place.remote_ = remote_.insert(std::move(remote));
     place.number_ = ++entered_;
 }
 
@@ -95,6 +110,8 @@ bool TreflectObjectStubContainer::erase(TreflectObjectStub* stub) {
     byBroker_.erase(place.broker_);
     if (place.isLocal_)
         local_.erase(place.local_);
+    if (place.isNamedRemote_)
+        remote_.erase(place.remote_);
     place = Place();
     return true;
 }
@@ -112,6 +129,19 @@ TreflectObjectStub* TreflectObjectStubContainer::find(
             found = stub;
     }
     return found;
+}
+
+TreflectObjectStub* TreflectObjectStubContainer::findRemote(TipprmiOID const& oid,
+                                                            TreflectOrbId const& own) const {
+    std::size_t const hash = ::hashOf(oid);
+    unsigned int looked = 0;
+    for (auto at = remote_.lower_bound(hash);
+         at != remote_.end() && at->first == hash && looked < kMostAtOnePlace; ++at, ++looked) {
+        TreflectObjectStub* const stub = at->second;
+        if (stub->isValid() && stub->orbId() != own && stub->oid() == oid)
+            return stub;
+    }
+    return nullptr;
 }
 
 void TreflectObjectStubContainer::invalidateStubs(TreflectOrbId const& orb) {

@@ -168,6 +168,14 @@ TEST_F(ReflectiveHandle, TellsOfAnObjectThatOneOfThisProcessHides) {
     EXPECT_EQ(hidden.getServer(), nullptr);
     EXPECT_EQ(log_.count(3, ": both are \"twin\""), 1u);
     EXPECT_EQ(log_.count(3, "of this process hides"), 1u);
+
+    // The other one has been there first.
+    TreflectObject const there(oid("other"));
+    LampObject const late("other");
+    EXPECT_EQ(there.getServer(), nullptr);
+    EXPECT_EQ(log_.count(3, ": both are \"other\""), 1u);
+    LampObject const alone("alone");
+    EXPECT_EQ(log_.count(3, "of this process hides"), 2u);
 }
 
 // ---- Stubs -------------------------------------------------------------------------------------
