@@ -37,6 +37,18 @@ public:
     RecentRecords(RecentRecords const&) = delete;
     RecentRecords& operator=(RecentRecords const&) = delete;
 
+    /** Called by the thread that has logged a record, within that: waits for nothing, and neither
+     * logs nor throws. */
+    using Wake = void (*)();
+
+    /** The number of the last record that was kept; 0 before the first. */
+    static std::uint64_t last();
+    /** Whether one that is kept has a greater number than `after` and is of another thread than
+     * that of the kernel's number `but`. */
+    static bool areAfter(std::uint64_t after, long but);
+    /** Has `wake` called once, when the next record is kept, instead of what was to be called so
+     * far, which is the answer. Null for nothing. One for the process. Any thread. */
+    static Wake wakeAtNext(Wake wake);
     /** Those that are kept and have a greater number than `after`, the oldest first. */
     static std::vector<RecentRecord> after(std::uint64_t after);
 };

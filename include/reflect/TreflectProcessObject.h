@@ -29,7 +29,8 @@ enum Method : unsigned int {
     kDescribe,
     kDescribeNamed,
     kObjects,
-    kLog
+    kLog,
+    kGetLastRecord
 };
 
 // Its refusals.
@@ -158,7 +159,8 @@ struct TreflectTypeName<processobject::When> {
  * with its first broker and keep it to the end; the thread that makes that broker then waits for
  * the run permission.
  *
- * It keeps the last records of the log (some 65 KB), has no thread, and costs calls nothing. It is
+ * It keeps the last records of the log (some 65 KB), has no thread but while somebody watches them,
+ * and costs calls nothing. It is
  * found by its identifier, or, where the broker is known, by TreflectProcessClient::of; it is not
  * announced. A resource; any thread, better without the run permission.
  */
@@ -208,6 +210,13 @@ public:
     TipprmiResult<std::vector<processobject::ServedObject>> objects(unsigned int broker,
                                                                     unsigned int after,
                                                                     unsigned int most) const;
+    /**
+     * The last record of the log; with the number 0 when there is none yet. A watch of the
+     * attribute LastRecord is told of new ones, at most ten times a second: where numbers are
+     * missing between two of them, `log` has those. Records of the thread ReflectWatch, which
+     * tells, are told with the next one of another thread.
+     */
+    TipprmiResult<processobject::LogRecord> getLastRecord() const;
     /** The last records, those with a number above `after`; the oldest first. */
     TipprmiResult<std::vector<processobject::LogRecord>> log(std::uint64_t after) const;
 };

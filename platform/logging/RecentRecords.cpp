@@ -40,7 +40,8 @@ struct Slot {
 using Slots = std::array<Slot, RecentRecords::kMostRecords>;
 
 struct Ring {
-    OSWrap::Mutex mutex;  // a leaf lock
+    std::atomic<RecentRecords::Wake> wake{nullptr};  // set before, and read after, what is below
+    OSWrap::Mutex mutex;                             // a leaf lock
     unsigned int users OSW_GUARDED_BY(mutex) = 0;
     std::uint64_t last OSW_GUARDED_BY(mutex) = 0;   // number of the last record
     std::uint64_t first OSW_GUARDED_BY(mutex) = 1;  // that of the first since they are kept
@@ -57,17 +58,22 @@ Slot& slotOf(Slots& slots, std::uint64_t number) {
     return slots[static_cast<std::size_t>(number % RecentRecords::kMostRecords)];
 }
 
+/** The first number above `after` that is kept; beyond the last one when there is none. */
+std::uint64_t firstAfter(std::uint64_t after, Ring const& kept) OSW_REQUIRES(kept.mutex) {
+    std::uint64_t const most = RecentRecords::kMostRecords;
+    std::uint64_t const oldest = kept.last >= most ? kept.last - most + 1 : 1;
+    return std::max({oldest, kept.first, after < kept.last ? after + 1 : kept.last + 1});
+}
+
 RecentRecord recordOf(Slot const& slot, std::uint64_t number) {
     return {number, slot.level, slot.time, slot.thread, slot.source, slot.line, slot.text};
 }
 
-}  // namespace
-
-void keepRecord(Record const& record) {
-    Ring& kept = ring();
+/** False when nobody wants it any more. */
+bool enter(Record const& record, Ring& kept) {
     OSWrap::Lock<> const lock(kept.mutex);
     if (!kept.slots)
-        return;
+        return false;
     Slot& slot = slotOf(*kept.slots, ++kept.last);
     slot.level = record.level;
     slot.line = record.line;
@@ -75,6 +81,17 @@ void keepRecord(Record const& record) {
     slot.thread = record.thread;
     copyInto(slot.source, record.source, "");
     copyInto(slot.text, record.text, "...");
+    return true;
+}
+
+}  // namespace
+
+void keepRecord(Record const& record) {
+    Ring& kept = ring();
+    if (!enter(record, kept) || !kept.wake.load(std::memory_order_relaxed))
+        return;
+    if (RecentRecords::Wake const wake = kept.wake.exchange(nullptr))
+        wake();
 }
 
 RecentRecords::RecentRecords() {
@@ -98,6 +115,27 @@ RecentRecords::~RecentRecords() {
     ending = std::move(kept.slots);
 }
 
+std::uint64_t RecentRecords::last() {
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    return kept.last;
+}
+
+bool RecentRecords::areAfter(std::uint64_t after, long but) {
+    Ring& kept = ring();
+    OSWrap::Lock<> const lock(kept.mutex);
+    if (!kept.slots)
+        return false;
+    std::uint64_t number = firstAfter(after, kept);
+    while (number <= kept.last && slotOf(*kept.slots, number).thread == but)
+        ++number;
+    return number <= kept.last;
+}
+
+RecentRecords::Wake RecentRecords::wakeAtNext(Wake wake) {
+    return ring().wake.exchange(wake);
+}
+
 std::vector<RecentRecord> RecentRecords::after(std::uint64_t after) {
     std::vector<RecentRecord> records;
     records.reserve(kMostRecords);
@@ -105,9 +143,7 @@ std::vector<RecentRecord> RecentRecords::after(std::uint64_t after) {
     OSWrap::Lock<> const lock(kept.mutex);
     if (!kept.slots)
         return records;
-    std::uint64_t number = kept.last >= kMostRecords ? kept.last - kMostRecords + 1 : 1;
-    number = std::max({number, kept.first, after < kept.last ? after + 1 : kept.last + 1});
-    for (; number <= kept.last; ++number)
+    for (std::uint64_t number = firstAfter(after, kept); number <= kept.last; ++number)
         records.push_back(recordOf(slotOf(*kept.slots, number), number));
     return records;
 }

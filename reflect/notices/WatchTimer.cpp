@@ -84,6 +84,13 @@ bool WatchTimer::callNow(std::shared_ptr<Due> due) {
     return insert(OSWrap::Clock::getObsTime(), called, std::move(due));
 }
 
+void WatchTimer::callAsServed(Due& due) {
+    Guard const lock(changed_);
+    due.place_.key() = OSWrap::Clock::getObsTime();
+    due.at_ = calls_.insert(std::move(due.place_));
+    changed_.signal();
+}
+
 void WatchTimer::forget(Due& due) {
     std::shared_ptr<Due> released;
     Guard const lock(changed_);

@@ -33,6 +33,9 @@ public:
     bool callAt(OSWrap::TimeSpec const& time, Due& due) OSW_REQUIRES_PERMISSION;
     /** The same, at once; `due` lives until then. */
     bool callNow(std::shared_ptr<Due> due) OSW_REQUIRES_PERMISSION;
+    /** The same for who must not wait, log or want memory, whatever he holds. There is a Use, for
+     * which `callAt` has succeeded, and which stays until then. */
+    void callAsServed(Due& due);
     /** It is not called, unless that has begun. */
     void forget(Due& due);
 

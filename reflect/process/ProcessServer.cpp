@@ -15,7 +15,9 @@
 #include "reflect/TreflectMetaAttribute.h"
 #include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectObjectStub.h"
+#include "reflect/objects/AttributeChange.h"
 #include "reflect/process/Learning.h"
+#include "reflect/process/LogNotices.h"
 #include "reflect/process/ProcessFacts.h"
 #include "transport/IdInfo.h"
 
@@ -141,6 +143,13 @@ void addObservers(ClassRecords::Observers const& seen, TreflectORB const& orb,
     }
 }
 
+processobject::LogRecord recordOf(Logging::RecentRecord const& kept) {
+    std::int64_t const time =
+        static_cast<std::int64_t>(kept.time.tv_sec) * 1'000'000 + kept.time.tv_nsec / 1000;
+    return {kept.number, kept.level, time,     static_cast<unsigned int>(kept.thread),
+            kept.source, kept.line,  kept.text};
+}
+
 std::size_t encodedSize(TreflectClassDescription const& description) {
     TipprmiStream stream(4096);
     stream << description;
@@ -258,7 +267,8 @@ constexpr auto ProcessServer::interface() {
                        Action<&Server::describeClass>{"describe", kDescribe},
                        Action<&Server::describeNamed>{"describeNamed", kDescribeNamed},
                        Action<&Server::objects>{"objects", kObjects},
-                       Action<&Server::log>{"log", kLog});
+                       Action<&Server::log>{"log", kLog},
+                       Value<&Server::getLastRecord>{"LastRecord", kGetLastRecord});
 }
 
 bool ProcessServer::dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
@@ -308,7 +318,10 @@ ProcessServer::ProcessServer()
         join(broker.orb());
 }
 
-ProcessServer::~ProcessServer() = default;
+ProcessServer::~ProcessServer() {
+    handlerthreads::trustPermission();
+    LogNotices::instance().end();
+}
 
 void ProcessServer::join(TreflectORB& orb) {
     TreflectOrbId const id = orb.orbId();
@@ -452,11 +465,28 @@ std::vector<processobject::ServedObject> ProcessServer::objects(unsigned int bro
 
 std::vector<processobject::LogRecord> ProcessServer::log(std::uint64_t after) const {
     std::vector<processobject::LogRecord> records;
-    for (Logging::RecentRecord const& kept : Logging::RecentRecords::after(after)) {
-        std::int64_t const time =
-            static_cast<std::int64_t>(kept.time.tv_sec) * 1'000'000 + kept.time.tv_nsec / 1000;
-        records.push_back({kept.number, kept.level, time, static_cast<unsigned int>(kept.thread),
-                           kept.source, kept.line, kept.text});
-    }
+    for (Logging::RecentRecord const& kept : Logging::RecentRecords::after(after))
+        records.push_back(recordOf(kept));
     return records;
+}
+
+processobject::LogRecord ProcessServer::getLastRecord() const {
+    std::uint64_t const last = Logging::RecentRecords::last();
+    std::vector<Logging::RecentRecord> const kept =
+        Logging::RecentRecords::after(last > 0 ? last - 1 : 0);
+    return kept.empty() ? processobject::LogRecord() : recordOf(kept.back());
+}
+
+void ProcessServer::registerObserver(unsigned int kind, unsigned int const& cc,
+                                     unsigned int const& mc, TreflectObserverClient const& client) {
+    handlerthreads::trustPermission();
+    TreflectServerObject::registerObserver(kind, cc, mc, client);
+    if (kind != kBeforeCalls && mc == (processobject::kGetLastRecord | ChangeKey::kMark))
+        LogNotices::instance().begin(*this);
+}
+
+void ProcessServer::unRegisterObserver(TreflectObserverClient const& client) {
+    handlerthreads::trustPermission();
+    TreflectServerObject::unRegisterObserver(client);
+    LogNotices::instance().look();
 }

@@ -28,6 +28,9 @@ public:
 
     unsigned int getServerClassId() const override { return processobject::kClass; }
     TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override;
+    void registerObserver(unsigned int kind, unsigned int const& cc, unsigned int const& mc,
+                          TreflectObserverClient const& client) override;
+    void unRegisterObserver(TreflectObserverClient const& client) override;
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override;
 
@@ -45,6 +48,7 @@ public:
         std::string const& className) const;
     std::vector<processobject::ServedObject> objects(unsigned int broker, unsigned int after,
                                                      unsigned int most) const;
+    processobject::LogRecord getLastRecord() const;
     std::vector<processobject::LogRecord> log(std::uint64_t after) const;
 
 private:

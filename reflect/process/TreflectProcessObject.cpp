@@ -194,6 +194,10 @@ TipprmiResult<std::vector<ServedObject>> TreflectProcessClient::objects(unsigned
     return tipprmiCall<std::vector<ServedObject>>(*this, kClass, kObjects, broker, after, most);
 }
 
+TipprmiResult<LogRecord> TreflectProcessClient::getLastRecord() const {
+    return tipprmiCall<LogRecord>(*this, kClass, kGetLastRecord);
+}
+
 TipprmiResult<std::vector<LogRecord>> TreflectProcessClient::log(std::uint64_t after) const {
     return tipprmiCall<std::vector<LogRecord>>(*this, kClass, kLog, after);
 }

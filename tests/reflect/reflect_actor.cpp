@@ -148,6 +148,12 @@ void hang() {
 
 /** As those of observers, each is obeyed under the run permission, and answered by a line. */
 void addObjectCommands(testsupport::Commands& on) {
+    // Logs so many records.
+    on["log"] = [](unsigned int records) {
+        for (unsigned int i = 1; i <= records; ++i)
+            REFLECTORB_LOG(4, "reflect_actor", "record %u", i);
+        return "logged";
+    };
     // Objects, below a parent if one is named.
     on["lamp"] = makeLamp<LampObject>;
     on["combi"] = makeLamp<CombiObject>;

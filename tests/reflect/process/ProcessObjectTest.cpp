@@ -10,6 +10,7 @@
 #include "BrokerTest.h"
 #include "PumpObject.h"
 #include "ReflectActor.h"
+#include "Resources.h"
 #include "Watcher.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/BrokerView.h"
@@ -31,6 +32,7 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using namespace processobject;
 using testsupport::eventually;
+using testsupport::Resources;
 
 /** A process that publishes its process object by its environment alone. */
 class TellingActor : public ReflectActor {
@@ -147,6 +149,63 @@ TEST_F(ProcessObject, KeepsTheLastRecordsOfTheLogWhoseThresholdCanBeSet) {
                                       Field(&LogRecord::source, "IPPRMI_objectSkeleton"))));
     EXPECT_EQ(after.front().number, before.back().number + 1);
     EXPECT_THAT(process.log(~std::uint64_t{0}).value(), IsEmpty());
+}
+
+TEST_F(ProcessObject, TellsWhoWatchesOfNewRecordsAndOfAStormInFewNotices) {
+    TreflectProcessClient const process = find();
+    TreflectProcessObject::metaClass();
+    auto const threads = [&] {
+        return Resources::of(static_cast<pid_t>(process.getIdentity().value().pid)).threads;
+    };
+    std::optional<long> before;
+    EXPECT_TRUE(inTime([&] { return before == std::exchange(before, threads()); }));
+    std::vector<LogRecord> told;
+    auto const isTold = [&](char const* text) {
+        return [&told, text] { return !told.empty() && told.back().text == text; };
+    };
+    auto watch = std::make_unique<TreflectWatch<LogRecord>>(
+        process.attribute("LastRecord"), [&](LogRecord const& record) { told.push_back(record); });
+    ASSERT_FALSE(watch->isError());
+    for (int i = 0; i < 2; ++i) {  // the second time it waits for a record
+        ask("log 1", "logged");
+        EXPECT_TRUE(inTime(isTold("record 1")));
+        told.clear();
+    }
+    auto const start = OSWrap::Clock::getObsTime();
+    ask("log 2000", "logged");
+    EXPECT_TRUE(inTime(isTold("record 2000")));
+    auto const tenths = (OSWrap::Clock::getObsTime() - start).totalNanoseconds() / 100'000'000;
+    EXPECT_LE(static_cast<long long>(told.size()), tenths + 2) << "a tenth of a second apart";
+    EXPECT_EQ(process.log(told.back().number - 2).value().at(0).text, "record 1999");
+    EXPECT_EQ(process.getLastRecord().value().number, told.back().number);
+    watch.reset();
+    EXPECT_TRUE(inTime([&] { return threads() == before; })) << "none is kept for it";
+}
+
+/** A reaction that logs, in the process whose log it watches. */
+TEST_F(ProcessObject, IsNotToldOfWhatTellingLogs) {
+    TreflectProcessObject const published;
+    TreflectObject const process(oid(TreflectProcessObject::identifier()));
+    TreflectProcessObject::metaClass();
+    int told = 0;
+    TreflectWatch<LogRecord> const watch(process.attribute("LastRecord"), [&](LogRecord const&) {
+        ++told;
+        REFLECTORB_LOG(4, "test", "told %d times", told);
+    });
+    int const begun = told;
+    auto const logged = [&] {
+        std::thread([] { REFLECTORB_LOG(4, "test", "another thread's"); }).join();
+    };
+    logged();
+    EXPECT_TRUE(inTime([&] { return told == begun + 1; }));
+    logged();
+    EXPECT_TRUE(inTime([&] { return told == begun + 2; }));
+    // Until the next record of another thread, nothing is to be told.
+    EXPECT_TRUE(inTime([&] {
+        auto const wake = Logging::RecentRecords::wakeAtNext(nullptr);
+        return wake && !Logging::RecentRecords::wakeAtNext(wake);
+    }));
+    EXPECT_EQ(told, begun + 2);
 }
 
 TEST_F(ProcessObject, TellsWhatItsThreadsWaitForAndWhoObservesWhat) {
