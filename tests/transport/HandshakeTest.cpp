@@ -589,10 +589,12 @@ TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
 TEST_F(HandshakeTest, WhoComesBackBeforeAllOfItsFormerChannelIsReadIsWelcomeAfterwards) {
     constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
     HandMadePeer peer;
+    Gate sent;
     Gate back;
     TestTermination own;
     own.onReceive([&](AddressedMessage const&) {
         if (own.tally().received == 10) {
+            EXPECT_TRUE(sent.wait());
             peer.hangUp();
             EXPECT_TRUE(peer.connect(own.termId()));
             peer.own = OwnSide();
@@ -604,6 +606,7 @@ TEST_F(HandshakeTest, WhoComesBackBeforeAllOfItsFormerChannelIsReadIsWelcomeAfte
     ASSERT_EQ(own.start(), 1);
     ASSERT_TRUE(peer.open(own.termId()));
     peer.put({0, 0}, 8 * kMany);
+    sent.open();
     ASSERT_TRUE(back.wait());
     EXPECT_TRUE(peer.isWelcome());
     EXPECT_TRUE(own.waitForReceived(kMany));
