@@ -15,7 +15,9 @@
 namespace echo {
 
 enum class Color : std::uint8_t { kRed = 0, kBlue = 255 };
-enum Plain { kFew = -3, kMany = 1000000 };
+// With its type stated: else numbers beyond those of its enumerators, which others may send, are
+// none of its values.
+enum Plain : int { kFew = -3, kMany = 1000000 };
 
 /** Its members lie at other places where words have another size. */
 struct Mixed {
