@@ -82,13 +82,19 @@ constexpr Names numbered(char const (&word)[5]) {
 constexpr Names kPass = numbered("pass");
 constexpr Names kKept = numbered("Kept");
 
+constexpr unsigned int kClass = 0x4543484F;
+/** The method code of the operation that passes a type. */
+constexpr unsigned int codeOf(std::size_t type) {
+    return static_cast<unsigned int>(type + 1);
+}
+
 class Object : public TreflectInterface<Object> {
     template <std::size_t I>
     using Type = std::tuple_element_t<I, EveryType>;
 
     template <std::size_t... I>
     static constexpr auto describeAll(std::index_sequence<I...>) {
-        return describe("Echo", 0x4543484F, op<&Object::pass<Type<I>>>(kPass[I].data(), I + 1)...,
+        return describe("Echo", kClass, op<&Object::pass<Type<I>>>(kPass[I].data(), codeOf(I))...,
                         attribute<&Object::get<Type<I>>, &Object::set<Type<I>>>(
                             kKept[I].data(), 200 + 2 * I, 201 + 2 * I)...,
                         attribute<&Object::getHistory, &Object::setHistory>("History", 901, 902));
@@ -128,6 +134,5 @@ private:
     EveryType kept_ = blanks();
     std::vector<double> history_;
 };
-using Client = TreflectClient<Object>;
 
 }  // namespace echo

@@ -21,22 +21,22 @@ bool isThat(T const& value, TipprmiResult<T> const& back) {
 
 /** By a call, and by name. */
 template <std::size_t I, class T>
-bool comesBack(echo::Client const& object, T const& value) {
+bool comesBack(TreflectObject const& object, T const& value) {
     TreflectAttribute& kept = object.attribute(echo::kKept[I].data());
     T read = tipprmiBlank<T>();
-    return isThat<T>(value, object.call<&echo::Object::pass<T>>(value)) && kept.store(value) &&
-           isThat<T>(value, kept.fetch<T>()) && kept.set(value) == 0 && kept.get(read) == 0 &&
-           isThat<T>(value, read);
+    return isThat<T>(value, tipprmiCall<T>(object, echo::kClass, echo::codeOf(I), value)) &&
+           kept.store(value) && isThat<T>(value, kept.fetch<T>()) && kept.set(value) == 0 &&
+           kept.get(read) == 0 && isThat<T>(value, read);
 }
 
 template <std::size_t... I>
-std::size_t useAll(echo::Client const& object, std::index_sequence<I...>) {
+std::size_t useAll(TreflectObject const& object, std::index_sequence<I...>) {
     auto const values = echo::everyValue();
     return (std::size_t{0} + ... + comesBack<I>(object, std::get<I>(values)));
 }
 
 /** A sequence needs no limit. */
-bool keepsHistory(echo::Client const& object) {
+bool keepsHistory(TreflectObject const& object) {
     std::vector<double> history(100'000, 0.1);
     history.back() = -1e300;
     TreflectAttribute& attribute = object.attribute("History");
@@ -47,7 +47,7 @@ bool keepsHistory(echo::Client const& object) {
 }
 
 /** Whether the object's process describes the class as this one does. */
-bool isDescribedAlike(echo::Client const& object) {
+bool isDescribedAlike(TreflectObject const& object) {
     auto const described =
         TreflectProcessClient::of(object.getStub_()->orbId()).describeNamed("Echo");
     return described && described.value().at(0).outline() ==
@@ -55,7 +55,7 @@ bool isDescribedAlike(echo::Client const& object) {
 }
 
 void use(std::string const& name) {
-    echo::Client const object(oid(name));
+    TreflectObject const object(oid(name));
     std::size_t const back = useAll(object, std::make_index_sequence<echo::kTypes>());
     answer("used ", back, " ", keepsHistory(object), " ", isDescribedAlike(object));
 }
