@@ -91,6 +91,7 @@ start_tool() {
     local text=$1
     shift
     printf '$ reflectorb %s &\n' "$*"
+    : >"$work/tool.log" # at once, lest the words of the one before are found
     "${runner[@]}" "$tool" "$@" >"$work/tool.log" 2>&1 </dev/null &
     tool_pid=$!
     wait_for "$work/tool.log" "$text"
