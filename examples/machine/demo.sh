@@ -63,6 +63,7 @@ ends_well() {
 }
 
 start_machine() {
+    : >"$work/machine.log" # at once, lest the words of the one before are found
     "${runner[@]}" "$programs/machine" --watch-process demo-worker >"$work/machine.log" 2>&1 &
     machine_pid=$!
     wait_for "$work/machine.log" "serving"
@@ -91,7 +92,7 @@ start_tool() {
     local text=$1
     shift
     printf '$ reflectorb %s &\n' "$*"
-    : >"$work/tool.log" # at once, lest the words of the one before are found
+    : >"$work/tool.log"
     "${runner[@]}" "$tool" "$@" >"$work/tool.log" 2>&1 </dev/null &
     tool_pid=$!
     wait_for "$work/tool.log" "$text"
