@@ -94,7 +94,8 @@ protected:
     /** Says that the object is being destroyed. */
     void endLife();
     /** Whether another process may register an observer: of one broker no more than 1024
-     * registrations are kept. Those of processes that have gone make room. */
+     * registrations are kept. Forgets those of processes that have gone whenever the number of all
+     * has doubled, but not guards. */
     bool makeRoomFor(TreflectObserverClient const& client);
     /** Whether anybody would be told after a call of any operation. */
     bool isObservedAfterCalls() const {
@@ -124,12 +125,14 @@ private:
     bool askGuard(TreflectObserverClient const& client, TreflectObject const& source,
                   Key const& key, TipprmiSequence<TipprmiAny, 0u> const& arguments);
     void noteGuard(TreflectObserverClient const& client, Key const& key, bool lost);
-    unsigned int countOf(TreflectOrbId const& broker) const;
+    std::size_t count() const;
     void forgetThoseGone();
     void removeFirst(Observers* observers, TreflectObserverClient const& client);
 
     // Made with the first registration.
     std::unique_ptr<Observers> preObservers_ OSW_GUARDED_BY_PERMISSION;
     std::unique_ptr<Observers> postObservers_ OSW_GUARDED_BY_PERMISSION;
+    // So many, before those of processes that have gone are forgotten.
+    std::size_t manyObservers_ OSW_GUARDED_BY_PERMISSION = 0;
     std::shared_ptr<bool> const living_ = std::make_shared<bool>(true);  // false when it ends
 };

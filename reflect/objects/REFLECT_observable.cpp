@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <deque>
 #include <utility>
 #include <vector>
@@ -11,7 +12,9 @@
 namespace {
 
 /** Registrations that are kept of one broker. */
-constexpr unsigned int kMostOfBroker = 1024;
+constexpr int kMostOfBroker = 1024;
+/** So many of all may be there before those of processes that have gone are looked for. */
+constexpr std::size_t kMany = 64;
 
 /** Whether an observer may be reached, as far as is known without asking. */
 bool isThere(TreflectObserverClient const& client) {
@@ -114,11 +117,10 @@ unsigned int TreflectObservable::removeLostGuards(unsigned int cc, unsigned int 
     return count;
 }
 
-unsigned int TreflectObservable::countOf(TreflectOrbId const& broker) const {
-    unsigned int count = 0;
-    for (TreflectObservation const& each : observations_())
-        count += brokerOf(*each.observer) == broker ? 1 : 0;
-    return count;
+std::size_t TreflectObservable::count() const {
+    handlerthreads::trustPermission();
+    return (preObservers_ ? preObservers_->size() : 0) +
+           (postObservers_ ? postObservers_->size() : 0);
 }
 
 void TreflectObservable::forgetThoseGone() {
@@ -134,15 +136,22 @@ void TreflectObservable::forgetThoseGone() {
 }
 
 bool TreflectObservable::makeRoomFor(TreflectObserverClient const& client) {
-    TreflectOrbId const broker = brokerOf(client);
-    if (countOf(broker) < kMostOfBroker)
+    handlerthreads::trustPermission();
+    if (count() >= manyObservers_) {
+        forgetThoseGone();
+        manyObservers_ = std::max(kMany, 2 * count());
+    }
+    if (count() < std::size_t{kMostOfBroker})
         return true;
-    forgetThoseGone();
-    if (countOf(broker) < kMostOfBroker)
+    TreflectOrbId const broker = brokerOf(client);
+    std::vector<TreflectObservation> const all = observations_();
+    if (std::count_if(all.begin(), all.end(), [&](TreflectObservation const& each) {
+            return brokerOf(*each.observer) == broker;
+        }) < kMostOfBroker)
         return true;
     static Logging::LineLimit limit;
     REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_observable",
-                           "an observer of ORB 0x%X is refused: it has %u at the object already",
+                           "an observer of ORB 0x%X is refused: it has %d at the object already",
                            broker.value(), kMostOfBroker);
     return false;
 }

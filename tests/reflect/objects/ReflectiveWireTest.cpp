@@ -304,11 +304,16 @@ TEST_F(ReflectiveWire, ObserverIsToldSourceOperationAndValues) {
     permitted([&] { EXPECT_FALSE(gauge_->preObserverAvailable(gauge::kClass, gauge::kSet)); });
 }
 
-TEST_F(ReflectiveWire, ObserversOfOneProcessAreBounded) {
+TEST_F(ReflectiveWire, ObserversOfOneProcessAreBoundedAndThoseThatHaveGoneForgotten) {
     std::string const ofSet = number(0) + number(gauge::kClass) + number(gauge::kSet);
     std::string const observer = wire::handle(kFar, peerId());
+    TreflectOrbId const gone(peerId().value() + 2);
+    for (int i = 0; i < 300; ++i)
+        ASSERT_EQ(ask(1000, ofSet + wire::handle(kFar, gone)), ok_);
+    permitted([&] { TreflectObjectHandler::getInstance()->invalidateStubs(gone); });
     for (int i = 0; i < 1024; ++i)
         ASSERT_EQ(ask(1000, ofSet + observer), ok_);
+    EXPECT_EQ(permitted([&] { return gauge_->observations_().size(); }), 1024u);
     EXPECT_EQ(ask(1000, ofSet + observer), wire::kNotServed);
     EXPECT_TRUE(log_.contains("is refused: it has 1024 at the object already"));
     EXPECT_EQ(ask(1000, ofSet + wire::handle(kFar, TreflectOrbId(peerId().value() + 1))), ok_)
