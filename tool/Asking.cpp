@@ -3,11 +3,11 @@
 #include <handler_threads.h>
 
 #include <algorithm>
-#include <atomic>
+#include <system_error>
 
 Asking::~Asking() {
-    for (std::thread& thread : threads_)
-        thread.join();
+    for (Worker& worker : workers_)
+        worker.thread.join();
 }
 
 void Asking::giveUp(TreflectOrbId broker) {
@@ -39,18 +39,50 @@ bool Asking::within(std::function<void()> const& act) const {
 
 void Asking::start(std::size_t count, std::function<void(std::size_t)> ask) {
     constexpr std::size_t kMostThreads = 64;
+    joinThoseOver();
     auto const next = std::make_shared<std::atomic<std::size_t>>(0);
-    std::size_t const threads = std::min(count, kMostThreads);
+    auto const work = [next, count, ask] {
+        for (std::size_t number = (*next)++; number < count; number = (*next)++)
+            ask(number);
+    };
+    std::size_t const wanted = std::min(count, kMostThreads);
+    std::size_t started = 0;
+    while (started < wanted && startWorker(work))
+        ++started;
+    if (started == 0)
+        work();
+}
+
+bool Asking::startWorker(std::function<void()> const& work) {
+    auto const isOver = std::make_shared<std::atomic<bool>>(false);
     {
         std::lock_guard<std::mutex> const lock(mutex_);
-        working_ += threads;
+        ++working_;
     }
-    for (std::size_t i = 0; i < threads; ++i) {
-        threads_.emplace_back([this, next, count, ask] {
-            for (std::size_t number = (*next)++; number < count; number = (*next)++)
-                ask(number);
-            std::lock_guard<std::mutex> const lock(mutex_);
-            --working_;
-        });
+    auto const end = [this, isOver] {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        --working_;
+        *isOver = true;
+    };
+    try {
+        workers_.push_back({std::thread([work, end] {
+                                work();
+                                end();
+                            }),
+                            isOver});
+    } catch (std::system_error const&) {
+        end();
+        return false;
     }
+    return true;
+}
+
+// A thread that is not joined keeps its stack.
+void Asking::joinThoseOver() {
+    workers_.remove_if([](Worker& worker) {
+        if (!*worker.isOver)
+            return false;
+        worker.thread.join();
+        return true;
+    });
 }

@@ -3,6 +3,7 @@
 
 #include <reflect.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -61,8 +62,16 @@ public:
     bool isBusy() const;
 
 private:
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> isOver;
+    };
+
     /** Runs `ask` on a thread for each number below `count`, some of them one after the other. */
     void start(std::size_t count, std::function<void(std::size_t)> ask);
+    /** False when no more threads can be had. */
+    bool startWorker(std::function<void()> const& work);
+    void joinThoseOver();
     /** Runs `act` with permission and deadline; whether there was time left at its end. */
     bool within(std::function<void()> const& act) const;
 
@@ -71,7 +80,7 @@ private:
     std::condition_variable changed_;
     std::set<TreflectOrbId> givenUp_;  // guarded by mutex_
     std::size_t working_ = 0;          // threads; guarded by mutex_
-    std::list<std::thread> threads_;   // of the main thread
+    std::list<Worker> workers_;        // of the main thread
 };
 
 template <class T>

@@ -12,17 +12,35 @@ constexpr char kFooter[] =
     "and ? for one. A member is OBJECT/MEMBER: /house/*/Level. Values are written 42, true, text,\n"
     "\"text, quoted\", [1, 2] for a sequence, {a: 1, b: true} for a struct. \"-\" in place of "
     "words\n"
-    "reads them from standard input, a line each.\n\n"
+    "reads them from standard input, a line each; behind \"--\" words may begin with \"-\".\n\n"
     "Exit codes: 0 done, 1 refused by the object, 2 wrong use, 3 not there, 4 vetoed, 5 timed "
     "out,\n"
     "6 no access or wrong set-up.";
+
+/** Stands behind a word in brackets, which the parser would take for a list of words. */
+constexpr char kWhole = '\x01';
+
+std::vector<std::string> wholeWords(int argc, char** argv) {
+    std::vector<std::string> words(argv, argv + argc);
+    for (std::string& word : words) {
+        if (!word.empty() && word.front() == '[' && word.back() == ']')
+            word += kWhole;
+    }
+    return words;
+}
+
+std::string plain(std::string word) {
+    if (!word.empty() && word.back() == kWhole)
+        word.pop_back();
+    return word;
+}
 
 /** Replaces "-" by the lines of standard input. */
 std::vector<std::string> withInput(std::vector<std::string> const& words) {
     std::vector<std::string> all;
     for (std::string const& word : words) {
         if (word != "-") {
-            all.push_back(word);
+            all.push_back(plain(word));
             continue;
         }
         for (std::string line; std::getline(std::cin, line);)
@@ -48,7 +66,10 @@ void Options::flag(char const* names, bool& value, char const* help) {
 }
 
 void Options::text(char const* names, char const* valueName, std::string& value, char const* help) {
-    command_.add_option(names, value, help)->type_name(valueName);
+    command_
+        .add_option_function<std::string>(
+            names, [&value](std::string const& word) { value = plain(word); }, help)
+        ->type_name(valueName);
 }
 
 void Options::number(char const* names, char const* valueName, unsigned int& value,
@@ -63,7 +84,11 @@ void Options::words(char const* name, std::vector<std::string>& values, bool req
 }
 
 void Options::word(char const* name, std::string& value, bool required, char const* help) {
-    command_.add_option(name, value, help)->type_name("")->required(required);
+    command_
+        .add_option_function<std::string>(
+            name, [&value](std::string const& word) { value = plain(word); }, help)
+        ->type_name("")
+        ->required(required);
 }
 
 Command& readCommandLine(int argc, char** argv, Commands const& commands, Settings& settings) {
@@ -80,8 +105,12 @@ Command& readCommandLine(int argc, char** argv, Commands const& commands, Settin
         declareSettings(sub, settings);
         sub.callback([&chosen, &command] { chosen = command.get(); });
     }
+    std::vector<std::string> words = wholeWords(argc, argv);
+    std::vector<char*> pointers;
+    for (std::string& word : words)
+        pointers.push_back(word.data());
     try {
-        app.parse(argc, argv);
+        app.parse(argc, pointers.data());
     } catch (CLI::Success const& asked) {
         std::exit(app.exit(asked));
     } catch (CLI::ParseError const& mistake) {

@@ -169,7 +169,10 @@ private:
 };
 
 std::string commentOf(std::string const& doc, std::string const& indent) {
-    std::vector<std::string> const lines = linesOf(doc);
+    std::string within = doc;
+    for (std::size_t at = 0; (at = within.find("*/", at)) != std::string::npos;)
+        within.replace(at, 2, "* /");
+    std::vector<std::string> const lines = linesOf(within);
     std::string text;
     for (std::size_t i = 0; i < lines.size(); ++i)
         text += indent + (i == 0 ? "/** " : " * ") + lines[i] +

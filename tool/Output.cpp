@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <sstream>
 
 namespace {
 
@@ -94,13 +95,14 @@ void Output::heading(std::string const& text) {
 }
 
 void Output::verbatim(std::string const& text) {
-    if (!json_)
-        out_ += text;
+    std::istringstream lines(text);
+    for (std::string line; !json_ && std::getline(lines, line);)
+        out_ += cut(line, 0) + "\n";
 }
 
 void Output::note(std::string const& text) {
     if (!json_ && terminal_)
-        error_ += text + "\n";
+        error_ += cut(text, 0) + "\n";
 }
 
 void Output::document(Json const& json) {
@@ -115,7 +117,7 @@ void Output::event(Json const& json) {
 }
 
 void Output::complain(std::string const& text) {
-    std::string const line = "reflectorb: " + text;
+    std::string const line = cut("reflectorb: " + text, 0);
     error_ += (colours_ && isatty(STDERR_FILENO) == 1 ? coloured(kRed, line) : line) + "\n";
 }
 

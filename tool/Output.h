@@ -30,7 +30,7 @@ public:
     void line(std::string const& text);
     /** The same as a heading. */
     void heading(std::string const& text);
-    /** A text as it is. */
+    /** Lines as they are, whatever their width. */
     void verbatim(std::string const& text);
     /** A line of standard error, if people are there to read it. */
     void note(std::string const& text);

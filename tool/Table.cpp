@@ -22,9 +22,14 @@ std::size_t widthOf(std::string const& text) {
 
 std::string cut(std::string const& text, std::size_t width) {
     std::string shown = text;
-    for (char& byte : shown) {
-        if (static_cast<unsigned char>(byte) < ' ' || byte == 0x7F)
-            byte = ' ';
+    for (std::size_t i = 0; i < shown.size(); ++i) {
+        auto const byte = static_cast<unsigned char>(shown[i]);
+        // The second byte of those beyond ASCII, which begin with 0xC2, is one of 0x80 to 0x9F.
+        bool const isSecond = i > 0 && shown[i - 1] == '\xC2' && byte >= 0x80 && byte < 0xA0;
+        if (isSecond)
+            shown[i - 1] = ' ';
+        if (byte < ' ' || byte == 0x7F || isSecond)
+            shown[i] = ' ';
     }
     if (width == 0 || widthOf(shown) <= width)
         return shown;

@@ -84,12 +84,19 @@ private:
         while (!take('}') && at_ < text_.size()) {
             Json const first = readValue();
             if (take(':'))
-                object[first.is_string() ? first.get<std::string>() : first.dump()] = readValue();
+                addTo(object, first);
             else
                 list.push_back(first);
             take(',');
         }
         return list.empty() ? object : list;
+    }
+    /** Behind those that are there, without a look at them: there may be many. */
+    void addTo(Json& object, Json const& key) {
+        std::string const name = key.is_string()
+                                     ? key.get<std::string>()
+                                     : key.dump(-1, ' ', false, Json::error_handler_t::replace);
+        object.get_ref<Json::object_t&>().emplace_back(name, readValue());
     }
     /** A string, or an identifier with its namespace. */
     Json readQuoted() {

@@ -37,7 +37,10 @@ public:
             }
         }
         tell(tool, missing);
-        return variants_.empty() && !pattern_.empty() ? ExitCode::kNotThere : ExitCode::kDone;
+        if (!variants_.empty() || pattern_.empty())
+            return ExitCode::kDone;
+        tool.output().complain("no process that answers knows a class \"" + pattern_ + "\"");
+        return missing.isAnySilent() ? ExitCode::kTimedOut : ExitCode::kNotThere;
     }
 
 private:

@@ -62,7 +62,7 @@ public:
                     addMembers(tool, word, wanted, all);
         }
         for (std::string const& one : all) {
-            if (one.compare(0, word.size(), word) == 0)
+            if (one.compare(0, word.size(), word) == 0 && cut(one, 0) == one)
                 tool.output().verbatim(one + "\n");
         }
         return ExitCode::kDone;

@@ -155,9 +155,11 @@ private:
         followClasses(newcomers);
     }
     bool come(Process const& process) {
-        bool isNew = false;
+        bool const isNew = std::none_of(names_.begin(), names_.end(), [&](auto const& known) {
+            return known.second == process.name();
+        });
         for (TreflectOrbId const broker : process.brokers)
-            isNew = names_.emplace(broker, process.name()).second || isNew;
+            names_.emplace(broker, process.name());
         if (isNew)
             tell("+", "arrived", process.name());
         return isNew;

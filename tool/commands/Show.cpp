@@ -100,8 +100,14 @@ public:
     ExitCode run(Tool& tool) override {
         Json all = Json::array();
         for (std::string const& name : objects_) {
-            for (Found const& found : tool.objects().find(name))
-                all.push_back(tell(tool, found));
+            try {
+                for (Found const& found : tool.objects().find(name))
+                    all.push_back(tell(tool, found));
+            } catch (Failure const& why) {
+                tool.output().complain(why.what());
+                outcome_ = outcome_ == ExitCode::kDone ? why.outcome() : outcome_;
+                all.push_back({{"object", name}, {"error", errorJson(why.outcome(), why.what())}});
+            }
         }
         tool.output().document({{"objects", all}});
         return outcome_;

@@ -50,7 +50,8 @@ class Screen {
 public:
     Screen() {
         std::setlocale(LC_ALL, "");
-        initscr();
+        if (!newterm(nullptr, stdout, stdin))
+            throw Failure(ExitCode::kNoAccess, "the terminal is not known here");
         cbreak();
         noecho();
         curs_set(0);

@@ -1,7 +1,9 @@
 // reflectorb tree: trees of names.
 #include <algorithm>
+#include <set>
 
 #include "Commands.h"
+#include "Members.h"
 
 namespace {
 
@@ -23,8 +25,14 @@ public:
             tool.objects().missing().tell(tool.output());
         }
         for (std::string const& name : objects_) {
-            for (Found const& found : tool.objects().find(name))
-                tell(tool, tool.objects().below(found.place), found.place, found.name);
+            try {
+                for (Found const& found : tool.objects().find(name))
+                    tell(tool, tool.objects().below(found.place), found.place, found.name);
+            } catch (Failure const& why) {
+                tool.output().complain(why.what());
+                outcome_ = outcome_ == ExitCode::kDone ? why.outcome() : outcome_;
+                trees_.push_back({{"name", name}, {"error", errorJson(why.outcome(), why.what())}});
+            }
         }
         tool.output().table(table_);
         tool.output().document({{"trees", trees_}});
@@ -33,12 +41,13 @@ public:
 
 private:
     void tell(Tool& tool, Forest const& forest, Place root, std::string const& name) {
+        told_ = {root};
         trees_.push_back(tellNode(tool, forest, root, name, 0));
     }
 
     Json tellNode(Tool& tool, Forest const& forest, Place place, std::string const& name,
                   unsigned int depth) {
-        constexpr unsigned int kDeepest = 100;  // a tree that is made wrongly may have itself in it
+        constexpr unsigned int kDeepest = 100;
         Node const& node = *forest.find(place);
         std::string const process = nameOfOwner(tool.processes(), place.broker);
         table_.add({std::string(2 * depth, ' ') + name, classText(node), process});
@@ -51,7 +60,7 @@ private:
                      {"children", Json::array()}};
         for (Place const child : node.children) {
             Node const* const known = forest.find(child);
-            if (known && depth < kDeepest)
+            if (known && depth < kDeepest && told_.insert(child).second)
                 told["children"].push_back(tellNode(tool, forest, child, known->name, depth + 1));
         }
         return told;
@@ -66,6 +75,7 @@ private:
     std::vector<std::string> objects_;
     Table table_{{{"NAME"}, {"CLASS"}, {"PROCESS"}}};
     Json trees_ = Json::array();
+    std::set<Place> told_;  // of one tree, which may be made wrongly and have itself in it
     ExitCode outcome_ = ExitCode::kDone;
 };
 

@@ -11,7 +11,9 @@ _reflectorb() {
         # Who presses a key waits for it: who hangs is left out.
         mapfile -t COMPREPLY < <(reflectorb complete \
             --timeout "${REFLECTORB_COMPLETION_TIMEOUT:-0.08}" -- \
-            "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+            "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null </dev/null)
+        # Names come from other processes: to the shell they are words and nothing else.
+        ((${#COMPREPLY[@]} == 0)) || mapfile -t COMPREPLY < <(printf '%q\n' "${COMPREPLY[@]}")
         # Members may follow an object.
         case $command in get | set | call | watch | veto) compopt -o nospace ;; esac
     fi
