@@ -25,7 +25,7 @@ INHERITED = frozenset(
     errorAttribute errorOperation exceptionContainer forwardMsg getAbsName getChild
     getChilds getClassIds getClient getExceptionContainer getInternalOID getNamespaceId
     getOID getORB getParent getRelName getServer getServerClassId getServerClassIdSeq
-    getStub_ hasOID identifier internalOid isConnected isObservedAfterCalls isObserver Key Life makeRoomFor Meta meta
+    getStub_ hasGuard hasOID identifier internalOid isConnected isObservedAfterCalls isObserver Key Life makeRoomFor Meta meta
     metaClass notifyObservers objectName observations_ ObservedCall Observers oid operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
     reflective registerChild registerGuard registerObserver Registration releaseStub_

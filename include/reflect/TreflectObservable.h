@@ -93,9 +93,11 @@ public:
 protected:
     /** Says that the object is being destroyed. */
     void endLife();
-    /** Whether another process may register an observer: of one broker no more than 1024
-     * registrations are kept. Forgets those of processes that have gone whenever the number of all
-     * has doubled, but not guards. */
+    /** Whether an observer is a guard of the operation. */
+    bool hasGuard(unsigned int cc, unsigned int mc, TreflectObserverClient const& client) const;
+    /** Whether another process may register an observer: of one broker, as the observer's handle
+     * names it, no more than 1024 registrations are kept. Forgets those of brokers that are not
+     * there whenever the number of all has doubled, but not guards. */
     bool makeRoomFor(TreflectObserverClient const& client);
     /** Whether anybody would be told after a call of any operation. */
     bool isObservedAfterCalls() const {

@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "logging/LineLimit.h"
+#include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObservable.h"
+#include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
 
@@ -25,6 +27,16 @@ bool isThere(TreflectObserverClient const& client) {
 TreflectOrbId brokerOf(TreflectObserverClient const& client) {
     TreflectObjectStub const* const stub = client.getStub_();
     return stub ? stub->orbId() : TreflectOrbId();
+}
+
+/** As isThere; and where it is said to be, there is somebody: a registration tells a broker that
+ * nobody has checked. */
+bool isPresent(TreflectObserverClient const& client) {
+    TreflectObjectStub const* const stub = client.getStub_();
+    if (!isThere(client) || stub->getServer())
+        return isThere(client);
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    return orb && exists(orb->convertId(stub->orbId()));
 }
 
 // Of the calling thread: whose guards stay when a registration of their observer is ended.
@@ -129,10 +141,21 @@ void TreflectObservable::forgetThoseGone() {
         if (!observers)
             continue;
         for (auto at = observers->begin(); at != observers->end();) {
-            bool const stays = at->second.guards || isThere(at->second.client);
+            bool const stays = at->second.guards || isPresent(at->second.client);
             at = stays ? std::next(at) : observers->erase(at);
         }
     }
+}
+
+bool TreflectObservable::hasGuard(unsigned int cc, unsigned int mc,
+                                  TreflectObserverClient const& client) const {
+    handlerthreads::trustPermission();
+    if (!preObservers_)
+        return false;
+    auto const range = preObservers_->equal_range({cc, mc});
+    return std::any_of(range.first, range.second, [&](auto const& entry) {
+        return entry.second.guards && entry.second.client == client;
+    });
 }
 
 bool TreflectObservable::makeRoomFor(TreflectObserverClient const& client) {

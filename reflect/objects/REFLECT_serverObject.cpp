@@ -350,7 +350,8 @@ void TreflectServerObject::serveGuardRegistration(TipprmiStream& in, TipprmiStre
     TreflectObserverClient observer;
     Life const life(*this);
     in >> cc >> mc >> observer;
-    if (life.ended() || in.hasUnmarshallingFailed() || !makeRoomFor(observer)) {
+    bool const readable = !life.ended() && !in.hasUnmarshallingFailed();
+    if (!readable || !(hasGuard(cc, mc, observer) || makeRoomFor(observer))) {
         writeGeneralException(out, TipprmiFailure::kNotServed);
         return;
     }
