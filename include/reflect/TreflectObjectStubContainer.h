@@ -24,8 +24,9 @@ class TreflectObjectStub;
  * looked at: then a location may have several stubs.
  *
  * Other processes say where the objects are whose handles they send, so nothing here takes longer
- * for what they choose: places are filed under a hash of this process's own, a stub leaves by where
- * it stands, and those of a broker that goes are found without the others.
+ * for what they choose: places are filed under a hash of this process's own (but for names that
+ * have not been found yet), a stub leaves by where it stands, and those of a broker that goes are
+ * found without the others.
  */
 class REFLECTORB_API TreflectObjectStubContainer {
     // By the hash of the place, and of the identifier for what has not been found yet, since all

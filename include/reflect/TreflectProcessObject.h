@@ -214,7 +214,9 @@ public:
      * The last record of the log; with the number 0 when there is none yet. A watch of the
      * attribute LastRecord is told of new ones, at most ten times a second: where numbers are
      * missing between two of them, `log` has those. Records of the thread ReflectWatch, which
-     * tells, are told with the next one of another thread.
+     * tells, are told with the next one of another thread. That thread waits for who watches as
+     * anybody does who tells observers: one that is stopped for a minute has the process abort, if
+     * it is not set to fail on silence.
      */
     TipprmiResult<processobject::LogRecord> getLastRecord() const;
     /** The last records, those with a number above `after`; the oldest first. */

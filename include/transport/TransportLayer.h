@@ -41,7 +41,7 @@ public:
      * the thread that calls `TerminationImpl::receive`.
      */
     bool stillExists(TerminationId id) const;
-    /** Process 0 for one that is not there. */
+    /** Process 0 for one that is not there, or has not been seen yet. */
     Owner ownerOf(TerminationId id) const;
     Group getGroup(GroupId id) const { return Group(id); }
     /** All terminations of all groups, in ascending order. */

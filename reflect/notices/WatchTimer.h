@@ -11,7 +11,7 @@
  * Calls those who have something to tell when the time for it has come, one after the other, under
  * the run permission: watches that hold a value back, and what nobody else is to be kept for. Its
  * thread `ReflectWatch` is started with the first call that is asked for and ends when none is left
- * and the last watch has gone that holds values back. One for the process, never destroyed.
+ * and the last one has gone that keeps it (Use). One for the process, never destroyed.
  */
 class WatchTimer {
 public:

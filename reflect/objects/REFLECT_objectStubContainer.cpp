@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "oswrap/Clock.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObjectStubContainer.h"
 
@@ -12,11 +13,16 @@ namespace {
 /** So many stubs of one place are looked at. */
 constexpr unsigned int kMostAtOnePlace = 256;
 
-/** Differs from process to process, so that nobody can choose places that share a hash. */
+/** Differs from process to process, so that nobody can choose many places that share a hash. Names
+ * that share one can be chosen, which costs as much as many stubs of one place. */
 std::uint64_t seed() {
     static std::uint64_t const value = [] {
-        std::random_device random;
-        return random() | std::uint64_t{random()} << 32;
+        try {
+            std::random_device random;
+            return random() | std::uint64_t{random()} << 32;
+        } catch (std::exception const&) {  // no descriptor for it is left
+            return static_cast<std::uint64_t>(OSWrap::Clock::nowNanoseconds());
+        }
     }();
     return value;
 }

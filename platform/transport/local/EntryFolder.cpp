@@ -210,7 +210,7 @@ bool EntryFolder::isOf(pid_t process, std::string const& file) {
 std::string EntryFolder::actorOf(std::string const& file) {
     std::size_t const process = file.find(".pid");
     std::size_t const end = process == std::string::npos ? process : file.find('.', process + 1);
-    return end == std::string::npos ? "" : file.substr(end + 1);
+    return end == std::string::npos ? "" : file.substr(end + 1, file.find('.', end + 1) - end - 1);
 }
 
 namespace {

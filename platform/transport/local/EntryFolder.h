@@ -104,7 +104,7 @@ public:
                                 std::string const& name);
     /** Whether the file's name says that it belongs to a termination of this process. */
     static bool isOf(pid_t process, std::string const& file);
-    /** The actor and the termination's name, as far as the file's name tells them. */
+    /** The actor, as far as the file's name tells it. */
     static std::string actorOf(std::string const& file);
     /** Those in the folder in the order of their name ids, up to a number that no folder has unless
      * somebody fills it. */
