@@ -10,7 +10,7 @@
 #include "BrokerTest.h"
 #include "PumpObject.h"
 #include "ReflectActor.h"
-#include "Resources.h"
+#include "Threads.h"
 #include "Watcher.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/BrokerView.h"
@@ -32,7 +32,6 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 using namespace processobject;
 using testsupport::eventually;
-using testsupport::Resources;
 
 /** A process that publishes its process object by its environment alone. */
 class TellingActor : public ReflectActor {
@@ -154,11 +153,10 @@ TEST_F(ProcessObject, KeepsTheLastRecordsOfTheLogWhoseThresholdCanBeSet) {
 TEST_F(ProcessObject, TellsWhoWatchesOfNewRecordsAndOfAStormInFewNotices) {
     TreflectProcessClient const process = find();
     TreflectProcessObject::metaClass();
-    auto const threads = [&] {
-        return Resources::of(static_cast<pid_t>(process.getIdentity().value().pid)).threads;
+    auto const tellers = [pid = static_cast<pid_t>(process.getIdentity().value().pid)] {
+        return testsupport::statesOfThreads("ReflectWatch", pid);
     };
-    std::optional<long> before;
-    EXPECT_TRUE(inTime([&] { return before == std::exchange(before, threads()); }));
+    ASSERT_EQ(tellers(), "");
     std::vector<LogRecord> told;
     auto const isTold = [&](char const* text) {
         return [&told, text] { return !told.empty() && told.back().text == text; };
@@ -174,12 +172,13 @@ TEST_F(ProcessObject, TellsWhoWatchesOfNewRecordsAndOfAStormInFewNotices) {
     auto const start = OSWrap::Clock::getObsTime();
     ask("log 2000", "logged");
     EXPECT_TRUE(inTime(isTold("record 2000")));
+    EXPECT_EQ(tellers().size(), 1U);
     auto const tenths = (OSWrap::Clock::getObsTime() - start).totalNanoseconds() / 100'000'000;
     EXPECT_LE(static_cast<long long>(told.size()), tenths + 2) << "a tenth of a second apart";
     EXPECT_EQ(process.log(told.back().number - 2).value().at(0).text, "record 1999");
     EXPECT_EQ(process.getLastRecord().value().number, told.back().number);
     watch.reset();
-    EXPECT_TRUE(inTime([&] { return threads() == before; })) << "none is kept for it";
+    EXPECT_TRUE(inTime([&] { return tellers().empty(); })) << "no thread is kept for it";
 }
 
 /** A reaction that logs, in the process whose log it watches. */
