@@ -17,7 +17,7 @@ constexpr GroupId TRSPCTRL = 4;
  *
  * | bits | field |
  * |---|---|
- * | 0 to 15 | name id, unique in the whole rendezvous folder |
+ * | 0 to 15 | name id, unique in its slot, and among all whose address this folder has given |
  * | 16 to 23 | slot id |
  * | 24 to 31 | group id |
  */

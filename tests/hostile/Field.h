@@ -39,7 +39,7 @@ public:
     Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"))) {
         if (!folder_)
             throw std::runtime_error("no folder is to be had");
-        auto name = folder_->file()->takeName(0, [](auto) { return true; });
+        auto name = folder_->file()->takeName(0, 1, [](auto) { return true; });
         id_ = TerminationId(name.nameId(), 1, kGroup);
         file_ = Transport::EntryFolder::fileName(id_, "hostile", "");
         Transport::HiddenSocket hidden = folder_->bindHidden(id_);
@@ -52,7 +52,7 @@ public:
     /** Unless it is abandoned, it leaves as it should. */
     ~Entry() {
         folder_->remove(file_);
-        folder_->file()->unlockName(id_.nameId());
+        folder_->file()->unlockName(id_);
         folder_->announce();
     }
     Entry(Entry const&) = delete;

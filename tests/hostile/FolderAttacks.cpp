@@ -83,9 +83,9 @@ void holdLocks(Field& field) {
         ::fcntl(shared.get(), F_SETLK, &lock);
     };
     if (field.dice(2) == 0)
-        hold(0x20000, 1);
+        hold(8, 1);
     for (off_t name = last % 0xFFFF; name < last % 0xFFFF + 200; ++name)
-        hold(0x10000 + name, 1);
+        hold(0x1010000 + name, 1);
     pause(100 + field.dice(400));
 }
 

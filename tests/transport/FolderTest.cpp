@@ -211,13 +211,13 @@ TEST_F(FolderTest, heldLocksGiveAClearErrorAtOnceAndStopNobodyElse) {
     PresenceActor second;
     auto const begin = std::chrono::steady_clock::now();
     {
-        LockHolder const counter(shared(), 0x20000, 1);
+        LockHolder const counter(shared(), 8, 1);
         EXPECT_NE(second.start(), kRefused);
         EXPECT_TRUE(second.child().waitForErrorLine("Process " + std::to_string(getpid())));
         EXPECT_TRUE(first.waitUntilTold("arrived", before));
     }
     {
-        LockHolder const names(shared(), 0x10003, 0x10000);
+        LockHolder const names(shared(), 0x1010003, 0x10000);
         EXPECT_EQ(second.start(), kRefused);
         EXPECT_TRUE(second.child().waitForErrorLine("No name id is left"));
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(kSlow ? 10 : 2));
@@ -225,6 +225,11 @@ TEST_F(FolderTest, heldLocksGiveAClearErrorAtOnceAndStopNobodyElse) {
         EXPECT_NE(second.start(), kRefused) << "locks of a file that is not there bind nobody";
     }
     EXPECT_SOON(first.known() == 3 && second.known() == 3);
+}
+
+/** As the layout of the file has it. */
+off_t lockOf(Transport::TerminationId id) {
+    return 0x1000000 + id.slotId() * 0x10000 + id.nameId();
 }
 
 /** A new shared file in which a lock is held already when others see it: who has noticed it takes
@@ -242,7 +247,7 @@ protected:
 
 TEST_F(ReplacedLockTest, whoseNameIsHeldInTheNewFileIsKnownByItsSocket) {
     Peer old;
-    auto holder = replaceSharedFile(0x10001);
+    auto holder = replaceSharedFile(0x1010001);
     Descriptor const sameName = listenAt("f0010001.group240.slot1.pid1.x");
     Peer newcomer;
     EXPECT_TRUE(old.child().waitForErrorLine("holds the name id"));
@@ -260,7 +265,7 @@ TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere
     Peer old;
     Peer friendly;
     ASSERT_SOON(old.knowsAll(2) && friendly.knowsAll(2));
-    auto const holder = replaceSharedFile(0x10000 + old.id().nameId());
+    auto const holder = replaceSharedFile(lockOf(old.id()));
     Descriptor const thief =
         listenAt(hex(old.id()) + ".group3.slot1.pid" + std::to_string(getpid()) + ".thief");
     Peer newcomer;
@@ -289,7 +294,7 @@ TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
     Peer newcomer;
     EXPECT_EQ(newcomer.id().nameId(), 3) << "2 is next";
     replace(3);
-    LockHolder const thief(shared(), 0x10002, 1);
+    LockHolder const thief(shared(), 0x1010002, 1);
     visible.replace(0, id.size(), id);
     std::string const pid = std::to_string(model.child().pid());
     visible.replace(visible.find(pid), pid.size(), std::to_string(slow.child().pid()));
@@ -318,7 +323,7 @@ TEST_F(FolderTest, whereMemoryRunsOutAStartOrEndHappensWhollyOrNotAtAll) {
         Descriptor const file(::open(shared().c_str(), O_RDWR | O_CLOEXEC));
         struct flock held {};
         held.l_type = F_WRLCK;
-        held.l_start = 0x10002;
+        held.l_start = 0x1010002;
         ASSERT_EQ(fcntl(file.get(), F_GETLK, &held), 0);
         EXPECT_EQ(held.l_type, F_UNLCK) << "behind that of the other";
     }

@@ -22,7 +22,7 @@ struct FolderEntry {
     bool hidden;  // bound, and not yet renamed into view
 
     static bool precedes(FolderEntry const& one, FolderEntry const& other) {
-        return one.id.nameId() < other.id.nameId();
+        return PrecedesByLock()(one.id, other.id);
     }
 };
 
@@ -94,7 +94,7 @@ public:
     void use(std::shared_ptr<PresenceFile> file);
     static constexpr pid_t kFree = PresenceFile::kFree;
     static constexpr pid_t kUnknown = PresenceFile::kUnknown;
-    pid_t ownerOf(unsigned short nameId) const { return file()->ownerOf(nameId); }
+    pid_t ownerOf(TerminationId id) const { return file()->ownerOf(id); }
     void announce() const { file()->announce(); }
 
     // ---- Entries ----
@@ -106,8 +106,8 @@ public:
     static bool isOf(pid_t process, std::string const& file);
     /** The actor, as far as the file's name tells it. */
     static std::string actorOf(std::string const& file);
-    /** Those in the folder in the order of their name ids, up to a number that no folder has unless
-     * somebody fills it. */
+    /** Those in the folder, those with the same lock together, up to a number that no folder has
+     * unless somebody fills it. */
     std::vector<FolderEntry> list() const;
     bool contains(std::string const& file) const;
     /** A socket for a termination of this process; an invalid one, with a log line, on failure. */

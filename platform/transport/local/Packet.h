@@ -51,7 +51,7 @@ static_assert(sizeof(Packet) == 24 && std::is_trivially_copyable_v<Packet>,
               "exchanged by processes of any word size");
 
 constexpr std::uint32_t kMagic = 0x52'4F'43'48;
-constexpr std::uint16_t kProtocolVersion = 2;
+constexpr std::uint16_t kProtocolVersion = 3;
 /** Tells builds apart that would not understand each other's rings. */
 constexpr std::uint32_t kLayoutCheck =
     static_cast<std::uint32_t>(offsetof(ControlPage, head)) << 24 |

@@ -27,8 +27,8 @@ constexpr char const* kSource = "TransportRendezvous";
 constexpr char const* kName = "presence";
 constexpr std::size_t kSize = 4096;
 constexpr off_t kCounterOffset = 4;
-constexpr off_t kOwnerLocks = 0x10000;
-constexpr off_t kCounterLock = 0x20000;
+constexpr off_t kCounterLock = 8;
+constexpr off_t kOwnerLocks = 0x1000000;
 constexpr std::uint32_t kNameIds = 0xFFFF;
 /** By how much a name id that was given later may be ahead; they go round. */
 constexpr std::uint32_t kRecent = 4096;
@@ -42,6 +42,10 @@ constexpr int kOpenAttempts = 20;
 long futex(void* word, int operation, std::uint32_t value, std::uintptr_t value2, void* word2,
            std::uint32_t value3) {
     return ::syscall(SYS_futex, word, operation, value, value2, word2, value3);
+}
+
+constexpr off_t lockOf(TerminationId id) {
+    return kOwnerLocks + static_cast<off_t>(lockKey(id));
 }
 
 struct flock byteLock(short type, off_t offset) {
@@ -238,7 +242,7 @@ std::uint32_t PresenceFile::laterOf(std::uint32_t nameId, std::uint32_t recent) 
 }
 
 /** Passes over ranges of locks in one step. `last` becomes the name id that was tried last. */
-unsigned short PresenceFile::searchName(std::uint32_t& last,
+unsigned short PresenceFile::searchName(std::uint32_t& last, unsigned char slot,
                                         std::function<bool(unsigned short)> const& usable) {
     long long const deadline = OSWrap::Clock::nowNanoseconds() + kLongestSearch;
     pid_t holder = kFree;
@@ -247,13 +251,14 @@ unsigned short PresenceFile::searchName(std::uint32_t& last,
         auto const nameId = static_cast<unsigned short>(next);
         std::uint32_t step = 1;
         if (usable(nameId)) {
-            if (lockName(nameId))
+            TerminationId const id(nameId, slot, GRPID_UNDEF);
+            if (lockName(id))
                 return nameId;
-            struct flock held = byteLock(F_WRLCK, kOwnerLocks + nameId);
+            struct flock held = byteLock(F_WRLCK, lockOf(id));
             if (::fcntl(file_.get(), F_GETLK, &held) == 0 && held.l_type != F_UNLCK) {
                 holder = held.l_pid;
-                off_t const left = held.l_len == 0 ? off_t{kNameIds}
-                                                   : held.l_start + held.l_len - kOwnerLocks - next;
+                off_t const left =
+                    held.l_len == 0 ? off_t{kNameIds} : held.l_start + held.l_len - lockOf(id);
                 step = static_cast<std::uint32_t>(
                     std::clamp(left, off_t{1}, off_t{kNameIds} - next + 1));
             }
@@ -287,26 +292,26 @@ private:
     bool const locked_;
 };
 
-PresenceFile::NameLock PresenceFile::takeName(std::uint32_t hint,
+PresenceFile::NameLock PresenceFile::takeName(std::uint32_t hint, unsigned char slot,
                                               std::function<bool(unsigned short)> const& usable) {
     CounterLock const counter(*this);
     std::uint32_t last = laterOf(lastNameId(), hint);
-    NameLock taken(*this, searchName(last, usable));
+    NameLock taken(*this, TerminationId(searchName(last, slot, usable), slot, GRPID_UNDEF));
     if (!writeLastNameId(taken.nameId() != 0 ? taken.nameId() : last))
         return NameLock();
     return taken;
 }
 
-bool PresenceFile::lockName(unsigned short nameId) {
-    return lockByte(F_WRLCK, kOwnerLocks + nameId);
+bool PresenceFile::lockName(TerminationId id) {
+    return lockByte(F_WRLCK, lockOf(id));
 }
 
-void PresenceFile::unlockName(unsigned short nameId) {
-    lockByte(F_UNLCK, kOwnerLocks + nameId);
+void PresenceFile::unlockName(TerminationId id) {
+    lockByte(F_UNLCK, lockOf(id));
 }
 
-pid_t PresenceFile::ownerOf(unsigned short nameId) const {
-    struct flock lock = byteLock(F_WRLCK, kOwnerLocks + nameId);
+pid_t PresenceFile::ownerOf(TerminationId id) const {
+    struct flock lock = byteLock(F_WRLCK, lockOf(id));
     if (::fcntl(file_.get(), F_GETLK, &lock) != 0)
         return kUnknown;
     if (lock.l_type == F_UNLCK)

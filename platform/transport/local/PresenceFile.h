@@ -9,8 +9,19 @@
 #include <utility>
 
 #include "platform/transport/local/Descriptor.h"
+#include "transport/TerminationId.h"
 
 namespace Transport {
+
+/** Slot and name id: whose these are, in whatever group, is told by one lock. */
+constexpr std::uint32_t lockKey(TerminationId id) {
+    return id.value() & 0xFFFFFF;
+}
+struct PrecedesByLock {
+    bool operator()(TerminationId one, TerminationId other) const {
+        return lockKey(one) < lockKey(other);
+    }
+};
 
 /**
  * The file `presence` of a rendezvous folder: the locks by which everybody sees who lives, and the
@@ -20,8 +31,9 @@ namespace Transport {
  * |---|---|---|
  * | 0 | 4 | raised at each change of the folder; a futex for all who wait for one |
  * | 4 | 4 | the name id that was given last; 0: not known |
- * | 0x10000 + name id | lock | held by the process that owns the name id |
- * | 0x20000 | lock | held for a moment while the last name id is read and written |
+ * | 8 | lock | held for a moment while the last name id is read and written |
+ * | 0x1000000 + slot * 0x10000 + name id | lock | held by the process that owns the name id in this
+ * slot |
  *
  * The locks are fcntl record locks, because these name their owner's process id and end with it.
  * Such locks are also lost when a process closes any descriptor of the file: each process opens it
@@ -58,18 +70,20 @@ public:
 
     /** Of two name ids the one that was given later, when the second was given lately; 0: none. */
     static std::uint32_t laterOf(std::uint32_t nameId, std::uint32_t recent);
-    /** Takes the lock of the next name id, after the last that was given, that nobody holds and
-     * that `usable` accepts. `hint` is the last name id that the caller knows of, for a file that
-     * has missed some. That of 0, with a log line, when there is none or the file cannot be
-     * written. May wait for others, for less than half a second in all. */
-    NameLock takeName(std::uint32_t hint, std::function<bool(unsigned short)> const& usable);
+    /** Takes the lock of the next name id, after the last that was given, that nobody holds in
+     * `slot` and that `usable` accepts. `hint` is the last name id that the caller knows of, for a
+     * file that has missed some. That of 0, with a log line, when there is none or the file cannot
+     * be written. May wait for others, for less than half a second in all. */
+    NameLock takeName(std::uint32_t hint, unsigned char slot,
+                      std::function<bool(unsigned short)> const& usable);
     /** The name id that was given last; 0 when that is not known. */
     std::uint32_t lastNameId() const;
-    /** Takes the lock of a name id for this process. Says nothing of those already its own. */
-    bool lockName(unsigned short nameId);
-    void unlockName(unsigned short nameId);
-    /** The process that holds the name id; kFree also when it is this process. */
-    pid_t ownerOf(unsigned short nameId) const;
+    /** Takes the lock of the id's slot and name id, whatever its group, for this process. Says
+     * nothing of those already its own. */
+    bool lockName(TerminationId id);
+    void unlockName(TerminationId id);
+    /** The process that holds that; kFree also when it is this process. */
+    pid_t ownerOf(TerminationId id) const;
 
     // ---- Announcements ----
 
@@ -94,7 +108,7 @@ private:
     class CounterLock;
     bool map();
     bool lockCounter() const;
-    unsigned short searchName(std::uint32_t& last,
+    unsigned short searchName(std::uint32_t& last, unsigned char slot,
                               std::function<bool(unsigned short)> const& usable);
     bool writeLastNameId(std::uint32_t nameId) const;
     void repair() const;
@@ -108,21 +122,23 @@ private:
 class PresenceFile::NameLock {
 public:
     NameLock() = default;
-    NameLock(PresenceFile& file, unsigned short nameId) : file_(&file), nameId_(nameId) {}
-    NameLock(NameLock&& other) noexcept : file_(other.file_), nameId_(other.keep()) {}
+    NameLock(PresenceFile& file, TerminationId id) : file_(&file), id_(id) {}
+    NameLock(NameLock&& other) noexcept : file_(other.file_), id_(other.keep()) {}
     NameLock& operator=(NameLock&&) = delete;
     ~NameLock() {
-        if (nameId_ != 0)
-            file_->unlockName(nameId_);
+        if (nameId() != 0)
+            file_->unlockName(id_);
     }
 
-    unsigned short nameId() const { return nameId_; }
+    unsigned short nameId() const { return id_.nameId(); }
+    /** Whether the owner of `id` would have to hold it. */
+    bool covers(TerminationId id) const { return nameId() != 0 && lockKey(id_) == lockKey(id); }
     bool isIn(PresenceFile const& file) const { return file_ == &file; }
-    unsigned short keep() { return std::exchange(nameId_, static_cast<unsigned short>(0)); }
+    TerminationId keep() { return std::exchange(id_, TerminationId()); }
 
 private:
     PresenceFile* file_ = nullptr;
-    unsigned short nameId_ = 0;  // 0: none
+    TerminationId id_;  // without a group; name id 0: none
 };
 
 }  // namespace Transport

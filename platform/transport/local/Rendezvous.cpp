@@ -58,9 +58,13 @@ bool Rendezvous::State::openFolder(std::string const& path) {
     return folder != nullptr;
 }
 
-bool Rendezvous::State::ownsName(unsigned short nameId) const {
-    return std::any_of(own_.begin(), own_.end(),
-                       [&](auto const& own) { return own.first.nameId() == nameId; });
+bool Rendezvous::State::owns(TerminationId id) const {
+    auto const own = own_.find(id);
+    return own != own_.end() && own->first == id;
+}
+
+Rendezvous::State::Own* Rendezvous::State::findOwn(TerminationId id) {
+    return owns(id) ? &own_.find(id)->second : nullptr;
 }
 
 std::set<unsigned short> Rendezvous::State::ownNames() {
@@ -77,8 +81,10 @@ std::uint32_t Rendezvous::State::latestName() {
 }
 
 /** A locked name id without files in the folder; that of 0, with a log line, when none is to be
- * had. Not under mutex_: waits for others, and no other thread of ours takes names. */
-PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file) {
+ * had. Not under mutex_: waits for others, and no other thread of ours takes names. Name ids of
+ * other slots are left alone as long as they are seen, although only those of this slot have its
+ * locks: so each is easier to tell from the others. */
+PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file, unsigned char slot) {
     EntryFolder& files = *folder;
     std::set<unsigned short> const own = ownNames();
     std::vector<FolderEntry> const entries = files.list();
@@ -97,11 +103,11 @@ PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file) {
                 }));
     };
     std::uint32_t const latest = latestName();
-    PresenceFile::NameLock taken = file.takeName(latest != 0 ? latest : farFrom(used), usable);
-    unsigned short const nameId = taken.nameId();
+    PresenceFile::NameLock taken =
+        file.takeName(latest != 0 ? latest : farFrom(used), slot, usable);
     // What its last owner, who is dead, may have left.
     for (FolderEntry const& entry : entries)
-        if (nameId != 0 && entry.id.nameId() == nameId && !isAlive(entry))
+        if (taken.covers(entry.id) && !isAlive(entry))
             files.remove(entry.file);
     return taken;
 }
@@ -126,7 +132,7 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
         if (file == nullptr)
             return {};
         Identity::instance().freeze();
-        PresenceFile::NameLock taken = takeName(*file);
+        PresenceFile::NameLock taken = takeName(*file, identity->slot);
         if (taken.nameId() == 0)
             return {};
         TerminationId const id(taken.nameId(), identity->slot, group);
@@ -151,8 +157,10 @@ bool Rendezvous::State::enter(TerminationId id, Own own, PresenceFile::NameLock&
     OSWrap::Lock<> lock(mutex_);
     renew();
     auto const file = folder.load()->file();
-    auto const entered = own_.emplace(id, std::move(own)).first;
-    if (!file->lockName(id.nameId())) {
+    auto const [entered, fresh] = own_.emplace(id, std::move(own));
+    if (!fresh)
+        return false;
+    if (!file->lockName(id)) {
         own_.erase(entered);
         return false;
     }
@@ -168,14 +176,14 @@ bool Rendezvous::State::mayShow(TerminationId id) {
     {
         OSWrap::Lock<> lock(mutex_);
         renew();
-        auto const own = own_.find(id);
-        if (own == own_.end() || own->second.locked)
+        Own const* const own = findOwn(id);
+        if (own == nullptr || own->locked)
             return true;
     }
     EntryFolder const& files = *folder;
     std::vector<FolderEntry> const entries = files.list();
     return std::none_of(entries.begin(), entries.end(), [&](FolderEntry const& entry) {
-        return entry.id.nameId() == id.nameId() && !EntryFolder::isOf(::getpid(), entry.file) &&
+        return lockKey(entry.id) == lockKey(id) && !EntryFolder::isOf(::getpid(), entry.file) &&
                files.probe(entry.file) == EntryFolder::Socket::Alive;
     });
 }
@@ -201,18 +209,18 @@ int Rendezvous::State::publish(TerminationId id) {
         DelayedLog const delayed;
         bool const mayBeShown = mayShow(id);
         OSWrap::Lock<> lock(mutex_);
-        auto const own = own_.find(id);
-        if (own == own_.end() || own->second.published) {
+        Own* const own = findOwn(id);
+        if (own == nullptr || own->published) {
             TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
-                          own == own_.end() ? "has no address" : "has been started already");
+                          own == nullptr ? "has no address" : "has been started already");
             return -1;
         }
         if (mayBeShown)
-            socket = publishLocked(own->second, id);
+            socket = publishLocked(*own, id);
         else
             TRANSPORT_LOG(3, kSource,
                           "Termination 0x%08X cannot be started: process %d holds its name id",
-                          id.value(), static_cast<int>(folder.load()->ownerOf(id.nameId())));
+                          id.value(), static_cast<int>(folder.load()->ownerOf(id)));
     }
     folder.load()->announce();  // before we meet others, who are to know us then
     if (socket.valid())
@@ -228,20 +236,20 @@ void Rendezvous::State::withdraw(TerminationId id) {
     {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
-        auto const own = own_.find(id);
-        if (own == own_.end())
+        Own const* const own = findOwn(id);
+        if (own == nullptr)
             return;
         renew();
-        shown = own->second.published;
+        shown = own->published;
         if (shown) {
             // Without a termination of our own nobody keeps the table true.
             table.drop(published_ == 1 ? table.ids() : std::vector<TerminationId>{id}, gone);
             --published_;
-            folder.load()->remove(own->second.file);
+            folder.load()->remove(own->file);
         }
-        own_.erase(own);
+        own_.erase(id);
         // Last, so that nobody sees an entry without its lock.
-        folder.load()->file()->unlockName(id.nameId());
+        folder.load()->file()->unlockName(id);
     }
     if (!shown)
         return;

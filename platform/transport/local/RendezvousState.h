@@ -66,12 +66,15 @@ private:
 
     bool openFolder(std::string const& path) OSW_REQUIRES(mutex_);
     std::shared_ptr<PresenceFile> prepare(std::string const& path);
-    PresenceFile::NameLock takeName(PresenceFile& file) OSW_REQUIRES(reserving_);
+    PresenceFile::NameLock takeName(PresenceFile& file, unsigned char slot)
+        OSW_REQUIRES(reserving_);
     bool enter(TerminationId id, Own own, PresenceFile::NameLock& taken);
     bool mayShow(TerminationId id);
     std::set<unsigned short> ownNames();
     std::uint32_t latestName();
-    bool ownsName(unsigned short nameId) const OSW_REQUIRES(mutex_);
+    bool owns(TerminationId id) const OSW_REQUIRES(mutex_);
+    /** Null when it is not of this process. */
+    Own* findOwn(TerminationId id) OSW_REQUIRES(mutex_);
     OpenSocket publishLocked(Own& own, TerminationId id) OSW_REQUIRES(mutex_);
     bool startThreads() OSW_REQUIRES(mutex_);
     bool startThread(void (State::*body)(), char const* name, bool State::*lives)
@@ -117,7 +120,8 @@ private:
     // of a listener. Receiving threads take mutex_, so nobody waits or sleeps under it.
     OSWrap::Mutex reserving_;  // by applications' threads: one searches for a name id at a time
     OSWrap::Mutex mutex_;      // changes to the folder and to the table by this process
-    std::map<TerminationId, Own> own_ OSW_GUARDED_BY(mutex_);
+    /** By what each has locked: ids that differ in the group alone are the same to it. */
+    std::map<TerminationId, Own, PrecedesByLock> own_ OSW_GUARDED_BY(mutex_);
     std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // name id given last, as far as seen
     int published_ OSW_GUARDED_BY(mutex_) = 0;
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;

@@ -183,7 +183,7 @@ bool Rendezvous::State::lockNames() {
     bool lacking = false;
     for (auto& [id, own] : own_) {
         bool const before = own.locked;
-        own.locked = file->lockName(id.nameId());
+        own.locked = file->lockName(id);
         gained = gained || (own.locked && !before);
         if (own.locked)
             continue;
@@ -191,7 +191,7 @@ bool Rendezvous::State::lockNames() {
         static Logging::LineLimit limit;
         TRANSPORT_LOG_LIMITED(limit, 3, kSource,
                               "Process %d holds the name id of termination 0x%08X of this process",
-                              static_cast<int>(file->ownerOf(id.nameId())), id.value());
+                              static_cast<int>(file->ownerOf(id)), id.value());
     }
     lacksLocks_ = lacking;
     return gained;
@@ -300,14 +300,14 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     bool const known = table.contains(entry.id, entry.file);
     if (known)
         scan.seen.push_back(entry.id);
-    bool const own = ownsName(entry.id.nameId());
-    if ((known && !scan.knock) || (own && (known || own_.count(entry.id) != 0)))
+    bool const own = own_.count(entry.id) != 0;  // its lock
+    if (known && (own || !scan.knock))
         return;
     if (!own && !known && !entry.hidden && admit(scan.entries, entry, scan.departed.gone)) {
         scan.seen.push_back(entry.id);
         return;
     }
-    pid_t const owner = files.ownerOf(entry.id.nameId());
+    pid_t const owner = files.ownerOf(entry.id);
     if (owner == EntryFolder::kFree && files.probe(entry.file) == EntryFolder::Socket::Dead)
         scan.departed.announce = (!known && removeLeft(entry)) || scan.departed.announce;
     else if (scan.knock && !own && !isProven(entry, owner))
@@ -349,7 +349,7 @@ std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> con
     EntryFolder const& files = *folder;
     if (files.probe(entry.file) != EntryFolder::Socket::Alive)
         return std::nullopt;
-    pid_t const holder = files.ownerOf(entry.id.nameId());
+    pid_t const holder = files.ownerOf(entry.id);
     if (holder != EntryFolder::kFree && isProven(entry, holder))
         return holder;
     pid_t const listener = files.listenerOf(entry.file);
@@ -382,7 +382,7 @@ void Rendezvous::State::dropMissing(Scan& scan) {
     OSWrap::Lock<> lock(mutex_);
     std::sort(scan.seen.begin(), scan.seen.end());
     for (PresenceTable::Known const& known : table.notAmong(scan.seen))
-        if (own_.count(known.id) == 0 && !folder.load()->contains(known.entry.file))
+        if (!owns(known.id) && !folder.load()->contains(known.entry.file))
             table.drop(known.id, scan.departed.gone);
     missOwn();
 }
@@ -405,15 +405,15 @@ void Rendezvous::State::missOwn() {
 Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
     DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
-    if (auto const own = own_.find(id); own != own_.end())
-        return own->second.published && pid == ::getpid() ? Claim::True : Claim::False;
+    if (Own const* const own = findOwn(id))
+        return own->published && pid == ::getpid() ? Claim::True : Claim::False;
     // A process that the kernel does not name to us, as one of another pid namespace, owns nothing.
     if (published_ == 0 || pid <= 0)
         return Claim::False;
     EntryFolder const& files = *folder;
-    if (files.ownerOf(id.nameId()) != pid)
+    if (files.ownerOf(id) != pid)
         renew();  // it may have moved over before us
-    pid_t const holder = files.ownerOf(id.nameId());
+    pid_t const holder = files.ownerOf(id);
     PresenceTable::Entry known;
     if (table.find(id, known)) {
         // Or it has not yet, and we have.
@@ -437,7 +437,7 @@ void Rendezvous::State::suspect(TerminationId id) {
 }
 
 bool Rendezvous::State::hasLetGo(PresenceTable::Known const& known) const {
-    return folder.load()->ownerOf(known.id.nameId()) != known.entry.owner;
+    return folder.load()->ownerOf(known.id) != known.entry.owner;
 }
 
 /** Whether its owner has let go of its lock, and either has ended for sure or let go of its socket
@@ -485,7 +485,7 @@ void Rendezvous::State::keepDying(Suspects& suspects) {
     OSWrap::Lock<> lock(mutex_);
     for (auto one = suspects.begin(); one != suspects.end();) {
         PresenceTable::Known known{one->first, {}};
-        bool const dying = now < one->second && own_.count(known.id) == 0 &&
+        bool const dying = now < one->second && !owns(known.id) &&
                            table.find(known.id, known.entry) && hasLetGo(known);
         one = dying ? std::next(one) : suspects.erase(one);
     }
@@ -505,8 +505,7 @@ void Rendezvous::State::check(Suspects const& suspects) {
         renew();
         for (auto const& [id, until] : suspects) {
             PresenceTable::Known known{id, {}};
-            if (own_.count(id) == 0 && table.find(id, known.entry) &&
-                isDead(known, Process::Unknown))
+            if (!owns(id) && table.find(id, known.entry) && isDead(known, Process::Unknown))
                 departed.announce = bury(known, departed.gone) || departed.announce;
         }
     }
@@ -519,7 +518,7 @@ bool Rendezvous::State::mayBeDying(TerminationId id) {
         return false;
     OSWrap::Lock<> lock(mutex_);
     PresenceTable::Known known{id, {}};
-    return own_.count(id) == 0 && table.find(id, known.entry) && hasLetGo(known);
+    return !owns(id) && table.find(id, known.entry) && hasLetGo(known);
 }
 
 bool Rendezvous::State::stillExists(TerminationId id) {
@@ -546,7 +545,7 @@ void Rendezvous::State::checkProcess(NeighbourWatch::Suspect const& suspect) {
         OSWrap::Lock<> lock(mutex_);
         renew();
         for (PresenceTable::Known const& known : table.ownedBy(suspect.pid))
-            if (own_.count(known.id) == 0 && isDead(known, process)) {
+            if (!owns(known.id) && isDead(known, process)) {
                 removed = bury(known, departed.gone) || removed;
                 departed.announce = removed || file->announcements() == before;
             }
