@@ -14,6 +14,7 @@ using testsupport::eventually;
 using testsupport::Gate;
 using Transport::PresenceTable;
 using Transport::TerminationId;
+using Transport::Visibility;
 
 /** Writes down what it is told, then does what the test wants done inside the call. */
 class Listener final : public Transport::PresenceListener {
@@ -69,7 +70,9 @@ bool noLanes() {
 
 class PresenceTableTest : public testing::Test {
 protected:
-    void come(unsigned id) { table_.admit(TerminationId(id), {"file", 1}); }
+    void come(unsigned id, Visibility visibility = Visibility::Member) {
+        table_.admit(TerminationId(id), {"file", 1, visibility});
+    }
     void go(unsigned id) {
         PresenceTable::Departures gone;
         table_.drop(TerminationId(id), gone);
@@ -85,6 +88,22 @@ private:
         return tables;
     }
 };
+
+TEST_F(PresenceTableTest, silentOnesAreThereAndOnlyTheirDepartureIsTold) {
+    Listener early;
+    table_.attach(early);
+    come(1, Visibility::Silent);
+    Listener late;
+    table_.attach(late);
+    come(2);
+    EXPECT_TRUE(table_.exists(TerminationId(1)));
+    EXPECT_EQ(table_.members(), std::vector{TerminationId(2)});
+    EXPECT_TRUE(early.waitFor({2}) && late.waitFor({2}));
+    go(1);
+    EXPECT_TRUE(early.waitFor({2, -1}) && late.waitFor({2, -1}));
+    for (Listener* listener : {&early, &late})
+        table_.detach(*listener);
+}
 
 TEST_F(PresenceTableTest, departureDoesNotWaitBehindSlowArrivalAndDropsThoseNotBegun) {
     Listener listener;

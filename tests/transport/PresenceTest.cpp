@@ -1,4 +1,6 @@
 // Processes that see each other come, stop and die, through a rendezvous folder.
+#include <sys/stat.h>
+
 #include "Slowness.h"
 #include "TransportActor.h"
 
@@ -124,6 +126,62 @@ TEST_F(PresenceTest, whatACrashHasLeftIsRemovedAndNeverTold) {
     EXPECT_NE(id, ids_[0]);
     EXPECT_NE(id, ids_[1]);
     EXPECT_EQ(fresh.timesTold("arrived", ids_[0]), 0u);
+}
+
+/** A process that shows terminations of other machines. */
+class Link : public PresenceActor {
+public:
+    Link() : linking_(ask("link", "linking")) {}
+    bool isDone() const { return linking_ == "0"; }
+
+private:
+    std::string const linking_;
+};
+
+TEST_F(PresenceTest, terminationsOfOtherMachinesComeAndGoWithTheLinkSilentOnesUnnoticed) {
+    startActors(2);
+    std::string const stale = inFolder("03020001.group3.slot2.pid1.x");
+    ASSERT_EQ(mknod(stale.c_str(), S_IFSOCK | 0600, 0), 0);
+    for (int round = 1; round <= 2; ++round) {
+        Link link;
+        ASSERT_TRUE(link.isDone());
+        EXPECT_EQ(link.known(), 2u) << "without a termination of its own";
+        ASSERT_TRUE(link.does("members 03020001 03030001")) << "local ones have this name id, too";
+        ASSERT_TRUE(link.does("silent 01020002"));
+        EXPECT_EQ(fileOf("01020002").string().find("01020002~group1.slot2.pid"),
+                  inFolder("").size());
+        EXPECT_FALSE(std::filesystem::exists(stale));
+        PresenceActor newcomer;
+        std::string const late = newcomer.start();
+        for (PresenceActor* actor :
+             {&*actors_[0], &*actors_[1], &newcomer, static_cast<PresenceActor*>(&link)}) {
+            EXPECT_SOON(actor->known() == 5 && actor->does("exists 01020002"));
+            EXPECT_EQ(actor->timesTold("arrived", "01020002"), 0u);
+        }
+        link.child().kill();
+        for (PresenceActor* actor : {&*actors_[0], &*actors_[1], &newcomer}) {
+            for (std::string const id : {"03020001", "03030001", "01020002"})
+                EXPECT_SOON(actor->timesTold("departed", id) == (actor == &newcomer ? 1u : round));
+            EXPECT_FALSE(actor->does("exists 01020002"));
+        }
+    }
+}
+
+TEST_F(PresenceTest, aFolderHasOneLinkWhateverBecomesOfItsFileAndItTakesNoAddressOfOthers) {
+    Peer local;
+    Link link;
+    EXPECT_FALSE(link.does("members 03020001 " + hex(local.id())));
+    EXPECT_TRUE(link.child().waitForErrorLine("of another machine cannot be shown: process " +
+                                              std::to_string(local.child().pid())));
+    std::string const refusal = "Process " + std::to_string(link.child().pid()) + " is the link";
+    for (char const* file : {"as it was", "replaced"}) {
+        Link other;
+        EXPECT_FALSE(other.isDone()) << file;
+        EXPECT_TRUE(other.child().waitForErrorLine(refusal));
+        std::filesystem::remove(shared());
+        PresenceActor().start();
+        EXPECT_TRUE(link.child().waitForErrorLine("has moved over"));
+    }
 }
 
 TEST_F(PresenceTest, nameIdsAreNotGivenAgainSoon) {

@@ -54,9 +54,9 @@ struct Id : TerminationId {
 /** One of them; keeps the notices told to it and counts those that should not have been. */
 class Seat final : public Transport::PresenceListener {
 public:
-    explicit Seat(GroupId group) : id_(Rendezvous::instance().reserve(group, "seat")) {
-        Rendezvous::instance().attach(*this);
-    }
+    explicit Seat(GroupId group) : Seat(Rendezvous::instance().reserve(group, "seat")) {}
+    /** Of an address that it has. */
+    explicit Seat(TerminationId id) : id_(id) { Rendezvous::instance().attach(*this); }
     ~Seat() {
         Rendezvous::instance().detach(*this);
         Rendezvous::instance().withdraw(id_);
@@ -69,6 +69,7 @@ public:
             socket_ = Transport::Descriptor(Rendezvous::instance().publish(id_));
         return socket_.valid();
     }
+    void shown(Transport::OpenSocket socket) { socket_ = Transport::Descriptor(socket.release()); }
     TerminationId id() const { return id_; }
     int errors() const {
         std::lock_guard<std::mutex> const lock(mutex_);
@@ -127,6 +128,19 @@ std::string start(unsigned int group) {
     Seat& seat = reserveSeat(group);
     seat.show();
     return "id " + hex(seat.id());
+}
+
+/** Takes addresses that were given elsewhere, and shows them all at once; whether all could be had.
+ */
+bool adopt(std::vector<TerminationId> const& ids, Transport::Visibility visibility) {
+    Rendezvous& rendezvous = Rendezvous::instance();
+    for (TerminationId const id : ids)
+        if (!rendezvous.adopt(id, "elsewhere", "", visibility))
+            return false;
+    std::vector<Transport::OpenSocket> sockets = rendezvous.publish(ids);
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        seats.emplace_back(std::make_unique<Seat>(ids[i]))->shown(std::move(sockets[i]));
+    return std::all_of(ids.begin(), ids.end(), [&](auto id) { return rendezvous.exists(id); });
 }
 
 /** Says Hello for a termination that nobody can have seen yet; whether it is heard when it comes,
@@ -356,6 +370,18 @@ testsupport::Commands const commands{
     // Takes its address and comes up.
     {"start", start},
     {"stop", [](Id id) { return seats.erase(seatOf(id)), true; }},
+    // Becomes the link to other machines: "linking", 0 when done, 1 when there is another one.
+    {"link",
+     [] {
+         return "linking " + std::to_string(static_cast<int>(Rendezvous::instance().becomeLink()));
+     }},
+    // Shows two terminations of other machines, or one that is silent; whether that is done.
+    {"members",
+     [](Id one, Id other) {
+         return adopt({one, other}, Transport::Visibility::Member);
+     }},
+    {"silent", [](Id id) { return adopt({id}, Transport::Visibility::Silent); }},
+    {"exists", [](Id id) { return Rendezvous::instance().exists(id); }},
     // Starts some, then replaces so many of them; "churned".
     {"churn", churn},
     // "view COUNT HASH AGREE ERRORS": number and hash of the ids known here, whether all notices

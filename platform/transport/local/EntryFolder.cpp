@@ -43,7 +43,12 @@ std::string harmless(std::string text) {
     return text;
 }
 
-/** The id at the head of a file name: eight lower-case hexadecimal digits and a point. */
+/** What follows the id in a file name. */
+constexpr char markOf(Visibility visibility) {
+    return visibility == Visibility::Member ? '.' : '~';
+}
+
+/** The id at the head of a file name: eight lower-case hexadecimal digits and a mark. */
 std::optional<TerminationId> idOf(char const* file) {
     unsigned int value = 0;
     for (std::size_t i = 0; i < kIdDigits; ++i) {
@@ -56,7 +61,9 @@ std::optional<TerminationId> idOf(char const* file) {
             return std::nullopt;
     }
     TerminationId const id(value);
-    if (file[kIdDigits] != '.' || id.nameId() == 0)
+    char const mark = file[kIdDigits];
+    if ((mark != markOf(Visibility::Member) && mark != markOf(Visibility::Silent)) ||
+        id.nameId() == 0)
         return std::nullopt;
     return id;
 }
@@ -193,10 +200,10 @@ void EntryFolder::use(std::shared_ptr<PresenceFile> file) {
 // ---- Entries ------------------------------------------------------------------------------------
 
 std::string EntryFolder::fileName(TerminationId id, std::string const& actor,
-                                  std::string const& name) {
+                                  std::string const& name, Visibility visibility) {
     char head[64];
-    std::snprintf(head, sizeof head, "%08x.group%u.slot%u.pid%d.", id.value(), id.groupId(),
-                  id.slotId(), static_cast<int>(::getpid()));
+    std::snprintf(head, sizeof head, "%08x%cgroup%u.slot%u.pid%d.", id.value(), markOf(visibility),
+                  id.groupId(), id.slotId(), static_cast<int>(::getpid()));
     std::string file = head + harmless(actor.substr(0, kLongestActorPart));
     if (!name.empty())
         file += "." + harmless(name);
@@ -246,9 +253,12 @@ std::vector<FolderEntry> EntryFolder::list() const {
         if (found == nullptr)
             break;
         bool const hidden = std::strncmp(found->d_name, kHiddenPrefix, prefix) == 0;
-        auto const id = idOf(found->d_name + (hidden ? prefix : 0));
+        char const* const name = found->d_name + (hidden ? prefix : 0);
+        auto const id = idOf(name);
         if (id && (found->d_type == DT_SOCK || found->d_type == DT_UNKNOWN))
-            entries.push_back({*id, found->d_name, hidden});
+            entries.push_back({*id, found->d_name, hidden,
+                               name[kIdDigits] == markOf(Visibility::Silent) ? Visibility::Silent
+                                                                             : Visibility::Member});
     }
     std::sort(entries.begin(), entries.end(), FolderEntry::precedes);
     return entries;

@@ -11,6 +11,7 @@
 #include "oswrap/Mutex.h"
 #include "platform/transport/local/Descriptor.h"
 #include "platform/transport/local/PresenceFile.h"
+#include "platform/transport/local/Visibility.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -20,6 +21,7 @@ struct FolderEntry {
     TerminationId id;
     std::string file;
     bool hidden;  // bound, and not yet renamed into view
+    Visibility visibility = Visibility::Member;
 
     static bool precedes(FolderEntry const& one, FolderEntry const& other) {
         return PrecedesByLock()(one.id, other.id);
@@ -100,8 +102,8 @@ public:
     // ---- Entries ----
 
     /** The file name for a termination of this process. */
-    static std::string fileName(TerminationId id, std::string const& actor,
-                                std::string const& name);
+    static std::string fileName(TerminationId id, std::string const& actor, std::string const& name,
+                                Visibility visibility = Visibility::Member);
     /** Whether the file's name says that it belongs to a termination of this process. */
     static bool isOf(pid_t process, std::string const& file);
     /** The actor, as far as the file's name tells it. */

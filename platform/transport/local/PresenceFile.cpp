@@ -28,6 +28,7 @@ constexpr char const* kName = "presence";
 constexpr std::size_t kSize = 4096;
 constexpr off_t kCounterOffset = 4;
 constexpr off_t kCounterLock = 8;
+constexpr off_t kLinkLock = 9;
 constexpr off_t kOwnerLocks = 0x1000000;
 constexpr std::uint32_t kNameIds = 0xFFFF;
 /** By how much a name id that was given later may be ahead; they go round. */
@@ -311,7 +312,23 @@ void PresenceFile::unlockName(TerminationId id) {
 }
 
 pid_t PresenceFile::ownerOf(TerminationId id) const {
-    struct flock lock = byteLock(F_WRLCK, lockOf(id));
+    return holderOf(lockOf(id));
+}
+
+bool PresenceFile::lockLink() const {
+    return lockByte(F_WRLCK, kLinkLock);
+}
+
+void PresenceFile::unlockLink() const {
+    lockByte(F_UNLCK, kLinkLock);
+}
+
+pid_t PresenceFile::linkOwner() const {
+    return holderOf(kLinkLock);
+}
+
+pid_t PresenceFile::holderOf(off_t offset) const {
+    struct flock lock = byteLock(F_WRLCK, offset);
     if (::fcntl(file_.get(), F_GETLK, &lock) != 0)
         return kUnknown;
     if (lock.l_type == F_UNLCK)

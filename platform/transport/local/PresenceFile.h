@@ -32,6 +32,7 @@ struct PrecedesByLock {
  * | 0 | 4 | raised at each change of the folder; a futex for all who wait for one |
  * | 4 | 4 | the name id that was given last; 0: not known |
  * | 8 | lock | held for a moment while the last name id is read and written |
+ * | 9 | lock | held by the process that shows terminations of other machines here |
  * | 0x1000000 + slot * 0x10000 + name id | lock | held by the process that owns the name id in this
  * slot |
  *
@@ -84,6 +85,11 @@ public:
     void unlockName(TerminationId id);
     /** The process that holds that; kFree also when it is this process. */
     pid_t ownerOf(TerminationId id) const;
+    /** Takes the lock of the one process that is the link to other machines. */
+    bool lockLink() const;
+    void unlockLink() const;
+    /** That process; kFree also when it is this one. */
+    pid_t linkOwner() const;
 
     // ---- Announcements ----
 
@@ -105,6 +111,7 @@ private:
     static Descriptor openExisting(int folder, std::string const& path);
     static Descriptor make(int folder, std::uint32_t lastNameId);
     bool lockByte(short type, off_t offset) const;
+    pid_t holderOf(off_t offset) const;
     class CounterLock;
     bool map();
     bool lockCounter() const;

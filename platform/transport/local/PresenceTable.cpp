@@ -65,6 +65,15 @@ std::vector<TerminationId> PresenceTable::ids() const {
     return result;
 }
 
+std::vector<TerminationId> PresenceTable::members() const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    std::vector<TerminationId> result;
+    for (auto const& [id, entry] : entries_)
+        if (entry.visibility == Visibility::Member)
+            result.push_back(id);
+    return result;
+}
+
 bool PresenceTable::find(TerminationId id, Entry& entry) const {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     auto const found = entries_.find(id);
@@ -118,7 +127,9 @@ bool PresenceTable::admit(TerminationId id, Entry entry) {
     DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     // What may run out of memory comes first, here and below: a change happens whole or not at all.
-    std::list<Notice> notices = noticesOf(id);
+    std::list<Notice> notices;
+    if (entry.visibility == Visibility::Member)
+        notices = noticesOf(id);
     if (!entries_.emplace(id, std::move(entry)).second)
         return false;
     arrivals_.queue.splice(arrivals_.queue.end(), notices);
@@ -165,7 +176,8 @@ void PresenceTable::attach(PresenceListener& listener) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     std::list<Notice> notices;
     for (auto const& [id, entry] : entries_)
-        notices.push_back({&listener, lastAttachment_ + 1, id});
+        if (entry.visibility == Visibility::Member)
+            notices.push_back({&listener, lastAttachment_ + 1, id});
     if (!listeners_.emplace(&listener, lastAttachment_ + 1).second)
         return;
     ++lastAttachment_;

@@ -10,6 +10,7 @@
 
 #include "oswrap/ConditionVar.h"
 #include "platform/transport/local/Rendezvous.h"
+#include "platform/transport/local/Visibility.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -21,7 +22,7 @@ namespace Transport {
  * A listener is told the arrival of each termination that is in the table when it is attached or
  * comes later, and the departure of each one that leaves while it is attached, once each. An
  * arrival whose call has not begun when the termination leaves is dropped; its departure is told
- * all the same.
+ * all the same. Arrivals of silent ones are never told.
  *
  * Table, listeners and both queues share one lock, so that no change can fall between them. It is
  * a leaf: nothing is called under it.
@@ -37,6 +38,7 @@ public:
     struct Entry {
         std::string file;
         pid_t owner;
+        Visibility visibility = Visibility::Member;
     };
     struct Known {
         TerminationId id;
@@ -48,6 +50,8 @@ public:
     bool exists(TerminationId id) const;
     /** Ids in ascending order. */
     std::vector<TerminationId> ids() const;
+    /** The same without those of silent ones. */
+    std::vector<TerminationId> members() const;
     bool find(TerminationId id, Entry& entry) const;
     /** Whether `id` is known by this very file. */
     bool contains(TerminationId id, std::string const& file) const;

@@ -147,6 +147,58 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
     return {};
 }
 
+bool Rendezvous::State::adopt(TerminationId id, std::string const& actor, std::string const& name,
+                              Visibility visibility) {
+    auto const identity = Identity::instance().snapshot();
+    if (!identity)
+        return false;
+    DelayedLog const delayed;
+    OSWrap::Lock<> reserving(reserving_);
+    if (prepare(identity->directory) == nullptr)
+        return false;
+    Identity::instance().freeze();
+    Own own{EntryFolder::fileName(id, actor, name, visibility), folder.load()->bindHidden(id),
+            visibility};
+    PresenceFile::NameLock none;
+    if (!own.hidden.valid())
+        return false;
+    if (enter(id, std::move(own), none))
+        return true;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource,
+                          "Termination 0x%08X of another machine cannot be shown: process %d holds "
+                          "its name id",
+                          id.value(), static_cast<int>(folder.load()->ownerOf(id)));
+    return false;
+}
+
+Rendezvous::Linking Rendezvous::State::becomeLink() {
+    auto const identity = Identity::instance().snapshot();
+    if (!identity)
+        return Linking::Failed;
+    {
+        DelayedLog const delayed;
+        OSWrap::Lock<> lock(mutex_);
+        if (!openFolder(identity->directory))
+            return Linking::Failed;
+        renew();
+        Identity::instance().freeze();
+        auto const file = folder.load()->file();
+        if (link_ || !file->lockLink()) {
+            tellOtherLink(*file);
+            return Linking::Taken;
+        }
+        if (!startThreads()) {
+            file->unlockLink();
+            return Linking::Failed;
+        }
+        link_ = true;
+        ++published_;
+    }
+    OSWrap::withMemory([this] { scan(); });
+    return Linking::Done;
+}
+
 /**
  * Enters a termination whose socket is bound already. From then on no other process takes its name
  * id, also when the folder's file is replaced: who takes names in a file that has come since looks
@@ -193,7 +245,7 @@ OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     renew();
     if (!startThreads() || !own.hidden.show(own.file))
         return OpenSocket();
-    if (!OSWrap::withMemory([&] { table.admit(id, {own.file, ::getpid()}); })) {
+    if (!OSWrap::withMemory([&] { table.admit(id, {own.file, ::getpid(), own.visibility}); })) {
         own.hidden.hide(own.file);
         throw std::bad_alloc();
     }
@@ -203,61 +255,71 @@ OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     return own.hidden.release();
 }
 
-int Rendezvous::State::publish(TerminationId id) {
-    OpenSocket socket;
-    {
-        DelayedLog const delayed;
-        bool const mayBeShown = mayShow(id);
-        OSWrap::Lock<> lock(mutex_);
-        Own* const own = findOwn(id);
-        if (own == nullptr || own->published) {
-            TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
-                          own == nullptr ? "has no address" : "has been started already");
-            return -1;
-        }
-        if (mayBeShown)
-            socket = publishLocked(*own, id);
-        else
-            TRANSPORT_LOG(3, kSource,
-                          "Termination 0x%08X cannot be started: process %d holds its name id",
-                          id.value(), static_cast<int>(folder.load()->ownerOf(id)));
+OpenSocket Rendezvous::State::show(TerminationId id) {
+    DelayedLog const delayed;
+    bool const mayBeShown = mayShow(id);
+    OSWrap::Lock<> lock(mutex_);
+    Own* const own = findOwn(id);
+    if (own == nullptr || own->published) {
+        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
+                      own == nullptr ? "has no address" : "has been started already");
+        return OpenSocket();
     }
+    if (mayBeShown)
+        return publishLocked(*own, id);
+    TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: process %d holds its name id",
+                  id.value(), static_cast<int>(folder.load()->ownerOf(id)));
+    return OpenSocket();
+}
+
+void Rendezvous::State::announceShown(bool anyShown) {
+    if (folder == nullptr)
+        return;
     folder.load()->announce();  // before we meet others, who are to know us then
-    if (socket.valid())
+    if (anyShown)
         OSWrap::withMemory([this] { scan(); });  // else "TrAnnounce" does it, once there is some
     watch_.wake();
-    return socket.release();
 }
 
 /** Without memory nothing has changed. */
-void Rendezvous::State::withdraw(TerminationId id) {
+void Rendezvous::State::withdraw(std::vector<TerminationId> const& ids) {
     PresenceTable::Departures gone;
-    bool shown = false;
+    std::vector<TerminationId> shown;
     {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
-        Own const* const own = findOwn(id);
-        if (own == nullptr)
-            return;
-        renew();
-        shown = own->published;
-        if (shown) {
-            // Without a termination of our own nobody keeps the table true.
-            table.drop(published_ == 1 ? table.ids() : std::vector<TerminationId>{id}, gone);
-            --published_;
-            folder.load()->remove(own->file);
-        }
-        own_.erase(id);
-        // Last, so that nobody sees an entry without its lock.
-        folder.load()->file()->unlockName(id);
+        for (TerminationId const id : ids)
+            if (Own const* const own = findOwn(id); own != nullptr && own->published)
+                shown.push_back(id);
+        if (folder != nullptr)
+            renew();
+        // Without a termination of our own nobody keeps the table true.
+        if (!shown.empty())
+            table.drop(published_ == shown.size() ? table.ids() : shown, gone);
+        published_ -= shown.size();
+        for (TerminationId const id : ids)
+            release(id);
     }
-    if (!shown)
+    if (shown.empty())
         return;
     if (GoneHook const hook = goneHook)
-        hook(id);
+        for (TerminationId const id : shown)
+            hook(id);
     table.tell(gone);
     folder.load()->announce();
     watch_.wake();
+}
+
+/** Gives an address up, and takes its entry away. */
+void Rendezvous::State::release(TerminationId id) {
+    Own const* const own = findOwn(id);
+    if (own == nullptr)
+        return;
+    if (own->published)
+        folder.load()->remove(own->file);
+    own_.erase(id);
+    // Last, so that nobody sees an entry without its lock.
+    folder.load()->file()->unlockName(id);
 }
 
 /** Tells the channels, then the listeners. */
@@ -284,18 +346,61 @@ TerminationId Rendezvous::reserve(GroupId group, std::string const& name) {
     return inForkedChild() ? TerminationId() : state_.reserve(group, name);
 }
 
+namespace {
+
+void tellShortage(TerminationId own) {
+    TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", own.value(),
+                  "has no memory");
+}
+
+}  // namespace
+
 int Rendezvous::publish(TerminationId own) {
     OSWrap::DisableCancelStateGuard const noCancel;
-    int socket = -1;
-    if (!inForkedChild() && !OSWrap::withMemory([&] { socket = state_.publish(own); })) {
-        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", own.value(),
-                      "has no memory");
+    if (inForkedChild())
+        return -1;
+    OpenSocket socket;
+    if (!OSWrap::withMemory([&] { socket = state_.show(own); })) {
+        tellShortage(own);
         throw std::bad_alloc();  // a broker that is not born can be asked for again
     }
-    return socket;
+    state_.announceShown(socket.valid());
+    return socket.release();
+}
+
+std::vector<OpenSocket> Rendezvous::publish(std::vector<TerminationId> const& own) {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    std::vector<OpenSocket> sockets(own.size());
+    if (inForkedChild())
+        return sockets;
+    bool any = false;
+    for (std::size_t i = 0; i < own.size(); ++i) {
+        if (!OSWrap::withMemory([&] { sockets[i] = state_.show(own[i]); }))
+            tellShortage(own[i]);
+        any = any || sockets[i].valid();
+    }
+    state_.announceShown(any);
+    return sockets;
+}
+
+Rendezvous::Linking Rendezvous::becomeLink() {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    return inForkedChild() ? Linking::Failed : state_.becomeLink();
+}
+
+bool Rendezvous::adopt(TerminationId id, std::string const& actor, std::string const& name,
+                       Visibility visibility) {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    return !inForkedChild() && state_.adopt(id, actor, name, visibility);
 }
 
 void Rendezvous::withdraw(TerminationId own) {
+    OSWrap::DisableCancelStateGuard const noCancel;
+    if (!inForkedChild())
+        OSWrap::untilMemory([&] { state_.withdraw({own}); });
+}
+
+void Rendezvous::withdraw(std::vector<TerminationId> const& own) {
     OSWrap::DisableCancelStateGuard const noCancel;
     if (!inForkedChild())
         OSWrap::untilMemory([&] { state_.withdraw(own); });
@@ -327,7 +432,7 @@ Owner Rendezvous::ownerOf(TerminationId id) const {
 }
 
 std::vector<TerminationId> Rendezvous::terminations() const {
-    return inForkedChild() ? std::vector<TerminationId>() : state_.table.ids();
+    return inForkedChild() ? std::vector<TerminationId>() : state_.table.members();
 }
 
 void Rendezvous::suspect(TerminationId id) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/Visibility.h"
 #include "transport/TerminationId.h"
 #include "transport/TransportLayer.h"
 
@@ -48,10 +50,28 @@ public:
      * or nothing. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
      * to the caller; -1, with a log line, on failure. Throws std::bad_alloc, with a log line. */
     int publish(TerminationId own);
+    /** The same for many at once, which costs one look at the folder: the descriptors in the order
+     * of the ids, one that is invalid for each that failed. Throws std::bad_alloc, with no log line
+     * and nothing changed. */
+    std::vector<OpenSocket> publish(std::vector<TerminationId> const& own);
     /** Takes a published entry out of view and of the tables, announces that, and frees the address
      * (also of one only reserved). Idempotent. Waits for memory if there is none. The caller closes
      * the descriptor afterwards. */
     void withdraw(TerminationId own);
+    /** The same for many at once, each named once. */
+    void withdraw(std::vector<TerminationId> const& own);
+
+    enum class Linking { Done, Taken, Failed };
+    /** Makes this process the one that shows terminations of other machines in the folder. From
+     * then on, until it ends, it knows of others as if it had published a termination. Taken: there
+     * is another one, which a log line names. Failed: the folder refuses, with a log line. */
+    Linking becomeLink();
+    /** Takes an address that was given elsewhere, by another machine: as `reserve`, but for the id,
+     * whose slot is none of those that give addresses here. Reads no folder. False, with a log
+     * line, when somebody here has its slot and name id, or the folder refuses. Throws
+     * std::bad_alloc, with nothing taken. */
+    bool adopt(TerminationId id, std::string const& actor, std::string const& name,
+               Visibility visibility);
 
     /** A connected SOCK_SEQPACKET descriptor (non-blocking, close-on-exec), which belongs to the
      * caller. -1 with errno: EAGAIN when the peer's backlog is full (try again later), anything
@@ -70,7 +90,7 @@ public:
     bool exists(TerminationId id) const;
     /** Whose `id` is; from memory. */
     Owner ownerOf(TerminationId id) const;
-    /** Everybody who is there, in ascending order; from memory. */
+    /** All who are there, but for the silent ones, in ascending order; from memory. */
     std::vector<TerminationId> terminations() const;
     /** A channel to `id` has seen its end: have the presence thread check now whether it died. */
     void suspect(TerminationId id);
@@ -83,8 +103,8 @@ public:
 
     /** From now on `listener` is told: first the arrival of every termination that is there (its
      * own included), then every change: an arrival and a departure once each, also the departure of
-     * one whose arrival had not begun to be told. Detach it before the last `withdraw`; else it is
-     * told then that all have gone. */
+     * one whose arrival had not begun to be told, or is not told as it is silent. Detach it before
+     * the last `withdraw`; else it is told then that all have gone. */
     void attach(PresenceListener& listener);
     /** Returns when no call of `listener` is running or will come, except the one from inside
      * which it is called. Idempotent. */

@@ -40,8 +40,14 @@ struct Rendezvous::State {
 
     // ---- Own terminations (Rendezvous.cpp) ----
     TerminationId reserve(GroupId group, std::string const& name);
-    int publish(TerminationId id);
-    void withdraw(TerminationId id);
+    Linking becomeLink();
+    bool adopt(TerminationId id, std::string const& actor, std::string const& name,
+               Visibility visibility);
+    /** Makes the entry visible to others; an invalid socket, with a log line, on failure. */
+    OpenSocket show(TerminationId id);
+    /** Has those that have been shown, and the others, meet. */
+    void announceShown(bool anyShown);
+    void withdraw(std::vector<TerminationId> const& ids);
 
     // ---- The others (RendezvousWatch.cpp) ----
     Claim claim(TerminationId id, pid_t pid);
@@ -57,6 +63,7 @@ private:
     struct Own {
         std::string file;     // its name once published
         HiddenSocket hidden;  // until then
+        Visibility visibility = Visibility::Member;
         bool published = false;
         bool locked = true;       // in the file in use; else somebody else holds its name id there
         bool missed = false;      // somebody else has removed the entry, or replaced it
@@ -79,6 +86,7 @@ private:
     bool startThreads() OSW_REQUIRES(mutex_);
     bool startThread(void (State::*body)(), char const* name, bool State::*lives)
         OSW_REQUIRES(mutex_);
+    void release(TerminationId id) OSW_REQUIRES(mutex_);
     void tell(PresenceTable::Departures& gone);
 
     void watchAnnouncements();
@@ -86,6 +94,7 @@ private:
     bool mayEnd(bool State::*lives);
     void renew() OSW_REQUIRES(mutex_);
     bool lockNames() OSW_REQUIRES(mutex_);
+    void tellOtherLink(PresenceFile const& file) const;
     void lookAgainSoon() OSW_REQUIRES(mutex_);
     long long timeToKnock();
 
@@ -123,7 +132,8 @@ private:
     /** By what each has locked: ids that differ in the group alone are the same to it. */
     std::map<TerminationId, Own, PrecedesByLock> own_ OSW_GUARDED_BY(mutex_);
     std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // name id given last, as far as seen
-    int published_ OSW_GUARDED_BY(mutex_) = 0;
+    std::size_t published_ OSW_GUARDED_BY(mutex_) = 0;     // the link counts like a termination
+    bool link_ OSW_GUARDED_BY(mutex_) = false;
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     bool processThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     /** When to look again who has not followed to the file in use, and to knock there; 0 when that

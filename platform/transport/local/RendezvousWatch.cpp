@@ -176,11 +176,20 @@ void Rendezvous::State::renew() {
                           files.path().c_str());
 }
 
-/** Takes the locks of all own names in the file in use; true when others see more of them now. */
+void Rendezvous::State::tellOtherLink(PresenceFile const& file) const {
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Process %d is the link of the rendezvous folder %s",
+                          static_cast<int>(file.linkOwner()), folder.load()->path().c_str());
+}
+
+/** Takes the locks of all own names, and of the link, in the file in use; true when others see more
+ * of them now. */
 bool Rendezvous::State::lockNames() {
     auto const file = folder.load()->file();
     bool gained = false;
-    bool lacking = false;
+    bool lacking = link_ && !file->lockLink();
+    if (lacking)
+        tellOtherLink(*file);
     for (auto& [id, own] : own_) {
         bool const before = own.locked;
         own.locked = file->lockName(id);
@@ -374,7 +383,7 @@ bool Rendezvous::State::admit(std::vector<FolderEntry> const& all, FolderEntry c
         return false;
     latestName_ = PresenceFile::laterOf(latestName_, entry.id.nameId());
     table.drop(entry.id, gone);  // whose successor, under the same id, this one is
-    return table.admit(entry.id, {entry.file, *owner});
+    return table.admit(entry.id, {entry.file, *owner, entry.visibility});
 }
 
 /** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
