@@ -1,0 +1,227 @@
+#pragma once
+
+#include <bitset>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/transport/link/Reassembly.h"
+#include "platform/transport/link/Record.h"
+#include "transport/AddressedMessage.h"
+#include "transport/TerminationId.h"
+
+namespace Link {
+
+using Transport::AddressedMessage;
+using Transport::TerminationId;
+
+/** Something that a session wants done, by its owner, in order. */
+struct Action {
+    enum class Kind {
+        Opened,  // have announced whom the peer is to know
+        Ended,   // the messages to give back stand before; all proxies are to go; text: why
+        Show,    // from: a termination of the peer; text: actor, NUL, name
+        ShowSilent,
+        Drop,      // from: one that was shown
+        Deliver,   // message; then tell `settled` or `refused` with its serial
+        GiveBack,  // message: to its originator, who is here
+        GoOn,      // from, to: the pair may send again
+    };
+    Kind kind;
+    TerminationId from{};
+    TerminationId to{};
+    std::uint32_t serial = 0;
+    AddressedMessage message{};
+    std::string text{};
+};
+
+/**
+ * The talk of two links, as seen by one of them: a state machine without threads, locks, clock or
+ * engine. Events go in (each says what time it is, in nanoseconds of a clock that never goes back),
+ * pieces and actions come out. The owner guards it by one lock.
+ *
+ * | state | meaning | pieces that go out |
+ * |---|---|---|
+ * | Away | the engine does not see the peer | none |
+ * | Greeting | it does; tokens are exchanged | one without records every 100 ms |
+ * | Open | both know both tokens | records, confirmations |
+ *
+ * A session ends when the engine has lost sight of the peer, when the peer has begun anew, when a
+ * piece is missing or makes no sense, and when nothing is confirmed for 4 seconds. What the
+ * peer has not settled then goes back to its senders, and the token changes, so that nothing of
+ * that session is taken for part of the next.
+ *
+ * A message is *settled* when it is in the ring of its destination, over there: until then it is
+ * kept here. Each pair of sender and destination has a credit; a pair beyond it is to be held back
+ * until enough has been settled, so that who does not read fills neither link, nor stops others.
+ */
+class Session {
+public:
+    enum class State { Away, Greeting, Open };
+    enum class Sending {
+        Refused,  // give it back: the destination is not there
+        Taken,
+        TakenHoldBack,  // taken; and take no more from this sender for this destination
+    };
+    struct Setup {
+        unsigned char ownSlot = 0;
+        unsigned char peerSlot = 0;
+        std::bitset<256> groups;                  // those that are shown to all
+        std::function<std::uint64_t()> newToken;  // random, never 0
+    };
+    /** What has gone through since the beginning. */
+    struct Figures {
+        unsigned long messagesOut = 0, messagesIn = 0;
+        unsigned long bytesOut = 0, bytesIn = 0;
+        unsigned long givenBack = 0;  // to senders here
+        unsigned long opened = 0, ended = 0;
+    };
+
+    static constexpr long long kHelloInterval = 100'000'000;
+    static constexpr long long kAnswerInterval = 20'000'000;
+    static constexpr long long kTellWithin = 5'000'000;  // confirmations without company
+    static constexpr long long kProbeAfter = 1'000'000'000;
+    static constexpr long long kEndAfter = 4'000'000'000;
+    static constexpr std::size_t kWindow = std::size_t{4} << 20;        // pieces under way
+    static constexpr std::size_t kCredit = std::size_t{1} << 20;        // of a pair
+    static constexpr std::size_t kCreditOfAll = std::size_t{64} << 20;  // of all pairs together
+    static constexpr std::size_t kTellAtOnce = std::size_t{128} << 10;  // settled or taken bytes
+    static constexpr std::size_t kMostTerminations = 65'536;            // of a peer
+
+    explicit Session(Setup setup);
+
+    // ---- What the engine tells ----
+    void peerSeen(long long now);
+    void peerLost(long long now);
+    void pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size,
+                      long long now);
+    /** A piece could not be written. */
+    void writingFailed(long long now) { end("a piece could not be written", now); }
+    /** Call when `dueAt` has come. */
+    void timePassed(long long now);
+
+    // ---- What this machine tells ----
+    /** A message from one that was announced to a termination of the peer. */
+    Sending send(AddressedMessage const& message);
+    /** Someone is here; once. `shown`: to all over there. Nothing while the session is not open. */
+    void announce(TerminationId id, bool shown, std::string const& names);
+    bool announced(TerminationId id) const { return ours_.count(id) > 0; }
+    /** Someone has gone. */
+    void withdraw(TerminationId id);
+    /** A delivered message is in the ring of its destination; `bytes` is its size. */
+    void settled(TerminationId from, TerminationId to, std::uint32_t serial, std::size_t bytes,
+                 long long now);
+    /** One was not delivered. */
+    void refused(TerminationId from, TerminationId to, std::uint32_t serial, long long now);
+    /** A settled message has come back, since its destination has gone without reading it. */
+    void returned(AddressedMessage const& message);
+
+    // ---- What is to be done ----
+    /** Fills the next piece to be written; false when there is none now. */
+    bool nextPiece(Piece& piece, long long now);
+    /** When `timePassed` is to be called, or pieces are to be written, without further events;
+     * kNever: not at all. */
+    long long dueAt() const;
+    static constexpr long long kNever = 0x7FFF'FFFF'FFFF'FFFF;
+    /** Bytes of messages that no piece has been asked for yet. */
+    std::size_t queuedBytes() const { return queuedBytes_; }
+    /** Moves the actions that have gathered behind those of `actions`. */
+    void takeActions(std::vector<Action>& actions);
+
+    State state() const { return state_; }
+    Figures const& figures() const { return figures_; }
+    /** Bytes that wait to be settled. */
+    std::size_t unsettledBytes() const { return unsettledBytes_; }
+    /** Terminations of the peer. */
+    std::size_t theirCount() const { return theirs_.size(); }
+
+private:
+    using Key = std::uint64_t;
+    struct Unsettled {
+        AddressedMessage message;
+        bool settled = false;
+    };
+    /** What one sender has on its way to one destination. */
+    struct Pair {
+        std::deque<Unsettled> messages;  // from the first that is not settled
+        std::uint32_t first = 0;         // its serial
+        std::size_t bytes = 0;           // of those that are not settled
+        bool heldBack = false;
+    };
+    struct Outgoing {
+        RecordHead head;  // offset: how much of a message has gone
+        AddressedMessage message{};
+        std::string bytes{};
+    };
+    struct Flight {
+        std::uint64_t number;
+        std::size_t bytes;
+    };
+
+    static Key key(TerminationId from, TerminationId to) {
+        return std::uint64_t{from.value()} << 32 | to.value();
+    }
+    void act(Action::Kind kind, TerminationId from = {}, std::string text = {});
+    void giveBack(AddressedMessage const& message);
+    void tellBy(long long time);
+
+    bool meet(PieceHead const& head, long long now);
+    void open(long long now);
+    void end(char const* reason, long long now);
+    void giveBackAll();
+    void forgetAll();
+    bool confirm(std::uint64_t taken, long long now);
+
+    bool takeRecords(unsigned char const* records, std::size_t size, long long now);
+    bool takeRecord(Record const& record, long long now);
+    bool takePart(Record const& record, long long now);
+    void takeMessage(RecordHead const& head, AddressedMessage message, long long now);
+    bool takeArrival(Record const& record);
+    void takeDeparture(TerminationId id);
+    bool takeSettlement(RecordHead const& head, long long now);
+    void settleOne(Pair& pair, Unsettled& one, bool delivered);
+    void removeFromQueue(TerminationId to);
+    void letGoOn(TerminationId from, TerminationId to, Pair& pair);
+    void letAllGoOn();
+    void settle(RecordKind kind, TerminationId from, TerminationId to, std::uint32_t serial);
+
+    void queue(Outgoing outgoing);
+    void fill(Piece& piece, long long now);
+    void fillSettlements(Piece& piece);
+    bool fillFromQueue(Piece& piece);
+    bool windowOpen() const { return flightBytes_ < kWindow; }
+
+    Setup const setup_;
+    State state_ = State::Away;
+    std::uint64_t myToken_;
+    std::uint64_t peerToken_ = 0;
+    std::uint64_t sent_ = 0;   // number of the last piece with records
+    std::uint64_t taken_ = 0;  // likewise, of the peer's
+    long long helloAt_ = kNever;
+    long long tellAt_ = kNever;    // a confirmation, at the latest
+    std::size_t untoldBytes_ = 0;  // taken or settled, and not yet told
+    long long progressAt_ = 0;     // of the pieces under way; while greeting, of the last hello
+    bool probed_ = false;
+    std::deque<Flight> flights_;
+    std::size_t flightBytes_ = 0;
+    bool stalled_ = false;  // by the window, with something in the queue
+
+    std::deque<Outgoing> queue_;
+    std::size_t queuedBytes_ = 0;
+    std::unordered_map<Key, Pair> pairs_;
+    std::size_t unsettledBytes_ = 0;
+    bool allHeldBack_ = false;                       // every pair that sends on is held back
+    std::vector<RecordHead> settlements_;            // to be told
+    std::unordered_map<Key, std::size_t> openRuns_;  // the last of each pair in there
+    Reassembly reassembly_;
+    std::unordered_set<TerminationId> ours_;
+    std::unordered_set<TerminationId> theirs_;
+    std::vector<Action> actions_;
+    Figures figures_;
+};
+
+}  // namespace Link
