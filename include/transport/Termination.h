@@ -17,9 +17,10 @@ public:
      * Sends `message` to this termination, in the name of message.originator(), which must be a
      * started termination of this process, and sets its destination. Never blocks on a slow
      * receiver. Keeps order per pair. When it has returned, the caller may change the buffer. 1:
-     * handed to the transport. 0: no such termination, or the queue for it is full (64 MiB), or the
-     * message is empty, or its originator is not ours. A message that was taken and could not be
-     * delivered comes back through receiveError.
+     * handed to the transport. 0: no such termination, or the queue for it is full (64 MiB), or
+     * too much waits for its process (128 MiB, and no more than is still free of 256 MiB for all),
+     * or the message is empty, or its originator is not ours. A message that was taken and could
+     * not be delivered comes back through receiveError.
      */
     int issue(AddressedMessage& message) const;
     /** As `issue`, for a message that somebody there waits for: finds room (8 MiB more) also when

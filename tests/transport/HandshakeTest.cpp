@@ -565,6 +565,69 @@ TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) 
     ASSERT_TRUE(peer.isWelcome());
 }
 
+/** What processes may have of a kind in a test. */
+class LittleRoom {
+public:
+    LittleRoom(PeerShare::Kind kind, std::size_t bytes) : kind_(kind) {
+        PeerShare::total(kind, bytes);
+    }
+    ~LittleRoom() { PeerShare::total(kind_, PeerShare::kTotal); }
+
+private:
+    PeerShare::Kind const kind_;
+};
+
+TEST_F(HandshakeTest, WhatWaitsForOneProcessIsBoundedHoweverManyTerminationsItHas) {
+    constexpr std::size_t kSize = 256 * 1024;
+    constexpr std::uint32_t kMost = 32;
+    LittleRoom const room(PeerShare::Kind::Unsent, kMost * kSize);
+    TestTermination sender;
+    ASSERT_EQ(sender.start(), 1);
+    Peer other;
+    ASSERT_TRUE(sender.waitUntilKnown(other.id()));
+    ASSERT_TRUE(sender.ping(other.id(), 1));
+    std::uint32_t taken = 0;
+    {
+        std::array<HandMadePeer, 4> peers;  // who take nothing
+        for (HandMadePeer& peer : peers) {
+            ASSERT_TRUE(peer.open(sender.termId()));
+            for (std::uint32_t i = 0; sender.send(peer.from, TestHead::Numbered, i, kSize) == 1;
+                 ++i)
+                ASSERT_LE(++taken, kMost) << "no bound";
+        }
+        EXPECT_GE(taken, kMost / 2 - 1) << "half of it is for one";
+        ASSERT_TRUE(other.child().stopWholly());
+        for (std::uint32_t i = 0; i < 8; ++i)
+            EXPECT_EQ(sender.send(other.id(), TestHead::Numbered, i, kSize), 1)
+                << "no room for others";
+        other.child().signal(SIGCONT);
+        EXPECT_TRUE(other.waitForReceived(8));
+    }
+    EXPECT_TRUE(sender.waitForReturned(taken));
+    HandMadePeer again;
+    ASSERT_TRUE(again.open(sender.termId()));
+    for (std::uint32_t i = 0; i < kMost / 2 - 1; ++i)
+        EXPECT_EQ(sender.send(again.from, TestHead::Numbered, i, kSize), 1) << "not given back";
+}
+
+TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWaitUntilThereIsRoom) {
+    constexpr std::uint32_t kSize = 1024 * 1024;
+    LittleRoom const room(PeerShare::Kind::Unfinished, 4 * kSize);
+    std::array<HandMadePeer, 3> peers;
+    auto const isTaken = [](HandMadePeer& peer) { return peer.peer.page().head.load() != 0; };
+    auto const taken = [&] { return std::count_if(peers.begin(), peers.end(), isTaken); };
+    for (HandMadePeer& peer : peers) {
+        ASSERT_TRUE(peer.open(own_.termId()));
+        peer.put({8, kSize}, 16);
+    }
+    EXPECT_SOON(taken() >= 2);
+    for (int i = 0; i < 3; ++i)
+        expectThatAGoodOneIsWelcome();
+    ASSERT_EQ(taken(), 2) << "half of the room is for one process";
+    std::find_if(peers.begin(), peers.end(), isTaken)->hangUp();
+    EXPECT_SOON(taken() == 3);
+}
+
 TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
     HandMadePeer good;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "logging/LineLimit.h"
+#include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Bell.h"
@@ -15,14 +16,19 @@ namespace {
 
 constexpr int kMessagesPerBatch = 64;
 constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
+/** So much more than is needed is reserved at a time, for the messages that follow. */
+constexpr std::size_t kReservedAhead = 64 * 1024;
 
 }  // namespace
 
-Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer)
+Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
+                 std::shared_ptr<PeerShare> share)
     : receiver_(std::move(receiver)),
       ownId_(receiver_->id()),
       peer_(peer),
-      token_(Receiver::newToken()) {}
+      token_(Receiver::newToken()),
+      share_(std::move(share)),
+      unsent_(PeerShare::Kind::Unsent, share_) {}
 
 Channel::~Channel() = default;
 
@@ -57,13 +63,41 @@ bool Channel::putLocked(AddressedMessage const& message) {
 }
 
 Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room) {
-    if (!queue_.hasRoomFor(message.size(), room))
+    if (!reserveLocked(message.size(), room))
         return Sent::Refused;
     AddressedMessage copy = copyOf(message);
-    if (copy.empty())
+    if (copy.empty()) {
+        settleLocked();
         return Sent::Refused;
+    }
     pushLocked(std::move(copy));
     return Sent::Taken;
+}
+
+/** What the peer has not taken, but for what is in the rings. */
+std::size_t Channel::heldLocked() const {
+    bool const stands = link_.has_value() && link_->writer.has_value();
+    return queue_.bytes() + (stands ? link_->writer->keptBytes() : 0);
+}
+
+/** Whether one more message may be queued: for this peer, and for its process. */
+bool Channel::reserveLocked(std::size_t messageSize, Room room) {
+    if (!queue_.hasRoomFor(messageSize, room))
+        return false;
+    std::size_t const needed = heldLocked() + MessageChain::weight(messageSize);
+    if (needed <= unsent_.bytes())
+        return true;
+    std::size_t const missing = needed - unsent_.bytes();
+    return unsent_.grow(missing + kReservedAhead, room) || unsent_.grow(missing, room);
+}
+
+/** Gives back what is reserved and not needed any more. */
+void Channel::settleLocked() {
+    std::size_t const held = heldLocked();
+    if (held == 0)
+        unsent_.shrinkTo(0);
+    else if (unsent_.bytes() > held + 2 * kReservedAhead)
+        unsent_.shrinkTo(held + kReservedAhead);
 }
 
 void Channel::pushLocked(AddressedMessage message) {
@@ -82,7 +116,7 @@ void Channel::pushLocked(AddressedMessage message) {
 bool Channel::sendAgain(AddressedMessage message) {
     OSWrap::Lock<> lock(mutex_);
     if (state_ == State::Gone || !receiver_->sending() ||
-        !queue_.hasRoomFor(message.size(), Room::ForAnswers))
+        !reserveLocked(message.size(), Room::ForAnswers))
         return false;
     noteSentAgain(message);
     pushLocked(std::move(message));
@@ -101,6 +135,7 @@ void Channel::drainLocked() {
             break;
         link_->writer->wantSpace();
     }
+    settleLocked();
     ringIfAsleepLocked();
 }
 
@@ -140,6 +175,8 @@ bool Channel::growLocked(std::size_t messageSize) {
     while (wanted < bound && wanted / 4 < messageSize);
     wanted = std::min(wanted, bound);
     link_->growthFailed = true;
+    if (!link_->rings.grow(wanted))
+        return false;
     Descriptor const file = makeSealedFile(wanted);
     if (!file.valid())
         return false;
@@ -196,6 +233,8 @@ bool Channel::receiveBatch() {
         return false;
     }
     Batch const batch = readBatch();
+    if (batch == Batch::Waits)
+        return false;
     if (batch == Batch::Garbage)
         closeForGarbage("its ring holds nonsense");
     else if (batch == Batch::NoMemory)
@@ -223,7 +262,10 @@ Channel::Batch Channel::readBatch() {
             return Batch::Garbage;
         if (result == RingReader::Result::NoMemory)
             return awaitMemory();
+        if (result == RingReader::Result::NoRoom)
+            return awaitRoom();
         connection_->shortages = 0;
+        connection_->roomlessSince = 0;
         connection_->awaitsRing = result == RingReader::Result::NextRing;
         if (result == RingReader::Result::Nothing ||
             (result == RingReader::Result::Message && !take(message)))
@@ -258,6 +300,23 @@ Channel::Batch Channel::awaitMemory() {
         return Batch::NoMemory;
     OSWrap::awaitMemory();
     return Batch::More;
+}
+
+/** A large message that begins here stays in the ring, with those behind it, while too many others
+ * of the peer's process, or of all, are unfinished. Then the channel is given up, too. */
+Channel::Batch Channel::awaitRoom() {
+    constexpr long long kPause = 100'000'000;  // nanoseconds
+    constexpr long long kLongest = 300 * kPause;
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    if (connection_->roomlessSince == 0)
+        connection_->roomlessSince = now;
+    if (now - connection_->roomlessSince > kLongest)
+        return Batch::NoMemory;
+    if (connection_->reader->finishBatch())
+        ringDoorBell(connection_->peer.bell.get());
+    receiver_->makeCold(*this);
+    retryLater(kPause);
+    return Batch::Waits;
 }
 
 /** The file of the next ring was sent before the ring told of it. */

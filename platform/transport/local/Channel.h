@@ -12,6 +12,7 @@
 #include "platform/transport/MessageChain.h"
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Packet.h"
+#include "platform/transport/local/PeerShare.h"
 #include "platform/transport/local/Ring.h"
 #include "transport/TerminationId.h"
 
@@ -43,7 +44,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
 public:
     enum class Sent { Refused, Taken, AskPresence };
 
-    Channel(std::shared_ptr<Receiver> receiver, TerminationId peer);
+    /** `share`: of the peer's process. */
+    Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
+            std::shared_ptr<PeerShare> share);
     ~Channel();
     Channel(Channel const&) = delete;
     Channel& operator=(Channel const&) = delete;
@@ -98,7 +101,7 @@ private:
     enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
-    enum class Batch { Empty, More, Garbage, NoMemory };
+    enum class Batch { Empty, More, Waits, Garbage, NoMemory };
     /** Why a connection is of no more use, once what the peer has sent has been taken in. When
      * several reasons come together, the last of them in this list decides. */
     enum class Ending {
@@ -111,13 +114,15 @@ private:
     };
     /** What all threads need for sending. Lives as long as the Connection. */
     struct Link {
-        explicit Link(OpenSocket with) : socket(std::move(with)) {}
+        Link(OpenSocket with, std::shared_ptr<PeerShare> share)
+            : socket(std::move(with)), rings(PeerShare::Kind::Rings, std::move(share)) {}
         OpenSocket socket;
         std::optional<RingWriter> writer;  // once the connection stands
         std::uint32_t frontDone = 0;       // bytes of the queue's front one already sent
         int peerBell = -1;                 // Connection::peer's
         bool spaceAsked = false;           // and the peer's bell not yet handled
         bool growthFailed = false;         // do not try again before the next bell
+        PeerShare::Reservation rings;      // those that were grown to
     };
     /** What the receiving thread needs, and what it has seen: all of that is over with the
      * connection. */
@@ -136,7 +141,8 @@ private:
         bool garbageSeen = false;
         Ending reason = Ending::None;
         std::optional<std::uint32_t> endingFrom;  // where the reader stood when the end was seen
-        int shortages = 0;  // looks in a row at a message for which there is no memory
+        int shortages = 0;            // looks in a row at a message for which there is no memory
+        long long roomlessSince = 0;  // when a message was first left for want of room; 0: none is
         std::uint32_t lastSent = 0;
         std::uint32_t lastReceived = 0;
         int idleLooks = 0;
@@ -150,6 +156,9 @@ private:
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     Sent enqueueLocked(AddressedMessage const& message, Room room) OSW_REQUIRES(mutex_);
     void pushLocked(AddressedMessage message) OSW_REQUIRES(mutex_);
+    std::size_t heldLocked() const OSW_REQUIRES(mutex_);
+    bool reserveLocked(std::size_t messageSize, Room room) OSW_REQUIRES(mutex_);
+    void settleLocked() OSW_REQUIRES(mutex_);
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
     bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
@@ -182,6 +191,7 @@ private:
     Batch readBatch();
     bool take(AddressedMessage& message);
     Batch awaitMemory();
+    Batch awaitRoom();
     bool switchRing();
     bool stands() const { return connected() && connection_->reader.has_value(); }
     bool ending() const { return connected() && connection_->ending(); }
@@ -201,6 +211,7 @@ private:
     TerminationId const ownId_;
     TerminationId const peer_;
     std::uint32_t const token_;               // of its descriptors' events
+    std::shared_ptr<PeerShare> const share_;  // of the peer's process
     std::atomic<bool> requested_{false};      // is among the receiver's requests
     std::shared_ptr<Channel> nextRequested_;  // see nextRequested
     std::atomic<bool> heldBack_{false};       // the peer waits until we go on taking
@@ -211,6 +222,8 @@ private:
     State state_ OSW_GUARDED_BY(mutex_) = State::Idle;
     MessageChain queue_ OSW_GUARDED_BY(mutex_);
     std::optional<Link> link_ OSW_GUARDED_BY(mutex_);
+    /** For the queue and for what the link keeps. */
+    PeerShare::Reservation unsent_ OSW_GUARDED_BY(mutex_);
 
     // Receiving thread only.
     std::optional<Connection> connection_;  // not in Idle and Wanted

@@ -112,7 +112,7 @@ bool Channel::sayHello(OpenSocket socket) {
         OSWrap::Lock<> lock(mutex_);
         if (state_ != State::Gone)
             state_ = State::Connecting;
-        link_.emplace(std::move(socket));
+        link_.emplace(std::move(socket), share_);
     }
     return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
            receiver_->watch(fd, token_, Receiver::Source::Socket);
@@ -199,7 +199,7 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     int const fd = socket.get();
     {
         OSWrap::Lock<> lock(mutex_);
-        link_.emplace(std::move(socket));
+        link_.emplace(std::move(socket), share_);
     }
     bool const welcomed =
         receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
@@ -218,7 +218,7 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
 void Channel::open(PeerSide peerSide) {
     Connection& made = *connection_;
     made.peer = std::move(peerSide);
-    made.reader.emplace(made.own.page(), made.peer.page(), std::move(made.peer.ring));
+    made.reader.emplace(made.own.page(), made.peer.page(), std::move(made.peer.ring), share_);
     retryAt_ = 0;
     attempts_ = 0;
     {
@@ -418,7 +418,9 @@ void Channel::giveBackIfIdle() {
     OSWrap::Lock<> lock(mutex_);
     std::uint32_t const received = connection_->reader->position();
     std::uint32_t const sent = link_->writer->position();
-    bool const quiet = state_ == State::Open && queue_.empty() && link_->writer->allTaken() &&
+    bool const allTaken = link_->writer->allTaken();
+    settleLocked();
+    bool const quiet = state_ == State::Open && queue_.empty() && allTaken &&
                        !connection_->reader->hasData() &&
                        sent == std::exchange(connection_->lastSent, sent) &&
                        received == std::exchange(connection_->lastReceived, received);
@@ -470,6 +472,7 @@ void Channel::close(Unread unread) {
             back.append(queue_);
         }
         socket = unlinkLocked();
+        settleLocked();
         if (state_ != State::Gone) {
             again = !queue_.empty();
             state_ = again ? State::Wanted : State::Idle;

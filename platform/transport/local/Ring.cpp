@@ -252,8 +252,12 @@ SentMessages RingWriter::giveUp() {
 
 // ---- Receiving end ---------------------------------------------------------------------------
 
-RingReader::RingReader(ControlPage& own, ControlPage const& peer, RingArea area)
-    : own_(own), peer_(peer), area_(std::move(area)) {}
+RingReader::RingReader(ControlPage& own, ControlPage const& peer, RingArea area,
+                       std::shared_ptr<PeerShare> share)
+    : own_(own),
+      peer_(peer),
+      area_(std::move(area)),
+      unfinished_(PeerShare::Kind::Unfinished, std::move(share)) {}
 
 RingReader::Result RingReader::next(AddressedMessage& message) {
     if (head_ == tail_)
@@ -288,9 +292,14 @@ RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
 }
 
 RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessage& message) {
+    // What is claimed is allocated before the rest has come, which may be never.
+    if (head.length != head.total && !unfinished_.grow(head.total))
+        return Result::NoRoom;
     partial_ = allocateUninitialized(head.total);
-    if (partial_.empty())
+    if (partial_.empty()) {
+        unfinished_.shrinkTo(0);
         return Result::NoMemory;
+    }
     partTotal_ = head.total;
     partDone_ = 0;
     return endFrame(head, message);
@@ -308,6 +317,8 @@ RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage&
     }
     lastFrame_ = frameBytes(head.length);
     partTotal_ = 0;
+    if (unfinished_.bytes() != 0)
+        unfinished_.shrinkTo(0);
     message = std::exchange(partial_, AddressedMessage());
     return Result::Message;
 }

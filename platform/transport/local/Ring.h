@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "platform/transport/MessageChain.h"
+#include "platform/transport/local/PeerShare.h"
 #include "platform/transport/local/SharedMemory.h"
 #include "transport/AddressedMessage.h"
 
@@ -168,6 +169,8 @@ public:
     bool isLarge(std::size_t size) const;
 
     std::uint32_t capacity() const { return area_.capacity; }
+    /** What of all that was kept the peer has not taken, as far as has been looked. */
+    std::size_t keptBytes() const { return kept_.bytes(); }
     std::uint32_t position() const { return tail_; }
     /** Whether the peer has taken everything. */
     bool allTaken();
@@ -199,11 +202,15 @@ public:
         Piece,     // of a message that is not complete yet
         Message,   // complete
         NoMemory,  // for the message that begins here: it is still there
+        NoRoom,    // for one more message in pieces, likewise
         NextRing,  // continue with `goOnIn`
         Garbage,
     };
 
-    RingReader(ControlPage& own, ControlPage const& peer, RingArea area);
+    /** `share`: of the process whose ring it is; without one, messages in pieces are not bounded.
+     */
+    RingReader(ControlPage& own, ControlPage const& peer, RingArea area,
+               std::shared_ptr<PeerShare> share = nullptr);
 
     /** A message is the sender's until `keep` is called; before `next` is called again. */
     Result next(AddressedMessage& message);
@@ -238,6 +245,7 @@ private:
     AddressedMessage partial_;     // being put together; empty when there was no memory
     std::uint32_t partTotal_ = 0;  // its size; 0 when none is being put together
     std::uint32_t partDone_ = 0;
+    PeerShare::Reservation unfinished_;  // for it, when it comes in pieces
 };
 
 }  // namespace Transport

@@ -1,5 +1,8 @@
 #include "platform/transport/local/Switchboard.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "oswrap/Lock.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Fork.h"
@@ -11,6 +14,10 @@ namespace {
 
 std::uint64_t pairOf(TerminationId own, TerminationId peer) {
     return static_cast<std::uint64_t>(own.value()) << 32 | peer.value();
+}
+
+std::uint64_t turned(std::uint64_t pair) {
+    return pair << 32 | pair >> 32;
 }
 
 /** Of a channel that may have to know whether its peer exists. */
@@ -83,14 +90,22 @@ std::vector<std::shared_ptr<Channel>> Switchboard::remove(TerminationId id) {
             ++it;
             continue;
         }
-        channels.push_back(std::move(it->second));
-        it = channels_.erase(it);
+        auto const taken = it++;
+        channels.push_back(take(taken));
     }
     return channels;
 }
 
+std::shared_ptr<Channel> Switchboard::take(Channels::iterator entry) {
+    std::shared_ptr<Channel> channel = std::move(entry->second);
+    byPeer_.erase(turned(entry->first));
+    channels_.erase(entry);
+    return channel;
+}
+
 std::shared_ptr<Channel> Switchboard::channel(std::shared_ptr<Receiver> const& receiver,
                                               TerminationId peer) {
+    int const process = Rendezvous::instance().ownerOf(peer).process;
     OSWrap::Lock<> lock(mutex_);
     if (receivers_.count(peer.value()) != 0 || receivers_.count(receiver->id().value()) == 0 ||
         !receiver->sending())
@@ -98,7 +113,29 @@ std::shared_ptr<Channel> Switchboard::channel(std::shared_ptr<Receiver> const& r
     std::uint64_t const pair = pairOf(receiver->id(), peer);
     if (auto const found = channels_.find(pair); found != channels_.end())
         return found->second;
-    return channels_.emplace(pair, std::make_shared<Channel>(receiver, peer)).first->second;
+    auto made = std::make_shared<Channel>(receiver, peer, shareOf(process));
+    auto const filed = byPeer_.insert(turned(pair)).first;
+    try {
+        return channels_.emplace(pair, std::move(made)).first->second;
+    } catch (...) {
+        byPeer_.erase(filed);
+        throw;
+    }
+}
+
+/** Each process that stays costs one look for each that comes. */
+std::shared_ptr<PeerShare> Switchboard::shareOf(int process) {
+    if (auto const found = shares_.find(process); found != shares_.end())
+        if (std::shared_ptr<PeerShare> share = found->second.lock())
+            return share;
+    if (shares_.size() >= manyShares_) {
+        for (auto it = shares_.begin(); it != shares_.end();)
+            it = it->second.expired() ? shares_.erase(it) : std::next(it);
+        manyShares_ = std::max<std::size_t>(64, 2 * shares_.size());
+    }
+    auto made = std::make_shared<PeerShare>();
+    shares_[process] = made;
+    return made;
 }
 
 std::shared_ptr<Channel> Switchboard::find(TerminationId own, TerminationId peer) {
@@ -111,10 +148,8 @@ void Switchboard::remove(Channel& channel, TerminationId own) {
     std::shared_ptr<Channel> removed;  // freed after unlocking
     OSWrap::Lock<> lock(mutex_);
     auto const found = channels_.find(pairOf(own, channel.peer()));
-    if (found != channels_.end() && found->second.get() == &channel) {
-        removed = std::move(found->second);
-        channels_.erase(found);
-    }
+    if (found != channels_.end() && found->second.get() == &channel)
+        removed = take(found);
 }
 
 std::shared_ptr<Receiver> Switchboard::receiver(TerminationId id) {
@@ -134,14 +169,10 @@ void Switchboard::onGone(TerminationId id) {
 /** One after the other, since a list of them could run out of memory. */
 std::shared_ptr<Channel> Switchboard::takeChannelTo(TerminationId peer) {
     OSWrap::Lock<> lock(mutex_);
-    for (auto it = channels_.begin(); it != channels_.end(); ++it) {
-        if (static_cast<std::uint32_t>(it->first) != peer.value())
-            continue;
-        std::shared_ptr<Channel> channel = std::move(it->second);
-        channels_.erase(it);
-        return channel;
-    }
-    return nullptr;
+    auto const first = byPeer_.lower_bound(pairOf(peer, TerminationId()));
+    if (first == byPeer_.end() || *first >> 32 != peer.value())
+        return nullptr;
+    return take(channels_.find(turned(*first)));
 }
 
 }  // namespace Transport

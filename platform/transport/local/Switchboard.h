@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -13,6 +14,7 @@
 namespace Transport {
 
 class Channel;
+class PeerShare;
 class Receiver;
 
 /** Finds the way of a message: the started terminations of this process and their channels. One per
@@ -45,11 +47,19 @@ private:
     std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
     int issueSlowly(AddressedMessage const& message, TerminationId destination, Room room);
     std::shared_ptr<Receiver> receiver(TerminationId id);
+    std::shared_ptr<PeerShare> shareOf(int process) OSW_REQUIRES(mutex_);
+    using Channels = std::unordered_map<std::uint64_t, std::shared_ptr<Channel>>;
+    std::shared_ptr<Channel> take(Channels::iterator entry) OSW_REQUIRES(mutex_);
 
     OSWrap::Mutex mutex_;  // nothing of the transport is locked under it
     std::unordered_map<std::uint32_t, std::shared_ptr<Receiver>> receivers_ OSW_GUARDED_BY(mutex_);
     // By pairs of own id (high half) and peer's id.
-    std::unordered_map<std::uint64_t, std::shared_ptr<Channel>> channels_ OSW_GUARDED_BY(mutex_);
+    Channels channels_ OSW_GUARDED_BY(mutex_);
+    // The same pairs the other way round, so that a departure finds its own among many.
+    std::set<std::uint64_t> byPeer_ OSW_GUARDED_BY(mutex_);
+    // By process id, as long as there are channels to it.
+    std::unordered_map<int, std::weak_ptr<PeerShare>> shares_ OSW_GUARDED_BY(mutex_);
+    std::size_t manyShares_ OSW_GUARDED_BY(mutex_) = 64;  // so many, before unused ones go
 };
 
 }  // namespace Transport
