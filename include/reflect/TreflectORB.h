@@ -281,7 +281,9 @@ private:
     void displayMore_() const;
     /** A broker that came up is served on the transport's thread, or by a worker. */
     void catchUpLater_(Transport::TerminationId const& newcomer);
+    void catchUpByWorker_(Transport::TerminationId const& newcomer);
     void catchUpWith_(Transport::TerminationId const& newcomer);
+    void caughtUpWith_(Transport::TerminationId const& newcomer);
 
     /// By the value of the namespace. Set once the broker can be used, cleared when it has gone;
     /// written under the mutex of BrokerLifecycle, read without it.

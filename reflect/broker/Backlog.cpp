@@ -48,10 +48,10 @@ bool Backlog::fits(Amount const& share, std::uint64_t bytes) const {
     return bytesFit && share.messages + 1 <= most.messages;
 }
 
-Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size) {
+Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size, Bounds bounds) {
     std::uint64_t const bytes = size + kHeadSize;
     Share* const share = shareOf(sender);
-    if (!share || !fits(share->waiting_, bytes))
+    if (!share || (bounds == Bounds::Heeded && !fits(share->waiting_, bytes)))
         return nullptr;
     share->waiting_.bytes += charge(bytes);
     ++share->waiting_.messages;

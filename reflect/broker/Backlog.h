@@ -42,8 +42,10 @@ public:
 
     explicit Backlog(Transport::Backlog const& most) : most_(most) {}
 
+    /** None: for what the broker queues for itself, of which there is little. */
+    enum class Bounds { Heeded, None };
     /** Enters a message of `size` bytes; null when it is too much, or memory has run out. */
-    Share* admit(Transport::TerminationId sender, std::size_t size);
+    Share* admit(Transport::TerminationId sender, std::size_t size, Bounds bounds = Bounds::Heeded);
     /** Takes a message of `size` bytes out. True when so little is left that the sender, which was
      * marked as held back, may go on: its mark is taken away. The share may be gone afterwards. */
     bool release(Share& share, std::size_t size);

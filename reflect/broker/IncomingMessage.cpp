@@ -152,6 +152,7 @@ void TreflectORB::IncomingMessage::serveArrival() {
     unsigned int newcomer = 0;
     request_ >> newcomer;
     orb_.catchUpWith_(Transport::TerminationId(newcomer));
+    orb_.caughtUpWith_(Transport::TerminationId(newcomer));
 }
 
 /** Whether a message about a class was complete; one that was not is answered and ignored. */

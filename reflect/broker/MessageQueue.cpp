@@ -44,14 +44,15 @@ void MessageQueue::Ring::grow() {
 }
 
 MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message,
-                                        unsigned int note) {
+                                        unsigned int note, Backlog::Bounds bounds) {
     Pushed pushed;
     {
         QueueLock const lock(changed_);
         if (closed_)
             return pushed;
         Backlog::Share* const share =
-            messages_.reserve() ? backlog_.admit(message.originator(), message.size()) : nullptr;
+            messages_.reserve() ? backlog_.admit(message.originator(), message.size(), bounds)
+                                : nullptr;
         if (!share) {
             pushed = {Fate::TooMuch, Need::Nothing, true};
             return pushed;

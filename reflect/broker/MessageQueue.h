@@ -61,7 +61,8 @@ public:
 
     /** Adds a message, unless that is too much. When a worker is needed, it counts already: start
      * it, or call `workerNotStarted`. A closed queue drops the message. `note` comes with it. */
-    Pushed push(Transport::AddressedMessage const& message, unsigned int note = 0);
+    Pushed push(Transport::AddressedMessage const& message, unsigned int note = 0,
+                Backlog::Bounds bounds = Backlog::Bounds::Heeded);
 
     /**
      * A worker's wait for its next message, with which it has lined up. `firstPass`: the worker has

@@ -13,6 +13,7 @@
 #include "reflect/broker/PerformanceCounters.h"
 #include "reflect/broker/RequestTable.h"
 #include "reflect/broker/ReturnedCalls.h"
+#include "reflect/notices/Arrivals.h"
 #include "reflect/notices/ClassRecords.h"
 #include "reflect/notices/PresentOrbs.h"
 #include "reflect/notices/TreflectOrbObserver.h"
@@ -34,6 +35,7 @@ struct TreflectORB::Parts {
     PerformanceCounters counters OSW_GUARDED_BY_PERMISSION;
     ReturnedCalls returnedCalls;  // to be counted there
     ClassRecords classes;
+    Arrivals arrivals;
     PresentOrbs presentOrbs;
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
     /** The thread that last called `receive`; written by it alone, read by callers. */

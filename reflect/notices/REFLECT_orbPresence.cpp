@@ -1,7 +1,11 @@
 // What a broker does when other brokers come and go.
+#include <new>
+
 #include "handler_threads/TreflectReleaseHandlerState.h"
 #include "handler_threads/WithPermission.h"
+#include "oswrap/OutOfMemory.h"
 #include "reflect/TreflectObjectHandler.h"
+#include "reflect/broker/AllLevelsReleased.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/TreflectOrbParts.h"
@@ -21,19 +25,45 @@ void TreflectORB::appeared(Transport::Termination& termination) {
 // While nothing is observed there is nobody to wait for.
 void TreflectORB::catchUpLater_(Transport::TerminationId const& newcomer) {
     WithPermission const permission;
-    bool const observes = parts_->classes.isAnyObserved();
-    TreflectMessage arrival = allocateRequest(sizeof newcomer.value());
-    if (!observes || arrival.empty()) {
+    int const process = Transport::TransportLayer::instance().ownerOf(newcomer).process;
+    if (!parts_->classes.isAnyObserved())
         catchUpWith_(newcomer);
-        return;
+    else if (parts_->arrivals.begin(newcomer, process))
+        catchUpByWorker_(newcomer);
+}
+
+// However much waits to be served, since those that are under way are few. Memory is waited for:
+// nobody else would tell of the arrival.
+void TreflectORB::catchUpByWorker_(Transport::TerminationId const& newcomer) {
+    auto const attempt = [&] {
+        TreflectMessage const arrival = allocateRequest(sizeof newcomer.value());
+        if (arrival.empty())
+            throw std::bad_alloc();
+        TipprmiStream stream(arrival, true);
+        stream << newcomer.value();
+        stream.msg().kind(TreflectMessage::kMsg);
+        stream.msg().type(TreflectMessage::tOrbAppeared);
+        stream.msg().addressed().originator(termId());
+        MessageQueue::Pushed const pushed = parts_->messageQueue.push(
+            stream.msg().addressed(), parts_->classes.subscriptions().deletions(),
+            Backlog::Bounds::None);
+        if (pushed.fate != MessageQueue::Fate::Kept)
+            throw std::bad_alloc();
+        if (pushed.need == MessageQueue::Need::Worker)
+            startCountedWorker_(Patience::Some);
+    };
+    while (!OSWrap::withMemory(attempt)) {
+        AllLevelsReleased const released;
+        OSWrap::awaitMemory();
     }
-    TipprmiStream stream(arrival, true);
-    stream << newcomer.value();
-    stream.msg().kind(TreflectMessage::kMsg);
-    stream.msg().type(TreflectMessage::tOrbAppeared);
-    stream.msg().addressed().originator(termId());
-    if (!enqueue_(stream.msg().addressed()))
-        catchUpWith_(newcomer);
+}
+
+// Others have waited for its place.
+void TreflectORB::caughtUpWith_(Transport::TerminationId const& newcomer) {
+    handlerthreads::trustPermission();
+    parts_->arrivals.end(newcomer);
+    for (auto next = parts_->arrivals.next(); next.value() != 0; next = parts_->arrivals.next())
+        catchUpByWorker_(next);
 }
 
 // One that has gone again is not to be listed as missed: nobody would take it from the list.
@@ -53,6 +83,7 @@ void TreflectORB::orbAppeared(TreflectOrbId const& id) {
 
 void TreflectORB::disappeare(Transport::Termination& termination) {
     Transport::TerminationId const gone = termination.termId();
+    bool neverCaughtUpWith = false;
     {
         WithPermission const permission;
         // Without memory for a handler there are no stubs.
@@ -60,10 +91,13 @@ void TreflectORB::disappeare(Transport::Termination& termination) {
             handler->invalidateStubs(convertId(gone));
         parts_->presentOrbs.remove(gone);  // only now: a call that fails meanwhile does the same
         parts_->classes.forget(gone);
+        neverCaughtUpWith = parts_->arrivals.forget(gone);
     }
     {
         TreflectReleaseHandlerState const released;
         parts_->presence->notify(gone, TreflectOrbObserverIf::kDisappear);
+        if (neverCaughtUpWith)
+            parts_->presence->endArrival(gone);
     }
     for (OngoingRequest* const record : parts_->ongoingRequests_.takeAllOf(gone))
         record->reset(OngoingRequest::disconnected(), gone);

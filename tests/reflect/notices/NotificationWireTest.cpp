@@ -276,4 +276,30 @@ TEST_F(NotificationWireTest, newcomerIsSubscribedAtForAllThatIsObserved) {
     EXPECT_EQ(peer_->count(), before);
 }
 
+// Each one that is asked and does not answer keeps a worker: of one process not all are asked at
+// once.
+TEST_F(NotificationWireTest, muteNewcomersOfOneProcessHoldUpNobodyElseAndAreNotAllAskedAtOnce) {
+    observe("first creations 7001", "00000000");
+    constexpr std::size_t kAsked = 64;
+    std::vector<std::unique_ptr<RawPeer>> mute;
+    auto const asked = [&] {
+        return static_cast<std::size_t>(std::count_if(
+            mute.begin(), mute.end(), [](auto const& peer) { return peer->count() != 0; }));
+    };
+    for (std::size_t i = 0; i < kAsked + 6; ++i)
+        mute.push_back(std::make_unique<RawPeer>(Transport::GroupId{1}));
+    EXPECT_SOON(asked() >= kAsked);
+    ReflectActor other;
+    other.create("boat", "7001");
+    EXPECT_SOON(actor_->noticed("first") == "boat ");
+    EXPECT_EQ(asked(), kAsked);
+    mute.erase(std::find_if(mute.begin(), mute.end(),
+                            [](auto const& peer) { return peer->count() != 0; }));
+    EXPECT_SOON(asked() == kAsked);
+    mute.erase(std::find_if(mute.begin(), mute.end(),
+                            [](auto const& peer) { return peer->count() == 0; }));
+    mute.clear();
+    other.finish();
+}
+
 }  // namespace
