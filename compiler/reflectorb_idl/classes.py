@@ -5,8 +5,6 @@ from .scopes import results
 from .writer import WIDTH, plain
 
 _KIND = "TreflectMetaClass::Attribute::"
-# A sequence without a bound: what a reader believes of a sender's count in any case.
-_UNBOUNDED = 65536
 _DISPATCH = "(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,"
 
 
@@ -140,13 +138,27 @@ class Classes:
             self._attribute(e, scope) for e in self._all.own(entry) if e["kind"] == "attribute"
         ]
         out.line('    "%s", %s::kClass, {%s},' % (entry["scoped"], interior, ", ".join(names)))
-        end = "," if attributes else ");"
+        docs = members.docs(self._all, entry)
+        end = "," if attributes or docs else ");"
         if operations:
             self._operations(out, operations, end)
         else:
             out.line("    {}" + end)
         if attributes:
-            out.list("    {", attributes, "});")
+            out.list("    {", attributes, "}, {}," if docs else "});")
+        elif docs:
+            out.line("    {}, {},")
+        if docs:
+            self._docs(out, plain(entry["doc"]), docs)
+
+    @staticmethod
+    def _docs(out, text, docs):
+        """The comments: that of the class, those of its members."""
+        docs = [pair for pair in docs if pair[0]]
+        out.literals("    {", [_literal(text)], "," if docs else "});")
+        for index, (name, about) in enumerate(docs):
+            head = ("     {{" if index == 0 else "      {") + '"%s", ' % name
+            out.literals(head, [_literal(about)], "}}});" if index == len(docs) - 1 else "},")
 
     def _operations(self, out, operations, end):
         for index, (head, taken, given, raised) in enumerate(operations):
@@ -189,30 +201,22 @@ class Classes:
 
     def _attribute(self, attribute, scope):
         name = '"%s"' % capital(attribute["name"])
-        type_ = self._all.resolve(attribute["type"])
+        kind, length = self._types.elements(attribute["type"])
         parts = [name]
-        owner = self._value_class(attribute)
+        owner = self._types.value_class(attribute["type"])
         if owner:
             parts.append(self._scopes.short(self._scopes.meta(owner), scope))
-        if "sequence" in type_ and self._types.text(type_) != "bytes":
-            parts += [_KIND + "kSequence", str(type_["bound"] or _UNBOUNDED)]
-        elif "array" in type_:
-            parts += [_KIND + "kArray", str(type_["size"])]
+        if kind != "Plain":
+            parts.append(_KIND + "k" + kind)
+            if length or owner:
+                parts.append(str(length))
         return name if len(parts) == 1 else "{%s}" % ", ".join(parts)
-
-    def _value_class(self, attribute):
-        """The interface of the objects that are an attribute's value, or its elements."""
-        type_ = self._all.resolve(attribute["type"])
-        if "sequence" in type_ or "array" in type_:
-            type_ = self._all.resolve(type_.get("sequence") or type_["array"])
-        owner = self._all.find(type_.get("ref", ""))
-        is_class = owner and owner["kind"] == "interface" and "refused" not in owner
-        return owner if is_class else None
 
     def _declare_tables(self, out, entry):
         """Tables of the classes of values may come later, or be this very one."""
         for attribute in self._all.own(entry):
-            owner = self._value_class(attribute) if attribute["kind"] == "attribute" else None
+            is_attribute = attribute["kind"] == "attribute"
+            owner = self._types.value_class(attribute["type"]) if is_attribute else None
             if not owner or not owner["main"] or owner is entry:
                 continue
             if owner["scoped"] not in self._declared_tables:
@@ -311,6 +315,14 @@ class Classes:
             codes.append("&%s::%s" % (skeleton, member.function))
         out.list("    return " + call, codes + member.argument_names, ");")
         out.line("}")
+
+
+def _literal(text):
+    """As a string of C++, without what compilers of old took for trigraphs."""
+    replaced = (("\\", "\\\\"), ('"', '\\"'), ("\n", "\\n"), ("\r", ""), ("\t", " "), ("??", "?\\?"))
+    for sign, written in replaced:
+        text = text.replace(sign, written)
+    return '"%s"' % text
 
 
 def _code(code):

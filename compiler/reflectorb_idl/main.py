@@ -13,6 +13,7 @@ from .generator import Generator
 from .parser import OWN_IDL, Parser
 from .report import Failed, Report
 from .scopes import Scopes
+from .served import Served
 
 _PACKAGE = os.path.dirname(os.path.abspath(__file__))
 # IDL that comes with the compiler: int8, oid, ...
@@ -133,13 +134,14 @@ def _compile(options, report):
     description, scopes, files = _describe(path, options, report)
     stem = os.path.join(options.output, re.sub(r"\.idl$", "", os.path.basename(path)))
     includes = _included_headers(path, files, description)
-    header, source = Generator(
+    generator = Generator(
         description, scopes, os.path.basename(stem) + ".h", includes, options.header_only
-    ).run()
-    os.makedirs(options.output, exist_ok=True)
-    json_text = json.dumps(
-        _without_places(description.tree, path, files, options.includes), indent=1, sort_keys=True
     )
+    header, source = generator.run()
+    os.makedirs(options.output, exist_ok=True)
+    tree = _without_places(description.tree, path, files, options.includes)
+    tree["classes"] = Served(description, generator.types).classes()
+    json_text = json.dumps(tree, indent=1, sort_keys=True)
     outputs = [(stem + ".h", header), (stem + ".json", json_text + "\n")]
     if source is not None:
         outputs.append((stem + ".cpp", source))

@@ -4,7 +4,7 @@ from dataclasses import dataclass
 
 from . import scopes
 from .description import attribute_operations
-from .names import constant, escaped, member
+from .names import capital, constant, escaped, member
 from .writer import plain
 
 
@@ -98,6 +98,16 @@ def all_names(description, interface):
     for owner in [interface] + description.bases(interface):
         names.update(m.function for m in own(description, owner))
     return names
+
+
+def docs(description, interface):
+    """The comments of an interface, (name in tables, text): its own without a name, then those of its
+    members. Nothing when there are none."""
+    found = [("", plain(interface["doc"]))]
+    for entry in description.own(interface):
+        name = entry["name"] if entry["kind"] == "operation" else capital(entry["name"])
+        found.append((name, _doc(entry)))
+    return [pair for pair in found if pair[1]]
 
 
 def _doc(entry):

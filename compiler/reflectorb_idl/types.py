@@ -189,6 +189,23 @@ class Types:
         told = {entry["scoped"]}
         return "struct %s{%s}" % (entry["scoped"], self._parts_of_struct(entry, told))
 
+    def elements(self, type_):
+        """How the value of an attribute is made up of elements: the kind, and how many there are; of
+        a sequence at most, where 0 sets no limit."""
+        type_ = self._all.resolve(type_)
+        if "sequence" in type_ and self.text(type_) != "bytes":
+            return "Sequence", type_["bound"]
+        return ("Array", type_["size"]) if "array" in type_ else ("Plain", 1)
+
+    def value_class(self, type_):
+        """The interface of the objects that are an attribute's value, or its elements."""
+        type_ = self._all.resolve(type_)
+        if "sequence" in type_ or "array" in type_:
+            type_ = self._all.resolve(type_.get("sequence") or type_["array"])
+        owner = self._all.find(type_.get("ref", ""))
+        is_class = owner and owner["kind"] == "interface" and "refused" not in owner
+        return owner if is_class else None
+
     def arguments(self, operation):
         return [self.text(type_) for _, type_ in arguments(operation)]
 

@@ -2,6 +2,7 @@
 
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ipprmi/TipprmiSequence.h"
@@ -66,6 +67,23 @@ public:
         int length = 1;
     };
 
+    /** What whoever wrote the interface says of it, for people who look at it in a tool. The texts
+     * are literals, or live as long as the meta object. */
+    struct Docs {
+        /** That of an operation or an attribute, by its name. */
+        struct Member {
+            char const* name;
+            char const* text;
+        };
+
+        Docs() : text("") {}
+        Docs(char const* ofClass, std::vector<Member> ofMembers = {})
+            : text(ofClass), members(std::move(ofMembers)) {}
+
+        char const* text;  // of the class itself
+        std::vector<Member> members;
+    };
+
     /** Names of attributes are literals, or live as long as the meta object. `types` are texts of
      * types with names, to which those of operations may refer (see TreflectTypes). Bases are not
      * owned; they come most important first. A base, or the class of a value, may be a static
@@ -74,8 +92,13 @@ public:
     TreflectMetaClass(std::string const& name, unsigned int classId,
                       std::vector<TreflectMetaClass const*> bases,
                       std::vector<Operation> operations, std::vector<Attribute> attributes = {},
-                      std::vector<std::string> types = {});
+                      std::vector<std::string> types = {}, Docs docs = {});
     ~TreflectMetaClass() override;
+
+    /** The comment of the class; empty when there is none. */
+    char const* doc() const { return docs_.text; }
+    /** That of an operation or an attribute of its own, likewise. */
+    char const* docOf(std::string const& member) const;
 
     /** The class's own id, then those of all its bases, each once and behind those that are derived
      * from it: what a server object of the class answers to the question for its class ids. */
@@ -102,7 +125,7 @@ protected:
     TreflectMetaClass(Unlisted, std::string const& name, unsigned int classId,
                       std::vector<TreflectMetaClass const*> bases,
                       std::vector<Operation> operations, std::vector<Attribute> attributes,
-                      std::vector<std::string> types);
+                      std::vector<std::string> types, Docs docs);
     void completeMetaInformation() override;
 
 private:
@@ -130,6 +153,7 @@ private:
     std::vector<Operation> operations_;
     std::vector<Attribute> attributes_;
     std::vector<std::string> const types_;
+    Docs const docs_;
     // Fixed once all bases have been built, which is before the program's work begins.
     std::vector<unsigned int> ids_;
     bool knowsBases_ = false;

@@ -37,6 +37,14 @@ std::vector<TreflectMetaObject const*> basesOf(TreflectMetaObject const& meta) {
     return bases;
 }
 
+/** The comment of a member that the class itself declares. */
+template <class Member>
+std::string docOf(Member const& member) {
+    auto const* const tables =
+        dynamic_cast<TreflectMetaClass const*>(member.containingMetaObject());
+    return tables ? tables->docOf(member.name()) : "";
+}
+
 /** A name of a type, perhaps with that of the parameter behind it. */
 Description::Parameter parameterOf(TreflectParameterType const& type) {
     std::string text = type.name();
@@ -69,6 +77,7 @@ Description::Operation describe(TreflectMetaOperation const& operation) {
     described.out = parametersOf(operation, "out");
     for (auto const& [code, type] : operation.exceptions())
         described.raises.push_back({code, type});
+    described.doc = docOf(operation);
     return described;
 }
 
@@ -84,6 +93,7 @@ Description::Attribute describe(TreflectMetaAttribute const& attribute) {
     described.valueClass = attribute.typeName();
     if (attribute.typeMeta())
         described.valueClassId = attribute.typeMeta()->getClassId();
+    described.doc = docOf(attribute);
     return described;
 }
 
@@ -309,6 +319,8 @@ TreflectClassDescription TreflectClassDescription::of(TreflectMetaObject const& 
     describeOwn(meta, attributes, described.attributes);
     for (auto const& type : meta.types().texts())
         described.types.push_back(type.second);
+    if (auto const* const tables = dynamic_cast<TreflectMetaClass const*>(&meta))
+        described.doc = tables->doc();
     described.hash = described.computeHash();
     return described;
 }

@@ -69,6 +69,20 @@ std::vector<TreflectMetaClass::Attribute> attributesOf(
     return rows;
 }
 
+/** Of those that have one. */
+TreflectMetaClass::Docs docsOf(Description const& described) {
+    TreflectMetaClass::Docs docs{described.doc.c_str()};
+    auto const add = [&docs](auto const& members) {
+        for (auto const& member : members) {
+            if (!member.doc.empty())
+                docs.members.push_back({member.name.c_str(), member.doc.c_str()});
+        }
+    };
+    add(described.operations);
+    add(described.attributes);
+    return docs;
+}
+
 }  // namespace
 
 LearnedClass::LearnedClass(TreflectClassDescription const& described,
@@ -76,7 +90,7 @@ LearnedClass::LearnedClass(TreflectClassDescription const& described,
     : KeptDescription{described},
       TreflectMetaClass(Unlisted(), description.name, description.id, bases,
                         operationsOf(description), attributesOf(description, bases),
-                        description.types) {
+                        description.types, docsOf(description)) {
     TreflectMetaClass::completeMetaInformation();
 }
 

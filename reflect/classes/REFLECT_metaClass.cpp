@@ -29,12 +29,13 @@ TreflectMetaClass::TreflectMetaClass(std::string const& name, unsigned int class
                                      std::vector<TreflectMetaClass const*> bases,
                                      std::vector<Operation> operations,
                                      std::vector<Attribute> attributes,
-                                     std::vector<std::string> types)
+                                     std::vector<std::string> types, Docs docs)
     : TreflectMetaObject(name, classId),
       bases_(std::move(bases)),
       operations_(std::move(operations)),
       attributes_(std::move(attributes)),
-      types_(std::move(types)) {
+      types_(std::move(types)),
+      docs_(std::move(docs)) {
     registerBases();
 }
 
@@ -43,12 +44,13 @@ TreflectMetaClass::TreflectMetaClass(Unlisted unlisted, std::string const& name,
                                      std::vector<TreflectMetaClass const*> bases,
                                      std::vector<Operation> operations,
                                      std::vector<Attribute> attributes,
-                                     std::vector<std::string> types)
+                                     std::vector<std::string> types, Docs docs)
     : TreflectMetaObject(unlisted, name, classId),
       bases_(std::move(bases)),
       operations_(std::move(operations)),
       attributes_(std::move(attributes)),
-      types_(std::move(types)) {
+      types_(std::move(types)),
+      docs_(std::move(docs)) {
     registerBases();
 }
 
@@ -60,6 +62,13 @@ void TreflectMetaClass::registerBases() {
 }
 
 TreflectMetaClass::~TreflectMetaClass() = default;
+
+char const* TreflectMetaClass::docOf(std::string const& member) const {
+    auto const& members = docs_.members;
+    auto const found = std::find_if(members.begin(), members.end(),
+                                    [&](Docs::Member const& doc) { return member == doc.name; });
+    return found == members.end() ? "" : found->text;
+}
 
 // Of a base that is reached in several ways the last occurrence counts, since a class that is
 // derived from it stands before each of them. The ids stay when a base has gone. Derived classes

@@ -12,7 +12,7 @@ sys.dont_write_bytecode = True
 class Test:
     def __init__(self):
         parser = argparse.ArgumentParser()
-        for name in ("compiler", "omniidl", "source", "work", "cxx"):
+        for name in ("compiler", "omniidl", "source", "work", "cxx", "actor"):
             parser.add_argument("--" + name, required=True)
         self.options = parser.parse_args()
         self.here = os.path.dirname(os.path.abspath(__file__))

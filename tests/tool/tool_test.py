@@ -384,10 +384,11 @@ class ToolTest(unittest.TestCase):
 
     @staticmethod
     def table(header):
-        """The rows of the class's table, in which their order does not matter."""
+        """The rows of the class's table, in which their order does not matter, and what follows them, the
+        comments at last."""
         with open(header) as file:
             text = re.search(r'"Lamp", lamp::kClass.*?\);', file.read(), re.S).group()
-        operations, attributes = re.sub(r"\s+", "", text).split('{"Level"')
+        operations, attributes = re.sub(r"\s+", "", text).split('{"Level"', 1)
         return sorted(row.strip("{},") for row in re.split(r'(?="\w+",lamp::k)', operations)), attributes
 
     @staticmethod

@@ -101,7 +101,12 @@ inline TreflectMetaClass const lampMeta(
      {"setSteps", lamp::kSetSteps, {"sequence<unsigned> steps"}, {}},
      {"nextStep", lamp::kNextStep, {}, {"unsigned"}},
      {"blink", lamp::kBlink, {"unsigned times", "string why"}, {"bool"}}},
-    {"Level", {"Steps", TreflectMetaClass::Attribute::kSequence, 16}});
+    {"Level", {"Steps", TreflectMetaClass::Attribute::kSequence, 16}}, {},
+    {"A lamp of the house.",
+     {{"Level", "In percent."},
+      {"Steps", "Levels for nextStep."},
+      {"nextStep", "Goes to the next step above the present level, behind the last one to 0; "
+                   "yields the new level."}}});
 
 /** What a server object of the class Lamp derives from and fills in. */
 class LampSkeleton : public TreflectSkeleton<lampMeta> {
@@ -126,7 +131,11 @@ inline TreflectMetaClass const houseMeta(
       {"object"},
       {{house::BadName::kCode, "struct House::BadName{}"},
        {house::NoPlace::kCode, "struct House::NoPlace{}"}}},
-     {"removeLamp", house::kRemoveLamp, {"string name"}, {"bool"}}});
+     {"removeLamp", house::kRemoveLamp, {"string name"}, {"bool"}}},
+    {}, {},
+    {"The root of the tree of names. It makes lamps, its children, and destroys them.",
+     {{"addLamp", "A handle on the new lamp."},
+      {"removeLamp", "Whether there was such a lamp."}}});
 
 /** What a server object of the class House derives from and fills in. */
 class HouseSkeleton : public TreflectSkeleton<houseMeta> {
