@@ -10,13 +10,9 @@
 #include <set>
 #include <string>
 
-#include "Cpu.h"
-#include "Disk.h"
+#include "AlarmLimit.h"
 #include "Figures.h"
-#include "Machine.h"
-#include "Memory.h"
-#include "NetworkInterface.h"
-#include "Process.h"
+#include "Identifiers.h"
 
 /** The alarm of a part, whatever its class. */
 template <class Skeleton>
@@ -24,9 +20,11 @@ class WatchedObject : public Skeleton {
 public:
     using Skeleton::Skeleton;
 
-    AlarmState getAlarm() override { return alarm_.at(used()); }
+    watchedPart::AlarmState getAlarm() override { return alarm_.at(used()); }
     unsigned int getAlarmLimit() override { return alarm_.get(); }
-    TipprmiResult<void> setAlarmLimit(unsigned int percent) override { return alarm_.set(percent); }
+    TipprmiOutcome<void, watchedPart::BadLimit> setAlarmLimit(unsigned int percent) override {
+        return alarm_.set(percent);
+    }
 
 protected:
     /** Percent of the part that is in use. */
@@ -67,8 +65,8 @@ public:
         : WatchedObject(machine::partId(machine::kMemory, name), &parent, name) {}
 
     std::string getDescription() override { return "main memory"; }
-    ByteCount getTotal() override { return {figures::memorySize().total}; }
-    ByteCount getFree() override { return {figures::memorySize().available}; }
+    std::uint64_t getTotal() override { return figures::memorySize().total; }
+    std::uint64_t getFree() override { return figures::memorySize().available; }
 
 private:
     unsigned int used() override {
@@ -84,8 +82,8 @@ public:
           name_(name) {}
 
     std::string getDescription() override { return "network interface"; }
-    ByteCount getReceivedBytes() override { return {figures::networkCounter(name_, "rx_bytes")}; }
-    ByteCount getSentBytes() override { return {figures::networkCounter(name_, "tx_bytes")}; }
+    std::uint64_t getReceivedBytes() override { return figures::networkCounter(name_, "rx_bytes"); }
+    std::uint64_t getSentBytes() override { return figures::networkCounter(name_, "tx_bytes"); }
 
 private:
     std::string const name_;
@@ -98,8 +96,8 @@ public:
           mountedAt_(mountedAt) {}
 
     std::string getDescription() override { return "disk mounted at " + mountedAt_; }
-    ByteCount getTotal() override { return {figures::diskSize(mountedAt_).total}; }
-    ByteCount getFree() override { return {figures::diskSize(mountedAt_).available}; }
+    std::uint64_t getTotal() override { return figures::diskSize(mountedAt_).total; }
+    std::uint64_t getFree() override { return figures::diskSize(mountedAt_).available; }
 
 private:
     /** Names in the tree have no "/": it stands between them. */
@@ -126,7 +124,7 @@ public:
 
     std::string getDescription() override { return "process"; }
     unsigned int getPid() override { return pid_; }
-    ByteCount getResident() override { return {figures::residentSize(pid_)}; }
+    std::uint64_t getResident() override { return figures::residentSize(pid_); }
 
 private:
     unsigned int const pid_;
@@ -147,7 +145,7 @@ private:
 
 class MachineObject final : public MachineSkeleton {
 public:
-    MachineObject() : MachineSkeleton(machine::id(), nullptr, machine::kName) {}
+    MachineObject() : MachineSkeleton(machine::id(), nullptr, machine::name) {}
 
     void add(std::string const& kind, std::string const& name) { parts_[kind].insert(name); }
     void remove(std::string const& kind, std::string const& name) { parts_[kind].erase(name); }
@@ -159,8 +157,8 @@ public:
         return name;
     }
     // Callers may ask for anything: what they ask for must leave nothing behind.
-    Names parts(std::string const& kind) override {
-        Names names;
+    machine::Names parts(std::string const& kind) override {
+        machine::Names names;
         if (auto const found = parts_.find(kind); found != parts_.end()) {
             for (std::string const& name : found->second)
                 names.push_back(name);

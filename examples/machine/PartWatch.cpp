@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "MachineClasses.h"
+#include "generated/machine.h"
 
 namespace {
 

@@ -6,9 +6,9 @@ std::string percentText(unsigned int value) {
     return std::to_string(value) + " %";
 }
 
-std::string bytesText(ByteCount value) {
+std::string bytesText(std::uint64_t bytes) {
     static char const* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
-    double number = static_cast<double>(value.bytes);
+    double number = static_cast<double>(bytes);
     unsigned int unit = 0;
     for (; number >= 1024 && unit < 5; ++unit)
         number /= 1024;
@@ -17,7 +17,7 @@ std::string bytesText(ByteCount value) {
     return text;
 }
 
-std::string alarmText(AlarmState const& alarm) {
+std::string alarmText(watchedPart::AlarmState const& alarm) {
     return percentText(alarm.limit) + (alarm.raised ? " ALARM" : "");
 }
 

@@ -4,14 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "Alarm.h"
-#include "ByteCount.h"
+#include "generated/machine.h"
 
 /** A figure of the table as text. */
 std::string percentText(unsigned int value);
-std::string bytesText(ByteCount value);
+std::string bytesText(std::uint64_t bytes);
 /** "90 %", and a mark when the alarm is raised. */
-std::string alarmText(AlarmState const& alarm);
+std::string alarmText(watchedPart::AlarmState const& alarm);
 
 /** Lines of aligned columns, grown one by one. */
 class Table {

@@ -10,14 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "Cpu.h"
-#include "Disk.h"
-#include "Machine.h"
-#include "Memory.h"
-#include "NetworkInterface.h"
 #include "PartWatch.h"
-#include "Process.h"
 #include "Table.h"
+#include "generated/machine.h"
 
 namespace {
 
@@ -57,7 +52,7 @@ void showMemory(PartWatch const& watch, Table& table) {
 
 void showNetwork(PartWatch const& watch, Table& table) {
     table.heading({"NETWORK", "received", "sent"});
-    for (PartWatch::Part const& part : watch.parts(network::kClass)) {
+    for (PartWatch::Part const& part : watch.parts(networkInterface::kClass)) {
         auto const interface = part.object.as<NetworkInterfaceClient>();
         table.row({part.name, shown(interface.getReceivedBytes(), bytesText),
                    shown(interface.getSentBytes(), bytesText)});
@@ -117,12 +112,15 @@ bool showMachine(PartWatch& watch, unsigned int number, Options const& options) 
 bool setAlarmLimits(PartWatch const& watch, unsigned int percent) {
     bool allSet = true;
     for (PartWatch::Part const& part : watch.parts(cpu::kClass)) {
-        TipprmiResult<void> const done = part.object.as<CpuClient>().setAlarmLimit(percent);
+        auto const done = part.object.as<CpuClient>().setAlarmLimit(percent);
         if (done)
             continue;
         allSet = false;
         if (done.code() == TipprmiFailure::kVetoed)
             std::printf("panel: an observer forbids a new alarm limit of %s\n", part.name.c_str());
+        else if (auto const* const refusal = done.raised<watchedPart::BadLimit>())
+            std::printf("panel: %s refuses an alarm limit above %u %%\n", part.name.c_str(),
+                        refusal->highest);
         else
             std::printf("panel: %s refuses an alarm limit of %u %% (code %u)\n", part.name.c_str(),
                         percent, done.code());
