@@ -32,8 +32,9 @@
  * next value all the same.
  *
  * A reaction must be over within a minute: as with every call between processes, both sides abort
- * after that. While it runs on `ReflectWatch`, nothing else of the process is told there. Two
- * watches whose reactions destroy each other at the same time wait for ever.
+ * after that, unless Transport::Setup::failOnSilence says otherwise. While it runs on
+ * `ReflectWatch`, nothing else of the process is told there. Two watches whose reactions destroy
+ * each other at the same time wait for ever.
  *
  * Each value that is told differs from the one before. Between two of them others may have been
  * left out, but the last one is always told, and last. (When changes, sets and the making of the

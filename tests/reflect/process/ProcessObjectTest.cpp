@@ -10,6 +10,7 @@
 #include "BrokerTest.h"
 #include "PumpObject.h"
 #include "ReflectActor.h"
+#include "Resources.h"
 #include "Threads.h"
 #include "Watcher.h"
 #include "reflect/broker/BrokerRequest.h"
@@ -283,6 +284,12 @@ TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
     // The members of the program's own classes come with the first question for them.
     for (unsigned int const id : InterfaceRepository::instance()->getIfIds())
         InterfaceRepository::instance()->findInterface(id);
+    // Workers come and go with any call.
+    auto const threads = [] {
+        return testsupport::Resources::of(getpid()).threads -
+               static_cast<long>(testsupport::statesOfThreads("ReflectWorker").size());
+    };
+    long const threadsBefore = threads();
     std::size_t const before = heap();
     {
         std::optional<TreflectProcessObject> first;
@@ -302,6 +309,7 @@ TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
         });
         EXPECT_LT(heap(), made + 24 * 1024);  // buffers of calls
         EXPECT_EQ(process.getIdentity().value().pid, static_cast<unsigned int>(getpid()));
+        EXPECT_TRUE(inTime([&] { return threads() <= threadsBefore; })) << "none of its own";
         prepareOrbForDeletion();
         EXPECT_TRUE(TreflectProcessClient::of(orb().orbId()).isConnected());
     }
