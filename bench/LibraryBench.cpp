@@ -210,6 +210,8 @@ int main(int argc, char** argv) {
                         "virtual call and check of the permission", 100);
     reporter.judgeExtra("local ClientCallHelper, no observers",
                         "virtual call and check of the permission", 100);
+    reporter.judgeExtra("read a local attribute, bound",
+                        "read a local attribute, bound, without types", 20);
     prepareOrbForDeletion();
     std::filesystem::remove_all(folder);
     return 0;

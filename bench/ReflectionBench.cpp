@@ -37,6 +37,37 @@ std::vector<std::unique_ptr<Watcher>> makeWatchers(long count) {
     return watchers;
 }
 
+/** A gauge of a class whose table tells no types, so that there is nothing to check. */
+namespace untyped {
+
+constexpr unsigned int kClass = 0xBE4C4003;
+TreflectMetaClass const meta("UntypedGauge", kClass, {}, {{"getLevel", bench::gauge::kGetLevel}},
+                             {"Level"});
+
+class Gauge final : public GaugeSkeleton {
+public:
+    using GaugeSkeleton::GaugeSkeleton;
+
+    std::string getText() override { return {}; }
+    void setText(std::string const&) override {}
+    unsigned int getLevel() override { return ++level_; }
+    unsigned int getServerClassId() const override { return kClass; }
+    TipprmiSequence<unsigned int, 0u> getServerClassIdSeq() const override {
+        return meta.classIds();
+    }
+
+private:
+    unsigned int level_ = 0;  // guarded by the run permission
+};
+
+struct Local {
+    TreflectHandlerState const handler{true};
+    Gauge gauge{TipprmiOID("bench/untyped", NSID_UNIT), nullptr, "untyped"};
+    GaugeClient const client{&gauge};
+};
+
+}  // namespace untyped
+
 /** A direct call as ClientCallHelper sees it. */
 class LevelHook final : public ClientCallHookBaseV, public InParamHook, public OutParamHook {
 public:
@@ -104,8 +135,9 @@ BENCHMARK(observedCall)
     ->Args({1'000, 0})
     ->Args({0, 1'000});
 
+template <class Home>
 void readBound(benchmark::State& state) {
-    Local const local;
+    Home const local;
     TreflectAttribute const& level = local.client.attribute("Level");
     unsigned int value = 0;
     for (auto _ : state) {
@@ -113,7 +145,8 @@ void readBound(benchmark::State& state) {
         benchmark::DoNotOptimize(value);
     }
 }
-BENCHMARK(readBound)->Name("read a local attribute, bound");
+BENCHMARK(readBound<Local>)->Name("read a local attribute, bound");
+BENCHMARK(readBound<untyped::Local>)->Name("read a local attribute, bound, without types");
 
 // What is found by name lives as long as the handle: one for each question.
 void readByName(benchmark::State& state) {
