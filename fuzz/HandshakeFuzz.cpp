@@ -83,7 +83,7 @@ public:
             &Session::storeWord,     &Session::putFrames, &Session::ring,
             &Session::send,          &Session::hangUp,    &Session::addFile,
             &Session::spoilPresence, &Session::sendHeads, &Session::passLingering,
-            &Session::blockBell,     &Session::takePart};
+            &Session::blockBell,     &Session::takePart,  &Session::sendBack};
         (this->*steps[script_.byte() % steps.size()])();
     }
 
@@ -210,11 +210,14 @@ private:
         });
     }
     /** Good ones. */
-    void putFrames() {
-        share([this](Connection& connection, ControlPage& page) {
+    void putFrames() { writeFrames(0); }
+    /** Likewise, as if the termination itself had sent them. */
+    void sendBack() { writeFrames(Transport::kSentBack); }
+    void writeFrames(std::uint32_t mark) {
+        share([this, mark](Connection& connection, ControlPage& page) {
             std::uint32_t tail = page.tail.load();
             for (int left = script_.byte() % 8; left >= 0; --left) {
-                FrameHead const head{script_.byte() * 8u, script_.byte() * 8u};
+                FrameHead const head{script_.byte() * 8u, script_.byte() * 8u | mark};
                 connection.writeFrame(tail, head, {});
                 tail += frameBytes(head.length);
             }

@@ -53,12 +53,11 @@ AddressedMessage allocateUninitialized(std::size_t size) {
 }
 
 bool wasSentAgain(AddressedMessage const& message) {
-    return message.block_ != nullptr && message.block_->sentAgain;
+    return MessageChain::isMarked(message, MessageMark::SentAgain);
 }
 
 void noteSentAgain(AddressedMessage& message) {
-    if (message.block_ != nullptr)
-        message.block_->sentAgain = true;
+    message.block_->marks = static_cast<std::uint8_t>(MessageMark::SentAgain);
 }
 
 AddressedMessage copyOf(AddressedMessage const& message) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "platform/transport/MessagePool.h"
@@ -13,8 +14,7 @@ AddressedMessage allocateUninitialized(std::size_t size);
 /** A message of the same bytes and addresses in a buffer of its own; empty when memory has run out.
  */
 AddressedMessage copyOf(AddressedMessage const& message);
-/** Whether the message came back once and was sent again: should it come back once more, that is
- * the end of it. A copy starts anew. */
+/** Whether the message came back once and was sent again. */
 bool wasSentAgain(AddressedMessage const& message);
 void noteSentAgain(AddressedMessage& message);
 
@@ -31,6 +31,15 @@ enum class Room : std::size_t {
  */
 class MessageChain {
 public:
+    /** What is known of one message, in a queue or not. */
+    static bool isMarked(AddressedMessage const& message, MessageMark mark) {
+        return message.block_ != nullptr && message.block_->has(mark);
+    }
+    static void mark(AddressedMessage& message, MessageMark mark) {
+        if (message.block_ != nullptr)
+            message.block_->marks |= static_cast<std::uint8_t>(mark);
+    }
+
     MessageChain() = default;
     ~MessageChain() { clear(); }
     MessageChain(MessageChain&& other) noexcept { swap(other); }

@@ -202,7 +202,7 @@ MessageBlock* MessagePool::take(std::size_t capacity) {
     block->size = 0;
     block->originator = 0;
     block->destination = 0;
-    block->sentAgain = false;
+    block->marks = 0;
     return block;
 }
 

@@ -6,6 +6,13 @@
 
 namespace Transport {
 
+/** What is to be known of a message on its way, besides its bytes. A copy has none of them. */
+enum class MessageMark : std::uint8_t {
+    SentAgain = 1,    // it came back once: should it do so once more, that is the end of it
+    ReachedRing = 2,  // it comes back, and its receiver could have taken it
+    SentBack = 4,     // it goes back to who has sent it, as undeliverable
+};
+
 /**
  * Head of a message buffer; the bytes follow it. A block belongs to its counted references, or to
  * the pool while it has none.
@@ -18,9 +25,10 @@ struct alignas(16) MessageBlock {
     std::uint32_t originator = 0;
     std::uint32_t destination = 0;
     std::uint16_t sizeClass = 0;
-    bool sentAgain = false;       // after it had come back; so it never is once more
+    std::uint8_t marks = 0;       // a set of MessageMark
     std::uint32_t keptUntil = 0;  // position in a ring, while a RingWriter keeps the message
 
+    bool has(MessageMark mark) const { return (marks & static_cast<std::uint8_t>(mark)) != 0; }
     unsigned char* data() { return reinterpret_cast<unsigned char*>(this + 1); }
     unsigned char const* data() const { return reinterpret_cast<unsigned char const*>(this + 1); }
 };

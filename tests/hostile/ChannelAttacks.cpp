@@ -39,6 +39,8 @@ void lieInFrames(Field& field, HandMadeLink& link) {
                                {kSmallestRing, kSmallestRing},
                                {8, 16 * 1024 * 1024},
                                {8, 16 * 1024 * 1024 + 1},
+                               {8, Transport::kSentBack | 8},
+                               {100, Transport::kSentBack | 8},
                                {field.number(), field.number()}};
     std::uint32_t const tail = link.own.page().tail.load();
     link.writeFrame(tail, wrong[field.dice(std::size(wrong))], field.noise(1000));

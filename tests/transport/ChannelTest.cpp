@@ -1,5 +1,9 @@
 #include "Threads.h"
 #include "TransportActor.h"
+#include "platform/transport/local/Receiver.h"
+#include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "platform/transport/local/Switchboard.h"
 
 namespace transporttest {
 namespace {
@@ -95,6 +99,94 @@ TEST_F(ChannelTest, WhatAKilledReceiverHasNotTakenComesBack) {
     EXPECT_EQ(own_.tally().returned, taken);
     EXPECT_EQ(own_.tally().returnedFaults, 0u);
     EXPECT_EQ(own_.send(peer.id(), TestHead::Numbered, 0), 0);
+}
+
+TEST_F(ChannelTest, WhatCannotBePassedOnGoesBackToItsSenderForGood) {
+    TestTermination other;
+    ASSERT_EQ(other.start(), 1);
+    auto& switchboard = Transport::Switchboard::instance();
+    own_.onReceive([&](auto const& message) { return switchboard.sendBack(message) != 1; });
+    Met peer(own_);
+    std::uint32_t sent = 0;
+    for (std::size_t const size : {8u, 3000u, 100'000u, 3'000'000u}) {
+        peer.flood(own_.termId(), 20, size);
+        EXPECT_SOON(peer.report().returned == sent + 20);
+        sent += 20;
+        ASSERT_EQ(other.send(own_.termId(), TestHead::Numbered, 0, size), 1);
+    }
+    EXPECT_EQ(peer.report().returnedFaults, 0u);
+    EXPECT_TRUE(other.waitForReturned(4)) << "in the same process";
+    EXPECT_EQ(own_.tally().received, 0u);
+}
+
+TEST_F(ChannelTest, WhatASenderHasNotTakenBackDiesWithItAndComesToNobody) {
+    Met peer(own_);
+    stop(peer);
+    Transport::AddressedMessage message = own_.allocateMessage(50'000, 5);
+    message.originator(peer.id());
+    message.destination(own_.termId());
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(Transport::Switchboard::instance().sendBack(message), 1);
+    ASSERT_EQ(own_.send(peer.id(), TestHead::Numbered, 0), 1);
+    peer.child().kill();
+    EXPECT_TRUE(own_.waitForReturned(1));
+    EXPECT_TRUE(own_.waitUntilGone(peer.id()));
+    EXPECT_EQ(own_.tally().returned, 1u) << "of all, its own";
+    EXPECT_EQ(own_.tally().returnedFaults, 0u);
+    EXPECT_EQ(Transport::Switchboard::instance().sendBack(message), 0);
+}
+
+/** Stands for a termination of another machine. */
+class Proxy final : public Transport::ReceiverOwner {
+public:
+    explicit Proxy(Transport::TerminationId id)
+        : id_(id), receiver_(std::make_shared<Transport::Receiver>(id, *this)) {
+        auto& rendezvous = Transport::Rendezvous::instance();
+        EXPECT_TRUE(rendezvous.adopt(id, "elsewhere", "", Transport::Visibility::Member));
+        EXPECT_TRUE(receiver_->prepare());
+        Transport::Switchboard::instance().add(receiver_);
+        EXPECT_TRUE(receiver_->start(std::move(rendezvous.publish(std::vector{id}).front())));
+    }
+    ~Proxy() {
+        Transport::Rendezvous::instance().withdraw(id_);
+        receiver_->stop();
+    }
+
+    std::atomic<std::uint32_t> taken{0};
+    std::atomic<std::uint32_t> takenBefore{0};  // the last end of a batch
+    std::atomic<std::uint32_t> queued{0};       // of those that came back
+    std::atomic<std::uint32_t> inRing{0};
+
+    int send(Transport::TerminationId to, std::size_t size) {
+        auto message = Transport::AddressedMessage::allocate(size);
+        message.originator(id_);
+        return Transport::Switchboard::instance().issue(message, to);
+    }
+
+private:
+    void received(Transport::AddressedMessage const&) override { ++taken; }
+    void cameBack(Transport::AddressedMessage const&, Transport::Reached reached) override {
+        ++(reached == Transport::Reached::Queue ? queued : inRing);
+    }
+    void batchEnded() override { takenBefore = taken.load(); }
+
+    Transport::TerminationId const id_;
+    std::shared_ptr<Transport::Receiver> const receiver_;
+};
+
+TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) {
+    Proxy proxy(Transport::TerminationId(1, 9, kGroup));
+    Met peer(own_);
+    peer.flood(Transport::TerminationId(1, 9, kGroup), 300, 5000);
+    EXPECT_SOON(proxy.takenBefore == 300u) << "the end of each batch is told";
+    ASSERT_EQ(proxy.send(peer.id(), 8), 1);
+    ASSERT_TRUE(peer.waitForReceived(1));
+    ASSERT_TRUE(peer.child().stopWholly());
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(proxy.send(peer.id(), 900'000), 1);
+    peer.child().kill();
+    EXPECT_SOON(proxy.queued + proxy.inRing == 3u);
+    EXPECT_EQ(proxy.inRing, 1u) << "a ring takes a mebibyte";
 }
 
 TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {

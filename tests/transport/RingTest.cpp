@@ -78,6 +78,7 @@ TEST_F(RingTest, NonsenseFromTheSenderIsSeen) {
         {"a message larger than any", {8, kTooMuch}, 16},
         {"a piece of no bytes", {0, 8}, 8},
         {"a next ring with content", {8, kNextRing}, 16},
+        {"a message sent back larger than any", {8, kSentBack | kTooMuch}, 16},
     };
     for (Case const& bad : cases) {
         std::memcpy(data_, &bad.head, sizeof bad.head);
@@ -94,6 +95,14 @@ TEST_F(RingTest, APieceOfAnotherMessageInBetweenIsSeen) {
     ASSERT_GT(writer_->putPiece(bytes.data(), 60'000, 0), 0u);
     ASSERT_EQ(next(), RingReader::Result::Piece);
     ASSERT_TRUE(put(10, 1));
+    EXPECT_EQ(next(), RingReader::Result::Garbage);
+}
+
+TEST_F(RingTest, APieceThatIsSentBackOfAMessageThatIsNotIsSeen) {
+    std::vector<unsigned char> const bytes(60'000, 1);
+    ASSERT_GT(writer_->putPiece(bytes.data(), 60'000, 0), 0u);
+    ASSERT_EQ(next(), RingReader::Result::Piece);
+    ASSERT_EQ(writer_->putPiece(bytes.data(), 60'000, 59'900, kSentBack), 100u);
     EXPECT_EQ(next(), RingReader::Result::Garbage);
 }
 
@@ -121,6 +130,28 @@ TEST_F(RingTest, WhatIsNotTakenComesBackWhateverThePeerSaysThatItHasTaken) {
         ASSERT_EQ(message.size(), 1000u);
         EXPECT_EQ(message.buf()[999], i == 0 ? bytes[999] : 7);
     }
+}
+
+TEST_F(RingTest, WhatIsSentBackIsToldFromTheRestAndIsThePeersAlsoWhenItIsNotTaken) {
+    std::vector<unsigned char> const bytes(20'000, 7);
+    auto const twice = [&] {
+        return put(100, 1) && writer_->put(bytes.data(), 200, kSentBack) && put(300, 3);
+    };
+    ASSERT_TRUE(twice());
+    for (std::size_t const size : {100u, 200u, 300u}) {
+        AddressedMessage message;
+        ASSERT_EQ(reader_->next(message), RingReader::Result::Message);
+        EXPECT_EQ(message.size(), size);
+        EXPECT_EQ(reader_->isSentBack(), size == 200);
+        reader_->keep();
+    }
+    ASSERT_TRUE(twice());
+    ASSERT_GT(writer_->putPiece(bytes.data(), 20'000, 0, kSentBack), 0u);
+    MessageChain back;
+    ASSERT_TRUE(writer_->giveUp().recover(back, 1, 2));
+    ASSERT_EQ(back.count(), 2u);
+    EXPECT_EQ(back.pop().size(), 100u);
+    EXPECT_EQ(back.pop().size(), 300u);
 }
 
 TEST_F(RingTest, WhatThereIsNoMemoryForComesBackLater) {

@@ -113,13 +113,28 @@ void Channel::pushLocked(AddressedMessage message) {
     }
 }
 
+/** Whether a message may be queued beyond the usual limit. */
+bool Channel::takesLocked(AddressedMessage const& message) {
+    return state_ != State::Gone && receiver_->sending() &&
+           reserveLocked(message.size(), Room::ForAnswers);
+}
+
 bool Channel::sendAgain(AddressedMessage message) {
     OSWrap::Lock<> lock(mutex_);
-    if (state_ == State::Gone || !receiver_->sending() ||
-        !reserveLocked(message.size(), Room::ForAnswers))
+    if (!takesLocked(message))
         return false;
     noteSentAgain(message);
     pushLocked(std::move(message));
+    return true;
+}
+
+bool Channel::sendBack(AddressedMessage const& message) {
+    AddressedMessage copy = copyOf(message);
+    OSWrap::Lock<> lock(mutex_);
+    if (copy.empty() || !takesLocked(copy))
+        return false;
+    MessageChain::mark(copy, MessageMark::SentBack);
+    pushLocked(std::move(copy));
     return true;
 }
 
@@ -142,7 +157,9 @@ void Channel::drainLocked() {
 /** Whether anything went into the ring. */
 bool Channel::sendFrontLocked() {
     MessageBlock const& front = *queue_.front();
-    if (link_->frontDone == 0 && link_->writer->put(front.data(), front.size)) {
+    bool const back = front.has(MessageMark::SentBack);
+    std::uint32_t const mark = back ? kSentBack : 0;
+    if (link_->frontDone == 0 && link_->writer->put(front.data(), front.size, mark)) {
         AddressedMessage sent = popFrontLocked();
         if (wasSentAgain(sent))
             link_->writer->keepUntilTaken(std::move(sent));
@@ -150,10 +167,13 @@ bool Channel::sendFrontLocked() {
     }
     if (link_->frontDone == 0 && !link_->writer->isLarge(front.size))
         return false;
-    std::uint32_t const done = link_->writer->putPiece(front.data(), front.size, link_->frontDone);
+    std::uint32_t const done =
+        link_->writer->putPiece(front.data(), front.size, link_->frontDone, mark);
     link_->frontDone += done;
     if (link_->frontDone == front.size) {
-        link_->writer->keepUntilTaken(popFrontLocked());
+        AddressedMessage sent = popFrontLocked();
+        if (!back)
+            link_->writer->keepUntilTaken(std::move(sent));
         link_->frontDone = 0;
     }
     return done != 0;
@@ -162,6 +182,16 @@ bool Channel::sendFrontLocked() {
 AddressedMessage Channel::popFrontLocked() {
     receiver_->unsentLess(1);
     return queue_.pop();
+}
+
+/** Empties the queue of what the own termination has sent. What was sent back goes no further: it
+ * was the peer's. */
+void Channel::takeOwnLocked(MessageChain& own) {
+    receiver_->unsentLess(queue_.count());
+    while (!queue_.empty())
+        if (AddressedMessage message = queue_.pop();
+            !MessageChain::isMarked(message, MessageMark::SentBack))
+            own.push(std::move(message));
 }
 
 /** Goes on in a larger ring if one is allowed for messages of this size. */
@@ -286,6 +316,12 @@ bool Channel::take(AddressedMessage& message) {
         return false;
     }
     connection_->reader->keep();
+    if (connection_->reader->isSentBack()) {
+        message.originator(ownId_);
+        message.destination(peer_);
+        receiver_->takeBack(message);
+        return true;
+    }
     message.originator(peer_);
     message.destination(ownId_);
     receiver_->deliver(message);

@@ -60,6 +60,10 @@ public:
     /** Sends a message without other owners that has come back once more, and takes it over: needs
      * no memory. False when the peer has gone, or too much waits for it. Receiving thread. */
     bool sendAgain(AddressedMessage message);
+    /** Sends a copy of a message of the peer's, which could not be delivered where it was passed on
+     * to, back to it. False as above, or without memory. Any thread that knows that the peer
+     * exists. */
+    bool sendBack(AddressedMessage const& message);
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
     /** Takes no more than one further message out of the ring at a time, and that only before a
@@ -155,6 +159,7 @@ private:
 
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     Sent enqueueLocked(AddressedMessage const& message, Room room) OSW_REQUIRES(mutex_);
+    bool takesLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     void pushLocked(AddressedMessage message) OSW_REQUIRES(mutex_);
     std::size_t heldLocked() const OSW_REQUIRES(mutex_);
     bool reserveLocked(std::size_t messageSize, Room room) OSW_REQUIRES(mutex_);
@@ -164,6 +169,7 @@ private:
     bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
     void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
     AddressedMessage popFrontLocked() OSW_REQUIRES(mutex_);
+    void takeOwnLocked(MessageChain& own) OSW_REQUIRES(mutex_);
 
     State state();
     int socket();

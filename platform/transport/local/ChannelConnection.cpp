@@ -468,8 +468,7 @@ void Channel::close(Unread unread) {
         if (unread == Unread::GiveBack) {
             if (link_.has_value() && link_->writer.has_value())
                 untaken_.emplace(link_->writer->giveUp());
-            receiver_->unsentLess(queue_.count());
-            back.append(queue_);
+            takeOwnLocked(back);
         }
         socket = unlinkLocked();
         settleLocked();

@@ -39,7 +39,7 @@ std::shared_ptr<Receiver> LocalTermination::makeReceiver() {
     if (started_ || id_ == TerminationId())
         return nullptr;
     started_ = true;
-    receiver_ = std::make_shared<Receiver>(id_, owner_);
+    receiver_ = std::make_shared<Receiver>(id_, *this);
     return receiver_;
 }
 
@@ -108,6 +108,14 @@ bool LocalTermination::sendAgain(AddressedMessage const& message) {
 std::shared_ptr<Receiver> LocalTermination::receiver() {
     OSWrap::Lock<> lock(mutex_);
     return receiver_;
+}
+
+void LocalTermination::received(AddressedMessage const& message) {
+    owner_.receive(message);
+}
+
+void LocalTermination::cameBack(AddressedMessage const& message, Reached) {
+    owner_.receiveError(message);
 }
 
 void LocalTermination::arrived(TerminationId id) {

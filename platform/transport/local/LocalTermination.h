@@ -4,6 +4,7 @@
 #include <string>
 
 #include "oswrap/Mutex.h"
+#include "platform/transport/local/ReceiverOwner.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
@@ -15,7 +16,7 @@ class TerminationImpl;
 
 /** The driver's half of a termination of this process: its address, from construction to
  * destruction, and its receiving thread, from `start` to `stop`. Any thread. */
-class LocalTermination final : public PresenceListener {
+class LocalTermination final : public PresenceListener, public ReceiverOwner {
 public:
     LocalTermination(TerminationImpl& owner, GroupId group, std::string const& name);
     /** The termination has been stopped. */
@@ -32,6 +33,8 @@ public:
 
     void arrived(TerminationId id) override;
     void departed(TerminationId id) override;
+    void received(AddressedMessage const& message) override;
+    void cameBack(AddressedMessage const& message, Reached reached) override;
 
 private:
     bool goVisible(std::shared_ptr<Receiver> const& receiver);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
@@ -9,9 +10,9 @@
 #include "oswrap/OutOfMemory.h"
 #include "oswrap/Thread.h"
 #include "platform/transport/local/Channel.h"
+#include "platform/transport/local/ReceiverOwner.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
-#include "transport/TerminationImpl.h"
 
 namespace Transport {
 namespace {
@@ -45,7 +46,7 @@ private:
     std::shared_ptr<Receiver> const receiver_;
 };
 
-Receiver::Receiver(TerminationId id, TerminationImpl& owner)
+Receiver::Receiver(TerminationId id, ReceiverOwner& owner)
     : id_(id), owner_(&owner), acceptor_(*this) {}
 
 Receiver::~Receiver() = default;
@@ -138,11 +139,20 @@ void Receiver::turn(int& turns) {
     bool const local = serveInbox();
     bool const remote = serveChannels();
     if (asked || local || remote) {
+        hasServed_ = true;
         if (++turns % kTurnsBetweenEvents == 0)
             serveEvents(0);
-    } else if (!waiting_.poll([this] { return ready(); })) {
+        return;
+    }
+    endBatch();
+    if (!waiting_.poll([this] { return ready(); })) {
         sleep();
     }
+}
+
+void Receiver::endBatch() {
+    if (std::exchange(hasServed_, false) && !stopping())
+        owner_->batchEnded();
 }
 
 bool Receiver::ready() const {
@@ -206,14 +216,16 @@ bool Receiver::serveInbox() {
         if (comesBack)
             serveReturned(std::move(message));
         else
-            owner_->receive(message);
+            owner_->received(message);
     }
     return inboxFilled_;
 }
 
 void Receiver::serveReturned(AddressedMessage message) {
     sendsAgain_ = false;
-    owner_->receiveError(message);
+    owner_->cameBack(message, MessageChain::isMarked(message, MessageMark::ReachedRing)
+                                  ? Reached::Ring
+                                  : Reached::Queue);
     if (!sendsAgain_)
         return;
     if (!message.extend(message.size()))
@@ -257,7 +269,12 @@ bool Receiver::serveChannels() {
 }
 
 void Receiver::deliver(AddressedMessage const& message) {
-    owner_->receive(message);
+    owner_->received(message);
+}
+
+void Receiver::takeBack(AddressedMessage& message) {
+    noteSentAgain(message);
+    owner_->cameBack(message, Reached::Ring);
 }
 
 // ---- Messages within the process ---------------------------------------------------------------

@@ -21,10 +21,10 @@
 namespace Transport {
 
 class Channel;
-class TerminationImpl;
+class ReceiverOwner;
 
 /**
- * The receiving thread of one started termination with all that it serves: those who connect, the
+ * The receiving thread of one visible termination with all that it serves: those who connect, the
  * sockets and bells of its channels, messages from terminations of the same process, and messages
  * that come back. Shared by that thread, the channels and the switchboard, so that it
  * outlives a termination that is deleted in its own callback.
@@ -35,7 +35,8 @@ class Receiver : public std::enable_shared_from_this<Receiver> {
 public:
     using Source = EventSet::Source;
 
-    Receiver(TerminationId id, TerminationImpl& owner);
+    /** The owner lives until `stop` has returned, unless it is deleted in its own callback. */
+    Receiver(TerminationId id, ReceiverOwner& owner);
     ~Receiver();
     Receiver(Receiver const&) = delete;
     Receiver& operator=(Receiver const&) = delete;
@@ -82,6 +83,8 @@ public:
     /** Hands the message to the termination. The thread has seen just before that it is not
      * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
     void deliver(AddressedMessage const& message);
+    /** Likewise one of its own that a peer could not pass on: for good, it is not sent again. */
+    void takeBack(AddressedMessage& message);
     void enrol(Channel& channel);
     void dismiss(Channel& channel);
     bool watch(int fd, std::uint32_t token, Source source);
@@ -96,6 +99,7 @@ private:
     class ReceivingThread;
     void run();
     void turn(int& turns);
+    void endBatch();
     bool serveRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
@@ -112,7 +116,7 @@ private:
     void shutDownChannels();
 
     TerminationId const id_;
-    TerminationImpl* const owner_;  // a callback begins only while stopping_ is not set
+    ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
     std::atomic<bool> stopping_{false};
     std::atomic<unsigned long> threadId_{0};
     UnsentCount unsent_;
@@ -126,6 +130,7 @@ private:
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
     bool sendsAgain_ = false;   // the message that has just come back
+    bool hasServed_ = false;    // since the last batchEnded
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0

@@ -116,19 +116,22 @@ std::uint32_t SentMessages::frameAfter(std::uint32_t position) const {
 bool SentMessages::recoverFrame(std::uint32_t next, AddressedMessage& message) {
     if (!kept_.empty() && kept_.front()->keptUntil == next) {
         message = kept_.pop();
+        MessageChain::mark(message, MessageMark::ReachedRing);
         return true;
     }
     std::uint32_t end = 0;
     RingArea const& area = areaAt(head_, end);
     FrameHead head{};
     copyFrom(area, head_, &head, sizeof head);
-    // Where the kernel cannot seal memory against it, the peer may have overwritten the head.
+    // One that was sent back, or, where the kernel cannot seal memory against it, what the peer has
+    // written over the head.
     if (head.total != head.length || head.length > next - head_ - sizeof head)
         return true;
     message = allocateUninitialized(head.length);
     if (message.empty())
         return false;
     copyFrom(area, head_ + static_cast<std::uint32_t>(sizeof head), message.buf(), head.length);
+    MessageChain::mark(message, MessageMark::ReachedRing);
     return true;
 }
 
@@ -195,22 +198,22 @@ void RingWriter::writeFrame(unsigned char const* bytes, std::uint32_t length, st
     own_.tail.store(tail_);
 }
 
-bool RingWriter::put(unsigned char const* bytes, std::size_t size) {
+bool RingWriter::put(unsigned char const* bytes, std::size_t size, std::uint32_t mark) {
     if (!hasRoomFor(size))
         return false;
     auto const total = static_cast<std::uint32_t>(size);
-    writeFrame(bytes, total, total);
+    writeFrame(bytes, total, total | mark);
     return true;
 }
 
 std::uint32_t RingWriter::putPiece(unsigned char const* bytes, std::uint32_t size,
-                                   std::uint32_t done) {
+                                   std::uint32_t done, std::uint32_t mark) {
     std::uint32_t const worthwhile = std::min(size - done, area_.capacity / 8);
     if (!hasRoomFor(worthwhile))
         return 0;
     std::uint32_t const fitting = (room() - static_cast<std::uint32_t>(sizeof(FrameHead))) & ~7u;
     std::uint32_t const length = std::min(size - done, fitting);
-    writeFrame(bytes + done, length, size);
+    writeFrame(bytes + done, length, size | mark);
     return length;
 }
 
@@ -280,18 +283,21 @@ RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
         keep();
         return Result::NextRing;
     }
+    std::uint32_t const mark = head.total & kSentBack;
+    head.total -= mark;
     if (head.total > kLargestMessage || head.length > head.total ||
         (head.length == 0 && head.total != 0) || frameBytes(head.length) > filled ||
         frameBytes(head.length) > area_.capacity)
         return Result::Garbage;
     if (partTotal_ == 0)
-        return firstFrame(head, message);
-    if (head.total != partTotal_ || head.length > partTotal_ - partDone_)
+        return firstFrame(head, mark, message);
+    if (head.total != partTotal_ || mark != partMark_ || head.length > partTotal_ - partDone_)
         return Result::Garbage;
     return endFrame(head, message);
 }
 
-RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessage& message) {
+RingReader::Result RingReader::firstFrame(FrameHead const& head, std::uint32_t mark,
+                                          AddressedMessage& message) {
     // What is claimed is allocated before the rest has come, which may be never.
     if (head.length != head.total && !unfinished_.grow(head.total))
         return Result::NoRoom;
@@ -302,6 +308,7 @@ RingReader::Result RingReader::firstFrame(FrameHead const& head, AddressedMessag
     }
     partTotal_ = head.total;
     partDone_ = 0;
+    partMark_ = mark;
     return endFrame(head, message);
 }
 

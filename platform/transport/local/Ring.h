@@ -61,11 +61,16 @@ constexpr bool isRingCapacity(std::uint32_t capacity) {
  */
 struct FrameHead {
     std::uint32_t length;  // bytes in this frame
-    std::uint32_t total;  // bytes of the whole message; kNextRing: what follows is in the next ring
+    std::uint32_t total;  // bytes of the whole message, with kSentBack added if it is one of those;
+                          // kNextRing: what follows is in the next ring
 };
 static_assert(sizeof(FrameHead) == 8, "shared by processes of any word size");
 
 constexpr std::uint32_t kNextRing = 0xFFFFFFFF;
+/** Of a message that the receiver itself has sent, and which could not be delivered where it was
+ * passed on to. Says nothing of any message to others. */
+constexpr std::uint32_t kSentBack = 0x80000000;
+static_assert(kLargestMessage < kSentBack, "the mark is no part of a size");
 
 constexpr std::uint32_t frameBytes(std::size_t length) {
     return static_cast<std::uint32_t>(sizeof(FrameHead) + ((length + 7) & ~std::size_t{7}));
@@ -114,8 +119,8 @@ public:
     explicit SentMessages(RingArea area) : area_(std::move(area)) {}
 
     /** Moves all messages that the peer has not taken, completely, to `queue`, in order: copies of
-     * what is in the rings. False when memory runs out for one; to be called again for it and those
-     * behind it. */
+     * what is in the rings. Those that were sent back are not among them: they are the peer's.
+     * False when memory runs out for one; to be called again for it and those behind it. */
     bool recover(MessageChain& queue, std::uint32_t originator, std::uint32_t destination);
 
 protected:
@@ -148,11 +153,12 @@ class RingWriter : private SentMessages {
 public:
     RingWriter(ControlPage& own, ControlPage const& peer, RingArea area);
 
-    /** Puts a message of `size` bytes in, if it fits as one frame. */
-    bool put(unsigned char const* bytes, std::size_t size);
+    /** Puts a message of `size` bytes in, if it fits as one frame. `mark` is 0 or kSentBack. */
+    bool put(unsigned char const* bytes, std::size_t size, std::uint32_t mark = 0);
     /** Puts in as much of a message from its byte `done` on as fits in a piece worth its while;
      * answers how many bytes. */
-    std::uint32_t putPiece(unsigned char const* bytes, std::uint32_t size, std::uint32_t done);
+    std::uint32_t putPiece(unsigned char const* bytes, std::uint32_t size, std::uint32_t done,
+                           std::uint32_t mark = 0);
     /** Keeps the message that was put in last until the peer has taken it, to be able to give back
      * this very one: it went in by pieces, or there is more to know of it than its bytes. */
     void keepUntilTaken(AddressedMessage message);
@@ -215,6 +221,8 @@ public:
     /** A message is the sender's until `keep` is called; before `next` is called again. */
     Result next(AddressedMessage& message);
     void keep() { own_.head.store(head_, std::memory_order_release); }
+    /** Whether the last message is one of ours that comes back, not one of the sender's. */
+    bool isSentBack() const { return partMark_ != 0; }
     /** Leaves the last message to its sender. Nothing can be read any more. */
     void leave() { head_ -= lastFrame_; }
     void goOnIn(RingArea area) { area_ = std::move(area); }
@@ -230,7 +238,7 @@ public:
 
 private:
     Result nextFrame(AddressedMessage& message);
-    Result firstFrame(FrameHead const& head, AddressedMessage& message);
+    Result firstFrame(FrameHead const& head, std::uint32_t mark, AddressedMessage& message);
     void copyOut(unsigned char* to, std::uint32_t position, std::uint32_t length) const;
     Result endFrame(FrameHead const& head, AddressedMessage& message);
 
@@ -246,6 +254,7 @@ private:
     std::uint32_t partTotal_ = 0;  // its size; 0 when none is being put together
     std::uint32_t partDone_ = 0;
     PeerShare::Reservation unfinished_;  // for it, when it comes in pieces
+    std::uint32_t partMark_ = 0;         // 0 or kSentBack; stays when the message is complete
 };
 
 }  // namespace Transport

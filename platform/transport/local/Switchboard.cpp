@@ -70,6 +70,18 @@ int Switchboard::giveBack(AddressedMessage const& message, TerminationId to) {
     return copy.empty() ? 0 : originator->giveBack(std::move(copy));
 }
 
+int Switchboard::sendBack(AddressedMessage const& message) {
+    if (message.empty() || inForkedChild() || !Rendezvous::instance().exists(message.originator()))
+        return 0;
+    std::shared_ptr<Receiver> const from = receiver(message.destination());
+    if (from == nullptr)
+        return 0;
+    if (receiver(message.originator()) != nullptr)
+        return giveBack(message, message.originator());
+    std::shared_ptr<Channel> const way = channel(from, message.originator());
+    return way != nullptr && way->sendBack(message) ? 1 : 0;
+}
+
 void Switchboard::add(std::shared_ptr<Receiver> receiver) {
     OSWrap::Lock<> lock(mutex_);
     receivers_[receiver->id().value()] = std::move(receiver);

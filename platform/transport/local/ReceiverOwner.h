@@ -1,0 +1,31 @@
+#pragma once
+
+#include "transport/AddressedMessage.h"
+
+namespace Transport {
+
+/** How far a message had come that comes back. */
+enum class Reached {
+    Queue,  // it waited with its sender
+    Ring,   // it was put where the receiver takes it from
+};
+
+/**
+ * Whom a receiving thread works for: a termination of this process, or who stands for one of
+ * another machine. All calls are made on that thread (or, of a message, on one that has its role),
+ * one at a time, with no lock of the transport held.
+ */
+class ReceiverOwner {
+public:
+    /** A message has arrived. */
+    virtual void received(AddressedMessage const& message) = 0;
+    /** A message that was sent could not be delivered. */
+    virtual void cameBack(AddressedMessage const& message, Reached reached) = 0;
+    /** For the time being there is nothing more: for who gathers what he has received. */
+    virtual void batchEnded() {}
+
+protected:
+    ~ReceiverOwner() = default;
+};
+
+}  // namespace Transport
