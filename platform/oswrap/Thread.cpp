@@ -16,6 +16,7 @@
 #include "oswrap/CancelGuards.h"
 #include "oswrap/Clock.h"
 #include "platform/oswrap/CancellationPoint.h"
+#include "platform/oswrap/QuickThreadLocal.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -71,9 +72,7 @@ private:
     sigset_t former_;
 };
 
-// Small enough for the part of the thread-local memory that is reached without a call, and without
-// destructors, so that they hold their values until the thread has run its last line.
-#define OSW_QUICK_THREAD_LOCAL __attribute__((tls_model("initial-exec"))) thread_local
+// Without destructors, so that they hold their values until the thread has run its last line.
 OSW_QUICK_THREAD_LOCAL unsigned long currentId = 0;
 OSW_QUICK_THREAD_LOCAL long currentTid = 0;
 

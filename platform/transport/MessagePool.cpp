@@ -9,6 +9,7 @@
 #include "oswrap/Immortal.h"
 #include "oswrap/Lock.h"
 #include "oswrap/Mutex.h"
+#include "platform/oswrap/QuickThreadLocal.h"
 #include "platform/transport/local/Fork.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -146,7 +147,7 @@ struct ThreadCache {
     State state;
 };
 
-thread_local ThreadCache threadCache{};
+OSW_QUICK_THREAD_LOCAL ThreadCache threadCache{};
 
 void giveBackThreadCache(void* cachePointer) {
     auto& cache = *static_cast<ThreadCache*>(cachePointer);

@@ -173,7 +173,9 @@ void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {
 
 void TreflectORB::IncomingMessage::serveCall() {
     request_ >> ioid_ >> transaction_ >> cc_ >> mc_;
-    TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
+    TipprmiStream response =
+        transaction_ ? TipprmiStream(orb_.allocateResponse(message_, Parts::kResponseSize), true)
+                     : TipprmiStream::withoutBuffer_();  // nobody waits for what is written to it
     bool served = false;
     if (TipprmiObjectSkeleton* const object = orb_.parts_->objects.find(ioid_))
         served = callObject(*object, response);
@@ -217,14 +219,15 @@ bool TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
 }
 
 void TreflectORB::IncomingMessage::answerCall(TipprmiStream& response, bool served) {
-    if (!served) {
+    if (!served)
         REFLECTORB_LOG_LIMITED(limits().notServed, 3, "REFLECT_orb",
                                "Handling request message failed rc=%d", static_cast<int>(served));
+    if (!transaction_)
+        return;
+    if (!served) {
         response.clear();
         writeGeneralException(response, 0);
     }
-    if (!transaction_)
-        return;
     answer(response);
 }
 

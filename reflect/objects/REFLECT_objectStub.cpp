@@ -262,11 +262,7 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
         return dispatchToServer(withResponse, cc, mc, in, out);
     } else if (internalOid() != 0) {
         result = forwardMsg(orbId_, withResponse, in, out);
-        if (result == 1) {
-            out.ensureBuffer_();  // nothing has come, when none was awaited
-            return result;
-        }
-        if (hasTimedOut(out))
+        if (result == 1 || hasTimedOut(out))
             return result;
         REFLECTORB_LOG(3, kSource, "Message forwarding failed");
     } else {
