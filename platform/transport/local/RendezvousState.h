@@ -121,8 +121,7 @@ private:
     void checkProcess(NeighbourWatch::Suspect const& suspect);
     enum class Process { Ended, Unknown };
     bool isDead(PresenceTable::Known const& known, Process process) const OSW_REQUIRES(mutex_);
-    bool bury(PresenceTable::Known const& dead, PresenceTable::Departures& gone)
-        OSW_REQUIRES(mutex_);
+    bool bury(std::vector<PresenceTable::Known> const& all, Process process, Departed& departed);
     std::vector<pid_t> neighbours() const;
 
     // Lock order: reserving_, mutex_, then that of the table. None is held in a call of the hook or

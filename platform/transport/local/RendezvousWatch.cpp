@@ -21,6 +21,8 @@ constexpr std::size_t kWatchStack = 0x20000;
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
 /** How many entries are looked at in one go, as receiving threads wait for the mutex. */
 constexpr std::size_t kEntriesAtOnce = 128;
+/** The same for those that may have died, each of which costs several system calls. */
+constexpr std::size_t kJudgedAtOnce = 64;
 /** Between the first sign of an end and the last. One that shows the first sign only, because it
  * has not moved over, is taken to live after this time. */
 constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
@@ -388,11 +390,20 @@ bool Rendezvous::State::admit(std::vector<FolderEntry> const& all, FolderEntry c
 
 /** A reading of the folder may miss what is renamed meanwhile, so it is asked again by name. */
 void Rendezvous::State::dropMissing(Scan& scan) {
-    OSWrap::Lock<> lock(mutex_);
     std::sort(scan.seen.begin(), scan.seen.end());
-    for (PresenceTable::Known const& known : table.notAmong(scan.seen))
-        if (!owns(known.id) && !folder.load()->contains(known.entry.file))
-            table.drop(known.id, scan.departed.gone);
+    std::vector<PresenceTable::Known> const missing = table.notAmong(scan.seen);
+    for (std::size_t first = 0; first < missing.size(); first += kJudgedAtOnce) {
+        OSWrap::Lock<> lock(mutex_);
+        std::vector<TerminationId> gone;
+        for (std::size_t i = first; i < std::min(first + kJudgedAtOnce, missing.size()); ++i) {
+            PresenceTable::Known const& known = missing[i];
+            if (!owns(known.id) && table.contains(known.id, known.entry.file) &&
+                !folder.load()->contains(known.entry.file))
+                gone.push_back(known.id);
+        }
+        table.drop(gone, scan.departed.gone);
+    }
+    OSWrap::Lock<> lock(mutex_);
     missOwn();
 }
 
@@ -458,10 +469,31 @@ bool Rendezvous::State::isDead(PresenceTable::Known const& known, Process proces
             folder.load()->probe(known.entry.file) != EntryFolder::Socket::Alive);
 }
 
-/** Takes a dead one out of the table and its entry out of the folder; true for the latter. */
-bool Rendezvous::State::bury(PresenceTable::Known const& dead, PresenceTable::Departures& gone) {
-    table.drop(dead.id, gone);
-    return folder.load()->remove(dead.entry.file);
+/** Takes those that are dead out of the table and their entries out of the folder; true when there
+ * are any. Not all in one go, since receiving threads wait for the mutex, and a process may have
+ * had very many. */
+bool Rendezvous::State::bury(std::vector<PresenceTable::Known> const& all, Process process,
+                             Departed& departed) {
+    bool found = false;
+    for (std::size_t first = 0; first < all.size(); first += kJudgedAtOnce) {
+        OSWrap::Lock<> lock(mutex_);
+        renew();
+        std::vector<TerminationId> dead;
+        std::vector<std::string const*> files;
+        for (std::size_t i = first; i < std::min(first + kJudgedAtOnce, all.size()); ++i) {
+            PresenceTable::Known const& known = all[i];
+            if (owns(known.id) || !table.contains(known.id, known.entry.file) ||
+                !isDead(known, process))
+                continue;
+            dead.push_back(known.id);
+            files.push_back(&known.entry.file);
+        }
+        table.drop(dead, departed.gone);
+        for (std::string const* const file : files)
+            departed.announce = folder.load()->remove(*file) || departed.announce;
+        found = found || !dead.empty();
+    }
+    return found;
 }
 
 /** Those whose end has only begun are looked at again in a moment: nothing else may tell of it. */
@@ -508,16 +540,14 @@ void Rendezvous::State::keepDying(Suspects& suspects) {
  */
 void Rendezvous::State::check(Suspects const& suspects) {
     Departed departed(*this);
-    if (!suspects.empty()) {
-        DelayedLog const delayed;
-        OSWrap::Lock<> lock(mutex_);
-        renew();
-        for (auto const& [id, until] : suspects) {
-            PresenceTable::Known known{id, {}};
-            if (!owns(id) && table.find(id, known.entry) && isDead(known, Process::Unknown))
-                departed.announce = bury(known, departed.gone) || departed.announce;
-        }
+    DelayedLog const delayed;
+    std::vector<PresenceTable::Known> all;
+    for (auto const& [id, until] : suspects) {
+        PresenceTable::Known known{id, {}};
+        if (table.find(id, known.entry))
+            all.push_back(std::move(known));
     }
+    bury(all, Process::Unknown, departed);
 }
 
 /** Looks for itself, and answers whether that was too early. The kernel takes the locks of a dying
@@ -548,17 +578,13 @@ void Rendezvous::State::checkProcess(NeighbourWatch::Suspect const& suspect) {
     std::uint32_t const before = file->announcements();
     Process const process = suspect.ended ? Process::Ended : Process::Unknown;
     Departed departed(*this);
-    bool removed = false;
+    bool dead = false;
     {
         DelayedLog const delayed;
-        OSWrap::Lock<> lock(mutex_);
-        renew();
-        for (PresenceTable::Known const& known : table.ownedBy(suspect.pid))
-            if (!owns(known.id) && isDead(known, process)) {
-                removed = bury(known, departed.gone) || removed;
-                departed.announce = removed || file->announcements() == before;
-            }
+        dead = bury(table.ownedBy(suspect.pid), process, departed);
     }
+    bool const removed = departed.announce;
+    departed.announce = removed || (dead && file->announcements() == before);
     static Logging::LineLimit limit;
     if (removed)
         REFLECTORB_LOG_LIMITED(limit, 5, kSource,
