@@ -1,5 +1,4 @@
 #include <array>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <thread>
@@ -215,12 +214,7 @@ private:
     Letter& exchange(FloorMessage::Kind kind, std::size_t bodySize) {
         CallRecord& record = records_[index_];
         record.done = false;
-        FloorMessage message;
-        message.kind = kind;
-        message.caller = index_;
-        message.number = 7;
-        message.bodySize = static_cast<std::uint32_t>(bodySize);
-        std::memset(message.text, 'x', 32);
+        FloorMessage message = FloorMessage::of(kind, index_, bodySize);
         if (body_.size() < bodySize)
             body_.resize(bodySize);
         if (token_)

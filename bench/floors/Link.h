@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -17,6 +18,13 @@ struct FloorMessage {
     std::uint32_t number = 0;
     std::uint32_t bodySize = 0;
     char text[48] = {};
+
+    /** A request as the broker's bench makes it: an argument and 32 bytes of text. */
+    static FloorMessage of(Kind kind, std::uint32_t caller, std::size_t bodySize) {
+        FloorMessage message{kind, caller, 7, static_cast<std::uint32_t>(bodySize), {}};
+        std::fill_n(message.text, 32, 'x');
+        return message;
+    }
 };
 static_assert(sizeof(FloorMessage) == 64, "the floors' message has 64 bytes");
 

@@ -1,6 +1,5 @@
 #include <array>
 #include <atomic>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -53,11 +52,7 @@ public:
 
 private:
     FloorMessage exchange(FloorMessage::Kind kind, std::size_t bodySize) {
-        FloorMessage message;
-        message.kind = kind;
-        message.number = 7;
-        message.bodySize = static_cast<std::uint32_t>(bodySize);
-        std::memset(message.text, 'x', 32);
+        FloorMessage message = FloorMessage::of(kind, 0, bodySize);
         if (body_.size() < bodySize)
             body_.resize(bodySize);
         links_[index_]->send(message, body_.data());

@@ -63,12 +63,25 @@ ssize_t receive(int socket, msghdr& message, int flags) {
                                              : length;
 }
 
+/** The header of a message of one packet. */
+struct PacketHeader : msghdr {
+    explicit PacketHeader(Packet& packet) : msghdr{}, part{&packet, sizeof packet} {
+        msg_iov = &part;
+        msg_iovlen = 1;
+    }
+    PacketHeader(Packet& packet, void* control, std::size_t controlBytes) : PacketHeader(packet) {
+        msg_control = control;
+        msg_controllen = static_cast<decltype(msg_controllen)>(controlBytes);
+    }
+    PacketHeader(PacketHeader const&) = delete;
+    PacketHeader& operator=(PacketHeader const&) = delete;
+
+    iovec part;
+};
+
 /** As peekPacket; `passes`: descriptors come with it. */
 Transfer peek(int socket, Packet& packet, bool& passes) {
-    iovec part{&packet, sizeof packet};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    PacketHeader message(packet);
     ssize_t const length = receive(socket, message, MSG_PEEK);
     if (length < 0)
         return failure();
@@ -80,13 +93,9 @@ Transfer peek(int socket, Packet& packet, bool& passes) {
 
 /** Copies of the descriptors that come with the packet that has been looked at, and stays. */
 Transfer copyDescriptors(int socket, ReceivedPacket& received) {
-    iovec part{&received.packet, sizeof received.packet};
     ControlBuffer<kMostDescriptors> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.bytes;
-    message.msg_controllen = CMSG_SPACE(kMostDescriptors * sizeof(int));
+    PacketHeader message(received.packet, control.bytes,
+                         CMSG_SPACE(kMostDescriptors * sizeof(int)));
     if (receive(socket, message, MSG_PEEK | MSG_CMSG_CLOEXEC) < 0)
         return failure();
     collectDescriptors(message, received);
@@ -99,23 +108,15 @@ Transfer copyDescriptors(int socket, ReceivedPacket& received) {
 /** Takes out the packet that has been looked at. */
 Transfer discard(int socket) {
     Packet packet;
-    iovec part{&packet, sizeof packet};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    PacketHeader message(packet);
     return receive(socket, message, 0) < 0 ? failure() : Transfer::Done;
 }
 
 /** Takes out the next packet, whatever it is, and drops it; false when there is none. */
 bool drop(int socket) {
     ReceivedPacket dropped;
-    iovec part{&dropped.packet, sizeof dropped.packet};
     ControlBuffer<kMostPassed> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.bytes;
-    message.msg_controllen = sizeof control.bytes;
+    PacketHeader message(dropped.packet, control.bytes, sizeof control.bytes);
     ssize_t const length = receive(socket, message, MSG_CMSG_CLOEXEC);
     if (length < 0)
         return false;
@@ -133,10 +134,7 @@ void tellEmptyOnes(int socket) {
 
 Transfer sendPacket(int socket, Packet const& packet, int file, int bell) {
     Packet copy = packet;
-    iovec part{&copy, sizeof copy};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
+    PacketHeader message(copy);
     ControlBuffer<kMostDescriptors> control{};
     int const descriptors[kMostDescriptors] = {file, bell};
     std::size_t const count = file < 0 ? 0 : bell < 0 ? 1 : 2;
