@@ -1,3 +1,5 @@
+#include <optional>
+
 #include "Threads.h"
 #include "TransportActor.h"
 #include "platform/transport/local/Receiver.h"
@@ -156,21 +158,42 @@ public:
     std::atomic<std::uint32_t> takenBefore{0};  // the last end of a batch
     std::atomic<std::uint32_t> queued{0};       // of those that came back
     std::atomic<std::uint32_t> inRing{0};
+    std::atomic<std::uint32_t> faults{0};  // of them, by what was told before
+    std::atomic<std::uint64_t> left{0};    // the queue, up to this place
 
-    int send(Transport::TerminationId to, std::size_t size) {
+    /** The place of the message; nothing when it is refused. */
+    std::optional<std::uint64_t> send(Transport::TerminationId to, std::uint32_t number,
+                                      std::size_t size) {
         auto message = Transport::AddressedMessage::allocate(size);
         message.originator(id_);
-        return Transport::Switchboard::instance().issue(message, to);
+        TestHead{TestHead::Numbered, number}.fill(message);
+        std::lock_guard<std::mutex> const lock(mutex_);
+        std::uint64_t place = 0;
+        if (Transport::Switchboard::instance().issue(message, to, Transport::Room::Usual, place) !=
+            1)
+            return std::nullopt;
+        return places_[number] = place;
     }
 
 private:
     void received(Transport::AddressedMessage const&) override { ++taken; }
-    void cameBack(Transport::AddressedMessage const&, Transport::Reached reached) override {
-        ++(reached == Transport::Reached::Queue ? queued : inRing);
+    void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached) override {
+        bool const wasInRing = reached == Transport::Reached::Ring;
+        std::lock_guard<std::mutex> const lock(mutex_);
+        faults += wasInRing != (places_[TestHead::of(message).number] <= left);
+        ++(wasInRing ? inRing : queued);
     }
     void batchEnded() override { takenBefore = taken.load(); }
+    void leftQueue(Transport::TerminationId, std::uint64_t place) override {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        faults += place <= left;
+        left = place;
+    }
+    bool tellsPlaces() const override { return true; }
 
     Transport::TerminationId const id_;
+    std::mutex mutex_;
+    std::map<std::uint32_t, std::uint64_t> places_;  // guarded by mutex_
     std::shared_ptr<Transport::Receiver> const receiver_;
 };
 
@@ -179,14 +202,41 @@ TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) 
     Met peer(own_);
     peer.flood(Transport::TerminationId(1, 9, kGroup), 300, 5000);
     EXPECT_SOON(proxy.takenBefore == 300u) << "the end of each batch is told";
-    ASSERT_EQ(proxy.send(peer.id(), 8), 1);
+    for (std::uint32_t number = 0; number < 10; ++number)
+        ASSERT_TRUE(proxy.send(peer.id(), number, 8));
+    EXPECT_TRUE(peer.waitForReceived(10));
+    EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, WhoseMessagesHaveToWaitIsToldWhenTheyWaitNoMore) {
+    Proxy proxy(Transport::TerminationId(1, 9, kGroup));
+    Met peer(own_);
+    std::uint32_t number = 0;
+    ASSERT_TRUE(proxy.send(peer.id(), number++, 8));
     ASSERT_TRUE(peer.waitForReceived(1));
-    ASSERT_TRUE(peer.child().stopWholly());
-    for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(proxy.send(peer.id(), 900'000), 1);
+    std::uint64_t last = proxy.left;
+    auto const fill = [&] {
+        ASSERT_TRUE(peer.child().stopWholly());
+        EXPECT_EQ(proxy.send(peer.id(), number++, 8), 0u) << "straight into the ring";
+        for (int i = 0; i < 100; ++i, ++number) {
+            auto const place = proxy.send(peer.id(), number, 40'000);
+            ASSERT_TRUE(place && (*place == 0 || *place == last + 1));
+            last = std::max(last, *place);
+        }
+    };
+    ASSERT_NO_FATAL_FAILURE(fill());
+    EXPECT_LT(proxy.left, last);
+    peer.child().signal(SIGCONT);
+    EXPECT_SOON(proxy.left == last);
+    ASSERT_TRUE(peer.waitForReceived(number));
+    EXPECT_EQ(peer.report().faults, 0u);
+    std::uint32_t const taken = number;
+    ASSERT_NO_FATAL_FAILURE(fill());
     peer.child().kill();
-    EXPECT_SOON(proxy.queued + proxy.inRing == 3u);
-    EXPECT_EQ(proxy.inRing, 1u) << "a ring takes a mebibyte";
+    EXPECT_SOON(proxy.queued + proxy.inRing == number - taken);
+    EXPECT_EQ(proxy.queued, last - proxy.left) << "and all others are told of";
+    EXPECT_GT(proxy.inRing, 20u) << "a ring takes a mebibyte";
+    EXPECT_EQ(proxy.faults, 0u);
 }
 
 TEST_F(ChannelTest, AProcessKilledWhileSendingHarmsNobody) {

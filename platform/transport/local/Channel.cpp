@@ -1,6 +1,7 @@
 #include "platform/transport/local/Channel.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
@@ -39,7 +40,8 @@ Packet Channel::packet(Packet::Kind kind, std::uint32_t ringCapacity) const {
 
 // ---- Sending: any thread -----------------------------------------------------------------------
 
-Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Room room) {
+Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Room room,
+                            std::uint64_t* place) {
     OSWrap::Lock<> lock(mutex_);
     if (state_ == State::Gone || !receiver_->sending())
         return Sent::Refused;
@@ -53,7 +55,7 @@ Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Ro
             return Sent::Taken;
         }
     }
-    return enqueueLocked(message, room);
+    return enqueueLocked(message, room, place);
 }
 
 bool Channel::putLocked(AddressedMessage const& message) {
@@ -62,7 +64,8 @@ bool Channel::putLocked(AddressedMessage const& message) {
     return growLocked(message.size()) && link_->writer->put(message.buf(), message.size());
 }
 
-Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room) {
+Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room,
+                                     std::uint64_t* place) {
     if (!reserveLocked(message.size(), room))
         return Sent::Refused;
     AddressedMessage copy = copyOf(message);
@@ -71,6 +74,8 @@ Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room)
         return Sent::Refused;
     }
     pushLocked(std::move(copy));
+    if (place != nullptr && leftPlace_ != lastPlace_)
+        *place = lastPlace_;
     return Sent::Taken;
 }
 
@@ -104,6 +109,7 @@ void Channel::pushLocked(AddressedMessage message) {
     message.originator(ownId_);
     message.destination(peer_);
     queue_.push(std::move(message));
+    ++lastPlace_;
     receiver_->unsentMore();
     if (state_ == State::Open) {
         drainLocked();
@@ -180,6 +186,9 @@ bool Channel::sendFrontLocked() {
 }
 
 AddressedMessage Channel::popFrontLocked() {
+    ++leftPlace_;
+    if (receiver_->tellsPlaces())
+        receiver_->request(*this);
     receiver_->unsentLess(1);
     return queue_.pop();
 }
@@ -187,11 +196,28 @@ AddressedMessage Channel::popFrontLocked() {
 /** Empties the queue of what the own termination has sent. What was sent back goes no further: it
  * was the peer's. */
 void Channel::takeOwnLocked(MessageChain& own) {
+    leftPlace_ = lastPlace_;
     receiver_->unsentLess(queue_.count());
     while (!queue_.empty())
         if (AddressedMessage message = queue_.pop();
             !MessageChain::isMarked(message, MessageMark::SentBack))
             own.push(std::move(message));
+}
+
+void Channel::tellPlaces() {
+    if (!receiver_->tellsPlaces())
+        return;
+    std::uint64_t left = 0;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        left = leftPlace_;
+    }
+    tellPlaces(left);
+}
+
+void Channel::tellPlaces(std::uint64_t left) {
+    if (receiver_->tellsPlaces() && left != std::exchange(toldPlace_, left))
+        receiver_->leftQueue(peer_, left);
 }
 
 /** Goes on in a larger ring if one is allowed for messages of this size. */

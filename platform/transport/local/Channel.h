@@ -55,8 +55,10 @@ public:
     TerminationId peer() const { return peer_; }
     std::uint32_t token() const { return token_; }
     /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,
-     * so find out and ask again. */
-    Sent send(AddressedMessage const& message, bool peerExists, Room room);
+     * so find out and ask again. `place`, if asked for, becomes that in the queue when the message
+     * has to wait there, else it stays as it is; see ReceiverOwner::leftQueue. */
+    Sent send(AddressedMessage const& message, bool peerExists, Room room,
+              std::uint64_t* place = nullptr);
     /** Sends a message without other owners that has come back once more, and takes it over: needs
      * no memory. False when the peer has gone, or too much waits for it. Receiving thread. */
     bool sendAgain(AddressedMessage message);
@@ -158,7 +160,8 @@ private:
     };
 
     bool putLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
-    Sent enqueueLocked(AddressedMessage const& message, Room room) OSW_REQUIRES(mutex_);
+    Sent enqueueLocked(AddressedMessage const& message, Room room, std::uint64_t* place)
+        OSW_REQUIRES(mutex_);
     bool takesLocked(AddressedMessage const& message) OSW_REQUIRES(mutex_);
     void pushLocked(AddressedMessage message) OSW_REQUIRES(mutex_);
     std::size_t heldLocked() const OSW_REQUIRES(mutex_);
@@ -170,6 +173,8 @@ private:
     void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
     AddressedMessage popFrontLocked() OSW_REQUIRES(mutex_);
     void takeOwnLocked(MessageChain& own) OSW_REQUIRES(mutex_);
+    void tellPlaces();
+    void tellPlaces(std::uint64_t left);
 
     State state();
     int socket();
@@ -227,6 +232,8 @@ private:
     OSWrap::Mutex mutex_;
     State state_ OSW_GUARDED_BY(mutex_) = State::Idle;
     MessageChain queue_ OSW_GUARDED_BY(mutex_);
+    std::uint64_t lastPlace_ OSW_GUARDED_BY(mutex_) = 0;  // given in the queue
+    std::uint64_t leftPlace_ OSW_GUARDED_BY(mutex_) = 0;  // of the last that is there no more
     std::optional<Link> link_ OSW_GUARDED_BY(mutex_);
     /** For the queue and for what the link keeps. */
     PeerShare::Reservation unsent_ OSW_GUARDED_BY(mutex_);
@@ -236,6 +243,7 @@ private:
     /** Of a connection that has ended; there is no other one before all this has gone back. */
     std::optional<SentMessages> untaken_;
     std::optional<Greeting> greeting_;  // answered when this connection has ended
+    std::uint64_t toldPlace_ = 0;       // as having left the queue
     int attempts_ = 0;                  // to connect, without success
     long long retryAt_ = 0;
 };

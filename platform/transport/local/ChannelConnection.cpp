@@ -43,6 +43,7 @@ int Channel::socket() {
 
 void Channel::service() {
     requested_.store(false);
+    tellPlaces();
     retryAt_ = 0;
     if (!giveBackUntaken())
         return;
@@ -463,8 +464,11 @@ void Channel::close(Unread unread) {
     MessageChain back;
     OpenSocket socket;
     bool again = false;
+    std::uint64_t left = 0;
+    std::uint64_t last = 0;
     {
         OSWrap::Lock<> lock(mutex_);
+        left = leftPlace_;
         if (unread == Unread::GiveBack) {
             if (link_.has_value() && link_->writer.has_value())
                 untaken_.emplace(link_->writer->giveUp());
@@ -476,7 +480,10 @@ void Channel::close(Unread unread) {
             again = !queue_.empty();
             state_ = again ? State::Wanted : State::Idle;
         }
+        last = leftPlace_;
     }
+    tellPlaces(left);
+    toldPlace_ = last;  // those between come back
     receiver_->unwatch(socket.get());
     dropConnection();
     giveBackUntaken();

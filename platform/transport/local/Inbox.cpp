@@ -53,6 +53,11 @@ Inbox::Letter Inbox::take() {
     return {comesBack ? cameBack_.pop() : messages_.pop(), comesBack};
 }
 
+AddressedMessage Inbox::takeReturned() {
+    OSWrap::Lock<> lock(mutex_);
+    return cameBack_.pop();
+}
+
 std::shared_ptr<Channel> Inbox::takeRequests() {
     OSWrap::Lock<> lock(mutex_);
     lastRequest_ = nullptr;

@@ -39,6 +39,8 @@ public:
 
     /** The oldest message, one that comes back before all others. */
     Letter take();
+    /** The oldest message that comes back; empty when there is none. */
+    AddressedMessage takeReturned();
     /** The first of the requested channels, with the others linked behind it. */
     std::shared_ptr<Channel> takeRequests();
     /** Takes nothing more and drops what is there, except the messages nobody has read. */

@@ -47,7 +47,7 @@ private:
 };
 
 Receiver::Receiver(TerminationId id, ReceiverOwner& owner)
-    : id_(id), owner_(&owner), acceptor_(*this) {}
+    : id_(id), owner_(&owner), tellsPlaces_(owner.tellsPlaces()), acceptor_(*this) {}
 
 Receiver::~Receiver() = default;
 
@@ -275,6 +275,17 @@ void Receiver::deliver(AddressedMessage const& message) {
 void Receiver::takeBack(AddressedMessage& message) {
     noteSentAgain(message);
     owner_->cameBack(message, Reached::Ring);
+}
+
+void Receiver::leftQueue(TerminationId peer, std::uint64_t place) {
+    while (!stopping()) {
+        AddressedMessage message = inbox_.takeReturned();
+        if (message.empty()) {
+            owner_->leftQueue(peer, place);
+            return;
+        }
+        serveReturned(std::move(message));
+    }
 }
 
 // ---- Messages within the process ---------------------------------------------------------------

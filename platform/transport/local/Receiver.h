@@ -64,6 +64,8 @@ public:
     /** Whether the termination may still send. */
     bool sending() const { return unsent_.sending(); }
     void refuseSending() { unsent_.refuseSending(); }
+    /** Whether the owner is to be told which messages have left a channel's queue. */
+    bool tellsPlaces() const { return tellsPlaces_; }
     /** Counts messages that wait in a channel's queue. */
     void unsentMore() { unsent_.more(); }
     void unsentLess(std::size_t count) { unsent_.less(count); }
@@ -85,6 +87,8 @@ public:
     void deliver(AddressedMessage const& message);
     /** Likewise one of its own that a peer could not pass on: for good, it is not sent again. */
     void takeBack(AddressedMessage& message);
+    /** Tells the owner what has left a channel's queue, after all that has come back so far. */
+    void leftQueue(TerminationId peer, std::uint64_t place);
     void enrol(Channel& channel);
     void dismiss(Channel& channel);
     bool watch(int fd, std::uint32_t token, Source source);
@@ -117,6 +121,7 @@ private:
 
     TerminationId const id_;
     ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
+    bool const tellsPlaces_;
     std::atomic<bool> stopping_{false};
     std::atomic<unsigned long> threadId_{0};
     UnsentCount unsent_;

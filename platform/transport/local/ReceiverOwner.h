@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+
 #include "transport/AddressedMessage.h"
+#include "transport/TerminationId.h"
 
 namespace Transport {
 
@@ -23,6 +26,12 @@ public:
     virtual void cameBack(AddressedMessage const& message, Reached reached) = 0;
     /** For the time being there is nothing more: for who gathers what he has received. */
     virtual void batchEnded() {}
+    /** Messages that had to wait for `peer` have gone where it takes them from: all up to this
+     * place (see Switchboard::issue) that have not come back. Who has come back out of the queue is
+     * told before any later place, and who has left it before he comes back. Must not throw. */
+    virtual void leftQueue(TerminationId, std::uint64_t) {}
+    /** Whether it is to be told that; asked once. */
+    virtual bool tellsPlaces() const { return false; }
 
 protected:
     ~ReceiverOwner() = default;

@@ -21,10 +21,11 @@ std::uint64_t turned(std::uint64_t pair) {
 }
 
 /** Of a channel that may have to know whether its peer exists. */
-int sendThrough(Channel& channel, AddressedMessage const& message, Room room) {
-    Channel::Sent sent = channel.send(message, false, room);
+int sendThrough(Channel& channel, AddressedMessage const& message, Room room,
+                std::uint64_t* place) {
+    Channel::Sent sent = channel.send(message, false, room, place);
     if (sent == Channel::Sent::AskPresence && Rendezvous::instance().exists(channel.peer()))
-        sent = channel.send(message, true, room);
+        sent = channel.send(message, true, room, place);
     return sent == Channel::Sent::Taken ? 1 : 0;
 }
 
@@ -39,16 +40,17 @@ Switchboard::Switchboard() {
     Rendezvous::instance().goneHook(&Switchboard::onGone);
 }
 
-int Switchboard::issue(AddressedMessage const& message, TerminationId destination, Room room) {
+int Switchboard::issue(AddressedMessage const& message, TerminationId destination, Room room,
+                       std::uint64_t* place) {
     if (message.empty() || inForkedChild())
         return 0;
     std::shared_ptr<Channel> const channel = find(message.originator(), destination);
-    return channel != nullptr ? sendThrough(*channel, message, room)
-                              : issueSlowly(message, destination, room);
+    return channel != nullptr ? sendThrough(*channel, message, room, place)
+                              : issueSlowly(message, destination, room, place);
 }
 
-int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId destination,
-                             Room room) {
+int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId destination, Room room,
+                             std::uint64_t* place) {
     std::shared_ptr<Receiver> const from = receiver(message.originator());
     if (from == nullptr || !from->sending())
         return 0;
@@ -57,7 +59,7 @@ int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId dest
     if (!Rendezvous::instance().exists(destination))
         return 0;
     std::shared_ptr<Channel> const made = channel(from, destination);
-    return made != nullptr ? sendThrough(*made, message, room) : 0;
+    return made != nullptr ? sendThrough(*made, message, room, place) : 0;
 }
 
 int Switchboard::giveBack(AddressedMessage const& message, TerminationId to) {

@@ -24,7 +24,17 @@ public:
     static Switchboard& instance();
 
     /** Sends `message` in the name of its originator; 1 when taken, else 0. */
-    int issue(AddressedMessage const& message, TerminationId destination, Room room = Room::Usual);
+    int issue(AddressedMessage const& message, TerminationId destination, Room room = Room::Usual) {
+        return issue(message, destination, room, nullptr);
+    }
+    /** The same; `place` becomes 0 when the message has gone where its receiver takes it from, else
+     * its place among those that wait for this receiver: they grow. See ReceiverOwner::leftQueue,
+     * which may be called before this returns. */
+    int issue(AddressedMessage const& message, TerminationId destination, Room room,
+              std::uint64_t& place) {
+        place = 0;
+        return issue(message, destination, room, &place);
+    }
     /** Has a termination of this process get a copy of `message` through receiveError; 1 when
      * taken, else 0. */
     int giveBack(AddressedMessage const& message, TerminationId to);
@@ -51,7 +61,10 @@ private:
 
     static void onGone(TerminationId id);
     std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
-    int issueSlowly(AddressedMessage const& message, TerminationId destination, Room room);
+    int issue(AddressedMessage const& message, TerminationId destination, Room room,
+              std::uint64_t* place);
+    int issueSlowly(AddressedMessage const& message, TerminationId destination, Room room,
+                    std::uint64_t* place);
     std::shared_ptr<Receiver> receiver(TerminationId id);
     std::shared_ptr<PeerShare> shareOf(int process) OSW_REQUIRES(mutex_);
     using Channels = std::unordered_map<std::uint64_t, std::shared_ptr<Channel>>;
