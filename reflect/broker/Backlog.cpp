@@ -75,6 +75,19 @@ bool Backlog::release(Share& share, std::size_t size) {
     return true;
 }
 
+bool Backlog::beginServing(Share& share) {
+    if (share.served_ + beingServed_ >= kMostServed)
+        return false;
+    ++share.served_;
+    ++beingServed_;
+    return true;
+}
+
+void Backlog::endServing(Share& share) {
+    --share.served_;
+    --beingServed_;
+}
+
 Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
     if (last_ && lastSender_ == sender)
         return last_;
@@ -98,7 +111,8 @@ void Backlog::forgetIdle() {
         return;
     last_ = nullptr;
     for (auto entry = shares_.begin(); entry != shares_.end();)
-        entry = entry->second.waiting_.messages == 0 && !entry->second.heldBack_
+        entry = entry->second.waiting_.messages == 0 && entry->second.served_ == 0 &&
+                        !entry->second.heldBack_
                     ? shares_.erase(entry)
                     : std::next(entry);
     manyShares_ = std::max<std::size_t>(64, 2 * shares_.size());

@@ -19,6 +19,9 @@
  * A message waits from its arrival until a worker begins to serve it: what is being served may wait
  * for a sender in its turn, but what waits goes on by itself.
  *
+ * What is being served keeps a thread, and a transaction id while it waits for others, perhaps for
+ * ever. So of one sender no more is served at a time than may still be served of all.
+ *
  * Everything runs under the mutex of the queue that owns the backlog.
  */
 class Backlog {
@@ -30,6 +33,8 @@ public:
     /** However slowly they are served: many more than a receiving thread takes at a time, so that
      * who serves them does not run out of them meanwhile. */
     static constexpr std::uint64_t kLeastEnough = 512;
+    /** So many messages are served at a time: half of the transaction ids are left for others. */
+    static constexpr unsigned int kMostServed = 2048;
 
     /** What waits of one sender. Stays where it is as long as something waits. */
     class Share {
@@ -38,6 +43,7 @@ public:
         Amount waiting_;
         std::uint64_t enough_ = kLeastEnough;  // messages, before it is to be held back
         bool heldBack_ = false;
+        unsigned int served_ = 0;  // messages that are being served
     };
 
     explicit Backlog(Transport::Backlog const& most) : most_(most) {}
@@ -49,6 +55,10 @@ public:
     /** Takes a message of `size` bytes out. True when so little is left that the sender, which was
      * marked as held back, may go on: its mark is taken away. The share may be gone afterwards. */
     bool release(Share& share, std::size_t size);
+    /** One that has been taken out is going to be served; false when too many of its sender are. */
+    bool beginServing(Share& share);
+    /** It has been served. */
+    void endServing(Share& share);
     /** Whether so much of a sender waits that it is to be held back. */
     bool isMuch(Share& share);
     /** Marks a sender as held back; false when nothing of it waits. */
@@ -76,6 +86,7 @@ private:
     std::uint64_t served_ = 0;
     long long askedAt_ = 0;  // nanoseconds of the monotonic clock
     unsigned int heldBack_ = 0;
+    unsigned int beingServed_ = 0;
     std::unordered_map<Transport::TerminationId, Share> shares_;
     std::size_t manyShares_ = 64;  // so many, before idle ones are forgotten
     // The sender that was asked for last.

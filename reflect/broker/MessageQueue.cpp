@@ -22,6 +22,8 @@ void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlo
     Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
     cell.message = message;
     cell.share = share;
+    cell.served = nullptr;
+    cell.isTooMuch = false;
     cell.letsGo = false;
     cell.note = note;
     ++size_;
@@ -81,9 +83,24 @@ Transport::TerminationId MessageQueue::begin(Taken& taken) {
 }
 
 void MessageQueue::release(Taken& taken) {
-    taken.letsGo = backlog_.release(*std::exchange(taken.share, nullptr), taken.message.size());
+    Backlog::Share& share = *std::exchange(taken.share, nullptr);
+    taken.letsGo = backlog_.release(share, taken.message.size());
     if (taken.letsGo)
         holdsBack_.store(backlog_.holdsBack());
+    taken.isTooMuch = !backlog_.beginServing(share);
+    taken.served = taken.isTooMuch ? nullptr : &share;
+}
+
+void MessageQueue::end(Taken& taken) {
+    if (!taken.served)
+        return;
+    QueueLock const lock(changed_);
+    endServing(taken);
+}
+
+void MessageQueue::endServing(Taken& taken) {
+    if (Backlog::Share* const share = std::exchange(taken.served, nullptr))
+        backlog_.endServing(*share);
 }
 
 bool MessageQueue::holdBack(Transport::TerminationId sender) {
@@ -105,6 +122,7 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) 
     {
         QueueLock const lock(changed_);
         need = Need::Nothing;
+        endServing(taker.taken);
         if (!firstPass)
             ++idle_;
         bool const tooMany = idle_ > kMostIdle;
@@ -127,6 +145,7 @@ bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
     {
         QueueLock const lock(changed_);
         need = Need::Nothing;
+        endServing(taker.taken);
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
         wake = takeFront(taker, need);

@@ -32,9 +32,11 @@ public:
     /** A message that a worker has taken. */
     struct Taken {
         Transport::AddressedMessage message;
-        Backlog::Share* share = nullptr;  // null: waits no more
-        bool letsGo = false;              // its sender, which was held back, may go on now
-        unsigned int note = 0;            // of who queued it
+        Backlog::Share* share = nullptr;   // null: waits no more
+        Backlog::Share* served = nullptr;  // as long as it is being served
+        bool isTooMuch = false;            // so much of its sender is being served that this is not
+        bool letsGo = false;               // its sender, which was held back, may go on now
+        unsigned int note = 0;             // of who queued it
     };
     /** A worker that takes messages, as the queue sees it. */
     class Taker {
@@ -79,6 +81,8 @@ public:
     /** A worker begins to serve what it has taken, which waits no more. Answers a sender that was
      * held back and may go on now, or none. */
     Transport::TerminationId begin(Taken& taken);
+    /** It has been served. `next` and `nextAtOnce` do that for what a taker has taken before. */
+    void end(Taken& taken);
     /** Marks a sender as held back, so that `begin` tells when it may go on; false when nothing of
      * it waits. */
     bool holdBack(Transport::TerminationId sender);
@@ -126,6 +130,7 @@ private:
     bool mayGoOn() OSW_REQUIRES(changed_);
     bool takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
     void release(Taken& taken) OSW_REQUIRES(changed_);
+    void endServing(Taken& taken) OSW_REQUIRES(changed_);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);

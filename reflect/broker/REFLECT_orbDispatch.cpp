@@ -59,16 +59,20 @@ private:
 class TreflectORB::WorkLoop {
 public:
     explicit WorkLoop(TreflectORB& orb) : orb_(orb), turn_(orb.parts_.get()) {}
+    ~WorkLoop() { orb_.parts_->messageQueue.end(turn_.taken); }  // of one that is cancelled
+    WorkLoop(WorkLoop const&) = delete;
+    WorkLoop& operator=(WorkLoop const&) = delete;
 
     void run() OSW_REQUIRES_PERMISSION {
         for (bool found = awaitTurn(true); found; found = goOnAtOnce() || awaitTurn(false)) {
             serve();
-            turn_.taken = {};
+            turn_.taken.message = {};
         }
     }
 
 private:
     void serve() OSW_REQUIRES_PERMISSION;
+    void refuse(TreflectMessage const& message, unsigned int note) OSW_REQUIRES_PERMISSION;
     bool awaitTurn(bool firstPass);
     bool goOnAtOnce();
     /** Others may wait behind this worker for the permission by now, so it is not for it to wait:
@@ -87,6 +91,10 @@ void TreflectORB::WorkLoop::serve() {
     orb_.goOn_(orb_.parts_->messageQueue.begin(turn_.taken));
     TreflectMessage const message(turn_.taken.message);
     unsigned int const note = turn_.taken.note;
+    if (turn_.taken.isTooMuch) {
+        refuse(message, note);
+        return;
+    }
     bool const served = OSWrap::withMemory([&] {
         handlerthreads::assertPermission();
         IncomingMessage(orb_, message, note).serve();
@@ -97,6 +105,16 @@ void TreflectORB::WorkLoop::serve() {
     REFLECTORB_LOG_LIMITED(orb_.parts_->limits.noMemory, 2, "REFLECT_orb",
                            "ORB 0x%08X has no memory to serve 0x%08X", orb_.termId().value(),
                            message.originator().value());
+    IncomingMessage(orb_, message, note).makeUpFor();
+}
+
+/** Those of its sender that are being served may all wait for the sender itself: one more would
+ * keep one more thread. */
+void TreflectORB::WorkLoop::refuse(TreflectMessage const& message, unsigned int note) {
+    REFLECTORB_LOG_LIMITED(orb_.parts_->limits.tooMuchServed, 3, "REFLECT_orb",
+                           "ORB 0x%08X does not serve 0x%08X: too many of its messages are being "
+                           "served",
+                           orb_.termId().value(), message.originator().value());
     IncomingMessage(orb_, message, note).makeUpFor();
 }
 

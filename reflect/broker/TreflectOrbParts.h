@@ -48,6 +48,7 @@ struct TreflectORB::Parts {
     struct LineLimits {
         Logging::LineLimit shortMessage;
         Logging::LineLimit tooMuch;
+        Logging::LineLimit tooMuchServed;
         Logging::LineLimit tooManyClasses;
         Logging::LineLimit notSentBack;
         Logging::LineLimit unexpectedResponse;

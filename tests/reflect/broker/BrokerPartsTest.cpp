@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <thread>
@@ -210,6 +211,27 @@ TEST(MessageQueue, boundsBytesButTakesOneLargeMessage) {
     for (int large = 0; large < 3; ++large)
         EXPECT_EQ(queue.push(from(1, 10 << 10)).fate,
                   large < 2 ? MessageQueue::Fate::Kept : MessageQueue::Fate::TooMuch);
+}
+
+TEST(MessageQueue, ofOneSenderOnlySoMuchIsServedAtATime) {
+    MessageQueue queue(kNoBound);
+    Need need = Need::Nothing;
+    std::vector<Taker> takers(Backlog::kMostServed / 2);
+    auto const serves = [&](unsigned int sender, Taker& taker) {
+        queue.push(from(sender));
+        queue.next(true, taker, need);
+        queue.begin(taker.taken);
+        return !taker.taken.isTooMuch;
+    };
+    EXPECT_TRUE(
+        std::all_of(takers.begin(), takers.end(), [&](Taker& each) { return serves(1, each); }));
+    Taker another;
+    EXPECT_FALSE(serves(1, another)) << "half of all";
+    EXPECT_TRUE(serves(2, another));
+    EXPECT_TRUE(serves(2, another)) << "its former one has been served";
+    EXPECT_TRUE(serves(1, takers[0]));
+    queue.end(takers[0].taken);
+    EXPECT_TRUE(serves(1, takers[0]));
 }
 
 TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
