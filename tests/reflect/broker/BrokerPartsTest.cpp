@@ -14,6 +14,7 @@
 #include "reflect/broker/MessageQueue.h"
 #include "reflect/broker/OngoingRequest.h"
 #include "reflect/broker/OrbIdentity.h"
+#include "reflect/broker/PerformanceCounters.h"
 #include "reflect/broker/RequestTable.h"
 #include "reflect/broker/ScriptRunner.h"
 #include "transport/IdInfo.h"
@@ -132,6 +133,15 @@ TEST_F(OrbIdentityTest, namespacesAndGroupsThatHaveNoCounterpart) {
     expectLine(3, "can not handle slot 0 for NSID_NODE");
     EXPECT_EQ(to(NSID_UNDEF, 7), TerminationId(0x1234, 7, 0));
     expectLine(3, "can not handle namespace NSID_UNDEF");
+}
+
+TEST(PerformanceCounters, ofThoseThatHaveGoneAFewThousandStay) {
+    PerformanceCounters counters;
+    for (unsigned int target = 1; target <= 3 * PerformanceCounters::kMany; ++target)
+        ++counters.of(target).sent;
+    auto const left = counters.all();
+    EXPECT_LE(left.getLength(), PerformanceCounters::kMany);
+    EXPECT_EQ(left[left.getLength() - 1].sent, 1u);
 }
 
 // ---- The queue of messages ----------------------------------------------------------------------
