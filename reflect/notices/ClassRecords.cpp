@@ -1,6 +1,8 @@
 // The records themselves, and how the observers of this process are told.
 #include "reflect/notices/ClassRecords.h"
 
+#include <algorithm>
+
 #include "handler_threads/WithPermission.h"
 #include "logging/Log.h"
 #include "reflect/TreflectDeadline.h"
@@ -13,9 +15,11 @@
 
 namespace {
 
-/** Newcomers are caught up with within moments, unless they do not answer. Of one that goes on
- * telling of objects meanwhile no more are remembered. */
+/** Newcomers are caught up with within moments, unless they do not answer. Of those that go on
+ * telling of objects meanwhile no more are remembered, of all classes together, but for a few of
+ * each. */
 constexpr std::size_t kMostObjectsOfNewcomers = 65'536;
+constexpr std::size_t kFew = 64;
 
 }  // namespace
 
@@ -120,7 +124,8 @@ void ClassRecords::tellCreation(MetaData& record, TreflectObserver& observer,
     if (brokerOf(place) != orb_.orbId())
         record.heardOf(place, object);
     auto& remembered = record.newcomersObjects;
-    if (isNewcomer(brokerOf(place)) && remembered.size() < kMostObjectsOfNewcomers) {
+    std::size_t const most = std::max(kFew, kMostObjectsOfNewcomers / records_.size());
+    if (isNewcomer(brokerOf(place)) && remembered.size() < most) {
         MetaData::Told& told = remembered[place];
         told.object.share_(object);
         told.observers.insert(&observer);

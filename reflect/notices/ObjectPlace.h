@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <tuple>
 
 #include "reflect/NamespaceId.h"
@@ -13,14 +15,24 @@
  * have while the last is remembered. */
 using ObjectPlace = std::tuple<unsigned int, NamespaceId, unsigned int, std::string>;
 
+/** As much of an identifier's text as a place keeps: whole up to 256 bytes; what is longer is told
+ * apart by its beginning, its length and a hash, since others choose how long it is. */
+inline std::string keptOf(char const* text) {
+    constexpr std::size_t kLongest = 256;
+    std::string_view const whole = text ? text : "";
+    if (whole.size() <= kLongest)
+        return std::string(whole);
+    return std::string(whole.substr(0, kLongest)) + ' ' + std::to_string(whole.size()) + ' ' +
+           std::to_string(std::hash<std::string_view>()(whole));
+}
+
 inline ObjectPlace placeOf(TreflectObject const& object) {
     TreflectObjectStub const* const stub = object.getStub_();
     if (!stub)
         return {};
     TipprmiOID const oid = stub->getOID();
     char const* const text = oid.getIdString();
-    return {stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID(),
-            text ? text : ""};
+    return {stub->orbId().value(), stub->getNamespaceId(), stub->getInternalOID(), keptOf(text)};
 }
 
 inline TreflectOrbId brokerOf(ObjectPlace const& place) {
