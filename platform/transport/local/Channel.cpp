@@ -343,15 +343,20 @@ bool Channel::take(AddressedMessage& message) {
     }
     connection_->reader->keep();
     if (connection_->reader->isSentBack()) {
-        message.originator(ownId_);
-        message.destination(peer_);
-        receiver_->takeBack(message);
+        takeBack(message);
         return true;
     }
     message.originator(peer_);
     message.destination(ownId_);
     receiver_->deliver(message);
     return true;
+}
+
+/** Hands the termination one of its own, which the peer could not pass on. */
+void Channel::takeBack(AddressedMessage& message) {
+    message.originator(ownId_);
+    message.destination(peer_);
+    receiver_->takeBack(message);
 }
 
 /** The message stays in the ring for a second at most; then the channel is given up, and it goes

@@ -201,6 +201,7 @@ private:
 
     Batch readBatch();
     bool take(AddressedMessage& message);
+    void takeBack(AddressedMessage& message);
     Batch awaitMemory();
     Batch awaitRoom();
     bool switchRing();

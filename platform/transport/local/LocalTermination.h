@@ -16,7 +16,7 @@ class TerminationImpl;
 
 /** The driver's half of a termination of this process: its address, from construction to
  * destruction, and its receiving thread, from `start` to `stop`. Any thread. */
-class LocalTermination final : public PresenceListener, public ReceiverOwner {
+class LocalTermination final : public ReceiverOwner, public PresenceListener {
 public:
     LocalTermination(TerminationImpl& owner, GroupId group, std::string const& name);
     /** The termination has been stopped. */
