@@ -76,11 +76,11 @@ private:
         if (action.to != kOurs || action.message.size() > Transport::kLargestMessage)
             std::abort();
         if (action.serial % 3 == 0)
-            session_.refused(action.from, action.to, action.serial, now_);
+            session_.refused(Link::Delivery(action), now_);
         else
-            session_.settled(action.from, action.to, action.serial, action.message.size(), now_);
+            session_.settled(Link::Delivery(action), now_);
         if (action.serial % 3 == 1)
-            session_.returned(action.message);
+            session_.returned(action.message, action.session);
     }
 
     static Transport::AddressedMessage message() {

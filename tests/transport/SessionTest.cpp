@@ -12,6 +12,7 @@
 namespace {
 
 using Link::Action;
+using Link::Delivery;
 using Link::Session;
 using Transport::AddressedMessage;
 using Transport::TerminationId;
@@ -149,8 +150,8 @@ TEST_F(SessionTest, a_message_is_kept_until_it_is_settled_over_there) {
     EXPECT_EQ(delivered[1].message.size(), 300'000u);
     EXPECT_EQ(delivered[1].message.originator(), here);
     EXPECT_GT(a.session.unsettledBytes(), 300'000u) << "taken in by the link is not delivered";
-    b.session.settled(here, there, delivered[0].serial, 100, now);
-    b.session.refused(here, there, delivered[1].serial, now);
+    b.session.settled(Delivery(delivered[0]), now);
+    b.session.refused(Delivery(delivered[1]), now);
     passAll();
     EXPECT_EQ(a.session.unsettledBytes(), 0u);
     auto const back = a.actions();
@@ -169,7 +170,7 @@ TEST_F(SessionTest, a_pair_beyond_its_credit_is_held_back_and_others_are_not) {
     passAll();
     for (Action const& action : b.actions())
         if (action.kind == Kind::Deliver && action.to == there)
-            b.session.settled(here, there, action.serial, 60'000, now);
+            b.session.settled(Delivery(action), now);
     a.actions();
     passAll();
     EXPECT_EQ(kinds(a.actions()), std::vector<Kind>{Kind::GoOn});
@@ -331,10 +332,7 @@ public:
     std::string trouble;
 
 private:
-    struct Waiting {
-        AddressedMessage message;
-        std::uint32_t serial;
-    };
+    using Waiting = Action;
     using PairKey = std::pair<TerminationId, TerminationId>;
 
     bool oneIn(unsigned n) { return dice_() % n == 0; }
@@ -389,7 +387,7 @@ private:
             return;
         for (auto& [pair, waiting] : waiting_[side])
             if (pair.second == gone)
-                refuseAll(side, pair, waiting);
+                refuseAll(side, waiting);
         for (auto const& message : unread_[side])
             if (message.destination() == gone)
                 returnUnread(side, message);
@@ -397,9 +395,9 @@ private:
         session.withdraw(gone);
     }
 
-    void refuseAll(int side, PairKey const& pair, std::deque<Waiting>& waiting) {
+    void refuseAll(int side, std::deque<Waiting>& waiting) {
         for (auto const& one : waiting)
-            sides[side].session.refused(pair.first, pair.second, one.serial, now_);
+            sides[side].session.refused(Delivery(one), now_);
         waiting.clear();
     }
 
@@ -407,7 +405,8 @@ private:
         Fate& fate = fates[numberIn(message)];
         --fate.delivered;
         fate.unreadReturnLost = true;  // until it has come
-        sides[side].session.returned(message);
+        Session& session = sides[side].session;
+        session.returned(message, session.figures().ended);
     }
 
     void sendOne(int side) {
@@ -434,8 +433,7 @@ private:
                         sides[side].session.announce(id, oneIn(2), {});
                     break;
                 case Kind::Deliver:
-                    waiting_[side][{action.from, action.to}].push_back(
-                        {action.message, action.serial});
+                    waiting_[side][{action.from, action.to}].push_back(action);
                     break;
                 case Kind::GiveBack:
                     giveBack(action.message);
@@ -480,12 +478,11 @@ private:
                 Waiting const one = waiting.front();
                 waiting.pop_front();
                 if (present_[side].count(pair.second) == 0) {
-                    sides[side].session.refused(pair.first, pair.second, one.serial, now_);
+                    sides[side].session.refused(Delivery(one), now_);
                     continue;
                 }
                 deliver(side, one.message);
-                sides[side].session.settled(pair.first, pair.second, one.serial, one.message.size(),
-                                            now_);
+                sides[side].session.settled(Delivery(one), now_);
             }
         }
         while (!unread_[side].empty() && oneIn(2))

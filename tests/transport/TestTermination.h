@@ -81,6 +81,7 @@ public:
         } else {
             ++tally_.received;
             std::uint32_t& next = next_[message.originator().value()];
+            tally_.doubled += head.number < next;
             tally_.faults += head.kind != TestHead::Numbered || head.number != next || !intact;
             next = head.number + 1;
         }
@@ -118,6 +119,7 @@ public:
     struct Tally {
         std::uint32_t received = 0;  // Numbered messages
         std::uint32_t faults = 0;    // of them out of order or damaged
+        std::uint32_t doubled = 0;   // of them behind one with a higher number
         std::uint32_t returned = 0;  // through receiveError
         std::uint32_t returnedFaults = 0;
     };

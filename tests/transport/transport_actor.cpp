@@ -324,8 +324,10 @@ TestTermination& own() {
     return own;
 }
 
+std::map<TerminationId, std::uint32_t> accepted;
+
 void flood(Id peer, std::uint32_t count, std::size_t size) {
-    std::uint32_t taken = 0;
+    std::uint32_t& taken = accepted[peer];
     own().waitUntilKnown(peer);
     for (std::uint32_t i = 0; i < count; ++i)
         taken += own().send(peer, TestHead::Numbered, taken, size) == 1;
@@ -342,8 +344,9 @@ void countMet() {
 }
 
 void report() {
-    auto const [received, faults, returned, damaged] = own().tally();
-    answer("report ", received, " ", faults, " ", returned, " ", damaged);
+    auto const tally = own().tally();
+    answer("report ", tally.received, " ", tally.faults, " ", tally.returned, " ",
+           tally.returnedFaults);
 }
 
 // ---- The commands -------------------------------------------------------------------------------
@@ -411,10 +414,14 @@ testsupport::Commands const commands{
     {"join", [] { return idOf(own().start() == 1 ? own().termId() : TerminationId()); }},
     // Sends Numbered messages of a size, counted from 0.
     {"flood", flood},
+    // "accepted COUNT": how many have been sent to one
+    {"accepted", [](Id peer) { answer("accepted ", accepted[peer]); }},
     // Whether an Echo is answered.
     {"ping", reaches},
     // "met KNOWN GONE": how many are there, and how many have gone
     {"met", countMet},
+    // "doubled COUNT": how many came after one with a higher number
+    {"doubled", [] { answer("doubled ", own().tally().doubled); }},
     // "report RECEIVED FAULTS RETURNED DAMAGED" (of those returned)
     {"report", report}};
 

@@ -30,7 +30,7 @@ void logDropped(char const* what, TerminationId from, TerminationId to) {
 Session::Session(Setup setup) : setup_(std::move(setup)), myToken_(setup_.newToken()) {}
 
 void Session::act(Action::Kind kind, TerminationId from, std::string text) {
-    Action action{kind};
+    Action action{kind, figures_.ended};
     action.from = from;
     action.text = std::move(text);
     actions_.push_back(std::move(action));
@@ -235,8 +235,10 @@ void Session::takeMessage(RecordHead const& head, AddressedMessage message, long
     bool const known = theirs_.count(head.from) > 0;
     if (!known)
         logDropped("a message", head.from, head.to);
-    if (!known || message.empty() || ours_.count(head.to) == 0)
-        return refused(head.from, head.to, head.serial, now);
+    if (!known || message.empty() || ours_.count(head.to) == 0) {
+        settle(RecordKind::Refused, head.from, head.to, head.serial);
+        return tellBy(now);
+    }
     ++figures_.messagesIn;
     figures_.bytesIn += message.size();
     act(Action::Kind::Deliver, head.from);
@@ -398,19 +400,18 @@ void Session::withdraw(TerminationId id) {
     queue(std::move(outgoing));
 }
 
-void Session::settled(TerminationId from, TerminationId to, std::uint32_t serial, std::size_t bytes,
-                      long long now) {
-    if (state_ != State::Open)
+void Session::settled(Delivery const& delivery, long long now) {
+    if (state_ != State::Open || delivery.session != figures_.ended)
         return;
-    settle(RecordKind::Settled, from, to, serial);
-    untoldBytes_ += bytes;
+    settle(RecordKind::Settled, delivery.from, delivery.to, delivery.serial);
+    untoldBytes_ += delivery.bytes;
     tellBy(untoldBytes_ >= kTellAtOnce ? now : now + kTellWithin);
 }
 
-void Session::refused(TerminationId from, TerminationId to, std::uint32_t serial, long long now) {
-    if (state_ != State::Open)
+void Session::refused(Delivery const& delivery, long long now) {
+    if (state_ != State::Open || delivery.session != figures_.ended)
         return;
-    settle(RecordKind::Refused, from, to, serial);
+    settle(RecordKind::Refused, delivery.from, delivery.to, delivery.serial);
     tellBy(now);
 }
 
@@ -434,9 +435,11 @@ void Session::settle(RecordKind kind, TerminationId from, TerminationId to, std:
     settlements_.push_back(head);
 }
 
-void Session::returned(AddressedMessage const& message) {
-    if (state_ != State::Open)
-        return logDropped("what came back", message.originator(), message.destination());
+bool Session::returned(AddressedMessage const& message, unsigned long session) {
+    if (state_ != State::Open || session != figures_.ended) {
+        logDropped("what came back", message.originator(), message.destination());
+        return false;
+    }
     Outgoing outgoing;
     outgoing.head.kind = RecordKind::Returned;
     outgoing.head.from = message.originator();
@@ -444,6 +447,7 @@ void Session::returned(AddressedMessage const& message) {
     outgoing.head.total = static_cast<std::uint32_t>(message.size());
     outgoing.message = message;
     queue(std::move(outgoing));
+    return true;
 }
 
 void Session::queue(Outgoing outgoing) {

@@ -27,16 +27,33 @@ struct Action {
         Show,    // from: a termination of the peer; text: actor, NUL, name
         ShowSilent,
         Drop,      // from: one that was shown
-        Deliver,   // message; then tell `settled` or `refused` with its serial
+        Deliver,   // message; then tell `settled` or `refused`
         GiveBack,  // message: to its originator, who is here
         GoOn,      // from, to: the pair may send again
     };
     Kind kind;
+    unsigned long session = 0;  // which one wants it, counted from 0
     TerminationId from{};
     TerminationId to{};
     std::uint32_t serial = 0;
     AddressedMessage message{};
     std::string text{};
+};
+
+/** A message that is to be settled. */
+struct Delivery {
+    explicit Delivery(Action const& action)
+        : session(action.session),
+          from(action.from),
+          to(action.to),
+          serial(action.serial),
+          bytes(action.message.size()) {}
+
+    unsigned long session;
+    TerminationId from;
+    TerminationId to;
+    std::uint32_t serial;
+    std::size_t bytes;
 };
 
 /**
@@ -112,13 +129,13 @@ public:
     bool announced(TerminationId id) const { return ours_.count(id) > 0; }
     /** Someone has gone. */
     void withdraw(TerminationId id);
-    /** A delivered message is in the ring of its destination; `bytes` is its size. */
-    void settled(TerminationId from, TerminationId to, std::uint32_t serial, std::size_t bytes,
-                 long long now);
-    /** One was not delivered. */
-    void refused(TerminationId from, TerminationId to, std::uint32_t serial, long long now);
-    /** A settled message has come back, since its destination has gone without reading it. */
-    void returned(AddressedMessage const& message);
+    /** The message of a Deliver is in the ring of its destination; no effect in a later session. */
+    void settled(Delivery const& delivery, long long now);
+    /** It was not delivered. */
+    void refused(Delivery const& delivery, long long now);
+    /** A settled message of that session has come back, since its destination has gone without
+     * reading it. False when there is no telling its sender any more. */
+    bool returned(AddressedMessage const& message, unsigned long session);
 
     // ---- What is to be done ----
     /** Fills the next piece to be written; false when there is none now. */
@@ -129,6 +146,8 @@ public:
     static constexpr long long kNever = 0x7FFF'FFFF'FFFF'FFFF;
     /** Bytes of messages that no piece has been asked for yet. */
     std::size_t queuedBytes() const { return queuedBytes_; }
+    /** Whether there are records that no piece has been asked for yet. */
+    bool queued() const { return !queue_.empty(); }
     /** Moves the actions that have gathered behind those of `actions`. */
     void takeActions(std::vector<Action>& actions);
 

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/transport/link/Record.h"
+
+namespace Link {
+
+/** A link that runs. A value. */
+struct UnitInfo {
+    std::uint64_t epoch = 0;  // random, of this run
+    unsigned char slot = 0;
+    std::string machine;  // the same in each run
+};
+
+struct BusOptions {
+    std::string interface;           // by name or address
+    std::vector<std::string> peers;  // where nothing is multicast; empty: multicast
+    unsigned domain = 7;
+    unsigned fragment = 1344;  // bytes of a datagram
+};
+
+/** What a bus tells, on threads of the engine, which must not be blocked. */
+class BusListener {
+public:
+    /** Each link that is in sight, our own included; perhaps more than once. */
+    virtual void unitSeen(UnitInfo const& unit) = 0;
+    virtual void unitLost(std::uint64_t epoch) = 0;
+    /** `records` are valid during the call. */
+    virtual void pieceArrived(std::uint64_t epoch, PieceHead const& head,
+                              unsigned char const* records, std::size_t size) = 0;
+
+protected:
+    ~BusListener() = default;
+};
+
+/** The way to the inbox of one other link. */
+class BusWriter {
+public:
+    virtual ~BusWriter() = default;
+    /** May wait for up to ten seconds while the engine has too much under way. One thread at a
+     * time; false: the piece is lost. */
+    virtual bool write(Piece const& piece) = 0;
+};
+
+/**
+ * The engine that carries pieces between links: the one place that knows it. A resource; its end
+ * says good-bye, and tells the listener nothing any more. Writers end before it.
+ */
+class Bus {
+public:
+    virtual ~Bus() = default;
+    /** Null, with a log line, while the engine does not start: its interface is not up, say.
+     * `listener` outlives the bus. Nothing is announced. */
+    static std::unique_ptr<Bus> open(BusOptions const& options, UnitInfo const& own,
+                                     BusListener& listener);
+    /** Shows this link to the others. */
+    virtual bool announce() = 0;
+    /** Says good-bye. Idempotent. */
+    virtual void retire() = 0;
+    /** Null, with a log line, when the engine has none to give. */
+    virtual std::unique_ptr<BusWriter> writerTo(UnitInfo const& unit) = 0;
+};
+
+}  // namespace Link

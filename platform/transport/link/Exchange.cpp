@@ -1,0 +1,219 @@
+#include "platform/transport/link/Exchange.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "logging/LineLimit.h"
+#include "oswrap/Lock.h"
+
+namespace Link {
+namespace {
+
+constexpr char const* kSource = "LinkExchange";
+
+}  // namespace
+
+std::uint64_t randomToken() {
+    std::uint64_t token = 0;
+    while (token == 0)
+        if (getrandom(&token, sizeof token, 0) != static_cast<ssize_t>(sizeof token))
+            token = 0;
+    return token;
+}
+
+Exchange::Exchange(UnitInfo own, std::bitset<256> groups, void (*wake)())
+    : own_(std::move(own)), groups_(groups), wake_(wake), directory_(own_.slot, *this) {}
+
+Exchange::~Exchange() {
+    leave();
+}
+
+// ---- What the engine and the transport tell ----------------------------------------------------
+
+void Exchange::push(Event event) {
+    {
+        OSWrap::Lock<> lock(mutex_);
+        events_.push_back(std::move(event));
+    }
+    wake_();
+}
+
+void Exchange::unitSeen(UnitInfo const& unit) {
+    if (unit.epoch != own_.epoch)
+        push({true, unit});
+}
+
+void Exchange::unitLost(std::uint64_t epoch) {
+    UnitInfo unit;
+    unit.epoch = epoch;
+    push({false, unit});
+}
+
+void Exchange::pieceArrived(std::uint64_t epoch, PieceHead const& head,
+                            unsigned char const* records, std::size_t size) {
+    std::shared_ptr<Peer> peer;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        auto const found = peers_.find(epoch);
+        if (found == peers_.end())
+            return;  // it says the same again until it is known here
+        peer = found->second;
+    }
+    peer->pieceArrived(head, records, size);
+}
+
+Exchange::Peers Exchange::peers() const {
+    OSWrap::Lock<> lock(mutex_);
+    return peers_;
+}
+
+void Exchange::memberArrived(TerminationId id, std::string const& names) {
+    for (auto const& [epoch, peer] : peers())
+        peer->memberArrived(id, names);
+}
+
+void Exchange::terminationLeft(TerminationId id) {
+    for (auto const& [epoch, peer] : peers())
+        peer->terminationLeft(id);
+}
+
+// ---- Control thread ----------------------------------------------------------------------------
+
+void Exchange::join(Bus& bus) {
+    bus_ = &bus;
+    directory_.start();
+    meetAll();
+}
+
+/** The place of one that has gone is free for another machine in sight. */
+void Exchange::meetAll() {
+    auto const units = units_;  // some of them may be found to have gone
+    for (auto const& [epoch, unit] : units)
+        if (bus_ != nullptr)
+            meet(unit);
+}
+
+void Exchange::leave() {
+    if (std::exchange(bus_, nullptr) == nullptr)
+        return;
+    directory_.stop();
+    Peers last;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        last.swap(peers_);
+    }
+    for (auto const& [epoch, peer] : last)
+        peer->stop();
+}
+
+std::deque<Exchange::Event> Exchange::takeEvents() {
+    OSWrap::Lock<> lock(mutex_);
+    return std::exchange(events_, {});
+}
+
+Exchange::Verdict Exchange::control() {
+    for (Event const& event : takeEvents()) {
+        if (!event.seen) {
+            units_.erase(event.unit.epoch);
+            part(event.unit.epoch);
+            meetAll();
+            continue;
+        }
+        units_[event.unit.epoch] = event.unit;
+        if (bus_ == nullptr)
+            continue;
+        if (yields())
+            return Verdict::Yield;
+        meet(event.unit);
+    }
+    return Verdict::GoOn;
+}
+
+std::string Exchange::rival() const {
+    for (auto const& [epoch, unit] : units_)
+        if (unit.slot == own_.slot && unit.machine != own_.machine)
+            return unit.machine;
+    return {};
+}
+
+/** Two networks of which each had a machine of this slot have become one. */
+bool Exchange::yields() const {
+    std::string const other = rival();
+    if (other.empty())
+        return false;
+    if (own_.machine < other) {
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                               "machine %s has slot %u, too: this one, %s, keeps it", other.c_str(),
+                               unsigned{own_.slot}, own_.machine.c_str());
+        return false;
+    }
+    REFLECTORB_LOG(3, kSource, "machine %s has slot %u: this one, %s, gives it up", other.c_str(),
+                   unsigned{own_.slot}, own_.machine.c_str());
+    return true;
+}
+
+/** A machine that has started its link again takes the place of its former self; of two machines
+ * with one slot the first one stays. */
+void Exchange::meet(UnitInfo const& unit) {
+    if (unit.slot == own_.slot)
+        return;
+    for (auto const& [epoch, peer] : peers()) {
+        if (epoch == unit.epoch)
+            return;
+        if (peer->unit().slot != unit.slot)
+            continue;
+        if (peer->unit().machine != unit.machine) {
+            static Logging::LineLimit limit;
+            REFLECTORB_LOG_LIMITED(
+                limit, 3, kSource, "slot %u is of machine %s: another one, %s, is passed over",
+                unsigned{unit.slot}, peer->unit().machine.c_str(), unit.machine.c_str());
+            return;
+        }
+        units_.erase(epoch);
+        part(epoch);
+        break;
+    }
+    makePeer(unit);
+}
+
+void Exchange::makePeer(UnitInfo const& unit) {
+    auto writer = bus_->writerTo(unit);
+    if (writer == nullptr)
+        return;
+    Session::Setup setup;
+    setup.ownSlot = own_.slot;
+    setup.peerSlot = unit.slot;
+    setup.groups = groups_;
+    setup.newToken = randomToken;
+    auto peer = std::make_shared<Peer>(unit, std::move(setup), directory_, std::move(writer));
+    if (!peer->start())
+        return;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        peers_[unit.epoch] = peer;
+    }
+    peer->seen();
+}
+
+void Exchange::part(std::uint64_t epoch) {
+    std::shared_ptr<Peer> gone;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        auto const found = peers_.find(epoch);
+        if (found == peers_.end())
+            return;
+        gone = std::move(found->second);
+        peers_.erase(found);
+    }
+    gone->stop();
+}
+
+void Exchange::logFigures() {
+    for (auto const& [epoch, peer] : peers())
+        peer->logFigures();
+}
+
+}  // namespace Link

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <bitset>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "oswrap/Mutex.h"
+#include "platform/transport/link/Bus.h"
+#include "platform/transport/link/Directory.h"
+#include "platform/transport/link/Peer.h"
+
+namespace Link {
+
+/**
+ * This machine's link: the other links in sight, and a Peer for each of them. What the engine tells
+ * of links waits until the control thread, which is the program's main one, takes it in `control`;
+ * pieces and what happens to terminations of this machine go to the peers at once.
+ */
+class Exchange final : public BusListener, public DirectoryListener {
+public:
+    /** What the control thread is to do. */
+    enum class Verdict {
+        GoOn,
+        Yield,  // another machine has this slot, and keeps it; there is a log line
+    };
+
+    /** `wake` is called on any thread when `control` has something to do; must not block. */
+    Exchange(UnitInfo own, std::bitset<256> groups, void (*wake)());
+    ~Exchange();
+    Exchange(Exchange const&) = delete;
+    Exchange& operator=(Exchange const&) = delete;
+
+    // ---- Control thread ----
+    /** Takes in what has happened. Peers are made once `join` has been called. */
+    Verdict control();
+    /** A machine in sight that has our slot; empty: none. */
+    std::string rival() const;
+    /** From now on peers are made on this bus, and this machine is shown to them. */
+    void join(Bus& bus);
+    /** Ends all peers. Idempotent; the bus may end then. */
+    void leave();
+    void logFigures();
+
+    // ---- BusListener, DirectoryListener ----
+    void unitSeen(UnitInfo const& unit) override;
+    void unitLost(std::uint64_t epoch) override;
+    void pieceArrived(std::uint64_t epoch, PieceHead const& head, unsigned char const* records,
+                      std::size_t size) override;
+    void memberArrived(TerminationId id, std::string const& names) override;
+    void terminationLeft(TerminationId id) override;
+
+private:
+    using Peers = std::map<std::uint64_t, std::shared_ptr<Peer>>;
+    struct Event {
+        bool seen;
+        UnitInfo unit;
+    };
+
+    std::deque<Event> takeEvents();
+    void push(Event event);
+    void meetAll();
+    void meet(UnitInfo const& unit);
+    void part(std::uint64_t epoch);
+    void makePeer(UnitInfo const& unit);
+    Peers peers() const;
+    bool yields() const;
+
+    UnitInfo const own_;
+    std::bitset<256> const groups_;
+    void (*const wake_)();
+    Directory directory_;
+
+    // Control thread only.
+    Bus* bus_ = nullptr;
+    std::map<std::uint64_t, UnitInfo> units_;  // in sight, our own not among them
+
+    mutable OSWrap::Mutex mutex_;  // a leaf
+    std::deque<Event> events_ OSW_GUARDED_BY(mutex_);
+    Peers peers_ OSW_GUARDED_BY(mutex_);
+};
+
+/** A random number that is not 0. */
+std::uint64_t randomToken();
+
+}  // namespace Link

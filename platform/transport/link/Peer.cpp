@@ -1,0 +1,445 @@
+#include "platform/transport/link/Peer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "logging/Log.h"
+#include "oswrap/Clock.h"
+#include "oswrap/Lock.h"
+#include "platform/transport/local/Channel.h"
+#include "platform/transport/local/Switchboard.h"
+
+namespace Link {
+namespace {
+
+constexpr char const* kSource = "LinkPeer";
+using Locked = OSWrap::Lock<OSWrap::ConditionVar>;
+using Transport::Rendezvous;
+using Transport::Switchboard;
+
+/** What a termination has sent last is still in the channels to the proxies. */
+constexpr long long kGrace = 50'000'000;
+/** How long those that go may let out what waits, without progress and at most. */
+constexpr long long kLinger = 100'000'000;
+constexpr long long kMostLinger = 500'000'000;
+constexpr long long kWriterBusy = 2'000'000;
+constexpr std::size_t kStack = 128 * 1024;
+
+long long now() {
+    return OSWrap::Clock::nowNanoseconds();
+}
+
+bool mayWait(Action::Kind kind) {
+    return kind == Action::Kind::Show || kind == Action::Kind::ShowSilent ||
+           kind == Action::Kind::Drop || kind == Action::Kind::Ended;
+}
+
+/** Whether actions of these kinds are carried out together. */
+bool together(Action::Kind a, Action::Kind b) {
+    auto const shows = [](Action::Kind kind) {
+        return kind == Action::Kind::Show || kind == Action::Kind::ShowSilent;
+    };
+    if (!mayWait(a) || !mayWait(b))
+        return mayWait(a) == mayWait(b);
+    return (shows(a) && shows(b)) || (a == b && a == Action::Kind::Drop);
+}
+
+/** Takes nothing more from a local termination that has sent to this proxy, until `goOn`. */
+void holdBack(TerminationId proxy, TerminationId sender) {
+    if (auto const channel = Switchboard::instance().find(proxy, sender))
+        channel->holdBack();
+}
+
+void goOn(TerminationId proxy, TerminationId sender) {
+    if (auto const channel = Switchboard::instance().find(proxy, sender))
+        channel->goOn();
+}
+
+}  // namespace
+
+Peer::Peer(UnitInfo unit, Session::Setup setup, Directory const& directory,
+           std::unique_ptr<BusWriter> writer)
+    : unit_(std::move(unit)),
+      groups_(setup.groups),
+      directory_(directory),
+      writer_(std::move(writer)),
+      session_(std::move(setup)),
+      sender_(*this, &Peer::sending, "LnSend", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
+              kStack),
+      shower_(*this, &Peer::showing, "LnShow", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
+              kStack) {}
+
+Peer::~Peer() {
+    stop();
+}
+
+bool Peer::start() {
+    return sender_.start() && shower_.start();
+}
+
+/** In phases: (1) the session ends, (2) nothing is written any more, (3) what it wants done is
+ * done, the end of all proxies included. */
+void Peer::stop() {
+    lost();
+    {
+        Locked lock(state_);
+        stopping_ = true;
+        state_.broadcast();
+    }
+    sender_.join();
+    {
+        Locked lock(work_);
+        workEnds_ = true;
+        work_.broadcast();
+    }
+    shower_.join();
+}
+
+// ---- Events ------------------------------------------------------------------------------------
+
+void Peer::seen() {
+    {
+        Locked lock(state_);
+        session_.peerSeen(now());
+    }
+    carryOut(By::Anyone);
+}
+
+void Peer::lost() {
+    {
+        Locked lock(state_);
+        session_.peerLost(now());
+    }
+    carryOut(By::Anyone);
+}
+
+void Peer::pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size) {
+    OSWrap::Lock<> arriving(arriving_);
+    {
+        Locked lock(state_);
+        session_.pieceArrived(head, records, size, now());
+    }
+    carryOut(By::Anyone);
+}
+
+void Peer::memberArrived(TerminationId id, std::string const& names) {
+    if (!groups_.test(id.groupId()))
+        return;
+    Locked lock(state_);
+    session_.announce(id, true, names);
+    wantWriteLocked();
+}
+
+void Peer::terminationLeft(TerminationId id) {
+    Locked lock(state_);
+    departures_.push_back({id, now() + kGrace});
+    wakeSenderLocked();
+}
+
+void Peer::logFigures() {
+    Session::Figures figures;
+    std::size_t unsettled = 0, terminations = 0;
+    bool open = false;
+    {
+        Locked lock(state_);
+        figures = session_.figures();
+        unsettled = session_.unsettledBytes();
+        terminations = session_.theirCount();
+        open = session_.state() == Session::State::Open;
+    }
+    REFLECTORB_LOG(5, kSource,
+                   "slot %u, machine %s: %s, %zu terminations, sent %lu messages with %lu bytes, "
+                   "received %lu with %lu, %zu bytes wait, %lu messages given back, %lu sessions",
+                   unsigned{unit_.slot}, unit_.machine.c_str(), open ? "open" : "not open",
+                   terminations, figures.messagesOut, figures.bytesOut, figures.messagesIn,
+                   figures.bytesIn, unsettled, figures.givenBack, figures.opened);
+}
+
+// ---- At the proxies ----------------------------------------------------------------------------
+
+/** A sender that the peer does not know is made known to it, unless it has gone: a message of one
+ * who has is of use to nobody, and whoever was told of him would wait for his departure. */
+void Peer::forward(AddressedMessage const& message) {
+    TerminationId const from = message.originator();
+    Session::Sending sending = Session::Sending::Refused;
+    bool full = false;
+    {
+        Locked lock(state_);
+        if (!session_.announced(from) && Rendezvous::instance().exists(from))
+            session_.announce(from, groups_.test(from.groupId()), Directory::namesOf(from));
+        sending = session_.send(message);
+        if (sending == Session::Sending::TakenHoldBack)
+            holdBack(message.destination(), from);
+        full = session_.queuedBytes() >= kMostPieceBytes;
+    }
+    if (sending == Session::Sending::Refused)
+        Switchboard::instance().sendBack(message);
+    else if (full)
+        write();
+}
+
+void Peer::forwarded() {
+    bool queued = false;
+    {
+        Locked lock(state_);
+        queued = session_.queued() && !writing_;
+    }
+    if (queued)
+        write();
+}
+
+void Peer::cameBack(AddressedMessage const& message, unsigned long session) {
+    Locked lock(state_);
+    session_.returned(message, session);
+    wantWriteLocked();
+}
+
+void Peer::settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused) {
+    if (settled.empty() && refused.empty())
+        return;
+    Locked lock(state_);
+    long long const time = now();
+    for (Delivery const& delivery : settled)
+        session_.settled(delivery, time);
+    for (Delivery const& delivery : refused)
+        session_.refused(delivery, time);
+    wakeSenderLocked();
+}
+
+// ---- Writing -----------------------------------------------------------------------------------
+
+/** Writes all that there is, unless another thread is about it: that one goes on with ours. */
+void Peer::write() {
+    bool failed = false;
+    state_.lock();
+    if (!writing_) {
+        writing_ = true;
+        while (session_.nextPiece(piece_, now())) {
+            state_.unlock();
+            bool const done = writer_->write(piece_);
+            state_.lock();
+            if (!done) {
+                failed = true;
+                session_.writingFailed(now());
+                break;
+            }
+        }
+        writing_ = false;
+    }
+    state_.unlock();
+    if (failed)
+        carryOut(By::Anyone);
+}
+
+void Peer::wantWriteLocked() {
+    writeWanted_ = true;
+    wakeSenderLocked();
+}
+
+long long Peer::wakeAt() {
+    if (writeWanted_)
+        return 0;
+    return departures_.empty() ? session_.dueAt()
+                               : std::min(session_.dueAt(), departures_.front().at);
+}
+
+void Peer::wakeSenderLocked() {
+    if (wakeAt() < sleepsUntil_)
+        state_.broadcast();
+}
+
+void Peer::withdrawDue(long long time) {
+    while (!departures_.empty() && departures_.front().at <= time) {
+        session_.withdraw(departures_.front().id);
+        departures_.pop_front();
+        writeWanted_ = true;
+    }
+}
+
+/** Body of LnSend; `stop` ends it. */
+void Peer::sending() {
+    state_.lock();
+    while (!stopping_) {
+        long long const time = now();
+        withdrawDue(time);
+        bool const due = std::exchange(writeWanted_, false) || session_.dueAt() <= time;
+        session_.timePassed(time);
+        if (due && !writing_) {
+            state_.unlock();
+            write();
+            carryOut(By::Anyone);
+            state_.lock();
+            continue;
+        }
+        sleepsUntil_ = due ? time + kWriterBusy : wakeAt();
+        writeWanted_ = due;
+        state_.wait(sleepsUntil_ == Session::kNever
+                        ? OSWrap::TimeSpec::INFINITETIME
+                        : OSWrap::TimeSpec(0, std::max(sleepsUntil_ - time, 1LL)));
+        sleepsUntil_ = 0;
+    }
+    state_.unlock();
+}
+
+// ---- What the session wants --------------------------------------------------------------------
+
+/** Body of LnShow; `stop` ends it, once nothing is to be done any more. */
+void Peer::showing() {
+    for (;;) {
+        bool ends = false;
+        {
+            Locked lock(work_);
+            while (!workWaits_ && !workEnds_)
+                work_.wait(OSWrap::TimeSpec::INFINITETIME);
+            ends = workEnds_;
+            workWaits_ = false;
+        }
+        carryOut(By::Shower);
+        if (ends)
+            return;
+    }
+}
+
+void Peer::carryOut(By by) {
+    std::vector<Action> next;
+    state_.lock();
+    gatherActions();
+    if (!performing_) {
+        performing_ = true;
+        while (takeNext(by, next)) {
+            state_.unlock();
+            perform(next);
+            next.clear();
+            state_.lock();
+            gatherActions();
+        }
+        performing_ = false;
+    }
+    bool const left = !todo_.empty() && !performing_;
+    wakeSenderLocked();
+    state_.unlock();
+    if (!left)
+        return;
+    Locked lock(work_);
+    workWaits_ = true;
+    work_.signal();
+}
+
+void Peer::gatherActions() {
+    std::vector<Action> fresh;
+    session_.takeActions(fresh);
+    std::move(fresh.begin(), fresh.end(), std::back_inserter(todo_));
+}
+
+/** The next actions that go together; false when there are none, or not for this thread. */
+bool Peer::takeNext(By by, std::vector<Action>& next) {
+    if (todo_.empty() || (by == By::Anyone && mayWait(todo_.front().kind)))
+        return false;
+    do {
+        next.push_back(std::move(todo_.front()));
+        todo_.pop_front();
+    } while (!todo_.empty() && together(next.back().kind, todo_.front().kind));
+    return true;
+}
+
+void Peer::perform(std::vector<Action>& actions) {
+    switch (actions.front().kind) {
+        case Action::Kind::Show:
+        case Action::Kind::ShowSilent:
+            return show(actions);
+        case Action::Kind::Drop:
+            return drop(actions);
+        case Action::Kind::Ended:
+            return ended(actions.front().text);
+        default:
+            break;
+    }
+    std::vector<Delivery> settled, refused;
+    for (Action& action : actions) {
+        switch (action.kind) {
+            case Action::Kind::Opened:
+                opened();
+                break;
+            case Action::Kind::Deliver:
+                deliver(action, settled, refused);
+                break;
+            case Action::Kind::GiveBack:
+                Switchboard::instance().sendBack(action.message);
+                break;
+            case Action::Kind::GoOn:
+                goOn(action.to, action.from);
+                break;
+            default:
+                break;
+        }
+    }
+    settle(settled, refused);
+}
+
+void Peer::deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused) {
+    bool const taken =
+        Switchboard::instance().issue(action.message, action.to, Transport::Room::ForAnswers) != 0;
+    (taken ? settled : refused).push_back(Delivery(action));
+}
+
+/** With the state locked all the while, so that nobody is announced who has left before. */
+void Peer::opened() {
+    REFLECTORB_LOG(5, kSource, "linked with slot %u, machine %s", unsigned{unit_.slot},
+                   unit_.machine.c_str());
+    Locked lock(state_);
+    for (TerminationId const id : directory_.members())
+        if (groups_.test(id.groupId()))
+            session_.announce(id, true, Directory::namesOf(id));
+    wantWriteLocked();
+}
+
+void Peer::ended(std::string const& reason) {
+    REFLECTORB_LOG(4, kSource, "no link with slot %u, machine %s: %s", unsigned{unit_.slot},
+                   unit_.machine.c_str(), reason.c_str());
+    std::vector<Action> all;
+    for (auto const& [id, proxy] : proxies_) {
+        Action action{Action::Kind::Drop};
+        action.from = id;
+        all.push_back(std::move(action));
+    }
+    drop(all);
+}
+
+void Peer::show(std::vector<Action> const& actions) {
+    std::vector<std::unique_ptr<Proxy>> taken;
+    std::vector<TerminationId> ids;
+    for (Action const& action : actions) {
+        auto proxy = std::make_unique<Proxy>(action.from, action.session, *this);
+        if (!proxy->take(action.text, action.kind == Action::Kind::Show
+                                          ? Transport::Visibility::Member
+                                          : Transport::Visibility::Silent))
+            continue;
+        ids.push_back(action.from);
+        taken.push_back(std::move(proxy));
+    }
+    auto sockets = Rendezvous::instance().publish(ids);
+    for (std::size_t i = 0; i < taken.size(); ++i)
+        if (taken[i]->listen(std::move(sockets[i])))
+            proxies_[ids[i]] = std::move(taken[i]);
+}
+
+/** All of them together let out what waits, then go out of view, then end. */
+void Peer::drop(std::vector<Action> const& actions) {
+    std::vector<std::unique_ptr<Proxy>> leaving;
+    std::vector<TerminationId> ids;
+    for (Action const& action : actions) {
+        auto const found = proxies_.find(action.from);
+        if (found == proxies_.end())
+            continue;
+        ids.push_back(found->first);
+        leaving.push_back(std::move(found->second));
+        proxies_.erase(found);
+    }
+    long long const until = now() + kMostLinger;
+    for (auto const& proxy : leaving)
+        proxy->hush(kLinger, std::max(until - now(), 0LL));
+    Rendezvous::instance().withdraw(ids);
+    leaving.clear();
+}
+
+}  // namespace Link

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <bitset>
+#include <deque>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "oswrap/ConditionVar.h"
+#include "oswrap/Mutex.h"
+#include "oswrap/Thread.h"
+#include "platform/transport/link/Bus.h"
+#include "platform/transport/link/Directory.h"
+#include "platform/transport/link/Proxy.h"
+#include "platform/transport/link/Session.h"
+
+namespace Link {
+
+/**
+ * Another machine's link, as long as it runs: the session with it, and the proxies of its
+ * terminations.
+ *
+ * | thread | does |
+ * |---|---|
+ * | the engine's | takes pieces in, and issues what they bring |
+ * | receiving thread of a proxy | hands over what local terminations send, and writes pieces |
+ * | `LnSend` | writes what has to be written at a time, or when another thread may not |
+ * | `LnShow` | shows proxies and takes them away, which may wait |
+ *
+ * What a session wants done is done in its order, by one thread at a time: whoever has just brought
+ * it about, up to something that may wait; from there on by `LnShow`.
+ *
+ * Lock order: state_ before the switchboard's and those of the tables of presence.
+ */
+class Peer final : public ProxyListener {
+public:
+    Peer(UnitInfo unit, Session::Setup setup, Directory const& directory,
+         std::unique_ptr<BusWriter> writer);
+    ~Peer();
+    Peer(Peer const&) = delete;
+    Peer& operator=(Peer const&) = delete;
+
+    UnitInfo const& unit() const { return unit_; }
+    /** False, with a log line, when there are no threads. */
+    bool start();
+    /** Ends the session, with all that belongs to it, and the threads. Idempotent. */
+    void stop();
+    /** The engine sees the link, or not any more. */
+    void seen();
+    void lost();
+    /** On a thread of the engine, in order. */
+    void pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size);
+    /** Of this machine. */
+    void memberArrived(TerminationId id, std::string const& names);
+    void terminationLeft(TerminationId id);
+    /** A line in the log. */
+    void logFigures();
+
+    // ---- ProxyListener ----
+    void forward(AddressedMessage const& message) override;
+    void forwarded() override;
+    void cameBack(AddressedMessage const& message, unsigned long session) override;
+
+private:
+    struct Departure {
+        TerminationId id;
+        long long at;
+    };
+
+    void sending();
+    void write() OSW_EXCLUDES(state_);
+    void withdrawDue(long long time) OSW_REQUIRES(state_);
+    long long wakeAt() OSW_REQUIRES(state_);
+    void wakeSenderLocked() OSW_REQUIRES(state_);
+    void wantWriteLocked() OSW_REQUIRES(state_);
+
+    enum class By { Anyone, Shower };
+    void showing();
+    void carryOut(By by) OSW_EXCLUDES(state_);
+    void gatherActions() OSW_REQUIRES(state_);
+    bool takeNext(By by, std::vector<Action>& next) OSW_REQUIRES(state_);
+    void perform(std::vector<Action>& actions);
+    void deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused);
+    void opened();
+    void ended(std::string const& reason);
+    void show(std::vector<Action> const& actions);
+    void drop(std::vector<Action> const& actions);
+    void settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused);
+
+    UnitInfo const unit_;
+    std::bitset<256> const groups_;
+    Directory const& directory_;
+    std::unique_ptr<BusWriter> const writer_;
+
+    // Pieces are taken in one by one, whichever threads the engine has.
+    OSWrap::Mutex arriving_;
+
+    OSWrap::ConditionVar state_;  // signalled for LnSend
+    Session session_ OSW_GUARDED_BY(state_);
+    std::deque<Action> todo_ OSW_GUARDED_BY(state_);
+    std::deque<Departure> departures_ OSW_GUARDED_BY(state_);
+    bool performing_ OSW_GUARDED_BY(state_) = false;
+    bool writing_ OSW_GUARDED_BY(state_) = false;
+    bool writeWanted_ OSW_GUARDED_BY(state_) = false;  // by LnSend
+    bool stopping_ OSW_GUARDED_BY(state_) = false;
+    long long sleepsUntil_ OSW_GUARDED_BY(state_) = 0;  // LnSend; 0: does not
+
+    OSWrap::ConditionVar work_;  // signalled for LnShow; a leaf
+    bool workWaits_ OSW_GUARDED_BY(work_) = false;
+    bool workEnds_ OSW_GUARDED_BY(work_) = false;
+
+    Piece piece_;  // of the thread that has set writing_
+
+    // Of the thread that has set performing_.
+    std::map<TerminationId, std::unique_ptr<Proxy>> proxies_;
+
+    OSWrap::MethodThread<Peer> sender_;
+    OSWrap::MethodThread<Peer> shower_;
+};
+
+}  // namespace Link

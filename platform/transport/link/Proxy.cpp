@@ -1,0 +1,44 @@
+#include "platform/transport/link/Proxy.h"
+
+#include <utility>
+
+#include "platform/transport/link/Record.h"
+#include "platform/transport/local/Rendezvous.h"
+#include "platform/transport/local/Switchboard.h"
+
+namespace Link {
+Proxy::~Proxy() {
+    leave();
+}
+
+bool Proxy::take(std::string const& names, Transport::Visibility visibility) {
+    std::string actor, name;
+    splitNames(names, actor, name);
+    taken_ = Transport::Rendezvous::instance().adopt(id_, actor, name, visibility);
+    if (!taken_)
+        return false;
+    receiver_ = std::make_shared<Transport::Receiver>(id_, *this);
+    if (!receiver_->prepare())
+        return false;
+    Transport::Switchboard::instance().add(receiver_);
+    return true;
+}
+
+bool Proxy::listen(Transport::OpenSocket listening) {
+    return listening.valid() && receiver_->start(std::move(listening));
+}
+
+void Proxy::hush(long long idle, long long most) {
+    receiver_->refuseSending();
+    receiver_->waitUntilSent(idle, most);
+}
+
+void Proxy::leave() {
+    if (std::exchange(taken_, false))
+        Transport::Rendezvous::instance().withdraw(id_);
+    if (receiver_ != nullptr)
+        receiver_->stop();
+    receiver_.reset();
+}
+
+}  // namespace Link

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/transport/local/Receiver.h"
+#include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/Visibility.h"
+#include "transport/AddressedMessage.h"
+#include "transport/TerminationId.h"
+
+namespace Link {
+
+/** What happens at a proxy, on its receiving thread and with no lock of the transport held. */
+class ProxyListener {
+public:
+    /** A local termination has sent something to the one that the proxy stands for. */
+    virtual void forward(Transport::AddressedMessage const& message) = 0;
+    /** There is nothing more just now. */
+    virtual void forwarded() = 0;
+    /** What was issued in the proxy's name has come back. */
+    virtual void cameBack(Transport::AddressedMessage const& message, unsigned long session) = 0;
+
+protected:
+    ~ProxyListener() = default;
+};
+
+/**
+ * Stands in the local folder for a termination of another machine, with its address. A resource of
+ * the thread that carries out what its session wants; shown from `listen` to `leave`.
+ */
+class Proxy final : public Transport::ReceiverOwner {
+public:
+    Proxy(Transport::TerminationId id, unsigned long session, ProxyListener& listener)
+        : id_(id), session_(session), listener_(listener) {}
+    ~Proxy();
+    Proxy(Proxy const&) = delete;
+    Proxy& operator=(Proxy const&) = delete;
+
+    Transport::TerminationId id() const { return id_; }
+    /** Takes the address; false, with a log line, on failure. Then publish it and `listen`. */
+    bool take(std::string const& names, Transport::Visibility visibility);
+    /** With what publishing has answered; false, with a log line, on failure. */
+    bool listen(Transport::OpenSocket listening);
+    /** Sends nothing new, and lets out what waits: so long without progress, so long at most, in
+     * nanoseconds. */
+    void hush(long long idle, long long most);
+    /** Out of view already: ends the receiving thread. */
+    void leave();
+
+    void received(Transport::AddressedMessage const& message) override {
+        listener_.forward(message);
+    }
+    void cameBack(Transport::AddressedMessage const& message, Transport::Reached) override {
+        listener_.cameBack(message, session_);
+    }
+    void batchEnded() override { listener_.forwarded(); }
+
+private:
+    Transport::TerminationId const id_;
+    unsigned long const session_;  // that it was shown in
+    ProxyListener& listener_;
+    bool taken_ = false;
+    std::shared_ptr<Transport::Receiver> receiver_;
+};
+
+}  // namespace Link
