@@ -22,10 +22,10 @@ void MessageQueue::Ring::push(Transport::AddressedMessage const& message, Backlo
     Taken& cell = cells_[(first_ + size_) & (cells_.size() - 1)];
     cell.message = message;
     cell.share = share;
-    cell.served = nullptr;
-    cell.isTooMuch = false;
-    cell.letsGo = false;
     cell.note = note;
+    cell.waits = true;
+    cell.letsGo = false;
+    cell.isTooMuch = false;
     ++size_;
 }
 
@@ -75,7 +75,7 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
 }
 
 Transport::TerminationId MessageQueue::begin(Taken& taken) {
-    if (taken.share) {
+    if (taken.waits) {
         QueueLock const lock(changed_);
         release(taken);
     }
@@ -83,24 +83,23 @@ Transport::TerminationId MessageQueue::begin(Taken& taken) {
 }
 
 void MessageQueue::release(Taken& taken) {
-    Backlog::Share& share = *std::exchange(taken.share, nullptr);
-    taken.letsGo = backlog_.release(share, taken.message.size());
+    taken.waits = false;
+    taken.letsGo = backlog_.release(*taken.share, taken.message.size());
     if (taken.letsGo)
         holdsBack_.store(backlog_.holdsBack());
-    taken.isTooMuch = !backlog_.beginServing(share);
-    taken.served = taken.isTooMuch ? nullptr : &share;
+    taken.isTooMuch = !backlog_.beginServing(*taken.share);
+    if (taken.isTooMuch)
+        taken.share = nullptr;
 }
 
 void MessageQueue::end(Taken& taken) {
-    if (!taken.served)
-        return;
     QueueLock const lock(changed_);
     endServing(taken);
 }
 
 void MessageQueue::endServing(Taken& taken) {
-    if (Backlog::Share* const share = std::exchange(taken.served, nullptr))
-        backlog_.endServing(*share);
+    if (taken.share && !taken.waits)
+        backlog_.endServing(*std::exchange(taken.share, nullptr));
 }
 
 bool MessageQueue::holdBack(Transport::TerminationId sender) {

@@ -32,11 +32,11 @@ public:
     /** A message that a worker has taken. */
     struct Taken {
         Transport::AddressedMessage message;
-        Backlog::Share* share = nullptr;   // null: waits no more
-        Backlog::Share* served = nullptr;  // as long as it is being served
-        bool isTooMuch = false;            // so much of its sender is being served that this is not
-        bool letsGo = false;               // its sender, which was held back, may go on now
-        unsigned int note = 0;             // of who queued it
+        Backlog::Share* share = nullptr;  // until it has been served, or is not going to be
+        unsigned int note = 0;            // of who queued it
+        bool waits = false;               // to be served
+        bool letsGo = false;              // its sender, which was held back, may go on now
+        bool isTooMuch = false;           // so much of its sender is being served that this is not
     };
     /** A worker that takes messages, as the queue sees it. */
     class Taker {
