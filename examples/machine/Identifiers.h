@@ -13,11 +13,22 @@ constexpr char kNetwork[] = "network";
 constexpr char kDisk[] = "disk";
 constexpr char kProcess[] = "process";
 
+/** Name of the root, and who can find it: this unit, or with a name of its own the whole node. */
+struct Root {
+    std::string name = machine::name;
+    NamespaceId nameSpace = NSID_UNIT;
+};
+/** Set before the first object is made. */
+inline Root& root() {
+    static Root root;
+    return root;
+}
+
 inline TipprmiOID id() {
-    return TipprmiOID(name, NSID_UNIT);
+    return TipprmiOID(root().name, root().nameSpace);
 }
 inline TipprmiOID partId(std::string const& kind, std::string const& partName) {
-    return TipprmiOID(std::string(name) + "." + kind + "." + partName, NSID_UNIT);
+    return TipprmiOID(root().name + "." + kind + "." + partName, root().nameSpace);
 }
 
 }  // namespace machine

@@ -145,7 +145,7 @@ private:
 
 class MachineObject final : public MachineSkeleton {
 public:
-    MachineObject() : MachineSkeleton(machine::id(), nullptr, machine::name) {}
+    MachineObject() : MachineSkeleton(machine::id(), nullptr, machine::root().name) {}
 
     void add(std::string const& kind, std::string const& name) { parts_[kind].insert(name); }
     void remove(std::string const& kind, std::string const& name) { parts_[kind].erase(name); }

@@ -17,44 +17,41 @@ std::string identifierOf(TreflectObject const& object) {
 /** Hears of the objects of one class that are made, or destroyed. */
 class PartWatch::Follower : public TreflectObserver {
 public:
-    Follower(PartWatch& watch, TreflectMetaClass const& meta, bool ofCreations)
-        : watch_(watch),
-          meta_(*InterfaceRepository::instance()->findInterface(meta.getClassId())),
-          ofCreations_(ofCreations) {}
-    ~Follower() override { meta_.removeObserver(this); }
+    Follower(PartWatch& watch, unsigned int classId, bool ofCreations)
+        : watch_(watch), classId_(classId), ofCreations_(ofCreations) {}
+    ~Follower() override { watch_.orb_.removeObserver(classId_, *this); }
 
     void begin() {
         if (ofCreations_)
-            meta_.observeCreations(this, true);
+            watch_.orb_.observeCreations(classId_, *this, true);
         else
-            meta_.observeDeletions(this);
+            watch_.orb_.observeDeletions(classId_, *this);
     }
 
     bool update() override {
         // A copy: the notice may be over before we are done with what it is about.
         TreflectObject const object(*getSource());
         if (ofCreations_)
-            watch_.add(meta_.getClassId(), object);
+            watch_.add(classId_, object);
         else
-            watch_.remove(meta_.getClassId(), object);
+            watch_.remove(classId_, object);
         return true;
     }
 
 private:
     PartWatch& watch_;
-    TreflectMetaObject& meta_;
+    unsigned int const classId_;
     bool const ofCreations_;
 };
 
 /** Hears of brokers that come and go. */
 class PartWatch::BrokerFollower : public TreflectOrbObserverIf {
 public:
-    explicit BrokerFollower(PartWatch& watch)
-        : watch_(watch), orb_(*TreflectORB::getInstance(NSID_UNIT)) {
-        orb_.registerOrbCreation(this, false);
-        orb_.registerOrbDeletion(this);
+    explicit BrokerFollower(PartWatch& watch) : watch_(watch) {
+        watch_.orb_.registerOrbCreation(this, false);
+        watch_.orb_.registerOrbDeletion(this);
     }
-    ~BrokerFollower() override { orb_.unregisterOrbNotifications(this); }
+    ~BrokerFollower() override { watch_.orb_.unregisterOrbNotifications(this); }
 
     void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
         char line[64];
@@ -67,13 +64,12 @@ public:
 
 private:
     PartWatch& watch_;
-    TreflectORB& orb_;
 };
 
-PartWatch::PartWatch() {
+PartWatch::PartWatch(NamespaceId nameSpace) : orb_(*TreflectORB::getInstance(nameSpace)) {
     for (TreflectMetaClass const* meta :
          {&cpuMeta, &memoryMeta, &networkInterfaceMeta, &diskMeta, &processMeta, &machineMeta})
-        follow(*meta);
+        follow(meta->getClassId());
     brokers_ = std::make_unique<BrokerFollower>(*this);
     news_.clear();
 }
@@ -82,9 +78,9 @@ PartWatch::~PartWatch() {
     brokers_.reset();
 }
 
-void PartWatch::follow(TreflectMetaClass const& meta) {
+void PartWatch::follow(unsigned int classId) {
     for (bool const ofCreations : {false, true}) {
-        followers_.push_back(std::make_unique<Follower>(*this, meta, ofCreations));
+        followers_.push_back(std::make_unique<Follower>(*this, classId, ofCreations));
         followers_.back()->begin();
     }
 }

@@ -21,8 +21,8 @@ public:
         TreflectObject object;
     };
 
-    /** Knows all that exists when it returns. */
-    PartWatch();
+    /** Of the objects of this unit, or of the whole node. Knows all that exists when it returns. */
+    explicit PartWatch(NamespaceId nameSpace = NSID_UNIT);
     ~PartWatch();
     PartWatch(PartWatch const&) = delete;
     PartWatch& operator=(PartWatch const&) = delete;
@@ -39,10 +39,12 @@ private:
     class Follower;
     class BrokerFollower;
 
-    void follow(TreflectMetaClass const& meta);
+    void follow(unsigned int classId);
     void add(unsigned int classId, TreflectObject const& object);
     void remove(unsigned int classId, TreflectObject const& object);
     void removeUnreachable();
+
+    TreflectORB& orb_;  // of the namespace
 
     // All guarded by the run permission.
     std::map<unsigned int, std::map<std::string, Part>> parts_;  // by class and identifier

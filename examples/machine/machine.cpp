@@ -32,16 +32,23 @@ bool pause(sigset_t const& signals) {
     return sigtimedwait(&signals, nullptr, &kInterval) < 0;
 }
 
+/** Answers the programs to watch. */
 std::vector<std::string> readOptions(int argc, char** argv) {
     static option const kOptions[] = {{"watch-process", required_argument, nullptr, 'w'},
+                                      {"node", required_argument, nullptr, 'n'},
                                       {nullptr, 0, nullptr, 0}};
     std::vector<std::string> watched;
     for (int found = 0; (found = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-        if (found != 'w') {
-            std::puts("usage: machine [--watch-process PROGRAM]...");
+        if (found == 'w') {
+            watched.emplace_back(optarg);
+        } else if (found == 'n') {
+            machine::root() = {optarg, NSID_NODE};
+        } else {
+            std::puts(
+                "usage: machine [--watch-process PROGRAM]... [--node NAME]\n"
+                "  --node   be found under this name by all machines of the node");
             std::exit(2);
         }
-        watched.emplace_back(optarg);
     }
     return watched;
 }

@@ -22,6 +22,7 @@ struct Options {
     unsigned int patience = 30;                // seconds to wait for a machine that is not there
     unsigned int alarmLimit = 0;               // percent, for all processors; 0: leave theirs
     bool redraw = isatty(STDOUT_FILENO) == 1;  // paint each table over the last one
+    bool node = false;                         // all machines, instead of this one with its parts
 };
 
 // ---- What is shown -----------------------------------------------------------------------------
@@ -108,6 +109,24 @@ bool showMachine(PartWatch& watch, unsigned int number, Options const& options) 
     return true;
 }
 
+/** A line for each machine of the node; false when there is none. */
+bool showMachines(PartWatch& watch, unsigned int number, Options const& options) {
+    std::vector<PartWatch::Part> const machines = watch.parts(machine::kClass);
+    Table table;
+    table.heading({"MACHINE", "host", "processors"});
+    for (PartWatch::Part const& part : machines) {
+        auto const machine = part.object.as<MachineClient>();
+        auto const cpus = machine.parts("cpu");
+        auto const host = machine.getHost();
+        if (host && cpus)
+            table.row({part.name, host.value(), std::to_string(cpus.value().size())});
+    }
+    std::printf("%s%zu machines, refresh %u of %u\n%s\n", options.redraw ? "\033[H\033[J" : "",
+                machines.size(), number, options.refreshes, table.text().c_str());
+    showNews(watch);
+    return !machines.empty();
+}
+
 /** A call that changes something. */
 bool setAlarmLimits(PartWatch const& watch, unsigned int percent) {
     bool allSet = true;
@@ -147,11 +166,11 @@ bool findMachine(PartWatch& watch, Options const& options) {
 bool run(Options const& options) {
     if (options.redraw)
         std::printf("\033[2J");
-    PartWatch watch;
+    PartWatch watch(options.node ? NSID_NODE : NSID_UNIT);
     if (!findMachine(watch, options))
         return false;
     for (unsigned int number = 1; number <= options.refreshes;) {
-        if (showMachine(watch, number, options)) {
+        if ((options.node ? showMachines : showMachine)(watch, number, options)) {
             if (++number <= options.refreshes)
                 pause(options.interval);
             continue;
@@ -168,13 +187,14 @@ bool run(Options const& options) {
 [[noreturn]] void usage(int code) {
     std::puts(
         "usage: panel [--once] [--refreshes N] [--interval MS] [--patience S] [--alarm PERCENT]\n"
-        "             [--redraw]\n"
+        "             [--redraw] [--node]\n"
         "  --once        show the table once\n"
         "  --refreshes   show it N times (default 10)\n"
         "  --interval    milliseconds between two refreshes (default 1000)\n"
         "  --patience    seconds to wait for a machine that is not there (default 30)\n"
         "  --alarm       first set the alarm limit of all processors\n"
-        "  --redraw      paint over the last table also when the output is no terminal");
+        "  --redraw      paint over the last table also when the output is no terminal\n"
+        "  --node        show all machines of the node that have a name there, a line each");
     std::exit(code);
 }
 
@@ -193,6 +213,7 @@ Options read(int argc, char** argv) {
                                       {"patience", required_argument, nullptr, 'p'},
                                       {"alarm", required_argument, nullptr, 'a'},
                                       {"redraw", no_argument, nullptr, 'd'},
+                                      {"node", no_argument, nullptr, 'n'},
                                       {"help", no_argument, nullptr, 'h'},
                                       {nullptr, 0, nullptr, 0}};
     Options options;
@@ -215,6 +236,9 @@ Options read(int argc, char** argv) {
                 break;
             case 'd':
                 options.redraw = true;
+                break;
+            case 'n':
+                options.node = true;
                 break;
             default:
                 usage(found == 'h' ? 0 : 2);
