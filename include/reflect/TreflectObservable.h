@@ -7,6 +7,7 @@
 
 #include "handler_threads/RunPermission.h"
 #include "reflect/TreflectObserverClient.h"
+#include "transport/TerminationId.h"
 
 /** A registration of an observer of calls: its kind, the class and the method code of the
  * operation. A value. */
@@ -95,9 +96,22 @@ protected:
     void endLife();
     /** Whether an observer is a guard of the operation. */
     bool hasGuard(unsigned int cc, unsigned int mc, TreflectObserverClient const& client) const;
-    /** Whether another process may register an observer: of one broker, as the observer's handle
-     * names it, no more than 1024 registrations are kept. Forgets those of brokers that are not
-     * there whenever the number of all has doubled, but not guards. */
+    /** Whom registrations of the calling thread come from, for a scope; without one, this process.
+     */
+    class OnBehalf {
+    public:
+        explicit OnBehalf(Transport::TerminationId sender);
+        ~OnBehalf();
+        OnBehalf(OnBehalf const&) = delete;
+        OnBehalf& operator=(OnBehalf const&) = delete;
+
+    private:
+        Transport::TerminationId const outer_;
+    };
+    /** Whether another process, that of OnBehalf, may register an observer: of one process no more
+     * than 1024 registrations are kept, and of what others than its own process register no more
+     * than 1024 for one broker, as the observer's handle names it. Forgets those of brokers that
+     * are not there whenever the number of all has doubled, but not guards. */
     bool makeRoomFor(TreflectObserverClient const& client);
     /** Whether anybody would be told after a call of any operation. */
     bool isObservedAfterCalls() const {
@@ -110,7 +124,8 @@ private:
     struct Registration {
         TreflectObserverClient client;
         bool guards = false;
-        bool lost = false;  // a guard that was not reached the last time
+        bool lost = false;                // a guard that was not reached the last time
+        Transport::TerminationId sender;  // who registered it; 0: this process
     };
     using Observers = std::multimap<Key, Registration>;
     class Told;
@@ -128,6 +143,7 @@ private:
                   Key const& key, TipprmiSequence<TipprmiAny, 0u> const& arguments);
     void noteGuard(TreflectObserverClient const& client, Key const& key, bool lost);
     std::size_t count() const;
+    bool hasTooMany(TreflectOrbId const& broker) const;
     void forgetThoseGone();
     void removeFirst(Observers* observers, TreflectObserverClient const& client);
 

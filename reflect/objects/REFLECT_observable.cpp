@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <deque>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -10,11 +11,13 @@
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
+#include "transport/TransportLayer.h"
 
 namespace {
 
-/** Registrations that are kept of one broker. */
-constexpr int kMostOfBroker = 1024;
+/** Registrations that are kept of one process, and of those that are registered by others than
+ * the process that they are for, of one broker. */
+constexpr int kMostOfProcess = 1024;
 /** So many of all may be there before those of processes that have gone are looked for. */
 constexpr std::size_t kMany = 64;
 
@@ -38,6 +41,23 @@ bool isPresent(TreflectObserverClient const& client) {
     TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
     return orb && exists(orb->convertId(stub->orbId()));
 }
+
+/** Which processes terminations are of; each is asked for once. */
+class Processes {
+public:
+    int of(Transport::TerminationId id) {
+        auto const [found, isNew] = known_.try_emplace(id, 0);
+        if (isNew)
+            found->second = Transport::TransportLayer::instance().ownerOf(id).process;
+        return found->second;
+    }
+
+private:
+    std::map<Transport::TerminationId, int> known_;
+};
+
+// Of the calling thread: for whom it registers observers.
+thread_local Transport::TerminationId registersFor;
 
 // Of the calling thread: whose guards stay when a registration of their observer is ended.
 thread_local TreflectObservable const* guardsStayOf = nullptr;
@@ -78,6 +98,13 @@ private:
     std::deque<Registration> registrations_;  // none is ever copied, which might search
 };
 
+TreflectObservable::OnBehalf::OnBehalf(Transport::TerminationId sender)
+    : outer_(std::exchange(registersFor, sender)) {}
+
+TreflectObservable::OnBehalf::~OnBehalf() {
+    registersFor = outer_;
+}
+
 TreflectObservable::TreflectObservable() = default;
 
 TreflectObservable::~TreflectObservable() {
@@ -95,7 +122,9 @@ void TreflectObservable::registerObserver(unsigned int kind, unsigned int const&
     std::unique_ptr<Observers>& observers = kind == kBeforeCalls ? preObservers_ : postObservers_;
     if (!observers)
         observers = std::make_unique<Observers>();
-    observers->emplace(Key(cc, mc), Registration())->second.client.share_(client);
+    Registration& made = observers->emplace(Key(cc, mc), Registration())->second;
+    made.client.share_(client);
+    made.sender = registersFor;
 }
 
 void TreflectObservable::registerGuard(unsigned int cc, unsigned int mc,
@@ -111,6 +140,7 @@ void TreflectObservable::registerGuard(unsigned int cc, unsigned int mc,
     Registration& guard = preObservers_->emplace(key, Registration())->second;
     guard.client.share_(client);
     guard.guards = true;
+    guard.sender = registersFor;
 }
 
 unsigned int TreflectObservable::removeLostGuards(unsigned int cc, unsigned int mc) {
@@ -164,19 +194,41 @@ bool TreflectObservable::makeRoomFor(TreflectObserverClient const& client) {
         forgetThoseGone();
         manyObservers_ = std::max(kMany, 2 * count());
     }
-    if (count() < std::size_t{kMostOfBroker})
-        return true;
     TreflectOrbId const broker = brokerOf(client);
-    std::vector<TreflectObservation> const all = observations_();
-    if (std::count_if(all.begin(), all.end(), [&](TreflectObservation const& each) {
-            return brokerOf(*each.observer) == broker;
-        }) < kMostOfBroker)
+    if (count() < std::size_t{kMostOfProcess} || !hasTooMany(broker))
         return true;
     static Logging::LineLimit limit;
     REFLECTORB_LOG_LIMITED(limit, 3, "REFLECT_observable",
                            "an observer of ORB 0x%X is refused: it has %d at the object already",
-                           broker.value(), kMostOfBroker);
+                           broker.value(), kMostOfProcess);
     return false;
+}
+
+/** Of the process that registers now; and for a broker of another one, of those that were
+ * registered for that by others: so nobody takes the place of what a process registers for itself.
+ */
+bool TreflectObservable::hasTooMany(TreflectOrbId const& broker) const {
+    handlerthreads::trustPermission();
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    if (!orb)
+        return false;
+    Processes processes;
+    auto const isForOthers = [&](Transport::TerminationId sender, TreflectOrbId const& named) {
+        return processes.of(sender) != processes.of(orb->convertId(named));
+    };
+    bool const forOthers = isForOthers(registersFor, broker);
+    int bySender = 0;
+    int byOthers = 0;
+    for (Observers const* const observers : {preObservers_.get(), postObservers_.get()}) {
+        if (!observers)
+            continue;
+        for (auto const& [key, each] : *observers) {
+            TreflectOrbId const named = brokerOf(each.client);
+            bySender += processes.of(each.sender) == processes.of(registersFor) ? 1 : 0;
+            byOthers += forOthers && named == broker && isForOthers(each.sender, named) ? 1 : 0;
+        }
+    }
+    return bySender >= kMostOfProcess || byOthers >= kMostOfProcess;
 }
 
 void TreflectObservable::removeFirst(Observers* observers, TreflectObserverClient const& client) {

@@ -323,6 +323,7 @@ void TreflectServerObject::serveObserverRegistration(TipprmiStream& in, TipprmiS
     unsigned int mc = 0;
     TreflectObserverClient observer;
     Life const life(*this);
+    OnBehalf const sender(in.msg().originator());
     in >> kind >> cc >> mc >> observer;
     if (life.ended() || !makeRoomFor(observer)) {
         writeGeneralException(out, TipprmiFailure::kNotServed);
@@ -349,6 +350,7 @@ void TreflectServerObject::serveGuardRegistration(TipprmiStream& in, TipprmiStre
     unsigned int mc = 0;
     TreflectObserverClient observer;
     Life const life(*this);
+    OnBehalf const sender(in.msg().originator());
     in >> cc >> mc >> observer;
     bool const readable = !life.ended() && !in.hasUnmarshallingFailed();
     if (!readable || !(hasGuard(cc, mc, observer) || makeRoomFor(observer))) {

@@ -5,6 +5,7 @@
 #include "BrokerTest.h"
 #include "Gauge.h"
 #include "Probe.h"
+#include "RawPeer.h"
 #include "ReflectActor.h"
 
 namespace {
@@ -342,6 +343,28 @@ TEST_F(RemoteObserver, IsToldOfCallsFromAllProcessesAndMayForbidThem) {
     EXPECT_EQ(caller.store("lamp", 8), "ok");
     EXPECT_FALSE(isObserved());
     EXPECT_EQ(actor.told("w"), "6 8 lamp");
+}
+
+TEST_F(RemoteObserver, IsNotKeptOutByOthersWhoRegisterManyInItsName) {
+    ReflectActor actor;
+    TreflectOrbId const broker =
+        orb().convertId(Transport::TerminationId(actor.create("own", "7001").termination));
+    RawPeer other(group(), [](RawPeer& self, TreflectMessage& message) {
+        if (message.type() == TreflectMessage::tResolve)
+            wire::answer(self, message, wire::number(0));
+    });
+    std::string const elsewhere = wire::number(1) + wire::number(lamp::kClass) +
+                                  wire::number(0x777) + wire::handle(0xFA2, broker);
+    auto const registers = [&](unsigned int id) {
+        other.sendCall(orb().termId(), id, lamp_->getInternalOID(), true, 0, 1000, elsewhere);
+        return wire::data(wire::awaitResponse(other, id));
+    };
+    for (unsigned int id = 1; id <= 1024; ++id)
+        ASSERT_EQ(registers(id), wire::kEmptyContainer);
+    EXPECT_EQ(registers(1025), wire::kNotServed);
+    actor.observe("w", "lamp", "setLevel", "before");
+    EXPECT_EQ(storeHere(5), kStored);
+    EXPECT_EQ(actor.told("w"), "1 5 lamp");
 }
 
 TEST_F(RemoteObserver, WhoseProcessWasKilledIsDroppedAndForbidsNothing) {
