@@ -91,14 +91,7 @@ public:
     std::unique_ptr<ChildProgram> link;
 
 private:
-    void await(char const* line) {
-        EXPECT_TRUE(link->waitForErrorLine(line, std::chrono::seconds(10))) << [this] {
-            std::string all;
-            for (std::string const& one : link->errorLines())
-                all += one + "\n";
-            return all;
-        }();
-    }
+    void await(char const* line) { EXPECT_TRUE(link->waitForErrorLine(line)) << line; }
 
     int const slot_;
     testsupport::RendezvousFolder const parent_;
@@ -113,6 +106,12 @@ protected:
         one.startLink();
         two.startLink();
         awaitLinked();
+    }
+    void TearDown() override {
+        for (Machine* machine : {&one, &two})
+            if (HasFailure() && machine->link)
+                for (std::string const& line : machine->link->errorLines())
+                    std::printf("%s\n", line.c_str());
     }
     void awaitLinked() {
         one.awaitLinked();
@@ -204,6 +203,27 @@ TEST_F(MachinesTest, a_parting_of_any_length_loses_no_message_silently) {
         EXPECT_SOON(sender->does("ping " + receiverId));
         awaitAllAccountedFor();
     }
+}
+
+TEST_F(MachinesTest, who_does_not_read_holds_up_nobody_and_all_that_he_has_not_read_comes_back) {
+    join();
+    auto const other = two.actor("transport_actor");
+    std::string const otherId = other->ask("join", "id");
+    ASSERT_TRUE(receiver->child().stopWholly());
+    sender->tell("flood " + receiverId + " 100000 200");
+    EXPECT_EQ(sender->ask("accepted " + receiverId, "accepted"), "100000");
+    EXPECT_TRUE(sender->does("ping " + otherId));
+    receiver->child().signal(SIGCONT);
+    EXPECT_SOON(reportOf(*receiver).received == 100'000u);
+    EXPECT_EQ(reportOf(*receiver).faults, 0u);
+    ASSERT_TRUE(receiver->child().stopWholly());
+    sender->tell("flood " + receiverId + " 100000 200");
+    EXPECT_TRUE(sender->does("ping " + otherId));
+    receiver->child().kill();
+    EXPECT_SOON(reportOf(*sender).returned >= 100'000u);
+    EXPECT_EQ(sender->ask("accepted " + receiverId, "accepted"), "200000");
+    EXPECT_EQ(reportOf(*sender).returned, 100'000u);
+    EXPECT_EQ(reportOf(*sender).damaged, 0u);
 }
 
 TEST_F(MachinesTest, a_second_link_of_a_folder_and_a_second_machine_of_a_slot_are_refused) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "logging/Log.h"
+#include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "platform/transport/local/Channel.h"
@@ -19,9 +19,8 @@ using Transport::Switchboard;
 
 /** What a termination has sent last is still in the channels to the proxies. */
 constexpr long long kGrace = 50'000'000;
-/** How long those that go may let out what waits, without progress and at most. */
-constexpr long long kLinger = 100'000'000;
-constexpr long long kMostLinger = 500'000'000;
+/** How long those that go may let out what waits. */
+constexpr long long kLinger = 500'000'000;
 constexpr long long kWriterBusy = 2'000'000;
 constexpr std::size_t kStack = 128 * 1024;
 
@@ -42,6 +41,15 @@ bool together(Action::Kind a, Action::Kind b) {
     if (!mayWait(a) || !mayWait(b))
         return mayWait(a) == mayWait(b);
     return (shows(a) && shows(b)) || (a == b && a == Action::Kind::Drop);
+}
+
+/** To a local termination that has sent it to a proxy. */
+void sendBack(AddressedMessage const& message) {
+    static Logging::LineLimit limit;
+    if (Switchboard::instance().sendBack(message) == 0 &&
+        Rendezvous::instance().exists(message.originator()))
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource, "0x%08X does not get back what it sent to 0x%08X",
+                               message.originator().value(), message.destination().value());
 }
 
 /** Takes nothing more from a local termination that has sent to this proxy, until `goOn`. */
@@ -172,10 +180,13 @@ void Peer::forward(AddressedMessage const& message) {
             holdBack(message.destination(), from);
         full = session_.queuedBytes() >= kMostPieceBytes;
     }
-    if (sending == Session::Sending::Refused)
-        Switchboard::instance().sendBack(message);
-    else if (full)
+    if (sending == Session::Sending::Refused) {
+        // The proxy is about to go: what its sender goes on sending comes back by itself then.
+        holdBack(message.destination(), from);
+        sendBack(message);
+    } else if (full) {
         write();
+    }
 }
 
 void Peer::forwarded() {
@@ -188,10 +199,44 @@ void Peer::forwarded() {
         write();
 }
 
-void Peer::cameBack(AddressedMessage const& message, unsigned long session) {
-    Locked lock(state_);
-    session_.returned(message, session);
-    wantWriteLocked();
+void Peer::delivered(TerminationId from, TerminationId to, std::uint64_t place) {
+    std::vector<Delivery> settled;
+    {
+        OSWrap::Lock<> lock(places_);
+        auto const found = placed_.find(key(from, to));
+        if (found == placed_.end())
+            return;
+        std::deque<Placed>& waiting = found->second;
+        while (!waiting.empty() && waiting.front().place <= place) {
+            settled.push_back(waiting.front().delivery);
+            waiting.pop_front();
+        }
+        if (waiting.empty())
+            placed_.erase(found);
+    }
+    settle(settled, {});
+}
+
+/** What waited is refused, in the order in which it was issued; its sender has it still. */
+void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
+                    unsigned long session) {
+    if (reached == Transport::Reached::Ring) {
+        Locked lock(state_);
+        session_.returned(message, session);
+        return wantWriteLocked();
+    }
+    std::vector<Delivery> refused;
+    {
+        OSWrap::Lock<> lock(places_);
+        auto const found = placed_.find(key(message.originator(), message.destination()));
+        if (found == placed_.end())
+            return;
+        refused.push_back(found->second.front().delivery);
+        found->second.pop_front();
+        if (found->second.empty())
+            placed_.erase(found);
+    }
+    settle({}, refused);
 }
 
 void Peer::settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused) {
@@ -376,10 +421,18 @@ void Peer::perform(std::vector<Action>& actions) {
     settle(settled, refused);
 }
 
+/** places_ is held so that nobody is told of the place before it is noted. */
 void Peer::deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused) {
-    bool const taken =
-        Switchboard::instance().issue(action.message, action.to, Transport::Room::ForAnswers) != 0;
-    (taken ? settled : refused).push_back(Delivery(action));
+    Delivery const delivery(action);
+    std::uint64_t place = 0;
+    OSWrap::Lock<> lock(places_);
+    if (Switchboard::instance().issue(action.message, action.to, Transport::Room::ForAnswers,
+                                      place) == 0)
+        refused.push_back(delivery);
+    else if (place == 0)
+        settled.push_back(delivery);
+    else
+        placed_[key(action.from, action.to)].push_back({delivery, place});
 }
 
 /** With the state locked all the while, so that nobody is announced who has left before. */
@@ -435,11 +488,21 @@ void Peer::drop(std::vector<Action> const& actions) {
         leaving.push_back(std::move(found->second));
         proxies_.erase(found);
     }
-    long long const until = now() + kMostLinger;
+    long long const until = now() + kLinger;
     for (auto const& proxy : leaving)
-        proxy->hush(kLinger, std::max(until - now(), 0LL));
+        proxy->letOut(until);
     Rendezvous::instance().withdraw(ids);
     leaving.clear();
+    forgetPlaces(ids);
+}
+
+void Peer::forgetPlaces(std::vector<TerminationId> const& gone) {
+    OSWrap::Lock<> lock(places_);
+    for (auto at = placed_.begin(); at != placed_.end();) {
+        TerminationId const from(static_cast<std::uint32_t>(at->first >> 32));
+        bool const over = std::find(gone.begin(), gone.end(), from) != gone.end();
+        at = over ? placed_.erase(at) : std::next(at);
+    }
 }
 
 }  // namespace Link

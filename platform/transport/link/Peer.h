@@ -4,6 +4,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "oswrap/ConditionVar.h"
@@ -30,7 +31,8 @@ namespace Link {
  * What a session wants done is done in its order, by one thread at a time: whoever has just brought
  * it about, up to something that may wait; from there on by `LnShow`.
  *
- * Lock order: state_ before the switchboard's and those of the tables of presence.
+ * Lock order: places_ before the channels' locks; state_ before the switchboard's. Neither under
+ * the other.
  */
 class Peer final : public ProxyListener {
 public:
@@ -59,14 +61,24 @@ public:
     // ---- ProxyListener ----
     void forward(AddressedMessage const& message) override;
     void forwarded() override;
-    void cameBack(AddressedMessage const& message, unsigned long session) override;
+    void delivered(TerminationId from, TerminationId to, std::uint64_t place) override;
+    void cameBack(AddressedMessage const& message, Transport::Reached reached,
+                  unsigned long session) override;
 
 private:
+    using Key = std::uint64_t;
+    struct Placed {
+        Delivery delivery;
+        std::uint64_t place;
+    };
     struct Departure {
         TerminationId id;
         long long at;
     };
 
+    static Key key(TerminationId from, TerminationId to) {
+        return std::uint64_t{from.value()} << 32 | to.value();
+    }
     void sending();
     void write() OSW_EXCLUDES(state_);
     void withdrawDue(long long time) OSW_REQUIRES(state_);
@@ -85,6 +97,7 @@ private:
     void ended(std::string const& reason);
     void show(std::vector<Action> const& actions);
     void drop(std::vector<Action> const& actions);
+    void forgetPlaces(std::vector<TerminationId> const& gone);
     void settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused);
 
     UnitInfo const unit_;
@@ -108,6 +121,9 @@ private:
     OSWrap::ConditionVar work_;  // signalled for LnShow; a leaf
     bool workWaits_ OSW_GUARDED_BY(work_) = false;
     bool workEnds_ OSW_GUARDED_BY(work_) = false;
+
+    OSWrap::Mutex places_;
+    std::unordered_map<Key, std::deque<Placed>> placed_ OSW_GUARDED_BY(places_);
 
     Piece piece_;  // of the thread that has set writing_
 

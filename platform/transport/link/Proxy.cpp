@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "oswrap/Clock.h"
 #include "platform/transport/link/Record.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
@@ -28,16 +29,20 @@ bool Proxy::listen(Transport::OpenSocket listening) {
     return listening.valid() && receiver_->start(std::move(listening));
 }
 
-void Proxy::hush(long long idle, long long most) {
-    receiver_->refuseSending();
-    receiver_->waitUntilSent(idle, most);
+/** Sending is not refused meanwhile: what comes now is sent back, too. */
+void Proxy::letOut(long long until) {
+    constexpr long long kLook = 2'000'000;
+    while (receiver_->hasUnsent() && OSWrap::Clock::nowNanoseconds() < until)
+        receiver_->waitUntilSent(kLook, kLook);
 }
 
 void Proxy::leave() {
     if (std::exchange(taken_, false))
         Transport::Rendezvous::instance().withdraw(id_);
-    if (receiver_ != nullptr)
+    if (receiver_ != nullptr) {
+        receiver_->refuseSending();
         receiver_->stop();
+    }
     receiver_.reset();
 }
 

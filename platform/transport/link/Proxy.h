@@ -18,8 +18,12 @@ public:
     virtual void forward(Transport::AddressedMessage const& message) = 0;
     /** There is nothing more just now. */
     virtual void forwarded() = 0;
-    /** What was issued in the proxy's name has come back. */
-    virtual void cameBack(Transport::AddressedMessage const& message, unsigned long session) = 0;
+    /** What was issued in the proxy's name has got into the ring of `to`, up to this place. */
+    virtual void delivered(Transport::TerminationId from, Transport::TerminationId to,
+                           std::uint64_t place) = 0;
+    /** It has come back. */
+    virtual void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached,
+                          unsigned long session) = 0;
 
 protected:
     ~ProxyListener() = default;
@@ -42,19 +46,22 @@ public:
     bool take(std::string const& names, Transport::Visibility visibility);
     /** With what publishing has answered; false, with a log line, on failure. */
     bool listen(Transport::OpenSocket listening);
-    /** Sends nothing new, and lets out what waits: so long without progress, so long at most, in
-     * nanoseconds. */
-    void hush(long long idle, long long most);
+    /** Lets out what waits, until then at most, by the clock of `Clock::nowNanoseconds`. */
+    void letOut(long long until);
     /** Out of view already: ends the receiving thread. */
     void leave();
 
     void received(Transport::AddressedMessage const& message) override {
         listener_.forward(message);
     }
-    void cameBack(Transport::AddressedMessage const& message, Transport::Reached) override {
-        listener_.cameBack(message, session_);
+    void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached) override {
+        listener_.cameBack(message, reached, session_);
     }
     void batchEnded() override { listener_.forwarded(); }
+    void leftQueue(Transport::TerminationId peer, std::uint64_t place) override {
+        listener_.delivered(id_, peer, place);
+    }
+    bool tellsPlaces() const final { return true; }
 
 private:
     Transport::TerminationId const id_;

@@ -63,6 +63,8 @@ public:
     void request(Channel& channel);
     /** Whether the termination may still send. */
     bool sending() const { return unsent_.sending(); }
+    /** Whether any message waits in a channel's queue. */
+    bool hasUnsent() const { return unsent_.any(); }
     void refuseSending() { unsent_.refuseSending(); }
     /** Whether the owner is to be told which messages have left a channel's queue. */
     bool tellsPlaces() const { return tellsPlaces_; }
