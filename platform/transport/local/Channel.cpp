@@ -230,22 +230,28 @@ bool Channel::growLocked(std::size_t messageSize) {
         wanted *= 4;
     while (wanted < bound && wanted / 4 < messageSize);
     wanted = std::min(wanted, bound);
-    link_->growthFailed = true;
-    if (!link_->rings.grow(wanted))
-        return false;
-    Descriptor const file = makeSealedFile(wanted);
+    std::size_t const had = link_->rings.bytes();
+    bool const grown = link_->rings.grow(wanted) && goOnInRingOfLocked(wanted);
+    link_->growthFailed = !grown;
+    if (!grown)
+        link_->rings.shrinkTo(had);
+    return grown;
+}
+
+/** Makes a ring of so many bytes, tells the peer of it, and goes on there. */
+bool Channel::goOnInRingOfLocked(std::uint32_t capacity) {
+    Descriptor const file = makeSealedFile(capacity);
     if (!file.valid())
         return false;
     RingArea area;
-    area.capacity = wanted;
-    area.mapping = Mapping::of(file.get(), 0, wanted, Mapping::Access::ReadWrite);
-    area.starts = FrameStarts(wanted);
+    area.capacity = capacity;
+    area.mapping = Mapping::of(file.get(), 0, capacity, Mapping::Access::ReadWrite);
+    area.starts = FrameStarts(capacity);
     sealWriting(file.get());
     if (!area.mapping.valid() || !area.starts.valid() ||
-        sendPacket(link_->socket.get(), packet(Packet::NextRing, wanted), file.get()) !=
+        sendPacket(link_->socket.get(), packet(Packet::NextRing, capacity), file.get()) !=
             Transfer::Done)
         return false;
-    link_->growthFailed = false;
     link_->writer->goOnIn(std::move(area));
     return true;
 }

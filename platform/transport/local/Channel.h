@@ -170,6 +170,7 @@ private:
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
     bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
+    bool goOnInRingOfLocked(std::uint32_t capacity) OSW_REQUIRES(mutex_);
     void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
     AddressedMessage popFrontLocked() OSW_REQUIRES(mutex_);
     void takeOwnLocked(MessageChain& own) OSW_REQUIRES(mutex_);
