@@ -482,10 +482,10 @@ void Channel::close(Unread unread) {
         }
         last = leftPlace_;
     }
-    tellPlaces(left);
-    toldPlace_ = last;  // those between come back
     receiver_->unwatch(socket.get());
     dropConnection();
+    tellPlaces(left);
+    toldPlace_ = last;  // those between come back
     giveBackUntaken();
     receiver_->giveBack(back);
     if (again)

@@ -284,7 +284,8 @@ void Receiver::leftQueue(TerminationId peer, std::uint64_t place) {
             owner_->leftQueue(peer, place);
             return;
         }
-        serveReturned(std::move(message));
+        if (!OSWrap::withMemory([&] { serveReturned(std::move(message)); }))
+            OSWrap::awaitMemory();
     }
 }
 
