@@ -1,5 +1,6 @@
 #include <optional>
 
+#include "HandMadeLink.h"
 #include "Threads.h"
 #include "TransportActor.h"
 #include "platform/transport/local/Receiver.h"
@@ -206,6 +207,30 @@ TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) 
         ASSERT_TRUE(proxy.send(peer.id(), number, 8));
     EXPECT_TRUE(peer.waitForReceived(10));
     EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, TheEndOfABatchIsToldAlsoWhenALargeMessageBehindItHasToWait) {
+    using namespace Transport;
+    constexpr std::uint32_t kSize = 1024 * 1024;
+    PeerShare::total(PeerShare::Kind::Unfinished, 2 * kSize);
+    Proxy proxy(TerminationId(1, 9, kGroup));
+    testsupport::HandMadeEntry entry(kGroup);
+    testsupport::HandMadeEntry other(kGroup);
+    auto first = entry.connect(TerminationId(1, 9, kGroup));
+    auto second = other.connect(TerminationId(1, 9, kGroup));
+    ASSERT_TRUE(first.open() && second.open());
+    auto const begin = [](testsupport::HandMadeLink& link, std::uint32_t at) {
+        link.writeFrame(at, {8, kSize}, "a piece.");
+        link.own.page().tail.store(at + frameBytes(8));
+        link.ring();
+    };
+    begin(first, 0);
+    EXPECT_SOON(first.unread() == 0);
+    second.writeFrame(0, {8, 8}, "a whole.");
+    begin(second, frameBytes(8));
+    EXPECT_SOON(proxy.takenBefore == 1u);
+    EXPECT_EQ(second.unread(), frameBytes(8)) << "the one behind it waits";
+    PeerShare::total(PeerShare::Kind::Unfinished, PeerShare::kTotal);
 }
 
 TEST_F(ChannelTest, WhoseMessagesHaveToWaitIsToldWhenTheyWaitNoMore) {

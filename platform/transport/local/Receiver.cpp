@@ -139,7 +139,6 @@ void Receiver::turn(int& turns) {
     bool const local = serveInbox();
     bool const remote = serveChannels();
     if (asked || local || remote) {
-        hasServed_ = true;
         if (++turns % kTurnsBetweenEvents == 0)
             serveEvents(0);
         return;
@@ -216,13 +215,14 @@ bool Receiver::serveInbox() {
         if (comesBack)
             serveReturned(std::move(message));
         else
-            owner_->received(message);
+            deliver(message);
     }
     return inboxFilled_;
 }
 
 void Receiver::serveReturned(AddressedMessage message) {
     sendsAgain_ = false;
+    hasServed_ = true;
     owner_->cameBack(message, MessageChain::isMarked(message, MessageMark::ReachedRing)
                                   ? Reached::Ring
                                   : Reached::Queue);
@@ -269,11 +269,13 @@ bool Receiver::serveChannels() {
 }
 
 void Receiver::deliver(AddressedMessage const& message) {
+    hasServed_ = true;
     owner_->received(message);
 }
 
 void Receiver::takeBack(AddressedMessage& message) {
     noteSentAgain(message);
+    hasServed_ = true;
     owner_->cameBack(message, Reached::Ring);
 }
 
@@ -281,6 +283,7 @@ void Receiver::leftQueue(TerminationId peer, std::uint64_t place) {
     while (!stopping()) {
         AddressedMessage message = inbox_.takeReturned();
         if (message.empty()) {
+            hasServed_ = true;
             owner_->leftQueue(peer, place);
             return;
         }

@@ -137,7 +137,7 @@ private:
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
     bool sendsAgain_ = false;   // the message that has just come back
-    bool hasServed_ = false;    // since the last batchEnded
+    bool hasServed_ = false;    // the owner, since the last batchEnded; set before it is called
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
