@@ -2,8 +2,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <string>
 
 #include "ActorProgram.h"
 #include "RendezvousFolder.h"

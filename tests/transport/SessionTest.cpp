@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
+#include <list>
 #include <map>
 #include <random>
+#include <set>
 
 #include "platform/transport/link/Session.h"
 #include "tests/support/LogCapture.h"
