@@ -7,6 +7,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import shutil
 import signal
@@ -266,10 +267,12 @@ class ToolTest(unittest.TestCase):
         script = """PATH=%s:$PATH; REFLECTORB_COMPLETION_TIMEOUT=20; source %s/tool/completion/reflectorb.bash; compopt() { :; }
             complete_line() { COMP_WORDS=(reflectorb "$@"); COMP_CWORD=$#; _reflectorb
                               echo "${COMPREPLY[*]}"; }
-            complete_line wat; complete_line set --t; complete_line set /house/hall/S"""
-        shell = subprocess.run(["bash", "-c", script % (os.path.dirname(TOOL), TREE)],
+            complete_line wat; complete_line set --t; complete_line set /house/hall/S
+            complete_line replay %s/READM; complete_line record x /house/ha"""
+        shell = subprocess.run(["bash", "-c", script % (os.path.dirname(TOOL), TREE, TREE)],
                                capture_output=True, text=True, timeout=PATIENCE)
-        self.assertEqual(shell.stdout, "watch\n--timeout\n/house/hall/Steps\n", shell)
+        self.assertEqual(shell.stdout, "watch\n--timeout\n/house/hall/Steps\n"
+                         "%s/README.md\n/house/hall\n" % TREE, shell)
 
     def test_top_looks_again_and_again(self):
         if "top" not in run("--help").stdout:
@@ -358,6 +361,114 @@ class ToolTest(unittest.TestCase):
         self.assertLessEqual(max(map(len, shown.splitlines()[1:])), 60)
         self.assertIn(lamp, on_terminal("list", "--all", "--class", "Lamp", "--full"))
         self.assertNotIn("\x1b", on_terminal("list", NO_COLOR="1"))
+
+    def record(self, name, *words):
+        return self.stay("record", os.path.join(self.folder, name), *words)
+
+    def shown(self, name):
+        """What stands in a recording, without times."""
+        ended = run("show", os.path.join(self.folder, name), "--json")
+        lines = [json.loads(line) for line in ended.stdout.splitlines()]
+        for line in lines:
+            line.pop("time", None)
+        return lines, ended
+
+    def test_what_is_done_is_recorded_and_done_again(self):
+        path = os.path.join(self.folder, "a")
+        recorder = self.record("a", "Lam?")
+        run("set", "/house/hall/Steps", "[10, 30]")
+        run("set", "/house/hall/Level", "101")
+        run("call", "/house/hall/nextStep")
+        run("call", "/house/hall/blink", "2", "for fun")
+        run("call", "/house/addLamp", "attic")
+        self.assertEqual(recorder.end(), 0)
+        hall = {"object": "/house/hall"}
+        call, end = {"event": "call", **hall}, {"event": "end", **hall}
+        lines, _ = self.shown("a")
+        self.assertEqual([line for line in lines if line["event"] in ("call", "end", "value")], [
+            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 10},
+            {"event": "value", **hall, "member": "Steps", "type": "sequence<unsigned>", "value": []},
+            {**call, "member": "setSteps", "arguments": [[10, 30]]},
+            {**end, "member": "setSteps", "results": []},
+            {**call, "member": "setLevel", "arguments": [101]},
+            {**end, "member": "setLevel", "results": []},
+            {**call, "member": "nextStep", "arguments": []},
+            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 30},
+            {**end, "member": "nextStep", "results": [30]},
+            {**call, "member": "blink", "arguments": [2, "for fun"]},
+            {**end, "member": "blink", "results": [True]}])
+        self.assertEqual(lines[-1], {"event": "ended"})
+
+        run("set", "/house/hall/Level", "10")
+        self.check([
+            (["replay", path, "--check", "--speed", "0"], 0, r".*nextStep\(\) -> 30\n.*4 calls made, "
+             r"0 differences\n", ""),
+            (["replay", path, "--check", "--only", "/house/*/nextStep"], 1,
+             r".*nextStep\(\) -> 0\n.*30 then, now 0\n.*1 calls made, 1 differences\n", ""),
+            (["replay", path, "--speed", "1000", "--to", "/house/attic", "--only", "**/setSteps"], 0,
+             r".*/house/attic/setSteps\(\[10, 30\]\)\n.*", ""),
+            (["get", "/house/attic/Steps"], 0, r"\[10, 30\]\n", ""),
+            (["replay", path, "--only", "/nothing"], 3, "", ".*no such calls\n"),
+            (["replay", path, "--speed", "fast"], 2, "", ".*no factor\n"),
+            (["replay", path, "--to", "/nobody"], 3, "", ".*\n.*none of the objects is there\n"),
+            (["replay", TOOL], 2, "", ".*is no recording.*\n"), (["replay", "/nowhere"], 3, "", ".*\n"),
+            (["record", path], 2, "", ".*--force replaces it\n"),
+            (["record", "/dev/null"], 2, "", ".*is no file\n"),
+            (["record", path + "2", "--size", "5X"], 2, "", ".*is no size.*\n"),
+        ])
+        stepped = run("replay", path, "--step", "--json", stdin="\n\nq\n")
+        events = [json.loads(line)["event"] for line in stepped.stdout.splitlines()]
+        self.assertEqual(events, ["begun"] + ["next", "replayed"] * 2 + ["next", "ended"])
+
+        # It is readable where nobody knows the classes, and where it was cut off or damaged.
+        self.house.end(signal.SIGKILL)
+        self.assertEqual(self.shown("a")[0], lines)
+        with open(path, "rb") as file:
+            content = file.read()
+        with open(path + "3", "wb") as file:
+            file.write(content[:-5])
+        self.assertEqual(self.shown("a3")[0], lines[:-1])
+        self.assertRegex(self.shown("a3")[1].stderr, "was cut off")
+        with open(path + "3", "wb") as file:
+            file.write(content[:-60] + b"?" + content[-59:])
+        damaged, ended = self.shown("a3")
+        self.assertEqual((ended.returncode, damaged), (2, lines[:len(damaged)]))
+        self.assertGreater(len(damaged), 10)
+
+    def test_a_recording_that_is_killed_or_full_is_readable(self):
+        recorder = self.record("b", "/house/hall", "--size", "1K", "--files", "3")
+        levels = list(range(20, 40))
+        for level in levels:
+            run("set", "/house/hall/Level", str(level))
+        # Ctrl-Z: nobody waits for it, and it goes on behind what it has.
+        os.kill(recorder.child.pid, signal.SIGTSTP)
+        self.assertTrue(os.WIFSTOPPED(os.waitpid(recorder.child.pid, os.WUNTRACED)[1]))
+        run("set", "/house/hall/Level", "50")
+        os.kill(recorder.child.pid, signal.SIGCONT)
+        recorder.wait_for('"begun"')
+        run("set", "/house/hall/Level", "40")
+        recorder.end(signal.SIGKILL)
+        self.assertEqual(sorted(name for name in os.listdir(self.folder) if name[0] == "b"),
+                         ["b", "b.1", "b.2"])
+        recorded = []
+        for name in ("b.2", "b.1", "b"):
+            lines, _ = self.shown(name)
+            self.assertEqual({"recording", "class", "object"}, {line["event"] for line in lines[:3]})
+            self.assertLess(os.path.getsize(os.path.join(self.folder, name)), 3072)
+            recorded += [line["arguments"][0] for line in lines if line["event"] == "call"]
+        self.assertEqual(recorded, (levels + [40])[-len(recorded):])
+        self.assertGreater(len(recorded), 8)
+
+        # A disk that is full ends it, and no call waits for that.
+        limited = Process("sh", "-c", "trap '' XFSZ; exec \"$0\" \"$@\"", TOOL, "record",
+                          os.path.join(self.folder, "c"), "--json")
+        self.addCleanup(limited.end, signal.SIGKILL)
+        limited.wait_for('"begun"')
+        resource.prlimit(limited.child.pid, resource.RLIMIT_FSIZE, (40_000, 40_000))
+        for _ in range(5):
+            self.check([(["call", "/house/hall/blink", "1", "x" * 9_000], 0, "true\n", "")])
+        self.assertEqual(limited.child.wait(PATIENCE), 6)
+        self.assertIn(b"cannot write", limited.child.stderr.read())
 
     def test_the_man_page_tells_each_subcommand_and_option(self):
         with open(os.path.join(TREE, "tool/man/reflectorb.1")) as file:

@@ -2,9 +2,10 @@
 
 Commands makeCommands() {
     Commands commands;
-    for (auto const make : {makeList, makeTree, makeShow, makeGet, makeSet, makeCall, makeProcesses,
-                            makeClasses, makeDescribe, makeWatch, makeVeto, makeFollow, makeCalls,
-                            makeWaits, makeLog, makeDiff, makeCheck, makeComplete})
+    for (auto const make :
+         {makeList,    makeTree,     makeShow,  makeGet,  makeSet,    makeCall,    makeProcesses,
+          makeClasses, makeDescribe, makeWatch, makeVeto, makeFollow, makeRecord,  makeReplay,
+          makeCalls,   makeWaits,    makeLog,   makeDiff, makeCheck,  makeComplete})
         commands.push_back(make());
 #ifdef REFLECTORB_HAS_NCURSES
     commands.push_back(makeTop());

@@ -15,6 +15,8 @@ std::unique_ptr<Command> makeDescribe();
 std::unique_ptr<Command> makeWatch();
 std::unique_ptr<Command> makeVeto();
 std::unique_ptr<Command> makeFollow();
+std::unique_ptr<Command> makeRecord();
+std::unique_ptr<Command> makeReplay();
 std::unique_ptr<Command> makeLog();
 std::unique_ptr<Command> makeCalls();
 std::unique_ptr<Command> makeWaits();

@@ -17,7 +17,7 @@ Wanted wordsOf(std::string const& command) {
         {"veto", Wanted::kMembers},    {"processes", Wanted::kProcesses},
         {"calls", Wanted::kProcesses}, {"log", Wanted::kProcesses},
         {"diff", Wanted::kProcesses},  {"classes", Wanted::kClasses},
-        {"describe", Wanted::kClasses}};
+        {"record", Wanted::kObjects},  {"describe", Wanted::kClasses}};
     auto const found = words.find(command);
     return found == words.end() ? Wanted::kNothing : found->second;
 }
@@ -27,7 +27,8 @@ Wanted valueOfOption(std::string const& option) {
         return Wanted::kProcesses;
     if (option == "--class")
         return Wanted::kClasses;
-    return option == "--below" ? Wanted::kObjects : Wanted::kNothing;
+    bool const isObject = option == "--below" || option == "--to" || option == "--only";
+    return isObject ? Wanted::kObjects : Wanted::kNothing;
 }
 
 class Complete final : public Command {

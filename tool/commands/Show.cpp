@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "Members.h"
+#include "RecordedCalls.h"
 
 namespace {
 
@@ -91,10 +92,17 @@ Description describe(Found const& found) {
 
 class Show final : public Command {
 public:
-    Show() : Command("show", "Show classes, attributes and operations of objects") {}
+    Show()
+        : Command("show", "Show classes, attributes and operations of objects, or a recording") {}
 
     void declare(Options& options) override {
-        options.words("object", objects_, true, "OBJECT...");
+        options.words("object", objects_, true, "OBJECT..., or a FILE of reflectorb record");
+    }
+
+    /** A file is shown without the group. */
+    bool stays() const override { return objects_.size() == 1 && isRecording(objects_[0]); }
+    ExitCode stay(Settings const& settings, Output& output) override {
+        return showRecording(objects_[0], settings, output);
     }
 
     ExitCode run(Tool& tool) override {

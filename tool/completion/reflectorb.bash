@@ -7,6 +7,9 @@ _reflectorb() {
     elif [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(reflectorb "$command" --help 2>/dev/null |
             grep -o -- '--[a-z]*' | sort -u)" -- "$word")
+    elif [[ $command == replay || ($command == record && COMP_CWORD -eq 2) ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
     else
         # Who presses a key waits for it: who hangs is left out.
         mapfile -t COMPREPLY < <(reflectorb complete \
@@ -15,7 +18,7 @@ _reflectorb() {
         # Names come from other processes: to the shell they are words and nothing else.
         ((${#COMPREPLY[@]} == 0)) || mapfile -t COMPREPLY < <(printf '%q\n' "${COMPREPLY[@]}")
         # Members may follow an object.
-        case $command in get | set | call | watch | veto) compopt -o nospace ;; esac
+        case $command in show) compopt -o default ;; get | set | call | watch | veto) compopt -o nospace ;; esac
     fi
 }
 complete -F _reflectorb reflectorb

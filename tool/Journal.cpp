@@ -1,0 +1,149 @@
+#include "Journal.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "Failure.h"
+
+Journal::Journal(std::string path, Limits limits) : path_(std::move(path)), limits_(limits) {
+    open();
+    if (!failure_.empty())
+        throw Failure(ExitCode::kNoAccess, failure_);
+    writer_ = std::thread([this] { serve(); });
+    writer_.detach();
+}
+
+std::int64_t Journal::now() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+void Journal::add(recording::Record record, std::size_t bytes) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    if (isPaused_ || !failure_.empty())
+        return;
+    bool const hasRoom = waiting_.size() < kMostRecords && waitingBytes_ + bytes <= kMostBytes;
+    if (!hasRoom) {
+        ++lost_;
+        ++counts_.lost;
+        return;
+    }
+    if (lost_ > 0)
+        waiting_.emplace_back(recording::Lost{now(), std::exchange(lost_, 0)});
+    count(record);
+    waiting_.push_back(std::move(record));
+    waitingBytes_ += bytes;
+    changed_.notify_all();
+}
+
+void Journal::addToHead(recording::Record const& record) {
+    {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        head_.push_back(record);
+    }
+    add(record);
+}
+
+void Journal::count(recording::Record const& record) {
+    counts_.calls += std::holds_alternative<recording::Call>(record);
+    counts_.values += std::holds_alternative<recording::Value>(record);
+}
+
+void Journal::pause() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    isPaused_ = true;
+    head_.clear();
+    if (lost_ > 0)
+        waiting_.emplace_back(recording::Lost{now(), std::exchange(lost_, 0)});
+    waiting_.emplace_back(recording::Finish{now()});
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return (waiting_.empty() && !isWriting_) || !failure_.empty(); });
+}
+
+void Journal::resume() {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    isPaused_ = false;
+}
+
+std::string Journal::failure() const {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    return failure_;
+}
+
+Journal::Counts Journal::counts() const {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    return counts_;
+}
+
+// ---- The thread --------------------------------------------------------------------------------
+
+void Journal::serve() {
+    for (;;) {
+        Records records;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            isWriting_ = false;
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return !waiting_.empty() && failure_.empty(); });
+            records.swap(waiting_);
+            waitingBytes_ = 0;
+            isWriting_ = true;
+        }
+        write(records);
+    }
+}
+
+void Journal::write(Records const& records) {
+    for (recording::Record const& record : records) {
+        if (!failure().empty())
+            return;
+        if (limits_.bytes > 0 && written_ >= limits_.bytes)
+            rotate();
+        append(record);
+    }
+    file_.flush();
+    if (!file_)
+        fail("write");
+}
+
+void Journal::append(recording::Record const& record) {
+    std::string const bytes = recording::encode(record);
+    file_ << bytes;
+    written_ += bytes.size();
+}
+
+void Journal::open() {
+    file_.open(path_, std::ios::binary | std::ios::trunc);
+    written_ = 0;
+    file_.write(recording::kMark, recording::kMarkSize);
+    append(recording::Begin{recording::kVersion, now(), "reflectorb " REFLECTORB_VERSION});
+    file_.flush();
+    if (!file_)
+        fail("open");
+}
+
+// Of the names that are in the way, the last one's file is replaced.
+void Journal::rotate() {
+    file_.close();
+    auto const name = [this](unsigned int number) {
+        return number == 0 ? path_ : path_ + "." + std::to_string(number);
+    };
+    for (unsigned int number = limits_.files; number-- > 1;)
+        std::rename(name(number - 1).c_str(), name(number).c_str());
+    open();
+    Records head;
+    {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        head = head_;
+    }
+    for (recording::Record const& record : head)
+        append(record);
+    written_ = 0;
+}
+
+void Journal::fail(std::string const& what) {
+    std::string const why = std::error_code(errno, std::generic_category()).message();
+    std::lock_guard<std::mutex> const lock(mutex_);
+    failure_ = "cannot " + what + " \"" + path_ + "\": " + why;
+    changed_.notify_all();
+}
