@@ -48,6 +48,9 @@ class Generator:
         self._forwards(body, nodes)
         for node in nodes:
             node.emit(body)
+        for entry in self.all.all():
+            if entry["main"] and "refused" not in entry:
+                self.plain.type_name(body, entry)
         for entry in self._own_interfaces():
             self.classes.table(body, entry)
             self.classes.skeleton(body, entry)

@@ -83,6 +83,21 @@ class Plain:
         type_ = self._types.cpp(entry["type"], place[:-1])
         out.line("constexpr %s %s = %s;" % (type_, place[-1], value))
 
+    def type_name(self, out, entry):
+        """The name that a type of its own has in tables, by which values of it are checked."""
+        if entry["kind"] == "exception":
+            text = '"%s"' % self._types.exception_text(entry)
+        elif entry["kind"] in ("struct", "union", "enum"):
+            text = '"%s"' % self._types.text({"ref": entry["scoped"]})
+        else:
+            return
+        out.namespace(())
+        out.blank()
+        out.line("template <>")
+        out.open("struct TreflectTypeName<%s> {" % "::".join(self._scopes.place(entry)))
+        out.function("static std::string text()", text)
+        out.close("};")
+
     # ---- Values --------------------------------------------------------------------------------
 
     def literal(self, type_, value, scope):

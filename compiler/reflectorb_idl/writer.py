@@ -115,7 +115,7 @@ class Writer:
         margin = " " * len(head)
         pieces = []
         for index, item in enumerate(items):
-            room = WIDTH - len(margin) - len(tail)
+            room = WIDTH - len(_STEP) * self._depth - len(margin) - len(tail)
             words, current = item[1:-1].split(" "), '"'
             for position, word in enumerate(words):
                 gap = " " if position < len(words) - 1 else ""
@@ -127,6 +127,16 @@ class Writer:
         for index, piece in enumerate(pieces or [""]):
             end = tail if index >= len(pieces) - 1 else ""
             self.line((head if index == 0 else margin) + piece + end)
+
+    def function(self, head, literal):
+        """A function that returns a string literal: on one line if it fits."""
+        single = "%s { return %s; }" % (head, literal)
+        if len(single) + len(_STEP) * self._depth <= WIDTH:
+            self.line(single)
+            return
+        self.open(head + " {")
+        self.literals("return ", [literal], ";")
+        self.close()
 
     def _fill(self, head, items, tail, margin, room):
         current = head

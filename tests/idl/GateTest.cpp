@@ -150,11 +150,24 @@ TEST_P(GateTest, ItsMembersAreFoundByName) {
     EXPECT_EQ(gate.attribute("Speeds").set(speeds), 0);
     EXPECT_EQ(gate.getSpeeds().value(), speeds);
     EXPECT_FALSE(gate.operation("connect").isError()) << "without the underscore of C++";
-    for (char const* const name : {"numbers", "tree", "value", "onOff", "wide", "neighbour"}) {
-        auto const types = gate.operation(name).meta()->resultTypes();
+    auto const expectResult = [&](char const* operation, std::string const& typeName) {
+        auto const types = gate.operation(operation).meta()->resultTypes();
         ASSERT_EQ(types.size(), 1u);
-        EXPECT_TRUE(types[0].isValid()) << types[0].name();
-    }
+        EXPECT_TRUE(types[0].isValid());
+        EXPECT_EQ(types[0].name(), typeName);
+    };
+    expectResult("numbers", treflectTypeName<works::Numbers>());
+    expectResult("tree", treflectTypeName<works::Tree>());
+    expectResult("value", treflectTypeName<works::Value>());
+    expectResult("onOff", treflectTypeName<works::OnOff>());
+    expectResult("neighbour", treflectTypeName<works::Neighbour>());
+    expectResult("getLight", treflectTypeName<works::Light>());
+    expectResult("wide", "sequence<uint32>");
+    EXPECT_EQ(treflectTypeName<parts::named::BadName>(),
+              "struct parts::Named::BadName{string name}");
+    EXPECT_EQ(gate.attribute("Light").set(works::Light::red), 0);
+    EXPECT_EQ(gate.getLight().value(), works::Light::red);
+    EXPECT_EQ(gate.attribute("Light").set(works::Tree{}), TreflectAttribute::error);
     std::string title;
     EXPECT_EQ(gate.attribute("Next").attribute("Title").get(title), 0);
     EXPECT_EQ(title, "main");

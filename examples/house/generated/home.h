@@ -90,6 +90,21 @@ public:
     TipprmiResult<bool> removeLamp(std::string const& name) const;
 };
 
+template <>
+struct TreflectTypeName<lamp::TooBright> {
+    static std::string text() { return "struct Lamp::TooBright{unsigned limit}"; }
+};
+
+template <>
+struct TreflectTypeName<house::BadName> {
+    static std::string text() { return "struct House::BadName{}"; }
+};
+
+template <>
+struct TreflectTypeName<house::NoPlace> {
+    static std::string text() { return "struct House::NoPlace{}"; }
+};
+
 inline TreflectMetaClass const lampMeta(
     "Lamp", lamp::kClass, {},
     {{"getLevel", lamp::kGetLevel, {}, {"unsigned"}},

@@ -170,6 +170,18 @@ public:
     TipprmiResult<machine::Names> parts(std::string const& kind) const;
 };
 
+template <>
+struct TreflectTypeName<watchedPart::BadLimit> {
+    static std::string text() { return "struct WatchedPart::BadLimit{unsigned highest}"; }
+};
+
+template <>
+struct TreflectTypeName<watchedPart::AlarmState> {
+    static std::string text() {
+        return "struct WatchedPart::AlarmState{unsigned limit, bool raised}";
+    }
+};
+
 inline TreflectMetaClass const partMeta(
     "Part", part::kClass, {},
     {{"getDescription", part::kGetDescription, {}, {"string"}}},
