@@ -447,6 +447,9 @@ class ToolTest(unittest.TestCase):
         os.kill(recorder.child.pid, signal.SIGCONT)
         recorder.wait_for('"begun"')
         run("set", "/house/hall/Level", "40")
+        end = time.monotonic() + PATIENCE
+        while self.shown("b")[0][-1]["event"] != "end" and time.monotonic() < end:
+            time.sleep(0.05)
         recorder.end(signal.SIGKILL)
         self.assertEqual(sorted(name for name in os.listdir(self.folder) if name[0] == "b"),
                          ["b", "b.1", "b.2"])
