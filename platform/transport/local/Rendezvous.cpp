@@ -192,7 +192,7 @@ Rendezvous::Linking Rendezvous::State::becomeLink() {
             file->unlockLink();
             return Linking::Failed;
         }
-        link_ = true;
+        link_ = linkLocked_ = true;
         ++published_;
     }
     OSWrap::withMemory([this] { scan(); });

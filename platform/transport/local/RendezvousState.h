@@ -93,7 +93,8 @@ private:
     void watchProcesses();
     bool mayEnd(bool State::*lives);
     void renew() OSW_REQUIRES(mutex_);
-    bool lockNames() OSW_REQUIRES(mutex_);
+    enum class Locks { All, Lacking };
+    bool takeLocks(Locks which) OSW_REQUIRES(mutex_);
     void tellOtherLink(PresenceFile const& file) const;
     void lookAgainSoon() OSW_REQUIRES(mutex_);
     long long timeToKnock();
@@ -133,6 +134,7 @@ private:
     std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // name id given last, as far as seen
     std::size_t published_ OSW_GUARDED_BY(mutex_) = 0;     // the link counts like a termination
     bool link_ OSW_GUARDED_BY(mutex_) = false;
+    bool linkLocked_ OSW_GUARDED_BY(mutex_) = false;  // in the file in use, as Own::locked
     bool announcementThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     bool processThreadLives_ OSW_GUARDED_BY(mutex_) = false;
     /** When to look again who has not followed to the file in use, and to knock there; 0 when that

@@ -164,7 +164,7 @@ void Rendezvous::State::renew() {
     if (next == nullptr)
         return;
     files.use(next);
-    bool const gained = lockNames();
+    bool const gained = takeLocks(current ? Locks::Lacking : Locks::All);
     if (gained || !current)
         next->announce();
     if (current)
@@ -184,16 +184,21 @@ void Rendezvous::State::tellOtherLink(PresenceFile const& file) const {
                           static_cast<int>(file.linkOwner()), folder.load()->path().c_str());
 }
 
-/** Takes the locks of all own names, and of the link, in the file in use; true when others see more
- * of them now. */
-bool Rendezvous::State::lockNames() {
+/** Takes the locks of own names, and of the link, in the file in use: of all when it is another one
+ * than before. True when others see more of the names now. */
+bool Rendezvous::State::takeLocks(Locks which) {
     auto const file = folder.load()->file();
     bool gained = false;
-    bool lacking = link_ && !file->lockLink();
-    if (lacking)
-        tellOtherLink(*file);
+    if (link_ && (which == Locks::All || !linkLocked_)) {
+        linkLocked_ = file->lockLink();
+        if (!linkLocked_)
+            tellOtherLink(*file);
+    }
+    bool lacking = link_ && !linkLocked_;
     for (auto& [id, own] : own_) {
         bool const before = own.locked;
+        if (before && which == Locks::Lacking)
+            continue;
         own.locked = file->lockName(id);
         gained = gained || (own.locked && !before);
         if (own.locked)
