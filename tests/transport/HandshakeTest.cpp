@@ -627,6 +627,14 @@ TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWait
     for (int i = 0; i < 3; ++i)
         expectThatAGoodOneIsWelcome();
     ASSERT_EQ(taken(), 2) << "half of the room is for one process";
+    HandMadePeer leaving;
+    ASSERT_TRUE(leaving.open(own_.termId()));
+    ASSERT_EQ(own_.send(leaving.from, TestHead::Numbered, 0), 1);
+    leaving.put({8, kSize}, 16);
+    auto const left = std::chrono::steady_clock::now();
+    leaving.hangUp();
+    EXPECT_TRUE(own_.waitForReturned(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - left, std::chrono::seconds(20));
     std::find_if(peers.begin(), peers.end(), isTaken)->hangUp();
     EXPECT_SOON(taken() == 3);
 }

@@ -376,14 +376,15 @@ Channel::Batch Channel::awaitMemory() {
 }
 
 /** A large message that begins here stays in the ring, with those behind it, while too many others
- * of the peer's process, or of all, are unfinished. Then the channel is given up, too. */
+ * of the peer's process, or of all, are unfinished. Then the channel is given up, too: soon when the
+ * peer has left, since what has not reached it comes back only then. */
 Channel::Batch Channel::awaitRoom() {
     constexpr long long kPause = 100'000'000;  // nanoseconds
-    constexpr long long kLongest = 300 * kPause;
+    long long const longest = (ending() ? 10 : 300) * kPause;
     long long const now = OSWrap::Clock::nowNanoseconds();
     if (connection_->roomlessSince == 0)
         connection_->roomlessSince = now;
-    if (now - connection_->roomlessSince > kLongest)
+    if (now - connection_->roomlessSince > longest)
         return Batch::NoMemory;
     if (connection_->reader->finishBatch())
         ringDoorBell(connection_->peer.bell.get());
