@@ -634,6 +634,7 @@ TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWait
     auto const left = std::chrono::steady_clock::now();
     leaving.hangUp();
     EXPECT_TRUE(own_.waitForReturned(1));
+    EXPECT_TRUE(log_.contains("too much of its process is unfinished"));
     EXPECT_LT(std::chrono::steady_clock::now() - left, std::chrono::seconds(20));
     std::find_if(peers.begin(), peers.end(), isTaken)->hangUp();
     EXPECT_SOON(taken() == 3);

@@ -298,9 +298,11 @@ bool Channel::receiveBatch() {
     if (batch == Batch::Waits)
         return false;
     if (batch == Batch::Garbage)
-        closeForGarbage("its ring holds nonsense");
+        closeBecause("its ring holds nonsense");
     else if (batch == Batch::NoMemory)
         closeForShortage();
+    else if (batch == Batch::NoRoom)
+        closeBecause("too much of its process is unfinished");
     else if (ending() || connection_->byeSeen || connection_->garbageSeen)
         react();
     return batch != Batch::Empty;
@@ -376,8 +378,8 @@ Channel::Batch Channel::awaitMemory() {
 }
 
 /** A large message that begins here stays in the ring, with those behind it, while too many others
- * of the peer's process, or of all, are unfinished. Then the channel is given up, too: soon when the
- * peer has left, since what has not reached it comes back only then. */
+ * of the peer's process, or of all, are unfinished. Then the channel is given up, too: soon when
+ * the peer has left, since what has not reached it comes back only then. */
 Channel::Batch Channel::awaitRoom() {
     constexpr long long kPause = 100'000'000;  // nanoseconds
     long long const longest = (ending() ? 10 : 300) * kPause;
@@ -385,7 +387,7 @@ Channel::Batch Channel::awaitRoom() {
     if (connection_->roomlessSince == 0)
         connection_->roomlessSince = now;
     if (now - connection_->roomlessSince > longest)
-        return Batch::NoMemory;
+        return Batch::NoRoom;
     if (connection_->reader->finishBatch())
         ringDoorBell(connection_->peer.bell.get());
     receiver_->makeCold(*this);

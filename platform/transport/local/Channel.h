@@ -107,7 +107,7 @@ private:
     enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
-    enum class Batch { Empty, More, Waits, Garbage, NoMemory };
+    enum class Batch { Empty, More, Waits, Garbage, NoMemory, NoRoom };
     /** Why a connection is of no more use, once what the peer has sent has been taken in. When
      * several reasons come together, the last of them in this list decides. */
     enum class Ending {
@@ -210,7 +210,7 @@ private:
     bool ending() const { return connected() && connection_->ending(); }
     bool hasReadAll();
     void end();
-    void closeForGarbage(char const* what);
+    void closeBecause(char const* reason);
     void close(Unread unread);
     bool giveBackUntaken();
     void endWithSocket();

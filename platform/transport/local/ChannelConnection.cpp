@@ -59,7 +59,7 @@ void Channel::service() {
     if (state == State::Gone)
         clearUpGone();
     else if (broken)
-        closeForGarbage("it has taken more than we have sent");
+        closeBecause("it has taken more than we have sent");
     else if (state == State::Wanted)
         connect();
     else if (stands())
@@ -350,7 +350,7 @@ void Channel::react() {
     if (!connected())
         return;
     if (connection_->garbageSeen) {
-        closeForGarbage("it has sent nonsense over the socket");
+        closeBecause("it has sent nonsense over the socket");
         return;
     }
     if (std::exchange(connection_->byeSeen, false) && !ending())
@@ -435,10 +435,10 @@ void Channel::giveBackIfIdle() {
 
 // ---- Closing ------------------------------------------------------------------------------------
 
-void Channel::closeForGarbage(char const* what) {
+void Channel::closeBecause(char const* reason) {
     static Logging::LineLimit limit(kFirstLines);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource, "closing the channel of 0x%08X with 0x%08X: %s",
-                           ownId_.value(), peer_.value(), what);
+                           ownId_.value(), peer_.value(), reason);
     giveBackAll();
 }
 
