@@ -1,5 +1,5 @@
 // What must not compile, each piece by itself, and what the compiler is to say of it (the text in
-// the comment).
+// the comment). Where the error speaks of "T", the compiler tells besides that it is Opaque.
 #include <memory>
 
 #include "ipprmi.h"
@@ -33,7 +33,7 @@ void unsendable([[maybe_unused]] TipprmiStream& stream) {
 #elif PIECE == 4   // a pointer means nothing elsewhere
     int number = 0;
     stream << &number;
-#elif PIECE == 5   // T has no operator<< for TipprmiStream
+#elif PIECE == 5   // has no operator<< for TipprmiStream
     stream << std::make_unique<int>(1);
 #elif PIECE == 6   // this number has not the same size on every machine
     stream << 1.0L;
