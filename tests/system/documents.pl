@@ -38,9 +38,9 @@ sub line_of {
 }
 
 # ---- Samples are pieces of programs that are built ----
-# Each block of C++ comes after a comment <!-- from <file> --> and is text of that file, without gaps
-# but where a line of the block is "...". Blanks and line ends do not count. That of README.md is its
-# file to the letter.
+# Each block of C++ or IDL comes after a comment <!-- from <file> --> and is text of that file, without
+# gaps but where a line of the block is "...". Blanks and line ends do not count. That of README.md is
+# its file to the letter.
 
 sub dense { return $_[0] =~ s/\s+//gr; }
 
@@ -60,7 +60,7 @@ sub check_sample {
 sub check_samples {
     my $text = read_file($guide);
     my $samples = 0;
-    while ($text =~ /^(?:<!-- from (\S+) -->\n)?```cpp\n(.*?)^```$/msg) {
+    while ($text =~ /^(?:<!-- from (\S+) -->\n)?```(?:cpp|idl)\n(.*?)^```$/msg) {
         my ($file, $sample, $line) = ($1, $2, line_of($text, $-[0]));
         $samples++;
         if ($file) { check_sample($line, $file, $sample); }
