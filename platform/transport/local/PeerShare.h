@@ -13,9 +13,10 @@ namespace Transport {
  * What one other process makes this one keep, in bytes and however many terminations it has, since
  * each of these could fill what a single channel may hold. Shared by the channels to them.
  *
- * A process may have as much as is still free for all: one by itself half of what there is, those
- * who take much share it between them, and who takes little always finds some. Any thread; needs
- * neither lock nor memory.
+ * A process may have as much as is still free for all: one by itself half of what there is, and
+ * those who take much share it between them. The first that each asks for it is given in any case:
+ * so many who take much keep nobody from one message at a time. Any thread; needs neither lock nor
+ * memory.
  */
 class PeerShare {
 public:
@@ -60,7 +61,8 @@ public:
     Reservation& operator=(Reservation const&) = delete;
 
     std::size_t bytes() const { return bytes_; }
-    /** False when the process may not have so much more. */
+    /** False when the process may not have so much more. What it has of a kind begins with one
+     * message or ring, of whatever size. */
     bool grow(std::size_t bytes, Room room = Room::Usual);
     void shrinkTo(std::size_t bytes);
 
