@@ -178,6 +178,15 @@ TEST_F(PresenceTest, aFolderHasOneLinkWhateverBecomesOfItsFileAndItTakesNoAddres
     EXPECT_FALSE(link.does("members 03020001 " + hex(local.id())));
     EXPECT_TRUE(link.child().waitForErrorLine("of another machine cannot be shown: process " +
                                               std::to_string(local.child().pid())));
+    EXPECT_FALSE(link.does("silent 03020001"));
+    EXPECT_TRUE(link.child().waitForErrorLine("of another machine cannot be shown: process " +
+                                              std::to_string(link.child().pid())));
+    PresenceActor seer;
+    seer.start();
+    ASSERT_TRUE(link.does("silent 01020100"));
+    EXPECT_SOON(seer.does("exists 01020100"));
+    for (PresenceActor* actor : {&seer, static_cast<PresenceActor*>(&link)})
+        EXPECT_LT(actor->start().substr(4), "0100") << "it goes on from name ids of its own slot";
     std::string const refusal = "Process " + std::to_string(link.child().pid()) + " is the link";
     for (char const* file : {"as it was", "replaced"}) {
         Link other;

@@ -46,9 +46,10 @@ std::uint32_t farFrom(std::set<unsigned short> const& nameIds) {
 
 // ---- Own terminations ---------------------------------------------------------------------------
 
-bool Rendezvous::State::openFolder(std::string const& path) {
+bool Rendezvous::State::openFolder(IdentitySnapshot const& identity) {
+    slot_ = identity.slot;
     if (folder == nullptr) {
-        folder = EntryFolder::open(path).release();
+        folder = EntryFolder::open(identity.directory).release();
         if (folder != nullptr) {
             watchForForks();
             watch_.prepare();
@@ -112,10 +113,16 @@ PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file, unsigned 
     return taken;
 }
 
+/** Those of other machines are given elsewhere, and say nothing of where to go on here. */
+void Rendezvous::State::noteName(TerminationId id) {
+    if (id.slotId() == slot_)
+        latestName_ = PresenceFile::laterOf(latestName_, id.nameId());
+}
+
 /** The file to take a name id from; null, with a log line, when there is none. */
-std::shared_ptr<PresenceFile> Rendezvous::State::prepare(std::string const& path) {
+std::shared_ptr<PresenceFile> Rendezvous::State::prepare(IdentitySnapshot const& identity) {
     OSWrap::Lock<> lock(mutex_);
-    if (!openFolder(path))
+    if (!openFolder(identity))
         return nullptr;
     renew();
     return folder.load()->file();
@@ -128,7 +135,7 @@ TerminationId Rendezvous::State::reserve(GroupId group, std::string const& name)
     DelayedLog const delayed;
     OSWrap::Lock<> reserving(reserving_);
     for (int attempt = 0; attempt < kReserveAttempts; ++attempt) {
-        std::shared_ptr<PresenceFile> const file = prepare(identity->directory);
+        std::shared_ptr<PresenceFile> const file = prepare(*identity);
         if (file == nullptr)
             return {};
         Identity::instance().freeze();
@@ -154,7 +161,7 @@ bool Rendezvous::State::adopt(TerminationId id, std::string const& actor, std::s
         return false;
     DelayedLog const delayed;
     OSWrap::Lock<> reserving(reserving_);
-    if (prepare(identity->directory) == nullptr)
+    if (prepare(*identity) == nullptr)
         return false;
     Identity::instance().freeze();
     Own own{EntryFolder::fileName(id, actor, name, visibility), folder.load()->bindHidden(id),
@@ -168,7 +175,7 @@ bool Rendezvous::State::adopt(TerminationId id, std::string const& actor, std::s
     TRANSPORT_LOG_LIMITED(limit, 3, kSource,
                           "Termination 0x%08X of another machine cannot be shown: process %d holds "
                           "its name id",
-                          id.value(), static_cast<int>(folder.load()->ownerOf(id)));
+                          id.value(), toTell(folder.load()->ownerOf(id)));
     return false;
 }
 
@@ -179,7 +186,7 @@ Rendezvous::Linking Rendezvous::State::becomeLink() {
     {
         DelayedLog const delayed;
         OSWrap::Lock<> lock(mutex_);
-        if (!openFolder(identity->directory))
+        if (!openFolder(*identity))
             return Linking::Failed;
         renew();
         Identity::instance().freeze();
@@ -216,7 +223,7 @@ bool Rendezvous::State::enter(TerminationId id, Own own, PresenceFile::NameLock&
         own_.erase(entered);
         return false;
     }
-    latestName_ = PresenceFile::laterOf(latestName_, id.nameId());
+    noteName(id);
     if (taken.isIn(*file))
         taken.keep();
     return true;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "oswrap/Mutex.h"
+#include "platform/transport/Identity.h"
 #include "platform/transport/local/EntryFolder.h"
 #include "platform/transport/local/NeighbourWatch.h"
 #include "platform/transport/local/PresenceTable.h"
@@ -71,10 +72,11 @@ private:
     };
     class WatchThread;
 
-    bool openFolder(std::string const& path) OSW_REQUIRES(mutex_);
-    std::shared_ptr<PresenceFile> prepare(std::string const& path);
+    bool openFolder(IdentitySnapshot const& identity) OSW_REQUIRES(mutex_);
+    std::shared_ptr<PresenceFile> prepare(IdentitySnapshot const& identity);
     PresenceFile::NameLock takeName(PresenceFile& file, unsigned char slot)
         OSW_REQUIRES(reserving_);
+    void noteName(TerminationId id) OSW_REQUIRES(mutex_);
     bool enter(TerminationId id, Own own, PresenceFile::NameLock& taken);
     bool mayShow(TerminationId id);
     std::set<unsigned short> ownNames();
@@ -96,6 +98,7 @@ private:
     enum class Locks { All, Lacking };
     bool takeLocks(Locks which) OSW_REQUIRES(mutex_);
     void tellOtherLink(PresenceFile const& file) const;
+    static int toTell(pid_t holder);
     void lookAgainSoon() OSW_REQUIRES(mutex_);
     long long timeToKnock();
 
@@ -131,7 +134,8 @@ private:
     OSWrap::Mutex mutex_;      // changes to the folder and to the table by this process
     /** By what each has locked: ids that differ in the group alone are the same to it. */
     std::map<TerminationId, Own, PrecedesByLock> own_ OSW_GUARDED_BY(mutex_);
-    std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // name id given last, as far as seen
+    unsigned char slot_ OSW_GUARDED_BY(mutex_) = 0;        // whose name ids are given here
+    std::uint32_t latestName_ OSW_GUARDED_BY(mutex_) = 0;  // the last of them, as far as seen
     std::size_t published_ OSW_GUARDED_BY(mutex_) = 0;     // the link counts like a termination
     bool link_ OSW_GUARDED_BY(mutex_) = false;
     bool linkLocked_ OSW_GUARDED_BY(mutex_) = false;  // in the file in use, as Own::locked

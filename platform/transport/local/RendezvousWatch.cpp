@@ -178,10 +178,15 @@ void Rendezvous::State::renew() {
                           files.path().c_str());
 }
 
+/** For log lines, of a lock that was refused: who holds it already is told that it is free. */
+int Rendezvous::State::toTell(pid_t holder) {
+    return static_cast<int>(holder == PresenceFile::kFree ? ::getpid() : holder);
+}
+
 void Rendezvous::State::tellOtherLink(PresenceFile const& file) const {
     static Logging::LineLimit limit;
     TRANSPORT_LOG_LIMITED(limit, 3, kSource, "Process %d is the link of the rendezvous folder %s",
-                          static_cast<int>(file.linkOwner()), folder.load()->path().c_str());
+                          toTell(file.linkOwner()), folder.load()->path().c_str());
 }
 
 /** Takes the locks of own names, and of the link, in the file in use: of all when it is another one
@@ -388,7 +393,7 @@ bool Rendezvous::State::admit(std::vector<FolderEntry> const& all, FolderEntry c
     std::optional<pid_t> const owner = provenOwner(all, entry);
     if (!owner)
         return false;
-    latestName_ = PresenceFile::laterOf(latestName_, entry.id.nameId());
+    noteName(entry.id);
     table.drop(entry.id, gone);  // whose successor, under the same id, this one is
     return table.admit(entry.id, {entry.file, *owner, entry.visibility});
 }
