@@ -167,6 +167,7 @@ public:
                                       std::size_t size) {
         auto message = Transport::AddressedMessage::allocate(size);
         message.originator(id_);
+        message.destination(to);
         TestHead{TestHead::Numbered, number}.fill(message);
         std::lock_guard<std::mutex> const lock(mutex_);
         std::uint64_t place = 0;
@@ -207,6 +208,15 @@ TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) 
         ASSERT_TRUE(proxy.send(peer.id(), number, 8));
     EXPECT_TRUE(peer.waitForReceived(10));
     EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, WhatCannotBePassedOnWithinAProcessComesBackAsFromOutside) {
+    Proxy proxy(Transport::TerminationId(1, 9, kGroup));
+    own_.onReceive([](auto const& message) {
+        return Transport::Switchboard::instance().sendBack(message) != 1;
+    });
+    ASSERT_TRUE(proxy.send(own_.termId(), 0, 8));
+    EXPECT_SOON(proxy.inRing == 1u) << "it had come where its receiver takes it from";
 }
 
 TEST_F(ChannelTest, TheEndOfABatchIsToldAlsoWhenALargeMessageBehindItHasToWait) {

@@ -76,10 +76,16 @@ int Switchboard::sendBack(AddressedMessage const& message) {
     if (message.empty() || inForkedChild() || !Rendezvous::instance().exists(message.originator()))
         return 0;
     std::shared_ptr<Receiver> const from = receiver(message.destination());
-    if (from == nullptr)
+    if (from == nullptr || !from->sending())
         return 0;
-    if (receiver(message.originator()) != nullptr)
-        return giveBack(message, message.originator());
+    if (std::shared_ptr<Receiver> const originator = receiver(message.originator())) {
+        AddressedMessage copy = copyOf(message);
+        if (copy.empty())
+            return 0;
+        noteSentAgain(copy);  // as one that a channel brings back: for good
+        MessageChain::mark(copy, MessageMark::ReachedRing);
+        return originator->giveBack(std::move(copy));
+    }
     std::shared_ptr<Channel> const way = channel(from, message.originator());
     return way != nullptr && way->sendBack(message) ? 1 : 0;
 }

@@ -39,10 +39,10 @@ public:
      * taken, else 0. */
     int giveBack(AddressedMessage const& message, TerminationId to);
 
-    /** Has the termination of another process, message.originator(), get a copy of a message
-     * through receiveError which it has sent to one of this process, message.destination(): in
-     * order with what that one sends. 1 when taken, else 0: it has gone, too much waits for it, or
-     * the termination here sends no more. */
+    /** Has the termination message.originator() get a copy of a message through receiveError, for
+     * good, which it has sent to one of this process, message.destination(): in order with what
+     * that one sends, or, within a process, before it. 1 when taken, else 0: it has gone, too much
+     * waits for it, or the termination here sends no more. */
     int sendBack(AddressedMessage const& message);
 
     void add(std::shared_ptr<Receiver> receiver);
