@@ -1,13 +1,14 @@
 # Functions for the tests.
 #
-#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>] [BROKERS]
+#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL] [BROKERS]
 #                   [PLATFORM] [INTERNALS | ROOMS <room>...] [LIBRARIES <library>...])
 #
 # makes one GoogleTest program and registers each of its tests with ctest, which may run all of
-# them at the same time. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
-# emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native"
-# does what an emulator cannot do, and is left out where there is one. BROKERS is for a program that
-# makes brokers: they meet in a folder of its own (tests/support/BrokerFolder.cpp).
+# them at the same time; those of a SERIAL program run with nothing beside them. TIMEOUT (default
+# 60) holds for one test on a quiet machine; sanitizers and emulation multiply it. Labels are the
+# folder's name and LABELS. A program with the label "native" does what an emulator cannot do, and
+# is left out where there is one. BROKERS is for a program that makes brokers: they meet in a folder
+# of its own (tests/support/BrokerFolder.cpp).
 #
 #   reflectorb_test_program(<name> SOURCES <file>... [PLATFORM] [INTERNALS | ROOMS ...] [LIBRARIES ...])
 #
@@ -29,7 +30,7 @@ endif()
 
 macro(_reflectorb_parse_test_arguments)
     cmake_parse_arguments(PARSE_ARGV 1 arg
-        "BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
+        "SERIAL;BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
     if(arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "${name}: unknown arguments ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -95,7 +96,7 @@ function(reflectorb_test name)
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT ${timeout} COST ${cost})
+        PROPERTIES TIMEOUT ${timeout} COST ${cost} RUN_SERIAL ${arg_SERIAL})
     _reflectorb_label_tests(${name} ${folder} ${arg_LABELS})
 endfunction()
 

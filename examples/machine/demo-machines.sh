@@ -18,7 +18,9 @@ names=(none one two three)    # by slot
 work=$(mktemp -d)
 shown=$work/panel.log
 declare -a link_pids machine_pids
-panel_pid='' screen_pid='' namespaces=''
+panel_pid='' screen_pid=''
+namespaces=''       # not empty: they are the machines
+made_namespaces='' # not empty: some may be there, whether they are the machines or not
 
 space() { echo "reflectorb-demo-$$-$1"; }
 
@@ -29,9 +31,7 @@ clean_up() {
         kill -KILL "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
-    for slot in hub 1 2 3; do
-        [[ -z $namespaces ]] || ip netns del "$(space $slot)" 2>/dev/null || true
-    done
+    [[ -z $made_namespaces ]] || delete_network
     rm -rf "$work"
 }
 trap clean_up EXIT
@@ -50,21 +50,32 @@ fail() {
 # ---- Machines ----------------------------------------------------------------------------------
 
 # Three namespaces, each with a cable to a bridge in a fourth one. The addresses are known in there
-# only.
+# only. Where they can be made but nothing can be run in them, as in some containers, this fails, too.
+# What calls it looks at its result, so that no failure ends the shell: each is told of by itself.
 make_network() {
     local slot
+    [[ $(id -u) == 0 ]] || return 1
+    made_namespaces=yes
+    delete_network # what one of the same process id has left
     ip netns add "$(space hub)" 2>/dev/null || return 1
-    namespaces=yes
     ip -n "$(space hub)" link add bridge type bridge || return 1
-    ip -n "$(space hub)" link set bridge up
+    ip -n "$(space hub)" link set bridge up || return 1
     for slot in 1 2 3; do
-        ip netns add "$(space $slot)"
+        ip netns add "$(space $slot)" || return 1
+        ip netns exec "$(space $slot)" true || return 1
         ip link add cable netns "$(space $slot)" type veth peer name "port$slot" \
             netns "$(space hub)" || return 1
-        ip -n "$(space hub)" link set "port$slot" master bridge up
-        ip -n "$(space $slot)" addr add "10.77.0.$slot/24" dev cable
-        ip -n "$(space $slot)" link set lo up
-        ip -n "$(space $slot)" link set cable up
+        ip -n "$(space hub)" link set "port$slot" master bridge up || return 1
+        ip -n "$(space $slot)" addr add "10.77.0.$slot/24" dev cable || return 1
+        ip -n "$(space $slot)" link set lo up || return 1
+        ip -n "$(space $slot)" link set cable up || return 1
+    done
+}
+
+delete_network() {
+    local slot
+    for slot in hub 1 2 3; do
+        ip netns del "$(space $slot)" 2>/dev/null || true
     done
 }
 
@@ -122,9 +133,9 @@ for program in "$programs/machine" "$programs/panel" "$link"; do
 done
 
 if make_network; then
+    namespaces=yes
     say "three network namespaces stand for three machines"
 else
-    namespaces=''
     say "without the right to make network namespaces: three folders stand for three machines," \
         "and their links meet on the loopback interface"
 fi

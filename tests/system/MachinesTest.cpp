@@ -22,25 +22,28 @@ bool does(std::string const& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
+/** Whether the program takes SIGTERM as something to read, which it does first of all. */
+bool readsSignals(ChildProgram const& program) {
+    return does("grep -q '^SigBlk:.*4203$' /proc/" + std::to_string(program.pid()) + "/status");
+}
+
 /** Two namespaces and the cable between them, of addresses that are known in there only. */
 class Network {
 public:
     Network() {
+        remove();  // what one of the same process id has left
         made_ = geteuid() == 0 && does("ip netns add " + name(1)) &&
                 does("ip netns add " + name(2)) &&
                 does("ip link add cable netns " + name(1) + " type veth peer name cable netns " +
                      name(2));
         for (int slot : {1, 2})
-            made_ = made_ &&
+            made_ = made_ && does("ip netns exec " + name(slot) + " true") &&
                     does("ip -n " + name(slot) + " addr add 10.77.0." + std::to_string(slot) +
                          "/24 dev cable") &&
                     does("ip -n " + name(slot) + " link set lo up");
         plugIn();
     }
-    ~Network() {
-        for (int slot : {1, 2})
-            does("ip netns del " + name(slot));
-    }
+    ~Network() { remove(); }
     Network(Network const&) = delete;
     Network& operator=(Network const&) = delete;
 
@@ -55,6 +58,11 @@ public:
     }
 
 private:
+    static void remove() {
+        for (int slot : {1, 2})
+            does("ip netns del " + name(slot));
+    }
+
     bool made_ = false;
 };
 
@@ -104,7 +112,7 @@ class MachinesTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!network.made())
-            GTEST_SKIP() << "network namespaces need root, and iproute2";
+            GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
         one.startLink();
         two.startLink();
         awaitLinked();
@@ -239,6 +247,14 @@ TEST_F(MachinesTest, a_second_link_of_a_folder_and_a_second_machine_of_a_slot_ar
     rival.awaitLinked();
     auto const late = one.program("other");
     EXPECT_EQ(late->exitCode(), 3);
+}
+
+TEST_F(MachinesTest, a_link_that_still_looks_who_has_its_slot_ends_when_told) {
+    one.link.reset();
+    auto const early = one.program("machine1");
+    ASSERT_SOON(readsSignals(*early));
+    early->signal(SIGTERM);
+    EXPECT_EQ(early->exitCode(), 0);
 }
 
 }  // namespace
