@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
@@ -67,7 +68,7 @@ private:
 
     std::bitset<256> groups() const;
     bool openBus();
-    int awaitSlot();
+    std::optional<int> awaitSlot();
     int stay();
     Waited wait(int milliseconds);
     bool takeSignals();
@@ -107,8 +108,8 @@ int Program::run() {
     exchange_ = std::make_unique<Link::Exchange>(own_, groups(), wake);
     if (!openBus())
         return kDone;
-    int const refused = awaitSlot();
-    return refused != kDone ? refused : stay();
+    std::optional<int> const over = awaitSlot();
+    return over ? *over : stay();
 }
 
 /** False when the program is to end before there is a bus. */
@@ -122,7 +123,8 @@ bool Program::openBus() {
     }
 }
 
-int Program::awaitSlot() {
+/** Nothing when the slot is ours; otherwise what the program is to end with. */
+std::optional<int> Program::awaitSlot() {
     if (wait(kLookMilliseconds) == Waited::Ended)
         return kDone;
     exchange_->control();
@@ -132,7 +134,7 @@ int Program::awaitSlot() {
         exchange_->control();
     }
     if (exchange_->rival().empty())
-        return kDone;
+        return std::nullopt;
     REFLECTORB_LOG(3, kSource, "machine %s has slot %u: this one, %s, needs another",
                    exchange_->rival().c_str(), unsigned{own_.slot}, own_.machine.c_str());
     return kSlotTaken;

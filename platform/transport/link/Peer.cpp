@@ -409,7 +409,7 @@ void Peer::perform(std::vector<Action>& actions) {
                 deliver(action, settled, refused);
                 break;
             case Action::Kind::GiveBack:
-                Switchboard::instance().sendBack(action.message);
+                sendBack(action.message);
                 break;
             case Action::Kind::GoOn:
                 goOn(action.to, action.from);
