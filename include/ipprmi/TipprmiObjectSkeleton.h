@@ -15,11 +15,27 @@ class TreflectServerObject;
 
 /**
  * Server side of an object: registered with the broker of its identifier's namespace from
- * construction to destruction. Derived classes override `dispatch`, serve their own method codes
- * and pass the rest on. Build and destroy skeletons holding the run permission; `dispatch` is
- * called with it. A function that waits gives the permission up: the object must outlive it, unless
- * it is a TreflectServerObject, which may be destroyed meanwhile by who touches nothing of it
- * afterwards. A resource: neither copied nor moved.
+ * construction to destruction. Build and destroy skeletons holding the run permission; `dispatch`
+ * is called with it. A function that waits gives the permission up: the object must outlive it,
+ * unless it is a TreflectServerObject, which may be destroyed meanwhile by who touches nothing of
+ * it afterwards. A resource: neither copied nor moved.
+ *
+ * Most objects derive from a skeleton that the interface compiler has written or TreflectInterface
+ * makes, which have a table of the class and dispatch by it:
+ *
+ *     class LampSkeleton : public TreflectInterface<LampSkeleton> {
+ *     public:
+ *         using TreflectInterface::TreflectInterface;
+ *
+ *         virtual void switchOn() = 0;
+ *
+ *         static constexpr auto interface() {
+ *             return describe("Lamp", 0x4C414D50, op<&LampSkeleton::switchOn>("switchOn", 1));
+ *         }
+ *     };
+ *
+ * One that needs neither a class nor a name derives from this class, overrides `dispatch`, serves
+ * its own method codes and passes the rest on:
  *
  *     bool Lamp::dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
  *                         TipprmiStream& out) {

@@ -16,31 +16,29 @@ class TreflectMetaAttribute;
 
 /**
  * Server side of a reflective object: a skeleton that has a name and a place in a tree of names,
- * which may reach over processes, tells its classes, and lets its calls be observed. Derived
- * classes serve their own method codes and pass the rest on:
+ * which may reach over processes, tells its classes, and lets its calls be observed. The interface
+ * compiler writes the skeletons that server objects derive from; in C++ alone TreflectInterface
+ * makes one of a line for each operation:
  *
- *     class LampSkeleton : public TreflectSkeleton<lampMeta> {
+ *     class LampSkeleton : public TreflectInterface<LampSkeleton> {
  *     public:
- *         using TreflectSkeleton::TreflectSkeleton;
+ *         using TreflectInterface::TreflectInterface;
  *
  *         virtual unsigned int getLevel() = 0;
  *         virtual void setLevel(unsigned int level) = 0;
+ *         virtual bool blink(unsigned int times) = 0;
  *
- *         bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
- *                       TipprmiStream& out) override {
- *             switch (mc) {
- *             case lamp::kGetLevel:
- *                 return serve(lamp::kClass, cc, mc, in, out, &LampSkeleton::getLevel);
- *             case lamp::kSetLevel:
- *                 return serve(lamp::kClass, cc, mc, in, out, &LampSkeleton::setLevel);
- *             default:
- *                 return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
- *             }
+ *         static constexpr auto interface() {
+ *             return describe(
+ *                 "Lamp", 0x4C414D50,
+ *                 attribute<&LampSkeleton::getLevel, &LampSkeleton::setLevel>("Level", 1, 2),
+ *                 op<&LampSkeleton::blink>("blink", 6));
  *         }
  *     };
  *
- * TreflectSkeleton answers for the class; without it a derived class overrides getServerClassId and
- * getServerClassIdSeq.
+ * A class that neither can describe, such as one that is known only at run time, overrides
+ * `dispatch`, serves its own method codes (see `serve`) and passes the rest on; it overrides
+ * getServerClassId and getServerClassIdSeq, unless it derives from TreflectSkeleton.
  *
  * Build and destroy server objects holding the run permission; everything here runs under it.
  * A derived class calls `sendCreationEvent` when it is built and `sendDeletionEvent` first thing in
