@@ -168,8 +168,9 @@ protected:
     /**
      * Serves a call by a member function, as TipprmiObjectSkeleton::serve does, and lets the call
      * be observed. `declaring` is the class that has the operation in its tables; a call whose
-     * class code is neither that nor another class of this object is not served. Before the
-     * function is called its observers are told the arguments, and if one forbids the call it is
+     * class code is neither that nor another class of this object is not served, nor one by the
+     * class code of a base whose table has another operation under `mc`. Before the function is
+     * called its observers are told the arguments, and if one forbids the call it is
      * refused with TipprmiFailure::kVetoed; afterwards they are told the result, if there is one.
      *
      * The function may destroy the object as its last act: the caller gets the result all the same,
@@ -199,8 +200,9 @@ private:
     void serveChildRegistration(TipprmiStream& in, TipprmiStream& out);
     void serveChildRemoval(TipprmiStream& in, TipprmiStream& out);
     void keepName(std::string const& name);
-    /** Whether a call with class code `cc` may mean an operation that `declaring` declares. */
-    bool concerns(unsigned int cc, unsigned int declaring) const;
+    /** Whether a call with class code `cc` may mean the operation `mc` that `declaring` declares:
+     * `cc` is that class, or one of this object, but no base whose `mc` is another operation. */
+    bool concerns(unsigned int cc, unsigned int declaring, unsigned int mc) const;
     /** Has the broker tell of this object. */
     void announce(TreflectMetaObject const* metaObject,
                   bool (TreflectORB::*notify)(unsigned int, TreflectServerObject const&)) const;
@@ -269,7 +271,7 @@ template <class Result, class... Parameters, class Method>
 bool TreflectServerObject::serveWithObservers(unsigned int declaring, unsigned int cc,
                                               unsigned int mc, TipprmiStream& in,
                                               TipprmiStream& out, Method const& method) {
-    if (!concerns(cc, declaring))
+    if (!concerns(cc, declaring, mc))
         return refuseForeignCall(mc, in, out);
     if (isObserved(declaring, mc))
         return serveObserved<Result, Parameters...>(declaring, mc, in, out, method);

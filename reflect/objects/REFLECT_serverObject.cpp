@@ -1,4 +1,5 @@
 #include <cstring>
+#include <list>
 #include <set>
 #include <typeinfo>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "reflect/InterfaceRepository.h"
 #include "reflect/TreflectDeadline.h"
 #include "reflect/TreflectMetaObject.h"
+#include "reflect/TreflectMetaOperation.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectHandler.h"
 #include "reflect/TreflectObjectStub.h"
@@ -95,6 +97,26 @@ bool leadsTo(TreflectObject const& parent, Address const& address) {
         at.share_(at.getParent());
     }
     return false;
+}
+
+/** The name that an operation has in the table of a class, or of its bases; "" without one. */
+std::string operationOf(unsigned int classId, unsigned int mc) {
+    std::list<TreflectMetaOperation*> operations;
+    if (TreflectMetaObject const* const meta =
+            InterfaceRepository::instance()->findInterface_(classId))
+        meta->operationList(operations);
+    for (TreflectMetaOperation const* const operation : operations) {
+        if (static_cast<unsigned int>(operation->id()) == mc)
+            return operation->name();
+    }
+    return {};
+}
+
+/** Whether the tables of two classes have a method code for operations of different names. */
+bool haveDifferentOperations(unsigned int a, unsigned int b, unsigned int mc) {
+    std::string const first = operationOf(a, mc);
+    std::string const second = operationOf(b, mc);
+    return !first.empty() && !second.empty() && first != second;
 }
 
 }  // namespace
@@ -384,13 +406,18 @@ void TreflectServerObject::serveChildRegistration(TipprmiStream& in, TipprmiStre
     prepareResponseStream_(out);
 }
 
-bool TreflectServerObject::concerns(unsigned int cc, unsigned int declaring) const {
+// Who wrote base and derived class each with codes from 1 calls the base's operations, not those of
+// the derived class that have their codes.
+bool TreflectServerObject::concerns(unsigned int cc, unsigned int declaring,
+                                    unsigned int mc) const {
     if (cc == declaring)
         return true;
     TipprmiSequence<unsigned int, 0u> const ids = getClassIds();
+    bool isBase = false;
     for (unsigned int i = 0; i < ids.getLength(); ++i) {
         if (ids[i] == cc)
-            return true;
+            return !isBase || !haveDifferentOperations(cc, declaring, mc);
+        isBase = isBase || ids[i] == declaring;
     }
     return false;
 }

@@ -226,6 +226,45 @@ TEST_F(ServerObject, SaysWhatItDoesNotServeOrKnow) {
     EXPECT_EQ(log_.find(line)->source, "REFLECT_serverObject");
 }
 
+TreflectMetaClass const diskMeta("Disk", 0x4D150001, {}, {{"reset", 1}, {"spin", 2}});
+TreflectMetaClass const hardDiskMeta("HardDisk", 0x4D150002, {&diskMeta},
+                                     {{"format", 1}, {"spin", 2}});
+
+/** Written by hand, with codes from 1 as its base, of which it repeats one operation. */
+class HardDisk : public TreflectSkeleton<hardDiskMeta> {
+public:
+    using TreflectSkeleton::TreflectSkeleton;
+
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        if (mc == 1 || mc == 2)
+            return serve(hardDiskMeta.getClassId(), cc, mc, in, out,
+                         mc == 1 ? &HardDisk::format : &HardDisk::spin);
+        return TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
+    }
+    void format() { ++formatted; }
+    void spin() { ++spun; }
+
+    int formatted = 0;
+    int spun = 0;
+};
+
+TEST_F(ServerObject, RunsNoOperationOfAnotherNameForACallOfItsBase) {
+    TreflectHandlerState const handlerState(true);
+    HardDisk disk(TipprmiOID("disk", NSID_UNIT), nullptr, "disk");
+    auto const isServed = [&](TreflectMetaClass const& caller, unsigned int mc) {
+        TipprmiStream in(100);
+        TipprmiStream out(100);
+        return disk.dispatch(true, caller.getClassId(), mc, in, out);
+    };
+    EXPECT_FALSE(isServed(diskMeta, 1));
+    EXPECT_EQ(disk.formatted, 0);
+    EXPECT_TRUE(isServed(hardDiskMeta, 1));
+    EXPECT_EQ(disk.formatted, 1);
+    EXPECT_TRUE(isServed(diskMeta, 2)) << "what the derived class repeats";
+    EXPECT_EQ(disk.spun, 1);
+}
+
 // ---- Going while it is waited for --------------------------------------------------------------
 
 TEST_F(ServerObject, MayBeDestroyedWhileItsParentIsAskedForItsName) {
