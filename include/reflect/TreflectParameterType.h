@@ -151,10 +151,15 @@ private:
         kInRange,  // those that lie in its range
         kAlways
     };
-    Fit fitInto(TreflectParameterType const& other) const;
+    /** What numbers an enum takes. */
+    enum class Enums {
+        kOpen,   // any: who reads may be older than who writes
+        kListed  // its own, and no value of an enum of another name
+    };
+    Fit fitInto(TreflectParameterType const& other, Enums enums) const;
     /** Whether the value of this type with which `bytes` begins is one of the other, too, into
      * which such values may fit. */
-    bool isWithin(TreflectParameterType const& other, unsigned char const* bytes,
+    bool isWithin(TreflectParameterType const& other, Enums enums, unsigned char const* bytes,
                   std::size_t size) const;
     /** Whether these bytes begin with a whole value. */
     bool isAtStartOf(unsigned char const* bytes, std::size_t size) const;

@@ -21,7 +21,7 @@ enum class TreflectParameterType::Kind : unsigned char {
     kUint16,
     kChar,
     kBool,
-    kEnum,  // parts: its enumerators
+    kEnum,  // parts: its enumerators; `number` is the index of its name, 0 without
     kFloat,
     // Numbers of 8 bytes.
     kInt64,
@@ -68,6 +68,8 @@ struct TreflectParameterType::Shape {
     unsigned int partOf(unsigned int whole, std::uint32_t place) const;
     /** The part that has this name; 0 without one. */
     unsigned int partNamed(unsigned int whole, std::string_view name) const;
+    /** Whether an enum has an enumerator of this number. */
+    bool lists(unsigned int whole, std::uint32_t value) const;
     std::string const& labelOf(unsigned int at) const { return labels[nodes[at].label]; }
     /** Whether the parts of a whole have names. */
     bool isLabelled(unsigned int whole) const {

@@ -7,7 +7,7 @@
 /** Compares the parts of two types. */
 class TreflectParameterType::Comparison {
 public:
-    Comparison(Shape const& a, Shape const& b) : a_(a), b_(b) {}
+    Comparison(Shape const& a, Shape const& b, Enums enums) : a_(a), b_(b), enums_(enums) {}
 
     /** Whether the types that begin at these nodes have one form. */
     bool isSame(unsigned int a, unsigned int b) {
@@ -28,7 +28,10 @@ public:
             return false;
         if (left.kind == Kind::kArray && left.number != right.number)
             return false;
-        isWithin_ = isWithin_ && isRangeWithin(left.kind, right.kind);
+        if (enums_ == Enums::kListed && areDifferentEnums(left, right))
+            return false;
+        bool const isListed = enums_ == Enums::kListed && right.kind == Kind::kEnum;
+        isWithin_ = isWithin_ && !isListed && isRangeWithin(left.kind, right.kind);
         return left.kind == Kind::kEnum || right.kind == Kind::kEnum || haveSameParts(a, b);
     }
     /** Whether every value of the first is one of the second, if they have one form. */
@@ -99,6 +102,12 @@ private:
         return inner.lowest >= outer.lowest && inner.highest <= outer.highest;
     }
 
+    /** Whether both have a name, each another one. */
+    bool areDifferentEnums(Node const& left, Node const& right) const {
+        return left.kind == Kind::kEnum && right.kind == Kind::kEnum && left.number != 0 &&
+               right.number != 0 && a_.labels[left.number] != b_.labels[right.number];
+    }
+
     template <class IsSame>
     static bool isArrayOf(Shape const& arrays, unsigned int array, Shape const& structs,
                           unsigned int whole, IsSame const& isSameElement) {
@@ -124,19 +133,20 @@ private:
 
     Shape const& a_;
     Shape const& b_;
+    Enums const enums_;
     std::set<std::pair<unsigned int, unsigned int>> compared_;
     bool isWithin_ = true;
 };
 
 bool TreflectParameterType::hasFormOf(TreflectParameterType const& other) const {
-    return fitInto(other) != Fit::kNever;
+    return fitInto(other, Enums::kOpen) != Fit::kNever;
 }
 
-TreflectParameterType::Fit TreflectParameterType::fitInto(
-    TreflectParameterType const& other) const {
+TreflectParameterType::Fit TreflectParameterType::fitInto(TreflectParameterType const& other,
+                                                          Enums enums) const {
     if (!isValid() || !other.isValid())
         return Fit::kNever;
-    Comparison comparison(*shape_, *other.shape_);
+    Comparison comparison(*shape_, *other.shape_, enums);
     if (!comparison.isSame(root_, other.root_))
         return Fit::kNever;
     return comparison.isWithin() ? Fit::kAlways : Fit::kInRange;
@@ -145,8 +155,8 @@ TreflectParameterType::Fit TreflectParameterType::fitInto(
 /** Passes one value of a type, looking whether it is one of another type of the same form. */
 class TreflectParameterType::Conversion : public Walk<Conversion> {
 public:
-    Conversion(Shape const& from, Shape const& to, ParameterBytes& bytes)
-        : Walk(from, bytes), to_(to) {}
+    Conversion(Shape const& from, Shape const& to, ParameterBytes& bytes, Enums enums)
+        : Walk(from, bytes), to_(to), enums_(enums) {}
 
 private:
     friend class Walk;
@@ -173,7 +183,7 @@ private:
         a = Comparison::withoutWrapping(shape_, a);
         b = Comparison::withoutWrapping(to_, b);
         if (!container(a, b))
-            plain(a, to_.nodes[b].kind);
+            plain(a, b);
     }
 
     void elements(unsigned int element, std::uint32_t count, unsigned int b) {
@@ -203,14 +213,21 @@ private:
             value(from, to);
     }
 
-    void plain(unsigned int a, Kind to) {
+    void plain(unsigned int a, unsigned int b) {
         Kind const from = shape_.nodes[a].kind;
-        if (Comparison::formOf(from) == Kind::kInt)
-            number(from, to);
+        if (enums_ == Enums::kListed && to_.nodes[b].kind == Kind::kEnum)
+            enumerator(b);
+        else if (Comparison::formOf(from) == Kind::kInt)
+            number(from, to_.nodes[b].kind);
         else if (Comparison::formOf(from) == Kind::kInt64)
-            longNumber(from != to);
+            longNumber(from != to_.nodes[b].kind);
         else
             Measure(shape_, bytes_, ParameterCheck::kAsReaders).value(a);
+    }
+
+    void enumerator(unsigned int b) {
+        if (!to_.lists(b, bytes_.number()))
+            bytes_.fail();
     }
 
     void number(Kind from, Kind to) {
@@ -234,12 +251,13 @@ private:
     }
 
     Shape const& to_;
+    Enums const enums_;
 };
 
-bool TreflectParameterType::isWithin(TreflectParameterType const& other, unsigned char const* bytes,
-                                     std::size_t size) const {
+bool TreflectParameterType::isWithin(TreflectParameterType const& other, Enums enums,
+                                     unsigned char const* bytes, std::size_t size) const {
     ParameterBytes value(bytes, size);
-    Conversion(*shape_, *other.shape_, value).value(root_, other.root_);
+    Conversion(*shape_, *other.shape_, value, enums).value(root_, other.root_);
     return value.complete();
 }
 

@@ -51,6 +51,14 @@ unsigned int TreflectParameterType::Shape::partNamed(unsigned int whole,
     return 0;
 }
 
+bool TreflectParameterType::Shape::lists(unsigned int whole, std::uint32_t value) const {
+    for (unsigned int part = whole + 1; part < nodes[whole].end; ++part) {
+        if (nodes[part].number == value)
+            return true;
+    }
+    return false;
+}
+
 // ---- The grammar --------------------------------------------------------------------------------
 
 bool TreflectParameterType::Compiler::compile() {
@@ -133,8 +141,10 @@ bool TreflectParameterType::Compiler::definition(Kind kind, std::size_t whole, i
         return false;
     if (!name.empty())
         defined_.insert_or_assign(std::string(name), static_cast<unsigned int>(whole));
-    if (kind == Kind::kEnum)
+    if (kind == Kind::kEnum) {
+        shape_.nodes[whole].number = labelled(name);
         return enumerators();
+    }
     return (kind == Kind::kStruct && text_->accept('}')) || members(whole, depth);
 }
 

@@ -55,7 +55,8 @@ void TreflectValueCheck::compare(std::string const& misfit) {
     if (!own_.isValid())
         return;
     bool const reads = use_ != Use::kWrite;
-    switch (reads ? told_.fitInto(own_) : own_.fitInto(told_)) {
+    switch (reads ? told_.fitInto(own_, TreflectParameterType::Enums::kOpen)
+                  : own_.fitInto(told_, TreflectParameterType::Enums::kListed)) {
         case TreflectParameterType::Fit::kNever:
             misused(misfit);
             break;
@@ -117,7 +118,8 @@ TreflectValueCheck::Found TreflectValueCheck::find(TipprmiStream& response, int 
     bytes += place;
     left -= place;
     // What is no value of the table's type is left to whoever reads it.
-    if (ranges_ && !told_.isWithin(own_, bytes, left) && told_.isAtStartOf(bytes, left)) {
+    if (ranges_ && !told_.isWithin(own_, TreflectParameterType::Enums::kOpen, bytes, left) &&
+        told_.isAtStartOf(bytes, left)) {
         tell();
         return Found::kMisfit;
     }
@@ -128,5 +130,6 @@ TreflectValueCheck::Found TreflectValueCheck::find(TipprmiStream& response, int 
 bool TreflectValueCheck::admits(TipprmiAny const& value) const {
     auto const size = static_cast<std::size_t>(value.getDataSize());
     bool const incomplete = value.hasUnmarshallingFailed();  // and is not sent
-    return !ranges_ || incomplete || own_.isWithin(told_, value.getDataPtr(), size);
+    return !ranges_ || incomplete ||
+           own_.isWithin(told_, TreflectParameterType::Enums::kListed, value.getDataPtr(), size);
 }

@@ -12,6 +12,17 @@ namespace {
 
 using testsupport::ActorProgram;
 
+enum class Lamp { kOff };
+
+}  // namespace
+
+template <>
+struct TreflectTypeName<Lamp> {
+    static std::string text() { return "enum Lamp{off=0}"; }
+};
+
+namespace {
+
 enum Where { kSameProcess, kOtherProcess, kOtherWordSize };
 
 class GateTest : public PermittedTest, public ::testing::WithParamInterface<Where> {
@@ -167,7 +178,19 @@ TEST_P(GateTest, ItsMembersAreFoundByName) {
               "struct parts::Named::BadName{string name}");
     EXPECT_EQ(gate.attribute("Light").set(works::Light::red), 0);
     EXPECT_EQ(gate.getLight().value(), works::Light::red);
-    EXPECT_EQ(gate.attribute("Light").set(works::Tree{}), TreflectAttribute::error);
+    TreflectAttribute& light = gate.attribute("Light");
+    EXPECT_EQ(light.set(works::Tree{}), TreflectAttribute::error);
+    EXPECT_EQ(light.set(7), TreflectAttribute::error) << "is none of its numbers";
+    EXPECT_EQ(light.set(static_cast<works::Light>(2)), TreflectAttribute::error);
+    EXPECT_EQ(light.set(Lamp::kOff), TreflectAttribute::error) << "is of another enum";
+    EXPECT_EQ(
+        light.mistake(),
+        "attribute \"Light\" of class \"works::Gate\" is \"enum works::Light{red=0, green=1} light\", "
+        "not \"enum Lamp{off=0}\"");
+    EXPECT_EQ(light.set(1), 0);
+    EXPECT_EQ(gate.setLight(static_cast<works::Light>(9)).code(), 0u);
+    EXPECT_EQ(light.fetch<works::Light>().value(), static_cast<works::Light>(9))
+        << "of a version to come";
     std::string title;
     EXPECT_EQ(gate.attribute("Next").attribute("Title").get(title), 0);
     EXPECT_EQ(title, "main");
