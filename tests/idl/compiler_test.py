@@ -34,15 +34,34 @@ class Test:
 
     def check_sources(self, files, includes):
         """Has the C++ compiler read generated files; its messages."""
-        command = [self.options.cxx, "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic"]
-        command += ["-Wshadow", "-I", os.path.join(self.options.source, "include")]
-        for folder in includes:
-            command += ["-I", folder]
+        command = self._command(includes) + ["-fsyntax-only"]
         unit = os.path.join(self.work, "unit.cpp")
         with open(unit, "w", encoding="utf-8") as out:
             out.writelines('#include "%s"\n' % file for file in files)
         done = subprocess.run(command + [unit], capture_output=True, text=True, check=False)
         return done.stderr
+
+    def check_header_alone(self, header, includes):
+        """Has two units of one program include a header that has no source; what is said."""
+        objects = []
+        for name in ("one", "other"):
+            unit = os.path.join(self.work, name + ".cpp")
+            with open(unit, "w", encoding="utf-8") as out:
+                out.write('#include "%s"\n' % header)
+            objects.append(unit[:-3] + "o")
+            command = self._command(includes) + ["-c", unit, "-o", objects[-1]]
+            done = subprocess.run(command, capture_output=True, text=True, check=False)
+            if done.returncode != 0 or done.stderr:
+                return done.stderr
+        command = [self.options.cxx, "-r", "-nostdlib", "-o", os.path.join(self.work, "both.o")]
+        done = subprocess.run(command + objects, capture_output=True, text=True, check=False)
+        return done.stderr
+
+    def _command(self, includes):
+        command = [self.options.cxx, "-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow"]
+        for folder in [os.path.join(self.options.source, "include"), *includes]:
+            command += ["-I", folder]
+        return command
 
     def fault(self, text):
         self._faults += 1

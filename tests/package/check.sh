@@ -12,11 +12,43 @@ cmake --install "$build" --prefix "$work/installed" >"$work/install.log"
 mv "$work/installed" "$work/prefix"
 examples=$work/prefix/$doc/examples
 
+# Configures a project of this folder with the package.
+configure() {
+    cmake -S "$1" -B "$2" -G Ninja "-DCMAKE_PREFIX_PATH=$work/prefix" "-DCMAKE_CXX_COMPILER=$compiler"
+}
+
+# The package's interface compiler writes a header anew when an IDL that it includes is touched.
+check_touched_include() {
+    mkdir -p "$work/touched"
+    cd "$work/touched"
+    cat >CMakeLists.txt <<'END'
+cmake_minimum_required(VERSION 3.16)
+project(touched CXX)
+find_package(ReflectOrb 0.1 REQUIRED)
+add_library(touched STATIC own.cpp)
+reflectorb_idl(touched motor.idl HEADER_ONLY)
+END
+    echo 'int own = 1;' >own.cpp
+    echo 'struct Speed { long before; };' >extra.idl
+    printf '#include "extra.idl"\ninterface Motor { Speed speed(); };\n' >motor.idl
+    configure . build
+    cmake --build build
+    grep -q before build/reflectorb_idl/touched/motor.h
+    echo 'struct Speed { long after; };' >extra.idl
+    cmake --build build
+    grep -q after build/reflectorb_idl/touched/motor.h || {
+        echo "motor.h was not written anew"
+        exit 1
+    }
+}
+
 case $way in
 cmake)
-    cmake -S "$examples/house" -B "$work/build" -G Ninja "-DCMAKE_PREFIX_PATH=$work/prefix" \
-        "-DCMAKE_CXX_COMPILER=$compiler"
+    configure "$examples/house" "$work/build"
     cmake --build "$work/build"
+    if command -v omniidl >/dev/null; then
+        (check_touched_include)
+    fi
     ;;
 pkgconfig)
     PKG_CONFIG_PATH=$work/prefix/$lib/pkgconfig
