@@ -643,26 +643,6 @@ TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWait
     EXPECT_SOON(taken() == 3);
 }
 
-TEST_F(HandshakeTest, ARingThatCouldNotGrowHasTakenNoRoom) {
-    constexpr std::size_t kGrown = 4 * kSmallestRing;
-    LittleRoom const room(PeerShare::Kind::Rings, 2 * kGrown);
-    HandMadePeer peer;
-    ASSERT_TRUE(peer.open(own_.termId()));
-    std::atomic<std::uint32_t> const& wants = peer.peer.page().wantsSpace;
-    {
-        NoDescriptors const none;
-        for (std::uint32_t i = 0; wants.load() == 0 && i < kSmallestRing / 1024 + 1; ++i)
-            ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, i, 1024), 1);
-        for (int i = 0; i < 3; ++i) {
-            std::uint32_t const before = wants.load();
-            peer.ring();
-            EXPECT_SOON(wants.load() != before) << "it tries to grow once more";
-        }
-    }
-    peer.ring();
-    EXPECT_EQ(peer.nextKind(), Packet::NextRing);
-}
-
 TEST_F(HandshakeTest, ManyMessagesOfOneThatHasEndedLetOthersIn) {
     constexpr std::uint32_t kMany = kSmallestRing / 8 - 1;
     HandMadePeer good;
