@@ -179,6 +179,29 @@ TEST_F(SessionTest, a_pair_beyond_its_credit_is_held_back_and_others_are_not) {
     EXPECT_EQ(kinds(a.actions()), std::vector<Kind>{Kind::GoOn});
 }
 
+TEST_F(SessionTest, those_who_do_not_read_use_up_the_credit_of_all_and_others_still_get_on) {
+    for (unsigned short name = 11; name < 15; ++name) {
+        TerminationId const stopped(name, 2, kGroup);
+        b.session.announce(stopped, false, {});
+        passAll();
+        EXPECT_EQ(a.session.send(message(here, stopped, 1, 16u << 20)),
+                  Session::Sending::TakenHoldBack);
+    }
+    EXPECT_GE(a.session.unsettledBytes(), Session::kCreditOfAll);
+    passAll();
+    a.actions();
+    b.actions();
+    for (std::uint32_t number = 1; number < 10; number += 2) {
+        EXPECT_EQ(send(number), Session::Sending::Taken);
+        EXPECT_EQ(send(number + 1, Session::kCreditWhenFull), Session::Sending::TakenHoldBack);
+        passAll();
+        for (Action const& action : b.actions())
+            b.session.settled(Delivery(action), now);
+        passAll();
+        EXPECT_EQ(kinds(a.actions()), std::vector<Kind>{Kind::GoOn});
+    }
+}
+
 TEST_F(SessionTest, who_has_gone_leaves_nothing_behind_that_is_neither_settled_nor_given_back) {
     send(1);
     passAll();

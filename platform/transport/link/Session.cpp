@@ -150,7 +150,7 @@ void Session::forgetAll() {
     queuedBytes_ = 0;
     pairs_.clear();
     unsettledBytes_ = 0;
-    allHeldBack_ = false;
+    full_ = false;
     settlements_.clear();
     openRuns_.clear();
     reassembly_.drop();
@@ -329,7 +329,7 @@ void Session::settleOne(Pair& pair, Unsettled& one, bool delivered) {
 // ---- Credit ------------------------------------------------------------------------------------
 
 void Session::letGoOn(TerminationId from, TerminationId to, Pair& pair) {
-    if (!pair.heldBack || allHeldBack_ || pair.bytes > kCredit / 2)
+    if (!pair.heldBack || pair.bytes > creditOfPair() / 2)
         return;
     pair.heldBack = false;
     act(Action::Kind::GoOn, from);
@@ -338,9 +338,9 @@ void Session::letGoOn(TerminationId from, TerminationId to, Pair& pair) {
 
 /** Those whom the credit of all has held back. */
 void Session::letAllGoOn() {
-    if (!allHeldBack_ || unsettledBytes_ > kCreditOfAll / 2)
+    if (!full_ || unsettledBytes_ > kCreditOfAll / 2)
         return;
-    allHeldBack_ = false;
+    full_ = false;
     for (auto& [pairKey, pair] : pairs_)
         letGoOn(TerminationId(static_cast<std::uint32_t>(pairKey >> 32)),
                 TerminationId(static_cast<std::uint32_t>(pairKey)), pair);
@@ -366,8 +366,8 @@ Session::Sending Session::send(AddressedMessage const& message) {
     figures_.bytesOut += message.size();
     queue(std::move(outgoing));
     if (unsettledBytes_ >= kCreditOfAll)
-        allHeldBack_ = true;
-    if (pair.bytes < kCredit && !allHeldBack_)
+        full_ = true;
+    if (pair.bytes < creditOfPair())
         return Sending::Taken;
     pair.heldBack = true;
     return Sending::TakenHoldBack;

@@ -75,6 +75,7 @@ struct Delivery {
  * A message is *settled* when it is in the ring of its destination, over there: until then it is
  * kept here. Each pair of sender and destination has a credit; a pair beyond it is to be held back
  * until enough has been settled, so that who does not read fills neither link, nor stops others.
+ * While all pairs together have used up theirs, that of each is small, but not nothing.
  */
 class Session {
 public:
@@ -103,11 +104,12 @@ public:
     static constexpr long long kTellWithin = 5'000'000;  // confirmations without company
     static constexpr long long kProbeAfter = 1'000'000'000;
     static constexpr long long kEndAfter = 4'000'000'000;
-    static constexpr std::size_t kWindow = std::size_t{4} << 20;        // pieces under way
-    static constexpr std::size_t kCredit = std::size_t{1} << 20;        // of a pair
-    static constexpr std::size_t kCreditOfAll = std::size_t{64} << 20;  // of all pairs together
-    static constexpr std::size_t kTellAtOnce = std::size_t{128} << 10;  // settled or taken bytes
-    static constexpr std::size_t kMostTerminations = 65'536;            // of a peer
+    static constexpr std::size_t kWindow = std::size_t{4} << 20;           // pieces under way
+    static constexpr std::size_t kCredit = std::size_t{1} << 20;           // of a pair
+    static constexpr std::size_t kCreditOfAll = std::size_t{64} << 20;     // of all pairs together
+    static constexpr std::size_t kCreditWhenFull = std::size_t{64} << 10;  // of a pair, then
+    static constexpr std::size_t kTellAtOnce = std::size_t{128} << 10;     // settled or taken bytes
+    static constexpr std::size_t kMostTerminations = 65'536;               // of a peer
 
     explicit Session(Setup setup);
 
@@ -212,6 +214,7 @@ private:
     void fill(Piece& piece, long long now);
     void fillSettlements(Piece& piece);
     bool fillFromQueue(Piece& piece);
+    std::size_t creditOfPair() const { return full_ ? kCreditWhenFull : kCredit; }
     bool windowOpen() const { return flightBytes_ < kWindow; }
 
     Setup const setup_;
@@ -233,7 +236,7 @@ private:
     std::size_t queuedBytes_ = 0;
     std::unordered_map<Key, Pair> pairs_;
     std::size_t unsettledBytes_ = 0;
-    bool allHeldBack_ = false;                       // every pair that sends on is held back
+    bool full_ = false;  // the credit of all is used up, and of it more than a half still is
     std::vector<RecordHead> settlements_;            // to be told
     std::unordered_map<Key, std::size_t> openRuns_;  // the last of each pair in there
     Reassembly reassembly_;
