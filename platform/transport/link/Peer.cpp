@@ -101,6 +101,7 @@ void Peer::stop() {
         work_.broadcast();
     }
     shower_.join();
+    writer_.reset();
 }
 
 // ---- Events ------------------------------------------------------------------------------------
@@ -348,6 +349,8 @@ void Peer::showing() {
 void Peer::carryOut(By by) {
     std::vector<Action> next;
     state_.lock();
+    if (by == By::Shower)
+        awaitOthers();
     gatherActions();
     if (!performing_) {
         performing_ = true;
@@ -359,6 +362,8 @@ void Peer::carryOut(By by) {
             gatherActions();
         }
         performing_ = false;
+        if (showerWaits_)
+            state_.broadcast();
     }
     bool const left = !todo_.empty() && !performing_;
     wakeSenderLocked();
@@ -368,6 +373,14 @@ void Peer::carryOut(By by) {
     Locked lock(work_);
     workWaits_ = true;
     work_.signal();
+}
+
+/** What they leave behind is for LnShow, also when it does so for the last time. */
+void Peer::awaitOthers() {
+    showerWaits_ = true;
+    while (performing_)
+        state_.wait(OSWrap::TimeSpec::INFINITETIME);
+    showerWaits_ = false;
 }
 
 void Peer::gatherActions() {

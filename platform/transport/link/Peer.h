@@ -45,7 +45,8 @@ public:
     UnitInfo const& unit() const { return unit_; }
     /** False, with a log line, when there are no threads. */
     bool start();
-    /** Ends the session, with all that belongs to it, and the threads. Idempotent. */
+    /** Ends the session, with all that belongs to it, the threads and the writer: what is left may
+     * end on any thread. Idempotent. */
     void stop();
     /** The engine sees the link, or not any more. */
     void seen();
@@ -89,6 +90,7 @@ private:
     enum class By { Anyone, Shower };
     void showing();
     void carryOut(By by) OSW_EXCLUDES(state_);
+    void awaitOthers() OSW_REQUIRES(state_);
     void gatherActions() OSW_REQUIRES(state_);
     bool takeNext(By by, std::vector<Action>& next) OSW_REQUIRES(state_);
     void perform(std::vector<Action>& actions);
@@ -103,16 +105,17 @@ private:
     UnitInfo const unit_;
     std::bitset<256> const groups_;
     Directory const& directory_;
-    std::unique_ptr<BusWriter> const writer_;
+    std::unique_ptr<BusWriter> writer_;  // ends in `stop`: the engine's threads may not end it
 
     // Pieces are taken in one by one, whichever threads the engine has.
     OSWrap::Mutex arriving_;
 
-    OSWrap::ConditionVar state_;  // signalled for LnSend
+    OSWrap::ConditionVar state_;  // signalled for LnSend, and LnShow
     Session session_ OSW_GUARDED_BY(state_);
     std::deque<Action> todo_ OSW_GUARDED_BY(state_);
     std::deque<Departure> departures_ OSW_GUARDED_BY(state_);
     bool performing_ OSW_GUARDED_BY(state_) = false;
+    bool showerWaits_ OSW_GUARDED_BY(state_) = false;  // until nobody else performs
     bool writing_ OSW_GUARDED_BY(state_) = false;
     bool writeWanted_ OSW_GUARDED_BY(state_) = false;  // by LnSend
     bool stopping_ OSW_GUARDED_BY(state_) = false;
