@@ -89,10 +89,25 @@ void Exchange::join(Bus& bus) {
 
 /** The place of one that has gone is free for another machine in sight. */
 void Exchange::meetAll() {
-    auto const units = units_;  // some of them may be found to have gone
-    for (auto const& [epoch, unit] : units)
+    for (UnitInfo const& unit : units_)
         if (bus_ != nullptr)
             meet(unit);
+}
+
+void Exchange::keep(UnitInfo const& unit) {
+    auto const known = std::find_if(units_.begin(), units_.end(), [&unit](UnitInfo const& one) {
+        return one.epoch == unit.epoch;
+    });
+    if (known == units_.end())
+        units_.push_back(unit);
+    else
+        *known = unit;
+}
+
+void Exchange::forget(std::uint64_t epoch) {
+    units_.erase(std::remove_if(units_.begin(), units_.end(),
+                                [epoch](UnitInfo const& one) { return one.epoch == epoch; }),
+                 units_.end());
 }
 
 void Exchange::leave() {
@@ -116,12 +131,12 @@ std::deque<Exchange::Event> Exchange::takeEvents() {
 Exchange::Verdict Exchange::control() {
     for (Event const& event : takeEvents()) {
         if (!event.seen) {
-            units_.erase(event.unit.epoch);
+            forget(event.unit.epoch);
             part(event.unit.epoch);
             meetAll();
             continue;
         }
-        units_[event.unit.epoch] = event.unit;
+        keep(event.unit);
         if (bus_ == nullptr)
             continue;
         if (yields())
@@ -132,7 +147,7 @@ Exchange::Verdict Exchange::control() {
 }
 
 std::string Exchange::rival() const {
-    for (auto const& [epoch, unit] : units_)
+    for (UnitInfo const& unit : units_)
         if (unit.slot == own_.slot && unit.machine != own_.machine)
             return unit.machine;
     return {};
@@ -155,10 +170,22 @@ bool Exchange::yields() const {
     return true;
 }
 
+/** Whether its machine has started its link again: one that was killed stays in sight for a while.
+ */
+bool Exchange::hasSuccessor(UnitInfo const& unit) const {
+    bool later = false;
+    for (UnitInfo const& one : units_) {
+        if (later && one.slot == unit.slot && one.machine == unit.machine)
+            return true;
+        later = later || one.epoch == unit.epoch;
+    }
+    return false;
+}
+
 /** A machine that has started its link again takes the place of its former self; of two machines
  * with one slot the first one stays. */
 void Exchange::meet(UnitInfo const& unit) {
-    if (unit.slot == own_.slot)
+    if (unit.slot == own_.slot || hasSuccessor(unit))
         return;
     for (auto const& [epoch, peer] : peers()) {
         if (epoch == unit.epoch)
@@ -172,7 +199,6 @@ void Exchange::meet(UnitInfo const& unit) {
                 unsigned{unit.slot}, peer->unit().machine.c_str(), unit.machine.c_str());
             return;
         }
-        units_.erase(epoch);
         part(epoch);
         break;
     }

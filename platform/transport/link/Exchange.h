@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "oswrap/Mutex.h"
 #include "platform/transport/link/Bus.h"
@@ -60,11 +61,14 @@ private:
 
     std::deque<Event> takeEvents();
     void push(Event event);
+    void keep(UnitInfo const& unit);
+    void forget(std::uint64_t epoch);
     void meetAll();
     void meet(UnitInfo const& unit);
     void part(std::uint64_t epoch);
     void makePeer(UnitInfo const& unit);
     Peers peers() const;
+    bool hasSuccessor(UnitInfo const& unit) const;
     bool yields() const;
 
     UnitInfo const own_;
@@ -74,7 +78,7 @@ private:
 
     // Control thread only.
     Bus* bus_ = nullptr;
-    std::map<std::uint64_t, UnitInfo> units_;  // in sight, our own not among them
+    std::vector<UnitInfo> units_;  // in sight, in the order of coming; our own not among them
 
     mutable OSWrap::Mutex mutex_;  // a leaf
     std::deque<Event> events_ OSW_GUARDED_BY(mutex_);
