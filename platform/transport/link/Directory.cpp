@@ -31,6 +31,11 @@ void Directory::arrived(TerminationId id) {
         OSWrap::Lock<> lock(mutex_);
         members_.insert(id);
     }
+    if (!Transport::Rendezvous::instance().exists(id)) {
+        OSWrap::Lock<> lock(mutex_);
+        members_.erase(id);  // its departure may have been told already
+        return;
+    }
     listener_.memberArrived(id, namesOf(id));
 }
 

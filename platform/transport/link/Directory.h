@@ -20,7 +20,8 @@ protected:
     ~DirectoryListener() = default;
 };
 
-/** The terminations of this machine, as opposed to the proxies that links show. Any thread. */
+/** The terminations of this machine, as opposed to the proxies that links show. Any thread: arrival
+ * and departure of one may be told by two of them, and in either order. */
 class Directory final : public Transport::PresenceListener {
 public:
     Directory(unsigned char slot, DirectoryListener& listener) : slot_(slot), listener_(listener) {}

@@ -135,6 +135,8 @@ void Peer::memberArrived(TerminationId id, std::string const& names) {
     if (!groups_.test(id.groupId()))
         return;
     Locked lock(state_);
+    if (!Rendezvous::instance().exists(id))
+        return;  // its departure, which another thread tells, may have been told already
     session_.announce(id, true, names);
     wantWriteLocked();
 }
@@ -454,7 +456,7 @@ void Peer::opened() {
                    unit_.machine.c_str());
     Locked lock(state_);
     for (TerminationId const id : directory_.members())
-        if (groups_.test(id.groupId()))
+        if (groups_.test(id.groupId()) && Rendezvous::instance().exists(id))
             session_.announce(id, true, Directory::namesOf(id));
     wantWriteLocked();
 }
