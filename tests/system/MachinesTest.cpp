@@ -204,7 +204,7 @@ TEST_F(MachinesTest, the_end_of_a_process_or_of_a_link_is_told_and_all_comes_bac
 
 TEST_F(MachinesTest, a_parting_of_any_length_loses_no_message_silently) {
     join();
-    for (unsigned const milliseconds : {600u, 5000u}) {
+    for (unsigned const milliseconds : {600u, 2500u}) {
         SCOPED_TRACE(milliseconds);
         sender->tell("flood " + receiverId + " 100000 200");
         network.unplug(2);

@@ -154,6 +154,9 @@ TEST_F(SessionTest, a_message_is_kept_until_it_is_settled_over_there) {
     EXPECT_EQ(delivered[1].message.originator(), here);
     EXPECT_GT(a.session.unsettledBytes(), 300'000u) << "taken in by the link is not delivered";
     b.session.settled(Delivery(delivered[0]), now);
+    EXPECT_TRUE(b.pieces(now).empty()) << "that may wait for company";
+    b.session.tellNow(now);
+    EXPECT_EQ(b.session.dueAt(), now);
     b.session.refused(Delivery(delivered[1]), now);
     passAll();
     EXPECT_EQ(a.session.unsettledBytes(), 0u);

@@ -110,6 +110,11 @@ void Exchange::forget(std::uint64_t epoch) {
                  units_.end());
 }
 
+void Exchange::tellSettled() {
+    for (auto const& [epoch, peer] : peers())
+        peer->tellSettled();
+}
+
 void Exchange::leave() {
     if (std::exchange(bus_, nullptr) == nullptr)
         return;

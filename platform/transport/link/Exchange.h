@@ -40,6 +40,8 @@ public:
     std::string rival() const;
     /** From now on peers are made on this bus, and this machine is shown to them. */
     void join(Bus& bus);
+    /** Tells all peers what has been settled here; call before they see this link go. */
+    void tellSettled();
     /** Ends all peers. Idempotent; the bus may end then. */
     void leave();
     void logFigures();

@@ -148,6 +148,7 @@ int Program::stay() {
     auto verdict = Link::Exchange::Verdict::GoOn;
     while (verdict == Link::Exchange::Verdict::GoOn && wait(-1) != Waited::Ended)
         verdict = exchange_->control();
+    exchange_->tellSettled();
     bus_->retire();
     exchange_->leave();
     bus_.reset();

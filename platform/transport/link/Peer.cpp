@@ -122,6 +122,14 @@ void Peer::lost() {
     carryOut(By::Anyone);
 }
 
+void Peer::tellSettled() {
+    {
+        Locked lock(state_);
+        session_.tellNow(now());
+    }
+    write();
+}
+
 void Peer::pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size) {
     OSWrap::Lock<> arriving(arriving_);
     {

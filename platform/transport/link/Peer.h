@@ -45,6 +45,8 @@ public:
     UnitInfo const& unit() const { return unit_; }
     /** False, with a log line, when there are no threads. */
     bool start();
+    /** Writes what has been settled without delay: what is not told goes back to its sender. */
+    void tellSettled();
     /** Ends the session, with all that belongs to it, the threads and the writer: what is left may
      * end on any thread. Idempotent. */
     void stop();

@@ -415,6 +415,11 @@ void Session::refused(Delivery const& delivery, long long now) {
     tellBy(now);
 }
 
+void Session::tellNow(long long now) {
+    if (state_ == State::Open && !settlements_.empty())
+        tellBy(now);
+}
+
 /** Goes on with the pair's last record when it can. */
 void Session::settle(RecordKind kind, TerminationId from, TerminationId to, std::uint32_t serial) {
     auto const [run, isNew] = openRuns_.try_emplace(key(from, to), settlements_.size());

@@ -140,6 +140,8 @@ public:
     bool returned(AddressedMessage const& message, unsigned long session);
 
     // ---- What is to be done ----
+    /** What has been settled, and not yet told, is due now. */
+    void tellNow(long long now);
     /** Fills the next piece to be written; false when there is none now. */
     bool nextPiece(Piece& piece, long long now);
     /** When `timePassed` is to be called, or pieces are to be written, without further events;
