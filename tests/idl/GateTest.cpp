@@ -183,10 +183,10 @@ TEST_P(GateTest, ItsMembersAreFoundByName) {
     EXPECT_EQ(light.set(7), TreflectAttribute::error) << "is none of its numbers";
     EXPECT_EQ(light.set(static_cast<works::Light>(2)), TreflectAttribute::error);
     EXPECT_EQ(light.set(Lamp::kOff), TreflectAttribute::error) << "is of another enum";
-    EXPECT_EQ(
-        light.mistake(),
-        "attribute \"Light\" of class \"works::Gate\" is \"enum works::Light{red=0, green=1} light\", "
-        "not \"enum Lamp{off=0}\"");
+    EXPECT_EQ(light.mistake(),
+              "attribute \"Light\" of class \"works::Gate\" is \"enum works::Light{red=0, green=1} "
+              "light\", "
+              "not \"enum Lamp{off=0}\"");
     EXPECT_EQ(light.set(1), 0);
     EXPECT_EQ(gate.setLight(static_cast<works::Light>(9)).code(), 0u);
     EXPECT_EQ(light.fetch<works::Light>().value(), static_cast<works::Light>(9))
