@@ -26,7 +26,7 @@ INHERITED = frozenset(
     getChilds getClassIds getClient getExceptionContainer getInternalOID getNamespaceId
     getOID getORB getParent getRelName getServer getServerClassId getServerClassIdSeq
     getStub_ hasGuard hasOID identifier internalOid isConnected isObservedAfterCalls isObserver Key Life makeRoomFor Meta meta
-    metaClass notifyObservers objectName observations_ ObservedCall Observers oid operation orbId postObserverAvailable
+    metaClass notifyObservers objectName observations_ ObservedCall Observers oid OnBehalf operation orbId postObserverAvailable
     preObserverAvailable prepareRequestStream_ prepareResponseStream_ readArguments
     reflective registerChild registerGuard registerObserver Registration releaseStub_
     removeLostGuards removeObserver respond respondWithoutObject sendCreationEvent sendCreationEvents sendDeletionEvent

@@ -299,11 +299,12 @@ bool Session::takeSettlement(RecordHead const& head, long long now) {
     if (found == pairs_.end())
         return true;  // one of them has gone
     Pair& pair = found->second;
-    std::uint64_t const begin = head.serial - pair.first;
-    if (begin + head.total > pair.messages.size())
+    std::size_t const begin = head.serial - pair.first;
+    std::size_t const known = pair.messages.size();
+    if (begin > known || head.total > known - begin)
         return false;
-    for (std::uint32_t i = 0; i < head.total; ++i)
-        settleOne(pair, pair.messages[begin + i], head.kind == RecordKind::Settled);
+    for (std::size_t i = begin; i < begin + head.total; ++i)
+        settleOne(pair, pair.messages[i], head.kind == RecordKind::Settled);
     while (!pair.messages.empty() && pair.messages.front().settled) {
         pair.messages.pop_front();
         ++pair.first;
