@@ -57,12 +57,12 @@ void Journal::count(recording::Record const& record) {
 void Journal::pause() {
     std::unique_lock<std::mutex> lock(mutex_);
     isPaused_ = true;
-    head_.clear();
     if (lost_ > 0)
         waiting_.emplace_back(recording::Lost{now(), std::exchange(lost_, 0)});
     waiting_.emplace_back(recording::Finish{now()});
     changed_.notify_all();
     changed_.wait(lock, [this] { return (waiting_.empty() && !isWriting_) || !failure_.empty(); });
+    head_.clear();  // not before: a file may have become full up to here
 }
 
 void Journal::resume() {
@@ -104,17 +104,25 @@ void Journal::write(Records const& records) {
     for (recording::Record const& record : records) {
         if (!failure().empty())
             return;
-        if (limits_.bytes > 0 && written_ >= limits_.bytes)
+        // For its end alone no file is put aside.
+        if (limits_.bytes > 0 && written_ >= limits_.bytes &&
+            !std::holds_alternative<recording::Finish>(record))
             rotate();
-        append(record);
+        if (file_)
+            append(record);
     }
     file_.flush();
-    if (!file_)
+    if (!file_ && failure().empty())
         fail("write");
 }
 
 void Journal::append(recording::Record const& record) {
-    std::string const bytes = recording::encode(record);
+    std::string bytes = recording::encode(record);
+    if (bytes.empty()) {  // too large for a record
+        bytes = recording::encode(recording::Lost{now(), 1});
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++counts_.lost;
+    }
     file_ << bytes;
     written_ += bytes.size();
 }
@@ -132,6 +140,8 @@ void Journal::open() {
 // Of the names that are in the way, the last one's file is replaced.
 void Journal::rotate() {
     file_.close();
+    if (!file_)
+        return fail("write");
     auto const name = [this](unsigned int number) {
         return number == 0 ? path_ : path_ + "." + std::to_string(number);
     };

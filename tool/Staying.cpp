@@ -103,8 +103,8 @@ ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int coun
             std::shared_ptr<Session> const session = begin(*tool, *events);
             overSessions().push_back(session);
             signal = stay.wait(*session, *events, signals);
-            outcome = session->outcome();
             session->end();
+            outcome = session->outcome();
         }
         overSessions().push_back(events);
         stay.tell(*events);

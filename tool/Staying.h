@@ -18,7 +18,7 @@ public:
     virtual bool goOn() { return true; }
     /** Called by the main thread when it is over, before the group is left and all is written. */
     virtual void end() {}
-    /** How it has ended, when it has ended by itself. */
+    /** How it has ended; asked behind end(). */
     virtual ExitCode outcome() const { return ExitCode::kDone; }
 };
 

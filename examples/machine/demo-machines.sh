@@ -120,7 +120,7 @@ seen=0 # lines of the panel that have been looked at
 # panel_shows <text>: waits until it does, in a line that has not been looked at before.
 panel_shows() {
     local tenths=$((patience * 10))
-    until tail -n "+$((seen + 1))" "$shown" | grep -qF -- "$1"; do
+    until grep -qF -- "$1" < <(tail -n "+$((seen + 1))" "$shown"); do
         ((tenths-- > 0)) || fail "the panel did not show \"$1\""
         sleep 0.1
     done

@@ -416,8 +416,11 @@ class ToolTest(unittest.TestCase):
             (["record", "/dev/null"], 2, "", ".*is no file\n"),
             (["record", path + "2", "--size", "5X"], 2, "", ".*is no size.*\n"),
         ])
-        stepped = run("replay", path, "--step", "--json", stdin="\n\nq\n")
-        events = [json.loads(line)["event"] for line in stepped.stdout.splitlines()]
+        with subprocess.Popen([TOOL, "replay", path, "--step", "--json"], text=True,
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE) as stepping:
+            stepping.stdin.write("\n\nq\n")  # and its input stays open
+            stepping.stdin.flush()
+            events = [json.loads(line)["event"] for line in stepping.stdout]
         self.assertEqual(events, ["begun"] + ["next", "replayed"] * 2 + ["next", "ended"])
 
         # It is readable where nobody knows the classes, and where it was cut off or damaged.

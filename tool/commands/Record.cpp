@@ -211,12 +211,8 @@ public:
 
     /** Until all objects have gone, or nothing can be written. */
     bool goOn() override {
-        std::string const failure = journal_.failure();
-        if (!failure.empty()) {
-            tool_.output().complain(failure);
-            outcome_ = ExitCode::kNoAccess;
+        if (!journal_.failure().empty())
             return false;
-        }
         TreflectHandlerState const inside(true);
         bool isAnyThere = false;
         for (auto const& recorded : recorded_) {
@@ -229,6 +225,11 @@ public:
     }
     void end() override {
         journal_.pause();
+        std::string const failure = journal_.failure();
+        if (!failure.empty()) {
+            tool_.output().complain(failure);
+            outcome_ = ExitCode::kNoAccess;
+        }
         Journal::Counts const counts = journal_.counts();
         events_.add({fmt::format("{} calls and {} values recorded", counts.calls, counts.values),
                      {{"event", "ended"},

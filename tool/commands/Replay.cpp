@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
@@ -96,8 +97,11 @@ private:
         constexpr milliseconds kNowAndThen(100);
         if (manner_.speed <= 0)
             return !isStopped_;
-        duration<double, std::micro> const recorded(static_cast<double>(call.time - first.time));
-        auto const due = start + duration_cast<steady_clock::duration>(recorded / manner_.speed);
+        constexpr duration<double, std::micro> kLongest = std::chrono::hours(24 * 365);
+        duration<double, std::micro> const recorded(static_cast<double>(call.time) -
+                                                    static_cast<double>(first.time));
+        auto const due = start + duration_cast<steady_clock::duration>(
+                                     std::clamp(recorded / manner_.speed, -kLongest, kLongest));
         while (!isStopped_ && steady_clock::now() < due)
             std::this_thread::sleep_until(std::min(due, steady_clock::now() + kNowAndThen));
         return !isStopped_;
@@ -255,6 +259,8 @@ public:
     ExitCode run(Tool&) override { return ExitCode::kDone; }
     bool stays() const override { return true; }
     ExitCode stay(Settings const& settings, Output& output) override {
+        if (manner_.isStepped)
+            std::ios::sync_with_stdio(false);  // else in_avail() knows of no line that was read ahead
         manner_.patience = settings.patience();
         readSpeed();
         // The thread that plays uses them to the end of the process.
