@@ -36,7 +36,8 @@ public:
     /** So many messages are served at a time: half of the transaction ids are left for others. */
     static constexpr unsigned int kMostServed = 2048;
 
-    /** What waits of one sender. Stays where it is as long as something waits. */
+    /** What waits of one sender. Stays where it is as long as something waits or is being
+     * served. */
     class Share {
         friend Backlog;
 
@@ -53,7 +54,8 @@ public:
     /** Enters a message of `size` bytes; null when it is too much, or memory has run out. */
     Share* admit(Transport::TerminationId sender, std::size_t size, Bounds bounds = Bounds::Heeded);
     /** Takes a message of `size` bytes out. True when so little is left that the sender, which was
-     * marked as held back, may go on: its mark is taken away. The share may be gone afterwards. */
+     * marked as held back, may go on: its mark is taken away. The share may be gone with the next
+     * `admit`, unless the message begins to be served. */
     bool release(Share& share, std::size_t size);
     /** One that has been taken out is going to be served; false when too many of its sender are. */
     bool beginServing(Share& share);

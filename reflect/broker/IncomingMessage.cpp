@@ -276,7 +276,7 @@ void TreflectORB::IncomingMessage::makeUpForOnce() {
     bool const arrival =
         message_.type() == TreflectMessage::tOrbAppeared && message_.originator() == orb_.termId();
     if (arrival)
-        serve();
+        IncomingMessage(orb_, message_, note_).serve();  // each attempt reads from the beginning
     else if (message_.kind() == TreflectMessage::kRequest)
         orb_.issueAnswer_(message_.originator(), asAnswer(failureInReserve()));
 }

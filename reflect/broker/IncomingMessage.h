@@ -13,7 +13,7 @@ public:
         : orb_(orb), message_(message), note_(note), request_(message, false) {}
 
     void serve() OSW_REQUIRES_PERMISSION;
-    /** Memory has run out in `serve`. */
+    /** Memory has run out in `serve`, or it is not to be served. */
     void makeUpFor() OSW_REQUIRES_PERMISSION;
 
 private:

@@ -75,7 +75,7 @@ public:
     Turn next(bool firstPass, Taker& taker, Need& need);
 
     /** A worker that has served its message takes the next one if there is one, as with `next`;
-     * else false, and nothing has changed. */
+     * else false, and nothing is taken. */
     bool nextAtOnce(Taker& taker, Need& need);
 
     /** A worker begins to serve what it has taken, which waits no more. Answers a sender that was

@@ -14,13 +14,16 @@ void Arrivals::enter(Id newcomer, int process) {
 }
 
 bool Arrivals::begin(Id newcomer, int process) {
+    forget(newcomer);  // one of this id whose end has been told before
     if (mayBegin(process)) {
         enter(newcomer, process);
         return true;
     }
-    std::set<Id>& line = lines_[process];
-    line.insert(newcomer);
-    waiting_.emplace(newcomer, process);
+    // What may run out of memory comes first here, too.
+    std::set<Id> inLine{newcomer};
+    std::map<Id, int> waits{{newcomer, process}};
+    lines_[process].merge(inLine);
+    waiting_.merge(waits);
     return false;
 }
 

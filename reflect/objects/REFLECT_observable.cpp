@@ -213,8 +213,11 @@ bool TreflectObservable::hasTooMany(TreflectOrbId const& broker) const {
     if (!orb)
         return false;
     Processes processes;
+    auto const processOf = [&](Transport::TerminationId sender) {
+        return processes.of(sender.value() == 0 ? orb->termId() : sender);  // 0: this process
+    };
     auto const isForOthers = [&](Transport::TerminationId sender, TreflectOrbId const& named) {
-        return processes.of(sender) != processes.of(orb->convertId(named));
+        return processOf(sender) != processOf(orb->convertId(named));
     };
     bool const forOthers = isForOthers(registersFor, broker);
     int bySender = 0;
@@ -224,7 +227,7 @@ bool TreflectObservable::hasTooMany(TreflectOrbId const& broker) const {
             continue;
         for (auto const& [key, each] : *observers) {
             TreflectOrbId const named = brokerOf(each.client);
-            bySender += processes.of(each.sender) == processes.of(registersFor) ? 1 : 0;
+            bySender += processOf(each.sender) == processOf(registersFor) ? 1 : 0;
             byOthers += forOthers && named == broker && isForOthers(each.sender, named) ? 1 : 0;
         }
     }
