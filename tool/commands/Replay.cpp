@@ -260,7 +260,8 @@ public:
     bool stays() const override { return true; }
     ExitCode stay(Settings const& settings, Output& output) override {
         if (manner_.isStepped)
-            std::ios::sync_with_stdio(false);  // else in_avail() knows of no line that was read ahead
+            std::ios::sync_with_stdio(
+                false);  // else in_avail() knows of no line that was read ahead
         manner_.patience = settings.patience();
         readSpeed();
         // The thread that plays uses them to the end of the process.
