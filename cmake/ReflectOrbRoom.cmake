@@ -10,7 +10,8 @@
 #
 # makes the shared library <target> out of rooms, standing on another one, and beside it the
 # archive <target>-internals with the same object files, in which hidden symbols can be reached.
-# A room without sources is left out, a library without rooms is not made.
+# A room without sources is left out, a library without rooms is not made. What it exports carries the
+# version <TARGET>_<version of its interface>: a program tells by that which library it was linked with.
 
 set(REFLECTORB_PRECOMPILED_HEADERS
     <boost/shared_ptr.hpp> <algorithm> <atomic> <cstdint> <cstring> <deque> <functional> <list>
@@ -74,6 +75,7 @@ function(reflectorb_library target)
         INSTALL_RPATH "\$ORIGIN"
         VERSION ${PROJECT_VERSION}
         SOVERSION ${REFLECTORB_SOVERSION})
+    _reflectorb_version_symbols(${target})
     foreach(library ${target} ${target}-internals)
         target_include_directories(${library} PUBLIC
             "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
@@ -90,4 +92,13 @@ function(reflectorb_library target)
         target_link_libraries(${target} PUBLIC ${arg_ON})
         target_link_libraries(${target}-internals PUBLIC ${arg_ON}-internals)
     endif()
+endfunction()
+
+function(_reflectorb_version_symbols target)
+    string(TOUPPER "${target}_${REFLECTORB_SOVERSION}" node)
+    string(REPLACE "-" "_" node "${node}")
+    set(script "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+    file(CONFIGURE OUTPUT "${script}" CONTENT "@node@ { *; };\n" @ONLY)
+    target_link_options(${target} PRIVATE "-Wl,--version-script=${script}")
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${script}")
 endfunction()

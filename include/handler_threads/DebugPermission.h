@@ -40,6 +40,7 @@ public:
     unsigned long getOwner() const { return queue_.getOwner(); }
     /** Number of threads that are queued, for diagnostics. */
     unsigned long waiting() const { return queue_.waiting(); }
+    /** Who holds it and who is queued, at one moment. Any thread. */
     handlerthreads::PermissionGlimpse glimpse() { return queue_.glimpse(); }
 
 private:

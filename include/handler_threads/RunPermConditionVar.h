@@ -15,9 +15,12 @@ public:
     RunPermConditionVar(RunPermConditionVar const&) = delete;
     RunPermConditionVar& operator=(RunPermConditionVar const&) = delete;
 
+    /** Gives one level of the run permission back, locks the mutex, and takes the level again.
+     * No cancellation point. */
     virtual void lock() OSW_ACQUIRE();
     /** True when the mutex was free and is now locked; does not touch the permission. */
     virtual bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it; does not touch the permission. */
     virtual void unlock() OSW_RELEASE();
     /** As TreflectConditionVar::wait. */
     virtual bool wait(TimeSpec const& limit) OSW_REQUIRES(this);

@@ -17,9 +17,11 @@ public:
     RunPermMutex(RunPermMutex const&) = delete;
     RunPermMutex& operator=(RunPermMutex const&) = delete;
 
+    /** Gives one level of the run permission back, locks the mutex, and takes the level again. */
     virtual void lock() OSW_ACQUIRE();
     /** True when the mutex was free and is now locked; does not touch the permission. */
     virtual bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it; does not touch the permission. */
     virtual void unlock() OSW_RELEASE();
 
 private:

@@ -18,9 +18,11 @@ public:
     TreflectConditionVar(TreflectConditionVar const&) = delete;
     TreflectConditionVar& operator=(TreflectConditionVar const&) = delete;
 
+    /** Locks the mutex; when it has to wait for that, with a level of the permission given up. */
     virtual void lock() OSW_ACQUIRE();
     /** True when the mutex was free and is now locked. */
     virtual bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it; does not touch the permission. */
     virtual void unlock() OSW_RELEASE();
     /** As OSWrap::ConditionVar::wait. False when the time ran out; waiting for the permission
      * afterwards does not count. */

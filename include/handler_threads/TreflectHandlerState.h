@@ -10,6 +10,7 @@
  */
 class REFLECTORB_API TreflectHandlerState {
 public:
+    /** With `getPermission`, waits for the run permission unless the thread has it already. */
     explicit TreflectHandlerState(bool getPermission);
     ~TreflectHandlerState() { cleanupHandlerState(this); }
     TreflectHandlerState(TreflectHandlerState const&) = delete;

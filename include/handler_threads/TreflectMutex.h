@@ -15,9 +15,11 @@ public:
     TreflectMutex(TreflectMutex const&) = delete;
     TreflectMutex& operator=(TreflectMutex const&) = delete;
 
+    /** Locks the mutex; when it has to wait for that, with a level of the permission given up. */
     virtual void lock() OSW_ACQUIRE();
     /** True when the mutex was free and is now locked. */
     virtual bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it; does not touch the permission. */
     virtual void unlock() OSW_RELEASE();
 
 private:

@@ -11,6 +11,7 @@ public:
 
     /** The object of this process, created on first use and never destroyed. */
     static TreflectHandlerThreads& handlerThreads();
+    /** The operations of that object, see HandlerThreads. */
     static void enterHandlerState(bool getPermission);
     static void leaveHandlerState(bool releasePermission);
     static void checkHandlerState();

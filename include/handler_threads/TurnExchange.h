@@ -15,10 +15,13 @@
  */
 class REFLECTORB_API TurnExchange {
 public:
+    /** `pool` tells whose thread this is: any address that the threads of one pool have in
+     * common and no others. It is only compared. */
     explicit TurnExchange(void const* pool) : pool_(pool) {}
     TurnExchange(TurnExchange const&) = delete;
     TurnExchange& operator=(TurnExchange const&) = delete;
 
+    /** Whether the two may exchange their work. */
     bool samePool(TurnExchange const& other) const { return pool_ == other.pool_; }
     /** Exchanges the work with that of another thread of the pool. Called with the queue's mutex
      * held: short, and without locks or callbacks of its own. */

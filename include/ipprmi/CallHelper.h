@@ -39,6 +39,8 @@ private:
 class REFLECTORB_API InParamHook {
 public:
     virtual ~InParamHook();
+    /** Appends the arguments, in their order, behind the call header that the request has
+     * already. */
     virtual void marshall(TipprmiStream& request) const = 0;
 };
 
@@ -46,6 +48,8 @@ public:
 class REFLECTORB_API OutParamHook {
 public:
     virtual ~OutParamHook();
+    /** Called behind the exception container, also when the call has failed: every read of the
+     * response fails then. */
     virtual void unmarshall(TipprmiStream& response) const = 0;
 };
 

@@ -31,6 +31,7 @@ public:
         stream >> value;
         return *this;
     }
+    /** Whether there is no content. */
     bool empty() const { return !stream_ || stream_->empty(); }
 
     /** Appends the content to `stream`, without a length. */

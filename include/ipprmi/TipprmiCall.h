@@ -12,6 +12,7 @@
 template <class... Arguments>
 class TipprmiArguments final : public InParamHook {
 public:
+    /** The arguments must live until the call has been made. */
     explicit TipprmiArguments(Arguments const&... arguments) : arguments_(arguments...) {}
     void marshall(TipprmiStream& request) const override {
         std::apply([&](auto const&... argument) { tipprmi::writeAll(request, argument...); },
@@ -27,6 +28,7 @@ template <class Result>
 class TipprmiReturned final : public OutParamHook {
 public:
     void unmarshall(TipprmiStream& response) const override { response >> value_; }
+    /** The value that was read, which is moved out: ask once. */
     TipprmiResult<Result> result() const { return std::move(value_); }
 
 private:

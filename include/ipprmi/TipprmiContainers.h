@@ -44,6 +44,7 @@ namespace tipprmi {
  * own. A count is believed only as far as what is left could hold so many. */
 template <class T>
 struct LeastSize;
+/** The number of LeastSize. */
 template <class T>
 inline constexpr std::size_t kLeastSize = LeastSize<std::decay_t<T>>::value;
 
@@ -192,16 +193,19 @@ TipprmiStream& operator>>(TipprmiStream& stream, std::vector<T>& values) {
  * be read where they have arrived. Not owned. */
 struct TipprmiByteView {
     constexpr TipprmiByteView() = default;
+    /** Views `count` bytes that somebody else keeps. */
     constexpr TipprmiByteView(std::uint8_t const* bytes, std::size_t count)
         : data(bytes), size(count) {}
+    /** Views the bytes of a vector, which must neither go nor grow meanwhile. */
     TipprmiByteView(std::vector<std::uint8_t> const& bytes)
         : TipprmiByteView(bytes.data(), bytes.size()) {}
 
+    /** The bytes as a range. */
     std::uint8_t const* begin() const { return data; }
     std::uint8_t const* end() const { return data + size; }
 
-    std::uint8_t const* data = nullptr;
-    std::size_t size = 0;
+    std::uint8_t const* data = nullptr;  ///< the first byte, not owned
+    std::size_t size = 0;                ///< number of bytes
 };
 
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, TipprmiByteView value);

@@ -5,9 +5,11 @@
 /** The exception of the broker itself: a code. Wire form: the code as unsigned int. */
 class TipprmiGeneralException {
 public:
+    /** `code`: see TipprmiFailure for those that the library itself answers. */
     explicit TipprmiGeneralException(unsigned int code = 0) : code_(code) {}
     /** The type under which containers carry it. */
     static constexpr unsigned int getExceptionClassType() { return 1; }
+    /** Why the call failed: one of TipprmiFailure, or the application's. */
     unsigned int code() const { return code_; }
     void code(unsigned int value) { code_ = value; }
 
@@ -23,8 +25,12 @@ private:
  */
 class REFLECTORB_API TipprmiExceptionContainer {
 public:
+    /** What the container holds: 0 nothing, 1 a TipprmiGeneralException; others are the
+     * application's. */
     unsigned int getExceptionType() const { return type_; }
+    /** Changes the type alone: set the data as well. */
     void setExceptionType(unsigned int type) { type_ = type; }
+    /** The data that go with the type, as one value: written, or read as often as wanted. */
     template <class T>
     void setExceptionData(T const& value) {
         data_.insert(value);

@@ -48,6 +48,7 @@ public:
 
     /** A server object is found under its new identifier from now on. */
     void setOID(TipprmiOID const& oid);
+    /** Gives the object another internal id, which only a broker may do for one that it serves. */
     void setInternalOID(unsigned int internalOid) {
         internalOid_ = internalOid;
     }
@@ -57,6 +58,7 @@ protected:
     TipprmiOID const& oid() const {
         return oid_;
     }
+    /** The internal id as it is; 0 for none. */
     unsigned int internalOid() const {
         return internalOid_;
     }

@@ -56,6 +56,7 @@ public:
     TipprmiOID identifier() const;
     /** Whether the object has been found and, as far as is known, is still there. */
     bool isConnected() const;
+    /** The stub that the handle shares; null only without memory. */
     TreflectObjectStub* getStub_() const { return stub_; }
     /** Takes over a reference that the caller has adopted, and gives back none. */
     void setStub_(TreflectObjectStub* stub) { stub_ = stub; }
@@ -87,5 +88,6 @@ REFLECTORB_API bool operator==(TipprmiObjectClient const& a, TipprmiObjectClient
 inline bool operator!=(TipprmiObjectClient const& a, TipprmiObjectClient const& b) {
     return !(a == b);
 }
+/** A handle travels as the location of its object, see TreflectObjectLocationIf. */
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream, TipprmiObjectClient const& value);
 REFLECTORB_API TipprmiStream& operator>>(TipprmiStream& stream, TipprmiObjectClient& value);

@@ -49,6 +49,8 @@ class TreflectServerObject;
  */
 class REFLECTORB_API TipprmiObjectSkeleton : public TipprmiObjectBase {
 public:
+    /** Takes the identifier as it is; nobody finds the object before it is connected to a
+     * broker. */
     explicit TipprmiObjectSkeleton(TipprmiOID const& oid);
     /** As above: `orb` is of no account, the object joins the broker of its identifier's namespace.
      */
@@ -74,7 +76,9 @@ public:
      * thread. */
     virtual TipprmiObjectClient* getClient() const;
 
+    /** The broker that serves the object, which is not owned; null while it is served by none. */
     TreflectORB* getORB() const { return orb_; }
+    /** For the broker: which one it is. Registers nothing. */
     void setORB(TreflectORB* orb) { orb_ = orb; }
     /** This object, if it is a reflective one; else null. */
     TreflectServerObject* reflective() const { return reflective_; }

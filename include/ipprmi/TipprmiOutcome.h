@@ -13,7 +13,7 @@
  */
 template <class Exception>
 struct TipprmiRaised {
-    Exception exception{};
+    Exception exception{};  ///< what came with the refusal
 };
 template <class Exception>
 TipprmiStream& operator<<(TipprmiStream& stream, TipprmiRaised<Exception> const& raised) {
@@ -52,12 +52,16 @@ class TipprmiOutcome : public TipprmiResult<T> {
                   "an exception has its failure code as a static constant kCode");
 
 public:
+    /** What a call yields that succeeds. */
     using Value = T;
+    /** Whether E is one of the exceptions. */
     template <class E>
     static constexpr bool isOneOf = (std::is_same_v<E, Exceptions> || ...);
 
     using TipprmiResult<T>::TipprmiResult;
+    /** Converts from a value or a failure without exception. */
     TipprmiOutcome(TipprmiResult<T> result) : TipprmiResult<T>(std::move(result)) {}
+    /** A refusal: converts from one of the exceptions. */
     template <class E, std::enable_if_t<isOneOf<E>, int> = 0>
     TipprmiOutcome(E exception)
         : TipprmiResult<T>(TipprmiFailure(E::kCode)), raised_(std::move(exception)) {}

@@ -20,9 +20,10 @@ struct TipprmiFailure {
      * Transport::Setup::failOnSilence says so. Whether the call is served is unknown. */
     static constexpr unsigned int kTimedOut = 0xFFFFFFFC;
 
+    /** A failure with one of the codes above, or with a code of the application. */
     explicit constexpr TipprmiFailure(unsigned int failureCode = kNotServed) : code(failureCode) {}
 
-    unsigned int code;
+    unsigned int code;  ///< 0, or what the object or the library has answered
 };
 
 /**
@@ -33,14 +34,18 @@ struct TipprmiFailure {
 template <class T>
 class TipprmiResult {
 public:
+    /** The result of a call that succeeded. */
     TipprmiResult(T value) : succeeded_(true), value_(std::move(value)) {}
+    /** That of one that failed. */
     TipprmiResult(TipprmiFailure failure) : code_(failure.code) {}
 
+    /** Whether the call succeeded. */
     explicit operator bool() const { return succeeded_; }
     /** The value; a default one when the call failed. `std::move(result).value()` and a call's own
      * result (`lamp.name().value()`) give theirs away without a copy. */
     T const& value() const& { return value_; }
     T value() && { return std::move(value_); }
+    /** The value, or `other` when the call failed. */
     T valueOr(T other) const& { return succeeded_ ? value_ : std::move(other); }
     T valueOr(T other) && { return std::move(succeeded_ ? value_ : other); }
     /** The code of the failure; of no account when there is a value. */
@@ -57,9 +62,12 @@ template <>
 class TipprmiResult<void> {
 public:
     TipprmiResult() : succeeded_(true) {}
+    /** That of one that failed. */
     TipprmiResult(TipprmiFailure failure) : code_(failure.code) {}
 
+    /** Whether the call succeeded. */
     explicit operator bool() const { return succeeded_; }
+    /** The code of the failure; of no account when the call succeeded. */
     unsigned int code() const { return code_; }
 
 private:

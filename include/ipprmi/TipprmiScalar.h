@@ -27,9 +27,13 @@ inline constexpr bool isPortable = sizeof(T) <= 8 && !std::is_same_v<T, long dou
 template <class T>
 inline constexpr std::size_t kNumberSize = sizeof(T) == 8 ? 8 : 4;
 
+/** The number whose bytes in memory are those of `value` with the most significant one first;
+ * and back. */
 inline std::uint32_t bigEndian(std::uint32_t value) {
     return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? value : __builtin_bswap32(value);
 }
+/** The number whose bytes in memory are those of `value` with the most significant one first;
+ * and back. */
 inline std::uint64_t bigEndian(std::uint64_t value) {
     return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? value : __builtin_bswap64(value);
 }

@@ -22,6 +22,7 @@ class TipprmiSequence {
     static_assert(!std::is_same_v<T, bool>, "elements are handed out by reference");
 
 public:
+    /** Number of elements. */
     unsigned int getLength() const { return static_cast<unsigned int>(elements_.size()); }
     /** New elements are default-constructed. */
     void setLength(unsigned int length) {
@@ -30,12 +31,15 @@ public:
         else
             elements_.resize(length, tipprmiBlank<T>());
     }
+    /** The element, or the first one when there are not so many. Not of an empty sequence. */
     T& operator[](unsigned int index) { return elements_[index < elements_.size() ? index : 0]; }
     T const& operator[](unsigned int index) const {
         return elements_[index < elements_.size() ? index : 0];
     }
+    /** Appends a copy. */
     void push_back(T const& value) { elements_.push_back(value); }
 
+    /** The elements as a range, until the length changes. */
     T* begin() { return elements_.data(); }
     T* end() { return elements_.data() + elements_.size(); }
     T const* begin() const { return elements_.data(); }

@@ -55,6 +55,7 @@ public:
     static TipprmiStream withoutBuffer_();
     /** Gives a stream without a buffer the usual room. */
     void ensureBuffer_();
+    /** Shares the buffer of `other`; the read position and the flags are copied. */
     TipprmiStream(TipprmiStream const& other);
     TipprmiStream& operator=(TipprmiStream const& other);
     ~TipprmiStream() = default;
@@ -109,8 +110,10 @@ public:
     void rewind() { optr_ = 0; }
     /** Empties the stream and clears the flag. */
     void clear();
+    /** Whether there are no data bytes. */
     bool empty() const { return getDataSize() == 0; }
 
+    /** The message whose payload the stream is. */
     TreflectMessage& msg() { return message_; }
     TreflectMessage const& msg() const { return message_; }
     /** The data bytes; null when the buffer has no room for any stream. */
@@ -128,6 +131,7 @@ public:
     void stopUnmarshalling() { failed_ = true; }
     /** Says that the content is incomplete, as a write does that is dropped: it is not sent. */
     void stopMarshalling() { dropWrite_(); }
+    /** Whether a read has failed, until the stream is cleared or its content replaced. */
     bool hasUnmarshallingFailed() const { return failed_; }
     /** Whether a write was dropped: the content is incomplete, until it is cleared or replaced. */
     bool hasMarshallingFailed() const { return writeDropped_; }
@@ -138,8 +142,10 @@ public:
      * deep is not allowed, which makes the write, or the read, fail. */
     class REFLECTORB_API Level {
     public:
+        /** What is done with the values. */
         enum Direction { kWriting, kReading };
 
+        /** One level deeper, until it is destroyed. */
         Level(TipprmiStream& stream, Direction direction)
             : stream_(stream), allowed_(++stream.nesting_ <= kMaxNesting || refuse_()) {
             if (!allowed_ && direction == kWriting)
@@ -151,6 +157,7 @@ public:
         Level(Level const&) = delete;
         Level& operator=(Level const&) = delete;
 
+        /** False when the value is too deep: leave it alone. */
         bool isAllowed() const { return allowed_; }
 
     private:

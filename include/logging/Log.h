@@ -22,13 +22,13 @@ namespace Logging {
 
 /** One record as the sink sees it; the pointers are valid during the call only. */
 struct Record {
-    int level;
+    int level;           ///< 0 fatal, 2 and 3 errors, 4 warnings, 5 information, 6 notes
     std::timespec time;  // clock of the day
-    char const* actor;
-    long thread;  // kernel's thread id
-    char const* source;
-    int line;
-    char const* text;
+    char const* actor;   ///< the name of the process, see setActor
+    long thread;         // kernel's thread id
+    char const* source;  ///< the source file's name without extension
+    int line;            ///< of the source file
+    char const* text;    ///< at most 4,095 characters
 };
 
 /** Receives each record, possibly from several threads at once, with no lock of the library held
@@ -49,6 +49,7 @@ using Sink = void (*)(Record const& record, void* context);
 REFLECTORB_API void setSink(Sink sink, void* context);
 /** Records with a level above `level` are dropped before they are formatted (default 5). */
 REFLECTORB_API void setThreshold(int level);
+/** The highest level that is emitted. */
 REFLECTORB_API int threshold();
 /** The name that records carry; null puts back the default, the executable's name. */
 REFLECTORB_API void setActor(char const* name);

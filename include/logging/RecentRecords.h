@@ -13,12 +13,12 @@ namespace Logging {
 /** One of the last records, as it was emitted. A value. */
 struct RecentRecord {
     std::uint64_t number = 0;  ///< counts up with each record that is kept
-    int level = 0;
-    std::timespec time{};  ///< clock of the day
-    long thread = 0;       ///< kernel's thread id
-    std::string source;
-    int line = 0;
-    std::string text;
+    int level = 0;             ///< as in Logging::Record, like the rest
+    std::timespec time{};      ///< clock of the day
+    long thread = 0;           ///< kernel's thread id
+    std::string source;        ///< the source file's name without extension
+    int line = 0;              ///< of the source file
+    std::string text;          ///< cut at kMostCharacters
 };
 
 /**
@@ -29,9 +29,10 @@ struct RecentRecord {
  */
 class REFLECTORB_API RecentRecords {
 public:
-    static constexpr std::size_t kMostRecords = 200;
-    static constexpr std::size_t kMostCharacters = 256;
+    static constexpr std::size_t kMostRecords = 200;     ///< records that are kept
+    static constexpr std::size_t kMostCharacters = 256;  ///< bytes of each text
 
+    /** Begins to keep records, unless another object of the class does so already. */
     RecentRecords();
     ~RecentRecords();
     RecentRecords(RecentRecords const&) = delete;

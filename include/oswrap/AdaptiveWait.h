@@ -50,6 +50,7 @@ public:
     /** Reports to `slept`, at its end, the time since it was made: the length of a sleep. */
     class Sleep {
     public:
+        /** Begins now; make it with the lock held, just before the wait. */
         explicit Sleep(AdaptiveWait& place) : place_(place), start_(Clock::nowNanoseconds()) {}
         ~Sleep() { place_.slept(Clock::nowNanoseconds() - start_); }
         Sleep(Sleep const&) = delete;

@@ -20,8 +20,11 @@ public:
     ConditionVar(ConditionVar const&) = delete;
     ConditionVar& operator=(ConditionVar const&) = delete;
 
+    /** Locks the mutex. No cancellation point. */
     void lock() OSW_ACQUIRE();
+    /** True when the mutex was free and is now held. */
     bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it. */
     void unlock() OSW_RELEASE();
     /**
      * Waits with the mutex given up, at most `limit` (TimeSpec::INFINITETIME: without limit).

@@ -27,6 +27,7 @@ public:
         }
         return one;
     }
+    /** How many there are in the list. */
     std::uint32_t count() const { return count_; }
 
 private:

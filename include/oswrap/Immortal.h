@@ -16,6 +16,7 @@ public:
     Immortal(Immortal const&) = delete;
     Immortal& operator=(Immortal const&) = delete;
 
+    /** The object, for ever. */
     T& operator*() { return *std::launder(reinterpret_cast<T*>(room_)); }
 
 private:

@@ -9,6 +9,7 @@ namespace OSWrap {
 template <class Lockable = Mutex>
 class OSW_SCOPED_CAPABILITY Lock {
 public:
+    /** Locks; `lockable` must outlive this. */
     explicit Lock(Lockable& lockable) OSW_ACQUIRE(lockable) : lockable_(lockable) {
         lockable_.lock();
     }

@@ -19,9 +19,11 @@ public:
     Mutex(Mutex const&) = delete;
     Mutex& operator=(Mutex const&) = delete;
 
+    /** Waits until the mutex is free. A thread that holds it already waits for ever. */
     void lock() OSW_ACQUIRE();
     /** True when the mutex was free and is now held. */
     bool trylock() OSW_TRY_ACQUIRE(true);
+    /** By the thread that locked it. */
     void unlock() OSW_RELEASE();
     /** For the system's own scoped locks; the owner of the mutex keeps it. */
     pthread_mutex_t* native() { return &mutex_; }
@@ -38,8 +40,11 @@ public:
     CountedMutex(CountedMutex const&) = delete;
     CountedMutex& operator=(CountedMutex const&) = delete;
 
+    /** Waits until the mutex is free or the caller's own; counts one up. No cancellation point. */
     void lock() OSW_ACQUIRE();
+    /** True when the mutex was free or the caller's own, and is now locked once more. */
     bool trylock() OSW_TRY_ACQUIRE(true);
+    /** Counts one down; the mutex is free when it comes to 0. By its owner. */
     void unlock() OSW_RELEASE();
     /** Number of `lock` calls not yet undone, 0 when free. Any thread may ask; only the owner's
      * answer stays true. */

@@ -12,11 +12,13 @@ template <class T>
 class NetNumVar {
 public:
     NetNumVar() = default;
+    /** Converts to network byte order. */
     NetNumVar(T value) { set(value); }
     NetNumVar& operator=(T value) {
         set(value);
         return *this;
     }
+    /** The number in the machine's own byte order. */
     operator T() const {
         T value = 0;
         for (unsigned char byte : bytes_)

@@ -12,8 +12,9 @@ namespace OSWrap {
 /** A thread's priority within its scheduling policy, as the platform counts it. */
 class Priority {
 public:
+    /** Any number; of those that the process may not set, the first is logged at level 5. */
     constexpr explicit Priority(int value) : value_(value) {}
-    constexpr int value() const { return value_; }
+    constexpr int value() const { return value_; }  ///< the number as the operating system takes it
 
 private:
     int value_;
@@ -22,8 +23,9 @@ private:
 /** A scheduling policy by its number at the operating system (0: the ordinary time sharing). */
 class SchedulingPolicy {
 public:
+    /** Likewise. */
     constexpr explicit SchedulingPolicy(int value) : value_(value) {}
-    constexpr int value() const { return value_; }
+    constexpr int value() const { return value_; }  ///< the number as the operating system takes it
 
 private:
     int value_;
@@ -107,6 +109,8 @@ private:
 template <class T>
 class MethodThread : public Thread {
 public:
+    /** A thread that will call `method` of `object`, which must live until it has ended; the
+     * rest as for Thread. */
     MethodThread(T& object, void (T::*method)(), char const* name, Priority priority,
                  SchedulingPolicy policy, std::size_t stackSize, bool detached = false)
         : Thread(name, priority, policy, stackSize, detached), object_(object), method_(method) {}

@@ -23,10 +23,13 @@ public:
         : seconds_(seconds + floorDivide(nanoseconds)),
           nanoseconds_(nanoseconds - floorDivide(nanoseconds) * kNanosecondsPerSecond) {}
 
+    /** Whole seconds, rounded down. */
     constexpr long long seconds() const { return seconds_; }
+    /** What is beyond them, 0 to 999,999,999. */
     constexpr long long nanoseconds() const { return nanoseconds_; }
     /** The whole value in nanoseconds, kept within the range of the type. */
     long long totalNanoseconds() const;
+    /** Whether it is INFINITETIME. */
     constexpr bool isInfinite() const { return seconds_ == kInfiniteSeconds; }
     /** For calls of the operating system; kept within the range of its time_t. */
     timespec toTimespec() const;
@@ -42,8 +45,10 @@ public:
             return a;
         return {a.seconds_ - b.seconds_, a.nanoseconds_ - b.nanoseconds_};
     }
+    /** As the operators that they are made of. */
     TimeSpec& operator+=(TimeSpec const& other) { return *this = *this + other; }
     TimeSpec& operator-=(TimeSpec const& other) { return *this = *this - other; }
+    /** Order by length, INFINITETIME last. */
     friend constexpr bool operator==(TimeSpec const& a, TimeSpec const& b) {
         return a.seconds_ == b.seconds_ && a.nanoseconds_ == b.nanoseconds_;
     }

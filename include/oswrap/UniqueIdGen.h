@@ -10,6 +10,7 @@ namespace OSWrap {
  * they begin differs from one start of a process to the next. */
 class REFLECTORB_API UniqueIdGen {
 public:
+    /** The one of this process, made on first use. Any thread. */
     static UniqueIdGen& instance();
     /** Never 0. Any thread. */
     unsigned int getId();

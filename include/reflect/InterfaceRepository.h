@@ -20,6 +20,7 @@ class TreflectMetaObject;
  */
 class REFLECTORB_API InterfaceRepository {
 public:
+    /** The one of this process; never null. Any thread. */
     static InterfaceRepository* instance();
 
     /** True. A class id that is taken stays with the meta object that has it; when the two have

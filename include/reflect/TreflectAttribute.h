@@ -37,6 +37,8 @@ public:
     /** How the value is made up of elements. */
     enum TreflectAttributeType { kPlain = 0, kSequence = 1, kArray = 2 };
 
+    /** Binds a meta attribute to a handle; neither is owned, and both must outlive it. Made by
+     * meta attributes (TreflectMemberFactory); others ask a handle for its attribute. */
     TreflectAttribute(TreflectMetaAttribute const* meta, TreflectObject const* object);
     virtual ~TreflectAttribute();
     TreflectAttribute(TreflectAttribute const&) = delete;
@@ -57,9 +59,11 @@ public:
 
     /** Null for the null attribute. */
     TreflectMetaAttribute const* meta() const { return meta_; }
+    /** Whether it is the null attribute. */
     bool isError() const { return error_; }
     /** Number of elements; 0 for the null attribute. */
     int constLength() const;
+    /** How the value is made up, as far as setContainerType has said. */
     TreflectAttributeType containerType() const { return containerType_; }
     /** Says how the value is made up. What a handle's `attribute` finds by name is kPlain: an
      * element that is selected is one of what the class's table tells. Where the table tells no
@@ -111,6 +115,7 @@ public:
     bool updateContainedObject();
 
 protected:
+    /** For the null attribute. */
     void markAsError() { error_ = true; }
 
 private:
@@ -189,6 +194,8 @@ private:
 /** The null attribute: reading it answers `error`, and all that it leads to is null as well. */
 class REFLECTORB_API TreflectErrorAttribute : public TreflectAttribute {
 public:
+    /** There is one for the process, TreflectAttribute::errorAttribute, with neither meta
+     * attribute nor handle. */
     TreflectErrorAttribute(TreflectMetaAttribute const* meta, TreflectObject const* object);
     ~TreflectErrorAttribute() override;
 
@@ -312,8 +319,10 @@ void TreflectAttribute::decodeArray_(Selection const& selected, TipprmiStream& r
     response >> value;
 }
 
+/** Reads a text, which becomes the caller's: see TreflectAttribute::get. */
 template <>
 REFLECTORB_API int TreflectAttribute::get(char*& value) const;
+/** The same with the code of the failure. */
 template <>
 REFLECTORB_API TipprmiResult<char*> TreflectAttribute::fetch() const;
 

@@ -13,18 +13,20 @@
  * what the call of it yields, which is a TipprmiResult, or the function's own TipprmiOutcome. */
 template <class T>
 struct TreflectValueOf {
-    using Type = T;
-    using Result = TipprmiResult<T>;
+    using Type = T;                   ///< the value
+    using Result = TipprmiResult<T>;  ///< what the call yields
 };
 template <class T>
 struct TreflectValueOf<T const&> : TreflectValueOf<T> {};
 template <class T>
 struct TreflectValueOf<TipprmiResult<T>> : TreflectValueOf<T> {};
+/** That of a function that may refuse with exceptions. */
 template <class T, class... Exceptions>
 struct TreflectValueOf<TipprmiOutcome<T, Exceptions...>> {
-    using Type = T;
-    using Result = TipprmiOutcome<T, Exceptions...>;
+    using Type = T;                                   ///< the value
+    using Result = TipprmiOutcome<T, Exceptions...>;  ///< what the call yields
 };
+/** What a call yields, see TreflectValueOf. */
 template <class T>
 using TreflectResultOf = typename TreflectValueOf<T>::Result;
 
@@ -40,6 +42,7 @@ Server* treflectLocal(TreflectObject const& object) {
 template <class Server, class Method, class Result, class... Arguments>
 class TreflectLocalCall final : public ClientCallHookBaseV {
 public:
+    /** Keeps references: object and arguments must live until the call has been made. */
     TreflectLocalCall(Server& server, Method method, Arguments const&... arguments)
         : server_(server), method_(method), arguments_(arguments...) {}
 
@@ -66,8 +69,8 @@ public:
     }
     char const* operationName() const override { return "treflectCall"; }
 
-    using Value = typename TreflectValueOf<Result>::Type;
-    using Outcome = TreflectResultOf<Result>;
+    using Value = typename TreflectValueOf<Result>::Type;  ///< what the function yields
+    using Outcome = TreflectResultOf<Result>;              ///< what the call yields
     /** `isThere`: whether the object was there to the end. */
     Outcome result(bool isThere) const {
         if (!called_)
@@ -97,8 +100,8 @@ REFLECTORB_API bool treflectPerformLocally(ClientCallHookBaseV const& hook,
 template <class Result, class... Arguments>
 TreflectResultOf<Result> treflectPerformByStreams(TreflectObject const& object, unsigned int cc,
                                                   unsigned int mc, Arguments const&... arguments) {
-    using Value = typename TreflectValueOf<Result>::Type;
-    using Outcome = TreflectResultOf<Result>;
+    using Value = typename TreflectValueOf<Result>::Type;  ///< what the function yields
+    using Outcome = TreflectResultOf<Result>;              ///< what the call yields
     if constexpr (std::is_same_v<Outcome, TipprmiResult<Value>>)
         return tipprmiCall<Value>(object, cc, mc, arguments...);
     else

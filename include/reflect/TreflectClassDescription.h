@@ -24,71 +24,77 @@ class TreflectMetaObject;
  * which are those of TreflectTypes.
  */
 struct REFLECTORB_API TreflectClassDescription {
+    /** The version that this library writes. */
     static constexpr unsigned int kVersion = 1;
 
     // What a reader accepts.
-    static constexpr std::size_t kMostMembers = 1024;  ///< operations, or attributes
-    static constexpr std::size_t kMostTypes = 256;
-    static constexpr std::size_t kMostParts = 64;  ///< bases; or parameters, exceptions of one
-    static constexpr std::size_t kLongestName = 255;
-    static constexpr std::size_t kLongestType = 16384;
-    static constexpr std::size_t kLongestText = 65536;     ///< of a comment
+    static constexpr std::size_t kMostMembers = 1024;   ///< operations, or attributes
+    static constexpr std::size_t kMostTypes = 256;      ///< with names
+    static constexpr std::size_t kMostParts = 64;       ///< bases; or parameters, exceptions of one
+    static constexpr std::size_t kLongestName = 255;    ///< bytes, of a name
+    static constexpr std::size_t kLongestType = 16384;  ///< bytes, of a type
+    static constexpr std::size_t kLongestText = 65536;  ///< of a comment
     static constexpr std::size_t kMostExpanded = 1 << 20;  ///< see expandedTypes
 
+    /** What later versions add, by names. */
     using More = std::map<std::string, TipprmiAny>;
 
+    /** A class from which this one is derived. */
     struct Base {
-        std::string name;
-        unsigned int id = 0;
+        std::string name;        ///< the base's
+        unsigned int id = 0;     ///< its class id
         std::uint64_t hash = 0;  ///< that of its own description
         REFLECTORB_STRUCT(Base, name, id, hash)
     };
+    /** What an operation takes or yields. */
     struct Parameter {
         std::string name;  ///< empty when the tables tell none
-        std::string type;
+        std::string type;  ///< empty for one that nobody has named
         REFLECTORB_STRUCT(Parameter, name, type)
     };
     /** What an operation may be refused with. */
     struct Exception {
-        unsigned int code = 0;
-        std::string type;  ///< of a struct with a name
+        unsigned int code = 0;  ///< of the failure
+        std::string type;       ///< of a struct with a name
         REFLECTORB_STRUCT(Exception, code, type)
     };
+    /** What can be called. */
     struct Operation {
-        std::string name;
-        unsigned int code = 0;      ///< method code
-        std::vector<Parameter> in;  ///< as far as they are described without a gap
-        std::vector<Parameter> out;
-        std::vector<Exception> raises;
+        std::string name;               ///< as callers use it
+        unsigned int code = 0;          ///< method code
+        std::vector<Parameter> in;      ///< as far as they are described without a gap
+        std::vector<Parameter> out;     ///< results, likewise
+        std::vector<Exception> raises;  ///< what it may be refused with
         std::string doc;  ///< the comment of who wrote the interface; empty when it is not known
-        More more;
+        More more;        ///< what this version does not know
         REFLECTORB_STRUCT(Operation, name, code, in, out, raises, doc, more)
     };
     /** How the value of an attribute is made up of elements. */
     enum class Kind : unsigned int { Plain, Sequence, Array };
+    /** What can be read, and perhaps written. */
     struct Attribute {
-        std::string name;
-        Kind kind = Kind::Plain;
+        std::string name;         ///< without "get" and "set"
+        Kind kind = Kind::Plain;  ///< how the value is made up
         unsigned int length = 1;  ///< of an array; the most elements of a sequence, 0: any number
-        bool writable = false;
-        std::string valueClass;         ///< of a value that is a reflective object; else empty
+        bool writable = false;    ///< whether there is a set operation
+        std::string valueClass;   ///< of a value that is a reflective object; else empty
         unsigned int valueClassId = 0;  ///< likewise, else 0
-        std::string doc;
-        More more;
+        std::string doc;                ///< as that of an operation
+        More more;                      ///< likewise
         REFLECTORB_STRUCT(Attribute, name, kind, length, writable, valueClass, valueClassId, doc,
                           more)
     };
 
-    unsigned int version = kVersion;
-    std::string name;
-    unsigned int id = 0;
+    unsigned int version = kVersion;    ///< see above
+    std::string name;                   ///< of the class
+    unsigned int id = 0;                ///< its class id
     std::uint64_t hash = 0;             ///< see computeHash
     std::vector<Base> bases;            ///< direct ones, the most important first
     std::vector<Operation> operations;  ///< the class's own, as are all that follow
-    std::vector<Attribute> attributes;
-    std::vector<std::string> types;
-    std::string doc;
-    More more;
+    std::vector<Attribute> attributes;  ///< their get and set operations are among the operations
+    std::vector<std::string> types;     ///< types with names, see TreflectTypes
+    std::string doc;                    ///< as that of an operation
+    More more;                          ///< likewise
     REFLECTORB_STRUCT(TreflectClassDescription, version, name, id, hash, bases, operations,
                       attributes, types, doc, more)
 

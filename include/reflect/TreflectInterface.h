@@ -339,8 +339,10 @@ private:
 template <class Skeleton>
 class TreflectClient : public TreflectObject {
 public:
+    /** Makes a handle as TreflectObject does. */
     using TreflectObject::TreflectObject;
 
+    /** The class that the handle expects; it lives as long as the program. */
     static TreflectMetaClass const& metaClass() { return Skeleton::metaClass(); }
 
     /** Calls the operation that `Method` serves, wherever the object lives, and waits for the

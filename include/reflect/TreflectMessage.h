@@ -33,6 +33,8 @@ public:
     /** Bytes of the header. */
     static constexpr unsigned int kHeaderSize = 12;
 
+    /** The role in the exchange. kNoDestination: a request that comes back, since it could not be
+     * delivered. kResponseFailure: its sender has waited in vain for an answer. */
     enum kind_t : unsigned int {
         kUndef = 0,
         kMsg = 1,
@@ -42,6 +44,9 @@ public:
         kResponseFailure = 5
     };
 
+    /** What the payload is: a search for an identifier, a call, a notice of objects created
+     * (OCN) or deleted (ODN), a subscription to such notices or its end, or a question for
+     * counters. */
     enum type_t : unsigned int {
         tUndef = 0,
         tResolve = 1,
@@ -67,11 +72,14 @@ public:
      * for further growth when it is larger than `other`. */
     TreflectMessage(TreflectORB const* orb, TreflectMessage const& other, unsigned int size);
 
+    /** The transport's handle on the same buffer. */
     operator Transport::AddressedMessage() const { return message_; }
 
+    /** Fields of the header; 0 without one. */
     kind_t kind() const;
     type_t type() const;
     unsigned int transactionId() const;
+    /** Set a field of the header; no effect without one. */
     void kind(kind_t value);
     void type(type_t value);
     void transactionId(unsigned int const& value);
@@ -88,6 +96,7 @@ public:
     unsigned char const* buf() const {
         return message_.size() < kHeaderSize ? nullptr : message_.buf() + kHeaderSize;
     }
+    /** Whether there is no buffer. */
     bool empty() const { return message_.empty(); }
     /** Makes the payload `size` bytes long in place; only for the buffer's sole owner, see
      * Transport::AddressedMessage::extend. */
@@ -101,6 +110,8 @@ public:
     /** Whether no other handle shares the buffer; false without a buffer. */
     bool isSoleOwner() { return message_.extend(message_.size()); }
 
+    /** The addresses that the transport keeps beside the buffer; no termination when there are
+     * none. */
     Transport::TerminationId originator() const { return message_.originator(); }
     Transport::TerminationId destination() const { return message_.destination(); }
     /** The transport's handle, for sending. */

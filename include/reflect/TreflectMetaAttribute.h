@@ -41,6 +41,8 @@ public:
                                                     TreflectValueCheck::Use use) const;
 
 protected:
+    /** Made when a class is completed. None of what it is given is owned; see the operations
+     * that ask for it. */
     TreflectMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
                           TreflectMetaOperation const* get, TreflectMetaOperation const* set,
                           int constLength);
@@ -70,17 +72,21 @@ private:
  */
 class REFLECTORB_API TreflectArrayMetaAttribute : public TreflectMetaAttribute {
 public:
+    /** As TreflectMetaAttribute, with the number of elements. */
     TreflectArrayMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
                                TreflectMetaOperation const* get, TreflectMetaOperation const* set,
                                int length);
+    /** A bound attribute, set to an array: see TreflectMemberFactory. */
     virtual TreflectAttribute* getTied(TreflectObject const* object) const;
 };
 
 /** The same for an attribute whose value is a TipprmiSequence. */
 class REFLECTORB_API TreflectSequenceMetaAttribute : public TreflectMetaAttribute {
 public:
+    /** As TreflectMetaAttribute. */
     TreflectSequenceMetaAttribute(std::string const& name, TreflectMetaObject const* owner,
                                   TreflectMetaOperation const* get,
                                   TreflectMetaOperation const* set, int length);
+    /** A bound attribute, set to a sequence: see TreflectMemberFactory. */
     virtual TreflectAttribute* getTied(TreflectObject const* object) const;
 };

@@ -33,21 +33,25 @@ public:
     /** A failure with a meaning: the code that a refused call answers, and the type of what comes
      * with it, which is a struct with a name. */
     struct Exception {
-        unsigned int code;
-        std::string type;
+        unsigned int code;  ///< none of TipprmiFailure
+        std::string type;   ///< as TreflectParameterType reads it
     };
+    /** What can be called. */
     struct Operation {
-        std::string name;
-        unsigned int id;  // method code
-        // Types of the arguments, perhaps with their names; empty for one that nobody has named.
+        std::string name;  ///< unique in the class and its bases
+        unsigned int id;   // method code
+        /** Types of the arguments, perhaps with their names; empty for one that nobody has named.
+         */
         std::vector<std::string> in = {};
         std::vector<std::string> out = {};   // types of the results
         std::vector<Exception> raises = {};  // what it may be refused with
     };
     /** Converts from the name of an attribute with a single value. */
     struct Attribute {
+        /** How the value is made up of elements. */
         enum Kind { kPlain, kSequence, kArray };
 
+        /** A single value, of the type that the get operation yields. */
         Attribute(char const* attributeName) : name(attributeName) {}
         /** A value that is a handle on an object of the class `valueClass`, not owned. */
         Attribute(char const* attributeName, TreflectMetaClass const& valueClass)
@@ -61,10 +65,11 @@ public:
                   int count)
             : name(attributeName), type(&valueClass), kind(valueKind), length(count) {}
 
-        char const* name;
-        TreflectMetaClass const* type = nullptr;
-        Kind kind = kPlain;
-        int length = 1;
+        char const* name;  ///< without "get" and "set"
+        TreflectMetaClass const* type =
+            nullptr;         ///< class of the value or its elements; null: no object
+        Kind kind = kPlain;  ///< one value, or elements
+        int length = 1;      ///< elements of an array; most of a sequence, 0: any number
     };
 
     /** What whoever wrote the interface says of it, for people who look at it in a tool. The texts
@@ -72,16 +77,17 @@ public:
     struct Docs {
         /** That of an operation or an attribute, by its name. */
         struct Member {
-            char const* name;
-            char const* text;
+            char const* name;  ///< of the member
+            char const* text;  ///< UTF-8, any number of lines
         };
 
         Docs() : text("") {}
+        /** Texts for the class itself and for some of its members. */
         Docs(char const* ofClass, std::vector<Member> ofMembers = {})
             : text(ofClass), members(std::move(ofMembers)) {}
 
-        char const* text;  // of the class itself
-        std::vector<Member> members;
+        char const* text;             // of the class itself
+        std::vector<Member> members;  ///< in any order
     };
 
     /** Names of attributes are literals, or live as long as the meta object. `types` are texts of
@@ -118,6 +124,7 @@ public:
      * and not asked for again as long as that broker is there.
      */
     static void learn(bool on);
+    /** Whether handles learn classes. */
     static bool learns();
 
 protected:

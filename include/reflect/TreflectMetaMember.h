@@ -15,7 +15,9 @@ public:
     TreflectMetaMember(TreflectMetaMember const&) = delete;
     TreflectMetaMember& operator=(TreflectMetaMember const&) = delete;
 
+    /** Unique among the members of its kind in the class. */
     std::string const& name() const { return name_; }
+    /** The class that declares it, not owned; null for none. */
     TreflectMetaObject const* containingMetaObject() const { return owner_; }
 
 private:

@@ -29,12 +29,12 @@ class REFLECTORB_API TreflectMetaObject {
 public:
     /** An operation of a class as generated tables have it. */
     struct MetaOpData {
-        char const* name;
-        int id;  // method code
+        char const* name;  ///< a literal
+        int id;            // method code
     };
     /** An attribute of a class: its operations are "get" and "set" followed by this name. */
     struct MetaAttrData {
-        char const* name;
+        char const* name;  ///< a literal
     };
 
     /** Enters the repository. */
@@ -46,7 +46,9 @@ public:
     TreflectMetaObject(TreflectMetaObject const&) = delete;
     TreflectMetaObject& operator=(TreflectMetaObject const&) = delete;
 
+    /** The class's name, unchanged for life. */
     virtual std::string const& name() const;
+    /** The number by which processes know the class. */
     unsigned int getClassId() const { return classId_; }
     /** Whether this is `other` or derived from it, over any number of generations. */
     bool isA(TreflectMetaObject const* other) const;
@@ -78,6 +80,7 @@ public:
     /** Adds a type with a name, to which the types of operations may refer; false, and a line at
      * level 3, when `definition` is none. */
     bool registerType(std::string const& definition);
+    /** The types with names of this class, without those of its bases. */
     TreflectTypes const& types() const { return types_; }
 
     /**
@@ -100,7 +103,9 @@ protected:
     /** Says that a meta object is not in the repository: for classes that other processes have
      * described, of which there may be several of one id. */
     struct Unlisted {};
+    /** As the public one, but leaves the repository alone. */
     TreflectMetaObject(Unlisted, std::string const& name, unsigned int classId);
+    /** Whether it has entered the repository. */
     bool isListed() const { return listed_; }
     /** Whether no base has gone, and none of theirs. */
     bool isWhole() const { return whole_; }

@@ -16,6 +16,7 @@
 class REFLECTORB_API TreflectMetaOperation : public TreflectMetaMember,
                                              public TreflectMemberFactory<TreflectOperation> {
 public:
+    /** An operation without parameters, until they are registered. `owner` is not owned. */
     TreflectMetaOperation(std::string const& name, TreflectMetaObject const* owner, int id);
     ~TreflectMetaOperation() override;
 
@@ -26,6 +27,7 @@ public:
      * see TreflectParameterType, which may refer to the types of the class, or empty for a type
      * that nobody has named. */
     void registerParameter(std::string key, std::string value);
+    /** What registerParameter has told. */
     std::map<std::string, std::string> const& parameters() const { return parameters_; }
     /** The types of the arguments and of the results in their order, as far as they are described
      * without a gap; each invalid if it is no name of a type. Made once. Any thread. */
@@ -35,6 +37,7 @@ public:
     /** Describes what the operation may be refused with: the code of the failure, and the type of
      * what comes with it, a struct with a name. A second one for a code replaces the first. */
     void registerException(unsigned int code, std::string type);
+    /** What registerException has told. */
     std::map<unsigned int, std::string> const& exceptions() const { return exceptions_; }
     /** The type that belongs to a code; an invalid one when the code tells nothing more. */
     TreflectParameterType exceptionType(unsigned int code) const;

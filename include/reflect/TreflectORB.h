@@ -132,9 +132,11 @@ public:
      * is waited for, unless called from inside it. */
     void unregisterOrbNotifications(TreflectOrbObserverIf* observer);
 
+    /** The id of this broker, unchanged for life. */
     TreflectOrbId orbId() const { return orbId_; }
     /** The transport's group of a namespace, by this unit's slot; 0 when it has none. */
     Transport::GroupId getMyGroup(NamespaceId const& ns) const;
+    /** The namespace whose brokers a group holds; NSID_UNDEF for another one. */
     NamespaceId getNamespaceFromGroup(Transport::GroupId const& group) const;
     /** Broker ids and transport addresses into each other. Not each other's inverse: slot 0 of
      * NSID_UNIT stands for the unit's current slot. */
@@ -194,6 +196,7 @@ public:
     /** Sends a message whose type is set to `target`; the engine of forwardMsg. */
     bool forwardMsg_(Transport::TerminationId target, bool withResponse, TreflectMessage& message,
                      TipprmiStream& response) const;
+    /** The two halves of locateObject: here, and at the other brokers of the group. */
     TreflectObjectLocation locateLocalObject_(TipprmiOID const& oid) const;
     TreflectObjectLocation locateRemoteObject_(TipprmiOID const& oid) const;
     /** A registered object has been given another identifier. With the run permission. */
@@ -299,6 +302,8 @@ class REFLECTORB_API TreflectORB::TreflectObjectLocation : public TreflectObject
 public:
     /** Not found yet; a name of the form "rmi_%X_%X" gives broker and internal id at once. */
     explicit TreflectObjectLocation(TipprmiOID const& oid);
+    /** Found: the internal id at the broker, the object itself (not owned) when it is in this
+     * process, else null, and the identifier. */
     TreflectObjectLocation(unsigned int const& ioid, TreflectOrbId const& orb,
                            TipprmiObjectSkeleton* server, TipprmiOID const& oid);
     ~TreflectObjectLocation() override;
@@ -309,6 +314,7 @@ public:
     unsigned int getInternalOID() const override;
     NamespaceId getNamespaceId() const override;
     TipprmiObjectSkeleton* getServer() const override;
+    /** The object itself, not owned; null for one of another process. */
     void setServer(TipprmiObjectSkeleton* server) { server_ = server; }
 
     /** Reads what operator<< wrote; the namespace of the identifier and the server stay as they
@@ -331,6 +337,7 @@ private:
  */
 struct REFLECTORB_API TreflectORB::PerfCnts {
     PerfCnts() = default;
+    /** Counters as they are given. */
     PerfCnts(Transport::TerminationId destination, unsigned int requestsSent,
              unsigned int requestsFailed)
         : termination(destination), sent(requestsSent), failed(requestsFailed) {}
@@ -353,6 +360,7 @@ struct TreflectORB::PerfCntInfo {
 /** The answer of one of several brokers. A value. */
 struct TreflectORB::PerfCntMultInfo {
     PerfCntMultInfo() = default;
+    /** What a broker has answered. */
     PerfCntMultInfo(Transport::TerminationId broker, PerfCntInfo answer)
         : termination(broker), info(std::move(answer)) {}
 
@@ -362,10 +370,10 @@ struct TreflectORB::PerfCntMultInfo {
 
 /** One broker of a group, as getBrokers found it. A value. */
 struct TreflectORB::BrokerInfo {
-    Transport::TerminationId termination;
-    TreflectOrbId orbId;
-    bool answered = false;
-    PerfCntInfo info;  ///< empty when it did not answer
+    Transport::TerminationId termination;  ///< its transport address
+    TreflectOrbId orbId;                   ///< its id as a broker
+    bool answered = false;                 ///< within the time that getPerfCnts allows
+    PerfCntInfo info;                      ///< empty when it did not answer
 };
 
 /** Makes the broker of NSID_UNIT ahead of its first use. Any thread. */

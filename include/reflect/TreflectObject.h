@@ -41,6 +41,7 @@ public:
     TreflectObject() = default;
     /** Locates the object: may ask every broker of the group, one after the other. */
     explicit TreflectObject(TipprmiOID const& oid) : TipprmiObjectClient(oid) {}
+    /** A handle on an object of this process, which is not owned; on nothing when null. */
     explicit TreflectObject(TipprmiObjectSkeleton const* skeleton)
         : TipprmiObjectClient(skeleton) {}
     /** Shares the stub; what is bound to `other` stays there. */
@@ -85,6 +86,7 @@ public:
     virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
     /** Enters a child under a name, in place of one that is there. */
     virtual void registerChild(std::string const& name, TreflectObject const& child) const;
+    /** Takes a child out, if it is there. */
     virtual void unregisterChild(std::string const& name) const;
     /** Leaves the present object for the one of that identifier. */
     virtual void connect(TipprmiOID const& oid);

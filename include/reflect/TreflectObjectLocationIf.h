@@ -18,6 +18,7 @@ class TipprmiObjectSkeleton;
 class REFLECTORB_API TreflectObjectLocationIf {
 public:
     TreflectObjectLocationIf() = default;
+    /** There is nothing here to copy: derived classes copy what they have. */
     TreflectObjectLocationIf(TreflectObjectLocationIf const&) {}
     TreflectObjectLocationIf& operator=(TreflectObjectLocationIf const&) { return *this; }
     virtual ~TreflectObjectLocationIf();
@@ -30,13 +31,16 @@ public:
     virtual TreflectOrbId orbId() const = 0;
     /** Internal object id at that broker; 0 means none. */
     virtual unsigned int getInternalOID() const = 0;
+    /** The namespace of the broker that serves it. */
     virtual NamespaceId getNamespaceId() const = 0;
     /** The object itself when it is served in this process, else null. Not owned. */
     virtual TipprmiObjectSkeleton* getServer() const = 0;
 
+    /** The order that is told above. Two that are equivalent may lead to one object. */
     bool operator<(TreflectObjectLocationIf const& other) const;
 };
 
 class TipprmiStream;
+/** The marshalled form that is told above. */
 REFLECTORB_API TipprmiStream& operator<<(TipprmiStream& stream,
                                          TreflectObjectLocationIf const& location);

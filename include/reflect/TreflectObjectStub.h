@@ -73,12 +73,15 @@ public:
 #pragma GCC diagnostic pop
 
     // See TreflectObject on each of these.
+    /** The class of the object; see TreflectObject, as for what follows. */
     virtual TreflectMetaObject const* meta() const;
+    /** The object's place in the tree: see the functions of these names of TreflectObject. */
     virtual std::string getAbsName() const;
     virtual std::string getRelName() const;
     virtual TreflectObject getParent() const;
     virtual TreflectObject getChild(std::string const& name) const;
     virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
+    /** Enter a child into the tree, or take it out: see TreflectObject. */
     virtual void registerChild(std::string const& name, TreflectObject const& child) const;
     virtual void unregisterChild(std::string const& name) const;
 
@@ -90,6 +93,7 @@ public:
     virtual void connect(TipprmiObjectSkeleton* skeleton);
     /** Not invalid, and the object has been found. */
     virtual bool isConnected() const;
+    /** A name for diagnostics, not that of the object's class. */
     virtual char const* className() const;
     /** Sets the container that starts every response of the object. No effect on an invalid stub.
      */
@@ -97,6 +101,7 @@ public:
     /** The object's container; from an invalid stub one with a TipprmiGeneralException of code 0.
      */
     TipprmiExceptionContainer getExceptionContainer() const override;
+    /** Begin and end observing calls: see TreflectObject. */
     virtual void registerObserver(unsigned int kind, TreflectMetaOperation const* operation,
                                   TreflectObserver* observer) const;
     virtual void removeObserver(TreflectMetaOperation const* operation,
@@ -110,9 +115,11 @@ public:
     /** Ends the registrations of guards of an operation that have gone; how many there were. */
     unsigned int removeLostGuards(TreflectMetaOperation const* operation) const;
 
+    /** False once the object, or its broker, is known to have gone. */
     bool isValid() const {
         return server_ != INVALIDOBJECT;
     }
+    /** Fails all further calls. */
     void setInvalid() {
         server_ = INVALIDOBJECT;
     }
@@ -125,6 +132,7 @@ public:
     /** Starts reading a response: its exception container; of type 1, every further read fails. */
     TipprmiStream& prepareResponseStream(bool withResponse, TipprmiStream& stream) const;
 
+    /** For the handles that share the stub: one more. */
     void incRefCount() {
         ++refCount_;
     }
@@ -132,6 +140,7 @@ public:
     bool decRefCount() {
         return --refCount_ < 1;
     }
+    /** How many handles share the stub. */
     int refCount() const {
         return refCount_;
     }

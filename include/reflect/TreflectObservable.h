@@ -12,9 +12,9 @@
 /** A registration of an observer of calls: its kind, the class and the method code of the
  * operation. A value. */
 struct TreflectObservation {
-    unsigned int kind;
-    unsigned int classId;
-    unsigned int methodCode;
+    unsigned int kind;                       ///< TreflectObservable::kBeforeCalls or kAfterCalls
+    unsigned int classId;                    ///< of the class that declares the operation
+    unsigned int methodCode;                 ///< of the operation
     TreflectObserverClient const* observer;  ///< of use until a registration begins or ends
 };
 
@@ -35,7 +35,9 @@ public:
      * the destruction begins, which may wait itself. */
     class Life {
     public:
+        /** Made while the observable is there; may outlive it. */
         explicit Life(TreflectObservable const& observable) : living_(observable.living_) {}
+        /** Whether its destruction has begun. Under the run permission. */
         bool ended() const { return !*living_; }
 
     private:
@@ -100,6 +102,7 @@ protected:
      */
     class OnBehalf {
     public:
+        /** `sender`: the broker of the process that asks for them. */
         explicit OnBehalf(Transport::TerminationId sender);
         ~OnBehalf();
         OnBehalf(OnBehalf const&) = delete;

@@ -18,6 +18,8 @@ class REFLECTORB_API TreflectObserver : public TreflectObserverSkeleton {
 public:
     /** Without identifier, parent and name of its own: enough for one that is only to be told. */
     TreflectObserver();
+    /** A server object as any other, see TreflectServerObject: brokers reach it under its
+     * identifier. */
     TreflectObserver(TipprmiOID const& oid, TreflectObject const* parent, std::string const& name);
     ~TreflectObserver() override;
 
@@ -32,6 +34,7 @@ public:
     virtual bool update() = 0;
     /** The object that the notification is about: for `update` only, the handle ends with it. */
     virtual TreflectObject const* getSource() const;
+    /** For who notifies: which object it is about. Not owned. */
     virtual void setSource(TreflectObject const* source);
 
     /** What the call was given (before it) or gave (after it); for an observer of an attribute's

@@ -10,9 +10,12 @@
 class REFLECTORB_API TreflectObserverClient : public TreflectObject {
 public:
     TreflectObserverClient() = default;
+    /** A handle on an observer anywhere. */
     explicit TreflectObserverClient(TipprmiOID const& oid) : TreflectObject(oid) {}
+    /** On one of this process, which is not owned. */
     explicit TreflectObserverClient(TipprmiObjectSkeleton const* skeleton)
         : TreflectObject(skeleton) {}
+    /** On the object of another handle, which is taken to be an observer. */
     explicit TreflectObserverClient(TreflectObject const& other) : TreflectObject(other) {}
     TreflectObserverClient(TreflectObserverClient const& other) = default;
     TreflectObserverClient& operator=(TreflectObserverClient const& other) = default;

@@ -9,6 +9,7 @@ public:
     /** The class id of all observers, and the class code of notifications. */
     static constexpr unsigned int kClassId = 0x641E8FCD;
 
+    /** See TreflectServerObject. */
     TreflectObserverSkeleton(TipprmiOID const& oid, TreflectObject const* parent,
                              std::string const& name);
     ~TreflectObserverSkeleton() override;

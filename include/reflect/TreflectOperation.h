@@ -14,6 +14,8 @@ class TreflectObserver;
  * out and own it. Used under the run permission. */
 class REFLECTORB_API TreflectOperation {
 public:
+    /** Binds a meta operation to a handle; neither is owned, and both must outlive it. Made by
+     * meta operations (TreflectMemberFactory); others ask a handle for its operation. */
     TreflectOperation(TreflectMetaOperation const* meta, TreflectObject const* object);
     virtual ~TreflectOperation();
     TreflectOperation(TreflectOperation const&) = delete;
@@ -24,6 +26,7 @@ public:
 
     /** Null for the null operation. */
     TreflectMetaOperation const* meta() const { return meta_; }
+    /** Whether it is the null operation. */
     bool isError() const { return error_; }
 
     /** Calls the operation without arguments, whatever the class's table tells, waits until it has
@@ -72,6 +75,7 @@ public:
     void removeObserver(TreflectObserver* observer);
 
 protected:
+    /** For the null operation. */
     void markAsError() { error_ = true; }
 
 private:
@@ -88,6 +92,8 @@ private:
 /** The null operation: every call of it answers `error`, or false, and reaches nobody. */
 class REFLECTORB_API TreflectErrorOperation : public TreflectOperation {
 public:
+    /** There is one for the process, TreflectAttribute::errorOperation, with neither meta
+     * operation nor handle. */
     TreflectErrorOperation(TreflectMetaOperation const* meta, TreflectObject const* object);
     ~TreflectErrorOperation() override;
 };

@@ -17,12 +17,16 @@
 class TreflectOrbId {
 public:
     constexpr TreflectOrbId() = default;
+    /** From the number that `value` yields. */
     constexpr TreflectOrbId(unsigned int value) : value_(value) {}
+    /** From its fields. */
     constexpr TreflectOrbId(unsigned short nameId, unsigned char slotId, NamespaceId namespaceId)
         : value_(static_cast<std::uint32_t>(nameId) | static_cast<std::uint32_t>(slotId) << 16 |
                  (static_cast<std::uint32_t>(namespaceId) & 0xFFu) << 24) {}
 
+    /** All fields as one number, as it travels; 0 for no broker. */
     constexpr unsigned int value() const { return value_; }
+    /** The fields of the table above. */
     constexpr unsigned short nameId() const { return static_cast<unsigned short>(value_ & 0xFFFF); }
     constexpr unsigned char slotId() const {
         return static_cast<unsigned char>(value_ >> 16 & 0xFF);

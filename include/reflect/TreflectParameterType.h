@@ -45,7 +45,7 @@ private:
  * | char | char | a string of one byte |
  * | string | std::string, char const* | "with \"quotes\"", or bare |
  * | bytes | std::vector<std::uint8_t> | 0x0A0B; 0x for none |
- * | oid | TipprmiOID | as a string, then perhaps its namespace: "name"@node, name@node |
+ * | oid | TipprmiOID | as a string, then perhaps its namespace: `"name"@node`, `name@node` |
  * | object | TipprmiObjectClient, TreflectObject | the object's identifier, as an oid |
  * | any | TipprmiAny | its bytes, 0x0000002A, or a value with its type, unsigned(42) |
  * | void | std::monostate | {} |
@@ -74,10 +74,10 @@ private:
  * - Numbers are checked for their range. A bool that arrives is true unless it is 0; any other
  *   value that arrives out of range is no value of the type, except a number that is none of an
  *   enum's: it is written as a number.
- * - A string in quotes may hold \" \\ \n \r \t and \x with two hexadecimal digits; other bytes
- *   stand for themselves. A bare one ends at the next of , ] } ), as the key of a map also at : and
- *   has no blanks at its ends; where the whole text is one string, it is all of it. A bare one of
- *   no characters must be the whole text.
+ * - A string in quotes may hold `\"`, `\\`, `\n`, `\r`, `\t` and `\x` with two hexadecimal digits;
+ * other bytes stand for themselves. A bare one ends at the next of , ] } ), as the key of a map
+ * also at : and has no blanks at its ends; where the whole text is one string, it is all of it. A
+ * bare one of no characters must be the whole text.
  * - A namespace is unit, node or a number; none means unit. Of a bare identifier only the last @
  *   counts, and only with a namespace behind it.
  * - An object is looked for, which needs the run permission and may ask other brokers; there must

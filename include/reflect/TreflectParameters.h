@@ -8,6 +8,7 @@
 /** What observers are told of a call: its arguments before, its results after, each in an any. */
 class TreflectParameters {
 public:
+    /** Replaces all values, in their order; each has a stream operator. */
     template <class... Values>
     void set(Values const&... values) {
         fill(sequence_, values...);
@@ -30,6 +31,7 @@ public:
         TipprmiResult<T> const& result = outcome;
         setResult(result);
     }
+    /** The values, as observers are told them. */
     TipprmiSequence<TipprmiAny, 0u> const& sequence() const { return sequence_; }
 
     /** Makes `sequence` hold these values and nothing else. */
@@ -38,6 +40,7 @@ public:
         sequence.setLength(0);
         (append(sequence, values), ...);
     }
+    /** Adds one value behind the others. */
     template <class T>
     static void append(TipprmiSequence<TipprmiAny, 0u>& sequence, T const& value) {
         TipprmiAny any;

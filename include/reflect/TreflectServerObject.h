@@ -75,6 +75,7 @@ public:
     virtual TipprmiSequence<TreflectObject, 0u> getChilds() const;
     /** Enters a child, in place of one that has this name. */
     virtual void registerChild(std::string const& name, TreflectObject const& child);
+    /** Takes a child out, if it is there. */
     virtual void unregisterChild(std::string const& name);
     /** The id of the object's own class. */
     virtual unsigned int getServerClassId() const = 0;
@@ -83,6 +84,7 @@ public:
     /** "/" and the names of all parents and of the object, with "/" between them. Asks the parent,
      * wherever it is. An object that is its own ancestor in this process is logged at level 3. */
     virtual std::string getAbsName() const;
+    /** The object's own name. */
     virtual std::string getRelName() const;
     /** Tells the observers of the class in all processes that the object is there (or is about to
      * go); `metaObject` is its class, by default the one that its handle names. Waits for those in
@@ -127,6 +129,8 @@ public:
      * once of a change that it has told. For the library's own use. */
     class REFLECTORB_API ObservedCall {
     public:
+        /** Begins the mark, for a call of the operation of that class and method code. The object
+         * may be destroyed meanwhile. Under the run permission. */
         ObservedCall(TreflectServerObject& object, unsigned int classId, unsigned int methodCode);
         ~ObservedCall();
         ObservedCall(ObservedCall const&) = delete;
@@ -157,6 +161,7 @@ public:
 
     /** The class ids that the object answers; none while it is being built or destroyed. */
     TipprmiSequence<unsigned int, 0u> getClassIds() const;
+    /** The object's own name, which the object keeps. */
     char const* objectName() const { return longName_ ? longName_.get() : shortName_; }
 
     /** Whether this is an observer, a TreflectObserverSkeleton. */

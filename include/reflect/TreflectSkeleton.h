@@ -21,6 +21,7 @@ class TreflectSkeleton : public Base {
 public:
     using Base::Base;
 
+    /** The class; not owned. */
     static TreflectMetaClass const& metaClass() { return Meta; }
 
     unsigned int getServerClassId() const override { return Meta.getClassId(); }

@@ -22,6 +22,7 @@ public:
         virtual ~TiedBase() = 0;
     };
 
+    /** The one of this process, made on first use; never null. */
     static TreflectTieds* instance();
 
     TreflectTieds() = default;

@@ -105,6 +105,7 @@ std::string structName() {
 
 template <class T>
 struct TreflectTypeName {
+    /** The name; empty for a type that nobody has named. */
     static std::string text() {
         if constexpr (std::is_void_v<T>)
             return "void";

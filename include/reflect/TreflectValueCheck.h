@@ -27,11 +27,13 @@ public:
         std::string (*name)();  // as tables have it
         char const* id;         // the compiler's name; static
 
+        /** That of T. */
         template <class T>
         static Type of() {
             return {&treflectTypeName<T>, typeid(T).name()};
         }
     };
+    /** What is done with the value. */
     enum class Use : unsigned char {
         kRead,               // the whole value
         kReadElement,        // one element of it
@@ -40,8 +42,10 @@ public:
         kWriteElement  // which nobody can
     };
 
+    /** Compares the types, with no effect on the attribute, of which copies are kept. */
     TreflectValueCheck(TreflectMetaAttribute const& attribute, Type type, Use use);
 
+    /** Whether it is the check for this type and this use. */
     bool isOf(Type type, Use use) const {
         return typeName_ == type.name && use_ == use && typeId_ == type.id;
     }
@@ -54,6 +58,8 @@ public:
     /** Logs it at level 3, not too often. */
     void tell() const;
 
+    /** A value that can be read; no element of this index; or something that is no value of the
+     * C++ type. */
     enum class Found { kValue, kNoElement, kMisfit };
     /** Goes to the value, or the element, that is to be read from `response`, which is about to
      * yield the attribute's value; looks whether it is one of the C++ type. */

@@ -81,6 +81,7 @@ public:
     bool isError() const { return !state_; }
 
 protected:
+    /** Whether two encodings are the same, byte by byte. */
     static bool areEqual(TipprmiAny const& a, TipprmiAny const& b);
 
     /** `type`: what the values are to be read as; none when that is of no account. */
@@ -115,8 +116,10 @@ class TreflectWatch : public TreflectAttributeWatch {
     static_assert(!std::is_pointer_v<T>, "nobody would own what the pointer leads to");
 
 public:
+    /** What to do with a value. */
     using Reaction = std::function<void(T const& value)>;
 
+    /** As TreflectAttributeWatch does it. */
     TreflectWatch(TreflectAttribute const& attribute, Reaction reaction,
                   std::chrono::milliseconds leastInterval = {})
         : TreflectAttributeWatch(attribute, decoding(std::move(reaction)), leastInterval,

@@ -22,10 +22,14 @@ constexpr std::size_t kLargestMessage = 16u * 1024u * 1024u;
 class REFLECTORB_API AddressedMessage {
 public:
     AddressedMessage() = default;
+    /** Shares the buffer of `other`. */
     AddressedMessage(AddressedMessage const& other);
+    /** Takes over the buffer of `other`, which is empty then. */
     AddressedMessage(AddressedMessage&& other) noexcept
         : block_(std::exchange(other.block_, nullptr)) {}
+    /** Lets go of the buffer that it has, and shares that of `other`. */
     AddressedMessage& operator=(AddressedMessage const& other);
+    /** Exchanges the buffers. */
     AddressedMessage& operator=(AddressedMessage&& other) noexcept {
         std::swap(block_, other.block_);
         return *this;
@@ -38,12 +42,18 @@ public:
      */
     static AddressedMessage allocate(std::size_t size, std::size_t capacity = 0);
 
+    /** Whether there is no buffer. */
     bool empty() const { return block_ == nullptr; }
+    /** The bytes; null without a buffer. They stay where they are until the last handle goes. */
     unsigned char* buf();
     unsigned char const* buf() const;
+    /** Number of bytes; 0 without a buffer. */
     std::size_t size() const;
+    /** Who sent it and to whom; no termination as long as that is not set, or without a buffer. */
     TerminationId originator() const;
     TerminationId destination() const;
+    /** Set them for all handles on the buffer; no effect without one. `issue` sets the
+     * destination. */
     void originator(TerminationId id);
     void destination(TerminationId id);
 

@@ -13,9 +13,9 @@ namespace Transport {
  */
 struct Backlog {
     int senderKibibytes;  ///< of one sender
-    int senderMessages;
-    int kibibytes;  ///< in all
-    int messages;
+    int senderMessages;   ///< likewise, by their number
+    int kibibytes;        ///< in all
+    int messages;         ///< likewise, by their number
 };
 
 /**
@@ -26,6 +26,7 @@ struct Backlog {
  */
 class REFLECTORB_API IdInfo {
 public:
+    /** The one of this process. */
     static IdInfo& instance();
 
     /** The slot of this unit, 1 to 255; 0 when the environment names none that makes sense. */
@@ -63,8 +64,8 @@ public:
  * | TRANSPORT_ON_SILENCE | abort or fail | abort |
  * | TRANSPORT_DIR | an absolute path | a folder of the user's own, see below |
  *
- * The default folder is `reflectorb` below XDG_RUNTIME_DIR, or else below /run/user/<uid>, where
- * such a folder exists and belongs to the user; else /tmp/reflectorb-<uid>.
+ * The default folder is `reflectorb` below XDG_RUNTIME_DIR, or else below /run/user/UID, where
+ * such a folder exists and belongs to the user; else /tmp/reflectorb-UID.
  *
  * Each setter answers false, with a log line at level 3, for a value that makes no sense or when it
  * comes too late, and changes nothing then. Any thread.

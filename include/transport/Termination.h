@@ -9,8 +9,10 @@ namespace Transport {
 /** A handle on a termination anywhere: just its address. A value. */
 class REFLECTORB_API Termination {
 public:
+    /** A handle on the termination of this address, whether there is one or not. */
     explicit Termination(TerminationId id = {}) : id_(id) {}
 
+    /** The address; 0 for none. */
     TerminationId termId() const { return id_; }
 
     /**
@@ -31,6 +33,7 @@ public:
     int issueError(AddressedMessage const& message) const;
 
 protected:
+    /** Leads to another address from now on. */
     void termId(TerminationId id) { id_ = id; }
 
 private:

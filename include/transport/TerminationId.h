@@ -8,6 +8,7 @@ namespace Transport {
 /** Number of a group of terminations. */
 using GroupId = std::uint8_t;
 
+/** No group. */
 constexpr GroupId GRPID_UNDEF = 0;
 /** The transport's own control group. */
 constexpr GroupId TRSPCTRL = 4;
@@ -24,12 +25,16 @@ constexpr GroupId TRSPCTRL = 4;
 class TerminationId {
 public:
     constexpr TerminationId() = default;
+    /** From the number that `value` yields. */
     constexpr TerminationId(unsigned int value) : value_(value) {}
+    /** From its fields. */
     constexpr TerminationId(unsigned short nameId, unsigned char slotId, GroupId groupId)
         : value_(static_cast<std::uint32_t>(nameId) | static_cast<std::uint32_t>(slotId) << 16 |
                  static_cast<std::uint32_t>(groupId) << 24) {}
 
+    /** All fields as one number. */
     constexpr unsigned int value() const { return value_; }
+    /** The fields of the table above. */
     constexpr unsigned short nameId() const { return static_cast<unsigned short>(value_ & 0xFFFF); }
     constexpr unsigned char slotId() const {
         return static_cast<unsigned char>(value_ >> 16 & 0xFF);

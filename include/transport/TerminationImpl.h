@@ -12,10 +12,11 @@ class LocalTermination;
  * A termination of this process: the base of a broker. Has a receiving thread of its own from
  * `start` to `stop`. Virtual operations stand in a fixed order of slots.
  *
- * Callbacks: `receive` and `receiveError` run on the receiving thread, one message at a time, and
- * must not wait for a response. `appeared` and `disappeare` run on the process's arrivals thread
- * and departures thread, never on a receiving thread. No lock of the transport is held in a
- * callback.
+ * Callbacks: `receive` and `receiveError` run on the receiving thread, or on one that waits for an
+ * answer (AnswerWait), one message at a time, and must not wait for a response.
+ * `appeared` and `disappeare` run on the process's arrivals thread and departures thread, never on
+ * a receiving thread. No lock of the transport is held in a callback, but for the one that keeps
+ * messages apart.
  */
 class REFLECTORB_API TerminationImpl : public Termination {
 public:

@@ -10,6 +10,7 @@ namespace Transport {
 /** A group of terminations by its number. A value. */
 class REFLECTORB_API Group {
 public:
+    /** A handle on a group, whether it has members or not. */
     explicit Group(GroupId id) : id_(id) {}
     /** Ids of the members known now, own ones included, in ascending order. */
     std::list<TerminationId> contains() const;
@@ -31,9 +32,12 @@ struct Owner {
  */
 class REFLECTORB_API TransportLayer {
 public:
+    /** The one of this process. */
     static TransportLayer& instance();
 
+    /** A handle on a termination, whether it is there or not. */
     Termination getTermination(TerminationId id) const { return Termination(id); }
+    /** Whether there is such a termination now. */
     bool exists(TerminationId id) const;
     /**
      * The same for one from which a message has just come back: it may be about to die. Looks for
@@ -43,6 +47,7 @@ public:
     bool stillExists(TerminationId id) const;
     /** Process 0 for one that is not there, or has not been seen yet. */
     Owner ownerOf(TerminationId id) const;
+    /** A handle on a group, whether it has members or not. */
     Group getGroup(GroupId id) const { return Group(id); }
     /** All terminations of all groups, in ascending order. */
     std::list<TerminationId> getTerminations() const;

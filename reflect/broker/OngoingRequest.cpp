@@ -16,6 +16,7 @@
 #include "reflect/TreflectORB.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallHeader.h"
+#include "reflect/broker/ReceivingScope.h"
 #include "transport/IdInfo.h"
 
 namespace {
@@ -59,6 +60,28 @@ public:
 private:
     OngoingRequest& record_;
     PermissionWaiter* waiter_;
+};
+
+/** Has others wake the thread through what it reads, for a scope. */
+class OngoingRequest::SleepAtRing {
+public:
+    SleepAtRing(OngoingRequest& record, Transport::AnswerWait const& answers) : record_(record) {
+        RecordLock const lock(record_.condition_);
+        record_.asleepAt_ = record_.delivered() ? nullptr : &answers;
+        begun_ = record_.asleepAt_ != nullptr;
+    }
+    ~SleepAtRing() {
+        RecordLock const lock(record_.condition_);
+        record_.asleepAt_ = nullptr;
+    }
+    SleepAtRing(SleepAtRing const&) = delete;
+    SleepAtRing& operator=(SleepAtRing const&) = delete;
+    /** False when something has been delivered already. */
+    bool begun() const { return begun_; }
+
+private:
+    OngoingRequest& record_;
+    bool begun_ = false;
 };
 
 pthread_key_t OngoingRequest::tsv_key_;
@@ -162,7 +185,8 @@ TreflectMessage* OngoingRequest::exchange(TreflectMessage* response) {
 TreflectMessage* OngoingRequest::wait(Wait& wait) {
     if (!active_)
         return nullptr;
-    if (waiting_.poll([this] { return delivered(); }))
+    bool const mayRead = wait.answers && wait.answers->mayRead();
+    if (!mayRead && waiting_.poll([this] { return delivered(); }))
         return response_.load(std::memory_order_acquire);
     return sleepInPeriods(wait);
 }
@@ -196,8 +220,7 @@ TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
         long long const left = wait.deadline - OSWrap::Clock::nowNanoseconds();
         bool const isLast = left < waitPeriod.totalNanoseconds();
         OSWrap::TimeSpec const period = isLast ? OSWrap::TimeSpec(0, left) : waitPeriod;
-        if (TreflectMessage* const response =
-                wait.thenPermission ? sleepOnePeriodForPermission(period) : sleepOnePeriod(period))
+        if (TreflectMessage* const response = waitOnePeriod(period, wait))
             return response;
         if (isLast)
             return timeOut(wait);
@@ -221,6 +244,62 @@ TreflectMessage* OngoingRequest::sleepInPeriods(Wait& wait) {
                        wait.orb.termId().value(), minutes, target.value());
         return timeOut(wait);
     }
+}
+
+/** Null when the whole period has passed without a delivery. */
+TreflectMessage* OngoingRequest::waitOnePeriod(OSWrap::TimeSpec period, Wait& wait) {
+    if (wait.answers && wait.answers->mayRead()) {
+        long long const end = OSWrap::Clock::nowNanoseconds() + period.totalNanoseconds();
+        if (TreflectMessage* const response = readUntil(end, wait))
+            return response;
+        period = OSWrap::TimeSpec(0, std::max(end - OSWrap::Clock::nowNanoseconds(), 0LL));
+    }
+    return wait.thenPermission ? sleepOnePeriodForPermission(period) : sleepOnePeriod(period);
+}
+
+/** Null when the time is up, or when somebody else reads by now. */
+TreflectMessage* OngoingRequest::readUntil(long long end, Wait& wait) {
+    Transport::AnswerWait::Reading reading(*wait.answers);
+    if (!reading.goesOn() && waiting_.poll([this] { return delivered(); }))
+        return response_.load(std::memory_order_acquire);
+    while (reading.goesOn() && !delivered()) {
+        if (waiting_.poll([&] { return reading.hasData() || delivered(); })) {
+            ReceivingScope const receiving;
+            reading.takeIn(*this);
+        } else {
+            sleepAtRing(reading, *wait.answers, end);
+        }
+        if (!delivered() && OSWrap::Clock::nowNanoseconds() >= end)
+            return nullptr;
+    }
+    if (delivered())
+        takeLeave(reading, wait.thenPermission);
+    return response_.load(std::memory_order_acquire);
+}
+
+void OngoingRequest::sleepAtRing(Transport::AnswerWait::Reading& reading,
+                                 Transport::AnswerWait const& answers, long long end) {
+    long long const now = OSWrap::Clock::nowNanoseconds();
+    fallAsleep(now);
+    SleepAtRing const reachable(*this, answers);
+    if (!reachable.begun())
+        return;
+    OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    reading.sleep(end - now);
+}
+
+/** The thread asks for the permission before others can read what came behind its own answer, so
+ * nobody overtakes it. */
+void OngoingRequest::takeLeave(Transport::AnswerWait::Reading& reading, bool thenPermission) {
+    if (!thenPermission) {
+        reading.end();
+        return;
+    }
+    PermissionWaiter waiter;
+    bool const mine = TreflectORB::handlerThreads().enterQueue(waiter);
+    reading.end();
+    if (!mine)
+        TreflectORB::handlerThreads().getPermission(waiter);
 }
 
 /** Of several periods the first one counts. */
@@ -310,6 +389,8 @@ void OngoingRequest::deliverTo(Key const& key, TreflectMessage* response) {
         if (response == nullptr)
             return;
         waiter = std::exchange(waiter_, nullptr);
+        if (asleepAt_)
+            asleepAt_->wake();
     }
     wakeOwner(waiter);
 }

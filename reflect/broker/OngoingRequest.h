@@ -8,6 +8,7 @@
 #include "oswrap/AdaptiveWait.h"
 #include "oswrap/ConditionVar.h"
 #include "reflect/TreflectDeadline.h"
+#include "transport/AnswerWait.h"
 #include "transport/TerminationId.h"
 
 namespace handlerthreads {
@@ -28,7 +29,7 @@ class TreflectORB;
  *
  *     inactive --setTransactionAndTerminationId--> active --free--> inactive
  */
-class OngoingRequest {
+class OngoingRequest final : private Transport::AnswerWait::Awaited {
 public:
     /** In place of a response: the target has gone, or the broker is being deleted. A pointer with
      * every bit set. */
@@ -50,7 +51,8 @@ public:
     struct Wait {
         TreflectMessage& request;
         TreflectORB const& orb;
-        bool output;  // a dump of the request in each report
+        bool output;                               // a dump of the request in each report
+        Transport::AnswerWait* answers = nullptr;  // the request was issued with it, or null
         /** The thread has given up the run permission for this wait and takes it again after it. */
         bool thenPermission = false;
         /** When the owner gives up, by Clock::nowNanoseconds. */
@@ -65,6 +67,9 @@ public:
      * the broker gives up, which does not return, or the wait ends with null and `timedOut` where
      * Transport::Setup::failOnSilence says so. At the deadline it ends likewise. A cancellation
      * point. Owner's thread only.
+     *
+     * With `answers` the thread takes in by itself what comes from the target, when it may, as the
+     * receiving thread would do.
      *
      * With `thenPermission` the thread may have the permission already when this answers with a
      * delivery: who delivers to a sleeping thread queues it for the permission, so that the thread
@@ -104,6 +109,7 @@ public:
 
 private:
     class Withdrawal;
+    class SleepAtRing;
     struct DeleteResponse {
         void operator()(TreflectMessage* response) const;
     };
@@ -119,7 +125,13 @@ private:
     static OngoingRequest& unkeyedInstance();
     static void destroyThreadInstance(void* record);
 
+    bool hasCome() const override { return delivered(); }
     void fallAsleep(long long now);
+    TreflectMessage* waitOnePeriod(OSWrap::TimeSpec period, Wait& wait);
+    TreflectMessage* readUntil(long long end, Wait& wait);
+    void sleepAtRing(Transport::AnswerWait::Reading& reading, Transport::AnswerWait const& answers,
+                     long long end);
+    static void takeLeave(Transport::AnswerWait::Reading& reading, bool thenPermission);
     TreflectMessage* sleepUntilDelivered();
     TreflectMessage* sleepInPeriods(Wait& wait);
     TreflectMessage* sleepOnePeriod(OSWrap::TimeSpec const& period);
@@ -156,6 +168,8 @@ private:
     /// The owner's entry for the queue of the run permission while it sleeps: whoever delivers
     /// takes it out of here and queues it.
     handlerthreads::PermissionWaiter* waiter_ OSW_GUARDED_BY(condition_) = nullptr;
+    /// What wakes the owner while it sleeps in a reading of its own, rung under condition_.
+    Transport::AnswerWait const* asleepAt_ OSW_GUARDED_BY(condition_) = nullptr;
     bool active_ = false;                 // owner's thread only
     OngoingRequest* nextFree_ = nullptr;  // guarded by the mutex of the list of free records
     OSWrap::AdaptiveWait waiting_;        // statistics of this thread's waits

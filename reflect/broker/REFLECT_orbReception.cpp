@@ -1,5 +1,5 @@
-// Arriving messages, on the receiving thread: responses go to their callers, all else to the
-// workers.
+// Arriving messages, on the receiving thread or one that reads in its place, one at a time:
+// responses go to their callers, all else to the workers.
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -10,6 +10,7 @@
 #include "oswrap/Thread.h"
 #include "reflect/broker/CallHeader.h"
 #include "reflect/broker/OngoingRequest.h"
+#include "reflect/broker/ReceivingScope.h"
 #include "reflect/broker/ReflectWorker.h"
 #include "reflect/broker/TreflectOrbParts.h"
 #include "transport/IdInfo.h"
@@ -36,9 +37,7 @@ bool answers(TreflectMessage const& message) {
 }  // namespace
 
 bool TreflectORB::receive(Transport::AddressedMessage const& addressed) {
-    unsigned long const thread = OSWrap::Thread::getCurrentId();
-    if (parts_->receivingThreadId.load(std::memory_order_relaxed) != thread)
-        parts_->receivingThreadId.store(thread, std::memory_order_relaxed);
+    ReceivingScope::receives(*this);
     if (addressed.size() < kShortestMessage) {
         REFLECTORB_LOG_LIMITED(parts_->limits.shortMessage, 3, "REFLECT_orb",
                                "ORB 0x%08X drops message of %lu bytes from 0x%08X",

@@ -15,6 +15,7 @@
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallHeader.h"
 #include "reflect/broker/OngoingRequest.h"
+#include "reflect/broker/ReceivingScope.h"
 #include "reflect/broker/TreflectOrbParts.h"
 #include "reflect/broker/forwardMsgCleanup.h"
 #include "transport/TransportLayer.h"
@@ -79,6 +80,7 @@ private:
     TreflectMessage& message_;
     TipprmiStream& response_;
     OngoingRequest& record_;
+    Transport::AnswerWait answers_;
     OngoingRequestId id_;
     bool thenPermission_ = false;  // given up for the call, to be taken again after it
 };
@@ -119,8 +121,7 @@ void TreflectORB::OutgoingCall::giveWay(std::optional<TreflectReleaseHandlerStat
 /** False when all ids are outstanding. A broker that is being deleted gives no id and is sent
  * nothing. */
 bool TreflectORB::OutgoingCall::chooseId() {
-    bool const receiving = orb_.parts_->receivingThreadId.load(std::memory_order_relaxed) ==
-                           OSWrap::Thread::getCurrentId();
+    bool const receiving = ReceivingScope::isReceiving(orb_);
     bool const enter = withResponse_ && !receiving;
     RequestTable::Ticket const ticket =
         orb_.parts_->ongoingRequests_.begin(record_, target_, enter, &message_);
@@ -155,13 +156,16 @@ void TreflectORB::OutgoingCall::reportReceivingThread() const {
 
 int TreflectORB::OutgoingCall::send() {
     OSWrap::DisableCancelStateGuard const noCancel;
-    int const issued = orb_.issueTo_(target_, message_);
+    message_.addressed().originator(orb_.termId());
+    int const issued = id_.stage == OngoingRequestId::Stage::Entered
+                           ? answers_.issue(message_.addressed(), target_)
+                           : orb_.issueTo_(target_, message_);
     id_.issued = issued == 1;
     return issued;
 }
 
 bool TreflectORB::OutgoingCall::awaitResponse() {
-    OngoingRequest::Wait wait{message_, orb_, withResponse_, thenPermission_, deadline_};
+    OngoingRequest::Wait wait{message_, orb_, withResponse_, &answers_, thenPermission_, deadline_};
     TreflectMessage* const answer = record_.wait(wait);
     if (wait.timedOut)
         return failed(Handover::Done, static_cast<int>(TipprmiFailure::kTimedOut));

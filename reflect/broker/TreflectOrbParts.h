@@ -38,8 +38,6 @@ struct TreflectORB::Parts {
     Arrivals arrivals;
     PresentOrbs presentOrbs;
     std::shared_ptr<TreflectOrbObserver> const presence = std::make_shared<TreflectOrbObserver>();
-    /** The thread that last called `receive`; written by it alone, read by callers. */
-    std::atomic<unsigned long> receivingThreadId{0};
     /** Whether the broker has been deleted: nothing is entered into it any more. */
     bool retired OSW_GUARDED_BY_PERMISSION = false;
     /** The next one in the list of deleted brokers, whose lock guards it. */
@@ -73,8 +71,8 @@ struct TreflectORB::Parts {
         TreflectMessage failedCall OSW_GUARDED_BY_PERMISSION;
         /// An object not found, empty sequences.
         TreflectMessage nothing OSW_GUARDED_BY_PERMISSION;
-        // Receiving thread only
+        // In `receive` only, as forgedResponses
         TreflectMessage sentBack;  // the head of a message that is not served
     } reserve;
-    LinesPerPeer forgedResponses;  // receiving thread only
+    LinesPerPeer forgedResponses;
 };

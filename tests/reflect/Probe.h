@@ -24,6 +24,7 @@ enum ProbeMethod : unsigned int {
     kDeleteBrokers = 8,   // deletes all brokers of its process
     kExit = 9,            // ends its process
     kRefuse = 11,         // not handled
+    kToAndFro = 14,       // (depth) -> the same, called at the partner with one less
     kHoldPermission = 13  // blocks until release(), with the permission
 };
 
@@ -107,6 +108,9 @@ public:
                 entered_.open();
                 released_.wait(std::chrono::hours(1));
                 break;
+            case kToAndFro:
+                number = number == 0 ? 0 : 1 + ProbeClient(partner_).call(mc, number - 1).number;
+                break;
             case kTakeTwice:
                 TreflectORB::getRunPermission();
                 break;
@@ -129,6 +133,8 @@ public:
     }
 
     testsupport::Gate& entered() { return entered_; }
+    /** Whom kToAndFro calls. Under the run permission. */
+    void partner(TipprmiOID const& oid) { partner_ = oid; }
     void release() { released_.open(); }
     /** Number of calls that are held now. */
     unsigned int held() const { return held_; }
@@ -142,6 +148,7 @@ private:
         --held_;
     }
 
+    TipprmiOID partner_{"", NSID_UNIT};  // guarded by the run permission
     testsupport::Gate entered_;
     testsupport::Gate released_;
     std::atomic<unsigned int> held_{0};

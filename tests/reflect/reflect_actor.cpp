@@ -87,6 +87,11 @@ void addProcessCommands(testsupport::Commands& on) {
     };
     // Calls hold of a probe on a thread of its own.
     on["hold"] = [](Name name) { std::thread(callOnce, name, kHold, 0).detach(); };
+    // Makes one whom a probe calls in turn; "partner".
+    on["partner"] = [](Name name, Name other) {
+        permitted([&] { probes.at(name)->partner(oid(other)); });
+        answer("partner");
+    };
     // How many calls are held; whether one has begun to be held; and the end of all holding.
     on["holding"] = [](Name name) { answer("holding ", probes.at(name)->held()); };
     on["entered"] = [](Name name) { answer("entered ", probes.at(name)->entered().isOpen()); };

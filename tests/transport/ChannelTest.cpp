@@ -1,3 +1,6 @@
+#include <sched.h>
+
+#include <deque>
 #include <optional>
 
 #include "HandMadeLink.h"
@@ -5,6 +8,7 @@
 #include "TransportActor.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/ReceiverPool.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 
@@ -69,6 +73,65 @@ TEST_F(ChannelTest, BothSidesMayConnectAtOnceAndFloodEachOther) {
     }
     EXPECT_EQ(own_.tally().faults, 0u);
     EXPECT_EQ(own_.tally().returned, 0u);
+}
+
+TEST_F(ChannelTest, ThoseWhoReadForThemselvesDoSoOneAtATimeAndInOrder) {
+    constexpr std::uint32_t kAsked = 300;
+    constexpr std::uint32_t kFlood = 10'000;
+    std::atomic<int> inside{0};
+    std::atomic<unsigned int> overlaps{0};
+    std::deque<Asker> askers;
+    own_.onReceive([&](auto const& message) {
+        overlaps += inside++ != 0;
+        TestHead const head = TestHead::of(message);
+        if (head.kind == TestHead::Answer)
+            askers[message.originator() == askers[0].peer() ? 0 : 1].answered(head.number);
+        if (head.number % 64 == 0)
+            sched_yield();
+        --inside;
+        return true;
+    });
+    Met one(own_);
+    Met other(own_);
+    for (Met* const peer : {&one, &other}) {
+        askers.emplace_back(own_, peer->id());
+        peer->flood(own_.termId(), kFlood, 100);
+    }
+    std::atomic<unsigned int> read{0};
+    testsupport::TestThreads threads(askers.size(), [&](std::size_t i) {
+        for (std::uint32_t number = 1; number <= kAsked; ++number) {
+            ASSERT_EQ(askers[i].ask(number, number % 100 == 0 ? 300'000 : 8 + number), 1);
+            for (; !askers[i].hasCome(); sched_yield())
+                read += askers[i].read();
+        }
+    });
+    threads.join();
+    EXPECT_TRUE(own_.waitForReceived(2 * kFlood));
+    EXPECT_EQ(own_.tally().faults, 0u);
+    EXPECT_EQ(overlaps, 0u);
+    EXPECT_GT(read, 0u);
+}
+
+TEST_F(ChannelTest, WhoIsWokenByTheReceivingThreadFindsTheRingFree) {
+    constexpr std::uint32_t kAlone = 5;
+    std::optional<Asker> asker;
+    own_.onReceive([&](auto const& message) {
+        std::uint32_t const number = TestHead::of(message).number;
+        asker->answered(number);
+        if (number == kAlone) {
+            EXPECT_SOON(asker->reads());
+        }
+        return true;
+    });
+    Met peer(own_);
+    asker.emplace(own_, peer.id());
+    for (std::uint32_t number = 1; number <= kAlone; ++number) {
+        ASSERT_EQ(asker->ask(number), 1);
+        EXPECT_SOON(asker->hasCome());
+    }
+    ASSERT_EQ(asker->ask(kAlone + 1), 1);
+    EXPECT_SOON(asker->read());
+    EXPECT_SOON(asker->hasCome());
 }
 
 TEST_F(ChannelTest, SendingToAStoppedProcessNeverBlocksAndIsRefusedBeyondTheLimit) {
@@ -142,13 +205,13 @@ TEST_F(ChannelTest, WhatASenderHasNotTakenBackDiesWithItAndComesToNobody) {
 /** Stands for a termination of another machine. */
 class Proxy final : public Transport::ReceiverOwner {
 public:
-    explicit Proxy(Transport::TerminationId id)
+    explicit Proxy(Transport::TerminationId id, Transport::ReceiverPool& pool = ownPool())
         : id_(id), receiver_(std::make_shared<Transport::Receiver>(id, *this)) {
         auto& rendezvous = Transport::Rendezvous::instance();
         EXPECT_TRUE(rendezvous.adopt(id, "elsewhere", "", Transport::Visibility::Member));
         EXPECT_TRUE(receiver_->prepare());
         Transport::Switchboard::instance().add(receiver_);
-        EXPECT_TRUE(receiver_->start(std::move(rendezvous.publish(std::vector{id}).front())));
+        EXPECT_TRUE(receiver_->start(std::move(rendezvous.publish(std::vector{id}).front()), pool));
     }
     ~Proxy() {
         Transport::Rendezvous::instance().withdraw(id_);
@@ -178,6 +241,10 @@ public:
     }
 
 private:
+    static Transport::ReceiverPool& ownPool() {
+        static Transport::ReceiverPool pool(1);
+        return pool;
+    }
     void received(Transport::AddressedMessage const&) override { ++taken; }
     void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached) override {
         bool const wasInRing = reached == Transport::Reached::Ring;
@@ -207,6 +274,36 @@ TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) 
     for (std::uint32_t number = 0; number < 10; ++number)
         ASSERT_TRUE(proxy.send(peer.id(), number, 8));
     EXPECT_TRUE(peer.waitForReceived(10));
+    EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, ManyWhoStandForOthersShareThreadsAndAreServedUntilEachEnds) {
+    constexpr std::uint32_t kMany = 30, kEach = 200;
+    Transport::ReceiverPool pool(2);
+    std::map<std::uint16_t, std::unique_ptr<Proxy>> proxies;
+    auto const id = [](std::uint16_t name) { return Transport::TerminationId(name, 9, kGroup); };
+    auto const threads = [] { return testsupport::statesOfThreads("Receivers").size(); };
+    std::size_t const before = threads();
+    for (std::uint16_t name = 1; name <= kMany; ++name)
+        proxies[name] = std::make_unique<Proxy>(id(name), pool);
+    EXPECT_SOON(threads() == before + 2);
+    Met peer(own_);
+    std::uint32_t sent = 0;
+    // With all of them asleep in between, and fewer each time.
+    for (std::uint32_t round = 1; proxies.size() > kMany / 2; ++round) {
+        for (auto const& [name, proxy] : proxies)
+            peer.flood(id(name), kEach, 100);
+        EXPECT_SOON(proxies.begin()->second->taken > 0u);
+        proxies.erase(proxies.begin());
+        for (auto const& entry : proxies) {
+            Proxy& proxy = *entry.second;
+            EXPECT_TRUE(proxy.send(peer.id(), round - 1, 8));
+            ++sent;
+            EXPECT_SOON(proxy.takenBefore == round * kEach)
+                << entry.first << " has " << proxy.taken;
+        }
+    }
+    EXPECT_TRUE(peer.waitForReceived(sent));
     EXPECT_EQ(peer.report().faults, 0u);
 }
 

@@ -12,6 +12,7 @@
 #include "HandMadeLink.h"
 #include "LingeringConnection.h"
 #include "LogCapture.h"
+#include "Threads.h"
 #include "TransportActor.h"
 #include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Receiver.h"
@@ -259,7 +260,9 @@ TEST_F(HandshakeTest, ManyWhoSayNothingMakeRoomForOthersTheOldestFirst) {
             << i;
 }
 
+/** Also while a thread reads that waits for an answer: after so many who came alone. */
 TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndGivesBackWhatItHeld) {
+    constexpr std::uint32_t kLonely = 4;
     HandMadePeer good;
     ASSERT_TRUE(good.open(own_.termId()));
     std::vector<std::function<void(HandMadePeer&)>> const nonsense = {
@@ -279,13 +282,22 @@ TEST_F(HandshakeTest, NonsenseInAStandingChannelClosesItAndGivesBackWhatItHeld) 
         },
     };
     std::uint32_t returned = 0;
-    for (auto const& spoil : nonsense) {
+    for (std::size_t i = 0; i < 2 * nonsense.size(); ++i) {
         HandMadePeer peer;
         ASSERT_TRUE(peer.open(own_.termId()));
-        ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
-        spoil(peer);
+        Asker asker(own_, peer.from);
+        std::uint32_t const sent = i < nonsense.size() ? 1 : kLonely + 1;
+        for (std::uint32_t number = 1; number <= sent; ++number)
+            ASSERT_EQ(asker.ask(number, 100), 1);
+        testsupport::TestThread reader([&] {
+            while (sent > 1 && !asker.read())
+                sched_yield();
+        });
+        EXPECT_SOON(asker.reads() == (sent > 1));
+        nonsense[i % nonsense.size()](peer);
         EXPECT_TRUE(peer.isDropped());
-        EXPECT_TRUE(own_.waitForReturned(++returned));
+        reader.join();
+        EXPECT_TRUE(own_.waitForReturned(returned += sent));
         ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0, 100), 1);
         peer.accept();
         EXPECT_EQ(peer.nextKind(), Packet::Hello) << "the next message makes a new channel";

@@ -182,6 +182,20 @@ TEST_F(RingTest, AMessageIsTheSendersUntilItIsKept) {
     EXPECT_EQ(back.pop().size(), 200u);
 }
 
+TEST_F(RingTest, ASenderThatWantsSpaceIsRungOnceAsSoonAsHalfOfItIsFree) {
+    while (put(1000, 1)) {
+    }
+    writer_->wantSpace();
+    int taken = 0;
+    do {
+        ASSERT_EQ(next(), RingReader::Result::Message);
+        ++taken;
+    } while (!reader_->finishBatch());
+    EXPECT_EQ(taken, 8);
+    ASSERT_EQ(next(), RingReader::Result::Message);
+    EXPECT_FALSE(reader_->finishBatch());
+}
+
 TEST(FrameStartsTest, AFrameLeavesNothingOfThoseThatLayThereBefore) {
     constexpr std::uint32_t kPlaces = kSmallestRing / 8;
     FrameStarts starts(kSmallestRing);

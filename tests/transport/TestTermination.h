@@ -1,12 +1,17 @@
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "Waiting.h"
 #include "transport.h"
@@ -81,7 +86,7 @@ public:
         } else {
             ++tally_.received;
             std::uint32_t& next = next_[message.originator().value()];
-            tally_.doubled += head.number < next;
+            count(came_[message.originator().value()], head.number);
             tally_.faults += head.kind != TestHead::Numbered || head.number != next || !intact;
             next = head.number + 1;
         }
@@ -93,6 +98,11 @@ public:
             TestHead::of(message).isIntact(message) && message.originator() == termId();
         std::lock_guard<std::mutex> const lock(mutex_);
         ++tally_.returned;
+        TestHead const head = TestHead::of(message);
+        if (head.kind == TestHead::Numbered)
+            count(back_[message.destination().value()], head.number);
+        else if (head.kind == TestHead::Echo)
+            lastUnanswered_ = head.number;
         tally_.returnedFaults += !intact;
         changed_.notify_all();
         return true;
@@ -109,17 +119,25 @@ public:
         TestHead{kind, number}.fill(message);
         return Transport::Termination(to).issue(message);
     }
-    /** Sends Echo and waits for its Answer; false when it cannot be sent or the time is up. */
+    /** Sends Echo and waits for its Answer; false when it cannot be sent, comes back, or the time
+     * is up. */
     bool ping(Transport::TerminationId to, std::uint32_t number,
               std::size_t size = sizeof(TestHead)) {
-        return send(to, TestHead::Echo, number, size) == 1 &&
-               waitFor([this, number] { return lastAnswer_ == number; });
+        return send(to, TestHead::Echo, number, size) == 1 && waitFor([this, number] {
+                   return lastAnswer_ == number || lastUnanswered_ == number;
+               }) &&
+               isAnswered(number);
+    }
+
+    /** Whether that Echo was the last one that was answered. */
+    bool isAnswered(std::uint32_t number) const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return lastAnswer_ == number;
     }
 
     struct Tally {
         std::uint32_t received = 0;  // Numbered messages
         std::uint32_t faults = 0;    // of them out of order or damaged
-        std::uint32_t doubled = 0;   // of them behind one with a higher number
         std::uint32_t returned = 0;  // through receiveError
         std::uint32_t returnedFaults = 0;
     };
@@ -127,6 +145,10 @@ public:
         std::lock_guard<std::mutex> const lock(mutex_);
         return tally_;
     }
+    /** How often each number of Numbered messages has come from another one, or has come back that
+     * was sent to it, in runs: "1x500 0x3 1x20". */
+    std::string came(Transport::TerminationId from) const { return runsOf(came_, from); }
+    std::string back(Transport::TerminationId to) const { return runsOf(back_, to); }
     /** Waits until so many Numbered messages have come. */
     bool waitForReceived(std::uint32_t count) const {
         return waitFor([this, count] { return tally_.received >= count; });
@@ -146,6 +168,29 @@ public:
     }
 
 private:
+    using Times = std::vector<unsigned char>;  // by number
+
+    static void count(Times& times, std::uint32_t number) {
+        constexpr std::uint32_t kMost = 10'000'000;
+        if (number >= kMost)
+            return;
+        if (times.size() <= number)
+            times.resize(number + 1);
+        ++times[number];
+    }
+    std::string runsOf(std::map<unsigned int, Times> const& all,
+                       Transport::TerminationId other) const {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        auto const found = all.find(other.value());
+        Times const none, &times = found == all.end() ? none : found->second;
+        std::string runs;
+        for (auto at = times.begin(); at != times.end();) {
+            auto const end = std::find_if(at, times.end(), [at](auto one) { return one != *at; });
+            runs += " " + std::to_string(*at) + "x" + std::to_string(end - at);
+            at = end;
+        }
+        return runs;
+    }
     void note(std::set<unsigned int>& ids, Transport::Termination& other) {
         std::lock_guard<std::mutex> const lock(mutex_);
         ids.insert(other.termId().value());
@@ -162,9 +207,51 @@ private:
     mutable std::condition_variable changed_;
     Tally tally_;                                 // guarded by mutex_
     std::map<unsigned int, std::uint32_t> next_;  // guarded by mutex_; expected of each originator
+    std::map<unsigned int, Times> came_;          // guarded by mutex_
+    std::map<unsigned int, Times> back_;          // guarded by mutex_
     std::set<unsigned int> known_;                // guarded by mutex_
     std::set<unsigned int> gone_;                 // guarded by mutex_
     std::uint32_t lastAnswer_ = 0;                // guarded by mutex_
+    std::uint32_t lastUnanswered_ = 0;            // guarded by mutex_
+};
+
+/** Requests of a thread, one after the other, which takes in the answers by itself when it may. */
+class Asker final : private Transport::AnswerWait::Awaited {
+public:
+    Asker(TestTermination& own, Transport::TerminationId peer) : own_(own), peer_(peer) {}
+
+    /** Sends Echo; what `issue` answers. */
+    int ask(std::uint32_t number, std::size_t size = sizeof(TestHead)) {
+        asked_ = number;
+        Transport::AddressedMessage message = own_.allocateMessage(size, 5);
+        message.originator(own_.termId());
+        TestHead{TestHead::Echo, number}.fill(message);
+        return wait_.emplace().issue(message, peer_);
+    }
+    /** Takes in what comes until the answer has or somebody else reads; whether it has read. */
+    bool read() {
+        Transport::AnswerWait::Reading reading(*wait_);
+        bool const begun = reads_ = reading.goesOn();
+        while (reading.goesOn() && !hasCome())
+            if (reading.hasData())
+                reading.takeIn(*this);
+            else
+                reading.sleep(1'000'000'000);
+        return begun;
+    }
+    bool reads() const { return reads_; }
+    Transport::TerminationId peer() const { return peer_; }
+    /** To be called with each answer. */
+    void answered(std::uint32_t number) { answered_ = number; }
+    bool hasCome() const override { return answered_ == asked_; }
+
+private:
+    TestTermination& own_;
+    Transport::TerminationId const peer_;
+    std::optional<Transport::AnswerWait> wait_;
+    std::atomic<std::uint32_t> asked_{0};
+    std::atomic<std::uint32_t> answered_{0};
+    std::atomic<bool> reads_{false};
 };
 
 }  // namespace transporttest

@@ -420,8 +420,9 @@ testsupport::Commands const commands{
     {"ping", reaches},
     // "met KNOWN GONE": how many are there, and how many have gone
     {"met", countMet},
-    // "doubled COUNT": how many came after one with a higher number
-    {"doubled", [] { answer("doubled ", own().tally().doubled); }},
+    // How often each number of another one has come, or has come back; see TestTermination
+    {"came", [](Id from) { answer("came", own().came(from)); }},
+    {"back", [](Id to) { answer("back", own().back(to)); }},
     // "report RECEIVED FAULTS RETURNED DAMAGED" (of those returned)
     {"report", report}};
 

@@ -274,29 +274,99 @@ void Channel::goOn() {
         receiver_->request(*this);
 }
 
+// ---- The ring: who waits for an answer ---------------------------------------------------------
+
+void Channel::joinWaiters() {
+    bool const alone = waiters_.fetch_add(1, std::memory_order_relaxed) == 0;
+    int const lonely = lonely_.load(std::memory_order_relaxed);
+    if (!alone && lonely != 0)
+        lonely_.store(0, std::memory_order_relaxed);
+    else if (alone && lonely < kLonely)
+        lonely_.store(lonely + 1, std::memory_order_relaxed);
+}
+
+bool Channel::beginReading() {
+    if (!mayBeReadByCaller() || !reading_.tryTake())
+        return false;
+    if (reading_.canSleep())
+        return true;
+    endReading();
+    return false;
+}
+
+void Channel::endReading() {
+    if (isNeeded())
+        handOver();
+    else if (!reading_.giveBack())
+        receiver_->requestReading(*this);
+}
+
+void Channel::handOver() {
+    reading_.handOver();
+    receiver_->requestReading(*this);
+}
+
+bool Channel::takeIn(AnswerWait::Awaited const& awaited) {
+    std::uint32_t const start = reading_.reader().position();
+    RingReader::Result result = RingReader::Result::Piece;
+    for (int count = 0; count < kMessagesPerBatch && !awaited.hasCome(); ++count) {
+        if (isNeeded() || reading_.reader().position() - start >= kBytesPerBatch)
+            break;
+        result = readOne(Reader::Caller);
+        if (result != RingReader::Result::Message && result != RingReader::Result::Piece)
+            break;
+    }
+    finishBatch(start);
+    bool const plain = result == RingReader::Result::Message ||
+                       result == RingReader::Result::Piece || result == RingReader::Result::Nothing;
+    if (awaited.hasCome() || (plain && !isNeeded()))
+        return true;
+    handOver();
+    return false;
+}
+
+/** By the receiving thread, which is to go on with the ring. */
+bool Channel::isNeeded() const {
+    return reading_.wanted() || heldBack_.load() || receiver_->stopping();
+}
+
 // ---- The ring: receiving thread ----------------------------------------------------------------
 
 void Channel::onBell() {
     if (!stands())
         return;
-    receiver_->makeHot(*this);
+    if (reading_.heard())
+        receiver_->makeHot(*this);
+    floods_ = goOnSending();
+}
+
+bool Channel::leavesRingToCallers() const {
+    return isReadByCallers() && (!floods_ || waiters_.load(std::memory_order_relaxed) != 0);
+}
+
+bool Channel::goOnSending() {
     OSWrap::Lock<> lock(mutex_);
+    if (!link_.has_value())
+        return false;
     link_->spaceAsked = false;
     link_->growthFailed = false;
     if (state_ == State::Open && !queue_.empty())
         drainLocked();
+    return !queue_.empty();
 }
 
 bool Channel::receiveBatch() {
     if (!stands())
         return false;
     if (heldBack_.load() && !ending()) {
-        receiver_->makeCold(*this);  // awake, so that the peer need not ring
+        receiver_->makeCold(*this);  // awake, and nobody else's, so that the peer need not ring
         return false;
     }
     Batch const batch = readBatch();
     if (batch == Batch::Waits)
         return false;
+    if (batch == Batch::More)
+        noteBatch();
     if (batch == Batch::Garbage)
         closeBecause("its ring holds nonsense");
     else if (batch == Batch::NoMemory)
@@ -309,54 +379,82 @@ bool Channel::receiveBatch() {
 }
 
 Channel::Batch Channel::readBatch() {
-    std::uint32_t const start = connection_->reader->position();
+    left_ = false;
+    std::uint32_t const start = reading_.reader().position();
     for (int count = 0; count < kMessagesPerBatch && !receiver_->stopping() &&
-                        connection_->reader->position() - start < kBytesPerBatch;
+                        reading_.reader().position() - start < kBytesPerBatch;
          ++count) {
-        if (connection_->awaitsRing && !switchRing()) {
+        if (reading_.awaitsRing && !switchRing()) {
             if (!connection_->starved)
                 return Batch::Garbage;
             break;
         }
         if (count > 0 && heldBack_.load(std::memory_order_relaxed) && !ending())
             break;
-        AddressedMessage message;
-        RingReader::Result const result = connection_->reader->next(message);
+        RingReader::Result const result = readOne(Reader::Receiver);
+        if (std::exchange(left_, false))
+            return Batch::Left;
         if (result == RingReader::Result::Garbage)
             return Batch::Garbage;
         if (result == RingReader::Result::NoMemory)
             return awaitMemory();
         if (result == RingReader::Result::NoRoom)
             return awaitRoom();
-        connection_->shortages = 0;
+        reading_.shortages = 0;
         connection_->roomlessSince = 0;
-        connection_->awaitsRing = result == RingReader::Result::NextRing;
-        if (result == RingReader::Result::Nothing ||
-            (result == RingReader::Result::Message && !take(message)))
+        if (result == RingReader::Result::Nothing)
             break;
     }
-    if (connection_->reader->position() == start)
-        return Batch::Empty;
-    if (connection_->reader->finishBatch())
-        ringDoorBell(connection_->peer.bell.get());
-    return Batch::More;
+    return finishBatch(start) ? Batch::More : Batch::Empty;
+}
+
+/** The receiving thread stops leaving the ring to callers when much comes while there is none. */
+void Channel::noteBatch() {
+    floods_ = false;
+    if (waiters_.load(std::memory_order_relaxed) != 0)
+        unawaited_ = 0;
+    else if (isReadByCallers() && ++unawaited_ >= kMostUnawaited)
+        lonely_.store(0, std::memory_order_relaxed);
+}
+
+/** Nothing, too, when the termination has begun to stop. */
+RingReader::Result Channel::readOne(Reader reader) {
+    AddressedMessage message;
+    RingReader::Result const result = reading_.reader().next(message);
+    if (result == RingReader::Result::NextRing)
+        reading_.awaitsRing = true;
+    if (result == RingReader::Result::Message && !take(message, reader))
+        return RingReader::Result::Nothing;
+    return result;
+}
+
+/** False when nothing has been read since `start`. */
+bool Channel::finishBatch(std::uint32_t start) {
+    if (reading_.reader().position() == start)
+        return false;
+    if (reading_.reader().finishBatch())
+        ringDoorBell(reading_.peerBell());
+    return true;
 }
 
 /** Hands a message to the termination; false when that has begun to stop, and the message stays its
  * sender's. */
-bool Channel::take(AddressedMessage& message) {
+bool Channel::take(AddressedMessage& message, Reader reader) {
     if (receiver_->stopping()) {
-        connection_->reader->leave();
+        reading_.reader().leave();
         return false;
     }
-    connection_->reader->keep();
-    if (connection_->reader->isSentBack()) {
+    reading_.reader().keep();
+    if (reading_.reader().isSentBack()) {
         takeBack(message);
         return true;
     }
     message.originator(peer_);
     message.destination(ownId_);
-    receiver_->deliver(message);
+    if (reader == Reader::Receiver)
+        receiver_->deliverFrom(*this, message);
+    else
+        receiver_->deliver(message);
     return true;
 }
 
@@ -371,7 +469,7 @@ void Channel::takeBack(AddressedMessage& message) {
  * back to its sender with those behind it. */
 Channel::Batch Channel::awaitMemory() {
     constexpr int kMostShortages = 100;
-    if (++connection_->shortages > kMostShortages)
+    if (++reading_.shortages > kMostShortages)
         return Batch::NoMemory;
     OSWrap::awaitMemory();
     return Batch::More;
@@ -388,8 +486,8 @@ Channel::Batch Channel::awaitRoom() {
         connection_->roomlessSince = now;
     if (now - connection_->roomlessSince > longest)
         return Batch::NoRoom;
-    if (connection_->reader->finishBatch())
-        ringDoorBell(connection_->peer.bell.get());
+    if (reading_.reader().finishBatch())
+        ringDoorBell(reading_.peerBell());
     receiver_->makeCold(*this);
     retryLater(kPause);
     return Batch::Waits;
@@ -401,9 +499,9 @@ bool Channel::switchRing() {
         readPackets();
     if (connection_->nextRings.empty())
         return false;
-    connection_->reader->goOnIn(std::move(connection_->nextRings.front()));
+    reading_.reader().goOnIn(std::move(connection_->nextRings.front()));
     connection_->nextRings.pop_front();
-    connection_->awaitsRing = false;
+    reading_.awaitsRing = false;
     return true;
 }
 
@@ -411,25 +509,62 @@ bool Channel::switchRing() {
  * that follow do that, a batch each. Bounded, for a peer that goes on writing after it has said its
  * last word. */
 bool Channel::hasReadAll() {
-    if (!stands() || receiver_->stopping())
+    if (!stands())
         return true;
+    if (!reading_.demand())
+        return false;
+    if (receiver_->stopping())
+        return true;
+    std::uint32_t const position = reading_.reader().position();
     if (!connection_->endingFrom.has_value())
-        connection_->endingFrom = connection_->reader->position();
-    if (!connection_->reader->hasData() ||
-        connection_->reader->position() - *connection_->endingFrom > 2 * kLargestRing)
+        connection_->endingFrom = position;
+    if (!reading_.reader().hasData() || position - *connection_->endingFrom > 2 * kLargestRing)
         return true;
     receiver_->makeHot(*this);
     return false;
 }
 
+bool Channel::claimRing() {
+    if (!stands() || !reading_.claim())
+        return false;
+    reading_.reader().wakeUp();
+    return true;
+}
+
 void Channel::fallAsleep() {
     if (stands())
-        connection_->reader->fallAsleep();
+        reading_.reader().fallAsleep();
 }
 
 void Channel::wakeUp() {
     if (stands())
-        connection_->reader->wakeUp();
+        reading_.reader().wakeUp();
+}
+
+bool Channel::leaveEmptyRing() {
+    RingReader& reader = reading_.reader();
+    if (!mayBeReadByCaller() || reading_.awaitsRing || reader.hasData() || ending())
+        return false;
+    reader.fallAsleep();
+    if (reader.hasData()) {
+        reader.wakeUp();
+        return false;
+    }
+    if (reader.finishBatch())
+        ringDoorBell(reading_.peerBell());
+    reading_.shortages = 0;
+    connection_->roomlessSince = 0;
+    floods_ = false;
+    unawaited_ = 0;
+    left_ = true;
+    leaveRing();
+    return true;
+}
+
+/** Where the ring goes on is the receiving thread's to find out, without a bell. */
+void Channel::leaveRing() {
+    if (stands() && !reading_.awaitsRing)
+        reading_.setFree();
 }
 
 }  // namespace Transport

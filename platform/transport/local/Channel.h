@@ -13,7 +13,9 @@
 #include "platform/transport/local/ChannelSides.h"
 #include "platform/transport/local/Packet.h"
 #include "platform/transport/local/PeerShare.h"
+#include "platform/transport/local/ReadingEnd.h"
 #include "platform/transport/local/Ring.h"
+#include "transport/AnswerWait.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -37,8 +39,10 @@ class Receiver;
  * When both sides say Hello at once, the Hello of the lower id is answered by Welcome and the other
  * one by Crossed. Nothing goes into a ring before Welcome.
  *
- * Sending runs on any thread, under the channel's mutex; everything else on the receiving thread of
- * the own termination. Channel.cpp has the way of messages, ChannelConnection.cpp the connection.
+ * Sending runs on any thread, under the channel's mutex. Messages are taken in by whoever has the
+ * role of the ReadingEnd: the receiving thread of the own termination, or a thread that waits for
+ * one of them. Everything else is that receiving thread's. Channel.cpp has the way of messages,
+ * ChannelConnection.cpp the connection.
  */
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
@@ -78,6 +82,33 @@ public:
      * memory of its own, since a request cannot fail. Guarded by the receiver's inbox mutex. */
     std::shared_ptr<Channel>& nextRequested() { return nextRequested_; }
 
+    // ---- Threads that wait for something that comes from the peer ----
+    /** Counts the thread among those who wait for an answer of the peer. */
+    void joinWaiters();
+    void leaveWaiters() { waiters_.fetch_sub(1, std::memory_order_relaxed); }
+    /** Whether those who wait usually do so alone, as this one does: of many, each would soon leave
+     * the ring to the next. */
+    bool mayBeReadByCaller() const {
+        return isReadByCallers() && waiters_.load(std::memory_order_relaxed) == 1;
+    }
+    /** Takes the role of reading, in such a case, if nobody has it. */
+    bool beginReading();
+    /** Ends that. */
+    void endReading();
+    // With that role:
+    /** Takes in a bounded number of messages, none behind the awaited one. False when the role has
+     * gone to the receiving thread, to which all is left that is not a message. */
+    bool takeIn(AnswerWait::Awaited const& awaited);
+    Receiver& receiver() const { return *receiver_; }
+    /** Leaves the rest to the receiving thread. */
+    void handOver();
+    /** Whether there is something to do for the reader. */
+    bool needsReader() const { return reading_.reader().hasData() || reading_.wanted(); }
+    ReadingEnd& reading() { return reading_; }
+    /** Sends on what waits for room: to be called by whoever has heard the bell, which tells of
+     * room as well as of messages. Whether something still waits. */
+    bool goOnSending();
+
     // ---- Receiving thread ----
     /** Does what another thread has asked for. */
     void service();
@@ -87,11 +118,25 @@ public:
     void onBell();
     /** A bounded number of messages; false when there was nothing. */
     bool receiveBatch();
-    bool hasData() const {
-        return stands() && !connection_->awaitsRing && connection_->reader->hasData();
-    }
+    bool hasData() const { return stands() && !reading_.awaitsRing && reading_.reader().hasData(); }
+    /** Takes the role of reading and looks at the ring from now on; false when another thread does,
+     * or there is none. */
+    bool claimRing();
     void fallAsleep();
     void wakeUp();
+    /** After `fallAsleep` and a look: the bell wakes whoever is to read next. */
+    void leaveRing();
+    /** Leaves the ring to the one who waits for an answer, before the message that has been taken
+     * out is delivered, if it was the last. */
+    bool leaveEmptyRing();
+    /** Whether those who wait for answers read them by themselves when they can. */
+    bool isReadByCallers() const { return lonely_.load(std::memory_order_relaxed) >= kLonely; }
+    /** Whether this thread need not poll for them. It does while more is sent than the peer takes,
+     * and nobody waits: to hear each bell that tells of room would cost both more. */
+    bool leavesRingToCallers() const;
+    /** Asks for the ring, before the end; true when no other thread reads. */
+    bool takeRingBack() { return reading_.demand(); }
+    bool hasRing() const { return reading_.isReceivers(); }
     /** When to call `service` again by itself; 0: not at all. */
     long long retryAt() const { return retryAt_; }
     /** Called now and then: gives the connection back after two calls without traffic between. */
@@ -107,7 +152,9 @@ private:
     enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
-    enum class Batch { Empty, More, Waits, Garbage, NoMemory, NoRoom };
+    enum class Batch { Empty, More, Left, Waits, Garbage, NoMemory, NoRoom };
+    /** Who has the role of reading. */
+    enum class Reader { Receiver, Caller };
     /** Why a connection is of no more use, once what the peer has sent has been taken in. When
      * several reasons come together, the last of them in this list decides. */
     enum class Ending {
@@ -139,15 +186,13 @@ private:
 
         OwnSide own;
         PeerSide peer;
-        std::optional<RingReader> reader;  // once it stands
-        std::deque<RingArea> nextRings;    // announced by the peer, oldest first
-        bool awaitsRing = false;           // the ring goes on in one that has not been taken in yet
-        bool starved = false;              // a packet waits until there are descriptors for it
-        bool byeSeen = false;              // and not yet reacted to, as with garbageSeen
+        std::deque<RingArea> nextRings;  // announced by the peer, oldest first
+        bool starved = false;            // a packet waits until there are descriptors for it
+        bool byeSeen = false;            // and not yet reacted to, as with garbageSeen
         bool garbageSeen = false;
+        bool broken = false;  // to be closed, and what is not taken given back
         Ending reason = Ending::None;
         std::optional<std::uint32_t> endingFrom;  // where the reader stood when the end was seen
-        int shortages = 0;            // looks in a row at a message for which there is no memory
         long long roomlessSince = 0;  // when a message was first left for want of room; 0: none is
         std::uint32_t lastSent = 0;
         std::uint32_t lastReceived = 0;
@@ -196,17 +241,27 @@ private:
     bool takePacket(ReceivedPacket& received);
     bool takeWelcome(ReceivedPacket& received);
     bool takeNextRing(ReceivedPacket& received);
+    bool watchBell();
     void react();
     void answerBye();
     void resumeSending();
 
+    /** So many who waited for an answer were alone, in a row, when callers read by themselves. */
+    static constexpr int kLonely = 4;
+    /** So many batches in a row came while nobody waited, when they no longer do. */
+    static constexpr int kMostUnawaited = 16;
+
     Batch readBatch();
-    bool take(AddressedMessage& message);
+    void noteBatch();
+    RingReader::Result readOne(Reader reader);
+    bool finishBatch(std::uint32_t start);
+    bool isNeeded() const;
+    bool take(AddressedMessage& message, Reader reader);
     void takeBack(AddressedMessage& message);
     Batch awaitMemory();
     Batch awaitRoom();
     bool switchRing();
-    bool stands() const { return connected() && connection_->reader.has_value(); }
+    bool stands() const { return connected() && reading_.stands(); }
     bool ending() const { return connected() && connection_->ending(); }
     bool hasReadAll();
     void end();
@@ -228,6 +283,10 @@ private:
     std::atomic<bool> requested_{false};      // is among the receiver's requests
     std::shared_ptr<Channel> nextRequested_;  // see nextRequested
     std::atomic<bool> heldBack_{false};       // the peer waits until we go on taking
+    // Who reads writes here for each message, and who sends does below: not in the same lines.
+    alignas(64) ReadingEnd reading_;           // guarded by its role
+    alignas(64) std::atomic<int> waiters_{0};  // for answers
+    std::atomic<int> lonely_{0};               // statistics: who came alone, up to kLonely in a row
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.
@@ -247,6 +306,9 @@ private:
     std::optional<Greeting> greeting_;  // answered when this connection has ended
     std::uint64_t toldPlace_ = 0;       // as having left the queue
     int attempts_ = 0;                  // to connect, without success
+    bool left_ = false;                 // the ring, with the message that has just been taken
+    int unawaited_ = 0;                 // statistics: batches while nobody waited for an answer
+    bool floods_ = false;               // after the last bell, which told of room, more waited
     long long retryAt_ = 0;
 };
 

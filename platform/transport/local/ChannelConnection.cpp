@@ -47,6 +47,11 @@ void Channel::service() {
     retryAt_ = 0;
     if (!giveBackUntaken())
         return;
+    if (connected() && connection_->broken) {
+        giveBackAll();
+        if (connected())
+            return;
+    }
     if (connected() && std::exchange(connection_->starved, false))
         goOnWithDescriptors();
     bool broken = false;
@@ -103,10 +108,8 @@ void Channel::tryAgain(char const* reason) {
 bool Channel::sayHello(OpenSocket socket) {
     OwnSide side = OwnSide::make();
     receiver_->enrol(*this);
-    if (!side.valid() || sendPacket(socket.get(), packet(Packet::Hello, side.ring.capacity),
-                                    side.file.get(), side.bell.get()) != Transfer::Done)
+    if (!side.valid())
         return false;
-    side.file.reset();
     connection_.emplace(std::move(side));
     int const fd = socket.get();
     {
@@ -115,8 +118,18 @@ bool Channel::sayHello(OpenSocket socket) {
             state_ = State::Connecting;
         link_.emplace(std::move(socket), share_);
     }
-    return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
-           receiver_->watch(fd, token_, Receiver::Source::Socket);
+    OwnSide& own = connection_->own;
+    bool const said = watchBell() && receiver_->watch(fd, token_, Receiver::Source::Socket) &&
+                      sendPacket(fd, packet(Packet::Hello, own.ring.capacity), own.file.get(),
+                                 own.bell.get()) == Transfer::Done;
+    own.file.reset();
+    return said;
+}
+
+/** Before the bell is the peer's, too: of those who wait for it, ours come first. */
+bool Channel::watchBell() {
+    reading_.watch(connection_->own.bell.get());
+    return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell);
 }
 
 bool Channel::peerIsGenuine(int socket) {
@@ -203,8 +216,7 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
         link_.emplace(std::move(socket), share_);
     }
     bool const welcomed =
-        receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell) &&
-        receiver_->watch(fd, token_, Receiver::Source::Socket) &&
+        watchBell() && receiver_->watch(fd, token_, Receiver::Source::Socket) &&
         sendPacket(fd, packet(Packet::Welcome, connection_->own.ring.capacity),
                    connection_->own.file.get(), connection_->own.bell.get()) == Transfer::Done;
     connection_->own.file.reset();
@@ -219,7 +231,8 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
 void Channel::open(PeerSide peerSide) {
     Connection& made = *connection_;
     made.peer = std::move(peerSide);
-    made.reader.emplace(made.own.page(), made.peer.page(), std::move(made.peer.ring), share_);
+    reading_.open(made.own.page(), made.peer.page(), std::move(made.peer.ring), share_,
+                  made.peer.bell.get());
     retryAt_ = 0;
     attempts_ = 0;
     {
@@ -350,7 +363,8 @@ void Channel::react() {
     if (!connected())
         return;
     if (connection_->garbageSeen) {
-        closeBecause("it has sent nonsense over the socket");
+        if (!connection_->broken)
+            closeBecause("it has sent nonsense over the socket");
         return;
     }
     if (std::exchange(connection_->byeSeen, false) && !ending())
@@ -417,12 +431,12 @@ void Channel::giveBackIfIdle() {
     if (!stands())
         return;
     OSWrap::Lock<> lock(mutex_);
-    std::uint32_t const received = connection_->reader->position();
+    std::uint32_t const received = reading_.reader().shownPosition();
     std::uint32_t const sent = link_->writer->position();
     bool const allTaken = link_->writer->allTaken();
     settleLocked();
     bool const quiet = state_ == State::Open && queue_.empty() && allTaken &&
-                       !connection_->reader->hasData() &&
+                       !reading_.reader().hasMoreThanShown() &&
                        sent == std::exchange(connection_->lastSent, sent) &&
                        received == std::exchange(connection_->lastReceived, received);
     connection_->idleLooks = quiet ? connection_->idleLooks + 1 : 0;
@@ -450,7 +464,12 @@ void Channel::closeForShortage() {
     giveBackAll();
 }
 
+/** Once nobody reads: who does gives the ring to the receiving thread, which comes back here. */
 void Channel::giveBackAll() {
+    if (stands() && !reading_.demand()) {
+        connection_->broken = true;
+        return;
+    }
     if (connected() && connection_->reason == Ending::PeerGone)
         closeGone();
     else
@@ -518,6 +537,7 @@ OpenSocket Channel::unlinkLocked() {
 }
 
 void Channel::dropConnection() {
+    reading_.close();
     if (connected())
         receiver_->unwatch(connection_->own.bell.get());
     connection_.reset();

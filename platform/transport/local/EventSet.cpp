@@ -12,19 +12,22 @@ namespace {
 constexpr unsigned kSourceBits = 2;
 constexpr std::uint32_t kSourceMask = (1U << kSourceBits) - 1;
 
-/** Bells are not read: each ring is an event of its own. */
-std::uint32_t interest(EventSet::Source source) {
-    switch (source) {
-        case EventSet::Source::Bell:
-            return EPOLLIN | EPOLLOUT | EPOLLET;
-        case EventSet::Source::WakeUp:
-            return EPOLLIN | EPOLLET;
-        default:
-            return EPOLLIN;
-    }
+bool add(int epoll, int fd, std::uint32_t interest, std::uint64_t data) {
+    epoll_event event{};
+    event.events = interest;
+    event.data.u64 = data;
+    return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 }  // namespace
+
+/** Bells are not read: each ring is an event of its own. A kernel that cannot wake one set only
+ * (before Linux 4.5) wakes all. */
+bool watchDoorBell(int epoll, int bell, std::uint64_t data) {
+    constexpr std::uint32_t kRing = EPOLLIN | EPOLLOUT | EPOLLET;
+    return add(epoll, bell, kRing | EPOLLEXCLUSIVE, data) ||
+           (errno == EINVAL && add(epoll, bell, kRing, data));
+}
 
 bool EventSet::open() {
     auto make = [this] {
@@ -37,11 +40,11 @@ bool EventSet::open() {
 }
 
 bool EventSet::watch(int fd, std::uint32_t token, Source source) {
-    epoll_event event{};
-    event.events = interest(source);
-    event.data.u64 =
+    std::uint64_t const data =
         static_cast<std::uint64_t>(token) << kSourceBits | static_cast<std::uint32_t>(source);
-    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+    if (source == Source::Bell)
+        return watchDoorBell(epoll_.get(), fd, data);
+    return add(epoll_.get(), fd, source == Source::WakeUp ? EPOLLIN | EPOLLET : EPOLLIN, data);
 }
 
 void EventSet::unwatch(int fd) {

@@ -7,6 +7,11 @@
 
 namespace Transport {
 
+/** Has a set of descriptors wait for a door bell. A ring wakes one thread, in the first set in
+ * which somebody waits, in the order in which the bell was given to them. False, with errno, on
+ * failure. */
+bool watchDoorBell(int epoll, int bell, std::uint64_t data);
+
 /**
  * What a receiving thread sleeps on: its descriptors, and the bell with which others of this
  * process wake it. Waits and watches belong to that thread; `wake` is for all.
@@ -29,6 +34,9 @@ public:
     bool open();
     bool watch(int fd, std::uint32_t token, Source source);
     void unwatch(int fd);
+
+    /** Readable while there are events to wait for: for who waits for several such sets. */
+    int descriptor() const { return epoll_.get(); }
 
     // ---- Any thread ----
     /** Has the thread look for what has been put in its inbox. */

@@ -11,6 +11,7 @@
 #include "oswrap/Thread.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/ReceiverPool.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 
@@ -26,6 +27,8 @@ constexpr long long kShortagePause = 10'000'000;  // nanoseconds
 std::atomic<std::uint32_t> lastToken{0};
 
 }  // namespace
+
+thread_local Receiver const* Receiver::received_ = nullptr;
 
 /** Ends when the receiver is told to stop; deletes itself. */
 class Receiver::ReceivingThread : public OSWrap::Thread {
@@ -70,24 +73,40 @@ bool Receiver::prepare() {
 }
 
 bool Receiver::start(OpenSocket listening) {
+    return startWith(std::move(listening), [this] {
+        auto* thread = new ReceivingThread(shared_from_this());
+        if (thread->start())
+            return true;
+        delete thread;
+        return false;
+    });
+}
+
+bool Receiver::start(OpenSocket listening, ReceiverPool& pool) {
+    return startWith(std::move(listening), [&] { return pool.serve(shared_from_this()); });
+}
+
+bool Receiver::startWith(OpenSocket listening, std::function<bool()> const& startThread) {
     if (!acceptor_.listen(std::move(listening)))
         return false;
-    auto* thread = new ReceivingThread(shared_from_this());
     {
         OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
         started_ = true;
     }
-    if (thread->start())
+    if (startThread())
         return true;
-    delete thread;
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
     started_ = false;
     return false;
 }
 
-void Receiver::stop() {
+void Receiver::beginToStop() {
     stopping_.store(true);
     events_.wake();
+}
+
+void Receiver::stop() {
+    beginToStop();
     if (onReceivingThread())
         return;
     {
@@ -102,7 +121,7 @@ void Receiver::stop() {
 }
 
 bool Receiver::onReceivingThread() const {
-    return threadId_.load() == OSWrap::Thread::getCurrentId();
+    return received_ == this;
 }
 
 void Receiver::waitUntilSent(long long idle, long long most) {
@@ -117,41 +136,68 @@ bool Receiver::started() {
 
 // ---- The thread --------------------------------------------------------------------------------
 
-/** The thread's body: looks at everything, as long as there is something to do; polls for a while;
- * sleeps. Ends after `stop`. */
+/** The body of a thread of its own: looks at everything, as long as there is something to do; polls
+ * for a while; sleeps. Ends after `stop`. */
 void Receiver::run() {
-    threadId_.store(OSWrap::Thread::getCurrentId());
-    int turns = 0;
-    while (!stopping()) {
-        if (OSWrap::withMemory([&] { turn(turns); }))
-            continue;
-        OSWrap::awaitMemory();
-        events_.needAttention();
-    }
+    Receiving const always(*this);
+    while (!stopping())
+        if (!work() && (leaveToCallers() || !waiting_.poll([this] { return ready(); })))
+            sleep();
+    end();
+}
+
+void Receiver::end() {
+    takeRingsBack();
     OSWrap::untilMemory([this] { finish(); });
     OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
     finished_ = true;
     change_.broadcast();
 }
 
-void Receiver::turn(int& turns) {
+bool Receiver::work() {
+    bool served = true;
+    if (OSWrap::withMemory([&] { turn(served); }))
+        return served;
+    OSWrap::awaitMemory();
+    events_.needAttention();
+    return true;
+}
+
+void Receiver::turn(bool& served) {
     bool const asked = serveRequests();
     bool const local = serveInbox();
     bool const remote = serveChannels();
-    if (asked || local || remote) {
-        if (++turns % kTurnsBetweenEvents == 0)
-            serveEvents(0);
-        return;
-    }
-    endBatch();
-    if (!waiting_.poll([this] { return ready(); })) {
-        sleep();
-    }
+    served = asked || local || remote;
+    if (!served)
+        endBatch();
+    else if (++turns_ % kTurnsBetweenEvents == 0)
+        serveEvents(0);
 }
 
 void Receiver::endBatch() {
-    if (std::exchange(hasServed_, false) && !stopping())
+    if (hasServed_.load(std::memory_order_relaxed) &&
+        hasServed_.exchange(false, std::memory_order_relaxed) && !stopping())
         owner_->batchEnded();
+}
+
+/** To poll for them would keep those away who wait for their answers and can read them. True when
+ * nothing is left to poll for. */
+bool Receiver::leaveToCallers() {
+    auto const goes = [](std::shared_ptr<Channel> const& channel) {
+        if (!channel->leavesRingToCallers())
+            return false;
+        channel->fallAsleep();
+        if (channel->hasData()) {
+            channel->wakeUp();
+            return false;
+        }
+        channel->leaveRing();
+        return true;
+    };
+    auto const end = std::remove_if(hot_.begin(), hot_.end(), goes);
+    bool const left = end != hot_.end();
+    hot_.erase(end, hot_.end());
+    return (std::exchange(hasLeft_, false) || left) && hot_.empty();
 }
 
 bool Receiver::ready() const {
@@ -165,7 +211,7 @@ bool Receiver::ready() const {
 
 /** From here on each hot channel's peer, and everyone in this process, must ring; so look once more
  * at what they may have done just before. */
-void Receiver::sleep() {
+bool Receiver::fallAsleep() {
     for (auto const& channel : hot_)
         channel->fallAsleep();
     events_.fallAsleep();
@@ -173,17 +219,40 @@ void Receiver::sleep() {
         events_.stayAwake();
         for (auto const& channel : hot_)
             channel->wakeUp();
-        return;
+        return false;
     }
+    for (auto const& channel : hot_)
+        channel->leaveRing();
     hot_.clear();
+    return true;
+}
+
+void Receiver::sleep() {
+    if (!fallAsleep())
+        return;
     long long const start = OSWrap::Clock::nowNanoseconds();
-    serveEvents(timers_.timeout());
+    awaitEvents(ReceiverTimers::timeout(due()));
     waiting_.slept(OSWrap::Clock::nowNanoseconds() - start);
+}
+
+void Receiver::awaitEvents(int timeoutMilliseconds) {
+    if (OSWrap::withMemory([&] { serveEvents(timeoutMilliseconds); }))
+        return;
+    OSWrap::awaitMemory();
+    events_.needAttention();
 }
 
 void Receiver::request(Channel& channel) {
     if (channel.markRequested() && inbox_.request(channel))
         events_.wake();
+}
+
+void Receiver::requestReading(Channel& channel) {
+    request(channel);
+    if (!stopping())
+        return;
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    change_.broadcast();
 }
 
 /** What others have asked for. Clears the sign that they set, so it comes first in each turn. */
@@ -222,10 +291,13 @@ bool Receiver::serveInbox() {
 
 void Receiver::serveReturned(AddressedMessage message) {
     sendsAgain_ = false;
-    hasServed_ = true;
-    owner_->cameBack(message, MessageChain::isMarked(message, MessageMark::ReachedRing)
-                                  ? Reached::Ring
-                                  : Reached::Queue);
+    {
+        OSWrap::Lock<> const lock(callback_);
+        hasServed_.store(true, std::memory_order_relaxed);
+        owner_->cameBack(message, MessageChain::isMarked(message, MessageMark::ReachedRing)
+                                      ? Reached::Ring
+                                      : Reached::Queue);
+    }
     if (!sendsAgain_)
         return;
     if (!message.extend(message.size()))
@@ -269,13 +341,27 @@ bool Receiver::serveChannels() {
 }
 
 void Receiver::deliver(AddressedMessage const& message) {
-    hasServed_ = true;
+    OSWrap::Lock<> const lock(callback_);
+    hasServed_.store(true, std::memory_order_relaxed);
+    owner_->received(message);
+}
+
+/** Who is woken by the message finds the ring free, and reads what follows by itself. It comes
+ * behind this message, since whoever reads it waits for the mutex. */
+void Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
+    OSWrap::Lock<> const lock(callback_);
+    if (channel.leaveEmptyRing()) {
+        makeCold(channel);
+        hasLeft_ = true;
+    }
+    hasServed_.store(true, std::memory_order_relaxed);
     owner_->received(message);
 }
 
 void Receiver::takeBack(AddressedMessage& message) {
     noteSentAgain(message);
-    hasServed_ = true;
+    OSWrap::Lock<> const lock(callback_);
+    hasServed_.store(true, std::memory_order_relaxed);
     owner_->cameBack(message, Reached::Ring);
 }
 
@@ -283,7 +369,7 @@ void Receiver::leftQueue(TerminationId peer, std::uint64_t place) {
     while (!stopping()) {
         AddressedMessage message = inbox_.takeReturned();
         if (message.empty()) {
-            hasServed_ = true;
+            hasServed_.store(true, std::memory_order_relaxed);
             owner_->leftQueue(peer, place);
             return;
         }
@@ -409,7 +495,8 @@ void Receiver::dismiss(Channel& channel) {
 }
 
 void Receiver::makeHot(Channel& channel) {
-    channel.wakeUp();
+    if (!channel.claimRing())
+        return;
     timers_.beginIdleLooks();
     for (auto const& hot : hot_)
         if (hot.get() == &channel)
@@ -424,6 +511,17 @@ void Receiver::makeCold(Channel& channel) {
 }
 
 // ---- The end -----------------------------------------------------------------------------------
+
+/** Those who read by themselves see that we stop, between two messages, and hand their rings over;
+ * from then on they take none. So this waits for callbacks, as `stop` does. */
+void Receiver::takeRingsBack() {
+    for (auto const& [token, channel] : channels_)
+        channel->takeRingBack();
+    auto const isOurs = [](auto const& entry) { return entry.second->hasRing(); };
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    while (!std::all_of(channels_.begin(), channels_.end(), isOurs))
+        change_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
 
 /** In phases: (1) nobody reaches us any more, (2) close the channels, (3) what nobody will read
  * goes back. */

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "oswrap/AdaptiveWait.h"
@@ -22,14 +24,16 @@ namespace Transport {
 
 class Channel;
 class ReceiverOwner;
+class ReceiverPool;
 
 /**
- * The receiving thread of one visible termination with all that it serves: those who connect, the
- * sockets and bells of its channels, messages from terminations of the same process, and messages
- * that come back. Shared by that thread, the channels and the switchboard, so that it
- * outlives a termination that is deleted in its own callback.
+ * What the receiving thread of one visible termination serves: those who connect, the sockets and
+ * bells of its channels, messages from terminations of the same process, and messages that come
+ * back. Shared by that thread, the channels and the switchboard, so that it outlives a termination
+ * that is deleted in its own callback.
  *
- * The thread ends when `stop` has been called, and clears up by itself.
+ * The thread is its own, which ends when `stop` has been called and clears up by itself, or one of
+ * a ReceiverPool, which it shares with others.
  */
 class Receiver : public std::enable_shared_from_this<Receiver> {
 public:
@@ -43,8 +47,10 @@ public:
 
     /** Makes what the thread waits on; false, with a log line, on failure. */
     bool prepare();
-    /** Takes the listening descriptor and starts the thread; false, with a log line, on failure. */
+    /** Takes the listening descriptor and starts a thread of its own, or has one of the pool serve
+     * it; false, with a log line, on failure. */
     bool start(OpenSocket listening);
+    bool start(OpenSocket listening, ReceiverPool& pool);
 
     // ---- Any thread ----
     TerminationId id() const { return id_; }
@@ -61,6 +67,8 @@ public:
     bool sendAgain(AddressedMessage const& message);
     /** Has the thread call the channel's `service`. */
     void request(Channel& channel);
+    /** The same for a channel whose ring has been handed over to the thread. */
+    void requestReading(Channel& channel);
     /** Whether the termination may still send. */
     bool sending() const { return unsent_.sending(); }
     /** Whether any message waits in a channel's queue. */
@@ -73,50 +81,90 @@ public:
     void unsentLess(std::size_t count) { unsent_.less(count); }
     /** See UnsentCount::wait; at once on the receiving thread itself. */
     void waitUntilSent(long long idle, long long most);
-    /** Ends the thread. Returns when it makes no callback any more, unless called from inside one.
+    /** Ends the thread, or its part for this one. Returns when it makes no callback of this one any
+     * more, unless called from inside one; not from inside one of another that shares the thread.
      */
     void stop();
+    /** Has the thread end soon, which `stop` then waits for. */
+    void beginToStop();
+    /** Whether this is the receiving thread, or one that reads in its place just now. */
     bool onReceivingThread() const;
+    /** The same of any termination: such a thread must not wait. */
+    static bool onSomeReceivingThread() { return received_ != nullptr; }
+    /** For a scope, the calling thread reads in place of the receiving thread. */
+    class Receiving {
+    public:
+        explicit Receiving(Receiver const& receiver)
+            : outer_(std::exchange(received_, &receiver)) {}
+        ~Receiving() { received_ = outer_; }
+        Receiving(Receiving const&) = delete;
+        Receiving& operator=(Receiving const&) = delete;
+
+    private:
+        Receiver const* const outer_;
+    };
     static std::uint32_t newToken();
 
     /** For tests: time between two looks for idle channels, in nanoseconds. */
     static void idleLookInterval(long long nanoseconds);
 
-    // ---- Receiving thread ----
+    // ---- Who has the role of reading a channel ----
     bool stopping() const { return stopping_.load(); }
     /** Hands the message to the termination. The thread has seen just before that it is not
      * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
     void deliver(AddressedMessage const& message);
+    /** The same, by the receiving thread, which may leave the channel's ring just before. */
+    void deliverFrom(Channel& channel, AddressedMessage const& message);
     /** Likewise one of its own that a peer could not pass on: for good, it is not sent again. */
     void takeBack(AddressedMessage& message);
+
+    // ---- Receiving thread ----
     /** Tells the owner what has left a channel's queue, after all that has come back so far. */
     void leftQueue(TerminationId peer, std::uint64_t place);
     void enrol(Channel& channel);
     void dismiss(Channel& channel);
     bool watch(int fd, std::uint32_t token, Source source);
     void unwatch(int fd) { events_.unwatch(fd); }
-    /** Looks at the channel's ring from now on without waiting for its bell. */
+    /** Looks at the channel's ring from now on without waiting for its bell, unless another thread
+     * reads it. */
     void makeHot(Channel& channel);
     void makeCold(Channel& channel);
     /** Calls `service` of a channel with a retry time when that has come. */
     void wakeAt(long long time) { timers_.at(time); }
 
+    // ---- Receiving thread, as what drives this one, in a scope of Receiving ----
+    /** Looks at everything once; false when there was nothing to do. Not when `stopping`. */
+    bool work();
+    /** Whether there is something to do, also for a thread that is not asleep. */
+    bool ready() const;
+    /** From here on others ring; false, and they do not, when there is something to do. Then wait
+     * for the descriptor, until `due`, and call `wake`. */
+    bool fallAsleep();
+    int descriptor() const { return events_.descriptor(); }
+    long long due() const { return timers_.due(); }
+    void wake() { awaitEvents(0); }
+    /** Last of all, when `stopping`. */
+    void end();
+
 private:
     class ReceivingThread;
     void run();
-    void turn(int& turns);
+    bool startWith(OpenSocket listening, std::function<bool()> const& startThread);
+    void turn(bool& served);
     void endBatch();
+    void awaitEvents(int timeoutMilliseconds);
     bool serveRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
     bool serveChannels();
-    bool ready() const;
+    bool leaveToCallers();
     void sleep();
     void serveEvents(int timeoutMilliseconds);
     void serveEvent(std::uint32_t token, Source source);
     void serveTimers();
     void serveTimers(Channel& channel, long long now, bool idleLook);
     bool started();
+    void takeRingsBack();
     void finish();
     void closeInbox();
     void shutDownChannels();
@@ -125,22 +173,30 @@ private:
     ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
     bool const tellsPlaces_;
     std::atomic<bool> stopping_{false};
-    std::atomic<unsigned long> threadId_{0};
+    static thread_local Receiver const* received_;  // for whom the thread reads
     UnsentCount unsent_;
     EventSet events_;
     Inbox inbox_;
 
-    OSWrap::ConditionVar change_;  // a leaf: signalled when finished_ is set
+    // A leaf: signalled when finished_ is set, and while stopping when a ring is handed over.
+    OSWrap::ConditionVar change_;
     bool finished_ OSW_GUARDED_BY(change_) = false;
     bool started_ OSW_GUARDED_BY(change_) = false;
+
+    // Written for each message that comes: not beside what each sender reads.
+    /// One callback at a time. Under it the termination takes its own locks, and nobody waits.
+    alignas(64) OSWrap::Mutex callback_;
+    /// The owner has been called since the last batchEnded; set before, by whoever calls.
+    std::atomic<bool> hasServed_{false};
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
     bool sendsAgain_ = false;   // the message that has just come back
-    bool hasServed_ = false;    // the owner, since the last batchEnded; set before it is called
+    bool hasLeft_ = false;      // a ring to callers, since it last looked for one to leave
+    int turns_ = 0;             // in which something was served
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;
-    std::vector<std::shared_ptr<Channel>> hot_;  // their `asleep` words are 0
+    std::vector<std::shared_ptr<Channel>> hot_;  // the thread has their rings; `asleep` is 0
     std::vector<std::shared_ptr<Channel>> serving_;
     ReceiverTimers timers_;
     OSWrap::AdaptiveWait waiting_;

@@ -25,15 +25,17 @@ public:
             idleLookFrom(OSWrap::Clock::nowNanoseconds());
     }
     void idleLookFrom(long long now) { idleLook_ = now + interval_.load(); }
-    /** Milliseconds until something is due; -1: nothing ever is. */
-    int timeout() const {
-        long long const due = std::min(next_, idleLook_);
+    static constexpr long long kNever = LLONG_MAX;
+    /** When something is due; kNever: not at all. */
+    long long due() const { return std::min(next_, idleLook_); }
+    /** Milliseconds until such a time; -1: it never comes. */
+    static int timeout(long long due) {
         if (due == kNever)
             return -1;
         long long const left = due - OSWrap::Clock::nowNanoseconds();
         return left <= 0 ? 0 : static_cast<int>(std::min(left / 1'000'000 + 1, 60'000LL));
     }
-    bool running() const { return next_ != kNever || idleLook_ != kNever; }
+    bool running() const { return due() != kNever; }
     /** What is due now. Whoever serves it sets the times anew. */
     Due take(long long now) {
         bool const look = now >= idleLook_;
@@ -49,7 +51,6 @@ public:
     static void idleLookInterval(long long nanoseconds) { interval_.store(nanoseconds); }
 
 private:
-    static constexpr long long kNever = LLONG_MAX;
     /** Channels without traffic in two of these are given back. */
     inline static std::atomic<long long> interval_{30'000'000'000};
 

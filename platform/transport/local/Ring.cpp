@@ -344,10 +344,15 @@ void RingReader::wakeUp() {
     own_.asleep.store(0, std::memory_order_relaxed);
 }
 
+/** A sender that is woken for a few bytes sleeps again before the next few are free. While more
+ * than half of the ring is filled there is more to read, so its turn comes. */
 bool RingReader::finishBatch() {
     own_.head.store(head_);
     std::uint32_t const want = peer_.wantsSpace.load();
-    return std::exchange(lastWant_, want) != want;
+    if (want == lastWant_ || peer_.tail.load() - head_ > area_.capacity / 2)
+        return false;
+    lastWant_ = want;
+    return true;
 }
 
 }  // namespace Transport

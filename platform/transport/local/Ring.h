@@ -23,7 +23,8 @@ namespace Transport {
  * | 64 | 4 | head | bytes that the owner has taken out of the peer's ring, likewise |
  * | 128 | 4 | asleep | 0: the owner looks at the ring by itself; else ring its bell once after each
  * change of this word |
- * | 192 | 4 | wantsSpace | changes when the owner wants its bell rung after `head` has moved |
+ * | 192 | 4 | wantsSpace | changes when the owner wants its bell rung after `head` has moved, as soon
+ * as half of the ring is free |
  *
  * All words are written and read with sequentially consistent operations wherever the two sides
  * could otherwise miss each other: "store tail, then read asleep" against "store asleep, then read
@@ -198,8 +199,8 @@ private:
 };
 
 /**
- * The receiving end of a ring. Trusts nothing that it reads there. Used by the receiving thread
- * alone.
+ * The receiving end of a ring. Trusts nothing that it reads there. Used by one thread at a time;
+ * see ReadingEnd.
  */
 class RingReader {
 public:
@@ -231,10 +232,14 @@ public:
     /** Tells the peer that it must ring from now on. Look for data once more afterwards. */
     void fallAsleep();
     void wakeUp();
-    /** Shows the peer what has been taken; true when it must be rung because it wants space. */
+    /** Shows the peer what has been taken; true when it must be rung because it wants space, and
+     * half of the ring is free. */
     bool finishBatch();
     /** Bytes taken since the start. */
     std::uint32_t position() const { return head_; }
+    /** The same as the peer was shown it, and whether it has put in more than that. Any thread. */
+    std::uint32_t shownPosition() const { return own_.head.load(std::memory_order_relaxed); }
+    bool hasMoreThanShown() const { return peer_.tail.load() != shownPosition(); }
 
 private:
     Result nextFrame(AddressedMessage& message);

@@ -41,25 +41,35 @@ Switchboard::Switchboard() {
 }
 
 int Switchboard::issue(AddressedMessage const& message, TerminationId destination, Room room,
-                       std::uint64_t* place) {
+                       std::uint64_t* place, std::shared_ptr<Channel>* waiter) {
     if (message.empty() || inForkedChild())
         return 0;
-    std::shared_ptr<Channel> const channel = find(message.originator(), destination);
-    return channel != nullptr ? sendThrough(*channel, message, room, place)
-                              : issueSlowly(message, destination, room, place);
+    int delivered = 0;
+    std::shared_ptr<Channel> channel = find(message.originator(), destination);
+    if (channel == nullptr)
+        channel = makeChannel(message, destination, room, delivered);
+    if (channel == nullptr)
+        return delivered;
+    if (waiter == nullptr)
+        return sendThrough(*channel, message, room, place);
+    channel->joinWaiters();
+    *waiter = std::move(channel);
+    return sendThrough(**waiter, message, room, place);
 }
 
-int Switchboard::issueSlowly(AddressedMessage const& message, TerminationId destination, Room room,
-                             std::uint64_t* place) {
+/** Null when the termination is one of this process, which has the message then if `delivered`, or
+ * when there is none. */
+std::shared_ptr<Channel> Switchboard::makeChannel(AddressedMessage const& message,
+                                                  TerminationId destination, Room room,
+                                                  int& delivered) {
     std::shared_ptr<Receiver> const from = receiver(message.originator());
     if (from == nullptr || !from->sending())
-        return 0;
-    if (std::shared_ptr<Receiver> const to = receiver(destination))
-        return to->deliverCopy(message, room);
-    if (!Rendezvous::instance().exists(destination))
-        return 0;
-    std::shared_ptr<Channel> const made = channel(from, destination);
-    return made != nullptr ? sendThrough(*made, message, room, place) : 0;
+        return nullptr;
+    if (std::shared_ptr<Receiver> const to = receiver(destination)) {
+        delivered = to->deliverCopy(message, room);
+        return nullptr;
+    }
+    return Rendezvous::instance().exists(destination) ? channel(from, destination) : nullptr;
 }
 
 int Switchboard::giveBack(AddressedMessage const& message, TerminationId to) {

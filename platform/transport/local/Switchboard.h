@@ -25,7 +25,7 @@ public:
 
     /** Sends `message` in the name of its originator; 1 when taken, else 0. */
     int issue(AddressedMessage const& message, TerminationId destination, Room room = Room::Usual) {
-        return issue(message, destination, room, nullptr);
+        return issue(message, destination, room, nullptr, nullptr);
     }
     /** The same; `place` becomes 0 when the message has gone where its receiver takes it from, else
      * its place among those that wait for this receiver: they grow. See ReceiverOwner::leftQueue,
@@ -33,7 +33,13 @@ public:
     int issue(AddressedMessage const& message, TerminationId destination, Room room,
               std::uint64_t& place) {
         place = 0;
-        return issue(message, destination, room, &place);
+        return issue(message, destination, room, &place, nullptr);
+    }
+    /** The same; somebody will wait for an answer: he is counted in the channel that is put there,
+     * if there is one. */
+    int issue(AddressedMessage const& message, TerminationId destination,
+              std::shared_ptr<Channel>& waiter) {
+        return issue(message, destination, Room::Usual, nullptr, &waiter);
     }
     /** Has a termination of this process get a copy of `message` through receiveError; 1 when
      * taken, else 0. */
@@ -62,9 +68,9 @@ private:
     static void onGone(TerminationId id);
     std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
     int issue(AddressedMessage const& message, TerminationId destination, Room room,
-              std::uint64_t* place);
-    int issueSlowly(AddressedMessage const& message, TerminationId destination, Room room,
-                    std::uint64_t* place);
+              std::uint64_t* place, std::shared_ptr<Channel>* waiter);
+    std::shared_ptr<Channel> makeChannel(AddressedMessage const& message, TerminationId destination,
+                                         Room room, int& delivered);
     std::shared_ptr<Receiver> receiver(TerminationId id);
     std::shared_ptr<PeerShare> shareOf(int process) OSW_REQUIRES(mutex_);
     using Channels = std::unordered_map<std::uint64_t, std::shared_ptr<Channel>>;

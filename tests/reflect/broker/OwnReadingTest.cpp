@@ -1,0 +1,267 @@
+// Callers that take in by themselves what comes from the peer: whatever happens while one sleeps at
+// the channel's bell, nobody hangs, and nothing is lost.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+#include "BrokerTest.h"
+#include "Probe.h"
+#include "ReflectActor.h"
+#include "Threads.h"
+#include "transport.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/** The system call that a thread of this process sleeps in, by the folder of the thread; else -1.
+ */
+long systemCall(std::filesystem::path const& thread) {
+    long call = -1;
+    std::ifstream(thread / "syscall") >> call;
+    return call;
+}
+
+bool waitsForDescriptors(long call) {
+    return call == SYS_epoll_pwait
+#ifdef SYS_epoll_pwait2
+           || call == SYS_epoll_pwait2
+#endif
+#ifdef SYS_epoll_wait
+           || call == SYS_epoll_wait
+#endif
+        ;
+}
+
+bool waitsForOthers(long call) {
+    return call == SYS_futex
+#ifdef SYS_futex_time64
+           || call == SYS_futex_time64
+#endif
+        ;
+}
+
+/** How many threads of this process, other than receiving threads, wait for descriptors. */
+int readers() {
+    int count = 0;
+    std::error_code gone;
+    for (auto const& task : std::filesystem::directory_iterator("/proc/self/task", gone)) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        bool const waits = waitsForDescriptors(systemCall(task.path()));
+        count += waits && name.rfind("Rec", 0) != 0 && name.rfind("Tr", 0) != 0 ? 1 : 0;
+    }
+    return count;
+}
+
+class OwnReadingTest : public BrokerTest {
+protected:
+    using Answer = ProbeClient::Answer;
+
+    OwnReadingTest() {
+        peer_.publish("far");
+        callAlone();
+    }
+    ~OwnReadingTest() override {
+        if (peerLives_)
+            peer_.tell("release far");
+    }
+
+    static Answer call(unsigned int method, unsigned int number = 0, milliseconds within = {}) {
+        return permitted([&] {
+            std::optional<TreflectDeadline> deadline;
+            if (within.count() != 0)
+                deadline.emplace(within);
+            return ProbeClient(oid("far")).call(method, number);
+        });
+    }
+    /** After some of these, callers of the peer are known to come alone. */
+    static void callAlone() {
+        for (unsigned int i = 0; i < 8; ++i)
+            EXPECT_EQ(call(kEcho, i).number, i);
+    }
+    /** One call is held by the peer, and its caller sleeps at the bell. Where the receiving thread
+     * was at the ring when it came it does not, and another one tries. */
+    void hold() {
+        long call = -1;
+        for (int tries = 1; !waitsForDescriptors(call); ++tries) {
+            ASSERT_LE(tries, 50) << "the receiving thread never leaves the ring";
+            if (held_) {
+                held_->cancel();
+                held_->join();
+            }
+            startCaller();
+            std::string const held = std::to_string(tries);
+            ASSERT_TRUE(testsupport::eventually(
+                [&] { return peer_.ask("holding far", "holding") == held; }));
+            std::string const thread = "/proc/self/task/" + std::to_string(caller_);
+            ASSERT_TRUE(testsupport::eventually([&] {
+                call = systemCall(thread);
+                return waitsForDescriptors(call) || waitsForOthers(call);
+            }));
+        }
+    }
+    void startCaller() {
+        left_ = false;
+        held_.emplace([this] {
+            caller_ = static_cast<pid_t>(::syscall(SYS_gettid));
+            testsupport::Mark const mark{left_};
+            TreflectHandlerState const handlerState(true);
+            answer_ = ProbeClient(oid("far")).call(kHold, 7);
+            order_.push_back(1);
+        });
+    }
+    Answer letGo() {
+        peer_.tell("release far");
+        held_->join();
+        return answer_;
+    }
+
+    ReflectActor peer_;
+    bool peerLives_ = true;
+    std::atomic<pid_t> caller_{0};
+    std::atomic<bool> left_{false};
+    Answer answer_;
+    std::vector<int> order_;  // guarded by the run permission
+    std::optional<testsupport::TestThread> held_;
+};
+
+TEST_F(OwnReadingTest, answersWakeTheCallerItself) {
+    hold();
+    EXPECT_EQ(letGo().number, 7u);
+    callAlone();
+}
+
+TEST_F(OwnReadingTest, aCancelledCallerLeavesTheRingToOthers) {
+    hold();
+    held_->cancel();
+    EXPECT_TRUE(held_->join());
+    EXPECT_TRUE(left_);
+    callAlone();
+    peer_.tell("release far");  // an answer nobody waits for
+    callAlone();
+    EXPECT_EQ(readers(), 0);
+}
+
+TEST_F(OwnReadingTest, theEndOfThePeerEndsTheCall) {
+    hold();
+    peerLives_ = false;
+    peer_.child().kill();
+    held_->join();
+    EXPECT_EQ(answer_.exceptionType, 1u);
+    EXPECT_EQ(call(kEcho).exceptionType, 1u);
+}
+
+TEST_F(OwnReadingTest, aStoppedPeerCostsTheCallersDeadline) {
+    permitted([&] {
+        ProbeClient client(oid("far"));
+        EXPECT_EQ(client.call(kEcho, 1).number, 1u);
+        ASSERT_TRUE(peer_.child().stopWholly());
+        TreflectDeadline const within(milliseconds(200));
+        EXPECT_EQ(client.call(kEcho).exceptionCode,
+                  static_cast<unsigned int>(TipprmiFailure::kTimedOut));
+    });
+    peer_.child().signal(SIGCONT);
+    callAlone();
+}
+
+TEST_F(OwnReadingTest, deletionOfTheBrokerEndsTheCall) {
+    hold();
+    prepareOrbForDeletion();
+    held_->join();
+    EXPECT_EQ(answer_.exceptionType, 1u);
+    EXPECT_EQ(readers(), 0);
+}
+
+TEST_F(OwnReadingTest, theCallerTakesItsTurnWhenItsAnswerComes) {
+    hold();
+    std::thread later;
+    {
+        TreflectHandlerState const handlerState(true);
+        peer_.tell("release far");
+        ASSERT_TRUE(queueGrowsTo(1));
+        later = std::thread([&] { permitted([&] { order_.push_back(2); }); });
+        ASSERT_TRUE(queueGrowsTo(2));
+    }
+    later.join();
+    held_->join();
+    EXPECT_EQ(answer_.number, 7u);
+    EXPECT_EQ(order_, (std::vector<int>{1, 2}));
+}
+
+TEST_F(OwnReadingTest, callsOfThePeerAreServedMeanwhile) {
+    auto const near = makePermitted<Probe>("near");
+    peer_.ask("call near 1", "called");
+    callAlone();
+    hold();
+    peer_.tell("hold near");
+    ASSERT_TRUE(testsupport::eventually([&] { return near->held() == 1; })) << "by a worker";
+    for (unsigned int i = 0; i < 20; ++i)
+        EXPECT_EQ(peer_.ask("call near " + std::to_string(i), "called"), "1 " + std::to_string(i));
+    EXPECT_EQ(near->held(), 1u) << "others have served them";
+    EXPECT_EQ(letGo().number, 7u);
+    near->release();
+    prepareOrbForDeletion();  // waits for its worker
+}
+
+TEST_F(OwnReadingTest, callsGoToAndFroWhileBothSidesRead) {
+    auto const near = makePermitted<Probe>("near");
+    permitted([&] { near->partner(oid("far")); });
+    peer_.ask("partner far near", "partner");
+    for (unsigned int depth = 1; depth <= 20; ++depth) {
+        callAlone();
+        EXPECT_EQ(call(kToAndFro, depth).number, depth);
+    }
+    callAlone();
+    hold();
+    EXPECT_EQ(call(kToAndFro, 9).number, 9u);
+    EXPECT_EQ(letGo().number, 7u);
+}
+
+TEST_F(OwnReadingTest, manyCallersOfOneChannelGetTheirAnswers) {
+    hold();
+    constexpr unsigned int kCallers = 64;
+    std::atomic<unsigned int> right{0};
+    testsupport::TestThreads callers(kCallers, [&](std::size_t number) {
+        for (unsigned int i = 0; i < 20; ++i)
+            right += call(kEcho, static_cast<unsigned int>(number) + i).number == number + i;
+    });
+    callers.join();
+    EXPECT_EQ(right, kCallers * 20);
+    EXPECT_EQ(letGo().number, 7u);
+}
+
+TEST_F(OwnReadingTest, aFloodDoesNotKeepTheCallerBeyondItsDeadline) {
+    auto const near = makePermitted<Probe>("near");
+    peer_.ask("call near 1", "called");
+    callAlone();
+    peer_.tell("flood near 50");
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(call(kHold, 0, milliseconds(50)).exceptionCode,
+                  static_cast<unsigned int>(TipprmiFailure::kTimedOut));
+    peer_.tell("calm");
+    EXPECT_EQ(call(kEcho, 3).number, 3u);
+}
+
+TEST_F(OwnReadingTest, aForkedChildCallsNobodyAndDisturbsNothing) {
+    hold();
+    EXPECT_TRUE(testsupport::holdsInForkedChild([] {
+        TipprmiStream response(100);
+        return TreflectORB::getInstance(NSID_UNIT) == nullptr || readers() == 0;
+    }));
+    EXPECT_EQ(letGo().number, 7u);
+}
+
+TEST_F(OwnReadingTest, withoutPollingAllIsTheSame) {
+    Transport::Setup::polling(false);
+    for (int i = 0; i < 50; ++i)
+        callAlone();
+    hold();
+    EXPECT_EQ(letGo().number, 7u);
+    Transport::Setup::polling(true);
+}
+
+}  // namespace
