@@ -100,4 +100,11 @@ bool Child::waitForEnd() {
     return waited_ && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+void announceAndWait() {
+    std::puts("ready");
+    std::fflush(stdout);
+    for (char byte = 0; read(STDIN_FILENO, &byte, 1) > 0;) {
+    }
+}
+
 }  // namespace bench

@@ -47,4 +47,7 @@ private:
     bool waited_ = false;
 };
 
+/** In a child: tells the parent that calls may come, and waits until it closes standard input. */
+void announceAndWait();
+
 }  // namespace bench

@@ -1,7 +1,10 @@
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
 #include <string>
 
+#include "Child.h"
 #include "Gauge.h"
 #include "Subject.h"
 #include "handler_threads.h"
@@ -18,18 +21,18 @@ constexpr unsigned int kClass = 0xBE4C4001;
 
 enum Method : unsigned int { kExchange = 1, kBody = 2, kNotice = 3, kCount = 4 };
 
-TipprmiOID targetOid() {
-    return {"bench/target", NSID_UNIT};
+TipprmiOID targetOid(NamespaceId space) {
+    return {"bench/target", space};
 }
 
-TipprmiOID gaugeOid() {
-    return {"bench/gauge", NSID_UNIT};
+TipprmiOID gaugeOid(NamespaceId space) {
+    return {"bench/gauge", space};
 }
 
 /** The object whose operations are measured. */
 class TargetSkeleton : public TipprmiObjectSkeleton {
 public:
-    TargetSkeleton() : TipprmiObjectSkeleton(targetOid()) {}
+    explicit TargetSkeleton(NamespaceId space) : TipprmiObjectSkeleton(targetOid(space)) {}
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
@@ -160,11 +163,13 @@ private:
 
 class Orb : public Subject {
 public:
+    explicit Orb(NamespaceId space) : space_(space) {}
+
     void serve(std::string const& folder) override {
         configure(folder, "bench-server");
         TreflectORB::enterHandlerState(true);
-        TargetSkeleton target;
-        Gauge const gauge(gaugeOid(), nullptr, "gauge");
+        TargetSkeleton target(space_);
+        Gauge const gauge(gaugeOid(space_), nullptr, "gauge");
         TreflectORB::releaseRunPermission();
         announceAndWait();
         TreflectORB::getRunPermission();
@@ -173,13 +178,15 @@ public:
     std::unique_ptr<Client> connect(std::string const& folder) override {
         configure(folder, "bench-client");
         TreflectHandlerState const permission(true);
-        TipprmiObjectClient const target(targetOid());
-        GaugeClient const gauge(gaugeOid());
-        if (!target.isConnected() || !gauge.isConnected()) {
-            std::fputs("the server object was not found\n", stderr);
-            return nullptr;
+        for (int tries = 0; tries < 100; ++tries) {
+            TipprmiObjectClient const target(targetOid(space_));
+            GaugeClient const gauge(gaugeOid(space_));
+            if (target.isConnected() && gauge.isConnected())
+                return std::make_unique<OrbClient>(target, gauge);
+            usleep(100'000);  // its machine may not be in sight yet
         }
-        return std::make_unique<OrbClient>(target, gauge);
+        std::fputs("the server object was not found\n", stderr);
+        return nullptr;
     }
 
 private:
@@ -188,12 +195,18 @@ private:
         Transport::Setup::directory(folder);
         Transport::Setup::actor(actor);
     }
+
+    NamespaceId const space_;
 };
 
 }  // namespace
 
 std::unique_ptr<Subject> makeOrb() {
-    return std::make_unique<Orb>();
+    return std::make_unique<Orb>(NSID_UNIT);
+}
+
+std::unique_ptr<Subject> makeOrbOfNode() {
+    return std::make_unique<Orb>(NSID_NODE);
 }
 
 }  // namespace bench

@@ -109,11 +109,4 @@ int busyMain() {
     }
 }
 
-void announceAndWait() {
-    std::puts("ready");
-    std::fflush(stdout);
-    for (char byte = 0; read(STDIN_FILENO, &byte, 1) > 0;) {
-    }
-}
-
 }  // namespace bench

@@ -43,6 +43,8 @@ public:
 };
 
 std::unique_ptr<Subject> makeOrb();
+/** The same with objects that all machines see. */
+std::unique_ptr<Subject> makeOrbOfNode();
 /** The thread path of a call over a seqpacket socket, every wait sleeping. */
 std::unique_ptr<Subject> makeSleepingFloor();
 /** The same path over shared-memory rings, every wait polling for a bounded time first. */
@@ -54,8 +56,5 @@ std::unique_ptr<Subject> makePermissionFloor();
 std::unique_ptr<Subject> makeShortFloor();
 /** omniORB over Unix sockets; in the program for comparisons only. */
 std::unique_ptr<Subject> makeOmniOrb();
-
-/** Tells the parent that calls may come, and waits until it closes standard input. */
-void announceAndWait();
 
 }  // namespace bench

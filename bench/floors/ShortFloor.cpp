@@ -3,6 +3,7 @@
 #include <thread>
 #include <vector>
 
+#include "Child.h"
 #include "Subject.h"
 #include "floors/Link.h"
 

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <string>
 
+#include "Child.h"
 #include "Subject.h"
 #include "target.hh"
 

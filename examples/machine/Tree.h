@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PartObjects.h"
@@ -40,6 +41,7 @@ public:
         follow<NetworkInterfaceObject>(machine::kNetwork, net_, figures::networkInterfaces());
         follow<DiskObject>(machine::kDisk, disk_, figures::disks());
         follow<ProcessObject>(machine::kProcess, processes_, watchedProcesses());
+        tellChanges();
     }
 
 private:
@@ -75,6 +77,20 @@ private:
         parts_[kind][name]->sendDeletionEvent();
         parts_[kind].erase(name);
         root_.remove(kind, name);
+    }
+
+    /** Tells whoever watches them of values that are others at each look. */
+    void tellChanges() {
+        static std::vector<std::pair<char const*, char const*>> const changing = {
+            {machine::kCpu, "Load"},
+            {machine::kMemory, "Free"},
+            {machine::kNetwork, "ReceivedBytes"},
+            {machine::kNetwork, "SentBytes"},
+            {machine::kProcess, "Resident"}};
+        for (auto const& [kind, attribute] : changing) {
+            for (auto const& part : parts_[kind])
+                part.second->changed(attribute);
+        }
     }
 
     std::vector<std::string> watchedProcesses() const {

@@ -3,13 +3,15 @@
 # command `reflectorb` looks into them, uses them and watches them by name, without knowing their
 # classes. The machine is stopped and started again while the panel runs.
 #
-#   demo.sh [<build folder>]      (./run demo builds first)
+#   demo.sh [<build folder> [--stay]]      (./run demo builds first)
 #
+# With --stay it goes on, to be looked at in a browser, until Ctrl-C.
 # Ends with a verdict and 0, or 1 when anything went otherwise than it should. DEMO_RUNNER is put
 # before each program (an emulator, for instance).
 set -euo pipefail
 
 build=${1:-build/release}
+stay=${2:-}
 programs=$build/examples/machine
 tool=$build/tool/reflectorb
 read -r -a runner <<<"${DEMO_RUNNER:-}"
@@ -185,7 +187,25 @@ grep -qF "refresh $refreshes of $refreshes" "$shown" || fail "the panel did not 
 say "a last look"
 look 0 "ok: 1 processes" check
 
+# stay_for_browsers: until Ctrl-C, which ends the page alone.
+stay_for_browsers() {
+    "$tool" web --help >/dev/null 2>&1 || fail "--stay: there is no reflectorb web here, see ./run setup"
+    "${runner[@]}" "$programs/panel" --refreshes 1000000 --interval 1000 >/dev/null 2>&1 </dev/null &
+    panel_pid=$!
+    trap : INT
+    say "open this address in a browser; Ctrl-C ends"
+    "${runner[@]}" "$tool" web --listen 127.0.0.1:0 --allow-changes || fail "reflectorb web: $?"
+    trap 'exit 1' INT
+    kill "$panel_pid" 2>/dev/null || true
+    wait "$panel_pid" 2>/dev/null || true
+    panel_pid=''
+}
+if [[ $stay == --stay ]]; then
+    stay_for_browsers
+fi
+
 say "stopping the machine"
+[[ -z $stay ]] || kill -0 "$machine_pid" 2>/dev/null || start_machine # Ctrl-C goes to all
 stop_machine
 [[ -z $(find "$TRANSPORT_DIR" -type s 2>/dev/null) ]] || fail "a process left its address behind"
 say "demo: ok: found by identifier and by name, called, watched, followed, lost, found again, ended" \

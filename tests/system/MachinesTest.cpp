@@ -1,165 +1,103 @@
-// Machines whose links talk over a real network, of which each is a network namespace here.
-#include <sys/stat.h>
-#include <unistd.h>
+// What befalls links, machines and the network between them.
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
-#include <cstdlib>
-#include <memory>
-#include <sstream>
-#include <string>
+#include <cstring>
+#include <filesystem>
 
-#include "ActorProgram.h"
-#include "RendezvousFolder.h"
-#include "StationActor.h"
-#include "Waiting.h"
+#include "Machines.h"
 
+namespace machines {
 namespace {
 
-using testsupport::ActorProgram;
-using testsupport::ChildProgram;
-using Command = ActorProgram::Command;
-
-bool does(std::string const& command) {
-    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-/** Whether the program takes SIGTERM as something to read, which it does first of all. */
-bool readsSignals(ChildProgram const& program) {
-    return does("grep -q '^SigBlk:.*4203$' /proc/" + std::to_string(program.pid()) + "/status");
-}
-
-/** Two namespaces and the cable between them, of addresses that are known in there only. */
-class Network {
+/** The service manager's end, to which a link tells how it is. */
+class Manager {
 public:
-    Network() {
-        remove();  // what one of the same process id has left
-        made_ = geteuid() == 0 && does("ip netns add " + name(1)) &&
-                does("ip netns add " + name(2)) &&
-                does("ip link add cable netns " + name(1) + " type veth peer name cable netns " +
-                     name(2));
-        for (int slot : {1, 2})
-            made_ = made_ && does("ip netns exec " + name(slot) + " true") &&
-                    does("ip -n " + name(slot) + " addr add 10.77.0." + std::to_string(slot) +
-                         "/24 dev cable") &&
-                    does("ip -n " + name(slot) + " link set lo up");
-        plugIn();
+    Manager() : path_(folder_.path() + "/notify"), socket_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
+        EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
-    ~Network() { remove(); }
-    Network(Network const&) = delete;
-    Network& operator=(Network const&) = delete;
+    ~Manager() { close(socket_); }
+    Manager(Manager const&) = delete;
+    Manager& operator=(Manager const&) = delete;
 
-    bool made() const { return made_; }
-    static std::string name(int slot) {
-        return "reflectorb-" + std::to_string(getpid()) + "-" + std::to_string(slot);
+    testsupport::ChildProgram::Environment environment() const {
+        return {{"NOTIFY_SOCKET", path_}, {"WATCHDOG_USEC", std::to_string(kPatience.count())}};
     }
-    void unplug(int slot) { EXPECT_TRUE(does("ip -n " + name(slot) + " link set cable down")); }
-    void plugIn() {
-        for (int slot : {1, 2})
-            made_ = made_ && does("ip -n " + name(slot) + " link set cable up");
+    /** Whether it is told that before the time is up. */
+    bool hears(std::string const& what,
+               std::chrono::milliseconds limit = testsupport::kPatience) const {
+        return testsupport::eventually([&] { return next().find(what) != std::string::npos; },
+                                       limit);
     }
+    /** Takes no more until it has been asked what it hears. */
+    void fill() const {
+        sockaddr_un own{};
+        socklen_t size = sizeof own;
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size);
+        int const other = socket(AF_UNIX, SOCK_DGRAM, 0);
+        while (sendto(other, "x", 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&own), size) == 1) {
+        }
+        close(other);
+    }
+    /** Forgets what it has been told. */
+    void forget() const {
+        while (!next().empty()) {
+        }
+    }
+
+    static constexpr std::chrono::microseconds kPatience{900'000};
 
 private:
-    static void remove() {
-        for (int slot : {1, 2})
-            does("ip netns del " + name(slot));
+    /** Empty when there is nothing. */
+    std::string next() const {
+        char text[512];
+        ssize_t const size = recv(socket_, text, sizeof text, MSG_DONTWAIT);
+        return std::string(text, size > 0 ? static_cast<std::size_t>(size) : 0);
     }
 
-    bool made_ = false;
+    testsupport::RendezvousFolder const folder_;
+    std::string const path_;
+    int const socket_;
 };
 
-/** A machine's folder and its link. */
-class Machine {
-public:
-    explicit Machine(int slot) : slot_(slot), folder_(parent_.path() + "/machine") {
-        mkdir(folder_.c_str(), 0700);
+/** The thread of a process that has this name; 0: none. */
+pid_t threadOf(pid_t process, std::string const& name) {
+    for (auto const& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+        std::string comm;
+        std::getline(std::ifstream(task.path() / "comm"), comm);
+        if (comm == name)
+            return std::stoi(task.path().filename().string());
     }
+    return 0;
+}
 
-    ActorProgram::Environment environment() const {
-        return {{"TRANSPORT_DIR", folder_}, {"TRANSPORT_SLOT", std::to_string(slot_)}};
-    }
-    Command within(Command const& command) const {
-        Command whole{"ip", "netns", "exec", Network::name(slot_)};
-        whole.insert(whole.end(), command.begin(), command.end());
-        return whole;
-    }
-    std::unique_ptr<ActorProgram> actor(std::string const& program) const {
-        return std::make_unique<ActorProgram>(within(testsupport::programCommand(program)),
-                                              environment());
-    }
-    std::unique_ptr<StationActor> station() const {
-        return std::make_unique<StationActor>(environment(),
-                                              within(testsupport::programCommand("station_actor")));
-    }
-    std::unique_ptr<ChildProgram> program(std::string const& name) const {
-        return std::make_unique<ChildProgram>(
-            within({LINK_PROGRAM, "--interface", "cable", "--open", "--machine", name}),
-            std::vector<std::string>(), environment());
-    }
-    void startLink() { link = program("machine" + std::to_string(slot_)); }
-    void awaitLinked() { await("linked with slot"); }
-    void awaitParted() { await("no link with slot"); }
-
-    std::unique_ptr<ChildProgram> link;
-
-private:
-    void await(char const* line) { EXPECT_TRUE(link->waitForErrorLine(line)) << line; }
-
-    int const slot_;
-    testsupport::RendezvousFolder const parent_;
-    std::string const folder_;
-};
-
-class MachinesTest : public testing::Test {
-protected:
-    void SetUp() override {
-        if (!network.made())
-            GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
-        one.startLink();
-        two.startLink();
-        awaitLinked();
-    }
-    void TearDown() override {
-        for (Machine* machine : {&one, &two})
-            if (HasFailure() && machine->link)
-                for (std::string const& line : machine->link->errorLines())
-                    std::printf("%s\n", line.c_str());
-    }
-    void awaitLinked() {
-        one.awaitLinked();
-        two.awaitLinked();
-    }
-    /** A termination on each machine; those of the other one are known to each. */
-    void join() {
-        sender = one.actor("transport_actor");
-        receiver = two.actor("transport_actor");
-        senderId = sender->ask("join", "id");
-        receiverId = receiver->ask("join", "id");
-        EXPECT_TRUE(sender->does("ping " + receiverId));
-        EXPECT_TRUE(receiver->does("ping " + senderId));
-    }
-    struct Report {
-        unsigned long received = 0, faults = 0, returned = 0, damaged = 0;
+TEST(LinkOptionsTest, a_fault_in_the_configuration_file_is_told_with_its_line) {
+    testsupport::RendezvousFolder const folder;
+    std::string const file = folder.path() + "/link.conf";
+    auto const toldOf = [&file](std::string const& text, std::string const& line) {
+        std::ofstream(file) << text;
+        ChildProgram link({LINK_PROGRAM, "--config", file});
+        EXPECT_EQ(link.exitCode(), 2);
+        EXPECT_TRUE(link.waitForErrorLine(file + line)) << text;
     };
-    static Report reportOf(ActorProgram& actor) {
-        std::istringstream words(actor.ask("report", "report"));
-        Report report;
-        words >> report.received >> report.faults >> report.returned >> report.damaged;
-        return report;
-    }
-    /** All that was accepted has been delivered or has come back. */
-    void awaitAllAccountedFor() {
-        unsigned long const accepted =
-            std::strtoul(sender->ask("accepted " + receiverId, "accepted").c_str(), nullptr, 10);
-        EXPECT_GT(accepted, 0u);
-        EXPECT_SOON(reportOf(*receiver).received + reportOf(*sender).returned >= accepted);
-        EXPECT_EQ(reportOf(*sender).damaged, 0u);
-        EXPECT_EQ(receiver->ask("doubled", "doubled"), "0");
-    }
-
-    Network network;
-    Machine one{1}, two{2};
-    std::unique_ptr<ActorProgram> sender, receiver;
-    std::string senderId, receiverId;
-};
+    toldOf("# domain\ndomain = 999\n", ":2: --domain: ");
+    toldOf("peers = 10.0.0.1, 10.0.0.2 10.0.0.3\n", ":1: --peers: \"10.0.0.2 10.0.0.3\" is no");
+    toldOf("\n\nbridge = lo\n", ":3: there is no option \"bridge\"");
+    toldOf("help = true", ":1: there is no option \"help\"");
+    toldOf("open", ":1: \"open\" is not \"key = value\"");
+    toldOf("open = perhaps", ":1: Could not convert: --open");
+    toldOf("machine = a\n machine=b\n", ":2: \"machine\" stands here twice");
+    toldOf("machine =", ":1: \"machine\" has no value");
+    ChildProgram without({LINK_PROGRAM, "--config", file + ".d"});
+    EXPECT_EQ(without.exitCode(), 2);
+}
 
 TEST_F(MachinesTest, objects_are_called_across_machines_and_messages_of_all_sizes_come_in_order) {
     auto const server = one.station();
@@ -202,9 +140,13 @@ TEST_F(MachinesTest, the_end_of_a_process_or_of_a_link_is_told_and_all_comes_bac
     }
 }
 
+/** Also for a length in seconds that the environment names. */
 TEST_F(MachinesTest, a_parting_of_any_length_loses_no_message_silently) {
     join();
-    for (unsigned const milliseconds : {600u, 2500u}) {
+    std::vector<unsigned> lengths{600, 2500};
+    if (char const* const seconds = std::getenv("MACHINES_PARTED_SECONDS"))
+        lengths.push_back(1000 * static_cast<unsigned>(std::atoi(seconds)));
+    for (unsigned const milliseconds : lengths) {
         SCOPED_TRACE(milliseconds);
         sender->tell("flood " + receiverId + " 100000 200");
         network.unplug(2);
@@ -213,6 +155,35 @@ TEST_F(MachinesTest, a_parting_of_any_length_loses_no_message_silently) {
         EXPECT_SOON(sender->does("ping " + receiverId));
         awaitAllAccountedFor();
     }
+}
+
+TEST_F(MachinesTest,
+       a_network_that_carries_one_direction_only_parts_and_loses_no_message_silently) {
+    if (!Network::mute(1) || !Network::unmute(1))
+        GTEST_SKIP() << "the kernel has no queue that drops everything, or tc is missing";
+    join();
+    for (int const silent : {1, 2}) {
+        SCOPED_TRACE(silent);
+        sender->tell("flood " + receiverId + " 100000 200");
+        ASSERT_TRUE(Network::mute(silent));
+        (silent == 1 ? two : one).awaitParted();
+        ASSERT_TRUE(Network::unmute(silent));
+        EXPECT_SOON(sender->does("ping " + receiverId));
+        awaitAllAccountedFor();
+    }
+}
+
+TEST_F(MachinesTest, a_link_begins_without_its_interface_and_joins_when_that_comes) {
+    network.unplug(1);
+    one.link.reset();
+    one.startLink();
+    EXPECT_TRUE(one.link->waitForErrorLine("which interface is to be used: there is none"));
+    Machine::Status const alone = one.status();
+    EXPECT_EQ(alone.exitCode, 1);
+    EXPECT_NE(alone.text.find("waits for its interface"), alone.text.npos) << alone.text;
+    network.plugIn();
+    awaitLinked();
+    join();
 }
 
 TEST_F(MachinesTest, who_does_not_read_holds_up_nobody_and_all_that_he_has_not_read_comes_back) {
@@ -236,6 +207,84 @@ TEST_F(MachinesTest, who_does_not_read_holds_up_nobody_and_all_that_he_has_not_r
     EXPECT_EQ(reportOf(*sender).damaged, 0u);
 }
 
+TEST_F(MachinesTest, creations_are_told_across_machines_and_the_tool_shows_who_is_where) {
+    auto const server = two.station();
+    server->publishStation("far", "2");
+    auto const client = one.station();
+    ASSERT_SOON(client->does("keep far 2"));
+    EXPECT_TRUE(client->does("watch 2"));
+    EXPECT_TRUE(server->does("make thing 2"));
+    EXPECT_TRUE(client->does("await thing"));
+    ChildProgram tool(one.within({TOOL_PROGRAM, "processes", "--json"}), {}, one.environment());
+    EXPECT_EQ(tool.exitCode(), 0);
+    std::string text;
+    for (std::string const& line : tool.lines())
+        text += line;
+    auto const shown = [&text](std::string const& actor, int pid, char const* where) {
+        return text.find("{\"actor\":\"" + actor + "\",\"pid\":" + std::to_string(pid) + where) !=
+               text.npos;
+    };
+    EXPECT_TRUE(shown("reflectorb-link", one.link->pid(), R"(,"slot":1,"here":true)")) << text;
+    EXPECT_TRUE(shown("station_actor", client->child().pid(), R"(,"slot":1,"here":true)")) << text;
+    EXPECT_TRUE(shown("station_actor", server->child().pid(), R"(,"slot":2,"here":false)")) << text;
+}
+
+TEST_F(MachinesTest, a_link_tells_how_it_is_and_who_asks_where_there_is_none_is_told_so) {
+    join();
+    sender->tell("flood " + receiverId + " 5000 64");
+    EXPECT_SOON(reportOf(*receiver).received == 5000u);
+    Machine::Status const linked = one.status();
+    EXPECT_EQ(linked.exitCode, 0) << linked.text;
+    EXPECT_NE(linked.text.find(R"("interface": "cable")"), linked.text.npos);
+    EXPECT_NE(linked.text.find(R"("machine": "machine2")"), linked.text.npos);
+    EXPECT_NE(linked.text.find(R"("state": "linked")"), linked.text.npos);
+    EXPECT_GE(linked.number("messagesOut"), 5000);
+    EXPECT_EQ(linked.number("unsettledBytes"), 0);
+    EXPECT_EQ(one.status({"--machines", "2"}).exitCode, 1);
+    rlimit usual{}, few{};
+    ASSERT_EQ(prlimit(one.link->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
+    few.rlim_cur = 3;  // poll still works
+    few.rlim_max = usual.rlim_max;
+    ASSERT_EQ(prlimit(one.link->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    ChildProgram const waiting(one.within({LINK_PROGRAM, "status"}), {}, one.environment());
+    EXPECT_TRUE(one.link->waitForErrorLine("no descriptor is left for who asks"));
+    ASSERT_EQ(prlimit(one.link->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
+    EXPECT_SOON(one.status().exitCode == 0);
+    network.unplug(2);
+    one.awaitParted();
+    EXPECT_EQ(one.status().exitCode, 1);
+    one.link->kill();
+    EXPECT_EQ(one.link->exitCode(), -SIGKILL);
+    EXPECT_EQ(one.status().exitCode, 5);
+}
+
+TEST_F(MachinesTest, the_service_manager_hears_nothing_more_of_a_link_with_a_thread_that_hangs) {
+    Manager const manager;
+    two.link.reset();
+    manager.fill();
+    two.startLink(manager.environment());
+    two.awaitLinked();
+    EXPECT_TRUE(manager.hears("READY=1"));
+    EXPECT_TRUE(manager.hears("STATUS=runs, linked with 1 of 1 machines in sight"));
+    for (char const* const name : {"LnSend", "LnShow"}) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(manager.hears("WATCHDOG=1"));
+        pid_t const thread = threadOf(two.link->pid(), name);
+        ASSERT_EQ(ptrace(PTRACE_SEIZE, thread, nullptr, nullptr), 0) << strerror(errno);
+        ptrace(PTRACE_INTERRUPT, thread, nullptr, nullptr);
+        ASSERT_EQ(waitpid(thread, nullptr, __WALL), thread);
+        EXPECT_TRUE(two.link->waitForErrorLine("a thread has been at one thing"));
+        manager.forget();
+        EXPECT_FALSE(manager.hears("WATCHDOG=1", std::chrono::milliseconds(1000)));
+        ptrace(PTRACE_DETACH, thread, nullptr, nullptr);
+        EXPECT_TRUE(manager.hears("WATCHDOG=1"));
+    }
+    manager.forget();
+    two.link->signal(SIGTERM);
+    EXPECT_TRUE(manager.hears("STOPPING=1"));
+    EXPECT_EQ(two.link->exitCode(), 0);
+}
+
 TEST_F(MachinesTest, a_second_link_of_a_folder_and_a_second_machine_of_a_slot_are_refused) {
     auto const second = one.program("machine1");
     EXPECT_EQ(second->exitCode(), 4);
@@ -249,6 +298,23 @@ TEST_F(MachinesTest, a_second_link_of_a_folder_and_a_second_machine_of_a_slot_ar
     EXPECT_EQ(late->exitCode(), 3);
 }
 
+TEST_F(MachinesTest, of_two_machines_of_a_slot_that_come_in_sight_of_each_other_one_stays) {
+    if (!Network::mute(1))
+        GTEST_SKIP() << "the kernel has no queue that drops everything, or tc is missing";
+    ASSERT_TRUE(Network::mute(2));
+    two.link.reset();
+    one.awaitParted();
+    Machine rival(1, 2);
+    rival.link = rival.program("other");
+    EXPECT_TRUE(rival.link->waitForErrorLine("slot 1, machine other, is linked"));
+    ASSERT_TRUE(Network::unmute(1));
+    ASSERT_TRUE(Network::unmute(2));
+    EXPECT_EQ(rival.link->exitCode(), 3);
+    EXPECT_TRUE(rival.link->waitForErrorLine("this one, other, gives it up"));
+    two.startLink();
+    awaitLinked();
+}
+
 TEST_F(MachinesTest, a_link_that_still_looks_who_has_its_slot_ends_when_told) {
     one.link.reset();
     auto const early = one.program("machine1");
@@ -258,3 +324,4 @@ TEST_F(MachinesTest, a_link_that_still_looks_who_has_its_slot_ends_when_told) {
 }
 
 }  // namespace
+}  // namespace machines

@@ -170,7 +170,7 @@ sub check_floors {
             $floor{$_} = $number for $folders =~ m{`(?:platform/)?(\w+)/`}g;
             $floor{$_} = $number for ($headers // '') =~ m{`(\w+\.h)`}g;
         }
-        $excepted{$1} = 1 if m{^- `((?:include/)?ipprmi/\w+\.\w+)`};
+        $excepted{$1} = 1 if m{^- `((?:include/)?(?:ipprmi|platform/transport/link)/\w+\.\w+)`};
     }
     for my $file (sort keys %$text) {
         my ($folder) = $file =~ m{^(?:include/|platform/)?(\w+)/};

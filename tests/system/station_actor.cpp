@@ -20,8 +20,8 @@ TreflectMetaClass thingMeta("Starved", kThing, {}, {});
 
 class Thing : public TreflectSkeleton<thingMeta> {
 public:
-    explicit Thing(std::string const& name)
-        : TreflectSkeleton(TipprmiOID(name, NSID_UNIT), nullptr, name) {
+    Thing(std::string const& name, NamespaceId ns)
+        : TreflectSkeleton(TipprmiOID(name, ns), nullptr, name) {
         sendCreationEvent(&thingMeta);
     }
     ~Thing() override { sendDeletionEvent(&thingMeta); }
@@ -29,7 +29,7 @@ public:
 
 class Watcher : public TreflectObserver {
 public:
-    Watcher() : TreflectObserver(TipprmiOID("", NSID_UNIT), nullptr, "") {}
+    explicit Watcher(NamespaceId ns) : TreflectObserver(TipprmiOID("", ns), nullptr, "") {}
     bool update() override {
         Sated const sated;
         told_.insert(nameOf(*getSource()));
@@ -127,18 +127,20 @@ bool call(Name const& name, std::size_t size) {
     });
 }
 
-bool make(Name const& name) {
+bool make(Name const& name, int ns) {
     return attempt([&] {
         things.erase(name);
-        return things[name] = std::make_unique<Thing>(name), true;
+        return things[name] = std::make_unique<Thing>(name, given(ns)), true;
     });
 }
 
-bool watch() {
-    return attempt([] {
+bool watch(int ns) {
+    return attempt([ns] {
         if (!watcher)
-            watcher = new Watcher;
-        return thingMeta.observeCreations(watcher, true), true;
+            watcher = new Watcher(given(ns));
+        if (ns == 0)
+            return thingMeta.observeCreations(watcher, true);
+        return TreflectORB::getInstance(given(ns))->observeCreations(kThing, *watcher, true);
     });
 }
 
@@ -197,10 +199,12 @@ testsupport::Commands const commands{
     {"call", call},
     {"flip", [](Name name,
                 std::size_t size) { return attempt([&] { return flips(Client(name), size); }); }},
-    // Makes an object, and destroys that of the same name; or only that.
+    // Makes an object, in the unit or another namespace, and destroys that of the same name; or
+    // only
+    // that.
     {"make", make},
     {"unmake", [](Name name) { return attempt([&] { return things.erase(name) == 1; }); }},
-    // Observes creations, and existing objects.
+    // Observes creations, and existing objects, likewise.
     {"watch", watch},
     // Waits for the notice of an object.
     {"await", awaitNotice}};

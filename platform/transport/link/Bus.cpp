@@ -6,10 +6,13 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "Link.h"
 #include "logging/LineLimit.h"
+#include "oswrap/Clock.h"
+#include "platform/transport/link/Participants.h"
 
 namespace Link {
 namespace {
@@ -44,9 +47,18 @@ struct DeleteQos {
 };
 using Qos = std::unique_ptr<dds_qos_t, DeleteQos>;
 
+/** Who writes does so in the partition of its slot: permissions grant no other. Who reads, in all.
+ */
+constexpr char const* kAllPartitions = "*";
+
+std::string partitionOf(unsigned char slot) {
+    return "slot" + std::to_string(unsigned{slot});
+}
+
 /** One instance of each unit, which those who come later are told of, too. */
-Qos unitQos() {
+Qos unitQos(std::string const& partition) {
     Qos qos(dds_create_qos());
+    dds_qset_partition1(qos.get(), partition.c_str());
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
     dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
@@ -55,8 +67,9 @@ Qos unitQos() {
 }
 
 /** Every piece, in order. */
-Qos inboxQos() {
+Qos inboxQos(std::string const& partition) {
     Qos qos(dds_create_qos());
+    dds_qset_partition1(qos.get(), partition.c_str());
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(10));
     dds_qset_durability(qos.get(), DDS_DURABILITY_VOLATILE);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
@@ -68,16 +81,6 @@ std::string inboxTopic(UnitInfo const& unit) {
     std::snprintf(name, sizeof name, "ReflectOrbInbox_%u_%016llx", unsigned{unit.slot},
                   static_cast<unsigned long long>(unit.epoch));
     return name;
-}
-
-/** Text of options in the engine's configuration. */
-std::string escaped(std::string const& text) {
-    std::string safe;
-    for (char const c : text) {
-        if (std::strchr("<>&\"'", c) == nullptr)
-            safe += c;
-    }
-    return safe;
 }
 
 /**
@@ -102,7 +105,8 @@ std::string configuration(BusOptions const& options) {
            "</Discovery><Internal><Watermarks><WhcHigh>16MB</WhcHigh></Watermarks>"
            "<SocketReceiveBufferSize max=\"8MB\"/><NackDelay>2ms</NackDelay>"
            "<HeartbeatInterval min=\"2ms\" minsched=\"5ms\" max=\"1s\">10ms</HeartbeatInterval>"
-           "</Internal></Domain></CycloneDDS>";
+           "</Internal>" +
+           engineConfiguration(options.security) + "</Domain></CycloneDDS>";
 }
 
 /** The engine writes many lines a second while its interface is down. */
@@ -141,6 +145,57 @@ private:
     dds_return_t count_ = 0;
 };
 
+/** Who writes samples, as the engine knows it. */
+struct Publisher {
+    Participants::Guid participant{};
+    std::string partition;
+};
+
+Participants::Guid guidOf(dds_guid_t const& key) {
+    Participants::Guid guid;
+    static_assert(sizeof key.v == sizeof guid);
+    std::memcpy(guid.data(), key.v, sizeof guid);
+    return guid;
+}
+
+std::string partitionIn(dds_qos_t const* qos) {
+    std::string partition;
+    std::uint32_t count = 0;
+    char** names = nullptr;
+    if (!dds_qget_partition(qos, &count, &names))
+        return partition;
+    if (count == 1)
+        partition = names[0];
+    for (std::uint32_t i = 0; i < count; ++i)
+        dds_free(names[i]);
+    dds_free(names);
+    return partition;
+}
+
+/** Nothing once the engine has lost sight of it. */
+std::optional<Publisher> publisherOf(dds_entity_t reader, dds_instance_handle_t writer) {
+    std::unique_ptr<dds_builtintopic_endpoint_t, decltype(&dds_builtintopic_free_endpoint)> const
+        endpoint(dds_get_matched_publication_data(reader, writer), dds_builtintopic_free_endpoint);
+    if (endpoint == nullptr)
+        return std::nullopt;
+    return Publisher{guidOf(endpoint->participant_key), partitionIn(endpoint->qos)};
+}
+
+/** What a participant says of itself. */
+std::string propertyOf(dds_qos_t const* qos, char const* name) {
+    char* value = nullptr;
+    if (!dds_qget_prop(qos, name, &value))
+        return "?";
+    std::string const text = value;
+    dds_free(value);
+    return text;
+}
+
+std::string nameOf(dds_qos_t const* qos) {
+    return propertyOf(qos, "__ProcessName") + "[" + propertyOf(qos, "__Pid") + "] of host " +
+           propertyOf(qos, "__Hostname") + ", " + propertyOf(qos, "__NetworkAddresses");
+}
+
 class EngineWriter final : public BusWriter {
 public:
     EngineWriter(Entity topic, Entity writer, std::uint64_t epoch)
@@ -176,6 +231,7 @@ public:
     /** Readers first, so that nothing is told any more. */
     ~EngineBus() override {
         retire();
+        sightings_ = Entity();
         inbox_ = Entity();
         units_ = Entity();
     }
@@ -184,6 +240,9 @@ public:
     char const* open(BusOptions const& options, dds_return_t& error);
     bool announce() override;
     void retire() override;
+    int tellStrangers() override {
+        return participants_.tellStrangers(OSWrap::Clock::nowNanoseconds());
+    }
     std::unique_ptr<BusWriter> writerTo(UnitInfo const& unit) override;
 
 private:
@@ -196,6 +255,13 @@ private:
                     dds_on_data_available_fn hook);
     static void onUnits(dds_entity_t reader, void* self);
     static void onPieces(dds_entity_t reader, void* self);
+    static void onParticipants(dds_entity_t reader, void* self);
+    void unitTaken(ReflectOrbLink_Unit const& unit, dds_sample_info_t const& info,
+                   dds_entity_t reader);
+    bool mayAnnounce(ReflectOrbLink_Unit const& unit, dds_entity_t reader,
+                     dds_instance_handle_t writer);
+    bool isOfAnnouncer(std::uint64_t epoch, dds_entity_t reader, dds_instance_handle_t writer);
+    bool watchStrangers();
 
     UnitInfo const own_;
     BusListener& listener_;
@@ -207,11 +273,14 @@ private:
     Entity announcement_;
     Entity units_;
     Entity inbox_;
+    Entity sightings_;  // only where links authenticate each other
     bool announced_ = false;
+    Participants participants_;
 };
 
 char const* EngineBus::open(BusOptions const& options, dds_return_t& error) {
-    Qos const unit = unitQos(), inbox = inboxQos();
+    Qos const unit = unitQos(kAllPartitions), inbox = inboxQos(kAllPartitions);
+    Qos const ownUnit = unitQos(partitionOf(own_.slot));
     char const* failed = nullptr;
     if (!made(domain_, dds_create_domain(options.domain, configuration(options).c_str())))
         failed = "domain";
@@ -226,8 +295,10 @@ char const* EngineBus::open(BusOptions const& options, dds_return_t& error) {
              !makeReader(units_, unitTopic_, unit, onUnits))
         failed = "reader";
     else if (!made(announcement_,
-                   dds_create_writer(participant_.get(), unitTopic_.get(), unit.get(), nullptr)))
+                   dds_create_writer(participant_.get(), unitTopic_.get(), ownUnit.get(), nullptr)))
         failed = "writer";
+    else if (options.security.wanted() && !watchStrangers())
+        failed = "reader of participants";
     error = error_;
     return failed;
 }
@@ -243,33 +314,98 @@ bool EngineBus::makeReader(Entity& reader, Entity const& topic, Qos const& qos,
 }
 
 void EngineBus::onUnits(dds_entity_t reader, void* self) {
-    BusListener& listener = static_cast<EngineBus*>(self)->listener_;
     for (;;) {
         Taken<ReflectOrbLink_Unit> const taken(reader);
         if (taken.count() == 0)
             return;
-        for (std::size_t i = 0; i < taken.count(); ++i) {
-            ReflectOrbLink_Unit const& unit = taken[i];
-            if (taken.info(i).instance_state != DDS_ALIVE_INSTANCE_STATE)
-                listener.unitLost(unit.epoch);
-            else if (taken.info(i).valid_data && unit.version == kVersion)
-                listener.unitSeen({unit.epoch, unit.slot, unit.machine});
-        }
+        for (std::size_t i = 0; i < taken.count(); ++i)
+            static_cast<EngineBus*>(self)->unitTaken(taken[i], taken.info(i), reader);
     }
 }
 
+/** By the reader that is told of, since units_ may not be known yet. */
+void EngineBus::unitTaken(ReflectOrbLink_Unit const& unit, dds_sample_info_t const& info,
+                          dds_entity_t reader) {
+    if (info.instance_state != DDS_ALIVE_INSTANCE_STATE) {
+        if (!isOfAnnouncer(unit.epoch, reader, info.publication_handle))
+            return;
+        participants_.lost(unit.epoch);
+        listener_.unitLost(unit.epoch);
+    } else if (info.valid_data && unit.version == kVersion &&
+               mayAnnounce(unit, reader, info.publication_handle)) {
+        listener_.unitSeen({unit.epoch, unit.slot, printable(unit.machine)});
+    }
+}
+
+bool EngineBus::mayAnnounce(ReflectOrbLink_Unit const& unit, dds_entity_t reader,
+                            dds_instance_handle_t writer) {
+    std::optional<Publisher> const publisher = publisherOf(reader, writer);
+    if (!publisher)
+        return false;
+    if (publisher->partition == partitionOf(unit.slot) &&
+        participants_.announced(unit.epoch, writer, publisher->participant))
+        return true;
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "a link that may be %s announces itself as slot %u, machine %s: it is "
+                           "passed over",
+                           publisher->partition.c_str(), unsigned{unit.slot},
+                           printable(unit.machine).c_str());
+    return false;
+}
+
+/** The engine is asked once for each writer. */
+bool EngineBus::isOfAnnouncer(std::uint64_t epoch, dds_entity_t reader,
+                              dds_instance_handle_t writer) {
+    if (std::optional<bool> const known = participants_.isKnown(epoch, writer))
+        return *known;
+    std::optional<Publisher> const publisher = publisherOf(reader, writer);
+    return publisher && participants_.isOf(epoch, writer, publisher->participant);
+}
+
 void EngineBus::onPieces(dds_entity_t reader, void* self) {
-    BusListener& listener = static_cast<EngineBus*>(self)->listener_;
+    EngineBus& bus = *static_cast<EngineBus*>(self);
     for (;;) {
         Taken<ReflectOrbLink_Piece> const taken(reader);
         if (taken.count() == 0)
             return;
         for (std::size_t i = 0; i < taken.count(); ++i) {
             ReflectOrbLink_Piece const& piece = taken[i];
-            if (!taken.info(i).valid_data || piece.records._length > kMostPieceBytes)
+            dds_sample_info_t const& info = taken.info(i);
+            if (!info.valid_data || piece.records._length > kMostPieceBytes ||
+                !bus.isOfAnnouncer(piece.epoch, reader, info.publication_handle))
                 continue;
             PieceHead const head{piece.from_token, piece.to_token, piece.number, piece.taken};
-            listener.pieceArrived(piece.epoch, head, piece.records._buffer, piece.records._length);
+            bus.listener_.pieceArrived(piece.epoch, head, piece.records._buffer,
+                                       piece.records._length);
+        }
+    }
+}
+
+bool EngineBus::watchStrangers() {
+    dds_listener_t* const listener = dds_create_listener(this);
+    dds_lset_data_available(listener, onParticipants);
+    bool const done =
+        made(sightings_, dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT,
+                                           nullptr, listener));
+    dds_delete_listener(listener);
+    return done;
+}
+
+void EngineBus::onParticipants(dds_entity_t reader, void* self) {
+    EngineBus& bus = *static_cast<EngineBus*>(self);
+    dds_guid_t own{};
+    dds_get_guid(bus.participant_.get(), &own);
+    for (;;) {
+        Taken<dds_builtintopic_participant_t> const taken(reader);
+        if (taken.count() == 0)
+            return bus.listener_.strangerSeen();
+        for (std::size_t i = 0; i < taken.count(); ++i) {
+            Participants::Guid const guid = guidOf(taken[i].key);
+            if (taken.info(i).instance_state != DDS_ALIVE_INSTANCE_STATE)
+                bus.participants_.gone(guid);
+            else if (guid != guidOf(own))
+                bus.participants_.seen(guid, nameOf(taken[i].qos), OSWrap::Clock::nowNanoseconds());
         }
     }
 }
@@ -296,7 +432,8 @@ std::unique_ptr<BusWriter> EngineBus::writerTo(UnitInfo const& unit) {
     Entity topic, writer;
     if (made(topic, dds_create_topic(participant_.get(), &ReflectOrbLink_Piece_desc,
                                      inboxTopic(unit).c_str(), nullptr, nullptr)) &&
-        made(writer, dds_create_writer(participant_.get(), topic.get(), inboxQos().get(), nullptr)))
+        made(writer, dds_create_writer(participant_.get(), topic.get(),
+                                       inboxQos(partitionOf(own_.slot)).get(), nullptr)))
         return std::make_unique<EngineWriter>(std::move(topic), std::move(writer), own_.epoch);
     REFLECTORB_LOG(3, kSource, "no way to the link of slot %u: %s", unsigned{unit.slot},
                    dds_strretcode(error_));
@@ -305,18 +442,22 @@ std::unique_ptr<BusWriter> EngineBus::writerTo(UnitInfo const& unit) {
 
 }  // namespace
 
-std::unique_ptr<Bus> Bus::open(BusOptions const& options, UnitInfo const& own,
-                               BusListener& listener) {
+Bus::Opened Bus::open(BusOptions const& options, UnitInfo const& own, BusListener& listener) {
     dds_set_log_sink(logOfEngine, nullptr);
     auto bus = std::make_unique<EngineBus>(own, listener);
     dds_return_t error = 0;
     char const* const failed = bus->open(options, error);
     if (failed == nullptr)
-        return bus;
+        return {std::move(bus)};
     static Logging::LineLimit limit(1);
-    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "no %s on %s: %s", failed, options.interface.c_str(),
-                           dds_strretcode(error));
-    return nullptr;
+    bool const refused = error == DDS_RETCODE_NOT_ALLOWED_BY_SECURITY;
+    if (refused)
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource, "%s does not let this machine be slot %u: no %s",
+                               options.security.folder.c_str(), unsigned{own.slot}, failed);
+    else
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource, "no %s on %s: %s", failed,
+                               options.interface.c_str(), dds_strretcode(error));
+    return {nullptr, refused};
 }
 
 }  // namespace Link

@@ -13,6 +13,8 @@ void Directory::start() {
 
 void Directory::stop() {
     Transport::Rendezvous::instance().detach(*this);
+    OSWrap::Lock<> lock(mutex_);
+    members_.clear();
 }
 
 std::set<TerminationId> Directory::members() const {

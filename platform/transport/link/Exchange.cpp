@@ -128,12 +128,20 @@ void Exchange::leave() {
         peer->stop();
 }
 
+void Exchange::beginAnew(std::uint64_t epoch) {
+    takeEvents();
+    units_.clear();
+    own_.epoch = epoch;
+}
+
 std::deque<Exchange::Event> Exchange::takeEvents() {
     OSWrap::Lock<> lock(mutex_);
     return std::exchange(events_, {});
 }
 
 Exchange::Verdict Exchange::control() {
+    if (std::exchange(hasUnmet_, false))
+        meetAll();
     for (Event const& event : takeEvents()) {
         if (!event.seen) {
             forget(event.unit.epoch);
@@ -212,16 +220,20 @@ void Exchange::meet(UnitInfo const& unit) {
 
 void Exchange::makePeer(UnitInfo const& unit) {
     auto writer = bus_->writerTo(unit);
-    if (writer == nullptr)
+    if (writer == nullptr) {
+        hasUnmet_ = true;
         return;
+    }
     Session::Setup setup;
     setup.ownSlot = own_.slot;
     setup.peerSlot = unit.slot;
     setup.groups = groups_;
     setup.newToken = randomToken;
     auto peer = std::make_shared<Peer>(unit, std::move(setup), directory_, std::move(writer));
-    if (!peer->start())
+    if (!peer->start()) {
+        hasUnmet_ = true;
         return;
+    }
     {
         OSWrap::Lock<> lock(mutex_);
         peers_[unit.epoch] = peer;
@@ -245,6 +257,31 @@ void Exchange::part(std::uint64_t epoch) {
 void Exchange::logFigures() {
     for (auto const& [epoch, peer] : peers())
         peer->logFigures();
+}
+
+std::vector<PeerStatus> Exchange::status() const {
+    Peers const known = peers();
+    std::vector<PeerStatus> all;
+    for (UnitInfo const& unit : units_) {
+        PeerStatus one;
+        if (auto const found = known.find(unit.epoch); found != known.end())
+            one = found->second->status();
+        else if (hasSuccessor(unit))
+            continue;
+        else
+            one.state = bus_ == nullptr ? "away" : "passed over";
+        one.slot = unit.slot;
+        one.machine = unit.machine;
+        all.push_back(std::move(one));
+    }
+    return all;
+}
+
+long long Exchange::oldestDebt() const {
+    long long most = 0;
+    for (auto const& [epoch, peer] : peers())
+        most = std::max(most, peer->oldestDebt());
+    return most;
 }
 
 }  // namespace Link

@@ -11,6 +11,7 @@
 #include "platform/transport/link/Bus.h"
 #include "platform/transport/link/Directory.h"
 #include "platform/transport/link/Peer.h"
+#include "platform/transport/link/Status.h"
 
 namespace Link {
 
@@ -36,6 +37,8 @@ public:
     // ---- Control thread ----
     /** Takes in what has happened. Peers are made once `join` has been called. */
     Verdict control();
+    /** Whether it is to be called in a while, to try again what has failed. */
+    bool hasUnmet() const { return hasUnmet_; }
     /** A machine in sight that has our slot; empty: none. */
     std::string rival() const;
     /** From now on peers are made on this bus, and this machine is shown to them. */
@@ -44,11 +47,20 @@ public:
     void tellSettled();
     /** Ends all peers. Idempotent; the bus may end then. */
     void leave();
+    /** Once the bus has ended: nobody is in sight, and there may be another bus. On that one this
+     * link has another epoch: who has missed the end of the former one would take it for an
+     * impostor. */
+    void beginAnew(std::uint64_t epoch);
     void logFigures();
+    /** Of all other machines in sight. */
+    std::vector<PeerStatus> status() const;
+    /** See Peer::oldestDebt. */
+    long long oldestDebt() const;
 
     // ---- BusListener, DirectoryListener ----
     void unitSeen(UnitInfo const& unit) override;
     void unitLost(std::uint64_t epoch) override;
+    void strangerSeen() override { wake_(); }
     void pieceArrived(std::uint64_t epoch, PieceHead const& head, unsigned char const* records,
                       std::size_t size) override;
     void memberArrived(TerminationId id, std::string const& names) override;
@@ -73,7 +85,7 @@ private:
     bool hasSuccessor(UnitInfo const& unit) const;
     bool yields() const;
 
-    UnitInfo const own_;
+    UnitInfo own_;  // its epoch changes on the control thread, while there is no bus
     std::bitset<256> const groups_;
     void (*const wake_)();
     Directory directory_;
@@ -81,6 +93,7 @@ private:
     // Control thread only.
     Bus* bus_ = nullptr;
     std::vector<UnitInfo> units_;  // in sight, in the order of coming; our own not among them
+    bool hasUnmet_ = false;        // of whom no peer could be made, for want of memory for example
 
     mutable OSWrap::Mutex mutex_;  // a leaf
     std::deque<Event> events_ OSW_GUARDED_BY(mutex_);

@@ -1,84 +1,94 @@
 // reflectorb-link: lets the terminations of this machine and those of others reach each other.
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
-#include <CLI/CLI.hpp>
-#include <csignal>
-#include <cstdio>
-#include <fstream>
+#include <algorithm>
 #include <optional>
 
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
+#include "platform/transport/Identity.h"
+#include "platform/transport/link/ControlLoop.h"
 #include "platform/transport/link/Exchange.h"
+#include "platform/transport/link/LinkOptions.h"
+#include "platform/transport/link/Status.h"
+#include "platform/transport/link/UsualInterface.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
+#include "reflect/TreflectProcessObject.h"
 #include "transport/IdInfo.h"
 
 namespace {
 
 constexpr char const* kSource = "LinkProgram";
 
-enum ExitCode { kDone = 0, kUsage = 2, kSlotTaken = 3, kSecondLink = 4 };
+using Link::ControlLoop;
+using Waited = ControlLoop::Waited;
+using Link::kDone;
+using Link::kSecondLink;
+using Link::kSlotTaken;
+using Link::kUsage;
 
 constexpr int kRetryMilliseconds = 1000;
 /** Who begins looks so long who is there, and waits so long for one of its slot who may be gone. */
 constexpr int kLookMilliseconds = 700;
 constexpr int kRivalMilliseconds = 3000;
 
-struct Options {
-    Link::BusOptions bus;
-    std::vector<int> groups = {3};
-    std::string machine;
-    bool open = false;
-};
-
-/** Written by any thread that has something for the control thread. */
-int wakeDescriptor = -1;
+/** Woken by any thread that has something for the control thread. */
+ControlLoop const* controlLoop = nullptr;
 
 void wake() {
-    eventfd_write(wakeDescriptor, 1);
+    controlLoop->wake();
 }
 
-std::string machineId() {
-    std::ifstream file("/etc/machine-id");
-    std::string id;
-    file >> id;
-    return id;
-}
-
-bool isLoopback(std::string const& interface) {
-    return interface == "lo" || interface.rfind("127.", 0) == 0;
+/** The lesser of two times, of which a negative one is none. */
+int sooner(int one, int other) {
+    return one < 0 || other < 0 ? std::max(one, other) : std::min(one, other);
 }
 
 /** The program's life on its main thread, which is the control thread. */
-class Program {
+class Program final : public Link::ControlListener {
 public:
-    explicit Program(Options options) : options_(std::move(options)) {
-        own_.epoch = Link::randomToken();
-        own_.slot = Transport::IdInfo::instance().getSlot();
-        own_.machine = options_.machine;
-    }
+    Program(Link::LinkOptions options, Transport::IdentitySnapshot const& identity);
     int run();
 
-private:
-    enum class Waited { TimePassed, Ended };
+    // ---- ControlListener ----
+    void logFigures() override { exchange_.logFigures(); }
+    std::string status() override;
+    Link::Health health() override;
 
+private:
     std::bitset<256> groups() const;
     bool openBus();
+    char const* tryBus();
     std::optional<int> awaitSlot();
-    int stay();
-    Waited wait(int milliseconds);
-    bool takeSignals();
+    std::optional<int> stay();
+    std::optional<int> linked();
+    void tellState(std::string const& state);
+    void tellStopping();
 
-    Options const options_;
-    Link::UnitInfo own_;
-    int signals_ = -1;
-    std::unique_ptr<Link::Exchange> exchange_;
+    Link::LinkOptions const options_;
+    std::string const folder_;
+    Link::UnitInfo own_;  // another epoch on each bus
+    long long const began_ = OSWrap::Clock::nowNanoseconds();
+    std::string state_ = "begins";
+    bool isStopping_ = false;  // and the service manager knows
+    std::string interface_;    // that the bus uses, or waits for; empty: none is known
+    Link::Validity validity_;
+    ControlLoop loop_{*this};
+    Link::Exchange exchange_;
     std::unique_ptr<Link::Bus> bus_;  // tells the exchange
 };
+
+Link::UnitInfo ownUnit(Link::LinkOptions const& options,
+                       Transport::IdentitySnapshot const& identity) {
+    return {0, identity.slot, options.machine};
+}
+
+Program::Program(Link::LinkOptions options, Transport::IdentitySnapshot const& identity)
+    : options_(std::move(options)),
+      folder_(identity.directory),
+      own_(ownUnit(options_, identity)),
+      exchange_(own_, groups(), wake) {
+    controlLoop = &loop_;
+}
 
 std::bitset<256> Program::groups() const {
     std::bitset<256> all;
@@ -87,15 +97,7 @@ std::bitset<256> Program::groups() const {
     return all;
 }
 
-/** Signals are for the control thread alone; every thread that is made inherits that. */
 int Program::run() {
-    sigset_t mask;
-    sigemptyset(&mask);
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
-        sigaddset(&mask, signal);
-    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
-    signals_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
-    wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     Transport::Switchboard::instance();
     switch (Transport::Rendezvous::instance().becomeLink()) {
         case Transport::Rendezvous::Linking::Done:
@@ -105,139 +107,139 @@ int Program::run() {
         case Transport::Rendezvous::Linking::Failed:
             return kUsage;
     }
-    exchange_ = std::make_unique<Link::Exchange>(own_, groups(), wake);
-    if (!openBus())
-        return kDone;
-    std::optional<int> const over = awaitSlot();
-    return over ? *over : stay();
+    loop_.openTo(folder_);
+    TreflectProcessObject const shown;  // to tools: the link uses the broker as any program does
+    loop_.tellReady();
+    std::optional<int> over;
+    while (!over) {
+        over = openBus() ? awaitSlot() : kDone;
+        if (!over)
+            over = stay();
+        bus_.reset();
+    }
+    tellStopping();
+    return *over;
+}
+
+void Program::tellStopping() {
+    if (!std::exchange(isStopping_, true))
+        loop_.service().tell("STOPPING=1");
+}
+
+void Program::tellState(std::string const& state) {
+    if (std::exchange(state_, state) != state)
+        loop_.service().tell("STATUS=" + state);
 }
 
 /** False when the program is to end before there is a bus. */
 bool Program::openBus() {
-    for (;;) {
-        bus_ = Link::Bus::open(options_.bus, own_, *exchange_);
-        if (bus_ != nullptr)
-            return true;
-        if (wait(kRetryMilliseconds) == Waited::Ended)
+    while (char const* const lack = tryBus()) {
+        tellState(std::string("waits for its ") + lack);
+        if (loop_.waitFor(kRetryMilliseconds) == Waited::Ended)
             return false;
     }
+    return true;
+}
+
+/** What it lacks; null when there is a bus. */
+char const* Program::tryBus() {
+    Link::BusOptions options = options_.bus;
+    if (options.interface.empty())
+        options.interface = Link::usualInterface();
+    interface_ = options.interface;
+    if (!validity_.renew(options.security))
+        return "certificate";
+    if (interface_.empty())
+        return "interface";
+    own_.epoch = Link::randomToken();
+    exchange_.beginAnew(own_.epoch);
+    Link::Bus::Opened opened = Link::Bus::open(options, own_, exchange_);
+    bus_ = std::move(opened.bus);
+    if (bus_ != nullptr)
+        return nullptr;
+    return opened.refused ? "certificate" : "interface";
 }
 
 /** Nothing when the slot is ours; otherwise what the program is to end with. */
 std::optional<int> Program::awaitSlot() {
-    if (wait(kLookMilliseconds) == Waited::Ended)
+    tellState("looks who has its slot");
+    if (loop_.waitFor(kLookMilliseconds) == Waited::Ended)
         return kDone;
-    exchange_->control();
-    for (int i = 0; i < kRivalMilliseconds / 100 && !exchange_->rival().empty(); ++i) {
-        if (wait(100) == Waited::Ended)
+    exchange_.control();
+    for (int i = 0; i < kRivalMilliseconds / 100 && !exchange_.rival().empty(); ++i) {
+        if (loop_.waitFor(100) == Waited::Ended)
             return kDone;
-        exchange_->control();
+        exchange_.control();
     }
-    if (exchange_->rival().empty())
+    if (exchange_.rival().empty())
         return std::nullopt;
     REFLECTORB_LOG(3, kSource, "machine %s has slot %u: this one, %s, needs another",
-                   exchange_->rival().c_str(), unsigned{own_.slot}, own_.machine.c_str());
+                   exchange_.rival().c_str(), unsigned{own_.slot}, own_.machine.c_str());
     return kSlotTaken;
 }
 
-int Program::stay() {
-    exchange_->join(*bus_);
-    bus_->announce();
+/** What the program is to end with; nothing when it is to begin anew. */
+std::optional<int> Program::stay() {
+    exchange_.join(*bus_);
+    if (!bus_->announce()) {
+        REFLECTORB_LOG(3, kSource, "cannot tell the others of this machine: tries again");
+        exchange_.leave();
+        bool const ends = loop_.waitFor(kRetryMilliseconds) == Waited::Ended;
+        return ends ? std::optional<int>(kDone) : std::nullopt;
+    }
     REFLECTORB_LOG(5, kSource, "slot %u, machine %s, is linked over %s", unsigned{own_.slot},
-                   own_.machine.c_str(), options_.bus.interface.c_str());
-    auto verdict = Link::Exchange::Verdict::GoOn;
-    while (verdict == Link::Exchange::Verdict::GoOn && wait(-1) != Waited::Ended)
-        verdict = exchange_->control();
-    exchange_->tellSettled();
+                   own_.machine.c_str(), interface_.c_str());
+    tellState("runs");
+    std::optional<int> const over = linked();
+    if (over)
+        tellStopping();
+    tellState(over ? "ends" : "begins anew");
+    exchange_.tellSettled();
     bus_->retire();
-    exchange_->leave();
-    bus_.reset();
-    return verdict == Link::Exchange::Verdict::Yield ? kSlotTaken : kDone;
+    exchange_.leave();
+    return over;
 }
 
-/** For a time, or, when that is negative, until something has happened. */
-Program::Waited Program::wait(int milliseconds) {
-    long long const until =
-        OSWrap::Clock::nowNanoseconds() + static_cast<long long>(milliseconds) * 1'000'000;
-    for (;;) {
-        long long const left = (until - OSWrap::Clock::nowNanoseconds()) / 1'000'000;
-        if (milliseconds >= 0 && left <= 0)
-            return Waited::TimePassed;
-        pollfd both[] = {{signals_, POLLIN, 0}, {wakeDescriptor, POLLIN, 0}};
-        poll(both, 2, milliseconds < 0 ? -1 : static_cast<int>(left));
-        if ((both[0].revents & POLLIN) != 0 && takeSignals())
-            return Waited::Ended;
-        if (milliseconds < 0 && (both[1].revents & POLLIN) != 0) {
-            eventfd_t count = 0;
-            eventfd_read(wakeDescriptor, &count);
-            return Waited::TimePassed;
-        }
-        if (milliseconds >= 0 && (both[1].revents & POLLIN) != 0) {
-            timespec const pause{0, 10'000'000};
-            nanosleep(&pause, nullptr);  // what has happened waits
-        }
+/** As long as this machine is to be linked; likewise. */
+std::optional<int> Program::linked() {
+    while (!validity_.isOver()) {
+        int const strangers = bus_->tellStrangers(), validity = validity_.askAgainIn();
+        int const unmet = exchange_.hasUnmet() ? kRetryMilliseconds : -1;
+        if (loop_.waitForWork(sooner(unmet, sooner(strangers, validity))) == Waited::Ended)
+            return kDone;
+        if (exchange_.control() == Link::Exchange::Verdict::Yield)
+            return kSlotTaken;
     }
+    return std::nullopt;
 }
 
-/** True when one of them ends the program. */
-bool Program::takeSignals() {
-    signalfd_siginfo info{};
-    while (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        if (info.ssi_signo != SIGUSR1)
-            return true;
-        exchange_->logFigures();
+std::string Program::status() {
+    double const seconds = static_cast<double>(OSWrap::Clock::nowNanoseconds() - began_) / 1e9;
+    return Link::documentOf(
+        {own_.slot, own_.machine, state_, interface_, seconds, exchange_.status()});
+}
+
+Link::Health Program::health() {
+    Link::Health health;
+    health.oldestDebt = exchange_.oldestDebt();
+    health.state = state_;
+    for (Link::PeerStatus const& peer : exchange_.status()) {
+        ++health.inSight;
+        health.linked += peer.linked() ? 1 : 0;
     }
-    return false;
-}
-
-void describe(CLI::App& app, Options& options) {
-    app.add_option("--interface", options.bus.interface, "network interface, by name or address")
-        ->required();
-    app.add_option("--peers", options.bus.peers,
-                   "addresses of the other machines, where the network has no multicast")
-        ->delimiter(',');
-    app.add_option("--domain", options.bus.domain, "the links of one number see each other")
-        ->check(CLI::Range(0, 230))
-        ->capture_default_str();
-    app.add_option("--groups", options.groups, "groups whose terminations all machines see")
-        ->delimiter(',')
-        ->check(CLI::Range(1, 255))
-        ->capture_default_str();
-    app.add_option("--machine", options.machine,
-                   "name of this machine, another for each; default: /etc/machine-id");
-    app.add_option("--fragment", options.bus.fragment, "bytes of a datagram")
-        ->check(CLI::Range(512, 65000))
-        ->capture_default_str();
-    app.add_flag("--open", options.open,
-                 "let everybody on the network join, read and send: there is no authentication");
+    return health;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    CLI::App app(
-        "Links this machine's rendezvous folder (TRANSPORT_DIR) and slot (TRANSPORT_SLOT) "
-        "with those of other machines.",
-        "reflectorb-link");
-    describe(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (CLI::ParseError const& error) {
-        return app.exit(error) == 0 ? kDone : kUsage;
-    }
-    if (options.machine.empty())
-        options.machine = machineId();
-    if (options.machine.empty()) {
-        std::fprintf(stderr, "reflectorb-link: no /etc/machine-id: give --machine NAME\n");
+    Link::LinkOptions options;
+    if (std::optional<int> const over = Link::readOptions(argc, argv, options))
+        return *over;
+    Transport::Setup::failOnSilence(true);  // nobody's silence is to end a link
+    auto const identity = Transport::Identity::instance().snapshot();
+    if (!identity)
         return kUsage;
-    }
-    if (!options.open && !isLoopback(options.bus.interface)) {
-        std::fprintf(stderr,
-                     "reflectorb-link: whoever reaches %s could join, read and send everything, "
-                     "since links do not authenticate each other: say --open if that is meant\n",
-                     options.bus.interface.c_str());
-        return kUsage;
-    }
-    return Program(std::move(options)).run();
+    return options.status ? Link::showStatus(*options.status, identity->directory)
+                          : Program(std::move(options), *identity).run();
 }

@@ -23,6 +23,8 @@ constexpr long long kGrace = 50'000'000;
 constexpr long long kLinger = 500'000'000;
 constexpr long long kWriterBusy = 2'000'000;
 constexpr std::size_t kStack = 128 * 1024;
+/** One of them can go on taking in while another one writes. */
+constexpr std::size_t kReceivingThreads = 2;
 
 long long now() {
     return OSWrap::Clock::nowNanoseconds();
@@ -72,6 +74,7 @@ Peer::Peer(UnitInfo unit, Session::Setup setup, Directory const& directory,
       directory_(directory),
       writer_(std::move(writer)),
       session_(std::move(setup)),
+      receiving_(kReceivingThreads),
       sender_(*this, &Peer::sending, "LnSend", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
               kStack),
       shower_(*this, &Peer::showing, "LnShow", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
@@ -174,6 +177,38 @@ void Peer::logFigures() {
                    figures.bytesIn, unsettled, figures.givenBack, figures.opened);
 }
 
+PeerStatus Peer::status() {
+    Locked lock(state_);
+    PeerStatus status;
+    constexpr char const* kStates[] = {"away", "greeting", "linked"};
+    status.state = kStates[static_cast<int>(session_.state())];
+    if (status.linked())
+        status.seconds = static_cast<double>(now() - session_.openedAt()) / 1e9;
+    status.terminations = session_.theirCount();
+    status.figures = session_.figures();
+    status.queuedBytes = session_.queuedBytes();
+    status.unsettledBytes = session_.unsettledBytes();
+    return status;
+}
+
+long long Peer::oldestDebt() {
+    long long const time = now();
+    long long since = time;
+    {
+        Locked lock(state_);
+        since = std::min({since, writingSince_, performingSince_, senderOwesSince_});
+        if (!senderWorks_)
+            senderOwesSince_ = std::min(senderOwesSince_, time);
+        state_.broadcast();
+    }
+    Locked lock(work_);
+    since = std::min(since, showerOwesSince_);
+    if (!showerWorks_)
+        showerOwesSince_ = std::min(showerOwesSince_, time);
+    work_.broadcast();
+    return time - since;
+}
+
 // ---- At the proxies ----------------------------------------------------------------------------
 
 /** A sender that the peer does not know is made known to it, unless it has gone: a message of one
@@ -271,6 +306,7 @@ void Peer::write() {
     if (!writing_) {
         writing_ = true;
         while (session_.nextPiece(piece_, now())) {
+            writingSince_ = now();
             state_.unlock();
             bool const done = writer_->write(piece_);
             state_.lock();
@@ -281,6 +317,7 @@ void Peer::write() {
             }
         }
         writing_ = false;
+        writingSince_ = Session::kNever;
     }
     state_.unlock();
     if (failed)
@@ -317,14 +354,17 @@ void Peer::sending() {
     state_.lock();
     while (!stopping_) {
         long long const time = now();
+        senderOwesSince_ = Session::kNever;
         withdrawDue(time);
         bool const due = std::exchange(writeWanted_, false) || session_.dueAt() <= time;
         session_.timePassed(time);
         if (due && !writing_) {
+            senderWorks_ = true;
             state_.unlock();
             write();
             carryOut(By::Anyone);
             state_.lock();
+            senderWorks_ = false;
             continue;
         }
         sleepsUntil_ = due ? time + kWriterBusy : wakeAt();
@@ -345,8 +385,13 @@ void Peer::showing() {
         bool ends = false;
         {
             Locked lock(work_);
-            while (!workWaits_ && !workEnds_)
+            showerWorks_ = false;
+            while (!workWaits_ && !workEnds_) {
+                showerOwesSince_ = Session::kNever;
                 work_.wait(OSWrap::TimeSpec::INFINITETIME);
+            }
+            showerOwesSince_ = Session::kNever;
+            showerWorks_ = true;
             ends = workEnds_;
             workWaits_ = false;
         }
@@ -365,6 +410,7 @@ void Peer::carryOut(By by) {
     if (!performing_) {
         performing_ = true;
         while (takeNext(by, next)) {
+            performingSince_ = now();
             state_.unlock();
             perform(next);
             next.clear();
@@ -372,6 +418,7 @@ void Peer::carryOut(By by) {
             gatherActions();
         }
         performing_ = false;
+        performingSince_ = Session::kNever;
         if (showerWaits_)
             state_.broadcast();
     }
@@ -495,7 +542,7 @@ void Peer::show(std::vector<Action> const& actions) {
     }
     auto sockets = Rendezvous::instance().publish(ids);
     for (std::size_t i = 0; i < taken.size(); ++i)
-        if (taken[i]->listen(std::move(sockets[i])))
+        if (taken[i]->listen(std::move(sockets[i]), receiving_))
             proxies_[ids[i]] = std::move(taken[i]);
 }
 
@@ -515,6 +562,8 @@ void Peer::drop(std::vector<Action> const& actions) {
     for (auto const& proxy : leaving)
         proxy->letOut(until);
     Rendezvous::instance().withdraw(ids);
+    for (auto const& proxy : leaving)
+        proxy->beginToLeave();
     leaving.clear();
     forgetPlaces(ids);
 }

@@ -14,6 +14,7 @@
 #include "platform/transport/link/Directory.h"
 #include "platform/transport/link/Proxy.h"
 #include "platform/transport/link/Session.h"
+#include "platform/transport/link/Status.h"
 
 namespace Link {
 
@@ -24,7 +25,7 @@ namespace Link {
  * | thread | does |
  * |---|---|
  * | the engine's | takes pieces in, and issues what they bring |
- * | receiving thread of a proxy | hands over what local terminations send, and writes pieces |
+ * | those that receive for the proxies | hand over what local terminations send, and write pieces |
  * | `LnSend` | writes what has to be written at a time, or when another thread may not |
  * | `LnShow` | shows proxies and takes them away, which may wait |
  *
@@ -60,6 +61,11 @@ public:
     void terminationLeft(TerminationId id);
     /** A line in the log. */
     void logFigures();
+    /** All but who it is. */
+    PeerStatus status();
+    /** For how many nanoseconds a thread has been at one thing: at writing, at what the session
+     * wants, or without an answer to this question, which LnSend and LnShow answer. */
+    long long oldestDebt();
 
     // ---- ProxyListener ----
     void forward(AddressedMessage const& message) override;
@@ -122,15 +128,26 @@ private:
     bool writeWanted_ OSW_GUARDED_BY(state_) = false;  // by LnSend
     bool stopping_ OSW_GUARDED_BY(state_) = false;
     long long sleepsUntil_ OSW_GUARDED_BY(state_) = 0;  // LnSend; 0: does not
+    // Since when a thread is at it; kNever: none is.
+    long long writingSince_ OSW_GUARDED_BY(state_) = Session::kNever;
+    long long performingSince_ OSW_GUARDED_BY(state_) = Session::kNever;
+    // That one owes an answer, unless it is at work: then its work tells.
+    long long senderOwesSince_ OSW_GUARDED_BY(state_) = Session::kNever;
+    bool senderWorks_ OSW_GUARDED_BY(state_) = false;
 
     OSWrap::ConditionVar work_;  // signalled for LnShow; a leaf
     bool workWaits_ OSW_GUARDED_BY(work_) = false;
     bool workEnds_ OSW_GUARDED_BY(work_) = false;
+    long long showerOwesSince_ OSW_GUARDED_BY(work_) = Session::kNever;
+    bool showerWorks_ OSW_GUARDED_BY(work_) = false;
 
     OSWrap::Mutex places_;
     std::unordered_map<Key, std::deque<Placed>> placed_ OSW_GUARDED_BY(places_);
 
     Piece piece_;  // of the thread that has set writing_
+
+    // Shared by the proxies of this peer alone, so that one which is slow holds up no other.
+    Transport::ReceiverPool receiving_;
 
     // Of the thread that has set performing_.
     std::map<TerminationId, std::unique_ptr<Proxy>> proxies_;

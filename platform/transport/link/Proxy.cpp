@@ -25,8 +25,8 @@ bool Proxy::take(std::string const& names, Transport::Visibility visibility) {
     return true;
 }
 
-bool Proxy::listen(Transport::OpenSocket listening) {
-    return listening.valid() && receiver_->start(std::move(listening));
+bool Proxy::listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool) {
+    return listening.valid() && receiver_->start(std::move(listening), pool);
 }
 
 /** Sending is not refused meanwhile: what comes now is sent back, too. */
@@ -34,6 +34,11 @@ void Proxy::letOut(long long until) {
     constexpr long long kLook = 2'000'000;
     while (receiver_->hasUnsent() && OSWrap::Clock::nowNanoseconds() < until)
         receiver_->waitUntilSent(kLook, kLook);
+}
+
+void Proxy::beginToLeave() {
+    receiver_->refuseSending();
+    receiver_->beginToStop();
 }
 
 void Proxy::leave() {

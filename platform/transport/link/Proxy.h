@@ -5,6 +5,7 @@
 
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/ReceiverPool.h"
 #include "platform/transport/local/Visibility.h"
 #include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
@@ -44,11 +45,13 @@ public:
     Transport::TerminationId id() const { return id_; }
     /** Takes the address; false, with a log line, on failure. Then publish it and `listen`. */
     bool take(std::string const& names, Transport::Visibility visibility);
-    /** With what publishing has answered; false, with a log line, on failure. */
-    bool listen(Transport::OpenSocket listening);
+    /** With what publishing has answered, on a thread of the pool; false, with a log line, on
+     * failure. */
+    bool listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool);
     /** Lets out what waits, until then at most, by the clock of `Clock::nowNanoseconds`. */
     void letOut(long long until);
-    /** Out of view already: ends the receiving thread. */
+    /** Out of view already: serves nobody any more. What begins that may be called before. */
+    void beginToLeave();
     void leave();
 
     void received(Transport::AddressedMessage const& message) override {

@@ -111,6 +111,7 @@ bool Session::meet(PieceHead const& head, long long now) {
 
 void Session::open(long long now) {
     state_ = State::Open;
+    openedAt_ = now;
     helloAt_ = kNever;
     tellBy(now);  // the peer is to open, too
     ++figures_.opened;

@@ -159,6 +159,8 @@ public:
     Figures const& figures() const { return figures_; }
     /** Bytes that wait to be settled. */
     std::size_t unsettledBytes() const { return unsettledBytes_; }
+    /** When the session that is open began to be. */
+    long long openedAt() const { return openedAt_; }
     /** Terminations of the peer. */
     std::size_t theirCount() const { return theirs_.size(); }
 
@@ -225,6 +227,7 @@ private:
     std::uint64_t peerToken_ = 0;
     std::uint64_t sent_ = 0;   // number of the last piece with records
     std::uint64_t taken_ = 0;  // likewise, of the peer's
+    long long openedAt_ = 0;
     long long helloAt_ = kNever;
     long long tellAt_ = kNever;    // a confirmation, at the latest
     std::size_t untoldBytes_ = 0;  // taken or settled, and not yet told

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Child.h"
+
+namespace bench {
+
+/**
+ * Machines that are network namespaces of this one, numbered from 1, each with a cable to a bridge
+ * in a namespace of its own. Their addresses are known in there only. Needs root. A resource.
+ */
+class Network {
+public:
+    explicit Network(int machines);
+    ~Network();
+    Network(Network const&) = delete;
+    Network& operator=(Network const&) = delete;
+
+    /** Whether all of it could be made. */
+    bool made() const { return made_; }
+    int machines() const { return machines_; }
+    std::string space(int machine) const;
+    void unplug(int machine) const;
+    void plugIn(int machine) const;
+    /** From now on every machine drops so many percent of the datagrams that reach it. False when
+     * that cannot be had, for want of the program nft. */
+    bool lose(int percent) const;
+
+private:
+    std::string hub() const { return space(0); }
+    bool add(int machine) const;
+    void remove() const;
+
+    int const machines_;
+    bool made_ = false;
+};
+
+/** One of them: its rendezvous folder, its link, and programs that run on it. */
+class Machine {
+public:
+    Machine(Network const& network, int slot);
+    ~Machine();
+    Machine(Machine const&) = delete;
+    Machine& operator=(Machine const&) = delete;
+
+    /** A copy of this program that does `words` there: see `enterMachine`. */
+    std::unique_ptr<Child> run(std::vector<std::string> const& words) const;
+    void startLink();
+    /** Kills it, if there is one. */
+    void endLink() { link_.reset(); }
+    pid_t linkPid() const { return link_ ? link_->pid() : -1; }
+    /** Waits until the link has logged the text so many times; false when it takes too long. */
+    bool awaitLog(std::string const& text, int times = 1) const;
+
+private:
+    std::string log() const { return folder_.path() + ".log"; }
+
+    Network const& network_;
+    int const slot_;
+    TemporaryFolder const folder_;
+    std::unique_ptr<Child> link_;
+};
+
+/** What a copy of this program is to do. The first words are "--in", a namespace, a folder and a
+ * slot, which it makes its own; the others are what it does there, and are returned. Words that
+ * begin with "exec" and a log file never return: they are a program that takes its place. */
+std::vector<std::string> enterMachine(std::vector<std::string> const& words);
+
+}  // namespace bench

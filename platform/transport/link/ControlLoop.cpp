@@ -1,0 +1,136 @@
+#include "platform/transport/link/ControlLoop.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <limits>
+
+#include "logging/LineLimit.h"
+#include "oswrap/Clock.h"
+
+namespace Link {
+namespace {
+
+constexpr char const* kSource = "LinkControl";
+constexpr long long kNever = std::numeric_limits<long long>::max();
+constexpr long long kSecond = 1'000'000'000;
+
+int signalDescriptor() {
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (int const signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+        sigaddset(&mask, signal);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+    return signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+/** -1: without end. Not less than what is left, so that nobody polls in vain. */
+int millisecondsUntil(long long until, long long time) {
+    if (until == kNever)
+        return -1;
+    return static_cast<int>(std::clamp((until - time + 999'999) / 1'000'000, 0LL, 1'000'000LL));
+}
+
+}  // namespace
+
+ControlLoop::ControlLoop(ControlListener& listener)
+    : listener_(listener),
+      signals_(signalDescriptor()),
+      work_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      keepAliveAt_(service_.patience() > 0 ? 0 : kNever),
+      readyAt_(kNever) {}
+
+void ControlLoop::openTo(std::string const& folder) {
+    status_ = std::make_unique<StatusSocket>(folder);
+}
+
+void ControlLoop::tellReady() {
+    long long const time = OSWrap::Clock::nowNanoseconds();
+    readyAt_ = service_.tell("READY=1") ? kNever : time + kSecond;
+}
+
+void ControlLoop::wake() const {
+    eventfd_write(work_.get(), 1);
+}
+
+ControlLoop::Waited ControlLoop::waitFor(int milliseconds) {
+    return wait(OSWrap::Clock::nowNanoseconds() + milliseconds * 1'000'000LL, Work::Waits);
+}
+
+ControlLoop::Waited ControlLoop::waitForWork(int milliseconds) {
+    return wait(
+        milliseconds < 0 ? kNever : OSWrap::Clock::nowNanoseconds() + milliseconds * 1'000'000LL,
+        Work::Wakes);
+}
+
+ControlLoop::Waited ControlLoop::wait(long long until, Work work) {
+    for (;;) {
+        long long const time = OSWrap::Clock::nowNanoseconds();
+        keepAlive(time);
+        if (time >= readyAt_)
+            tellReady();
+        if (time >= until)
+            return Waited::TimePassed;
+        bool const answers = status_ != nullptr && time >= answerAt_;
+        long long const next =
+            std::min({until, keepAliveAt_, readyAt_, time >= answerAt_ ? kNever : answerAt_});
+        pollfd all[] = {{signals_.get(), POLLIN, 0},
+                        {answers ? status_->descriptor() : -1, POLLIN, 0},
+                        {work == Work::Wakes ? work_.get() : -1, POLLIN, 0}};
+        if (poll(all, 3, millisecondsUntil(next, time)) <= 0)
+            continue;
+        if ((all[0].revents & POLLIN) != 0 && takeSignals())
+            return Waited::Ended;
+        if ((all[1].revents & POLLIN) != 0)
+            answer(time);
+        if ((all[2].revents & POLLIN) != 0) {
+            eventfd_t count = 0;
+            eventfd_read(work_.get(), &count);
+            return Waited::Woken;
+        }
+    }
+}
+
+/** True when one of them ends the program. */
+bool ControlLoop::takeSignals() {
+    signalfd_siginfo info{};
+    while (read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo != SIGUSR1)
+            return true;
+        listener_.logFigures();
+    }
+    return false;
+}
+
+void ControlLoop::answer(long long time) {
+    if (status_->answer(listener_.status()))
+        return;
+    static Logging::LineLimit limit(1);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "no descriptor is left for who asks how this link is");
+    answerAt_ = time + kSecond;
+}
+
+void ControlLoop::keepAlive(long long time) {
+    if (time < keepAliveAt_)
+        return;
+    keepAliveAt_ = time + service_.patience() / 3;
+    Health const health = listener_.health();
+    if (health.oldestDebt > service_.patience() / 2) {
+        static Logging::LineLimit limit(1);
+        REFLECTORB_LOG_LIMITED(limit, 2, kSource,
+                               "a thread has been at one thing for %lld ms: the service manager is "
+                               "not told that all is well",
+                               health.oldestDebt / 1'000'000);
+        return;
+    }
+    service_.tell("WATCHDOG=1\nSTATUS=" + health.state + ", linked with " +
+                  std::to_string(health.linked) + " of " + std::to_string(health.inSight) +
+                  " machines in sight");
+}
+
+}  // namespace Link

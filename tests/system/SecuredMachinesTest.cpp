@@ -1,0 +1,153 @@
+// Machines whose links authenticate each other, and those who would be let in as well.
+#include <gmock/gmock.h>
+
+#include "Machines.h"
+
+namespace machines {
+namespace {
+
+/** Machines of a node that lets in whom its authority has given a certificate. */
+class SecuredMachinesTest : public testing::Test {
+protected:
+    void TearDown() override {
+        for (Machine* machine : {&one, &two})
+            if (HasFailure() && machine->link)
+                for (std::string const& line : machine->link->errorLines())
+                    std::printf("%s\n", line.c_str());
+    }
+
+    bool keys(std::string const& command, std::string const& words = "") const {
+        return does(KEYS_PROGRAM " " + command + " " + node + " " + words);
+    }
+    std::string folderOf(std::string const& name) const { return node + "/machines/" + name; }
+    static void secure(Machine& machine, std::string const& folder) {
+        machine.access = "security = " + folder;
+    }
+    /** An engine that permits its own machine everything, and is loaded instead of the real one. */
+    ActorProgram::Environment corrupted(ActorProgram::Environment lies = {}) const {
+        std::string const engine = parent.path() + "/engine", access = engine + "/libdds_security_";
+        EXPECT_TRUE(does("test -e " + engine + " || (mkdir " + engine +
+                         " && cp -L " ENGINE_DIR "/" ENGINE_NAME " " ENGINE_DIR
+                         "/libddsc*/libdds_security_*.so " +
+                         engine + " && mv " + access + "ac.so " + engine +
+                         "/real.so && cp " LYING_ENGINE " " + access + "ac.so)"));
+        if (!lies.empty())
+            lies["LD_PRELOAD"] = access + "ac.so";
+        lies["LD_LIBRARY_PATH"] = engine;
+        lies["LIE_IN_PLACE_OF"] = engine + "/real.so";
+        return lies;
+    }
+    static bool hasLinked(Machine const& machine, std::string const& with = "") {
+        for (std::string const& line : machine.link->errorLines())
+            if (line.find("linked with slot " + with) != std::string::npos)
+                return true;
+        return false;
+    }
+    /** That it is not let in machine two tells with this line. */
+    void expectKeptOut(Machine& machine, int slot, std::string const& line) {
+        SCOPED_TRACE(line);
+        EXPECT_TRUE(two.link->waitForErrorLine(line));
+        EXPECT_FALSE(hasLinked(machine));
+        for (Machine* good : {&one, &two})
+            EXPECT_FALSE(hasLinked(*good, std::to_string(slot) + ","));
+        machine.link.reset();
+    }
+
+    static std::string keptOut(Machine const& machine) {
+        return "reflectorb-link[" + std::to_string(machine.link->pid()) + "] of host ";
+    }
+
+    Network network;
+    testsupport::RendezvousFolder const parent;
+    std::string const node = parent.path() + "/node";
+    Machine one{1}, two{2};
+};
+
+TEST_F(SecuredMachinesTest, who_has_no_good_certificate_for_its_slot_hears_and_says_nothing) {
+    if (!network.made())
+        GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
+    ASSERT_TRUE(keys("authority"));
+    for (char const* machine :
+         {"1 one", "2 two", "3 expired --until '1 hour ago'", "4 revoked", "5 five"})
+        ASSERT_TRUE(keys("machine", machine));
+    Machine expired{3, 1}, revoked{4, 1}, other{6, 1}, stranger{7, 1}, liar{8, 1};
+    // It does not know the list that it is on.
+    ASSERT_TRUE(does("cp -rp " + folderOf("revoked") + " " + parent.path()));
+    secure(revoked, parent.path() + "/revoked");
+    ASSERT_TRUE(keys("revoke", "revoked"));
+    ASSERT_TRUE(keys("renew", "one"));
+    secure(one, folderOf("one"));
+    secure(two, folderOf("two"));
+    one.startLink();
+    two.startLink();
+    one.awaitLinked();
+    two.awaitLinked();
+
+    // Those of whom the engine does not tell why come last.
+    stranger.startLink();
+    secure(liar, folderOf("five"));
+    liar.startLink(corrupted());
+    secure(expired, folderOf("expired"));
+    expired.startLink(corrupted({{"LIE_DAYS", "1"}}));
+    expectKeptOut(expired, 3, "certificate has expired; subject: /O=Reflect ORB/OU=slot 3");
+    revoked.startLink();
+    expectKeptOut(revoked, 4, "certificate revoked; subject: /O=Reflect ORB/OU=slot 4");
+    secure(other, folderOf("five"));
+    other.startLink(corrupted({{"LIE_PUBLISH_IN", "slot5"}}));
+    expectKeptOut(other, 6, "may be slot5 announces itself as slot 6");
+    expectKeptOut(stranger, 7, keptOut(stranger));
+    expectKeptOut(liar, 8, keptOut(liar));
+
+    auto const sender = one.actor("transport_actor"), receiver = two.actor("transport_actor");
+    std::string const receiverId = receiver->ask("join", "id");
+    sender->ask("join", "id");
+    EXPECT_TRUE(sender->does("ping " + receiverId));
+}
+
+TEST_F(SecuredMachinesTest,
+       a_certificate_that_ends_parts_the_link_and_a_renewed_one_brings_it_back) {
+    if (!network.made())
+        GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
+    ASSERT_TRUE(keys("authority") && keys("machine", "1 one") &&
+                keys("machine", "2 two --until '4 seconds'"));
+    secure(one, folderOf("one"));
+    secure(two, folderOf("two"));
+    one.startLink();
+    two.startLink();
+    EXPECT_TRUE(two.link->waitForErrorLine("it is to be renewed"));
+    if (hasLinked(two)) {  // the machine of the test was fast enough for that
+        EXPECT_THAT(two.link->errorLines(), testing::Contains(testing::HasSubstr("/two ends")));
+        one.awaitParted();
+    }
+    ASSERT_TRUE(keys("renew", "two"));
+    two.awaitLinked();
+}
+
+TEST_F(SecuredMachinesTest, keys_are_not_overwritten_and_what_is_wrong_with_them_is_told) {
+    ASSERT_TRUE(keys("authority") && keys("machine", "1 one"));
+    EXPECT_FALSE(keys("authority"));
+    EXPECT_FALSE(keys("machine", "1 another"));
+    EXPECT_FALSE(keys("machine", "2 one"));
+    EXPECT_FALSE(keys("machine", "256 two"));
+    EXPECT_FALSE(keys("machine", "2 ../two"));
+    EXPECT_FALSE(keys("renew", "nobody"));
+    std::string const folder = folderOf("one");
+    EXPECT_TRUE(does("test -z \"$(find " + node + " -perm /077)\" && test -f " + folder +
+                     "/machine.key && test ! -e " + folder + "/authority.key"));
+    auto const refusal = [&](std::string const& fault) {
+        ChildProgram link({LINK_PROGRAM, "--interface", "lo", "--security", folder}, {},
+                          one.environment());
+        return link.waitForErrorLine(fault) && link.exitCode() == 2;
+    };
+    ASSERT_TRUE(does("chmod 644 " + folder + "/machine.key"));
+    EXPECT_TRUE(refusal("machine.key may be read by others"));
+    ASSERT_TRUE(does("chmod 600 " + folder + "/machine.key && rm " + folder + "/revoked.pem"));
+    EXPECT_TRUE(refusal("revoked.pem: No such file"));
+    EXPECT_TRUE(does("cp " + node + "/revoked.pem " + folder));
+    ChildProgram link({LINK_PROGRAM, "--interface", "lo", "--security", folder}, {},
+                      two.environment());
+    EXPECT_TRUE(link.waitForErrorLine("does not let this machine be slot 2"));
+}
+
+}  // namespace
+}  // namespace machines
