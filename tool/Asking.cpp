@@ -77,6 +77,18 @@ bool Asking::startWorker(std::function<void()> const& work) {
     return true;
 }
 
+void Asking::awaitRound(std::unique_lock<std::mutex>& lock, std::size_t const& pending,
+                        bool const& enough) {
+    constexpr std::chrono::seconds kGrace(2);  // behind a deadline, on a busy machine
+    for (;;) {
+        std::size_t const before = pending;
+        changed_.wait_for(lock, patience_ + kGrace,
+                          [&] { return pending != before || pending == 0 || enough; });
+        if (pending == 0 || enough || pending == before)
+            return;
+    }
+}
+
 // A thread that is not joined keeps its stack.
 void Asking::joinThoseOver() {
     workers_.remove_if([](Worker& worker) {

@@ -72,6 +72,10 @@ private:
     /** False when no more threads can be had. */
     bool startWorker(std::function<void()> const& work);
     void joinThoseOver();
+    /** Until nothing is pending, it is enough, or nobody has answered for so long that those who
+     * are left wait for something that no deadline ends. With mutex_. */
+    void awaitRound(std::unique_lock<std::mutex>& lock, std::size_t const& pending,
+                    bool const& enough);
     /** Runs `act` with permission and deadline; whether there was time left at its end. */
     bool within(std::function<void()> const& act) const;
 
@@ -80,7 +84,10 @@ private:
     std::condition_variable changed_;
     std::set<TreflectOrbId> givenUp_;  // guarded by mutex_
     std::size_t working_ = 0;          // threads; guarded by mutex_
-    std::list<Worker> workers_;        // of the main thread
+    /** What late answers bring is nobody's, and stays: it may want to tell those who hang of its
+     * end. Guarded by mutex_. */
+    std::vector<std::shared_ptr<void>> abandoned_;
+    std::list<Worker> workers_;  // of the main thread
 };
 
 template <class T>
@@ -115,6 +122,14 @@ std::vector<Answer<T>> Asking::each(std::vector<TreflectOrbId> const& brokers, Q
         changed_.notify_all();
     });
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return round->pending == 0 || round->enough; });
-    return round->answers;
+    awaitRound(lock, round->pending, round->enough);
+    std::vector<Answer<T>> answers = round->answers;
+    for (std::size_t i = 0; i < answers.size() && !round->enough; ++i) {
+        if (answers[i].state != State::kPending)
+            continue;
+        answers[i].state = State::kTimedOut;
+        givenUp_.insert(brokers[i]);
+        abandoned_.push_back(round);
+    }
+    return answers;
 }

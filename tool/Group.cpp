@@ -13,7 +13,8 @@
 
 namespace {
 
-/** Keeps the errors that the library logs, instead of showing them, for a scope. */
+/** Keeps the first error that the library logs, instead of showing what it logs, for a scope: those
+ * behind it tell what follows from it. */
 class Reasons {
 public:
     Reasons() { Logging::setSink(&Reasons::keep, this); }
@@ -33,7 +34,8 @@ private:
             return;
         auto& self = *static_cast<Reasons*>(context);
         std::lock_guard<std::mutex> const lock(self.mutex_);
-        self.text_ += (self.text_.empty() ? ": " : "; ") + std::string(record.text);
+        if (self.text_.empty())
+            self.text_ = ": " + std::string(record.text);
     }
 
     std::mutex mutex_;
@@ -61,11 +63,13 @@ Group::Group(bool verbose) {
     Transport::Setup::failOnSilence(true);
     TreflectMetaClass::learn(true);
     Reasons reasons;
-    if (!hasJoined()) {
+    bool const isIn = hasJoined();
+    // Behind which the library has more to say at its end.
+    Logging::setThreshold(verbose ? kAll : kQuiet);
+    if (!isIn) {
         changeStopSignal(SIG_UNBLOCK);
         throw Failure(ExitCode::kNoAccess, "cannot join the group" + reasons.text());
     }
-    Logging::setThreshold(verbose ? kAll : kQuiet);
 }
 
 Group::~Group() {

@@ -108,6 +108,27 @@ Shown readAttribute(TreflectAttribute& attribute) {
     return values.getLength() == 0 ? Shown{} : show(types, 0, values[0]);
 }
 
+Shown setAttribute(TreflectAttribute& attribute, Encode const& encode) {
+    TreflectOperation& set = attribute.operSet();
+    if (set.isError())
+        throw Failure(ExitCode::kWrongUse, "the attribute is read-only");
+    Types const types = set.meta()->argumentTypes();
+    Values const values = encode(types);
+    callOperation(set, values);
+    return show(types, 0, values[0]);
+}
+
+std::optional<Shown> callForValue(TreflectOperation& operation, Encode const& encode) {
+    Values const values = encode(operation.meta()->argumentTypes());
+    Types const types = operation.meta()->resultTypes();
+    Values const results = callOperation(operation, values);
+    if (results.getLength() == 0)
+        return std::nullopt;
+    if (results.getLength() == 1)
+        return show(types, 0, results[0]);
+    return Shown{typesText(types), valuesText(types, results), valuesJson(types, results)};
+}
+
 // ---- Many at a time ----------------------------------------------------------------------------
 
 namespace {

@@ -53,6 +53,13 @@ Values callOperation(TreflectOperation& operation, Values const& arguments);
  * attribute itself can be read by those only who know its type. */
 Shown readAttribute(TreflectAttribute& attribute);
 
+/** Makes the arguments of an operation from their types; may throw a Failure. */
+using Encode = std::function<Values(Types const& types)>;
+/** Changes an attribute: the value that it was given. Throws a Failure when that fails. */
+Shown setAttribute(TreflectAttribute& attribute, Encode const& encode);
+/** Calls an operation: its result, a list of several, nothing for none. Throws likewise. */
+std::optional<Shown> callForValue(TreflectOperation& operation, Encode const& encode);
+
 /** What is done with one member of an object, under the run permission; may throw a Failure. */
 using Use =
     std::function<std::optional<Shown>(TreflectObject const& object, std::string const& member)>;

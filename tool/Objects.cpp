@@ -144,6 +144,17 @@ std::vector<Found> Objects::find(std::string const& name) {
     return {{name, name[0] == '/' ? findPath(name) : findIdentifier(name)}};
 }
 
+std::vector<Found> Objects::findOrComplain(std::string const& name, Output& output,
+                                           ExitCode& outcome) {
+    try {
+        return find(name);
+    } catch (Failure const& why) {
+        output.complain(why.what());
+        outcome = outcome == ExitCode::kDone ? why.outcome() : outcome;
+        return {};
+    }
+}
+
 Place Objects::findIdentifier(std::string const& text) {
     TipprmiAny value;
     if (!TreflectParameterType("oid").parse(text, value))

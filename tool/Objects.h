@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Asking.h"
+#include "Failure.h"
 #include "Processes.h"
 
 /** Where an object is: a value that can be kept without the run permission. */
@@ -76,9 +77,17 @@ public:
 
     /** Those that a name or a pattern tells, at least one; else throws a Failure. */
     std::vector<Found> find(std::string const& name);
+    /** The same of one name among several: complains when there is none, which is none then; the
+     * first failure is the outcome. */
+    std::vector<Found> findOrComplain(std::string const& name, Output& output, ExitCode& outcome);
     /** Everything that processes with process object serve, and what is below it elsewhere. Asked
      * once. */
     Forest const& all();
+    /** Has `all` ask again. */
+    void forget() {
+        all_.reset();
+        missing_ = {};
+    }
     /** Of which processes something is missing in `all`. */
     Missing const& missing() const { return missing_; }
     /** An object and what is below it. */

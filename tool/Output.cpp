@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
+#include <system_error>
 
 namespace {
 
@@ -42,19 +43,21 @@ bool isReady(int descriptor, int unless, bool waits) {
     return ready[0].revents != 0 && ready[1].revents == 0;
 }
 
-/** In pieces that a pipe takes as a whole when it takes anything. */
-bool writeAll(int descriptor, int unless, bool waits, std::string& text) {
+/** In pieces that a pipe takes as a whole when it takes anything. Returns 0, or the error for which
+ * the rest is dropped. */
+int writeAll(int descriptor, int unless, bool waits, std::string& text) {
     constexpr std::size_t kPiece = 4096;
     std::size_t done = 0;
-    while (done < text.size() && isReady(descriptor, unless, waits)) {
+    int error = 0;
+    while (error == 0 && done < text.size() && isReady(descriptor, unless, waits)) {
         ssize_t const written =
             ::write(descriptor, text.data() + done, std::min(text.size() - done, kPiece));
         if (written < 0 && errno != EINTR && errno != EAGAIN)
-            done = text.size();
+            error = errno;
         done += written > 0 ? static_cast<std::size_t>(written) : 0;
     }
-    text.erase(0, done);
-    return text.empty();
+    text.erase(0, error != 0 ? text.size() : done);
+    return error;
 }
 
 std::string dumped(Json const& json, int indent) {
@@ -82,6 +85,12 @@ void Output::table(Table const& table) {
         out_ += (isHeading ? coloured(kBold, text) : text) + "\n";
         isHeading = false;
     }
+}
+
+void Output::indented(Table const& table) {
+    constexpr std::size_t kIndent = 2;
+    for (std::string const& text : table.lines(width_ > kIndent ? width_ - kIndent : width_, false))
+        line(std::string(kIndent, ' ') + text);
 }
 
 void Output::line(std::string const& text) {
@@ -121,7 +130,27 @@ void Output::complain(std::string const& text) {
     error_ += (colours_ && isatty(STDERR_FILENO) == 1 ? coloured(kRed, line) : line) + "\n";
 }
 
+bool Output::isBroken() const {
+    // A pipe says so before anything is written.
+    pollfd reader{STDOUT_FILENO, 0, 0};
+    return isBroken_ || (poll(&reader, 1, 0) > 0 && (reader.revents & POLLERR) != 0);
+}
+
+bool Output::hasFailed() {
+    if (failure_.empty())
+        return false;
+    complain("cannot write: " + failure_);
+    flush();
+    return true;
+}
+
 bool Output::write(int unless, bool waits) {
-    return writeAll(STDOUT_FILENO, unless, waits, out_) &&
-           writeAll(STDERR_FILENO, unless, waits, error_);
+    if (int const error = writeAll(STDOUT_FILENO, unless, waits, out_); error != 0) {
+        isBroken_ = true;
+        if (error != EPIPE)
+            failure_ = std::generic_category().message(error);
+    }
+    if (out_.empty())
+        writeAll(STDERR_FILENO, unless, waits, error_);
+    return out_.empty() && error_.empty();
 }

@@ -26,6 +26,8 @@ public:
     // ---- For people; nothing with --json ----
 
     void table(Table const& table);
+    /** Below a heading, without one of its own. */
+    void indented(Table const& table);
     /** A line, cut to the terminal's width unless all is wanted. */
     void line(std::string const& text);
     /** The same as a heading. */
@@ -50,6 +52,12 @@ public:
     bool flush(int unless = -1) { return write(unless, true); }
     /** Writes as much of it as is taken at once. */
     void flushWithoutWaiting() { write(-1, false); }
+    /** Whether nobody will ever read what is written: the pipe's other end is closed, or writing
+     * has failed for another reason. */
+    bool isBroken() const;
+    /** Whether standard output could not be written, which is complained of then. Not for a pipe
+     * that was closed: its reader has got what he wanted. */
+    bool hasFailed();
 
 private:
     bool write(int unless, bool waits);
@@ -61,4 +69,6 @@ private:
     std::size_t const width_;  // 0: any
     std::string out_;
     std::string error_;
+    std::string failure_;
+    bool isBroken_ = false;
 };

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <set>
+#include <sstream>
 
 #include "Failure.h"
 #include "Wildcard.h"
@@ -17,13 +19,49 @@ char const kHowToEnable[] =
 
 namespace {
 
-/** What the system says of a process: 'T' for one that is stopped. */
-char stateOf(int pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+double secondsSinceStart() {
+    double seconds = 0;
+    std::ifstream("/proc/uptime") >> seconds;
+    return seconds;
+}
+
+/** Takes in what the system says of a process; see proc(5). */
+void askSystem(Process& process) {
+    std::ifstream file("/proc/" + std::to_string(process.pid) + "/stat");
     std::string text;
     std::getline(file, text);
     std::size_t const end = text.rfind(')');  // behind the program's name
-    return end == std::string::npos || end + 2 >= text.size() ? '?' : text[end + 2];
+    if (end == std::string::npos)
+        return;
+    std::istringstream fields(text.substr(end + 1));
+    char state = '?';
+    constexpr int kAheadOfThreads = 16;
+    constexpr int kAheadOfStart = 1;
+    constexpr int kAheadOfMemory = 1;
+    std::string other;
+    double startTicks = 0;
+    std::int64_t pages = 0;
+    fields >> state;
+    for (int i = 0; i < kAheadOfThreads; ++i)
+        fields >> other;
+    fields >> process.threads;
+    for (int i = 0; i < kAheadOfStart; ++i)
+        fields >> other;
+    fields >> startTicks;
+    for (int i = 0; i < kAheadOfMemory; ++i)
+        fields >> other;
+    fields >> pages;
+    process.isStopped = state == 'T' || state == 't';
+    process.memory = pages * sysconf(_SC_PAGESIZE);
+    process.uptime = secondsSinceStart() - startTicks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+void tellNamesakesApart(Processes& processes) {
+    std::map<std::string, int> count;
+    for (Process const& process : processes)
+        ++count[process.name()];
+    for (Process& process : processes)
+        process.hasNamesake = process.pid == 0 && count[process.name()] > 1;
 }
 
 std::string namesOf(Processes const& processes) {
@@ -40,20 +78,37 @@ Json jsonOf(Processes const& processes) {
     return all;
 }
 
+/** Those that have terminations of this slot. One that has others as well is the link of this
+ * machine, and the others are those of processes on other machines. */
+std::set<int> processesOfThisSlot() {
+    Transport::TransportLayer const& layer = Transport::TransportLayer::instance();
+    unsigned char const slot = Transport::IdInfo::instance().getSlot();
+    std::set<int> all;
+    for (Transport::TerminationId const id : layer.getTerminations()) {
+        if (id.slotId() == slot)
+            all.insert(layer.ownerOf(id).process);
+    }
+    return all;
+}
+
 }  // namespace
 
 Processes presentProcesses(Asking& asking) {
     TreflectORB const& orb = *TreflectORB::getInstance(NSID_UNIT);
     Transport::TransportLayer const& layer = Transport::TransportLayer::instance();
-    std::map<int, Process> found;
+    std::set<int> const ofThisSlot = processesOfThisSlot();
+    unsigned char const slot = Transport::IdInfo::instance().getSlot();
+    // By process, and, where they are of another machine, by termination.
+    std::map<std::pair<int, unsigned int>, Process> found;
     for (Transport::TerminationId const id : layer.getTerminations()) {
         NamespaceId const ns = orb.getNamespaceFromGroup(id.groupId());
         bool const isOfOtherUnit = ns == NSID_UNIT && id.groupId() != orb.termId().groupId();
         Transport::Owner const owner = layer.ownerOf(id);
         if (ns == NSID_UNDEF || isOfOtherUnit || owner.process == 0 || owner.process == getpid())
             continue;
-        Process& process = found[owner.process];
-        process.pid = owner.process;
+        bool const elsewhere = id.slotId() != slot && ofThisSlot.count(owner.process) > 0;
+        Process& process = found[{owner.process, elsewhere ? id.value() : 0}];
+        process.pid = elsewhere ? 0 : owner.process;
         process.actor = owner.actor;
         process.slot = id.slotId();
         auto const place = ns == NSID_UNIT ? process.brokers.begin() : process.brokers.end();
@@ -61,7 +116,8 @@ Processes presentProcesses(Asking& asking) {
     }
     Processes processes;
     for (auto& entry : found) {
-        entry.second.isStopped = stateOf(entry.first) == 'T' || stateOf(entry.first) == 't';
+        if (entry.second.pid != 0)
+            askSystem(entry.second);
         for (TreflectOrbId const broker : entry.second.brokers) {
             if (entry.second.isStopped)
                 asking.giveUp(broker);
@@ -70,10 +126,18 @@ Processes presentProcesses(Asking& asking) {
     }
     std::stable_sort(processes.begin(), processes.end(),
                      [](Process const& a, Process const& b) { return a.actor < b.actor; });
+    tellNamesakesApart(processes);
     return processes;
 }
 
-Processes select(Processes const& processes, std::string const& pattern) {
+std::string Process::name() const {
+    if (pid != 0)
+        return fmt::format("{}.{}", actor, pid);
+    return hasNamesake ? fmt::format("{}@{}#{:x}", actor, slot, broker().value())
+                       : fmt::format("{}@{}", actor, slot);
+}
+
+Processes matching(Processes const& processes, std::string const& pattern) {
     if (pattern.empty())
         return processes;
     std::string const name = pattern.rfind("process/", 0) == 0 ? pattern.substr(8) : pattern;
@@ -84,7 +148,12 @@ Processes select(Processes const& processes, std::string const& pattern) {
             wildcard.matches(std::to_string(process.pid)))
             selected.push_back(process);
     }
-    if (selected.empty())
+    return selected;
+}
+
+Processes select(Processes const& processes, std::string const& pattern) {
+    Processes selected = matching(processes, pattern);
+    if (selected.empty() && !pattern.empty())
         throw Failure(ExitCode::kNotThere, "there is no process \"" + pattern + "\"");
     return selected;
 }

@@ -12,22 +12,30 @@
 
 /** A process of the group, as the group and the system know it. A value. */
 struct Process {
-    int pid = 0;
+    int pid = 0;  // 0: of another machine, where only its process object tells it
     std::string actor;
     unsigned int slot = 0;
     std::vector<TreflectOrbId> brokers;  // that of the unit first
     bool isStopped = false;              // by a signal or a debugger
+    bool hasNamesake = false;            // on its machine, which is another one
+    // What the system tells; 0 for nothing.
+    double uptime = 0;  // seconds
+    unsigned int threads = 0;
+    std::int64_t memory = 0;  // bytes that are resident
 
-    /** "house.4711" */
-    std::string name() const { return actor + "." + std::to_string(pid); }
+    /** "house.4711"; of another machine "house@2", by its slot, and "house@2#2010005", by its
+     * broker too, where there are several. */
+    std::string name() const;
     TreflectOrbId broker() const { return brokers.front(); }
 };
 using Processes = std::vector<Process>;
 
 /** All but this one, by their actors and ids. Those that are stopped are given up in `asking`. */
 Processes presentProcesses(Asking& asking);
-/** Those whose actor, process id or name a pattern tells (see Wildcard); throws a Failure when
- * there are none. All for an empty pattern. */
+/** Those whose actor, process id or name a pattern tells (see Wildcard). All for an empty pattern.
+ */
+Processes matching(Processes const& processes, std::string const& pattern);
+/** The same; throws a Failure when there are none, unless the pattern is empty. */
 Processes select(Processes const& processes, std::string const& pattern);
 /** The one that has a broker; null for none. */
 Process const* ownerOf(Processes const& processes, unsigned int broker);

@@ -93,14 +93,17 @@ private:
     }
     void one(recording::End const& end) {
         Types const types = known_.resultTypes(end.object, end.operation);
-        std::string const results = texts(types, end.results);
+        std::string const fate = fateOf(types, end.results.size());
         write(end.time,
               fmt::format("end  {}/{}{}", name(end.object), end.operation,
-                          results.empty() ? "" : " -> " + results),
+                          !end.results.empty() ? " -> " + texts(types, end.results)
+                          : types.empty()      ? ""
+                                               : " " + fate),
               "end",
               {{"object", name(end.object)},
                {"member", end.operation},
-               {"results", jsons(types, end.results)}});
+               {"results", jsons(types, end.results)},
+               {"fate", fate}});
     }
     void one(recording::Value const& value) {
         Shown const shown =
@@ -192,7 +195,7 @@ ExitCode showRecording(std::string const& path, Settings const& settings, Output
     std::ifstream file = opened(path);
     Reader reader(file);
     Teller teller(output);
-    while (reader.ending() == Reader::Ending::kNone) {
+    while (reader.ending() == Reader::Ending::kNone && !output.isBroken()) {
         {
             Group const group(settings.verbose);
             std::optional<recording::Record> record;

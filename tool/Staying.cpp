@@ -58,7 +58,7 @@ public:
             tell(events);
             if (!output_.flush(signals.descriptor()))
                 continue;
-            if ((limited_ && left_ == 0) || !session.goOn())
+            if ((limited_ && left_ == 0) || output_.isBroken() || !session.goOn())
                 return 0;
             pollfd ready[] = {{events.descriptor(), POLLIN, 0}, {signals.descriptor(), POLLIN, 0}};
             poll(ready, 2, kNowAndThen);
@@ -112,6 +112,8 @@ ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int coun
             output.flush(signals.descriptor());
         else
             output.flushWithoutWaiting();
+        if (output.hasFailed())
+            std::_Exit(static_cast<int>(ExitCode::kNoAccess));
         if (signal == SIGTSTP) {
             raise(SIGSTOP);
             output.note("-- going on; what has happened meanwhile is not known --");

@@ -74,6 +74,7 @@ std::string Table::line(std::vector<std::string> const& cells,
     return text;
 }
 
+// Where not even the narrowest columns find room, the last ones are cut off.
 std::vector<std::string> Table::lines(std::size_t width, bool headings) const {
     std::vector<std::size_t> const wide = widths(width, headings);
     std::vector<std::string> all;
@@ -81,9 +82,9 @@ std::vector<std::string> Table::lines(std::size_t width, bool headings) const {
         std::vector<std::string> names;
         for (Column const& column : columns_)
             names.push_back(column.heading);
-        all.push_back(line(names, wide));
+        all.push_back(cut(line(names, wide), width));
     }
     for (std::vector<std::string> const& row : rows_)
-        all.push_back(line(row, wide));
+        all.push_back(cut(line(row, wide), width));
     return all;
 }

@@ -1,8 +1,10 @@
 #include "Values.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 
 #include "Failure.h"
 
@@ -157,6 +159,52 @@ private:
     std::size_t at_ = 0;
 };
 
+std::string quoted(std::string const& text) {
+    std::string quoted = "\"";
+    for (char const letter : text) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        auto const code = static_cast<unsigned char>(letter);
+        if (code < 0x20)
+            (quoted += "\\x") += {kDigits[code >> 4], kDigits[code & 15]};
+        else
+            (quoted += letter == '"' || letter == '\\' ? "\\" : "") += letter;
+    }
+    return quoted + '"';
+}
+
+/** A word may be a text or the name of a value: bare it is both. */
+std::string word(std::string const& text) {
+    bool const isBare =
+        !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char letter) {
+            return std::isalnum(letter) != 0 ||
+                   std::string_view("_.+-@/").find(static_cast<char>(letter)) !=
+                       std::string_view::npos;
+        });
+    return isBare ? text : quoted(text);
+}
+
+/** As TreflectParameterType understands it. */
+std::string textOfJson(Json const& value) {
+    if (value.is_string())
+        return word(value.get<std::string>());
+    if (!value.is_structured())
+        return value.dump();
+    std::string text;
+    for (auto const& entry : value.items())
+        text += separator(text.size()) + (value.is_object() ? word(entry.key()) + ": " : "") +
+                textOfJson(entry.value());
+    return value.is_object() ? "{" + text + "}" : "[" + text + "]";
+}
+
+/** By itself a text is what it is, and anything else may be written as a text. */
+std::string textOfArgument(TreflectParameterType const& type, Json const& value) {
+    if (!value.is_string())
+        return textOfJson(value);
+    std::string const name = textOf(type);
+    return name == "string" || name == "char" ? quoted(value.get<std::string>())
+                                              : value.get<std::string>();
+}
+
 }  // namespace
 
 std::string typesText(Types const& types) {
@@ -194,6 +242,13 @@ Values parseValues(Types const& types, std::vector<std::string> const& texts) {
     return values;
 }
 
+Values parseJson(Types const& types, Json const& arguments) {
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+        texts.push_back(i < types.size() ? textOfArgument(types[i], arguments[i]) : "");
+    return parseValues(types, texts);
+}
+
 Shown show(Types const& types, unsigned int index, TipprmiAny const& value) {
     if (index < types.size()) {
         TipprmiResult<std::string> const text = types[index].print(value);
@@ -216,6 +271,12 @@ Json valuesJson(Types const& types, Values const& values) {
     for (unsigned int i = 0; i < values.getLength(); ++i)
         all.push_back(show(types, i, values[i]).json);
     return all;
+}
+
+char const* fateOf(Types const& resultTypes, std::size_t results) {
+    if (resultTypes.empty())
+        return "ended";
+    return results > 0 ? "done" : "refused";
 }
 
 Json jsonOfText(std::string const& text) {

@@ -28,11 +28,17 @@ Json typesJson(Types const& types);
 /** Encodes one argument for each type; throws a Failure when that cannot be. Under the run
  * permission. */
 Values parseValues(Types const& types, std::vector<std::string> const& texts);
+/** The same for JSON, a list of one for each: what `valuesJson` makes of values, or their texts. */
+Values parseJson(Types const& types, Json const& arguments);
 /** One value by its type; what is of no known type is shown as its bytes. */
 Shown show(Types const& types, unsigned int index, TipprmiAny const& value);
 /** "50, true" */
 std::string valuesText(Types const& types, Values const& values);
 Json valuesJson(Types const& types, Values const& values);
+
+/** What has come of a call that has ended: "done", "refused", or, of an operation without results,
+ * "ended", as notices do not tell more. */
+char const* fateOf(Types const& resultTypes, std::size_t results);
 
 /** The JSON of a value's text as TreflectParameterType prints it: numbers, truth, lists and values
  * with names as such, all else as strings. */

@@ -16,15 +16,6 @@ std::string operationOf(Call const& call) {
     return fmt::format("0x{:X}", call.methodCode);
 }
 
-/** The names of the objects that are called, if they are known. */
-std::string objectOf(Tool& tool, Call const& call) {
-    if (call.object == 0)
-        return "";
-    Forest const& forest = tool.objects().all();
-    std::string const name = forest.nameOf({call.target, call.object});
-    return name.empty() ? fmt::format("rmi_{:X}_{:X}", call.target, call.object) : name;
-}
-
 /** Which processes lead to which, over any number of others. */
 using Reach = std::map<std::string, std::set<std::string>>;
 
@@ -58,6 +49,18 @@ Json WaitingCall::json() const {
             {"milliseconds", milliseconds}};
 }
 
+WaitingCall waitingCall(std::string const& from, Call const& call, std::string const& to,
+                        std::string const& object) {
+    std::string const number = fmt::format("rmi_{:X}_{:X}", call.target, call.object);
+    return {from,
+            call.thread,
+            to,
+            call.what,
+            !object.empty() || call.object == 0 ? object : number,
+            operationOf(call),
+            call.milliseconds};
+}
+
 std::vector<WaitingCall> waitingCalls(Tool& tool, Processes const& processes, Missing& missing) {
     auto const answers = askProcessObjects<Calls>(
         tool.asking(), processes,
@@ -65,10 +68,12 @@ std::vector<WaitingCall> waitingCalls(Tool& tool, Processes const& processes, Mi
     std::vector<WaitingCall> all;
     for (std::size_t i = 0; i < processes.size(); ++i) {
         missing.note(processes[i], answers[i]);
-        for (Call const& call : answers[i].value)
-            all.push_back({processes[i].name(), call.thread,
-                           nameOfOwner(tool.processes(), call.target), call.what,
-                           objectOf(tool, call), operationOf(call), call.milliseconds});
+        for (Call const& call : answers[i].value) {
+            std::string const object =
+                call.object == 0 ? "" : tool.objects().all().nameOf({call.target, call.object});
+            all.push_back(waitingCall(processes[i].name(), call,
+                                      nameOfOwner(tool.processes(), call.target), object));
+        }
     }
     return all;
 }

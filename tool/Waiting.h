@@ -21,6 +21,9 @@ struct WaitingCall {
     Json json() const;
 };
 
+/** What a process tells of such a call. `object`: its name; empty when that is not known. */
+WaitingCall waitingCall(std::string const& from, processobject::Call const& call,
+                        std::string const& to, std::string const& object);
 /** All of them, over all processes that tell. */
 std::vector<WaitingCall> waitingCalls(Tool& tool, Processes const& processes, Missing& missing);
 

@@ -6,8 +6,16 @@
 #include "Command.h"
 #include "CommandLine.h"
 #include "Group.h"
+#include "Members.h"
 
 namespace {
+
+/** Says why a command has failed as a whole: programs read that in place of its document. */
+ExitCode told(Failure const& why, Output& output) {
+    output.complain(why.what());
+    output.event({{"error", errorJson(why.outcome(), why.what())}});
+    return why.outcome();
+}
 
 /** What is collected in the group is written when it has been left: whoever reads slowly, or stops
  * the program by Ctrl-Z then, holds up nobody. */
@@ -20,8 +28,7 @@ ExitCode perform(Command& command, Settings const& settings, Output& output, boo
     try {
         outcome = command.run(*tool);
     } catch (Failure const& why) {
-        output.complain(why.what());
-        outcome = why.outcome();
+        outcome = told(why, output);
     }
     // Threads that still wait for somebody who hangs use it.
     isBusy = tool->asking().isBusy();
@@ -34,6 +41,7 @@ ExitCode perform(Command& command, Settings const& settings, Output& output, boo
 
 int main(int argc, char** argv) {
     std::signal(SIGTTOU, SIG_IGN);  // writing in the background must not stop it
+    std::signal(SIGPIPE, SIG_IGN);  // whoever stops reading has it leave the group
     Settings settings;
     Commands const commands = makeCommands();
     Command& command = readCommandLine(argc, argv, commands, settings);
@@ -43,10 +51,11 @@ int main(int argc, char** argv) {
     try {
         outcome = perform(command, settings, output, isBusy);
     } catch (Failure const& why) {
-        output.complain(why.what());
-        outcome = why.outcome();
+        outcome = told(why, output);
     }
     output.flush();
+    if (output.hasFailed())
+        outcome = ExitCode::kNoAccess;
     if (isBusy || command.stays())
         std::_Exit(static_cast<int>(outcome));
     return static_cast<int>(outcome);

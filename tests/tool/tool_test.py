@@ -30,6 +30,11 @@ class Process:
             stderr=subprocess.PIPE, env={**os.environ, **environment})
         self.said = b""
 
+    def stop(self):
+        """Stops it; all of its threads stand when this returns."""
+        self.child.send_signal(signal.SIGSTOP)
+        os.waitpid(self.child.pid, os.WUNTRACED)
+
     def wait_for(self, pattern, more=0):
         """What stands in the first line with the pattern, which is taken with those before."""
         end = time.monotonic() + PATIENCE
@@ -65,7 +70,8 @@ def serve(program, **environment):
     return process
 
 
-class ToolTest(unittest.TestCase):
+class HouseTest(unittest.TestCase):
+    """A house is served in a rendezvous folder of its own."""
     maxDiff = None
 
     def setUp(self):
@@ -96,6 +102,8 @@ class ToolTest(unittest.TestCase):
                 self.assertRegex(ended.stdout, r"(?s)\A" + out + r"\Z")
                 self.assertRegex(ended.stderr, r"(?s)\A" + error + r"\Z")
 
+
+class ToolTest(HouseTest):
     def test_one_look_at_everything_and_its_exit_codes(self):
         self.start(HELLO)
         pid = self.house.child.pid
@@ -107,7 +115,7 @@ class ToolTest(unittest.TestCase):
             (["tree", "/house/hall"], 0, r"/house/hall +Lamp .*\n", ""),
             (["tree", "hello.greeter"], 0, r"hello.greeter +of an unknown class +hello.*\n", ""),
             (["show", "/house/hall"], 0,
-             r"/house/hall\n.*class +Lamp\n.*attribute +Level +unsigned +.* = 10\n.*"
+             r"/house/hall\n.*class +Lamp\n.*attribute +Level +unsigned += 10 +In percent\.\n.*"
              r"operation +blink\(unsigned times, string why\) -> bool\n.*", ""),
             (["show", "hello.greeter"], 3, "",
              r"reflectorb: hello.greeter: its class is unknown here: .*PROCESS_OBJECT=1.*\n"),
@@ -147,9 +155,12 @@ class ToolTest(unittest.TestCase):
             (["watch"], 2, "", ".*"), (["watch", "/house/hall/None"], 3, "", ".*"),
         ])
         for folder in ("/proc/nowhere", "relative"):
-            ended = run("list", TRANSPORT_DIR=folder)
-            self.assertEqual((ended.returncode, ended.stdout), (6, ""))
-            self.assertRegex(ended.stderr, "reflectorb: cannot join the group: .*" + folder)
+            ended = run("list", "--json", TRANSPORT_DIR=folder)
+            self.assertEqual((ended.returncode, json.loads(ended.stdout)["error"]["code"]), (6, 6))
+            self.assertRegex(ended.stderr,
+                             r"\Areflectorb: cannot join the group: [^\n;]*%s[^\n;]*\n\Z" % folder)
+        with open("/dev/full", "w") as full:
+            self.assertEqual(subprocess.run([TOOL, "list"], stdout=full, stderr=full).returncode, 6)
 
     def test_json_is_one_document_with_the_same(self):
         def read(*arguments):
@@ -161,7 +172,8 @@ class ToolTest(unittest.TestCase):
             (one["name"], one["class"], one["identifier"]) for one in objects["objects"]])
         self.assertEqual(read("tree", "/house")["trees"][0]["children"][0]["name"], "hall")
         shown = read("show", "/house/hall")["objects"][0]
-        self.assertIn({"name": "Level", "type": "unsigned", "writable": True, "value": 10},
+        self.assertIn({"name": "Level", "type": "unsigned", "writable": True, "value": 10,
+                       "doc": "In percent."},
                       shown["attributes"])
         self.assertIn("blink", [one["name"] for one in shown["operations"]])
         values = read("get", "/house/hall/*", "/house/hall/None")["values"]
@@ -188,15 +200,12 @@ class ToolTest(unittest.TestCase):
                          "true\n")
 
     def test_who_hangs_costs_his_own_lines(self):
-        def stop():
-            self.house.child.send_signal(signal.SIGSTOP)
-
         def hang():  # it has the run permission while it writes what nobody reads
             while run("call", "/house/hall/blink", "1", "x" * 60000, "--timeout", "1").returncode == 0:
                 pass
 
         pid = self.house.child.pid
-        for way, patience, state in ((hang, "1", "does not answer"), (stop, "20", "stopped")):
+        for way, patience, state in ((hang, "1", "does not answer"), (self.house.stop, "20", "stopped")):
             way()
             other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
             self.check([
@@ -214,7 +223,7 @@ class ToolTest(unittest.TestCase):
     def test_who_waits_for_whom(self):
         # Who is observed waits for the observer, which is stopped in a way that it cannot hear of.
         watch = self.stay("watch", "/house/removeLamp")
-        watch.child.send_signal(signal.SIGSTOP)
+        watch.stop()
         caller = Process(TOOL, "call", "/house/removeLamp", "x", "--timeout", "50",
                          REFLECTORB_PROCESS_OBJECT="1")
         self.addCleanup(caller.end, signal.SIGKILL)
@@ -294,7 +303,7 @@ class ToolTest(unittest.TestCase):
             {"event": "value", "object": "/house/hall", "member": "Level", "type": "unsigned",
              "value": 20},
             {"event": "call", **where, "arguments": [1, "why"]},
-            {"event": "end", **where, "results": [True]}])
+            {"event": "end", **where, "results": [True], "fate": "done"}])
 
         veto = self.stay("veto", "/house/hall/Level")
         self.check([(["set", "/house/hall/Level", "5"], 4, "", ".*an observer forbids it\n")])
@@ -319,6 +328,22 @@ class ToolTest(unittest.TestCase):
         for _ in range(4):
             self.assertEqual(run("call", "/house/removeLamp", long).returncode, 0)
         self.assertEqual(watch.end(), 0)
+        # Whoever has read enough ends it, before there is more to write.
+        enough = self.stay("watch", "/house/hall/Steps")
+        enough.child.stdout.close()
+        self.assertEqual(enough.child.wait(PATIENCE), 0)
+
+    def test_the_logs_of_processes_that_come_later_are_followed(self):
+        follow = Process(TOOL, "log", "oth*", "--follow", "--json")
+        self.addCleanup(follow.end, signal.SIGKILL)
+        for _ in range(2):
+            other = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+            self.addCleanup(other.end, signal.SIGKILL)
+            other.child.stdin.write(b"publish probe\nlog 1\n")
+            other.child.stdin.flush()
+            follow.wait_for('"process":"other.%d".*"record 1"' % other.child.pid)
+            other.end(signal.SIGKILL)
+        self.assertEqual(follow.end(), 0)
 
     def test_objects_and_processes_come_and_go_once(self):
         follow = Process(TOOL, "follow", "--json")
@@ -361,6 +386,8 @@ class ToolTest(unittest.TestCase):
         self.assertLessEqual(max(map(len, shown.splitlines()[1:])), 60)
         self.assertIn(lamp, on_terminal("list", "--all", "--class", "Lamp", "--full"))
         self.assertNotIn("\x1b", on_terminal("list", NO_COLOR="1"))
+        narrow = on_terminal("processes", COLUMNS="20", NO_COLOR="1").splitlines()
+        self.assertEqual([len(line) for line in narrow], [20, 20])
 
     def record(self, name, *words):
         return self.stay("record", os.path.join(self.folder, name), *words)
@@ -389,14 +416,14 @@ class ToolTest(unittest.TestCase):
             {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 10},
             {"event": "value", **hall, "member": "Steps", "type": "sequence<unsigned>", "value": []},
             {**call, "member": "setSteps", "arguments": [[10, 30]]},
-            {**end, "member": "setSteps", "results": []},
+            {**end, "member": "setSteps", "results": [], "fate": "ended"},
             {**call, "member": "setLevel", "arguments": [101]},
-            {**end, "member": "setLevel", "results": []},
+            {**end, "member": "setLevel", "results": [], "fate": "ended"},
             {**call, "member": "nextStep", "arguments": []},
             {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 30},
-            {**end, "member": "nextStep", "results": [30]},
+            {**end, "member": "nextStep", "results": [30], "fate": "done"},
             {**call, "member": "blink", "arguments": [2, "for fun"]},
-            {**end, "member": "blink", "results": [True]}])
+            {**end, "member": "blink", "results": [True], "fate": "done"}])
         self.assertEqual(lines[-1], {"event": "ended"})
 
         run("set", "/house/hall/Level", "10")
@@ -435,7 +462,8 @@ class ToolTest(unittest.TestCase):
         with open(path + "3", "wb") as file:
             file.write(content[:-60] + b"?" + content[-59:])
         damaged, ended = self.shown("a3")
-        self.assertEqual((ended.returncode, damaged), (2, lines[:len(damaged)]))
+        self.assertEqual((ended.returncode, damaged.pop()["error"]["code"]), (2, 2))
+        self.assertEqual(damaged, lines[:len(damaged)])
         self.assertGreater(len(damaged), 10)
 
     def test_a_recording_that_is_killed_or_full_is_readable(self):

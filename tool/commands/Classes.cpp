@@ -148,8 +148,7 @@ private:
                        firstLineOf(attribute.doc)});
         for (auto const& operation : described.operations)
             table.add({"operation", signatureOf(operation), firstLineOf(operation.doc)});
-        for (std::string const& line : table.lines(output.width(), false))
-            output.line("  " + line);
+        output.indented(table);
     }
 
     std::string class_;

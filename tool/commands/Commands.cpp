@@ -10,5 +10,8 @@ Commands makeCommands() {
 #ifdef REFLECTORB_HAS_NCURSES
     commands.push_back(makeTop());
 #endif
+#ifdef REFLECTORB_HAS_WEB
+    commands.push_back(makeWeb());
+#endif
     return commands;
 }

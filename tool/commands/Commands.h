@@ -25,3 +25,5 @@ std::unique_ptr<Command> makeCheck();
 std::unique_ptr<Command> makeComplete();
 /** Only where there is ncurses. */
 std::unique_ptr<Command> makeTop();
+/** Only where there is cpp-httplib. */
+std::unique_ptr<Command> makeWeb();

@@ -3,12 +3,11 @@
 #include <handler_threads.h>
 #include <transport.h>
 
-#include <deque>
+#include <algorithm>
 #include <map>
-#include <set>
-#include <thread>
 
 #include "Commands.h"
+#include "Following.h"
 #include "Staying.h"
 
 namespace {
@@ -20,14 +19,14 @@ public:
     explicit Present(Events& events) : events_(events) {}
 
     void come(Place place, std::string const& className, std::string const& name) {
-        if (objects_.emplace(place, name).second)
+        if (objects_.emplace(place, Object{name, className}).second)
             tell("+", "created", className, name);
     }
     void go(Place place, std::string const& className) {
         auto const found = objects_.find(place);
         if (found == objects_.end())
             return;
-        tell("-", "deleted", className, found->second);
+        tell("-", "deleted", className, found->second.name);
         objects_.erase(found);
     }
     bool has(Place place) const { return objects_.count(place) != 0; }
@@ -35,7 +34,7 @@ public:
     void brokerGone(unsigned int broker) {
         for (auto entry = objects_.begin(); entry != objects_.end();) {
             if (entry->first.broker == broker) {
-                tell("-", "deleted", "", entry->second);
+                tell("-", "deleted", entry->second.className, entry->second.name);
                 entry = objects_.erase(entry);
             } else {
                 ++entry;
@@ -44,6 +43,11 @@ public:
     }
 
 private:
+    struct Object {
+        std::string name;
+        std::string className;
+    };
+
     void tell(char const* sign, char const* event, std::string const& className,
               std::string const& name) {
         events_.add({fmt::format("{} {} {}", sign, name, className),
@@ -51,7 +55,7 @@ private:
     }
 
     Events& events_;
-    std::map<Place, std::string> objects_;  // their names
+    std::map<Place, Object> objects_;
 };
 
 /** The name of an object, asked for from object to object: an object that asks its parent itself
@@ -69,51 +73,6 @@ std::string nameOf(TreflectObject const& object) {
     return name;
 }
 
-/** Hears of the objects of one class that are created, or deleted. */
-class ObjectFollower final : public TreflectObserver {
-public:
-    ObjectFollower(Present& present, std::string className, bool ofCreations)
-        : present_(present), className_(std::move(className)), ofCreations_(ofCreations) {}
-
-    /** Waits for all processes of the group, for those that hang up to a minute. */
-    void begin(TreflectORB& orb, unsigned int classId) {
-        if (ofCreations_)
-            orb.observeCreations(classId, *this, true);
-        else
-            orb.observeDeletions(classId, *this);
-    }
-
-    bool update() override {
-        Place const place = placeOf(*getSource());
-        if (!ofCreations_)
-            present_.go(place, className_);
-        else if (!present_.has(place))
-            present_.come(place, className_, nameOf(*getSource()));
-        return true;
-    }
-
-private:
-    Present& present_;
-    std::string const className_;
-    bool const ofCreations_;
-};
-
-/** Hears of brokers, and leaves them to the main thread. */
-class BrokerFollower final : public TreflectOrbObserverIf {
-public:
-    void notify(Transport::TerminationId const& broker, Appear_t const& what) override {
-        changes_.push_back({broker, what == kAppear});
-    }
-    struct Change {
-        Transport::TerminationId broker;
-        bool isThere;
-    };
-    std::deque<Change> take() { return std::exchange(changes_, {}); }
-
-private:
-    std::deque<Change> changes_;  // guarded by the run permission
-};
-
 class FollowSession final : public Session {
 public:
     FollowSession(Tool& tool, Events& events)
@@ -121,10 +80,11 @@ public:
           events_(events),
           orb_(*TreflectORB::getInstance(NSID_UNIT)),
           present_(*new Present(events)),
+          classes_(*followerOf(orb_, present_)),
           brokers_(*new BrokerFollower) {
         for (Process const& process : tool.processes())
             come(process);
-        followClasses(tool.processes());
+        classes_.followClassesOf(tool.asking(), tool.processes());
         orb_.registerOrbCreation(&brokers_, true);
         orb_.registerOrbDeletion(&brokers_);
     }
@@ -152,12 +112,12 @@ private:
             if (come(process))
                 newcomers.push_back(process);
         }
-        followClasses(newcomers);
+        classes_.followClassesOf(tool_.asking(), newcomers);
     }
     bool come(Process const& process) {
-        bool const isNew = std::none_of(names_.begin(), names_.end(), [&](auto const& known) {
-            return known.second == process.name();
-        });
+        bool const isNew =
+            std::none_of(process.brokers.begin(), process.brokers.end(),
+                         [this](TreflectOrbId broker) { return names_.count(broker) != 0; });
         for (TreflectOrbId const broker : process.brokers)
             names_.emplace(broker, process.name());
         if (isNew)
@@ -185,32 +145,25 @@ private:
             {fmt::format("{} process {}", sign, name), {{"event", event}, {"process", name}}});
     }
 
-    /** Each class on a thread of its own, since a process that hangs holds up the registration. */
-    void followClasses(Processes const& processes) {
-        using Known = std::vector<processobject::KnownClass>;
-        for (Answer<Known> const& answer : askProcessObjects<Known>(
-                 tool_.asking(), processes,
-                 [](TreflectProcessClient const& client) { return valueOf(client.classes()); })) {
-            for (processobject::KnownClass const& known : answer.value) {
-                if (!classes_.insert(known.id).second)
-                    continue;
-                std::thread([&orb = orb_, &present = present_, known] {
-                    TreflectHandlerState const inside(true);
-                    for (bool const ofCreations : {false, true})
-                        (new ObjectFollower(present, known.name, ofCreations))
-                            ->begin(orb, known.id);
-                }).detach();
-            }
-        }
+    static ClassFollower* followerOf(TreflectORB& orb, Present& present) {
+        auto const created = [&present](TreflectObject const& object, std::string const& name) {
+            Place const place = placeOf(object);
+            if (!present.has(place))
+                present.come(place, name, nameOf(object));
+        };
+        auto const deleted = [&present](TreflectObject const& object, std::string const& name) {
+            present.go(placeOf(object), name);
+        };
+        return new ClassFollower(orb, ClassFollower::Present::kTold, created, deleted);
     }
 
     Tool& tool_;
     Events& events_;
     TreflectORB& orb_;
     Present& present_;
+    ClassFollower& classes_;
     BrokerFollower& brokers_;
     std::map<TreflectOrbId, std::string> names_;  // of the processes of brokers
-    std::set<unsigned int> classes_;              // that are followed
 };
 
 class Follow final : public Command {

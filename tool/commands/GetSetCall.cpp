@@ -42,25 +42,17 @@ public:
             throw Failure(ExitCode::kWrongUse, "set needs OBJECT/ATTRIBUTE and VALUE");
         std::string const value = words_.back();
         words_.pop_back();
-        auto const done =
-            useMembers(tool, words_, Kind::kAttributes,
-                       [value](TreflectObject const& object, std::string const& name) {
-                           return store(attributeOf(object, name), value);
-                       });
+        auto const done = useMembers(
+            tool, words_, Kind::kAttributes,
+            [value](TreflectObject const& object, std::string const& name) {
+                return setAttribute(attributeOf(object, name), [value](auto const& types) {
+                    return parseValues(types, {value});
+                });
+            });
         return tellDone(tool, done, true, "values");
     }
 
 private:
-    static std::optional<Shown> store(TreflectAttribute& attribute, std::string const& value) {
-        TreflectOperation& set = attribute.operSet();
-        if (set.isError())
-            throw Failure(ExitCode::kWrongUse, "the attribute is read-only");
-        Types const types = set.meta()->argumentTypes();
-        Values const values = parseValues(types, {value});
-        callOperation(set, values);
-        return show(types, 0, values[0]);
-    }
-
     std::vector<std::string> words_;
 };
 
@@ -74,28 +66,17 @@ public:
     ExitCode run(Tool& tool) override {
         std::vector<std::string> const paths{words_.front()};
         std::vector<std::string> const arguments(words_.begin() + 1, words_.end());
-        auto const done =
-            useMembers(tool, paths, Kind::kOperations,
-                       [arguments](TreflectObject const& object, std::string const& name) {
-                           return call(operationOf(object, name), arguments);
-                       });
+        auto const done = useMembers(
+            tool, paths, Kind::kOperations,
+            [arguments](TreflectObject const& object, std::string const& name) {
+                return callForValue(operationOf(object, name), [arguments](auto const& types) {
+                    return parseValues(types, arguments);
+                });
+            });
         return tellDone(tool, done, !isOne(paths), "calls");
     }
 
 private:
-    /** The value that is shown for several results is a list of them. */
-    static std::optional<Shown> call(TreflectOperation& operation,
-                                     std::vector<std::string> const& arguments) {
-        Values const values = parseValues(operation.meta()->argumentTypes(), arguments);
-        Types const types = operation.meta()->resultTypes();
-        Values const results = callOperation(operation, values);
-        if (results.getLength() == 0)
-            return std::nullopt;
-        if (results.getLength() == 1)
-            return show(types, 0, results[0]);
-        return Shown{typesText(types), valuesText(types, results), valuesJson(types, results)};
-    }
-
     std::vector<std::string> words_;
 };
 

@@ -1,4 +1,6 @@
 // reflectorb log: what processes have logged lately.
+#include <transport.h>
+
 #include <algorithm>
 #include <map>
 
@@ -27,8 +29,20 @@ Json jsonOf(std::string const& process, LogRecord const& record) {
 /** What is new in the logs of several processes. The main thread reads. */
 class Logs {
 public:
-    Logs(Tool& tool, Processes processes, unsigned int level)
-        : tool_(tool), processes_(std::move(processes)), last_(processes_.size()), level_(level) {}
+    Logs(Tool& tool, Processes const& processes, unsigned int level) : tool_(tool), level_(level) {
+        become(processes);
+    }
+
+    /** From now on those of these processes. Of one that was there already, only what is new. */
+    void become(Processes const& processes) {
+        std::map<TreflectOrbId, std::uint64_t> known;
+        for (std::size_t i = 0; i < processes_.size(); ++i)
+            known[processes_[i].broker()] = last_[i];
+        processes_ = processes;
+        last_.clear();
+        for (Process const& process : processes_)
+            last_.push_back(known[process.broker()]);
+    }
 
     struct Line {
         std::string process;
@@ -63,29 +77,45 @@ public:
 
 private:
     Tool& tool_;
-    Processes const processes_;
+    Processes processes_;
     std::vector<std::uint64_t> last_;  // the number of the last record of each
     unsigned int const level_;
     Missing missing_;
 };
 
+/** Processes that come are followed as well, once there are any that are wanted. */
 class LogSession final : public Session {
 public:
-    LogSession(Tool& tool, Events& events, Processes const& processes, unsigned int level)
-        : logs_(tool, processes, level), events_(events) {
+    LogSession(Tool& tool, Events& events, std::string pattern, unsigned int level)
+        : tool_(tool), pattern_(std::move(pattern)), logs_(tool, {}, level), events_(events) {
         goOn();
         logs_.missing().tell(tool.output());
     }
     bool goOn() override {
+        constexpr unsigned int kSeldom = 150;  // looks
+        if (++looks_ % kSeldom == 0)
+            tool_.asking().hopeAgain();
+        lookWhoIsThere();
         for (Logs::Line const& line : logs_.read())
-            events_.addAsItIs(
-                {textOf(line.process, line.record), jsonOf(line.process, line.record)});
+            events_.addOwn({textOf(line.process, line.record), jsonOf(line.process, line.record)});
         return true;
     }
 
 private:
+    void lookWhoIsThere() {
+        auto present = Transport::TransportLayer::instance().getTerminations();
+        if (present == present_)
+            return;
+        present_ = std::move(present);
+        logs_.become(matching(presentProcesses(tool_.asking()), pattern_));
+    }
+
+    Tool& tool_;
+    std::string const pattern_;
     Logs logs_;
     Events& events_;
+    decltype(Transport::TransportLayer::instance().getTerminations()) present_;
+    unsigned int looks_ = 0;
 };
 
 class Log final : public Command {
@@ -112,8 +142,7 @@ public:
     bool stays() const override { return follow_; }
     ExitCode stay(Settings const& settings, Output& output) override {
         return stayInGroup(settings, output, count_, [this](Tool& tool, Events& events) {
-            return std::make_unique<LogSession>(tool, events, select(tool.processes(), process_),
-                                                level_);
+            return std::make_unique<LogSession>(tool, events, process_, level_);
         });
     }
 

@@ -7,38 +7,9 @@
 
 #include "../Units.h"
 #include "Commands.h"
+#include "Facts.h"
 
 namespace {
-
-using processobject::Identity;
-using processobject::Traffic;
-using processobject::Usage;
-
-struct Facts {
-    Identity identity;
-    Usage usage;
-    std::uint64_t sent = 0;
-};
-
-/** What it has sent so far: the counters start afresh when somebody takes them. */
-std::optional<std::uint64_t> sentBy(TreflectProcessClient const& client) {
-    TipprmiResult<std::vector<Traffic>> const traffic = client.getTraffic();
-    if (!traffic)
-        return std::nullopt;
-    std::uint64_t sent = 0;
-    for (Traffic const& counted : traffic.value())
-        sent += counted.sent;
-    return sent;
-}
-
-std::optional<Facts> factsOf(TreflectProcessClient const& client) {
-    TipprmiResult<Identity> const identity = client.getIdentity();
-    TipprmiResult<Usage> const usage = client.getUsage();
-    std::optional<std::uint64_t> const sent = sentBy(client);
-    if (!identity || !usage || !sent)
-        return std::nullopt;
-    return Facts{identity.value(), usage.value(), *sent};
-}
 
 class List final : public Command {
 public:
@@ -71,7 +42,7 @@ public:
         }
         tool.output().table(table);
         missing.tell(tool.output());
-        tool.output().document({{"processes", all}});
+        tool.output().document({{"processes", all}, {"missing", missing.json()}});
         return ExitCode::kDone;
     }
 
@@ -81,32 +52,35 @@ private:
         constexpr std::chrono::milliseconds kWhile(250);
         auto const begin = std::chrono::steady_clock::now();
         std::this_thread::sleep_for(kWhile);
-        auto const later = askProcessObjects<std::uint64_t>(tool.asking(), processes_, sentBy);
+        auto const later = askProcessObjects<Facts>(tool.asking(), processes_, factsOf);
         double const seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        for (std::size_t i = 0; i < processes_.size(); ++i) {
-            std::uint64_t const before = facts_[i].value.sent;
-            std::uint64_t const after = later[i].value;
-            rates_.push_back(
-                later[i] && after > before ? static_cast<double>(after - before) / seconds : 0);
-        }
+        for (std::size_t i = 0; i < processes_.size(); ++i)
+            rates_.push_back(rateOf(facts_[i].value.sent(), later[i].value.sent(), seconds));
     }
 
-    std::string state(std::size_t i) const {
-        if (processes_[i].isStopped)
-            return "stopped";
-        if (facts_[i])
-            return "ok";
-        return facts_[i].timedOut() ? "does not answer" : "without process object";
-    }
+    char const* state(std::size_t i) const { return stateOf(processes_[i], facts_[i]); }
 
     std::vector<std::string> row(std::size_t i) const {
         Process const& process = processes_[i];
         Facts const& facts = facts_[i].value;
-        std::string const pid = std::to_string(process.pid);
+        unsigned int const number =
+            facts_[i] ? facts.identity.pid : static_cast<unsigned int>(process.pid);
+        std::string const pid = number != 0 ? std::to_string(number) : "";
         std::string const slot = std::to_string(process.slot);
-        if (!facts_[i])
+        if (!facts_[i] && process.threads == 0)
             return {process.actor, pid, slot, "", "", "", "", "", "", state(i)};
+        if (!facts_[i])
+            return {process.actor,
+                    pid,
+                    slot,
+                    "",
+                    durationText(process.uptime),
+                    bytesText(process.memory),
+                    std::to_string(process.threads),
+                    "",
+                    "",
+                    state(i)};
         return {facts.identity.actor,
                 pid,
                 slot,
@@ -120,30 +94,9 @@ private:
     }
 
     Json json(std::size_t i) const {
-        Process const& process = processes_[i];
-        Facts const& facts = facts_[i].value;
-        Json brokers = Json::array();
-        for (TreflectOrbId const broker : process.brokers)
-            brokers.push_back(broker.value());
-        Json told = {{"actor", process.actor},
-                     {"pid", process.pid},
-                     {"slot", process.slot},
-                     {"brokers", brokers},
-                     {"state", state(i)}};
-        if (!facts_[i])
-            return told;
-        told["actor"] = facts.identity.actor;
-        told["user"] = facts.identity.user;
-        told["version"] = facts.identity.version;
-        told["started"] = facts.identity.started;
-        told["commandLine"] = facts.identity.commandLine;
-        told["uptime"] = facts.usage.uptime;
-        told["memory"] = facts.usage.memory;
-        told["threads"] = facts.usage.threads;
-        told["descriptors"] = facts.usage.descriptors;
-        told["mostDescriptors"] = facts.usage.mostDescriptors;
-        told["objects"] = facts.usage.objects;
-        told["callsPerSecond"] = rates_[i];
+        Json told = jsonOf(processes_[i], facts_[i]);
+        if (facts_[i])
+            told["callsPerSecond"] = rates_[i];
         return told;
     }
 

@@ -185,9 +185,10 @@ struct Begun {
 
 class RecordSession final : public Session {
 public:
+    /** `outcome`: what has come of finding the objects. */
     RecordSession(Tool& tool, Events& events, std::vector<Found> const& objects, Journal& journal,
-                  unsigned int& lastNumber)
-        : tool_(tool), events_(events), journal_(journal) {
+                  unsigned int& lastNumber, ExitCode outcome)
+        : tool_(tool), events_(events), journal_(journal), outcome_(outcome) {
         journal_.resume();
         std::vector<TreflectOrbId> brokers;
         for (Found const& found : objects)
@@ -277,7 +278,7 @@ private:
     Journal& journal_;
     std::vector<std::shared_ptr<Recorded>> recorded_;
     std::set<unsigned int> gone_;
-    ExitCode outcome_ = ExitCode::kDone;
+    ExitCode outcome_;
 };
 
 class Record final : public Command {
@@ -306,11 +307,13 @@ public:
             there != std::filesystem::file_type::not_found)
             throw Failure(ExitCode::kWrongUse, "\"" + path + "\" is no file");
         return stayInGroup(settings, output, 0, [&](Tool& tool, Events& events) {
-            std::vector<Found> const objects = chosen(tool);
+            ExitCode outcome = ExitCode::kDone;
+            std::vector<Found> const objects = chosen(tool, outcome);
             // Observers and a thread use it to the end of the process.
             if (!journal_)
                 journal_ = new Journal(path, limits_);
-            return std::make_unique<RecordSession>(tool, events, objects, *journal_, lastNumber_);
+            return std::make_unique<RecordSession>(tool, events, objects, *journal_, lastNumber_,
+                                                   outcome);
         });
     }
 
@@ -334,7 +337,7 @@ private:
         return unit.empty() ? bytes : bytes << 10 * (which + 1);
     }
 
-    std::vector<Found> chosen(Tool& tool) const {
+    std::vector<Found> chosen(Tool& tool, ExitCode& outcome) const {
         std::vector<Found> objects;
         std::set<Place> places;
         auto const add = [&](std::vector<Found> const& found) {
@@ -347,10 +350,12 @@ private:
             add(ofClass(tool, "*"));
         for (std::size_t i = 1; i < words_.size(); ++i) {
             std::vector<Found> const found = ofClass(tool, words_[i]);
-            add(found.empty() ? tool.objects().find(words_[i]) : found);
+            add(found.empty() ? tool.objects().findOrComplain(words_[i], tool.output(), outcome)
+                              : found);
         }
         if (objects.empty())
-            throw Failure(ExitCode::kNotThere, "there are no objects");
+            throw Failure(outcome == ExitCode::kDone ? ExitCode::kNotThere : outcome,
+                          "there are no objects");
         return objects;
     }
     /** What tells of a process is none of its objects. */

@@ -10,6 +10,7 @@
 #include "../Processes.h"
 #include "../Units.h"
 #include "Commands.h"
+#include "Facts.h"
 #include "Staying.h"
 
 // Some of the macros of curses have names of ours.
@@ -19,31 +20,6 @@
 namespace {
 
 using processobject::Call;
-using processobject::Identity;
-using processobject::Traffic;
-using processobject::Usage;
-
-/** What a process tells at a moment. */
-struct Sample {
-    Usage usage;
-    std::uint64_t sent = 0;
-    std::uint64_t failed = 0;
-    std::vector<Call> calls;
-};
-
-std::optional<Sample> sampleOf(TreflectProcessClient const& client) {
-    TipprmiResult<Usage> const usage = client.getUsage();
-    TipprmiResult<std::vector<Traffic>> const traffic = client.getTraffic();
-    TipprmiResult<std::vector<Call>> const calls = client.getCalls();
-    if (!usage || !traffic || !calls)
-        return std::nullopt;
-    Sample sample{usage.value(), 0, 0, calls.value()};
-    for (Traffic const& counted : traffic.value()) {
-        sample.sent += counted.sent;
-        sample.failed += counted.failed;
-    }
-    return sample;
-}
 
 /** The screen, for a scope: what was there comes back. One at a time. */
 class Screen {
@@ -76,10 +52,10 @@ public:
  * ones have seen fades. */
 class BusyObjects {
 public:
-    void look(Tool& tool, std::vector<Answer<Sample>> const& samples) {
+    void look(Tool& tool, std::vector<Answer<Facts>> const& samples) {
         for (auto& entry : seen_)
             entry.second *= kFading;
-        for (Answer<Sample> const& sample : samples) {
+        for (Answer<Facts> const& sample : samples) {
             for (Call const& call : sample.value.calls) {
                 if (call.object != 0)
                     note(tool, call);
@@ -147,10 +123,12 @@ public:
 private:
     void look(double seconds) {
         constexpr unsigned int kSeldom = 10;
-        if (looks_ % kSeldom == kSeldom - 1)
+        if (looks_ % kSeldom == kSeldom - 1) {
             tool_.asking().hopeAgain();
+            tool_.objects().forget();  // there are new ones, perhaps
+        }
         Processes const processes = presentProcesses(tool_.asking());
-        auto const samples = askProcessObjects<Sample>(tool_.asking(), processes, sampleOf);
+        auto const samples = askProcessObjects<Facts>(tool_.asking(), processes, factsOf);
         busy_.look(tool_, samples);
         Table table({{"PROCESS"},
                      {"CALLS/S", Table::Align::kRight},
@@ -160,7 +138,7 @@ private:
                      {"THREADS", Table::Align::kRight},
                      {"OBJECTS", Table::Align::kRight},
                      {"UPTIME", Table::Align::kRight}});
-        std::map<std::string, Sample> latest;
+        std::map<std::string, Facts> latest;
         Json all = Json::array();
         for (std::size_t i = 0; i < processes.size(); ++i) {
             std::string const name = processes[i].name();
@@ -169,9 +147,7 @@ private:
                 add(name, samples[i].value, seconds, table, all);
                 continue;
             }
-            char const* const state = processes[i].isStopped  ? "stopped"
-                                      : samples[i].timedOut() ? "does not answer"
-                                                              : "without process object";
+            char const* const state = stateOf(processes[i], samples[i]);
             table.add({name, "", "", "", "", "", "", state});
             all.push_back({{"process", name}, {"state", state}});
         }
@@ -181,17 +157,17 @@ private:
     }
 
     /** How much more of something there is a second. */
-    double rate(std::string const& name, Sample const& sample, std::uint64_t Sample::*count,
+    double rate(std::string const& name, Facts const& sample, std::uint64_t (Facts::*count)() const,
                 double seconds) const {
         auto const before = before_.find(name);
-        if (before == before_.end() || seconds <= 0 || sample.*count < before->second.*count)
-            return 0;
-        return static_cast<double>(sample.*count - before->second.*count) / seconds;
+        return before == before_.end()
+                   ? 0
+                   : rateOf((before->second.*count)(), (sample.*count)(), seconds);
     }
-    void add(std::string const& name, Sample const& sample, double seconds, Table& table,
+    void add(std::string const& name, Facts const& sample, double seconds, Table& table,
              Json& all) const {
-        double const calls = rate(name, sample, &Sample::sent, seconds);
-        double const failed = rate(name, sample, &Sample::failed, seconds);
+        double const calls = rate(name, sample, &Facts::sent, seconds);
+        double const failed = rate(name, sample, &Facts::failed, seconds);
         table.add({name, fmt::format("{:.0f}", calls), fmt::format("{:.0f}", failed),
                    std::to_string(sample.calls.size()), bytesText(sample.usage.memory),
                    std::to_string(sample.usage.threads), std::to_string(sample.usage.objects),
@@ -229,7 +205,7 @@ private:
     std::unique_ptr<Screen> screen_;
     std::chrono::steady_clock::time_point last_;
     unsigned int looks_ = 0;
-    std::map<std::string, Sample> before_;  // by the names of processes
+    std::map<std::string, Facts> before_;  // by the names of processes
     BusyObjects busy_;
 };
 

@@ -6,133 +6,10 @@
 #include "Commands.h"
 #include "Members.h"
 #include "Staying.h"
+#include "Watching.h"
 #include "Wildcard.h"
 
 namespace {
-
-/** What is to be done at a call, with its arguments or its results; false forbids it. */
-using Reaction = std::function<bool(Values const&)>;
-
-/** Observers are objects that the observed object calls: it waits for them. */
-class Observer final : public TreflectObserver {
-public:
-    explicit Observer(Reaction reaction) : reaction_(std::move(reaction)) {}
-
-    bool update() override { return reaction_(arguments()); }
-
-private:
-    Reaction const reaction_;
-};
-
-/** A member that is observed. */
-struct Target {
-    Found object;
-    std::string member;  // or a pattern
-};
-
-/** What is observed at one member. Made under the run permission. */
-class Watched {
-public:
-    Watched(Target const& target, Events& events)
-        : object_(handleOn(target.object.place)), name_(target.object.name), events_(events) {}
-
-    /** Tells the value that an attribute has, and each that it gets. */
-    bool watchValue(std::string const& name) {
-        TreflectAttribute& attribute = attributeOf(object_, name);
-        Types const types = attribute.operGet().meta()->resultTypes();
-        values_.push_back(std::make_unique<TreflectAttributeWatch>(
-            attribute, [this, name, types](TipprmiAny const& value) {
-                Shown const shown = show(types, 0, value);
-                events_.add({name_ + "/" + name + " = " + shown.text,
-                             {{"event", "value"},
-                              {"object", name_},
-                              {"member", name},
-                              {"type", shown.type},
-                              {"value", shown.json}}});
-            }));
-        return !values_.back()->isError();
-    }
-    /** Tells each call of an operation and its end. */
-    bool watchCalls(std::string const& name) {
-        TreflectOperation& operation = operationOf(object_, name);
-        Types const in = operation.meta()->argumentTypes();
-        Types const out = operation.meta()->resultTypes();
-        Observer& before = observe([this, name, in](Values const& arguments) {
-            events_.add({"call " + name_ + "/" + name + "(" + valuesText(in, arguments) + ")",
-                         json("call", name, "arguments", valuesJson(in, arguments)), false});
-            return true;
-        });
-        Observer& after = observe([this, name, out](Values const& results) {
-            std::string const text = valuesText(out, results);
-            events_.add({"end  " + name_ + "/" + name + (text.empty() ? "" : " -> " + text),
-                         json("end", name, "results", valuesJson(out, results))});
-            return true;
-        });
-        return operation.preObserve(&before) && operation.postObserve(&after);
-    }
-    /** Forbids each call of an operation. */
-    bool veto(std::string const& name) {
-        TreflectOperation& operation = operationOf(object_, name);
-        Types const in = operation.meta()->argumentTypes();
-        return operation.preObserve(&observe([this, name, in](Values const& arguments) {
-            events_.add({"forbidden " + name_ + "/" + name + "(" + valuesText(in, arguments) + ")",
-                         json("vetoed", name, "arguments", valuesJson(in, arguments))});
-            return false;
-        }));
-    }
-
-    TreflectObject const& object() const { return object_; }
-
-private:
-    Observer& observe(Reaction reaction) {
-        observers_.push_back(std::make_unique<Observer>(std::move(reaction)));
-        return *observers_.back();
-    }
-    Json json(char const* event, std::string const& member, char const* valuesName,
-              Json const& values) const {
-        return {{"event", event}, {"object", name_}, {"member", member}, {valuesName, values}};
-    }
-
-    TreflectObject const object_;
-    std::string const name_;
-    Events& events_;
-    std::vector<std::unique_ptr<TreflectAttributeWatch>> values_;
-    std::vector<std::unique_ptr<Observer>> observers_;
-};
-
-enum class Purpose { kWatch, kVeto };
-
-bool isAccessor(TreflectMetaObject const& meta, std::string const& name) {
-    for (TreflectMetaAttribute const* const attribute : attributesOf(meta)) {
-        if (name == "get" + attribute->name() || name == "set" + attribute->name())
-            return true;
-    }
-    return false;
-}
-
-/** Which of its members are meant: operations, attributes. Those that read and write attributes
- * only when they are named. */
-std::pair<std::vector<std::string>, std::vector<std::string>> membersOf(
-    TreflectObject const& object, std::string const& pattern, Purpose purpose) {
-    TreflectMetaObject const& meta = classOf(object);
-    Wildcard const wildcard(pattern);
-    std::vector<std::string> operations;
-    std::vector<std::string> attributes;
-    for (TreflectMetaOperation const* const operation : operationsOf(meta)) {
-        if (operation->name() == pattern ||
-            (wildcard.matches(operation->name()) && !isAccessor(meta, operation->name())))
-            operations.push_back(operation->name());
-    }
-    for (TreflectMetaAttribute const* const attribute : attributesOf(meta)) {
-        if (!wildcard.matches(attribute->name()))
-            continue;
-        if (purpose == Purpose::kWatch)
-            attributes.push_back(attribute->name());
-        else if (attribute->metaOperSet())
-            operations.push_back(attribute->metaOperSet()->name());
-    }
-    return {operations, attributes};
-}
 
 using WatchedObjects = std::vector<std::shared_ptr<Watched>>;
 
@@ -168,7 +45,10 @@ Begun observe(Target const& target, Purpose purpose, Events& events) {
 
 class WatchSession final : public Session {
 public:
-    WatchSession(Tool& tool, Events& events, std::vector<Target> const& targets, Purpose purpose) {
+    /** `outcome`: what has come of finding them. */
+    WatchSession(Tool& tool, Events& events, std::vector<Target> const& targets, Purpose purpose,
+                 ExitCode outcome)
+        : outcome_(outcome) {
         std::vector<TreflectOrbId> brokers;
         for (Target const& target : targets)
             brokers.emplace_back(target.object.place.broker);
@@ -211,7 +91,7 @@ private:
     }
 
     WatchedObjects watched_;
-    ExitCode outcome_ = ExitCode::kDone;
+    ExitCode outcome_;
 };
 
 class Watch final : public Command {
@@ -235,16 +115,19 @@ public:
         if (paths_.empty() && class_.empty() && below_.empty())
             throw Failure(ExitCode::kWrongUse, "say what: OBJECT/MEMBER, --class or --below");
         return stayInGroup(settings, output, count_, [this](Tool& tool, Events& events) {
-            return std::make_unique<WatchSession>(tool, events, targets(tool), purpose_);
+            ExitCode outcome = ExitCode::kDone;
+            std::vector<Target> const found = targets(tool, outcome);
+            return std::make_unique<WatchSession>(tool, events, found, purpose_, outcome);
         });
     }
 
 private:
-    std::vector<Target> targets(Tool& tool) const {
+    std::vector<Target> targets(Tool& tool, ExitCode& outcome) const {
         std::vector<Target> targets;
         for (std::string const& text : paths_) {
             MemberPath const path(text);
-            for (Found const& found : tool.objects().find(path.object))
+            for (Found const& found :
+                 tool.objects().findOrComplain(path.object, tool.output(), outcome))
                 targets.push_back({found, path.member});
         }
         if (!class_.empty())

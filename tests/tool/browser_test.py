@@ -1,0 +1,204 @@
+#!/usr/bin/env python3
+"""The page of reflectorb web in chromium, headless, by the WebDriver protocol.
+
+    browser_test.py <as tool_test.py, and behind it:> <machine> <folder for screenshots>
+"""
+import base64
+import json
+import os
+import signal
+import socket
+import sys
+import time
+import unittest
+import urllib.request
+
+from tool_test import HOUSE, PATIENCE, HouseTest, Process, run
+from web_test import Gateway
+
+MACHINE, PICTURES = sys.argv[6:8]
+ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
+
+
+class Browser:
+    def __init__(self, test):
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        self.driver = Process("chromedriver", "--port=%d" % port)
+        test.addCleanup(self.driver.end, signal.SIGKILL)
+        self.driver.wait_for("started successfully")
+        self.base = "http://127.0.0.1:%d" % port
+        options = {"args": ["--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                            "--disable-gpu", "--window-size=1240,800"]}
+        told = self.send("POST", "/session", {"capabilities": {"alwaysMatch": {
+            "goog:chromeOptions": options, "goog:loggingPrefs": {"browser": "ALL"}}}})
+        self.base += "/session/" + told["sessionId"]
+        test.addCleanup(self.send, "DELETE", "")
+
+    def send(self, method, path, body=None):
+        request = urllib.request.Request(
+            self.base + path, None if method == "DELETE" else json.dumps(body or {}).encode(),
+            {"Content-Type": "application/json"}, method=method)
+        with urllib.request.urlopen(request, timeout=PATIENCE) as answer:
+            return json.load(answer)["value"]
+
+    def do(self, script, *arguments):
+        """Runs JavaScript, with the result of its `return`."""
+        return self.send("POST", "/execute/sync", {"script": script, "args": arguments})
+
+    def until(self, script, *arguments):
+        end = time.monotonic() + PATIENCE
+        while not (found := self.do(script, *arguments)):
+            if time.monotonic() > end:
+                raise AssertionError("waited in vain for %s; the page: %s" % (
+                    script, self.do("return document.body.innerText")))
+            time.sleep(0.05)
+        return found
+
+    def element(self, selector):
+        self.until("return document.querySelector(arguments[0]) !== null", selector)
+        return "/element/" + self.send("POST", "/element", {
+            "using": "css selector", "value": selector})[ELEMENT]
+
+    def click(self, selector):
+        self.send("POST", self.element(selector) + "/click")
+
+    def type(self, selector, keys):
+        self.send("POST", self.element(selector) + "/value", {"text": keys})
+
+    def sees(self, selector, wanted):
+        """Waits until an element has the text, or the value."""
+        self.until("""return [...document.querySelectorAll(arguments[0])].some(
+            one => ((one.value ?? '') + one.textContent).includes(arguments[1]))""", selector, wanted)
+
+    def size(self, width, height):
+        self.send("POST", "/goog/cdp/execute", {
+            "cmd": "Emulation.setDeviceMetricsOverride",
+            "params": {"width": width, "height": height, "deviceScaleFactor": 1,
+                       "mobile": width < 500}})
+
+    def scheme(self, name):
+        self.send("POST", "/goog/cdp/execute", {"cmd": "Emulation.setEmulatedMedia", "params": {
+            "features": [{"name": "prefers-color-scheme", "value": name}]}})
+
+    def picture(self, name):
+        request = urllib.request.urlopen(self.base + "/screenshot", timeout=PATIENCE)
+        with open(os.path.join(PICTURES, name + ".png"), "wb") as file:
+            file.write(base64.b64decode(json.load(request)["value"]))
+
+    def errors(self):
+        return [one["message"] for one in self.send("POST", "/se/log", {"type": "browser"})
+                if one["level"] == "SEVERE"]
+
+
+def row(name):
+    return "return [...document.querySelectorAll('#tree .row')].some(one => " \
+           "one.children[1].textContent === '%s')" % name
+
+
+class BrowserTest(HouseTest):
+    def test_open_browse_change_see_lose_and_regain(self):
+        machine = self.start(MACHINE, REFLECTORB_PROCESS_OBJECT="1")
+        gateway = Gateway(self, "--allow-changes")
+        browser = Browser(self)
+        browser.send("POST", "/url", {"url": gateway.address.geturl()})
+        browser.sees("#state", "live")
+        self.assertNotIn("token", browser.do("return location.href"))
+
+        with self.subTest("browse, by keyboard"):
+            browser.until(row("/house"))
+            browser.until(row("hall"))
+            browser.type("#find", "hall")
+            browser.until("return document.querySelectorAll('#tree .row').length === 1")
+            browser.do("document.querySelector('#tree .row').focus()")
+            browser.type("#tree .row", "\ue007")  # Enter
+            browser.sees("#object h2", "/house/hall")
+            browser.sees("#object .doc", "In percent.")
+        level = "[data-attribute=Level] input"
+        with self.subTest("change"):
+            browser.sees(level, "10")
+            browser.send("POST", browser.element(level) + "/clear")
+            browser.type(level, "42\ue007")
+            browser.until("return !document.querySelector(arguments[0]).dataset.edited", level)
+            self.assertEqual(run("get", "/house/hall/Level").stdout, "42\n")
+            browser.send("POST", browser.element(level) + "/clear")
+            browser.type(level, "101\ue007")
+            browser.sees("#object output.bad", "TooBright")
+            browser.do("delete document.querySelector(arguments[0]).dataset.edited", level)
+            browser.do("document.activeElement.blur()")
+        with self.subTest("call"):
+            operation = "[data-operation=blink] "
+            browser.type(operation + "label:nth-of-type(1) input", "2")
+            browser.type(operation + "label:nth-of-type(2) input", 'for "fun"')
+            browser.click(operation + "button")
+            browser.sees("[data-result=blink]", "true")
+        with self.subTest("see a change made elsewhere"):
+            browser.click("[data-attribute=Level] button[type=button]")  # plot
+            run("set", "/house/hall/Level", "77")
+            browser.sees(level, "77")
+            browser.sees("#tree .row .values", "Level 77")
+            browser.until("return plot.points.some(one => one[1] === 77)")
+            browser.picture("object")
+        with self.subTest("calls as they happen"):
+            browser.click("a[href='#calls']")
+            browser.type("#calls-of", "/house/**\ue007")
+            end = time.monotonic() + PATIENCE
+            while not browser.do("return calls.length") and time.monotonic() < end:
+                run("call", "/house/hall/blink", "0", "watched")
+            browser.sees("#calls-list", "/house/hall/blink(0, watched)")
+            browser.picture("calls")
+        with self.subTest("processes, waits, classes"):
+            browser.click("a[href='#processes']")
+            browser.sees("#processes-table", "house.%d" % self.house.child.pid)
+            browser.sees("#traffic", "house")
+            browser.picture("processes")
+            browser.click("a[href='#waits']")
+            browser.sees("#waits-verdict", "Nobody waits")
+            browser.click("a[href='#classes']")
+            browser.sees("#classes-list", "Lamp")
+            browser.do("[...document.querySelectorAll('#classes-list button')].find("
+                       "one => one.textContent === 'Lamp').click()")
+            browser.sees("#class", "blink")
+            browser.picture("classes")
+        with self.subTest("lose and regain a process"):
+            browser.click("a[href='#objects']")
+            self.house.end(signal.SIGKILL)
+            browser.sees("#object", "It has gone.")
+            browser.until("return document.querySelectorAll('#tree .row').length === 0")
+            self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1")
+            browser.until(row("hall"))
+            browser.sees(level, "10")
+        with self.subTest("dark, on a phone"):
+            browser.scheme("dark")
+            browser.size(390, 780)
+            dark = browser.do("return getComputedStyle(document.body).backgroundColor")
+            self.assertLess(sum(json.loads("[" + dark[4:-1] + "]")), 120, dark)
+            for view in ("objects", "calls", "processes", "waits", "classes"):
+                browser.click("a[href='#%s']" % view)
+                self.assertLessEqual(browser.do("return document.documentElement.scrollWidth"), 390,
+                                     view)
+                browser.picture("phone-" + view)
+            browser.size(1240, 800)
+            browser.scheme("light")
+        with self.subTest("the machine"):
+            browser.click("a[href='#objects']")
+            browser.do("get('find').value = ''; get('find').dispatchEvent(new Event('input'))")
+            browser.until(row("cpu0"))
+            browser.do("[...rows.values()].find(one => one.children[1].textContent === 'memory')"
+                       ".click()")
+            browser.sees("#object h2", "/machine/memory")
+            browser.click("[data-attribute=Free] button[type=button]")
+            browser.until("return plot.points.length > 3")
+            browser.picture("page")
+        with self.subTest("lose and regain the gateway"):
+            gateway.process.end(signal.SIGKILL)
+            browser.sees("#state", "connection lost")
+        self.assertEqual([one for one in browser.errors() if "Failed to load resource" not in one and
+                          "ERR_CONNECTION" not in one and "net::" not in one], [])
+        self.assertEqual(machine.child.poll(), None)
+
+
+if __name__ == "__main__":
+    os.makedirs(PICTURES, exist_ok=True)
+    unittest.main(argv=["browser_test.py"], verbosity=2)

@@ -1,0 +1,238 @@
+#!/usr/bin/env python3
+"""reflectorb web, asked over plain sockets as browsers, scripts and strangers do.
+
+    web_test.py <as tool_test.py>
+"""
+import json
+import os
+import signal
+import socket
+import time
+import unittest
+import urllib.parse
+import zlib
+
+from tool_test import HOUSE, PATIENCE, TOOL, HouseTest, Process, run
+
+
+class Stream:
+    """The state that an event stream tells."""
+
+    def __init__(self, gateway, query="values=**"):
+        self.socket = gateway.connect()
+        self.socket.sendall(gateway.request("GET", "/api/events?" + query))
+        self.raw = b""
+        self.objects, self.values, self.calls = {}, {}, []
+
+    def until(self, holds):
+        end = time.monotonic() + PATIENCE
+        while not holds():
+            self.socket.settimeout(max(0.01, end - time.monotonic()))
+            some = self.socket.recv(65536)
+            if not some:
+                raise AssertionError("the stream has ended: %r" % self.raw[-500:])
+            self.raw += some
+            *whole, self.raw = self.raw.split(b"\n\n")
+            for event in whole:
+                for line in event.splitlines():
+                    if line.startswith(b"data: "):
+                        self.take(json.loads(line[6:]))
+
+    def take(self, news):
+        if news.get("afresh"):
+            self.objects, self.values = {}, {}
+        self.objects.update((one["id"], one) for one in news.get("objects", []))
+        for gone in news.get("gone", {}).get("objects", []):
+            del self.objects[gone]
+        self.values.update(((one[0], one[1]), one[2]) for one in news.get("values", []))
+        self.calls += news.get("calls", [])
+
+    def names(self):
+        return {one["name"] for one in self.objects.values()}
+
+    def value(self, name, attribute):
+        return {self.values.get((one["id"], attribute)) for one in self.objects.values()
+                if one["name"] == name}
+
+
+class Gateway:
+    def __init__(self, test, *options):
+        self.process = Process(TOOL, "web", "--listen", "127.0.0.1:0", "--json", *options)
+        test.addCleanup(self.process.end, signal.SIGKILL)
+        begun = json.loads(self.process.wait_for(r'\{"event":"begun"'))
+        self.address = urllib.parse.urlsplit(begun["address"])
+        self.token = self.address.query.replace("token=", "")
+        self.test = test
+
+    def connect(self):
+        connection = socket.create_connection(("127.0.0.1", self.address.port), PATIENCE)
+        self.test.addCleanup(connection.close)
+        return connection
+
+    def request(self, method, path, headers=(), body=b""):
+        lines = {"Host": self.address.netloc, "Authorization": "Bearer " + self.token,
+                 "Content-Length": str(len(body)), **dict(headers)}
+        head = "".join("%s: %s\r\n" % line for line in lines.items() if line[1] is not None)
+        return ("%s %s HTTP/1.1\r\n%s\r\n" % (method, path, head)).encode() + body
+
+    def ask(self, method, path, headers=(), body=b""):
+        """The status and what is answered."""
+        with self.connect() as connection:
+            answer = b""
+            try:
+                connection.sendall(self.request(method, path, headers, body))
+                while some := connection.recv(65536):
+                    answer += some
+            except (ConnectionResetError, BrokenPipeError):
+                pass  # a refused body that was not read
+        head, _, body = answer.partition(b"\r\n\r\n")
+        return int(head.split()[1]) if head else 0, body.decode()
+
+    def post(self, path, body):
+        status, answer = self.ask("POST", path, {"Content-Type": "application/json"},
+                                  json.dumps(body).encode())
+        return status, json.loads(answer)
+
+
+class WebTest(HouseTest):
+    def test_only_who_has_the_token_and_comes_from_here_gets_in(self):
+        gateway = Gateway(self)
+        own = "http://" + gateway.address.netloc
+        json_type = {"Content-Type": "application/json"}
+        change = b'{"name": "/house/hall/Level", "value": 1}'
+        for method, path, headers, body, status in [
+                ("GET", "/api/", {}, b"", 200),
+                ("GET", "/", {}, b"", 200),
+                ("GET", "/api/", {"Origin": own}, b"", 200),
+                ("GET", "/api/?token=" + gateway.token, {"Authorization": None}, b"", 200),
+                ("GET", "/api/", {"Authorization": None}, b"", 403),
+                ("GET", "/", {"Authorization": None}, b"", 403),
+                ("GET", "/metrics", {"Authorization": None}, b"", 403),
+                ("GET", "/api/events", {"Authorization": None}, b"", 403),
+                ("GET", "/api/?token=", {"Authorization": "Bearer "}, b"", 403),
+                ("GET", "/api/", {"Authorization": "Bearer " + "0" * 32}, b"", 403),
+                ("GET", "/api/", {"Host": "evil.example"}, b"", 403),
+                ("GET", "/api/", {"Host": "evil.example:%d" % gateway.address.port}, b"", 403),
+                ("GET", "/api/", {"Host": None}, b"", 403),
+                ("GET", "/api/", {"Host": "10.0.0.7:%d" % gateway.address.port}, b"", 403),
+                ("GET", "/api/", {"Origin": "http://evil.example"}, b"", 403),
+                ("GET", "/api/", {"Origin": "null"}, b"", 403),
+                ("POST", "/api/set", {**json_type, "Origin": "http://evil.example"}, change, 403),
+                ("POST", "/api/set", json_type, change, 403),  # read-only
+                ("POST", "/api/call", json_type, b'{"name": "/house/hall/blink"}', 403),
+                ("GET", "/api/set", {}, b"", 400),
+                ("GET", "/api/nothing", {}, b"", 404),
+                ("GET", "/api/list?name=" + "**" * 40 + "b", {}, b"", 200),  # and soon
+                ("GET", "/api/events?values=" + "x" * 257, {}, b"", 400),
+                ("GET", "/api/events?" + "".join("&calls=x%d" % i for i in range(33)), {}, b"", 400),
+                ("GET", "/api/get?name=/house/hall/None", {}, b"", 404),
+                ("POST", "/api/set", json_type, b"[" * 1000, 403),  # and not read at all
+                ("POST", "/", {**json_type, "Authorization": None, "Content-Encoding": "gzip"},
+                 b"not unpacked, since nobody knows who it is", 403),
+                ("PUT", "/api/set", json_type, change, 405),
+                ("GET", "/api/", {"X-%d" % i: "x" * 8000 for i in range(10)}, b"", (0, 400)),
+                ("GET", "/" + "x" * 9000, {}, b"", (0, 400, 414))]:
+            with self.subTest(method=method, path=path[:60], headers=headers):
+                self.assertIn(gateway.ask(method, path, headers, body)[0],
+                              status if isinstance(status, tuple) else (status,))
+        self.assertEqual(run("get", "/house/hall/Level").stdout, "10\n")
+        open_to_all = os.path.join(self.folder, "token")
+        with open(open_to_all, "w") as file:
+            file.write("0123456789abcdef\n")
+        os.chmod(open_to_all, 0o644)
+        self.check([
+            (["web", "--listen", "0.0.0.0:0", "--no-token"], 2, "", ".*not without a token\n"),
+            (["web", "--listen", "127.0.0.1:x"], 2, "", ".*is no port\n"),
+            (["web", "--listen", gateway.address.netloc], 6, "", ".*cannot listen.*in use\n"),
+            (["web", "--token-file", open_to_all], 6, "", ".*others may read.*\n")])
+
+    def test_values_are_read_changed_and_called(self):
+        gateway = Gateway(self, "--allow-changes")
+        hall = "/house/hall/"
+        for path, body, status, key, wanted in [
+                ("/api/set", {"name": hall + "Level", "value": 30}, 200, "value", 30),
+                ("/api/set", {"name": hall + "Level", "value": "31"}, 200, "value", 31),
+                ("/api/set", {"name": hall + "Steps", "value": [1, 2]}, 200, "value", [1, 2]),
+                ("/api/set", {"name": hall + "Level", "value": 101}, 409, "error", None),
+                ("/api/set", {"name": hall + "Level", "value": -1}, 400, "error", None),
+                ("/api/set", {"name": hall + "None", "value": 1}, 404, "error", None),
+                ("/api/call", {"name": hall + "blink", "arguments": [1, 'a "b", [c'] }, 200, "value",
+                 True),
+                ("/api/call", {"name": hall + "blink", "arguments": [1]}, 400, "error", None)]:
+            with self.subTest(body=body):
+                answered, told = gateway.post(path, body)
+                self.assertEqual(answered, status, told)
+                one = (told.get("values") or told.get("calls"))[0]
+                self.assertTrue(one[key] == wanted or key == "error", one)
+        status, told = gateway.ask("GET", "/api/get?name=/house/*/Level")
+        self.assertEqual([one["value"] for one in json.loads(told)["values"]], [31])
+        json_type = {"Content-Type": "application/json"}
+        deep = b'"value": ' + b"[" * 300000
+        for body in (b"", b"[]", b"{}", b'{"name": 1, "value": 1}', b"[" * 100000,
+                     b'{"name": "/a/b", "x": "' + b"]" * 300000 + b'", ' + deep,
+                     b'{"name": "/a/b", ' + deep + b"]" * 300000 + b"}"):
+            status, told = gateway.ask("POST", "/api/set", json_type, body)
+            self.assertEqual(status, 400, told)
+        packed = zlib.compress(b" " * (1 << 20))
+        for headers, body, status in [({"Content-Encoding": "deflate"}, packed, 415),
+                                      ({}, b"x" * (2 << 20), 413)]:
+            self.assertEqual(gateway.ask("POST", "/api/set", {**json_type, **headers}, body)[0],
+                             status)
+        status, told = gateway.ask("GET", "/metrics")
+        process = "house.%d" % self.house.child.pid
+        self.assertIn('reflectorb_up{process="%s"} 1\n' % process, told)
+        self.assertRegex(told, r'reflectorb_answer_seconds_bucket\{process="%s",le="\+Inf"\} 1\n' %
+                         process)
+
+    def test_a_stream_tells_what_others_change_and_who_comes_and_goes(self):
+        gateway = Gateway(self)
+        stream = Stream(gateway, "values=/house/*&calls=**")
+        stream.until(lambda: stream.value("/house/hall", "Level") == {10})
+        run("set", "/house/hall/Level", "55")
+        stream.until(lambda: stream.value("/house/hall", "Level") == {55})
+        calls = lambda: [(one["event"], one["member"]) for one in stream.calls]
+        end = time.monotonic() + PATIENCE
+        while not calls() and time.monotonic() < end:  # once they are observed
+            run("call", "/house/hall/blink", "0", "x")
+            run("set", "/house/hall/Level", str(int(end - time.monotonic())))
+            level = {int(run("get", "/house/hall/Level").stdout)}
+            stream.until(lambda: stream.value("/house/hall", "Level") == level)
+        self.assertEqual(calls()[:2], [("call", "blink"), ("end", "blink")])
+        other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+        self.house.end(signal.SIGKILL)
+        other.end(signal.SIGKILL)
+        stream.until(lambda: not stream.names())
+        self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1")
+        stream.until(lambda: stream.value("/house/hall", "Level") == {10})
+
+    def test_who_hangs_costs_its_own_answers(self):
+        self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+        gateway = Gateway(self, "--timeout", "1")
+        stream = Stream(gateway)
+        stream.until(lambda: stream.value("/house/hall", "Level") == {10})
+        slow = gateway.connect()
+        slow.sendall(b"GET /api/")
+        self.house.stop()
+        begin = time.monotonic()
+        status, told = gateway.ask("GET", "/api/processes")
+        self.assertEqual(sorted(one["state"] for one in json.loads(told)["processes"]),
+                         ["ok", "stopped"])
+        late = Stream(gateway)
+        late.until(lambda: "/house/hall" in late.names())
+        self.assertLess(time.monotonic() - begin, PATIENCE / 2)
+        self.house.child.send_signal(signal.SIGCONT)
+        streams = [Stream(gateway) for _ in range(14)]
+        for stream in streams:
+            stream.until(lambda stream=stream: stream.names())
+        self.assertEqual(gateway.ask("GET", "/api/events")[0], 503)
+        self.assertEqual(slow.recv(100), b"")  # its time is over, and nobody else waits for it
+        self.assertEqual(gateway.ask("GET", "/api/")[0], 200)
+        slow = gateway.connect()
+        slow.sendall(b"GET /api/")
+        begin = time.monotonic()
+        self.assertEqual(gateway.process.end(signal.SIGINT), 0)
+        self.assertLess(time.monotonic() - begin, 9)  # it has ten seconds for its request
+
+
+if __name__ == "__main__":
+    unittest.main(argv=["web_test.py"], verbosity=2)

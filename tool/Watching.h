@@ -1,0 +1,62 @@
+// What is done with the members of an object, told as it happens.
+#pragma once
+
+#include <reflect.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Events.h"
+#include "Objects.h"
+#include "Values.h"
+
+/** Members that are to be observed. A value. */
+struct Target {
+    Found object;
+    std::string member;  // or a pattern
+};
+
+/** An object, members of which are observed. Made under the run permission. */
+class Watched {
+public:
+    Watched(Target const& target, Events& events)
+        : object_(handleOn(target.object.place)), name_(target.object.name), events_(events) {}
+
+    /** Tells the value that an attribute has, and each that it gets. */
+    bool watchValue(std::string const& name);
+    /** Tells each call of an operation and its end. */
+    bool watchCalls(std::string const& name);
+    /** Forbids each call of an operation. */
+    bool veto(std::string const& name);
+
+    TreflectObject const& object() const { return object_; }
+
+private:
+    class Observer;
+    /** What is to be done at a call, with its arguments or its results; false forbids it. */
+    using Reaction = std::function<bool(Values const&)>;
+
+    Observer& observe(Reaction reaction);
+    /** Makes of values what is told of them: on the thread that writes it. */
+    using Teller = std::function<void(Event&, Values const&)>;
+    Teller callTeller(char const* word, char const* event,
+                      TreflectOperation const& operation) const;
+    static Json json(std::string const& object, char const* event, std::string const& member,
+                     char const* valuesName, Json const& values);
+
+    TreflectObject const object_;
+    std::string const name_;
+    Events& events_;
+    std::vector<std::unique_ptr<TreflectAttributeWatch>> values_;
+    std::vector<std::unique_ptr<TreflectObserver>> observers_;
+};
+
+enum class Purpose { kWatch, kVeto };
+
+/** Which of its members are meant: operations, attributes. Those that read and write attributes
+ * only when they are named. Under the run permission. */
+std::pair<std::vector<std::string>, std::vector<std::string>> membersOf(
+    TreflectObject const& object, std::string const& pattern, Purpose purpose);

@@ -1,0 +1,776 @@
+#include "web/Hub.h"
+
+#include <fmt/format.h>
+#include <handler_threads.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "Facts.h"
+#include "Following.h"
+#include "Members.h"
+#include "Waiting.h"
+#include "Watching.h"
+#include "Wildcard.h"
+#include "web/Inbox.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Piece = Board::Kind;
+
+constexpr unsigned int kObserverClass = 0x641E8FCD;  // of all observers, see the wire format
+
+/** Observers, and what processes tell of themselves by: of no use to who looks at objects. */
+bool isOfTheSystem(Node const& node) {
+    bool const isProcess = !node.isReflective && node.identifier.rfind("process/", 0) == 0;
+    return isProcess || node.classId == kObserverClass || node.classId == processobject::kClass;
+}
+
+std::string idOf(Place place) {
+    return fmt::format("{:x}:{:x}", place.broker, place.id);
+}
+
+/** Microseconds since 1970. */
+std::int64_t unixTime() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+std::string textOf(Json const& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+/** Names of objects, by patterns. A value. */
+class Patterns {
+public:
+    explicit Patterns(std::vector<std::string> const& patterns)
+        : isAll_(std::find(patterns.begin(), patterns.end(), "**") != patterns.end()),
+          patterns_(patterns.begin(), patterns.end()) {}
+
+    bool matches(std::string const& name) const {
+        return isAll_ || std::any_of(patterns_.begin(), patterns_.end(),
+                                     [&](Wildcard const& one) { return one.matches(name); });
+    }
+    bool empty() const { return patterns_.empty(); }
+
+private:
+    bool isAll_;
+    std::vector<Wildcard> patterns_;
+};
+
+/** What a listener wants. A value. */
+struct Wishes {
+    Patterns values;
+    Patterns calls;
+    bool processes;
+};
+
+/** Ends watches on a thread of its own, one after the other: each may have to wait for its object's
+ * process. To the end of the process. */
+class Reaper {
+public:
+    Reaper() {
+        std::thread([this] { work(); }).detach();
+    }
+    ~Reaper() = delete;
+    Reaper(Reaper const&) = delete;
+    Reaper& operator=(Reaper const&) = delete;
+
+    void take(Place place, std::shared_ptr<void> watch) {
+        if (!watch)
+            return;
+        std::lock_guard<std::mutex> const lock(mutex_);
+        over_.push_back({place.broker, std::move(watch)});
+        changed_.notify_one();
+    }
+
+private:
+    struct Over {
+        unsigned int broker;
+        std::shared_ptr<void> watch;
+    };
+
+    /** The body of the thread, which nobody stops. */
+    void work() {
+        for (;;) {
+            Over over = next();
+            if (end(over.watch))
+                continue;
+            // That process hangs: all others first.
+            std::lock_guard<std::mutex> const lock(mutex_);
+            std::stable_partition(over_.begin(), over_.end(),
+                                  [&](Over const& other) { return other.broker != over.broker; });
+        }
+    }
+    Over next() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return !over_.empty(); });
+        Over over = std::move(over_.front());
+        over_.pop_front();
+        return over;
+    }
+    /** Whether that was done in time. */
+    static bool end(std::shared_ptr<void>& watch) {
+        constexpr std::chrono::seconds kPatience(1);
+        TreflectHandlerState const inside(true);
+        TreflectDeadline const deadline(kPatience);
+        watch.reset();
+        return deadline.left().count() > 0;
+    }
+
+    std::mutex mutex_;  // a leaf
+    std::condition_variable changed_;
+    std::deque<Over> over_;  // guarded by mutex_
+};
+
+/** The values of an object's attributes. Made under the run permission. */
+class WatchedValues {
+public:
+    WatchedValues(Found const& found, Inbox& inbox) : inbox_(inbox) {
+        TreflectObject const object = handleOn(found.place);
+        for (TreflectMetaAttribute* const meta : attributesOf(classOf(object))) {
+            if (meta->metaOperGet())
+                watch(*meta->getTied(&object), found, meta->name());
+        }
+    }
+    ~WatchedValues() { stop(); }
+    WatchedValues(WatchedValues const&) = delete;
+    WatchedValues& operator=(WatchedValues const&) = delete;
+
+    /** Nothing of it gets onto the board any more. */
+    void stop() {
+        for (Inbox::SourcePtr const& source : sources_)
+            inbox_.end(*source);
+    }
+    /** Whether no attribute is missing. */
+    bool isWhole() const {
+        return std::none_of(watches_.begin(), watches_.end(),
+                            [](auto const& watch) { return watch->isError(); });
+    }
+
+private:
+    void watch(TreflectAttribute& attribute, Found const& found, std::string const& name) {
+        std::string const id = idOf(found.place);
+        auto const source = std::make_shared<Inbox::Source>(
+            Inbox::Source{id + "/" + name, found.name, "[\"" + id + "\"," + textOf(name) + ",",
+                          attribute.operGet().meta()->resultTypes()});
+        sources_.push_back(source);
+        watches_.push_back(std::make_unique<TreflectAttributeWatch>(
+            attribute,
+            [&inbox = inbox_, source](TipprmiAny const& value) { inbox.leave(source, value); }));
+    }
+
+    Inbox& inbox_;
+    std::vector<Inbox::SourcePtr> sources_;
+    std::vector<std::unique_ptr<TreflectAttributeWatch>> watches_;
+};
+
+std::shared_ptr<WatchedValues> watchValues(Found const& found, Inbox& inbox) {
+    try {
+        return std::make_shared<WatchedValues>(found, inbox);
+    } catch (Failure const&) {
+        return nullptr;  // its class is unknown, or it has gone
+    }
+}
+
+std::shared_ptr<Watched> watchCalls(Found const& found, Events& events) {
+    try {
+        auto const watched = std::make_shared<Watched>(Target{found, "*"}, events);
+        for (std::string const& name : membersOf(watched->object(), "*", Purpose::kWatch).first)
+            watched->watchCalls(name);
+        return watched;
+    } catch (Failure const&) {
+        return nullptr;
+    }
+}
+
+bool isWhole(WatchedValues const& values) {
+    return values.isWhole();
+}
+
+/** What has been missed of calls is not told later: a second watch would tell all others twice. */
+bool isWhole(Watched const&) {
+    return true;
+}
+
+/** What is watched of an object, or is to be. */
+template <class T>
+struct Watch {
+    bool isDone = false;  // nothing is left to be begun
+    int failures = 0;     // without those that were a want of answers
+    std::shared_ptr<T> watching = {};
+
+    bool isBegun() const { return isDone || watching; }
+};
+
+/** An object that is there, and what is watched of it. */
+struct Known {
+    std::string name;
+    Json told = {};  // on the board
+    bool isWatchable = false;
+    Watch<WatchedValues> values = {};
+    Watch<Watched> calls = {};
+};
+
+}  // namespace
+
+// ---- The inside --------------------------------------------------------------------------------
+
+class Hub::Inside {
+public:
+    explicit Inside(Settings const& settings)
+        : board_(static_cast<Board::Version>(unixTime())),
+          asking_(std::min<std::chrono::nanoseconds>(settings.patience(), kLookPatience)),
+          orb_(*TreflectORB::getInstance(NSID_UNIT)),
+          inbox_(*new Inbox),
+          calls_(*new Events),
+          reaper_(*new Reaper),
+          brokers_(*new BrokerFollower),
+          classes_(*new ClassFollower(
+              orb_, ClassFollower::Present::kKnown,
+              [this](TreflectObject const&, std::string const&) { noteCreation(); },
+              [this](TreflectObject const& object, std::string const&) {
+                  noteDeletion(placeOf(object));
+              })) {
+        TreflectHandlerState const inside(true);
+        orb_.registerOrbCreation(&brokers_, false);
+        orb_.registerOrbDeletion(&brokers_);
+        std::thread([this] { tellBoard(); }).detach();
+    }
+
+    Board& board() { return board_; }
+    std::shared_ptr<Listener> listen(Wanted const& wanted);
+    void tend();
+
+private:
+    static constexpr std::chrono::seconds kLookPatience{2};
+
+    using WishesPtr = std::shared_ptr<Wishes const>;
+
+    void leave(Wishes const* wishes);
+    void noteCreation();
+    void noteDeletion(Place place);
+    void tellBoard();
+
+    // The main thread's.
+    void takeNotices();
+    void look();
+    void enter(Forest const& forest);
+    void forgetAbsent(Forest const& forest);
+    void forget(Place place);
+    Json jsonOf(Place place, Node const& node, Forest const& forest) const;
+    bool isSilent(unsigned int broker) const;
+    void ask();
+    void tellProcesses(std::vector<Answer<Facts>> const& facts, double seconds);
+    void tellTraffic(std::vector<Answer<Facts>> const& facts, double seconds);
+    void tellWaits(std::vector<Answer<Facts>> const& facts);
+    std::string nameOfBroker(unsigned int broker) const;
+    void hopeLater();
+    void watchWhatIsWanted();
+    template <class T>
+    void begin(Watch<T> Known::*what, Patterns Wishes::*wanted,
+               std::function<std::shared_ptr<T>(Found const&)> const& watch);
+    template <class T>
+    void end(Watch<T> Known::*what, Patterns Wishes::*wanted);
+    template <class T>
+    void end(Place place, Watch<T>& watch);
+    template <class T>
+    void take(Place place, Watch<T>& watch, Answer<std::shared_ptr<T>> const& answer);
+    std::vector<WishesPtr> presentWishes() const;
+    bool isAnyWished(bool Wishes::*) const;
+
+    Board board_;
+    Asking asking_;
+    TreflectORB& orb_;
+    Inbox& inbox_;
+    Events& calls_;
+    Reaper& reaper_;
+    BrokerFollower& brokers_;
+    ClassFollower& classes_;
+
+    mutable std::mutex mutex_;  // a leaf
+    // Guarded by mutex_, up to the next remark.
+    std::map<Wishes const*, std::weak_ptr<Wishes const>> wishes_;
+    bool haveWishesChanged_ = false;
+    std::vector<Place> deleted_;
+    bool isCreated_ = false;
+
+    // Of the main thread.
+    Processes processes_;
+    std::set<std::string> knownProcesses_;
+    std::map<Place, Known> objects_;
+    std::map<std::string, Facts> before_;  // by the names of processes
+    Clock::time_point asked_ = {};
+    Clock::time_point lookAt_ = {};     // when to look again
+    Clock::time_point notBefore_ = {};  // whatever happens
+    Clock::time_point hopeAt_ = Clock::time_point::max();
+    Clock::time_point stopAt_ = Clock::time_point::max();  // when to end what nobody wants
+    bool isWatchingDue_ = true;
+};
+
+// ---- Listeners ---------------------------------------------------------------------------------
+
+namespace {
+
+class BoardListener final : public Hub::Listener {
+public:
+    BoardListener(Board const& board, std::shared_ptr<Wishes const> wishes, Board::Version since)
+        : board_(board), wishes_(std::move(wishes)), since_(since) {
+        if (!wishes_->values.empty())
+            wish_.values = [this](auto const& name) { return wishes_->values.matches(name); };
+        if (!wishes_->calls.empty())
+            wish_.calls = [this](auto const& name) {
+                return name.empty() || wishes_->calls.matches(name);
+            };
+        wish_.processes = wishes_->processes;
+    }
+
+    std::optional<std::string> next() override {
+        constexpr std::chrono::milliseconds kPace(100);  // slower than that nobody sees it
+        constexpr std::chrono::seconds kSignOfLife(10);
+        std::this_thread::sleep_until(last_ + kPace);
+        auto const end = Clock::now() + kSignOfLife;
+        while (!board_.isClosed()) {
+            auto const left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+            if (left.count() <= 0)
+                return ": still here\n\n";
+            if (!isFirst_)
+                board_.wait(since_, left);
+            isFirst_ = false;
+            std::string const json = board_.take(since_, wish_);
+            last_ = Clock::now();
+            if (!json.empty())
+                return fmt::format("id: {}\ndata: {}\n\n", since_, json);
+            std::this_thread::sleep_for(kPace);
+        }
+        return std::nullopt;
+    }
+
+private:
+    Board const& board_;
+    std::shared_ptr<Wishes const> const wishes_;
+    Board::Wish wish_;
+    Board::Version since_;
+    bool isFirst_ = true;
+    Clock::time_point last_ = {};
+};
+
+}  // namespace
+
+std::shared_ptr<Hub::Listener> Hub::Inside::listen(Wanted const& wanted) {
+    WishesPtr const wishes(
+        new Wishes{Patterns(wanted.names), Patterns(wanted.calls), wanted.processes},
+        [this](Wishes const* gone) {
+            leave(gone);
+            delete gone;
+        });
+    std::lock_guard<std::mutex> const lock(mutex_);
+    if (wishes_.size() >= HttpServer::kMostStreams || board_.isClosed())
+        throw Failure(ExitCode::kTimedOut, "too many listen already");
+    wishes_[wishes.get()] = wishes;
+    haveWishesChanged_ = true;
+    return std::make_shared<BoardListener>(board_, wishes, wanted.since);
+}
+
+void Hub::Inside::leave(Wishes const* wishes) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    wishes_.erase(wishes);
+    haveWishesChanged_ = true;
+}
+
+// ---- What others tell --------------------------------------------------------------------------
+
+void Hub::Inside::noteCreation() {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    isCreated_ = true;
+}
+
+void Hub::Inside::noteDeletion(Place place) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    deleted_.push_back(place);
+}
+
+/** The body of the hub's thread, which goes on to the end of the process. */
+void Hub::Inside::tellBoard() {
+    constexpr std::chrono::milliseconds kPace(50);
+    for (;;) {
+        pollfd ready[] = {{inbox_.descriptor(), POLLIN, 0}, {calls_.descriptor(), POLLIN, 0}};
+        poll(ready, 2, -1);
+        for (auto const& [source, value] : inbox_.take()) {
+            std::string json = source->begin + textOf(show(source->types, 0, value).json) + "]";
+            inbox_.ifWatched(*source, [&, &watched = *source] {
+                board_.put(Piece::kValue, watched.key, std::move(json), watched.object);
+            });
+        }
+        std::size_t lost = 0;
+        for (Event const& event : calls_.take(lost))
+            board_.addEvent(event.json.value("object", ""), textOf(event.json));
+        if (lost > 0)
+            board_.addEvent("", textOf({{"time", unixTime()}, {"event", "lost"}, {"count", lost}}));
+        board_.publish();
+        std::this_thread::sleep_for(kPace);
+    }
+}
+
+// ---- Looking around ----------------------------------------------------------------------------
+
+void Hub::Inside::tend() {
+    constexpr std::chrono::seconds kAskAgain(2);
+    takeNotices();
+    auto const now = Clock::now();
+    if (now >= hopeAt_) {
+        hopeAt_ = Clock::time_point::max();
+        asking_.hopeAgain();
+        lookAt_ = now;
+        isWatchingDue_ = true;
+    }
+    if (now >= lookAt_)
+        look();
+    else if (now - asked_ >= kAskAgain && isAnyWished(&Wishes::processes))
+        ask();
+    watchWhatIsWanted();
+    board_.publish();
+}
+
+bool Hub::Inside::isAnyWished(bool Wishes::*what) const {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    return std::any_of(wishes_.begin(), wishes_.end(),
+                       [what](auto const& one) { return one.first->*what; });
+}
+
+/** They may be looked at as long as one likes, without the mutex. */
+std::vector<Hub::Inside::WishesPtr> Hub::Inside::presentWishes() const {
+    std::vector<WishesPtr> present;
+    std::lock_guard<std::mutex> const lock(mutex_);
+    for (auto const& one : wishes_) {
+        if (WishesPtr wishes = one.second.lock())
+            present.push_back(std::move(wishes));
+    }
+    return present;
+}
+
+void Hub::Inside::takeNotices() {
+    constexpr std::chrono::milliseconds kSoon(100);  // one object seldom comes alone
+    std::deque<BrokerFollower::Change> changes;
+    {
+        TreflectHandlerState const inside(true);
+        changes = brokers_.take();
+    }
+    std::vector<Place> deleted;
+    bool isChanged = !changes.empty();
+    {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        deleted.swap(deleted_);
+        isChanged = std::exchange(isCreated_, false) || isChanged;
+        if (std::exchange(haveWishesChanged_, false)) {
+            constexpr std::chrono::seconds kLinger(5);  // who loads a page anew is back at once
+            isWatchingDue_ = true;
+            stopAt_ = Clock::now() + kLinger;
+        }
+    }
+    for (Place const place : deleted)
+        forget(place);
+    if (isChanged)
+        lookAt_ = std::min(lookAt_, std::max(Clock::now() + kSoon, notBefore_));
+}
+
+/** All objects are asked for their children: when something has come or gone, and no more than a
+ * tenth of the time. */
+void Hub::Inside::look() {
+    constexpr int kShare = 10;
+    auto const begin = Clock::now();
+    lookAt_ = Clock::time_point::max();
+    processes_ = presentProcesses(asking_);
+    Processes newcomers;
+    std::set<std::string> names;
+    for (Process const& process : processes_) {
+        names.insert(process.name());
+        if (knownProcesses_.count(process.name()) == 0)
+            newcomers.push_back(process);
+    }
+    for (std::string const& name : knownProcesses_) {
+        if (names.count(name) == 0)
+            board_.remove(Piece::kProcess, name);
+    }
+    knownProcesses_ = names;
+    classes_.followClassesOf(asking_, newcomers);
+    Objects objects(asking_, processes_);
+    Forest const& forest = objects.all();
+    enter(forest);
+    forgetAbsent(forest);
+    ask();
+    if (std::any_of(processes_.begin(), processes_.end(),
+                    [this](Process const& one) { return asking_.isGivenUp(one.broker()); }))
+        hopeLater();
+    notBefore_ = Clock::now() + (Clock::now() - begin) * kShare;
+}
+
+/** Those that have been given up are asked once more. */
+void Hub::Inside::hopeLater() {
+    constexpr std::chrono::seconds kHope(20);
+    hopeAt_ = std::min(hopeAt_, Clock::now() + kHope);
+}
+
+void Hub::Inside::enter(Forest const& forest) {
+    for (auto const& [place, node] : forest.nodes()) {
+        if (isOfTheSystem(node))
+            continue;
+        Known& known = objects_[place];
+        std::string const name = forest.nameOf(place);
+        bool const isWatchable = node.isReflective && node.answers;
+        isWatchingDue_ = isWatchingDue_ || known.name != name || known.isWatchable != isWatchable;
+        known.name = name;
+        known.isWatchable = isWatchable;
+        if (node.classId != 0)
+            classes_.follow(node.classId, node.className);
+        known.told = jsonOf(place, node, forest);
+        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+    }
+}
+
+Json Hub::Inside::jsonOf(Place place, Node const& node, Forest const& forest) const {
+    Json told = {{"id", idOf(place)},
+                 {"name", forest.nameOf(place)},
+                 {"class", node.className},
+                 {"identifier", node.identifier},
+                 {"process", nameOfBroker(place.broker)},
+                 {"reflective", node.isReflective},
+                 {"answers", node.answers}};
+    if (node.parent && forest.find(*node.parent))
+        told["parent"] = idOf(*node.parent);
+    return told;
+}
+
+bool Hub::Inside::isSilent(unsigned int broker) const {
+    Process const* const owner = ownerOf(processes_, broker);
+    return owner && asking_.isGivenUp(owner->broker());
+}
+
+/** Of a process that does not answer nobody knows what has gone. */
+void Hub::Inside::forgetAbsent(Forest const& forest) {
+    std::vector<Place> absent;
+    for (auto& [place, known] : objects_) {
+        if (forest.find(place))
+            continue;
+        if (!isSilent(place.broker)) {
+            absent.push_back(place);
+            continue;
+        }
+        known.told["answers"] = false;
+        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+    }
+    for (Place const place : absent)
+        forget(place);
+}
+
+void Hub::Inside::forget(Place place) {
+    auto const found = objects_.find(place);
+    if (found == objects_.end())
+        return;
+    Known known = std::move(found->second);
+    objects_.erase(found);
+    end(place, known.values);
+    end(place, known.calls);
+    board_.forgetValues(idOf(place) + "/");
+    board_.remove(Piece::kObject, idOf(place));
+}
+
+// ---- What processes tell of themselves ---------------------------------------------------------
+
+void Hub::Inside::ask() {
+    auto const facts = askProcessObjects<Facts>(asking_, processes_, factsOf);
+    auto const now = Clock::now();
+    double const seconds = std::chrono::duration<double>(now - asked_).count();
+    asked_ = now;
+    tellProcesses(facts, seconds);
+    tellTraffic(facts, seconds);
+    tellWaits(facts);
+    before_.clear();
+    for (std::size_t i = 0; i < processes_.size(); ++i) {
+        if (facts[i])
+            before_[processes_[i].name()] = facts[i].value;
+    }
+}
+
+std::string Hub::Inside::nameOfBroker(unsigned int broker) const {
+    return broker == orb_.orbId().value() ? "reflectorb web" : nameOfOwner(processes_, broker);
+}
+
+void Hub::Inside::tellProcesses(std::vector<Answer<Facts>> const& facts, double seconds) {
+    for (std::size_t i = 0; i < processes_.size(); ++i) {
+        std::string const name = processes_[i].name();
+        Json told = {{"process", name}};
+        told.update(::jsonOf(processes_[i], facts[i]));
+        auto const before = before_.find(name);
+        if (facts[i] && before != before_.end())
+            told["callsPerSecond"] = rateOf(before->second.sent(), facts[i].value.sent(), seconds);
+        board_.put(Piece::kProcess, name, textOf(told));
+    }
+}
+
+void Hub::Inside::tellTraffic(std::vector<Answer<Facts>> const& facts, double seconds) {
+    struct Flow {
+        std::uint64_t sent = 0;
+        std::uint64_t failed = 0;
+    };
+    using Flows = std::map<std::pair<std::string, std::string>, Flow>;
+    Flows flows;
+    Flows before;
+    auto const add = [this](Flows& to, std::string const& from, Facts const& told) {
+        for (processobject::Traffic const& counted : told.traffic) {
+            Flow& flow = to[{from, nameOfBroker(counted.destination)}];
+            flow.sent += counted.sent;
+            flow.failed += counted.failed;
+        }
+    };
+    for (std::size_t i = 0; i < processes_.size(); ++i)
+        add(flows, processes_[i].name(), facts[i].value);
+    for (auto const& told : before_)
+        add(before, told.first, told.second);
+    Json edges = Json::array();
+    for (auto const& [between, flow] : flows)
+        edges.push_back({{"from", between.first},
+                         {"to", between.second},
+                         {"sent", flow.sent},
+                         {"failed", flow.failed},
+                         {"callsPerSecond", rateOf(before[between].sent, flow.sent, seconds)}});
+    board_.put(Piece::kView, "traffic", textOf({{"view", "traffic"}, {"edges", edges}}));
+}
+
+void Hub::Inside::tellWaits(std::vector<Answer<Facts>> const& facts) {
+    std::vector<WaitingCall> calls;
+    for (std::size_t i = 0; i < processes_.size(); ++i) {
+        for (processobject::Call const& call : facts[i].value.calls) {
+            auto const object = objects_.find({call.target, call.object});
+            if (call.milliseconds > 0)
+                calls.push_back(waitingCall(processes_[i].name(), call, nameOfBroker(call.target),
+                                            object == objects_.end() ? "" : object->second.name));
+        }
+    }
+    Json all = Json::array();
+    for (WaitingCall const& call : calls)
+        all.push_back(call.json());
+    board_.put(Piece::kView, "waits",
+               textOf({{"view", "waits"}, {"waits", all}, {"cycles", cyclesOf(calls)}}));
+}
+
+// ---- Watching ----------------------------------------------------------------------------------
+
+void Hub::Inside::watchWhatIsWanted() {
+    bool const mayStop = Clock::now() >= stopAt_;
+    if (!isWatchingDue_ && !mayStop)
+        return;
+    isWatchingDue_ = false;
+    if (mayStop)
+        stopAt_ = Clock::time_point::max();
+    if (mayStop) {
+        end(&Known::values, &Wishes::values);
+        end(&Known::calls, &Wishes::calls);
+    }
+    begin<WatchedValues>(&Known::values, &Wishes::values,
+                         [this](Found const& found) { return watchValues(found, inbox_); });
+    begin<Watched>(&Known::calls, &Wishes::calls,
+                   [this](Found const& found) { return ::watchCalls(found, calls_); });
+}
+
+namespace {
+
+bool isWanted(std::vector<std::shared_ptr<Wishes const>> const& all, Patterns Wishes::*what,
+              std::string const& name) {
+    return std::any_of(all.begin(), all.end(),
+                       [&](auto const& wishes) { return ((*wishes).*what).matches(name); });
+}
+
+}  // namespace
+
+template <class T>
+void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted,
+                        std::function<std::shared_ptr<T>(Found const&)> const& watch) {
+    auto const wishes = presentWishes();
+    auto begun = static_cast<std::size_t>(
+        std::count_if(objects_.begin(), objects_.end(),
+                      [what](auto const& object) { return (object.second.*what).isBegun(); }));
+    std::vector<TreflectOrbId> brokers;
+    std::vector<Found> found;
+    for (auto const& [place, known] : objects_) {
+        Watch<T> const& known_ = known.*what;
+        bool const hasRoom = known_.isBegun() || begun < kMostWatched;
+        if (known_.isDone || !hasRoom || !known.isWatchable ||
+            !isWanted(wishes, wanted, known.name))
+            continue;
+        begun += !known_.isBegun();
+        brokers.emplace_back(place.broker);
+        found.push_back({known.name, place});
+    }
+    auto const answers = asking_.each<std::shared_ptr<T>>(
+        brokers, [found, watch](std::size_t number) -> std::optional<std::shared_ptr<T>> {
+            return watch(found[number]);
+        });
+    for (std::size_t i = 0; i < found.size(); ++i)
+        take(found[i].place, objects_.at(found[i].place).*what, answers[i]);
+}
+
+/** One that could not be begun is tried again: as often as it takes when its process has not
+ * answered in time, and else a few times, since its class may be learned. */
+template <class T>
+void Hub::Inside::take(Place place, Watch<T>& watch, Answer<std::shared_ptr<T>> const& answer) {
+    constexpr int kMostFailures = 3;
+    int const failures = watch.failures + !answer.timedOut();
+    if (answer.value) {
+        end(place, watch);
+        watch.watching = answer.value;
+    }
+    watch.failures = failures;
+    watch.isDone = (answer.value && isWhole(*answer.value)) || failures >= kMostFailures;
+    if (!watch.isDone)
+        hopeLater();
+}
+
+/** Ends those that nobody wants. */
+template <class T>
+void Hub::Inside::end(Watch<T> Known::*what, Patterns Wishes::*wanted) {
+    auto const wishes = presentWishes();
+    for (auto& [place, known] : objects_) {
+        Watch<T>& watch = known.*what;
+        if (!watch.isBegun() || isWanted(wishes, wanted, known.name))
+            continue;
+        end(place, watch);
+        if constexpr (std::is_same_v<T, WatchedValues>)
+            board_.forgetValues(idOf(place) + "/");
+    }
+}
+
+template <class T>
+void Hub::Inside::end(Place place, Watch<T>& watch) {
+    if constexpr (std::is_same_v<T, WatchedValues>) {
+        if (watch.watching)
+            watch.watching->stop();
+    }
+    reaper_.take(place, std::move(watch.watching));
+    watch = {};
+}
+
+// ---- The outside -------------------------------------------------------------------------------
+
+Hub::Hub(Settings const& settings) : inside_(*new Inside(settings)) {}
+
+std::shared_ptr<Hub::Listener> Hub::listen(Wanted const& wanted) {
+    return inside_.listen(wanted);
+}
+
+Board const& Hub::board() const {
+    return inside_.board();
+}
+
+void Hub::tend() {
+    inside_.tend();
+}
+
+void Hub::close() {
+    inside_.board().close();
+}
