@@ -41,7 +41,11 @@ endforeach()
 
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    PATTERN docs/api EXCLUDE
     PATTERN CMakeLists.txt EXCLUDE
     PATTERN installed.cmake EXCLUDE)
-install(FILES examples/house/installed.cmake DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/house"
-    RENAME CMakeLists.txt)
+foreach(example hello house machine)
+    install(FILES examples/${example}/installed.cmake
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/${example}"
+        RENAME CMakeLists.txt)
+endforeach()
