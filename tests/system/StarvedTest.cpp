@@ -120,6 +120,21 @@ TEST_P(StarvedMeetingTest, starvedStrangersFailOrMeetAServer) {
 /** Between two of the starts. */
 constexpr unsigned long kStep = testsupport::kSlow ? 64 : 16;
 
+TEST(StarvedStartTest, aProcessStartsOnceThereIsMemory) {
+    testsupport::RendezvousFolder const folder;
+    bool more = true;
+    for (unsigned long n = 1; more && n < kMost && !testing::Test::HasFailure();
+         n += testsupport::kSlow ? 5 : 1) {
+        SCOPED_TRACE(n);
+        StationActor actor;
+        actor.does("starve " + std::to_string(n) + " 0");
+        actor.does("serve own");
+        more = actor.does("feed");
+        EXPECT_TRUE(actor.does("serve now"));
+        actor.finish();
+    }
+}
+
 /** All begin at once, and look for each other at once. */
 TEST(StarvedStartTest, allFindEachOtherOnceThereIsMemory) {
     bool more = true;

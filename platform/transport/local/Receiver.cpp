@@ -74,11 +74,11 @@ bool Receiver::prepare() {
 
 bool Receiver::start(OpenSocket listening) {
     return startWith(std::move(listening), [this] {
-        auto* thread = new ReceivingThread(shared_from_this());
-        if (thread->start())
-            return true;
-        delete thread;
-        return false;
+        auto thread = std::make_unique<ReceivingThread>(shared_from_this());
+        if (!thread->start())
+            return false;
+        (void)thread.release();  // deletes itself
+        return true;
     });
 }
 
@@ -89,15 +89,21 @@ bool Receiver::start(OpenSocket listening, ReceiverPool& pool) {
 bool Receiver::startWith(OpenSocket listening, std::function<bool()> const& startThread) {
     if (!acceptor_.listen(std::move(listening)))
         return false;
-    {
-        OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-        started_ = true;
+    setStarted(true);  // before the thread, which may end at once
+    try {
+        if (startThread())
+            return true;
+    } catch (...) {
+        setStarted(false);
+        throw;
     }
-    if (startThread())
-        return true;
-    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
-    started_ = false;
+    setStarted(false);
     return false;
+}
+
+void Receiver::setStarted(bool now) {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(change_);
+    started_ = now;
 }
 
 void Receiver::beginToStop() {

@@ -164,6 +164,7 @@ private:
     void serveTimers();
     void serveTimers(Channel& channel, long long now, bool idleLook);
     bool started();
+    void setStarted(bool now);
     void takeRingsBack();
     void finish();
     void closeInbox();
