@@ -46,6 +46,39 @@ void callWithoutEnd(Field& field, Line& line) {
             line.link.ring();
 }
 
+/** Has large answers made for it, and takes none of them. */
+void neverListen(Field& field, Line& line) {
+    for (int i = 0; i < 20; ++i)
+        if (!line.link.put(
+                call(field.number(), request, line.object, kEcho, text(std::string(60'000, 'x')))))
+            line.link.ring();
+    line.link.ring();
+}
+
+/** Messages of the largest size, each of which comes but for its end, or goes on with another. */
+void leaveUnfinished(Field& field, Line& line) {
+    constexpr std::uint32_t kPiece = 60'000;
+    constexpr std::uint32_t kLargest = 16 * 1024 * 1024;
+    static std::uint32_t left = 0;
+    std::string const piece(kPiece, 'x');
+    for (int i = 0; i < 40; ++i) {
+        std::uint32_t const frame = Transport::frameBytes(kPiece);
+        if (left <= kPiece)
+            left = field.dice(4) == 0 ? kPiece + field.dice(kLargest) : kLargest;
+        for (int tries = 0; line.link.unread() + frame > line.link.own.ring.capacity; ++tries) {
+            line.link.ring();
+            line.link.hear(1);
+            if (line.link.ended || tries == 20)
+                return;
+        }
+        std::uint32_t const tail = line.link.own.page().tail.load();
+        line.link.writeFrame(tail, {kPiece, left}, piece);
+        line.link.own.page().tail.store(tail + frame);
+        left -= kPiece;
+    }
+    line.link.ring();
+}
+
 /** Answers to what others were asked: all transaction ids that a victim can have in use. */
 void forgeResponses(Field&, Line& line) {
     std::uint32_t const victim = line.victim.id.value();
@@ -101,6 +134,8 @@ void sendOddHeaders(Field& field, Line& line) {
 
 Attacks brokerAttacks() {
     return {{"notes", "sends one-way calls without end", overLine<callWithoutEnd>},
+            {"deaf", "asks for large answers and takes none", overLine<neverListen>},
+            {"pieces", "sends large messages but for their ends", overLine<leaveUnfinished>},
             {"responses", "answers what others were asked", overLine<forgeResponses>},
             {"lengths", "sends requests that claim to be longer", overLine<lieInLengths>},
             {"headers", "sends headers of no type and no kind", overLine<sendOddHeaders>}};
