@@ -21,8 +21,8 @@ void require(bool holds) {
 HttpRequest requestOf(fuzz::Script& script) {
     constexpr char const* kHeaders[] = {"host", "origin", "authorization", "content-type",
                                         "last-event-id"};
-    constexpr char const* kParameters[] = {"name",  "values",    "calls",
-                                           "class", "processes", "token"};
+    constexpr char const* kParameters[] = {"name",      "values", "calls", "class",
+                                           "processes", "token",  "id",    "member"};
     HttpRequest request;
     request.method = script.byte() & 1 ? "POST" : "GET";
     request.path = script.text();
@@ -97,7 +97,9 @@ void runHttp(std::uint8_t const* data, std::size_t size) {
     std::optional<Wanted> const wanted = wantedIn(request);
     if (!wanted)
         return;
-    require(!wanted->changes() || (request.method == "POST" && !wanted->names.empty()));
+    bool const isNamed = wanted->names.empty() != wanted->ids.empty();
+    require(!wanted->changes() || (request.method == "POST" && isNamed));
+    require(!wanted->changes() || wanted->ids.empty() || !wanted->member.empty());
     convert(wanted->value);
     for (Json const& argument : wanted->arguments)
         convert(argument);

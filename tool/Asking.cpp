@@ -20,6 +20,11 @@ void Asking::hopeAgain() {
     givenUp_.clear();
 }
 
+void Asking::hopeAgain(TreflectOrbId broker) {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    givenUp_.erase(broker);
+}
+
 bool Asking::isGivenUp(TreflectOrbId broker) const {
     std::lock_guard<std::mutex> const lock(mutex_);
     return givenUp_.count(broker) != 0;

@@ -56,8 +56,9 @@ public:
     /** Says that a broker's process is known not to answer. */
     void giveUp(TreflectOrbId broker);
     bool isGivenUp(TreflectOrbId broker) const;
-    /** Asks those again that have been given up. */
+    /** Asks those again that have been given up; or one of them. */
     void hopeAgain();
+    void hopeAgain(TreflectOrbId broker);
     /** Whether threads are still at work that nobody waits for. */
     bool isBusy() const;
 

@@ -135,7 +135,7 @@ namespace {
 
 std::vector<std::string> membersLike(TreflectObject const& object, Kind kind,
                                      std::string const& pattern) {
-    if (!Wildcard::isIn(pattern))
+    if (kind == Kind::kOne || !Wildcard::isIn(pattern))
         return {pattern};
     Wildcard const wildcard(pattern);
     std::vector<std::string> names;
@@ -197,11 +197,8 @@ std::vector<Target> targetsOf(Tool& tool, std::vector<std::string> const& paths)
     return targets;
 }
 
-}  // namespace
-
-std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, Kind kind,
+std::vector<Done> useTargets(Asking& asking, std::vector<Target> targets, Kind kind,
                              Use const& use) {
-    std::vector<Target> targets = targetsOf(tool, paths);
     std::map<unsigned int, std::vector<std::size_t>> ofBroker;
     for (std::size_t i = 0; i < targets.size(); ++i) {
         if (targets[i].object.place.isSomewhere())
@@ -214,7 +211,7 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
         numbers.push_back(entry.second);
     }
     using All = std::vector<std::vector<Done>>;
-    auto const answers = tool.asking().each<All>(
+    auto const answers = asking.each<All>(
         brokers, [targets, numbers, kind, use](std::size_t broker) -> std::optional<All> {
             All all;
             for (std::size_t const number : numbers[broker])
@@ -234,6 +231,21 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
     for (Target const& target : targets)
         done.insert(done.end(), target.done.begin(), target.done.end());
     return done;
+}
+
+}  // namespace
+
+std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, Kind kind,
+                             Use const& use) {
+    return useTargets(tool.asking(), targetsOf(tool, paths), kind, use);
+}
+
+std::vector<Done> useMember(Asking& asking, std::vector<Found> const& objects,
+                            std::string const& member, Use const& use) {
+    std::vector<Target> targets;
+    for (Found const& object : objects)
+        targets.push_back({object, member, {}});
+    return useTargets(asking, std::move(targets), Kind::kOne, use);
 }
 
 ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName) {

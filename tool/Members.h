@@ -63,12 +63,16 @@ std::optional<Shown> callForValue(TreflectOperation& operation, Encode const& en
 /** What is done with one member of an object, under the run permission; may throw a Failure. */
 using Use =
     std::function<std::optional<Shown>(TreflectObject const& object, std::string const& member)>;
-/** Which members of a class a pattern of names may mean. */
-enum class Kind { kAttributes, kOperations };
+/** Which members of a class a name may mean: as a pattern those of a kind, or the very one. */
+enum class Kind { kAttributes, kOperations, kOne };
 /** Does it with all that the paths tell, objects of one broker one after the other. The results in
  * the order of the paths; a path that leads nowhere has one, too. */
 std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, Kind kind,
                              Use const& use);
+
+/** The same with a member, told by its very name, of objects that have been found. */
+std::vector<Done> useMember(Asking& asking, std::vector<Found> const& objects,
+                            std::string const& member, Use const& use);
 
 /** Writes what has been done: values, failures. The first failure counts. */
 ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);

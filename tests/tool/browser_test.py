@@ -125,8 +125,29 @@ class BrowserTest(HouseTest):
             browser.send("POST", browser.element(level) + "/clear")
             browser.type(level, "101\ue007")
             browser.sees("#object output.bad", "TooBright")
-            browser.do("delete document.querySelector(arguments[0]).dataset.edited", level)
-            browser.do("document.activeElement.blur()")
+            run("set", "/house/hall/Level", "43")
+            browser.sees("[data-attribute=Level] .beside", "is 43")
+            browser.picture("edited")
+            browser.type(level, "\ue00c")  # Escape
+            browser.sees(level, "43")
+            self.assertNotIn("TooBright", browser.do("return get('object').textContent"))
+        with self.subTest("load anew, and without the token"):
+            browser.send("POST", "/refresh")
+            browser.sees("#state", "live")
+            browser.sees("#object h2", "/house/hall")
+            browser.do("sessionStorage.token = 'another one, of before'; location.reload()")
+            browser.sees("#state", "no access")
+            browser.picture("door")
+            browser.type("#token", gateway.address.geturl() + "\ue007")
+            browser.sees("#state", "live")
+            browser.sees("#object h2", "/house/hall")
+            browser.until("return !get('door').classList.contains('shown')")
+            browser.type("#find", "hall")
+            browser.until("return document.querySelectorAll('#tree .row').length === 1")
+        with self.subTest("numbers keep their digits"):
+            json_text = r'[18446744073709551615, -1, 1e17, "\"12345678901234567890"]'
+            self.assertEqual(browser.do("return parse(arguments[0])", json_text),
+                             ["18446744073709551615", -1, 1e17, '"12345678901234567890'])
         with self.subTest("call"):
             operation = "[data-operation=blink] "
             browser.type(operation + "label:nth-of-type(1) input", "2")
@@ -134,7 +155,7 @@ class BrowserTest(HouseTest):
             browser.click(operation + "button")
             browser.sees("[data-result=blink]", "true")
         with self.subTest("see a change made elsewhere"):
-            browser.click("[data-attribute=Level] button[type=button]")  # plot
+            browser.click("[data-attribute=Level] [aria-pressed]")  # plot
             run("set", "/house/hall/Level", "77")
             browser.sees(level, "77")
             browser.sees("#tree .row .values", "Level 77")
@@ -161,8 +182,24 @@ class BrowserTest(HouseTest):
                        "one => one.textContent === 'Lamp').click()")
             browser.sees("#class", "blink")
             browser.picture("classes")
-        with self.subTest("lose and regain a process"):
+        with self.subTest("one of two with one name"):
             browser.click("a[href='#objects']")
+            other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+            browser.sees("#tree .row .class", "Lamp of other.")
+            browser.picture("namesakes")
+            browser.do("[...document.querySelectorAll('#tree .row')].find("
+                       "one => one.textContent.includes('of other.')).click()")
+            browser.sees("#object .hint", "Lamp of other.")
+            browser.sees(level, "10")
+            browser.send("POST", browser.element(level) + "/clear")
+            browser.type(level, "11\ue007")
+            browser.until("return !document.querySelector(arguments[0]).dataset.edited", level)
+            other.end(signal.SIGKILL)
+            browser.sees("#object", "It has gone.")  # and the other one is not taken for it
+            self.assertEqual(run("get", "/house/hall/Level").stdout, "77\n")
+            browser.click("#tree .row")
+            browser.sees("#object .hint", "Lamp of house.")
+        with self.subTest("lose and regain a process"):
             self.house.end(signal.SIGKILL)
             browser.sees("#object", "It has gone.")
             browser.until("return document.querySelectorAll('#tree .row').length === 0")
@@ -188,7 +225,7 @@ class BrowserTest(HouseTest):
             browser.do("[...rows.values()].find(one => one.children[1].textContent === 'memory')"
                        ".click()")
             browser.sees("#object h2", "/machine/memory")
-            browser.click("[data-attribute=Free] button[type=button]")
+            browser.click("[data-attribute=Free] [aria-pressed]")
             browser.until("return plot.points.length > 3")
             browser.picture("page")
         with self.subTest("lose and regain the gateway"):
@@ -201,4 +238,4 @@ class BrowserTest(HouseTest):
 
 if __name__ == "__main__":
     os.makedirs(PICTURES, exist_ok=True)
-    unittest.main(argv=["browser_test.py"], verbosity=2)
+    unittest.main(argv=["browser_test.py"], verbosity=2, failfast=True)

@@ -18,10 +18,11 @@ from tool_test import HOUSE, PATIENCE, TOOL, HouseTest, Process, run
 class Stream:
     """The state that an event stream tells."""
 
-    def __init__(self, gateway, query="values=**"):
+    def __init__(self, gateway, query="values=**", headers=()):
         self.socket = gateway.connect()
-        self.socket.sendall(gateway.request("GET", "/api/events?" + query))
+        self.socket.sendall(gateway.request("GET", "/api/events?" + query, headers))
         self.raw = b""
+        self.last = self.afresh = 0
         self.objects, self.values, self.calls = {}, {}, []
 
     def until(self, holds):
@@ -35,12 +36,15 @@ class Stream:
             *whole, self.raw = self.raw.split(b"\n\n")
             for event in whole:
                 for line in event.splitlines():
+                    if line.startswith(b"id: "):
+                        self.last = int(line[4:])
                     if line.startswith(b"data: "):
                         self.take(json.loads(line[6:]))
 
     def take(self, news):
         if news.get("afresh"):
             self.objects, self.values = {}, {}
+            self.afresh += 1
         self.objects.update((one["id"], one) for one in news.get("objects", []))
         for gone in news.get("gone", {}).get("objects", []):
             del self.objects[gone]
@@ -53,6 +57,14 @@ class Stream:
     def value(self, name, attribute):
         return {self.values.get((one["id"], attribute)) for one in self.objects.values()
                 if one["name"] == name}
+
+
+def until(holds):
+    end = time.monotonic() + PATIENCE
+    while not holds():
+        if time.monotonic() > end:
+            raise AssertionError("waited in vain")
+        time.sleep(0.02)
 
 
 class Gateway:
@@ -106,7 +118,8 @@ class WebTest(HouseTest):
                 ("GET", "/api/", {"Origin": own}, b"", 200),
                 ("GET", "/api/?token=" + gateway.token, {"Authorization": None}, b"", 200),
                 ("GET", "/api/", {"Authorization": None}, b"", 403),
-                ("GET", "/", {"Authorization": None}, b"", 403),
+                ("GET", "/", {"Authorization": None}, b"", 200),  # it has a field for the token
+                ("GET", "/", {"Authorization": None, "Host": "evil.example"}, b"", 403),
                 ("GET", "/metrics", {"Authorization": None}, b"", 403),
                 ("GET", "/api/events", {"Authorization": None}, b"", 403),
                 ("GET", "/api/?token=", {"Authorization": "Bearer "}, b"", 403),
@@ -184,6 +197,48 @@ class WebTest(HouseTest):
         self.assertRegex(told, r'reflectorb_answer_seconds_bucket\{process="%s",le="\+Inf"\} 1\n' %
                          process)
 
+    def test_of_two_with_one_name_the_one_with_the_id_is_meant(self):
+        other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
+        gateway = Gateway(self, "--allow-changes")
+        find = lambda process: [
+            one["id"] for one in json.loads(gateway.ask("GET", "/api/list?name=/house/hall")[1])[
+                "objects"] if one["process"].startswith(process)]
+        (own,), (others,) = find("house."), find("other.")
+        get = lambda member, one: json.loads(gateway.ask(
+            "GET", "/api/get?member=%s&id=%s" % (member, one))[1])["values"][0]
+        for path, body, status in [
+                ("/api/set", {"id": others, "member": "Level", "value": 30}, 200),
+                ("/api/call", {"id": others, "member": "blink", "arguments": [1, "x"]}, 200),
+                ("/api/set", {"id": [others, "1:2"], "member": "Level", "value": 31}, 200),
+                ("/api/set", {"id": others, "member": "*", "value": 1}, 404),
+                ("/api/set", {"id": others, "value": 1}, 400),
+                ("/api/set", {"id": others, "name": "/house/hall/Level", "value": 1}, 400),
+                ("/api/set", {"id": "x", "member": "Level", "value": 1}, 404)]:
+            with self.subTest(body=body):
+                answered, told = gateway.post(path, body)
+                self.assertEqual(answered, status, told)
+        self.assertEqual([get("Level", own)["value"], get("Level", others)["value"]], [10, 31])
+        shown = json.loads(gateway.ask("GET", "/api/show?id=" + others)[1])["objects"]
+        self.assertEqual([one["process"] for one in shown], ["other.%d" % other.child.pid])
+        other.end(signal.SIGKILL)
+        until(lambda: "no more" in gateway.ask("GET", "/api/get?member=Level&id=" + others)[1])
+        self.assertEqual(gateway.post("/api/set", {"id": others, "member": "Level", "value": 1})[0],
+                         404)
+        self.assertEqual(get("Level", own)["value"], 10)
+
+    def test_who_comes_back_is_told_what_has_changed(self):
+        gateway = Gateway(self)
+        first = Stream(gateway)
+        first.until(lambda: first.value("/house/hall", "Level") == {10})
+        first.socket.close()
+        run("set", "/house/hall/Level", "20")
+        again = Stream(gateway, headers={"Last-Event-ID": str(first.last)})
+        again.until(lambda: ("Level", 20) in [(key[1], one) for key, one in again.values.items()])
+        self.assertEqual((again.afresh, again.objects), (0, {}))
+        unknown = Stream(gateway, headers={"Last-Event-ID": "1"})
+        unknown.until(lambda: unknown.value("/house/hall", "Level") == {20})
+        self.assertEqual(unknown.afresh, 1)
+
     def test_a_stream_tells_what_others_change_and_who_comes_and_goes(self):
         gateway = Gateway(self)
         stream = Stream(gateway, "values=/house/*&calls=**")
@@ -217,21 +272,42 @@ class WebTest(HouseTest):
         status, told = gateway.ask("GET", "/api/processes")
         self.assertEqual(sorted(one["state"] for one in json.loads(told)["processes"]),
                          ["ok", "stopped"])
-        late = Stream(gateway)
+        late = Stream(gateway, "values=**&processes=1")
         late.until(lambda: "/house/hall" in late.names())
         self.assertLess(time.monotonic() - begin, PATIENCE / 2)
+        answer = lambda: {one["answers"] for one in late.objects.values() if
+                          one["process"].startswith("house.")}
+        late.until(lambda: answer() == {False})
         self.house.child.send_signal(signal.SIGCONT)
+        begin = time.monotonic()
+        late.until(lambda: answer() == {True})
+        self.assertLess(time.monotonic() - begin, 10)  # at once, not when it is asked now and then
         streams = [Stream(gateway) for _ in range(14)]
-        for stream in streams:
-            stream.until(lambda stream=stream: stream.names())
+        for one in streams:
+            one.until(lambda one=one: one.names())
         self.assertEqual(gateway.ask("GET", "/api/events")[0], 503)
+        for one in streams:
+            one.socket.close()
+        begin = time.monotonic()
+        until(lambda: Stream(gateway).socket.recv(12) == b"HTTP/1.1 200")
+        self.assertLess(time.monotonic() - begin, 9)  # before it would get a sign of life
         self.assertEqual(slow.recv(100), b"")  # its time is over, and nobody else waits for it
         self.assertEqual(gateway.ask("GET", "/api/")[0], 200)
-        slow = gateway.connect()
+
+    def test_it_ends_at_once_whoever_is_connected(self):
+        gateway = Gateway(self)
+        idle, slow, deaf = gateway.connect(), gateway.connect(), gateway.connect()
         slow.sendall(b"GET /api/")
+        deaf.sendall(gateway.request("GET", "/api/events?values=**"))
+        stream = Stream(gateway)
+        stream.until(lambda: stream.value("/house/hall", "Level") == {10})
+        self.house.stop()
+        asking = gateway.connect()
+        asking.sendall(gateway.request("GET", "/api/get?name=/house/hall/Level"))
         begin = time.monotonic()
-        self.assertEqual(gateway.process.end(signal.SIGINT), 0)
-        self.assertLess(time.monotonic() - begin, 9)  # it has ten seconds for its request
+        self.assertEqual(gateway.process.end(signal.SIGTERM), 0)
+        self.assertLess(time.monotonic() - begin, 3)
+        self.assertEqual(idle.recv(1), b"")
 
 
 if __name__ == "__main__":

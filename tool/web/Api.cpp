@@ -4,7 +4,6 @@
 
 #include "Descriptions.h"
 #include "Facts.h"
-#include "Members.h"
 #include "Showing.h"
 #include "Waiting.h"
 #include "Wildcard.h"
@@ -75,7 +74,10 @@ struct Look {
 
 std::optional<HttpResponse> Api::refuse(HttpRequest const& request) const {
     try {
-        gate_.check(request);
+        if (Wanted::isPage(request))
+            gate_.checkWay(request);
+        else
+            gate_.check(request);
         if (Wanted::changes(Wanted::whatOf(request)))
             gate_.checkChange();
         return std::nullopt;
@@ -139,13 +141,32 @@ HttpResponse Api::members(Wanted const& wanted) const {
         return what == What::kSet ? setAttribute(attribute, encode) : readAttribute(attribute);
     };
     Look look(settings_);
-    std::vector<Done> const done =
-        useMembers(look.tool, wanted.names, isCall ? Kind::kOperations : Kind::kAttributes, use);
+    Kind const kind = isCall ? Kind::kOperations : Kind::kAttributes;
+    std::vector<Done> const done = wanted.ids.empty()
+                                       ? useMembers(look.tool, wanted.names, kind, use)
+                                       : membersById(wanted, use);
     Json all = Json::array();
     for (Done const& one : done)
         all.push_back(one.json());
     return document({{isCall ? "calls" : "values", all}},
                     done.size() == 1 ? statusOf(done.front().outcome) : 200);
+}
+
+/** Those that have gone come last. */
+std::vector<Done> Api::membersById(Wanted const& wanted, Use const& use) const {
+    std::vector<Found> present;
+    std::vector<Done> gone;
+    for (std::string const& id : wanted.ids) {
+        try {
+            present.push_back(hub_.find(id));
+        } catch (Failure const& why) {
+            gone.push_back({id, wanted.member, std::nullopt, why.outcome(), why.what()});
+        }
+    }
+    Look look(settings_);
+    std::vector<Done> done = useMember(look.tool.asking(), present, wanted.member, use);
+    done.insert(done.end(), gone.begin(), gone.end());
+    return done;
 }
 
 HttpResponse Api::events(Wanted const& wanted) const {
@@ -185,12 +206,17 @@ Json Api::list(Wanted const& wanted) const {
 
 Json Api::show(Wanted const& wanted) const {
     Look look(settings_);
-    Json all = Json::array();
+    std::vector<Found> found;
     for (std::string const& name : wanted.names) {
-        for (Found const& found : look.tool.objects().find(name))
-            all.push_back(jsonOf(found, nameOfOwner(look.tool.processes(), found.place.broker),
-                                 describe(look.tool.asking(), found)));
+        std::vector<Found> const like = look.tool.objects().find(name);
+        found.insert(found.end(), like.begin(), like.end());
     }
+    for (std::string const& id : wanted.ids)
+        found.push_back(hub_.find(id));
+    Json all = Json::array();
+    for (Found const& one : found)
+        all.push_back(jsonOf(one, nameOfOwner(look.tool.processes(), one.place.broker),
+                             describe(look.tool.asking(), one)));
     return {{"objects", all}};
 }
 

@@ -1,6 +1,7 @@
 // What the gateway answers.
 #pragma once
 
+#include "Members.h"
 #include "Settings.h"
 #include "web/Gate.h"
 #include "web/Http.h"
@@ -22,6 +23,7 @@ public:
 private:
     HttpResponse answer(Wanted const& wanted);
     HttpResponse members(Wanted const& wanted) const;
+    std::vector<Done> membersById(Wanted const& wanted, Use const& use) const;
     HttpResponse events(Wanted const& wanted) const;
     Json about() const;
     Json list(Wanted const& wanted) const;

@@ -176,6 +176,12 @@ std::string Board::take(Version& since, Wish const& wish) const {
     return json.empty() ? json : "{" + json + "}";
 }
 
+std::string Board::find(Kind kind, std::string const& key) const {
+    std::lock_guard<std::mutex> const lock(mutex_);
+    auto const found = places_.find({kind, key});
+    return found == places_.end() ? "" : found->second->content->json;
+}
+
 std::string Board::all(Kind kind) const {
     std::lock_guard<std::mutex> const lock(mutex_);
     std::string list;

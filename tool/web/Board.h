@@ -57,6 +57,8 @@ public:
     /** A JSON object with all that is newer than `since`, which becomes the version of now; empty
      * for nothing. See docs/web-api.md. */
     std::string take(Version& since, Wish const& wish) const;
+    /** A piece; empty when there is none. */
+    std::string find(Kind kind, std::string const& key) const;
     /** The pieces of a kind, with commas between them. */
     std::string all(Kind kind) const;
 

@@ -29,13 +29,17 @@ bool isAddress(std::string const& host) {
 
 }  // namespace
 
-void Gate::check(HttpRequest const& request) const {
+void Gate::checkWay(HttpRequest const& request) const {
     std::string const host = request.header("host");
     if (!isOurs(host))
         throw Failure(ExitCode::kNoAccess, "this is not the host that is asked for");
     bool const hasOrigin = request.headers.count("origin") != 0;
     if (hasOrigin && request.header("origin") != "http://" + host)
         throw Failure(ExitCode::kNoAccess, "a page of elsewhere asks");
+}
+
+void Gate::check(HttpRequest const& request) const {
+    checkWay(request);
     if (!hasToken(request))
         throw Failure(ExitCode::kNoAccess,
                       "the token is missing: open the address that reflectorb web has printed");

@@ -23,6 +23,9 @@ public:
 
     /** Throws a Failure with kNoAccess, if it is not to be answered. */
     void check(HttpRequest const& request) const;
+    /** The same for what anybody may have who comes by the right way: the bare page, which tells
+     * nothing and holds the token itself. */
+    void checkWay(HttpRequest const& request) const;
     /** The same for one that is to change something. */
     void checkChange() const;
     bool mayChange() const { return rules_.mayChange; }

@@ -10,8 +10,10 @@
 #include <cctype>
 #include <condition_variable>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -69,9 +71,10 @@ public:
     explicit Connection(int socket) : socket_(socket), end_(Clock::now() + HttpServer::kPatience) {}
 
     bool is_readable() const override { return true; }
+    /** Whether the other one is there: who has closed its side does not listen to a stream. */
     bool is_writable() const override {
-        pollfd ready{socket_, POLLOUT, 0};
-        return poll(&ready, 1, 0) == 0 || (ready.revents & (POLLERR | POLLHUP)) == 0;
+        pollfd ready{socket_, POLLRDHUP, 0};
+        return poll(&ready, 1, 0) == 0;
     }
     ssize_t read(char* bytes, std::size_t size) override {
         if (at_ == have_) {
@@ -195,10 +198,11 @@ void answer(httplib::Response& to, HttpResponse const& response) {
     to.set_chunked_content_provider(response.type,
                                     [next = response.next](std::size_t, httplib::DataSink& sink) {
                                         std::optional<std::string> const piece = next();
-                                        if (piece)
+                                        if (!piece)
+                                            sink.done();
+                                        else if (!piece->empty())
                                             return sink.write(piece->data(), piece->size());
-                                        sink.done();
-                                        return true;
+                                        return !piece || sink.is_writable();
                                     });
 }
 
@@ -246,6 +250,9 @@ public:
         set_socket_options([](int socket) {
             int const yes = 1;
             setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+            // Who reads slowly gets what is new, not megabytes of what was.
+            int const bytes = 1 << 17;
+            setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
         });
         port_ = port == 0 ? bind_to_any_port(address) : bind_to_port(address, port) ? port : -1;
         if (port_ <= 0)
@@ -307,7 +314,20 @@ private:
 HttpServer::HttpServer(std::string const& address, int port, Handler handler)
     : server_(std::make_unique<Server>(address, port, std::move(handler))) {}
 
-HttpServer::~HttpServer() = default;
+HttpServer::~HttpServer() {
+    constexpr std::chrono::milliseconds kMost(1500);
+    auto const over = std::make_shared<std::promise<void>>();
+    std::future<void> const end = over->get_future();
+    try {
+        std::thread([server = std::move(server_), over]() mutable {
+            server.reset();
+            over->set_value();
+        }).detach();
+    } catch (std::system_error const&) {
+        return;  // want of threads: it has been ended by this one
+    }
+    end.wait_for(kMost);
+}
 
 int HttpServer::port() const {
     return server_->port();

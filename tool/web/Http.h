@@ -36,8 +36,9 @@ struct HttpResponse {
     std::string type = "application/json";
     std::string body;
     std::multimap<std::string, std::string> headers = {};
-    /** Of a response without end: its next piece, for which it may wait; nothing ends it. Called by
-     * the thread of the connection. */
+    /** Of a response without end: its next piece, for which it may wait a moment; nothing ends it,
+     * an empty one is none: whether anybody listens still is looked at then. Called by the thread
+     * of the connection. */
     std::function<std::optional<std::string>()> next = {};
 };
 
@@ -66,7 +67,8 @@ public:
     /** Listens; throws a Failure when that cannot be. Port 0: any. */
     HttpServer(std::string const& address, int port, Handler handler);
     /** Stops and waits for the requests that are being answered: streams must have been ended. Who
-     * has not asked yet is not heard any more, and who reads slowly has a second for the rest. */
+     * has not asked yet is not heard any more, and who reads slowly has a second for the rest. An
+     * answer that takes longer is left to its thread: what the handler uses must stay. */
     ~HttpServer();
     HttpServer(HttpServer const&) = delete;
     HttpServer& operator=(HttpServer const&) = delete;

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <system_error>
 #include <thread>
 
 #include "Facts.h"
+#include "Failure.h"
 #include "Following.h"
 #include "Members.h"
 #include "Waiting.h"
@@ -32,6 +34,14 @@ bool isOfTheSystem(Node const& node) {
 
 std::string idOf(Place place) {
     return fmt::format("{:x}:{:x}", place.broker, place.id);
+}
+
+/** The other way round; the id is one that has been told. */
+Place placeOfId(std::string const& id) {
+    constexpr int kHexadecimal = 16;
+    std::size_t const colon = id.find(':');
+    return {static_cast<unsigned int>(std::stoul(id.substr(0, colon), nullptr, kHexadecimal)),
+            static_cast<unsigned int>(std::stoul(id.substr(colon + 1), nullptr, kHexadecimal))};
 }
 
 /** Microseconds since 1970. */
@@ -125,6 +135,74 @@ private:
     std::mutex mutex_;  // a leaf
     std::condition_variable changed_;
     std::deque<Over> over_;  // guarded by mutex_
+};
+
+/** Waits for processes that have not answered in time until they do, each on a thread of its own.
+ * To the end of the process. */
+class Vigil {
+public:
+    Vigil() = default;
+    ~Vigil() = delete;
+    Vigil(Vigil const&) = delete;
+    Vigil& operator=(Vigil const&) = delete;
+
+    /** Begins, unless it waits for this one already; whether it has begun. */
+    bool await(TreflectOrbId broker) {
+        constexpr std::size_t kMost = 64;
+        std::lock_guard<std::mutex> const lock(mutex_);
+        if (awaited_.size() >= kMost || !awaited_.insert(broker).second)
+            return false;
+        try {
+            std::thread([this, broker] { wait(broker); }).detach();
+        } catch (std::system_error const&) {
+            awaited_.erase(broker);  // later, when there are threads again
+            return false;
+        }
+        return true;
+    }
+    /** Those that have answered, or have gone. */
+    std::vector<TreflectOrbId> take() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        return std::exchange(over_, {});
+    }
+
+private:
+    /** The body of a thread. One question at a time is underway, so that few wait over there; it
+     * has a deadline, since without one it would be given up as lost. */
+    void wait(TreflectOrbId broker) {
+        constexpr std::chrono::seconds kMost(30);
+        for (bool isOver = false; !isOver;) {
+            TreflectHandlerState const inside(true);
+            TreflectDeadline const deadline(kMost);
+            TreflectProcessClient::of(broker);
+            isOver = deadline.left().count() > 0;
+        }
+        std::lock_guard<std::mutex> const lock(mutex_);
+        awaited_.erase(broker);
+        over_.push_back(broker);
+    }
+
+    std::mutex mutex_;                 // a leaf
+    std::set<TreflectOrbId> awaited_;  // guarded by mutex_, as the next
+    std::vector<TreflectOrbId> over_;
+};
+
+/** When a process that was too slow is asked again. A value. */
+struct Hope {
+    Clock::time_point at = Clock::time_point::max();
+    Clock::time_point last = {};
+    int times = 0;
+
+    /** It has answered: at once, unless that has been in vain again and again. */
+    void begin() {
+        constexpr std::chrono::minutes kForgiven(1);
+        constexpr int kMostTimes = 5;
+        auto const now = Clock::now();
+        times = now - last > kForgiven ? 0 : std::min(times + 1, kMostTimes);
+        last = now;
+        at = times == 0 ? now : now + std::chrono::seconds(1) * (1 << (times - 1));
+    }
+    bool isPending() const { return at != Clock::time_point::max(); }
 };
 
 /** The values of an object's attributes. Made under the run permission. */
@@ -229,6 +307,7 @@ public:
           inbox_(*new Inbox),
           calls_(*new Events),
           reaper_(*new Reaper),
+          vigil_(*new Vigil),
           brokers_(*new BrokerFollower),
           classes_(*new ClassFollower(
               orb_, ClassFollower::Present::kKnown,
@@ -270,6 +349,9 @@ private:
     void tellWaits(std::vector<Answer<Facts>> const& facts);
     std::string nameOfBroker(unsigned int broker) const;
     void hopeLater();
+    void hopeForThoseAwake();
+    void forgetHopes();
+    void tellSilent(TreflectOrbId broker);
     void watchWhatIsWanted();
     template <class T>
     void begin(Watch<T> Known::*what, Patterns Wishes::*wanted,
@@ -289,6 +371,7 @@ private:
     Inbox& inbox_;
     Events& calls_;
     Reaper& reaper_;
+    Vigil& vigil_;
     BrokerFollower& brokers_;
     ClassFollower& classes_;
 
@@ -307,6 +390,7 @@ private:
     Clock::time_point asked_ = {};
     Clock::time_point lookAt_ = {};     // when to look again
     Clock::time_point notBefore_ = {};  // whatever happens
+    std::map<TreflectOrbId, Hope> hopes_;
     Clock::time_point hopeAt_ = Clock::time_point::max();
     Clock::time_point stopAt_ = Clock::time_point::max();  // when to end what nobody wants
     bool isWatchingDue_ = true;
@@ -331,24 +415,21 @@ public:
 
     std::optional<std::string> next() override {
         constexpr std::chrono::milliseconds kPace(100);  // slower than that nobody sees it
+        constexpr std::chrono::milliseconds kMoment(300);
         constexpr std::chrono::seconds kSignOfLife(10);
         std::this_thread::sleep_until(last_ + kPace);
-        auto const end = Clock::now() + kSignOfLife;
-        while (!board_.isClosed()) {
-            auto const left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-            if (left.count() <= 0)
-                return ": still here\n\n";
-            if (!isFirst_)
-                board_.wait(since_, left);
-            isFirst_ = false;
-            std::string const json = board_.take(since_, wish_);
-            last_ = Clock::now();
-            if (!json.empty())
-                return fmt::format("id: {}\ndata: {}\n\n", since_, json);
-            std::this_thread::sleep_for(kPace);
-        }
-        return std::nullopt;
+        if (last_ != Clock::time_point())
+            board_.wait(since_, kMoment);
+        if (board_.isClosed())
+            return std::nullopt;
+        std::string const json = board_.take(since_, wish_);
+        last_ = Clock::now();
+        bool const isSignDue = last_ - told_ >= kSignOfLife;
+        if (json.empty() && !isSignDue)
+            return "";
+        told_ = last_;
+        return json.empty() ? ": still here\n\n"
+                            : fmt::format("id: {}\ndata: {}\n\n", since_, json);
     }
 
 private:
@@ -356,8 +437,8 @@ private:
     std::shared_ptr<Wishes const> const wishes_;
     Board::Wish wish_;
     Board::Version since_;
-    bool isFirst_ = true;
-    Clock::time_point last_ = {};
+    Clock::time_point last_ = {};            // when the board has been looked at
+    Clock::time_point told_ = Clock::now();  // when something has been told
 };
 
 }  // namespace
@@ -422,11 +503,10 @@ void Hub::Inside::tellBoard() {
 void Hub::Inside::tend() {
     constexpr std::chrono::seconds kAskAgain(2);
     takeNotices();
+    hopeForThoseAwake();
     auto const now = Clock::now();
     if (now >= hopeAt_) {
         hopeAt_ = Clock::time_point::max();
-        asking_.hopeAgain();
-        lookAt_ = now;
         isWatchingDue_ = true;
     }
     if (now >= lookAt_)
@@ -501,19 +581,55 @@ void Hub::Inside::look() {
     classes_.followClassesOf(asking_, newcomers);
     Objects objects(asking_, processes_);
     Forest const& forest = objects.all();
+    forgetHopes();
     enter(forest);
     forgetAbsent(forest);
     ask();
-    if (std::any_of(processes_.begin(), processes_.end(),
-                    [this](Process const& one) { return asking_.isGivenUp(one.broker()); }))
-        hopeLater();
     notBefore_ = Clock::now() + (Clock::now() - begin) * kShare;
 }
 
-/** Those that have been given up are asked once more. */
+/** Watches that could not be begun are tried once more. */
 void Hub::Inside::hopeLater() {
     constexpr std::chrono::seconds kHope(20);
     hopeAt_ = std::min(hopeAt_, Clock::now() + kHope);
+}
+
+/** Those that have been given up are waited for, and asked again when they answer. */
+void Hub::Inside::hopeForThoseAwake() {
+    for (TreflectOrbId const broker : vigil_.take())
+        hopes_[broker].begin();
+    auto const now = Clock::now();
+    for (auto& [broker, hope] : hopes_) {
+        if (now < hope.at)
+            continue;
+        hope.at = Clock::time_point::max();
+        asking_.hopeAgain(broker);
+        lookAt_ = now;
+        isWatchingDue_ = true;
+    }
+    for (Process const& process : processes_) {
+        for (TreflectOrbId const broker : process.brokers) {
+            auto const hope = hopes_.find(broker);
+            bool const isHoped = hope != hopes_.end() && hope->second.isPending();
+            if (asking_.isGivenUp(broker) && !isHoped && vigil_.await(broker))
+                tellSilent(broker);
+        }
+    }
+}
+
+void Hub::Inside::tellSilent(TreflectOrbId broker) {
+    for (auto& [place, known] : objects_) {
+        if (place.broker != broker.value())
+            continue;
+        known.told["answers"] = false;
+        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+    }
+}
+
+/** Of brokers that have gone nothing is hoped. */
+void Hub::Inside::forgetHopes() {
+    for (auto hope = hopes_.begin(); hope != hopes_.end();)
+        hope = ownerOf(processes_, hope->first.value()) ? std::next(hope) : hopes_.erase(hope);
 }
 
 void Hub::Inside::enter(Forest const& forest) {
@@ -765,6 +881,14 @@ std::shared_ptr<Hub::Listener> Hub::listen(Wanted const& wanted) {
 
 Board const& Hub::board() const {
     return inside_.board();
+}
+
+Found Hub::find(std::string const& id) const {
+    std::string const told = board().find(Board::Kind::kObject, id);
+    if (told.empty())
+        throw Failure(ExitCode::kNotThere,
+                      "there is no object with the id \"" + id.substr(0, 100) + "\", or no more");
+    return {Json::parse(told)["name"].get<std::string>(), placeOfId(id)};
 }
 
 void Hub::tend() {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Objects.h"
 #include "Tool.h"
 #include "web/Board.h"
 #include "web/Wanted.h"
@@ -31,8 +32,8 @@ public:
     class Listener {
     public:
         virtual ~Listener() = default;
-        /** The next events as an event stream has them, for which it waits, or a sign of life after
-         * a while; nothing when it is over. */
+        /** The next events as an event stream has them, for which it waits a moment, or a sign of
+         * life after a while; empty when there is nothing yet, nothing when it is over. */
         virtual std::optional<std::string> next() = 0;
     };
 
@@ -46,6 +47,8 @@ public:
     /** Throws a Failure when there are too many. */
     std::shared_ptr<Listener> listen(Wanted const& wanted);
     Board const& board() const;
+    /** The object with an id, as the board tells it; throws a Failure when it has gone. */
+    Found find(std::string const& id) const;
 
     // ---- The main thread ----
 

@@ -81,6 +81,13 @@ std::string usageText(Processes const& processes, std::vector<Answer<Timed>> con
            uptime.text() + waiting.text();
 }
 
+/** The gateway is another broker at each start, and should not be another destination. */
+std::string nameOfDestination(Processes const& processes, unsigned int broker) {
+    TreflectORB const* const own = TreflectORB::getInstance(NSID_UNIT);
+    bool const isOwn = own && own->orbId().value() == broker;
+    return isOwn ? "reflectorb web" : nameOfOwner(processes, broker);
+}
+
 std::string trafficText(Processes const& processes, std::vector<Answer<Timed>> const& answers) {
     Family calls("reflectorb_calls_total", "counter",
                  "Requests sent to a destination since its counters were taken.");
@@ -88,7 +95,7 @@ std::string trafficText(Processes const& processes, std::vector<Answer<Timed>> c
     for (std::size_t i = 0; i < processes.size(); ++i) {
         std::map<std::string, std::pair<double, double>> to;
         for (processobject::Traffic const& counted : answers[i].value.facts.traffic) {
-            auto& both = to[nameOfOwner(processes, counted.destination)];
+            auto& both = to[nameOfDestination(processes, counted.destination)];
             both.first += counted.sent;
             both.second += counted.failed;
         }

@@ -82,22 +82,37 @@ Json bodyOf(HttpRequest const& request) {
     return body;
 }
 
-/** "name": one, or a list of them. */
-std::vector<std::string> namesIn(Json const& body) {
-    auto const found = body.find("name");
-    Json const names = found == body.end() ? Json()
-                       : found->is_array() ? *found
-                                           : Json::array({*found});
+/** One text, or a list of them; none when there is no such member. */
+std::vector<std::string> textsIn(Json const& body, std::string const& member,
+                                 std::string const& what) {
+    auto const found = body.find(member);
+    if (found == body.end())
+        return {};
+    Json const texts = found->is_array() ? *found : Json::array({*found});
     bool const isWhole =
-        names.is_array() && !names.empty() &&
-        std::all_of(names.begin(), names.end(), [](Json const& name) { return name.is_string(); });
+        !texts.empty() &&
+        std::all_of(texts.begin(), texts.end(), [](auto const& one) { return one.is_string(); });
     if (!isWhole)
-        throw Failure(ExitCode::kWrongUse, "\"name\" must be OBJECT/MEMBER, or a list of such");
-    return names.get<std::vector<std::string>>();
+        throw Failure(ExitCode::kWrongUse, "\"" + member + "\" must be " + what);
+    return texts.get<std::vector<std::string>>();
+}
+
+/** Objects are told by their names or by their ids; a name has that of the member in it. */
+void checkNames(Wanted const& wanted) {
+    bool const wantsMember = wanted.what != What::kShow && !wanted.ids.empty();
+    if (wanted.names.empty() == wanted.ids.empty())
+        throw Failure(ExitCode::kWrongUse, "\"name\" or \"id\" is wanted, one of them");
+    if (wantsMember && wanted.member.empty())
+        throw Failure(ExitCode::kWrongUse, "\"member\" is missing, which goes with \"id\"");
 }
 
 void takeBody(Wanted& wanted, Json const& body) {
-    wanted.names = namesIn(body);
+    wanted.names = textsIn(body, "name", "OBJECT/MEMBER, or a list of such");
+    wanted.ids = textsIn(body, "id", "the id of an object, or a list of such");
+    auto const member = body.find("member");
+    if (member != body.end() && member->is_string())
+        wanted.member = member->get<std::string>();
+    checkNames(wanted);
     if (wanted.what == What::kSet) {
         if (body.count("value") == 0)
             throw Failure(ExitCode::kWrongUse, "\"value\" is missing");
@@ -136,8 +151,10 @@ Wanted::Wanted(HttpRequest const& request) : what(whatOf(request)) {
         return;
     }
     names = what == What::kEvents ? patterns(request, "values") : all(request, "name");
-    if (names.empty() && (what == What::kGet || what == What::kShow))
-        throw Failure(ExitCode::kWrongUse, "\"name\" is missing");
+    ids = all(request, "id");
+    member = request.parameter("member");
+    if (what == What::kGet || what == What::kShow)
+        checkNames(*this);
     calls = patterns(request, "calls");
     className = request.parameter("class");
     process = request.parameter("process");

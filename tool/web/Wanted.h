@@ -27,6 +27,8 @@ struct Wanted {
     What what = What::kPage;
     std::vector<std::string> names;  // of objects or members, or patterns of them; of kEvents: of
                                      // the objects whose values are wanted
+    std::vector<std::string> ids;    // of objects, in place of names: as kList tells them
+    std::string member;              // of kGet, kSet and kCall, of the objects with these ids
     std::vector<std::string> calls;  // of kEvents: the objects whose calls are
     std::string className;           // of kList and kClasses: a pattern; empty for all
     std::string process;             // of kList: likewise
@@ -36,6 +38,9 @@ struct Wanted {
     std::uint64_t since = 0;         // of kEvents: what is known already; 0 for nothing
 
     /** What a request is about, by its path and method alone. Throws a Failure as below. */
+    static bool isPage(HttpRequest const& request) {
+        return request.method == "GET" && request.path == "/";
+    }
     static What whatOf(HttpRequest const& request);
     static bool changes(What what) { return what == What::kSet || what == What::kCall; }
     bool changes() const { return changes(what); }

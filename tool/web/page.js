@@ -1,7 +1,9 @@
 'use strict';
 // ---- What is known, as events tell it ----------------------------------------------------------
 
-const token = new URLSearchParams(location.search).get('token') || sessionStorage.token || '';
+// The token stays with this tab, so that the page can be loaded anew, and goes from the address,
+// which others see: over somebody's shoulder, in pictures, in the list of what has been visited.
+let token = new URLSearchParams(location.search).get('token') || sessionStorage.token || '';
 sessionStorage.token = token;
 history.replaceState(null, '', location.pathname + location.hash);
 
@@ -32,13 +34,24 @@ function make(name, attributes = {}, ...children) {
     return made;
 }
 
+/** Reads JSON. Whole numbers that a number of this language has not all digits of become texts: what
+ * is shown, and written back, has them all. */
+function parse(json) {
+    const numbersOrTexts = /"(?:[^"\\]|\\.)*"|-?\d+(?:\.\d+)?(?:[eE][+-]?\d+)?/g;
+    const isInexact = found => /^-?\d{16,}$/.test(found) && !Number.isSafeInteger(Number(found));
+    return JSON.parse(/\d{16}/.test(json)
+        ? json.replace(numbersOrTexts, found => isInexact(found) ? '"' + found + '"' : found) : json);
+}
+
 async function ask(path, body) {
     const answer = await fetch(path, {
         method: body ? 'POST' : 'GET',
         headers: {Authorization: 'Bearer ' + token,
                   ...(body ? {'Content-Type': 'application/json'} : {})},
         body: body && JSON.stringify(body)});
-    const told = await answer.json();
+    if (answer.status === 403 && !body)
+        showDoor();
+    const told = parse(await answer.text());
     const one = (told.values || told.calls || [])[0];
     const error = told.error || (one && one.error);
     if (error)
@@ -48,27 +61,90 @@ async function ask(path, body) {
 
 // ---- The stream --------------------------------------------------------------------------------
 
-let stream = null;
+let stream = null;  // ends the present one
 let wish = {};
 
 function listen(changes) {
     Object.assign(wish, changes);
     if (stream)
-        stream.close();
-    const query = new URLSearchParams({token, values: '**'});
+        stream.abort();
+    stream = new AbortController();
+    const query = new URLSearchParams({values: '**'});
     if (wish.processes)
         query.set('processes', '1');
     if (wish.calls)
         query.set('calls', wish.calls);
-    stream = new EventSource('api/events?' + query);
-    stream.onmessage = event => take(JSON.parse(event.data));
-    stream.onopen = () => say('live');
-    stream.onerror = () => {
-        say('connection lost', 'bad');
-        if (stream.readyState === EventSource.CLOSED)
-            setTimeout(listen, 2000);
-    };
+    follow('api/events?' + query, stream.signal);
 }
+
+/** Listens until it is told to end, and comes back with the number of the last event when the
+ * connection is lost. An EventSource could not send the token but in the address. */
+async function follow(path, signal) {
+    let last = '';
+    let isLost = false;
+    while (!signal.aborted) {
+        try {
+            const answer = await fetch(path, {signal, cache: 'no-store', headers: {
+                Authorization: 'Bearer ' + token, ...(last ? {'Last-Event-ID': last} : {})}});
+            if (answer.status === 403)
+                return showDoor();
+            if (!answer.ok)
+                throw new Error((await answer.json()).error.text);
+            if (isLost)
+                await learnRights();
+            isLost = false;
+            say('live');
+            for await (const event of eventsOf(answer.body)) {
+                take(parse(event.data));
+                last = event.id;
+            }
+            throw new TypeError();
+        } catch (why) {
+            isLost = true;
+            if (!signal.aborted)
+                say(why instanceof TypeError ? 'connection lost' : why.message, 'bad');
+        }
+        await new Promise(done => setTimeout(done, 1000));
+    }
+}
+
+async function* eventsOf(body) {
+    const silence = 30000;  // the gateway gives a sign of life after ten seconds
+    const reader = body.pipeThrough(new TextDecoderStream()).getReader();
+    for (let text = ''; ;) {
+        const timer = setTimeout(() => reader.cancel(), silence);
+        const {value, done} = await reader.read();
+        clearTimeout(timer);
+        if (done)
+            return;
+        text += value;
+        // An event has lines, of which none is empty; there is no line end in JSON.
+        const events = value.includes('\n') ? text.split('\n\n') : [text];
+        text = events.pop();
+        for (const event of events) {
+            const found = /^id: (\d+)\ndata: (.*)$/.exec(event);
+            if (found)
+                yield {id: found[1], data: found[2]};
+        }
+    }
+}
+
+/** Asks for the token, which this tab has not, or which another start of the gateway had. */
+function showDoor() {
+    if (stream)
+        stream.abort();
+    get('door').classList.add('shown');
+    say('no access', 'bad');
+}
+
+get('door').addEventListener('submit', event => {
+    event.preventDefault();
+    // Who pastes the whole address means the token in it.
+    token = get('token').value.trim().replace(/^.*[?&]token=([^&#]*).*$/, '$1');
+    sessionStorage.token = token;
+    get('token').value = '';
+    start();
+});
 
 function say(what, how = '') {
     get('state').textContent = what + (what === 'live' ? mayChange ? '' : ', read-only' : '');
@@ -179,8 +255,12 @@ function paintTree() {
     const before = new Map(rows);
     rows.clear();
     order = shown.map(([object]) => object.id);
+    const counts = new Map();
+    for (const object of objects.values())
+        counts.set(object.name, (counts.get(object.name) || 0) + 1);
     for (const [object, depth, below] of shown) {
         const row = before.get(object.id) || makeRow(object.id);
+        const isAlone = counts.get(object.name) === 1;
         row.setAttribute('aria-level', depth + 1);
         row.style.paddingLeft = depth * 1.1 + .3 + 'rem';
         row.classList.toggle('silent', !object.answers);
@@ -191,8 +271,8 @@ function paintTree() {
         row.children[0].textContent = below ? closed.has(object.id) ? '\u25b8' : '\u25be' : '';
         row.children[1].textContent = depth ? object.name.slice(object.name.lastIndexOf('/') + 1)
                                             : object.name;
-        row.children[2].textContent = object.answers ? object.class || object.process
-                                                     : 'does not answer';
+        row.children[2].textContent = !object.answers ? 'does not answer'
+            : (object.class || object.process) + (isAlone ? '' : ' of ' + object.process);
         rows.set(object.id, row);
         elements.push(row);
         changedValues.add(object.id);
@@ -206,7 +286,7 @@ function paintTree() {
 
 function makeRow(id) {
     return make('div', {class: 'row', role: 'treeitem', tabindex: -1, 'data-id': id,
-                        onclick: event => event.target.className === 'fold' ? fold(id) : choose(id)},
+                        onclick: event => event.target.className === 'fold' ? fold(id) : pick(id)},
                 make('span', {class: 'fold', 'aria-hidden': 'true'}), make('span'),
                 make('span', {class: 'class'}), make('span', {class: 'values'}));
 }
@@ -256,8 +336,8 @@ get('tree').addEventListener('keydown', event => {
         ArrowRight: () => closed.has(id) ? fold(id, false) : go(order[at + 1]),
         ArrowLeft: () => rows.get(id).getAttribute('aria-expanded') === 'true'
             ? fold(id, true) : go(objects.get(id).parent),
-        Enter: () => choose(id),
-        ' ': () => choose(id)};
+        Enter: () => pick(id),
+        ' ': () => pick(id)};
     if (at < 0 || !keys[event.key])
         return;
     event.preventDefault();
@@ -269,6 +349,7 @@ get('find').addEventListener('input', () => { stale.tree = true; soon(); });
 
 const fields = new Map();  // of the chosen object, by names of attributes
 let chosenName = '';
+let namesakes = new Set();  // ids of others with its name
 
 function choose(id) {
     const object = objects.get(id);
@@ -276,23 +357,40 @@ function choose(id) {
         return;
     chosen = id;
     chosenName = object.name;
+    sessionStorage.chosen = id;
     markChosen();
     get('objects').classList.add('chosen');
+    checkChosen();
     showObject(object);
 }
 
-/** An object that has come back under its name has another id. */
+/** Where it is not beside the tree, it is below. */
+function pick(id) {
+    choose(id);
+    if (matchMedia('(max-width: 720px)').matches)
+        get('object').scrollIntoView();
+}
+
+/** What has come back under its name is another object, and shown then. One that has been there all
+ * the time is not: who is about to change the one that has gone does not mean it. */
 function checkChosen() {
-    if (!chosenName || objects.has(chosen))
+    const others = [...objects.values()].filter(one => one.name === chosenName && one.id !== chosen);
+    if (objects.has(chosen)) {
+        namesakes = new Set(others.map(one => one.id));
         return;
-    const again = [...objects.values()].find(object => object.name === chosenName);
-    if (again)
+    }
+    const again = others.find(one => !namesakes.has(one.id));
+    if (!chosenName && objects.has(sessionStorage.chosen)) {
+        choose(sessionStorage.chosen);
+    } else if (again) {
         choose(again.id);
-    else if (chosen)
+    } else if (chosen) {
+        fields.clear();
+        plot.end();
         get('object').replaceChildren(make('h2', {}, chosenName),
                                       make('p', {class: 'bad'}, 'It has gone.'));
-    if (!again)
         chosen = null;
+    }
 }
 
 let showings = 0;
@@ -307,8 +405,7 @@ async function showObject(object) {
     panel.replaceChildren(make('h2', {}, object.name),
                           make('p', {class: 'hint'}, object.class + ' of ' + object.process));
     try {
-        const name = object.reflective ? object.name : object.identifier;
-        const told = (await ask('api/show?name=' + encodeURIComponent(name))).objects[0];
+        const told = (await ask('api/show?id=' + object.id)).objects[0];
         if (told.error)
             throw new Error(told.error.text);
         const docs = await docsOf(told.class);
@@ -331,36 +428,68 @@ async function showObject(object) {
 
 const isNumeric = type => /^(u?int(8|16|32|64)?|unsigned|float|double)\b/.test(type);
 
-/** A field for a value of a type, with functions that read and write it. */
-function makeField(type, label) {
+/** What a field lets in, by its type: numbers that have all their digits here as such. */
+function limitsOf(type) {
+    const found = /^(u?)(?:int(8|16|32|64)?|nsigned)\b/.exec(type);
+    if (!found)
+        return {type: 'text'};
+    const [bits, unsigned] = [Number(found[2] || 32), found[1] === 'u'];
+    if (bits === 64)
+        return {type: 'text', inputmode: 'numeric', pattern: unsigned ? '[0-9]+' : '-?[0-9]+',
+                title: 'a whole number', required: true};
+    return {type: 'number', step: 1, min: unsigned ? 0 : -(2 ** (bits - 1)),
+            max: 2 ** (unsigned ? bits : bits - 1) - 1, required: true};
+}
+
+/** A field for a value of a type, with functions that read it, write what it has elsewhere, and
+ * settle: what was typed in is over then. Escape settles, too. */
+function makeField(type, label, settled = () => {}) {
     const names = /^enum\b[^{]*\{(.*)\}/.exec(type);
-    const whole = /^(u?int(8|16|32)?|unsigned)\b/.test(type);
+    const beside = make('span', {class: 'beside', hidden: true});
     let input;
+    let latest;
     if (type === 'bool' || names) {
         const choices = names ? names[1].split(',').map(one => one.split('=')[0].trim())
                               : ['true', 'false'];
         input = make('select', {'aria-label': label},
                      ...choices.map(one => make('option', {value: one}, one)));
     } else {
-        input = make('input', {'aria-label': label, type: whole ? 'number' : 'text', step: whole && 1,
-                               min: whole && /^u/.test(type) ? 0 : undefined,
-                               autocomplete: 'off', spellcheck: 'false'});
+        input = make('input', {'aria-label': label, autocomplete: 'off', spellcheck: 'false',
+                               ...limitsOf(type)});
     }
-    input.addEventListener('input', () => input.dataset.edited = 'yes');
+    const draw = () => {
+        const isEdited = Boolean(input.dataset.edited);
+        if (!isEdited && latest !== undefined && input.value !== text(latest))
+            input.value = text(latest);
+        beside.hidden = !isEdited || latest === undefined;
+        beside.firstChild.textContent = 'is ' + text(latest ?? '') + ' ';
+    };
+    const settle = value => {
+        latest = value === undefined ? latest : value;
+        delete input.dataset.edited;
+        settled();
+        draw();
+    };
+    beside.append(make('span'), make('button', {type: 'button', onclick: () => settle()}, 'Undo'));
+    input.addEventListener('input', () => {
+        input.dataset.edited = 'yes';
+        draw();
+    });
+    input.addEventListener('keydown', event => event.key === 'Escape' && settle());
     return {
-        input,
+        input, beside, settle,
         read: () => {
             if (type === 'string' || type === 'char' || !/^[[{]/.test(input.value))
                 return input.value;
             try {
-                return JSON.parse(input.value);
+                return parse(input.value);
             } catch (why) {
                 return input.value;
             }
         },
         write: value => {
-            if (!input.dataset.edited && document.activeElement !== input)
-                input.value = text(value);
+            latest = value;
+            draw();
         }};
 }
 
@@ -369,15 +498,15 @@ function makeAttribute(object, attribute, docs) {
     const result = make('output', {class: 'bad'});
     const line = make('form', {'data-attribute': name}, make('span', {class: 'name'}, name));
     if (attribute.writable && mayChange) {
-        const field = makeField(type, name);
-        line.append(field.input, make('button', {}, 'Set'));
+        const field = makeField(type, name, () => result.textContent = '');
+        line.append(field.input, make('button', {}, 'Set'), field.beside);
         fields.set(name, field.write);
         line.addEventListener('submit', async event => {
             event.preventDefault();
             result.textContent = '';
             try {
-                await ask('api/set', {name: object.name + '/' + name, value: field.read()});
-                delete field.input.dataset.edited;
+                const told = await ask('api/set', {id: object.id, member: name, value: field.read()});
+                field.settle(told.values[0].value);
             } catch (why) {
                 result.textContent = why.message;
             }
@@ -390,8 +519,8 @@ function makeAttribute(object, attribute, docs) {
     }
     line.append(make('span', {class: 'type'}, type + (attribute.writable ? '' : ' read-only')));
     if (isNumeric(type))
-        line.append(make('button', {type: 'button', onclick: () => plot.begin(object.id, name, line)},
-                         'Plot'));
+        line.append(make('button', {type: 'button', 'aria-pressed': 'false', onclick: event =>
+            plot.toggle(object.id, name, line, event.currentTarget)}, 'Plot'));
     if (attribute.error)
         result.textContent = attribute.error.text;
     else
@@ -419,7 +548,7 @@ function makeOperation(object, operation, docs) {
         result.className = '';
         result.textContent = 'calling';
         try {
-            const told = await ask('api/call', {name: object.name + '/' + operation.name,
+            const told = await ask('api/call', {id: object.id, member: operation.name,
                                                 arguments: inputs.map(one => one[1].read())});
             const value = told.calls[0].value;
             result.className = 'good';
@@ -435,10 +564,16 @@ function makeOperation(object, operation, docs) {
 // ---- The plot ----------------------------------------------------------------------------------
 
 const plot = {
-    id: '', name: '', points: [], canvas: null,
-    begin(id, name, behind) {
+    id: '', name: '', points: [], canvas: null, button: null,
+    toggle(id, name, behind, button) {
+        const wasOn = this.button === button;
         this.end();
-        Object.assign(this, {id, name, points: []});
+        if (!wasOn)
+            this.begin(id, name, behind, button);
+    },
+    begin(id, name, behind, button) {
+        Object.assign(this, {id, name, button, points: []});
+        button.setAttribute('aria-pressed', 'true');
         this.canvas = make('canvas', {role: 'img', 'aria-label': 'Course of ' + name});
         behind.after(this.canvas);
         const known = values.get(id);
@@ -448,14 +583,16 @@ const plot = {
     },
     end() {
         clearInterval(this.timer);
-        if (this.canvas)
+        if (this.canvas) {
             this.canvas.remove();
-        this.canvas = null;
+            this.button.setAttribute('aria-pressed', 'false');
+        }
+        this.canvas = this.button = null;
     },
     add(id, name, value) {
-        if (!this.canvas || id !== this.id || name !== this.name || typeof value !== 'number')
+        if (!this.canvas || id !== this.id || name !== this.name || !Number.isFinite(Number(value)))
             return;
-        this.points.push([Date.now(), value]);
+        this.points.push([Date.now(), Number(value)]);
         this.points = this.points.slice(-1200);
         soon();
     },
@@ -509,11 +646,12 @@ get('calls-stop').addEventListener('click', () => listen({calls: ''}));
 function paintCalls() {
     get('calls-list').replaceChildren(...calls.map(call => {
         const time = call.time ? new Date(call.time / 1000).toISOString().slice(11, 23) : '';
-        const what = call.event === 'lost' ? 'some calls were missed'
+        const isBad = call.event === 'lost' || call.fate === 'refused';
+        const what = call.event === 'lost' ? (call.count || 'some') + ' calls were missed'
             : call.object + '/' + call.member +
               (call.event === 'call' ? '(' + call.arguments.map(text).join(', ') + ')'
-                                     : ' \u2192 ' + (call.results.map(text).join(', ') || 'done'));
-        return make('li', {}, make('time', {}, time), what);
+                                     : ' \u2192 ' + (call.results.map(text).join(', ') || call.fate));
+        return make('li', {class: isBad && 'bad'}, make('time', {}, time), what);
     }));
 }
 
@@ -541,6 +679,10 @@ function paintProcesses() {
         title: edge.from + ' \u2192 ' + edge.to + ': ' + whole(edge.callsPerSecond) + '/s, ' +
                edge.sent + ' sent, ' + edge.failed + ' failed',
         bad: edge.failed > 0})), new Set());
+    paintTable('traffic-table', [
+        ['From', one => one.from], ['To', one => one.to], ['Calls/s', one => whole(one.callsPerSecond)],
+        ['Sent', one => whole(one.sent)], ['Failed', one => whole(one.failed)]],
+        traffic.edges.slice().sort((a, b) => b.callsPerSecond - a.callsPerSecond));
     const {waits = [], cycles = []} = views.get('waits') || {};
     const inCycle = new Set(cycles.flat());
     get('waits-verdict').textContent = cycles.length
@@ -631,11 +773,17 @@ async function paintClasses() {
         get('class').replaceChildren(make('p', {class: 'bad'}, why.message));
     }
     get('classes-list').replaceChildren(...[...classes.keys()].sort().map(name => make(
-        'li', {}, make('button', {onclick: () => showClass(classes.get(name))}, name))));
+        'li', {}, make('button', {onclick: event => {
+            for (const one of get('classes-list').querySelectorAll('[aria-current]'))
+                one.removeAttribute('aria-current');
+            event.currentTarget.setAttribute('aria-current', 'true');
+            showClass(classes.get(name));
+        }}, name))));
 }
 
 function showClass(known) {
     const parameters = list => list.map(one => (one.type + ' ' + one.name).trim()).join(', ');
+    const accessors = new Set(known.attributes.flatMap(one => ['get' + one.name, 'set' + one.name]));
     get('class').replaceChildren(
         make('h2', {}, known.name), ...docLines(known.doc),
         make('p', {class: 'hint'}, 'id 0x' + known.id.toString(16) + ', hash ' + known.hash +
@@ -644,7 +792,7 @@ function showClass(known) {
             make('span', {class: 'name'}, one.name + ' '),
             make('span', {class: 'type'}, one.type + (one.writable ? '' : ' read-only')),
             ...docLines(one.doc))),
-        ...known.operations.map(one => make('div', {class: 'member'},
+        ...known.operations.filter(one => !accessors.has(one.name)).map(one => make('div', {class: 'member'},
             make('span', {class: 'name'}, one.name),
             make('span', {class: 'type'}, '(' + parameters(one.in) + ')' +
                  (one.out.length ? ' \u2192 ' + parameters(one.out) : '')),
@@ -672,7 +820,25 @@ function showView() {
 }
 
 window.addEventListener('hashchange', showView);
-ask('api/').then(told => {
-    mayChange = told.changes;
-    showView();
-}).catch(why => say(why.message, 'bad'));
+
+/** Whether things may be changed: a gateway that has been started anew may see that otherwise. */
+async function learnRights() {
+    const before = mayChange;
+    mayChange = (await ask('api/')).changes;
+    if (before !== mayChange && objects.has(chosen))
+        showObject(objects.get(chosen));
+}
+
+async function start() {
+    try {
+        await learnRights();
+        get('door').classList.remove('shown');
+        stream = null;
+        showView();
+    } catch (why) {
+        if (!get('door').classList.contains('shown'))
+            say(why instanceof TypeError ? 'connection lost' : why.message, 'bad');
+    }
+}
+
+start();
