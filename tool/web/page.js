@@ -224,6 +224,8 @@ function paint() {
 const rows = new Map();  // elements, by ids
 let order = [];          // ids, as they are shown
 
+const inOrder = new Intl.Collator('en', {numeric: true}).compare;  // cpu2, then cpu10
+
 function shownIds() {
     const children = new Map();
     const roots = [];
@@ -236,7 +238,7 @@ function shownIds() {
     const wanted = get('find').value.toLowerCase();
     const shown = [];
     const visit = (list, depth) => {
-        list.sort((a, b) => a.name < b.name ? -1 : a.name > b.name ? 1 : 0);
+        list.sort((a, b) => inOrder(a.name, b.name));
         for (const object of list) {
             const below = children.get(object.id) || [];
             if (!wanted || (object.name + ' ' + object.class).toLowerCase().includes(wanted))
@@ -599,9 +601,10 @@ const plot = {
     paint() {
         if (!this.canvas || !this.points.length)
             return;
-        const span = 60000;
         const now = Date.now();
         const {canvas, points} = this;
+        // A minute, and less as long as there is less to be seen.
+        const span = Math.min(60000, Math.max(10000, now - points[0][0]));
         const scale = window.devicePixelRatio || 1;
         const [width, height] = [canvas.clientWidth, canvas.clientHeight];
         canvas.width = width * scale;
@@ -617,7 +620,8 @@ const plot = {
         pen.font = '12px system-ui, sans-serif';
         pen.fillText(high, 6, 14);
         pen.fillText(low, 6, height - 6);
-        pen.fillText('last minute', width - 70, height - 6);
+        pen.textAlign = 'right';
+        pen.fillText('last ' + Math.round(span / 1000) + ' s', width - 6, height - 6);
         if (low === high)
             [low, high] = [low - 1, high + 1];
         const x = time => width - (now - time) / span * width;
@@ -709,9 +713,10 @@ function paintGraph(id, names, edges, marked) {
         return [name, [width / 2 + Math.cos(angle) * (width / 2 - 80),
                        height / 2 + Math.sin(angle) * (height / 2 - 40)]];
     }));
-    const arrow = make('defs', {}, make('marker', {id: id + '-arrow', viewBox: '0 0 10 10', refX: 10,
-        refY: 5, markerWidth: 9, markerHeight: 9, markerUnits: 'userSpaceOnUse', orient: 'auto'},
-        make('path', {d: 'M0 0 L10 5 L0 10'})));
+    const arrow = (name, how) => make('marker', {id: id + name, viewBox: '0 0 10 10', refX: 10, refY: 5,
+        markerWidth: 9, markerHeight: 9, markerUnits: 'userSpaceOnUse', orient: 'auto'},
+        make('path', {d: 'M0 0 L10 5 L0 10', class: how}));
+    const arrows = make('defs', {}, arrow('-arrow'), arrow('-bad', 'bad'));
     const paths = edges.map(edge => {
         const [[x1, y1], [x2, y2]] = [place.get(edge.from), place.get(edge.to)];
         const length = Math.hypot(x2 - x1, y2 - y1) || 1;
@@ -721,14 +726,14 @@ function paintGraph(id, names, edges, marked) {
             ? `M${x1 - 8} ${y1 - 8} c-30 -40 46 -40 16 0`
             : `M${x1 + dx * 12} ${y1 + dy * 12} Q${bend[0]} ${bend[1]} ${x2 - dx * 12} ${y2 - dy * 12}`;
         return make('path', {d, 'stroke-width': edge.width, class: edge.bad && 'bad',
-                             'marker-end': `url(#${id}-arrow)`}, make('title', {}, edge.title));
+                             'marker-end': `url(#${id}-${edge.bad ? 'bad' : 'arrow'})`}, make('title', {}, edge.title));
     });
     const nodes = all.map(name => {
         const [x, y] = place.get(name);
         return make('g', {class: marked.has(name) && 'bad'}, make('circle', {cx: x, cy: y, r: 9}),
-                    make('text', {x, y: y + 26}, name));
+                    make('text', {x, y: y < height / 2 ? y - 16 : y + 26}, name));
     });
-    svg.replaceChildren(arrow, ...paths, ...nodes);
+    svg.replaceChildren(arrows, ...paths, ...nodes);
 }
 
 // ---- Classes -----------------------------------------------------------------------------------
@@ -772,7 +777,7 @@ async function paintClasses() {
     } catch (why) {
         get('class').replaceChildren(make('p', {class: 'bad'}, why.message));
     }
-    get('classes-list').replaceChildren(...[...classes.keys()].sort().map(name => make(
+    get('classes-list').replaceChildren(...[...classes.keys()].sort(inOrder).map(name => make(
         'li', {}, make('button', {onclick: event => {
             for (const one of get('classes-list').querySelectorAll('[aria-current]'))
                 one.removeAttribute('aria-current');
