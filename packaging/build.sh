@@ -4,8 +4,7 @@
 #   packaging/build.sh <output folder> [<architecture>]
 #
 # A copy of the sources is built in the output folder, where the packages then lie. Those for another
-# architecture are the ones with machine code, without reflectorb-link, whose engine Debian has for
-# this one alone. The version is that of CMakeLists.txt.
+# architecture are the ones with machine code. The version is that of CMakeLists.txt.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -47,15 +46,16 @@ CHANGES
 }
 
 build() {
-    local arguments=(--build=binary)
-    if [[ $architecture != "$(dpkg --print-architecture)" ]]; then
-        # The libraries of the other architecture come with its compiler, not as packages.
-        arguments=(--build=any --host-arch "$architecture" -d -Pcross,nocheck,pkg.reflectorb.nolink)
-    fi
+    local place=$PWD
     rm -f "$output"/*.deb
-    cd "$source"
-    DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:+$DEB_BUILD_OPTIONS }noautodbgsym parallel=${REFLECTORB_JOBS:-$(nproc)}" \
-        dpkg-buildpackage --no-sign "${arguments[@]}"
+    export DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:+$DEB_BUILD_OPTIONS }noautodbgsym parallel=${REFLECTORB_JOBS:-$(nproc)}"
+    if [[ $architecture == "$(dpkg --print-architecture)" ]]; then
+        cd "$source"
+        dpkg-buildpackage --no-sign --build=binary
+        cd "$place"
+    else
+        packaging/cross.sh "$source" "$architecture"
+    fi
 }
 
 copy_sources
