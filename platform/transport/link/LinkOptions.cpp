@@ -152,6 +152,7 @@ std::optional<int> readOptions(int argc, char** argv, LinkOptions& options) {
         "Links this machine's rendezvous folder (TRANSPORT_DIR) and slot (TRANSPORT_SLOT) "
         "with those of other machines.",
         "reflectorb-link");
+    app.set_version_flag("--version", "reflectorb-link " REFLECTORB_VERSION);
     Place place;
     std::string file;
     describe(app, options, place);
