@@ -187,16 +187,18 @@ class BrowserTest(HouseTest):
             other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
             browser.sees("#tree .row .class", "Lamp of other.")
             browser.picture("namesakes")
-            browser.do("[...document.querySelectorAll('#tree .row')].find("
-                       "one => one.textContent.includes('of other.')).click()")
-            browser.sees("#object .hint", "Lamp of other.")
-            browser.sees(level, "10")
-            browser.send("POST", browser.element(level) + "/clear")
-            browser.type(level, "11\ue007")
-            browser.until("return !document.querySelector(arguments[0]).dataset.edited", level)
+            for actor, value, wanted in (("house", 12, "77"), ("other", 11, "10")):
+                browser.do("[...document.querySelectorAll('#tree .row')].find("
+                           "one => one.textContent.includes('of %s.')).click()" % actor)
+                browser.sees("#object .hint", "Lamp of %s." % actor)
+                browser.sees(level, wanted)
+                browser.send("POST", browser.element(level) + "/clear")
+                browser.type(level, "%d\ue007" % value)
+                browser.until("return !document.querySelector(arguments[0]).dataset.edited", level)
+                browser.sees("#tree .row[aria-selected=true] .values", "Level %d " % value)
             other.end(signal.SIGKILL)
             browser.sees("#object", "It has gone.")  # and the other one is not taken for it
-            self.assertEqual(run("get", "/house/hall/Level").stdout, "77\n")
+            self.assertEqual(run("get", "/house/hall/Level").stdout, "12\n")
             browser.click("#tree .row")
             browser.sees("#object .hint", "Lamp of house.")
         with self.subTest("lose and regain a process"):
