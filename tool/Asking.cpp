@@ -3,7 +3,22 @@
 #include <handler_threads.h>
 
 #include <algorithm>
+#include <csignal>
+#include <iterator>
 #include <system_error>
+
+namespace {
+
+/** Where a subcommand goes on until it is told to end, that signal waits until it looks for it. */
+bool isEndWanted() {
+    sigset_t waiting;
+    sigpending(&waiting);
+    int const ends[] = {SIGINT, SIGTERM, SIGHUP, SIGTSTP};
+    return std::any_of(std::begin(ends), std::end(ends),
+                       [&](int signal) { return sigismember(&waiting, signal) == 1; });
+}
+
+}  // namespace
 
 Asking::~Asking() {
     for (Worker& worker : workers_)
@@ -84,13 +99,17 @@ bool Asking::startWorker(std::function<void()> const& work) {
 
 void Asking::awaitRound(std::unique_lock<std::mutex>& lock, std::size_t const& pending,
                         bool const& enough) {
+    using Clock = std::chrono::steady_clock;
     constexpr std::chrono::seconds kGrace(2);  // behind a deadline, on a busy machine
-    for (;;) {
-        std::size_t const before = pending;
-        changed_.wait_for(lock, patience_ + kGrace,
-                          [&] { return pending != before || pending == 0 || enough; });
-        if (pending == 0 || enough || pending == before)
-            return;
+    constexpr std::chrono::milliseconds kMoment(100);
+    std::size_t before = pending;
+    auto end = Clock::now() + patience_ + kGrace;
+    while (pending > 0 && !enough && Clock::now() < end && !isEndWanted()) {
+        changed_.wait_for(lock, kMoment);
+        if (pending == before)
+            continue;
+        before = pending;
+        end = Clock::now() + patience_ + kGrace;
     }
 }
 

@@ -74,7 +74,8 @@ private:
     bool startWorker(std::function<void()> const& work);
     void joinThoseOver();
     /** Until nothing is pending, it is enough, or nobody has answered for so long that those who
-     * are left wait for something that no deadline ends. With mutex_. */
+     * are left wait for something that no deadline ends, or until a signal is to end the program.
+     * With mutex_. */
     void awaitRound(std::unique_lock<std::mutex>& lock, std::size_t const& pending,
                     bool const& enough);
     /** Runs `act` with permission and deadline; whether there was time left at its end. */

@@ -295,7 +295,7 @@ class WebTest(HouseTest):
         self.assertEqual(gateway.ask("GET", "/api/")[0], 200)
 
     def test_it_ends_at_once_whoever_is_connected(self):
-        gateway = Gateway(self)
+        gateway = Gateway(self, "--timeout", "30")
         idle, slow, deaf = gateway.connect(), gateway.connect(), gateway.connect()
         slow.sendall(b"GET /api/")
         deaf.sendall(gateway.request("GET", "/api/events?values=**"))
@@ -306,7 +306,7 @@ class WebTest(HouseTest):
         asking.sendall(gateway.request("GET", "/api/get?name=/house/hall/Level"))
         begin = time.monotonic()
         self.assertEqual(gateway.process.end(signal.SIGTERM), 0)
-        self.assertLess(time.monotonic() - begin, 3)
+        self.assertLess(time.monotonic() - begin, 10)  # and nobody waits for the one that hangs
         self.assertEqual(idle.recv(1), b"")
 
 
