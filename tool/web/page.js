@@ -366,11 +366,15 @@ function choose(id) {
     showObject(object);
 }
 
-/** Where it is not beside the tree, it is below. */
 function pick(id) {
     choose(id);
+    reveal('object');
+}
+
+/** What has been chosen in a list stands beside it, or, on a small screen, below. */
+function reveal(id) {
     if (matchMedia('(max-width: 720px)').matches)
-        get('object').scrollIntoView();
+        get(id).scrollIntoView();
 }
 
 /** What has come back under its name is another object, and shown then. One that has been there all
@@ -739,6 +743,7 @@ function paintGraph(id, names, edges, marked) {
 // ---- Classes -----------------------------------------------------------------------------------
 
 const classes = new Map();  // by names
+let chosenClass = '';
 
 async function learn(name) {
     if (!classes.has(name))
@@ -778,17 +783,24 @@ async function paintClasses() {
         get('class').replaceChildren(make('p', {class: 'bad'}, why.message));
     }
     get('classes-list').replaceChildren(...[...classes.keys()].sort(inOrder).map(name => make(
-        'li', {}, make('button', {onclick: event => {
-            for (const one of get('classes-list').querySelectorAll('[aria-current]'))
-                one.removeAttribute('aria-current');
-            event.currentTarget.setAttribute('aria-current', 'true');
+        'li', {}, make('button', {'data-class': name, onclick: () => {
+            chosenClass = name;
+            markClass();
             showClass(classes.get(name));
+            reveal('class');
         }}, name))));
+    markClass();
+}
+
+function markClass() {
+    for (const one of get('classes-list').querySelectorAll('button'))
+        one.setAttribute('aria-current', one.dataset.class === chosenClass);
 }
 
 function showClass(known) {
     const parameters = list => list.map(one => (one.type + ' ' + one.name).trim()).join(', ');
     const accessors = new Set(known.attributes.flatMap(one => ['get' + one.name, 'set' + one.name]));
+    get('classes').classList.add('chosen');
     get('class').replaceChildren(
         make('h2', {}, known.name), ...docLines(known.doc),
         make('p', {class: 'hint'}, 'id 0x' + known.id.toString(16) + ', hash ' + known.hash +
