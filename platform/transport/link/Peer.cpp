@@ -1,6 +1,7 @@
 #include "platform/transport/link/Peer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "logging/LineLimit.h"
@@ -19,8 +20,10 @@ using Transport::Switchboard;
 
 /** What a termination has sent last is still in the channels to the proxies. */
 constexpr long long kGrace = 50'000'000;
-/** How long those that go may let out what waits. */
+/** How long those that go may let out what waits; and what goes back to its senders. */
 constexpr long long kLinger = 500'000'000;
+constexpr long long kLongestLinger = 3'000'000'000;
+constexpr unsigned long kLook = 2'000'000;
 constexpr long long kWriterBusy = 2'000'000;
 constexpr std::size_t kStack = 128 * 1024;
 /** One of them can go on taking in while another one writes. */
@@ -63,6 +66,26 @@ void holdBack(TerminationId proxy, TerminationId sender) {
 void goOn(TerminationId proxy, TerminationId sender) {
     if (auto const channel = Switchboard::instance().find(proxy, sender))
         channel->goOn();
+}
+
+using Leaving = std::vector<std::unique_ptr<Proxy>>;
+
+/** Until none of them has anything to count, or that time has come. Sending is not refused
+ * meanwhile: what comes now is sent back, too. */
+void awaitNone(Leaving const& leaving, std::size_t (Proxy::*count)() const, long long until) {
+    for (auto const& proxy : leaving)
+        while ((*proxy.*count)() != 0 && now() < until)
+            OSWrap::Thread::sleep(0, kLook);
+}
+
+/** They go out of view, then end. */
+void leave(Leaving leaving) {
+    std::vector<TerminationId> ids;
+    for (auto const& proxy : leaving)
+        ids.push_back(proxy->id());
+    Rendezvous::instance().withdraw(ids);
+    for (auto const& proxy : leaving)
+        proxy->beginToLeave();
 }
 
 }  // namespace
@@ -546,9 +569,10 @@ void Peer::show(std::vector<Action> const& actions) {
             proxies_[ids[i]] = std::move(taken[i]);
 }
 
-/** All of them together let out what waits, then go out of view, then end. */
+/** All of them together let out what waits, then leave; those at which something still goes back,
+ * since its sender is slow to take it, stay for longer. */
 void Peer::drop(std::vector<Action> const& actions) {
-    std::vector<std::unique_ptr<Proxy>> leaving;
+    Leaving leaving, late;
     std::vector<TerminationId> ids;
     for (Action const& action : actions) {
         auto const found = proxies_.find(action.from);
@@ -558,13 +582,15 @@ void Peer::drop(std::vector<Action> const& actions) {
         leaving.push_back(std::move(found->second));
         proxies_.erase(found);
     }
-    long long const until = now() + kLinger;
-    for (auto const& proxy : leaving)
-        proxy->letOut(until);
-    Rendezvous::instance().withdraw(ids);
-    for (auto const& proxy : leaving)
-        proxy->beginToLeave();
-    leaving.clear();
+    long long const begin = now();
+    awaitNone(leaving, &Proxy::unsent, begin + kLinger);
+    auto const returning = std::partition(
+        leaving.begin(), leaving.end(), [](auto const& proxy) { return proxy->returning() == 0; });
+    std::move(returning, leaving.end(), std::back_inserter(late));
+    leaving.erase(returning, leaving.end());
+    leave(std::move(leaving));
+    awaitNone(late, &Proxy::returning, begin + kLongestLinger);
+    leave(std::move(late));
     forgetPlaces(ids);
 }
 

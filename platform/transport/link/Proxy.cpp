@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "oswrap/Clock.h"
 #include "platform/transport/link/Record.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
@@ -27,13 +26,6 @@ bool Proxy::take(std::string const& names, Transport::Visibility visibility) {
 
 bool Proxy::listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool) {
     return listening.valid() && receiver_->start(std::move(listening), pool);
-}
-
-/** Sending is not refused meanwhile: what comes now is sent back, too. */
-void Proxy::letOut(long long until) {
-    constexpr long long kLook = 2'000'000;
-    while (receiver_->hasUnsent() && OSWrap::Clock::nowNanoseconds() < until)
-        receiver_->waitUntilSent(kLook, kLook);
 }
 
 void Proxy::beginToLeave() {

@@ -48,8 +48,9 @@ public:
     /** With what publishing has answered, on a thread of the pool; false, with a log line, on
      * failure. */
     bool listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool);
-    /** Lets out what waits, until then at most, by the clock of `Clock::nowNanoseconds`. */
-    void letOut(long long until);
+    /** How many messages wait to be let out, and how many of them go back to their senders. */
+    std::size_t unsent() const { return receiver_->unsent(); }
+    std::size_t returning() const { return receiver_->returning(); }
     /** Out of view already: serves nobody any more. What begins that may be called before. */
     void beginToLeave();
     void leave();

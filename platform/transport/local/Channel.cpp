@@ -20,6 +20,11 @@ constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
 /** So much more than is needed is reserved at a time, for the messages that follow. */
 constexpr std::size_t kReservedAhead = 64 * 1024;
 
+/** How large a ring may become for messages of this size. */
+std::uint32_t boundFor(std::size_t messageSize) {
+    return messageSize > kUsualRing / 8 ? kLargestRing : kUsualRing;
+}
+
 }  // namespace
 
 Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
@@ -61,7 +66,8 @@ Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Ro
 bool Channel::putLocked(AddressedMessage const& message) {
     if (link_->writer->put(message.buf(), message.size()))
         return true;
-    return growLocked(message.size()) && link_->writer->put(message.buf(), message.size());
+    return growLocked(message.size(), boundFor(message.size())) &&
+           link_->writer->put(message.buf(), message.size());
 }
 
 Channel::Sent Channel::enqueueLocked(AddressedMessage const& message, Room room,
@@ -140,6 +146,7 @@ bool Channel::sendBack(AddressedMessage const& message) {
     if (copy.empty() || !takesLocked(copy))
         return false;
     MessageChain::mark(copy, MessageMark::SentBack);
+    receiver_->returningMore();
     pushLocked(std::move(copy));
     return true;
 }
@@ -148,7 +155,7 @@ bool Channel::sendBack(AddressedMessage const& message) {
  * taken something, and the receiving thread goes on then. */
 void Channel::drainLocked() {
     while (!queue_.empty()) {
-        if (sendFrontLocked() || growLocked(queue_.front()->size))
+        if (sendFrontLocked() || growForFrontLocked())
             continue;
         if (link_->writer->broken())
             receiver_->request(*this);
@@ -190,18 +197,25 @@ AddressedMessage Channel::popFrontLocked() {
     if (receiver_->tellsPlaces())
         receiver_->request(*this);
     receiver_->unsentLess(1);
+    if (queue_.front()->has(MessageMark::SentBack))
+        receiver_->returningLess(1);
     return queue_.pop();
 }
 
 /** Empties the queue of what the own termination has sent. What was sent back goes no further: it
- * was the peer's. */
-void Channel::takeOwnLocked(MessageChain& own) {
+ * was the peer's; answers how many of those there were. */
+std::size_t Channel::takeOwnLocked(MessageChain& own) {
+    std::size_t foreign = 0;
     leftPlace_ = lastPlace_;
     receiver_->unsentLess(queue_.count());
     while (!queue_.empty())
         if (AddressedMessage message = queue_.pop();
-            !MessageChain::isMarked(message, MessageMark::SentBack))
+            MessageChain::isMarked(message, MessageMark::SentBack))
+            ++foreign;
+        else
             own.push(std::move(message));
+    receiver_->returningLess(foreign);
+    return foreign;
 }
 
 void Channel::tellPlaces() {
@@ -220,9 +234,15 @@ void Channel::tellPlaces(std::uint64_t left) {
         receiver_->leftQueue(peer_, left);
 }
 
-/** Goes on in a larger ring if one is allowed for messages of this size. */
-bool Channel::growLocked(std::size_t messageSize) {
-    std::uint32_t const bound = messageSize > kUsualRing / 8 ? kLargestRing : kUsualRing;
+/** What comes back is to be out of this process soon, which may be about to take leave. */
+bool Channel::growForFrontLocked() {
+    MessageBlock const& front = *queue_.front();
+    return growLocked(front.size,
+                      front.has(MessageMark::SentBack) ? kLargestRing : boundFor(front.size));
+}
+
+/** Goes on in a larger ring, up to `bound`. */
+bool Channel::growLocked(std::size_t messageSize, std::uint32_t bound) {
     std::uint32_t wanted = link_->writer->capacity();
     if (link_->growthFailed || wanted >= bound || link_->frontDone != 0 || link_->writer->broken())
         return false;

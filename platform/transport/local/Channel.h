@@ -214,11 +214,12 @@ private:
     void settleLocked() OSW_REQUIRES(mutex_);
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
-    bool growLocked(std::size_t messageSize) OSW_REQUIRES(mutex_);
+    bool growLocked(std::size_t messageSize, std::uint32_t bound) OSW_REQUIRES(mutex_);
+    bool growForFrontLocked() OSW_REQUIRES(mutex_);
     bool goOnInRingOfLocked(std::uint32_t capacity) OSW_REQUIRES(mutex_);
     void ringIfAsleepLocked() OSW_REQUIRES(mutex_);
     AddressedMessage popFrontLocked() OSW_REQUIRES(mutex_);
-    void takeOwnLocked(MessageChain& own) OSW_REQUIRES(mutex_);
+    std::size_t takeOwnLocked(MessageChain& own) OSW_REQUIRES(mutex_);
     void tellPlaces();
     void tellPlaces(std::uint64_t left);
 
@@ -267,6 +268,7 @@ private:
     void end();
     void closeBecause(char const* reason);
     void close(Unread unread);
+    void logKept(std::size_t messages);
     bool giveBackUntaken();
     void endWithSocket();
     void dropConnection();

@@ -483,6 +483,7 @@ void Channel::close(Unread unread) {
     MessageChain back;
     OpenSocket socket;
     bool again = false;
+    std::size_t foreign = 0;
     std::uint64_t left = 0;
     std::uint64_t last = 0;
     {
@@ -491,7 +492,7 @@ void Channel::close(Unread unread) {
         if (unread == Unread::GiveBack) {
             if (link_.has_value() && link_->writer.has_value())
                 untaken_.emplace(link_->writer->giveUp());
-            takeOwnLocked(back);
+            foreign = takeOwnLocked(back);
         }
         socket = unlinkLocked();
         settleLocked();
@@ -507,10 +508,23 @@ void Channel::close(Unread unread) {
     toldPlace_ = last;  // those between come back
     giveBackUntaken();
     receiver_->giveBack(back);
+    if (foreign > 0)
+        logKept(foreign);
     if (again)
         receiver_->request(*this);
     if (std::optional<Greeting> next = std::exchange(greeting_, std::nullopt))
         answerHello(std::move(next->socket), std::move(next->hello));
+}
+
+void Channel::logKept(std::size_t messages) {
+    if (!Rendezvous::instance().exists(peer_))
+        return;  // nobody waits for them
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(
+        limit, 3, kSource,
+        "0x%08X has closed the channel with 0x%08X before it had %zu messages of "
+        "its own back: lost",
+        peer_.value(), ownId_.value(), messages);
 }
 
 /** False when memory does not suffice for all of it yet. */

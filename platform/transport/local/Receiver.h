@@ -71,14 +71,18 @@ public:
     void requestReading(Channel& channel);
     /** Whether the termination may still send. */
     bool sending() const { return unsent_.sending(); }
-    /** Whether any message waits in a channel's queue. */
-    bool hasUnsent() const { return unsent_.any(); }
+    /** How many messages wait in the queues of channels. */
+    std::size_t unsent() const { return unsent_.count(); }
+    /** How many of them go back to those who have sent them. */
+    std::size_t returning() const { return returning_.load(); }
     void refuseSending() { unsent_.refuseSending(); }
     /** Whether the owner is to be told which messages have left a channel's queue. */
     bool tellsPlaces() const { return tellsPlaces_; }
     /** Counts messages that wait in a channel's queue. */
     void unsentMore() { unsent_.more(); }
     void unsentLess(std::size_t count) { unsent_.less(count); }
+    void returningMore() { returning_.fetch_add(1); }
+    void returningLess(std::size_t count) { returning_.fetch_sub(count); }
     /** See UnsentCount::wait; at once on the receiving thread itself. */
     void waitUntilSent(long long idle, long long most);
     /** Ends the thread, or its part for this one. Returns when it makes no callback of this one any
@@ -176,6 +180,7 @@ private:
     std::atomic<bool> stopping_{false};
     static thread_local Receiver const* received_;  // for whom the thread reads
     UnsentCount unsent_;
+    std::atomic<std::size_t> returning_{0};
     EventSet events_;
     Inbox inbox_;
 

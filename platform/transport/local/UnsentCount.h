@@ -18,7 +18,7 @@ public:
     UnsentCount(UnsentCount const&) = delete;
     UnsentCount& operator=(UnsentCount const&) = delete;
 
-    bool any() const { return count_.load() != 0; }
+    std::size_t count() const { return count_.load(); }
     bool sending() const { return sending_.load(); }
     void refuseSending() { sending_.store(false); }
     void more() { count_.fetch_add(1); }
