@@ -9,6 +9,7 @@ namespace {
 struct Sleep {
     pthread_cond_t* condition;
     pthread_mutex_t* mutex;
+    clockid_t clock;
     timespec end;
 };
 
@@ -19,7 +20,7 @@ int sleepOn(void* what) {
 
 int sleepUntil(void* what) {
     auto const& sleep = *static_cast<Sleep*>(what);
-    return pthread_cond_timedwait(sleep.condition, sleep.mutex, &sleep.end);
+    return pthread_cond_clockwait(sleep.condition, sleep.mutex, sleep.clock, &sleep.end);
 }
 
 }  // namespace
@@ -51,7 +52,7 @@ void ConditionVar::unlock() OSW_NO_ANALYSIS
 // prescribes; there is nothing to clean up.
 bool ConditionVar::wait(TimeSpec const& limit) OSW_NO_ANALYSIS
 {
-    Sleep sleep{&condition_, &mutex_, {}};
+    Sleep sleep{&condition_, &mutex_, clock_, {}};
     if (limit.isInfinite()) {
         atCancellationPoint(sleepOn, &sleep);
         return true;

@@ -31,21 +31,17 @@ inline bool readsSignals(ChildProgram const& program) {
     return does("grep -q '^SigBlk:.*4203$' /proc/" + std::to_string(program.pid()) + "/status");
 }
 
-/** Two namespaces and the cable between them, of addresses that are known in there only. */
+/** Namespaces, each with a cable to a bridge in one of its own; their addresses are known in there
+ * only. */
 class Network {
 public:
-    Network() {
+    explicit Network(int machines = 2) : machines_(machines) {
         remove();  // what one of the same process id has left
-        made_ = geteuid() == 0 && does("ip netns add " + name(1)) &&
-                does("ip netns add " + name(2)) &&
-                does("ip link add cable netns " + name(1) + " type veth peer name cable netns " +
-                     name(2));
-        for (int slot : {1, 2})
-            made_ = made_ && does("ip netns exec " + name(slot) + " true") &&
-                    does("ip -n " + name(slot) + " addr add 10.77.0." + std::to_string(slot) +
-                         "/24 dev cable") &&
-                    does("ip -n " + name(slot) + " link set lo up");
-        plugIn();
+        made_ = geteuid() == 0 && does("ip netns add " + name(kHub)) &&
+                does("ip -n " + name(kHub) + " link add bridge type bridge") &&
+                does("ip -n " + name(kHub) + " link set bridge up");
+        for (int slot = 1; slot <= machines_; ++slot)
+            made_ = made_ && add(slot);
     }
     ~Network() { remove(); }
     Network(Network const&) = delete;
@@ -59,23 +55,39 @@ public:
         return does("ip -n " + name(slot) + " link set cable " + what);
     }
     void unplug(int slot) { EXPECT_TRUE(set(slot, "down")); }
+    void plugIn(int slot) { EXPECT_TRUE(set(slot, "up")); }
     /** What a machine sends goes nowhere; what others send comes. False: this kernel cannot. */
     static bool mute(int slot) { return queue(slot, "replace dev cable root blackhole"); }
     static bool unmute(int slot) { return queue(slot, "del dev cable root"); }
-    void plugIn() {
-        for (int slot : {1, 2})
-            made_ = made_ && set(slot, "up");
+    /** Those of whom this holds reach each other no more, but all others. */
+    void keepApart(int slot, bool apart) {
+        EXPECT_TRUE(does("ip -n " + name(kHub) + " link set " + port(slot) +
+                         " type bridge_slave isolated " + (apart ? "on" : "off")));
     }
 
 private:
+    static constexpr int kHub = 0;
+
+    static std::string port(int slot) { return "port" + std::to_string(slot); }
+    static bool add(int slot) {
+        return does("ip netns add " + name(slot)) &&
+               does("ip netns exec " + name(slot) + " true") &&
+               does("ip link add cable netns " + name(slot) + " type veth peer name " + port(slot) +
+                    " netns " + name(kHub)) &&
+               does("ip -n " + name(kHub) + " link set " + port(slot) + " master bridge up") &&
+               does("ip -n " + name(slot) + " addr add 10.77.0." + std::to_string(slot) +
+                    "/24 dev cable") &&
+               does("ip -n " + name(slot) + " link set lo up") && set(slot, "up");
+    }
     static bool queue(int slot, std::string const& what) {
         return does("ip netns exec " + name(slot) + " tc qdisc " + what);
     }
-    static void remove() {
-        for (int slot : {1, 2})
+    void remove() const {
+        for (int slot = kHub; slot <= machines_; ++slot)
             does("ip netns del " + name(slot));
     }
 
+    int const machines_;
     bool made_ = false;
 };
 
@@ -153,89 +165,6 @@ private:
     int const place_;
     testsupport::RendezvousFolder const parent_;
     std::string const folder_;
-};
-
-class MachinesTest : public testing::Test {
-protected:
-    void SetUp() override {
-        if (!network.made())
-            GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
-        one.startLink();
-        two.startLink();
-        awaitLinked();
-    }
-    void TearDown() override {
-        for (Machine* machine : {&one, &two})
-            if (HasFailure() && machine->link)
-                for (std::string const& line : machine->link->errorLines())
-                    std::printf("%s\n", line.c_str());
-    }
-    void awaitLinked() {
-        one.awaitLinked();
-        two.awaitLinked();
-    }
-    /** A termination on each machine; those of the other one are known to each. */
-    void join() {
-        sender = one.actor("transport_actor");
-        receiver = two.actor("transport_actor");
-        senderId = sender->ask("join", "id");
-        receiverId = receiver->ask("join", "id");
-        EXPECT_TRUE(sender->does("ping " + receiverId));
-        EXPECT_TRUE(receiver->does("ping " + senderId));
-    }
-    struct Report {
-        unsigned long received = 0, faults = 0, returned = 0, damaged = 0;
-    };
-    static Report reportOf(ActorProgram& actor) {
-        std::istringstream words(actor.ask("report", "report"));
-        Report report;
-        words >> report.received >> report.faults >> report.returned >> report.damaged;
-        return report;
-    }
-    /** How often each number has come, or has come back, as the actor writes it in runs. */
-    static std::vector<unsigned> timesOf(ActorProgram& actor, std::string const& what,
-                                         std::string const& id, std::size_t numbers) {
-        std::istringstream runs(actor.ask(what + " " + id, what));
-        std::vector<unsigned> times;
-        unsigned often = 0;
-        std::size_t count = 0;
-        for (char by = 0; runs >> often >> by >> count;)
-            times.insert(times.end(), count, often);
-        times.resize(numbers);
-        return times;
-    }
-    /** Of each message that was accepted. */
-    struct Ledger {
-        unsigned long accepted = 0, lost = 0, both = 0, doubled = 0;
-        bool settled() const { return accepted > 0 && lost == 0; }
-    };
-    Ledger ledger() {
-        Ledger ledger;
-        ledger.accepted =
-            std::strtoul(sender->ask("accepted " + receiverId, "accepted").c_str(), nullptr, 10);
-        auto const came = timesOf(*receiver, "came", senderId, ledger.accepted);
-        auto const back = timesOf(*sender, "back", receiverId, ledger.accepted);
-        for (std::size_t i = 0; i < ledger.accepted; ++i) {
-            ledger.lost += came[i] + back[i] == 0;
-            ledger.both += came[i] > 0 && back[i] > 0;
-            ledger.doubled += came[i] > 1 || back[i] > 1;
-        }
-        return ledger;
-    }
-    /** Each message that was accepted has been delivered or has come back, and no more than once:
-     * both only when what settled it was lost. */
-    void awaitAllAccountedFor() {
-        EXPECT_SOON(ledger().settled());
-        Ledger const end = ledger();
-        EXPECT_EQ(end.lost, 0u);
-        EXPECT_EQ(end.doubled, 0u);
-        EXPECT_EQ(reportOf(*sender).damaged, 0u);
-    }
-
-    Network network;
-    Machine one{1}, two{2};
-    std::unique_ptr<ActorProgram> sender, receiver;
-    std::string senderId, receiverId;
 };
 
 }  // namespace machines

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "Machines.h"
+#include "MachinesFixture.h"
 
 namespace machines {
 namespace {
@@ -26,8 +26,12 @@ public:
     Manager(Manager const&) = delete;
     Manager& operator=(Manager const&) = delete;
 
+    /** Of a program that it ends when it hears nothing of it. */
     testsupport::ChildProgram::Environment environment() const {
         return {{"NOTIFY_SOCKET", path_}, {"WATCHDOG_USEC", std::to_string(kPatience.count())}};
+    }
+    testsupport::ChildProgram::Environment withoutWatchdog() const {
+        return {{"NOTIFY_SOCKET", path_}};
     }
     /** Whether it is told that before the time is up. */
     bool hears(std::string const& what,
@@ -151,7 +155,7 @@ TEST_F(MachinesTest, a_parting_of_any_length_loses_no_message_silently) {
         sender->tell("flood " + receiverId + " 100000 200");
         network.unplug(2);
         usleep(1000 * milliseconds);
-        network.plugIn();
+        network.plugIn(2);
         EXPECT_SOON(sender->does("ping " + receiverId));
         awaitAllAccountedFor();
     }
@@ -173,6 +177,38 @@ TEST_F(MachinesTest,
     }
 }
 
+TEST_F(MachinesTest, a_clock_that_is_set_forth_and_back_parts_nobody_and_loses_nothing) {
+#ifdef CLOCKS_ARE_THE_SANITIZERS
+    GTEST_SKIP()
+        << "the sanitizer's own functions stand before the clock and those who wait for it";
+#endif
+    testsupport::RendezvousFolder const folder;
+    std::string const set = folder.path() + "/set";
+    for (Machine* machine : {&one, &two}) {
+        machine->link.reset();
+        machine->startLink({{"LD_PRELOAD", JUMPING_CLOCK}, {"CLOCK_SET_BY", set}});
+    }
+    awaitLinked();
+    join();
+    int round = 0;
+    for (char const* const seconds : {"100000", "-100000", "0", "3", "-3"}) {
+        SCOPED_TRACE(seconds);
+        std::ofstream(set + ".new") << seconds;
+        std::filesystem::rename(set + ".new", set);
+        sender->tell("flood " + receiverId + " 20000 200");
+        EXPECT_TRUE(receiver->does("ping " + senderId));
+        ++round;
+        EXPECT_SOON(reportOf(*receiver).received == 20'000u * static_cast<unsigned>(round));
+    }
+    // Its log shows that a link goes by the clock that was set.
+    one.link->signal(SIGUSR1);
+    EXPECT_TRUE(one.link->waitForErrorLine("sent 100"));
+    EXPECT_EQ(reportOf(*sender).returned, 0u);
+    for (Machine const* machine : {&one, &two})
+        for (std::string const& line : machine->link->errorLines())
+            EXPECT_EQ(line.find("no link with slot"), line.npos) << line;
+}
+
 TEST_F(MachinesTest, a_link_begins_without_its_interface_and_joins_when_that_comes) {
     network.unplug(1);
     one.link.reset();
@@ -181,7 +217,7 @@ TEST_F(MachinesTest, a_link_begins_without_its_interface_and_joins_when_that_com
     Machine::Status const alone = one.status();
     EXPECT_EQ(alone.exitCode, 1);
     EXPECT_NE(alone.text.find("waits for its interface"), alone.text.npos) << alone.text;
-    network.plugIn();
+    network.plugIn(1);
     awaitLinked();
     join();
 }
@@ -259,13 +295,16 @@ TEST_F(MachinesTest, a_link_tells_how_it_is_and_who_asks_where_there_is_none_is_
 }
 
 TEST_F(MachinesTest, the_service_manager_hears_nothing_more_of_a_link_with_a_thread_that_hangs) {
-    Manager const manager;
+    Manager const manager, onlooker;
+    one.link.reset();
     two.link.reset();
     manager.fill();
     two.startLink(manager.environment());
+    one.startLink(onlooker.withoutWatchdog());
     two.awaitLinked();
     EXPECT_TRUE(manager.hears("READY=1"));
     EXPECT_TRUE(manager.hears("STATUS=runs, linked with 1 of 1 machines in sight"));
+    EXPECT_TRUE(onlooker.hears("STATUS=runs, linked with 1 of 1 machines in sight"));
     for (char const* const name : {"LnSend", "LnShow"}) {
         SCOPED_TRACE(name);
         EXPECT_TRUE(manager.hears("WATCHDOG=1"));

@@ -68,7 +68,7 @@ TEST_F(SecuredMachinesTest, who_has_no_good_certificate_for_its_slot_hears_and_s
         GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
     ASSERT_TRUE(keys("authority"));
     for (char const* machine :
-         {"1 one", "2 two", "3 expired --until '1 hour ago'", "4 revoked", "5 five"})
+         {"1 one", "2 two", "3 expired --until '2 seconds'", "4 revoked", "5 five"})
         ASSERT_TRUE(keys("machine", machine));
     Machine expired{3, 1}, revoked{4, 1}, other{6, 1}, stranger{7, 1}, liar{8, 1};
     // It does not know the list that it is on.
@@ -87,6 +87,7 @@ TEST_F(SecuredMachinesTest, who_has_no_good_certificate_for_its_slot_hears_and_s
     stranger.startLink();
     secure(liar, folderOf("five"));
     liar.startLink(corrupted());
+    EXPECT_SOON(!does("openssl x509 -checkend 0 -in " + folderOf("expired") + "/machine.pem"));
     secure(expired, folderOf("expired"));
     expired.startLink(corrupted({{"LIE_DAYS", "1"}}));
     expectKeptOut(expired, 3, "certificate has expired; subject: /O=Reflect ORB/OU=slot 3");
@@ -130,6 +131,7 @@ TEST_F(SecuredMachinesTest, keys_are_not_overwritten_and_what_is_wrong_with_them
     EXPECT_FALSE(keys("machine", "2 one"));
     EXPECT_FALSE(keys("machine", "256 two"));
     EXPECT_FALSE(keys("machine", "2 ../two"));
+    EXPECT_FALSE(keys("machine", "2 two --until '1 second ago'"));
     EXPECT_FALSE(keys("renew", "nobody"));
     std::string const folder = folderOf("one");
     EXPECT_TRUE(does("test -z \"$(find " + node + " -perm /077)\" && test -f " + folder +

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <csignal>
 #include <limits>
+#include <utility>
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr char const* kSource = "LinkControl";
 constexpr long long kNever = std::numeric_limits<long long>::max();
 constexpr long long kSecond = 1'000'000'000;
+constexpr long long kTellEach = 2 * kSecond;  // how the link is, to a manager that only looks on
 
 int signalDescriptor() {
     sigset_t mask;
@@ -41,7 +43,7 @@ ControlLoop::ControlLoop(ControlListener& listener)
     : listener_(listener),
       signals_(signalDescriptor()),
       work_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      keepAliveAt_(service_.patience() > 0 ? 0 : kNever),
+      keepAliveAt_(service_.listens() ? 0 : kNever),
       readyAt_(kNever) {}
 
 void ControlLoop::openTo(std::string const& folder) {
@@ -118,19 +120,29 @@ void ControlLoop::answer(long long time) {
 void ControlLoop::keepAlive(long long time) {
     if (time < keepAliveAt_)
         return;
-    keepAliveAt_ = time + service_.patience() / 3;
-    Health const health = listener_.health();
-    if (health.oldestDebt > service_.patience() / 2) {
+    bool const isWatched = service_.patience() > 0;
+    keepAliveAt_ = time + (isWatched ? service_.patience() / 3 : kTellEach);
+    long long const debt = isWatched ? listener_.oldestDebt() : 0;
+    if (isWatched && debt > service_.patience() / 2) {
         static Logging::LineLimit limit(1);
         REFLECTORB_LOG_LIMITED(limit, 2, kSource,
                                "a thread has been at one thing for %lld ms: the service manager is "
                                "not told that all is well",
-                               health.oldestDebt / 1'000'000);
+                               debt / 1'000'000);
         return;
     }
-    service_.tell("WATCHDOG=1\nSTATUS=" + health.state + ", linked with " +
-                  std::to_string(health.linked) + " of " + std::to_string(health.inSight) +
-                  " machines in sight");
+    Health const health = listener_.health();
+    std::string const status = health.state + ", linked with " + std::to_string(health.linked) +
+                               " of " + std::to_string(health.inSight) + " machines in sight";
+    if (isWatched)
+        service_.tell("WATCHDOG=1\nSTATUS=" + status);
+    else
+        tellStatus(status);
+}
+
+void ControlLoop::tellStatus(std::string const& status) {
+    if (toldStatus_ != status && service_.tell("STATUS=" + status))
+        toldStatus_ = status;
 }
 
 }  // namespace Link

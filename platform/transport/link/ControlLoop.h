@@ -11,9 +11,8 @@ namespace Link {
 
 /** How the link is, as far as the service manager is concerned. A value. */
 struct Health {
-    std::string state;         // what it is about
-    long long oldestDebt = 0;  // nanoseconds for which a thread has been at one thing
-    std::size_t linked = 0;    // other machines
+    std::string state;       // what it is about
+    std::size_t linked = 0;  // other machines
     std::size_t inSight = 0;
 };
 
@@ -24,6 +23,8 @@ public:
     /** A document of JSON. */
     virtual std::string status() = 0;
     virtual Health health() = 0;
+    /** Nanoseconds for which a thread has been at one thing; wakes threads to ask them. */
+    virtual long long oldestDebt() = 0;
 
 protected:
     ~ControlListener() = default;
@@ -52,6 +53,8 @@ public:
     /** Lets others ask for the status, once this process is the link of the folder. */
     void openTo(std::string const& folder);
     ServiceManager const& service() const { return service_; }
+    /** Shows the service manager a line of how the link is. */
+    void tellStatus(std::string const& status);
     /** That the program has begun. Whoever starts it waits for that, so it is told, while this
      * thread waits, until the service manager has taken it. */
     void tellReady();
@@ -76,6 +79,7 @@ private:
     Transport::Descriptor work_;
     std::unique_ptr<StatusSocket> status_;
     long long keepAliveAt_;
+    std::string toldStatus_;  // that the manager has taken
     long long readyAt_;       // when it is told (again)
     long long answerAt_ = 0;  // not before: no descriptor was left
 };

@@ -53,6 +53,7 @@ public:
     void logFigures() override { exchange_.logFigures(); }
     std::string status() override;
     Link::Health health() override;
+    long long oldestDebt() override { return exchange_.oldestDebt(); }
 
 private:
     std::bitset<256> groups() const;
@@ -128,7 +129,7 @@ void Program::tellStopping() {
 
 void Program::tellState(std::string const& state) {
     if (std::exchange(state_, state) != state)
-        loop_.service().tell("STATUS=" + state);
+        loop_.tellStatus(state);
 }
 
 /** False when the program is to end before there is a bus. */
@@ -221,7 +222,6 @@ std::string Program::status() {
 
 Link::Health Program::health() {
     Link::Health health;
-    health.oldestDebt = exchange_.oldestDebt();
     health.state = state_;
     for (Link::PeerStatus const& peer : exchange_.status()) {
         ++health.inSight;

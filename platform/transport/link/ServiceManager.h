@@ -19,6 +19,7 @@ public:
     ServiceManager();
     /** Lines such as "READY=1"; never blocks. False: it takes nothing just now. */
     bool tell(std::string const& lines) const;
+    bool listens() const { return socket_.valid(); }
     /** Nanoseconds without WATCHDOG=1 after which it ends this program; 0: never. */
     long long patience() const { return patience_; }
 
