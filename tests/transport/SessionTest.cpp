@@ -9,6 +9,8 @@
 #include <random>
 #include <set>
 
+#include "AllocationCount.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/link/Session.h"
 #include "tests/support/LogCapture.h"
 
@@ -252,6 +254,44 @@ TEST_F(SessionTest, who_has_lost_sight_for_a_moment_only_makes_the_other_one_beg
     passAll();
     EXPECT_EQ(kinds(a.actions()), std::vector<Kind>{Kind::Opened});
     EXPECT_EQ(kinds(b.actions()), std::vector<Kind>{Kind::Opened});
+}
+
+TEST_F(SessionTest, who_runs_out_of_memory_begins_anew_and_gives_back_what_was_taken_once) {
+    std::vector<AddressedMessage> messages;
+    for (std::uint32_t number = 0; number < 5; ++number)
+        messages.push_back(message(here, there, number, 100));
+    unsigned long n = 0;
+    for (bool reached = true; reached;) {
+        std::size_t taken = 0;
+        starve(++n, 3);
+        bool whole = OSWrap::withMemory([&] {
+            for (AddressedMessage const& one : messages) {
+                a.session.send(one);
+                ++taken;
+            }
+        });
+        whole = OSWrap::withMemory([&] { pass(a, b); }) && whole;
+        for (Side* side : {&a, &b})
+            while (!whole && !OSWrap::withMemory([&] { side->session.memoryRanOut(now); })) {
+            }
+        reached = feed();
+        if (whole)
+            a.session.peerLost(now);
+        auto const back = kinds(a.actions());
+        EXPECT_EQ(static_cast<std::size_t>(std::count(back.begin(), back.end(), Kind::GiveBack)),
+                  taken)
+            << n;
+        EXPECT_EQ(back.back(), Kind::Ended) << n;
+        a.session.peerSeen(now);
+        passAll();
+        ASSERT_EQ(a.session.state(), Session::State::Open) << n;
+        a.session.announce(here, true, {});
+        b.session.announce(there, true, {});
+        passAll();
+        a.actions();
+        b.actions();
+    }
+    EXPECT_GT(n, 10u);
 }
 
 TEST_F(SessionTest, no_time_is_asked_for_while_nothing_is_under_way) {

@@ -12,6 +12,7 @@
 #include "Link.h"
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/link/Participants.h"
 
 namespace Link {
@@ -258,6 +259,8 @@ private:
     static void onParticipants(dds_entity_t reader, void* self);
     void unitTaken(ReflectOrbLink_Unit const& unit, dds_sample_info_t const& info,
                    dds_entity_t reader);
+    void pieceTaken(ReflectOrbLink_Piece const& piece, dds_sample_info_t const& info,
+                    dds_entity_t reader);
     bool mayAnnounce(ReflectOrbLink_Unit const& unit, dds_entity_t reader,
                      dds_instance_handle_t writer);
     bool isOfAnnouncer(std::uint64_t epoch, dds_entity_t reader, dds_instance_handle_t writer);
@@ -313,13 +316,15 @@ bool EngineBus::makeReader(Entity& reader, Entity const& topic, Qos const& qos,
     return done;
 }
 
+/** Nothing may be thrown into the engine; and who is there is told once. */
 void EngineBus::onUnits(dds_entity_t reader, void* self) {
     for (;;) {
         Taken<ReflectOrbLink_Unit> const taken(reader);
         if (taken.count() == 0)
             return;
         for (std::size_t i = 0; i < taken.count(); ++i)
-            static_cast<EngineBus*>(self)->unitTaken(taken[i], taken.info(i), reader);
+            OSWrap::untilMemory(
+                [&] { static_cast<EngineBus*>(self)->unitTaken(taken[i], taken.info(i), reader); });
     }
 }
 
@@ -363,23 +368,27 @@ bool EngineBus::isOfAnnouncer(std::uint64_t epoch, dds_entity_t reader,
     return publisher && participants_.isOf(epoch, writer, publisher->participant);
 }
 
+/** A piece that there is no memory for is missing, which its session notices. */
 void EngineBus::onPieces(dds_entity_t reader, void* self) {
-    EngineBus& bus = *static_cast<EngineBus*>(self);
     for (;;) {
         Taken<ReflectOrbLink_Piece> const taken(reader);
         if (taken.count() == 0)
             return;
-        for (std::size_t i = 0; i < taken.count(); ++i) {
-            ReflectOrbLink_Piece const& piece = taken[i];
-            dds_sample_info_t const& info = taken.info(i);
-            if (!info.valid_data || piece.records._length > kMostPieceBytes ||
-                !bus.isOfAnnouncer(piece.epoch, reader, info.publication_handle))
-                continue;
-            PieceHead const head{piece.from_token, piece.to_token, piece.number, piece.taken};
-            bus.listener_.pieceArrived(piece.epoch, head, piece.records._buffer,
-                                       piece.records._length);
-        }
+        for (std::size_t i = 0; i < taken.count(); ++i)
+            if (!OSWrap::withMemory([&] {
+                    static_cast<EngineBus*>(self)->pieceTaken(taken[i], taken.info(i), reader);
+                }))
+                OSWrap::awaitMemory();
     }
+}
+
+void EngineBus::pieceTaken(ReflectOrbLink_Piece const& piece, dds_sample_info_t const& info,
+                           dds_entity_t reader) {
+    if (!info.valid_data || piece.records._length > kMostPieceBytes ||
+        !isOfAnnouncer(piece.epoch, reader, info.publication_handle))
+        return;
+    PieceHead const head{piece.from_token, piece.to_token, piece.number, piece.taken};
+    listener_.pieceArrived(piece.epoch, head, piece.records._buffer, piece.records._length);
 }
 
 bool EngineBus::watchStrangers() {
@@ -402,10 +411,13 @@ void EngineBus::onParticipants(dds_entity_t reader, void* self) {
             return bus.listener_.strangerSeen();
         for (std::size_t i = 0; i < taken.count(); ++i) {
             Participants::Guid const guid = guidOf(taken[i].key);
-            if (taken.info(i).instance_state != DDS_ALIVE_INSTANCE_STATE)
-                bus.participants_.gone(guid);
-            else if (guid != guidOf(own))
-                bus.participants_.seen(guid, nameOf(taken[i].qos), OSWrap::Clock::nowNanoseconds());
+            OSWrap::untilMemory([&] {
+                if (taken.info(i).instance_state != DDS_ALIVE_INSTANCE_STATE)
+                    bus.participants_.gone(guid);
+                else if (guid != guidOf(own))
+                    bus.participants_.seen(guid, nameOf(taken[i].qos),
+                                           OSWrap::Clock::nowNanoseconds());
+            });
         }
     }
 }

@@ -7,6 +7,7 @@
 
 #include "logging/LineLimit.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 
 namespace Link {
 namespace {
@@ -33,10 +34,10 @@ Exchange::~Exchange() {
 // ---- What the engine and the transport tell ----------------------------------------------------
 
 void Exchange::push(Event event) {
-    {
+    OSWrap::untilMemory([&] {
         OSWrap::Lock<> lock(mutex_);
         events_.push_back(std::move(event));
-    }
+    });
     wake_();
 }
 

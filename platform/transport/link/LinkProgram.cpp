@@ -4,6 +4,7 @@
 
 #include "logging/Log.h"
 #include "oswrap/Clock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/Identity.h"
 #include "platform/transport/link/ControlLoop.h"
 #include "platform/transport/link/Exchange.h"
@@ -208,7 +209,12 @@ std::optional<int> Program::linked() {
         int const unmet = exchange_.hasUnmet() ? kRetryMilliseconds : -1;
         if (loop_.waitForWork(sooner(unmet, sooner(strangers, validity))) == Waited::Ended)
             return kDone;
-        if (exchange_.control() == Link::Exchange::Verdict::Yield)
+        Link::Exchange::Verdict verdict = Link::Exchange::Verdict::GoOn;
+        if (!OSWrap::withMemory([&] { verdict = exchange_.control(); })) {
+            OSWrap::awaitMemory();
+            return std::nullopt;
+        }
+        if (verdict == Link::Exchange::Verdict::Yield)
             return kSlotTaken;
     }
     return std::nullopt;

@@ -7,6 +7,7 @@
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Switchboard.h"
 
@@ -130,6 +131,52 @@ void Peer::stop() {
     writer_.reset();
 }
 
+// ---- Without memory ----------------------------------------------------------------------------
+
+/** False when it could not be done whole, or something before it: the session is about to end. */
+template <class Act>
+bool Peer::attempt(Act const& act) {
+    if (halfDone_)
+        return false;
+    if (OSWrap::withMemory(act))
+        return true;
+    halfDone_ = true;
+    state_.broadcast();
+    return false;
+}
+
+/** On LnSend. */
+void Peer::endWithoutMemory() {
+    bool const ended =
+        OSWrap::withMemory([this]() OSW_NO_ANALYSIS { session_.memoryRanOut(now()); });
+    if (ended)
+        halfDone_ = false;
+    state_.unlock();
+    if (ended)
+        carryOut(By::Anyone);
+    else
+        OSWrap::awaitMemory();
+    state_.lock();
+}
+
+/** Of actions that memory has run out at: what the end of the session, which follows, does not make
+ * good. */
+void Peer::performRest(std::vector<Action>& actions) {
+    switch (actions.front().kind) {
+        case Action::Kind::Drop:
+            return drop(actions);
+        case Action::Kind::Ended:
+            return ended(actions.front().text);
+        default:
+            break;
+    }
+    for (Action& action : actions)
+        if (action.kind == Action::Kind::GiveBack && !action.message.empty()) {
+            sendBack(action.message);
+            action.message = {};
+        }
+}
+
 // ---- Events ------------------------------------------------------------------------------------
 
 void Peer::seen() {
@@ -141,10 +188,11 @@ void Peer::seen() {
 }
 
 void Peer::lost() {
-    {
+    OSWrap::untilMemory([this] {
         Locked lock(state_);
         session_.peerLost(now());
-    }
+        halfDone_ = false;
+    });
     carryOut(By::Anyone);
 }
 
@@ -160,7 +208,7 @@ void Peer::pieceArrived(PieceHead const& head, unsigned char const* records, std
     OSWrap::Lock<> arriving(arriving_);
     {
         Locked lock(state_);
-        session_.pieceArrived(head, records, size, now());
+        attempt([&]() OSW_NO_ANALYSIS { session_.pieceArrived(head, records, size, now()); });
     }
     carryOut(By::Anyone);
 }
@@ -171,13 +219,13 @@ void Peer::memberArrived(TerminationId id, std::string const& names) {
     Locked lock(state_);
     if (!Rendezvous::instance().exists(id))
         return;  // its departure, which another thread tells, may have been told already
-    session_.announce(id, true, names);
+    attempt([&]() OSW_NO_ANALYSIS { session_.announce(id, true, names); });
     wantWriteLocked();
 }
 
 void Peer::terminationLeft(TerminationId id) {
     Locked lock(state_);
-    departures_.push_back({id, now() + kGrace});
+    attempt([&]() OSW_NO_ANALYSIS { departures_.push_back({id, now() + kGrace}); });
     wakeSenderLocked();
 }
 
@@ -242,9 +290,11 @@ void Peer::forward(AddressedMessage const& message) {
     bool full = false;
     {
         Locked lock(state_);
-        if (!session_.announced(from) && Rendezvous::instance().exists(from))
-            session_.announce(from, groups_.test(from.groupId()), Directory::namesOf(from));
-        sending = session_.send(message);
+        attempt([&]() OSW_NO_ANALYSIS {
+            if (!session_.announced(from) && Rendezvous::instance().exists(from))
+                session_.announce(from, groups_.test(from.groupId()), Directory::namesOf(from));
+            sending = session_.send(message);
+        });
         if (sending == Session::Sending::TakenHoldBack)
             holdBack(message.destination(), from);
         full = session_.queuedBytes() >= kMostPieceBytes;
@@ -291,7 +341,7 @@ void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
                     unsigned long session) {
     if (reached == Transport::Reached::Ring) {
         Locked lock(state_);
-        session_.returned(message, session);
+        attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session); });
         return wantWriteLocked();
     }
     std::vector<Delivery> refused;
@@ -313,10 +363,12 @@ void Peer::settle(std::vector<Delivery> const& settled, std::vector<Delivery> co
         return;
     Locked lock(state_);
     long long const time = now();
-    for (Delivery const& delivery : settled)
-        session_.settled(delivery, time);
-    for (Delivery const& delivery : refused)
-        session_.refused(delivery, time);
+    attempt([&]() OSW_NO_ANALYSIS {
+        for (Delivery const& delivery : settled)
+            session_.settled(delivery, time);
+        for (Delivery const& delivery : refused)
+            session_.refused(delivery, time);
+    });
     wakeSenderLocked();
 }
 
@@ -328,14 +380,16 @@ void Peer::write() {
     state_.lock();
     if (!writing_) {
         writing_ = true;
-        while (session_.nextPiece(piece_, now())) {
+        bool more = false;
+        while (attempt([&]() OSW_NO_ANALYSIS { more = session_.nextPiece(piece_, now()); }) &&
+               more) {
             writingSince_ = now();
             state_.unlock();
             bool const done = writer_->write(piece_);
             state_.lock();
             if (!done) {
                 failed = true;
-                session_.writingFailed(now());
+                attempt([&]() OSW_NO_ANALYSIS { session_.writingFailed(now()); });
                 break;
             }
         }
@@ -364,12 +418,14 @@ void Peer::wakeSenderLocked() {
         state_.broadcast();
 }
 
-void Peer::withdrawDue(long long time) {
-    while (!departures_.empty() && departures_.front().at <= time) {
+/** Whether there was one. */
+bool Peer::withdrawDue(long long time) {
+    bool any = false;
+    for (; !departures_.empty() && departures_.front().at <= time; departures_.pop_front()) {
         session_.withdraw(departures_.front().id);
-        departures_.pop_front();
-        writeWanted_ = true;
+        any = true;
     }
+    return any;
 }
 
 /** Body of LnSend; `stop` ends it. */
@@ -378,9 +434,17 @@ void Peer::sending() {
     while (!stopping_) {
         long long const time = now();
         senderOwesSince_ = Session::kNever;
-        withdrawDue(time);
-        bool const due = std::exchange(writeWanted_, false) || session_.dueAt() <= time;
-        session_.timePassed(time);
+        if (halfDone_) {
+            endWithoutMemory();
+            continue;
+        }
+        bool due = std::exchange(writeWanted_, false);
+        bool const done = attempt([&]() OSW_NO_ANALYSIS {
+            due = withdrawDue(time) || due || session_.dueAt() <= time;
+            session_.timePassed(time);
+        });
+        if (!done)
+            continue;
         if (due && !writing_) {
             senderWorks_ = true;
             state_.unlock();
@@ -435,9 +499,12 @@ void Peer::carryOut(By by) {
         while (takeNext(by, next)) {
             performingSince_ = now();
             state_.unlock();
-            perform(next);
+            bool const done = OSWrap::withMemory([&] { perform(next); });
+            if (!done)
+                OSWrap::untilMemory([&] { performRest(next); });
             next.clear();
             state_.lock();
+            halfDone_ = halfDone_ || !done;
             gatherActions();
         }
         performing_ = false;
@@ -466,7 +533,8 @@ void Peer::awaitOthers() {
 void Peer::gatherActions() {
     std::vector<Action> fresh;
     session_.takeActions(fresh);
-    std::move(fresh.begin(), fresh.end(), std::back_inserter(todo_));
+    for (Action& action : fresh)
+        OSWrap::untilMemory([&]() OSW_NO_ANALYSIS { todo_.push_back(std::move(action)); });
 }
 
 /** The next actions that go together; false when there are none, or not for this thread. */
@@ -474,7 +542,7 @@ bool Peer::takeNext(By by, std::vector<Action>& next) {
     if (todo_.empty() || (by == By::Anyone && mayWait(todo_.front().kind)))
         return false;
     do {
-        next.push_back(std::move(todo_.front()));
+        OSWrap::untilMemory([&]() OSW_NO_ANALYSIS { next.push_back(std::move(todo_.front())); });
         todo_.pop_front();
     } while (!todo_.empty() && together(next.back().kind, todo_.front().kind));
     return true;
@@ -503,6 +571,7 @@ void Peer::perform(std::vector<Action>& actions) {
                 break;
             case Action::Kind::GiveBack:
                 sendBack(action.message);
+                action.message = {};
                 break;
             case Action::Kind::GoOn:
                 goOn(action.to, action.from);

@@ -32,6 +32,9 @@ namespace Link {
  * What a session wants done is done in its order, by one thread at a time: whoever has just brought
  * it about, up to something that may wait; from there on by `LnShow`.
  *
+ * When memory runs out in the middle of something, LnSend ends the session, and the next one begins
+ * as after a parting: what was not settled goes back to its senders, here and over there.
+ *
  * Lock order: places_ before the channels' locks; state_ before the switchboard's. Neither under
  * the other.
  */
@@ -88,9 +91,13 @@ private:
     static Key key(TerminationId from, TerminationId to) {
         return std::uint64_t{from.value()} << 32 | to.value();
     }
+    template <class Act>
+    bool attempt(Act const& act) OSW_REQUIRES(state_);
+    void endWithoutMemory() OSW_REQUIRES(state_);
+    void performRest(std::vector<Action>& actions);
     void sending();
     void write() OSW_EXCLUDES(state_);
-    void withdrawDue(long long time) OSW_REQUIRES(state_);
+    bool withdrawDue(long long time) OSW_REQUIRES(state_);
     long long wakeAt() OSW_REQUIRES(state_);
     void wakeSenderLocked() OSW_REQUIRES(state_);
     void wantWriteLocked() OSW_REQUIRES(state_);
@@ -127,6 +134,8 @@ private:
     bool writing_ OSW_GUARDED_BY(state_) = false;
     bool writeWanted_ OSW_GUARDED_BY(state_) = false;  // by LnSend
     bool stopping_ OSW_GUARDED_BY(state_) = false;
+    bool halfDone_ OSW_GUARDED_BY(state_) =
+        false;  // by the session, for want of memory: to be ended
     long long sleepsUntil_ OSW_GUARDED_BY(state_) = 0;  // LnSend; 0: does not
     // Since when a thread is at it; kNever: none is.
     long long writingSince_ OSW_GUARDED_BY(state_) = Session::kNever;

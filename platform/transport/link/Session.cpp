@@ -130,11 +130,18 @@ void Session::end(char const* reason, long long now) {
     helloAt_ = now;
 }
 
+/** Each once, though memory may run out after some. */
+void Session::giveBackAll(Pair& pair) {
+    for (Unsettled& one : pair.messages)
+        if (!one.settled) {
+            giveBack(one.message);
+            one.settled = true;
+        }
+}
+
 void Session::giveBackAll() {
-    for (auto const& [unused, pair] : pairs_)
-        for (Unsettled const& one : pair.messages)
-            if (!one.settled)
-                giveBack(one.message);
+    for (auto& [unused, pair] : pairs_)
+        giveBackAll(pair);
     for (Outgoing const& one : queue_)
         if (one.head.kind == RecordKind::Returned)
             logDropped("what came back", one.head.from, one.head.to);
@@ -272,9 +279,7 @@ void Session::takeDeparture(TerminationId id) {
             ++at;
             continue;
         }
-        for (Unsettled const& one : at->second.messages)
-            if (!one.settled)
-                giveBack(one.message);
+        giveBackAll(at->second);
         unsettledBytes_ -= at->second.bytes;
         at = pairs_.erase(at);
     }
@@ -319,12 +324,13 @@ bool Session::takeSettlement(RecordHead const& head, long long now) {
 }
 
 void Session::settleOne(Pair& pair, Unsettled& one, bool delivered) {
-    if (std::exchange(one.settled, true))
+    if (one.settled)
         return;
-    pair.bytes -= weight(one.message);
-    unsettledBytes_ -= weight(one.message);
     if (!delivered)
         giveBack(one.message);
+    one.settled = true;
+    pair.bytes -= weight(one.message);
+    unsettledBytes_ -= weight(one.message);
     one.message = {};
 }
 
@@ -361,12 +367,12 @@ Session::Sending Session::send(AddressedMessage const& message) {
     outgoing.head.serial = pair.first + static_cast<std::uint32_t>(pair.messages.size());
     outgoing.head.total = static_cast<std::uint32_t>(message.size());
     outgoing.message = message;
-    pair.messages.push_back({message});
+    queue(std::move(outgoing));
+    pair.messages.push_back({message});  // the last that may fail: from here on it is ours
     pair.bytes += weight(message);
     unsettledBytes_ += weight(message);
     ++figures_.messagesOut;
     figures_.bytesOut += message.size();
-    queue(std::move(outgoing));
     if (unsettledBytes_ >= kCreditOfAll)
         full_ = true;
     if (pair.bytes < creditOfPair())

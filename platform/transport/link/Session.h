@@ -120,6 +120,9 @@ public:
                       long long now);
     /** A piece could not be written. */
     void writingFailed(long long now) { end("a piece could not be written", now); }
+    /** Memory has run out in one of these operations, whichever, or in this one: the session ends.
+     * What `send` has taken goes back; what it has thrown at is its caller's. */
+    void memoryRanOut(long long now) { end("no memory is left", now); }
     /** Call when `dueAt` has come. */
     void timePassed(long long now);
 
@@ -197,6 +200,7 @@ private:
     bool meet(PieceHead const& head, long long now);
     void open(long long now);
     void end(char const* reason, long long now);
+    void giveBackAll(Pair& pair);
     void giveBackAll();
     void forgetAll();
     bool confirm(std::uint64_t taken, long long now);
