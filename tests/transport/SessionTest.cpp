@@ -271,10 +271,12 @@ TEST_F(SessionTest, who_runs_out_of_memory_begins_anew_and_gives_back_what_was_t
             }
         });
         whole = OSWrap::withMemory([&] { pass(a, b); }) && whole;
+        reached = feed();
+        starve(1 + n % 5);  // and again, while that is made good
         for (Side* side : {&a, &b})
             while (!whole && !OSWrap::withMemory([&] { side->session.memoryRanOut(now); })) {
             }
-        reached = feed();
+        feed();
         if (whole)
             a.session.peerLost(now);
         auto const back = kinds(a.actions());

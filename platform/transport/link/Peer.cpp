@@ -71,8 +71,7 @@ void goOn(TerminationId proxy, TerminationId sender) {
 
 using Leaving = std::vector<std::unique_ptr<Proxy>>;
 
-/** Until none of them has anything to count, or that time has come. Sending is not refused
- * meanwhile: what comes now is sent back, too. */
+/** Until none of them has anything to count, or that time has come. */
 void awaitNone(Leaving const& leaving, std::size_t (Proxy::*count)() const, long long until) {
     for (auto const& proxy : leaving)
         while ((*proxy.*count)() != 0 && now() < until)
@@ -140,9 +139,13 @@ bool Peer::attempt(Act const& act) {
         return false;
     if (OSWrap::withMemory(act))
         return true;
+    noteHalfDone();
+    return false;
+}
+
+void Peer::noteHalfDone() {
     halfDone_ = true;
     state_.broadcast();
-    return false;
 }
 
 /** On LnSend. */
@@ -504,7 +507,8 @@ void Peer::carryOut(By by) {
                 OSWrap::untilMemory([&] { performRest(next); });
             next.clear();
             state_.lock();
-            halfDone_ = halfDone_ || !done;
+            if (!done)
+                noteHalfDone();
             gatherActions();
         }
         performing_ = false;
@@ -651,6 +655,8 @@ void Peer::drop(std::vector<Action> const& actions) {
         leaving.push_back(std::move(found->second));
         proxies_.erase(found);
     }
+    for (auto const& proxy : leaving)
+        proxy->takeNoMore();
     long long const begin = now();
     awaitNone(leaving, &Proxy::unsent, begin + kLinger);
     auto const returning = std::partition(

@@ -93,6 +93,7 @@ private:
     }
     template <class Act>
     bool attempt(Act const& act) OSW_REQUIRES(state_);
+    void noteHalfDone() OSW_REQUIRES(state_);
     void endWithoutMemory() OSW_REQUIRES(state_);
     void performRest(std::vector<Action>& actions);
     void sending();

@@ -48,6 +48,8 @@ public:
     /** With what publishing has answered, on a thread of the pool; false, with a log line, on
      * failure. */
     bool listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool);
+    /** What local terminations send from now on stays with them, and is theirs again at the end. */
+    void takeNoMore() { receiver_->takeNoMore(); }
     /** How many messages wait to be let out, and how many of them go back to their senders. */
     std::size_t unsent() const { return receiver_->unsent(); }
     std::size_t returning() const { return receiver_->returning(); }

@@ -378,7 +378,7 @@ bool Channel::goOnSending() {
 bool Channel::receiveBatch() {
     if (!stands())
         return false;
-    if (heldBack_.load() && !ending()) {
+    if (receiver_->takesNoMore() || (heldBack_.load() && !ending())) {
         receiver_->makeCold(*this);  // awake, and nobody else's, so that the peer need not ring
         return false;
     }
@@ -401,8 +401,9 @@ bool Channel::receiveBatch() {
 Channel::Batch Channel::readBatch() {
     left_ = false;
     std::uint32_t const start = reading_.reader().position();
-    for (int count = 0; count < kMessagesPerBatch && !receiver_->stopping() &&
-                        reading_.reader().position() - start < kBytesPerBatch;
+    for (int count = 0;
+         count < kMessagesPerBatch && !receiver_->stopping() && !receiver_->takesNoMore() &&
+         reading_.reader().position() - start < kBytesPerBatch;
          ++count) {
         if (reading_.awaitsRing && !switchRing()) {
             if (!connection_->starved)
@@ -457,24 +458,27 @@ bool Channel::finishBatch(std::uint32_t start) {
     return true;
 }
 
-/** Hands a message to the termination; false when that has begun to stop, and the message stays its
- * sender's. */
+/** Hands a message to the termination; false when that has begun to stop, or takes no more, and the
+ * message stays its sender's. */
 bool Channel::take(AddressedMessage& message, Reader reader) {
     if (receiver_->stopping()) {
         reading_.reader().leave();
         return false;
     }
-    reading_.reader().keep();
     if (reading_.reader().isSentBack()) {
+        keepMessage();
         takeBack(message);
         return true;
     }
     message.originator(peer_);
     message.destination(ownId_);
-    if (reader == Reader::Receiver)
-        receiver_->deliverFrom(*this, message);
-    else
+    if (reader == Reader::Caller) {
+        keepMessage();
         receiver_->deliver(message);
+    } else if (!receiver_->deliverFrom(*this, message)) {
+        reading_.reader().leave();
+        return false;
+    }
     return true;
 }
 
@@ -533,7 +537,7 @@ bool Channel::hasReadAll() {
         return true;
     if (!reading_.demand())
         return false;
-    if (receiver_->stopping())
+    if (receiver_->stopping() || receiver_->takesNoMore())
         return true;
     std::uint32_t const position = reading_.reader().position();
     if (!connection_->endingFrom.has_value())

@@ -126,6 +126,8 @@ public:
     void wakeUp();
     /** After `fallAsleep` and a look: the bell wakes whoever is to read next. */
     void leaveRing();
+    /** The message that has been taken out is its sender's no more. */
+    void keepMessage() { reading_.reader().keep(); }
     /** Leaves the ring to the one who waits for an answer, before the message that has been taken
      * out is delivered, if it was the last. */
     bool leaveEmptyRing();

@@ -354,14 +354,23 @@ void Receiver::deliver(AddressedMessage const& message) {
 
 /** Who is woken by the message finds the ring free, and reads what follows by itself. It comes
  * behind this message, since whoever reads it waits for the mutex. */
-void Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
+bool Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
     OSWrap::Lock<> const lock(callback_);
+    if (takesNoMore())
+        return false;
+    channel.keepMessage();
     if (channel.leaveEmptyRing()) {
         makeCold(channel);
         hasLeft_ = true;
     }
     hasServed_.store(true, std::memory_order_relaxed);
     owner_->received(message);
+    return true;
+}
+
+void Receiver::takeNoMore() {
+    OSWrap::Lock<> const lock(callback_);
+    takesNoMore_.store(true, std::memory_order_relaxed);
 }
 
 void Receiver::takeBack(AddressedMessage& message) {

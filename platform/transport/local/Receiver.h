@@ -91,6 +91,10 @@ public:
     void stop();
     /** Has the thread end soon, which `stop` then waits for. */
     void beginToStop();
+    /** Nothing more is taken out of rings: what is there, or comes, stays with its senders. What
+     * has been taken has been delivered when this returns. Not from inside a callback. */
+    void takeNoMore();
+    bool takesNoMore() const { return takesNoMore_.load(std::memory_order_relaxed); }
     /** Whether this is the receiving thread, or one that reads in its place just now. */
     bool onReceivingThread() const;
     /** The same of any termination: such a thread must not wait. */
@@ -117,8 +121,9 @@ public:
     /** Hands the message to the termination. The thread has seen just before that it is not
      * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
     void deliver(AddressedMessage const& message);
-    /** The same, by the receiving thread, which may leave the channel's ring just before. */
-    void deliverFrom(Channel& channel, AddressedMessage const& message);
+    /** The same, by the receiving thread, which may leave the channel's ring just before. False: it
+     * stays its sender's. */
+    bool deliverFrom(Channel& channel, AddressedMessage const& message);
     /** Likewise one of its own that a peer could not pass on: for good, it is not sent again. */
     void takeBack(AddressedMessage& message);
 
@@ -192,6 +197,7 @@ private:
     // Written for each message that comes: not beside what each sender reads.
     /// One callback at a time. Under it the termination takes its own locks, and nobody waits.
     alignas(64) OSWrap::Mutex callback_;
+    std::atomic<bool> takesNoMore_{false};  // set under callback_
     /// The owner has been called since the last batchEnded; set before, by whoever calls.
     std::atomic<bool> hasServed_{false};
 
