@@ -52,7 +52,7 @@ struct {
     long Resources::*used;
 } const kResources[]{{"resident kB", kSlow ? 1L << 30 : 16 * 1024, &Resources::kilobytes},
                      {"descriptors", 12, &Resources::descriptors},
-                     {"threads", 2, &Resources::threads}};
+                     {"threads", 8, &Resources::threads}};
 
 struct Place {
     CourierLife life;
