@@ -171,10 +171,11 @@ private:
         endLink(number, SIGKILL, -SIGKILL);
     }
     void endLink(int number, int signal, int exitCode) {
-        keepLog(number);
         partFromAll(number);
         site(number).machine.link->signal(signal);
-        if (int const code = site(number).machine.link->exitCode(); code != exitCode)
+        int const code = site(number).machine.link->exitCode();
+        keepLog(number);
+        if (code != exitCode)
             faults_.push_back("link " + std::to_string(number) + " ends with " +
                               std::to_string(code));
     }

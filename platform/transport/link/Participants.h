@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "oswrap/Lock.h"
 #include "oswrap/Mutex.h"
 
 namespace Link {
@@ -27,6 +28,13 @@ class Participants {
 public:
     using Guid = std::array<unsigned char, 16>;
     using Writer = std::uint64_t;  // the engine's handle; none is given twice
+
+    Participants() = default;
+    /** When all calls have returned: which the engine sees to, by locks that only it knows of. What
+     * looks for races knows of this one. */
+    ~Participants() { OSWrap::Lock<> const last(mutex_); }
+    Participants(Participants const&) = delete;
+    Participants& operator=(Participants const&) = delete;
 
     // ---- Announcements ----
     /** False when another participant has announced it. */
