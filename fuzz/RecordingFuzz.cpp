@@ -23,12 +23,15 @@ void print(recording::Types const& types, recording::Anys const& values) {
 }
 
 void show(recording::Known const& known, recording::Record const& record) {
-    if (auto const* const call = std::get_if<recording::Call>(&record))
+    if (auto const* const call = std::get_if<recording::Call>(&record)) {
         print(known.argumentTypes(call->object, call->operation), call->arguments);
-    else if (auto const* const end = std::get_if<recording::End>(&record))
+    } else if (auto const* const end = std::get_if<recording::End>(&record)) {
         print(known.resultTypes(end->object, end->operation), end->results);
-    else if (auto const* const value = std::get_if<recording::Value>(&record))
+        print({known.exceptionType(end->object, end->operation, end->code)}, {end->fields});
+    } else if (auto const* const value = std::get_if<recording::Value>(&record)) {
         print(known.attributeTypes(value->object, value->attribute), {value->value});
+        static_cast<void>(known.attributeComment(value->object, value->attribute));
+    }
 }
 
 /** Nobody finds the checksums of what he changes by chance: with an odd first byte the rest are

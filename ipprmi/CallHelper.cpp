@@ -5,6 +5,7 @@
 // observers stand with the server object.
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectServerObject.h"
+#include "reflect/objects/ServedCall.h"
 #include "reflect/objects/StubInUse.h"
 
 namespace {
@@ -42,6 +43,7 @@ bool isObserved(TreflectServerObject const& server, unsigned int cc, unsigned in
 void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server, unsigned int cc,
                   unsigned int mc) {
     TreflectObservable::Life const life(server);
+    ServedCall call(Transport::TerminationId(0), &server);
     TipprmiSequence<TipprmiAny, 0u> values;
     values.setLength(1);
     hook.fillParams(values);
@@ -50,8 +52,10 @@ void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server,
     values.setLength(0);
     TreflectServerObject::ObservedCall(server, cc, mc).run([&] { hook.callServer(server); });
     hook.insertResult(values);
-    if (!life.ended())
-        server.notifyObservers(TreflectObservable::kAfterCalls, cc, mc, values);
+    if (life.ended())
+        return;
+    server.notifyObservers(TreflectObservable::kAfterCalls, cc, mc, values);
+    call.tellOutcome(nullptr);
 }
 
 }  // namespace

@@ -53,7 +53,11 @@ bool Asking::isBusy() const {
 bool Asking::within(std::function<void()> const& act) const {
     TreflectHandlerState const inside(true);
     TreflectDeadline const deadline(patience_);
-    act();
+    try {
+        act();
+    } catch (std::exception const&) {
+        return true;  // such as a want of memory for what has been answered: a failure
+    }
     return deadline.left().count() > 0;
 }
 

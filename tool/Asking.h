@@ -45,7 +45,7 @@ public:
     Asking& operator=(Asking const&) = delete;
 
     /** Has the question with each number asked at the broker with that number: what it answers, if
-     * it does. Nothing: a failure. */
+     * it does. Nothing, or an exception: a failure. */
     template <class T>
     using Question = std::function<std::optional<T>(std::size_t number)>;
     /** Returns when all have answered or cannot any more, or when `isEnough` says so of one. */

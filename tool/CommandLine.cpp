@@ -1,7 +1,10 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
+
+#include "Table.h"
 
 namespace {
 
@@ -17,21 +20,34 @@ constexpr char kFooter[] =
     "out,\n"
     "6 no access or wrong set-up.";
 
-/** Stands behind a word in brackets, which the parser would take for a list of words. */
-constexpr char kWhole = '\x01';
+/** Stands around words that the parser would take for something else: lists in brackets, options.
+ */
+constexpr char kPlain = '\x01';
 
-std::vector<std::string> wholeWords(int argc, char** argv) {
-    std::vector<std::string> words(argv, argv + argc);
-    for (std::string& word : words) {
+/** The words for the parser. Behind "--" they are no options, wherever that stands. */
+std::vector<std::string> wordsFor(int argc, char** argv) {
+    std::vector<std::string> words;
+    bool areOptionsOver = false;
+    for (int i = 0; i < argc; ++i) {
+        std::string word = argv[i];
+        bool const isEnd = word == "--" && !areOptionsOver;
+        areOptionsOver = areOptionsOver || isEnd;
+        if (isEnd)
+            continue;
+        if (areOptionsOver && !word.empty() && word.front() == '-')
+            word.insert(word.begin(), kPlain);
         if (!word.empty() && word.front() == '[' && word.back() == ']')
-            word += kWhole;
+            word += kPlain;
+        words.push_back(std::move(word));
     }
     return words;
 }
 
 std::string plain(std::string word) {
-    if (!word.empty() && word.back() == kWhole)
+    if (!word.empty() && word.back() == kPlain)
         word.pop_back();
+    if (!word.empty() && word.front() == kPlain)
+        word.erase(word.begin());
     return word;
 }
 
@@ -47,6 +63,17 @@ std::vector<std::string> withInput(std::vector<std::string> const& words) {
             all.push_back(line);
     }
     return all;
+}
+
+/** The parser would only say that some subcommand is wanted. */
+void refuseUnknown(std::vector<std::string> const& words, Commands const& commands) {
+    bool const isName = words.size() > 1 && words[1].find_first_of("-\x01") != 0;
+    if (!isName || std::any_of(commands.begin(), commands.end(),
+                               [&](auto const& one) { return words[1] == one->name(); }))
+        return;
+    std::cerr << "reflectorb: there is no subcommand \"" << cut(plain(words[1]), 0)
+              << "\"; reflectorb --help tells them\n";
+    std::exit(static_cast<int>(ExitCode::kWrongUse));
 }
 
 void declareSettings(CLI::App& app, Settings& settings) {
@@ -105,12 +132,13 @@ Command& readCommandLine(int argc, char** argv, Commands const& commands, Settin
         declareSettings(sub, settings);
         sub.callback([&chosen, &command] { chosen = command.get(); });
     }
-    std::vector<std::string> words = wholeWords(argc, argv);
+    std::vector<std::string> words = wordsFor(argc, argv);
+    refuseUnknown(words, commands);
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());
     try {
-        app.parse(argc, pointers.data());
+        app.parse(static_cast<int>(pointers.size()), pointers.data());
     } catch (CLI::Success const& asked) {
         std::exit(app.exit(asked));
     } catch (CLI::ParseError const& mistake) {

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "Failure.h"
+#include "Units.h"
 #include "Wildcard.h"
 
 namespace {
@@ -38,7 +39,7 @@ Json operationsJson(Description const& described) {
 Json attributesJson(Description const& described) {
     constexpr char const* kKinds[] = {"plain", "sequence", "array"};
     Json all = Json::array();
-    for (Description::Attribute const& attribute : described.attributes)
+    for (Description::Attribute const& attribute : described.attributes) {
         all.push_back({{"name", attribute.name},
                        {"type", typeOf(described, attribute.name)},
                        {"kind", kKinds[static_cast<unsigned int>(attribute.kind) % 3]},
@@ -47,6 +48,10 @@ Json attributesJson(Description const& described) {
                        {"valueClass", attribute.valueClass},
                        {"valueClassId", attribute.valueClassId},
                        {"doc", attribute.doc}});
+        if (std::string const unit = unitIn(attribute.doc);
+            !unit.empty() && isOfNumbers(typeOf(described, attribute.name)))
+            all.back()["unit"] = unit;
+    }
     return all;
 }
 

@@ -4,6 +4,24 @@
 
 #include <thread>
 
+std::string absoluteNameOf(TreflectObject const& object) {
+    constexpr std::chrono::milliseconds kPatience(500);
+    constexpr int kDeepest = 100;
+    TreflectDeadline const within(kPatience);
+    std::string name;
+    TreflectObject at(object);
+    for (int depth = 0; depth < kDeepest && at.isConnected(); ++depth) {
+        name = "/" + at.getRelName() + name;
+        at = at.getParent();
+    }
+    return name;
+}
+
+Newcomer::Newcomer(TreflectObject const& object) : place(placeOf(object)) {
+    char const* const text = object.identifier().getIdString();
+    identifier = text ? text : "";
+}
+
 /** Of one class, and of creations or deletions. */
 class ClassFollower::Observer final : public TreflectObserver {
 public:
@@ -23,20 +41,39 @@ private:
 void ClassFollower::follow(unsigned int classId, std::string const& name) {
     if (!followed_.insert(classId).second)
         return;
+    {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        ++pending_;
+    }
     // Registering waits for all processes of the group, for those that hang up to a minute.
     std::thread([this, classId, name] {
-        TreflectHandlerState const inside(true);
-        orb_.observeDeletions(classId, *new Observer(deleted_, name));
-        orb_.observeCreations(classId, *new Observer(created_, name), present_ == Present::kTold);
+        {
+            TreflectHandlerState const inside(true);
+            orb_.observeDeletions(classId, *new Observer(deleted_, name));
+            orb_.observeCreations(classId, *new Observer(created_, name),
+                                  present_ == Present::kTold);
+        }
+        std::lock_guard<std::mutex> const lock(mutex_);
+        --pending_;
+        changed_.notify_all();
     }).detach();
 }
 
-void ClassFollower::followClassesOf(Asking& asking, Processes const& processes) {
+bool ClassFollower::awaitRegistrations(std::chrono::milliseconds most) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, most, [this] { return pending_ == 0; });
+}
+
+void ClassFollower::followClassesOf(
+    Asking& asking, Processes const& processes,
+    std::function<bool(std::string const& className)> const& wanted) {
     using Known = std::vector<processobject::KnownClass>;
     for (Answer<Known> const& answer : askProcessObjects<Known>(
              asking, processes,
              [](TreflectProcessClient const& client) { return valueOf(client.classes()); })) {
-        for (processobject::KnownClass const& known : answer.value)
-            follow(known.id, known.name);
+        for (processobject::KnownClass const& known : answer.value) {
+            if (!wanted || wanted(known.name))
+                follow(known.id, known.name);
+        }
     }
 }

@@ -4,14 +4,31 @@
 #include <reflect.h>
 #include <transport.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "Asking.h"
+#include "Objects.h"
 #include "Processes.h"
+
+/** The absolute name of an object, asked for from object to object: an object that asks its parent
+ * itself would have to wait for it. An object in the making answers while it waits for us. Within
+ * half a second. Under the run permission. */
+std::string absoluteNameOf(TreflectObject const& object);
+
+/** An object that has come, as its announcement tells it. A value. */
+struct Newcomer {
+    explicit Newcomer(TreflectObject const& object);
+
+    Place place;
+    std::string identifier;
+};
 
 /**
  * Hears of the objects of classes that are created and deleted. Never destroyed: others may tell as
@@ -36,8 +53,13 @@ public:
     /** Follows a class, if it does not yet: on a thread of its own, since a process that hangs
      * holds up the registration. */
     void follow(unsigned int classId, std::string const& name);
-    /** Follows all that the processes know. */
-    void followClassesOf(Asking& asking, Processes const& processes);
+    /** Follows all that the processes know, and that are wanted. */
+    void followClassesOf(Asking& asking, Processes const& processes,
+                         std::function<bool(std::string const& className)> const& wanted = {});
+    bool followsAny() const { return !followed_.empty(); }
+    /** Waits until everybody knows of all that it follows; false when that takes longer: objects
+     * may come, then, of which nobody is told. */
+    bool awaitRegistrations(std::chrono::milliseconds most);
 
 private:
     class Observer;
@@ -47,6 +69,9 @@ private:
     Notice const created_;
     Notice const deleted_;
     std::set<unsigned int> followed_;
+    std::mutex mutex_;  // a leaf
+    std::condition_variable changed_;
+    unsigned int pending_ = 0;  // registrations under way; guarded by mutex_
 };
 
 /** Hears of brokers, and leaves them to the main thread. Never destroyed while it is registered. */

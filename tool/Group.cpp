@@ -76,3 +76,13 @@ Group::~Group() {
     prepareOrbForDeletion();
     changeStopSignal(SIG_UNBLOCK);
 }
+
+NoGroup::NoGroup() {
+    Logging::setSink([](Logging::Record const&, void*) {}, nullptr);
+    Transport::Setup::directory("/dev/null/none");
+}
+
+NoGroup::~NoGroup() {
+    prepareOrbForDeletion();
+    Logging::setSink(nullptr, nullptr);
+}

@@ -19,3 +19,16 @@ public:
     Group(Group const&) = delete;
     Group& operator=(Group const&) = delete;
 };
+
+/**
+ * Has the library work with values without any group, for a scope: its messages, in which values
+ * are read, ask for a broker, which finds no folder then. To the end of the process no group can be
+ * joined.
+ */
+class NoGroup {
+public:
+    NoGroup();
+    ~NoGroup();
+    NoGroup(NoGroup const&) = delete;
+    NoGroup& operator=(NoGroup const&) = delete;
+};

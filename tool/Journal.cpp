@@ -1,5 +1,6 @@
 #include "Journal.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -47,6 +48,20 @@ void Journal::addToHead(recording::Record const& record) {
         head_.push_back(record);
     }
     add(record);
+}
+
+void Journal::addGone(unsigned int object) {
+    {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        head_.erase(std::remove_if(head_.begin(), head_.end(),
+                                   [object](recording::Record const& record) {
+                                       auto const* const one =
+                                           std::get_if<recording::Object>(&record);
+                                       return one && one->number == object;
+                                   }),
+                    head_.end());
+    }
+    add(recording::Gone{now(), object});
 }
 
 void Journal::count(recording::Record const& record) {

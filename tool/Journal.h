@@ -45,6 +45,8 @@ public:
     void add(recording::Record record, std::size_t bytes = 0);
     /** Takes what is repeated at the begin of each file: classes and objects. */
     void addToHead(recording::Record const& record);
+    /** Takes down that an object has gone, of which nothing is repeated any more. */
+    void addGone(unsigned int object);
     /** Takes nothing more, and returns when all that has been taken is with the system, or cannot
      * be written. Forgets what is repeated: other objects follow. */
     void pause();

@@ -4,6 +4,8 @@
 
 #include <set>
 
+#include "CallObserver.h"
+#include "Units.h"
 #include "Wildcard.h"
 
 MemberPath::MemberPath(std::string const& text) {
@@ -25,6 +27,7 @@ Json Done::json() const {
     } else if (value) {
         told["type"] = value->type;
         told["value"] = value->json;
+        value->addUnit(told);
     }
     return told;
 }
@@ -41,13 +44,6 @@ std::vector<Member*> eachOnce(std::list<Member*> const& members) {
             once.push_back(member);
     }
     return once;
-}
-
-std::string refusalText(TreflectMetaOperation const& operation, unsigned int code) {
-    std::string const type = operation.exceptionType(code).name();
-    constexpr char kStruct[] = "struct ";
-    std::size_t const begin = type.rfind(kStruct, 0) == 0 ? sizeof kStruct - 1 : 0;
-    return type.substr(begin, type.find('{') - begin);
 }
 
 }  // namespace
@@ -98,14 +94,31 @@ Values callOperation(TreflectOperation& operation, Values const& arguments) {
         return results.value();
     if (results.code() == TipprmiFailure::kMismatch)
         throw Failure(ExitCode::kWrongUse, operation.mistake());
-    throw failureOf(results.code(), refusalText(*meta, results.code()));
+    throw failureOf(results.code(), nameOfException(meta->exceptionType(results.code())));
 }
 
 Shown readAttribute(TreflectAttribute& attribute) {
     TreflectOperation& get = attribute.operGet();
     Types const types = get.meta()->resultTypes();
     Values const values = callOperation(get, Values());
-    return values.getLength() == 0 ? Shown{} : show(types, 0, values[0]);
+    if (values.getLength() == 0)
+        return {};
+    Shown shown = show(types, 0, values[0]);
+    shown.unit = unitOf(*attribute.meta());
+    return shown;
+}
+
+std::string commentOf(TreflectMetaAttribute const& attribute) {
+    auto const* const tables =
+        dynamic_cast<TreflectMetaClass const*>(attribute.containingMetaObject());
+    return tables ? tables->docOf(attribute.name()) : "";
+}
+
+std::string unitOf(TreflectMetaAttribute const& attribute) {
+    TreflectMetaOperation const* const get = attribute.metaOperGet();
+    bool const isNumber =
+        get && !get->resultTypes().empty() && isOfNumbers(get->resultTypes().front().name());
+    return isNumber ? unitIn(commentOf(attribute)) : "";
 }
 
 Shown setAttribute(TreflectAttribute& attribute, Encode const& encode) {
@@ -115,7 +128,9 @@ Shown setAttribute(TreflectAttribute& attribute, Encode const& encode) {
     Types const types = set.meta()->argumentTypes();
     Values const values = encode(types);
     callOperation(set, values);
-    return show(types, 0, values[0]);
+    Shown shown = show(types, 0, values[0]);
+    shown.unit = unitOf(*attribute.meta());
+    return shown;
 }
 
 std::optional<Shown> callForValue(TreflectOperation& operation, Encode const& encode) {
@@ -133,11 +148,21 @@ std::optional<Shown> callForValue(TreflectOperation& operation, Encode const& en
 
 namespace {
 
-std::vector<std::string> membersLike(TreflectObject const& object, Kind kind,
-                                     std::string const& pattern) {
-    if (kind == Kind::kOne || !Wildcard::isIn(pattern))
-        return {pattern};
-    Wildcard const wildcard(pattern);
+/** A path, and one of the objects that it tells. */
+struct Task {
+    std::size_t path;
+    Found object;
+    std::string member;  // or a pattern
+    bool isOfPattern;    // one object of several: it need not have the member
+    std::vector<Done> done;
+};
+
+/** None for an object of several that has no such member. */
+std::vector<std::string> membersLike(TreflectObject const& object, Kind kind, Task const& task) {
+    bool const isName = !Wildcard::isIn(task.member) && !task.isOfPattern;
+    if (kind == Kind::kOne || isName)
+        return {task.member};
+    Wildcard const wildcard(task.member);
     std::vector<std::string> names;
     auto const add = [&](auto const& members) {
         for (auto const* const member : members) {
@@ -157,52 +182,68 @@ Done failed(std::string const& object, std::string const& member, Failure const&
     return {object, member, std::nullopt, why.outcome(), why.what()};
 }
 
-/** What one object has to do with a path. */
-struct Target {
-    Found object;
-    std::string member;  // or a pattern
+std::vector<Done> useObject(Task const& task, Kind kind, Use const& use) {
     std::vector<Done> done;
-};
-
-std::vector<Done> useObject(Target const& target, Kind kind, Use const& use) {
-    std::vector<Done> done;
-    TreflectObject const object = handleOn(target.object.place);
+    TreflectObject const object = handleOn(task.object.place);
     try {
-        for (std::string const& member : membersLike(object, kind, target.member)) {
+        for (std::string const& member : membersLike(object, kind, task)) {
             try {
-                done.push_back({target.object.name, member, use(object, member)});
+                done.push_back({task.object.name, member, use(object, member)});
             } catch (Failure const& why) {
-                done.push_back(failed(target.object.name, member, why));
+                done.push_back(failed(task.object.name, member, why));
             }
         }
     } catch (Failure const& why) {
-        done.push_back(failed(target.object.name, target.member, why));
+        done.push_back(failed(task.object.name, task.member, why));
     }
     return done;
 }
 
 /** The objects of all paths, and for those that lead nowhere why not. */
-std::vector<Target> targetsOf(Tool& tool, std::vector<std::string> const& paths) {
-    std::vector<Target> targets;
-    for (std::string const& text : paths) {
-        MemberPath const path(text);
+std::vector<Task> tasksOf(Tool& tool, std::vector<std::string> const& paths) {
+    std::vector<Task> tasks;
+    tool.objects().expect(paths.size());
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        MemberPath const path(paths[i]);
         try {
             for (Found const& object : tool.objects().find(path.object))
-                targets.push_back({object, path.member, {}});
+                tasks.push_back({i, object, path.member, Wildcard::isIn(path.object), {}});
         } catch (Failure const& why) {
-            targets.push_back(
-                {{path.object, {}}, path.member, {failed(path.object, path.member, why)}});
+            tasks.push_back({i,
+                             {path.object, {}},
+                             path.member,
+                             false,
+                             {failed(path.object, path.member, why)}});
         }
     }
-    return targets;
+    return tasks;
 }
 
-std::vector<Done> useTargets(Asking& asking, std::vector<Target> targets, Kind kind,
-                             Use const& use) {
+/** What has been done, path by path. A path with which nothing could be done is a failure. */
+std::vector<Done> collected(std::vector<Task> const& tasks, std::vector<std::string> const& paths,
+                            Kind kind) {
+    std::vector<std::vector<Done>> ofPath(paths.size());
+    for (Task const& task : tasks)
+        ofPath[task.path].insert(ofPath[task.path].end(), task.done.begin(), task.done.end());
+    std::vector<Done> all;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        MemberPath const path(paths[i]);
+        if (ofPath[i].empty())
+            all.push_back(failed(
+                path.object, path.member,
+                {ExitCode::kNotThere, kind == Kind::kAttributes ? "there is no such attribute"
+                                                                : "there is no such operation"}));
+        all.insert(all.end(), ofPath[i].begin(), ofPath[i].end());
+    }
+    return all;
+}
+
+/** Does them, and notes with each what has come of it. */
+void perform(Asking& asking, std::vector<Task>& tasks, Kind kind, Use const& use) {
     std::map<unsigned int, std::vector<std::size_t>> ofBroker;
-    for (std::size_t i = 0; i < targets.size(); ++i) {
-        if (targets[i].object.place.isSomewhere())
-            ofBroker[targets[i].object.place.broker].push_back(i);
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+        if (tasks[i].object.place.isSomewhere())
+            ofBroker[tasks[i].object.place.broker].push_back(i);
     }
     std::vector<TreflectOrbId> brokers;
     std::vector<std::vector<std::size_t>> numbers;
@@ -212,40 +253,42 @@ std::vector<Done> useTargets(Asking& asking, std::vector<Target> targets, Kind k
     }
     using All = std::vector<std::vector<Done>>;
     auto const answers = asking.each<All>(
-        brokers, [targets, numbers, kind, use](std::size_t broker) -> std::optional<All> {
+        brokers, [tasks, numbers, kind, use](std::size_t broker) -> std::optional<All> {
             All all;
             for (std::size_t const number : numbers[broker])
-                all.push_back(useObject(targets[number], kind, use));
+                all.push_back(useObject(tasks[number], kind, use));
             return all;
         });
     Failure const silent(ExitCode::kTimedOut, "no answer in time");
     for (std::size_t broker = 0; broker < brokers.size(); ++broker) {
         for (std::size_t i = 0; i < numbers[broker].size(); ++i) {
-            Target& target = targets[numbers[broker][i]];
-            target.done = answers[broker]
-                              ? answers[broker].value[i]
-                              : std::vector{failed(target.object.name, target.member, silent)};
+            Task& task = tasks[numbers[broker][i]];
+            task.done = answers[broker]
+                            ? answers[broker].value[i]
+                            : std::vector{failed(task.object.name, task.member, silent)};
         }
     }
-    std::vector<Done> done;
-    for (Target const& target : targets)
-        done.insert(done.end(), target.done.begin(), target.done.end());
-    return done;
 }
 
 }  // namespace
 
 std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, Kind kind,
                              Use const& use) {
-    return useTargets(tool.asking(), targetsOf(tool, paths), kind, use);
+    std::vector<Task> tasks = tasksOf(tool, paths);
+    perform(tool.asking(), tasks, kind, use);
+    return collected(tasks, paths, kind);
 }
 
 std::vector<Done> useMember(Asking& asking, std::vector<Found> const& objects,
                             std::string const& member, Use const& use) {
-    std::vector<Target> targets;
+    std::vector<Task> tasks;
     for (Found const& object : objects)
-        targets.push_back({object, member, {}});
-    return useTargets(asking, std::move(targets), Kind::kOne, use);
+        tasks.push_back({0, object, member, false, {}});
+    perform(asking, tasks, Kind::kOne, use);
+    std::vector<Done> done;
+    for (Task const& task : tasks)
+        done.insert(done.end(), task.done.begin(), task.done.end());
+    return done;
 }
 
 ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName) {
@@ -258,13 +301,22 @@ ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, cha
             tool.output().complain(one.path() + ": " + one.text);
             outcome = outcome == ExitCode::kDone ? one.outcome : outcome;
         } else if (one.value) {
-            table.add({one.path(), one.value->text});
+            std::string const text =
+                tool.output().isTerminal() ? one.value->textWithUnit() : one.value->text;
+            table.add({one.path(), text});
             if (!withPaths)
-                tool.output().line(one.value->text);
+                tool.output().line(text);
         }
     }
     if (withPaths)
         tool.output().table(table);
-    tool.output().document({{listName, all}});
+    Json document = {{listName, all}};
+    // A pattern may mean objects that those who do not answer have.
+    if (tool.objects().mayMissAny()) {
+        tool.objects().missing().tell(tool.output());
+        document["missing"] = tool.objects().missing().json();
+        outcome = outcome == ExitCode::kDone ? ExitCode::kTimedOut : outcome;
+    }
+    tool.output().document(document);
     return outcome;
 }

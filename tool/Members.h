@@ -49,6 +49,10 @@ TreflectAttribute& attributeOf(TreflectObject const& object, std::string const& 
 TreflectOperation& operationOf(TreflectObject const& object, std::string const& name);
 /** Calls it: the results; throws a Failure when that fails. */
 Values callOperation(TreflectOperation& operation, Values const& arguments);
+/** What whoever wrote the class says of an attribute; empty for nothing. */
+std::string commentOf(TreflectMetaAttribute const& attribute);
+/** The unit of its numbers, if that comment tells one; else empty. */
+std::string unitOf(TreflectMetaAttribute const& attribute);
 /** What an attribute has now. It is read by its get operation, which describes the value: an
  * attribute itself can be read by those only who know its type. */
 Shown readAttribute(TreflectAttribute& attribute);
@@ -74,5 +78,6 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
 std::vector<Done> useMember(Asking& asking, std::vector<Found> const& objects,
                             std::string const& member, Use const& use);
 
-/** Writes what has been done: values, failures. The first failure counts. */
+/** Writes what has been done: values, failures. The first failure counts; also that somebody has not
+ * answered who may have objects that a pattern means. */
 ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);

@@ -139,8 +139,11 @@ void Objects::complainOf(std::string const& what) const {
 std::vector<Found> Objects::find(std::string const& name) {
     if (name.empty() || name == "/")
         throw Failure(ExitCode::kWrongUse, "\"" + name + "\" is no name of an object");
+    hasSoughtPattern_ = hasSoughtPattern_ || Wildcard::isIn(name);
     if (Wildcard::isIn(name))
         return findPattern(name);
+    if (auto const known = index_.find(name); known != index_.end())
+        return {{name, known->second}};
     return {{name, name[0] == '/' ? findPath(name) : findIdentifier(name)}};
 }
 
@@ -227,6 +230,19 @@ std::vector<Found> Objects::findPattern(std::string const& pattern) {
     std::sort(found.begin(), found.end(),
               [](Found const& a, Found const& b) { return a.name < b.name; });
     return found;
+}
+
+// Each name by itself asks every object on its way for all of its children.
+void Objects::expect(std::size_t names) {
+    constexpr std::size_t kFew = 4;
+    if (names <= kFew || !index_.empty())
+        return;
+    for (auto const& [place, node] : all().nodes()) {
+        if (!node.identifier.empty())
+            index_.emplace(node.identifier, place);
+        if (std::string const name = all().nameOf(place); !name.empty() && node.answers)
+            index_.emplace(name, place);
+    }
 }
 
 Forest const& Objects::all() {

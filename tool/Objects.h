@@ -66,6 +66,14 @@ struct Found {
     Place place;
 };
 
+/** Something of an object that is meant. A value. */
+struct Target {
+    Found object;
+    std::string member = {};   // or a pattern
+    bool isOfPattern = false;  // one object of several: it need not have the member
+};
+using Targets = std::vector<Target>;
+
 /**
  * Finds objects, without any class. No object is asked for what it would have to ask others for,
  * such as its absolute name: if they hang, its process would end with theirs. So the tool goes from
@@ -80,16 +88,21 @@ public:
     /** The same of one name among several: complains when there is none, which is none then; the
      * first failure is the outcome. */
     std::vector<Found> findOrComplain(std::string const& name, Output& output, ExitCode& outcome);
+    /** Says how many names are about to be looked for: many are looked up in `all`. */
+    void expect(std::size_t names);
     /** Everything that processes with process object serve, and what is below it elsewhere. Asked
      * once. */
     Forest const& all();
     /** Has `all` ask again. */
     void forget() {
         all_.reset();
+        index_.clear();
         missing_ = {};
     }
     /** Of which processes something is missing in `all`. */
     Missing const& missing() const { return missing_; }
+    /** Whether a pattern that was looked for may mean objects of those who have not answered. */
+    bool mayMissAny() const { return hasSoughtPattern_ && missing_.isAnySilent(); }
     /** An object and what is below it. */
     Forest below(Place place);
     /** The child of an object; nowhere if there is none. */
@@ -109,5 +122,7 @@ private:
     Asking& asking_;
     Processes const& processes_;
     std::optional<Forest> all_;
+    std::map<std::string, Place> index_;  // of names and identifiers; empty while it is not wanted
     Missing missing_;
+    bool hasSoughtPattern_ = false;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Asking.h"
+#include "Failure.h"
 #include "Json.h"
 #include "Output.h"
 
@@ -69,6 +70,8 @@ public:
     /** {"silent": [...], "withoutProcessObject": [...]} */
     Json json() const;
     bool isAnySilent() const { return !silent_.empty(); }
+    /** Timed out, if anybody is silent: what has been told is not all. */
+    ExitCode outcome() const { return isAnySilent() ? ExitCode::kTimedOut : ExitCode::kDone; }
 
 private:
     Processes silent_;

@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
+#include <tuple>
 
 #include "Group.h"
 #include "Units.h"
@@ -30,29 +32,54 @@ void tellEnding(std::string const& path, Reader::Ending ending, Output& output) 
         output.complain("\"" + path + "\" was cut off: its last record is not whole");
 }
 
-/** Finds out which end belongs to which call. Notices do not tell that: of calls of one operation
- * that have not ended, an end is the last one's. The others have been forbidden, mostly. */
+/** What has come of a call. Of one whose caller was not heard of it is known by its results alone,
+ * if it has any. */
+Fate fateOf(recording::End const& end, recording::Types const& resultTypes) {
+    using Kind = Fate::Kind;
+    Fate fate{end.fate <= static_cast<unsigned int>(Kind::kForbidden) ? static_cast<Kind>(end.fate)
+                                                                      : Kind::kEnded,
+              end.code, end.fields};
+    if (fate.kind == Kind::kEnded && !resultTypes.empty())
+        fate.kind = end.results.empty() ? Kind::kRefused : Kind::kDone;
+    return fate;
+}
+
+/** Finds out which end belongs to which call. */
 class Pairing {
 public:
-    explicit Pairing(RecordedCalls& calls) : calls_(calls) {}
+    Pairing(RecordedCalls& calls, recording::Known const& known) : calls_(calls), known_(known) {}
 
-    void call(unsigned int object, std::string const& operation) {
-        open_[{object, operation}].push_back(calls_.size() - 1);
-    }
+    void call(recording::Call const& call) { open_[keyOf(call)] = calls_.size() - 1; }
     void end(recording::End const& end) {
-        using Fate = RecordedCall::Fate;
-        auto& open = open_[{end.object, end.operation}];
-        if (open.empty())
+        auto const found = open_.find(keyOf(end));
+        if (found == open_.end())
             return;  // its call was before the recording, or lost
-        RecordedCall& call = calls_[open.back()];
-        open.pop_back();
-        call.fate = end.results.empty() && !call.resultTypes.empty() ? Fate::kRefused : Fate::kDone;
+        RecordedCall& call = calls_[found->second];
+        open_.erase(found);
+        call.fate = fateOf(end, call.resultTypes);
         call.results = end.results;
+        call.refusal = call.fate->text(known_.exceptionType(end.object, end.operation, end.code));
     }
 
 private:
+    struct Key {
+        unsigned int object;
+        std::string operation;
+        unsigned int number;
+
+        friend bool operator<(Key const& a, Key const& b) {
+            return std::tie(a.object, a.number, a.operation) <
+                   std::tie(b.object, b.number, b.operation);
+        }
+    };
+    template <class Record>
+    static Key keyOf(Record const& record) {
+        return {record.object, record.operation, record.number};
+    }
+
     RecordedCalls& calls_;
-    std::map<std::pair<unsigned int, std::string>, std::vector<std::size_t>> open_;
+    recording::Known const& known_;
+    std::map<Key, std::size_t> open_;
 };
 
 /** A line for people and an object for programs for each record. */
@@ -83,37 +110,49 @@ private:
     }
     void one(recording::Call const& call) {
         Types const types = known_.argumentTypes(call.object, call.operation);
+        Json told = {{"object", name(call.object)},
+                     {"member", call.operation},
+                     {"arguments", jsons(types, call.arguments)}};
+        if (call.number != 0)
+            told.update({{"caller", call.caller}, {"call", call.number}});
         write(call.time,
-              fmt::format("call {}/{}({})", name(call.object), call.operation,
-                          texts(types, call.arguments)),
-              "call",
-              {{"object", name(call.object)},
-               {"member", call.operation},
-               {"arguments", jsons(types, call.arguments)}});
+              fmt::format("call {}/{}({}){}", name(call.object), call.operation,
+                          texts(types, call.arguments),
+                          call.caller.empty() ? "" : "  by " + call.caller),
+              "call", told);
     }
     void one(recording::End const& end) {
         Types const types = known_.resultTypes(end.object, end.operation);
-        std::string const fate = fateOf(types, end.results.size());
+        Fate const fate = fateOf(end, types);
+        std::string const refusal =
+            fate.text(known_.exceptionType(end.object, end.operation, end.code));
+        Json told = {{"object", name(end.object)},
+                     {"member", end.operation},
+                     {"results", jsons(types, end.results)},
+                     {"fate", fate.name()}};
+        if (end.number != 0)
+            told["call"] = end.number;
+        if (!refusal.empty())
+            told["error"] = {{"code", fate.code}, {"text", refusal}};
         write(end.time,
               fmt::format("end  {}/{}{}", name(end.object), end.operation,
                           !end.results.empty() ? " -> " + texts(types, end.results)
-                          : types.empty()      ? ""
-                                               : " " + fate),
-              "end",
-              {{"object", name(end.object)},
-               {"member", end.operation},
-               {"results", jsons(types, end.results)},
-               {"fate", fate}});
+                          : refusal.empty()    ? ""
+                                               : ": " + refusal),
+              "end", told);
     }
     void one(recording::Value const& value) {
-        Shown const shown =
-            show(known_.attributeTypes(value.object, value.attribute), 0, value.value);
+        Shown shown = show(known_.attributeTypes(value.object, value.attribute), 0, value.value);
+        if (isOfNumbers(shown.type))
+            shown.unit = unitIn(known_.attributeComment(value.object, value.attribute));
+        Json told = {{"object", name(value.object)},
+                     {"member", value.attribute},
+                     {"type", shown.type},
+                     {"value", shown.json}};
+        shown.addUnit(told);
         write(value.time,
-              fmt::format("{}/{} = {}", name(value.object), value.attribute, shown.text), "value",
-              {{"object", name(value.object)},
-               {"member", value.attribute},
-               {"type", shown.type},
-               {"value", shown.json}});
+              fmt::format("{}/{} = {}", name(value.object), value.attribute, shown.textWithUnit()),
+              "value", told);
     }
     void one(recording::Gone const& gone) {
         write(gone.time, "gone " + name(gone.object), "gone", {{"object", name(gone.object)}});
@@ -160,7 +199,7 @@ RecordedCalls readCalls(std::string const& path, Output& output) {
     Reader reader(file);
     recording::Known known;
     RecordedCalls calls;
-    Pairing pairing(calls);
+    Pairing pairing(calls, known);
     while (std::optional<recording::Record> const record = reader.next()) {
         known.note(*record);
         if (auto const* const end = std::get_if<recording::End>(&*record))
@@ -174,34 +213,37 @@ RecordedCalls readCalls(std::string const& path, Output& output) {
                          call->operation,
                          call->arguments,
                          known.argumentTypes(call->object, call->operation),
-                         RecordedCall::Fate::kNoEnd,
+                         {},
                          {},
                          known.resultTypes(call->object, call->operation)});
-        pairing.call(call->object, call->operation);
+        pairing.call(*call);
     }
     tellEnding(path, reader.ending(), output);
     return calls;
 }
 
 bool isRecording(std::string const& path) {
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(path, unknown))
+        return false;
     std::ifstream file(path, std::ios::binary);
     std::string mark(recording::kMarkSize, '\0');
-    return file.read(mark.data(), static_cast<std::streamsize>(mark.size())) &&
-           mark == recording::kMark;
+    file.read(mark.data(), static_cast<std::streamsize>(mark.size()));
+    // One that has not got any further was interrupted as soon as it had begun.
+    mark.resize(static_cast<std::size_t>(file.gcount()));
+    return std::string(recording::kMark).compare(0, mark.size(), mark) == 0;
 }
 
-ExitCode showRecording(std::string const& path, Settings const& settings, Output& output) {
+ExitCode showRecording(std::string const& path, Output& output) {
     constexpr int kAtOnce = 20'000;
+    NoGroup const noGroup;
     std::ifstream file = opened(path);
     Reader reader(file);
     Teller teller(output);
     while (reader.ending() == Reader::Ending::kNone && !output.isBroken()) {
-        {
-            Group const group(settings.verbose);
-            std::optional<recording::Record> record;
-            for (int i = 0; i < kAtOnce && (record = reader.next()); ++i)
-                teller.tell(*record);
-        }
+        std::optional<recording::Record> record;
+        for (int i = 0; i < kAtOnce && (record = reader.next()); ++i)
+            teller.tell(*record);
         output.flush();
     }
     tellEnding(path, reader.ending(), output);

@@ -2,29 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "CallObserver.h"
 #include "Failure.h"
 #include "Output.h"
 #include "Recording.h"
-#include "Settings.h"
 
 /** A call, and what has come of it. A value. */
 struct RecordedCall {
-    enum class Fate {
-        kDone,     // it has these results; of an operation that has none, it may have been refused
-        kRefused,  // it has ended without its results
-        kNoEnd     // it was forbidden, or its end is not in the recording
-    };
     std::int64_t time = 0;  // microseconds since 1970
     std::string object;
     std::string operation;
     recording::Anys arguments;
     recording::Types argumentTypes;
-    Fate fate = Fate::kNoEnd;
-    recording::Anys results;
-    recording::Types resultTypes;
+    std::optional<Fate> fate = {};  // nothing when its end is not in the recording
+    recording::Anys results = {};
+    recording::Types resultTypes = {};
+    std::string refusal = {};  // in words; empty when it was not refused
 };
 using RecordedCalls = std::vector<RecordedCall>;
 
@@ -32,9 +29,8 @@ using RecordedCalls = std::vector<RecordedCall>;
  * cut off is told. Within a group. */
 RecordedCalls readCalls(std::string const& path, Output& output);
 
-/** Whether there is a file of this name that begins as recordings do. */
+/** Whether there is a file of this name that begins as recordings do, or breaks off there. */
 bool isRecording(std::string const& path);
 
-/** Writes what stands in a file, part by part: each is read in a group, and written when that has
- * been left. */
-ExitCode showRecording(std::string const& path, Settings const& settings, Output& output);
+/** Writes what stands in a file, part by part, without a group. */
+ExitCode showRecording(std::string const& path, Output& output);

@@ -186,6 +186,29 @@ Types Known::resultTypes(unsigned int object, std::string const& operation) cons
     return found.operation ? typesOf(*found.owner, found.operation->out) : Types();
 }
 
+TreflectParameterType Known::exceptionType(unsigned int object, std::string const& operation,
+                                           unsigned int code) const {
+    Found const found = find(object, operation);
+    if (!found.operation)
+        return TreflectParameterType("");
+    for (auto const& raised : found.operation->raises) {
+        if (raised.code == code)
+            return typesOf(*found.owner, {{"", raised.type}}).front();
+    }
+    return TreflectParameterType("");
+}
+
+std::string Known::attributeComment(unsigned int object, std::string const& name) const {
+    Found const get = find(object, "get" + name);
+    if (!get.owner)
+        return {};
+    for (auto const& attribute : get.owner->attributes) {
+        if (attribute.name == name)
+            return attribute.doc;
+    }
+    return {};
+}
+
 Types Known::attributeTypes(unsigned int object, std::string const& attribute) const {
     return resultTypes(object, "get" + attribute);
 }

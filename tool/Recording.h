@@ -20,7 +20,7 @@ using Types = std::vector<TreflectParameterType>;
 
 constexpr char kMark[] = "RORBREC\n";  // the first bytes of a file, without the 0
 constexpr std::size_t kMarkSize = sizeof kMark - 1;
-constexpr unsigned int kVersion = 1;
+constexpr unsigned int kVersion = 2;
 /** Of a record's payload. Values of calls are no larger than a message. */
 constexpr std::size_t kLargestRecord = Transport::kLargestMessage;
 
@@ -45,15 +45,21 @@ struct Call {
     unsigned int object = 0;
     std::string operation;
     Anys arguments;
-    REFLECTORB_STRUCT(Call, time, object, operation, arguments)
+    unsigned int number = 0;  // in the object's process; 0 when that is not known
+    std::string caller;       // the process; empty likewise
+    REFLECTORB_STRUCT(Call, time, object, operation, arguments, number, caller)
 };
-/** A call has yielded its results. */
+/** A call has ended. */
 struct End {
     std::int64_t time = 0;
     unsigned int object = 0;
     std::string operation;
     Anys results;
-    REFLECTORB_STRUCT(End, time, object, operation, results)
+    unsigned int number = 0;  // of the call
+    unsigned int fate = 0;    // a Fate::Kind
+    unsigned int code = 0;    // of a refusal
+    TipprmiAny fields;        // of its exception
+    REFLECTORB_STRUCT(End, time, object, operation, results, number, fate, code, fields)
 };
 /** An attribute has this value, from now on as far as it is known. */
 struct Value {
@@ -131,7 +137,12 @@ public:
      * are values, or invalid ones, where the recording does not tell. */
     Types argumentTypes(unsigned int object, std::string const& operation) const;
     Types resultTypes(unsigned int object, std::string const& operation) const;
+    /** What comes with a refusal; invalid when the class does not tell. */
+    TreflectParameterType exceptionType(unsigned int object, std::string const& operation,
+                                        unsigned int code) const;
     Types attributeTypes(unsigned int object, std::string const& attribute) const;
+    /** The comment of an attribute; empty when there is none. */
+    std::string attributeComment(unsigned int object, std::string const& attribute) const;
 
 private:
     struct Found {

@@ -1,7 +1,6 @@
 #include "Showing.h"
 
 #include <list>
-#include <map>
 #include <set>
 
 #include "Descriptions.h"
@@ -40,25 +39,6 @@ Json operationJson(TreflectMetaOperation const& operation) {
             {"raises", raises}};
 }
 
-/** The comments of the attributes of a class and its bases, as the object's process tells them. */
-std::map<std::string, std::string> commentsOf(Place place, TreflectMetaObject const& meta) {
-    std::set<std::string> names;
-    for (TreflectMetaObject const* const one : withBases(meta))
-        names.insert(one->name());
-    std::map<std::string, std::string> comments;
-    TreflectProcessClient const client = TreflectProcessClient::of(TreflectOrbId(place.broker));
-    if (!client.isConnected())
-        return comments;
-    auto const described = client.describe(meta.getClassId());
-    for (TreflectClassDescription const& one : described.value()) {
-        for (auto const& attribute : one.attributes) {
-            if (names.count(one.name) != 0)
-                comments.emplace(attribute.name, firstLineOf(attribute.doc));
-        }
-    }
-    return comments;
-}
-
 Description describe(Found const& found) {
     Description told;
     TreflectObject const object = handleOn(found.place);
@@ -72,13 +52,13 @@ Description describe(Found const& found) {
         }
         for (TreflectMetaOperation const* const operation : operationsOf(meta))
             told.operations.push_back({signatureText(*operation), operationJson(*operation)});
-        auto comments = commentsOf(found.place, meta);
         for (TreflectMetaAttribute const* const attribute : attributesOf(meta)) {
             if (attribute->metaOperGet())
-                told.attributes.push_back(
-                    {attribute->name(), typesText(attribute->metaOperGet()->resultTypes()),
-                     attribute->metaOperSet() != nullptr,
-                     valueOf(found, *attribute->getTied(&object)), comments[attribute->name()]});
+                told.attributes.push_back({attribute->name(),
+                                           typesText(attribute->metaOperGet()->resultTypes()),
+                                           attribute->metaOperSet() != nullptr,
+                                           valueOf(found, *attribute->getTied(&object)),
+                                           firstLineOf(commentOf(*attribute)), unitOf(*attribute)});
         }
     } catch (Failure const& why) {
         told.outcome = why.outcome();
@@ -122,6 +102,8 @@ Json jsonOf(Found const& found, std::string const& process, Description const& t
                     {"type", attribute.type},
                     {"writable", attribute.writable},
                     {"doc", attribute.doc}};
+        if (!attribute.unit.empty())
+            one["unit"] = attribute.unit;
         if (attribute.value.value)
             one["value"] = attribute.value.value->json;
         else

@@ -14,7 +14,8 @@ struct Description {
         std::string type;
         bool writable = false;
         Done value;
-        std::string doc;  // the first line of its comment, which tells the unit, mostly
+        std::string doc;   // the first line of its comment
+        std::string unit;  // of its numbers, if that is known
     };
     struct Operation {
         std::string signature;

@@ -23,14 +23,19 @@ public:
     Settings const& settings() const { return settings_; }
     Output& output() { return output_; }
     Asking& asking() { return asking_; }
-    /** Those that were there when the tool came. */
+    /** Those that were there when the tool came, or looked again. */
     Processes const& processes() const { return processes_; }
     Objects& objects() { return objects_; }
+    /** Finds out anew who is there; what has been heard of objects is forgotten. */
+    void lookAgain() {
+        processes_ = presentProcesses(asking_);
+        objects_.forget();
+    }
 
 private:
     Settings const& settings_;
     Output& output_;
     Asking asking_;
-    Processes const processes_;
+    Processes processes_;
     Objects objects_;
 };

@@ -10,3 +10,9 @@ std::string durationText(double seconds);
 std::string bytesText(std::int64_t bytes);
 /** "16:42:07.123", local time */
 std::string timeText(std::int64_t microsecondsSince1970);
+
+/** The unit that a comment tells: "@unit mV", "In percent.", "Bytes of memory", "Speed [km/h]".
+ * Its sign, or the word behind "@unit" as it is; empty when it tells none. */
+std::string unitIn(std::string const& comment);
+/** Whether a type has numbers alone: "unsigned", "sequence<double>". */
+bool isOfNumbers(std::string const& type);

@@ -273,12 +273,6 @@ Json valuesJson(Types const& types, Values const& values) {
     return all;
 }
 
-char const* fateOf(Types const& resultTypes, std::size_t results) {
-    if (resultTypes.empty())
-        return "ended";
-    return results > 0 ? "done" : "refused";
-}
-
 Json jsonOfText(std::string const& text) {
     return Reader(text).read();
 }

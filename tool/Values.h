@@ -16,6 +16,15 @@ struct Shown {
     std::string type;
     std::string text;
     Json json;
+    std::string unit = {};  // of its numbers, if that is known
+
+    /** "42 %" */
+    std::string textWithUnit() const { return unit.empty() ? text : text + " " + unit; }
+    /** As a member of its own, if there is one: values stay what they are. */
+    void addUnit(Json& told) const {
+        if (!unit.empty())
+            told["unit"] = unit;
+    }
 };
 
 /** "unsigned, string" */
@@ -35,10 +44,6 @@ Shown show(Types const& types, unsigned int index, TipprmiAny const& value);
 /** "50, true" */
 std::string valuesText(Types const& types, Values const& values);
 Json valuesJson(Types const& types, Values const& values);
-
-/** What has come of a call that has ended: "done", "refused", or, of an operation without results,
- * "ended", as notices do not tell more. */
-char const* fateOf(Types const& resultTypes, std::size_t results);
 
 /** The JSON of a value's text as TreflectParameterType prints it: numbers, truth, lists and values
  * with names as such, all else as strings. */

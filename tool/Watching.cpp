@@ -1,5 +1,7 @@
 #include "Watching.h"
 
+#include <map>
+
 #include "Members.h"
 #include "Wildcard.h"
 
@@ -38,14 +40,17 @@ void addLater(Events& events, Values const& values, bool counts,
 bool Watched::watchValue(std::string const& name) {
     TreflectAttribute& attribute = attributeOf(object_, name);
     Types const types = attribute.operGet().meta()->resultTypes();
-    auto const tell = [object = name_, name, types](Event& event, Values const& values) {
-        Shown const shown = show(types, 0, values[0]);
-        event.line = object + "/" + name + " = " + shown.text;
+    auto const tell = [object = name_, name, types, unit = unitOf(*attribute.meta())](
+                          Event& event, Values const& values) {
+        Shown shown = show(types, 0, values[0]);
+        shown.unit = unit;
+        event.line = object + "/" + name + " = " + shown.textWithUnit();
         event.json = {{"event", "value"},
                       {"object", object},
                       {"member", name},
                       {"type", shown.type},
                       {"value", shown.json}};
+        shown.addUnit(event.json);
     };
     values_.push_back(std::make_unique<TreflectAttributeWatch>(
         attribute, [&events = events_, tell](TipprmiAny const& value) {
@@ -55,47 +60,73 @@ bool Watched::watchValue(std::string const& name) {
 }
 
 bool Watched::watchCalls(std::string const& name) {
-    TreflectOperation& operation = operationOf(object_, name);
-    Types const out = operation.meta()->resultTypes();
-    auto const tellEnd = [object = name_, name, out](Event& event, Values const& results) {
-        std::string const fate = fateOf(out, results.getLength());
-        event.line = "end  " + object + "/" + name;
-        if (results.getLength() > 0)
-            event.line += " -> " + valuesText(out, results);
-        else if (!out.empty())
-            event.line += " " + fate;
-        event.json = json(object, "end", name, "results", valuesJson(out, results));
-        event.json["fate"] = fate;
+    TreflectMetaOperation const& meta = *operationOf(object_, name).meta();
+    auto const begun = [this, tell = callTeller("call ", "call", meta)](HeardCall const& call) {
+        addLater(events_, call.values, false,
+                 [tell, caller = call.caller, number = call.number](Event& event,
+                                                                    Values const& arguments) {
+                     tell(event, arguments);
+                     addCaller(event, caller, number);
+                 });
     };
-    Observer& before =
-        observe([this, tell = callTeller("call ", "call", operation)](Values const& arguments) {
-            addLater(events_, arguments, false, tell);
-            return true;
-        });
-    Observer& after = observe([this, tellEnd, out](Values const& results) {
-        // Of one that sets an attribute it is also told that the object itself has changed that.
-        if (!out.empty() || results.getLength() == 0)
-            addLater(events_, results, true, tellEnd);
-        return true;
-    });
-    return operation.preObserve(&before) && operation.postObserve(&after);
+    auto const ended = [this, tell = endTeller(meta)](HeardCall const& call, Fate const& fate) {
+        addLater(events_, call.values, true,
+                 [tell, fate, caller = call.caller, number = call.number](Event& event,
+                                                                          Values const& results) {
+                     tell(event, results, fate);
+                     addCaller(event, caller, number);
+                 });
+    };
+    auto observer = std::make_unique<CallObserver>(begun, ended);
+    CallObserver& observing = *observer;
+    observers_.push_back(std::move(observer));
+    return observing.observe(object_, meta);
+}
+
+void Watched::addCaller(Event& event, std::string const& caller, unsigned int number) {
+    if (number == 0)
+        return;
+    event.line += "  by " + caller;
+    event.json["caller"] = caller;
+    event.json["call"] = number;
 }
 
 bool Watched::veto(std::string const& name) {
     TreflectOperation& operation = operationOf(object_, name);
     return operation.preObserve(&observe(
-        [this, tell = callTeller("forbidden ", "vetoed", operation)](Values const& arguments) {
-            addLater(events_, arguments, true, tell);
+        [this, tell = callTeller("forbidden ", "vetoed", *operation.meta())](Values const& given) {
+            addLater(events_, given, true, tell);
             return false;
         }));
 }
 
 Watched::Teller Watched::callTeller(char const* word, char const* event,
-                                    TreflectOperation const& operation) const {
-    return [word, event, object = name_, name = operation.meta()->name(),
-            in = operation.meta()->argumentTypes()](Event& told, Values const& arguments) {
+                                    TreflectMetaOperation const& operation) const {
+    return [word, event, object = name_, name = operation.name(), in = operation.argumentTypes()](
+               Event& told, Values const& arguments) {
         told.line = word + object + "/" + name + "(" + valuesText(in, arguments) + ")";
         told.json = json(object, event, name, "arguments", valuesJson(in, arguments));
+    };
+}
+
+Watched::EndTeller Watched::endTeller(TreflectMetaOperation const& operation) const {
+    std::map<unsigned int, TreflectParameterType> exceptions;
+    for (auto const& exception : operation.exceptions())
+        exceptions.emplace(exception.first, operation.exceptionType(exception.first));
+    return [object = name_, name = operation.name(), out = operation.resultTypes(), exceptions](
+               Event& told, Values const& results, Fate const& fate) {
+        auto const exception = exceptions.find(fate.code);
+        std::string const refusal = fate.text(
+            exception == exceptions.end() ? TreflectParameterType("") : exception->second);
+        told.line = "end  " + object + "/" + name;
+        if (results.getLength() > 0)
+            told.line += " -> " + valuesText(out, results);
+        else if (!refusal.empty())
+            told.line += ": " + refusal;
+        told.json = json(object, "end", name, "results", valuesJson(out, results));
+        told.json["fate"] = fate.name();
+        if (!refusal.empty())
+            told.json["error"] = {{"code", fate.code}, {"text", refusal}};
     };
 }
 

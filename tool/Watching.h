@@ -9,15 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "CallObserver.h"
 #include "Events.h"
 #include "Objects.h"
 #include "Values.h"
-
-/** Members that are to be observed. A value. */
-struct Target {
-    Found object;
-    std::string member;  // or a pattern
-};
 
 /** An object, members of which are observed. Made under the run permission. */
 class Watched {
@@ -42,8 +37,11 @@ private:
     Observer& observe(Reaction reaction);
     /** Makes of values what is told of them: on the thread that writes it. */
     using Teller = std::function<void(Event&, Values const&)>;
+    using EndTeller = std::function<void(Event&, Values const&, Fate const&)>;
     Teller callTeller(char const* word, char const* event,
-                      TreflectOperation const& operation) const;
+                      TreflectMetaOperation const& operation) const;
+    EndTeller endTeller(TreflectMetaOperation const& operation) const;
+    static void addCaller(Event& event, std::string const& caller, unsigned int number);
     static Json json(std::string const& object, char const* event, std::string const& member,
                      char const* valuesName, Json const& values);
 

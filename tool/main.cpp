@@ -17,6 +17,11 @@ ExitCode told(Failure const& why, Output& output) {
     return why.outcome();
 }
 
+/** What nobody has thought of. */
+ExitCode told(std::exception const& why, Output& output) {
+    return told(Failure(ExitCode::kNoAccess, std::string("cannot go on: ") + why.what()), output);
+}
+
 /** What is collected in the group is written when it has been left: whoever reads slowly, or stops
  * the program by Ctrl-Z then, holds up nobody. */
 ExitCode perform(Command& command, Settings const& settings, Output& output, bool& isBusy) {
@@ -28,6 +33,8 @@ ExitCode perform(Command& command, Settings const& settings, Output& output, boo
     try {
         outcome = command.run(*tool);
     } catch (Failure const& why) {
+        outcome = told(why, output);
+    } catch (std::exception const& why) {
         outcome = told(why, output);
     }
     // Threads that still wait for somebody who hangs use it.
@@ -41,6 +48,7 @@ ExitCode perform(Command& command, Settings const& settings, Output& output, boo
 
 int main(int argc, char** argv) {
     std::signal(SIGTTOU, SIG_IGN);  // writing in the background must not stop it
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that becomes too large is told like a full disk
     std::signal(SIGPIPE, SIG_IGN);  // whoever stops reading has it leave the group
     Settings settings;
     Commands const commands = makeCommands();
@@ -51,6 +59,8 @@ int main(int argc, char** argv) {
     try {
         outcome = perform(command, settings, output, isBusy);
     } catch (Failure const& why) {
+        outcome = told(why, output);
+    } catch (std::exception const& why) {
         outcome = told(why, output);
     }
     output.flush();

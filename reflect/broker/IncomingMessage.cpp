@@ -13,6 +13,7 @@
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
+#include "reflect/objects/ServedCall.h"
 
 namespace {
 
@@ -205,10 +206,13 @@ bool TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
                                                  TipprmiStream& response) {
     EnableCancelState const cancellable;
     bool served = false;
+    ServedCall call(message_.originator(), object.reflective());
     containErrors(
         [&] {
             auto const mc = static_cast<unsigned int>(mc_);
             served = object.dispatch(transaction_, cc_, mc, request_, response);
+            if (served)
+                call.tellOutcome(transaction_ ? &response : nullptr);
         },
         [&](char const* thrown) {
             REFLECTORB_LOG_LIMITED(limits().thrown, 3, "REFLECT_orb",

@@ -5,12 +5,14 @@
 #include <vector>
 
 #include "logging/LineLimit.h"
+#include "reflect/TreflectCallOutcome.h"
 #include "reflect/TreflectORB.h"
 #include "reflect/TreflectObjectStub.h"
 #include "reflect/TreflectObservable.h"
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
+#include "reflect/objects/ServedCall.h"
 #include "transport/TransportLayer.h"
 
 namespace {
@@ -93,6 +95,18 @@ public:
     }
 
     std::deque<Registration> const& registrations() const { return registrations_; }
+    /** Those of them, by their numbers, that are among others, too. */
+    std::vector<bool> among(Observers const* others, Key const& key) const {
+        std::vector<bool> all(registrations_.size());
+        if (!others || others->find(key) == others->end())
+            return all;
+        auto const range = others->equal_range(key);
+        for (std::size_t i = 0; i < all.size(); ++i)
+            all[i] = std::any_of(range.first, range.second, [&](auto const& other) {
+                return other.second.client == registrations_[i].client;
+            });
+        return all;
+    }
 
 private:
     std::deque<Registration> registrations_;  // none is ever copied, which might search
@@ -324,13 +338,18 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
         return true;
     Life const life(*this);
     Told const told(*observers, {cc, mc});
+    ServedCall const* const call = kind == kBeforeCalls ? ServedCall::of(*this) : nullptr;
+    std::vector<bool> const wantNumber =
+        told.among(call ? postObservers_.get() : nullptr, {cc, mc ^ TreflectCallOutcome::kMark});
     bool agreed = true;
     std::vector<TreflectObserverClient const*> unreached;
-    for (Registration const& one : told.registrations()) {
+    for (std::size_t i = 0; i < wantNumber.size(); ++i) {
+        Registration const& one = told.registrations()[i];
         bool answer = false;
         if (one.guards)
             agreed = !life.ended() && askGuard(one.client, source, {cc, mc}, arguments) && agreed;
-        else if (!tell(one.client, source, cc, mc, arguments, answer))
+        else if (!tell(one.client, source, cc, mc,
+                       wantNumber[i] ? call->numbered(arguments) : arguments, answer))
             unreached.push_back(&one.client);
         else if (!answer)
             agreed = false;

@@ -18,6 +18,7 @@
 #include "reflect/broker/ContainErrors.h"
 #include "reflect/notices/WatchTimer.h"
 #include "reflect/objects/AttributeChange.h"
+#include "reflect/objects/ServedCall.h"
 
 namespace {
 
@@ -232,6 +233,8 @@ bool TreflectServerObject::notifyObservers(unsigned int kind, unsigned int const
                                            TipprmiSequence<TipprmiAny, 0u> const& arguments) {
     if (kind != kBeforeCalls)
         ChangeUnderWay::repeat(changes_, cc, mc);
+    if (ServedCall* const call = ServedCall::of(*this))
+        kind == kBeforeCalls ? call->begins(cc, mc) : call->ends(cc, mc, arguments);
     TreflectObject const source(*getClient());
     return TreflectObservable::notifyObservers(source, kind, cc, mc, arguments);
 }

@@ -11,11 +11,13 @@ import resource
 import select
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import zlib
 
 TOOL, HOUSE, HELLO, ACTOR, TREE = sys.argv[1:6]
 PATIENCE = 60  # seconds for what must happen; a busy machine needs less
@@ -110,12 +112,13 @@ class ToolTest(HouseTest):
         self.check([
             (["list"], 0, r"/house  House  house  house\.%d\n" % pid, ""),
             (["list", "--all", "--class", "Lam?"], 0, r"/house/hall  Lamp  house.hall  .*\n", ""),
+            (["list", "--class", "Nope"], 3, "", '.*no object of the class "Nope"\n'),
             (["list", "--process", "nobody"], 3, "", 'reflectorb: there is no process "nobody"\n'),
             (["tree"], 0, r"/house +House +house\.%d\n  hall +Lamp .*\n" % pid, ""),
             (["tree", "/house/hall"], 0, r"/house/hall +Lamp .*\n", ""),
             (["tree", "hello.greeter"], 0, r"hello.greeter +of an unknown class +hello.*\n", ""),
             (["show", "/house/hall"], 0,
-             r"/house/hall\n.*class +Lamp\n.*attribute +Level +unsigned += 10 +In percent\.\n.*"
+             r"/house/hall\n.*class +Lamp\n.*attribute +Level +unsigned += 10 % +In percent\.\n.*"
              r"operation +blink\(unsigned times, string why\) -> bool\n.*", ""),
             (["show", "hello.greeter"], 3, "",
              r"reflectorb: hello.greeter: its class is unknown here: .*PROCESS_OBJECT=1.*\n"),
@@ -131,6 +134,10 @@ class ToolTest(HouseTest):
             (["call", "/house/hall/blink", "2"], 2, "",
              ".*arguments wanted: unsigned times, string why; given: 1\n"),
             (["call", "/house/hall/nothing"], 3, "", '.*there is no operation "nothing"\n'),
+            (["set", "/house/hall/Level", "--", "-1"], 2, "", ".* is no value of type unsigned\n"),
+            (["get", "/**/Level"], 0, r"/house/hall/Level  30\n", ""),
+            (["get", "/**/Nope"], 3, "", r".*/\*\*/Nope: there is no such attribute\n"),
+            (["get", "/house/hall/N*"], 3, "", ".*no such attribute\n"),
             (["get", "/house/attic/Level"], 3, "", '.*/house has no child "attic"\n'),
             (["get", "elsewhere/Level"], 3, "", '.*nobody serves "elsewhere"\n'),
             (["get", "elsewhere@node/Level"], 3, "", '.*nobody serves "elsewhere@node"\n'),
@@ -151,9 +158,12 @@ class ToolTest(HouseTest):
             (["diff", "house", str(pid)], 0, "", ""),
             (["check"], 0, "ok: 2 processes\n", ""),
             (["--version"], 0, r"reflectorb \d+\.\d+\.\d+\n", ""),
-            ([], 2, "", ".*"), (["lists"], 2, "", ".*"), (["get"], 2, "", ".*"),
+            ([], 2, "", ".*"), (["lists"], 2, "", '.*no subcommand "lists".*'), (["get"], 2, "", ".*"),
             (["watch"], 2, "", ".*"), (["watch", "/house/hall/None"], 3, "", ".*"),
         ])
+        # A folder may bear the name of a process.
+        os.mkdir(os.path.join(self.folder, "house"))
+        self.assertEqual(subprocess.run([TOOL, "diff", "house", "house"], cwd=self.folder).returncode, 0)
         for folder in ("/proc/nowhere", "relative"):
             ended = run("list", "--json", TRANSPORT_DIR=folder)
             self.assertEqual((ended.returncode, json.loads(ended.stdout)["error"]["code"]), (6, 6))
@@ -173,11 +183,12 @@ class ToolTest(HouseTest):
         self.assertEqual(read("tree", "/house")["trees"][0]["children"][0]["name"], "hall")
         shown = read("show", "/house/hall")["objects"][0]
         self.assertIn({"name": "Level", "type": "unsigned", "writable": True, "value": 10,
-                       "doc": "In percent."},
+                       "doc": "In percent.", "unit": "%"},
                       shown["attributes"])
         self.assertIn("blink", [one["name"] for one in shown["operations"]])
         values = read("get", "/house/hall/*", "/house/hall/None")["values"]
         self.assertEqual([one.get("value") for one in values], [10, [], None])
+        self.assertEqual([one.get("unit") for one in values], ["%", None, None])
         self.assertEqual(values[2]["error"]["code"], 3)
         self.assertEqual(read("call", "/house/hall/blink", "0", "x")["calls"][0]["value"], False)
         process = read("processes")["processes"][0]
@@ -210,9 +221,11 @@ class ToolTest(HouseTest):
             other = self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
             self.check([
                 (["get", "house.hall/Level", "--timeout", "20"], 0, "10\n", ""),
-                (["list", "--timeout", patience], 0, "/house .*other.*\n",
+                (["list", "--timeout", patience], 5, "/house .*other.*\n",
                  r".*no answer in time: house\.%d\n" % pid),
-                (["processes", "--timeout", patience], 0, "house +%d .* %s\nother .*ok\n" % (pid, state),
+                (["get", "/*/hall/Level", "--timeout", patience], 5, "/house/hall/Level  10\n",
+                 r".*no answer in time: house\.%d\n" % pid),
+                (["processes", "--timeout", patience], 5, "house +%d .* %s\nother .*ok\n" % (pid, state),
                  ".*house.*"),
                 (["get", "process/house.%d/Usage" % pid, "--timeout", patience], 5, "",
                  ".*no answer.*\n"),
@@ -271,17 +284,19 @@ class ToolTest(HouseTest):
         self.assertEqual(run("complete", "--", "get", "house.hall/L").stdout, "house.hall/Level\n")
         self.assertEqual(run("complete", "--", "call", "/house/hall/b").stdout, "/house/hall/blink\n")
         self.assertEqual(run("complete", "--", "list", "--class", "La").stdout, "Lamp\n")
+        self.assertEqual(run("complete", "--", "record", "x", "La").stdout, "Lamp\n")
         self.assertEqual(run("complete", "--", "log", "ho").stdout,
                          "house.%d\n" % self.house.child.pid)
         script = """PATH=%s:$PATH; REFLECTORB_COMPLETION_TIMEOUT=20; source %s/tool/completion/reflectorb.bash; compopt() { :; }
             complete_line() { COMP_WORDS=(reflectorb "$@"); COMP_CWORD=$#; _reflectorb
                               echo "${COMPREPLY[*]}"; }
             complete_line wat; complete_line set --t; complete_line set /house/hall/S
-            complete_line replay %s/READM; complete_line record x /house/ha"""
+            complete_line replay %s/READM; complete_line record x /house/ha
+            complete_line replay x --only /house/hall/bl"""
         shell = subprocess.run(["bash", "-c", script % (os.path.dirname(TOOL), TREE, TREE)],
                                capture_output=True, text=True, timeout=PATIENCE)
         self.assertEqual(shell.stdout, "watch\n--timeout\n/house/hall/Steps\n"
-                         "%s/README.md\n/house/hall\n" % TREE, shell)
+                         "%s/README.md\n/house/hall\n/house/hall/blink\n" % TREE, shell)
 
     def test_top_looks_again_and_again(self):
         if "top" not in run("--help").stdout:
@@ -298,10 +313,13 @@ class ToolTest(HouseTest):
         lines = [json.loads(line) for line in watch.child.stdout.read().splitlines()]
         for line in lines:
             self.assertGreater(line.pop("time"), 1e15)
+            if line["event"] in ("call", "end"):
+                self.assertRegex(line.pop("caller"), r"reflectorb\.\d+")
+                self.assertGreater(line.pop("call"), 0)
         where = {"object": "/house/hall", "member": "blink"}
         self.assertEqual(lines[-3:], [
             {"event": "value", "object": "/house/hall", "member": "Level", "type": "unsigned",
-             "value": 20},
+             "value": 20, "unit": "%"},
             {"event": "call", **where, "arguments": [1, "why"]},
             {"event": "end", **where, "results": [True], "fate": "done"}])
 
@@ -318,9 +336,46 @@ class ToolTest(HouseTest):
         self.assertEqual(veto.end(), 0)
         self.check([(["set", "/house/hall/Level", "8"], 0, ".*8\n", "")])
 
-        gone = self.stay("watch", "/house/hall/*")
+    def test_what_comes_later_is_watched_and_what_returns_anew(self):
+        watches = [self.stay("watch", *what) for what in (
+            ("--class", "Lamp"), ("/house/*/*",), ("--below", "/house"))]
+        record, veto = self.record("later", "Lamp"), self.stay("veto", "/house/attic*/Level")
+        for _ in range(2):
+            run("call", "/house/addLamp", "attic")
+            told = {one: self.until(one, "came", "/house/attic") for one in watches + [record, veto]}
+            self.check([(["set", "/house/attic/Level", "5"], 4, "", ".*\n"),
+                        (["call", "/house/attic/blink", "3", "x"], 0, "true\n", "")])
+            run("call", "/house/removeLamp", "attic")
+            for watch in watches:
+                self.assertEqual(told[watch] + self.until(watch, "gone", "/house/attic"), [
+                    ("value", "Level"), ("value", "Steps"), ("came", None), ("call", "blink"),
+                    ("end", "blink"), ("gone", None)])
+            self.until(record, "gone", "/house/attic")
         self.house.end(signal.SIGKILL)
-        self.assertEqual(gone.child.wait(PATIENCE), 3)
+        self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1")
+        for one in watches + [record]:
+            self.until(one, "came", "/house/hall")
+        run("set", "/house/hall/Level", "77")
+        for watch in watches:
+            watch.wait_for('"value":77')
+        for one in watches + [record, veto]:
+            self.assertEqual(one.end(), 0)
+        told = [(line["event"], line.get("member"), line.get("value"), line.get("fate"))
+                for line in self.shown("later")[0] if line.get("object") == "/house/attic"]
+        once = [("object", None, None, None), ("value", "Level", 10, None), ("value", "Steps", [], None),
+                ("call", "setLevel", None, None), ("end", "setLevel", None, "vetoed"),
+                ("call", "blink", None, None), ("end", "blink", None, "done"),
+                ("gone", None, None, None)]
+        self.assertEqual(told, once * 2)
+
+    @staticmethod
+    def until(process, event, name):
+        """What is told of an object up to an event: events and members."""
+        told = []
+        while not told or told[-1][0] != event:
+            line = json.loads(process.wait_for(r'\{[^\n]*"object":"%s"' % name))
+            told.append((line["event"], line.get("member")))
+        return told
 
     def test_who_does_not_read_holds_up_nobody(self):
         watch = self.stay("watch", "/house/removeLamp")
@@ -398,6 +453,8 @@ class ToolTest(HouseTest):
         lines = [json.loads(line) for line in ended.stdout.splitlines()]
         for line in lines:
             line.pop("time", None)
+            if line.pop("call", 0):
+                self.assertRegex(line.pop("caller", "reflectorb.1"), r"\A(reflectorb|house)\.\d+\Z")
         return lines, ended
 
     def test_what_is_done_is_recorded_and_done_again(self):
@@ -413,14 +470,17 @@ class ToolTest(HouseTest):
         call, end = {"event": "call", **hall}, {"event": "end", **hall}
         lines, _ = self.shown("a")
         self.assertEqual([line for line in lines if line["event"] in ("call", "end", "value")], [
-            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 10},
+            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 10, "unit": "%"},
             {"event": "value", **hall, "member": "Steps", "type": "sequence<unsigned>", "value": []},
             {**call, "member": "setSteps", "arguments": [[10, 30]]},
-            {**end, "member": "setSteps", "results": [], "fate": "ended"},
+            {**end, "member": "setSteps", "results": [], "fate": "done"},
+            {"event": "value", **hall, "member": "Steps", "type": "sequence<unsigned>",
+             "value": [10, 30]},
             {**call, "member": "setLevel", "arguments": [101]},
-            {**end, "member": "setLevel", "results": [], "fate": "ended"},
+            {**end, "member": "setLevel", "results": [], "fate": "refused", "error": {
+                "code": 1007164706, "text": "refused with code 1007164706, Lamp::TooBright {limit: 100}"}},
             {**call, "member": "nextStep", "arguments": []},
-            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 30},
+            {"event": "value", **hall, "member": "Level", "type": "unsigned", "value": 30, "unit": "%"},
             {**end, "member": "nextStep", "results": [30], "fate": "done"},
             {**call, "member": "blink", "arguments": [2, "for fun"]},
             {**end, "member": "blink", "results": [True], "fate": "done"}])
@@ -436,8 +496,9 @@ class ToolTest(HouseTest):
              r".*/house/attic/setSteps\(\[10, 30\]\)\n.*", ""),
             (["get", "/house/attic/Steps"], 0, r"\[10, 30\]\n", ""),
             (["replay", path, "--only", "/nothing"], 3, "", ".*no such calls\n"),
+            (["replay", path, "--to", "/house/*"], 2, "", ".*no pattern\n"),
             (["replay", path, "--speed", "fast"], 2, "", ".*no factor\n"),
-            (["replay", path, "--to", "/nobody"], 3, "", ".*\n.*none of the objects is there\n"),
+            (["replay", path, "--to", "/nobody"], 3, "", ".*none of the objects is there\n"),
             (["replay", TOOL], 2, "", ".*is no recording.*\n"), (["replay", "/nowhere"], 3, "", ".*\n"),
             (["record", path], 2, "", ".*--force replaces it\n"),
             (["record", "/dev/null"], 2, "", ".*is no file\n"),
@@ -450,8 +511,17 @@ class ToolTest(HouseTest):
             events = [json.loads(line)["event"] for line in stepping.stdout]
         self.assertEqual(events, ["begun"] + ["next", "replayed"] * 2 + ["next", "ended"])
 
-        # It is readable where nobody knows the classes, and where it was cut off or damaged.
+        # What was refused then and is done now, of one without results, too.
+        with open(path, "rb") as file:
+            content = file.read()
+        with open(path + "4", "wb") as file:
+            file.write(self.with_level(content, 101, 40))
+        self.check([(["replay", path + "4", "--check", "--speed", "0", "--only", "**/setLevel"], 1,
+                     r".*TooBright \{limit: 100\} then, now done\n.*", "")])
+
+        # It is readable where nobody knows the classes, and where it was cut off or damaged; without a group.
         self.house.end(signal.SIGKILL)
+        os.environ["TRANSPORT_DIR"] = "/proc/nowhere"
         self.assertEqual(self.shown("a")[0], lines)
         with open(path, "rb") as file:
             content = file.read()
@@ -466,8 +536,21 @@ class ToolTest(HouseTest):
         self.assertEqual(damaged, lines[:len(damaged)])
         self.assertGreater(len(damaged), 10)
 
+    @staticmethod
+    def with_level(content, old, new):
+        """A recording whose only call with this argument has another one."""
+        at = content.index(b"setLevel\0\0\0\1\0\0\0\4" + struct.pack(">I", old))
+        head = content.rfind(struct.pack(">I", 3), 0, at) - 8
+        size = struct.unpack(">I", content[head:head + 4])[0]
+        payload = content[head + 8:head + 8 + size].replace(struct.pack(">I", old), struct.pack(">I", new))
+        return (content[:head + 4] + struct.pack(">I", zlib.crc32(payload)) + payload +
+                content[head + 8 + size:])
+
     def test_a_recording_that_is_killed_or_full_is_readable(self):
-        recorder = self.record("b", "/house/hall", "--size", "1K", "--files", "3")
+        with open(os.path.join(self.folder, "b.2"), "w"):
+            self.check([(["record", file, "--size", "1K", "--files", "3"], 2, "", '.*b.2" is there.*\n')
+                        for file in [os.path.join(self.folder, "b")]])
+        recorder = self.record("b", "/house/hall", "--size", "1K", "--files", "3", "--force")
         levels = list(range(20, 40))
         for level in levels:
             run("set", "/house/hall/Level", str(level))
@@ -494,8 +577,7 @@ class ToolTest(HouseTest):
         self.assertGreater(len(recorded), 8)
 
         # A disk that is full ends it, and no call waits for that.
-        limited = Process("sh", "-c", "trap '' XFSZ; exec \"$0\" \"$@\"", TOOL, "record",
-                          os.path.join(self.folder, "c"), "--json")
+        limited = Process(TOOL, "record", os.path.join(self.folder, "c"), "--json")
         self.addCleanup(limited.end, signal.SIGKILL)
         limited.wait_for('"begun"')
         resource.prlimit(limited.child.pid, resource.RLIMIT_FSIZE, (40_000, 40_000))

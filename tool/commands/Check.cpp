@@ -1,6 +1,7 @@
 // reflectorb check and diff: whether all is as it should be, and alike.
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -126,9 +127,14 @@ public:
 
 private:
     static ByName read(Tool& tool, std::string const& source) {
-        std::ifstream file(source);
-        Descriptions const found = file ? descriptionsOf(Json::parse(file, nullptr, false), source)
-                                        : describedBy(tool, select(tool.processes(), source), "*");
+        // A folder may have the name of a process.
+        std::error_code unknown;
+        std::ifstream file;
+        if (!std::filesystem::is_directory(source, unknown))
+            file.open(source);
+        Descriptions const found = file.is_open()
+                                       ? descriptionsOf(Json::parse(file, nullptr, false), source)
+                                       : describedBy(tool, select(tool.processes(), source), "*");
         ByName classes;
         for (TreflectClassDescription const& described : found)
             classes[described.name] = described;

@@ -38,7 +38,7 @@ public:
         }
         tell(tool, missing);
         if (!variants_.empty() || pattern_.empty())
-            return ExitCode::kDone;
+            return missing.outcome();
         tool.output().complain("no process that answers knows a class \"" + pattern_ + "\"");
         return missing.isAnySilent() ? ExitCode::kTimedOut : ExitCode::kNotThere;
     }

@@ -6,18 +6,27 @@
 
 namespace {
 
-enum class Wanted { kNothing, kObjects, kAttributes, kOperations, kMembers, kProcesses, kClasses };
+enum class Wanted {
+    kNothing,
+    kObjects,
+    kObjectsAndClasses,
+    kAttributes,
+    kOperations,
+    kMembers,
+    kProcesses,
+    kClasses
+};
 
 /** What the words of a subcommand are. */
 Wanted wordsOf(std::string const& command) {
     static std::map<std::string, Wanted> const words{
-        {"tree", Wanted::kObjects},    {"show", Wanted::kObjects},
-        {"get", Wanted::kAttributes},  {"set", Wanted::kAttributes},
-        {"call", Wanted::kOperations}, {"watch", Wanted::kMembers},
-        {"veto", Wanted::kMembers},    {"processes", Wanted::kProcesses},
-        {"calls", Wanted::kProcesses}, {"log", Wanted::kProcesses},
-        {"diff", Wanted::kProcesses},  {"classes", Wanted::kClasses},
-        {"record", Wanted::kObjects},  {"describe", Wanted::kClasses}};
+        {"tree", Wanted::kObjects},     {"show", Wanted::kObjects},
+        {"get", Wanted::kAttributes},   {"set", Wanted::kAttributes},
+        {"call", Wanted::kOperations},  {"watch", Wanted::kMembers},
+        {"veto", Wanted::kMembers},     {"processes", Wanted::kProcesses},
+        {"calls", Wanted::kProcesses},  {"log", Wanted::kProcesses},
+        {"diff", Wanted::kProcesses},   {"classes", Wanted::kClasses},
+        {"describe", Wanted::kClasses}, {"record", Wanted::kObjectsAndClasses}};
     auto const found = words.find(command);
     return found == words.end() ? Wanted::kNothing : found->second;
 }
@@ -27,8 +36,9 @@ Wanted valueOfOption(std::string const& option) {
         return Wanted::kProcesses;
     if (option == "--class")
         return Wanted::kClasses;
-    bool const isObject = option == "--below" || option == "--to" || option == "--only";
-    return isObject ? Wanted::kObjects : Wanted::kNothing;
+    if (option == "--only")
+        return Wanted::kOperations;
+    return option == "--below" || option == "--to" ? Wanted::kObjects : Wanted::kNothing;
 }
 
 class Complete final : public Command {
@@ -56,6 +66,10 @@ public:
                 break;
             case Wanted::kClasses:
                 addClasses(tool, all);
+                break;
+            case Wanted::kObjectsAndClasses:
+                addClasses(tool, all);
+                addObjects(tool, word, all);
                 break;
             default:
                 addObjects(tool, word, all);

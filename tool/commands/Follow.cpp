@@ -4,6 +4,8 @@
 #include <transport.h>
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
 #include <map>
 
 #include "Commands.h"
@@ -30,16 +32,19 @@ public:
         objects_.erase(found);
     }
     bool has(Place place) const { return objects_.count(place) != 0; }
+    /** Those of a kind go. */
+    void goThose(std::function<bool(Place)> const& areGone) {
+        std::vector<std::pair<Place, std::string>> gone;
+        for (auto const& object : objects_) {
+            if (areGone(object.first))
+                gone.emplace_back(object.first, object.second.className);
+        }
+        for (auto const& one : gone)
+            go(one.first, one.second);
+    }
     /** The objects of a broker go with it. */
     void brokerGone(unsigned int broker) {
-        for (auto entry = objects_.begin(); entry != objects_.end();) {
-            if (entry->first.broker == broker) {
-                tell("-", "deleted", entry->second.className, entry->second.name);
-                entry = objects_.erase(entry);
-            } else {
-                ++entry;
-            }
-        }
+        goThose([broker](Place place) { return place.broker == broker; });
     }
 
 private:
@@ -57,21 +62,6 @@ private:
     Events& events_;
     std::map<Place, Object> objects_;
 };
-
-/** The name of an object, asked for from object to object: an object that asks its parent itself
- * would have to wait for it. An object in the making answers while it waits for us. */
-std::string nameOf(TreflectObject const& object) {
-    constexpr std::chrono::milliseconds kPatience(500);
-    constexpr int kDeepest = 100;
-    TreflectDeadline const within(kPatience);
-    std::string name;
-    TreflectObject at(object);
-    for (int depth = 0; depth < kDeepest && at.isConnected(); ++depth) {
-        name = "/" + at.getRelName() + name;
-        at = at.getParent();
-    }
-    return name;
-}
 
 class FollowSession final : public Session {
 public:
@@ -96,6 +86,7 @@ public:
             else
                 departed(orb_.convertId(change.broker));
         }
+        lookIfDeaf();
         return true;
     }
 
@@ -105,6 +96,35 @@ private:
         return brokers_.take();
     }
 
+    /** Of objects nobody is told as long as a process hangs at which this one registers: then they
+     * are looked for. */
+    void lookIfDeaf() {
+        constexpr std::chrono::seconds kPace(2);
+        bool const isDeaf = !classes_.awaitRegistrations({});
+        bool const isDue = std::chrono::steady_clock::now() >= lookAt_;
+        if (!(isDeaf && isDue) && isDeaf == wasDeaf_)
+            return;
+        wasDeaf_ = isDeaf;
+        lookAt_ = std::chrono::steady_clock::now() + kPace;
+        if (isDue)
+            look();
+    }
+    void look() {
+        tool_.lookAgain();
+        Forest const& forest = tool_.objects().all();
+        TreflectHandlerState const inside(true);
+        for (auto const& [place, node] : forest.nodes()) {
+            bool const isTold = node.isReflective && !node.className.empty() &&
+                                node.classId != processobject::kClass &&
+                                node.classId != TreflectObserverSkeleton::kClassId;
+            if (isTold)
+                present_.come(place, node.className, forest.nameOf(place));
+        }
+        present_.goThose([&](Place place) {
+            Process const* const owner = ownerOf(tool_.processes(), place.broker);
+            return owner && !tool_.asking().isGivenUp(owner->broker()) && !forest.find(place);
+        });
+    }
     /** Who is there now and was not before. */
     void arrived() {
         Processes newcomers;
@@ -149,7 +169,7 @@ private:
         auto const created = [&present](TreflectObject const& object, std::string const& name) {
             Place const place = placeOf(object);
             if (!present.has(place))
-                present.come(place, name, nameOf(object));
+                present.come(place, name, absoluteNameOf(object));
         };
         auto const deleted = [&present](TreflectObject const& object, std::string const& name) {
             present.go(placeOf(object), name);
@@ -164,6 +184,9 @@ private:
     ClassFollower& classes_;
     BrokerFollower& brokers_;
     std::map<TreflectOrbId, std::string> names_;  // of the processes of brokers
+    bool wasDeaf_ = false;
+    std::chrono::steady_clock::time_point lookAt_ =
+        std::chrono::steady_clock::now() + std::chrono::seconds(1);
 };
 
 class Follow final : public Command {

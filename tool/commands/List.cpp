@@ -30,7 +30,11 @@ public:
             return a.name != b.name ? a.name < b.name : a.place < b.place;
         });
         tell(tool, rows);
-        return ExitCode::kDone;
+        ExitCode const heard = tool.objects().missing().outcome();
+        if (class_.empty() || !rows.empty())
+            return heard;
+        tool.output().complain("there is no object of the class \"" + class_ + "\"");
+        return heard == ExitCode::kDone ? ExitCode::kNotThere : heard;
     }
 
 private:

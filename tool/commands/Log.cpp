@@ -137,7 +137,7 @@ public:
         }
         logs.missing().tell(tool.output());
         tool.output().document({{"records", all}, {"missing", logs.missing().json()}});
-        return ExitCode::kDone;
+        return logs.missing().outcome();
     }
     bool stays() const override { return follow_; }
     ExitCode stay(Settings const& settings, Output& output) override {

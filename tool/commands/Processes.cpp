@@ -29,8 +29,8 @@ public:
                      {"VERSION"},
                      {"UPTIME", Table::Align::kRight},
                      {"MEMORY", Table::Align::kRight},
-                     {"THREADS", Table::Align::kRight},
-                     {"OBJECTS", Table::Align::kRight},
+                     {"THR", Table::Align::kRight},
+                     {"OBJ", Table::Align::kRight},
                      {"CALLS/S", Table::Align::kRight},
                      {"STATE"}});
         Json all = Json::array();
@@ -43,7 +43,7 @@ public:
         tool.output().table(table);
         missing.tell(tool.output());
         tool.output().document({{"processes", all}, {"missing", missing.json()}});
-        return ExitCode::kDone;
+        return missing.outcome();
     }
 
 private:

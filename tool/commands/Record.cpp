@@ -2,11 +2,15 @@
 #include <fmt/format.h>
 #include <handler_threads.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <set>
 
+#include "CallObserver.h"
 #include "Commands.h"
 #include "Journal.h"
+#include "Lookout.h"
 #include "Members.h"
 #include "Staying.h"
 #include "Wildcard.h"
@@ -28,52 +32,77 @@ std::size_t sizeOf(recording::Anys const& values) {
     return size;
 }
 
-/** One operation of an object. The object waits while it is told: what is told goes to the journal
- * as it has come. */
-class CallObserver final : public TreflectObserver {
+/** Hears when an object says that the value of an attribute has changed: as if a call had set it,
+ * with the value in the place of results. */
+class ChangeObserver final : public TreflectObserver {
 public:
-    CallObserver(Journal& journal, unsigned int object, std::string operation)
-        : journal_(journal), object_(object), operation_(std::move(operation)) {}
+    ChangeObserver(Journal& journal, unsigned int object, std::string attribute)
+        : journal_(journal), object_(object), attribute_(std::move(attribute)) {}
 
     bool update() override {
         recording::Anys values = anysOf(arguments());
         std::size_t const size = sizeOf(values);
-        journal_.add(recording::Call{Journal::now(), object_, operation_, std::move(values)}, size);
+        if (!values.empty())
+            journal_.add(
+                recording::Value{Journal::now(), object_, attribute_, std::move(values[0])}, size);
         return true;
     }
 
 private:
     Journal& journal_;
     unsigned int const object_;
-    std::string const operation_;
+    std::string const attribute_;
 };
 
-/** The end of its calls. Of an operation that sets an attribute it is told, too, when the object
- * says that the value has changed: then the value is what it gets. */
-class EndObserver final : public TreflectObserver {
+/** The calls of one operation of an object. The object waits while it is told: what is told goes to
+ * the journal as it has come. Under the run permission. */
+class CallRecorder {
 public:
-    EndObserver(Journal& journal, unsigned int object, std::string operation, std::string attribute)
+    /** `attribute`: which it sets; empty for none. */
+    CallRecorder(Journal& journal, unsigned int object, std::string operation,
+                 std::string attribute)
         : journal_(journal),
           object_(object),
           operation_(std::move(operation)),
-          attribute_(std::move(attribute)) {}
+          attribute_(std::move(attribute)),
+          observer_([this](HeardCall const& call) { begun(call); },
+                    [this](HeardCall const& call, Fate const& fate) { ended(call, fate); }) {}
 
-    bool update() override {
-        recording::Anys values = anysOf(arguments());
-        std::size_t const size = sizeOf(values);
-        std::int64_t const now = Journal::now();
-        if (attribute_.empty() || values.empty())
-            journal_.add(recording::End{now, object_, operation_, std::move(values)}, size);
-        else
-            journal_.add(recording::Value{now, object_, attribute_, std::move(values[0])}, size);
-        return true;
-    }
+    CallObserver& observer() { return observer_; }
 
 private:
+    void begun(HeardCall const& call) {
+        constexpr std::size_t kMostOpen = 1000;  // some never end
+        recording::Anys values = anysOf(call.values);
+        std::size_t const size = sizeOf(values);
+        if (!attribute_.empty() && values.size() == 1 && set_.size() < kMostOpen)
+            set_[call.number] = values[0];
+        journal_.add(recording::Call{Journal::now(), object_, operation_, std::move(values),
+                                     call.number, call.caller},
+                     size);
+    }
+    void ended(HeardCall const& call, Fate const& fate) {
+        recording::Anys values = anysOf(call.values);
+        std::size_t const size = sizeOf(values);
+        std::int64_t const now = Journal::now();
+        journal_.add(recording::End{now, object_, operation_, std::move(values), call.number,
+                                    static_cast<unsigned int>(fate.kind), fate.code, fate.fields},
+                     size);
+        auto const set = set_.find(call.number);
+        if (set == set_.end())
+            return;
+        if (fate.kind == Fate::Kind::kDone)
+            journal_.add(recording::Value{now, object_, attribute_, set->second},
+                         static_cast<std::size_t>(set->second.getDataSize()));
+        set_.erase(set);
+    }
+
     Journal& journal_;
     unsigned int const object_;
     std::string const operation_;
-    std::string const attribute_;  // which it sets, if it has no results; else empty
+    std::string const attribute_;
+    std::map<unsigned int, TipprmiAny> set_;  // what calls that have begun set, by their numbers
+    CallObserver observer_;
 };
 
 /** An object that is recorded. Made under the run permission. */
@@ -83,7 +112,6 @@ public:
         : object_(handleOn(found.place)), number_(number), journal_(journal) {}
 
     TreflectObject const& object() const { return object_; }
-    unsigned int number() const { return number_; }
 
     /** Whether the object has answered that it is observed. */
     bool begin() {
@@ -122,13 +150,14 @@ private:
         return {};
     }
 
-    bool observe(TreflectMetaOperation const& meta, std::string const& attribute) {
-        TreflectOperation& operation = operationOf(object_, meta.name());
-        observers_.push_back(std::make_unique<CallObserver>(journal_, number_, meta.name()));
-        TreflectObserver* const before = observers_.back().get();
-        observers_.push_back(
-            std::make_unique<EndObserver>(journal_, number_, meta.name(), attribute));
-        return operation.preObserve(before) && operation.postObserve(observers_.back().get());
+    bool observe(TreflectMetaOperation const& operation, std::string const& attribute) {
+        calls_.push_back(
+            std::make_unique<CallRecorder>(journal_, number_, operation.name(), attribute));
+        bool const done = calls_.back()->observer().observe(object_, operation);
+        if (attribute.empty())
+            return done;
+        changes_.push_back(std::make_unique<ChangeObserver>(journal_, number_, attribute));
+        return operationOf(object_, operation.name()).postObserve(changes_.back().get()) && done;
     }
     /** The value as the recording begins; others come with the calls that set it, or are told to
      * the observers of these. */
@@ -150,7 +179,8 @@ private:
     TreflectObject const object_;
     unsigned int const number_;
     Journal& journal_;
-    std::vector<std::unique_ptr<TreflectObserver>> observers_;
+    std::vector<std::unique_ptr<CallRecorder>> calls_;
+    std::vector<std::unique_ptr<ChangeObserver>> changes_;
     std::vector<std::unique_ptr<TreflectAttributeWatch>> watches_;
 };
 
@@ -176,53 +206,172 @@ private:
     std::set<std::uint64_t> hashes_;  // guarded by mutex_
 };
 
-/** What has come of beginning with an object. */
-struct Begun {
-    std::shared_ptr<Recorded> recorded;
-    ExitCode outcome = ExitCode::kDone;
-    std::string text;
+/** What is to be recorded: names of objects and classes, or patterns; empty: all objects. */
+using Words = std::vector<std::string>;
+
+/** What tells of a process is none of its objects. */
+bool isAnObject(unsigned int classId) {
+    return classId != processobject::kClass && classId != TreflectObserverSkeleton::kClassId;
+}
+
+/** Observes all members of the objects that are wished. Numbers them, over all sessions. */
+class Recorder final : public Attendant {
+public:
+    Recorder(Words words, Asking& asking, Processes processes, Events& events, Journal& journal,
+             unsigned int& lastNumber)
+        : words_(std::move(words)),
+          asking_(asking),
+          processes_(std::move(processes)),
+          events_(events),
+          journal_(journal),
+          classes_(journal),
+          lastNumber_(lastNumber) {}
+
+    Targets find(Tool& tool) override {
+        std::vector<Failure> unheard;
+        return find(tool, unheard);
+    }
+    /** `failures`: why a word tells nothing. */
+    Targets find(Tool& tool, std::vector<Failure>& failures) {
+        std::map<Place, Found> found;
+        if (words_.empty())
+            addClass(tool, "*", found);
+        for (std::string const& word : words_) {
+            if (word.find('/') == std::string::npos && addClass(tool, word, found))
+                continue;
+            try {
+                for (Found const& one : tool.objects().find(word))
+                    found.emplace(one.place, one);
+            } catch (Failure const& why) {
+                if (!isOpen(word) || why.outcome() != ExitCode::kNotThere)
+                    failures.push_back(why);
+            }
+        }
+        Targets targets;
+        for (auto const& one : found)
+            targets.push_back({one.second});
+        return targets;
+    }
+    Targets matching(Newcomer const& newcomer) override {
+        TreflectObject const object = handleOn(newcomer.place);
+        TreflectMetaObject const& meta = classOf(object);
+        std::string const name = absoluteNameOf(object);
+        bool isMeant = words_.empty() && isAnObject(meta.getClassId());
+        for (std::string const& word : words_) {
+            Wildcard const wildcard(word);
+            isMeant = isMeant || wildcard.matches(name) || wildcard.matches(newcomer.identifier) ||
+                      wildcard.matches(meta.name());
+        }
+        return isMeant ? Targets{{{name, newcomer.place}}} : Targets();
+    }
+    /** Of a name it is not known of which class its object will be. */
+    bool concerns(std::string const& className) const override {
+        return words_.empty() ||
+               std::any_of(words_.begin(), words_.end(), [&](std::string const& word) {
+                   return word.find('/') != std::string::npos || Wildcard(word).matches(className);
+               });
+    }
+    /** Whether a word may mean objects that nobody has named. */
+    static bool isOpen(std::string const& word) { return Wildcard::isIn(word); }
+
+    Begun begin(Target const& target, Comes when) override {
+        unsigned int const number = ++lastNumber_;
+        auto const recorded = std::make_shared<Recorded>(target.object, number, journal_);
+        TreflectMetaObject const& meta = classOf(recorded->object());
+        journal_.addToHead(recording::Object{number, target.object.name, meta.name(),
+                                             classes_.add(meta), processOf(target.object.place)});
+        numbers_[target.object.place] = number;
+        bool const done = recorded->begin();
+        if (when == Comes::kLater)
+            tell("+ ", "came", target);
+        if (done)
+            return {recorded};
+        return {recorded, ExitCode::kTimedOut, "it has not answered that it is observed"};
+    }
+    void gone(Target const& target) override {
+        auto const number = numbers_.find(target.object.place);
+        if (number == numbers_.end())
+            return;
+        journal_.addGone(number->second);
+        numbers_.erase(number);
+        tell("- ", "gone", target);
+    }
+
+private:
+    static bool addClass(Tool& tool, std::string const& pattern, std::map<Place, Found>& found) {
+        Wildcard const wildcard(pattern);
+        Forest const& forest = tool.objects().all();
+        bool isAny = false;
+        for (auto const& [place, node] : forest.nodes()) {
+            if (!node.isReflective || node.className.empty() || !isAnObject(node.classId) ||
+                !wildcard.matches(node.className))
+                continue;
+            found.emplace(place, Found{forest.nameOf(place), place});
+            isAny = true;
+        }
+        return isAny;
+    }
+    std::string processOf(Place place) {
+        if (!ownerOf(processes_, place.broker))
+            processes_ = presentProcesses(asking_);
+        return nameOfOwner(processes_, place.broker);
+    }
+    void tell(char const* sign, char const* event, Target const& target) {
+        events_.add(
+            {sign + target.object.name, {{"event", event}, {"object", target.object.name}}, false});
+    }
+
+    Words const words_;
+    Asking& asking_;
+    Processes processes_;  // guarded by the run permission, as the numbers
+    Events& events_;
+    Journal& journal_;
+    WrittenClasses classes_;
+    unsigned int& lastNumber_;
+    std::map<Place, unsigned int> numbers_;
 };
 
 class RecordSession final : public Session {
 public:
-    /** `outcome`: what has come of finding the objects. */
-    RecordSession(Tool& tool, Events& events, std::vector<Found> const& objects, Journal& journal,
-                  unsigned int& lastNumber, ExitCode outcome)
-        : tool_(tool), events_(events), journal_(journal), outcome_(outcome) {
+    RecordSession(Tool& tool, Events& events, Words const& words, Journal& journal,
+                  unsigned int& lastNumber)
+        : tool_(tool),
+          events_(events),
+          journal_(journal),
+          recorder_(
+              *new Recorder(words, tool.asking(), tool.processes(), events, journal, lastNumber)),
+          lookout_(*new Lookout(tool, recorder_)) {
+        std::vector<Failure> failures;
+        Targets const targets = recorder_.find(tool, failures);
+        for (Failure const& why : failures)
+            note(why.what(), why.outcome());
+        bool const isOpen =
+            words.empty() || std::any_of(words.begin(), words.end(), &Recorder::isOpen);
+        if (tool.objects().missing().isAnySilent()) {
+            tool.objects().missing().tell(tool.output());
+            fail(ExitCode::kTimedOut);
+        }
         journal_.resume();
-        std::vector<TreflectOrbId> brokers;
-        for (Found const& found : objects)
-            brokers.emplace_back(found.place.broker);
-        auto const classes = std::make_shared<WrittenClasses>(journal);
-        unsigned int const first = lastNumber + 1;
-        lastNumber += static_cast<unsigned int>(objects.size());
-        Processes const& processes = tool.processes();
-        auto const answers = tool.asking().each<Begun>(
-            brokers, [objects, processes, classes, first, &journal](std::size_t index) {
-                return std::optional(begin(objects[index], processes, *classes,
-                                           first + static_cast<unsigned int>(index), journal));
-            });
-        for (std::size_t i = 0; i < objects.size(); ++i)
-            note(objects[i], answers[i]);
-        if (recorded_.empty())
-            throw Failure(outcome_, "nothing is recorded");
-        events.add({"", {{"event", "begun"}, {"objects", recorded_.size()}}});
-        tool.output().note(fmt::format("recording {} objects; Ctrl-C ends", recorded_.size()));
+        std::size_t begun = 0;
+        std::vector<Begun> const all = lookout_.start(targets);
+        for (std::size_t i = 0; i < targets.size(); ++i) {
+            begun += all[i].attended != nullptr;
+            if (all[i].outcome != ExitCode::kDone)
+                note(targets[i].object.name + ": " + all[i].text, all[i].outcome);
+        }
+        bool const mayCome = targets.empty() && failures.empty() && lookout_.expectsAny();
+        if (begun == 0 && !mayCome)
+            throw Failure(outcome_ == ExitCode::kDone ? ExitCode::kNotThere : outcome_,
+                          isOpen ? "there are no objects" : "nothing is recorded");
+        events.add({"", {{"event", "begun"}, {"objects", begun}}});
+        tool.output().note(fmt::format("recording {} objects; Ctrl-C ends", begun));
     }
 
-    /** Until all objects have gone, or nothing can be written. */
+    /** Until nothing can be written any more. */
     bool goOn() override {
-        if (!journal_.failure().empty())
-            return false;
-        TreflectHandlerState const inside(true);
-        bool isAnyThere = false;
-        for (auto const& recorded : recorded_) {
-            if (recorded->object().isConnected())
-                isAnyThere = true;
-            else if (gone_.insert(recorded->number()).second)
-                journal_.add(recording::Gone{Journal::now(), recorded->number()});
-        }
-        return isAnyThere;
+        for (std::string const& failure : lookout_.tend())
+            tool_.output().complain(failure);
+        return journal_.failure().empty();
     }
     void end() override {
         journal_.pause();
@@ -244,41 +393,18 @@ public:
     ExitCode outcome() const override { return outcome_; }
 
 private:
-    static Begun begin(Found const& found, Processes const& processes, WrittenClasses& classes,
-                       unsigned int number, Journal& journal) {
-        Begun begun;
-        try {
-            auto const recorded = std::make_shared<Recorded>(found, number, journal);
-            TreflectMetaObject const& meta = classOf(recorded->object());
-            journal.addToHead(recording::Object{number, found.name, meta.name(), classes.add(meta),
-                                                nameOfOwner(processes, found.place.broker)});
-            begun.recorded = recorded;
-            if (!recorded->begin())
-                throw Failure(ExitCode::kTimedOut, "it has not answered that it is observed");
-        } catch (Failure const& why) {
-            begun.outcome = why.outcome();
-            begun.text = why.what();
-        }
-        return begun;
+    void note(std::string const& text, ExitCode outcome) {
+        tool_.output().complain(text);
+        fail(outcome);
     }
-    void note(Found const& object, Answer<Begun> const& answer) {
-        ExitCode const outcome = answer ? answer.value.outcome : ExitCode::kTimedOut;
-        if (answer.value.recorded)
-            recorded_.push_back(answer.value.recorded);
-        if (outcome == ExitCode::kDone)
-            return;
-        tool_.output().complain(object.name + ": " +
-                                (answer ? answer.value.text : "no answer in time"));
-        if (outcome_ == ExitCode::kDone)
-            outcome_ = outcome;
-    }
+    void fail(ExitCode outcome) { outcome_ = outcome_ == ExitCode::kDone ? outcome : outcome_; }
 
     Tool& tool_;
     Events& events_;
     Journal& journal_;
-    std::vector<std::shared_ptr<Recorded>> recorded_;
-    std::set<unsigned int> gone_;
-    ExitCode outcome_;
+    Recorder& recorder_;
+    Lookout& lookout_;
+    ExitCode outcome_ = ExitCode::kDone;
 };
 
 class Record final : public Command {
@@ -299,25 +425,35 @@ public:
         if (limits_.files == 0)
             throw Failure(ExitCode::kWrongUse, "one file is kept at least");
         std::string const& path = words_.front();
-        std::error_code unknown;
-        auto const there = std::filesystem::status(path, unknown).type();
-        if (there == std::filesystem::file_type::regular && !force_)
-            throw Failure(ExitCode::kWrongUse, "\"" + path + "\" is there: --force replaces it");
-        if (there != std::filesystem::file_type::regular &&
-            there != std::filesystem::file_type::not_found)
-            throw Failure(ExitCode::kWrongUse, "\"" + path + "\" is no file");
+        makeRoom(path);
+        Words const words(words_.begin() + 1, words_.end());
         return stayInGroup(settings, output, 0, [&](Tool& tool, Events& events) {
-            ExitCode outcome = ExitCode::kDone;
-            std::vector<Found> const objects = chosen(tool, outcome);
             // Observers and a thread use it to the end of the process.
             if (!journal_)
                 journal_ = new Journal(path, limits_);
-            return std::make_unique<RecordSession>(tool, events, objects, *journal_, lastNumber_,
-                                                   outcome);
+            return std::make_unique<RecordSession>(tool, events, words, *journal_, lastNumber_);
         });
     }
 
 private:
+    /** Earlier recordings go when that is wanted only, those that were put aside, too. */
+    void makeRoom(std::string const& path) const {
+        namespace fs = std::filesystem;
+        std::error_code unknown;
+        for (unsigned int i = 0; i == 0 || (limits_.bytes > 0 && i < limits_.files); ++i) {
+            std::string const name = i == 0 ? path : path + "." + std::to_string(i);
+            auto const there = fs::status(name, unknown).type();
+            if (there == fs::file_type::not_found)
+                continue;
+            if (there != fs::file_type::regular)
+                throw Failure(ExitCode::kWrongUse, "\"" + name + "\" is no file");
+            if (!force_)
+                throw Failure(ExitCode::kWrongUse,
+                              "\"" + name + "\" is there: --force replaces it");
+            if (i > 0)
+                fs::remove(name, unknown);
+        }
+    }
     static std::uint64_t bytesOf(std::string const& text) {
         if (text.empty())
             return 0;
@@ -335,42 +471,6 @@ private:
         if (!isNumber || (!unit.empty() && (unit.size() > 1 || which == std::string::npos)))
             throw Failure(ExitCode::kWrongUse, "\"" + text + "\" is no size: 500K, 64M, 1G");
         return unit.empty() ? bytes : bytes << 10 * (which + 1);
-    }
-
-    std::vector<Found> chosen(Tool& tool, ExitCode& outcome) const {
-        std::vector<Found> objects;
-        std::set<Place> places;
-        auto const add = [&](std::vector<Found> const& found) {
-            for (Found const& one : found) {
-                if (places.insert(one.place).second)
-                    objects.push_back(one);
-            }
-        };
-        if (words_.size() == 1)
-            add(ofClass(tool, "*"));
-        for (std::size_t i = 1; i < words_.size(); ++i) {
-            std::vector<Found> const found = ofClass(tool, words_[i]);
-            add(found.empty() ? tool.objects().findOrComplain(words_[i], tool.output(), outcome)
-                              : found);
-        }
-        if (objects.empty())
-            throw Failure(outcome == ExitCode::kDone ? ExitCode::kNotThere : outcome,
-                          "there are no objects");
-        return objects;
-    }
-    /** What tells of a process is none of its objects. */
-    static std::vector<Found> ofClass(Tool& tool, std::string const& pattern) {
-        std::vector<Found> objects;
-        if (pattern.find('/') != std::string::npos)
-            return objects;
-        Wildcard const wildcard(pattern);
-        Forest const& forest = tool.objects().all();
-        for (auto const& [place, node] : forest.nodes()) {
-            if (node.isReflective && !node.className.empty() &&
-                node.classId != processobject::kClass && wildcard.matches(node.className))
-                objects.push_back({forest.nameOf(place), place});
-        }
-        return objects;
     }
 
     std::vector<std::string> words_;

@@ -140,36 +140,80 @@ private:
         progress_.fail(ExitCode::kRefused);
         tell("difference", call, {{"text", difference}}, ": " + difference);
     }
-    Values made(RecordedCall const& call) const {
-        auto const place = places_.find(call.object);
-        if (place == places_.end())
-            throw Failure(ExitCode::kNotThere, "the object is not there");
+    /** An object may have come, or come anew, by a call of the recording itself. */
+    Values made(RecordedCall const& call) {
         TreflectHandlerState const inside(true);
         TreflectDeadline const within(manner_.patience);
-        TreflectObject const object = handleOn(place->second);
+        bool const isNew = places_.count(call.object) == 0;
+        if (isNew)
+            places_[call.object] = placeNow(call.object);
+        try {
+            return madeAt(places_[call.object], call);
+        } catch (Failure const& why) {
+            if (isNew || why.outcome() != ExitCode::kNotThere)
+                throw;
+        }
+        places_[call.object] = placeNow(call.object);
+        return madeAt(places_[call.object], call);
+    }
+    static Values madeAt(Place place, RecordedCall const& call) {
+        if (!place.isSomewhere())
+            throw Failure(ExitCode::kNotThere, "the object is not there");
+        TreflectObject const object = handleOn(place);
         return callOperation(operationOf(object, call.operation), valuesOf(call.arguments));
     }
+    /** Where an object of that name or identifier is now. */
+    static Place placeNow(std::string const& name) {
+        bool const isName = name[0] == '/';
+        std::size_t end = isName ? name.find('/', 1) : std::string::npos;
+        std::string const root = name.substr(isName, end - isName);
+        TreflectObject object(TipprmiOID(root, NSID_UNIT));
+        while (end != std::string::npos && object.isConnected()) {
+            std::size_t const begin = end + 1;
+            end = name.find('/', begin);
+            object = object.getChild(name.substr(begin, end - begin));
+        }
+        return object.isConnected() ? placeOf(object) : Place();
+    }
     static std::string thenText(RecordedCall const& call) {
-        return call.fate == RecordedCall::Fate::kRefused
-                   ? "was refused"
-                   : valuesText(call.resultTypes, valuesOf(call.results));
+        if (!call.refusal.empty())
+            return call.refusal;
+        std::string const text = valuesText(call.resultTypes, valuesOf(call.results));
+        return text.empty() ? "done" : text;
+    }
+    static std::string nowText(RecordedCall const& call, Values const& results) {
+        std::string const text = valuesText(call.resultTypes, results);
+        return text.empty() ? "done" : text;
     }
     static std::string differenceOf(RecordedCall const& call, Values const& results) {
+        using Kind = Fate::Kind;
+        // Handles on an object and on another one of its name differ, and are shown alike.
         bool const isSame =
-            call.fate == RecordedCall::Fate::kNoEnd ||
-            (call.fate == RecordedCall::Fate::kDone && areEqual(results, call.results));
-        return isSame ? "" : thenText(call) + " then, now " + valuesText(call.resultTypes, results);
+            !call.fate || call.fate->kind == Kind::kEnded ||
+            (call.fate->kind == Kind::kDone &&
+             (areEqual(results, call.results) || thenText(call) == nowText(call, results)));
+        return isSame ? "" : thenText(call) + " then, now " + nowText(call, results);
+    }
+    /** Whether it was refused then in the same way. */
+    static bool isSameRefusal(RecordedCall const& call, Failure const& why) {
+        if (!call.fate || !call.fate->isRefusal())
+            return false;
+        if (call.fate->code == 0)
+            return why.outcome() == ExitCode::kRefused;  // how is not known
+        Failure const then = failureOf(call.fate->code);
+        std::string const now = why.what();
+        return then.outcome() == why.outcome() &&
+               now.substr(0, now.find(',')) == std::string(then.what());
     }
     /** A call that cannot be made is a failure in any case; one that is refused only if it was not
-     * then. Of operations without results that is not known. */
+     * then. */
     std::string differenceOf(RecordedCall const& call, Failure const& why) {
-        bool const isRefused = why.outcome() == ExitCode::kRefused;
-        if (!isRefused)
+        bool const isKnown = call.fate && call.fate->kind != Fate::Kind::kEnded;
+        if (isSameRefusal(call, why))
+            return {};
+        if (isKnown || why.outcome() != ExitCode::kRefused)
             progress_.fail(why.outcome());
-        bool const wasDone = call.fate == RecordedCall::Fate::kDone && !call.resultTypes.empty();
-        if (isRefused && wasDone)
-            progress_.fail(ExitCode::kRefused);
-        return wasDone && manner_.isChecked ? thenText(call) + " then, now " + why.what()
+        return isKnown && manner_.isChecked ? thenText(call) + " then, now " + why.what()
                                             : std::string();
     }
     void tell(char const* event, RecordedCall const& call, Json const& more,
@@ -186,30 +230,30 @@ private:
 
     RecordedCalls const& calls_;
     Manner const manner_;
-    std::map<std::string, Place> const places_;
+    std::map<std::string, Place> places_;
     Progress& progress_;
     Events& events_;
     std::atomic<bool> isStopped_{false};
     std::atomic<bool> isOver_{false};
 };
 
-/** Where the objects of the calls are; those that are not there are left out. */
-std::map<std::string, Place> placesOf(Tool& tool, RecordedCalls const& calls, Progress& progress) {
+/** Where the objects of the calls are; those that are not there yet are left out. */
+std::map<std::string, Place> placesOf(Tool& tool, RecordedCalls const& calls) {
     std::map<std::string, Place> places;
     for (RecordedCall const& call : calls)
         places.emplace(call.object, Place());
+    tool.objects().expect(places.size());
     for (auto at = places.begin(); at != places.end();) {
         try {
             at->second = tool.objects().find(at->first).front().place;
             ++at;
         } catch (Failure const& why) {
-            tool.output().complain(why.what());
-            progress.fail(why.outcome());
+            tool.output().note(why.what());
             at = places.erase(at);
         }
     }
     if (places.empty())
-        throw Failure(progress.outcome, "none of the objects is there");
+        throw Failure(ExitCode::kNotThere, "none of the objects is there");
     return places;
 }
 
@@ -220,8 +264,8 @@ public:
         : events_(events),
           progress_(progress),
           isChecked_(manner.isChecked),
-          player_(std::make_shared<Player>(calls, manner, placesOf(tool, calls, progress), progress,
-                                           events)) {
+          player_(
+              std::make_shared<Player>(calls, manner, placesOf(tool, calls), progress, events)) {
         events.add({"", {{"event", "begun"}, {"calls", calls.size() - progress.next}}});
         std::thread([player = player_] { player->play(); }).detach();
     }
@@ -267,6 +311,8 @@ public:
         // The thread that plays uses them to the end of the process.
         auto& calls = *new RecordedCalls;
         auto& progress = *new Progress;
+        if (Wildcard::isIn(to_))
+            throw Failure(ExitCode::kWrongUse, "--to takes one object, no pattern");
         return stayInGroup(settings, output, 0, [&](Tool& tool, Events& events) {
             if (calls.empty())
                 calls = chosen(output);

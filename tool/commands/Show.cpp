@@ -17,8 +17,8 @@ public:
 
     /** A file is shown without the group. */
     bool stays() const override { return objects_.size() == 1 && isRecording(objects_[0]); }
-    ExitCode stay(Settings const& settings, Output& output) override {
-        return showRecording(objects_[0], settings, output);
+    ExitCode stay(Settings const&, Output& output) override {
+        return showRecording(objects_[0], output);
     }
 
     ExitCode run(Tool& tool) override {
@@ -32,6 +32,10 @@ public:
                 outcome_ = outcome_ == ExitCode::kDone ? why.outcome() : outcome_;
                 all.push_back({{"object", name}, {"error", errorJson(why.outcome(), why.what())}});
             }
+        }
+        if (tool.objects().mayMissAny()) {
+            tool.objects().missing().tell(tool.output());
+            outcome_ = outcome_ == ExitCode::kDone ? ExitCode::kTimedOut : outcome_;
         }
         tool.output().document({{"objects", all}});
         return outcome_;
@@ -64,7 +68,8 @@ private:
             Done const& value = attribute.value;
             facts.add({"attribute", attribute.name,
                        attribute.type + (attribute.writable ? "" : " read-only"),
-                       value.value ? "= " + value.value->text : "? " + value.text, attribute.doc});
+                       value.value ? "= " + value.value->textWithUnit() : "? " + value.text,
+                       attribute.doc});
         }
         output.indented(facts);
         for (Description::Operation const& operation : told.operations)

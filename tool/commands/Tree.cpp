@@ -23,6 +23,7 @@ public:
                     tell(tool, forest, entry.first, forest.nameOf(entry.first));
             }
             tool.objects().missing().tell(tool.output());
+            outcome_ = tool.objects().missing().outcome();
         }
         for (std::string const& name : objects_) {
             try {
@@ -33,6 +34,10 @@ public:
                 outcome_ = outcome_ == ExitCode::kDone ? why.outcome() : outcome_;
                 trees_.push_back({{"name", name}, {"error", errorJson(why.outcome(), why.what())}});
             }
+        }
+        if (tool.objects().mayMissAny()) {
+            tool.objects().missing().tell(tool.output());
+            outcome_ = outcome_ == ExitCode::kDone ? ExitCode::kTimedOut : outcome_;
         }
         tool.output().table(table_);
         tool.output().document({{"trees", trees_}});

@@ -39,7 +39,7 @@ public:
         tool.output().table(table);
         missing.tell(tool.output());
         tool.output().document({{"calls", all}, {"missing", missing.json()}});
-        return ExitCode::kDone;
+        return missing.outcome();
     }
 
 private:
@@ -71,7 +71,7 @@ public:
             all.back()["inCycle"] = isIn(cycles, call);
         }
         tool.output().document({{"waits", all}, {"cycles", cycles}, {"missing", missing.json()}});
-        return ExitCode::kDone;
+        return missing.outcome();
     }
 
 private:

@@ -86,13 +86,14 @@ enum Method : unsigned int { kGetTotal = 0x15FE0000, kGetFree = 0x15FE0001 };
 
 }  // namespace memory
 
-/** Main memory, in bytes. */
+/** Main memory. */
 class MemoryClient : public WatchedPartClient {
 public:
     using WatchedPartClient::WatchedPartClient;
 
+    /** In bytes. */
     TipprmiResult<std::uint64_t> getTotal() const;
-    /** What programs can still have, caches that would give way included. */
+    /** Bytes that programs can still have, caches that would give way included. */
     TipprmiResult<std::uint64_t> getFree() const;
 };
 
@@ -103,12 +104,14 @@ enum Method : unsigned int { kGetTotal = 0x717E0000, kGetFree = 0x717E0001 };
 
 }  // namespace disk
 
-/** A mounted file system, in bytes. */
+/** A mounted file system. */
 class DiskClient : public WatchedPartClient {
 public:
     using WatchedPartClient::WatchedPartClient;
 
+    /** In bytes. */
     TipprmiResult<std::uint64_t> getTotal() const;
+    /** In bytes. */
     TipprmiResult<std::uint64_t> getFree() const;
 };
 
@@ -124,8 +127,9 @@ class NetworkInterfaceClient : public PartClient {
 public:
     using PartClient::PartClient;
 
-    /** Since the interface came up. */
+    /** Bytes since the interface came up. */
     TipprmiResult<std::uint64_t> getReceivedBytes() const;
+    /** Bytes since the interface came up. */
     TipprmiResult<std::uint64_t> getSentBytes() const;
 };
 
@@ -249,8 +253,9 @@ inline TreflectMetaClass const memoryMeta(
     {{"getTotal", memory::kGetTotal, {}, {"uint64"}},
      {"getFree", memory::kGetFree, {}, {"uint64"}}},
     {"Total", "Free"}, {},
-    {"Main memory, in bytes.",
-     {{"Free", "What programs can still have, caches that would give way included."}}});
+    {"Main memory.",
+     {{"Total", "In bytes."},
+      {"Free", "Bytes that programs can still have, caches that would give way included."}}});
 
 /** What a server object of the class Memory derives from and fills in. */
 class MemorySkeleton : public TreflectSkeleton<memoryMeta, WatchedPartSkeleton> {
@@ -269,7 +274,9 @@ inline TreflectMetaClass const diskMeta(
     {{"getTotal", disk::kGetTotal, {}, {"uint64"}},
      {"getFree", disk::kGetFree, {}, {"uint64"}}},
     {"Total", "Free"}, {},
-    {"A mounted file system, in bytes."});
+    {"A mounted file system.",
+     {{"Total", "In bytes."},
+      {"Free", "In bytes."}}});
 
 /** What a server object of the class Disk derives from and fills in. */
 class DiskSkeleton : public TreflectSkeleton<diskMeta, WatchedPartSkeleton> {
@@ -289,7 +296,8 @@ inline TreflectMetaClass const networkInterfaceMeta(
      {"getSentBytes", networkInterface::kGetSentBytes, {}, {"uint64"}}},
     {"ReceivedBytes", "SentBytes"}, {},
     {"",
-     {{"ReceivedBytes", "Since the interface came up."}}});
+     {{"ReceivedBytes", "Bytes since the interface came up."},
+      {"SentBytes", "Bytes since the interface came up."}}});
 
 /** What a server object of the class NetworkInterface derives from and fills in. */
 class NetworkInterfaceSkeleton : public TreflectSkeleton<networkInterfaceMeta, PartSkeleton> {

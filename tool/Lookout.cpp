@@ -1,0 +1,250 @@
+#include "Lookout.h"
+
+#include <handler_threads.h>
+
+#include <algorithm>
+#include <future>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+constexpr int kMostFailures = 3;
+
+}  // namespace
+
+Lookout::Lookout(Tool& tool, Attendant& attendant)
+    : tool_(tool),
+      attendant_(attendant),
+      orb_(*TreflectORB::getInstance(NSID_UNIT)),
+      classes_(*new ClassFollower(
+          orb_, ClassFollower::Present::kKnown,
+          [this](TreflectObject const& object, std::string const&) { created(object); },
+          [this](TreflectObject const& object, std::string const&) { deleted(placeOf(object)); })),
+      brokers_(*new BrokerFollower) {}
+
+std::vector<Begun> Lookout::start(Targets const& targets) {
+    constexpr std::chrono::seconds kMoment(1);  // who hangs holds up what is registered
+    std::vector<Begun> all;
+    for (Answer<Begun> const& answer : beginAll(targets, Attendant::Comes::kAtFirst)) {
+        all.push_back(answer.value);
+        if (!answer)
+            all.back() = {nullptr, ExitCode::kTimedOut, "no answer in time"};
+    }
+    {
+        TreflectHandlerState const inside(true);
+        orb_.registerOrbCreation(&brokers_, false);
+        orb_.registerOrbDeletion(&brokers_);
+    }
+    classes_.followClassesOf(tool_.asking(), tool_.processes(),
+                             [this](auto const& name) { return attendant_.concerns(name); });
+    wasPending_ = !classes_.awaitRegistrations(kMoment);
+    lookAfter({});  // for what has come meanwhile
+    return all;
+}
+
+std::vector<std::string> Lookout::tend() {
+    constexpr std::chrono::seconds kWhileDeaf(2);
+    takeBrokers();
+    bool const isPending = !classes_.awaitRegistrations({});
+    if (wasPending_ != isPending)
+        lookAfter({});
+    wasPending_ = isPending;
+    if (!looks_.empty() && Clock::now() >= *looks_.begin()) {
+        looks_.erase(looks_.begin(), looks_.upper_bound(Clock::now()));
+        look();
+        // Of what comes nobody is told as long as somebody else hangs.
+        if (isPending)
+            lookAfter(kWhileDeaf);
+    }
+    reap();
+    TreflectHandlerState const inside(true);
+    if (std::exchange(wantsLook_, false))
+        lookAfter(std::chrono::seconds(1));
+    return std::exchange(failures_, {});
+}
+
+void Lookout::lookAfter(std::chrono::milliseconds time) {
+    looks_.insert(Clock::now() + time);
+}
+
+// ---- What others tell --------------------------------------------------------------------------
+
+/** Who announces the object waits for this. It is attended to by another thread, since the object
+ * may not be able to answer before that: then nobody waits, and soon not even for a moment. */
+void Lookout::created(TreflectObject const& object) {
+    constexpr std::chrono::seconds kMoment(1);
+    Newcomer const newcomer(object);
+    if (isKnown(newcomer.place))
+        return;
+    auto const done = std::make_shared<std::promise<void>>();
+    try {
+        std::thread([this, newcomer, done] {
+            TreflectHandlerState const inside(true);
+            TreflectDeadline const within(tool_.settings().patience());
+            attend(newcomer);
+            done->set_value();
+        }).detach();
+    } catch (std::system_error const&) {
+        wantsLook_ = true;
+        return;
+    }
+    if (slow_.count(newcomer.place.broker) != 0)
+        return;
+    bool isDone = false;
+    {
+        TreflectReleaseHandlerState const outside;
+        isDone = done->get_future().wait_for(kMoment) == std::future_status::ready;
+    }
+    if (!isDone)
+        slow_.insert(newcomer.place.broker);
+}
+
+void Lookout::attend(Newcomer const& newcomer) {
+    try {
+        for (Target const& target : attendant_.matching(newcomer))
+            begin(target, Attendant::Comes::kLater);
+    } catch (Failure const&) {
+        wantsLook_ = true;
+    }
+}
+
+void Lookout::deleted(Place place) {
+    for (auto& [key, entry] : entries_) {
+        if (key.first == place)
+            end(entry);
+    }
+}
+
+void Lookout::end(Entry& entry) {
+    if (entry.isGone)
+        return;
+    entry.isGone = true;
+    entry.goneAt = Clock::now();
+    if (entry.attended)
+        attendant_.gone(entry.target);
+}
+
+bool Lookout::isKnown(Place place) const {
+    auto const first = entries_.lower_bound({place, {}});
+    return first != entries_.end() && first->first.first == place;
+}
+
+void Lookout::takeBrokers() {
+    constexpr std::chrono::milliseconds kFirstLooks[] = {
+        std::chrono::milliseconds(100), std::chrono::seconds(1), std::chrono::seconds(5)};
+    TreflectHandlerState const inside(true);
+    for (BrokerFollower::Change const& change : brokers_.take()) {
+        unsigned int const broker = orb_.convertId(change.broker).value();
+        slow_.erase(broker);
+        for (auto& [key, entry] : entries_) {
+            if (!change.isThere && key.first.broker == broker)
+                end(entry);
+        }
+        if (!change.isThere)
+            continue;
+        // It may have objects later than it is there.
+        for (std::chrono::milliseconds const time : kFirstLooks)
+            lookAfter(time);
+    }
+}
+
+// ---- Beginning ---------------------------------------------------------------------------------
+
+/** Of those that are known, too, what has come of them, unless another thread is at it. */
+Begun Lookout::begin(Target const& target, Attendant::Comes when) {
+    Entry& entry = entries_[{target.object.place, target.member}];
+    if (entry.isBusy || entry.isGone || entry.attended || entry.failures == kMostFailures)
+        return {entry.attended};
+    entry.isBusy = true;
+    entry.target = target;
+    Begun begun;
+    try {
+        begun = attendant_.begin(target, when);
+    } catch (Failure const& why) {
+        begun.outcome = why.outcome();
+        begun.text = why.what();
+    }
+    entry.isBusy = false;
+    entry.attended = begun.attended;
+    if (begun.outcome == ExitCode::kDone)
+        entry.failures = begun.attended ? entry.failures : kMostFailures;
+    else
+        noteFailure(entry, begun, when);
+    return begun;
+}
+
+/** Of one that comes later it is told in the end, of the others at once. */
+void Lookout::noteFailure(Entry& entry, Begun const& begun, Attendant::Comes when) {
+    bool const isFinal = begun.attended || ++entry.failures == kMostFailures;
+    wantsLook_ = wantsLook_ || !isFinal;
+    if (isFinal && when == Attendant::Comes::kLater && !entry.isGone)
+        failures_.push_back(entry.target.object.name + ": " + begun.text);
+}
+
+std::vector<Answer<Begun>> Lookout::beginAll(Targets const& targets, Attendant::Comes when) {
+    std::vector<TreflectOrbId> brokers;
+    for (Target const& target : targets)
+        brokers.emplace_back(target.object.place.broker);
+    return tool_.asking().each<Begun>(brokers, [this, targets, when](std::size_t number) {
+        return std::optional(begin(targets[number], when));
+    });
+}
+
+void Lookout::look() {
+    constexpr std::chrono::minutes kHope(1);
+    if (Clock::now() >= hopeAt_)
+        tool_.asking().hopeAgain();
+    tool_.lookAgain();
+    classes_.followClassesOf(tool_.asking(), tool_.processes(),
+                             [this](auto const& name) { return attendant_.concerns(name); });
+    Targets unknown;
+    try {
+        unknown = attendant_.find(tool_);
+    } catch (Failure const&) {
+        return;
+    }
+    bool const isAnySilent = tool_.objects().missing().isAnySilent();
+    hopeAt_ = isAnySilent ? Clock::now() + kHope : Clock::time_point::max();
+    if (isAnySilent)
+        lookAfter(kHope);
+    {
+        TreflectHandlerState const inside(true);
+        auto const isBegun = [this](Target const& target) {
+            auto const found = entries_.find({target.object.place, target.member});
+            return found != entries_.end() &&
+                   (found->second.attended || found->second.failures == kMostFailures);
+        };
+        unknown.erase(std::remove_if(unknown.begin(), unknown.end(), isBegun), unknown.end());
+    }
+    beginAll(unknown, Attendant::Comes::kLater);
+}
+
+/** Lets go of what has gone for a while; to end a watch its object's process may be asked. */
+void Lookout::reap() {
+    constexpr std::chrono::seconds kWhile(2);
+    std::vector<TreflectOrbId> brokers;
+    std::vector<std::shared_ptr<void>> over;
+    {
+        TreflectHandlerState const inside(true);
+        for (auto at = entries_.begin(); at != entries_.end();) {
+            Entry& entry = at->second;
+            if (!entry.isGone || entry.isBusy || Clock::now() - entry.goneAt < kWhile) {
+                ++at;
+                continue;
+            }
+            if (entry.attended) {
+                brokers.emplace_back(at->first.first.broker);
+                over.push_back(std::move(entry.attended));
+            }
+            at = entries_.erase(at);
+        }
+    }
+    if (over.empty())
+        return;
+    auto const shared = std::make_shared<std::vector<std::shared_ptr<void>>>(std::move(over));
+    tool_.asking().each<bool>(brokers, [shared](std::size_t number) {
+        (*shared)[number].reset();
+        return std::optional(true);
+    });
+}
