@@ -78,6 +78,6 @@ std::vector<Done> useMembers(Tool& tool, std::vector<std::string> const& paths, 
 std::vector<Done> useMember(Asking& asking, std::vector<Found> const& objects,
                             std::string const& member, Use const& use);
 
-/** Writes what has been done: values, failures. The first failure counts; also that somebody has not
- * answered who may have objects that a pattern means. */
+/** Writes what has been done: values, failures. The first failure counts; also that somebody has
+ * not answered who may have objects that a pattern means. */
 ExitCode tellDone(Tool& tool, std::vector<Done> const& done, bool withPaths, char const* listName);

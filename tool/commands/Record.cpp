@@ -243,7 +243,8 @@ public:
                 for (Found const& one : tool.objects().find(word))
                     found.emplace(one.place, one);
             } catch (Failure const& why) {
-                if (!isOpen(word) || why.outcome() != ExitCode::kNotThere)
+                bool const mayCome = isOpen(word) || isClass(tool, word);
+                if (!mayCome || why.outcome() != ExitCode::kNotThere)
                     failures.push_back(why);
             }
         }
@@ -310,6 +311,17 @@ private:
             isAny = true;
         }
         return isAny;
+    }
+    /** Whether there may be objects of a class, though there are none now. */
+    static bool isClass(Tool& tool, std::string const& name) {
+        using Known = std::vector<processobject::KnownClass>;
+        auto const answers = askProcessObjects<Known>(
+            tool.asking(), tool.processes(),
+            [](TreflectProcessClient const& client) { return valueOf(client.classes()); });
+        return std::any_of(answers.begin(), answers.end(), [&](Answer<Known> const& answer) {
+            return std::any_of(answer.value.begin(), answer.value.end(),
+                               [&](auto const& known) { return known.name == name; });
+        });
     }
     std::string processOf(Place place) {
         if (!ownerOf(processes_, place.broker))

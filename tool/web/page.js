@@ -654,11 +654,13 @@ get('calls-stop').addEventListener('click', () => listen({calls: ''}));
 function paintCalls() {
     get('calls-list').replaceChildren(...calls.map(call => {
         const time = call.time ? new Date(call.time / 1000).toISOString().slice(11, 23) : '';
-        const isBad = call.event === 'lost' || call.fate === 'refused';
+        const isBad = call.event === 'lost' || Boolean(call.error);
         const what = call.event === 'lost' ? (call.count || 'some') + ' calls were missed'
             : call.object + '/' + call.member +
               (call.event === 'call' ? '(' + call.arguments.map(text).join(', ') + ')'
-                                     : ' \u2192 ' + (call.results.map(text).join(', ') || call.fate));
+                                     : ' \u2192 ' + (call.results.map(text).join(', ') ||
+                                                    (call.error ? call.error.text : call.fate))) +
+              (call.caller ? '  by ' + call.caller : '');
         return make('li', {class: isBad && 'bad'}, make('time', {}, time), what);
     }));
 }
