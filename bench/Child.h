@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <boost/noncopyable.hpp>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -9,12 +10,10 @@
 namespace bench {
 
 /** A folder of its own for one measurement. */
-class TemporaryFolder {
+class TemporaryFolder : boost::noncopyable {
 public:
     TemporaryFolder();
     ~TemporaryFolder();
-    TemporaryFolder(TemporaryFolder const&) = delete;
-    TemporaryFolder& operator=(TemporaryFolder const&) = delete;
 
     std::string const& path() const { return path_; }
 
@@ -23,13 +22,11 @@ private:
 };
 
 /** A copy of this program with other arguments; dies with its parent. */
-class Child {
+class Child : boost::noncopyable {
 public:
     /** `processor`: the only one it may run on; below 0 any. */
     explicit Child(std::vector<std::string> const& arguments, int processor = -1);
     ~Child();
-    Child(Child const&) = delete;
-    Child& operator=(Child const&) = delete;
 
     pid_t pid() const { return pid_; }
     void writeLine(std::string const& line);

@@ -36,7 +36,7 @@ struct Answer {
     double third = 0;
 };
 
-class Members {
+class Members : boost::noncopyable {
 public:
     explicit Members(int count) {
         for (int i = 0; i < count; ++i)
@@ -49,8 +49,6 @@ public:
         for (auto const& member : members_)
             member->waitForEnd();
     }
-    Members(Members const&) = delete;
-    Members& operator=(Members const&) = delete;
 
     std::size_t size() const { return members_.size(); }
     void start() {

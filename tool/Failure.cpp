@@ -2,24 +2,13 @@
 
 #include <ipprmi.h>
 
+#include <iterator>
+
 char const* nameOf(ExitCode outcome) {
-    switch (outcome) {
-        case ExitCode::kDone:
-            return "done";
-        case ExitCode::kRefused:
-            return "refused";
-        case ExitCode::kWrongUse:
-            return "wrong-use";
-        case ExitCode::kNotThere:
-            return "not-there";
-        case ExitCode::kVetoed:
-            return "vetoed";
-        case ExitCode::kTimedOut:
-            return "timed-out";
-        case ExitCode::kNoAccess:
-            return "no-access";
-    }
-    return "";
+    constexpr char const* kNames[] = {"done",   "refused",   "wrong-use", "not-there",
+                                      "vetoed", "timed-out", "no-access"};
+    static_assert(std::size(kNames) == static_cast<std::size_t>(ExitCode::kNoAccess) + 1);
+    return kNames[static_cast<std::size_t>(outcome)];
 }
 
 Failure failureOf(unsigned int code, std::string const& refusal) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <boost/noncopyable.hpp>
 #include <condition_variable>
 #include <cstdio>
 #include <iostream>
@@ -29,7 +30,7 @@ enum Kind : std::uint64_t { Hello, Welcome, Ping, Pong, SlowPing, SlowPong, Data
 constexpr std::size_t kRun = 64;
 constexpr std::chrono::milliseconds kPause(15);
 
-class Bare final : public Link::BusListener {
+class Bare final : private boost::noncopyable, public Link::BusListener {
 public:
     explicit Bare(unsigned char slot) {
         own_.epoch = std::uint64_t{slot} + 1;
@@ -45,8 +46,6 @@ public:
         change([this] { ends_ = true; });
         slow_.join();
     }
-    Bare(Bare const&) = delete;
-    Bare& operator=(Bare const&) = delete;
 
     bool meet() {
         if (bus_ == nullptr || !bus_->announce())

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -50,6 +51,10 @@ double result(std::string const& what) {
 void show(std::string const& what) {
     std::printf("  %-60s %12.2f\n", what.c_str(), result(what));
     std::fflush(stdout);
+}
+void showAll(std::initializer_list<char const*> whats) {
+    for (char const* const what : whats)
+        show(what);
 }
 
 int missed = 0;
@@ -212,9 +217,8 @@ void calls() {
              call(machines.one, machines.one, "threads64")["calls_per_s"]);
     }
     std::printf("\nCalls: medians of %d runs in turn\n", kRounds);
-    for (char const* what : {"engine, round trip, us", "links, call, us", "one machine, call, us",
-                             "links, 64 callers, calls/s", "one machine, 64 callers, calls/s"})
-        show(what);
+    showAll({"engine, round trip, us", "links, call, us", "one machine, call, us",
+             "links, 64 callers, calls/s", "one machine, 64 callers, calls/s"});
     atMost(2.5, "call over the links / round trip of the engine",
            result("links, call, us") / result("engine, round trip, us"));
     atLeast(std::min(60'000.0, 0.5 * result("one machine, 64 callers, calls/s")),
@@ -301,10 +305,9 @@ void faults() {
         numberFrom(*watcher, "lose 0");
     }
     std::printf("\nFaults\n");
-    for (char const* what : {"death of a process told after, ms", "a cable pulled told after, ms",
-                             "its return told after, ms", "death of a machine told after, ms",
-                             "a link started again told after, ms"})
-        show(what);
+    showAll({"death of a process told after, ms", "a cable pulled told after, ms",
+             "its return told after, ms", "death of a machine told after, ms",
+             "a link started again told after, ms"});
     atMost(100, "death of a process, ms", result("death of a process told after, ms"));
     atMost(1500, "death of a machine, ms", result("death of a machine told after, ms"));
     atMost(1000, "return of the network, ms", result("its return told after, ms"));
@@ -387,12 +390,10 @@ void cost() {
     double const end = bench::moment();
     kill(many->pid(), SIGKILL);
     note("1,000 terminations go, told after, ms", after(end, *watcher, "lose 0"));
-    for (char const* what :
-         {"idle, processor time in 10 s, ms", "idle, clock ticks of 10 ms in 10 s",
-          "idle, resident MB", "idle, threads", "1,000 terminations come, told after, ms",
-          "1,000 terminations go, told after, ms", "1,000 proxies, resident MB",
-          "1,000 proxies, threads"})
-        show(what);
+    showAll({"idle, processor time in 10 s, ms", "idle, clock ticks of 10 ms in 10 s",
+             "idle, resident MB", "idle, threads", "1,000 terminations come, told after, ms",
+             "1,000 terminations go, told after, ms", "1,000 proxies, resident MB",
+             "1,000 proxies, threads"});
     atMost(0, "idle, clock ticks in 10 s", result("idle, clock ticks of 10 ms in 10 s"));
     atMost(12, "idle, resident MB", result("idle, resident MB"));
     atMost(40, "1,000 proxies, resident MB", result("1,000 proxies, resident MB"));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/noncopyable.hpp>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,12 +13,10 @@ namespace bench {
  * Machines that are network namespaces of this one, numbered from 1, each with a cable to a bridge
  * in a namespace of its own. Their addresses are known in there only. Needs root. A resource.
  */
-class Network {
+class Network : boost::noncopyable {
 public:
     explicit Network(int machines);
     ~Network();
-    Network(Network const&) = delete;
-    Network& operator=(Network const&) = delete;
 
     /** Whether all of it could be made. */
     bool made() const { return made_; }
@@ -39,12 +38,10 @@ private:
 };
 
 /** One of them: its rendezvous folder, its link, and programs that run on it. */
-class Machine {
+class Machine : boost::noncopyable {
 public:
     Machine(Network const& network, int slot);
     ~Machine();
-    Machine(Machine const&) = delete;
-    Machine& operator=(Machine const&) = delete;
 
     /** A copy of this program that does `words` there: see `enterMachine`. */
     std::unique_ptr<Child> run(std::vector<std::string> const& words) const;

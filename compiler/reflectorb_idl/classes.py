@@ -1,6 +1,7 @@
 """What an interface is in C++: its codes, its table, the skeleton and the client class."""
 from . import members
 from .names import INHERITED, capital, escaped
+from .part import Part
 from .scopes import results
 from .writer import WIDTH, plain
 
@@ -8,11 +9,9 @@ _KIND = "TreflectMetaClass::Attribute::"
 _DISPATCH = "(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,"
 
 
-class Classes:
+class Classes(Part):
     def __init__(self, generator):
-        self._all = generator.all
-        self._scopes = generator.scopes
-        self._types = generator.types
+        super().__init__(generator)
         self._plain = generator.plain
         self._declared_tables = set()
 
@@ -64,10 +63,7 @@ class Classes:
         return [base for base in self._all.bases(entry) if base not in inherited]
 
     def _client_functions(self, out, entry, scope):
-        functions = members.all_of_class(self._all, entry)
-        if functions:
-            out.blank()
-        for member in functions:
+        for member in self._listed(out, entry):
             out.doc(member.doc)
             hidden = self._hidden(entry, member)
             result = self.client_result(member, scope, hidden)
@@ -76,6 +72,13 @@ class Classes:
                 self._parameters(member, scope, hidden),
                 ") const;",
             )
+
+    def _listed(self, out, entry):
+        """The functions of a class, which stand in it behind an empty line."""
+        functions = members.all_of_class(self._all, entry)
+        if functions:
+            out.blank()
+        return functions
 
     def _hidden(self, entry, member):
         return (
@@ -241,9 +244,7 @@ class Classes:
         out.class_head(place[-1], "TreflectSkeleton<%s>" % ", ".join(arguments))
         out.label("public:")
         out.line("using TreflectSkeleton::TreflectSkeleton;")
-        functions = members.all_of_class(self._all, entry)
-        if functions:
-            out.blank()
+        functions = self._listed(out, entry)
         for member in functions:
             hidden = self._hidden(entry, member)
             result = self.server_result(member, scope, hidden)

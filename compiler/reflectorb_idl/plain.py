@@ -1,16 +1,12 @@
 """Structs, exceptions, enums, typedefs and constants in C++."""
 from .names import escaped
+from .part import Part
 from .writer import WIDTH, plain
 
 _ESCAPES = {9: "\\t", 10: "\\n", 13: "\\r"}
 
 
-class Plain:
-    def __init__(self, generator):
-        self._all = generator.all
-        self._scopes = generator.scopes
-        self._types = generator.types
-
+class Plain(Part):
     # ---- Declarations --------------------------------------------------------------------------
 
     def struct(self, out, entry):

@@ -5,14 +5,13 @@ its value, with the discriminator ahead of it where several mean this case. Numb
 discriminator that follows means no case.
 """
 from .cases import cases_of
+from .part import Part
 from .writer import plain
 
 
-class Unions:
+class Unions(Part):
     def __init__(self, generator):
-        self._all = generator.all
-        self._scopes = generator.scopes
-        self._types = generator.types
+        super().__init__(generator)
         self._plain = generator.plain
 
     # ---- Declaration ---------------------------------------------------------------------------

@@ -12,10 +12,16 @@ set -euo pipefail
 build=${1:-build/release}
 programs=$build/examples/machine
 link=$build/platform/transport/link/reflectorb-link
-patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine needs less
-names=(none one two three)    # by slot
+names=(none one two three) # by slot
 
-work=$(mktemp -d)
+clean_up() {
+    exec 2>/dev/null # the shell tells of each that was killed
+    # shellcheck disable=SC2086  # those that are there
+    kill_all $panel_pid $screen_pid "${machine_pids[@]}" "${link_pids[@]}"
+    [[ -z $made_namespaces ]] || delete_network
+}
+# shellcheck source=demo-functions.sh
+. "$(dirname "$0")/demo-functions.sh"
 shown=$work/panel.log
 declare -a link_pids machine_pids
 panel_pid='' screen_pid=''
@@ -23,21 +29,6 @@ namespaces=''       # not empty: they are the machines
 made_namespaces='' # not empty: some may be there, whether they are the machines or not
 
 space() { echo "reflectorb-demo-$$-$1"; }
-
-clean_up() {
-    local pid slot
-    exec 2>/dev/null # the shell tells of each that was killed
-    for pid in $panel_pid $screen_pid "${machine_pids[@]}" "${link_pids[@]}"; do
-        kill -KILL "$pid" 2>/dev/null || true
-    done
-    wait 2>/dev/null || true
-    [[ -z $made_namespaces ]] || delete_network
-    rm -rf "$work"
-}
-trap clean_up EXIT
-trap 'exit 1' INT TERM
-
-say() { printf '\n--- %s\n' "$*"; }
 
 fail() {
     say "demo: FAILED: $*"
@@ -128,9 +119,7 @@ panel_shows() {
 }
 
 # ---- The demo ----------------------------------------------------------------------------------
-for program in "$programs/machine" "$programs/panel" "$link"; do
-    [[ -x $program ]] || fail "not built: $program"
-done
+need_programs "$programs/machine" "$programs/panel" "$link"
 
 if make_network; then
     namespaces=yes

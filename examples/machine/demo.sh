@@ -16,26 +16,17 @@ programs=$build/examples/machine
 tool=$build/tool/reflectorb
 read -r -a runner <<<"${DEMO_RUNNER:-}"
 refreshes=8
-patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine needs less
 
 # ---- A folder of our own, in which the two find each other, and its end ------------------------
-work=$(mktemp -d)
+clean_up() {
+    # shellcheck disable=SC2086  # those that are there
+    kill_all $tool_pid $worker_pid $panel_pid $machine_pid
+}
+# shellcheck source=demo-functions.sh
+. "$(dirname "$0")/demo-functions.sh"
 export TRANSPORT_DIR=$work/rendezvous
 export REFLECTORB_PROCESS_OBJECT=1 # they tell what they are
 machine_pid='' panel_pid='' worker_pid='' tool_pid=''
-
-clean_up() {
-    local pid
-    for pid in $tool_pid $worker_pid $panel_pid $machine_pid; do
-        kill -KILL "$pid" 2>/dev/null || true
-    done
-    wait 2>/dev/null || true
-    rm -rf "$work"
-}
-trap clean_up EXIT
-trap 'exit 1' INT TERM
-
-say() { printf '\n--- %s\n' "$*"; }
 
 fail() {
     say "demo: FAILED: $*"
@@ -108,9 +99,7 @@ end_tool() {
 }
 
 # ---- The demo ----------------------------------------------------------------------------------
-for program in "$programs/machine" "$programs/panel" "$tool"; do
-    [[ -x $program ]] || fail "not built: $program"
-done
+need_programs "$programs/machine" "$programs/panel" "$tool"
 
 say "starting the actor machine, process one"
 start_machine

@@ -9,34 +9,42 @@ bool isOne(std::vector<std::string> const& paths) {
     return paths.size() == 1 && !Wildcard::isIn(paths.front());
 }
 
-class Get final : public Command {
+/** Its words begin with a member of an object, or several. */
+class OfMembers : public Command {
 public:
-    Get() : Command("get", "Show values of attributes") {}
+    void declare(Options& options) final { options.words(what_, words_, true, usage_); }
 
-    void declare(Options& options) override {
-        options.words("attribute", paths_, true, "OBJECT/ATTRIBUTE...");
-    }
+protected:
+    OfMembers(char const* name, char const* help, char const* what, char const* usage)
+        : Command(name, help), what_(what), usage_(usage) {}
+
+    std::vector<std::string> words_;
+
+private:
+    char const* const what_;
+    char const* const usage_;
+};
+
+class Get final : public OfMembers {
+public:
+    Get() : OfMembers("get", "Show values of attributes", "attribute", "OBJECT/ATTRIBUTE...") {}
+
     ExitCode run(Tool& tool) override {
         auto const done =
-            useMembers(tool, paths_, Kind::kAttributes,
+            useMembers(tool, words_, Kind::kAttributes,
                        [](TreflectObject const& object, std::string const& name) {
                            return std::optional(readAttribute(attributeOf(object, name)));
                        });
-        return tellDone(tool, done, !isOne(paths_), "values");
+        return tellDone(tool, done, !isOne(words_), "values");
     }
-
-private:
-    std::vector<std::string> paths_;
 };
 
-class Set final : public Command {
+class Set final : public OfMembers {
 public:
-    Set() : Command("set", "Change values of attributes") {}
+    Set()
+        : OfMembers("set", "Change values of attributes", "attribute",
+                    "OBJECT/ATTRIBUTE... VALUE: the last word is the value, for all of them") {}
 
-    void declare(Options& options) override {
-        options.words("attribute", words_, true,
-                      "OBJECT/ATTRIBUTE... VALUE: the last word is the value, for all of them");
-    }
     ExitCode run(Tool& tool) override {
         if (words_.size() < 2)
             throw Failure(ExitCode::kWrongUse, "set needs OBJECT/ATTRIBUTE and VALUE");
@@ -51,18 +59,13 @@ public:
             });
         return tellDone(tool, done, true, "values");
     }
-
-private:
-    std::vector<std::string> words_;
 };
 
-class Call final : public Command {
+class Call final : public OfMembers {
 public:
-    Call() : Command("call", "Call an operation") {}
+    Call()
+        : OfMembers("call", "Call an operation", "operation", "OBJECT/OPERATION [ARGUMENT]...") {}
 
-    void declare(Options& options) override {
-        options.words("operation", words_, true, "OBJECT/OPERATION [ARGUMENT]...");
-    }
     ExitCode run(Tool& tool) override {
         std::vector<std::string> const paths{words_.front()};
         std::vector<std::string> const arguments(words_.begin() + 1, words_.end());
@@ -75,9 +78,6 @@ public:
             });
         return tellDone(tool, done, !isOne(paths), "calls");
     }
-
-private:
-    std::vector<std::string> words_;
 };
 
 }  // namespace

@@ -152,23 +152,20 @@ class _Writer:
         entry["contents"] = self.declarations(decl.contents())
         return [entry]
 
-    def _Forward(self, decl):
+    def _forward(self, decl, of):
         entry = self._entry("forward", decl)
-        entry["of"] = "interface"
+        entry["of"] = of
         entry["defined"] = decl.fullDecl() is not None
         return [entry]
+
+    def _Forward(self, decl):
+        return self._forward(decl, "interface")
 
     def _StructForward(self, decl):
-        entry = self._entry("forward", decl)
-        entry["of"] = "struct"
-        entry["defined"] = decl.fullDecl() is not None
-        return [entry]
+        return self._forward(decl, "struct")
 
     def _UnionForward(self, decl):
-        entry = self._entry("forward", decl)
-        entry["of"] = "union"
-        entry["defined"] = decl.fullDecl() is not None
-        return [entry]
+        return self._forward(decl, "union")
 
     def _constructed(self, decl, idl):
         """A type that is declared in place comes ahead of its user."""

@@ -56,11 +56,17 @@ std::string partitionOf(unsigned char slot) {
     return "slot" + std::to_string(unsigned{slot});
 }
 
-/** One instance of each unit, which those who come later are told of, too. */
-Qos unitQos(std::string const& partition) {
+/** Nothing is lost; who writes is held up for so long when there is no room. */
+Qos reliableQos(std::string const& partition, dds_duration_t patience) {
     Qos qos(dds_create_qos());
     dds_qset_partition1(qos.get(), partition.c_str());
-    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, patience);
+    return qos;
+}
+
+/** One instance of each unit, which those who come later are told of, too. */
+Qos unitQos(std::string const& partition) {
+    Qos qos = reliableQos(partition, DDS_SECS(1));
     dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
     dds_qset_liveliness(qos.get(), DDS_LIVELINESS_AUTOMATIC, DDS_SECS(1));
@@ -69,9 +75,7 @@ Qos unitQos(std::string const& partition) {
 
 /** Every piece, in order. */
 Qos inboxQos(std::string const& partition) {
-    Qos qos(dds_create_qos());
-    dds_qset_partition1(qos.get(), partition.c_str());
-    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(10));
+    Qos qos = reliableQos(partition, DDS_SECS(10));
     dds_qset_durability(qos.get(), DDS_DURABILITY_VOLATILE);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
     return qos;
