@@ -28,6 +28,11 @@ if(REFLECTORB_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
     set(REFLECTORB_TIMEOUT_FACTOR 4)
 endif()
 
+# ctest starts the costliest first: those that judge times or sleep for a minute, then those that
+# compute for long, lest they are left over when nothing else is to be done beside them.
+set(REFLECTORB_FIRST_COST 1000)
+set(REFLECTORB_LONG_COST 500)
+
 macro(_reflectorb_parse_test_arguments)
     cmake_parse_arguments(PARSE_ARGV 1 arg
         "SERIAL;BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
@@ -88,10 +93,9 @@ function(reflectorb_test name)
     if(CMAKE_CROSSCOMPILING_EMULATOR AND "native" IN_LIST arg_LABELS)
         return()
     endif()
-    # What sleeps for a minute is started first, beside all others.
     set(cost 0)
     if("long" IN_LIST arg_LABELS)
-        set(cost 1000)
+        set(cost ${REFLECTORB_FIRST_COST})
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
