@@ -77,6 +77,7 @@ void Lookout::created(TreflectObject const& object) {
     Newcomer const newcomer(object);
     if (isKnown(newcomer.place))
         return;
+    makeRoomFor(newcomer.place);
     auto const done = std::make_shared<std::promise<void>>();
     try {
         std::thread([this, newcomer, done] {
@@ -104,7 +105,7 @@ void Lookout::attend(Newcomer const& newcomer) {
     try {
         for (Target const& target : attendant_.matching(newcomer))
             begin(target, Attendant::Comes::kLater);
-    } catch (Failure const&) {
+    } catch (std::exception const&) {  // a Failure, or want of memory
         wantsLook_ = true;
     }
 }
@@ -126,8 +127,25 @@ void Lookout::end(Entry& entry) {
 }
 
 bool Lookout::isKnown(Place place) const {
-    auto const first = entries_.lower_bound({place, {}});
-    return first != entries_.end() && first->first.first == place;
+    auto at = entries_.lower_bound({place, {}});
+    while (at != entries_.end() && at->first.first == place && at->second.isGone)
+        ++at;
+    return at != entries_.end() && at->first.first == place;
+}
+
+/** Forgets those that were there before: an object that comes may have the id of one that went. */
+void Lookout::makeRoomFor(Place place) {
+    auto at = entries_.lower_bound({place, {}});
+    while (at != entries_.end() && at->first.first == place) {
+        if (at->second.isBusy) {
+            wantsLook_ = true;  // when it is over with that one
+            ++at;
+            continue;
+        }
+        if (at->second.attended)
+            over_.emplace_back(place.broker, std::move(at->second.attended));
+        at = entries_.erase(at);
+    }
 }
 
 void Lookout::takeBrokers() {
@@ -164,9 +182,14 @@ Begun Lookout::begin(Target const& target, Attendant::Comes when) {
     } catch (Failure const& why) {
         begun.outcome = why.outcome();
         begun.text = why.what();
+    } catch (std::exception const& why) {
+        begun.outcome = ExitCode::kNoAccess;
+        begun.text = why.what();
     }
     entry.isBusy = false;
     entry.attended = begun.attended;
+    if (entry.isGone && entry.attended)  // meanwhile, so that nobody has told so yet
+        attendant_.gone(entry.target);
     if (begun.outcome == ExitCode::kDone)
         entry.failures = begun.attended ? entry.failures : kMostFailures;
     else
@@ -193,8 +216,10 @@ std::vector<Answer<Begun>> Lookout::beginAll(Targets const& targets, Attendant::
 
 void Lookout::look() {
     constexpr std::chrono::minutes kHope(1);
-    if (Clock::now() >= hopeAt_)
+    if (Clock::now() >= hopeAt_) {
         tool_.asking().hopeAgain();
+        hopeAt_ = Clock::time_point::max();
+    }
     tool_.lookAgain();
     classes_.followClassesOf(tool_.asking(), tool_.processes(),
                              [this](auto const& name) { return attendant_.concerns(name); });
@@ -204,10 +229,12 @@ void Lookout::look() {
     } catch (Failure const&) {
         return;
     }
-    bool const isAnySilent = tool_.objects().missing().isAnySilent();
-    hopeAt_ = isAnySilent ? Clock::now() + kHope : Clock::time_point::max();
-    if (isAnySilent)
+    if (!tool_.objects().missing().isAnySilent()) {
+        hopeAt_ = Clock::time_point::max();
+    } else if (hopeAt_ == Clock::time_point::max()) {
+        hopeAt_ = Clock::now() + kHope;
         lookAfter(kHope);
+    }
     {
         TreflectHandlerState const inside(true);
         auto const isBegun = [this](Target const& target) {
@@ -223,28 +250,29 @@ void Lookout::look() {
 /** Lets go of what has gone for a while; to end a watch its object's process may be asked. */
 void Lookout::reap() {
     constexpr std::chrono::seconds kWhile(2);
-    std::vector<TreflectOrbId> brokers;
-    std::vector<std::shared_ptr<void>> over;
+    std::vector<std::pair<unsigned int, std::shared_ptr<void>>> over;
     {
         TreflectHandlerState const inside(true);
+        over.swap(over_);
         for (auto at = entries_.begin(); at != entries_.end();) {
             Entry& entry = at->second;
             if (!entry.isGone || entry.isBusy || Clock::now() - entry.goneAt < kWhile) {
                 ++at;
                 continue;
             }
-            if (entry.attended) {
-                brokers.emplace_back(at->first.first.broker);
-                over.push_back(std::move(entry.attended));
-            }
+            if (entry.attended)
+                over.emplace_back(at->first.first.broker, std::move(entry.attended));
             at = entries_.erase(at);
         }
     }
     if (over.empty())
         return;
-    auto const shared = std::make_shared<std::vector<std::shared_ptr<void>>>(std::move(over));
+    std::vector<TreflectOrbId> brokers;
+    for (auto const& [broker, attended] : over)
+        brokers.emplace_back(broker);
+    auto const shared = std::make_shared<decltype(over)>(std::move(over));
     tool_.asking().each<bool>(brokers, [shared](std::size_t number) {
-        (*shared)[number].reset();
+        (*shared)[number].second.reset();
         return std::optional(true);
     });
 }

@@ -86,6 +86,7 @@ private:
     void noteFailure(Entry& entry, Begun const& begun, Attendant::Comes when);
     void end(Entry& entry);
     bool isKnown(Place place) const;
+    void makeRoomFor(Place place);
 
     std::vector<Answer<Begun>> beginAll(Targets const& targets, Attendant::Comes when);
     void takeBrokers();
@@ -102,6 +103,8 @@ private:
     // Guarded by the run permission, as all up to the next remark.
     std::map<Key, Entry> entries_;
     std::set<unsigned int> slow_;  // brokers whose objects are not kept waiting any more
+    /** What there was of objects that have gone, with their brokers; to be let go of. */
+    std::vector<std::pair<unsigned int, std::shared_ptr<void>>> over_;
     std::vector<std::string> failures_;
     bool wantsLook_ = false;
 

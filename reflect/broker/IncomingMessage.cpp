@@ -211,7 +211,7 @@ bool TreflectORB::IncomingMessage::callUnguarded(TipprmiObjectSkeleton& object,
         [&] {
             auto const mc = static_cast<unsigned int>(mc_);
             served = object.dispatch(transaction_, cc_, mc, request_, response);
-            if (served)
+            if (served && !response.hasMarshallingFailed())
                 call.tellOutcome(transaction_ ? &response : nullptr);
         },
         [&](char const* thrown) {

@@ -95,12 +95,10 @@ public:
     }
 
     std::deque<Registration> const& registrations() const { return registrations_; }
-    /** Those of them, by their numbers, that are among others, too. */
-    std::vector<bool> among(Observers const* others, Key const& key) const {
-        std::vector<bool> all(registrations_.size());
-        if (!others || others->find(key) == others->end())
-            return all;
-        auto const range = others->equal_range(key);
+    /** Those of them, by their numbers, that are among others, too; none at all: empty. */
+    std::vector<bool> among(Observers const& others, Key const& key) const {
+        auto const range = others.equal_range(key);
+        std::vector<bool> all(range.first == range.second ? 0 : registrations_.size());
         for (std::size_t i = 0; i < all.size(); ++i)
             all[i] = std::any_of(range.first, range.second, [&](auto const& other) {
                 return other.second.client == registrations_[i].client;
@@ -338,18 +336,28 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
         return true;
     Life const life(*this);
     Told const told(*observers, {cc, mc});
+    // With its number for those who want to know what comes of the call, while there is memory.
+    std::vector<bool> wantNumber;
+    TipprmiSequence<TipprmiAny, 0u> numbered;
     ServedCall const* const call = kind == kBeforeCalls ? ServedCall::of(*this) : nullptr;
-    std::vector<bool> const wantNumber =
-        told.among(call ? postObservers_.get() : nullptr, {cc, mc ^ TreflectCallOutcome::kMark});
+    if (call && call->isOf(cc, mc) && postObservers_) {
+        auto const number = [&] {
+            wantNumber = told.among(*postObservers_, {cc, mc ^ TreflectCallOutcome::kMark});
+            if (!wantNumber.empty())
+                numbered = call->numbered(arguments);
+        };
+        if (!containErrors(number, [](char const*) {}))
+            wantNumber.clear();
+    }
     bool agreed = true;
     std::vector<TreflectObserverClient const*> unreached;
-    for (std::size_t i = 0; i < wantNumber.size(); ++i) {
+    for (std::size_t i = 0; i < told.registrations().size(); ++i) {
         Registration const& one = told.registrations()[i];
+        bool const wants = i < wantNumber.size() && wantNumber[i];
         bool answer = false;
         if (one.guards)
             agreed = !life.ended() && askGuard(one.client, source, {cc, mc}, arguments) && agreed;
-        else if (!tell(one.client, source, cc, mc,
-                       wantNumber[i] ? call->numbered(arguments) : arguments, answer))
+        else if (!tell(one.client, source, cc, mc, wants ? numbered : arguments, answer))
             unreached.push_back(&one.client);
         else if (!answer)
             agreed = false;

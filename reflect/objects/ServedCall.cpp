@@ -1,8 +1,10 @@
 #include "reflect/objects/ServedCall.h"
 
 #include "handler_threads/WithPermission.h"
+#include "logging/Log.h"
 #include "reflect/TreflectCallOutcome.h"
 #include "reflect/TreflectORB.h"
+#include "reflect/broker/ContainErrors.h"
 
 thread_local ServedCall* ServedCall::innermost_ = nullptr;
 
@@ -25,6 +27,9 @@ void ServedCall::begins(unsigned int classId, unsigned int methodCode) {
     if (life_)
         return;  // the object itself tells of another call
     life_.emplace(*object_);
+    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
+    bool const isKnown = orb && caller_.value() != 0;
+    callerOrb_ = isKnown ? orb->convertId(caller_).value() : object_->orbId().value();
     latestNumber += latestNumber + 1 == 0 ? 2 : 1;
     number_ = latestNumber;
     classId_ = classId;
@@ -35,14 +40,12 @@ void ServedCall::ends(unsigned int classId, unsigned int methodCode,
                       TipprmiSequence<TipprmiAny, 0u> const& results) {
     if (isOf(classId, methodCode) &&
         object_->postObserverAvailable(classId, methodCode ^ TreflectCallOutcome::kMark))
-        results_ = results;
+        hasResults_ = containErrors([&] { results_ = results; }, [](char const*) {});
 }
 
 void ServedCall::addTo(TipprmiSequence<TipprmiAny, 0u>& values) const {
     append(values, number_);
-    TreflectORB const* const orb = TreflectORB::getInstance(NSID_UNIT);
-    bool const isKnown = orb && caller_.value() != 0;
-    append(values, isKnown ? orb->convertId(caller_).value() : object_->orbId().value());
+    append(values, callerOrb_);
 }
 
 TipprmiSequence<TipprmiAny, 0u> ServedCall::numbered(
@@ -53,9 +56,19 @@ TipprmiSequence<TipprmiAny, 0u> ServedCall::numbered(
 }
 
 void ServedCall::tellOutcome(TipprmiStream const* response) {
-    if (!life_ || life_->ended() ||
+    if (!life_ || life_->ended() || !hasResults_ ||
         !object_->postObserverAvailable(classId_, methodCode_ ^ TreflectCallOutcome::kMark))
         return;
+    containErrors([&] { tell(response); },
+                  [&](char const* thrown) {
+                      REFLECTORB_LOG(
+                          3, "REFLECT_observable",
+                          "telling what has come of classCode=0x%X,methodCode=%u threw%s", classId_,
+                          methodCode_, thrown);
+                  });
+}
+
+void ServedCall::tell(TipprmiStream const* response) {
     TipprmiExceptionContainer exception;
     if (response) {
         TipprmiStream fromStart(response->msg(), false);

@@ -24,7 +24,13 @@ public:
 
     /** That of the calling thread, if it is one of this object; else null. */
     static ServedCall* of(TreflectObservable const& object) {
-        return innermost_ && innermost_->object_ == &object ? innermost_ : nullptr;
+        bool const isIt = innermost_ && innermost_->object_ == &object && !innermost_->isOver();
+        return isIt ? innermost_ : nullptr;
+    }
+    /** Whether observers have been told that this operation begins, and no other one that the
+     * object itself tells of. */
+    bool isOf(unsigned int classId, unsigned int methodCode) const {
+        return life_ && classId_ == classId && methodCode_ == methodCode;
     }
 
     /** Observers are about to be told of the call, or of its end. */
@@ -35,13 +41,13 @@ public:
     TipprmiSequence<TipprmiAny, 0u> numbered(
         TipprmiSequence<TipprmiAny, 0u> const& arguments) const;
     /** Tells those who want to know what has come of it. `response`: what the caller is answered;
-     * null when that is not known. */
+     * null when that is not known. What goes wrong with that concerns nobody else. */
     void tellOutcome(TipprmiStream const* response);
 
 private:
-    bool isOf(unsigned int classId, unsigned int methodCode) const {
-        return life_ && classId_ == classId && methodCode_ == methodCode;
-    }
+    /** The object has been destroyed meanwhile; another one may be where it was. */
+    bool isOver() const { return life_ && life_->ended(); }
+    void tell(TipprmiStream const* response);
     void addTo(TipprmiSequence<TipprmiAny, 0u>& values) const;
 
     static thread_local ServedCall* innermost_;
@@ -52,7 +58,9 @@ private:
     // Of a call of which observers have been told.
     std::optional<TreflectObservable::Life> life_;
     unsigned int number_ = 0;
+    unsigned int callerOrb_ = 0;
     unsigned int classId_ = 0;
     unsigned int methodCode_ = 0;
     TipprmiSequence<TipprmiAny, 0u> results_;
+    bool hasResults_ = true;  // false: there was no memory for them
 };

@@ -72,11 +72,14 @@ public:
 
 private:
     void begun(HeardCall const& call) {
-        constexpr std::size_t kMostOpen = 1000;  // some never end
+        constexpr std::size_t kMostOpen = 1000;  // of some no end is told
         recording::Anys values = anysOf(call.values);
         std::size_t const size = sizeOf(values);
-        if (!attribute_.empty() && values.size() == 1 && set_.size() < kMostOpen)
+        if (!attribute_.empty() && values.size() == 1) {
+            if (set_.size() == kMostOpen)
+                set_.erase(set_.begin());
             set_[call.number] = values[0];
+        }
         journal_.add(recording::Call{Journal::now(), object_, operation_, std::move(values),
                                      call.number, call.caller},
                      size);

@@ -126,6 +126,8 @@ void Exchange::leave() {
         last.swap(peers_);
     }
     for (auto const& [epoch, peer] : last)
+        peer->lost();  // so that they linger together
+    for (auto const& [epoch, peer] : last)
         peer->stop();
 }
 
@@ -140,10 +142,22 @@ std::deque<Exchange::Event> Exchange::takeEvents() {
     return std::exchange(events_, {});
 }
 
+/** Those who are out of sight now linger together, before they are parted one after the other. */
+void Exchange::loseTogether(std::deque<Event> const& events) {
+    Peers const known = peers();
+    for (Event const& event : events) {
+        auto const gone = known.find(event.unit.epoch);
+        if (!event.seen && gone != known.end())
+            gone->second->lost();
+    }
+}
+
 Exchange::Verdict Exchange::control() {
     if (std::exchange(hasUnmet_, false))
         meetAll();
-    for (Event const& event : takeEvents()) {
+    std::deque<Event> const events = takeEvents();
+    loseTogether(events);
+    for (Event const& event : events) {
         if (!event.seen) {
             forget(event.unit.epoch);
             part(event.unit.epoch);

@@ -82,6 +82,7 @@ private:
     void part(std::uint64_t epoch);
     void makePeer(UnitInfo const& unit);
     Peers peers() const;
+    void loseTogether(std::deque<Event> const& events);
     bool hasSuccessor(UnitInfo const& unit) const;
     bool yields() const;
 

@@ -344,7 +344,13 @@ void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
                     unsigned long session) {
     if (reached == Transport::Reached::Ring) {
         Locked lock(state_);
-        attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session); });
+        if (!attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session); })) {
+            static Logging::LineLimit limit;
+            REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                                   "no memory for a message of 0x%08X that 0x%08X has not taken: "
+                                   "lost",
+                                   message.originator().value(), message.destination().value());
+        }
         return wantWriteLocked();
     }
     std::vector<Delivery> refused;
@@ -622,6 +628,8 @@ void Peer::ended(std::string const& reason) {
         all.push_back(std::move(action));
     }
     drop(all);
+    OSWrap::Lock<> lock(places_);
+    placed_.clear();
 }
 
 void Peer::show(std::vector<Action> const& actions) {

@@ -380,6 +380,8 @@ bool Channel::receiveBatch() {
         return false;
     if (receiver_->takesNoMore() || (heldBack_.load() && !ending())) {
         receiver_->makeCold(*this);  // awake, and nobody else's, so that the peer need not ring
+        if (receiver_->takesNoMore() && ending())
+            react();  // which has waited for what is not taken any more
         return false;
     }
     Batch const batch = readBatch();
