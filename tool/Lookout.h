@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Following.h"
+#include "Staying.h"
 #include "Tool.h"
 
 /** What has come of beginning with an object. A value. */
@@ -112,4 +113,23 @@ private:
     std::set<Clock::time_point> looks_;                    // when to look around
     Clock::time_point hopeAt_ = Clock::time_point::max();  // when to ask those again who hang
     bool wasPending_ = false;
+};
+
+/** A session whose objects come and go: tells what goes wrong with them, and ends with the first of
+ * that. Of the main thread. */
+class LookoutSession : public Session {
+public:
+    ExitCode outcome() const override { return outcome_; }
+
+protected:
+    explicit LookoutSession(Tool& tool) : tool_(tool) {}
+
+    void note(std::string const& text, ExitCode outcome) {
+        tool_.output().complain(text);
+        fail(outcome);
+    }
+    void fail(ExitCode outcome) { outcome_ = outcome_ == ExitCode::kDone ? outcome : outcome_; }
+
+    Tool& tool_;
+    ExitCode outcome_ = ExitCode::kDone;
 };

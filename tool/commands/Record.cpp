@@ -346,11 +346,11 @@ private:
     std::map<Place, unsigned int> numbers_;
 };
 
-class RecordSession final : public Session {
+class RecordSession final : public LookoutSession {
 public:
     RecordSession(Tool& tool, Events& events, Words const& words, Journal& journal,
                   unsigned int& lastNumber)
-        : tool_(tool),
+        : LookoutSession(tool),
           events_(events),
           journal_(journal),
           recorder_(
@@ -405,21 +405,12 @@ public:
             tool_.output().complain(fmt::format(
                 "{} records were lost: they came faster than they could be written", counts.lost));
     }
-    ExitCode outcome() const override { return outcome_; }
 
 private:
-    void note(std::string const& text, ExitCode outcome) {
-        tool_.output().complain(text);
-        fail(outcome);
-    }
-    void fail(ExitCode outcome) { outcome_ = outcome_ == ExitCode::kDone ? outcome : outcome_; }
-
-    Tool& tool_;
     Events& events_;
     Journal& journal_;
     Recorder& recorder_;
     Lookout& lookout_;
-    ExitCode outcome_ = ExitCode::kDone;
 };
 
 class Record final : public Command {

@@ -164,10 +164,10 @@ private:
     std::set<Place> present_;
 };
 
-class WatchSession final : public Session {
+class WatchSession final : public LookoutSession {
 public:
     WatchSession(Tool& tool, Events& events, Wishes const& wishes, Purpose purpose)
-        : tool_(tool),
+        : LookoutSession(tool),
           watcher_(*new Watcher(wishes, purpose, events)),
           lookout_(*new Lookout(tool, watcher_)) {
         std::vector<Failure> failures;
@@ -201,19 +201,10 @@ public:
             tool_.output().complain(failure);
         return true;
     }
-    ExitCode outcome() const override { return outcome_; }
 
 private:
-    void note(std::string const& text, ExitCode outcome) {
-        tool_.output().complain(text);
-        fail(outcome);
-    }
-    void fail(ExitCode outcome) { outcome_ = outcome_ == ExitCode::kDone ? outcome : outcome_; }
-
-    Tool& tool_;
     Watcher& watcher_;
     Lookout& lookout_;
-    ExitCode outcome_ = ExitCode::kDone;
 };
 
 class Watch final : public Command {

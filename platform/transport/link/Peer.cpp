@@ -165,14 +165,8 @@ void Peer::endWithoutMemory() {
 /** Of actions that memory has run out at: what the end of the session, which follows, does not make
  * good. */
 void Peer::performRest(std::vector<Action>& actions) {
-    switch (actions.front().kind) {
-        case Action::Kind::Drop:
-            return drop(actions);
-        case Action::Kind::Ended:
-            return ended(actions.front().text);
-        default:
-            break;
-    }
+    if (partFrom(actions))
+        return;
     for (Action& action : actions)
         if (action.kind == Action::Kind::GiveBack && !action.message.empty()) {
             sendBack(action.message);
@@ -558,18 +552,23 @@ bool Peer::takeNext(By by, std::vector<Action>& next) {
     return true;
 }
 
+/** Whether the actions are of those that end what was shown; does them then. */
+bool Peer::partFrom(std::vector<Action> const& actions) {
+    if (actions.front().kind == Action::Kind::Drop)
+        drop(actions);
+    else if (actions.front().kind == Action::Kind::Ended)
+        ended(actions.front().text);
+    else
+        return false;
+    return true;
+}
+
 void Peer::perform(std::vector<Action>& actions) {
-    switch (actions.front().kind) {
-        case Action::Kind::Show:
-        case Action::Kind::ShowSilent:
-            return show(actions);
-        case Action::Kind::Drop:
-            return drop(actions);
-        case Action::Kind::Ended:
-            return ended(actions.front().text);
-        default:
-            break;
-    }
+    if (partFrom(actions))
+        return;
+    if (actions.front().kind == Action::Kind::Show ||
+        actions.front().kind == Action::Kind::ShowSilent)
+        return show(actions);
     std::vector<Delivery> settled, refused;
     for (Action& action : actions) {
         switch (action.kind) {

@@ -110,6 +110,7 @@ private:
     void gatherActions() OSW_REQUIRES(state_);
     bool takeNext(By by, std::vector<Action>& next) OSW_REQUIRES(state_);
     void perform(std::vector<Action>& actions);
+    bool partFrom(std::vector<Action> const& actions);
     void deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused);
     void opened();
     void ended(std::string const& reason);
