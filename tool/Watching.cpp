@@ -92,12 +92,14 @@ void Watched::addCaller(Event& event, std::string const& caller, unsigned int nu
 }
 
 bool Watched::veto(std::string const& name) {
-    TreflectOperation& operation = operationOf(object_, name);
-    return operation.preObserve(&observe(
-        [this, tell = callTeller("forbidden ", "vetoed", *operation.meta())](Values const& given) {
+    TreflectMetaOperation const& meta = *operationOf(object_, name).meta();
+    Observer& observer =
+        observe([this, tell = callTeller("forbidden ", "vetoed", meta)](Values const& given) {
             addLater(events_, given, true, tell);
             return false;
-        }));
+        });
+    TreflectObjectStub const* const stub = object_.getStub_();
+    return stub && stub->observe(TreflectObservable::kBeforeCalls, &meta, &observer);
 }
 
 Watched::Teller Watched::callTeller(char const* word, char const* event,

@@ -40,6 +40,8 @@ bool isBelow(std::string const& name, std::string const& pattern) {
 
 /** Observes the members that are wished, and says which objects come and go. */
 class Watcher final : public Attendant {
+    static constexpr char const* kSilent = "it has not answered that it is observed";
+
 public:
     Watcher(Wishes wishes, Purpose purpose, Events& events)
         : wishes_(std::move(wishes)), purpose_(purpose), events_(events) {}
@@ -113,11 +115,13 @@ public:
                    done;
         for (std::string const& name : attributes)
             done = watched->watchValue(name) && done;
+        if (!done && when == Comes::kLater)
+            throw Failure(ExitCode::kTimedOut, kSilent);  // it is tried again
         if (present_.insert(target.object.place).second && when == Comes::kLater)
             tell("+ ", "came", target);
         if (done)
             return {watched};
-        return {watched, ExitCode::kTimedOut, "it has not answered that it is observed"};
+        return {watched, ExitCode::kTimedOut, kSilent};
     }
     void gone(Target const& target) override {
         if (present_.erase(target.object.place) != 0)
