@@ -340,9 +340,10 @@ bool TreflectObservable::notifyObservers(TreflectObject const& source, unsigned 
     std::vector<bool> wantNumber;
     TipprmiSequence<TipprmiAny, 0u> numbered;
     ServedCall const* const call = kind == kBeforeCalls ? ServedCall::of(*this) : nullptr;
-    if (call && call->isOf(cc, mc) && postObservers_) {
+    Observers const* const after = postObservers_.get();
+    if (call && call->isOf(cc, mc) && after) {
         auto const number = [&] {
-            wantNumber = told.among(*postObservers_, {cc, mc ^ TreflectCallOutcome::kMark});
+            wantNumber = told.among(*after, {cc, mc ^ TreflectCallOutcome::kMark});
             if (!wantNumber.empty())
                 numbered = call->numbered(arguments);
         };
