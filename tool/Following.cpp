@@ -18,7 +18,8 @@ std::string absoluteNameOf(TreflectObject const& object) {
 }
 
 Newcomer::Newcomer(TreflectObject const& object) : place(placeOf(object)) {
-    char const* const text = object.identifier().getIdString();
+    TipprmiOID const whole = object.identifier();
+    char const* const text = whole.getIdString();
     identifier = text ? text : "";
 }
 
