@@ -93,7 +93,7 @@ private:
     Session session_;
     Link::Piece piece_;
     Link::PieceHead head_;
-    std::vector<Action> actions_;
+    Link::Actions actions_;
     long long now_ = 1;
     std::size_t sent_ = 0;
 };

@@ -63,9 +63,9 @@ struct Side {
     }
 
     std::vector<Action> actions() {
-        std::vector<Action> taken;
+        Link::Actions taken;
         session.takeActions(taken);
-        return taken;
+        return {taken.begin(), taken.end()};
     }
     /** Everything that is to be written now. */
     std::vector<Sent> pieces(long long now) {

@@ -12,6 +12,7 @@
 
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
+#include "oswrap/OutOfMemory.h"
 
 namespace Link {
 namespace {
@@ -72,7 +73,7 @@ ControlLoop::Waited ControlLoop::waitForWork(int milliseconds) {
 ControlLoop::Waited ControlLoop::wait(long long until, Work work) {
     for (;;) {
         long long const time = OSWrap::Clock::nowNanoseconds();
-        keepAlive(time);
+        OSWrap::withMemory([&] { keepAlive(time); });  // left out, if there is none
         if (time >= readyAt_)
             tellReady();
         if (time >= until)
@@ -103,13 +104,18 @@ bool ControlLoop::takeSignals() {
     while (read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         if (info.ssi_signo != SIGUSR1)
             return true;
-        listener_.logFigures();
+        OSWrap::withMemory([&] { listener_.logFigures(); });
     }
     return false;
 }
 
 void ControlLoop::answer(long long time) {
-    if (status_->answer(listener_.status()))
+    bool answered = false;
+    if (!OSWrap::withMemory([&] { answered = status_->answer(listener_.status()); })) {
+        answerAt_ = time + kSecond;
+        return;
+    }
+    if (answered)
         return;
     static Logging::LineLimit limit(1);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource,

@@ -61,6 +61,7 @@ private:
     bool openBus();
     char const* tryBus();
     std::optional<int> awaitSlot();
+    std::optional<int> liveOnBus();
     std::optional<int> stay();
     std::optional<int> linked();
     void tellState(std::string const& state);
@@ -114,13 +115,20 @@ int Program::run() {
     loop_.tellReady();
     std::optional<int> over;
     while (!over) {
-        over = openBus() ? awaitSlot() : kDone;
-        if (!over)
-            over = stay();
+        if (!OSWrap::withMemory([&] { over = liveOnBus(); })) {
+            OSWrap::withMemory([&] { exchange_.leave(); });
+            OSWrap::awaitMemory();
+        }
         bus_.reset();
     }
     tellStopping();
     return *over;
+}
+
+/** What the program is to end with; nothing when it is to begin anew. */
+std::optional<int> Program::liveOnBus() {
+    std::optional<int> const over = openBus() ? awaitSlot() : kDone;
+    return over ? over : stay();
 }
 
 void Program::tellStopping() {
@@ -180,7 +188,7 @@ std::optional<int> Program::awaitSlot() {
     return kSlotTaken;
 }
 
-/** What the program is to end with; nothing when it is to begin anew. */
+/** Once the slot is ours; likewise. */
 std::optional<int> Program::stay() {
     exchange_.join(*bus_);
     if (!bus_->announce()) {

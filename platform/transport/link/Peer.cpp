@@ -164,7 +164,7 @@ void Peer::endWithoutMemory() {
 
 /** Of actions that memory has run out at: what the end of the session, which follows, does not make
  * good. */
-void Peer::performRest(std::vector<Action>& actions) {
+void Peer::performRest(Actions& actions) {
     if (partFrom(actions))
         return;
     for (Action& action : actions)
@@ -492,11 +492,11 @@ void Peer::showing() {
 }
 
 void Peer::carryOut(By by) {
-    std::vector<Action> next;
+    Actions next;
     state_.lock();
     if (by == By::Shower)
         awaitOthers();
-    gatherActions();
+    session_.takeActions(todo_);
     if (!performing_) {
         performing_ = true;
         while (takeNext(by, next)) {
@@ -509,7 +509,7 @@ void Peer::carryOut(By by) {
             state_.lock();
             if (!done)
                 noteHalfDone();
-            gatherActions();
+            session_.takeActions(todo_);
         }
         performing_ = false;
         performingSince_ = Session::kNever;
@@ -534,26 +534,18 @@ void Peer::awaitOthers() {
     showerWaits_ = false;
 }
 
-void Peer::gatherActions() {
-    std::vector<Action> fresh;
-    session_.takeActions(fresh);
-    for (Action& action : fresh)
-        OSWrap::untilMemory([&]() OSW_NO_ANALYSIS { todo_.push_back(std::move(action)); });
-}
-
 /** The next actions that go together; false when there are none, or not for this thread. */
-bool Peer::takeNext(By by, std::vector<Action>& next) {
+bool Peer::takeNext(By by, Actions& next) {
     if (todo_.empty() || (by == By::Anyone && mayWait(todo_.front().kind)))
         return false;
     do {
-        OSWrap::untilMemory([&]() OSW_NO_ANALYSIS { next.push_back(std::move(todo_.front())); });
-        todo_.pop_front();
+        next.splice(next.end(), todo_, todo_.begin());
     } while (!todo_.empty() && together(next.back().kind, todo_.front().kind));
     return true;
 }
 
 /** Whether the actions are of those that end what was shown; does them then. */
-bool Peer::partFrom(std::vector<Action> const& actions) {
+bool Peer::partFrom(Actions const& actions) {
     if (actions.front().kind == Action::Kind::Drop)
         drop(actions);
     else if (actions.front().kind == Action::Kind::Ended)
@@ -563,7 +555,7 @@ bool Peer::partFrom(std::vector<Action> const& actions) {
     return true;
 }
 
-void Peer::perform(std::vector<Action>& actions) {
+void Peer::perform(Actions& actions) {
     if (partFrom(actions))
         return;
     if (actions.front().kind == Action::Kind::Show ||
@@ -620,7 +612,7 @@ void Peer::opened() {
 void Peer::ended(std::string const& reason) {
     REFLECTORB_LOG(4, kSource, "no link with slot %u, machine %s: %s", unsigned{unit_.slot},
                    unit_.machine.c_str(), reason.c_str());
-    std::vector<Action> all;
+    Actions all;
     for (auto const& [id, proxy] : proxies_) {
         Action action{Action::Kind::Drop};
         action.from = id;
@@ -631,7 +623,7 @@ void Peer::ended(std::string const& reason) {
     placed_.clear();
 }
 
-void Peer::show(std::vector<Action> const& actions) {
+void Peer::show(Actions const& actions) {
     std::vector<std::unique_ptr<Proxy>> taken;
     std::vector<TerminationId> ids;
     for (Action const& action : actions) {
@@ -651,7 +643,7 @@ void Peer::show(std::vector<Action> const& actions) {
 
 /** All of them together let out what waits, then leave; those at which something still goes back,
  * since its sender is slow to take it, stay for longer. */
-void Peer::drop(std::vector<Action> const& actions) {
+void Peer::drop(Actions const& actions) {
     Leaving leaving, late;
     std::vector<TerminationId> ids;
     for (Action const& action : actions) {

@@ -95,7 +95,7 @@ private:
     bool attempt(Act const& act) OSW_REQUIRES(state_);
     void noteHalfDone() OSW_REQUIRES(state_);
     void endWithoutMemory() OSW_REQUIRES(state_);
-    void performRest(std::vector<Action>& actions);
+    void performRest(Actions& actions);
     void sending();
     void write() OSW_EXCLUDES(state_);
     bool withdrawDue(long long time) OSW_REQUIRES(state_);
@@ -107,15 +107,14 @@ private:
     void showing();
     void carryOut(By by) OSW_EXCLUDES(state_);
     void awaitOthers() OSW_REQUIRES(state_);
-    void gatherActions() OSW_REQUIRES(state_);
-    bool takeNext(By by, std::vector<Action>& next) OSW_REQUIRES(state_);
-    void perform(std::vector<Action>& actions);
-    bool partFrom(std::vector<Action> const& actions);
+    bool takeNext(By by, Actions& next) OSW_REQUIRES(state_);
+    void perform(Actions& actions);
+    bool partFrom(Actions const& actions);
     void deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused);
     void opened();
     void ended(std::string const& reason);
-    void show(std::vector<Action> const& actions);
-    void drop(std::vector<Action> const& actions);
+    void show(Actions const& actions);
+    void drop(Actions const& actions);
     void forgetPlaces(std::vector<TerminationId> const& gone);
     void settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused);
 
@@ -129,7 +128,7 @@ private:
 
     OSWrap::ConditionVar state_;  // signalled for LnSend, and LnShow
     Session session_ OSW_GUARDED_BY(state_);
-    std::deque<Action> todo_ OSW_GUARDED_BY(state_);
+    Actions todo_ OSW_GUARDED_BY(state_);
     std::deque<Departure> departures_ OSW_GUARDED_BY(state_);
     bool performing_ OSW_GUARDED_BY(state_) = false;
     bool showerWaits_ OSW_GUARDED_BY(state_) = false;  // until nobody else performs

@@ -47,13 +47,8 @@ void Session::tellBy(long long time) {
     tellAt_ = std::min(tellAt_, time);
 }
 
-void Session::takeActions(std::vector<Action>& actions) {
-    if (actions.empty()) {
-        actions.swap(actions_);
-        return;
-    }
-    std::move(actions_.begin(), actions_.end(), std::back_inserter(actions));
-    actions_.clear();
+void Session::takeActions(Actions& actions) {
+    actions.splice(actions.end(), actions_);
 }
 
 // ---- Beginning and end -------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -39,6 +40,9 @@ struct Action {
     AddressedMessage message{};
     std::string text{};
 };
+
+/** In order. A list, so that to pass them on needs no memory. */
+using Actions = std::list<Action>;
 
 /** A message that is to be settled. */
 struct Delivery {
@@ -156,7 +160,7 @@ public:
     /** Whether there are records that no piece has been asked for yet. */
     bool queued() const { return !queue_.empty(); }
     /** Moves the actions that have gathered behind those of `actions`. */
-    void takeActions(std::vector<Action>& actions);
+    void takeActions(Actions& actions);
 
     State state() const { return state_; }
     Figures const& figures() const { return figures_; }
@@ -251,7 +255,7 @@ private:
     Reassembly reassembly_;
     std::unordered_set<TerminationId> ours_;
     std::unordered_set<TerminationId> theirs_;
-    std::vector<Action> actions_;
+    Actions actions_;
     Figures figures_;
 };
 
