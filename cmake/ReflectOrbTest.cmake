@@ -59,8 +59,6 @@ function(_reflectorb_link_library target platform internals rooms)
     endif()
     # The support stands before the libraries, whose archives must resolve what it asks for.
     target_link_libraries(${target} PRIVATE reflectorb-test-support)
-    # Before the libraries, because it needs them as well.
-    target_link_libraries(${target} PRIVATE reflectorb-test-support)
     # A room that has no sources yet has no target either.
     foreach(library IN LISTS libraries)
         if(TARGET ${library})

@@ -6,6 +6,10 @@
 # A copy of the sources is built in the output folder, where the packages then lie. Those for another
 # architecture are the ones with machine code. The version is that of CMakeLists.txt.
 set -euo pipefail
+[[ $# -ge 1 ]] || {
+    echo "usage: packaging/build.sh <output folder> [<architecture>]"
+    exit 2
+}
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 mkdir -p "$1"
@@ -19,7 +23,7 @@ list_sources() {
     if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
         git ls-files -z --cached --others --exclude-standard
     else
-        find . -path ./build -prune -o -type f -print0
+        find . \( -path ./build -o -path ./.git \) -prune -o \( -type f -o -type l \) -print0
     fi
 }
 

@@ -7,13 +7,18 @@
 # The packages lie beside the folder of the sources then. The system comes from where this machine
 # gets its own packages, and is gone at the end.
 set -euo pipefail
+[[ $# -eq 2 ]] || {
+    echo "usage: packaging/cross.sh <folder of the sources> <architecture>"
+    exit 2
+}
 cd "$(dirname "${BASH_SOURCE[0]}")"
 source=$(cd "$1" && pwd)
 architecture=$2
 own=$(dpkg --print-architecture)
 profiles=cross,nocheck
 
-place=$(./place-of-packages.sh | head -n 1)
+mapfile -t places < <(./place-of-packages.sh)
+place=${places[0]:-}
 [[ -n $place ]] || {
     echo "this machine tells no place of Debian packages"
     exit 1

@@ -1,5 +1,6 @@
+# shellcheck shell=bash
 # What the demos share; they source it. Makes `work`, a folder that is removed at their end, for which
-# they define `clean_up`.
+# they define `clean_up` and `fail`.
 patience=${DEMO_PATIENCE:-60} # seconds for what must happen; a busy machine needs less
 work=$(mktemp -d)
 trap 'clean_up; rm -rf "$work"' EXIT
