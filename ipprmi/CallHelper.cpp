@@ -47,8 +47,11 @@ void callObserved(ClientCallHookBaseV const& hook, TreflectServerObject& server,
     TipprmiSequence<TipprmiAny, 0u> values;
     values.setLength(1);
     hook.fillParams(values);
-    if (!server.notifyObservers(TreflectObservable::kBeforeCalls, cc, mc, values))
-        return;
+    if (!server.notifyObservers(TreflectObservable::kBeforeCalls, cc, mc, values)) {
+        TipprmiStream refusal(TipprmiStream::kUsualSize);
+        writeGeneralException(refusal, TipprmiFailure::kVetoed);
+        return call.tellOutcome(&refusal);
+    }
     values.setLength(0);
     TreflectServerObject::ObservedCall(server, cc, mc).run([&] { hook.callServer(server); });
     hook.insertResult(values);

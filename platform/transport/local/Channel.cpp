@@ -322,6 +322,8 @@ void Channel::endReading() {
 }
 
 void Channel::handOver() {
+    if (reading_.reader().finishBatch())
+        ringDoorBell(reading_.peerBell());
     reading_.handOver();
     receiver_->requestReading(*this);
 }
@@ -347,7 +349,8 @@ bool Channel::takeIn(AnswerWait::Awaited const& awaited) {
 
 /** By the receiving thread, which is to go on with the ring. */
 bool Channel::isNeeded() const {
-    return reading_.wanted() || heldBack_.load() || receiver_->stopping();
+    return reading_.wanted() || heldBack_.load() || receiver_->stopping() ||
+           receiver_->takesNoMore();
 }
 
 // ---- The ring: receiving thread ----------------------------------------------------------------

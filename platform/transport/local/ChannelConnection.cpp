@@ -126,9 +126,11 @@ bool Channel::sayHello(OpenSocket socket) {
     return said;
 }
 
-/** Before the bell is the peer's, too: of those who wait for it, ours come first. */
+/** Before the bell is the peer's, too: of those who wait for it, ours come first. A link's proxies
+ * have nobody who waits for answers. */
 bool Channel::watchBell() {
-    reading_.watch(connection_->own.bell.get());
+    if (!receiver_->tellsPlaces())
+        reading_.watch(connection_->own.bell.get());
     return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell);
 }
 

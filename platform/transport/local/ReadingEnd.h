@@ -16,7 +16,7 @@ namespace Transport {
  *
  * | role | who may read | the word `asleep` | who looks next |
  * |---|---|---|---|
- * | Receivers | the receiving thread | 0 while it looks by itself | that thread: it looks, or has been asked to; before a ring stands, nobody |
+ * | Receivers | the receiving thread | 0 while it looks by itself, else any | that thread: it looks, has been asked to, or tries again at a time; before a ring stands, nobody |
  * | Held | another thread | 0, or not 0 while it sleeps at the bell | that thread |
  * | Rung | the same | any | that thread, once more before it leaves: the receiving thread has heard the bell |
  * | Wanted | the same | any | that thread hands the role to the receiving thread, which needs it to close |

@@ -45,11 +45,13 @@ public:
         thread_.join();
     }
 
-    bool start() {
+    /** 0, or the errno of what has failed. */
+    int start() {
         epoll_ = Descriptor(::epoll_create1(EPOLL_CLOEXEC));
         bell_ = makeBell();
-        return epoll_.valid() && bell_.valid() && watch(bell_.get(), EPOLLIN | EPOLLET, nullptr) &&
-               thread_.start();
+        bool const ready =
+            epoll_.valid() && bell_.valid() && watch(bell_.get(), EPOLLIN | EPOLLET, nullptr);
+        return ready ? thread_.startQuietly() : errno;
     }
     bool add(std::shared_ptr<Receiver> receiver);
 
@@ -224,16 +226,21 @@ ReceiverPool::ReceiverPool(std::size_t most) : most_(std::max<std::size_t>(most,
 
 ReceiverPool::~ReceiverPool() = default;
 
-/** They take turns; null, when there is none. */
+/** They take turns; null, with the errno of what has failed, when there is none. */
 ReceiverPool::Server* ReceiverPool::nextServer() {
     OSWrap::Lock<> lock(mutex_);
     std::size_t const index = served_++ % most_;
     if (index < servers_.size())
         return servers_[index].get();
     auto server = std::make_unique<Server>();
-    if (server->start())
+    int const failure = server->start();
+    if (failure == 0)
         servers_.push_back(std::move(server));
-    return servers_.empty() ? nullptr : servers_[index % servers_.size()].get();
+    if (!servers_.empty())
+        return servers_[index % servers_.size()].get();
+    server.reset();
+    errno = failure;
+    return nullptr;
 }
 
 bool ReceiverPool::serve(std::shared_ptr<Receiver> receiver) {
