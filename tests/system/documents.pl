@@ -80,7 +80,7 @@ sub check_samples {
 sub plain {
     my ($text) = @_;
     $text =~ s/\\(.)/$1/g;
-    $text =~ s/%[-+ #0]*\d*(?:hh|h|ll|l|z)?[diuxXpscf]/.../g;
+    $text =~ s/%[-+ #0]*\d*(?:\.\*)?(?:hh|h|ll|l|z)?[diuxXpscf]/.../g;
     return $text =~ s/\s+/ /gr =~ s/^ | $//gr;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/transport/link/Bus.h"
 
+#include <arpa/inet.h>
 #include <dds/dds.h>
 #include <dds/ddsrt/log.h>
 
@@ -92,6 +93,12 @@ std::string inboxTopic(UnitInfo const& unit) {
  * Nothing is read from the environment. A lease of a second tells soon of a machine that has gone;
  * the short heartbeat has what is lost at the end of a burst sent again soon.
  */
+bool isAddress(std::string const& interface) {
+    in6_addr ignored{};
+    return inet_pton(AF_INET, interface.c_str(), &ignored) == 1 ||
+           inet_pton(AF_INET6, interface.c_str(), &ignored) == 1;
+}
+
 std::string configuration(BusOptions const& options) {
     std::string discovery =
         "<SPDPInterval>200ms</SPDPInterval><LeaseDuration>1s</LeaseDuration>"
@@ -102,7 +109,8 @@ std::string configuration(BusOptions const& options) {
             discovery += "<Peer Address=\"" + escaped(peer) + "\"/>";
         discovery += "</Peers>";
     }
-    return "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface name=\"" +
+    return "<CycloneDDS><Domain id=\"any\"><General><Interfaces><NetworkInterface " +
+           std::string(isAddress(options.interface) ? "address" : "name") + "=\"" +
            escaped(options.interface) + "\"/></Interfaces><AllowMulticast>" +
            (options.peers.empty() ? "spdp" : "false") +
            "</AllowMulticast><MaxMessageSize>65500B</MaxMessageSize><FragmentSize>" +
@@ -118,10 +126,11 @@ std::string configuration(BusOptions const& options) {
 void logOfEngine(void*, dds_log_data_t const* data) {
     static Logging::LineLimit limit;
     int const level = (data->priority & (DDS_LC_FATAL | DDS_LC_ERROR)) != 0 ? 3 : 4;
-    std::string text(data->message, data->size);
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    REFLECTORB_LOG_LIMITED(limit, level, kSource, "engine: %s", text.c_str());
+    std::size_t size = data->size;
+    while (size > 0 && data->message[size - 1] == '\n')
+        --size;
+    REFLECTORB_LOG_LIMITED(limit, level, kSource, "engine: %.*s", static_cast<int>(size),
+                           data->message);
 }
 
 /** Loans of the engine, given back at the end of the scope. */

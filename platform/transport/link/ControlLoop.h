@@ -33,8 +33,8 @@ protected:
 /**
  * Where the control thread, which is the program's main one, waits: for signals, for what other
  * threads wake it for, for those who ask for the status, and for the time to tell the service
- * manager that all is well. That is told only while no thread has been at one thing for half of the
- * manager's patience: a link that hangs is ended and begins anew.
+ * manager that all is well. That is told only while no thread that talks to another machine has
+ * been at one thing for half of the manager's patience: a link that hangs is ended and begins anew.
  */
 class ControlLoop {
 public:

@@ -167,6 +167,8 @@ Exchange::Verdict Exchange::control() {
         keep(event.unit);
         if (bus_ == nullptr)
             continue;
+        if (event.unit.slot == own_.slot && event.unit.machine == own_.machine)
+            logNamesake();
         if (yields())
             return Verdict::Yield;
         meet(event.unit);
@@ -179,6 +181,15 @@ std::string Exchange::rival() const {
         if (unit.slot == own_.slot && unit.machine != own_.machine)
             return unit.machine;
     return {};
+}
+
+/** Machines that were copied have one name, unless they are told another. */
+void Exchange::logNamesake() const {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "another link is slot %u, machine %s, too: one of the two needs another "
+                           "--slot and --machine",
+                           unsigned{own_.slot}, own_.machine.c_str());
 }
 
 /** Two networks of which each had a machine of this slot have become one. */

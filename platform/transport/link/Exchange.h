@@ -83,6 +83,7 @@ private:
     void makePeer(UnitInfo const& unit);
     Peers peers() const;
     void loseTogether(std::deque<Event> const& events);
+    void logNamesake() const;
     bool hasSuccessor(UnitInfo const& unit) const;
     bool yields() const;
 
