@@ -2,6 +2,7 @@
 
 #include <handler_threads.h>
 
+#include <system_error>
 #include <thread>
 
 std::string absoluteNameOf(TreflectObject const& object) {
@@ -47,7 +48,7 @@ void ClassFollower::follow(unsigned int classId, std::string const& name) {
         ++pending_;
     }
     // Registering waits for all processes of the group, for those that hang up to a minute.
-    std::thread([this, classId, name] {
+    auto const registers = [this, classId, name] {
         {
             TreflectHandlerState const inside(true);
             orb_.observeDeletions(classId, *new Observer(deleted_, name));
@@ -57,7 +58,14 @@ void ClassFollower::follow(unsigned int classId, std::string const& name) {
         std::lock_guard<std::mutex> const lock(mutex_);
         --pending_;
         changed_.notify_all();
-    }).detach();
+    };
+    try {
+        std::thread(registers).detach();
+    } catch (std::system_error const&) {  // with the next one who asks
+        std::lock_guard<std::mutex> const lock(mutex_);
+        --pending_;
+        followed_.erase(classId);
+    }
 }
 
 bool ClassFollower::awaitRegistrations(std::chrono::milliseconds most) {

@@ -21,7 +21,8 @@ Lookout::Lookout(Tool& tool, Attendant& attendant)
           orb_, ClassFollower::Present::kKnown,
           [this](TreflectObject const& object, std::string const&) { created(object); },
           [this](TreflectObject const& object, std::string const&) { deleted(placeOf(object)); })),
-      brokers_(*new BrokerFollower) {}
+      brokers_(*new BrokerFollower),
+      reaper_(*new Reaper) {}
 
 std::vector<Begun> Lookout::start(Targets const& targets) {
     constexpr std::chrono::seconds kMoment(1);  // who hangs holds up what is registered
@@ -247,7 +248,7 @@ void Lookout::look() {
     beginAll(unknown, Attendant::Comes::kLater);
 }
 
-/** Lets go of what has gone for a while; to end a watch its object's process may be asked. */
+/** Lets go of what has gone for a while. */
 void Lookout::reap() {
     constexpr std::chrono::seconds kWhile(2);
     std::vector<std::pair<unsigned int, std::shared_ptr<void>>> over;
@@ -265,14 +266,6 @@ void Lookout::reap() {
             at = entries_.erase(at);
         }
     }
-    if (over.empty())
-        return;
-    std::vector<TreflectOrbId> brokers;
-    for (auto const& [broker, attended] : over)
-        brokers.emplace_back(broker);
-    auto const shared = std::make_shared<decltype(over)>(std::move(over));
-    tool_.asking().each<bool>(brokers, [shared](std::size_t number) {
-        (*shared)[number].second.reset();
-        return std::optional(true);
-    });
+    for (auto& [broker, attended] : over)
+        reaper_.take(broker, std::move(attended));
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Following.h"
+#include "Reaper.h"
 #include "Staying.h"
 #include "Tool.h"
 
@@ -100,6 +101,7 @@ private:
     TreflectORB& orb_;
     ClassFollower& classes_;
     BrokerFollower& brokers_;
+    Reaper& reaper_;
 
     // Guarded by the run permission, as all up to the next remark.
     std::map<Key, Entry> entries_;

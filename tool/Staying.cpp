@@ -96,6 +96,7 @@ ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int coun
     ExitCode outcome = ExitCode::kDone;
     do {
         auto const events = std::make_shared<Events>();
+        overSessions().push_back(events);  // who still answers for the session may add to them
         {
             Group const group(settings.verbose);
             auto const tool = std::make_shared<Tool>(settings, output);
@@ -106,7 +107,6 @@ ExitCode stayInGroup(Settings const& settings, Output& output, unsigned int coun
             session->end();
             outcome = session->outcome();
         }
-        overSessions().push_back(events);
         stay.tell(*events);
         if (signal == 0)
             output.flush(signals.descriptor());

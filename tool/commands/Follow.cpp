@@ -7,6 +7,8 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <set>
+#include <utility>
 
 #include "Commands.h"
 #include "Following.h"
@@ -32,6 +34,12 @@ public:
         objects_.erase(found);
     }
     bool has(Place place) const { return objects_.count(place) != 0; }
+    std::set<Place> places() const {
+        std::set<Place> all;
+        for (auto const& object : objects_)
+            all.insert(object.first);
+        return all;
+    }
     /** Those of a kind go. */
     void goThose(std::function<bool(Place)> const& areGone) {
         std::vector<std::pair<Place, std::string>> gone;
@@ -102,14 +110,14 @@ private:
         constexpr std::chrono::seconds kPace(2);
         bool const isDeaf = !classes_.awaitRegistrations({});
         bool const isDue = std::chrono::steady_clock::now() >= lookAt_;
-        if (!(isDeaf && isDue) && isDeaf == wasDeaf_)
+        if (isDeaf ? !isDue : !hasLooked_)
             return;
-        wasDeaf_ = isDeaf;
+        look();
+        hasLooked_ = isDeaf;  // once more when it hears again, for what has happened since
         lookAt_ = std::chrono::steady_clock::now() + kPace;
-        if (isDue)
-            look();
     }
     void look() {
+        std::set<Place> const before = places();
         tool_.lookAgain();
         Forest const& forest = tool_.objects().all();
         TreflectHandlerState const inside(true);
@@ -122,8 +130,13 @@ private:
         }
         present_.goThose([&](Place place) {
             Process const* const owner = ownerOf(tool_.processes(), place.broker);
-            return owner && !tool_.asking().isGivenUp(owner->broker()) && !forest.find(place);
+            return before.count(place) != 0 && owner &&
+                   !tool_.asking().isGivenUp(owner->broker()) && !forest.find(place);
         });
+    }
+    std::set<Place> places() const {
+        TreflectHandlerState const inside(true);
+        return present_.places();
     }
     /** Who is there now and was not before. */
     void arrived() {
@@ -184,7 +197,7 @@ private:
     ClassFollower& classes_;
     BrokerFollower& brokers_;
     std::map<TreflectOrbId, std::string> names_;  // of the processes of brokers
-    bool wasDeaf_ = false;
+    bool hasLooked_ = false;                      // while it was deaf
     std::chrono::steady_clock::time_point lookAt_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(1);
 };

@@ -135,8 +135,13 @@ private:
 class Threads final : public httplib::TaskQueue {
 public:
     Threads() {
-        for (std::size_t i = 0; i < HttpServer::kThreads; ++i)
-            threads_.emplace_back([this] { serve(); });
+        try {
+            for (std::size_t i = 0; i < HttpServer::kThreads; ++i)
+                threads_.emplace_back([this] { serve(); });
+        } catch (std::system_error const&) {
+            if (threads_.empty())
+                throw;  // fewer serve, too
+        }
     }
     void enqueue(std::function<void()> work) override {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -261,7 +266,11 @@ public:
                                                    ": not an address of this machine, or in use");
         isListening_ = true;
         listener_ = std::thread([this] {
-            listen_after_bind();
+            try {
+                listen_after_bind();
+            } catch (std::exception const&) {
+                // Without threads or memory it listens no more, which is seen.
+            }
             isListening_ = false;
         });
     }

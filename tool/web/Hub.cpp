@@ -14,6 +14,7 @@
 #include "Failure.h"
 #include "Following.h"
 #include "Members.h"
+#include "Reaper.h"
 #include "Waiting.h"
 #include "Watching.h"
 #include "Wildcard.h"
@@ -77,64 +78,6 @@ struct Wishes {
     Patterns values;
     Patterns calls;
     bool processes;
-};
-
-/** Ends watches on a thread of its own, one after the other: each may have to wait for its object's
- * process. To the end of the process. */
-class Reaper {
-public:
-    Reaper() {
-        std::thread([this] { work(); }).detach();
-    }
-    ~Reaper() = delete;
-    Reaper(Reaper const&) = delete;
-    Reaper& operator=(Reaper const&) = delete;
-
-    void take(Place place, std::shared_ptr<void> watch) {
-        if (!watch)
-            return;
-        std::lock_guard<std::mutex> const lock(mutex_);
-        over_.push_back({place.broker, std::move(watch)});
-        changed_.notify_one();
-    }
-
-private:
-    struct Over {
-        unsigned int broker;
-        std::shared_ptr<void> watch;
-    };
-
-    /** The body of the thread, which nobody stops. */
-    void work() {
-        for (;;) {
-            Over over = next();
-            if (end(over.watch))
-                continue;
-            // That process hangs: all others first.
-            std::lock_guard<std::mutex> const lock(mutex_);
-            std::stable_partition(over_.begin(), over_.end(),
-                                  [&](Over const& other) { return other.broker != over.broker; });
-        }
-    }
-    Over next() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return !over_.empty(); });
-        Over over = std::move(over_.front());
-        over_.pop_front();
-        return over;
-    }
-    /** Whether that was done in time. */
-    static bool end(std::shared_ptr<void>& watch) {
-        constexpr std::chrono::seconds kPatience(1);
-        TreflectHandlerState const inside(true);
-        TreflectDeadline const deadline(kPatience);
-        watch.reset();
-        return deadline.left().count() > 0;
-    }
-
-    std::mutex mutex_;  // a leaf
-    std::condition_variable changed_;
-    std::deque<Over> over_;  // guarded by mutex_
 };
 
 /** Waits for processes that have not answered in time until they do, each on a thread of its own.
@@ -337,6 +280,7 @@ private:
 
     // The main thread's.
     void takeNotices();
+    void lookWhileDeaf(Clock::time_point now);
     void look();
     void enter(Forest const& forest);
     void forgetAbsent(Forest const& forest);
@@ -390,6 +334,8 @@ private:
     Clock::time_point asked_ = {};
     Clock::time_point lookAt_ = {};     // when to look again
     Clock::time_point notBefore_ = {};  // whatever happens
+    bool isDeaf_ = false;               // it hears of no objects yet
+    Clock::time_point deafLookAt_ = {};
     std::map<TreflectOrbId, Hope> hopes_;
     Clock::time_point hopeAt_ = Clock::time_point::max();
     Clock::time_point stopAt_ = Clock::time_point::max();  // when to end what nobody wants
@@ -509,12 +455,24 @@ void Hub::Inside::tend() {
         hopeAt_ = Clock::time_point::max();
         isWatchingDue_ = true;
     }
+    lookWhileDeaf(now);
     if (now >= lookAt_)
         look();
     else if (now - asked_ >= kAskAgain && isAnyWished(&Wishes::processes))
         ask();
     watchWhatIsWanted();
     board_.publish();
+}
+
+/** Of objects nobody is told as long as a process hangs at which this one registers: they are
+ * looked for now and then, and once more when that is over. */
+void Hub::Inside::lookWhileDeaf(Clock::time_point now) {
+    constexpr std::chrono::seconds kPace(2);
+    bool const isDeaf = !classes_.awaitRegistrations({});
+    if (std::exchange(isDeaf_, isDeaf) == isDeaf && !(isDeaf && now >= deafLookAt_))
+        return;
+    lookAt_ = std::min(lookAt_, std::max(now, notBefore_));
+    deafLookAt_ = now + kPace;
 }
 
 bool Hub::Inside::isAnyWished(bool Wishes::*what) const {
@@ -566,19 +524,15 @@ void Hub::Inside::look() {
     auto const begin = Clock::now();
     lookAt_ = Clock::time_point::max();
     processes_ = presentProcesses(asking_);
-    Processes newcomers;
     std::set<std::string> names;
-    for (Process const& process : processes_) {
+    for (Process const& process : processes_)
         names.insert(process.name());
-        if (knownProcesses_.count(process.name()) == 0)
-            newcomers.push_back(process);
-    }
     for (std::string const& name : knownProcesses_) {
         if (names.count(name) == 0)
             board_.remove(Piece::kProcess, name);
     }
     knownProcesses_ = names;
-    classes_.followClassesOf(asking_, newcomers);
+    classes_.followClassesOf(asking_, processes_);
     Objects objects(asking_, processes_);
     Forest const& forest = objects.all();
     forgetHopes();
@@ -867,7 +821,7 @@ void Hub::Inside::end(Place place, Watch<T>& watch) {
         if (watch.watching)
             watch.watching->stop();
     }
-    reaper_.take(place, std::move(watch.watching));
+    reaper_.take(place.broker, std::move(watch.watching));
     watch = {};
 }
 
