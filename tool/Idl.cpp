@@ -34,9 +34,9 @@ std::map<std::string, std::string> const& words() {
 }
 
 /** Turns names of types into IDL, and collects what has to be declared ahead of them. */
-class Types {
+class IdlTypes {
 public:
-    explicit Types(std::string prefix) : prefix_(std::move(prefix)) {}
+    explicit IdlTypes(std::string prefix) : prefix_(std::move(prefix)) {}
 
     /** The type of a parameter. `bound`: of a sequence; 0 for none. */
     std::string type(std::string const& text, unsigned int bound = 0) {
@@ -311,7 +311,7 @@ private:
     }
 
     Description const& described_;
-    Types types_;
+    IdlTypes types_;
     std::string exceptions_;
     std::set<std::string> declared_;
     std::set<std::string> accessors_;

@@ -11,9 +11,9 @@
 
 namespace {
 
-class List final : public Command {
+class ListProcesses final : public Command {
 public:
-    List() : Command("processes", "Show the processes of the group") {}
+    ListProcesses() : Command("processes", "Show the processes of the group") {}
 
     void declare(Options& options) override {
         options.word("process", process_, false, "PROCESS: actor, pid or both, or a pattern");
@@ -109,5 +109,5 @@ private:
 }  // namespace
 
 std::unique_ptr<Command> makeProcesses() {
-    return std::make_unique<List>();
+    return std::make_unique<ListProcesses>();
 }

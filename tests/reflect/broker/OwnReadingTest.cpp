@@ -233,7 +233,7 @@ TEST_F(OwnReadingTest, aFloodDoesNotKeepTheCallerBeyondItsDeadline) {
 
 TEST_F(OwnReadingTest, aForkedChildCallsNobodyAndDisturbsNothing) {
     hold();
-    EXPECT_TRUE(testsupport::holdsInForkedChild([this] { return call(kEcho).exceptionType == 1; }));
+    EXPECT_TRUE(testsupport::holdsInForkedChild([] { return call(kEcho).exceptionType == 1; }));
     EXPECT_EQ(letGo().number, 7u);
 }
 
