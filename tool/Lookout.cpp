@@ -123,7 +123,7 @@ void Lookout::end(Entry& entry) {
         return;
     entry.isGone = true;
     entry.goneAt = Clock::now();
-    if (entry.attended)
+    if (!entry.isBusy)  // else who is busy with it tells so
         attendant_.gone(entry.target);
 }
 
@@ -189,7 +189,7 @@ Begun Lookout::begin(Target const& target, Attendant::Comes when) {
     }
     entry.isBusy = false;
     entry.attended = begun.attended;
-    if (entry.isGone && entry.attended)  // meanwhile, so that nobody has told so yet
+    if (entry.isGone)  // meanwhile, so that nobody has told so yet
         attendant_.gone(entry.target);
     if (begun.outcome == ExitCode::kDone)
         entry.failures = begun.attended ? entry.failures : kMostFailures;

@@ -39,7 +39,7 @@ public:
     enum class Comes { kAtFirst, kLater };
     /** Begins with an object. Under the run permission, with a deadline; may throw a Failure. */
     virtual Begun begin(Target const& target, Comes when) = 0;
-    /** One with which it has begun has gone. Under the run permission. */
+    /** One with which it has begun, or has tried to, has gone. Under the run permission. */
     virtual void gone(Target const& target) = 0;
 };
 

@@ -21,6 +21,25 @@ struct Followed {
     std::unique_ptr<TreflectWatch<unsigned int>> watch;
 };
 
+/** Does not answer the first observer that registers. */
+class ShyLamp : public LampObject {
+public:
+    explicit ShyLamp(std::string const& name, TreflectObject const* parent = nullptr)
+        : LampObject(name, parent) {
+        release();
+    }
+    bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
+                  TipprmiStream& out) override {
+        constexpr unsigned int kRegister = 1000;
+        if (mc == kRegister && registrations_++ == 0)
+            return false;
+        return LampObject::dispatch(withResponse, cc, mc, in, out);
+    }
+
+private:
+    unsigned int registrations_ = 0;  // guarded by the run permission
+};
+
 // All that outlives exit.
 auto& probes = *new std::map<Name, Permitted<Probe>>;
 int scriptResult = 0;
@@ -162,6 +181,12 @@ void addObjectCommands(testsupport::Commands& on) {
     // Objects, below a parent if one is named.
     on["lamp"] = makeLamp<LampObject>;
     on["combi"] = makeLamp<CombiObject>;
+    // One that is announced.
+    on["shy"] = [](Name name) {
+        makeLamp<ShyLamp>(name, "");
+        lamps.at(name)->sendCreationEvent(&lampMeta);
+        return "made";
+    };
     on["pump"] = [](Name name, unsigned int variant) {
         pumps[name] = std::make_unique<PumpObject>(name, variant);
         return "made";

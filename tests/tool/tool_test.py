@@ -55,6 +55,7 @@ class Process:
         if self.child.poll() is None:
             self.child.send_signal(how)
         code = self.child.wait(PATIENCE)
+        self.errors = self.child.stderr.read() if not self.child.stderr.closed else b""
         for stream in (self.child.stdin, self.child.stdout, self.child.stderr):
             stream.close()
         return code
@@ -94,6 +95,17 @@ class HouseTest(unittest.TestCase):
         self.addCleanup(process.end, signal.SIGKILL)
         process.wait_for('"begun"')
         return process
+
+    def actor(self):
+        actor = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1")
+        self.addCleanup(actor.end, signal.SIGKILL)
+        actor.wait_for("ready")
+        return actor
+
+    @staticmethod
+    def tell(actor, *lines):
+        actor.child.stdin.write("".join(line + "\n" for line in lines).encode())
+        actor.child.stdin.flush()
 
     def check(self, table):
         """(arguments, code, standard output, standard error), the last two as patterns of all."""
@@ -259,15 +271,12 @@ class ToolTest(HouseTest):
     def test_circles_of_waiting_processes_are_marked(self):
         circle = []
         for other in ("b", "a"):
-            actor = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1")
-            self.addCleanup(actor.end, signal.SIGKILL)
-            actor.child.stdin.write(b"publish %s\n" % {"b": b"a", "a": b"b"}[other])
-            actor.child.stdin.flush()
+            actor = self.actor()
+            self.tell(actor, "publish " + {"b": "a", "a": "b"}[other])
             actor.wait_for("published")
             circle.append((actor, other))
         for actor, other in circle:
-            actor.child.stdin.write(b"hold %s\n" % other.encode())
-            actor.child.stdin.flush()
+            self.tell(actor, "hold " + other)
         names = sorted("reflect_actor.%d" % actor.child.pid for actor, _ in circle)
         end = time.monotonic() + PATIENCE
         while time.monotonic() < end:
@@ -384,6 +393,18 @@ class ToolTest(HouseTest):
                 ("call", "blink", None, None), ("end", "blink", None, "done"),
                 ("gone", None, None, None)]
         self.assertEqual(told, once * 2)
+
+    def test_what_comes_later_and_does_not_answer_at_once_is_recorded_all_the_same(self):
+        actor = self.actor()
+        record = self.record("shy", "Lamp")
+        self.tell(actor, "shy desk")
+        self.until(record, "came", "/desk")
+        self.check([(["call", "/desk/ping"], 0, "", "")])
+        code = record.end()
+        self.assertEqual((code, record.errors), (0, b""))
+        told = [(line["event"], line.get("member")) for line in self.shown("shy")[0]
+                if line.get("object") == "/desk" and line["event"] != "value"]
+        self.assertEqual(told, [("object", None), ("call", "ping"), ("end", "ping")])
 
     @staticmethod
     def until(process, event, name):

@@ -125,12 +125,23 @@ public:
                 done = observe(*operation, attributeSetBy(meta, *operation)) && done;
         }
         for (TreflectMetaAttribute* const attribute : attributesOf(meta)) {
-            if (attribute->metaOperSet())
-                noteValue(attribute->name());
-            else if (attribute->metaOperGet())
+            if (attribute->metaOperGet() && !attribute->metaOperSet())
                 done = watch(attribute->name()) && done;
         }
         return done;
+    }
+    /** The values that the recording begins with; others come with the calls that set them, or are
+     * told to the observers of these. One that cannot be read in time costs those behind it only.
+     */
+    void noteValues() {
+        try {
+            for (TreflectMetaAttribute* const attribute : attributesOf(classOf(object_))) {
+                if (attribute->metaOperGet() && attribute->metaOperSet())
+                    noteValue(attribute->name());
+            }
+        } catch (Failure const&) {
+            return;  // no time is left
+        }
     }
 
 private:
@@ -162,8 +173,6 @@ private:
         changes_.push_back(std::make_unique<ChangeObserver>(journal_, number_, attribute));
         return operationOf(object_, operation.name()).postObserve(changes_.back().get()) && done;
     }
-    /** The value as the recording begins; others come with the calls that set it, or are told to
-     * the observers of these. */
     void noteValue(std::string const& attribute) {
         TipprmiResult<Values> const values =
             attributeOf(object_, attribute).operGet().invoke(Values());
@@ -279,18 +288,18 @@ public:
     static bool isOpen(std::string const& word) { return Wildcard::isIn(word); }
 
     Begun begin(Target const& target, Comes when) override {
-        unsigned int const number = ++lastNumber_;
-        auto const recorded = std::make_shared<Recorded>(target.object, number, journal_);
-        TreflectMetaObject const& meta = classOf(recorded->object());
-        journal_.addToHead(recording::Object{number, target.object.name, meta.name(),
-                                             classes_.add(meta), processOf(target.object.place)});
-        numbers_[target.object.place] = number;
+        constexpr char kSilent[] = "it has not answered that it is observed";
+        Place const place = target.object.place;
+        auto const recorded = std::make_shared<Recorded>(target.object, number(target), journal_);
         bool const done = recorded->begin();
-        if (when == Comes::kLater)
+        if (!done && when == Comes::kLater)
+            throw Failure(ExitCode::kTimedOut, kSilent);  // it is tried again
+        recorded->noteValues();
+        if (present_.insert(place).second && when == Comes::kLater)
             tell("+ ", "came", target);
         if (done)
             return {recorded};
-        return {recorded, ExitCode::kTimedOut, "it has not answered that it is observed"};
+        return {recorded, ExitCode::kTimedOut, kSilent};
     }
     void gone(Target const& target) override {
         auto const number = numbers_.find(target.object.place);
@@ -298,7 +307,8 @@ public:
             return;
         journal_.addGone(number->second);
         numbers_.erase(number);
-        tell("- ", "gone", target);
+        if (present_.erase(target.object.place) != 0)
+            tell("- ", "gone", target);
     }
 
 private:
@@ -326,6 +336,19 @@ private:
                                [&](auto const& known) { return known.name == name; });
         });
     }
+    /** Of an object that is recorded now, or is about to be: takes it down when it is new. What has
+     * been heard of one that is tried again is in the file already. */
+    unsigned int number(Target const& target) {
+        Place const place = target.object.place;
+        auto const known = numbers_.find(place);
+        if (known != numbers_.end())
+            return known->second;
+        TreflectMetaObject const& meta = classOf(handleOn(place));
+        recording::Object const object{++lastNumber_, target.object.name, meta.name(),
+                                       classes_.add(meta), processOf(place)};
+        journal_.addToHead(object);
+        return numbers_[place] = object.number;
+    }
     std::string processOf(Place place) {
         if (!ownerOf(processes_, place.broker))
             processes_ = presentProcesses(asking_);
@@ -344,6 +367,7 @@ private:
     WrittenClasses classes_;
     unsigned int& lastNumber_;
     std::map<Place, unsigned int> numbers_;
+    std::set<Place> present_;  // those that are recorded, which have been told to
 };
 
 class RecordSession final : public LookoutSession {
