@@ -1,0 +1,3 @@
+"""Interface compiler of Reflect ORB."""
+
+VERSION = "0.1.0"

@@ -206,21 +206,30 @@ class Completion:
         if identity.is_standard(code) or code > identity.LARGEST_CODE:
             self._report.error(entry, "method code %d is one that every object has, or too large" % code)
             return
+        outcome = code ^ identity.OUTCOME_MARK
+        if identity.is_standard(outcome):
+            self._report.error(
+                entry, "method code 0x%X is that of the outcome of one that every object has" % code
+            )
+            return
         other = known.setdefault(code, entry)
         if other is not entry or (entry.get("setCode") == entry["code"]):
-            self._report.error(
+            self._report_clash(interface, entry, other, "have the method code %d" % code)
+        elif outcome in known:
+            self._report_clash(
                 interface,
-                "%s and %s (%s:%d), both of %s, have the method code %d: give one of them another by "
-                "#pragma reflectorb code N"
-                % (
-                    entry["name"],
-                    other["name"],
-                    other["file"],
-                    other["line"],
-                    interface["scoped"],
-                    code,
-                ),
+                entry,
+                known[outcome],
+                "have method codes that differ by 0x%X only, which stands for the outcome of a call"
+                % identity.OUTCOME_MARK,
             )
+
+    def _report_clash(self, interface, entry, other, what):
+        self._report.error(
+            interface,
+            "%s and %s (%s:%d), both of %s, %s: give one of them another by #pragma reflectorb code N"
+            % (entry["name"], other["name"], other["file"], other["line"], interface["scoped"], what),
+        )
 
     def _check_raised(self, interface):
         """A caller tells by the code alone which of them it is."""

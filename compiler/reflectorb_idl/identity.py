@@ -6,6 +6,8 @@ _LAST_BLOCK = 0x7FFE
 # What every object answers to.
 _STANDARD_CODES = frozenset(range(1000, 1109)) | {2100, 2101}
 LARGEST_CODE = 0x7FFFFFFF
+# Turns the code of an operation into that under which observers hear of the outcome of its calls.
+OUTCOME_MARK = 0x40000000
 # Failures of the library itself have the highest codes.
 LARGEST_EXCEPTION_CODE = 0xFFFFFEFF
 

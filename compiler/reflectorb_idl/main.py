@@ -7,7 +7,7 @@ import re
 import sys
 import traceback
 
-from . import compatibility
+from . import VERSION, compatibility
 from .description import Completion, Description
 from .generator import Generator
 from .parser import OWN_IDL, Parser
@@ -41,6 +41,7 @@ def _arguments(words):
     parser.add_argument("--omniidl", default=os.environ.get("REFLECTORB_OMNIIDL", "omniidl"),
                         metavar="PATH", help="the parser")
     parser.add_argument("--check", nargs=2, metavar=("OLD", "NEW"), help=_CHECK)
+    parser.add_argument("--version", action="version", version="reflectorb-idl " + VERSION)
     status = 3 if "--check" in words else 1
     parser.error = lambda text: parser.exit(status, "reflectorb-idl: %s\n" % text)
     options = parser.parse_args(words)
