@@ -1,5 +1,6 @@
 // reflectorb-link: lets the terminations of this machine and those of others reach each other.
 #include <algorithm>
+#include <limits>
 #include <optional>
 
 #include "logging/Log.h"
@@ -11,6 +12,7 @@
 #include "platform/transport/link/LinkOptions.h"
 #include "platform/transport/link/Status.h"
 #include "platform/transport/link/UsualInterface.h"
+#include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 #include "reflect/TreflectProcessObject.h"
@@ -31,6 +33,11 @@ constexpr int kRetryMilliseconds = 1000;
 /** Who begins looks so long who is there, and waits so long for one of its slot who may be gone. */
 constexpr int kLookMilliseconds = 700;
 constexpr int kRivalMilliseconds = 3000;
+
+/** Channels without traffic are given back by their other ends. If a proxy did that, and had to go
+ * before it was answered, what was sent to it meanwhile would be read by nobody, and not come back.
+ */
+constexpr long long kNoIdleLooks = std::numeric_limits<long long>::max() / 2;
 
 /** Woken by any thread that has something for the control thread. */
 ControlLoop const* controlLoop = nullptr;
@@ -251,6 +258,7 @@ int main(int argc, char** argv) {
     if (std::optional<int> const over = Link::readOptions(argc, argv, options))
         return *over;
     Transport::Setup::failOnSilence(true);  // nobody's silence is to end a link
+    Transport::Receiver::idleLookInterval(kNoIdleLooks);
     auto const identity = Transport::Identity::instance().snapshot();
     if (!identity)
         return kUsage;
