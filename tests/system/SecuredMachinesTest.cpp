@@ -1,10 +1,58 @@
 // Machines whose links authenticate each other, and those who would be let in as well.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sched.h>
+#include <sys/socket.h>
 
 #include "Machines.h"
 
 namespace machines {
 namespace {
+
+/** Hears all that goes over a network, where its cables meet. */
+class Tap {
+public:
+    Tap() : socket_(socketIn(Network::name(0))) {
+        int const room = 64 << 20;
+        setsockopt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
+    }
+    ~Tap() { close(socket_); }
+    Tap(Tap const&) = delete;
+    Tap& operator=(Tap const&) = delete;
+
+    bool hasHeard(std::string const& text) {
+        static char frame[1 << 16];
+        for (ssize_t size = 0; (size = recv(socket_, frame, sizeof frame, MSG_DONTWAIT)) > 0;
+             heard_ += '\n')
+            heard_.append(frame, static_cast<std::size_t>(size));
+        return heard_.find(text) != heard_.npos;
+    }
+    bool hasMissedNothing() const {
+        tpacket_stats told{};
+        socklen_t size = sizeof told;
+        return getsockopt(socket_, SOL_PACKET, PACKET_STATISTICS, &told, &size) == 0 &&
+               told.tp_packets > 0 && told.tp_drops == 0;
+    }
+
+private:
+    /** It stays there, whoever uses it. */
+    static int socketIn(std::string const& space) {
+        int const home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+        int const there = open(("/run/netns/" + space).c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(setns(there, CLONE_NEWNET), 0);
+        int const made = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL));
+        EXPECT_EQ(setns(home, CLONE_NEWNET), 0);
+        close(there);
+        close(home);
+        return made;
+    }
+
+    int const socket_;
+    std::string heard_;
+};
 
 /** Machines of a node that lets in whom its authority has given a certificate. */
 class SecuredMachinesTest : public testing::Test {
@@ -122,6 +170,35 @@ TEST_F(SecuredMachinesTest,
     }
     ASSERT_TRUE(keys("renew", "two"));
     two.awaitLinked();
+}
+
+TEST_F(SecuredMachinesTest, what_is_called_and_said_is_read_on_the_wire_without_security_only) {
+    if (!network.made())
+        GTEST_SKIP() << "network namespaces need root, iproute2, and the right to enter them";
+    ASSERT_TRUE(keys("authority") && keys("machine", "1 one") && keys("machine", "2 two"));
+    std::string said;
+    for (int i = 8; i < 56; ++i)
+        said += static_cast<char>(7 * i);  // within what a station is called with
+    for (bool const secured : {false, true}) {
+        SCOPED_TRACE(secured);
+        Tap tap;
+        for (Machine* machine : {&one, &two}) {
+            machine->link.reset();
+            if (secured)
+                secure(*machine, folderOf(machine == &one ? "one" : "two"));
+            machine->startLink();
+        }
+        one.awaitLinked();
+        two.awaitLinked();
+        auto const server = two.station(), client = one.station();
+        server->publishStation("unmistakable", "2");
+        EXPECT_SOON(client->does("keep unmistakable 2"));
+        EXPECT_TRUE(client->does("call unmistakable 64"));
+        for (std::string const& text : {said, std::string("unmistakable"),
+                                        std::string("station_actor"), std::string("machine2")})
+            EXPECT_EQ(tap.hasHeard(text), !secured) << text;
+        EXPECT_TRUE(tap.hasMissedNothing());
+    }
 }
 
 TEST_F(SecuredMachinesTest, keys_are_not_overwritten_and_what_is_wrong_with_them_is_told) {

@@ -370,6 +370,56 @@ TEST_F(SessionTest, a_termination_of_a_group_that_is_not_shared_is_reachable_onl
     EXPECT_EQ(actor + "/" + name, "actor/name");
 }
 
+/** As another link would, or one that has begun anew: `b` has its own tokens, and those of before.
+ */
+TEST_F(SessionTest, what_was_said_in_an_earlier_life_delivers_and_settles_nothing) {
+    b.session.send(message(there, here, 1, 10));
+    passAll();
+    send(2);
+    a.session.settled(Delivery(a.actions().at(0)), now);
+    a.session.withdraw(here);
+    now += 10 * kMillisecond;
+    std::vector<Sent> const former = a.pieces(now);
+    for (Sent const& sent : former)
+        b.take(sent, now);
+    EXPECT_EQ(kinds(b.actions()), (std::vector<Kind>{Kind::Deliver, Kind::Drop}));
+    struct Case {
+        char const* what;
+        bool from, to, number;  // those of now
+        bool ends;
+    };
+    Case const cases[] = {{"as it was", false, false, false, true},
+                          {"to who is there now", false, true, false, true},
+                          {"from who is there now", true, false, false, false},
+                          {"from who is there now, in turn", true, false, true, false},
+                          {"between those who are there now", true, true, false, true}};
+    testsupport::LogCapture const log;
+    for (Case const& one : cases) {
+        SCOPED_TRACE(one.what);
+        a.session.peerLost(now);
+        a.session.peerSeen(now);
+        now += 200 * kMillisecond;
+        passAll();
+        a.session.announce(here, true, {});
+        b.session.announce(there, true, {});
+        passAll();
+        b.actions();
+        EXPECT_EQ(b.session.send(message(there, here, 3, 10)), Session::Sending::Taken);
+        Link::PieceHead const present = lastHead();
+        for (Sent sent : former) {
+            if (one.from)
+                sent.head.fromToken = present.fromToken;
+            if (one.to)
+                sent.head.toToken = present.toToken;
+            if (one.number)
+                sent.head.number = present.number + 1;
+            b.take(sent, now);
+        }
+        EXPECT_EQ(kinds(b.actions()), one.ends ? (std::vector<Kind>{Kind::GiveBack, Kind::Ended})
+                                               : std::vector<Kind>{});
+    }
+}
+
 // ---- Over a bus that has faults -----------------------------------------------------------------
 
 /** What has become of each message. */
@@ -582,6 +632,10 @@ private:
                 way.push_back(sent);
             if (faults && way.size() > 1 && oneIn(2000))
                 std::swap(way[way.size() - 1], way[way.size() - 2]);
+            if (oneIn(50))
+                former_[side] = sent;
+            if (faults && oneIn(2000))
+                sides[1 - side].take(former_[side], now_);
         }
         while (!way.empty() && way.front().at <= now_ && now_ >= cutUntil_[side]) {
             sides[1 - side].take(way.front(), now_);
@@ -595,6 +649,7 @@ private:
     std::map<PairKey, std::deque<Waiting>> waiting_[2];
     std::list<AddressedMessage> unread_[2];  // in rings
     std::deque<Sent> ways_[2];
+    Sent former_[2];  // said long ago, perhaps in an earlier session
     long long cutUntil_[2] = {};
     bool sees_[2] = {};
     std::set<PairKey> held_;
