@@ -13,6 +13,8 @@
 namespace machines {
 namespace {
 
+using namespace std::chrono_literals;
+
 /** The service manager's end, to which a link tells how it is. */
 class Manager {
 public:
@@ -241,6 +243,26 @@ TEST_F(MachinesTest, who_does_not_read_holds_up_nobody_and_all_that_he_has_not_r
     EXPECT_EQ(sender->ask("accepted " + receiverId, "accepted"), "200000");
     EXPECT_EQ(reportOf(*sender).returned, 100'000u);
     EXPECT_EQ(reportOf(*sender).damaged, 0u);
+}
+
+TEST_F(MachinesTest, what_goes_back_to_who_does_not_read_holds_up_nobody_else) {
+    join();
+    auto const caller = one.actor("transport_actor"), other = two.actor("transport_actor");
+    caller->ask("join", "id");
+    std::string const otherId = other->ask("join", "id");
+    EXPECT_TRUE(caller->does("ping " + otherId));
+    ASSERT_TRUE(sender->child().stopWholly());
+    receiver->tell("flood " + senderId + " 200 40000");
+    EXPECT_EQ(receiver->ask("accepted " + senderId, "accepted"), "200");
+    EXPECT_SOON(two.status().number("unsettledBytes") >= 1'000'000);
+    ASSERT_TRUE(receiver->child().stopWholly());
+    sender->child().kill();
+    EXPECT_SOON((two.link->signal(SIGUSR1),
+                 two.link->waitForErrorLine(": open, 1 terminations", 20ms).has_value()));
+    EXPECT_TRUE(caller->does("ping " + otherId));
+    EXPECT_TRUE(other->does("exists " + senderId)) << "what it has not read still goes back";
+    receiver->child().signal(SIGCONT);
+    EXPECT_SOON(reportOf(*receiver).returned == 200u);
 }
 
 TEST_F(MachinesTest, creations_are_told_across_machines_and_the_tool_shows_who_is_where) {

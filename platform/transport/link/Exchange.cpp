@@ -6,13 +6,18 @@
 #include <utility>
 
 #include "logging/LineLimit.h"
+#include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
 #include "oswrap/OutOfMemory.h"
+#include "oswrap/Thread.h"
 
 namespace Link {
 namespace {
 
 constexpr char const* kSource = "LinkExchange";
+/** So long all peers together may take to be told what has been settled. */
+constexpr long long kTelling = 500'000'000;
+constexpr unsigned long kLook = 1'000'000;
 
 }  // namespace
 
@@ -112,8 +117,13 @@ void Exchange::forget(std::uint64_t epoch) {
 }
 
 void Exchange::tellSettled() {
-    for (auto const& [epoch, peer] : peers())
+    Peers const known = peers();
+    for (auto const& [epoch, peer] : known)
         peer->tellSettled();
+    long long const until = OSWrap::Clock::nowNanoseconds() + kTelling;
+    for (auto const& [epoch, peer] : known)
+        while (!peer->hasToldSettled() && OSWrap::Clock::nowNanoseconds() < until)
+            OSWrap::Thread::sleep(0, kLook);
 }
 
 void Exchange::leave() {
@@ -126,9 +136,12 @@ void Exchange::leave() {
         last.swap(peers_);
     }
     for (auto const& [epoch, peer] : last)
-        peer->lost();  // so that they linger together
+        peer->beginToStop();  // so that they linger together
     for (auto const& [epoch, peer] : last)
         peer->stop();
+    for (auto const& peer : parting_)
+        peer->stop();
+    parting_.clear();
 }
 
 void Exchange::beginAnew(std::uint64_t epoch) {
@@ -142,21 +155,22 @@ std::deque<Exchange::Event> Exchange::takeEvents() {
     return std::exchange(events_, {});
 }
 
-/** Those who are out of sight now linger together, before they are parted one after the other. */
-void Exchange::loseTogether(std::deque<Event> const& events) {
-    Peers const known = peers();
-    for (Event const& event : events) {
-        auto const gone = known.find(event.unit.epoch);
-        if (!event.seen && gone != known.end())
-            gone->second->lost();
-    }
+void Exchange::buryEnded() {
+    parting_.erase(std::remove_if(parting_.begin(), parting_.end(),
+                                  [](auto const& peer) {
+                                      bool const ended = peer->hasEnded();
+                                      if (ended)
+                                          peer->stop();
+                                      return ended;
+                                  }),
+                   parting_.end());
 }
 
 Exchange::Verdict Exchange::control() {
+    buryEnded();
     if (std::exchange(hasUnmet_, false))
         meetAll();
     std::deque<Event> const events = takeEvents();
-    loseTogether(events);
     for (Event const& event : events) {
         if (!event.seen) {
             forget(event.unit.epoch);
@@ -221,8 +235,14 @@ bool Exchange::hasSuccessor(UnitInfo const& unit) const {
     return false;
 }
 
-/** A machine that has started its link again takes the place of its former self; of two machines
- * with one slot the first one stays. */
+/** Whether the terminations of one of that slot may still be shown here. */
+bool Exchange::isParting(unsigned char slot) const {
+    return std::any_of(parting_.begin(), parting_.end(),
+                       [slot](auto const& peer) { return peer->unit().slot == slot; });
+}
+
+/** A machine that has started its link again takes the place of its former self, once that has
+ * ended; of two machines with one slot the first one stays. */
 void Exchange::meet(UnitInfo const& unit) {
     if (unit.slot == own_.slot || hasSuccessor(unit))
         return;
@@ -241,7 +261,10 @@ void Exchange::meet(UnitInfo const& unit) {
         part(epoch);
         break;
     }
-    makePeer(unit);
+    if (isParting(unit.slot))
+        hasUnmet_ = true;
+    else
+        makePeer(unit);
 }
 
 void Exchange::makePeer(UnitInfo const& unit) {
@@ -255,7 +278,8 @@ void Exchange::makePeer(UnitInfo const& unit) {
     setup.peerSlot = unit.slot;
     setup.groups = groups_;
     setup.newToken = randomToken;
-    auto peer = std::make_shared<Peer>(unit, std::move(setup), directory_, std::move(writer));
+    auto peer =
+        std::make_shared<Peer>(unit, std::move(setup), directory_, std::move(writer), wake_);
     if (!peer->start()) {
         hasUnmet_ = true;
         return;
@@ -268,6 +292,7 @@ void Exchange::makePeer(UnitInfo const& unit) {
 }
 
 void Exchange::part(std::uint64_t epoch) {
+    parting_.reserve(parting_.size() + 1);
     std::shared_ptr<Peer> gone;
     {
         OSWrap::Lock<> lock(mutex_);
@@ -277,12 +302,21 @@ void Exchange::part(std::uint64_t epoch) {
         gone = std::move(found->second);
         peers_.erase(found);
     }
-    gone->stop();
+    gone->beginToStop();
+    parting_.push_back(std::move(gone));
 }
 
 void Exchange::logFigures() {
     for (auto const& [epoch, peer] : peers())
         peer->logFigures();
+}
+
+/** For another machine has its slot. Otherwise, without a peer, it is only not linked yet. */
+bool Exchange::isPassedOver(UnitInfo const& unit, Peers const& known) const {
+    return unit.slot == own_.slot ||
+           std::any_of(known.begin(), known.end(), [&unit](auto const& entry) {
+               return entry.second->unit().slot == unit.slot;
+           });
 }
 
 std::vector<PeerStatus> Exchange::status() const {
@@ -295,7 +329,7 @@ std::vector<PeerStatus> Exchange::status() const {
         else if (hasSuccessor(unit))
             continue;
         else
-            one.state = bus_ == nullptr ? "away" : "passed over";
+            one.state = isPassedOver(unit, known) ? "passed over" : "away";
         one.slot = unit.slot;
         one.machine = unit.machine;
         all.push_back(std::move(one));
@@ -306,6 +340,8 @@ std::vector<PeerStatus> Exchange::status() const {
 long long Exchange::oldestDebt() const {
     long long most = 0;
     for (auto const& [epoch, peer] : peers())
+        most = std::max(most, peer->oldestDebt());
+    for (auto const& peer : parting_)
         most = std::max(most, peer->oldestDebt());
     return most;
 }

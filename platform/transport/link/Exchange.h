@@ -43,7 +43,8 @@ public:
     std::string rival() const;
     /** From now on peers are made on this bus, and this machine is shown to them. */
     void join(Bus& bus);
-    /** Tells all peers what has been settled here; call before they see this link go. */
+    /** Tells all peers what has been settled here, as far as they take it soon; call before they
+     * see this link go. */
     void tellSettled();
     /** Ends all peers. Idempotent; the bus may end then. */
     void leave();
@@ -82,9 +83,11 @@ private:
     void part(std::uint64_t epoch);
     void makePeer(UnitInfo const& unit);
     Peers peers() const;
-    void loseTogether(std::deque<Event> const& events);
+    void buryEnded();
+    bool isParting(unsigned char slot) const;
     void logNamesake() const;
     bool hasSuccessor(UnitInfo const& unit) const;
+    bool isPassedOver(UnitInfo const& unit, Peers const& known) const;
     bool yields() const;
 
     UnitInfo own_;  // its epoch changes on the control thread, while there is no bus
@@ -96,6 +99,7 @@ private:
     Bus* bus_ = nullptr;
     std::vector<UnitInfo> units_;  // in sight, in the order of coming; our own not among them
     bool hasUnmet_ = false;        // of whom no peer could be made, for want of memory for example
+    std::vector<std::shared_ptr<Peer>> parting_;  // that are ending
 
     mutable OSWrap::Mutex mutex_;  // a leaf
     std::deque<Event> events_ OSW_GUARDED_BY(mutex_);

@@ -21,9 +21,7 @@ using Transport::Switchboard;
 
 /** What a termination has sent last is still in the channels to the proxies. */
 constexpr long long kGrace = 50'000'000;
-/** How long those that go may let out what waits; and what goes back to its senders. */
-constexpr long long kLinger = 500'000'000;
-constexpr long long kLongestLinger = 3'000'000'000;
+/** Between two looks at the proxies that leave. */
 constexpr unsigned long kLook = 2'000'000;
 constexpr long long kWriterBusy = 2'000'000;
 constexpr std::size_t kStack = 128 * 1024;
@@ -69,35 +67,17 @@ void goOn(TerminationId proxy, TerminationId sender) {
         channel->goOn();
 }
 
-using Leaving = std::vector<std::unique_ptr<Proxy>>;
-
-/** Until none of them has anything to count, or that time has come. */
-void awaitNone(Leaving const& leaving, std::size_t (Proxy::*count)() const, long long until) {
-    for (auto const& proxy : leaving)
-        while ((*proxy.*count)() != 0 && now() < until)
-            OSWrap::Thread::sleep(0, kLook);
-}
-
-/** They go out of view, then end. */
-void leave(Leaving leaving) {
-    std::vector<TerminationId> ids;
-    for (auto const& proxy : leaving)
-        ids.push_back(proxy->id());
-    Rendezvous::instance().withdraw(ids);
-    for (auto const& proxy : leaving)
-        proxy->beginToLeave();
-}
-
 }  // namespace
 
 Peer::Peer(UnitInfo unit, Session::Setup setup, Directory const& directory,
-           std::unique_ptr<BusWriter> writer)
+           std::unique_ptr<BusWriter> writer, void (*tellEnded)())
     : unit_(std::move(unit)),
       groups_(setup.groups),
       directory_(directory),
       writer_(std::move(writer)),
       session_(std::move(setup)),
       receiving_(kReceivingThreads),
+      tellEnded_(tellEnded),
       sender_(*this, &Peer::sending, "LnSend", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
               kStack),
       shower_(*this, &Peer::showing, "LnShow", OSWrap::Priority(0), OSWrap::SchedulingPolicy(0),
@@ -111,21 +91,18 @@ bool Peer::start() {
     return sender_.start() && shower_.start();
 }
 
-/** In phases: (1) the session ends, (2) nothing is written any more, (3) what it wants done is
- * done, the end of all proxies included. */
-void Peer::stop() {
+/** In phases: (1) the session ends, (2) nothing is written any more, and LnSend ends, (3) what it
+ * wants done is done, the end of all proxies included, and LnShow ends. */
+void Peer::beginToStop() {
     lost();
-    {
-        Locked lock(state_);
-        stopping_ = true;
-        state_.broadcast();
-    }
+    Locked lock(state_);
+    stopping_ = true;
+    state_.broadcast();
+}
+
+void Peer::stop() {
+    beginToStop();
     sender_.join();
-    {
-        Locked lock(work_);
-        workEnds_ = true;
-        work_.broadcast();
-    }
     shower_.join();
     writer_.reset();
 }
@@ -194,11 +171,14 @@ void Peer::lost() {
 }
 
 void Peer::tellSettled() {
-    {
-        Locked lock(state_);
-        session_.tellNow(now());
-    }
-    write();
+    Locked lock(state_);
+    session_.tellNow(now());
+    wantWriteLocked();
+}
+
+bool Peer::hasToldSettled() {
+    Locked lock(state_);
+    return !writing_ && !session_.hasSettlements();
 }
 
 void Peer::pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size) {
@@ -431,7 +411,7 @@ bool Peer::withdrawDue(long long time) {
     return any;
 }
 
-/** Body of LnSend; `stop` ends it. */
+/** Body of LnSend; `beginToStop` ends it. */
 void Peer::sending() {
     state_.lock();
     while (!stopping_) {
@@ -464,53 +444,54 @@ void Peer::sending() {
                         : OSWrap::TimeSpec(0, std::max(sleepsUntil_ - time, 1LL)));
         sleepsUntil_ = 0;
     }
+    senderOwesSince_ = Session::kNever;
+    senderWorks_ = true;  // no more
     state_.unlock();
+    Locked lock(work_);
+    workEnds_ = true;
+    work_.broadcast();
 }
 
 // ---- What the session wants --------------------------------------------------------------------
 
-/** Body of LnShow; `stop` ends it, once nothing is to be done any more. */
+/** Body of LnShow; LnSend, when it has ended, ends it, once nothing is to be done any more. */
 void Peer::showing() {
-    for (;;) {
-        bool ends = false;
-        {
-            Locked lock(work_);
-            showerWorks_ = false;
-            while (!workWaits_ && !workEnds_) {
-                showerOwesSince_ = Session::kNever;
-                work_.wait(OSWrap::TimeSpec::INFINITETIME);
-            }
-            showerOwesSince_ = Session::kNever;
-            showerWorks_ = true;
-            ends = workEnds_;
-            workWaits_ = false;
-        }
+    for (bool ends = false; !ends;) {
+        ends = awaitWork();
         carryOut(By::Shower);
-        if (ends)
-            return;
+        ends = ends && leaving_.empty();
     }
+    ended_.store(true);
+    tellEnded_();
+}
+
+/** Until there is something to do, as there is again and again while proxies leave; true when
+ * nothing new will come. */
+bool Peer::awaitWork() {
+    bool const looks = !leaving_.empty();
+    Locked lock(work_);
+    showerWorks_ = false;
+    bool inTime = true;
+    while (inTime && !workWaits_ && (looks || !workEnds_)) {
+        showerOwesSince_ = Session::kNever;
+        inTime = work_.wait(looks ? OSWrap::TimeSpec(0, kLook) : OSWrap::TimeSpec::INFINITETIME);
+    }
+    showerOwesSince_ = Session::kNever;
+    showerWorks_ = true;
+    workWaits_ = false;
+    return workEnds_;
 }
 
 void Peer::carryOut(By by) {
-    Actions next;
     state_.lock();
     if (by == By::Shower)
         awaitOthers();
     session_.takeActions(todo_);
     if (!performing_) {
         performing_ = true;
-        while (takeNext(by, next)) {
-            performingSince_ = now();
-            state_.unlock();
-            bool const done = OSWrap::withMemory([&] { perform(next); });
-            if (!done)
-                OSWrap::untilMemory([&] { performRest(next); });
-            next.clear();
-            state_.lock();
-            if (!done)
-                noteHalfDone();
-            session_.takeActions(todo_);
-        }
+        do
+            carryOutAll(by);
+        while (by == By::Shower && letLeave());
         performing_ = false;
         performingSince_ = Session::kNever;
         if (showerWaits_)
@@ -542,6 +523,68 @@ bool Peer::takeNext(By by, Actions& next) {
         next.splice(next.end(), todo_, todo_.begin());
     } while (!todo_.empty() && together(next.back().kind, todo_.front().kind));
     return true;
+}
+
+void Peer::carryOutAll(By by) {
+    for (Actions next; takeNext(by, next);) {
+        performingSince_ = now();
+        state_.unlock();
+        setAside(next);
+        bool const done = next.empty() || OSWrap::withMemory([&] { perform(next); });
+        if (!done)
+            OSWrap::untilMemory([&] { performRest(next); });
+        next.clear();
+        state_.lock();
+        if (!done)
+            noteHalfDone();
+        session_.takeActions(todo_);
+    }
+}
+
+/** What is done in the name of one whose address is not free yet. */
+void Peer::setAside(Actions& actions) {
+    if (leaving_.empty())
+        return;
+    for (auto at = actions.begin(); at != actions.end();) {
+        auto const each = at++;
+        if (leaving_.count(each->from) != 0)
+            aside_.splice(aside_.end(), actions, each);
+    }
+}
+
+/** Whether there is something to do then: what was set aside for those that have left. */
+bool Peer::letLeave() {
+    if (leaving_.empty())
+        return false;
+    performingSince_ = now();
+    state_.unlock();
+    OSWrap::untilMemory([this] { leave(); });
+    Actions free;
+    for (auto at = aside_.begin(); at != aside_.end();) {
+        auto const each = at++;
+        if (leaving_.count(each->from) == 0)
+            free.splice(free.end(), aside_, each);
+    }
+    state_.lock();
+    session_.takeActions(todo_);
+    todo_.splice(todo_.begin(), free);
+    return !todo_.empty();
+}
+
+/** All those together that may: they go out of view, then end. */
+void Peer::leave() {
+    std::vector<TerminationId> ids;
+    for (auto const& [id, proxy] : leaving_)
+        if (proxy->mayLeave())
+            ids.push_back(id);
+    if (ids.empty())
+        return;
+    Rendezvous::instance().withdraw(ids);
+    for (TerminationId const id : ids)
+        leaving_.at(id)->beginToLeave();
+    forgetPlaces(ids);
+    for (TerminationId const id : ids)
+        leaving_.erase(id);
 }
 
 /** Whether the actions are of those that end what was shown; does them then. */
@@ -612,15 +655,10 @@ void Peer::opened() {
 void Peer::ended(std::string const& reason) {
     REFLECTORB_LOG(4, kSource, "no link with slot %u, machine %s: %s", unsigned{unit_.slot},
                    unit_.machine.c_str(), reason.c_str());
-    Actions all;
-    for (auto const& [id, proxy] : proxies_) {
-        Action action{Action::Kind::Drop};
-        action.from = id;
-        all.push_back(std::move(action));
-    }
-    drop(all);
-    OSWrap::Lock<> lock(places_);
-    placed_.clear();
+    for (auto const& [id, proxy] : proxies_)
+        proxy->takeNoMore();
+    leaving_.merge(proxies_);
+    aside_.clear();  // its peer gives back what it has not been told of
 }
 
 void Peer::show(Actions const& actions) {
@@ -641,40 +679,34 @@ void Peer::show(Actions const& actions) {
             proxies_[ids[i]] = std::move(taken[i]);
 }
 
-/** All of them together let out what waits, then leave; those at which something still goes back,
- * since its sender is slow to take it, stay for longer. */
 void Peer::drop(Actions const& actions) {
-    Leaving leaving, late;
-    std::vector<TerminationId> ids;
     for (Action const& action : actions) {
         auto const found = proxies_.find(action.from);
         if (found == proxies_.end())
             continue;
-        ids.push_back(found->first);
-        leaving.push_back(std::move(found->second));
-        proxies_.erase(found);
+        found->second->takeNoMore();
+        leaving_.insert(proxies_.extract(found));
     }
-    for (auto const& proxy : leaving)
-        proxy->takeNoMore();
-    long long const begin = now();
-    awaitNone(leaving, &Proxy::unsent, begin + kLinger);
-    auto const returning = std::partition(
-        leaving.begin(), leaving.end(), [](auto const& proxy) { return proxy->returning() == 0; });
-    std::move(returning, leaving.end(), std::back_inserter(late));
-    leaving.erase(returning, leaving.end());
-    leave(std::move(leaving));
-    awaitNone(late, &Proxy::returning, begin + kLongestLinger);
-    leave(std::move(late));
-    forgetPlaces(ids);
 }
 
+/** What has not got into the rings of its destinations will not get there any more: the peer need
+ * not keep it. */
 void Peer::forgetPlaces(std::vector<TerminationId> const& gone) {
-    OSWrap::Lock<> lock(places_);
-    for (auto at = placed_.begin(); at != placed_.end();) {
-        TerminationId const from(static_cast<std::uint32_t>(at->first >> 32));
-        bool const over = std::find(gone.begin(), gone.end(), from) != gone.end();
-        at = over ? placed_.erase(at) : std::next(at);
+    std::vector<Delivery> refused;
+    {
+        OSWrap::Lock<> lock(places_);
+        auto const isGone = [&gone](auto const& entry) {
+            TerminationId const from(static_cast<std::uint32_t>(entry.first >> 32));
+            return std::binary_search(gone.begin(), gone.end(), from);
+        };
+        for (auto const& entry : placed_)
+            if (isGone(entry))
+                for (Placed const& one : entry.second)
+                    refused.push_back(one.delivery);
+        for (auto at = placed_.begin(); at != placed_.end();)
+            at = isGone(*at) ? placed_.erase(at) : std::next(at);
     }
+    settle({}, refused);
 }
 
 }  // namespace Link

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <bitset>
 #include <deque>
 #include <map>
@@ -30,7 +31,9 @@ namespace Link {
  * | `LnShow` | shows proxies and takes them away, which may wait |
  *
  * What a session wants done is done in its order, by one thread at a time: whoever has just brought
- * it about, up to something that may wait; from there on by `LnShow`.
+ * it about, up to something that may wait; from there on by `LnShow`. Proxies that are to go stay
+ * while something may still be let out of them, and nobody waits for that but who comes under the
+ * address of one: what the session wants done in his name is set aside until it has left.
  *
  * When memory runs out in the middle of something, LnSend ends the session, and the next one begins
  * as after a parting: what was not settled goes back to its senders, here and over there.
@@ -40,8 +43,9 @@ namespace Link {
  */
 class Peer final : public ProxyListener {
 public:
+    /** `tellEnded` is called on a thread of this one when `hasEnded`; must not block. */
     Peer(UnitInfo unit, Session::Setup setup, Directory const& directory,
-         std::unique_ptr<BusWriter> writer);
+         std::unique_ptr<BusWriter> writer, void (*tellEnded)());
     ~Peer();
     Peer(Peer const&) = delete;
     Peer& operator=(Peer const&) = delete;
@@ -49,14 +53,20 @@ public:
     UnitInfo const& unit() const { return unit_; }
     /** False, with a log line, when there are no threads. */
     bool start();
-    /** Writes what has been settled without delay: what is not told goes back to its sender. */
+    /** Has what has been settled written without delay: what is not told goes back to its sender.
+     */
     void tellSettled();
-    /** Ends the session, with all that belongs to it, the threads and the writer: what is left may
-     * end on any thread. Idempotent. */
+    /** Whether that has been done, or is of no use any more. */
+    bool hasToldSettled();
+    /** Ends the session, with all that belongs to it, and the threads; does not wait for that. */
+    void beginToStop();
+    /** Whether a `stop` need not wait any more. */
+    bool hasEnded() const { return ended_.load(); }
+    /** Does the same, waits, and ends the writer: what is left may end on any thread. Idempotent.
+     */
     void stop();
-    /** The engine sees the link, or not any more. */
+    /** The engine sees the link. */
     void seen();
-    void lost();
     /** On a thread of the engine, in order. */
     void pieceArrived(PieceHead const& head, unsigned char const* records, std::size_t size);
     /** Of this machine. */
@@ -96,6 +106,7 @@ private:
     void noteHalfDone() OSW_REQUIRES(state_);
     void endWithoutMemory() OSW_REQUIRES(state_);
     void performRest(Actions& actions);
+    void lost();
     void sending();
     void write() OSW_EXCLUDES(state_);
     bool withdrawDue(long long time) OSW_REQUIRES(state_);
@@ -105,9 +116,14 @@ private:
 
     enum class By { Anyone, Shower };
     void showing();
+    bool awaitWork();
     void carryOut(By by) OSW_EXCLUDES(state_);
     void awaitOthers() OSW_REQUIRES(state_);
     bool takeNext(By by, Actions& next) OSW_REQUIRES(state_);
+    void carryOutAll(By by) OSW_REQUIRES(state_);
+    void setAside(Actions& actions);
+    bool letLeave() OSW_REQUIRES(state_);
+    void leave();
     void perform(Actions& actions);
     bool partFrom(Actions const& actions);
     void deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused);
@@ -160,7 +176,13 @@ private:
     Transport::ReceiverPool receiving_;
 
     // Of the thread that has set performing_.
-    std::map<TerminationId, std::unique_ptr<Proxy>> proxies_;
+    using Proxies = std::map<TerminationId, std::unique_ptr<Proxy>>;
+    Proxies proxies_;
+    Proxies leaving_;  // that take no more; changed by LnShow alone
+    Actions aside_;    // of those whose former proxy is leaving
+
+    void (*const tellEnded_)();
+    std::atomic<bool> ended_{false};  // LnShow, which is the last
 
     OSWrap::MethodThread<Peer> sender_;
     OSWrap::MethodThread<Peer> shower_;

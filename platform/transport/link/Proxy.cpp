@@ -2,11 +2,19 @@
 
 #include <utility>
 
+#include "oswrap/Clock.h"
 #include "platform/transport/link/Record.h"
 #include "platform/transport/local/Rendezvous.h"
 #include "platform/transport/local/Switchboard.h"
 
 namespace Link {
+namespace {
+
+constexpr long long kLinger = 500'000'000;
+constexpr long long kLongestLinger = 3'000'000'000;
+
+}  // namespace
+
 Proxy::~Proxy() {
     leave();
 }
@@ -26,6 +34,18 @@ bool Proxy::take(std::string const& names, Transport::Visibility visibility) {
 
 bool Proxy::listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool) {
     return listening.valid() && receiver_->start(std::move(listening), pool);
+}
+
+void Proxy::takeNoMore() {
+    receiver_->takeNoMore();
+    endsSince_ = OSWrap::Clock::nowNanoseconds();
+}
+
+bool Proxy::mayLeave() const {
+    if (receiver_->unsent() == 0)
+        return true;
+    long long const waited = OSWrap::Clock::nowNanoseconds() - endsSince_;
+    return waited >= (receiver_->returning() == 0 ? kLinger : kLongestLinger);
 }
 
 void Proxy::beginToLeave() {

@@ -49,10 +49,10 @@ public:
      * failure. */
     bool listen(Transport::OpenSocket listening, Transport::ReceiverPool& pool);
     /** What local terminations send from now on stays with them, and is theirs again at the end. */
-    void takeNoMore() { receiver_->takeNoMore(); }
-    /** How many messages wait to be let out, and how many of them go back to their senders. */
-    std::size_t unsent() const { return receiver_->unsent(); }
-    std::size_t returning() const { return receiver_->returning(); }
+    void takeNoMore();
+    /** From then on: whether all that waited has been let out, or has waited for too long. What
+     * goes back to its senders may wait for longest. */
+    bool mayLeave() const;
     /** Out of view already: serves nobody any more. What begins that may be called before. */
     void beginToLeave();
     void leave();
@@ -74,6 +74,7 @@ private:
     unsigned long const session_;  // that it was shown in
     ProxyListener& listener_;
     bool taken_ = false;
+    long long endsSince_ = 0;  // when it was told to take no more
     std::shared_ptr<Transport::Receiver> receiver_;
 };
 

@@ -159,6 +159,8 @@ public:
     std::size_t queuedBytes() const { return queuedBytes_; }
     /** Whether there are records that no piece has been asked for yet. */
     bool queued() const { return !queue_.empty(); }
+    /** Whether something has been settled that no piece has been asked for yet. */
+    bool hasSettlements() const { return !settlements_.empty(); }
     /** Moves the actions that have gathered behind those of `actions`. */
     void takeActions(Actions& actions);
 
