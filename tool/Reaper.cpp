@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-void Reaper::take(unsigned int broker, std::shared_ptr<void> watch) {
+void Reaper::take(unsigned int broker, std::shared_ptr<void const> watch) {
     if (!watch)
         return;
     std::lock_guard<std::mutex> const lock(mutex_);
@@ -22,7 +22,7 @@ void Reaper::take(unsigned int broker, std::shared_ptr<void> watch) {
 
 void Reaper::work(unsigned int broker) {
     for (;;) {
-        std::shared_ptr<void> watch;
+        std::shared_ptr<void const> watch;
         {
             std::lock_guard<std::mutex> const lock(mutex_);
             auto const over = over_.find(broker);

@@ -20,13 +20,13 @@ public:
     Reaper& operator=(Reaper const&) = delete;
 
     /** `broker`: of the object. */
-    void take(unsigned int broker, std::shared_ptr<void> watch);
+    void take(unsigned int broker, std::shared_ptr<void const> watch);
 
 private:
     void work(unsigned int broker);
 
     std::mutex mutex_;  // a leaf
     // Guarded by mutex_.
-    std::map<unsigned int, std::deque<std::shared_ptr<void>>> over_;
+    std::map<unsigned int, std::deque<std::shared_ptr<void const>>> over_;
     std::set<unsigned int> working_;  // brokers that have a thread
 };

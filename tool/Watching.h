@@ -18,7 +18,10 @@
 class Watched {
 public:
     Watched(Target const& target, Events& events)
-        : object_(handleOn(target.object.place)), name_(target.object.name), events_(events) {}
+        : Watched(handleOn(target.object.place), target.object.name, events) {}
+    /** `name`: by which it is told. */
+    Watched(TreflectObject const& object, std::string const& name, Events& events)
+        : object_(object), name_(name), events_(events) {}
 
     /** Tells the value that an attribute has, and each that it gets. */
     bool watchValue(std::string const& name);

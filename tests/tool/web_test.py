@@ -260,6 +260,26 @@ class WebTest(HouseTest):
         self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1")
         stream.until(lambda: stream.value("/house/hall", "Level") == {10})
 
+    def test_calls_that_cannot_be_heard_are_told_as_such_until_they_are(self):
+        gateway = Gateway(self, "--timeout", "1")
+        first = Stream(gateway)
+        first.until(lambda: first.value("/house/hall", "Level") == {10})
+        self.house.stop()
+        stream = Stream(gateway, "calls=/house/*")
+        why = lambda: [one.get("unwatched") for one in stream.objects.values() if
+                       one["name"] == "/house/hall"]
+        stream.until(lambda: any(why()))
+        self.assertRegex(why()[0]["calls"], "answer")
+        self.house.child.send_signal(signal.SIGCONT)
+        stream.until(lambda: why() == [None])
+        for at in range(3):
+            run("call", "/house/hall/blink", str(at), "x")
+        stream.until(lambda: len(stream.calls) >= 6)
+        self.assertEqual([(one["event"], one.get("arguments", one.get("results")))
+                          for one in stream.calls],
+                         [told for at in range(3) for told in
+                          (("call", [at, "x"]), ("end", [at > 0]))])
+
     def test_who_hangs_costs_its_own_answers(self):
         self.start(HOUSE, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR="other")
         gateway = Gateway(self, "--timeout", "1")

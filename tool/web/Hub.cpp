@@ -13,12 +13,11 @@
 #include "Facts.h"
 #include "Failure.h"
 #include "Following.h"
-#include "Members.h"
 #include "Reaper.h"
 #include "Waiting.h"
-#include "Watching.h"
 #include "Wildcard.h"
 #include "web/Inbox.h"
+#include "web/Watches.h"
 
 namespace {
 
@@ -31,10 +30,6 @@ constexpr unsigned int kObserverClass = 0x641E8FCD;  // of all observers, see th
 bool isOfTheSystem(Node const& node) {
     bool const isProcess = !node.isReflective && node.identifier.rfind("process/", 0) == 0;
     return isProcess || node.classId == kObserverClass || node.classId == processobject::kClass;
-}
-
-std::string idOf(Place place) {
-    return fmt::format("{:x}:{:x}", place.broker, place.id);
 }
 
 /** The other way round; the id is one that has been told. */
@@ -148,93 +143,55 @@ struct Hope {
     bool isPending() const { return at != Clock::time_point::max(); }
 };
 
-/** The values of an object's attributes. Made under the run permission. */
-class WatchedValues {
-public:
-    WatchedValues(Found const& found, Inbox& inbox) : inbox_(inbox) {
-        TreflectObject const object = handleOn(found.place);
-        for (TreflectMetaAttribute* const meta : attributesOf(classOf(object))) {
-            if (meta->metaOperGet())
-                watch(*meta->getTied(&object), found, meta->name());
-        }
-    }
-    ~WatchedValues() { stop(); }
-    WatchedValues(WatchedValues const&) = delete;
-    WatchedValues& operator=(WatchedValues const&) = delete;
-
-    /** Nothing of it gets onto the board any more. */
-    void stop() {
-        for (Inbox::SourcePtr const& source : sources_)
-            inbox_.end(*source);
-    }
-    /** Whether no attribute is missing. */
-    bool isWhole() const {
-        return std::none_of(watches_.begin(), watches_.end(),
-                            [](auto const& watch) { return watch->isError(); });
-    }
-
-private:
-    void watch(TreflectAttribute& attribute, Found const& found, std::string const& name) {
-        std::string const id = idOf(found.place);
-        auto const source = std::make_shared<Inbox::Source>(
-            Inbox::Source{id + "/" + name, found.name, "[\"" + id + "\"," + textOf(name) + ",",
-                          attribute.operGet().meta()->resultTypes()});
-        sources_.push_back(source);
-        watches_.push_back(std::make_unique<TreflectAttributeWatch>(
-            attribute,
-            [&inbox = inbox_, source](TipprmiAny const& value) { inbox.leave(source, value); }));
-    }
-
-    Inbox& inbox_;
-    std::vector<Inbox::SourcePtr> sources_;
-    std::vector<std::unique_ptr<TreflectAttributeWatch>> watches_;
-};
-
-std::shared_ptr<WatchedValues> watchValues(Found const& found, Inbox& inbox) {
-    try {
-        return std::make_shared<WatchedValues>(found, inbox);
-    } catch (Failure const&) {
-        return nullptr;  // its class is unknown, or it has gone
-    }
-}
-
-std::shared_ptr<Watched> watchCalls(Found const& found, Events& events) {
-    try {
-        auto const watched = std::make_shared<Watched>(Target{found, "*"}, events);
-        for (std::string const& name : membersOf(watched->object(), "*", Purpose::kWatch).first)
-            watched->watchCalls(name);
-        return watched;
-    } catch (Failure const&) {
-        return nullptr;
-    }
-}
-
-bool isWhole(WatchedValues const& values) {
-    return values.isWhole();
-}
-
-/** What has been missed of calls is not told later: a second watch would tell all others twice. */
-bool isWhole(Watched const&) {
-    return true;
-}
-
 /** What is watched of an object, or is to be. */
 template <class T>
 struct Watch {
     bool isDone = false;  // nothing is left to be begun
     int failures = 0;     // without those that were a want of answers
-    std::shared_ptr<T> watching = {};
+    std::shared_ptr<T const> watching = {};
+    std::string missing = {};  // why not all of it is watched; empty: nothing is missing, or wanted
 
     bool isBegun() const { return isDone || watching; }
 };
 
+/** What is told of it so far is over. */
+template <class T>
+void stop(Watch<T> const& watch) {
+    if constexpr (std::is_same_v<T, WatchedValues>) {
+        if (watch.watching)
+            watch.watching->stop();
+    }
+}
+
+/** What has come of watching an object. A value. */
+template <class T>
+struct Attempt {
+    std::shared_ptr<T const> watching = {};
+    std::string missing = {};  // why not all of it is watched; empty: nothing is missing
+};
+
+/** Watches an object, of which something may have been watched earlier; may throw a Failure. Under
+ * the run permission. */
+template <class T>
+using WatchOne = std::function<std::shared_ptr<T const>(Found const& found, T const* earlier)>;
+
+template <class T>
+Attempt<T> tryOnce(WatchOne<T> const& watch, Found const& found, T const* earlier) {
+    try {
+        auto const watching = watch(found, earlier);
+        return {watching, watching->missing()};
+    } catch (Failure const& why) {
+        return {{}, why.what()};  // its class is unknown, or it has gone
+    }
+}
+
 /** An object that is there, and what is watched of it. */
 struct Known {
     std::string name;
-    Json told = {};  // on the board
+    Json told = {};  // on the board, but for what is missing
     bool isWatchable = false;
     Watch<WatchedValues> values = {};
-    Watch<Watched> calls = {};
+    Watch<WatchedCalls> calls = {};
 };
 
 }  // namespace
@@ -285,6 +242,7 @@ private:
     void enter(Forest const& forest);
     void forgetAbsent(Forest const& forest);
     void forget(Place place);
+    void tell(Place place, Known const& known);
     Json jsonOf(Place place, Node const& node, Forest const& forest) const;
     bool isSilent(unsigned int broker) const;
     void ask();
@@ -298,14 +256,13 @@ private:
     void tellSilent(TreflectOrbId broker);
     void watchWhatIsWanted();
     template <class T>
-    void begin(Watch<T> Known::*what, Patterns Wishes::*wanted,
-               std::function<std::shared_ptr<T>(Found const&)> const& watch);
+    void begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOne<T> const& watch);
     template <class T>
     void end(Watch<T> Known::*what, Patterns Wishes::*wanted);
     template <class T>
     void end(Place place, Watch<T>& watch);
     template <class T>
-    void take(Place place, Watch<T>& watch, Answer<std::shared_ptr<T>> const& answer);
+    void take(Place place, Watch<T>& watch, Answer<Attempt<T>> const& answer);
     std::vector<WishesPtr> presentWishes() const;
     bool isAnyWished(bool Wishes::*) const;
 
@@ -576,7 +533,7 @@ void Hub::Inside::tellSilent(TreflectOrbId broker) {
         if (place.broker != broker.value())
             continue;
         known.told["answers"] = false;
-        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+        tell(place, known);
     }
 }
 
@@ -599,8 +556,17 @@ void Hub::Inside::enter(Forest const& forest) {
         if (node.classId != 0)
             classes_.follow(node.classId, node.className);
         known.told = jsonOf(place, node, forest);
-        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+        tell(place, known);
     }
+}
+
+void Hub::Inside::tell(Place place, Known const& known) {
+    Json told = known.told;
+    if (!known.values.missing.empty())
+        told["unwatched"]["values"] = known.values.missing;
+    if (!known.calls.missing.empty())
+        told["unwatched"]["calls"] = known.calls.missing;
+    board_.put(Piece::kObject, idOf(place), textOf(told));
 }
 
 Json Hub::Inside::jsonOf(Place place, Node const& node, Forest const& forest) const {
@@ -632,7 +598,7 @@ void Hub::Inside::forgetAbsent(Forest const& forest) {
             continue;
         }
         known.told["answers"] = false;
-        board_.put(Piece::kObject, idOf(place), textOf(known.told));
+        tell(place, known);
     }
     for (Place const place : absent)
         forget(place);
@@ -644,6 +610,8 @@ void Hub::Inside::forget(Place place) {
         return;
     Known known = std::move(found->second);
     objects_.erase(found);
+    // There is room for another one.
+    isWatchingDue_ = isWatchingDue_ || known.values.isBegun() || known.calls.isBegun();
     end(place, known.values);
     end(place, known.calls);
     board_.forgetValues(idOf(place) + "/");
@@ -742,10 +710,13 @@ void Hub::Inside::watchWhatIsWanted() {
         end(&Known::values, &Wishes::values);
         end(&Known::calls, &Wishes::calls);
     }
-    begin<WatchedValues>(&Known::values, &Wishes::values,
-                         [this](Found const& found) { return watchValues(found, inbox_); });
-    begin<Watched>(&Known::calls, &Wishes::calls,
-                   [this](Found const& found) { return ::watchCalls(found, calls_); });
+    begin<WatchedValues>(&Known::values, &Wishes::values, [this](Found const& found, auto const&) {
+        return std::make_shared<WatchedValues>(found, inbox_);
+    });
+    begin<WatchedCalls>(&Known::calls, &Wishes::calls,
+                        [this](Found const& found, WatchedCalls const* earlier) {
+                            return std::make_shared<WatchedCalls>(found, calls_, earlier);
+                        });
 }
 
 namespace {
@@ -759,44 +730,58 @@ bool isWanted(std::vector<std::shared_ptr<Wishes const>> const& all, Patterns Wi
 }  // namespace
 
 template <class T>
-void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted,
-                        std::function<std::shared_ptr<T>(Found const&)> const& watch) {
+void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOne<T> const& watch) {
     auto const wishes = presentWishes();
     auto begun = static_cast<std::size_t>(
         std::count_if(objects_.begin(), objects_.end(),
                       [what](auto const& object) { return (object.second.*what).isBegun(); }));
     std::vector<TreflectOrbId> brokers;
-    std::vector<Found> found;
-    for (auto const& [place, known] : objects_) {
-        Watch<T> const& known_ = known.*what;
-        bool const hasRoom = known_.isBegun() || begun < kMostWatched;
-        if (known_.isDone || !hasRoom || !known.isWatchable ||
-            !isWanted(wishes, wanted, known.name))
+    std::vector<std::pair<Found, std::weak_ptr<T const>>> found;
+    for (auto& [place, known] : objects_) {
+        Watch<T>& known_ = known.*what;
+        if (known_.isDone || !known.isWatchable || !isWanted(wishes, wanted, known.name))
             continue;
+        if (!known_.isBegun() && begun == kMostWatched) {
+            known_.missing = fmt::format("{} objects are watched already", kMostWatched);
+            tell(place, known);
+            continue;
+        }
         begun += !known_.isBegun();
         brokers.emplace_back(place.broker);
-        found.push_back({known.name, place});
+        found.push_back({{known.name, place}, known_.watching});
     }
-    auto const answers = asking_.each<std::shared_ptr<T>>(
-        brokers, [found, watch](std::size_t number) -> std::optional<std::shared_ptr<T>> {
-            return watch(found[number]);
+    // What begins when nobody waits for it any more ends at once: it is begun again.
+    auto const isOver = std::make_shared<std::atomic<bool>>(false);
+    auto const answers = asking_.each<Attempt<T>>(
+        brokers, [found, watch, isOver](std::size_t number) -> std::optional<Attempt<T>> {
+            auto const& [object, earlier] = found[number];
+            Attempt<T> const attempt = tryOnce(watch, object, earlier.lock().get());
+            return *isOver ? std::nullopt : std::optional(attempt);
         });
-    for (std::size_t i = 0; i < found.size(); ++i)
-        take(found[i].place, objects_.at(found[i].place).*what, answers[i]);
+    *isOver = true;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        Place const place = found[i].first.place;
+        Known& known = objects_.at(place);
+        std::string const before = (known.*what).missing;
+        take(place, known.*what, answers[i]);
+        if ((known.*what).missing != before)
+            tell(place, known);
+    }
 }
 
-/** One that could not be begun is tried again: as often as it takes when its process has not
- * answered in time, and else a few times, since its class may be learned. */
+/** What could not be begun, or not wholly, is tried again: as often as it takes when its process
+ * has not answered in time, and else a few times, since its class may be learned. */
 template <class T>
-void Hub::Inside::take(Place place, Watch<T>& watch, Answer<std::shared_ptr<T>> const& answer) {
+void Hub::Inside::take(Place place, Watch<T>& watch, Answer<Attempt<T>> const& answer) {
     constexpr int kMostFailures = 3;
-    int const failures = watch.failures + !answer.timedOut();
-    if (answer.value) {
-        end(place, watch);
-        watch.watching = answer.value;
+    bool const isLate = asking_.isGivenUp(TreflectOrbId(place.broker));
+    watch.failures += !isLate;
+    watch.missing = answer ? answer.value.missing : isLate ? "no answer in time" : "it has failed";
+    if (answer.value.watching) {
+        stop(watch);
+        reaper_.take(place.broker, std::exchange(watch.watching, answer.value.watching));
     }
-    watch.failures = failures;
-    watch.isDone = (answer.value && isWhole(*answer.value)) || failures >= kMostFailures;
+    watch.isDone = watch.missing.empty() || watch.failures >= kMostFailures;
     if (!watch.isDone)
         hopeLater();
 }
@@ -807,20 +792,21 @@ void Hub::Inside::end(Watch<T> Known::*what, Patterns Wishes::*wanted) {
     auto const wishes = presentWishes();
     for (auto& [place, known] : objects_) {
         Watch<T>& watch = known.*what;
-        if (!watch.isBegun() || isWanted(wishes, wanted, known.name))
+        bool const isOfNoAccount = !watch.isBegun() && watch.missing.empty();
+        if (isOfNoAccount || isWanted(wishes, wanted, known.name))
             continue;
+        bool const wasToldOf = !watch.missing.empty();
         end(place, watch);
         if constexpr (std::is_same_v<T, WatchedValues>)
             board_.forgetValues(idOf(place) + "/");
+        if (wasToldOf)
+            tell(place, known);
     }
 }
 
 template <class T>
 void Hub::Inside::end(Place place, Watch<T>& watch) {
-    if constexpr (std::is_same_v<T, WatchedValues>) {
-        if (watch.watching)
-            watch.watching->stop();
-    }
+    stop(watch);
     reaper_.take(place.broker, std::move(watch.watching));
     watch = {};
 }

@@ -207,6 +207,7 @@ function paint() {
         stale[key] = false;
     if (now.tree) {
         paintTree();
+        paintUnwatched();
         checkChosen();
     }
     for (const id of changedValues)
@@ -265,7 +266,9 @@ function paintTree() {
         const isAlone = counts.get(object.name) === 1;
         row.setAttribute('aria-level', depth + 1);
         row.style.paddingLeft = depth * 1.1 + .3 + 'rem';
-        row.classList.toggle('silent', !object.answers);
+        const unwatched = (object.unwatched || {}).values;
+        row.classList.toggle('silent', !object.answers || Boolean(unwatched));
+        row.title = unwatched ? 'Values are not live: ' + unwatched : '';
         if (below)
             row.setAttribute('aria-expanded', !closed.has(object.id));
         else
@@ -650,6 +653,17 @@ get('calls-form').addEventListener('submit', event => {
     listen({calls: get('calls-of').value || '**'});
 });
 get('calls-stop').addEventListener('click', () => listen({calls: ''}));
+
+/** Objects whose calls are wanted, and not all told. */
+function paintUnwatched() {
+    const most = 5;
+    const all = [...objects.values()].filter(one => wish.calls && one.unwatched && one.unwatched.calls);
+    const told = all.slice(0, most).map(one => one.name + ': ' + one.unwatched.calls);
+    get('calls-unwatched').textContent = all.length
+        ? 'Calls are missing of ' + told.join('; ') +
+          (all.length > most ? '; and of ' + (all.length - most) + ' more' : '')
+        : '';
+}
 
 function paintCalls() {
     get('calls-list').replaceChildren(...calls.map(call => {
