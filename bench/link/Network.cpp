@@ -14,9 +14,7 @@
 namespace bench {
 namespace {
 
-bool does(std::string const& command) {
-    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
+using testsupport::does;
 
 [[noreturn]] void become(std::string const& log, std::vector<std::string> const& words) {
     int const file = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
@@ -35,52 +33,10 @@ bool does(std::string const& command) {
 
 // ---- The network -------------------------------------------------------------------------------
 
-Network::Network(int machines) : machines_(machines) {
-    remove();  // what one of the same process id has left
-    made_ = geteuid() == 0 && does("ip netns add " + hub()) &&
-            does("ip -n " + hub() + " link add bridge type bridge") &&
-            does("ip -n " + hub() + " link set bridge up");
-    for (int machine = 1; machine <= machines_; ++machine)
-        made_ = made_ && add(machine);
-}
-
-Network::~Network() {
-    remove();
-}
-
-std::string Network::space(int machine) const {
-    return "reflectorb-bench-" + std::to_string(getpid()) + "-" + std::to_string(machine);
-}
-
-bool Network::add(int machine) const {
-    std::string const port = "port" + std::to_string(machine);
-    std::string const here = "ip -n " + space(machine) + " ";
-    return does("ip netns add " + space(machine)) &&
-           does("ip netns exec " + space(machine) + " true") &&
-           does("ip link add cable netns " + space(machine) + " type veth peer name " + port +
-                " netns " + hub()) &&
-           does("ip -n " + hub() + " link set " + port + " master bridge up") &&
-           does(here + "addr add 10.77.0." + std::to_string(machine) + "/24 dev cable") &&
-           does(here + "link set lo up") && does(here + "link set cable up");
-}
-
-void Network::remove() const {
-    for (int machine = 0; machine <= machines_; ++machine)
-        does("ip netns del " + space(machine));
-}
-
-void Network::unplug(int machine) const {
-    does("ip -n " + space(machine) + " link set cable down");
-}
-
-void Network::plugIn(int machine) const {
-    does("ip -n " + space(machine) + " link set cable up");
-}
-
 bool Network::lose(int percent) const {
     bool done = true;
-    for (int machine = 1; machine <= machines_; ++machine) {
-        std::string const nft = "ip netns exec " + space(machine) + " nft ";
+    for (int machine = 1; machine <= machines(); ++machine) {
+        std::string const nft = "ip netns exec " + name(machine) + " nft ";
         does(nft + "delete table inet loss");
         if (percent > 0)
             done = does(nft +
@@ -95,15 +51,13 @@ bool Network::lose(int percent) const {
 
 // ---- A machine ---------------------------------------------------------------------------------
 
-Machine::Machine(Network const& network, int slot) : network_(network), slot_(slot) {}
-
 Machine::~Machine() {
     std::error_code ignored;
     std::filesystem::remove(log(), ignored);
 }
 
 std::unique_ptr<Child> Machine::run(std::vector<std::string> const& words) const {
-    std::vector<std::string> all{"--in", network_.space(slot_), folder_.path(),
+    std::vector<std::string> all{"--in", Network::name(slot_), folder_.path(),
                                  std::to_string(slot_)};
     all.insert(all.end(), words.begin(), words.end());
     return std::make_unique<Child>(all);

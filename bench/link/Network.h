@@ -6,41 +6,22 @@
 #include <vector>
 
 #include "Child.h"
+#include "tests/support/Namespaces.h"
 
 namespace bench {
 
-/**
- * Machines that are network namespaces of this one, numbered from 1, each with a cable to a bridge
- * in a namespace of its own. Their addresses are known in there only. Needs root. A resource.
- */
-class Network : boost::noncopyable {
+class Network : public testsupport::Namespaces {
 public:
-    explicit Network(int machines);
-    ~Network();
-
-    /** Whether all of it could be made. */
-    bool made() const { return made_; }
-    int machines() const { return machines_; }
-    std::string space(int machine) const;
-    void unplug(int machine) const;
-    void plugIn(int machine) const;
+    using Namespaces::Namespaces;
     /** From now on every machine drops so many percent of the datagrams that reach it. False when
      * that cannot be had, for want of the program nft. */
     bool lose(int percent) const;
-
-private:
-    std::string hub() const { return space(0); }
-    bool add(int machine) const;
-    void remove() const;
-
-    int const machines_;
-    bool made_ = false;
 };
 
 /** One of them: its rendezvous folder, its link, and programs that run on it. */
 class Machine : boost::noncopyable {
 public:
-    Machine(Network const& network, int slot);
+    Machine(Network const&, int slot) : slot_(slot) {}
     ~Machine();
 
     /** A copy of this program that does `words` there: see `enterMachine`. */
@@ -55,7 +36,6 @@ public:
 private:
     std::string log() const { return folder_.path() + ".log"; }
 
-    Network const& network_;
     int const slot_;
     TemporaryFolder const folder_;
     std::unique_ptr<Child> link_;

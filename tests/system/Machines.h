@@ -2,7 +2,6 @@
 #pragma once
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "ActorProgram.h"
+#include "Namespaces.h"
 #include "RendezvousFolder.h"
 #include "StationActor.h"
 #include "Waiting.h"
@@ -20,75 +20,21 @@ namespace machines {
 
 using testsupport::ActorProgram;
 using testsupport::ChildProgram;
+using testsupport::does;
 using Command = ActorProgram::Command;
-
-inline bool does(std::string const& command) {
-    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
 
 /** Whether the program takes SIGTERM as something to read, which it does first of all. */
 inline bool readsSignals(ChildProgram const& program) {
     return does("grep -q '^SigBlk:.*4203$' /proc/" + std::to_string(program.pid()) + "/status");
 }
 
-/** Namespaces, each with a cable to a bridge in one of its own; their addresses are known in there
- * only. */
-class Network {
+class Network : public testsupport::Namespaces {
 public:
-    explicit Network(int machines = 2) : machines_(machines) {
-        remove();  // what one of the same process id has left
-        made_ = geteuid() == 0 && does("ip netns add " + name(kHub)) &&
-                does("ip -n " + name(kHub) + " link add bridge type bridge") &&
-                does("ip -n " + name(kHub) + " link set bridge up");
-        for (int slot = 1; slot <= machines_; ++slot)
-            made_ = made_ && add(slot);
-    }
-    ~Network() { remove(); }
-    Network(Network const&) = delete;
-    Network& operator=(Network const&) = delete;
+    explicit Network(int machines = 2) : Namespaces(machines) {}
 
-    bool made() const { return made_; }
-    static std::string name(int slot) {
-        return "reflectorb-" + std::to_string(getpid()) + "-" + std::to_string(slot);
-    }
-    static bool set(int slot, std::string const& what) {
-        return does("ip -n " + name(slot) + " link set cable " + what);
-    }
-    void unplug(int slot) { EXPECT_TRUE(set(slot, "down")); }
-    void plugIn(int slot) { EXPECT_TRUE(set(slot, "up")); }
-    /** What a machine sends goes nowhere; what others send comes. False: this kernel cannot. */
-    static bool mute(int slot) { return queue(slot, "replace dev cable root blackhole"); }
-    static bool unmute(int slot) { return queue(slot, "del dev cable root"); }
-    /** Those of whom this holds reach each other no more, but all others. */
-    void keepApart(int slot, bool apart) {
-        EXPECT_TRUE(does("ip -n " + name(kHub) + " link set " + port(slot) +
-                         " type bridge_slave isolated " + (apart ? "on" : "off")));
-    }
-
-private:
-    static constexpr int kHub = 0;
-
-    static std::string port(int slot) { return "port" + std::to_string(slot); }
-    static bool add(int slot) {
-        return does("ip netns add " + name(slot)) &&
-               does("ip netns exec " + name(slot) + " true") &&
-               does("ip link add cable netns " + name(slot) + " type veth peer name " + port(slot) +
-                    " netns " + name(kHub)) &&
-               does("ip -n " + name(kHub) + " link set " + port(slot) + " master bridge up") &&
-               does("ip -n " + name(slot) + " addr add 10.77.0." + std::to_string(slot) +
-                    "/24 dev cable") &&
-               does("ip -n " + name(slot) + " link set lo up") && set(slot, "up");
-    }
-    static bool queue(int slot, std::string const& what) {
-        return does("ip netns exec " + name(slot) + " tc qdisc " + what);
-    }
-    void remove() const {
-        for (int slot = kHub; slot <= machines_; ++slot)
-            does("ip netns del " + name(slot));
-    }
-
-    int const machines_;
-    bool made_ = false;
+    static void unplug(int slot) { EXPECT_TRUE(Namespaces::unplug(slot)); }
+    static void plugIn(int slot) { EXPECT_TRUE(Namespaces::plugIn(slot)); }
+    static void keepApart(int slot, bool apart) { EXPECT_TRUE(Namespaces::keepApart(slot, apart)); }
 };
 
 /** A machine's folder and its link. */
