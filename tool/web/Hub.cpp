@@ -185,6 +185,31 @@ Attempt<T> tryOnce(WatchOne<T> const& watch, Found const& found, T const* earlie
     }
 }
 
+template <class T>
+using Attempts = std::map<Place, Attempt<T>>;
+
+/** Objects of a broker that are to be watched. A few threads take one after the other: all at once
+ * would keep each other waiting for longer than an answer is waited for. */
+template <class T>
+struct Queue {
+    /** With what has been watched of them earlier. */
+    std::vector<std::pair<Found, std::weak_ptr<T const>>> objects;
+    std::atomic<std::size_t> next{0};
+
+    /** Watches objects until none is left, or the time is over. Under the run permission. */
+    Attempts<T> serve(WatchOne<T> const& watch, Clock::time_point end) {
+        Attempts<T> attempts;
+        while (Clock::now() < end) {
+            std::size_t const at = next++;
+            if (at >= objects.size())
+                break;
+            auto const& [object, earlier] = objects[at];
+            attempts[object.place] = tryOnce(watch, object, earlier.lock().get());
+        }
+        return attempts;
+    }
+};
+
 /** An object that is there, and what is watched of it. */
 struct Known {
     std::string name;
@@ -202,7 +227,8 @@ class Hub::Inside {
 public:
     explicit Inside(Settings const& settings)
         : board_(static_cast<Board::Version>(unixTime())),
-          asking_(std::min<std::chrono::nanoseconds>(settings.patience(), kLookPatience)),
+          patience_(std::min<std::chrono::nanoseconds>(settings.patience(), kLookPatience)),
+          asking_(patience_),
           orb_(*TreflectORB::getInstance(NSID_UNIT)),
           inbox_(*new Inbox),
           calls_(*new Events),
@@ -262,11 +288,15 @@ private:
     template <class T>
     void end(Place place, Watch<T>& watch);
     template <class T>
-    void take(Place place, Watch<T>& watch, Answer<Attempt<T>> const& answer);
+    Attempts<T> serve(std::map<TreflectOrbId, std::shared_ptr<Queue<T>>> const& queues,
+                      WatchOne<T> const& watch);
+    template <class T>
+    void take(Place place, Watch<T>& watch, Attempt<T> const& attempt);
     std::vector<WishesPtr> presentWishes() const;
     bool isAnyWished(bool Wishes::*) const;
 
     Board board_;
+    std::chrono::nanoseconds const patience_;
     Asking asking_;
     TreflectORB& orb_;
     Inbox& inbox_;
@@ -735,8 +765,7 @@ void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOn
     auto begun = static_cast<std::size_t>(
         std::count_if(objects_.begin(), objects_.end(),
                       [what](auto const& object) { return (object.second.*what).isBegun(); }));
-    std::vector<TreflectOrbId> brokers;
-    std::vector<std::pair<Found, std::weak_ptr<T const>>> found;
+    std::map<TreflectOrbId, std::shared_ptr<Queue<T>>> queues;
     for (auto& [place, known] : objects_) {
         Watch<T>& known_ = known.*what;
         if (known_.isDone || !known.isWatchable || !isWanted(wishes, wanted, known.name))
@@ -747,39 +776,70 @@ void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOn
             continue;
         }
         begun += !known_.isBegun();
-        brokers.emplace_back(place.broker);
-        found.push_back({{known.name, place}, known_.watching});
+        std::shared_ptr<Queue<T>>& queue = queues[TreflectOrbId(place.broker)];
+        if (!queue)
+            queue = std::make_shared<Queue<T>>();
+        queue->objects.push_back({{known.name, place}, known_.watching});
     }
-    // What begins when nobody waits for it any more ends at once: it is begun again.
-    auto const isOver = std::make_shared<std::atomic<bool>>(false);
-    auto const answers = asking_.each<Attempt<T>>(
-        brokers, [found, watch, isOver](std::size_t number) -> std::optional<Attempt<T>> {
-            auto const& [object, earlier] = found[number];
-            Attempt<T> const attempt = tryOnce(watch, object, earlier.lock().get());
-            return *isOver ? std::nullopt : std::optional(attempt);
-        });
-    *isOver = true;
-    for (std::size_t i = 0; i < found.size(); ++i) {
-        Place const place = found[i].first.place;
+    for (auto const& [place, attempt] : serve(queues, watch)) {
         Known& known = objects_.at(place);
         std::string const before = (known.*what).missing;
-        take(place, known.*what, answers[i]);
+        take(place, known.*what, attempt);
         if ((known.*what).missing != before)
             tell(place, known);
     }
 }
 
+/** Those that are left are served the next time. */
+template <class T>
+Attempts<T> Hub::Inside::serve(std::map<TreflectOrbId, std::shared_ptr<Queue<T>>> const& queues,
+                               WatchOne<T> const& watch) {
+    constexpr std::size_t kLanes = 8;
+    std::vector<TreflectOrbId> brokers;
+    std::vector<std::shared_ptr<Queue<T>>> lanes;
+    for (auto const& [broker, queue] : queues) {
+        for (std::size_t i = 0; i < std::min(kLanes, queue->objects.size()); ++i) {
+            brokers.push_back(broker);
+            lanes.push_back(queue);
+        }
+    }
+    // What begins when nobody waits for it any more ends at once: it is begun again.
+    auto const isOver = std::make_shared<std::atomic<bool>>(false);
+    auto const answers = asking_.each<Attempts<T>>(
+        brokers,
+        [lanes, watch, isOver,
+         slice = patience_ / 4](std::size_t number) -> std::optional<Attempts<T>> {
+            Attempts<T> attempts = lanes[number]->serve(watch, Clock::now() + slice);
+            return *isOver ? std::nullopt : std::optional(std::move(attempts));
+        });
+    *isOver = true;
+    Attempts<T> all;
+    for (Answer<Attempts<T>> const& answer : answers)
+        all.insert(answer.value.begin(), answer.value.end());
+    for (auto const& [broker, queue] : queues) {
+        bool const isLate = asking_.isGivenUp(broker);
+        for (auto const& one : queue->objects) {
+            Place const place = one.first.place;
+            if (isLate)
+                all.insert({place, {{}, "no answer in time"}});
+            else
+                isWatchingDue_ = isWatchingDue_ || all.count(place) == 0;
+        }
+    }
+    return all;
+}
+
 /** What could not be begun, or not wholly, is tried again: as often as it takes when its process
  * has not answered in time, and else a few times, since its class may be learned. */
 template <class T>
-void Hub::Inside::take(Place place, Watch<T>& watch, Answer<Attempt<T>> const& answer) {
+void Hub::Inside::take(Place place, Watch<T>& watch, Attempt<T> const& attempt) {
     constexpr int kMostFailures = 3;
     bool const isLate = asking_.isGivenUp(TreflectOrbId(place.broker));
     watch.failures += !isLate;
-    watch.missing = answer ? answer.value.missing : isLate ? "no answer in time" : "it has failed";
-    if (answer.value.watching) {
+    watch.missing = attempt.missing;
+    if (attempt.watching) {
         stop(watch);
-        reaper_.take(place.broker, std::exchange(watch.watching, answer.value.watching));
+        reaper_.take(place.broker, std::exchange(watch.watching, attempt.watching));
     }
     watch.isDone = watch.missing.empty() || watch.failures >= kMostFailures;
     if (!watch.isDone)
