@@ -3,7 +3,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 
 #include "Failure.h"
@@ -36,8 +35,8 @@ Events::~Events() {
 }
 
 void Events::add(Event event) {
-    using namespace std::chrono;
-    event.time = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    if (event.time == 0)
+        event.time = timeNow();
     std::lock_guard<std::mutex> const lock(mutex_);
     // One that is large finds room all the same, if it is alone.
     bool const isTooMuch = bytes_ > 0 && bytes_ + event.bytes > kMostBytes;

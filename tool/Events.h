@@ -33,7 +33,7 @@ public:
     Events(Events const&) = delete;
     Events& operator=(Events const&) = delete;
 
-    /** Adds one, with the time. */
+    /** Adds one, with the time unless it has one. */
     void add(Event event);
     /** Adds one of the thread that takes them, which has a time of its own: kept in any case, since
      * that thread cannot take any before it has added all. */

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "Failure.h"
+#include "Units.h"
 
 namespace {
 
@@ -20,11 +21,6 @@ Journal::Journal(std::string path, Limits limits) : path_(std::move(path)), limi
     writer_.detach();
 }
 
-std::int64_t Journal::now() {
-    using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-}
-
 void Journal::add(recording::Record record, std::size_t bytes) {
     std::lock_guard<std::mutex> const lock(mutex_);
     if (isPaused_ || !failure_.empty())
@@ -36,7 +32,7 @@ void Journal::add(recording::Record record, std::size_t bytes) {
         return;
     }
     if (lost_ > 0)
-        waiting_.emplace_back(recording::Lost{now(), std::exchange(lost_, 0)});
+        waiting_.emplace_back(recording::Lost{timeNow(), std::exchange(lost_, 0)});
     count(record);
     waiting_.push_back(std::move(record));
     waitingBytes_ += bytes;
@@ -61,7 +57,7 @@ void Journal::addGone(unsigned int object) {
                                    }),
                     head_.end());
     }
-    add(recording::Gone{now(), object});
+    add(recording::Gone{timeNow(), object});
 }
 
 void Journal::count(recording::Record const& record) {
@@ -73,8 +69,8 @@ void Journal::pause() {
     std::unique_lock<std::mutex> lock(mutex_);
     isPaused_ = true;
     if (lost_ > 0)
-        waiting_.emplace_back(recording::Lost{now(), std::exchange(lost_, 0)});
-    waiting_.emplace_back(recording::Finish{now()});
+        waiting_.emplace_back(recording::Lost{timeNow(), std::exchange(lost_, 0)});
+    waiting_.emplace_back(recording::Finish{timeNow()});
     changed_.notify_all();
     changed_.wait(lock, [this] { return (waiting_.empty() && !isWriting_) || !failure_.empty(); });
     head_.clear();  // not before: a file may have become full up to here
@@ -134,7 +130,7 @@ void Journal::write(Records const& records) {
 void Journal::append(recording::Record const& record) {
     std::string bytes = recording::encode(record);
     if (bytes.empty()) {  // too large for a record
-        bytes = recording::encode(recording::Lost{now(), 1});
+        bytes = recording::encode(recording::Lost{timeNow(), 1});
         std::lock_guard<std::mutex> const lock(mutex_);
         ++counts_.lost;
     }
@@ -146,7 +142,7 @@ void Journal::open() {
     file_.open(path_, std::ios::binary | std::ios::trunc);
     written_ = 0;
     file_.write(recording::kMark, recording::kMarkSize);
-    append(recording::Begin{recording::kVersion, now(), "reflectorb " REFLECTORB_VERSION});
+    append(recording::Begin{recording::kVersion, timeNow(), "reflectorb " REFLECTORB_VERSION});
     file_.flush();
     if (!file_)
         fail("open");

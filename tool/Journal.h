@@ -39,8 +39,6 @@ public:
     Journal(Journal const&) = delete;
     Journal& operator=(Journal const&) = delete;
 
-    /** Microseconds since 1970. */
-    static std::int64_t now();
     /** Takes a record; the time must be in it. `bytes`: how much its values have. */
     void add(recording::Record record, std::size_t bytes = 0);
     /** Takes what is repeated at the begin of each file: classes and objects. */

@@ -57,6 +57,7 @@ public:
         RecordedCall& call = calls_[found->second];
         open_.erase(found);
         call.fate = fateOf(end, call.resultTypes);
+        call.begunUntilEnd = calls_.size();
         call.results = end.results;
         call.refusal = call.fate->text(known_.exceptionType(end.object, end.operation, end.code));
     }
@@ -208,14 +209,16 @@ RecordedCalls readCalls(std::string const& path, Output& output) {
         recording::Object const* const object = call ? known.object(call->object) : nullptr;
         if (!object)
             continue;
-        calls.push_back({call->time,
-                         object->name,
-                         call->operation,
-                         call->arguments,
-                         known.argumentTypes(call->object, call->operation),
-                         {},
-                         {},
-                         known.resultTypes(call->object, call->operation)});
+        std::size_t const position = calls.size();
+        RecordedCall& recorded = calls.emplace_back();
+        recorded.time = call->time;
+        recorded.object = object->name;
+        recorded.operation = call->operation;
+        recorded.caller = call->caller;
+        recorded.position = position;
+        recorded.arguments = call->arguments;
+        recorded.argumentTypes = known.argumentTypes(call->object, call->operation);
+        recorded.resultTypes = known.resultTypes(call->object, call->operation);
         pairing.call(*call);
     }
     tellEnding(path, reader.ending(), output);

@@ -16,9 +16,12 @@ struct RecordedCall {
     std::int64_t time = 0;  // microseconds since 1970
     std::string object;
     std::string operation;
+    std::string caller;        // the process; empty when it is not known
+    std::size_t position = 0;  // how many calls had begun ahead of it
     recording::Anys arguments;
     recording::Types argumentTypes;
     std::optional<Fate> fate = {};  // nothing when its end is not in the recording
+    std::size_t begunUntilEnd = 0;  // how many calls had begun when it ended
     recording::Anys results = {};
     recording::Types resultTypes = {};
     std::string refusal = {};  // in words; empty when it was not refused

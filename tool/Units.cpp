@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <set>
@@ -35,6 +36,11 @@ std::string bytesText(std::int64_t bytes) {
         unit = next;
     }
     return fmt::format("{:.1f} {}", amount, unit);
+}
+
+std::int64_t timeNow() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 std::string timeText(std::int64_t microsecondsSince1970) {

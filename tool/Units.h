@@ -8,6 +8,8 @@
 std::string durationText(double seconds);
 /** "4.2 MiB" */
 std::string bytesText(std::int64_t bytes);
+/** Microseconds since 1970. */
+std::int64_t timeNow();
 /** "16:42:07.123", local time */
 std::string timeText(std::int64_t microsecondsSince1970);
 

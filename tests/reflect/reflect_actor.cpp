@@ -21,22 +21,26 @@ struct Followed {
     std::unique_ptr<TreflectWatch<unsigned int>> watch;
 };
 
-/** Does not answer the first observer that registers. */
+/** Does not answer the first observer that registers; calls of setHeld wait for one of ping. */
 class ShyLamp : public LampObject {
 public:
-    explicit ShyLamp(std::string const& name, TreflectObject const* parent = nullptr)
-        : LampObject(name, parent) {
-        release();
-    }
+    using LampObject::LampObject;
+
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {
         constexpr unsigned int kRegister = 1000;
         if (mc == kRegister && registrations_++ == 0)
             return false;
+        if (mc == lamp::kHeld)
+            return serve(lamp::kClass, cc, mc, in, out, &ShyLamp::heldNow);
+        if (mc == device::kPing)
+            release();
         return LampObject::dispatch(withResponse, cc, mc, in, out);
     }
 
 private:
+    unsigned int heldNow() const { return held; }
+
     unsigned int registrations_ = 0;  // guarded by the run permission
 };
 

@@ -13,6 +13,7 @@
 #include "Lookout.h"
 #include "Members.h"
 #include "Staying.h"
+#include "Units.h"
 #include "Wildcard.h"
 
 namespace {
@@ -43,8 +44,8 @@ public:
         recording::Anys values = anysOf(arguments());
         std::size_t const size = sizeOf(values);
         if (!values.empty())
-            journal_.add(
-                recording::Value{Journal::now(), object_, attribute_, std::move(values[0])}, size);
+            journal_.add(recording::Value{timeNow(), object_, attribute_, std::move(values[0])},
+                         size);
         return true;
     }
 
@@ -80,14 +81,14 @@ private:
                 set_.erase(set_.begin());
             set_[call.number] = values[0];
         }
-        journal_.add(recording::Call{Journal::now(), object_, operation_, std::move(values),
-                                     call.number, call.caller},
+        journal_.add(recording::Call{timeNow(), object_, operation_, std::move(values), call.number,
+                                     call.caller},
                      size);
     }
     void ended(HeardCall const& call, Fate const& fate) {
         recording::Anys values = anysOf(call.values);
         std::size_t const size = sizeOf(values);
-        std::int64_t const now = Journal::now();
+        std::int64_t const now = timeNow();
         journal_.add(recording::End{now, object_, operation_, std::move(values), call.number,
                                     static_cast<unsigned int>(fate.kind), fate.code, fate.fields},
                      size);
@@ -177,12 +178,12 @@ private:
         TipprmiResult<Values> const values =
             attributeOf(object_, attribute).operGet().invoke(Values());
         if (values && values.value().getLength() == 1)
-            journal_.add(recording::Value{Journal::now(), number_, attribute, values.value()[0]});
+            journal_.add(recording::Value{timeNow(), number_, attribute, values.value()[0]});
     }
     bool watch(std::string const& attribute) {
         watches_.push_back(std::make_unique<TreflectAttributeWatch>(
             attributeOf(object_, attribute), [this, attribute](TipprmiAny const& value) {
-                journal_.add(recording::Value{Journal::now(), number_, attribute, value},
+                journal_.add(recording::Value{timeNow(), number_, attribute, value},
                              static_cast<std::size_t>(value.getDataSize()));
             }));
         return !watches_.back()->isError();
