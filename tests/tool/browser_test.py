@@ -1,19 +1,24 @@
 #!/usr/bin/env python3
 """The page of reflectorb web in chromium, headless, by the WebDriver protocol.
 
-    browser_test.py <as tool_test.py, and behind it:> <machine> <folder for screenshots>
+    browser_test.py <as tool_test.py, and behind it:> <machine> <folder for screenshots> [<test>...]
+
+Ends with 77 where there is no chromium, or no driver of it.
 """
 import base64
 import json
 import os
+import shutil
 import signal
 import socket
+import statistics
 import sys
+import threading
 import time
 import unittest
 import urllib.request
 
-from tool_test import HOUSE, PATIENCE, HouseTest, Process, run
+from tool_test import ACTOR, HOUSE, PATIENCE, HouseTest, Process, run
 from web_test import Gateway
 
 MACHINE, PICTURES = sys.argv[6:8]
@@ -166,8 +171,9 @@ class BrowserTest(HouseTest):
             browser.type("#calls-of", "/house/**\ue007")
             end = time.monotonic() + PATIENCE
             while not browser.do("return calls.length") and time.monotonic() < end:
-                run("call", "/house/hall/blink", "0", "watched")
-            browser.sees("#calls-list", "/house/hall/blink(0, watched)")
+                run("call", "/house/hall/blink", "1", "watched")
+            browser.sees("#calls-list", "/house/hall/blink(1, watched)")
+            browser.sees("#calls-list", "/house/hall/blink \u2192 true")
             browser.picture("calls")
         with self.subTest("processes, waits, classes"):
             browser.click("a[href='#processes']")
@@ -238,6 +244,119 @@ class BrowserTest(HouseTest):
         self.assertEqual(machine.child.poll(), None)
 
 
+class Publisher:
+    """A process with objects, some of which change ten times a second."""
+    PACE = 0.1
+
+    def __init__(self, test, actor, objects, changing):
+        self.process = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR=actor)
+        test.addCleanup(self.process.end, signal.SIGKILL)
+        self.names = ["%s%03d" % (actor, at) for at in range(objects)]
+        self.changing = changing
+        self.level = self.changes = 0
+        self.isOver = threading.Event()
+        self.thread = threading.Thread(target=self.change)
+        # What they hold back otherwise is for other tests.
+        self.obey("lamp %s\nletgo %s", self.names, 2)
+
+    def obey(self, command, names, answers):
+        stream = self.process.child.stdin
+        stream.write("".join((command + "\n").replace("%s", name) for name in names).encode())
+        stream.flush()
+        left = answers * len(names)
+        while left > 0:
+            left -= os.read(self.process.child.stdout.fileno(), 65536).count(b"\n")
+
+    def change(self):
+        """Those that it was too late for are made up for."""
+        due = time.monotonic()
+        while not self.isOver.is_set():
+            self.level = self.level % 99 + 1
+            self.obey("change %%s %d" % self.level, self.names[:self.changing], 1)
+            self.changes += self.changing
+            due += self.PACE
+            time.sleep(max(0, due - time.monotonic()))
+
+    def end(self):
+        self.isOver.set()
+        self.thread.join()
+
+
+class LoadTest(HouseTest):
+    """A thousand objects, of which two hundred change ten times a second."""
+    PUBLISHERS, OBJECTS, CHANGES = 2, 1000, 2000
+    WINDOWS, SECONDS = 5, 6
+    MOST = 10  # percent of a processor
+    FRAMES = """
+        window.frames = {longest: 0, count: 0, painting: 0};
+        const painted = paint;
+        paint = () => {
+            const begin = performance.now();
+            painted();
+            frames.painting += performance.now() - begin;
+        };
+        let last = performance.now();
+        const step = now => {
+            frames.longest = Math.max(frames.longest, now - last);
+            ++frames.count;
+            last = now;
+            requestAnimationFrame(step);
+        };
+        requestAnimationFrame(step);"""
+
+    @staticmethod
+    def processor_time(process):
+        with open("/proc/%d/stat" % process.child.pid) as stat:
+            user, system = stat.read().rsplit(")", 1)[1].split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+    def test_a_thousand_objects_stay_smooth(self):
+        publishers = [Publisher(self, "pub%d_" % at, self.OBJECTS // self.PUBLISHERS,
+                                int(self.CHANGES * Publisher.PACE) // self.PUBLISHERS)
+                      for at in range(self.PUBLISHERS)]
+        gateway = Gateway(self)
+        browser = Browser(self)
+        browser.send("POST", "/url", {"url": gateway.address.geturl()})
+        browser.until("return [...values.values()].filter(one => one.has('Level')).length >= %d" %
+                      self.OBJECTS)
+        for publisher in publishers:
+            publisher.thread.start()
+            self.addCleanup(publisher.end)
+        time.sleep(self.SECONDS)
+        browser.do(self.FRAMES)
+        shares, rates = [], []
+        begin = time.monotonic()
+        for _ in range(self.WINDOWS):
+            before = [self.processor_time(gateway.process), time.monotonic(),
+                      sum(publisher.changes for publisher in publishers)]
+            time.sleep(self.SECONDS)
+            seconds = time.monotonic() - before[1]
+            shares.append((self.processor_time(gateway.process) - before[0]) / seconds * 100)
+            rates.append((sum(publisher.changes for publisher in publishers) - before[2]) / seconds)
+        frames = browser.do("return frames")
+        seconds = time.monotonic() - begin
+        browser.picture("many")
+        for publisher in publishers:
+            publisher.end()
+        for publisher in publishers:
+            browser.until("return [...objects.values()].filter(one => (values.get(one.id) || new Map)"
+                          ".get('Level') === %d && one.process.startsWith('%s')).length >= %d" % (
+                              publisher.level, publisher.names[0][:5], publisher.changing))
+        print("%d changes a second: the gateway takes %.1f %% of a processor (%s); the page "
+              "has %.0f pictures a second, which take it %.0f ms, the longest pause %.0f ms" % (
+                  statistics.median(rates), statistics.median(shares),
+                  ", ".join("%.1f" % share for share in shares), frames["count"] / seconds,
+                  frames["painting"] / seconds, frames["longest"]), flush=True)
+        # In proportion, where the publishers were held up.
+        self.assertLess(statistics.median(share / rate for share, rate in zip(shares, rates)) *
+                        self.CHANGES, self.MOST)
+        self.assertEqual(browser.errors(), [])
+
+
 if __name__ == "__main__":
+    lacking = [name for name in ("chromium", "chromedriver") if not shutil.which(name)]
+    if lacking:
+        print("skipped: there is no %s here; ./run browser installs it" % " and no ".join(lacking))
+        sys.exit(77)
     os.makedirs(PICTURES, exist_ok=True)
-    unittest.main(argv=["browser_test.py"], verbosity=2, failfast=True)
+    unittest.main(argv=["browser_test.py"] + sys.argv[8:], verbosity=2, failfast=True)
