@@ -9,4 +9,7 @@ if [[ $# -eq 0 ]]; then
     "$tree/bench/reflectorb-bench-library" --benchmark_min_time=0.2
     "$tree/bench/reflectorb-bench-tree"
     "$tree/bench/reflectorb-bench-scale"
+    if [[ -x $tree/bench/reflectorb-bench-recording ]]; then
+        "$tree/bench/reflectorb-bench-recording"
+    fi
 fi
