@@ -63,18 +63,20 @@ bool Watched::watchCalls(std::string const& name) {
     TreflectMetaOperation const& meta = *operationOf(object_, name).meta();
     auto const begun = [this, tell = callTeller("call ", "call", meta)](HeardCall const& call) {
         addLater(events_, call.values, false,
-                 [tell, caller = call.caller, number = call.number](Event& event,
-                                                                    Values const& arguments) {
+                 [tell, id = id_, caller = call.caller, number = call.number](
+                     Event& event, Values const& arguments) {
                      tell(event, arguments);
                      addCaller(event, caller, number);
+                     addId(event, id);
                  });
     };
     auto const ended = [this, tell = endTeller(meta)](HeardCall const& call, Fate const& fate) {
         addLater(events_, call.values, true,
-                 [tell, fate, caller = call.caller, number = call.number](Event& event,
-                                                                          Values const& results) {
+                 [tell, fate, id = id_, caller = call.caller, number = call.number](
+                     Event& event, Values const& results) {
                      tell(event, results, fate);
                      addCaller(event, caller, number);
+                     addId(event, id);
                  });
     };
     auto observer = std::make_unique<CallObserver>(begun, ended);
@@ -89,6 +91,11 @@ void Watched::addCaller(Event& event, std::string const& caller, unsigned int nu
     event.line += "  by " + caller;
     event.json["caller"] = caller;
     event.json["call"] = number;
+}
+
+void Watched::addId(Event& event, std::string const& id) {
+    if (!id.empty())
+        event.json["id"] = id;
 }
 
 bool Watched::veto(std::string const& name) {

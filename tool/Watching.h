@@ -19,9 +19,11 @@ class Watched {
 public:
     Watched(Target const& target, Events& events)
         : Watched(handleOn(target.object.place), target.object.name, events) {}
-    /** `name`: by which it is told. */
-    Watched(TreflectObject const& object, std::string const& name, Events& events)
-        : object_(object), name_(name), events_(events) {}
+    /** `name`: by which it is told; `id`: likewise, of its calls, where several may have the name.
+     */
+    Watched(TreflectObject const& object, std::string const& name, Events& events,
+            std::string const& id = {})
+        : object_(object), name_(name), id_(id), events_(events) {}
 
     /** Tells the value that an attribute has, and each that it gets. */
     bool watchValue(std::string const& name);
@@ -45,11 +47,13 @@ private:
                       TreflectMetaOperation const& operation) const;
     EndTeller endTeller(TreflectMetaOperation const& operation) const;
     static void addCaller(Event& event, std::string const& caller, unsigned int number);
+    static void addId(Event& event, std::string const& id);
     static Json json(std::string const& object, char const* event, std::string const& member,
                      char const* valuesName, Json const& values);
 
     TreflectObject const object_;
     std::string const name_;
+    std::string const id_;
     Events& events_;
     std::vector<std::unique_ptr<TreflectAttributeWatch>> values_;
     std::vector<std::unique_ptr<TreflectObserver>> observers_;

@@ -120,6 +120,7 @@ class BrowserTest(HouseTest):
             browser.type("#tree .row", "\ue007")  # Enter
             browser.sees("#object h2", "/house/hall")
             browser.sees("#object .doc", "In percent.")
+            browser.sees("[data-attribute=Level] .unit", "%")
         level = "[data-attribute=Level] input"
         with self.subTest("change"):
             browser.sees(level, "10")
@@ -181,6 +182,17 @@ class BrowserTest(HouseTest):
             browser.sees("#traffic", "house")
             browser.picture("processes")
             browser.click("a[href='#waits']")
+            browser.sees("#waits-verdict", "Nobody waits")
+            circle = {name: self.actor() for name in "ab"}
+            for name, actor in circle.items():
+                self.tell(actor, "publish " + name)
+                actor.wait_for("published")
+            for name, actor in circle.items():
+                self.tell(actor, "hold " + {"a": "b", "b": "a"}[name])
+            browser.sees("#waits-verdict", "They wait for each other")
+            browser.picture("waits")
+            for actor in circle.values():
+                actor.end(signal.SIGKILL)
             browser.sees("#waits-verdict", "Nobody waits")
             browser.click("a[href='#classes']")
             browser.sees("#classes-list", "Lamp")
@@ -251,6 +263,7 @@ class Publisher:
     def __init__(self, test, actor, objects, changing):
         self.process = Process(ACTOR, REFLECTORB_PROCESS_OBJECT="1", TRANSPORT_ACTOR=actor)
         test.addCleanup(self.process.end, signal.SIGKILL)
+        self.process.wait_for("ready")
         self.names = ["%s%03d" % (actor, at) for at in range(objects)]
         self.changing = changing
         self.level = self.changes = 0

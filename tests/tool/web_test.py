@@ -220,11 +220,20 @@ class WebTest(HouseTest):
         self.assertEqual([get("Level", own)["value"], get("Level", others)["value"]], [10, 31])
         shown = json.loads(gateway.ask("GET", "/api/show?id=" + others)[1])["objects"]
         self.assertEqual([one["process"] for one in shown], ["other.%d" % other.child.pid])
+        stream = Stream(gateway, "values=/house/hall&calls=/house/hall")
+        level, end = 0, time.monotonic() + PATIENCE
+        while {one["id"] for one in stream.calls} != {own, others}:  # once they are observed
+            self.assertLess(time.monotonic(), end)
+            level = level % 100 + 1
+            for one in (own, others):
+                gateway.post("/api/call", {"id": one, "member": "blink", "arguments": [1, "x"]})
+                gateway.post("/api/set", {"id": one, "member": "Level", "value": level})
+            stream.until(lambda: stream.value("/house/hall", "Level") == {level})
         other.end(signal.SIGKILL)
         until(lambda: "no more" in gateway.ask("GET", "/api/get?member=Level&id=" + others)[1])
         self.assertEqual(gateway.post("/api/set", {"id": others, "member": "Level", "value": 1})[0],
                          404)
-        self.assertEqual(get("Level", own)["value"], 10)
+        self.assertEqual(get("Level", own)["value"], level)
 
     def test_who_comes_back_is_told_what_has_changed(self):
         gateway = Gateway(self)

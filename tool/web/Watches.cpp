@@ -59,7 +59,8 @@ WatchedCalls::WatchedCalls(Found const& found, Events& events, WatchedCalls cons
     for (std::string const& name : membersOf(object, "*", Purpose::kWatch).first) {
         if (watched_.count(name) != 0)
             continue;
-        auto const watched = std::make_shared<Watched>(object, found.name, events);
+        auto const watched =
+            std::make_shared<Watched>(object, found.name, events, idOf(found.place));
         if (watched->watchCalls(name))
             watched_.emplace(name, watched);
         else

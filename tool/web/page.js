@@ -252,15 +252,21 @@ function shownIds() {
     return shown;
 }
 
+/** How many objects have each name. */
+function namesakeCounts() {
+    const counts = new Map();
+    for (const object of objects.values())
+        counts.set(object.name, (counts.get(object.name) || 0) + 1);
+    return counts;
+}
+
 function paintTree() {
     const shown = shownIds();
     const elements = [];
     const before = new Map(rows);
     rows.clear();
     order = shown.map(([object]) => object.id);
-    const counts = new Map();
-    for (const object of objects.values())
-        counts.set(object.name, (counts.get(object.name) || 0) + 1);
+    const counts = namesakeCounts();
     for (const [object, depth, below] of shown) {
         const row = before.get(object.id) || makeRow(object.id);
         const isAlone = counts.get(object.name) === 1;
@@ -504,11 +510,12 @@ function makeField(type, label, settled = () => {}) {
 
 function makeAttribute(object, attribute, docs) {
     const {name, type} = attribute;
+    const unit = attribute.unit ? [make('span', {class: 'unit'}, attribute.unit)] : [];
     const result = make('output', {class: 'bad'});
     const line = make('form', {'data-attribute': name}, make('span', {class: 'name'}, name));
     if (attribute.writable && mayChange) {
         const field = makeField(type, name, () => result.textContent = '');
-        line.append(field.input, make('button', {}, 'Set'), field.beside);
+        line.append(field.input, ...unit, make('button', {}, 'Set'), field.beside);
         fields.set(name, field.write);
         line.addEventListener('submit', async event => {
             event.preventDefault();
@@ -522,7 +529,7 @@ function makeAttribute(object, attribute, docs) {
         });
     } else {
         const shown = make('output', {'data-value': name});
-        line.append(shown);
+        line.append(shown, ...unit);
         fields.set(name, value => shown.textContent = text(value));
         line.addEventListener('submit', event => event.preventDefault());
     }
@@ -666,6 +673,9 @@ function paintUnwatched() {
 }
 
 function paintCalls() {
+    const counts = namesakeCounts();
+    const owner = call => counts.get(call.object) > 1 && objects.has(call.id)
+        ? '  of ' + objects.get(call.id).process : '';
     get('calls-list').replaceChildren(...calls.map(call => {
         const time = call.time ? new Date(call.time / 1000).toISOString().slice(11, 23) : '';
         const isBad = call.event === 'lost' || Boolean(call.error);
@@ -674,7 +684,7 @@ function paintCalls() {
               (call.event === 'call' ? '(' + call.arguments.map(text).join(', ') + ')'
                                      : ' \u2192 ' + (call.results.map(text).join(', ') ||
                                                     (call.error ? call.error.text : call.fate))) +
-              (call.caller ? '  by ' + call.caller : '');
+              owner(call) + (call.caller ? '  by ' + call.caller : '');
         return make('li', {class: isBad && 'bad'}, make('time', {}, time), what);
     }));
 }
