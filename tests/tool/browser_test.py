@@ -176,6 +176,13 @@ class BrowserTest(HouseTest):
             browser.sees("#calls-list", "/house/hall/blink(1, watched)")
             browser.sees("#calls-list", "/house/hall/blink \u2192 true")
             browser.picture("calls")
+        with self.subTest("calls that cannot be watched yet"):
+            machine.stop()
+            browser.send("POST", browser.element("#calls-of") + "/clear")
+            browser.type("#calls-of", "/machine/**\ue007")
+            browser.sees("#calls-unwatched", "of machine.%d: no answer" % machine.child.pid)
+            machine.child.send_signal(signal.SIGCONT)
+            browser.until("return get('calls-unwatched').textContent === ''")
         with self.subTest("processes, waits, classes"):
             browser.click("a[href='#processes']")
             browser.sees("#processes-table", "house.%d" % self.house.child.pid)

@@ -665,7 +665,8 @@ get('calls-stop').addEventListener('click', () => listen({calls: ''}));
 function paintUnwatched() {
     const most = 5;
     const all = [...objects.values()].filter(one => wish.calls && one.unwatched && one.unwatched.calls);
-    const told = all.slice(0, most).map(one => one.name + ': ' + one.unwatched.calls);
+    const told = all.slice(0, most).map(
+        one => one.name + ' of ' + one.process + ': ' + one.unwatched.calls);
     get('calls-unwatched').textContent = all.length
         ? 'Calls are missing of ' + told.join('; ') +
           (all.length > most ? '; and of ' + (all.length - most) + ' more' : '')
