@@ -19,8 +19,11 @@ using Locked = OSWrap::Lock<OSWrap::ConditionVar>;
 using Transport::Rendezvous;
 using Transport::Switchboard;
 
-/** What a termination has sent last is still in the channels to the proxies. */
+/** What a termination has sent last is still in the channels to the proxies, and what it has not
+ * read is to come back before its departure is told. Nothing of either is to be seen for so long.
+ */
 constexpr long long kGrace = 50'000'000;
+constexpr long long kLongestGrace = 3'000'000'000;
 /** Between two looks at the proxies that leave. */
 constexpr unsigned long kLook = 2'000'000;
 constexpr long long kWriterBusy = 2'000'000;
@@ -202,8 +205,23 @@ void Peer::memberArrived(TerminationId id, std::string const& names) {
 
 void Peer::terminationLeft(TerminationId id) {
     Locked lock(state_);
-    attempt([&]() OSW_NO_ANALYSIS { departures_.push_back({id, now() + kGrace}); });
+    long long const time = now();
+    attempt([&]() OSW_NO_ANALYSIS {
+        departures_.push_back({id, time + kGrace, time + kLongestGrace});
+    });
     wakeSenderLocked();
+}
+
+/** Of one from whom something comes still, or comes back. */
+void Peer::putOffDeparture(TerminationId id) {
+    auto const found = std::find_if(departures_.begin(), departures_.end(),
+                                    [id](Departure const& one) { return one.id == id; });
+    if (found == departures_.end())
+        return;
+    found->at = std::min(now() + kGrace, found->latest);
+    auto const next = std::find_if(found, departures_.end(),
+                                   [found](Departure const& one) { return one.at > found->at; });
+    std::rotate(found, std::next(found), next);
 }
 
 void Peer::logFigures() {
@@ -272,6 +290,7 @@ void Peer::forward(AddressedMessage const& message) {
                 session_.announce(from, groups_.test(from.groupId()), Directory::namesOf(from));
             sending = session_.send(message);
         });
+        putOffDeparture(from);
         if (sending == Session::Sending::TakenHoldBack)
             holdBack(message.destination(), from);
         full = session_.queuedBytes() >= kMostPieceBytes;
@@ -316,6 +335,10 @@ void Peer::delivered(TerminationId from, TerminationId to, std::uint64_t place) 
 /** What waited is refused, in the order in which it was issued; its sender has it still. */
 void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
                     unsigned long session) {
+    {
+        Locked lock(state_);
+        putOffDeparture(message.destination());
+    }
     if (reached == Transport::Reached::Ring) {
         Locked lock(state_);
         if (!attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session); })) {

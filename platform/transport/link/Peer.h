@@ -95,7 +95,8 @@ private:
     };
     struct Departure {
         TerminationId id;
-        long long at;
+        long long at;      // is to be told
+        long long latest;  // that it may be put off to
     };
 
     static Key key(TerminationId from, TerminationId to) {
@@ -110,6 +111,7 @@ private:
     void sending();
     void write() OSW_EXCLUDES(state_);
     bool withdrawDue(long long time) OSW_REQUIRES(state_);
+    void putOffDeparture(TerminationId id) OSW_REQUIRES(state_);
     long long wakeAt() OSW_REQUIRES(state_);
     void wakeSenderLocked() OSW_REQUIRES(state_);
     void wantWriteLocked() OSW_REQUIRES(state_);
@@ -145,7 +147,7 @@ private:
     OSWrap::ConditionVar state_;  // signalled for LnSend, and LnShow
     Session session_ OSW_GUARDED_BY(state_);
     Actions todo_ OSW_GUARDED_BY(state_);
-    std::deque<Departure> departures_ OSW_GUARDED_BY(state_);
+    std::deque<Departure> departures_ OSW_GUARDED_BY(state_);  // the next one first
     bool performing_ OSW_GUARDED_BY(state_) = false;
     bool showerWaits_ OSW_GUARDED_BY(state_) = false;  // until nobody else performs
     bool writing_ OSW_GUARDED_BY(state_) = false;
