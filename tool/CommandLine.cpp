@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 
 #include "Table.h"
@@ -65,15 +66,19 @@ std::vector<std::string> withInput(std::vector<std::string> const& words) {
     return all;
 }
 
+[[noreturn]] void refuse(std::string const& what, std::string const& command) {
+    std::cerr << "reflectorb: " << cut(what, 0) << "; reflectorb " << command
+              << (command.empty() ? "" : " ") << "--help tells more\n";
+    std::exit(static_cast<int>(ExitCode::kWrongUse));
+}
+
 /** The parser would only say that some subcommand is wanted. */
 void refuseUnknown(std::vector<std::string> const& words, Commands const& commands) {
     bool const isName = words.size() > 1 && words[1].find_first_of("-\x01") != 0;
     if (!isName || std::any_of(commands.begin(), commands.end(),
                                [&](auto const& one) { return words[1] == one->name(); }))
         return;
-    std::cerr << "reflectorb: there is no subcommand \"" << cut(plain(words[1]), 0)
-              << "\"; reflectorb --help tells them\n";
-    std::exit(static_cast<int>(ExitCode::kWrongUse));
+    refuse("there is no subcommand \"" + plain(words[1]) + "\"", "");
 }
 
 void declareSettings(CLI::App& app, Settings& settings) {
@@ -83,7 +88,13 @@ void declareSettings(CLI::App& app, Settings& settings) {
     app.add_option("--timeout", settings.timeout, "How long a process may take to answer")
         ->capture_default_str()
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 50.0));
+        ->check([](std::string const& text) {
+            char* end = nullptr;
+            double const seconds = std::strtod(text.c_str(), &end);
+            bool const isOne =
+                end != text.c_str() && *end == '\0' && seconds >= 0.01 && seconds <= 50;
+            return isOne ? std::string() : "\"" + text + "\" is not from 0.01 to 50 seconds";
+        });
 }
 
 }  // namespace
@@ -142,8 +153,8 @@ Command& readCommandLine(int argc, char** argv, Commands const& commands, Settin
     } catch (CLI::Success const& asked) {
         std::exit(app.exit(asked));
     } catch (CLI::ParseError const& mistake) {
-        app.exit(mistake);
-        std::exit(static_cast<int>(ExitCode::kWrongUse));
+        bool const isOfOne = words.size() > 1 && words[1].rfind('-', 0) != 0;
+        refuse(mistake.what(), isOfOne ? words[1] : "");
     }
     return *chosen;
 }

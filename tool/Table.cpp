@@ -13,6 +13,13 @@ bool isContinued(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
+std::size_t countOfFilled(std::vector<std::string> const& cells) {
+    std::size_t count = cells.size();
+    while (count > 0 && cells[count - 1].empty())
+        --count;
+    return count;
+}
+
 }  // namespace
 
 std::size_t widthOf(std::string const& text) {
@@ -61,12 +68,18 @@ std::vector<std::size_t> Table::widths(std::size_t most, bool headings) const {
     return widths;
 }
 
+/** The last one that is filled has the room of the empty ones behind it, too. */
 std::string Table::line(std::vector<std::string> const& cells,
                         std::vector<std::size_t> const& widths) const {
     std::string text;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        std::string const cell = cut(cells[i], widths[i]);
-        std::string const fill(widths[i] - widthOf(cell), ' ');
+    std::size_t const count = countOfFilled(cells);
+    for (std::size_t i = 0; i < count; ++i) {
+        std::size_t const width = i + 1 < count
+                                      ? widths[i]
+                                      : std::accumulate(&widths[i], widths.data() + widths.size(),
+                                                        kGap * (widths.size() - 1 - i));
+        std::string const cell = cut(cells[i], width);
+        std::string const fill(widths[i] - std::min(widths[i], widthOf(cell)), ' ');
         text += i == 0 ? "" : std::string(kGap, ' ');
         text += columns_[i].align == Align::kRight ? fill + cell : cell + fill;
     }

@@ -170,7 +170,9 @@ class ToolTest(HouseTest):
             (["diff", "house", str(pid)], 0, "", ""),
             (["check"], 0, "ok: 2 processes\n", ""),
             (["--version"], 0, r"reflectorb \d+\.\d+\.\d+\n", ""),
-            ([], 2, "", ".*"), (["lists"], 2, "", '.*no subcommand "lists".*'), (["get"], 2, "", ".*"),
+            ([], 2, "", "reflectorb: .*; reflectorb --help .*\n"),
+            (["lists"], 2, "", '.*no subcommand "lists".*'), (["get"], 2, "", "reflectorb: .*\n"),
+            (["list", "--timeout", "0"], 2, "", "reflectorb: --timeout.*; reflectorb list --help .*\n"),
             (["watch"], 2, "", ".*"), (["watch", "/house/hall/None"], 3, "", ".*"),
         ])
         # A folder may bear the name of a process.
@@ -495,6 +497,9 @@ class ToolTest(HouseTest):
         self.assertLessEqual(max(map(len, shown.splitlines()[1:])), 60)
         self.assertIn(lamp, on_terminal("list", "--all", "--class", "Lamp", "--full"))
         self.assertNotIn("\x1b", on_terminal("list", NO_COLOR="1"))
+        # What has nothing behind it is not cut for the sake of other lines.
+        self.assertIn("house.%d\r\n" % self.house.child.pid,
+                      on_terminal("show", "/house/hall", COLUMNS="40", NO_COLOR="1"))
         narrow = on_terminal("processes", COLUMNS="20", NO_COLOR="1").splitlines()
         self.assertEqual([len(line) for line in narrow], [20, 20])
 

@@ -71,7 +71,7 @@ class Gateway:
     def __init__(self, test, *options):
         self.process = Process(TOOL, "web", "--listen", "127.0.0.1:0", "--json", *options)
         test.addCleanup(self.process.end, signal.SIGKILL)
-        begun = json.loads(self.process.wait_for(r'\{"event":"begun"'))
+        begun = json.loads(self.process.wait_for(r'\{[^\n]*"event":"begun"'))
         self.address = urllib.parse.urlsplit(begun["address"])
         self.token = self.address.query.replace("token=", "")
         self.test = test

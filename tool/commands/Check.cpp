@@ -121,6 +121,8 @@ public:
             if (former.count(one.first) == 0)
                 tell(one.first, {"+ the whole class"});
         }
+        if (all.empty())
+            tool.output().note("nothing differs");
         tool.output().document({{"differences", all}});
         return all.empty() ? ExitCode::kDone : ExitCode::kRefused;
     }

@@ -135,6 +135,8 @@ public:
             tool.output().line(textOf(line.process, line.record));
             all.push_back(jsonOf(line.process, line.record));
         }
+        if (all.empty())
+            tool.output().note("there are no records");
         logs.missing().tell(tool.output());
         tool.output().document({{"records", all}, {"missing", logs.missing().json()}});
         return logs.missing().outcome();

@@ -185,7 +185,8 @@ private:
 
     void show(std::size_t count, Table const& table) {
         std::size_t const width = screen_ ? Screen::width() : tool_.output().width();
-        std::vector<std::string> lines{fmt::format("{} processes; q ends", count)};
+        std::vector<std::string> lines{
+            fmt::format("{} processes{}", count, screen_ ? "; q ends" : "")};
         for (std::string const& line : table.lines(width, true))
             lines.push_back(line);
         lines.emplace_back();

@@ -37,6 +37,8 @@ public:
             all.push_back(call.json());
         }
         tool.output().table(table);
+        if (calls.empty())
+            tool.output().note("no thread waits for a call");
         missing.tell(tool.output());
         tool.output().document({{"calls", all}, {"missing", missing.json()}});
         return missing.outcome();
@@ -64,6 +66,8 @@ public:
                     calls.end());
         std::vector<std::set<std::string>> const cycles = cyclesOf(calls);
         tell(tool, calls, cycles);
+        if (calls.empty())
+            tool.output().note("nobody waits for anybody");
         missing.tell(tool.output());
         Json all = Json::array();
         for (WaitingCall const& call : calls) {

@@ -5,6 +5,7 @@
 
 #include "Commands.h"
 #include "Staying.h"
+#include "Units.h"
 #include "web/Api.h"
 #include "web/Gate.h"
 #include "web/Http.h"
@@ -127,7 +128,12 @@ public:
             std::string const url = "http://" + address.inUrl() + ":" +
                                     std::to_string(address.port) + "/" +
                                     (rules.token.empty() ? "" : "?token=" + rules.token);
-            events.addOwn({url, {{"event", "begun"}, {"address", url}, {"changes", mayChange_}}});
+            // People get the address alone.
+            events.addOwn({url,
+                           {{"time", timeNow()},
+                            {"event", "begun"},
+                            {"address", url},
+                            {"changes", mayChange_}}});
             output.note("Ctrl-C ends");
             return session;
         });
