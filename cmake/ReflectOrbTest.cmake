@@ -70,6 +70,12 @@ function(_reflectorb_link_library target platform internals rooms)
         reflectorb-warnings Boost::headers Threads::Threads)
 endfunction()
 
+# Files that name things of their own as others of the folder do, or replace functions of the system,
+# are compiled by themselves always.
+function(reflectorb_apart)
+    set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
+
 function(reflectorb_test name)
     _reflectorb_parse_test_arguments()
     if(NOT arg_TIMEOUT)
@@ -87,6 +93,8 @@ function(reflectorb_test name)
     if(REFLECTORB_PCH)
         target_precompile_headers(${name} REUSE_FROM reflectorb-test-pch)
     endif()
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ${REFLECTORB_UNITY})
+    reflectorb_apart("${PROJECT_SOURCE_DIR}/tests/support/AllocationCount.cpp")
     add_dependencies(reflectorb-tests ${name})
     if(CMAKE_CROSSCOMPILING_EMULATOR AND "native" IN_LIST arg_LABELS)
         return()
