@@ -1,13 +1,18 @@
 // What other processes of the same user, broken or hostile, do to the rendezvous folder.
 #include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include <climits>
 #include <functional>
 
 #include "OddDescriptors.h"
 #include "Slowness.h"
 #include "TransportActor.h"
+#include "platform/transport/local/EntryFolder.h"
 
 namespace transporttest {
 namespace {
@@ -313,6 +318,24 @@ TEST_F(FolderTest, whoSaysHelloBeforeItsEntryIsSeenIsHeardOnceItIs) {
     EXPECT_SOON(peer.knowsAll(3));
 }
 
+/** Has the kernel wake those who wait for the first word of a file when another word is raised, of
+ * which they know nothing. How many. */
+long leadAstray(std::string const& shared) {
+    static std::uint32_t other = 0;
+    Descriptor const file(::open(shared.c_str(), O_RDWR | O_CLOEXEC));
+    void* const word = mmap(nullptr, sizeof other, PROT_READ, MAP_SHARED, file.get(), 0);
+    long const led = syscall(SYS_futex, word, FUTEX_REQUEUE, 0, INT_MAX, &other, 0);
+    munmap(word, sizeof other);
+    return led;
+}
+
+TEST_F(FolderTest, whoIsNotToldOfNewcomersFindsThemAllTheSame) {
+    PresenceActor deaf;
+    deaf.start();
+    ASSERT_TRUE(eventually([&] { return leadAstray(shared()) == 1; }));
+    EXPECT_TRUE(deaf.waitUntilTold("arrived", PresenceActor().start()));
+}
+
 TEST_F(FolderTest, whereMemoryRunsOutAStartOrEndHappensWhollyOrNotAtAll) {
     PresenceActor other;
     other.start();
@@ -353,6 +376,17 @@ TEST_F(FolderTest, whoDiesIsBuriedAlsoWhenAForkedChildKeepsItsSocket) {
 }
 
 // ---- Entries ----
+
+TEST_F(FolderTest, aLinkLeadsNowhereWhateverItPointsTo) {
+    auto const folder = Transport::EntryFolder::open(folder_.path());
+    ASSERT_NE(folder, nullptr);
+    auto const socket = listenAt("03010001.x");
+    fs::create_symlink(inFolder("03010001.x"), inFolder("03010002.x"));
+    EXPECT_EQ(folder->probe("03010001.x"), Transport::EntryFolder::Socket::Alive);
+    EXPECT_TRUE(folder->connect("03010001.x").valid());
+    EXPECT_EQ(folder->probe("03010002.x"), Transport::EntryFolder::Socket::Dead);
+    EXPECT_FALSE(folder->connect("03010002.x").valid());
+}
 
 TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     PresenceActor first;

@@ -128,7 +128,7 @@ void Acceptor::receive(OpenSocket socket) {
         return;
     }
     if (strangers_.size() >= kMostStrangers)
-        drop(strangers_.begin()->first);
+        dropOldest();
     std::uint32_t const token = Receiver::newToken();
     if (!receiver_.watch(socket.get(), token, Receiver::Source::Socket))
         return;
@@ -136,6 +136,13 @@ void Acceptor::receive(OpenSocket socket) {
     strangers_.emplace(token, Stranger{std::move(socket), identity, deadline});
     receiver_.wakeAt(deadline);
     hear(token);
+}
+
+/** Of those who say nothing, if there are any: who has said Hello and waits may be a good one. */
+void Acceptor::dropOldest() {
+    auto const silent = std::find_if(strangers_.begin(), strangers_.end(),
+                                     [](auto const& each) { return each.second.hearAgainAt == 0; });
+    drop((silent == strangers_.end() ? strangers_.begin() : silent)->first);
 }
 
 void Acceptor::drop(std::uint32_t token) {

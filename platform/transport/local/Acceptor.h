@@ -58,6 +58,7 @@ private:
     void tellNoDescriptor() const;
     void tellBehind() const;
     void tellNonsense(Stranger const& stranger) const;
+    void dropOldest();
     void drop(std::uint32_t token);
     Rendezvous::Claim judge(Stranger& stranger, Transfer transfer, Packet const& hello);
     Rendezvous::Claim judgeClaim(Stranger& stranger, TerminationId claimed);

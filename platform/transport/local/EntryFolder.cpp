@@ -269,6 +269,13 @@ bool EntryFolder::contains(std::string const& file) const {
            errno != ENOENT;
 }
 
+long long EntryFolder::changedAt() const {
+    struct stat status;
+    if (::fstat(folder_.get(), &status) != 0)
+        return 0;
+    return status.st_mtim.tv_sec * 1'000'000'000LL + status.st_mtim.tv_nsec;
+}
+
 std::string EntryFolder::socketPath(std::string const& file) const {
     return pathOf(folder_) + "/" + file;
 }
@@ -300,7 +307,7 @@ HiddenSocket EntryFolder::bindHidden(TerminationId id) const {
                0;
     };
     bool const bound = socket.valid() && makeHidden(head, EADDRINUSE, file, bind);
-    if (bound && ::fchmodat(folder_.get(), file.c_str(), 0600, 0) == 0)
+    if (bound && ::fchmodat(folder_.get(), file.c_str(), 0600, AT_SYMLINK_NOFOLLOW) == 0)
         return HiddenSocket(*this, std::move(file), std::move(socket));
     TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", head, path_.c_str(),
                   std::strerror(errno));
@@ -340,11 +347,20 @@ bool EntryFolder::remove(std::string const& file) const {
     return ::unlinkat(folder_.get(), file.c_str(), 0) == 0;
 }
 
+/** 0, or -1 with errno. What is opened first is the entry itself: were it a link, the system would
+ * look for what it points to, which may be in a file system that never answers. */
+int EntryFolder::connectTo(std::string const& file, Descriptor const& socket) const {
+    Descriptor const entry(withEnoughDescriptors(
+        [&] { return ::openat(folder_.get(), file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+    if (!entry.valid())
+        return -1;
+    sockaddr_un const address = addressOf(pathOf(entry));
+    return ::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
+}
+
 OpenSocket EntryFolder::connect(std::string const& file) const {
-    sockaddr_un const address = addressOf(socketPath(file));
     Descriptor socket = makeSocket();
-    if (socket.valid() &&
-        ::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
+    if (socket.valid() && connectTo(file, socket) == 0)
         return OpenSocket(socket.release());
     int const reason = errno;
     socket.reset();
@@ -362,8 +378,7 @@ pid_t EntryFolder::listenerOf(std::string const& file) const {
 }
 
 EntryFolder::Socket EntryFolder::probe(std::string const& file) const {
-    sockaddr_un const address = addressOf(socketPath(file));
-    if (::connect(asking_.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
+    if (connectTo(file, asking_) == 0)
         return Socket::Alive;
     // EPROTOTYPE: one of the entries' type is there.
     return errno == ECONNREFUSED ? Socket::Dead : errno == ENOENT ? Socket::Absent : Socket::Alive;

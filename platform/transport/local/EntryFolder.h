@@ -112,6 +112,8 @@ public:
      * unless somebody fills it. */
     std::vector<FolderEntry> list() const;
     bool contains(std::string const& file) const;
+    /** When something in the folder last came, went or got another name: nanoseconds since 1970. */
+    long long changedAt() const;
     /** A socket for a termination of this process; an invalid one, with a log line, on failure. */
     HiddenSocket bindHidden(TerminationId id) const;
     /** False, with errno, on failure. */
@@ -140,6 +142,7 @@ private:
                 std::shared_ptr<PresenceFile> file);
 
     std::string socketPath(std::string const& file) const;
+    int connectTo(std::string const& file, Descriptor const& socket) const;
 
     std::string const path_;
     Descriptor const folder_;

@@ -94,6 +94,8 @@ private:
     void watchAnnouncements();
     void watchProcesses();
     bool mayEnd(bool State::*lives);
+    void awaitChange(PresenceFile const& file, std::uint32_t seen, long long changed);
+    bool isOver();
     void renew() OSW_REQUIRES(mutex_);
     enum class Locks { All, Lacking };
     bool takeLocks(Locks which) OSW_REQUIRES(mutex_);

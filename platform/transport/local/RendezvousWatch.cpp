@@ -30,6 +30,9 @@ constexpr unsigned long kDyingLook = 1'000'000;  // nanoseconds
 /** After it has moved over, a process gives the others this long to follow by themselves. */
 constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 
+/** Who is not told of a change looks for one by himself after this time. */
+constexpr long long kLookAgain = 2'000'000'000;  // nanoseconds
+
 /** Until the pause after a scan is over, which is at least as long as the scan was: a folder that
  * somebody fills takes half a processor at most. */
 void rest(long long began, long long ended) {
@@ -111,6 +114,7 @@ void Rendezvous::State::watchAnnouncements() {
             continue;  // another thread has moved over, and raised the word before we read it
         if (mayEnd(&State::announcementThreadLives_))
             return;
+        long long const changed = folder.load()->changedAt();
         long long const began = OSWrap::Clock::nowNanoseconds();
         OSWrap::untilMemory([this] { scan(); });
         long long const ended = OSWrap::Clock::nowNanoseconds();
@@ -120,10 +124,32 @@ void Rendezvous::State::watchAnnouncements() {
                 watch_.wake();
             }
         });
-        // Raised when this process moves over to another file, too.
-        file->waitForAnnouncement(seen, timeToKnock());
+        awaitChange(*file, seen, changed);
         rest(began, ended);
     }
+}
+
+/**
+ * Until the word is raised, which it is when this process moves over to another file, too, or until
+ * it is time to knock. All processes of the user share the word: one that is broken can put it back
+ * or have the kernel wake others for it. The folder's own time of change is nobody's to put back
+ * unseen, so that is looked at now and then.
+ */
+void Rendezvous::State::awaitChange(PresenceFile const& file, std::uint32_t seen,
+                                    long long changed) {
+    for (;;) {
+        long long const knock = timeToKnock();
+        bool const knocks = knock >= 0 && knock <= kLookAgain;
+        file.waitForAnnouncement(seen, knocks ? knock : kLookAgain);
+        if (knocks || file.announcements() != seen || folder.load()->changedAt() != changed ||
+            isOver())
+            return;
+    }
+}
+
+bool Rendezvous::State::isOver() {
+    OSWrap::Lock<> lock(mutex_);
+    return published_ == 0;
 }
 
 /** The body of "TrPresence". */
