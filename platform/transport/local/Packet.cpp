@@ -147,10 +147,13 @@ Transfer sendPacket(int socket, Packet const& packet, int file, int bell) {
         head->cmsg_len = CMSG_LEN(count * sizeof(int));
         std::memcpy(CMSG_DATA(head), descriptors, count * sizeof(int));
     }
-    if (::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+    auto const send = [&] { return ::sendmsg(socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL); };
+    if (send() >= 0)
         return Transfer::Done;
-    // ETOOMANYREFS: too many descriptors of this user are on their way somewhere.
-    return errno == ETOOMANYREFS ? Transfer::Later : failure();
+    if (errno != ETOOMANYREFS)
+        return failure();
+    // More descriptors of this user are on their way somewhere than this process may have.
+    return raiseDescriptorLimit() && send() >= 0 ? Transfer::Done : Transfer::Later;
 }
 
 Transfer peekPacket(int socket, Packet& packet) {
