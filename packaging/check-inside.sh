@@ -3,6 +3,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
+# What the builds of whoever runs this take up from the environment is not in here.
+unset "${!CMAKE_@}" CC CXX CPPFLAGS CFLAGS CXXFLAGS LDFLAGS
 work=$(mktemp -d)
 ours=(libreflectorb1 libreflectorb-dev reflectorb-tools reflectorb-link reflectorb-idl reflectorb-doc)
 examples=/usr/share/doc/reflectorb-doc/examples
@@ -13,10 +15,13 @@ fail() {
     exit 1
 }
 
-# Everything that is on the disk, but for what package management itself notes.
+# Everything that is on the disk, but for what package management itself notes, and what is left of
+# the making of a user: a lock, and the lists of users as they were before.
 list_files() {
     find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path "$work" -o -path /var/lib/dpkg \
-        -o -path /var/lib/apt -o -path /var/cache -o -path /var/log \) -prune -o -print | sort
+        -o -path /var/lib/apt -o -path /var/cache -o -path /var/log -o -path /run/adduser \
+        -o -path /etc/passwd- -o -path /etc/group- -o -path /etc/shadow- -o -path /etc/gshadow- \
+        \) -prune -o -print | sort
 }
 
 # What ours need is there before, so that what is there later is ours.
@@ -115,6 +120,8 @@ say "running them"
 ./house.sh "$work/pkgconfig/house" "$work/pkgconfig/visitor"
 use_tool
 use_documents
+
+getent passwd reflectorb >/dev/null || fail "there is no user for the unit of reflectorb-link"
 
 say "removing the packages"
 dpkg --remove "${ours[@]}"
