@@ -89,16 +89,16 @@ std::string inboxTopic(UnitInfo const& unit) {
     return name;
 }
 
-/**
- * Nothing is read from the environment. A lease of a second tells soon of a machine that has gone;
- * the short heartbeat has what is lost at the end of a burst sent again soon.
- */
 bool isAddress(std::string const& interface) {
     in6_addr ignored{};
     return inet_pton(AF_INET, interface.c_str(), &ignored) == 1 ||
            inet_pton(AF_INET6, interface.c_str(), &ignored) == 1;
 }
 
+/**
+ * Nothing is read from the environment. A lease of a second tells soon of a machine that has gone;
+ * the short heartbeat has what is lost at the end of a burst sent again soon.
+ */
 std::string configuration(BusOptions const& options) {
     std::string discovery =
         "<SPDPInterval>200ms</SPDPInterval><LeaseDuration>1s</LeaseDuration>"

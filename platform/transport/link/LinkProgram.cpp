@@ -211,7 +211,7 @@ std::optional<int> Program::stay() {
     if (over)
         tellStopping();
     tellState(over ? "ends" : "begins anew");
-    exchange_.tellSettled();
+    OSWrap::withMemory([this] { exchange_.tellSettled(); });  // else `over` would be forgotten
     bus_->retire();
     exchange_.leave();
     return over;

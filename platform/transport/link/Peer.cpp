@@ -128,6 +128,11 @@ void Peer::noteHalfDone() {
     state_.broadcast();
 }
 
+void Peer::endHalfDone() {
+    Locked lock(state_);
+    noteHalfDone();
+}
+
 /** On LnSend. */
 void Peer::endWithoutMemory() {
     bool const ended =
@@ -316,20 +321,26 @@ void Peer::forwarded() {
 
 void Peer::delivered(TerminationId from, TerminationId to, std::uint64_t place) {
     std::vector<Delivery> settled;
-    {
-        OSWrap::Lock<> lock(places_);
-        auto const found = placed_.find(key(from, to));
-        if (found == placed_.end())
-            return;
-        std::deque<Placed>& waiting = found->second;
-        while (!waiting.empty() && waiting.front().place <= place) {
-            settled.push_back(waiting.front().delivery);
-            waiting.pop_front();
-        }
-        if (waiting.empty())
-            placed_.erase(found);
-    }
-    settle(settled, {});
+    bool const taken = OSWrap::withMemory([&] { settled = takePlaced(from, to, place); });
+    taken ? settle(settled, {}) : endHalfDone();
+}
+
+/** What has got as far as that; all of it or, without memory, nothing. */
+std::vector<Delivery> Peer::takePlaced(TerminationId from, TerminationId to, std::uint64_t place) {
+    std::vector<Delivery> taken;
+    OSWrap::Lock<> lock(places_);
+    auto const found = placed_.find(key(from, to));
+    if (found == placed_.end())
+        return taken;
+    std::deque<Placed>& waiting = found->second;
+    auto const end = std::find_if(waiting.begin(), waiting.end(),
+                                  [place](Placed const& placed) { return placed.place > place; });
+    for (auto placed = waiting.begin(); placed != end; ++placed)
+        taken.push_back(placed->delivery);
+    waiting.erase(waiting.begin(), end);
+    if (waiting.empty())
+        placed_.erase(found);
+    return taken;
 }
 
 /** What waited is refused, in the order in which it was issued; its sender has it still. */
@@ -351,17 +362,22 @@ void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
         return wantWriteLocked();
     }
     std::vector<Delivery> refused;
-    {
-        OSWrap::Lock<> lock(places_);
-        auto const found = placed_.find(key(message.originator(), message.destination()));
-        if (found == placed_.end())
-            return;
-        refused.push_back(found->second.front().delivery);
-        found->second.pop_front();
-        if (found->second.empty())
-            placed_.erase(found);
-    }
-    settle({}, refused);
+    bool const taken = OSWrap::withMemory(
+        [&] { refused = takeFirstPlaced(message.originator(), message.destination()); });
+    taken ? settle({}, refused) : endHalfDone();
+}
+
+std::vector<Delivery> Peer::takeFirstPlaced(TerminationId from, TerminationId to) {
+    std::vector<Delivery> taken;
+    OSWrap::Lock<> lock(places_);
+    auto const found = placed_.find(key(from, to));
+    if (found == placed_.end())
+        return taken;
+    taken.push_back(found->second.front().delivery);
+    found->second.pop_front();
+    if (found->second.empty())
+        placed_.erase(found);
+    return taken;
 }
 
 void Peer::settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused) {

@@ -105,6 +105,7 @@ private:
     template <class Act>
     bool attempt(Act const& act) OSW_REQUIRES(state_);
     void noteHalfDone() OSW_REQUIRES(state_);
+    void endHalfDone();
     void endWithoutMemory() OSW_REQUIRES(state_);
     void performRest(Actions& actions);
     void lost();
@@ -134,6 +135,8 @@ private:
     void show(Actions const& actions);
     void drop(Actions const& actions);
     void forgetPlaces(std::vector<TerminationId> const& gone);
+    std::vector<Delivery> takePlaced(TerminationId from, TerminationId to, std::uint64_t place);
+    std::vector<Delivery> takeFirstPlaced(TerminationId from, TerminationId to);
     void settle(std::vector<Delivery> const& settled, std::vector<Delivery> const& refused);
 
     UnitInfo const unit_;

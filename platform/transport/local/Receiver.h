@@ -113,7 +113,7 @@ public:
     };
     static std::uint32_t newToken();
 
-    /** For tests: time between two looks for idle channels, in nanoseconds. */
+    /** Time between two looks for idle channels, in nanoseconds. */
     static void idleLookInterval(long long nanoseconds);
 
     // ---- Who has the role of reading a channel ----

@@ -47,7 +47,7 @@ public:
         return {true, look};
     }
 
-    /** For tests: time between two looks for idle channels. */
+    /** Time between two looks for idle channels. */
     static void idleLookInterval(long long nanoseconds) { interval_.store(nanoseconds); }
 
 private:
