@@ -21,7 +21,7 @@ std::string absoluteNameOf(TreflectObject const& object) {
 Newcomer::Newcomer(TreflectObject const& object) : place(placeOf(object)) {
     TipprmiOID const whole = object.identifier();
     char const* const text = whole.getIdString();
-    identifier = text ? text : "";
+    identifier = identifierText(text ? text : "", place.broker);
 }
 
 /** Of one class, and of creations or deletions. */

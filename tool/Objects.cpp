@@ -49,8 +49,8 @@ std::optional<Nodes> objectsOf(TreflectProcessClient const& client,
         if (!served)
             return std::nullopt;
         for (ServedObject const& object : *served) {
-            Node node{object.name, object.identifier, object.className, object.classId,
-                      object.classId != 0};
+            Node node{object.name, identifierText(object.identifier, broker.value()),
+                      object.className, object.classId, object.classId != 0};
             Place const place{broker.value(), object.id};
             if (node.isReflective)
                 node.children = childrenOf(handleOn(place));
@@ -66,6 +66,11 @@ TreflectObject handleOn(Place place) {
     TreflectOrbId const broker(place.broker);
     return TreflectObject(
         TipprmiOID(fmt::format("rmi_{:X}_{:X}", place.broker, place.id), broker.namespaceId()));
+}
+
+std::string identifierText(std::string const& identifier, unsigned int broker) {
+    bool const isOfNode = TreflectOrbId(broker).namespaceId() == NSID_NODE;
+    return identifier + (isOfNode && !identifier.empty() ? "@node" : "");
 }
 
 Place placeOf(TreflectObject const& object) {

@@ -27,7 +27,12 @@ struct Place {
 
 /** A handle on what is at a place, and the place of a handle's object; under the run permission. */
 TreflectObject handleOn(Place place);
+/** An identifier in a broker, as it is written: "lamp", or "lamp@node" for one of the whole node.
+ */
+std::string identifierText(std::string const& identifier, unsigned int broker);
 Place placeOf(TreflectObject const& object);
+/** An identifier in a broker, as it is written: "lamp", or "lamp@node" for one of the whole node. */
+std::string identifierText(std::string const& identifier, unsigned int broker);
 
 /** What is known of an object. A value. */
 struct Node {

@@ -26,8 +26,13 @@ bool areEqual(Values const& values, recording::Anys const& others) {
 Place placeNow(std::string const& name) {
     bool const isName = name[0] == '/';
     std::size_t end = isName ? name.find('/', 1) : std::string::npos;
-    std::string const root = name.substr(isName, end - isName);
-    TreflectObject object(TipprmiOID(root, NSID_UNIT));
+    constexpr std::string_view kOfNode = "@node";
+    std::string root = name.substr(isName, end - isName);
+    bool const isOfNode = !isName && root.size() > kOfNode.size() &&
+                          root.compare(root.size() - kOfNode.size(), kOfNode.size(), kOfNode) == 0;
+    if (isOfNode)
+        root.resize(root.size() - kOfNode.size());
+    TreflectObject object(TipprmiOID(root, isOfNode ? NSID_NODE : NSID_UNIT));
     while (end != std::string::npos && object.isConnected()) {
         std::size_t const begin = end + 1;
         end = name.find('/', begin);

@@ -85,7 +85,8 @@ inline ProbeClient::Answer forwardCall(TreflectORB& orb, TreflectOrbId target,
 
 class Probe : public TipprmiObjectSkeleton {
 public:
-    explicit Probe(std::string const& name) : TipprmiObjectSkeleton(TipprmiOID(name, NSID_UNIT)) {}
+    explicit Probe(std::string const& name, NamespaceId known = NSID_UNIT)
+        : TipprmiObjectSkeleton(TipprmiOID(name, known)) {}
 
     bool dispatch(bool withResponse, unsigned int cc, unsigned int mc, TipprmiStream& in,
                   TipprmiStream& out) override {

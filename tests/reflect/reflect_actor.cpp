@@ -97,6 +97,12 @@ void addProcessCommands(testsupport::Commands& on) {
         auto const& probe = probes[name] = makePermitted<Probe>(name);
         answer("published ", std::hex, probe->getInternalOID(), " ", probe->orbId().value());
     };
+    // Makes one that the whole node knows; "published".
+    on["publishwide"] = [](Name name) {
+        [[maybe_unused]] static auto const& probe =
+            *new Permitted<Probe>(makePermitted<Probe>(name, NSID_NODE));
+        answer("published");
+    };
     // Calls echo of a probe; "called 1 NUMBER" or "called 0 CODE".
     on["call"] = [](Name name, unsigned int number) {
         auto const result = callOnce(name, kEcho, number);

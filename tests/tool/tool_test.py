@@ -186,6 +186,17 @@ class ToolTest(HouseTest):
         with open("/dev/full", "w") as full:
             self.assertEqual(subprocess.run([TOOL, "list"], stdout=full, stderr=full).returncode, 6)
 
+    def test_what_is_known_in_the_unit_and_in_the_node_is_told_apart(self):
+        actor = self.actor()
+        self.tell(actor, "publish both", "publishwide both")
+        for _ in range(2):
+            actor.wait_for("published")
+        process = r"  reflect_actor\.%d\n" % actor.child.pid
+        names = re.findall(r"(?m)^both.*", run("list", "--all").stdout)
+        self.assertEqual([name.split()[0::3] for name in names], [["both", "both"], ["both@node", "both@node"]])
+        self.check([(["tree", "both@node"], 0, r"both@node  \(not reflective\)" + process, ""),
+                    (["tree", "both*"], 0, "both .*both@node.*", "")])
+
     def test_json_is_one_document_with_the_same(self):
         def read(*arguments):
             return json.loads(run(*arguments, "--json").stdout)

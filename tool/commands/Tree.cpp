@@ -55,12 +55,15 @@ private:
         constexpr unsigned int kDeepest = 100;
         Node const& node = *forest.find(place);
         std::string const process = nameOfOwner(tool.processes(), place.broker);
-        table_.add({std::string(2 * depth, ' ') + name, classText(node), process});
-        if (!node.answers && depth == 0)
+        // It has been found just now: who tells nothing of it in time has not hung.
+        bool const answers =
+            node.answers || (depth == 0 && !tool.asking().isGivenUp(TreflectOrbId(place.broker)));
+        table_.add({std::string(2 * depth, ' ') + name, classText(node, answers), process});
+        if (!answers && depth == 0)
             outcome_ = ExitCode::kTimedOut;
         Json told = {{"name", name},
                      {"class", node.className},
-                     {"answers", node.answers},
+                     {"answers", answers},
                      {"process", process},
                      {"children", Json::array()}};
         for (Place const child : node.children) {
@@ -71,9 +74,11 @@ private:
         return told;
     }
 
-    static std::string classText(Node const& node) {
-        if (!node.answers)
+    static std::string classText(Node const& node, bool answers) {
+        if (!answers)
             return "does not answer";
+        if (!node.answers)
+            return "(not reflective)";
         return node.className.empty() ? "of an unknown class" : node.className;
     }
 
