@@ -758,6 +758,17 @@ TEST_F(HandshakeTest, WhoHangsUpIsTriedAgainAlsoWhenOthersHaveComeMeanwhile) {
     }
 }
 
+TEST_F(HandshakeTest, WhoOffersToLeaveAndHasNotReadAllIsKept) {
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.open(own_.termId()));
+    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0), 1);
+    peer.send(peer.packet(Packet::Bye));
+    EXPECT_EQ(peer.nextKind(), Packet::Stay);
+    peer.stopListening();
+    peer.hangUp();
+    EXPECT_TRUE(own_.waitForReturned(1));
+}
+
 TEST_F(HandshakeTest, WhatNobodyListensForComesBack) {
     HandMadePeer deaf;
     deaf.stopListening();

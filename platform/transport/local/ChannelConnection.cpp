@@ -375,10 +375,11 @@ void Channel::react() {
         end();
 }
 
+/** What the peer has not read keeps it: should it end before it knew, that would be lost. */
 void Channel::answerBye() {
     OSWrap::Lock<> lock(mutex_);
     bool const bothLeave = state_ == State::Leaving;
-    if (!bothLeave && !queue_.empty()) {
+    if (!bothLeave && (!queue_.empty() || !link_->writer->allTaken())) {
         sendPacket(link_->socket.get(), packet(Packet::Stay));
         return;
     }

@@ -21,7 +21,7 @@ namespace Transport {
  * | Crossed | who accepts | | use the channel that I am asking you for |
  * | NextRing | either | memory file | my ring goes on in this file where it says so |
  * | Bye | either | | nothing has happened for long; I send no more unless you say Stay |
- * | Stay | answer to Bye | | I have something to send |
+ * | Stay | answer to Bye | | there is something that you have not read |
  * | Left | answer to Bye | | I have read all of yours, read all of mine and close |
  *
  * | offset | width | field |
