@@ -1,7 +1,6 @@
 #include "CallLanes.h"
 
 #include <algorithm>
-#include <chrono>
 
 // How a call ended that has no end in the recording is not known: its caller has waited for it.
 bool CallLanes::mayBegin(Lane const& lane, std::size_t call) const {
@@ -21,12 +20,11 @@ bool CallLanes::isAnyOverBefore(Lane const& lane, std::size_t call) const {
 }
 
 void CallLanes::awaitThoseBefore(std::size_t call) {
-    constexpr std::chrono::milliseconds kMoment(500);
     std::unique_lock<std::mutex> lock(mutex_);
     auto const holdsUp = [&](auto const& lane) {
         return !lane.second.isLate && isAnyOverBefore(lane.second, call);
     };
-    bool const areOver = changed_.wait_for(lock, kMoment, [&] {
+    bool const areOver = changed_.wait_for(lock, patience_, [&] {
         return isStopped_ || std::none_of(lanes_.begin(), lanes_.end(), holdsUp);
     });
     for (auto& lane : lanes_)

@@ -1,6 +1,7 @@
 // Which calls of a recording may be made when.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -14,14 +15,16 @@
 /**
  * Has calls made in the order of a recording. Those of one caller follow each other, unless they
  * overlapped then; those of different callers are independent, but what was over before a call
- * began is waited for, for a moment: one that hangs now holds up only what its caller did next.
+ * began is waited for, as long as a call may take: one that hangs now then holds up only what its
+ * caller did next.
  *
  * One thread adds the calls, in their order, others take and finish them.
  */
 class CallLanes {
 public:
-    /** `calls` outlives it. */
-    explicit CallLanes(RecordedCalls const& calls) : calls_(calls) {}
+    /** `calls` outlives it. `patience`: for one call. */
+    CallLanes(RecordedCalls const& calls, std::chrono::nanoseconds patience)
+        : calls_(calls), patience_(patience) {}
     CallLanes(CallLanes const&) = delete;
     CallLanes& operator=(CallLanes const&) = delete;
 
@@ -54,6 +57,7 @@ private:
     void advanceLocked(Lane& lane);
 
     RecordedCalls const& calls_;
+    std::chrono::nanoseconds const patience_;
     mutable std::mutex mutex_;  // a leaf
     std::condition_variable changed_;
     // Guarded by mutex_, as all up to the end.

@@ -69,6 +69,7 @@ void Player::stop() {
                 tellLocked(*told);
         }
     }
+    told_.notify_all();
     lanes_.stop();
 }
 
@@ -78,7 +79,7 @@ void Player::play() {
     for (std::size_t const number : left) {
         RecordedCall const& call = calls_[number];
         lanes_.awaitThoseBefore(number);
-        if (isStopped_ ||
+        if (!awaitTelling() ||
             (manner_.isStepped ? !awaitLine(call) : !awaitTime(call, calls_[left.front()], start)))
             break;
         {
@@ -90,6 +91,15 @@ void Player::play() {
     }
     lanes_.finishAll();
     isOver_ = true;
+}
+
+/** What is told behind a call that waits is kept until then: a part of the recording, not all of
+ * it. False when it is stopped. */
+bool Player::awaitTelling() {
+    constexpr std::size_t kMost = 1'000;
+    std::unique_lock<std::mutex> lock(mutex_);
+    told_.wait(lock, [this] { return isStopped_ || untold_.size() < kMost; });
+    return !isStopped_;
 }
 
 bool Player::awaitTime(RecordedCall const& call, RecordedCall const& first,
@@ -124,8 +134,13 @@ bool Player::awaitLine(RecordedCall const& call) {
 /** Of a thread. Ends when no more calls come, or it is stopped. */
 void Player::makeCalls() {
     while (std::optional<std::size_t> const number = lanes_.take()) {
+        {
+            std::lock_guard<std::mutex> const lock(mutex_);
+            if (isStopped_)
+                return;
+            progress_.begin(*number);
+        }
         addMaker();
-        progress_.begin(*number);
         tell(*number, make(calls_[*number]));
         lanes_.finish(*number);
     }
@@ -165,6 +180,7 @@ void Player::tell(std::size_t call, Told told) {
         tellLocked(*untold_.begin()->second);
         untold_.erase(untold_.begin());
     }
+    told_.notify_all();
 }
 
 void Player::tellLocked(Told& told) {

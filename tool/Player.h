@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -56,7 +57,7 @@ public:
            Progress& progress, Events& events)
         : calls_(calls),
           manner_(manner),
-          lanes_(calls),
+          lanes_(calls, manner.patience),
           remaker_(std::move(places), manner.patience, manner.isChecked),
           progress_(progress),
           events_(events) {}
@@ -75,6 +76,7 @@ private:
     };
 
     void play();
+    bool awaitTelling();
     void makeCalls();
     void addMaker();
     bool awaitTime(RecordedCall const& call, RecordedCall const& first,
@@ -98,4 +100,5 @@ private:
 
     std::mutex mutex_;                                   // ahead of those of progress_ and events_
     std::map<std::size_t, std::optional<Told>> untold_;  // guarded by mutex_
+    std::condition_variable told_;                       // some of these, or it is stopped
 };
