@@ -24,18 +24,18 @@ Values alone(TipprmiAny const& value) {
     return values;
 }
 
-/** Keeps values; what is to be told of them is made when somebody wants to read it. */
-void addLater(Events& events, Values const& values, bool counts,
-              std::function<void(Event&, Values const&)> const& tell) {
+}  // namespace
+
+void Watched::addLater(Values const& values, bool counts, Teller const& tell) const {
+    if (isOver_)
+        return;
     Event event;
     event.counts = counts;
     for (unsigned int i = 0; i < values.getLength(); ++i)
         event.bytes += static_cast<std::size_t>(values[i].getDataSize());
     event.rest = [values, tell](Event& told) { tell(told, values); };
-    events.add(std::move(event));
+    events_.add(std::move(event));
 }
-
-}  // namespace
 
 bool Watched::watchValue(std::string const& name) {
     TreflectAttribute& attribute = attributeOf(object_, name);
@@ -53,16 +53,14 @@ bool Watched::watchValue(std::string const& name) {
         shown.addUnit(event.json);
     };
     values_.push_back(std::make_unique<TreflectAttributeWatch>(
-        attribute, [&events = events_, tell](TipprmiAny const& value) {
-            addLater(events, alone(value), true, tell);
-        }));
+        attribute, [this, tell](TipprmiAny const& value) { addLater(alone(value), true, tell); }));
     return !values_.back()->isError();
 }
 
 bool Watched::watchCalls(std::string const& name) {
     TreflectMetaOperation const& meta = *operationOf(object_, name).meta();
     auto const begun = [this, tell = callTeller("call ", "call", meta)](HeardCall const& call) {
-        addLater(events_, call.values, false,
+        addLater(call.values, false,
                  [tell, id = id_, caller = call.caller, number = call.number](
                      Event& event, Values const& arguments) {
                      tell(event, arguments);
@@ -71,7 +69,7 @@ bool Watched::watchCalls(std::string const& name) {
                  });
     };
     auto const ended = [this, tell = endTeller(meta)](HeardCall const& call, Fate const& fate) {
-        addLater(events_, call.values, true,
+        addLater(call.values, true,
                  [tell, fate, id = id_, caller = call.caller, number = call.number](
                      Event& event, Values const& results) {
                      tell(event, results, fate);
@@ -102,7 +100,7 @@ bool Watched::veto(std::string const& name) {
     TreflectMetaOperation const& meta = *operationOf(object_, name).meta();
     Observer& observer =
         observe([this, tell = callTeller("forbidden ", "vetoed", meta)](Values const& given) {
-            addLater(events_, given, true, tell);
+            addLater(given, true, tell);
             return false;
         });
     TreflectObjectStub const* const stub = object_.getStub_();

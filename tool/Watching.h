@@ -3,6 +3,7 @@
 
 #include <reflect.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,6 +25,9 @@ public:
     Watched(TreflectObject const& object, std::string const& name, Events& events,
             std::string const& id = {})
         : object_(object), name_(name), id_(id), events_(events) {}
+    ~Watched() { stop(); }
+    Watched(Watched const&) = delete;
+    Watched& operator=(Watched const&) = delete;
 
     /** Tells the value that an attribute has, and each that it gets. */
     bool watchValue(std::string const& name);
@@ -31,6 +35,10 @@ public:
     bool watchCalls(std::string const& name);
     /** Forbids each call of an operation. */
     bool veto(std::string const& name);
+    /** Tells nothing from now on, however long the object takes to let its observers go. Any
+     * thread.
+     */
+    void stop() { isOver_ = true; }
 
     TreflectObject const& object() const { return object_; }
 
@@ -43,6 +51,8 @@ private:
     /** Makes of values what is told of them: on the thread that writes it. */
     using Teller = std::function<void(Event&, Values const&)>;
     using EndTeller = std::function<void(Event&, Values const&, Fate const&)>;
+    /** Keeps values; what is to be told of them is made when somebody wants to read it. */
+    void addLater(Values const& values, bool counts, Teller const& tell) const;
     Teller callTeller(char const* word, char const* event,
                       TreflectMetaOperation const& operation) const;
     EndTeller endTeller(TreflectMetaOperation const& operation) const;
@@ -55,6 +65,7 @@ private:
     std::string const name_;
     std::string const id_;
     Events& events_;
+    std::atomic<bool> isOver_{false};
     std::vector<std::unique_ptr<TreflectAttributeWatch>> values_;
     std::vector<std::unique_ptr<TreflectObserver>> observers_;
 };

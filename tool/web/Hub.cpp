@@ -157,10 +157,8 @@ struct Watch {
 /** What is told of it so far is over. */
 template <class T>
 void stop(Watch<T> const& watch) {
-    if constexpr (std::is_same_v<T, WatchedValues>) {
-        if (watch.watching)
-            watch.watching->stop();
-    }
+    if (watch.watching)
+        watch.watching->stop();
 }
 
 /** What has come of watching an object. A value. */
@@ -170,8 +168,8 @@ struct Attempt {
     std::string missing = {};  // why not all of it is watched; empty: nothing is missing
 };
 
-/** Watches an object, of which something may have been watched earlier; may throw a Failure. Under
- * the run permission. */
+/** Watches an object, of which something may have been watched earlier; may throw. Under the run
+ * permission. */
 template <class T>
 using WatchOne = std::function<std::shared_ptr<T const>(Found const& found, T const* earlier)>;
 
@@ -180,13 +178,36 @@ Attempt<T> tryOnce(WatchOne<T> const& watch, Found const& found, T const* earlie
     try {
         auto const watching = watch(found, earlier);
         return {watching, watching->missing()};
-    } catch (Failure const& why) {
-        return {{}, why.what()};  // its class is unknown, or it has gone
+    } catch (std::exception const& why) {
+        return {{}, why.what()};  // its class is unknown, it has gone, or memory lacks
     }
 }
 
 template <class T>
 using Attempts = std::map<Place, Attempt<T>>;
+
+/** What has come of watching objects, until it is taken. Any thread. */
+template <class T>
+class Harvest {
+public:
+    /** False when it has been taken already: nobody will have this. */
+    bool add(Place place, Attempt<T> const& attempt) {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        if (!isTaken_)
+            attempts_.emplace(place, attempt);
+        return !isTaken_;
+    }
+    Attempts<T> take() {
+        std::lock_guard<std::mutex> const lock(mutex_);
+        isTaken_ = true;
+        return std::move(attempts_);
+    }
+
+private:
+    std::mutex mutex_;      // a leaf
+    Attempts<T> attempts_;  // guarded by mutex_, as the next
+    bool isTaken_ = false;
+};
 
 /** Objects of a broker that are to be watched. A few threads take one after the other: all at once
  * would keep each other waiting for longer than an answer is waited for. */
@@ -196,17 +217,17 @@ struct Queue {
     std::vector<std::pair<Found, std::weak_ptr<T const>>> objects;
     std::atomic<std::size_t> next{0};
 
-    /** Watches objects until none is left, or the time is over. Under the run permission. */
-    Attempts<T> serve(WatchOne<T> const& watch, Clock::time_point end) {
-        Attempts<T> attempts;
+    /** Watches objects until none is left, or the time is over. What nobody takes any more ends at
+     * once: it is begun again. Under the run permission. */
+    void serve(WatchOne<T> const& watch, Clock::time_point end, Harvest<T>& harvest) {
         while (Clock::now() < end) {
             std::size_t const at = next++;
             if (at >= objects.size())
-                break;
+                return;
             auto const& [object, earlier] = objects[at];
-            attempts[object.place] = tryOnce(watch, object, earlier.lock().get());
+            if (!harvest.add(object.place, tryOnce(watch, object, earlier.lock().get())))
+                return;
         }
-        return attempts;
     }
 };
 
@@ -803,19 +824,12 @@ Attempts<T> Hub::Inside::serve(std::map<TreflectOrbId, std::shared_ptr<Queue<T>>
             lanes.push_back(queue);
         }
     }
-    // What begins when nobody waits for it any more ends at once: it is begun again.
-    auto const isOver = std::make_shared<std::atomic<bool>>(false);
-    auto const answers = asking_.each<Attempts<T>>(
-        brokers,
-        [lanes, watch, isOver,
-         slice = patience_ / 4](std::size_t number) -> std::optional<Attempts<T>> {
-            Attempts<T> attempts = lanes[number]->serve(watch, Clock::now() + slice);
-            return *isOver ? std::nullopt : std::optional(std::move(attempts));
-        });
-    *isOver = true;
-    Attempts<T> all;
-    for (Answer<Attempts<T>> const& answer : answers)
-        all.insert(answer.value.begin(), answer.value.end());
+    auto const harvest = std::make_shared<Harvest<T>>();
+    asking_.each<bool>(brokers, [lanes, watch, harvest, slice = patience_ / 4](std::size_t number) {
+        lanes[number]->serve(watch, Clock::now() + slice, *harvest);
+        return true;
+    });
+    Attempts<T> all = harvest->take();
     for (auto const& [broker, queue] : queues) {
         bool const isLate = asking_.isGivenUp(broker);
         for (auto const& one : queue->objects) {
@@ -838,7 +852,8 @@ void Hub::Inside::take(Place place, Watch<T>& watch, Attempt<T> const& attempt) 
     watch.failures += !isLate;
     watch.missing = attempt.missing;
     if (attempt.watching) {
-        stop(watch);
+        if constexpr (std::is_same_v<T, WatchedValues>)
+            stop(watch);  // calls have been taken over from it
         reaper_.take(place.broker, std::exchange(watch.watching, attempt.watching));
     }
     watch.isDone = watch.missing.empty() || watch.failures >= kMostFailures;

@@ -68,3 +68,15 @@ WatchedCalls::WatchedCalls(Found const& found, Events& events, WatchedCalls cons
     }
     missing_ = missingText(missing);
 }
+
+WatchedCalls::~WatchedCalls() {
+    for (auto const& one : watched_) {
+        if (one.second.use_count() == 1)
+            one.second->stop();
+    }
+}
+
+void WatchedCalls::stop() const {
+    for (auto const& one : watched_)
+        one.second->stop();
+}

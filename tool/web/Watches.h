@@ -45,7 +45,14 @@ public:
     /** What is watched by an earlier one stays as it is: observed once more it would be told twice.
      * Throws a Failure when the object has no class that is known. */
     WatchedCalls(Found const& found, Events& events, WatchedCalls const* earlier);
+    /** What no other one has taken over is told no more, ahead of all that this has to wait for. */
+    ~WatchedCalls();
+    WatchedCalls(WatchedCalls const&) = delete;
+    WatchedCalls& operator=(WatchedCalls const&) = delete;
 
+    /** None of these calls is told any more, by no one that has taken over from this either. Any
+     * thread. */
+    void stop() const;
     /** Why not all operations are watched; empty when they are. */
     std::string const& missing() const { return missing_; }
 
