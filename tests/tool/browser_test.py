@@ -171,7 +171,8 @@ class BrowserTest(HouseTest):
             browser.click("a[href='#calls']")
             browser.type("#calls-of", "/house/**\ue007")
             end = time.monotonic() + PATIENCE
-            while not browser.do("return calls.length") and time.monotonic() < end:
+            begun = "return calls.some(one => one.event === 'call')"  # ends are observed ahead
+            while not browser.do(begun) and time.monotonic() < end:
                 run("call", "/house/hall/blink", "1", "watched")
             browser.sees("#calls-list", "/house/hall/blink(1, watched)")
             browser.sees("#calls-list", "/house/hall/blink \u2192 true")
@@ -275,6 +276,7 @@ class Publisher:
         self.changing = changing
         self.level = self.changes = 0
         self.isOver = threading.Event()
+        self.why = None  # it could not go on
         self.thread = threading.Thread(target=self.change)
         # What they hold back otherwise is for other tests.
         self.obey("lamp %s\nletgo %s", self.names, 2)
@@ -285,14 +287,21 @@ class Publisher:
         stream.flush()
         left = answers * len(names)
         while left > 0:
-            left -= os.read(self.process.child.stdout.fileno(), 65536).count(b"\n")
+            some = os.read(self.process.child.stdout.fileno(), 65536)
+            if not some:
+                raise AssertionError("%s has ended" % self.names[0][:5])
+            left -= some.count(b"\n")
 
     def change(self):
         """Those that it was too late for are made up for."""
         due = time.monotonic()
         while not self.isOver.is_set():
             self.level = self.level % 99 + 1
-            self.obey("change %%s %d" % self.level, self.names[:self.changing], 1)
+            try:
+                self.obey("change %%s %d" % self.level, self.names[:self.changing], 1)
+            except (AssertionError, OSError) as why:
+                self.why = why
+                return
             self.changes += self.changing
             due += self.PACE
             time.sleep(max(0, due - time.monotonic()))
@@ -300,6 +309,8 @@ class Publisher:
     def end(self):
         self.isOver.set()
         self.thread.join()
+        if self.why:
+            raise self.why
 
 
 class LoadTest(HouseTest):

@@ -37,6 +37,11 @@ struct Address {
             throw Failure(ExitCode::kWrongUse, "\"" + text + "\" is no address");
     }
 
+    /** Every address of this machine, by which none is called. */
+    bool isAny() const {
+        return host.find_first_not_of(".0") == std::string::npos ||
+               host.find_first_not_of(":0") == std::string::npos;
+    }
     std::string inUrl() const {
         return host.find(':') == std::string::npos ? host : "[" + host + "]";
     }
@@ -53,9 +58,13 @@ private:
     }
 };
 
+/** In lower case, as browsers write it; empty when others cannot know it by that. */
 std::string nameOfThisMachine() {
-    char name[256] = {};
-    return gethostname(name, sizeof name - 1) == 0 ? name : "";
+    char bytes[256] = {};
+    std::string name = gethostname(bytes, sizeof bytes - 1) == 0 ? lowerCase(bytes) : "";
+    bool const isPlain =
+        name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-_.") == std::string::npos;
+    return isPlain && name != "localhost" ? name : "";
 }
 
 /** Serves until the session ends. The gate is made when the port is known, before anybody can ask:
@@ -125,7 +134,8 @@ public:
         Gate::Rules const rules{tokenOf(), isOpen, nameOfThisMachine(), 0, mayChange_};
         return stayInGroup(settings, output, 0, [&](Tool&, Events& events) {
             auto session = std::make_unique<WebSession>(settings, address, rules);
-            std::string const url = "http://" + address.inUrl() + ":" +
+            bool const isNamed = address.isAny() && !rules.name.empty();
+            std::string const url = "http://" + (isNamed ? rules.name : address.inUrl()) + ":" +
                                     std::to_string(address.port) + "/" +
                                     (rules.token.empty() ? "" : "?token=" + rules.token);
             // People get the address alone.
@@ -134,6 +144,9 @@ public:
                             {"event", "begun"},
                             {"address", url},
                             {"changes", mayChange_}}});
+            if (address.isAny())
+                output.note("each address of this machine will do in place of " +
+                            (isNamed ? rules.name : address.inUrl()));
             output.note("Ctrl-C ends");
             return session;
         });

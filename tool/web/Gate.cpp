@@ -58,7 +58,7 @@ bool Gate::isOurs(std::string const& host) const {
     bool const hasPort = host.compare(end, std::string::npos, port) == 0;
     if (!hasPort && rules_.port != 80)
         return false;
-    std::string const name = hasPort ? host.substr(0, end) : host;
+    std::string const name = lowerCase(hasPort ? host.substr(0, end) : host);
     if (name == "localhost" || name == "127.0.0.1" || name == "[::1]")
         return true;
     return rules_.isOpen && (isAddress(name) || (!rules_.name.empty() && name == rules_.name));

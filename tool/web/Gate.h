@@ -15,7 +15,7 @@ public:
     struct Rules {
         std::string token;      // empty: nobody needs one
         bool isOpen = false;    // to other machines: any address will do, and `name`
-        std::string name = {};  // under which they know this machine
+        std::string name = {};  // under which they know this machine, in lower case; may be empty
         int port = 0;
         bool mayChange = false;  // whether what is there may be changed
     };

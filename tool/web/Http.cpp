@@ -19,15 +19,15 @@
 
 #include "Failure.h"
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
 std::string lowerCase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     return text;
 }
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
 
 /** The sockets of connections that are served, to end them from outside. Any thread. */
 class OpenSockets {
@@ -134,15 +134,23 @@ private:
 /** Threads, and no more waiting connections than there are of them: the system keeps the others. */
 class Threads final : public httplib::TaskQueue {
 public:
-    Threads() {
+    /** `isListening`: false from when no more connections come, whatever those that are there take.
+     */
+    explicit Threads(std::atomic<bool>& isListening) : isListening_(isListening) {
+        threads_.reserve(HttpServer::kThreads);
         try {
             for (std::size_t i = 0; i < HttpServer::kThreads; ++i)
                 threads_.emplace_back([this] { serve(); });
-        } catch (std::system_error const&) {
+        } catch (std::exception const&) {
             if (threads_.empty())
                 throw;  // fewer serve, too
         }
     }
+    /** Who listens has not come to the shutdown where memory has lacked for a connection. */
+    ~Threads() override { end(); }
+    Threads(Threads const&) = delete;
+    Threads& operator=(Threads const&) = delete;
+
     void enqueue(std::function<void()> work) override {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return work_.size() < HttpServer::kThreads; });
@@ -150,7 +158,11 @@ public:
         changed_.notify_all();
     }
     /** What waits is served still. */
-    void shutdown() override {
+    void shutdown() override { end(); }
+
+private:
+    void end() {
+        isListening_ = false;
         {
             std::lock_guard<std::mutex> const lock(mutex_);
             isOver_ = true;
@@ -158,9 +170,8 @@ public:
         }
         for (std::thread& thread : threads_)
             thread.join();
+        threads_.clear();
     }
-
-private:
     void serve() {
         for (;;) {
             std::function<void()> work;
@@ -182,6 +193,7 @@ private:
     std::deque<std::function<void()>> work_;  // guarded by mutex_, as the next
     bool isOver_ = false;
     std::vector<std::thread> threads_;
+    std::atomic<bool>& isListening_;
 };
 
 /** Without a body. */
@@ -248,7 +260,7 @@ public:
                 answer(response, *refusal);
             return refusal ? HandlerResponse::Handled : HandlerResponse::Unhandled;
         });
-        new_task_queue = [] { return new Threads; };
+        new_task_queue = [this] { return new Threads(isListening_); };
         set_payload_max_length(kMostBytes);
         set_tcp_nodelay(true);
         // Of its own options one lets another process have the same port.

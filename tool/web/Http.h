@@ -9,6 +9,9 @@
 #include <optional>
 #include <string>
 
+/** Headers are compared in it, and names of machines. */
+std::string lowerCase(std::string text);
+
 /** A request, as far as anybody here wants to know it. A value. */
 struct HttpRequest {
     std::string method;                               // "GET", "POST"
