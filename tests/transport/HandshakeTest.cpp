@@ -580,16 +580,13 @@ TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) 
 /** What processes may have of a kind in a test. */
 class LittleRoom {
 public:
-    LittleRoom(PeerShare::Kind kind, std::size_t bytes) : kind_(kind) {
-        PeerShare::total(kind, bytes);
-    }
-    ~LittleRoom() {
-        PeerShare::total(
-            kind_, kind_ == PeerShare::Kind::Rings ? PeerShare::kTotalOfRings : PeerShare::kTotal);
-    }
+    LittleRoom(PeerShare::Kind kind, std::size_t bytes)
+        : kind_(kind), before_(PeerShare::total(kind, bytes)) {}
+    ~LittleRoom() { PeerShare::total(kind_, before_); }
 
 private:
     PeerShare::Kind const kind_;
+    std::size_t const before_;
 };
 
 TEST_F(HandshakeTest, WhatWaitsForOneProcessIsBoundedHoweverManyTerminationsItHas) {
@@ -623,6 +620,27 @@ TEST_F(HandshakeTest, WhatWaitsForOneProcessIsBoundedHoweverManyTerminationsItHa
     ASSERT_TRUE(again.open(sender.termId()));
     for (std::uint32_t i = 0; i < kMost / 2 - 1; ++i)
         EXPECT_EQ(sender.send(again.from, TestHead::Numbered, i, kSize), 1) << "not given back";
+}
+
+TEST_F(HandshakeTest, ConnectionsOfOneProcessAreBoundedAndOthersFindRoom) {
+    constexpr std::size_t kMost = 16;
+    LittleRoom const room(PeerShare::Kind::Channels, kMost);
+    std::array<HandMadePeer, kMost * 7 / 8> peers;
+    for (HandMadePeer& peer : peers)
+        ASSERT_TRUE(peer.open(own_.termId()));
+    HandMadePeer refused;
+    EXPECT_FALSE(refused.open(own_.termId()));
+    EXPECT_TRUE(log_.contains("refused: its process has too many channels"));
+    HandMadePeer asked;
+    ASSERT_TRUE(own_.waitUntilKnown(asked.from));
+    EXPECT_EQ(own_.send(asked.from, TestHead::Numbered, 0), 1);
+    EXPECT_TRUE(own_.waitForReturned(1)) << "nor do we connect to it";
+    Peer other;
+    other.flood(own_.termId(), 1, 8);
+    EXPECT_TRUE(own_.waitForReceived(1));
+    peers[0].hangUp();  // one for the other process, one for the next
+    peers[1].hangUp();
+    EXPECT_SOON(HandMadePeer().open(own_.termId()));
 }
 
 TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWaitUntilThereIsRoom) {

@@ -34,7 +34,8 @@ Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
       peer_(peer),
       token_(Receiver::newToken()),
       share_(std::move(share)),
-      unsent_(PeerShare::Kind::Unsent, share_) {}
+      unsent_(PeerShare::Kind::Unsent, share_),
+      descriptors_(PeerShare::Kind::Channels, share_) {}
 
 Channel::~Channel() = default;
 

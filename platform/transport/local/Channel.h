@@ -228,6 +228,7 @@ private:
     State state();
     int socket();
     void connect();
+    bool mayConnect();
     bool sayHello(OpenSocket socket);
     void retryLater(long long nanoseconds);
     void tryAgain(char const* reason);
@@ -235,6 +236,7 @@ private:
     bool peerIsGenuine(int socket);
     bool mayAnswer(int socket);
     void dropAttempt();
+    void refuseHello(char const* reason);
     void open(PeerSide peer);
     Packet packet(Packet::Kind kind, std::uint32_t ringCapacity = 0) const;
 
@@ -305,6 +307,7 @@ private:
 
     // Receiving thread only.
     std::optional<Connection> connection_;  // not in Idle and Wanted
+    PeerShare::Reservation descriptors_;    // for it
     /** Of a connection that has ended; there is no other one before all this has gone back. */
     std::optional<SentMessages> untaken_;
     std::optional<Greeting> greeting_;  // answered when this connection has ended

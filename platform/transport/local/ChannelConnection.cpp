@@ -77,7 +77,16 @@ void Channel::retryLater(long long nanoseconds) {
     receiver_->wakeAt(retryAt_);
 }
 
+/** Whether the peer's process has not too many connections already; else there is one more. */
+bool Channel::mayConnect() {
+    return descriptors_.bytes() != 0 || descriptors_.grow(1);
+}
+
 void Channel::connect() {
+    if (!mayConnect()) {
+        tryAgain("its process has too many channels");
+        return;
+    }
     OpenSocket socket(Rendezvous::instance().connectTo(peer_));
     if (!socket.valid()) {
         if (errno == EAGAIN)
@@ -201,14 +210,14 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     }
     if (receiver_->stopping() || !giveBackUntaken() || !mayAnswer(socket.get()))
         return;
+    if (!mayConnect()) {
+        refuseHello("its process has too many channels");
+        return;
+    }
     PeerSide peerSide = PeerSide::of(hello);
     OwnSide side = OwnSide::make();
     if (!peerSide.valid() || !side.valid()) {
-        static Logging::LineLimit limit(kFirstLines);
-        REFLECTORB_LOG_LIMITED(
-            limit, 3, kSource, "connection of 0x%08X to 0x%08X refused: %s", peer_.value(),
-            ownId_.value(), side.valid() ? "its shared memory makes no sense" : "no shared memory");
-        retryLater(kNoMemoryRetry);
+        refuseHello(side.valid() ? "its shared memory makes no sense" : "no shared memory");
         return;
     }
     connection_.emplace(std::move(side));
@@ -228,6 +237,14 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
         dropAttempt();
         retryLater(kBacklogFullRetry);
     }
+}
+
+void Channel::refuseHello(char const* reason) {
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource, "connection of 0x%08X to 0x%08X refused: %s",
+                           peer_.value(), ownId_.value(), reason);
+    descriptors_.shrinkTo(0);
+    retryLater(kNoMemoryRetry);
 }
 
 void Channel::open(PeerSide peerSide) {
@@ -558,6 +575,7 @@ void Channel::dropConnection() {
     if (connected())
         receiver_->unwatch(connection_->own.bell.get());
     connection_.reset();
+    descriptors_.shrinkTo(0);
 }
 
 /** The peer has gone: takes in its last messages, gives back what it will never take. */

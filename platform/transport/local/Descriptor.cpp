@@ -37,6 +37,13 @@ bool descriptorsLeft(int fd, int count) {
     return canHave(fd, count) || (raiseDescriptorLimit() && canHave(fd, count));
 }
 
+std::size_t mostDescriptors() {
+    struct rlimit limit {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return static_cast<std::size_t>(
+        std::max(limit.rlim_cur, std::min(limit.rlim_max, kEnoughDescriptors)));
+}
+
 bool raiseDescriptorLimit() {
     struct rlimit limit {};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <utility>
 
 namespace Transport {
@@ -56,6 +57,8 @@ using OpenSocket = BasicDescriptor<closeSocket>;
  * allows: raises that as far as the hard limit lets it. Call when one could not be had (EMFILE);
  * true when it pays to try again. */
 bool raiseDescriptorLimit();
+/** How many this process may have, its soft limit raised as far as that goes. */
+std::size_t mostDescriptors();
 /** Whether so many descriptors can be had now; raises the limit where that helps. `fd` is any of
  * this process's own. */
 bool descriptorsLeft(int fd, int count);

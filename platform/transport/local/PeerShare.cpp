@@ -1,12 +1,26 @@
 #include "platform/transport/local/PeerShare.h"
 
-namespace Transport {
+#include "platform/transport/local/Descriptor.h"
 
-PeerShare::Amounts PeerShare::most_{kTotal, kTotal, kTotalOfRings};
+namespace Transport {
+namespace {
+
+/** A socket and two bells, once it stands. */
+constexpr std::size_t kDescriptorsOfChannel = 3;
+/** So many times what is free may one process have, of connections. */
+constexpr std::size_t kChannelsForOneFree = 7;
+
+}  // namespace
+
+PeerShare::Amounts PeerShare::most_{kTotal, kTotal, kTotalOfRings, mostChannels()};
 PeerShare::Amounts PeerShare::all_{};
 
-void PeerShare::total(Kind kind, std::size_t bytes) {
-    of(kind, most_).store(bytes);
+std::size_t PeerShare::mostChannels() {
+    return mostDescriptors() / kDescriptorsOfChannel;
+}
+
+std::size_t PeerShare::total(Kind kind, std::size_t bytes) {
+    return of(kind, most_).exchange(bytes);
 }
 
 /** Who has nothing yet is given what he asks for, whatever others keep. Answers find a little more
@@ -17,7 +31,8 @@ bool PeerShare::take(Kind kind, std::size_t bytes, Room room) {
     std::size_t const most = room == Room::Usual ? usual : usual + usual / 8;
     std::size_t const own = of(kind, taken_).fetch_add(bytes, std::memory_order_relaxed) + bytes;
     std::size_t const all = of(kind, all_).fetch_add(bytes, std::memory_order_relaxed) + bytes;
-    if (own == bytes || (all <= most && own <= most - all))
+    std::size_t const times = kind == Kind::Channels ? kChannelsForOneFree : 1;
+    if (own == bytes || (all <= most && own <= times * (most - all)))
         return true;
     give(kind, bytes);
     return false;

@@ -10,13 +10,15 @@
 namespace Transport {
 
 /**
- * What one other process makes this one keep, in bytes and however many terminations it has, since
- * each of these could fill what a single channel may hold. Shared by the channels to them.
+ * What one other process makes this one keep, in bytes or connections and however many terminations
+ * it has, since each of these could fill what a single channel may hold. Shared by the channels to
+ * them.
  *
  * A process may have as much as is still free for all: one by itself half of what there is, and
- * those who take much share it between them. The first that each asks for it is given in any case:
- * so many who take much keep nobody from one message at a time. Any thread; needs neither lock nor
- * memory.
+ * those who take much share it between them. Of connections it may have seven times as many as are
+ * free, since a link stands for all terminations of other machines. The first that each asks for it
+ * is given in any case: so many who take much keep nobody from one message at a time. Any thread;
+ * needs neither lock nor memory.
  */
 class PeerShare {
 public:
@@ -24,6 +26,7 @@ public:
         Unsent,      // waits to be sent to it, or to be taken by it
         Unfinished,  // messages that it has sent in part
         Rings,       // those to it that have grown
+        Channels,    // connections with it: their number, since each takes descriptors
     };
     class Reservation;
 
@@ -31,19 +34,21 @@ public:
     PeerShare(PeerShare const&) = delete;
     PeerShare& operator=(PeerShare const&) = delete;
 
-    /** For tests: what there is of a kind for all processes together. */
-    static void total(Kind kind, std::size_t bytes);
+    /** For tests: what there is of a kind for all processes together. Answers what there was. */
+    static std::size_t total(Kind kind, std::size_t bytes);
     static constexpr std::size_t kTotal = 4 * static_cast<std::size_t>(Room::Usual);
     static constexpr std::size_t kTotalOfRings = 4 * kTotal;
 
 private:
-    using Amounts = std::array<std::atomic<std::size_t>, 3>;
+    using Amounts = std::array<std::atomic<std::size_t>, 4>;
 
     bool take(Kind kind, std::size_t bytes, Room room);
     void give(Kind kind, std::size_t bytes);
     static std::atomic<std::size_t>& of(Kind kind, Amounts& amounts) {
         return amounts[static_cast<std::size_t>(kind)];
     }
+
+    static std::size_t mostChannels();
 
     static Amounts most_;
     static Amounts all_;
