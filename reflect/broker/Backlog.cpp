@@ -17,17 +17,35 @@ constexpr double kSoon = 5e6;
 constexpr std::uint64_t kSomeServed = 64;
 constexpr long long kShort = 1'000'000;  // nanoseconds
 
+/** Whether a sender may have so much more, with its process and with as much `free`. With each of
+ * its process' `senders` less is left for the next: all of them together never take more than half
+ * of what the process leaves by itself. */
+bool findsRoom(std::uint64_t own, std::uint64_t ofProcess, std::uint64_t senders,
+               std::uint64_t free, std::uint64_t more) {
+    return ofProcess + more <= free || own + more <= free / (senders * senders);
+}
+
+/** Messages up to the next few hundred above what waits. */
+std::uint64_t nextEnough(std::uint64_t waiting) {
+    return Backlog::kLeastEnough * (1 + waiting / Backlog::kLeastEnough);
+}
+
 }  // namespace
 
-/** What one sender may have waiting now. */
-Backlog::Amount Backlog::allowed() const {
+/** What is not taken yet. */
+Backlog::Amount Backlog::free() const {
     auto const rest = [](std::uint64_t most, std::uint64_t taken) {
         return most > taken ? most - taken : 0;
     };
-    return {std::min(static_cast<std::uint64_t>(most_.senderKibibytes) * kKibibyte,
-                     rest(static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte, total_.bytes)),
-            std::min(static_cast<std::uint64_t>(most_.senderMessages),
-                     rest(static_cast<std::uint64_t>(most_.messages), total_.messages))};
+    return {rest(static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte, total_.bytes),
+            rest(static_cast<std::uint64_t>(most_.messages), total_.messages)};
+}
+
+/** What one sender may have waiting now. */
+Backlog::Amount Backlog::allowed() const {
+    Amount const rest = free();
+    return {std::min(static_cast<std::uint64_t>(most_.senderKibibytes) * kKibibyte, rest.bytes),
+            std::min(static_cast<std::uint64_t>(most_.senderMessages), rest.messages)};
 }
 
 /** What a message counts of what its sender may have: no more than half of it, so that the small
@@ -37,38 +55,69 @@ std::uint64_t Backlog::charge(std::uint64_t bytes) const {
 }
 
 /** A message may be larger than what one sender may have, as long as it leaves as much. */
-bool Backlog::fits(Amount const& share, std::uint64_t bytes) const {
+bool Backlog::fits(Share const& share, std::uint64_t bytes) const {
     if (total_.messages == 0)
         return true;
+    Amount const& waiting = share.load_.waiting;
     Amount const most = allowed();
     std::uint64_t const all = static_cast<std::uint64_t>(most_.kibibytes) * kKibibyte;
     bool const leavesAsMuch = total_.bytes + 2 * bytes <= all;
     bool const bytesFit =
-        leavesAsMuch && (share.messages == 0 || share.bytes + charge(bytes) <= most.bytes);
-    return bytesFit && share.messages + 1 <= most.messages;
+        leavesAsMuch && (waiting.messages == 0 || waiting.bytes + charge(bytes) <= most.bytes);
+    return bytesFit && waiting.messages + 1 <= most.messages && fitsProcess(share, bytes);
 }
 
-Backlog::Share* Backlog::admit(Transport::TerminationId sender, std::size_t size, Bounds bounds) {
+bool Backlog::fitsProcess(Share const& share, std::uint64_t bytes) const {
+    if (!share.process_)
+        return true;
+    Amount const& own = share.load_.waiting;
+    Amount const& all = share.process_->load.waiting;
+    Amount const rest = free();
+    std::uint64_t const senders = share.process_->waiting + (own.messages == 0 ? 1 : 0);
+    return findsRoom(own.messages, all.messages, senders, rest.messages, 1) &&
+           findsRoom(own.bytes, all.bytes, senders, rest.bytes, charge(bytes));
+}
+
+Backlog::Share* Backlog::admit(Transport::TerminationId sender, int process, std::size_t size,
+                               Bounds bounds) {
     std::uint64_t const bytes = size + kHeadSize;
-    Share* const share = shareOf(sender);
-    if (!share || (bounds == Bounds::Heeded && !fits(share->waiting_, bytes)))
+    Share* const share = shareOf(sender, process);
+    if (!share || (bounds == Bounds::Heeded && !fits(*share, bytes)))
         return nullptr;
-    share->waiting_.bytes += charge(bytes);
-    ++share->waiting_.messages;
-    total_.bytes += bytes;
-    ++total_.messages;
+    enter(*share, bytes);
     return share;
+}
+
+void Backlog::enter(Share& share, std::uint64_t bytes) {
+    auto const add = [](Amount& to, std::uint64_t amount) {
+        to.bytes += amount;
+        return ++to.messages == 1;
+    };
+    bool const isFirst = add(share.load_.waiting, charge(bytes));
+    add(total_, bytes);
+    if (!share.process_)
+        return;
+    add(share.process_->load.waiting, charge(bytes));
+    share.process_->waiting += isFirst ? 1 : 0;
 }
 
 bool Backlog::release(Share& share, std::size_t size) {
     std::uint64_t const bytes = size + kHeadSize;
-    share.waiting_.bytes -= charge(bytes);
-    --share.waiting_.messages;
+    auto const take = [&](Load& from) {
+        from.waiting.bytes -= charge(bytes);
+        bool const isLast = --from.waiting.messages == 0;
+        if (isLast)
+            from.enough = kLeastEnough;
+        return isLast;
+    };
+    bool const isLast = take(share.load_);
+    if (share.process_) {
+        take(share.process_->load);
+        share.process_->waiting -= isLast ? 1 : 0;
+    }
     total_.bytes -= bytes;
     --total_.messages;
     ++served_;
-    if (share.waiting_.messages == 0)
-        share.enough_ = kLeastEnough;
     if (!share.heldBack_ || !isLittle(share))
         return false;
     letGo(share);
@@ -76,33 +125,56 @@ bool Backlog::release(Share& share, std::size_t size) {
 }
 
 bool Backlog::beginServing(Share& share) {
-    if (share.served_ + beingServed_ >= kMostServed)
+    unsigned int const free = kMostServed - beingServed_;
+    unsigned int& own = share.load_.served;
+    Process* const process = share.process_;
+    if (own >= free || (process && !findsRoom(own, process->load.served,
+                                              process->serving + (own == 0 ? 1 : 0), free, 1)))
         return false;
-    ++share.served_;
+    if (process) {
+        ++process->load.served;
+        process->serving += own == 0 ? 1 : 0;
+    }
+    ++own;
     ++beingServed_;
     return true;
 }
 
 void Backlog::endServing(Share& share) {
-    --share.served_;
+    --share.load_.served;
     --beingServed_;
+    if (!share.process_)
+        return;
+    --share.process_->load.served;
+    share.process_->serving -= share.load_.served == 0 ? 1 : 0;
 }
 
-Backlog::Share* Backlog::shareOf(Transport::TerminationId sender) {
+Backlog::Share* Backlog::find(Transport::TerminationId sender) {
     if (last_ && lastSender_ == sender)
         return last_;
-    auto found = shares_.find(sender);
-    if (found == shares_.end()) {
-        forgetIdle();
-        try {
-            found = shares_.try_emplace(sender).first;
-        } catch (std::bad_alloc const&) {
-            return nullptr;
-        }
-    }
+    auto const found = shares_.find(sender);
+    if (found == shares_.end())
+        return nullptr;
     lastSender_ = sender;
     last_ = &found->second;
     return last_;
+}
+
+Backlog::Share* Backlog::shareOf(Transport::TerminationId sender, int process) {
+    if (Share* const known = find(sender))
+        return known;
+    forgetIdle();
+    try {
+        Process* const owner =
+            process != 0 ? &processes_.try_emplace(process).first->second : nullptr;
+        Share& made = shares_.try_emplace(sender).first->second;
+        made.process_ = owner;
+        if (owner)
+            ++owner->senders;
+        return &made;
+    } catch (std::bad_alloc const&) {
+        return nullptr;
+    }
 }
 
 /** Each sender that stays costs one look for each that comes. */
@@ -110,27 +182,54 @@ void Backlog::forgetIdle() {
     if (shares_.size() < manyShares_)
         return;
     last_ = nullptr;
-    for (auto entry = shares_.begin(); entry != shares_.end();)
-        entry = entry->second.waiting_.messages == 0 && entry->second.served_ == 0 &&
-                        !entry->second.heldBack_
-                    ? shares_.erase(entry)
-                    : std::next(entry);
+    for (auto entry = shares_.begin(); entry != shares_.end();) {
+        Share const& share = entry->second;
+        bool const idle =
+            share.load_.waiting.messages == 0 && share.load_.served == 0 && !share.heldBack_;
+        if (idle && share.process_)
+            --share.process_->senders;
+        entry = idle ? shares_.erase(entry) : std::next(entry);
+    }
+    for (auto entry = processes_.begin(); entry != processes_.end();)
+        entry = entry->second.senders == 0 ? processes_.erase(entry) : std::next(entry);
     manyShares_ = std::max<std::size_t>(64, 2 * shares_.size());
 }
 
-bool Backlog::isMuch(Share& share) {
-    Amount const& waiting = share.waiting_;
-    Amount const most = allowed();
-    if (waiting.bytes > most.bytes / 2 || waiting.messages > most.messages / 2)
-        return true;
-    if (waiting.messages <= share.enough_)
+/** Whether a sender that is not the only one of its process has its part, or that fraction of it,
+ * of what is much of a process. Who has less is not held back for what the others have sent. */
+bool Backlog::hasEqualPart(Share const& share, unsigned int fraction) const {
+    if (!share.process_ || share.process_->waiting < 2)
         return false;
-    if (!isServedSoon()) {
-        share.enough_ = kLeastEnough;
+    Amount const& own = share.load_.waiting;
+    Amount const rest = free();
+    std::uint64_t const times = std::uint64_t{fraction} * share.process_->waiting;
+    return own.messages * times > std::min(kLeastEnough, rest.messages / 2) ||
+           own.bytes * times > rest.bytes / 2;
+}
+
+bool Backlog::isHalf(Share const& share) const {
+    auto const isHalfOf = [](Amount const& waiting, Amount const& most) {
+        return waiting.bytes > most.bytes / 2 || waiting.messages > most.messages / 2;
+    };
+    return isHalfOf(share.load_.waiting, allowed()) ||
+           (hasEqualPart(share, 1) && isHalfOf(share.process_->load.waiting, free()));
+}
+
+bool Backlog::isMuch(Share& share) {
+    if (isHalf(share))
         return true;
-    }
-    share.enough_ += kLeastEnough;
-    return false;
+    auto const isEnough = [](Load const& load) { return load.waiting.messages > load.enough; };
+    Load* const own = isEnough(share.load_) ? &share.load_ : nullptr;
+    Load* const process = share.process_ && isEnough(share.process_->load) && hasEqualPart(share, 1)
+                              ? &share.process_->load
+                              : nullptr;
+    if (!own && !process)
+        return false;
+    bool const soon = isServedSoon();
+    for (Load* const load : {own, process})
+        if (load)
+            load->enough = soon ? nextEnough(load->waiting.messages) : kLeastEnough;
+    return !soon;
 }
 
 /** A few messages tell no pace, unless they have taken long. */
@@ -144,16 +243,18 @@ bool Backlog::isServedSoon() {
 }
 
 bool Backlog::isLittle(Share const& share) const {
-    Amount const& waiting = share.waiting_;
-    Amount const most = allowed();
-    return waiting.messages == 0 ||
-           (waiting.bytes <= most.bytes / 4 &&
-            waiting.messages <= std::min(most.messages / 4, share.enough_ / 2));
+    auto const isQuarter = [](Load const& load, Amount const& most) {
+        return load.waiting.bytes <= most.bytes / 4 &&
+               load.waiting.messages <= std::min(most.messages / 4, load.enough / 2);
+    };
+    return share.load_.waiting.messages == 0 ||
+           (isQuarter(share.load_, allowed()) &&
+            (!hasEqualPart(share, 2) || isQuarter(share.process_->load, free())));
 }
 
 bool Backlog::holdBack(Transport::TerminationId sender) {
     auto const found = shares_.find(sender);
-    if (found == shares_.end() || found->second.waiting_.messages == 0)
+    if (found == shares_.end() || found->second.load_.waiting.messages == 0)
         return false;
     if (!std::exchange(found->second.heldBack_, true))
         ++heldBack_;
@@ -172,7 +273,7 @@ Backlog::Mark Backlog::letGo(Transport::TerminationId sender, When when) {
 
 /** The pace is asked for again when more come, with each few hundred above what is left. */
 void Backlog::letGo(Share& share) {
-    share.enough_ = kLeastEnough * (1 + share.waiting_.messages / kLeastEnough);
+    share.load_.enough = nextEnough(share.load_.waiting.messages);
     share.heldBack_ = false;
     --heldBack_;
 }

@@ -12,15 +12,22 @@
  * wait: as much as the bound for one sender allows, but never more than what is still free for all.
  * So those who send much share the room between them, and who sends little always finds some.
  *
+ * All senders of one process together are bounded alike, however many they are: beyond what is
+ * still free, each further one of them finds less than the one before. A quarter of the room stays
+ * for other processes, and the senders behind a link, which are those of other machines, leave each
+ * other some.
+ *
  * What others send waits behind what a sender has sent, so it is to be held back before its bound:
  * beyond a few hundred messages as soon as what waits takes long to serve, by the pace so far, and
- * at half of the bound at the latest.
+ * at half of the bound at the latest. When that much waits of a process, those of its senders that
+ * have more than an equal part of it there are.
  *
  * A message waits from its arrival until a worker begins to serve it: what is being served may wait
  * for a sender in its turn, but what waits goes on by itself.
  *
  * What is being served keeps a thread, and a transaction id while it waits for others, perhaps for
- * ever. So of one sender no more is served at a time than may still be served of all.
+ * ever. So of one sender no more is served at a time than may still be served of all, and likewise
+ * of one process.
  *
  * Everything runs under the mutex of the queue that owns the backlog.
  */
@@ -36,23 +43,41 @@ public:
     /** So many messages are served at a time: half of the transaction ids are left for others. */
     static constexpr unsigned int kMostServed = 2048;
 
+private:
+    /** What there is of a sender, or of all senders of a process. */
+    struct Load {
+        Amount waiting;
+        std::uint64_t enough = kLeastEnough;  // messages, before it is to be held back
+        unsigned int served = 0;              // messages that are being served
+    };
+    struct Process {
+        Load load;
+        unsigned int senders = 0;  // that are known
+        unsigned int waiting = 0;  // of them, those of which something waits
+        unsigned int serving = 0;  // those of which something is being served
+    };
+
+public:
     /** What waits of one sender. Stays where it is as long as something waits or is being
      * served. */
     class Share {
         friend Backlog;
 
-        Amount waiting_;
-        std::uint64_t enough_ = kLeastEnough;  // messages, before it is to be held back
+        Load load_;
         bool heldBack_ = false;
-        unsigned int served_ = 0;  // messages that are being served
+        Process* process_ = nullptr;  // none: not known
     };
 
     explicit Backlog(Transport::Backlog const& most) : most_(most) {}
 
     /** None: for what the broker queues for itself, of which there is little. */
     enum class Bounds { Heeded, None };
-    /** Enters a message of `size` bytes; null when it is too much, or memory has run out. */
-    Share* admit(Transport::TerminationId sender, std::size_t size, Bounds bounds = Bounds::Heeded);
+    /** Whether the sender's process need not be told. */
+    bool knows(Transport::TerminationId sender) { return find(sender) != nullptr; }
+    /** Enters a message of `size` bytes; null when it is too much, or memory has run out. `process`
+     * of a sender that is not known is its owner, or 0. */
+    Share* admit(Transport::TerminationId sender, int process, std::size_t size,
+                 Bounds bounds = Bounds::Heeded);
     /** Takes a message of `size` bytes out. True when so little is left that the sender, which was
      * marked as held back, may go on: its mark is taken away. The share may be gone with the next
      * `admit`, unless the message begins to be served. */
@@ -74,9 +99,15 @@ public:
 
 private:
     std::uint64_t charge(std::uint64_t bytes) const;
-    bool fits(Amount const& share, std::uint64_t bytes) const;
+    bool fits(Share const& share, std::uint64_t bytes) const;
+    bool fitsProcess(Share const& share, std::uint64_t bytes) const;
+    Amount free() const;
     Amount allowed() const;
-    Share* shareOf(Transport::TerminationId sender);
+    Share* find(Transport::TerminationId sender);
+    Share* shareOf(Transport::TerminationId sender, int process);
+    void enter(Share& share, std::uint64_t bytes);
+    bool hasEqualPart(Share const& share, unsigned int fraction) const;
+    bool isHalf(Share const& share) const;
     bool isLittle(Share const& share) const;
     bool isServedSoon();
     void letGo(Share& share);
@@ -90,6 +121,7 @@ private:
     unsigned int heldBack_ = 0;
     unsigned int beingServed_ = 0;
     std::unordered_map<Transport::TerminationId, Share> shares_;
+    std::unordered_map<int, Process> processes_;
     std::size_t manyShares_ = 64;  // so many, before idle ones are forgotten
     // The sender that was asked for last.
     Transport::TerminationId lastSender_;

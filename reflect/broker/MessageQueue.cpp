@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "oswrap/Lock.h"
+#include "transport/TransportLayer.h"
 
 using QueueLock = OSWrap::Lock<OSWrap::ConditionVar>;
 
@@ -45,6 +46,30 @@ void MessageQueue::Ring::grow() {
     first_ = 0;
 }
 
+/** Without memory for it, it is not known. */
+int MessageQueue::ownerOf(Transport::TerminationId sender) {
+    try {
+        return Transport::TransportLayer::instance().ownerOf(sender).process;
+    } catch (std::bad_alloc const&) {
+        return 0;
+    }
+}
+
+/** Null when it is too much, or the queue has been closed meanwhile: the process of a new sender is
+ * asked for without the mutex. */
+Backlog::Share* MessageQueue::admit(Transport::AddressedMessage const& message,
+                                    Backlog::Bounds bounds) {
+    Transport::TerminationId const sender = message.originator();
+    int process = 0;
+    if (!backlog_.knows(sender)) {
+        changed_.unlock();
+        process = processOf_(sender);
+        changed_.lock();
+    }
+    return !closed_ && messages_.reserve() ? backlog_.admit(sender, process, message.size(), bounds)
+                                           : nullptr;
+}
+
 MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message,
                                         unsigned int note, Backlog::Bounds bounds) {
     Pushed pushed;
@@ -52,11 +77,10 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
         QueueLock const lock(changed_);
         if (closed_)
             return pushed;
-        Backlog::Share* const share =
-            messages_.reserve() ? backlog_.admit(message.originator(), message.size(), bounds)
-                                : nullptr;
+        Backlog::Share* const share = admit(message, bounds);
         if (!share) {
-            pushed = {Fate::TooMuch, Need::Nothing, true};
+            if (!closed_)
+                pushed = {Fate::TooMuch, Need::Nothing, true};
             return pushed;
         }
         pushed.isMuch = backlog_.isMuch(*share);

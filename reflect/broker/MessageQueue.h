@@ -19,7 +19,8 @@
  *   none, asks for one more.
  * - A worker that comes back and finds three others idle ends.
  *
- * What waits is bounded, in all and by sender (see Backlog): what is too much is not kept.
+ * What waits is bounded, in all, by sender and by process (see Backlog): what is too much is not
+ * kept.
  *
  * The worker count keeps track of all workers, so that a broker that is being deleted can wait for
  * them.
@@ -57,7 +58,11 @@ public:
         bool isMuch = false;  // of this sender, which should be held back
     };
 
-    explicit MessageQueue(Transport::Backlog const& most) : backlog_(most) {}
+    /** Tells the process that a sender belongs to; 0: none is known. Must not throw. */
+    using ProcessOf = int (*)(Transport::TerminationId sender);
+
+    explicit MessageQueue(Transport::Backlog const& most, ProcessOf processOf = &ownerOf)
+        : processOf_(processOf), backlog_(most) {}
     MessageQueue(MessageQueue const&) = delete;
     MessageQueue& operator=(MessageQueue const&) = delete;
 
@@ -127,6 +132,9 @@ private:
     /** At most so many workers stay idle. */
     static constexpr unsigned int kMostIdle = 3;
 
+    static int ownerOf(Transport::TerminationId sender);
+    Backlog::Share* admit(Transport::AddressedMessage const& message, Backlog::Bounds bounds)
+        OSW_REQUIRES(changed_);
     bool mayGoOn() OSW_REQUIRES(changed_);
     bool takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
     void release(Taken& taken) OSW_REQUIRES(changed_);
@@ -135,6 +143,7 @@ private:
     void pollOnce() OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);
 
+    ProcessOf const processOf_;
     /// The queue mutex. Only the permission's queue is locked under it, by those who line up;
     /// nothing is logged or served.
     OSWrap::ConditionVar changed_;

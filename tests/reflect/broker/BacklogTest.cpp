@@ -1,4 +1,5 @@
 // More messages than a broker serves: between processes, where their senders can be held back.
+#include <array>
 #include <csignal>
 #include <fstream>
 
@@ -10,33 +11,47 @@
 namespace {
 
 constexpr int kMost = 200;
+constexpr int kMostInAll = 5 * kMost;
 
 class BacklogTest : public BrokerTest {
 protected:
     BacklogTest()
         : bounded_(Transport::Setup::backlog({512, kMost, 8192, 100 * kMost})),
-          peer_(group(),
-                [](RawPeer& self, TreflectMessage& message) {
-                    if (message.type() == TreflectMessage::tResolve)
-                        self.answer(message, [](TipprmiStream& response) { response << 0u; });
-                }),
+          peer_(group(), &knowsNobody),
           receiver_({{"TRANSPORT_SENDER_MESSAGES", std::to_string(kMost)},
-                     {"TRANSPORT_SENDER_KIB", "512"}}),
+                     {"TRANSPORT_SENDER_KIB", "512"},
+                     {"TRANSPORT_BACKLOG_MESSAGES", std::to_string(kMostInAll)}}),
           probe_(receiver_.publish("probe")) {}
 
+    static void knowsNobody(RawPeer& self, TreflectMessage& message) {
+        if (message.type() == TreflectMessage::tResolve)
+            self.answer(message, [](TipprmiStream& response) { response << 0u; });
+    }
     Transport::TerminationId receiver() { return orb().convertId(TreflectOrbId(probe_.broker)); }
     /** Has the receiver's run permission held, so that all else waits. */
     void block() {
         peer_.sendCall(receiver(), 1, probe_.ioid, false, kProbeClass, kHoldPermission);
         ASSERT_SOON(receiver_.ask("entered probe", "entered") == "1");
     }
-    void flood(unsigned int count, unsigned int size) {
+    void flood(unsigned int count, unsigned int size) { flood(peer_, count, size); }
+    void flood(RawPeer& peer, unsigned int count, unsigned int size) {
         for (unsigned int i = 0; i < count; ++i) {
             TipprmiStream request(
-                peer_.make(100 + i, TreflectMessage::tPayload, TreflectMessage::kMsg, size), true);
+                peer.make(100 + i, TreflectMessage::tPayload, TreflectMessage::kMsg, size), true);
             request << probe_.ioid << false << kProbeClass << unsigned{kEcho};
-            EXPECT_EQ(peer_.send(receiver(), request.msg()), 1);
+            EXPECT_EQ(peer.send(receiver(), request.msg()), 1);
         }
+    }
+    /** An answer of the peer is awaited from now on, so it must not be held back. */
+    TreflectMessage askSomething(RawPeer& peer) {
+        std::ostringstream name;
+        name << "hold rmi_" << std::hex << std::uppercase << orb().convertId(peer.termId()).value()
+             << "_77";
+        receiver_.tell(name.str());
+        return wire::awaitWhere(peer, [](TreflectMessage const& message) {
+            return message.kind() == TreflectMessage::kRequest &&
+                   message.type() == TreflectMessage::tPayload;
+        });
     }
     bool sendOneWay(Transport::TerminationId to, int size) {
         TipprmiStream request(size);
@@ -77,12 +92,7 @@ TEST_F(BacklogTest, senderThatFloodsIsHeldBackAndLosesNothing) {
 }
 
 TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) {
-    // An answer of the peer is awaited, so it must not be held back.
-    std::ostringstream name;
-    name << "hold rmi_" << std::hex << std::uppercase << orb().convertId(peer_.termId()).value()
-         << "_77";
-    receiver_.tell(name.str());
-    TreflectMessage const question = peer_.await(0);
+    TreflectMessage const question = askSomething(peer_);
     block();
     flood(1, 2u << 20);  // larger than all that a sender may have, and yet nothing beside it
     flood(3 * kMost, 100);
@@ -100,6 +110,37 @@ TEST_F(BacklogTest, beyondTheBoundMessagesComeBackWhereASenderCannotBeHeldBack) 
     EXPECT_LE(returned, 2u * kMost + 3);
     peer_.sendCall(receiver(), 9, probe_.ioid, true, kProbeClass, kEcho);
     EXPECT_SOON(peer_.await(peer_.count() - 1).transactionId() == 9) << "served again";
+    receiver_.finish();
+}
+
+TEST_F(BacklogTest, processThatFloodsFromManyTerminationsLeavesRoomForOthers) {
+    constexpr unsigned int kSent = 2 * kMost;
+    ReflectActor good;
+    EXPECT_EQ(good.ask("call probe 6", "called"), "1 6");
+    std::array<std::unique_ptr<RawPeer>, 16> peers;
+    for (auto& peer : peers) {
+        peer = std::make_unique<RawPeer>(group(), &knowsNobody);
+        peer->sendCall(receiver(), 1, probe_.ioid, true, kProbeClass, kEcho);
+        ASSERT_FALSE(wire::awaitWhere(*peer, [](TreflectMessage const& message) {
+                         return message.kind() == TreflectMessage::kResponse;
+                     }).empty());
+        ASSERT_FALSE(askSomething(*peer).empty());
+    }
+    block();
+    for (auto const& peer : peers) {  // each takes what the former ones have left
+        flood(*peer, kSent, 100);
+        EXPECT_FALSE(wire::awaitWhere(*peer, [](TreflectMessage const& message) {
+                         return message.kind() == TreflectMessage::kNoDestination &&
+                                message.transactionId() == 100 + kSent - 1;
+                     }).empty());
+    }
+    good.tell("call probe 7");
+    EXPECT_FALSE(good.child().waitForLine("called", std::chrono::milliseconds(300)))
+        << "has come back at once";
+    receiver_.tell("release probe");
+    EXPECT_EQ(good.await("called"), "1 7");
+    good.finish();
+    std::fill(peers.begin(), peers.end(), nullptr);
     receiver_.finish();
 }
 

@@ -244,6 +244,82 @@ TEST(MessageQueue, ofOneSenderOnlySoMuchIsServedAtATime) {
     EXPECT_TRUE(serves(1, takers[0]));
 }
 
+/** A thousand senders each. */
+int processOf(TerminationId sender) {
+    return static_cast<int>(sender.value() / 1000);
+}
+
+TEST(MessageQueue, sendersOfOneProcessLeaveOthersAQuarterHoweverManyTheyAre) {
+    MessageQueue queue({1 << 20, 100, 1 << 20, 1000}, &processOf);
+    auto const countOf = [&](unsigned int sender) {
+        unsigned int count = 0;
+        while (queue.push(from(sender)).fate == MessageQueue::Fate::Kept)
+            ++count;
+        return count;
+    };
+    unsigned int messages = 0;
+    for (unsigned int sender = 1000; sender < 2000; ++sender)
+        messages += countOf(sender);
+    EXPECT_GE(messages, 500u);
+    EXPECT_LE(messages, 750u);
+    EXPECT_EQ(countOf(2000), 100u) << "of another process";
+    MessageQueue bytes({16, 100, 64, 1000}, &processOf);
+    for (unsigned int sender = 1000; sender < 2000; ++sender)
+        while (bytes.push(from(sender, 1000)).fate == MessageQueue::Fate::Kept) {
+        }
+    EXPECT_EQ(bytes.push(from(2000, 7000)).fate, MessageQueue::Fate::Kept);
+}
+
+TEST(MessageQueue, ofOneProcessOnlySoMuchIsServedAtATime) {
+    MessageQueue queue(kNoBound, &processOf);
+    Need need = Need::Nothing;
+    std::vector<Taker> takers(Backlog::kMostServed);
+    std::size_t used = 0;
+    auto const serves = [&](unsigned int sender) {
+        Taker& taker = takers[used];
+        queue.push(from(sender));
+        queue.next(true, taker, need);
+        queue.begin(taker.taken);
+        used += taker.taken.isTooMuch ? 0 : 1;
+        return !taker.taken.isTooMuch;
+    };
+    auto const servedOf = [&](unsigned int sender) {
+        std::size_t const before = used;
+        while (serves(sender)) {
+        }
+        return used - before;
+    };
+    EXPECT_EQ(servedOf(1000), Backlog::kMostServed / 2);
+    EXPECT_GT(servedOf(1001), 100u) << "another one behind the same link";
+    for (unsigned int sender = 1002; sender < 2000; ++sender)
+        servedOf(sender);
+    EXPECT_LE(used, Backlog::kMostServed * 3 / 4);
+    EXPECT_GE(servedOf(2000), Backlog::kMostServed / 8) << "of another process";
+    for (Taker& taker : takers)
+        queue.end(taker.taken);
+    used = 0;
+    EXPECT_EQ(servedOf(1002), Backlog::kMostServed / 2) << "all have been served";
+}
+
+TEST(MessageQueue, sendersOfOneProcessAreHeldBackTogetherButForThoseWhoSendLittle) {
+    constexpr unsigned int kMuch = Backlog::kLeastEnough;
+    MessageQueue queue(kNoBound, &processOf);
+    for (unsigned int i = 0; i < kMuch; ++i)
+        ASSERT_FALSE(queue.push(from(1000 + i % 8)).isMuch);
+    EXPECT_TRUE(queue.push(from(1000)).isMuch) << "none has been served";
+    EXPECT_TRUE(queue.holdBack(1000));
+    EXPECT_FALSE(queue.push(from(1100)).isMuch) << "has sent nothing else";
+    EXPECT_FALSE(queue.push(from(2000)).isMuch) << "another process";
+    Taker taker;
+    Need need = Need::Nothing;
+    unsigned int left = kMuch + 3;
+    do
+        queue.next(left == kMuch + 3, taker, need);
+    while (--left > 0 && queue.begin(taker.taken).value() == 0);
+    EXPECT_LE(left, kMuch / 2 + 8);
+    EXPECT_GT(left, 8u) << "there must be some to go on with";
+}
+
 TEST(MessageQueue, senderIsHeldBackAtHalfAndGoesOnAtAQuarter) {
     MessageQueue queue({1 << 20, 8, 1 << 20, 1000});
     for (int i = 0; i < 4; ++i)
