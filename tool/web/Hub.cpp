@@ -236,6 +236,7 @@ struct Known {
     std::string name;
     Json told = {};  // on the board, but for what is missing
     bool isWatchable = false;
+    bool isSilent = false;  // would be, if its process answered
     Watch<WatchedValues> values = {};
     Watch<WatchedCalls> calls = {};
 };
@@ -604,6 +605,7 @@ void Hub::Inside::enter(Forest const& forest) {
         isWatchingDue_ = isWatchingDue_ || known.name != name || known.isWatchable != isWatchable;
         known.name = name;
         known.isWatchable = isWatchable;
+        known.isSilent = node.isReflective && !node.answers;
         if (node.classId != 0)
             classes_.follow(node.classId, node.className);
         known.told = jsonOf(place, node, forest);
@@ -789,10 +791,13 @@ void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOn
     std::map<TreflectOrbId, std::shared_ptr<Queue<T>>> queues;
     for (auto& [place, known] : objects_) {
         Watch<T>& known_ = known.*what;
-        if (known_.isDone || !known.isWatchable || !isWanted(wishes, wanted, known.name))
+        if (known_.isDone || !(known.isWatchable || known.isSilent) ||
+            !isWanted(wishes, wanted, known.name))
             continue;
-        if (!known_.isBegun() && begun == kMostWatched) {
-            known_.missing = fmt::format("{} objects are watched already", kMostWatched);
+        if (known.isSilent || (!known_.isBegun() && begun == kMostWatched)) {
+            known_.missing = known.isSilent
+                                 ? "no answer in time"
+                                 : fmt::format("{} objects are watched already", kMostWatched);
             tell(place, known);
             continue;
         }
