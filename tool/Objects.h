@@ -31,7 +31,8 @@ TreflectObject handleOn(Place place);
  */
 std::string identifierText(std::string const& identifier, unsigned int broker);
 Place placeOf(TreflectObject const& object);
-/** An identifier in a broker, as it is written: "lamp", or "lamp@node" for one of the whole node. */
+/** An identifier in a broker, as it is written: "lamp", or "lamp@node" for one of the whole node.
+ */
 std::string identifierText(std::string const& identifier, unsigned int broker);
 
 /** What is known of an object. A value. */

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cctype>
 #include <condition_variable>
 #include <deque>
 #include <future>
@@ -18,12 +17,6 @@
 #include <vector>
 
 #include "Failure.h"
-
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return text;
-}
 
 namespace {
 

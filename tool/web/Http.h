@@ -1,6 +1,8 @@
 // What is asked over HTTP and what is answered, and the server that carries both.
 #pragma once
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <functional>
 #include <iterator>
@@ -10,7 +12,11 @@
 #include <string>
 
 /** Headers are compared in it, and names of machines. */
-std::string lowerCase(std::string text);
+inline std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
 
 /** A request, as far as anybody here wants to know it. A value. */
 struct HttpRequest {
