@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -36,6 +37,8 @@ public:
     T const& operator[](unsigned int index) const {
         return elements_[index < elements_.size() ? index : 0];
     }
+    /** Makes room for so many elements, none of which then moves when others are added. */
+    void reserve(std::size_t count) { elements_.reserve(count); }
     /** Appends a copy. */
     void push_back(T const& value) { elements_.push_back(value); }
 
@@ -70,24 +73,30 @@ TipprmiStream& operator<<(TipprmiStream& stream, TipprmiSequence<T, Bound> const
 }
 
 /** Elements are new ones, so that nothing of the sequence's former content shines through, and are
- * read in place: the copy of a handle might look for its object once more. */
+ * read in place: the copy of a handle might look for its object once more. Numbers go at once. Of
+ * others there are no more than have arrived; what is missing of a few is blank. */
 template <class T, unsigned int Bound>
 TipprmiStream& operator>>(TipprmiStream& stream, TipprmiSequence<T, Bound>& sequence) {
     unsigned int const count = stream.readCount();
     sequence.setLength(0);
-    sequence.setLength(count);
     if constexpr (tipprmi::isBulky<T>) {
         auto const unread = static_cast<unsigned int>(stream.getUnreadSize());
         if (count <= unread / tipprmi::kNumberSize<T>) {
+            sequence.setLength(count);
             tipprmi::readNumbers<T>(stream, sequence.begin(), count);
             return stream;
         }
     }
     TipprmiStream::Level const level(stream, TipprmiStream::Level::kReading);
     if (!level.isAllowed())
-        sequence.setLength(0);
-    for (unsigned int i = 0; i < sequence.getLength(); ++i)
+        return stream;
+    sequence.reserve(tipprmi::roomAhead<T>(stream, count));
+    for (unsigned int i = 0; i < count && !stream.hasUnmarshallingFailed(); ++i) {
+        sequence.setLength(i + 1);
         stream >> sequence[i];
+    }
+    if (sequence.getLength() < std::min(count, TipprmiStream::kAcceptedCount))
+        sequence.setLength(std::min(count, TipprmiStream::kAcceptedCount));
     return stream;
 }
 

@@ -13,6 +13,7 @@
 #include "reflect/broker/BrokerRequest.h"
 #include "reflect/broker/CallbackScope.h"
 #include "reflect/broker/ContainErrors.h"
+#include "reflect/notices/ObjectPlace.h"
 #include "reflect/objects/ServedCall.h"
 
 namespace {
@@ -101,7 +102,7 @@ void TreflectORB::IncomingMessage::serveNotice(NoticeKind kind) {
     TreflectObject object;
     request_ >> classId >> object;
     TipprmiStream response(orb_.allocateResponse(message_, Parts::kResponseSize), true);
-    bool const readable = isReadable(classId);
+    bool const readable = isReadable(classId) && isOfSender(object, classId);
     if (readable && kind == NoticeKind::Creation) {
         classes().gotElsewhere(classId, object, message_.originator(), note_, [&] {
             handlerthreads::assertPermission();
@@ -164,6 +165,21 @@ bool TreflectORB::IncomingMessage::isReadable(unsigned int classId) const {
         Logging::tellHeldBack(heldBack, 4, __LINE__, "CallHelper");
     }
     return !request_.hasUnmarshallingFailed();
+}
+
+/** Whether an object that is told of is one of the teller: nobody else knows when it comes and
+ * goes. */
+bool TreflectORB::IncomingMessage::isOfSender(TreflectObject const& object,
+                                              unsigned int classId) const {
+    TreflectOrbId const home = brokerOf(object);
+    if (home == orb_.convertId(message_.originator()))
+        return true;
+    REFLECTORB_LOG_LIMITED(limits().forgedNotice, 3, "REFLECT_orb",
+                           "ORB 0x%08X drops notice of 0x%08X about an object of ORB 0x%08X "
+                           "(cc=0x%X)",
+                           orb_.termId().value(), message_.originator().value(), home.value(),
+                           classId);
+    return false;
 }
 
 void TreflectORB::IncomingMessage::answer(TipprmiStream& response) {

@@ -26,6 +26,7 @@ private:
     void serveCounterQuery() OSW_REQUIRES_PERMISSION;
     void serveArrival() OSW_REQUIRES_PERMISSION;
     bool isReadable(unsigned int classId) const;
+    bool isOfSender(TreflectObject const& object, unsigned int classId) const;
     void answer(TipprmiStream& response) OSW_REQUIRES_PERMISSION;
     bool callObject(TipprmiObjectSkeleton& object, TipprmiStream& response) OSW_REQUIRES_PERMISSION;
     bool callUnguarded(TipprmiObjectSkeleton& object, TipprmiStream& response);

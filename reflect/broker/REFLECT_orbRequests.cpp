@@ -66,6 +66,8 @@ private:
     void reportReceivingThread() const;
     int send();
     bool awaitResponse();
+    void reportAborted(bool disconnected, bool targetExists) const;
+    void reportSentBack() const;
     /** Whether the transport has taken the request: then its target was there. */
     enum class Handover { NotYet, Done };
     bool refused();
@@ -100,9 +102,10 @@ bool TreflectORB::OutgoingCall::perform() {
     if (when_ == GiveWay::AfterIssuing)
         giveWay(released);
     if (issued != 1) {
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X could not find destination termId=0x%08X for transactionId %X",
-                       orb_.termId().value(), target_.value(), message_.transactionId());
+        REFLECTORB_LOG_LIMITED(orb_.parts_->limits.notFound, 3, "REFLECT_orb",
+                               "ORB 0x%08X could not find destination termId=0x%08X for "
+                               "transactionId %X",
+                               orb_.termId().value(), target_.value(), message_.transactionId());
         return failed(Handover::NotYet, issued);
     }
     if (id_.stage == OngoingRequestId::Stage::Entered)
@@ -171,23 +174,38 @@ bool TreflectORB::OutgoingCall::awaitResponse() {
         return failed(Handover::Done, static_cast<int>(TipprmiFailure::kTimedOut));
     bool const disconnected = answer == OngoingRequest::disconnected();
     if (!answer || disconnected) {
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
-                       "TargetGone=%s)",
-                       orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
-                       trueOrFalse(!wait.targetExists));
-        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        reportAborted(disconnected, wait.targetExists);
         return refused();
     }
     if (answer->kind() == TreflectMessage::kNoDestination) {
-        REFLECTORB_LOG(3, "REFLECT_orb",
-                       "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
-                       orb_.termId().value(), target_.value());
-        orb_.testInfoAboutMessage(target_, message_, withResponse_);
+        reportSentBack();
         return refused();
     }
     response_ = TipprmiStream(*answer, false);
     return true;
+}
+
+void TreflectORB::OutgoingCall::reportAborted(bool disconnected, bool targetExists) const {
+    unsigned long heldBack = 0;
+    if (!orb_.parts_->limits.aborted.pass(heldBack))
+        return;
+    REFLECTORB_LOG(3, "REFLECT_orb",
+                   "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
+                   "TargetGone=%s)",
+                   orb_.termId().value(), target_.value(), trueOrFalse(disconnected),
+                   trueOrFalse(!targetExists));
+    orb_.testInfoAboutMessage(target_, message_, withResponse_);
+    Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
+}
+
+void TreflectORB::OutgoingCall::reportSentBack() const {
+    unsigned long heldBack = 0;
+    if (!orb_.parts_->limits.sentBack.pass(heldBack))
+        return;
+    REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
+                   orb_.termId().value(), target_.value());
+    orb_.testInfoAboutMessage(target_, message_, withResponse_);
+    Logging::tellHeldBack(heldBack, 3, __LINE__, "REFLECT_orb");
 }
 
 /** Lets the transport see first whether the target is dying. */

@@ -61,6 +61,10 @@ struct TreflectORB::Parts {
         Logging::LineLimit notResolved;
         Logging::LineLimit unreadable;
         Logging::LineLimit responseFailure;
+        Logging::LineLimit forgedNotice;
+        Logging::LineLimit notFound;
+        Logging::LineLimit aborted;
+        Logging::LineLimit sentBack;
     } limits;
     /** Answers for when there is no memory for one. */
     struct Reserve {

@@ -39,6 +39,12 @@ inline TreflectOrbId brokerOf(ObjectPlace const& place) {
     return TreflectOrbId(std::get<0>(place));
 }
 
+/** The broker behind which the object is; none when the handle leads nowhere. */
+inline TreflectOrbId brokerOf(TreflectObject const& object) {
+    TreflectObjectStub const* const stub = object.getStub_();
+    return stub ? stub->orbId() : TreflectOrbId();
+}
+
 /** The first place that the objects of a broker may have: all of them stand behind it. */
 inline ObjectPlace firstPlaceAt(TreflectOrbId const& broker) {
     return {broker.value(), NamespaceId{}, 0, ""};

@@ -12,15 +12,18 @@ namespace {
  * for each. */
 constexpr unsigned int kMostClasses = 65'536;
 
-// Copies that look for nothing. What one that has gone while it answered had is not news.
-void readExisting(TipprmiStream& response, Transport::TerminationId const& target,
-                  std::vector<TreflectObject>* existing) {
+// Copies that look for nothing. What one that has gone while it answered had is not news, and
+// nobody says what others have.
+void readExisting(TipprmiStream& response, TreflectORB const& orb,
+                  Transport::TerminationId const& target, std::vector<TreflectObject>* existing) {
     TipprmiSequence<TreflectObject, 0u> objects;
     response >> objects;
     if (!existing || !exists(target))
         return;
-    for (unsigned int i = 0; i < objects.getLength(); ++i)
-        existing->emplace_back().share_(objects[i]);
+    TreflectOrbId const home = orb.convertId(target);
+    for (TreflectObject const& object : objects)
+        if (brokerOf(object) == home)
+            existing->emplace_back().share_(object);
 }
 
 }  // namespace
@@ -52,7 +55,7 @@ bool Subscriptions::begin(NoticeKind kind, MetaData& record, std::vector<Treflec
     if (!request.sendAheadOfOthers(target))
         return false;
     if (creations)
-        readExisting(request.response(), target, existing);
+        readExisting(request.response(), orb_, target, existing);
     bool const readable = !request.response().hasUnmarshallingFailed();
     learnClasses(target, request.response());
     return readable;

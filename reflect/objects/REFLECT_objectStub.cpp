@@ -26,8 +26,14 @@ TipprmiOID oidOf(TipprmiObjectSkeleton const& skeleton) {
     return skeleton.hasOID() ? skeleton.getOID() : noOid();
 }
 
-/** Handles come in messages of others. */
+/** Handles come in messages of others, and what they lead to is called, such as observers. */
 Logging::LineLimit invalidHandle;
+Logging::LineLimit preparedInvalid;
+Logging::LineLimit notConnected;
+Logging::LineLimit sentInvalid;
+Logging::LineLimit notForwarded;
+Logging::LineLimit sentNowhere;
+Logging::LineLimit notServed;
 
 unsigned int orbOfNamespace(NamespaceId ns) {
     TreflectORB const* const orb = TreflectORB::getInstance(ns);
@@ -207,8 +213,8 @@ TipprmiStream& TreflectObjectStub::prepareResponseStream(bool withResponse,
 TipprmiStream& TreflectObjectStub::prepareRequestStream_(bool withResponse, unsigned int cc,
                                                          unsigned int mc, TipprmiStream& s) const {
     if (!isValid()) {
-        REFLECTORB_LOG(
-            4, kSource,
+        REFLECTORB_LOG_LIMITED(
+            preparedInvalid, 4, kSource,
             "prepareRequestStream_(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to stub object set to invalid",
             static_cast<void const*>(this), cc, static_cast<int>(mc), orbId_.value());
         return s;
@@ -223,8 +229,8 @@ TipprmiStream& TreflectObjectStub::prepareRequestStream_(bool withResponse, unsi
 }
 
 void TreflectObjectStub::reconnect(unsigned int cc, unsigned int mc) const {
-    REFLECTORB_LOG(
-        4, kSource,
+    REFLECTORB_LOG_LIMITED(
+        notConnected, 4, kSource,
         "prepareRequestStream_(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to non connected stub object",
         static_cast<void const*>(this), cc, static_cast<int>(mc),
         orbOfNamespace(oid().getNamespaceId()));
@@ -254,8 +260,8 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
                                  TipprmiStream& in, TipprmiStream& out) const {
     int result = 0;
     if (!isValid()) {
-        REFLECTORB_LOG(
-            4, kSource,
+        REFLECTORB_LOG_LIMITED(
+            sentInvalid, 4, kSource,
             "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) request to stub object set to invalid",
             static_cast<void const*>(this), cc, static_cast<int>(mc), orbId_.value());
     } else if (getServer()) {
@@ -264,11 +270,12 @@ int TreflectObjectStub::dispatch(bool withResponse, unsigned int cc, unsigned in
         result = forwardMsg(orbId_, withResponse, in, out);
         if (result == 1 || hasTimedOut(out))
             return result;
-        REFLECTORB_LOG(3, kSource, "Message forwarding failed");
+        REFLECTORB_LOG_LIMITED(notForwarded, 3, kSource, "Message forwarding failed");
     } else {
-        REFLECTORB_LOG(3, kSource,
-                       "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) request to invalid stub object",
-                       static_cast<void const*>(this), cc, static_cast<int>(mc), orbId_.value());
+        REFLECTORB_LOG_LIMITED(
+            sentNowhere, 3, kSource,
+            "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) request to invalid stub object",
+            static_cast<void const*>(this), cc, static_cast<int>(mc), orbId_.value());
     }
     answerFailure(out, result);
     return result;
@@ -283,8 +290,9 @@ int TreflectObjectStub::dispatchToServer(bool withResponse, unsigned int cc, uns
     int const result = getServer()->dispatch(withResponse, cc, mc, in, out) ? 1 : 0;
     forgetFailedRead(out);
     if (result != 1)
-        REFLECTORB_LOG(3, kSource, "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to object failed",
-                       static_cast<void const*>(this), cc, static_cast<int>(mc), orb.value());
+        REFLECTORB_LOG_LIMITED(
+            notServed, 3, kSource, "dispatch(this=0x%p,cc=0x%X,mc=%d,orbId=%X) to object failed",
+            static_cast<void const*>(this), cc, static_cast<int>(mc), orb.value());
     return result;
 }
 

@@ -116,6 +116,13 @@ TEST(Sequence, CountIsBoundedByWhatCouldHaveArrived) {
         EXPECT_EQ(honoured ? count : 0, numbers.getLength());
         EXPECT_EQ(honoured ? 3u : 0u, numbers.getLength() ? numbers[0] : 0);
     }
+    // A million, of which the first is a text that has not come.
+    std::string const nonsense = std::string("\0\x0F\x42\x40", 4) + std::string(4'000'000, '\x7F');
+    TipprmiStream claimed(nonsense.data(), static_cast<int>(nonsense.size()));
+    TipprmiSequence<std::string> texts;
+    claimed >> texts;
+    EXPECT_TRUE(claimed.hasUnmarshallingFailed());
+    EXPECT_EQ(65536u, texts.getLength()) << "no more of what is missing";
     TipprmiSequence<unsigned int, 0u> many;
     many.setLength(70000);
     many[69999] = 5;

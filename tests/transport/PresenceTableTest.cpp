@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "LogCapture.h"
 #include "Threads.h"
 #include "Waiting.h"
 
@@ -103,6 +104,23 @@ TEST_F(PresenceTableTest, silentOnesAreThereAndOnlyTheirDepartureIsTold) {
     EXPECT_TRUE(early.waitFor({2, -1}) && late.waitFor({2, -1}));
     for (Listener* listener : {&early, &late})
         table_.detach(*listener);
+}
+
+TEST_F(PresenceTableTest, aProcessHasNoMoreThanItCouldHave) {
+    testsupport::LogCapture const log;
+    unsigned const most = PresenceTable::kMostOfProcess;
+    for (unsigned id = 1; id <= most + 10; ++id)
+        come(id);
+    EXPECT_TRUE(table_.exists(TerminationId(most)));
+    EXPECT_EQ(table_.ids().size(), most);
+    EXPECT_TRUE(log.contains("process 1 has more than 131072 terminations"));
+    EXPECT_TRUE(table_.admit(TerminationId(most + 1), {"file", 2})) << "of another process";
+    for (unsigned const id : {7u, 7u, most + 1})
+        go(id);
+    come(most + 2);
+    come(most + 3);
+    EXPECT_TRUE(table_.exists(TerminationId(most + 2))) << "in the place of one that has gone";
+    EXPECT_FALSE(table_.exists(TerminationId(most + 3))) << "there was one such place";
 }
 
 TEST_F(PresenceTableTest, departureDoesNotWaitBehindSlowArrivalAndDropsThoseNotBegun) {

@@ -18,6 +18,7 @@
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/local/HiddenName.h"
 #include "platform/transport/local/Packet.h"
+#include "platform/transport/local/PresenceTable.h"
 
 namespace Transport {
 namespace {
@@ -29,7 +30,7 @@ constexpr std::size_t kIdDigits = 8;
 constexpr std::size_t kLongestFileName = 76;
 constexpr std::size_t kLongestActorPart = 24;
 /** Twice the name ids: each may have a hidden entry. More are left for the next reading. */
-constexpr std::size_t kMostEntries = 0x20000;
+constexpr std::size_t kMostEntries = PresenceTable::kMostOfProcess;
 
 /** Letters that are harmless in a shell stay, others become "_". */
 std::string harmless(std::string text) {

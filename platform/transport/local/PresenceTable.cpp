@@ -130,10 +130,36 @@ bool PresenceTable::admit(TerminationId id, Entry entry) {
     std::list<Notice> notices;
     if (entry.visibility == Visibility::Member)
         notices = noticesOf(id);
-    if (!entries_.emplace(id, std::move(entry)).second)
+    if (entries_.count(id) != 0 || !hasRoom(entry.owner))
         return false;
+    std::size_t& owned = owned_[entry.owner];
+    entries_.emplace(id, std::move(entry));
+    ++owned;
     arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
+    return true;
+}
+
+bool PresenceTable::hasRoom(pid_t owner) const {
+    auto const owned = owned_.find(owner);
+    if (owned == owned_.end() || owned->second < kMostOfProcess)
+        return true;
+    static Logging::LineLimit limit;
+    TRANSPORT_LOG_LIMITED(limit, 3, kSource,
+                          "process %d has more than %zu terminations: the others are not seen",
+                          static_cast<int>(owner), kMostOfProcess);
+    return false;
+}
+
+/** Takes an entry out; false when it is not there. */
+bool PresenceTable::take(TerminationId id) {
+    auto const entry = entries_.find(id);
+    if (entry == entries_.end())
+        return false;
+    auto const owned = owned_.find(entry->second.owner);
+    if (--owned->second == 0)
+        owned_.erase(owned);
+    entries_.erase(entry);
     return true;
 }
 
@@ -153,7 +179,7 @@ void PresenceTable::drop(std::vector<TerminationId> const& ids, Departures& depa
     departures.ids_.reserve(departures.ids_.size() + ids.size());
     std::set<TerminationId> gone(ids.begin(), ids.end());
     for (TerminationId const id : ids)
-        if (entries_.erase(id) != 0)
+        if (take(id))
             departures.ids_.push_back(id);
         else
             gone.erase(id);

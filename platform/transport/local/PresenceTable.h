@@ -35,6 +35,11 @@ class PresenceTable {
     };
 
 public:
+    /** As many as a reading of the folder has entries. No process has more, not even one that
+     * stands for those of other machines; but each reading may meet others of somebody who fills
+     * it. */
+    static constexpr std::size_t kMostOfProcess = 0x20000;
+
     struct Entry {
         std::string file;
         pid_t owner;
@@ -75,7 +80,8 @@ public:
         std::list<Notice> notices_;
     };
 
-    /** Enters a termination and queues its arrival; false when it is there already. */
+    /** Enters a termination and queues its arrival; false when it is there already, or, with a log
+     * line, when its process has too many. */
     bool admit(TerminationId id, Entry entry);
     /** Takes a termination out, if it is there, drops its queued arrivals and adds it to
      * `departures`, which `tell` queues later. */
@@ -111,6 +117,8 @@ private:
     bool next(Lane& lane, Notice& notice);
     void finish(Lane& lane);
     void wake(Lane& lane) OSW_REQUIRES(lock_);
+    bool hasRoom(pid_t owner) const OSW_REQUIRES(lock_);
+    bool take(TerminationId id) OSW_REQUIRES(lock_);
     std::list<Notice> noticesOf(TerminationId id) const OSW_REQUIRES(lock_);
     bool attached(Notice const& notice) const OSW_REQUIRES(lock_);
     bool arrivalJustBegun(Notice const& departure) const OSW_REQUIRES(lock_);
@@ -119,6 +127,7 @@ private:
 
     mutable OSWrap::ConditionVar lock_;  // a change of anything below is broadcast
     std::map<TerminationId, Entry> entries_ OSW_GUARDED_BY(lock_);
+    std::map<pid_t, std::size_t> owned_ OSW_GUARDED_BY(lock_);  // entries of each process
     std::map<PresenceListener*, unsigned long> listeners_ OSW_GUARDED_BY(lock_);
     unsigned long lastAttachment_ OSW_GUARDED_BY(lock_) = 0;
     Lane arrivals_ OSW_GUARDED_BY(lock_){"TrArrivals", &PresenceListener::arrived};

@@ -149,6 +149,45 @@ TEST_F(BrokerMessageTest, callsOfWhoIsNotThereOrReturnsThemFailAtOnce) {
     expectLine(3, "receives TRANSPORT_ERROR message of termId 0x");
 }
 
+// Others choose where calls lead, such as those of observers that they have registered.
+TEST_F(BrokerMessageTest, linesAboutCallsThatReachNobodyAreFew) {
+    constexpr int kMany = 300;
+    Transport::Termination const broker(orb().termId());
+    RawPeer returning(group(), [broker](RawPeer&, TreflectMessage& request) {
+        broker.issueError(request.addressed());
+    });
+    auto const refusing = makePermitted<Probe>("refusing");
+    TreflectHandlerState const permission(true);
+    TipprmiOID const nameless(static_cast<char const*>(nullptr), NSID_UNIT);
+    TreflectOrbId const nobody(0x7FFE, 1, NSID_UNIT);
+    TreflectObjectStub const nowhere, local(refusing.get()),
+        gone(TreflectORB::TreflectObjectLocation(5u, nobody, nullptr, nameless));
+    TreflectObjectStub invalid(gone);
+    invalid.setInvalid();
+    for (int i = 0; i < kMany; ++i) {
+        call(returning.termId());
+        for (auto const stub :
+             std::vector<TreflectObjectStub const*>{&nowhere, &local, &gone, &invalid}) {
+            TipprmiStream in(100), out(100);
+            stub->prepareRequestStream(true, kProbeClass, kRefuse, in);
+            EXPECT_NE(stub->dispatch(true, kProbeClass, kRefuse, in, out), 1);
+        }
+    }
+    for (auto const& [level, line] :
+         std::vector<std::pair<int, char const*>>{{3, "could not find destination"},
+                                                  {3, "receives TRANSPORT_ERROR message"},
+                                                  {5, "    Message data: ioid="},
+                                                  {4, " to non connected stub object"},
+                                                  {3, " request to invalid stub object"},
+                                                  {3, " to object failed"},
+                                                  {3, "Message forwarding failed"},
+                                                  {4, ") to stub object set to invalid"},
+                                                  {4, " request to stub object set to invalid"}}) {
+        EXPECT_GE(log_.count(level, line), 5u) << line;
+        EXPECT_LE(log_.count(level, line), kMany / 10u) << line;
+    }
+}
+
 /** Holds up all news of departures in this process, from the first one that it is told. */
 class SlowToHear final : public Transport::TerminationImpl {
 public:

@@ -72,6 +72,10 @@ public:
     void create(Transport::TerminationId broker, std::string const& object) {
         request(broker, TreflectMessage::tOCN, object);
     }
+    /** Likewise, deleted. */
+    void destroy(Transport::TerminationId broker, std::string const& object) {
+        request(broker, TreflectMessage::tODN, object);
+    }
     /** The objects, as they are encoded, that it says exist from now on. */
     void list(Names const& objects) {
         std::lock_guard<std::mutex> const lock(mutex_);

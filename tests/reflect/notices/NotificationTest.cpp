@@ -98,6 +98,36 @@ TEST_F(NotificationTest, existingObjectsOfAllProcessesAreToldOnce) {
     second.finish();
 }
 
+TEST_F(NotificationTest, onlyItsOwnProcessTellsOfAnObject) {
+    ReflectActor publisher;
+    publisher.know("7001");
+    auto const forger = arrived();
+    Watcher& created = creations();
+    Watcher& deleted = deletions();
+    auto const lamp = publisher.create("lamp", "7001");
+    std::string const victim = wire::handle("lamp", lamp.ioid, lamp.broker);
+    constexpr int kMany = 100;
+    for (int i = 0; i < kMany; ++i) {
+        forger->create(broker_, victim);
+        forger->destroy(broker_, victim);
+    }
+    forger->create(broker_, object("own", *forger));
+    EXPECT_TRUE(awaitTold(created, {"lamp", "own"}));
+    forger->destroy(broker_, object("own", *forger));
+    EXPECT_TRUE(awaitTold(deleted, {"own"}));
+    EXPECT_GE(log_.count(3, " about an object of ORB "), 5u);
+    EXPECT_LE(log_.count(3, " about an object of ORB "), 20u) << "others could fill the log";
+
+    forger->list({victim, object("another", *forger)});
+    Watcher& all = creations(true);
+    Names names = told(all);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (Names{"another", "lamp"})) << "each by whose it is, once";
+    publisher.destroy("lamp");
+    EXPECT_TRUE(awaitTold(deleted, {"own", "lamp"}));
+    publisher.finish();
+}
+
 TEST_F(NotificationTest, listMayChangeInsideEveryNotice) {
     Watcher& changing = creations();
     Watcher& removed = creations();
