@@ -167,12 +167,12 @@ bool TreflectORB::IncomingMessage::isReadable(unsigned int classId) const {
     return !request_.hasUnmarshallingFailed();
 }
 
-/** Whether an object that is told of is one of the teller: nobody else knows when it comes and
- * goes. */
+/** Whether an object that is told of is one of the teller, or of nobody who is there: of others
+ * only they themselves know when they come and go. */
 bool TreflectORB::IncomingMessage::isOfSender(TreflectObject const& object,
                                               unsigned int classId) const {
     TreflectOrbId const home = brokerOf(object);
-    if (home == orb_.convertId(message_.originator()))
+    if (home == orb_.convertId(message_.originator()) || !exists(orb_.convertId(home)))
         return true;
     REFLECTORB_LOG_LIMITED(limits().forgedNotice, 3, "REFLECT_orb",
                            "ORB 0x%08X drops notice of 0x%08X about an object of ORB 0x%08X "

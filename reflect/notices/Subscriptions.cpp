@@ -13,7 +13,7 @@ namespace {
 constexpr unsigned int kMostClasses = 65'536;
 
 // Copies that look for nothing. What one that has gone while it answered had is not news, and
-// nobody says what others have.
+// nobody else says what others have who are there.
 void readExisting(TipprmiStream& response, TreflectORB const& orb,
                   Transport::TerminationId const& target, std::vector<TreflectObject>* existing) {
     TipprmiSequence<TreflectObject, 0u> objects;
@@ -22,7 +22,7 @@ void readExisting(TipprmiStream& response, TreflectORB const& orb,
         return;
     TreflectOrbId const home = orb.convertId(target);
     for (TreflectObject const& object : objects)
-        if (brokerOf(object) == home)
+        if (brokerOf(object) == home || !exists(orb.convertId(brokerOf(object))))
             existing->emplace_back().share_(object);
 }
 
