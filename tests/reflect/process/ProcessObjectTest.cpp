@@ -51,7 +51,7 @@ std::size_t heap() {
                                                    : used;
 }
 
-TreflectOrbId brokerOf(TreflectObject const& object) {
+TreflectOrbId homeOf(TreflectObject const& object) {
     return object.getStub_()->orbId();
 }
 
@@ -89,7 +89,7 @@ TEST_F(ProcessObject, TellsWhatTheProcessIsKnowsAndServes) {
     EXPECT_FALSE(identity.user.empty());
     EXPECT_EQ(identity.version.substr(0, 2), "0.");
     EXPECT_THAT(identity.commandLine, Contains(HasSubstr("reflect_actor")));
-    ASSERT_THAT(identity.brokers, ElementsAre(brokerOf(process).value()));
+    ASSERT_THAT(identity.brokers, ElementsAre(homeOf(process).value()));
 
     Usage const usage = process.getUsage().value();
     EXPECT_GE(usage.objects, 3u);  // the lamp, and itself under two identifiers
@@ -120,7 +120,7 @@ TEST_F(ProcessObject, TellsWhatTheProcessIsKnowsAndServes) {
 TEST_F(ProcessObject, IsAnObjectLikeAnyOtherAndFoundByItsBrokerAlone) {
     TreflectProcessClient const process = find();
     TreflectProcessObject::metaClass();
-    TreflectObject const other = TreflectProcessClient::of(brokerOf(process));
+    TreflectObject const other = TreflectProcessClient::of(homeOf(process));
     unsigned int threshold = 0;
     EXPECT_EQ(other.attribute("LogThreshold").get(threshold), 0);
     EXPECT_EQ(threshold, 5u);
@@ -273,7 +273,7 @@ TEST_F(ProcessObject, IsThereOnlyWhereItIsWantedAndSmall) {
         TreflectReleaseHandlerState const released;
         plain.ask("lamp plain.lamp", "made");
     }
-    TreflectOrbId const telling = brokerOf(find());
+    TreflectOrbId const telling = homeOf(find());
     EXPECT_TRUE(inTime([&] { return orb().getBrokers().size() == 3; }));
     TreflectObject const own{TipprmiOID(TreflectProcessObject::identifier(), NSID_UNIT)};
     EXPECT_FALSE(own.isConnected());
@@ -402,7 +402,7 @@ TEST_F(Learned, ClassesOfABrokerThatHasGoneAreForgotten) {
         TreflectReleaseHandlerState const released;
         actor->ask("pump going 1", "made");
     }
-    TreflectOrbId const broker = brokerOf(TreflectObject(oid("going")));
+    TreflectOrbId const broker = homeOf(TreflectObject(oid("going")));
     auto const isKnown = [&] {
         handlerthreads::trustPermission();
         return Learning::instance().find(pump::kClass, broker) != nullptr;
@@ -474,7 +474,7 @@ TEST_F(Learned, NothingIsKeptOfABrokerThatGoesBeforeItsAnswerIsRead) {
         TreflectReleaseHandlerState const released;
         actor.ask("pump going 1", "made");
     }
-    TreflectOrbId const broker = brokerOf(TreflectObject(oid("going")));
+    TreflectOrbId const broker = homeOf(TreflectObject(oid("going")));
     EndAfterAnswer const end(actor.child(), broker, kDescribe);
     EXPECT_FALSE(Learning::instance().find(pump::kClass, broker));
 }
