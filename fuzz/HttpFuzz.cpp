@@ -45,11 +45,12 @@ void knock(HttpRequest const& request) {
     } catch (Failure const&) {
         return;
     }
-    std::string const host = request.header("host");
+    std::string const host = lowerCase(request.header("host"));
     require(host == "localhost:8047" || host == "127.0.0.1:8047" || host == "[::1]:8047");
     require(request.parameter("token") == kToken ||
             request.header("authorization") == std::string("Bearer ") + kToken);
-    require(request.headers.count("origin") == 0 || request.header("origin") == "http://" + host);
+    require(request.headers.count("origin") == 0 ||
+            lowerCase(request.header("origin")) == "http://" + host);
 }
 
 std::optional<Shown> read(TreflectParameterType const& type, Json const& json) {
