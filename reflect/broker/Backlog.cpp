@@ -75,7 +75,7 @@ bool Backlog::fitsProcess(Share const& share, std::uint64_t bytes) const {
     Amount const rest = free();
     std::uint64_t const senders = share.process_->waiting + (own.messages == 0 ? 1 : 0);
     return findsRoom(own.messages, all.messages, senders, rest.messages, 1) &&
-           findsRoom(own.bytes, all.bytes, senders, rest.bytes, charge(bytes));
+           findsRoom(own.bytes, all.bytes, senders, rest.bytes, bytes);
 }
 
 Backlog::Share* Backlog::admit(Transport::TerminationId sender, int process, std::size_t size,
@@ -97,22 +97,22 @@ void Backlog::enter(Share& share, std::uint64_t bytes) {
     add(total_, bytes);
     if (!share.process_)
         return;
-    add(share.process_->load.waiting, charge(bytes));
+    add(share.process_->load.waiting, bytes);
     share.process_->waiting += isFirst ? 1 : 0;
 }
 
 bool Backlog::release(Share& share, std::size_t size) {
     std::uint64_t const bytes = size + kHeadSize;
-    auto const take = [&](Load& from) {
-        from.waiting.bytes -= charge(bytes);
+    auto const take = [](Load& from, std::uint64_t amount) {
+        from.waiting.bytes -= amount;
         bool const isLast = --from.waiting.messages == 0;
         if (isLast)
             from.enough = kLeastEnough;
         return isLast;
     };
-    bool const isLast = take(share.load_);
+    bool const isLast = take(share.load_, charge(bytes));
     if (share.process_) {
-        take(share.process_->load);
+        take(share.process_->load, bytes);
         share.process_->waiting -= isLast ? 1 : 0;
     }
     total_.bytes -= bytes;
@@ -225,11 +225,20 @@ bool Backlog::isMuch(Share& share) {
                               : nullptr;
     if (!own && !process)
         return false;
-    bool const soon = isServedSoon();
+    if (isServedSoon()) {
+        setEnough(share);
+        return false;
+    }
     for (Load* const load : {own, process})
         if (load)
-            load->enough = soon ? nextEnough(load->waiting.messages) : kLeastEnough;
-    return !soon;
+            load->enough = kLeastEnough;
+    return true;
+}
+
+/** One look at the pace does for sender and process: behind it, nothing has been served yet. */
+void Backlog::setEnough(Share& share) {
+    Load& widest = share.process_ ? share.process_->load : share.load_;
+    widest.enough = share.load_.enough = nextEnough(widest.waiting.messages);
 }
 
 /** A few messages tell no pace, unless they have taken long. */

@@ -108,6 +108,7 @@ private:
     void enter(Share& share, std::uint64_t bytes);
     bool hasEqualPart(Share const& share, unsigned int fraction) const;
     bool isHalf(Share const& share) const;
+    void setEnough(Share& share);
     bool isLittle(Share const& share) const;
     bool isServedSoon();
     void letGo(Share& share);

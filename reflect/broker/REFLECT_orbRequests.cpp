@@ -187,7 +187,7 @@ bool TreflectORB::OutgoingCall::awaitResponse() {
 
 void TreflectORB::OutgoingCall::reportAborted(bool disconnected, bool targetExists) const {
     unsigned long heldBack = 0;
-    if (!orb_.parts_->limits.aborted.pass(heldBack))
+    if (!Logging::enabled(3) || !orb_.parts_->limits.aborted.pass(heldBack))
         return;
     REFLECTORB_LOG(3, "REFLECT_orb",
                    "ORB 0x%08X request to target 0x%08X aborted (Detection Rem.Disc.=%s, "
@@ -200,7 +200,7 @@ void TreflectORB::OutgoingCall::reportAborted(bool disconnected, bool targetExis
 
 void TreflectORB::OutgoingCall::reportSentBack() const {
     unsigned long heldBack = 0;
-    if (!orb_.parts_->limits.sentBack.pass(heldBack))
+    if (!Logging::enabled(3) || !orb_.parts_->limits.sentBack.pass(heldBack))
         return;
     REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X receives TRANSPORT_ERROR message of termId 0x%08X",
                    orb_.termId().value(), target_.value());

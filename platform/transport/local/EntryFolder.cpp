@@ -270,11 +270,12 @@ bool EntryFolder::contains(std::string const& file) const {
            errno != ENOENT;
 }
 
+// Not the time of modification, which everybody may set.
 long long EntryFolder::changedAt() const {
     struct stat status;
     if (::fstat(folder_.get(), &status) != 0)
         return 0;
-    return status.st_mtim.tv_sec * 1'000'000'000LL + status.st_mtim.tv_nsec;
+    return status.st_ctim.tv_sec * 1'000'000'000LL + status.st_ctim.tv_nsec;
 }
 
 std::string EntryFolder::socketPath(std::string const& file) const {
@@ -308,7 +309,10 @@ HiddenSocket EntryFolder::bindHidden(TerminationId id) const {
                0;
     };
     bool const bound = socket.valid() && makeHidden(head, EADDRINUSE, file, bind);
-    if (bound && ::fchmodat(folder_.get(), file.c_str(), 0600, AT_SYMLINK_NOFOLLOW) == 0)
+    auto const protect = [&] {  // which may need a descriptor
+        return ::fchmodat(folder_.get(), file.c_str(), 0600, AT_SYMLINK_NOFOLLOW);
+    };
+    if (bound && withEnoughDescriptors(protect) == 0)
         return HiddenSocket(*this, std::move(file), std::move(socket));
     TRANSPORT_LOG(3, kSource, "Cannot make the socket %s in %s: %s", head, path_.c_str(),
                   std::strerror(errno));

@@ -6,7 +6,7 @@ namespace Transport {
 namespace {
 
 /** A socket and two bells, once it stands. */
-constexpr std::size_t kDescriptorsOfChannel = 3;
+constexpr std::size_t kDescriptorsWhileOpen = 3;
 /** So many times what is free may one process have, of connections. */
 constexpr std::size_t kChannelsForOneFree = 7;
 
@@ -16,7 +16,7 @@ PeerShare::Amounts PeerShare::most_{kTotal, kTotal, kTotalOfRings, mostChannels(
 PeerShare::Amounts PeerShare::all_{};
 
 std::size_t PeerShare::mostChannels() {
-    return mostDescriptors() / kDescriptorsOfChannel;
+    return mostDescriptors() / kDescriptorsWhileOpen;
 }
 
 std::size_t PeerShare::total(Kind kind, std::size_t bytes) {

@@ -132,8 +132,8 @@ void Rendezvous::State::watchAnnouncements() {
 /**
  * Until the word is raised, which it is when this process moves over to another file, too, or until
  * it is time to knock. All processes of the user share the word: one that is broken can put it back
- * or have the kernel wake others for it. The folder's own time of change is nobody's to put back
- * unseen, so that is looked at now and then.
+ * or have the kernel wake others for it. The folder's own time of change is nobody's to put back,
+ * so that is looked at now and then.
  */
 void Rendezvous::State::awaitChange(PresenceFile const& file, std::uint32_t seen,
                                     long long changed) {
@@ -144,6 +144,8 @@ void Rendezvous::State::awaitChange(PresenceFile const& file, std::uint32_t seen
         if (knocks || file.announcements() != seen || folder.load()->changedAt() != changed ||
             isOver())
             return;
+        OSWrap::Thread::sleep(0,
+                              kScanPause);  // others may wake who waits for the word as they like
     }
 }
 
