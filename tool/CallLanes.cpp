@@ -22,13 +22,17 @@ bool CallLanes::isAnyOverBefore(Lane const& lane, std::size_t call) const {
 void CallLanes::awaitThoseBefore(std::size_t call) {
     std::unique_lock<std::mutex> lock(mutex_);
     auto const holdsUp = [&](auto const& lane) {
-        return !lane.second.isLate && isAnyOverBefore(lane.second, call);
+        return late_.count(lane.first) == 0 && isAnyOverBefore(lane.second, call);
     };
     bool const areOver = changed_.wait_for(lock, patience_, [&] {
         return isStopped_ || std::none_of(lanes_.begin(), lanes_.end(), holdsUp);
     });
-    for (auto& lane : lanes_)
-        lane.second.isLate = lane.second.isLate || (!areOver && holdsUp(lane));
+    if (areOver)
+        return;
+    for (auto const& lane : lanes_) {
+        if (holdsUp(lane))
+            late_.insert(lane.first);
+    }
 }
 
 void CallLanes::add(std::size_t call) {
@@ -73,8 +77,12 @@ std::optional<std::size_t> CallLanes::take() {
     return call;
 }
 
-void CallLanes::finish(std::size_t call) {
+void CallLanes::finish(std::size_t call, bool hasTimedOut) {
     std::lock_guard<std::mutex> const lock(mutex_);
+    if (hasTimedOut)
+        late_.insert(calls_[call].caller);
+    else
+        late_.erase(calls_[call].caller);
     auto const lane = lanes_.find(calls_[call].caller);
     std::vector<std::size_t>& begun = lane->second.begun;
     begun.erase(std::find(begun.begin(), begun.end(), call));

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,8 @@ public:
     CallLanes(CallLanes const&) = delete;
     CallLanes& operator=(CallLanes const&) = delete;
 
-    /** Waits until the calls are over that were over when this one began; for those of a caller who
-     * lets himself be waited for too long no longer, until he has caught up. */
+    /** Waits until the calls are over that were over when this one began; not for those of a caller
+     * who has let himself be waited for too long, until one of his calls is answered. */
     void awaitThoseBefore(std::size_t call);
     void add(std::size_t call);
     /** Says that there will be no more, and waits until all are finished, or it is stopped. */
@@ -39,7 +40,7 @@ public:
 
     /** Waits for a call that may be made; nothing when there will be none any more. */
     std::optional<std::size_t> take();
-    void finish(std::size_t call);
+    void finish(std::size_t call, bool hasTimedOut);
     /** Whether calls wait for somebody who takes them. */
     bool lacksTakers() const;
 
@@ -48,7 +49,6 @@ private:
     struct Lane {
         std::vector<std::size_t> begun = {};  // may be made, or are being made
         std::deque<std::size_t> waiting = {};
-        bool isLate = false;  // nobody else waits for them
     };
 
     bool isOverBefore(std::size_t call, std::size_t other) const;
@@ -62,6 +62,7 @@ private:
     std::condition_variable changed_;
     // Guarded by mutex_, as all up to the end.
     std::map<std::string, Lane> lanes_;  // by callers; none is empty
+    std::set<std::string> late_;         // callers for whom nobody else waits
     std::deque<std::size_t> ready_;      // may be made, and nobody has taken them yet
     std::size_t idle_ = 0;               // threads that wait for one
     bool isClosed_ = false;

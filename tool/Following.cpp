@@ -47,7 +47,11 @@ void ClassFollower::follow(unsigned int classId, std::string const& name) {
         std::lock_guard<std::mutex> const lock(mutex_);
         ++pending_;
     }
-    // Registering waits for all processes of the group, for those that hang up to a minute.
+    begin(classId, name);
+}
+
+/** Registering waits for all processes of the group, for those that hang up to a minute. */
+void ClassFollower::begin(unsigned int classId, std::string const& name) {
     auto const registers = [this, classId, name] {
         {
             TreflectHandlerState const inside(true);
@@ -61,14 +65,14 @@ void ClassFollower::follow(unsigned int classId, std::string const& name) {
     };
     try {
         std::thread(registers).detach();
-    } catch (std::system_error const&) {  // with the next one who asks
-        std::lock_guard<std::mutex> const lock(mutex_);
-        --pending_;
-        followed_.erase(classId);
+    } catch (std::system_error const&) {
+        missed_[classId] = name;
     }
 }
 
 bool ClassFollower::awaitRegistrations(std::chrono::milliseconds most) {
+    for (auto const& [classId, name] : std::exchange(missed_, {}))
+        begin(classId, name);
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, most, [this] { return pending_ == 0; });
 }

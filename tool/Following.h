@@ -64,14 +64,18 @@ public:
 private:
     class Observer;
 
+    void begin(unsigned int classId, std::string const& name);
+
     TreflectORB& orb_;
     Present const present_;
     Notice const created_;
     Notice const deleted_;
+    // Used by the thread that follows and waits.
     std::set<unsigned int> followed_;
-    std::mutex mutex_;  // a leaf
+    std::map<unsigned int, std::string> missed_;  // for which there was no thread, with names
+    std::mutex mutex_;                            // a leaf
     std::condition_variable changed_;
-    unsigned int pending_ = 0;  // registrations under way; guarded by mutex_
+    unsigned int pending_ = 0;  // registrations under way, or missed; guarded by mutex_
 };
 
 /** Hears of brokers, and leaves them to the main thread. Never destroyed while it is registered. */

@@ -55,9 +55,14 @@ ExitCode Progress::outcome() const {
 // ---- Player ------------------------------------------------------------------------------------
 
 void Player::start() {
-    std::thread([self = shared_from_this()] { self->makeCalls(); }).detach();
     makers_ = 1;
-    std::thread([self = shared_from_this()] { self->play(); }).detach();
+    std::thread([self = shared_from_this()] { self->makeCalls(); }).detach();
+    try {
+        std::thread([self = shared_from_this()] { self->play(); }).detach();
+    } catch (std::system_error const&) {
+        lanes_.stop();
+        throw;
+    }
 }
 
 void Player::stop() {
@@ -141,8 +146,10 @@ void Player::makeCalls() {
             progress_.begin(*number);
         }
         addMaker();
-        tell(*number, make(calls_[*number]));
-        lanes_.finish(*number);
+        Told told = make(calls_[*number]);
+        bool const hasTimedOut = told.remade.why == ExitCode::kTimedOut;
+        tell(*number, std::move(told));
+        lanes_.finish(*number, hasTimedOut);
     }
 }
 

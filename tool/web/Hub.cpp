@@ -14,6 +14,7 @@
 #include "Failure.h"
 #include "Following.h"
 #include "Reaper.h"
+#include "Units.h"
 #include "Waiting.h"
 #include "Wildcard.h"
 #include "web/Inbox.h"
@@ -38,12 +39,6 @@ Place placeOfId(std::string const& id) {
     std::size_t const colon = id.find(':');
     return {static_cast<unsigned int>(std::stoul(id.substr(0, colon), nullptr, kHexadecimal)),
             static_cast<unsigned int>(std::stoul(id.substr(colon + 1), nullptr, kHexadecimal))};
-}
-
-/** Microseconds since 1970. */
-std::int64_t unixTime() {
-    using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 std::string textOf(Json const& json) {
@@ -248,7 +243,7 @@ struct Known {
 class Hub::Inside {
 public:
     explicit Inside(Settings const& settings)
-        : board_(static_cast<Board::Version>(unixTime())),
+        : board_(static_cast<Board::Version>(timeNow())),
           patience_(std::min<std::chrono::nanoseconds>(settings.patience(), kLookPatience)),
           asking_(patience_),
           orb_(*TreflectORB::getInstance(NSID_UNIT)),
@@ -447,7 +442,7 @@ void Hub::Inside::tellBoard() {
         for (Event const& event : calls_.take(lost))
             board_.addEvent(event.json.value("object", ""), textOf(event.json));
         if (lost > 0)
-            board_.addEvent("", textOf({{"time", unixTime()}, {"event", "lost"}, {"count", lost}}));
+            board_.addEvent("", textOf({{"time", timeNow()}, {"event", "lost"}, {"count", lost}}));
         board_.publish();
         std::this_thread::sleep_for(kPace);
     }
@@ -785,9 +780,9 @@ bool isWanted(std::vector<std::shared_ptr<Wishes const>> const& all, Patterns Wi
 template <class T>
 void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOne<T> const& watch) {
     auto const wishes = presentWishes();
-    auto begun = static_cast<std::size_t>(
-        std::count_if(objects_.begin(), objects_.end(),
-                      [what](auto const& object) { return (object.second.*what).isBegun(); }));
+    auto begun = static_cast<std::size_t>(std::count_if(
+        objects_.begin(), objects_.end(),
+        [what](auto const& object) { return (object.second.*what).watching != nullptr; }));
     std::map<TreflectOrbId, std::shared_ptr<Queue<T>>> queues;
     for (auto& [place, known] : objects_) {
         Watch<T>& known_ = known.*what;
@@ -795,10 +790,12 @@ void Hub::Inside::begin(Watch<T> Known::*what, Patterns Wishes::*wanted, WatchOn
             !isWanted(wishes, wanted, known.name))
             continue;
         if (known.isSilent || (!known_.isBegun() && begun == kMostWatched)) {
-            known_.missing = known.isSilent
-                                 ? "no answer in time"
-                                 : fmt::format("{} objects are watched already", kMostWatched);
-            tell(place, known);
+            std::string const before = std::exchange(
+                known_.missing, known.isSilent
+                                    ? "no answer in time"
+                                    : fmt::format("{} objects are watched already", kMostWatched));
+            if (known_.missing != before)
+                tell(place, known);
             continue;
         }
         begun += !known_.isBegun();
