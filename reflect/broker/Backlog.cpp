@@ -68,8 +68,6 @@ bool Backlog::fits(Share const& share, std::uint64_t bytes) const {
 }
 
 bool Backlog::fitsProcess(Share const& share, std::uint64_t bytes) const {
-    if (!share.process_)
-        return true;
     Amount const& own = share.load_.waiting;
     Amount const& all = share.process_->load.waiting;
     Amount const rest = free();
@@ -95,8 +93,6 @@ void Backlog::enter(Share& share, std::uint64_t bytes) {
     };
     bool const isFirst = add(share.load_.waiting, charge(bytes));
     add(total_, bytes);
-    if (!share.process_)
-        return;
     add(share.process_->load.waiting, bytes);
     share.process_->waiting += isFirst ? 1 : 0;
 }
@@ -111,10 +107,8 @@ bool Backlog::release(Share& share, std::size_t size) {
         return isLast;
     };
     bool const isLast = take(share.load_, charge(bytes));
-    if (share.process_) {
-        take(share.process_->load, bytes);
-        share.process_->waiting -= isLast ? 1 : 0;
-    }
+    take(share.process_->load, bytes);
+    share.process_->waiting -= isLast ? 1 : 0;
     total_.bytes -= bytes;
     --total_.messages;
     ++served_;
@@ -127,14 +121,12 @@ bool Backlog::release(Share& share, std::size_t size) {
 bool Backlog::beginServing(Share& share) {
     unsigned int const free = kMostServed - beingServed_;
     unsigned int& own = share.load_.served;
-    Process* const process = share.process_;
-    if (own >= free || (process && !findsRoom(own, process->load.served,
-                                              process->serving + (own == 0 ? 1 : 0), free, 1)))
+    Process& process = *share.process_;
+    unsigned int const senders = process.serving + (own == 0 ? 1 : 0);
+    if (own >= free || !findsRoom(own, process.load.served, senders, free, 1))
         return false;
-    if (process) {
-        ++process->load.served;
-        process->serving += own == 0 ? 1 : 0;
-    }
+    ++process.load.served;
+    process.serving = senders;
     ++own;
     ++beingServed_;
     return true;
@@ -143,8 +135,6 @@ bool Backlog::beginServing(Share& share) {
 void Backlog::endServing(Share& share) {
     --share.load_.served;
     --beingServed_;
-    if (!share.process_)
-        return;
     --share.process_->load.served;
     share.process_->serving -= share.load_.served == 0 ? 1 : 0;
 }
@@ -165,12 +155,10 @@ Backlog::Share* Backlog::shareOf(Transport::TerminationId sender, int process) {
         return known;
     forgetIdle();
     try {
-        Process* const owner =
-            process != 0 ? &processes_.try_emplace(process).first->second : nullptr;
+        Process& owner = processes_.try_emplace(process).first->second;
         Share& made = shares_.try_emplace(sender).first->second;
-        made.process_ = owner;
-        if (owner)
-            ++owner->senders;
+        made.process_ = &owner;
+        ++owner.senders;
         return &made;
     } catch (std::bad_alloc const&) {
         return nullptr;
@@ -186,7 +174,7 @@ void Backlog::forgetIdle() {
         Share const& share = entry->second;
         bool const idle =
             share.load_.waiting.messages == 0 && share.load_.served == 0 && !share.heldBack_;
-        if (idle && share.process_)
+        if (idle)
             --share.process_->senders;
         entry = idle ? shares_.erase(entry) : std::next(entry);
     }
@@ -198,7 +186,7 @@ void Backlog::forgetIdle() {
 /** Whether a sender that is not the only one of its process has its part, or that fraction of it,
  * of what is much of a process. Who has less is not held back for what the others have sent. */
 bool Backlog::hasEqualPart(Share const& share, unsigned int fraction) const {
-    if (!share.process_ || share.process_->waiting < 2)
+    if (share.process_->waiting < 2)
         return false;
     Amount const& own = share.load_.waiting;
     Amount const rest = free();
@@ -220,9 +208,8 @@ bool Backlog::isMuch(Share& share) {
         return true;
     auto const isEnough = [](Load const& load) { return load.waiting.messages > load.enough; };
     Load* const own = isEnough(share.load_) ? &share.load_ : nullptr;
-    Load* const process = share.process_ && isEnough(share.process_->load) && hasEqualPart(share, 1)
-                              ? &share.process_->load
-                              : nullptr;
+    Load* const process =
+        isEnough(share.process_->load) && hasEqualPart(share, 1) ? &share.process_->load : nullptr;
     if (!own && !process)
         return false;
     if (isServedSoon()) {
@@ -237,7 +224,7 @@ bool Backlog::isMuch(Share& share) {
 
 /** One look at the pace does for sender and process: behind it, nothing has been served yet. */
 void Backlog::setEnough(Share& share) {
-    Load& widest = share.process_ ? share.process_->load : share.load_;
+    Load& widest = share.process_->load;
     widest.enough = share.load_.enough = nextEnough(widest.waiting.messages);
 }
 

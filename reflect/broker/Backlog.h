@@ -65,7 +65,7 @@ public:
 
         Load load_;
         bool heldBack_ = false;
-        Process* process_ = nullptr;  // none: not known
+        Process* process_ = nullptr;  // none only until it is entered
     };
 
     explicit Backlog(Transport::Backlog const& most) : most_(most) {}
@@ -75,7 +75,8 @@ public:
     /** Whether the sender's process need not be told. */
     bool knows(Transport::TerminationId sender) { return find(sender) != nullptr; }
     /** Enters a message of `size` bytes; null when it is too much, or memory has run out. `process`
-     * of a sender that is not known is its owner, or 0. */
+     * of a sender that is not known is its owner, or 0: all who have none share what one may have,
+     * such as those who have gone and whose last messages come. */
     Share* admit(Transport::TerminationId sender, int process, std::size_t size,
                  Bounds bounds = Bounds::Heeded);
     /** Takes a message of `size` bytes out. True when so little is left that the sender, which was

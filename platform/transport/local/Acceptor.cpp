@@ -239,6 +239,10 @@ void Acceptor::introduce(Stranger stranger, TerminationId peer) {
         tellNonsense(stranger);
     if (transfer != Transfer::Done)
         return;
+    if (!Switchboard::instance().mayConnect(receiver_.id(), peer)) {
+        Channel::tellRefused(peer, receiver_.id(), Channel::kTooManyChannels);
+        return;
+    }
     std::shared_ptr<Channel> const channel =
         Switchboard::instance().channel(receiver_.shared_from_this(), peer);
     if (channel == nullptr)

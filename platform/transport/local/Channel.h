@@ -56,6 +56,10 @@ public:
     Channel& operator=(Channel const&) = delete;
 
     // ---- Any thread ----
+    static constexpr char const* kTooManyChannels = "its process has too many channels";
+    /** That `peer` has wanted a channel with the termination `own` of this process in vain. */
+    static void tellRefused(TerminationId peer, TerminationId own, char const* reason);
+
     TerminationId peer() const { return peer_; }
     std::uint32_t token() const { return token_; }
     /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,

@@ -84,7 +84,7 @@ bool Channel::mayConnect() {
 
 void Channel::connect() {
     if (!mayConnect()) {
-        tryAgain("its process has too many channels");
+        tryAgain(kTooManyChannels);
         return;
     }
     OpenSocket socket(Rendezvous::instance().connectTo(peer_));
@@ -205,13 +205,15 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     if (connected())
         onSocket();  // the peer may have closed the former connection just before
     if (connected() && ending()) {
-        greeting_ = Greeting{std::move(socket), std::move(hello)};
+        // Has descriptors of its own, which count until the former connection's are counted out.
+        if (descriptors_.bytes() > 1 || descriptors_.grow(1))
+            greeting_ = Greeting{std::move(socket), std::move(hello)};
         return;
     }
     if (receiver_->stopping() || !giveBackUntaken() || !mayAnswer(socket.get()))
         return;
     if (!mayConnect()) {
-        refuseHello("its process has too many channels");
+        refuseHello(kTooManyChannels);
         return;
     }
     PeerSide peerSide = PeerSide::of(hello);
@@ -239,12 +241,17 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     }
 }
 
-void Channel::refuseHello(char const* reason) {
+void Channel::tellRefused(TerminationId peer, TerminationId own, char const* reason) {
     static Logging::LineLimit limit(kFirstLines);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource, "connection of 0x%08X to 0x%08X refused: %s",
-                           peer_.value(), ownId_.value(), reason);
+                           peer.value(), own.value(), reason);
+}
+
+void Channel::refuseHello(char const* reason) {
+    tellRefused(peer_, ownId_, reason);
     descriptors_.shrinkTo(0);
-    retryLater(kNoMemoryRetry);
+    if (state() != State::Idle)
+        retryLater(kNoMemoryRetry);
 }
 
 void Channel::open(PeerSide peerSide) {
@@ -361,12 +368,11 @@ bool Channel::takeWelcome(ReceivedPacket& received) {
 }
 
 bool Channel::takeNextRing(ReceivedPacket& received) {
-    constexpr std::size_t kMostWaiting = 4;
     RingArea area;
     area.capacity = received.packet.ringCapacity;
     if (!isRingCapacity(area.capacity) || !received.file.valid() ||
         !isSealedFile(received.file.get(), area.capacity) ||
-        connection_->nextRings.size() >= kMostWaiting)
+        connection_->nextRings.size() >= SentMessages::kMostFormer)
         return false;
     Descriptor const file(received.file.release());
     area.mapping = Mapping::of(file.get(), 0, area.capacity, Mapping::Access::ReadOnly);

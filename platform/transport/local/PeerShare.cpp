@@ -1,14 +1,33 @@
 #include "platform/transport/local/PeerShare.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
 #include "platform/transport/local/Descriptor.h"
 
 namespace Transport {
 namespace {
 
-/** A socket and two bells, once it stands. */
-constexpr std::size_t kDescriptorsWhileOpen = 3;
+/** A socket, two bells and the set in which callers wait, once it stands. */
+constexpr std::size_t kDescriptorsWhileOpen = 4;
+/** Of memory: two control pages, two rings, up to three of either side that have grown and are
+ * still read; and as much as threads need. */
+constexpr std::size_t kMappingsWhileOpen = 12;
+constexpr std::size_t kUsualMappings = 65530;
 /** So many times what is free may one process have, of connections. */
 constexpr std::size_t kChannelsForOneFree = 7;
+
+/** So many areas of memory the system lets a process map, its threads' stacks included. */
+std::size_t mostMappings() {
+    char text[24]{};
+    Descriptor const file(::open("/proc/sys/vm/max_map_count", O_RDONLY | O_CLOEXEC));
+    if (!file.valid() || ::read(file.get(), text, sizeof text - 1) <= 0)
+        return kUsualMappings;
+    return std::strtoul(text, nullptr, 10);
+}
 
 }  // namespace
 
@@ -16,7 +35,7 @@ PeerShare::Amounts PeerShare::most_{kTotal, kTotal, kTotalOfRings, mostChannels(
 PeerShare::Amounts PeerShare::all_{};
 
 std::size_t PeerShare::mostChannels() {
-    return mostDescriptors() / kDescriptorsWhileOpen;
+    return std::min(mostDescriptors() / kDescriptorsWhileOpen, mostMappings() / kMappingsWhileOpen);
 }
 
 std::size_t PeerShare::total(Kind kind, std::size_t bytes) {

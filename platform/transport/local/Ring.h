@@ -124,10 +124,11 @@ public:
      * False when memory runs out for one; to be called again for it and those behind it. */
     bool recover(MessageChain& queue, std::uint32_t originator, std::uint32_t destination);
 
-protected:
     /** A ring that is filled four times over, at least, by the one that follows it. */
     static constexpr std::size_t kMostFormer = 3;
     static_assert(kSmallestRing << 2 * kMostFormer == kLargestRing, "growth by a factor of 4");
+
+protected:
     struct Former {
         RingArea area;
         std::uint32_t end = 0;  // position behind its last frame

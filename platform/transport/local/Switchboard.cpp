@@ -6,6 +6,7 @@
 #include "oswrap/Lock.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Fork.h"
+#include "platform/transport/local/PeerShare.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
 
@@ -151,6 +152,13 @@ std::shared_ptr<Channel> Switchboard::channel(std::shared_ptr<Receiver> const& r
         byPeer_.erase(filed);
         throw;
     }
+}
+
+bool Switchboard::mayConnect(TerminationId own, TerminationId peer) {
+    int const process = Rendezvous::instance().ownerOf(peer).process;
+    OSWrap::Lock<> lock(mutex_);
+    return channels_.count(pairOf(own, peer)) != 0 ||
+           PeerShare::Reservation(PeerShare::Kind::Channels, shareOf(process)).grow(1);
 }
 
 /** Each process that stays costs one look for each that comes. */

@@ -57,6 +57,9 @@ public:
     /** The channel of `receiver` to `peer`, made when there is none; null when the termination
      * sends no more, or when the peer is one of this process. */
     std::shared_ptr<Channel> channel(std::shared_ptr<Receiver> const& receiver, TerminationId peer);
+    /** Whether they have a channel, or the peer's process may have one more: nothing is kept of
+     * those for whom there is no room. */
+    bool mayConnect(TerminationId own, TerminationId peer);
     /** The channel of a termination of this process to `peer`; null when there is none. */
     std::shared_ptr<Channel> find(TerminationId own, TerminationId peer);
     /** Forgets one channel. */
