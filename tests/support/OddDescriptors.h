@@ -5,10 +5,12 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -99,6 +101,26 @@ inline Transport::Descriptor socketAt(std::string const& path) {
         socket.reset();
     return socket;
 }
+
+/** Takes all descriptors that this process may still have, but a few. */
+class NoDescriptors {
+public:
+    explicit NoDescriptors(std::size_t left = 0) {
+        ::getrlimit(RLIMIT_NOFILE, &former_);
+        rlimit const low{256, 256};
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        for (int fd = 0; fd >= 0;) {
+            fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+            taken_.emplace_back(fd);
+        }
+        taken_.resize(taken_.size() - std::min(taken_.size(), left + 1));  // the last has none
+    }
+    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &former_); }
+
+private:
+    rlimit former_{};
+    std::vector<Transport::Descriptor> taken_;
+};
 
 /** Two ends of a connection of the channels' kind. */
 struct SocketPair {

@@ -377,7 +377,7 @@ TEST_F(FolderTest, whoDiesIsBuriedAlsoWhenAForkedChildKeepsItsSocket) {
 
 // ---- Entries ----
 
-TEST_F(FolderTest, aLinkLeadsNowhereWhateverItPointsTo) {
+TEST_F(FolderTest, whoIsThereIsKnownAlsoWithoutADescriptorLeftAndALinkLeadsNowhere) {
     auto const folder = Transport::EntryFolder::open(folder_.path());
     ASSERT_NE(folder, nullptr);
     auto const socket = listenAt("03010001.x");
@@ -386,6 +386,30 @@ TEST_F(FolderTest, aLinkLeadsNowhereWhateverItPointsTo) {
     EXPECT_TRUE(folder->connect("03010001.x").valid());
     EXPECT_EQ(folder->probe("03010002.x"), Transport::EntryFolder::Socket::Dead);
     EXPECT_FALSE(folder->connect("03010002.x").valid());
+    listenAt("03010003.x");
+    testsupport::NoDescriptors const none;
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(folder->probe("03010001.x"), Transport::EntryFolder::Socket::Alive);
+        EXPECT_EQ(folder->probe("03010003.x"), Transport::EntryFolder::Socket::Dead);
+    }
+}
+
+TEST_F(FolderTest, manyEntriesOfOneIdAreNotAllLookedAtAndHideNobody) {
+    PresenceActor actor;
+    std::string const id = actor.start();
+    Descriptor const socket = testsupport::socketAt(inFolder("many"));
+    ASSERT_EQ(listen(socket.get(), 4096), 0);
+    ASSERT_EQ(fcntl(socket.get(), F_SETFL, O_NONBLOCK), 0);
+    for (int i = 0; i < 1000; ++i)
+        fs::create_hard_link(inFolder("many"),
+                             inFolder(id + ".group3.slot1.pid1." + std::to_string(i)));
+    PresenceActor newcomer;
+    EXPECT_TRUE(actor.waitUntilTold("arrived", newcomer.start()));
+    EXPECT_TRUE(newcomer.waitUntilTold("arrived", id));
+    int connections = 0;
+    while (Descriptor(accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC)).valid())
+        ++connections;
+    EXPECT_LT(connections, 100);
 }
 
 TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {

@@ -1,6 +1,5 @@
 #include <linux/fuse.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -37,26 +36,6 @@ std::size_t openDescriptors(std::string const& kind) {
 std::size_t openBells() {
     return openDescriptors("anon_inode:[eventfd]");
 }
-
-/** Takes all descriptors that this process may still have, but a few. */
-class NoDescriptors {
-public:
-    explicit NoDescriptors(std::size_t left = 0) {
-        ::getrlimit(RLIMIT_NOFILE, &former_);
-        rlimit const low{256, 256};
-        ::setrlimit(RLIMIT_NOFILE, &low);
-        for (int fd = 0; fd >= 0;) {
-            fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-            taken_.emplace_back(fd);
-        }
-        taken_.resize(taken_.size() - std::min(taken_.size(), left + 1));  // the last has none
-    }
-    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &former_); }
-
-private:
-    rlimit former_{};
-    std::vector<Descriptor> taken_;
-};
 
 /**
  * A peer that speaks the protocol by hand, and badly if told to. It owns a real entry of the

@@ -158,7 +158,10 @@ EntryFolder::EntryFolder(std::string path, Descriptor folder, Descriptor asking,
     : path_(std::move(path)),
       folder_(std::move(folder)),
       asking_(std::move(asking)),
-      file_(std::move(file)) {}
+      file_(std::move(file)) {
+    OSWrap::Lock<> lock(spareMutex_);
+    keepSpare();
+}
 
 // ---- The file with the locks --------------------------------------------------------------------
 
@@ -262,6 +265,8 @@ std::vector<FolderEntry> EntryFolder::list() const {
                                                                              : Visibility::Member});
     }
     std::sort(entries.begin(), entries.end(), FolderEntry::precedes);
+    OSWrap::Lock<> lock(spareMutex_);
+    keepSpare();
     return entries;
 }
 
@@ -352,15 +357,45 @@ bool EntryFolder::remove(std::string const& file) const {
     return ::unlinkat(folder_.get(), file.c_str(), 0) == 0;
 }
 
-/** 0, or -1 with errno. What is opened first is the entry itself: were it a link, the system would
- * look for what it points to, which may be in a file system that never answers. */
-int EntryFolder::connectTo(std::string const& file, Descriptor const& socket) const {
-    Descriptor const entry(withEnoughDescriptors(
-        [&] { return ::openat(folder_.get(), file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+/** The entry itself: were it a link, the system would look for what it points to, which may be in a
+ * file system that never answers. */
+Descriptor EntryFolder::openEntry(std::string const& file) const {
+    return Descriptor(::openat(folder_.get(), file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+namespace {
+
+/** 0, or -1 with errno, which may be that of opening the entry. */
+int connectThrough(Descriptor const& entry, Descriptor const& socket) {
     if (!entry.valid())
         return -1;
     sockaddr_un const address = addressOf(pathOf(entry));
     return ::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
+}
+
+}  // namespace
+
+/** 0, or -1 with errno. */
+int EntryFolder::connectTo(std::string const& file, Descriptor const& socket) const {
+    Descriptor const entry(withEnoughDescriptors([&] { return openEntry(file).release(); }));
+    bool const exhausted = !entry.valid() && (errno == EMFILE || errno == ENFILE);
+    return exhausted ? connectBySpare(file, socket) : connectThrough(entry, socket);
+}
+
+int EntryFolder::connectBySpare(std::string const& file, Descriptor const& socket) const {
+    OSWrap::Lock<> lock(spareMutex_);
+    spare_.reset();
+    spare_ = openEntry(file);  // in reserve from then on, as good as any other
+    int const result = connectThrough(spare_, socket);
+    int const reason = errno;
+    keepSpare();
+    errno = reason;
+    return result;
+}
+
+void EntryFolder::keepSpare() const {
+    if (!spare_.valid())
+        spare_ = Descriptor(::openat(folder_.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 OpenSocket EntryFolder::connect(std::string const& file) const {

@@ -142,11 +142,18 @@ private:
                 std::shared_ptr<PresenceFile> file);
 
     std::string socketPath(std::string const& file) const;
+    Descriptor openEntry(std::string const& file) const;
     int connectTo(std::string const& file, Descriptor const& socket) const;
+    int connectBySpare(std::string const& file, Descriptor const& socket) const;
+    void keepSpare() const OSW_REQUIRES(spareMutex_);
 
     std::string const path_;
     Descriptor const folder_;
     Descriptor const asking_;  // a socket of another type than the entries': finds who is there
+    mutable OSWrap::Mutex spareMutex_;  // a leaf
+    /** Given up for a moment to reach an entry when no other descriptor is left: who is dead is
+     * seen to be so all the same. Invalid when another thread was faster to use that moment. */
+    mutable Descriptor spare_ OSW_GUARDED_BY(spareMutex_);
     mutable OSWrap::Mutex fileMutex_;  // a leaf
     std::shared_ptr<PresenceFile> file_ OSW_GUARDED_BY(fileMutex_);
     /** Formerly in use, and perhaps still held by threads: opening one of them again and closing

@@ -108,7 +108,7 @@ private:
     struct Scan;
     void scan();
     bool beginScan(Scan& scan);
-    bool lookAt(Scan& scan, std::size_t first);
+    bool lookAt(Scan& scan, std::size_t& next);
     void lookAt(Scan& scan, FolderEntry const& entry) OSW_REQUIRES(mutex_);
     bool removeLeft(FolderEntry const& entry) OSW_REQUIRES(mutex_);
     std::optional<pid_t> provenOwner(std::vector<FolderEntry> const& all, FolderEntry const& entry)

@@ -1,3 +1,4 @@
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,10 +20,11 @@ constexpr std::size_t kWatchStack = 0x20000;
 /** Between two scans, so that many changes at once cost each process a few scans and not one for
  * each change. The first change after a pause is seen at once. */
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
-/** How many entries are looked at in one go, as receiving threads wait for the mutex. */
-constexpr std::size_t kEntriesAtOnce = 128;
-/** The same for those that may have died, each of which costs several system calls. */
+/** How many entries that may have died are judged in one go, and then removed. */
 constexpr std::size_t kJudgedAtOnce = 64;
+/** Entries with the same lock, one of which may be hidden: more of them has only who fills the
+ * folder. */
+constexpr std::size_t kMostOfOneLock = 4;
 /** Between the first sign of an end and the last. One that shows the first sign only, because it
  * has not moved over, is taken to live after this time. */
 constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
@@ -33,13 +35,35 @@ constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
 /** Who is not told of a change looks for one by himself after this time. */
 constexpr long long kLookAgain = 2'000'000'000;  // nanoseconds
 
-/** Until the pause after a scan is over, which is at least as long as the scan was: a folder that
- * somebody fills takes half a processor at most. */
-void rest(long long began, long long ended) {
-    long long const until = ended + std::clamp(ended - began, kScanPause, 50 * kScanPause);
+/**
+ * What may be much is done under the mutex for such a time at most, since receiving threads wait
+ * for it. It goes to who asks for it first, and who waits for it has to wake up before that: so
+ * between two turns the thread sleeps.
+ */
+class Turn {
+public:
+    bool isOver() const { return OSWrap::Clock::nowNanoseconds() >= end_; }
+    static void letOthersIn() { OSWrap::Thread::sleep(0, 50'000); }
+
+private:
+    long long const end_ = OSWrap::Clock::nowNanoseconds() + 1'000'000;
+};
+
+/** Of the calling thread: what passes while it is stopped, or waits, does not count. */
+long long processorTime() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
+}
+
+/** Until the pause after a scan is over, which is at least as long as the scan has `used` a
+ * processor: a folder that somebody fills takes half of one at most. */
+void rest(long long ended, long long used) {
+    long long const until = ended + std::max(used, kScanPause);
     long long const left = until - OSWrap::Clock::nowNanoseconds();
     if (left > 0)
-        OSWrap::Thread::sleep(0, static_cast<unsigned long>(left));
+        OSWrap::Thread::sleep(static_cast<unsigned int>(left / 1'000'000'000),
+                              static_cast<unsigned long>(left % 1'000'000'000));
 }
 
 /** In a new file name ids go on a few further, in each process by another number: some may have
@@ -115,8 +139,9 @@ void Rendezvous::State::watchAnnouncements() {
         if (mayEnd(&State::announcementThreadLives_))
             return;
         long long const changed = folder.load()->changedAt();
-        long long const began = OSWrap::Clock::nowNanoseconds();
+        long long const before = processorTime();
         OSWrap::untilMemory([this] { scan(); });
+        long long const used = processorTime() - before;
         long long const ended = OSWrap::Clock::nowNanoseconds();
         OSWrap::untilMemory([&] {
             if (std::vector<pid_t> toWatch = neighbours(); toWatch != watched) {
@@ -125,7 +150,7 @@ void Rendezvous::State::watchAnnouncements() {
             }
         });
         awaitChange(*file, seen, changed);
-        rest(began, ended);
+        rest(ended, used);
     }
 }
 
@@ -293,6 +318,14 @@ struct Rendezvous::State::Scan {
     std::vector<FolderEntry> entries;
     bool knock = false;               // at those whose locks are not in the file in use
     std::vector<TerminationId> seen;  // of the table, by the files that the table knows
+
+    bool isOneTooMany(FolderEntry const& entry, EntryFolder const& files);
+    void lookedInVain() { ++inVain_; }
+
+private:
+    std::uint32_t lock_ = 0;       // of the entries that are being looked at
+    std::size_t inVain_ = 0;       // at how many of these
+    std::optional<pid_t> holder_;  // of the lock, once that has been too many
 };
 
 /** Makes the table what the folder says. */
@@ -304,11 +337,13 @@ void Rendezvous::State::scan() {
         if (!beginScan(scan))
             return;
         scan.entries = folder.load()->list();
-        std::size_t first = 0;
-        while (first < scan.entries.size() && lookAt(scan, first))
-            first += kEntriesAtOnce;
-        if (first >= scan.entries.size())
-            dropMissing(scan);
+        for (std::size_t next = 0; next < scan.entries.size();) {
+            if (next != 0)
+                Turn::letOthersIn();
+            if (!lookAt(scan, next))
+                return;
+        }
+        dropMissing(scan);
     }
 }
 
@@ -323,15 +358,16 @@ bool Rendezvous::State::beginScan(Scan& scan) {
     return true;
 }
 
-/** Looks at some entries. The reading is old already: what has gone since has no socket any more.
- * False when there is nothing to keep true any more. */
-bool Rendezvous::State::lookAt(Scan& scan, std::size_t first) {
+/** Looks at entries from the `next` one on, for a turn. The reading is old already: what has gone
+ * since has no socket any more. False when there is nothing to keep true any more. */
+bool Rendezvous::State::lookAt(Scan& scan, std::size_t& next) {
     OSWrap::Lock<> lock(mutex_);
     if (published_ == 0)
         return false;
-    std::size_t const end = std::min(first + kEntriesAtOnce, scan.entries.size());
-    for (std::size_t i = first; i < end; ++i)
-        lookAt(scan, scan.entries[i]);
+    Turn const turn;
+    do
+        lookAt(scan, scan.entries[next++]);
+    while (next < scan.entries.size() && !turn.isOver());
     return true;
 }
 
@@ -344,6 +380,22 @@ bool isProven(FolderEntry const& entry, pid_t owner) {
 
 }  // namespace
 
+/** Whether so many entries with its lock have been looked at in vain that this one is passed over.
+ * Whom others have hidden among theirs is found all the same: who is named by the holder of the
+ * lock has a number for himself. */
+bool Rendezvous::State::Scan::isOneTooMany(FolderEntry const& entry, EntryFolder const& files) {
+    if (lock_ != lockKey(entry.id)) {
+        lock_ = lockKey(entry.id);
+        inVain_ = 0;
+        holder_.reset();
+    }
+    if (inVain_ < kMostOfOneLock)
+        return false;
+    if (!holder_)
+        holder_ = files.ownerOf(entry.id);
+    return inVain_ >= 2 * kMostOfOneLock || !isProven(entry, *holder_);
+}
+
 void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     EntryFolder& files = *folder;
     bool const known = table.contains(entry.id, entry.file);
@@ -352,15 +404,23 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     bool const own = own_.count(entry.id) != 0;  // its lock
     if (known && (own || !scan.knock))
         return;
+    if (!known && scan.isOneTooMany(entry, files))
+        return;
     if (!own && !known && !entry.hidden && admit(scan.entries, entry, scan.departed.gone)) {
         scan.seen.push_back(entry.id);
         return;
     }
     pid_t const owner = files.ownerOf(entry.id);
-    if (owner == EntryFolder::kFree && files.probe(entry.file) == EntryFolder::Socket::Dead)
-        scan.departed.announce = (!known && removeLeft(entry)) || scan.departed.announce;
-    else if (scan.knock && !own && !isProven(entry, owner))
+    if (owner == EntryFolder::kFree && files.probe(entry.file) == EntryFolder::Socket::Dead) {
+        if (!known && removeLeft(entry)) {
+            scan.departed.announce = true;
+            return;
+        }
+    } else if (scan.knock && !own && !isProven(entry, owner)) {
         files.knock(entry.file);
+    }
+    if (!known)
+        scan.lookedInVain();
 }
 
 /** True when it was there. */
@@ -375,11 +435,13 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
 
 namespace {
 
-/** Whether another living socket bears the same id. */
+/** Whether another living socket bears the same id. Among very many one is taken to be there. */
 bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
               FolderEntry const& entry) {
     auto const [first, last] =
         std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
+    if (last - first > static_cast<std::ptrdiff_t>(2 * kMostOfOneLock))
+        return true;
     return std::any_of(first, last, [&](FolderEntry const& other) {
         return other.id == entry.id && other.file != entry.file &&
                files.probe(other.file) == EntryFolder::Socket::Alive;
@@ -431,6 +493,8 @@ void Rendezvous::State::dropMissing(Scan& scan) {
     std::sort(scan.seen.begin(), scan.seen.end());
     std::vector<PresenceTable::Known> const missing = table.notAmong(scan.seen);
     for (std::size_t first = 0; first < missing.size(); first += kJudgedAtOnce) {
+        if (first != 0)
+            Turn::letOthersIn();
         OSWrap::Lock<> lock(mutex_);
         std::vector<TerminationId> gone;
         for (std::size_t i = first; i < std::min(first + kJudgedAtOnce, missing.size()); ++i) {
@@ -458,9 +522,19 @@ void Rendezvous::State::missOwn() {
     }
 }
 
-/** Who says Hello before his announcement has come here, or been served, is found by the next scan.
- * Nothing is read for him, since anybody may say Hello. */
+/**
+ * Who says Hello before his announcement has come here, or been served, is found by the next scan.
+ * Nothing is read for him, since anybody may say Hello. The kernel looks for a lock among all that
+ * there are, so it is asked once, and not at all for who is known by a living socket: whatever it
+ * answered, also when a process id has been given again, he would be believed.
+ */
 Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
+    PresenceTable::Entry known;
+    auto const isAlive = [&] {
+        return folder.load()->probe(known.file) == EntryFolder::Socket::Alive;
+    };
+    if (pid > 0 && table.find(id, known) && known.owner == pid && isAlive())
+        return Claim::True;
     DelayedLog const delayed;
     OSWrap::Lock<> lock(mutex_);
     if (Own const* const own = findOwn(id))
@@ -469,14 +543,14 @@ Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
     if (published_ == 0 || pid <= 0)
         return Claim::False;
     EntryFolder const& files = *folder;
-    if (files.ownerOf(id) != pid)
+    pid_t holder = files.ownerOf(id);
+    if (holder != pid && !files.isCurrent()) {
         renew();  // it may have moved over before us
-    pid_t const holder = files.ownerOf(id);
-    PresenceTable::Entry known;
+        holder = files.ownerOf(id);
+    }
     if (table.find(id, known)) {
         // Or it has not yet, and we have.
-        bool const lives =
-            holder == known.owner || files.probe(known.file) == EntryFolder::Socket::Alive;
+        bool const lives = holder == known.owner || isAlive();
         if (lives || known.owner == pid)
             return lives && known.owner == pid ? Claim::True : Claim::False;
     }
@@ -513,19 +587,23 @@ bool Rendezvous::State::isDead(PresenceTable::Known const& known, Process proces
 bool Rendezvous::State::bury(std::vector<PresenceTable::Known> const& all, Process process,
                              Departed& departed) {
     bool found = false;
-    for (std::size_t first = 0; first < all.size(); first += kJudgedAtOnce) {
+    for (std::size_t next = 0; next < all.size();) {
+        if (next != 0)
+            Turn::letOthersIn();
         OSWrap::Lock<> lock(mutex_);
         renew();
         std::vector<TerminationId> dead;
         std::vector<std::string const*> files;
-        for (std::size_t i = first; i < std::min(first + kJudgedAtOnce, all.size()); ++i) {
-            PresenceTable::Known const& known = all[i];
+        std::size_t const end = std::min(next + kJudgedAtOnce, all.size());
+        Turn const turn;
+        do {
+            PresenceTable::Known const& known = all[next++];
             if (owns(known.id) || !table.contains(known.id, known.entry.file) ||
                 !isDead(known, process))
                 continue;
             dead.push_back(known.id);
             files.push_back(&known.entry.file);
-        }
+        } while (next < end && !turn.isOver());
         table.drop(dead, departed.gone);
         for (std::string const* const file : files)
             departed.announce = folder.load()->remove(*file) || departed.announce;
