@@ -1,6 +1,7 @@
 // By those who have a channel, and spoil what the two sides share.
 
 #include "Field.h"
+#include "LingeringFile.h"
 
 namespace hostile {
 namespace {
@@ -11,8 +12,8 @@ using namespace Transport;
 template <void (*act)(Field&, HandMadeLink&), std::uint32_t capacity = kSmallestRing>
 void overChannel(Field& field) {
     HandMadeLink link = field.open(field.victim(), capacity);
-    if (!link.ended)
-        act(field, link);
+    require(!link.ended, "nobody lets it in");
+    act(field, link);
 }
 
 void lieInWords(Field& field, HandMadeLink& link) {
@@ -96,8 +97,7 @@ void lieInMidFrame(Field& field) {
     Victim const victim = field.victim();
     HandMadeLink link = field.open(victim, kLargestRing);
     std::uint32_t const object = link.ended ? 0 : objectOf(link, victim, field.number());
-    if (object == 0)
-        return;
+    require(object != 0, "nobody lets it in");
     std::uint32_t const start = link.own.page().head.load();
     std::uint32_t const length = field.dice(2) == 0 ? 100'000 : 8 * field.dice(30'000);
     std::string lie;
@@ -154,17 +154,15 @@ void hostBadly(Field& field, HandMadeLink& link) {
         link.send(link.packet(Packet::Bye));
     pause(field.dice(3));
     link.socket.reset();
-    while (testsupport::isReadable(field.entry().listening(), 5)) {
-        auto guest = HandMadeLink::between(
-            link.from, link.to,
-            ::accept4(field.entry().listening(), nullptr, nullptr, SOCK_CLOEXEC));
-        guest.makeSide();
+    for (HandMadeLink guest = field.accept(5); !guest.ended; guest = field.accept(5)) {
         Descriptor const file = testsupport::oddFile(field.number(), 0, guest.own.file.get());
         Descriptor const bell = testsupport::oddBell(field.number(), guest.own.bell.get());
+        LingeringFile const lingering(field.dice(3));
         guest.send(guest.packet(field.dice(2) == 0 ? static_cast<unsigned int>(Packet::Welcome)
                                                    : field.dice(9),
                                 kSmallestRing),
-                   file.get(), bell.get());
+                   field.dice(4) == 0 ? lingering.get() : file.get(),
+                   field.dice(4) == 0 ? lingering.get() : bell.get());
         field.keep(std::move(guest), 8);
     }
 }

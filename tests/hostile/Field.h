@@ -21,6 +21,7 @@ using Transport::Descriptor;
 using Transport::FrameHead;
 using Transport::Packet;
 using Transport::TerminationId;
+using Transport::Visibility;
 
 /** The actors of good processes begin with it. */
 constexpr char kGood[] = "good-";
@@ -31,41 +32,52 @@ struct Victim {
     std::string object;  // which it serves
 };
 
-/** An entry of the rendezvous folder, of a group that no broker cares for, with nobody behind it
- * but who uses it. A process has one at a time: its locks go with the first that closes the file.
- */
+/** Of the brokers of units, and one that no broker cares for. */
+constexpr Transport::GroupId kUnits = 1;
+constexpr Transport::GroupId kNobody = 0xF0;
+
+/** A round without this is none. */
+inline void require(bool holds, char const* what) {
+    if (!holds)
+        throw std::runtime_error(what);
+}
+
+/** A right that the attack needs, and that users do not have everywhere. */
+struct LacksRight : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/** An entry of the rendezvous folder, with nobody behind it but who uses it. */
 class Entry {
 public:
-    Entry() : folder_(Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"))) {
-        if (!folder_)
-            throw std::runtime_error("no folder is to be had");
-        auto name = folder_->file()->takeName(0, 1, [](auto) { return true; });
-        id_ = TerminationId(name.nameId(), 1, kGroup);
-        file_ = Transport::EntryFolder::fileName(id_, "hostile", "");
-        Transport::HiddenSocket hidden = folder_->bindHidden(id_);
-        if (name.nameId() == 0 || !hidden.valid() || !hidden.show(file_))
-            throw std::runtime_error("no entry is to be had");
+    Entry(Transport::EntryFolder& folder, Transport::GroupId group, Visibility visibility)
+        : folder_(folder) {
+        auto name = folder_.file()->takeName(0, 1, [](auto) { return true; });
+        id_ = TerminationId(name.nameId(), 1, group);
+        file_ = Transport::EntryFolder::fileName(id_, "hostile", "", visibility);
+        Transport::HiddenSocket hidden = folder_.bindHidden(id_);
+        require(name.nameId() != 0 && hidden.valid() && hidden.show(file_),
+                "no entry is to be had");
         name.keep();
         listening_ = hidden.release();
-        folder_->announce();
+        folder_.announce();
     }
     /** Unless it is abandoned, it leaves as it should. */
     ~Entry() {
-        folder_->remove(file_);
-        folder_->file()->unlockName(id_);
-        folder_->announce();
+        folder_.remove(file_);
+        folder_.file()->unlockName(id_);
+        folder_.announce();
     }
     Entry(Entry const&) = delete;
     Entry& operator=(Entry const&) = delete;
 
     TerminationId id() const { return id_; }
+    std::string const& file() const { return file_; }
     int listening() const { return listening_.get(); }
-    Transport::EntryFolder& folder() const { return *folder_; }
+    Transport::EntryFolder& folder() const { return folder_; }
 
 private:
-    static constexpr Transport::GroupId kGroup = 0xF0;
-
-    std::unique_ptr<Transport::EntryFolder> const folder_;
+    Transport::EntryFolder& folder_;
     TerminationId id_;
     std::string file_;
     Transport::OpenSocket listening_;
@@ -84,38 +96,71 @@ public:
             byte = static_cast<char>(random_());
         return bytes;
     }
-    /** One of the good terminations. */
-    Victim victim() {
-        std::vector<Victim> all = victims();
-        if (all.empty())
-            throw std::runtime_error("there is no victim");
+    /** One of the good terminations, or the one that serves this object. */
+    Victim victim(std::string const& object = "") {
+        std::vector<Victim> const all = victims(object);
+        require(!all.empty(), "there is no victim");
         return all[dice(static_cast<unsigned int>(all.size()))];
     }
-    /** The own entry, taken when it is first asked for. */
-    Entry& entry() {
-        if (!entry_)
-            entry_ = std::make_unique<Entry>();
-        return *entry_;
+    /** One of those that are there from the beginning to the end. */
+    Victim resident() {
+        char const* const names[] = {"good-home", "good-caller", "good-witness", "good-narrow"};
+        return victim(names[dice(4)]);
     }
-    void leave() { entry_.reset(); }
+    /** The own entries, each taken when it is first asked for. */
+    Entry& entry(std::size_t which = 0) {
+        while (entries_.size() <= which)
+            enter();
+        return entries_[which];
+    }
+    /** One more. */
+    Entry& enter(Transport::GroupId group = kNobody, Visibility visibility = Visibility::Member) {
+        if (!folder_)
+            folder_ = Transport::EntryFolder::open(std::getenv("TRANSPORT_DIR"));
+        require(folder_ != nullptr, "no folder is to be had");
+        return entries_.emplace_back(*folder_, group, visibility);
+    }
+    /** With all of them: their locks go with the first that closes the file. */
+    void leave() {
+        entries_.clear();
+        folder_.reset();
+    }
 
-    /** A connection, without a word; ended when there is none to be had. */
+    /** A connection, without a word. */
     HandMadeLink connect(Victim const& victim) {
         sockaddr_un const address = testsupport::addressOf(victim.file);
         auto link = HandMadeLink::between(
             {}, victim.id, ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        link.ended = ::connect(link.socket.get(), reinterpret_cast<sockaddr const*>(&address),
-                               sizeof address) != 0;
+        require(::connect(link.socket.get(), reinterpret_cast<sockaddr const*>(&address),
+                          sizeof address) == 0,
+                "nobody takes its connection");
         return link;
     }
     /** A channel, as it should be made; ended when the victim does not want it. */
-    HandMadeLink open(Victim const& victim, std::uint32_t capacity = Transport::kSmallestRing) {
-        constexpr int kPatience = 500;
+    HandMadeLink open(Victim const& victim, std::uint32_t capacity = Transport::kSmallestRing,
+                      std::size_t which = 0) {
         HandMadeLink link = connect(victim);
-        link.from = entry().id();
-        if (!link.ended)
-            link.ended = !link.open(capacity, kPatience);
+        link.from = entry(which).id();
+        link.ended = !link.open(capacity, kPatience);
         return link;
+    }
+    /** The next one who wants a channel with an own entry: he has said Hello, and waits for
+     * Welcome. Ended when nobody comes. */
+    HandMadeLink accept(int milliseconds) {
+        int const listening = entry().listening();
+        auto guest =
+            HandMadeLink::between(entry().id(), {},
+                                  testsupport::isReadable(listening, milliseconds)
+                                      ? ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)
+                                      : -1);
+        Transport::ReceivedPacket hello;
+        guest.ended = !guest.socket.valid() ||
+                      !testsupport::isReadable(guest.socket.get(), kPatience) ||
+                      receivePacket(guest.socket.get(), hello) != Transport::Transfer::Done;
+        guest.to = TerminationId(hello.packet.from);
+        guest.peer = Transport::PeerSide::of(hello);
+        guest.makeSide();
+        return guest;
     }
     /** Keeps it until so many more have been kept. */
     void keep(HandMadeLink link, std::size_t most = 64) {
@@ -125,7 +170,9 @@ public:
     }
 
 private:
-    std::vector<Victim> victims() const {
+    static constexpr int kPatience = 1000;
+
+    std::vector<Victim> victims(std::string const& object) const {
         std::vector<Victim> all;
         std::error_code ignored;
         for (auto const& found : std::filesystem::directory_iterator(".", ignored)) {
@@ -134,15 +181,18 @@ private:
             if (actor == std::string::npos || file[0] == '.' || !found.is_socket(ignored))
                 continue;
             std::size_t const end = file.find('.', actor + 1);
-            all.push_back({TerminationId(static_cast<unsigned int>(
-                               std::strtoul(file.substr(0, 8).c_str(), nullptr, 16))),
-                           file, file.substr(actor + 1, end - actor - 1)});
+            std::string const served = file.substr(actor + 1, end - actor - 1);
+            if (object.empty() || object == served)
+                all.push_back({TerminationId(static_cast<unsigned int>(
+                                   std::strtoul(file.substr(0, 8).c_str(), nullptr, 16))),
+                               file, served});
         }
         return all;
     }
 
     std::mt19937 random_;
-    std::unique_ptr<Entry> entry_;
+    std::unique_ptr<Transport::EntryFolder> folder_;
+    std::deque<Entry> entries_;
     std::deque<HandMadeLink> kept_;
 };
 
@@ -159,13 +209,28 @@ inline std::string big(std::uint32_t value) {
         bytes += static_cast<char>(value >> shift);
     return bytes;
 }
+/** And as they read it; of what there is. */
+inline std::uint32_t numberAt(std::string const& bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = at; i < at + 4 && i < bytes.size(); ++i)
+        value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    return value;
+}
 /** A text likewise. */
 inline std::string text(std::string const& value) {
     return big(static_cast<std::uint32_t>(value.size())) + value;
 }
 
 enum Kind : std::uint32_t { oneWay = 1, request = 2, response = 3 };
-enum Type : std::uint32_t { search = 1, payload = 2, counters = 10 };
+enum Type : std::uint32_t {
+    search = 1,
+    payload = 2,
+    created = 3,
+    deleted = 4,
+    wantCreations = 5,
+    wantDeletions = 6,
+    counters = 10
+};
 inline std::string message(std::uint32_t transaction, std::uint32_t type, std::uint32_t kind,
                            std::string const& data) {
     return big(transaction) + big(type) + big(kind) + text(data);
@@ -174,6 +239,12 @@ inline std::string call(std::uint32_t transaction, std::uint32_t kind, std::uint
                         std::uint32_t method, std::string const& arguments) {
     return message(transaction, payload, kind,
                    big(object) + big(kind == request) + big(kClass) + big(method) + arguments);
+}
+
+/** A handle on an object of a unit's broker, as brokers write it. */
+inline std::string handle(std::string const& name, TerminationId broker, std::uint32_t object) {
+    return text(name) + big(NSID_UNIT) + big(object) +
+           big((broker.value() & 0xFFFFFF) | NSID_UNIT << 24);
 }
 
 /** One more frame of what the victim has put into its ring, taken as it should be: the message, or
@@ -208,10 +279,7 @@ inline std::uint32_t objectOf(HandMadeLink& link, Victim const& victim, std::uin
     link.put(message(transaction, search, request, text(victim.object) + big(1)));
     link.ring();
     auto const answer = take(link, 500);
-    std::uint32_t object = 0;
-    for (std::size_t i = 16; answer && i < 20 && i < answer->size(); ++i)
-        object = object << 8 | static_cast<unsigned char>((*answer)[i]);
-    return object;
+    return answer ? numberAt(*answer, 16) : 0;
 }
 
 // ---- Attacks

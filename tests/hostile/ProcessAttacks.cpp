@@ -19,24 +19,30 @@ pid_t makeShortLived(Field& field) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     try {
         HandMadeLink link = field.open(field.victim());
-        if (!link.ended)
-            link.put(message(1, counters, request, ""));
+        require(!link.ended, "nobody lets it in");
+        link.put(message(1, counters, request, ""));
         link.ring();
     } catch (std::exception const&) {
+        std::_Exit(EXIT_FAILURE);
     }
     ::kill(::getpid(), SIGKILL);
     return child;
 }
 
+void awaitDeath(pid_t process) {
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    require(WIFSIGNALED(status), "it does not get so far");
+}
+
 void dieAtOnce(Field& field) {
-    ::waitpid(makeShortLived(field), nullptr, 0);
+    awaitDeath(makeShortLived(field));
 }
 
 /** A good one, which has subscribed at the others. */
 void stop(Field& field) {
     testsupport::ChildProgram bystander("hostile_good", {"bystander", "good-home"});
-    if (!bystander.waitForLine("ready"))
-        return;
+    require(bystander.waitForLine("ready").has_value(), "a good one does not start");
     bystander.writeLine("go");
     pause(field.dice(100));
     bystander.stopWholly();
@@ -50,9 +56,11 @@ void stop(Field& field) {
 /** Where the kernel lets us choose: the next process gets the id of one that has just died. */
 void comeAgain(Field& field) {
     pid_t const former = makeShortLived(field);
-    ::waitpid(former, nullptr, 0);
-    std::ofstream("/proc/sys/kernel/ns_last_pid") << former - 1;
-    ::waitpid(makeShortLived(field), nullptr, 0);
+    awaitDeath(former);
+    std::ofstream last("/proc/sys/kernel/ns_last_pid");
+    if (!(last << former - 1 << std::flush))
+        throw LacksRight("the right to choose process ids");
+    awaitDeath(makeShortLived(field));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // By those who connect, and have not been checked yet.
 
 #include "Field.h"
-#include "LingeringConnection.h"
+#include "LingeringFile.h"
 
 namespace hostile {
 namespace {
@@ -84,23 +84,18 @@ void giveOddSide(Field& field) {
 
 // ---- Descriptors
 
-/** Sockets whose `close` waits: before Hello, as Hello, in packets that are not read any more, and
+/** Files whose `close` waits: before Hello, as Hello, in packets that are not read any more, and
  * on a channel that stands. */
 void passLingering(Field& field) {
-    static std::deque<Descriptor> others;
     Victim const victim = field.victim();
     unsigned int const way = field.dice(5);
     HandMadeLink link = way < 3 ? field.connect(victim) : field.open(victim);
     link.from = field.entry().id();
-    if (link.ended)
-        return;
+    require(!link.ended, "nobody lets it in");
     if (!link.own.valid())
         link.makeSide();
-    testsupport::LingeringConnection lingering;
+    LingeringFile const lingering(field.dice(5));
     int const passed = lingering.get();
-    others.push_back(lingering.takeOther());
-    if (others.size() > 20)
-        others.pop_front();
     if (way == 0)
         sendWith(link.socket.get(), field.noise(24), {passed, passed});
     if (way == 1)
@@ -115,8 +110,6 @@ void passLingering(Field& field) {
         sendWith(link.socket.get(), bytesOf(link.packet(Packet::Bye)), {passed});
     if (way == 4)
         sendWith(link.socket.get(), bytesOf(link.packet(Packet::Stay)), {passed, passed});
-    // Ours may be the last one.
-    std::thread([last = lingering.release()] { ::close(last); }).detach();
     field.keep(std::move(link), 4);
 }
 
@@ -127,6 +120,7 @@ void passMany(Field& field) {
     std::vector<int> const many(250, something.get());
     HandMadeLink link =
         field.dice(2) == 0 ? field.connect(field.victim()) : field.open(field.victim());
+    require(!link.ended, "nobody lets it in");
     link.from = field.entry().id();
     for (int i = 0; i < 4; ++i)
         sendWith(link.socket.get(), bytesOf(link.packet(field.dice(9))), many);
@@ -145,7 +139,7 @@ Attacks strangerAttacks() {
             {"garbage", "sends packets of noise", sendGarbage},
             {"forged", "says Hello in the name of others, or to others", forgeHello},
             {"sides", "gives memory and bells that are none", giveOddSide},
-            {"linger", "passes sockets whose close waits", passLingering},
+            {"linger", "passes files whose close waits, within sockets, too", passLingering},
             {"pressure", "passes thousands of descriptors", passMany}};
 }
 

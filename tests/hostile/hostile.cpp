@@ -217,17 +217,21 @@ private:
         seen.lines = mostLines() - linesBefore;
         judge(seen, duration);
     }
-    /** An attacker that does not end is killed, which is no fault of the good ones. */
+    /** An attacker that does nothing shows nothing: that is a fault, unless it cannot do otherwise.
+     */
     unsigned long roundsOf(ChildProgram& attacker, std::string const& name) {
         auto const line = attacker.waitForLine("rounds ", kPatience);
         unsigned long const rounds = line ? std::strtoul(line->c_str() + 7, nullptr, 10) : 0;
         if (rounds != 0)
             return rounds;
-        std::string why = line ? "" : "it does not end";
+        std::string why =
+            line ? "" : "it ends with " + std::to_string(attacker.exitCode(milliseconds(200)));
         for (std::string const& each : attacker.lines())
-            if (each.rfind("failed ", 0) == 0)
+            if (each.rfind("failed ", 0) == 0 || each.rfind("lacks ", 0) == 0)
                 why = each;
         std::printf("%-10s made no round: %s\n", name.c_str(), why.c_str());
+        if (why.rfind("lacks ", 0) != 0)
+            fault(name + " made no round: " + why);
         return 0;
     }
     void judge(Stretch const& seen, unsigned int duration) {

@@ -25,26 +25,37 @@ Attacks allAttacks() {
     return all;
 }
 
+/** How much longer somebody tries who has got through no round, on a busy machine for example. */
+constexpr std::chrono::seconds kPatience(10);
+
 std::chrono::nanoseconds processorTime() {
     timespec time{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-/** How many rounds. One that fails for want of something is one, too. */
+/** How many rounds. One that fails for want of something, as of an entry that another attack has
+ * spoilt, is none, and the next one begins anew. */
 unsigned long attack(Attack const& chosen, Field& field, Clock::time_point end, int share) {
     unsigned long rounds = 0;
-    while (Clock::now() < end) {
+    std::string failure;
+    while (Clock::now() < end || (rounds == 0 && Clock::now() < end + kPatience)) {
         auto const before = processorTime();
         try {
             chosen.round(field);
             ++rounds;
+        } catch (LacksRight const& reason) {
+            answer("lacks ", reason.what());
+            break;
         } catch (std::exception const& reason) {
-            answer("failed ", reason.what());
+            failure = reason.what();
+            field.leave();
         }
         std::this_thread::sleep_for(std::max<std::chrono::nanoseconds>(
             (processorTime() - before) * (share - 1), std::chrono::microseconds(200)));
     }
+    if (!failure.empty() && rounds == 0)
+        answer("failed ", failure);
     return rounds;
 }
 
