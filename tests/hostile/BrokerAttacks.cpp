@@ -10,13 +10,14 @@ struct Line {
     Victim victim;
     std::uint32_t object = 0;
 
-    bool stands(Field& field) {
+    /** With an own entry, and one of the victims unless another line has chosen. */
+    bool stands(Field& field, std::size_t which = 0, Line const* other = nullptr) {
         link.hear(0);
         if (object != 0 && !link.ended)
             return true;
-        victim = field.victim();
+        victim = other ? other->victim : field.victim();
         link = HandMadeLink();
-        link = field.open(victim, Transport::kLargestRing);
+        link = field.open(victim, Transport::kLargestRing, which);
         object = link.ended ? 0 : objectOf(link, victim, field.number());
         return object != 0;
     }
@@ -31,19 +32,36 @@ struct Line {
 template <void (*act)(Field&, Line&)>
 void overLine(Field& field) {
     static Line line;
-    if (line.stands(field))
-        act(field, line);
+    require(line.stands(field), "nobody lets it in");
+    act(field, line);
 }
 
-/** As many as go in, as fast as they are taken. */
-void callWithoutEnd(Field& field, Line& line) {
+void callMuch(Field& field, Line& line, int count) {
     std::string const note =
         call(field.number(), oneWay, line.object, kNote, text(field.dice(2) == 0 ? "x" : "flood"));
     std::string const large =
         call(field.number(), oneWay, line.object, kNote, text(std::string(60'000, 'x')));
-    for (int i = 0; i < 20'000; ++i)
+    for (int i = 0; i < count; ++i)
         if (!line.link.put(i % 100 == 0 ? large : note))
             line.link.ring();
+}
+
+/** As many as go in, as fast as they are taken. */
+void callWithoutEnd(Field& field, Line& line) {
+    callMuch(field, line, 20'000);
+}
+
+/** Likewise, of more and more terminations of this process, as far as one victim lets them in. */
+void callAsCrowd(Field& field) {
+    constexpr std::size_t kMost = 40;
+    static std::deque<Line> crowd;
+    if (crowd.size() < kMost)
+        crowd.resize(crowd.size() + 2);
+    std::size_t standing = 0;
+    while (standing < crowd.size() &&
+           crowd[standing].stands(field, standing, standing == 0 ? nullptr : &crowd[0]))
+        callMuch(field, crowd[standing++], 400);
+    require(standing > 1, "a second one is not let in");
 }
 
 /** Has large answers made for it, and takes none of them. So large that the victim's allocator
@@ -80,19 +98,42 @@ void leaveUnfinished(Field& field, Line& line) {
     line.link.ring();
 }
 
+/** An object that somebody else makes, has made, or will make. */
+std::string otherOnesThing(Field& field) {
+    return handle("thing." + std::to_string(field.dice(5000)), field.resident().id, field.number());
+}
+
+/** The answer to a subscription: things of others exist, and the classes are none that there are,
+ * or do not come. */
+std::string forgedExisting(Field& field) {
+    std::uint32_t const counts[] = {0, 1, 70'000, 0xFFFFFFFFu};
+    return big(1) + otherOnesThing(field) + big(counts[field.dice(4)]);
+}
+
 /** Answers to what others were asked: all transaction ids that a victim can have in use. */
-void forgeResponses(Field&, Line& line) {
+void forgeResponses(Field& field, Line& line) {
     std::uint32_t const victim = line.victim.id.value();
     std::uint32_t const low = (victim & 0xFFFF) | (victim >> 16 & 0xF) << 16;
     static std::uint32_t top = 0;
-    std::string const data = big(0) + big(0) + text("forged");
+    bool const ofCall = field.dice(2) == 0;
+    std::string const data = ofCall ? big(0) + big(0) + text("forged") : forgedExisting(field);
     for (int i = 0; i < 512; ++i, ++top) {
-        std::string const forged = message(top << 20 | low, payload, response, data);
+        std::string const forged =
+            message(top << 20 | low, ofCall ? payload : wantCreations, response, data);
         for (int tries = 0; !line.link.put(forged) && tries < 20; ++tries) {
             line.link.ring();
             line.link.hear(1);
         }
     }
+    line.flush();
+}
+
+/** Says that things of others have come and gone. */
+void forgeNotices(Field& field, Line& line) {
+    for (int i = 0; i < 16; ++i)
+        line.link.put(message(field.number(), field.dice(2) == 0 ? created : deleted,
+                              field.dice(2) == 0 ? request : oneWay,
+                              big(kThing) + otherOnesThing(field)));
     line.flush();
 }
 
@@ -135,9 +176,11 @@ void sendOddHeaders(Field& field, Line& line) {
 
 Attacks brokerAttacks() {
     return {{"notes", "sends one-way calls without end", overLine<callWithoutEnd>},
+            {"crowd", "does so as many terminations of one process", callAsCrowd},
             {"deaf", "asks for large answers and takes none", overLine<neverListen>},
             {"pieces", "sends large messages but for their ends", overLine<leaveUnfinished>},
             {"responses", "answers what others were asked", overLine<forgeResponses>},
+            {"notices", "tells of objects of others", overLine<forgeNotices>},
             {"lengths", "sends requests that claim to be longer", overLine<lieInLengths>},
             {"headers", "sends headers of no type and no kind", overLine<sendOddHeaders>}};
 }
