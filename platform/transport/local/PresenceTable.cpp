@@ -130,7 +130,7 @@ bool PresenceTable::admit(TerminationId id, Entry entry) {
     std::list<Notice> notices;
     if (entry.visibility == Visibility::Member)
         notices = noticesOf(id);
-    if (entries_.count(id) != 0 || !hasRoom(entry.owner))
+    if (entries_.count(id) != 0 || leaving_.count(id) != 0 || !hasRoom(entry.owner))
         return false;
     std::size_t& owned = owned_[entry.owner];
     entries_.emplace(id, std::move(entry));
@@ -138,6 +138,11 @@ bool PresenceTable::admit(TerminationId id, Entry entry) {
     arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
     return true;
+}
+
+bool PresenceTable::isLeaving(TerminationId id) const {
+    OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
+    return leaving_.count(id) != 0;
 }
 
 bool PresenceTable::hasRoom(pid_t owner) const {
@@ -173,8 +178,10 @@ std::list<PresenceTable::Notice> PresenceTable::noticesOf(TerminationId id) cons
 void PresenceTable::drop(std::vector<TerminationId> const& ids, Departures& departures) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     std::list<Notice> notices;
+    std::map<TerminationId, std::size_t> due;
     for (TerminationId const id : ids)
-        if (entries_.count(id) != 0)
+        if (entries_.count(id) != 0 && !listeners_.empty() &&
+            due.emplace(id, listeners_.size()).second)
             notices.splice(notices.end(), noticesOf(id));
     departures.ids_.reserve(departures.ids_.size() + ids.size());
     std::set<TerminationId> gone(ids.begin(), ids.end());
@@ -185,13 +192,21 @@ void PresenceTable::drop(std::vector<TerminationId> const& ids, Departures& depa
             gone.erase(id);
     arrivals_.queue.remove_if([&](Notice const& notice) { return gone.count(notice.id) != 0; });
     departures.notices_.splice(departures.notices_.end(), notices);
+    departures.due_.merge(due);
+    leaving_.merge(gone);
 }
 
 void PresenceTable::tell(Departures& departures) {
     DelayedLog const delayed;
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     departures_.queue.splice(departures_.queue.end(), departures.notices_);
+    for (TerminationId const id : departures.ids_)
+        leaving_.erase(id);
     departures.ids_.clear();
+    due_.merge(departures.due_);
+    for (auto const& [id, count] : departures.due_)
+        due_[id] += count;  // one that is due already
+    departures.due_.clear();
     wake(departures_);
 }
 
@@ -222,11 +237,19 @@ void PresenceTable::detach(PresenceListener& listener) {
     bool const first = listeners_.erase(&listener) != 0;
     if (!first && calledFromInside(listener))
         return;
-    for (Lane* const lane : {&arrivals_, &departures_})
-        lane->queue.remove_if([&](Notice const& notice) { return notice.listener == &listener; });
+    forget(listener);
     lock_.broadcast();  // without listeners the lanes' threads end
     while (calledByOthers(listener))
         lock_.wait(OSWrap::TimeSpec::INFINITETIME);
+}
+
+void PresenceTable::forget(PresenceListener const& listener) {
+    arrivals_.queue.remove_if([&](Notice const& notice) { return notice.listener == &listener; });
+    departures_.queue.remove_if([&](Notice const& notice) OSW_REQUIRES(lock_) {
+        if (notice.listener == &listener)
+            isTold(departures_, notice.id);
+        return notice.listener == &listener;
+    });
 }
 
 bool PresenceTable::calledFromInside(PresenceListener const& listener) const {
@@ -282,11 +305,30 @@ bool PresenceTable::arrivalJustBegun(Notice const& departure) const {
            OSWrap::Clock::nowNanoseconds() - arrivals_.since < kArrivalHeadStart;
 }
 
+/** Of the first in the lane. */
+bool PresenceTable::mustWait(Lane const& lane) const {
+    Notice const& first = lane.queue.front();
+    return &lane == &arrivals_ ? due_.count(first.id) != 0 : arrivalJustBegun(first);
+}
+
+/** Or will never be. */
+void PresenceTable::isTold(Lane const& lane, TerminationId id) {
+    if (&lane != &departures_)
+        return;
+    auto const due = due_.find(id);
+    if (due == due_.end() || --due->second != 0)
+        return;
+    due_.erase(due);
+    lock_.broadcast();
+}
+
 /** Waits for the next call to make and marks it as begun; false when the thread is to end. */
 bool PresenceTable::next(Lane& lane, Notice& notice) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     for (;;) {
         if (listeners_.empty()) {
+            for (Notice const& dropped : lane.queue)
+                isTold(lane, dropped.id);
             lane.queue.clear();
             lane.threadLives = false;
             return false;
@@ -294,9 +336,11 @@ bool PresenceTable::next(Lane& lane, Notice& notice) {
         if (lane.queue.empty()) {
             lock_.wait(OSWrap::TimeSpec::INFINITETIME);
         } else if (!attached(lane.queue.front())) {
+            isTold(lane, lane.queue.front().id);
             lane.queue.pop_front();
-        } else if (&lane == &departures_ && arrivalJustBegun(lane.queue.front())) {
-            lock_.wait(OSWrap::TimeSpec(0, kArrivalHeadStart / 4));
+        } else if (mustWait(lane)) {
+            lock_.wait(&lane == &arrivals_ ? OSWrap::TimeSpec::INFINITETIME
+                                           : OSWrap::TimeSpec(0, kArrivalHeadStart / 4));
         } else {
             break;
         }
@@ -313,6 +357,7 @@ bool PresenceTable::next(Lane& lane, Notice& notice) {
 void PresenceTable::finish(Lane& lane) {
     OSWrap::Lock<OSWrap::ConditionVar> lock(lock_);
     lane.called = nullptr;
+    isTold(lane, lane.about);
     lock_.broadcast();
 }
 

@@ -5,6 +5,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,8 @@ namespace Transport {
  * A listener is told the arrival of each termination that is in the table when it is attached or
  * comes later, and the departure of each one that leaves while it is attached, once each. An
  * arrival whose call has not begun when the termination leaves is dropped; its departure is told
- * all the same. Arrivals of silent ones are never told.
+ * all the same. Who comes under the id of one that has left is told when that departure has been.
+ * Arrivals of silent ones are never told.
  *
  * Table, listeners and both queues share one lock, so that no change can fall between them. It is
  * a leaf: nothing is called under it.
@@ -78,11 +80,14 @@ public:
         friend class PresenceTable;
         std::vector<TerminationId> ids_;
         std::list<Notice> notices_;
+        std::map<TerminationId, std::size_t> due_;
     };
 
-    /** Enters a termination and queues its arrival; false when it is there already, or, with a log
-     * line, when its process has too many. */
+    /** Enters a termination and queues its arrival; false when it is there already, or `isLeaving`,
+     * or, with a log line, when its process has too many. */
     bool admit(TerminationId id, Entry entry);
+    /** Whether one of this id has been dropped and not handed to `tell` yet. */
+    bool isLeaving(TerminationId id) const;
     /** Takes a termination out, if it is there, drops its queued arrivals and adds it to
      * `departures`, which `tell` queues later. */
     void drop(TerminationId id, Departures& departures) { drop(std::vector{id}, departures); }
@@ -122,6 +127,9 @@ private:
     std::list<Notice> noticesOf(TerminationId id) const OSW_REQUIRES(lock_);
     bool attached(Notice const& notice) const OSW_REQUIRES(lock_);
     bool arrivalJustBegun(Notice const& departure) const OSW_REQUIRES(lock_);
+    bool mustWait(Lane const& lane) const OSW_REQUIRES(lock_);
+    void isTold(Lane const& lane, TerminationId id) OSW_REQUIRES(lock_);
+    void forget(PresenceListener const& listener) OSW_REQUIRES(lock_);
     bool calledFromInside(PresenceListener const& listener) const OSW_REQUIRES(lock_);
     bool calledByOthers(PresenceListener const& listener) const OSW_REQUIRES(lock_);
 
@@ -132,6 +140,9 @@ private:
     unsigned long lastAttachment_ OSW_GUARDED_BY(lock_) = 0;
     Lane arrivals_ OSW_GUARDED_BY(lock_){"TrArrivals", &PresenceListener::arrived};
     Lane departures_ OSW_GUARDED_BY(lock_){"TrDepartures", &PresenceListener::departed};
+    std::set<TerminationId> leaving_ OSW_GUARDED_BY(lock_);
+    /// How many departures of an id are queued or being told.
+    std::map<TerminationId, std::size_t> due_ OSW_GUARDED_BY(lock_);
 };
 
 }  // namespace Transport

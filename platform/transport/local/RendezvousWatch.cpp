@@ -22,9 +22,8 @@ constexpr std::size_t kWatchStack = 0x20000;
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
 /** How many entries that may have died are judged in one go, and then removed. */
 constexpr std::size_t kJudgedAtOnce = 64;
-/** Entries with the same lock, one of which may be hidden: more of them has only who fills the
- * folder. */
-constexpr std::size_t kMostOfOneLock = 4;
+/** So many entries with the same lock are probed in one go for one that lives. */
+constexpr std::ptrdiff_t kMostRivals = 64;
 /** Between the first sign of an end and the last. One that shows the first sign only, because it
  * has not moved over, is taken to live after this time. */
 constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
@@ -318,14 +317,6 @@ struct Rendezvous::State::Scan {
     std::vector<FolderEntry> entries;
     bool knock = false;               // at those whose locks are not in the file in use
     std::vector<TerminationId> seen;  // of the table, by the files that the table knows
-
-    bool isOneTooMany(FolderEntry const& entry, EntryFolder const& files);
-    void lookedInVain() { ++inVain_; }
-
-private:
-    std::uint32_t lock_ = 0;       // of the entries that are being looked at
-    std::size_t inVain_ = 0;       // at how many of these
-    std::optional<pid_t> holder_;  // of the lock, once that has been too many
 };
 
 /** Makes the table what the folder says. */
@@ -380,22 +371,6 @@ bool isProven(FolderEntry const& entry, pid_t owner) {
 
 }  // namespace
 
-/** Whether so many entries with its lock have been looked at in vain that this one is passed over.
- * Whom others have hidden among theirs is found all the same: who is named by the holder of the
- * lock has a number for himself. */
-bool Rendezvous::State::Scan::isOneTooMany(FolderEntry const& entry, EntryFolder const& files) {
-    if (lock_ != lockKey(entry.id)) {
-        lock_ = lockKey(entry.id);
-        inVain_ = 0;
-        holder_.reset();
-    }
-    if (inVain_ < kMostOfOneLock)
-        return false;
-    if (!holder_)
-        holder_ = files.ownerOf(entry.id);
-    return inVain_ >= 2 * kMostOfOneLock || !isProven(entry, *holder_);
-}
-
 void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     EntryFolder& files = *folder;
     bool const known = table.contains(entry.id, entry.file);
@@ -403,8 +378,6 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
         scan.seen.push_back(entry.id);
     bool const own = own_.count(entry.id) != 0;  // its lock
     if (known && (own || !scan.knock))
-        return;
-    if (!known && scan.isOneTooMany(entry, files))
         return;
     if (!own && !known && !entry.hidden && admit(scan.entries, entry, scan.departed.gone)) {
         scan.seen.push_back(entry.id);
@@ -419,8 +392,6 @@ void Rendezvous::State::lookAt(Scan& scan, FolderEntry const& entry) {
     } else if (scan.knock && !own && !isProven(entry, owner)) {
         files.knock(entry.file);
     }
-    if (!known)
-        scan.lookedInVain();
 }
 
 /** True when it was there. */
@@ -440,7 +411,7 @@ bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
               FolderEntry const& entry) {
     auto const [first, last] =
         std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
-    if (last - first > static_cast<std::ptrdiff_t>(2 * kMostOfOneLock))
+    if (last - first > kMostRivals)
         return true;
     return std::any_of(first, last, [&](FolderEntry const& other) {
         return other.id == entry.id && other.file != entry.file &&
@@ -485,6 +456,10 @@ bool Rendezvous::State::admit(std::vector<FolderEntry> const& all, FolderEntry c
         return false;
     noteName(entry.id);
     table.drop(entry.id, gone);  // whose successor, under the same id, this one is
+    if (table.isLeaving(entry.id)) {
+        lookAgainSoon();  // the departure is told first
+        return false;
+    }
     return table.admit(entry.id, {entry.file, *owner, entry.visibility});
 }
 
