@@ -13,7 +13,8 @@ class LocalTermination;
  * `start` to `stop`. Virtual operations stand in a fixed order of slots.
  *
  * Callbacks: `receive` and `receiveError` run on the receiving thread, or on one that waits for an
- * answer (AnswerWait), one message at a time, and must not wait for a response.
+ * answer (AnswerWait) or for work (WorkWait), one message at a time, and must not wait for a
+ * response.
  * `appeared` and `disappeare` run on the process's arrivals thread and departures thread, never on
  * a receiving thread. No lock of the transport is held in a callback, but for the one that keeps
  * messages apart.
@@ -71,6 +72,10 @@ public:
      * destination has gone. In `receiveError` only.
      */
     bool sendAgain(AddressedMessage const& message);
+
+    /** Has threads that serve this termination take in messages by themselves, see WorkWait. Before
+     * `start`. */
+    void readByWorkers();
 
     /** A zero-filled buffer whose originator is this termination. `priority` is always 5 in this
      * system, and of no effect on one machine. Empty when larger than kLargestMessage. `capacity`:

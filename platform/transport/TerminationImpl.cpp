@@ -70,6 +70,10 @@ bool TerminationImpl::sendAgain(AddressedMessage const& message) {
     return local_->sendAgain(message);
 }
 
+void TerminationImpl::readByWorkers() {
+    local_->readByWorkers();
+}
+
 AddressedMessage TerminationImpl::allocateMessage(std::size_t size, int /*priority*/,
                                                   std::size_t capacity) const {
     AddressedMessage message = AddressedMessage::allocate(size, capacity);

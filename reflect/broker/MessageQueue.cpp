@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "oswrap/Lock.h"
+#include "reflect/broker/ReceivingScope.h"
 #include "transport/TransportLayer.h"
 
 using QueueLock = OSWrap::Lock<OSWrap::ConditionVar>;
@@ -73,6 +74,7 @@ Backlog::Share* MessageQueue::admit(Transport::AddressedMessage const& message,
 MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& message,
                                         unsigned int note, Backlog::Bounds bounds) {
     Pushed pushed;
+    Wake whom = Wake::Nobody;
     {
         QueueLock const lock(changed_);
         if (closed_)
@@ -91,11 +93,28 @@ MessageQueue::Pushed MessageQueue::push(Transport::AddressedMessage const& messa
             pushed.need = addWorker();
             return pushed;
         }
-        if (!wasEmpty || polling_ > 0)
-            return pushed;
+        if (wasEmpty)
+            whom = wakesOne();
     }
-    changed_.signal();
+    wake(whom);
     return pushed;
+}
+
+/** One who sleeps for work alone is woken first: the reader stays at the bells. */
+MessageQueue::Wake MessageQueue::wakesOne() {
+    if (polling_ > 0 || reader_.load() == Reader::Awake)
+        return Wake::Nobody;
+    if (sleepers_ > 0)
+        return Wake::Sleeper;
+    Reader seen = Reader::Asleep;
+    return reader_.compare_exchange_strong(seen, Reader::Awake) ? Wake::Reader : Wake::Nobody;
+}
+
+void MessageQueue::wake(Wake whom) {
+    if (whom == Wake::Sleeper)
+        changed_.signal();
+    else if (whom == Wake::Reader)
+        work_.load()->wake();
 }
 
 Transport::TerminationId MessageQueue::begin(Taken& taken) {
@@ -141,7 +160,7 @@ Backlog::Mark MessageQueue::letGo(Transport::TerminationId sender, Backlog::When
 }
 
 MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) {
-    bool wake = false;
+    Wake whom = Wake::Nobody;
     {
         QueueLock const lock(changed_);
         need = Need::Nothing;
@@ -154,55 +173,59 @@ MessageQueue::Turn MessageQueue::next(bool firstPass, Taker& taker, Need& need) 
         --idle_;
         if (tooMany || closed_)
             return Turn::End;
-        wake = takeFront(taker, need);
+        whom = takeFront(taker, need);
     }
-    if (wake)
-        changed_.signal();
+    wake(whom);
     return Turn::Serve;
 }
 
 bool MessageQueue::nextAtOnce(Taker& taker, Need& need) {
     if (!ready_.load(std::memory_order_acquire))
         return false;
-    bool wake = false;
+    Wake whom = Wake::Nobody;
     {
         QueueLock const lock(changed_);
         need = Need::Nothing;
         endServing(taker.taken);
         if (closed_ || messages_.empty() || idle_ >= kMostIdle)
             return false;
-        wake = takeFront(taker, need);
+        whom = takeFront(taker, need);
     }
-    if (wake)
-        changed_.signal();
+    wake(whom);
     return true;
 }
 
 /** The taker sees to those who are left behind: `need` tells whether they take one more worker, the
- * result whether to signal an idle one after unlocking. */
-bool MessageQueue::takeFront(Taker& taker, Need& need) {
+ * result which idle one to wake. */
+MessageQueue::Wake MessageQueue::takeFront(Taker& taker, Need& need) {
     taker.taken = messages_.pop();
     if (taker.lineUp())
         release(taker.taken);
     ready_.store(!messages_.empty(), std::memory_order_relaxed);
     if (messages_.empty())
-        return false;
+        return Wake::Nobody;
     if (idle_ == 0) {
         need = addWorker();
-        return false;
+        return Wake::Nobody;
     }
-    return polling_ == 0;
+    return wakesOne();
 }
 
 void MessageQueue::awaitMessage() {
     if (mayGoOn())
         return;
-    pollOnce();
+    Transport::WorkWait* const work = work_.load(std::memory_order_relaxed);
+    if (work && reader_.load() == Reader::None && work->mayRead())
+        read(*work);
+    else
+        pollOnce();
     if (mayGoOn())
         return;
     OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+    ++sleepers_;
     while (!mayGoOn())
         changed_.wait(OSWrap::TimeSpec::INFINITETIME);
+    --sleepers_;
 }
 
 bool MessageQueue::mayGoOn() {
@@ -215,6 +238,45 @@ void MessageQueue::pollOnce() {
     waiting_.poll([this] { return ready_.load(std::memory_order_acquire); });
     changed_.lock();
     --polling_;
+}
+
+/** Until there is a message, or messages come otherwise than one at a time. */
+void MessageQueue::read(Transport::WorkWait& work) {
+    reader_.store(Reader::Awake);
+    while (!mayGoOn() && work.mayRead()) {
+        changed_.unlock();
+        bool const found = pollRing(work);
+        changed_.lock();
+        if (!found && !mayGoOn())
+            sleepAtBells(work);
+    }
+    reader_.store(Reader::None);
+}
+
+/** Whether there was something, in the ring of who has sent last or in the queue. */
+bool MessageQueue::pollRing(Transport::WorkWait& work) {
+    Transport::WorkWait::Reading reading(work);
+    auto const ready = [&] { return ready_.load(std::memory_order_acquire) || reading.hasData(); };
+    if (!waiting_.poll(ready))
+        return false;
+    ReceivingScope const receiving;
+    reading.takeIn();
+    return true;
+}
+
+void MessageQueue::sleepAtBells(Transport::WorkWait& work) {
+    reader_.store(Reader::Asleep);
+    changed_.unlock();
+    {
+        OSWrap::AdaptiveWait::Sleep const sleep(waiting_);
+        work.sleep();
+    }
+    reader_.store(Reader::Awake);
+    {
+        ReceivingScope const receiving;
+        work.takeInRung();
+    }
+    changed_.lock();
 }
 
 MessageQueue::Need MessageQueue::addWorker() {
@@ -252,6 +314,8 @@ void MessageQueue::close() {
     std::swap(dropped, messages_);
     ready_.store(true, std::memory_order_release);
     changed_.broadcast();
+    if (reader_.load() == Reader::Asleep)
+        work_.load()->wake();
 }
 
 void MessageQueue::waitForWorkers(unsigned int remaining) {

@@ -8,6 +8,7 @@
 #include "oswrap/ConditionVar.h"
 #include "reflect/broker/Backlog.h"
 #include "transport/AddressedMessage.h"
+#include "transport/WorkWait.h"
 
 /**
  * The messages that wait for a broker's workers, first come, first served, and the rule by which
@@ -18,6 +19,10 @@
  * - A worker that takes a message and leaves others behind wakes an idle worker or, if there is
  *   none, asks for one more.
  * - A worker that comes back and finds three others idle ends.
+ *
+ * While messages come one at a time, one of the idle workers, the *reader*, takes them in by
+ * itself, as the receiving thread would do: it queues them, and takes the first. For all others it
+ * is a worker that is idle.
  *
  * What waits is bounded, in all, by sender and by process (see Backlog): what is too much is not
  * kept.
@@ -65,6 +70,9 @@ public:
         : processOf_(processOf), backlog_(most) {}
     MessageQueue(MessageQueue const&) = delete;
     MessageQueue& operator=(MessageQueue const&) = delete;
+
+    /** Has workers without work read. `work` is open until the last worker has ended. */
+    void readWith(Transport::WorkWait& work) { work_.store(&work); }
 
     /** Adds a message, unless that is too much. When a worker is needed, it counts already: start
      * it, or call `workerNotStarted`. A closed queue drops the message. `note` comes with it. */
@@ -129,6 +137,9 @@ private:
         std::size_t size_ = 0;
     };
 
+    /** Whom to wake, after unlocking, for what waits while somebody is idle. */
+    enum class Wake { Nobody, Sleeper, Reader };
+
     /** At most so many workers stay idle. */
     static constexpr unsigned int kMostIdle = 3;
 
@@ -136,11 +147,16 @@ private:
     Backlog::Share* admit(Transport::AddressedMessage const& message, Backlog::Bounds bounds)
         OSW_REQUIRES(changed_);
     bool mayGoOn() OSW_REQUIRES(changed_);
-    bool takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
+    Wake takeFront(Taker& taker, Need& need) OSW_REQUIRES(changed_);
     void release(Taken& taken) OSW_REQUIRES(changed_);
     void endServing(Taken& taken) OSW_REQUIRES(changed_);
+    Wake wakesOne() OSW_REQUIRES(changed_);
+    void wake(Wake whom);
     void awaitMessage() OSW_REQUIRES(changed_);
     void pollOnce() OSW_REQUIRES(changed_);
+    void read(Transport::WorkWait& work) OSW_REQUIRES(changed_);
+    bool pollRing(Transport::WorkWait& work);
+    void sleepAtBells(Transport::WorkWait& work);
     Need addWorker() OSW_REQUIRES(changed_);
 
     ProcessOf const processOf_;
@@ -154,9 +170,14 @@ private:
     unsigned int idle_ OSW_GUARDED_BY(changed_) = 0;  // just started workers included
     unsigned int workers_ OSW_GUARDED_BY(changed_) = 0;
     bool closed_ OSW_GUARDED_BY(changed_) = false;
-    /// Idle workers that poll. They look at the queue before they sleep, so while there is one
-    /// nobody needs to be signalled.
+    /// Idle workers that poll, but for the reader. They look at the queue before they sleep, so
+    /// while there is one nobody needs to be woken.
     unsigned int polling_ OSW_GUARDED_BY(changed_) = 0;
+    unsigned int sleepers_ OSW_GUARDED_BY(changed_) = 0;  // that wait for changed_
+    /// None and Asleep are set under the mutex. Awake: it looks at the queue before it sleeps.
+    enum class Reader { None, Awake, Asleep };
+    std::atomic<Reader> reader_{Reader::None};
+    std::atomic<Transport::WorkWait*> work_{nullptr};
     /// Whether there is something to look at; written under the mutex, polled without it.
     std::atomic<bool> ready_{false};
     OSWrap::AdaptiveWait waiting_;  // statistics of the workers' waits

@@ -27,6 +27,7 @@ TreflectORB::TreflectORB(NamespaceId const& ns)
       orbId_(OrbIdentity(TreflectOrbId()).toOrbId(termId())),
       parts_(std::make_unique<Parts>(*this, firstTransactionSeed(orbId_),
                                      Transport::IdInfo::instance().backlog())) {
+    readByWorkers();
     REFLECTORB_LOG(
         5, "REFLECT_orb", "ORB created for actor %s with OrbId 0x%X, TerminationId 0x%08X",
         Transport::IdInfo::instance().getActor().c_str(), orbId_.value(), termId().value());

@@ -181,6 +181,8 @@ TreflectORB* BrokerLifecycle::create(NamespaceId ns) {
         if (orb->start() != 1)
             REFLECTORB_LOG(3, "REFLECT_orb", "ORB 0x%08X could not be started",
                            orb->termId().value());
+        orb->parts_->work.open(orb->termId());
+        orb->parts_->messageQueue.readWith(orb->parts_->work);
     });
     if (!born) {
         if (orb)
@@ -283,6 +285,7 @@ void BrokerLifecycle::silence(TreflectORB& orb) {
 void BrokerLifecycle::drain(TreflectORB& orb, TreflectORB const* served) {
     orb.parts_->messageQueue.close();
     orb.parts_->messageQueue.waitForWorkers(&orb == served ? 1 : 0);
+    orb.parts_->work.close();
 }
 
 void BrokerLifecycle::endPresence(TreflectORB& orb) {

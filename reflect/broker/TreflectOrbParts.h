@@ -17,6 +17,7 @@
 #include "reflect/notices/ClassRecords.h"
 #include "reflect/notices/PresentOrbs.h"
 #include "reflect/notices/TreflectOrbObserver.h"
+#include "transport/WorkWait.h"
 
 /** What a broker is made of. Each part guards itself, or is guarded by the run permission. */
 struct TreflectORB::Parts {
@@ -30,6 +31,7 @@ struct TreflectORB::Parts {
     CallGate calls;
     Logging::LineLimit turnedAway;  // for lines about calls that come too late
     RequestTable ongoingRequests_;
+    Transport::WorkWait work;  // of the workers
     MessageQueue messageQueue;
     ObjectRegistry objects OSW_GUARDED_BY_PERMISSION;
     PerformanceCounters counters OSW_GUARDED_BY_PERMISSION;

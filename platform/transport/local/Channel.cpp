@@ -335,7 +335,7 @@ bool Channel::takeIn(AnswerWait::Awaited const& awaited) {
     for (int count = 0; count < kMessagesPerBatch && !awaited.hasCome(); ++count) {
         if (isNeeded() || reading_.reader().position() - start >= kBytesPerBatch)
             break;
-        result = readOne(Reader::Caller);
+        result = readOne(Reader::Other);
         if (result != RingReader::Result::Message && result != RingReader::Result::Piece)
             break;
     }
@@ -346,6 +346,29 @@ bool Channel::takeIn(AnswerWait::Awaited const& awaited) {
         return true;
     handOver();
     return false;
+}
+
+// ---- The ring: workers -------------------------------------------------------------------------
+
+bool Channel::mayBeReadByWorker() const {
+    return receiver_->oneAtATime() && !isAwaited();
+}
+
+bool Channel::heardByWorker() {
+    if (goOnSending())
+        receiver_->comesOutOfTurn();
+    ReadingEnd::Heard const heard = reading_.heardByWorker();
+    if (heard == ReadingEnd::Heard::ByReceiver)
+        receiver_->request(*this);
+    return heard == ReadingEnd::Heard::Taken;
+}
+
+/** Who waits for an answer by now is no reason to hand over: he reads, or others are rung for. */
+void Channel::endWork() {
+    if (receiver_->oneAtATime())
+        endReading();
+    else
+        handOver();
 }
 
 /** By the receiving thread, which is to go on with the ring. */
@@ -362,10 +385,12 @@ void Channel::onBell() {
     if (reading_.heard())
         receiver_->makeHot(*this);
     floods_ = goOnSending();
+    if (floods_)
+        receiver_->comesOutOfTurn();
 }
 
-bool Channel::leavesRingToCallers() const {
-    return isReadByCallers() && (!floods_ || waiters_.load(std::memory_order_relaxed) != 0);
+bool Channel::leavesRing() const {
+    return mayBeReadByWorker() || (isReadByCallers() && (!floods_ || isAwaited()));
 }
 
 bool Channel::goOnSending() {
@@ -478,9 +503,9 @@ bool Channel::take(AddressedMessage& message, Reader reader) {
     }
     message.originator(peer_);
     message.destination(ownId_);
-    if (reader == Reader::Caller) {
+    if (reader == Reader::Other) {
         keepMessage();
-        receiver_->deliver(message);
+        receiver_->deliver(*this, message);
     } else if (!receiver_->deliverFrom(*this, message)) {
         reading_.reader().leave();
         return false;
@@ -573,7 +598,8 @@ void Channel::wakeUp() {
 
 bool Channel::leaveEmptyRing() {
     RingReader& reader = reading_.reader();
-    if (!mayBeReadByCaller() || reading_.awaitsRing || reader.hasData() || ending())
+    bool const others = mayBeReadByCaller() || mayBeReadByWorker();
+    if (!others || reading_.awaitsRing || reader.hasData() || ending())
         return false;
     reader.fallAsleep();
     if (reader.hasData()) {

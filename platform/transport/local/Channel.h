@@ -113,6 +113,21 @@ public:
      * room as well as of messages. Whether something still waits. */
     bool goOnSending();
 
+    // ---- The worker that reads ----
+    /** Whether a worker should take in what comes next: nobody waits for an answer, who would do
+     * so. */
+    bool mayBeReadByWorker() const;
+    /** Takes the role of reading, in such a case, if nobody has it. */
+    bool beginWork() { return mayBeReadByWorker() && reading_.tryTake(); }
+    /** It has heard the bell: whether it has the role now, to take in what there is. */
+    bool heardByWorker();
+    /** With the role: whether there is something to do, or somebody else should have it. */
+    bool needsWorker() const {
+        return needsReader() || waiters_.load(std::memory_order_relaxed) != 0;
+    }
+    /** Ends that. Where more comes than one at a time the receiving thread goes on. */
+    void endWork();
+
     // ---- Receiving thread ----
     /** Does what another thread has asked for. */
     void service();
@@ -132,14 +147,19 @@ public:
     void leaveRing();
     /** The message that has been taken out is its sender's no more. */
     void keepMessage() { reading_.reader().keep(); }
-    /** Leaves the ring to the one who waits for an answer, before the message that has been taken
-     * out is delivered, if it was the last. */
+    /** Leaves the ring to the one who waits for an answer, or to a worker, before the message that
+     * has been taken out is delivered, if it was the last. */
     bool leaveEmptyRing();
     /** Whether those who wait for answers read them by themselves when they can. */
     bool isReadByCallers() const { return lonely_.load(std::memory_order_relaxed) >= kLonely; }
-    /** Whether this thread need not poll for them. It does while more is sent than the peer takes,
-     * and nobody waits: to hear each bell that tells of room would cost both more. */
-    bool leavesRingToCallers() const;
+    /** Whether this thread need not poll for others, who read by themselves. It does while more is
+     * sent than the peer takes, and nobody waits: to hear each bell that tells of room would cost
+     * both more. */
+    bool leavesRing() const;
+    /** How far the own side has sent. With the role. */
+    std::uint32_t sentPosition() const { return reading_.reader().sentPosition(); }
+    /** Whether somebody waits for an answer of the peer. Any thread. */
+    bool isAwaited() const { return waiters_.load(std::memory_order_relaxed) != 0; }
     /** Asks for the ring, before the end; true when no other thread reads. */
     bool takeRingBack() { return reading_.demand(); }
     bool hasRing() const { return reading_.isReceivers(); }
@@ -159,8 +179,8 @@ private:
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
     enum class Batch { Empty, More, Left, Waits, Garbage, NoMemory, NoRoom };
-    /** Who has the role of reading. */
-    enum class Reader { Receiver, Caller };
+    /** Who has the role of reading: the receiving thread, or one that waits. */
+    enum class Reader { Receiver, Other };
     /** Why a connection is of no more use, once what the peer has sent has been taken in. When
      * several reasons come together, the last of them in this list decides. */
     enum class Ending {

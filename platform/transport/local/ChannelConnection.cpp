@@ -135,11 +135,12 @@ bool Channel::sayHello(OpenSocket socket) {
     return said;
 }
 
-/** Before the bell is the peer's, too: of those who wait for it, ours come first. A link's proxies
- * have nobody who waits for answers. */
+/** Before the bell is the peer's, too: of those who wait for it, ours come first, callers before
+ * workers. A link's proxies have neither. */
 bool Channel::watchBell() {
     if (!receiver_->tellsPlaces())
         reading_.watch(connection_->own.bell.get());
+    receiver_->workers().watch(connection_->own.bell.get(), *this);
     return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell);
 }
 
@@ -578,8 +579,10 @@ OpenSocket Channel::unlinkLocked() {
 
 void Channel::dropConnection() {
     reading_.close();
-    if (connected())
+    if (connected()) {
         receiver_->unwatch(connection_->own.bell.get());
+        receiver_->workers().unwatch(connection_->own.bell.get(), token_);
+    }
     connection_.reset();
     descriptors_.shrinkTo(0);
 }

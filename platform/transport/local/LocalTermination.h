@@ -30,11 +30,14 @@ public:
     bool start();
     void stop();
     bool sendAgain(AddressedMessage const& message);
+    /** See TerminationImpl. */
+    void readByWorkers() { hasWorkers_ = true; }
 
     void arrived(TerminationId id) override;
     void departed(TerminationId id) override;
     void received(AddressedMessage const& message) override;
     void cameBack(AddressedMessage const& message, Reached reached) override;
+    bool hasWorkers() const override { return hasWorkers_; }
 
 private:
     bool goVisible(std::shared_ptr<Receiver> const& receiver);
@@ -44,7 +47,8 @@ private:
 
     TerminationImpl& owner_;
     TerminationId const id_;
-    OSWrap::Mutex mutex_;  // a leaf: nothing is locked under it
+    bool hasWorkers_ = false;  // constant from `start` on
+    OSWrap::Mutex mutex_;      // a leaf: nothing is locked under it
     std::shared_ptr<Receiver> receiver_ OSW_GUARDED_BY(mutex_);  // until it has been stopped
     bool started_ OSW_GUARDED_BY(mutex_) = false;
 };

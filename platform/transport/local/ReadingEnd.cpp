@@ -134,6 +134,20 @@ bool ReadingEnd::heard() {
     return seen == Role::Receivers;
 }
 
+ReadingEnd::Heard ReadingEnd::heardByWorker() {
+    Role seen = role_.load();
+    while (seen == Role::Free || seen == Role::Held) {
+        bool const isFree = seen == Role::Free;
+        if (!role_.compare_exchange_weak(seen, isFree ? Role::Held : Role::Rung))
+            continue;
+        if (!isFree)
+            return Heard::ByHolder;
+        reader_->wakeUp();
+        return Heard::Taken;
+    }
+    return seen == Role::Receivers ? Heard::ByReceiver : Heard::ByHolder;
+}
+
 void ReadingEnd::ring() const {
     ringDoorBell(ownBell_);
 }

@@ -64,6 +64,11 @@ public:
     void handOver() { role_.store(Role::Receivers); }
     /** Whether the receiving thread waits for the role. */
     bool wanted() const { return role_.load() == Role::Wanted; }
+    /** A worker has heard the bell in the receiving thread's place: takes the role as `tryTake`, if
+     * nobody has it. Else its holder is to look once more: another thread does; the receiving
+     * thread, which may be about to leave the ring, is to be asked to. */
+    enum class Heard { Taken, ByHolder, ByReceiver };
+    Heard heardByWorker();
     /** With the role, where `canSleep`: from here on the bell rings. False when there is something
      * to do at once. */
     bool fallAsleep();

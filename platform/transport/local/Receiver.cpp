@@ -65,8 +65,11 @@ void Receiver::idleLookInterval(long long nanoseconds) {
 // ---- Start and stop ----------------------------------------------------------------------------
 
 bool Receiver::prepare() {
-    if (events_.open())
+    if (events_.open()) {
+        if (owner_->hasWorkers())
+            workers_.open();  // else the receiving thread does all
         return true;
+    }
     REFLECTORB_LOG(3, kSource, "termination 0x%08X cannot wait for messages: errno %d", id_.value(),
                    errno);
     return false;
@@ -147,7 +150,7 @@ bool Receiver::started() {
 void Receiver::run() {
     Receiving const always(*this);
     while (!stopping())
-        if (!work() && (leaveToCallers() || !waiting_.poll([this] { return ready(); })))
+        if (!work() && (leaveRings() || !waiting_.poll([this] { return ready(); })))
             sleep();
     end();
 }
@@ -186,11 +189,11 @@ void Receiver::endBatch() {
         owner_->batchEnded();
 }
 
-/** To poll for them would keep those away who wait for their answers and can read them. True when
- * nothing is left to poll for. */
-bool Receiver::leaveToCallers() {
+/** To poll would keep those away who wait for their answers, or for work, and can read by
+ * themselves. True when nothing is left to poll for. */
+bool Receiver::leaveRings() {
     auto const goes = [](std::shared_ptr<Channel> const& channel) {
-        if (!channel->leavesRingToCallers())
+        if (!channel->leavesRing())
             return false;
         channel->fallAsleep();
         if (channel->hasData()) {
@@ -290,7 +293,7 @@ bool Receiver::serveInbox() {
         if (comesBack)
             serveReturned(std::move(message));
         else
-            deliver(message);
+            deliverLocally(message);
     }
     return inboxFilled_;
 }
@@ -346,8 +349,28 @@ bool Receiver::serveChannels() {
     return served;
 }
 
-void Receiver::deliver(AddressedMessage const& message) {
+/** What comes while answers are awaited may be one of those, and tells nothing. */
+void Receiver::noteArrival(Channel const& channel) {
+    if (channel.isAwaited())
+        return;
+    std::uint32_t const sent = channel.sentPosition();
+    bool const inTurn = channel.token() == lastFrom() && sent != lastSent_;
+    int const before = inTurn_.load(std::memory_order_relaxed);
+    lastSent_ = sent;
+    lastFrom_.store(channel.token(), std::memory_order_relaxed);
+    if (int const now = inTurn ? std::min(before + 1, kInTurn) : 0; now != before)
+        inTurn_.store(now, std::memory_order_relaxed);
+}
+
+void Receiver::deliverLocally(AddressedMessage const& message) {
     OSWrap::Lock<> const lock(callback_);
+    hasServed_.store(true, std::memory_order_relaxed);
+    owner_->received(message);
+}
+
+void Receiver::deliver(Channel const& channel, AddressedMessage const& message) {
+    OSWrap::Lock<> const lock(callback_);
+    noteArrival(channel);
     hasServed_.store(true, std::memory_order_relaxed);
     owner_->received(message);
 }
@@ -359,6 +382,7 @@ bool Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
     if (takesNoMore())
         return false;
     channel.keepMessage();
+    noteArrival(channel);
     if (channel.leaveEmptyRing()) {
         makeCold(channel);
         hasLeft_ = true;

@@ -18,6 +18,7 @@
 #include "platform/transport/local/Inbox.h"
 #include "platform/transport/local/ReceiverTimers.h"
 #include "platform/transport/local/UnsentCount.h"
+#include "platform/transport/local/WorkerSet.h"
 #include "transport/TerminationId.h"
 
 namespace Transport {
@@ -112,6 +113,15 @@ public:
         Receiver const* const outer_;
     };
     static std::uint32_t newToken();
+    /** Where workers of the owner wait. */
+    WorkerSet& workers() { return workers_; }
+    /** Whether what comes is one message at a time of one peer, each after an answer to the one
+     * before: then workers without work read. Statistics. */
+    bool oneAtATime() const { return inTurn_.load(std::memory_order_relaxed) >= kInTurn; }
+    /** It is not, as far as workers are concerned: each bell that tells of room would wake them. */
+    void comesOutOfTurn() { inTurn_.store(0, std::memory_order_relaxed); }
+    /** The token of the channel on which that has come last. */
+    std::uint32_t lastFrom() const { return lastFrom_.load(std::memory_order_relaxed); }
 
     /** Time between two looks for idle channels, in nanoseconds. */
     static void idleLookInterval(long long nanoseconds);
@@ -120,7 +130,7 @@ public:
     bool stopping() const { return stopping_.load(); }
     /** Hands the message to the termination. The thread has seen just before that it is not
      * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
-    void deliver(AddressedMessage const& message);
+    void deliver(Channel const& channel, AddressedMessage const& message);
     /** The same, by the receiving thread, which may leave the channel's ring just before. False: it
      * stays its sender's. */
     bool deliverFrom(Channel& channel, AddressedMessage const& message);
@@ -165,8 +175,10 @@ private:
     bool serveRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
+    void noteArrival(Channel const& channel) OSW_REQUIRES(callback_);
+    void deliverLocally(AddressedMessage const& message);
     bool serveChannels();
-    bool leaveToCallers();
+    bool leaveRings();
     void sleep();
     void serveEvents(int timeoutMilliseconds);
     void serveEvent(std::uint32_t token, Source source);
@@ -187,6 +199,7 @@ private:
     UnsentCount unsent_;
     std::atomic<std::size_t> returning_{0};
     EventSet events_;
+    WorkerSet workers_;
     Inbox inbox_;
 
     // A leaf: signalled when finished_ is set, and while stopping when a ring is handed over.
@@ -200,11 +213,17 @@ private:
     std::atomic<bool> takesNoMore_{false};  // set under callback_
     /// The owner has been called since the last batchEnded; set before, by whoever calls.
     std::atomic<bool> hasServed_{false};
+    /** So many messages in turn, in a row, when workers read by themselves. */
+    static constexpr int kInTurn = 8;
+    std::uint32_t lastSent_ OSW_GUARDED_BY(callback_) =
+        0;                                    // to the peer that has sent last, by then
+    std::atomic<std::uint32_t> lastFrom_{0};  // written under callback_, as the next
+    std::atomic<int> inTurn_{0};
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
     bool sendsAgain_ = false;   // the message that has just come back
-    bool hasLeft_ = false;      // a ring to callers, since it last looked for one to leave
+    bool hasLeft_ = false;      // a ring to others, since it last looked for one to leave
     int turns_ = 0;             // in which something was served
     Acceptor acceptor_;
     std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels_;

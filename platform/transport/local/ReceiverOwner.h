@@ -32,6 +32,8 @@ public:
     virtual void leftQueue(TerminationId, std::uint64_t) {}
     /** Whether it is to be told that; asked once. */
     virtual bool tellsPlaces() const { return false; }
+    /** Whether it has threads that may take in messages by themselves, see WorkWait; asked once. */
+    virtual bool hasWorkers() const { return false; }
 
 protected:
     ~ReceiverOwner() = default;

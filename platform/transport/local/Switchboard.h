@@ -52,6 +52,8 @@ public:
     int sendBack(AddressedMessage const& message);
 
     void add(std::shared_ptr<Receiver> receiver);
+    /** Of a started termination of this process; null when there is none. */
+    std::shared_ptr<Receiver> receiver(TerminationId id);
     /** Forgets a termination of this process; answers the channels that it had. */
     std::vector<std::shared_ptr<Channel>> remove(TerminationId id);
     /** The channel of `receiver` to `peer`, made when there is none; null when the termination
@@ -74,7 +76,6 @@ private:
               std::uint64_t* place, std::shared_ptr<Channel>* waiter);
     std::shared_ptr<Channel> makeChannel(AddressedMessage const& message, TerminationId destination,
                                          Room room, int& delivered);
-    std::shared_ptr<Receiver> receiver(TerminationId id);
     std::shared_ptr<PeerShare> shareOf(int process) OSW_REQUIRES(mutex_);
     using Channels = std::unordered_map<std::uint64_t, std::shared_ptr<Channel>>;
     std::shared_ptr<Channel> take(Channels::iterator entry) OSW_REQUIRES(mutex_);
