@@ -63,6 +63,11 @@ ProbeClient::Answer callOnce(Name const& name, unsigned int method, unsigned int
     return permitted([&] { return ProbeClient(oid(name)).call(method, number); });
 }
 
+void tell(ProbeClient::Answer const& result) {
+    bool const succeeded = result.exceptionType == 0;
+    answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
+}
+
 void callForever(Name const& name) {
     TreflectHandlerState const handlerState(true);
     ProbeClient client(oid(name));
@@ -71,11 +76,14 @@ void callForever(Name const& name) {
             answer("calling");
 }
 
-void flood(Name const& name, int oneWay) {
+void flood(Name const& name, int oneWay, int calls) {
     TreflectHandlerState const handlerState(true);
-    for (ProbeClient client(oid(name)); !calm; client.call(kEcho, 2))
+    for (ProbeClient client(oid(name)); !calm;) {
         for (int i = 0; i < oneWay; ++i)
             client.send(kEcho, 1);
+        for (int i = 0; i < calls; ++i)
+            client.call(kEcho, 2);
+    }
 }
 
 void deleteAside() {
@@ -104,10 +112,13 @@ void addProcessCommands(testsupport::Commands& on) {
         answer("published");
     };
     // Calls echo of a probe; "called 1 NUMBER" or "called 0 CODE".
-    on["call"] = [](Name name, unsigned int number) {
-        auto const result = callOnce(name, kEcho, number);
-        bool const succeeded = result.exceptionType == 0;
-        answer("called ", succeeded, " ", succeeded ? result.number : result.exceptionCode);
+    on["call"] = [](Name name, unsigned int number) { tell(callOnce(name, kEcho, number)); };
+    // The same by a handle that is kept: one request.
+    on["callagain"] = [](Name name, unsigned int number) {
+        static auto& clients = *new std::map<Name, ProbeClient>;  // outlives exit
+        tell(permitted([&] {
+            return clients.try_emplace(name, oid(name)).first->second.call(kEcho, number);
+        }));
     };
     // So many threads call echo until a call fails; "calling" once each has begun.
     on["callforever"] = [](Name name, int threads) {
@@ -125,8 +136,10 @@ void addProcessCommands(testsupport::Commands& on) {
     on["holding"] = [](Name name) { answer("holding ", probes.at(name)->held()); };
     on["entered"] = [](Name name) { answer("entered ", probes.at(name)->entered().isOpen()); };
     on["release"] = [](Name name) { probes.at(name)->release(); };
-    // Calls echo until "calm", so many times one-way and once not, on a thread of its own.
-    on["flood"] = [](Name name, int oneWay) { flooding = std::thread(flood, name, oneWay); };
+    // Calls echo until "calm", so many times one-way and so many not, on a thread of its own.
+    on["flood"] = [](Name name, int oneWay, int calls) {
+        flooding = std::thread(flood, name, oneWay, calls);
+    };
     on["calm"] = [] {
         calm = true;
         flooding.join();

@@ -187,7 +187,7 @@ TEST_F(BacklogTest, callsBothWaysAreAnsweredWhileBothFlood) {
             for (int i = 0; i < 2 * kMost; ++i)
                 client.send(kEcho, 1);
     });
-    receiver_.tell("flood own " + std::to_string(2 * kMost));
+    receiver_.tell("flood own " + std::to_string(2 * kMost) + " 1");
     for (int i = 0; i < kCalls; ++i) {
         std::string const outcome = receiver_.ask("call own 7", "called");
         EXPECT_TRUE(outcome == "1 7" || outcome == "0 0") << outcome;

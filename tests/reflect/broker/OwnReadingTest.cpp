@@ -1,14 +1,16 @@
-// Callers that take in by themselves what comes from the peer: whatever happens while one sleeps at
-// the channel's bell, nobody hangs, and nothing is lost.
+// Callers and workers that take in by themselves what comes from a peer: whatever happens while one
+// sleeps at its bell, nobody hangs, and nothing is lost.
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
 #include "BrokerTest.h"
 #include "Probe.h"
+#include "RawPeer.h"
 #include "ReflectActor.h"
 #include "Threads.h"
 #include "transport.h"
@@ -42,6 +44,37 @@ bool waitsForOthers(long call) {
            || call == SYS_futex_time64
 #endif
         ;
+}
+
+/** Calls `look` with the folder of each thread of this process that has this name. */
+template <class Look>
+void forThreads(std::string const& name, Look const& look) {
+    for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string found;
+        std::getline(std::ifstream(task.path() / "comm"), found);
+        if (found == name)
+            look(task.path());
+    }
+}
+
+bool workerSleepsAtBells() {
+    bool sleeps = false;
+    forThreads("ReflectWorker",
+               [&](auto const& thread) { sleeps |= waitsForDescriptors(systemCall(thread)); });
+    return sleeps;
+}
+
+/** How often those threads have gone to sleep. */
+long sleepsOf(std::string const& name) {
+    constexpr char const* kMark = "voluntary_ctxt_switches:";
+    long sum = 0;
+    forThreads(name, [&](auto const& thread) {
+        std::ifstream status(thread / "status");
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind(kMark, 0) == 0)
+                sum += std::stol(line.substr(std::strlen(kMark)));
+    });
+    return sum;
 }
 
 class OwnReadingTest : public BrokerTest {
@@ -223,7 +256,7 @@ TEST_F(OwnReadingTest, aFloodDoesNotKeepTheCallerBeyondItsDeadline) {
     auto const near = makePermitted<Probe>("near");
     peer_.ask("call near 1", "called");
     callAlone();
-    peer_.tell("flood near 50");
+    peer_.tell("flood near 50 1");
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(call(kHold, 0, milliseconds(50)).exceptionCode,
                   static_cast<unsigned int>(TipprmiFailure::kTimedOut));
@@ -243,6 +276,133 @@ TEST_F(OwnReadingTest, withoutPollingAllIsTheSame) {
         callAlone();
     hold();
     EXPECT_EQ(letGo().number, 7u);
+    Transport::Setup::polling(true);
+}
+
+/** A worker sleeps at the bells, for what the peer calls next. */
+class OwnServingTest : public OwnReadingTest {
+protected:
+    OwnServingTest() { serveAlone(peer_); }
+
+    static void serveAlone(ReflectActor& caller) {
+        for (int i = 0; i < 20; ++i)
+            EXPECT_EQ(caller.ask("callagain near " + std::to_string(i), "called"),
+                      "1 " + std::to_string(i));
+        EXPECT_SOON(workerSleepsAtBells());
+    }
+
+    void serveWhileOthersCall() {
+        for (int i = 0; i < 20; ++i)
+            EXPECT_EQ(peer_.ask("call near 3", "called"), "1 3");
+        prepareOrbForDeletion();
+        EXPECT_SOON(testsupport::statesOfThreads("ReflectWorker").empty());
+    }
+
+    Permitted<Probe> const near_ = makePermitted<Probe>("near");
+    /** Notes the numbers that it is called with. */
+    Permitted<Acting> const recorder_ =
+        makePermitted<Acting>("recorder", [this](unsigned int, auto& in, auto& out) {
+            unsigned int number = 0;
+            in >> number;
+            order_.push_back(static_cast<int>(number));
+            out << TipprmiExceptionContainer() << number;
+            return true;
+        });
+};
+
+TEST_F(OwnServingTest, requestsWakeTheWorkerAlone) {
+    long const before = sleepsOf("Receiver");
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(peer_.ask("callagain near 7", "called"), "1 7");
+        ASSERT_SOON(workerSleepsAtBells());
+    }
+    EXPECT_EQ(sleepsOf("Receiver"), before);
+}
+
+TEST_F(OwnServingTest, whatComesFromTheProcessItselfWakesTheWorkerToo) {
+    RawPeer local(group());
+    ASSERT_SOON(workerSleepsAtBells());
+    local.sendCall(orb().termId(), 1, near_->getInternalOID(), true, kProbeClass, kEcho);
+    EXPECT_EQ(local.await(0).transactionId(), 1u);
+}
+
+TEST_F(OwnServingTest, aWorkerThatIsHeldKeepsNobodyWaiting) {
+    peer_.tell("hold near");
+    ASSERT_SOON(near_->held() == 1);
+    serveAlone(peer_);  // until another one sleeps at the bells
+    EXPECT_EQ(near_->held(), 1u);
+    near_->release();
+    EXPECT_SOON(near_->held() == 0);
+    serveAlone(peer_);
+    prepareOrbForDeletion();
+}
+
+TEST_F(OwnServingTest, theEndOfThePeerLeavesTheWorkerToOthers) {
+    ReflectActor other;
+    peerLives_ = false;
+    peer_.child().kill();
+    serveAlone(other);
+}
+
+TEST_F(OwnServingTest, deletionEndsTheWorkerThatSleeps) {
+    prepareOrbForDeletion();
+    EXPECT_SOON(testsupport::statesOfThreads("ReflectWorker").empty());
+}
+
+TEST_F(OwnServingTest, deletionEndsWhileOneCalls) {
+    peer_.ask("callforever near 1", "calling");
+    serveWhileOthersCall();
+}
+
+TEST_F(OwnServingTest, deletionEndsWhileManyCall) {
+    peer_.ask("callforever near 8", "calling");
+    serveWhileOthersCall();
+}
+
+TEST_F(OwnServingTest, theWorkerTakesItsTurnWhenItsMessageComes) {
+    peer_.ask("callforever recorder 1", "calling");
+    EXPECT_SOON(permitted([&] { return order_.size(); }) > 100);
+    std::thread later;
+    std::size_t served = 0;
+    {
+        TreflectHandlerState const handlerState(true);
+        ASSERT_TRUE(queueGrowsTo(1));
+        served = order_.size();
+        later = std::thread([&] { permitted([&] { order_.push_back(-1); }); });
+        ASSERT_TRUE(queueGrowsTo(2));
+    }
+    later.join();
+    EXPECT_SOON(permitted([&] { return order_.size(); }) > served + 2);
+    prepareOrbForDeletion();
+    auto const number = static_cast<int>(served);
+    EXPECT_EQ(order_[served], number);
+    EXPECT_EQ(order_[served + 1], -1);
+    EXPECT_EQ(order_[served + 2], number + 1);
+}
+
+// The worker, the receiving thread and other workers take over from each other all the time.
+TEST_F(OwnServingTest, messagesAreServedInTheOrderInWhichTheyWereSentWhoeverReads) {
+    constexpr std::size_t kOneWay = 30;
+    constexpr std::size_t kCalls = 12;
+    constexpr std::size_t kBursts = 100;
+    peer_.tell("flood recorder " + std::to_string(kOneWay) + " " + std::to_string(kCalls));
+    EXPECT_SOON(permitted([&] { return order_.size(); }) >= kBursts * (kOneWay + kCalls));
+    peer_.tell("calm");
+    EXPECT_EQ(peer_.ask("call recorder 5", "called"), "1 5");
+    order_.pop_back();
+    for (std::size_t i = 0; i < order_.size(); ++i)
+        ASSERT_EQ(order_[i], i % (kOneWay + kCalls) < kOneWay ? 1 : 2) << i;
+}
+
+TEST_F(OwnServingTest, aForkedChildDisturbsNothing) {
+    EXPECT_TRUE(testsupport::holdsInForkedChild([] { return call(kEcho).exceptionType == 1; }));
+    serveAlone(peer_);
+}
+
+TEST_F(OwnServingTest, withoutPollingAllIsTheSame) {
+    Transport::Setup::polling(false);
+    for (int i = 0; i < 5; ++i)
+        serveAlone(peer_);
     Transport::Setup::polling(true);
 }
 
