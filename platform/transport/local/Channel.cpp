@@ -49,6 +49,7 @@ Packet Channel::packet(Packet::Kind kind, std::uint32_t ringCapacity) const {
 Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Room room,
                             std::uint64_t* place) {
     OSWrap::Lock<> lock(mutex_);
+    sent_.store(sent_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     if (state_ == State::Gone || !receiver_->sending())
         return Sent::Refused;
     if (state_ == State::Idle && !peerExists)

@@ -76,6 +76,8 @@ public:
     bool sendBack(AddressedMessage const& message);
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
+    /** How many messages it has been given for the peer. Any thread. */
+    std::uint32_t sent() const { return sent_.load(std::memory_order_relaxed); }
     /** Takes no more than one further message out of the ring at a time, and that only before a
      * close, until `goOn`; see TerminationImpl::holdBack. Receiving thread. */
     void holdBack() { heldBack_.store(true); }
@@ -156,8 +158,6 @@ public:
      * sent than the peer takes, and nobody waits: to hear each bell that tells of room would cost
      * both more. */
     bool leavesRing() const;
-    /** How far the own side has sent. With the role. */
-    std::uint32_t sentPosition() const { return reading_.reader().sentPosition(); }
     /** Whether somebody waits for an answer of the peer. Any thread. */
     bool isAwaited() const { return waiters_.load(std::memory_order_relaxed) != 0; }
     /** Asks for the ring, before the end; true when no other thread reads. */
@@ -314,9 +314,10 @@ private:
     std::shared_ptr<Channel> nextRequested_;  // see nextRequested
     std::atomic<bool> heldBack_{false};       // the peer waits until we go on taking
     // Who reads writes here for each message, and who sends does below: not in the same lines.
-    alignas(64) ReadingEnd reading_;           // guarded by its role
-    alignas(64) std::atomic<int> waiters_{0};  // for answers
-    std::atomic<int> lonely_{0};               // statistics: who came alone, up to kLonely in a row
+    alignas(64) ReadingEnd reading_;                  // guarded by its role
+    alignas(64) std::atomic<std::uint32_t> sent_{0};  // written under mutex_
+    alignas(64) std::atomic<int> waiters_{0};         // for answers
+    std::atomic<int> lonely_{0};  // statistics: who came alone, up to kLonely in a row
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.

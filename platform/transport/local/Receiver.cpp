@@ -350,16 +350,24 @@ bool Receiver::serveChannels() {
 }
 
 /** What comes while answers are awaited may be one of those, and tells nothing. */
-void Receiver::noteArrival(Channel const& channel) {
+void Receiver::noteArrival(Channel& channel) {
     if (channel.isAwaited())
         return;
-    std::uint32_t const sent = channel.sentPosition();
-    bool const inTurn = channel.token() == lastFrom() && sent != lastSent_;
+    bool const inTurn = last_ != nullptr && last_->sent() != lastSent_;
+    if (last_.get() != &channel) {
+        last_ = channel.shared_from_this();
+        lastFrom_.store(channel.token(), std::memory_order_relaxed);
+    }
+    lastSent_ = channel.sent();
     int const before = inTurn_.load(std::memory_order_relaxed);
-    lastSent_ = sent;
-    lastFrom_.store(channel.token(), std::memory_order_relaxed);
     if (int const now = inTurn ? std::min(before + 1, kInTurn) : 0; now != before)
         inTurn_.store(now, std::memory_order_relaxed);
+}
+
+void Receiver::forgetLast() {
+    std::shared_ptr<Channel> forgotten;  // freed after unlocking
+    OSWrap::Lock<> const lock(callback_);
+    forgotten = std::move(last_);
 }
 
 void Receiver::deliverLocally(AddressedMessage const& message) {
@@ -368,7 +376,7 @@ void Receiver::deliverLocally(AddressedMessage const& message) {
     owner_->received(message);
 }
 
-void Receiver::deliver(Channel const& channel, AddressedMessage const& message) {
+void Receiver::deliver(Channel& channel, AddressedMessage const& message) {
     OSWrap::Lock<> const lock(callback_);
     noteArrival(channel);
     hasServed_.store(true, std::memory_order_relaxed);
@@ -567,6 +575,7 @@ void Receiver::takeRingsBack() {
 void Receiver::finish() {
     std::size_t lost = 0;
     hot_.clear();
+    forgetLast();
     for (auto const& channel : Switchboard::instance().remove(id_)) {
         channels_.erase(channel->token());
         lost += channel->shutDown();

@@ -115,8 +115,8 @@ public:
     static std::uint32_t newToken();
     /** Where workers of the owner wait. */
     WorkerSet& workers() { return workers_; }
-    /** Whether what comes is one message at a time of one peer, each after an answer to the one
-     * before: then workers without work read. Statistics. */
+    /** Whether what comes is one message at a time, each after an answer to the one before: then
+     * workers without work read. Statistics. */
     bool oneAtATime() const { return inTurn_.load(std::memory_order_relaxed) >= kInTurn; }
     /** It is not, as far as workers are concerned: each bell that tells of room would wake them. */
     void comesOutOfTurn() { inTurn_.store(0, std::memory_order_relaxed); }
@@ -130,7 +130,7 @@ public:
     bool stopping() const { return stopping_.load(); }
     /** Hands the message to the termination. The thread has seen just before that it is not
      * `stopping`; a `stop` that begins meanwhile on another thread waits for this. */
-    void deliver(Channel const& channel, AddressedMessage const& message);
+    void deliver(Channel& channel, AddressedMessage const& message);
     /** The same, by the receiving thread, which may leave the channel's ring just before. False: it
      * stays its sender's. */
     bool deliverFrom(Channel& channel, AddressedMessage const& message);
@@ -175,7 +175,8 @@ private:
     bool serveRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
-    void noteArrival(Channel const& channel) OSW_REQUIRES(callback_);
+    void noteArrival(Channel& channel) OSW_REQUIRES(callback_);
+    void forgetLast();
     void deliverLocally(AddressedMessage const& message);
     bool serveChannels();
     bool leaveRings();
@@ -215,8 +216,8 @@ private:
     std::atomic<bool> hasServed_{false};
     /** So many messages in turn, in a row, when workers read by themselves. */
     static constexpr int kInTurn = 8;
-    std::uint32_t lastSent_ OSW_GUARDED_BY(callback_) =
-        0;                                    // to the peer that has sent last, by then
+    std::shared_ptr<Channel> last_ OSW_GUARDED_BY(callback_);  // on which something has come last
+    std::uint32_t lastSent_ OSW_GUARDED_BY(callback_) = 0;     // by that, until then
     std::atomic<std::uint32_t> lastFrom_{0};  // written under callback_, as the next
     std::atomic<int> inTurn_{0};
 

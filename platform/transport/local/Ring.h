@@ -241,8 +241,6 @@ public:
     /** The same as the peer was shown it, and whether it has put in more than that. Any thread. */
     std::uint32_t shownPosition() const { return own_.head.load(std::memory_order_relaxed); }
     bool hasMoreThanShown() const { return peer_.tail.load() != shownPosition(); }
-    /** How far the own side has sent, by now or a little before. Any thread. */
-    std::uint32_t sentPosition() const { return own_.tail.load(std::memory_order_relaxed); }
 
 private:
     Result nextFrame(AddressedMessage& message);
