@@ -314,10 +314,10 @@ private:
     std::shared_ptr<Channel> nextRequested_;  // see nextRequested
     std::atomic<bool> heldBack_{false};       // the peer waits until we go on taking
     // Who reads writes here for each message, and who sends does below: not in the same lines.
-    alignas(64) ReadingEnd reading_;                  // guarded by its role
-    alignas(64) std::atomic<std::uint32_t> sent_{0};  // written under mutex_
-    alignas(64) std::atomic<int> waiters_{0};         // for answers
-    std::atomic<int> lonely_{0};  // statistics: who came alone, up to kLonely in a row
+    alignas(64) ReadingEnd reading_;           // guarded by its role
+    alignas(64) std::atomic<int> waiters_{0};  // for answers
+    std::atomic<int> lonely_{0};               // statistics: who came alone, up to kLonely in a row
+    std::atomic<std::uint32_t> sent_{0};       // written under mutex_
 
     // Taken with no other lock of the transport held but that of `issue`'s caller; under it the
     // receiver's own mutex may be taken.
