@@ -359,9 +359,7 @@ void Receiver::noteArrival(Channel& channel) {
         lastFrom_.store(channel.token(), std::memory_order_relaxed);
     }
     lastSent_ = channel.sent();
-    int const before = inTurn_.load(std::memory_order_relaxed);
-    if (int const now = inTurn ? std::min(before + 1, kInTurn) : 0; now != before)
-        inTurn_.store(now, std::memory_order_relaxed);
+    pace_.note(inTurn);
 }
 
 void Receiver::forgetLast() {

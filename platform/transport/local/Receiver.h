@@ -16,6 +16,7 @@
 #include "platform/transport/local/Descriptor.h"
 #include "platform/transport/local/EventSet.h"
 #include "platform/transport/local/Inbox.h"
+#include "platform/transport/local/Pace.h"
 #include "platform/transport/local/ReceiverTimers.h"
 #include "platform/transport/local/UnsentCount.h"
 #include "platform/transport/local/WorkerSet.h"
@@ -117,9 +118,9 @@ public:
     WorkerSet& workers() { return workers_; }
     /** Whether what comes is one message at a time, each after an answer to the one before: then
      * workers without work read. Statistics. */
-    bool oneAtATime() const { return inTurn_.load(std::memory_order_relaxed) >= kInTurn; }
+    bool oneAtATime() const { return pace_.oneAtATime(); }
     /** It is not, as far as workers are concerned: each bell that tells of room would wake them. */
-    void comesOutOfTurn() { inTurn_.store(0, std::memory_order_relaxed); }
+    void comesOutOfTurn() { pace_.interrupt(); }
     /** The token of the channel on which that has come last. */
     std::uint32_t lastFrom() const { return lastFrom_.load(std::memory_order_relaxed); }
 
@@ -214,12 +215,10 @@ private:
     std::atomic<bool> takesNoMore_{false};  // set under callback_
     /// The owner has been called since the last batchEnded; set before, by whoever calls.
     std::atomic<bool> hasServed_{false};
-    /** So many messages in turn, in a row, when workers read by themselves. */
-    static constexpr int kInTurn = 8;
     std::shared_ptr<Channel> last_ OSW_GUARDED_BY(callback_);  // on which something has come last
     std::uint32_t lastSent_ OSW_GUARDED_BY(callback_) = 0;     // by that, until then
-    std::atomic<std::uint32_t> lastFrom_{0};  // written under callback_, as the next
-    std::atomic<int> inTurn_{0};
+    std::atomic<std::uint32_t> lastFrom_{0};                   // written under callback_
+    Pace pace_;                                                // noted under callback_
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
