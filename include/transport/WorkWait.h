@@ -67,6 +67,7 @@ private:
     static constexpr int kMostRung = 32;
 
     bool takeIn(Channel& channel) const;
+    void hearAll();
     void hear(std::uint32_t token);
 
     std::shared_ptr<Receiver> receiver_;  // while it is open, and may be waited for

@@ -77,14 +77,24 @@ void WorkWait::sleep() {
     manyRung_ = receiver_->workers().wait(WorkerSet::Patience::Endless, rung_);
 }
 
-/** What has been told here is told to nobody else. */
+/** What has been told here is told to nobody else, also what rang while the thread was leaving its
+ * sleep, so it looks again until it has seen all of that; no longer, since bells may ring for ever.
+ */
 void WorkWait::takeInRung() {
-    for (int many = manyRung_; many > 0;) {
-        for (int i = 0; i < many; ++i)
-            if (rung_[i] != 0)
-                hear(rung_[i]);
-        many = many == kMostRung ? receiver_->workers().wait(WorkerSet::Patience::None, rung_) : 0;
+    WorkerSet& bells = receiver_->workers();
+    hearAll();
+    std::size_t rounds = bells.size() / kMostRung + 1;
+    for (bool more = true; more && rounds > 0; --rounds) {
+        manyRung_ = bells.wait(WorkerSet::Patience::None, rung_);
+        more = manyRung_ == kMostRung;
+        hearAll();
     }
+}
+
+void WorkWait::hearAll() {
+    for (int i = 0; i < manyRung_; ++i)
+        if (rung_[i] != 0)
+            hear(rung_[i]);
 }
 
 void WorkWait::hear(std::uint32_t token) {

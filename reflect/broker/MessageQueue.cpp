@@ -214,7 +214,7 @@ MessageQueue::Wake MessageQueue::takeFront(Taker& taker, Need& need) {
 void MessageQueue::awaitMessage() {
     if (mayGoOn())
         return;
-    Transport::WorkWait* const work = work_.load(std::memory_order_relaxed);
+    Transport::WorkWait* const work = work_.load();
     if (work && reader_.load() == Reader::None && work->mayRead())
         read(*work);
     else

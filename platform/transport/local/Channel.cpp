@@ -364,9 +364,9 @@ bool Channel::heardByWorker() {
     return heard == ReadingEnd::Heard::Taken;
 }
 
-/** Who waits for an answer by now is no reason to hand over: he reads, or others are rung for. */
+/** One who waits for an answer by now may read by himself; for many the receiving thread polls. */
 void Channel::endWork() {
-    if (receiver_->oneAtATime())
+    if (receiver_->oneAtATime() && (!isAwaited() || mayBeReadByCaller()))
         endReading();
     else
         handOver();

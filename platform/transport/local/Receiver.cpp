@@ -349,9 +349,10 @@ bool Receiver::serveChannels() {
     return served;
 }
 
-/** What comes while answers are awaited may be one of those, and tells nothing. */
+/** What comes while answers are awaited may be one of those, and tells nothing. Without workers it
+ * is of no account: the receiving thread would leave rings to nobody. */
 void Receiver::noteArrival(Channel& channel) {
-    if (channel.isAwaited())
+    if (!workers_.valid() || channel.isAwaited())
         return;
     bool const inTurn = last_ != nullptr && last_->sent() != lastSent_;
     if (last_.get() != &channel) {

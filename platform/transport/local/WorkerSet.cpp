@@ -66,6 +66,11 @@ std::shared_ptr<Channel> WorkerSet::find(std::uint32_t token) {
     return found != channels_.end() ? found->second : nullptr;
 }
 
+std::size_t WorkerSet::size() {
+    OSWrap::Lock<> const lock(mutex_);
+    return channels_.size() + 1;
+}
+
 int WorkerSet::wait(Patience patience, std::uint32_t (&rung)[kMostAtOnce]) const {
     epoll_event happened[kMostAtOnce];
     int const count =

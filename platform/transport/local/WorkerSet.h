@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
@@ -39,10 +40,13 @@ public:
     void wake() const;
     /** The channel of a token; null when it is not connected any more. */
     std::shared_ptr<Channel> find(std::uint32_t token);
+    /** How many bells there are, with the own one. */
+    std::size_t size();
 
     // ---- One thread at a time
     /** Waits, without limit or not at all, and fills in the tokens of channels whose bells have
-     * rung, 0 for `wake`; answers how many. Call again, without waiting, after the most at once. */
+     * rung, 0 for `wake`; answers how many. Look again, without waiting, after each wait: what
+     * rings while the thread leaves it may be told to nobody else. */
     enum class Patience { Endless, None };
     int wait(Patience patience, std::uint32_t (&rung)[kMostAtOnce]) const;
 
