@@ -5,12 +5,10 @@
 
 #include <chrono>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 
 #include "BrokerTest.h"
-#include "HandMadeLink.h"
 #include "Probe.h"
 #include "RawPeer.h"
 #include "ReflectActor.h"
@@ -351,27 +349,6 @@ TEST_F(OwnServingTest, theEndOfThePeerLeavesTheWorkerToOthers) {
     peerLives_ = false;
     peer_.child().kill();
     serveAlone(other);
-}
-
-// More bells than the worker is told of at once.
-TEST_F(OwnServingTest, bellsThatRingForEverKeepNobodyWaiting) {
-    constexpr std::size_t kBells = 40;
-    std::deque<testsupport::HandMadeEntry> entries;
-    std::vector<testsupport::HandMadeLink> links;
-    for (std::size_t i = 0; i < kBells; ++i) {
-        links.push_back(entries.emplace_back(Transport::GroupId(77)).connect(broker()));
-        ASSERT_TRUE(links.back().open());
-    }
-    serveAlone(peer_);
-    std::atomic<bool> calm{false};
-    testsupport::TestThread ringing([&] {
-        while (!calm)
-            for (testsupport::HandMadeLink const& link : links)
-                link.ring();
-    });
-    for (int i = 0; i < 50; ++i)
-        EXPECT_EQ(peer_.ask("callagain near 5", "called"), "1 5");
-    calm = true;
 }
 
 TEST_F(OwnServingTest, deletionEndsTheWorkerThatSleeps) {
