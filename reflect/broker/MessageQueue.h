@@ -156,7 +156,7 @@ private:
     void pollOnce() OSW_REQUIRES(changed_);
     void read(Transport::WorkWait& work) OSW_REQUIRES(changed_);
     bool pollRing(Transport::WorkWait& work);
-    void sleepAtBells(Transport::WorkWait& work);
+    void sleepAtBells(Transport::WorkWait& work) OSW_REQUIRES(changed_);
     Need addWorker() OSW_REQUIRES(changed_);
 
     ProcessOf const processOf_;
