@@ -296,6 +296,14 @@ protected:
         EXPECT_TRUE(sleeps);
     }
 
+    void makeIdleWorkers() {
+        constexpr unsigned int kWorkers = 3;
+        for (unsigned int i = 0; i < kWorkers; ++i)
+            peer_.tell("hold near");
+        ASSERT_SOON(near_->held() == kWorkers);
+        near_->release();
+        ASSERT_SOON(near_->held() == 0);
+    }
     void serveWhileOthersCall() {
         for (int i = 0; i < 20; ++i)
             EXPECT_EQ(peer_.ask("call near 3", "called"), "1 3");
@@ -367,6 +375,7 @@ TEST_F(OwnServingTest, deletionEndsWhileManyCall) {
 }
 
 TEST_F(OwnServingTest, theWorkerTakesItsTurnWhenItsMessageComes) {
+    makeIdleWorkers();  // one that is started meanwhile would ask for the permission as well
     peer_.ask("callforever recorder 1", "calling");
     EXPECT_SOON(permitted([&] { return order_.size(); }) > 100);
     std::thread later;
