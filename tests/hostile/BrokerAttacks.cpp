@@ -137,6 +137,78 @@ void forgeNotices(Field& field, Line& line) {
     line.flush();
 }
 
+/** Is one of the group for a while, whom all ask what he has, and answers that he has what is
+ * others'. */
+void joinAndLie(Field& field) {
+    field.leave();
+    field.enter(kUnits);
+    std::deque<HandMadeLink> guests;
+    unsigned int answered = 0;
+    auto const begin = std::chrono::steady_clock::now();
+    auto const stays = [&] {
+        return std::chrono::steady_clock::now() - begin <
+               std::chrono::milliseconds(answered == 0 ? 3000 : 200);
+    };
+    while (stays()) {
+        if (HandMadeLink guest = field.accept(1); !guest.ended) {
+            guest.send(guest.packet(Packet::Welcome, guest.own.ring.capacity), guest.own.file.get(),
+                       guest.own.bell.get());
+            guests.push_back(std::move(guest));
+        }
+        for (HandMadeLink& guest : guests)
+            while (auto const asked = take(guest, 0)) {
+                std::uint32_t const type = numberAt(*asked, 4);
+                guest.put(message(numberAt(*asked, 0), type, response,
+                                  type == wantCreations ? forgedExisting(field)
+                                  : type == search      ? big(0)
+                                                        : field.noise(field.dice(20))));
+                guest.ring();
+                ++answered;
+            }
+    }
+    field.leave();
+    require(answered != 0, "nobody asks it");
+}
+
+/** Whether the victim asks something; its answers are passed over. */
+bool isAsked(HandMadeLink& link) {
+    for (;;) {
+        auto const message = take(link, 500);
+        if (!message || numberAt(*message, 8) == request)
+            return message.has_value();
+    }
+}
+
+/** Has itself asked before and after calls of its own, never answers, and vanishes; or names those
+ * who are not there, or know nothing of it, for calls of others. These would wait for itself, as
+ * they should. */
+void observeAndVanish(Field& field) {
+    constexpr std::uint32_t kRegisterObserver = 1000;
+    field.leave();
+    TerminationId const own = field.enter(kUnits, Visibility::Silent).id();
+    Victim const victim = field.victim();
+    HandMadeLink link = field.open(victim);
+    std::uint32_t const object = link.ended ? 0 : objectOf(link, victim, field.number());
+    require(object != 0, "nobody lets it in");
+    bool const asOther = field.dice(2) == 0;
+    TerminationId const other =
+        field.dice(2) == 0 ? field.resident().id : TerminationId(0xFFF0, 1, kUnits);
+    auto const tell = [&](std::uint32_t method, std::string const& arguments) {
+        link.put(call(field.number(), request, object, method, arguments));
+    };
+    for (std::uint32_t const after : {0u, 1u})
+        tell(kRegisterObserver, big(after) + big(kClass) + big(asOther ? kEcho : kIdle) +
+                                    handle("observer", asOther ? other : own, object));
+    for (int i = 0; !asOther && i < 50; ++i)
+        tell(kIdle, "");
+    link.ring();
+    require(asOther || isAsked(link), "it is not asked");
+    pause(field.dice(100));
+    if (field.dice(2) == 0)
+        link.socket.reset();
+    field.leave();
+}
+
 /** Requests of every type whose data claim to be longer than they are, inside and outside. */
 void lieInLengths(Field& field, Line& line) {
     constexpr std::uint32_t kGetException = 2101;  // the one that sets it is what it is there for
@@ -181,6 +253,8 @@ Attacks brokerAttacks() {
             {"pieces", "sends large messages but for their ends", overLine<leaveUnfinished>},
             {"responses", "answers what others were asked", overLine<forgeResponses>},
             {"notices", "tells of objects of others", overLine<forgeNotices>},
+            {"member", "joins the group, and answers that it has objects of others", joinAndLie},
+            {"observers", "observes calls, and is silent or vanishes", observeAndVanish},
             {"lengths", "sends requests that claim to be longer", overLine<lieInLengths>},
             {"headers", "sends headers of no type and no kind", overLine<sendOddHeaders>}};
 }

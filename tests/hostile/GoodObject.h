@@ -14,12 +14,14 @@ constexpr unsigned int kClass = 0x600D00;
 constexpr unsigned int kThing = kClass + 1;
 enum Method : unsigned int {
     kEcho = 1,  // (text) -> text
-    kNote = 2   // (who) one-way
+    kNote = 2,  // (who) one-way
+    kIdle = 3   // () -> nothing; good ones do not call it
 };
 
 inline TreflectMetaClass const goodMeta("Good", kClass, {},
                                         {{"echo", kEcho, {"string"}, {"string"}},
-                                         {"note", kNote, {"string"}, {}}},
+                                         {"note", kNote, {"string"}, {}},
+                                         {"idle", kIdle, {}, {}}},
                                         {});
 inline TreflectMetaClass const thingMeta("Thing", kThing, {}, {});
 
@@ -36,11 +38,13 @@ public:
         auto const by = [&](auto method) { return serve(kClass, cc, mc, in, out, method); };
         return mc == kEcho   ? by(&Object::echo)
                : mc == kNote ? by(&Object::note)
+               : mc == kIdle ? by(&Object::idle)
                              : TreflectSkeleton::dispatch(withResponse, cc, mc, in, out);
     }
 
     std::string echo(std::string const& text) { return text; }
     void note(std::string const& who) { noted_(who); }
+    void idle() {}
 
 private:
     Noted const noted_;
