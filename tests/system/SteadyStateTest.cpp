@@ -55,6 +55,24 @@ TEST_F(SteadyStateTest, callsAllocateNothing) {
     }
 }
 
+TEST_F(SteadyStateTest, aLargeTextIsCopiedOnceOnEachSideAndDirectionBesideTheRings) {
+    constexpr unsigned long kText = 64ul * 1024;
+    // Arguments and results between message and variable, and between message and ring; and the
+    // copy that the function that is served makes for itself, as does the caller to compare.
+    constexpr unsigned long kCopies = 2 + 2 + 1;
+    std::string const call = "call lamp " + std::to_string(kText);
+    ASSERT_TRUE(client_.does(call)) << "the rings grow";
+    StationActor* const actors[]{&client_, &server_};
+    unsigned long before[2];
+    for (int i = 0; i < 2; ++i)
+        before[i] = actors[i]->number("copied", "copied");
+    ASSERT_TRUE(client_.does(call));
+    for (int i = 0; i < 2; ++i) {
+        unsigned long const copied = actors[i]->number("copied", "copied") - before[i];
+        EXPECT_EQ((copied + kText / 2) / kText, kCopies) << (i == 0 ? "client" : "server");
+    }
+}
+
 TEST_F(SteadyStateTest, idleProcessUsesNoProcessorTime) {
     callOften(2000);
     std::this_thread::sleep_for(milliseconds(2000));

@@ -4,6 +4,7 @@
 
 #include "ActorSide.h"
 #include "AllocationCount.h"
+#include "CopyCount.h"
 #include "Permitted.h"
 #include "Station.h"
 
@@ -183,6 +184,7 @@ testsupport::Commands const commands{
          answer("rotated ", bool(back), " ", back ? back.value() : std::to_string(back.code()));
      }},
     {"allocations", [] { answer("allocations ", allocationCount()); }},
+    {"copied", [] { answer("copied ", copiedBytes()); }},
     // Of a broker; "counters ACTOR DESTINATION:SENT:FAILED...".
     {"counters", counters},
     {"active", Transport::Setup::activeSlot},
