@@ -23,6 +23,8 @@ constexpr int kMessagesPerTurn = 64;
 /** So often, at least, a busy thread looks at its descriptors. */
 constexpr int kTurnsBetweenEvents = 8;
 constexpr long long kShortagePause = 10'000'000;  // nanoseconds
+/** From so many bytes on a message does not come all at once. */
+constexpr std::size_t kLargeMessage = 16 * 1024;
 
 std::atomic<std::uint32_t> lastToken{0};
 
@@ -350,11 +352,13 @@ bool Receiver::serveChannels() {
 }
 
 /** What comes while answers are awaited may be one of those, and tells nothing. Without workers it
- * is of no account: the receiving thread would leave rings to nobody. */
-void Receiver::noteArrival(Channel& channel) {
+ * is of no account: the receiving thread would leave rings to nobody. Large messages are its own:
+ * while it polls it copies their pieces as they come, and the serving thread does not wait. */
+void Receiver::noteArrival(Channel& channel, AddressedMessage const& message) {
     if (!workers_.valid() || channel.isAwaited())
         return;
-    bool const inTurn = last_ != nullptr && last_->sent() != lastSent_;
+    bool const inTurn =
+        last_ != nullptr && last_->sent() != lastSent_ && message.size() < kLargeMessage;
     if (last_.get() != &channel) {
         last_ = channel.shared_from_this();
         lastFrom_.store(channel.token(), std::memory_order_relaxed);
@@ -377,7 +381,7 @@ void Receiver::deliverLocally(AddressedMessage const& message) {
 
 void Receiver::deliver(Channel& channel, AddressedMessage const& message) {
     OSWrap::Lock<> const lock(callback_);
-    noteArrival(channel);
+    noteArrival(channel, message);
     hasServed_.store(true, std::memory_order_relaxed);
     owner_->received(message);
 }
@@ -389,7 +393,7 @@ bool Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
     if (takesNoMore())
         return false;
     channel.keepMessage();
-    noteArrival(channel);
+    noteArrival(channel, message);
     if (channel.leaveEmptyRing()) {
         makeCold(channel);
         hasLeft_ = true;

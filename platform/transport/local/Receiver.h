@@ -176,7 +176,7 @@ private:
     bool serveRequests();
     bool serveInbox();
     void serveReturned(AddressedMessage message);
-    void noteArrival(Channel& channel) OSW_REQUIRES(callback_);
+    void noteArrival(Channel& channel, AddressedMessage const& message) OSW_REQUIRES(callback_);
     void forgetLast();
     void deliverLocally(AddressedMessage const& message);
     bool serveChannels();
