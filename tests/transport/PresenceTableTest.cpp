@@ -183,8 +183,9 @@ TEST_F(PresenceTableTest, successorUnderTheSameIdArrivesWhenTheDepartureHasBeenT
     come(1);
     EXPECT_TRUE(table_.exists(TerminationId(1)));
     come(2);
+    EXPECT_TRUE(listener.waitFor({1, -1, 2})) << "has nothing to wait for";
     release.open();
-    EXPECT_TRUE(listener.waitFor({1, -1, 1, 2}));
+    EXPECT_TRUE(listener.waitFor({1, -1, 2, 1}));
     table_.detach(listener);
 }
 

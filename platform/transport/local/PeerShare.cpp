@@ -13,9 +13,9 @@ namespace {
 
 /** A socket, two bells and the set in which callers wait, once it stands. */
 constexpr std::size_t kDescriptorsWhileOpen = 4;
-/** Of memory: two control pages, two rings, up to three of either side that have grown and are
- * still read; and as much as threads need. */
-constexpr std::size_t kMappingsWhileOpen = 12;
+/** Of memory: two control pages, two rings, up to three of the peer that wait to be read; and a
+ * part of what threads need, and our own rings that have grown, which Kind::Rings bounds. */
+constexpr std::size_t kMappingsWhileOpen = 9;
 constexpr std::size_t kUsualMappings = 65530;
 /** So many times what is free may one process have, of connections. */
 constexpr std::size_t kChannelsForOneFree = 7;

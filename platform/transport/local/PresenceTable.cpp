@@ -24,6 +24,8 @@ constexpr std::size_t kLaneStack = 0x80000;
  * the arrivals thread may have been put aside just before it entered the listener.
  */
 constexpr long long kArrivalHeadStart = 20'000'000;
+/** So many that wait are looked at for one that need not: each look is made under the lock. */
+constexpr int kMostPassedOver = 64;
 
 }  // namespace
 
@@ -137,6 +139,7 @@ bool PresenceTable::admit(TerminationId id, Entry entry) {
     ++owned;
     arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
+    wake(departures_);  // for which there may have been no thread, and arrivals wait
     return true;
 }
 
@@ -224,6 +227,7 @@ void PresenceTable::attach(PresenceListener& listener) {
     ++lastAttachment_;
     arrivals_.queue.splice(arrivals_.queue.end(), notices);
     wake(arrivals_);
+    wake(departures_);  // for which there may have been no thread, and arrivals wait
 }
 
 /**
@@ -305,10 +309,17 @@ bool PresenceTable::arrivalJustBegun(Notice const& departure) const {
            OSWrap::Clock::nowNanoseconds() - arrivals_.since < kArrivalHeadStart;
 }
 
-/** Of the first in the lane. */
-bool PresenceTable::mustWait(Lane const& lane) const {
-    Notice const& first = lane.queue.front();
-    return &lane == &arrivals_ ? due_.count(first.id) != 0 : arrivalJustBegun(first);
+/** Has the first that may be told now be the first of the lane: who comes back waits for his
+ * departure, and the others for neither. False when there is none. */
+bool PresenceTable::hasNext(Lane& lane) {
+    if (&lane == &departures_)
+        return !arrivalJustBegun(lane.queue.front());
+    auto first = lane.queue.begin();
+    for (int passed = 0; due_.count(first->id) != 0 && attached(*first); ++passed)
+        if (++first == lane.queue.end() || passed == kMostPassedOver)
+            return false;
+    lane.queue.splice(lane.queue.begin(), lane.queue, first);
+    return true;
 }
 
 /** Or will never be. */
@@ -338,10 +349,10 @@ bool PresenceTable::next(Lane& lane, Notice& notice) {
         } else if (!attached(lane.queue.front())) {
             isTold(lane, lane.queue.front().id);
             lane.queue.pop_front();
-        } else if (mustWait(lane)) {
+        } else if (!hasNext(lane)) {
             lock_.wait(&lane == &arrivals_ ? OSWrap::TimeSpec::INFINITETIME
                                            : OSWrap::TimeSpec(0, kArrivalHeadStart / 4));
-        } else {
+        } else if (attached(lane.queue.front())) {
             break;
         }
     }

@@ -127,7 +127,7 @@ private:
     std::list<Notice> noticesOf(TerminationId id) const OSW_REQUIRES(lock_);
     bool attached(Notice const& notice) const OSW_REQUIRES(lock_);
     bool arrivalJustBegun(Notice const& departure) const OSW_REQUIRES(lock_);
-    bool mustWait(Lane const& lane) const OSW_REQUIRES(lock_);
+    bool hasNext(Lane& lane) OSW_REQUIRES(lock_);
     void isTold(Lane const& lane, TerminationId id) OSW_REQUIRES(lock_);
     void forget(PresenceListener const& listener) OSW_REQUIRES(lock_);
     bool calledFromInside(PresenceListener const& listener) const OSW_REQUIRES(lock_);

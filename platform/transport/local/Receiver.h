@@ -217,8 +217,9 @@ private:
     std::atomic<bool> hasServed_{false};
     std::shared_ptr<Channel> last_ OSW_GUARDED_BY(callback_);  // on which something has come last
     std::uint32_t lastSent_ OSW_GUARDED_BY(callback_) = 0;     // by that, until then
-    std::atomic<std::uint32_t> lastFrom_{0};                   // written under callback_
-    Pace pace_;                                                // noted under callback_
+    bool lastWasLarge_ OSW_GUARDED_BY(callback_) = false;
+    std::atomic<std::uint32_t> lastFrom_{0};  // written under callback_
+    Pace pace_;                               // noted under callback_
 
     // Receiving thread only.
     bool inboxFilled_ = false;  // inbox_ may hold something
