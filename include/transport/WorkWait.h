@@ -58,9 +58,7 @@ public:
     };
     /** Sleeps until something comes from anybody, `wake` is called, or for no reason. */
     void sleep();
-    /** Always after `sleep`: takes in a bounded number of messages of all who have woken the
-     * thread.
-     */
+    /** Always after `sleep`: takes in a bounded number of messages of each that has rung. */
     void takeInRung();
 
 private:

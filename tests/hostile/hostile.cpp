@@ -230,8 +230,10 @@ private:
             if (each.rfind("failed ", 0) == 0 || each.rfind("lacks ", 0) == 0)
                 why = each;
         std::printf("%-10s made no round: %s\n", name.c_str(), why.c_str());
-        if (why.rfind("lacks ", 0) != 0)
-            fault(name + " made no round: " + why);
+        if (why.rfind("lacks ", 0) == 0)
+            return 0;
+        testsupport::keepLog(attacker, folder_ + "/log." + name);
+        fault(name + " made no round: " + why);
         return 0;
     }
     void judge(Stretch const& seen, unsigned int duration) {

@@ -209,6 +209,8 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
         // Has descriptors of its own, which count until the former connection's are counted out.
         if (descriptors_.bytes() > 1 || descriptors_.grow(1))
             greeting_ = Greeting{std::move(socket), std::move(hello)};
+        else
+            tellRefused(peer_, ownId_, kTooManyChannels);
         return;
     }
     if (receiver_->stopping() || !giveBackUntaken() || !mayAnswer(socket.get()))
