@@ -280,6 +280,22 @@ TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere
     EXPECT_TRUE(friendly.knowsAll(3));
 }
 
+TEST_F(ReplacedLockTest, whoseNameIsHeldInTheNewFileIsHeardOnceItsEntryIsSeen) {
+    Peer peer;
+    PresenceActor early;
+    early.start();
+    ASSERT_SOON(peer.knowsAll(2) && early.known() == 2);
+    ASSERT_TRUE(peer.child().stopWholly()) << "it has the lock in no file that the peer sees";
+    fs::remove(shared());
+    std::string const seat = early.ask("seat 3", "id");
+    auto const holder = replaceSharedFile(
+        lockOf(Transport::TerminationId(static_cast<unsigned>(std::stoul(seat, nullptr, 16)))));
+    early.tell("greet " + seat + " " + hex(peer.id()));
+    peer.child().signal(SIGCONT);
+    EXPECT_EQ(early.await("done"), "1");
+    EXPECT_SOON(peer.knowsAll(3));
+}
+
 TEST_F(FolderTest, whoHasTakenAnAddressKeepsItWhateverBecomesOfTheFile) {
     PresenceActor model;
     std::string const first = model.start();

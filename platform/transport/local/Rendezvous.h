@@ -80,7 +80,7 @@ public:
     enum class Claim {
         True,
         False,
-        Unseen,  // its lock says so, and its entry has not been seen yet: ask again in a moment
+        Unseen,  // it may, and its entry has not been seen yet: ask again in a moment
     };
     /** Whether `id` belongs to the process `pid` (which may be this process). From memory and by
      * locks: the folder is never read for who says so. */

@@ -146,6 +146,8 @@ private:
     /** When to look again who has not followed to the file in use, and to knock there; 0 when that
      * has been done. */
     long long knockAt_ OSW_GUARDED_BY(mutex_) = 0;
+    /** Until then somebody may be there whom the table does not know. */
+    long long settledAt_ OSW_GUARDED_BY(mutex_) = 0;
     std::atomic<bool> lacksLocks_{false};  // of names; written under mutex_
     NeighbourWatch watch_;                 // belongs to TrPresence, but for `wake`
 

@@ -30,6 +30,8 @@ constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
 constexpr unsigned long kDyingLook = 1'000'000;  // nanoseconds
 /** After it has moved over, a process gives the others this long to follow by themselves. */
 constexpr long long kTimeToFollow = 100'000'000;  // nanoseconds
+/** And so long they may be there without having been found yet. */
+constexpr long long kTimeToSettle = 1'000'000'000;  // nanoseconds
 
 /** Who is not told of a change looks for one by himself after this time. */
 constexpr long long kLookAgain = 2'000'000'000;  // nanoseconds
@@ -272,8 +274,10 @@ bool Rendezvous::State::takeLocks(Locks which) {
 
 /** However often the file is replaced, that is not put off. */
 void Rendezvous::State::lookAgainSoon() {
+    long long const now = OSWrap::Clock::nowNanoseconds();
     if (knockAt_ == 0)
-        knockAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToFollow;
+        knockAt_ = now + kTimeToFollow;
+    settledAt_ = now + kTimeToSettle;
 }
 
 /** How long the thread may wait until it knocks; negative for ever. */
@@ -501,7 +505,9 @@ void Rendezvous::State::missOwn() {
  * Who says Hello before his announcement has come here, or been served, is found by the next scan.
  * Nothing is read for him, since anybody may say Hello. The kernel looks for a lock among all that
  * there are, so it is asked once, and not at all for who is known by a living socket: whatever it
- * answered, also when a process id has been given again, he would be believed.
+ * answered, also when a process id has been given again, he would be believed. Where the file has
+ * been replaced lately, the lock of one whose entry has not been seen may not be there yet, or be
+ * somebody else's: that tells nothing.
  */
 Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
     PresenceTable::Entry known;
@@ -529,7 +535,8 @@ Rendezvous::Claim Rendezvous::State::claim(TerminationId id, pid_t pid) {
         if (lives || known.owner == pid)
             return lives && known.owner == pid ? Claim::True : Claim::False;
     }
-    return holder == pid ? Claim::Unseen : Claim::False;
+    bool const mayBe = holder == pid || OSWrap::Clock::nowNanoseconds() < settledAt_;
+    return mayBe ? Claim::Unseen : Claim::False;
 }
 
 // ---- Who died -----------------------------------------------------------------------------------
