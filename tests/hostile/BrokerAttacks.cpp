@@ -17,6 +17,7 @@ struct Line {
             return true;
         victim = other ? other->victim : field.victim();
         link = HandMadeLink();
+        object = 0;  // where nobody lets it in, the next round tries again
         link = field.open(victim, Transport::kLargestRing, which);
         object = link.ended ? 0 : objectOf(link, victim, field.number());
         return object != 0;
