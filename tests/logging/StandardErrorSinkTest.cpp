@@ -140,7 +140,7 @@ TEST(StandardErrorSink, outlivesAReaderThatHasGone) {
 
 TEST(StandardErrorSink, worksFromTheFirstToTheLastMomentOfAProcess) {
     for (char const* way : {"return", "thread"}) {
-        testsupport::ChildProgram child("log-at-exit", {way});
+        testsupport::ChildProgram child("log-at-exit", {way}, testsupport::ChildProgram::longEnd());
         EXPECT_EQ(child.exitCode(), 0);
         int marks = 0;
         std::regex const form(

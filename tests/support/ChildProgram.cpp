@@ -129,6 +129,11 @@ ChildProgram::~ChildProgram() {
     closeInput();
 }
 
+ChildProgram::Environment ChildProgram::longEnd() {
+    char const* const options = std::getenv("TSAN_OPTIONS");
+    return {{"TSAN_OPTIONS", std::string(options ? options : "") + ":atexit_sleep_ms=1000"}};
+}
+
 /** The body of a reader: ends when nobody can write any more. */
 void ChildProgram::read(Output& output, int descriptor) {
     __gnu_cxx::stdio_filebuf<char> buffer(descriptor, std::ios::in);

@@ -51,6 +51,11 @@ public:
     ChildProgram(ChildProgram const&) = delete;
     ChildProgram& operator=(ChildProgram const&) = delete;
 
+    /** For a program whose end is what is judged: under the thread sanitizer its threads go on for
+     * a second when all else of it has ended, not for the moment only that the preset gives others.
+     */
+    static Environment longEnd();
+
     pid_t pid() const { return pid_; }
 
     /** Writes a line to the child's standard input; false when it no longer reads. */

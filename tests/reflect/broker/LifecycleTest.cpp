@@ -291,7 +291,7 @@ TEST_F(ProcessEndTest, byReturnAndByExitWhateverIsBeingServed) {
     } const cases[]{
         {kEcho, "exit 4"}, {kExit, ""}, {kHold, "return 4"}, {kHoldPermission, "return 4"}};
     for (auto const& [method, command] : cases) {
-        ReflectActor actor;
+        ReflectActor actor(testsupport::ChildProgram::longEnd());
         actor.publish("far");
         send(method, 4);
         if (method == kHold)
@@ -302,9 +302,9 @@ TEST_F(ProcessEndTest, byReturnAndByExitWhateverIsBeingServed) {
 }
 
 TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
-    ReflectActor server;
+    ReflectActor server(testsupport::ChildProgram::longEnd());
     server.publish("far");
-    ReflectActor caller;
+    ReflectActor caller(testsupport::ChildProgram::longEnd());
     caller.publish("other");
     caller.tell("callforever far 4");
     server.tell("callforever other 4");
@@ -317,7 +317,7 @@ TEST_F(ProcessEndTest, whileItsThreadsCallAndServe) {
 }
 
 TEST_F(ProcessEndTest, whileAnotherThreadDeletesTheBrokers) {
-    ReflectActor actor;
+    ReflectActor actor(testsupport::ChildProgram::longEnd());
     actor.publish("far");
     send(kHold, 0);
     awaitService();
