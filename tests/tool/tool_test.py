@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The command reflectorb, driven as its users do, at processes that serve the house of the guide.
 
-    tool_test.py <reflectorb> <house> <hello> <reflect_actor> <source tree>
+    tool_test.py <reflectorb> <house> <hello> <reflect_actor> <source tree> [<class>.<test>...]
 """
 import json
 import os
@@ -700,4 +700,4 @@ class ToolTest(HouseTest):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(argv=sys.argv[:1] + sys.argv[6:], verbosity=2)

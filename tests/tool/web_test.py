@@ -7,6 +7,7 @@ import json
 import os
 import signal
 import socket
+import sys
 import time
 import unittest
 import urllib.parse
@@ -352,4 +353,4 @@ class WebTest(HouseTest):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=["web_test.py"], verbosity=2)
+    unittest.main(argv=sys.argv[:1] + sys.argv[6:], verbosity=2)
