@@ -73,6 +73,14 @@ def serve(program, **environment):
     return process
 
 
+def until(holds):
+    end = time.monotonic() + PATIENCE
+    while not holds():
+        if time.monotonic() > end:
+            raise AssertionError("waited in vain")
+        time.sleep(0.02)
+
+
 class HouseTest(unittest.TestCase):
     """A house is served in a rendezvous folder of its own."""
     maxDiff = None
@@ -633,9 +641,8 @@ class ToolTest(HouseTest):
         os.kill(recorder.child.pid, signal.SIGCONT)
         recorder.wait_for('"begun"')
         run("set", "/house/hall/Level", "40")
-        end = time.monotonic() + PATIENCE
-        while self.shown("b")[0][-1]["event"] != "end" and time.monotonic() < end:
-            time.sleep(0.05)
+        told = lambda: [(line["event"], line.get("value")) for line in self.shown("b")[0]]
+        until(lambda: all(event in told() for event in (("end", None), ("value", 40))))
         recorder.end(signal.SIGKILL)
         self.assertEqual(sorted(name for name in os.listdir(self.folder) if name[0] == "b"),
                          ["b", "b.1", "b.2"])

@@ -13,7 +13,7 @@ import unittest
 import urllib.parse
 import zlib
 
-from tool_test import HOUSE, PATIENCE, TOOL, HouseTest, Process, run
+from tool_test import HOUSE, PATIENCE, TOOL, HouseTest, Process, run, until
 
 
 class Stream:
@@ -58,14 +58,6 @@ class Stream:
     def value(self, name, attribute):
         return {self.values.get((one["id"], attribute)) for one in self.objects.values()
                 if one["name"] == name}
-
-
-def until(holds):
-    end = time.monotonic() + PATIENCE
-    while not holds():
-        if time.monotonic() > end:
-            raise AssertionError("waited in vain")
-        time.sleep(0.02)
 
 
 class Gateway:
