@@ -1,12 +1,12 @@
 # Functions for the tests.
 #
-#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL] [BROKERS]
-#                   [PLATFORM] [INTERNALS | ROOMS <room>...] [LIBRARIES <library>...])
+#   reflectorb_test(<name> SOURCES <file>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL] [LONG]
+#                   [BROKERS] [PLATFORM] [INTERNALS | ROOMS <room>...] [LIBRARIES <library>...])
 #
 # makes one GoogleTest program and registers each of its tests with ctest, which may run all of
-# them at the same time; those of a SERIAL program run with nothing beside them. TIMEOUT (default
-# 60) holds for one test on a quiet machine; sanitizers and emulation multiply it. Labels are the
-# folder's name and LABELS. A program with the label "native" does what an emulator cannot do, and
+# them at the same time; those of a SERIAL program run with nothing beside them, those of a LONG one
+# are started early. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
+# emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native" does what an emulator cannot do, and
 # is left out where there is one. BROKERS is for a program that makes brokers: they meet in a folder
 # of its own (tests/support/BrokerFolder.cpp).
 #
@@ -35,7 +35,7 @@ set(REFLECTORB_LONG_COST 500)
 
 macro(_reflectorb_parse_test_arguments)
     cmake_parse_arguments(PARSE_ARGV 1 arg
-        "SERIAL;BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
+        "SERIAL;LONG;BROKERS;PLATFORM;INTERNALS" "TIMEOUT" "SOURCES;LABELS;ROOMS;LIBRARIES")
     if(arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "${name}: unknown arguments ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -102,6 +102,8 @@ function(reflectorb_test name)
     set(cost 0)
     if("long" IN_LIST arg_LABELS)
         set(cost ${REFLECTORB_FIRST_COST})
+    elseif(arg_LONG)
+        set(cost ${REFLECTORB_LONG_COST})
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
