@@ -424,6 +424,14 @@ EntryFolder::Socket EntryFolder::probe(std::string const& file) const {
     return errno == ECONNREFUSED ? Socket::Dead : errno == ENOENT ? Socket::Absent : Socket::Alive;
 }
 
+std::optional<long long> EntryFolder::madeAt(std::string const& file) const {
+    struct statx status;
+    if (::statx(folder_.get(), file.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) != 0 ||
+        (status.stx_mask & STATX_BTIME) == 0)
+        return std::nullopt;
+    return status.stx_btime.tv_sec * 1'000'000'000LL + status.stx_btime.tv_nsec;
+}
+
 std::optional<FileIdentity> EntryFolder::identityOf(std::string const& file) const {
     struct stat status;
     if (::fstatat(folder_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)

@@ -410,16 +410,21 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
 
 namespace {
 
-/** Whether another living socket bears the same id. Among very many one is taken to be there. */
-bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
+/** Whether another living socket bears the same id, and was not made later. Among very many one is
+ * taken to be there. */
+bool hasElder(EntryFolder const& files, std::vector<FolderEntry> const& all,
               FolderEntry const& entry) {
     auto const [first, last] =
         std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
     if (last - first > kMostRivals)
         return true;
+    std::optional<long long> const made = files.madeAt(entry.file);
     return std::any_of(first, last, [&](FolderEntry const& other) {
-        return other.id == entry.id && other.file != entry.file &&
-               files.probe(other.file) == EntryFolder::Socket::Alive;
+        if (other.id != entry.id || other.file == entry.file ||
+            files.probe(other.file) != EntryFolder::Socket::Alive)
+            return false;
+        std::optional<long long> const otherMade = files.madeAt(other.file);
+        return !made || !otherMade || *otherMade <= *made;
     });
 }
 
@@ -428,7 +433,7 @@ bool hasRival(EntryFolder const& files, std::vector<FolderEntry> const& all,
 /**
  * The process that owns a living entry and is named by it: who holds the lock. Who has not followed
  * to the file in use, or was overtaken there by somebody else, does not hold it: then it is who
- * listens, as long as nobody else is there under this id. Nothing when that proves nobody.
+ * listens, as long as nobody was there before him under this id. Nothing when that proves nobody.
  */
 std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> const& all,
                                                     FolderEntry const& entry) {
@@ -443,7 +448,7 @@ std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> con
         lookAgainSoon();
     // A forked child may listen on after its parent's end.
     if (listener <= 0 || !EntryFolder::isOf(listener, entry.file) ||
-        NeighbourWatch::hasEnded(listener) || hasRival(files, all, entry))
+        NeighbourWatch::hasEnded(listener) || hasElder(files, all, entry))
         return std::nullopt;
     return listener;
 }
