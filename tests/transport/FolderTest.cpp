@@ -281,15 +281,19 @@ TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere
 }
 
 TEST_F(ReplacedLockTest, newcomersKnowWhoHasNotFollowedYetFromThoseWhoImitateHim) {
+    Descriptor const elder = listenAt("elder");
     Peer old;
     Peer friendly;  // takes longer to start than disks need to tell one time from the next
     ASSERT_SOON(old.knowsAll(2) && friendly.knowsAll(2));
     ASSERT_TRUE(old.child().stopWholly());
+    std::string const ofThis = ".group3.slot1.pid" + std::to_string(getpid());
+    fs::rename(inFolder("elder"), inFolder(hex(friendly.id()) + ofThis + ".elder"));
     fs::remove(shared());
-    Descriptor const imitator =
-        listenAt(hex(old.id()) + ".group3.slot1.pid" + std::to_string(getpid()) + ".imitator");
+    Descriptor const imitator = listenAt(hex(old.id()) + ofThis + ".imitator");
+    ASSERT_TRUE(friendly.child().waitForErrorLine("has moved over")) << "it has its lock";
     Peer newcomer;
     EXPECT_SOON(newcomer.knowsAll(3));
+    EXPECT_TRUE(newcomer.reaches(friendly.id()));
     old.child().signal(SIGCONT);
     EXPECT_TRUE(newcomer.reaches(old.id()));
     EXPECT_TRUE(newcomer.knowsAll(3)) << "nobody has taken its place";

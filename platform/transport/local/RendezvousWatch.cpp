@@ -410,10 +410,10 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
 
 namespace {
 
-/** Whether another living socket bears the same id, and was not made later. Among very many one is
- * taken to be there. */
+/** Whether another living socket bears the same id, and was not made later or is that of the
+ * lock's `holder`. Among very many one is taken to be there. */
 bool hasElder(EntryFolder const& files, std::vector<FolderEntry> const& all,
-              FolderEntry const& entry) {
+              FolderEntry const& entry, pid_t holder) {
     auto const [first, last] =
         std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
     if (last - first > kMostRivals)
@@ -424,7 +424,7 @@ bool hasElder(EntryFolder const& files, std::vector<FolderEntry> const& all,
             files.probe(other.file) != EntryFolder::Socket::Alive)
             return false;
         std::optional<long long> const otherMade = files.madeAt(other.file);
-        return !made || !otherMade || *otherMade <= *made;
+        return EntryFolder::isOf(holder, other.file) || !made || !otherMade || *otherMade <= *made;
     });
 }
 
@@ -448,7 +448,7 @@ std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> con
         lookAgainSoon();
     // A forked child may listen on after its parent's end.
     if (listener <= 0 || !EntryFolder::isOf(listener, entry.file) ||
-        NeighbourWatch::hasEnded(listener) || hasElder(files, all, entry))
+        NeighbourWatch::hasEnded(listener) || hasElder(files, all, entry, holder))
         return std::nullopt;
     return listener;
 }
