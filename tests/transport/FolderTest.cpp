@@ -274,7 +274,8 @@ TEST_F(ReplacedLockTest, whoTakesTheNameOfALivingOneInANewFileDrivesItOutNowhere
     Descriptor const thief =
         listenAt(hex(old.id()) + ".group3.slot1.pid" + std::to_string(getpid()) + ".thief");
     Peer newcomer;
-    EXPECT_SOON(old.knowsAll(3) && friendly.knowsAll(3));
+    EXPECT_SOON(old.knowsAll(3) && friendly.knowsAll(3) && newcomer.knowsAll(3));
+    EXPECT_TRUE(newcomer.reaches(old.id())) << "it was there before the thief and the file";
     EXPECT_TRUE(friendly.reaches(old.id()));
     EXPECT_TRUE(old.reaches(friendly.id()));
     EXPECT_TRUE(friendly.knowsAll(3));

@@ -424,12 +424,13 @@ EntryFolder::Socket EntryFolder::probe(std::string const& file) const {
     return errno == ECONNREFUSED ? Socket::Dead : errno == ENOENT ? Socket::Absent : Socket::Alive;
 }
 
-std::optional<long long> EntryFolder::madeAt(std::string const& file) const {
+std::optional<EntryTimes> EntryFolder::timesOf(std::string const& file) const {
+    constexpr unsigned int kWanted = STATX_BTIME | STATX_CTIME;
     struct statx status;
-    if (::statx(folder_.get(), file.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) != 0 ||
-        (status.stx_mask & STATX_BTIME) == 0)
+    if (::statx(folder_.get(), file.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &status) != 0 ||
+        (status.stx_mask & kWanted) != kWanted)
         return std::nullopt;
-    return status.stx_btime.tv_sec * 1'000'000'000LL + status.stx_btime.tv_nsec;
+    return EntryTimes{nanosecondsOf(status.stx_btime), nanosecondsOf(status.stx_ctime)};
 }
 
 std::optional<FileIdentity> EntryFolder::identityOf(std::string const& file) const {

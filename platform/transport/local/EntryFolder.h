@@ -31,6 +31,12 @@ struct FolderEntry {
 /** Device and inode. */
 using FileIdentity = std::pair<dev_t, ino_t>;
 
+/** In nanoseconds of the day's time. */
+struct EntryTimes {
+    long long made;   // when the socket was bound
+    long long shown;  // when it was renamed last, or anything else of it was changed
+};
+
 class EntryFolder;
 
 /**
@@ -134,9 +140,8 @@ public:
      * began to; kFree when none does, kUnknown when that cannot be found out now, as when too many
      * others have connected. */
     pid_t listenerOf(std::string const& file) const;
-    /** When the entry's socket was made, in nanoseconds: nobody can put that back. Nothing when it
-     * is absent, or on a disk that does not note it. */
-    std::optional<long long> madeAt(std::string const& file) const;
+    /** Nothing when it is absent, or on a disk that does not note both. */
+    std::optional<EntryTimes> timesOf(std::string const& file) const;
     /** Which file on disk the entry is; nothing when it is absent. */
     std::optional<FileIdentity> identityOf(std::string const& file) const;
 

@@ -86,6 +86,10 @@ bool removeImpostor(int folder, std::string const& path) {
 
 }  // namespace
 
+long long nanosecondsOf(statx_timestamp const& time) {
+    return time.tv_sec * 1'000'000'000LL + time.tv_nsec;
+}
+
 // ---- Opening ------------------------------------------------------------------------------------
 
 /** Invalid, with errno, on failure; ENOENT when there is none, or is none any more. */
@@ -185,6 +189,14 @@ bool PresenceFile::isIn(int folder) const {
     struct stat status;
     return ::fstatat(folder, kName, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
            status.st_dev == identity_.device && status.st_ino == identity_.inode;
+}
+
+std::optional<long long> PresenceFile::madeAt() const {
+    struct statx status;
+    if (::statx(file_.get(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
+        (status.stx_mask & STATX_BTIME) == 0)
+        return std::nullopt;
+    return nanosecondsOf(status.stx_btime);
 }
 
 bool PresenceFile::isSameAs(PresenceFile const& other) const {

@@ -5,13 +5,19 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "platform/transport/local/Descriptor.h"
 #include "transport/TerminationId.h"
 
+struct statx_timestamp;
+
 namespace Transport {
+
+/** Of the day's time. */
+long long nanosecondsOf(statx_timestamp const& time);
 
 /** Slot and name id: whose these are, in whatever group, is told by one lock. */
 constexpr std::uint32_t lockKey(TerminationId id) {
@@ -62,6 +68,9 @@ public:
     /** Whether it still is the one that everybody finds in the folder. */
     bool isIn(int folder) const;
     bool isSameAs(PresenceFile const& other) const;
+    /** When it was made, in nanoseconds of the day's time; nothing on a disk that does not note it.
+     */
+    std::optional<long long> madeAt() const;
 
     // ---- Name ids and their locks ----
 

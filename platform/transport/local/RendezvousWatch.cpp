@@ -11,6 +11,7 @@
 #include "oswrap/Thread.h"
 #include "platform/transport/DelayedLog.h"
 #include "platform/transport/local/RendezvousState.h"
+#include "platform/transport/local/Rivals.h"
 
 namespace Transport {
 namespace {
@@ -22,8 +23,6 @@ constexpr std::size_t kWatchStack = 0x20000;
 constexpr long long kScanPause = 10'000'000;  // nanoseconds
 /** How many entries that may have died are judged in one go, and then removed. */
 constexpr std::size_t kJudgedAtOnce = 64;
-/** So many entries with the same lock are probed in one go for one that lives. */
-constexpr std::ptrdiff_t kMostRivals = 64;
 /** Between the first sign of an end and the last. One that shows the first sign only, because it
  * has not moved over, is taken to live after this time. */
 constexpr long long kTimeToDie = 1'000'000'000;  // nanoseconds
@@ -408,49 +407,29 @@ bool Rendezvous::State::removeLeft(FolderEntry const& entry) {
     return true;
 }
 
-namespace {
-
-/** Whether another living socket bears the same id, and was not made later or is that of the
- * lock's `holder`. Among very many one is taken to be there. */
-bool hasElder(EntryFolder const& files, std::vector<FolderEntry> const& all,
-              FolderEntry const& entry, pid_t holder) {
-    auto const [first, last] =
-        std::equal_range(all.begin(), all.end(), entry, FolderEntry::precedes);
-    if (last - first > kMostRivals)
-        return true;
-    std::optional<long long> const made = files.madeAt(entry.file);
-    return std::any_of(first, last, [&](FolderEntry const& other) {
-        if (other.id != entry.id || other.file == entry.file ||
-            files.probe(other.file) != EntryFolder::Socket::Alive)
-            return false;
-        std::optional<long long> const otherMade = files.madeAt(other.file);
-        return EntryFolder::isOf(holder, other.file) || !made || !otherMade || *otherMade <= *made;
-    });
-}
-
-}  // namespace
-
 /**
  * The process that owns a living entry and is named by it: who holds the lock. Who has not followed
  * to the file in use, or was overtaken there by somebody else, does not hold it: then it is who
- * listens, as long as nobody was there before him under this id. Nothing when that proves nobody.
+ * listens. Nothing when that proves nobody, or others who bear the id are believed rather.
  */
 std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> const& all,
                                                     FolderEntry const& entry) {
     EntryFolder const& files = *folder;
     if (files.probe(entry.file) != EntryFolder::Socket::Alive)
         return std::nullopt;
-    pid_t const holder = files.ownerOf(entry.id);
-    if (holder != EntryFolder::kFree && isProven(entry, holder))
-        return holder;
-    pid_t const listener = files.listenerOf(entry.file);
-    if (listener == EntryFolder::kUnknown)
-        lookAgainSoon();
-    // A forked child may listen on after its parent's end.
-    if (listener <= 0 || !EntryFolder::isOf(listener, entry.file) ||
-        NeighbourWatch::hasEnded(listener) || hasElder(files, all, entry, holder))
+    pid_t owner = files.ownerOf(entry.id);
+    bool const holdsLock = owner != EntryFolder::kFree && isProven(entry, owner);
+    if (!holdsLock) {
+        owner = files.listenerOf(entry.file);
+        if (owner == EntryFolder::kUnknown)
+            lookAgainSoon();
+        // A forked child may listen on after its parent's end.
+        if (owner <= 0 || !EntryFolder::isOf(owner, entry.file) || NeighbourWatch::hasEnded(owner))
+            return std::nullopt;
+    }
+    if (!Rivals(files, all).believe(entry, holdsLock))
         return std::nullopt;
-    return listener;
+    return owner;
 }
 
 /** Enters one who is new, if he proves to own his entry, and nobody who is there has his id. */
