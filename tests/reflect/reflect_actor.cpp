@@ -33,9 +33,10 @@ public:
             return false;
         if (mc == lamp::kHeld)
             return serve(lamp::kClass, cc, mc, in, out, &ShyLamp::heldNow);
+        bool const served = LampObject::dispatch(withResponse, cc, mc, in, out);
         if (mc == device::kPing)
-            release();
-        return LampObject::dispatch(withResponse, cc, mc, in, out);
+            release();  // its observers have been told of it by now
+        return served;
     }
 
 private:
