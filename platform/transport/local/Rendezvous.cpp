@@ -53,7 +53,7 @@ bool Rendezvous::State::openFolder(IdentitySnapshot const& identity) {
         if (folder != nullptr) {
             watchForForks();
             watch_.prepare();
-            lookAgainSoon();
+            unsettle();
             knockAt_ = OSWrap::Clock::nowNanoseconds();
         }
     }

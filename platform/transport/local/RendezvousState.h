@@ -102,6 +102,7 @@ private:
     void tellOtherLink(PresenceFile const& file) const;
     static int toTell(pid_t holder);
     void lookAgainSoon() OSW_REQUIRES(mutex_);
+    void unsettle() OSW_REQUIRES(mutex_);
     long long timeToKnock();
 
     struct Departed;

@@ -224,6 +224,7 @@ void Rendezvous::State::renew() {
         return;
     former->announce();
     lookAgainSoon();
+    unsettle();
     static Logging::LineLimit limit;
     TRANSPORT_LOG_LIMITED(limit, 4, kSource,
                           "Somebody has removed or replaced presence in the rendezvous folder %s: "
@@ -273,10 +274,12 @@ bool Rendezvous::State::takeLocks(Locks which) {
 
 /** However often the file is replaced, that is not put off. */
 void Rendezvous::State::lookAgainSoon() {
-    long long const now = OSWrap::Clock::nowNanoseconds();
     if (knockAt_ == 0)
-        knockAt_ = now + kTimeToFollow;
-    settledAt_ = now + kTimeToSettle;
+        knockAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToFollow;
+}
+
+void Rendezvous::State::unsettle() {
+    settledAt_ = OSWrap::Clock::nowNanoseconds() + kTimeToSettle;
 }
 
 /** How long the thread may wait until it knocks; negative for ever. */
@@ -427,7 +430,7 @@ std::optional<pid_t> Rendezvous::State::provenOwner(std::vector<FolderEntry> con
         if (owner <= 0 || !EntryFolder::isOf(owner, entry.file) || NeighbourWatch::hasEnded(owner))
             return std::nullopt;
     }
-    if (!Rivals(files, all).believe(entry, holdsLock))
+    if (!Rivals(files, all, slot_).believe(entry, holdsLock))
         return std::nullopt;
     return owner;
 }

@@ -12,29 +12,36 @@ namespace {
 /** So many entries with the same lock are looked at in one go. Among more, only the lock tells. */
 constexpr std::ptrdiff_t kMost = 64;
 
+/** As seen where the file in use was made then. */
+bool isSenior(EntryTimes const& one, EntryTimes const& other, long long fileMade) {
+    return one.made < other.made && one.shown < fileMade &&
+           (other.shown >= fileMade || one.shown < other.shown);
+}
+
 }  // namespace
 
 bool Rivals::believe(FolderEntry const& entry, bool holdsLock) const {
     auto const [first, last] =
         std::equal_range(all_.begin(), all_.end(), entry, FolderEntry::precedes);
-    if (last - first > kMost)
+    if (last - first > kMost || (holdsLock && entry.id.slotId() != slot_))
         return holdsLock;
-    return std::none_of(first, last, [&](FolderEntry const& other) {
-        if (other.id != entry.id || other.file == entry.file ||
-            files_.probe(other.file) != EntryFolder::Socket::Alive || isSenior(entry, other))
-            return false;
-        return !holdsLock || (isSenior(other, entry) && mayListen(other));
+    auto const identity = files_.identityOf(entry.file);
+    return std::all_of(first, last, [&](FolderEntry const& other) {
+        return other.id != entry.id || other.file == entry.file ||
+               files_.probe(other.file) != EntryFolder::Socket::Alive ||
+               files_.identityOf(other.file) == identity || beats(entry, holdsLock, other);
     });
 }
 
-bool Rivals::isSenior(FolderEntry const& one, FolderEntry const& other) const {
-    auto const times = files_.timesOf(one.file);
+bool Rivals::beats(FolderEntry const& entry, bool holdsLock, FolderEntry const& other) const {
+    auto const times = files_.timesOf(entry.file);
     auto const otherTimes = files_.timesOf(other.file);
     auto const fileMade = files_.file()->madeAt();
-    if (!times || !otherTimes || !fileMade || times->shown >= *fileMade)
-        return false;
-    return otherTimes->shown >= *fileMade ||
-           (times->made < otherTimes->made && times->shown < otherTimes->shown);
+    if (!times || !otherTimes || !fileMade)
+        return holdsLock;
+    if (!holdsLock)
+        return isSenior(*times, *otherTimes, *fileMade);
+    return !isSenior(*otherTimes, *times, *fileMade) || !mayListen(other);
 }
 
 /** Whether the process that an entry names listens there, as far as can be told: a forked child may
