@@ -6,8 +6,9 @@
 # makes one GoogleTest program and registers each of its tests with ctest, which may run all of
 # them at the same time; those of a SERIAL program run with nothing beside them, those of a LONG one
 # are started early. TIMEOUT (default 60) holds for one test on a quiet machine; sanitizers and
-# emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native" does what an emulator cannot do, and
-# is left out where there is one. BROKERS is for a program that makes brokers: they meet in a folder
+# emulation multiply it. Labels are the folder's name and LABELS. A program with the label "native"
+# does what an emulator cannot do, and is left out where there is one. BROKERS is for a program that
+# makes brokers: they meet in a folder
 # of its own (tests/support/BrokerFolder.cpp).
 #
 #   reflectorb_test_program(<name> SOURCES <file>... [PLATFORM] [INTERNALS | ROOMS ...] [LIBRARIES ...])

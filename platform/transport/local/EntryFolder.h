@@ -31,7 +31,7 @@ struct FolderEntry {
 /** Device and inode. */
 using FileIdentity = std::pair<dev_t, ino_t>;
 
-/** In nanoseconds of the day's time. */
+/** In nanoseconds since the epoch. */
 struct EntryTimes {
     long long made;   // when the socket was bound
     long long shown;  // when it was renamed last, or anything else of it was changed

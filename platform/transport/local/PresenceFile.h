@@ -16,7 +16,7 @@ struct statx_timestamp;
 
 namespace Transport {
 
-/** Of the day's time. */
+/** Nanoseconds since the epoch, of a time that the kernel has noted for a file. */
 long long nanosecondsOf(statx_timestamp const& time);
 
 /** Slot and name id: whose these are, in whatever group, is told by one lock. */
@@ -68,7 +68,7 @@ public:
     /** Whether it still is the one that everybody finds in the folder. */
     bool isIn(int folder) const;
     bool isSameAs(PresenceFile const& other) const;
-    /** When it was made, in nanoseconds of the day's time; nothing on a disk that does not note it.
+    /** When it was made, in nanoseconds since the epoch; nothing on a disk that does not note it.
      */
     std::optional<long long> madeAt() const;
 

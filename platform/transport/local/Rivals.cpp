@@ -23,25 +23,27 @@ bool isSenior(EntryTimes const& one, EntryTimes const& other, long long fileMade
 bool Rivals::believe(FolderEntry const& entry, bool holdsLock) const {
     auto const [first, last] =
         std::equal_range(all_.begin(), all_.end(), entry, FolderEntry::precedes);
+    if (last - first == 1)
+        return true;
     if (last - first > kMost || (holdsLock && entry.id.slotId() != slot_))
         return holdsLock;
     auto const identity = files_.identityOf(entry.file);
+    auto const times = files_.timesOf(entry.file);
+    auto const fileMade = files_.file()->madeAt();
+    auto const beats = [&](FolderEntry const& other) {
+        auto const otherTimes = files_.timesOf(other.file);
+        if (!times || !otherTimes || !fileMade)
+            return holdsLock;
+        if (!holdsLock)
+            return isSenior(*times, *otherTimes, *fileMade);
+        return !isSenior(*otherTimes, *times, *fileMade) || !mayListen(other);
+    };
     return std::all_of(first, last, [&](FolderEntry const& other) {
         return other.id != entry.id || other.file == entry.file ||
                files_.probe(other.file) != EntryFolder::Socket::Alive ||
-               files_.identityOf(other.file) == identity || beats(entry, holdsLock, other);
+               files_.identityOf(other.file) == identity ||  // another name of the same socket
+               beats(other);
     });
-}
-
-bool Rivals::beats(FolderEntry const& entry, bool holdsLock, FolderEntry const& other) const {
-    auto const times = files_.timesOf(entry.file);
-    auto const otherTimes = files_.timesOf(other.file);
-    auto const fileMade = files_.file()->madeAt();
-    if (!times || !otherTimes || !fileMade)
-        return holdsLock;
-    if (!holdsLock)
-        return isSenior(*times, *otherTimes, *fileMade);
-    return !isSenior(*otherTimes, *times, *fileMade) || !mayListen(other);
 }
 
 /** Whether the process that an entry names listens there, as far as can be told: a forked child may

@@ -18,9 +18,11 @@ namespace Transport {
  * Nobody can put back when a socket was made, or when it came into view (was renamed last). Who
  * changes anything of another's entry makes that look as if it had come later, and then the lock
  * decides; so it does on disks that do not note these times, and for ids of other machines, which
- * their link takes whoever has shown them before. What remains is who bound a socket before its
- * victim did and has the file replaced, or the clock set back. One who could take the lock first
- * needs neither.
+ * their link takes whoever has shown them before.
+ *
+ * An imitator of the same user is still believed if he bound his socket before the owner did and
+ * then has the file replaced, or the clock set back; as well as if he takes the lock in a new file
+ * where the lock decides.
  */
 class Rivals {
 public:
@@ -32,7 +34,6 @@ public:
     bool believe(FolderEntry const& entry, bool holdsLock) const;
 
 private:
-    bool beats(FolderEntry const& entry, bool holdsLock, FolderEntry const& other) const;
     bool mayListen(FolderEntry const& entry) const;
 
     EntryFolder const& files_;
