@@ -60,7 +60,7 @@ private:
         session_.takeActions(actions_);
         for (Action const& action : actions_)
             carryOut(action);
-        session_.send(message());
+        session_.send(message(), 0);
         session_.timePassed(now_);
         while (session_.nextPiece(piece_, now_))
             head_.taken = piece_.head.number;
@@ -80,7 +80,7 @@ private:
         else
             session_.settled(Link::Delivery(action), now_);
         if (action.serial % 3 == 1)
-            session_.returned(action.message, action.session);
+            session_.returned(action.message, action.session, false);
     }
 
     static Transport::AddressedMessage message() {

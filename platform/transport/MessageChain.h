@@ -39,6 +39,13 @@ public:
         if (message.block_ != nullptr)
             message.block_->marks |= static_cast<std::uint8_t>(mark);
     }
+    /** Where a message ended in the ring that it has come out of; kNotInRing: it has not. */
+    static std::uint32_t endInRing(AddressedMessage const& message) {
+        return message.block_ != nullptr ? message.block_->endInRing : MessageBlock::kNotInRing;
+    }
+    static void endInRing(AddressedMessage& message, std::uint32_t end) {
+        message.block_->endInRing = end;
+    }
 
     MessageChain() = default;
     ~MessageChain() { clear(); }
@@ -84,6 +91,10 @@ public:
     void append(MessageChain& other) {
         while (!other.empty())
             push(other.pop());
+    }
+    void markAll(MessageMark mark) {
+        for (MessageBlock* block = first_; block != nullptr; block = block->next)
+            block->marks |= static_cast<std::uint8_t>(mark);
     }
     void swap(MessageChain& other) {
         std::swap(first_, other.first_);

@@ -204,6 +204,7 @@ MessageBlock* MessagePool::take(std::size_t capacity) {
     block->originator = 0;
     block->destination = 0;
     block->marks = 0;
+    block->endInRing = MessageBlock::kNotInRing;
     return block;
 }
 

@@ -25,8 +25,11 @@ struct alignas(16) MessageBlock {
     std::uint32_t originator = 0;
     std::uint32_t destination = 0;
     std::uint16_t sizeClass = 0;
-    std::uint8_t marks = 0;       // a set of MessageMark
-    std::uint32_t keptUntil = 0;  // position in a ring, while a RingWriter keeps the message
+    std::uint8_t marks = 0;  // a set of MessageMark
+    /** Where it ends in a ring: while a RingWriter keeps it, and after it has come out of one. */
+    std::uint32_t endInRing = kNotInRing;
+
+    static constexpr std::uint32_t kNotInRing = 1;  // where none ends: at multiples of 8
 
     bool has(MessageMark mark) const { return (marks & static_cast<std::uint8_t>(mark)) != 0; }
     unsigned char* data() { return reinterpret_cast<unsigned char*>(this + 1); }

@@ -36,6 +36,8 @@ constexpr long kMemory = 24 * 1024;
 /** Has the allocator give large blocks back when they are freed. Else it keeps some megabytes for
  * each thread once there were large ones, and nobody could tell these from a leak. */
 constexpr char kGiveBack[] = "glibc.malloc.mmap_threshold=131072";
+/** Of the first ones in whom something is found, stacks are kept. */
+constexpr std::size_t kMostStacks = 2;
 /** Descriptors that the narrow one may have. */
 constexpr char kNarrow[] = "48";
 
@@ -257,7 +259,7 @@ private:
             return lose(newcomer, "does not start");
         newcomer.child().writeLine("go");
         if (!isToldToAll("met " + newcomer.id()))
-            return;
+            return lose(newcomer, "was not met by all");
         if (!newcomer.tell("rest", "resting"))
             return lose(newcomer, "does not rest");
         auto report = newcomer.report();
@@ -383,7 +385,7 @@ private:
         std::string text = good.name() + " " + what;
         if (good.child().waitForExit(milliseconds(200)))
             text += ", it ended with " + std::to_string(good.child().exitCode());
-        else if (faults_.empty())
+        else if (faults_.size() < kMostStacks)
             testsupport::keepStacks(good.child().pid(), folder_ + "/stacks." + good.name());
         for (std::string const& line : good.child().lines())
             if (line.rfind("fault ", 0) == 0)

@@ -28,8 +28,6 @@ using CourierLife = std::uint32_t;
 /** Of all couriers; brokers, which ask each other in group 3, are not to ask them. */
 constexpr unsigned char kCourierGroup = 5;
 constexpr std::uint32_t kLargestParcel = 2u << 20;
-/** A link that is killed takes with it the credit of a pair, which its last message may exceed. */
-constexpr std::size_t kMostWithLink = (std::size_t{1} << 20) + kLargestParcel;
 
 /** The head of a message; bytes that depend on the number fill the rest. */
 struct Parcel {
@@ -102,6 +100,13 @@ public:
     std::uint64_t count() const { return std::min(pages_->count.load(), kMostEntries); }
     bool isFull() const { return pages_->count >= kMostEntries; }
     Entry const& operator[](std::uint64_t place) const { return pages_->entries[place]; }
+    /** Whether its writer is done with it. */
+    bool isThere(std::uint64_t place) const {
+        bool const there =
+            *const_cast<Entry::Kind const volatile*>(&pages_->entries[place].kind) != Entry::None;
+        std::atomic_thread_fence(std::memory_order_acquire);
+        return there;
+    }
     /** Forgets all; while nobody notes anything. */
     void clear() {
         std::fill_n(pages_->entries, count(), Entry{});
@@ -121,8 +126,7 @@ private:
 /** What is known of a courier when its messages are judged. */
 struct Courier {
     int machine = 0;
-    bool died = false;     // in this stretch
-    bool stopped = false;  // likewise, for a while
+    bool died = false;  // in this stretch
 };
 
 /** The messages of a stretch, put together of all journals. */
@@ -134,14 +138,10 @@ public:
         atTermination_[termination] = life;
     }
     void died(CourierLife life) { couriers_[life].died = true; }
-    void stopped(CourierLife life) { couriers_[life].stopped = true; }
     /** That machines have had no link to each other for a while. */
     void parted(int one, int other) {
         partings_.insert({std::min(one, other), std::max(one, other)});
     }
-
-    /** A link had no time to give back what its machine's couriers had sent to others. */
-    void linkKilled(int machine) { killedLinks_.insert(machine); }
 
     /** Of the journal of a courier, in its order. */
     void take(CourierLife owner, Entry const& entry) {
@@ -183,28 +183,19 @@ public:
     }
     struct Tally {
         unsigned long taken = 0, refused = 0, came = 0, back = 0, both = 0;
-        unsigned long withCouriers = 0, withLinks = 0;  // that were killed
+        unsigned long withCouriers = 0;  // that were killed
     };
     Tally const& tally() const { return tally_; }
     /** Adds what is wrong with this stretch, which has come to rest, and begins the next. */
     std::vector<std::string> judge() {
         for (auto const& [key, message] : messages_)
             judge(authorOf(key), static_cast<std::uint32_t>(key), message);
-        for (auto const& [pair, bytes] : withLinks_)
-            if (bytes > kMostWithLink)
-                faults_.push_back("what courier " + nameOf(pair.first) + " sent to courier " +
-                                  nameOf(pair.second) +
-                                  " ended with a link: " + std::to_string(bytes) + " bytes");
-        withLinks_.clear();
-        for (auto& [life, courier] : couriers_)
-            courier.stopped = false;
         for (Disorder const& one : std::exchange(disorders_, {}))
             if (!wereParted(one.reader, one.author))
                 faults_.push_back(textOf(one.author, one.number) + " came behind " +
                                   std::to_string(one.last) + " at courier " + nameOf(one.reader));
         messages_.clear();
         partings_.clear();
-        killedLinks_.clear();
         for (auto at = couriers_.begin(); at != couriers_.end();)
             at = at->second.died ? couriers_.erase(at) : std::next(at);
         return std::exchange(faults_, {});
@@ -246,15 +237,7 @@ private:
     }
     /** Nobody tells of what one has read who was killed, nor gives it back to one who was. */
     bool mayBeMissing(CourierLife author, Message const& message) const {
-        return hasDied(author) || hasDied(message.destination) ||
-               mayBeWithLink(author, message.destination);
-    }
-    /** A link that is killed can give nothing back; and one that has lost the other machine does
-     * not wait until a process that is stopped takes what is too large for the ring to it. */
-    bool mayBeWithLink(CourierLife author, CourierLife destination) const {
-        Courier const &from = couriers_.at(author), &to = couriers_.at(destination);
-        return from.machine != to.machine && (killedLinks_.count(from.machine) > 0 ||
-                                              (from.stopped && wereParted(author, destination)));
+        return hasDied(author) || hasDied(message.destination);
     }
     void inOrder(CourierLife reader, Entry const& entry) {
         std::uint32_t& last = last_[std::uint64_t{reader} << 32 | entry.author];
@@ -287,12 +270,7 @@ private:
         else if (message.back > 0 && !excused)
             fault(message.came > 0 ? "came and came back, though nothing had happened"
                                    : "came back, though nothing had happened");
-        if (!isMissing(message))
-            return;
-        bool const withCourier = hasDied(author) || hasDied(message.destination);
-        ++(withCourier ? tally_.withCouriers : tally_.withLinks);
-        if (!withCourier)
-            withLinks_[{author, message.destination}] += message.bytes;
+        tally_.withCouriers += isMissing(message) && mayBeMissing(author, message);
     }
 
     /** What was sent before a parting may come behind what was sent after it. */
@@ -304,8 +282,6 @@ private:
     std::map<CourierLife, Courier> couriers_;
     std::map<std::uint32_t, CourierLife> atTermination_;
     std::set<std::pair<int, int>> partings_;
-    std::set<int> killedLinks_;
-    std::map<std::pair<CourierLife, CourierLife>, std::size_t> withLinks_;
     std::unordered_map<std::uint64_t, Message> messages_;
     std::unordered_map<std::uint64_t, std::uint32_t> last_;  // number, by reader and author
     std::vector<Disorder> disorders_;

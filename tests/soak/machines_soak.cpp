@@ -166,10 +166,7 @@ private:
                 ids += (ids.empty() ? "" : ",") + other->id;
         place.program->tell("go " + ids + " " + std::to_string(dice(1'000'000)));
     }
-    void killLink(int number) {
-        ledger_.linkKilled(number);
-        endLink(number, SIGKILL, -SIGKILL);
-    }
+    void killLink(int number) { endLink(number, SIGKILL, -SIGKILL); }
     void endLink(int number, int signal, int exitCode) {
         partFromAll(number);
         site(number).machine.link->signal(signal);
@@ -247,10 +244,7 @@ private:
     Blow stopCourier(Place& place) {
         return blow(
             50, 2500, "stop courier " + std::to_string(place.life >> 16),
-            [&] {
-                ledger_.stopped(place.life);
-                place.program->child().signal(SIGSTOP);
-            },
+            [&] { place.program->child().signal(SIGSTOP); },
             [&] { place.program->child().signal(SIGCONT); });
     }
     Blow killLinkOf(int number) {
@@ -415,9 +409,11 @@ private:
     static bool calls(StationActor& client, std::string const& station) {
         return client.does("keep " + station + " 2") && client.ask("use " + station, "used") == "1";
     }
+    /** Up to what one that lives is about to note. */
     void readJournal(Place& place) {
         Journal const& journal = *place.journal;
-        for (std::uint64_t const end = journal.count(); place.read < end; ++place.read)
+        std::uint64_t const end = journal.count();
+        for (; place.read < end && (!place.program || journal.isThere(place.read)); ++place.read)
             ledger_.take(place.life, journal[place.read]);
     }
     /** Machines whose links have told that they had none to each other. */
@@ -475,9 +471,9 @@ private:
         std::printf(
             "%u stretches, %zu blows, %zu partings; longest calm %lld ms; messages: %lu "
             "accepted, %lu refused, %lu delivered, %lu returned, %lu both, %lu ended with a "
-            "courier that was killed, %lu with a link\n",
+            "courier that was killed\n",
             stretches_, blows_, partings_, static_cast<long long>(longestCalm_), tally.taken,
-            tally.refused, tally.came, tally.back, tally.both, tally.withCouriers, tally.withLinks);
+            tally.refused, tally.came, tally.back, tally.both, tally.withCouriers);
         if (tally.came == 0 || (blows_ > 10 && tally.back == 0))
             faults_.push_back("nothing was there to be judged");
     }

@@ -124,9 +124,9 @@ private:
 
 /** Two ends of a connection of the channels' kind. */
 struct SocketPair {
-    SocketPair() {
+    explicit SocketPair(int type = SOCK_SEQPACKET) {
         int ends[2] = {-1, -1};
-        static_cast<void>(!::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends));
+        static_cast<void>(!::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends));
         near = Transport::Descriptor(ends[0]);
         far = Transport::Descriptor(ends[1]);
     }

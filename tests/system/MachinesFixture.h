@@ -59,12 +59,12 @@ protected:
         unsigned long accepted = 0, lost = 0, both = 0, doubled = 0;
         bool settled() const { return accepted > 0 && lost == 0; }
     };
-    Ledger ledger() {
+    Ledger ledgerOf(ActorProgram& to, std::string const& id) {
         Ledger ledger;
         ledger.accepted =
-            std::strtoul(sender->ask("accepted " + receiverId, "accepted").c_str(), nullptr, 10);
-        auto const came = timesOf(*receiver, "came", senderId, ledger.accepted);
-        auto const back = timesOf(*sender, "back", receiverId, ledger.accepted);
+            std::strtoul(sender->ask("accepted " + id, "accepted").c_str(), nullptr, 10);
+        auto const came = timesOf(to, "came", senderId, ledger.accepted);
+        auto const back = timesOf(*sender, "back", id, ledger.accepted);
         for (std::size_t i = 0; i < ledger.accepted; ++i) {
             ledger.lost += came[i] + back[i] == 0;
             ledger.both += came[i] > 0 && back[i] > 0;
@@ -74,9 +74,10 @@ protected:
     }
     /** Each message that was accepted has been delivered or has come back, and no more than once:
      * both only when what settled it was lost. */
-    void awaitAllAccountedFor() {
-        EXPECT_SOON(ledger().settled());
-        Ledger const end = ledger();
+    void awaitAllAccountedFor() { awaitAllAccountedFor(*receiver, receiverId); }
+    void awaitAllAccountedFor(ActorProgram& to, std::string const& id) {
+        EXPECT_SOON(ledgerOf(to, id).settled());
+        Ledger const end = ledgerOf(to, id);
         EXPECT_EQ(end.lost, 0u);
         EXPECT_EQ(end.doubled, 0u);
         EXPECT_EQ(reportOf(*sender).damaged, 0u);

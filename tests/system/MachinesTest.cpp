@@ -139,10 +139,44 @@ TEST_F(MachinesTest, the_end_of_a_process_or_of_a_link_is_told_and_all_comes_bac
         sender->tell("flood " + receiverId + " 30000 200");
         machine->link->kill();
         EXPECT_TRUE(told("departed "));
+        EXPECT_EQ(machine->link->exitCode(), -SIGKILL);
         machine->startLink();
         awaitLinked();
         EXPECT_TRUE(told("arrived "));
         EXPECT_TRUE(sender->does("ping " + receiverId));
+    }
+    awaitAllAccountedFor();
+}
+
+TEST_F(MachinesTest, links_that_are_killed_take_nothing_with_them) {
+    join();
+    struct Other {
+        char const* flood;  // more than rings and links hold
+        std::unique_ptr<ActorProgram> actor;
+        std::string id;
+    };
+    Other others[] = {{" 20000 200", {}, {}}, {" 100 40000", {}, {}}, {" 6 2097152", {}, {}}};
+    for (Other& other : others) {
+        other.actor = two.actor("transport_actor");
+        other.id = other.actor->ask("join", "id");
+        ASSERT_TRUE(sender->does("ping " + other.id));
+        ASSERT_TRUE(other.actor->child().stopWholly());
+        sender->tell("flood " + other.id + other.flood);
+    }
+    EXPECT_SOON(one.status().number("unsettledBytes") > 3'500'000);
+    for (Machine const* machine : {&one, &two})
+        machine->link->kill();
+    for (Machine const* machine : {&one, &two})
+        EXPECT_EQ(machine->link->exitCode(), -SIGKILL);
+    for (Other const& other : others)
+        other.actor->child().signal(SIGCONT);
+    for (Machine* machine : {&one, &two})
+        machine->startLink();
+    awaitLinked();
+    for (Other const& other : others) {
+        SCOPED_TRACE(other.flood);
+        EXPECT_SOON(sender->does("ping " + other.id));
+        awaitAllAccountedFor(*other.actor, other.id);
     }
 }
 

@@ -60,8 +60,11 @@ protected:
     void TearDown() override {
         for (Machine* machine : {&one, &two})
             if (HasFailure() && machine->link)
-                for (std::string const& line : machine->link->errorLines())
-                    std::printf("%s\n", line.c_str());
+                show(*machine);
+    }
+    static void show(Machine const& machine) {
+        for (std::string const& line : machine.link->errorLines())
+            std::printf("%s\n", line.c_str());
     }
 
     bool keys(std::string const& command, std::string const& words = "") const {
@@ -78,26 +81,32 @@ protected:
                          " && cp -L " ENGINE_DIR "/" ENGINE_NAME " " ENGINE_DIR
                          "/libddsc*/libdds_security_*.so " +
                          engine + " && mv " + access + "ac.so " + engine +
-                         "/real.so && cp " LYING_ENGINE " " + access + "ac.so)"));
+                         "/real_libdds_security_ac.so && cp " LYING_ENGINE " " + access +
+                         "ac.so)"));
         if (!lies.empty())
             lies["LD_PRELOAD"] = access + "ac.so";
         lies["LD_LIBRARY_PATH"] = engine;
-        lies["LIE_IN_PLACE_OF"] = engine + "/real.so";
+        lies["LIE_IN_PLACE_OF"] = engine + "/real_libdds_security_ac.so";
         return lies;
     }
-    static bool hasLinked(Machine const& machine, std::string const& with = "") {
+    static bool hasSaid(Machine const& machine, std::string const& part) {
         for (std::string const& line : machine.link->errorLines())
-            if (line.find("linked with slot " + with) != std::string::npos)
+            if (line.find(part) != std::string::npos)
                 return true;
         return false;
     }
-    /** That it is not let in machine two tells with this line. */
+    static bool hasLinked(Machine const& machine, std::string const& with = "") {
+        return hasSaid(machine, "linked with slot " + with);
+    }
+    /** That it is not let in machine two tells with this line, before or after those of others. */
     void expectKeptOut(Machine& machine, int slot, std::string const& line) {
         SCOPED_TRACE(line);
-        EXPECT_TRUE(two.link->waitForErrorLine(line));
+        EXPECT_SOON(hasSaid(two, line));
         EXPECT_FALSE(hasLinked(machine));
         for (Machine* good : {&one, &two})
             EXPECT_FALSE(hasLinked(*good, std::to_string(slot) + ","));
+        if (HasFailure())
+            show(machine);
         machine.link.reset();
     }
 

@@ -1,11 +1,13 @@
 #include <sched.h>
 
+#include <ctime>
 #include <deque>
 #include <optional>
 
 #include "HandMadeLink.h"
 #include "Threads.h"
 #include "TransportActor.h"
+#include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/ReceiverOwner.h"
 #include "platform/transport/local/ReceiverPool.h"
@@ -202,11 +204,19 @@ TEST_F(ChannelTest, WhatASenderHasNotTakenBackDiesWithItAndComesToNobody) {
     EXPECT_EQ(Transport::Switchboard::instance().sendBack(message), 0);
 }
 
+Transport::ReceiverPool& ownPool() {
+    static Transport::ReceiverPool pool(1);
+    return pool;
+}
+
 /** Stands for a termination of another machine. */
 class Proxy final : public Transport::ReceiverOwner {
 public:
-    explicit Proxy(Transport::TerminationId id, Transport::ReceiverPool& pool = ownPool())
-        : id_(id), receiver_(std::make_shared<Transport::Receiver>(id, *this)) {
+    explicit Proxy(Transport::TerminationId id, Transport::ReceiverPool& pool = ownPool(),
+                   std::uint32_t releases = 0xFFFFFFFF)
+        : id_(id),
+          releases_(releases),
+          receiver_(std::make_shared<Transport::Receiver>(id, *this)) {
         auto& rendezvous = Transport::Rendezvous::instance();
         EXPECT_TRUE(rendezvous.adopt(id, "elsewhere", "", Transport::Visibility::Member));
         EXPECT_TRUE(receiver_->prepare());
@@ -214,16 +224,21 @@ public:
         EXPECT_TRUE(receiver_->start(std::move(rendezvous.publish(std::vector{id}).front()), pool));
     }
     ~Proxy() {
+        receiver_->takeNoMore();
         Transport::Rendezvous::instance().withdraw(id_);
         receiver_->stop();
     }
 
+    std::atomic<bool> keeps{false};      // what has come when its connection ends
+    std::atomic<std::uint32_t> last{0};  // place that has come
     std::atomic<std::uint32_t> taken{0};
     std::atomic<std::uint32_t> takenBefore{0};  // the last end of a batch
     std::atomic<std::uint32_t> queued{0};       // of those that came back
     std::atomic<std::uint32_t> inRing{0};
-    std::atomic<std::uint32_t> faults{0};  // of them, by what was told before
-    std::atomic<std::uint64_t> left{0};    // the queue, up to this place
+    std::atomic<std::uint32_t> faults{0};      // of them, by what was told before
+    std::atomic<std::uint64_t> left{0};        // the queue, up to this place
+    std::atomic<int> channels{0};              // that have begun, and are not cleared
+    std::atomic<std::uint32_t> backBefore{0};  // the last that was cleared
 
     /** The place of the message; nothing when it is refused. */
     std::optional<std::uint64_t> send(Transport::TerminationId to, std::uint32_t number,
@@ -241,11 +256,15 @@ public:
     }
 
 private:
-    static Transport::ReceiverPool& ownPool() {
-        static Transport::ReceiverPool pool(1);
-        return pool;
+    void received(Transport::AddressedMessage const& message) override {
+        last = Transport::MessageChain::endInRing(message);
+        if (taken++ < releases_)
+            Transport::Switchboard::instance().find(id_, message.originator())->release(last);
     }
-    void received(Transport::AddressedMessage const&) override { ++taken; }
+    std::optional<std::uint32_t> connectionEnded(Transport::TerminationId, std::uint32_t,
+                                                 bool takenBack) override {
+        return keeps && !takenBack ? std::optional(last.load()) : std::nullopt;
+    }
     void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached) override {
         bool const wasInRing = reached == Transport::Reached::Ring;
         std::lock_guard<std::mutex> const lock(mutex_);
@@ -258,9 +277,15 @@ private:
         faults += place <= left;
         left = place;
     }
-    bool tellsPlaces() const override { return true; }
+    void channelBegan(Transport::TerminationId, std::uint32_t) override { ++channels; }
+    void channelCleared(Transport::TerminationId, std::uint32_t) override {
+        backBefore = queued + inRing;
+        --channels;
+    }
+    bool passesOn() const override { return true; }
 
     Transport::TerminationId const id_;
+    std::uint32_t const releases_;  // so many; what comes then it keeps
     std::mutex mutex_;
     std::map<std::uint32_t, std::uint64_t> places_;  // guarded by mutex_
     std::shared_ptr<Transport::Receiver> const receiver_;
@@ -275,6 +300,131 @@ TEST_F(ChannelTest, ATerminationOfAnotherMachineIsReachedThroughWhoStandsForIt) 
         ASSERT_TRUE(proxy.send(peer.id(), number, 8));
     EXPECT_TRUE(peer.waitForReceived(10));
     EXPECT_EQ(peer.report().faults, 0u);
+}
+
+TEST_F(ChannelTest, WhatWhoPassesItOnHasNotReleasedComesBackInOrderAndOnce) {
+    constexpr std::uint32_t kReleased = 7;
+    Transport::TerminationId const id(1, 9, kGroup);
+    struct Case {
+        std::uint32_t count;
+        std::size_t size;
+    };
+    // In the ring; then also in the queue; then in pieces, and more than a ring takes of them.
+    for (Case const each : {Case{100, 8}, Case{40, 40'000}, Case{10, 600'000}}) {
+        SCOPED_TRACE(each.size);
+        Met peer(own_);
+        std::optional<Proxy> proxy;
+        proxy.emplace(id, ownPool(), kReleased);
+        peer.flood(id, each.count, each.size);
+        std::string const all = std::to_string(each.count);
+        std::string const kept = std::to_string(each.count - kReleased);
+        EXPECT_EQ(peer.ask("accepted " + hex(id), "accepted"), all);
+        EXPECT_SOON(proxy->taken > kReleased);
+        proxy.reset();
+        EXPECT_SOON(peer.ask("back " + hex(id), "back") == "0x7 1x" + kept);
+        EXPECT_EQ(peer.report().returned, each.count - kReleased);
+        EXPECT_EQ(peer.report().returnedFaults, 0u);
+    }
+}
+
+TEST_F(ChannelTest, WhatWhoPassesItOnHasWhenHeEndsOneConnectionIsHisIfHeSaysSo) {
+    using namespace Transport;
+    TerminationId const id(1, 9, kGroup);
+    for (bool const keeps : {true, false}) {
+        SCOPED_TRACE(keeps);
+        Proxy proxy(id, ownPool(), 1);
+        proxy.keeps = keeps;
+        testsupport::HandMadeEntry entry(kGroup);
+        testsupport::HandMadeLink link = entry.connect(id);
+        ASSERT_TRUE(link.open());
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(link.put("a message"));
+        link.ring();
+        EXPECT_SOON(proxy.taken == 3u);
+        EXPECT_EQ(link.unread(), 2 * frameBytes(9));
+        link.send(link.packet(99));  // nonsense
+        EXPECT_SOON((link.hear(1), link.ended));
+        EXPECT_EQ(link.unread(), keeps ? 0 : 2 * frameBytes(9));
+        link = entry.connect(id);
+        ASSERT_TRUE(link.open());
+        ASSERT_TRUE(link.put("a message"));
+        link.ring();
+        EXPECT_SOON(proxy.taken == 4u);
+        EXPECT_EQ(link.unread(), frameBytes(9));
+    }
+}
+
+TEST_F(ChannelTest, WhatIsReleasedJustWhenItsConnectionEndsIsReleasedOnceOrNotAtAll) {
+    using namespace Transport;
+    TerminationId const id(1, 9, kGroup);
+    Proxy proxy(id, ownPool(), 0);
+    testsupport::HandMadeEntry entry(kGroup);
+    std::atomic<bool> done{false};
+    testsupport::TestThreads releasing(1, [&](std::size_t) {
+        for (; !done; sched_yield())
+            if (auto const channel = Switchboard::instance().find(id, entry.id()))
+                channel->release(proxy.last);
+    });
+    testsupport::Mark const whenLeft{done};
+    std::uint32_t sent = 0;
+    for (int round = 0; round < 50; ++round) {
+        testsupport::HandMadeLink link = entry.connect(id);
+        ASSERT_TRUE(link.open());
+        for (bool const stays : {true, false}) {
+            for (int i = 0; i < 3; ++i, ++sent)
+                ASSERT_TRUE(link.put("a message"));
+            link.ring();
+            if (stays) {
+                EXPECT_SOON(link.unread() == 0);
+            }
+        }
+        link = {};
+        EXPECT_SOON(proxy.taken == sent);
+    }
+}
+
+TEST_F(ChannelTest, WhoWritesOverWhatIsNotReleasedIsNotReadForEver) {
+    using namespace Transport;
+    constexpr std::uint32_t kFrame = 1024;
+    TerminationId const id(1, 9, kGroup);
+    Proxy proxy(id, ownPool(), 0);
+    testsupport::HandMadeEntry entry(kGroup);
+    testsupport::HandMadeLink link = entry.connect(id);
+    ASSERT_TRUE(link.open(kLargestRing));
+    std::string const bytes(kFrame - sizeof(FrameHead), 'x');
+    FrameHead const head{static_cast<std::uint32_t>(bytes.size()),
+                         static_cast<std::uint32_t>(bytes.size())};
+    for (std::uint32_t tail = 0; tail <= kLargestRing; tail += kFrame) {
+        if (tail == kLargestRing) {
+            ASSERT_SOON(proxy.taken == kLargestRing / kFrame);
+        }
+        link.writeFrame(tail, head, bytes);
+        link.own.page().tail.store(tail + kFrame);
+        link.ring();
+    }
+    EXPECT_SOON((link.hear(1), link.ended));
+    EXPECT_EQ(proxy.taken, kLargestRing / kFrame);
+}
+
+TEST_F(ChannelTest, EachTimeThatATerminationIsShownIsToldApart) {
+    using namespace Transport;
+    TerminationId const id(1, 9, kGroup);
+    std::optional<Showing> former;
+    for (int i = 0; i < 3; ++i) {
+        Proxy const proxy(id);
+        auto const showing = Rendezvous::instance().showingOf(id);
+        ASSERT_TRUE(showing.has_value());
+        EXPECT_FALSE(showing == former);
+        EXPECT_TRUE(showing == Rendezvous::instance().showingOf(id));
+        former = showing;
+        // The disk's clock is a coarse one.
+        EXPECT_SOON([&] {
+            timespec now{};
+            clock_gettime(CLOCK_REALTIME_COARSE, &now);
+            return now.tv_sec * 1'000'000'000LL + now.tv_nsec > showing->since;
+        }());
+    }
+    EXPECT_FALSE(Rendezvous::instance().showingOf(id).has_value());
 }
 
 TEST_F(ChannelTest, ManyWhoStandForOthersShareThreadsAndAreServedUntilEachEnds) {
@@ -364,8 +514,10 @@ TEST_F(ChannelTest, WhoseMessagesHaveToWaitIsToldWhenTheyWaitNoMore) {
     EXPECT_EQ(peer.report().faults, 0u);
     std::uint32_t const taken = number;
     ASSERT_NO_FATAL_FAILURE(fill());
+    EXPECT_EQ(proxy.channels, 1);
     peer.child().kill();
-    EXPECT_SOON(proxy.queued + proxy.inRing == number - taken);
+    EXPECT_SOON(proxy.channels == 0);
+    EXPECT_EQ(proxy.backBefore, number - taken) << "all are back when that is told";
     EXPECT_EQ(proxy.queued, last - proxy.left) << "and all others are told of";
     EXPECT_GT(proxy.inRing, 20u) << "a ring takes a mebibyte";
     EXPECT_EQ(proxy.faults, 0u);

@@ -457,6 +457,19 @@ TEST_F(FolderTest, manyEntriesOfOneIdHideNobody) {
     EXPECT_TRUE(newcomer.waitUntilTold("arrived", id));
 }
 
+TEST_F(FolderTest, aNameThatVeryManyEntriesBearIsPassedOverAtOnce) {
+    PresenceActor actor;
+    std::string const first = actor.start();
+    actor.does("stop " + first);  // nobody is there who removes what has no owner
+    for (char const* name : {"0002", "0003"})
+        for (int i = 0; i < (name[3] == '2' ? 65 : 64); ++i) {
+            std::string const file = "0301" + std::string(name) + ".group3.slot1.pid1.";
+            ASSERT_EQ(mknod(inFolder(file + std::to_string(i)).c_str(), S_IFSOCK | 0600, 0), 0);
+        }
+    EXPECT_EQ(actor.start().substr(4), "0003") << "all who bear this one have been looked at";
+    EXPECT_SOON(countEntries() == 1);
+}
+
 TEST_F(FolderTest, entriesThatBearTheIdsOfOthersFoolNobody) {
     PresenceActor first;
     PresenceActor second;

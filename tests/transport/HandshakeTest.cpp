@@ -1,11 +1,14 @@
 #include <linux/fuse.h>
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 
 #include <atomic>
+#include <deque>
 
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
@@ -15,6 +18,7 @@
 #include "TransportActor.h"
 #include "platform/transport/local/Acceptor.h"
 #include "platform/transport/local/Receiver.h"
+#include "platform/transport/local/Switchboard.h"
 
 namespace transporttest {
 namespace {
@@ -54,6 +58,8 @@ public:
     void accept() { take(entry_.accept(to, kPatience)); }
     void stopListening() { entry_.stopListening(); }
     void hangUp() { socket.reset(); }
+    /** The connection before this one ends only now. */
+    void hangUpFormer() { formerSocket_.reset(); }
     /** A Hello with a fault. */
     Packet badHello(void (*spoil)(Packet&)) const {
         Packet hello = packet(Packet::Hello, kSmallestRing);
@@ -65,6 +71,12 @@ public:
         if (!own.valid() || !own.file.valid())
             makeSide();
         introduce();
+    }
+    /** Over another connection, with a new side. */
+    void comeBack(TerminationId destination) {
+        EXPECT_TRUE(connect(destination));
+        own = OwnSide();
+        sayHello();
     }
     bool isWelcome() { return nextKind() == Packet::Welcome && peer.valid(); }
     bool open(TerminationId destination) {
@@ -381,6 +393,19 @@ void passAll(int socket, Packet const& packet, std::vector<LingeringConnection>&
         connection.letGo();
 }
 
+TEST_F(HandshakeTest, AStreamThatTellsCredentialsAtItsEndIsClosedAsWell) {
+    HandMadePeer peer;
+    SocketPair pair(SOCK_STREAM);
+    int const yes = 1;
+    ASSERT_EQ(::setsockopt(pair.far.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes), 0);
+    std::size_t const before = openDescriptors("socket:");
+    ASSERT_TRUE(peer.connect(own_.termId()));
+    ASSERT_TRUE(sendWith(peer.socket.get(), "nonsense", {pair.far.get()}));
+    pair.far.reset();
+    EXPECT_TRUE(peer.isDropped());
+    EXPECT_SOON(openDescriptors("socket:") == before);
+}
+
 TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
     std::size_t const before = openDescriptors("socket:");
     constexpr std::size_t kMore = 10;  // than there are threads that close
@@ -401,27 +426,31 @@ TEST_F(HandshakeTest, SocketsThatHoldLingeringConnectionsAreClosedAsWell) {
         << "whoever closes hangs";
 }
 
-/** A file whose closing hangs, as long as this lives: that of a file system that never answers. */
+/** A file whose closing hangs, as long as this lives: that of a file system that never answers. A
+ * child serves it, which ends with the test however that ends: else what waits could not be killed.
+ */
 class HangingFile {
 public:
     HangingFile() {
         char name[] = "/tmp/reflectorb-XXXXXX";
         Descriptor const point(::mkstemp(name));
+        Descriptor const device(::open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK));
         path_ = name;
         std::string const options =
-            "fd=" + std::to_string(device_.get()) + ",rootmode=100600,user_id=0,group_id=0";
+            "fd=" + std::to_string(device.get()) + ",rootmode=100600,user_id=0,group_id=0";
         if (::mount("hanging", name, "fuse", 0, options.c_str()) != 0)
             return;
-        server_ = std::thread([this] { serve(); });
+        pid_t const parent = ::getpid();
+        server_ = ::fork();
+        if (server_ == 0)
+            serve(device.get(), parent);
         file_ = Descriptor(::open(name, O_RDONLY | O_CLOEXEC));
     }
     ~HangingFile() {
-        ends_ = true;
-        if (server_.joinable())
-            server_.join();
-        device_.reset();  // lets all go
-        file_.reset();
-        ::umount2(path_.c_str(), MNT_DETACH);
+        if (server_ > 0) {
+            ::kill(server_, SIGTERM);  // lets all go
+            ::waitpid(server_, nullptr, 0);
+        }
         std::filesystem::remove(path_);
     }
 
@@ -429,41 +458,53 @@ public:
     int get() const { return file_.get(); }
 
 private:
-    void serve() {
+    /** In the child: only system calls. */
+    [[noreturn]] void serve(int device, pid_t parent) const {
+        constexpr int kDevice = 3;
+        sigset_t end;
+        sigemptyset(&end);
+        sigaddset(&end, SIGTERM);
+        ::pthread_sigmask(SIG_SETMASK, &end, nullptr);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        ::dup2(device, kDevice);
+        ::closefrom(kDevice + 1);
+        timespec const look{0, 0};
+        while (::getppid() == parent && ::sigtimedwait(&end, nullptr, &look) < 0)
+            if (isReadable(kDevice, 10))
+                serveOne(kDevice);
+        ::umount2(path_.c_str(), MNT_DETACH);
+        ::_exit(0);
+    }
+    static void serveOne(int device) {
         alignas(fuse_in_header) char request[2 * FUSE_MIN_READ_BUFFER];
-        while (!ends_) {
-            if (!isReadable(device_.get(), 10) ||
-                ::read(device_.get(), request, sizeof request) < ssize_t{sizeof(fuse_in_header)})
-                continue;
-            auto const& head = *reinterpret_cast<fuse_in_header const*>(request);
-            if (head.opcode == FUSE_INIT) {
-                fuse_init_out welcome{};
-                welcome.major = FUSE_KERNEL_VERSION;
-                welcome.minor = FUSE_KERNEL_MINOR_VERSION;
-                welcome.max_write = 4096;
-                answer(head, welcome);
-            } else if (head.opcode == FUSE_GETATTR) {
-                fuse_attr_out attributes{};
-                attributes.attr.mode = S_IFREG | 0600;
-                attributes.attr.nlink = 1;
-                answer(head, attributes);
-            } else if (head.opcode == FUSE_OPEN) {
-                answer(head, fuse_open_out{});
-            }
+        if (::read(device, request, sizeof request) < ssize_t{sizeof(fuse_in_header)})
+            return;
+        auto const& head = *reinterpret_cast<fuse_in_header const*>(request);
+        if (head.opcode == FUSE_INIT) {
+            fuse_init_out welcome{};
+            welcome.major = FUSE_KERNEL_VERSION;
+            welcome.minor = FUSE_KERNEL_MINOR_VERSION;
+            welcome.max_write = 4096;
+            answer(device, head, welcome);
+        } else if (head.opcode == FUSE_GETATTR) {
+            fuse_attr_out attributes{};
+            attributes.attr.mode = S_IFREG | 0600;
+            attributes.attr.nlink = 1;
+            answer(device, head, attributes);
+        } else if (head.opcode == FUSE_OPEN) {
+            answer(device, head, fuse_open_out{});
         }
     }
     template <class Body>
-    void answer(fuse_in_header const& to, Body body) const {
+    static void answer(int device, fuse_in_header const& to, Body body) {
         fuse_out_header head{sizeof head + sizeof body, 0, to.unique};
         iovec parts[] = {{&head, sizeof head}, {&body, sizeof body}};
-        EXPECT_GT(::writev(device_.get(), parts, 2), 0);
+        (void)!::writev(device, parts, 2);
     }
 
-    Descriptor device_{::open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)};
     std::string path_;
+    pid_t server_ = -1;
     Descriptor file_;
-    std::atomic<bool> ends_{false};
-    std::thread server_;
 };
 
 TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
@@ -487,6 +528,75 @@ TEST_F(HandshakeTest, AFileWhoseClosingHangsHoldsUpNoOtherClosing) {
     expectThatAGoodOneIsWelcome();
 }
 
+/** More than one process may have waiting, in sockets that are dropped unread; then connections
+ * that linger in such sockets, which nobody takes out any more. */
+TEST_F(HandshakeTest, WhoPassesFilesWhoseClosingHangsKeepsOutNobodyElse) {
+    Peer other;  // now: a child of one who has such files would hang
+    HangingFile const hanging;
+    if (!hanging.works())
+        GTEST_SKIP() << "this user may not mount a file system";
+    raiseDescriptorLimit();
+    std::size_t const before = openDescriptors("/tmp/reflectorb-");
+    HandMadePeer peer;
+    auto const leaveUnread = [&](std::vector<int> const& descriptors) {
+        return peer.connect(own_.termId()) &&
+               sendWith(peer.socket.get(), "nonsense", descriptors) && peer.isDropped();
+    };
+    for (int i = 0; i < 20; ++i)
+        ASSERT_TRUE(leaveUnread(std::vector<int>(250, hanging.get())));
+    auto const passTwo = [&] {
+        return peer.connect(own_.termId()) &&
+               peer.send(peer.packet(Packet::Hello, kSmallestRing), hanging.get(), hanging.get());
+    };
+    EXPECT_SOON(passTwo() && log_.contains("closing what it has passed hangs"));
+    std::deque<LingeringConnection> connections;
+    std::size_t const sockets = openDescriptors("socket:");
+    constexpr std::size_t kMany = sizeof(void*) == 4 ? 200 : 600;  // a thread, with a stack, each
+    for (std::size_t i = 0; i < kMany; ++i) {
+        bool const left = leaveUnread({connections.emplace_back().get()});
+        connections.back().letGo();
+        ASSERT_TRUE(left) << "it waits itself";
+    }
+    other.flood(own_.termId(), 1, 8);
+    EXPECT_TRUE(own_.waitForReceived(1)) << "another process waits, too";
+    EXPECT_LT(openDescriptors("/tmp/reflectorb-") - before, 2048u);
+    EXPECT_SOON(openDescriptors("socket:") < sockets + kMany + kMany / 2)
+        << "what lingers in them holds up who closes them";
+    EXPECT_FALSE(log_.contains("stays open") || log_.contains("accepts nobody"));
+}
+
+/** Sockets whose closing has the kernel wait for all its processors, before very many pipes. */
+TEST_F(HandshakeTest, WhatIsSlowToCloseInSocketsIsTakenOutNoFasterThanItIsClosed) {
+    constexpr std::size_t kSlow = 40;
+    std::size_t const before = openDescriptors("socket:");
+    std::vector<Descriptor> slow(kSlow);
+    for (Descriptor& one : slow)
+        one = Descriptor(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    if (!slow.back().valid())
+        GTEST_SKIP() << "this user may not have such sockets";
+    raiseDescriptorLimit();
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    Descriptor const pipe(ends[0]), other(ends[1]);
+    std::vector<int> passed(250, pipe.get());
+    for (std::size_t i = 0; i < kSlow; ++i)
+        passed[i] = slow[i].get();
+    SocketPair pair;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(sendWith(pair.near.get(), "x", passed));
+        std::fill(passed.begin(), passed.end(), pipe.get());
+        slow.clear();
+    }
+    HandMadePeer peer;
+    ASSERT_TRUE(peer.connect(own_.termId()));
+    ASSERT_TRUE(peer.send(peer.packet(Packet::Left), pair.far.get()));
+    pair.far.reset();
+    EXPECT_TRUE(peer.isDropped());
+    EXPECT_SOON(peer.connect(own_.termId()) && openDescriptors("socket:") < before + kSlow / 2);
+    expectThatAGoodOneIsWelcome();
+    EXPECT_FALSE(log_.contains("accepts nobody"));
+}
+
 TEST_F(HandshakeTest, MoreThanThereIsRoomForIsNotClosedByWhoeverReceivesIt) {
     HandMadePeer peer;
     ASSERT_TRUE(peer.open(own_.termId()));
@@ -508,7 +618,7 @@ TEST(PacketTest, APeerThatHasNotReadAllIsHeardToTheEnd) {
         pair.far.reset();
         ReceivedPacket received;
         if (dropped)
-            dropPackets(pair.near.get());
+            dropPackets(pair.near.get(), ::getpid());
         else
             EXPECT_EQ(receivePacket(pair.near.get(), received), Transfer::Done);
         EXPECT_EQ(receivePacket(pair.near.get(), received), Transfer::Closed);
@@ -556,6 +666,24 @@ TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) 
     ASSERT_TRUE(peer.isWelcome());
 }
 
+TEST_F(HandshakeTest, AChannelWithoutTrafficGivesWayWhereDescriptorsHaveRunOut) {
+    HandMadePeer idle;
+    HandMadePeer newcomer;
+    ASSERT_TRUE(idle.open(own_.termId()));
+    newcomer.makeSide();
+    std::size_t const before = openDescriptors("socket:");
+    ASSERT_TRUE(newcomer.connect(own_.termId()));
+    ASSERT_SOON(openDescriptors("socket:") == before + 2);
+    NoDescriptors const none;
+    newcomer.sayHello();
+    EXPECT_EQ(idle.nextKind(), Packet::Bye);
+    EXPECT_TRUE(idle.isDropped()) << "it does not answer";
+    idle.hangUp();
+    idle.peer = PeerSide();  // the newcomer needs some here, too
+    EXPECT_TRUE(newcomer.isWelcome());
+    EXPECT_TRUE(log_.contains("does not answer"));
+}
+
 /** What processes may have of a kind in a test. */
 class LittleRoom {
 public:
@@ -587,6 +715,10 @@ TEST_F(HandshakeTest, WhatWaitsForOneProcessIsBoundedHoweverManyTerminationsItHa
                 ASSERT_LE(++taken, kMost) << "no bound";
         }
         EXPECT_GE(taken, kMost / 2 - 1) << "half of it is for one";
+        HandMadePeer late;
+        EXPECT_EQ(sender.send(late.from, TestHead::Numbered, 0, kSize), 0);
+        EXPECT_SOON(Switchboard::instance().find(sender.termId(), late.from) == nullptr)
+            << "kept for nothing";
         ASSERT_TRUE(other.child().stopWholly());
         for (std::uint32_t i = 0; i < 8; ++i)
             EXPECT_EQ(sender.send(other.id(), TestHead::Numbered, i, kSize), 1)
@@ -620,6 +752,25 @@ TEST_F(HandshakeTest, ConnectionsOfOneProcessAreBoundedAndOthersFindRoom) {
     peers[0].hangUp();  // one for the other process, one for the next
     peers[1].hangUp();
     EXPECT_SOON(HandMadePeer().open(own_.termId()));
+}
+
+TEST_F(HandshakeTest, NothingIsKeptOfAPeerWhileThereIsNothingToSay) {
+    HandMadePeer peer;
+    auto const isKept = [&] {
+        return Switchboard::instance().find(own_.termId(), peer.from) != nullptr;
+    };
+    ASSERT_TRUE(peer.open(own_.termId()));
+    EXPECT_TRUE(isKept());
+    peer.hangUp();
+    EXPECT_SOON(!isKept());
+    ASSERT_TRUE(peer.connect(own_.termId()));
+    EXPECT_TRUE(peer.send(peer.packet(Packet::Hello, kSmallestRing)));
+    EXPECT_TRUE(log_.waitFor("its shared memory makes no sense"));
+    EXPECT_SOON(!isKept());
+    ASSERT_EQ(own_.send(peer.from, TestHead::Numbered, 0), 1);
+    ASSERT_TRUE(peer.welcome());
+    EXPECT_SOON(peer.wasSent() != 0);
+    EXPECT_TRUE(isKept());
 }
 
 TEST_F(HandshakeTest, MessagesThatOneProcessNeverFinishesAreBoundedAndOthersWaitUntilThereIsRoom) {
@@ -683,9 +834,7 @@ TEST_F(HandshakeTest, WhoComesBackBeforeAllOfItsFormerChannelIsReadIsWelcomeAfte
         if (own.tally().received == 10) {
             EXPECT_TRUE(sent.wait());
             peer.hangUp();
-            EXPECT_TRUE(peer.connect(own.termId()));
-            peer.own = OwnSide();
-            peer.sayHello();
+            peer.comeBack(own.termId());
             back.open();
         }
         return true;
@@ -697,6 +846,24 @@ TEST_F(HandshakeTest, WhoComesBackBeforeAllOfItsFormerChannelIsReadIsWelcomeAfte
     ASSERT_TRUE(back.wait());
     EXPECT_TRUE(peer.isWelcome());
     EXPECT_TRUE(own.waitForReceived(kMany));
+}
+
+TEST_F(HandshakeTest, WhoComesBackAndThenEndsItsFormerConnectionIsWelcome) {
+    HandMadePeer peer;
+    Gate sent;
+    TestTermination own;
+    own.onReceive([&](AddressedMessage const&) {
+        EXPECT_TRUE(sent.wait());
+        peer.comeBack(own.termId());
+        peer.hangUpFormer();
+        return true;
+    });
+    ASSERT_EQ(own.start(), 1);
+    ASSERT_TRUE(peer.open(own.termId()));
+    peer.put({0, 0}, 8);
+    sent.open();
+    ASSERT_TRUE(own.waitForReceived(1));
+    EXPECT_TRUE(peer.isWelcome());
 }
 
 TEST_F(HandshakeTest, AShortageOfMemoryAtOneEventCostsNoOther) {

@@ -1,8 +1,17 @@
 // Processes that see each other come, stop and die, through a rendezvous folder.
 #include <sys/stat.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
+
+#include "HandMadeLink.h"
 #include "Slowness.h"
 #include "TransportActor.h"
+#include "Waiting.h"
+#include "platform/transport/local/Receiver.h"
+#include "platform/transport/local/ReceiverOwner.h"
+#include "platform/transport/local/Switchboard.h"
 
 namespace transporttest {
 namespace {
@@ -196,6 +205,118 @@ TEST_F(PresenceTest, aFolderHasOneLinkWhateverBecomesOfItsFileAndItTakesNoAddres
         PresenceActor().start();
         EXPECT_TRUE(link.child().waitForErrorLine("has moved over"));
     }
+}
+
+/** Has something done where the channels are told that one is gone, before anybody else is. */
+class OnGone {
+public:
+    explicit OnGone(std::function<void(Transport::TerminationId)> what) {
+        does() = std::move(what);
+        former() = Transport::Rendezvous::instance().goneHook(
+            [](Transport::TerminationId id, Transport::Rendezvous::Whose whose) {
+                does()(id);
+                if (former() != nullptr)
+                    former()(id, whose);
+            });
+    }
+    ~OnGone() { Transport::Rendezvous::instance().goneHook(former()); }
+
+private:
+    static Transport::Rendezvous::GoneHook& former() {
+        static Transport::Rendezvous::GoneHook hook = nullptr;
+        return hook;
+    }
+    static std::function<void(Transport::TerminationId)>& does() {
+        static std::function<void(Transport::TerminationId)> what;
+        return what;
+    }
+};
+
+TEST_F(PresenceTest, whoStartsWhileTheLastOneOfItsProcessStopsMeetsAllTheOthers) {
+    Transport::Rendezvous& rendezvous = Transport::Rendezvous::instance();
+    Peer const other;
+    auto last = std::make_unique<testsupport::HandMadeEntry>(kGroup);
+    ASSERT_SOON(rendezvous.exists(other.id()));
+    std::unique_ptr<testsupport::HandMadeEntry> next;
+    bool meets = false;
+    OnGone const whileItStops([&](Transport::TerminationId) {
+        next = std::make_unique<testsupport::HandMadeEntry>(kGroup);
+        meets = rendezvous.exists(other.id());
+    });
+    last.reset();
+    EXPECT_TRUE(meets);
+}
+
+/** Stands for a termination of another machine. */
+struct Stand final : Transport::ReceiverOwner {
+    void received(Transport::AddressedMessage const&) override { ++messages; }
+    void cameBack(Transport::AddressedMessage const&, Transport::Reached) override {}
+
+    std::atomic<int> messages{0};
+};
+
+TEST_F(PresenceTest, whoTakesTheIdOfOneThatHasDiedIsKnownByItAlsoBeforeThatIsNoticed) {
+    Transport::Rendezvous& rendezvous = Transport::Rendezvous::instance();
+    TestTermination own;
+    ASSERT_EQ(own.start(), 1);
+    Peer first;
+    Peer second;
+    ASSERT_SOON(rendezvous.exists(first.id()) && rendezvous.exists(second.id()));
+    ASSERT_TRUE(second.child().stopWholly()) << "it buries nobody";
+    auto const buried = std::make_shared<testsupport::Gate>();
+    auto const goOn = std::make_shared<testsupport::Gate>();
+    OnGone const holdUp([buried, goOn, held = first.id()](Transport::TerminationId id) {
+        if (id != held)
+            return;
+        buried->open();
+        EXPECT_TRUE(goOn->wait());
+    });
+    first.child().kill();
+    ASSERT_TRUE(buried->wait());
+    second.child().kill();
+    auto const member = Transport::Visibility::Member;
+    EXPECT_SOON(rendezvous.adopt(second.id(), "heir", "x", member)) << "it dies";
+    EXPECT_TRUE(rendezvous.exists(second.id())) << "who notices that is held up";
+    Stand stand;
+    auto const receiver = std::make_shared<Transport::Receiver>(second.id(), stand);
+    ASSERT_TRUE(receiver->prepare());
+    Transport::Switchboard::instance().add(receiver);
+    Transport::OpenSocket socket(rendezvous.publish(second.id()));
+    EXPECT_TRUE(socket.valid());
+    EXPECT_EQ(rendezvous.ownerOf(second.id()).process, ::getpid());
+    EXPECT_TRUE(receiver->start(std::move(socket)));
+    EXPECT_EQ(own.send(second.id(), TestHead::Numbered, 0), 1) << "what became of the dead one";
+    EXPECT_SOON(stand.messages == 1);
+    goOn->open();
+    rendezvous.withdraw(second.id());
+    receiver->stop();
+}
+
+TEST_F(PresenceTest, whoIsThereIsNotReplacedByWhoTakesItsIdInANewFile) {
+    Transport::Rendezvous& rendezvous = Transport::Rendezvous::instance();
+    testsupport::HandMadeEntry const own(kGroup);
+    constexpr int kMore = 12;
+    Peer other;
+    std::vector<Transport::TerminationId> ids{other.id()};
+    for (int i = 0; i < kMore; ++i)
+        ids.emplace_back(static_cast<unsigned int>(std::stoul(other.start(), nullptr, 16)));
+    for (Transport::TerminationId const id : ids)
+        ASSERT_SOON(rendezvous.exists(id));
+    ASSERT_TRUE(other.child().stopWholly());
+    std::filesystem::remove(shared());
+    auto const began = std::chrono::steady_clock::now();
+    for (Transport::TerminationId const id : ids)
+        ASSERT_TRUE(rendezvous.adopt(id, "heir", "x", Transport::Visibility::Member));
+    for (Transport::OpenSocket const& socket : rendezvous.publish(ids))
+        EXPECT_FALSE(socket.valid());
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(kMore / 2))
+        << "it waits for each";
+    EXPECT_EQ(rendezvous.ownerOf(other.id()).process, other.child().pid());
+    EXPECT_NE(fileOf(hex(other.id())).string().find(std::to_string(other.child().pid())),
+              std::string::npos);
+    rendezvous.withdraw(ids);
+    other.child().signal(SIGCONT);
+    EXPECT_SOON(other.knowsAll(2 + kMore));
 }
 
 TEST_F(PresenceTest, nameIdsAreNotGivenAgainSoon) {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <random>
 #include <vector>
@@ -194,6 +195,177 @@ TEST_F(RingTest, ASenderThatWantsSpaceIsRungOnceAsSoonAsHalfOfItIsFree) {
     EXPECT_EQ(taken, 8);
     ASSERT_EQ(next(), RingReader::Result::Message);
     EXPECT_FALSE(reader_->finishBatch());
+}
+
+/** A ring whose reader passes messages on and releases them later. */
+class DeferredRingTest : public RingTest {
+protected:
+    static constexpr std::uint32_t kFrom = 0xFFFFFF00;  // places come round soon
+
+    void SetUp() override {
+        reader_.emplace(receiving_.page(),
+                        *reinterpret_cast<ControlPage const*>(sendersView_.data()),
+                        areaOf(file_.get(), kRingOffset, kSmallestRing), nullptr, kFrom);
+    }
+
+    void act(char what) {
+        switch (what) {
+            case 's':
+                ASSERT_TRUE(put(100, ++lastSent_));
+                return sent_.push_back(lastSent_);
+            case 'b':
+                ASSERT_TRUE(
+                    writer_->put(std::vector<unsigned char>(100, 0).data(), 100, kSentBack));
+                return;
+            case 'p':
+                return putPiece();
+            case 'n':
+                return goOn();
+            case 'r':
+                return read();
+            case 'x':
+            case 'X':
+                for (bool more = true; more; more = what == 'X' && places_.size() > 1) {
+                    ASSERT_FALSE(places_.empty());
+                    reader_->release(places_.front());
+                    places_.erase(places_.begin());
+                    sent_.erase(sent_.begin());
+                }
+        }
+    }
+    /** As much of a large message as fits. */
+    void putPiece() {
+        if (large_.empty()) {
+            large_ = AddressedMessage::allocate(40'000);
+            std::memset(large_.buf(), ++lastSent_, large_.size());
+        }
+        done_ += writer_->putPiece(large_.buf(), 40'000, done_);
+        if (done_ < large_.size())
+            return;
+        writer_->keepUntilTaken(std::exchange(large_, {}));
+        done_ = 0;
+        sent_.push_back(lastSent_);
+    }
+    void goOn() {
+        std::uint32_t const capacity = 4 * writer_->capacity();
+        Descriptor const file = makeSealedFile(capacity);
+        RingArea area = areaOf(file.get(), 0, capacity, Mapping::Access::ReadWrite);
+        area.starts = FrameStarts(capacity);
+        nextRings_.push_back(areaOf(file.get(), 0, capacity));
+        writer_->goOnIn(std::move(area));
+    }
+    void read() {
+        AddressedMessage message;
+        switch (reader_->next(message)) {
+            case RingReader::Result::Message:
+                if (!reader_->isSentBack())
+                    places_.push_back(MessageChain::endInRing(message));
+                return reader_->keep();
+            case RingReader::Result::NextRing:
+                reader_->goOnIn(std::move(nextRings_.front()));
+                return nextRings_.pop_front();
+            default:
+                return;
+        }
+    }
+    /** The messages that come back, by what they are filled with. */
+    std::vector<unsigned char> recovered() {
+        MessageChain back;
+        EXPECT_TRUE(writer_->giveUp().recover(back, 1, 2));
+        std::vector<unsigned char> numbers;
+        while (!back.empty()) {
+            AddressedMessage const message = back.pop();
+            numbers.push_back(message.buf()[0]);
+            EXPECT_EQ(message.buf()[message.size() - 1], message.buf()[0]);
+        }
+        return numbers;
+    }
+
+    unsigned char lastSent_ = 0;
+    std::vector<unsigned char> sent_;    // and not released
+    std::vector<std::uint32_t> places_;  // of those that have been read, and not released
+    std::deque<RingArea> nextRings_;
+    AddressedMessage large_;  // that is being put in
+    std::uint32_t done_ = 0;
+};
+
+struct DeferredCase {
+    char const* what;
+    char const* course;  // s: a small message; p: a piece of a large one, of three; b: one that is
+                         // sent back; n: the next ring; r: read; x: release one; X: all read
+};
+
+void PrintTo(DeferredCase const& one, std::ostream* out) {
+    *out << one.what;
+}
+
+class DeferredRingCases : public DeferredRingTest,
+                          public testing::WithParamInterface<DeferredCase> {};
+
+TEST_P(DeferredRingCases, AMessageIsTheSendersUntilItIsReleased) {
+    for (char const* at = GetParam().course; *at != 0; ++at)
+        ASSERT_NO_FATAL_FAILURE(act(*at)) << at;
+    EXPECT_EQ(recovered(), sent_) << GetParam().what;
+    EXPECT_FALSE(writer_->broken());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ring, DeferredRingCases,
+    testing::Values(DeferredCase{"not read", "sss"}, DeferredCase{"not released", "sssrrr"},
+                    DeferredCase{"some released", "ssssrrrrxx"},
+                    DeferredCase{"all released at once", "ssssrrrX"},
+                    DeferredCase{"released between reads", "sssrxrxr"},
+                    DeferredCase{"in pieces", "prprpr"}, DeferredCase{"that, released", "prprprx"},
+                    DeferredCase{"in pieces, not read to the end", "prprp"},
+                    DeferredCase{"in pieces, not put in to the end", "srxprpr"},
+                    DeferredCase{"in pieces behind one that is kept", "srprpxprprsr"},
+                    DeferredCase{"in pieces behind one that has been", "srprpxprprsrX"},
+                    DeferredCase{"kept where the ring goes on", "srnrsrsrx"},
+                    DeferredCase{"released where the ring goes on", "srxnrsrnrsrs"},
+                    DeferredCase{"kept over many rings", "srnrsrnrsrnrsr"},
+                    DeferredCase{"sent back in between", "sbsbsrrrrrx"},
+                    DeferredCase{"sent back with nothing kept", "sbrxrsr"}));
+
+TEST_F(DeferredRingTest, WhatIsNotKeptIsNotReleased) {
+    for (char const what : {'s', 's', 's', 'r', 'r', 'x'})
+        act(what);
+    std::uint32_t const kept = places_.front();
+    for (std::uint32_t const place : {kFrom, kept - 2 * frameBytes(100), kept + frameBytes(100),
+                                      kept + 0x80000000u, MessageBlock::kNotInRing + 8})
+        EXPECT_FALSE(reader_->release(place)) << place;
+    EXPECT_EQ(recovered(), sent_);
+}
+
+TEST_F(DeferredRingTest, ASenderThatWantsSpaceIsRungWhenEnoughIsReleased) {
+    while (put(1000, 1)) {
+    }
+    writer_->wantSpace();
+    while (reader_->hasData())
+        read();
+    EXPECT_FALSE(reader_->finishBatch()) << "there is no room yet";
+    std::size_t released = 0;
+    while (!reader_->release(places_.at(released)))
+        ++released;
+    EXPECT_EQ(released, 7u);
+    EXPECT_TRUE(writer_->hasRoomFor(8000));
+    EXPECT_FALSE(reader_->release(places_.at(released + 1))) << "once";
+}
+
+TEST_F(DeferredRingTest, PositionsComeRound) {
+    DeferredHead head(receiving_.page(), senderPage(), kSmallestRing);
+    for (std::uint32_t const end : {0x7FFFFFF8u, 0xFFFFFFE0u})
+        head.passed(end);
+    auto const& shown = receiving_.page().head;
+    head.handedOn(0xFFFFFFF0);
+    head.handedOn(0x10);
+    head.passed(0x20);
+    EXPECT_EQ(shown, 0xFFFFFFE0u);
+    head.release(0x18);
+    EXPECT_EQ(shown, 0xFFFFFFE0u);
+    head.release(0xFFFFFFF0);
+    EXPECT_EQ(shown, 0xFFFFFFF0u);
+    head.release(0x10);
+    EXPECT_EQ(shown, 0x20u) << "with what is of no use by itself";
 }
 
 TEST(FrameStartsTest, AFrameLeavesNothingOfThoseThatLayThereBefore) {

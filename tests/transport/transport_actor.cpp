@@ -430,7 +430,7 @@ testsupport::Commands const commands{
 
 int main() {
     Sated const sated;
-    Rendezvous::instance().goneHook([](TerminationId id) {
+    Rendezvous::instance().goneHook([](TerminationId id, Rendezvous::Whose) {
         std::lock_guard<std::mutex> const lock(gone.mutex);
         gone.ids.insert(id);
     });

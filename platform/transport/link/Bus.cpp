@@ -417,7 +417,7 @@ bool EngineBus::watchStrangers() {
 void EngineBus::onParticipants(dds_entity_t reader, void* self) {
     EngineBus& bus = *static_cast<EngineBus*>(self);
     dds_guid_t own{};
-    dds_get_guid(bus.participant_.get(), &own);
+    dds_get_guid(dds_get_participant(reader), &own);
     for (;;) {
         Taken<dds_builtintopic_participant_t> const taken(reader);
         if (taken.count() == 0)

@@ -16,14 +16,10 @@ namespace {
 
 constexpr char const* kSource = "LinkPeer";
 using Locked = OSWrap::Lock<OSWrap::ConditionVar>;
+using Transport::MessageChain;
 using Transport::Rendezvous;
 using Transport::Switchboard;
 
-/** What a termination has sent last is still in the channels to the proxies, and what it has not
- * read is to come back before its departure is told. Nothing of either is to be seen for so long.
- */
-constexpr long long kGrace = 50'000'000;
-constexpr long long kLongestGrace = 3'000'000'000;
 /** Between two looks at the proxies that leave. */
 constexpr unsigned long kLook = 2'000'000;
 constexpr long long kWriterBusy = 2'000'000;
@@ -68,6 +64,18 @@ void holdBack(TerminationId proxy, TerminationId sender) {
 void goOn(TerminationId proxy, TerminationId sender) {
     if (auto const channel = Switchboard::instance().find(proxy, sender))
         channel->goOn();
+}
+
+/** What the peer has settled its sender need not keep any more; unless its ring has made way for
+ * that of another one with its id. */
+void release(Action const& action) {
+    auto const channel = Switchboard::instance().find(action.to, action.from);
+    if (channel != nullptr && channel->token() == action.channel)
+        channel->release(action.place);
+}
+
+bool isInRing(AddressedMessage const& message) {
+    return MessageChain::endInRing(message) != Transport::MessageBlock::kNotInRing;
 }
 
 }  // namespace
@@ -156,6 +164,8 @@ void Peer::performRest(Actions& actions) {
         if (action.kind == Action::Kind::GiveBack && !action.message.empty()) {
             sendBack(action.message);
             action.message = {};
+        } else if (action.kind == Action::Kind::Release) {
+            release(action);
         }
 }
 
@@ -210,23 +220,9 @@ void Peer::memberArrived(TerminationId id, std::string const& names) {
 
 void Peer::terminationLeft(TerminationId id) {
     Locked lock(state_);
-    long long const time = now();
-    attempt([&]() OSW_NO_ANALYSIS {
-        departures_.push_back({id, time + kGrace, time + kLongestGrace});
-    });
-    wakeSenderLocked();
-}
-
-/** Of one from whom something comes still, or comes back. */
-void Peer::putOffDeparture(TerminationId id) {
-    auto const found = std::find_if(departures_.begin(), departures_.end(),
-                                    [id](Departure const& one) { return one.id == id; });
-    if (found == departures_.end())
-        return;
-    found->at = std::min(now() + kGrace, found->latest);
-    auto const next = std::find_if(found, departures_.end(),
-                                   [found](Departure const& one) { return one.at > found->at; });
-    std::rotate(found, std::next(found), next);
+    attempt([&]() OSW_NO_ANALYSIS { session_.withdraw(id, now()); });
+    ++departures_;
+    wantWriteLocked();
 }
 
 void Peer::logFigures() {
@@ -284,29 +280,38 @@ long long Peer::oldestDebt() {
 
 /** A sender that the peer does not know is made known to it, unless it has gone: a message of one
  * who has is of use to nobody, and whoever was told of him would wait for his departure. */
-void Peer::forward(AddressedMessage const& message) {
+void Peer::forward(AddressedMessage const& message, std::uint32_t channel, unsigned long session) {
     TerminationId const from = message.originator();
     Session::Sending sending = Session::Sending::Refused;
     bool full = false;
     {
         Locked lock(state_);
         attempt([&]() OSW_NO_ANALYSIS {
+            if (session != session_.figures().ended)
+                return;
             if (!session_.announced(from) && Rendezvous::instance().exists(from))
                 session_.announce(from, groups_.test(from.groupId()), Directory::namesOf(from));
-            sending = session_.send(message);
+            sending = session_.send(message, channel);
         });
-        putOffDeparture(from);
         if (sending == Session::Sending::TakenHoldBack)
             holdBack(message.destination(), from);
         full = session_.queuedBytes() >= kMostPieceBytes;
     }
     if (sending == Session::Sending::Refused) {
-        // The proxy is about to go: what its sender goes on sending comes back by itself then.
+        // The proxy is about to go: what its sender has in its ring comes back by itself then.
         holdBack(message.destination(), from);
-        sendBack(message);
+        if (!isInRing(message))
+            sendBack(message);
     } else if (full) {
         write();
     }
+}
+
+std::optional<std::uint32_t> Peer::connectionEnded(TerminationId from, TerminationId to,
+                                                   std::uint32_t channel, unsigned long session,
+                                                   bool takenBack) {
+    Locked lock(state_);
+    return session_.ringEnded(from, to, channel, session, takenBack);
 }
 
 void Peer::forwarded() {
@@ -343,16 +348,23 @@ std::vector<Delivery> Peer::takePlaced(TerminationId from, TerminationId to, std
     return taken;
 }
 
+void Peer::channelBegan(TerminationId peer, std::uint32_t channel, unsigned long session) {
+    Locked lock(state_);
+    attempt([&]() OSW_NO_ANALYSIS { session_.channelBegan(peer, channel, session); });
+}
+
+void Peer::channelCleared(TerminationId peer, std::uint32_t channel, unsigned long session) {
+    Locked lock(state_);
+    attempt([&]() OSW_NO_ANALYSIS { session_.channelCleared(peer, channel, session); });
+    wantWriteLocked();
+}
+
 /** What waited is refused, in the order in which it was issued; its sender has it still. */
 void Peer::cameBack(AddressedMessage const& message, Transport::Reached reached,
-                    unsigned long session) {
-    {
-        Locked lock(state_);
-        putOffDeparture(message.destination());
-    }
+                    unsigned long session, bool leaves) {
     if (reached == Transport::Reached::Ring) {
         Locked lock(state_);
-        if (!attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session); })) {
+        if (!attempt([&]() OSW_NO_ANALYSIS { session_.returned(message, session, leaves); })) {
             static Logging::LineLimit limit;
             REFLECTORB_LOG_LIMITED(limit, 3, kSource,
                                    "no memory for a message of 0x%08X that 0x%08X has not taken: "
@@ -431,23 +443,12 @@ void Peer::wantWriteLocked() {
 long long Peer::wakeAt() {
     if (writeWanted_)
         return 0;
-    return departures_.empty() ? session_.dueAt()
-                               : std::min(session_.dueAt(), departures_.front().at);
+    return session_.dueAt();
 }
 
 void Peer::wakeSenderLocked() {
     if (wakeAt() < sleepsUntil_)
         state_.broadcast();
-}
-
-/** Whether there was one. */
-bool Peer::withdrawDue(long long time) {
-    bool any = false;
-    for (; !departures_.empty() && departures_.front().at <= time; departures_.pop_front()) {
-        session_.withdraw(departures_.front().id);
-        any = true;
-    }
-    return any;
 }
 
 /** Body of LnSend; `beginToStop` ends it. */
@@ -462,7 +463,7 @@ void Peer::sending() {
         }
         bool due = std::exchange(writeWanted_, false);
         bool const done = attempt([&]() OSW_NO_ANALYSIS {
-            due = withdrawDue(time) || due || session_.dueAt() <= time;
+            due = due || session_.dueAt() <= time;
             session_.timePassed(time);
         });
         if (!done)
@@ -643,8 +644,11 @@ void Peer::perform(Actions& actions) {
     if (actions.front().kind == Action::Kind::Show ||
         actions.front().kind == Action::Kind::ShowSilent)
         return show(actions);
+    unsigned long departures = takeFromFormer(actions);
     std::vector<Delivery> settled, refused;
     for (Action& action : actions) {
+        if (departures != departures_.load())
+            departures = takeFromFormer(actions);
         switch (action.kind) {
             case Action::Kind::Opened:
                 opened();
@@ -653,8 +657,12 @@ void Peer::perform(Actions& actions) {
                 deliver(action, settled, refused);
                 break;
             case Action::Kind::GiveBack:
-                sendBack(action.message);
+                if (!action.message.empty())
+                    sendBack(action.message);
                 action.message = {};
+                break;
+            case Action::Kind::Release:
+                release(action);
                 break;
             case Action::Kind::GoOn:
                 goOn(action.to, action.from);
@@ -664,6 +672,18 @@ void Peer::perform(Actions& actions) {
         }
     }
     settle(settled, refused);
+}
+
+/** Takes the messages out that are for who has gone since, and not for whoever has come under his
+ * id: an empty one is refused. To be done again when more departures have been told than it
+ * answers.
+ */
+unsigned long Peer::takeFromFormer(Actions& actions) {
+    Locked lock(state_);
+    for (Action& action : actions)
+        if (!action.message.empty() && !session_.isForPresent(action))
+            action.message = {};
+    return departures_.load();
 }
 
 /** places_ is held so that nobody is told of the place before it is noted. */
@@ -726,6 +746,9 @@ void Peer::drop(Actions const& actions) {
         found->second->takeNoMore();
         leaving_.insert(proxies_.extract(found));
     }
+    Locked lock(state_);
+    for (Action const& action : actions)
+        session_.dropped(action.from, action.session);
 }
 
 /** What has not got into the rings of its destinations will not get there any more: the peer need

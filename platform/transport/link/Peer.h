@@ -81,22 +81,23 @@ public:
     long long oldestDebt();
 
     // ---- ProxyListener ----
-    void forward(AddressedMessage const& message) override;
+    void forward(AddressedMessage const& message, std::uint32_t channel,
+                 unsigned long session) override;
+    std::optional<std::uint32_t> connectionEnded(TerminationId from, TerminationId to,
+                                                 std::uint32_t channel, unsigned long session,
+                                                 bool takenBack) override;
     void forwarded() override;
     void delivered(TerminationId from, TerminationId to, std::uint64_t place) override;
+    void channelBegan(TerminationId peer, std::uint32_t channel, unsigned long session) override;
+    void channelCleared(TerminationId peer, std::uint32_t channel, unsigned long session) override;
     void cameBack(AddressedMessage const& message, Transport::Reached reached,
-                  unsigned long session) override;
+                  unsigned long session, bool leaves) override;
 
 private:
     using Key = std::uint64_t;
     struct Placed {
         Delivery delivery;
         std::uint64_t place;
-    };
-    struct Departure {
-        TerminationId id;
-        long long at;      // is to be told
-        long long latest;  // that it may be put off to
     };
 
     static Key key(TerminationId from, TerminationId to) {
@@ -111,8 +112,6 @@ private:
     void lost();
     void sending();
     void write() OSW_EXCLUDES(state_);
-    bool withdrawDue(long long time) OSW_REQUIRES(state_);
-    void putOffDeparture(TerminationId id) OSW_REQUIRES(state_);
     long long wakeAt() OSW_REQUIRES(state_);
     void wakeSenderLocked() OSW_REQUIRES(state_);
     void wantWriteLocked() OSW_REQUIRES(state_);
@@ -128,6 +127,7 @@ private:
     bool letLeave() OSW_REQUIRES(state_);
     void leave();
     void perform(Actions& actions);
+    unsigned long takeFromFormer(Actions& actions);
     bool partFrom(Actions const& actions);
     void deliver(Action& action, std::vector<Delivery>& settled, std::vector<Delivery>& refused);
     void opened();
@@ -150,7 +150,6 @@ private:
     OSWrap::ConditionVar state_;  // signalled for LnSend, and LnShow
     Session session_ OSW_GUARDED_BY(state_);
     Actions todo_ OSW_GUARDED_BY(state_);
-    std::deque<Departure> departures_ OSW_GUARDED_BY(state_);  // the next one first
     bool performing_ OSW_GUARDED_BY(state_) = false;
     bool showerWaits_ OSW_GUARDED_BY(state_) = false;  // until nobody else performs
     bool writing_ OSW_GUARDED_BY(state_) = false;
@@ -165,6 +164,9 @@ private:
     // That one owes an answer, unless it is at work: then its work tells.
     long long senderOwesSince_ OSW_GUARDED_BY(state_) = Session::kNever;
     bool senderWorks_ OSW_GUARDED_BY(state_) = false;
+
+    std::atomic<unsigned long> departures_{
+        0};  // that were told here; changes with the state locked
 
     OSWrap::ConditionVar work_;  // signalled for LnShow; a leaf
     bool workWaits_ OSW_GUARDED_BY(work_) = false;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/transport/local/Receiver.h"
@@ -15,16 +17,29 @@ namespace Link {
 /** What happens at a proxy, on its receiving thread and with no lock of the transport held. */
 class ProxyListener {
 public:
-    /** A local termination has sent something to the one that the proxy stands for. */
-    virtual void forward(Transport::AddressedMessage const& message) = 0;
+    /** A local termination has sent something to the one that the proxy stands for; over the
+     * channel of this token, or 0: within the process. */
+    virtual void forward(Transport::AddressedMessage const& message, std::uint32_t channel,
+                         unsigned long session) = 0;
+    /** See ReceiverOwner::connectionEnded: of the ring from `from` to the proxy, `to`. */
+    virtual std::optional<std::uint32_t> connectionEnded(Transport::TerminationId from,
+                                                         Transport::TerminationId to,
+                                                         std::uint32_t channel,
+                                                         unsigned long session, bool takenBack) = 0;
     /** There is nothing more just now. */
     virtual void forwarded() = 0;
     /** What was issued in the proxy's name has got into the ring of `to`, up to this place. */
     virtual void delivered(Transport::TerminationId from, Transport::TerminationId to,
                            std::uint64_t place) = 0;
-    /** It has come back. */
+    /** See ReceiverOwner::channelBegan and channelCleared: of one with `peer`, a local termination.
+     */
+    virtual void channelBegan(Transport::TerminationId peer, std::uint32_t channel,
+                              unsigned long session) = 0;
+    virtual void channelCleared(Transport::TerminationId peer, std::uint32_t channel,
+                                unsigned long session) = 0;
+    /** It has come back; `leaves`: to a proxy that has been told to take no more. */
     virtual void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached,
-                          unsigned long session) = 0;
+                          unsigned long session, bool leaves) = 0;
 
 protected:
     ~ProxyListener() = default;
@@ -58,16 +73,29 @@ public:
     void leave();
 
     void received(Transport::AddressedMessage const& message) override {
-        listener_.forward(message);
+        listener_.forward(message, 0, session_);
+    }
+    void receivedOver(std::uint32_t channel, Transport::AddressedMessage const& message) override {
+        listener_.forward(message, channel, session_);
+    }
+    std::optional<std::uint32_t> connectionEnded(Transport::TerminationId peer,
+                                                 std::uint32_t channel, bool takenBack) override {
+        return listener_.connectionEnded(peer, id_, channel, session_, takenBack);
     }
     void cameBack(Transport::AddressedMessage const& message, Transport::Reached reached) override {
-        listener_.cameBack(message, reached, session_);
+        listener_.cameBack(message, reached, session_, receiver_->takesNoMore());
     }
     void batchEnded() override { listener_.forwarded(); }
     void leftQueue(Transport::TerminationId peer, std::uint64_t place) override {
         listener_.delivered(id_, peer, place);
     }
-    bool tellsPlaces() const final { return true; }
+    void channelBegan(Transport::TerminationId peer, std::uint32_t channel) override {
+        listener_.channelBegan(peer, channel, session_);
+    }
+    void channelCleared(Transport::TerminationId peer, std::uint32_t channel) override {
+        listener_.channelCleared(peer, channel, session_);
+    }
+    bool passesOn() const final { return true; }
 
 private:
     Transport::TerminationId const id_;

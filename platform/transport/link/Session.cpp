@@ -29,17 +29,36 @@ void logDropped(char const* what, TerminationId from, TerminationId to) {
 
 Session::Session(Setup setup) : setup_(std::move(setup)), myToken_(setup_.newToken()) {}
 
-void Session::act(Action::Kind kind, TerminationId from, std::string text) {
+Action Session::action(Action::Kind kind, TerminationId from, TerminationId to) const {
     Action action{kind, figures_.ended};
     action.from = from;
-    action.text = std::move(text);
-    actions_.push_back(std::move(action));
+    action.to = to;
+    return action;
 }
 
-void Session::giveBack(AddressedMessage const& message) {
-    act(Action::Kind::GiveBack, message.originator());
-    actions_.back().to = message.destination();
-    actions_.back().message = message;
+Action Session::givingBack(AddressedMessage const& message, unsigned long life) const {
+    Action giving = action(Action::Kind::GiveBack, message.originator(), message.destination());
+    giving.message = message;
+    giving.life = life;
+    return giving;
+}
+
+/** Of who is there; 0 when it is none of ours, or has gone. */
+unsigned long Session::lifeOf(TerminationId id) const {
+    auto const former = departing_.find(id);
+    if (former != departing_.end())
+        return former->second.back().successor;
+    auto const found = ours_.find(id);
+    return found == ours_.end() ? 0 : found->second;
+}
+
+void Session::act(Action::Kind kind, TerminationId from, std::string text) {
+    actions_.push_back(action(kind, from));
+    actions_.back().text = std::move(text);
+}
+
+void Session::giveBack(AddressedMessage const& message, unsigned long life) {
+    actions_.push_back(givingBack(message, life));
     ++figures_.givenBack;
 }
 
@@ -113,10 +132,13 @@ void Session::open(long long now) {
     act(Action::Kind::Opened);
 }
 
+/** What nobody has done by then, and is for who has gone, is nobody's: later it is not told from
+ * what is for whoever has come under his id. */
 void Session::end(char const* reason, long long now) {
     if (state_ != State::Open)
         return;
-    giveBackAll();
+    leaveToSenders();
+    actions_.remove_if([this](Action const& one) { return !isForPresent(one); });
     forgetAll();
     act(Action::Kind::Ended, {}, reason);
     ++figures_.ended;
@@ -125,25 +147,27 @@ void Session::end(char const* reason, long long now) {
     helloAt_ = now;
 }
 
-/** Each once, though memory may run out after some. */
-void Session::giveBackAll(Pair& pair) {
-    for (Unsettled& one : pair.messages)
-        if (!one.settled) {
-            giveBack(one.message);
-            one.settled = true;
-        }
+/** What is in a ring is the sender's already. Each once, though memory may run out after some. */
+void Session::leaveToSender(Pair& pair) {
+    for (; !pair.messages.empty(); pair.messages.pop_front(), ++pair.first) {
+        Unreleased const& one = pair.messages.front();
+        if (one.whose == Whose::SendersInRing)
+            ++figures_.givenBack;
+        else if (one.whose == Whose::Ours && one.fate != Fate::Delivered)
+            giveBack(one.message, one.life);
+    }
 }
 
-void Session::giveBackAll() {
+void Session::leaveToSenders() {
     for (auto& [unused, pair] : pairs_)
-        giveBackAll(pair);
+        leaveToSender(pair);
     for (Outgoing const& one : queue_)
         if (one.head.kind == RecordKind::Returned)
             logDropped("what came back", one.head.from, one.head.to);
 }
 
 void Session::forgetAll() {
-    sent_ = taken_ = 0;
+    sent_ = taken_ = confirmed_ = 0;
     tellAt_ = kNever;
     untoldBytes_ = 0;
     probed_ = stalled_ = false;
@@ -158,7 +182,12 @@ void Session::forgetAll() {
     openRuns_.clear();
     reassembly_.drop();
     ours_.clear();
+    channels_.clear();
+    departing_.clear();
+    departures_.clear();
+    departAt_ = kNever;
     theirs_.clear();
+    dropping_.clear();
 }
 
 // ---- Pieces that have arrived ------------------------------------------------------------------
@@ -174,6 +203,8 @@ bool Session::confirm(std::uint64_t taken, long long now) {
     }
     if (windowOpen() && std::exchange(stalled_, false))
         tellBy(now);
+    confirmed_ = taken;
+    forgetDepartures();
     return true;
 }
 
@@ -226,8 +257,9 @@ bool Session::takePart(Record const& record, long long now) {
     }
     if (record.head.kind == RecordKind::Message)
         takeMessage(record.head, std::move(message), now);
-    else if (!message.empty() && ours_.count(record.head.from) > 0)
-        giveBack(message);
+    else if (!message.empty() && ours_.count(record.head.from) > 0 &&
+             !mayBeForFormer(record.head.from))
+        giveBack(message, lifeOf(record.head.from));
     else
         logDropped("a returned message", record.head.from, record.head.to);
     return true;
@@ -238,7 +270,7 @@ void Session::takeMessage(RecordHead const& head, AddressedMessage message, long
     bool const known = theirs_.count(head.from) > 0;
     if (!known)
         logDropped("a message", head.from, head.to);
-    if (!known || message.empty() || ours_.count(head.to) == 0) {
+    if (!known || message.empty() || ours_.count(head.to) == 0 || mayBeForFormer(head.to)) {
         settle(RecordKind::Refused, head.from, head.to, head.serial);
         return tellBy(now);
     }
@@ -247,7 +279,27 @@ void Session::takeMessage(RecordHead const& head, AddressedMessage message, long
     act(Action::Kind::Deliver, head.from);
     actions_.back().to = head.to;
     actions_.back().serial = head.serial;
+    actions_.back().life = lifeOf(head.to);
     actions_.back().message = std::move(message);
+}
+
+bool Session::isForPresent(Action const& action) const {
+    TerminationId const id = action.kind == Action::Kind::Deliver ? action.to : action.from;
+    return action.session != figures_.ended || action.life == 0 || action.life == lifeOf(id);
+}
+
+/** What was sent when the peer did not know of a departure is for who has gone, and its sender has
+ * it back when he learns that: whoever has the id now must not get it, too. Nor what comes back to
+ * who has gone. */
+bool Session::mayBeForFormer(TerminationId id) const {
+    return departing_.count(id) != 0 || departures_.count(id) != 0;
+}
+
+void Session::forgetDepartures() {
+    for (auto at = departures_.begin(); at != departures_.end();) {
+        bool const known = at->second.queued == 0 && at->second.number <= confirmed_;
+        at = known ? departures_.erase(at) : std::next(at);
+    }
 }
 
 bool Session::takeArrival(Record const& record) {
@@ -274,42 +326,57 @@ void Session::takeDeparture(TerminationId id) {
             ++at;
             continue;
         }
-        giveBackAll(at->second);
+        leaveToSender(at->second);
         unsettledBytes_ -= at->second.bytes;
         at = pairs_.erase(at);
     }
     removeFromQueue(id);
     letAllGoOn();
+    dropping_.insert(id);
     act(Action::Kind::Drop, id);
 }
 
-/** Of a message that has begun to go the peer has a beginning, which it drops at the next one's. */
-void Session::removeFromQueue(TerminationId to) {
-    auto const isFor = [to](Outgoing const& one) {
-        return one.head.kind == RecordKind::Message && one.head.to == to;
-    };
-    for (Outgoing const& one : queue_)
-        if (isFor(one))
-            queuedBytes_ -= one.head.total - one.head.offset;
-    queue_.erase(std::remove_if(queue_.begin(), queue_.end(), isFor), queue_.end());
+void Session::dropped(TerminationId id, unsigned long session) {
+    auto const found = dropping_.find(id);
+    if (session == figures_.ended && found != dropping_.end())
+        dropping_.erase(found);
 }
 
+/** Of a message that has begun to go the peer has a beginning, which it drops at the next one's. */
+void Session::removeFromQueue(TerminationId gone) {
+    auto const isFor = [gone](Outgoing const& one) {
+        return (one.head.kind == RecordKind::Message && one.head.to == gone) ||
+               (one.head.kind == RecordKind::Returned && one.head.from == gone);
+    };
+    for (Outgoing const& one : queue_) {
+        if (!isFor(one))
+            continue;
+        queuedBytes_ -= one.head.total - one.head.offset;
+        if (one.head.kind == RecordKind::Returned)
+            logDropped("what came back", one.head.from, one.head.to);
+    }
+    queue_.erase(std::remove_if(queue_.begin(), queue_.end(), isFor), queue_.end());
+    for (auto& [unused, leaving] : departing_)
+        for (Departing& one : leaving)
+            one.next.remove_if(isFor);
+}
+
+/** What is settled of a former pair of these is on its way for a while when the next one begins,
+ * and is passed over. */
 bool Session::takeSettlement(RecordHead const& head, long long now) {
     Key const pairKey = key(head.from, head.to);
     auto const found = pairs_.find(pairKey);
     if (found == pairs_.end())
         return true;  // one of them has gone
     Pair& pair = found->second;
-    std::size_t const begin = head.serial - pair.first;
-    std::size_t const known = pair.messages.size();
-    if (begin > known || head.total > known - begin)
+    auto const begin = static_cast<std::int32_t>(head.serial - pair.first);
+    std::int64_t const end = std::int64_t{begin} + head.total;
+    if (end > static_cast<std::int64_t>(pair.messages.size()))
         return false;
-    for (std::size_t i = begin; i < begin + head.total; ++i)
-        settleOne(pair, pair.messages[i], head.kind == RecordKind::Settled);
-    while (!pair.messages.empty() && pair.messages.front().settled) {
-        pair.messages.pop_front();
-        ++pair.first;
-    }
+    Fate const fate = head.kind == RecordKind::Settled ? Fate::Delivered : Fate::Refused;
+    for (std::int64_t i = std::max(begin, 0); i < end; ++i)
+        settleOne(pair, pair.messages[static_cast<std::size_t>(i)], fate);
+    release(head.from, head.to, pair);
     letGoOn(head.from, head.to, pair);
     letAllGoOn();
     if (pair.messages.empty() && ours_.count(head.from) == 0)
@@ -318,15 +385,64 @@ bool Session::takeSettlement(RecordHead const& head, long long now) {
     return true;
 }
 
-void Session::settleOne(Pair& pair, Unsettled& one, bool delivered) {
-    if (one.settled)
+void Session::settleOne(Pair& pair, Unreleased& one, Fate fate) {
+    if (one.fate != Fate::Open)
         return;
-    if (!delivered)
-        giveBack(one.message);
-    one.settled = true;
+    one.fate = fate;
+    if (fate == Fate::Refused)
+        return;  // it is kept
     pair.bytes -= weight(one.message);
     unsettledBytes_ -= weight(one.message);
     one.message = {};
+}
+
+/** All of those before which nothing is open, those that were refused among them: were these given
+ * back any earlier, they would come back once more if the session ended then. Each of them is
+ * released at once, lest it does should this process be killed. Done whole or, without memory, not
+ * at all. */
+void Session::release(TerminationId from, TerminationId to, Pair& pair) {
+    auto const isOpen = [](Unreleased const& one) { return one.fate == Fate::Open; };
+    auto const end = std::find_if(pair.messages.begin(), pair.messages.end(), isOpen);
+    Actions wanted;
+    std::size_t back = 0;
+    std::size_t bytes = 0;
+    for (auto one = pair.messages.begin(); one != end; ++one) {
+        bool const givesBack = one->fate == Fate::Refused && one->whose != Whose::Senders;
+        if (givesBack) {
+            wanted.push_back(givingBack(one->message, one->life));
+            ++back;
+        }
+        if (one->fate == Fate::Refused)
+            bytes += weight(one->message);
+        auto const next = std::next(one);
+        if (one->whose == Whose::SendersInRing &&
+            (givesBack || next == end || next->channel != one->channel)) {
+            wanted.push_back(action(Action::Kind::Release, from, to));
+            wanted.back().place = one->place;
+            wanted.back().channel = one->channel;
+        }
+    }
+    pair.bytes -= bytes;
+    unsettledBytes_ -= bytes;
+    actions_.splice(actions_.end(), wanted);
+    figures_.givenBack += back;
+    pair.first += static_cast<std::uint32_t>(end - pair.messages.begin());
+    pair.messages.erase(pair.messages.begin(), end);
+}
+
+std::optional<std::uint32_t> Session::ringEnded(TerminationId from, TerminationId to,
+                                                std::uint32_t channel, unsigned long session,
+                                                bool takenBack) {
+    std::optional<std::uint32_t> kept;
+    auto const found = pairs_.find(key(from, to));
+    if (session != figures_.ended || found == pairs_.end())
+        return kept;
+    for (Unreleased& one : found->second.messages)
+        if (one.whose == Whose::SendersInRing && one.channel == channel) {
+            one.whose = takenBack ? Whose::Senders : Whose::Ours;
+            kept = one.place;
+        }
+    return takenBack ? std::nullopt : kept;
 }
 
 // ---- Credit ------------------------------------------------------------------------------------
@@ -335,8 +451,7 @@ void Session::letGoOn(TerminationId from, TerminationId to, Pair& pair) {
     if (!pair.heldBack || pair.bytes > creditOfPair() / 2)
         return;
     pair.heldBack = false;
-    act(Action::Kind::GoOn, from);
-    actions_.back().to = to;
+    actions_.push_back(action(Action::Kind::GoOn, from, to));
 }
 
 /** Those whom the credit of all has held back. */
@@ -349,12 +464,36 @@ void Session::letAllGoOn() {
                 TerminationId(static_cast<std::uint32_t>(pairKey)), pair);
 }
 
-Session::Sending Session::send(AddressedMessage const& message) {
+Session::Pair& Session::pairOf(TerminationId from, TerminationId to) {
+    auto const [found, isNew] = pairs_.try_emplace(key(from, to));
+    if (isNew)
+        found->second.first = static_cast<std::uint32_t>(figures_.messagesOut);
+    return found->second;
+}
+
+/** Who has gone and has that channel still; otherwise it is of who is there. */
+Session::Sender Session::senderOver(TerminationId from, std::uint32_t channel) {
+    auto const known = ours_.find(from);
+    Sender sender{known == ours_.end() ? 0 : known->second, nullptr};
+    auto const leaving = departing_.find(from);
+    if (leaving == departing_.end())
+        return sender;
+    for (Departing& one : leaving->second) {
+        if (one.channels.count(channel) != 0)
+            break;
+        sender = {one.successor, &one};
+    }
+    return sender;
+}
+
+Session::Sending Session::send(AddressedMessage const& message, std::uint32_t channel) {
     TerminationId const from = message.originator();
     TerminationId const to = message.destination();
-    if (state_ != State::Open || theirs_.count(to) == 0 || ours_.count(from) == 0)
+    Sender const sender = senderOver(from, channel);
+    if (state_ != State::Open || theirs_.count(to) == 0 || sender.life == 0 ||
+        dropping_.count(to) != 0)
         return Sending::Refused;
-    Pair& pair = pairs_[key(from, to)];
+    Pair& pair = pairOf(from, to);
     Outgoing outgoing;
     outgoing.head.kind = RecordKind::Message;
     outgoing.head.from = from;
@@ -362,8 +501,15 @@ Session::Sending Session::send(AddressedMessage const& message) {
     outgoing.head.serial = pair.first + static_cast<std::uint32_t>(pair.messages.size());
     outgoing.head.total = static_cast<std::uint32_t>(message.size());
     outgoing.message = message;
-    queue(std::move(outgoing));
-    pair.messages.push_back({message});  // the last that may fail: from here on it is ours
+    if (sender.former != nullptr)
+        sender.former->next.push_back(std::move(outgoing));
+    else
+        queue(std::move(outgoing));
+    std::uint32_t const place = Transport::MessageChain::endInRing(message);
+    bool const inRing = place != Transport::MessageBlock::kNotInRing;
+    // The last that may fail: from here on it is known here.
+    pair.messages.push_back(
+        {message, place, channel, sender.life, inRing ? Whose::SendersInRing : Whose::Ours});
     pair.bytes += weight(message);
     unsettledBytes_ += weight(message);
     ++figures_.messagesOut;
@@ -379,18 +525,121 @@ Session::Sending Session::send(AddressedMessage const& message) {
 // ---- What this machine tells -------------------------------------------------------------------
 
 void Session::announce(TerminationId id, bool shown, std::string const& names) {
-    if (state_ != State::Open || !ours_.insert(id).second)
+    if (state_ != State::Open || announced(id))
         return;
     Outgoing outgoing;
     outgoing.head.kind = shown ? RecordKind::Arrived : RecordKind::Reachable;
     outgoing.head.from = id;
     outgoing.bytes = names.substr(0, kMostNameBytes);
+    if (auto const former = departing_.find(id); former != departing_.end()) {
+        former->second.back().next.push_back(std::move(outgoing));
+        former->second.back().successor = ++lives_;
+        return;
+    }
+    ours_[id] = ++lives_;
     queue(std::move(outgoing));
 }
 
-void Session::withdraw(TerminationId id) {
-    if (ours_.erase(id) == 0)
+void Session::channelBegan(TerminationId id, std::uint32_t channel, unsigned long session) {
+    if (state_ == State::Open && session == figures_.ended)
+        channels_[id].insert(channel);
+}
+
+void Session::channelCleared(TerminationId id, std::uint32_t channel, unsigned long session) {
+    if (session != figures_.ended)
         return;
+    auto const found = channels_.find(id);
+    if (found != channels_.end() && found->second.erase(channel) != 0 && found->second.empty())
+        channels_.erase(found);
+    auto const leaving = departing_.find(id);
+    if (leaving == departing_.end())
+        return;
+    for (Departing& one : leaving->second)
+        one.channels.erase(channel);
+    departCleared(id);
+}
+
+void Session::withdraw(TerminationId id, long long now) {
+    if (!announced(id) || forgetUnknown(id))
+        return;
+    std::list<Departing> leaver(1);
+    leaver.front().latest = now + kClearedWithin;
+    if (auto const open = channels_.find(id); open != channels_.end()) {
+        leaver.front().channels = std::move(open->second);
+        channels_.erase(open);
+    }
+    std::list<Departing>& leaving = departing_[id];
+    leaving.splice(leaving.end(), leaver);
+    departAt_ = std::min(departAt_, now + kClearedWithin);
+    departCleared(id);
+}
+
+/** Of who has come under the id of one who is still to be told of, has sent nothing and will not,
+ * the peer need never know. */
+bool Session::forgetUnknown(TerminationId id) {
+    auto const former = departing_.find(id);
+    if (former == departing_.end() || channels_.count(id) != 0)
+        return false;
+    Departing& last = former->second.back();
+    if (last.next.size() > 1)
+        return false;
+    last.next.clear();
+    last.successor = 0;
+    return true;
+}
+
+/** Those of the id before whom all are cleared, too. */
+void Session::departCleared(TerminationId id) {
+    for (auto leaving = departing_.find(id);
+         leaving != departing_.end() && leaving->second.front().channels.empty();
+         leaving = departing_.find(id))
+        depart(id);
+}
+
+/** Those of whom something may still come, or come back. */
+void Session::departLate(long long now) {
+    std::vector<TerminationId> late;
+    departAt_ = kNever;
+    for (auto& [id, leaving] : departing_) {
+        Departing& first = leaving.front();
+        if (first.latest > now) {
+            departAt_ = std::min(departAt_, first.latest);
+            continue;
+        }
+        static Logging::LineLimit limit;
+        REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                               "0x%08X has gone, and not all that it has not read is back in time: "
+                               "the rest may be lost",
+                               id.value());
+        first.channels.clear();
+        late.push_back(id);
+    }
+    for (TerminationId const id : late)
+        departCleared(id);
+}
+
+/** Tells the peer that the first of the id has gone, and what the next one has done since. Whose
+ * the id is holds also if memory runs out then. */
+void Session::depart(TerminationId id) {
+    auto const leaving = departing_.find(id);
+    Departing first = std::move(leaving->second.front());
+    leaving->second.pop_front();
+    if (leaving->second.empty())
+        departing_.erase(leaving);
+    else
+        departAt_ = std::min(departAt_, leaving->second.front().latest);
+    if (departing_.empty())
+        departAt_ = kNever;
+    if (first.successor != 0)
+        ours_.at(id) = first.successor;
+    else
+        ours_.erase(id);
+    tellDeparture(id);
+    for (Outgoing& one : first.next)
+        queue(std::move(one));
+}
+
+void Session::tellDeparture(TerminationId id) {
     reassembly_.passOverFor(id);
     for (auto at = pairs_.begin(); at != pairs_.end();) {
         bool const over = TerminationId(static_cast<std::uint32_t>(at->first >> 32)) == id &&
@@ -443,8 +692,11 @@ void Session::settle(RecordKind kind, TerminationId from, TerminationId to, std:
     settlements_.push_back(head);
 }
 
-bool Session::returned(AddressedMessage const& message, unsigned long session) {
-    if (state_ != State::Open || session != figures_.ended) {
+bool Session::returned(AddressedMessage const& message, unsigned long session, bool leaves) {
+    TerminationId const sender = message.originator();
+    if (state_ != State::Open || session != figures_.ended || leaves ||
+        ours_.count(message.destination()) == 0 || theirs_.count(sender) == 0 ||
+        dropping_.count(sender) != 0) {
         logDropped("what came back", message.originator(), message.destination());
         return false;
     }
@@ -459,6 +711,8 @@ bool Session::returned(AddressedMessage const& message, unsigned long session) {
 }
 
 void Session::queue(Outgoing outgoing) {
+    if (outgoing.head.kind == RecordKind::Departed)
+        ++departures_[outgoing.head.from].queued;
     queuedBytes_ += outgoing.head.total;
     queue_.push_back(std::move(outgoing));
 }
@@ -505,6 +759,13 @@ void Session::fillSettlements(Piece& piece) {
     openRuns_.clear();
 }
 
+/** It is told by the piece that is being filled. */
+void Session::noteDeparture(TerminationId id) {
+    Departures& departures = departures_.at(id);
+    --departures.queued;
+    departures.number = sent_ + 1;
+}
+
 /** Puts in the first of the queue, or a part of it; false when the piece is full. */
 bool Session::fillFromQueue(Piece& piece) {
     Outgoing& first = queue_.front();
@@ -518,6 +779,8 @@ bool Session::fillFromQueue(Piece& piece) {
     first.head.length = static_cast<std::uint32_t>(std::min(left, static_cast<std::size_t>(room)));
     if (!isMessage) {
         piece.append(first.head, reinterpret_cast<unsigned char const*>(first.bytes.data()));
+        if (first.head.kind == RecordKind::Departed)
+            noteDeparture(first.head.from);
         queue_.pop_front();
         return true;
     }
@@ -532,7 +795,11 @@ bool Session::fillFromQueue(Piece& piece) {
 // ---- Time --------------------------------------------------------------------------------------
 
 void Session::timePassed(long long now) {
-    if (state_ != State::Open || flights_.empty())
+    if (state_ != State::Open)
+        return;
+    if (now >= departAt_)
+        departLate(now);
+    if (flights_.empty())
         return;
     if (now - progressAt_ >= kEndAfter)
         return end("nothing is confirmed", now);
@@ -545,9 +812,10 @@ void Session::timePassed(long long now) {
 long long Session::dueAt() const {
     if (state_ != State::Open)
         return helloAt_;
+    long long const due = std::min(tellAt_, departAt_);
     if (flights_.empty())
-        return tellAt_;
-    return std::min(tellAt_, progressAt_ + (probed_ ? kEndAfter : kProbeAfter));
+        return due;
+    return std::min(due, progressAt_ + (probed_ ? kEndAfter : kProbeAfter));
 }
 
 }  // namespace Link

@@ -5,11 +5,14 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "platform/transport/MessageChain.h"
 #include "platform/transport/link/Reassembly.h"
 #include "platform/transport/link/Record.h"
 #include "transport/AddressedMessage.h"
@@ -30,13 +33,17 @@ struct Action {
         Drop,      // from: one that was shown
         Deliver,   // message; then tell `settled` or `refused`
         GiveBack,  // message: to its originator, who is here
-        GoOn,      // from, to: the pair may send again
+        Release,  // from, to: what has come out of the ring between them, up to `place`, is settled
+        GoOn,     // from, to: the pair may send again
     };
     Kind kind;
     unsigned long session = 0;  // which one wants it, counted from 0
     TerminationId from{};
     TerminationId to{};
     std::uint32_t serial = 0;
+    std::uint32_t place = 0;
+    std::uint32_t channel = 0;  // whose ring the place is in
+    unsigned long life = 0;     // of a Deliver or GiveBack: whose, of those who have had the id
     AddressedMessage message{};
     std::string text{};
 };
@@ -72,12 +79,16 @@ struct Delivery {
  * | Open | both know both tokens | records, confirmations |
  *
  * A session ends when the engine has lost sight of the peer, when the peer has begun anew, when a
- * piece is missing or makes no sense, and when nothing is confirmed for 4 seconds. What the
- * peer has not settled then goes back to its senders, and the token changes, so that nothing of
- * that session is taken for part of the next.
+ * piece is missing or makes no sense, and when nothing is confirmed for 4 seconds. The token
+ * changes then, so that nothing of that session is taken for part of the next.
  *
- * A message is *settled* when it is in the ring of its destination, over there: until then it is
- * kept here. Each pair of sender and destination has a credit; a pair beyond it is to be held back
+ * A message is *settled* when it is in the ring of its destination, over there, or when its
+ * destination has refused it, and it is on its way back. Until then, and until those that the same
+ * sender has sent to the same destination before are, it is not released: it is still its sender's,
+ * in the ring that it came out of, who has it back from there when the session ends, its
+ * destination departs, or this process is killed. What has come out of no ring is given back then.
+ *
+ * Each pair of sender and destination has a credit; a pair beyond it is to be held back
  * until enough has been settled, so that who does not read fills neither link, nor stops others.
  * While all pairs together have used up theirs, that of each is small, but not nothing.
  */
@@ -85,7 +96,7 @@ class Session {
 public:
     enum class State { Away, Greeting, Open };
     enum class Sending {
-        Refused,  // give it back: the destination is not there
+        Refused,  // it stays its sender's: the destination is not there
         Taken,
         TakenHoldBack,  // taken; and take no more from this sender for this destination
     };
@@ -99,7 +110,7 @@ public:
     struct Figures {
         unsigned long messagesOut = 0, messagesIn = 0;
         unsigned long bytesOut = 0, bytesIn = 0;
-        unsigned long givenBack = 0;  // to senders here
+        unsigned long givenBack = 0;  // to senders here, or left to them
         unsigned long opened = 0, ended = 0;
     };
 
@@ -108,6 +119,7 @@ public:
     static constexpr long long kTellWithin = 5'000'000;  // confirmations without company
     static constexpr long long kProbeAfter = 1'000'000'000;
     static constexpr long long kEndAfter = 4'000'000'000;
+    static constexpr long long kClearedWithin = 3'000'000'000;
     static constexpr std::size_t kWindow = std::size_t{4} << 20;           // pieces under way
     static constexpr std::size_t kCredit = std::size_t{1} << 20;           // of a pair
     static constexpr std::size_t kCreditOfAll = std::size_t{64} << 20;     // of all pairs together
@@ -125,26 +137,48 @@ public:
     /** A piece could not be written. */
     void writingFailed(long long now) { end("a piece could not be written", now); }
     /** Memory has run out in one of these operations, whichever, or in this one: the session ends.
-     * What `send` has taken goes back; what it has thrown at is its caller's. */
+     * What `send` has thrown at is its caller's. */
     void memoryRanOut(long long now) { end("no memory is left", now); }
     /** Call when `dueAt` has come. */
     void timePassed(long long now);
 
     // ---- What this machine tells ----
-    /** A message from one that was announced to a termination of the peer. */
-    Sending send(AddressedMessage const& message);
+    /** A message from one that was announced to a termination of the peer. It has come over this
+     * channel, or 0: over none. */
+    Sending send(AddressedMessage const& message, std::uint32_t channel);
+    /** What a Drop of that session wants is done: nothing is sent any more to who was shown under
+     * the id, but to who is next. */
+    void dropped(TerminationId id, unsigned long session);
     /** Someone is here; once. `shown`: to all over there. Nothing while the session is not open. */
     void announce(TerminationId id, bool shown, std::string const& names);
-    bool announced(TerminationId id) const { return ours_.count(id) > 0; }
-    /** Someone has gone. */
-    void withdraw(TerminationId id);
+    /** Whether it has been, or will be when who had the id before is out of the way. */
+    bool announced(TerminationId id) const { return lifeOf(id) != 0; }
+    /** Someone has gone. The peer is told when each of his channels with one of the peer's has been
+     * cleared, so that nothing comes or comes back after that; or without, after kClearedWithin. */
+    void withdraw(TerminationId id, long long now);
+    /** One of ours has a channel with one of the peer's, whom that session has shown. */
+    void channelBegan(TerminationId id, std::uint32_t channel, unsigned long session);
+    /** All that has come over it, and comes back, has been told here. */
+    void channelCleared(TerminationId id, std::uint32_t channel, unsigned long session);
     /** The message of a Deliver is in the ring of its destination; no effect in a later session. */
     void settled(Delivery const& delivery, long long now);
     /** It was not delivered. */
     void refused(Delivery const& delivery, long long now);
+    /** Whether a Deliver or GiveBack is still for who has the id now, and not a former one, as far
+     * as `withdraw` has told. Such a Deliver is to be refused: its sender has it back, too. What an
+     * earlier session has brought is for whoever is there. */
+    bool isForPresent(Action const& action) const;
     /** A settled message of that session has come back, since its destination has gone without
-     * reading it. False when there is no telling its sender any more. */
-    bool returned(AddressedMessage const& message, unsigned long session);
+     * reading it. `leaves`: so has its sender's proxy been told to. False when there is no telling
+     * the sender any more. */
+    bool returned(AddressedMessage const& message, unsigned long session, bool leaves);
+
+    /** The ring of that channel, which messages of that session from one to the other have come
+     * out of, is no more. What is not released its sender has taken back, or it is ours alone from
+     * now on, up to the place that is answered; none: nothing of it is. */
+    std::optional<std::uint32_t> ringEnded(TerminationId from, TerminationId to,
+                                           std::uint32_t channel, unsigned long session,
+                                           bool takenBack);
 
     // ---- What is to be done ----
     /** What has been settled, and not yet told, is due now. */
@@ -175,21 +209,44 @@ public:
 
 private:
     using Key = std::uint64_t;
-    struct Unsettled {
-        AddressedMessage message;
-        bool settled = false;
+    enum class Fate { Open, Delivered, Refused };
+    enum class Whose { SendersInRing, Ours, Senders };
+    struct Unreleased {
+        AddressedMessage message;   // while it may have to be given back
+        std::uint32_t place = 0;    // in its sender's ring, while it is there
+        std::uint32_t channel = 0;  // whose ring that is
+        unsigned long life = 0;     // its sender's, whom alone it may be given back to
+        Whose whose = Whose::Ours;
+        Fate fate = Fate::Open;
     };
     /** What one sender has on its way to one destination. */
     struct Pair {
-        std::deque<Unsettled> messages;  // from the first that is not settled
-        std::uint32_t first = 0;         // its serial
-        std::size_t bytes = 0;           // of those that are not settled
+        std::deque<Unreleased> messages;  // from the first whose fate is open
+        std::uint32_t first = 0;          // its serial: none that a former pair of these has had
+        std::size_t bytes = 0;            // of those that are open, or kept to be given back
         bool heldBack = false;
     };
     struct Outgoing {
         RecordHead head;  // offset: how much of a message has gone
         AddressedMessage message{};
         std::string bytes{};
+    };
+    /** One of ours that has gone, which the peer is not told yet. */
+    struct Departing {
+        std::set<std::uint32_t> channels{};  // that are not cleared
+        long long latest = 0;                // that it is told
+        unsigned long successor = 0;         // life of who has come next under the id; 0: nobody
+        std::list<Outgoing> next{};          // what is told of that one, its arrival first
+    };
+    /** Who of those that have had an id it is. */
+    struct Sender {
+        unsigned long life;  // 0: none of them
+        Departing* former;   // behind whom it is told of; null: it, or its departure, is next
+    };
+    /** Of those that have had one id, one after the other. */
+    struct Departures {
+        std::size_t queued = 0;
+        std::uint64_t number = 0;  // of the piece with the last of the others
     };
     struct Flight {
         std::uint64_t number;
@@ -199,15 +256,18 @@ private:
     static Key key(TerminationId from, TerminationId to) {
         return std::uint64_t{from.value()} << 32 | to.value();
     }
+    Action action(Action::Kind kind, TerminationId from, TerminationId to = {}) const;
+    Action givingBack(AddressedMessage const& message, unsigned long life) const;
+    unsigned long lifeOf(TerminationId id) const;
     void act(Action::Kind kind, TerminationId from = {}, std::string text = {});
-    void giveBack(AddressedMessage const& message);
+    void giveBack(AddressedMessage const& message, unsigned long life);
     void tellBy(long long time);
 
     bool meet(PieceHead const& head, long long now);
     void open(long long now);
     void end(char const* reason, long long now);
-    void giveBackAll(Pair& pair);
-    void giveBackAll();
+    void leaveToSender(Pair& pair);
+    void leaveToSenders();
     void forgetAll();
     bool confirm(std::uint64_t taken, long long now);
 
@@ -217,17 +277,28 @@ private:
     void takeMessage(RecordHead const& head, AddressedMessage message, long long now);
     bool takeArrival(Record const& record);
     void takeDeparture(TerminationId id);
+    bool mayBeForFormer(TerminationId id) const;
+    void forgetDepartures();
     bool takeSettlement(RecordHead const& head, long long now);
-    void settleOne(Pair& pair, Unsettled& one, bool delivered);
-    void removeFromQueue(TerminationId to);
+    void settleOne(Pair& pair, Unreleased& one, Fate fate);
+    void release(TerminationId from, TerminationId to, Pair& pair);
+    Pair& pairOf(TerminationId from, TerminationId to);
+    Sender senderOver(TerminationId from, std::uint32_t channel);
+    void removeFromQueue(TerminationId gone);
     void letGoOn(TerminationId from, TerminationId to, Pair& pair);
     void letAllGoOn();
     void settle(RecordKind kind, TerminationId from, TerminationId to, std::uint32_t serial);
 
+    bool forgetUnknown(TerminationId id);
+    void departCleared(TerminationId id);
+    void departLate(long long now);
+    void depart(TerminationId id);
+    void tellDeparture(TerminationId id);
     void queue(Outgoing outgoing);
     void fill(Piece& piece, long long now);
     void fillSettlements(Piece& piece);
     bool fillFromQueue(Piece& piece);
+    void noteDeparture(TerminationId id);
     std::size_t creditOfPair() const { return full_ ? kCreditWhenFull : kCredit; }
     bool windowOpen() const { return flightBytes_ < kWindow; }
 
@@ -235,8 +306,9 @@ private:
     State state_ = State::Away;
     std::uint64_t myToken_;
     std::uint64_t peerToken_ = 0;
-    std::uint64_t sent_ = 0;   // number of the last piece with records
-    std::uint64_t taken_ = 0;  // likewise, of the peer's
+    std::uint64_t sent_ = 0;       // number of the last piece with records
+    std::uint64_t taken_ = 0;      // likewise, of the peer's
+    std::uint64_t confirmed_ = 0;  // the peer had taken when it wrote what has come last
     long long openedAt_ = 0;
     long long helloAt_ = kNever;
     long long tellAt_ = kNever;    // a confirmation, at the latest
@@ -255,8 +327,16 @@ private:
     std::vector<RecordHead> settlements_;            // to be told
     std::unordered_map<Key, std::size_t> openRuns_;  // the last of each pair in there
     Reassembly reassembly_;
-    std::unordered_set<TerminationId> ours_;
+    std::unordered_map<TerminationId, unsigned long> ours_;  // and which life of the id it is
+    unsigned long lives_ = 0;                                // so far
+    std::unordered_map<TerminationId, std::set<std::uint32_t>>
+        channels_;  // of ours, with the peer's
+    // Of ours: of each id at least one, and one after the other. The first is in ours_, too.
+    std::unordered_map<TerminationId, std::list<Departing>> departing_;
+    long long departAt_ = kNever;                               // one of them, at the latest
+    std::unordered_map<TerminationId, Departures> departures_;  // that the peer may not know yet
     std::unordered_set<TerminationId> theirs_;
+    std::unordered_multiset<TerminationId> dropping_;  // each Drop that is wanted
     Actions actions_;
     Figures figures_;
 };

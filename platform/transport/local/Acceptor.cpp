@@ -1,5 +1,6 @@
 #include "platform/transport/local/Acceptor.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,6 +32,12 @@ constexpr long long kUnseenPause = 2'000'000;
 
 std::atomic<long long> introductionLimitNow{10'000'000'000};
 
+/** To be accepted: without a descriptor left, accept does not tell whether nobody does. */
+bool somebodyWaits(int listening) {
+    pollfd one{listening, POLLIN, 0};
+    return ::poll(&one, 1, 0) > 0;
+}
+
 }  // namespace
 
 void Acceptor::introductionLimit(long long nanoseconds) {
@@ -61,8 +68,10 @@ void Acceptor::accept() {
         }
         bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM;
         if (exhausted && !raiseDescriptorLimit()) {
-            tellNoDescriptor();
-            pauseForRoom();
+            if (somebodyWaits(listening_.get())) {
+                tellNoDescriptor();
+                pauseForRoom();
+            }
             return;
         }
         if (!exhausted && errno != ECONNABORTED && errno != EINTR)
@@ -84,6 +93,14 @@ void Acceptor::tellBehind() const {
                            receiver_.id().value());
 }
 
+void Acceptor::tellHeldUp(Stranger const& stranger) const {
+    static Logging::LineLimit limit;
+    REFLECTORB_LOG_LIMITED(
+        limit, 3, kSource,
+        "termination 0x%08X keeps process %d waiting: closing what it has passed hangs",
+        receiver_.id().value(), static_cast<int>(stranger.identity.process));
+}
+
 /** Nobody can be taken in now: those who connect wait a little. */
 void Acceptor::pause(long long nanoseconds) {
     receiver_.unwatch(listening_.get());
@@ -95,19 +112,21 @@ void Acceptor::pauseForRoom() {
     pause(makeRoom(0) ? kUnseenPause : kAcceptPause);
 }
 
-/** Where descriptors have run out, those who have said nothing for longest give way to who has
- * said Hello, and to who connects: with a few of them, which are closed soon. False when there are
- * none, `except` left out. */
+/** Where descriptors have run out, those who have said nothing for longest, or are held up, give
+ * way to who has said Hello, and to who connects: with a few of them, which are closed soon. Where
+ * there are none, `except` left out, channels without traffic do, in a while: false. */
 bool Acceptor::makeRoom(std::uint32_t except) {
-    std::vector<std::uint32_t> silent;
+    std::vector<std::uint32_t> leaving;
     for (auto const& [token, stranger] : strangers_) {
-        if (stranger.hearAgainAt == 0 && token != except &&
-            silent.size() < std::size_t{kDescriptorsOfChannel})
-            silent.push_back(token);
+        if (stranger.givesWay() && token != except &&
+            leaving.size() < std::size_t{kDescriptorsOfChannel})
+            leaving.push_back(token);
     }
-    for (std::uint32_t const token : silent)
+    for (std::uint32_t const token : leaving)
         drop(token);
-    return !silent.empty();
+    if (leaving.empty())
+        receiver_.wantDescriptors();
+    return !leaving.empty();
 }
 
 /** Whether what is left is for those whose Hello waits for it. */
@@ -138,11 +157,12 @@ void Acceptor::receive(OpenSocket socket) {
     hear(token);
 }
 
-/** Of those who say nothing, if there are any: who has said Hello and waits may be a good one. */
+/** Of those who say nothing, or are held up, if there are any: who else has said Hello and waits
+ * may be a good one. */
 void Acceptor::dropOldest() {
-    auto const silent = std::find_if(strangers_.begin(), strangers_.end(),
-                                     [](auto const& each) { return each.second.hearAgainAt == 0; });
-    drop((silent == strangers_.end() ? strangers_.begin() : silent)->first);
+    auto const found = std::find_if(strangers_.begin(), strangers_.end(),
+                                    [](auto const& each) { return each.second.givesWay(); });
+    drop((found == strangers_.end() ? strangers_.begin() : found)->first);
 }
 
 void Acceptor::drop(std::uint32_t token) {
@@ -174,18 +194,24 @@ void Acceptor::hear(std::uint32_t token) {
         keepWaiting(heard, std::clamp(waited, kUnseenPause, kAcceptPause));
         return;
     }
-    bool const behind = known && closersBehind();
-    if (behind || (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel))) {
+    if (known && closersBehind(heard.identity.process)) {
+        if (!std::exchange(heard.heldUp, true))
+            tellHeldUp(heard);
+        keepWaiting(heard, kAcceptPause);
+        return;
+    }
+    heard.heldUp = false;
+    if (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel)) {
         if (!std::exchange(heard.starved, true))
-            behind ? tellBehind() : tellNoDescriptor();
-        keepWaiting(heard, !behind && makeRoom(token) ? kUnseenPause : kAcceptPause);
+            tellNoDescriptor();
+        keepWaiting(heard, makeRoom(token) ? kUnseenPause : kAcceptPause);
         return;
     }
     Stranger stranger = std::move(heard);
     strangers_.erase(found);
     receiver_.unwatch(stranger.socket.get());
-    if (known)
-        introduce(std::move(stranger), TerminationId(hello.from));
+    if (known && !introduce(stranger, TerminationId(hello.from)))
+        keepWaiting(strangers_.emplace(token, std::move(stranger)).first->second, kAcceptPause);
 }
 
 /** His Hello stays where it is for a while. */
@@ -232,24 +258,28 @@ Rendezvous::Claim Acceptor::judgeClaim(Stranger& stranger, TerminationId claimed
     return Rendezvous::Claim::False;
 }
 
-void Acceptor::introduce(Stranger stranger, TerminationId peer) {
+/** False when his Hello cannot be taken in now, and stays where it is. */
+bool Acceptor::introduce(Stranger& stranger, TerminationId peer) {
     ReceivedPacket hello;
     Transfer const transfer = receivePacket(stranger.socket.get(), hello);
+    if (transfer == Transfer::Exhausted || transfer == Transfer::Behind)
+        return false;
     if (transfer == Transfer::Garbage)
         tellNonsense(stranger);
     if (transfer != Transfer::Done)
-        return;
+        return true;
     if (!Switchboard::instance().mayConnect(receiver_.id(), peer)) {
         Channel::tellRefused(peer, receiver_.id(), Channel::kTooManyChannels);
-        return;
+        return true;
     }
     std::shared_ptr<Channel> const channel =
         Switchboard::instance().channel(receiver_.shared_from_this(), peer);
     if (channel == nullptr)
-        return;
+        return true;
     auto const answer = [&] { channel->answerHello(std::move(stranger.socket), std::move(hello)); };
     if (!OSWrap::withMemory(answer))
         channel->closeForShortage();
+    return true;
 }
 
 void Acceptor::serveTimers(long long now) {

@@ -45,9 +45,13 @@ private:
         PeerIdentity identity;
         long long deadline;
         bool starved = false;       // none can be taken in for a channel
+        bool heldUp = false;        // as what its process has passed is not closed yet
         long long unseenSince = 0;  // his entry has not been seen here; 0: it has
         long long hearAgainAt =
             0;  // when his Hello, which waits, is looked at again; 0: none waits
+
+        /** For one whose Hello waits for something else, or who connects. */
+        bool givesWay() const { return hearAgainAt == 0 || heldUp; }
     };
 
     void receive(OpenSocket socket);
@@ -57,12 +61,13 @@ private:
     bool keepsRoom() const;
     void tellNoDescriptor() const;
     void tellBehind() const;
+    void tellHeldUp(Stranger const& stranger) const;
     void tellNonsense(Stranger const& stranger) const;
     void dropOldest();
     void drop(std::uint32_t token);
     Rendezvous::Claim judge(Stranger& stranger, Transfer transfer, Packet const& hello);
     Rendezvous::Claim judgeClaim(Stranger& stranger, TerminationId claimed);
-    void introduce(Stranger stranger, TerminationId peer);
+    bool introduce(Stranger& stranger, TerminationId peer);
     void keepWaiting(Stranger& stranger, long long nanoseconds);
 
     Receiver& receiver_;

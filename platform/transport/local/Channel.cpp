@@ -20,11 +20,6 @@ constexpr std::uint32_t kBytesPerBatch = 64 * 1024;
 /** So much more than is needed is reserved at a time, for the messages that follow. */
 constexpr std::size_t kReservedAhead = 64 * 1024;
 
-/** How large a ring may become for messages of this size. */
-std::uint32_t boundFor(std::size_t messageSize) {
-    return messageSize > kUsualRing / 8 ? kLargestRing : kUsualRing;
-}
-
 }  // namespace
 
 Channel::Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
@@ -52,6 +47,8 @@ Channel::Sent Channel::send(AddressedMessage const& message, bool peerExists, Ro
     sent_.store(sent_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     if (state_ == State::Gone || !receiver_->sending())
         return Sent::Refused;
+    if (state_ == State::Retired)
+        return Sent::Retired;
     if (state_ == State::Idle && !peerExists)
         return Sent::AskPresence;
     if (state_ == State::Open) {
@@ -93,6 +90,12 @@ std::size_t Channel::heldLocked() const {
     return queue_.bytes() + (stands ? link_->writer->keptBytes() : 0);
 }
 
+/** How large a ring may become for messages of this size. What goes to another machine stays in it
+ * until it is there, so there is to be room for all that is on the way meanwhile. */
+std::uint32_t Channel::boundFor(std::size_t messageSize) {
+    return messageSize > kUsualRing / 8 || link_->toLink ? kLargestRing : kUsualRing;
+}
+
 /** Whether one more message may be queued: for this peer, and for its process. */
 bool Channel::reserveLocked(std::size_t messageSize, Room room) {
     if (!queue_.hasRoomFor(messageSize, room))
@@ -129,7 +132,7 @@ void Channel::pushLocked(AddressedMessage message) {
 
 /** Whether a message may be queued beyond the usual limit. */
 bool Channel::takesLocked(AddressedMessage const& message) {
-    return state_ != State::Gone && receiver_->sending() &&
+    return state_ != State::Gone && state_ != State::Retired && receiver_->sending() &&
            reserveLocked(message.size(), Room::ForAnswers);
 }
 
@@ -142,15 +145,17 @@ bool Channel::sendAgain(AddressedMessage message) {
     return true;
 }
 
-bool Channel::sendBack(AddressedMessage const& message) {
+Channel::Sent Channel::sendBack(AddressedMessage const& message) {
     AddressedMessage copy = copyOf(message);
     OSWrap::Lock<> lock(mutex_);
+    if (state_ == State::Retired)
+        return Sent::Retired;
     if (copy.empty() || !takesLocked(copy))
-        return false;
+        return Sent::Refused;
     MessageChain::mark(copy, MessageMark::SentBack);
     receiver_->returningMore();
     pushLocked(std::move(copy));
-    return true;
+    return Sent::Taken;
 }
 
 /** Sends on from the queue what fits. When the ring is full, the peer is asked to ring when it has
@@ -196,7 +201,7 @@ bool Channel::sendFrontLocked() {
 
 AddressedMessage Channel::popFrontLocked() {
     ++leftPlace_;
-    if (receiver_->tellsPlaces())
+    if (receiver_->passesOn())
         receiver_->request(*this);
     receiver_->unsentLess(1);
     if (queue_.front()->has(MessageMark::SentBack))
@@ -221,7 +226,7 @@ std::size_t Channel::takeOwnLocked(MessageChain& own) {
 }
 
 void Channel::tellPlaces() {
-    if (!receiver_->tellsPlaces())
+    if (!receiver_->passesOn())
         return;
     std::uint64_t left = 0;
     {
@@ -232,7 +237,7 @@ void Channel::tellPlaces() {
 }
 
 void Channel::tellPlaces(std::uint64_t left) {
-    if (receiver_->tellsPlaces() && left != std::exchange(toldPlace_, left))
+    if (receiver_->passesOn() && left != std::exchange(toldPlace_, left))
         receiver_->leftQueue(peer_, left);
 }
 
@@ -283,6 +288,15 @@ void Channel::ringIfAsleepLocked() {
         ringDoorBell(link_->peerBell);
 }
 
+void Channel::mayBeUnused() {
+    {
+        OSWrap::Lock<> lock(mutex_);
+        if (state_ != State::Idle)
+            return;
+    }
+    receiver_->request(*this);
+}
+
 void Channel::peerGone() {
     {
         OSWrap::Lock<> lock(mutex_);
@@ -294,6 +308,13 @@ void Channel::peerGone() {
 void Channel::goOn() {
     if (heldBack_.exchange(false))
         receiver_->request(*this);
+}
+
+/** The reader stands as long as the writer does, which needs the mutex to end. */
+void Channel::release(std::uint32_t place) {
+    OSWrap::Lock<> lock(mutex_);
+    if (link_.has_value() && link_->writer.has_value() && reading_.reader().release(place))
+        ringDoorBell(link_->peerBell);
 }
 
 // ---- The ring: who waits for an answer ---------------------------------------------------------

@@ -15,6 +15,7 @@
 #include "platform/transport/local/PeerShare.h"
 #include "platform/transport/local/ReadingEnd.h"
 #include "platform/transport/local/Ring.h"
+#include "platform/transport/local/Showing.h"
 #include "transport/AnswerWait.h"
 #include "transport/TerminationId.h"
 
@@ -23,9 +24,10 @@ namespace Transport {
 class Receiver;
 
 /**
- * One termination's side of its traffic with one termination of another process. Lives from the
- * first message until the peer is gone or the own termination stops, and has a connection while
- * there is something to say.
+ * One termination's side of its traffic with one termination of another process. Lives while there
+ * is something to say, for which it has a connection, or something left of what was said; until the
+ * peer is gone or the own termination stops at the latest. Those of a link's proxies, which count
+ * the messages, live that long in any case.
  *
  * | state | meaning | a message |
  * |---|---|---|
@@ -35,6 +37,7 @@ class Receiver;
  * | Open | rings in both directions | goes into the ring, or is queued when that is full |
  * | Leaving | we have said Bye, or are answering one | is queued |
  * | Gone | the peer has gone or we stop | is refused |
+ * | Retired | nothing was left to say | goes to a new channel |
  *
  * When both sides say Hello at once, the Hello of the lower id is answered by Welcome and the other
  * one by Crossed. Nothing goes into a ring before Welcome.
@@ -46,7 +49,7 @@ class Receiver;
  */
 class Channel : public std::enable_shared_from_this<Channel> {
 public:
-    enum class Sent { Refused, Taken, AskPresence };
+    enum class Sent { Refused, Taken, AskPresence, Retired };
 
     /** `share`: of the peer's process. */
     Channel(std::shared_ptr<Receiver> receiver, TerminationId peer,
@@ -63,17 +66,20 @@ public:
     TerminationId peer() const { return peer_; }
     std::uint32_t token() const { return token_; }
     /** Takes a copy of the bytes. AskPresence: there is no connection, and `peerExists` is false,
-     * so find out and ask again. `place`, if asked for, becomes that in the queue when the message
-     * has to wait there, else it stays as it is; see ReceiverOwner::leftQueue. */
+     * so find out and ask again. Retired: it takes nothing any more, another one may. `place`, if
+     * asked for, becomes that in the queue when the message has to wait there, else it stays as it
+     * is; see ReceiverOwner::leftQueue. */
     Sent send(AddressedMessage const& message, bool peerExists, Room room,
               std::uint64_t* place = nullptr);
     /** Sends a message without other owners that has come back once more, and takes it over: needs
      * no memory. False when the peer has gone, or too much waits for it. Receiving thread. */
     bool sendAgain(AddressedMessage message);
     /** Sends a copy of a message of the peer's, which could not be delivered where it was passed on
-     * to, back to it. False as above, or without memory. Any thread that knows that the peer
+     * to, back to it. Refused as above, or without memory. Any thread that knows that the peer
      * exists. */
-    bool sendBack(AddressedMessage const& message);
+    Sent sendBack(AddressedMessage const& message);
+    /** It has not taken what it may have been made for. Any thread. */
+    void mayBeUnused();
     /** Refuses everything from now on and has the receiving thread clear up. */
     void peerGone();
     /** How many messages it has been given for the peer. Any thread. */
@@ -82,6 +88,11 @@ public:
      * close, until `goOn`; see TerminationImpl::holdBack. Receiving thread. */
     void holdBack() { heldBack_.store(true); }
     void goOn();
+    /** For an owner who passes messages on: those that came from the peer, up to the one of this
+     * place, are in his hands no more, or need not be. Until then they are the peer's, who has them
+     * back when the connection ends with this termination, or with the process. A place of an
+     * earlier connection has no effect. */
+    void release(std::uint32_t place);
     /** True for the first caller until `service` runs. */
     bool markRequested() { return !requested_.exchange(true); }
     /** Whom the receiver serves after this one, while it is among the requests: a list without
@@ -165,8 +176,10 @@ public:
     bool hasRing() const { return reading_.isReceivers(); }
     /** When to call `service` again by itself; 0: not at all. */
     long long retryAt() const { return retryAt_; }
-    /** Called now and then: gives the connection back after two calls without traffic between. */
-    void giveBackIfIdle();
+    /** Called now and then: gives the connection back after two calls without traffic between. With
+     * `wanted`, others wait for its descriptors: a peer that says nothing to that for long is not
+     * asked any more. */
+    void giveBackIfIdle(bool wanted);
     /** Closes the connection, for which memory did not suffice. */
     void closeForShortage();
     bool connected() const { return connection_.has_value(); }
@@ -175,7 +188,7 @@ public:
     std::size_t shutDown();
 
 private:
-    enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone };
+    enum class State { Idle, Wanted, Connecting, Open, Leaving, Gone, Retired };
     /** What becomes of messages in our ring that the peer has not taken when we close. */
     enum class Unread { GiveBack, LeaveToPeer };
     enum class Batch { Empty, More, Left, Waits, Garbage, NoMemory, NoRoom };
@@ -201,6 +214,7 @@ private:
         int peerBell = -1;                 // Connection::peer's
         bool spaceAsked = false;           // and the peer's bell not yet handled
         bool growthFailed = false;         // do not try again before the next bell
+        bool toLink = false;               // the peer's process passes on what it takes
         PeerShare::Reservation rings;      // those that were grown to
     };
     /** What the receiving thread needs, and what it has seen: all of that is over with the
@@ -212,6 +226,7 @@ private:
 
         OwnSide own;
         PeerSide peer;
+        std::optional<Showing> showing;  // of the peer, to a link
         std::deque<RingArea> nextRings;  // announced by the peer, oldest first
         bool starved = false;            // a packet waits until there are descriptors for it
         bool byeSeen = false;            // and not yet reacted to, as with garbageSeen
@@ -237,6 +252,7 @@ private:
     void pushLocked(AddressedMessage message) OSW_REQUIRES(mutex_);
     std::size_t heldLocked() const OSW_REQUIRES(mutex_);
     bool reserveLocked(std::size_t messageSize, Room room) OSW_REQUIRES(mutex_);
+    std::uint32_t boundFor(std::size_t messageSize) OSW_REQUIRES(mutex_);
     void settleLocked() OSW_REQUIRES(mutex_);
     void drainLocked() OSW_REQUIRES(mutex_);
     bool sendFrontLocked() OSW_REQUIRES(mutex_);
@@ -254,18 +270,22 @@ private:
     void connect();
     bool mayConnect();
     bool sayHello(OpenSocket socket);
+    OwnSide makeSide();
+    bool introduce(OpenSocket socket, Packet::Kind kind);
     void retryLater(long long nanoseconds);
+    void tryAgainWithRoom();
     void tryAgain(char const* reason);
     void giveUp(int level, char const* reason);
     bool peerIsGenuine(int socket);
     bool mayAnswer(int socket);
     void dropAttempt();
+    void answerGreeting();
     void refuseHello(char const* reason);
     void open(PeerSide peer);
     Packet packet(Packet::Kind kind, std::uint32_t ringCapacity = 0) const;
 
     void readPackets();
-    void awaitDescriptors(int fd, char const* reason);
+    void leaveInSocket(int fd, char const* reason);
     void goOnWithDescriptors();
     bool takePacket(ReceivedPacket& received);
     bool takeWelcome(ReceivedPacket& received);
@@ -274,6 +294,9 @@ private:
     void react();
     void answerBye();
     void resumeSending();
+    void sayByeIfIdleLocked(bool wanted) OSW_REQUIRES(mutex_);
+    bool isSilentLocked() OSW_REQUIRES(mutex_);
+    bool hasReceivedNothing();
 
     /** So many who waited for an answer were alone, in a row, when callers read by themselves. */
     static constexpr int kLonely = 4;
@@ -299,11 +322,16 @@ private:
     void logKept(std::size_t messages);
     bool giveBackUntaken();
     void endWithSocket();
+    bool leadsToLink();
+    std::optional<Showing> showing() const;
+    bool mayHavePassedOn();
+    void endReleasing();
     void dropConnection();
     OpenSocket unlinkLocked() OSW_REQUIRES(mutex_);
     void giveBackAll();
     void closeGone();
     void clearUpGone();
+    void retireIfUnused();
 
     std::shared_ptr<Receiver> const receiver_;
     TerminationId const ownId_;
@@ -335,8 +363,10 @@ private:
     PeerShare::Reservation descriptors_;    // for it
     /** Of a connection that has ended; there is no other one before all this has gone back. */
     std::optional<SentMessages> untaken_;
-    std::optional<Greeting> greeting_;  // answered when this connection has ended
+    bool passedOn_ = false;             // that, perhaps: it is not to be sent again
+    std::optional<Greeting> greeting_;  // answered when the connection has ended
     std::uint64_t toldPlace_ = 0;       // as having left the queue
+    std::uint32_t nextPlace_ = 0;       // of what comes over the next connection, its bytes beside
     int attempts_ = 0;                  // to connect, without success
     bool left_ = false;                 // the ring, with the message that has just been taken
     int unawaited_ = 0;                 // statistics: batches while nobody waited for an answer

@@ -6,6 +6,7 @@
 #include "logging/LineLimit.h"
 #include "oswrap/Clock.h"
 #include "oswrap/Lock.h"
+#include "oswrap/OutOfMemory.h"
 #include "platform/transport/local/Channel.h"
 #include "platform/transport/local/Receiver.h"
 #include "platform/transport/local/Rendezvous.h"
@@ -23,8 +24,13 @@ constexpr long long kBacklogFullRetry = 20'000'000;  // nanoseconds
 /** After Crossed the other side's Hello is on its way; should it be lost, we say ours again. */
 constexpr long long kCrossedRetry = 200'000'000;
 constexpr long long kNoMemoryRetry = 100'000'000;
+/** Who waits for an answer that does not come may hold on to a channel that is of no use. */
+constexpr long long kAwaitedPause = 1'000'000'000;
 /** So often we try to connect to somebody who is there, before what waits for it comes back. */
 constexpr int kMostAttempts = 10;
+/** A peer that does not answer our Bye keeps its descriptors for so many looks while others wait
+ * for them: a second or so. */
+constexpr int kMostLooksForAnswer = 10;
 constexpr unsigned kFirstLines = 10;
 
 }  // namespace
@@ -69,6 +75,8 @@ void Channel::service() {
         connect();
     else if (stands())
         receiver_->makeHot(*this);  // it may have been held back
+    else
+        retireIfUnused();
 }
 
 void Channel::retryLater(long long nanoseconds) {
@@ -92,7 +100,7 @@ void Channel::connect() {
         if (errno == EAGAIN)
             retryLater(kBacklogFullRetry);
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
-            tryAgain("no descriptor or no memory is left");
+            tryAgainWithRoom();
         else
             giveUp(6, "nobody listens there");
         return;
@@ -105,6 +113,12 @@ void Channel::connect() {
         tryAgain("the connection could not be made");
 }
 
+/** Channels that say nothing give way. */
+void Channel::tryAgainWithRoom() {
+    receiver_->wantDescriptors();
+    tryAgain("no descriptor or no memory is left");
+}
+
 /** Of an attempt that has failed, for a reason that may pass. */
 void Channel::tryAgain(char const* reason) {
     dropAttempt();
@@ -115,30 +129,43 @@ void Channel::tryAgain(char const* reason) {
 }
 
 bool Channel::sayHello(OpenSocket socket) {
-    OwnSide side = OwnSide::make();
+    OwnSide side = makeSide();
     receiver_->enrol(*this);
     if (!side.valid())
         return false;
     connection_.emplace(std::move(side));
+    return introduce(std::move(socket), Packet::Hello);
+}
+
+/** Where there are no descriptors for it, channels that say nothing give way. */
+OwnSide Channel::makeSide() {
+    OwnSide side = OwnSide::make();
+    if (!side.valid())
+        receiver_->wantDescriptors();
+    return side;
+}
+
+/** The socket becomes that of the connection, and the peer gets our side over it. */
+bool Channel::introduce(OpenSocket socket, Packet::Kind kind) {
     int const fd = socket.get();
     {
         OSWrap::Lock<> lock(mutex_);
-        if (state_ != State::Gone)
+        if (kind == Packet::Hello && state_ != State::Gone)
             state_ = State::Connecting;
         link_.emplace(std::move(socket), share_);
     }
     OwnSide& own = connection_->own;
-    bool const said = watchBell() && receiver_->watch(fd, token_, Receiver::Source::Socket) &&
-                      sendPacket(fd, packet(Packet::Hello, own.ring.capacity), own.file.get(),
+    bool const sent = watchBell() && receiver_->watch(fd, token_, Receiver::Source::Socket) &&
+                      sendPacket(fd, packet(kind, own.ring.capacity), own.file.get(),
                                  own.bell.get()) == Transfer::Done;
     own.file.reset();
-    return said;
+    return sent;
 }
 
 /** Before the bell is the peer's, too: of those who wait for it, ours come first, callers before
  * workers. A link's proxies have neither. */
 bool Channel::watchBell() {
-    if (!receiver_->tellsPlaces())
+    if (!receiver_->passesOn())
         reading_.watch(connection_->own.bell.get());
     receiver_->workers().watch(connection_->own.bell.get(), *this);
     return receiver_->watch(connection_->own.bell.get(), token_, Receiver::Source::Bell);
@@ -168,6 +195,7 @@ void Channel::giveUp(int level, char const* reason) {
 bool Channel::mayAnswer(int socket) {
     switch (state()) {
         case State::Gone:
+        case State::Retired:
             return false;
         case State::Connecting:
             if (peer_ < ownId_) {
@@ -203,40 +231,34 @@ void Channel::answerHello(OpenSocket socket, ReceivedPacket hello) {
     if (receiver_->stopping())
         return;
     receiver_->enrol(*this);
-    if (connected())
-        onSocket();  // the peer may have closed the former connection just before
-    if (connected() && ending()) {
-        // Has descriptors of its own, which count until the former connection's are counted out.
-        if (descriptors_.bytes() > 1 || descriptors_.grow(1))
-            greeting_ = Greeting{std::move(socket), std::move(hello)};
-        else
-            tellRefused(peer_, ownId_, kTooManyChannels);
-        return;
+    greeting_ = Greeting{std::move(socket), std::move(hello)};
+    onSocket();  // the peer may have closed the former connection just before
+    if (!connected() || !ending())
+        answerGreeting();  // unless the end of the former one has
+    else if (greeting_.has_value() && descriptors_.bytes() <= 1 && !descriptors_.grow(1)) {
+        // It has descriptors of its own, which count until the former ones are counted out.
+        tellRefused(peer_, ownId_, kTooManyChannels);
+        greeting_.reset();
     }
-    if (receiver_->stopping() || !giveBackUntaken() || !mayAnswer(socket.get()))
+}
+
+void Channel::answerGreeting() {
+    std::optional<Greeting> greeting = std::exchange(greeting_, std::nullopt);
+    if (!greeting.has_value() || receiver_->stopping() || !giveBackUntaken() ||
+        !mayAnswer(greeting->socket.get()))
         return;
     if (!mayConnect()) {
         refuseHello(kTooManyChannels);
         return;
     }
-    PeerSide peerSide = PeerSide::of(hello);
-    OwnSide side = OwnSide::make();
+    PeerSide peerSide = PeerSide::of(greeting->hello);
+    OwnSide side = makeSide();
     if (!peerSide.valid() || !side.valid()) {
         refuseHello(side.valid() ? "its shared memory makes no sense" : "no shared memory");
         return;
     }
     connection_.emplace(std::move(side));
-    int const fd = socket.get();
-    {
-        OSWrap::Lock<> lock(mutex_);
-        link_.emplace(std::move(socket), share_);
-    }
-    bool const welcomed =
-        watchBell() && receiver_->watch(fd, token_, Receiver::Source::Socket) &&
-        sendPacket(fd, packet(Packet::Welcome, connection_->own.ring.capacity),
-                   connection_->own.file.get(), connection_->own.bell.get()) == Transfer::Done;
-    connection_->own.file.reset();
-    if (welcomed) {
+    if (introduce(std::move(greeting->socket), Packet::Welcome)) {
         open(std::move(peerSide));
     } else {
         dropAttempt();
@@ -253,7 +275,9 @@ void Channel::tellRefused(TerminationId peer, TerminationId own, char const* rea
 void Channel::refuseHello(char const* reason) {
     tellRefused(peer_, ownId_, reason);
     descriptors_.shrinkTo(0);
-    if (state() != State::Idle)
+    if (state() == State::Idle)
+        retireIfUnused();
+    else
         retryLater(kNoMemoryRetry);
 }
 
@@ -261,11 +285,19 @@ void Channel::open(PeerSide peerSide) {
     Connection& made = *connection_;
     made.peer = std::move(peerSide);
     reading_.open(made.own.page(), made.peer.page(), std::move(made.peer.ring), share_,
-                  made.peer.bell.get());
+                  made.peer.bell.get(),
+                  receiver_->passesOn() ? std::optional(nextPlace_) : std::nullopt);
     retryAt_ = 0;
     attempts_ = 0;
+    bool const toLink = leadsToLink();
+    if (toLink) {
+        made.showing = showing();
+        if (hasHungUp(socket()))
+            made.showing.reset();  // it may be of who has come since
+    }
     {
         OSWrap::Lock<> lock(mutex_);
+        link_->toLink = toLink;
         link_->writer.emplace(made.own.page(), made.peer.page(), std::move(made.own.ring));
         link_->peerBell = made.peer.bell.get();
         if (state_ != State::Gone) {
@@ -296,9 +328,13 @@ void Channel::readPackets() {
         Transfer const transfer = receivePacket(fd, received);
         if (transfer == Transfer::Later)
             return;
-        if (transfer == Transfer::Exhausted || transfer == Transfer::Behind) {
-            awaitDescriptors(fd, transfer == Transfer::Exhausted ? "no descriptor is left"
-                                                                 : "closing others hangs");
+        if (transfer == Transfer::Exhausted) {
+            receiver_->wantDescriptors();
+            leaveInSocket(fd, "no descriptor is left");
+            return;
+        }
+        if (transfer == Transfer::Behind) {
+            leaveInSocket(fd, "closing others hangs");
             return;
         }
         if (transfer == Transfer::Closed) {
@@ -311,7 +347,7 @@ void Channel::readPackets() {
 }
 
 /** The packet stays in the socket, which would be reported as readable all the time. */
-void Channel::awaitDescriptors(int fd, char const* reason) {
+void Channel::leaveInSocket(int fd, char const* reason) {
     static Logging::LineLimit limit(kFirstLines);
     REFLECTORB_LOG_LIMITED(limit, 3, kSource, "the channel of 0x%08X with 0x%08X waits: %s",
                            ownId_.value(), peer_.value(), reason);
@@ -453,21 +489,54 @@ void Channel::resumeSending() {
     if (state_ != State::Leaving || ending())
         return;
     state_ = State::Open;
+    connection_->idleLooks = 0;
     drainLocked();
 }
 
-void Channel::giveBackIfIdle() {
+void Channel::giveBackIfIdle(bool wanted) {
     if (!stands())
         return;
-    OSWrap::Lock<> lock(mutex_);
+    bool unheard = false;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        if (state_ == State::Leaving)
+            unheard = wanted && isSilentLocked();
+        else
+            sayByeIfIdleLocked(wanted);
+    }
+    if (!unheard)
+        return;
+    static Logging::LineLimit limit(kFirstLines);
+    REFLECTORB_LOG_LIMITED(limit, 3, kSource,
+                           "closing the channel of 0x%08X with 0x%08X: others wait for its "
+                           "descriptors, and it does not answer",
+                           ownId_.value(), peer_.value());
+    connection_->endFor(Ending::BothLeave);
+    react();
+}
+
+/** Whether a peer that has been told Bye has said and sent nothing for too long. */
+bool Channel::isSilentLocked() {
+    bool const silent = hasReceivedNothing() && !connection_->starved;
+    connection_->idleLooks = silent ? connection_->idleLooks + 1 : 0;
+    return connection_->idleLooks > kMostLooksForAnswer;
+}
+
+/** Since the last look. */
+bool Channel::hasReceivedNothing() {
     std::uint32_t const received = reading_.reader().shownPosition();
+    return !reading_.reader().hasMoreThanShown() &&
+           received == std::exchange(connection_->lastReceived, received);
+}
+
+/** Who waits for an answer keeps it where it is only wanted for others. */
+void Channel::sayByeIfIdleLocked(bool wanted) {
     std::uint32_t const sent = link_->writer->position();
     bool const allTaken = link_->writer->allTaken();
     settleLocked();
     bool const quiet = state_ == State::Open && queue_.empty() && allTaken &&
-                       !reading_.reader().hasMoreThanShown() &&
-                       sent == std::exchange(connection_->lastSent, sent) &&
-                       received == std::exchange(connection_->lastReceived, received);
+                       !(wanted && isAwaited()) &&
+                       sent == std::exchange(connection_->lastSent, sent) && hasReceivedNothing();
     connection_->idleLooks = quiet ? connection_->idleLooks + 1 : 0;
     if (connection_->idleLooks < 2 ||
         sendPacket(link_->socket.get(), packet(Packet::Bye)) != Transfer::Done)
@@ -515,12 +584,16 @@ void Channel::close(Unread unread) {
     std::size_t foreign = 0;
     std::uint64_t left = 0;
     std::uint64_t last = 0;
+    endReleasing();
+    bool const passedOn = mayHavePassedOn();
     {
         OSWrap::Lock<> lock(mutex_);
         left = leftPlace_;
         if (unread == Unread::GiveBack) {
-            if (link_.has_value() && link_->writer.has_value())
+            if (link_.has_value() && link_->writer.has_value()) {
                 untaken_.emplace(link_->writer->giveUp());
+                passedOn_ = passedOn;
+            }
             foreign = takeOwnLocked(back);
         }
         socket = unlinkLocked();
@@ -541,8 +614,32 @@ void Channel::close(Unread unread) {
         logKept(foreign);
     if (again)
         receiver_->request(*this);
-    if (std::optional<Greeting> next = std::exchange(greeting_, std::nullopt))
-        answerHello(std::move(next->socket), std::move(next->hello));
+    if (greeting_.has_value())
+        answerGreeting();
+    else
+        retireIfUnused();
+}
+
+/** Others may have very many terminations, with each of which something was said once. Who has
+ * found this channel and wants to send looks for another one then. */
+void Channel::retireIfUnused() {
+    if (connected() || untaken_.has_value() || retryAt_ != 0 || receiver_->passesOn() ||
+        heldBack_.load())
+        return;
+    bool const awaited = isAwaited();
+    {
+        OSWrap::Lock<> lock(mutex_);
+        if (state_ != State::Idle)
+            return;
+        if (!awaited)
+            state_ = State::Retired;
+    }
+    if (awaited) {
+        retryLater(kAwaitedPause);
+        return;
+    }
+    Switchboard::instance().remove(*this, ownId_);
+    receiver_->dismiss(*this);
 }
 
 void Channel::logKept(std::size_t messages) {
@@ -556,12 +653,57 @@ void Channel::logKept(std::size_t messages) {
         peer_.value(), ownId_.value(), messages);
 }
 
-/** False when memory does not suffice for all of it yet. */
+/** Asked once for each connection, and only where the addresses leave it open. */
+bool Channel::leadsToLink() {
+    PeerIdentity identity{};
+    return peer_.slotId() != ownId_.slotId() && !receiver_->passesOn() &&
+           peerIdentity(socket(), identity) && Rendezvous::instance().isLink(identity.process);
+}
+
+/** As which the peer is shown now; nothing without memory. */
+std::optional<Showing> Channel::showing() const {
+    std::optional<Showing> found;
+    OSWrap::withMemory([&] { found = Rendezvous::instance().showingOf(peer_); });
+    return found;
+}
+
+/** A link has passed on what it has not released, unless it stays and has closed only this
+ * connection: then it has released that before. Who has been taken out of view and shown anew has
+ * let go of its sockets in between. */
+bool Channel::mayHavePassedOn() {
+    if (!stands())
+        return false;
+    {
+        OSWrap::Lock<> lock(mutex_);
+        if (!link_->toLink)
+            return false;
+    }
+    PeerIdentity identity{};
+    return connection_->reason != Ending::SocketClosed || !connection_->showing.has_value() ||
+           !peerIdentity(socket(), identity) ||
+           !Rendezvous::instance().hasLock(peer_, identity.process) ||
+           !(showing() == connection_->showing);
+}
+
+/** Before the peer, which has ended the connection itself, or else hears that we do. */
+void Channel::endReleasing() {
+    if (!stands() || !receiver_->passesOn())
+        return;
+    auto const kept = receiver_->connectionEnded(*this, ending());
+    if (kept.has_value())
+        reading_.reader().release(*kept);
+    nextPlace_ = reading_.reader().place();
+}
+
+/** False when memory does not suffice for all of it yet. What a link may have passed on is not sent
+ * again, also when the link is soon back. */
 bool Channel::giveBackUntaken() {
     if (!untaken_.has_value())
         return true;
     MessageChain back;
     bool const all = untaken_->recover(back, ownId_.value(), peer_.value());
+    if (passedOn_)
+        back.markAll(MessageMark::SentAgain);
     receiver_->giveBack(back);
     if (all)
         untaken_.reset();

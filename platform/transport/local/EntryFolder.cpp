@@ -440,4 +440,12 @@ std::optional<FileIdentity> EntryFolder::identityOf(std::string const& file) con
     return FileIdentity{status.st_dev, status.st_ino};
 }
 
+std::optional<Showing> EntryFolder::showingOf(std::string const& file) const {
+    struct stat status;
+    if (::fstatat(folder_.get(), file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return Showing{status.st_dev, status.st_ino,
+                   status.st_ctim.tv_sec * 1'000'000'000LL + status.st_ctim.tv_nsec};
+}
+
 }  // namespace Transport

@@ -11,6 +11,7 @@
 #include "oswrap/Mutex.h"
 #include "platform/transport/local/Descriptor.h"
 #include "platform/transport/local/PresenceFile.h"
+#include "platform/transport/local/Showing.h"
 #include "platform/transport/local/Visibility.h"
 #include "transport/TerminationId.h"
 
@@ -144,6 +145,8 @@ public:
     std::optional<EntryTimes> timesOf(std::string const& file) const;
     /** Which file on disk the entry is; nothing when it is absent. */
     std::optional<FileIdentity> identityOf(std::string const& file) const;
+    /** The same, with its time, which any disk notes; nothing when it is absent. */
+    std::optional<Showing> showingOf(std::string const& file) const;
 
 private:
     EntryFolder(std::string path, Descriptor folder, Descriptor asking,

@@ -1,10 +1,13 @@
 #include "platform/transport/local/Packet.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "platform/transport/local/Hurry.h"
 
 namespace Transport {
 namespace {
@@ -20,9 +23,9 @@ union ControlBuffer {
     unsigned char bytes[CMSG_SPACE(Count * sizeof(int)) + CMSG_SPACE(sizeof(ucred))];
 };
 
-/** Takes ownership of all descriptors that came with a message; false when there are too many. */
-bool collectDescriptors(msghdr& message, ReceivedPacket& received) {
-    bool allExpected = true;
+/** All that came with a message. */
+template <class Action>
+void forEachDescriptor(msghdr& message, Action const& action) {
     for (cmsghdr* head = CMSG_FIRSTHDR(&message); head != nullptr;
          head = CMSG_NXTHDR(&message, head)) {
         if (head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS)
@@ -31,15 +34,29 @@ bool collectDescriptors(msghdr& message, ReceivedPacket& received) {
         for (std::size_t i = 0; i < count; ++i) {
             int fd = -1;
             std::memcpy(&fd, CMSG_DATA(head) + i * sizeof(int), sizeof fd);
-            PassedDescriptor owned(fd);
-            if (!received.file.valid())
-                received.file = std::move(owned);
-            else if (!received.bell.valid())
-                received.bell = std::move(owned);
-            else
-                allExpected = false;
+            action(fd);
         }
     }
+}
+
+std::size_t countFiles(msghdr& message) {
+    std::size_t count = 0;
+    forEachDescriptor(message, [&](int fd) { count += isPassedFile(fd) ? 1 : 0; });
+    return count;
+}
+
+/** Takes ownership of all descriptors that came with a message; false when there are too many. */
+bool collectDescriptors(msghdr& message, ReceivedPacket& received, pid_t from) {
+    bool allExpected = true;
+    forEachDescriptor(message, [&](int fd) {
+        PassedDescriptor owned(fd, from);
+        if (!received.file.valid())
+            received.file = std::move(owned);
+        else if (!received.bell.valid())
+            received.bell = std::move(owned);
+        else
+            allExpected = false;
+    });
     return allExpected;
 }
 
@@ -92,13 +109,13 @@ Transfer peek(int socket, Packet& packet, bool& passes) {
 }
 
 /** Copies of the descriptors that come with the packet that has been looked at, and stays. */
-Transfer copyDescriptors(int socket, ReceivedPacket& received) {
+Transfer copyDescriptors(int socket, ReceivedPacket& received, pid_t from) {
     ControlBuffer<kMostDescriptors> control{};
     PacketHeader message(received.packet, control.bytes,
                          CMSG_SPACE(kMostDescriptors * sizeof(int)));
     if (receive(socket, message, MSG_PEEK | MSG_CMSG_CLOEXEC) < 0)
         return failure();
-    collectDescriptors(message, received);
+    collectDescriptors(message, received, from);
     if ((message.msg_flags & MSG_CTRUNC) == 0)
         return Transfer::Done;
     return received.bell.valid() ? Transfer::Garbage
@@ -112,16 +129,33 @@ Transfer discard(int socket) {
     return receive(socket, message, 0) < 0 ? failure() : Transfer::Done;
 }
 
-/** Takes out the next packet, whatever it is, and drops it; false when there is none. */
-bool drop(int socket) {
+/** Of which no part is empty: nothing is its end, whatever comes with it. */
+bool isStream(int socket) {
+    int type = 0;
+    socklen_t length = sizeof type;
+    return ::getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
+}
+
+/** Takes out the next packet, whatever it is, and drops it; false when there is none, or no room
+ * for what it may bring. For what finds no room or no descriptor while it comes, the kernel does
+ * not wait. */
+bool drop(int socket, pid_t from) {
+    ExpectedFiles expected(from, kMostPassed);
+    if (expected.count() == 0)
+        return false;
     ReceivedPacket dropped;
     ControlBuffer<kMostPassed> control{};
-    PacketHeader message(dropped.packet, control.bytes, sizeof control.bytes);
-    ssize_t const length = receive(socket, message, MSG_CMSG_CLOEXEC);
+    PacketHeader message(dropped.packet, control.bytes,
+                         CMSG_SPACE(expected.count() * sizeof(int)) + CMSG_SPACE(sizeof(ucred)));
+    ssize_t const length = [&] {
+        Hurry const hurry;
+        return receive(socket, message, MSG_CMSG_CLOEXEC);
+    }();
     if (length < 0)
         return false;
-    collectDescriptors(message, dropped);
-    return length != 0 || message.msg_controllen != 0;
+    expected.shrinkTo(countFiles(message));
+    collectDescriptors(message, dropped, from);
+    return length != 0 || (message.msg_controllen != 0 && !isStream(socket));
 }
 
 /** Credentials come with each packet then, which tells one of no bytes from the end. */
@@ -168,11 +202,13 @@ Transfer receivePacket(int socket, ReceivedPacket& received) {
     if (seen != Transfer::Done)
         return seen;
     if (passes) {
-        if (closersBehind())
+        PeerIdentity peer{};
+        peerIdentity(socket, peer);
+        if (closersBehind(peer.process))
             return Transfer::Behind;
         if (!descriptorsLeft(socket, kMostDescriptors))
             return Transfer::Exhausted;
-        Transfer const copied = copyDescriptors(socket, received);
+        Transfer const copied = copyDescriptors(socket, received, peer.process);
         if (copied != Transfer::Done)
             return copied;
     }
@@ -190,9 +226,9 @@ bool isEmpty(int socket) {
     return receive(socket, message, MSG_PEEK) == 0 && (message.msg_flags & MSG_CTRUNC) == 0;
 }
 
-void dropPackets(int socket) {
+void dropPackets(int socket, pid_t from) {
     tellEmptyOnes(socket);
-    while (drop(socket)) {
+    while (drop(socket, from)) {
     }
 }
 
@@ -203,6 +239,11 @@ bool peerIdentity(int socket, PeerIdentity& identity) {
         return false;
     identity = {credentials.pid, credentials.uid};
     return true;
+}
+
+bool hasHungUp(int socket) {
+    pollfd looked{socket, POLLRDHUP, 0};
+    return ::poll(&looked, 1, 0) != 0;
 }
 
 }  // namespace Transport

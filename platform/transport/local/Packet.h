@@ -70,7 +70,7 @@ enum class Transfer {
     Done,
     Later,      // nothing has come, or nothing can be sent now
     Exhausted,  // what has come brings descriptors, and this process has none left: it waits there
-    Behind,     // likewise, but so much waits to be closed that no more is taken in
+    Behind,     // likewise, but so much of its process waits to be closed that no more is taken in
     Closed,
     Garbage,
 };
@@ -85,8 +85,9 @@ Transfer peekPacket(int socket, Packet& packet);
 Transfer receivePacket(int socket, ReceivedPacket& received);
 /** Whether nothing is in a connected socket that has been shut down, nor will be. Never blocks. */
 bool isEmpty(int socket);
-/** Empties a socket that has been shut down. May block. */
-void dropPackets(int socket);
+/** Empties a socket that has been shut down, as long as the process that it came from may have more
+ * descriptors closed here. May block. */
+void dropPackets(int socket, pid_t from);
 
 /** The process at the other end of a unix socket, as the kernel knows it. */
 struct PeerIdentity {
@@ -95,5 +96,7 @@ struct PeerIdentity {
 };
 /** False when the kernel does not tell. */
 bool peerIdentity(int socket, PeerIdentity& identity);
+/** Whether the other end is closed, also while what has come before that is still unread. */
+bool hasHungUp(int socket);
 
 }  // namespace Transport

@@ -13,6 +13,9 @@ namespace {
 
 /** A socket, two bells and the set in which callers wait, once it stands. */
 constexpr std::size_t kDescriptorsWhileOpen = 4;
+/** What the process has open itself: who has few descriptors would else have none for others beside
+ * one that takes all it may. */
+constexpr std::size_t kOwnDescriptors = 64;
 /** Of memory: two control pages, two rings, up to three of the peer that wait to be read; and a
  * part of what threads need, and our own rings that have grown, which Kind::Rings bounds. */
 constexpr std::size_t kMappingsWhileOpen = 9;
@@ -35,7 +38,9 @@ PeerShare::Amounts PeerShare::most_{kTotal, kTotal, kTotalOfRings, mostChannels(
 PeerShare::Amounts PeerShare::all_{};
 
 std::size_t PeerShare::mostChannels() {
-    return std::min(mostDescriptors() / kDescriptorsWhileOpen, mostMappings() / kMappingsWhileOpen);
+    std::size_t const all = mostDescriptors();
+    std::size_t const others = all - std::min(all / 2, kOwnDescriptors);
+    return std::min(others / kDescriptorsWhileOpen, mostMappings() / kMappingsWhileOpen);
 }
 
 std::size_t PeerShare::total(Kind kind, std::size_t bytes) {

@@ -59,8 +59,9 @@ void ReadingEnd::watch(int ownBell) {
 }
 
 void ReadingEnd::open(ControlPage& own, ControlPage const& peer, RingArea area,
-                      std::shared_ptr<PeerShare> share, int peerBell) {
-    reader_.emplace(own, peer, std::move(area), std::move(share));
+                      std::shared_ptr<PeerShare> share, int peerBell,
+                      std::optional<std::uint32_t> placesFrom) {
+    reader_.emplace(own, peer, std::move(area), std::move(share), placesFrom);
     peerBell_ = peerBell;
     awaitsRing = false;
     shortages = 0;

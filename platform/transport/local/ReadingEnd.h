@@ -38,9 +38,10 @@ public:
     /** Readers that sleep at the bell, which is our own, will be the first to hear it: to be called
      * before anybody else can wait for it. Without memory for that nobody will read for himself. */
     void watch(int ownBell);
-    /** The ring stands. `share`: of the peer's process. */
+    /** The ring stands. `share`: of the peer's process; `placesFrom`: see RingReader. */
     void open(ControlPage& own, ControlPage const& peer, RingArea area,
-              std::shared_ptr<PeerShare> share, int peerBell);
+              std::shared_ptr<PeerShare> share, int peerBell,
+              std::optional<std::uint32_t> placesFrom);
     /** With the role. */
     void close();
     bool stands() const { return reader_.has_value(); }

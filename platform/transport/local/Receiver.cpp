@@ -51,7 +51,7 @@ private:
 };
 
 Receiver::Receiver(TerminationId id, ReceiverOwner& owner)
-    : id_(id), owner_(&owner), tellsPlaces_(owner.tellsPlaces()), acceptor_(*this) {}
+    : id_(id), owner_(&owner), passesOn_(owner.passesOn()), acceptor_(*this) {}
 
 Receiver::~Receiver() = default;
 
@@ -399,7 +399,7 @@ bool Receiver::deliverFrom(Channel& channel, AddressedMessage const& message) {
         hasLeft_ = true;
     }
     hasServed_.store(true, std::memory_order_relaxed);
-    owner_->received(message);
+    passesOn_ ? owner_->receivedOver(channel.token(), message) : owner_->received(message);
     return true;
 }
 
@@ -415,17 +415,30 @@ void Receiver::takeBack(AddressedMessage& message) {
     owner_->cameBack(message, Reached::Ring);
 }
 
+std::optional<std::uint32_t> Receiver::connectionEnded(Channel const& channel, bool takenBack) {
+    OSWrap::Lock<> const lock(callback_);
+    if (stopping() || takesNoMore())
+        return std::nullopt;
+    return owner_->connectionEnded(channel.peer(), channel.token(), takenBack);
+}
+
 void Receiver::leftQueue(TerminationId peer, std::uint64_t place) {
+    if (serveAllReturned())
+        owner_->leftQueue(peer, place);
+}
+
+/** What has come back so far; false when it begins to stop. Then the owner may be called. */
+bool Receiver::serveAllReturned() {
     while (!stopping()) {
         AddressedMessage message = inbox_.takeReturned();
         if (message.empty()) {
             hasServed_.store(true, std::memory_order_relaxed);
-            owner_->leftQueue(peer, place);
-            return;
+            return true;
         }
         if (!OSWrap::withMemory([&] { serveReturned(std::move(message)); }))
             OSWrap::awaitMemory();
     }
+    return false;
 }
 
 // ---- Messages within the process ---------------------------------------------------------------
@@ -517,10 +530,10 @@ void Receiver::serveTimers() {
     serving_.clear();
 }
 
-void Receiver::serveTimers(Channel& channel, long long now, bool idleLook) {
-    if (idleLook && channel.connected()) {
-        channel.giveBackIfIdle();
-        timers_.idleLookFrom(now);
+void Receiver::serveTimers(Channel& channel, long long now, ReceiverTimers::IdleLook look) {
+    if (look != ReceiverTimers::IdleLook::None && channel.connected()) {
+        channel.giveBackIfIdle(look == ReceiverTimers::IdleLook::ForDescriptors);
+        timers_.beginIdleLooks();
     }
     if (channel.retryAt() != 0 && channel.retryAt() <= now)
         channel.service();
@@ -537,11 +550,20 @@ void Receiver::enrol(Channel& channel) {
     hot_.reserve(channels_.size() + 1);
     serving_.reserve(channels_.size() + 1);
     channels_.emplace(channel.token(), channel.shared_from_this());
+    if (passesOn_)
+        owner_->channelBegan(channel.peer(), channel.token());
 }
 
 void Receiver::dismiss(Channel& channel) {
     makeCold(channel);
-    channels_.erase(channel.token());
+    if (!passesOn_ || serveAllReturned())
+        forget(channel);
+}
+
+/** The owner of a proxy lives until `stop` has returned. */
+void Receiver::forget(Channel& channel) {
+    if (channels_.erase(channel.token()) != 0 && passesOn_)
+        owner_->channelCleared(channel.peer(), channel.token());
 }
 
 void Receiver::makeHot(Channel& channel) {
@@ -580,8 +602,8 @@ void Receiver::finish() {
     hot_.clear();
     forgetLast();
     for (auto const& channel : Switchboard::instance().remove(id_)) {
-        channels_.erase(channel->token());
         lost += channel->shutDown();
+        forget(*channel);
     }
     shutDownChannels();
     if (lost > 0)
@@ -594,10 +616,11 @@ void Receiver::finish() {
 
 /** Channels whose peers have gone, but which have not been cleared up yet. */
 void Receiver::shutDownChannels() {
-    std::unordered_map<std::uint32_t, std::shared_ptr<Channel>> channels;
-    channels.swap(channels_);
-    for (auto const& [token, channel] : channels)
+    while (!channels_.empty()) {
+        std::shared_ptr<Channel> const channel = channels_.begin()->second;
         channel->shutDown();
+        forget(*channel);
+    }
 }
 
 void Receiver::closeInbox() {

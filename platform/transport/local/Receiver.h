@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -78,8 +79,9 @@ public:
     /** How many of them go back to those who have sent them. */
     std::size_t returning() const { return returning_.load(); }
     void refuseSending() { unsent_.refuseSending(); }
-    /** Whether the owner is to be told which messages have left a channel's queue. */
-    bool tellsPlaces() const { return tellsPlaces_; }
+    /** Whether the owner passes messages on: releases those that have come, and is told which have
+     * left a channel's queue, and of each channel when it begins and is cleared. */
+    bool passesOn() const { return passesOn_; }
     /** Counts messages that wait in a channel's queue. */
     void unsentMore() { unsent_.more(); }
     void unsentLess(std::size_t count) { unsent_.less(count); }
@@ -139,6 +141,8 @@ public:
     void takeBack(AddressedMessage& message);
 
     // ---- Receiving thread ----
+    /** See ReceiverOwner::connectionEnded: nothing when the termination takes no more. */
+    std::optional<std::uint32_t> connectionEnded(Channel const& channel, bool takenBack);
     /** Tells the owner what has left a channel's queue, after all that has come back so far. */
     void leftQueue(TerminationId peer, std::uint64_t place);
     void enrol(Channel& channel);
@@ -151,6 +155,13 @@ public:
     void makeCold(Channel& channel);
     /** Calls `service` of a channel with a retry time when that has come. */
     void wakeAt(long long time) { timers_.at(time); }
+    /** There are none left: channels of this termination without traffic for a tenth of a second or
+     * two give theirs back. Not a link's, who never do: what they have passed on counts for those
+     * at the other ends, who give them back. */
+    void wantDescriptors() {
+        if (!passesOn_)
+            timers_.hurryIdleLook(OSWrap::Clock::nowNanoseconds());
+    }
 
     // ---- Receiving thread, as what drives this one, in a scope of Receiving ----
     /** Looks at everything once; false when there was nothing to do. Not when `stopping`. */
@@ -169,6 +180,8 @@ public:
 private:
     class ReceivingThread;
     void run();
+    bool serveAllReturned();
+    void forget(Channel& channel);
     bool startWith(OpenSocket listening, std::function<bool()> const& startThread);
     void turn(bool& served);
     void endBatch();
@@ -185,7 +198,7 @@ private:
     void serveEvents(int timeoutMilliseconds);
     void serveEvent(std::uint32_t token, Source source);
     void serveTimers();
-    void serveTimers(Channel& channel, long long now, bool idleLook);
+    void serveTimers(Channel& channel, long long now, ReceiverTimers::IdleLook look);
     bool started();
     void setStarted(bool now);
     void takeRingsBack();
@@ -195,7 +208,7 @@ private:
 
     TerminationId const id_;
     ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
-    bool const tellsPlaces_;
+    bool const passesOn_;
     std::atomic<bool> stopping_{false};
     static thread_local Receiver const* received_;  // for whom the thread reads
     UnsentCount unsent_;

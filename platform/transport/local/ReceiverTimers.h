@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <utility>
 
 #include "oswrap/Clock.h"
 
@@ -12,9 +13,11 @@ namespace Transport {
  * that thread alone. */
 class ReceiverTimers {
 public:
+    /** For channels without traffic. */
+    enum class IdleLook { None, Usual, ForDescriptors };
     struct Due {
         bool something;
-        bool idleLook;  // to look for channels without traffic
+        IdleLook idleLook;
     };
 
     /** Something is due at that time, if nothing is due earlier. */
@@ -25,6 +28,13 @@ public:
             idleLookFrom(OSWrap::Clock::nowNanoseconds());
     }
     void idleLookFrom(long long now) { idleLook_ = now + interval_.load(); }
+    /** Somebody waits for descriptors, which idle channels have: looks for these come sooner. */
+    void hurryIdleLook(long long now) {
+        if (idleLook_ == kNever)
+            return;
+        idleLook_ = std::min(idleLook_, now + kHurriedInterval);
+        forDescriptors_ = true;
+    }
     static constexpr long long kNever = LLONG_MAX;
     /** When something is due; kNever: not at all. */
     long long due() const { return std::min(next_, idleLook_); }
@@ -40,11 +50,13 @@ public:
     Due take(long long now) {
         bool const look = now >= idleLook_;
         if (now < next_ && !look)
-            return {false, false};
+            return {false, IdleLook::None};
         next_ = kNever;
-        if (look)
-            idleLook_ = kNever;
-        return {true, look};
+        if (!look)
+            return {true, IdleLook::None};
+        idleLook_ = kNever;
+        return {true,
+                std::exchange(forDescriptors_, false) ? IdleLook::ForDescriptors : IdleLook::Usual};
     }
 
     /** Time between two looks for idle channels. */
@@ -53,9 +65,11 @@ public:
 private:
     /** Channels without traffic in two of these are given back. */
     inline static std::atomic<long long> interval_{30'000'000'000};
+    static constexpr long long kHurriedInterval = 50'000'000;
 
     long long next_ = kNever;
     long long idleLook_ = kNever;  // never, while no channel is connected
+    bool forDescriptors_ = false;  // the next look
 };
 
 }  // namespace Transport

@@ -42,6 +42,10 @@ std::uint32_t farFrom(std::set<unsigned short> const& nameIds) {
     return middle;
 }
 
+bool precedesByName(FolderEntry const& one, FolderEntry const& other) {
+    return one.id.nameId() < other.id.nameId();
+}
+
 }  // namespace
 
 // ---- Own terminations ---------------------------------------------------------------------------
@@ -69,12 +73,15 @@ Rendezvous::State::Own* Rendezvous::State::findOwn(TerminationId id) {
     return owns(id) ? &own_.find(id)->second : nullptr;
 }
 
-std::set<unsigned short> Rendezvous::State::ownNames() {
+/** Else the table may know another one under its id, who had that before. */
+bool Rendezvous::State::shows(TerminationId id) const {
+    return owns(id) && own_.find(id)->second.published;
+}
+
+/** Whether an address of this process has the lock of this name id, whatever its group. */
+bool Rendezvous::State::hasName(TerminationId id) {
     OSWrap::Lock<> lock(mutex_);
-    std::set<unsigned short> names;
-    for (auto const& own : own_)
-        names.insert(own.first.nameId());
-    return names;
+    return own_.count(id) != 0;
 }
 
 std::uint32_t Rendezvous::State::latestName() {
@@ -85,11 +92,12 @@ std::uint32_t Rendezvous::State::latestName() {
 /** A locked name id without files in the folder; that of 0, with a log line, when none is to be
  * had. Not under mutex_: waits for others, and no other thread of ours takes names. Name ids of
  * other slots are left alone as long as they are seen, although only those of this slot have its
- * locks: so each is easier to tell from the others. */
+ * locks: so each is easier to tell from the others. One that very many entries bear is passed over,
+ * as if somebody lived there: to find out would take long. */
 PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file, unsigned char slot) {
     EntryFolder& files = *folder;
-    std::set<unsigned short> const own = ownNames();
-    std::vector<FolderEntry> const entries = files.list();
+    std::vector<FolderEntry> entries = files.list();
+    std::sort(entries.begin(), entries.end(), precedesByName);
     auto const isAlive = [&files](FolderEntry const& entry) {
         return files.probe(entry.file) == EntryFolder::Socket::Alive;
     };
@@ -97,12 +105,11 @@ PresenceFile::NameLock Rendezvous::State::takeName(PresenceFile& file, unsigned 
     for (FolderEntry const& entry : entries)
         used.insert(entry.id.nameId());
     auto const usable = [&](unsigned short nameId) {
+        TerminationId const id(nameId, slot, GRPID_UNDEF);
+        auto const [first, last] = std::equal_range(entries.begin(), entries.end(),
+                                                    FolderEntry{id, {}, false}, precedesByName);
         // Its owner may not have moved over to this file yet.
-        return own.count(nameId) == 0 &&
-               (used.count(nameId) == 0 ||
-                std::none_of(entries.begin(), entries.end(), [&](FolderEntry const& entry) {
-                    return entry.id.nameId() == nameId && isAlive(entry);
-                }));
+        return last - first <= kMostRivals && std::none_of(first, last, isAlive) && !hasName(id);
     };
     std::uint32_t const latest = latestName();
     PresenceFile::NameLock taken =
@@ -242,10 +249,23 @@ bool Rendezvous::State::mayShow(TerminationId id) {
     }
     EntryFolder const& files = *folder;
     std::vector<FolderEntry> const entries = files.list();
-    return std::none_of(entries.begin(), entries.end(), [&](FolderEntry const& entry) {
-        return lockKey(entry.id) == lockKey(id) && !EntryFolder::isOf(::getpid(), entry.file) &&
-               files.probe(entry.file) == EntryFolder::Socket::Alive;
-    });
+    auto const [first, last] = std::equal_range(entries.begin(), entries.end(),
+                                                FolderEntry{id, {}, false}, FolderEntry::precedes);
+    return last - first <= kMostRivals && std::none_of(first, last, [&](FolderEntry const& entry) {
+               return !EntryFolder::isOf(::getpid(), entry.file) &&
+                      files.probe(entry.file) == EntryFolder::Socket::Alive;
+           });
+}
+
+void Rendezvous::State::tellNoPlace(TerminationId id) const {
+    PresenceTable::Entry other;
+    if (table.find(id, other))
+        TRANSPORT_LOG(3, kSource,
+                      "Termination 0x%08X cannot be started: process %d holds its name id",
+                      id.value(), static_cast<int>(other.owner));
+    else
+        TRANSPORT_LOG(3, kSource, "Termination 0x%08X cannot be started: it %s", id.value(),
+                      "has no place in the table");
 }
 
 /** A listening socket that everybody sees; an invalid one, or no memory, and nothing changed. */
@@ -253,9 +273,17 @@ OpenSocket Rendezvous::State::publishLocked(Own& own, TerminationId id) {
     renew();
     if (!startThreads() || !own.hidden.show(own.file))
         return OpenSocket();
-    if (!OSWrap::withMemory([&] { table.admit(id, {own.file, ::getpid(), own.visibility}); })) {
+    bool admitted = false;
+    bool const hasMemory = OSWrap::withMemory([&] {
+        admitted = table.admit(id, {own.file, ::getpid(), own.visibility});
+    });
+    if (!admitted)
         own.hidden.hide(own.file);
+    if (!hasMemory)
         throw std::bad_alloc();
+    if (!admitted) {
+        tellNoPlace(id);
+        return OpenSocket();
     }
     own.identity = folder.load()->identityOf(own.file).value_or(FileIdentity());
     own.published = true;
@@ -289,7 +317,20 @@ void Rendezvous::State::announceShown(bool anyShown) {
     watch_.wake();
 }
 
-/** Without memory nothing has changed. */
+/** Without a termination of our own nobody keeps the table true. That they go is queued at once for
+ * the threads that tell it, as arrivals are: so who starts next, however soon, meets them anew. */
+void Rendezvous::State::forgetOthers(std::vector<TerminationId> const& own) {
+    std::vector<TerminationId> others = table.ids();
+    std::set<TerminationId> const kept(own.begin(), own.end());
+    others.erase(std::remove_if(others.begin(), others.end(),
+                                [&](TerminationId id) { return kept.count(id) != 0; }),
+                 others.end());
+    PresenceTable::Departures gone;
+    table.drop(others, gone);
+    table.tell(gone);
+}
+
+/** Without memory nothing of its own has changed. */
 void Rendezvous::State::withdraw(std::vector<TerminationId> const& ids) {
     PresenceTable::Departures gone;
     std::vector<TerminationId> shown;
@@ -301,9 +342,9 @@ void Rendezvous::State::withdraw(std::vector<TerminationId> const& ids) {
                 shown.push_back(id);
         if (folder != nullptr)
             renew();
-        // Without a termination of our own nobody keeps the table true.
-        if (!shown.empty())
-            table.drop(published_ == shown.size() ? table.ids() : shown, gone);
+        if (!shown.empty() && published_ == shown.size())
+            forgetOthers(shown);
+        table.drop(shown, gone);
         published_ -= shown.size();
         for (TerminationId const id : ids)
             release(id);
@@ -312,7 +353,7 @@ void Rendezvous::State::withdraw(std::vector<TerminationId> const& ids) {
         return;
     if (GoneHook const hook = goneHook)
         for (TerminationId const id : shown)
-            hook(id);
+            hook(id, Whose::Own);
     table.tell(gone);
     folder.load()->announce();
     watch_.wake();
@@ -330,13 +371,13 @@ void Rendezvous::State::release(TerminationId id) {
     folder.load()->file()->unlockName(id);
 }
 
-/** Tells the channels, then the listeners. */
+/** Tells the channels, then the listeners, of others. */
 void Rendezvous::State::tell(PresenceTable::Departures& gone) {
     if (gone.ids().empty())
         return;
     if (GoneHook const hook = goneHook)
         for (TerminationId const id : gone.ids())
-            hook(id);
+            hook(id, Whose::Others);
     table.tell(gone);
 }
 
@@ -368,7 +409,11 @@ int Rendezvous::publish(TerminationId own) {
     if (inForkedChild())
         return -1;
     OpenSocket socket;
-    if (!OSWrap::withMemory([&] { socket = state_.show(own); })) {
+    bool const hasMemory = OSWrap::withMemory([&] {
+        state_.awaitPlaces({own});
+        socket = state_.show(own);
+    });
+    if (!hasMemory) {
         tellShortage(own);
         throw std::bad_alloc();  // a broker that is not born can be asked for again
     }
@@ -382,6 +427,7 @@ std::vector<OpenSocket> Rendezvous::publish(std::vector<TerminationId> const& ow
     if (inForkedChild())
         return sockets;
     bool any = false;
+    state_.awaitPlaces(own);
     for (std::size_t i = 0; i < own.size(); ++i) {
         if (!OSWrap::withMemory([&] { sockets[i] = state_.show(own[i]); }))
             tellShortage(own[i]);
@@ -428,6 +474,23 @@ Rendezvous::Claim Rendezvous::claim(TerminationId id, pid_t pid) {
     return inForkedChild() ? Claim::False : state_.claim(id, pid);
 }
 
+bool Rendezvous::isLink(pid_t pid) const {
+    auto const folder = state_.folder.load();
+    return pid > 0 && folder != nullptr && folder->file()->linkOwner() == pid;
+}
+
+bool Rendezvous::hasLock(TerminationId id, pid_t pid) const {
+    auto const folder = state_.folder.load();
+    return pid > 0 && folder != nullptr && folder->ownerOf(id) == pid;
+}
+
+std::optional<Showing> Rendezvous::showingOf(TerminationId id) const {
+    PresenceTable::Entry entry;
+    if (inForkedChild() || !state_.table.find(id, entry))
+        return std::nullopt;
+    return state_.folder.load()->showingOf(entry.file);
+}
+
 bool Rendezvous::exists(TerminationId id) const {
     return !inForkedChild() && state_.table.exists(id);
 }
@@ -470,8 +533,8 @@ void Rendezvous::detach(PresenceListener& listener) {
         state_.table.detach(listener);
 }
 
-void Rendezvous::goneHook(GoneHook hook) {
-    state_.goneHook = hook;
+Rendezvous::GoneHook Rendezvous::goneHook(GoneHook hook) {
+    return state_.goneHook.exchange(hook);
 }
 
 }  // namespace Transport

@@ -2,10 +2,12 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/transport/local/Descriptor.h"
+#include "platform/transport/local/Showing.h"
 #include "platform/transport/local/Visibility.h"
 #include "transport/TerminationId.h"
 #include "transport/TransportLayer.h"
@@ -35,8 +37,11 @@ protected:
  */
 class Rendezvous {
 public:
-    /** Told when a termination is gone, before its departure is told to anyone. Must not block. */
-    using GoneHook = void (*)(TerminationId id);
+    enum class Whose { Own, Others };
+    /** Told when a termination is gone, before its departure is told to anyone. Another one may
+     * have its id already: an own one that is not published yet, when it was of others. Must not
+     * block. */
+    using GoneHook = void (*)(TerminationId id, Whose whose);
 
     static Rendezvous& instance();
 
@@ -47,12 +52,13 @@ public:
      * second. Throws std::bad_alloc, with nothing taken. */
     TerminationId reserve(GroupId group, std::string const& name);
     /** Listens and shows the entry, enters it in this process's tables and announces it: all that,
-     * or nothing. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
+     * or nothing. Waits for one who had the id before, and dies or is taken leave of, for a second
+     * at most. The listening SOCK_SEQPACKET descriptor (non-blocking, close-on-exec) belongs
      * to the caller; -1, with a log line, on failure. Throws std::bad_alloc, with a log line. */
     int publish(TerminationId own);
-    /** The same for many at once, which costs one look at the folder: the descriptors in the order
-     * of the ids, one that is invalid for each that failed. Throws std::bad_alloc, with no log line
-     * and nothing changed. */
+    /** The same for many at once, which costs one look at the folder, and one second at most: the
+     * descriptors in the order of the ids, one that is invalid for each that failed. Throws
+     * std::bad_alloc, with no log line and nothing changed. */
     std::vector<OpenSocket> publish(std::vector<TerminationId> const& own);
     /** Takes a published entry out of view and of the tables, announces that, and frees the address
      * (also of one only reserved). Idempotent. Waits for memory if there is none. The caller closes
@@ -86,6 +92,16 @@ public:
      * locks: the folder is never read for who says so. */
     Claim claim(TerminationId id, pid_t pid);
 
+    /** Whether the process `pid`, another one, is the link of this folder, or has the lock of `id`:
+     * by the kernel's word alone. Who ends has lost its locks before its sockets close: the kernel
+     * takes a process's locks away while it closes the descriptors, and lets go of the sockets
+     * behind them when all are closed. */
+    bool isLink(pid_t pid) const;
+    bool hasLock(TerminationId id, pid_t pid) const;
+    /** What tells this showing of `id` from those before and after; nothing when it is not there.
+     * Reads the folder. Throws std::bad_alloc. */
+    std::optional<Showing> showingOf(TerminationId id) const;
+
     /** Whether `id` is there; answers from memory. */
     bool exists(TerminationId id) const;
     /** Whose `id` is; from memory. */
@@ -110,8 +126,9 @@ public:
      * which it is called. Idempotent. */
     void detach(PresenceListener& listener);
 
-    /** Sets the one hook of the channels; set once, before the first `reserve`. */
-    void goneHook(GoneHook hook);
+    /** Sets the one hook of the channels, before the first `reserve`; answers the former one, for
+     * tests. */
+    GoneHook goneHook(GoneHook hook);
 
 private:
     Rendezvous();

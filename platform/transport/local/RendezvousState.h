@@ -1,10 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +16,9 @@
 #include "platform/transport/local/Rendezvous.h"
 
 namespace Transport {
+
+/** So many entries with the same lock, or name id, are probed in one go for one that lives. */
+constexpr std::ptrdiff_t kMostRivals = 64;
 
 /**
  * The inside of the rendezvous. While this process has a published termination, two threads keep
@@ -44,6 +47,7 @@ struct Rendezvous::State {
     Linking becomeLink();
     bool adopt(TerminationId id, std::string const& actor, std::string const& name,
                Visibility visibility);
+    void awaitPlaces(std::vector<TerminationId> const& ids);
     /** Makes the entry visible to others; an invalid socket, with a log line, on failure. */
     OpenSocket show(TerminationId id);
     /** Has those that have been shown, and the others, meet. */
@@ -79,16 +83,19 @@ private:
     void noteName(TerminationId id) OSW_REQUIRES(mutex_);
     bool enter(TerminationId id, Own own, PresenceFile::NameLock& taken);
     bool mayShow(TerminationId id);
-    std::set<unsigned short> ownNames();
+    bool hasName(TerminationId id);
     std::uint32_t latestName();
     bool owns(TerminationId id) const OSW_REQUIRES(mutex_);
+    bool shows(TerminationId id) const OSW_REQUIRES(mutex_);
     /** Null when it is not of this process. */
     Own* findOwn(TerminationId id) OSW_REQUIRES(mutex_);
+    void tellNoPlace(TerminationId id) const;
     OpenSocket publishLocked(Own& own, TerminationId id) OSW_REQUIRES(mutex_);
     bool startThreads() OSW_REQUIRES(mutex_);
     bool startThread(void (State::*body)(), char const* name, bool State::*lives)
         OSW_REQUIRES(mutex_);
     void release(TerminationId id) OSW_REQUIRES(mutex_);
+    void forgetOthers(std::vector<TerminationId> const& own) OSW_REQUIRES(mutex_);
     void tell(PresenceTable::Departures& gone);
 
     void watchAnnouncements();
@@ -117,7 +124,8 @@ private:
     bool admit(std::vector<FolderEntry> const& all, FolderEntry const& entry,
                PresenceTable::Departures& gone) OSW_REQUIRES(mutex_);
     void dropMissing(Scan& scan);
-    void missOwn() OSW_REQUIRES(mutex_);
+    void missOwn();
+    bool missOwn(std::optional<TerminationId>& last);
     /** Until when an end that has shown its first sign may take. */
     using Suspects = std::map<TerminationId, long long>;
     void checkSuspects();

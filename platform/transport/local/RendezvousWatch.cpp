@@ -465,19 +465,30 @@ void Rendezvous::State::dropMissing(Scan& scan) {
         std::vector<TerminationId> gone;
         for (std::size_t i = first; i < std::min(first + kJudgedAtOnce, missing.size()); ++i) {
             PresenceTable::Known const& known = missing[i];
-            if (!owns(known.id) && table.contains(known.id, known.entry.file) &&
+            if (!shows(known.id) && table.contains(known.id, known.entry.file) &&
                 !folder.load()->contains(known.entry.file))
                 gone.push_back(known.id);
         }
         table.drop(gone, scan.departed.gone);
     }
-    OSWrap::Lock<> lock(mutex_);
     missOwn();
 }
 
 void Rendezvous::State::missOwn() {
+    std::optional<TerminationId> last;
+    while (missOwn(last))
+        Turn::letOthersIn();
+}
+
+/** Looks at own entries behind the `last` one, for a turn; true when there may be more. */
+bool Rendezvous::State::missOwn(std::optional<TerminationId>& last) {
+    OSWrap::Lock<> lock(mutex_);
+    Turn const turn;
     EntryFolder const& files = *folder;
-    for (auto& [id, own] : own_) {
+    auto next = last ? own_.upper_bound(*last) : own_.begin();
+    for (; next != own_.end() && !(last && turn.isOver()); ++next) {
+        last = next->first;
+        Own& own = next->second;
         if (!own.published || own.missed || files.identityOf(own.file) == own.identity)
             continue;
         own.missed = true;
@@ -486,6 +497,7 @@ void Rendezvous::State::missOwn() {
                       "others do not see it any more",
                       own.file.c_str(), files.path().c_str());
     }
+    return next != own_.end();
 }
 
 /**
@@ -567,7 +579,7 @@ bool Rendezvous::State::bury(std::vector<PresenceTable::Known> const& all, Proce
         Turn const turn;
         do {
             PresenceTable::Known const& known = all[next++];
-            if (owns(known.id) || !table.contains(known.id, known.entry.file) ||
+            if (shows(known.id) || !table.contains(known.id, known.entry.file) ||
                 !isDead(known, process))
                 continue;
             dead.push_back(known.id);
@@ -611,7 +623,7 @@ void Rendezvous::State::keepDying(Suspects& suspects) {
     OSWrap::Lock<> lock(mutex_);
     for (auto one = suspects.begin(); one != suspects.end();) {
         PresenceTable::Known known{one->first, {}};
-        bool const dying = now < one->second && !owns(known.id) &&
+        bool const dying = now < one->second && !shows(known.id) &&
                            table.find(known.id, known.entry) && hasLetGo(known);
         one = dying ? std::next(one) : suspects.erase(one);
     }
@@ -642,7 +654,7 @@ bool Rendezvous::State::mayBeDying(TerminationId id) {
         return false;
     OSWrap::Lock<> lock(mutex_);
     PresenceTable::Known known{id, {}};
-    return !owns(id) && table.find(id, known.entry) && hasLetGo(known);
+    return !shows(id) && table.find(id, known.entry) && hasLetGo(known);
 }
 
 bool Rendezvous::State::stillExists(TerminationId id) {
@@ -650,6 +662,15 @@ bool Rendezvous::State::stillExists(TerminationId id) {
     while (table.exists(id) && mayBeDying(id) && OSWrap::Clock::nowNanoseconds() < latest)
         OSWrap::Thread::sleep(0, kDyingLook);
     return table.exists(id);
+}
+
+/** Whoever had one of these ids before, and has died or is just being taken leave of, goes first:
+ * waits for that, at most a second for all of them. */
+void Rendezvous::State::awaitPlaces(std::vector<TerminationId> const& ids) {
+    long long const latest = OSWrap::Clock::nowNanoseconds() + kTimeToDie;
+    for (TerminationId const id : ids)
+        while ((mayBeDying(id) || table.isLeaving(id)) && OSWrap::Clock::nowNanoseconds() < latest)
+            OSWrap::Thread::sleep(0, kDyingLook);
 }
 
 /**

@@ -26,11 +26,6 @@ void copyFrom(RingArea const& area, std::uint32_t position, void* to, std::size_
     std::memcpy(static_cast<unsigned char*>(to) + first, area.mapping.data(), length - first);
 }
 
-/** Whether position `a` comes before `b`; they are never 2^31 bytes apart. */
-bool before(std::uint32_t a, std::uint32_t b) {
-    return static_cast<std::int32_t>(a - b) < 0;
-}
-
 }  // namespace
 
 // ---- The record of frames -------------------------------------------------------------------
@@ -65,10 +60,10 @@ void FrameStarts::clear(std::uint32_t index, std::uint32_t count) {
 // ---- What has been sent ---------------------------------------------------------------------
 
 void SentMessages::forgetTaken() {
-    while (!kept_.empty() && !before(head_, kept_.front()->keptUntil))
+    while (!kept_.empty() && !isBefore(head_, kept_.front()->endInRing))
         kept_.pop();
     std::size_t emptied = 0;
-    while (emptied < formerCount_ && !before(head_, former_[emptied].end))
+    while (emptied < formerCount_ && !isBefore(head_, former_[emptied].end))
         ++emptied;
     if (emptied == 0)
         return;
@@ -82,7 +77,7 @@ void SentMessages::forgetTaken() {
 /** The ring that a position lies in, and the position behind its last frame. */
 RingArea const& SentMessages::areaAt(std::uint32_t position, std::uint32_t& end) const {
     for (std::size_t i = 0; i < formerCount_; ++i)
-        if (before(position, former_[i].end)) {
+        if (isBefore(position, former_[i].end)) {
             end = former_[i].end;
             return former_[i].area;
         }
@@ -114,7 +109,7 @@ std::uint32_t SentMessages::frameAfter(std::uint32_t position) const {
 /** The message that ends with the frame between the head and `next`; empty when none does. False
  * when there is no memory for it. */
 bool SentMessages::recoverFrame(std::uint32_t next, AddressedMessage& message) {
-    if (!kept_.empty() && kept_.front()->keptUntil == next) {
+    if (!kept_.empty() && kept_.front()->endInRing == next) {
         message = kept_.pop();
         MessageChain::mark(message, MessageMark::ReachedRing);
         return true;
@@ -220,7 +215,7 @@ std::uint32_t RingWriter::putPiece(unsigned char const* bytes, std::uint32_t siz
 void RingWriter::keepUntilTaken(AddressedMessage message) {
     forgetTaken();
     kept_.push(std::move(message));
-    kept_.back().keptUntil = tail_;
+    kept_.back().endInRing = tail_;
 }
 
 void RingWriter::goOnIn(RingArea area) {
@@ -256,15 +251,22 @@ SentMessages RingWriter::giveUp() {
 // ---- Receiving end ---------------------------------------------------------------------------
 
 RingReader::RingReader(ControlPage& own, ControlPage const& peer, RingArea area,
-                       std::shared_ptr<PeerShare> share)
+                       std::shared_ptr<PeerShare> share, std::optional<std::uint32_t> placesFrom)
     : own_(own),
       peer_(peer),
       area_(std::move(area)),
-      unfinished_(PeerShare::Kind::Unfinished, std::move(share)) {}
+      placesFrom_(placesFrom.value_or(0)),
+      unfinished_(PeerShare::Kind::Unfinished, std::move(share)) {
+    if (placesFrom.has_value())
+        deferred_.emplace(own_, peer_, area_.capacity);
+}
 
 RingReader::Result RingReader::next(AddressedMessage& message) {
-    if (head_ == tail_)
+    if (head_ == tail_) {
         tail_ = peer_.tail.load();
+        if (deferred_.has_value() && tail_ - shownPosition() > kLargestRing)
+            return Result::Garbage;  // it has written over what it was not told is free
+    }
     if (head_ == tail_)
         return Result::Nothing;
     return nextFrame(message);
@@ -280,7 +282,7 @@ RingReader::Result RingReader::nextFrame(AddressedMessage& message) {
         if (head.length != 0 || partTotal_ != 0)
             return Result::Garbage;
         head_ += static_cast<std::uint32_t>(sizeof head);
-        keep();
+        pass();
         return Result::NextRing;
     }
     std::uint32_t const mark = head.total & kSentBack;
@@ -319,7 +321,7 @@ RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage&
     partDone_ += head.length;
     head_ += frameBytes(head.length);
     if (partDone_ < partTotal_) {
-        keep();
+        pass();
         return Result::Piece;
     }
     lastFrame_ = frameBytes(head.length);
@@ -327,7 +329,19 @@ RingReader::Result RingReader::endFrame(FrameHead const& head, AddressedMessage&
     if (unfinished_.bytes() != 0)
         unfinished_.shrinkTo(0);
     message = std::exchange(partial_, AddressedMessage());
+    MessageChain::endInRing(message, place());
     return Result::Message;
+}
+
+/** One of ours that comes back is nobody's but ours: it need not be released. */
+void RingReader::keepForOwner() {
+    isSentBack() ? deferred_->passed(head_) : deferred_->handedOn(head_);
+}
+
+void RingReader::goOnIn(RingArea area) {
+    area_ = std::move(area);
+    if (deferred_.has_value())
+        deferred_->goOnIn(area_.capacity);
 }
 
 void RingReader::copyOut(unsigned char* to, std::uint32_t position, std::uint32_t length) const {
@@ -347,6 +361,8 @@ void RingReader::wakeUp() {
 /** A sender that is woken for a few bytes sleeps again before the next few are free. While more
  * than half of the ring is filled there is more to read, so its turn comes. */
 bool RingReader::finishBatch() {
+    if (deferred_.has_value())
+        return deferred_->mustRing();
     own_.head.store(head_);
     std::uint32_t const want = peer_.wantsSpace.load();
     if (want == lastWant_ || peer_.tail.load() - head_ > area_.capacity / 2)

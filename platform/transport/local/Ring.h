@@ -1,47 +1,19 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "platform/transport/MessageChain.h"
+#include "platform/transport/local/ControlPage.h"
+#include "platform/transport/local/DeferredHead.h"
 #include "platform/transport/local/PeerShare.h"
 #include "platform/transport/local/SharedMemory.h"
 #include "transport/AddressedMessage.h"
 
 namespace Transport {
-
-/**
- * Everything that one side of a channel tells the other in shared memory. Lies at the start of the
- * memory file of that side, which only that side can write. Each word has a cache line of its own.
- *
- * | offset | width | word | meaning |
- * |---|---|---|---|
- * | 0 | 4 | tail | bytes that the owner has put into its ring since the start, modulo 2^32 |
- * | 64 | 4 | head | bytes that the owner has taken out of the peer's ring, likewise |
- * | 128 | 4 | asleep | 0: the owner looks at the ring by itself; else ring its bell once after each
- * change of this word |
- * | 192 | 4 | wantsSpace | changes when the owner wants its bell rung after `head` has moved, as soon
- * as half of the ring is free |
- *
- * All words are written and read with sequentially consistent operations wherever the two sides
- * could otherwise miss each other: "store tail, then read asleep" against "store asleep, then read
- * tail", and the same with head and wantsSpace.
- */
-struct ControlPage {
-    alignas(64) std::atomic<std::uint32_t> tail;
-    alignas(64) std::atomic<std::uint32_t> head;
-    alignas(64) std::atomic<std::uint32_t> asleep;
-    alignas(64) std::atomic<std::uint32_t> wantsSpace;
-};
-static_assert(sizeof(ControlPage) == 256 && offsetof(ControlPage, head) == 64 &&
-                  offsetof(ControlPage, asleep) == 128 && offsetof(ControlPage, wantsSpace) == 192,
-              "shared by processes of any word size");
-static_assert(sizeof(std::atomic<std::uint32_t>) == 4 &&
-                  std::atomic<std::uint32_t>::is_always_lock_free,
-              "lies in memory that two processes share");
 
 /** Where the ring begins in the first file of a side: a multiple of every page size in use. Pages
  * that nobody touches take no memory. */
@@ -139,7 +111,7 @@ protected:
     RingArea area_;
     std::array<Former, kMostFormer> former_;  // that the peer has not emptied yet, oldest first
     std::size_t formerCount_ = 0;
-    MessageChain kept_;  // whole, each until the peer has gone beyond its keptUntil
+    MessageChain kept_;  // whole, each until the peer has gone beyond its end
     std::uint32_t tail_ = 0;
     std::uint32_t head_ = 0;  // as last read from the peer
 
@@ -201,7 +173,8 @@ private:
 
 /**
  * The receiving end of a ring. Trusts nothing that it reads there. Used by one thread at a time;
- * see ReadingEnd.
+ * see ReadingEnd. What it has taken is its sender's no more as soon as it is kept, or, for an owner
+ * who passes it on, when that one releases it; see DeferredHead.
  */
 class RingReader {
 public:
@@ -216,18 +189,26 @@ public:
     };
 
     /** `share`: of the process whose ring it is; without one, messages in pieces are not bounded.
-     */
+     * `placesFrom`: messages are to be released, and the first one has this place and its bytes. */
     RingReader(ControlPage& own, ControlPage const& peer, RingArea area,
-               std::shared_ptr<PeerShare> share = nullptr);
+               std::shared_ptr<PeerShare> share = nullptr,
+               std::optional<std::uint32_t> placesFrom = std::nullopt);
 
-    /** A message is the sender's until `keep` is called; before `next` is called again. */
+    /** A message, which knows its place, is the sender's until `keep` is called; before `next` is
+     * called again. */
     Result next(AddressedMessage& message);
-    void keep() { own_.head.store(head_, std::memory_order_release); }
+    void keep() { deferred_.has_value() ? keepForOwner() : keepAll(); }
     /** Whether the last message is one of ours that comes back, not one of the sender's. */
     bool isSentBack() const { return partMark_ != 0; }
     /** Leaves the last message to its sender. Nothing can be read any more. */
     void leave() { head_ -= lastFrame_; }
-    void goOnIn(RingArea area) { area_ = std::move(area); }
+    void goOnIn(RingArea area);
+
+    // ---- For an owner who releases what he has kept; any thread, else no effect ----
+    /** All messages up to the one of this place may go. Whether the peer must be rung. */
+    bool release(std::uint32_t place) {
+        return deferred_.has_value() && deferred_->release(place - placesFrom_);
+    }
 
     bool hasData() const { return peer_.tail.load() != head_; }
     /** Tells the peer that it must ring from now on. Look for data once more afterwards. */
@@ -238,6 +219,8 @@ public:
     bool finishBatch();
     /** Bytes taken since the start. */
     std::uint32_t position() const { return head_; }
+    /** The place of a message that ends here. */
+    std::uint32_t place() const { return placesFrom_ + head_; }
     /** The same as the peer was shown it, and whether it has put in more than that. Any thread. */
     std::uint32_t shownPosition() const { return own_.head.load(std::memory_order_relaxed); }
     bool hasMoreThanShown() const { return peer_.tail.load() != shownPosition(); }
@@ -247,10 +230,15 @@ private:
     Result firstFrame(FrameHead const& head, std::uint32_t mark, AddressedMessage& message);
     void copyOut(unsigned char* to, std::uint32_t position, std::uint32_t length) const;
     Result endFrame(FrameHead const& head, AddressedMessage& message);
+    void keepAll() { own_.head.store(head_, std::memory_order_release); }
+    void keepForOwner();
+    void pass() { deferred_.has_value() ? deferred_->passed(head_) : keepAll(); }
 
     ControlPage& own_;
     ControlPage const& peer_;
     RingArea area_;
+    std::uint32_t const placesFrom_;
+    std::optional<DeferredHead> deferred_;  // for an owner who releases
     std::uint32_t head_ = 0;
     std::uint32_t tail_ = 0;       // as last read from the peer
     std::uint32_t lastFrame_ = 0;  // bytes of it

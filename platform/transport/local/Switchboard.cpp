@@ -22,12 +22,14 @@ std::uint64_t turned(std::uint64_t pair) {
 }
 
 /** Of a channel that may have to know whether its peer exists. */
-int sendThrough(Channel& channel, AddressedMessage const& message, Room room,
-                std::uint64_t* place) {
+Channel::Sent sendThrough(Channel& channel, AddressedMessage const& message, Room room,
+                          std::uint64_t* place) {
     Channel::Sent sent = channel.send(message, false, room, place);
     if (sent == Channel::Sent::AskPresence && Rendezvous::instance().exists(channel.peer()))
         sent = channel.send(message, true, room, place);
-    return sent == Channel::Sent::Taken ? 1 : 0;
+    if (sent == Channel::Sent::AskPresence || sent == Channel::Sent::Refused)
+        channel.mayBeUnused();
+    return sent;
 }
 
 }  // namespace
@@ -45,17 +47,27 @@ int Switchboard::issue(AddressedMessage const& message, TerminationId destinatio
                        std::uint64_t* place, std::shared_ptr<Channel>* waiter) {
     if (message.empty() || inForkedChild())
         return 0;
-    int delivered = 0;
-    std::shared_ptr<Channel> channel = find(message.originator(), destination);
-    if (channel == nullptr)
-        channel = makeChannel(message, destination, room, delivered);
-    if (channel == nullptr)
-        return delivered;
-    if (waiter == nullptr)
-        return sendThrough(*channel, message, room, place);
-    channel->joinWaiters();
-    *waiter = std::move(channel);
-    return sendThrough(**waiter, message, room, place);
+    for (;;) {
+        int delivered = 0;
+        std::shared_ptr<Channel> channel = find(message.originator(), destination);
+        if (channel == nullptr)
+            channel = makeChannel(message, destination, room, delivered);
+        if (channel == nullptr)
+            return delivered;
+        Channel& way = *channel;
+        if (waiter != nullptr) {
+            way.joinWaiters();
+            *waiter = std::move(channel);
+        }
+        Channel::Sent const sent = sendThrough(way, message, room, place);
+        if (sent != Channel::Sent::Retired)
+            return sent == Channel::Sent::Taken ? 1 : 0;
+        if (waiter != nullptr) {
+            channel = std::move(*waiter);
+            channel->leaveWaiters();
+        }
+        remove(way, message.originator());
+    }
 }
 
 /** Null when the termination is one of this process, which has the message then if `delivered`, or
@@ -97,8 +109,17 @@ int Switchboard::sendBack(AddressedMessage const& message) {
         MessageChain::mark(copy, MessageMark::ReachedRing);
         return originator->giveBack(std::move(copy));
     }
-    std::shared_ptr<Channel> const way = channel(from, message.originator());
-    return way != nullptr && way->sendBack(message) ? 1 : 0;
+    for (;;) {
+        std::shared_ptr<Channel> const way = channel(from, message.originator());
+        if (way == nullptr)
+            return 0;
+        Channel::Sent const sent = way->sendBack(message);
+        if (sent == Channel::Sent::Refused)
+            way->mayBeUnused();
+        if (sent != Channel::Sent::Retired)
+            return sent == Channel::Sent::Taken ? 1 : 0;
+        remove(*way, from->id());
+    }
 }
 
 void Switchboard::add(std::shared_ptr<Receiver> receiver) {
@@ -196,10 +217,12 @@ std::shared_ptr<Receiver> Switchboard::receiver(TerminationId id) {
     return found != receivers_.end() ? found->second : nullptr;
 }
 
-void Switchboard::onGone(TerminationId id) {
+/** A receiver of ours that has the id of one of others takes its place. */
+void Switchboard::onGone(TerminationId id, Rendezvous::Whose whose) {
     Switchboard& self = instance();
-    if (std::shared_ptr<Receiver> const own = self.receiver(id))
-        own->refuseReceiving();
+    if (whose == Rendezvous::Whose::Own)
+        if (std::shared_ptr<Receiver> const own = self.receiver(id))
+            own->refuseReceiving();
     while (std::shared_ptr<Channel> const channel = self.takeChannelTo(id))
         channel->peerGone();
 }

@@ -8,6 +8,7 @@
 
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageChain.h"
+#include "platform/transport/local/Rendezvous.h"
 #include "transport/AddressedMessage.h"
 #include "transport/TerminationId.h"
 
@@ -70,7 +71,7 @@ public:
 private:
     Switchboard();
 
-    static void onGone(TerminationId id);
+    static void onGone(TerminationId id, Rendezvous::Whose whose);
     std::shared_ptr<Channel> takeChannelTo(TerminationId peer);
     int issue(AddressedMessage const& message, TerminationId destination, Room room,
               std::uint64_t* place, std::shared_ptr<Channel>* waiter);
