@@ -15,6 +15,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 import zlib
@@ -661,6 +662,8 @@ class ToolTest(HouseTest):
         limited.wait_for('"begun"')
         # The limit holds for rings as well, of which the smallest must have room.
         resource.prlimit(limited.child.pid, resource.RLIMIT_FSIZE, (200_000, 200_000))
+        # What the house says of the calls would fill its pipe.
+        threading.Thread(target=self.house.child.stdout.read, daemon=True).start()
         for _ in range(5):
             self.check([(["call", "/house/hall/blink", "1", "x" * 45_000], 0, "true\n", "")])
         self.assertEqual(limited.child.wait(PATIENCE), 6)
