@@ -97,6 +97,7 @@ private:
 /** How long calls took, in microseconds. */
 struct Times {
     long long worst = 0;
+    std::string slowest;  // whose call took longest
     long long usual = 0;  // not exceeded by nine of ten of a process
 };
 
@@ -130,6 +131,8 @@ public:
             stretch(attacks_, half, "all");
         if (faults_.empty())
             finish();
+        else
+            checkDepartures();
         for (std::string const& fault : faults_)
             std::printf("FOUND %s\n", fault.c_str());
         if (!faults_.empty())
@@ -245,7 +248,8 @@ private:
                     inMilliseconds(seen.good.usual), inMilliseconds(seen.quiet.usual), seen.lines,
                     seen.newcomers);
         if (seen.good.worst > options_.limit * 1000LL + seen.quiet.worst)
-            fault(seen.name + ": a call took " + std::to_string(seen.good.worst / 1000) + " ms");
+            fault(seen.name + ": a call of " + seen.good.slowest + " took " +
+                  std::to_string(seen.good.worst / 1000) + " ms");
         if (seen.good.usual > kUsualAnswer + kCompany * seen.quiet.usual)
             fault(seen.name + ": one call in ten took " + std::to_string(seen.good.usual / 1000) +
                   " ms");
@@ -292,7 +296,10 @@ private:
                 lose(*each, "was wronged");
             if (report.count("worst") == 0)
                 continue;
-            all.worst = std::max<long long>(all.worst, report.at("worst"));
+            if (report.at("worst") > all.worst) {
+                all.worst = report.at("worst");
+                all.slowest = each->name();
+            }
             all.usual = std::max<long long>(all.usual, report.at("usual"));
         }
         return all;
@@ -314,6 +321,7 @@ private:
             balance();
         for (std::size_t i = 0; i < good_.size() && faults_.empty(); ++i)
             compareResources(*good_[i], before_[i]);
+        checkDepartures();
         for (auto const* side : {&good_, &quiet_})
             for (auto const& each : *side) {
                 each->child().closeInput();
@@ -351,8 +359,6 @@ private:
             kPatience);
         if (!balanced)
             fault(unbalanced);
-        else
-            checkDepartures();
     }
     /** No good one was ever told to be gone. */
     void checkDepartures() {

@@ -16,6 +16,7 @@
 #include "GoodObject.h"
 #include "Permitted.h"
 #include "Turn.h"
+#include "logging/Log.h"
 
 namespace {
 
@@ -59,10 +60,12 @@ public:
         std::lock_guard<std::mutex> const lock(mutex_);
         begin_ = now();
     }
-    void stop() {
+    /** Answers how long it took. */
+    long long stop() {
         std::lock_guard<std::mutex> const lock(mutex_);
-        times_.push_back(now() - begin_);
-        begin_ = 0;
+        long long const time = now() - std::exchange(begin_, 0);
+        times_.push_back(time);
+        return time;
     }
     /** Adds those since this was asked last, in microseconds. */
     void moveTo(std::vector<long long>& times) {
@@ -78,6 +81,9 @@ private:
     long long begin_ = 0;           // guarded by mutex_; 0: no call is under way
     std::vector<long long> times_;  // guarded by mutex_
 };
+
+/** Microseconds from which on a call is told of. */
+constexpr long long kSlowCall = 80'000;
 
 /** Calls one partner again and again. */
 class Caller {
@@ -111,7 +117,7 @@ private:
         std::string const sent = text();
         watch_.start();
         auto const result = client.echo(sent);
-        watch_.stop();
+        tell(watch_.stop(), sent.size());
         report_.add("calls");
         if (!result)
             report_.fault("a call of " + partner_ + " failed with " +
@@ -122,11 +128,18 @@ private:
             return;
         watch_.start();
         bool const sentNote = static_cast<bool>(client.note(name_));
-        watch_.stop();
+        tell(watch_.stop(), 0);
         if (sentNote)
             report_.add("sent." + partner_);
         else
             report_.fault("a one-way call of " + partner_ + " failed");
+    }
+
+    /** In the log, beside what caused it. */
+    void tell(long long time, std::size_t bytes) const {
+        if (time >= kSlowCall)
+            REFLECTORB_LOG(4, "hostile", "a call of %s with %zu bytes took %lld ms",
+                           partner_.c_str(), bytes, time / 1000);
     }
 
     std::string const name_;
@@ -137,6 +150,14 @@ private:
     std::mt19937 random_{1};
     unsigned long calls_ = 0;
 };
+
+/** The broker behind which it is. */
+std::string homeOf(TipprmiObjectClient const& handle) {
+    auto const* const location = dynamic_cast<TreflectObjectLocationIf const*>(&*handle.getStub_());
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", location ? location->orbId().value() : 0);
+    return text;
+}
 
 /**
  * Counts the things that it is told of, and whether each comes once, and in order from the end of
@@ -169,8 +190,8 @@ public:
                 report_.fault(std::string(what_) + ": " + name + " was told twice");
         } else {
             if (last_ != 0 && number != last_ + 1)
-                report_.fault(std::string(what_) + ": " + name + " was told after number " +
-                              std::to_string(last_));
+                report_.fault(std::string(what_) + ": " + name + " of " + homeOf(*getSource()) +
+                              " was told after number " + std::to_string(last_));
             last_ = number;
         }
         report_.add(what_);

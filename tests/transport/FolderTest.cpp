@@ -313,6 +313,30 @@ TEST_F(ReplacedLockTest, newcomersKnowWhoHasNotFollowedYetFromThoseWhoImitateHim
     EXPECT_TRUE(newcomer.knowsAll(3)) << "nobody has taken its place";
 }
 
+TEST_F(ReplacedLockTest, whoseNameIsHeldIsNotBuriedWhileALinkHidesHim) {
+    PresenceActor hidden;
+    PresenceActor watcher;
+    std::string const id = hidden.start();
+    watcher.start();
+    PresenceActor other;
+    std::string const ended = other.start();
+    ASSERT_SOON(watcher.known() == 3);
+    auto const holder = replaceSharedFile(
+        lockOf(Transport::TerminationId(static_cast<unsigned>(std::stoul(id, nullptr, 16)))));
+    ASSERT_TRUE(watcher.child().waitForErrorLine("has moved over"));
+    fs::path const entry = fileOf(id);
+    fs::create_symlink("nothing", beside(entry));
+    exchange(entry);
+    EXPECT_TRUE(watcher.does("suspect " + id));
+    other.child().kill();
+    EXPECT_TRUE(watcher.waitUntilTold("departed", ended)) << "the suspect was looked at before";
+    EXPECT_EQ(watcher.known(), 2u);
+    replace(entry);
+    PresenceActor newcomer;
+    newcomer.start();
+    EXPECT_SOON(watcher.known() == 3 && newcomer.known() == 3 && hidden.known() == 3);
+}
+
 TEST_F(ReplacedLockTest, whoseNameIsHeldInTheNewFileIsHeardOnceItsEntryIsSeen) {
     Peer peer;
     PresenceActor early;
@@ -433,7 +457,8 @@ TEST_F(FolderTest, whoIsThereIsKnownAlsoWithoutADescriptorLeftAndALinkLeadsNowhe
     fs::create_symlink(inFolder("03010001.x"), inFolder("03010002.x"));
     EXPECT_EQ(folder->probe("03010001.x"), Transport::EntryFolder::Socket::Alive);
     EXPECT_TRUE(folder->connect("03010001.x").valid());
-    EXPECT_EQ(folder->probe("03010002.x"), Transport::EntryFolder::Socket::Dead);
+    EXPECT_EQ(folder->probe("03010002.x"), Transport::EntryFolder::Socket::Alive)
+        << "what was there may come back";
     EXPECT_FALSE(folder->connect("03010002.x").valid());
     listenAt("03010003.x");
     testsupport::NoDescriptors const none;

@@ -133,7 +133,13 @@ bool Acceptor::makeRoom(std::uint32_t except) {
 bool Acceptor::keepsRoom() const {
     bool const starved = std::any_of(strangers_.begin(), strangers_.end(),
                                      [](auto const& each) { return each.second.starved; });
-    return starved && !descriptorsLeft(listening_.get(), kDescriptorsOfChannel + 1);
+    return (starved || receiver_.keepsDescriptors()) && !hasRoom(listening_.get(), 1);
+}
+
+/** For a channel, others beside, and one that this termination wants to make itself. */
+bool Acceptor::hasRoom(int fd, int others) const {
+    int const own = receiver_.keepsDescriptors() ? kDescriptorsOfChannel : 0;
+    return descriptorsLeft(fd, kDescriptorsOfChannel + others + own);
 }
 
 void Acceptor::receive(OpenSocket socket) {
@@ -201,7 +207,7 @@ void Acceptor::hear(std::uint32_t token) {
         return;
     }
     heard.heldUp = false;
-    if (known && !descriptorsLeft(heard.socket.get(), kDescriptorsOfChannel)) {
+    if (known && !hasRoom(heard.socket.get(), 0)) {
         if (!std::exchange(heard.starved, true))
             tellNoDescriptor();
         keepWaiting(heard, makeRoom(token) ? kUnseenPause : kAcceptPause);

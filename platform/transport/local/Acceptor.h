@@ -59,6 +59,7 @@ private:
     void pauseForRoom();
     bool makeRoom(std::uint32_t except);
     bool keepsRoom() const;
+    bool hasRoom(int fd, int others) const;
     void tellNoDescriptor() const;
     void tellBehind() const;
     void tellHeldUp(Stranger const& stranger) const;

@@ -321,6 +321,7 @@ void Channel::release(std::uint32_t place) {
 
 void Channel::joinWaiters() {
     bool const alone = waiters_.fetch_add(1, std::memory_order_relaxed) == 0;
+    wasAwaited_.store(true, std::memory_order_relaxed);
     int const lonely = lonely_.load(std::memory_order_relaxed);
     if (!alone && lonely != 0)
         lonely_.store(0, std::memory_order_relaxed);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "oswrap/Clock.h"
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageChain.h"
 #include "platform/transport/local/ChannelSides.h"
@@ -177,8 +178,8 @@ public:
     /** When to call `service` again by itself; 0: not at all. */
     long long retryAt() const { return retryAt_; }
     /** Called now and then: gives the connection back after two calls without traffic between. With
-     * `wanted`, others wait for its descriptors: a peer that says nothing to that for long is not
-     * asked any more. */
+     * `wanted`, others wait for its descriptors: then also one with traffic that has had its turn,
+     * unless callers use it; and a peer that does not answer for long is not asked any more. */
     void giveBackIfIdle(bool wanted);
     /** Closes the connection, for which memory did not suffice. */
     void closeForShortage();
@@ -238,6 +239,7 @@ private:
         std::uint32_t lastSent = 0;
         std::uint32_t lastReceived = 0;
         int idleLooks = 0;
+        long long turnFrom = OSWrap::Clock::nowNanoseconds();  // where others wait for descriptors
     };
     /** A Hello and the socket that it came on. */
     struct Greeting {
@@ -295,7 +297,7 @@ private:
     void answerBye();
     void resumeSending();
     void sayByeIfIdleLocked(bool wanted) OSW_REQUIRES(mutex_);
-    bool isSilentLocked() OSW_REQUIRES(mutex_);
+    bool isUnansweredLocked() OSW_REQUIRES(mutex_);
     bool hasReceivedNothing();
 
     /** So many who waited for an answer were alone, in a row, when callers read by themselves. */
@@ -344,6 +346,7 @@ private:
     // Who reads writes here for each message, and who sends does below: not in the same lines.
     alignas(64) ReadingEnd reading_;           // guarded by its role
     alignas(64) std::atomic<int> waiters_{0};  // for answers
+    std::atomic<bool> wasAwaited_{false};      // since the last look for idle ones
     std::atomic<int> lonely_{0};               // statistics: who came alone, up to kLonely in a row
     std::atomic<std::uint32_t> sent_{0};       // written under mutex_
 

@@ -31,6 +31,8 @@ constexpr int kMostAttempts = 10;
 /** A peer that does not answer our Bye keeps its descriptors for so many looks while others wait
  * for them: a second or so. */
 constexpr int kMostLooksForAnswer = 10;
+/** So long a channel with traffic keeps its descriptors while others wait for them. */
+constexpr long long kTurn = 300'000'000;  // nanoseconds
 constexpr unsigned kFirstLines = 10;
 
 }  // namespace
@@ -101,6 +103,8 @@ void Channel::connect() {
             retryLater(kBacklogFullRetry);
         else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)
             tryAgainWithRoom();
+        else if (errno == ENOTSOCK)
+            tryAgain("something else is in its place in the rendezvous folder");
         else
             giveUp(6, "nobody listens there");
         return;
@@ -113,9 +117,11 @@ void Channel::connect() {
         tryAgain("the connection could not be made");
 }
 
-/** Channels that say nothing give way. */
+/** Channels that say nothing, or have had their turn, give way; and those who connect leave what
+ * becomes free to us. */
 void Channel::tryAgainWithRoom() {
     receiver_->wantDescriptors();
+    receiver_->keepDescriptors();
     tryAgain("no descriptor or no memory is left");
 }
 
@@ -490,6 +496,7 @@ void Channel::resumeSending() {
         return;
     state_ = State::Open;
     connection_->idleLooks = 0;
+    connection_->turnFrom = OSWrap::Clock::nowNanoseconds();
     drainLocked();
 }
 
@@ -500,7 +507,7 @@ void Channel::giveBackIfIdle(bool wanted) {
     {
         OSWrap::Lock<> lock(mutex_);
         if (state_ == State::Leaving)
-            unheard = wanted && isSilentLocked();
+            unheard = wanted && isUnansweredLocked();
         else
             sayByeIfIdleLocked(wanted);
     }
@@ -515,10 +522,9 @@ void Channel::giveBackIfIdle(bool wanted) {
     react();
 }
 
-/** Whether a peer that has been told Bye has said and sent nothing for too long. */
-bool Channel::isSilentLocked() {
-    bool const silent = hasReceivedNothing() && !connection_->starved;
-    connection_->idleLooks = silent ? connection_->idleLooks + 1 : 0;
+/** Whether a peer has been told Bye too long ago, whatever it goes on sending. */
+bool Channel::isUnansweredLocked() {
+    connection_->idleLooks = connection_->starved ? 0 : connection_->idleLooks + 1;
     return connection_->idleLooks > kMostLooksForAnswer;
 }
 
@@ -529,16 +535,18 @@ bool Channel::hasReceivedNothing() {
            received == std::exchange(connection_->lastReceived, received);
 }
 
-/** Who waits for an answer keeps it where it is only wanted for others. */
+/** Who waits for answers, or did since the last look, keeps it where it is only wanted for others.
+ */
 void Channel::sayByeIfIdleLocked(bool wanted) {
     std::uint32_t const sent = link_->writer->position();
     bool const allTaken = link_->writer->allTaken();
+    bool const awaited = wasAwaited_.exchange(false) || isAwaited();
     settleLocked();
-    bool const quiet = state_ == State::Open && queue_.empty() && allTaken &&
-                       !(wanted && isAwaited()) &&
-                       sent == std::exchange(connection_->lastSent, sent) && hasReceivedNothing();
-    connection_->idleLooks = quiet ? connection_->idleLooks + 1 : 0;
-    if (connection_->idleLooks < 2 ||
+    bool const silent = hasReceivedNothing() && sent == std::exchange(connection_->lastSent, sent);
+    bool const overdue = wanted && OSWrap::Clock::nowNanoseconds() - connection_->turnFrom > kTurn;
+    bool const free = state_ == State::Open && queue_.empty() && allTaken && !(wanted && awaited);
+    connection_->idleLooks = free && silent ? connection_->idleLooks + 1 : 0;
+    if (!free || (connection_->idleLooks < 2 && !overdue) ||
         sendPacket(link_->socket.get(), packet(Packet::Bye)) != Transfer::Done)
         return;
     connection_->idleLooks = 0;

@@ -15,7 +15,7 @@ namespace {
 constexpr char const* kSource = "Descriptor";
 constexpr rlim_t kEnoughDescriptors = 65'536;
 
-constexpr int kMostAsked = 8;
+constexpr int kMostAsked = 12;
 
 bool canHave(int fd, int count) {
     Descriptor copies[kMostAsked];

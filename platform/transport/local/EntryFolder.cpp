@@ -365,12 +365,22 @@ Descriptor EntryFolder::openEntry(std::string const& file) const {
 
 namespace {
 
-/** 0, or -1 with errno, which may be that of opening the entry. */
+bool isSocket(Descriptor const& entry) {
+    struct stat status;
+    return ::fstat(entry.get(), &status) != 0 || S_ISSOCK(status.st_mode);
+}
+
+/** 0, or -1 with errno, which may be that of opening the entry; ENOTSOCK where something else is in
+ * its place. */
 int connectThrough(Descriptor const& entry, Descriptor const& socket) {
     if (!entry.valid())
         return -1;
     sockaddr_un const address = addressOf(pathOf(entry));
-    return ::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address);
+    if (::connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
+        return 0;
+    if (errno == ECONNREFUSED)
+        errno = isSocket(entry) ? ECONNREFUSED : ENOTSOCK;
+    return -1;
 }
 
 }  // namespace
@@ -411,7 +421,9 @@ OpenSocket EntryFolder::connect(std::string const& file) const {
 pid_t EntryFolder::listenerOf(std::string const& file) const {
     auto const socket = connect(file);
     if (!socket.valid())
-        return errno == ECONNREFUSED || errno == ENOENT || errno == EPROTOTYPE ? kFree : kUnknown;
+        return errno == ECONNREFUSED || errno == ENOENT || errno == EPROTOTYPE || errno == ENOTSOCK
+                   ? kFree
+                   : kUnknown;
     PeerIdentity identity{};
     bool const known = peerIdentity(socket.get(), identity) && identity.user == ::geteuid();
     return known && identity.process > 0 ? identity.process : kFree;
@@ -420,7 +432,7 @@ pid_t EntryFolder::listenerOf(std::string const& file) const {
 EntryFolder::Socket EntryFolder::probe(std::string const& file) const {
     if (connectTo(file, asking_) == 0)
         return Socket::Alive;
-    // EPROTOTYPE: one of the entries' type is there.
+    // EPROTOTYPE: one of the entries' type is there. ENOTSOCK: what was there may come back.
     return errno == ECONNREFUSED ? Socket::Dead : errno == ENOENT ? Socket::Absent : Socket::Alive;
 }
 

@@ -131,8 +131,8 @@ public:
     OpenSocket connect(std::string const& file) const;
 
     enum class Socket { Alive, Dead, Absent };
-    /** Whether somebody has the entry's socket, also who is stopped, or cannot be asked now. The
-     * other side notices nothing. */
+    /** Whether somebody has the entry's socket, also who is stopped, or cannot be asked now, as
+     * while somebody has put something else in its place. The other side notices nothing. */
     Socket probe(std::string const& file) const;
     /** Connects and leaves at once, upon which the entry's owner looks whether he still uses the
      * file that is in the folder. */

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "oswrap/AdaptiveWait.h"
+#include "oswrap/Clock.h"
 #include "oswrap/ConditionVar.h"
 #include "oswrap/Mutex.h"
 #include "platform/transport/MessageChain.h"
@@ -156,12 +157,16 @@ public:
     /** Calls `service` of a channel with a retry time when that has come. */
     void wakeAt(long long time) { timers_.at(time); }
     /** There are none left: channels of this termination without traffic for a tenth of a second or
-     * two give theirs back. Not a link's, who never do: what they have passed on counts for those
-     * at the other ends, who give them back. */
+     * two give theirs back, and those that have had them for longer. Not a link's, who never do:
+     * what they have passed on counts for those at the other ends, who give them back. */
     void wantDescriptors() {
         if (!passesOn_)
             timers_.hurryIdleLook(OSWrap::Clock::nowNanoseconds());
     }
+    /** A channel of this termination waits for some to connect: until it has tried again, those who
+     * connect here are to leave it enough. */
+    void keepDescriptors() { keptUntil_ = OSWrap::Clock::nowNanoseconds() + kKeepFor; }
+    bool keepsDescriptors() const { return OSWrap::Clock::nowNanoseconds() < keptUntil_; }
 
     // ---- Receiving thread, as what drives this one, in a scope of Receiving ----
     /** Looks at everything once; false when there was nothing to do. Not when `stopping`. */
@@ -209,6 +214,8 @@ private:
     TerminationId const id_;
     ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
     bool const passesOn_;
+    static constexpr long long kKeepFor = 300'000'000;  // nanoseconds
+    long long keptUntil_ = 0;                           // for own channels, descriptors
     std::atomic<bool> stopping_{false};
     static thread_local Receiver const* received_;  // for whom the thread reads
     UnsentCount unsent_;
