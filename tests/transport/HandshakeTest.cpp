@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <deque>
+#include <thread>
 
 #include "AllocationCount.h"
 #include "HandMadeLink.h"
@@ -666,22 +667,35 @@ TEST_F(HandshakeTest, WhoSaysNothingGivesWayToAHelloWhereDescriptorsHaveRunOut) 
     ASSERT_TRUE(peer.isWelcome());
 }
 
-TEST_F(HandshakeTest, AChannelWithoutTrafficGivesWayWhereDescriptorsHaveRunOut) {
-    HandMadePeer idle;
-    HandMadePeer newcomer;
-    ASSERT_TRUE(idle.open(own_.termId()));
-    newcomer.makeSide();
-    std::size_t const before = openDescriptors("socket:");
-    ASSERT_TRUE(newcomer.connect(own_.termId()));
-    ASSERT_SOON(openDescriptors("socket:") == before + 2);
-    NoDescriptors const none;
-    newcomer.sayHello();
-    EXPECT_EQ(idle.nextKind(), Packet::Bye);
-    EXPECT_TRUE(idle.isDropped()) << "it does not answer";
-    idle.hangUp();
-    idle.peer = PeerSide();  // the newcomer needs some here, too
-    EXPECT_TRUE(newcomer.isWelcome());
-    EXPECT_TRUE(log_.contains("does not answer"));
+TEST_F(HandshakeTest, AChannelGivesWayWhereDescriptorsHaveRunOutWithTrafficAfterItsTurn) {
+    for (bool const talks : {false, true}) {
+        HandMadePeer settled;
+        HandMadePeer newcomer;
+        ASSERT_TRUE(settled.open(own_.termId()));
+        newcomer.makeSide();
+        std::size_t const before = openDescriptors("socket:");
+        ASSERT_TRUE(newcomer.connect(own_.termId()));
+        ASSERT_SOON(openDescriptors("socket:") == before + 2);
+        std::atomic<bool> quiet{!talks};
+        std::thread talker([&] {
+            for (; !quiet; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+                settled.HandMadeLink::put("");
+                settled.ring();
+            }
+        });
+        {
+            NoDescriptors const none;
+            newcomer.sayHello();
+            EXPECT_EQ(settled.nextKind(), Packet::Bye);
+            EXPECT_TRUE(settled.isDropped()) << "it does not answer";
+            quiet = true;
+            talker.join();
+            settled.hangUp();
+            settled.peer = PeerSide();  // the newcomer needs some here, too
+            EXPECT_TRUE(newcomer.isWelcome());
+        }
+        EXPECT_TRUE(log_.contains("does not answer"));
+    }
 }
 
 /** What processes may have of a kind in a test. */
