@@ -182,7 +182,7 @@ bool isAsked(HandMadeLink& link) {
 
 /** Has itself asked before and after calls of its own, never answers, and vanishes; or names those
  * who are not there, or know nothing of it, for calls of others. These would wait for itself, as
- * they should, and for the narrow one, for whom others have to wait their turn. */
+ * they should. */
 void observeAndVanish(Field& field) {
     constexpr std::uint32_t kRegisterObserver = 1000;
     field.leave();
@@ -193,7 +193,7 @@ void observeAndVanish(Field& field) {
     require(object != 0, "nobody lets it in");
     bool const asOther = field.dice(2) == 0;
     TerminationId const other =
-        field.dice(2) == 0 ? field.reachable().id : TerminationId(0xFFF0, 1, kUnits);
+        field.dice(2) == 0 ? field.resident().id : TerminationId(0xFFF0, 1, kUnits);
     auto const tell = [&](std::uint32_t method, std::string const& arguments) {
         link.put(call(field.number(), request, object, method, arguments));
     };

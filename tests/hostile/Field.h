@@ -103,9 +103,10 @@ public:
         return all[dice(static_cast<unsigned int>(all.size()))];
     }
     /** One of those that are there from the beginning to the end. */
-    Victim resident() { return victim(kResidents[dice(4)]); }
-    /** One of them with descriptors enough for all who come. */
-    Victim reachable() { return victim(kResidents[dice(3)]); }
+    Victim resident() {
+        char const* const names[] = {"good-home", "good-caller", "good-witness", "good-narrow"};
+        return victim(names[dice(4)]);
+    }
     /** The own entries, each taken when it is first asked for. */
     Entry& entry(std::size_t which = 0) {
         while (entries_.size() <= which)
@@ -170,8 +171,6 @@ public:
 
 private:
     static constexpr int kPatience = 1000;
-    static constexpr char const* kResidents[] = {"good-home", "good-caller", "good-witness",
-                                                 "good-narrow"};
 
     std::vector<Victim> victims(std::string const& object) const {
         std::vector<Victim> all;

@@ -153,9 +153,8 @@ private:
 
 /** The broker behind which it is. */
 std::string homeOf(TipprmiObjectClient const& handle) {
-    auto const* const location = dynamic_cast<TreflectObjectLocationIf const*>(&*handle.getStub_());
     char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", location ? location->orbId().value() : 0);
+    std::snprintf(text, sizeof text, "0x%08X", handle.getStub_()->orbId().value());
     return text;
 }
 

@@ -465,7 +465,10 @@ TEST_F(FolderTest, whoIsThereIsKnownAlsoWithoutADescriptorLeftAndALinkLeadsNowhe
     for (int round = 0; round < 2; ++round) {
         EXPECT_EQ(folder->probe("03010001.x"), Transport::EntryFolder::Socket::Alive);
         EXPECT_EQ(folder->probe("03010003.x"), Transport::EntryFolder::Socket::Dead);
+        EXPECT_EQ(folder->list().size(), 2u);
     }
+    fs::remove(shared());
+    EXPECT_NE(folder->reopen(1), nullptr);
 }
 
 TEST_F(FolderTest, manyEntriesOfOneIdHideNobody) {

@@ -112,13 +112,15 @@ void Acceptor::pauseForRoom() {
     pause(makeRoom(0) ? kUnseenPause : kAcceptPause);
 }
 
-/** Where descriptors have run out, those who have said nothing for longest, or are held up, give
- * way to who has said Hello, and to who connects: with a few of them, which are closed soon. Where
- * there are none, `except` left out, channels without traffic do, in a while: false. */
+/** Where descriptors have run out, those who have said nothing for longest, are held up, or are
+ * not seen in the folder, give way to who has said Hello, and to who connects: with a few of them,
+ * which are closed soon. Where there are none, `except` left out, channels without traffic do, in a
+ * while: false. */
 bool Acceptor::makeRoom(std::uint32_t except) {
     std::vector<std::uint32_t> leaving;
+    long long const now = OSWrap::Clock::nowNanoseconds();
     for (auto const& [token, stranger] : strangers_) {
-        if (stranger.givesWay() && token != except &&
+        if (stranger.givesWay(now) && token != except &&
             leaving.size() < std::size_t{kDescriptorsOfChannel})
             leaving.push_back(token);
     }
@@ -163,11 +165,12 @@ void Acceptor::receive(OpenSocket socket) {
     hear(token);
 }
 
-/** Of those who say nothing, or are held up, if there are any: who else has said Hello and waits
+/** Of those who give way, if there are any: who else has said Hello and waits
  * may be a good one. */
 void Acceptor::dropOldest() {
+    long long const now = OSWrap::Clock::nowNanoseconds();
     auto const found = std::find_if(strangers_.begin(), strangers_.end(),
-                                    [](auto const& each) { return each.second.givesWay(); });
+                                    [now](auto const& each) { return each.second.givesWay(now); });
     drop((found == strangers_.end() ? strangers_.begin() : found)->first);
 }
 
@@ -252,7 +255,9 @@ Rendezvous::Claim Acceptor::judgeClaim(Stranger& stranger, TerminationId claimed
     pid_t const process = stranger.identity.process;
     Rendezvous::Claim const claim = Rendezvous::instance().claim(claimed, process);
     long long const now = OSWrap::Clock::nowNanoseconds();
-    if (claim == Rendezvous::Claim::Unseen && stranger.unseenSince == 0)
+    if (claim != Rendezvous::Claim::Unseen)
+        stranger.unseenSince = 0;
+    else if (stranger.unseenSince == 0)
         stranger.unseenSince = now;
     if (claim == Rendezvous::Claim::True ||
         (claim == Rendezvous::Claim::Unseen && now - stranger.unseenSince < kMostUnseen))
@@ -313,7 +318,8 @@ void Acceptor::serveTimers(long long now) {
     for (std::uint32_t token : late)
         drop(token);
     for (std::uint32_t token : waiting)
-        hear(token);
+        if (knows(token))  // he may have given way to one before
+            hear(token);
 }
 
 void Acceptor::close() {

@@ -39,6 +39,7 @@ public:
     static void introductionLimit(long long nanoseconds);
 
 private:
+    static constexpr long long kTimeToBeSeen = 100'000'000;  // nanoseconds
     /** Somebody who has connected and not introduced himself. */
     struct Stranger {
         OpenSocket socket;
@@ -50,8 +51,12 @@ private:
         long long hearAgainAt =
             0;  // when his Hello, which waits, is looked at again; 0: none waits
 
-        /** For one whose Hello waits for something else, or who connects. */
-        bool givesWay() const { return hearAgainAt == 0 || heldUp; }
+        /** For one whose Hello waits for something else, or who connects. Who is there is seen
+         * soon; who claims at will to be somebody is not. */
+        bool givesWay(long long now) const {
+            return hearAgainAt == 0 || heldUp ||
+                   (unseenSince != 0 && now - unseenSince > kTimeToBeSeen);
+        }
     };
 
     void receive(OpenSocket socket);

@@ -173,6 +173,7 @@ std::shared_ptr<PresenceFile> EntryFolder::file() const {
 std::shared_ptr<PresenceFile> EntryFolder::reopen(std::uint32_t lastNameId) {
     std::shared_ptr<PresenceFile> const inUse = file();
     std::string reason;
+    lendSpare();
     auto opened = PresenceFile::open(folder_.get(), path_, lastNameId, reason);
     if (opened == nullptr) {
         static Logging::LineLimit limit;
@@ -234,6 +235,7 @@ struct CloseFolder {
 
 std::vector<FolderEntry> EntryFolder::list() const {
     std::vector<FolderEntry> entries;
+    lendSpare();
     // A descriptor of its own: those that are duplicated share their place in the folder.
     int const descriptor = withEnoughDescriptors([this] {
         return ::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
@@ -406,6 +408,14 @@ int EntryFolder::connectBySpare(std::string const& file, Descriptor const& socke
 void EntryFolder::keepSpare() const {
     if (!spare_.valid())
         spare_ = Descriptor(::openat(folder_.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+/** To who opens something next, where no other is left. */
+void EntryFolder::lendSpare() const {
+    if (descriptorsLeft(folder_.get(), 1))
+        return;
+    OSWrap::Lock<> lock(spareMutex_);
+    spare_.reset();
 }
 
 OpenSocket EntryFolder::connect(std::string const& file) const {

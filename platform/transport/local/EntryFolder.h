@@ -157,6 +157,7 @@ private:
     int connectTo(std::string const& file, Descriptor const& socket) const;
     int connectBySpare(std::string const& file, Descriptor const& socket) const;
     void keepSpare() const OSW_REQUIRES(spareMutex_);
+    void lendSpare() const;
 
     std::string const path_;
     Descriptor const folder_;

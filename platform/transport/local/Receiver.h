@@ -184,6 +184,9 @@ public:
 
 private:
     class ReceivingThread;
+    /** Nanoseconds; a channel tries again sooner. */
+    static constexpr long long kKeepFor = 300'000'000;
+
     void run();
     bool serveAllReturned();
     void forget(Channel& channel);
@@ -214,8 +217,7 @@ private:
     TerminationId const id_;
     ReceiverOwner* const owner_;  // a callback begins only while stopping_ is not set
     bool const passesOn_;
-    static constexpr long long kKeepFor = 300'000'000;  // nanoseconds
-    long long keptUntil_ = 0;                           // for own channels, descriptors
+    long long keptUntil_ = 0;  // see keepDescriptors; of the receiving thread
     std::atomic<bool> stopping_{false};
     static thread_local Receiver const* received_;  // for whom the thread reads
     UnsentCount unsent_;
